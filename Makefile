@@ -1,0 +1,47 @@
+# SPDX-License-Identifier: GPL-2.0
+# make demo   everything from nothing: install what is missing, build, mount, replicate, compare
+# make test   unit tests under the address, undefined-behaviour and thread sanitizers, and end to end
+# make check  the presubmit checks: format, headers, both compilers, include arrows, stack sizes
+# KDIR=...    with check: also compile the module against a configured Linux 2.6.18 tree
+
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+PREFIX ?= /usr/local
+TESTJOBS ?= $(shell echo $$(( 2 * $$(nproc) )))
+
+.PHONY: all deps demo test test-asan test-tsan check bench install clean
+
+all: build/release/build.ninja
+	cmake --build build/release -j $(JOBS)
+
+build/%/build.ninja: CMakeLists.txt CMakePresets.json
+	cmake --preset $*
+
+deps:
+	@tools/deps.sh
+
+demo: deps all
+	@tools/demo.sh build/release
+
+test: deps test-asan test-tsan
+
+test-asan: build/asan/build.ninja
+	cmake --build build/asan -j $(JOBS)
+	ctest --test-dir build/asan -j $(TESTJOBS) --output-on-failure --no-tests=error
+
+# The thread sanitizer's own run: the kernel's and the module's cases, where the locks are.
+test-tsan: build/tsan/build.ninja
+	cmake --build build/tsan -j $(JOBS) --target ukern_test module_test
+	ctest --test-dir build/tsan -j $(TESTJOBS) --output-on-failure --no-tests=error -R '^(ukern|module)_test/'
+
+check: deps
+	@tools/check.sh
+
+bench: deps all
+	cmake --build build/release --target bench
+
+install: all
+	cmake --install build/release --prefix $(PREFIX)
+
+clean:
+	rm -rf build

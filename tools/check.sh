@@ -1,0 +1,69 @@
+#!/bin/bash
+# SPDX-License-Identifier: GPL-2.0
+# The presubmit checks. Each prints one line when it is content.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+sources() { git ls-files -co --exclude-standard -- '*.cc' '*.h' '*.c'; }
+
+check_format() {
+  sources | xargs clang-format --dry-run -Werror
+  echo "format: ok"
+}
+
+check_licence() {
+  local bad
+  bad=$(git ls-files -co --exclude-standard -- '*.cc' '*.h' '*.c' '*.sh' '*.py' '*.cmake' 'CMakeLists.txt' |
+    xargs grep -L 'SPDX-License-Identifier: GPL-2.0' || true)
+  [ -z "$bad" ] || { echo "no SPDX line: $bad" >&2; return 1; }
+  echo "licence lines: ok"
+}
+
+check_words() {
+  local bad
+  bad=$(git ls-files -co --exclude-standard -z -- ':!tools/check.sh' ':!LICENSE' |
+    xargs -0 grep -nIwE 'TODO|FIXME|XXX|HACK' || true)
+  [ -z "$bad" ] || { echo "unfinished: $bad" >&2; return 1; }
+  echo "words: ok"
+}
+
+check_conditionals() {
+  local bad
+  bad=$(grep -rnE '^\s*#\s*if(def|ndef)?\b' module --include='*.cc' --include='*.h' |
+    grep -vE '#ifndef [A-Z0-9_]+_H$|__KERNEL__' || true)
+  [ -z "$bad" ] || { echo "module code depends on where it is built: $bad" >&2; return 1; }
+  echo "module conditionals: ok"
+}
+
+# What the module loader of a real kernel would ignore or cannot load must not be in the module's objects.
+check_module_objects() {
+  local object bad
+  cmake --build build/release --target tarn_module >/dev/null
+  while read -r object; do
+    bad=$(objdump -h "$object" | grep -oE '\.(ctors|init_array|eh_frame|gcc_except_table)\S*' || true)
+    bad+=$(nm "$object" | grep -oE '_ZGV\S*|__cxa_\S*|__gxx_\S*|_Unwind\S*' || true)
+    [ -z "$bad" ] || { echo "$object: $bad" >&2; return 1; }
+  done < <(find build/release/module -name '*.o')
+  echo "module objects: ok"
+}
+
+check_kmod() {
+  if [ -z "${KDIR:-}" ]; then
+    echo "kmod: skipped, no KDIR given"
+    return
+  fi
+  make -s -C kmod KDIR="$KDIR"
+  echo "kmod: ok"
+}
+
+check_format
+check_licence
+check_words
+check_conditionals
+tools/check_includes.py
+cmake --preset release >/dev/null
+tools/check_compile.py build/release --headers
+check_module_objects
+cmake --preset debug -B build/check-clang -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+tools/check_compile.py build/check-clang
+check_kmod

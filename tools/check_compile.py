@@ -1,0 +1,79 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-2.0
+"""Compiles, syntax only, every source of a build folder's compile_commands.json and every header alone.
+
+usage: check_compile.py BUILD-FOLDER [--headers]
+
+With --headers, each header of the tree is compiled by itself with the flags of a source of its own folder.
+"""
+import concurrent.futures
+import json
+import os
+import pathlib
+import shlex
+import subprocess
+import sys
+
+
+def syntax_only(entry, source):
+    words = shlex.split(entry["command"])
+    out = []
+    skip = False
+    for word in words:
+        if skip:
+            skip = False
+        elif word == "-o":
+            skip = True
+        elif word != "-c" and word != entry["file"]:
+            out.append(word)
+    return out + ["-fsyntax-only", "-x", "c" if source.endswith(".c") else "c++", source]
+
+
+def run(job):
+    name, command, folder = job
+    done = subprocess.run(command, cwd=folder, capture_output=True, text=True)
+    return name, done.returncode, done.stderr
+
+
+def header_jobs(root, entries):
+    """A header takes the flags of a source in its folder, or of the nearest folder above that has one."""
+    by_folder = {}
+    for entry in entries:
+        by_folder.setdefault(os.path.dirname(entry["file"]), entry)
+    lender = {"module/include": "module", "module/os_public/Include": "module", "ukern": "ukern/vfs",
+              "ukern/include": "ukern/vfs", "tests/harness": None}
+    names = subprocess.run(["git", "ls-files", "-co", "--exclude-standard", "*.h"], cwd=root, check=True,
+                           capture_output=True, text=True).stdout.split()
+    for name in names:
+        if name.startswith("kmod/"):
+            continue
+        folder = os.path.dirname(name)
+        while folder and str(root / folder) not in by_folder:
+            folder = lender.get(folder) or os.path.dirname(folder)
+        if not folder:
+            continue
+        entry = by_folder[str(root / folder)]
+        command = syntax_only(entry, str(root / name)) + ["-Wno-pragma-once-outside-header"]
+        yield name, command, entry["directory"]
+
+
+def main():
+    root = pathlib.Path(__file__).resolve().parent.parent
+    build = pathlib.Path(sys.argv[1])
+    entries = json.loads((build / "compile_commands.json").read_text())
+    if "--headers" in sys.argv:
+        jobs = list(header_jobs(root, entries))
+    else:
+        jobs = [(e["file"], syntax_only(e, e["file"]), e["directory"]) for e in entries]
+    failed = 0
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        for name, code, text in pool.map(run, jobs):
+            if code:
+                failed += 1
+                print("%s:\n%s" % (name, text))
+    print("%s: %d compiled, %d failed" % ("headers" if "--headers" in sys.argv else "sources", len(jobs), failed))
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,72 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-2.0
+"""Checks that includes follow the arrows between folders and that kernel headers have one door only."""
+import pathlib
+import re
+import subprocess
+import sys
+
+# Folder -> folders of this tree whose headers it may include, besides its own.
+ALLOWED = {
+    "module": set(),
+    "kmod": {"module"},
+    "ukern": set(),
+    "tarnd": {"ukern", "module/os_public"},
+    "client": {"module/os_public"},
+    "tarn": {"client", "module/os_public"},
+    "mirrord": {"client", "module/os_public"},
+    "tests": {"*"},
+    "fuzz": {"*"},
+    "bench": {"*"},
+}
+KERNEL_DOOR = "module/kernel.h"
+KERNEL_HEADER = re.compile(r"^(linux|asm|asm-generic|net)/")
+INCLUDE = re.compile(r'^\s*#\s*include\s+([<"])([^>"]+)[>"]')
+
+
+def home(root, source, name):
+    """The folder of this tree that an include names, or None for a header from elsewhere."""
+    places = [source.parent / name, root / name]
+    places += [root / p / name for p in
+               ("module", "module/include", "module/os_public/Include", "client")]
+    for place in places:
+        if place.is_file():
+            rel = place.resolve().relative_to(root)
+            top = rel.parts[0]
+            return "module/os_public" if str(rel).startswith("module/os_public") else top
+    return None
+
+
+def check(root, source):
+    rel = source.relative_to(root)
+    top = rel.parts[0]
+    if top not in ALLOWED:
+        return
+    for number, line in enumerate(source.read_text(errors="replace").splitlines(), 1):
+        match = INCLUDE.match(line)
+        if not match:
+            continue
+        name = match.group(2)
+        if top == "module" and KERNEL_HEADER.match(name) and str(rel) != KERNEL_DOOR:
+            yield "%s:%d: <%s> goes round %s" % (rel, number, name, KERNEL_DOOR)
+            continue
+        if top == "ukern" and rel.parts[1] == "host" and KERNEL_HEADER.match(name):
+            continue
+        target = home(root, source, name)
+        if target is None or target == top or (top == "module" and target == "module/os_public"):
+            continue
+        if not ALLOWED[top] & {target, "*"}:
+            yield "%s:%d: %s/ may not include %s (%s/)" % (rel, number, top, name, target)
+
+
+def main():
+    root = pathlib.Path(__file__).resolve().parent.parent
+    names = subprocess.run(["git", "ls-files", "-co", "--exclude-standard", "*.cc", "*.h", "*.c"],
+                           cwd=root, check=True, capture_output=True, text=True).stdout.split()
+    errors = [e for n in names for e in check(root, root / n)]
+    print("\n".join(errors) if errors else "includes: %d files follow the arrows" % len(names))
+    return 1 if errors else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

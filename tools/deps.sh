@@ -1,0 +1,30 @@
+#!/bin/bash
+# SPDX-License-Identifier: GPL-2.0
+# Installs the Debian 12 packages that building, testing and the demo need. Does nothing when all are there.
+set -euo pipefail
+
+packages=(
+  binutils build-essential clang clang-format cmake coreutils fuse3 libbenchmark-dev libclang-rt-14-dev
+  libcli11-dev libfmt-dev libfuse3-dev libgmock-dev libgtest-dev librapidcheck-dev libspdlog-dev libssl-dev
+  ninja-build nlohmann-json3-dev pkg-config procps python3 util-linux
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  state=$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null || true)
+  [ "$state" = installed ] || missing+=("$package")
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+echo "installing: ${missing[*]}"
+as_root=()
+if [ "$(id -u)" -ne 0 ]; then
+  command -v sudo >/dev/null || {
+    echo "deps: these packages are missing and only root can install them: ${missing[*]}" >&2
+    exit 1
+  }
+  as_root=(sudo)
+fi
+"${as_root[@]}" apt-get update -qq
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
+  "${missing[@]}" >/dev/null

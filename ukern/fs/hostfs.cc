@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: GPL-2.0
+/* hostfs: the file system type, its super blocks and inodes. */
+#include "ukern/fs/hostfs_internal.h"
+
+#include <linux/backing-dev.h>
+#include <linux/err.h>
+#include <linux/hash.h>
+#include <linux/mount.h>
+#include <linux/pagemap.h>
+#include <linux/slab.h>
+#include <linux/statfs.h>
+#include <linux/string.h>
+
+#include "ukern/fs/fs_types.h"
+#include "ukern/fs/hostfs.h"
+
+namespace {
+
+constexpr long kMagic = 0x686f7374;
+
+struct kmem_cache *inode_cache;
+
+// Nothing is ever dirty here: writes go straight to the host.
+struct backing_dev_info hostfs_bdi;
+
+struct object {
+  struct host_stat stat;
+  int fd;
+};
+
+int same_object(struct inode *inode, void *data) {
+  return hostfs_is(inode, &static_cast<const object *>(data)->stat);
+}
+
+int set_object(struct inode *inode, void *data) {
+  const auto *wanted = static_cast<const object *>(data);
+  hostfs_i(inode)->dev = wanted->stat.dev;
+  hostfs_i(inode)->ino = wanted->stat.ino;
+  hostfs_i(inode)->mount = wanted->stat.mount;
+  hostfs_i(inode)->fd = wanted->fd;
+  inode->i_ino = wanted->stat.ino;
+  return 0;
+}
+
+struct timespec time_from(const struct host_time &time) {
+  struct timespec ts;
+  ts.tv_sec = time.sec;
+  ts.tv_nsec = time.nsec;
+  return ts;
+}
+
+void set_operations(struct inode *inode, const struct host_stat &stat) {
+  const umode_t mode = static_cast<umode_t>(stat.mode);
+  inode->i_op = &hostfs_file_iops;
+  if (S_ISDIR(mode)) {
+    inode->i_op = &hostfs_dir_iops;
+    inode->i_fop = &hostfs_dir_fops;
+  } else if (S_ISLNK(mode)) {
+    inode->i_op = &hostfs_symlink_iops;
+  } else if (S_ISREG(mode)) {
+    inode->i_fop = &hostfs_file_fops;
+    inode->i_mapping->a_ops = &hostfs_aops;
+  } else {
+    init_special_inode(inode, mode, MKDEV(stat.rdev_major, stat.rdev_minor));
+  }
+  inode->i_mapping->backing_dev_info = &hostfs_bdi;
+}
+
+struct inode *hostfs_alloc_inode(struct super_block *) {
+  auto *info = static_cast<struct hostfs_inode *>(kmem_cache_alloc(inode_cache, GFP_KERNEL));
+  if (!info) return nullptr;
+  info->fd = -1;
+  info->dev = info->ino = info->mount = 0;
+  inode_init_once(&info->vfs_inode);
+  return &info->vfs_inode;
+}
+
+void hostfs_destroy_inode(struct inode *inode) {
+  if (hostfs_fd(inode) >= 0) host_fs_close(hostfs_fd(inode));
+  kmem_cache_free(inode_cache, hostfs_i(inode));
+}
+
+int hostfs_statfs(struct dentry *dentry, struct kstatfs *buf) {
+  struct host_statfs host;
+  if (int error = host_fs_statfs(hostfs_fd(dentry->d_inode), &host)) return error;
+  buf->f_type = host.type;
+  buf->f_bsize = host.bsize;
+  buf->f_blocks = host.blocks;
+  buf->f_bfree = host.bfree;
+  buf->f_bavail = host.bavail;
+  buf->f_files = host.files;
+  buf->f_ffree = host.ffree;
+  memcpy(&buf->f_fsid, &host.fsid, sizeof buf->f_fsid);
+  buf->f_namelen = host.namelen;
+  buf->f_frsize = host.frsize;
+  return 0;
+}
+
+struct super_operations hostfs_sops = {
+    .alloc_inode = hostfs_alloc_inode,
+    .destroy_inode = hostfs_destroy_inode,
+    // An inode pins what the host may want to free: it goes with its last user.
+    .drop_inode = generic_delete_inode,
+    .statfs = hostfs_statfs,
+};
+
+int hostfs_fill_super(struct super_block *sb, void *data, int) {
+  const auto *source = static_cast<const char *>(data);
+  sb->s_op = &hostfs_sops;
+  sb->s_magic = kMagic;
+  sb->s_maxbytes = MAX_LFS_FILESIZE;
+  sb->s_blocksize = PAGE_CACHE_SIZE;
+  sb->s_blocksize_bits = PAGE_CACHE_SHIFT;
+  sb->s_time_gran = 1;
+  sb->s_flags |= MS_NOATIME | MS_NODIRATIME;  // access times are the host's own business
+
+  const int fd = host_fs_root(source);
+  if (fd < 0) return fd;
+  struct inode *root = hostfs_iget(sb, fd);
+  if (IS_ERR(root)) return (int)PTR_ERR(root);
+  sb->s_root = d_alloc_root(root);
+  if (!sb->s_root) {
+    iput(root);
+    return -ENOMEM;
+  }
+  sb->s_root->d_op = &hostfs_dops;
+  return 0;
+}
+
+int hostfs_get_sb(struct file_system_type *type, int flags, const char *dev_name, void *,
+                  struct vfsmount *mnt) {
+  if (!dev_name || !*dev_name) return -EINVAL;
+  return get_sb_nodev(type, flags, const_cast<char *>(dev_name), hostfs_fill_super, mnt);
+}
+
+struct file_system_type hostfs_type = {
+    .name = "hostfs",
+    .get_sb = hostfs_get_sb,
+    .kill_sb = kill_anon_super,
+    .owner = THIS_MODULE,
+};
+
+}  // namespace
+
+void hostfs_take_stat(struct inode *inode, const struct host_stat *stat) {
+  spin_lock(&inode->i_lock);
+  inode->i_mode = static_cast<umode_t>(stat->mode);
+  inode->i_nlink = stat->nlink;
+  inode->i_uid = stat->uid;
+  inode->i_gid = stat->gid;
+  inode->i_rdev = MKDEV(stat->rdev_major, stat->rdev_minor);
+  i_size_write(inode, static_cast<loff_t>(stat->size));
+  inode->i_blocks = stat->blocks;
+  inode->i_blksize = stat->blksize;
+  inode->i_atime = time_from(stat->atime);
+  inode->i_mtime = time_from(stat->mtime);
+  inode->i_ctime = time_from(stat->ctime);
+  spin_unlock(&inode->i_lock);
+}
+
+int hostfs_refresh(struct inode *inode) {
+  struct host_stat stat;
+  if (int error = host_fs_stat(hostfs_fd(inode), &stat)) return error;
+  hostfs_take_stat(inode, &stat);
+  return 0;
+}
+
+struct inode *hostfs_iget(struct super_block *sb, int fd) {
+  object wanted = {{}, fd};
+  if (int error = host_fs_stat(fd, &wanted.stat)) {
+    host_fs_close(fd);
+    return static_cast<struct inode *>(ERR_PTR(error));
+  }
+  const unsigned long hash = hash_long(wanted.stat.ino ^ wanted.stat.dev << 32, BITS_PER_LONG);
+  struct inode *inode = iget5_locked(sb, hash, same_object, set_object, &wanted);
+  if (!inode) {
+    host_fs_close(fd);
+    return static_cast<struct inode *>(ERR_PTR(-ENOMEM));
+  }
+  const bool is_new = inode->i_state & I_NEW;
+  if (is_new) set_operations(inode, wanted.stat);
+  hostfs_take_stat(inode, &wanted.stat);
+  if (is_new)
+    unlock_new_inode(inode);
+  else
+    host_fs_close(fd);
+  return inode;
+}
+
+int hostfs_init(void) {
+  const long descriptors = host_fs_start();
+  hostfs_set_idle_files(descriptors > 256 ? (unsigned long)descriptors / 4 : 64);
+  hostfs_bdi = {};
+  hostfs_bdi.capabilities = BDI_CAP_NO_ACCT_DIRTY | BDI_CAP_NO_WRITEBACK | BDI_CAP_MAP_COPY;
+  inode_cache =
+      kmem_cache_create("hostfs_inode_cache", sizeof(struct hostfs_inode), 0, 0, nullptr, nullptr);
+  if (!inode_cache) return -ENOMEM;
+  const int error = register_filesystem(&hostfs_type);
+  if (error) kmem_cache_destroy(inode_cache);
+  return error;
+}
+
+void hostfs_exit(void) {
+  unregister_filesystem(&hostfs_type);
+  kmem_cache_destroy(inode_cache);
+  inode_cache = nullptr;
+}

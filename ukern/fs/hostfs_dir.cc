@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: GPL-2.0
+/* hostfs: names. Looking them up, believing them, making and removing them. */
+#include "ukern/fs/hostfs_internal.h"
+
+#include <linux/err.h>
+#include <linux/limits.h>
+#include <linux/namei.h>
+#include <linux/string.h>
+
+namespace {
+
+const char *name_of(const struct dentry *dentry) {
+  return reinterpret_cast<const char *>(dentry->d_name.name);
+}
+
+// Compares what the host has under the name now with what the dentry says.
+int hostfs_revalidate(struct dentry *dentry, struct nameidata *) {
+  if (IS_ROOT(dentry) || d_mountpoint(dentry)) return 1;
+  char name[NAME_MAX + 1];
+  spin_lock(&dentry->d_lock);  // against a rename of the dentry meanwhile
+  strlcpy(name, name_of(dentry), sizeof name);
+  spin_unlock(&dentry->d_lock);
+
+  const host_identity as = hostfs_caller();
+  struct dentry *parent = dget_parent(dentry);
+  struct host_stat stat;
+  const int error = host_fs_stat_name(&as, hostfs_fd(parent->d_inode), name, &stat);
+  dput(parent);
+  struct inode *inode = dentry->d_inode;
+  if (!inode) return error == -ENOENT;
+  if (error || !hostfs_is(inode, &stat)) return 0;
+  hostfs_take_stat(inode, &stat);
+  return 1;
+}
+
+// A directory that the host has moved loses the name under which it was known, so that it is not in
+// the tree twice.
+void forget_moved(struct inode *inode) {
+  if (!S_ISDIR(inode->i_mode)) return;
+  if (struct dentry *alias = d_find_alias(inode)) {
+    if (!hostfs_revalidate(alias, nullptr)) d_drop(alias);
+    dput(alias);
+  }
+}
+
+struct dentry *hostfs_lookup(struct inode *dir, struct dentry *dentry, struct nameidata *) {
+  const host_identity as = hostfs_caller();
+  dentry->d_op = &hostfs_dops;
+  const int fd = host_fs_lookup(&as, hostfs_fd(dir), name_of(dentry));
+  if (fd == -ENOENT) {
+    d_add(dentry, nullptr);
+    return nullptr;
+  }
+  if (fd < 0) return static_cast<struct dentry *>(ERR_PTR(fd));
+  struct inode *inode = hostfs_iget(dir->i_sb, fd);
+  if (IS_ERR(inode)) return static_cast<struct dentry *>(ERR_PTR(PTR_ERR(inode)));
+  forget_moved(inode);
+  return d_splice_alias(inode, dentry);
+}
+
+// Binds a dentry to what has just been made under its name. `fd` is a path descriptor of it or an
+// error.
+int instantiate(struct inode *dir, struct dentry *dentry, int fd) {
+  hostfs_refresh(dir);
+  if (fd < 0) {
+    d_drop(dentry);
+    return fd;
+  }
+  struct inode *inode = hostfs_iget(dir->i_sb, fd);
+  if (IS_ERR(inode)) {
+    d_drop(dentry);
+    return (int)PTR_ERR(inode);
+  }
+  d_instantiate(dentry, inode);
+  return 0;
+}
+
+int instantiate_by_name(struct inode *dir, struct dentry *dentry, const host_identity &as) {
+  return instantiate(dir, dentry, host_fs_lookup(&as, hostfs_fd(dir), name_of(dentry)));
+}
+
+int hostfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nameidata *) {
+  const host_identity as = hostfs_caller();
+  const int fd = host_fs_create(&as, hostfs_fd(dir), name_of(dentry), (unsigned)mode & 07777);
+  if (fd < 0) return fd;
+  return instantiate(dir, dentry, fd);
+}
+
+int hostfs_mkdir(struct inode *dir, struct dentry *dentry, int mode) {
+  const host_identity as = hostfs_caller();
+  if (int error = host_fs_mkdir(&as, hostfs_fd(dir), name_of(dentry), (unsigned)mode & 07777))
+    return error;
+  return instantiate_by_name(dir, dentry, as);
+}
+
+int hostfs_mknod(struct inode *dir, struct dentry *dentry, int mode, dev_t dev) {
+  const host_identity as = hostfs_caller();
+  const int error =
+      host_fs_mknod(&as, hostfs_fd(dir), name_of(dentry), (unsigned)mode, MAJOR(dev), MINOR(dev));
+  return error ? error : instantiate_by_name(dir, dentry, as);
+}
+
+int hostfs_symlink(struct inode *dir, struct dentry *dentry, const char *target) {
+  const host_identity as = hostfs_caller();
+  if (int error = host_fs_symlink(&as, hostfs_fd(dir), name_of(dentry), target)) return error;
+  return instantiate_by_name(dir, dentry, as);
+}
+
+int hostfs_link(struct dentry *old_dentry, struct inode *dir, struct dentry *dentry) {
+  const host_identity as = hostfs_caller();
+  struct inode *inode = old_dentry->d_inode;
+  if (int error = host_fs_link(&as, hostfs_fd(inode), hostfs_fd(dir), name_of(dentry)))
+    return error;
+  hostfs_refresh(inode);
+  hostfs_refresh(dir);
+  d_instantiate(dentry, igrab(inode));
+  return 0;
+}
+
+int removed(struct inode *dir, struct inode *inode, int error) {
+  if (error) return error;
+  hostfs_refresh(inode);
+  hostfs_refresh(dir);
+  return 0;
+}
+
+int hostfs_unlink(struct inode *dir, struct dentry *dentry) {
+  const host_identity as = hostfs_caller();
+  return removed(dir, dentry->d_inode, host_fs_unlink(&as, hostfs_fd(dir), name_of(dentry)));
+}
+
+int hostfs_rmdir(struct inode *dir, struct dentry *dentry) {
+  const host_identity as = hostfs_caller();
+  return removed(dir, dentry->d_inode, host_fs_rmdir(&as, hostfs_fd(dir), name_of(dentry)));
+}
+
+int hostfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
+                  struct dentry *new_dentry) {
+  const host_identity as = hostfs_caller();
+  const int error = host_fs_rename(&as, hostfs_fd(old_dir), name_of(old_dentry), hostfs_fd(new_dir),
+                                   name_of(new_dentry));
+  if (error) return error;
+  hostfs_refresh(old_dentry->d_inode);
+  if (new_dentry->d_inode) hostfs_refresh(new_dentry->d_inode);
+  hostfs_refresh(old_dir);
+  if (new_dir != old_dir) hostfs_refresh(new_dir);
+  return 0;
+}
+
+}  // namespace
+
+struct dentry_operations hostfs_dops = {
+    .d_revalidate = hostfs_revalidate,
+};
+
+struct inode_operations hostfs_dir_iops = {
+    .create = hostfs_create,
+    .lookup = hostfs_lookup,
+    .link = hostfs_link,
+    .unlink = hostfs_unlink,
+    .symlink = hostfs_symlink,
+    .mkdir = hostfs_mkdir,
+    .rmdir = hostfs_rmdir,
+    .mknod = hostfs_mknod,
+    .rename = hostfs_rename,
+    .permission = hostfs_permission,
+    .setattr = hostfs_setattr,
+    .getattr = hostfs_getattr,
+    .setxattr = hostfs_setxattr,
+    .getxattr = hostfs_getxattr,
+    .listxattr = hostfs_listxattr,
+    .removexattr = hostfs_removexattr,
+};

@@ -1,0 +1,339 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * hostfs: open files. Data goes straight between the caller's buffer and the host; the page cache
+ * holds pages of such a file only for who maps it or reads it page by page, and a write drops them.
+ *
+ * A file is opened for reading first and made writable at the first write, so that a file which the
+ * host will not let us write (a running program, a read-only mount) can be opened for both as long
+ * as nobody writes.
+ */
+#include "ukern/fs/hostfs_internal.h"
+#include "ukern/fs/hostfs.h"
+
+#include <linux/aio.h>
+#include <linux/fcntl.h>
+#include <linux/mm.h>
+#include <linux/mutex.h>
+#include <linux/pagemap.h>
+#include <linux/slab.h>
+#include <linux/uio.h>
+
+namespace {
+
+constexpr unsigned kDirentBuffer = 32 * 1024;
+
+// The data descriptor of an open file. While nobody uses it, it may be closed to keep their number
+// down, and is opened again at the next use: files stay open here for as long as their inode is in
+// memory, which can be long.
+struct open_file {
+  struct list_head idle;  // in idle_files, exactly while fd >= 0 and users is 0; under idle_lock,
+                          // as are the next two
+  int fd;                 // -1: closed
+  unsigned users;
+  int writable;    // fd is, or was, good for writing; under lock, and so are opening and reopening
+  int write_only;  // the host lets us write it only
+  struct mutex lock;
+};
+
+DEFINE_SPINLOCK(idle_lock);
+LIST_HEAD(idle_files);  // the one used last first
+unsigned long nr_idle;
+unsigned long idle_limit;
+
+open_file *open_file_of(const struct file *file) {
+  return static_cast<open_file *>(file->private_data);
+}
+
+int open_data(struct inode *inode, const struct file *file, open_file *open) {
+  const int path = hostfs_fd(inode);
+  if (S_ISDIR(inode->i_mode)) return host_fs_open(path, HOST_OPEN_DIR);
+  if (open->write_only) return host_fs_open(path, HOST_OPEN_WRITE);
+  const int fd = host_fs_open(path, open->writable ? HOST_OPEN_READ_WRITE : HOST_OPEN_READ);
+  if (fd != -EACCES || open->writable || !(file->f_mode & FMODE_WRITE)) return fd;
+  const int write_fd = host_fs_open(path, HOST_OPEN_WRITE);
+  if (write_fd >= 0) open->writable = open->write_only = 1;
+  return write_fd;
+}
+
+// Takes a descriptor that is open into use; -1 when it is closed.
+int use_open(open_file *open) {
+  spin_lock(&idle_lock);
+  if (open->fd >= 0 && open->users++ == 0) {
+    list_del_init(&open->idle);
+    nr_idle--;
+  }
+  const int fd = open->fd;
+  spin_unlock(&idle_lock);
+  return fd;
+}
+
+// The descriptor, which stays open until unuse. -errno.
+int use(struct file *file) {
+  open_file *open = open_file_of(file);
+  int fd = use_open(open);
+  if (fd >= 0) return fd;
+  mutex_lock(&open->lock);
+  fd = use_open(open);  // somebody else may have opened it meanwhile
+  if (fd < 0) {
+    fd = open_data(file->f_mapping->host, file, open);
+    if (fd >= 0) {
+      spin_lock(&idle_lock);
+      open->fd = fd;
+      open->users = 1;
+      spin_unlock(&idle_lock);
+    }
+  }
+  mutex_unlock(&open->lock);
+  return fd;
+}
+
+void unuse(struct file *file) {
+  open_file *open = open_file_of(file);
+  int to_close = -1;
+  spin_lock(&idle_lock);
+  if (--open->users == 0) {
+    list_add(&open->idle, &idle_files);
+    if (++nr_idle > idle_limit) {
+      open_file *oldest = list_entry(idle_files.prev, open_file, idle);
+      list_del_init(&oldest->idle);
+      nr_idle--;
+      to_close = oldest->fd;
+      oldest->fd = -1;
+    }
+  }
+  spin_unlock(&idle_lock);
+  if (to_close >= 0) host_fs_close(to_close);
+}
+
+int hostfs_open(struct inode *, struct file *file) {
+  auto *open = static_cast<open_file *>(kzalloc(sizeof(open_file), GFP_KERNEL));
+  if (!open) return -ENOMEM;
+  INIT_LIST_HEAD(&open->idle);
+  open->fd = -1;
+  mutex_init(&open->lock);
+  file->private_data = open;
+  const int fd = use(file);
+  if (fd < 0) {
+    kfree(open);
+    return fd;
+  }
+  unuse(file);
+  return 0;
+}
+
+int hostfs_release(struct inode *, struct file *file) {
+  open_file *open = open_file_of(file);
+  const int fd = use_open(open);  // nobody else has it any more
+  if (fd >= 0) host_fs_close(fd);
+  kfree(open);
+  return 0;
+}
+
+// `fd` is in use.
+int make_writable(struct file *file, int fd) {
+  open_file *open = open_file_of(file);
+  if (__atomic_load_n(&open->writable, __ATOMIC_ACQUIRE)) return 0;
+  int error = 0;
+  mutex_lock(&open->lock);
+  if (!open->writable) {
+    error = host_fs_make_writable(hostfs_fd(file->f_mapping->host), fd);
+    if (!error) __atomic_store_n(&open->writable, 1, __ATOMIC_RELEASE);
+  }
+  mutex_unlock(&open->lock);
+  return error;
+}
+
+ssize_t hostfs_read(struct file *file, char __user *buf, size_t count, loff_t *ppos) {
+  const int fd = use(file);
+  if (fd < 0) return fd;
+  const auto pos = (unsigned long long)*ppos;
+  const ssize_t result =
+      open_file_of(file)->write_only ? -EACCES : host_fs_pread(fd, buf, count, pos);
+  unuse(file);
+  if (result > 0) *ppos += result;
+  return result;
+}
+
+void drop_cached(struct inode *inode, loff_t pos, ssize_t count) {
+  if (!__atomic_load_n(&inode->i_mapping->nrpages, __ATOMIC_RELAXED)) return;
+  invalidate_mapping_pages(inode->i_mapping, (pgoff_t)(pos >> PAGE_CACHE_SHIFT),
+                           (pgoff_t)((pos + count - 1) >> PAGE_CACHE_SHIFT));
+}
+
+// The write itself, i_mutex held. *ppos moves behind what was written.
+ssize_t write_locked(struct file *file, int fd, const char __user *buf, size_t count,
+                     loff_t *ppos) {
+  struct inode *inode = file->f_mapping->host;
+  const bool append = file->f_flags & O_APPEND;
+  if (append) hostfs_refresh(inode);
+  loff_t pos = *ppos;
+  if (ssize_t error = generic_write_checks(file, &pos, &count, 0)) return error;
+  if (!count) return 0;
+  if (ssize_t error = make_writable(file, fd)) return error;
+
+  const host_identity as = hostfs_caller();
+  auto end = (unsigned long long)pos;
+  const ssize_t written =
+      append ? host_fs_append(&as, fd, buf, count, &end) : host_fs_pwrite(&as, fd, buf, count, end);
+  if (written <= 0) return written;
+  if (!append) end += (unsigned long long)written;
+  *ppos = (loff_t)end;
+  drop_cached(inode, *ppos - written, written);
+  // What else the write changed comes with the next look at the attributes; who copies them
+  // meanwhile sees the times move.
+  spin_lock(&inode->i_lock);
+  if (*ppos > i_size_read(inode)) i_size_write(inode, *ppos);
+  inode->i_mtime = inode->i_ctime = current_fs_time(inode->i_sb);
+  spin_unlock(&inode->i_lock);
+  return written;
+}
+
+ssize_t hostfs_write(struct file *file, const char __user *buf, size_t count, loff_t *ppos) {
+  struct inode *inode = file->f_mapping->host;
+  const int fd = use(file);
+  if (fd < 0) return fd;
+  mutex_lock(&inode->i_mutex);
+  vfs_check_frozen(inode->i_sb, SB_FREEZE_WRITE);
+  ssize_t result = write_locked(file, fd, buf, count, ppos);
+  mutex_unlock(&inode->i_mutex);
+  if (result > 0 && ((file->f_flags & O_SYNC) || IS_SYNC(inode))) {
+    const int error = host_fs_sync(fd, 0);
+    if (error) result = error;
+  }
+  unuse(file);
+  return result;
+}
+
+int hostfs_fsync(struct file *file, struct dentry *, int datasync) {
+  const int fd = use(file);
+  if (fd < 0) return fd;
+  const int error = host_fs_sync(fd, datasync);
+  unuse(file);
+  return error;
+}
+
+loff_t hostfs_llseek(struct file *file, loff_t offset, int origin) {
+  if (origin == SEEK_END) {
+    if (int error = hostfs_refresh(file->f_mapping->host)) return error;
+  }
+  return generic_file_llseek(file, offset, origin);
+}
+
+// A shared mapping that may be written would keep data that the host does not see.
+int hostfs_mmap(struct file *file, struct vm_area_struct *vma) {
+  if ((vma->vm_flags & VM_SHARED) && (vma->vm_flags & VM_MAYWRITE)) return -EINVAL;
+  return generic_file_mmap(file, vma);
+}
+
+ssize_t hostfs_sendfile(struct file *file, loff_t *ppos, size_t count, read_actor_t actor,
+                        void *target) {
+  struct inode *inode = file->f_mapping->host;
+  if (int error = hostfs_refresh(inode)) return error;
+  invalidate_inode_pages(inode->i_mapping);
+  return generic_file_sendfile(file, ppos, count, actor, target);
+}
+
+int hostfs_readpage(struct file *file, struct page *page) {
+  const int path = hostfs_fd(page->mapping->host);
+  const int fd = file ? use(file) : host_fs_open(path, HOST_OPEN_READ);
+  char *data = static_cast<char *>(kmap(page));
+  const auto pos = (unsigned long long)page_offset(page);
+  const long result = fd < 0 ? fd : host_fs_pread(fd, data, PAGE_CACHE_SIZE, pos);
+  if (result >= 0) {
+    memset(data + result, 0, PAGE_CACHE_SIZE - (unsigned long)result);
+    SetPageUptodate(page);
+  } else {
+    SetPageError(page);
+  }
+  kunmap(page);
+  if (fd >= 0 && file) unuse(file);
+  if (fd >= 0 && !file) host_fs_close(fd);
+  unlock_page(page);
+  return result < 0 ? (int)result : 0;
+}
+
+ssize_t direct_segments(int rw, int fd, const struct iovec *iov, loff_t offset,
+                        unsigned long nr_segs) {
+  const host_identity as = hostfs_caller();
+  ssize_t done = 0;
+  for (unsigned long seg = 0; seg < nr_segs; seg++) {
+    const auto pos = (unsigned long long)(offset + done);
+    const ssize_t part = rw == WRITE
+                             ? host_fs_pwrite(&as, fd, iov[seg].iov_base, iov[seg].iov_len, pos)
+                             : host_fs_pread(fd, iov[seg].iov_base, iov[seg].iov_len, pos);
+    if (part < 0) return done ? done : part;
+    done += part;
+    if ((size_t)part < iov[seg].iov_len) break;
+  }
+  return done;
+}
+
+ssize_t hostfs_direct_IO(int rw, struct kiocb *iocb, const struct iovec *iov, loff_t offset,
+                         unsigned long nr_segs) {
+  struct file *file = iocb->ki_filp;
+  const int fd = use(file);
+  if (fd < 0) return fd;
+  ssize_t result = rw == WRITE ? make_writable(file, fd) : 0;
+  if (!result) result = direct_segments(rw, fd, iov, offset, nr_segs);
+  unuse(file);
+  return result;
+}
+
+// Hands the entries of one buffer on. 1: the filler has no more room.
+int emit(struct file *file, const char *buffer, long bytes, void *dirent, filldir_t filldir) {
+  for (long at = 0; at < bytes;) {
+    const auto *entry = reinterpret_cast<const struct host_dirent *>(buffer + at);
+    const int length = (int)strlen(entry->name);
+    if (filldir(dirent, entry->name, length, file->f_pos, entry->ino, entry->type) < 0) return 1;
+    file->f_pos = entry->next;
+    at += entry->length;
+  }
+  return 0;
+}
+
+int hostfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
+  const int fd = use(file);
+  if (fd < 0) return fd;
+  auto *buffer = static_cast<char *>(kmalloc(kDirentBuffer, GFP_KERNEL));
+  long bytes = -ENOMEM;
+  if (buffer) {
+    do {
+      bytes = host_fs_getdents(fd, (unsigned long long)file->f_pos, buffer, kDirentBuffer);
+    } while (bytes > 0 && !emit(file, buffer, bytes, dirent, filldir));
+  }
+  kfree(buffer);
+  unuse(file);
+  return bytes < 0 ? (int)bytes : 0;
+}
+
+}  // namespace
+
+void hostfs_set_idle_files(unsigned long limit) {
+  spin_lock(&idle_lock);
+  idle_limit = limit;
+  spin_unlock(&idle_lock);
+}
+
+const struct address_space_operations hostfs_aops = {
+    .readpage = hostfs_readpage,
+    .direct_IO = hostfs_direct_IO,
+};
+
+const struct file_operations hostfs_file_fops = {
+    .llseek = hostfs_llseek,
+    .read = hostfs_read,
+    .write = hostfs_write,
+    .mmap = hostfs_mmap,
+    .open = hostfs_open,
+    .release = hostfs_release,
+    .fsync = hostfs_fsync,
+    .sendfile = hostfs_sendfile,
+};
+
+const struct file_operations hostfs_dir_fops = {
+    .read = generic_read_dir,
+    .readdir = hostfs_readdir,
+    .open = hostfs_open,
+    .release = hostfs_release,
+    .fsync = hostfs_fsync,
+};

@@ -1,0 +1,77 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * hostfs: a directory of the host and all below it as a file system. The host is asked every time:
+ * nothing that it could change behind our back is believed without a look, except while something
+ * is mounted on it here.
+ *
+ * An inode stands for one object of the host as reached through one mount of the host, known by
+ * (st_dev, st_ino, mount), and owns a path descriptor of it, which keeps the object, and so its
+ * number, from being reused. The path descriptor never changes while the inode lives; an open file
+ * owns a data descriptor.
+ *
+ * Who is asking: the current task's fsuid, fsgid and groups for everything that the host judges by
+ * identity; data is opened as the program itself, because whoever opens has been checked before.
+ */
+#ifndef UKERN_FS_HOSTFS_INTERNAL_H
+#define UKERN_FS_HOSTFS_INTERNAL_H
+
+#include <linux/fs.h>
+#include <linux/kernel.h>
+#include <linux/sched.h>
+
+#include "ukern/host/host_fs.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct hostfs_inode {
+  struct inode vfs_inode;
+  int fd;
+  unsigned long long dev, ino, mount;
+};
+
+static inline struct hostfs_inode *hostfs_i(const struct inode *inode) {
+  return container_of(const_cast<struct inode *>(inode), struct hostfs_inode, vfs_inode);
+}
+/* Does the host speak of the inode's object? */
+static inline int hostfs_is(const struct inode *inode, const struct host_stat *stat) {
+  const struct hostfs_inode *info = hostfs_i(inode);
+  return info->ino == stat->ino && info->dev == stat->dev && info->mount == stat->mount;
+}
+static inline int hostfs_fd(const struct inode *inode) {
+  return hostfs_i(inode)->fd;
+}
+
+/* The current task as the host shall see it. The groups belong to the task. */
+struct host_identity hostfs_caller(void);
+
+/* The inode of the object behind a path descriptor, which it takes over. ERR_PTR. */
+struct inode *hostfs_iget(struct super_block *sb, int fd);
+/* Brings an inode up to date with what the host says, or with what it has just said. 0 or -errno.
+ */
+int hostfs_refresh(struct inode *inode);
+void hostfs_take_stat(struct inode *inode, const struct host_stat *stat);
+
+/* inode operations that all kinds of objects share */
+int hostfs_permission(struct inode *inode, int mask, struct nameidata *nd);
+int hostfs_setattr(struct dentry *dentry, struct iattr *attr);
+int hostfs_getattr(struct vfsmount *mnt, struct dentry *dentry, struct kstat *stat);
+int hostfs_setxattr(struct dentry *dentry, const char *name, const void *value, size_t size,
+                    int flags);
+ssize_t hostfs_getxattr(struct dentry *dentry, const char *name, void *value, size_t size);
+ssize_t hostfs_listxattr(struct dentry *dentry, char *list, size_t size);
+int hostfs_removexattr(struct dentry *dentry, const char *name);
+
+extern struct inode_operations hostfs_file_iops;
+extern struct inode_operations hostfs_dir_iops;
+extern struct inode_operations hostfs_symlink_iops;
+extern const struct file_operations hostfs_file_fops;
+extern const struct file_operations hostfs_dir_fops;
+extern const struct address_space_operations hostfs_aops;
+extern struct dentry_operations hostfs_dops;
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,356 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "ukern/host/host_fs.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/fsuid.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/uio.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+// Who the calling thread is for the host's file systems. Only what differs is changed, so that a
+// thread that serves one user makes no extra system call.
+class ThreadIdentity {
+ public:
+  void become(const host_identity *as) {
+    if (!prepared_) prepare();
+    if (!host_fs_can_impersonate()) return;
+    if (as == nullptr) {
+      if (!own_) set(own_uid_, own_gid_, own_groups_.data(), own_groups_.size());
+      own_ = true;
+      return;
+    }
+    static const unsigned no_group = 0;
+    const unsigned *groups = as->ngroups ? as->groups : &no_group;  // never null
+    const bool same_groups =
+        as->ngroups == groups_.size() &&
+        (groups_.empty() || std::equal(groups_.begin(), groups_.end(), groups));
+    const bool same = !own_ && as->uid == uid_ && as->gid == gid_ && same_groups;
+    if (same) return;
+    set(as->uid, as->gid, groups, as->ngroups);
+    groups_.assign(groups, groups + as->ngroups);
+    uid_ = as->uid;
+    gid_ = as->gid;
+    own_ = false;
+  }
+
+ private:
+  void prepare() {
+    // The mask belongs to the caller inside the kernel; the thread's own must not cut modes once
+    // more.
+    if (unshare(CLONE_FS) == 0) umask(0);
+    own_uid_ = geteuid();
+    own_gid_ = getegid();
+    own_groups_.resize(static_cast<size_t>(getgroups(0, nullptr)));
+    own_groups_.resize(
+        static_cast<size_t>(getgroups(static_cast<int>(own_groups_.size()), own_groups_.data())));
+    prepared_ = true;
+  }
+
+  // By system call: libc's setgroups would change every thread of the program. The user is changed
+  // last on the way down and first on the way up; setfsuid itself gives and takes the capabilities
+  // that go with 0.
+  static void set(unsigned uid, unsigned gid, const unsigned *groups, size_t ngroups) {
+    syscall(SYS_setgroups, ngroups, groups);
+    setfsgid(gid);
+    setfsuid(uid);
+  }
+
+  bool prepared_ = false;
+  bool own_ = true;
+  unsigned uid_ = 0, gid_ = 0;
+  std::vector<unsigned> groups_;
+  unsigned own_uid_ = 0, own_gid_ = 0;
+  std::vector<gid_t> own_groups_;
+};
+
+thread_local ThreadIdentity identity;
+
+template <typename T>
+T result(T value) {
+  return value < 0 ? static_cast<T>(-errno) : value;
+}
+
+// The name under which the kernel gives an object behind a path descriptor to calls that want a
+// path.
+struct FdPath {
+  explicit FdPath(int fd) { std::snprintf(text, sizeof text, "/proc/self/fd/%d", fd); }
+  char text[32];
+};
+
+host_time time_from(const statx_timestamp &time) {
+  return {time.tv_sec, time.tv_nsec};
+}
+
+int stat_of(int dir, const char *name, int flags, host_stat *to) {
+  struct statx from;
+  constexpr unsigned kWanted = STATX_BASIC_STATS | STATX_MNT_ID;
+  if (statx(dir, name, flags | AT_NO_AUTOMOUNT, kWanted, &from) != 0) return -errno;
+  *to = {};
+  to->dev = makedev(from.stx_dev_major, from.stx_dev_minor);
+  to->ino = from.stx_ino;
+  to->size = from.stx_size;
+  to->blocks = from.stx_blocks;
+  to->mount = from.stx_mask & STATX_MNT_ID ? from.stx_mnt_id : 0;
+  to->mode = from.stx_mode;
+  to->nlink = from.stx_nlink;
+  to->uid = from.stx_uid;
+  to->gid = from.stx_gid;
+  to->blksize = from.stx_blksize;
+  to->rdev_major = from.stx_rdev_major;
+  to->rdev_minor = from.stx_rdev_minor;
+  to->atime = time_from(from.stx_atime);
+  to->mtime = time_from(from.stx_mtime);
+  to->ctime = time_from(from.stx_ctime);
+  return 0;
+}
+
+timespec time_of(const host_time *time) {
+  if (time == nullptr) return {0, UTIME_OMIT};
+  if (time->nsec == HOST_TIME_NOW) return {0, UTIME_NOW};
+  return {static_cast<time_t>(time->sec), static_cast<long>(time->nsec)};
+}
+
+// Repeats a call that a signal to the program interrupted before it did anything.
+template <typename Call>
+auto uninterrupted(Call call) {
+  for (;;) {
+    auto value = call();
+    if (value >= 0 || errno != EINTR) return result(value);
+  }
+}
+
+}  // namespace
+
+long host_fs_start(void) {
+  rlimit limit = {};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return -errno;
+  if (limit.rlim_cur < limit.rlim_max) {
+    const rlimit raised = {limit.rlim_max, limit.rlim_max};
+    if (setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
+  }
+  return limit.rlim_cur > LONG_MAX ? LONG_MAX : static_cast<long>(limit.rlim_cur);
+}
+
+int host_fs_can_impersonate(void) {
+  static const bool root = geteuid() == 0;
+  return root;
+}
+
+int host_fs_root(const char *path) {
+  return result(open(path, O_PATH | O_DIRECTORY | O_CLOEXEC));
+}
+
+int host_fs_lookup(const host_identity *as, int dir, const char *name) {
+  identity.become(as);
+  return result(openat(dir, name, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+}
+
+void host_fs_close(int fd) {
+  close(fd);
+}
+
+int host_fs_stat(int fd, host_stat *out) {
+  return stat_of(fd, "", AT_EMPTY_PATH, out);
+}
+
+int host_fs_stat_name(const host_identity *as, int dir, const char *name, host_stat *out) {
+  identity.become(as);
+  return stat_of(dir, name, AT_SYMLINK_NOFOLLOW, out);
+}
+
+int host_fs_statfs(int fd, host_statfs *out) {
+  struct statfs st;
+  if (fstatfs(fd, &st) != 0) return -errno;
+  *out = {};
+  out->blocks = st.f_blocks;
+  out->bfree = st.f_bfree;
+  out->bavail = st.f_bavail;
+  out->files = st.f_files;
+  out->ffree = st.f_ffree;
+  std::memcpy(&out->fsid, &st.f_fsid, sizeof out->fsid);
+  out->type = st.f_type;
+  out->bsize = st.f_bsize;
+  out->namelen = st.f_namelen;
+  out->frsize = st.f_frsize;
+  return 0;
+}
+
+int host_fs_access(const host_identity *as, int fd, int mask) {
+  identity.become(as);
+  // The system call itself: libc's function answers some cases without asking the kernel.
+  return result(
+      static_cast<int>(syscall(SYS_faccessat2, fd, "", mask, AT_EACCESS | AT_EMPTY_PATH)));
+}
+
+long host_fs_readlink(int fd, char *buf, unsigned long size) {
+  return result(static_cast<long>(readlinkat(fd, "", buf, size)));
+}
+
+int host_fs_create(const host_identity *as, int dir, const char *name, unsigned mode) {
+  identity.become(as);
+  const int data = openat(dir, name, O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+  if (data < 0) return -errno;
+  // The descriptor's own path leads to this file whatever happens to the name meanwhile.
+  const int fd = result(open(FdPath(data).text, O_PATH | O_CLOEXEC));
+  close(data);
+  return fd;
+}
+
+int host_fs_mkdir(const host_identity *as, int dir, const char *name, unsigned mode) {
+  identity.become(as);
+  return result(mkdirat(dir, name, mode));
+}
+
+int host_fs_mknod(const host_identity *as, int dir, const char *name, unsigned mode, unsigned major,
+                  unsigned minor) {
+  identity.become(as);
+  return result(mknodat(dir, name, mode, makedev(major, minor)));
+}
+
+int host_fs_symlink(const host_identity *as, int dir, const char *name, const char *target) {
+  identity.become(as);
+  return result(symlinkat(target, dir, name));
+}
+
+int host_fs_link(const host_identity *as, int fd, int dir, const char *name) {
+  identity.become(as);
+  return result(linkat(AT_FDCWD, FdPath(fd).text, dir, name, AT_SYMLINK_FOLLOW));
+}
+
+int host_fs_unlink(const host_identity *as, int dir, const char *name) {
+  identity.become(as);
+  return result(unlinkat(dir, name, 0));
+}
+
+int host_fs_rmdir(const host_identity *as, int dir, const char *name) {
+  identity.become(as);
+  return result(unlinkat(dir, name, AT_REMOVEDIR));
+}
+
+int host_fs_rename(const host_identity *as, int old_dir, const char *old_name, int new_dir,
+                   const char *new_name) {
+  identity.become(as);
+  return result(renameat(old_dir, old_name, new_dir, new_name));
+}
+
+int host_fs_chmod(const host_identity *as, int fd, unsigned mode) {
+  identity.become(as);
+  return result(chmod(FdPath(fd).text, mode & 07777));
+}
+
+int host_fs_chown(const host_identity *as, int fd, unsigned uid, unsigned gid) {
+  identity.become(as);
+  return result(fchownat(fd, "", uid, gid, AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW));
+}
+
+int host_fs_truncate(const host_identity *as, int fd, unsigned long long size) {
+  // Whether the caller may was decided when the file was opened or the path walked.
+  const int data = host_fs_open(fd, HOST_OPEN_WRITE);
+  if (data < 0) return data;
+  identity.become(as);
+  const int error = uninterrupted([&] { return ftruncate(data, static_cast<off_t>(size)); });
+  close(data);
+  return error;
+}
+
+int host_fs_utimes(const host_identity *as, int fd, const host_time *atime,
+                   const host_time *mtime) {
+  identity.become(as);
+  const timespec times[2] = {time_of(atime), time_of(mtime)};
+  return result(utimensat(AT_FDCWD, FdPath(fd).text, times, 0));
+}
+
+int host_fs_setxattr(const host_identity *as, int fd, const char *name, const void *value,
+                     unsigned long size, int flags) {
+  identity.become(as);
+  return result(setxattr(FdPath(fd).text, name, value, size, flags));
+}
+
+long host_fs_getxattr(const host_identity *as, int fd, const char *name, void *value,
+                      unsigned long size) {
+  identity.become(as);
+  return result(static_cast<long>(getxattr(FdPath(fd).text, name, value, size)));
+}
+
+long host_fs_listxattr(const host_identity *as, int fd, char *list, unsigned long size) {
+  identity.become(as);
+  return result(static_cast<long>(listxattr(FdPath(fd).text, list, size)));
+}
+
+int host_fs_removexattr(const host_identity *as, int fd, const char *name) {
+  identity.become(as);
+  return result(removexattr(FdPath(fd).text, name));
+}
+
+int host_fs_open(int fd, host_open_mode mode) {
+  identity.become(nullptr);
+  switch (mode) {
+    case HOST_OPEN_DIR:
+      return result(openat(fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    case HOST_OPEN_READ:
+      return result(open(FdPath(fd).text, O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    case HOST_OPEN_WRITE:
+      return result(open(FdPath(fd).text, O_WRONLY | O_CLOEXEC | O_NONBLOCK));
+    case HOST_OPEN_READ_WRITE:
+      return result(open(FdPath(fd).text, O_RDWR | O_CLOEXEC | O_NONBLOCK));
+  }
+  return -EINVAL;
+}
+
+int host_fs_make_writable(int fd, int data) {
+  const int writable = host_fs_open(fd, HOST_OPEN_READ_WRITE);
+  if (writable < 0) return writable;
+  const int error = dup3(writable, data, O_CLOEXEC) < 0 ? -errno : 0;
+  close(writable);
+  return error;
+}
+
+long host_fs_pread(int fd, void *buf, unsigned long len, unsigned long long pos) {
+  return uninterrupted(
+      [&] { return static_cast<long>(pread(fd, buf, len, static_cast<off_t>(pos))); });
+}
+
+long host_fs_pwrite(const host_identity *as, int fd, const void *buf, unsigned long len,
+                    unsigned long long pos) {
+  identity.become(as);
+  return uninterrupted(
+      [&] { return static_cast<long>(pwrite(fd, buf, len, static_cast<off_t>(pos))); });
+}
+
+long host_fs_append(const host_identity *as, int fd, const void *buf, unsigned long len,
+                    unsigned long long *end) {
+  identity.become(as);
+  const iovec part = {const_cast<void *>(buf), len};
+  // Offset -1 moves the descriptor's own position, which then says where the end was.
+  const long written =
+      uninterrupted([&] { return static_cast<long>(pwritev2(fd, &part, 1, -1, RWF_APPEND)); });
+  if (written < 0) return written;
+  const off_t at = lseek(fd, 0, SEEK_CUR);
+  if (at < 0) return -errno;
+  *end = static_cast<unsigned long long>(at);
+  return written;
+}
+
+int host_fs_sync(int fd, int datasync) {
+  return uninterrupted([&] { return datasync ? fdatasync(fd) : fsync(fd); });
+}
+
+long host_fs_getdents(int fd, unsigned long long pos, void *buf, unsigned long size) {
+  if (lseek(fd, static_cast<off_t>(pos), SEEK_SET) < 0) return -errno;
+  return result(static_cast<long>(syscall(SYS_getdents64, fd, buf, size)));
+}

@@ -1,0 +1,12 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+#ifndef _LINUX_BITOPS_H
+#define _LINUX_BITOPS_H
+
+#include <linux/types.h>
+#include <asm/bitops.h>
+
+static inline unsigned long hweight_long(unsigned long w) {
+  return hweight64(w);
+}
+
+#endif

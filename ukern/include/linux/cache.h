@@ -1,0 +1,10 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* The cache line, by which data blocks of socket buffers are rounded up. */
+#ifndef UKERN_LINUX_CACHE_H
+#define UKERN_LINUX_CACHE_H
+
+#define L1_CACHE_SHIFT 6
+#define L1_CACHE_BYTES (1 << L1_CACHE_SHIFT)
+#define SMP_CACHE_BYTES L1_CACHE_BYTES
+
+#endif

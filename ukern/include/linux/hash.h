@@ -1,0 +1,18 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* Multiplicative hashing: the top `bits` bits of the product with a large odd number. */
+#ifndef _LINUX_HASH_H
+#define _LINUX_HASH_H
+
+#include <asm/types.h>
+
+#define GOLDEN_RATIO_PRIME 0x9e37fffffffc0001UL
+
+static inline unsigned long hash_long(unsigned long val, unsigned int bits) {
+  return (val * GOLDEN_RATIO_PRIME) >> (BITS_PER_LONG - bits);
+}
+
+static inline unsigned long hash_ptr(void *ptr, unsigned int bits) {
+  return hash_long((unsigned long)ptr, bits);
+}
+
+#endif

@@ -1,0 +1,49 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* The tick count, one per millisecond. It starts five minutes before the 32-bit wrap. */
+#ifndef _LINUX_JIFFIES_H
+#define _LINUX_JIFFIES_H
+
+#include <linux/kernel.h>
+#include <linux/types.h>
+#include <linux/time.h>
+
+#define HZ 1000
+
+#define INITIAL_JIFFIES ((unsigned long)(unsigned int)(-300 * HZ))
+#define MAX_JIFFY_OFFSET ((~0UL >> 1) - 1)
+
+extern "C" unsigned long ukern_jiffies(void);
+
+#define jiffies ukern_jiffies()
+
+static inline u64 get_jiffies_64(void) {
+  return jiffies;
+}
+
+#define time_after(a, b) ((long)(b) - (long)(a) < 0)
+#define time_before(a, b) time_after(b, a)
+#define time_after_eq(a, b) ((long)(a) - (long)(b) >= 0)
+#define time_before_eq(a, b) time_after_eq(b, a)
+
+static inline unsigned int jiffies_to_msecs(const unsigned long j) {
+  return (unsigned int)j;
+}
+static inline unsigned int jiffies_to_usecs(const unsigned long j) {
+  return (unsigned int)(j * 1000);
+}
+static inline unsigned long msecs_to_jiffies(const unsigned int m) {
+  return (int)m < 0 ? MAX_JIFFY_OFFSET : m;
+}
+static inline unsigned long usecs_to_jiffies(const unsigned int u) {
+  return ((unsigned long)u + 999) / 1000;
+}
+static inline unsigned long timespec_to_jiffies(const struct timespec *value) {
+  if ((unsigned long)value->tv_sec >= MAX_JIFFY_OFFSET / HZ) return MAX_JIFFY_OFFSET;
+  return (unsigned long)value->tv_sec * HZ + ((unsigned long)value->tv_nsec + 999999) / 1000000;
+}
+static inline void jiffies_to_timespec(const unsigned long j, struct timespec *value) {
+  value->tv_sec = (time_t)(j / HZ);
+  value->tv_nsec = (long)(j % HZ) * 1000000;
+}
+
+#endif

@@ -1,0 +1,89 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The socket as the system-call layer knows it. The one protocol family here is PF_NETLINK.
+ *
+ * A struct socket is owned by whoever created it, until sock_release. It has no file. The struct
+ * sock behind it (net/sock.h) is reference counted on its own and may outlive it.
+ */
+#ifndef UKERN_LINUX_NET_H
+#define UKERN_LINUX_NET_H
+
+#include <linux/types.h>
+#include <linux/compiler.h>
+#include <linux/wait.h>
+
+struct kiocb;
+struct kvec;
+struct module;
+struct msghdr;
+struct sock;
+struct sockaddr;
+
+#define NPROTO 32
+
+typedef enum {
+  SS_FREE = 0,
+  SS_UNCONNECTED,
+  SS_CONNECTING,
+  SS_CONNECTED,
+  SS_DISCONNECTING,
+} socket_state;
+
+enum sock_type {
+  SOCK_STREAM = 1,
+  SOCK_DGRAM = 2,
+  SOCK_RAW = 3,
+  SOCK_RDM = 4,
+  SOCK_SEQPACKET = 5,
+};
+
+struct socket {
+  socket_state state;
+  unsigned long flags;
+  const struct proto_ops *ops;
+  struct sock *sk;
+  wait_queue_head_t wait; /* receivers; sk->sk_sleep points here until release */
+  short type;
+};
+
+/* What a protocol family does. `iocb` is not looked at and may be null. */
+struct proto_ops {
+  int family;
+  struct module *owner;
+  int (*release)(struct socket *sock);
+  int (*bind)(struct socket *sock, struct sockaddr *myaddr, int sockaddr_len);
+  int (*connect)(struct socket *sock, struct sockaddr *vaddr, int sockaddr_len, int flags);
+  int (*getname)(struct socket *sock, struct sockaddr *addr, int *sockaddr_len, int peer);
+  int (*sendmsg)(struct kiocb *iocb, struct socket *sock, struct msghdr *m, size_t total_len);
+  int (*recvmsg)(struct kiocb *iocb, struct socket *sock, struct msghdr *m, size_t total_len,
+                 int flags);
+};
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * A new socket that the kernel itself uses. 0 with *res set; -EAFNOSUPPORT for a family other than
+ * PF_NETLINK, -EINVAL for a type out of range, -ESOCKTNOSUPPORT and -EPROTONOSUPPORT as the family
+ * says, -ENFILE or -ENOMEM without memory. May sleep.
+ */
+int sock_create_kern(int family, int type, int proto, struct socket **res);
+/* A socket with no protocol behind it yet: ops and sk are null. 0 or -ENOMEM. May sleep. */
+int sock_create_lite(int family, int type, int proto, struct socket **res);
+/* Closes and frees: the protocol's release, then the socket itself. May sleep. */
+void sock_release(struct socket *sock);
+
+/* The protocol's sendmsg and recvmsg; the iovec names user memory unless get_fs() is KERNEL_DS. */
+int sock_sendmsg(struct socket *sock, struct msghdr *msg, size_t len);
+int sock_recvmsg(struct socket *sock, struct msghdr *msg, size_t size, int flags);
+/* The same with buffers of the kernel. They set msg_iov from `vec`, whose entries are advanced. */
+int kernel_sendmsg(struct socket *sock, struct msghdr *msg, struct kvec *vec, size_t num,
+                   size_t len);
+int kernel_recvmsg(struct socket *sock, struct msghdr *msg, struct kvec *vec, size_t num,
+                   size_t len, int flags);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,49 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Reader-writer semaphores: the holder may sleep. Readers that come while a writer waits queue
+ * behind it, so a reader must not take the semaphore a second time. Whoever takes it gives it back.
+ */
+#ifndef _LINUX_RWSEM_H
+#define _LINUX_RWSEM_H
+
+#include <linux/linkage.h>
+#include <linux/types.h>
+#include <linux/kernel.h>
+#include <linux/spinlock.h>
+
+struct rw_semaphore {
+  volatile unsigned int count; /* as rwlock_t's word */
+#if UKERN_DEBUG
+  struct lockdep_map dep_map;
+#endif
+};
+
+#define __RWSEM_INITIALIZER(name) \
+  { .count = 0 UKERN_DEP_MAP(name) }
+#define DECLARE_RWSEM(name) struct rw_semaphore name = __RWSEM_INITIALIZER(name)
+#define init_rwsem(sem) UKERN_LOCK_INIT(sem, __init_rwsem)
+
+extern "C" {
+void __init_rwsem(struct rw_semaphore *sem, const char *name, struct lock_class_key *key);
+void down_read(struct rw_semaphore *sem);
+int down_read_trylock(struct rw_semaphore *sem); /* 1: taken */
+void down_write(struct rw_semaphore *sem);
+int down_write_trylock(struct rw_semaphore *sem); /* 1: taken */
+void up_read(struct rw_semaphore *sem);
+void up_write(struct rw_semaphore *sem);
+/* From writer to reader, with no writer in between. */
+void downgrade_write(struct rw_semaphore *sem);
+#if UKERN_DEBUG
+void down_read_nested(struct rw_semaphore *sem, int subclass);
+void down_write_nested(struct rw_semaphore *sem, int subclass);
+#else
+#define down_read_nested(sem, subclass) down_read(sem)
+#define down_write_nested(sem, subclass) down_write(sem)
+#endif
+}
+
+static inline int rwsem_is_locked(struct rw_semaphore *sem) {
+  return __atomic_load_n(&sem->count, __ATOMIC_RELAXED) != 0;
+}
+
+#endif

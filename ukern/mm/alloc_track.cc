@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "ukern/mm/alloc_track.h"
+
+#if UKERN_DEBUG
+
+#include <linux/hash.h>
+#include <linux/spinlock.h>
+
+#include "ukern/host/host.h"
+#include "ukern/sync/report.h"
+#include "ukern/sync/stack.h"
+
+namespace {
+
+constexpr unsigned kBucketBits = 14;
+constexpr unsigned kWords = 64;  // each guards every 64th bucket
+constexpr unsigned kShown = 8;
+
+struct Record {
+  Record *next;
+  const void *block;
+  const void *owner;
+  size_t size;
+  uk_stack where;
+};
+
+Record *buckets[1u << kBucketBits];
+volatile unsigned int words[kWords];
+
+unsigned bucket_of(const void *block) {
+  return (unsigned)hash_long((unsigned long)block >> 4, kBucketBits);
+}
+
+void report_foreign(const void *block, const char *owner_name, const Record *record) {
+  uk_report *report =
+      uk_report_begin("%p given back to %s, %s", block, owner_name,
+                      record ? "which did not give it out" : "but nobody gave it out");
+  uk_report_here(report);
+  if (record) uk_report_stack(report, "it was allocated at", &record->where);
+  uk_report_end(report);
+}
+
+}  // namespace
+
+extern "C" {
+
+bool alloc_track_add(const void *block, size_t size, const void *owner) {
+  auto *record = static_cast<Record *>(host_alloc(sizeof(Record), 16));
+  if (!record) return false;
+  record->block = block;
+  record->owner = owner;
+  record->size = size;
+  uk_stack_save(&record->where, 1);
+  const unsigned bucket = bucket_of(block);
+  ukern_word_lock(&words[bucket % kWords]);
+  record->next = buckets[bucket];
+  buckets[bucket] = record;
+  ukern_word_unlock(&words[bucket % kWords]);
+  return true;
+}
+
+bool alloc_track_remove(const void *block, const void *owner, const char *owner_name,
+                        size_t *size) {
+  const unsigned bucket = bucket_of(block);
+  ukern_word_lock(&words[bucket % kWords]);
+  Record **link = &buckets[bucket];
+  while (*link && (*link)->block != block) link = &(*link)->next;
+  Record *record = *link;
+  if (!record || record->owner != owner) {
+    Record copy;
+    if (record) copy = *record;
+    ukern_word_unlock(&words[bucket % kWords]);
+    report_foreign(block, owner_name, record ? &copy : nullptr);
+    return false;
+  }
+  *link = record->next;
+  ukern_word_unlock(&words[bucket % kWords]);
+  *size = record->size;
+  host_free(record);
+  return true;
+}
+
+void alloc_track_free_all(void) {
+  for (unsigned bucket = 0; bucket < 1u << kBucketBits; bucket++) {
+    ukern_word_lock(&words[bucket % kWords]);
+    while (Record *record = buckets[bucket]) {
+      buckets[bucket] = record->next;
+      host_free(const_cast<void *>(record->block));
+      host_free(record);
+    }
+    ukern_word_unlock(&words[bucket % kWords]);
+  }
+}
+
+unsigned long alloc_track_count(const void *owner, struct uk_report *report) {
+  unsigned long count = 0;
+  for (unsigned bucket = 0; bucket < 1u << kBucketBits; bucket++) {
+    ukern_word_lock(&words[bucket % kWords]);
+    for (const Record *record = buckets[bucket]; record; record = record->next) {
+      if (record->owner != owner || count++ >= kShown || !report) continue;
+      char title[96];
+      snprintf(title, sizeof(title), "%p, %zu bytes, allocated at", record->block, record->size);
+      uk_report_stack(report, title, &record->where);
+    }
+    ukern_word_unlock(&words[bucket % kWords]);
+  }
+  return count;
+}
+}
+
+#endif

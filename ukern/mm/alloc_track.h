@@ -1,0 +1,34 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Debug builds: a record of every block that the allocator has given out, with its owner and the
+ * place. Owns its records, takes no kernel lock, never sleeps.
+ */
+#ifndef UKERN_MM_ALLOC_TRACK_H
+#define UKERN_MM_ALLOC_TRACK_H
+
+#include <linux/types.h>
+
+struct uk_report;
+
+#if UKERN_DEBUG
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* `owner`: the cache, or null for kmalloc. False without memory. */
+bool alloc_track_add(const void *block, size_t size, const void *owner);
+/* Forgets the block and tells its size; false (and a report) when it was not given out by `owner`.
+ */
+bool alloc_track_remove(const void *block, const void *owner, const char *owner_name, size_t *size);
+/* How many blocks of the owner are out; the first few go into the report, if there is one. */
+unsigned long alloc_track_count(const void *owner, struct uk_report *report);
+/* Gives every block that is still out back to the host. */
+void alloc_track_free_all(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
+#endif

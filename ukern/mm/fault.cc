@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "ukern/mm/fault.h"
+
+#include "ukern/uk_core.h"
+
+namespace {
+
+struct ThreadFaults {
+  unsigned long passed;
+  unsigned long fail_at; /* 0: none */
+  unsigned paused;
+};
+
+__thread ThreadFaults mine __attribute__((tls_model("initial-exec")));
+
+}  // namespace
+
+extern "C" {
+
+void uk_fault_arm(unsigned long n) {
+  mine.passed = 0;
+  mine.fail_at = n;
+}
+
+unsigned long uk_fault_count(void) {
+  return mine.passed;
+}
+
+int uk_fault_point(void) {
+  if (mine.paused) return 0;
+  if (++mine.passed != mine.fail_at) return 0;
+  mine.fail_at = 0;
+  return 1;
+}
+
+void uk_fault_pause(void) {
+  mine.paused++;
+}
+
+void uk_fault_resume(void) {
+  mine.paused--;
+}
+}

@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * Reclaim of cached pages. Two lists, as in any kernel of the time: a page enters the inactive one,
+ * moves to the active one when it is used twice, and back when the inactive list runs short. What
+ * is reclaimed is the oldest page of the inactive list that was not used since it was looked at
+ * last, if it is clean and nobody holds it; dirty pages wait for write-back.
+ */
+#include <linux/list.h>
+#include <linux/pagemap.h>
+#include <linux/spinlock.h>
+#include <linux/swap.h>
+
+#include "ukern/mm/mm_internal.h"
+
+namespace {
+
+DEFINE_SPINLOCK(lru_lock);
+LIST_HEAD(inactive);  // both: newest first
+LIST_HEAD(active);
+unsigned long nr_inactive, nr_active;
+
+// lru_lock is held.
+void add_locked(struct page *page) {
+  if (PageActive(page)) {
+    list_add(&page->lru, &active);
+    nr_active++;
+  } else {
+    list_add(&page->lru, &inactive);
+    nr_inactive++;
+  }
+  SetPageLRU(page);
+}
+
+void del_locked(struct page *page) {
+  list_del(&page->lru);
+  INIT_LIST_HEAD(&page->lru);
+  (PageActive(page) ? nr_active : nr_inactive)--;
+  ClearPageLRU(page);
+}
+
+// Moves the oldest active pages over; one that was used since stays. lru_lock is held.
+void refill_inactive_locked() {
+  for (unsigned long scan = nr_active; scan > 0 && nr_inactive < nr_active; scan--) {
+    struct page *page = list_entry(active.prev, struct page, lru);
+    del_locked(page);
+    if (!TestClearPageReferenced(page)) ClearPageActive(page);
+    add_locked(page);
+  }
+}
+
+// The oldest inactive page, off the list and with a reference; NULL when there is none to be had.
+struct page *isolate_oldest() {
+  struct page *found = nullptr;
+  spin_lock(&lru_lock);
+  refill_inactive_locked();
+  for (unsigned long left = nr_inactive; left > 0 && !found; left--) {
+    struct page *page = list_entry(inactive.prev, struct page, lru);
+    if (get_page_unless_zero(page)) {
+      del_locked(page);
+      found = page;
+    } else {
+      list_move(&page->lru,
+                &inactive);  // whoever dropped it to zero waits for the lock to take it off
+    }
+  }
+  spin_unlock(&lru_lock);
+  return found;
+}
+
+void put_back(struct page *page) {
+  spin_lock(&lru_lock);
+  add_locked(page);
+  spin_unlock(&lru_lock);
+  page_cache_release(page);
+}
+
+// Takes a locked page out of the cache if it is clean and only the cache and we use it.
+bool remove_if_unused(struct page *page) {
+  struct address_space *mapping = page->mapping;
+  if (!mapping || PageDirty(page) || PageWriteback(page) || page_mapped(page)) return false;
+  if (PagePrivate(page) && !try_to_release_page(page, GFP_KERNEL)) return false;
+  write_lock_irq(&mapping->tree_lock);
+  const bool unused = page_count(page) == 2 && !PageDirty(page);
+  if (unused) __remove_from_page_cache(page);
+  write_unlock_irq(&mapping->tree_lock);
+  if (unused) page_cache_release(page);  // the cache's
+  return unused;
+}
+
+bool reclaim(struct page *page) {
+  if (TestClearPageReferenced(page) || TestSetPageLocked(page)) return false;
+  const bool reclaimed = remove_if_unused(page);
+  unlock_page(page);
+  return reclaimed;
+}
+
+}  // namespace
+
+void lru_cache_add(struct page *page) {
+  spin_lock(&lru_lock);
+  BUG_ON(PageLRU(page));
+  add_locked(page);
+  spin_unlock(&lru_lock);
+}
+
+void lru_cache_del(struct page *page) {
+  if (!PageLRU(page)) return;
+  spin_lock(&lru_lock);
+  if (PageLRU(page)) del_locked(page);
+  spin_unlock(&lru_lock);
+}
+
+void mark_page_accessed(struct page *page) {
+  if (!PageReferenced(page)) {
+    SetPageReferenced(page);
+    return;
+  }
+  if (PageActive(page) || !PageLRU(page)) return;
+  spin_lock(&lru_lock);
+  if (PageLRU(page) && !PageActive(page)) {
+    del_locked(page);
+    SetPageActive(page);
+    add_locked(page);
+  }
+  spin_unlock(&lru_lock);
+  ClearPageReferenced(page);
+}
+
+unsigned long shrink_page_cache(unsigned long want, unsigned long scan) {
+  unsigned long reclaimed = 0;
+  for (; scan > 0 && reclaimed < want; scan--) {
+    struct page *page = isolate_oldest();
+    if (!page) break;
+    if (reclaim(page)) {
+      page_cache_release(page);
+      reclaimed++;
+    } else {
+      put_back(page);
+    }
+  }
+  return reclaimed;
+}
+
+void drop_pagecache(void) {
+  spin_lock(&lru_lock);
+  const unsigned long pages = nr_inactive + nr_active;
+  spin_unlock(&lru_lock);
+  shrink_page_cache(pages,
+                    2 * pages);  // the first look at a page may only take its PG_referenced away
+}

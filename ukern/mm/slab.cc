@@ -1,0 +1,238 @@
+// SPDX-License-Identifier: GPL-2.0
+// Object caches and kmalloc over the host's allocator.
+#include <linux/slab.h>
+
+#include <linux/errno.h>
+#include <linux/kernel.h>
+#include <linux/limits.h>
+#include <linux/list.h>
+#include <linux/spinlock.h>
+#include <linux/string.h>
+
+#include "ukern/host/host.h"
+#include "ukern/mm/alloc_track.h"
+#include "ukern/mm/fault.h"
+#include "ukern/mm/slab.h"
+#include "ukern/sync/lockcheck.h"
+#include "ukern/sync/report.h"
+
+struct kmem_cache {
+  const char *name;
+  size_t size;
+  size_t align;
+  void (*ctor)(void *, kmem_cache_t *, unsigned long);
+  void (*dtor)(void *, kmem_cache_t *, unsigned long);
+  atomic_t objects; /* given out */
+  struct list_head link;
+};
+
+namespace {
+
+constexpr size_t kMinAlign = 16;
+constexpr size_t kMaxObject = 32 * PAGE_SIZE;
+[[maybe_unused]] constexpr int kFresh = 0x5a;
+[[maybe_unused]] constexpr int kFreed = 0x6b;
+
+// All caches, under cache_word.
+LIST_HEAD(caches);
+volatile unsigned int cache_word;
+
+bool name_in_use(const char *name) {
+  const struct kmem_cache *cache;
+  list_for_each_entry(cache, &caches, link) {
+    if (!strcmp(cache->name, name)) return true;
+  }
+  return false;
+}
+
+void check_flags(gfp_t flags) {
+  might_sleep_if(flags & __GFP_WAIT);
+#if UKERN_DEBUG
+  // A slab cannot grow with this flag; it goes well only while a free object is at hand.
+  BUG_ON(flags & __GFP_ZERO);
+#endif
+}
+
+// `owner` null: kmalloc. Neither cleared nor constructed.
+void *block_alloc(size_t size, size_t align, gfp_t flags, const void *owner) {
+  check_flags(flags);
+  if (uk_fault_point() && !(flags & __GFP_NOFAIL)) return NULL;
+  void *block = host_alloc(size ? size : 1, align);
+  if (!block) return NULL;
+#if UKERN_DEBUG
+  if (!alloc_track_add(block, size, owner)) {
+    host_free(block);
+    return NULL;
+  }
+#else
+  (void)owner;
+#endif
+  return block;
+}
+
+void poison(void *block, size_t size) {
+#if UKERN_DEBUG
+  memset(block, kFresh, size);
+#else
+  (void)block;
+  (void)size;
+#endif
+}
+
+// Gives a block back after `before_free` has had it. Not the owner's: it is reported and left
+// alone.
+template <typename Before>
+void block_free(void *block, size_t size, const void *owner, const char *owner_name,
+                Before before_free) {
+#if UKERN_DEBUG
+  if (!alloc_track_remove(block, owner, owner_name, &size)) return;
+  ukern_lock_check_free(block, size);
+#else
+  (void)owner;
+  (void)owner_name;
+#endif
+  before_free();
+#if UKERN_DEBUG
+  memset(block, kFreed, size);
+#else
+  (void)size;
+#endif
+  host_free(block);
+}
+
+void report_leak(const char *what, const char *name, const void *owner, unsigned long count) {
+  uk_report *report = uk_report_begin("%lu objects of %s still allocated %s", count, name, what);
+#if UKERN_DEBUG
+  alloc_track_count(owner, report);
+#else
+  (void)owner;
+#endif
+  uk_report_end(report);
+}
+
+}  // namespace
+
+extern "C" {
+
+kmem_cache_t *names_cachep;
+
+kmem_cache_t *kmem_cache_create(const char *name, size_t size, size_t align, unsigned long flags,
+                                void (*ctor)(void *, kmem_cache_t *, unsigned long),
+                                void (*dtor)(void *, kmem_cache_t *, unsigned long)) {
+  might_sleep();
+  BUG_ON(!name || size < sizeof(void *) || size > kMaxObject || (dtor && !ctor));
+  struct kmem_cache *cache = NULL;
+  if (!uk_fault_point()) cache = (struct kmem_cache *)host_alloc(sizeof(*cache), kMinAlign);
+  if (!cache) {
+    if (flags & SLAB_PANIC) panic("kmem_cache_create(): failed to create slab `%s'", name);
+    return NULL;
+  }
+  cache->name = name;
+  cache->size = size;
+  cache->align = flags & SLAB_HWCACHE_ALIGN ? 64 : align;
+  if (cache->align < kMinAlign) cache->align = kMinAlign;
+  cache->ctor = ctor;
+  cache->dtor = dtor;
+  atomic_set(&cache->objects, 0);
+
+  ukern_word_lock(&cache_word);
+  const bool taken = name_in_use(name);
+  if (!taken) list_add_tail(&cache->link, &caches);
+  ukern_word_unlock(&cache_word);
+  if (!taken) return cache;
+
+  host_free(cache);
+  printk("kmem_cache_create: duplicate cache %s\n", name);
+  if (flags & SLAB_PANIC) panic("kmem_cache_create(): failed to create slab `%s'", name);
+  return NULL;
+}
+
+int kmem_cache_destroy(kmem_cache_t *cache) {
+  might_sleep();
+  BUG_ON(!cache);
+  if (const int objects = atomic_read(&cache->objects)) {
+    report_leak("as their cache is destroyed", cache->name, cache, (unsigned long)objects);
+    return 1;
+  }
+  ukern_word_lock(&cache_word);
+  list_del(&cache->link);
+  ukern_word_unlock(&cache_word);
+  host_free(cache);
+  return 0;
+}
+
+void *kmem_cache_alloc(kmem_cache_t *cache, gfp_t flags) {
+  void *object = block_alloc(cache->size, cache->align, flags, cache);
+  if (!object) return NULL;
+  atomic_inc(&cache->objects);
+  poison(object, cache->size);
+  if (cache->ctor) {
+    unsigned long why = SLAB_CTOR_CONSTRUCTOR;
+    if (!(flags & __GFP_WAIT)) why |= SLAB_CTOR_ATOMIC;
+    cache->ctor(object, cache, why);
+  }
+  return object;
+}
+
+void *kmem_cache_zalloc(struct kmem_cache *cache, gfp_t flags) {
+  void *object = kmem_cache_alloc(cache, flags);
+  if (object) memset(object, 0, cache->size);
+  return object;
+}
+
+void kmem_cache_free(kmem_cache_t *cache, void *object) {
+  block_free(object, cache->size, cache, cache->name, [=] {
+    if (cache->dtor) cache->dtor(object, cache, 0);
+    atomic_dec(&cache->objects);
+  });
+}
+
+unsigned int kmem_cache_size(kmem_cache_t *cache) {
+  return (unsigned int)cache->size;
+}
+
+const char *kmem_cache_name(kmem_cache_t *cache) {
+  return cache->name;
+}
+
+void *__kmalloc(size_t size, gfp_t flags) {
+  if (unlikely(size > KMALLOC_MAX_SIZE)) return NULL;
+  void *block = block_alloc(size, kMinAlign, flags, NULL);
+  if (block) poison(block, size);
+  return block;
+}
+
+void *__kzalloc(size_t size, gfp_t flags) {
+  if (unlikely(size > KMALLOC_MAX_SIZE)) return NULL;
+  void *block = block_alloc(size, kMinAlign, flags, NULL);
+  if (block) memset(block, 0, size);
+  return block;
+}
+
+void kfree(const void *block) {
+  if (block) block_free((void *)block, 0, NULL, "kfree", [] {});
+}
+
+int ukern_slab_init(void) {
+  names_cachep = kmem_cache_create("names_cache", PATH_MAX, 0, SLAB_HWCACHE_ALIGN, NULL, NULL);
+  return names_cachep ? 0 : -ENOMEM;
+}
+
+void ukern_slab_exit(void) {
+  while (!list_empty(&caches)) {
+    struct kmem_cache *cache = list_entry(caches.next, struct kmem_cache, link);
+    if (const int objects = atomic_read(&cache->objects))
+      report_leak("at shutdown", cache->name, cache, (unsigned long)objects);
+    if (cache != names_cachep)
+      uk_report_end(uk_report_begin("cache %s still exists at shutdown", cache->name));
+    list_del(&cache->link);
+    host_free(cache);
+  }
+  names_cachep = NULL;
+#if UKERN_DEBUG
+  if (const unsigned long blocks = alloc_track_count(NULL, NULL))
+    report_leak("at shutdown", "kmalloc", NULL, blocks);
+  alloc_track_free_all();
+#endif
+}
+}

@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: GPL-2.0
+// Receiving datagrams, and the copies between iovecs and kernel buffers.
+
+#include <asm/uaccess.h>
+#include <linux/errno.h>
+#include <linux/kernel.h>
+#include <linux/sched.h>
+#include <linux/skbuff.h>
+#include <linux/socket.h>
+#include <linux/wait.h>
+#include <net/sock.h>
+
+// Why a receiver that found nothing goes on or stops.
+enum class WaitResult { kLookAgain, kStop };
+
+static bool receive_queue_empty(struct sock *sk) {
+  unsigned long flags;
+  spin_lock_irqsave(&sk->sk_receive_queue.lock, flags);
+  const bool empty = skb_queue_empty(&sk->sk_receive_queue);
+  spin_unlock_irqrestore(&sk->sk_receive_queue.lock, flags);
+  return empty;
+}
+
+// The reason not to sleep, looked for after the receiver has been put on the wait queue. True:
+// sleep.
+static bool packet_wait_needed(struct sock *sk, long timeo, int *err, WaitResult *result) {
+  const int error = sock_error(sk);
+  if (error) {
+    *err = error;
+    *result = WaitResult::kStop;
+    return false;
+  }
+  *result = WaitResult::kLookAgain;
+  if (!receive_queue_empty(sk)) return false;
+  if (__atomic_load_n(&sk->sk_shutdown, __ATOMIC_ACQUIRE) & RCV_SHUTDOWN) {
+    *err = 0;
+    *result = WaitResult::kStop;
+    return false;
+  }
+  if (signal_pending(current)) {
+    *err = sock_intr_errno(timeo);
+    *result = WaitResult::kStop;
+    return false;
+  }
+  return true;
+}
+
+static WaitResult wait_for_packet(struct sock *sk, int *err, long *timeo) {
+  WaitResult result;
+  DEFINE_WAIT(wait);
+  prepare_to_wait_exclusive(sk->sk_sleep, &wait, TASK_INTERRUPTIBLE);
+  if (packet_wait_needed(sk, *timeo, err, &result)) *timeo = schedule_timeout(*timeo);
+  finish_wait(sk->sk_sleep, &wait);
+  return result;
+}
+
+static struct sk_buff *peek_datagram(struct sock *sk) {
+  unsigned long flags;
+  spin_lock_irqsave(&sk->sk_receive_queue.lock, flags);
+  struct sk_buff *skb = skb_peek(&sk->sk_receive_queue);
+  if (skb) skb_get(skb);
+  spin_unlock_irqrestore(&sk->sk_receive_queue.lock, flags);
+  return skb;
+}
+
+extern "C" {
+
+struct sk_buff *skb_recv_datagram(struct sock *sk, unsigned flags, int noblock, int *err) {
+  const int error = sock_error(sk);
+  if (error) {
+    *err = error;
+    return nullptr;
+  }
+
+  long timeo = sock_rcvtimeo(sk, noblock);
+  do {
+    struct sk_buff *skb = flags & MSG_PEEK ? peek_datagram(sk) : skb_dequeue(&sk->sk_receive_queue);
+    if (skb) return skb;
+    if (!timeo) {
+      *err = -EAGAIN;
+      return nullptr;
+    }
+    might_sleep();
+  } while (wait_for_packet(sk, err, &timeo) == WaitResult::kLookAgain);
+  return nullptr;
+}
+
+void skb_free_datagram(struct sock *, struct sk_buff *skb) {
+  kfree_skb(skb);
+}
+
+int skb_copy_datagram_iovec(const struct sk_buff *from, int offset, struct iovec *to, int size) {
+  BUG_ON(offset < 0 || size < 0 || (unsigned)offset + size > from->len);
+  return memcpy_toiovec(to, from->data + offset, size);
+}
+
+int memcpy_fromiovec(unsigned char *kdata, struct iovec *iov, int len) {
+  for (; len > 0; iov++) {
+    const int part = iov->iov_len < (size_t)len ? (int)iov->iov_len : len;
+    if (!part) continue;
+    if (copy_from_user(kdata, iov->iov_base, part)) return -EFAULT;
+    kdata += part;
+    len -= part;
+    iov->iov_base = (char __user *)iov->iov_base + part;
+    iov->iov_len -= part;
+  }
+  return 0;
+}
+
+int memcpy_toiovec(struct iovec *iov, unsigned char *kdata, int len) {
+  for (; len > 0; iov++) {
+    const int part = iov->iov_len < (size_t)len ? (int)iov->iov_len : len;
+    if (!part) continue;
+    if (copy_to_user(iov->iov_base, kdata, part)) return -EFAULT;
+    kdata += part;
+    len -= part;
+    iov->iov_base = (char __user *)iov->iov_base + part;
+    iov->iov_len -= part;
+  }
+  return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: GPL-2.0
+// Socket options by registration.
+
+#include <linux/errno.h>
+#include <linux/kernel.h>
+#include <linux/list.h>
+#include <linux/mutex.h>
+#include <linux/netfilter.h>
+#include <linux/sched.h>
+#include <net/sock.h>
+
+// Protects the list and the `use` and `cleanup_task` of what is on it. Not held while a handler
+// runs.
+static DEFINE_MUTEX(nf_sockopt_mutex);
+static LIST_HEAD(nf_sockopts);
+
+// Ranges are from min up to, not including, max.
+static bool overlap(int min1, int max1, int min2, int max2) {
+  return max1 > min2 && min1 < max2;
+}
+
+static bool collides(const struct nf_sockopt_ops *a, const struct nf_sockopt_ops *b) {
+  if (a->pf != b->pf) return false;
+  return overlap(a->set_optmin, a->set_optmax, b->set_optmin, b->set_optmax) ||
+         overlap(a->get_optmin, a->get_optmax, b->get_optmin, b->get_optmax);
+}
+
+// The mutex is never held for long, so a signal counts only when it has come before the wait.
+static int lock_unless_signalled() {
+  might_sleep();
+  if (mutex_trylock(&nf_sockopt_mutex)) return 0;
+  if (signal_pending(current)) return -EINTR;
+  mutex_lock(&nf_sockopt_mutex);
+  return 0;
+}
+
+enum class Direction { kSet, kGet };
+
+static struct nf_sockopt_ops *find_ops_locked(int pf, int optval, Direction direction) {
+  struct nf_sockopt_ops *ops;
+  list_for_each_entry(ops, &nf_sockopts, list) {
+    if (ops->pf != pf) continue;
+    const int min = direction == Direction::kGet ? ops->get_optmin : ops->set_optmin;
+    const int max = direction == Direction::kGet ? ops->get_optmax : ops->set_optmax;
+    if (optval >= min && optval < max) return ops;
+  }
+  return nullptr;
+}
+
+static int nf_sockopt(struct sock *sk, int pf, int optval, char __user *opt, int *len,
+                      Direction direction) {
+  if (lock_unless_signalled()) return -EINTR;
+  struct nf_sockopt_ops *ops = find_ops_locked(pf, optval, direction);
+  if (ops) ops->use++;
+  mutex_unlock(&nf_sockopt_mutex);
+  if (!ops) return -ENOPROTOOPT;
+
+  const int ret = direction == Direction::kGet ? ops->get(sk, optval, opt, len)
+                                               : ops->set(sk, optval, opt, *len);
+
+  mutex_lock(&nf_sockopt_mutex);
+  ops->use--;
+  if (ops->cleanup_task) wake_up_process(ops->cleanup_task);
+  mutex_unlock(&nf_sockopt_mutex);
+  return ret;
+}
+
+extern "C" {
+
+int nf_register_sockopt(struct nf_sockopt_ops *reg) {
+  if (lock_unless_signalled()) return -EINTR;
+  int ret = 0;
+  struct nf_sockopt_ops *ops;
+  list_for_each_entry(ops, &nf_sockopts, list) {
+    if (!collides(ops, reg)) continue;
+    ret = -EBUSY;
+    break;
+  }
+  if (!ret) list_add(&reg->list, &nf_sockopts);
+  mutex_unlock(&nf_sockopt_mutex);
+  return ret;
+}
+
+void nf_unregister_sockopt(struct nf_sockopt_ops *reg) {
+  for (;;) {
+    mutex_lock(&nf_sockopt_mutex);
+    if (reg->use == 0) break;
+    // The last call inside wakes this task; before the mutex is free it cannot have done so.
+    set_current_state(TASK_UNINTERRUPTIBLE);
+    reg->cleanup_task = current;
+    mutex_unlock(&nf_sockopt_mutex);
+    schedule();
+  }
+  list_del(&reg->list);
+  mutex_unlock(&nf_sockopt_mutex);
+}
+
+int nf_setsockopt(struct sock *sk, int pf, int optval, char __user *opt, int len) {
+  return nf_sockopt(sk, pf, optval, opt, &len, Direction::kSet);
+}
+
+int nf_getsockopt(struct sock *sk, int pf, int optval, char __user *opt, int *len) {
+  return nf_sockopt(sk, pf, optval, opt, len, Direction::kGet);
+}
+
+}  // extern "C"

@@ -1,0 +1,132 @@
+// SPDX-License-Identifier: GPL-2.0
+// Socket buffers and their queues.
+
+#include <linux/errno.h>
+#include <linux/kernel.h>
+#include <linux/skbuff.h>
+#include <linux/slab.h>
+#include <linux/string.h>
+
+#include "ukern/net/net.h"
+
+static kmem_cache_t *skbuff_head_cache;
+
+int ukern::skb_init() {
+  skbuff_head_cache =
+      kmem_cache_create("skbuff_head_cache", sizeof(struct sk_buff), 0, 0, nullptr, nullptr);
+  return skbuff_head_cache ? 0 : -ENOMEM;
+}
+
+void ukern::skb_exit() {
+  kmem_cache_destroy(skbuff_head_cache);
+  skbuff_head_cache = nullptr;
+}
+
+extern "C" {
+
+struct sk_buff *__alloc_skb(unsigned int size, gfp_t priority, int) {
+  auto *skb = (struct sk_buff *)kmem_cache_alloc(skbuff_head_cache, priority & ~__GFP_DMA);
+  if (!skb) return nullptr;
+
+  size = SKB_DATA_ALIGN(size);
+  // Not one byte more than the tail room says, so that a write behind it is seen.
+  auto *data = (unsigned char *)kmalloc(size, priority);
+  if (!data) {
+    kmem_cache_free(skbuff_head_cache, skb);
+    return nullptr;
+  }
+
+  memset(skb, 0, offsetof(struct sk_buff, truesize));
+  skb->truesize = size + sizeof(struct sk_buff);
+  atomic_set(&skb->users, 1);
+  skb->head = skb->data = skb->tail = data;
+  skb->end = data + size;
+  return skb;
+}
+
+void __kfree_skb(struct sk_buff *skb) {
+  if (skb->destructor) skb->destructor(skb);
+  kfree(skb->head);
+  kmem_cache_free(skbuff_head_cache, skb);
+}
+
+void kfree_skb(struct sk_buff *skb) {
+  if (unlikely(!skb)) return;
+  if (likely(!atomic_dec_and_test(&skb->users))) return;
+  __kfree_skb(skb);
+}
+
+int pskb_expand_head(struct sk_buff *skb, int nhead, int ntail, gfp_t gfp_mask) {
+  BUG_ON(skb_shared(skb));
+
+  const long used_end = skb->tail - skb->head;
+  const long size = SKB_DATA_ALIGN(nhead + (skb->end - skb->head) + ntail);
+  BUG_ON(size < nhead + used_end);
+  auto *data = (unsigned char *)kmalloc(size, gfp_mask);
+  if (!data) return -ENOMEM;
+
+  memcpy(data + nhead, skb->head, used_end);
+  const long headroom = skb->data - skb->head + nhead;
+  kfree(skb->head);
+  skb->head = data;
+  skb->data = data + headroom;
+  skb->tail = data + nhead + used_end;
+  skb->end = data + size;
+  return 0;
+}
+
+void skb_over_panic(struct sk_buff *skb, int len, void *here) {
+  printk(KERN_EMERG "skb_over_panic: text:%p len:%d put:%d head:%p data:%p tail:%p end:%p dev:%s\n",
+         here, skb->len, len, skb->head, skb->data, skb->tail, skb->end, "<NULL>");
+  BUG();
+}
+
+void skb_under_panic(struct sk_buff *skb, int len, void *here) {
+  printk(KERN_EMERG
+         "skb_under_panic: text:%p len:%d put:%d head:%p data:%p tail:%p end:%p dev:%s\n",
+         here, skb->len, len, skb->head, skb->data, skb->tail, skb->end, "<NULL>");
+  BUG();
+}
+
+struct sk_buff *skb_dequeue(struct sk_buff_head *list) {
+  unsigned long flags;
+  spin_lock_irqsave(&list->lock, flags);
+  struct sk_buff *skb = __skb_dequeue(list);
+  spin_unlock_irqrestore(&list->lock, flags);
+  return skb;
+}
+
+struct sk_buff *skb_dequeue_tail(struct sk_buff_head *list) {
+  unsigned long flags;
+  spin_lock_irqsave(&list->lock, flags);
+  struct sk_buff *skb = __skb_dequeue_tail(list);
+  spin_unlock_irqrestore(&list->lock, flags);
+  return skb;
+}
+
+void skb_queue_head(struct sk_buff_head *list, struct sk_buff *newsk) {
+  unsigned long flags;
+  spin_lock_irqsave(&list->lock, flags);
+  __skb_queue_head(list, newsk);
+  spin_unlock_irqrestore(&list->lock, flags);
+}
+
+void skb_queue_tail(struct sk_buff_head *list, struct sk_buff *newsk) {
+  unsigned long flags;
+  spin_lock_irqsave(&list->lock, flags);
+  __skb_queue_tail(list, newsk);
+  spin_unlock_irqrestore(&list->lock, flags);
+}
+
+void skb_unlink(struct sk_buff *skb, struct sk_buff_head *list) {
+  unsigned long flags;
+  spin_lock_irqsave(&list->lock, flags);
+  __skb_unlink(skb, list);
+  spin_unlock_irqrestore(&list->lock, flags);
+}
+
+void skb_queue_purge(struct sk_buff_head *list) {
+  while (struct sk_buff *skb = skb_dequeue(list)) kfree_skb(skb);
+}
+
+}  // extern "C"

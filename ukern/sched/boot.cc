@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: GPL-2.0
+// Start and end of the kernel.
+#include "ukern/sched/boot.h"
+
+#include <linux/errno.h>
+#include <linux/kernel.h>
+#include <linux/mm.h>
+#include <linux/swap.h>
+
+#include "ukern/mm/slab.h"
+#include "ukern/sched/module.h"
+#include "ukern/sched/printk.h"
+#include "ukern/sched/task.h"
+#include "ukern/sync/lockcheck.h"
+#include "ukern/sync/report.h"
+#include "ukern/uk_core.h"
+
+namespace {
+
+constexpr unsigned long kRamPages = 65536;
+
+struct Area {
+  int (*init)(void);
+  void (*exit)(void);
+};
+
+const Area areas[] = {
+    {ukern_slab_init, ukern_slab_exit}, {ukern_tasks_init, ukern_tasks_exit},
+    {ukern_mm_init, ukern_mm_exit},     {ukern_vfs_init, ukern_vfs_exit},
+    {ukern_fs_init, ukern_fs_exit},     {ukern_net_init, ukern_net_exit},
+};
+// Those before this one hold tasks, which the threads of the others need to the end.
+constexpr unsigned kThreadless = 2;
+
+volatile int running;
+
+void report_threads() {
+  if (const unsigned live = ukern_kthreads_wait())
+    uk_report_end(uk_report_begin("%u kernel threads still run at shutdown", live));
+}
+
+// From the last one that was started on, `count` of them.
+void stop_areas(unsigned count) {
+  while (count-- > 0) {
+    if (count + 1 == kThreadless) report_threads();
+    areas[count].exit();
+  }
+}
+
+int start_areas() {
+  for (unsigned i = 0; i < ARRAY_SIZE(areas); i++) {
+    const int error = areas[i].init();
+    if (!error) continue;
+    stop_areas(i);
+    return error;
+  }
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int uk_boot(const struct uk_boot_options *options) {
+  if (__atomic_exchange_n(&running, 1, __ATOMIC_ACQ_REL)) return -EBUSY;
+  ukern_time_reset();
+  ukern_printk_reset();
+  ukern_lockcheck_reset();
+  totalram_pages = options->ram_pages ? options->ram_pages : kRamPages;
+
+  ukern_task_setup(&init_task, 0, "swapper");
+  ukern_set_current(&init_task);
+  int error = start_areas();
+  if (!error) {
+    error = ukern_mount_root(options->root_type, options->root_source);
+    if (error) stop_areas(ARRAY_SIZE(areas));
+  }
+  ukern_lock_check_none("end of the boot");
+  ukern_set_current(NULL);
+  if (error) __atomic_store_n(&running, 0, __ATOMIC_RELEASE);
+  return error;
+}
+
+int uk_shutdown(void) {
+  if (!__atomic_load_n(&running, __ATOMIC_ACQUIRE)) return -EINVAL;
+  const unsigned long before = uk_report_count();
+  BUG_ON(current);
+  ukern_lock_check_none("shutdown");
+  ukern_set_current(&init_task);
+  ukern_umount_root();
+  ukern_modules_exit();
+  stop_areas(ARRAY_SIZE(areas));
+  ukern_lock_check_none("end of the shutdown");
+  ukern_set_current(NULL);
+  __atomic_store_n(&running, 0, __ATOMIC_RELEASE);
+  return (int)(uk_report_count() - before);
+}
+}

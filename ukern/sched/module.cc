@@ -1,0 +1,141 @@
+// SPDX-License-Identifier: GPL-2.0
+// Modules linked into the image: loading is calling init, unloading is calling exit once nobody
+// uses it.
+#include <linux/errno.h>
+#include <linux/module.h>
+#include <linux/mutex.h>
+#include <linux/string.h>
+
+#include "ukern/sched/module.h"
+#include "ukern/sched/module_table.h"
+#include "ukern/sched/task.h"
+#include "ukern/sync/report.h"
+#include "ukern/uk_core.h"
+
+namespace {
+
+constexpr unsigned kModules = 64;
+
+DEFINE_SPINLOCK(module_lock);  // __this_module
+DEFINE_MUTEX(load_mutex);      // loaded; held while init and exit run
+bool loaded[kModules];
+
+const struct uk_module *table() {
+  static const struct uk_module none[] = {{.name = NULL, .init = NULL, .exit = NULL}};
+  return uk_modules ? uk_modules : none;
+}
+
+// Index in the table, or -ENOENT.
+int find(const char *name) {
+  for (unsigned i = 0; i < kModules && table()[i].name; i++)
+    if (!strcmp(table()[i].name, name)) return (int)i;
+  return -ENOENT;
+}
+
+void set_state(enum module_state state) {
+  spin_lock(&module_lock);
+  __this_module.state = state;
+  spin_unlock(&module_lock);
+}
+
+// False when somebody uses the module.
+bool start_going() {
+  spin_lock(&module_lock);
+  const bool idle = __this_module.refcnt == 0;
+  if (idle) __this_module.state = MODULE_STATE_GOING;
+  spin_unlock(&module_lock);
+  return idle;
+}
+
+int load_locked(unsigned index) {
+  if (loaded[index]) return -EEXIST;
+  strlcpy(__this_module.name, table()[index].name, sizeof(__this_module.name));
+  set_state(MODULE_STATE_COMING);
+  const int result = table()[index].init();
+  if (result < 0) {
+    set_state(MODULE_STATE_GOING);
+    return result;
+  }
+  set_state(MODULE_STATE_LIVE);
+  loaded[index] = true;
+  return result;
+}
+
+int unload_locked(unsigned index) {
+  if (!loaded[index]) return -ENOENT;
+  if (!start_going()) return -EWOULDBLOCK;
+  table()[index].exit();
+  loaded[index] = false;
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+struct module __this_module;
+
+int try_module_get(struct module *module) {
+  if (!module) return 1;
+  spin_lock(&module_lock);
+  const bool live = module_is_live(module);
+  if (live) module->refcnt++;
+  spin_unlock(&module_lock);
+  return live;
+}
+
+void __module_get(struct module *module) {
+  if (!module) return;
+  spin_lock(&module_lock);
+  BUG_ON(module->refcnt == 0);
+  module->refcnt++;
+  spin_unlock(&module_lock);
+}
+
+void module_put(struct module *module) {
+  if (!module) return;
+  spin_lock(&module_lock);
+  BUG_ON(module->refcnt == 0);
+  module->refcnt--;
+  spin_unlock(&module_lock);
+}
+
+unsigned int module_refcount(struct module *module) {
+  spin_lock(&module_lock);
+  const int count = module->refcnt;
+  spin_unlock(&module_lock);
+  return (unsigned int)count;
+}
+
+int uk_module_load(const char *name) {
+  KernelTaskScope scope("insmod");
+  const int index = find(name);
+  if (index < 0) return index;
+  mutex_lock(&load_mutex);
+  const int result = load_locked((unsigned)index);
+  mutex_unlock(&load_mutex);
+  return result;
+}
+
+int uk_module_unload(const char *name) {
+  KernelTaskScope scope("rmmod");
+  const int index = find(name);
+  if (index < 0) return index;
+  mutex_lock(&load_mutex);
+  const int result = unload_locked((unsigned)index);
+  mutex_unlock(&load_mutex);
+  return result;
+}
+
+void ukern_modules_exit(void) {
+  mutex_lock(&load_mutex);
+  for (unsigned i = 0; i < kModules && table()[i].name; i++) {
+    if (unload_locked(i) == -EWOULDBLOCK)
+      uk_report_end(uk_report_begin("module %s is still in use at shutdown, with %d references",
+                                    table()[i].name, __this_module.refcnt));
+    loaded[i] = false;
+  }
+  __this_module.refcnt = 0;
+  mutex_unlock(&load_mutex);
+}
+}

@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: GPL-2.0
+// The kernel log: a ring of the last lines. A line ends at its newline; text without one waits for
+// the rest, from whoever prints next, as it does in the log buffer of a kernel.
+#include <linux/kernel.h>
+#include <linux/spinlock.h>
+#include <linux/string.h>
+
+#include "ukern/host/host.h"
+#include "ukern/sched/printk.h"
+#include "ukern/uk_core.h"
+
+namespace {
+
+constexpr unsigned kLines = 8192;
+constexpr unsigned long kBytes = 1UL << 20;
+constexpr unsigned kLineMax = 1024;
+constexpr unsigned kDefaultLevel = 4;
+
+struct Line {
+  unsigned long long us;
+  unsigned long long start; /* of its text, counted from boot: byte n is at n % kBytes */
+  unsigned level, len;
+};
+
+// All under log_word. Lines first_line to next_line - 1 are there.
+volatile unsigned int log_word;
+Line lines[kLines];
+char bytes[kBytes];
+unsigned long long first_line, next_line, next_byte;
+
+char partial[kLineMax];
+unsigned partial_len, partial_level;
+bool at_line_start = true;
+
+// Changes with every line, for those who wait for one.
+volatile unsigned int log_version;
+
+void drop_overrun() {
+  while (first_line < next_line && (next_line - first_line >= kLines ||
+                                    lines[first_line % kLines].start + kBytes < next_byte))
+    first_line++;
+}
+
+void end_line() {
+  Line *line = &lines[next_line % kLines];
+  drop_overrun();
+  line->us = (unsigned long long)host_wall_ns() / 1000;
+  line->start = next_byte;
+  line->level = partial_level;
+  line->len = partial_len;
+  for (unsigned i = 0; i < partial_len; i++) bytes[next_byte++ % kBytes] = partial[i];
+  next_line++;
+  drop_overrun();
+  partial_len = 0;
+  at_line_start = true;
+}
+
+bool has_level(const char *text) {
+  return text[0] == '<' && text[1] >= '0' && text[1] <= '7' && text[2] == '>';
+}
+
+// Characters added to those of the text: a level that was not given counts as printed.
+int add_text(const char *text, bool *line_ended) {
+  int added = 0;
+  for (; *text; text++) {
+    if (at_line_start) {
+      at_line_start = false;
+      partial_level = kDefaultLevel;
+      if (has_level(text)) {
+        partial_level = (unsigned)(text[1] - '0');
+        text += 3;
+        if (!*text) break;
+      } else {
+        added += 3;
+      }
+    }
+    if (*text == '\n') {
+      end_line();
+      *line_ended = true;
+    } else if (partial_len < kLineMax) {
+      partial[partial_len++] = *text;
+    }
+  }
+  return added;
+}
+
+bool take_line(unsigned long long from, uk_klog_line *line, char *text, unsigned long size) {
+  if (from < first_line) from = first_line;
+  if (from >= next_line) return false;
+  const Line *found = &lines[from % kLines];
+  line->number = from;
+  line->us = found->us;
+  line->level = found->level;
+  line->len = found->len;
+  if (!size) return true;
+  unsigned long i = 0;
+  for (; i < found->len && i + 1 < size; i++) text[i] = bytes[(found->start + i) % kBytes];
+  text[i] = 0;
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+int vprintk(const char *fmt, va_list args) {
+  char text[1024];
+  int printed = vscnprintf(text, sizeof(text), fmt, args);
+  bool line_ended = false;
+  ukern_word_lock(&log_word);
+  printed += add_text(text, &line_ended);
+  ukern_word_unlock(&log_word);
+  if (line_ended) {
+    __atomic_add_fetch(&log_version, 1, __ATOMIC_RELEASE);
+    host_wake(&log_version, INT_MAX);
+  }
+  return printed;
+}
+
+int printk(const char *fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  const int printed = vprintk(fmt, args);
+  va_end(args);
+  return printed;
+}
+
+void ukern_printk_reset(void) {
+  ukern_word_lock(&log_word);
+  first_line = next_line = next_byte = 0;
+  partial_len = 0;
+  at_line_start = true;
+  ukern_word_unlock(&log_word);
+}
+
+int uk_klog_read(unsigned long long from, unsigned wait_ms, struct uk_klog_line *line, char *text,
+                 unsigned long size) {
+  const long long deadline = host_clock_ns() + wait_ms * 1000000LL;
+  for (;;) {
+    const unsigned int version = __atomic_load_n(&log_version, __ATOMIC_ACQUIRE);
+    ukern_word_lock(&log_word);
+    const bool found = take_line(from, line, text, size);
+    ukern_word_unlock(&log_word);
+    if (found) return 1;
+    const long long left = deadline - host_clock_ns();
+    if (left <= 0) return 0;
+    host_wait(&log_version, version, left);
+  }
+}
+}

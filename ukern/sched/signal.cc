@@ -1,0 +1,127 @@
+// SPDX-License-Identifier: GPL-2.0
+// Signals: sent to a task they go to the program that hosts it, if that asked for them, and wait in
+// the task otherwise.
+#include <linux/sched.h>
+
+#include "ukern/uk_core.h"
+
+namespace {
+
+// Called with the task's siglock.
+void update_pending(struct task_struct *task) {
+  const int waiting = (task->pending.signal.sig[0] & ~task->blocked.sig[0]) != 0;
+  __atomic_store_n(&task->sigpending, waiting, __ATOMIC_RELEASE);
+}
+
+bool may_signal(const struct task_struct *task) {
+  const struct task_struct *me = current;
+  return me->euid == task->suid || me->euid == task->uid || me->uid == task->suid ||
+         me->uid == task->uid || capable(CAP_KILL);
+}
+
+// A kernel thread ignores every signal that it has not asked for, unless it blocks it.
+bool ignores(const struct task_struct *task, int sig) {
+  if (task->blocked.sig[0] & sigmask(sig)) return false;
+  return sig == SIGCHLD || sig == SIGCONT || sig == SIGWINCH || sig == SIGURG;
+}
+
+int deliver(struct task_struct *task, int sig) {
+  int result = 0;
+  spin_lock(&task->sighand->siglock);
+  task->signals_seen |= sigmask(sig);
+  if (task->deliver) {
+    // Under the lock, so that no call is under way once uk_task_set_signal_handler has returned.
+    result = task->deliver(task->deliver_arg, sig);
+  } else if (!ignores(task, sig)) {
+    sigaddset(&task->pending.signal, sig);
+    update_pending(task);
+  }
+  spin_unlock(&task->sighand->siglock);
+  if (signal_pending(task)) wake_up_state(task, TASK_INTERRUPTIBLE);
+  return result;
+}
+
+// A task with this id and a reference, one with a handler before one without; null for none.
+struct task_struct *target_of(pid_t pid) {
+  struct task_struct *found = NULL;
+  read_lock(&tasklist_lock);
+  struct task_struct *task = find_task_by_pid(pid);
+  struct hlist_node *node = task ? &task->pid_link : NULL;
+  for (; node; node = node->next) {
+    task = hlist_entry(node, struct task_struct, pid_link);
+    if (task->pid != pid) continue;
+    const bool better = !found || (!found->deliver && task->deliver);
+    if (!better || !atomic_inc_not_zero(&task->usage)) continue;
+    // Not the last reference: whoever made the task cannot take it out of the tables while they are
+    // locked.
+    if (found) atomic_dec(&found->usage);
+    found = task;
+  }
+  read_unlock(&tasklist_lock);
+  return found;
+}
+
+}  // namespace
+
+extern "C" {
+
+void recalc_sigpending(void) {
+  update_pending(current);
+}
+
+void flush_signals(struct task_struct *task) {
+  spin_lock(&task->sighand->siglock);
+  sigemptyset(&task->pending.signal);
+  update_pending(task);
+  spin_unlock(&task->sighand->siglock);
+}
+
+int send_sig(int sig, struct task_struct *task, int priv) {
+  if (sig < 0 || !valid_signal((unsigned long)sig)) return -EINVAL;
+  if (!priv && !may_signal(task)) return -EPERM;
+  return sig ? deliver(task, sig) : 0;
+}
+
+int kill_proc(pid_t pid, int sig, int priv) {
+  struct task_struct *task = target_of(pid);
+  if (!task) return -ESRCH;
+  const int result = send_sig(sig, task, priv);
+  put_task_struct(task);
+  return result;
+}
+
+int allow_signal(int sig) {
+  if (sig < 1 || !valid_signal((unsigned long)sig)) return -EINVAL;
+  spin_lock(&current->sighand->siglock);
+  sigdelset(&current->blocked, sig);
+  recalc_sigpending();
+  spin_unlock(&current->sighand->siglock);
+  return 0;
+}
+
+int disallow_signal(int sig) {
+  if (sig < 1 || !valid_signal((unsigned long)sig)) return -EINVAL;
+  spin_lock(&current->sighand->siglock);
+  sigaddset(&current->blocked, sig);
+  recalc_sigpending();
+  spin_unlock(&current->sighand->siglock);
+  return 0;
+}
+
+void uk_task_set_signal_handler(struct uk_task *uk_task, int (*handler)(void *arg, int signal),
+                                void *arg) {
+  auto *task = (struct task_struct *)uk_task;
+  spin_lock(&task->sighand->siglock);
+  task->deliver = handler;
+  task->deliver_arg = arg;
+  spin_unlock(&task->sighand->siglock);
+}
+
+unsigned long long uk_task_signals(struct uk_task *uk_task) {
+  auto *task = (struct task_struct *)uk_task;
+  spin_lock(&task->sighand->siglock);
+  const unsigned long long seen = task->signals_seen;
+  spin_unlock(&task->sighand->siglock);
+  return seen;
+}
+}

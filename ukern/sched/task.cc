@@ -1,0 +1,300 @@
+// SPDX-License-Identifier: GPL-2.0
+// Task structures: tables, life, and the calls by which the hosting program makes and enters them.
+#include "ukern/sched/task.h"
+
+#include <linux/hash.h>
+#include <linux/mm.h>
+#include <linux/slab.h>
+#include <linux/string.h>
+#include <asm/uaccess.h>
+
+#include "ukern/mm/fault.h"
+#include "ukern/sync/lockcheck.h"
+#include "ukern/sync/report.h"
+#include "ukern/uk_core.h"
+#include "ukern/vfs/exec.h"
+
+namespace {
+
+constexpr unsigned kPidBits = 8;
+// Above every process id that the host gives out, so that kernel threads and programs never meet.
+constexpr int kFirstKernelPid = 1 << 22;
+
+kmem_cache_t *task_cachep;
+
+// Both under tasklist_lock.
+struct hlist_head pid_hash[1u << kPidBits];
+LIST_HEAD(all_tasks);
+
+int last_kernel_pid = kFirstKernelPid;
+
+struct group_info no_groups = {.ngroups = 0, .usage = ATOMIC_INIT(1), .gids = {}};
+
+struct hlist_head *pid_bucket(int pid) {
+  return &pid_hash[hash_long((unsigned long)(unsigned)pid, kPidBits)];
+}
+
+void set_comm_from_path(struct task_struct *task, const char *path) {
+  const char *slash = strrchr(path, '/');
+  strlcpy(task->comm, slash ? slash + 1 : path, TASK_COMM_LEN);
+}
+
+bool same_text(const char *a, const char *b) {
+  return a && b ? !strcmp(a, b) : a == b;
+}
+
+// The task's program and what was made for it. The old map goes when its last user does.
+int change_exe(struct task_struct *task, const char *exe) {
+  if (same_text(task->exe, exe)) return 0;
+  char *copy = NULL;
+  if (exe) {
+    copy = kstrdup(exe, GFP_KERNEL);
+    if (!copy) return -ENOMEM;
+  }
+  task_lock(task);
+  char *old_exe = task->exe;
+  struct mm_struct *old_mm = task->mm;
+  task->exe = copy;
+  task->mm = NULL;
+  if (exe) set_comm_from_path(task, exe);
+  task_unlock(task);
+  kfree(old_exe);
+  if (old_mm) mmput(old_mm);
+  return 0;
+}
+
+int by_number(unsigned a, unsigned b) {
+  return a < b ? -1 : a > b;
+}
+
+void sort_groups(gid_t *gids, int count) {
+  for (int gap = count / 2; gap > 0; gap /= 2) {
+    for (int i = gap; i < count; i++) {
+      const gid_t moving = gids[i];
+      int at = i;
+      for (; at >= gap && by_number(gids[at - gap], moving) > 0; at -= gap)
+        gids[at] = gids[at - gap];
+      gids[at] = moving;
+    }
+  }
+}
+
+int change_groups(struct task_struct *task, unsigned count, const unsigned *groups) {
+  if (count > NGROUPS_MAX) return -EINVAL;
+  const struct group_info *now = task->group_info;
+  if (!count && !now->ngroups) return 0;
+  struct group_info *info = groups_alloc((int)count);
+  if (!info) return -ENOMEM;
+  for (unsigned i = 0; i < count; i++) info->gids[i] = groups[i];
+  sort_groups(info->gids, info->ngroups);
+  task_lock(task);
+  struct group_info *old = task->group_info;
+  task->group_info = info;
+  task_unlock(task);
+  put_group_info(old);
+  return 0;
+}
+
+void change_ids(struct task_struct *task, const uk_cred *cred) {
+  task->uid = task->euid = task->suid = task->fsuid = cred->uid;
+  task->gid = task->egid = task->sgid = task->fsgid = cred->gid;
+  task->cap_effective = task->cap_permitted = cred->cap_effective;
+  if (task->pid == cred->pid) return;
+  ukern_task_unhash(task);
+  task->pid = task->tgid = cred->pid;
+  flush_signals(task);  // those were for another process
+  ukern_task_hash(task);
+}
+
+struct task_struct *task_of(struct uk_task *task) {
+  return (struct task_struct *)task;
+}
+
+}  // namespace
+
+extern "C" {
+
+__thread struct task_struct *ukern_current_task __attribute__((tls_model("initial-exec")));
+struct task_struct init_task;
+struct fs_struct init_fs = {.count = ATOMIC_INIT(1),
+                            .lock = __RW_LOCK_UNLOCKED(init_fs.lock),
+                            .umask = 0,
+                            .root = NULL,
+                            .pwd = NULL,
+                            .rootmnt = NULL,
+                            .pwdmnt = NULL};
+DEFINE_RWLOCK(tasklist_lock);
+
+void ukern_set_current(struct task_struct *task) {
+  ukern_current_task = task;
+}
+
+void ukern_task_setup(struct task_struct *task, pid_t pid, const char *name) {
+  memset(task, 0, sizeof(*task));
+  atomic_set(&task->usage, 1);
+  task->pid = task->tgid = pid;
+  strlcpy(task->comm, name, TASK_COMM_LEN);
+  task->group_info = &no_groups;
+  get_group_info(task->group_info);
+  cap_set_full(task->cap_effective);
+  cap_set_full(task->cap_permitted);
+  task->fs = &init_fs;
+  task->signal = &task->own_signal;
+  for (struct rlimit &limit : task->own_signal.rlim)
+    limit = {.rlim_cur = RLIM_INFINITY, .rlim_max = RLIM_INFINITY};
+  task->sighand = &task->own_sighand;
+  spin_lock_init(&task->own_sighand.siglock);
+  spin_lock_init(&task->alloc_lock);
+  sigfillset(&task->blocked);
+  INIT_HLIST_NODE(&task->pid_link);
+  INIT_LIST_HEAD(&task->task_link);
+  task->addr_limit = KERNEL_DS;
+}
+
+void ukern_task_hash(struct task_struct *task) {
+  write_lock(&tasklist_lock);
+  hlist_add_head(&task->pid_link, pid_bucket(task->pid));
+  list_add_tail(&task->task_link, &all_tasks);
+  write_unlock(&tasklist_lock);
+}
+
+void ukern_task_unhash(struct task_struct *task) {
+  write_lock(&tasklist_lock);
+  hlist_del_init(&task->pid_link);
+  list_del_init(&task->task_link);
+  write_unlock(&tasklist_lock);
+}
+
+struct task_struct *ukern_task_alloc(const char *name) {
+  auto *task = (struct task_struct *)kmem_cache_alloc(task_cachep, GFP_KERNEL);
+  if (!task) return NULL;
+  ukern_task_setup(task, __atomic_add_fetch(&last_kernel_pid, 1, __ATOMIC_RELAXED), name);
+  ukern_task_hash(task);
+  return task;
+}
+
+void __put_task_struct(struct task_struct *task) {
+  KernelTaskScope scope("put_task");
+  ukern_task_unhash(task);
+  if (task->mm) mmput(task->mm);
+  put_group_info(task->group_info);
+  kfree(task->exe);
+  kfree(task->user_more);
+  ukern_kthread_free(task->kthread);
+  kmem_cache_free(task_cachep, task);
+}
+
+struct task_struct *find_task_by_pid(int nr) {
+  struct task_struct *task;
+  struct hlist_node *node;
+  hlist_for_each_entry(task, node, pid_bucket(nr), pid_link) {
+    if (task->pid == nr) return task;
+  }
+  return NULL;
+}
+
+void set_task_comm(struct task_struct *task, char *from) {
+  task_lock(task);
+  strlcpy(task->comm, from, TASK_COMM_LEN);
+  task_unlock(task);
+}
+
+char *get_task_comm(char *to, struct task_struct *task) {
+  task_lock(task);
+  strncpy(to, task->comm, TASK_COMM_LEN);
+  task_unlock(task);
+  return to;
+}
+
+struct mm_struct *get_task_mm(struct task_struct *task) {
+  might_sleep();
+  task_lock(task);
+  struct mm_struct *mm = task->mm;
+  if (mm) atomic_inc(&mm->mm_users);
+  task_unlock(task);
+  if (mm || !task->exe) return mm;
+
+  // In a kernel the map is there from the start, so making it must not show: no fault points.
+  uk_fault_pause();
+  struct mm_struct *made = ukern_exec_mm(task->exe);
+  uk_fault_resume();
+  if (!made) return NULL;
+  task_lock(task);
+  struct mm_struct *lost = NULL;
+  if (task->mm)
+    lost = made;
+  else
+    task->mm = made;
+  mm = task->mm;
+  atomic_inc(&mm->mm_users);
+  task_unlock(task);
+  if (lost) mmput(lost);
+  return mm;
+}
+
+void mmput(struct mm_struct *mm) {
+  might_sleep();
+  if (atomic_dec_and_test(&mm->mm_users)) ukern_exec_mm_free(mm);
+}
+
+int ukern_tasks_init(void) {
+  task_cachep = kmem_cache_create("task_struct", sizeof(struct task_struct), 0, 0, NULL, NULL);
+  return task_cachep ? 0 : -ENOMEM;
+}
+
+void ukern_tasks_exit(void) {
+  while (!list_empty(&all_tasks)) {
+    struct task_struct *task = list_entry(all_tasks.next, struct task_struct, task_link);
+    uk_report_end(uk_report_begin("task %d (%s) is still there at shutdown, with %d references",
+                                  task->pid, task->comm, atomic_read(&task->usage)));
+    ukern_task_unhash(task);
+  }
+  kmem_cache_destroy(task_cachep);
+}
+
+struct uk_task *uk_task_new(const struct uk_cred *cred) {
+  KernelTaskScope scope("new_task");
+  struct task_struct *task = ukern_task_alloc("user");
+  if (!task) return NULL;
+  task->addr_limit = USER_DS;
+  sigemptyset(&task->blocked);
+  if (uk_task_set_cred((struct uk_task *)task, cred)) {
+    put_task_struct(task);
+    return NULL;
+  }
+  return (struct uk_task *)task;
+}
+
+int uk_task_set_cred(struct uk_task *uk_task, const struct uk_cred *cred) {
+  KernelTaskScope scope("set_cred");
+  struct task_struct *task = task_of(uk_task);
+  int error = change_groups(task, cred->ngroups, cred->groups);
+  if (!error) error = change_exe(task, cred->exe);
+  if (!error) change_ids(task, cred);
+  return error;
+}
+
+void uk_task_put(struct uk_task *task) {
+  put_task_struct(task_of(task));
+}
+
+void uk_task_enter(struct uk_task *uk_task) {
+  struct task_struct *task = task_of(uk_task);
+  BUG_ON(current);
+  get_task_struct(task);
+  ukern_set_current(task);
+}
+
+void uk_task_leave(void) {
+  struct task_struct *task = current;
+  BUG_ON(!task);
+  ukern_lock_check_none("return from the kernel");
+  if (!segment_eq(task->addr_limit, USER_DS)) {
+    uk_report_end(uk_report_begin("return from the kernel with the kernel's address limit"));
+    task->addr_limit = USER_DS;
+  }
+  __set_task_state(task, TASK_RUNNING);
+  ukern_set_current(NULL);
+  put_task_struct(task);
+}
+}

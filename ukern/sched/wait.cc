@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: GPL-2.0
+// Wait queues, completions and semaphores.
+#include <linux/completion.h>
+#include <linux/sched.h>
+#include <linux/wait.h>
+
+namespace {
+
+// Entries that are not exclusive come first, so all of them are woken, and of the others `nr` (0:
+// all).
+void wake_locked(wait_queue_head_t *q, unsigned int mode, int nr, int sync, void *key) {
+  wait_queue_t *entry, *next;
+  list_for_each_entry_safe(entry, next, &q->task_list, task_list) {
+    const unsigned int flags = entry->flags;
+    if (entry->func(entry, mode, sync, key) && (flags & WQ_FLAG_EXCLUSIVE) && !--nr) break;
+  }
+}
+
+void wake(wait_queue_head_t *q, unsigned int mode, int nr, int sync, void *key) {
+  spin_lock(&q->lock);
+  wake_locked(q, mode, nr, sync, key);
+  spin_unlock(&q->lock);
+}
+
+void prepare(wait_queue_head_t *q, wait_queue_t *wait, int state, bool exclusive) {
+  if (exclusive)
+    wait->flags |= WQ_FLAG_EXCLUSIVE;
+  else
+    wait->flags &= ~(unsigned)WQ_FLAG_EXCLUSIVE;
+  spin_lock(&q->lock);
+  if (list_empty(&wait->task_list)) {
+    if (exclusive)
+      __add_wait_queue_tail(q, wait);
+    else
+      __add_wait_queue(q, wait);
+  }
+  // After the entry, so that a wake-up that does not see the entry comes before the caller's test.
+  if (is_sync_wait(wait)) set_current_state(state);
+  spin_unlock(&q->lock);
+}
+
+// Waits until `done` is above 0 and takes one: jiffies left, 0 for a time-out, or -ERESTARTSYS.
+// What comes in the very moment in which the time runs out is left for the next one.
+long wait_done(struct completion *x, int state, long timeout) {
+  might_sleep();
+  spin_lock(&x->wait.lock);
+  if (!x->done) {
+    DECLARE_WAITQUEUE(wait, current);
+    wait.flags |= WQ_FLAG_EXCLUSIVE;
+    __add_wait_queue_tail(&x->wait, &wait);
+    do {
+      if (state == TASK_INTERRUPTIBLE && signal_pending(current)) {
+        timeout = -ERESTARTSYS;
+        break;
+      }
+      __set_current_state(state);
+      spin_unlock(&x->wait.lock);
+      timeout = schedule_timeout(timeout);
+      spin_lock(&x->wait.lock);
+    } while (!x->done && timeout);
+    __remove_wait_queue(&x->wait, &wait);
+  }
+  if (timeout > 0) x->done--;
+  spin_unlock(&x->wait.lock);
+  return timeout;
+}
+
+int down_state(struct semaphore *sem, int state) {
+  might_sleep();
+  int result = 0;
+  spin_lock(&sem->wait.lock);
+  if (sem->count <= 0) {
+    DECLARE_WAITQUEUE(wait, current);
+    wait.flags |= WQ_FLAG_EXCLUSIVE;
+    __add_wait_queue_tail(&sem->wait, &wait);
+    while (sem->count <= 0) {
+      if (state == TASK_INTERRUPTIBLE && signal_pending(current)) {
+        result = -EINTR;
+        break;
+      }
+      __set_current_state(state);
+      spin_unlock(&sem->wait.lock);
+      schedule();
+      spin_lock(&sem->wait.lock);
+    }
+    __remove_wait_queue(&sem->wait, &wait);
+  }
+  if (!result) sem->count--;
+  // A wake-up that this task took and does not use, and a count that is still there, go to the next
+  // one.
+  if (sem->count > 0)
+    wake_locked(&sem->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, NULL);
+  spin_unlock(&sem->wait.lock);
+  return result;
+}
+
+}  // namespace
+
+extern "C" {
+
+void init_waitqueue_head(wait_queue_head_t *q) {
+  spin_lock_init(&q->lock);
+  INIT_LIST_HEAD(&q->task_list);
+}
+
+int default_wake_function(wait_queue_t *wait, unsigned mode, int, void *) {
+  return wake_up_state((struct task_struct *)wait->private_, mode);
+}
+
+int autoremove_wake_function(wait_queue_t *wait, unsigned mode, int sync, void *key) {
+  const int woken = default_wake_function(wait, mode, sync, key);
+  if (woken) list_del_init(&wait->task_list);
+  return woken;
+}
+
+void add_wait_queue(wait_queue_head_t *q, wait_queue_t *wait) {
+  wait->flags &= ~(unsigned)WQ_FLAG_EXCLUSIVE;
+  spin_lock(&q->lock);
+  __add_wait_queue(q, wait);
+  spin_unlock(&q->lock);
+}
+
+void add_wait_queue_exclusive(wait_queue_head_t *q, wait_queue_t *wait) {
+  wait->flags |= WQ_FLAG_EXCLUSIVE;
+  spin_lock(&q->lock);
+  __add_wait_queue_tail(q, wait);
+  spin_unlock(&q->lock);
+}
+
+void remove_wait_queue(wait_queue_head_t *q, wait_queue_t *wait) {
+  spin_lock(&q->lock);
+  __remove_wait_queue(q, wait);
+  spin_unlock(&q->lock);
+}
+
+void __wake_up(wait_queue_head_t *q, unsigned int mode, int nr, void *key) {
+  wake(q, mode, nr, 0, key);
+}
+
+void __wake_up_locked(wait_queue_head_t *q, unsigned int mode) {
+  wake_locked(q, mode, 1, 0, NULL);
+}
+
+void __wake_up_sync(wait_queue_head_t *q, unsigned int mode, int nr) {
+  wake(q, mode, nr, 1, NULL);
+}
+
+void prepare_to_wait(wait_queue_head_t *q, wait_queue_t *wait, int state) {
+  prepare(q, wait, state, false);
+}
+
+void prepare_to_wait_exclusive(wait_queue_head_t *q, wait_queue_t *wait, int state) {
+  prepare(q, wait, state, true);
+}
+
+void finish_wait(wait_queue_head_t *q, wait_queue_t *wait) {
+  __set_current_state(TASK_RUNNING);
+  // Always with the lock: the waker may still be at work on the entry, which is on this task's
+  // stack.
+  spin_lock(&q->lock);
+  if (!list_empty(&wait->task_list)) list_del_init(&wait->task_list);
+  spin_unlock(&q->lock);
+}
+
+void wait_for_completion(struct completion *x) {
+  wait_done(x, TASK_UNINTERRUPTIBLE, MAX_SCHEDULE_TIMEOUT);
+}
+
+int wait_for_completion_interruptible(struct completion *x) {
+  const long left = wait_done(x, TASK_INTERRUPTIBLE, MAX_SCHEDULE_TIMEOUT);
+  return left < 0 ? (int)left : 0;
+}
+
+unsigned long wait_for_completion_timeout(struct completion *x, unsigned long timeout) {
+  return (unsigned long)wait_done(x, TASK_UNINTERRUPTIBLE, (long)timeout);
+}
+
+unsigned long wait_for_completion_interruptible_timeout(struct completion *x,
+                                                        unsigned long timeout) {
+  return (unsigned long)wait_done(x, TASK_INTERRUPTIBLE, (long)timeout);
+}
+
+void complete(struct completion *x) {
+  spin_lock(&x->wait.lock);
+  x->done++;
+  wake_locked(&x->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, NULL);
+  spin_unlock(&x->wait.lock);
+}
+
+void complete_all(struct completion *x) {
+  spin_lock(&x->wait.lock);
+  x->done += UINT_MAX / 2;
+  wake_locked(&x->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 0, 0, NULL);
+  spin_unlock(&x->wait.lock);
+}
+
+void down(struct semaphore *sem) {
+  down_state(sem, TASK_UNINTERRUPTIBLE);
+}
+
+int down_interruptible(struct semaphore *sem) {
+  return down_state(sem, TASK_INTERRUPTIBLE);
+}
+
+int down_trylock(struct semaphore *sem) {
+  spin_lock(&sem->wait.lock);
+  const bool taken = sem->count > 0;
+  if (taken) sem->count--;
+  spin_unlock(&sem->wait.lock);
+  return !taken;
+}
+
+void up(struct semaphore *sem) {
+  spin_lock(&sem->wait.lock);
+  sem->count++;
+  wake_locked(&sem->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, NULL);
+  spin_unlock(&sem->wait.lock);
+}
+}

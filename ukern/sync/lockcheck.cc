@@ -1,0 +1,362 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "ukern/sync/lockcheck.h"
+
+#if UKERN_DEBUG
+
+#include <linux/hardirq.h>
+#include <linux/hash.h>
+#include <linux/kernel.h>
+#include <linux/spinlock.h>
+#include <linux/string.h>
+
+#include "ukern/sync/report.h"
+#include "ukern/sync/stack.h"
+
+extern "C" {
+/* The program in memory, as the linker lays it out. */
+extern char __executable_start[] __attribute__((visibility("hidden")));
+extern char _end[] __attribute__((visibility("hidden")));
+}
+
+namespace {
+
+constexpr unsigned int kHeld = 48;
+constexpr unsigned int kClassBits = 10;
+constexpr unsigned int kClasses = 1u << kClassBits;
+constexpr unsigned int kEdges = 8192;
+constexpr unsigned int kNoClass = 0;
+
+struct Held {
+  lockdep_map *map;
+  unsigned int lock_class;
+  ukern_lock_kind kind;
+  uk_stack where;
+};
+
+struct ThreadLocks {
+  unsigned int depth;
+  int preempt;
+  Held held[kHeld];
+};
+
+__thread ThreadLocks mine __attribute__((tls_model("initial-exec")));
+
+// A class is a key and a subclass. Slot 0 is no class. Keys are written once, under the word.
+struct LockClass {
+  const char *key; /* address of the subclass's byte in the key */
+  const char *name;
+  unsigned int subclass;
+};
+
+// "later was taken under earlier", and where, the first time.
+struct Edge {
+  unsigned int earlier, later;
+  unsigned int next; /* of the same earlier class; 0 ends */
+  uk_stack earlier_at, later_at;
+};
+
+LockClass classes[kClasses];
+unsigned long after[kClasses][kClasses / BITS_PER_LONG]; /* bit: an edge is known */
+Edge edges[kEdges];
+unsigned int first_edge[kClasses];
+unsigned int edge_count;
+volatile unsigned int graph_word;
+int told_full;
+
+// Scratch of the search, under the word.
+unsigned int reached_by[kClasses];
+unsigned int queue[kClasses];
+
+bool is_static(const void *address) {
+  return (const char *)address >= __executable_start && (const char *)address < _end;
+}
+
+unsigned int class_add(const char *key, const char *name, unsigned int subclass) {
+  const unsigned int start = (unsigned int)hash_long((unsigned long)key, kClassBits);
+  for (unsigned int i = 0; i < kClasses; i++) {
+    const unsigned int slot = (start + i) % kClasses;
+    if (slot == kNoClass) continue;
+    LockClass *lock_class = &classes[slot];
+    if (lock_class->key == key) return slot;
+    if (lock_class->key) continue;
+    lock_class->name = name;
+    lock_class->subclass = subclass;
+    __atomic_store_n(&lock_class->key, key, __ATOMIC_RELEASE);
+    return slot;
+  }
+  return kNoClass;
+}
+
+unsigned int class_of(lockdep_map *map, unsigned int subclass) {
+  const char *key;
+  if (map->key)
+    key = map->key->subkeys + subclass;
+  else if (is_static(map))
+    key = (const char *)map + subclass;
+  else
+    return kNoClass;
+
+  const unsigned int start = (unsigned int)hash_long((unsigned long)key, kClassBits);
+  for (unsigned int i = 0; i < kClasses; i++) {
+    const unsigned int slot = (start + i) % kClasses;
+    if (slot == kNoClass) continue;
+    const char *there = __atomic_load_n(&classes[slot].key, __ATOMIC_ACQUIRE);
+    if (there == key) return slot;
+    if (!there) break;
+  }
+  ukern_word_lock(&graph_word);
+  const unsigned int slot = class_add(key, map->name, subclass);
+  ukern_word_unlock(&graph_word);
+  return slot;
+}
+
+struct Label {
+  char text[80];
+};
+
+Label label(const char *name, unsigned int subclass) {
+  Label label;
+  if (subclass)
+    snprintf(label.text, sizeof(label.text), "%s/%u", name, subclass);
+  else
+    snprintf(label.text, sizeof(label.text), "%s", name);
+  return label;
+}
+
+Label class_label(unsigned int slot) {
+  return label(classes[slot].name, classes[slot].subclass);
+}
+
+const char *name_of(const lockdep_map *map) {
+  return map->name ? map->name : "(unnamed)";
+}
+
+const char *kind_text(ukern_lock_kind kind) {
+  switch (kind) {
+    case UKERN_SPIN:
+      return "spin lock";
+    case UKERN_RW_READ:
+      return "rwlock, as reader";
+    case UKERN_RW_WRITE:
+      return "rwlock, as writer";
+    case UKERN_MUTEX:
+      return "mutex";
+    case UKERN_SEM_READ:
+      return "rwsem, as reader";
+    case UKERN_SEM_WRITE:
+      return "rwsem, as writer";
+  }
+  return "";
+}
+
+bool spins(ukern_lock_kind kind) {
+  return kind <= UKERN_RW_WRITE;
+}
+
+void report_held(uk_report *report) {
+  for (unsigned int i = 0; i < mine.depth; i++) {
+    char title[128];
+    snprintf(title, sizeof(title), "held: %s %p (%s), taken at", name_of(mine.held[i].map),
+             mine.held[i].map, kind_text(mine.held[i].kind));
+    uk_report_stack(report, title, &mine.held[i].where);
+  }
+}
+
+void complain(const lockdep_map *map, ukern_lock_kind kind, const char *what) {
+  uk_report *report = uk_report_begin("%s: %s %p (%s)", what, name_of(map), map, kind_text(kind));
+  uk_report_here(report);
+  report_held(report);
+  uk_report_end(report);
+}
+
+bool edge_known(unsigned int earlier, unsigned int later) {
+  return test_bit((int)later, after[earlier]);
+}
+
+// Whether `to` was ever taken under `from`, directly or through others; reached_by then leads back.
+bool path_exists(unsigned int from, unsigned int to) {
+  memset(reached_by, 0, sizeof(reached_by));
+  unsigned int read = 0, written = 0;
+  queue[written++] = from;
+  while (read < written) {
+    for (unsigned int e = first_edge[queue[read++]]; e; e = edges[e].next) {
+      const unsigned int later = edges[e].later;
+      if (later == from || reached_by[later]) continue;
+      reached_by[later] = e;
+      if (later == to) return true;
+      queue[written++] = later;
+    }
+  }
+  return false;
+}
+
+void report_inversion(const Held *held, unsigned int wanted) {
+  const Label first = class_label(held->lock_class), second = class_label(wanted);
+  uk_report *report =
+      uk_report_begin("lock order inversion: %s is being taken under %s, which was taken under it",
+                      second.text, first.text);
+  uk_report_stack(report, "here the first was taken at", &held->where);
+  uk_report_line(report, "and now the second:");
+  uk_report_here(report);
+  for (unsigned int at = held->lock_class; at != wanted; at = edges[reached_by[at]].earlier) {
+    const Edge *edge = &edges[reached_by[at]];
+    char title[200];
+    const Label earlier = class_label(edge->earlier), later = class_label(edge->later);
+    snprintf(title, sizeof(title), "elsewhere %s was taken at", earlier.text);
+    uk_report_stack(report, title, &edge->earlier_at);
+    snprintf(title, sizeof(title), "and then %s at", later.text);
+    uk_report_stack(report, title, &edge->later_at);
+  }
+  uk_report_end(report);
+}
+
+void learn(const Held *held, unsigned int wanted) {
+  ukern_word_lock(&graph_word);
+  bool inverted = false;
+  if (!edge_known(held->lock_class, wanted)) {
+    if (edge_count + 1 < kEdges) {
+      Edge *edge = &edges[++edge_count];
+      edge->earlier = held->lock_class;
+      edge->later = wanted;
+      edge->earlier_at = held->where;
+      uk_stack_save(&edge->later_at, 2);
+      edge->next = first_edge[held->lock_class];
+      first_edge[held->lock_class] = edge_count;
+    } else if (!told_full) {
+      told_full = 1;
+      printk(KERN_WARNING "lock checker: no room for more orders\n");
+    }
+    set_bit((int)wanted, after[held->lock_class]);
+    inverted = path_exists(wanted, held->lock_class);
+    if (inverted) report_inversion(held, wanted);
+  }
+  ukern_word_unlock(&graph_word);
+}
+
+// What the held lock says against taking another one.
+const char *objection(const Held *held, const lockdep_map *map, ukern_lock_kind kind,
+                      unsigned int lock_class) {
+  if (kind == UKERN_RW_READ && held->kind == UKERN_RW_READ) return nullptr;
+  if (held->map == map) return "lock taken again by its holder";
+  if (lock_class != kNoClass && held->lock_class == lock_class)
+    return "second lock of one class taken without a subclass of its own";
+  return nullptr;
+}
+
+Held *find_held(const lockdep_map *map) {
+  for (unsigned int i = mine.depth; i-- > 0;)
+    if (mine.held[i].map == map) return &mine.held[i];
+  return nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
+void lockdep_init_map(struct lockdep_map *map, const char *name, struct lock_class_key *key) {
+  if (unlikely(mine.depth && find_held(map)))
+    complain(map, find_held(map)->kind, "initialised while it is held");
+  map->name = name;
+  map->key = key;
+}
+
+void ukern_lock_before(struct lockdep_map *map, enum ukern_lock_kind kind, unsigned int subclass) {
+  BUG_ON(subclass >= MAX_LOCKDEP_SUBCLASSES);
+  if (!spins(kind)) might_sleep();
+  if (!mine.depth) return;
+  const unsigned int wanted = class_of(map, subclass);
+  for (unsigned int i = 0; i < mine.depth; i++) {
+    const Held *held = &mine.held[i];
+    if (const char *what = objection(held, map, kind, wanted)) complain(map, kind, what);
+    if (wanted == kNoClass || held->lock_class == kNoClass || wanted == held->lock_class) continue;
+    if (!edge_known(held->lock_class, wanted)) learn(held, wanted);
+  }
+}
+
+void ukern_lock_got(struct lockdep_map *map, enum ukern_lock_kind kind, unsigned int subclass) {
+  BUG_ON(mine.depth == kHeld);
+  Held *held = &mine.held[mine.depth++];
+  held->map = map;
+  held->kind = kind;
+  held->lock_class = class_of(map, subclass);
+  uk_stack_save(&held->where, 1);
+  if (spins(kind)) mine.preempt++;
+}
+
+void ukern_lock_release(struct lockdep_map *map, enum ukern_lock_kind kind) {
+  Held *held = find_held(map);
+  if (unlikely(!held)) {
+    complain(map, kind, "lock given back that is not held");
+    return;
+  }
+  if (unlikely(held->kind != kind))
+    complain(map, kind, "lock given back in another way than taken");
+  if (spins(held->kind)) mine.preempt--;
+  mine.depth--;
+  for (Held *end = &mine.held[mine.depth]; held < end; held++) *held = held[1];
+}
+
+void ukern_lock_downgrade(struct lockdep_map *map) {
+  Held *held = find_held(map);
+  if (held && held->kind == UKERN_SEM_WRITE)
+    held->kind = UKERN_SEM_READ;
+  else
+    complain(map, UKERN_SEM_WRITE, "lock downgraded that is not held as writer");
+}
+
+int ukern_lock_held(const struct lockdep_map *map) {
+  return find_held(map) != nullptr;
+}
+
+void ukern_lock_check_free(const void *memory, unsigned long size) {
+  const unsigned long start = (unsigned long)memory;
+  for (unsigned int i = 0; i < mine.depth; i++) {
+    const unsigned long at = (unsigned long)mine.held[i].map;
+    if (at >= start && at < start + size)
+      complain(mine.held[i].map, mine.held[i].kind, "memory freed with a held lock in it");
+  }
+}
+
+void ukern_lock_check_none(const char *when) {
+  if (likely(!mine.depth && !mine.preempt)) return;
+  uk_report *report;
+  if (mine.depth)
+    report = uk_report_begin("%s with %u locks held, the last one %s", when, mine.depth,
+                             name_of(mine.held[mine.depth - 1].map));
+  else
+    report = uk_report_begin("%s with a preempt count of %d", when, mine.preempt);
+  uk_report_here(report);
+  report_held(report);
+  mine.depth = 0;
+  mine.preempt = 0;
+  uk_report_end(report);
+}
+
+void ukern_lockcheck_reset(void) {
+  ukern_word_lock(&graph_word);
+  memset(classes, 0, sizeof(classes));
+  memset(after, 0, sizeof(after));
+  memset(first_edge, 0, sizeof(first_edge));
+  edge_count = 0;
+  told_full = 0;
+  ukern_word_unlock(&graph_word);
+}
+
+void ukern_preempt_add(int count) {
+  mine.preempt += count;
+}
+
+int ukern_preempt_count(void) {
+  return mine.preempt;
+}
+
+void ukern_might_sleep(void) {
+  if (likely(!mine.preempt)) return;
+  uk_report *report = uk_report_begin("sleeping function called in atomic context");
+  uk_report_here(report);
+  report_held(report);
+  uk_report_end(report);
+}
+}
+
+#endif

@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: GPL-2.0
+#include <linux/spinlock.h>
+
+#include "ukern/sync/reflog.h"
+
+#if UKERN_DEBUG
+
+#include <linux/string.h>
+
+#include "ukern/host/host.h"
+#include "ukern/sync/stack.h"
+
+namespace {
+
+struct Change {
+  int change, count;
+  uk_stack where;
+};
+
+}  // namespace
+
+struct uk_reflog {
+  volatile unsigned int word; /* guards the rest */
+  unsigned long noted;        /* entry n is changes[n % UKERN_REFLOG_ENTRIES] */
+  Change changes[UKERN_REFLOG_ENTRIES];
+};
+
+namespace {
+
+// Two threads may make the first note at once: the second one uses the first one's log.
+uk_reflog *log_of(uk_reflog **slot) {
+  uk_reflog *log = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
+  if (log) return log;
+  auto *made = static_cast<uk_reflog *>(host_alloc(sizeof(uk_reflog), 16));
+  if (!made) return nullptr;
+  made->word = 0;
+  made->noted = 0;
+  if (__atomic_compare_exchange_n(slot, &log, made, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE))
+    return made;
+  host_free(made);
+  return log;
+}
+
+}  // namespace
+
+extern "C" {
+
+void uk_reflog_note(struct uk_reflog **slot, int change, int count) {
+  uk_reflog *log = log_of(slot);
+  if (!log) return;
+  Change entry;
+  entry.change = change;
+  entry.count = count;
+  uk_stack_save(&entry.where, 1);
+  ukern_word_lock(&log->word);
+  log->changes[log->noted++ % UKERN_REFLOG_ENTRIES] = entry;
+  ukern_word_unlock(&log->word);
+}
+
+void uk_reflog_free(struct uk_reflog *log) {
+  host_free(log);
+}
+
+void uk_report_reflog(struct uk_report *report, const struct uk_reflog *const_log) {
+  if (!const_log) return;
+  auto *log = const_cast<uk_reflog *>(const_log);
+  ukern_word_lock(&log->word);
+  const unsigned long end = log->noted;
+  const unsigned long start = end > UKERN_REFLOG_ENTRIES ? end - UKERN_REFLOG_ENTRIES : 0;
+  if (start) uk_report_line(report, "%lu earlier changes of the count are not shown", start);
+  for (unsigned long i = start; i < end; i++) {
+    const Change &entry = log->changes[i % UKERN_REFLOG_ENTRIES];
+    char title[64];
+    snprintf(title, sizeof(title), "reference %s, %d then", entry.change > 0 ? "taken" : "dropped",
+             entry.count);
+    uk_report_stack(report, title, &entry.where);
+  }
+  ukern_word_unlock(&log->word);
+}
+}
+
+#endif

@@ -1,0 +1,27 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Where something happened: the return addresses on the way there. Found by the frame pointers,
+ * which all kernel-side code keeps; the walk ends at the first frame that is not on the calling
+ * thread's stack.
+ */
+#ifndef UKERN_SYNC_STACK_H
+#define UKERN_SYNC_STACK_H
+
+#define UKERN_STACK_DEPTH 10
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct uk_stack {
+  unsigned depth;
+  unsigned long pc[UKERN_STACK_DEPTH]; /* innermost first */
+};
+
+/* The way to the caller of the function that calls this; `skip` more frames are left out. */
+void uk_stack_save(struct uk_stack *stack, unsigned skip);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: GPL-2.0
+// Keeps unused dentries and inodes few: a kernel thread frees what is above the limit. Inodes of
+// some file systems hold resources of the host, so that "as many as memory takes" would be too
+// many.
+
+#include "ukern/vfs/vfs.h"
+
+#include <linux/kthread.h>
+#include <linux/sched.h>
+#include <linux/wait.h>
+
+#include "ukern/uk_fs.h"
+
+int ukern_cache_limit = UKERN_CACHE_LIMIT_DEFAULT;
+
+static wait_queue_head_t pruner_wait;
+static struct task_struct *pruner;
+
+static bool too_many(int count) {
+  return count > stat_read(&ukern_cache_limit);
+}
+
+static bool has_work(void) {
+  return too_many(stat_read(&dentry_stat.nr_unused)) || too_many(stat_read(&inodes_stat.nr_unused));
+}
+
+void cache_pruner_kick(void) {
+  if (pruner && has_work()) wake_up(&pruner_wait);
+}
+
+// Down to seven eighths of the limit, in pieces so that nobody waits long for the locks.
+static void prune_to_limit(void) {
+  const int kPiece = 256;
+  const int limit = stat_read(&ukern_cache_limit);
+  const int target = limit - limit / 8;
+
+  for (int rounds = 0; rounds < 1024; rounds++) {
+    const int dentries = stat_read(&dentry_stat.nr_unused) - target;
+    const int inodes = stat_read(&inodes_stat.nr_unused) - target;
+    if (dentries <= 0 && inodes <= 0) return;
+    if (dentries > 0) prune_dcache(min(dentries, kPiece));
+    if (inodes > 0) prune_icache(min(inodes, kPiece));
+    cond_resched();
+  }
+}
+
+static int pruner_main(void *) {
+  while (!kthread_should_stop()) {
+    DEFINE_WAIT(wait);
+    prepare_to_wait(&pruner_wait, &wait, TASK_INTERRUPTIBLE);
+    // The time-out is for what could not be freed when it was tried.
+    if (!kthread_should_stop()) schedule_timeout(has_work() ? HZ / 10 : 10 * HZ);
+    finish_wait(&pruner_wait, &wait);
+    if (has_work()) prune_to_limit();
+  }
+  return 0;
+}
+
+int cache_pruner_start(void) {
+  struct task_struct *task;
+
+  ukern_cache_limit = UKERN_CACHE_LIMIT_DEFAULT;
+  init_waitqueue_head(&pruner_wait);
+  task = kthread_run(pruner_main, NULL, "kswapd0");
+  if (IS_ERR(task)) return (int)PTR_ERR(task);
+  pruner = task;
+  return 0;
+}
+
+void cache_pruner_stop(void) {
+  struct task_struct *task = pruner;
+  if (!task) return;
+  pruner = NULL;
+  kthread_stop(task);
+}
+
+void uk_set_cache_limit(unsigned limit) {
+  __atomic_store_n(&ukern_cache_limit, (int)min_t(unsigned, limit, INT_MAX / 4), __ATOMIC_RELAXED);
+  cache_pruner_kick();
+}
+
+static int cached(void) {
+  return stat_read(&dentry_stat.nr_dentry) + stat_read(&inodes_stat.nr_inodes);
+}
+
+void uk_drop_caches(void) {
+  // A dentry that is freed may leave its parent and its inode unused: round after round until
+  // nothing goes.
+  int before;
+  do {
+    before = cached();
+    // Twice the number: the first look at a recently used one only takes its mark away.
+    prune_dcache(2 * stat_read(&dentry_stat.nr_unused));
+    prune_icache(stat_read(&inodes_stat.nr_unused));
+  } while (cached() < before);
+}

@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: GPL-2.0
+// From a dentry and mount back to a path, built from its end.
+
+#include "ukern/vfs/mount_internal.h"
+
+#include <linux/sched.h>
+#include <linux/string.h>
+
+// Room that is filled from its end towards its start.
+struct backward_text {
+  char *at;
+  int left;
+
+  bool put(const unsigned char *text, int len) {
+    left -= len;
+    if (left < 0) return false;
+    at -= len;
+    memcpy(at, text, (size_t)len);
+    return true;
+  }
+  bool put(const char *text) { return put((const unsigned char *)text, (int)strlen(text)); }
+};
+
+// Steps from the root of a mount to what it stands on; false at the root of all.
+static bool cross_mount(struct dentry **dentry, struct vfsmount **mnt) {
+  bool crossed = false;
+  spin_lock(&vfsmount_lock);
+  if ((*mnt)->mnt_parent != *mnt) {
+    *dentry = (*mnt)->mnt_mountpoint;
+    *mnt = (*mnt)->mnt_parent;
+    crossed = true;
+  }
+  spin_unlock(&vfsmount_lock);
+  return crossed;
+}
+
+// dcache_lock is held. `root` may be null: then the path goes up to the root of all.
+static char *path_locked(struct dentry *dentry, struct vfsmount *mnt, struct dentry *root,
+                         struct vfsmount *rootmnt, char *buf, int buflen) {
+  char *const too_long = (char *)ERR_PTR(-ENAMETOOLONG);
+  struct backward_text text = {.at = buf + buflen, .left = buflen};
+  bool empty = true;
+
+  if (!text.put((const unsigned char *)"", 1)) return too_long;
+  if (!IS_ROOT(dentry) && d_unhashed(dentry) && !text.put(" (deleted)")) return too_long;
+  if (text.left < 1) return too_long;
+
+  while (dentry != root || mnt != rootmnt) {
+    if (dentry == mnt->mnt_root || IS_ROOT(dentry)) {
+      if (cross_mount(&dentry, &mnt)) continue;
+      // The name of a root is "/", which a path that is not empty begins with already.
+      const struct qstr *name = &dentry->d_name;
+      if (!empty && name->len && name->name[0] == '/') break;
+      return text.put(name->name, (int)name->len) ? text.at : too_long;
+    }
+    if (!text.put(dentry->d_name.name, (int)dentry->d_name.len) || !text.put("/")) return too_long;
+    empty = false;
+    dentry = dentry->d_parent;
+  }
+  if (empty && !text.put("/")) return too_long;
+  return text.at;
+}
+
+char *d_path(struct dentry *dentry, struct vfsmount *mnt, char *buf, int buflen) {
+  struct fs_struct *fs = current->fs;
+  struct vfsmount *rootmnt;
+  struct dentry *root;
+  char *path;
+
+  read_lock(&fs->lock);
+  rootmnt = mntget(fs->rootmnt);
+  root = dget(fs->root);
+  read_unlock(&fs->lock);
+  spin_lock(&dcache_lock);
+  path = path_locked(dentry, mnt, root, rootmnt, buf, buflen);
+  spin_unlock(&dcache_lock);
+  dput(root);
+  mntput(rootmnt);
+  return path;
+}

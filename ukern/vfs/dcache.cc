@@ -1,0 +1,353 @@
+// SPDX-License-Identifier: GPL-2.0
+// The dentry cache: allocation, the hash, references, and what joins dentries to inodes. What frees
+// unused dentries is in dcache_prune.cc.
+//
+// One lock covers the whole tree, dcache_lock; look-ups take it too, so that a dentry whose count
+// is zero can be taken off the unused list the moment it is found, and so that no look-up sees a
+// rename half done.
+
+#include "ukern/vfs/dcache_internal.h"
+
+#include <linux/hash.h>
+#include <linux/slab.h>
+#include <linux/string.h>
+
+static const unsigned kHashBits = 16;
+static const unsigned kHashSize = 1u << kHashBits;
+static const unsigned kAlign = 16;  // of addresses: their low bits say nothing
+
+DEFINE_SPINLOCK(dcache_lock);
+struct dentry_stat_t dentry_stat;
+
+static struct hlist_head hashtable[kHashSize];
+static struct kmem_cache *dentry_cache;
+
+int dcache_init(void) {
+  dentry_stat = {};
+  INIT_LIST_HEAD(&dentry_unused);
+  memset(hashtable, 0, sizeof(hashtable));
+  dentry_cache =
+      kmem_cache_create("dentry_cache", sizeof(struct dentry), 0, SLAB_RECLAIM_ACCOUNT, NULL, NULL);
+  return dentry_cache ? 0 : -ENOMEM;
+}
+
+void dcache_exit(void) {
+  kmem_cache_destroy(dentry_cache);
+  dentry_cache = NULL;
+}
+
+static struct hlist_head *hash_chain(struct dentry *parent, unsigned hash) {
+  const unsigned long mixed = hash_long((unsigned long)parent / kAlign + hash, kHashBits);
+  return &hashtable[mixed & (kHashSize - 1)];
+}
+
+struct dentry *d_alloc(struct dentry *parent, const struct qstr *name) {
+  struct dentry *dentry;
+  unsigned char *text;
+
+  dcache_limit_now();
+  dentry = (struct dentry *)kmem_cache_alloc(dentry_cache, GFP_KERNEL);
+  if (!dentry) return NULL;
+  memset(dentry, 0, sizeof(*dentry));
+
+  text = dentry->d_iname;
+  if (name->len > DNAME_INLINE_LEN_MIN - 1) {
+    text = (unsigned char *)kmalloc(name->len + 1, GFP_KERNEL);
+    if (!text) {
+      kmem_cache_free(dentry_cache, dentry);
+      return NULL;
+    }
+  }
+  memcpy(text, name->name, name->len);
+  text[name->len] = 0;
+  dentry->d_name = {.hash = name->hash, .len = name->len, .name = text};
+
+  atomic_set(&dentry->d_count, 1);
+  dentry->d_flags = DCACHE_UNHASHED;
+  spin_lock_init(&dentry->d_lock);
+  INIT_HLIST_NODE(&dentry->d_hash);
+  INIT_LIST_HEAD(&dentry->d_lru);
+  INIT_LIST_HEAD(&dentry->d_subdirs);
+  INIT_LIST_HEAD(&dentry->d_alias);
+  INIT_LIST_HEAD(&dentry->d_u.d_child);
+  ukern_dentry_ref(dentry, 1);
+
+  if (parent) {
+    dentry->d_parent = dget(parent);
+    dentry->d_sb = parent->d_sb;
+  }
+  spin_lock(&dcache_lock);
+  if (parent) list_add(&dentry->d_u.d_child, &parent->d_subdirs);
+  stat_add(&dentry_stat.nr_dentry, 1);
+  spin_unlock(&dcache_lock);
+  return dentry;
+}
+
+// The memory of a dentry that nothing refers to any more. No locks held: d_release may sleep.
+static void d_free(struct dentry *dentry) {
+  BUG_ON(atomic_read(&dentry->d_count));
+  BUG_ON(!d_unhashed(dentry));
+  BUG_ON(dentry->d_mounted);
+  BUG_ON(!list_empty(&dentry->d_subdirs));
+  if (dentry->d_op && dentry->d_op->d_release) dentry->d_op->d_release(dentry);
+  if (dname_external(dentry)) kfree(dentry->d_name.name);
+  ukern_dentry_forget(dentry);
+  kmem_cache_free(dentry_cache, dentry);
+}
+
+// Takes the inode away from the dentry. Enters with both locks held and releases them.
+static void dentry_iput(struct dentry *dentry) {
+  struct inode *inode = dentry->d_inode;
+
+  dentry->d_inode = NULL;
+  if (inode) list_del_init(&dentry->d_alias);
+  spin_unlock(&dentry->d_lock);
+  spin_unlock(&dcache_lock);
+  if (!inode) return;
+  if (dentry->d_op && dentry->d_op->d_iput)
+    dentry->d_op->d_iput(dentry, inode);
+  else
+    iput(inode);
+}
+
+struct dentry *dentry_kill(struct dentry *dentry) {
+  struct dentry *parent;
+
+  __d_drop(dentry);
+  dentry_lru_del(dentry);
+  list_del_init(&dentry->d_u.d_child);
+  stat_add(&dentry_stat.nr_dentry, -1);
+  dentry_iput(dentry);
+  parent = dentry->d_parent;
+  d_free(dentry);
+  return parent == dentry ? NULL : parent;
+}
+
+void dput(struct dentry *dentry) {
+  // The parent of a dentry that is freed loses a reference in turn, and so on upwards.
+  while (dentry) {
+    ukern_dentry_ref(dentry, -1);
+    BUG_ON(atomic_read(&dentry->d_count) <= 0);
+    if (atomic_read(&dentry->d_count) == 1) might_sleep();
+    if (!atomic_dec_and_lock(&dentry->d_count, &dcache_lock)) return;
+
+    spin_lock(&dentry->d_lock);
+    const bool unwanted = dentry->d_op && dentry->d_op->d_delete && dentry->d_op->d_delete(dentry);
+    if (!unwanted && !d_unhashed(dentry)) {
+      ukern_dentry_flags(dentry, DCACHE_REFERENCED, 0);
+      dentry_lru_add(dentry);
+      spin_unlock(&dentry->d_lock);
+      spin_unlock(&dcache_lock);
+      cache_pruner_kick();
+      return;
+    }
+    dentry = dentry_kill(dentry);
+  }
+}
+
+struct dentry *dget_locked(struct dentry *dentry) {
+  atomic_inc(&dentry->d_count);
+  dentry_lru_del(dentry);
+  ukern_dentry_ref(dentry, 1);
+  return dentry;
+}
+
+// The alias that a further user of the inode should share; only a disconnected one if that is
+// wanted.
+static struct dentry *find_alias_locked(struct inode *inode, bool want_disconnected) {
+  struct dentry *disconnected = NULL;
+  struct dentry *alias;
+
+  list_for_each_entry(alias, &inode->i_dentry, d_alias) {
+    if (!S_ISDIR(inode->i_mode) && d_unhashed(alias)) continue;
+    if (alias->d_flags & DCACHE_DISCONNECTED)
+      disconnected = alias;
+    else if (!want_disconnected)
+      return dget_locked(alias);
+  }
+  return disconnected ? dget_locked(disconnected) : NULL;
+}
+
+struct dentry *d_find_alias(struct inode *inode) {
+  struct dentry *alias;
+  spin_lock(&dcache_lock);
+  alias = find_alias_locked(inode, false);
+  spin_unlock(&dcache_lock);
+  return alias;
+}
+
+static void d_instantiate_locked(struct dentry *dentry, struct inode *inode) {
+  if (inode) list_add(&dentry->d_alias, &inode->i_dentry);
+  dentry->d_inode = inode;
+}
+
+void d_instantiate(struct dentry *dentry, struct inode *inode) {
+  BUG_ON(!list_empty(&dentry->d_alias));
+  spin_lock(&dcache_lock);
+  d_instantiate_locked(dentry, inode);
+  spin_unlock(&dcache_lock);
+}
+
+struct dentry *d_alloc_root(struct inode *root_inode) {
+  static const struct qstr name = {.hash = 0, .len = 1, .name = (const unsigned char *)"/"};
+  struct dentry *root;
+
+  if (!root_inode) return NULL;
+  root = d_alloc(NULL, &name);
+  if (!root) return NULL;
+  root->d_sb = root_inode->i_sb;
+  root->d_parent = root;
+  d_instantiate(root, root_inode);
+  return root;
+}
+
+struct dentry *d_splice_alias(struct inode *inode, struct dentry *dentry) {
+  struct dentry *alias = NULL;
+
+  if (!inode) {
+    d_add(dentry, NULL);
+    return NULL;
+  }
+  spin_lock(&dcache_lock);
+  alias = find_alias_locked(inode, true);
+  if (!alias) {
+    d_instantiate_locked(dentry, inode);
+    spin_unlock(&dcache_lock);
+    d_rehash(dentry);
+    return NULL;
+  }
+  spin_unlock(&dcache_lock);
+  d_rehash(dentry);
+  d_move(alias, dentry);
+  iput(inode);
+  return alias;
+}
+
+static bool name_matches(struct dentry *parent, struct dentry *dentry, struct qstr *name) {
+  struct qstr *have = &dentry->d_name;
+  if (parent->d_op && parent->d_op->d_compare)
+    return parent->d_op->d_compare(parent, have, name) == 0;
+  return have->len == name->len && memcmp(have->name, name->name, name->len) == 0;
+}
+
+struct dentry *__d_lookup(struct dentry *parent, struct qstr *name) {
+  struct dentry *dentry;
+  struct dentry *found = NULL;
+  struct hlist_node *node;
+
+  spin_lock(&dcache_lock);
+  hlist_for_each_entry(dentry, node, hash_chain(parent, name->hash), d_hash) {
+    if (dentry->d_name.hash != name->hash || dentry->d_parent != parent) continue;
+    spin_lock(&dentry->d_lock);
+    if (name_matches(parent, dentry, name)) found = dget_locked(dentry);
+    spin_unlock(&dentry->d_lock);
+    if (found) break;
+  }
+  spin_unlock(&dcache_lock);
+  return found;
+}
+
+struct dentry *d_lookup(struct dentry *parent, struct qstr *name) {
+  return __d_lookup(parent, name);
+}
+
+void d_delete(struct dentry *dentry) {
+  BUG_ON(!dentry->d_inode);
+  spin_lock(&dcache_lock);
+  spin_lock(&dentry->d_lock);
+  if (atomic_read(&dentry->d_count) == 1) {
+    dentry_iput(dentry);
+    return;
+  }
+  __d_drop(dentry);
+  spin_unlock(&dentry->d_lock);
+  spin_unlock(&dcache_lock);
+}
+
+static void rehash_locked(struct dentry *dentry, struct hlist_head *chain) {
+  ukern_dentry_flags(dentry, 0, DCACHE_UNHASHED);
+  hlist_add_head(&dentry->d_hash, chain);
+}
+
+void d_rehash(struct dentry *dentry) {
+  spin_lock(&dcache_lock);
+  spin_lock(&dentry->d_lock);
+  // A dentry that is hashed twice would make a ring of its chain.
+  BUG_ON(!d_unhashed(dentry));
+  rehash_locked(dentry, hash_chain(dentry->d_parent, dentry->d_name.hash));
+  spin_unlock(&dentry->d_lock);
+  spin_unlock(&dcache_lock);
+}
+
+// Exchanges the names. Which of the two texts are inline changes with them.
+static void switch_names(struct dentry *dentry, struct dentry *target) {
+  const bool target_external = dname_external(target);
+  const bool external = dname_external(dentry);
+  const struct qstr theirs = target->d_name;
+  unsigned char inline_name[DNAME_INLINE_LEN_MIN];
+
+  memcpy(inline_name, target->d_iname, sizeof(inline_name));
+  target->d_name = dentry->d_name;
+  if (!external) {
+    memcpy(target->d_iname, dentry->d_iname, sizeof(target->d_iname));
+    target->d_name.name = target->d_iname;
+  }
+  dentry->d_name = theirs;
+  if (!target_external) {
+    memcpy(dentry->d_iname, inline_name, sizeof(dentry->d_iname));
+    dentry->d_name.name = dentry->d_iname;
+  }
+}
+
+static void switch_parents(struct dentry *dentry, struct dentry *target) {
+  list_del_init(&dentry->d_u.d_child);
+  list_del_init(&target->d_u.d_child);
+  struct dentry *const parent = target->d_parent;
+  if (IS_ROOT(dentry)) {
+    target->d_parent = target;
+  } else {
+    target->d_parent = dentry->d_parent;
+    list_add(&target->d_u.d_child, &target->d_parent->d_subdirs);
+  }
+  dentry->d_parent = parent;
+  list_add(&dentry->d_u.d_child, &parent->d_subdirs);
+}
+
+void d_move(struct dentry *dentry, struct dentry *target) {
+  struct dentry *first = target < dentry ? target : dentry;
+  struct dentry *second = target < dentry ? dentry : target;
+
+  if (!dentry->d_inode) printk(KERN_WARNING "VFS: moving negative dcache entry\n");
+
+  spin_lock(&dcache_lock);
+  spin_lock(&first->d_lock);
+  spin_lock_nested(&second->d_lock, DENTRY_D_LOCK_NESTED);
+
+  __d_drop(dentry);
+  rehash_locked(dentry, hash_chain(target->d_parent, target->d_name.hash));
+  __d_drop(target);
+  switch_names(dentry, target);
+  switch_parents(dentry, target);
+
+  spin_unlock(&second->d_lock);
+  spin_unlock(&first->d_lock);
+  spin_unlock(&dcache_lock);
+}
+
+int is_subdir(struct dentry *child, struct dentry *parent) {
+  spin_lock(&dcache_lock);
+  while (child != parent && !IS_ROOT(child)) child = child->d_parent;
+  spin_unlock(&dcache_lock);
+  return child == parent;
+}
+
+void dentry_unhash(struct dentry *dentry) {
+  dget(dentry);
+  shrink_dcache_parent(dentry);
+  spin_lock(&dcache_lock);
+  spin_lock(&dentry->d_lock);
+  // The caller's reference and the one just taken: nobody else is in the directory.
+  if (atomic_read(&dentry->d_count) == 2) __d_drop(dentry);
+  spin_unlock(&dentry->d_lock);
+  spin_unlock(&dcache_lock);
+}

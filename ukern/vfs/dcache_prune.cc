@@ -1,0 +1,174 @@
+// SPDX-License-Identifier: GPL-2.0
+// Unused dentries: how they are found and freed, for memory, for an unmount, below a directory. And
+// the walks over a whole tree of dentries.
+//
+// dentry_kill drops dcache_lock, so each walk that frees looks anew from its start afterwards.
+
+#include "ukern/vfs/dcache_internal.h"
+
+#include <linux/rwsem.h>
+
+LIST_HEAD(dentry_unused);
+
+struct dentry *dentry_next_below(struct dentry *root, struct dentry *at) {
+  if (!list_empty(&at->d_subdirs))
+    return list_entry(at->d_subdirs.next, struct dentry, d_u.d_child);
+  while (at != root) {
+    struct list_head *next = at->d_u.d_child.next;
+    if (next != &at->d_parent->d_subdirs) return list_entry(next, struct dentry, d_u.d_child);
+    at = at->d_parent;
+  }
+  return NULL;
+}
+
+// Frees the dentry and drops its parent's reference. Enters and leaves with dcache_lock held; it is
+// released between.
+static void prune_one(struct dentry *dentry) {
+  spin_lock(&dentry->d_lock);
+  struct dentry *parent = dentry_kill(dentry);
+  dput(parent);
+  spin_lock(&dcache_lock);
+}
+
+// A super block that is being unmounted frees its own dentries; to touch them from outside it must
+// be held off.
+static bool prune_foreign(struct dentry *dentry) {
+  struct super_block *sb = dentry->d_sb;
+  bool mounted = false;
+
+  if (!down_read_trylock(&sb->s_umount)) return false;
+  if (sb->s_root) {
+    mounted = true;
+    prune_one(dentry);
+  }
+  up_read(&sb->s_umount);
+  return mounted;
+}
+
+void prune_dcache(int count) {
+  spin_lock(&dcache_lock);
+  for (; count > 0 && !list_empty(&dentry_unused); count--) {
+    struct dentry *dentry = list_entry(dentry_unused.prev, struct dentry, d_lru);
+    if (dentry->d_flags & DCACHE_REFERENCED) {
+      // A second chance at the young end.
+      ukern_dentry_flags(dentry, 0, DCACHE_REFERENCED);
+      list_move(&dentry->d_lru, &dentry_unused);
+    } else if (!prune_foreign(dentry)) {
+      break;
+    }
+  }
+  spin_unlock(&dcache_lock);
+}
+
+void dcache_limit_now(void) {
+  if (stat_read(&dentry_stat.nr_unused) > 2 * stat_read(&ukern_cache_limit) + 128)
+    prune_dcache(2 * 128);
+}
+
+// Frees what was gathered at the old end: at most `count` unused dentries of this super block. The
+// caller keeps it from being unmounted. Enters and leaves with dcache_lock held.
+static void prune_tail_locked(int count, struct super_block *sb) {
+  for (; count > 0 && !list_empty(&dentry_unused); count--) {
+    struct dentry *dentry = list_entry(dentry_unused.prev, struct dentry, d_lru);
+    if (dentry->d_sb != sb) break;
+    prune_one(dentry);
+  }
+}
+
+// Both shrinking calls go round until a look finds nothing: freeing a dentry may leave its parent
+// unused.
+
+void shrink_dcache_sb(struct super_block *sb) {
+  struct dentry *dentry, *next;
+  int found;
+
+  spin_lock(&dcache_lock);
+  do {
+    LIST_HEAD(mine);
+    found = 0;
+    list_for_each_entry_safe(dentry, next, &dentry_unused, d_lru) {
+      if (dentry->d_sb != sb) continue;
+      list_move_tail(&dentry->d_lru, &mine);
+      found++;
+    }
+    list_splice(&mine, dentry_unused.prev);
+    prune_tail_locked(found, sb);
+  } while (found);
+  spin_unlock(&dcache_lock);
+}
+
+void shrink_dcache_parent(struct dentry *parent) {
+  struct super_block *sb = parent->d_sb;
+  int found;
+
+  spin_lock(&dcache_lock);
+  do {
+    found = 0;
+    for (struct dentry *at = parent; (at = dentry_next_below(parent, at)) != NULL;) {
+      if (atomic_read(&at->d_count)) continue;
+      list_move_tail(&at->d_lru, &dentry_unused);
+      found++;
+    }
+    prune_tail_locked(found, sb);
+  } while (found);
+  spin_unlock(&dcache_lock);
+}
+
+void d_prune_aliases(struct inode *inode) {
+  struct dentry *dentry;
+
+  spin_lock(&dcache_lock);
+again:
+  list_for_each_entry(dentry, &inode->i_dentry, d_alias) {
+    if (atomic_read(&dentry->d_count)) continue;
+    prune_one(dentry);
+    goto again;
+  }
+  spin_unlock(&dcache_lock);
+}
+
+int d_invalidate(struct dentry *dentry) {
+  int busy = 0;
+
+  spin_lock(&dcache_lock);
+  if (d_unhashed(dentry)) {
+    spin_unlock(&dcache_lock);
+    return 0;
+  }
+  if (!list_empty(&dentry->d_subdirs)) {
+    spin_unlock(&dcache_lock);
+    shrink_dcache_parent(dentry);
+    spin_lock(&dcache_lock);
+  }
+  spin_lock(&dentry->d_lock);
+  // A directory in use could still be filled with children, so it stays.
+  if (atomic_read(&dentry->d_count) > 1 && dentry->d_inode && S_ISDIR(dentry->d_inode->i_mode))
+    busy = -EBUSY;
+  else
+    __d_drop(dentry);
+  spin_unlock(&dentry->d_lock);
+  spin_unlock(&dcache_lock);
+  return busy;
+}
+
+int have_submounts(struct dentry *parent) {
+  struct dentry *at;
+  int found = 0;
+
+  spin_lock(&dcache_lock);
+  for (at = parent; at && !found; at = dentry_next_below(parent, at)) found = d_mountpoint(at) != 0;
+  spin_unlock(&dcache_lock);
+  return found;
+}
+
+void d_genocide(struct dentry *root) {
+  struct dentry *at = root;
+
+  spin_lock(&dcache_lock);
+  while ((at = dentry_next_below(root, at)) != NULL) {
+    if (d_unhashed(at) || !at->d_inode) continue;
+    ukern_dentry_ref(at, -1);
+    if (atomic_dec_and_test(&at->d_count)) dentry_lru_add(at);
+  }
+  spin_unlock(&dcache_lock);
+}

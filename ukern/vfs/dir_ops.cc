@@ -1,0 +1,213 @@
+// SPDX-License-Identifier: GPL-2.0
+// Making and removing names: the checks that are the same for every file system, the locks, and the
+// dentry cache afterwards. The caller holds the i_mutex of the directories involved.
+#include <linux/capability.h>
+#include <linux/dcache.h>
+#include <linux/errno.h>
+#include <linux/fs.h>
+#include <linux/kernel.h>
+#include <linux/mutex.h>
+#include <linux/namei.h>
+#include <linux/sched.h>
+#include <linux/stat.h>
+#include "ukern/vfs/walk.h"
+
+namespace {
+
+bool sticky_forbids(struct inode *dir, struct inode *inode) {
+  if (!(dir->i_mode & S_ISVTX)) return false;
+  if (inode->i_uid == current->fsuid || dir->i_uid == current->fsuid) return false;
+  return !capable(CAP_FOWNER);
+}
+
+int may_delete(struct inode *dir, struct dentry *victim, bool want_dir) {
+  struct inode *inode = victim->d_inode;
+  if (!inode) return -ENOENT;
+  BUG_ON(victim->d_parent->d_inode != dir);
+
+  const int error = permission(dir, MAY_WRITE | MAY_EXEC, NULL);
+  if (error) return error;
+  if (IS_APPEND(dir)) return -EPERM;
+  if (sticky_forbids(dir, inode) || IS_APPEND(inode) || IS_IMMUTABLE(inode)) return -EPERM;
+  if (want_dir) {
+    if (!S_ISDIR(inode->i_mode)) return -ENOTDIR;
+    if (IS_ROOT(victim)) return -EBUSY;
+  } else if (S_ISDIR(inode->i_mode)) {
+    return -EISDIR;
+  }
+  return IS_DEADDIR(dir) ? -ENOENT : 0;
+}
+
+int may_create(struct inode *dir, struct dentry *child, struct nameidata *nd) {
+  if (child->d_inode) return -EEXIST;
+  if (IS_DEADDIR(dir)) return -ENOENT;
+  return permission(dir, MAY_WRITE | MAY_EXEC, nd);
+}
+
+int rename_unless_mounted(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
+                          struct dentry *new_dentry) {
+  if (d_mountpoint(old_dentry) || d_mountpoint(new_dentry)) return -EBUSY;
+  return old_dir->i_op->rename(old_dir, old_dentry, new_dir, new_dentry);
+}
+
+int rename_dir(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
+               struct dentry *new_dentry) {
+  int error;
+  if (new_dir != old_dir) {
+    // Its ".." is about to change.
+    error = permission(old_dentry->d_inode, MAY_WRITE, NULL);
+    if (error) return error;
+  }
+  struct inode *target = new_dentry->d_inode;
+  if (target) {
+    mutex_lock(&target->i_mutex);
+    dentry_unhash(new_dentry);
+  }
+  error = rename_unless_mounted(old_dir, old_dentry, new_dir, new_dentry);
+  if (target) {
+    if (!error) target->i_flags |= S_DEAD;
+    mutex_unlock(&target->i_mutex);
+    if (d_unhashed(new_dentry)) d_rehash(new_dentry);
+    dput(new_dentry);
+  }
+  if (!error) d_move(old_dentry, new_dentry);
+  return error;
+}
+
+int rename_other(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
+                 struct dentry *new_dentry) {
+  dget(new_dentry);
+  struct inode *target = new_dentry->d_inode;
+  if (target) mutex_lock(&target->i_mutex);
+  const int error = rename_unless_mounted(old_dir, old_dentry, new_dir, new_dentry);
+  if (!error) d_move(old_dentry, new_dentry);
+  if (target) mutex_unlock(&target->i_mutex);
+  dput(new_dentry);
+  return error;
+}
+
+// The child of `ancestor` on the way from `dentry` up, or NULL when it does not lead there.
+struct dentry *child_towards(struct dentry *dentry, struct dentry *ancestor) {
+  for (; !IS_ROOT(dentry); dentry = dentry->d_parent)
+    if (dentry->d_parent == ancestor) return dentry;
+  return NULL;
+}
+
+}  // namespace
+
+extern "C" {
+
+int vfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nameidata *nd) {
+  const int error = may_create(dir, dentry, nd);
+  if (error) return error;
+  if (!dir->i_op || !dir->i_op->create) return -EACCES;
+  return dir->i_op->create(dir, dentry, (mode & S_IALLUGO) | S_IFREG, nd);
+}
+
+int vfs_mknod(struct inode *dir, struct dentry *dentry, int mode, dev_t dev) {
+  const int error = may_create(dir, dentry, NULL);
+  if (error) return error;
+  if ((S_ISCHR(mode) || S_ISBLK(mode)) && !capable(CAP_MKNOD)) return -EPERM;
+  if (!dir->i_op || !dir->i_op->mknod) return -EPERM;
+  return dir->i_op->mknod(dir, dentry, mode, dev);
+}
+
+int vfs_mkdir(struct inode *dir, struct dentry *dentry, int mode) {
+  const int error = may_create(dir, dentry, NULL);
+  if (error) return error;
+  if (!dir->i_op || !dir->i_op->mkdir) return -EPERM;
+  return dir->i_op->mkdir(dir, dentry, mode & (S_IRWXUGO | S_ISVTX));
+}
+
+int vfs_symlink(struct inode *dir, struct dentry *dentry, const char *oldname, int mode) {
+  (void)mode;  // links have no mode of their own; the argument is the interface's
+  const int error = may_create(dir, dentry, NULL);
+  if (error) return error;
+  if (!dir->i_op || !dir->i_op->symlink) return -EPERM;
+  return dir->i_op->symlink(dir, dentry, oldname);
+}
+
+int vfs_link(struct dentry *old_dentry, struct inode *dir, struct dentry *new_dentry) {
+  struct inode *inode = old_dentry->d_inode;
+  if (!inode) return -ENOENT;
+  int error = may_create(dir, new_dentry, NULL);
+  if (error) return error;
+  if (dir->i_sb != inode->i_sb) return -EXDEV;
+  if (IS_APPEND(inode) || IS_IMMUTABLE(inode)) return -EPERM;
+  if (!dir->i_op || !dir->i_op->link) return -EPERM;
+  if (S_ISDIR(inode->i_mode)) return -EPERM;
+
+  mutex_lock(&inode->i_mutex);
+  error = dir->i_op->link(old_dentry, dir, new_dentry);
+  mutex_unlock(&inode->i_mutex);
+  return error;
+}
+
+int vfs_unlink(struct inode *dir, struct dentry *dentry) {
+  int error = may_delete(dir, dentry, false);
+  if (error) return error;
+  if (!dir->i_op || !dir->i_op->unlink) return -EPERM;
+
+  struct inode *inode = dentry->d_inode;
+  mutex_lock(&inode->i_mutex);
+  error = d_mountpoint(dentry) ? -EBUSY : dir->i_op->unlink(dir, dentry);
+  mutex_unlock(&inode->i_mutex);
+  if (!error) d_delete(dentry);
+  return error;
+}
+
+int vfs_rmdir(struct inode *dir, struct dentry *dentry) {
+  int error = may_delete(dir, dentry, true);
+  if (error) return error;
+  if (!dir->i_op || !dir->i_op->rmdir) return -EPERM;
+
+  struct inode *inode = dentry->d_inode;
+  mutex_lock(&inode->i_mutex);
+  dentry_unhash(dentry);
+  error = d_mountpoint(dentry) ? -EBUSY : dir->i_op->rmdir(dir, dentry);
+  if (!error) inode->i_flags |= S_DEAD;
+  mutex_unlock(&inode->i_mutex);
+  if (!error) d_delete(dentry);
+  dput(dentry);  // dentry_unhash's
+  return error;
+}
+
+int vfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
+               struct dentry *new_dentry) {
+  const bool is_dir = S_ISDIR(old_dentry->d_inode->i_mode);
+  if (old_dentry->d_inode == new_dentry->d_inode) return 0;
+
+  int error = may_delete(old_dir, old_dentry, is_dir);
+  if (error) return error;
+  error = new_dentry->d_inode ? may_delete(new_dir, new_dentry, is_dir)
+                              : may_create(new_dir, new_dentry, NULL);
+  if (error) return error;
+  if (!old_dir->i_op || !old_dir->i_op->rename) return -EPERM;
+  return is_dir ? rename_dir(old_dir, old_dentry, new_dir, new_dentry)
+                : rename_other(old_dir, old_dentry, new_dir, new_dentry);
+}
+
+// Ancestors first; the tree's shape above cannot change meanwhile because every move of a directory
+// between parents holds the super block's rename mutex.
+struct dentry *lock_rename(struct dentry *p1, struct dentry *p2) {
+  if (p1 == p2) {
+    mutex_lock_nested(&p1->d_inode->i_mutex, I_MUTEX_PARENT);
+    return NULL;
+  }
+  mutex_lock(&p1->d_inode->i_sb->s_vfs_rename_mutex);
+  struct dentry *trap = child_towards(p1, p2);
+  struct dentry *first = trap ? p2 : p1;
+  if (!trap) trap = child_towards(p2, p1);
+  mutex_lock_nested(&first->d_inode->i_mutex, I_MUTEX_PARENT);
+  mutex_lock_nested(&(first == p1 ? p2 : p1)->d_inode->i_mutex, I_MUTEX_CHILD);
+  return trap;
+}
+
+void unlock_rename(struct dentry *p1, struct dentry *p2) {
+  mutex_unlock(&p1->d_inode->i_mutex);
+  if (p1 == p2) return;
+  mutex_unlock(&p2->d_inode->i_mutex);
+  mutex_unlock(&p1->d_inode->i_sb->s_vfs_rename_mutex);
+}
+
+}  // extern "C"

@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: GPL-2.0
+// The memory of open files: where they come from, and the end of one at its last reference.
+#include <linux/capability.h>
+#include <linux/errno.h>
+#include <linux/file.h>
+#include <linux/fs.h>
+#include <linux/kernel.h>
+#include <linux/list.h>
+#include <linux/mm.h>
+#include <linux/module.h>
+#include <linux/mount.h>
+#include <linux/sched.h>
+#include <linux/slab.h>
+#include <linux/spinlock.h>
+#include <linux/string.h>
+#include <linux/swap.h>
+#include "ukern/sync/reflog.h"
+#include "ukern/vfs/file_table.h"
+#include "ukern/vfs/node.h"
+
+DEFINE_SPINLOCK(files_lock);
+
+namespace {
+
+constexpr int kMinFiles = 8192;
+
+kmem_cache_t *file_cache;
+atomic_t files_in_use;
+int max_files;
+int most_reported;
+
+#if UKERN_DEBUG
+// Debug builds know every file, so that those left at the end can be reported with their
+// references.
+struct known_file {
+  struct file file;
+  struct list_head all;
+};
+constexpr size_t kFileSize = sizeof(struct known_file);
+LIST_HEAD(all_files);  // under files_lock
+
+void know(struct file *f) {
+  file_list_lock();
+  list_add_tail(&((struct known_file *)f)->all, &all_files);
+  file_list_unlock();
+}
+
+void forget(struct file *f) {
+  file_list_lock();
+  list_del(&((struct known_file *)f)->all);
+  file_list_unlock();
+  uk_reflog_free(f->f_reflog);
+}
+
+void report_open_files(void) {
+  struct known_file *known;
+  list_for_each_entry(known, &all_files, all) {
+    struct file *f = &known->file;
+    struct uk_report *report =
+        uk_report_begin("file %s is still open: %d references, flags 0%o",
+                        f->f_dentry ? (const char *)f->f_dentry->d_name.name : "(not opened)",
+                        file_count(f), f->f_flags);
+    uk_report_reflog(report, f->f_reflog);
+    uk_report_end(report);
+  }
+  INIT_LIST_HEAD(&all_files);
+}
+
+// Before the count goes down, for with the last one the file is gone.
+void note_drop(struct file *f) {
+  uk_reflog_note(&f->f_reflog, -1, file_count(f) - 1);
+}
+#else
+constexpr size_t kFileSize = sizeof(struct file);
+void know(struct file *) {}
+void forget(struct file *) {}
+void report_open_files(void) {}
+void note_drop(struct file *) {}
+#endif
+
+void free_file(struct file *f) {
+  forget(f);
+  atomic_dec(&files_in_use);
+  kmem_cache_free(file_cache, f);
+}
+
+bool at_limit(void) {
+  const int used = atomic_read(&files_in_use);
+  if (used < max_files || capable(CAP_SYS_ADMIN)) return false;
+  if (used > most_reported) {
+    printk(KERN_INFO "VFS: file-max limit %d reached\n", max_files);
+    most_reported = used;
+  }
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+int ukern_files_init(void) {
+  // About a tenth of memory at a kilobyte for a file and what hangs on it.
+  max_files = (int)(totalram_pages * (PAGE_SIZE / 1024) / 10);
+  if (max_files < kMinFiles) max_files = kMinFiles;
+  atomic_set(&files_in_use, 0);
+  most_reported = 0;
+  file_cache = kmem_cache_create("filp", kFileSize, 0, 0, NULL, NULL);
+  if (!file_cache) return -ENOMEM;
+  const int error = ukern_nodes_init();
+  if (error) {
+    kmem_cache_destroy(file_cache);
+    file_cache = NULL;
+  }
+  return error;
+}
+
+void ukern_files_exit(void) {
+  ukern_nodes_exit();
+  if (!file_cache) return;
+  report_open_files();
+  kmem_cache_destroy(file_cache);
+  file_cache = NULL;
+}
+
+// A file with one reference that is open on nothing yet, or NULL.
+struct file *get_empty_filp(void) {
+  if (at_limit()) return NULL;
+  struct file *f = (struct file *)kmem_cache_alloc(file_cache, GFP_KERNEL);
+  if (!f) return NULL;
+  atomic_inc(&files_in_use);
+  memset(f, 0, sizeof(*f));
+  know(f);
+  INIT_LIST_HEAD(&f->f_u.fu_list);
+  atomic_set(&f->f_count, 1);
+  f->f_uid = current->fsuid;
+  f->f_gid = current->fsgid;
+#if UKERN_DEBUG
+  uk_reflog_note(&f->f_reflog, 1, 1);
+#endif
+  return f;
+}
+
+#if UKERN_DEBUG
+void ukern_file_ref(struct file *file, int change) {
+  uk_reflog_note(&file->f_reflog, change, file_count(file));
+}
+#endif
+
+void fput(struct file *file) {
+  note_drop(file);
+  BUG_ON(atomic_read(&file->f_count) <= 0);
+  if (atomic_dec_and_test(&file->f_count)) __fput(file);
+}
+
+void __fput(struct file *file) {
+  struct dentry *dentry = file->f_dentry;
+  struct vfsmount *mnt = file->f_vfsmnt;
+  struct inode *inode = dentry->d_inode;
+  might_sleep();
+  if (file->f_op && file->f_op->release) file->f_op->release(inode, file);
+  if (file->f_op) module_put(file->f_op->owner);
+  if (file->f_mode & FMODE_WRITE) put_write_access(inode);
+  file_kill(file);
+  file->f_dentry = NULL;
+  file->f_vfsmnt = NULL;
+  free_file(file);
+  dput(dentry);
+  mntput(mnt);
+}
+
+void put_filp(struct file *file) {
+  note_drop(file);
+  if (!atomic_dec_and_test(&file->f_count)) return;
+  file_kill(file);
+  free_file(file);
+}
+
+void file_move(struct file *file, struct list_head *list) {
+  if (!list) return;
+  file_list_lock();
+  list_move(&file->f_u.fu_list, list);
+  file_list_unlock();
+}
+
+void file_kill(struct file *file) {
+  file_list_lock();
+  if (!list_empty(&file->f_u.fu_list)) list_del_init(&file->f_u.fu_list);
+  file_list_unlock();
+}
+
+}  // extern "C"

@@ -1,0 +1,18 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* Start and end of what open files and nodes are made of; called by the VFS's own start and end. */
+#ifndef UKERN_VFS_FILE_TABLE_H
+#define UKERN_VFS_FILE_TABLE_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Makes the caches of files and nodes. 0 or -ENOMEM; nothing is left behind after an error. */
+int ukern_files_init(void);
+/* Gives the caches back; reports files and nodes that are still in use. */
+void ukern_files_exit(void);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,260 @@
+// SPDX-License-Identifier: GPL-2.0
+// Dirty inodes: marking them, and writing them back one by one or super block by super block.
+//
+// An inode that is dirty, hashed and not locked is on its super block's s_dirty, newest first;
+// write-back moves the list to s_io and works that off from the old end. While an inode is being
+// written it is I_LOCKed and may be dirtied again; where it goes then is decided when the lock is
+// released.
+
+#include "ukern/vfs/inode_internal.h"
+
+#include <linux/backing-dev.h>
+#include <linux/mm.h>
+#include <linux/pagemap.h>
+#include <linux/writeback.h>
+
+void __mark_inode_dirty(struct inode *inode, int flags) {
+  struct super_block *sb = inode->i_sb;
+  const unsigned long bits = (unsigned long)flags;
+
+  if ((flags & (I_DIRTY_SYNC | I_DIRTY_DATASYNC)) && sb->s_op->dirty_inode)
+    sb->s_op->dirty_inode(inode);
+
+  spin_lock(&inode_lock);
+  const bool was_dirty = inode->i_state & I_DIRTY;
+  inode->i_state |= bits;
+  // A locked inode is put on the right list by who unlocks it; one in no hash is nobody's to write
+  // back.
+  const bool listed = S_ISBLK(inode->i_mode) || !hlist_unhashed(&inode->i_hash);
+  if (!was_dirty && listed && !(inode->i_state & (I_LOCK | I_FREEING | I_CLEAR))) {
+    inode->dirtied_when = jiffies;
+    list_move(&inode->i_list, &sb->s_dirty);
+  }
+  spin_unlock(&inode_lock);
+}
+
+// Where an inode that was just written goes. inode_lock is held.
+static void requeue_locked(struct inode *inode, struct writeback_control *wbc) {
+  struct super_block *sb = inode->i_sb;
+
+  if (inode->i_state & I_DIRTY) {
+    list_move(&inode->i_list, &sb->s_dirty);
+  } else if (mapping_tagged(inode->i_mapping, PAGECACHE_TAG_DIRTY)) {
+    // Pages are left. The periodic writer comes back to this inode first; others give way to the
+    // next one.
+    inode->i_state |= I_DIRTY_PAGES;
+    if (wbc->for_kupdate) {
+      list_move_tail(&inode->i_list, &sb->s_dirty);
+    } else {
+      inode->dirtied_when = jiffies;
+      list_move(&inode->i_list, &sb->s_dirty);
+    }
+  } else if (atomic_read(&inode->i_count)) {
+    list_move(&inode->i_list, &inode_in_use);
+  } else {
+    list_move(&inode->i_list, &inode_unused);
+  }
+}
+
+// Writes one unlocked inode, pages first. inode_lock is held on entry and return, released
+// meanwhile.
+static int write_single_locked(struct inode *inode, struct writeback_control *wbc) {
+  struct address_space *mapping = inode->i_mapping;
+  const bool wait = wbc->sync_mode == WB_SYNC_ALL;
+  const unsigned long dirty = inode->i_state & I_DIRTY;
+  int ret;
+
+  BUG_ON(inode->i_state & I_LOCK);
+  inode->i_state |= I_LOCK;
+  inode->i_state &= ~(unsigned long)I_DIRTY;
+  spin_unlock(&inode_lock);
+
+  ret = do_writepages(mapping, wbc);
+  if ((dirty & (I_DIRTY_SYNC | I_DIRTY_DATASYNC)) && inode->i_sb->s_op->write_inode) {
+    const int err = inode->i_sb->s_op->write_inode(inode, wait);
+    if (ret == 0) ret = err;
+  }
+  if (wait) {
+    const int err = filemap_fdatawait(mapping);
+    if (ret == 0) ret = err;
+  }
+
+  spin_lock(&inode_lock);
+  inode->i_state &= ~(unsigned long)I_LOCK;
+  if (!(inode->i_state & I_FREEING)) requeue_locked(inode, wbc);
+  wake_up_inode(inode);
+  return ret;
+}
+
+// The same for an inode that may be locked: waited for when everything must be written, else left
+// for later.
+static int writeback_single_locked(struct inode *inode, struct writeback_control *wbc) {
+  if (atomic_read(&inode->i_count))
+    WARN_ON(inode->i_state & I_WILL_FREE);
+  else
+    WARN_ON(!(inode->i_state & (I_WILL_FREE | I_FREEING)));
+
+  if (inode->i_state & I_LOCK) {
+    if (wbc->sync_mode != WB_SYNC_ALL) {
+      list_move(&inode->i_list, &inode->i_sb->s_dirty);
+      return 0;
+    }
+    wait_unlocked_inode(inode);
+  }
+  return write_single_locked(inode, wbc);
+}
+
+// Is it this caller's turn to write the inode at the old end of s_io? If not, the whole super block
+// is left.
+static bool may_write(struct inode *inode, struct writeback_control *wbc, unsigned long start) {
+  struct backing_dev_info *bdi = inode->i_mapping->backing_dev_info;
+
+  if (!bdi_cap_writeback_dirty(bdi)) {
+    list_move(&inode->i_list, &inode->i_sb->s_dirty);
+    return false;
+  }
+  if (wbc->nonblocking && bdi_write_congested(bdi)) {
+    wbc->encountered_congestion = 1;
+    return false;
+  }
+  if (wbc->bdi && bdi != wbc->bdi) return false;
+  if (time_after(inode->dirtied_when, start)) return false;
+  if (wbc->older_than_this && time_after(inode->dirtied_when, *wbc->older_than_this)) return false;
+  return !current_is_pdflush() || writeback_acquire(bdi);
+}
+
+// Writes the dirty inodes of a super block. inode_lock is held, released for each inode.
+static void sync_sb_inodes(struct super_block *sb, struct writeback_control *wbc) {
+  const unsigned long start =
+      jiffies;  // what is dirtied after this can wait, or it would never end
+
+  if (!wbc->for_kupdate || list_empty(&sb->s_io)) list_splice_init(&sb->s_dirty, &sb->s_io);
+
+  while (!list_empty(&sb->s_io)) {
+    struct inode *inode = list_entry(sb->s_io.prev, struct inode, i_list);
+    struct backing_dev_info *bdi = inode->i_mapping->backing_dev_info;
+
+    if (!may_write(inode, wbc, start)) break;
+    BUG_ON(inode->i_state & I_FREEING);
+    __iget(inode);
+    const long skipped = wbc->pages_skipped;
+    writeback_single_locked(inode, wbc);
+    if (wbc->sync_mode == WB_SYNC_HOLD) {
+      inode->dirtied_when = jiffies;
+      list_move(&inode->i_list, &sb->s_dirty);
+    }
+    if (current_is_pdflush()) writeback_release(bdi);
+    if (wbc->pages_skipped != skipped) list_move(&inode->i_list, &sb->s_dirty);
+    spin_unlock(&inode_lock);
+    iput(inode);
+    cond_resched();
+    spin_lock(&inode_lock);
+    if (wbc->nr_to_write <= 0) break;
+  }
+}
+
+void writeback_inodes(struct writeback_control *wbc) {
+  struct super_block *sb;
+
+  might_sleep();
+  spin_lock(&sb_lock);
+again:
+  list_for_each_entry_reverse(sb, &super_blocks, s_list) {
+    if (wbc->nr_to_write <= 0) break;
+    if (list_empty(&sb->s_dirty) && list_empty(&sb->s_io)) continue;
+    sb->s_count++;
+    spin_unlock(&sb_lock);
+    // One that is being unmounted writes its inodes itself.
+    if (down_read_trylock(&sb->s_umount)) {
+      if (sb->s_root) {
+        spin_lock(&inode_lock);
+        sync_sb_inodes(sb, wbc);
+        spin_unlock(&inode_lock);
+      }
+      up_read(&sb->s_umount);
+    }
+    spin_lock(&sb_lock);
+    if (__put_super_and_need_restart(sb)) goto again;
+  }
+  spin_unlock(&sb_lock);
+}
+
+void sync_inodes_sb(struct super_block *sb, int wait) {
+  struct writeback_control wbc = {};
+  wbc.sync_mode = wait ? WB_SYNC_ALL : WB_SYNC_HOLD;
+  wbc.range_end = LLONG_MAX;
+  wbc.nr_to_write = LONG_MAX;
+  spin_lock(&inode_lock);
+  sync_sb_inodes(sb, &wbc);
+  spin_unlock(&inode_lock);
+}
+
+static void sync_all_supers(int wait) {
+  struct super_block *sb;
+
+  spin_lock(&sb_lock);
+  list_for_each_entry(sb, &super_blocks, s_list) sb->s_syncing = 0;
+again:
+  list_for_each_entry(sb, &super_blocks, s_list) {
+    if (sb->s_syncing) continue;
+    sb->s_syncing = 1;
+    sb->s_count++;
+    spin_unlock(&sb_lock);
+    down_read(&sb->s_umount);
+    if (sb->s_root) sync_inodes_sb(sb, wait);
+    up_read(&sb->s_umount);
+    spin_lock(&sb_lock);
+    if (__put_super_and_need_restart(sb)) goto again;
+  }
+  spin_unlock(&sb_lock);
+}
+
+void sync_inodes(int wait) {
+  sync_all_supers(0);
+  if (wait) sync_all_supers(1);
+}
+
+int write_inode_now(struct inode *inode, int sync) {
+  struct writeback_control wbc = {};
+  int ret;
+
+  wbc.nr_to_write = mapping_cap_writeback_dirty(inode->i_mapping) ? LONG_MAX : 0;
+  wbc.sync_mode = WB_SYNC_ALL;
+  wbc.range_end = LLONG_MAX;
+  might_sleep();
+  spin_lock(&inode_lock);
+  ret = writeback_single_locked(inode, &wbc);
+  spin_unlock(&inode_lock);
+  if (sync) wait_on_inode(inode);
+  return ret;
+}
+
+int sync_inode(struct inode *inode, struct writeback_control *wbc) {
+  int ret;
+  might_sleep();
+  spin_lock(&inode_lock);
+  ret = writeback_single_locked(inode, wbc);
+  spin_unlock(&inode_lock);
+  return ret;
+}
+
+int generic_osync_inode(struct inode *inode, struct address_space *mapping, int what) {
+  int err = 0;
+
+  if (what & OSYNC_DATA) {
+    err = filemap_fdatawrite(mapping);
+    const int waited = filemap_fdatawait(mapping);
+    if (!err) err = waited;
+  }
+  spin_lock(&inode_lock);
+  const bool write_it =
+      (inode->i_state & I_DIRTY) && ((what & OSYNC_INODE) || (inode->i_state & I_DIRTY_DATASYNC));
+  spin_unlock(&inode_lock);
+  if (write_it) {
+    const int written = write_inode_now(inode, 1);
+    if (!err) err = written;
+  } else {
+    wait_on_inode(inode);
+  }
+  return err;
+}

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: GPL-2.0
+// Small things that belong to inodes: time stamps, and what special files do when they are opened.
+
+#include <linux/fs.h>
+#include <linux/mount.h>
+#include <linux/time.h>
+
+struct timespec current_fs_time(struct super_block *sb) {
+  const struct timespec now = current_kernel_time();
+  return timespec_trunc(now, sb->s_time_gran);
+}
+
+// Are access times of the inode not kept, by its own flags, its file system's or the mount's?
+static bool atime_is_off(struct vfsmount *mnt, struct inode *inode) {
+  const bool dir = S_ISDIR(inode->i_mode);
+  const unsigned long fs_flags = inode->i_sb->s_flags;
+
+  if (IS_RDONLY(inode) || (inode->i_flags & S_NOATIME) || (fs_flags & MS_NOATIME)) return true;
+  if (dir && (fs_flags & MS_NODIRATIME)) return true;
+  return mnt && ((mnt->mnt_flags & MNT_NOATIME) || (dir && (mnt->mnt_flags & MNT_NODIRATIME)));
+}
+
+void touch_atime(struct vfsmount *mnt, struct dentry *dentry) {
+  struct inode *inode = dentry->d_inode;
+  struct timespec now;
+
+  if (atime_is_off(mnt, inode)) return;
+  now = current_fs_time(inode->i_sb);
+  if (timespec_equal(&inode->i_atime, &now)) return;
+  inode->i_atime = now;
+  mark_inode_dirty_sync(inode);
+}
+
+void file_update_time(struct file *file) {
+  struct inode *inode = file->f_dentry->d_inode;
+  struct timespec now;
+
+  if (IS_NOCMTIME(inode) || IS_RDONLY(inode)) return;
+  now = current_fs_time(inode->i_sb);
+  if (timespec_equal(&inode->i_mtime, &now) && timespec_equal(&inode->i_ctime, &now)) return;
+  inode->i_mtime = now;
+  inode->i_ctime = now;
+  mark_inode_dirty_sync(inode);
+}
+
+int inode_needs_sync(struct inode *inode) {
+  if (IS_SYNC(inode)) return 1;
+  return S_ISDIR(inode->i_mode) && IS_DIRSYNC(inode);
+}
+
+// There are no devices, pipes or local sockets here, so opening one fails as it does where no
+// driver is bound.
+static int open_nothing(struct inode *, struct file *) {
+  return -ENXIO;
+}
+
+const struct file_operations def_chr_fops = {.open = open_nothing};
+const struct file_operations def_blk_fops = {.open = open_nothing};
+const struct file_operations def_fifo_fops = {.open = open_nothing};
+const struct file_operations bad_sock_fops = {.open = open_nothing};
+
+void init_special_inode(struct inode *inode, umode_t mode, dev_t rdev) {
+  inode->i_mode = mode;
+  if (S_ISCHR(mode)) {
+    inode->i_fop = &def_chr_fops;
+    inode->i_rdev = rdev;
+  } else if (S_ISBLK(mode)) {
+    inode->i_fop = &def_blk_fops;
+    inode->i_rdev = rdev;
+  } else if (S_ISFIFO(mode)) {
+    inode->i_fop = &def_fifo_fops;
+  } else if (S_ISSOCK(mode)) {
+    inode->i_fop = &bad_sock_fops;
+  } else {
+    printk(KERN_DEBUG "init_special_inode: bogus i_mode (%o)\n", mode);
+  }
+}

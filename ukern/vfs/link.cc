@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: GPL-2.0
+// Reading symbolic links.
+#include <linux/err.h>
+#include <linux/errno.h>
+#include <linux/fs.h>
+#include <linux/kernel.h>
+#include <linux/namei.h>
+#include <linux/string.h>
+#include <asm/uaccess.h>
+#include "ukern/vfs/walk.h"
+
+extern "C" {
+
+// Cut, not refused, when the text is longer than the buffer; never terminated.
+int vfs_readlink(struct dentry *, char __user *buffer, int buflen, const char *link) {
+  if (IS_ERR(link)) return (int)PTR_ERR(link);
+  unsigned len = (unsigned)strlen(link);
+  if (len > (unsigned)buflen) len = (unsigned)buflen;
+  return copy_to_user(buffer, link, len) ? -EFAULT : (int)len;
+}
+
+// For links whose follow_link touches nothing of the nameidata but the text.
+int generic_readlink(struct dentry *dentry, char __user *buffer, int buflen) {
+  struct inode_operations *op = dentry->d_inode->i_op;
+  struct nameidata nd;
+  nd.depth = 0;
+  void *cookie = op->follow_link(dentry, &nd);
+  if (IS_ERR(cookie)) return (int)PTR_ERR(cookie);
+  const int result = vfs_readlink(dentry, buffer, buflen, nd_get_link(&nd));
+  if (op->put_link) op->put_link(dentry, &nd, cookie);
+  return result;
+}
+
+int readlink_at(const struct walk_path *path, char __user *buf, int size) {
+  struct inode *inode = path->dentry->d_inode;
+  if (size <= 0 || !inode->i_op || !inode->i_op->readlink) return -EINVAL;
+  touch_atime(path->mnt, path->dentry);
+  return inode->i_op->readlink(path->dentry, buf, size);
+}
+
+}  // extern "C"

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: GPL-2.0
+// mount(2) and umount2(2): the checks, and the calls of the program that hosts the kernel.
+//
+// New mounts and remounts exist; bind mounts, moves and propagation do not and are refused.
+
+#include "ukern/vfs/mount_internal.h"
+
+#include <linux/capability.h>
+#include <linux/mm.h>
+#include <linux/sched.h>
+#include <linux/slab.h>
+#include <linux/string.h>
+
+#include "ukern/uk_fs.h"
+
+int do_add_mount(struct vfsmount *newmnt, struct nameidata *nd, int mnt_flags, struct list_head *) {
+  int err;
+
+  down_write(&namespace_sem);
+  // Something may have been mounted here meanwhile.
+  while (d_mountpoint(nd->dentry) && follow_down(&nd->mnt, &nd->dentry)) {
+  }
+  if (!mnt_is_attached(nd->mnt)) {
+    err = -EINVAL;
+  } else if (nd->mnt->mnt_sb == newmnt->mnt_sb && nd->mnt->mnt_root == nd->dentry) {
+    err = -EBUSY;  // the same file system on the same place
+  } else if (S_ISLNK(newmnt->mnt_root->d_inode->i_mode)) {
+    err = -EINVAL;
+  } else {
+    newmnt->mnt_flags = mnt_flags;
+    err = graft_tree(newmnt, nd);
+  }
+  up_write(&namespace_sem);
+  if (err) mntput(newmnt);
+  return err;
+}
+
+static int do_new_mount(struct nameidata *nd, const char *type, int flags, int mnt_flags,
+                        const char *name, void *data) {
+  struct vfsmount *mnt;
+
+  if (!type) return -EINVAL;
+  if (!capable(CAP_SYS_ADMIN)) return -EPERM;
+  mnt = do_kern_mount(type, flags, name, data);
+  if (IS_ERR(mnt)) return (int)PTR_ERR(mnt);
+  return do_add_mount(mnt, nd, mnt_flags, NULL);
+}
+
+static int do_remount(struct nameidata *nd, int flags, int mnt_flags, void *data) {
+  struct super_block *sb = nd->mnt->mnt_sb;
+  int err;
+
+  if (!capable(CAP_SYS_ADMIN)) return -EPERM;
+  if (!mnt_is_attached(nd->mnt) || nd->dentry != nd->mnt->mnt_root) return -EINVAL;
+  down_write(&sb->s_umount);
+  err = do_remount_sb(sb, flags, data, 0);
+  if (!err) nd->mnt->mnt_flags = mnt_flags;
+  up_write(&sb->s_umount);
+  return err;
+}
+
+static int per_mount_flags(unsigned long flags) {
+  int mnt_flags = 0;
+  if (flags & MS_NOSUID) mnt_flags |= MNT_NOSUID;
+  if (flags & MS_NODEV) mnt_flags |= MNT_NODEV;
+  if (flags & MS_NOEXEC) mnt_flags |= MNT_NOEXEC;
+  if (flags & MS_NOATIME) mnt_flags |= MNT_NOATIME;
+  if (flags & MS_NODIRATIME) mnt_flags |= MNT_NODIRATIME;
+  return mnt_flags;
+}
+
+long do_mount(char *dev_name, char *dir_name, char *type, unsigned long flags, void *data) {
+  const unsigned long unsupported =
+      MS_BIND | MS_SHARED | MS_PRIVATE | MS_SLAVE | MS_UNBINDABLE | MS_MOVE;
+  struct nameidata nd;
+  int err;
+
+  if ((flags & MS_MGC_MSK) == MS_MGC_VAL) flags &= ~(unsigned long)MS_MGC_MSK;
+  if (!dir_name || !*dir_name) return -EINVAL;
+
+  const int mnt_flags = per_mount_flags(flags);
+  flags &=
+      ~(unsigned long)(MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_NOATIME | MS_NODIRATIME | MS_ACTIVE);
+
+  err = path_lookup(dir_name, LOOKUP_FOLLOW, &nd);
+  if (err) return err;
+  if (flags & MS_REMOUNT)
+    err = do_remount(&nd, (int)(flags & ~(unsigned long)MS_REMOUNT), mnt_flags, data);
+  else if (flags & unsupported)
+    err = -EINVAL;
+  else
+    err = do_new_mount(&nd, type, (int)flags, mnt_flags, dev_name, data);
+  path_release(&nd);
+  return err;
+}
+
+// MNT_EXPIRE: the first call on a mount that nobody uses marks it, the second finds the mark and
+// goes on.
+static int check_expiry(struct vfsmount *mnt, int flags, bool is_root) {
+  if (is_root || (flags & (MNT_FORCE | MNT_DETACH))) return -EINVAL;
+  if (atomic_read(&mnt->mnt_count) != 2) return -EBUSY;
+  if (!xchg(&mnt->mnt_expiry_mark, 1)) return -EAGAIN;
+  return 0;
+}
+
+// The root stays while the kernel runs; to "unmount" it makes it read-only.
+static int umount_root(struct super_block *sb) {
+  int err = 0;
+  down_write(&sb->s_umount);
+  if (!(sb->s_flags & MS_RDONLY)) err = do_remount_sb(sb, MS_RDONLY, NULL, 0);
+  up_write(&sb->s_umount);
+  return err;
+}
+
+static int do_umount(struct vfsmount *mnt, int flags) {
+  struct super_block *sb = mnt->mnt_sb;
+  const bool is_root = mnt == ukern_namespace->root;
+  LIST_HEAD(kill);
+  int err = 0;
+
+  if (flags & MNT_EXPIRE) {
+    err = check_expiry(mnt, flags, is_root);
+    if (err) return err;
+  }
+  if (sb->s_op->umount_begin) sb->s_op->umount_begin(mnt, flags);
+  if (is_root) return flags & MNT_DETACH ? -EINVAL : umount_root(sb);
+
+  down_write(&namespace_sem);
+  spin_lock(&vfsmount_lock);
+  if (!(flags & MNT_DETACH) && mnt_is_busy(mnt, 2))
+    err = -EBUSY;
+  else if (!list_empty(&mnt->mnt_list))
+    umount_tree(mnt, &kill);
+  spin_unlock(&vfsmount_lock);
+  up_write(&namespace_sem);
+  release_mounts(&kill);
+  return err;
+}
+
+// A page with a copy of the text, as mount(2) makes of its arguments; no text, no page.
+static int copy_to_page(const char *text, char **page) {
+  *page = NULL;
+  if (!text) return 0;
+  if (strlen(text) >= PAGE_SIZE) return -EINVAL;
+  *page = (char *)get_zeroed_page(GFP_KERNEL);
+  if (!*page) return -ENOMEM;
+  strcpy(*page, text);
+  return 0;
+}
+
+int uk_fs_mount(const char *source, const char *dir, const char *type, unsigned long flags,
+                const void *data) {
+  const char *const texts[] = {source, dir, type, (const char *)data};
+  char *pages[ARRAY_SIZE(texts)] = {};
+  int err = 0;
+
+  for (unsigned i = 0; i < ARRAY_SIZE(texts) && !err; i++) err = copy_to_page(texts[i], &pages[i]);
+  if (!err) err = (int)do_mount(pages[0], pages[1], pages[2], flags, pages[3]);
+  for (char *page : pages) free_page((unsigned long)page);
+  return err;
+}
+
+int uk_fs_umount(const char *dir, int flags) {
+  struct nameidata nd;
+  int err = path_lookup(dir, LOOKUP_FOLLOW, &nd);
+
+  if (err) return err;
+  if (nd.dentry != nd.mnt->mnt_root || !mnt_is_attached(nd.mnt))
+    err = -EINVAL;
+  else if (!capable(CAP_SYS_ADMIN))
+    err = -EPERM;
+  else
+    err = do_umount(nd.mnt, flags);
+  path_release_on_umount(&nd);
+  return err;
+}

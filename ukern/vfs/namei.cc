@@ -1,0 +1,488 @@
+// SPDX-License-Identifier: GPL-2.0
+// The path walk: component by component from a dentry and mount to the next, through the dentry
+// cache, the file system's lookup, mounts and symbolic links.
+//
+// During a walk the nameidata owns a reference on its dentry and mount. Whatever fails releases
+// both, so that every error return from here on leaves the caller nothing to give back.
+#include <linux/dcache.h>
+#include <linux/err.h>
+#include <linux/errno.h>
+#include <linux/fcntl.h>
+#include <linux/fs.h>
+#include <linux/kernel.h>
+#include <linux/mount.h>
+#include <linux/mutex.h>
+#include <linux/namei.h>
+#include <linux/sched.h>
+#include <linux/slab.h>
+#include <linux/stat.h>
+#include <linux/string.h>
+#include <asm/uaccess.h>
+#include "ukern/vfs/walk.h"
+
+namespace {
+
+constexpr int kMaxLinks = 40;  // followed in one walk, nested or one after the other
+
+int fail(struct nameidata *nd, int error) {
+  path_release(nd);
+  return error;
+}
+
+// Hashes the component at `name` into `part`; returns the first character behind it.
+const char *hash_component(const char *name, struct qstr *part) {
+  unsigned long hash = init_name_hash();
+  part->name = (const unsigned char *)name;
+  while (*name && *name != '/') hash = partial_name_hash((unsigned char)*name++, hash);
+  part->len = (unsigned)(name - (const char *)part->name);
+  part->hash = (unsigned)end_name_hash(hash);
+  return name;
+}
+
+int component_type(const struct qstr *part) {
+  if (part->name[0] != '.') return LAST_NORM;
+  if (part->len == 1) return LAST_DOT;
+  return part->len == 2 && part->name[1] == '.' ? LAST_DOTDOT : LAST_NORM;
+}
+
+bool is_link(struct inode *inode) {
+  return inode->i_op && inode->i_op->follow_link;
+}
+
+bool is_searchable(struct inode *inode) {
+  return inode->i_op && inode->i_op->lookup;
+}
+
+void start_at_root(struct nameidata *nd) {
+  read_lock(&current->fs->lock);
+  nd->mnt = mntget(current->fs->rootmnt);
+  nd->dentry = dget(current->fs->root);
+  read_unlock(&current->fs->lock);
+}
+
+void start_at_pwd(struct nameidata *nd) {
+  read_lock(&current->fs->lock);
+  nd->mnt = mntget(current->fs->pwdmnt);
+  nd->dentry = dget(current->fs->pwd);
+  read_unlock(&current->fs->lock);
+}
+
+bool at_root(struct nameidata *nd) {
+  read_lock(&current->fs->lock);
+  const bool is = nd->dentry == current->fs->root && nd->mnt == current->fs->rootmnt;
+  read_unlock(&current->fs->lock);
+  return is;
+}
+
+// Asks the file system whether a cached dentry still holds. Returns it, or NULL (reference dropped)
+// when it does not and nobody's use kept it from being thrown out.
+struct dentry *revalidate(struct dentry *dentry, struct nameidata *nd) {
+  if (!dentry->d_op || !dentry->d_op->d_revalidate) return dentry;
+  if (dentry->d_op->d_revalidate(dentry, nd) || d_invalidate(dentry)) return dentry;
+  dput(dentry);
+  return NULL;
+}
+
+int apply_d_hash(struct dentry *base, struct qstr *name) {
+  if (!base->d_op || !base->d_op->d_hash) return 0;
+  const int error = base->d_op->d_hash(base, name);
+  return error < 0 ? error : 0;
+}
+
+// A new dentry through the file system's lookup, under the directory's i_mutex (held by the
+// caller).
+struct dentry *lookup_below(struct dentry *parent, struct qstr *name, struct nameidata *nd) {
+  struct dentry *fresh = d_alloc(parent, name);
+  if (!fresh) return (struct dentry *)ERR_PTR(-ENOMEM);
+  struct inode *dir = parent->d_inode;
+  struct dentry *other = dir->i_op->lookup(dir, fresh, nd);
+  if (!other) return fresh;
+  dput(fresh);
+  return other;
+}
+
+// The name is not in the cache: look again under the directory's lock, for another walk may have
+// brought it in meanwhile, then ask the file system.
+struct dentry *real_lookup(struct dentry *parent, struct qstr *name, struct nameidata *nd) {
+  struct inode *dir = parent->d_inode;
+  mutex_lock(&dir->i_mutex);
+  struct dentry *result = d_lookup(parent, name);
+  if (!result) {
+    result = lookup_below(parent, name, nd);
+    mutex_unlock(&dir->i_mutex);
+    return result;
+  }
+  mutex_unlock(&dir->i_mutex);
+  result = revalidate(result, nd);
+  return result ? result : (struct dentry *)ERR_PTR(-ENOENT);
+}
+
+// One component from nd's place, mounts on it included; `path` gets the references.
+int do_lookup(struct nameidata *nd, struct qstr *name, struct walk_path *path) {
+  struct dentry *dentry = __d_lookup(nd->dentry, name);
+  if (dentry) dentry = revalidate(dentry, nd);
+  if (!dentry) dentry = real_lookup(nd->dentry, name, nd);
+  if (IS_ERR(dentry)) return (int)PTR_ERR(dentry);
+  path->mnt = nd->mnt;
+  path->dentry = dentry;
+  __follow_mount(path);
+  return 0;
+}
+
+void follow_mount(struct vfsmount **mnt, struct dentry **dentry) {
+  while (d_mountpoint(*dentry) && follow_down(mnt, dentry)) {
+  }
+}
+
+// "..": never above the task's root; from the root of a mount to the directory that it covers.
+void follow_dotdot(struct nameidata *nd) {
+  while (!at_root(nd)) {
+    struct dentry *old = nd->dentry;
+    spin_lock(&dcache_lock);
+    if (old != nd->mnt->mnt_root) {
+      nd->dentry = dget(old->d_parent);
+      spin_unlock(&dcache_lock);
+      dput(old);
+      break;
+    }
+    spin_unlock(&dcache_lock);
+    if (!follow_up(&nd->mnt, &nd->dentry)) break;
+  }
+  follow_mount(&nd->mnt, &nd->dentry);
+}
+
+// Follows a link inside a walk, within the limits on nesting and on their number.
+int do_follow_link(struct walk_path *path, struct nameidata *nd) {
+  if (current->link_count >= MAX_NESTED_LINKS || current->total_link_count >= kMaxLinks) {
+    dput_path(path, nd);
+    return fail(nd, -ELOOP);
+  }
+  BUG_ON(nd->depth >= MAX_NESTED_LINKS);
+  cond_resched();
+  current->link_count++;
+  current->total_link_count++;
+  nd->depth++;
+  const int error = __do_follow_link(path, nd);
+  current->link_count--;
+  nd->depth--;
+  return error;
+}
+
+// The walk ended without looking a name up ("/", ".", ".."): file systems that ask for it check the
+// place.
+int finish_in_place(struct nameidata *nd) {
+  struct dentry *dentry = nd->dentry;
+  if (dentry->d_sb && (dentry->d_sb->s_type->fs_flags & FS_REVAL_DOT) &&
+      !dentry->d_op->d_revalidate(dentry, nd))
+    return fail(nd, -ESTALE);
+  return 0;
+}
+
+// A component with others behind it: must lead to a directory.
+int walk_inner(struct nameidata *nd, struct qstr *part) {
+  struct walk_path next;
+  int error = apply_d_hash(nd->dentry, part);
+  if (!error) error = do_lookup(nd, part, &next);
+  if (error) return fail(nd, error);
+
+  struct inode *inode = next.dentry->d_inode;
+  if (!inode || !inode->i_op) {
+    dput_path(&next, nd);
+    return fail(nd, inode ? -ENOTDIR : -ENOENT);
+  }
+  if (is_link(inode)) {
+    error = do_follow_link(&next, nd);
+    if (error) return error;
+    inode = nd->dentry->d_inode;
+    if (!inode) return fail(nd, -ENOENT);
+  } else {
+    path_to_nameidata(&next, nd);
+  }
+  return is_searchable(inode) ? 0 : fail(nd, -ENOTDIR);
+}
+
+int walk_last(struct nameidata *nd, struct qstr *part, unsigned flags) {
+  // The flag stays set where an outer walk, of which this is a link's text, goes on.
+  nd->flags &= flags | ~LOOKUP_CONTINUE;
+  const int type = component_type(part);
+  if (flags & LOOKUP_PARENT) {
+    nd->last = *part;
+    nd->last_type = type;
+    return type == LAST_NORM ? 0 : finish_in_place(nd);
+  }
+  if (type == LAST_DOTDOT) follow_dotdot(nd);
+  if (type != LAST_NORM) return finish_in_place(nd);
+
+  struct walk_path next;
+  int error = apply_d_hash(nd->dentry, part);
+  if (!error) error = do_lookup(nd, part, &next);
+  if (error) return fail(nd, error);
+
+  struct inode *inode = next.dentry->d_inode;
+  if ((flags & LOOKUP_FOLLOW) && inode && is_link(inode)) {
+    error = do_follow_link(&next, nd);
+    if (error) return error;
+    inode = nd->dentry->d_inode;
+  } else {
+    path_to_nameidata(&next, nd);
+  }
+  if (!inode) return fail(nd, -ENOENT);
+  if ((flags & LOOKUP_DIRECTORY) && !is_searchable(inode)) return fail(nd, -ENOTDIR);
+  return 0;
+}
+
+int walk_components(const char *name, struct nameidata *nd) {
+  // Inside a link only the directory below which the walk goes on matters; the end of its text is
+  // always followed.
+  unsigned flags = nd->depth ? LOOKUP_FOLLOW | (nd->flags & LOOKUP_CONTINUE) : nd->flags;
+  while (*name == '/') name++;
+  if (!*name) {
+    nd->last_type = LAST_ROOT;  // not what a walk before this link's text may have left
+    return finish_in_place(nd);
+  }
+
+  for (;;) {
+    struct qstr part;
+    nd->flags |= LOOKUP_CONTINUE;
+    int error = vfs_permission(nd, MAY_EXEC);
+    if (error) return fail(nd, error);
+
+    name = hash_component(name, &part);
+    if (!*name) return walk_last(nd, &part, flags);
+    while (*name == '/') name++;
+    if (!*name) return walk_last(nd, &part, flags | LOOKUP_FOLLOW | LOOKUP_DIRECTORY);
+
+    switch (component_type(&part)) {
+      case LAST_DOTDOT:
+        follow_dotdot(nd);
+        break;
+      case LAST_DOT:
+        break;
+      default:
+        error = walk_inner(nd, &part);
+        if (error) return error;
+    }
+  }
+}
+
+// Continues the walk with a link's text.
+int follow_text(struct nameidata *nd, const char *link) {
+  if (IS_ERR(link)) return fail(nd, (int)PTR_ERR(link));
+  if (*link == '/') {
+    path_release(nd);
+    start_at_root(nd);
+  }
+  const int error = link_path_walk(link, nd);
+  if (nd->depth || error || nd->last_type != LAST_NORM) return error;
+
+  // open_namei follows by hand and needs the last name after the text is gone.
+  char *name = (char *)__getname();
+  if (!name) return fail(nd, -ENOMEM);
+  strcpy(name, (const char *)nd->last.name);
+  nd->last.name = (const unsigned char *)name;
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+void path_release(struct nameidata *nd) {
+  dput(nd->dentry);
+  mntput(nd->mnt);
+}
+
+void path_release_on_umount(struct nameidata *nd) {
+  dput(nd->dentry);
+  mntput_no_expire(nd->mnt);
+}
+
+void dput_path(struct walk_path *path, struct nameidata *nd) {
+  dput(path->dentry);
+  if (path->mnt != nd->mnt) mntput(path->mnt);
+}
+
+void path_to_nameidata(struct walk_path *path, struct nameidata *nd) {
+  dput(nd->dentry);
+  if (nd->mnt != path->mnt) mntput(nd->mnt);
+  nd->mnt = path->mnt;
+  nd->dentry = path->dentry;
+}
+
+int follow_up(struct vfsmount **mnt, struct dentry **dentry) {
+  spin_lock(&vfsmount_lock);
+  struct vfsmount *parent = (*mnt)->mnt_parent;
+  if (parent == *mnt) {
+    spin_unlock(&vfsmount_lock);
+    return 0;
+  }
+  mntget(parent);
+  struct dentry *mountpoint = dget((*mnt)->mnt_mountpoint);
+  spin_unlock(&vfsmount_lock);
+  dput(*dentry);
+  *dentry = mountpoint;
+  mntput(*mnt);
+  *mnt = parent;
+  return 1;
+}
+
+int follow_down(struct vfsmount **mnt, struct dentry **dentry) {
+  struct vfsmount *mounted = lookup_mnt(*mnt, *dentry);
+  if (!mounted) return 0;
+  dput(*dentry);
+  mntput(*mnt);
+  *mnt = mounted;
+  *dentry = dget(mounted->mnt_root);
+  return 1;
+}
+
+// Not follow_down in a loop: the first mount of the path is not its own reference but that of the
+// nameidata.
+int __follow_mount(struct walk_path *path) {
+  int crossed = 0;
+  while (d_mountpoint(path->dentry)) {
+    struct vfsmount *mounted = lookup_mnt(path->mnt, path->dentry);
+    if (!mounted) break;
+    dput(path->dentry);
+    if (crossed) mntput(path->mnt);
+    path->mnt = mounted;
+    path->dentry = dget(mounted->mnt_root);
+    crossed = 1;
+  }
+  return crossed;
+}
+
+int __do_follow_link(struct walk_path *path, struct nameidata *nd) {
+  struct dentry *dentry = path->dentry;
+  struct inode *inode = dentry->d_inode;
+  touch_atime(path->mnt, dentry);
+  nd_set_link(nd, NULL);
+
+  // The walk goes on from the link's directory, which is nd's place, unless a mount was crossed on
+  // the way to the link: then from the link itself, as far as its text is relative.
+  if (path->mnt != nd->mnt) {
+    path_to_nameidata(path, nd);
+    dget(dentry);
+  }
+  mntget(path->mnt);
+  // An error pointer says that follow_link has released nd as well: this is where a file system
+  // that cannot read its link leaks, unless it does so or reports the error as the link's text.
+  void *cookie = inode->i_op->follow_link(dentry, nd);
+  int error = 0;
+  if (IS_ERR(cookie)) {
+    error = (int)PTR_ERR(cookie);
+  } else {
+    char *text = nd_get_link(nd);
+    if (text) error = follow_text(nd, text);
+    if (inode->i_op->put_link) inode->i_op->put_link(dentry, nd, cookie);
+  }
+  dput(dentry);
+  mntput(path->mnt);
+  return error;
+}
+
+int vfs_follow_link(struct nameidata *nd, const char *link) {
+  return follow_text(nd, link);
+}
+
+int link_path_walk(const char *name, struct nameidata *nd) {
+  might_sleep();
+  struct nameidata start = *nd;
+  dget(start.dentry);
+  mntget(start.mnt);
+  int error = walk_components(name, nd);
+  if (error == -ESTALE) {
+    // The cache led astray: once more, with every file system told not to trust it.
+    *nd = start;
+    dget(nd->dentry);
+    mntget(nd->mnt);
+    nd->flags |= LOOKUP_REVAL;
+    error = walk_components(name, nd);
+  }
+  dput(start.dentry);
+  mntput(start.mnt);
+  return error;
+}
+
+int path_walk(const char *name, struct nameidata *nd) {
+  current->total_link_count = 0;
+  return link_path_walk(name, nd);
+}
+
+int path_lookup_from(const struct walk_path *base, const char *name, unsigned flags,
+                     struct nameidata *nd) {
+  nd->last_type = LAST_ROOT;
+  nd->flags = flags;
+  nd->depth = 0;
+  if (*name == '/') {
+    start_at_root(nd);
+  } else if (!base) {
+    start_at_pwd(nd);
+  } else {
+    if (!S_ISDIR(base->dentry->d_inode->i_mode)) return -ENOTDIR;
+    nd->mnt = mntget(base->mnt);
+    nd->dentry = dget(base->dentry);
+  }
+  return path_walk(name, nd);
+}
+
+int path_lookup(const char *name, unsigned flags, struct nameidata *nd) {
+  return path_lookup_from(NULL, name, flags, nd);
+}
+
+// A name from user memory, for __putname. ERR_PTR: -EFAULT, -ENOENT for the empty name,
+// -ENAMETOOLONG, -ENOMEM.
+char *getname(const char __user *filename) {
+  char *name = (char *)__getname();
+  if (!name) return (char *)ERR_PTR(-ENOMEM);
+  const long len = strncpy_from_user(name, filename, PATH_MAX);
+  if (len > 0 && len < PATH_MAX) return name;
+  __putname(name);
+  return (char *)ERR_PTR(len < 0 ? len : len ? -ENAMETOOLONG : -ENOENT);
+}
+
+struct dentry *__lookup_hash(struct qstr *name, struct dentry *base, struct nameidata *nd) {
+  int error = permission(base->d_inode, MAY_EXEC, nd);
+  if (!error) error = apply_d_hash(base, name);
+  if (error) return (struct dentry *)ERR_PTR(error);
+
+  struct dentry *dentry = d_lookup(base, name);
+  if (dentry) dentry = revalidate(dentry, nd);
+  return dentry ? dentry : lookup_below(base, name, nd);
+}
+
+struct dentry *lookup_hash(struct nameidata *nd) {
+  return __lookup_hash(&nd->last, nd->dentry, nd);
+}
+
+struct dentry *lookup_one_len(const char *name, struct dentry *base, int len) {
+  struct qstr part;
+  unsigned long hash = init_name_hash();
+  if (!len) return (struct dentry *)ERR_PTR(-EACCES);
+  for (int i = 0; i < len; i++) {
+    if (name[i] == '/' || name[i] == '\0') return (struct dentry *)ERR_PTR(-EACCES);
+    hash = partial_name_hash((unsigned char)name[i], hash);
+  }
+  part.name = (const unsigned char *)name;
+  part.len = (unsigned)len;
+  part.hash = (unsigned)end_name_hash(hash);
+  return __lookup_hash(&part, base, NULL);
+}
+
+struct dentry *lookup_create(struct nameidata *nd, int is_dir) {
+  mutex_lock_nested(&nd->dentry->d_inode->i_mutex, I_MUTEX_PARENT);
+  if (nd->last_type != LAST_NORM) return (struct dentry *)ERR_PTR(-EEXIST);
+  nd->flags &= ~LOOKUP_PARENT;
+  nd->flags |= LOOKUP_CREATE;
+  nd->intent.open.flags = O_EXCL;
+  struct dentry *dentry = lookup_hash(nd);
+  if (IS_ERR(dentry)) return dentry;
+  // A slash behind the name asks for a directory, which is not what is about to be made.
+  if (!is_dir && nd->last.name[nd->last.len] && !dentry->d_inode) {
+    dput(dentry);
+    return (struct dentry *)ERR_PTR(-ENOENT);
+  }
+  return dentry;
+}
+
+}  // extern "C"

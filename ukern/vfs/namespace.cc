@@ -1,0 +1,243 @@
+// SPDX-License-Identifier: GPL-2.0
+// The mount tree: references on mounts, finding what is mounted somewhere, attaching and detaching.
+//
+// Changes of the tree hold namespace_sem for writing and, for each step that a look-up must not see
+// half done, vfsmount_lock.
+
+#include "ukern/vfs/mount_internal.h"
+
+#include <linux/hash.h>
+#include <linux/sched.h>
+#include <linux/slab.h>
+#include <linux/string.h>
+
+static const unsigned kHashBits = 10;
+static const unsigned kHashSize = 1u << kHashBits;
+static const unsigned kAlign = 16;  // of addresses: their low bits say nothing
+
+DEFINE_SPINLOCK(vfsmount_lock);
+struct rw_semaphore namespace_sem;
+struct namespace_ *ukern_namespace;
+LIST_HEAD(ukern_all_mounts);
+
+static struct list_head hashtable[kHashSize];
+static struct kmem_cache *mnt_cache;
+
+int mnt_init(void) {
+  for (unsigned i = 0; i < kHashSize; i++) INIT_LIST_HEAD(&hashtable[i]);
+  init_rwsem(&namespace_sem);
+  INIT_LIST_HEAD(&ukern_all_mounts);
+  mnt_cache = kmem_cache_create("mnt_cache", sizeof(struct vfsmount), 0, 0, NULL, NULL);
+  return mnt_cache ? 0 : -ENOMEM;
+}
+
+void mnt_exit(void) {
+  kmem_cache_destroy(mnt_cache);
+  mnt_cache = NULL;
+}
+
+static struct list_head *hash_chain(struct vfsmount *mnt, struct dentry *dentry) {
+  const unsigned long both = ((unsigned long)mnt + (unsigned long)dentry) / kAlign;
+  return &hashtable[hash_long(both, kHashBits)];
+}
+
+struct vfsmount *alloc_vfsmnt(const char *name) {
+  struct vfsmount *mnt = (struct vfsmount *)kmem_cache_alloc(mnt_cache, GFP_KERNEL);
+
+  if (!mnt) return NULL;
+  memset(mnt, 0, sizeof(*mnt));
+  atomic_set(&mnt->mnt_count, 1);
+  INIT_LIST_HEAD(&mnt->mnt_hash);
+  INIT_LIST_HEAD(&mnt->mnt_child);
+  INIT_LIST_HEAD(&mnt->mnt_mounts);
+  INIT_LIST_HEAD(&mnt->mnt_list);
+  ukern_vfsmount_ref(mnt, 1);
+  // Without memory for its name it is shown as "none".
+  if (name) mnt->mnt_devname = kstrdup(name, GFP_KERNEL);
+  spin_lock(&vfsmount_lock);
+  list_add_tail(&mnt->mnt_all, &ukern_all_mounts);
+  spin_unlock(&vfsmount_lock);
+  return mnt;
+}
+
+void free_vfsmnt(struct vfsmount *mnt) {
+  spin_lock(&vfsmount_lock);
+  list_del(&mnt->mnt_all);
+  spin_unlock(&vfsmount_lock);
+  ukern_vfsmount_forget(mnt);
+  kfree(mnt->mnt_devname);
+  kmem_cache_free(mnt_cache, mnt);
+}
+
+void mntput_no_expire(struct vfsmount *mnt) {
+  struct super_block *sb = mnt->mnt_sb;
+
+  ukern_vfsmount_ref(mnt, -1);
+  BUG_ON(atomic_read(&mnt->mnt_count) <= 0);
+  if (!atomic_dec_and_lock(&mnt->mnt_count, &vfsmount_lock)) return;
+  spin_unlock(&vfsmount_lock);
+  dput(mnt->mnt_root);
+  free_vfsmnt(mnt);
+  deactivate_super(sb);
+}
+
+struct vfsmount *__lookup_mnt(struct vfsmount *mnt, struct dentry *dentry) {
+  struct vfsmount *child;
+  list_for_each_entry(child, hash_chain(mnt, dentry), mnt_hash) {
+    if (child->mnt_parent == mnt && child->mnt_mountpoint == dentry) return child;
+  }
+  return NULL;
+}
+
+struct vfsmount *lookup_mnt(struct vfsmount *mnt, struct dentry *dentry) {
+  struct vfsmount *child;
+  spin_lock(&vfsmount_lock);
+  child = mntget(__lookup_mnt(mnt, dentry));
+  spin_unlock(&vfsmount_lock);
+  return child;
+}
+
+bool mnt_is_attached(struct vfsmount *mnt) {
+  return mnt->mnt_namespace && mnt->mnt_namespace == ukern_namespace;
+}
+
+// Puts a mount on (nd->mnt, nd->dentry), on which it takes references; its own reference becomes
+// the tree's.
+static void attach(struct vfsmount *mnt, struct nameidata *nd) {
+  spin_lock(&vfsmount_lock);
+  mnt->mnt_parent = mntget(nd->mnt);
+  mnt->mnt_mountpoint = dget(nd->dentry);
+  stat_add(&nd->dentry->d_mounted, 1);
+  mnt->mnt_namespace = ukern_namespace;
+  list_add_tail(&mnt->mnt_list, &ukern_namespace->list);
+  list_add_tail(&mnt->mnt_hash, hash_chain(nd->mnt, nd->dentry));
+  list_add_tail(&mnt->mnt_child, &nd->mnt->mnt_mounts);
+  ukern_namespace->event++;
+  spin_unlock(&vfsmount_lock);
+}
+
+int graft_tree(struct vfsmount *mnt, struct nameidata *nd) {
+  struct inode *dir = nd->dentry->d_inode;
+  int err = -ENOENT;
+
+  if (mnt->mnt_sb->s_flags & MS_NOUSER) return -EINVAL;
+  if (S_ISDIR(dir->i_mode) != S_ISDIR(mnt->mnt_root->d_inode->i_mode)) return -ENOTDIR;
+
+  mutex_lock(&dir->i_mutex);
+  if (!IS_DEADDIR(dir) && (IS_ROOT(nd->dentry) || !d_unhashed(nd->dentry))) {
+    attach(mnt, nd);
+    err = 0;
+  }
+  mutex_unlock(&dir->i_mutex);
+  return err;
+}
+
+struct vfsmount *next_mnt(struct vfsmount *at, struct vfsmount *root) {
+  if (!list_empty(&at->mnt_mounts))
+    return list_entry(at->mnt_mounts.next, struct vfsmount, mnt_child);
+  while (at != root) {
+    struct list_head *next = at->mnt_child.next;
+    if (next != &at->mnt_parent->mnt_mounts) return list_entry(next, struct vfsmount, mnt_child);
+    at = at->mnt_parent;
+  }
+  return NULL;
+}
+
+void umount_tree(struct vfsmount *mnt, struct list_head *kill) {
+  struct vfsmount *at;
+
+  for (at = mnt; at; at = next_mnt(at, mnt)) list_move_tail(&at->mnt_hash, kill);
+  list_for_each_entry(at, kill, mnt_hash) {
+    list_del_init(&at->mnt_list);
+    list_del_init(&at->mnt_child);
+    at->mnt_namespace = NULL;
+    if (at->mnt_parent != at) stat_add(&at->mnt_mountpoint->d_mounted, -1);
+  }
+  ukern_namespace->event++;
+}
+
+void release_mounts(struct list_head *kill) {
+  while (!list_empty(kill)) {
+    struct vfsmount *mnt = list_entry(kill->next, struct vfsmount, mnt_hash);
+    struct vfsmount *parent = NULL;
+    struct dentry *mountpoint = NULL;
+
+    list_del_init(&mnt->mnt_hash);
+    spin_lock(&vfsmount_lock);
+    if (mnt->mnt_parent != mnt) {
+      parent = mnt->mnt_parent;
+      mountpoint = mnt->mnt_mountpoint;
+      mnt->mnt_parent = mnt;
+      mnt->mnt_mountpoint = mnt->mnt_root;
+    }
+    spin_unlock(&vfsmount_lock);
+    dput(mountpoint);
+    mntput(parent);
+    mntput(mnt);
+  }
+}
+
+bool mnt_is_busy(struct vfsmount *mnt, int expected) {
+  return !list_empty(&mnt->mnt_mounts) || atomic_read(&mnt->mnt_count) > expected;
+}
+
+int may_umount(struct vfsmount *mnt) {
+  int may;
+  spin_lock(&vfsmount_lock);
+  may = !mnt_is_busy(mnt, 2);
+  spin_unlock(&vfsmount_lock);
+  return may;
+}
+
+struct vfsmount *ukern_root_mount(void) {
+  return ukern_namespace ? mntget(ukern_namespace->root) : NULL;
+}
+
+void set_fs_root(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry) {
+  write_lock(&fs->lock);
+  struct dentry *old_root = fs->root;
+  struct vfsmount *old_mnt = fs->rootmnt;
+  fs->rootmnt = mntget(mnt);
+  fs->root = dget(dentry);
+  write_unlock(&fs->lock);
+  dput(old_root);
+  mntput(old_mnt);
+}
+
+void set_fs_pwd(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry) {
+  write_lock(&fs->lock);
+  struct dentry *old_pwd = fs->pwd;
+  struct vfsmount *old_mnt = fs->pwdmnt;
+  fs->pwdmnt = mntget(mnt);
+  fs->pwd = dget(dentry);
+  write_unlock(&fs->lock);
+  dput(old_pwd);
+  mntput(old_mnt);
+}
+
+int ukern_namespace_start(struct vfsmount *root) {
+  struct namespace_ *ns = (struct namespace_ *)kzalloc(sizeof(*ns), GFP_KERNEL);
+
+  if (!ns) return -ENOMEM;
+  atomic_set(&ns->count, 1);
+  INIT_LIST_HEAD(&ns->list);
+  ns->root = root;
+  root->mnt_namespace = ns;
+  list_add(&root->mnt_list, &ns->list);
+  ukern_namespace = ns;
+  return 0;
+}
+
+void ukern_namespace_stop(void) {
+  LIST_HEAD(kill);
+
+  if (!ukern_namespace) return;
+  down_write(&namespace_sem);
+  spin_lock(&vfsmount_lock);
+  umount_tree(ukern_namespace->root, &kill);
+  spin_unlock(&vfsmount_lock);
+  up_write(&namespace_sem);
+  kfree(ukern_namespace);
+  ukern_namespace = NULL;
+  release_mounts(&kill);
+}

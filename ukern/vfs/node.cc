@@ -1,0 +1,270 @@
+// SPDX-License-Identifier: GPL-2.0
+// The table of nodes, and the way from a node to the dentry that a call works on.
+#include <linux/dcache.h>
+#include <linux/err.h>
+#include <linux/errno.h>
+#include <linux/fs.h>
+#include <linux/hash.h>
+#include <linux/kernel.h>
+#include <linux/limits.h>
+#include <linux/list.h>
+#include <linux/mm.h>
+#include <linux/mount.h>
+#include <linux/namei.h>
+#include <linux/slab.h>
+#include <linux/spinlock.h>
+#include <linux/stat.h>
+#include <linux/string.h>
+#include "ukern/vfs/node.h"
+
+struct uk_node {
+  struct hlist_node hash;
+  unsigned long count;  // under its chain's lock, as is membership
+  struct inode *inode;  // pinned by the dentry
+  struct vfsmount *mnt;
+  struct dentry *dentry;  // under `lock`
+  spinlock_t lock;
+};
+
+namespace {
+
+// One chain per word of the table; a few locks, each for many chains.
+constexpr unsigned kTableOrder = 6;
+constexpr unsigned kChainBits = kTableOrder + PAGE_SHIFT - 3;
+constexpr unsigned kLocks = 64;
+static_assert(sizeof(struct hlist_head) == 8);
+
+struct hlist_head *chains;
+spinlock_t chain_locks[kLocks];
+kmem_cache_t *node_cache;
+
+unsigned long chain_number(struct inode *inode) {
+  return hash_long((unsigned long)inode, kChainBits);
+}
+
+spinlock_t *lock_of(unsigned long chain) {
+  return &chain_locks[chain % kLocks];
+}
+
+struct uk_node *new_node(struct vfsmount *mnt, struct dentry *dentry) {
+  struct uk_node *node = (struct uk_node *)kmem_cache_alloc(node_cache, GFP_KERNEL);
+  if (!node) return NULL;
+  node->count = 1;
+  node->inode = dentry->d_inode;
+  node->mnt = mntget(mnt);
+  node->dentry = dget(dentry);
+  spin_lock_init(&node->lock);
+  return node;
+}
+
+void free_node(struct uk_node *node) {
+  dput(node->dentry);
+  mntput(node->mnt);
+  kmem_cache_free(node_cache, node);
+}
+
+// The node of (inode, mnt) with one more reference; if there is none, `fresh` becomes it (as it is)
+// or NULL.
+struct uk_node *find_or_add(struct inode *inode, struct vfsmount *mnt, struct uk_node *fresh) {
+  const unsigned long chain = chain_number(inode);
+  struct uk_node *node, *found = NULL;
+  struct hlist_node *pos;
+  spin_lock(lock_of(chain));
+  hlist_for_each_entry(node, pos, &chains[chain], hash) {
+    if (node->inode == inode && node->mnt == mnt) {
+      found = node;
+      break;
+    }
+  }
+  if (found)
+    found->count++;
+  else if (fresh)
+    hlist_add_head(&fresh->hash, &chains[chain]);
+  spin_unlock(lock_of(chain));
+  return found ? found : fresh;
+}
+
+void hold_dentry(struct uk_node *node, struct dentry *dentry) {
+  spin_lock(&node->lock);
+  struct dentry *old = node->dentry;
+  if (old != dentry) node->dentry = dget(dentry);
+  spin_unlock(&node->lock);
+  if (old != dentry) dput(old);
+}
+
+// Where a walk of the node's last step starts and by what name. False for the top of a mount, which
+// has none.
+bool last_step(struct walk_path *held, struct dentry **parent, char *name) {
+  struct dentry *dentry = held->dentry;
+  if (IS_ROOT(dentry) || dentry == held->mnt->mnt_root) return false;
+  spin_lock(&dentry->d_lock);
+  const unsigned len = dentry->d_name.len;
+  if (len <= NAME_MAX) {
+    memcpy(name, dentry->d_name.name, len);
+    name[len] = '\0';
+    *parent = dget(dentry->d_parent);
+  }
+  spin_unlock(&dentry->d_lock);
+  return len <= NAME_MAX;
+}
+
+// Errors that say no more than that the name does not lead to the node now. Permission on the
+// directory was asked when the node was looked up; an object in use stays usable when it is
+// withdrawn.
+bool name_is_gone(int error) {
+  return error == -ENOENT || error == -ENOTDIR || error == -ESTALE || error == -EACCES;
+}
+
+bool leads_to(struct nameidata *nd, struct uk_node *node) {
+  return nd->dentry->d_inode == node->inode && nd->mnt == node->mnt;
+}
+
+// An open walk that ends where it began. Takes over the path's references, also on failure.
+int open_in_place(struct walk_path *path, int flags, struct nameidata *nd) {
+  struct file *file = get_empty_filp();
+  if (!file) {
+    path_put(path);
+    return -ENFILE;
+  }
+  memset(nd, 0, sizeof(*nd));
+  nd->mnt = path->mnt;
+  nd->dentry = path->dentry;
+  nd->flags = LOOKUP_OPEN;
+  nd->last_type = LAST_ROOT;
+  nd->intent.open.file = file;
+  nd->intent.open.flags = flags;
+  return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+int ukern_nodes_init(void) {
+  chains = (struct hlist_head *)__get_free_pages(GFP_KERNEL | __GFP_ZERO, kTableOrder);
+  if (!chains) return -ENOMEM;
+  for (unsigned i = 0; i < kLocks; i++) spin_lock_init(&chain_locks[i]);
+  node_cache = kmem_cache_create("uk_node", sizeof(struct uk_node), 0, 0, NULL, NULL);
+  if (node_cache) return 0;
+  free_pages((unsigned long)chains, kTableOrder);
+  chains = NULL;
+  return -ENOMEM;
+}
+
+void ukern_nodes_exit(void) {
+  if (!node_cache) return;
+  kmem_cache_destroy(node_cache);  // reports nodes that were never given back
+  free_pages((unsigned long)chains, kTableOrder);
+  node_cache = NULL;
+  chains = NULL;
+}
+
+void path_put(struct walk_path *path) {
+  dput(path->dentry);
+  mntput(path->mnt);
+}
+
+int node_get(struct vfsmount *mnt, struct dentry *dentry, struct uk_node **out) {
+  struct inode *inode = dentry->d_inode;
+  if (!inode) return -ENOENT;
+  struct uk_node *node = find_or_add(inode, mnt, NULL);
+  if (!node) {
+    struct uk_node *fresh = new_node(mnt, dentry);
+    if (!fresh) return -ENOMEM;
+    node = find_or_add(inode, mnt, fresh);
+    if (node != fresh) free_node(fresh);
+  }
+  hold_dentry(node, dentry);
+  *out = node;
+  return 0;
+}
+
+void uk_node_put(struct uk_node *node, unsigned long count) {
+  spinlock_t *lock = lock_of(chain_number(node->inode));
+  spin_lock(lock);
+  BUG_ON(count > node->count);
+  node->count -= count;
+  const bool last = !node->count;
+  if (last) hlist_del(&node->hash);
+  spin_unlock(lock);
+  if (last) free_node(node);
+}
+
+unsigned long long uk_node_ino(struct uk_node *node) {
+  return node->inode->i_ino;
+}
+
+void node_hold(struct uk_node *node, struct walk_path *path) {
+  path->mnt = mntget(node->mnt);
+  spin_lock(&node->lock);
+  path->dentry = dget(node->dentry);
+  spin_unlock(&node->lock);
+}
+
+int node_walk(struct uk_node *node, struct walk_path *path) {
+  char name[NAME_MAX + 1];
+  struct walk_path from;
+  struct nameidata nd;
+  node_hold(node, path);
+  from.mnt = path->mnt;
+  if (!last_step(path, &from.dentry, name)) return 0;
+  const int error = path_lookup_from(&from, name, 0, &nd);
+  dput(from.dentry);
+  if (error && !name_is_gone(error)) {
+    path_put(path);
+    return error;
+  }
+  if (!error && leads_to(&nd, node)) {
+    hold_dentry(node, nd.dentry);
+    path_put(path);
+    path->mnt = nd.mnt;
+    path->dentry = nd.dentry;
+  } else if (!error) {
+    path_release(&nd);
+  }
+  return 0;
+}
+
+int node_walk_to_open(struct uk_node *node, int flags, struct nameidata *nd) {
+  char name[NAME_MAX + 1];
+  struct walk_path held, from;
+  node_hold(node, &held);
+  from.mnt = held.mnt;
+  if (last_step(&held, &from.dentry, name)) {
+    const int error = path_lookup_open_from(&from, name, 0, nd, flags);
+    dput(from.dentry);
+    if (!error && leads_to(nd, node)) {
+      hold_dentry(node, nd->dentry);
+      path_put(&held);
+      return 0;
+    }
+    if (!error) {
+      release_open_intent(nd);
+      path_release(nd);
+    } else if (!name_is_gone(error)) {
+      path_put(&held);
+      return error;
+    }
+  }
+  return open_in_place(&held, flags, nd);
+}
+
+int node_check_name(const char *name) {
+  if (!*name) return -ENOENT;
+  if (strchr(name, '/') || !strcmp(name, ".") || !strcmp(name, "..")) return -EINVAL;
+  return strlen(name) >= PATH_MAX ? -ENAMETOOLONG : 0;
+}
+
+int node_result(struct walk_path *dir, const char *name, struct uk_node **out,
+                struct uk_stat *stat) {
+  struct nameidata nd;
+  int error = path_lookup_from(dir, name, 0, &nd);
+  if (error) return error;
+  struct walk_path path = {nd.mnt, nd.dentry};
+  error = node_stat(&path, stat);
+  if (!error && out) error = node_get(path.mnt, path.dentry, out);
+  path_put(&path);
+  return error;
+}
+
+}  // extern "C"

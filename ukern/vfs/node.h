@@ -1,0 +1,83 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Nodes: what the hosting program has handles on, and how a call by a node finds the dentry to work
+ * on.
+ *
+ * A node stands for one inode of one mount, however many names it has. It holds the dentry under
+ * which it was looked up last, and through it the inode, and the mount. Its count is the caller's;
+ * at zero the node and what it holds are gone.
+ *
+ * Locks: a spin lock, shared by many hash chains, covers the chains and the counts of their nodes;
+ * a spin lock per node covers which dentry it holds. They do not nest. References are dropped with
+ * neither held.
+ */
+#ifndef UKERN_VFS_NODE_H
+#define UKERN_VFS_NODE_H
+
+#include "ukern/uk_core.h"
+#include "ukern/uk_fs.h"
+#include "ukern/vfs/walk.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* The caches of nodes; see file_table.h. */
+int ukern_nodes_init(void);
+void ukern_nodes_exit(void);
+
+/* The node of a path, with one more reference; -ENOENT for a negative dentry, -ENOMEM. Takes
+ * nothing over. */
+int node_get(struct vfsmount *mnt, struct dentry *dentry, struct uk_node **out);
+
+/* The mount and dentry held, each with a reference, as they are: for a directory that a name is
+ * looked up in. */
+void node_hold(struct uk_node *node, struct walk_path *path);
+
+/*
+ * As a system call by a name finds it: the last step is walked again, from the parent of the dentry
+ * held by its name, so that it is revalidated; where it leads to the node's inode, the node changes
+ * over to the dentry found. Where it does not, because the name is gone or is another's, the dentry
+ * held is used. Each of mount and dentry comes with a reference, for path_put.
+ */
+int node_walk(struct uk_node *node, struct walk_path *path);
+
+/*
+ * The same with the intent to open: a nameidata for may_open and nameidata_to_filp. `flags` are
+ * those of the system call.
+ */
+int node_walk_to_open(struct uk_node *node, int flags, struct nameidata *nd);
+
+void path_put(struct walk_path *path);
+
+/* A name that a call by a directory node may act on: one component, neither "." nor "..". 0 or the
+ * error. */
+int node_check_name(const char *name);
+
+/* The node at a name just looked up or made, and its attributes. */
+int node_result(struct walk_path *dir, const char *name, struct uk_node **out,
+                struct uk_stat *stat);
+/* vfs_getattr in the form of uk_fs.h. `stat` may be NULL. */
+int node_stat(struct walk_path *path, struct uk_stat *stat);
+
+#ifdef __cplusplus
+}
+
+/* Makes a buffer user memory of the current task for as long as this stands. */
+class user_buffer {
+ public:
+  user_buffer(const void *start, unsigned long len)
+      : start_(len ? start : nullptr), error_(len ? uk_user_add(start, len) : 0) {}
+  ~user_buffer() {
+    if (start_ && !error_) uk_user_del(start_);
+  }
+  user_buffer(const user_buffer &) = delete;
+  user_buffer &operator=(const user_buffer &) = delete;
+  int error() const { return error_; }
+
+ private:
+  const void *start_;
+  int error_;
+};
+#endif
+#endif

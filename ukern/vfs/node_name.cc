@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: GPL-2.0
+// Calls by a directory's node and a name: looking up, making, removing, moving.
+#include <linux/errno.h>
+#include <linux/fs.h>
+#include <linux/kdev_t.h>
+#include <linux/kernel.h>
+#include <linux/limits.h>
+#include <linux/string.h>
+#include "ukern/vfs/node.h"
+
+namespace {
+
+// The directory's place, once its node and the name have been checked.
+int enter(struct uk_node *dir, const char *name, struct walk_path *path) {
+  const int error = node_check_name(name);
+  if (!error) node_hold(dir, path);
+  return error;
+}
+
+// The end of a call that made `name`: its node and attributes, unless it failed.
+int leave(struct walk_path *path, int error, const char *name, struct uk_node **out,
+          struct uk_stat *stat) {
+  if (!error) error = node_result(path, name, out, stat);
+  path_put(path);
+  return error;
+}
+
+}  // namespace
+
+extern "C" {
+
+int uk_node_at(const char *name, struct uk_node **out) {
+  struct nameidata nd;
+  int error = path_lookup(name, LOOKUP_FOLLOW, &nd);
+  if (error) return error;
+  error = node_get(nd.mnt, nd.dentry, out);
+  path_release(&nd);
+  return error;
+}
+
+int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struct uk_stat *stat) {
+  struct walk_path path;
+  const int error = enter(dir, name, &path);
+  return error ? error : leave(&path, 0, name, out, stat);
+}
+
+int uk_mknod(struct uk_node *dir, const char *name, unsigned mode, unsigned rdev,
+             struct uk_node **out, struct uk_stat *stat) {
+  struct walk_path path;
+  const int error = enter(dir, name, &path);
+  if (error) return error;
+  return leave(&path, mknod_at(&path, name, (int)mode, new_decode_dev(rdev)), name, out, stat);
+}
+
+int uk_mkdir(struct uk_node *dir, const char *name, unsigned mode, struct uk_node **out,
+             struct uk_stat *stat) {
+  struct walk_path path;
+  const int error = enter(dir, name, &path);
+  return error ? error : leave(&path, mkdir_at(&path, name, (int)mode), name, out, stat);
+}
+
+int uk_symlink(struct uk_node *dir, const char *name, const char *target, struct uk_node **out,
+               struct uk_stat *stat) {
+  struct walk_path path;
+  if (strlen(target) >= PATH_MAX) return -ENAMETOOLONG;
+  const int error = enter(dir, name, &path);
+  return error ? error : leave(&path, symlink_at(target, &path, name), name, out, stat);
+}
+
+int uk_link(struct uk_node *node, struct uk_node *dir, const char *name, struct uk_node **out,
+            struct uk_stat *stat) {
+  struct walk_path path, old;
+  int error = enter(dir, name, &path);
+  if (error) return error;
+  error = node_walk(node, &old);
+  if (!error) {
+    error = link_at(&old, &path, name);
+    path_put(&old);
+  }
+  return leave(&path, error, name, out, stat);
+}
+
+int uk_unlink(struct uk_node *dir, const char *name) {
+  struct walk_path path;
+  int error = enter(dir, name, &path);
+  if (error) return error;
+  error = unlink_at(&path, name);
+  path_put(&path);
+  return error;
+}
+
+int uk_rmdir(struct uk_node *dir, const char *name) {
+  struct walk_path path;
+  int error = enter(dir, name, &path);
+  if (error) return error;
+  error = rmdir_at(&path, name);
+  path_put(&path);
+  return error;
+}
+
+int uk_rename(struct uk_node *old_dir, const char *old_name, struct uk_node *new_dir,
+              const char *new_name) {
+  struct walk_path from, to;
+  int error = node_check_name(new_name);
+  if (!error) error = enter(old_dir, old_name, &from);
+  if (error) return error;
+  node_hold(new_dir, &to);
+  error = rename_at(&from, old_name, &to, new_name);
+  path_put(&to);
+  path_put(&from);
+  return error;
+}
+
+}  // extern "C"

@@ -1,0 +1,333 @@
+// SPDX-License-Identifier: GPL-2.0
+// Super blocks: making, finding, counting and shutting down, and the anonymous devices they stand
+// on.
+//
+// s_count keeps the memory, S_BIAS of it standing for "active"; s_active counts the mounts.
+// s_umount is held for writing while a super block is filled in and while it is shut down.
+
+#include "ukern/vfs/super_internal.h"
+
+#include <linux/bitops.h>
+#include <linux/module.h>
+#include <linux/slab.h>
+#include <linux/string.h>
+#include <linux/writeback.h>
+
+LIST_HEAD(super_blocks);
+DEFINE_SPINLOCK(sb_lock);
+
+static const unsigned long kMinors = 1ul << MINORBITS;
+static DEFINE_SPINLOCK(minors_lock);
+static unsigned long minors[kMinors / BITS_PER_LONG];  // bit n: anonymous device n is in use
+
+int super_init(void) {
+  INIT_LIST_HEAD(&super_blocks);
+  memset(minors, 0, sizeof(minors));
+  return 0;
+}
+
+void super_exit(void) {
+  super_report_busy();
+}
+
+static struct super_block *alloc_super(struct file_system_type *type) {
+  static struct super_operations no_ops = {};
+  struct super_block *s = (struct super_block *)kzalloc(sizeof(*s), GFP_KERNEL);
+
+  if (!s) return NULL;
+  INIT_LIST_HEAD(&s->s_list);
+  INIT_LIST_HEAD(&s->s_inodes);
+  INIT_LIST_HEAD(&s->s_dirty);
+  INIT_LIST_HEAD(&s->s_io);
+  INIT_LIST_HEAD(&s->s_files);
+  INIT_LIST_HEAD(&s->s_instances);
+  init_rwsem(&s->s_umount);
+  lockdep_set_class(&s->s_umount, &type->s_umount_key);
+  mutex_init(&s->s_lock);
+  lockdep_set_class(&s->s_lock, &type->s_lock_key);
+  mutex_init(&s->s_vfs_rename_mutex);
+  lockdep_set_class(&s->s_vfs_rename_mutex, &type->s_vfs_rename_key);
+  init_waitqueue_head(&s->s_wait_unfrozen);
+  s->s_count = S_BIAS;
+  atomic_set(&s->s_active, 1);
+  s->s_maxbytes = MAX_NON_LFS;
+  s->s_op = &no_ops;
+  s->s_time_gran = 1000000000;
+  ukern_super_ref(s, 1);
+  down_write(&s->s_umount);
+  return s;
+}
+
+static void destroy_super(struct super_block *s) {
+  ukern_super_forget(s);
+  kfree(s);
+}
+
+int __put_super(struct super_block *sb) {
+  if (--sb->s_count) return 0;
+  destroy_super(sb);
+  return 1;
+}
+
+int __put_super_and_need_restart(struct super_block *sb) {
+  if (list_empty(&sb->s_list)) {
+    __put_super(sb);
+    return 1;
+  }
+  sb->s_count--;
+  BUG_ON(sb->s_count == 0);
+  return 0;
+}
+
+static void put_super(struct super_block *sb) {
+  spin_lock(&sb_lock);
+  __put_super(sb);
+  spin_unlock(&sb_lock);
+}
+
+void drop_super(struct super_block *sb) {
+  up_read(&sb->s_umount);
+  put_super(sb);
+}
+
+void deactivate_super(struct super_block *s) {
+  struct file_system_type *fs = s->s_type;
+
+  ukern_super_ref(s, -1);
+  BUG_ON(atomic_read(&s->s_active) <= 0);
+  if (!atomic_dec_and_lock(&s->s_active, &sb_lock)) return;
+  s->s_count -= S_BIAS - 1;
+  spin_unlock(&sb_lock);
+  down_write(&s->s_umount);
+  fs->kill_sb(s);
+  put_filesystem(fs);
+  put_super(s);
+}
+
+// Takes a further use of a super block, with s_umount held for writing; false if it was on its way
+// out. Enters with sb_lock held and releases it.
+static bool grab_super(struct super_block *s) {
+  s->s_count++;
+  spin_unlock(&sb_lock);
+  down_write(&s->s_umount);
+  if (s->s_root) {
+    spin_lock(&sb_lock);
+    if (s->s_count > S_BIAS) {
+      atomic_inc(&s->s_active);
+      ukern_super_ref(s, 1);
+      s->s_count--;
+      spin_unlock(&sb_lock);
+      return true;
+    }
+    spin_unlock(&sb_lock);
+  }
+  up_write(&s->s_umount);
+  put_super(s);
+  yield();
+  return false;
+}
+
+static void discard_new_super(struct super_block *s) {
+  if (!s) return;
+  up_write(&s->s_umount);
+  destroy_super(s);
+}
+
+static struct super_block *find_super_locked(struct file_system_type *type,
+                                             int (*test)(struct super_block *, void *),
+                                             void *data) {
+  struct super_block *s;
+  if (!test) return NULL;
+  list_for_each_entry(s, &type->fs_supers, s_instances) {
+    if (test(s, data)) return s;
+  }
+  return NULL;
+}
+
+struct super_block *sget(struct file_system_type *type, int (*test)(struct super_block *, void *),
+                         int (*set)(struct super_block *, void *), void *data) {
+  struct super_block *fresh = NULL;
+  int err;
+
+  for (;;) {
+    spin_lock(&sb_lock);
+    struct super_block *old = find_super_locked(type, test, data);
+    if (old) {
+      // A spare one is given up first: its s_umount is of the class that is about to be taken.
+      if (fresh) {
+        spin_unlock(&sb_lock);
+        discard_new_super(fresh);
+        fresh = NULL;
+        continue;
+      }
+      if (!grab_super(old)) continue;
+      return old;
+    }
+    if (fresh) break;
+    spin_unlock(&sb_lock);
+    fresh = alloc_super(type);
+    if (!fresh) return (struct super_block *)ERR_PTR(-ENOMEM);
+  }
+  err = set(fresh, data);
+  if (err) {
+    spin_unlock(&sb_lock);
+    discard_new_super(fresh);
+    return (struct super_block *)ERR_PTR(err);
+  }
+  fresh->s_type = type;
+  strlcpy(fresh->s_id, type->name, sizeof(fresh->s_id));
+  list_add_tail(&fresh->s_list, &super_blocks);
+  list_add(&fresh->s_instances, &type->fs_supers);
+  spin_unlock(&sb_lock);
+  get_filesystem(type);
+  return fresh;
+}
+
+// The lowest number that is free, or kMinors. minors_lock is held.
+static unsigned long free_minor_locked(void) {
+  for (unsigned long word = 0; word < kMinors / BITS_PER_LONG; word++) {
+    if (~minors[word]) return word * BITS_PER_LONG + (unsigned)__builtin_ctzl(~minors[word]);
+  }
+  return kMinors;
+}
+
+int set_anon_super(struct super_block *s, void *) {
+  spin_lock(&minors_lock);
+  const unsigned long minor = free_minor_locked();
+  if (minor < kMinors) __set_bit(minor, minors);
+  spin_unlock(&minors_lock);
+  if (minor >= kMinors) return -EMFILE;
+  s->s_dev = MKDEV(0, (dev_t)minor);
+  return 0;
+}
+
+// Frees all dentries and inodes of a super block that has a root, telling of those that are still
+// used.
+static void evict_super(struct super_block *sb) {
+  struct super_operations *op = sb->s_op;
+  struct dentry *root = sb->s_root;
+
+  sb->s_root = NULL;
+  shrink_dcache_parent(root);
+  shrink_dcache_sb(sb);
+  dcache_report_busy(root, 1);
+  dput(root);
+  fsync_super(sb);
+
+  lock_super(sb);
+  sb->s_flags &= ~(unsigned long)MS_ACTIVE;
+  invalidate_inodes(sb);
+  if (op->write_super && sb->s_dirt) op->write_super(sb);
+  if (op->put_super) op->put_super(sb);
+  if (invalidate_inodes(sb)) {
+    printk(
+        "VFS: Busy inodes after unmount of %s. Self-destruct in 5 seconds.  Have a nice day...\n",
+        sb->s_id);
+    inode_report_busy(sb);
+  }
+  unlock_super(sb);
+}
+
+void generic_shutdown_super(struct super_block *sb) {
+  if (sb->s_root) evict_super(sb);
+  spin_lock(&sb_lock);
+  list_del_init(&sb->s_list);
+  list_del_init(&sb->s_instances);
+  spin_unlock(&sb_lock);
+  up_write(&sb->s_umount);
+}
+
+void kill_anon_super(struct super_block *sb) {
+  const unsigned long minor = MINOR(sb->s_dev);
+  generic_shutdown_super(sb);
+  spin_lock(&minors_lock);
+  __clear_bit(minor, minors);
+  spin_unlock(&minors_lock);
+}
+
+void kill_litter_super(struct super_block *sb) {
+  if (sb->s_root) d_genocide(sb->s_root);
+  kill_anon_super(sb);
+}
+
+int simple_set_mnt(struct vfsmount *mnt, struct super_block *sb) {
+  mnt->mnt_sb = sb;
+  mnt->mnt_root = dget(sb->s_root);
+  return 0;
+}
+
+static int fill_new_super(struct super_block *s, int flags, void *data,
+                          int (*fill_super)(struct super_block *, void *, int)) {
+  int err;
+
+  s->s_flags = (unsigned long)(unsigned)flags;
+  err = fill_super(s, data, flags & MS_SILENT ? 1 : 0);
+  if (err) {
+    up_write(&s->s_umount);
+    deactivate_super(s);
+    return err;
+  }
+  s->s_flags |= MS_ACTIVE;
+  return 0;
+}
+
+int get_sb_nodev(struct file_system_type *fs_type, int flags, void *data,
+                 int (*fill_super)(struct super_block *, void *, int), struct vfsmount *mnt) {
+  struct super_block *s = sget(fs_type, NULL, set_anon_super, NULL);
+  int err;
+
+  if (IS_ERR(s)) return (int)PTR_ERR(s);
+  err = fill_new_super(s, flags, data, fill_super);
+  return err ? err : simple_set_mnt(mnt, s);
+}
+
+static int any_super(struct super_block *, void *) {
+  return 1;
+}
+
+int get_sb_single(struct file_system_type *fs_type, int flags, void *data,
+                  int (*fill_super)(struct super_block *, void *, int), struct vfsmount *mnt) {
+  struct super_block *s = sget(fs_type, any_super, set_anon_super, NULL);
+  int err;
+
+  if (IS_ERR(s)) return (int)PTR_ERR(s);
+  if (!s->s_root) {
+    err = fill_new_super(s, flags, data, fill_super);
+    if (err) return err;
+  }
+  do_remount_sb(s, flags, data, 0);
+  return simple_set_mnt(mnt, s);
+}
+
+struct vfsmount *vfs_kern_mount(struct file_system_type *type, int flags, const char *name,
+                                void *data) {
+  struct vfsmount *mnt;
+  int err;
+
+  if (!type) return (struct vfsmount *)ERR_PTR(-ENODEV);
+  mnt = alloc_vfsmnt(name);
+  if (!mnt) return (struct vfsmount *)ERR_PTR(-ENOMEM);
+  err = type->get_sb(type, flags, name, data, mnt);
+  if (err < 0) {
+    free_vfsmnt(mnt);
+    return (struct vfsmount *)ERR_PTR(err);
+  }
+  mnt->mnt_mountpoint = mnt->mnt_root;
+  mnt->mnt_parent = mnt;
+  up_write(&mnt->mnt_sb->s_umount);
+  return mnt;
+}
+
+struct vfsmount *do_kern_mount(const char *fstype, int flags, const char *name, void *data) {
+  struct file_system_type *type = get_fs_type(fstype);
+  struct vfsmount *mnt;
+
+  if (!type) return (struct vfsmount *)ERR_PTR(-ENODEV);
+  mnt = vfs_kern_mount(type, flags, name, data);
+  put_filesystem(type);
+  return mnt;
+}
+
+struct vfsmount *kern_mount(struct file_system_type *type) {
+  return vfs_kern_mount(type, 0, type->name, NULL);
+}

@@ -1,0 +1,95 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * What the parts of the VFS share among themselves and with the boot: start and stop of each part,
+ * the caches' limit and the debug reports. Not seen by file systems or modules.
+ */
+#ifndef UKERN_VFS_VFS_H
+#define UKERN_VFS_VFS_H
+
+#include <linux/fs.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct task_struct;
+
+/* Start and stop of the parts, in this order and its reverse: 0 or -ENOMEM. The stops expect
+ * nothing in use. */
+int dcache_init(void);
+void dcache_exit(void);
+int inode_cache_init(void);
+void inode_cache_exit(void);
+int super_init(void);
+void super_exit(void);
+int mnt_init(void);
+void mnt_exit(void);
+int cache_pruner_start(void);
+void cache_pruner_stop(void);
+
+/* Counts that are changed under a lock and looked at without. */
+static inline void stat_add(int *count, int change) {
+  __atomic_store_n(count, *count + change, __ATOMIC_RELAXED);
+}
+static inline int stat_read(const int *count) {
+  return __atomic_load_n(count, __ATOMIC_RELAXED);
+}
+
+/* Change where `fs` stands; a null mount takes the place away. References are taken and dropped. */
+void set_fs_root(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry);
+void set_fs_pwd(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry);
+/* The root mount of the name space with a reference, or NULL before it is mounted. */
+struct vfsmount *ukern_root_mount(void);
+
+struct vfsmount *__lookup_mnt(struct vfsmount *mnt,
+                              struct dentry *dentry); /* under vfsmount_lock */
+int __put_super(struct super_block *sb);              /* under sb_lock */
+/* Gives an s_count back under sb_lock: 1 when the super block has left the list, so that a walk
+ * starts again. */
+int __put_super_and_need_restart(struct super_block *sb);
+void put_filesystem(struct file_system_type *fs);
+void get_filesystem(struct file_system_type *fs);
+/* Writes everything of one super block, waits. */
+int fsync_super(struct super_block *sb);
+
+/*
+ * Unused dentries, and unused inodes, are kept up to this many each; a kernel thread frees what is
+ * above it soon, and whoever makes a new dentry at twice the number does so at once.
+ */
+extern int ukern_cache_limit;
+#define UKERN_CACHE_LIMIT_DEFAULT 20000
+/* Looks whether the pruner has work, and wakes it. Any context that may take a spin lock. */
+void cache_pruner_kick(void);
+/* Free up to `count` unused ones, the least recently used first. May sleep. */
+void prune_dcache(int count);
+void prune_icache(int count);
+
+#if UKERN_DEBUG
+/*
+ * Report each dentry below `root` that somebody still uses although its super block is going,
+ * `spare` being the references on the root itself that are accounted for; each inode of a super
+ * block that is left; each mount and each super block. The number of them.
+ */
+int dcache_report_busy(struct dentry *root, int spare);
+int inode_report_busy(struct super_block *sb);
+int mount_report_busy(void);
+int super_report_busy(void);
+#else
+static inline int dcache_report_busy(struct dentry *, int) {
+  return 0;
+}
+static inline int inode_report_busy(struct super_block *) {
+  return 0;
+}
+static inline int mount_report_busy(void) {
+  return 0;
+}
+static inline int super_report_busy(void) {
+  return 0;
+}
+#endif
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,40 @@
+// SPDX-License-Identifier: GPL-2.0
+// The dentry operations: revalidation is the lower dentry's, release gives the lower path back.
+
+#include "tarn.h"
+
+namespace {
+
+// 1: valid, 0: not, or an error; the lower file system's answer, and "valid" from one that has no
+// opinion.
+int tarn_d_revalidate(struct dentry *dentry, struct nameidata *nd) {
+  struct dentry *lower_dentry = tarn_lower_dentry(dentry);
+  if (!lower_dentry->d_op || !lower_dentry->d_op->d_revalidate) return 1;
+
+  int rc;
+  {
+    tarn_lower_nd lend(nd, lower_dentry, tarn_lower_mnt(dentry));
+    rc = lower_dentry->d_op->d_revalidate(lower_dentry, nd);
+  }
+  if (struct inode *inode = dentry->d_inode) tarn_copy_attr_all(inode, tarn_lower_inode(inode));
+  return rc;
+}
+
+void tarn_d_release(struct dentry *dentry) {
+  BUG_ON(!d_unhashed(dentry));
+  struct tarn_dentry_info *info = tarn_dentry(dentry);
+  if (!info) return;
+  if (info->lower_path.dentry) {
+    // The dentry first: the mount may be the last thing that keeps the lower super block.
+    dput(info->lower_path.dentry);
+    if (info->lower_path.mnt) mntput(info->lower_path.mnt);
+  }
+  kmem_cache_free(tarn_dentry_info_cache, info);
+}
+
+}  // namespace
+
+struct dentry_operations tarn_dops = {
+    .d_revalidate = tarn_d_revalidate,
+    .d_release = tarn_d_release,
+};

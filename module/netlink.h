@@ -1,0 +1,43 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The netlink channel: the module's socket, messages to the registered daemon, and the daemon's
+ * messages. `daemon_pid` is one word that is read and written without a lock. Sending sleeps, while
+ * the daemon's queue is full for at most the send time-out; then the message is lost and the daemon
+ * gets a signal.
+ */
+#ifndef TARN_NETLINK_H
+#define TARN_NETLINK_H
+
+#include "kernel.h"
+#include "ox_msg.h"
+
+/* How long a send waits for room in the daemon's queue, in jiffies. */
+#define TARN_SEND_TIMEOUT 1000
+
+extern struct sock *tarn_nl_sock;
+/* The port and process id of the daemon; 0: none. */
+extern ox_u32_t daemon_pid;
+
+/* 0 or -EIO. */
+[[nodiscard]] int tarn_init_netlink(void);
+void tarn_release_netlink(void);
+
+/*
+ * Sends to the daemon; 0 also when there is none, or when it is gone and was forgotten. -ENOMEM;
+ * -EMSGSIZE when the message was lost. For OX_OP_WRITE `data` is a struct sk_buff that was filled
+ * behind room for a netlink header: it is consumed unless there is no daemon. For every other type
+ * `len` bytes at `data` are copied.
+ */
+int tarn_send_netlink(void *data, int len, int type, int flags, ox_u32_t seq);
+/* The same for a prepared buffer; *page becomes null when it was consumed. */
+int tarn_send_page(struct sk_buff **page, int len, int type, int flags, ox_u32_t seq);
+/* Tells the daemon that the rule was stopped. */
+int tarn_send_stop_rule(const uuid_t uuid);
+
+/* The socket's input callback: takes one message off its queue and acts on it. */
+void tarn_receive_nl_message(struct sock *sk, int len);
+
+/* msg.cc: acts on a message that is whole, and whose sender may configure the module. */
+void tarn_process_message(struct sk_buff *skb, struct nlmsghdr *header);
+
+#endif

@@ -1,0 +1,359 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "rule.h"
+
+#include "ox_types.h"
+#include "ox_uuid.h"
+#include "trans.h"
+
+struct kmem_cache *rulenode_cachep;
+struct kmem_cache *hit_rule_cache;
+
+static struct prule_set ruleset;
+
+struct prule_set *get_prule_set(void) {
+  return &ruleset;
+}
+
+/* ---- nodes ---- */
+
+void prule_node_get(struct prule_node *node) {
+  atomic_inc(&node->refcnt);
+}
+
+void prule_node_put(struct prule_node *node) {
+  if (atomic_dec_and_test(&node->refcnt)) free_prulenode(node);
+}
+
+void free_prulenode(struct prule_node *node) {
+  if (!node) return;
+  struct tarn_trans *trans, *next;
+  list_for_each_entry_safe(trans, next, &node->transq, list) {
+    list_del_init(&trans->list);
+    tarn_trans_free(trans, 1);
+  }
+  clearmatch(&node->path);
+  kmem_cache_free(rulenode_cachep, node);
+}
+
+static void init_node(struct prule_node *node) {
+  INIT_LIST_HEAD(&node->list);
+  INIT_LIST_HEAD(&node->aux_list);
+  INIT_LIST_HEAD(&node->transq);
+  atomic_set(&node->refcnt, 2); /* the list's and its maker's */
+  node->mem_max = PRULE_MEM_MAX;
+  initmatch(&node->path, 0, 1, CMP_STR);
+  spin_lock_init(&node->node_lock);
+}
+
+/* ---- the set ---- */
+
+/* Nodes that were taken off the set, under its lock; gives the list's references back once it is
+ * released. */
+class removed_rules {
+ public:
+  removed_rules() { INIT_LIST_HEAD(&nodes_); }
+  ~removed_rules() {
+    struct prule_node *node, *next;
+    list_for_each_entry_safe(node, next, &nodes_, list) {
+      list_del_init(&node->list);
+      prule_node_put(node);
+    }
+  }
+  removed_rules(const removed_rules &) = delete;
+  removed_rules &operator=(const removed_rules &) = delete;
+
+  /* With the lock held for writing: what flushes have left behind. */
+  void take_flushed_locked() { ruleset.flushed.drain(&ruleset.head, &nodes_); }
+  void take_locked(struct prule_node *node) { list_move_tail(&node->list, &nodes_); }
+
+ private:
+  struct list_head nodes_;
+};
+
+static struct prule_node *find_locked(const uuid_t uuid) {
+  for (struct list_head *p = ox_first(&ruleset.head); p != &ruleset.head; p = p->next) {
+    struct prule_node *node = list_entry(p, struct prule_node, list);
+    if (uuid_same(node->rule.uuid, uuid)) return node;
+  }
+  return nullptr;
+}
+
+struct prule_node *findnode_byuuid(const uuid_t uuid) {
+  read_guard guard(ruleset.rwlock);
+  struct prule_node *node = find_locked(uuid);
+  if (node) prule_node_get(node);
+  return node;
+}
+
+/* The set exists between prule_init and prule_exit; messages of the daemon may come before and
+ * after. */
+static bool set_exists(void) {
+  return ox_load(rulenode_cachep) != nullptr;
+}
+
+int do_add(const void __user *record, unsigned length) {
+  const unsigned size = sizeof(struct prule);
+  if (length != size) {
+    printk("do_add: size %d != %d\n", length, size);
+    return OX_ERR_SIZE;
+  }
+  kmem_owner<struct prule_node> node(
+      rulenode_cachep, set_exists() ? static_cast<struct prule_node *>(
+                                          kmem_cache_zalloc(rulenode_cachep, GFP_KERNEL))
+                                    : nullptr);
+  if (!node) {
+    printk("do_add: kmem_cache_zalloc rulenode_cachep err\n");
+    return OX_ERR_NOMEM;
+  }
+  init_node(node.get());
+  const unsigned long left = copy_from_user(&node->rule, record, size);
+  if (left) {
+    printk("do_add: copy_from_user err, ret=%d, %d\n", static_cast<int>(left), size);
+    return static_cast<int>(left);
+  }
+  /* A text without an end cannot be compiled. */
+  const bool ended = strnlen(node->rule.workdir, OX_WORKDIR_LEN) < OX_WORKDIR_LEN;
+  if (!ended || build_path_match(&node->path, node->rule.workdir)) {
+    printk("create reppath error!\n");
+    return OX_ERR_PATTERN;
+  }
+
+  removed_rules removed;
+  bool exists;
+  {
+    write_guard guard(ruleset.rwlock);
+    removed.take_flushed_locked();
+    exists = find_locked(node->rule.uuid) != nullptr;
+    node->status = PRULE_ACTIVE;
+    if (!exists) {
+      list_add_tail(&node->list, &ruleset.head);
+      ++ruleset.rulenum;
+    }
+  }
+  if (exists) {
+    clearmatch(&node->path);
+    return OX_ERR_EXIST;
+  }
+  prule_node_put(node.release());
+  return 0;
+}
+
+int do_del(const void __user *record, unsigned length) {
+  if (length != sizeof(struct prule)) return OX_ERR_REQUEST;
+  uuid_t uuid;
+  const unsigned long left = copy_from_user(uuid, record, sizeof(uuid));
+  if (left) return static_cast<int>(left);
+  if (!set_exists()) return OX_ERR_NOENT;
+  prule_ref node(findnode_byuuid(uuid));
+  return node ? delnode_fromlist(node.get()) : OX_ERR_NOENT;
+}
+
+int delnode_fromlist(struct prule_node *node) {
+  removed_rules removed;
+  write_guard guard(ruleset.rwlock);
+  removed.take_flushed_locked();
+  struct prule_node *listed;
+  list_for_each_entry(listed, &ruleset.head, list) {
+    if (listed != node) continue;
+    --ruleset.rulenum;
+    removed.take_locked(node);
+    break;
+  }
+  return 0;
+}
+
+int do_flush(int) {
+  if (!set_exists()) return 0;
+  {
+    read_guard guard(ruleset.rwlock);
+    ruleset.flushed.detach(
+        &ruleset.head, [](struct list_head *) { ox_store(ruleset.rulenum, ruleset.rulenum - 1); });
+  }
+  removed_rules removed;
+  write_try_guard guard(ruleset.rwlock);
+  if (guard) removed.take_flushed_locked();
+  return 0;
+}
+
+/* ---- socket options ---- */
+
+int do_ox_set_ctl(struct sock *, int code, void __user *user, unsigned int length) {
+  if (!capable(CAP_NET_ADMIN)) return -EPERM;
+  switch (code) {
+    case OX_SO_REP_ADD:
+      return do_add(user, length);
+    case OX_SO_REP_DEL:
+      return do_del(user, length);
+    case OX_SO_REP_FLUSH:
+      return do_flush(0);
+    default:
+      printk("do_ox_set_ctl: unknown request %i\n", code);
+      return OX_ERR_REQUEST;
+  }
+}
+
+static int get_rule(void __user *user, int *length) {
+  if (static_cast<unsigned>(*length) < sizeof(struct prule_info)) return OX_ERR_SIZE;
+  struct prule_info info;
+  unsigned long left = copy_from_user(&info, user, sizeof(info));
+  if (left) return static_cast<int>(left);
+  prule_ref node(findnode_byuuid(info.uuid));
+  if (!node) return OX_ERR_NOENT;
+  left = copy_to_user(user, &node->rule, sizeof(node->rule));
+  *length = sizeof(node->rule);
+  return static_cast<int>(left);
+}
+
+/* All rules at one moment, each with a reference: what is copied to user space must not be under
+ * the lock. */
+class rule_snapshot {
+ public:
+  rule_snapshot() = default;
+  ~rule_snapshot() {
+    for (int i = 0; i < count_; ++i) prule_node_put(nodes_[i]);
+    kfree(nodes_);
+  }
+  rule_snapshot(const rule_snapshot &) = delete;
+  rule_snapshot &operator=(const rule_snapshot &) = delete;
+
+  /* 0; OX_ERR_COUNT when there are not `count` rules; OX_ERR_NOMEM. */
+  int take(int count) {
+    {
+      read_guard guard(ruleset.rwlock);
+      if (count != ox_load(ruleset.rulenum)) return OX_ERR_COUNT;
+    }
+    if (count == 0) return 0;
+    nodes_ = static_cast<struct prule_node **>(kzalloc(count * sizeof(*nodes_), GFP_KERNEL));
+    if (!nodes_) return OX_ERR_NOMEM;
+    read_guard guard(ruleset.rwlock);
+    if (count != ox_load(ruleset.rulenum)) return OX_ERR_COUNT;
+    /* A flush may be at work beside us: there may be fewer by now. */
+    struct list_head *p = ox_first(&ruleset.head);
+    for (; p != &ruleset.head && count_ < count; p = p->next) {
+      nodes_[count_] = list_entry(p, struct prule_node, list);
+      prule_node_get(nodes_[count_++]);
+    }
+    return 0;
+  }
+
+  int count() const { return count_; }
+  const struct prule &rule(int i) const { return nodes_[i]->rule; }
+
+ private:
+  struct prule_node **nodes_ = nullptr;
+  int count_ = 0;
+};
+
+static int get_rules(void __user *user, int *length) {
+  if (static_cast<unsigned>(*length) != sizeof(struct prule_info)) return OX_ERR_SIZE;
+  struct prule_info info;
+  unsigned long left = copy_from_user(&info, user, sizeof(info));
+  if (left) return static_cast<int>(left);
+  rule_snapshot rules;
+  const int result = rules.take(info.rulenum);
+  if (result) return result;
+  struct prule __user *slots = static_cast<struct prule __user *>(user);
+  for (int i = 0; i < rules.count(); ++i) {
+    left = copy_to_user(&slots[i], &rules.rule(i), sizeof(struct prule));
+    if (left) return static_cast<int>(left);
+  }
+  *length = static_cast<int>(rules.count() * sizeof(struct prule));
+  return 0;
+}
+
+static int get_info(void __user *user, int *length) {
+  if (static_cast<unsigned>(*length) < sizeof(struct prule_info)) return OX_ERR_SIZE;
+  struct prule_info info;
+  const unsigned long left = copy_from_user(&info, user, sizeof(info));
+  if (left) return static_cast<int>(left);
+  int answer;
+  if (info.op == OX_INFO_COUNT) {
+    read_guard guard(ruleset.rwlock);
+    answer = ox_load(ruleset.rulenum);
+  } else if (info.op == OX_INFO_EXIST) {
+    prule_ref node(findnode_byuuid(info.uuid));
+    if (!node) return 0; /* the caller has put its own answer for this there */
+    answer = 1;
+  } else {
+    return OX_ERR_SIZE;
+  }
+  char __user *field = static_cast<char __user *>(user) + __builtin_offsetof(prule_info, rulenum);
+  return static_cast<int>(copy_to_user(field, &answer, sizeof(answer)));
+}
+
+int do_ox_get_ctl(struct sock *, int code, void __user *user, int *length) {
+  if (!capable(CAP_NET_ADMIN)) return -EPERM;
+  switch (code) {
+    case OX_SO_GET_INFO:
+      return get_info(user, length);
+    case OX_SO_GET_RULE:
+      return get_rule(user, length);
+    case OX_SO_GET_RULES:
+      return get_rules(user, length);
+    default:
+      printk("do_ox_get_ctl: unknown request %i\n", code);
+      return OX_ERR_REQUEST;
+  }
+}
+
+static struct nf_sockopt_ops prule_sockopts = {
+    .list = {},
+    .pf = PF_INET,
+    .set_optmin = OX_SO_RULE_SET_FIRST,
+    .set_optmax = OX_SO_RULE_SET_LAST + 1,
+    .set = do_ox_set_ctl,
+    .compat_set = nullptr,
+    .get_optmin = OX_SO_RULE_GET_FIRST,
+    .get_optmax = OX_SO_RULE_GET_LAST + 1,
+    .get = do_ox_get_ctl,
+    .compat_get = nullptr,
+    .use = 0,
+    .cleanup_task = nullptr,
+};
+
+/* ---- start and stop ---- */
+
+static void destroy_cache(struct kmem_cache *&cache) {
+  struct kmem_cache *old = cache;
+  ox_store(cache, static_cast<struct kmem_cache *>(nullptr));
+  kmem_cache_destroy(old);
+}
+
+int prule_init(void) {
+  INIT_LIST_HEAD(&ruleset.head);
+  ruleset.rulenum = 0;
+  rwlock_init(&ruleset.rwlock);
+  ox_flush_init(&ruleset.flushed);
+
+  const unsigned long flags = SLAB_RECLAIM_ACCOUNT | SLAB_MEM_SPREAD;
+  rulenode_cachep =
+      kmem_cache_create("rulenode_cachep", sizeof(struct prule_node), 0, flags, nullptr, nullptr);
+  if (!rulenode_cachep) {
+    printk("prule_init: kmem_cache_create error.\n");
+    return OX_ERR_NOMEM;
+  }
+  hit_rule_cache =
+      kmem_cache_create("hit_rule_cache", sizeof(struct hit_rules), 0, flags, nullptr, nullptr);
+  if (!hit_rule_cache) {
+    printk("hit rule cache create error.\n");
+    destroy_cache(rulenode_cachep);
+    return OX_ERR_NOMEM;
+  }
+  const int result = nf_register_sockopt(&prule_sockopts);
+  if (result) {
+    printk("prule_init: register sockopt error!\n");
+    destroy_cache(rulenode_cachep); /* the cache of hit arrays stays */
+    return result;
+  }
+  printk("Register prule sockopt success\n");
+  return 0;
+}
+
+void prule_exit(void) {
+  nf_unregister_sockopt(&prule_sockopts);
+  printk("prule_exit: flush ruleset\n");
+  do_flush(1);
+  rwlock_init(&ruleset.rwlock);
+  destroy_cache(rulenode_cachep);
+  destroy_cache(hit_rule_cache);
+}

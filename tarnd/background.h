@@ -1,0 +1,41 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Going to the background: the program that was started waits until the one in the background is
+ * ready or has failed, prints the reason of a failure on its terminal and ends with the matching
+ * status.
+ *
+ * To be called before the first thread starts.
+ */
+#ifndef TARND_BACKGROUND_H
+#define TARND_BACKGROUND_H
+
+#include <string>
+
+#include "tarnd/unique_fd.h"
+
+namespace tarnd {
+
+/* The background program's line to its starter. Without one (foreground) both calls only return. */
+class Starter {
+ public:
+  Starter() = default;
+  explicit Starter(UniqueFd pipe) : pipe_(std::move(pipe)) {}
+
+  void ready();
+  void failed(const std::string &reason);
+  bool waits() const { return static_cast<bool>(pipe_); }
+
+ private:
+  UniqueFd pipe_;
+};
+
+/*
+ * Forks. In the starter it does not return. In the background program, a session of its own with
+ * its standard input on /dev/null and its output going to `log` (emptied first), it returns the
+ * line to the starter.
+ */
+Starter go_to_background(const std::string &log);
+
+}  // namespace tarnd
+
+#endif

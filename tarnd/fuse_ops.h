@@ -1,0 +1,69 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The operations of a mount's FUSE session: one short adapter each, which translates, makes the
+ * caller the current task, calls the kernel and replies with its result. The session's user data is
+ * the Mount.
+ */
+#ifndef TARND_FUSE_OPS_H
+#define TARND_FUSE_OPS_H
+
+#include "tarnd/caller.h"
+#include "tarnd/fuse_api.h"
+#include "tarnd/mount.h"
+#include "ukern/uk_fs.h"
+
+namespace tarnd {
+
+const fuse_lowlevel_ops &fuse_operations();
+
+/* Each file of adapters fills in its own. */
+void add_name_operations(fuse_lowlevel_ops *ops);
+void add_attribute_operations(fuse_lowlevel_ops *ops);
+void add_file_operations(fuse_lowlevel_ops *ops);
+
+/*
+ * Attributes and names are not cached by the host: each path walk asks again, so that a change made
+ * directly in the lower directory, or by another mount of it, is seen at once, as it is on a kernel
+ * that has the module.
+ */
+inline constexpr double kCacheSeconds = 0;
+
+inline Mount *mount_of(fuse_req_t req) {
+  return static_cast<Mount *>(fuse_req_userdata(req));
+}
+
+inline uk_node *node_of(fuse_req_t req, fuse_ino_t ino) {
+  return ino == FUSE_ROOT_ID ? mount_of(req)->root() : reinterpret_cast<uk_node *>(ino);
+}
+
+inline uk_file *file_of(const fuse_file_info *fi) {
+  return fi ? reinterpret_cast<uk_file *>(fi->fh) : nullptr;
+}
+
+/* The kernel's errors are negative, those of a reply positive. */
+inline void reply_error(fuse_req_t req, long err) {
+  fuse_reply_err(req, static_cast<int>(err < 0 ? -err : 0));
+}
+
+/* The reference that came with the node is the host's from here on, unless it is not there to take
+ * it. */
+void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat);
+fuse_entry_param to_entry(uk_node *node, const uk_stat &stat);
+
+/*
+ * Runs an adapter's body; without memory for the caller's identity the answer is ENOMEM. No
+ * exception may reach libfuse.
+ */
+template <typename Body>
+void as_caller(fuse_req_t req, Need need, Body body) {
+  try {
+    const Caller caller(req, need);
+    body();
+  } catch (const std::bad_alloc &) {
+    fuse_reply_err(req, ENOMEM);
+  }
+}
+
+}  // namespace tarnd
+
+#endif

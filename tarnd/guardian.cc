@@ -1,0 +1,136 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/guardian.h"
+
+#include <spawn.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <vector>
+
+namespace tarnd {
+
+static constexpr char kWatch = '+';
+static constexpr char kForget = '-';
+
+static int run_unmount_helper(const std::string &mountpoint, Detach how) {
+  std::vector<const char *> argv = {"fusermount3", "-u", "-q"};
+  if (how == Detach::kLazily) argv.push_back("-z");
+  argv.push_back("--");
+  argv.push_back(mountpoint.c_str());
+  argv.push_back(nullptr);
+  // Without a language of its own the helper's messages do not matter: only its status is used.
+  pid_t child;
+  const int err = posix_spawnp(&child, argv[0], nullptr, nullptr,
+                               const_cast<char *const *>(argv.data()), environ);
+  if (err != 0) return -err;
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0) {
+    if (errno != EINTR) return -errno;
+  }
+  return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -EBUSY;
+}
+
+int unmount_host(const std::string &mountpoint, Detach how) {
+  if (geteuid() != 0) return run_unmount_helper(mountpoint, how);
+  const int flags = UMOUNT_NOFOLLOW | (how == Detach::kLazily ? MNT_DETACH : 0);
+  return umount2(mountpoint.c_str(), flags) == 0 ? 0 : -errno;
+}
+
+// A path as the mount table writes it: blanks and backslashes as \ooo.
+static std::string unescape(const std::string &text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); i++) {
+    if (text[i] == '\\' && i + 3 < text.size()) {
+      out += static_cast<char>(std::strtol(text.substr(i + 1, 3).c_str(), nullptr, 8));
+      i += 3;
+    } else {
+      out += text[i];
+    }
+  }
+  return out;
+}
+
+// Whether the topmost mount on that place is one of ours. Somebody may have mounted something else
+// since.
+static bool is_tarn_mount(const std::string &mountpoint) {
+  std::ifstream table("/proc/self/mountinfo");
+  bool ours = false;
+  for (std::string line; std::getline(table, line);) {
+    const size_t dash = line.find(" - ");
+    if (dash == std::string::npos) continue;
+    std::istringstream head(line);
+    std::string id, parent, device, root, place;
+    head >> id >> parent >> device >> root >> place;
+    if (unescape(place) == mountpoint) ours = line.compare(dash + 3, 10, "fuse.tarn ") == 0;
+  }
+  return ours;
+}
+
+[[noreturn]] static void guard(int line) {
+  prctl(PR_SET_NAME, "tarnd-guardian");
+  for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) std::signal(signal, SIG_IGN);
+  std::set<std::string> mounts;
+  std::vector<char> buf(PATH_MAX + 1);
+  for (;;) {
+    const ssize_t n = recv(line, buf.data(), buf.size(), 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    const std::string mountpoint(buf.data() + 1, static_cast<size_t>(n) - 1);
+    if (buf[0] == kWatch) mounts.insert(mountpoint);
+    if (buf[0] == kForget) mounts.erase(mountpoint);
+  }
+  // Innermost first.
+  for (auto it = mounts.rbegin(); it != mounts.rend(); ++it)
+    if (is_tarn_mount(*it)) unmount_host(*it, Detach::kLazily);
+  std::_Exit(EXIT_SUCCESS);
+}
+
+Guardian::Guardian() {
+  int ends[2];
+  if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
+    throw std::runtime_error(std::string("socketpair: ") + std::strerror(errno));
+  line_ = UniqueFd(ends[0]);
+  UniqueFd far(ends[1]);
+  pid_ = fork();
+  if (pid_ < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
+  if (pid_ > 0) return;
+
+  // Only the line is kept open: the starter waits for the other end of its pipe, and a file system
+  // in use by a forgotten descriptor cannot be unmounted.
+  dup2(far.get(), STDIN_FILENO);
+  close_range(STDERR_FILENO + 1, ~0u, 0);
+  guard(STDIN_FILENO);
+}
+
+Guardian::~Guardian() {
+  line_.reset();
+  while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+  }
+}
+
+void Guardian::tell(char what, const std::string &mountpoint) {
+  const std::string text = what + mountpoint;
+  send(line_.get(), text.data(), text.size(), MSG_NOSIGNAL);
+}
+
+void Guardian::watch(const std::string &mountpoint) {
+  tell(kWatch, mountpoint);
+}
+
+void Guardian::forget(const std::string &mountpoint) {
+  tell(kForget, mountpoint);
+}
+
+}  // namespace tarnd

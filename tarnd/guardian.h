@@ -1,0 +1,45 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * A small process that stands beside tarnd and unmounts what tarnd leaves behind when it is killed:
+ * when the line to it breaks, every mount point that it still knows is detached. It is started
+ * before tarnd's first thread and ends with tarnd.
+ */
+#ifndef TARND_GUARDIAN_H
+#define TARND_GUARDIAN_H
+
+#include <string>
+
+#include "tarnd/unique_fd.h"
+
+namespace tarnd {
+
+class Guardian {
+ public:
+  Guardian(); /* forks; std::runtime_error on failure */
+  ~Guardian();
+  Guardian(const Guardian &) = delete;
+  Guardian &operator=(const Guardian &) = delete;
+
+  /* Any thread. */
+  void watch(const std::string &mountpoint);
+  void forget(const std::string &mountpoint);
+
+ private:
+  void tell(char what, const std::string &mountpoint);
+
+  UniqueFd line_;
+  pid_t pid_ = -1;
+};
+
+enum class Detach { kOnlyIdle, kLazily };
+
+/*
+ * Takes a FUSE mount out of the host's name space: umount2 for root, the helper of libfuse
+ * otherwise. 0 or -errno; -EBUSY when it is in use. Safe in a process without threads only as far
+ * as fork is.
+ */
+int unmount_host(const std::string &mountpoint, Detach how);
+
+}  // namespace tarnd
+
+#endif

@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/mount.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "tarnd/fuse_ops.h"
+#include "tarnd/task.h"
+
+namespace tarnd {
+
+static constexpr char kType[] = "tarn";
+static constexpr int kDetach = 2;  // MNT_DETACH of umount2
+
+// libfuse says why a mount failed only in its log.
+static thread_local std::string last_fuse_message;
+
+static void keep_fuse_message(fuse_log_level, const char *format, va_list args) {
+  char text[512];
+  std::vsnprintf(text, sizeof(text), format, args);
+  last_fuse_message = text;
+  while (!last_fuse_message.empty() && last_fuse_message.back() == '\n')
+    last_fuse_message.pop_back();
+  std::fprintf(stderr, "%s\n", last_fuse_message.c_str());
+}
+
+static void require_directory(const char *what, const std::string &path) {
+  struct stat st;
+  int err = 0;
+  if (stat(path.c_str(), &st) != 0) {
+    err = errno;
+  } else if (!S_ISDIR(st.st_mode)) {
+    err = ENOTDIR;
+  }
+  if (err) throw MountError(-err, std::string(what) + " " + path + ": " + std::strerror(err));
+}
+
+Mount::Mount(std::string lower, std::string mountpoint, Guardian *guardian)
+    : lower_(std::move(lower)), mountpoint_(std::move(mountpoint)), guardian_(guardian) {
+  require_directory("lower directory", lower_);
+  require_directory("mount point", mountpoint_);
+  mount_kernel();
+  try {
+    mount_host();
+  } catch (...) {
+    close_session();
+    unmount_kernel();
+    throw;
+  }
+}
+
+void Mount::end() {
+  close_session();
+  unmount_kernel();
+}
+
+void Mount::mount_kernel() {
+  const Task task(service_identity());
+  const ActAs act(task);
+  int err = uk_fs_mount(lower_.c_str(), mountpoint_.c_str(), kType, 0, nullptr);
+  if (err == 0) {
+    err = uk_node_at(mountpoint_.c_str(), &root_);
+    if (err) uk_fs_umount(mountpoint_.c_str(), kDetach);
+  }
+  if (err) {
+    throw MountError(err,
+                     "cannot mount " + lower_ + " on " + mountpoint_ + ": " + std::strerror(-err));
+  }
+}
+
+void Mount::unmount_kernel() {
+  if (!root_) return;
+  const Task task(service_identity());
+  const ActAs act(task);
+  holdings_.clear();
+  uk_node_put(root_, 1);
+  root_ = nullptr;
+  int err = uk_fs_umount(mountpoint_.c_str(), 0);
+  // Another mount whose lower directory is in here keeps it in use; it goes with that one.
+  if (err == -EBUSY) err = uk_fs_umount(mountpoint_.c_str(), kDetach);
+  if (err)
+    std::fprintf(stderr, "tarnd: %s is not unmounted: %s\n", mountpoint_.c_str(),
+                 std::strerror(-err));
+}
+
+namespace {
+
+class Arguments {
+ public:
+  Arguments() { add("tarnd"); }
+  ~Arguments() { fuse_opt_free_args(&args_); }
+  Arguments(const Arguments &) = delete;
+  Arguments &operator=(const Arguments &) = delete;
+
+  void add(const std::string &argument) {
+    if (fuse_opt_add_arg(&args_, argument.c_str()) != 0) throw std::bad_alloc();
+  }
+  fuse_args *get() { return &args_; }
+
+ private:
+  fuse_args args_ = FUSE_ARGS_INIT(0, nullptr);
+};
+
+}  // namespace
+
+// A value of a mount option: commas and backslashes end or change it unless a backslash stands
+// before them.
+static std::string escaped(const std::string &value) {
+  std::string out;
+  for (const char c : value) {
+    if (c == ',' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+void Mount::mount_host() {
+  fuse_set_log_func(keep_fuse_message);
+  Arguments args;
+  args.add("-ofsname=" + escaped(lower_));
+  args.add(std::string("-osubtype=") + kType);
+  // Users other than the one that runs this program, and what mounts allow by default, are root's
+  // to give.
+  if (geteuid() == 0) args.add("-oallow_other,dev,suid");
+
+  last_fuse_message.clear();
+  session_ = fuse_session_new(args.get(), &fuse_operations(), sizeof(fuse_lowlevel_ops), this);
+  if (!session_) throw MountError(-EINVAL, "cannot create a session: " + last_fuse_message);
+  guardian_->watch(mountpoint_);
+  if (fuse_session_mount(session_, mountpoint_.c_str()) != 0) {
+    const int err = errno ? errno : EIO;
+    detached_ = true;
+    throw MountError(-err,
+                     "cannot mount on " + mountpoint_ + ": " +
+                         (last_fuse_message.empty() ? std::strerror(err) : last_fuse_message));
+  }
+  loop_ = std::make_unique<SessionLoop>(session_);
+}
+
+// libfuse unmounts by path, unless poll says that the connection has ended. A mount point that is
+// not ours any more must not be touched, so its descriptor is made to say so.
+static void end_connection(int fuse_fd) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return;
+  close(ends[0]);
+  dup3(ends[1], fuse_fd, O_CLOEXEC);
+  close(ends[1]);
+}
+
+void Mount::close_session() {
+  if (!session_) return;
+  const int fd = fuse_session_fd(session_);
+  if (detached_ && fd >= 0) end_connection(fd);
+  fuse_session_unmount(session_);
+  fuse_session_destroy(session_);
+  session_ = nullptr;
+  guardian_->forget(mountpoint_);
+}
+
+}  // namespace tarnd

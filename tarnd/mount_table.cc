@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: GPL-2.0
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <thread>
+
+#include "tarnd/mount.h"
+
+namespace tarnd {
+
+// An unmount that has succeeded on the host leaves little to do here.
+static constexpr std::chrono::seconds kUnmountLimit{60};
+
+// One spelling for one place, without looking at the file system: it may be the mount that does not
+// answer.
+static std::string normal(const std::string &path) {
+  std::string text = std::filesystem::path(path).lexically_normal().string();
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  return text;
+}
+
+static Failure failure(int err, const std::string &what) {
+  return {err, what + ": " + std::strerror(-err)};
+}
+
+Mount *MountTable::find_locked(const std::string &mountpoint) const {
+  for (const auto &mount : mounts_)
+    if (mount->mountpoint() == mountpoint) return mount.get();
+  return nullptr;
+}
+
+Failure MountTable::mount(const std::string &lower, const std::string &mountpoint) {
+  const std::string place = normal(mountpoint);
+  const std::lock_guard one_at_a_time(mounting_);
+  {
+    const std::lock_guard lock(mutex_);
+    if (closed_) return failure(-ESHUTDOWN, "cannot mount on " + place);
+    if (find_locked(place)) return failure(-EBUSY, place + " is mounted already");
+  }
+  try {
+    auto mount = std::make_unique<Mount>(normal(lower), place, guardian_);
+    const std::lock_guard lock(mutex_);
+    Mount *added = mount.get();
+    mounts_.push_back(std::move(mount));
+    try {
+      std::thread([this, added] { serve(added); }).detach();
+    } catch (...) {
+      mounts_.pop_back();
+      throw;
+    }
+  } catch (const MountError &e) {
+    return {e.err(), e.what()};
+  } catch (const std::exception &e) {
+    return {-EAGAIN, e.what()};
+  }
+  return {};
+}
+
+void MountTable::serve(Mount *mount) {
+  try {
+    mount->serve();
+  } catch (const std::exception &e) {
+    std::fprintf(stderr, "tarnd: %s: %s\n", mount->mountpoint().c_str(), e.what());
+  }
+  // Not under the lock: giving everything back may take long. The table names the mount until then,
+  // so that its place counts as taken and whoever waits for it goes on waiting.
+  mount->end();
+  const std::lock_guard lock(mutex_);
+  std::erase_if(mounts_, [mount](const auto &each) { return each.get() == mount; });
+  changed_.notify_all();
+}
+
+Failure MountTable::unmount(const std::string &mountpoint, Detach how) {
+  const std::string place = normal(mountpoint);
+  std::unique_lock lock(mutex_);
+  const Mount *mount = find_locked(place);
+  if (!mount || mount->detached()) return failure(-EINVAL, place + " is not a mount of tarn");
+
+  // The host asks this program about the path, and a mount that ends needs the lock.
+  lock.unlock();
+  const int err = unmount_host(place, how);
+  lock.lock();
+  if (err) return failure(err, "cannot unmount " + place);
+  if (how == Detach::kLazily) {
+    if (Mount *left = find_locked(place)) left->set_detached();
+    return {};
+  }
+  if (!changed_.wait_for(lock, kUnmountLimit, [&] { return !find_locked(place); }))
+    return failure(-ETIMEDOUT, place + " is unmounted, but its end is not reached");
+  return {};
+}
+
+void MountTable::unmount_all() {
+  std::unique_lock lock(mutex_);
+  closed_ = true;
+  // The last one first: it may stand on an earlier one, on either side.
+  while (!mounts_.empty()) {
+    Mount *mount = mounts_.back().get();
+    const std::string place = mount->mountpoint();
+    const bool detached = mount->detached();
+    lock.unlock();
+    // What is in use is taken down with its users in it: they get an error from now on.
+    const bool ended = !detached && unmount_host(place, Detach::kOnlyIdle) == 0;
+    lock.lock();
+    Mount *left = find_locked(place);
+    if (left && !ended) left->stop();
+    changed_.wait(lock, [&] { return !find_locked(place); });
+  }
+}
+
+}  // namespace tarnd

@@ -1,0 +1,23 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* Who is at the other end of a local socket, and what that one may do. */
+#ifndef TARND_PEER_H
+#define TARND_PEER_H
+
+#include "tarnd/task.h"
+#include "tarnd/unique_fd.h"
+
+namespace tarnd {
+
+/*
+ * The peer as SO_PEERCRED knows it from its connect: a privileged one (root, or the user that runs
+ * tarnd) has every capability, others have none. std::runtime_error when the socket does not say.
+ */
+Identity peer_identity(int socket);
+
+inline bool is_privileged(const Identity &peer) {
+  return peer.capabilities == kAllCapabilities;
+}
+
+}  // namespace tarnd
+
+#endif

@@ -1,0 +1,72 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/server.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+
+namespace tarnd {
+
+Server::Server(UniqueFd listener, Serve serve)
+    : listener_(std::move(listener)), serve_(std::move(serve)) {}
+
+void Server::start() {
+  acceptor_ = std::thread([this] { accept_all(); });
+}
+
+void Server::stop() {
+  if (!acceptor_.joinable()) return;
+  std::unique_lock lock(mutex_);
+  stopping_ = true;
+  shutdown(listener_.get(), SHUT_RDWR);
+  for (int connection : open_) shutdown(connection, SHUT_RDWR);
+  lock.unlock();
+  acceptor_.join();
+  lock.lock();
+  ended_.wait(lock, [this] { return open_.empty(); });
+}
+
+void Server::accept_all() {
+  for (;;) {
+    UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    std::unique_lock lock(mutex_);
+    if (stopping_) return;
+    if (!connection) {
+      // Out of descriptors or memory: what is being served will give some back.
+      ended_.wait_for(lock, std::chrono::milliseconds(100));
+      continue;
+    }
+    const int fd = connection.get();
+    open_.insert(fd);
+    lock.unlock();
+    try {
+      std::thread([this, moved = std::move(connection)]() mutable {
+        serve_one(std::move(moved));
+      }).detach();
+    } catch (const std::exception &e) {
+      std::fprintf(stderr, "tarnd: connection refused: %s\n", e.what());
+      lock.lock();
+      open_.erase(fd);
+    }
+  }
+}
+
+void Server::serve_one(UniqueFd connection) {
+  try {
+    serve_(connection.get());
+  } catch (const std::exception &e) {
+    std::fprintf(stderr, "tarnd: connection closed: %s\n", e.what());
+  }
+  // The number must be off the list before it is closed and can be given out again. Notifying under
+  // the lock is what lets stop() return, and the object go, only after this thread has done its
+  // last with it.
+  std::lock_guard lock(mutex_);
+  open_.erase(connection.get());
+  connection.reset();
+  ended_.notify_all();
+}
+
+}  // namespace tarnd

@@ -1,0 +1,50 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Accepts connections on a listening socket and serves each on a thread of its own.
+ *
+ * start() once, stop() once: it shuts the connections down and returns when their threads have
+ * ended, so that a serve function that only blocks on its socket needs nothing else to end. Errors
+ * that serve throws end its connection and go to standard error.
+ */
+#ifndef TARND_SERVER_H
+#define TARND_SERVER_H
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "tarnd/unique_fd.h"
+
+namespace tarnd {
+
+class Server {
+ public:
+  using Serve = std::function<void(int connection)>;
+
+  Server(UniqueFd listener, Serve serve);
+  ~Server() { stop(); }
+  Server(const Server &) = delete;
+  Server &operator=(const Server &) = delete;
+
+  void start();
+  void stop();
+
+ private:
+  void accept_all();
+  void serve_one(UniqueFd connection);
+
+  UniqueFd listener_;
+  Serve serve_;
+  std::thread acceptor_;
+
+  std::mutex mutex_;
+  std::condition_variable ended_;
+  std::set<int> open_;     // connections that are being served; under mutex_
+  bool stopping_ = false;  // under mutex_
+};
+
+}  // namespace tarnd
+
+#endif

@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "client/daemon.h"
+
+#include <poll.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "module/os_public/Include/ox_msg.h"
+
+namespace tarn {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::size_t kTypeAt = 4;
+
+std::uint16_t message_type(Bytes packet) {
+  std::uint16_t type = 0;
+  if (packet.size() >= OX_NLMSG_HDRLEN) std::memcpy(&type, packet.data() + kTypeAt, sizeof(type));
+  return type;
+}
+
+Error gone() {
+  return {-EPIPE, "the module's side of the channel was closed: tarnd has ended or was stopped"};
+}
+
+}  // namespace
+
+Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(const std::string &run_dir,
+                                                           Claim claim) {
+  auto link = connect_unix_link(run_dir);
+  if (!link) return link.error();
+  auto lock = DaemonLock::take(run_dir, claim);
+  if (!lock) return lock.error();
+  return open(std::move(*link), std::move(*lock));
+}
+
+Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(std::unique_ptr<MessageLink> link,
+                                                           DaemonLock lock, Milliseconds patience) {
+  // Before the hello: from then on the signal may come.
+  auto loss = LossSignal::install();
+  if (!loss) return loss.error();
+  std::unique_ptr<DaemonChannel> channel(
+      new DaemonChannel(std::move(link), std::move(lock), std::move(*loss)));
+  if (auto sent = channel->send(OX_NL_HELO, {}); !sent) return sent.error();
+  channel->registered_ = true;
+  // The module does not answer a hello, but it answers requests, and only to the registered daemon.
+  auto confirmed = channel->request(OX_SO_REP_DEL, {}, patience);
+  if (!confirmed && confirmed.error().code == -ETIMEDOUT)
+    return Error{
+        -EPERM,
+        "the module did not confirm the registration as the daemon: only root and the user that "
+        "runs tarnd may register; 'tarn log' may say more"};
+  if (!confirmed) return confirmed.error();
+  return channel;
+}
+
+DaemonChannel::~DaemonChannel() {
+  if (auto left = leave(); !left) return;  // nobody is left to be told
+}
+
+Result<void> DaemonChannel::send(std::uint16_t type, Bytes payload) {
+  struct {
+    std::uint32_t length;
+    std::uint16_t type;
+    std::uint16_t flags;
+    std::uint32_t seq;
+    std::uint32_t pid;
+  } header{static_cast<std::uint32_t>(OX_NLMSG_HDRLEN + payload.size()), type, 0, 0,
+           static_cast<std::uint32_t>(getpid())};
+  static_assert(sizeof(header) == OX_NLMSG_HDRLEN);
+  std::vector<std::byte> packet(header.length);
+  std::memcpy(packet.data(), &header, sizeof(header));
+  if (!payload.empty()) std::memcpy(packet.data() + sizeof(header), payload.data(), payload.size());
+  return link_->send(packet);
+}
+
+/* Is the packet the answer to the oldest request? Then it is taken in. */
+bool DaemonChannel::take_answer(Bytes packet) {
+  if (asked_.empty() || message_type(packet) != asked_.front().type) return false;
+  auto message = decode(packet);
+  if (!message) return false;
+  const Asked asked = asked_.front();
+  asked_.pop_front();
+  if (asked.barrier != 0)
+    barriers_ = asked.barrier;
+  else
+    result_ = std::get<Reply>(*message).result;
+  return true;
+}
+
+Result<void> DaemonChannel::wait(Milliseconds patience, int wake_fd, Received &received) {
+  pollfd fds[] = {{link_->fd(), POLLIN, 0}, {loss_->fd(), POLLIN, 0}, {wake_fd, POLLIN, 0}};
+  const auto time = patience.count() < 0 ? -1 : static_cast<int>(patience.count());
+  if (poll(fds, std::size(fds), time) < 0 && errno != EINTR)
+    return system_error(errno, "cannot wait for the module");
+  received.woken = fds[2].revents != 0;
+  lost_ += loss_->take();
+  if (fds[0].revents == 0) {
+    batch_.packets.clear();
+    return {};
+  }
+  auto got = link_->receive(batch_);
+  oversized_ += batch_.oversized;
+  closed_ = closed_ || batch_.closed;
+  return got;
+}
+
+Result<DaemonChannel::Received> DaemonChannel::receive(Milliseconds patience, int wake_fd) {
+  Received received;
+  returned_.clear();
+  std::swap(returned_, kept_);
+  packets_.assign(returned_.begin(), returned_.end());
+  if (!packets_.empty() || closed_) patience = Milliseconds(0);
+  if (auto waited = wait(patience, wake_fd, received); !waited) return waited.error();
+  for (const Bytes packet : batch_.packets) {
+    if (!take_answer(packet)) packets_.push_back(packet);
+  }
+  received.packets = packets_;
+  received.lost = std::exchange(lost_, 0);
+  received.barriers = barriers_;
+  received.oversized = std::exchange(oversized_, 0);
+  received.closed = closed_;
+  return received;
+}
+
+Result<std::uint64_t> DaemonChannel::ask_barrier() {
+  // A delete request without a record is refused by its length before anything is looked at.
+  if (auto sent = send(OX_SO_REP_DEL, {}); !sent) return sent.error();
+  asked_.push_back({OX_SO_REP_DEL, ++barriers_asked_});
+  return barriers_asked_;
+}
+
+Result<std::int32_t> DaemonChannel::request(std::uint16_t type, Bytes payload,
+                                            Milliseconds patience) {
+  if (auto sent = send(type, payload); !sent) return sent.error();
+  asked_.push_back({type, 0});
+  // Answers come in order, so ours is the last of those that are outstanding.
+  const auto deadline = Clock::now() + patience;
+  while (!asked_.empty()) {
+    const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
+    if (left.count() <= 0) {
+      asked_.clear();
+      return Error{-ETIMEDOUT,
+                   fmt::format("the module did not answer within {} ms", patience.count())};
+    }
+    Received passing;
+    if (auto waited = wait(left, -1, passing); !waited) return waited.error();
+    for (const Bytes packet : batch_.packets) {
+      if (!take_answer(packet)) kept_.emplace_back(packet.begin(), packet.end());
+    }
+    if (closed_ && !asked_.empty()) return gone();
+  }
+  return result_;
+}
+
+Result<void> DaemonChannel::leave() {
+  if (!registered_ || closed_) return {};
+  registered_ = false;
+  if (taken_over()) return {};
+  return send(OX_NL_QUIT, {});
+}
+
+}  // namespace tarn

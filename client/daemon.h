@@ -1,0 +1,116 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The daemon's side of the channel with the module: registers this process (hello), receives what
+ * the module sends, asks it to change rules, and leaves (quit).
+ *
+ * One thread uses a channel. Nothing is lost between the calls: what arrives while a call waits for
+ * an answer is kept for the next receive().
+ *
+ * "Everything up to now": a barrier is a request that changes nothing and whose answer travels
+ * behind all records that the module has sent before. When Received::barriers has reached a
+ * barrier's number and the packets of that and all earlier calls have been dealt with, everything
+ * is done that programs had changed when the barrier was asked for.
+ */
+#ifndef TARN_CLIENT_DAEMON_H
+#define TARN_CLIENT_DAEMON_H
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "client/daemon_lock.h"
+#include "client/link.h"
+#include "client/loss_signal.h"
+#include "client/messages.h"
+#include "client/result.h"
+
+namespace tarn {
+
+class DaemonChannel {
+ public:
+  using Milliseconds = std::chrono::milliseconds;
+
+  /* Registers with the tarnd of the run directory and waits until the module has confirmed it. */
+  static Result<std::unique_ptr<DaemonChannel>> open(const std::string &run_dir, Claim claim);
+
+  /* The same over any link; the lock has been taken by the caller. */
+  static Result<std::unique_ptr<DaemonChannel>> open(std::unique_ptr<MessageLink> link,
+                                                     DaemonLock lock,
+                                                     Milliseconds patience = kPatience);
+
+  /* Leaves, if leave() has not been called. */
+  ~DaemonChannel();
+  DaemonChannel(const DaemonChannel &) = delete;
+  DaemonChannel &operator=(const DaemonChannel &) = delete;
+
+  struct Received {
+    std::span<const Bytes> packets; /* each one message for decode(); valid until the next call */
+    std::uint64_t lost = 0;         /* times that the module said that a message to us was lost */
+    std::size_t oversized = 0;      /* packets too long to be messages */
+    std::uint64_t barriers = 0;     /* the number of the latest barrier that has come back */
+    bool closed = false;            /* the module's side has gone */
+    bool woken = false;             /* the wake descriptor is readable */
+  };
+
+  /*
+   * Waits until there is something, at most `patience` (negative: without end), or until `wake_fd`
+   * (-1: none) is readable; returns what is there. Answers to this channel's own requests are not
+   * among the packets.
+   */
+  Result<Received> receive(Milliseconds patience, int wake_fd = -1);
+
+  /* Sends a barrier; returns its number: 1, 2, 3, ... */
+  Result<std::uint64_t> ask_barrier();
+
+  /* A rule request (OX_SO_REP_ADD, _DEL, _FLUSH) and the module's result. */
+  Result<std::int32_t> request(std::uint16_t type, Bytes payload,
+                               Milliseconds patience = kPatience);
+
+  /* Tells the module to forget this daemon, unless another has taken over. What it sent before can
+   * still be received. */
+  Result<void> leave();
+
+  /* Has another program registered in our place? */
+  bool taken_over() const { return !lock_.still_ours(); }
+
+  static constexpr Milliseconds kPatience{5000};
+
+ private:
+  DaemonChannel(std::unique_ptr<MessageLink> link, DaemonLock lock,
+                std::unique_ptr<LossSignal> loss)
+      : link_(std::move(link)), lock_(std::move(lock)), loss_(std::move(loss)) {}
+
+  /* What an answer of the module belongs to; answers come in the order of the requests. */
+  struct Asked {
+    std::uint16_t type;
+    std::uint64_t barrier; /* 0: a rule request */
+  };
+
+  Result<void> send(std::uint16_t type, Bytes payload);
+  Result<void> wait(Milliseconds patience, int wake_fd, Received &received);
+  bool take_answer(Bytes packet);
+
+  std::unique_ptr<MessageLink> link_;
+  DaemonLock lock_;
+  std::unique_ptr<LossSignal> loss_;
+  PacketBatch batch_;
+  std::vector<Bytes> packets_;                  /* what receive() returns */
+  std::deque<std::vector<std::byte>> kept_;     /* arrived while something else was waited for */
+  std::deque<std::vector<std::byte>> returned_; /* kept ones that packets_ views */
+  std::deque<Asked> asked_;
+  std::int32_t result_ = 0; /* of the latest rule request */
+  std::uint64_t barriers_asked_ = 0;
+  std::uint64_t barriers_ = 0;
+  std::uint64_t lost_ = 0;
+  std::size_t oversized_ = 0;
+  bool closed_ = false;
+  bool registered_ = false;
+};
+
+}  // namespace tarn
+
+#endif

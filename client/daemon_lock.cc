@@ -1,0 +1,123 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "client/daemon_lock.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+
+#include <fmt/format.h>
+
+#include "client/text.h"
+
+namespace tarn {
+namespace {
+
+constexpr char kName[] = "/daemon.lock";
+
+struct flock whole_file(short type) {
+  struct flock lock {};
+  lock.l_type = type;
+  lock.l_whence = SEEK_SET;
+  return lock;
+}
+
+bool same_file(int fd, const std::string &path) {
+  struct stat open_one, named;
+  return fstat(fd, &open_one) == 0 && stat(path.c_str(), &named) == 0 &&
+         open_one.st_ino == named.st_ino && open_one.st_dev == named.st_dev;
+}
+
+std::optional<pid_t> read_pid(int fd) {
+  char text[16];
+  const ssize_t length = pread(fd, text, sizeof(text), 0);
+  pid_t pid = 0;
+  if (length <= 0 || std::from_chars(text, text + length, pid).ec != std::errc{})
+    return std::nullopt;
+  return pid;
+}
+
+Result<void> write_pid(int fd) {
+  const std::string text = fmt::format("{}\n", getpid());
+  if (ftruncate(fd, 0) != 0 ||
+      pwrite(fd, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))
+    return system_error(errno, "cannot write the daemon's lock file");
+  return {};
+}
+
+Error lock_error(int err, const std::string &path) {
+  if (err == EACCES || err == EPERM || err == EROFS)
+    return {-EPERM,
+            fmt::format(
+                "cannot become the daemon: {} cannot be written: only root and the user that runs "
+                "tarnd may",
+                printable(path))};
+  if (err == ENOENT || err == ENOTDIR)
+    return {-ENOENT,
+            fmt::format(
+                "cannot become the daemon: no tarnd runs in the directory of {}: start one with "
+                "'tarn mount'",
+                printable(path))};
+  return system_error(err, "cannot lock " + printable(path));
+}
+
+/* A new locked file with our process id in the place of whatever is there. */
+Result<UniqueFd> replace(const std::string &path) {
+  std::string temporary = path + ".XXXXXX";
+  UniqueFd file(mkostemp(temporary.data(), O_CLOEXEC));
+  if (!file) return lock_error(errno, path);
+  auto lock = whole_file(F_WRLCK);
+  int err = 0;
+  if (fchmod(file.get(), 0644) != 0 || fcntl(file.get(), F_OFD_SETLK, &lock) != 0) err = errno;
+  if (auto written = write_pid(file.get()); err == 0 && !written) err = -written.error().code;
+  if (err == 0 && rename(temporary.c_str(), path.c_str()) != 0) err = errno;
+  if (err == 0) return file;
+  unlink(temporary.c_str());
+  return lock_error(err, path);
+}
+
+}  // namespace
+
+Result<DaemonLock> DaemonLock::take(const std::string &run_dir, Claim claim) {
+  const std::string path = run_dir + kName;
+  for (;;) {
+    UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
+    if (!file) return lock_error(errno, path);
+    auto lock = whole_file(F_WRLCK);
+    if (fcntl(file.get(), F_OFD_SETLK, &lock) == 0) {
+      if (!same_file(file.get(), path)) continue;  // another has just put a new one there
+      if (auto written = write_pid(file.get()); !written) return written.error();
+      return DaemonLock(std::move(file), path);
+    }
+    if (errno != EAGAIN && errno != EACCES) return lock_error(errno, path);
+    if (claim == Claim::kRefuseIfTaken) {
+      const auto pid = read_pid(file.get());
+      return Error{
+          -EBUSY,
+          fmt::format("process {} is the daemon already: end it first, or take over on purpose",
+                      pid ? std::to_string(*pid) : "(unknown)")};
+    }
+    auto taken = replace(path);
+    if (!taken) return taken.error();
+    return DaemonLock(std::move(*taken), path);
+  }
+}
+
+bool DaemonLock::still_ours() const {
+  return same_file(file_.get(), path_);
+}
+
+Result<std::optional<pid_t>> registered_daemon(const std::string &run_dir) {
+  const std::string path = run_dir + kName;
+  const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!file && errno == ENOENT) return std::optional<pid_t>();
+  if (!file) return lock_error(errno, path);
+  auto lock = whole_file(F_RDLCK);
+  if (fcntl(file.get(), F_OFD_GETLK, &lock) != 0) return lock_error(errno, path);
+  return lock.l_type == F_UNLCK ? std::optional<pid_t>() : read_pid(file.get());
+}
+
+}  // namespace tarn

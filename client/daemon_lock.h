@@ -1,0 +1,47 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Who is the daemon? The module itself tells nobody, and takes any new one without a word to the
+ * old. So whoever registers through libtarn holds the file "daemon.lock" in the run directory under
+ * an exclusive lock of its open file (fcntl, F_OFD_SETLK); its text is the holder's process id. The
+ * lock goes with the process, however it ends.
+ *
+ * To take over, a program puts a new, locked file in the old one's place. The old holder notices
+ * that the file is no longer its own when it leaves, and then does not tell the module to forget
+ * the daemon, which is another by now.
+ */
+#ifndef TARN_CLIENT_DAEMON_LOCK_H
+#define TARN_CLIENT_DAEMON_LOCK_H
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+#include "client/result.h"
+#include "client/unique_fd.h"
+
+namespace tarn {
+
+enum class Claim { kRefuseIfTaken, kTakeOver };
+
+class DaemonLock {
+ public:
+  /* Errors: -EBUSY when another holds it (Claim::kRefuseIfTaken). */
+  static Result<DaemonLock> take(const std::string &run_dir, Claim claim);
+
+  /* False once another has taken over. */
+  bool still_ours() const;
+
+ private:
+  DaemonLock(UniqueFd file, std::string path) : file_(std::move(file)), path_(std::move(path)) {}
+
+  UniqueFd file_;
+  std::string path_;
+};
+
+/* The process id of the registered daemon, if there is one. */
+Result<std::optional<pid_t>> registered_daemon(const std::string &run_dir);
+
+}  // namespace tarn
+
+#endif

@@ -1,0 +1,59 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The transport between the daemon and the module: packets, each one netlink message with its
+ * header. The module in tarnd is reached through a Unix socket (connect_unix_link); DaemonChannel
+ * needs nothing but what stands here.
+ */
+#ifndef TARN_CLIENT_LINK_H
+#define TARN_CLIENT_LINK_H
+
+#include <cstddef>
+#include <memory>
+#include <vector>
+
+#include "client/messages.h"
+#include "client/result.h"
+
+namespace tarn {
+
+/* The packets of one receive call. Their storage belongs to the batch and is used again by the next
+ * call. */
+class PacketBatch {
+ public:
+  /* Longer than any message: a rename with two paths of 4096 bytes has 8252. */
+  static constexpr std::size_t kPacketMax = 16384;
+  static constexpr std::size_t kPackets = 64;
+
+  PacketBatch() : storage_(new std::byte[kPacketMax * kPackets]) {}
+
+  std::byte *room(std::size_t i) { return storage_.get() + i * kPacketMax; }
+
+  std::vector<Bytes> packets;
+  std::size_t oversized = 0; /* packets that were longer than kPacketMax and are lost */
+  bool closed = false;       /* the other side has gone; nothing more will come */
+
+ private:
+  std::unique_ptr<std::byte[]> storage_;
+};
+
+class MessageLink {
+ public:
+  virtual ~MessageLink() = default;
+
+  /* Becomes readable when there is something to receive. */
+  virtual int fd() const = 0;
+
+  /* Sends one packet; may wait for room. */
+  virtual Result<void> send(Bytes packet) = 0;
+
+  /* Takes what is there, at most one batch, without waiting. */
+  virtual Result<void> receive(PacketBatch &batch) = 0;
+};
+
+/* Connects to the daemon channel of the tarnd that runs there. Errors: those of connect_socket().
+ */
+Result<std::unique_ptr<MessageLink>> connect_unix_link(const std::string &run_dir);
+
+}  // namespace tarn
+
+#endif

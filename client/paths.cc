@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "client/paths.h"
+
+#include <cerrno>
+#include <filesystem>
+
+#include "client/text.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string without_end_slash(std::string path) {
+  while (path.size() > 1 && path.back() == '/') path.pop_back();
+  return path;
+}
+
+}  // namespace
+
+Result<std::string> whole_path(const std::string &path) {
+  if (path.empty()) return Error{-EINVAL, "a path is empty: name a directory"};
+  std::error_code error;
+  const fs::path absolute = fs::absolute(path, error);
+  fs::path resolved;
+  if (!error) resolved = fs::weakly_canonical(absolute, error);
+  if (error) return system_error(error.value(), "cannot resolve the path " + printable(path));
+  return without_end_slash(resolved.string());
+}
+
+std::string whole_mountpoint(const std::string &path) {
+  std::error_code error;
+  if (const fs::path whole = fs::canonical(path, error); !error) return whole.string();
+  const fs::path plain = without_end_slash(fs::absolute(path, error).lexically_normal().string());
+  const fs::path parent = fs::canonical(plain.parent_path(), error);
+  return error ? plain.string() : (parent / plain.filename()).string();
+}
+
+}  // namespace tarn

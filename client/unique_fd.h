@@ -1,0 +1,39 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* The owner of one file descriptor: closes it when it goes. -1 is "none". */
+#ifndef TARN_CLIENT_UNIQUE_FD_H
+#define TARN_CLIENT_UNIQUE_FD_H
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace tarn {
+
+class UniqueFd {
+ public:
+  UniqueFd() = default;
+  explicit UniqueFd(int fd) : fd_(fd) {}
+  UniqueFd(UniqueFd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  UniqueFd &operator=(UniqueFd &&other) noexcept {
+    if (this != &other) {
+      reset();
+      fd_ = std::exchange(other.fd_, -1);
+    }
+    return *this;
+  }
+  ~UniqueFd() { reset(); }
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  void reset() {
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+}  // namespace tarn
+
+#endif

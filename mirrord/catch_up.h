@@ -1,0 +1,22 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * For programs that change files on the mount and then want to look at the replica: waits until a
+ * running mirrord has applied everything that was changed before the call.
+ */
+#ifndef TARN_MIRRORD_CATCH_UP_H
+#define TARN_MIRRORD_CATCH_UP_H
+
+#include <chrono>
+#include <string>
+
+#include "client/result.h"
+#include "mirrord/status.h"
+
+namespace tarn {
+
+/* Errors: -ETIMEDOUT; -ESRCH when the mirrord that writes the status file has ended. */
+Result<CatchUpState> catch_up(const std::string &status_file, std::chrono::seconds patience);
+
+}  // namespace tarn
+
+#endif

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/directory_walk.h"
+
+#include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+
+#include <cerrno>
+
+#include "client/text.h"
+
+namespace tarn {
+namespace {
+
+constexpr int kFlags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+int open_at_once(int root, const std::string &path) {
+  open_how how{};
+  how.flags = kFlags;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+  return static_cast<int>(syscall(SYS_openat2, root, path.c_str(), &how, sizeof(how)));
+}
+
+int open_step_by_step(int root, std::string_view path) {
+  UniqueFd here(openat(root, ".", kFlags));
+  while (here && !path.empty()) {
+    const std::string name(path.substr(0, path.find('/')));
+    path.remove_prefix(std::min(path.size(), name.size() + 1));
+    here = UniqueFd(openat(here.get(), name.c_str(), kFlags));
+  }
+  return here ? fcntl(here.get(), F_DUPFD_CLOEXEC, 0) : -1;
+}
+
+}  // namespace
+
+bool plain_relative(std::string_view path) {
+  while (!path.empty()) {
+    const std::string_view name = path.substr(0, path.find('/'));
+    if (name.empty() || name == "." || name == "..") return false;
+    const bool more = name.size() < path.size();
+    path.remove_prefix(name.size() + more);
+    if (more && path.empty()) return false;
+  }
+  return true;
+}
+
+Result<UniqueFd> open_directory_below(int root, const std::string &path, WalkMethod method) {
+  if (!plain_relative(path)) return system_error(EXDEV, printable(path));
+  int fd = -1;
+  if (method == WalkMethod::kBest) fd = open_at_once(root, path.empty() ? "." : path);
+  // Kernels before 5.6 do not know the call; some sandboxes forbid it.
+  if (method == WalkMethod::kStepByStep || (fd < 0 && (errno == ENOSYS || errno == EPERM)))
+    fd = open_step_by_step(root, path);
+  if (fd < 0) return system_error(errno, printable(path));
+  return UniqueFd(fd);
+}
+
+}  // namespace tarn

@@ -1,0 +1,35 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Opens directories below a root without ever leaving it: no component may be a symbolic link, and
+ * ".." is refused. The replica's contents are another machine's or another user's; a link there
+ * must not lead a write elsewhere.
+ */
+#ifndef TARN_MIRRORD_DIRECTORY_WALK_H
+#define TARN_MIRRORD_DIRECTORY_WALK_H
+
+#include <string>
+#include <string_view>
+
+#include "client/result.h"
+#include "client/unique_fd.h"
+
+namespace tarn {
+
+enum class WalkMethod {
+  kBest,       /* one openat2 call where the kernel has it, else step by step */
+  kStepByStep, /* one openat per component */
+};
+
+/*
+ * An O_PATH descriptor of the directory `path` below `root`; "" is the root itself. `path` has no
+ * leading slash. Errors: those of openat; -ELOOP or -ENOTDIR for a symbolic link, -EXDEV for "..".
+ */
+Result<UniqueFd> open_directory_below(int root, const std::string &path,
+                                      WalkMethod method = WalkMethod::kBest);
+
+/* Is every component a plain name: not empty, not "." and not ".."? "" is plain too. */
+bool plain_relative(std::string_view path);
+
+}  // namespace tarn
+
+#endif

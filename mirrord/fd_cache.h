@@ -1,0 +1,68 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* Open descriptors by path, the least recently used closed first. Whoever changes names must forget
+ * them here. */
+#ifndef TARN_MIRRORD_FD_CACHE_H
+#define TARN_MIRRORD_FD_CACHE_H
+
+#include <list>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "client/unique_fd.h"
+
+namespace tarn {
+
+class FdCache {
+ public:
+  explicit FdCache(std::size_t capacity) : capacity_(capacity) {}
+
+  /* The descriptor, or -1. It stays open at least until the next put() or forget. */
+  int find(const std::string &path) {
+    const auto found = entries_.find(path);
+    if (found == entries_.end()) return -1;
+    ages_.splice(ages_.end(), ages_, found->second.age);
+    return found->second.fd.get();
+  }
+
+  int put(const std::string &path, UniqueFd fd) {
+    forget(path);
+    if (entries_.size() >= capacity_) forget(std::string(*ages_.front()));
+    const auto entry = entries_.try_emplace(path).first;
+    entry->second.fd = std::move(fd);
+    entry->second.age = ages_.insert(ages_.end(), &entry->first);
+    return entry->second.fd.get();
+  }
+
+  void forget(const std::string &path) {
+    const auto found = entries_.find(path);
+    if (found == entries_.end()) return;
+    ages_.erase(found->second.age);
+    entries_.erase(found);
+  }
+
+  /* The path and everything below it. */
+  void forget_tree(const std::string &path) {
+    for (auto entry = entries_.begin(); entry != entries_.end();) {
+      const std::string &name = entry->first;
+      const bool below =
+          path.empty() || name == path || (name.starts_with(path) && name[path.size()] == '/');
+      if (below) ages_.erase(entry->second.age);
+      entry = below ? entries_.erase(entry) : std::next(entry);
+    }
+  }
+
+ private:
+  struct Entry {
+    UniqueFd fd;
+    std::list<const std::string *>::iterator age;
+  };
+
+  std::size_t capacity_;
+  std::unordered_map<std::string, Entry> entries_;
+  std::list<const std::string *> ages_; /* oldest first; the keys of entries_ */
+};
+
+}  // namespace tarn
+
+#endif

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: GPL-2.0
+// mirrord: replays the changes that programs make through a tarn mount in a replica directory.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <csignal>
+#include <iostream>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include "client/paths.h"
+#include "client/run_dir.h"
+#include "client/text.h"
+#include "mirrord/catch_up.h"
+#include "mirrord/mirror.h"
+
+namespace {
+
+using namespace tarn;
+
+enum Exit { kExitOk = 0, kExitProblems = 1, kExitUsage = 2, kExitChannel = 3 };
+
+constexpr char kAbout[] =
+    "mirrord replays the changes that programs make through a tarn mount in a replica directory.\n"
+    "It runs in the foreground until SIGTERM or SIGINT and says on stderr what it could not apply.";
+
+constexpr char kExample[] =
+    "Example, with /data mounted through tarn and a rule that includes it:\n"
+    "  mirrord --source /data --replica /copy --status-file /run/mirrord.json &\n"
+    "  mirrord --catch-up --status-file /run/mirrord.json    waits until /copy is complete\n"
+    "The replica must be a copy of the source when mirrord starts. The manual: man mirrord.";
+
+struct Arguments {
+  std::string source, replica, status_file;
+  std::vector<std::string> rules;
+  bool take_over = false, catch_up = false;
+  int timeout = 300;
+};
+
+int fail(const std::string &text, Exit code) {
+  std::cerr << "mirrord: " + text + "\n";
+  return code;
+}
+
+int wait_for_another(const Arguments &arguments) {
+  if (arguments.status_file.empty())
+    return fail("--catch-up needs --status-file, the one that the running mirrord was given",
+                kExitUsage);
+  const auto state = catch_up(arguments.status_file, std::chrono::seconds(arguments.timeout));
+  if (!state) return fail(state.error().text, kExitChannel);
+  if (state->problems != 0)
+    return fail(
+        fmt::format("caught up, but {} things went wrong before: see mirrord's messages and {}",
+                    state->problems, printable(arguments.status_file)),
+        kExitProblems);
+  return kExitOk;
+}
+
+int mirror(const Arguments &arguments) {
+  if (arguments.source.empty() || arguments.replica.empty())
+    return fail("--source and --replica must be given: see 'mirrord --help'", kExitUsage);
+  const auto source = whole_path(arguments.source), replica_path = whole_path(arguments.replica);
+  if (!source) return fail(source.error().text, kExitUsage);
+  if (!replica_path) return fail(replica_path.error().text, kExitUsage);
+  MirrorOptions options{*source, *replica_path, {}, arguments.status_file};
+  if (path_below(options.source, options.replica))
+    return fail(fmt::format("the replica {} lies inside the source {}: choose another directory",
+                            printable(options.replica), printable(options.source)),
+                kExitUsage);
+  for (const std::string &rule : arguments.rules) {
+    const auto uuid = parse_uuid(rule);
+    if (!uuid) return fail(printable(rule) + " is not the UUID of a rule", kExitUsage);
+    options.rules.insert(*uuid);
+  }
+  umask(0);  // modes come from the records
+  auto replica = Replica::open(options.replica);
+  if (!replica) return fail(replica.error().text, kExitProblems);
+  auto signals = SignalFd::block({SIGTERM, SIGINT, SIGUSR1});
+  if (!signals) return fail(signals.error().text, kExitProblems);
+  auto channel = DaemonChannel::open(
+      run_directory(), arguments.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
+  if (!channel) {
+    const Error &error = channel.error();
+    return fail(error.code == -EBUSY ? error.text + " with --take-over" : error.text, kExitChannel);
+  }
+  std::cout << fmt::format("mirrord: registered; {} is replicated to {}\n",
+                           printable(options.source), printable(options.replica))
+            << std::flush;
+  Mirror work(std::move(options), *replica, **channel);
+  const auto end = work.run(*signals);
+  if (end == Mirror::End::kClean) return kExitOk;
+  if (end == Mirror::End::kChannel) return kExitChannel;
+  return fail(fmt::format("{} things went wrong: the replica may differ from the source",
+                          work.status().problems()),
+              kExitProblems);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  std::ios::sync_with_stdio(false);
+  Arguments arguments;
+  CLI::App app(kAbout, "mirrord");
+  app.footer(kExample);
+  app.set_version_flag("--version", "mirrord 0.1.0");
+  app.add_option("--source", arguments.source, "The lower directory whose changes are replayed")
+      ->type_name("DIR");
+  app.add_option("--replica", arguments.replica, "The directory that they are replayed in")
+      ->type_name("DIR");
+  app.add_option("--rule", arguments.rules, "Only the records of these rules")
+      ->type_name("UUID...")
+      ->allow_extra_args(false)
+      ->expected(1, 1000);
+  app.add_option("--status-file", arguments.status_file, "Where to say what was done; JSON")
+      ->type_name("FILE");
+  app.add_flag("--take-over", arguments.take_over,
+               "Even if another daemon is registered: it gets no more records");
+  app.add_flag("--catch-up", arguments.catch_up,
+               "Do nothing but wait until the mirrord of the status file has applied everything "
+               "changed so far");
+  app.add_option("--timeout", arguments.timeout, "With --catch-up: how long to wait, in seconds")
+      ->type_name("S");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &error) {
+    if (error.get_exit_code() == 0) return app.exit(error);
+    std::string text = error.what();
+    std::replace(text.begin(), text.end(), '\n', ' ');
+    return fail(text + ": 'mirrord --help' shows what can be typed", kExitUsage);
+  }
+  return arguments.catch_up ? wait_for_another(arguments) : mirror(arguments);
+}

@@ -1,0 +1,222 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/mirror.h"
+
+#include <unistd.h>
+
+#include <csignal>
+#include <iostream>
+
+#include <fmt/format.h>
+
+#include "client/text.h"
+
+namespace tarn {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Milliseconds = DaemonChannel::Milliseconds;
+
+constexpr Milliseconds kStatusInterval{1000};
+constexpr auto kStopPatience =
+    std::chrono::seconds(30);       /* for what the module has sent before the end */
+constexpr Milliseconds kQuiet{100}; /* nothing for so long: nothing more will come */
+
+void say(const std::string &text) {
+  std::cerr << "mirrord: " + text + "\n";
+}
+
+std::string rule_name(const Uuid &rule) {
+  return "rule " + to_string(rule);
+}
+
+}  // namespace
+
+Mirror::Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel)
+    : options_(std::move(options)),
+      channel_(channel),
+      applier_(options_.source, replica),
+      sequencer_(*this) {
+  status_.pid = getpid();
+  status_.source = options_.source;
+  status_.replica = options_.replica;
+}
+
+void Mirror::record(const Record &record, Sequencer::Order order) {
+  RuleStatus &rule = status_.rules[record.rule];
+  changed_ = true;
+  rule.last_wseq = record.wseq;
+  ++rule.messages;
+  const auto outcome = applier_.apply(record);
+  const auto what = [&] {
+    std::string text =
+        fmt::format("{} {}", change_name(record.change), printable(change_path(record.change)));
+    if (!applier_.page_path().empty())
+      text = fmt::format("write {} page {}", printable(applier_.page_path()),
+                         std::get<WritePage>(record.change).page);
+    return fmt::format("{} record {} ({})", rule_name(record.rule), record.wseq, text);
+  };
+  if (order == Sequencer::Order::kLate)
+    say(what() + ": came late, after its place was given up; applied now");
+  if (!outcome) {
+    ++rule.failures;
+    say(what() + ": " + outcome.error().text);
+    return;
+  }
+  if (const auto *write = std::get_if<Write>(&record.change)) rule.bytes += write->data.size();
+  if (const auto *page = std::get_if<WritePage>(&record.change)) rule.bytes += page->data.size();
+}
+
+void Mirror::event(const Uuid &uuid, const Sequencer::Event &event) {
+  RuleStatus &rule = status_.rules[uuid];
+  changed_ = true;
+  const std::string name = rule_name(uuid);
+  if (const auto *joined = std::get_if<Sequencer::Joined>(&event)) {
+    ++rule.gaps;
+    say(
+        fmt::format("{}: GAP: begins with record {}; those before it were not sent here, so their "
+                    "changes are missing",
+                    name, joined->first));
+  } else if (const auto *missing = std::get_if<Sequencer::Missing>(&event)) {
+    ++rule.gaps;
+    say(fmt::format("{}: GAP: records {} to {} are missing: the replica may differ from now on",
+                    name, missing->first, missing->last));
+  } else if (const auto *pages = std::get_if<Sequencer::MissingPages>(&event)) {
+    ++rule.gaps;
+    say(fmt::format(
+        "{}: GAP: record {} ends after {} of its pages: the replica may differ from now on", name,
+        pages->wseq, pages->arrived));
+  } else if (const auto *duplicate = std::get_if<Sequencer::Duplicate>(&event)) {
+    ++rule.duplicates;
+    say(fmt::format("{}: record {} came once more; not applied again", name, duplicate->wseq));
+  } else if (const auto *restarted = std::get_if<Sequencer::Restarted>(&event)) {
+    say(fmt::format("{}: was made anew after record {}; its numbers begin again", name,
+                    restarted->last));
+  }
+}
+
+void Mirror::packet(Bytes packet) {
+  const auto message = decode(packet);
+  if (!message) {
+    ++status_.malformed;
+    changed_ = true;
+    return say(message.error().text);
+  }
+  if (const auto *record = std::get_if<Record>(&*message)) {
+    if (wanted(record->rule)) sequencer_.add(*record, packet, Clock::now());
+  } else if (const auto *stop = std::get_if<StopRule>(&*message); stop && wanted(stop->rule)) {
+    RuleStatus &rule = status_.rules[stop->rule];
+    // The module says it once more with each change that it does not capture.
+    if (!rule.stopped)
+      say(fmt::format(
+          "{}: STOPPED by the module, which ran out of memory for it: its changes are no longer "
+          "replicated; delete the rule, add it again and copy the source anew",
+          rule_name(stop->rule)));
+    rule.stopped = changed_ = true;
+  }
+}
+
+void Mirror::losses(const DaemonChannel::Received &received) {
+  if (received.lost == 0 && received.oversized == 0) return;
+  changed_ = true;
+  status_.lost += received.lost;
+  status_.malformed += received.oversized;
+  if (received.oversized != 0)
+    say(fmt::format("{} packets were too long to be messages", received.oversized));
+  if (received.lost == 0) return;
+  say(fmt::format(
+      "LOST: the module could not deliver {} messages: the replica may differ from now on",
+      received.lost));
+  // The answer to a barrier may have been among them. One more answer makes up for it.
+  if (!catch_ups_.empty()) ask_catch_up();
+}
+
+void Mirror::packets(const DaemonChannel::Received &received) {
+  for (const Bytes p : received.packets) packet(p);
+  sequencer_.expire(Clock::now());
+  losses(received);
+  note_caught_up(received.barriers);
+}
+
+void Mirror::ask_catch_up() {
+  const std::int64_t now = monotonic_ns();
+  const auto barrier = channel_.ask_barrier();
+  if (!barrier) return say(barrier.error().text);
+  catch_ups_.push_back({*barrier, now});
+}
+
+void Mirror::note_caught_up(std::uint64_t barriers) {
+  if (!sequencer_.holds_nothing()) return;
+  bool any = false;
+  while (!catch_ups_.empty() && catch_ups_.front().barrier <= barriers) {
+    status_.caught_up_to_ns = catch_ups_.front().asked_ns;
+    catch_ups_.pop_front();
+    any = true;
+  }
+  if (any) write_status_file();
+}
+
+void Mirror::signal(int number) {
+  if (number == SIGUSR1) return ask_catch_up();
+  if (number != SIGTERM && number != SIGINT) return;
+  if (!stop_by_) stop_by_ = Clock::now() + kStopPatience;
+  ask_catch_up();
+}
+
+Milliseconds Mirror::patience() const {
+  auto wait = kStatusInterval;
+  if (const auto deadline = sequencer_.next_deadline())
+    wait = std::min(wait, std::chrono::ceil<Milliseconds>(*deadline - Clock::now()));
+  return std::max(wait, Milliseconds(0));
+}
+
+void Mirror::write_status_file() {
+  changed_ = false;
+  written_ = Clock::now();
+  if (options_.status_file.empty()) return;
+  if (auto done = write_status(options_.status_file, status_); !done) say(done.error().text);
+}
+
+/* After quit: applies what is still on its way. */
+void Mirror::drain() {
+  const auto end = Clock::now() + kStopPatience;
+  while (Clock::now() < end) {
+    const auto received = channel_.receive(kQuiet);
+    if (!received) return say(received.error().text);
+    packets(*received);
+    if (received->packets.empty() || received->closed) return;
+  }
+}
+
+Mirror::End Mirror::run(SignalFd &signals) {
+  write_status_file();
+  std::optional<End> end;
+  while (!end) {
+    const auto received = channel_.receive(patience(), signals.fd());
+    if (!received) {
+      say(received.error().text);
+      end = End::kChannel;
+      break;
+    }
+    packets(*received);
+    if (received->woken) signal(signals.take());
+    if (received->closed) {
+      say("the module's side of the channel was closed: tarnd has ended");
+      end = End::kChannel;
+    } else if (stop_by_ && (catch_ups_.empty() || Clock::now() > *stop_by_)) {
+      end = End::kClean;
+    } else if (received->packets.empty() && !received->woken && channel_.taken_over()) {
+      say("another daemon has taken over: no more records come here");
+      end = End::kChannel;
+    }
+    if (changed_ && Clock::now() - written_ >= kStatusInterval) write_status_file();
+  }
+  if (auto left = channel_.leave(); !left && *end == End::kClean) say(left.error().text);
+  drain();
+  sequencer_.finish();
+  status_.running = false;
+  write_status_file();
+  if (*end == End::kClean && status_.problems() != 0) end = End::kProblems;
+  return *end;
+}
+
+}  // namespace tarn

@@ -1,0 +1,84 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The daemon's work: receives the module's messages, puts the records of each rule in order,
+ * replays them, and keeps account. What goes wrong is said on stderr as it happens and counted;
+ * nothing that goes wrong with one record keeps the next from being tried. One thread.
+ */
+#ifndef TARN_MIRRORD_MIRROR_H
+#define TARN_MIRRORD_MIRROR_H
+
+#include <deque>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "client/daemon.h"
+#include "client/sequence.h"
+#include "client/signal_fd.h"
+#include "mirrord/applier.h"
+#include "mirrord/status.h"
+
+namespace tarn {
+
+struct MirrorOptions {
+  std::string source;
+  std::string replica;
+  std::set<Uuid> rules;    /* only these; empty: all */
+  std::string status_file; /* empty: none */
+};
+
+class Mirror : private Sequencer::Sink {
+ public:
+  enum class End {
+    kClean,    /* asked to end; everything was applied */
+    kProblems, /* asked to end; something went wrong meanwhile */
+    kChannel,  /* the module's side has gone, or another daemon took over */
+  };
+
+  Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel);
+
+  /*
+   * Until SIGTERM or SIGINT comes out of `signals`: then what the module has sent is still applied.
+   * SIGUSR1 asks to be told, in the status file, when everything changed until then has been
+   * applied.
+   */
+  End run(SignalFd &signals);
+
+  const MirrorStatus &status() const { return status_; }
+
+ private:
+  void record(const Record &record, Sequencer::Order order) override;
+  void event(const Uuid &rule, const Sequencer::Event &event) override;
+
+  void packets(const DaemonChannel::Received &received);
+  void packet(Bytes packet);
+  void losses(const DaemonChannel::Received &received);
+  void signal(int number);
+  void ask_catch_up();
+  void note_caught_up(std::uint64_t barriers);
+  void drain();
+  void write_status_file();
+  DaemonChannel::Milliseconds patience() const;
+  bool wanted(const Uuid &rule) const {
+    return options_.rules.empty() || options_.rules.contains(rule);
+  }
+
+  MirrorOptions options_;
+  DaemonChannel &channel_;
+  Applier applier_;
+  Sequencer sequencer_;
+  MirrorStatus status_;
+  bool changed_ = true; /* since the status file was written */
+  std::chrono::steady_clock::time_point written_{};
+
+  struct CatchUp {
+    std::uint64_t barrier;
+    std::int64_t asked_ns;
+  };
+  std::deque<CatchUp> catch_ups_;                                /* asked for, not come back */
+  std::optional<std::chrono::steady_clock::time_point> stop_by_; /* asked to end */
+};
+
+}  // namespace tarn
+
+#endif

@@ -1,0 +1,268 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/replica.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include <fmt/format.h>
+
+#include "client/text.h"
+#include "mirrord/directory_walk.h"
+
+namespace tarn {
+namespace {
+
+constexpr std::uint32_t kModeBits = 07777;
+
+// The caller names the record; the error needs no more than the cause.
+Error failed(int err) {
+  Error error = system_error(err, "");
+  error.text.erase(0, 2);
+  return error;
+}
+
+std::string by_descriptor(int fd) {
+  return fmt::format("/proc/self/fd/{}", fd);
+}
+
+timespec to_timespec(const std::optional<std::uint64_t> &us) {
+  if (!us) return {0, UTIME_OMIT};
+  return {static_cast<time_t>(*us / 1'000'000), static_cast<long>(*us % 1'000'000 * 1000)};
+}
+
+/* Opens a regular file for writing; `object` is an O_PATH descriptor of it, so nothing can be put
+ * in its place. */
+Result<UniqueFd> open_for_writing(int object) {
+  struct stat status;
+  if (fstat(object, &status) != 0) return failed(errno);
+  if (!S_ISREG(status.st_mode))
+    return Error{-EINVAL, "the replica has something there that is no regular file"};
+  const std::string path = by_descriptor(object);
+  UniqueFd file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  if (!file && errno == EACCES && status.st_uid == geteuid()) {
+    // A read-only file of our own: a program that has it open may write it still, and so may we.
+    const mode_t mode = status.st_mode & kModeBits;
+    if (chmod(path.c_str(), mode | S_IWUSR) != 0) return failed(errno);
+    file = UniqueFd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+    const int err = errno;
+    if (chmod(path.c_str(), mode) != 0) return failed(errno);
+    errno = err;
+  }
+  if (!file) return failed(errno);
+  return file;
+}
+
+/* What stands under a name right now; 0 if nothing. */
+mode_t type_of(int directory, const std::string &name) {
+  struct stat status;
+  return fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0
+             ? status.st_mode & S_IFMT
+             : 0;
+}
+
+bool same_object(int directory1, const std::string &name1, int directory2,
+                 const std::string &name2) {
+  struct stat a, b;
+  return fstatat(directory1, name1.c_str(), &a, AT_SYMLINK_NOFOLLOW) == 0 &&
+         fstatat(directory2, name2.c_str(), &b, AT_SYMLINK_NOFOLLOW) == 0 && a.st_ino == b.st_ino &&
+         a.st_dev == b.st_dev;
+}
+
+/* Size first: it takes set-id bits and sets times. The owner next: it takes set-id bits. The times
+ * last. */
+Result<void> set_through_file(int file, const Replica::Attributes &a) {
+  if (a.size && ftruncate(file, static_cast<off_t>(*a.size)) != 0) return failed(errno);
+  if ((a.uid || a.gid) && fchown(file, a.uid.value_or(-1), a.gid.value_or(-1)) != 0)
+    return failed(errno);
+  if (a.mode && fchmod(file, *a.mode & kModeBits) != 0) return failed(errno);
+  const timespec times[] = {to_timespec(a.atime), to_timespec(a.mtime)};
+  if ((a.atime || a.mtime) && futimens(file, times) != 0) return failed(errno);
+  return {};
+}
+
+/* The same on an object that cannot be opened for writing: a directory or a symbolic link. */
+Result<void> set_through_name(int directory, const std::string &name,
+                              const Replica::Attributes &a) {
+  const UniqueFd object(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!object) return failed(errno);
+  if ((a.uid || a.gid) &&
+      fchownat(object.get(), "", a.uid.value_or(-1), a.gid.value_or(-1), AT_EMPTY_PATH) != 0)
+    return failed(errno);
+  if (a.mode && chmod(by_descriptor(object.get()).c_str(), *a.mode & kModeBits) != 0)
+    return failed(errno);
+  const timespec times[] = {to_timespec(a.atime), to_timespec(a.mtime)};
+  if ((a.atime || a.mtime) && utimensat(directory, name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
+    return failed(errno);
+  return {};
+}
+
+}  // namespace
+
+Result<Replica> Replica::open(const std::string &directory) {
+  UniqueFd root(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  if (!root)
+    return system_error(errno, "cannot open the replica directory " + printable(directory));
+  return Replica(std::move(root));
+}
+
+Result<Replica::Place> Replica::place(const std::string &path) {
+  if (path.empty()) return Place{root_.get(), "."};
+  if (!plain_relative(path)) return Error{-EXDEV, "the path would leave the replica"};
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return Place{root_.get(), path};
+  const std::string parent = path.substr(0, slash);
+  int fd = directories_.find(parent);
+  if (fd < 0) {
+    auto opened = open_directory_below(root_.get(), parent);
+    if (!opened) return failed(-opened.error().code);
+    fd = directories_.put(parent, std::move(*opened));
+  }
+  return Place{fd, path.substr(slash + 1)};
+}
+
+Result<Replica::TwoPlaces> Replica::places(const std::string &first, const std::string &second) {
+  auto one = place(first);
+  if (!one) return one.error();
+  TwoPlaces two{UniqueFd(fcntl(one->fd, F_DUPFD_CLOEXEC, 0)), std::move(*one), {}};
+  if (!two.held) return failed(errno);
+  two.first.fd = two.held.get();
+  auto other = place(second);
+  if (!other) return other.error();
+  two.second = std::move(*other);
+  return two;
+}
+
+Result<int> Replica::writable(const std::string &path) {
+  if (const int cached = files_.find(path); cached >= 0) return cached;
+  const auto at = place(path);
+  if (!at) return at.error();
+  const UniqueFd object(openat(at->fd, at->name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (!object) return failed(errno);
+  auto file = open_for_writing(object.get());
+  if (!file) return file.error();
+  return files_.put(path, std::move(*file));
+}
+
+Result<Replica::Done> Replica::create(const std::string &path, std::uint32_t mode) {
+  const auto at = place(path);
+  if (!at) return at.error();
+  files_.forget(path);
+  UniqueFd file(openat(at->fd, at->name.c_str(),
+                       O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & kModeBits));
+  if (file) {
+    files_.put(path, std::move(file));
+    return Done::kChanged;
+  }
+  if (errno != EEXIST) return failed(errno);
+  // Whatever it holds is older than the file that was created: that one begins empty.
+  auto existing = writable(path);
+  if (!existing) return existing.error();
+  if (ftruncate(*existing, 0) != 0 || fchmod(*existing, mode & kModeBits) != 0)
+    return failed(errno);
+  return Done::kAlready;
+}
+
+Result<Replica::Done> Replica::mkdir(const std::string &path, std::uint32_t mode) {
+  const auto at = place(path);
+  if (!at) return at.error();
+  if (mkdirat(at->fd, at->name.c_str(), mode & kModeBits) == 0) return Done::kChanged;
+  const int err = errno;
+  if (err == EEXIST && type_of(at->fd, at->name) == S_IFDIR) return Done::kAlready;
+  return failed(err);
+}
+
+Result<Replica::Done> Replica::unlink(const std::string &path) {
+  files_.forget(path);
+  const auto at = place(path);
+  if (!at && at.error().code == -ENOENT) return Done::kAlready;
+  if (!at) return at.error();
+  if (unlinkat(at->fd, at->name.c_str(), 0) == 0) return Done::kChanged;
+  if (errno == ENOENT) return Done::kAlready;
+  return failed(errno);
+}
+
+Result<Replica::Done> Replica::rmdir(const std::string &path) {
+  const auto at = place(path);
+  if (!at && at.error().code == -ENOENT) return Done::kAlready;
+  if (!at) return at.error();
+  if (unlinkat(at->fd, at->name.c_str(), AT_REMOVEDIR) != 0) {
+    // A removal that failed, because something was in the directory, is recorded as well; it fails
+    // here likewise.
+    if (errno == ENOENT || errno == ENOTEMPTY || errno == EEXIST) return Done::kAlready;
+    return failed(errno);
+  }
+  directories_.forget_tree(path);
+  return Done::kChanged;
+}
+
+Result<Replica::Done> Replica::symlink(const std::string &target, const std::string &path) {
+  const auto at = place(path);
+  if (!at) return at.error();
+  if (symlinkat(target.c_str(), at->fd, at->name.c_str()) == 0) return Done::kChanged;
+  const int err = errno;
+  std::string there(target.size() + 1, '\0');
+  const ssize_t length = readlinkat(at->fd, at->name.c_str(), there.data(), there.size());
+  if (err == EEXIST && length == static_cast<ssize_t>(target.size()) && there.starts_with(target))
+    return Done::kAlready;
+  return failed(err);
+}
+
+Result<Replica::Done> Replica::link(const std::string &existing, const std::string &path) {
+  const auto two = places(existing, path);
+  if (!two) return two.error();
+  const auto &[held, from, to] = *two;
+  if (linkat(from.fd, from.name.c_str(), to.fd, to.name.c_str(), 0) == 0) return Done::kChanged;
+  const int err = errno;
+  if (err == EEXIST && same_object(from.fd, from.name, to.fd, to.name)) return Done::kAlready;
+  return failed(err);
+}
+
+Result<Replica::Done> Replica::rename(const std::string &from_path, const std::string &to_path) {
+  const auto two = places(from_path, to_path);
+  if (!two) return two.error();
+  const auto &[held, from, to] = *two;
+  if (renameat(from.fd, from.name.c_str(), to.fd, to.name.c_str()) != 0) return failed(errno);
+  for (const std::string *path : {&from_path, &to_path}) {
+    files_.forget_tree(*path);
+    directories_.forget_tree(*path);
+  }
+  return Done::kChanged;
+}
+
+Result<Replica::Done> Replica::write(const std::string &path, std::uint64_t offset, Bytes data) {
+  const auto file = writable(path);
+  if (!file) return file.error();
+  while (!data.empty()) {
+    const ssize_t written = pwrite(*file, data.data(), data.size(), static_cast<off_t>(offset));
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return failed(errno);
+    offset += static_cast<std::uint64_t>(written);
+    data = data.subspan(static_cast<std::size_t>(written));
+  }
+  return Done::kChanged;
+}
+
+Result<Replica::Done> Replica::set_attributes(const std::string &path,
+                                              const Attributes &attributes) {
+  int file = files_.find(path);
+  if (file < 0 && attributes.size) {
+    const auto opened = writable(path);
+    if (!opened) return opened.error();
+    file = *opened;
+  }
+  Result<void> set;
+  if (file >= 0) {
+    set = set_through_file(file, attributes);
+  } else {
+    const auto at = place(path);
+    if (!at) return at.error();
+    set = set_through_name(at->fd, at->name, attributes);
+  }
+  if (!set) return set.error();
+  return Done::kChanged;
+}
+
+}  // namespace tarn

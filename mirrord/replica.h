@@ -1,0 +1,80 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The directory that changes are replayed into. Every path is relative to it, and no operation
+ * reaches outside it, whatever the paths and whatever symbolic links lie in the replica.
+ *
+ * Nobody else may change names in the replica meanwhile: descriptors of files and directories are
+ * kept. One thread. Creating and setting modes need umask 0, which the caller sets.
+ */
+#ifndef TARN_MIRRORD_REPLICA_H
+#define TARN_MIRRORD_REPLICA_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "client/messages.h"
+#include "client/result.h"
+#include "client/unique_fd.h"
+#include "mirrord/fd_cache.h"
+
+namespace tarn {
+
+class Replica {
+ public:
+  static Result<Replica> open(const std::string &directory);
+
+  /* kAlready: the replica was as it should be before (or holds a file that was to be created, now
+   * emptied). */
+  enum class Done { kChanged, kAlready };
+
+  Result<Done> create(const std::string &path, std::uint32_t mode);
+  Result<Done> mkdir(const std::string &path, std::uint32_t mode);
+  Result<Done> unlink(const std::string &path);
+  Result<Done> rmdir(const std::string &path);
+  Result<Done> symlink(const std::string &target, const std::string &path);
+  Result<Done> link(const std::string &existing, const std::string &path);
+  Result<Done> rename(const std::string &from, const std::string &to);
+  Result<Done> write(const std::string &path, std::uint64_t offset, Bytes data);
+
+  /* What is set is changed; times are microseconds since the epoch. */
+  struct Attributes {
+    std::optional<std::uint64_t> size = {};
+    std::optional<std::uint32_t> uid = {};
+    std::optional<std::uint32_t> gid = {};
+    std::optional<std::uint32_t> mode = {};
+    std::optional<std::uint64_t> atime = {};
+    std::optional<std::uint64_t> mtime = {};
+  };
+  Result<Done> set_attributes(const std::string &path, const Attributes &attributes);
+
+ private:
+  explicit Replica(UniqueFd root) : root_(std::move(root)) {}
+
+  /* A name and the directory it stands in; `fd` is the cache's. */
+  struct Place {
+    int fd;
+    std::string name;
+  };
+  Result<Place> place(const std::string &path);
+  /* Two places at once: the first one's descriptor is held while the second is looked up. */
+  struct TwoPlaces {
+    UniqueFd held;
+    Place first;
+    Place second;
+  };
+  Result<TwoPlaces> places(const std::string &first, const std::string &second);
+  /* The file's descriptor for writing, from the cache or opened now. */
+  Result<int> writable(const std::string &path);
+
+  static constexpr std::size_t kCachedFiles = 128;
+  static constexpr std::size_t kCachedDirectories = 64;
+
+  UniqueFd root_;
+  FdCache files_{kCachedFiles};
+  FdCache directories_{kCachedDirectories};
+};
+
+}  // namespace tarn
+
+#endif

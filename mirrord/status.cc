@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/status.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+
+#include "client/text.h"
+#include "client/unique_fd.h"
+
+namespace tarn {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json to_json(const MirrorStatus &status) {
+  Json json;
+  json["pid"] = status.pid;
+  json["running"] = status.running;
+  json["source"] = json_bytes(status.source);
+  json["replica"] = json_bytes(status.replica);
+  json["problems"] = status.problems();
+  json["lost"] = status.lost;
+  json["malformed"] = status.malformed;
+  json["caught_up_to_ns"] = status.caught_up_to_ns;
+  std::uint64_t messages = 0, bytes = 0, failures = 0;
+  Json rules = Json::array();
+  for (const auto &[uuid, rule] : status.rules) {
+    rules.push_back({{"uuid", to_string(uuid)},
+                     {"last_wseq", rule.last_wseq},
+                     {"messages", rule.messages},
+                     {"bytes", rule.bytes},
+                     {"failures", rule.failures},
+                     {"gaps", rule.gaps},
+                     {"duplicates", rule.duplicates},
+                     {"stopped", rule.stopped}});
+    messages += rule.messages;
+    bytes += rule.bytes;
+    failures += rule.failures;
+  }
+  json["messages"] = messages;
+  json["bytes"] = bytes;
+  json["failures"] = failures;
+  json["rules"] = std::move(rules);
+  return json;
+}
+
+}  // namespace
+
+std::uint64_t MirrorStatus::problems() const {
+  std::uint64_t count = lost + malformed;
+  for (const auto &[uuid, rule] : rules) count += rule.failures + rule.gaps + rule.stopped;
+  return count;
+}
+
+Result<void> write_status(const std::string &file, const MirrorStatus &status) {
+  const std::string text = to_json(status).dump(2) + "\n";
+  const std::string what = "cannot write the status file " + printable(file);
+  std::string temporary = file + ".XXXXXX";
+  UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
+  if (!fd) return system_error(errno, what);
+  int err = 0;
+  if (fchmod(fd.get(), 0644) != 0) err = errno;
+  if (err == 0 && ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
+    err = errno ? errno : ENOSPC;
+  if (err == 0 && rename(temporary.c_str(), file.c_str()) != 0) err = errno;
+  if (err == 0) return {};
+  ::unlink(temporary.c_str());
+  return system_error(err, what);
+}
+
+Result<CatchUpState> read_status(const std::string &file) {
+  std::ifstream in(file);
+  if (!in)
+    return system_error(
+        ENOENT, "cannot read the status file " + printable(file) + ": no mirrord writes it");
+  const Json json = Json::parse(in, nullptr, false);
+  CatchUpState state;
+  try {
+    state.pid = json.at("pid").get<pid_t>();
+    state.running = json.at("running").get<bool>();
+    state.caught_up_to_ns = json.at("caught_up_to_ns").get<std::int64_t>();
+    state.problems = json.at("problems").get<std::uint64_t>();
+  } catch (const Json::exception &) {
+    return Error{-EBADMSG, printable(file) + " is not the status file of a mirrord"};
+  }
+  return state;
+}
+
+std::int64_t monotonic_ns() {
+  return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+}
+
+}  // namespace tarn

@@ -1,0 +1,61 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * What a mirrord has done, and the file in which it says so: one JSON object, replaced in one step,
+ * so that a reader never sees half of it. mirrord(8) lists the fields.
+ */
+#ifndef TARN_MIRRORD_STATUS_H
+#define TARN_MIRRORD_STATUS_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "client/result.h"
+#include "client/uuid.h"
+
+namespace tarn {
+
+struct RuleStatus {
+  std::uint32_t last_wseq = 0; /* of the last record that was dealt with */
+  std::uint64_t messages = 0;  /* records; of a large write, each page */
+  std::uint64_t bytes = 0;     /* written data */
+  std::uint64_t failures = 0;  /* messages that could not be applied */
+  std::uint64_t gaps = 0;      /* times that numbers were missing, at the beginning too */
+  std::uint64_t duplicates = 0;
+  bool stopped = false; /* the module captures nothing more for it */
+};
+
+struct MirrorStatus {
+  pid_t pid = 0;
+  bool running = true;
+  std::string source;
+  std::string replica;
+  std::uint64_t lost = 0;      /* times that the module could not deliver a message */
+  std::uint64_t malformed = 0; /* packets that are no messages */
+  /* Everything that programs had changed at this time of the monotonic clock is in the replica;
+   * nanoseconds. */
+  std::int64_t caught_up_to_ns = 0;
+  std::map<Uuid, RuleStatus> rules;
+
+  /* Things that went wrong and make the replica suspect. */
+  std::uint64_t problems() const;
+};
+
+Result<void> write_status(const std::string &file, const MirrorStatus &status);
+
+/* What a waiting program needs of the file. */
+struct CatchUpState {
+  pid_t pid = 0;
+  bool running = false;
+  std::int64_t caught_up_to_ns = 0;
+  std::uint64_t problems = 0;
+};
+Result<CatchUpState> read_status(const std::string &file);
+
+std::int64_t monotonic_ns();
+
+}  // namespace tarn
+
+#endif

@@ -1,0 +1,59 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The commands of the tool. Each is a function from its arguments to the process's exit code; what
+ * it says goes to stdout, and what went wrong, one line, to stderr.
+ */
+#ifndef TARN_TARN_COMMANDS_H
+#define TARN_TARN_COMMANDS_H
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/result.h"
+
+namespace tarn {
+
+/* The exit codes, as tarn(1) lists them. */
+enum Exit {
+  kExitOk = 0,
+  kExitFailed = 1,      /* what was asked for was refused or did not work */
+  kExitUsage = 2,       /* the command line is wrong */
+  kExitNoTarnd = 3,     /* no tarnd runs in the run directory */
+  kExitCannotStart = 4, /* tarnd was not found or did not start */
+};
+
+enum class Format { kText, kJson };
+
+/* Prints the error as one line and returns the exit code for it. */
+int fail(const Error &error);
+
+int mount_command(const std::string &lower, const std::string &mountpoint);
+int umount_command(const std::string &mountpoint, bool lazily);
+int stop_command();
+
+int rule_add_command(const std::optional<std::string> &uuid,
+                     const std::vector<std::string> &include,
+                     const std::vector<std::string> &exclude);
+int rule_delete_command(const std::string &uuid);
+int rule_list_command(Format format);
+int rule_show_command(const std::string &uuid, Format format);
+int rule_flush_command();
+
+struct LogOptions {
+  unsigned level = 7; /* the least serious that is shown */
+  bool follow = false;
+};
+int log_command(const LogOptions &options);
+
+struct WatchOptions {
+  Format format = Format::kText;
+  bool take_over = false;
+};
+int watch_command(const WatchOptions &options);
+
+int status_command(Format format);
+
+}  // namespace tarn
+
+#endif

@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: GPL-2.0
+// mount, umount and stop: the life of tarnd and of its mounts.
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "client/control.h"
+#include "client/paths.h"
+#include "client/run_dir.h"
+#include "client/text.h"
+#include "client/unique_fd.h"
+#include "module/os_public/Include/ox_ctl.h"
+#include "tarn/commands.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr auto kStopPatience = std::chrono::seconds(30);
+
+/* The whole path of an existing directory, without symbolic links. */
+Result<std::string> directory(const std::string &path, const std::string &role) {
+  std::error_code error;
+  const fs::path whole = fs::canonical(path, error);
+  const std::string what = fmt::format("cannot mount: the {} {}", role, printable(path));
+  if (error == std::errc::no_such_file_or_directory)
+    return Error{-ENOENT, what + " does not exist: create the directory first"};
+  if (error) return system_error(error.value(), what);
+  if (!fs::is_directory(whole, error))
+    return Error{-ENOTDIR, what + " is not a directory: name one"};
+  return whole.string();
+}
+
+bool runnable(const fs::path &path) {
+  std::error_code error;
+  return fs::is_regular_file(path, error) && access(path.c_str(), X_OK) == 0;
+}
+
+/* Beside this program, in its build tree or installation, or in PATH. */
+Result<std::string> find_tarnd() {
+  std::error_code error;
+  const fs::path here = fs::read_symlink("/proc/self/exe", error).parent_path();
+  for (const char *place : {"tarnd", "../tarnd/tarnd", "../sbin/tarnd", "../libexec/tarn/tarnd"}) {
+    if (!error && runnable(here / place)) return (here / place).lexically_normal().string();
+  }
+  const char *path = std::getenv("PATH");
+  std::string_view rest = path ? path : "";
+  while (!rest.empty()) {
+    const std::string_view folder = rest.substr(0, rest.find(':'));
+    rest.remove_prefix(std::min(rest.size(), folder.size() + 1));
+    if (!folder.empty() && runnable(fs::path(folder) / "tarnd"))
+      return (fs::path(folder) / "tarnd").string();
+  }
+  return Error{
+      -ENOENT,
+      fmt::format("tarnd was not found beside {}, in ../sbin, in ../libexec/tarn or in PATH: "
+                  "install it, or put its folder in PATH",
+                  printable(here.string()))};
+}
+
+/* What a program wrote to the file that was its stderr, without the last newline. */
+std::string written(int fd) {
+  std::string text;
+  char part[4096];
+  ssize_t got;
+  while ((got = pread(fd, part, sizeof(part), static_cast<off_t>(text.size()))) > 0)
+    text.append(part, static_cast<std::size_t>(got));
+  while (text.ends_with('\n')) text.pop_back();
+  return text;
+}
+
+/* Starts tarnd, which goes to the background by itself once it serves; an error is what tarnd said.
+ */
+Result<void> start_tarnd(const std::string &run_dir) {
+  const auto program = find_tarnd();
+  if (!program) return program.error();
+  const std::string what = "cannot start " + printable(*program);
+  // A file and not a pipe: a tarnd that has gone to the background may keep it open.
+  const UniqueFd errors(memfd_create("tarnd-stderr", MFD_CLOEXEC));
+  if (!errors) return system_error(errno, what);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+  posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, errors.get(), 2);
+  std::string option = "--run-dir", name = "tarnd", directory = run_dir;
+  char *arguments[] = {name.data(), option.data(), directory.data(), nullptr};
+  pid_t pid;
+  const int err = posix_spawn(&pid, program->c_str(), &actions, nullptr, arguments, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (err != 0) return system_error(err, what);
+  int status = 0;
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return {};
+  std::string said = written(errors.get());
+  if (said.empty())
+    said = WIFSIGNALED(status)
+               ? fmt::format("{} was ended by signal {}", *program, WTERMSIG(status))
+               : fmt::format("{} failed and did not say why: try '{} --foreground'",
+                             printable(*program), *program);
+  return Error{-ECHILD, said};
+}
+
+Result<pid_t> tarnd_pid(const std::string &run_dir) {
+  pid_t pid = 0;
+  std::ifstream file(run_dir + "/" + OX_CTL_PID_FILE);
+  if (!(file >> pid) || pid <= 1)
+    return Error{-ESRCH, fmt::format("the process id of tarnd is not in {}",
+                                     printable(run_dir + "/" OX_CTL_PID_FILE))};
+  return pid;
+}
+
+/* Ends tarnd and waits until nobody answers any more. */
+Result<void> stop_tarnd(const std::string &run_dir) {
+  if (auto channel = ControlChannel::connect(run_dir); !channel) return channel.error();
+  const auto pid = tarnd_pid(run_dir);
+  if (!pid) return pid.error();
+  if (kill(*pid, SIGTERM) != 0)
+    return system_error(errno, fmt::format("cannot end tarnd (process {})", *pid));
+  const auto deadline = std::chrono::steady_clock::now() + kStopPatience;
+  while (kill(*pid, 0) == 0) {
+    if (std::chrono::steady_clock::now() > deadline)
+      return Error{
+          -EBUSY,
+          fmt::format("tarnd (process {}) did not end: a mount may be busy; see 'tarn status'",
+                      *pid)};
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return {};
+}
+
+}  // namespace
+
+int mount_command(const std::string &lower, const std::string &mountpoint) {
+  const auto from = directory(lower, "lower directory");
+  if (!from) return fail(from.error());
+  const auto at = directory(mountpoint, "mount point");
+  if (!at) return fail(at.error());
+
+  const std::string run_dir = run_directory();
+  auto channel = ControlChannel::connect(run_dir);
+  bool started = false;
+  if (!channel && nobody_there(channel.error())) {
+    const auto start = start_tarnd(run_dir);
+    channel = ControlChannel::connect(run_dir);
+    // Whoever started it, it is there. If not, tarnd's own words say why.
+    if (!channel && !start) {
+      // tarnd's lines begin with its own name.
+      std::fprintf(stderr, "%s%s\n", start.error().text.starts_with("tarnd:") ? "" : "tarn: ",
+                   start.error().text.c_str());
+      return kExitCannotStart;
+    }
+    started = start.ok();
+  }
+  if (!channel) return fail(channel.error());
+  const auto mounted = channel->mount(*from, *at);
+  if (mounted) return kExitOk;
+  if (started) {
+    if (auto stopped = stop_tarnd(run_dir); !stopped) fail(stopped.error());
+  }
+  return fail(mounted.error());
+}
+
+int umount_command(const std::string &mountpoint, bool lazily) {
+  auto channel = ControlChannel::connect(run_directory());
+  if (!channel) return fail(channel.error());
+  const auto how = lazily ? ControlChannel::Umount::kLazily : ControlChannel::Umount::kIfIdle;
+  const auto done = channel->umount(whole_mountpoint(mountpoint), how);
+  return done ? kExitOk : fail(done.error());
+}
+
+int stop_command() {
+  const auto stopped = stop_tarnd(run_directory());
+  return stopped ? kExitOk : fail(stopped.error());
+}
+
+}  // namespace tarn

@@ -1,0 +1,78 @@
+// SPDX-License-Identifier: GPL-2.0
+// status: everything about a running tarn at a glance.
+#include <iostream>
+
+#include <fmt/format.h>
+
+#include "client/control.h"
+#include "client/daemon_lock.h"
+#include "client/run_dir.h"
+#include "client/text.h"
+#include "tarn/commands.h"
+#include "tarn/report.h"
+
+namespace tarn {
+namespace {
+
+struct Status {
+  std::string run_dir;
+  std::vector<Mount> mounts;
+  Result<std::vector<Rule>> rules; /* an error if the caller may not read them */
+  std::optional<pid_t> daemon;
+};
+
+void print_json(const Status &status) {
+  nlohmann::ordered_json json;
+  json["run_dir"] = json_bytes(status.run_dir);
+  json["mounts"] = nlohmann::ordered_json::array();
+  for (const Mount &mount : status.mounts) {
+    json["mounts"].push_back({{"lower", json_bytes(mount.lower)},
+                              {"mountpoint", json_bytes(mount.mountpoint)},
+                              {"options", json_bytes(mount.options)}});
+  }
+  if (status.rules) {
+    json["rules"] = nlohmann::ordered_json::array();
+    for (const Rule &rule : *status.rules) json["rules"].push_back(rule_json(rule));
+  }
+  json["daemon_pid"] =
+      status.daemon ? nlohmann::ordered_json(*status.daemon) : nlohmann::ordered_json(nullptr);
+  std::cout << json.dump(2) << '\n';
+}
+
+void print_text(const Status &status) {
+  std::cout << "tarnd: running in " << printable(status.run_dir) << '\n';
+  for (const Mount &mount : status.mounts)
+    std::cout << "mount: " << printable(mount.lower) << " at " << printable(mount.mountpoint)
+              << '\n';
+  if (status.mounts.empty()) std::cout << "mount: none; 'tarn mount LOWER MOUNTPOINT' makes one\n";
+  if (!status.rules) {
+    std::cout << "rules: " << status.rules.error().text << '\n';
+  } else {
+    for (const Rule &rule : *status.rules) std::cout << "rule: " << rule_line(rule) << '\n';
+    if (status.rules->empty()) std::cout << "rule: none; 'tarn rule add --include DIR' makes one\n";
+  }
+  if (status.daemon)
+    std::cout << "daemon: process " << *status.daemon << '\n';
+  else
+    std::cout << "daemon: none; changes are not sent to anybody\n";
+}
+
+}  // namespace
+
+int status_command(Format format) {
+  const std::string run_dir = run_directory();
+  auto channel = ControlChannel::connect(run_dir);
+  if (!channel) return fail(channel.error());
+  auto mounts = channel->mounts();
+  if (!mounts) return fail(mounts.error());
+  const auto daemon = registered_daemon(run_dir);
+  if (!daemon) return fail(daemon.error());
+  const Status status{run_dir, std::move(*mounts), channel->list_rules(), *daemon};
+  if (format == Format::kJson)
+    print_json(status);
+  else
+    print_text(status);
+  return kExitOk;
+}
+
+}  // namespace tarn

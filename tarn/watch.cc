@@ -1,0 +1,140 @@
+// SPDX-License-Identifier: GPL-2.0
+// watch: shows the change records as they arrive. It is the daemon while it runs.
+#include <csignal>
+#include <iostream>
+
+#include <fmt/format.h>
+
+#include "client/daemon.h"
+#include "client/pages.h"
+#include "client/run_dir.h"
+#include "client/sequence.h"
+#include "client/signal_fd.h"
+#include "client/text.h"
+#include "tarn/commands.h"
+#include "tarn/report.h"
+
+namespace tarn {
+namespace {
+
+void say(const std::string &text) {
+  std::cerr << "tarn: " << text << '\n';
+}
+
+class Watcher : public Sequencer::Sink {
+ public:
+  explicit Watcher(Format format) : format_(format), sequencer_(*this) {}
+
+  void packet(Bytes packet) {
+    const auto message = decode(packet);
+    if (!message) return say(message.error().text);
+    if (const auto *record = std::get_if<Record>(&*message))
+      sequencer_.add(*record, packet, Sequencer::Clock::now());
+    else if (const auto *stop = std::get_if<StopRule>(&*message))
+      stopped(stop->rule);
+  }
+
+  void expire() { sequencer_.expire(Sequencer::Clock::now()); }
+  void finish() { sequencer_.finish(); }
+
+  /* How long to wait for packets before expire() has something to do. */
+  DaemonChannel::Milliseconds patience() const {
+    const auto deadline = sequencer_.next_deadline();
+    if (!deadline) return DaemonChannel::Milliseconds(-1);
+    const auto left =
+        std::chrono::ceil<DaemonChannel::Milliseconds>(*deadline - Sequencer::Clock::now());
+    return std::max(left, DaemonChannel::Milliseconds(0));
+  }
+
+  void record(const Record &record, Sequencer::Order) override {
+    if (!std::holds_alternative<WritePage>(record.change)) return show(record);
+    const auto place = pages_.follow(record);
+    if (!place)
+      return say(
+          fmt::format("rule {} #{}: {}", to_string(record.rule), record.wseq, place.error().text));
+    if (place->last) show_paged(record, *place);
+  }
+
+  void event(const Uuid &rule, const Sequencer::Event &event) override {
+    if (format_ == Format::kJson)
+      std::cout << event_json(rule, event) << '\n';
+    else
+      say(fmt::format("rule {}: {}", to_string(rule), event_line(event)));
+  }
+
+ private:
+  void show(const Record &record) {
+    if (format_ == Format::kJson)
+      std::cout << record_json(record) << '\n';
+    else
+      std::cout << record_line(record) << '\n';
+  }
+
+  /* A write of several pages is one record, and one line. */
+  void show_paged(const Record &record, const PageFollower::Place &place) {
+    const auto &page = std::get<WritePage>(record.change);
+    Record whole = record;
+    whole.change = Write{place.path, place.start, {}};
+    if (format_ == Format::kJson) {
+      auto json = record_json(whole);
+      json["bytes"] = place.bytes;
+      json["pages"] = page.pages;
+      std::cout << json << '\n';
+    } else {
+      std::cout << fmt::format("{} #{} {} write {} offset {} bytes {} pages {}\n",
+                               to_string(record.rule), record.wseq, utc_time(record.ts),
+                               printable(place.path), place.start, place.bytes, page.pages);
+    }
+  }
+
+  void stopped(const Uuid &rule) {
+    if (format_ == Format::kJson)
+      std::cout << nlohmann::ordered_json{{"rule", to_string(rule)}, {"event", "stopped"}} << '\n';
+    else
+      say(fmt::format("rule {}: stopped by the module, which ran out of memory for it",
+                      to_string(rule)));
+  }
+
+  Format format_;
+  Sequencer sequencer_;
+  PageFollower pages_;
+};
+
+void lost(Format format, std::uint64_t times) {
+  if (format == Format::kJson)
+    std::cout << nlohmann::ordered_json{{"event", "lost"}, {"messages", times}} << '\n';
+  else
+    say(fmt::format("the module could not deliver {} messages", times));
+}
+
+}  // namespace
+
+int watch_command(const WatchOptions &options) {
+  auto signals = SignalFd::block({SIGINT, SIGTERM});
+  if (!signals) return fail(signals.error());
+  auto channel = DaemonChannel::open(run_directory(),
+                                     options.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
+  if (!channel) {
+    Error error = channel.error();
+    if (error.code == -EBUSY) error.text += " with --take-over";
+    return fail(error);
+  }
+  Watcher watcher(options.format);
+  for (;;) {
+    const auto received = (*channel)->receive(watcher.patience(), signals->fd());
+    if (!received) return fail(received.error());
+    for (const Bytes packet : received->packets) watcher.packet(packet);
+    watcher.expire();
+    if (received->lost != 0) lost(options.format, received->lost);
+    std::cout.flush();
+    if (received->closed)
+      return fail({-EPIPE, "tarnd has ended, so there is nothing more to watch"});
+    if (received->woken && received->packets.empty() && signals->take() != 0) break;
+    if (!std::cout) break;
+  }
+  watcher.finish();
+  const auto left = (*channel)->leave();
+  return left ? kExitOk : fail(left.error());
+}
+
+}  // namespace tarn

@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: GPL-2.0
+// Runs a fuzzer's function on the files of a folder: the corpus as a plain test, with any compiler.
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
+
+int main(int argc, char **argv) {
+  int files = 0;
+  for (int i = 1; i < argc; ++i) {
+    for (const auto &entry : std::filesystem::directory_iterator(argv[i])) {
+      std::ifstream in(entry.path(), std::ios::binary);
+      const std::string bytes{std::istreambuf_iterator<char>(in), {}};
+      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size());
+      ++files;
+    }
+  }
+  std::printf("%d inputs\n", files);
+  return files > 0 ? 0 : 1;
+}

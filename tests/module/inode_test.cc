@@ -1,0 +1,301 @@
+// SPDX-License-Identifier: GPL-2.0
+// Binding of upper to lower objects: lookup, the one inode of many names, refreshed attributes,
+// permission.
+#include "tests/module/mounted.h"
+
+namespace {
+
+struct qstr qstr_of(const char *name) {
+  struct qstr text;
+  text.name = reinterpret_cast<const unsigned char *>(name);
+  text.len = strlen(name);
+  text.hash = full_name_hash(text.name, text.len);
+  return text;
+}
+
+// The cached dentry of a name, with a reference; null when there is none.
+struct dentry *cached(const char *dir, const char *name) {
+  const test_walk walk(dir);
+  if (walk.error()) return nullptr;
+  struct qstr text = qstr_of(name);
+  return d_lookup(walk.dentry(), &text);
+}
+
+void forget_upper_names() {
+  uk_drop_caches();
+}
+
+// The current task acts as an ordinary user until the end of the scope.
+class as_user {
+ public:
+  explicit as_user(unsigned uid)
+      : fsuid_(current->fsuid), fsgid_(current->fsgid), caps_(current->cap_effective) {
+    current->fsuid = uid;
+    current->fsgid = uid;
+    cap_clear(current->cap_effective);
+  }
+  ~as_user() {
+    current->fsuid = fsuid_;
+    current->fsgid = fsgid_;
+    current->cap_effective = caps_;
+  }
+
+ private:
+  uid_t fsuid_;
+  gid_t fsgid_;
+  kernel_cap_t caps_;
+};
+
+}  // namespace
+
+MODULE_CASE(inode, missing_name_is_a_negative_dentry_that_a_creation_binds) {
+  test_mount mount;
+  EXPECT_EQ(test_walk("/mnt/f").error(), -ENOENT);
+  struct dentry *dentry = cached("/mnt", "f");
+  struct dentry *lower = cached("/lower", "f");
+  REQUIRE_TRUE(dentry && lower);
+  EXPECT_EQ(dentry->d_inode, nullptr);
+  EXPECT_EQ(lower->d_inode, nullptr);
+  EXPECT_EQ(tarn_lower_dentry(dentry), lower);
+
+  EXPECT_EQ(test_put("/mnt/f", "x"), 1);
+  {
+    const test_walk walk("/mnt/f");
+    EXPECT_EQ(walk.error(), 0);
+    EXPECT_EQ(walk.dentry(), dentry);
+    EXPECT_EQ(tarn_lower_dentry(walk.dentry()), lower);
+    EXPECT_EQ(tarn_lower_inode(walk.inode()), lower->d_inode);
+  }
+  dput(lower);
+  dput(dentry);
+}
+
+MODULE_CASE(inode, two_names_of_one_lower_file_are_one_upper_inode) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/a", "x"), 1);
+  REQUIRE_EQ(test_link("/lower/a", "/lower/b"), 0);
+  const test_walk a("/mnt/a");
+  const test_walk b("/mnt/b");
+  REQUIRE_TRUE(!a.error() && !b.error());
+  EXPECT_NE(a.dentry(), b.dentry());
+  EXPECT_EQ(a.inode(), b.inode());
+  EXPECT_EQ(a.inode()->i_ino, tarn_lower_inode(a.inode())->i_ino);
+}
+
+MODULE_CASE(inode, denied_writing_is_cleared_on_a_regular_file_and_logged_once) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/program", "x"), 1);
+  const test_walk lower("/lower/program");
+  REQUIRE_EQ(lower.error(), 0);
+  atomic_set(&lower.inode()->i_writecount, -1);
+  { const test_walk upper("/mnt/program"); }
+  EXPECT_EQ(atomic_read(&lower.inode()->i_writecount), 0);
+  EXPECT_EQ(case_log_count("tarn_lookup: program's lower_inode->i_writecount=-1, adjust it"), 1);
+}
+
+MODULE_CASE(inode, denied_writing_of_a_directory_or_device_is_left_alone) {
+  test_mount mount;
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  REQUIRE_EQ(test_mknod("/lower/dev", S_IFCHR | 0644, 0x0103), 0);
+  const test_walk dir("/lower/d");
+  const test_walk dev("/lower/dev");
+  atomic_set(&dir.inode()->i_writecount, -1);
+  atomic_set(&dev.inode()->i_writecount, -2);
+  {
+    const test_walk upper_dir("/mnt/d");
+    const test_walk upper_dev("/mnt/dev");
+    EXPECT_EQ(upper_dir.error(), 0);
+    EXPECT_EQ(upper_dev.error(), 0);
+  }
+  EXPECT_EQ(atomic_read(&dir.inode()->i_writecount), -1);
+  EXPECT_EQ(atomic_read(&dev.inode()->i_writecount), -2);
+  EXPECT_FALSE(case_logged("tarn_lookup: d's lower_inode->i_writecount=-1, adjust it"));
+  EXPECT_FALSE(case_logged("tarn_lookup: dev's lower_inode->i_writecount=-2, adjust it"));
+  atomic_set(&dir.inode()->i_writecount, 0);
+  atomic_set(&dev.inode()->i_writecount, 0);
+}
+
+MODULE_CASE(inode, count_of_writers_is_not_touched) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  const test_walk lower("/lower/f");
+  const unsigned long long before = test_log_end();
+  atomic_set(&lower.inode()->i_writecount, 2);
+  { const test_walk upper("/mnt/f"); }
+  EXPECT_EQ(atomic_read(&lower.inode()->i_writecount), 2);
+  atomic_set(&lower.inode()->i_writecount, 0);
+  forget_upper_names();
+  { const test_walk upper("/mnt/f"); }
+  EXPECT_EQ(atomic_read(&lower.inode()->i_writecount), 0);
+  EXPECT_EQ(test_log_end(), before);
+}
+
+MODULE_CASE(inode, lower_mount_point_is_followed_down) {
+  test_mount mount;
+  REQUIRE_EQ(test_mkdir("/lower/sub"), 0);
+  REQUIRE_EQ(uk_fs_mount("none", "/lower/sub", "memfs", 0, nullptr), 0);
+  REQUIRE_EQ(test_put("/lower/sub/f", "inside"), 6);
+  {
+    const test_walk lower("/lower/sub");
+    const test_walk upper("/mnt/sub");
+    REQUIRE_EQ(upper.error(), 0);
+    EXPECT_EQ(tarn_lower_dentry(upper.dentry()), lower.dentry());
+    EXPECT_EQ(tarn_lower_mnt(upper.dentry()), lower.mnt());
+    EXPECT_EQ(lower.dentry(), lower.mnt()->mnt_root);
+  }
+  EXPECT_TRUE(test_holds("/mnt/sub/f", "inside"));
+  forget_upper_names();  // which hold the mount
+  EXPECT_EQ(uk_fs_umount("/lower/sub", 0), 0);
+}
+
+MODULE_CASE(inode, character_device_has_the_lower_number_and_type) {
+  test_mount mount;
+  REQUIRE_EQ(test_mknod("/lower/dev", S_IFCHR | 0640, 0x0107), 0);
+  const test_walk lower("/lower/dev");
+  const test_walk upper("/mnt/dev");
+  REQUIRE_TRUE(!lower.error() && !upper.error());
+  EXPECT_TRUE(S_ISCHR(upper.inode()->i_mode));
+  EXPECT_EQ(upper.inode()->i_rdev, lower.inode()->i_rdev);
+  EXPECT_EQ(upper.inode()->i_fop, &def_chr_fops);
+  EXPECT_EQ(upper.inode()->i_op, &tarn_main_iops);
+}
+
+MODULE_CASE(inode, each_kind_has_its_tables) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  REQUIRE_EQ(test_symlink("f", "/lower/l"), 0);
+  REQUIRE_EQ(test_mknod("/lower/fifo", S_IFIFO | 0644, 0), 0);
+  const test_walk file("/mnt/f");
+  const test_walk dir("/mnt/d");
+  const test_walk link("/mnt/l");
+  const test_walk fifo("/mnt/fifo");
+  EXPECT_EQ(file.inode()->i_op, &tarn_main_iops);
+  EXPECT_EQ(file.inode()->i_fop, &tarn_main_fops);
+  EXPECT_EQ(file.inode()->i_mapping->a_ops, &tarn_aops);
+  EXPECT_EQ(dir.inode()->i_op, &tarn_dir_iops);
+  EXPECT_EQ(dir.inode()->i_fop, &tarn_dir_fops);
+  EXPECT_EQ(link.inode()->i_op, &tarn_symlink_iops);
+  EXPECT_TRUE(S_ISFIFO(fifo.inode()->i_mode));
+  EXPECT_EQ(fifo.inode()->i_fop, &def_fifo_fops);
+  EXPECT_EQ(file.dentry()->d_op, &tarn_dops);
+  EXPECT_EQ(dir.dentry()->d_op, &tarn_dops);
+}
+
+MODULE_CASE(inode, tables_have_exactly_their_slots) {
+  EXPECT_EQ(tarn_dir_iops.getattr, nullptr);
+  EXPECT_EQ(tarn_dir_iops.readlink, nullptr);
+  EXPECT_EQ(tarn_dir_iops.truncate, nullptr);
+  EXPECT_NE(tarn_dir_iops.rename, nullptr);
+  EXPECT_EQ(tarn_symlink_iops.getattr, nullptr);
+  EXPECT_EQ(tarn_symlink_iops.lookup, nullptr);
+  EXPECT_NE(tarn_symlink_iops.put_link, nullptr);
+  EXPECT_NE(tarn_main_iops.getattr, nullptr);
+  EXPECT_EQ(tarn_main_iops.create, nullptr);
+  EXPECT_EQ(tarn_main_iops.readlink, nullptr);
+  EXPECT_EQ(tarn_main_iops.permission, tarn_dir_iops.permission);
+  EXPECT_EQ(tarn_main_iops.setattr, tarn_symlink_iops.setattr);
+}
+
+MODULE_CASE(inode, file_reports_the_lower_attributes_as_they_are_now) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  const test_walk upper("/mnt/f");
+  const test_walk lower("/lower/f");
+  lower.inode()->i_mode = S_IFREG | 0751;
+  struct uk_stat stat;
+  REQUIRE_EQ(test_stat("/mnt/f", &stat), 0);
+  EXPECT_EQ(stat.mode, S_IFREG | 0751u);
+  EXPECT_EQ(upper.inode()->i_mode, S_IFREG | 0644);
+}
+
+MODULE_CASE(inode, directory_reports_its_copied_attributes_until_it_is_looked_up_again) {
+  test_mount mount;
+  REQUIRE_EQ(test_mkdir("/lower/d", 0755), 0);
+  struct uk_stat stat;
+  REQUIRE_EQ(test_stat("/mnt/d", &stat), 0);
+  const test_walk lower("/lower/d");
+  lower.inode()->i_mode = S_IFDIR | 0711;
+  REQUIRE_EQ(test_stat("/mnt/d", &stat), 0);
+  EXPECT_EQ(stat.mode, S_IFDIR | 0755u);
+  forget_upper_names();
+  REQUIRE_EQ(test_stat("/mnt/d", &stat), 0);
+  EXPECT_EQ(stat.mode, S_IFDIR | 0711u);
+}
+
+MODULE_CASE(inode, permission_is_the_lower_inode_s) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  const test_walk lower("/lower/f");
+  const test_walk upper("/mnt/f");
+  lower.inode()->i_mode = S_IFREG | 0600;
+  EXPECT_EQ(upper.inode()->i_mode, S_IFREG | 0644);
+  as_user user(1000);
+  EXPECT_EQ(test_file("/mnt/f", O_RDONLY).error(), -EACCES);
+  lower.inode()->i_mode = S_IFREG | 0644;
+  EXPECT_EQ(test_file("/mnt/f", O_RDONLY).error(), 0);
+}
+
+MODULE_CASE(inode, permission_lends_the_lower_path_and_takes_it_back) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  const test_walk upper("/mnt/f");
+  struct nameidata nd;
+  memset(&nd, 0, sizeof(nd));
+  nd.dentry = upper.dentry();
+  nd.mnt = upper.mnt();
+  EXPECT_EQ(tarn_main_iops.permission(upper.inode(), MAY_READ, &nd), 0);
+  EXPECT_EQ(nd.dentry, upper.dentry());
+  EXPECT_EQ(nd.mnt, upper.mnt());
+  EXPECT_EQ(tarn_main_iops.permission(upper.inode(), MAY_READ, nullptr), 0);
+}
+
+MODULE_CASE(inode, lookup_takes_over_the_directory_s_access_time) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  const test_walk root("/mnt");
+  const test_walk lower("/lower");
+  lower.inode()->i_atime.tv_sec = 12345;
+  { const test_walk upper("/mnt/f"); }
+  EXPECT_EQ(root.inode()->i_atime.tv_sec, 12345);
+}
+
+MODULE_CASE(inode, lower_inode_that_is_going_is_stale) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  const test_walk lower("/lower/f");
+  const test_walk upper("/mnt");
+  struct qstr text = qstr_of("f");
+  struct dentry *dentry = d_alloc(upper.dentry(), &text);
+  REQUIRE_TRUE(dentry);
+  lower.inode()->i_state |= I_FREEING;
+  EXPECT_EQ(tarn_interpose(lower.dentry(), dentry, upper.dentry()->d_sb, TARN_SPLICE), -ESTALE);
+  lower.inode()->i_state &= ~I_FREEING;
+  dput(dentry);
+}
+
+// Each allocation of a lookup fails once: the error is "no memory", or "no access" for the inode,
+// and every reference is given back (what is not is reported when the case ends).
+MODULE_CASE(inode, every_failing_allocation_of_a_lookup_is_undone) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  bool without_memory = false;
+  bool without_inode = false;
+  for (unsigned long n = 1;; n++) {
+    forget_upper_names();
+    int rc;
+    {
+      uk_fault_arm(n);
+      const test_walk walk("/mnt/f");
+      rc = walk.error();
+      uk_fault_arm(0);
+    }
+    if (!rc) break;
+    without_memory |= rc == -ENOMEM;
+    without_inode |= rc == -EACCES;
+    EXPECT_TRUE(rc == -ENOMEM || rc == -EACCES);
+    EXPECT_EQ(cached("/mnt", "f"), nullptr);
+  }
+  EXPECT_TRUE(without_memory);
+  EXPECT_TRUE(without_inode);
+}

@@ -1,0 +1,372 @@
+// SPDX-License-Identifier: GPL-2.0
+// Making and removing names: what happens below, what the upper directory shows, and which records
+// come in which order.
+#include "tests/module/mounted.h"
+#include "ukern/fs/memfs.h"
+
+namespace {
+
+// A rule for everything below, and the daemon that gets its records.
+struct replicated {
+  test_mount mount;
+  test_daemon daemon;
+  replicated() { EXPECT_EQ(test_add_rule('r', "/lower"), 0); }
+  ~replicated() { do_flush(0); }
+};
+
+// The cached dentry of a name, with a reference; null when there is none.
+struct dentry *cached(const char *dir, const char *name) {
+  const test_walk walk(dir);
+  if (walk.error()) return nullptr;
+  struct qstr text;
+  text.name = reinterpret_cast<const unsigned char *>(name);
+  text.len = strlen(name);
+  text.hash = full_name_hash(text.name, text.len);
+  return d_lookup(walk.dentry(), &text);
+}
+
+bool hashed(const char *path) {
+  const test_path at(path);
+  struct dentry *dentry = cached(at.dir, at.name);
+  if (dentry) dput(dentry);
+  return dentry != nullptr;
+}
+
+// The dentry of a name that is looked up and does not exist, with a reference.
+struct dentry *negative(const char *dir, const char *name) {
+  char path[256];
+  snprintf(path, sizeof(path), "%s/%s", dir, name);
+  { const test_walk missing(path); }
+  return cached(dir, name);
+}
+
+}  // namespace
+
+MODULE_CASE(namespace, create_yields_a_create_record_then_an_attribute_record) {
+  replicated r;
+  {
+    test_file file("/mnt/f", O_CREAT | O_WRONLY);
+    EXPECT_EQ(file.error(), 0);
+  }
+  EXPECT_TRUE(test_exists("/lower/f"));
+
+  const struct test_record &first = r.daemon.next();
+  EXPECT_EQ(first.type, OX_OP_COLLECT);
+  EXPECT_EQ(first.op(), OX_OP_CREATE);
+  EXPECT_EQ(first.msg()->wseq, 1u);
+  EXPECT_STREQ(first.path1(), "/lower/f");
+  EXPECT_EQ(first.para()->dlen2, 0);
+  EXPECT_EQ(first.para()->mode & 07777, 0644u);
+
+  const struct test_record &second = r.daemon.next();
+  EXPECT_EQ(second.op(), OX_OP_SETATTR);
+  EXPECT_EQ(second.msg()->wseq, 2u);
+  EXPECT_EQ(second.attr()->com.ia_valid, 0x47);
+  EXPECT_EQ(second.attr()->com.ia_size, 0ull);
+  EXPECT_EQ(second.attr()->sec.ia_uid, 0u);
+  EXPECT_STREQ(second.attr()->name, "/lower/f");
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+MODULE_CASE(namespace, create_gives_the_directory_the_lower_times_and_size) {
+  test_mount mount;
+  const test_walk lower("/lower");
+  const test_walk upper("/mnt");
+  lower.inode()->i_ctime.tv_sec = 1;
+  EXPECT_EQ(test_put("/mnt/f", "x"), 1);
+  EXPECT_EQ(upper.inode()->i_mtime.tv_sec, lower.inode()->i_mtime.tv_sec);
+  EXPECT_EQ(upper.inode()->i_ctime.tv_sec, lower.inode()->i_ctime.tv_sec);
+  EXPECT_NE(upper.inode()->i_ctime.tv_sec, 1);
+  EXPECT_EQ(i_size_read(upper.inode()), i_size_read(lower.inode()));
+}
+
+MODULE_CASE(namespace, mkdir_yields_two_records_and_counts_the_directory_s_links) {
+  replicated r;
+  EXPECT_EQ(test_mkdir("/mnt/d", 0750), 0);
+  EXPECT_TRUE(test_exists("/lower/d"));
+  const test_walk upper("/mnt");
+  const test_walk lower("/lower");
+  EXPECT_EQ(upper.inode()->i_nlink, lower.inode()->i_nlink);
+
+  const struct test_record &first = r.daemon.next();
+  EXPECT_EQ(first.op(), OX_OP_MKDIR);
+  EXPECT_STREQ(first.path1(), "/lower/d");
+  EXPECT_EQ(first.para()->mode & 07777, 0750u);
+  const struct test_record &second = r.daemon.next();
+  EXPECT_EQ(second.op(), OX_OP_SETATTR);
+  EXPECT_EQ(second.attr()->com.ia_valid, 0x47);
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+MODULE_CASE(namespace, fifo_is_made_below_and_not_recorded) {
+  replicated r;
+  EXPECT_EQ(test_mknod("/mnt/fifo", S_IFIFO | 0640, 0), 0);
+  struct uk_stat stat = {};
+  EXPECT_EQ(test_stat("/lower/fifo", &stat), 0);
+  EXPECT_TRUE(S_ISFIFO(stat.mode));
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+MODULE_CASE(namespace, refused_rmdir_is_recorded_all_the_same) {
+  replicated r;
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  REQUIRE_EQ(test_put("/lower/d/f", "x"), 1);
+  EXPECT_EQ(test_rmdir("/mnt/d"), -ENOTEMPTY);
+  EXPECT_TRUE(test_exists("/lower/d"));
+  const struct test_record &record = r.daemon.next();
+  EXPECT_EQ(record.op(), OX_OP_RMDIR);
+  EXPECT_STREQ(record.path1(), "/lower/d");
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+MODULE_CASE(namespace, rmdir_removes_below_and_records_the_path_it_had) {
+  replicated r;
+  REQUIRE_EQ(test_mkdir("/mnt/d"), 0);
+  EXPECT_EQ(r.daemon.drain(), 2);
+  EXPECT_EQ(test_rmdir("/mnt/d"), 0);
+  EXPECT_FALSE(test_exists("/lower/d"));
+  EXPECT_FALSE(test_exists("/mnt/d"));
+  const struct test_record &record = r.daemon.next();
+  EXPECT_EQ(record.op(), OX_OP_RMDIR);
+  EXPECT_STREQ(record.path1(), "/lower/d");
+  EXPECT_EQ(r.daemon.next().type, -1);
+  const test_walk upper("/mnt");
+  const test_walk lower("/lower");
+  EXPECT_EQ(upper.inode()->i_nlink, lower.inode()->i_nlink);
+}
+
+MODULE_CASE(namespace, link_drops_both_names_and_records_both_paths) {
+  replicated r;
+  REQUIRE_EQ(test_put("/lower/a", "data"), 4);
+  const test_walk old("/mnt/a");
+  const test_walk dir("/mnt");
+  struct dentry *fresh = negative("/mnt", "b");
+  REQUIRE_TRUE(fresh);
+  {
+    mutex_guard parent(dir.inode()->i_mutex, I_MUTEX_PARENT);
+    EXPECT_EQ(tarn_dir_iops.link(old.dentry(), dir.inode(), fresh), 0);
+  }
+  EXPECT_TRUE(d_unhashed(old.dentry()));
+  EXPECT_TRUE(d_unhashed(fresh));
+  EXPECT_TRUE(d_unhashed(tarn_lower_dentry(old.dentry())));
+  EXPECT_EQ(fresh->d_inode, old.inode());
+  EXPECT_EQ(old.inode()->i_nlink, 2u);
+  EXPECT_EQ(i_size_read(old.inode()), 4);
+  dput(fresh);
+
+  const struct test_record &record = r.daemon.next();
+  EXPECT_EQ(record.op(), OX_OP_LINK);
+  EXPECT_STREQ(record.path1(), "/lower/a");
+  EXPECT_STREQ(record.path2(), "/lower/b");
+  EXPECT_EQ(record.para()->mode, 0u);
+  EXPECT_EQ(r.daemon.next().type, -1);
+
+  const test_walk lower("/lower");
+  const unsigned long lookups = memfs_calls(lower.dentry()->d_sb, MEMFS_OP_LOOKUP);
+  struct uk_stat a = {};
+  struct uk_stat b = {};
+  EXPECT_EQ(test_stat("/mnt/a", &a), 0);
+  EXPECT_EQ(test_stat("/mnt/b", &b), 0);
+  EXPECT_LT(lookups, memfs_calls(lower.dentry()->d_sb, MEMFS_OP_LOOKUP));
+  EXPECT_TRUE(hashed("/mnt/a"));
+  EXPECT_TRUE(hashed("/mnt/b"));
+  EXPECT_EQ(a.ino, b.ino);
+  EXPECT_EQ(a.nlink, 2u);
+  EXPECT_EQ(b.size, 4ull);
+}
+
+MODULE_CASE(namespace, refused_link_drops_the_names_too) {
+  replicated r;
+  REQUIRE_EQ(test_put("/lower/a", "x"), 1);
+  const test_walk old("/mnt/a");
+  const test_walk dir("/mnt");
+  const test_walk lower("/lower");
+  struct dentry *fresh = negative("/mnt", "b");
+  REQUIRE_TRUE(fresh);
+  memfs_fail(lower.dentry()->d_sb, MEMFS_OP_LINK, -EMLINK, 1);
+  {
+    mutex_guard parent(dir.inode()->i_mutex, I_MUTEX_PARENT);
+    EXPECT_EQ(tarn_dir_iops.link(old.dentry(), dir.inode(), fresh), -EMLINK);
+  }
+  EXPECT_TRUE(d_unhashed(old.dentry()));
+  EXPECT_TRUE(d_unhashed(fresh));
+  EXPECT_TRUE(d_unhashed(tarn_lower_dentry(old.dentry())));
+  dput(fresh);
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+MODULE_CASE(namespace, open_file_s_last_name_goes_and_is_recorded_as_it_was) {
+  replicated r;
+  REQUIRE_EQ(test_put("/lower/f", "text"), 4);
+  test_file file("/mnt/f", O_RDWR);
+  REQUIRE_EQ(file.error(), 0);
+  EXPECT_EQ(test_unlink("/mnt/f"), 0);
+  EXPECT_FALSE(test_exists("/mnt/f"));
+  EXPECT_FALSE(test_exists("/lower/f"));
+  const struct test_record &record = r.daemon.next();
+  EXPECT_EQ(record.op(), OX_OP_UNLINK);
+  EXPECT_STREQ(record.path1(), "/lower/f");
+  EXPECT_EQ(record.para()->dlen2, 0);
+  char text[8] = {};
+  EXPECT_EQ(file.read(text, 4, 0), 4);
+  EXPECT_STREQ(text, "text");
+  EXPECT_EQ(file.write("more", 4, 4), 4);
+}
+
+MODULE_CASE(namespace, unlink_refreshes_the_other_name_s_inode) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/a", "x"), 1);
+  REQUIRE_EQ(test_link("/lower/a", "/lower/b"), 0);
+  const test_walk b("/mnt/b");
+  REQUIRE_EQ(b.error(), 0);
+  EXPECT_EQ(test_unlink("/mnt/a"), 0);
+  EXPECT_EQ(b.inode()->i_nlink, 1u);
+  const test_walk dir("/mnt");
+  EXPECT_EQ(b.inode()->i_ctime.tv_sec, dir.inode()->i_ctime.tv_sec);
+}
+
+MODULE_CASE(namespace, symbolic_link_has_all_mode_bits_whatever_the_umask) {
+  replicated r;
+  const int umask = current->fs->umask;
+  current->fs->umask = 077;
+  EXPECT_EQ(test_symlink("../target", "/mnt/l"), 0);
+  current->fs->umask = umask;
+  struct uk_stat stat = {};
+  EXPECT_EQ(test_stat("/lower/l", &stat), 0);
+  EXPECT_EQ(stat.mode & (S_IFMT | 0777), S_IFLNK | 0777u);
+
+  const struct test_record &record = r.daemon.next();
+  EXPECT_EQ(record.op(), OX_OP_SYMLINK);
+  EXPECT_STREQ(record.path1(), "/lower/l");
+  EXPECT_STREQ(record.path2(), "../target");
+  EXPECT_EQ(record.para()->mode, 4095u);
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+MODULE_CASE(namespace, refused_creations_leave_no_negative_name_except_create) {
+  replicated r;
+  const test_walk lower("/lower");
+  struct super_block *sb = lower.dentry()->d_sb;
+  memfs_fail(sb, MEMFS_OP_MKDIR, -ENOSPC, 1);
+  memfs_fail(sb, MEMFS_OP_MKNOD, -ENOSPC, 1);
+  memfs_fail(sb, MEMFS_OP_SYMLINK, -ENOSPC, 1);
+  memfs_fail(sb, MEMFS_OP_CREATE, -ENOSPC, 1);
+  EXPECT_EQ(test_mkdir("/mnt/dir"), -ENOSPC);
+  EXPECT_EQ(test_mknod("/mnt/fifo", S_IFIFO | 0600, 0), -ENOSPC);
+  EXPECT_EQ(test_symlink("x", "/mnt/link"), -ENOSPC);
+  EXPECT_EQ(test_put("/mnt/file", "x"), -ENOSPC);
+  EXPECT_FALSE(hashed("/mnt/dir"));
+  EXPECT_FALSE(hashed("/mnt/fifo"));
+  EXPECT_FALSE(hashed("/mnt/link"));
+  EXPECT_TRUE(hashed("/mnt/file"));
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+MODULE_CASE(namespace, creation_gives_the_lookup_record_its_own_path_back) {
+  test_mount mount;
+  const test_walk dir("/mnt");
+  struct dentry *dentry = negative("/mnt", "f");
+  REQUIRE_TRUE(dentry);
+  struct nameidata nd;
+  memset(&nd, 0, sizeof(nd));
+  nd.dentry = dir.dentry();
+  nd.mnt = dir.mnt();
+  mutex_lock(&dir.inode()->i_mutex);
+  EXPECT_EQ(tarn_dir_iops.create(dir.inode(), dentry, S_IFREG | 0600, &nd), 0);
+  mutex_unlock(&dir.inode()->i_mutex);
+  EXPECT_EQ(nd.dentry, dir.dentry());
+  EXPECT_EQ(nd.mnt, dir.mnt());
+  EXPECT_TRUE(test_exists("/lower/f"));
+  dput(dentry);
+}
+
+MODULE_CASE(namespace, change_outside_every_rule_is_not_recorded) {
+  test_mount mount;
+  test_daemon daemon;
+  REQUIRE_EQ(test_mkdir("/lower/in"), 0);
+  REQUIRE_EQ(test_mkdir("/lower/out"), 0);
+  REQUIRE_EQ(test_add_rule('r', "/lower/in"), 0);
+  EXPECT_EQ(test_mkdir("/mnt/out/d"), 0);
+  EXPECT_EQ(daemon.next().type, -1);
+  EXPECT_EQ(test_mkdir("/mnt/in/d"), 0);
+  EXPECT_EQ(daemon.drain(), 2);
+  do_flush(0);
+}
+
+// Each allocation of an unlink fails once. Where it was the path's the change is not recorded,
+// where it was the record's the rule stops; the name is gone either way.
+MODULE_CASE(namespace, unlink_works_without_memory_for_its_capture) {
+  replicated r;
+  int unrecorded = 0;
+  for (unsigned long n = 1;; n++) {
+    REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+    { const test_walk upper("/mnt/f"); }
+    const test_walk dir("/mnt");
+    const test_walk victim("/mnt/f");
+    r.daemon.drain();
+    mutex_lock(&dir.inode()->i_mutex);
+    uk_fault_arm(n);
+    const int rc = tarn_dir_iops.unlink(dir.inode(), victim.dentry());
+    const bool reached = uk_fault_count() >= n;
+    uk_fault_arm(0);
+    mutex_unlock(&dir.inode()->i_mutex);
+    EXPECT_EQ(rc, 0);
+    EXPECT_FALSE(test_exists("/lower/f"));
+    if (!reached) break;
+    const struct test_record &record = r.daemon.next();
+    if (record.op() != OX_OP_UNLINK) unrecorded++;
+    do_flush(0);
+    REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+  }
+  EXPECT_LE(2, unrecorded);
+}
+
+// Each allocation of each call fails once, wherever in the kernel it is: the call succeeds or has
+// an error, and whatever it held is given back (the end of the case would report it).
+MODULE_CASE(namespace, every_failing_allocation_of_every_call_is_undone) {
+  replicated r;
+  struct step {
+    int (*call)(void);
+    void (*undo)(void);
+  };
+  static const struct step steps[] = {
+      {[]() -> int { return test_mkdir("/mnt/d"); }, [] { test_rmdir("/mnt/d"); }},
+      {[]() -> int { return test_symlink("x", "/mnt/l"); }, [] { test_unlink("/mnt/l"); }},
+      {[]() -> int { return test_mknod("/mnt/p", S_IFIFO | 0600, 0); },
+       [] { test_unlink("/mnt/p"); }},
+      {[]() -> int { return test_put("/mnt/f", "text") < 0; }, [] { test_unlink("/mnt/f"); }},
+      {[]() -> int { return test_link("/mnt/kept", "/mnt/h"); }, [] { test_unlink("/mnt/h"); }},
+      {[]() -> int { return test_rename("/mnt/kept", "/mnt/moved"); },
+       [] { test_rename("/mnt/moved", "/mnt/kept"); }},
+  };
+  REQUIRE_EQ(test_put("/lower/kept", "x"), 1);
+  for (const struct step &step : steps) {
+    for (unsigned long n = 1;; n++) {
+      uk_drop_caches();
+      uk_fault_arm(n);
+      step.call();
+      const bool reached = uk_fault_count() >= n;
+      uk_fault_arm(0);
+      step.undo();
+      r.daemon.drain();
+      do_flush(0);
+      REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+      if (!reached) break;
+    }
+  }
+  EXPECT_TRUE(test_holds("/lower/kept", "x"));
+}
+
+// What was renamed by another way has left the lower directory that this name was looked up in.
+MODULE_CASE(namespace, name_whose_object_was_moved_below_is_stale) {
+  replicated r;
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  { const test_walk upper("/mnt/f"); }
+  REQUIRE_EQ(test_rename("/lower/f", "/lower/d/f"), 0);
+  EXPECT_EQ(test_unlink("/mnt/f"), -ESTALE);
+  EXPECT_TRUE(test_exists("/lower/d/f"));
+  EXPECT_FALSE(test_exists("/mnt/f"));
+  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_EQ(test_unlink("/mnt/d/f"), 0);
+}

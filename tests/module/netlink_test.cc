@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "support.h"
+
+namespace {
+
+/* Bytes in a datagram of their own, with whatever header they hold. */
+struct raw_message {
+  struct nlmsghdr head;
+  char payload[64];
+};
+
+ox_s32_t reply_of(test_daemon &daemon, int type) {
+  const nl_message &m = daemon.next();
+  if (m.type() != type || m.head()->nlmsg_len != OX_NLMSG_HDRLEN + 4u) return -1;
+  if (m.head()->nlmsg_flags != 0 || m.head()->nlmsg_seq != 0) return -2;
+  return *m.payload<ox_s32_t>();
+}
+
+bool signalled() {
+  return sigismember(&current->pending.signal, OX_SIG_LOST);
+}
+
+}  // namespace
+
+MODULE_CASE(netlink, without_a_daemon_changes_are_numbered_and_dropped) {
+  test_daemon silent(test_daemon::kSilent);
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0), 0);
+  EXPECT_TRUE(silent.idle());
+  prule_ref rule(lookup_rule(1));
+  EXPECT_EQ(atomic_read(&rule->transnr), 1);
+  EXPECT_EQ(tarn_send_stop_rule(rule->rule.uuid), 0);
+  EXPECT_EQ(case_log_count("tarn_send_netlink OX_OP_COLLECT fail"), 0);
+}
+
+MODULE_CASE(netlink, hello_and_quit) {
+  EXPECT_TRUE(case_logged("Create tarn_nl netlink socket success"));
+  test_daemon daemon;
+  REQUIRE_EQ(daemon.error(), 0);
+  EXPECT_EQ(daemon_pid, (unsigned)current->pid);
+  char line[64];
+  snprintf(line, sizeof(line), "tarn_process_nl_helo: daemon_pid = %d", current->pid);
+  EXPECT_TRUE(case_logged(line));
+  daemon.send(OX_NL_QUIT);
+  EXPECT_EQ(daemon_pid, 0u);
+  EXPECT_TRUE(case_logged("tarn_process_nl_quit: daemon_pid = 0"));
+  daemon.send(OX_NL_RESPONSE, "ignored", 8);
+  EXPECT_TRUE(case_logged("tarn_process_nl_response"));
+}
+
+MODULE_CASE(netlink, a_new_hello_replaces_the_daemon) {
+  test_daemon daemon;
+  daemon_pid = 4711;
+  daemon.send(OX_NL_HELO);
+  EXPECT_EQ(daemon_pid, (unsigned)current->pid);
+}
+
+MODULE_CASE(netlink, a_daemon_that_is_gone_is_forgotten_and_signalled) {
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  {
+    test_daemon daemon;
+    REQUIRE_EQ(daemon.error(), 0);
+  }
+  EXPECT_EQ(daemon_pid, (unsigned)current->pid);
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0), 0);
+  EXPECT_EQ(daemon_pid, 0u);
+  EXPECT_TRUE(signalled());
+  char line[160];
+  snprintf(
+      line, sizeof(line),
+      "Failed send tarn netlink message to pid(%d); ret = -111, process not existed, back to 0",
+      current->pid);
+  EXPECT_TRUE(case_logged(line));
+  snprintf(line, sizeof(line), "Send kill signal(58) to process(%d); rc = -111", current->pid);
+  EXPECT_TRUE(case_logged(line));
+  EXPECT_EQ(case_log_count("tarn_send_netlink OX_OP_COLLECT fail"), 0);
+}
+
+MODULE_CASE(netlink, a_slow_daemon_loses_records_and_stays) {
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  alloc_balance balance;
+  {
+    test_daemon daemon(test_daemon::kHello, 1); /* room for hardly a message */
+    REQUIRE_EQ(daemon.error(), 0);
+    const unsigned long start = jiffies;
+    for (int i = 0; i < 1000 && !signalled(); ++i) {
+      EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0), 0);
+    }
+    EXPECT_TRUE(signalled());
+    EXPECT_GE(jiffies - start, 1000ul - 5);
+    EXPECT_EQ(daemon_pid, (unsigned)current->pid);
+    EXPECT_TRUE(case_logged("tarn_send_netlink OX_OP_COLLECT fail"));
+    char line[160];
+    snprintf(line, sizeof(line), "Failed send tarn netlink message to pid(%d); ret = %d, back to 0",
+             current->pid, -EAGAIN);
+    EXPECT_TRUE(case_logged(line));
+    prule_ref rule(lookup_rule(1));
+    EXPECT_EQ(tarn_send_stop_rule(rule->rule.uuid), -EMSGSIZE);
+  }
+  EXPECT_EQ(balance(), 0);
+}
+
+MODULE_CASE(netlink, corrupt_messages_are_dropped) {
+  test_daemon daemon(test_daemon::kSilent);
+  raw_message m = {};
+  m.head.nlmsg_type = OX_NL_HELO;
+  m.head.nlmsg_len = 15;
+  daemon.send_bytes(&m, sizeof(m));
+  EXPECT_EQ(case_log_count("Received corrupt netlink message"), 1);
+  m.head.nlmsg_len = sizeof(m) + 1;
+  daemon.send_bytes(&m, sizeof(m));
+  EXPECT_EQ(case_log_count("Received corrupt netlink message"), 2);
+  m.head.nlmsg_len = 0;
+  daemon.send_bytes(&m, sizeof(m));
+  m.head.nlmsg_len = 0xFFFFFFFF;
+  daemon.send_bytes(&m, sizeof(m));
+  m.head.nlmsg_len = 16;
+  daemon.send_bytes(&m, 15);
+  EXPECT_EQ(case_log_count("Received corrupt netlink message"), 5);
+  EXPECT_EQ(daemon_pid, 0u);
+  daemon.send_bytes(&m, 16);
+  EXPECT_EQ(daemon_pid, (unsigned)current->pid);
+}
+
+MODULE_CASE(netlink, unknown_types_are_logged_and_our_own_are_not) {
+  test_daemon daemon(test_daemon::kSilent);
+  daemon.send(102);
+  EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [102]"), 1);
+  daemon.send(11);
+  EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [11]"), 1);
+  daemon.send(OX_OP_WRITE);
+  daemon.send(OX_OP_COLLECT);
+  EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [9]"), 0);
+  EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [10]"), 0);
+}
+
+MODULE_CASE(netlink, only_an_administrator_may_register) {
+  test_daemon daemon(test_daemon::kSilent);
+  {
+    without_capabilities plain;
+    daemon.send(OX_NL_HELO);
+  }
+  EXPECT_EQ(daemon_pid, 0u);
+  char line[128];
+  snprintf(line, sizeof(line),
+           "Dropping netlink message of type [100] from unprivileged process [%d]", current->pid);
+  EXPECT_TRUE(case_logged(line));
+}
+
+MODULE_CASE(netlink, rules_are_added_deleted_and_flushed_with_an_answer) {
+  test_daemon daemon;
+  workdir_text text;
+  text.include("/a");
+  const struct prule *record = rule_record(1, text.get());
+  daemon.send(OX_SO_REP_ADD, record, sizeof(*record));
+  EXPECT_EQ(reply_of(daemon, OX_SO_REP_ADD), 0);
+  daemon.send(OX_SO_REP_ADD, record, sizeof(*record));
+  EXPECT_EQ(reply_of(daemon, OX_SO_REP_ADD), OX_ERR_EXIST);
+  daemon.send(OX_SO_REP_ADD, record, 100);
+  EXPECT_EQ(reply_of(daemon, OX_SO_REP_ADD), OX_ERR_SIZE);
+  {
+    prule_ref rule(lookup_rule(1));
+    REQUIRE_TRUE(rule);
+    EXPECT_EQ(match(&rule->path, "/a/x"), STATE_FINAL);
+  }
+  daemon.send(OX_SO_REP_DEL, rule_record(1), sizeof(*record));
+  EXPECT_EQ(reply_of(daemon, OX_SO_REP_DEL), 0);
+  daemon.send(OX_SO_REP_DEL, rule_record(1), sizeof(*record));
+  EXPECT_EQ(reply_of(daemon, OX_SO_REP_DEL), OX_ERR_NOENT);
+  daemon.send(OX_SO_REP_DEL);
+  EXPECT_EQ(reply_of(daemon, OX_SO_REP_DEL), OX_ERR_REQUEST);
+  REQUIRE_EQ(install_rule(2, "/b"), 0);
+  daemon.send(OX_SO_REP_FLUSH);
+  EXPECT_EQ(reply_of(daemon, OX_SO_REP_FLUSH), 0);
+  EXPECT_EQ(get_prule_set()->rulenum, 0);
+}
+
+MODULE_CASE(netlink, the_senders_address_limit_stays) {
+  test_daemon daemon;
+  const mm_segment_t before = get_fs();
+  daemon.send(OX_SO_REP_ADD, rule_record(1), sizeof(struct prule));
+  EXPECT_TRUE(segment_eq(get_fs(), before));
+  EXPECT_EQ(reply_of(daemon, OX_SO_REP_ADD), 0);
+}
+
+MODULE_CASE(netlink, a_message_without_memory) {
+  test_daemon daemon;
+  uk_fault_arm(1);
+  EXPECT_EQ(tarn_send_netlink(const_cast<char *>("data"), 4, OX_OP_COLLECT, 0, 1), -ENOMEM);
+  uk_fault_arm(0);
+  EXPECT_EQ(case_log_count("Failed to allocate socket buffer"), 1);
+  uuid_t uuid = {};
+  uk_fault_arm(1);
+  EXPECT_EQ(tarn_send_stop_rule(uuid), -ENOMEM);
+  uk_fault_arm(0);
+  EXPECT_EQ(case_log_count("Failed to allocate socket buffer"), 2);
+  EXPECT_TRUE(daemon.idle());
+}
+
+MODULE_CASE(netlink, an_empty_payload_is_a_header) {
+  test_daemon daemon;
+  EXPECT_EQ(tarn_send_netlink(nullptr, 77, OX_OP_COLLECT, 5, 9), 0);
+  const nl_message &m = daemon.next();
+  EXPECT_EQ(m.len, 16);
+  EXPECT_EQ(m.head()->nlmsg_len, 16u);
+  EXPECT_EQ(m.head()->nlmsg_flags, 5);
+  EXPECT_EQ(m.head()->nlmsg_seq, 9u);
+  EXPECT_EQ(tarn_send_netlink(const_cast<char *>("x"), 0, OX_OP_COLLECT, 0, 9), 0);
+  EXPECT_EQ(daemon.next().len, 16);
+}
+
+MODULE_CASE(netlink, the_socket_waits_a_second) {
+  EXPECT_EQ(tarn_nl_sock->sk_sndtimeo, 1000);
+}
+
+CASE(netlink, a_unit_that_is_taken) {
+  struct sock *rival = netlink_kernel_create(OX_NETLINK_UNIT, 0, nullptr, THIS_MODULE);
+  REQUIRE_TRUE(rival != nullptr);
+  EXPECT_EQ(tarn_init_netlink(), -EIO);
+  EXPECT_TRUE(case_logged("Failed to create netlink socket"));
+  sock_release(rival->sk_socket);
+  REQUIRE_EQ(tarn_init_netlink(), 0);
+  tarn_release_netlink();
+  EXPECT_TRUE(case_logged("tarn_release_netlink: release netlink socket"));
+  EXPECT_TRUE(tarn_nl_sock == nullptr);
+}

@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "ox_guard.h"
+#include "ox_types.h"
+#include "tests/harness/case.h"
+#include "ukern/uk_core.h"
+
+extern ox_u32_t l_mem_maxpages;
+extern wait_queue_head_t l_mem_waitq;
+
+namespace {
+
+int total() {
+  return atomic_read(&g_total_alloc);
+}
+
+struct waiter {
+  struct completion done;
+  struct page *page;
+};
+
+int allocate(void *context) {
+  waiter *w = static_cast<waiter *>(context);
+  w->page = ox_alloc_page(GFP_KERNEL);
+  complete(&w->done);
+  return 0;
+}
+
+bool came(waiter &w, unsigned ms) {
+  return wait_for_completion_timeout(&w.done, msecs_to_jiffies(ms)) != 0;
+}
+
+void start(waiter &w) {
+  w.page = nullptr;
+  init_completion(&w.done);
+  kthread_run(allocate, &w, "page_waiter");
+}
+
+}  // namespace
+
+CASE(ox_mem, cleared_memory_does_not_need_the_allocator_to_clear) {
+  const int before = total();
+  for (int round = 0; round < 4; ++round) {
+    unsigned char *block = static_cast<unsigned char *>(ox_malloc(333, GFP_KERNEL | __GFP_ZERO));
+    REQUIRE_TRUE(block != nullptr);
+    int dirty = 0;
+    for (int i = 0; i < 333; ++i) dirty += block[i] != 0;
+    EXPECT_EQ(dirty, 0);
+    memset(block, 0xFF, 333);
+    EXPECT_EQ(total(), before + 1);
+    EXPECT_EQ(ox_free(block), 0);
+  }
+  EXPECT_EQ(total(), before);
+}
+
+CASE(ox_mem, a_failed_allocation_stays_counted) {
+  const int before = total();
+  uk_fault_arm(1);
+  void *block = ox_malloc(100, GFP_KERNEL | __GFP_ZERO);
+  uk_fault_arm(0);
+  EXPECT_TRUE(block == nullptr);
+  EXPECT_EQ(total(), before + 1);
+  EXPECT_EQ(ox_free(nullptr), 0);
+  EXPECT_EQ(total(), before);
+}
+
+CASE(ox_mem, a_failed_page_is_not_counted) {
+  const int before = total();
+  uk_fault_arm(1);
+  struct page *page = ox_alloc_page(GFP_KERNEL);
+  uk_fault_arm(0);
+  EXPECT_TRUE(page == nullptr);
+  EXPECT_EQ(total(), before);
+  EXPECT_EQ(atomic_read(&g_total_pages), 0);
+}
+
+CASE(ox_mem, the_limit_is_three_eighths_of_the_memory) {
+  EXPECT_EQ(ox_mem_init(), 0);
+  EXPECT_EQ(l_mem_maxpages, totalram_pages / 4 + totalram_pages / 4 / 2);
+  struct page *page = ox_alloc_page(GFP_KERNEL);
+  REQUIRE_TRUE(page != nullptr);
+  EXPECT_EQ(atomic_read(&g_total_pages), 1);
+  ox_free_page(page);
+  EXPECT_EQ(atomic_read(&g_total_pages), 0);
+}
+
+CASE(ox_mem, the_leak_line) {
+  const int before = total();
+  char line[64];
+  snprintf(line, sizeof(line), "Leaked alloc: %d", before);
+  EXPECT_EQ(ox_mem_exit(), 0);
+  EXPECT_TRUE(case_logged(line));
+}
+
+CASE(ox_mem, without_a_limit_an_allocation_waits_until_all_are_returned) {
+  ox_mem_init();
+  ox_store(l_mem_maxpages, 1);
+  struct page *held = ox_alloc_page(GFP_KERNEL);
+  ox_store(l_mem_maxpages, 0);
+  waiter w;
+  start(w);
+  EXPECT_FALSE(came(w, 50));
+  /* Its own page is counted too, so that nothing lets it go but a higher limit. */
+  EXPECT_EQ(atomic_read(&g_total_pages), 2);
+  ox_free_page(held);
+  EXPECT_FALSE(came(w, 50));
+  ox_store(l_mem_maxpages, 8);
+  wake_up(&l_mem_waitq);
+  EXPECT_TRUE(came(w, 5000));
+  ox_free_page(w.page);
+}
+
+CASE(ox_mem, waiters_go_on_when_a_quarter_of_the_limit_has_drained) {
+  ox_mem_init();
+  ox_store(l_mem_maxpages, 8);
+  struct page *pages[8];
+  for (struct page *&page : pages) {
+    page = ox_alloc_page(GFP_KERNEL);
+    REQUIRE_TRUE(page != nullptr);
+  }
+  waiter w;
+  start(w);
+  EXPECT_FALSE(came(w, 50));
+  EXPECT_EQ(atomic_read(&g_total_pages), 9);
+  int freed = 0;
+  for (; freed < 3; ++freed) ox_free_page(pages[freed]);
+  EXPECT_EQ(atomic_read(&g_total_pages), 6);
+  EXPECT_FALSE(came(w, 50)); /* below the limit, but not below 2 + 4 */
+  ox_free_page(pages[freed++]);
+  EXPECT_TRUE(came(w, 5000));
+  EXPECT_TRUE(w.page != nullptr);
+  while (freed < 8) ox_free_page(pages[freed++]);
+  ox_free_page(w.page);
+  EXPECT_EQ(atomic_read(&g_total_pages), 0);
+}

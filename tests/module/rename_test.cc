@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: GPL-2.0
+// Renames: who may move what lies in a replicated directory, the record with both places, refreshed
+// directories.
+#include "tests/module/mounted.h"
+
+namespace {
+
+// The directory /lower/rep is replicated, a rule covers everything, and the daemon listens.
+struct replicated {
+  test_mount mount;
+  test_daemon daemon;
+  replicated() {
+    EXPECT_EQ(test_mkdir("/lower/rep"), 0);
+    EXPECT_EQ(test_mkdir("/lower/free"), 0);
+    EXPECT_EQ(test_put("/lower/rep/f", "x"), 1);
+    EXPECT_EQ(test_put("/lower/free/g", "y"), 1);
+    EXPECT_EQ(test_add_directory('d', "/lower/rep"), 0);
+    EXPECT_EQ(test_add_rule('r', "/lower"), 0);
+  }
+  ~replicated() {
+    do_flush(0);
+    dir_flush(0);
+  }
+};
+
+void make_program(const char *path) {
+  char part[256];
+  for (const char *slash = strchr(path + 1, '/'); slash; slash = strchr(slash + 1, '/')) {
+    memcpy(part, path, slash - path);
+    part[slash - path] = 0;
+    const int rc = test_mkdir(part);
+    EXPECT_TRUE(rc == 0 || rc == -EEXIST);
+  }
+  EXPECT_EQ(test_put(path, "#"), 1);
+}
+
+// What a program that is started from `path` gets for a rename.
+class program {
+ public:
+  explicit program(const char *path) {
+    make_program(path);
+    set(path);
+  }
+  ~program() { set(nullptr); }
+
+ private:
+  void set(const char *exe) {
+    struct uk_cred cred;
+    memset(&cred, 0, sizeof(cred));
+    cred.pid = current->pid;
+    cred.cap_effective = ~0u;
+    cred.exe = exe;
+    EXPECT_EQ(uk_task_set_cred(reinterpret_cast<struct uk_task *>(current), &cred), 0);
+  }
+};
+
+}  // namespace
+
+MODULE_CASE(rename, other_program_is_refused_and_logged_once) {
+  replicated r;
+  program shell("/bin/mv");
+  EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/free/f"), -EACCES);
+  EXPECT_EQ(case_log_count("tarn_rename:block /lower/rep/f"), 1);
+  EXPECT_TRUE(test_exists("/lower/rep/f"));
+  EXPECT_FALSE(test_exists("/lower/free/f"));
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+MODULE_CASE(rename, new_name_within_a_replicated_directory_is_refused_too) {
+  replicated r;
+  program shell("/bin/mv");
+  EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), -EACCES);
+  EXPECT_TRUE(test_exists("/lower/rep/f"));
+}
+
+MODULE_CASE(rename, task_without_a_program_is_refused) {
+  replicated r;
+  EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), -EACCES);
+}
+
+MODULE_CASE(rename, daemon_moves_and_the_record_has_both_paths_and_the_mode) {
+  replicated r;
+  program mirrord("/usr/local/oxbase/sbin/mirrord");
+  EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/free/f2"), 0);
+  EXPECT_FALSE(test_exists("/lower/rep/f"));
+  EXPECT_TRUE(test_exists("/lower/free/f2"));
+  EXPECT_FALSE(case_logged("tarn_rename:block /lower/rep/f"));
+  const struct test_record &record = r.daemon.next();
+  EXPECT_EQ(record.op(), OX_OP_RENAME);
+  EXPECT_STREQ(record.path1(), "/lower/rep/f");
+  EXPECT_STREQ(record.path2(), "/lower/free/f2");
+  EXPECT_EQ(record.para()->mode, S_IFREG | 0644u);
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+MODULE_CASE(rename, daemon_s_path_with_a_suffix_is_refused) {
+  replicated r;
+  program almost("/usr/local/oxbase/sbin/mirrord2");
+  EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), -EACCES);
+}
+
+MODULE_CASE(rename, beginning_of_the_daemon_s_path_is_refused) {
+  replicated r;
+  program almost("/usr/local/oxbase/sbin/mirror");
+  EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), -EACCES);
+}
+
+MODULE_CASE(rename, program_path_that_does_not_fit_is_not_the_daemon_s) {
+  replicated r;
+  char path[200];
+  strcpy(path, "/bin/");
+  memset(path + 5, 'm', 150);
+  path[155] = 0;
+  {
+    program deep(path);
+    strcpy(mirrord_full_name, path);
+    EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), -EACCES);
+  }
+}
+
+MODULE_CASE(rename, program_on_another_mount_has_its_whole_path) {
+  replicated r;
+  REQUIRE_EQ(test_mkdir("/usr"), 0);
+  REQUIRE_EQ(uk_fs_mount("none", "/usr", "memfs", 0, nullptr), 0);
+  {
+    program mirrord("/usr/local/oxbase/sbin/mirrord");
+    EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), 0);
+  }
+  uk_drop_caches();
+  EXPECT_EQ(uk_fs_umount("/usr", 0), 0);
+}
+
+MODULE_CASE(rename, move_into_a_replicated_directory_is_everyone_s) {
+  replicated r;
+  program shell("/bin/mv");
+  EXPECT_EQ(test_rename("/mnt/free/g", "/mnt/rep/g"), 0);
+  EXPECT_TRUE(test_exists("/lower/rep/g"));
+  EXPECT_EQ(r.daemon.next().op(), OX_OP_RENAME);
+}
+
+MODULE_CASE(rename, directory_whose_name_only_begins_alike_is_covered) {
+  replicated r;
+  program shell("/bin/mv");
+  REQUIRE_EQ(test_mkdir("/lower/repx"), 0);
+  REQUIRE_EQ(test_put("/lower/repx/h", "z"), 1);
+  EXPECT_EQ(test_rename("/mnt/repx/h", "/mnt/free/h"), -EACCES);
+  EXPECT_TRUE(case_logged("tarn_rename:block /lower/repx/h"));
+}
+
+MODULE_CASE(rename, one_directory_is_refreshed_once) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/a", "x"), 1);
+  { const test_walk a("/mnt/a"); }
+  const test_walk upper("/mnt");
+  const test_walk lower("/lower");
+  lower.inode()->i_uid = 77;
+  EXPECT_EQ(test_rename("/mnt/a", "/mnt/b"), 0);
+  EXPECT_TRUE(test_holds("/mnt/b", "x"));
+  EXPECT_EQ(upper.inode()->i_uid, 77u);
+  EXPECT_EQ(upper.inode()->i_mtime.tv_sec, lower.inode()->i_mtime.tv_sec);
+}
+
+MODULE_CASE(rename, both_directories_are_refreshed) {
+  test_mount mount;
+  REQUIRE_EQ(test_mkdir("/lower/from"), 0);
+  REQUIRE_EQ(test_mkdir("/lower/to"), 0);
+  REQUIRE_EQ(test_mkdir("/lower/from/d"), 0);
+  { const test_walk d("/mnt/from/d"); }
+  const test_walk from("/mnt/from");
+  const test_walk to("/mnt/to");
+  EXPECT_EQ(from.inode()->i_nlink, 3u);
+  EXPECT_EQ(test_rename("/mnt/from/d", "/mnt/to/d"), 0);
+  EXPECT_EQ(from.inode()->i_nlink, 2u);
+  EXPECT_EQ(to.inode()->i_nlink, 3u);
+}
+
+MODULE_CASE(rename, refused_below_keeps_everything_and_is_not_recorded) {
+  replicated r;
+  REQUIRE_EQ(test_mkdir("/lower/free/d"), 0);
+  REQUIRE_EQ(test_mkdir("/lower/free/full"), 0);
+  REQUIRE_EQ(test_put("/lower/free/full/f", "x"), 1);
+  const test_walk dir("/mnt/free");
+  const test_walk lower("/lower/free");
+  lower.inode()->i_uid = 77;
+  EXPECT_EQ(test_rename("/mnt/free/d", "/mnt/free/full"), -ENOTEMPTY);
+  EXPECT_TRUE(test_exists("/lower/free/d"));
+  EXPECT_EQ(dir.inode()->i_uid, 0u);
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+MODULE_CASE(rename, replaced_target_is_gone_and_the_open_source_stays_usable) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/mnt/a", "new"), 3);
+  REQUIRE_EQ(test_put("/mnt/b", "old"), 3);
+  test_file file("/mnt/a", O_RDWR);
+  EXPECT_EQ(test_rename("/mnt/a", "/mnt/b"), 0);
+  EXPECT_TRUE(test_holds("/mnt/b", "new"));
+  EXPECT_TRUE(test_holds("/lower/b", "new"));
+  EXPECT_FALSE(test_exists("/mnt/a"));
+  EXPECT_EQ(file.write("N", 1, 0), 1);
+  EXPECT_TRUE(test_holds("/lower/b", "New"));
+}
+
+// Each allocation of a rename fails once. The rename itself needs none: it happens, at worst
+// unrecorded, or (when the path for the access rule cannot be had) untested.
+MODULE_CASE(rename, works_without_memory_for_its_paths) {
+  replicated r;
+  program shell("/bin/mv");
+  bool untested = false;
+  for (unsigned long n = 1;; n++) {
+    const test_walk rep("/mnt/rep");
+    const test_walk free("/mnt/free");
+    const test_walk source("/mnt/rep/f");
+    { const test_walk missing("/mnt/free/f"); }
+    struct qstr text;
+    text.name = reinterpret_cast<const unsigned char *>("f");
+    text.len = 1;
+    text.hash = full_name_hash(text.name, 1);
+    struct dentry *target = d_lookup(free.dentry(), &text);
+    REQUIRE_TRUE(target);
+    lock_rename(rep.dentry(), free.dentry());
+    uk_fault_arm(n);
+    const int rc = tarn_dir_iops.rename(rep.inode(), source.dentry(), free.inode(), target);
+    const bool reached = uk_fault_count() >= n;
+    uk_fault_arm(0);
+    if (!rc) d_move(source.dentry(), target);
+    unlock_rename(rep.dentry(), free.dentry());
+    dput(target);
+    if (rc) {
+      EXPECT_EQ(rc, -EACCES);
+    } else {
+      untested = true;
+      EXPECT_TRUE(test_exists("/lower/free/f"));
+      EXPECT_EQ(test_rename("/mnt/free/f", "/mnt/rep/f"), 0);
+    }
+    if (!reached) break;
+  }
+  EXPECT_TRUE(untested);
+}

@@ -1,0 +1,229 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "support.h"
+
+namespace {
+
+/* The hits of a path, given back at the end of the scope. */
+class hit_list {
+ public:
+  explicit hit_list(const char *path1, const char *path2 = nullptr)
+      : count_(tarn_get_hit_rule(&hits_, path1, path2)) {}
+  ~hit_list() {
+    if (count_ < 0) return;
+    for (int i = 0; i < count_; ++i) prule_node_put(hits_->arr[i]);
+    kmem_cache_free(hit_rule_cache, hits_);
+  }
+  hit_list(const hit_list &) = delete;
+  hit_list &operator=(const hit_list &) = delete;
+  int count() const { return count_; }
+  int id(int i) const { return hits_->arr[i]->rule.uuid[0]; }
+
+ private:
+  struct hit_rules *hits_ = nullptr;
+  int count_;
+};
+
+int mem_used() {
+  return atomic_read(&g_option.mem_used);
+}
+
+}  // namespace
+
+MODULE_CASE(trans, a_path_of_no_rule_makes_no_record) {
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  alloc_balance balance;
+  hit_list hits("/b/c");
+  EXPECT_EQ(hits.count(), 0);
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/b/c", nullptr, 0), 0);
+  EXPECT_EQ(balance(), 0);
+  prule_ref rule(lookup_rule(1));
+  EXPECT_EQ(atomic_read(&rule->transnr), 0);
+}
+
+MODULE_CASE(trans, a_path_of_no_rule_costs_the_hit_array_only) {
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  uk_fault_arm(0);
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/b/c", nullptr, 0), 0);
+  EXPECT_EQ(uk_fault_count(), 1ul);
+}
+
+MODULE_CASE(trans, the_first_32_rules_are_hit_in_list_order) {
+  for (int id = 1; id <= 33; ++id) REQUIRE_EQ(install_rule(id, "/a"), 0);
+  hit_list hits("/a/x");
+  REQUIRE_EQ(hits.count(), 32);
+  for (int i = 0; i < 32; ++i) EXPECT_EQ(hits.id(i), i + 1);
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
+  for (int id = 1; id <= 33; ++id) {
+    prule_ref rule(lookup_rule(id));
+    EXPECT_EQ(atomic_read(&rule->transnr), id <= 32 ? 1 : 0);
+  }
+}
+
+MODULE_CASE(trans, records_go_out_from_the_last_hit_to_the_first) {
+  test_daemon daemon;
+  for (int id = 1; id <= 3; ++id) REQUIRE_EQ(install_rule(id, "/a"), 0);
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
+  for (int id = 3; id >= 1; --id) EXPECT_EQ(daemon.next().msg()->uuid[0], id);
+  EXPECT_TRUE(daemon.idle());
+}
+
+MODULE_CASE(trans, either_path_hits) {
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  REQUIRE_EQ(install_rule(2, "/b"), 0);
+  EXPECT_EQ(hit_list("/a/x").count(), 1);
+  EXPECT_EQ(hit_list("/a/x", "/b/x").count(), 2);
+  EXPECT_EQ(hit_list("/c/x", "/b/x").count(), 1);
+  EXPECT_EQ(hit_list("/c/x", "/c/y").count(), 0);
+}
+
+MODULE_CASE(trans, a_stopped_rule_is_told_of_every_change) {
+  test_daemon daemon;
+  REQUIRE_EQ(install_rule(7, "/a"), 0);
+  prule_ref rule(lookup_rule(7));
+  rule->status = PRULE_STOPPED;
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/elsewhere", nullptr, 0), 0);
+  for (int i = 0; i < 2; ++i) {
+    const nl_message &notice = daemon.next();
+    EXPECT_EQ(notice.type(), OX_OP_STOP_RULE);
+    EXPECT_EQ(notice.len, 32);
+    EXPECT_EQ(notice.head()->nlmsg_len, 32u);
+    EXPECT_EQ(notice.head()->nlmsg_flags, 0);
+    EXPECT_EQ(notice.head()->nlmsg_seq, 0u);
+    EXPECT_EQ(notice.head()->nlmsg_pid, (unsigned)current->pid);
+    EXPECT_EQ(memcmp(notice.payload<char>(), rule->rule.uuid, OX_UUID_LEN), 0);
+  }
+  EXPECT_TRUE(daemon.idle());
+  EXPECT_EQ(atomic_read(&rule->transnr), 0);
+}
+
+MODULE_CASE(trans, records_are_numbered_from_one) {
+  test_daemon daemon;
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  for (unsigned n = 1; n <= 5; ++n) {
+    EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
+    const nl_message &record = daemon.next();
+    EXPECT_EQ(record.msg()->wseq, n);
+    EXPECT_EQ(record.head()->nlmsg_seq, n);
+  }
+  prule_ref rule(lookup_rule(1));
+  EXPECT_EQ(atomic_read(&rule->transnr), 5);
+}
+
+MODULE_CASE(trans, lengths_by_operation) {
+  struct tarn_trans trans;
+  memset(static_cast<void *>(&trans), 0, sizeof(trans));
+  trans.msg.l1 = 0x00050003;
+  trans.msg.l2 = 7;
+  for (int op = 0; op <= 7; ++op) {
+    trans.msg.op = static_cast<ox_u8_t>(op);
+    EXPECT_EQ(trans_msglen(&trans), 44u + 3 + 5);
+  }
+  trans.msg.op = OX_OP_WRITE;
+  EXPECT_EQ(trans_msglen(&trans), 60u + 5 + 7);
+  trans.msg.op = OX_OP_SETATTR;
+  trans.msg.l1 = 12;
+  EXPECT_EQ(trans_msglen(&trans), 88u + 12 + 7);
+  trans.msg.op = 10;
+  EXPECT_EQ(trans_msglen(&trans), 0u);
+  trans.msg.op = 255;
+  EXPECT_EQ(trans_msglen(&trans), 0u);
+}
+
+MODULE_CASE(trans, what_a_record_is_charged_is_taken_back) {
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  prule_ref rule(lookup_rule(1));
+  alloc_balance balance;
+  const ox_u32_t ops[] = {OX_OP_CREATE, OX_OP_SETATTR, OX_OP_WRITE};
+  ox_u64_t captured = 0;
+  for (ox_u32_t op : ops) {
+    prule_node_get(rule.get());
+    struct tarn_trans *trans = tarn_var_alloc(rule.get(), op, 150);
+    REQUIRE_TRUE(trans != nullptr);
+    EXPECT_EQ(trans->msg.op, op);
+    EXPECT_EQ(trans->msg.os, 1);
+    EXPECT_EQ(trans->msg.cp, 0);
+    EXPECT_EQ(trans->seq, 0);
+    EXPECT_TRUE(list_empty(&trans->list));
+    EXPECT_EQ(trans_msglen(trans), 150u);
+    EXPECT_EQ(mem_used(), 150 + TARN_TRANS_FIELDS);
+    EXPECT_EQ(atomic_read(&rule->mem_used), 150 + TARN_TRANS_FIELDS);
+    captured += 150 - OX_MSG_LEN;
+    EXPECT_EQ(rule->bytes_send, captured);
+    EXPECT_EQ(tarn_trans_free(trans, 1), 0);
+    EXPECT_EQ(mem_used(), 0);
+    EXPECT_EQ(atomic_read(&rule->mem_used), 0);
+  }
+  EXPECT_EQ(rule->bytes_send, captured);
+  EXPECT_EQ(atomic_read(&rule->refcnt), 2);
+  EXPECT_EQ(balance(), 0);
+}
+
+MODULE_CASE(trans, without_memory_for_the_hits_the_change_is_lost) {
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  uk_fault_arm(1);
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), -ENOMEM);
+  uk_fault_arm(0);
+  prule_ref rule(lookup_rule(1));
+  EXPECT_EQ(rule->status, PRULE_ACTIVE);
+}
+
+MODULE_CASE(trans, lower_paths) {
+  REQUIRE_EQ(make_dir("d"), 0);
+  bound_dentry file("/d/file");
+  REQUIRE_EQ(file.error(), 0);
+  char *buf = nullptr;
+  const char *path = tarn_path_get(&buf, file.get());
+  REQUIRE_TRUE(path != nullptr);
+  EXPECT_STREQ(path, "/d/file");
+  EXPECT_TRUE(path >= buf && path < buf + OX_PATH_MAX);
+  EXPECT_EQ(tarn_path_put(buf), 0);
+}
+
+MODULE_CASE(trans, a_dentry_without_a_lower_path_is_not_captured) {
+  bound_dentry file("/file");
+  REQUIRE_EQ(file.error(), 0);
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  char *buf = nullptr;
+  struct iattr attr = {};
+
+  struct dentry *dentry = file.get();
+  void *record = dentry->d_fsdata;
+  dentry->d_fsdata = nullptr; /* not bound */
+  EXPECT_TRUE(tarn_path_get(&buf, dentry) == nullptr);
+  EXPECT_TRUE(buf == nullptr);
+  EXPECT_EQ(tarn_sync_1dentry(OX_OP_CREATE, dentry, 0), 0);
+  EXPECT_EQ(tarn_sync_2dentry(OX_OP_LINK, dentry, dentry), 0);
+  EXPECT_EQ(tarn_sym_sync(dentry, "x", 0), 0);
+  EXPECT_EQ(tarn_attr_sync(dentry, &attr), 0);
+  EXPECT_EQ(tarn_write_sync(dentry, "x", 1, 0), 0);
+
+  dentry->d_fsdata = record;
+  dentry->d_op = nullptr; /* another file system's */
+  EXPECT_TRUE(tarn_path_get(&buf, dentry) == nullptr);
+  dentry->d_op = &tarn_dops;
+  uk_fault_arm(1);
+  EXPECT_TRUE(tarn_path_get(&buf, dentry) == nullptr);
+  uk_fault_arm(0);
+  prule_ref rule(lookup_rule(1));
+  EXPECT_EQ(atomic_read(&rule->transnr), 0);
+}
+
+MODULE_CASE(trans, a_submitted_rule_is_taken_off_the_queue) {
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  prule_ref rule(lookup_rule(1));
+  EXPECT_EQ(tarn_transq_submit(rule.get()), 0);
+  for (int i = 0; i < 500 && atomic_read(&rule->refcnt) != 2; ++i) {
+    set_current_state(TASK_UNINTERRUPTIBLE);
+    schedule_timeout(10);
+  }
+  EXPECT_EQ(atomic_read(&rule->refcnt), 2);
+  spin_guard guard(g_transq.lock);
+  EXPECT_TRUE(list_empty(&g_transq.head));
+  EXPECT_EQ(g_transq.nr, 0u);
+}
+
+MODULE_CASE(trans, the_limits_are_set) {
+  EXPECT_EQ(g_option.mem_max, 1073741824);
+  EXPECT_EQ(mem_used(), 0);
+}

@@ -1,0 +1,124 @@
+// SPDX-License-Identifier: GPL-2.0
+// From records to the replica: whose paths are meant, and what each kind of record does.
+#include "mirrord/applier.h"
+
+#include <gtest/gtest.h>
+#include <rapidcheck.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tests/replicate/fake_tarnd.h"
+
+namespace tarn {
+namespace {
+
+using namespace test;
+namespace fs = std::filesystem;
+using Outcome = Applier::Outcome;
+
+TEST(PathBelow, OnlyRealDescendants) {
+  EXPECT_EQ(path_below("/src", "/src"), "");
+  EXPECT_EQ(path_below("/src", "/src/a/b"), "a/b");
+  EXPECT_EQ(path_below("/src", "/srcx"), std::nullopt);
+  EXPECT_EQ(path_below("/src", "/sr"), std::nullopt);
+  EXPECT_EQ(path_below("/src", "/other/src"), std::nullopt);
+  EXPECT_EQ(path_below("/", "/a"), "a");
+  EXPECT_EQ(path_below("/", "/"), "");
+  EXPECT_TRUE(rc::check("what is put below is found below", [] {
+    const auto name = *rc::gen::nonEmpty(rc::gen::container<std::string>(rc::gen::nonZero<char>()));
+    RC_ASSERT(path_below("/s", "/s/" + name) == name);
+  }));
+}
+
+class ApplierTest : public testing::Test {
+ protected:
+  ApplierTest() {
+    umask(0);
+    replica_.emplace(std::move(*Replica::open(dir_.path())));
+    applier_.emplace("/src", *replica_);
+  }
+  Result<Outcome> apply(const Packet &packet) {
+    return applier_->apply(std::get<Record>(*decode(packet)));
+  }
+  void expect(const Packet &packet, Outcome outcome) {
+    const auto result = apply(packet);
+    ASSERT_TRUE(result.ok()) << result.error().text;
+    EXPECT_EQ(*result, outcome);
+  }
+  std::string contents(const std::string &name) const {
+    std::ifstream in(dir_ / name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+
+  TemporaryDirectory dir_;
+  std::optional<Replica> replica_;
+  std::optional<Applier> applier_;
+};
+
+TEST_F(ApplierTest, EveryKindOfRecord) {
+  expect(name_change(OX_OP_MKDIR, {}, "/src/d", {}, 0755), Outcome::kApplied);
+  expect(name_change(OX_OP_CREATE, {}, "/src/d/f", {}, 0100600), Outcome::kApplied);
+  expect(write_data({}, "/src/d/f", 2, "data")[0], Outcome::kApplied);
+  EXPECT_EQ(contents("d/f"), std::string("\0\0data", 6));
+  expect(name_change(OX_OP_LINK, {}, "/src/d/f", "/src/g"), Outcome::kApplied);
+  EXPECT_EQ(fs::hard_link_count(dir_ / "g"), 2u);
+  expect(name_change(OX_OP_RENAME, {}, "/src/g", "/src/h", 0100600), Outcome::kApplied);
+  expect(name_change(OX_OP_SYMLINK, {}, "/src/l", "/any where/\xff", 07777), Outcome::kApplied);
+  EXPECT_EQ(fs::read_symlink(dir_ / "l").string(), "/any where/\xff");
+  expect(set_attributes(
+             {}, {"/src/d/f", OX_ATTR_MODE | OX_ATTR_MTIME, 0640, 0, 0, 99, 1, 2'000'003, 4}),
+         Outcome::kApplied);
+  struct stat s {};
+  stat((dir_ / "h").c_str(), &s);
+  EXPECT_EQ(s.st_mode & 07777, mode_t{0640});
+  EXPECT_EQ(s.st_size, 6) << "the size was not named";
+  EXPECT_EQ(s.st_mtim.tv_sec, 2);
+  EXPECT_EQ(s.st_mtim.tv_nsec, 3000);
+  expect(name_change(OX_OP_UNLINK, {}, "/src/h"), Outcome::kApplied);
+  expect(name_change(OX_OP_UNLINK, {}, "/src/d/f"), Outcome::kApplied);
+  expect(name_change(OX_OP_RMDIR, {}, "/src/d"), Outcome::kApplied);
+  expect(name_change(OX_OP_RMDIR, {}, "/src/d"), Outcome::kAlready);
+}
+
+TEST_F(ApplierTest, PagesOfAWrite) {
+  std::string data(20000, '\0');
+  for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 % 251);
+  expect(name_change(OX_OP_CREATE, {}, "/src/f", {}, 0644), Outcome::kApplied);
+  for (const Packet &page : write_data({3}, "/src/f", 5, data)) {
+    expect(page, Outcome::kApplied);
+    EXPECT_EQ(applier_->page_path(), "/src/f");
+  }
+  EXPECT_EQ(contents("f"), std::string(5, '\0') + data);
+}
+
+TEST_F(ApplierTest, OtherDirectoriesAreNotItsBusiness) {
+  expect(name_change(OX_OP_CREATE, {}, "/srcx/f", {}, 0644), Outcome::kOutside);
+  expect(name_change(OX_OP_RENAME, {}, "/other/a", "/other/b"), Outcome::kOutside);
+  expect(name_change(OX_OP_LINK, {}, "/src/a", "/other/b"), Outcome::kOutside);
+  expect(write_data({4}, "/other/f", 0, std::string(9000, 'x'))[0], Outcome::kOutside);
+  EXPECT_EQ(apply(name_change(OX_OP_RENAME, {}, "/src/a", "/other/b")).error().code, -EXDEV);
+  EXPECT_EQ(apply(name_change(OX_OP_RENAME, {}, "/other/a", "/src/b")).error().code, -EXDEV);
+  EXPECT_EQ(apply(name_change(OX_OP_LINK, {}, "/other/a", "/src/b")).error().code, -EXDEV);
+  EXPECT_TRUE(fs::is_empty(dir_.path()));
+}
+
+TEST_F(ApplierTest, FilesWithoutANameAnyMore) {
+  expect(write_data({}, "/src/gone (deleted)", 0, "x")[0], Outcome::kNameless);
+  expect(set_attributes({}, {"/src/gone (deleted)", OX_ATTR_SIZE, 0, 0, 0, 5, 0, 0, 0}),
+         Outcome::kNameless);
+  expect(write_data({8}, "/src/gone (deleted)", 0, std::string(9000, 'x'))[0], Outcome::kNameless);
+  EXPECT_FALSE(apply(write_data({}, "/src/gone", 0, "x")[0]).ok());
+  // A file may really be called so.
+  expect(name_change(OX_OP_CREATE, {}, "/src/f (deleted)", {}, 0644), Outcome::kApplied);
+  expect(write_data({}, "/src/f (deleted)", 0, "x")[0], Outcome::kApplied);
+}
+
+TEST_F(ApplierTest, PathsThatTryToLeave) {
+  for (const char *path : {"/src/../x", "/src/d/../../x", "/src//etc", "/src/./f"})
+    EXPECT_EQ(apply(name_change(OX_OP_CREATE, {}, path, {}, 0644)).error().code, -EXDEV) << path;
+}
+
+}  // namespace
+}  // namespace tarn

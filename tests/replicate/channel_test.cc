@@ -1,0 +1,198 @@
+// SPDX-License-Identifier: GPL-2.0
+// The daemon's channel: hello and quit, loss, barriers, who may register.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <thread>
+
+#include "client/daemon.h"
+#include "tests/replicate/fake_tarnd.h"
+
+namespace tarn {
+namespace {
+
+using namespace test;
+using Types = std::vector<std::uint16_t>;
+using Milliseconds = DaemonChannel::Milliseconds;
+
+class ChannelTest : public testing::Test {
+ protected:
+  std::unique_ptr<DaemonChannel> open(Claim claim = Claim::kRefuseIfTaken) {
+    auto channel = DaemonChannel::open(fake_.run_dir(), claim);
+    EXPECT_TRUE(channel.ok()) << channel.error().text;
+    return channel.ok() ? std::move(*channel) : nullptr;
+  }
+  Types received() {
+    return fake_.with([](auto &state) { return state.received; });
+  }
+
+  TemporaryDirectory directory_;
+  FakeTarnd fake_{directory_ / "run"};
+};
+
+TEST_F(ChannelTest, HelloIsConfirmedAndQuitIsSaid) {
+  {
+    const auto channel = open();
+    EXPECT_EQ(received(), (Types{OX_NL_HELO, OX_SO_REP_DEL}));
+    EXPECT_EQ(*registered_daemon(fake_.run_dir()), getpid());
+    EXPECT_TRUE(channel->leave().ok());
+  }
+  EXPECT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() == 3; }));
+  EXPECT_EQ(received().back(), OX_NL_QUIT);
+  EXPECT_FALSE(*registered_daemon(fake_.run_dir()));
+}
+
+TEST_F(ChannelTest, TheDestructorLeavesToo) {
+  open().reset();
+  EXPECT_TRUE(
+      fake_.wait_for([](const auto &state) { return state.received.back() == OX_NL_QUIT; }));
+}
+
+TEST_F(ChannelTest, WithoutConfirmationItFails) {
+  fake_.with([](auto &state) { state.answers = false; });
+  auto link = connect_unix_link(fake_.run_dir());
+  auto lock = DaemonLock::take(fake_.run_dir(), Claim::kRefuseIfTaken);
+  const auto channel = DaemonChannel::open(std::move(*link), std::move(*lock), Milliseconds(50));
+  ASSERT_FALSE(channel.ok());
+  EXPECT_EQ(channel.error().code, -EPERM);
+}
+
+TEST_F(ChannelTest, MessagesArriveWholeAndInOrder) {
+  const auto channel = open();
+  // More than the socket holds, so the sender waits for the receiver now and then.
+  std::thread sender([&] {
+    for (std::uint32_t n = 1; n <= 300; ++n) fake_.send(name_change(OX_OP_UNLINK, {n}, "/d/f"));
+  });
+  std::uint32_t next = 1;
+  while (next <= 300) {
+    const auto got = channel->receive(Milliseconds(5000));
+    ASSERT_TRUE(got.ok());
+    ASSERT_FALSE(got->packets.empty());
+    for (const Bytes packet : got->packets)
+      EXPECT_EQ(std::get<Record>(*decode(packet)).wseq, next++);
+  }
+  sender.join();
+}
+
+TEST_F(ChannelTest, NothingIsLostWhileARequestWaits) {
+  const auto channel = open();
+  fake_.send(name_change(OX_OP_UNLINK, {1}, "/d/f"));
+  prule record{};
+  record.uuid[0] = 7;
+  EXPECT_EQ(*channel->request(OX_SO_REP_ADD, std::as_bytes(std::span(&record, 1))), 0);
+  EXPECT_EQ(*channel->request(OX_SO_REP_ADD, std::as_bytes(std::span(&record, 1))), OX_ERR_EXIST);
+  EXPECT_EQ(*channel->request(OX_SO_REP_FLUSH, {}), 0);
+  const auto got = channel->receive(Milliseconds(0));
+  ASSERT_EQ(got->packets.size(), 1u);
+  EXPECT_EQ(std::get<Record>(*decode(got->packets[0])).wseq, 1u);
+  EXPECT_TRUE(channel->receive(Milliseconds(0))->packets.empty());
+}
+
+TEST_F(ChannelTest, BarriersComeBackBehindTheRecords) {
+  const auto channel = open();
+  fake_.send(name_change(OX_OP_UNLINK, {1}, "/d/f"));
+  EXPECT_EQ(*channel->ask_barrier(), 1u);
+  EXPECT_EQ(*channel->ask_barrier(), 2u);
+  std::size_t records = 0;
+  std::uint64_t barriers = 0;
+  while (barriers < 2) {
+    const auto got = channel->receive(Milliseconds(5000));
+    ASSERT_TRUE(got.ok());
+    records += got->packets.size();
+    barriers = got->barriers;
+  }
+  EXPECT_EQ(records, 1u);
+}
+
+TEST_F(ChannelTest, LossIsAnEventAndNoDeath) {
+  const auto channel = open();
+  raise(OX_SIG_LOST);
+  kill(getpid(), OX_SIG_LOST);
+  std::uint64_t lost = 0;
+  while (lost < 2) {
+    const auto got = channel->receive(Milliseconds(5000));
+    ASSERT_TRUE(got.ok());
+    ASSERT_NE(got->lost, 0u);
+    lost += got->lost;
+  }
+  EXPECT_EQ(lost, 2u);
+  EXPECT_EQ(channel->receive(Milliseconds(0))->lost, 0u);
+}
+
+TEST_F(ChannelTest, LossDuringARequestIsKept) {
+  const auto channel = open();
+  raise(OX_SIG_LOST);
+  EXPECT_TRUE(channel->request(OX_SO_REP_FLUSH, {}).ok());
+  EXPECT_EQ(channel->receive(Milliseconds(0))->lost, 1u);
+}
+
+TEST_F(ChannelTest, ALateSignalAfterLeavingIsHarmless) {
+  open().reset();
+  raise(OX_SIG_LOST);
+}
+
+TEST_F(ChannelTest, TheEndOfTarndIsSeen) {
+  const auto channel = open();
+  fake_.send(name_change(OX_OP_UNLINK, {1}, "/d/f"));
+  fake_.close_daemon_channel();
+  std::size_t records = 0;
+  for (;;) {
+    const auto got = channel->receive(Milliseconds(5000));
+    ASSERT_TRUE(got.ok());
+    records += got->packets.size();
+    if (got->closed) break;
+  }
+  EXPECT_EQ(records, 1u);
+  EXPECT_TRUE(channel->receive(Milliseconds(-1))->closed) << "must not wait for ever";
+  EXPECT_FALSE(channel->request(OX_SO_REP_FLUSH, {}).ok());
+  EXPECT_TRUE(channel->leave().ok());
+}
+
+TEST_F(ChannelTest, OversizedPacketsAreCounted) {
+  const auto channel = open();
+  fake_.send(Packet(20000));
+  const auto got = channel->receive(Milliseconds(5000));
+  EXPECT_TRUE(got->packets.empty());
+  EXPECT_EQ(got->oversized, 1u);
+}
+
+TEST_F(ChannelTest, OneDaemonAtATime) {
+  const auto channel = open();
+  const auto second = DaemonLock::take(fake_.run_dir(), Claim::kRefuseIfTaken);
+  ASSERT_FALSE(second.ok());
+  EXPECT_EQ(second.error().code, -EBUSY);
+  EXPECT_NE(second.error().text.find(std::to_string(getpid())), std::string::npos)
+      << second.error().text;
+}
+
+TEST_F(ChannelTest, WhoWasTakenOverDoesNotQuit) {
+  const auto channel = open();
+  EXPECT_FALSE(channel->taken_over());
+  const auto taker = DaemonLock::take(fake_.run_dir(), Claim::kTakeOver);
+  ASSERT_TRUE(taker.ok());
+  EXPECT_TRUE(taker->still_ours());
+  EXPECT_TRUE(channel->taken_over());
+  EXPECT_EQ(*registered_daemon(fake_.run_dir()), getpid());
+  EXPECT_EQ(DaemonLock::take(fake_.run_dir(), Claim::kRefuseIfTaken).error().code, -EBUSY);
+  EXPECT_TRUE(channel->leave().ok());
+  EXPECT_EQ(received().back(), OX_SO_REP_DEL) << "a quit would unregister the other";
+}
+
+TEST_F(ChannelTest, ALockOfTheDeadIsNoLock) {
+  std::ofstream(directory_ / "run/daemon.lock") << "1\n";
+  EXPECT_FALSE(*registered_daemon(fake_.run_dir()));
+  EXPECT_TRUE(DaemonLock::take(fake_.run_dir(), Claim::kRefuseIfTaken).ok());
+}
+
+TEST(LossSignal, OnePerProcess) {
+  auto first = LossSignal::install();
+  ASSERT_TRUE(first.ok());
+  EXPECT_EQ(LossSignal::install().error().code, -EBUSY);
+  first->reset();
+  EXPECT_TRUE(LossSignal::install().ok());
+}
+
+}  // namespace
+}  // namespace tarn

@@ -1,0 +1,29 @@
+#!/bin/bash
+# SPDX-License-Identifier: GPL-2.0
+# A daemon that is killed: writers go on undisturbed, the module forgets it at the first failed send, and the
+# next daemon is served. What was changed without a daemon is missing, and the new daemon sees the hole.
+. "$(dirname "$0")/../lib.sh"
+
+tarn mount "$T/lower" "$T/mnt"
+tarn rule add --include "$T/lower" >/dev/null
+start_mirrord
+echo one >"$T/mnt/one"
+wait_caught_up
+
+kill -9 "$MIRRORD_PID"
+wait "$MIRRORD_PID" 2>/dev/null || true
+MIRRORD_PID=
+echo two >"$T/mnt/two"
+[ "$(cat "$T/lower/two")" = two ]
+tarn log | grep -q 'Failed send tarn netlink message to pid(.*); ret = -111, process not existed, back to 0' ||
+  fail "no line about the daemon that is gone"
+echo three >"$T/mnt/three"
+
+start_mirrord
+echo four >"$T/mnt/four"
+wait_until 20 "the new daemon is served" cmp "$T/lower/four" "$T/replica/four"
+[ ! -e "$T/replica/two" ] || fail "a record came back from the dead"
+grep -qi 'gap' "$T/mirrord.err" || fail "the hole was not declared"
+kill "$MIRRORD_PID"
+if wait "$MIRRORD_PID"; then fail "mirrord ended with 0 although records are missing"; fi
+MIRRORD_PID=

@@ -1,0 +1,289 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tests/replicate/fake_tarnd.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+#include "module/os_public/Include/ox_ctl.h"
+#include "module/os_public/Include/ox_msg.h"
+
+namespace tarn::test {
+namespace {
+
+constexpr std::size_t kRuleSize = sizeof(prule);
+
+template <class T>
+std::string bytes_of(const T &record) {
+  return {reinterpret_cast<const char *>(&record), sizeof(record)};
+}
+
+bool same_uuid(const std::string &a, const std::string &b) {
+  return std::strncmp(a.data(), b.data(), 16) == 0;
+}
+
+UniqueFd listen_in(const std::string &run_dir, const std::string &name) {
+  UniqueFd directory(open(run_dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  UniqueFd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = fmt::format("/proc/self/fd/{}/{}", directory.get(), name);
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  if (bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
+      listen(listener.get(), 16) != 0)
+    throw std::runtime_error("cannot listen in " + run_dir);
+  return listener;
+}
+
+/* Adds to a set of records, removes from it; the results of the module. */
+int add_record(std::vector<std::string> &set, const std::string &record, std::size_t size) {
+  if (record.size() != size) return OX_ERR_SIZE;
+  for (const auto &old : set) {
+    if (same_uuid(old, record)) return OX_ERR_EXIST;
+  }
+  set.push_back(record);
+  return 0;
+}
+
+int delete_record(std::vector<std::string> &set, const std::string &record, std::size_t size) {
+  if (record.size() != size) return OX_ERR_REQUEST;
+  return std::erase_if(set, [&](const auto &old) { return same_uuid(old, record); }) ? 0
+                                                                                     : OX_ERR_NOENT;
+}
+
+std::string escaped(const std::string &path) {
+  std::string text;
+  for (const unsigned char c : path)
+    text +=
+        c <= ' ' || c == '\\' ? fmt::format("\\{:03o}", c) : std::string(1, static_cast<char>(c));
+  return text;
+}
+
+}  // namespace
+
+TemporaryDirectory::TemporaryDirectory() {
+  const char *base = std::getenv("TMPDIR");
+  path_ = std::string(base ? base : "/tmp") + "/tarn-test.XXXXXX";
+  if (!mkdtemp(path_.data())) throw std::runtime_error("cannot make a directory");
+  path_ = std::filesystem::canonical(path_).string();
+}
+
+TemporaryDirectory::~TemporaryDirectory() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+FakeTarnd::FakeTarnd(const std::string &run_dir) : run_dir_(run_dir) {
+  std::filesystem::create_directories(run_dir);
+  control_ = listen_in(run_dir, OX_CTL_SOCKET);
+  daemon_ = listen_in(run_dir, OX_CTL_DAEMON_SOCKET);
+  threads_.emplace_back([this] { accept_loop(control_.get(), &FakeTarnd::serve_control); });
+  threads_.emplace_back([this] { accept_loop(daemon_.get(), &FakeTarnd::serve_daemon); });
+}
+
+FakeTarnd::~FakeTarnd() {
+  {
+    std::lock_guard lock(mutex_);
+    ending_ = true;
+    shutdown(control_.get(), SHUT_RDWR);
+    shutdown(daemon_.get(), SHUT_RDWR);
+    for (const UniqueFd &connection : connections_) shutdown(connection.get(), SHUT_RDWR);
+  }
+  // The accept loops add threads behind themselves until they end.
+  for (auto thread = threads_.begin(); thread != threads_.end(); ++thread) thread->join();
+}
+
+void FakeTarnd::accept_loop(int listener, void (FakeTarnd::*serve)(int)) {
+  for (;;) {
+    const int socket = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (socket < 0 && errno == EINTR) continue;
+    std::lock_guard lock(mutex_);
+    if (socket < 0) return;
+    connections_.emplace_back(socket);
+    if (ending_) return;
+    threads_.emplace_back([this, socket, serve] { (this->*serve)(socket); });
+  }
+}
+
+void FakeTarnd::reply(int socket, int result, std::uint64_t total, const std::string &bytes) {
+  ox_ctl_reply head{};
+  head.result = result;
+  head.len = static_cast<ox_u32_t>(bytes.size());
+  head.total = total;
+  const std::string packet = bytes_of(head) + bytes;
+  ::send(socket, packet.data(), packet.size(), MSG_NOSIGNAL);
+}
+
+void FakeTarnd::serve_control(int socket) {
+  std::string packet(OX_CTL_PACKET_MAX, '\0');
+  for (;;) {
+    const ssize_t got = recv(socket, packet.data(), packet.size(), 0);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return;
+    answer_control(socket, packet.substr(0, static_cast<std::size_t>(got)));
+  }
+}
+
+void FakeTarnd::answer_control(int socket, const std::string &packet) {
+  ox_ctl_request request;
+  std::memcpy(&request, packet.data(), sizeof(request));
+  const std::string argument = packet.substr(sizeof(request));
+  std::lock_guard lock(mutex_);
+  changed_.notify_all();
+  switch (request.op) {
+    case OX_CTL_SETSOCKOPT:
+      return reply(socket, set_option(request.arg, argument), 0, "");
+    case OX_CTL_GETSOCKOPT: {
+      std::string buffer = argument;
+      const int result = get_option(request.arg, buffer, request.room);
+      if (result != 0) return reply(socket, result, 0, "");
+      std::size_t at = 0;
+      do {
+        const std::string part = buffer.substr(at, OX_CTL_PACKET_MAX - sizeof(ox_ctl_reply));
+        reply(socket, 0, buffer.size(), part);
+        at += part.size();
+      } while (at < buffer.size());
+      return;
+    }
+    case OX_CTL_MOUNT: {
+      const std::string lower = argument.c_str(), at = argument.substr(lower.size() + 1).c_str();
+      for (const auto &mount : state_.mounts) {
+        if (mount.second == at) return reply(socket, -EBUSY, 0, "something is mounted at " + at);
+      }
+      state_.mounts.emplace_back(lower, at);
+      return reply(socket, 0, 0, "");
+    }
+    case OX_CTL_UMOUNT: {
+      const std::string at = argument.c_str();
+      const bool found =
+          std::erase_if(state_.mounts, [&](const auto &m) { return m.second == at; }) != 0;
+      return reply(socket, found ? 0 : -EINVAL, 0, found ? "" : "nothing is mounted at " + at);
+    }
+    case OX_CTL_LOG: {
+      std::string lines;
+      for (std::size_t n = request.room; n < state_.log.size(); ++n) {
+        const ox_ctl_logline line{n, kTime + n, static_cast<ox_u32_t>(n % 8),
+                                  static_cast<ox_u32_t>(state_.log[n].size())};
+        lines += bytes_of(line) + state_.log[n];
+      }
+      return reply(socket, 0, state_.log.size(), lines);
+    }
+    case OX_CTL_MOUNTS: {
+      std::string text;
+      for (const auto &mount : state_.mounts)
+        text += escaped(mount.first) + " " + escaped(mount.second) + " rw\n";
+      return reply(socket, 0, text.size(), text);
+    }
+  }
+  reply(socket, -EINVAL, 0, "");
+}
+
+int FakeTarnd::set_option(int code, const std::string &argument) {
+  if (state_.forced_result != 0) return state_.forced_result;
+  switch (code) {
+    case OX_SO_REP_ADD:
+      return add_record(state_.rules, argument, kRuleSize);
+    case OX_SO_REP_DEL:
+      return delete_record(state_.rules, argument, kRuleSize);
+    case OX_SO_REP_FLUSH:
+      state_.rules.clear();
+      return 0;
+    case OX_SO_DIR_ADD:
+      return add_record(state_.directories, argument, sizeof(dir));
+    case OX_SO_DIR_DEL:
+      return delete_record(state_.directories, argument, sizeof(dir));
+    case OX_SO_DIR_FLUSH:
+      state_.directories.clear();
+      return 0;
+    case OX_SO_SET_DAEMON:
+      state_.daemon_path = argument.c_str();
+      return static_cast<int>(argument.size());
+  }
+  return OX_ERR_REQUEST;
+}
+
+int FakeTarnd::get_option(int code, std::string &buffer, std::size_t room) {
+  if (state_.forced_result != 0) return state_.forced_result;
+  prule_info info;
+  if (buffer.size() != sizeof(info)) return OX_ERR_SIZE;
+  std::memcpy(&info, buffer.data(), sizeof(info));
+  const std::string wanted = buffer.substr(8);
+  const auto found = std::find_if(state_.rules.begin(), state_.rules.end(),
+                                  [&](const auto &rule) { return same_uuid(rule, wanted); });
+  switch (code) {
+    case OX_SO_GET_INFO:
+      if (info.op == OX_INFO_COUNT)
+        info.rulenum = static_cast<ox_s32_t>(state_.rules.size());
+      else if (info.op != OX_INFO_EXIST)
+        return OX_ERR_SIZE;
+      else if (found != state_.rules.end())
+        info.rulenum = 1;
+      buffer = bytes_of(info);
+      return 0;
+    case OX_SO_GET_RULE:
+      if (found == state_.rules.end()) return OX_ERR_NOENT;
+      buffer = *found;
+      return 0;
+    case OX_SO_GET_RULES:
+      if (std::exchange(state_.count_is_wrong_once, false)) return OX_ERR_COUNT;
+      if (info.rulenum != static_cast<int>(state_.rules.size())) return OX_ERR_COUNT;
+      buffer.clear();
+      for (const auto &rule : state_.rules) buffer += rule;
+      return buffer.size() <= room ? 0 : static_cast<int>(buffer.size() - room);
+  }
+  return OX_ERR_REQUEST;
+}
+
+void FakeTarnd::serve_daemon(int socket) {
+  {
+    std::lock_guard lock(mutex_);
+    daemon_connection_ = socket;
+  }
+  std::string packet(1 << 16, '\0');
+  for (;;) {
+    const ssize_t got = recv(socket, packet.data(), packet.size(), 0);
+    if (got < 0 && errno == EINTR) continue;
+    std::lock_guard lock(mutex_);
+    if (got <= 0 && daemon_connection_ == socket) daemon_connection_ = -1;
+    if (got <= 0) return;
+    std::uint16_t type = 0;
+    std::memcpy(&type, packet.data() + 4, sizeof(type));
+    const std::string payload = packet.substr(16, static_cast<std::size_t>(got) - 16);
+    state_.received.push_back(type);
+    if (type == OX_NL_HELO) state_.registered = true;
+    if (type == OX_NL_QUIT) state_.registered = false;
+    changed_.notify_all();
+    const bool request = type == OX_SO_REP_ADD || type == OX_SO_REP_DEL || type == OX_SO_REP_FLUSH;
+    if (!request || !state_.registered || !state_.answers) continue;
+    const Packet answer = test::reply(type, set_option(type, payload));
+    ::send(socket, answer.data(), answer.size(), MSG_NOSIGNAL);
+  }
+}
+
+void FakeTarnd::send(const Packet &packet) {
+  int socket;
+  {
+    std::lock_guard lock(mutex_);
+    socket = daemon_connection_;
+  }
+  ::send(socket, packet.data(), packet.size(), MSG_NOSIGNAL);
+}
+
+void FakeTarnd::send(const std::vector<Packet> &packets) {
+  for (const Packet &packet : packets) send(packet);
+}
+
+void FakeTarnd::close_daemon_channel() {
+  std::lock_guard lock(mutex_);
+  shutdown(daemon_connection_, SHUT_RDWR);
+}
+
+}  // namespace tarn::test

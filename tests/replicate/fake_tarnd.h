@@ -1,0 +1,100 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * A stand-in for tarnd: the two sockets in a directory of their own, each connection served by a
+ * thread. The control channel keeps rules, directories, mounts and log lines as the module does,
+ * without any kernel; the daemon channel notes what it receives, answers requests of the registered
+ * daemon and sends what a test gives it.
+ */
+#ifndef TARN_TESTS_REPLICATE_FAKE_TARND_H
+#define TARN_TESTS_REPLICATE_FAKE_TARND_H
+
+#include <condition_variable>
+#include <list>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "client/unique_fd.h"
+#include "tests/replicate/message_builder.h"
+
+namespace tarn::test {
+
+/* A new directory that goes with the object. */
+class TemporaryDirectory {
+ public:
+  TemporaryDirectory();
+  ~TemporaryDirectory();
+  TemporaryDirectory(const TemporaryDirectory &) = delete;
+  TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
+  const std::string &path() const { return path_; }
+  std::string operator/(const std::string &name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+class FakeTarnd {
+ public:
+  /* Serves in `run_dir`, which it makes. */
+  explicit FakeTarnd(const std::string &run_dir);
+  ~FakeTarnd();
+  FakeTarnd(const FakeTarnd &) = delete;
+  FakeTarnd &operator=(const FakeTarnd &) = delete;
+
+  const std::string &run_dir() const { return run_dir_; }
+
+  /* What tests look at and set, under the lock. */
+  struct State {
+    std::vector<std::string> rules; /* whole records */
+    std::vector<std::string> directories;
+    std::string daemon_path;
+    std::vector<std::pair<std::string, std::string>> mounts;
+    std::vector<std::string> log;
+    int forced_result = 0;               /* of the next socket options */
+    bool count_is_wrong_once = false;    /* the next list request is refused */
+    bool registered = false;             /* a hello has come, and no quit since */
+    bool answers = true;                 /* requests over the daemon channel */
+    std::vector<std::uint16_t> received; /* types of the daemon's messages */
+  };
+  template <class F>
+  auto with(F f) {
+    std::lock_guard lock(mutex_);
+    return f(state_);
+  }
+
+  /* Waits until the condition holds; false after some seconds. */
+  bool wait_for(auto condition) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return condition(state_); });
+  }
+
+  /* To the latest connection of the daemon channel. */
+  void send(const Packet &packet);
+  void send(const std::vector<Packet> &packets);
+  void close_daemon_channel();
+
+ private:
+  void accept_loop(int listener, void (FakeTarnd::*serve)(int));
+  void serve_control(int socket);
+  void serve_daemon(int socket);
+  void answer_control(int socket, const std::string &packet);
+  int set_option(int code, const std::string &argument);
+  int get_option(int code, std::string &buffer, std::size_t room);
+  static void reply(int socket, int result, std::uint64_t total, const std::string &bytes);
+
+  std::string run_dir_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  State state_;
+  UniqueFd control_, daemon_;
+  std::list<UniqueFd> connections_;
+  int daemon_connection_ = -1;
+  bool ending_ = false;
+  std::list<std::thread> threads_;
+};
+
+}  // namespace tarn::test
+
+#endif

@@ -1,0 +1,31 @@
+#!/bin/bash
+# SPDX-License-Identifier: GPL-2.0
+# A full lower file system: the writer gets an error, what was written before is whole below and in the replica,
+# and once there is room again everything goes on.
+. "$(dirname "$0")/../lib.sh"
+[ "$(id -u)" -eq 0 ] || { echo "skipped: only root can mount a small file system" >&2; exit 77; }
+
+mkdir "$T/small"
+mount -t tmpfs -o size=2m tarn-small "$T/small"
+cleanup_test() { umount -l "$T/small"; }
+mkdir "$T/small/lower"
+rmdir "$T/lower"
+ln -s "$T/small/lower" "$T/lower"
+
+tarn mount "$T/small/lower" "$T/mnt"
+tarn rule add --include "$T/small/lower" >/dev/null
+ln -sfn "$T/small/lower" "$T/lower"
+mirrord --source "$T/small/lower" --replica "$T/replica" 2>"$T/mirrord.err" &
+MIRRORD_PID=$!
+wait_until 10 "mirrord is registered" eval '[ "$(helo_count)" -gt 0 ]'
+
+echo kept >"$T/mnt/kept"
+if head -c 4000000 /dev/zero >"$T/mnt/large" 2>"$T/head.err"; then fail "4 MB went into 2 MB"; fi
+[ "$(stat -c %s "$T/small/lower/large")" -gt 1000000 ] || fail "hardly anything was written"
+rm "$T/mnt/large"
+echo again >"$T/mnt/again"
+[ "$(cat "$T/small/lower/again")" = again ]
+wait_caught_up
+(cd "$T/small/lower" && find . -mindepth 1 -printf '%P\0') >"$T/no-mtime"
+compare_trees "$T/small/lower" "$T/replica" --no-mtime-of "$T/no-mtime"
+stop_mirrord

@@ -1,0 +1,196 @@
+// SPDX-License-Identifier: GPL-2.0
+// mirrord as a program, served by the stand-in: registration, replay, catching up, and how it ends.
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include <nlohmann/json.hpp>
+
+#include "mirrord/catch_up.h"
+#include "tests/replicate/fake_tarnd.h"
+#include "tests/replicate/run_program.h"
+
+namespace tarn {
+namespace {
+
+using namespace test;
+namespace fs = std::filesystem;
+
+class MirrorTest : public testing::Test {
+ protected:
+  MirrorTest() {
+    fs::create_directory(dir_ / "replica");
+    fs::create_directory(dir_ / "src");
+  }
+  std::unique_ptr<Program> start(std::vector<std::string> more = {}) {
+    std::vector<std::string> arguments = {
+        "--source", src_, "--replica", dir_ / "replica", "--status-file", dir_ / "status"};
+    arguments.insert(arguments.end(), more.begin(), more.end());
+    auto program = std::make_unique<Program>(MIRRORD_PROGRAM, arguments, environment_);
+    EXPECT_TRUE(eventually([&] { return fs::exists(dir_ / "status"); })) << program->err();
+    return program;
+  }
+  Ended catch_up() {
+    return run(MIRRORD_PROGRAM,
+               {"--catch-up", "--status-file", dir_ / "status", "--timeout", "20"});
+  }
+  nlohmann::json status() const { return nlohmann::json::parse(std::ifstream(dir_ / "status")); }
+  Packet create(std::uint32_t n, const std::string &name, Uuid rule = rule_uuid()) {
+    return name_change(OX_OP_CREATE, {n, rule, kTime + n}, src_ + "/" + name, {}, 0100644);
+  }
+  std::string replica(const std::string &name) const { return dir_ / ("replica/" + name); }
+
+  TemporaryDirectory dir_;
+  FakeTarnd fake_{dir_ / "run"};
+  const std::string src_ = dir_ / "src";
+  const std::vector<std::string> environment_ = {"TARN_RUN_DIR=" + fake_.run_dir()};
+};
+
+TEST_F(MirrorTest, ReplaysCatchesUpAndLeaves) {
+  const auto mirror = start();
+  fake_.send(create(1, "f"));
+  fake_.send(write_data({2}, src_ + "/f", 0, std::string(9000, 'x')));
+  const Ended waited = catch_up();
+  EXPECT_EQ(waited.exit, 0) << waited.err;
+  EXPECT_EQ(fs::file_size(replica("f")), 9000u);
+  const auto now = status();
+  EXPECT_EQ(now["messages"], 4);
+  EXPECT_EQ(now["bytes"], 9000);
+  EXPECT_EQ(now["rules"][0]["last_wseq"], 2);
+  EXPECT_EQ(now["running"], true);
+
+  fake_.send(create(3, "last"));
+  mirror->signal(SIGTERM);
+  const Ended ended = mirror->wait();
+  EXPECT_EQ(ended.exit, 0) << ended.err;
+  EXPECT_EQ(ended.err, "");
+  EXPECT_TRUE(fs::exists(replica("last"))) << "what was in the socket is applied";
+  EXPECT_TRUE(
+      fake_.wait_for([](const auto &state) { return state.received.back() == OX_NL_QUIT; }));
+  EXPECT_EQ(status()["running"], false);
+  EXPECT_EQ(catch_up().exit, 3);
+}
+
+TEST_F(MirrorTest, FailuresAreSaidAndCounted) {
+  const auto mirror = start();
+  fake_.send(create(1, "absent/f"));
+  fake_.send(create(2, "g"));
+  EXPECT_EQ(catch_up().exit, 1);
+  mirror->signal(SIGINT);
+  const Ended ended = mirror->wait();
+  EXPECT_EQ(ended.exit, 1);
+  EXPECT_NE(ended.err.find("mirrord: rule 10111213-1415-1617-1819-1A1B1C1D1E1F record 1 (create " +
+                           src_ + "/absent/f): No such file or directory\n"),
+            std::string::npos)
+      << ended.err;
+  EXPECT_TRUE(fs::exists(replica("g"))) << "the next record is tried all the same";
+  EXPECT_EQ(status()["failures"], 1);
+}
+
+TEST_F(MirrorTest, GapsStopNoticesAndRubbishAreLoud) {
+  const auto mirror = start();
+  fake_.send(create(1, "a"));
+  fake_.send(create(3, "c"));
+  fake_.send(stop_rule(rule_uuid(2)));
+  fake_.send(stop_rule(rule_uuid(2)));
+  fake_.send(Packet(20));
+  mirror->signal(SIGTERM);
+  const Ended ended = mirror->wait();
+  EXPECT_EQ(ended.exit, 1);
+  EXPECT_NE(ended.err.find("GAP: records 2 to 2 are missing"), std::string::npos) << ended.err;
+  EXPECT_NE(ended.err.find("STOPPED"), std::string::npos) << ended.err;
+  EXPECT_EQ(ended.err.find("STOPPED"), ended.err.rfind("STOPPED")) << "said once";
+  EXPECT_NE(ended.err.find("malformed message"), std::string::npos) << ended.err;
+  EXPECT_TRUE(fs::exists(replica("c")));
+}
+
+TEST_F(MirrorTest, AMissedBeginningIsAGap) {
+  const auto mirror = start();
+  fake_.send(create(5, "a"));
+  EXPECT_EQ(catch_up().exit, 1);
+  EXPECT_TRUE(fs::exists(replica("a")));
+  mirror->signal(SIGTERM);
+  EXPECT_NE(mirror->wait().err.find("GAP: begins with record 5"), std::string::npos);
+}
+
+TEST_F(MirrorTest, LossSignalDoesNotKill) {
+  const auto mirror = start();
+  mirror->signal(OX_SIG_LOST);
+  EXPECT_TRUE(eventually([&] { return mirror->err().find("LOST") != std::string::npos; }));
+  fake_.send(create(1, "a"));
+  EXPECT_EQ(catch_up().exit, 1);
+  mirror->signal(SIGTERM);
+  EXPECT_EQ(mirror->wait().exit, 1);
+  EXPECT_EQ(status()["lost"], 1);
+}
+
+TEST_F(MirrorTest, OnlyTheRulesThatWereNamed) {
+  const auto mirror = start({"--rule", to_string(rule_uuid(2))});
+  fake_.send(create(1, "one", rule_uuid(1)));
+  fake_.send(create(1, "two", rule_uuid(2)));
+  EXPECT_EQ(catch_up().exit, 0);
+  EXPECT_FALSE(fs::exists(replica("one")));
+  EXPECT_TRUE(fs::exists(replica("two")));
+}
+
+TEST_F(MirrorTest, TheEndOfTarnd) {
+  const auto mirror = start();
+  fake_.close_daemon_channel();
+  const Ended ended = mirror->wait();
+  EXPECT_EQ(ended.exit, 3);
+  EXPECT_NE(ended.err.find("tarnd has ended"), std::string::npos) << ended.err;
+}
+
+TEST_F(MirrorTest, ASecondOneIsRefusedUnlessToldOtherwise) {
+  const auto first = start();
+  const std::vector<std::string> arguments = {"--source", src_, "--replica", dir_ / "replica"};
+  const Ended second = run(MIRRORD_PROGRAM, arguments, environment_);
+  EXPECT_EQ(second.exit, 3);
+  EXPECT_NE(second.err.find("is the daemon already"), std::string::npos) << second.err;
+  auto take_over = arguments;
+  take_over.push_back("--take-over");
+  Program third(MIRRORD_PROGRAM, take_over, environment_);
+  EXPECT_EQ(first->wait().exit, 3);
+  EXPECT_TRUE(fake_.with([](auto &state) { return state.registered; }));
+  third.signal(SIGTERM);
+  EXPECT_EQ(third.wait().exit, 0);
+}
+
+TEST_F(MirrorTest, WrongArguments) {
+  const auto wrong = [&](const std::vector<std::string> &arguments, int exit,
+                         const std::string &text) {
+    const Ended ended = run(MIRRORD_PROGRAM, arguments, environment_);
+    EXPECT_EQ(ended.exit, exit) << ended.err;
+    EXPECT_NE(ended.err.find(text), std::string::npos) << ended.err;
+    EXPECT_EQ(std::count(ended.err.begin(), ended.err.end(), '\n'), 1) << ended.err;
+  };
+  wrong({}, 2, "--source and --replica must be given");
+  wrong({"--source", "/x"}, 2, "--source and --replica must be given");
+  wrong({"--source", "/x", "--replica", "/x/y"}, 2, "lies inside the source");
+  wrong({"--source", src_, "--replica", dir_ / "absent"}, 1, "cannot open the replica directory");
+  wrong({"--source", src_, "--replica", dir_ / "replica", "--rule", "1"}, 2,
+        "is not the UUID of a rule");
+  wrong({"--no-such-option"}, 2, "mirrord --help");
+  wrong({"--catch-up"}, 2, "--status-file");
+  wrong({"--catch-up", "--status-file", dir_ / "absent"}, 3, "no mirrord writes it");
+  EXPECT_EQ(run(MIRRORD_PROGRAM, {"--help"}).exit, 0);
+  const Ended nobody = run(MIRRORD_PROGRAM, {"--source", src_, "--replica", dir_ / "replica"},
+                           {"TARN_RUN_DIR=" + (dir_ / "absent")});
+  EXPECT_EQ(nobody.exit, 3);
+  EXPECT_NE(nobody.err.find("no tarnd runs in"), std::string::npos);
+}
+
+TEST_F(MirrorTest, TenThousandRecords) {
+  const auto mirror = start();
+  fake_.send(create(1, "f"));
+  for (std::uint32_t n = 2; n <= 10000; ++n) fake_.send(write_data({n}, src_ + "/f", n, "x"));
+  EXPECT_EQ(catch_up().exit, 0);
+  EXPECT_EQ(fs::file_size(replica("f")), 10001u);
+  mirror->signal(SIGTERM);
+  EXPECT_EQ(mirror->wait().exit, 0);
+}
+
+}  // namespace
+}  // namespace tarn

@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/run_dir.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+
+#include "module/os_public/Include/ox_ctl.h"
+
+namespace tarnd {
+namespace {
+
+namespace fs = std::filesystem;
+
+class RunDirTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = (fs::temp_directory_path() / "tarnd_test.XXXXXX").string();
+    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+    base_ = pattern;
+  }
+  void TearDown() override { fs::remove_all(base_); }
+
+  static mode_t mode_of(const fs::path &path) {
+    struct stat st {};
+    EXPECT_EQ(lstat(path.c_str(), &st), 0) << path;
+    return st.st_mode & 07777;
+  }
+
+  fs::path base_;
+};
+
+TEST_F(RunDirTest, IsCreatedWithItsMode) {
+  const RunDir dir(base_ / "a/run");
+  EXPECT_EQ(mode_of(base_ / "a/run"), geteuid() == 0 ? 0755u : 0700u);
+}
+
+TEST_F(RunDirTest, IsHeldByOneAtATime) {
+  {
+    const RunDir dir(base_ / "run");
+    EXPECT_THROW(RunDir(base_ / "run"), std::runtime_error);
+  }
+  EXPECT_NO_THROW(RunDir(base_ / "run"));
+}
+
+TEST_F(RunDirTest, RefusesWhatIsNoDirectoryOfItsOwn) {
+  std::ofstream(base_ / "file").put('x');
+  EXPECT_THROW(RunDir(base_ / "file"), std::runtime_error);
+  fs::create_directory(base_ / "real");
+  fs::create_symlink(base_ / "real", base_ / "link");
+  EXPECT_THROW(RunDir(base_ / "link"), std::runtime_error);
+}
+
+TEST_F(RunDirTest, SocketsReplaceStaleOnesAndTakeEverybody) {
+  const RunDir dir(base_ / "run");
+  { const UniqueFd stale = dir.listen(OX_CTL_SOCKET); }
+  const UniqueFd listener = dir.listen(OX_CTL_SOCKET);
+  EXPECT_EQ(mode_of(dir.file(OX_CTL_SOCKET)), 0666u);
+
+  const UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET, 0));
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  const std::string path = dir.file(OX_CTL_SOCKET);
+  std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+  EXPECT_EQ(connect(client.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
+}
+
+TEST_F(RunDirTest, LongPathsHoldSockets) {
+  const RunDir dir(base_ / std::string(150, 'x'));
+  EXPECT_TRUE(dir.listen(OX_CTL_SOCKET));
+  EXPECT_TRUE(fs::exists(dir.file(OX_CTL_SOCKET)));
+}
+
+TEST_F(RunDirTest, CleanRemovesWhatClientsLookFor) {
+  const RunDir dir(base_ / "run");
+  const UniqueFd control = dir.listen(OX_CTL_SOCKET);
+  const UniqueFd daemon = dir.listen(OX_CTL_DAEMON_SOCKET);
+  dir.write_pid_file();
+  std::ifstream in(dir.file(OX_CTL_PID_FILE));
+  pid_t pid = 0;
+  in >> pid;
+  EXPECT_EQ(pid, getpid());
+  dir.clean();
+  EXPECT_FALSE(fs::exists(dir.file(OX_CTL_SOCKET)));
+  EXPECT_FALSE(fs::exists(dir.file(OX_CTL_DAEMON_SOCKET)));
+  EXPECT_FALSE(fs::exists(dir.file(OX_CTL_PID_FILE)));
+}
+
+}  // namespace
+}  // namespace tarnd

@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/server.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <atomic>
+#include <stdexcept>
+
+namespace tarnd {
+namespace {
+
+// A listening socket without a name in the file system, and connections to it.
+class Listener {
+ public:
+  Listener() {
+    fd_ = UniqueFd(socket(AF_UNIX, SOCK_SEQPACKET, 0));
+    sockaddr_un any{};
+    any.sun_family = AF_UNIX;
+    EXPECT_EQ(bind(fd_.get(), reinterpret_cast<sockaddr *>(&any), sizeof(any.sun_family)), 0);
+    EXPECT_EQ(listen(fd_.get(), 8), 0);
+    len_ = sizeof(addr_);
+    EXPECT_EQ(getsockname(fd_.get(), reinterpret_cast<sockaddr *>(&addr_), &len_), 0);
+  }
+  UniqueFd take() { return std::move(fd_); }
+  UniqueFd connect() const {
+    UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET, 0));
+    EXPECT_EQ(::connect(fd.get(), reinterpret_cast<const sockaddr *>(&addr_), len_), 0);
+    return fd;
+  }
+
+ private:
+  UniqueFd fd_;
+  sockaddr_un addr_{};
+  socklen_t len_ = 0;
+};
+
+void echo(int fd) {
+  char buf[16];
+  for (ssize_t n; (n = recv(fd, buf, sizeof(buf), 0)) > 0;)
+    send(fd, buf, static_cast<size_t>(n), MSG_NOSIGNAL);
+}
+
+char ask(const UniqueFd &fd, char question) {
+  char answer = 0;
+  EXPECT_EQ(send(fd.get(), &question, 1, 0), 1);
+  EXPECT_EQ(recv(fd.get(), &answer, 1, 0), 1);
+  return answer;
+}
+
+TEST(Server, ServesConnectionsSideBySide) {
+  Listener listener;
+  Server server(listener.take(), echo);
+  server.start();
+  const UniqueFd a = listener.connect();
+  const UniqueFd b = listener.connect();
+  EXPECT_EQ(ask(b, 'b'), 'b');
+  EXPECT_EQ(ask(a, 'a'), 'a');
+}
+
+TEST(Server, StopEndsConnectionsThatWait) {
+  Listener listener;
+  std::atomic<int> ended = 0;
+  Server server(listener.take(), [&](int fd) {
+    echo(fd);
+    ended++;
+  });
+  server.start();
+  const UniqueFd a = listener.connect();
+  const UniqueFd b = listener.connect();
+  ask(a, 'a');
+  ask(b, 'b');
+  server.stop();
+  EXPECT_EQ(ended, 2);
+}
+
+TEST(Server, AnErrorEndsItsConnectionOnly) {
+  Listener listener;
+  Server server(listener.take(), [](int fd) {
+    char c = 0;
+    if (recv(fd, &c, 1, 0) == 1 && c == 'x') throw std::runtime_error("as the test wants");
+    send(fd, &c, 1, MSG_NOSIGNAL);
+  });
+  server.start();
+  const UniqueFd a = listener.connect();
+  const UniqueFd b = listener.connect();
+  char c = 'x';
+  EXPECT_EQ(send(a.get(), &c, 1, 0), 1);
+  EXPECT_EQ(recv(a.get(), &c, 1, 0), 0);
+  EXPECT_EQ(ask(b, 'b'), 'b');
+}
+
+TEST(Server, StopWithoutStart) {
+  Listener listener;
+  Server server(listener.take(), echo);
+  server.stop();
+}
+
+}  // namespace
+}  // namespace tarnd

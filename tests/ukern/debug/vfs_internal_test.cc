@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: GPL-2.0
+// Dentries, inodes and mounts by calls that a module does not have.
+#include "tests/ukern/testfs.h"
+
+CASE(vfs_internal, is_subdir) {
+  testfs fs;
+  struct dentry *a = fs.add(fs.root(), "a", S_IFDIR | 0755);
+  struct dentry *b = fs.add(a, "b", S_IFDIR | 0755);
+  struct dentry *c = fs.add(fs.root(), "c", S_IFDIR | 0755);
+  REQUIRE_TRUE(a && b && c);
+  EXPECT_TRUE(is_subdir(b, a));
+  EXPECT_TRUE(is_subdir(b, fs.root()));
+  EXPECT_TRUE(is_subdir(a, a));
+  EXPECT_FALSE(is_subdir(a, b));
+  EXPECT_FALSE(is_subdir(b, c));
+  dput(c);
+  dput(b);
+  dput(a);
+}
+
+CASE(vfs_internal, mount_of_an_unknown_type) {
+  struct vfsmount *mnt = do_kern_mount("no such type", 0, "none", NULL);
+  EXPECT_EQ(PTR_ERR(mnt), -ENODEV);
+}
+
+CASE(vfs_internal, special_inodes_have_the_operations_of_their_type) {
+  testfs fs;
+  struct inode *inode = fs.inode(S_IFREG);
+  REQUIRE_TRUE(inode);
+  init_special_inode(inode, S_IFCHR | 0600, MKDEV(1, 3));
+  EXPECT_TRUE(inode->i_fop == &def_chr_fops);
+  init_special_inode(inode, S_IFBLK | 0600, MKDEV(8, 1));
+  EXPECT_TRUE(inode->i_fop == &def_blk_fops);
+  init_special_inode(inode, S_IFIFO | 0600, 0);
+  EXPECT_TRUE(inode->i_fop == &def_fifo_fops);
+  init_special_inode(inode, S_IFSOCK | 0600, 0);
+  EXPECT_TRUE(inode->i_fop == &bad_sock_fops);
+  iput(inode);
+}
+
+CASE(vfs_internal, opening_a_special_inode_finds_no_device) {
+  testfs fs;
+  struct inode *inode = fs.inode(S_IFREG);
+  REQUIRE_TRUE(inode);
+  const int modes[] = {S_IFCHR, S_IFBLK, S_IFIFO, S_IFSOCK};
+  for (int mode : modes) {
+    init_special_inode(inode, (umode_t)mode, 0);
+    EXPECT_EQ(inode->i_fop->open(inode, NULL), -ENXIO);
+  }
+  iput(inode);
+}

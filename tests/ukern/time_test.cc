@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: GPL-2.0
+#include <linux/jiffies.h>
+#include <linux/sched.h>
+#include <linux/time.h>
+
+#include "tests/harness/case.h"
+
+CASE(time, jiffies_count_milliseconds) {
+  EXPECT_EQ(HZ, 1000);
+  struct timespec a, b;
+  const unsigned long start = jiffies;
+  getnstimeofday(&a);
+  msleep(50);
+  const unsigned long ticks = jiffies - start;
+  getnstimeofday(&b);
+  const long ms = (b.tv_sec - a.tv_sec) * 1000 + (b.tv_nsec - a.tv_nsec) / 1000000;
+  EXPECT_GE(ticks, 49ul);
+  EXPECT_LE(ticks, (unsigned long)ms + 2);
+}
+
+CASE(time, order_of_jiffies_survives_the_wrap) {
+  EXPECT_TRUE(time_after(1UL, ~0UL));
+  EXPECT_TRUE(time_before(~0UL, 1UL));
+  EXPECT_TRUE(time_after_eq(5UL, 5UL));
+  EXPECT_FALSE(time_after(5UL, 5UL));
+}
+
+CASE(time, units_convert) {
+  EXPECT_EQ(msecs_to_jiffies(1500), 1500ul);
+  EXPECT_EQ(jiffies_to_msecs(1500), 1500u);
+  EXPECT_EQ(msecs_to_jiffies(0xffffffffu), MAX_JIFFY_OFFSET);
+  EXPECT_EQ(usecs_to_jiffies(1001), 2ul);
+  struct timespec ts = {2, 500000001};
+  EXPECT_EQ(timespec_to_jiffies(&ts), 2501ul);
+  jiffies_to_timespec(2501, &ts);
+  EXPECT_EQ(ts.tv_sec, 2l);
+  EXPECT_EQ(ts.tv_nsec, 501000000l);
+}
+
+CASE(time, clocks_agree_to_the_jiffy) {
+  struct timeval tv;
+  struct timespec before = current_kernel_time();
+  do_gettimeofday(&tv);
+  struct timespec now;
+  getnstimeofday(&now);
+  EXPECT_TRUE(tv.tv_usec >= 0 && tv.tv_usec < USEC_PER_SEC);
+  EXPECT_TRUE(now.tv_nsec >= 0 && now.tv_nsec < NSEC_PER_SEC);
+  struct timespec middle = {tv.tv_sec, tv.tv_usec * NSEC_PER_USEC};
+  EXPECT_LE(timespec_compare(&before, &middle), 0);
+  EXPECT_LE(timespec_compare(&middle, &now), 0);
+  EXPECT_LE((unsigned long)tv.tv_sec, get_seconds());
+}
+
+CASE(time, mktime_counts_seconds_since_1970) {
+  EXPECT_EQ(mktime(1970, 1, 1, 0, 0, 0), 0ul);
+  EXPECT_EQ(mktime(2000, 2, 29, 12, 0, 0), 951825600ul);
+  EXPECT_EQ(mktime(2009, 12, 31, 23, 59, 59), 1262303999ul);
+}
+
+CASE(time, trunc_cuts_to_the_granularity) {
+  struct timespec t = {10, 123456789};
+  EXPECT_EQ(timespec_trunc(t, 1000000000).tv_nsec, 0l);
+  EXPECT_EQ(timespec_trunc(t, 10000000).tv_nsec, 120000000l);
+  EXPECT_EQ(timespec_trunc(t, 1).tv_nsec, 123456789l);
+}

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 
@@ -30,6 +31,15 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr auto kStopPatience = std::chrono::seconds(30);
+constexpr auto kStartPatience = std::chrono::seconds(10);
+constexpr auto kPoll = std::chrono::milliseconds(20);
+
+/* The code of an error that is about starting tarnd. */
+constexpr int kNotStarted = -ECHILD;
+
+/* A tarnd holds this file of its run directory locked from before it serves until after it has
+ * served. */
+constexpr char kTarndLock[] = "/lock";
 
 /* The whole path of an existing directory, without symbolic links. */
 Result<std::string> directory(const std::string &path, const std::string &role) {
@@ -86,7 +96,7 @@ std::string written(int fd) {
  */
 Result<void> start_tarnd(const std::string &run_dir) {
   const auto program = find_tarnd();
-  if (!program) return program.error();
+  if (!program) return Error{kNotStarted, program.error().text};
   const std::string what = "cannot start " + printable(*program);
   // A file and not a pipe: a tarnd that has gone to the background may keep it open.
   const UniqueFd errors(memfd_create("tarnd-stderr", MFD_CLOEXEC));
@@ -101,7 +111,7 @@ Result<void> start_tarnd(const std::string &run_dir) {
   pid_t pid;
   const int err = posix_spawn(&pid, program->c_str(), &actions, nullptr, arguments, environ);
   posix_spawn_file_actions_destroy(&actions);
-  if (err != 0) return system_error(err, what);
+  if (err != 0) return Error{kNotStarted, system_error(err, what).text};
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
@@ -112,7 +122,12 @@ Result<void> start_tarnd(const std::string &run_dir) {
                ? fmt::format("{} was ended by signal {}", *program, WTERMSIG(status))
                : fmt::format("{} failed and did not say why: try '{} --foreground'",
                              printable(*program), *program);
-  return Error{-ECHILD, said};
+  return Error{kNotStarted, said};
+}
+
+bool tarnd_lives(const std::string &run_dir) {
+  const UniqueFd lock(open((run_dir + kTarndLock).c_str(), O_RDONLY | O_CLOEXEC));
+  return lock && flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
 Result<pid_t> tarnd_pid(const std::string &run_dir) {
@@ -132,15 +147,38 @@ Result<void> stop_tarnd(const std::string &run_dir) {
   if (kill(*pid, SIGTERM) != 0)
     return system_error(errno, fmt::format("cannot end tarnd (process {})", *pid));
   const auto deadline = std::chrono::steady_clock::now() + kStopPatience;
-  while (kill(*pid, 0) == 0) {
+  while (tarnd_lives(run_dir)) {
     if (std::chrono::steady_clock::now() > deadline)
       return Error{
           -EBUSY,
           fmt::format("tarnd (process {}) did not end: a mount may be busy; see 'tarn status'",
                       *pid)};
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::this_thread::sleep_for(kPoll);
   }
   return {};
+}
+
+struct Connection {
+  ControlChannel channel;
+  bool started_here; /* no tarnd ran before */
+};
+
+/* To the tarnd that runs, or to one that is started for it. */
+Result<Connection> connect_or_start(const std::string &run_dir) {
+  const auto deadline = std::chrono::steady_clock::now() + kStartPatience;
+  for (;;) {
+    auto channel = ControlChannel::connect(run_dir);
+    if (channel) return Connection{std::move(*channel), false};
+    if (!nobody_there(channel.error())) return channel.error();
+    const auto start = start_tarnd(run_dir);
+    channel = ControlChannel::connect(run_dir);
+    if (channel) return Connection{std::move(*channel), start.ok()};
+    // One that another program has just started, or that is just ending, is in the way for a moment
+    // only.
+    if (start || !tarnd_lives(run_dir) || std::chrono::steady_clock::now() > deadline)
+      return start ? channel.error() : start.error();
+    std::this_thread::sleep_for(kPoll);
+  }
 }
 
 }  // namespace
@@ -152,24 +190,17 @@ int mount_command(const std::string &lower, const std::string &mountpoint) {
   if (!at) return fail(at.error());
 
   const std::string run_dir = run_directory();
-  auto channel = ControlChannel::connect(run_dir);
-  bool started = false;
-  if (!channel && nobody_there(channel.error())) {
-    const auto start = start_tarnd(run_dir);
-    channel = ControlChannel::connect(run_dir);
-    // Whoever started it, it is there. If not, tarnd's own words say why.
-    if (!channel && !start) {
-      // tarnd's lines begin with its own name.
-      std::fprintf(stderr, "%s%s\n", start.error().text.starts_with("tarnd:") ? "" : "tarn: ",
-                   start.error().text.c_str());
-      return kExitCannotStart;
-    }
-    started = start.ok();
+  auto connection = connect_or_start(run_dir);
+  if (!connection && connection.error().code == kNotStarted) {
+    // tarnd's own words; its lines begin with its name.
+    const std::string &said = connection.error().text;
+    std::fprintf(stderr, "%s%s\n", said.starts_with("tarnd:") ? "" : "tarn: ", said.c_str());
+    return kExitCannotStart;
   }
-  if (!channel) return fail(channel.error());
-  const auto mounted = channel->mount(*from, *at);
+  if (!connection) return fail(connection.error());
+  const auto mounted = connection->channel.mount(*from, *at);
   if (mounted) return kExitOk;
-  if (started) {
+  if (connection->started_here) {
     if (auto stopped = stop_tarnd(run_dir); !stopped) fail(stopped.error());
   }
   return fail(mounted.error());

@@ -81,6 +81,12 @@ void Mount::unmount_kernel() {
   uk_node_put(root_, 1);
   root_ = nullptr;
   int err = uk_fs_umount(mountpoint_.c_str(), 0);
+  if (err == -EBUSY) {
+    // Names that nobody uses any more keep it: where the lower directory holds the mount point, its
+    // own.
+    uk_drop_caches();
+    err = uk_fs_umount(mountpoint_.c_str(), 0);
+  }
   // Another mount whose lower directory is in here keeps it in use; it goes with that one.
   if (err == -EBUSY) err = uk_fs_umount(mountpoint_.c_str(), kDetach);
   if (err)

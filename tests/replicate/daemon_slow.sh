@@ -11,7 +11,7 @@ echo before >"$T/mnt/before"
 wait_caught_up
 
 kill -STOP "$MIRRORD_PID"
-head -c 8000000 /dev/urandom >"$T/mnt/large"
+dd if=/dev/urandom of="$T/mnt/large" bs=1M count=8 status=none
 cmp "$T/mnt/large" "$T/lower/large"
 tarn log | grep -q 'Failed send tarn netlink message to pid(.*); ret = -11, back to 0' ||
   fail "no line about the send that timed out"

@@ -85,8 +85,8 @@ FakeTarnd::FakeTarnd(const std::string &run_dir) : run_dir_(run_dir) {
   std::filesystem::create_directories(run_dir);
   control_ = listen_in(run_dir, OX_CTL_SOCKET);
   daemon_ = listen_in(run_dir, OX_CTL_DAEMON_SOCKET);
-  threads_.emplace_back([this] { accept_loop(control_.get(), &FakeTarnd::serve_control); });
-  threads_.emplace_back([this] { accept_loop(daemon_.get(), &FakeTarnd::serve_daemon); });
+  control_loop_ = std::thread([this] { accept_loop(control_.get(), &FakeTarnd::serve_control); });
+  daemon_loop_ = std::thread([this] { accept_loop(daemon_.get(), &FakeTarnd::serve_daemon); });
 }
 
 FakeTarnd::~FakeTarnd() {
@@ -97,8 +97,9 @@ FakeTarnd::~FakeTarnd() {
     shutdown(daemon_.get(), SHUT_RDWR);
     for (const UniqueFd &connection : connections_) shutdown(connection.get(), SHUT_RDWR);
   }
-  // The accept loops add threads behind themselves until they end.
-  for (auto thread = threads_.begin(); thread != threads_.end(); ++thread) thread->join();
+  control_loop_.join();
+  daemon_loop_.join();
+  for (std::thread &connection : threads_) connection.join();
 }
 
 void FakeTarnd::accept_loop(int listener, void (FakeTarnd::*serve)(int)) {

@@ -92,7 +92,8 @@ class FakeTarnd {
   std::list<UniqueFd> connections_;
   int daemon_connection_ = -1;
   bool ending_ = false;
-  std::list<std::thread> threads_;
+  std::list<std::thread> threads_; /* one per connection */
+  std::thread control_loop_, daemon_loop_;
 };
 
 }  // namespace tarn::test

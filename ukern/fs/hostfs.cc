@@ -13,6 +13,8 @@
 
 #include "ukern/fs/fs_types.h"
 #include "ukern/fs/hostfs.h"
+#include "ukern/uk_fs.h"
+#include "ukern/vfs/vfs.h"
 
 namespace {
 
@@ -187,9 +189,17 @@ struct inode *hostfs_iget(struct super_block *sb, int fd) {
   return inode;
 }
 
+// Each cached inode holds a descriptor and each open file may hold another: half of what the host
+// allows goes to what is merely cached, a quarter to files that nobody reads or writes at the
+// moment.
+static void share_descriptors(long descriptors) {
+  if (descriptors < 256) descriptors = 256;
+  if (descriptors / 2 < ukern_cache_limit) uk_set_cache_limit((unsigned)descriptors / 2);
+  hostfs_set_idle_files((unsigned long)descriptors / 4);
+}
+
 int hostfs_init(void) {
-  const long descriptors = host_fs_start();
-  hostfs_set_idle_files(descriptors > 256 ? (unsigned long)descriptors / 4 : 64);
+  share_descriptors(host_fs_start());
   hostfs_bdi = {};
   hostfs_bdi.capabilities = BDI_CAP_NO_ACCT_DIRTY | BDI_CAP_NO_WRITEBACK | BDI_CAP_MAP_COPY;
   inode_cache =

@@ -279,7 +279,9 @@ CASE(hostfs, a_running_program_can_be_opened_but_not_written) {
       char magic[4];
       EXPECT_EQ(file.read(magic, 4, 0), 4);
       EXPECT_EQ(memcmp(magic + 1, "ELF", 3), 0);
-      EXPECT_EQ(file.write("x", 1, 0), -ETXTBSY);
+      // As somebody who may not write the program anyway, that is what one is told.
+      const long refused = file.write("x", 1, 0);
+      EXPECT_TRUE(refused == -ETXTBSY || (!host_fs_can_impersonate() && refused == -EACCES));
     }
     __putname(path);
     __putname(target);

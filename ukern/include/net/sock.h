@@ -106,7 +106,7 @@ static inline void sock_put(struct sock *sk) {
 }
 
 static inline void sock_set_flag(struct sock *sk, enum sock_flags flag) {
-  __set_bit(flag, &sk->sk_flags);
+  set_bit(flag, &sk->sk_flags);  // senders that wait look at it without the lock
 }
 
 static inline int sock_flag(struct sock *sk, enum sock_flags flag) {

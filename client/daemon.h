@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "client/daemon_lock.h"
-#include "client/link.h"
+#include "client/message_link.h"
 #include "client/loss_signal.h"
 #include "client/messages.h"
 #include "client/result.h"

@@ -4,7 +4,7 @@
 #include <array>
 #include <cerrno>
 
-#include "client/link.h"
+#include "client/message_link.h"
 #include "client/run_dir.h"
 #include "client/unique_fd.h"
 #include "module/os_public/Include/ox_ctl.h"

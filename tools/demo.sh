@@ -28,7 +28,7 @@ Everything is still running. Try, in another terminal:
   echo hello >$T/mnt/hello.txt; cat $T/replica/hello.txt
   tarn status; tarn rule list; tarn log --follow
 and to end it:
-  kill $mirrord_pid; tarn umount $T/mnt; kill \$(cat $TARN_RUN_DIR/tarnd.pid); rm -rf $T
+  kill $mirrord_pid; tarn stop; rm -rf $T
 TEXT
     return
   fi
@@ -51,24 +51,11 @@ TEXT
 }
 trap finish EXIT
 
-# A file made now arrives after everything made before it, because the records of a rule are in order.
-wait_caught_up() {
-  local marker=.caught-up.$$ deadline=$((SECONDS + 300))
-  : >"$T/mnt/$marker"
-  until [ -e "$T/replica/$marker" ]; do
-    [ $SECONDS -lt $deadline ] || { say "demo: the replica did not catch up" >&2; exit 1; }
-    kill -0 "$mirrord_pid" 2>/dev/null || { say "demo: mirrord has ended" >&2; exit 1; }
-    sleep 0.02
-  done
-  rm "$T/mnt/$marker"
-  until [ ! -e "$T/replica/$marker" ]; do sleep 0.02; done
-}
-
 say "mounting $T/lower through tarn at $T/mnt"
 tarn mount "$T/lower" "$T/mnt"
 uuid=$(tarn rule add --include "$T/lower")
 say "rule $uuid replicates $T/lower"
-mirrord --source "$T/lower" --replica "$T/replica" 2>"$T/mirrord.err" &
+mirrord --source "$T/lower" --replica "$T/replica" --status-file "$T/mirrord.json" >"$T/mirrord.err" 2>&1 </dev/null &
 mirrord_pid=$!
 for _ in $(seq 200); do
   tarn log | grep -q tarn_process_nl_helo && break
@@ -97,12 +84,17 @@ done <"$T/appended"
 cat "$T/overwritten" "$T/appended" | tr '\n' '\0' >"$T/touched"
 written=$(date +%s.%N)
 
-wait_caught_up
+mirrord --catch-up --status-file "$T/mirrord.json" --timeout 300
 caught_up=$(date +%s.%N)
-records=$(tarn rule show "$uuid" --json 2>/dev/null | python3 -c 'import json,sys; print(json.load(sys.stdin).get("records",""))' 2>/dev/null || true)
 say "$(wc -l <"$T/overwritten") files overwritten in part, $(wc -l <"$T/appended") appended to"
-awk -v a="$started" -v b="$written" -v c="$caught_up" \
-  'BEGIN { printf "workload: %.1f s; replica complete %.2f s after its last write\n", b - a, c - b }'
+python3 - "$T/mirrord.json" "$started" "$written" "$caught_up" <<'PY'
+import json, sys
+status = json.load(open(sys.argv[1]))
+started, written, caught_up = map(float, sys.argv[2:])
+print("%d records with %.1f MB of data in %.1f s (%.0f records/s); replica complete %.2f s after the last write"
+      % (status["messages"], status["bytes"] / 1e6, written - started,
+         status["messages"] / (caught_up - started), caught_up - written))
+PY
 say "comparing the lower directory with the replica"
 python3 "$HERE/tests/replicate/tree_compare.py" "$T/lower" "$T/replica" --no-mtime-of "$T/touched"
 

@@ -4,8 +4,8 @@
  * header. The module in tarnd is reached through a Unix socket (connect_unix_link); DaemonChannel
  * needs nothing but what stands here.
  */
-#ifndef TARN_CLIENT_LINK_H
-#define TARN_CLIENT_LINK_H
+#ifndef TARN_CLIENT_MESSAGE_LINK_H
+#define TARN_CLIENT_MESSAGE_LINK_H
 
 #include <cstddef>
 #include <memory>

@@ -45,6 +45,16 @@ static void init_node(struct prule_node *node) {
   spin_lock_init(&node->node_lock);
 }
 
+/* The automaton's first state, where it is a run without which nothing is included. */
+static void init_lead(struct prule_node *node) {
+  const matchdr_t *m = &node->path;
+  if (m->start < STATE_STRING || m->start >= STATE_FINAL) return;
+  const strm_t *run = &m->strm[m->start - STATE_STRING];
+  if (run->miss != STATE_MISS || run->l < sizeof(node->lead_end)) return;
+  memcpy(&node->lead_end, run->ptr + run->l - sizeof(node->lead_end), sizeof(node->lead_end));
+  node->lead_len = run->l;
+}
+
 /* ---- the set ---- */
 
 /* Nodes that were taken off the set, under its lock; gives the list's references back once it is
@@ -76,6 +86,17 @@ static struct prule_node *find_locked(const uuid_t uuid) {
     if (uuid_same(node->rule.uuid, uuid)) return node;
   }
   return nullptr;
+}
+
+/* With the lock held for writing: the last node comes into the sight of an earlier one. */
+static void set_ahead_locked(const struct prule_node *last) {
+  const int places = 8; /* about as long as the fetch takes */
+  struct list_head *p = ruleset.head.prev;
+  for (int i = 0; i < places; ++i) {
+    p = p->prev;
+    if (p == &ruleset.head) return;
+  }
+  list_entry(p, struct prule_node, list)->ahead = last;
 }
 
 struct prule_node *findnode_byuuid(const uuid_t uuid) {
@@ -117,6 +138,7 @@ int do_add(const void __user *record, unsigned length) {
     printk("create reppath error!\n");
     return OX_ERR_PATTERN;
   }
+  init_lead(node.get());
 
   removed_rules removed;
   bool exists;
@@ -127,6 +149,7 @@ int do_add(const void __user *record, unsigned length) {
     node->status = PRULE_ACTIVE;
     if (!exists) {
       list_add_tail(&node->list, &ruleset.head);
+      set_ahead_locked(node.get());
       ++ruleset.rulenum;
     }
   }
@@ -154,6 +177,7 @@ int delnode_fromlist(struct prule_node *node) {
   removed.take_flushed_locked();
   struct prule_node *listed;
   list_for_each_entry(listed, &ruleset.head, list) {
+    if (listed->ahead == node) listed->ahead = node->ahead;
     if (listed != node) continue;
     --ruleset.rulenum;
     removed.take_locked(node);

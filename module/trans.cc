@@ -109,9 +109,15 @@ int tarn_transq_submit(struct prule_node *rule) {
 
 /* ---- hits ---- */
 
-static bool hits_rule(const struct prule_node *rule, const char *path1, const char *path2) {
-  return ox_load(rule->status) == PRULE_STOPPED || match(&rule->path, path1) != STATE_MISS ||
-         (path2 && match(&rule->path, path2) != STATE_MISS);
+struct changed_path {
+  const char *text; /* null: there is none */
+  unsigned long len;
+};
+
+static bool hits_rule(const struct prule_node *rule, const changed_path &path1,
+                      const changed_path &path2) {
+  return ox_load(rule->status) == PRULE_STOPPED || prule_matches(rule, path1.text, path1.len) ||
+         (path2.text && prule_matches(rule, path2.text, path2.len));
 }
 
 int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *path2) {
@@ -120,11 +126,14 @@ int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *pa
       static_cast<struct hit_rules *>(kmem_cache_zalloc(hit_rule_cache, GFP_KERNEL));
   if (!found) return -ENOMEM;
   *hits = found;
+  const changed_path first = {path1, strlen(path1)};
+  const changed_path second = {path2, path2 ? strlen(path2) : 0};
   int count = 0;
   read_guard guard(set->rwlock);
   for (struct list_head *p = ox_first(&set->head); p != &set->head; p = p->next) {
     struct prule_node *rule = list_entry(p, struct prule_node, list);
-    if (!hits_rule(rule, path1, path2)) continue;
+    prule_fetch_ahead(rule);
+    if (!hits_rule(rule, first, second)) continue;
     prule_node_get(rule);
     found->arr[count++] = rule;
     if (count == HIT_RULES_MAX) break;

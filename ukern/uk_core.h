@@ -1,10 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The kernel in a process, as the program that hosts it sees it: start and stop, tasks, the kernel log,
- * fault points. Usable from hosted and from kernel-side code: only built-in types appear.
+ * The kernel in a process, as the program that hosts it sees it: start and stop, tasks, the kernel
+ * log, fault points. Usable from hosted and from kernel-side code: only built-in types appear.
  *
- * One process holds at most one kernel. All calls return 0 or a negative error number of Linux unless
- * their comment says otherwise. Any thread may call; a call that acts for a task needs uk_task_enter first.
+ * One process holds at most one kernel. All calls return 0 or a negative error number of Linux
+ * unless their comment says otherwise. Any thread may call; a call that acts for a task needs
+ * uk_task_enter first.
  */
 #ifndef UKERN_UK_CORE_H
 #define UKERN_UK_CORE_H
@@ -16,24 +17,28 @@ extern "C" {
 struct uk_boot_options {
   const char *root_type;   /* file system type of "/": "memfs" or "hostfs" */
   const char *root_source; /* its source argument; for hostfs the host directory that becomes "/" */
-  unsigned long ram_pages; /* what totalram_pages says and what the page cache is kept below; 0: 65536 */
+  unsigned long
+      ram_pages; /* what totalram_pages says and what the page cache is kept below; 0: 65536 */
 };
 
-/* Starts the kernel: caches, root file system mounted, kernel threads. The caller has no task yet. */
+/* Starts the kernel: caches, root file system mounted, kernel threads. The caller has no task yet.
+ */
 int uk_boot(const struct uk_boot_options *options);
 
 /*
- * Stops the kernel: unmounts what is mounted, ends its threads, then looks for what is left. An object still
- * allocated, a reference still held or a lock still held is reported through the panic handler; where that
- * returns, the number of complaints is the result.
+ * Stops the kernel: unmounts what is mounted, ends its threads, then looks for what is left. An
+ * object still allocated, a reference still held or a lock still held is reported through the panic
+ * handler; where that returns, the number of complaints is the result.
  */
 int uk_shutdown(void);
 
-/* The modules linked into this image, by name ("tarn"). -ENOENT for an unknown name, else init's result. */
+/* The modules linked into this image, by name ("tarn"). -ENOENT for an unknown name, else init's
+ * result. */
 int uk_module_load(const char *name);
 int uk_module_unload(const char *name);
 
-/* Called with the whole report of a BUG, a leak or a broken rule. The default prints it and aborts. */
+/* Called with the whole report of a BUG, a leak or a broken rule. The default prints it and aborts.
+ */
 typedef void (*uk_panic_handler)(const char *report);
 void uk_set_panic_handler(uk_panic_handler handler);
 
@@ -44,7 +49,7 @@ struct uk_cred {
   unsigned ngroups;
   const unsigned *groups;
   unsigned cap_effective; /* bit mask of CAP_*; ~0u for root */
-  const char *exe;        /* path of the running program inside the kernel's name space, or 0: none */
+  const char *exe; /* path of the running program inside the kernel's name space, or 0: none */
 };
 
 struct uk_task;
@@ -56,14 +61,19 @@ void uk_task_put(struct uk_task *task);
 /* Makes the task `current` in the calling thread, which has none; leave undoes it. */
 void uk_task_enter(struct uk_task *task);
 void uk_task_leave(void);
-/* Signals sent to the task go to `deliver(arg, signal)`, 0 or -errno; without it they are only recorded. */
-void uk_task_set_signal_handler(struct uk_task *task, int (*deliver)(void *arg, int signal), void *arg);
+/* Signals sent to the task go to `deliver(arg, signal)`, 0 or -errno; without it they are only
+ * recorded. */
+void uk_task_set_signal_handler(struct uk_task *task, int (*deliver)(void *arg, int signal),
+                                void *arg);
 /* Bit mask of the signals recorded so far, bit number = signal number - 1. */
 unsigned long long uk_task_signals(struct uk_task *task);
 
 /* Declares [start, start + len) user memory of the current task, until removed or the task ends. */
 int uk_user_add(const void *start, unsigned long len);
 void uk_user_del(const void *start);
+/* Bytes that the calling thread has copied in from user memory; counted in debug builds only, else
+ * 0. */
+unsigned long uk_user_copied(void);
 
 struct uk_klog_line {
   unsigned long long number; /* 0, 1, 2, ... since boot */
@@ -72,16 +82,16 @@ struct uk_klog_line {
   unsigned len;              /* bytes of text */
 };
 /*
- * The first kernel log line whose number is at least `from`: its head and as much of its text as fits, NUL
- * added. Waits at most `wait_ms` for it. 1 when there was one, 0 when not.
+ * The first kernel log line whose number is at least `from`: its head and as much of its text as
+ * fits, NUL added. Waits at most `wait_ms` for it. 1 when there was one, 0 when not.
  */
 int uk_klog_read(unsigned long long from, unsigned wait_ms, struct uk_klog_line *line, char *text,
                  unsigned long size);
 
 /*
- * Fault points: every allocation is one, numbered from 1 in the order in which the calling thread reaches
- * them. uk_fault_arm(n) makes the n-th from now fail, once; 0 disarms. uk_fault_count is how many the
- * calling thread has passed since the last uk_fault_arm.
+ * Fault points: every allocation is one, numbered from 1 in the order in which the calling thread
+ * reaches them. uk_fault_arm(n) makes the n-th from now fail, once; 0 disarms. uk_fault_count is
+ * how many the calling thread has passed since the last uk_fault_arm.
  */
 void uk_fault_arm(unsigned long n);
 unsigned long uk_fault_count(void);

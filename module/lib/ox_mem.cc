@@ -5,7 +5,8 @@
 atomic_t g_total_alloc = ATOMIC_INIT(0);
 atomic_t g_total_pages = ATOMIC_INIT(0);
 ox_u32_t l_mem_maxpages;
-wait_queue_head_t l_mem_waitq;
+/* Whole from the start: without ox_mem_init the limit is 0, and whoever allocates a page waits. */
+DECLARE_WAIT_QUEUE_HEAD(l_mem_waitq);
 
 static ox_u32_t pages_out(void) {
   return static_cast<ox_u32_t>(atomic_read(&g_total_pages));

@@ -78,7 +78,7 @@ MODULE_CASE(attr, shrinking_truncates_the_upper_pages_before_the_lower_file) {
   static struct inode_operations *own;
   upper_inode = upper.inode();
   struct inode *lower = tarn_lower_inode(upper_inode);
-  own = const_cast<struct inode_operations *>(lower->i_op);
+  own = lower->i_op;
   struct inode_operations watched = *own;
   watched.setattr = [](struct dentry *dentry, struct iattr *ia) -> int {
     pages_then = upper_inode->i_mapping->nrpages;
@@ -137,7 +137,7 @@ MODULE_CASE(attr, change_that_the_lower_file_system_refuses_is_captured_all_the_
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
   const test_walk upper("/mnt/f");
   struct inode *lower = tarn_lower_inode(upper.inode());
-  struct inode_operations *own = const_cast<struct inode_operations *>(lower->i_op);
+  struct inode_operations *own = lower->i_op;
   struct inode_operations refusing = *own;
   refusing.setattr = [](struct dentry *, struct iattr *) -> int { return -EROFS; };
   lower->i_op = &refusing;
@@ -159,7 +159,7 @@ MODULE_CASE(attr, lower_file_system_sees_its_own_file) {
   seen = nullptr;
   lower_file = tarn_inode(upper.inode())->lower_file;
   struct inode *lower = tarn_lower_inode(upper.inode());
-  own = const_cast<struct inode_operations *>(lower->i_op);
+  own = lower->i_op;
   struct inode_operations watched = *own;
   watched.setattr = [](struct dentry *dentry, struct iattr *ia) -> int {
     if (ia->ia_valid & ATTR_FILE) seen = ia->ia_file;
@@ -197,7 +197,7 @@ MODULE_CASE(attr, extended_attributes_need_them_below) {
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
   const test_walk upper("/mnt/f");
   struct inode *lower = tarn_lower_inode(upper.inode());
-  struct inode_operations *own = const_cast<struct inode_operations *>(lower->i_op);
+  struct inode_operations *own = lower->i_op;
   struct inode_operations without = *own;
   without.setxattr = nullptr;
   without.getxattr = nullptr;
@@ -258,7 +258,7 @@ MODULE_CASE(attr, link_text_that_fills_the_buffer_is_too_long) {
   REQUIRE_EQ(test_symlink("f", "/lower/l"), 0);
   const test_walk link("/mnt/l");
   struct inode *lower = tarn_lower_inode(link.inode());
-  struct inode_operations *own = const_cast<struct inode_operations *>(lower->i_op);
+  struct inode_operations *own = lower->i_op;
   struct inode_operations endless = *own;
   endless.readlink = [](struct dentry *, char __user *buf, int size) -> int {
     memset(buf, 'x', size);

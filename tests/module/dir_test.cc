@@ -64,6 +64,20 @@ MODULE_CASE(dir, a_second_directory_of_one_uuid_is_logged_and_refused) {
   EXPECT_STREQ(entry(0), "/first");
 }
 
+MODULE_CASE(dir, uuids_that_agree_up_to_a_zero_byte_are_one) {
+  kernel_ds_guard kernel_addresses;
+  struct dir *record = dir_record(0, "/first");
+  record->uuid[0] = 9;
+  record->uuid[5] = 1;
+  EXPECT_EQ(dir_add(record, sizeof(*record)), 0);
+  record->uuid[5] = 2;
+  EXPECT_EQ(dir_add(record, sizeof(*record)), OX_ERR_EXIST);
+  record->uuid[5] = 3;
+  EXPECT_EQ(dir_del(record, sizeof(*record)), 0);
+  EXPECT_TRUE(case_logged("dir_del: 09000000-0001-0000-0000-000000000000, /first"));
+  EXPECT_EQ(get_dir_set()->dirnum, 0);
+}
+
 MODULE_CASE(dir, a_delete_that_cannot_be) {
   EXPECT_EQ(del_dir(9), OX_ERR_NOENT);
   struct dir *record = dir_record(9, "/x");

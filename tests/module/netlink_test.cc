@@ -100,6 +100,153 @@ MODULE_CASE(netlink, a_slow_daemon_loses_records_and_stays) {
   EXPECT_EQ(balance(), 0);
 }
 
+MODULE_CASE(netlink, the_signal_goes_to_the_daemon_and_not_to_the_sender) {
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  other_program program(2000, ~0u);
+  {
+    acting_as it(program);
+    test_daemon daemon;
+    EXPECT_EQ(daemon_pid, 2000u);
+  }
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0), 0);
+  EXPECT_TRUE(program.signalled());
+  EXPECT_FALSE(signalled());
+  EXPECT_EQ(daemon_pid, 0u);
+  EXPECT_TRUE(
+      case_logged("Failed send tarn netlink message to pid(2000); ret = -111, process not existed, "
+                  "back to 0"));
+  EXPECT_TRUE(case_logged("Send kill signal(58) to process(2000); rc = -111"));
+}
+
+MODULE_CASE(netlink, a_notice_finds_the_daemon_gone) {
+  uuid_t uuid = {1};
+  {
+    test_daemon daemon;
+    REQUIRE_EQ(daemon.error(), 0);
+  }
+  EXPECT_EQ(tarn_send_stop_rule(uuid), 0);
+  EXPECT_EQ(daemon_pid, 0u);
+  EXPECT_TRUE(signalled());
+}
+
+/* The receiver makes room within the time: the sender has slept, and nothing is lost. */
+MODULE_CASE(netlink, a_sender_waits_for_room_and_loses_nothing) {
+  const int records = 60;
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  test_daemon daemon(test_daemon::kHello, 1);
+  REQUIRE_EQ(daemon.error(), 0);
+  struct task_struct *sender = kthread_run(
+      [](void *) {
+        for (int i = 0; i < records; ++i) tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0);
+        while (!kthread_should_stop()) schedule_timeout_interruptible(1);
+        return 0;
+      },
+      nullptr, "sender");
+  REQUIRE_TRUE(!IS_ERR(sender));
+  set_current_state(TASK_UNINTERRUPTIBLE);
+  schedule_timeout(50);
+  {
+    prule_ref rule(lookup_rule(1));
+    EXPECT_LT(atomic_read(&rule->transnr), records); /* it waits */
+  }
+  for (int i = 1; i <= records; ++i) EXPECT_EQ(daemon.next(2000).msg()->wseq, (unsigned)i);
+  EXPECT_EQ(kthread_stop(sender), 0);
+  EXPECT_FALSE(signalled());
+  EXPECT_EQ(case_log_count("tarn_send_netlink OX_OP_COLLECT fail"), 0);
+}
+
+/* A full queue, for each kind of answer: the request is served, the answer is lost. */
+MODULE_CASE(netlink, an_answer_that_is_lost_is_logged) {
+  test_daemon daemon(test_daemon::kHello, 1);
+  REQUIRE_EQ(daemon.error(), 0);
+  char byte = 0;
+  while (!signalled()) tarn_send_netlink(&byte, 1, OX_OP_COLLECT, 0, 0);
+  daemon.send(OX_SO_REP_ADD, rule_record(1), sizeof(struct prule));
+  EXPECT_EQ(case_log_count("tarn_send_netlink OX_SO_REP_ADD fail"), 1);
+  EXPECT_EQ(get_prule_set()->rulenum, 1);
+  daemon.send(OX_SO_REP_FLUSH);
+  EXPECT_EQ(case_log_count("tarn_send_netlink OX_SO_REP_FLUSH fail"), 1);
+  EXPECT_EQ(get_prule_set()->rulenum, 0);
+  daemon.send(OX_SO_REP_DEL, rule_record(1), sizeof(struct prule));
+  EXPECT_EQ(case_log_count("tarn_send_netlink OX_SO_REP_DEL fail"), 1);
+  EXPECT_EQ(daemon_pid, (unsigned)current->pid);
+}
+
+MODULE_CASE(netlink, a_second_hello_moves_the_channel_without_notice) {
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  test_daemon first;
+  other_program program(2000, ~0u);
+  {
+    acting_as it(program);
+    test_daemon second;
+    REQUIRE_EQ(second.error(), 0);
+    EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0), 0);
+    const nl_message &m = second.next();
+    EXPECT_EQ(m.type(), OX_OP_COLLECT);
+    EXPECT_EQ(m.head()->nlmsg_pid, 2000u);
+    EXPECT_TRUE(first.idle());
+    second.send(OX_NL_HELO); /* the same once more changes nothing */
+    EXPECT_EQ(daemon_pid, 2000u);
+  }
+  EXPECT_FALSE(signalled());
+  first.send(OX_NL_QUIT); /* from whom does not matter */
+  EXPECT_EQ(daemon_pid, 0u);
+  EXPECT_FALSE(program.signalled());
+}
+
+MODULE_CASE(netlink, an_answer_is_twenty_bytes) {
+  test_daemon daemon;
+  const unsigned pid = static_cast<unsigned>(current->pid);
+  static const struct {
+    int type;
+    unsigned len;
+    ox_s32_t result;
+  } requests[] = {{OX_SO_REP_ADD, 5, OX_ERR_SIZE},
+                  {OX_SO_REP_DEL, 16016, OX_ERR_NOENT},
+                  {OX_SO_REP_DEL, 0, OX_ERR_REQUEST},
+                  {OX_SO_REP_FLUSH, 3, 0}};
+  for (const auto &request : requests) {
+    daemon.send(request.type, rule_record(9), request.len);
+    const unsigned words[] = {20, static_cast<unsigned>(request.type), 0, pid,
+                              static_cast<unsigned>(request.result)};
+    const nl_message &m = daemon.next();
+    EXPECT_EQ(m.len, 20);
+    EXPECT_EQ(memcmp(m.bytes, words, sizeof(words)), 0);
+  }
+  EXPECT_TRUE(daemon.idle());
+}
+
+MODULE_CASE(netlink, a_message_is_as_long_as_its_header_says) {
+  test_daemon daemon;
+  static struct {
+    struct nlmsghdr head;
+    struct prule rule;
+  } m;
+  m.head.nlmsg_type = OX_SO_REP_ADD;
+  m.head.nlmsg_len = OX_NLMSG_HDRLEN + 100;
+  m.rule = *rule_record(1);
+  daemon.send_bytes(&m, sizeof(m));
+  EXPECT_TRUE(case_logged("do_add: size 100 != 16016"));
+  EXPECT_EQ(reply_of(daemon, OX_SO_REP_ADD), OX_ERR_SIZE);
+  m.head.nlmsg_len = sizeof(m) + 1; /* one byte more than there is */
+  daemon.send_bytes(&m, sizeof(m));
+  EXPECT_EQ(case_log_count("Received corrupt netlink message"), 1);
+  m.head.nlmsg_len = sizeof(m);
+  daemon.send_bytes(&m, sizeof(m) - 1);
+  EXPECT_EQ(case_log_count("Received corrupt netlink message"), 2);
+  EXPECT_TRUE(daemon.idle());
+  EXPECT_EQ(get_prule_set()->rulenum, 0);
+  daemon.send_bytes(&m, sizeof(m));
+  EXPECT_EQ(reply_of(daemon, OX_SO_REP_ADD), 0);
+}
+
+/* The callback is called with a message in the queue; without one there is an error to report. */
+MODULE_CASE(netlink, nothing_to_receive_is_an_error) {
+  tarn_nl_sock->sk_rcvtimeo = 1;
+  tarn_receive_nl_message(tarn_nl_sock, 0);
+  EXPECT_TRUE(case_logged("Error occurred while receiving tarn netlink message; rc = [-11]"));
+}
+
 MODULE_CASE(netlink, corrupt_messages_are_dropped) {
   test_daemon daemon(test_daemon::kSilent);
   raw_message m = {};
@@ -128,8 +275,13 @@ MODULE_CASE(netlink, unknown_types_are_logged_and_our_own_are_not) {
   EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [102]"), 1);
   daemon.send(11);
   EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [11]"), 1);
+  char before[128], after[128];
+  struct uk_klog_line line;
+  unsigned long long lines = 0;
+  while (uk_klog_read(lines, 0, &line, before, sizeof(before)) == 1) lines = line.number + 1;
   daemon.send(OX_OP_WRITE);
   daemon.send(OX_OP_COLLECT);
+  EXPECT_EQ(uk_klog_read(lines, 0, &line, after, sizeof(after)), 0);
   EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [9]"), 0);
   EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [10]"), 0);
 }

@@ -138,6 +138,50 @@ CASE(ox_debug, a_failed_opening_is_remembered_until_the_exit) {
   EXPECT_EQ(ox_debug_exit(), -EINVAL);
 }
 
+/* A debug file of the case's own, whose writes fail as it says and then end. */
+static int interruptions;
+static long last_result;
+static unsigned long last_count;
+static ssize_t write_interrupted(struct file *, const char __user *, size_t count, loff_t *) {
+  EXPECT_TRUE(segment_eq(get_fs(), KERNEL_DS));
+  last_count = count;
+  return interruptions-- > 0 ? -EINTR : last_result;
+}
+
+CASE(ox_debug, an_interrupted_write_is_repeated_and_another_error_is_the_result) {
+  static struct file_operations fops;
+  static struct file file;
+  fops.write = write_interrupted;
+  file.f_op = &fops;
+  g_debug_fd = &file;
+  interruptions = 3;
+  last_result = 5;
+  EXPECT_EQ(ox_log(0, "f", 1, "fn", "x"), 5);
+  EXPECT_EQ(interruptions, -1);
+  interruptions = 0;
+  last_result = -ENOSPC;
+  EXPECT_EQ(ox_log(0, "f", 1, "fn", "x"), -ENOSPC);
+  g_debug_fd = nullptr;
+}
+
+/* Without memory for the bytes that are missing, what there is of the line is written. */
+CASE(ox_debug, an_overlong_message_without_memory) {
+  static struct file_operations fops;
+  static struct file file;
+  static char text[2001];
+  memset(text, 'x', sizeof(text) - 1);
+  fops.write = write_interrupted;
+  file.f_op = &fops;
+  g_debug_fd = &file;
+  interruptions = 0;
+  last_result = 1;
+  uk_fault_arm(1);
+  EXPECT_EQ(ox_log(0, "f", 1, "fn", "%s", text), 1);
+  uk_fault_arm(0);
+  EXPECT_EQ(last_count, 948ul);
+  g_debug_fd = nullptr;
+}
+
 CASE(ox_debug, the_address_limit_is_restored) {
   const mm_segment_t before = get_fs();
   REQUIRE_EQ(ox_debug_init(kFile), 0);

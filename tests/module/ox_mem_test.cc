@@ -29,10 +29,10 @@ bool came(waiter &w, unsigned ms) {
   return wait_for_completion_timeout(&w.done, msecs_to_jiffies(ms)) != 0;
 }
 
-void start(waiter &w) {
+void start(waiter &w, int (*body)(void *) = allocate) {
   w.page = nullptr;
   init_completion(&w.done);
-  kthread_run(allocate, &w, "page_waiter");
+  kthread_run(body, &w, "page_waiter");
 }
 
 }  // namespace
@@ -102,6 +102,41 @@ CASE(ox_mem, without_a_limit_an_allocation_waits_until_all_are_returned) {
   /* Its own page is counted too, so that nothing lets it go but a higher limit. */
   EXPECT_EQ(atomic_read(&g_total_pages), 2);
   ox_free_page(held);
+  EXPECT_FALSE(came(w, 50));
+  ox_store(l_mem_maxpages, 8);
+  wake_up(&l_mem_waitq);
+  EXPECT_TRUE(came(w, 5000));
+  ox_free_page(w.page);
+}
+
+/* Nobody has set a limit: it is 0, and the queue to wait on is there all the same. */
+CASE(ox_mem, without_a_start_of_the_accounting_a_page_waits) {
+  ox_store(l_mem_maxpages, 0);
+  waiter w;
+  start(w);
+  EXPECT_FALSE(came(w, 50));
+  EXPECT_TRUE(waitqueue_active(&l_mem_waitq));
+  ox_store(l_mem_maxpages, 1);
+  wake_up(&l_mem_waitq);
+  EXPECT_TRUE(came(w, 5000));
+  ox_free_page(w.page);
+  EXPECT_EQ(atomic_read(&g_total_pages), 0);
+}
+
+CASE(ox_mem, a_signal_does_not_end_the_wait) {
+  ox_mem_init();
+  ox_store(l_mem_maxpages, 0);
+  waiter w;
+  start(w, [](void *context) {
+    {
+      spin_irq_guard guard(current->sighand->siglock);
+      sigemptyset(&current->blocked);
+      recalc_sigpending();
+    }
+    EXPECT_EQ(send_sig(SIGUSR1, current, 1), 0);
+    EXPECT_TRUE(signal_pending(current));
+    return allocate(context);
+  });
   EXPECT_FALSE(came(w, 50));
   ox_store(l_mem_maxpages, 8);
   wake_up(&l_mem_waitq);

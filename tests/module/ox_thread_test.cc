@@ -101,3 +101,12 @@ CASE(ox_thread, without_memory_there_is_no_thread) {
   EXPECT_LT(result, 0);
   EXPECT_TRUE(thread.t_task == nullptr);
 }
+
+/* It waits for the body's end all the same, but asks nobody to stop. */
+CASE(ox_thread, killing_what_never_ran) {
+  ox_thread_t thread;
+  ox_thread_init(&thread, "never", 0, 0, body, nullptr);
+  complete(&thread.t_down);
+  EXPECT_EQ(ox_thread_kill(&thread), 0);
+  EXPECT_EQ(thread.t_flags, 0);
+}

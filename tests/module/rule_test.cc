@@ -94,7 +94,15 @@ MODULE_CASE(rule, a_second_rule_of_one_uuid_is_refused_and_the_first_stays) {
   prule_ref rule(lookup_rule(1));
   REQUIRE_TRUE(rule);
   rule->status = PRULE_STOPPED;
+  prule_node_get(rule.get());
+  struct tarn_trans *waiting = tarn_var_alloc(rule.get(), OX_OP_CREATE, OX_MSG_PARA_LEN + 3);
+  REQUIRE_TRUE(waiting != nullptr);
+  list_add_tail(&waiting->list, &rule->transq);
   EXPECT_EQ(install_rule(1, "/b"), OX_ERR_EXIST);
+  EXPECT_TRUE(rule->transq.next == &waiting->list); /* its queue is as it was */
+  EXPECT_TRUE(rule->transq.prev == &waiting->list);
+  list_del_init(&waiting->list);
+  tarn_trans_free(waiting, 1);
   EXPECT_EQ(get_prule_set()->rulenum, 1);
   prule_ref again(lookup_rule(1));
   EXPECT_TRUE(again.get() == rule.get());
@@ -242,6 +250,17 @@ MODULE_CASE(rule, one_rule_by_its_uuid) {
   EXPECT_EQ(get_option(OX_SO_GET_RULE, user_slots, &len), OX_ERR_NOENT);
   len = 23;
   EXPECT_EQ(get_option(OX_SO_GET_RULE, user_slots, &len), OX_ERR_SIZE);
+}
+
+MODULE_CASE(rule, one_rule_into_too_little_memory_says_how_much_is_missing) {
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  user_memory user(user_slots, 10000);
+  struct prule_info info = {0, 0, {}};
+  memset(info.uuid, 1, sizeof(info.uuid));
+  memcpy(user_slots, &info, sizeof(info));
+  int len = sizeof(info);
+  EXPECT_EQ(get_option(OX_SO_GET_RULE, user_slots, &len), 6016);
+  EXPECT_EQ(len, 16016);
 }
 
 MODULE_CASE(rule, the_count_and_whether_a_rule_exists) {

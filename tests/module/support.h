@@ -17,6 +17,7 @@
 #include "tarn.h"
 #include "tests/harness/case.h"
 #include "trans.h"
+#include "ukern/sched/task.h"
 #include "ukern/uk_core.h"
 #include "ukern/uk_fs.h"
 #include "ukern/uk_net.h"
@@ -105,6 +106,48 @@ class without_capabilities {
 
  private:
   kernel_cap_t cap_;
+};
+
+/* Another program: its own process id, a plain user, the capabilities given. */
+class other_program {
+ public:
+  explicit other_program(int pid, unsigned capabilities = 0) {
+    uk_cred cred = {};
+    cred.pid = pid;
+    cred.uid = cred.gid = 1000;
+    cred.cap_effective = capabilities;
+    task_ = uk_task_new(&cred);
+  }
+  ~other_program() {
+    if (task_) uk_task_put(task_);
+  }
+  other_program(const other_program &) = delete;
+  other_program &operator=(const other_program &) = delete;
+  struct uk_task *get() const {
+    return task_;
+  }
+  bool signalled() const { return uk_task_signals(task_) & 1ull << (OX_SIG_LOST - 1); }
+
+ private:
+  struct uk_task *task_;
+};
+
+/* Acts as another program for a scope. */
+class acting_as {
+ public:
+  explicit acting_as(const other_program &program) : self_(current) {
+    ukern_set_current(nullptr);
+    uk_task_enter(program.get());
+  }
+  ~acting_as() {
+    uk_task_leave();
+    ukern_set_current(self_);
+  }
+  acting_as(const acting_as &) = delete;
+  acting_as &operator=(const acting_as &) = delete;
+
+ private:
+  struct task_struct *self_;
 };
 
 /* ---- files ---- */

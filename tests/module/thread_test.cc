@@ -129,6 +129,36 @@ MODULE_CASE(thread, a_rule_with_waiting_records_stays_on_the_queue) {
   tarn_trans_free(second, 1);
 }
 
+MODULE_CASE(thread, a_write_of_an_unknown_type_is_a_bug) {
+  EXPECT_REPORT(
+      [] {
+        alignas(8) static char memory[TARN_TRANS_FIELDS + OX_MSG_WR_LEN];
+        auto *trans = reinterpret_cast<struct tarn_trans *>(memory);
+        trans->msg.op = OX_OP_WRITE;
+        trans_wr(trans)->type = 3;
+        trans_send(trans);
+      },
+      "BUG");
+}
+
+MODULE_CASE(thread, a_rule_is_on_the_queue_once) {
+  EXPECT_EQ(tarn_stop_threads(), 0);
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  REQUIRE_EQ(install_rule(2, "/a"), 0);
+  prule_ref first(lookup_rule(1)), second(lookup_rule(2));
+  EXPECT_EQ(tarn_transq_submit(first.get()), 0);
+  EXPECT_EQ(tarn_transq_submit(second.get()), 0);
+  EXPECT_EQ(tarn_transq_submit(first.get()), 0);
+  EXPECT_EQ(atomic_read(&first->refcnt), 3);
+  EXPECT_TRUE(g_transq.head.next == &first->aux_list); /* at the end, each */
+  EXPECT_TRUE(g_transq.head.prev == &second->aux_list);
+  EXPECT_EQ(g_transq.nr, 0u);
+  list_del_init(&first->aux_list);
+  list_del_init(&second->aux_list);
+  prule_node_put(first.get());
+  prule_node_put(second.get());
+}
+
 CASE(thread, a_start_that_fails_leaves_no_thread) {
   alloc_balance balance;
   int failures = 0;

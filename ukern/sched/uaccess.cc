@@ -11,6 +11,15 @@ namespace {
 
 constexpr unsigned kMoreAtOnce = 32;
 
+#if UKERN_DEBUG
+__thread unsigned long copied_in __attribute__((tls_model("initial-exec")));
+void count_copied_in(unsigned long bytes) {
+  copied_in += bytes;
+}
+#else
+void count_copied_in(unsigned long) {}
+#endif
+
 struct ukern_user_range *range_at(struct task_struct *task, unsigned index) {
   if (index < UKERN_USER_RANGES) return &task->user[index];
   return &task->user_more[index - UKERN_USER_RANGES];
@@ -69,6 +78,14 @@ void uk_user_del(const void *start) {
   }
 }
 
+unsigned long uk_user_copied(void) {
+#if UKERN_DEBUG
+  return copied_in;
+#else
+  return 0;
+#endif
+}
+
 int ukern_access_ok(unsigned long addr, unsigned long size) {
   return reach(addr, size) == size;
 }
@@ -84,6 +101,7 @@ unsigned long copy_from_user(void *to, const void __user *from, unsigned len) {
   might_sleep();
   const unsigned long done = reach((unsigned long)from, len);
   memcpy(to, (const void *)from, done);
+  count_copied_in(done);
   if (done < len) memset((char *)to + done, 0, len - done);
   return len - done;
 }

@@ -2,14 +2,17 @@
 # make demo   everything from nothing: install what is missing, build, mount, replicate, compare
 # make test   unit tests under the address, undefined-behaviour and thread sanitizers, and end to end
 # make check  the presubmit checks: format, headers, both compilers, include arrows, stack sizes
+# make fuzz   each fuzzer for FUZZ_SECONDS, under the address and undefined-behaviour sanitizers
+# make bench  measure, and keep the tables in docs/benchmarks.md
 # KDIR=...    with check: also compile the module against a configured Linux 2.6.18 tree
 
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
+FUZZ_SECONDS ?= 60
 TESTJOBS ?= $(shell echo $$(( 2 * $$(nproc) )))
 
-.PHONY: all deps demo test test-asan test-tsan check bench install clean
+.PHONY: all deps demo test test-asan test-tsan check fuzz bench install clean
 
 all: build/release/build.ninja
 	cmake --build build/release -j $(JOBS)
@@ -37,8 +40,14 @@ test-tsan: build/tsan/build.ninja
 check: deps
 	@tools/check.sh
 
-bench: deps all
-	cmake --build build/release --target bench
+fuzz: deps build/fuzz/build.ninja
+	cmake --build build/fuzz -j $(JOBS) --target fuzz
+	@tools/fuzz.sh build/fuzz $(FUZZ_SECONDS)
+
+bench:
+	@tools/deps.sh bench
+	cmake --preset release
+	cmake --build build/release -j $(JOBS) --target bench
 
 install: all
 	cmake --install build/release --prefix $(PREFIX)

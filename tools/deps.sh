@@ -1,13 +1,15 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
-# Installs the Debian 12 packages that building, testing and the demo need. Does nothing when all are there.
+# Installs the Debian 12 packages that building, testing and the demo need; with the argument `bench` also those of the
+# benchmarks. Does nothing when all are there.
 set -euo pipefail
 
 packages=(
-  binutils build-essential clang clang-format cmake coreutils fuse3 libbenchmark-dev libclang-rt-14-dev
+  binutils build-essential clang clang-format cmake coreutils fuse3 libclang-rt-14-dev
   libcli11-dev libfmt-dev libfuse3-dev libgmock-dev libgtest-dev librapidcheck-dev libspdlog-dev libssl-dev
   ninja-build nlohmann-json3-dev pkg-config procps python3 util-linux
 )
+[ "${1:-}" != bench ] || packages+=(libbenchmark-dev libhyperscan-dev libre2-dev)
 
 missing=()
 for package in "${packages[@]}"; do

@@ -21,6 +21,8 @@ target_compile_options(tarn_kernel_side INTERFACE
   -Wall -Wextra -Wno-missing-field-initializers -Werror) # operation tables leave slots empty
 # A unique symbol cannot be made local, and tarn_kernel_image makes local what it can.
 target_compile_options(tarn_kernel_side INTERFACE $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+# A time stamp is of a class type; nothing in C calls what returns one.
+target_compile_options(tarn_kernel_side INTERFACE $<$<CXX_COMPILER_ID:Clang>:-Wno-return-type-c-linkage>)
 # Given as an option because cmake drops the compiler's own folder from include directories.
 target_compile_options(tarn_kernel_side INTERFACE "SHELL:-isystem ${compiler_include}")
 
@@ -31,6 +33,15 @@ if(TARN_SANITIZE)
     add_compile_options(-fno-sanitize-recover=undefined)
     target_compile_options(tarn_kernel_side INTERFACE -fno-sanitize=vptr)
   endif()
+endif()
+
+# Fuzzers are steered by what every object counts (fuzz/CMakeLists.txt).
+option(TARN_FUZZ "instrument every object for libFuzzer and build the fuzzers (clang)" OFF)
+if(TARN_FUZZ)
+  if(NOT CMAKE_CXX_COMPILER_ID MATCHES Clang)
+    message(FATAL_ERROR "TARN_FUZZ needs clang")
+  endif()
+  add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
 # The checks of a debug kernel: on wherever tests run, off in what is shipped.

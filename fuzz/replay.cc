@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Runs a fuzzer's function on the files of a folder: the corpus as a plain test, with any compiler.
+// Runs a fuzzer's function on the files and folders given: the corpus as a plain test, or one
+// finding, with any compiler.
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
@@ -9,13 +10,26 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size);
 
+namespace {
+
+void run(const std::filesystem::path &file) {
+  std::ifstream in(file, std::ios::binary);
+  const std::string bytes{std::istreambuf_iterator<char>(in), {}};
+  LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size());
+}
+
+}  // namespace
+
 int main(int argc, char **argv) {
   int files = 0;
   for (int i = 1; i < argc; ++i) {
+    if (!std::filesystem::is_directory(argv[i])) {
+      run(argv[i]);
+      ++files;
+      continue;
+    }
     for (const auto &entry : std::filesystem::directory_iterator(argv[i])) {
-      std::ifstream in(entry.path(), std::ios::binary);
-      const std::string bytes{std::istreambuf_iterator<char>(in), {}};
-      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t *>(bytes.data()), bytes.size());
+      run(entry.path());
       ++files;
     }
   }

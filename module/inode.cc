@@ -355,8 +355,8 @@ int tarn_rmdir(struct inode *dir, struct dentry *dentry) {
 bool in_replicated_directory(const char *path) {
   struct dir_set *set = get_dir_set();
   read_guard guard(set->rwlock);
-  struct dir_node *node;
-  list_for_each_entry(node, &set->head, list) {
+  for (struct list_head *p = ox_first(&set->head); p != &set->head; p = p->next) {
+    const struct dir_node *node = list_entry(p, struct dir_node, list);
     if (!strncmp(path, node->dir.repdir, strnlen(node->dir.repdir, sizeof(node->dir.repdir))))
       return true;
   }
@@ -454,7 +454,7 @@ int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode 
                  struct dentry *new_dentry) {
   dentry_ref lower_old(dget(tarn_lower_dentry(old_dentry)));
   dentry_ref lower_new(dget(tarn_lower_dentry(new_dentry)));
-  const int mode = lower_old->d_inode ? lower_old->d_inode->i_mode : 0;
+  const int mode = lower_old->d_inode ? int{lower_old->d_inode->i_mode} : 0;
   dentry_ref lower_old_dir(dget_parent(lower_old.get()));
   dentry_ref lower_new_dir(dget_parent(lower_new.get()));
   rename_guard guard(lower_old_dir.get(), lower_new_dir.get());

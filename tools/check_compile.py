@@ -46,12 +46,12 @@ def header_jobs(root, entries):
                            capture_output=True, text=True).stdout.split()
     for name in names:
         if name.startswith("kmod/"):
-            continue
+            continue  # for real kernel headers only: compiled by kmod/ itself
         folder = os.path.dirname(name)
         while folder and str(root / folder) not in by_folder:
             folder = lender.get(folder) or os.path.dirname(folder)
         if not folder:
-            continue
+            sys.exit("%s: no source lends it its flags" % name)
         entry = by_folder[str(root / folder)]
         command = syntax_only(entry, str(root / name)) + ["-Wno-pragma-once-outside-header"]
         yield name, command, entry["directory"]
@@ -64,7 +64,9 @@ def main():
     if "--headers" in sys.argv:
         jobs = list(header_jobs(root, entries))
     else:
-        jobs = [(e["file"], syntax_only(e, e["file"]), e["directory"]) for e in entries]
+        # A source of several targets is compiled once for each set of flags.
+        jobs = {(e["directory"], *syntax_only(e, e["file"])): e["file"] for e in entries}
+        jobs = [(name, list(command), folder) for (folder, *command), name in jobs.items()]
     failed = 0
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         for name, code, text in pool.map(run, jobs):

@@ -24,11 +24,14 @@ KERNEL_HEADER = re.compile(r"^(linux|asm|asm-generic|net)/")
 INCLUDE = re.compile(r'^\s*#\s*include\s+([<"])([^>"]+)[>"]')
 
 
-def home(root, source, name):
+def home(root, source, bracket, name):
     """The folder of this tree that an include names, or None for a header from elsewhere."""
-    places = [source.parent / name, root / name]
-    places += [root / p / name for p in
-               ("module", "module/include", "module/os_public/Include", "client")]
+    if bracket == "<":
+        places = [root / name]  # <link.h> is libc's, whatever one of our own folders holds
+    else:
+        places = [source.parent / name, root / name]
+        places += [root / p / name for p in
+                   ("module", "module/include", "module/os_public/Include", "client")]
     for place in places:
         if place.is_file():
             rel = place.resolve().relative_to(root)
@@ -46,13 +49,13 @@ def check(root, source):
         match = INCLUDE.match(line)
         if not match:
             continue
-        name = match.group(2)
+        bracket, name = match.groups()
         if top == "module" and KERNEL_HEADER.match(name) and str(rel) != KERNEL_DOOR:
             yield "%s:%d: <%s> goes round %s" % (rel, number, name, KERNEL_DOOR)
             continue
         if top == "ukern" and rel.parts[1] == "host" and KERNEL_HEADER.match(name):
             continue
-        target = home(root, source, name)
+        target = home(root, source, bracket, name)
         if target is None or target == top or (top == "module" and target == "module/os_public"):
             continue
         if not ALLOWED[top] & {target, "*"}:

@@ -1,15 +1,16 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The kernel's file-system calls for the program that hosts it. Every call acts as the current task and
- * takes the whole road of the system call: path walk with permission checks, VFS, page cache.
+ * The kernel's file-system calls for the program that hosts it. Every call acts as the current task
+ * and takes the whole road of the system call: path walk with permission checks, VFS, page cache.
  *
- * A node is what a user of the mount has a handle on: one inode of one mount, with the name by which it was
- * looked up last. Two names of one file are one node. A call that in a kernel would walk a path walks its last
- * step anew, from the node's directory by its name, so that revalidation and replaced dentries behave as they
- * do there; when the name is gone (unlinked while in use) the dentry that the node holds is used.
+ * A node is what a user of the mount has a handle on: one inode of one mount, with the name by
+ * which it was looked up last. Two names of one file are one node. A call that in a kernel would
+ * walk a path walks its last step anew, from the node's directory by its name, so that revalidation
+ * and replaced dentries behave as they do there; when the name is gone (unlinked while in use) the
+ * dentry that the node holds is used.
  *
- * All calls return 0 or a negative error number unless said otherwise. Names are single components. Buffers are
- * made user memory of the current task for the time of the call.
+ * All calls return 0 or a negative error number unless said otherwise. Names are single components.
+ * Buffers are made user memory of the current task for the time of the call.
  */
 #ifndef UKERN_UK_FS_H
 #define UKERN_UK_FS_H
@@ -39,13 +40,15 @@ struct uk_statfs {
 };
 
 /* mount(2), umount2(2) and the mount table, inside the kernel's own name space. */
-int uk_fs_mount(const char *source, const char *dir, const char *type, unsigned long flags, const void *data);
+int uk_fs_mount(const char *source, const char *dir, const char *type, unsigned long flags,
+                const void *data);
 int uk_fs_umount(const char *dir, int flags);
-/* Line `index` of the mount table as /proc/mounts has it, options of show_options included. -ENOENT past the end. */
+/* Line `index` of the mount table as /proc/mounts has it, options of show_options included. -ENOENT
+ * past the end. */
 int uk_fs_mount_line(unsigned index, char *line, unsigned long size);
 
-/* The node at a path (last link followed); the caller owns one reference. For the root of a mount, name its
- * mount point. */
+/* The node at a path (last link followed); the caller owns one reference. For the root of a mount,
+ * name its mount point. */
 int uk_node_at(const char *path, struct uk_node **out);
 /* Gives `count` references back. */
 void uk_node_put(struct uk_node *node, unsigned long count);
@@ -54,19 +57,22 @@ unsigned long long uk_node_ino(struct uk_node *node);
 
 /* Each call with `out` adds one reference to the node it returns, which is the caller's. */
 int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struct uk_stat *stat);
-int uk_getattr(struct uk_node *node, struct uk_file *file, struct uk_stat *stat); /* file may be 0: fstat */
+int uk_getattr(struct uk_node *node, struct uk_file *file,
+               struct uk_stat *stat);                                 /* file may be 0: fstat */
 int uk_readlink(struct uk_node *node, char *buf, unsigned long size); /* length, not terminated */
 int uk_access(struct uk_node *node, int mask);
-int uk_mknod(struct uk_node *dir, const char *name, unsigned mode, unsigned rdev, struct uk_node **out,
-             struct uk_stat *stat); /* regular files too, as mknod(2) */
-int uk_mkdir(struct uk_node *dir, const char *name, unsigned mode, struct uk_node **out, struct uk_stat *stat);
+int uk_mknod(struct uk_node *dir, const char *name, unsigned mode, unsigned rdev,
+             struct uk_node **out, struct uk_stat *stat); /* regular files too, as mknod(2) */
+int uk_mkdir(struct uk_node *dir, const char *name, unsigned mode, struct uk_node **out,
+             struct uk_stat *stat);
 int uk_symlink(struct uk_node *dir, const char *name, const char *target, struct uk_node **out,
                struct uk_stat *stat);
 int uk_link(struct uk_node *node, struct uk_node *dir, const char *name, struct uk_node **out,
             struct uk_stat *stat);
 int uk_unlink(struct uk_node *dir, const char *name);
 int uk_rmdir(struct uk_node *dir, const char *name);
-int uk_rename(struct uk_node *old_dir, const char *old_name, struct uk_node *new_dir, const char *new_name);
+int uk_rename(struct uk_node *old_dir, const char *old_name, struct uk_node *new_dir,
+              const char *new_name);
 
 enum uk_set {
   UK_SET_MODE = 1,
@@ -79,14 +85,15 @@ enum uk_set {
   UK_SET_MTIME_NOW = 128
 };
 /*
- * Applies what `set` names, by the system calls that would: chmod, chown, truncate (ftruncate with a file),
- * utimes, in that order; stops at the first error. `stat` gets the attributes after it.
+ * Applies what `set` names, by the system calls that would: chmod, chown, truncate (ftruncate with
+ * a file), utimes, in that order; stops at the first error. `stat` gets the attributes after it.
  */
 int uk_setattr(struct uk_node *node, struct uk_file *file, unsigned set, const struct uk_stat *want,
                struct uk_stat *stat);
 int uk_statfs(struct uk_node *node, struct uk_statfs *out);
 
-int uk_setxattr(struct uk_node *node, const char *name, const void *value, unsigned long size, int flags);
+int uk_setxattr(struct uk_node *node, const char *name, const void *value, unsigned long size,
+                int flags);
 long uk_getxattr(struct uk_node *node, const char *name, void *value, unsigned long size);
 long uk_listxattr(struct uk_node *node, char *list, unsigned long size);
 int uk_removexattr(struct uk_node *node, const char *name);
@@ -96,7 +103,8 @@ int uk_open(struct uk_node *node, int flags, struct uk_file **out);
 /* open(2) with O_CREAT. */
 int uk_create(struct uk_node *dir, const char *name, int flags, unsigned mode, struct uk_node **out,
               struct uk_file **file, struct uk_stat *stat);
-/* pread/pwrite: bytes moved, or -errno. With O_APPEND in the file's flags a write lands at the end. */
+/* pread/pwrite: bytes moved, or -errno. With O_APPEND in the file's flags a write lands at the end.
+ */
 long uk_read(struct uk_file *file, void *buf, unsigned long len, unsigned long long pos);
 long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos);
 int uk_flush(struct uk_file *file); /* what close(2) does before the last reference */
@@ -104,8 +112,9 @@ int uk_fsync(struct uk_file *file, int datasync);
 void uk_release(struct uk_file *file);
 
 /*
- * Directory entries from the file's position `off` on (0: the start): for each, `fill(arg, name, ino, type,
- * next)` with the DT_* type and the position behind it; a non-zero result stops (that entry is not consumed).
+ * Directory entries from the file's position `off` on (0: the start): for each, `fill(arg, name,
+ * ino, type, next)` with the DT_* type and the position behind it; a non-zero result stops (that
+ * entry is not consumed).
  */
 int uk_readdir(struct uk_file *dir, unsigned long long off,
                int (*fill)(void *arg, const char *name, unsigned long long ino, unsigned type,

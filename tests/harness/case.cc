@@ -20,8 +20,8 @@ void case_check_failed(const char *file, int line, const char *expression, long 
                        long long right) {
   char text[512];
 
-  snprintf(text, sizeof(text), "%s: %lld (0x%llx) against %lld (0x%llx)", expression, left, left, right,
-           right);
+  snprintf(text, sizeof(text), "%s: %lld (0x%llx) against %lld (0x%llx)", expression, left, left,
+           right, right);
   host_case_failed(file, line, text);
 }
 
@@ -38,7 +38,8 @@ int case_str_equal(const char *left, const char *right) {
   return left && right && strcmp(left, right) == 0;
 }
 
-// Each case has a kernel of its own, so the log holds exactly what was printed since the case's start.
+// Each case has a kernel of its own, so the log holds exactly what was printed since the case's
+// start.
 int case_log_count(const char *text) {
   struct uk_klog_line line;
   char buf[1024];
@@ -52,4 +53,6 @@ int case_log_count(const char *text) {
   return count;
 }
 
-int case_logged(const char *text) { return case_log_count(text) > 0; }
+int case_logged(const char *text) {
+  return case_log_count(text) > 0;
+}

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
-// Runs the kernel-side cases linked into this program as GoogleTest tests: one freshly booted kernel and one
-// root task for each, and a shutdown afterwards that reports whatever the case left behind.
+// Runs the kernel-side cases linked into this program as GoogleTest tests: one freshly booted
+// kernel and one root task for each, and a shutdown afterwards that reports whatever the case left
+// behind.
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -30,7 +31,9 @@ struct ExpectedLeak {
 std::vector<ExpectedLeak> expected_leaks;
 std::string shutdown_reports;
 
-void CollectReport(const char *report) { shutdown_reports += report; }
+void CollectReport(const char *report) {
+  shutdown_reports += report;
+}
 
 class KernelCase : public testing::Test {
  public:
@@ -76,7 +79,8 @@ class KernelCase : public testing::Test {
     for (const ExpectedLeak &leak : expected_leaks) {
       if (shutdown_reports.find(leak.text) == std::string::npos)
         ADD_FAILURE_AT(leak.file, leak.line)
-            << "the shutdown does not say \"" << leak.text << "\" but:\n" << shutdown_reports;
+            << "the shutdown does not say \"" << leak.text << "\" but:\n"
+            << shutdown_reports;
     }
     expected_leaks.clear();
   }
@@ -134,7 +138,8 @@ void host_case_expect_report(const char *file, int line, void (*body)(void), con
   int status = 0;
   waitpid(child, &status, 0);
   if (!WIFEXITED(status) || WEXITSTATUS(status) != kReportExit)
-    ADD_FAILURE_AT(file, line) << "no kernel report; wait status " << status << ", expected: " << text;
+    ADD_FAILURE_AT(file, line) << "no kernel report; wait status " << status
+                               << ", expected: " << text;
   else if (report.find(text) == std::string::npos)
     ADD_FAILURE_AT(file, line) << "the report does not say \"" << text << "\" but:\n" << report;
 }

@@ -159,7 +159,7 @@ static int look_for_it(void *data) {
   struct wanted want = {42, 0, 0};
   complete(&user->started);
   user->found = get(user->fs, &want);
-  user->state = user->found ? user->found->i_state : 0;
+  user->state = user->found ? (unsigned long)user->found->i_state : 0;
   complete(&user->finished);
   return 0;
 }

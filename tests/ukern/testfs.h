@@ -16,7 +16,7 @@
 
 class testfs;
 /* The way of the operations to the one that a case has. */
-static testfs *the_testfs;
+inline testfs *the_testfs; /* one for all files of cases, as the class is */
 
 class testfs {
  public:

@@ -169,6 +169,23 @@ int memfs_rmdir(struct inode *dir, struct dentry *dentry) {
   return 0;
 }
 
+// A directory moves without its own i_mutex, and the parent that it leaves may go at once; so who
+// lists it looks at its parent under the lock.
+void set_parent(struct inode *dir, struct memfs_node *parent) {
+  struct memfs_sb *info = memfs_s(dir->i_sb);
+  spin_lock(&info->lock);
+  memfs_n(dir)->parent = parent;
+  spin_unlock(&info->lock);
+}
+
+unsigned long parent_ino(struct inode *dir) {
+  struct memfs_sb *info = memfs_s(dir->i_sb);
+  spin_lock(&info->lock);
+  const unsigned long ino = memfs_n(dir)->parent->ino;
+  spin_unlock(&info->lock);
+  return ino;
+}
+
 int memfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                  struct dentry *new_dentry) {
   if (int error = memfs_check(old_dir->i_sb, MEMFS_OP_RENAME)) return error;
@@ -191,7 +208,7 @@ int memfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode 
   enter(new_dir, new_dentry, to, from->node);
   remove(old_dir, from);
   if (is_dir) {
-    memfs_n(inode)->parent = memfs_n(new_dir);
+    set_parent(inode, memfs_n(new_dir));
     old_dir->i_nlink--;
     new_dir->i_nlink++;
   }
@@ -255,7 +272,7 @@ int memfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
     file->f_pos = 1;
   }
   if (file->f_pos == 1) {
-    if (filldir(dirent, "..", 2, 1, node->parent->ino, DT_DIR) < 0) return 0;
+    if (filldir(dirent, "..", 2, 1, parent_ino(dir), DT_DIR) < 0) return 0;
     file->f_pos = 2;
   }
   char *name = static_cast<char *>(kmalloc(NAME_MAX + 1, GFP_KERNEL));

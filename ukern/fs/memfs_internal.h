@@ -35,14 +35,14 @@ extern "C" {
 struct memfs_node {
   struct list_head all; /* in memfs_sb.nodes */
   unsigned long ino;
-  umode_t mode;
+  ukern_field<umode_t> mode; /* the inode's, when it was last written */
   unsigned nlink;
   uid_t uid;
   gid_t gid;
   dev_t rdev;
   loff_t size;
   struct timespec atime, mtime, ctime;
-  struct memfs_node *parent;     /* of a directory */
+  struct memfs_node *parent;     /* of a directory; under memfs_sb.lock */
   struct list_head entries;      /* of a directory, by memfs_entry.in_dir, in order of position */
   loff_t next_position;          /* of a directory */
   char *target;                  /* of a symbolic link */

@@ -75,6 +75,12 @@ long nr_dirty() {
   return atomic_read(&nr_file_dirty);
 }
 
+// An estimate: both counts may move meanwhile.
+long inodes_in_use() {
+  return __atomic_load_n(&inodes_stat.nr_inodes, __ATOMIC_RELAXED) -
+         __atomic_load_n(&inodes_stat.nr_unused, __ATOMIC_RELAXED);
+}
+
 // Writes at least `min_pages`, and on until the background limit is met.
 void background_writeout(unsigned long min_pages) {
   long wanted = static_cast<long>(min_pages);
@@ -98,7 +104,7 @@ void background_writeout(unsigned long min_pages) {
 void write_old_inodes() {
   sync_supers();
   unsigned long oldest = jiffies - (unsigned long)dirty_expire_interval;
-  long budget = nr_dirty() + inodes_stat.nr_inodes - inodes_stat.nr_unused;
+  long budget = nr_dirty() + inodes_in_use();
   struct writeback_control wbc = {};
   wbc.sync_mode = WB_SYNC_NONE;
   wbc.older_than_this = &oldest;

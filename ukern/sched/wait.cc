@@ -23,11 +23,11 @@ void wake(wait_queue_head_t *q, unsigned int mode, int nr, int sync, void *key) 
 }
 
 void prepare(wait_queue_head_t *q, wait_queue_t *wait, int state, bool exclusive) {
+  spin_lock(&q->lock);  // before the flags too: after a first round the entry is still in the queue
   if (exclusive)
     wait->flags |= WQ_FLAG_EXCLUSIVE;
   else
     wait->flags &= ~(unsigned)WQ_FLAG_EXCLUSIVE;
-  spin_lock(&q->lock);
   if (list_empty(&wait->task_list)) {
     if (exclusive)
       __add_wait_queue_tail(q, wait);

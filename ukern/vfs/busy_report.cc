@@ -162,7 +162,7 @@ int inode_report_busy(struct super_block *sb) {
   list_for_each_entry(inode, &sb->s_inodes, i_sb_list) {
     if (!busy.add()) continue;
     uk_report_line(busy.report, "inode %lu (%s, %u links): %d references not dropped", inode->i_ino,
-                   kind_of(inode), inode->i_nlink, atomic_read(&inode->i_count));
+                   kind_of(inode), (unsigned)inode->i_nlink, atomic_read(&inode->i_count));
     list_for_each_entry(alias, &inode->i_dentry, d_alias)
         uk_report_line(busy.report, "one by its dentry %s", fs_path(alias).start);
     uk_report_reflog(busy.report, inode->i_reflog);

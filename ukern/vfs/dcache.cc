@@ -299,7 +299,10 @@ static void switch_names(struct dentry *dentry, struct dentry *target) {
   }
 }
 
+// lock_rename walks up without dcache_lock: a name that changes inside its directory must leave its
+// parent alone.
 static void switch_parents(struct dentry *dentry, struct dentry *target) {
+  if (dentry->d_parent == target->d_parent) return;
   list_del_init(&dentry->d_u.d_child);
   list_del_init(&target->d_u.d_child);
   struct dentry *const parent = target->d_parent;

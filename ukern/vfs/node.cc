@@ -96,16 +96,17 @@ void hold_dentry(struct uk_node *node, struct dentry *dentry) {
 // has none.
 bool last_step(struct walk_path *held, struct dentry **parent, char *name) {
   struct dentry *dentry = held->dentry;
-  if (IS_ROOT(dentry) || dentry == held->mnt->mnt_root) return false;
+  if (dentry == held->mnt->mnt_root) return false;
   spin_lock(&dentry->d_lock);
   const unsigned len = dentry->d_name.len;
-  if (len <= NAME_MAX) {
+  const bool named = !IS_ROOT(dentry) && len <= NAME_MAX;
+  if (named) {
     memcpy(name, dentry->d_name.name, len);
     name[len] = '\0';
     *parent = dget(dentry->d_parent);
   }
   spin_unlock(&dentry->d_lock);
-  return len <= NAME_MAX;
+  return named;
 }
 
 // Errors that say no more than that the name does not lead to the node now. Permission on the

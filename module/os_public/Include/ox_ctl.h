@@ -1,18 +1,19 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The two local sockets through which user space reaches the module when it runs in the host program
- * instead of in a kernel. Both are Unix SOCK_SEQPACKET sockets in the run directory: one packet is one
- * request, answer or message. The peer's identity is what SO_PEERCRED says.
+ * The two local sockets through which user space reaches the module when it runs in the host
+ * program instead of in a kernel. Both are Unix SOCK_SEQPACKET sockets in the run directory: one
+ * packet is one request, answer or message. The peer's identity is what SO_PEERCRED says.
  *
  * Run directory: $TARN_RUN_DIR if set; else /run/tarn for root; else $XDG_RUNTIME_DIR/tarn; else
  * /tmp/tarn-<uid>.
  *
- * Daemon channel (OX_CTL_DAEMON_SOCKET): every packet is exactly one netlink message, header included, as
- * ox_msg.h defines it, in either direction.
+ * Daemon channel (OX_CTL_DAEMON_SOCKET): every packet is exactly one netlink message, header
+ * included, as ox_msg.h defines it, in either direction.
  *
- * Control channel (OX_CTL_SOCKET): the client sends an ox_ctl_request followed by `len` bytes of argument
- * and waits for one ox_ctl_reply followed by `len` bytes of result. Requests of one connection are served
- * one after another. A request that is malformed gets `result` -EINVAL. Integers are in host byte order.
+ * Control channel (OX_CTL_SOCKET): the client sends an ox_ctl_request followed by `len` bytes of
+ * argument and waits for one ox_ctl_reply followed by `len` bytes of result. Requests of one
+ * connection are served one after another. A request that is malformed gets `result` -EINVAL.
+ * Integers are in host byte order.
  */
 #ifndef OX_CTL_H
 #define OX_CTL_H
@@ -23,43 +24,47 @@
 #define OX_CTL_DAEMON_SOCKET "daemon"
 #define OX_CTL_PID_FILE "tarnd.pid"
 
-/* Longest packet on the control channel; a longer result of OX_CTL_GETSOCKOPT is sent in pieces, see there. */
+/* Longest packet on the control channel; a longer result of OX_CTL_GETSOCKOPT is sent in pieces,
+ * see there. */
 #define OX_CTL_PACKET_MAX 65536
 
 enum ox_ctl_op {
-  /* setsockopt(PF_INET, arg, bytes, len). `result` is what the handler returned, negative or positive. */
+  /* setsockopt(PF_INET, arg, bytes, len). `result` is what the handler returned, negative or
+     positive. */
   OX_CTL_SETSOCKOPT = 1,
   /*
-   * getsockopt(PF_INET, arg, buffer, &len). The argument bytes are the caller's buffer as it is on entry (at
-   * most OX_CTL_PACKET_MAX minus the header); `room` is the buffer's size, which may be larger. Success is
-   * answered with `total` = length that the handler set and the buffer's `total` bytes in as many reply
-   * packets as needed, each with the `len` bytes that it carries, in order. A refused call: one reply.
+   * getsockopt(PF_INET, arg, buffer, &len). The argument bytes are the caller's buffer as it is on
+   * entry (at most OX_CTL_PACKET_MAX minus the header); `room` is the buffer's size, which may be
+   * larger. Success is answered with `total` = length that the handler set and the buffer's `total`
+   * bytes in as many reply packets as needed, each with the `len` bytes that it carries, in order.
+   * A refused call: one reply.
    */
   OX_CTL_GETSOCKOPT = 2,
-  /* Argument: lower directory NUL mount point NUL, both absolute. `result` 0 or -errno; on an error the
-   * result bytes are a text, one line without newline, that says what failed. */
+  /* Argument: lower directory NUL mount point NUL, both absolute. `result` 0 or -errno; on an error
+   * the result bytes are a text, one line without newline, that says what failed. */
   OX_CTL_MOUNT = 3,
   /* Argument: mount point NUL. Result as for OX_CTL_MOUNT. `arg` 1: lazily, even if it is busy. */
   OX_CTL_UMOUNT = 4,
-  /* The kernel log from line number `room` on: result bytes are whole lines, each ox_ctl_logline followed by
-   * its text; `total` is the number of the next line to ask for. `arg`: milliseconds to wait for a first line. */
+  /* The kernel log from line number `room` on: result bytes are whole lines, each ox_ctl_logline
+   * followed by its text; `total` is the number of the next line to ask for. `arg`: milliseconds to
+   * wait for a first line. */
   OX_CTL_LOG = 5,
-  /* Result bytes: the mount table as text, "LOWER MOUNTPOINT OPTIONS\n" per mount, blanks and backslashes in
-   * paths written as \ooo like in /proc/mounts. */
+  /* Result bytes: the mount table as text, "LOWER MOUNTPOINT OPTIONS\n" per mount, blanks and
+   * backslashes in paths written as \ooo like in /proc/mounts. */
   OX_CTL_MOUNTS = 6
 };
 
 struct ox_ctl_request {
-  ox_u32_t op;   /* enum ox_ctl_op */
+  ox_u32_t op; /* enum ox_ctl_op */
   ox_s32_t arg;
   ox_u64_t room;
-  ox_u32_t len;  /* bytes of argument behind this header */
-  ox_u32_t pad;  /* 0 */
+  ox_u32_t len; /* bytes of argument behind this header */
+  ox_u32_t pad; /* 0 */
 };
 
 struct ox_ctl_reply {
   ox_s32_t result;
-  ox_u32_t len;  /* bytes of result behind this header */
+  ox_u32_t len; /* bytes of result behind this header */
   ox_u64_t total;
 };
 

@@ -4,6 +4,8 @@
 #include "tests/ukern/testfs.h"
 #include "ukern/sched/boot.h"
 
+#if UKERN_DEBUG
+
 static void leak_a_dentry(void) {
   testfs fs;
   struct dentry *dir = fs.add(fs.root(), "dir", S_IFDIR | 0755);
@@ -84,6 +86,8 @@ CASE(vfs_busy, inode_dropped_twice) {
   EXPECT_REPORT(drop_an_inode_twice,
                 "inode 99 of testfs: a reference is dropped that nobody holds");
 }
+
+#endif  // UKERN_DEBUG
 
 static void get_a_dentry_nobody_holds(void) {
   testfs fs;

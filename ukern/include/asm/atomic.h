@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Counters that any thread may change. Those that return a value order memory on both sides of
- * them, as on x86-64 all of them do.
+ * them, as on x86-64 all of them do; atomic_read orders as a load does there, so that who sees the
+ * count that a dropped reference left also sees what was done under that reference.
  */
 #ifndef _ASM_ATOMIC_H
 #define _ASM_ATOMIC_H
@@ -14,7 +15,7 @@ typedef struct {
 
 #define ATOMIC_INIT(i) \
   { (i) }
-#define atomic_read(v) __atomic_load_n(&(v)->counter, __ATOMIC_RELAXED)
+#define atomic_read(v) __atomic_load_n(&(v)->counter, __ATOMIC_ACQUIRE)
 #define atomic_set(v, i) __atomic_store_n(&(v)->counter, (i), __ATOMIC_RELAXED)
 
 static inline void atomic_add(int i, atomic_t *v) {
@@ -75,7 +76,7 @@ typedef struct {
 
 #define ATOMIC64_INIT(i) \
   { (i) }
-#define atomic64_read(v) __atomic_load_n(&(v)->counter, __ATOMIC_RELAXED)
+#define atomic64_read(v) __atomic_load_n(&(v)->counter, __ATOMIC_ACQUIRE)
 #define atomic64_set(v, i) __atomic_store_n(&(v)->counter, (i), __ATOMIC_RELAXED)
 
 static inline void atomic64_add(long i, atomic64_t *v) {

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Memory barriers, exchange and compare-and-exchange. The thread sanitizer knows atomic operations
- * but no fences, so under it a barrier is a read-modify-write of a word of its own.
+ * Memory barriers, exchange and compare-and-exchange, and the fields that are read without a lock.
+ * The thread sanitizer knows atomic operations but no fences, so under it a barrier is a
+ * read-modify-write of a word of its own.
  */
 #ifndef _ASM_SYSTEM_H
 #define _ASM_SYSTEM_H
@@ -41,5 +42,51 @@ extern "C" int ukern_fence_word;
                                 __ATOMIC_SEQ_CST);                                        \
     cmpxchg_old_;                                                                         \
   })
+
+/*
+ * A field of type T that its writers change one at a time, under a lock, and that is read without
+ * one: an inode's attributes, a dentry's inode. The kernel's contract for such a field is that a
+ * read gives some value that was written, never a torn one, and this type says so to the compiler;
+ * it is used like a plain T. `+=` and its kin are a read and a write, not one atomic step: whoever
+ * changes the field holds its lock.
+ *
+ * Nothing is ordered by the access itself, unless the field publishes what it points to (`order`
+ * UKERN_PUBLISHED): then who reads a pointer sees what was written before the pointer was.
+ */
+enum ukern_field_order { UKERN_UNORDERED, UKERN_PUBLISHED };
+
+template <typename T, ukern_field_order order = UKERN_UNORDERED>
+class ukern_field {
+ public:
+  ukern_field() = default;
+  constexpr ukern_field(T value) : value_(value) {}
+  ukern_field(const ukern_field &other) : value_(other.get()) {}
+  ukern_field &operator=(const ukern_field &other) { return *this = other.get(); }
+  ukern_field &operator=(T value) {
+    __atomic_store_n(&value_, value,
+                     order == UKERN_PUBLISHED ? __ATOMIC_RELEASE : __ATOMIC_RELAXED);
+    return *this;
+  }
+  operator T() const { return get(); }
+  T operator->() const { return get(); }
+  ukern_field &operator+=(T by) { return *this = (T)(get() + by); }
+  ukern_field &operator-=(T by) { return *this = (T)(get() - by); }
+  ukern_field &operator|=(T bits) { return *this = (T)(get() | bits); }
+  ukern_field &operator&=(T bits) { return *this = (T)(get() & bits); }
+  T operator++(int) { return change_by(1); }
+  T operator--(int) { return change_by((T)-1); }
+
+ private:
+  T get() const {
+    return __atomic_load_n(&value_, order == UKERN_PUBLISHED ? __ATOMIC_ACQUIRE : __ATOMIC_RELAXED);
+  }
+  T change_by(T by) {
+    const T old = get();
+    *this = (T)(old + by);
+    return old;
+  }
+
+  T value_;
+};
 
 #endif

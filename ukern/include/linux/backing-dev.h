@@ -51,7 +51,7 @@ void writeback_release(struct backing_dev_info *bdi);
 
 static inline int bdi_congested(struct backing_dev_info *bdi, int bdi_bits) {
   if (bdi->congested_fn) return bdi->congested_fn(bdi->congested_data, bdi_bits);
-  return (int)(bdi->state & (unsigned long)bdi_bits);
+  return (int)(__atomic_load_n(&bdi->state, __ATOMIC_RELAXED) & (unsigned long)bdi_bits);
 }
 static inline int bdi_read_congested(struct backing_dev_info *bdi) {
   return bdi_congested(bdi, 1 << BDI_read_congested);

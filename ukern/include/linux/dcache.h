@@ -17,6 +17,7 @@
 #include <linux/spinlock.h>
 #include <linux/types.h>
 #include <asm/atomic.h>
+#include <asm/system.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -68,7 +69,7 @@ struct dentry {
   atomic_t d_count;
   unsigned int d_flags; /* DCACHE_*; under d_lock */
   spinlock_t d_lock;
-  struct inode *d_inode; /* NULL: negative */
+  ukern_field<struct inode *, UKERN_PUBLISHED> d_inode; /* NULL: negative */
   struct hlist_node d_hash;
   struct dentry *d_parent;
   struct qstr d_name;
@@ -79,7 +80,7 @@ struct dentry {
   struct list_head d_subdirs;
   struct list_head d_alias; /* among the inode's i_dentry */
   unsigned long d_time;     /* for d_revalidate */
-  struct dentry_operations *d_op;
+  ukern_field<struct dentry_operations *, UKERN_PUBLISHED> d_op;
   struct super_block *d_sb;
   void *d_fsdata;
   int d_mounted; /* how many mounts hang here; under vfsmount_lock */

@@ -234,33 +234,33 @@ struct inode {
   struct list_head i_dentry;  /* its dentries; under dcache_lock */
   unsigned long i_ino;
   atomic_t i_count;
-  umode_t i_mode;
-  unsigned int i_nlink;
-  uid_t i_uid;
-  gid_t i_gid;
-  dev_t i_rdev;
+  ukern_field<umode_t> i_mode;
+  ukern_field<unsigned int> i_nlink;
+  ukern_field<uid_t> i_uid;
+  ukern_field<gid_t> i_gid;
+  ukern_field<dev_t> i_rdev;
   loff_t i_size; /* i_size_read, i_size_write */
   struct timespec i_atime;
   struct timespec i_mtime;
   struct timespec i_ctime;
-  unsigned int i_blkbits;
+  ukern_field<unsigned int> i_blkbits;
   unsigned long i_blksize;
-  unsigned long i_version;
-  blkcnt_t i_blocks; /* of 512 bytes; with i_bytes under i_lock */
+  ukern_field<unsigned long> i_version;
+  ukern_field<blkcnt_t> i_blocks; /* of 512 bytes; with i_bytes under i_lock */
   unsigned short i_bytes;
   spinlock_t i_lock;
   struct mutex i_mutex;
   struct rw_semaphore i_alloc_sem; /* truncation against direct I/O */
-  struct inode_operations *i_op;
-  const struct file_operations *i_fop;
+  ukern_field<struct inode_operations *, UKERN_PUBLISHED> i_op;
+  ukern_field<const struct file_operations *, UKERN_PUBLISHED> i_fop;
   struct super_block *i_sb;
   struct address_space *i_mapping;
   struct address_space i_data;
   __u32 i_generation;
-  unsigned long i_state;
-  unsigned long dirtied_when; /* jiffies of the first dirtying */
-  unsigned int i_flags;       /* S_* */
-  atomic_t i_writecount;      /* files open for writing; negative: writing is denied */
+  ukern_field<unsigned long> i_state;
+  unsigned long dirtied_when;        /* jiffies of the first dirtying */
+  ukern_field<unsigned int> i_flags; /* S_* */
+  atomic_t i_writecount;             /* files open for writing; negative: writing is denied */
   union {
     void *generic_ip; /* the file system's */
   } u;

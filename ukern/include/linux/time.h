@@ -4,10 +4,11 @@
 #define _LINUX_TIME_H
 
 #include <linux/types.h>
+#include <asm/system.h>
 
 struct timespec {
-  time_t tv_sec;
-  long tv_nsec;
+  ukern_field<time_t> tv_sec; /* as part of an inode: read without a lock */
+  ukern_field<long> tv_nsec;
 };
 
 struct timeval {

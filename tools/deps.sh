@@ -5,9 +5,9 @@
 set -euo pipefail
 
 packages=(
-  binutils build-essential clang clang-format cmake coreutils fuse3 libclang-rt-14-dev
-  libcli11-dev libfmt-dev libfuse3-dev libgmock-dev libgtest-dev librapidcheck-dev libspdlog-dev libssl-dev
-  ninja-build nlohmann-json3-dev pkg-config procps python3 util-linux
+  binutils build-essential clang clang-format cmake coreutils fuse3 git libclang-rt-14-dev
+  libcli11-dev libfmt-dev libfuse3-dev libgtest-dev librapidcheck-dev libssl-dev mount
+  ninja-build nlohmann-json3-dev pkg-config python3 util-linux
 )
 [ "${1:-}" != bench ] || packages+=(libbenchmark-dev libhyperscan-dev libre2-dev)
 

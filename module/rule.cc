@@ -32,6 +32,7 @@ void free_prulenode(struct prule_node *node) {
     tarn_trans_free(trans, 1);
   }
   clearmatch(&node->path);
+  kfree(node->keys);
   kmem_cache_free(rulenode_cachep, node);
 }
 
@@ -45,17 +46,18 @@ static void init_node(struct prule_node *node) {
   spin_lock_init(&node->node_lock);
 }
 
-/* The automaton's first state, where it is a run without which nothing is included. */
-static void init_lead(struct prule_node *node) {
-  const matchdr_t *m = &node->path;
-  if (m->start < STATE_STRING || m->start >= STATE_FINAL) return;
-  const strm_t *run = &m->strm[m->start - STATE_STRING];
-  if (run->miss != STATE_MISS || run->l < sizeof(node->lead_end)) return;
-  memcpy(&node->lead_end, run->ptr + run->l - sizeof(node->lead_end), sizeof(node->lead_end));
-  node->lead_len = run->l;
-}
-
 /* ---- the set ---- */
+
+/* With the lock held for writing: a path that the node includes does not lead to it any more. */
+static void unindex_locked(struct prule_node *node) {
+  rule_index_del(&ruleset.index, node->keys, node->keynum);
+  for (struct prule_node **at = &ruleset.stopped; *at; at = &(*at)->next_stopped) {
+    if (*at != node) continue;
+    *at = node->next_stopped;
+    break;
+  }
+  node->place = 0;
+}
 
 /* Nodes that were taken off the set, under its lock; gives the list's references back once it is
  * released. */
@@ -72,9 +74,16 @@ class removed_rules {
   removed_rules(const removed_rules &) = delete;
   removed_rules &operator=(const removed_rules &) = delete;
 
-  /* With the lock held for writing: what flushes have left behind. */
-  void take_flushed_locked() { ruleset.flushed.drain(&ruleset.head, &nodes_); }
-  void take_locked(struct prule_node *node) { list_move_tail(&node->list, &nodes_); }
+  /* With the lock held for writing, before anything else: what flushes have left behind. */
+  void take_flushed_locked() {
+    ruleset.flushed.drain(&ruleset.head, &nodes_);
+    struct prule_node *node;
+    list_for_each_entry(node, &nodes_, list) unindex_locked(node);
+  }
+  void take_locked(struct prule_node *node) {
+    unindex_locked(node);
+    list_move_tail(&node->list, &nodes_);
+  }
 
  private:
   struct list_head nodes_;
@@ -88,17 +97,6 @@ static struct prule_node *find_locked(const uuid_t uuid) {
   return nullptr;
 }
 
-/* With the lock held for writing: the last node comes into the sight of an earlier one. */
-static void set_ahead_locked(const struct prule_node *last) {
-  const int places = 8; /* about as long as the fetch takes */
-  struct list_head *p = ruleset.head.prev;
-  for (int i = 0; i < places; ++i) {
-    p = p->prev;
-    if (p == &ruleset.head) return;
-  }
-  list_entry(p, struct prule_node, list)->ahead = last;
-}
-
 struct prule_node *findnode_byuuid(const uuid_t uuid) {
   read_guard guard(ruleset.rwlock);
   struct prule_node *node = find_locked(uuid);
@@ -110,6 +108,15 @@ struct prule_node *findnode_byuuid(const uuid_t uuid) {
  * after. */
 static bool set_exists(void) {
   return ox_load(rulenode_cachep) != nullptr;
+}
+
+/* The automaton and the keys of the node's workdir. 0, or -1 without memory, with neither. */
+static int compile_workdir(struct prule_node *node) {
+  if (build_path_match(&node->path, node->rule.workdir)) return -1;
+  node->keys = rule_keys_new(node, node->rule.workdir, &node->keynum);
+  if (node->keys) return 0;
+  clearmatch(&node->path);
+  return -1;
 }
 
 int do_add(const void __user *record, unsigned length) {
@@ -134,11 +141,10 @@ int do_add(const void __user *record, unsigned length) {
   }
   /* A text without an end cannot be compiled. */
   const bool ended = strnlen(node->rule.workdir, OX_WORKDIR_LEN) < OX_WORKDIR_LEN;
-  if (!ended || build_path_match(&node->path, node->rule.workdir)) {
+  if (!ended || compile_workdir(node.get())) {
     printk("create reppath error!\n");
     return OX_ERR_PATTERN;
   }
-  init_lead(node.get());
 
   removed_rules removed;
   bool exists;
@@ -149,12 +155,14 @@ int do_add(const void __user *record, unsigned length) {
     node->status = PRULE_ACTIVE;
     if (!exists) {
       list_add_tail(&node->list, &ruleset.head);
-      set_ahead_locked(node.get());
+      node->place = ++ruleset.last_place;
+      rule_index_add(&ruleset.index, node->keys, node->keynum);
       ++ruleset.rulenum;
     }
   }
   if (exists) {
     clearmatch(&node->path);
+    kfree(node->keys);
     return OX_ERR_EXIST;
   }
   prule_node_put(node.release());
@@ -175,15 +183,25 @@ int delnode_fromlist(struct prule_node *node) {
   removed_rules removed;
   write_guard guard(ruleset.rwlock);
   removed.take_flushed_locked();
-  struct prule_node *listed;
-  list_for_each_entry(listed, &ruleset.head, list) {
-    if (listed->ahead == node) listed->ahead = node->ahead;
-    if (listed != node) continue;
+  if (node->place) {
     --ruleset.rulenum;
     removed.take_locked(node);
-    break;
   }
   return 0;
+}
+
+void prule_stop(struct prule_node *node) {
+  read_guard set_guard(ruleset.rwlock);
+  spin_guard guard(ruleset.stop_lock);
+  if (ox_load(node->status) == PRULE_STOPPED) return;
+  ox_store(node->status, PRULE_STOPPED);
+  if (!node->place) return;
+  struct prule_node **at = &ruleset.stopped;
+  while (*at && (*at)->place < node->place) at = &(*at)->next_stopped;
+  /* Searches go on meanwhile: what they find leads on to the rest. */
+  ox_store(node->next_stopped, *at);
+  smp_wmb();
+  ox_store(*at, node);
 }
 
 int do_flush(int) {
@@ -348,6 +366,9 @@ int prule_init(void) {
   ruleset.rulenum = 0;
   rwlock_init(&ruleset.rwlock);
   ox_flush_init(&ruleset.flushed);
+  memset(&ruleset.index, 0, sizeof(ruleset.index));
+  ruleset.stopped = nullptr;
+  spin_lock_init(&ruleset.stop_lock);
 
   const unsigned long flags = SLAB_RECLAIM_ACCOUNT | SLAB_MEM_SPREAD;
   rulenode_cachep =

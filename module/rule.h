@@ -5,11 +5,12 @@
  * A rule node is reference counted: the set holds one reference, each lookup and each hit one more,
  * the last put frees it. `rule` and `path` do not change once the node is in the set.
  *
- * Locks: ruleset.rwlock guards the list and the count. Lookups and the walk over all rules hold it
- * for reading, add and delete for writing. A flush holds it for reading only and so never waits for
- * readers: it takes the whole chain off the head and leaves the chain itself as it is, and the
- * references are dropped by whoever next holds the lock alone (see ox_flush.h). ox_flush's own spin
- * lock is taken inside it. node_lock is never held together with another lock.
+ * Locks: ruleset.rwlock guards the list, the count and the index. Lookups and the search for hits
+ * hold it for reading, add and delete for writing. A flush holds it for reading only and so never
+ * waits for readers: it takes the whole chain off the head and leaves the chain itself as it is,
+ * and the references are dropped by whoever next holds the lock alone (see ox_flush.h). ox_flush's
+ * own spin lock or stop_lock is taken inside it. node_lock is never held together with another
+ * lock.
  *
  * Results are 0, OX_ERR_* or the positive number of bytes that a user copy left uncopied.
  */
@@ -20,6 +21,7 @@
 #include "ox_flush.h"
 #include "ox_guard.h"
 #include "ox_msg.h"
+#include "rule_index.h"
 #include "statematch.h"
 
 /* Values of prule_node.status. */
@@ -44,18 +46,14 @@ struct prule_node {
   ox_u64_t bytes_send;     /* bytes captured, without a lock */
   ox_s32_t mem_max;        /* not enforced */
   atomic_t mem_used;
-  int status; /* enum prule_status, without a lock */
+  int status; /* enum prule_status; read without a lock, set by prule_stop */
 
-  /*
-   * For the walk over all rules, beside `status` so that both come with one access: the length of
-   * the run that every included path begins with, and its last 8 bytes. 0: there is no such run, or
-   * it is shorter than that.
-   */
-  ox_u32_t lead_len;
-  ox_u64_t lead_end;
-  /* Some places further on in the list, for a walk to have it fetched in time; null near the end.
-   * Under ruleset.rwlock. */
-  const struct prule_node *ahead;
+  /* Larger than that of every rule before it in the list; 0: it is not in the set. Under
+   * ruleset.rwlock. */
+  ox_u64_t place;
+  struct prule_node *next_stopped; /* in ruleset.stopped */
+  struct rule_key *keys;           /* its places in ruleset.index */
+  int keynum;
 };
 
 struct prule_set {
@@ -63,6 +61,11 @@ struct prule_set {
   int rulenum;
   rwlock_t rwlock;
   struct ox_flush flushed; /* nodes that a flush took off while others were reading */
+  ox_u64_t last_place;
+  struct rule_index index; /* of all nodes; after a flush also of those it took off */
+  /* The stopped rules in list order, likewise. Put in under stop_lock, while others may read. */
+  struct prule_node *stopped;
+  spinlock_t stop_lock;
 };
 
 struct hit_rules {
@@ -83,35 +86,15 @@ struct prule_node *findnode_byuuid(const uuid_t uuid);
 
 typedef ox_owner<struct prule_node, prule_node_put> prule_ref;
 
-/* A walk is at `node`: has what it will read of a later one fetched. Nodes are far apart in memory.
- */
-inline void prule_fetch_ahead(const struct prule_node *node) {
-  if (!node->ahead) return;
-  __builtin_prefetch(&node->ahead->list);
-  __builtin_prefetch(&node->ahead->status);
-}
-
-/*
- * Whether the rule's automaton includes the path, whose length without its NUL is `len`. As match,
- * but a rule of quite another place is told by its lead alone.
- */
-inline bool prule_matches(const struct prule_node *node, const char *path, unsigned long len) {
-  const ox_u32_t lead = node->lead_len;
-  if (lead) {
-    ox_u64_t end;
-    if (lead > len + 1) return false; /* the NUL may be the lead's last byte */
-    __builtin_memcpy(&end, path + lead - sizeof(end), sizeof(end));
-    if (end != node->lead_end) return false;
-  }
-  return match(&node->path, path) != STATE_MISS;
-}
-
 /* `record` is a struct prule in user memory (or in the kernel's, under KERNEL_DS). They sleep. */
 int do_add(const void __user *record, unsigned length);
 int do_del(const void __user *record, unsigned length);
 int do_flush(int flag);
 /* Takes that very node off the set, if it is there. 0. */
 int delnode_fromlist(struct prule_node *node);
+/* Stops a rule for good: every change hits it as long as it is in the set. Takes the set's lock for
+ * reading and stop_lock. Sleeps not. */
+void prule_stop(struct prule_node *node);
 
 int do_ox_set_ctl(struct sock *sk, int code, void __user *user, unsigned int length);
 int do_ox_get_ctl(struct sock *sk, int code, void __user *user, int *length);

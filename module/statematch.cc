@@ -408,16 +408,26 @@ const char *path_tail(const char *p) {
   return p;
 }
 
+ox_s32_t entry_path_size(int len) {
+  return CalBase64DecodeLen(len + 1);
+}
+
+unsigned long entry_path(const char *text, int len, char *path) {
+  /* This much room and not more: what is no multiple of four characters does not fit. */
+  ox_s32_t size = entry_path_size(len);
+  /* What does not decode is an empty path, also when a part of it did. */
+  if (!Base64Decode(text, len, path, &size)) path[0] = '\0';
+  return strlen(path);
+}
+
 namespace {
 
 /* Inserts the directory whose Base64 text is given. 0, or -1 without memory. */
 int add_entry(matchdr_t *m, const char *text, int len, int include) {
-  ox_s32_t size = CalBase64DecodeLen(len + 1);
-  ox_owner<char, kfree> path(static_cast<char *>(_malloc_(size)));
+  ox_owner<char, kfree> path(static_cast<char *>(_malloc_(entry_path_size(len))));
   if (!path) return -1;
-  /* What does not decode is an empty path, also when a part of it did. */
-  if (!Base64Decode(text, len, path.get(), &size)) path.get()[0] = '\0';
-  return addstr(m, path.get(), static_cast<int>(strlen(path.get())) + 1, 0, include);
+  const unsigned long pathlen = entry_path(text, len, path.get());
+  return addstr(m, path.get(), static_cast<int>(pathlen) + 1, 0, include);
 }
 
 int add_entries(matchdr_t *m, const char *text, bool excluded) {

@@ -109,16 +109,37 @@ int tarn_transq_submit(struct prule_node *rule) {
 
 /* ---- hits ---- */
 
-struct changed_path {
-  const char *text; /* null: there is none */
-  unsigned long len;
-};
+/* The first of the rules that are offered, in list order. */
+class first_hits {
+ public:
+  explicit first_hits(struct hit_rules *hits) : arr_(hits->arr), count_(0) {}
 
-static bool hits_rule(const struct prule_node *rule, const changed_path &path1,
-                      const changed_path &path2) {
-  return ox_load(rule->status) == PRULE_STOPPED || prule_matches(rule, path1.text, path1.len) ||
-         (path2.text && prule_matches(rule, path2.text, path2.len));
-}
+  /* Takes the rule if `path` hits it. Whether one behind it in the list could still be among the
+   * first. */
+  bool offer(struct prule_node *rule, const char *path) {
+    if (count_ == HIT_RULES_MAX && rule->place > arr_[count_ - 1]->place) return false;
+    int at = count_;
+    while (at > 0 && arr_[at - 1]->place > rule->place) --at;
+    if (at > 0 && arr_[at - 1] == rule) return true;
+    if (ox_load(rule->status) != PRULE_STOPPED && match(&rule->path, path) == STATE_MISS) {
+      return true;
+    }
+    if (count_ == HIT_RULES_MAX) --count_;
+    for (int i = count_++; i > at; --i) arr_[i] = arr_[i - 1];
+    arr_[at] = rule;
+    return true;
+  }
+
+  /* A reference on each; their number. */
+  int get_all() {
+    for (int i = 0; i < count_; ++i) prule_node_get(arr_[i]);
+    return count_;
+  }
+
+ private:
+  struct prule_node **arr_;
+  int count_;
+};
 
 int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *path2) {
   struct prule_set *set = get_prule_set();
@@ -126,23 +147,23 @@ int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *pa
       static_cast<struct hit_rules *>(kmem_cache_zalloc(hit_rule_cache, GFP_KERNEL));
   if (!found) return -ENOMEM;
   *hits = found;
-  const changed_path first = {path1, strlen(path1)};
-  const changed_path second = {path2, path2 ? strlen(path2) : 0};
-  int count = 0;
+  first_hits first(found);
   read_guard guard(set->rwlock);
-  for (struct list_head *p = ox_first(&set->head); p != &set->head; p = p->next) {
-    struct prule_node *rule = list_entry(p, struct prule_node, list);
-    prule_fetch_ahead(rule);
-    if (!hits_rule(rule, first, second)) continue;
-    prule_node_get(rule);
-    found->arr[count++] = rule;
-    if (count == HIT_RULES_MAX) break;
+  /* What a flush has taken off may still be in the index. */
+  if (ox_first(&set->head) == &set->head) return 0;
+  struct prule_node *stopped = ox_load(set->stopped);
+  while (stopped && first.offer(stopped, path1)) stopped = ox_load(stopped->next_stopped);
+  const char *const paths[] = {path1, path2};
+  for (const char *path : paths) {
+    if (!path) continue;
+    rule_index_search(&set->index, path,
+                      [&](struct prule_node *rule) { return first.offer(rule, path); });
   }
-  return count;
+  return first.get_all();
 }
 
 void tarn_stop_rule(struct prule_node *rule) {
-  ox_store(rule->status, PRULE_STOPPED);
+  prule_stop(rule);
   tarn_send_stop_rule(rule->rule.uuid);
 }
 

@@ -5,9 +5,9 @@
  *
  * A record belongs to its builder until tarn_trans_commit, which sends and frees it. It owns one
  * reference on its rule. The builders take the rule set's lock for reading while they look for
- * hits, and no other lock; they sleep, also waiting for the daemon; they may be called with the
- * locks of the lower directories held. Where no memory can be had for a record its rule is stopped
- * for good and the daemon is told.
+ * hits, and what prule_stop takes, but no other lock; they sleep, also waiting for the daemon; they
+ * may be called with the locks of the lower directories held. Where no memory can be had for a
+ * record its rule is stopped for good and the daemon is told.
  */
 #ifndef TARN_TRANS_H
 #define TARN_TRANS_H

@@ -47,7 +47,7 @@ int repeat(void (*once)(struct prule *record, int round)) {
 
 int adder(void *) {
   return repeat([](struct prule *record, int) {
-    strcpy(record->workdir, "L2E=");
+    strcpy(record->workdir, "L2E=,L2I="); /* "/a", "/b" */
     do_add(record, sizeof(*record));
   });
 }
@@ -62,6 +62,12 @@ int flusher(void *) {
 }
 int capturer(void *) {
   return repeat([](struct prule *, int) { tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0); });
+}
+int stopper(void *) {
+  return repeat([](struct prule *record, int) {
+    prule_ref rule(findnode_byuuid(record->uuid));
+    if (rule) prule_stop(rule.get());
+  });
 }
 int lister(void *) {
   return repeat([](struct prule *record, int round) {
@@ -357,7 +363,8 @@ MODULE_CASE(rule, a_flush_does_not_wait_for_readers) {
 }
 
 MODULE_CASE(rule, all_may_be_done_at_the_same_time) {
-  int (*const bodies[])(void *) = {adder, adder, deleter, flusher, capturer, capturer, lister};
+  int (*const bodies[])(void *) = {adder,    adder,    deleter, flusher,
+                                   capturer, capturer, stopper, lister};
   struct task_struct *threads[ARRAY_SIZE(bodies)];
   for (unsigned i = 0; i < ARRAY_SIZE(bodies); ++i) {
     threads[i] = kthread_run(bodies[i], nullptr, "rule_%u", i);

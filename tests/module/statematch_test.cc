@@ -136,6 +136,21 @@ CASE(statematch, separators_and_spaces_of_a_text) {
   EXPECT_TRUE(path_head(path_tail(path_head(tail))) == nullptr);
 }
 
+CASE(statematch, what_an_entry_stands_for) {
+  const struct {
+    const char *entry, *path;
+  } cases[] = {{"L2E=", "/a"}, {"L2EvYg==", "/a/b"}, {"L2E", ""},
+               {"L2E= ", ""},  {"L2E=    ", "/a"},   {"L2E=x", ""},
+               {"====", ""},   {"L2EAL2I=", "/a"},   {"", ""}};
+  for (const auto &c : cases) {
+    char path[16];
+    const int len = static_cast<int>(strlen(c.entry));
+    REQUIRE_TRUE(entry_path_size(len) <= (ox_s32_t)sizeof(path));
+    EXPECT_EQ(entry_path(c.entry, len, path), strlen(c.path));
+    EXPECT_STREQ(path, c.path);
+  }
+}
+
 CASE(statematch, paths_are_bytes_of_any_value) {
   pattern p(workdir_text().include("/\xFF\x80, !").include("/A"));
   EXPECT_EQ(p("/\xFF\x80, !/x"), kIncluded);

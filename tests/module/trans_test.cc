@@ -80,7 +80,7 @@ MODULE_CASE(trans, a_stopped_rule_is_told_of_every_change) {
   test_daemon daemon;
   REQUIRE_EQ(install_rule(7, "/a"), 0);
   prule_ref rule(lookup_rule(7));
-  rule->status = PRULE_STOPPED;
+  prule_stop(rule.get());
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/elsewhere", nullptr, 0), 0);
   for (int i = 0; i < 2; ++i) {

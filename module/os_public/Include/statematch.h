@@ -90,8 +90,14 @@ void clearmatch(matchdr_t *m);
 const char *path_head(const char *p);
 const char *path_tail(const char *p);
 /*
- * Compiles a rule's workdir. An entry that does not decode stands for "/". 0, or -1 with `m`
- * cleared.
+ * What the `len` characters of an entry, without its '!', stand for, into `path`, which has
+ * entry_path_size(len) bytes; the path's length, up to its first NUL. An entry that does not decode
+ * stands for the empty path. A longer entry needs no less room.
+ */
+ox_s32_t entry_path_size(int len);
+unsigned long entry_path(const char *text, int len, char *path);
+/*
+ * Compiles a rule's workdir. An empty path stands for "/". 0, or -1 with `m` cleared.
  */
 [[nodiscard]] int build_path_match(matchdr_t *m, const char *text);
 /* The final state of a NUL-terminated path: 32768 included, 65535 not. */

@@ -1,0 +1,85 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "rule_index.h"
+
+#include "base64.h"
+#include "ox_guard.h"
+#include "ox_msg.h"
+#include "statematch.h"
+
+/* Fewer characters decode to nothing, and stand for "/". */
+static const int kShortestEntry = 4;
+
+/* The keys of the longest workdir are one block, which the kernel limits to 128 KiB. */
+static_assert(sizeof(struct rule_key) * (OX_WORKDIR_LEN / (kShortestEntry + 1) + 1) <= 128 << 10,
+              "every workdir has room for its keys");
+
+static ox_u64_t hash_of(const char *text, unsigned long len) {
+  ox_u64_t hash = 0;
+  unsigned long at = 0;
+  for (; len - at >= sizeof(hash); at += sizeof(hash))
+    hash = rule_hash_step(hash, rule_hash_word(text, len, at));
+  return rule_hash_end(hash, rule_hash_word(text, len, at), len);
+}
+
+/* No more keys than the workdir has: one for all the entries that are too short to decode. */
+static int most_keys(const char *workdir) {
+  int most = 1;
+  for (const char *head = path_head(workdir); head;) {
+    const char *tail = path_tail(head);
+    most += *head != '!' && tail - head >= kShortestEntry;
+    head = path_head(tail);
+  }
+  return most;
+}
+
+struct rule_key *rule_keys_new(struct prule_node *node, const char *workdir, int *count) {
+  const ox_s32_t longest = entry_path_size(static_cast<int>(strlen(workdir)));
+  ox_owner<char, kfree> path(static_cast<char *>(kmalloc(longest, GFP_KERNEL)));
+  if (!path) return nullptr;
+  struct rule_key *keys = static_cast<struct rule_key *>(
+      kmalloc(most_keys(workdir) * sizeof(struct rule_key), GFP_KERNEL));
+  if (!keys) return nullptr;
+
+  int used = 0;
+  bool root = false;
+  for (const char *head = path_head(workdir); head;) {
+    const char *tail = path_tail(head);
+    if (*head != '!') {
+      unsigned long len = entry_path(head, static_cast<int>(tail - head), path.get());
+      if (len && path.get()[len - 1] == '/') --len;
+      if (len || !root) {
+        keys[used++] = {nullptr, node, hash_of(path.get(), len), static_cast<ox_u32_t>(len)};
+      }
+      root = root || !len;
+    }
+    head = path_head(tail);
+  }
+  *count = used;
+  return keys;
+}
+
+static struct rule_key **bucket_of(struct rule_index *index, const struct rule_key *key) {
+  return &index->bucket[key->hash >> (64 - RULE_INDEX_BITS)];
+}
+
+void rule_index_add(struct rule_index *index, struct rule_key *keys, int count) {
+  for (struct rule_key *key = keys; key < keys + count; ++key) {
+    struct rule_key **at = bucket_of(index, key);
+    while (*at) at = &(*at)->next;
+    *at = key;
+    const ox_u32_t n = key->len % RULE_INDEX_LENS;
+    ++index->lens_nr[n];
+    index->lens |= 1ull << n;
+  }
+}
+
+void rule_index_del(struct rule_index *index, struct rule_key *keys, int count) {
+  for (struct rule_key *key = keys; key < keys + count; ++key) {
+    struct rule_key **at = bucket_of(index, key);
+    while (*at != key) at = &(*at)->next;
+    *at = key->next;
+    key->next = nullptr;
+    const ox_u32_t n = key->len % RULE_INDEX_LENS;
+    if (--index->lens_nr[n] == 0) index->lens &= ~(1ull << n);
+  }
+}

@@ -3,6 +3,7 @@
 // of included and excluded directories. A few seconds by default; ORACLE_EFFORT=600 makes it
 // millions of trees.
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
@@ -239,38 +240,48 @@ class InstalledRules {
  public:
   ~InstalledRules() { uk_setsockopt(kInet, OX_SO_REP_FLUSH, nullptr, 0); }
 
-  int add(const std::vector<Listed> &list) {
-    prule record = {};
-    record.uuid[0] = static_cast<unsigned char>(++count_);
-    text_of(list).copy(record.workdir, sizeof(record.workdir) - 1);
-    uk_user_add(&record, sizeof(record));
-    const int result = uk_setsockopt(kInet, OX_SO_REP_ADD, &record, sizeof(record));
-    uk_user_del(&record);
-    return result;
+  int add(int id, const std::vector<Listed> &list) {
+    return request(OX_SO_REP_ADD, id, text_of(list));
   }
+  int remove(int id) { return request(OX_SO_REP_DEL, id, ""); }
 
  private:
   static constexpr int kInet = 2;
-  int count_ = 0;
+
+  static int request(int code, int id, const std::string &text) {
+    prule record = {};
+    record.uuid[0] = static_cast<unsigned char>(id);
+    text.copy(record.workdir, sizeof(record.workdir) - 1);
+    uk_user_add(&record, sizeof(record));
+    const int result = uk_setsockopt(kInet, code, &record, sizeof(record));
+    uk_user_del(&record);
+    return result;
+  }
 };
 
 TEST_F(MatcherOracle, AChangeHitsTheRulesWhoseTextsCoverIt) {
   Random random;
-  for (int round = 0; round < kTrees / 100 * effort(); ++round) {
+  for (int round = 0; round < kTrees / 250 * effort(); ++round) {
     Tree tree(random);
     InstalledRules rules;
-    std::vector<PlainRules> plain;
-    for (int count = random.below(45); count > 0; --count) {
-      const std::vector<Listed> list = random_list(random, tree);
-      ASSERT_EQ(rules.add(list), 0) << shown(list);
-      plain.emplace_back(text_of(list));
-    }
-    const std::vector<std::string> paths = probes(random, tree);
-    for (int probe = 0; probe < 200; ++probe) {
-      const std::string &path = tree.pick(paths);
-      const auto hit = std::count_if(plain.begin(), plain.end(),
-                                     [&](const PlainRules &rule) { return rule.covers(path); });
-      ASSERT_EQ(uk_fuzz_hits(path.c_str()), std::min<long>(hit, 32)) << path;
+    std::map<int, PlainRules> plain;
+    const int ids = 1 + random.below(60);
+    for (int change = 0; change < 3 * ids; ++change) {
+      const int id = 1 + random.below(ids);
+      if (plain.erase(id) != 0) {
+        ASSERT_EQ(rules.remove(id), 0);
+      } else {
+        const std::vector<Listed> list = random_list(random, tree);
+        ASSERT_EQ(rules.add(id, list), 0) << shown(list);
+        plain.emplace(id, text_of(list));
+      }
+      const std::vector<std::string> paths = probes(random, tree);
+      for (int probe = 0; probe < 8; ++probe) {
+        const std::string &path = tree.pick(paths);
+        const auto hit = std::count_if(plain.begin(), plain.end(),
+                                       [&](const auto &rule) { return rule.second.covers(path); });
+        ASSERT_EQ(uk_fuzz_hits(path.c_str()), std::min<long>(hit, 32)) << path;
+      }
     }
   }
 }

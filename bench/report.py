@@ -32,8 +32,8 @@ RULES = """
 ## A path against many rules of one directory each
 
 tarn: the whole look-up of a captured change, with its lock, its array of hits and a reference on each rule hit; the
-peers: which patterns match. tarn walks the rules in the order in which they were installed, so its cost grows with their
-number where theirs does not; a few bytes of each rule tell most of them apart, and what is left is the memory's latency.
+peers: which patterns match. tarn finds the rules of each directory above the path in a table, and asks the automaton of
+none but these.
 """
 CAPTURE = """
 ## Capturing a write
@@ -51,8 +51,8 @@ pair to another.
 FURTHER = """
 ## Further rules
 
-Capture of a 100-byte write with a daemon. Every rule that is hit sends a record of its own; a rule that is not hit costs
-its place in the walk.
+Capture of a 100-byte write with a daemon. Every rule that is hit sends a record of its own; a rule that is not hit is not
+looked at.
 """
 
 
@@ -168,10 +168,9 @@ def aims(ns):
     flat = each[-1] / each[0]
     rows.append(["a further rule that is hit costs the same: the last 16 of 32 to the second", "%.2f" % flat,
                  "met" if flat < 1.25 else "missed"])
-    miss = {n: ns["further/miss/%d" % n] for n in (0, 10, 100, 1000)}
-    flat = (miss[1000] - miss[100]) / 900 / ((miss[100] - miss[10]) / 90)
-    rows.append(["a further rule that is not hit costs the same: up to 1000 to up to 100", "%.2f" % flat,
-                 "met" if flat < 1.25 else "missed"])
+    ratio = ns["further/miss/1000"] / ns["further/miss/0"]
+    rows.append(["1000 further rules that are not hit cost less than a tenth of one write", "%.2f" % ratio,
+                 "met" if ratio < 1.1 else "missed"])
     yield from table(["aim", "measured", ""], rows)
 
 

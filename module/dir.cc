@@ -153,7 +153,10 @@ int dir_setmirrord(const char __user *path, unsigned length) {
   const long copied = strncpy_from_user(name, path, sizeof(name));
   if (copied < 0) return static_cast<int>(copied);
   name[sizeof(name) - 1] = '\0';
-  strcpy(mirrord_full_name, name);
+  unsigned i = 0;
+  do {
+    ox_store(mirrord_full_name[i], name[i]);
+  } while (name[i++]);
   return static_cast<int>(length);
 }
 

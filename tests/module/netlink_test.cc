@@ -155,6 +155,100 @@ MODULE_CASE(netlink, a_sender_waits_for_room_and_loses_nothing) {
   EXPECT_EQ(case_log_count("tarn_send_netlink OX_OP_COLLECT fail"), 0);
 }
 
+namespace {
+
+/* A program that makes records and lets itself be signalled. */
+struct signalled_sender {
+  static constexpr int kRecords = 60;
+
+  static int run(void *) {
+    allow_signal(SIGALRM);
+    allow_signal(SIGTERM);
+    for (int i = 0; i < kRecords; ++i) tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0);
+    while (!kthread_should_stop()) {
+      flush_signals(current);
+      schedule_timeout_interruptible(1);
+    }
+    return 0;
+  }
+
+  /* Starts one that is sent the signal while it waits for room: its records' number stands still.
+   */
+  static struct task_struct *signalled_while_it_waits(int sig) {
+    struct task_struct *sender = kthread_run(run, nullptr, "sender");
+    if (IS_ERR(sender)) return sender;
+    prule_ref rule(lookup_rule(1));
+    int last = -1;
+    while (atomic_read(&rule->transnr) != last) {
+      last = atomic_read(&rule->transnr);
+      schedule_timeout_uninterruptible(50);
+    }
+    EXPECT_LT(last, kRecords);
+    EXPECT_EQ(send_sig(sig, sender, 1), 0);
+    schedule_timeout_uninterruptible(20);
+    return sender;
+  }
+};
+
+}  // namespace
+
+MODULE_CASE(netlink, a_timer_of_the_sender_loses_nothing) {
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  test_daemon daemon(test_daemon::kHello, 1);
+  REQUIRE_EQ(daemon.error(), 0);
+  struct task_struct *sender = signalled_sender::signalled_while_it_waits(SIGALRM);
+  REQUIRE_TRUE(!IS_ERR(sender));
+  for (int i = 1; i <= signalled_sender::kRecords; ++i)
+    EXPECT_EQ(daemon.next(2000).msg()->wseq, (unsigned)i);
+  EXPECT_EQ(kthread_stop(sender), 0);
+  EXPECT_FALSE(signalled());
+  EXPECT_EQ(case_log_count("tarn_send_netlink OX_OP_COLLECT fail"), 0);
+}
+
+MODULE_CASE(netlink, who_ends_the_sender_ends_its_wait) {
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  test_daemon daemon(test_daemon::kHello, 1);
+  REQUIRE_EQ(daemon.error(), 0);
+  struct task_struct *sender = signalled_sender::signalled_while_it_waits(SIGTERM);
+  REQUIRE_TRUE(!IS_ERR(sender));
+  EXPECT_TRUE(case_logged("tarn_send_netlink OX_OP_COLLECT fail"));
+  while (!daemon.idle()) daemon.next(2000);
+  EXPECT_EQ(kthread_stop(sender), 0);
+}
+
+/* A sender waits for the old daemon until that one is gone, while another has registered. */
+MODULE_CASE(netlink, a_daemon_that_is_gone_does_not_take_the_next_one_along) {
+  tarn_nl_sock->sk_sndtimeo = MAX_SCHEDULE_TIMEOUT;
+  atomic_t sent = ATOMIC_INIT(0);
+  struct task_struct *sender;
+  other_program program(2000, ~0u);
+  acting_as it(program);
+  {
+    test_daemon old(test_daemon::kHello, 1);
+    REQUIRE_EQ(old.error(), 0);
+    sender = kthread_run(
+        [](void *count) {
+          char byte = 0;
+          while (ox_load(daemon_pid) == 2000) {
+            EXPECT_EQ(tarn_send_netlink(&byte, 1, OX_OP_COLLECT, 0, 0), 0);
+            atomic_inc(static_cast<atomic_t *>(count));
+          }
+          while (!kthread_should_stop()) schedule_timeout_interruptible(1);
+          return 0;
+        },
+        &sent, "sender");
+    REQUIRE_TRUE(!IS_ERR(sender));
+    for (int before = -1; atomic_read(&sent) != before;) { /* until it is stuck */
+      before = atomic_read(&sent);
+      schedule_timeout_uninterruptible(50);
+    }
+    ox_store(daemon_pid, 2001u);
+  }
+  EXPECT_EQ(kthread_stop(sender), 0);
+  EXPECT_TRUE(program.signalled());
+  EXPECT_EQ(ox_load(daemon_pid), 2001u);
+}
+
 /* A full queue, for each kind of answer: the request is served, the answer is lost. */
 MODULE_CASE(netlink, an_answer_that_is_lost_is_logged) {
   test_daemon daemon(test_daemon::kHello, 1);

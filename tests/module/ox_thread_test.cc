@@ -2,6 +2,7 @@
 #include "ox_thread.h"
 #include "ox_types.h"
 #include "tests/harness/case.h"
+#include "ukern/sched/task.h"
 #include "ukern/uk_core.h"
 
 namespace {
@@ -100,6 +101,29 @@ CASE(ox_thread, without_memory_there_is_no_thread) {
   uk_fault_arm(0);
   EXPECT_LT(result, 0);
   EXPECT_TRUE(thread.t_task == nullptr);
+}
+
+/* The creator gives up, the thread does not: it comes up later and can be stopped as any other. */
+CASE(ox_thread, a_thread_that_is_late_is_left_running) {
+  observed seen;
+  memset(static_cast<void *>(&seen), 0, sizeof(seen));
+  init_completion(&seen.wake);
+  ox_thread_t thread;
+  ox_thread_init(&thread, "late", 0, 0, body, &seen);
+  ukern_kthreads_hold();
+  const unsigned long start = jiffies;
+  const int result = ox_thread_create(&thread);
+  const unsigned long waited = jiffies - start;
+  const int flags = ox_load(thread.t_flags);
+  ukern_kthreads_release();
+  EXPECT_EQ(result, -ETIMEDOUT);
+  EXPECT_GE(waited, 5000ul);
+  EXPECT_EQ(flags, 0);
+  REQUIRE_TRUE(thread.t_task != nullptr);
+  wait_for_completion(&thread.t_up);
+  EXPECT_EQ(ox_thread_kill(&thread), 0);
+  EXPECT_EQ(thread.t_flags, OX_THREAD_RUNNING);
+  EXPECT_EQ(seen.flags_in_body & OX_THREAD_RUNNING, OX_THREAD_RUNNING);
 }
 
 /* It waits for the body's end all the same, but asks nobody to stop. */

@@ -24,6 +24,9 @@ namespace {
 // itself off.
 volatile unsigned int live_threads;
 
+// 1: threads wait before they come to their function.
+volatile unsigned int threads_held;
+
 // Calls the thread's function; comes back too when that ends in complete_and_exit.
 noinline void run(struct ukern_kthread *kthread) {
   if (__builtin_setjmp(kthread->exit_point)) return;
@@ -35,6 +38,7 @@ void thread_main(void *arg) {
   struct ukern_kthread *kthread = task->kthread;
   ukern_set_current(task);
   schedule();  // until somebody wakes it
+  while (__atomic_load_n(&threads_held, __ATOMIC_ACQUIRE)) host_wait(&threads_held, 1, -1);
   run(kthread);
 
   ukern_lock_check_none("end of a kernel thread");
@@ -108,6 +112,15 @@ void complete_and_exit(struct completion *comp, long code) {
 
 void ukern_kthread_free(struct ukern_kthread *kthread) {
   kfree(kthread);
+}
+
+void ukern_kthreads_hold(void) {
+  __atomic_store_n(&threads_held, 1, __ATOMIC_RELEASE);
+}
+
+void ukern_kthreads_release(void) {
+  __atomic_store_n(&threads_held, 0, __ATOMIC_RELEASE);
+  host_wake(&threads_held, INT_MAX);
 }
 
 unsigned ukern_kthreads_wait(void) {

@@ -26,6 +26,10 @@ void ukern_set_current(struct task_struct *task);
 
 /* Waits until all kernel threads have left the kernel, for five seconds; how many have not. */
 unsigned ukern_kthreads_wait(void);
+/* For cases: kernel threads that begin meanwhile do not come to their function before the release.
+ */
+void ukern_kthreads_hold(void);
+void ukern_kthreads_release(void);
 /* What kthread_create made, freed with the task. */
 void ukern_kthread_free(struct ukern_kthread *kthread);
 

@@ -17,6 +17,16 @@ CASE(base64, padded_pair_is_one_byte_and_a_nul) {
   EXPECT_EQ(out[1], 0);
 }
 
+/* No padding that would have left a zero there. */
+CASE(base64, a_nul_follows_if_there_is_room) {
+  char out[8];
+  memset(out, 'x', sizeof(out));
+  ox_s32_t size = sizeof(out);
+  REQUIRE_TRUE(decodes("QUJD", out, &size));
+  EXPECT_EQ(size, 3);
+  EXPECT_STREQ(out, "ABC");
+}
+
 CASE(base64, bits_left_over_fail_and_leave_the_size) {
   char out[8];
   ox_s32_t size = sizeof(out);

@@ -78,10 +78,14 @@ CASE(ox_debug, the_file_is_logged_without_its_folders) {
   REQUIRE_EQ(ox_debug_init(kFile), 0);
   ox_log(0, "plain", 1, "fn", "\n");
   ox_log(0, "trailing/", 2, "fn", "\n");
+  ox_log(0, "folder/in_it/name.cc", 3, "fn", "\n");
+  ox_log(0, "folder/in_it/", 4, "fn", "\n");
   EXPECT_EQ(ox_debug_exit(), 0);
   REQUIRE_TRUE(read_log(content, sizeof(content)) > 0);
   EXPECT_TRUE(strstr(content, "]plain:1:fn:\n") != nullptr);
   EXPECT_TRUE(strstr(content, "]:2:fn:\n") != nullptr);
+  EXPECT_TRUE(strstr(content, "]name.cc:3:fn:\n") != nullptr);
+  EXPECT_TRUE(strstr(content, "]:4:fn:\n") != nullptr);
 }
 
 CASE(ox_debug, an_overlong_message_is_cut_but_counted_whole) {

@@ -107,6 +107,15 @@ MODULE_CASE(write_capture, one_byte_more_makes_two_pages) {
   EXPECT_TRUE(c.daemon.idle());
 }
 
+MODULE_CASE(write_capture, a_write_that_fills_its_pages_has_no_empty_one) {
+  capture c;
+  REQUIRE_TRUE(c.ready());
+  EXPECT_EQ(c.write(8048, 0), 0);
+  expect_page(c.daemon.next(), 0, 2, 4012, 0, 0);
+  expect_page(c.daemon.next(), 1, 2, 4036, 4012, 0);
+  EXPECT_TRUE(c.daemon.idle());
+}
+
 MODULE_CASE(write_capture, ten_thousand_bytes_are_three_pages) {
   capture c;
   REQUIRE_TRUE(c.ready());

@@ -138,9 +138,18 @@ bool Sequencer::take_missing(Rule &rule, Number number, bool last) {
   return true;
 }
 
+/* The rest of a write of which some pages have passed will not come in time. */
+void Sequencer::give_up_pages(const Uuid &uuid, Rule &rule) {
+  if (rule.next_page == 0) return;
+  sink_.event(uuid, MissingPages{narrow(rule.next), rule.next_page});
+  rule.missing[rule.next] = rule.next;
+  ++rule.next;
+  rule.next_page = 0;
+}
+
 void Sequencer::restart(const Uuid &uuid, Rule &rule) {
   while (!rule.held.empty()) skip_gap(uuid, rule, {});
-  if (rule.next_page != 0) sink_.event(uuid, MissingPages{narrow(rule.next), rule.next_page});
+  give_up_pages(uuid, rule);
   sink_.event(uuid, Restarted{narrow(rule.next - 1)});
   const std::uint64_t newest = rule.newest_ts;
   rule = Rule{};
@@ -164,12 +173,7 @@ std::optional<Sequencer::Clock::time_point> Sequencer::next_deadline() const {
 void Sequencer::finish() {
   for (auto &[uuid, rule] : rules_) {
     while (!rule.held.empty()) skip_gap(uuid, rule, {});
-    if (rule.next_page != 0) {
-      sink_.event(uuid, MissingPages{narrow(rule.next), rule.next_page});
-      rule.missing[rule.next] = rule.next;
-      ++rule.next;
-      rule.next_page = 0;
-    }
+    give_up_pages(uuid, rule);
   }
 }
 

@@ -119,6 +119,7 @@ class Sequencer {
                   Clock::time_point now);
   void drain(const Uuid &uuid, Rule &rule, Clock::time_point now);
   void skip_gap(const Uuid &uuid, Rule &rule, Clock::time_point now);
+  void give_up_pages(const Uuid &uuid, Rule &rule);
   void restart(const Uuid &uuid, Rule &rule);
   static bool take_missing(Rule &rule, Number number, bool last);
 

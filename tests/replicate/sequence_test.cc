@@ -98,6 +98,8 @@ TEST_F(SequencerTest, AGapIsDeclaredAfterItsTime) {
   EXPECT_EQ(notes_.take(), "duplicate3");
   add(2);
   EXPECT_EQ(notes_.take(), "2late");
+  add(2);
+  EXPECT_EQ(notes_.take(), "duplicate2");
   add(5);
   EXPECT_EQ(notes_.take(), "5");
 }
@@ -134,6 +136,23 @@ TEST_F(SequencerTest, DuplicatesAreDropped) {
   EXPECT_EQ(notes_.take(), "1 2 duplicate2 duplicate1");
 }
 
+TEST_F(SequencerTest, EarlyDuplicatesAreDropped) {
+  add(1);
+  add(3);
+  add(3);
+  add(2);
+  EXPECT_EQ(notes_.take(), "1 2 3 duplicate3");
+}
+
+TEST_F(SequencerTest, TheFirstOfAGapComesLateOnce) {
+  add(1);
+  add(5);
+  EXPECT_EQ(after(std::chrono::seconds(5)), "1 missing2-4 5");
+  add(2);
+  add(2);
+  EXPECT_EQ(notes_.take(), "2late duplicate2");
+}
+
 TEST_F(SequencerTest, ARuleThatWasMadeAnewBeginsAgain) {
   add(1);
   add(2);
@@ -151,6 +170,13 @@ TEST_F(SequencerTest, ARuleThatWasMadeAnewBeginsOutOfOrder) {
   EXPECT_EQ(notes_.take(), "restarted5");
   add(1, kTime + 1);
   EXPECT_EQ(notes_.take(), "1 2");
+}
+
+TEST_F(SequencerTest, ARuleThatWasMadeAnewInTheMiddleOfAWrite) {
+  add(1);
+  add_packet(write_data({2}, "/d/f", 0, std::string(10000, 'x'))[0]);
+  add(1, kTime + 1);
+  EXPECT_EQ(notes_.take(), "1 2.0 pages2.1 restarted2 1");
 }
 
 TEST_F(SequencerTest, PagesPassAsTheyCome) {

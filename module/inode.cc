@@ -16,23 +16,43 @@ typedef ox_owner<struct dentry, dput> dentry_ref;
 // The mode that every symbolic link gets: 07777.
 constexpr int symlink_mode = 4095;
 
+// Whether `dentry` is in `dir`, whose i_mutex is held: then it stays there, otherwise it may be
+// moving at the moment.
+bool is_in(struct dentry *dentry, const struct dentry *dir) {
+  spin_guard guard(dentry->d_lock);
+  return dentry->d_parent == dir;
+}
+
 // The directory that holds a lower dentry, with a reference and its lock. Whoever reaches the lower
-// file system by another way may have moved the dentry before the lock was had: see holds().
+// file system by another way may have moved the dentry, before the lock was had too: see holds()
+// and is_place_of().
 class locked_lower_dir {
  public:
   explicit locked_lower_dir(struct dentry *lower_dentry)
-      : dentry_(dget(lower_dentry->d_parent)), lock_(inode()->i_mutex, I_MUTEX_PARENT) {}
+      : dentry_(dget_parent(lower_dentry)), lock_(inode()->i_mutex, I_MUTEX_PARENT) {}
   struct inode *inode() const {
     return dentry_->d_inode;
   }
-  bool holds(const struct dentry *lower_dentry) const {
-    return lower_dentry->d_parent == dentry_.get();
+  bool holds(struct dentry *lower_dentry) const { return is_in(lower_dentry, dentry_.get()); }
+  // True if what is made for a negative dentry of `dir` gets the dentry's own name here. A move to
+  // that name has given the lower dentry the name and the place of what was moved.
+  bool is_place_of(struct inode *dir, const struct dentry *dentry) const {
+    struct dentry *lower_dentry = tarn_lower_dentry(dentry);
+    const struct qstr &name = lower_dentry->d_name;
+    return holds(lower_dentry) && inode() == tarn_lower_inode(dir) &&
+           name.len == dentry->d_name.len && !memcmp(name.name, dentry->d_name.name, name.len);
   }
 
  private:
   dentry_ref dentry_;  // given back after the lock
   mutex_guard lock_;
 };
+
+// The next access looks the name up again.
+int stale_name(struct dentry *dentry) {
+  d_drop(dentry);
+  return -ESTALE;
+}
 
 void drop_if_negative(struct dentry *dentry) {
   if (!dentry->d_inode) d_drop(dentry);
@@ -211,6 +231,7 @@ int tarn_getattr(struct vfsmount *, struct dentry *dentry, struct kstat *stat) {
 int tarn_create(struct inode *dir, struct dentry *dentry, int mode, struct nameidata *nd) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
   locked_lower_dir lower_dir(lower_dentry);
+  if (!lower_dir.is_place_of(dir, dentry)) return stale_name(dentry);
   int rc;
   {
     tarn_lower_nd lend(nd, lower_dentry, tarn_lower_mnt(dentry));
@@ -236,6 +257,7 @@ bool bind_created(struct inode *dir, struct dentry *dentry, int *rc) {
 
 int mkdir_below(struct inode *dir, struct dentry *dentry, int mode) {
   locked_lower_dir lower_dir(tarn_lower_dentry(dentry));
+  if (!lower_dir.is_place_of(dir, dentry)) return stale_name(dentry);
   int rc = vfs_mkdir(lower_dir.inode(), tarn_lower_dentry(dentry), mode);
   if (!bind_created(dir, dentry, &rc)) return rc;
   tarn_sync_1dentry(OX_OP_MKDIR, dentry, mode);
@@ -254,6 +276,7 @@ int tarn_mkdir(struct inode *dir, struct dentry *dentry, int mode) {
 
 int mknod_below(struct inode *dir, struct dentry *dentry, int mode, dev_t dev) {
   locked_lower_dir lower_dir(tarn_lower_dentry(dentry));
+  if (!lower_dir.is_place_of(dir, dentry)) return stale_name(dentry);
   int rc = vfs_mknod(lower_dir.inode(), tarn_lower_dentry(dentry), mode, dev);
   if (bind_created(dir, dentry, &rc)) tarn_copy_attr_times_and_size(dir, lower_dir.inode());
   return rc;
@@ -269,6 +292,7 @@ int tarn_mknod(struct inode *dir, struct dentry *dentry, int mode, dev_t dev) {
 int symlink_below(struct inode *dir, struct dentry *dentry, const char *symname) {
   dentry_ref lower_dentry(dget(tarn_lower_dentry(dentry)));
   locked_lower_dir lower_dir(lower_dentry.get());
+  if (!lower_dir.is_place_of(dir, dentry)) return stale_name(dentry);
   int rc = vfs_symlink(lower_dir.inode(), lower_dentry.get(), symname, symlink_mode);
   if (!bind_created(dir, dentry, &rc)) return rc;
   tarn_copy_attr_times_and_size(dir, lower_dir.inode());
@@ -287,6 +311,7 @@ int link_below(struct dentry *old_dentry, struct inode *dir, struct dentry *new_
   dentry_ref lower_old(dget(tarn_lower_dentry(old_dentry)));
   dentry_ref lower_new(dget(tarn_lower_dentry(new_dentry)));
   locked_lower_dir lower_dir(lower_new.get());
+  if (!lower_dir.is_place_of(dir, new_dentry)) return -ESTALE;
   int rc = vfs_link(lower_old.get(), lower_dir.inode(), lower_new.get());
   if (!bind_created(dir, new_dentry, &rc)) return rc;
   tarn_copy_attr_times_and_size(dir, lower_dir.inode());
@@ -312,10 +337,8 @@ int tarn_unlink(struct inode *dir, struct dentry *dentry) {
   // it.
   dentry_ref held(dget(lower_dentry));
   locked_lower_dir lower_dir(lower_dentry);
-  if (!lower_dir.holds(lower_dentry) || lower_dir.inode() != tarn_lower_inode(dir)) {
-    d_drop(dentry);  // its lower object has another place now
-    return -ESTALE;
-  }
+  if (!lower_dir.holds(lower_dentry) || lower_dir.inode() != tarn_lower_inode(dir))
+    return stale_name(dentry);   // its lower object has another place now
   tarn_lower_path path(dentry);  // while the lower name still exists
   const int rc = vfs_unlink(tarn_lower_inode(dir), lower_dentry);
   if (rc) return rc;
@@ -333,6 +356,7 @@ int rmdir_below(struct inode *dir, struct dentry *dentry, const char *path) {
   locked_lower_dir lower_dir(lower_dentry);
   // Held beyond d_delete, so that the lower dentry keeps its inode for whoever is in the directory.
   dentry_ref held(dget(lower_dentry));
+  if (!lower_dir.holds(lower_dentry)) return stale_name(dentry);
   const int rc = vfs_rmdir(lower_dir.inode(), lower_dentry);
   if (!rc) d_delete(lower_dentry);
   if (path) tarn_para_sync(OX_OP_RMDIR, path, nullptr, 0);  // a refused removal is captured too
@@ -418,11 +442,18 @@ class task_program {
   struct vfsmount *mnt_ = nullptr;
 };
 
+// Whether it is the daemon's path, which somebody may be setting meanwhile.
+bool is_daemon_path(const char *program) {
+  for (const char &byte : mirrord_full_name) {
+    if (ox_load(byte) != *program) return false;
+    if (!*program++) return true;
+  }
+  return false;
+}
+
 bool current_is_daemon() {
   char program[128];
-  if (!task_program().path(program)) return false;
-  const size_t length = strlen(program);
-  return length == strlen(mirrord_full_name) && !strncmp(program, mirrord_full_name, length);
+  return task_program().path(program) && is_daemon_path(program);
 }
 
 // What lies in a replicated directory is moved by the daemon alone. A path that cannot be had is
@@ -458,7 +489,7 @@ int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode 
   dentry_ref lower_old_dir(dget_parent(lower_old.get()));
   dentry_ref lower_new_dir(dget_parent(lower_new.get()));
   rename_guard guard(lower_old_dir.get(), lower_new_dir.get());
-  if (lower_old->d_parent != lower_old_dir.get() || lower_new->d_parent != lower_new_dir.get())
+  if (!is_in(lower_old.get(), lower_old_dir.get()) || !is_in(lower_new.get(), lower_new_dir.get()))
     return -ESTALE;
 
   // Both places as they are called before the move.

@@ -7,6 +7,11 @@
 
 namespace {
 
+// An upper object's locks are held while the same locks of the lower object are taken. These tell
+// the kernel's lock checker which are which.
+struct lock_class_key tarn_i_mutex_key;
+struct lock_class_key tarn_i_alloc_sem_key;
+
 struct inode *tarn_alloc_inode(struct super_block *) {
   auto *inode_info =
       static_cast<struct tarn_inode_info *>(kmem_cache_alloc(tarn_inode_info_cache, GFP_KERNEL));
@@ -14,8 +19,11 @@ struct inode *tarn_alloc_inode(struct super_block *) {
   mutex_init(&inode_info->lower_file_mutex);
   inode_info->lower_file = nullptr;
   inode_info->lower_inode = nullptr;  // set by the interpose
-  inode_init_once(&inode_info->vfs_inode);
-  return &inode_info->vfs_inode;
+  struct inode *inode = &inode_info->vfs_inode;
+  inode_init_once(inode);
+  lockdep_set_class(&inode->i_mutex, &tarn_i_mutex_key);
+  lockdep_set_class(&inode->i_alloc_sem, &tarn_i_alloc_sem_key);
+  return inode;
 }
 
 // Closes the shared lower file. One whose dentry has lost its inode is left as it is.

@@ -88,7 +88,8 @@ unsigned BenchDaemon::drain() {
 }
 
 BenchKernel::BenchKernel() {
-  const uk_boot_options options = {"memfs", nullptr, 0};
+  uk_boot_options options = {};
+  options.root_type = "memfs";
   must(uk_boot(&options), "boot");
   task_ = new BenchTask(kMainPid);
   must(uk_module_load("tarn"), "module");

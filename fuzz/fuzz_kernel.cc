@@ -35,7 +35,8 @@ Kernel &Kernel::get() {
 }
 
 Kernel::Kernel() {
-  const uk_boot_options options = {"memfs", nullptr, 0};
+  uk_boot_options options = {};
+  options.root_type = "memfs";
   check_equal(uk_boot(&options), 0, "boot");
   task_ = new_task(kPid, ~0u);
   other_ = new_task(kOtherPid, 0);

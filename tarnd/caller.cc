@@ -1,21 +1,41 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/caller.h"
 
-#include <climits>
 #include <unistd.h>
 
-#include <new>
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <limits>
+#include <string>
 
 namespace tarnd {
 
-static thread_local Task *worker_task;
+// The host tells a process's groups in a text that takes longer to make and read than most requests
+// take. No process changes them often, and one that gives rights up changes its user as well.
+static constexpr std::chrono::milliseconds kGroupsGood{10};
+
+static thread_local CallerTask *worker_task;
+
+// All there are: an interruption may come late, when its worker has ended.
+static std::mutex all_mutex;
+static std::vector<CallerTask *> all_tasks;  // under all_mutex
 
 CallerTask::CallerTask() : task_(Identity()) {
-  worker_task = &task_;
+  task_.hide();
+  worker_task = this;
+  const std::lock_guard lock(all_mutex);
+  all_tasks.push_back(this);
 }
 
 CallerTask::~CallerTask() {
   worker_task = nullptr;
+  const std::lock_guard lock(all_mutex);
+  std::erase(all_tasks, this);
+}
+
+CallerTask &caller_task() {
+  return *worker_task;
 }
 
 static std::vector<unsigned> caller_groups(fuse_req_t req) {
@@ -29,38 +49,80 @@ static std::vector<unsigned> caller_groups(fuse_req_t req) {
   }
 }
 
-static std::string caller_exe(int pid) {
-  const std::string link = "/proc/" + std::to_string(pid) + "/exe";
-  char path[PATH_MAX];
-  const ssize_t len = readlink(link.c_str(), path, sizeof(path));
-  return len > 0 ? std::string(path, static_cast<size_t>(len)) : std::string();
+// 0 for what the host kernel does by itself, which has no process.
+static long caller_exe(int pid, char *buf, unsigned long size) {
+  char link[32];
+  std::snprintf(link, sizeof(link), "/proc/%d/exe", pid);
+  const ssize_t len = pid != 0 ? readlink(link, buf, size) : 0;
+  return std::max<ssize_t>(len, 0);
 }
 
-static Identity caller_identity(fuse_req_t req, Need need) {
+// The signals that wait for a thread of the host's; bit n - 1 is signal n. Which they are matters:
+// most do not end a wait for a daemon.
+static unsigned long long waiting_signals(int tid) {
+  std::ifstream status("/proc/" + std::to_string(tid) + "/status");
+  unsigned long long waiting = 0, blocked = 0;
+  for (std::string name; status >> name;
+       status.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
+    unsigned long long set = 0;
+    if (name == "SigPnd:" || name == "ShdPnd:") {
+      if (status >> std::hex >> set) waiting |= set;
+    } else if (name == "SigBlk:") {
+      if (status >> std::hex >> set) blocked = set;
+    }
+  }
+  return waiting & ~blocked;
+}
+
+void CallerTask::become(fuse_req_t req, Need need) {
   const fuse_ctx *ctx = fuse_req_ctx(req);
   Identity caller;
+  const bool same =
+      identity_.pid == ctx->pid && identity_.uid == ctx->uid && identity_.gid == ctx->gid;
+  // What the host kernel does by itself (write-back) has no process; root needs no group to be let
+  // through.
+  const bool has_process = ctx->pid != 0;
+  const bool wants_groups = need != Need::kBasic && has_process && ctx->uid != 0;
+  if (same && (!wants_groups || Clock::now() < groups_good_until_)) return;
+
   caller.pid = ctx->pid;
   caller.uid = ctx->uid;
   caller.gid = ctx->gid;
   caller.capabilities = ctx->uid == 0 ? kAllCapabilities : 0;
-  // What the host kernel does by itself (write-back) has no process; root needs no group to be let
-  // through.
-  const bool has_process = ctx->pid != 0;
-  if (need != Need::kBasic && has_process && ctx->uid != 0) caller.groups = caller_groups(req);
-  if (need == Need::kGroupsAndExe && has_process) caller.exe = caller_exe(ctx->pid);
-  return caller;
+  if (wants_groups) caller.groups = caller_groups(req);
+  caller.find_exe = caller_exe;
+  groups_good_until_ = wants_groups ? Clock::now() + kGroupsGood : Clock::time_point();
+  if (caller == identity_) return;
+  identity_.pid = -1;  // nobody, should the next step fail
+  task_.become(caller);
+  identity_ = std::move(caller);
 }
 
-Caller::Caller(fuse_req_t req, Need need) : act_(*worker_task) {
-  worker_task->become(caller_identity(req, need));
+void CallerTask::interrupted(fuse_req_t req, void *task) {
+  const std::lock_guard all_lock(all_mutex);
+  const auto at = std::find(all_tasks.begin(), all_tasks.end(), task);
+  if (at == all_tasks.end()) return;
+  CallerTask *self = *at;
+  const std::lock_guard lock(self->mutex_);
+  if (self->listening_ != req) return;
+  self->interrupted_ = true;
+  uk_task_interrupt(self->task_.get(), waiting_signals(fuse_req_ctx(req)->pid));
 }
 
-Caller::~Caller() {
-  try {
-    worker_task->become(Identity());
-  } catch (const std::bad_alloc &) {
-    // It stays who it was until the next caller comes.
+void CallerTask::listen(fuse_req_t req) {
+  {
+    const std::lock_guard lock(mutex_);
+    listening_ = req;
   }
+  // Not under the lock: it calls back at once if the interruption came first.
+  fuse_req_interrupt_func(req, interrupted, this);
+}
+
+void CallerTask::calm() {
+  const std::lock_guard lock(mutex_);
+  listening_ = nullptr;
+  if (interrupted_) uk_task_calm(task_.get());
+  interrupted_ = false;
 }
 
 }  // namespace tarnd

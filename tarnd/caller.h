@@ -5,42 +5,53 @@
 #ifndef TARND_CALLER_H
 #define TARND_CALLER_H
 
+#include <chrono>
+#include <mutex>
+
 #include "tarnd/fuse_api.h"
 #include "tarnd/task.h"
 
 namespace tarnd {
 
-/* The task that a worker thread lends to one caller after another; each worker has one while it
- * runs. */
+/* What of the caller the operation can depend on, besides pid, user, group and capabilities. */
+enum class Need {
+  kBasic,
+  kGroups, /* supplementary groups: whatever checks permissions */
+};
+
+/*
+ * The task that a worker thread lends to one caller after another; each worker has one while it
+ * runs. It stays whoever was lent it last, and no process id leads to it.
+ */
 class CallerTask {
  public:
-  CallerTask();
+  CallerTask(); /* throws std::bad_alloc */
   ~CallerTask();
   CallerTask(const CallerTask &) = delete;
   CallerTask &operator=(const CallerTask &) = delete;
 
+  const Task &task() const { return task_; }
+  /* Makes it the request's caller. Throws std::bad_alloc. */
+  void become(fuse_req_t req, Need need);
+  /* From here to calm() an interruption of the request interrupts the task. */
+  void listen(fuse_req_t req);
+  void calm();
+
  private:
+  using Clock = std::chrono::steady_clock;
+  static void interrupted(fuse_req_t req, void *task);
+
   Task task_;
+  Identity identity_;
+  Clock::time_point groups_good_until_;
+
+  std::mutex mutex_;
+  fuse_req_t listening_ = nullptr;  // under mutex_
+  bool interrupted_ = false;        // under mutex_
 };
 
-/* What of the caller the operation can depend on, besides pid, user, group and capabilities. */
-enum class Need {
-  kBasic,
-  kGroups,       /* supplementary groups: whatever checks permissions */
-  kGroupsAndExe, /* and the path of its program: rename */
-};
-
-class Caller {
- public:
-  Caller(fuse_req_t req, Need need); /* throws std::bad_alloc */
-  /* The task is nobody's from here on: a signal to the process must not find it. */
-  ~Caller();
-  Caller(const Caller &) = delete;
-  Caller &operator=(const Caller &) = delete;
-
- private:
-  ActAs act_;
-};
+/* The calling worker's. */
+CallerTask &caller_task();
 
 }  // namespace tarnd
 

@@ -27,6 +27,8 @@ static constexpr int kUnit = 29;
 // Longer than any message: the largest that the kernel takes is bounded by a socket's send buffer.
 static constexpr size_t kPacketMax = 256 * 1024;
 static constexpr unsigned kReceiveWaitMs = 60'000;
+// How many messages that wait already are passed on at one stroke.
+static constexpr size_t kBatch = 64;
 
 namespace {
 
@@ -54,26 +56,63 @@ static int deliver_signal(void *arg, int signal) {
   return pidfd_send_signal(process->get(), signal, nullptr, 0) == 0 ? 0 : -errno;
 }
 
-static bool send_packet(int connection, const char *data, size_t size) {
-  ssize_t n;
-  do {
-    n = send(connection, data, size, MSG_NOSIGNAL);
-  } while (n < 0 && errno == EINTR);
-  return n >= 0;
-}
+namespace {
+
+// Messages on their way to the peer, as many as wait and fit.
+class Batch {
+ public:
+  Batch() : room_(2 * kPacketMax) {}
+
+  /* At least one message, or the error of waiting for it. */
+  long fill(uk_nlsock *sock) {
+    used_ = count_ = 0;
+    long n = uk_nl_recv(sock, room_.data(), room_.size(), kReceiveWaitMs);
+    if (n < 0) return n;
+    for (; n >= 0; n = uk_nl_recv(sock, room_.data() + used_, room_.size() - used_, 0)) {
+      parts_[count_] = {room_.data() + used_, static_cast<size_t>(n)};
+      headers_[count_] = {};
+      headers_[count_].msg_hdr.msg_iov = &parts_[count_];
+      headers_[count_].msg_hdr.msg_iovlen = 1;
+      used_ += static_cast<size_t>(n);
+      count_++;
+      if (count_ == kBatch || room_.size() - used_ < kPacketMax) break;
+    }
+    return 0;
+  }
+
+  /* False: the peer has hung up. */
+  bool send_to(int connection) {
+    for (size_t sent = 0; sent < count_;) {
+      const int n =
+          sendmmsg(connection, &headers_[sent], static_cast<unsigned>(count_ - sent), MSG_NOSIGNAL);
+      if (n < 0 && errno != EINTR) return false;
+      if (n > 0) sent += static_cast<size_t>(n);
+    }
+    return true;
+  }
+
+ private:
+  std::vector<char> room_;
+  size_t used_ = 0;
+  size_t count_ = 0;
+  iovec parts_[kBatch];
+  mmsghdr headers_[kBatch];
+};
+
+}  // namespace
 
 // Messages for the peer, until its socket is shut down or it has hung up. It acts as this program:
 // a receiver needs no identity, and the peer's task is busy sending.
 static void pump_to_peer(uk_nlsock *sock, int connection) {
   const Task task(service_identity());
   const ActAs act(task);
-  std::vector<char> packet(kPacketMax);
+  Batch batch;
   for (;;) {
-    const long n = uk_nl_recv(sock, packet.data(), packet.size(), kReceiveWaitMs);
-    if (n == -ESHUTDOWN) return;
+    const long err = batch.fill(sock);
+    if (err == -ESHUTDOWN) return;
     // Nothing came for a while, or messages were lost, which the peer learns from their numbers.
-    if (n < 0) continue;
-    if (!send_packet(connection, packet.data(), static_cast<size_t>(n))) break;
+    if (err < 0) continue;
+    if (!batch.send_to(connection)) break;
   }
   // Wakes the other pump, which ends the connection.
   shutdown(connection, SHUT_RDWR);

@@ -12,26 +12,33 @@ static void op_init(void *, fuse_conn_info *conn) {
   conn->max_write = kMaxRequest;
   conn->max_readahead = kMaxRequest;
   conn->time_gran = 1;
-  // Writes come one by one in the order in which they are made, in plain buffers.
+  // Writes come one by one in the order in which they are made, in plain buffers. Listings come
+  // without attributes: what they bring is for keeping.
   conn->want &= ~(FUSE_CAP_WRITEBACK_CACHE | FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE |
                   FUSE_CAP_SPLICE_MOVE | FUSE_CAP_READDIRPLUS | FUSE_CAP_READDIRPLUS_AUTO);
-  // The kernel in this process takes set-user-id off where its own calls do, and truncates in open.
-  conn->want |= conn->capable & (FUSE_CAP_HANDLE_KILLPRIV | FUSE_CAP_ATOMIC_O_TRUNC);
+  // What was read stays as it was read, as in the layer's own page cache, which does not look for
+  // changes of the lower file either: so no look at the attributes before each read.
+  conn->want &= ~FUSE_CAP_AUTO_INVAL_DATA;
+  // Only the host knows which programs run, and so must not be cut: it asks for the truncation of
+  // an open when it has looked.
+  conn->want &= ~FUSE_CAP_ATOMIC_O_TRUNC;
+  // The kernel in this process takes set-user-id off where its own calls do.
+  conn->want |= conn->capable & FUSE_CAP_HANDLE_KILLPRIV;
 }
 
-fuse_entry_param to_entry(uk_node *node, const uk_stat &stat) {
+fuse_entry_param to_entry(uk_node *node, const uk_stat &stat, double attributes_kept) {
   fuse_entry_param entry{};
   entry.ino = reinterpret_cast<fuse_ino_t>(node);
   entry.attr = to_stat(stat);
-  entry.attr_timeout = kCacheSeconds;
-  entry.entry_timeout = kCacheSeconds;
+  entry.attr_timeout = attributes_kept;
+  entry.entry_timeout = kNotKept;
   return entry;
 }
 
 void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat) {
   Mount *mount = mount_of(req);
-  const fuse_entry_param entry = to_entry(node, stat);
-  mount->holdings().add_node(node);
+  const bool open = mount->holdings().add_node(node);
+  const fuse_entry_param entry = to_entry(node, stat, open ? kNotKept : kForThisCall);
   if (fuse_reply_entry(req, &entry) == -ENOENT) mount->holdings().drop_node(node, 1);
 }
 

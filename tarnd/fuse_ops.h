@@ -7,6 +7,8 @@
 #ifndef TARND_FUSE_OPS_H
 #define TARND_FUSE_OPS_H
 
+#include <new>
+
 #include "tarnd/caller.h"
 #include "tarnd/fuse_api.h"
 #include "tarnd/mount.h"
@@ -22,11 +24,16 @@ void add_attribute_operations(fuse_lowlevel_ops *ops);
 void add_file_operations(fuse_lowlevel_ops *ops);
 
 /*
- * Attributes and names are not cached by the host: each path walk asks again, so that a change made
- * directly in the lower directory, or by another mount of it, is seen at once, as it is on a kernel
- * that has the module.
+ * Names and attributes are not kept by the host: each path walk asks for each name again, so that a
+ * change made directly in the lower directory is seen at once.
+ *
+ * A name's answer brings the attributes with it, and the call that looked the name up asks for them
+ * right after it: for that they may be used until the host's clock ticks twice, unless the file is
+ * open. Whoever has it open asks without looking a name up, and opening it makes the host drop what
+ * it has.
  */
-inline constexpr double kCacheSeconds = 0;
+inline constexpr double kNotKept = 0;
+inline constexpr double kForThisCall = 1e-6;
 
 inline Mount *mount_of(fuse_req_t req) {
   return static_cast<Mount *>(fuse_req_userdata(req));
@@ -48,20 +55,39 @@ inline void reply_error(fuse_req_t req, long err) {
 /* The reference that came with the node is the host's from here on, unless it is not there to take
  * it. */
 void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat);
-fuse_entry_param to_entry(uk_node *node, const uk_stat &stat);
+fuse_entry_param to_entry(uk_node *node, const uk_stat &stat, double attributes_kept);
 
 /*
- * Runs an adapter's body; without memory for the caller's identity the answer is ENOMEM. No
- * exception may reach libfuse.
+ * Runs an adapter's body as the request's caller; without memory for the caller's identity the
+ * answer is ENOMEM. No exception may reach libfuse.
  */
 template <typename Body>
 void as_caller(fuse_req_t req, Need need, Body body) {
   try {
-    const Caller caller(req, need);
+    CallerTask &caller = caller_task();
+    const ActAs act(caller.task());
+    caller.become(req, need);
     body();
   } catch (const std::bad_alloc &) {
     fuse_reply_err(req, ENOMEM);
   }
+}
+
+/* The same of what may have to wait for a daemon: a signal to the caller ends the wait. */
+template <typename Body>
+void as_waiting_caller(fuse_req_t req, Need need, Body body) {
+  as_caller(req, need, [&] {
+    caller_task().listen(req);
+    body();
+    caller_task().calm();
+  });
+}
+
+/* The same of what gives back: whose task it is does not matter. */
+template <typename Body>
+void as_anybody(Body body) {
+  const ActAs act(caller_task().task());
+  body();
 }
 
 }  // namespace tarnd

@@ -3,29 +3,38 @@
 
 #include <fcntl.h>
 
-#include <vector>
+#include <memory>
 
 #include "tarnd/fuse_ops.h"
 #include "tarnd/translate.h"
 
 namespace tarnd {
 
-// The file is the host's until it releases it, unless it is not there to take it.
-static void reply_opened(fuse_req_t req, uk_file *file, fuse_file_info *fi) {
-  Mount *mount = mount_of(req);
-  mount->holdings().add_file(file);
+// How the host treats an open file: pages that it has read stay good, and nothing is to be flushed
+// when a descriptor is closed, for hostfs holds nothing back.
+static void set_file(fuse_file_info *fi, uk_file *file) {
   fi->fh = reinterpret_cast<uint64_t>(file);
+  fi->keep_cache = 1;
+  fi->noflush = 1;
+}
+
+// The file is the host's until it releases it, unless it is not there to take it.
+static void reply_opened(fuse_req_t req, fuse_ino_t ino, uk_file *file, fuse_file_info *fi) {
+  Mount *mount = mount_of(req);
+  mount->holdings().add_file(file, node_of(req, ino));
+  fuse_lowlevel_notify_inval_inode(mount->session(), ino, -1, 0);  // the attributes alone
+  set_file(fi, file);
   if (fuse_reply_open(req, fi) == -ENOENT) mount->holdings().drop_file(file);
 }
 
 static void open_node(fuse_req_t req, fuse_ino_t ino, int flags, fuse_file_info *fi) {
-  as_caller(req, Need::kGroups, [&] {
+  as_waiting_caller(req, Need::kGroups, [&] {
     uk_file *file = nullptr;
     const int err = uk_open(node_of(req, ino), flags, &file);
     if (err) {
       reply_error(req, err);
     } else {
-      reply_opened(req, file, fi);
+      reply_opened(req, ino, file, fi);
     }
   });
 }
@@ -40,7 +49,7 @@ static void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
 
 static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t mode,
                       fuse_file_info *fi) {
-  as_caller(req, Need::kGroups, [&] {
+  as_waiting_caller(req, Need::kGroups, [&] {
     uk_node *node = nullptr;
     uk_file *file = nullptr;
     uk_stat stat{};
@@ -52,9 +61,9 @@ static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_
     }
     Holdings &holdings = mount_of(req)->holdings();
     holdings.add_node(node);
-    holdings.add_file(file);
-    fi->fh = reinterpret_cast<uint64_t>(file);
-    const fuse_entry_param entry = to_entry(node, stat);
+    holdings.add_file(file, node);
+    set_file(fi, file);
+    const fuse_entry_param entry = to_entry(node, stat, kNotKept);
     if (fuse_reply_create(req, &entry, fi) == -ENOENT) {
       holdings.drop_file(file);
       holdings.drop_node(node, 1);
@@ -62,22 +71,35 @@ static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_
   });
 }
 
+// Room for one answer, the worker's own: it is used again and again, and not cleared.
+static char *answer_room(size_t size) {
+  static thread_local std::unique_ptr<char[]> room;
+  static thread_local size_t room_size;
+  if (size > room_size) {
+    room_size = 0;
+    room.reset(new char[size]);
+    room_size = size;
+  }
+  return room.get();
+}
+
 static void op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info *fi) {
   as_caller(req, Need::kBasic, [&] {
-    std::vector<char> data(size);
-    const long got = uk_read(file_of(fi), data.data(), size, static_cast<unsigned long long>(off));
+    char *data = answer_room(size);
+    const long got = uk_read(file_of(fi), data, size, static_cast<unsigned long long>(off));
     if (got < 0) {
       reply_error(req, got);
     } else {
-      fuse_reply_buf(req, data.data(), static_cast<size_t>(got));
+      fuse_reply_buf(req, data, static_cast<size_t>(got));
     }
   });
 }
 
 static void op_write(fuse_req_t req, fuse_ino_t, const char *data, size_t size, off_t off,
                      fuse_file_info *fi) {
-  as_caller(req, Need::kBasic, [&] {
-    const long done = uk_write(file_of(fi), data, size, static_cast<unsigned long long>(off));
+  as_waiting_caller(req, Need::kBasic, [&] {
+    const long done =
+        uk_write_with(file_of(fi), data, size, static_cast<unsigned long long>(off), fi->flags);
     if (done < 0) {
       reply_error(req, done);
     } else {
@@ -95,7 +117,7 @@ static void op_fsync(fuse_req_t req, fuse_ino_t, int datasync, fuse_file_info *f
 }
 
 static void op_release(fuse_req_t req, fuse_ino_t, fuse_file_info *fi) {
-  as_caller(req, Need::kBasic, [&] {
+  as_anybody([&] {
     mount_of(req)->holdings().drop_file(file_of(fi));
     fuse_reply_err(req, 0);
   });
@@ -106,7 +128,8 @@ namespace {
 // What one readdir reply has room for.
 struct Listing {
   fuse_req_t req;
-  std::vector<char> buf;
+  char *buf;
+  size_t size;
   size_t used = 0;
 };
 
@@ -118,9 +141,9 @@ static int add_name(void *arg, const char *name, unsigned long long ino, unsigne
   struct stat attr {};
   attr.st_ino = ino;
   attr.st_mode = to_entry_mode(type);
-  const size_t room = listing->buf.size() - listing->used;
-  const size_t needed = fuse_add_direntry(listing->req, listing->buf.data() + listing->used, room,
-                                          name, &attr, static_cast<off_t>(next));
+  const size_t room = listing->size - listing->used;
+  const size_t needed = fuse_add_direntry(listing->req, listing->buf + listing->used, room, name,
+                                          &attr, static_cast<off_t>(next));
   if (needed > room) return 1;
   listing->used += needed;
   return 0;
@@ -128,14 +151,14 @@ static int add_name(void *arg, const char *name, unsigned long long ino, unsigne
 
 static void op_readdir(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info *fi) {
   as_caller(req, Need::kBasic, [&] {
-    Listing listing{req, std::vector<char>(size)};
+    Listing listing{req, answer_room(size), size};
     const int err =
         uk_readdir(file_of(fi), static_cast<unsigned long long>(off), add_name, &listing);
     // Names that were read before an error are handed out first; the next call meets it again.
     if (err && listing.used == 0) {
       reply_error(req, err);
     } else {
-      fuse_reply_buf(req, listing.buf.data(), listing.used);
+      fuse_reply_buf(req, listing.buf, listing.used);
     }
   });
 }

@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/mount.h"
+#include "tarnd/holdings.h"
+
+#include <algorithm>
 
 namespace tarnd {
 
-void Holdings::add_node(uk_node *node) {
+bool Holdings::add_node(uk_node *node) {
   const std::lock_guard lock(mutex_);
-  nodes_[node]++;
+  Held &held = nodes_[node];
+  held.lookups++;
+  return held.opens > 0;
 }
 
 void Holdings::drop_node(uk_node *node, unsigned long count) {
@@ -13,39 +17,51 @@ void Holdings::drop_node(uk_node *node, unsigned long count) {
     const std::lock_guard lock(mutex_);
     const auto it = nodes_.find(node);
     if (it == nodes_.end()) return;
-    if (count >= it->second) {
-      count = it->second;
-      nodes_.erase(it);
-    } else {
-      it->second -= count;
-    }
+    count = std::min(count, it->second.lookups);
+    it->second.lookups -= count;
+    if (it->second.lookups == 0 && it->second.opens == 0) nodes_.erase(it);
   }
-  uk_node_put(node, count);
+  if (count > 0) uk_node_put(node, count);
 }
 
-void Holdings::add_file(uk_file *file) {
+void Holdings::add_file(uk_file *file, uk_node *node) {
   const std::lock_guard lock(mutex_);
-  files_.insert(file);
+  files_[file] = node;
+  nodes_[node].opens++;
+}
+
+void Holdings::close_locked(uk_node *node) {
+  const auto it = nodes_.find(node);
+  if (--it->second.opens == 0 && it->second.lookups == 0) nodes_.erase(it);
 }
 
 void Holdings::drop_file(uk_file *file) {
   {
     const std::lock_guard lock(mutex_);
-    if (files_.erase(file) == 0) return;
+    const auto it = files_.find(file);
+    if (it == files_.end()) return;
+    close_locked(it->second);
+    files_.erase(it);
   }
   uk_release(file);
 }
 
 void Holdings::clear() {
-  std::set<uk_file *> files;
-  std::map<uk_node *, unsigned long> nodes;
+  std::unordered_map<uk_file *, uk_node *> files;
+  std::unordered_map<uk_node *, Held> nodes;
   {
     const std::lock_guard lock(mutex_);
     files.swap(files_);
     nodes.swap(nodes_);
   }
-  for (uk_file *file : files) uk_release(file);
-  for (const auto &[node, count] : nodes) uk_node_put(node, count);
+  for (const auto &[file, node] : files) uk_release(file);
+  for (const auto &[node, held] : nodes)
+    if (held.lookups > 0) uk_node_put(node, held.lookups);
+}
+
+size_t Holdings::nodes() const {
+  const std::lock_guard lock(mutex_);
+  return nodes_.size();
 }
 
 }  // namespace tarnd

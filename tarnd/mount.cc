@@ -145,6 +145,8 @@ void Mount::mount_host() {
                      "cannot mount on " + mountpoint_ + ": " +
                          (last_fuse_message.empty() ? std::strerror(err) : last_fuse_message));
   }
+  if (const int err = interpose_session_io(session_); err != 0)
+    throw MountError(err, "cannot serve " + mountpoint_ + ": " + std::strerror(-err));
   loop_ = std::make_unique<SessionLoop>(session_);
 }
 

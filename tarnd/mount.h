@@ -10,16 +10,16 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "tarnd/fuse_api.h"
 #include "tarnd/guardian.h"
+#include "tarnd/holdings.h"
+#include "tarnd/session_io.h"
 #include "tarnd/session_loop.h"
 #include "ukern/uk_fs.h"
 
@@ -38,24 +38,6 @@ class MountError : public std::runtime_error {
 
  private:
   int err_;
-};
-
-/*
- * What the host kernel holds of a mount: references to nodes, one per lookup that it has not
- * forgotten, and open files. What it still holds when the session ends is given back by clear().
- */
-class Holdings {
- public:
-  void add_node(uk_node *node);
-  void drop_node(uk_node *node, unsigned long count); /* a task is current */
-  void add_file(uk_file *file);
-  void drop_file(uk_file *file); /* a task is current */
-  void clear();                  /* a task is current */
-
- private:
-  std::mutex mutex_;
-  std::map<uk_node *, unsigned long> nodes_;
-  std::set<uk_file *> files_;
 };
 
 class Mount {
@@ -80,6 +62,8 @@ class Mount {
 
   uk_node *root() const { return root_; }
   Holdings &holdings() { return holdings_; }
+  SessionIo &session_io() { return session_io_; }
+  fuse_session *session() const { return session_; }
 
  private:
   void mount_kernel();
@@ -92,6 +76,7 @@ class Mount {
   Guardian *const guardian_;
   uk_node *root_ = nullptr;
   Holdings holdings_;
+  SessionIo session_io_;
   fuse_session *session_ = nullptr;
   std::unique_ptr<SessionLoop> loop_;
   std::atomic<bool> detached_ = false;

@@ -1,113 +1,177 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/session_loop.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
+#include <sched.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdint>
+#include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <stdexcept>
-#include <string>
+#include <system_error>
 #include <thread>
 
 #include "tarnd/caller.h"
 
 namespace tarnd {
 
-// A request may wait long (a daemon that does not read), so many may be in work at once; few need
-// to wait.
 static constexpr int kMaxWorkers = 128;
-static constexpr int kMaxIdle = 4;
+static constexpr int kMaxTaking = 8;
+
+// A request that is in work from one look to the next is slow. After so many looks at which nothing
+// had happened, nobody looks until something does.
+static constexpr std::chrono::milliseconds kLook{5};
+static constexpr int kIdleLooks = 20;
+
+// Makes a read of the next request return; what it does is nothing.
+static constexpr int kInterrupt = SIGURG;
+static constexpr std::chrono::milliseconds kInterruptAgain{10};
+
+static void install_interrupt() {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};  // not SIG_IGN, which would interrupt nothing
+  sigaction(kInterrupt, &action, nullptr);
+}
+
+// That this program may run on; what the library counts is all that there are.
+static int processors() {
+  cpu_set_t set;
+  return sched_getaffinity(0, sizeof(set), &set) == 0 ? CPU_COUNT(&set) : 1;
+}
 
 SessionLoop::SessionLoop(fuse_session *session)
-    : session_(session), stop_event_(eventfd(0, EFD_CLOEXEC)) {
-  if (!stop_event_) throw std::runtime_error(std::string("eventfd: ") + std::strerror(errno));
-  // A worker that loses the race for a request must go back to poll, where stop() reaches it.
-  const int fd = fuse_session_fd(session_);
-  if (fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK) < 0)
-    throw std::runtime_error(std::string("fcntl: ") + std::strerror(errno));
+    : session_(session), wanted_(std::clamp(processors(), 1, kMaxTaking)) {
+  static std::once_flag once;
+  std::call_once(once, install_interrupt);
 }
 
 void SessionLoop::run() {
   std::unique_lock lock(mutex_);
   add_worker_locked();
-  ended_.wait(lock, [this] { return workers_ == 0; });
+  for (int idle = 0; threads_ > 0 && !stopping_;) {
+    idle = look_after_locked() ? 0 : idle + 1;
+    if (idle < kIdleLooks) {
+      changed_.wait_for(lock, kLook);
+      continue;
+    }
+    looking_away_ = true;
+    changed_.wait(lock, [this] { return !looking_away_ || threads_ == 0 || stopping_; });
+    looking_away_ = false;
+  }
+  // A worker that was about to read when it was interrupted reads all the same.
+  while (threads_ > 0) {
+    interrupt_taking_locked();
+    changed_.wait_for(lock, kInterruptAgain);
+  }
 }
 
 void SessionLoop::stop() {
-  const std::uint64_t one = 1;
-  const ssize_t written = write(stop_event_.get(), &one, sizeof(one));
-  if (written != sizeof(one)) std::abort();  // an eventfd that is set once has room
+  const std::lock_guard lock(mutex_);
+  stopping_ = true;
+  changed_.notify_all();
+  needed_.notify_all();
+}
+
+// Counts who is able to take a request, now or soon, and sees to it that there are as many as shall
+// be. Whether a request was taken since the last look.
+bool SessionLoop::look_after_locked() {
+  int able = needs_, resting = -needs_;
+  bool taken = false;
+  for (Worker &worker : workers_) {
+    const State state = worker.state;
+    const bool slow = state == State::kServing && worker.seen == worker.served;
+    if (state == State::kResting) {
+      resting++;
+    } else if (!slow) {
+      able++;
+    }
+    taken |= worker.seen != worker.served;
+    worker.seen = worker.served;
+  }
+  able += threads_ - static_cast<int>(workers_.size());
+  adjust_locked(able, resting);
+  return taken;
+}
+
+void SessionLoop::adjust_locked(int able, int resting) {
+  surplus_ = std::max(able - wanted_, 0);
+  for (; able < wanted_; able++) {
+    if (resting > 0) {
+      resting--;
+      needs_++;
+      needed_.notify_one();
+    } else {
+      add_worker_locked();
+    }
+  }
+}
+
+// Those without a request alone: a request in work is not to be disturbed.
+void SessionLoop::interrupt_taking_locked() {
+  for (const Worker &worker : workers_)
+    if (worker.state == State::kTaking) pthread_kill(worker.thread, kInterrupt);
 }
 
 void SessionLoop::add_worker_locked() {
-  if (workers_ >= kMaxWorkers) return;
+  if (threads_ >= kMaxWorkers) return;
   try {
     std::thread([this] { work(); }).detach();
-    workers_++;
-    idle_++;
+    threads_++;
   } catch (const std::system_error &e) {
     std::fprintf(stderr, "tarnd: no further thread for a mount: %s\n", e.what());
-    if (workers_ == 0) throw;
+    if (threads_ == 0) throw;
   }
 }
 
-// True when there may be a request, false when the session is over.
-bool SessionLoop::wait_for_request() {
-  pollfd fds[2] = {{fuse_session_fd(session_), POLLIN, 0}, {stop_event_.get(), POLLIN, 0}};
-  while (poll(fds, 2, -1) < 0) {
-    if (errno != EINTR) return false;
-  }
-  return fds[1].revents == 0;
+// Returns when the worker is needed, or is to end.
+void SessionLoop::rest(Worker *worker) {
+  std::unique_lock lock(mutex_);
+  if (surplus_ == 0 || stopping_) return;
+  surplus_--;
+  worker->state = State::kResting;
+  needed_.wait(lock, [this] { return needs_ > 0 || stopping_; });
+  if (needs_ > 0) needs_--;
+  worker->state = State::kTaking;
 }
 
-void SessionLoop::one_less_idle() {
-  const std::lock_guard lock(mutex_);
-  if (--idle_ == 0) add_worker_locked();
-}
-
-// False: enough others wait already.
-bool SessionLoop::one_more_idle() {
-  const std::lock_guard lock(mutex_);
-  if (idle_ >= kMaxIdle) return false;
-  idle_++;
-  return true;
-}
-
-// Serves until the session is over (true; the worker counts as idle) or it is not needed (false; it
-// does not).
-bool SessionLoop::serve_requests(fuse_buf *buf) {
-  while (!fuse_session_exited(session_)) {
+void SessionLoop::serve_requests(Worker *worker, fuse_buf *buf) {
+  while (!stopping_ && !fuse_session_exited(session_)) {
     const int n = fuse_session_receive_buf(session_, buf);
-    if (n == -EINTR) continue;
-    if (n == -EAGAIN) {
-      if (!wait_for_request()) return true;
-      continue;
+    if (n == -EINTR || n == -EAGAIN) continue;
+    if (n <= 0) return;
+    worker->state = State::kServing;
+    worker->served++;
+    if (looking_away_.exchange(false)) {
+      const std::lock_guard lock(mutex_);
+      changed_.notify_all();
     }
-    if (n <= 0) return true;
-    one_less_idle();
     fuse_session_process_buf(session_, buf);
-    if (!one_more_idle()) return false;
+    worker->state = State::kTaking;
+    if (surplus_ > 0) rest(worker);
   }
-  return true;
 }
 
 void SessionLoop::work() {
+  std::unique_lock lock(mutex_);
+  const auto self = workers_.emplace(workers_.end());
+  self->thread = pthread_self();
+  lock.unlock();
+
   fuse_buf buf{};
-  bool counted_idle;
   {
     const CallerTask task;
-    counted_idle = serve_requests(&buf);
+    serve_requests(&*self, &buf);
   }
   std::free(buf.mem);
-  const std::lock_guard lock(mutex_);
-  if (counted_idle) idle_--;
-  workers_--;
-  ended_.notify_all();
+
+  // A worker ends only with the session.
+  lock.lock();
+  stopping_ = true;
+  needed_.notify_all();
+  workers_.erase(self);
+  threads_--;
+  changed_.notify_all();
 }
 
 }  // namespace tarnd

@@ -15,7 +15,7 @@ uk_cred to_cred(const Identity &identity) {
   cred.ngroups = static_cast<unsigned>(identity.groups.size());
   cred.groups = identity.groups.data();
   cred.cap_effective = identity.capabilities;
-  cred.exe = identity.exe.empty() ? nullptr : identity.exe.c_str();
+  cred.find_exe = identity.find_exe;
   return cred;
 }
 

@@ -8,7 +8,6 @@
 #ifndef TARND_TASK_H
 #define TARND_TASK_H
 
-#include <string>
 #include <vector>
 
 #include "ukern/uk_core.h"
@@ -24,7 +23,9 @@ struct Identity {
   unsigned gid = 0;
   unsigned capabilities = 0;
   std::vector<unsigned> groups;
-  std::string exe; /* empty: none */
+  long (*find_exe)(int pid, char *buf, unsigned long size) = nullptr; /* see uk_cred */
+
+  bool operator==(const Identity &) const = default;
 };
 
 /* The view of an identity that the kernel takes; valid as long as the identity is. */
@@ -41,6 +42,8 @@ class Task {
   ~Task();
 
   void become(const Identity &identity); /* throws std::bad_alloc */
+  /* No process id leads to the task from here on. */
+  void hide() { uk_task_hide(task_); }
   uk_task *get() const { return task_; }
 
  private:

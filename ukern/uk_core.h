@@ -18,7 +18,8 @@ struct uk_boot_options {
   const char *root_type;   /* file system type of "/": "memfs" or "hostfs" */
   const char *root_source; /* its source argument; for hostfs the host directory that becomes "/" */
   unsigned long
-      ram_pages; /* what totalram_pages says and what the page cache is kept below; 0: 65536 */
+      ram_pages; /* what totalram_pages says and what all pages are kept below; 0: 65536 */
+  unsigned long cache_pages; /* what the page cache is kept below; 0: ram_pages */
 };
 
 /* Starts the kernel: caches, root file system mounted, kernel threads. The caller has no task yet.
@@ -50,6 +51,9 @@ struct uk_cred {
   const unsigned *groups;
   unsigned cap_effective; /* bit mask of CAP_*; ~0u for root */
   const char *exe; /* path of the running program inside the kernel's name space, or 0: none */
+  /* Instead of `exe`: asked for the program whenever it matters, on a thread that may sleep. Writes
+   * the path of process `pid`, not terminated, to buf; its length, 0 for none. */
+  long (*find_exe)(int pid, char *buf, unsigned long size);
 };
 
 struct uk_task;
@@ -57,6 +61,9 @@ struct uk_task;
 struct uk_task *uk_task_new(const struct uk_cred *cred);
 /* Changes who an existing task is. Only while no thread runs as it, or by the thread that does. */
 int uk_task_set_cred(struct uk_task *task, const struct uk_cred *cred);
+/* From now on no process id leads to the task: a thread lends it to one process after another,
+ * which are not to be found in it. Once, by whoever made it. */
+void uk_task_hide(struct uk_task *task);
 void uk_task_put(struct uk_task *task);
 /* Makes the task `current` in the calling thread, which has none; leave undoes it. */
 void uk_task_enter(struct uk_task *task);
@@ -65,6 +72,11 @@ void uk_task_leave(void);
  * recorded. */
 void uk_task_set_signal_handler(struct uk_task *task, int (*deliver)(void *arg, int signal),
                                 void *arg);
+/* Signals have come (bit n - 1 is signal n) for a task that has no handler: waits that they end are
+ * ended, also those that begin before uk_task_calm. */
+void uk_task_interrupt(struct uk_task *task, unsigned long long signals);
+/* Forgets the signals that wait. */
+void uk_task_calm(struct uk_task *task);
 /* Bit mask of the signals recorded so far, bit number = signal number - 1. */
 unsigned long long uk_task_signals(struct uk_task *task);
 

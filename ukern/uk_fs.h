@@ -86,7 +86,9 @@ enum uk_set {
 };
 /*
  * Applies what `set` names, by the system calls that would: chmod, chown, truncate (ftruncate with
- * a file), utimes, in that order; stops at the first error. `stat` gets the attributes after it.
+ * a file that is open for writing), utimes, in that order; stops at the first error. Nothing named
+ * is a chown of nothing, which takes set-id bits away if the caller may do that. `stat` gets the
+ * attributes after it.
  */
 int uk_setattr(struct uk_node *node, struct uk_file *file, unsigned set, const struct uk_stat *want,
                struct uk_stat *stat);
@@ -98,7 +100,9 @@ long uk_getxattr(struct uk_node *node, const char *name, void *value, unsigned l
 long uk_listxattr(struct uk_node *node, char *list, unsigned long size);
 int uk_removexattr(struct uk_node *node, const char *name);
 
-/* open(2) on an existing node; O_CREAT and O_EXCL are ignored. */
+/* open(2) on an existing node; O_CREAT and O_EXCL are ignored. With UK_OPEN_TO_RUN as execve(2)
+ * does: for reading, a file with the right to run it and not to read it. */
+enum { UK_OPEN_TO_RUN = 0x20 };
 int uk_open(struct uk_node *node, int flags, struct uk_file **out);
 /* open(2) with O_CREAT. */
 int uk_create(struct uk_node *dir, const char *name, int flags, unsigned mode, struct uk_node **out,
@@ -107,6 +111,10 @@ int uk_create(struct uk_node *dir, const char *name, int flags, unsigned mode, s
  */
 long uk_read(struct uk_file *file, void *buf, unsigned long len, unsigned long long pos);
 long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos);
+/* The same with the descriptor's flags of this moment, which differ from those of the open after
+ * F_SETFL; what is written back for a mapping has none. Only O_APPEND counts. */
+long uk_write_with(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos,
+                   int flags);
 int uk_flush(struct uk_file *file); /* what close(2) does before the last reference */
 int uk_fsync(struct uk_file *file, int datasync);
 void uk_release(struct uk_file *file);

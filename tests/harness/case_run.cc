@@ -40,7 +40,8 @@ class KernelCase : public testing::Test {
   explicit KernelCase(const tarn_case *c) : case_(c) {}
 
   void TestBody() override {
-    const uk_boot_options options = {"memfs", nullptr, 0};
+    uk_boot_options options = {};
+    options.root_type = "memfs";
     ASSERT_EQ(uk_boot(&options), 0);
 
     uk_cred root = {};

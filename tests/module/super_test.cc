@@ -26,6 +26,9 @@ MODULE_CASE(super, source_that_is_no_directory_fails_and_leaves_no_super_block) 
   REQUIRE_EQ(test_mkdir("/mnt"), 0);
   REQUIRE_EQ(test_put("/file", "x"), 1);
   EXPECT_EQ(uk_fs_mount("/file", "/mnt", "tarn", 0, nullptr), -ENOTDIR);
+  // Nor can a file be mounted over a file, which the name space itself would allow.
+  REQUIRE_EQ(test_put("/place", "x"), 1);
+  EXPECT_EQ(uk_fs_mount("/file", "/place", "tarn", 0, nullptr), -ENOTDIR);
   EXPECT_TRUE(list_empty(&tarn_fs_type.fs_supers));
 }
 

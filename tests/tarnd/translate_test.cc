@@ -152,11 +152,11 @@ TEST(Translate, AccessMask) {
 
 TEST(Translate, Entry) {
   auto *node = reinterpret_cast<uk_node *>(0x1230);
-  const fuse_entry_param to = to_entry(node, sample_stat());
+  const fuse_entry_param to = to_entry(node, sample_stat(), 0.25);
   EXPECT_EQ(to.ino, 0x1230u);
   EXPECT_EQ(to.generation, 0u);
   EXPECT_EQ(to.attr.st_ino, 0x100000001ull);
-  EXPECT_EQ(to.attr_timeout, 0);
+  EXPECT_EQ(to.attr_timeout, 0.25);
   EXPECT_EQ(to.entry_timeout, 0);
 }
 
@@ -167,7 +167,7 @@ TEST(Translate, Credentials) {
   who.gid = 13;
   who.capabilities = 0x1400;
   who.groups = {15, 16, 17};
-  who.exe = "/usr/bin/eighteen";
+  who.find_exe = [](int, char *, unsigned long) { return 18l; };
   const uk_cred cred = to_cred(who);
   EXPECT_EQ(cred.pid, 11);
   EXPECT_EQ(cred.uid, 12u);
@@ -177,9 +177,9 @@ TEST(Translate, Credentials) {
   EXPECT_EQ(cred.groups[0], 15u);
   EXPECT_EQ(cred.groups[1], 16u);
   EXPECT_EQ(cred.groups[2], 17u);
-  EXPECT_STREQ(cred.exe, "/usr/bin/eighteen");
-  who.exe.clear();
-  EXPECT_EQ(to_cred(who).exe, nullptr);
+  EXPECT_EQ(cred.exe, nullptr);
+  ASSERT_NE(cred.find_exe, nullptr);
+  EXPECT_EQ(cred.find_exe(0, nullptr, 0), 18);
 }
 
 TEST(Translate, MountLine) {

@@ -27,7 +27,7 @@ void complete_soon(void *arg) {
 }  // namespace
 
 CASE(completion, each_complete_lets_one_wait_through) {
-  DECLARE_COMPLETION(done);
+  DECLARE_COMPLETION_ONSTACK(done);
   complete(&done);
   complete(&done);
   wait_for_completion(&done);
@@ -75,7 +75,7 @@ CASE(completion, signal_ends_only_the_interruptible_wait) {
 }
 
 CASE(completion, init_completion_starts_anew) {
-  DECLARE_COMPLETION(done);
+  DECLARE_COMPLETION_ONSTACK(done);
   complete(&done);
   INIT_COMPLETION(done);
   EXPECT_EQ(wait_for_completion_timeout(&done, 2), 0ul);

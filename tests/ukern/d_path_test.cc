@@ -63,13 +63,14 @@ CASE(d_path, too_long_for_the_buffer) {
   page_buffer buf;
   struct dentry *file = fs.add(fs.root(), "file", S_IFREG | 0644);
   REQUIRE_TRUE(file && buf.get());
-  EXPECT_STREQ(d_path(file, fs.mnt, buf.get(), 6), "/file");
-  EXPECT_EQ(PTR_ERR(d_path(file, fs.mnt, buf.get(), 5)), -ENAMETOOLONG);
+  // The name of the root of all needs room as well.
+  EXPECT_STREQ(d_path(file, fs.mnt, buf.get(), 7), "/file");
+  EXPECT_EQ(PTR_ERR(d_path(file, fs.mnt, buf.get(), 6)), -ENAMETOOLONG);
   EXPECT_STREQ(d_path(fs.root(), fs.mnt, buf.get(), 2), "/");
   EXPECT_EQ(PTR_ERR(d_path(fs.root(), fs.mnt, buf.get(), 1)), -ENAMETOOLONG);
   d_drop(file);
-  EXPECT_STREQ(d_path(file, fs.mnt, buf.get(), 16), "/file (deleted)");
-  EXPECT_EQ(PTR_ERR(d_path(file, fs.mnt, buf.get(), 15)), -ENAMETOOLONG);
+  EXPECT_STREQ(d_path(file, fs.mnt, buf.get(), 17), "/file (deleted)");
+  EXPECT_EQ(PTR_ERR(d_path(file, fs.mnt, buf.get(), 16)), -ENAMETOOLONG);
   EXPECT_EQ(PTR_ERR(d_path(file, fs.mnt, buf.get(), 8)), -ENAMETOOLONG);
   dput(file);
 }

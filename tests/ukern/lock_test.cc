@@ -205,8 +205,8 @@ CASE(lock, rwlock_readers_nest) {
 }
 
 CASE(lock, is_locked_tells) {
-  DEFINE_SPINLOCK(spin);
-  DEFINE_MUTEX(mutex);
+  static DEFINE_SPINLOCK(spin);
+  static DEFINE_MUTEX(mutex);
   EXPECT_FALSE(mutex_is_locked(&mutex));
   mutex_lock(&mutex);
   EXPECT_TRUE(mutex_is_locked(&mutex));
@@ -219,7 +219,7 @@ CASE(lock, is_locked_tells) {
 }
 
 CASE(lock, dec_and_lock_takes_the_lock_only_for_the_last) {
-  DEFINE_SPINLOCK(spin);
+  static DEFINE_SPINLOCK(spin);
   atomic_t count = ATOMIC_INIT(2);
   EXPECT_EQ(atomic_dec_and_lock(&count, &spin), 0);
   EXPECT_FALSE(spin_is_locked(&spin));

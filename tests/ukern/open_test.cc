@@ -77,7 +77,9 @@ CASE(open, links) {
   EXPECT_EQ(name_open("/loop", O_CREAT | O_WRONLY, 0644), -ELOOP);
   REQUIRE_EQ(name_symlink("/", "/top"), 0);
   REQUIRE_EQ(name_symlink("top", "/to_top"), 0);
-  EXPECT_EQ(name_open("/to_top", O_CREAT | O_WRONLY, 0644), -EISDIR);
+  // There is no name to create; 2.6.18 finds that out by a name that it has given back.
+  const int error = name_open("/to_top", O_CREAT | O_WRONLY, 0644);
+  EXPECT_TRUE(error == -EISDIR || error == -ELOOP);
   // A link to nowhere is a name to create under.
   EXPECT_EQ(name_open("/dangling", O_CREAT | O_WRONLY, 0644), 0);
   struct kstat stat;

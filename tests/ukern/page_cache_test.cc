@@ -96,7 +96,7 @@ CASE(page_cache, a_cached_page_is_used_by_the_cache) {
   EXPECT_EQ(file.write("x", 1, 0), 1);
   struct page *page = find_get_page(file.mapping(), 0);
   REQUIRE_TRUE(page);
-  EXPECT_EQ(page_count(page), 2);
+  EXPECT_GE(page_count(page), 2);  // a list of pages on their way to the LRU may have one as well
   EXPECT_TRUE(PageUptodate(page));
   EXPECT_FALSE(PageLocked(page));
   EXPECT_EQ(page->index, 0ul);
@@ -359,7 +359,8 @@ CASE(radix_tree, items_and_tags_at_far_indices) {
   EXPECT_EQ(found[1], (void *)&items[n - 1]);
   EXPECT_EQ(radix_tree_gang_lookup_tag(&root, found, 0, n, PAGECACHE_TAG_WRITEBACK), 0u);
   radix_tree_tag_clear(&root, 64, PAGECACHE_TAG_DIRTY);
-  EXPECT_FALSE(radix_tree_tag_get(&root, 64, PAGECACHE_TAG_DIRTY));
+  EXPECT_EQ(radix_tree_gang_lookup_tag(&root, found, 0, n, PAGECACHE_TAG_DIRTY), 1u);
+  EXPECT_EQ(found[0], (void *)&items[n - 1]);
   EXPECT_TRUE(radix_tree_tagged(&root, PAGECACHE_TAG_DIRTY));
 
   for (unsigned i = n; i-- > 0;) EXPECT_EQ(radix_tree_delete(&root, at[i]), (void *)&items[i]);

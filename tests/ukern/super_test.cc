@@ -50,7 +50,8 @@ static int get_single(struct file_system_type *type, int flags, const char *, vo
 }
 
 CASE(super, single_mounts_share_one) {
-  struct file_system_type type = {};
+  static struct file_system_type type;  // lock classes are static
+  type = {};
   type.name = "single";
   type.get_sb = get_single;
   type.kill_sb = kill_anon_super;

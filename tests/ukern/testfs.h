@@ -112,7 +112,7 @@ class testfs {
   /* A count that another thread may be changing. */
   static int seen(const int *count) { return __atomic_load_n(count, __ATOMIC_RELAXED); }
 
-  struct file_system_type type;
+  static inline struct file_system_type type; /* lock classes are static */
   struct super_operations super_ops;
   struct dentry_operations dentry_ops;
   struct vfsmount *mnt;

@@ -48,7 +48,8 @@ bool reaches(atomic_t *count, int value) {
 }  // namespace
 
 CASE(wait, event_that_is_true_does_not_sleep) {
-  DECLARE_WAIT_QUEUE_HEAD(queue);
+  wait_queue_head_t queue;
+  init_waitqueue_head(&queue);
   wait_event(queue, 1);
   EXPECT_EQ(wait_event_interruptible(queue, 1), 0);
   EXPECT_EQ(wait_event_timeout(queue, 1, 7), 7);
@@ -97,7 +98,8 @@ CASE(wait, interruptible_wake_up_leaves_uninterruptible_sleepers) {
 }
 
 CASE(wait, timeout_runs_out_after_that_many_jiffies) {
-  DECLARE_WAIT_QUEUE_HEAD(queue);
+  wait_queue_head_t queue;
+  init_waitqueue_head(&queue);
   const unsigned long start = jiffies;
   EXPECT_EQ(wait_event_timeout(queue, 0, 30), 0);
   EXPECT_TRUE(time_after_eq(jiffies, start + 30));
@@ -117,7 +119,8 @@ CASE(wait, schedule_timeout_refuses_a_negative_time) {
 }
 
 CASE(wait, pending_signal_ends_an_interruptible_wait_only) {
-  DECLARE_WAIT_QUEUE_HEAD(queue);
+  wait_queue_head_t queue;
+  init_waitqueue_head(&queue);
   EXPECT_EQ(send_sig(SIGUSR1, current, 1), 0);
   EXPECT_TRUE(signal_pending(current));
   EXPECT_EQ(wait_event_interruptible(queue, 0), -ERESTARTSYS);
@@ -143,6 +146,24 @@ CASE(wait, blocked_signal_is_not_pending) {
   recalc_sigpending();
   spin_unlock_irq(&current->sighand->siglock);
   EXPECT_TRUE(signal_pending(current));
+  flush_signals(current);
+}
+
+CASE(wait, blocked_signals_are_changed_and_put_back) {
+  sigset_t set, before, during;
+  siginitset(&set, sigmask(SIGUSR1) | sigmask(SIGKILL));
+  EXPECT_EQ(sigprocmask(SIG_BLOCK, &set, &before), 0);
+  EXPECT_EQ(send_sig(SIGUSR1, current, 1), 0);
+  EXPECT_FALSE(signal_pending(current));
+  siginitset(&set, sigmask(SIGUSR1));
+  EXPECT_EQ(sigprocmask(SIG_UNBLOCK, &set, &during), 0);
+  EXPECT_TRUE(sigismember(&during, SIGUSR1));
+  EXPECT_TRUE(sigismember(&during, SIGKILL));
+  EXPECT_TRUE(signal_pending(current));
+  EXPECT_EQ(sigprocmask(3, &set, NULL), -EINVAL);
+  EXPECT_TRUE(sigismember(&current->blocked, SIGKILL));
+  EXPECT_EQ(sigprocmask(SIG_SETMASK, &before, NULL), 0);
+  EXPECT_EQ(current->blocked.sig[0], before.sig[0]);
   flush_signals(current);
 }
 

@@ -39,9 +39,9 @@ CASE(writeback, fdatawrite_cleans_the_pages) {
 CASE(writeback, sync_page_range_writes_the_range_only) {
   open_file file("/f");
   REQUIRE_EQ(file.error(), 0);
-  EXPECT_EQ(file.truncate(4 * 4096), 0);
-  EXPECT_EQ(write_inode_now(file.inode(), 1), 0);  // a dirty inode would take all its pages along
   for (int i = 0; i < 4; i++) EXPECT_EQ(file.write("x", 1, (loff_t)i * 4096), 1);
+  EXPECT_EQ(write_inode_now(file.inode(), 1), 0);  // a dirty inode would take all its pages along
+  for (int i = 0; i < 4; i++) EXPECT_EQ(file.write("y", 1, (loff_t)i * 4096), 1);
   EXPECT_EQ(file.inode()->i_state & I_DIRTY_DATASYNC, 0ul);
   EXPECT_EQ(sync_page_range(file.inode(), file.mapping(), 4096, 4097), 0);
   EXPECT_EQ(page_is_dirty(file, 0), 1);

@@ -71,14 +71,16 @@ void set_operations(struct inode *inode, const struct host_stat &stat) {
 struct inode *hostfs_alloc_inode(struct super_block *) {
   auto *info = static_cast<struct hostfs_inode *>(kmem_cache_alloc(inode_cache, GFP_KERNEL));
   if (!info) return nullptr;
-  info->fd = -1;
+  info->fd = info->made = -1;
   info->dev = info->ino = info->mount = 0;
+  info->looked = info->permitted = 0;
   inode_init_once(&info->vfs_inode);
   return &info->vfs_inode;
 }
 
 void hostfs_destroy_inode(struct inode *inode) {
   if (hostfs_fd(inode) >= 0) host_fs_close(hostfs_fd(inode));
+  if (hostfs_i(inode)->made >= 0) host_fs_close(hostfs_i(inode)->made);
   kmem_cache_free(inode_cache, hostfs_i(inode));
 }
 
@@ -158,6 +160,7 @@ void hostfs_take_stat(struct inode *inode, const struct host_stat *stat) {
   inode->i_mtime = time_from(stat->mtime);
   inode->i_ctime = time_from(stat->ctime);
   spin_unlock(&inode->i_lock);
+  __atomic_store_n(&hostfs_i(inode)->looked, current->call, __ATOMIC_RELAXED);
 }
 
 int hostfs_refresh(struct inode *inode) {
@@ -165,6 +168,11 @@ int hostfs_refresh(struct inode *inode) {
   if (int error = host_fs_stat(hostfs_fd(inode), &stat)) return error;
   hostfs_take_stat(inode, &stat);
   return 0;
+}
+
+int hostfs_refresh_once(struct inode *inode) {
+  const unsigned long looked = __atomic_load_n(&hostfs_i(inode)->looked, __ATOMIC_RELAXED);
+  return current->call && looked == current->call ? 0 : hostfs_refresh(inode);
 }
 
 struct inode *hostfs_iget(struct super_block *sb, int fd) {

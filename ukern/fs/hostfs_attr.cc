@@ -21,6 +21,7 @@ struct host_identity hostfs_caller(void) {
 
 int hostfs_permission(struct inode *inode, int mask, struct nameidata *) {
   mask &= MAY_READ | MAY_WRITE | MAY_EXEC;
+  if (!mask) return 0;
   if (host_fs_can_impersonate()) {
     // The host knows more than the mode: access control lists, security modules, mounts.
     const host_identity as = hostfs_caller();
@@ -28,7 +29,12 @@ int hostfs_permission(struct inode *inode, int mask, struct nameidata *) {
     // The superuser may search everywhere; if not even that on the host, what follows the search
     // will say so.
     if (search && as.uid == 0 && capable(CAP_DAC_OVERRIDE)) return 0;
+    // Those that one call asks for again and again: of a directory, above and below.
+    const unsigned long asked = current->call * 8 + (unsigned long)mask;
+    unsigned long *permitted = &hostfs_i(inode)->permitted;
+    if (current->call && __atomic_load_n(permitted, __ATOMIC_RELAXED) == asked) return 0;
     const int error = host_fs_access(&as, hostfs_fd(inode), mask);
+    if (!error) __atomic_store_n(permitted, asked, __ATOMIC_RELAXED);
     if (error != -ENOSYS) return error;
   }
   return generic_permission(inode, mask, nullptr);
@@ -36,7 +42,7 @@ int hostfs_permission(struct inode *inode, int mask, struct nameidata *) {
 
 int hostfs_getattr(struct vfsmount *, struct dentry *dentry, struct kstat *stat) {
   struct inode *inode = dentry->d_inode;
-  if (int error = hostfs_refresh(inode)) return error;
+  if (int error = hostfs_refresh_once(inode)) return error;
   generic_fillattr(inode, stat);
   return 0;
 }
@@ -94,12 +100,13 @@ int apply(const host_identity *as, struct inode *inode, const struct iattr *attr
 
 int hostfs_setattr(struct dentry *dentry, struct iattr *attr) {
   struct inode *inode = dentry->d_inode;
-  if (int error = hostfs_refresh(inode)) return error;
+  if (int error = hostfs_refresh_once(inode)) return error;
   if (int error = inode_change_ok(inode, attr)) return error;
   // A forced change is the kernel's, whoever caused it.
   const host_identity caller = hostfs_caller();
   const int error = apply(attr->ia_valid & ATTR_FORCE ? nullptr : &caller, inode, attr);
   const int refresh_error = hostfs_refresh(inode);
+  __atomic_store_n(&hostfs_i(inode)->permitted, 0, __ATOMIC_RELAXED);
   return error ? error : refresh_error;
 }
 

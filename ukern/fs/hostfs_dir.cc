@@ -13,9 +13,24 @@ const char *name_of(const struct dentry *dentry) {
   return reinterpret_cast<const char *>(dentry->d_name.name);
 }
 
+// The host has something else, or nothing, under the dentry's name. A directory that somebody uses
+// would keep the name (d_invalidate leaves it), and whoever comes by the name would get the old
+// directory: it loses the name here, and whoever is in it stays there. The result is what
+// d_revalidate says.
+int disowned(struct dentry *dentry) {
+  struct inode *inode = dentry->d_inode;
+  if (!S_ISDIR(inode->i_mode)) return 0;
+  if (have_submounts(dentry)) return 1;
+  shrink_dcache_parent(dentry);
+  d_drop(dentry);
+  return 0;
+}
+
 // Compares what the host has under the name now with what the dentry says.
 int hostfs_revalidate(struct dentry *dentry, struct nameidata *) {
   if (IS_ROOT(dentry) || d_mountpoint(dentry)) return 1;
+  // A move to a name that was not there leaves its dentry without one.
+  if (!dentry->d_inode && d_unhashed(dentry)) return 0;
   char name[NAME_MAX + 1];
   spin_lock(&dentry->d_lock);  // against a rename of the dentry meanwhile
   strlcpy(name, name_of(dentry), sizeof name);
@@ -28,7 +43,8 @@ int hostfs_revalidate(struct dentry *dentry, struct nameidata *) {
   dput(parent);
   struct inode *inode = dentry->d_inode;
   if (!inode) return error == -ENOENT;
-  if (error || !hostfs_is(inode, &stat)) return 0;
+  if (error && error != -ENOENT && error != -ENOTDIR) return 0;
+  if (error || !hostfs_is(inode, &stat)) return disowned(dentry);
   hostfs_take_stat(inode, &stat);
   return 1;
 }
@@ -79,11 +95,21 @@ int instantiate_by_name(struct inode *dir, struct dentry *dentry, const host_ide
   return instantiate(dir, dentry, host_fs_lookup(&as, hostfs_fd(dir), name_of(dentry)));
 }
 
-int hostfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nameidata *) {
+int hostfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nameidata *nd) {
   const host_identity as = hostfs_caller();
-  const int fd = host_fs_create(&as, hostfs_fd(dir), name_of(dentry), (unsigned)mode & 07777);
+  const bool will_open = nd && (nd->flags & LOOKUP_OPEN);
+  int data = -1;
+  const int fd = host_fs_create(&as, hostfs_fd(dir), name_of(dentry), (unsigned)mode & 07777,
+                                will_open ? &data : nullptr);
   if (fd < 0) return fd;
-  return instantiate(dir, dentry, fd);
+  const int error = instantiate(dir, dentry, fd);
+  if (error) {
+    if (data >= 0) host_fs_close(data);
+    return error;
+  }
+  // The inode is new, and nobody but the caller has it: the number cannot have been in use.
+  hostfs_i(dentry->d_inode)->made = data;
+  return 0;
 }
 
 int hostfs_mkdir(struct inode *dir, struct dentry *dentry, int mode) {

@@ -105,14 +105,18 @@ void unuse(struct file *file) {
   if (to_close >= 0) host_fs_close(to_close);
 }
 
-int hostfs_open(struct inode *, struct file *file) {
+int hostfs_open(struct inode *inode, struct file *file) {
   auto *open = static_cast<open_file *>(kzalloc(sizeof(open_file), GFP_KERNEL));
   if (!open) return -ENOMEM;
   INIT_LIST_HEAD(&open->idle);
-  open->fd = -1;
+  open->fd = __atomic_exchange_n(&hostfs_i(inode)->made, -1, __ATOMIC_ACQ_REL);
+  if (open->fd >= 0) {
+    open->users = 1;
+    open->writable = 1;
+  }
   mutex_init(&open->lock);
   file->private_data = open;
-  const int fd = use(file);
+  const int fd = open->fd >= 0 ? open->fd : use(file);
   if (fd < 0) {
     kfree(open);
     return fd;

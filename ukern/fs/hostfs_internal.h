@@ -29,6 +29,9 @@ struct hostfs_inode {
   struct inode vfs_inode;
   int fd;
   unsigned long long dev, ino, mount;
+  int made; /* a data descriptor that the creation left for the open that it belongs to, or -1 */
+  unsigned long looked;    /* the call (see task_struct) in which the attributes were taken last */
+  unsigned long permitted; /* the call and mask of the last permission that the host gave */
 };
 
 static inline struct hostfs_inode *hostfs_i(const struct inode *inode) {
@@ -48,9 +51,10 @@ struct host_identity hostfs_caller(void);
 
 /* The inode of the object behind a path descriptor, which it takes over. ERR_PTR. */
 struct inode *hostfs_iget(struct super_block *sb, int fd);
-/* Brings an inode up to date with what the host says, or with what it has just said. 0 or -errno.
- */
+/* Brings an inode up to date with what the host says, or with what it has just said; or with what
+ * it has said since the call under way began. 0 or -errno. */
 int hostfs_refresh(struct inode *inode);
+int hostfs_refresh_once(struct inode *inode);
 void hostfs_take_stat(struct inode *inode, const struct host_stat *stat);
 
 /* inode operations that all kinds of objects share */

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -30,8 +31,11 @@ class ThreadIdentity {
     if (!prepared_) prepare();
     if (!host_fs_can_impersonate()) return;
     if (as == nullptr) {
-      if (!own_) set(own_uid_, own_gid_, own_groups_.data(), own_groups_.size());
-      own_ = true;
+      // The superuser is let through whatever the groups: no need to go back and forth for it.
+      if (!own_ && uid_ != own_uid_) {
+        set(own_uid_, own_gid_, own_groups_.data(), own_groups_.size());
+        own_ = true;
+      }
       return;
     }
     static const unsigned no_group = 0;
@@ -201,13 +205,18 @@ long host_fs_readlink(int fd, char *buf, unsigned long size) {
   return result(static_cast<long>(readlinkat(fd, "", buf, size)));
 }
 
-int host_fs_create(const host_identity *as, int dir, const char *name, unsigned mode) {
+int host_fs_create(const host_identity *as, int dir, const char *name, unsigned mode, int *data) {
   identity.become(as);
-  const int data = openat(dir, name, O_RDONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-  if (data < 0) return -errno;
+  constexpr int kNew = O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+  const int made = openat(dir, name, (data ? O_RDWR : O_RDONLY) | kNew, mode);
+  if (made < 0) return -errno;
   // The descriptor's own path leads to this file whatever happens to the name meanwhile.
-  const int fd = result(open(FdPath(data).text, O_PATH | O_CLOEXEC));
-  close(data);
+  const int fd = result(open(FdPath(made).text, O_PATH | O_CLOEXEC));
+  if (data && fd >= 0) {
+    *data = made;
+  } else {
+    close(made);
+  }
   return fd;
 }
 
@@ -250,6 +259,14 @@ int host_fs_rename(const host_identity *as, int old_dir, const char *old_name, i
 
 int host_fs_chmod(const host_identity *as, int fd, unsigned mode) {
   identity.become(as);
+  // A newer call that needs no path; its number is the same on every architecture.
+  constexpr long kFchmodat2 = 452;
+  static std::atomic<bool> by_path = false;
+  if (!by_path) {
+    const long error = syscall(kFchmodat2, fd, "", mode & 07777, AT_EMPTY_PATH);
+    if (error == 0 || (errno != ENOSYS && errno != EINVAL)) return result(static_cast<int>(error));
+    by_path = true;
+  }
   return result(chmod(FdPath(fd).text, mode & 07777));
 }
 

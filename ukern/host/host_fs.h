@@ -65,8 +65,10 @@ int host_fs_access(const struct host_identity *as, int fd, int mask);
 /* The text of a symbolic link, cut to `size`, not terminated: its length. */
 long host_fs_readlink(int fd, char *buf, unsigned long size);
 
-/* Each makes a new name. Create: a path descriptor of the new regular file. */
-int host_fs_create(const struct host_identity *as, int dir, const char *name, unsigned mode);
+/* Each makes a new name. Create: a path descriptor of the new regular file, and in *data, unless
+ * data is NULL, a data descriptor for reading and writing it. */
+int host_fs_create(const struct host_identity *as, int dir, const char *name, unsigned mode,
+                   int *data);
 int host_fs_mkdir(const struct host_identity *as, int dir, const char *name, unsigned mode);
 int host_fs_mknod(const struct host_identity *as, int dir, const char *name, unsigned mode,
                   unsigned major, unsigned minor);

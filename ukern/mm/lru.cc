@@ -18,6 +18,7 @@ DEFINE_SPINLOCK(lru_lock);
 LIST_HEAD(inactive);  // both: newest first
 LIST_HEAD(active);
 unsigned long nr_inactive, nr_active;
+unsigned long nr_pages;  // of both; read without the lock
 
 // lru_lock is held.
 void add_locked(struct page *page) {
@@ -29,6 +30,7 @@ void add_locked(struct page *page) {
     nr_inactive++;
   }
   SetPageLRU(page);
+  __atomic_store_n(&nr_pages, nr_inactive + nr_active, __ATOMIC_RELAXED);
 }
 
 void del_locked(struct page *page) {
@@ -36,6 +38,7 @@ void del_locked(struct page *page) {
   INIT_LIST_HEAD(&page->lru);
   (PageActive(page) ? nr_active : nr_inactive)--;
   ClearPageLRU(page);
+  __atomic_store_n(&nr_pages, nr_inactive + nr_active, __ATOMIC_RELAXED);
 }
 
 // Moves the oldest active pages over; one that was used since stays. lru_lock is held.
@@ -95,6 +98,12 @@ bool reclaim(struct page *page) {
 }
 
 }  // namespace
+
+unsigned long page_cache_limit;
+
+unsigned long lru_pages(void) {
+  return __atomic_load_n(&nr_pages, __ATOMIC_RELAXED);
+}
 
 void lru_cache_add(struct page *page) {
   spin_lock(&lru_lock);

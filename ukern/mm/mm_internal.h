@@ -33,6 +33,10 @@ static inline void mapping_pages_add(struct address_space *mapping, long change)
 /* Pages that count as dirty (see mapping_cap_account_dirty) now. */
 extern atomic_t nr_file_dirty;
 
+/* What the page cache is kept below; set before the kernel starts. */
+extern unsigned long page_cache_limit;
+/* Pages on the reclaimer's lists. */
+unsigned long lru_pages(void);
 /* Takes a page that is about to be freed off the reclaimer's list. */
 void lru_cache_del(struct page *page);
 /* Looks at up to `scan` pages, the oldest first, and reclaims up to `want` of them: how many. May

@@ -4,8 +4,9 @@
  * every page back to the host at once, so that a sanitizer sees its use after that, and knows where
  * each was allocated; otherwise single pages come from larger blocks and wait on a free list.
  *
- * There is no upper limit: above totalram_pages the page cache is reclaimed first, and what cannot
- * be reclaimed stays. Memory runs out when the host says so or a fault is injected.
+ * There is no upper limit: above totalram_pages, or when it has reached its own limit, the page
+ * cache is reclaimed first, and what cannot be reclaimed stays. Memory runs out when the host says
+ * so or a fault is injected.
  */
 #include <linux/gfp.h>
 #include <linux/hash.h>
@@ -205,6 +206,12 @@ void free_block(struct page *page) {
   block_free(page);
 }
 
+// Whether something cached has to go before more is allocated.
+bool is_full() {
+  return (unsigned long)atomic_read(&nr_allocated) >= totalram_pages ||
+         lru_pages() >= page_cache_limit;
+}
+
 }  // namespace
 
 int page_alloc_init(void) {
@@ -223,8 +230,7 @@ void page_alloc_exit(void) {
 struct page *alloc_pages(gfp_t gfp_mask, unsigned int order) {
   might_sleep_if(gfp_mask & __GFP_WAIT);
   if (uk_fault_point()) return nullptr;
-  if ((gfp_mask & __GFP_WAIT) && (unsigned long)atomic_read(&nr_allocated) >= totalram_pages)
-    shrink_page_cache(kReclaimBatch, 16 * kReclaimBatch);
+  if ((gfp_mask & __GFP_WAIT) && is_full()) shrink_page_cache(kReclaimBatch, 16 * kReclaimBatch);
   struct page *page = block_alloc(order);
   if (!page) return nullptr;
   page->flags = 0;

@@ -253,12 +253,6 @@ void *radix_tree_tag_clear(struct radix_tree_root *root, unsigned long index, un
   return path[0]->slots[slot_of(index, 0)];
 }
 
-int radix_tree_tag_get(struct radix_tree_root *root, unsigned long index, unsigned int tag) {
-  radix_tree_node *path[kMaxHeight] = {};
-  BUG_ON(tag >= RADIX_TREE_TAGS);
-  return walk(root, index, path) && (path[0]->tags[tag] >> slot_of(index, 0) & 1);
-}
-
 int radix_tree_tagged(struct radix_tree_root *root, unsigned int tag) {
   return root->rnode && root->rnode->tags[tag] != 0;
 }

@@ -258,12 +258,13 @@ static struct sock *netlink_getsockbypid(struct sock *ssk, u32 pid) {
   return sk;
 }
 
-// Sleeps until the receiver has made room, it is gone, a signal comes or the time is up.
+// Sleeps until the receiver has read something, it is gone, a signal comes or the time is up, which
+// leaves none of it. What others take of the room meanwhile is no reason to give up.
 static void netlink_wait_for_room(struct sock *sk, long *timeo) {
   DECLARE_WAITQUEUE(wait, current);
   add_wait_queue(&nlk_sk(sk)->wait, &wait);
   set_current_state(TASK_INTERRUPTIBLE);
-  if (netlink_full(sk) && !sock_flag(sk, SOCK_DEAD)) *timeo = schedule_timeout(*timeo);
+  if (netlink_full(sk) && !sock_flag(sk, SOCK_DEAD) && schedule_timeout(*timeo) == 0) *timeo = 0;
   __set_current_state(TASK_RUNNING);
   remove_wait_queue(&nlk_sk(sk)->wait, &wait);
 }

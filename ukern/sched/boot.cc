@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // Start and end of the kernel.
+#include "ukern/mm/mm_internal.h"
 #include "ukern/sched/boot.h"
 
 #include <linux/errno.h>
@@ -67,6 +68,7 @@ int uk_boot(const struct uk_boot_options *options) {
   ukern_printk_reset();
   ukern_lockcheck_reset();
   totalram_pages = options->ram_pages ? options->ram_pages : kRamPages;
+  page_cache_limit = options->cache_pages ? options->cache_pages : totalram_pages;
 
   ukern_task_setup(&init_task, 0, "swapper");
   ukern_set_current(&init_task);

@@ -76,6 +76,24 @@ void flush_signals(struct task_struct *task) {
   spin_unlock(&task->sighand->siglock);
 }
 
+int sigprocmask(int how, sigset_t *set, sigset_t *oldset) {
+  int error = 0;
+  spin_lock_irq(&current->sighand->siglock);
+  if (oldset) *oldset = current->blocked;
+  unsigned long *blocked = &current->blocked.sig[0];
+  if (how == SIG_BLOCK)
+    *blocked |= set->sig[0];
+  else if (how == SIG_UNBLOCK)
+    *blocked &= ~set->sig[0];
+  else if (how == SIG_SETMASK)
+    *blocked = set->sig[0];
+  else
+    error = -EINVAL;
+  recalc_sigpending();
+  spin_unlock_irq(&current->sighand->siglock);
+  return error;
+}
+
 int send_sig(int sig, struct task_struct *task, int priv) {
   if (sig < 0 || !valid_signal((unsigned long)sig)) return -EINVAL;
   if (!priv && !may_signal(task)) return -EPERM;
@@ -115,6 +133,16 @@ void uk_task_set_signal_handler(struct uk_task *uk_task, int (*handler)(void *ar
   task->deliver = handler;
   task->deliver_arg = arg;
   spin_unlock(&task->sighand->siglock);
+}
+
+void uk_task_interrupt(struct uk_task *task, unsigned long long signals) {
+  for (int sig = 1; sig <= _NSIG; sig++) {
+    if (signals & sigmask(sig)) deliver((struct task_struct *)task, sig);
+  }
+}
+
+void uk_task_calm(struct uk_task *task) {
+  flush_signals((struct task_struct *)task);
 }
 
 unsigned long long uk_task_signals(struct uk_task *uk_task) {

@@ -100,10 +100,11 @@ void change_ids(struct task_struct *task, const uk_cred *cred) {
   task->gid = task->egid = task->sgid = task->fsgid = cred->gid;
   task->cap_effective = task->cap_permitted = cred->cap_effective;
   if (task->pid == cred->pid) return;
-  ukern_task_unhash(task);
+  const bool hidden = hlist_unhashed(&task->pid_link);
+  if (!hidden) ukern_task_unhash(task);
   task->pid = task->tgid = cred->pid;
   flush_signals(task);  // those were for another process
-  ukern_task_hash(task);
+  if (!hidden) ukern_task_hash(task);
 }
 
 struct task_struct *task_of(struct uk_task *task) {
@@ -206,8 +207,20 @@ char *get_task_comm(char *to, struct task_struct *task) {
   return to;
 }
 
+// Without memory the program counts as unknown, which gives no right to anything.
+static void find_exe(struct task_struct *task) {
+  uk_fault_pause();
+  char *path = (char *)__getname();
+  const long len = path ? task->find_exe(task->pid, path, PATH_MAX - 1) : 0;
+  if (len > 0) path[len] = '\0';
+  if (change_exe(task, len > 0 ? path : NULL)) change_exe(task, NULL);
+  if (path) __putname(path);
+  uk_fault_resume();
+}
+
 struct mm_struct *get_task_mm(struct task_struct *task) {
   might_sleep();
+  if (task->find_exe) find_exe(task);
   task_lock(task);
   struct mm_struct *mm = task->mm;
   if (mm) atomic_inc(&mm->mm_users);
@@ -270,8 +283,17 @@ int uk_task_set_cred(struct uk_task *uk_task, const struct uk_cred *cred) {
   struct task_struct *task = task_of(uk_task);
   int error = change_groups(task, cred->ngroups, cred->groups);
   if (!error) error = change_exe(task, cred->exe);
-  if (!error) change_ids(task, cred);
-  return error;
+  if (error) return error;
+  change_ids(task, cred);
+  task->find_exe = cred->find_exe;
+  return 0;
+}
+
+void uk_task_hide(struct uk_task *uk_task) {
+  struct task_struct *task = task_of(uk_task);
+  write_lock(&tasklist_lock);
+  hlist_del_init(&task->pid_link);
+  write_unlock(&tasklist_lock);
 }
 
 void uk_task_put(struct uk_task *task) {

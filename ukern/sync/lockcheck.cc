@@ -41,11 +41,14 @@ struct ThreadLocks {
 
 __thread ThreadLocks mine __attribute__((tls_model("initial-exec")));
 
-// A class is a key and a subclass. Slot 0 is no class. Keys are written once, under the word.
+__thread unsigned int init_depth __attribute__((tls_model("initial-exec")));
+
+// A class is a key, a subclass and a depth. Slot 0 is no class. Keys are written once, under the
+// word.
 struct LockClass {
-  const char *key; /* address of the subclass's byte in the key */
+  const char *key; /* address of the byte in the key for the subclass and depth */
   const char *name;
-  unsigned int subclass;
+  unsigned int subclass, depth;
 };
 
 // "later was taken under earlier", and where, the first time.
@@ -71,7 +74,7 @@ bool is_static(const void *address) {
   return (const char *)address >= __executable_start && (const char *)address < _end;
 }
 
-unsigned int class_add(const char *key, const char *name, unsigned int subclass) {
+unsigned int class_add(const char *key, const lockdep_map *map, unsigned int subclass) {
   const unsigned int start = (unsigned int)hash_long((unsigned long)key, kClassBits);
   for (unsigned int i = 0; i < kClasses; i++) {
     const unsigned int slot = (start + i) % kClasses;
@@ -79,8 +82,9 @@ unsigned int class_add(const char *key, const char *name, unsigned int subclass)
     LockClass *lock_class = &classes[slot];
     if (lock_class->key == key) return slot;
     if (lock_class->key) continue;
-    lock_class->name = name;
+    lock_class->name = map->name;
     lock_class->subclass = subclass;
+    lock_class->depth = map->key ? map->depth : 0;
     __atomic_store_n(&lock_class->key, key, __ATOMIC_RELEASE);
     return slot;
   }
@@ -90,7 +94,7 @@ unsigned int class_add(const char *key, const char *name, unsigned int subclass)
 unsigned int class_of(lockdep_map *map, unsigned int subclass) {
   const char *key;
   if (map->key)
-    key = map->key->subkeys + subclass;
+    key = map->key->subkeys + map->depth * MAX_LOCKDEP_SUBCLASSES + subclass;
   else if (is_static(map))
     key = (const char *)map + subclass;
   else
@@ -105,7 +109,7 @@ unsigned int class_of(lockdep_map *map, unsigned int subclass) {
     if (!there) break;
   }
   ukern_word_lock(&graph_word);
-  const unsigned int slot = class_add(key, map->name, subclass);
+  const unsigned int slot = class_add(key, map, subclass);
   ukern_word_unlock(&graph_word);
   return slot;
 }
@@ -114,17 +118,15 @@ struct Label {
   char text[80];
 };
 
-Label label(const char *name, unsigned int subclass) {
-  Label label;
-  if (subclass)
-    snprintf(label.text, sizeof(label.text), "%s/%u", name, subclass);
-  else
-    snprintf(label.text, sizeof(label.text), "%s", name);
-  return label;
-}
-
+// "name", "name/subclass"; " at depth n" where it lies on others.
 Label class_label(unsigned int slot) {
-  return label(classes[slot].name, classes[slot].subclass);
+  const LockClass &it = classes[slot];
+  char subclass[16] = "", depth[24] = "";
+  if (it.subclass) snprintf(subclass, sizeof(subclass), "/%u", it.subclass);
+  if (it.depth) snprintf(depth, sizeof(depth), " at depth %u", it.depth);
+  Label label;
+  snprintf(label.text, sizeof(label.text), "%s%s%s", it.name, subclass, depth);
+  return label;
 }
 
 const char *name_of(const lockdep_map *map) {
@@ -253,11 +255,22 @@ Held *find_held(const lockdep_map *map) {
 
 extern "C" {
 
-void lockdep_init_map(struct lockdep_map *map, const char *name, struct lock_class_key *key) {
+void ukern_lock_set_class(struct lockdep_map *map, const char *name, struct lock_class_key *key) {
   if (unlikely(mine.depth && find_held(map)))
     complain(map, find_held(map)->kind, "initialised while it is held");
   map->name = name;
   map->key = key;
+}
+
+void lockdep_init_map(struct lockdep_map *map, const char *name, struct lock_class_key *key) {
+  ukern_lock_set_class(map, name, key);
+  map->depth = init_depth;
+}
+
+unsigned int ukern_lock_set_depth(unsigned int depth) {
+  const unsigned int before = init_depth;
+  init_depth = depth < UKERN_LOCK_DEPTHS ? depth : UKERN_LOCK_DEPTHS - 1;
+  return before;
 }
 
 void ukern_lock_before(struct lockdep_map *map, enum ukern_lock_kind kind, unsigned int subclass) {

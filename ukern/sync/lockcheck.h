@@ -11,6 +11,9 @@
  *   - sleeping locks taken, and anything else that may sleep, under a spin lock
  *   - initialising or freeing a lock that is held; ending a task or a call with a lock held
  *
+ * Locks that are initialised while a file system's object is being made (UKERN_LOCK_DEPTH) get the
+ * depth of that file system as part of their class, unless their key is theirs alone.
+ *
  * Attempts (trylock) cannot deadlock and teach no order. A lock of no class (neither static nor
  * initialised by a function) is checked for everything but order. The learned order is forgotten at
  * boot. Owns no kernel object, takes no kernel lock, never sleeps. In release builds all of this is
@@ -46,7 +49,23 @@ void ukern_lock_check_free(const void *memory, unsigned long size);
 void ukern_lock_check_none(const char *when);
 /* Forgets classes and order. No lock may be held. */
 void ukern_lockcheck_reset(void);
+/* The depth for locks that the calling thread initialises from now on; the one before is the
+ * result. */
+unsigned int ukern_lock_set_depth(unsigned int depth);
 }
+
+/* Locks initialised until the end of the scope belong to a file system of that depth. */
+class ukern_lock_depth {
+ public:
+  explicit ukern_lock_depth(unsigned int depth) : outer_(ukern_lock_set_depth(depth)) {}
+  ~ukern_lock_depth() { ukern_lock_set_depth(outer_); }
+  ukern_lock_depth(const ukern_lock_depth &) = delete;
+  ukern_lock_depth &operator=(const ukern_lock_depth &) = delete;
+
+ private:
+  unsigned int outer_;
+};
+#define UKERN_LOCK_DEPTH(depth) ukern_lock_depth lock_depth_(depth)
 
 #define UKERN_LOCK_BEFORE(map, kind, subclass) ukern_lock_before(map, kind, subclass)
 #define UKERN_LOCK_GOT(map, kind, subclass) ukern_lock_got(map, kind, subclass)
@@ -59,6 +78,7 @@ void ukern_lockcheck_reset(void);
 #define UKERN_LOCK_GOT(map, kind, subclass) (void)0
 #define UKERN_LOCK_RELEASE(map, kind) (void)0
 #define UKERN_LOCK_DOWNGRADE(map) (void)0
+#define UKERN_LOCK_DEPTH(depth) (void)0
 
 static inline void ukern_lock_check_free(const void *, unsigned long) {}
 static inline void ukern_lock_check_none(const char *) {}

@@ -48,10 +48,13 @@ static char *path_locked(struct dentry *dentry, struct vfsmount *mnt, struct den
   while (dentry != root || mnt != rootmnt) {
     if (dentry == mnt->mnt_root || IS_ROOT(dentry)) {
       if (cross_mount(&dentry, &mnt)) continue;
-      // The name of a root is "/", which a path that is not empty begins with already.
+      // The name of the root of all, mostly "/", takes the place of the slash that a path begins
+      // with, but has to find room beside it.
       const struct qstr *name = &dentry->d_name;
-      if (!empty && name->len && name->name[0] == '/') break;
-      return text.put(name->name, (int)name->len) ? text.at : too_long;
+      if (!text.put(name->name, (int)name->len)) return too_long;
+      if (empty) return text.at;
+      memmove(text.at + 1, text.at, name->len);
+      return text.at + 1;
     }
     if (!text.put(dentry->d_name.name, (int)dentry->d_name.len) || !text.put("/")) return too_long;
     empty = false;

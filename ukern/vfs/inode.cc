@@ -15,6 +15,8 @@
 #include <linux/string.h>
 #include <linux/writeback.h>
 
+#include "ukern/sync/lockcheck.h"
+
 static const unsigned kHashBits = 16;
 static const unsigned kHashSize = 1u << kHashBits;
 static const unsigned kWaitQueues = 64;
@@ -111,6 +113,7 @@ static struct inode *alloc_inode(struct super_block *sb) {
   struct inode *inode;
   struct address_space *mapping;
 
+  UKERN_LOCK_DEPTH(sb->ukern_depth);
   if (sb->s_op->alloc_inode) {
     inode = sb->s_op->alloc_inode(sb);
   } else {
@@ -119,8 +122,6 @@ static struct inode *alloc_inode(struct super_block *sb) {
   }
   if (!inode) return NULL;
 
-  lockdep_set_class(&inode->i_mutex, &sb->s_type->i_mutex_key);
-  lockdep_set_class(&inode->i_alloc_sem, &sb->s_type->i_alloc_sem_key);
   inode->i_sb = sb;
   inode->i_blkbits = sb->s_blocksize_bits;
   inode->i_flags = 0;

@@ -78,7 +78,11 @@ bool at_root(struct nameidata *nd) {
 // when it does not and nobody's use kept it from being thrown out.
 struct dentry *revalidate(struct dentry *dentry, struct nameidata *nd) {
   if (!dentry->d_op || !dentry->d_op->d_revalidate) return dentry;
-  if (dentry->d_op->d_revalidate(dentry, nd) || d_invalidate(dentry)) return dentry;
+  if (dentry->d_op->d_revalidate(dentry, nd)) return dentry;
+  if (d_invalidate(dentry)) {
+    if (nd) nd->flags |= WALK_DISOWNED;
+    return dentry;
+  }
   dput(dentry);
   return NULL;
 }
@@ -119,6 +123,7 @@ struct dentry *real_lookup(struct dentry *parent, struct qstr *name, struct name
 
 // One component from nd's place, mounts on it included; `path` gets the references.
 int do_lookup(struct nameidata *nd, struct qstr *name, struct walk_path *path) {
+  nd->flags &= ~WALK_DISOWNED;
   struct dentry *dentry = __d_lookup(nd->dentry, name);
   if (dentry) dentry = revalidate(dentry, nd);
   if (!dentry) dentry = real_lookup(nd->dentry, name, nd);

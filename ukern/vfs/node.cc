@@ -120,6 +120,17 @@ bool leads_to(struct nameidata *nd, struct uk_node *node) {
   return nd->dentry->d_inode == node->inode && nd->mnt == node->mnt;
 }
 
+// The walk of a name to whatever has it now. A directory that its file system has disowned keeps
+// its name in the cache for as long as it is used, and a node uses every directory that was ever
+// looked up: such a one gives its name up here. The nodes of it stay with it.
+int walk_name(struct walk_path *dir, const char *name, struct nameidata *nd) {
+  int error = path_lookup_from(dir, name, 0, nd);
+  if (error || !(nd->flags & WALK_DISOWNED) || have_submounts(nd->dentry)) return error;
+  d_drop(nd->dentry);
+  path_release(nd);
+  return path_lookup_from(dir, name, 0, nd);
+}
+
 // An open walk that ends where it began. Takes over the path's references, also on failure.
 int open_in_place(struct walk_path *path, int flags, struct nameidata *nd) {
   struct file *file = get_empty_filp();
@@ -259,7 +270,7 @@ int node_check_name(const char *name) {
 int node_result(struct walk_path *dir, const char *name, struct uk_node **out,
                 struct uk_stat *stat) {
   struct nameidata nd;
-  int error = path_lookup_from(dir, name, 0, &nd);
+  int error = walk_name(dir, name, &nd);
   if (error) return error;
   struct walk_path path = {nd.mnt, nd.dentry};
   error = node_stat(&path, stat);

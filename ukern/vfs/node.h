@@ -14,6 +14,8 @@
 #ifndef UKERN_VFS_NODE_H
 #define UKERN_VFS_NODE_H
 
+#include <linux/sched.h>
+
 #include "ukern/uk_core.h"
 #include "ukern/uk_fs.h"
 #include "ukern/vfs/walk.h"
@@ -62,6 +64,21 @@ int node_stat(struct walk_path *path, struct uk_stat *stat);
 
 #ifdef __cplusplus
 }
+
+/*
+ * One call of the hosting program by the current task, for as long as this stands. Several looks at
+ * one object within it may be one look: nobody can tell at what moment of the call it was made.
+ */
+class one_call {
+ public:
+  one_call() {
+    static unsigned long calls;
+    current->call = __atomic_add_fetch(&calls, 1, __ATOMIC_RELAXED);
+  }
+  ~one_call() { current->call = 0; }
+  one_call(const one_call &) = delete;
+  one_call &operator=(const one_call &) = delete;
+};
 
 /* Makes a buffer user memory of the current task for as long as this stands. */
 class user_buffer {

@@ -53,12 +53,35 @@ int take_entry(void *buf, const char *name, int len, loff_t offset, ino_t ino, u
   return 0;
 }
 
+int open_to_run(struct uk_node *node, struct uk_file **out) {
+  struct walk_path path;
+  int error = node_walk(node, &path);
+  if (error) return error;
+  struct inode *inode = path.dentry->d_inode;
+  struct nameidata nd = {};
+  nd.mnt = path.mnt;
+  nd.dentry = path.dentry;
+  error = S_ISREG(inode->i_mode) && (inode->i_mode & 0111) && !(path.mnt->mnt_flags & MNT_NOEXEC)
+              ? vfs_permission(&nd, MAY_EXEC)
+              : -EACCES;
+  if (error) {
+    path_put(&path);
+    return error;
+  }
+  struct file *file = dentry_open(path.dentry, path.mnt, O_RDONLY | O_LARGEFILE);
+  if (IS_ERR(file)) return (int)PTR_ERR(file);
+  *out = (struct uk_file *)file;
+  return 0;
+}
+
 }  // namespace
 
 extern "C" {
 
 int uk_open(struct uk_node *node, int flags, struct uk_file **out) {
+  const one_call call;
   struct nameidata nd;
+  if (flags & UK_OPEN_TO_RUN) return open_to_run(node, out);
   flags = (flags & ~(O_CREAT | O_EXCL)) | O_LARGEFILE;
   int walk_flags = flags;
   if ((walk_flags + 1) & O_ACCMODE) walk_flags++;
@@ -73,6 +96,7 @@ int uk_open(struct uk_node *node, int flags, struct uk_file **out) {
 
 int uk_create(struct uk_node *dir, const char *name, int flags, unsigned mode, struct uk_node **out,
               struct uk_file **file, struct uk_stat *stat) {
+  const one_call call;
   struct walk_path path;
   int error = node_check_name(name);
   if (error) return error;
@@ -103,13 +127,24 @@ long uk_read(struct uk_file *file, void *buf, unsigned long len, unsigned long l
   return range.error() ? range.error() : vfs_read(filp, (char *)buf, len, &at);
 }
 
-long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos) {
+long uk_write_with(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos,
+                   int flags) {
   struct file *filp = filp_of(file);
   loff_t at = (loff_t)pos;
   if (at < 0) return -EINVAL;
   if (!(filp->f_mode & FMODE_PWRITE)) return -ESPIPE;
   user_buffer range(buf, len);
-  return range.error() ? range.error() : vfs_write(filp, (const char *)buf, len, &at);
+  if (range.error()) return range.error();
+  if (!((filp->f_flags ^ (unsigned)flags) & O_APPEND))
+    return vfs_write(filp, (const char *)buf, len, &at);
+  // Others write through this file at the same time, with flags of their own.
+  struct file as_now = *filp;
+  as_now.f_flags ^= O_APPEND;
+  return vfs_write(&as_now, (const char *)buf, len, &at);
+}
+
+long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos) {
+  return uk_write_with(file, buf, len, pos, (int)filp_of(file)->f_flags);
 }
 
 int uk_flush(struct uk_file *file) {

@@ -39,6 +39,7 @@ int uk_node_at(const char *name, struct uk_node **out) {
 }
 
 int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struct uk_stat *stat) {
+  const one_call call;
   struct walk_path path;
   const int error = enter(dir, name, &path);
   return error ? error : leave(&path, 0, name, out, stat);
@@ -46,6 +47,7 @@ int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struc
 
 int uk_mknod(struct uk_node *dir, const char *name, unsigned mode, unsigned rdev,
              struct uk_node **out, struct uk_stat *stat) {
+  const one_call call;
   struct walk_path path;
   const int error = enter(dir, name, &path);
   if (error) return error;
@@ -54,6 +56,7 @@ int uk_mknod(struct uk_node *dir, const char *name, unsigned mode, unsigned rdev
 
 int uk_mkdir(struct uk_node *dir, const char *name, unsigned mode, struct uk_node **out,
              struct uk_stat *stat) {
+  const one_call call;
   struct walk_path path;
   const int error = enter(dir, name, &path);
   return error ? error : leave(&path, mkdir_at(&path, name, (int)mode), name, out, stat);
@@ -61,6 +64,7 @@ int uk_mkdir(struct uk_node *dir, const char *name, unsigned mode, struct uk_nod
 
 int uk_symlink(struct uk_node *dir, const char *name, const char *target, struct uk_node **out,
                struct uk_stat *stat) {
+  const one_call call;
   struct walk_path path;
   if (strlen(target) >= PATH_MAX) return -ENAMETOOLONG;
   const int error = enter(dir, name, &path);
@@ -69,6 +73,7 @@ int uk_symlink(struct uk_node *dir, const char *name, const char *target, struct
 
 int uk_link(struct uk_node *node, struct uk_node *dir, const char *name, struct uk_node **out,
             struct uk_stat *stat) {
+  const one_call call;
   struct walk_path path, old;
   int error = enter(dir, name, &path);
   if (error) return error;
@@ -81,6 +86,7 @@ int uk_link(struct uk_node *node, struct uk_node *dir, const char *name, struct 
 }
 
 int uk_unlink(struct uk_node *dir, const char *name) {
+  const one_call call;
   struct walk_path path;
   int error = enter(dir, name, &path);
   if (error) return error;
@@ -90,6 +96,7 @@ int uk_unlink(struct uk_node *dir, const char *name) {
 }
 
 int uk_rmdir(struct uk_node *dir, const char *name) {
+  const one_call call;
   struct walk_path path;
   int error = enter(dir, name, &path);
   if (error) return error;
@@ -100,6 +107,7 @@ int uk_rmdir(struct uk_node *dir, const char *name) {
 
 int uk_rename(struct uk_node *old_dir, const char *old_name, struct uk_node *new_dir,
               const char *new_name) {
+  const one_call call;
   struct walk_path from, to;
   int error = node_check_name(new_name);
   if (!error) error = enter(old_dir, old_name, &from);

@@ -23,6 +23,10 @@ struct walk_path {
   struct dentry *dentry;
 };
 
+/* In nd->flags after a walk: the file system has disowned the last component, which is in the cache
+ * because it is a directory in use. No file system tests it. */
+#define WALK_DISOWNED 0x8000000u
+
 /* path_lookup from a base. */
 int path_lookup_from(const struct walk_path *base, const char *name, unsigned flags,
                      struct nameidata *nd);

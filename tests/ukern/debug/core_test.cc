@@ -117,6 +117,45 @@ CASE(core, signal_without_a_handler_is_recorded) {
   uk_task_put(task);
 }
 
+CASE(core, hidden_task_is_found_by_no_process_id) {
+  struct uk_task *task = new_task(4711, 50, NULL, 0);
+  REQUIRE_TRUE(task != NULL);
+  uk_task_hide(task);
+  EXPECT_EQ(kill_proc(4711, 0, 1), -ESRCH);
+  uk_cred second = {};
+  second.pid = 4712;
+  EXPECT_EQ(uk_task_set_cred(task, &second), 0);
+  EXPECT_EQ(kill_proc(4712, 0, 1), -ESRCH);
+  EXPECT_EQ(((struct task_struct *)task)->pid, 4712);
+  uk_task_put(task);
+}
+
+CASE(core, program_is_asked_for_when_it_matters) {
+  static const char *program;
+  program = "/first";
+  uk_cred cred = {};
+  cred.pid = 4711;
+  cred.find_exe = [](int pid, char *buf, unsigned long size) {
+    if (pid != 4711 || !program || strlen(program) > size) return 0l;
+    memcpy(buf, program, strlen(program));
+    return (long)strlen(program);
+  };
+  uk_task *uk = uk_task_new(&cred);
+  REQUIRE_TRUE(uk);
+  auto *task = (struct task_struct *)uk;
+  EXPECT_EQ(task->exe, (char *)NULL);
+  if (struct mm_struct *mm = get_task_mm(task)) mmput(mm);
+  REQUIRE_TRUE(task->exe);
+  EXPECT_EQ(strcmp(task->exe, "/first"), 0);
+  program = "/second";
+  if (struct mm_struct *mm = get_task_mm(task)) mmput(mm);
+  REQUIRE_TRUE(task->exe);
+  EXPECT_EQ(strcmp(task->exe, "/second"), 0);
+  program = NULL;
+  EXPECT_EQ(get_task_mm(task), (struct mm_struct *)NULL);
+  uk_task_put(uk);
+}
+
 CASE(core, of_two_tasks_with_one_pid_the_handler_gets_the_signal) {
   int got = 0;
   struct uk_task *with = new_task(4711, 50, NULL, 0);
@@ -219,7 +258,8 @@ CASE(core, bugs_are_reported) {
 }
 
 CASE(core, second_boot_is_refused) {
-  const uk_boot_options options = {"memfs", NULL, 0};
+  uk_boot_options options = {};
+  options.root_type = "memfs";
   EXPECT_EQ(uk_boot(&options), -EBUSY);
 }
 

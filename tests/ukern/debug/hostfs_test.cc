@@ -3,82 +3,11 @@
 // moment.
 #include <linux/xattr.h>
 #include "tests/harness/case.h"
+#include "tests/ukern/host_dir.h"
 #include "tests/ukern/open_file.h"
 #include "ukern/fs/hostfs.h"
-#include "ukern/host/host.h"
-#include "ukern/host/host_fs.h"
-#include "ukern/uk_fs.h"
 
 namespace {
-
-// A fresh directory of the host, mounted on /h; emptied and removed at the end.
-class host_dir {
- public:
-  host_dir() {
-    snprintf(path_, sizeof(path_), "/tmp/hostfs-test-%llx", (unsigned long long)host_wall_ns());
-    tmp_ = host_fs_root("/tmp");
-    error_ = tmp_ < 0 ? tmp_ : host_fs_mkdir(NULL, tmp_, path_ + 5, 0755);
-    if (error_) return;
-    fd_ = host_fs_root(path_);
-    error_ = name_mkdir("/h", 0755);
-    if (!error_) error_ = uk_fs_mount(path_, "/h", "hostfs", 0, NULL);
-    mounted_ = !error_;
-  }
-  ~host_dir() {
-    if (mounted_) EXPECT_EQ(uk_fs_umount("/h", 0), 0);
-    if (fd_ >= 0) {
-      empty(fd_);
-      host_fs_close(fd_);
-      EXPECT_EQ(host_fs_rmdir(NULL, tmp_, path_ + 5), 0);
-    }
-    if (tmp_ >= 0) host_fs_close(tmp_);
-  }
-  host_dir(const host_dir &) = delete;
-  host_dir &operator=(const host_dir &) = delete;
-
-  int error() const { return error_; }
-  int fd() const { return fd_; }
-  const char *path() const { return path_; }
-
-  // The host's own view of a name in the directory.
-  int stat(const char *name, struct host_stat *out) {
-    return host_fs_stat_name(NULL, fd_, name, out);
-  }
-  // Behind the file system's back: a file with this content.
-  int put(const char *name, const char *text) {
-    const int path_fd = host_fs_create(NULL, fd_, name, 0644);
-    if (path_fd < 0) return path_fd;
-    const int data = host_fs_open(path_fd, HOST_OPEN_WRITE);
-    const long n = data < 0 ? data : host_fs_pwrite(NULL, data, text, strlen(text), 0);
-    if (data >= 0) host_fs_close(data);
-    host_fs_close(path_fd);
-    return n < 0 ? (int)n : 0;
-  }
-
- private:
-  static void empty(int dir) {
-    const int data = host_fs_open(dir, HOST_OPEN_DIR);
-    static char entries[32768];
-    for (;;) {
-      const long bytes = host_fs_getdents(data, 0, entries, sizeof(entries));
-      int removed = 0;
-      for (long at = 0; at < bytes;) {
-        const struct host_dirent *entry = (const struct host_dirent *)(entries + at);
-        at += entry->length;
-        if (!strcmp(entry->name, ".") || !strcmp(entry->name, "..")) continue;
-        removed |=
-            !host_fs_unlink(NULL, dir, entry->name) || !host_fs_rmdir(NULL, dir, entry->name);
-      }
-      if (!removed) break;
-    }
-    host_fs_close(data);
-  }
-
-  char path_[64];
-  int tmp_ = -1, fd_ = -1;
-  int error_;
-  int mounted_ = 0;
-};
 
 struct names {
   unsigned count;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // Mapped files: faults, dirtying, msync, truncation, private copies, and reclaim around them.
+#include "ukern/mm/mm_internal.h"
 #include "tests/harness/case.h"
 #include "tests/ukern/open_file.h"
 #include "ukern/fs/memfs.h"
@@ -171,6 +172,17 @@ CASE(mapping, the_cache_stays_below_the_memory) {
   for (int i = 0; i < 400; i++) EXPECT_EQ(byte_at(file, (loff_t)i * 4096), 0);
   EXPECT_LE(file.mapping()->nrpages, 100ul);
   totalram_pages = old;
+}
+
+CASE(mapping, the_cache_stays_below_its_own_limit) {
+  const unsigned long old = page_cache_limit;
+  open_file file("/f");
+  REQUIRE_EQ(file.error(), 0);
+  EXPECT_EQ(file.truncate(400 * 4096), 0);
+  page_cache_limit = 100;
+  for (int i = 0; i < 400; i++) EXPECT_EQ(byte_at(file, (loff_t)i * 4096), 0);
+  EXPECT_LE(file.mapping()->nrpages, 100ul);
+  page_cache_limit = old;
 }
 
 CASE(mapping, the_write_back_threads_write_what_is_dirty) {

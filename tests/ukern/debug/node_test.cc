@@ -181,6 +181,83 @@ CASE(node, read_and_write) {
   EXPECT_EQ(stat.size, 0ull);
 }
 
+CASE(node, a_write_has_the_flags_of_its_moment) {
+  node root("/"), f;
+  open_file appends, writes;
+  char buf[16] = {};
+  REQUIRE_EQ(put_text(root, "f", "0123"), 0);
+  REQUIRE_EQ(uk_lookup(root, "f", f.out(), NULL), 0);
+  REQUIRE_EQ(uk_open(f, O_WRONLY | O_APPEND, appends.out()), 0);
+  EXPECT_EQ(uk_write_with(appends, "a", 1, 0, O_WRONLY), 1);
+  EXPECT_EQ(uk_write_with(appends, "b", 1, 0, O_WRONLY | O_APPEND), 1);
+  EXPECT_EQ(uk_write(appends, "c", 1, 0), 1);
+  REQUIRE_EQ(uk_open(f, O_WRONLY, writes.out()), 0);
+  EXPECT_EQ(uk_write_with(writes, "d", 1, 1, O_WRONLY | O_APPEND), 1);
+  EXPECT_EQ(uk_write_with(writes, "e", 1, 1, O_WRONLY), 1);
+  EXPECT_EQ(get_text(f, buf, sizeof(buf)), 0);
+  EXPECT_STREQ(buf, "ae23bcd");
+}
+
+CASE(node, an_open_for_reading_truncates_with_the_right_to_write) {
+  node root("/"), f;
+  open_file file;
+  struct uk_stat want = {}, stat;
+  REQUIRE_EQ(put_text(root, "f", "0123"), 0);
+  REQUIRE_EQ(uk_lookup(root, "f", f.out(), NULL), 0);
+  REQUIRE_EQ(uk_open(f, O_RDONLY, file.out()), 0);
+  want.size = 2;
+  EXPECT_EQ(uk_setattr(f, file, UK_SET_SIZE, &want, &stat), 0);
+  EXPECT_EQ(stat.size, 2ull);
+  want.mode = 0444;
+  REQUIRE_EQ(uk_setattr(f, NULL, UK_SET_MODE, &want, &stat), 0);
+  want.size = 0;
+  {
+    const as_user nobody(1000, 1000);
+    EXPECT_EQ(uk_setattr(f, file, UK_SET_SIZE, &want, &stat), -EACCES);
+  }
+  EXPECT_EQ(uk_getattr(f, file, &stat), 0);
+  EXPECT_EQ(stat.size, 2ull);
+}
+
+CASE(node, what_may_be_run_need_not_be_readable) {
+  node root("/"), f, d;
+  struct uk_file *out = NULL;
+  struct uk_stat want = {};
+  REQUIRE_EQ(put_text(root, "f", "0123"), 0);
+  REQUIRE_EQ(uk_lookup(root, "f", f.out(), NULL), 0);
+  REQUIRE_EQ(uk_mkdir(root, "d", 0755, d.out(), NULL), 0);
+  EXPECT_EQ(uk_open(f, O_RDONLY | UK_OPEN_TO_RUN, &out), -EACCES);
+  EXPECT_EQ(uk_open(d, O_RDONLY | UK_OPEN_TO_RUN, &out), -EACCES);
+  want.mode = 0711;
+  REQUIRE_EQ(uk_setattr(f, NULL, UK_SET_MODE, &want, NULL), 0);
+  {
+    const as_user nobody(1000, 1000);
+    open_file file;
+    char buf[8] = {};
+    EXPECT_EQ(uk_open(f, O_RDONLY, &out), -EACCES);
+    REQUIRE_EQ(uk_open(f, O_RDONLY | UK_OPEN_TO_RUN, file.out()), 0);
+    EXPECT_EQ(uk_read(file, buf, 4, 0), 4);
+    EXPECT_EQ(uk_write(file, "x", 1, 0), (long)-EBADF);
+  }
+}
+
+CASE(node, a_change_of_nothing_takes_set_id_bits_away) {
+  node root("/"), f;
+  struct uk_stat want = {}, stat;
+  REQUIRE_EQ(put_text(root, "f", ""), 0);
+  REQUIRE_EQ(uk_lookup(root, "f", f.out(), NULL), 0);
+  want.mode = 06755;
+  REQUIRE_EQ(uk_setattr(f, NULL, UK_SET_MODE, &want, &stat), 0);
+  EXPECT_EQ(stat.mode, (unsigned)S_IFREG | 06755);
+  {
+    const as_user nobody(1000, 1000);
+    EXPECT_EQ(uk_setattr(f, NULL, 0, &want, &stat), 0);
+    EXPECT_EQ(stat.mode, (unsigned)S_IFREG | 06755);
+  }
+  EXPECT_EQ(uk_setattr(f, NULL, 0, &want, &stat), 0);
+  EXPECT_EQ(stat.mode, (unsigned)S_IFREG | 0755);
+}
+
 CASE(node, create_does_not_follow_links) {
   node root("/"), f;
   open_file file;

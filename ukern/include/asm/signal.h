@@ -12,6 +12,10 @@ typedef struct {
   unsigned long sig[_NSIG_WORDS];
 } sigset_t;
 
+#define SIG_BLOCK 0
+#define SIG_UNBLOCK 1
+#define SIG_SETMASK 2
+
 #define SIGHUP 1
 #define SIGINT 2
 #define SIGQUIT 3

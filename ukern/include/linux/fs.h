@@ -244,7 +244,7 @@ struct inode {
   struct timespec i_mtime;
   struct timespec i_ctime;
   ukern_field<unsigned int> i_blkbits;
-  unsigned long i_blksize;
+  ukern_field<unsigned long> i_blksize;
   ukern_field<unsigned long> i_version;
   ukern_field<blkcnt_t> i_blocks; /* of 512 bytes; with i_bytes under i_lock */
   unsigned short i_bytes;
@@ -467,6 +467,9 @@ struct super_block {
   struct mutex s_vfs_rename_mutex; /* held while a directory moves to another */
   u32 s_time_gran;                 /* of time stamps, in nanoseconds */
   struct uk_reflog *s_reflog;      /* debug builds: who took and dropped s_active */
+#if UKERN_DEBUG
+  unsigned int ukern_depth; /* how many file systems it lies on, see lockdep.h */
+#endif
 };
 
 extern struct list_head super_blocks;
@@ -499,10 +502,6 @@ struct file_system_type {
   struct list_head fs_supers;
   struct lock_class_key s_lock_key;
   struct lock_class_key s_umount_key;
-  /* Not in a real 2.6.18, which has one class each for all types: */
-  struct lock_class_key i_mutex_key;
-  struct lock_class_key i_alloc_sem_key;
-  struct lock_class_key s_vfs_rename_key;
 };
 
 /* ---- file system types and super blocks: ukern/vfs/{filesystems,super}.cc ---- */

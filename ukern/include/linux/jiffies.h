@@ -8,6 +8,8 @@
 #include <linux/time.h>
 
 #define HZ 1000
+/* Nanoseconds between ticks as the timer's divisor makes them: a little less than 1 / HZ. */
+#define TICK_NSEC 999848UL
 
 #define INITIAL_JIFFIES ((unsigned long)(unsigned int)(-300 * HZ))
 #define MAX_JIFFY_OFFSET ((~0UL >> 1) - 1)
@@ -39,11 +41,14 @@ static inline unsigned long usecs_to_jiffies(const unsigned int u) {
 }
 static inline unsigned long timespec_to_jiffies(const struct timespec *value) {
   if ((unsigned long)value->tv_sec >= MAX_JIFFY_OFFSET / HZ) return MAX_JIFFY_OFFSET;
-  return (unsigned long)value->tv_sec * HZ + ((unsigned long)value->tv_nsec + 999999) / 1000000;
+  __extension__ const unsigned __int128 ns =
+      (unsigned __int128)value->tv_sec * 1000000000 + (unsigned long)value->tv_nsec;
+  return (unsigned long)((ns + TICK_NSEC - 1) / TICK_NSEC);
 }
 static inline void jiffies_to_timespec(const unsigned long j, struct timespec *value) {
-  value->tv_sec = (time_t)(j / HZ);
-  value->tv_nsec = (long)(j % HZ) * 1000000;
+  const unsigned long long ns = (unsigned long long)j * TICK_NSEC;
+  value->tv_sec = (time_t)(ns / 1000000000);
+  value->tv_nsec = (long)(ns % 1000000000);
 }
 
 #endif

@@ -46,8 +46,6 @@ unsigned int radix_tree_gang_lookup(struct radix_tree_root *root, void **results
 /* Tag the item at an index, which must exist (set), or take the tag off: the item, or NULL. */
 void *radix_tree_tag_set(struct radix_tree_root *root, unsigned long index, unsigned int tag);
 void *radix_tree_tag_clear(struct radix_tree_root *root, unsigned long index, unsigned int tag);
-/* 1: tagged. 0: not tagged or no such item. */
-int radix_tree_tag_get(struct radix_tree_root *root, unsigned long index, unsigned int tag);
 /* As radix_tree_gang_lookup, tagged items only. */
 unsigned int radix_tree_gang_lookup_tag(struct radix_tree_root *root, void **results,
                                         unsigned long first_index, unsigned int max_items,

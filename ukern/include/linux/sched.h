@@ -89,6 +89,8 @@ struct task_struct {
   struct group_info *group_info;
   kernel_cap_t cap_effective, cap_inheritable, cap_permitted;
 
+  unsigned long call; /* the hosting program's call under way, in which what a file system has just
+                         learnt from elsewhere need not be asked again; 0: none */
   int link_count, total_link_count; /* symbolic links in the path walk under way */
 
   struct fs_struct *fs;
@@ -110,13 +112,14 @@ struct task_struct {
   struct list_head task_link; /* under tasklist_lock */
   struct signal_struct own_signal;
   struct sighand_struct own_sighand;
-  unsigned long long signals_seen;       /* under siglock */
-  int (*deliver)(void *arg, int signal); /* under siglock */
-  void *deliver_arg;                     /* under siglock */
-  char *exe;                             /* path of the program, or null */
-  struct ukern_kthread *kthread;         /* null unless it is a kernel thread */
-  unsigned int user_ranges;              /* how many of the two below are in use */
-  unsigned int user_room;                /* size of user_more */
+  unsigned long long signals_seen;                          /* under siglock */
+  int (*deliver)(void *arg, int signal);                    /* under siglock */
+  void *deliver_arg;                                        /* under siglock */
+  char *exe;                                                /* path of the program, or null */
+  long (*find_exe)(int pid, char *buf, unsigned long size); /* or null; see uk_cred */
+  struct ukern_kthread *kthread;                            /* null unless it is a kernel thread */
+  unsigned int user_ranges; /* how many of the two below are in use */
+  unsigned int user_room;   /* size of user_more */
   struct ukern_user_range user[UKERN_USER_RANGES];
   struct ukern_user_range *user_more; /* beyond the first UKERN_USER_RANGES */
 };

@@ -38,6 +38,12 @@ static inline void siginitsetinv(sigset_t *set, unsigned long mask) {
   set->sig[0] = ~mask;
 }
 
+extern "C" {
+/* Changes what the current task blocks, SIGKILL and SIGSTOP not excepted: 0, -EINVAL for no such
+ * `how`. What it blocked before goes to `oldset` unless that is null. */
+int sigprocmask(int how, sigset_t *set, sigset_t *oldset);
+}
+
 static inline int valid_signal(unsigned long sig) {
   return sig <= _NSIG;
 }

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/session_io.h"
+
+#include <linux/fuse.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstring>
+
+#include "tarnd/mount.h"
+
+namespace tarnd {
+
+void SessionIo::see_request(const void *request, size_t size) {
+  const auto *head = static_cast<const fuse_in_header *>(request);
+  if (size < sizeof(*head) || head->opcode != FUSE_INIT) return;
+  // The oldest kernels that can offer it send the flags; what follows them may be missing.
+  constexpr size_t kFlagsEnd = offsetof(fuse_init_in, flags) + sizeof(fuse_init_in::flags);
+  if (size < sizeof(*head) + kFlagsEnd) return;
+  fuse_init_in init{};
+  std::memcpy(&init, head + 1, kFlagsEnd);
+  if (init.flags & FUSE_HANDLE_KILLPRIV_V2) first_ = head->unique;
+}
+
+void SessionIo::see_answer(std::span<iovec> parts) {
+  const std::uint64_t first = first_;
+  if (first == 0 || parts.size() != 2 || parts[0].iov_len != sizeof(fuse_out_header)) return;
+  const auto *head = static_cast<const fuse_out_header *>(parts[0].iov_base);
+  if (head->unique != first) return;
+  first_ = 0;
+  constexpr size_t kFlagsEnd = offsetof(fuse_init_out, flags) + sizeof(fuse_init_out::flags);
+  if (head->error != 0 || parts[1].iov_len < kFlagsEnd) return;
+  static_cast<fuse_init_out *>(parts[1].iov_base)->flags |= FUSE_HANDLE_KILLPRIV_V2;
+}
+
+static SessionIo *io_of(void *mount) {
+  return &static_cast<Mount *>(mount)->session_io();
+}
+
+static ssize_t read_request(int fd, void *buf, size_t size, void *mount) {
+  const ssize_t got = read(fd, buf, size);
+  if (got > 0) io_of(mount)->see_request(buf, static_cast<size_t>(got));
+  return got;
+}
+
+static ssize_t write_answer(int fd, iovec *parts, int count, void *mount) {
+  io_of(mount)->see_answer({parts, static_cast<size_t>(count)});
+  return writev(fd, parts, count);
+}
+
+int interpose_session_io(fuse_session *session) {
+  static constexpr fuse_custom_io io = {.writev = write_answer,
+                                        .read = read_request,
+                                        .splice_receive = nullptr,
+                                        .splice_send = nullptr};
+  return fuse_session_custom_io(session, &io, fuse_session_fd(session));
+}
+
+}  // namespace tarnd

@@ -48,10 +48,40 @@ static void signal_daemon(ox_u32_t pid, int reason) {
   printk("<3>Send kill signal(%d) to process(%d); rc = %d\n", OX_SIG_LOST, pid, reason);
 }
 
+namespace {
+
+/*
+ * For the time of a send the process keeps signals waiting, except those by which somebody ends it.
+ * A signal ends the wait for room in the daemon's queue and with it the record is lost, of a change
+ * that has been made: no child that ends and no timer may do that.
+ */
+class signals_wait {
+ public:
+  signals_wait() {
+    sigset_t others;
+    siginitsetinv(&others,
+                  sigmask(SIGKILL) | sigmask(SIGTERM) | sigmask(SIGINT) | sigmask(SIGQUIT));
+    sigprocmask(SIG_BLOCK, &others, &before_);
+  }
+  ~signals_wait() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+  signals_wait(const signals_wait &) = delete;
+  signals_wait &operator=(const signals_wait &) = delete;
+
+ private:
+  sigset_t before_;
+};
+
+}  // namespace
+
+static int unicast_blocking(struct sk_buff *skb, ox_u32_t pid) {
+  const signals_wait held;
+  const int blocking = 0;
+  return netlink_unicast(tarn_nl_sock, skb, pid, blocking);
+}
+
 /* Hands a message over, which is consumed in any case. */
 static int unicast(struct sk_buff *skb, ox_u32_t pid) {
-  const int blocking = 0;
-  const int result = netlink_unicast(tarn_nl_sock, skb, pid, blocking);
+  const int result = unicast_blocking(skb, pid);
   if (result >= 0) return 0;
   if (result == -ECONNREFUSED) {
     printk(

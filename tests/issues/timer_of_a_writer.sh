@@ -1,0 +1,37 @@
+#!/bin/bash
+# SPDX-License-Identifier: GPL-2.0
+# A program whose timer goes off all the time writes while the daemon's queue is full again and again, each time for
+# less than the time that a sender waits. Its signals must not cost a record.
+. "$(dirname "$0")/../lib.sh"
+
+tarn mount "$T/lower" "$T/mnt"
+tarn rule add --include "$T/lower" >/dev/null
+start_mirrord --status-file "$T/mirrord.json"
+
+python3 - "$T/mnt" <<'PY' &
+import signal, sys
+ticks = 0
+def tick(*_):
+    global ticks
+    ticks += 1
+signal.signal(signal.SIGALRM, tick)
+signal.setitimer(signal.ITIMER_REAL, 0.003, 0.003)
+for n in range(150):
+    with open("%s/%d" % (sys.argv[1], n), "wb") as f:
+        f.write(b"%d" % n * 2000)
+signal.setitimer(signal.ITIMER_REAL, 0)
+sys.exit(0 if ticks > 50 else "hardly a signal came")
+PY
+writer=$!
+while kill -0 $writer 2>/dev/null; do
+  kill -STOP "$MIRRORD_PID"
+  sleep 0.3
+  kill -CONT "$MIRRORD_PID"
+  sleep 0.02
+done
+wait $writer || fail "the writer failed"
+mirrord --catch-up --status-file "$T/mirrord.json" --timeout 60 || fail "records are missing: $(tail -n 3 "$T/mirrord.err")"
+if tarn log | grep 'Failed send'; then fail "a record was lost"; fi
+(cd "$T/lower" && find . -mindepth 1 -printf '%P\0') >"$T/no-mtime"
+compare_trees "$T/lower" "$T/replica" --no-mtime-of "$T/no-mtime"
+stop_mirrord

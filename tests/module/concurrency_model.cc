@@ -108,7 +108,7 @@ int model::named_change(const received &m) {
   const long ends = attributes ? OX_MSG_ATTR_LEN + 12 + m.as<struct ox_msg_attr>()->dlen2
                                : OX_MSG_PARA_LEN + para->dlen1 + para->dlen2;
   if (ends != m.length) return -1;
-  char letter;
+  char letter = 0;
   const int round = round_in(path, &letter);
   const int step = step_of(m.msg(), letter);
   if (round < 0 || round >= static_cast<int>(kRounds) || step < 0) return -1;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // The file operations: the shared lower file, what is passed to it, reads through the page cache,
 // and the captured write.
-#include "tests/module/mounted.h"
+#include "tests/module/kernel_file.h"
 #include "ukern/fs/memfs.h"
 
 namespace {
@@ -13,27 +13,6 @@ struct replicated {
   test_daemon daemon;
   replicated() { EXPECT_EQ(test_add_rule('r', "/lower"), 0); }
   ~replicated() { do_flush(0); }
-};
-
-// An open file of the kernel's own, for calls that the system-call level never makes.
-class kernel_file {
- public:
-  kernel_file(const char *path, int flags) : file_(filp_open(path, flags, 0)) {}
-  ~kernel_file() {
-    if (!IS_ERR(file_)) filp_close(file_, nullptr);
-  }
-  kernel_file(const kernel_file &) = delete;
-  kernel_file &operator=(const kernel_file &) = delete;
-  struct file *get() const {
-    return file_;
-  }
-  struct file *operator->() const {
-    return file_;
-  }
-  const struct file_operations *ops() const { return file_->f_op; }
-
- private:
-  struct file *file_;
 };
 
 }  // namespace

@@ -166,3 +166,14 @@ CASE(main, failing_cache_is_out_of_memory_and_prints_nothing) {
   EXPECT_EQ(test_log_end(), before);
   expect_nothing_left();
 }
+
+MODULE_CASE(main, caches_have_their_names_and_sizes) {
+  EXPECT_STREQ(kmem_cache_name(tarn_file_info_cache), "tarn_file_cache");
+  EXPECT_STREQ(kmem_cache_name(tarn_dentry_info_cache), "tarn_dentry_info_cache");
+  EXPECT_STREQ(kmem_cache_name(tarn_inode_info_cache), "tarn_inode_cache");
+  EXPECT_STREQ(kmem_cache_name(tarn_sb_info_cache), "tarn_sb_cache");
+  EXPECT_EQ(kmem_cache_size(tarn_file_info_cache), sizeof(struct tarn_file_info));
+  EXPECT_EQ(kmem_cache_size(tarn_dentry_info_cache), sizeof(struct tarn_dentry_info));
+  EXPECT_EQ(kmem_cache_size(tarn_inode_info_cache), sizeof(struct tarn_inode_info));
+  EXPECT_EQ(kmem_cache_size(tarn_sb_info_cache), sizeof(struct tarn_sb_info));
+}

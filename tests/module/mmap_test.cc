@@ -2,6 +2,7 @@
 // The layer's page cache over the shared lower file.
 #include "tests/module/mounted.h"
 #include "ukern/fs/memfs.h"
+#include "ukern/uk_mm.h"
 
 namespace {
 
@@ -43,6 +44,8 @@ class locked_page {
   struct page *page_;
 };
 
+constexpr int errors_of_a_write[] = {0, -EIO};
+
 }  // namespace
 
 MODULE_CASE(mmap, table_has_exactly_its_slots) {
@@ -76,6 +79,7 @@ MODULE_CASE(mmap, write_far_into_an_empty_file_grows_it_by_steps) {
   open_pages pages("/mnt/f");
   {
     locked_page page(pages.mapping(), 2);
+    memset(page.text(), '#', PAGE_SIZE);  // what the page held before is not the file's
     ClearPageUptodate(page.get());
     mutex_lock(&pages.inode()->i_mutex);
     EXPECT_EQ(tarn_aops.prepare_write(nullptr, page.get(), 1808, 1812), 0);
@@ -260,17 +264,39 @@ MODULE_CASE(mmap, failed_lower_read_leaves_the_page_not_up_to_date) {
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
   open_pages pages("/mnt/f");
   const test_walk lower("/lower");
-  uk_drop_caches();
-  invalidate_inode_pages(tarn_lower_inode(pages.inode())->i_mapping);
+  uk_sync();
+  uk_drop_pagecache();
   memfs_fail(lower.dentry()->d_sb, MEMFS_OP_READPAGE, -EIO, -1);
-  locked_page page(pages.mapping(), 0);
-  SetPageUptodate(page.get());
-  const int rc = tarn_aops.readpage(nullptr, page.get());
+  {
+    locked_page page(pages.mapping(), 0);
+    SetPageUptodate(page.get());
+    EXPECT_EQ(tarn_aops.readpage(nullptr, page.get()), -EINVAL);
+    EXPECT_FALSE(PageUptodate(page.get()));
+    EXPECT_FALSE(PageLocked(page.get()));
+  }
+  {
+    locked_page page(pages.mapping(), 0);
+    EXPECT_EQ(tarn_aops.prepare_write(nullptr, page.get(), 0, 1), -EINVAL);
+    EXPECT_FALSE(PageUptodate(page.get()));
+  }
   memfs_fail(lower.dentry()->d_sb, MEMFS_OP_READPAGE, 0, 0);
-  // Only where the lower file system had to read: what it has in memory cannot fail.
-  EXPECT_EQ(rc == 0, PageUptodate(page.get()) != 0);
-  if (rc) EXPECT_EQ(rc, -EINVAL);
-  EXPECT_FALSE(PageLocked(page.get()));
+  EXPECT_TRUE(test_holds("/mnt/f", "x"));
+}
+
+// The upper inode counts as dirty after every write below, also one that failed.
+MODULE_CASE(mmap, lower_write_makes_the_inode_dirty) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  open_pages pages("/mnt/f");
+  const test_walk lower("/lower");
+  char text[4] = "abc";
+  for (const int error : errors_of_a_write) {
+    uk_sync();
+    EXPECT_EQ(pages.inode()->i_state & I_DIRTY, 0ul);
+    memfs_fail(lower.dentry()->d_sb, MEMFS_OP_PREPARE_WRITE, error, error ? 1 : 0);
+    EXPECT_EQ(tarn_write_lower(pages.inode(), text, 0, 3), error ? -EINVAL : 0);
+    EXPECT_EQ(pages.inode()->i_state & I_DIRTY, static_cast<unsigned long>(I_DIRTY_SYNC));
+  }
 }
 
 MODULE_CASE(mmap, failed_write_back_keeps_the_page_dirty_and_reports_no_error) {

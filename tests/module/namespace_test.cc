@@ -2,6 +2,7 @@
 // Making and removing names: what happens below, what the upper directory shows, and which records
 // come in which order.
 #include "tests/module/mounted.h"
+#include "tests/ukern/threads.h"
 #include "ukern/fs/memfs.h"
 
 namespace {
@@ -369,4 +370,94 @@ MODULE_CASE(namespace, name_whose_object_was_moved_below_is_stale) {
   EXPECT_FALSE(test_exists("/mnt/f"));
   EXPECT_EQ(r.daemon.next().type, -1);
   EXPECT_EQ(test_unlink("/mnt/d/f"), 0);
+}
+
+// Something was moved below to a name that is known not to exist, and has left its own name to the
+// lower dentry of that name: nothing is made in its old place.
+MODULE_CASE(namespace, creation_at_a_name_that_was_taken_below_is_stale) {
+  static int (*const makers[])(void) = {
+      [] { return static_cast<int>(test_put("/mnt/x", "new")); },
+      [] { return test_mkdir("/mnt/x"); },
+      [] { return test_mknod("/mnt/x", S_IFIFO | 0600, 0); },
+      [] { return test_symlink("to", "/mnt/x"); },
+      [] { return test_link("/mnt/other", "/mnt/x"); },
+  };
+  for (int (*make)(void) : makers) {
+    replicated r;
+    REQUIRE_EQ(test_put("/lower/y", "moved"), 5);
+    REQUIRE_EQ(test_put("/lower/other", "x"), 1);
+    EXPECT_FALSE(test_exists("/mnt/x"));
+    REQUIRE_EQ(test_rename("/lower/y", "/lower/x"), 0);
+    EXPECT_EQ(make(), -ESTALE);
+    EXPECT_FALSE(test_exists("/lower/y"));
+    EXPECT_TRUE(test_holds("/mnt/x", "moved"));
+    EXPECT_EQ(r.daemon.next().type, -1);
+  }
+}
+
+// The same for a move to another directory.
+MODULE_CASE(namespace, creation_at_a_name_taken_from_elsewhere_is_stale) {
+  replicated r;
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  REQUIRE_EQ(test_put("/lower/d/x", "moved"), 5);
+  EXPECT_FALSE(test_exists("/mnt/x"));
+  REQUIRE_EQ(test_rename("/lower/d/x", "/lower/x"), 0);
+  EXPECT_EQ(test_mkdir("/mnt/x"), -ESTALE);
+  EXPECT_FALSE(test_exists("/lower/d/x"));
+  EXPECT_TRUE(test_holds("/mnt/x", "moved"));
+}
+
+namespace {
+
+int (*remover)(const char *);
+const char *removed_path;
+int removed_result;
+bool remover_is_done;
+
+void remove_it(void *) {
+  removed_result = remover(removed_path);
+  __atomic_store_n(&remover_is_done, true, __ATOMIC_RELEASE);
+}
+
+// Starts the removal of /mnt/d/`name`, lets it wait for the lock of the lower directory, and moves
+// the lower object to /lower/e meanwhile. What the removal says.
+int removal_overtaken_by_a_move(int (*remove)(const char *), const char *path, const char *name) {
+  const test_walk d("/lower/d"), e("/lower/e");
+  struct ThreadTeam team;
+  remover = remove;
+  removed_path = path;
+  remover_is_done = false;
+  lock_rename(d.dentry(), e.dentry());
+  const int len = static_cast<int>(strlen(name));
+  struct dentry *from = lookup_one_len(name, d.dentry(), len);
+  struct dentry *to = lookup_one_len(name, e.dentry(), len);
+  EXPECT_TRUE(thread_team_start(&team, 1, remove_it, nullptr));
+  const volatile unsigned *word = &d.inode()->i_mutex.word;
+  while (__atomic_load_n(word, __ATOMIC_RELAXED) != 2 &&
+         !__atomic_load_n(&remover_is_done, __ATOMIC_ACQUIRE))
+    msleep(1);
+  EXPECT_EQ(vfs_rename(d.inode(), from, e.inode(), to), 0);
+  unlock_rename(d.dentry(), e.dentry());
+  thread_team_wait(&team, 1);
+  dput(from);
+  dput(to);
+  return removed_result;
+}
+
+}  // namespace
+
+// The lower object moves away while its removal waits for the lower directory's lock.
+MODULE_CASE(namespace, removal_overtaken_by_a_move_below_is_stale) {
+  replicated r;
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  REQUIRE_EQ(test_mkdir("/lower/e"), 0);
+  REQUIRE_EQ(test_mkdir("/lower/d/sub"), 0);
+  REQUIRE_EQ(test_put("/lower/d/f", "x"), 1);
+  EXPECT_TRUE(test_exists("/mnt/d/sub"));
+  EXPECT_TRUE(test_exists("/mnt/d/f"));
+  EXPECT_EQ(removal_overtaken_by_a_move(test_unlink, "/mnt/d/f", "f"), -ESTALE);
+  EXPECT_EQ(removal_overtaken_by_a_move(test_rmdir, "/mnt/d/sub", "sub"), -ESTALE);
+  EXPECT_TRUE(test_exists("/lower/e/f"));
+  EXPECT_TRUE(test_exists("/lower/e/sub"));
+  EXPECT_EQ(r.daemon.next().type, -1);
 }

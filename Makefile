@@ -3,16 +3,18 @@
 # make test   unit tests under the address, undefined-behaviour and thread sanitizers, and end to end
 # make check  the presubmit checks: format, headers, both compilers, include arrows, stack sizes
 # make fuzz   each fuzzer for FUZZ_SECONDS, under the address and undefined-behaviour sanitizers
+# make soak   real programs on a mount for long, SOAK_SCALE times the work that they are given in make test
 # make bench  measure, and keep the tables in docs/benchmarks.md
-# KDIR=...    with check: also compile the module against a configured Linux 2.6.18 tree
+# KDIR=...    with check: also build the module for a built Linux 2.6.18 tree, and check what is in it
 
 SHELL := /bin/bash
 JOBS ?= $(shell nproc)
 PREFIX ?= /usr/local
 FUZZ_SECONDS ?= 60
+SOAK_SCALE ?= 10
 TESTJOBS ?= $(shell echo $$(( 2 * $$(nproc) )))
 
-.PHONY: all deps demo test test-asan test-tsan check fuzz bench install clean
+.PHONY: all deps demo test test-asan test-tsan check fuzz soak bench install clean
 
 # What is shipped; tests build in their own folders.
 all: build/release/build.ninja
@@ -44,6 +46,11 @@ check: deps
 fuzz: deps build/fuzz/build.ninja
 	cmake --build build/fuzz -j $(JOBS) --target fuzz
 	@tools/fuzz.sh build/fuzz $(FUZZ_SECONDS)
+
+# With the sanitizers and the lock checker, then as it is shipped.
+soak: deps all build/asan/build.ninja
+	cmake --build build/asan -j $(JOBS) --target tarnd tarn mirrord
+	@SOAK_SCALE=$(SOAK_SCALE) tools/soak.sh build/asan build/release
 
 bench:
 	@tools/deps.sh bench

@@ -28,9 +28,9 @@ finish() {
   if [ $status -ne 0 ]; then
     echo "--- kernel log" >&2
     timeout 5 tarn log >&2 2>/dev/null
-    for f in "$T"/*.err; do [ -s "$f" ] && { echo "--- $f" >&2; tail -n 40 "$f" >&2; }; done
+    for f in "$T"/*.err "$TARN_RUN_DIR/tarnd.log"; do [ -s "$f" ] && { echo "--- $f" >&2; tail -n 40 "$f" >&2; }; done
   fi
-  [ -n "$MIRRORD_PID" ] && kill "$MIRRORD_PID" 2>/dev/null && wait "$MIRRORD_PID" 2>/dev/null
+  [ -n "$MIRRORD_PID" ] && kill "$MIRRORD_PID" 2>/dev/null && kill -CONT "$MIRRORD_PID" && wait "$MIRRORD_PID" 2>/dev/null
   stop_tarnd || status=1
   cleanup_test
   mountpoint -q "$T/mnt" && umount -l "$T/mnt"
@@ -47,7 +47,7 @@ stop_tarnd() {
   local pid
   pid=$(cat "$TARN_RUN_DIR/tarnd.pid" 2>/dev/null) || return 0
   kill "$pid" 2>/dev/null || return 0
-  for _ in $(seq 200); do
+  for _ in $(seq 600); do
     kill -0 "$pid" 2>/dev/null || break
     sleep 0.05
   done
@@ -58,6 +58,10 @@ stop_tarnd() {
   fi
   if [ -e "$TARN_RUN_DIR/control" ]; then
     echo "FAILED: tarnd did not end cleanly" >&2
+    return 1
+  fi
+  if grep -E 'things behind|cannot unload|Sanitizer|runtime error' "$TARN_RUN_DIR/tarnd.log" >&2; then
+    echo "FAILED: tarnd complained at its end" >&2
     return 1
   fi
 }

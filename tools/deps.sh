@@ -1,15 +1,17 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
 # Installs the Debian 12 packages that building, testing and the demo need; with the argument `bench` also those of the
-# benchmarks. Does nothing when all are there.
+# benchmarks, with `guest` those of the tests in a real kernel. Does nothing when all are there.
 set -euo pipefail
 
 packages=(
-  binutils build-essential clang clang-format cmake coreutils fuse3 git libclang-rt-14-dev
-  libcli11-dev libfmt-dev libfuse3-dev libgtest-dev librapidcheck-dev libssl-dev mount
-  ninja-build nlohmann-json3-dev pkg-config python3 util-linux
+  attr binutils build-essential clang clang-format cmake coreutils e2fsprogs fio fuse3 git libclang-rt-14-dev
+  libcli11-dev libfmt-dev libfuse3-dev libgtest-dev librapidcheck-dev mount
+  ninja-build nlohmann-json3-dev pkg-config procps python3 rsync sqlite3
+  stress-ng tar util-linux
 )
-[ "${1:-}" != bench ] || packages+=(libbenchmark-dev libhyperscan-dev libre2-dev)
+[ "${1:-}" != bench ] || packages+=(bindfs libbenchmark-dev libhyperscan-dev libre2-dev)
+[ "${1:-}" != guest ] || packages+=(cpio gcc-12-source musl-tools qemu-system-x86)
 
 missing=()
 for package in "${packages[@]}"; do

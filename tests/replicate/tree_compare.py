@@ -3,11 +3,12 @@
 """Compares two directory trees: names, types, content, size, mode, owner, link targets, hard-link groups and
 modification times (to the microsecond, which is what a change record carries).
 
-usage: tree_compare.py LEFT RIGHT [--no-mtime-of FILE]
+usage: tree_compare.py LEFT RIGHT [--no-mtime-of FILE] [--without-special] [--without-link-owners]
 
 FILE holds relative paths, NUL-terminated, whose modification time no program has set last and which is
-therefore not compared. Prints one line for each difference (the first 20 in full) and a summary; exits 1 when
-anything differs.
+therefore not compared. The other two leave out what the module does not capture: devices, FIFOs and sockets; the
+owners of symbolic links. Prints one line for each difference (the first 20 in full) and a summary; exits 1
+when anything differs.
 """
 import argparse
 import os
@@ -18,7 +19,11 @@ CHUNK = 1 << 20
 SHOWN = 20
 
 
-def scan(root):
+def is_special(info):
+    return not (stat.S_ISREG(info.st_mode) or stat.S_ISDIR(info.st_mode) or stat.S_ISLNK(info.st_mode))
+
+
+def scan(root, without_special):
     """Relative path (bytes) -> lstat result, the root itself as b'.'."""
     found = {b".": os.lstat(root)}
     stack = [b""]
@@ -28,6 +33,8 @@ def scan(root):
             for entry in entries:
                 path = os.path.join(rel, entry.name) if rel else entry.name
                 info = entry.stat(follow_symlinks=False)
+                if without_special and is_special(info):
+                    continue
                 found[path] = info
                 if stat.S_ISDIR(info.st_mode):
                     stack.append(path)
@@ -53,8 +60,7 @@ def link_groups(tree):
     return {path: frozenset(names) for names in groups.values() for path in names}
 
 
-def differences(left, right, skip_mtime):
-    a, b = scan(left), scan(right)
+def differences(left, right, a, b, skip_mtime, link_owners):
     for path in sorted(a.keys() - b.keys()):
         yield path, "only on the left"
     for path in sorted(b.keys() - a.keys()):
@@ -64,7 +70,8 @@ def differences(left, right, skip_mtime):
         x, y = a[path], b[path]
         if x.st_mode != y.st_mode:
             yield path, "mode %o, %o" % (x.st_mode, y.st_mode)
-        if (x.st_uid, x.st_gid) != (y.st_uid, y.st_gid):
+        owned = link_owners or not stat.S_ISLNK(x.st_mode)
+        if owned and (x.st_uid, x.st_gid) != (y.st_uid, y.st_gid):
             yield path, "owner %d:%d, %d:%d" % (x.st_uid, x.st_gid, y.st_uid, y.st_gid)
         if stat.S_IFMT(x.st_mode) != stat.S_IFMT(y.st_mode):
             continue
@@ -90,22 +97,25 @@ def main():
     parser.add_argument("left", type=os.fsencode)
     parser.add_argument("right", type=os.fsencode)
     parser.add_argument("--no-mtime-of", metavar="FILE")
+    parser.add_argument("--without-special", action="store_true")
+    parser.add_argument("--without-link-owners", action="store_true")
     args = parser.parse_args()
     # The trees' own roots were made by whoever set them up, not through the mount.
     skip_mtime = {b"."}
     if args.no_mtime_of:
         with open(args.no_mtime_of, "rb") as f:
             skip_mtime.update(path for path in f.read().split(b"\0") if path)
+    left = scan(args.left, args.without_special)
+    right = scan(args.right, args.without_special)
     count = 0
-    for path, what in differences(args.left, args.right, skip_mtime):
+    for path, what in differences(args.left, args.right, left, right, skip_mtime, not args.without_link_owners):
         count += 1
         if count <= SHOWN:
             print("%s: %s" % (os.fsdecode(path), what))
-    entries = len(scan(args.left))
     if count:
-        print("%d differences in %d entries" % (count, entries))
+        print("%d differences in %d entries" % (count, len(left)))
         return 1
-    print("identical: %d entries" % entries)
+    print("identical: %d entries" % len(left))
     return 0
 
 

@@ -2,7 +2,9 @@
 # SPDX-License-Identifier: GPL-2.0
 """Runs the benchmark program and writes what it measured as tables in Markdown.
 
-usage: report.py PROGRAM OUTPUT.md [--repetitions N]
+usage: report.py PROGRAM BUILD_FOLDER OUTPUT.md [--repetitions N]
+
+PROGRAM measures what runs in one process, mounts.py with the programs of BUILD_FOLDER what runs on a mount.
 
 The measurements are repeated in a random order, so that what else the machine does falls on all of them alike;
 every figure is the median of its repetitions. The table also goes to standard output.
@@ -14,6 +16,8 @@ import os
 import statistics
 import subprocess
 import sys
+
+import mounts
 
 SIZES = {100: "100 B", 4096: "4 KiB", 65536: "64 KiB", 1048576: "1 MiB"}
 HEAD = """# Benchmarks
@@ -150,7 +154,7 @@ def further_table(ns):
         yield from table([text, "one write", "each rule more than the line above"], rows)
 
 
-def aims(ns):
+def aims(ns, mounted):
     yield "\n## Aims"
     rows = []
     for kind, counts in (("dirs", [1, 32, 1000, 10000]), ("rules", [1, 32, 1000])):
@@ -171,22 +175,27 @@ def aims(ns):
     ratio = ns["further/miss/1000"] / ns["further/miss/0"]
     rows.append(["1000 further rules that are not hit cost less than a tenth of one write", "%.2f" % ratio,
                  "met" if ratio < 1.1 else "missed"])
+    rows += mounts.aims(mounted)
     yield from table(["aim", "measured", ""], rows)
 
 
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("program")
+    parser.add_argument("build")
     parser.add_argument("output")
     parser.add_argument("--repetitions", type=int, default=9)
     args = parser.parse_args()
+    mounted = mounts.measure(args.build, args.repetitions)
     ns = measure(args.program, args.repetitions)
     cores = os.cpu_count()
     head = HEAD.format(when=datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d"),
                        cores="%d core%s" % (cores, "s" if cores > 1 else ""), repetitions=args.repetitions)
     lines = [head.rstrip()]
-    for part in (match_tables, capture_table, records_table, further_table, aims):
+    for part in (match_tables, capture_table, records_table, further_table):
         lines += part(ns)
+    lines += mounts.tables(mounted, table)
+    lines += aims(ns, mounted)
     text = "\n".join(lines) + "\n"
     with open(args.output, "w", encoding="utf-8") as out:
         out.write(text)

@@ -1,0 +1,326 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-2.0
+"""Measures directories that are served in different ways, side by side: the tables and aims of report.py.
+
+Every side has a tmpfs of its own below. In each round every measurement is made on all sides, one right after the
+other and in a random order, so that what else the machine does falls on all of them alike; a figure is the median of
+the rounds, a ratio the median of the rounds' ratios. The measuring program and the process that serves the side share
+one processor; mirrord has another.
+
+usage: mounts.py BUILD_FOLDER [--rounds N] [--only SIDE,...] [--rows ROW,...]
+"""
+import argparse
+import os
+import pathlib
+import random
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+# Longer than bindfs and libfuse let the host remember a name and its attributes.
+FORGOTTEN = 1.1
+PASSTHROUGH = "/usr/share/doc/libfuse3-dev/examples/passthrough_ll.c"
+
+# Row: its title, and whether the file is made below the mount, so that nothing of it is in a cache of the mount's.
+DATA_ROWS = {
+    "write_random": ("4 KiB random write", False),
+    "write_sequential": ("128 KiB sequential write", False),
+    "read_random": ("4 KiB random read", True),
+    "read_sequential": ("128 KiB sequential read", True),
+}
+# Measured right after another row, on the same files.
+AGAIN = {
+    "read_again": ("128 KiB sequential read, again", "read_sequential"),
+    "stat_again": ("stat, again within a second", "stat"),
+}
+NAME_ROWS = {
+    "create": "create, write 1 KiB, close",
+    "stat": "stat",
+    "chmod": "chmod",
+    "rename": "rename",
+    "unlink": "unlink",
+}
+TITLES = {**{row: title for row, (title, _) in (DATA_ROWS | AGAIN).items()}, **NAME_ROWS}
+
+
+def fail(text):
+    sys.exit("mounts.py: " + text)
+
+
+def run(*command, **options):
+    done = subprocess.run([str(c) for c in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, check=False, **options)
+    if done.returncode:
+        fail("%s: %s" % (" ".join(map(str, command)), done.stdout.strip()))
+    return done.stdout
+
+
+def pinned(cpu):
+    return lambda: os.sched_setaffinity(0, {cpu})
+
+
+class Side:
+    """A directory over a tmpfs; the plain directory is served by nothing."""
+
+    def __init__(self, top, cpus):
+        self.home = pathlib.Path(top)
+        self.cpu, self.other_cpu = cpus
+        self.lower, self.mnt = self.home / "lower", self.home / "mnt"
+        self.lower.mkdir()
+        self.mnt.mkdir()
+        self.processes = []
+        run("mount", "-t", "tmpfs", "tmpfs", self.lower)
+        self.start()
+
+    def start(self):
+        run("mount", "--bind", self.lower, self.mnt)
+
+    def settle(self):
+        """Returns when nothing of what was done before is still under way."""
+
+    def spawn(self, *command, cpu=None, env=None):
+        process = subprocess.Popen([str(c) for c in command], stdin=subprocess.DEVNULL, env=env,
+                                   stdout=subprocess.DEVNULL, stderr=open(self.home / "stderr", "ab"),
+                                   preexec_fn=pinned(self.cpu if cpu is None else cpu))
+        self.processes.append(process)
+        return process
+
+    def wait_for(self, what, condition):
+        for _ in range(500):
+            if condition():
+                return
+            time.sleep(0.02)
+        fail("%s: not after ten seconds; %s" % (what, (self.home / "stderr").read_text().strip()))
+
+    def stop(self):
+        for process in self.processes:
+            process.terminate()
+        for process in self.processes:
+            process.wait(30)
+        for place in (self.mnt, self.lower):
+            if os.path.ismount(place):
+                run("umount", "-l", place)
+
+
+class Bindfs(Side):
+    options = ()
+
+    def start(self):
+        self.spawn("bindfs", "-f", *self.options, self.lower, self.mnt)
+        self.wait_for("bindfs", lambda: os.path.ismount(self.mnt))
+
+
+class BindfsBigWrites(Bindfs):
+    options = ("-o", "big_writes")
+
+
+class Passthrough(Side):
+    def start(self):
+        self.spawn(self.home.parent / "passthrough_ll", "-f", "-o", "source=%s" % self.lower, self.mnt)
+        self.wait_for("passthrough_ll", lambda: os.path.ismount(self.mnt))
+
+
+class Tarn(Side):
+    build = None
+
+    def start(self):
+        self.env = dict(os.environ, TARN_RUN_DIR=str(self.home / "run"))
+        (self.home / "run").mkdir()
+        self.spawn(self.build / "tarnd/tarnd", "--foreground", env=self.env)
+        self.wait_for("tarnd", lambda: (self.home / "run/tarnd.pid").exists())
+        self.tarn("mount", self.lower, self.mnt)
+
+    def tarn(self, *arguments):
+        return run(self.build / "tarn/tarn", *arguments, env=self.env)
+
+
+class TarnRule(Tarn):
+    def start(self):
+        super().start()
+        self.tarn("rule", "add", "--include", self.lower)
+
+
+class TarnMirrord(TarnRule):
+    def start(self):
+        super().start()
+        replica = self.home / "replica"
+        replica.mkdir()
+        run("mount", "-t", "tmpfs", "tmpfs", replica)
+        self.status = self.home / "mirrord.json"
+        self.spawn(self.build / "mirrord/mirrord", "--source", self.lower, "--replica", replica, "--status-file",
+                   self.status, cpu=self.other_cpu, env=self.env)
+        self.wait_for("mirrord", lambda: "tarn_process_nl_helo" in self.tarn("log"))
+
+    def settle(self):
+        # What mirrord could not do it has said; run() says only that there was something.
+        if subprocess.run([self.build / "mirrord/mirrord", "--catch-up", "--status-file", self.status], env=self.env,
+                          stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False).returncode:
+            fail("mirrord: " + (self.home / "stderr").read_text().strip())
+
+    def stop(self):
+        super().stop()
+        run("umount", "-l", self.home / "replica")
+
+
+SIDES = {
+    "plain": ("plain directory", Side),
+    "bindfs": ("bindfs", Bindfs),
+    "bindfs_big": ("bindfs, big_writes", BindfsBigWrites),
+    "passthrough": ("passthrough_ll", Passthrough),
+    "tarn": ("tarn, no rule", Tarn),
+    "tarn_rule": ("tarn, a rule", TarnRule),
+    "tarn_mirrord": ("tarn, a rule and mirrord", TarnMirrord),
+}
+
+
+class Measurement:
+    def __init__(self, program, sides, rows, rounds):
+        self.program, self.sides, self.rows, self.rounds = program, sides, rows, rounds
+        self.ns = {row: {name: [] for name in sides} for row in TITLES}
+
+    def each(self):
+        names = list(self.sides)
+        random.shuffle(names)
+        return [(name, self.sides[name]) for name in names]
+
+    def work(self, side, workload, directory):
+        return float(run(self.program, workload, directory, preexec_fn=pinned(side.cpu)))
+
+    def take(self, row, name, folder):
+        side = self.sides[name]
+        workload = AGAIN[row][1] if row in AGAIN else row
+        self.ns[row][name].append(self.work(side, workload, side.mnt / folder))
+
+    def again(self, row, name, folder):
+        for other, (_, first) in AGAIN.items():
+            if first == row and other in self.rows:
+                self.take(other, name, folder)
+
+    def data(self, row, number):
+        below = DATA_ROWS[row][1]
+        folder = "%s-%d" % (row, number)
+        for name, side in self.each():
+            (side.mnt / folder).mkdir()
+            self.work(side, "fill", (side.lower if below else side.mnt) / folder)
+            side.settle()
+            self.take(row, name, folder)
+            self.again(row, name, folder)
+            (side.mnt / folder / "data").unlink()
+
+    def names(self, number):
+        folder = "names-%d" % number
+        for row in NAME_ROWS:
+            time.sleep(FORGOTTEN)
+            for name, side in self.each():
+                if row == "create":
+                    (side.mnt / folder).mkdir()
+                side.settle()
+                self.take(row, name, folder)
+                self.again(row, name, folder)
+
+    def run(self):
+        for number in range(self.rounds):
+            for row in DATA_ROWS:
+                if row in self.rows:
+                    self.data(row, number)
+            if set(NAME_ROWS) & set(self.rows):
+                self.names(number)  # the whole life of the names: one row needs those before it
+
+    def median(self, row, side):
+        return statistics.median(self.ns[row][side])
+
+    def ratio(self, row, side, other):
+        """How many times the other's time the side's is, turned so that above 1 the side is faster."""
+        pairs = zip(self.ns[row][side], self.ns[row][other])
+        return statistics.median(theirs / ours for ours, theirs in pairs)
+
+
+def measure(build, rounds, sides=tuple(SIDES), rows=tuple(TITLES)):
+    if os.geteuid() != 0:
+        fail("must be run by root: it mounts what it measures")
+    build = pathlib.Path(build).resolve()
+    cpus = sorted(os.sched_getaffinity(0))
+    top = pathlib.Path(tempfile.mkdtemp(prefix="tarn-bench."))
+    made = {}
+    try:
+        Tarn.build = build
+        if "passthrough" in sides and not build_passthrough(top):
+            sides = [s for s in sides if s != "passthrough"]
+        for name in sides:
+            (top / name).mkdir()
+            made[name] = SIDES[name][1](top / name, (cpus[-1], cpus[0]))
+        measurement = Measurement(build / "bench/mount_bench", made, rows, rounds)
+        measurement.run()
+        return measurement
+    finally:
+        for side in made.values():
+            side.stop()
+        shutil.rmtree(top)
+
+
+def build_passthrough(top):
+    """libfuse's own example, where its package has it."""
+    if not os.path.exists(PASSTHROUGH):
+        return False
+    flags = run("pkg-config", "--cflags", "--libs", "fuse3").split()
+    run("cc", "-O2", "-o", top / "passthrough_ll", PASSTHROUGH, *flags)
+    return True
+
+
+BEFORE = """
+## Files and names through a mount
+
+Microseconds for one call, in a directory over a tmpfs. The calling program and the process that serves the mount share
+one processor. bindfs is Debian's, with its own settings and with `big_writes`; `passthrough_ll` is libfuse's own
+example. Names are of one component; a path of more costs tarn one request for each, where the others remember them for
+a second. Nothing is remembered before a row begins, but for "again".
+
+tarn asks for each name and its attributes again, so that what is done directly below is seen at once; bindfs and
+`passthrough_ll` answer from the host's memory for a second, whatever has happened below meanwhile. What was read stays
+with the host until the file is forgotten, so tarn is not asked for it again; the others are at each open.
+"""
+PEER = "bindfs_big"
+LEVEL = 1.0        # without a rule
+WITH_DAEMON = 0.6  # with a rule and a daemon
+
+
+def tables(done, table):
+    """Lines of Markdown; `table` makes them from a head and rows."""
+    yield BEFORE.rstrip()
+    names = [SIDES[side][0] for side in done.sides]
+    yield from table(["call"] + names, [[TITLES[row]] + ["%.2f" % (done.median(row, side) / 1e3) for side in done.sides]
+                                        for row in done.rows])
+    ours = [side for side in done.sides if side.startswith("tarn")]
+    yield "\nThe time of bindfs with `big_writes` divided by tarn's: above 1 tarn is faster."
+    yield from table(["call"] + [SIDES[side][0] for side in ours],
+                     [[TITLES[row]] + ["%.2fx" % done.ratio(row, side, PEER) for side in ours] for row in done.rows])
+
+
+def aims(done):
+    """Rows of the table of aims."""
+    for side, aim, what in (("tarn", LEVEL, "without a rule a call is as fast as through bindfs"),
+                            ("tarn_mirrord", WITH_DAEMON, "with a rule and mirrord a call is 0.6 times as fast as through bindfs")):
+        for row in done.rows:
+            ratio = done.ratio(row, side, PEER)
+            yield ["%s: %s" % (what, TITLES[row]), "%.2fx" % ratio, "met" if ratio >= aim else "missed"]
+
+
+def main():
+    parser = argparse.ArgumentParser()
+    parser.add_argument("build")
+    parser.add_argument("--rounds", type=int, default=9)
+    parser.add_argument("--only", default=",".join(SIDES))
+    parser.add_argument("--rows", default=",".join(TITLES))
+    args = parser.parse_args()
+    done = measure(args.build, args.rounds, args.only.split(","), args.rows.split(","))
+    against = PEER if PEER in done.sides else next(iter(done.sides))
+    for row in done.rows:
+        print("%-32s" % TITLES[row], *("%s %.1f (%.2f)" % (side, done.median(row, side) / 1e3, done.ratio(row, side, against))
+                                       for side in done.sides))
+
+
+if __name__ == "__main__":
+    main()

@@ -89,7 +89,9 @@ typedef struct {
 #endif
 
 #include "kernel.h"
-#include <linux/delay.h> /* for the portable test cases */
+/* For the portable test cases. */
+#include <linux/delay.h>
+#include <linux/xattr.h>
 
 }  // extern "C"
 
@@ -109,6 +111,21 @@ typedef struct {
 #define page_private(page) ((page)->private_)
 #undef set_page_private
 #define set_page_private(page, value) ((page)->private_ = (value))
+
+#ifdef CONFIG_DEBUG_SPINLOCK
+#undef __SPIN_LOCK_UNLOCKED
+#define __SPIN_LOCK_UNLOCKED(name)                                                   \
+  (spinlock_t) {                                                                     \
+    .raw_lock = __RAW_SPIN_LOCK_UNLOCKED, .magic = SPINLOCK_MAGIC, .owner_cpu = ~0u, \
+    .owner = SPINLOCK_OWNER_INIT, SPIN_DEP_MAP_INIT(name)                            \
+  }
+#undef __RW_LOCK_UNLOCKED
+#define __RW_LOCK_UNLOCKED(name)                                                 \
+  (rwlock_t) {                                                                   \
+    .raw_lock = __RAW_RW_LOCK_UNLOCKED, .magic = RWLOCK_MAGIC, .owner_cpu = ~0u, \
+    .owner = SPINLOCK_OWNER_INIT, RW_DEP_MAP_INIT(name)                          \
+  }
+#endif
 
 #undef __WAITQUEUE_INITIALIZER
 #define __WAITQUEUE_INITIALIZER(name, task)                                                    \

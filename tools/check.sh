@@ -56,7 +56,7 @@ check_kmod() {
     echo "kmod: skipped, no KDIR given"
     return
   fi
-  make -s -C kmod KDIR="$KDIR"
+  make -s -C kmod KDIR="$KDIR" check
   echo "kmod: ok"
 }
 

@@ -2,37 +2,42 @@
 #include "client/base64.h"
 
 #include <algorithm>
-
-#include <openssl/evp.h>
+#include <cstdint>
 
 namespace tarn {
+namespace {
+
+constexpr std::string_view kAlphabet =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+}  // namespace
 
 std::string base64_encode(std::string_view bytes) {
-  std::string text((bytes.size() + 2) / 3 * 4 + 1, '\0');  // OpenSSL adds a NUL
-  const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char *>(text.data()),
-                                     reinterpret_cast<const unsigned char *>(bytes.data()),
-                                     static_cast<int>(bytes.size()));
-  text.resize(static_cast<std::size_t>(length));
+  std::string text;
+  text.reserve((bytes.size() + 2) / 3 * 4);
+  for (; !bytes.empty(); bytes.remove_prefix(std::min<std::size_t>(3, bytes.size()))) {
+    std::uint32_t group = 0;
+    for (std::size_t i = 0; i < 3; ++i)
+      group = group << 8 | (i < bytes.size() ? static_cast<unsigned char>(bytes[i]) : 0);
+    for (std::size_t i = 0; i < 4; ++i)
+      text += i <= bytes.size() ? kAlphabet[group >> (18 - 6 * i) & 63] : '=';
+  }
   return text;
 }
 
 std::optional<std::string> base64_decode(std::string_view text) {
-  // OpenSSL skips blanks round the text and takes '=' anywhere; here each character has to count.
   const std::size_t end = text.find_last_not_of('=') + 1;
-  const std::size_t padding = text.size() - end;
-  const auto in_alphabet = [](char c) {
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' ||
-           c == '/';
-  };
-  if (text.size() % 4 != 0 || padding > 2 ||
-      !std::all_of(text.begin(), text.begin() + end, in_alphabet))
-    return std::nullopt;
-  std::string bytes(text.size() / 4 * 3, '\0');
-  const int length = EVP_DecodeBlock(reinterpret_cast<unsigned char *>(bytes.data()),
-                                     reinterpret_cast<const unsigned char *>(text.data()),
-                                     static_cast<int>(text.size()));
-  if (length < 0) return std::nullopt;
-  bytes.resize(static_cast<std::size_t>(length) - padding);
+  if (text.size() % 4 != 0 || text.size() - end > 2) return std::nullopt;
+  std::string bytes;
+  bytes.reserve(text.size() / 4 * 3);
+  std::uint32_t bits = 0;
+  for (std::size_t i = 0; i < end; ++i) {
+    const std::size_t digit = kAlphabet.find(text[i]);
+    if (digit == std::string_view::npos) return std::nullopt;
+    bits = bits << 6 | static_cast<std::uint32_t>(digit);
+    // Each character but the first of four completes a byte.
+    if (i % 4 != 0) bytes += static_cast<char>(bits >> (6 - 2 * (i % 4)) & 0xff);
+  }
   return bytes;
 }
 

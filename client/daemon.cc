@@ -3,11 +3,13 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include <fmt/format.h>
 
+#include "client/read_ahead.h"
 #include "module/os_public/Include/ox_msg.h"
 
 namespace tarn {
@@ -27,15 +29,19 @@ Error gone() {
   return {-EPIPE, "the module's side of the channel was closed: tarnd has ended or was stopped"};
 }
 
+/* More than the queue of a link holds, so that a stream without end does not hold us up. */
+constexpr int kRoomBatches = 512;
+
 }  // namespace
 
-Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(const std::string &run_dir,
-                                                           Claim claim) {
-  auto link = connect_unix_link(run_dir);
+Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(const Site &site, Claim claim) {
+  auto link = site.in_kernel() ? open_netlink_link() : connect_unix_link(site.run_dir);
   if (!link) return link.error();
-  auto lock = DaemonLock::take(run_dir, claim);
+  auto lock = DaemonLock::take(site, claim);
   if (!lock) return lock.error();
-  return open(std::move(*link), std::move(*lock));
+  auto reading = read_ahead(std::move(*link));
+  if (!reading) return reading.error();
+  return open(std::move(*reading), std::move(*lock));
 }
 
 Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(std::unique_ptr<MessageLink> link,
@@ -92,21 +98,37 @@ bool DaemonChannel::take_answer(Bytes packet) {
   return true;
 }
 
+Result<void> DaemonChannel::take_batch() {
+  auto got = link_->receive(batch_);
+  oversized_ += batch_.oversized;
+  foreign_ += batch_.foreign;
+  overruns_ += batch_.overrun;
+  closed_ = closed_ || batch_.closed;
+  return got;
+}
+
+void DaemonChannel::keep_batch() {
+  for (const Bytes packet : batch_.packets) {
+    if (!take_answer(packet)) kept_.emplace_back(packet.begin(), packet.end());
+  }
+}
+
+std::uint64_t DaemonChannel::take_losses() {
+  signals_ += loss_->take();
+  const std::uint64_t losses = std::max(signals_, overruns_);
+  return losses - std::exchange(losses_told_, losses);
+}
+
 Result<void> DaemonChannel::wait(Milliseconds patience, int wake_fd, Received &received) {
   pollfd fds[] = {{link_->fd(), POLLIN, 0}, {loss_->fd(), POLLIN, 0}, {wake_fd, POLLIN, 0}};
   const auto time = patience.count() < 0 ? -1 : static_cast<int>(patience.count());
   if (poll(fds, std::size(fds), time) < 0 && errno != EINTR)
     return system_error(errno, "cannot wait for the module");
   received.woken = fds[2].revents != 0;
-  lost_ += loss_->take();
-  if (fds[0].revents == 0) {
-    batch_.packets.clear();
-    return {};
-  }
-  auto got = link_->receive(batch_);
-  oversized_ += batch_.oversized;
-  closed_ = closed_ || batch_.closed;
-  return got;
+  signals_ += loss_->take();
+  if (fds[0].revents != 0) return take_batch();
+  batch_.clear();
+  return {};
 }
 
 Result<DaemonChannel::Received> DaemonChannel::receive(Milliseconds patience, int wake_fd) {
@@ -120,24 +142,44 @@ Result<DaemonChannel::Received> DaemonChannel::receive(Milliseconds patience, in
     if (!take_answer(packet)) packets_.push_back(packet);
   }
   received.packets = packets_;
-  received.lost = std::exchange(lost_, 0);
+  received.arrived_until = batch_.arrived_until;
+  received.lost = take_losses();
   received.barriers = barriers_;
   received.oversized = std::exchange(oversized_, 0);
+  received.foreign = std::exchange(foreign_, 0);
   received.closed = closed_;
   return received;
 }
 
+/*
+ * A module in the kernel puts its answer into our queue before the call that sends the request
+ * returns. With the queue full it would wait for us, who wait for it, and then give the answer up.
+ */
+Result<void> DaemonChannel::make_room() {
+  for (int i = 0; i < kRoomBatches && !closed_; ++i) {
+    if (auto taken = take_batch(); !taken) return taken.error();
+    if (batch_.empty()) break;
+    keep_batch();
+  }
+  return {};
+}
+
+Result<void> DaemonChannel::send_request(std::uint16_t type, Bytes payload, std::uint64_t barrier) {
+  if (auto room = make_room(); !room) return room.error();
+  if (auto sent = send(type, payload); !sent) return sent.error();
+  asked_.push_back({type, barrier});
+  return {};
+}
+
 Result<std::uint64_t> DaemonChannel::ask_barrier() {
   // A delete request without a record is refused by its length before anything is looked at.
-  if (auto sent = send(OX_SO_REP_DEL, {}); !sent) return sent.error();
-  asked_.push_back({OX_SO_REP_DEL, ++barriers_asked_});
-  return barriers_asked_;
+  if (auto sent = send_request(OX_SO_REP_DEL, {}, barriers_asked_ + 1); !sent) return sent.error();
+  return ++barriers_asked_;
 }
 
 Result<std::int32_t> DaemonChannel::request(std::uint16_t type, Bytes payload,
                                             Milliseconds patience) {
-  if (auto sent = send(type, payload); !sent) return sent.error();
-  asked_.push_back({type, 0});
+  if (auto sent = send_request(type, payload, 0); !sent) return sent.error();
   // Answers come in order, so ours is the last of those that are outstanding.
   const auto deadline = Clock::now() + patience;
   while (!asked_.empty()) {
@@ -149,9 +191,7 @@ Result<std::int32_t> DaemonChannel::request(std::uint16_t type, Bytes payload,
     }
     Received passing;
     if (auto waited = wait(left, -1, passing); !waited) return waited.error();
-    for (const Bytes packet : batch_.packets) {
-      if (!take_answer(packet)) kept_.emplace_back(packet.begin(), packet.end());
-    }
+    keep_batch();
     if (closed_ && !asked_.empty()) return gone();
   }
   return result_;

@@ -27,6 +27,7 @@
 #include "client/loss_signal.h"
 #include "client/messages.h"
 #include "client/result.h"
+#include "client/site.h"
 
 namespace tarn {
 
@@ -34,8 +35,8 @@ class DaemonChannel {
  public:
   using Milliseconds = std::chrono::milliseconds;
 
-  /* Registers with the tarnd of the run directory and waits until the module has confirmed it. */
-  static Result<std::unique_ptr<DaemonChannel>> open(const std::string &run_dir, Claim claim);
+  /* Registers with the module there and waits until it has confirmed it. */
+  static Result<std::unique_ptr<DaemonChannel>> open(const Site &site, Claim claim);
 
   /* The same over any link; the lock has been taken by the caller. */
   static Result<std::unique_ptr<DaemonChannel>> open(std::unique_ptr<MessageLink> link,
@@ -49,11 +50,15 @@ class DaemonChannel {
 
   struct Received {
     std::span<const Bytes> packets; /* each one message for decode(); valid until the next call */
-    std::uint64_t lost = 0;         /* times that the module said that a message to us was lost */
+    std::uint64_t lost = 0;         /* times that a message to us was lost */
     std::size_t oversized = 0;      /* packets too long to be messages */
+    std::size_t foreign = 0;        /* packets of other programs, which were not taken */
     std::uint64_t barriers = 0;     /* the number of the latest barrier that has come back */
     bool closed = false;            /* the module's side has gone */
     bool woken = false;             /* the wake descriptor is readable */
+    /* What had come by then is among the packets of this call or was among those of earlier ones:
+     * the time to judge by what is overdue, however late we are ourselves. */
+    std::chrono::steady_clock::time_point arrived_until;
   };
 
   /*
@@ -91,8 +96,13 @@ class DaemonChannel {
   };
 
   Result<void> send(std::uint16_t type, Bytes payload);
+  Result<void> send_request(std::uint16_t type, Bytes payload, std::uint64_t barrier);
   Result<void> wait(Milliseconds patience, int wake_fd, Received &received);
+  Result<void> take_batch();
+  Result<void> make_room();
+  void keep_batch();
   bool take_answer(Bytes packet);
+  std::uint64_t take_losses();
 
   std::unique_ptr<MessageLink> link_;
   DaemonLock lock_;
@@ -105,8 +115,12 @@ class DaemonChannel {
   std::int32_t result_ = 0; /* of the latest rule request */
   std::uint64_t barriers_asked_ = 0;
   std::uint64_t barriers_ = 0;
-  std::uint64_t lost_ = 0;
+  /* A queue that overflowed and the signal are two words for one loss; either may come first. */
+  std::uint64_t signals_ = 0;
+  std::uint64_t overruns_ = 0;
+  std::uint64_t losses_told_ = 0;
   std::size_t oversized_ = 0;
+  std::size_t foreign_ = 0;
   bool closed_ = false;
   bool registered_ = false;
 };

@@ -2,6 +2,7 @@
 #include "client/daemon_lock.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -18,11 +19,20 @@ namespace {
 
 constexpr char kName[] = "/daemon.lock";
 
-struct flock whole_file(short type) {
-  struct flock lock {};
-  lock.l_type = type;
-  lock.l_whence = SEEK_SET;
-  return lock;
+enum class Lock { kTaken, kByAnother, kFailed };
+
+/*
+ * Tries to take the exclusive lock. Whoever only asks who the daemon is holds a shared one for a
+ * moment (registered_daemon), which does not count. errno is set with kFailed.
+ */
+Lock try_lock(int fd) {
+  for (;;) {
+    if (flock(fd, LOCK_EX | LOCK_NB) == 0) return Lock::kTaken;
+    if (errno == EINTR) continue;
+    if (errno != EWOULDBLOCK) return Lock::kFailed;
+    if (flock(fd, LOCK_SH | LOCK_NB) != 0 && errno != EINTR)
+      return errno == EWOULDBLOCK ? Lock::kByAnother : Lock::kFailed;
+  }
 }
 
 bool same_file(int fd, const std::string &path) {
@@ -64,14 +74,21 @@ Error lock_error(int err, const std::string &path) {
   return system_error(err, "cannot lock " + printable(path));
 }
 
+/* The directory of a module in the kernel; tarnd makes its own. */
+Result<void> make_directory(const Site &site) {
+  if (!site.in_kernel() || mkdir(site.run_dir.c_str(), 0755) == 0 || errno == EEXIST) return {};
+  if (errno == ENOENT)
+    return system_error(ENOENT, "cannot make the directory " + printable(site.run_dir));
+  return lock_error(errno, site.run_dir + kName);
+}
+
 /* A new locked file with our process id in the place of whatever is there. */
 Result<UniqueFd> replace(const std::string &path) {
   std::string temporary = path + ".XXXXXX";
   UniqueFd file(mkostemp(temporary.data(), O_CLOEXEC));
   if (!file) return lock_error(errno, path);
-  auto lock = whole_file(F_WRLCK);
   int err = 0;
-  if (fchmod(file.get(), 0644) != 0 || fcntl(file.get(), F_OFD_SETLK, &lock) != 0) err = errno;
+  if (fchmod(file.get(), 0644) != 0 || try_lock(file.get()) != Lock::kTaken) err = errno;
   if (auto written = write_pid(file.get()); err == 0 && !written) err = -written.error().code;
   if (err == 0 && rename(temporary.c_str(), path.c_str()) != 0) err = errno;
   if (err == 0) return file;
@@ -81,18 +98,19 @@ Result<UniqueFd> replace(const std::string &path) {
 
 }  // namespace
 
-Result<DaemonLock> DaemonLock::take(const std::string &run_dir, Claim claim) {
-  const std::string path = run_dir + kName;
+Result<DaemonLock> DaemonLock::take(const Site &site, Claim claim) {
+  const std::string path = site.run_dir + kName;
+  if (auto made = make_directory(site); !made) return made.error();
   for (;;) {
     UniqueFd file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     if (!file) return lock_error(errno, path);
-    auto lock = whole_file(F_WRLCK);
-    if (fcntl(file.get(), F_OFD_SETLK, &lock) == 0) {
+    const Lock lock = try_lock(file.get());
+    if (lock == Lock::kFailed) return lock_error(errno, path);
+    if (lock == Lock::kTaken) {
       if (!same_file(file.get(), path)) continue;  // another has just put a new one there
       if (auto written = write_pid(file.get()); !written) return written.error();
       return DaemonLock(std::move(file), path);
     }
-    if (errno != EAGAIN && errno != EACCES) return lock_error(errno, path);
     if (claim == Claim::kRefuseIfTaken) {
       const auto pid = read_pid(file.get());
       return Error{
@@ -110,14 +128,16 @@ bool DaemonLock::still_ours() const {
   return same_file(file_.get(), path_);
 }
 
-Result<std::optional<pid_t>> registered_daemon(const std::string &run_dir) {
-  const std::string path = run_dir + kName;
+Result<std::optional<pid_t>> registered_daemon(const Site &site) {
+  const std::string path = site.run_dir + kName;
   const UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   if (!file && errno == ENOENT) return std::optional<pid_t>();
   if (!file) return lock_error(errno, path);
-  auto lock = whole_file(F_RDLCK);
-  if (fcntl(file.get(), F_OFD_GETLK, &lock) != 0) return lock_error(errno, path);
-  return lock.l_type == F_UNLCK ? std::optional<pid_t>() : read_pid(file.get());
+  while (flock(file.get(), LOCK_SH | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) return read_pid(file.get());
+    if (errno != EINTR) return lock_error(errno, path);
+  }
+  return std::optional<pid_t>();
 }
 
 }  // namespace tarn

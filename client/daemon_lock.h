@@ -2,8 +2,8 @@
 /*
  * Who is the daemon? The module itself tells nobody, and takes any new one without a word to the
  * old. So whoever registers through libtarn holds the file "daemon.lock" in the run directory under
- * an exclusive lock of its open file (fcntl, F_OFD_SETLK); its text is the holder's process id. The
- * lock goes with the process, however it ends.
+ * an exclusive lock of its open file (flock); its text is the holder's process id. The lock goes
+ * with the process, however it ends.
  *
  * To take over, a program puts a new, locked file in the old one's place. The old holder notices
  * that the file is no longer its own when it leaves, and then does not tell the module to forget
@@ -18,6 +18,7 @@
 #include <string>
 
 #include "client/result.h"
+#include "client/site.h"
 #include "client/unique_fd.h"
 
 namespace tarn {
@@ -26,8 +27,9 @@ enum class Claim { kRefuseIfTaken, kTakeOver };
 
 class DaemonLock {
  public:
-  /* Errors: -EBUSY when another holds it (Claim::kRefuseIfTaken). */
-  static Result<DaemonLock> take(const std::string &run_dir, Claim claim);
+  /* Makes the site's directory, if the module is in the kernel and nobody has made it. Errors:
+   * -EBUSY when another holds the lock (Claim::kRefuseIfTaken). */
+  static Result<DaemonLock> take(const Site &site, Claim claim);
 
   /* False once another has taken over. */
   bool still_ours() const;
@@ -40,7 +42,7 @@ class DaemonLock {
 };
 
 /* The process id of the registered daemon, if there is one. */
-Result<std::optional<pid_t>> registered_daemon(const std::string &run_dir);
+Result<std::optional<pid_t>> registered_daemon(const Site &site);
 
 }  // namespace tarn
 

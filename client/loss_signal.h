@@ -2,39 +2,35 @@
 /*
  * The module sends the daemon's process signal 58 when a message to it was lost. Its default action
  * would end the process. While a LossSignal exists, the signal is counted instead and makes a
- * descriptor readable. There is one per process at a time; its handler is for the whole process,
- * whichever threads there are.
+ * descriptor readable. There is one per process at a time. Once it
+ * has gone, the signal is ignored.
  */
 #ifndef TARN_CLIENT_LOSS_SIGNAL_H
 #define TARN_CLIENT_LOSS_SIGNAL_H
 
-#include <csignal>
 #include <cstdint>
 #include <memory>
 
 #include "client/result.h"
-#include "client/unique_fd.h"
+#include "client/signal_pipe.h"
 
 namespace tarn {
 
 class LossSignal {
  public:
+  /* Errors: -EBUSY if there is one already. */
   static Result<std::unique_ptr<LossSignal>> install();
-  ~LossSignal();
-  LossSignal(const LossSignal &) = delete;
-  LossSignal &operator=(const LossSignal &) = delete;
 
   /* Readable while there are signals that take() has not returned. */
-  int fd() const { return event_.get(); }
+  int fd() const { return pipe_->fd(); }
 
   /* The signals since the last call. */
-  std::uint64_t take();
+  std::uint64_t take() { return pipe_->take_all(); }
 
  private:
-  explicit LossSignal(UniqueFd event) : event_(std::move(event)) {}
+  explicit LossSignal(std::unique_ptr<SignalPipe> pipe) : pipe_(std::move(pipe)) {}
 
-  UniqueFd event_;
-  struct sigaction old_ {};
+  std::unique_ptr<SignalPipe> pipe_;
 };
 
 }  // namespace tarn

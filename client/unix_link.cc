@@ -33,8 +33,7 @@ class UnixLink : public MessageLink {
       headers[i].msg_hdr.msg_iov = &rooms[i];
       headers[i].msg_hdr.msg_iovlen = 1;
     }
-    batch.packets.clear();
-    batch.oversized = 0;
+    batch.clear();
     int count;
     do {
       count = recvmmsg(socket_.get(), headers.data(), headers.size(), MSG_DONTWAIT, nullptr);

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "client/uuid.h"
 
-#include <random>
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "client/unique_fd.h"
 
 namespace tarn {
 namespace {
@@ -45,11 +49,18 @@ std::optional<Uuid> parse_uuid(std::string_view text) {
   return uuid;
 }
 
-Uuid make_uuid() {
-  std::random_device source;
-  std::uniform_int_distribution<unsigned> byte(1, 255);
+Result<Uuid> make_uuid() {
+  constexpr char kSource[] = "/dev/urandom";
+  const UniqueFd source(open(kSource, O_RDONLY | O_CLOEXEC));
+  if (!source) return system_error(errno, std::string("cannot make up a UUID: ") + kSource);
   Uuid uuid;
-  for (auto &b : uuid.bytes) b = static_cast<std::uint8_t>(byte(source));
+  for (std::size_t at = 0; at < uuid.bytes.size();) {
+    const ssize_t got = read(source.get(), &uuid.bytes[at], 1);
+    if (got < 0 && errno == EINTR) continue;
+    if (got != 1)
+      return system_error(got < 0 ? errno : EIO, std::string("cannot make up a UUID: ") + kSource);
+    at += uuid.bytes[at] != 0;
+  }
   // The marks of a random UUID: version 4, variant 10. Neither byte can become zero by them.
   uuid.bytes[6] = static_cast<std::uint8_t>((uuid.bytes[6] & 0x0f) | 0x40);
   uuid.bytes[8] = static_cast<std::uint8_t>((uuid.bytes[8] & 0x3f) | 0x80);

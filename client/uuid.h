@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "client/result.h"
+
 namespace tarn {
 
 struct Uuid {
@@ -23,8 +25,9 @@ std::string to_string(const Uuid &uuid);
 /* Reads that form, in either case. */
 std::optional<Uuid> parse_uuid(std::string_view text);
 
-/* A new random one. It holds no zero byte, because the module compares only up to the first one. */
-Uuid make_uuid();
+/* A new random one. It holds no zero byte, because the module compares only up to the first one.
+ * Errors: those of reading /dev/urandom. */
+Result<Uuid> make_uuid();
 
 }  // namespace tarn
 

@@ -10,7 +10,7 @@
 #include <fmt/format.h>
 
 #include "client/paths.h"
-#include "client/run_dir.h"
+#include "client/site.h"
 #include "client/text.h"
 #include "mirrord/catch_up.h"
 #include "mirrord/mirror.h"
@@ -63,7 +63,8 @@ int mirror(const Arguments &arguments) {
   const auto source = whole_path(arguments.source), replica_path = whole_path(arguments.replica);
   if (!source) return fail(source.error().text, kExitUsage);
   if (!replica_path) return fail(replica_path.error().text, kExitUsage);
-  MirrorOptions options{*source, *replica_path, {}, arguments.status_file};
+  MirrorOptions options{
+      .source = *source, .replica = *replica_path, .status_file = arguments.status_file};
   if (path_below(options.source, options.replica))
     return fail(fmt::format("the replica {} lies inside the source {}: choose another directory",
                             printable(options.replica), printable(options.source)),
@@ -76,10 +77,10 @@ int mirror(const Arguments &arguments) {
   umask(0);  // modes come from the records
   auto replica = Replica::open(options.replica);
   if (!replica) return fail(replica.error().text, kExitProblems);
-  auto signals = SignalFd::block({SIGTERM, SIGINT, SIGUSR1});
+  auto signals = SignalPipe::open({SIGTERM, SIGINT, SIGUSR1});
   if (!signals) return fail(signals.error().text, kExitProblems);
   auto channel = DaemonChannel::open(
-      run_directory(), arguments.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
+      find_site(), arguments.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
   if (!channel) {
     const Error &error = channel.error();
     return fail(error.code == -EBUSY ? error.text + " with --take-over" : error.text, kExitChannel);
@@ -88,9 +89,10 @@ int mirror(const Arguments &arguments) {
                            printable(options.source), printable(options.replica))
             << std::flush;
   Mirror work(std::move(options), *replica, **channel);
-  const auto end = work.run(*signals);
+  const auto end = work.run(**signals);
   if (end == Mirror::End::kClean) return kExitOk;
   if (end == Mirror::End::kChannel) return kExitChannel;
+  if (work.status().problems() == 0) return kExitProblems;
   return fail(fmt::format("{} things went wrong: the replica may differ from the source",
                           work.status().problems()),
               kExitProblems);

@@ -17,8 +17,6 @@ using Clock = std::chrono::steady_clock;
 using Milliseconds = DaemonChannel::Milliseconds;
 
 constexpr Milliseconds kStatusInterval{1000};
-constexpr auto kStopPatience =
-    std::chrono::seconds(30);       /* for what the module has sent before the end */
 constexpr Milliseconds kQuiet{100}; /* nothing for so long: nothing more will come */
 
 void say(const std::string &text) {
@@ -94,7 +92,7 @@ void Mirror::event(const Uuid &uuid, const Sequencer::Event &event) {
   }
 }
 
-void Mirror::packet(Bytes packet) {
+void Mirror::packet(Bytes packet, Clock::time_point now) {
   const auto message = decode(packet);
   if (!message) {
     ++status_.malformed;
@@ -102,7 +100,7 @@ void Mirror::packet(Bytes packet) {
     return say(message.error().text);
   }
   if (const auto *record = std::get_if<Record>(&*message)) {
-    if (wanted(record->rule)) sequencer_.add(*record, packet, Clock::now());
+    if (wanted(record->rule)) sequencer_.add(*record, packet, now);
   } else if (const auto *stop = std::get_if<StopRule>(&*message); stop && wanted(stop->rule)) {
     RuleStatus &rule = status_.rules[stop->rule];
     // The module says it once more with each change that it does not capture.
@@ -116,10 +114,14 @@ void Mirror::packet(Bytes packet) {
 }
 
 void Mirror::losses(const DaemonChannel::Received &received) {
-  if (received.lost == 0 && received.oversized == 0) return;
+  if (received.lost == 0 && received.oversized == 0 && received.foreign == 0) return;
   changed_ = true;
   status_.lost += received.lost;
   status_.malformed += received.oversized;
+  // Any program can send them, as many as it likes: they are counted, and said once.
+  if (received.foreign != 0 && status_.foreign == 0)
+    say("a program other than the module sends messages here; they are not taken");
+  status_.foreign += received.foreign;
   if (received.oversized != 0)
     say(fmt::format("{} packets were too long to be messages", received.oversized));
   if (received.lost == 0) return;
@@ -131,8 +133,8 @@ void Mirror::losses(const DaemonChannel::Received &received) {
 }
 
 void Mirror::packets(const DaemonChannel::Received &received) {
-  for (const Bytes p : received.packets) packet(p);
-  sequencer_.expire(Clock::now());
+  for (const Bytes p : received.packets) packet(p, received.arrived_until);
+  sequencer_.expire(received.arrived_until);
   losses(received);
   note_caught_up(received.barriers);
 }
@@ -140,8 +142,14 @@ void Mirror::packets(const DaemonChannel::Received &received) {
 void Mirror::ask_catch_up() {
   const std::int64_t now = monotonic_ns();
   const auto barrier = channel_.ask_barrier();
-  if (!barrier) return say(barrier.error().text);
+  if (!barrier) return unconfirmed(barrier.error().text);
   catch_ups_.push_back({*barrier, now});
+}
+
+void Mirror::unconfirmed(const std::string &why) {
+  ++status_.unconfirmed;
+  changed_ = true;
+  say("the module was asked whether everything has come: " + why);
 }
 
 void Mirror::note_caught_up(std::uint64_t barriers) {
@@ -152,13 +160,13 @@ void Mirror::note_caught_up(std::uint64_t barriers) {
     catch_ups_.pop_front();
     any = true;
   }
-  if (any) write_status_file();
+  if (any) keep_status_file();
 }
 
 void Mirror::signal(int number) {
   if (number == SIGUSR1) return ask_catch_up();
   if (number != SIGTERM && number != SIGINT) return;
-  if (!stop_by_) stop_by_ = Clock::now() + kStopPatience;
+  if (!stop_by_) stop_by_ = Clock::now() + options_.stop_patience;
   ask_catch_up();
 }
 
@@ -169,16 +177,23 @@ Milliseconds Mirror::patience() const {
   return std::max(wait, Milliseconds(0));
 }
 
-void Mirror::write_status_file() {
+Result<void> Mirror::write_status_file() {
   changed_ = false;
   written_ = Clock::now();
-  if (options_.status_file.empty()) return;
-  if (auto done = write_status(options_.status_file, status_); !done) say(done.error().text);
+  if (options_.status_file.empty()) return {};
+  return write_status(options_.status_file, status_);
+}
+
+/* That it cannot be written is said once, until it can again. */
+void Mirror::keep_status_file() {
+  const auto written = write_status_file();
+  if (!written && !told_of_status_file_) say(written.error().text);
+  told_of_status_file_ = !written.ok();
 }
 
 /* After quit: applies what is still on its way. */
 void Mirror::drain() {
-  const auto end = Clock::now() + kStopPatience;
+  const auto end = Clock::now() + options_.stop_patience;
   while (Clock::now() < end) {
     const auto received = channel_.receive(kQuiet);
     if (!received) return say(received.error().text);
@@ -187,8 +202,11 @@ void Mirror::drain() {
   }
 }
 
-Mirror::End Mirror::run(SignalFd &signals) {
-  write_status_file();
+Mirror::End Mirror::run(SignalPipe &signals) {
+  if (auto written = write_status_file(); !written) {
+    say(written.error().text);
+    return End::kProblems;
+  }
   std::optional<End> end;
   while (!end) {
     const auto received = channel_.receive(patience(), signals.fd());
@@ -202,19 +220,22 @@ Mirror::End Mirror::run(SignalFd &signals) {
     if (received->closed) {
       say("the module's side of the channel was closed: tarnd has ended");
       end = End::kChannel;
-    } else if (stop_by_ && (catch_ups_.empty() || Clock::now() > *stop_by_)) {
+    } else if (stop_by_ && catch_ups_.empty()) {
+      end = End::kClean;
+    } else if (stop_by_ && Clock::now() > *stop_by_) {
+      unconfirmed(fmt::format("no answer within {} ms", options_.stop_patience.count()));
       end = End::kClean;
     } else if (received->packets.empty() && !received->woken && channel_.taken_over()) {
       say("another daemon has taken over: no more records come here");
       end = End::kChannel;
     }
-    if (changed_ && Clock::now() - written_ >= kStatusInterval) write_status_file();
+    if (changed_ && Clock::now() - written_ >= kStatusInterval) keep_status_file();
   }
   if (auto left = channel_.leave(); !left && *end == End::kClean) say(left.error().text);
   drain();
   sequencer_.finish();
   status_.running = false;
-  write_status_file();
+  keep_status_file();
   if (*end == End::kClean && status_.problems() != 0) end = End::kProblems;
   return *end;
 }

@@ -7,6 +7,7 @@
 #ifndef TARN_MIRRORD_MIRROR_H
 #define TARN_MIRRORD_MIRROR_H
 
+#include <chrono>
 #include <deque>
 #include <optional>
 #include <set>
@@ -14,7 +15,7 @@
 
 #include "client/daemon.h"
 #include "client/sequence.h"
-#include "client/signal_fd.h"
+#include "client/signal_pipe.h"
 #include "mirrord/applier.h"
 #include "mirrord/status.h"
 
@@ -23,8 +24,10 @@ namespace tarn {
 struct MirrorOptions {
   std::string source;
   std::string replica;
-  std::set<Uuid> rules;    /* only these; empty: all */
-  std::string status_file; /* empty: none */
+  std::set<Uuid> rules = {};    /* only these; empty: all */
+  std::string status_file = {}; /* empty: none */
+  /* How long an end waits for what the module has sent before it. */
+  std::chrono::milliseconds stop_patience = std::chrono::seconds(30);
 };
 
 class Mirror : private Sequencer::Sink {
@@ -40,9 +43,9 @@ class Mirror : private Sequencer::Sink {
   /*
    * Until SIGTERM or SIGINT comes out of `signals`: then what the module has sent is still applied.
    * SIGUSR1 asks to be told, in the status file, when everything changed until then has been
-   * applied.
+   * applied. Ends at once with kProblems if the status file cannot be written.
    */
-  End run(SignalFd &signals);
+  End run(SignalPipe &signals);
 
   const MirrorStatus &status() const { return status_; }
 
@@ -51,13 +54,15 @@ class Mirror : private Sequencer::Sink {
   void event(const Uuid &rule, const Sequencer::Event &event) override;
 
   void packets(const DaemonChannel::Received &received);
-  void packet(Bytes packet);
+  void packet(Bytes packet, std::chrono::steady_clock::time_point now);
   void losses(const DaemonChannel::Received &received);
   void signal(int number);
   void ask_catch_up();
   void note_caught_up(std::uint64_t barriers);
   void drain();
-  void write_status_file();
+  Result<void> write_status_file();
+  void keep_status_file();
+  void unconfirmed(const std::string &why);
   DaemonChannel::Milliseconds patience() const;
   bool wanted(const Uuid &rule) const {
     return options_.rules.empty() || options_.rules.contains(rule);
@@ -68,7 +73,8 @@ class Mirror : private Sequencer::Sink {
   Applier applier_;
   Sequencer sequencer_;
   MirrorStatus status_;
-  bool changed_ = true; /* since the status file was written */
+  bool changed_ = true;              /* since the status file was written */
+  bool told_of_status_file_ = false; /* that it cannot be written */
   std::chrono::steady_clock::time_point written_{};
 
   struct CatchUp {

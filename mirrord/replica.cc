@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 
@@ -17,6 +18,10 @@ namespace {
 
 constexpr std::uint32_t kModeBits = 07777;
 
+/* For a descriptor that stands for an object, whatever it is. Kernels that do not know O_PATH open
+ * it for reading; they must not wait for the other end of a FIFO. */
+constexpr int kObject = O_PATH | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+
 // The caller names the record; the error needs no more than the cause.
 Error failed(int err) {
   Error error = system_error(err, "");
@@ -28,9 +33,14 @@ std::string by_descriptor(int fd) {
   return fmt::format("/proc/self/fd/{}", fd);
 }
 
-timespec to_timespec(const std::optional<std::uint64_t> &us) {
-  if (!us) return {0, UTIME_OMIT};
+timespec to_timespec(const std::optional<std::uint64_t> &us, const timespec &otherwise) {
+  if (!us) return otherwise;
   return {static_cast<time_t>(*us / 1'000'000), static_cast<long>(*us % 1'000'000 * 1000)};
+}
+
+/* Both times of what `status` is about: a kernel of 2006 can only set them together. */
+std::array<timespec, 2> both_times(const Replica::Attributes &a, const struct stat &status) {
+  return {to_timespec(a.atime, status.st_atim), to_timespec(a.mtime, status.st_mtim)};
 }
 
 /* Opens a regular file for writing; `object` is an O_PATH descriptor of it, so nothing can be put
@@ -71,6 +81,16 @@ bool same_object(int directory1, const std::string &name1, int directory2,
          a.st_dev == b.st_dev;
 }
 
+/* Of the file, directory or other object that the descriptor is of, however it was opened. */
+Result<void> set_times(int object, const Replica::Attributes &a) {
+  if (!a.atime && !a.mtime) return {};
+  struct stat status;
+  if (fstat(object, &status) != 0) return failed(errno);
+  if (utimensat(AT_FDCWD, by_descriptor(object).c_str(), both_times(a, status).data(), 0) != 0)
+    return failed(errno);
+  return {};
+}
+
 /* Size first: it takes set-id bits and sets times. The owner next: it takes set-id bits. The times
  * last. */
 Result<void> set_through_file(int file, const Replica::Attributes &a) {
@@ -78,25 +98,33 @@ Result<void> set_through_file(int file, const Replica::Attributes &a) {
   if ((a.uid || a.gid) && fchown(file, a.uid.value_or(-1), a.gid.value_or(-1)) != 0)
     return failed(errno);
   if (a.mode && fchmod(file, *a.mode & kModeBits) != 0) return failed(errno);
-  const timespec times[] = {to_timespec(a.atime), to_timespec(a.mtime)};
-  if ((a.atime || a.mtime) && futimens(file, times) != 0) return failed(errno);
+  return set_times(file, a);
+}
+
+/* A symbolic link has an owner and times, but no mode of its own. */
+Result<void> set_of_link(int directory, const std::string &name, const struct stat &status,
+                         const Replica::Attributes &a) {
+  if (a.mode) return Error{-EOPNOTSUPP, "a symbolic link has no mode"};
+  if ((a.atime || a.mtime) &&
+      utimensat(directory, name.c_str(), both_times(a, status).data(), AT_SYMLINK_NOFOLLOW) != 0)
+    return failed(errno);
   return {};
 }
 
-/* The same on an object that cannot be opened for writing: a directory or a symbolic link. */
+/* The same on an object that is not open for writing: a directory, for example, or a link. */
 Result<void> set_through_name(int directory, const std::string &name,
                               const Replica::Attributes &a) {
-  const UniqueFd object(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-  if (!object) return failed(errno);
-  if ((a.uid || a.gid) &&
-      fchownat(object.get(), "", a.uid.value_or(-1), a.gid.value_or(-1), AT_EMPTY_PATH) != 0)
+  if ((a.uid || a.gid) && fchownat(directory, name.c_str(), a.uid.value_or(-1), a.gid.value_or(-1),
+                                   AT_SYMLINK_NOFOLLOW) != 0)
     return failed(errno);
+  struct stat status;
+  if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return failed(errno);
+  if (S_ISLNK(status.st_mode)) return set_of_link(directory, name, status, a);
+  const UniqueFd object(openat(directory, name.c_str(), kObject));
+  if (!object) return failed(errno);
   if (a.mode && chmod(by_descriptor(object.get()).c_str(), *a.mode & kModeBits) != 0)
     return failed(errno);
-  const timespec times[] = {to_timespec(a.atime), to_timespec(a.mtime)};
-  if ((a.atime || a.mtime) && utimensat(directory, name.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0)
-    return failed(errno);
-  return {};
+  return set_times(object.get(), a);
 }
 
 }  // namespace
@@ -139,7 +167,7 @@ Result<int> Replica::writable(const std::string &path) {
   if (const int cached = files_.find(path); cached >= 0) return cached;
   const auto at = place(path);
   if (!at) return at.error();
-  const UniqueFd object(openat(at->fd, at->name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  const UniqueFd object(openat(at->fd, at->name.c_str(), kObject));
   if (!object) return failed(errno);
   auto file = open_for_writing(object.get());
   if (!file) return file.error();

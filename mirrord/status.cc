@@ -27,6 +27,8 @@ Json to_json(const MirrorStatus &status) {
   json["problems"] = status.problems();
   json["lost"] = status.lost;
   json["malformed"] = status.malformed;
+  json["foreign"] = status.foreign;
+  json["unconfirmed"] = status.unconfirmed;
   json["caught_up_to_ns"] = status.caught_up_to_ns;
   std::uint64_t messages = 0, bytes = 0, failures = 0;
   Json rules = Json::array();
@@ -53,7 +55,7 @@ Json to_json(const MirrorStatus &status) {
 }  // namespace
 
 std::uint64_t MirrorStatus::problems() const {
-  std::uint64_t count = lost + malformed;
+  std::uint64_t count = lost + malformed + unconfirmed;
   for (const auto &[uuid, rule] : rules) count += rule.failures + rule.gaps + rule.stopped;
   return count;
 }

@@ -34,6 +34,9 @@ struct MirrorStatus {
   std::string replica;
   std::uint64_t lost = 0;      /* times that the module could not deliver a message */
   std::uint64_t malformed = 0; /* packets that are no messages */
+  std::uint64_t foreign = 0;   /* packets of other programs, not taken: they do no harm */
+  /* Times that the module did not confirm that everything has come. */
+  std::uint64_t unconfirmed = 0;
   /* Everything that programs had changed at this time of the monotonic clock is in the replica;
    * nanoseconds. */
   std::int64_t caught_up_to_ns = 0;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "client/result.h"
+#include "client/uuid.h"
 
 namespace tarn {
 
@@ -28,6 +29,9 @@ enum class Format { kText, kJson };
 /* Prints the error as one line and returns the exit code for it. */
 int fail(const Error &error);
 
+/* A UUID as it is typed. Error: -EINVAL. */
+Result<Uuid> read_uuid(const std::string &text);
+
 int mount_command(const std::string &lower, const std::string &mountpoint);
 int umount_command(const std::string &mountpoint, bool lazily);
 int stop_command();
@@ -39,6 +43,11 @@ int rule_delete_command(const std::string &uuid);
 int rule_list_command(Format format);
 int rule_show_command(const std::string &uuid, Format format);
 int rule_flush_command();
+
+int directory_add_command(const std::string &path, const std::optional<std::string> &uuid);
+int directory_delete_command(const std::string &uuid);
+int directory_flush_command();
+int directory_daemon_command(const std::string &program);
 
 struct LogOptions {
   unsigned level = 7; /* the least serious that is shown */

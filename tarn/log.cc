@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
-// log: the lines of the kernel that tarnd is.
+// log: the lines of the kernel that the module is in, tarnd or the running one.
 #include <chrono>
 #include <iostream>
 
 #include <fmt/format.h>
 
 #include "client/control.h"
-#include "client/run_dir.h"
+#include "client/site.h"
 #include "client/text.h"
 #include "tarn/commands.h"
 
@@ -16,13 +16,14 @@ namespace {
 constexpr std::chrono::milliseconds kWait{1000};
 
 void show(const LogLine &line) {
-  std::cout << fmt::format("{} <{}> {}\n", utc_time(line.us), line.level, line.text);
+  if (line.us) std::cout << utc_time(*line.us) << ' ';
+  std::cout << fmt::format("<{}> {}\n", line.level, line.text);
 }
 
 }  // namespace
 
 int log_command(const LogOptions &options) {
-  auto channel = ControlChannel::connect(run_directory());
+  auto channel = ControlChannel::connect(find_site());
   if (!channel) return fail(channel.error());
   std::uint64_t next = 0;
   bool first = true;
@@ -32,8 +33,7 @@ int log_command(const LogOptions &options) {
     if (!part) return fail(part.error());
     for (const LogLine &line : part->lines) {
       if (line.number > next && next != 0)
-        std::cerr << fmt::format("tarn: {} lines were overwritten before they could be shown\n",
-                                 line.number - next);
+        std::cerr << "tarn: some lines were overwritten before they could be shown\n";
       next = line.number + 1;
       if (line.level <= options.level) show(line);
     }

@@ -45,6 +45,7 @@ class CommandLine {
     app_.footer(kExample);
     add_mounts();
     add_rules();
+    add_directories();
     add_reports();
   }
 
@@ -126,6 +127,30 @@ class CommandLine {
 
     auto *flush = command(*rule, "flush", "Delete all rules");
     flush->callback([this] { exit_ = rule_flush_command(); });
+  }
+
+  void add_directories() {
+    auto *dir = command(app_, "dir", "Say out of which directories only the daemon renames");
+    dir->require_subcommand(1);
+
+    auto *add = command(*dir, "add", "Add a directory; prints its UUID if none was given");
+    add->add_option("DIR", first_, "A directory of the lower file system")->required();
+    auto *uuid = add->add_option("UUID", "Its name, as of a rule; made up if left out");
+    add->callback([this, uuid] {
+      const auto given = words(uuid);
+      exit_ = directory_add_command(first_, given.empty() ? std::nullopt : std::optional(given[0]));
+    });
+
+    auto *del = command(*dir, "del", "Delete a directory; it stays on the disk");
+    del->add_option("UUID", first_, "Its name")->required();
+    del->callback([this] { exit_ = directory_delete_command(first_); });
+
+    auto *flush = command(*dir, "flush", "Delete all directories");
+    flush->callback([this] { exit_ = directory_flush_command(); });
+
+    auto *daemon = command(*dir, "daemon", "Say which program is the daemon, which may rename");
+    daemon->add_option("PROGRAM", first_, "Its file")->required();
+    daemon->callback([this] { exit_ = directory_daemon_command(first_); });
   }
 
   void add_reports() {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// mount, umount and stop: the life of tarnd and of its mounts.
+// mount, umount and stop: mounts of the module where it is, and the life of tarnd.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -20,6 +20,7 @@
 #include "client/control.h"
 #include "client/paths.h"
 #include "client/run_dir.h"
+#include "client/site.h"
 #include "client/text.h"
 #include "client/unique_fd.h"
 #include "module/os_public/Include/ox_ctl.h"
@@ -77,7 +78,7 @@ Result<std::string> find_tarnd() {
   return Error{
       -ENOENT,
       fmt::format("tarnd was not found beside {}, in ../sbin, in ../libexec/tarn or in PATH: "
-                  "install it, or put its folder in PATH",
+                  "install it, or put its folder in PATH; or load the module into the kernel",
                   printable(here.string()))};
 }
 
@@ -141,7 +142,7 @@ Result<pid_t> tarnd_pid(const std::string &run_dir) {
 
 /* Ends tarnd and waits until nobody answers any more. */
 Result<void> stop_tarnd(const std::string &run_dir) {
-  if (auto channel = ControlChannel::connect(run_dir); !channel) return channel.error();
+  if (auto channel = ControlChannel::connect(tarnd_site(run_dir)); !channel) return channel.error();
   const auto pid = tarnd_pid(run_dir);
   if (!pid) return pid.error();
   if (kill(*pid, SIGTERM) != 0)
@@ -163,15 +164,21 @@ struct Connection {
   bool started_here; /* no tarnd ran before */
 };
 
-/* To the tarnd that runs, or to one that is started for it. */
-Result<Connection> connect_or_start(const std::string &run_dir) {
+/* To the module where it is; if nowhere, to a tarnd that is started for it. */
+Result<Connection> connect_or_start(const Site &site) {
+  if (site.in_kernel()) {
+    auto channel = ControlChannel::connect(site);
+    if (!channel) return channel.error();
+    return Connection{std::move(*channel), false};
+  }
+  const std::string &run_dir = site.run_dir;
   const auto deadline = std::chrono::steady_clock::now() + kStartPatience;
   for (;;) {
-    auto channel = ControlChannel::connect(run_dir);
+    auto channel = ControlChannel::connect(tarnd_site(run_dir));
     if (channel) return Connection{std::move(*channel), false};
     if (!nobody_there(channel.error())) return channel.error();
     const auto start = start_tarnd(run_dir);
-    channel = ControlChannel::connect(run_dir);
+    channel = ControlChannel::connect(tarnd_site(run_dir));
     if (channel) return Connection{std::move(*channel), start.ok()};
     // One that another program has just started, or that is just ending, is in the way for a moment
     // only.
@@ -189,8 +196,8 @@ int mount_command(const std::string &lower, const std::string &mountpoint) {
   const auto at = directory(mountpoint, "mount point");
   if (!at) return fail(at.error());
 
-  const std::string run_dir = run_directory();
-  auto connection = connect_or_start(run_dir);
+  const Site site = find_site();
+  auto connection = connect_or_start(site);
   if (!connection && connection.error().code == kNotStarted) {
     // tarnd's own words; its lines begin with its name.
     const std::string &said = connection.error().text;
@@ -201,21 +208,26 @@ int mount_command(const std::string &lower, const std::string &mountpoint) {
   const auto mounted = connection->channel.mount(*from, *at);
   if (mounted) return kExitOk;
   if (connection->started_here) {
-    if (auto stopped = stop_tarnd(run_dir); !stopped) fail(stopped.error());
+    if (auto stopped = stop_tarnd(site.run_dir); !stopped) fail(stopped.error());
   }
   return fail(mounted.error());
 }
 
 int umount_command(const std::string &mountpoint, bool lazily) {
-  auto channel = ControlChannel::connect(run_directory());
+  auto channel = ControlChannel::connect(find_site());
   if (!channel) return fail(channel.error());
-  const auto how = lazily ? ControlChannel::Umount::kLazily : ControlChannel::Umount::kIfIdle;
+  const auto how = lazily ? Umount::kLazily : Umount::kIfIdle;
   const auto done = channel->umount(whole_mountpoint(mountpoint), how);
   return done ? kExitOk : fail(done.error());
 }
 
 int stop_command() {
-  const auto stopped = stop_tarnd(run_directory());
+  const Site site = find_site();
+  if (site.in_kernel())
+    return fail({-EOPNOTSUPP,
+                 "no tarnd runs that could be stopped; the module is in the running kernel: take "
+                 "its mounts away with 'tarn umount' and unload it with 'rmmod tarn'"});
+  const auto stopped = stop_tarnd(site.run_dir);
   return stopped ? kExitOk : fail(stopped.error());
 }
 

@@ -8,14 +8,13 @@
 
 #include "client/control.h"
 #include "client/paths.h"
-#include "client/run_dir.h"
+#include "client/site.h"
 #include "client/text.h"
 #include "client/workdir.h"
 #include "tarn/commands.h"
 #include "tarn/report.h"
 
 namespace tarn {
-namespace {
 
 Result<Uuid> read_uuid(const std::string &text) {
   if (const auto uuid = parse_uuid(text)) return *uuid;
@@ -23,6 +22,8 @@ Result<Uuid> read_uuid(const std::string &text) {
                                     "01234567-89AB-CDEF-0123-456789ABCDEF",
                                     printable(text))};
 }
+
+namespace {
 
 /* Records carry whole paths. */
 Result<std::vector<std::string>> whole_paths(const std::vector<std::string> &paths) {
@@ -67,7 +68,9 @@ int rule_add_command(const std::optional<std::string> &uuid,
       return fail({-EINVAL, given.error().text + "; directories go behind --include"}), kExitUsage;
     rule.uuid = *given;
   } else {
-    rule.uuid = make_uuid();
+    const auto made = make_uuid();
+    if (!made) return fail(made.error());
+    rule.uuid = *made;
   }
   auto included = whole_paths(include), excluded = whole_paths(exclude);
   if (!included) return fail(included.error());
@@ -76,7 +79,7 @@ int rule_add_command(const std::optional<std::string> &uuid,
   if (!workdir) return fail(workdir.error());
   rule.workdir = std::move(*workdir);
 
-  auto channel = ControlChannel::connect(run_directory());
+  auto channel = ControlChannel::connect(find_site());
   if (!channel) return fail(channel.error());
   if (auto added = channel->add_rule(rule); !added) return fail(added.error());
   warn_of_mounted_paths(*channel, *included);
@@ -87,14 +90,14 @@ int rule_add_command(const std::optional<std::string> &uuid,
 int rule_delete_command(const std::string &text) {
   const auto uuid = read_uuid(text);
   if (!uuid) return fail(uuid.error()), kExitUsage;
-  auto channel = ControlChannel::connect(run_directory());
+  auto channel = ControlChannel::connect(find_site());
   if (!channel) return fail(channel.error());
   const auto deleted = channel->delete_rule(*uuid);
   return deleted ? kExitOk : fail(deleted.error());
 }
 
 int rule_list_command(Format format) {
-  auto channel = ControlChannel::connect(run_directory());
+  auto channel = ControlChannel::connect(find_site());
   if (!channel) return fail(channel.error());
   const auto rules = channel->list_rules();
   if (!rules) return fail(rules.error());
@@ -111,7 +114,7 @@ int rule_list_command(Format format) {
 int rule_show_command(const std::string &text, Format format) {
   const auto uuid = read_uuid(text);
   if (!uuid) return fail(uuid.error()), kExitUsage;
-  auto channel = ControlChannel::connect(run_directory());
+  auto channel = ControlChannel::connect(find_site());
   if (!channel) return fail(channel.error());
   const auto rule = channel->get_rule(*uuid);
   if (!rule) return fail(rule.error());
@@ -131,7 +134,7 @@ int rule_show_command(const std::string &text, Format format) {
 }
 
 int rule_flush_command() {
-  auto channel = ControlChannel::connect(run_directory());
+  auto channel = ControlChannel::connect(find_site());
   if (!channel) return fail(channel.error());
   const auto flushed = channel->flush_rules();
   return flushed ? kExitOk : fail(flushed.error());

@@ -6,7 +6,7 @@
 
 #include "client/control.h"
 #include "client/daemon_lock.h"
-#include "client/run_dir.h"
+#include "client/site.h"
 #include "client/text.h"
 #include "tarn/commands.h"
 #include "tarn/report.h"
@@ -15,7 +15,7 @@ namespace tarn {
 namespace {
 
 struct Status {
-  std::string run_dir;
+  Site site;
   std::vector<Mount> mounts;
   Result<std::vector<Rule>> rules; /* an error if the caller may not read them */
   std::optional<pid_t> daemon;
@@ -23,7 +23,8 @@ struct Status {
 
 void print_json(const Status &status) {
   nlohmann::ordered_json json;
-  json["run_dir"] = json_bytes(status.run_dir);
+  json["module"] = status.site.in_kernel() ? "kernel" : "tarnd";
+  json["run_dir"] = json_bytes(status.site.run_dir);
   json["mounts"] = nlohmann::ordered_json::array();
   for (const Mount &mount : status.mounts) {
     json["mounts"].push_back({{"lower", json_bytes(mount.lower)},
@@ -40,7 +41,10 @@ void print_json(const Status &status) {
 }
 
 void print_text(const Status &status) {
-  std::cout << "tarnd: running in " << printable(status.run_dir) << '\n';
+  if (status.site.in_kernel())
+    std::cout << "module: in the running kernel\n";
+  else
+    std::cout << "tarnd: running in " << printable(status.site.run_dir) << '\n';
   for (const Mount &mount : status.mounts)
     std::cout << "mount: " << printable(mount.lower) << " at " << printable(mount.mountpoint)
               << '\n';
@@ -60,14 +64,14 @@ void print_text(const Status &status) {
 }  // namespace
 
 int status_command(Format format) {
-  const std::string run_dir = run_directory();
-  auto channel = ControlChannel::connect(run_dir);
+  const Site site = find_site();
+  auto channel = ControlChannel::connect(site);
   if (!channel) return fail(channel.error());
   auto mounts = channel->mounts();
   if (!mounts) return fail(mounts.error());
-  const auto daemon = registered_daemon(run_dir);
+  const auto daemon = registered_daemon(site);
   if (!daemon) return fail(daemon.error());
-  const Status status{run_dir, std::move(*mounts), channel->list_rules(), *daemon};
+  const Status status{site, std::move(*mounts), channel->list_rules(), *daemon};
   if (format == Format::kJson)
     print_json(status);
   else

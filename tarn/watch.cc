@@ -7,9 +7,9 @@
 
 #include "client/daemon.h"
 #include "client/pages.h"
-#include "client/run_dir.h"
 #include "client/sequence.h"
-#include "client/signal_fd.h"
+#include "client/signal_pipe.h"
+#include "client/site.h"
 #include "client/text.h"
 #include "tarn/commands.h"
 #include "tarn/report.h"
@@ -110,9 +110,9 @@ void lost(Format format, std::uint64_t times) {
 }  // namespace
 
 int watch_command(const WatchOptions &options) {
-  auto signals = SignalFd::block({SIGINT, SIGTERM});
+  auto signals = SignalPipe::open({SIGINT, SIGTERM});
   if (!signals) return fail(signals.error());
-  auto channel = DaemonChannel::open(run_directory(),
+  auto channel = DaemonChannel::open(find_site(),
                                      options.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
   if (!channel) {
     Error error = channel.error();
@@ -121,15 +121,17 @@ int watch_command(const WatchOptions &options) {
   }
   Watcher watcher(options.format);
   for (;;) {
-    const auto received = (*channel)->receive(watcher.patience(), signals->fd());
+    const auto received = (*channel)->receive(watcher.patience(), (*signals)->fd());
     if (!received) return fail(received.error());
     for (const Bytes packet : received->packets) watcher.packet(packet);
     watcher.expire();
     if (received->lost != 0) lost(options.format, received->lost);
+    if (received->oversized != 0)
+      say(fmt::format("{} packets were too long to be messages", received->oversized));
     std::cout.flush();
     if (received->closed)
       return fail({-EPIPE, "tarnd has ended, so there is nothing more to watch"});
-    if (received->woken && received->packets.empty() && signals->take() != 0) break;
+    if (received->woken && received->packets.empty() && (*signals)->take() != 0) break;
     if (!std::cout) break;
   }
   watcher.finish();

@@ -2,6 +2,7 @@
 // The daemon's channel: hello and quit, loss, barriers, who may register.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -20,7 +21,7 @@ using Milliseconds = DaemonChannel::Milliseconds;
 class ChannelTest : public testing::Test {
  protected:
   std::unique_ptr<DaemonChannel> open(Claim claim = Claim::kRefuseIfTaken) {
-    auto channel = DaemonChannel::open(fake_.run_dir(), claim);
+    auto channel = DaemonChannel::open(tarnd_site(fake_.run_dir()), claim);
     EXPECT_TRUE(channel.ok()) << channel.error().text;
     return channel.ok() ? std::move(*channel) : nullptr;
   }
@@ -36,12 +37,12 @@ TEST_F(ChannelTest, HelloIsConfirmedAndQuitIsSaid) {
   {
     const auto channel = open();
     EXPECT_EQ(received(), (Types{OX_NL_HELO, OX_SO_REP_DEL}));
-    EXPECT_EQ(*registered_daemon(fake_.run_dir()), getpid());
+    EXPECT_EQ(*registered_daemon(tarnd_site(fake_.run_dir())), getpid());
     EXPECT_TRUE(channel->leave().ok());
   }
   EXPECT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() == 3; }));
   EXPECT_EQ(received().back(), OX_NL_QUIT);
-  EXPECT_FALSE(*registered_daemon(fake_.run_dir()));
+  EXPECT_FALSE(*registered_daemon(tarnd_site(fake_.run_dir())));
 }
 
 TEST_F(ChannelTest, TheDestructorLeavesToo) {
@@ -53,7 +54,7 @@ TEST_F(ChannelTest, TheDestructorLeavesToo) {
 TEST_F(ChannelTest, WithoutConfirmationItFails) {
   fake_.with([](auto &state) { state.answers = false; });
   auto link = connect_unix_link(fake_.run_dir());
-  auto lock = DaemonLock::take(fake_.run_dir(), Claim::kRefuseIfTaken);
+  auto lock = DaemonLock::take(tarnd_site(fake_.run_dir()), Claim::kRefuseIfTaken);
   const auto channel = DaemonChannel::open(std::move(*link), std::move(*lock), Milliseconds(50));
   ASSERT_FALSE(channel.ok());
   EXPECT_EQ(channel.error().code, -EPERM);
@@ -160,7 +161,7 @@ TEST_F(ChannelTest, OversizedPacketsAreCounted) {
 
 TEST_F(ChannelTest, OneDaemonAtATime) {
   const auto channel = open();
-  const auto second = DaemonLock::take(fake_.run_dir(), Claim::kRefuseIfTaken);
+  const auto second = DaemonLock::take(tarnd_site(fake_.run_dir()), Claim::kRefuseIfTaken);
   ASSERT_FALSE(second.ok());
   EXPECT_EQ(second.error().code, -EBUSY);
   EXPECT_NE(second.error().text.find(std::to_string(getpid())), std::string::npos)
@@ -170,28 +171,32 @@ TEST_F(ChannelTest, OneDaemonAtATime) {
 TEST_F(ChannelTest, WhoWasTakenOverDoesNotQuit) {
   const auto channel = open();
   EXPECT_FALSE(channel->taken_over());
-  const auto taker = DaemonLock::take(fake_.run_dir(), Claim::kTakeOver);
+  const auto taker = DaemonLock::take(tarnd_site(fake_.run_dir()), Claim::kTakeOver);
   ASSERT_TRUE(taker.ok());
   EXPECT_TRUE(taker->still_ours());
   EXPECT_TRUE(channel->taken_over());
-  EXPECT_EQ(*registered_daemon(fake_.run_dir()), getpid());
-  EXPECT_EQ(DaemonLock::take(fake_.run_dir(), Claim::kRefuseIfTaken).error().code, -EBUSY);
+  EXPECT_EQ(*registered_daemon(tarnd_site(fake_.run_dir())), getpid());
+  EXPECT_EQ(DaemonLock::take(tarnd_site(fake_.run_dir()), Claim::kRefuseIfTaken).error().code,
+            -EBUSY);
   EXPECT_TRUE(channel->leave().ok());
   EXPECT_EQ(received().back(), OX_SO_REP_DEL) << "a quit would unregister the other";
 }
 
-TEST_F(ChannelTest, ALockOfTheDeadIsNoLock) {
-  std::ofstream(directory_ / "run/daemon.lock") << "1\n";
-  EXPECT_FALSE(*registered_daemon(fake_.run_dir()));
-  EXPECT_TRUE(DaemonLock::take(fake_.run_dir(), Claim::kRefuseIfTaken).ok());
+TEST_F(ChannelTest, WhoAsksForTheDaemonIsInNobodysWay) {
+  const Site site = tarnd_site(fake_.run_dir());
+  std::atomic<bool> ending = false;
+  std::thread asker([&] {
+    while (!ending) EXPECT_TRUE(registered_daemon(site).ok());
+  });
+  for (int i = 0; i < 5000; ++i) EXPECT_TRUE(DaemonLock::take(site, Claim::kRefuseIfTaken).ok());
+  ending = true;
+  asker.join();
 }
 
-TEST(LossSignal, OnePerProcess) {
-  auto first = LossSignal::install();
-  ASSERT_TRUE(first.ok());
-  EXPECT_EQ(LossSignal::install().error().code, -EBUSY);
-  first->reset();
-  EXPECT_TRUE(LossSignal::install().ok());
+TEST_F(ChannelTest, ALockOfTheDeadIsNoLock) {
+  std::ofstream(directory_ / "run/daemon.lock") << "1\n";
+  EXPECT_FALSE(*registered_daemon(tarnd_site(fake_.run_dir())));
+  EXPECT_TRUE(DaemonLock::take(tarnd_site(fake_.run_dir()), Claim::kRefuseIfTaken).ok());
 }
 
 }  // namespace

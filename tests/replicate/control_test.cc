@@ -6,6 +6,7 @@
 #include "client/run_dir.h"
 #include "client/workdir.h"
 #include "module/os_public/Include/ox_msg.h"
+#include "tests/replicate/fake_kernel.h"
 #include "tests/replicate/fake_tarnd.h"
 
 namespace tarn {
@@ -13,121 +14,270 @@ namespace {
 
 using namespace test;
 
-class ControlTest : public testing::Test {
- protected:
-  ControlTest() : channel_(std::move(*ControlChannel::connect(fake_.run_dir()))) {}
+/* The same module in two places. */
+class InTarnd {
+ public:
+  ControlChannel connect() {
+    return std::move(*ControlChannel::connect(tarnd_site(fake_.run_dir())));
+  }
+  auto with(auto f) { return fake_.with(f); }
 
+ private:
   TemporaryDirectory directory_;
   FakeTarnd fake_{directory_ / "run"};
-  ControlChannel channel_;
 };
+
+class InKernel {
+ public:
+  ControlChannel connect() {
+    return ControlChannel(make_kernel_control(std::make_unique<FakeKernel>(state_)));
+  }
+  auto with(auto f) { return f(state_); }
+
+ private:
+  FakeKernelState state_;
+};
+
+template <class Place>
+class ControlTest : public testing::Test {
+ protected:
+  Place place_;
+  ControlChannel channel_ = place_.connect();
+};
+
+struct PlaceName {
+  template <class Place>
+  static std::string GetName(int) {
+    return std::is_same_v<Place, InTarnd> ? "InTarnd" : "InKernel";
+  }
+};
+using Places = testing::Types<InTarnd, InKernel>;
+TYPED_TEST_SUITE(ControlTest, Places, PlaceName);
 
 Rule rule(std::uint8_t n, const std::string &path = "/d") {
   return {rule_uuid(n), *make_workdir({{path}, {}})};
 }
 
-TEST_F(ControlTest, RulesComeAndGo) {
-  EXPECT_EQ(*channel_.count_rules(), 0);
-  EXPECT_TRUE(channel_.list_rules()->empty());
-  ASSERT_TRUE(channel_.add_rule(rule(1, "/a")).ok());
-  ASSERT_TRUE(channel_.add_rule(rule(2, "/b")).ok());
-  EXPECT_EQ(*channel_.count_rules(), 2);
-  EXPECT_TRUE(*channel_.rule_exists(rule_uuid(1)));
-  EXPECT_FALSE(*channel_.rule_exists(rule_uuid(3)));
-  EXPECT_EQ(channel_.get_rule(rule_uuid(2))->workdir, rule(2, "/b").workdir);
-  const auto rules = channel_.list_rules();
+TYPED_TEST(ControlTest, RulesComeAndGo) {
+  EXPECT_EQ(*this->channel_.count_rules(), 0);
+  EXPECT_TRUE(this->channel_.list_rules()->empty());
+  ASSERT_TRUE(this->channel_.add_rule(rule(1, "/a")).ok());
+  ASSERT_TRUE(this->channel_.add_rule(rule(2, "/b")).ok());
+  EXPECT_EQ(*this->channel_.count_rules(), 2);
+  EXPECT_TRUE(*this->channel_.rule_exists(rule_uuid(1)));
+  EXPECT_FALSE(*this->channel_.rule_exists(rule_uuid(3)));
+  EXPECT_EQ(this->channel_.get_rule(rule_uuid(2))->workdir, rule(2, "/b").workdir);
+  const auto rules = this->channel_.list_rules();
   ASSERT_EQ(rules->size(), 2u);
   EXPECT_EQ((*rules)[0].uuid, rule_uuid(1));
   EXPECT_EQ((*rules)[1].workdir, rule(2, "/b").workdir);
-  ASSERT_TRUE(channel_.delete_rule(rule_uuid(1)).ok());
-  EXPECT_EQ(*channel_.count_rules(), 1);
-  ASSERT_TRUE(channel_.flush_rules().ok());
-  EXPECT_EQ(*channel_.count_rules(), 0);
+  ASSERT_TRUE(this->channel_.delete_rule(rule_uuid(1)).ok());
+  EXPECT_EQ(*this->channel_.count_rules(), 1);
+  ASSERT_TRUE(this->channel_.flush_rules().ok());
+  EXPECT_EQ(*this->channel_.count_rules(), 0);
 }
 
-TEST_F(ControlTest, ManyRulesComeInPieces) {
-  for (std::uint8_t n = 1; n <= 12; ++n) ASSERT_TRUE(channel_.add_rule(rule(n)).ok());
-  fake_.with([](auto &state) { state.count_is_wrong_once = true; });
-  const auto rules = channel_.list_rules();
+TYPED_TEST(ControlTest, ManyRulesComeInPieces) {
+  for (std::uint8_t n = 1; n <= 12; ++n) ASSERT_TRUE(this->channel_.add_rule(rule(n)).ok());
+  this->place_.with([](auto &state) { state.count_is_wrong_once = true; });
+  const auto rules = this->channel_.list_rules();
   ASSERT_TRUE(rules.ok()) << rules.error().text;
   ASSERT_EQ(rules->size(), 12u);
   EXPECT_EQ((*rules)[11].uuid, rule_uuid(12));
 }
 
-TEST_F(ControlTest, RuleErrorsSayWhatToDo) {
-  ASSERT_TRUE(channel_.add_rule(rule(1)).ok());
-  EXPECT_EQ(channel_.add_rule(rule(1)).error().text,
+TYPED_TEST(ControlTest, RuleErrorsSayWhatToDo) {
+  ASSERT_TRUE(this->channel_.add_rule(rule(1)).ok());
+  EXPECT_EQ(this->channel_.add_rule(rule(1)).error().text,
             "rule 10111213-1415-1617-1819-1A1B1C1D1E1F: exists already: delete it first or choose "
             "another UUID");
-  EXPECT_EQ(channel_.delete_rule(rule_uuid(2)).error().code, OX_ERR_NOENT);
-  EXPECT_EQ(channel_.get_rule(rule_uuid(2)).error().code, OX_ERR_NOENT);
-  const auto too_long = channel_.add_rule({rule_uuid(3), std::string(16000, 'x')});
+  EXPECT_EQ(this->channel_.delete_rule(rule_uuid(2)).error().code, OX_ERR_NOENT);
+  EXPECT_EQ(this->channel_.get_rule(rule_uuid(2)).error().code, OX_ERR_NOENT);
+  const auto too_long = this->channel_.add_rule({rule_uuid(3), std::string(16000, 'x')});
   EXPECT_EQ(too_long.error().code, -E2BIG);
 }
 
-TEST_F(ControlTest, EveryResultOfTheModuleHasItsText) {
+TYPED_TEST(ControlTest, EveryResultOfTheModuleHasItsText) {
   for (const int result : {-1000, -1001, -1002, -1003, -1004, -1005, -1007, -1, -12, -92, 17}) {
-    fake_.with([&](auto &state) { state.forced_result = result; });
-    const auto flushed = channel_.flush_rules();
+    this->place_.with([&](auto &state) { state.forced_result = result; });
+    const auto flushed = this->channel_.flush_rules();
     ASSERT_FALSE(flushed.ok()) << result;
     EXPECT_EQ(flushed.error().code, result);
     EXPECT_TRUE(flushed.error().text.starts_with("rules: ")) << flushed.error().text;
     EXPECT_EQ(flushed.error().text.find("Unknown error"), std::string::npos)
         << flushed.error().text;
-    EXPECT_FALSE(channel_.count_rules().ok());
+    EXPECT_FALSE(this->channel_.count_rules().ok());
   }
 }
 
-TEST_F(ControlTest, DirectoriesAndDaemonPath) {
-  ASSERT_TRUE(channel_.add_directory(rule_uuid(1), "/rep").ok());
-  EXPECT_EQ(fake_.with([](auto &state) { return std::string(state.directories[0].c_str() + 16); }),
-            "/rep");
-  EXPECT_EQ(channel_.add_directory(rule_uuid(1), "/rep").error().code, OX_ERR_EXIST);
-  EXPECT_EQ(channel_.add_directory(rule_uuid(2), "rep").error().code, -EINVAL);
-  EXPECT_TRUE(channel_.add_directory(rule_uuid(2), "/" + std::string(510, 'x')).ok());
-  EXPECT_EQ(channel_.add_directory(rule_uuid(3), "/" + std::string(511, 'x')).error().code,
+TYPED_TEST(ControlTest, DirectoriesAndDaemonPath) {
+  ASSERT_TRUE(this->channel_.add_directory(rule_uuid(1), "/rep").ok());
+  EXPECT_EQ(
+      this->place_.with([](auto &state) { return std::string(state.directories[0].c_str() + 16); }),
+      "/rep");
+  EXPECT_EQ(this->channel_.add_directory(rule_uuid(1), "/rep").error().code, OX_ERR_EXIST);
+  EXPECT_EQ(this->channel_.add_directory(rule_uuid(2), "rep").error().code, -EINVAL);
+  EXPECT_TRUE(this->channel_.add_directory(rule_uuid(2), "/" + std::string(510, 'x')).ok());
+  EXPECT_EQ(this->channel_.add_directory(rule_uuid(3), "/" + std::string(511, 'x')).error().code,
             -EINVAL);
-  EXPECT_TRUE(channel_.delete_directory(rule_uuid(1)).ok());
-  EXPECT_EQ(channel_.delete_directory(rule_uuid(1)).error().code, OX_ERR_NOENT);
-  EXPECT_TRUE(channel_.flush_directories().ok());
-  ASSERT_TRUE(channel_.set_daemon_path("/usr/sbin/mirrord").ok());
-  EXPECT_EQ(fake_.with([](auto &state) { return state.daemon_path; }), "/usr/sbin/mirrord");
-  EXPECT_EQ(channel_.set_daemon_path("mirrord").error().code, -EINVAL);
+  EXPECT_TRUE(this->channel_.delete_directory(rule_uuid(1)).ok());
+  EXPECT_EQ(this->channel_.delete_directory(rule_uuid(1)).error().code, OX_ERR_NOENT);
+  EXPECT_TRUE(this->channel_.flush_directories().ok());
+  ASSERT_TRUE(this->channel_.set_daemon_path("/usr/sbin/mirrord").ok());
+  EXPECT_EQ(this->place_.with([](auto &state) { return state.daemon_path; }), "/usr/sbin/mirrord");
+  EXPECT_EQ(this->channel_.set_daemon_path("mirrord").error().code, -EINVAL);
 }
 
-TEST_F(ControlTest, MountsWithAnyBytes) {
+TYPED_TEST(ControlTest, MountsWithAnyBytes) {
   const std::string lower = "/lo w\\er\n\xff";
-  ASSERT_TRUE(channel_.mount(lower, "/mnt a").ok());
-  const auto mounts = channel_.mounts();
+  ASSERT_TRUE(this->channel_.mount(lower, "/mnt a").ok());
+  const auto mounts = this->channel_.mounts();
   ASSERT_EQ(mounts->size(), 1u);
   EXPECT_EQ((*mounts)[0].lower, lower);
   EXPECT_EQ((*mounts)[0].mountpoint, "/mnt a");
-  EXPECT_EQ((*mounts)[0].options, "rw");
-  EXPECT_EQ(channel_.mount("/x", "/mnt a").error().text, "something is mounted at /mnt a");
-  ASSERT_TRUE(channel_.umount("/mnt a", ControlChannel::Umount::kIfIdle).ok());
-  EXPECT_EQ(channel_.umount("/mnt a", ControlChannel::Umount::kLazily).error().code, -EINVAL);
+  EXPECT_TRUE((*mounts)[0].options.starts_with("rw"));
+  EXPECT_EQ(this->channel_.mount("/x", "/mnt a").error().code, -EBUSY);
+  ASSERT_TRUE(this->channel_.umount("/mnt a", Umount::kIfIdle).ok());
+  EXPECT_EQ(this->channel_.umount("/mnt a", Umount::kLazily).error().code, -EINVAL);
 }
 
-TEST_F(ControlTest, Log) {
+TYPED_TEST(ControlTest, UnknownOption) {
+  EXPECT_EQ(*this->channel_.set_option(178, {}), OX_ERR_REQUEST);
+}
+
+class TarndControlTest : public testing::Test {
+ protected:
+  TemporaryDirectory directory_;
+  FakeTarnd fake_{directory_ / "run"};
+  ControlChannel channel_{std::move(*ControlChannel::connect(tarnd_site(fake_.run_dir())))};
+};
+
+TEST_F(TarndControlTest, WordsOfTarndArePassedOn) {
+  ASSERT_TRUE(channel_.mount("/a", "/mnt a").ok());
+  EXPECT_EQ(channel_.mounts()->front().options, "rw");
+  EXPECT_EQ(channel_.mount("/x", "/mnt a").error().text, "something is mounted at /mnt a");
+}
+
+TEST_F(TarndControlTest, Log) {
   fake_.with([](auto &state) { state.log = {"one", "", "three"}; });
   const auto part = channel_.log(1, std::chrono::milliseconds(0));
   ASSERT_EQ(part->lines.size(), 2u);
   EXPECT_EQ(part->lines[0].number, 1u);
   EXPECT_EQ(part->lines[0].text, "");
+  EXPECT_EQ(part->lines[0].us, kTime + 1);
   EXPECT_EQ(part->lines[1].text, "three");
   EXPECT_EQ(part->lines[1].level, 2u);
   EXPECT_EQ(part->next, 3u);
 }
 
-TEST_F(ControlTest, UnknownOption) {
-  EXPECT_EQ(*channel_.set_option(178, {}), OX_ERR_REQUEST);
+TEST_F(TarndControlTest, ARequestThatIsTooLong) {
   EXPECT_EQ(channel_.set_option(177, std::vector<std::byte>(70000)).error().code, -E2BIG);
+}
+
+class KernelControlTest : public testing::Test {
+ protected:
+  FakeKernelState kernel_;
+  ControlChannel channel_{make_kernel_control(std::make_unique<FakeKernel>(kernel_))};
+};
+
+TEST_F(KernelControlTest, OnlyMountsOfTarnAreShownWithTheirLowerDirectories) {
+  kernel_.other_mounts =
+      "tarn /mnt/tarn ext3 rw,dir=/x 0 0\n"
+      "lo\\040wer /mnt/a tarn rw,noatime,dir=/data/lo wer 0 0\n"
+      "/b /mnt/b\\011 tarn rw,dir=/b 0 0\nrubbish\n\n/c /mnt/c tarn";
+  const auto mounts = channel_.mounts();
+  ASSERT_EQ(mounts->size(), 3u);
+  EXPECT_EQ((*mounts)[0].lower, "/data/lo wer");
+  EXPECT_EQ((*mounts)[0].options, "rw,noatime,dir=/data/lo wer");
+  EXPECT_EQ((*mounts)[1].lower, "/b");
+  EXPECT_EQ((*mounts)[1].mountpoint, "/mnt/b\t");
+  EXPECT_EQ((*mounts)[2].lower, "/c");
+}
+
+TEST_F(KernelControlTest, RefusedMountsSayWhatToDo) {
+  const auto text = [&](int result, auto act) {
+    kernel_.forced_mount_result = result;
+    const Result<void> done = act();
+    EXPECT_EQ(done.error().code, result);
+    return done.error().text;
+  };
+  const auto mount = [&] { return channel_.mount("/lo wer", "/mnt"); };
+  EXPECT_EQ(text(-EPERM, mount), "cannot mount \"/lo wer\" on /mnt: only root may mount");
+  EXPECT_EQ(text(-ENODEV, mount),
+            "cannot mount \"/lo wer\" on /mnt: the module is not loaded: load tarn.ko");
+  EXPECT_EQ(text(-ENOMEM, mount), "cannot mount \"/lo wer\" on /mnt: Cannot allocate memory");
+  kernel_.forced_mount_result = 0;
+  ASSERT_TRUE(mount().ok());
+  EXPECT_EQ(mount().error().text, "/mnt is mounted already");
+  const auto umount = [&] { return channel_.umount("/mnt", Umount::kIfIdle); };
+  EXPECT_NE(text(-EBUSY, umount).find("--lazy"), std::string::npos);
+  EXPECT_EQ(text(-EPERM, umount), "cannot unmount /mnt: only root may unmount");
+  EXPECT_EQ(channel_.umount("/proc", Umount::kIfIdle).error().text, "/proc is not a mount of tarn");
+}
+
+TEST_F(KernelControlTest, AnAnswerLongerThanTheBufferIsNotBelieved) {
+  class Liar : public FakeKernel {
+   public:
+    using FakeKernel::FakeKernel;
+    int get_option(int, void *, unsigned *length) override {
+      *length += 1;
+      return 0;
+    }
+  };
+  ControlChannel channel(make_kernel_control(std::make_unique<Liar>(kernel_)));
+  EXPECT_EQ(channel.count_rules().error().code, -EPROTO);
+}
+
+TEST_F(KernelControlTest, TheLogIsNumberedAcrossReadings) {
+  const auto texts = [&](std::uint64_t first) {
+    const auto part = channel_.log(first, std::chrono::milliseconds(0));
+    std::string all;
+    for (const LogLine &line : part->lines)
+      all += std::to_string(line.number) + "<" + std::to_string(line.level) + ">" + line.text + " ";
+    return all + "next " + std::to_string(part->next);
+  };
+  EXPECT_EQ(texts(0), "next 0");
+  kernel_.log = "<4>one\n<3>two\n<6>th";
+  EXPECT_EQ(texts(0), "0<4>one 1<3>two next 2") << "the third has no end yet";
+  kernel_.log = "<4>one\n<3>two\n<6>three\n";
+  EXPECT_EQ(texts(2), "2<6>three next 3");
+  kernel_.log = "wo\n<6>three\n<30>four\nno head\n";
+  EXPECT_EQ(texts(3), "3<6>four 4<4>no head next 5") << "the first line is cut, one is gone";
+  EXPECT_EQ(texts(0), "2<6>three 3<6>four 4<4>no head next 5");
+  kernel_.log = "<4>after a flood\n";
+  EXPECT_EQ(texts(5), "6<4>after a flood next 7") << "a number is skipped";
+}
+
+TEST_F(KernelControlTest, WaitingForTheLogEndsWithALine) {
+  kernel_.log = "<4>one\n";
+  const auto part = channel_.log(0, std::chrono::hours(1));
+  EXPECT_EQ(part->lines.size(), 1u);
+  EXPECT_EQ(part->lines[0].us, std::nullopt);
+}
+
+TEST(Site, TheKernelsListOfFileSystems) {
+  EXPECT_TRUE(lists_tarn("nodev\tproc\nnodev\ttarn\n\text3\n"));
+  EXPECT_TRUE(lists_tarn("\ttarn"));
+  EXPECT_FALSE(lists_tarn("nodev\tproc\nnodev\tfuse.tarn\nnodev\ttarnfs\n\text3\n"));
+  EXPECT_FALSE(lists_tarn(""));
+}
+
+TEST(Site, ARunDirectoryThatIsNamedMeansTarnd) {
+  const char *old = std::getenv("TARN_RUN_DIR");
+  const std::string saved = old ? old : "";
+  setenv("TARN_RUN_DIR", "/some/where", 1);
+  EXPECT_FALSE(find_site().in_kernel());
+  EXPECT_EQ(find_site().run_dir, "/some/where");
+  if (old)
+    setenv("TARN_RUN_DIR", saved.c_str(), 1);
+  else
+    unsetenv("TARN_RUN_DIR");
 }
 
 TEST(Connect, NobodyThere) {
   TemporaryDirectory directory;
   for (const std::string &run_dir : {directory / "absent", directory.path()}) {
-    const auto channel = ControlChannel::connect(run_dir);
+    const auto channel = ControlChannel::connect(tarnd_site(run_dir));
     ASSERT_FALSE(channel.ok());
     EXPECT_TRUE(nobody_there(channel.error()));
     EXPECT_TRUE(channel.error().text.starts_with("no tarnd runs in /")) << channel.error().text;
@@ -137,7 +287,7 @@ TEST(Connect, NobodyThere) {
 TEST(Connect, ALongRunDirectory) {
   TemporaryDirectory directory;
   const FakeTarnd fake(directory / std::string(120, 'r'));
-  EXPECT_TRUE(ControlChannel::connect(fake.run_dir()).ok());
+  EXPECT_TRUE(ControlChannel::connect(tarnd_site(fake.run_dir())).ok());
 }
 
 TEST(Connect, RunDirectoryOfTheEnvironment) {

@@ -19,15 +19,9 @@
 namespace tarn::test {
 namespace {
 
-constexpr std::size_t kRuleSize = sizeof(prule);
-
 template <class T>
 std::string bytes_of(const T &record) {
   return {reinterpret_cast<const char *>(&record), sizeof(record)};
-}
-
-bool same_uuid(const std::string &a, const std::string &b) {
-  return std::strncmp(a.data(), b.data(), 16) == 0;
 }
 
 UniqueFd listen_in(const std::string &run_dir, const std::string &name) {
@@ -41,30 +35,6 @@ UniqueFd listen_in(const std::string &run_dir, const std::string &name) {
       listen(listener.get(), 16) != 0)
     throw std::runtime_error("cannot listen in " + run_dir);
   return listener;
-}
-
-/* Adds to a set of records, removes from it; the results of the module. */
-int add_record(std::vector<std::string> &set, const std::string &record, std::size_t size) {
-  if (record.size() != size) return OX_ERR_SIZE;
-  for (const auto &old : set) {
-    if (same_uuid(old, record)) return OX_ERR_EXIST;
-  }
-  set.push_back(record);
-  return 0;
-}
-
-int delete_record(std::vector<std::string> &set, const std::string &record, std::size_t size) {
-  if (record.size() != size) return OX_ERR_REQUEST;
-  return std::erase_if(set, [&](const auto &old) { return same_uuid(old, record); }) ? 0
-                                                                                     : OX_ERR_NOENT;
-}
-
-std::string escaped(const std::string &path) {
-  std::string text;
-  for (const unsigned char c : path)
-    text +=
-        c <= ' ' || c == '\\' ? fmt::format("\\{:03o}", c) : std::string(1, static_cast<char>(c));
-  return text;
 }
 
 }  // namespace
@@ -141,10 +111,10 @@ void FakeTarnd::answer_control(int socket, const std::string &packet) {
   changed_.notify_all();
   switch (request.op) {
     case OX_CTL_SETSOCKOPT:
-      return reply(socket, set_option(request.arg, argument), 0, "");
+      return reply(socket, state_.set_option(request.arg, argument), 0, "");
     case OX_CTL_GETSOCKOPT: {
       std::string buffer = argument;
-      const int result = get_option(request.arg, buffer, request.room);
+      const int result = state_.get_option(request.arg, buffer, request.room);
       if (result != 0) return reply(socket, result, 0, "");
       std::size_t at = 0;
       do {
@@ -187,62 +157,6 @@ void FakeTarnd::answer_control(int socket, const std::string &packet) {
   reply(socket, -EINVAL, 0, "");
 }
 
-int FakeTarnd::set_option(int code, const std::string &argument) {
-  if (state_.forced_result != 0) return state_.forced_result;
-  switch (code) {
-    case OX_SO_REP_ADD:
-      return add_record(state_.rules, argument, kRuleSize);
-    case OX_SO_REP_DEL:
-      return delete_record(state_.rules, argument, kRuleSize);
-    case OX_SO_REP_FLUSH:
-      state_.rules.clear();
-      return 0;
-    case OX_SO_DIR_ADD:
-      return add_record(state_.directories, argument, sizeof(dir));
-    case OX_SO_DIR_DEL:
-      return delete_record(state_.directories, argument, sizeof(dir));
-    case OX_SO_DIR_FLUSH:
-      state_.directories.clear();
-      return 0;
-    case OX_SO_SET_DAEMON:
-      state_.daemon_path = argument.c_str();
-      return static_cast<int>(argument.size());
-  }
-  return OX_ERR_REQUEST;
-}
-
-int FakeTarnd::get_option(int code, std::string &buffer, std::size_t room) {
-  if (state_.forced_result != 0) return state_.forced_result;
-  prule_info info;
-  if (buffer.size() != sizeof(info)) return OX_ERR_SIZE;
-  std::memcpy(&info, buffer.data(), sizeof(info));
-  const std::string wanted = buffer.substr(8);
-  const auto found = std::find_if(state_.rules.begin(), state_.rules.end(),
-                                  [&](const auto &rule) { return same_uuid(rule, wanted); });
-  switch (code) {
-    case OX_SO_GET_INFO:
-      if (info.op == OX_INFO_COUNT)
-        info.rulenum = static_cast<ox_s32_t>(state_.rules.size());
-      else if (info.op != OX_INFO_EXIST)
-        return OX_ERR_SIZE;
-      else if (found != state_.rules.end())
-        info.rulenum = 1;
-      buffer = bytes_of(info);
-      return 0;
-    case OX_SO_GET_RULE:
-      if (found == state_.rules.end()) return OX_ERR_NOENT;
-      buffer = *found;
-      return 0;
-    case OX_SO_GET_RULES:
-      if (std::exchange(state_.count_is_wrong_once, false)) return OX_ERR_COUNT;
-      if (info.rulenum != static_cast<int>(state_.rules.size())) return OX_ERR_COUNT;
-      buffer.clear();
-      for (const auto &rule : state_.rules) buffer += rule;
-      return buffer.size() <= room ? 0 : static_cast<int>(buffer.size() - room);
-  }
-  return OX_ERR_REQUEST;
-}
-
 void FakeTarnd::serve_daemon(int socket) {
   {
     std::lock_guard lock(mutex_);
@@ -264,7 +178,7 @@ void FakeTarnd::serve_daemon(int socket) {
     changed_.notify_all();
     const bool request = type == OX_SO_REP_ADD || type == OX_SO_REP_DEL || type == OX_SO_REP_FLUSH;
     if (!request || !state_.registered || !state_.answers) continue;
-    const Packet answer = test::reply(type, set_option(type, payload));
+    const Packet answer = test::reply(type, state_.set_option(type, payload));
     ::send(socket, answer.data(), answer.size(), MSG_NOSIGNAL);
   }
 }

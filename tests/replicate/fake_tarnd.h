@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "client/unique_fd.h"
+#include "tests/replicate/fake_module.h"
 #include "tests/replicate/message_builder.h"
 
 namespace tarn::test {
@@ -46,14 +47,9 @@ class FakeTarnd {
   const std::string &run_dir() const { return run_dir_; }
 
   /* What tests look at and set, under the lock. */
-  struct State {
-    std::vector<std::string> rules; /* whole records */
-    std::vector<std::string> directories;
-    std::string daemon_path;
+  struct State : FakeModule {
     std::vector<std::pair<std::string, std::string>> mounts;
     std::vector<std::string> log;
-    int forced_result = 0;               /* of the next socket options */
-    bool count_is_wrong_once = false;    /* the next list request is refused */
     bool registered = false;             /* a hello has come, and no quit since */
     bool answers = true;                 /* requests over the daemon channel */
     std::vector<std::uint16_t> received; /* types of the daemon's messages */
@@ -80,8 +76,6 @@ class FakeTarnd {
   void serve_control(int socket);
   void serve_daemon(int socket);
   void answer_control(int socket, const std::string &packet);
-  int set_option(int code, const std::string &argument);
-  int get_option(int code, std::string &buffer, std::size_t room);
   static void reply(int socket, int result, std::uint64_t total, const std::string &bytes);
 
   std::string run_dir_;

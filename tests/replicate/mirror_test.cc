@@ -9,6 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "mirrord/catch_up.h"
+#include "mirrord/mirror.h"
 #include "tests/replicate/fake_tarnd.h"
 #include "tests/replicate/run_program.h"
 
@@ -124,6 +125,51 @@ TEST_F(MirrorTest, LossSignalDoesNotKill) {
   mirror->signal(SIGTERM);
   EXPECT_EQ(mirror->wait().exit, 1);
   EXPECT_EQ(status()["lost"], 1);
+}
+
+TEST_F(MirrorTest, AStatusFileThatCannotBeWrittenEndsIt) {
+  const Ended ended = run(
+      MIRRORD_PROGRAM,
+      {"--source", src_, "--replica", dir_ / "replica", "--status-file", dir_ / "absent/status"},
+      environment_);
+  EXPECT_EQ(ended.exit, 1);
+  EXPECT_EQ(ended.err, "mirrord: cannot write the status file " + (dir_ / "absent/status") +
+                           ": No such file or directory\n");
+  EXPECT_TRUE(fake_.wait_for([](const auto &state) { return !state.registered; }));
+}
+
+TEST_F(MirrorTest, ThatTheStatusFileCannotBeWrittenAnyMoreIsSaidOnce) {
+  fs::create_directory(dir_ / "run state");
+  const std::string file = dir_ / "run state/status";
+  Program mirror(MIRRORD_PROGRAM,
+                 {"--source", src_, "--replica", dir_ / "replica", "--status-file", file},
+                 environment_);
+  ASSERT_TRUE(eventually([&] { return fs::exists(file); })) << mirror.err();
+  fs::remove_all(dir_ / "run state");
+  fake_.send(create(1, "a"));
+  ASSERT_TRUE(eventually([&] { return fs::exists(replica("a")); }));
+  mirror.signal(SIGUSR1);
+  EXPECT_TRUE(eventually([&] { return mirror.err().find("status file") != std::string::npos; }));
+  mirror.signal(SIGUSR1);
+  mirror.signal(SIGTERM);
+  const Ended ended = mirror.wait();
+  EXPECT_EQ(ended.exit, 0) << ended.err;
+  EXPECT_EQ(std::count(ended.err.begin(), ended.err.end(), '\n'), 1) << ended.err;
+}
+
+TEST_F(MirrorTest, AnEndThatTheModuleDoesNotConfirmIsAProblem) {
+  auto channel = DaemonChannel::open(tarnd_site(fake_.run_dir()), Claim::kRefuseIfTaken);
+  ASSERT_TRUE(channel.ok());
+  fake_.with([](auto &state) { state.answers = false; });
+  auto directory = Replica::open(dir_ / "replica");
+  auto signals = SignalPipe::open({SIGTERM});
+  Mirror mirror(
+      {.source = src_, .replica = dir_ / "replica", .stop_patience = std::chrono::milliseconds(50)},
+      *directory, **channel);
+  raise(SIGTERM);
+  EXPECT_EQ(mirror.run(**signals), Mirror::End::kProblems);
+  EXPECT_EQ(mirror.status().unconfirmed, 1u);
+  EXPECT_EQ(mirror.status().problems(), 1u);
 }
 
 TEST_F(MirrorTest, OnlyTheRulesThatWereNamed) {

@@ -30,10 +30,10 @@ TEST(Uuid, TextForm) {
 
 TEST(Uuid, NewOnesDifferAndHoldNoZero) {
   for (int i = 0; i < 200; ++i) {
-    const Uuid uuid = make_uuid();
+    const Uuid uuid = *make_uuid();
     EXPECT_EQ(std::count(uuid.bytes.begin(), uuid.bytes.end(), 0), 0);
     EXPECT_EQ(parse_uuid(to_string(uuid)), uuid);
-    EXPECT_NE(uuid, make_uuid());
+    EXPECT_NE(uuid, *make_uuid());
   }
 }
 

@@ -97,6 +97,32 @@ TEST_F(ToolTest, DirectoriesAreMadeAbsoluteAndReal) {
   EXPECT_EQ(tarn({"rule", "list"}).out, std::string(kUuid) + " +" + (dir_ / "real/sub") + "\n");
 }
 
+TEST_F(ToolTest, ReplicatedDirectoriesAndTheDaemonsProgram) {
+  const auto directory = [&](std::size_t n) {
+    return fake_.with(
+        [&](auto &state) { return std::string(state.directories.at(n).c_str() + 16); });
+  };
+  fs::create_directory(dir_ / "real");
+  fs::create_directory_symlink("real", dir_ / "link");
+  good({"dir", "add", dir_ / "link", kUuid}, "");
+  EXPECT_EQ(directory(0), dir_ / "real");
+  bad({"dir", "add", "/other", kUuid}, 1, "exists already");
+  const Ended made = tarn({"dir", "add", "/other"});
+  EXPECT_EQ(made.exit, 0) << made.err;
+  EXPECT_TRUE(parse_uuid(made.out.substr(0, 36))) << made.out;
+  EXPECT_EQ(directory(1), "/other");
+  bad({"dir", "add", "/other", "12"}, 2, "12 is not a UUID");
+  const std::string part = "/" + std::string(200, 'x');
+  bad({"dir", "add", part + part + part}, 1, "at most 511 bytes");
+  good({"dir", "del", kUuid}, "");
+  bad({"dir", "del", kUuid}, 1, "does not exist");
+  good({"dir", "flush"}, "");
+  EXPECT_EQ(fake_.with([](auto &state) { return state.directories.size(); }), 0u);
+  good({"dir", "daemon", dir_ / "link/../real/mirrord"}, "");
+  EXPECT_EQ(fake_.with([](auto &state) { return state.daemon_path; }), dir_ / "real/mirrord");
+  bad({"dir", "daemon", ""}, 1, "empty");
+}
+
 TEST_F(ToolTest, APathOfTheMountIsNoticed) {
   fs::create_directory(dir_ / "lower");
   fs::create_directory(dir_ / "mnt");

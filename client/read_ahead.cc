@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "client/read_ahead.h"
+
+#include <fcntl.h>
+#include <poll.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <csignal>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+#include "client/unique_fd.h"
+
+namespace tarn {
+namespace {
+
+struct Pipe {
+  UniqueFd read_end, write_end;
+};
+
+Result<Pipe> make_pipe() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+    return system_error(errno, "cannot read ahead on the channel");
+  return Pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
+}
+
+// Makes the pipe readable. It has room: there is one byte in it at most.
+void raise(const Pipe &pipe) {
+  while (write(pipe.write_end.get(), "", 1) < 0 && errno == EINTR) {
+  }
+}
+
+void lower(const Pipe &pipe) {
+  char byte;
+  while (read(pipe.read_end.get(), &byte, 1) < 0 && errno == EINTR) {
+  }
+}
+
+class ReadAhead : public MessageLink {
+ public:
+  ReadAhead(std::unique_ptr<MessageLink> link, std::size_t limit, Pipe ready, Pipe stop)
+      : link_(std::move(link)), limit_(limit), ready_(std::move(ready)), stop_(std::move(stop)) {
+    // Signals are for the threads that wait for them.
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    reader_ = std::thread([this] { read(); });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  }
+
+  ~ReadAhead() override {
+    {
+      const std::lock_guard lock(mutex_);
+      stopping_ = true;
+    }
+    room_.notify_one();
+    raise(stop_);
+    reader_.join();
+  }
+
+  int fd() const override { return ready_.read_end.get(); }
+
+  Result<void> send(Bytes packet) override { return link_->send(packet); }
+
+  Result<void> receive(PacketBatch &batch) override {
+    batch.clear();
+    const std::lock_guard lock(mutex_);
+    while (!kept_.empty() && batch.packets.size() < PacketBatch::kPackets)
+      move_packet_locked(batch);
+    batch.arrived_until = kept_.empty() ? Clock::now() : kept_.front().arrived;
+    batch.oversized = std::exchange(oversized_, 0);
+    batch.foreign = std::exchange(foreign_, 0);
+    batch.overrun = std::exchange(overrun_, false);
+    room_.notify_one();
+    if (!kept_.empty()) return {};
+    batch.closed = batch.closed || closed_;
+    if (error_) return *error_;
+    if (!closed_ && std::exchange(readable_, false)) lower(ready_);
+    return {};
+  }
+
+ private:
+  using Clock = PacketBatch::Clock;
+
+  struct Packet {
+    std::vector<std::byte> bytes;
+    Clock::time_point arrived;
+  };
+
+  void move_packet_locked(PacketBatch &batch) {
+    const Packet &first = kept_.front();
+    std::byte *room = batch.room(batch.packets.size());
+    std::memcpy(room, first.bytes.data(), first.bytes.size());
+    batch.packets.emplace_back(room, first.bytes.size());
+    kept_bytes_ -= first.bytes.size();
+    kept_.pop_front();
+  }
+
+  // False when there is nothing more to be read.
+  bool wait_for_room() {
+    std::unique_lock lock(mutex_);
+    room_.wait(lock, [this] { return stopping_ || kept_bytes_ < limit_; });
+    return !stopping_ && !closed_ && !error_;
+  }
+
+  void read() {
+    PacketBatch batch;
+    while (wait_for_room()) {
+      pollfd fds[] = {{link_->fd(), POLLIN, 0}, {stop_.read_end.get(), POLLIN, 0}};
+      if (poll(fds, std::size(fds), -1) < 0 && errno != EINTR) {
+        const std::lock_guard lock(mutex_);
+        error_ = system_error(errno, "cannot wait for the module");
+      } else if (fds[1].revents != 0) {
+        return;
+      } else {
+        const auto got = link_->receive(batch);
+        keep(batch, got);
+      }
+    }
+  }
+
+  void keep(const PacketBatch &batch, const Result<void> &got) {
+    const std::lock_guard lock(mutex_);
+    for (const Bytes packet : batch.packets) {
+      kept_.push_back({{packet.begin(), packet.end()}, batch.arrived_until});
+      kept_bytes_ += packet.size();
+    }
+    oversized_ += batch.oversized;
+    foreign_ += batch.foreign;
+    overrun_ = overrun_ || batch.overrun;
+    closed_ = closed_ || batch.closed;
+    if (!got) error_ = got.error();
+    const bool news = !batch.empty() || closed_ || error_;
+    if (news && !std::exchange(readable_, true)) raise(ready_);
+  }
+
+  const std::unique_ptr<MessageLink> link_;
+  const std::size_t limit_;
+  const Pipe ready_; /* readable exactly while readable_ */
+  const Pipe stop_;
+  std::mutex mutex_; /* for what follows */
+  std::condition_variable room_;
+  std::deque<Packet> kept_;
+  std::size_t kept_bytes_ = 0;
+  std::size_t oversized_ = 0;
+  std::size_t foreign_ = 0;
+  bool overrun_ = false;
+  bool closed_ = false;
+  bool readable_ = false;
+  bool stopping_ = false;
+  std::optional<Error> error_;
+  std::thread reader_;
+};
+
+}  // namespace
+
+Result<std::unique_ptr<MessageLink>> read_ahead(std::unique_ptr<MessageLink> link,
+                                                std::size_t limit) {
+  auto ready = make_pipe();
+  if (!ready) return ready.error();
+  auto stop = make_pipe();
+  if (!stop) return stop.error();
+  return std::unique_ptr<MessageLink>(
+      std::make_unique<ReadAhead>(std::move(link), limit, std::move(*ready), std::move(*stop)));
+}
+
+}  // namespace tarn

@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "client/signal_pipe.h"
+
+#include <fcntl.h>
+
+#include <atomic>
+#include <cerrno>
+
+namespace tarn {
+namespace {
+
+constexpr int kSignals = 65;
+
+/* What a handler needs: where it writes, -1 if nobody has the signal, and what it counts. */
+struct Slot {
+  std::atomic<int> fd{-1};
+  std::atomic<std::uint64_t> waiting{0};
+};
+Slot g_slots[kSignals];
+static_assert(std::atomic<int>::is_always_lock_free &&
+                  std::atomic<std::uint64_t>::is_always_lock_free,
+              "used in a signal handler");
+
+void on_signal(int signal) {
+  const int saved = errno;
+  Slot &slot = g_slots[signal];
+  const int fd = slot.fd.load();
+  if (fd >= 0) {
+    ++slot.waiting;
+    // A pipe that is full is readable all the same.
+    while (write(fd, "", 1) < 0 && errno == EINTR) {
+    }
+  }
+  errno = saved;
+}
+
+}  // namespace
+
+Result<std::unique_ptr<SignalPipe>> SignalPipe::open(std::initializer_list<int> signals) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+    return system_error(errno, "cannot wait for signals");
+  std::unique_ptr<SignalPipe> made(new SignalPipe(UniqueFd(ends[0]), UniqueFd(ends[1])));
+  for (const int signal : signals) {
+    if (auto caught = made->catch_signal(signal); !caught) return caught.error();
+  }
+  return made;
+}
+
+Result<void> SignalPipe::catch_signal(int signal) {
+  int nobody = -1;
+  if (!g_slots[signal].fd.compare_exchange_strong(nobody, write_end_.get()))
+    return system_error(EBUSY, "this process waits for the signal already");
+  g_slots[signal].waiting = 0;
+  struct sigaction action {
+  }, old{};
+  action.sa_handler = on_signal;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  if (sigaction(signal, &action, &old) != 0) {
+    const int err = errno;
+    g_slots[signal].fd = -1;
+    return system_error(err, "cannot wait for a signal");
+  }
+  caught_.push_back({signal, old});
+  return {};
+}
+
+SignalPipe::~SignalPipe() {
+  for (const Caught &caught : caught_) {
+    sigaction(caught.signal, &caught.old, nullptr);
+    g_slots[caught.signal].fd = -1;
+  }
+}
+
+int SignalPipe::take() {
+  char byte;
+  if (read(fd(), &byte, 1) != 1) return 0;
+  for (const Caught &caught : caught_) {
+    std::uint64_t waiting = g_slots[caught.signal].waiting;
+    while (waiting != 0) {
+      if (g_slots[caught.signal].waiting.compare_exchange_weak(waiting, waiting - 1))
+        return caught.signal;
+    }
+  }
+  return 0;
+}
+
+std::uint64_t SignalPipe::take_all() {
+  char bytes[64];
+  while (read(fd(), bytes, sizeof(bytes)) > 0) {
+  }
+  std::uint64_t count = 0;
+  for (const Caught &caught : caught_) count += g_slots[caught.signal].waiting.exchange(0);
+  return count;
+}
+
+}  // namespace tarn

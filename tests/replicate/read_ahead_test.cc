@@ -1,0 +1,173 @@
+// SPDX-License-Identifier: GPL-2.0
+// The link that reads ahead: nobody has to wait while it is not asked, up to its limit; order,
+// losses and the end are passed on as they come.
+#include <gtest/gtest.h>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "client/read_ahead.h"
+#include "client/unique_fd.h"
+
+namespace tarn {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr std::size_t kPacket = 4096;
+
+// One end of a pair of sockets as a link. Losses are what the test says they are.
+class SocketLink : public MessageLink {
+ public:
+  explicit SocketLink(UniqueFd socket, std::atomic<int> *losses)
+      : socket_(std::move(socket)), losses_(losses) {}
+
+  int fd() const override { return socket_.get(); }
+
+  Result<void> send(Bytes packet) override {
+    if (::send(socket_.get(), packet.data(), packet.size(), 0) < 0)
+      return system_error(errno, "send");
+    return {};
+  }
+
+  Result<void> receive(PacketBatch &batch) override {
+    batch.clear();
+    const ssize_t n = recv(socket_.get(), batch.room(0), PacketBatch::kPacketMax, MSG_DONTWAIT);
+    if (n < 0) return errno == EAGAIN ? Result<void>() : system_error(errno, "recv");
+    if (n == 0) batch.closed = true;
+    if (n > 0) batch.packets.emplace_back(batch.room(0), static_cast<std::size_t>(n));
+    if (losses_->exchange(0)) batch.overrun = true;
+    return {};
+  }
+
+ private:
+  UniqueFd socket_;
+  std::atomic<int> *losses_;
+};
+
+class ReadAheadTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
+    peer_ = UniqueFd(ends[0]);
+    auto made = read_ahead(std::make_unique<SocketLink>(UniqueFd(ends[1]), &losses_), kLimit);
+    ASSERT_TRUE(made.ok()) << made.error().text;
+    link_ = std::move(*made);
+  }
+
+  // Sends packet number `n` if there is room for it within a while.
+  bool send_packet(std::uint32_t n) {
+    std::vector<std::byte> packet(kPacket);
+    std::memcpy(packet.data(), &n, sizeof(n));
+    pollfd writable{peer_.get(), POLLOUT, 0};
+    return poll(&writable, 1, 2000) == 1 &&
+           send(peer_.get(), packet.data(), packet.size(), MSG_DONTWAIT) ==
+               static_cast<ssize_t>(packet.size());
+  }
+
+  bool readable(int wait_ms) {
+    pollfd fd{link_->fd(), POLLIN, 0};
+    return poll(&fd, 1, wait_ms) == 1;
+  }
+
+  // The next packets, in a batch that stays; waits for the first.
+  PacketBatch &next() {
+    EXPECT_TRUE(readable(5000));
+    EXPECT_TRUE(link_->receive(batch_).ok());
+    return batch_;
+  }
+
+  static std::uint32_t number(Bytes packet) {
+    std::uint32_t n = 0;
+    std::memcpy(&n, packet.data(), sizeof(n));
+    return n;
+  }
+
+  static constexpr std::size_t kLimit = 2000 * kPacket;
+  std::atomic<int> losses_{0};
+  UniqueFd peer_;
+  std::unique_ptr<MessageLink> link_;
+  PacketBatch batch_;
+};
+
+// More than the socket itself has room for, by far, and less than the limit.
+TEST_F(ReadAheadTest, NobodyWaitsWhileItIsNotAsked) {
+  constexpr std::uint32_t kCount = 1500;
+  for (std::uint32_t n = 0; n < kCount; ++n) ASSERT_TRUE(send_packet(n)) << n;
+  for (std::uint32_t expected = 0; expected < kCount;) {
+    for (const Bytes packet : next().packets) {
+      EXPECT_EQ(packet.size(), kPacket);
+      EXPECT_EQ(number(packet), expected++);
+    }
+  }
+  EXPECT_FALSE(readable(0));
+}
+
+TEST_F(ReadAheadTest, WhatItKeepsIsLimitedAndRoomIsUsedAgain) {
+  std::uint32_t sent = 0;
+  while (sent < 20000 && send_packet(sent)) ++sent;
+  EXPECT_GE(sent, 2000u);
+  EXPECT_LT(sent, 3000u);
+  std::uint32_t expected = 0;
+  for (const Bytes packet : next().packets) EXPECT_EQ(number(packet), expected++);
+  EXPECT_TRUE(send_packet(sent++));
+  while (expected < sent) {
+    for (const Bytes packet : next().packets) EXPECT_EQ(number(packet), expected++);
+  }
+}
+
+TEST_F(ReadAheadTest, TheTimeOfWhatIsKeptIsWhenItCame) {
+  ASSERT_TRUE(send_packet(0));
+  ASSERT_TRUE(readable(5000));
+  const auto between = PacketBatch::Clock::now();
+  std::this_thread::sleep_for(20ms);
+  for (std::uint32_t n = 1; n <= PacketBatch::kPackets; ++n) ASSERT_TRUE(send_packet(n));
+  // Whoever asks late is not told that it is late as long as something is kept.
+  std::this_thread::sleep_for(200ms);
+  const auto asked = PacketBatch::Clock::now();
+  EXPECT_EQ(next().packets.size(), PacketBatch::kPackets);
+  EXPECT_GT(batch_.arrived_until, between);
+  EXPECT_LT(batch_.arrived_until, asked);
+  EXPECT_EQ(next().packets.size(), 1u);
+  EXPECT_GE(batch_.arrived_until, asked);
+}
+
+TEST_F(ReadAheadTest, ALossIsToldOnceAndTheEndComesLast) {
+  losses_ = 1;
+  ASSERT_TRUE(send_packet(7));
+  ASSERT_TRUE(readable(5000));
+  peer_.reset();
+  EXPECT_EQ(next().packets.size(), 1u);
+  EXPECT_TRUE(batch_.overrun);
+  do {
+    next();  // what has ended stays readable
+  } while (!batch_.closed);
+  EXPECT_FALSE(batch_.overrun);
+  EXPECT_TRUE(batch_.packets.empty());
+  EXPECT_TRUE(readable(0));
+}
+
+TEST_F(ReadAheadTest, SendingDoesNotWaitForReading) {
+  const std::byte packet[5] = {};
+  EXPECT_TRUE(link_->send(packet).ok());
+  std::byte got[16];
+  EXPECT_EQ(recv(peer_.get(), got, sizeof(got), 0), 5);
+}
+
+// Neither while it waits for something to come nor while it waits for room.
+TEST_F(ReadAheadTest, ItEndsWhateverItWaitsFor) {
+  link_.reset();
+  SetUp();
+  for (std::uint32_t n = 0; send_packet(n); ++n) {
+  }
+  link_.reset();
+}
+
+}  // namespace
+}  // namespace tarn

@@ -191,6 +191,7 @@ CASE(lock, readers_let_readers_in_and_writers_not) {
 }
 
 CASE(lock, rwlock_readers_nest) {
+  if (sizeof(spinlock_t) == 0) return;  // a kernel for one processor: there is nothing to take
   rwlock_t rw;
   rwlock_init(&rw);
   read_lock(&rw);
@@ -205,6 +206,7 @@ CASE(lock, rwlock_readers_nest) {
 }
 
 CASE(lock, is_locked_tells) {
+  if (sizeof(spinlock_t) == 0) return;  // a kernel for one processor: there is nothing to take
   static DEFINE_SPINLOCK(spin);
   static DEFINE_MUTEX(mutex);
   EXPECT_FALSE(mutex_is_locked(&mutex));

@@ -41,9 +41,11 @@ static inline unsigned long usecs_to_jiffies(const unsigned int u) {
 }
 static inline unsigned long timespec_to_jiffies(const struct timespec *value) {
   if ((unsigned long)value->tv_sec >= MAX_JIFFY_OFFSET / HZ) return MAX_JIFFY_OFFSET;
-  __extension__ const unsigned __int128 ns =
-      (unsigned __int128)value->tv_sec * 1000000000 + (unsigned long)value->tv_nsec;
-  return (unsigned long)((ns + TICK_NSEC - 1) / TICK_NSEC);
+  /* A second is `whole` ticks and `rest` ns; 64 bits do not hold all times in ns. */
+  const unsigned long whole = 1000000000 / TICK_NSEC, rest = 1000000000 % TICK_NSEC;
+  const unsigned long sec = (unsigned long)value->tv_sec, nsec = (unsigned long)value->tv_nsec;
+  return sec * whole + sec / TICK_NSEC * rest +
+         (sec % TICK_NSEC * rest + nsec + TICK_NSEC - 1) / TICK_NSEC;
 }
 static inline void jiffies_to_timespec(const unsigned long j, struct timespec *value) {
   const unsigned long long ns = (unsigned long long)j * TICK_NSEC;

@@ -85,9 +85,17 @@ int tarn_fsync(struct file *file, struct dentry *dentry, int datasync) {
   return lower_inode->i_fop->fsync(tarn_lower_file(file), lower_dentry, datasync);
 }
 
+// The lower file is shared by all opens of its inode, so it stands where another one left off. Its
+// file system may keep more of that place than f_pos, NFS a cookie of the server's for one: it has
+// to be told that the place is another.
+void move_lower_file(struct file *lower_file, loff_t pos) {
+  if (lower_file->f_pos != pos) vfs_llseek(lower_file, pos, SEEK_SET);
+  lower_file->f_pos = pos;  // also where it cannot be told, or does not take the place
+}
+
 int tarn_readdir(struct file *file, void *dirent, filldir_t filldir) {
   struct file *lower_file = tarn_lower_file(file);
-  lower_file->f_pos = file->f_pos;
+  move_lower_file(lower_file, file->f_pos);
   const int rc = vfs_readdir(lower_file, filldir, dirent);
   file->f_pos = lower_file->f_pos;
   if (rc < 0) return rc;

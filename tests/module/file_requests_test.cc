@@ -252,9 +252,10 @@ MODULE_CASE(file_requests, opener_that_comes_second_drops_its_lower_file) {
   EXPECT_TRUE(test_holds("/mnt/f", "text"));
 }
 
+namespace {
+
 // The position in a directory is the open's own, though all opens share the lower file.
-MODULE_CASE(file_requests, two_readers_of_a_directory_have_their_own_places) {
-  test_mount mount;
+void expect_own_places() {
   REQUIRE_EQ(test_put("/lower/a", "x"), 1);
   REQUIRE_EQ(test_put("/lower/b", "x"), 1);
   kernel_file first("/mnt", O_RDONLY | O_DIRECTORY), second("/mnt", O_RDONLY | O_DIRECTORY);
@@ -275,4 +276,21 @@ MODULE_CASE(file_requests, two_readers_of_a_directory_have_their_own_places) {
   struct seen rest = {0, 100};
   EXPECT_EQ(vfs_readdir(first.get(), fill, &rest), 0);
   EXPECT_EQ(rest.count, 3);
+  kernel_file third("/mnt", O_RDONLY | O_DIRECTORY);
+  struct seen again = {0, 100};
+  EXPECT_EQ(vfs_readdir(third.get(), fill, &again), 0);
+  EXPECT_EQ(again.count, 4);
+}
+
+}  // namespace
+
+MODULE_CASE(file_requests, two_readers_of_a_directory_have_their_own_places) {
+  test_mount mount;
+  expect_own_places();
+}
+
+// The lower file keeps more of its place than f_pos.
+MODULE_CASE(file_requests, two_readers_of_a_directory_over_nfs_have_their_own_places) {
+  test_mount mount("nfs");
+  expect_own_places();
 }

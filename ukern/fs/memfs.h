@@ -19,7 +19,8 @@ enum memfs_switch {
   MEMFS_NO_DIRECT = 4, /* no direct_IO */
   MEMFS_REVALIDATE =
       8,          /* dentries looked up from now on have a d_revalidate, see memfs_set_revalidate */
-  MEMFS_NFS = 16, /* the magic number of NFS */
+  MEMFS_NFS = 16, /* the magic number of NFS; an open directory's place is kept beside f_pos, and
+                     lost by llseek */
 };
 /* Takes the place of all switches that are set. */
 void memfs_set_switches(struct super_block *sb, unsigned switches);

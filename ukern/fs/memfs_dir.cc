@@ -263,7 +263,7 @@ bool entry_at(struct inode *dir, loff_t position, struct memfs_entry *copy, char
   return found;
 }
 
-int memfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
+int list_entries(struct file *file, void *dirent, filldir_t filldir) {
   struct inode *dir = file->f_dentry->d_inode;
   const struct memfs_node *node = memfs_n(dir);
   if (int error = memfs_check(dir->i_sb, MEMFS_OP_READDIR)) return error;
@@ -286,6 +286,22 @@ int memfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
   }
   kfree(name);
   return 0;
+}
+
+// With MEMFS_NFS the place that counts is what was read last, not f_pos, until a seek forgets it.
+int memfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
+  const bool keeps_place = memfs_s(file->f_dentry->d_sb)->switches & MEMFS_NFS;
+  if (keeps_place && file->private_data)
+    file->f_pos = (loff_t) reinterpret_cast<unsigned long>(file->private_data);
+  const int rc = list_entries(file, dirent, filldir);
+  if (keeps_place) file->private_data = reinterpret_cast<void *>((unsigned long)file->f_pos);
+  return rc;
+}
+
+loff_t memfs_dir_llseek(struct file *file, loff_t offset, int origin) {
+  const loff_t from = file->f_pos, to = default_llseek(file, offset, origin);
+  if (to >= 0 && to != from) file->private_data = nullptr;
+  return to;
 }
 
 void *memfs_follow_link(struct dentry *dentry, struct nameidata *nd) {
@@ -322,7 +338,8 @@ int memfs_setattr(struct dentry *dentry, struct iattr *attr) {
   .readlink = generic_readlink, .follow_link = memfs_follow_link, .setattr = memfs_setattr, \
   .getattr = memfs_getattr
 
-#define MEMFS_DIR_FOPS .read = generic_read_dir, .readdir = memfs_readdir, .open = memfs_open
+#define MEMFS_DIR_FOPS \
+  .llseek = memfs_dir_llseek, .read = generic_read_dir, .readdir = memfs_readdir, .open = memfs_open
 
 struct inode_operations memfs_dir_iops[2] = {{MEMFS_DIR_OPS, MEMFS_XATTR_OPS}, {MEMFS_DIR_OPS}};
 struct inode_operations memfs_symlink_iops[2] = {{MEMFS_LINK_OPS, MEMFS_XATTR_OPS},

@@ -53,6 +53,8 @@ static void run_case(void) {
   OP(write(other, "six.", 4));
   say_file("f");
 
+  // Over NFS processes may overwrite what another one has appended.
+  if (over_nfs()) return;
   put("both", "");
   fflush(stdout);
   const pid_t a = fork();

@@ -25,6 +25,8 @@ static void run_case(void) {
   OP(rmdir("d/e/"));
   say_stat("d");
 
+  // What is removed may be known to an NFS client still, or not.
+  if (over_nfs()) return;
   const int dir = FD(open("d", O_RDONLY));
   OP(rmdir("d"));
   say_fstat("the removed directory", dir);

@@ -40,7 +40,7 @@ static void run_case(void) {
   OP(utimes("f", fine));
   say_times("f");
   OP(utimes("d", fine));
-  say_times("d");
+  if (!over_nfs()) say_times("d");  // whose client may say what it was told before
   OP(utimes("link", fine));
   fine[0].tv_usec = 1000000;
   OP(utimes("f", fine));

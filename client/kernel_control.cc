@@ -17,12 +17,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kLogPoll{100};
 
-std::string_view next_word(std::string_view &line) {
-  const std::string_view word = line.substr(0, line.find(' '));
-  line.remove_prefix(std::min(line.size(), word.size() + 1));
-  return word;
-}
-
 /*
  * The mounts of type tarn in "SOURCE MOUNTPOINT TYPE OPTIONS 0 0\n" lines. The lower directory at
  * the end of the options is not escaped; the source is, and names the same one unless someone
@@ -32,12 +26,11 @@ std::vector<Mount> tarn_mounts(std::string_view table) {
   constexpr std::string_view kEnd = " 0 0", kLower = ",dir=";
   std::vector<Mount> mounts;
   while (!table.empty()) {
-    std::string_view line = table.substr(0, table.find('\n'));
-    table.remove_prefix(std::min(table.size(), line.size() + 1));
+    std::string_view line = take_until(table, '\n');
     Mount mount;
-    mount.lower = unescape_octal(next_word(line));
-    mount.mountpoint = unescape_octal(next_word(line));
-    if (next_word(line) != "tarn") continue;
+    mount.lower = unescape_octal(take_until(line, ' '));
+    mount.mountpoint = unescape_octal(take_until(line, ' '));
+    if (take_until(line, ' ') != "tarn") continue;
     if (line.ends_with(kEnd)) line.remove_suffix(kEnd.size());
     mount.options = line;
     const std::size_t lower = line.find(kLower);

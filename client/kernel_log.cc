@@ -5,6 +5,8 @@
 #include <cctype>
 #include <charconv>
 
+#include "client/text.h"
+
 namespace tarn {
 namespace {
 
@@ -45,7 +47,7 @@ void KernelLog::update(std::string_view buffer) {
   std::string_view left = text_;
   std::uint64_t gone = 0;
   while (!left.empty() && !now.starts_with(left)) {
-    left.remove_prefix(left.find('\n') + 1);
+    take_until(left, '\n');
     ++gone;
   }
   first_ = left.empty() && !text_.empty() ? behind_ + 1 : first_ + gone;
@@ -57,8 +59,7 @@ LogPart KernelLog::lines(std::uint64_t first) const {
   LogPart part{{}, behind_};
   std::uint64_t number = first_;
   for (std::string_view left = text_; !left.empty(); ++number) {
-    const std::string_view line = left.substr(0, left.find('\n'));
-    left.remove_prefix(line.size() + 1);
+    const std::string_view line = take_until(left, '\n');
     if (number >= first) part.lines.push_back(read_line(line, number));
   }
   return part;

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "client/read_ahead.h"
 
-#include <fcntl.h>
 #include <poll.h>
 
 #include <cerrno>
@@ -13,27 +12,12 @@
 #include <optional>
 #include <thread>
 
-#include "client/unique_fd.h"
+#include "client/pipe.h"
 
 namespace tarn {
 namespace {
 
-struct Pipe {
-  UniqueFd read_end, write_end;
-};
-
-Result<Pipe> make_pipe() {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
-    return system_error(errno, "cannot read ahead on the channel");
-  return Pipe{UniqueFd(ends[0]), UniqueFd(ends[1])};
-}
-
-// Makes the pipe readable. It has room: there is one byte in it at most.
-void raise(const Pipe &pipe) {
-  while (write(pipe.write_end.get(), "", 1) < 0 && errno == EINTR) {
-  }
-}
+constexpr char kCannot[] = "cannot read ahead on the channel";
 
 void lower(const Pipe &pipe) {
   char byte;
@@ -59,7 +43,7 @@ class ReadAhead : public MessageLink {
       stopping_ = true;
     }
     room_.notify_one();
-    raise(stop_);
+    raise_pipe(stop_.write_end.get());
     reader_.join();
   }
 
@@ -136,7 +120,7 @@ class ReadAhead : public MessageLink {
     closed_ = closed_ || batch.closed;
     if (!got) error_ = got.error();
     const bool news = !batch.empty() || closed_ || error_;
-    if (news && !std::exchange(readable_, true)) raise(ready_);
+    if (news && !std::exchange(readable_, true)) raise_pipe(ready_.write_end.get());
   }
 
   const std::unique_ptr<MessageLink> link_;
@@ -161,9 +145,9 @@ class ReadAhead : public MessageLink {
 
 Result<std::unique_ptr<MessageLink>> read_ahead(std::unique_ptr<MessageLink> link,
                                                 std::size_t limit) {
-  auto ready = make_pipe();
+  auto ready = make_pipe(kCannot);
   if (!ready) return ready.error();
-  auto stop = make_pipe();
+  auto stop = make_pipe(kCannot);
   if (!stop) return stop.error();
   return std::unique_ptr<MessageLink>(
       std::make_unique<ReadAhead>(std::move(link), limit, std::move(*ready), std::move(*stop)));

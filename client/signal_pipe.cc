@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "client/signal_pipe.h"
 
-#include <fcntl.h>
-
 #include <atomic>
 #include <cerrno>
 
@@ -27,9 +25,7 @@ void on_signal(int signal) {
   const int fd = slot.fd.load();
   if (fd >= 0) {
     ++slot.waiting;
-    // A pipe that is full is readable all the same.
-    while (write(fd, "", 1) < 0 && errno == EINTR) {
-    }
+    raise_pipe(fd);
   }
   errno = saved;
 }
@@ -37,10 +33,9 @@ void on_signal(int signal) {
 }  // namespace
 
 Result<std::unique_ptr<SignalPipe>> SignalPipe::open(std::initializer_list<int> signals) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
-    return system_error(errno, "cannot wait for signals");
-  std::unique_ptr<SignalPipe> made(new SignalPipe(UniqueFd(ends[0]), UniqueFd(ends[1])));
+  auto pipe = make_pipe("cannot wait for signals");
+  if (!pipe) return pipe.error();
+  std::unique_ptr<SignalPipe> made(new SignalPipe(std::move(*pipe)));
   for (const int signal : signals) {
     if (auto caught = made->catch_signal(signal); !caught) return caught.error();
   }
@@ -49,7 +44,7 @@ Result<std::unique_ptr<SignalPipe>> SignalPipe::open(std::initializer_list<int> 
 
 Result<void> SignalPipe::catch_signal(int signal) {
   int nobody = -1;
-  if (!g_slots[signal].fd.compare_exchange_strong(nobody, write_end_.get()))
+  if (!g_slots[signal].fd.compare_exchange_strong(nobody, pipe_.write_end.get()))
     return system_error(EBUSY, "this process waits for the signal already");
   g_slots[signal].waiting = 0;
   struct sigaction action {

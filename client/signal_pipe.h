@@ -14,8 +14,8 @@
 #include <memory>
 #include <vector>
 
+#include "client/pipe.h"
 #include "client/result.h"
-#include "client/unique_fd.h"
 
 namespace tarn {
 
@@ -30,7 +30,7 @@ class SignalPipe {
   SignalPipe &operator=(const SignalPipe &) = delete;
 
   /* Readable while a signal waits. */
-  int fd() const { return read_end_.get(); }
+  int fd() const { return pipe_.read_end.get(); }
 
   /* The next signal that waits, or 0. Of several, the one named first to open(). */
   int take();
@@ -39,8 +39,7 @@ class SignalPipe {
   std::uint64_t take_all();
 
  private:
-  SignalPipe(UniqueFd read_end, UniqueFd write_end)
-      : read_end_(std::move(read_end)), write_end_(std::move(write_end)) {}
+  explicit SignalPipe(Pipe pipe) : pipe_(std::move(pipe)) {}
 
   Result<void> catch_signal(int signal);
 
@@ -49,7 +48,7 @@ class SignalPipe {
     struct sigaction old;
   };
 
-  UniqueFd read_end_, write_end_;
+  Pipe pipe_;
   std::vector<Caught> caught_;
 };
 

@@ -7,6 +7,7 @@
 #include <iterator>
 
 #include "client/run_dir.h"
+#include "client/text.h"
 #include "module/os_public/Include/ox_ctl.h"
 
 namespace tarn {
@@ -39,8 +40,7 @@ Site find_site() {
 
 bool lists_tarn(std::string_view filesystems) {
   while (!filesystems.empty()) {
-    const std::string_view line = filesystems.substr(0, filesystems.find('\n'));
-    filesystems.remove_prefix(std::min(filesystems.size(), line.size() + 1));
+    const std::string_view line = take_until(filesystems, '\n');
     // "nodev" or nothing, a tab, the type.
     if (line.substr(line.find('\t') + 1) == "tarn") return true;
   }

@@ -26,14 +26,10 @@ std::span<const std::byte> bytes_of(const std::string &text) {
 std::vector<Mount> read_mounts(std::string_view text) {
   std::vector<Mount> mounts;
   while (!text.empty()) {
-    std::string_view line = text.substr(0, text.find('\n'));
-    text.remove_prefix(std::min(text.size(), line.size() + 1));
+    std::string_view line = take_until(text, '\n');
     Mount mount;
-    for (std::string *field : {&mount.lower, &mount.mountpoint, &mount.options}) {
-      const std::string_view word = line.substr(0, line.find(' '));
-      line.remove_prefix(std::min(line.size(), word.size() + 1));
-      *field = unescape_octal(word);
-    }
+    for (std::string *field : {&mount.lower, &mount.mountpoint, &mount.options})
+      *field = unescape_octal(take_until(line, ' '));
     mounts.push_back(std::move(mount));
   }
   return mounts;

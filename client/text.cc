@@ -103,6 +103,12 @@ std::string unescape_octal(std::string_view text) {
   return bytes;
 }
 
+std::string_view take_until(std::string_view &text, char end) {
+  const std::string_view taken = text.substr(0, text.find(end));
+  text.remove_prefix(std::min(text.size(), taken.size() + 1));
+  return taken;
+}
+
 std::string utc_time(std::uint64_t us) {
   const auto seconds = static_cast<std::time_t>(us / 1'000'000);
   std::tm tm{};

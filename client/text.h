@@ -24,6 +24,10 @@ std::string printable(std::string_view bytes);
 /* For programs: a JSON string if the bytes are UTF-8, otherwise the object {"base64": "..."}. */
 nlohmann::ordered_json json_bytes(std::string_view bytes);
 
+/* Takes what stands before `end` off the front of the text, and `end` with it; all of the text if
+ * it has none. */
+std::string_view take_until(std::string_view &text, char end);
+
 /* Lines of /proc/mounts' kind: \ooo becomes the byte. */
 std::string unescape_octal(std::string_view text);
 

@@ -24,8 +24,7 @@ int open_at_once(int root, const std::string &path) {
 int open_step_by_step(int root, std::string_view path) {
   UniqueFd here(openat(root, ".", kFlags));
   while (here && !path.empty()) {
-    const std::string name(path.substr(0, path.find('/')));
-    path.remove_prefix(std::min(path.size(), name.size() + 1));
+    const std::string name(take_until(path, '/'));
     here = UniqueFd(openat(here.get(), name.c_str(), kFlags));
   }
   return here ? fcntl(here.get(), F_DUPFD_CLOEXEC, 0) : -1;

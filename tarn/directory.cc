@@ -2,10 +2,9 @@
 // dir add, del, flush and daemon: which directories' contents only the daemon moves.
 #include <iostream>
 
-#include "client/control.h"
 #include "client/paths.h"
-#include "client/site.h"
 #include "tarn/commands.h"
+#include "tarn/request.h"
 
 namespace tarn {
 
@@ -14,36 +13,26 @@ int directory_add_command(const std::string &path, const std::optional<std::stri
   if (!name) return fail(name.error()), uuid ? kExitUsage : kExitFailed;
   const auto whole = whole_path(path);
   if (!whole) return fail(whole.error());
-  auto channel = ControlChannel::connect(find_site());
-  if (!channel) return fail(channel.error());
-  if (auto added = channel->add_directory(*name, *whole); !added) return fail(added.error());
-  if (!uuid) std::cout << to_string(*name) << '\n';
-  return kExitOk;
+  const int exit =
+      ask_module([&](ControlChannel &channel) { return channel.add_directory(*name, *whole); });
+  if (exit == kExitOk && !uuid) std::cout << to_string(*name) << '\n';
+  return exit;
 }
 
 int directory_delete_command(const std::string &text) {
   const auto uuid = read_uuid(text);
   if (!uuid) return fail(uuid.error()), kExitUsage;
-  auto channel = ControlChannel::connect(find_site());
-  if (!channel) return fail(channel.error());
-  const auto deleted = channel->delete_directory(*uuid);
-  return deleted ? kExitOk : fail(deleted.error());
+  return ask_module([&](ControlChannel &channel) { return channel.delete_directory(*uuid); });
 }
 
 int directory_flush_command() {
-  auto channel = ControlChannel::connect(find_site());
-  if (!channel) return fail(channel.error());
-  const auto flushed = channel->flush_directories();
-  return flushed ? kExitOk : fail(flushed.error());
+  return ask_module([](ControlChannel &channel) { return channel.flush_directories(); });
 }
 
 int directory_daemon_command(const std::string &program) {
   const auto whole = whole_path(program);
   if (!whole) return fail(whole.error());
-  auto channel = ControlChannel::connect(find_site());
-  if (!channel) return fail(channel.error());
-  const auto set = channel->set_daemon_path(*whole);
-  return set ? kExitOk : fail(set.error());
+  return ask_module([&](ControlChannel &channel) { return channel.set_daemon_path(*whole); });
 }
 
 }  // namespace tarn

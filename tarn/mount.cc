@@ -25,6 +25,7 @@
 #include "client/unique_fd.h"
 #include "module/os_public/Include/ox_ctl.h"
 #include "tarn/commands.h"
+#include "tarn/request.h"
 
 namespace tarn {
 namespace {
@@ -70,8 +71,7 @@ Result<std::string> find_tarnd() {
   const char *path = std::getenv("PATH");
   std::string_view rest = path ? path : "";
   while (!rest.empty()) {
-    const std::string_view folder = rest.substr(0, rest.find(':'));
-    rest.remove_prefix(std::min(rest.size(), folder.size() + 1));
+    const std::string_view folder = take_until(rest, ':');
     if (!folder.empty() && runnable(fs::path(folder) / "tarnd"))
       return (fs::path(folder) / "tarnd").string();
   }
@@ -214,11 +214,9 @@ int mount_command(const std::string &lower, const std::string &mountpoint) {
 }
 
 int umount_command(const std::string &mountpoint, bool lazily) {
-  auto channel = ControlChannel::connect(find_site());
-  if (!channel) return fail(channel.error());
   const auto how = lazily ? Umount::kLazily : Umount::kIfIdle;
-  const auto done = channel->umount(whole_mountpoint(mountpoint), how);
-  return done ? kExitOk : fail(done.error());
+  return ask_module(
+      [&](ControlChannel &channel) { return channel.umount(whole_mountpoint(mountpoint), how); });
 }
 
 int stop_command() {

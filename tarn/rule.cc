@@ -13,6 +13,7 @@
 #include "client/workdir.h"
 #include "tarn/commands.h"
 #include "tarn/report.h"
+#include "tarn/request.h"
 
 namespace tarn {
 
@@ -90,10 +91,7 @@ int rule_add_command(const std::optional<std::string> &uuid,
 int rule_delete_command(const std::string &text) {
   const auto uuid = read_uuid(text);
   if (!uuid) return fail(uuid.error()), kExitUsage;
-  auto channel = ControlChannel::connect(find_site());
-  if (!channel) return fail(channel.error());
-  const auto deleted = channel->delete_rule(*uuid);
-  return deleted ? kExitOk : fail(deleted.error());
+  return ask_module([&](ControlChannel &channel) { return channel.delete_rule(*uuid); });
 }
 
 int rule_list_command(Format format) {
@@ -134,10 +132,7 @@ int rule_show_command(const std::string &text, Format format) {
 }
 
 int rule_flush_command() {
-  auto channel = ControlChannel::connect(find_site());
-  if (!channel) return fail(channel.error());
-  const auto flushed = channel->flush_rules();
-  return flushed ? kExitOk : fail(flushed.error());
+  return ask_module([](ControlChannel &channel) { return channel.flush_rules(); });
 }
 
 }  // namespace tarn

@@ -33,13 +33,13 @@ class CallerTask {
   const Task &task() const { return task_; }
   /* Makes it the request's caller. Throws std::bad_alloc. */
   void become(fuse_req_t req, Need need);
-  /* From here to calm() an interruption of the request interrupts the task. */
-  void listen(fuse_req_t req);
-  void calm();
 
  private:
+  friend class Listening;
   using Clock = std::chrono::steady_clock;
   static void interrupted(fuse_req_t req, void *task);
+  void listen(fuse_req_t req);
+  void calm();
 
   Task task_;
   Identity identity_;
@@ -48,6 +48,18 @@ class CallerTask {
   std::mutex mutex_;
   fuse_req_t listening_ = nullptr;  // under mutex_
   bool interrupted_ = false;        // under mutex_
+};
+
+/* As long as it lasts, an interruption of the request interrupts the task. */
+class Listening {
+ public:
+  Listening(CallerTask &task, fuse_req_t req) : task_(task) { task_.listen(req); }
+  ~Listening() { task_.calm(); }
+  Listening(const Listening &) = delete;
+  Listening &operator=(const Listening &) = delete;
+
+ private:
+  CallerTask &task_;
 };
 
 /* The calling worker's. */

@@ -77,9 +77,8 @@ void as_caller(fuse_req_t req, Need need, Body body) {
 template <typename Body>
 void as_waiting_caller(fuse_req_t req, Need need, Body body) {
   as_caller(req, need, [&] {
-    caller_task().listen(req);
+    const Listening listening(caller_task(), req);
     body();
-    caller_task().calm();
   });
 }
 

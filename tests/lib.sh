@@ -83,6 +83,13 @@ stop_mirrord() {
   MIRRORD_PID=
 }
 
+# The same of one that misses records.
+stop_mirrord_after_a_loss() {
+  kill "$MIRRORD_PID"
+  if wait "$MIRRORD_PID"; then fail "mirrord ended with 0 although records are missing"; fi
+  MIRRORD_PID=
+}
+
 # wait_until SECONDS WHAT COMMAND...
 wait_until() {
   local deadline=$((SECONDS + $1)) what=$2

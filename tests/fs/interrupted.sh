@@ -39,6 +39,4 @@ interrupted=$(tarn log | grep -c 'Failed send tarn netlink message to pid(.*); r
 [ "$interrupted" -gt 0 ] || fail "no wait was ended by a signal"
 echo after >"$T/mnt/after"
 wait_until 30 "the daemon is served again" cmp "$T/lower/after" "$T/replica/after"
-kill "$MIRRORD_PID"
-if wait "$MIRRORD_PID"; then fail "mirrord ended with 0 although records are missing"; fi
-MIRRORD_PID=
+stop_mirrord_after_a_loss

@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: GPL-2.0
 # The cases of tests/fs on plain directories and on mounts; parity_compare.sh looks at what they said.
-mkdir "$root/cases"
+mkdir "$root/cases" "$root/lost"
 make -s -C "$top/tests/fs/cases" CC=musl-gcc STATIC=-static OUT="$root/cases" >"$work/parity.log" 2>&1 ||
   { tail -n 20 "$work/parity.log" >&2; die "the cases of tests/fs cannot be built for the guest"; }
 guest_program parity "$here/parity.c" "$here/nfs.c" "$here/guest.c" "$here/image.c"
@@ -9,3 +9,4 @@ guest_image ext3 96M
 step /parity ext2
 step /parity ext3
 step /parity nfs
+step /parity tmpfs

@@ -85,6 +85,17 @@ compare_midway() {
 # What became of the session.
 wait_beside() { wait "$SESSION" || fail "a program failed: $(head -n 5 "$T/beside.err" "$T/beside.out")"; }
 
+# soak_beside SCRIPT: runs it to its end, stops it now and then to compare, and ends the test.
+soak_beside() {
+  run_beside bash "$1"
+  for _ in $(seq $SCALE); do
+    sleep 2
+    compare_midway
+  done
+  wait_beside
+  end_soak no-times
+}
+
 # The lines that a mount, a rule and a daemon leave in the kernel log; any other is a complaint.
 EXPECTED_LINES='Register tarn filesystem success|Create tarn_nl netlink socket success'
 EXPECTED_LINES+='|Register (prule|dir) sockopt success|tarn_thd_trans: start|tarn_process_nl_helo: daemon_pid = [0-9]+'

@@ -33,10 +33,4 @@ start_soak
 chmod 755 "$T"
 mkdir "$T/mnt/root"
 install -d -o 65534 -g 65534 "$T/mnt/user"
-run_beside bash "$T/programs"
-for _ in $(seq $SCALE); do
-  sleep 2
-  compare_midway
-done
-wait_beside
-end_soak no-times
+soak_beside "$T/programs"

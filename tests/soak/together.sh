@@ -60,10 +60,4 @@ EOP
 take_sources
 start_soak
 export SCALE HERE T MNT="$T/mnt"
-run_beside bash "$T/programs"
-for _ in $(seq $SCALE); do
-  sleep 2
-  compare_midway
-done
-wait_beside
-end_soak no-times
+soak_beside "$T/programs"

@@ -113,6 +113,18 @@ static inline void *report_map(const char *text, void *map) {
     if ((long)(call) == -1) say("setting up: %s -> %s", #call, errno_name(errno)); \
   } while (0)
 
+// A copy of this program, as it was started.
+static inline void copy_self(const char *to) {
+  static char buf[1 << 16];
+  const int in = open("/proc/self/exe", O_RDONLY);
+  if (in < 0) skip("/proc is not mounted");
+  const int out = open(to, O_WRONLY | O_CREAT | O_TRUNC, 0755);
+  for (ssize_t got; (got = read(in, buf, sizeof(buf))) > 0;)
+    SETUP(write(out, buf, (size_t)got) == got ? 0 : -1);
+  SETUP(close(out));
+  SETUP(close(in));
+}
+
 // Prints bytes as text in which runs are counted: "ab"+3x\0+"c".
 static inline void say_bytes(const char *what, const void *data, size_t size) {
   const unsigned char *bytes = data;

@@ -2,19 +2,6 @@
 // Running programs from the directory: by name, script, link and descriptor, without the right.
 #include "case.h"
 
-// This program itself, as it was started; the names of the files it is copied to say what it is to
-// do.
-static void copy_self(const char *to) {
-  static char buf[1 << 16];
-  const int in = open("/proc/self/exe", O_RDONLY);
-  if (in < 0) skip("/proc is not mounted");
-  const int out = open(to, O_WRONLY | O_CREAT | O_TRUNC, 0755);
-  for (ssize_t got; (got = read(in, buf, sizeof(buf))) > 0;)
-    SETUP(write(out, buf, (size_t)got) == got ? 0 : -1);
-  SETUP(close(out));
-  SETUP(close(in));
-}
-
 static void run(const char *path) {
   fflush(stdout);
   const pid_t pid = fork();

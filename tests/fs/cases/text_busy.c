@@ -2,17 +2,6 @@
 // Programs that run are not written, files that are written do not run.
 #include "case.h"
 
-static void copy_self(const char *to) {
-  static char buf[1 << 16];
-  const int in = open("/proc/self/exe", O_RDONLY);
-  if (in < 0) skip("/proc is not mounted");
-  const int out = open(to, O_WRONLY | O_CREAT | O_TRUNC, 0755);
-  for (ssize_t got; (got = read(in, buf, sizeof(buf))) > 0;)
-    SETUP(write(out, buf, (size_t)got) == got ? 0 : -1);
-  SETUP(close(out));
-  SETUP(close(in));
-}
-
 static struct turn started, go_on;
 
 static void run_case(void) {

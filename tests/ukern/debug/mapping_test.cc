@@ -163,26 +163,24 @@ CASE(mapping, reclaim_takes_clean_pages_that_nobody_maps) {
   EXPECT_EQ(byte_at(file, 8192), 'x');
 }
 
-CASE(mapping, the_cache_stays_below_the_memory) {
-  const unsigned long old = totalram_pages;
+// Reads four times as many pages as the limit allows.
+static void stays_below(unsigned long *limit) {
+  const unsigned long old = *limit;
   open_file file("/f");
   REQUIRE_EQ(file.error(), 0);
   EXPECT_EQ(file.truncate(400 * 4096), 0);
-  totalram_pages = 100;
+  *limit = 100;
   for (int i = 0; i < 400; i++) EXPECT_EQ(byte_at(file, (loff_t)i * 4096), 0);
   EXPECT_LE(file.mapping()->nrpages, 100ul);
-  totalram_pages = old;
+  *limit = old;
+}
+
+CASE(mapping, the_cache_stays_below_the_memory) {
+  stays_below(&totalram_pages);
 }
 
 CASE(mapping, the_cache_stays_below_its_own_limit) {
-  const unsigned long old = page_cache_limit;
-  open_file file("/f");
-  REQUIRE_EQ(file.error(), 0);
-  EXPECT_EQ(file.truncate(400 * 4096), 0);
-  page_cache_limit = 100;
-  for (int i = 0; i < 400; i++) EXPECT_EQ(byte_at(file, (loff_t)i * 4096), 0);
-  EXPECT_LE(file.mapping()->nrpages, 100ul);
-  page_cache_limit = old;
+  stays_below(&page_cache_limit);
 }
 
 CASE(mapping, the_write_back_threads_write_what_is_dirty) {

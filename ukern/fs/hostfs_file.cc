@@ -18,6 +18,8 @@
 #include <linux/slab.h>
 #include <linux/uio.h>
 
+#include "ukern/fs/direct_io.h"
+
 namespace {
 
 constexpr unsigned kDirentBuffer = 32 * 1024;
@@ -280,7 +282,7 @@ ssize_t hostfs_direct_IO(int rw, struct kiocb *iocb, const struct iovec *iov, lo
   ssize_t result = rw == WRITE ? make_writable(file, fd) : 0;
   if (!result) result = direct_segments(rw, fd, iov, offset, nr_segs);
   unuse(file);
-  return result;
+  return direct_io_result(rw, iocb, result, iov_length(iov, nr_segs));
 }
 
 // Hands the entries of one buffer on. 1: the filler has no more room.

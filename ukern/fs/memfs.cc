@@ -24,7 +24,7 @@ struct option {
 };
 constexpr option kOptions[] = {
     {"noxattr", MEMFS_NO_XATTR},      {"nofsync", MEMFS_NO_FSYNC}, {"nodirect", MEMFS_NO_DIRECT},
-    {"revalidate", MEMFS_REVALIDATE}, {"nfs", MEMFS_NFS},
+    {"revalidate", MEMFS_REVALIDATE}, {"nfs", MEMFS_NFS},          {"queue", MEMFS_QUEUE},
 };
 
 // The number at the beginning of `text` with its unit; -1: not a number, or something behind it.
@@ -120,6 +120,8 @@ struct memfs_sb *new_info() {
   if (!info) return nullptr;
   spin_lock_init(&info->lock);
   INIT_LIST_HEAD(&info->nodes);
+  INIT_LIST_HEAD(&info->queued);
+  init_waitqueue_head(&info->queued_wait);
   for (struct hlist_head &chain : info->names) INIT_HLIST_HEAD(&chain);
   info->next_ino = 1;
   info->revalidate = 1;

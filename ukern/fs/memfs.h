@@ -2,7 +2,7 @@
 /*
  * memfs for tests: what a mounted memfs lacks, what it refuses, how large it is. Each call acts on
  * one super block, at any time, from any task. The same switches are mount options, separated by
- * commas: noxattr, nofsync, nodirect, revalidate, nfs, size=BYTES (with k, m or g).
+ * commas: noxattr, nofsync, nodirect, revalidate, nfs, queue, size=BYTES (with k, m or g).
  */
 #ifndef UKERN_FS_MEMFS_H
 #define UKERN_FS_MEMFS_H
@@ -21,11 +21,14 @@ enum memfs_switch {
       8,          /* dentries looked up from now on have a d_revalidate, see memfs_set_revalidate */
   MEMFS_NFS = 16, /* the magic number of NFS; an open directory's place is kept beside f_pos, and
                      lost by llseek */
+  MEMFS_QUEUE = 32, /* direct_IO moves the data and queues the request: see memfs_complete */
 };
 /* Takes the place of all switches that are set. */
 void memfs_set_switches(struct super_block *sb, unsigned switches);
 /* What d_revalidate returns; 1 at first. */
 void memfs_set_revalidate(struct super_block *sb, int result);
+/* Gives the request that was queued first its result; sleeps until there is one. */
+void memfs_complete(struct super_block *sb);
 /* Bytes of file data that fit; 0: no limit. What is there stays. */
 void memfs_set_capacity(struct super_block *sb, unsigned long long bytes);
 

@@ -13,8 +13,11 @@
 #include <linux/highmem.h>
 #include <linux/mm.h>
 #include <linux/string.h>
+#include <linux/slab.h>
 #include <linux/uio.h>
 #include <linux/writeback.h>
+
+#include "ukern/fs/direct_io.h"
 
 namespace {
 
@@ -131,11 +134,8 @@ ssize_t direct_segment(int rw, struct inode *inode, const struct iovec *iov, lof
   return done;
 }
 
-ssize_t memfs_direct_IO(int rw, struct kiocb *iocb, const struct iovec *iov, loff_t offset,
+ssize_t direct_segments(int rw, struct inode *inode, const struct iovec *iov, loff_t offset,
                         unsigned long nr_segs) {
-  struct inode *inode = iocb->ki_filp->f_mapping->host;
-  if (int error = memfs_check(inode->i_sb, MEMFS_OP_DIRECT_IO)) return error;
-  if ((offset | (loff_t)iov_length(iov, nr_segs)) & 511) return -EINVAL;
   ssize_t done = 0;
   for (unsigned long seg = 0; seg < nr_segs; seg++) {
     const ssize_t part = direct_segment(rw, inode, &iov[seg], offset + done);
@@ -146,7 +146,61 @@ ssize_t memfs_direct_IO(int rw, struct kiocb *iocb, const struct iovec *iov, lof
   return done;
 }
 
+struct queued_request {
+  struct list_head list; /* in memfs_sb.queued */
+  struct kiocb *iocb;
+  ssize_t result;
+};
+
+// The data has been moved; what is put off is telling so.
+ssize_t queue_request(struct memfs_sb *info, struct kiocb *iocb, ssize_t result) {
+  auto *queued =
+      static_cast<struct queued_request *>(kmalloc(sizeof(struct queued_request), GFP_KERNEL));
+  if (!queued) return -ENOMEM;
+  queued->iocb = iocb;
+  queued->result = result;
+  spin_lock(&info->lock);
+  list_add_tail(&queued->list, &info->queued);
+  spin_unlock(&info->lock);
+  wake_up(&info->queued_wait);
+  return -EIOCBQUEUED;
+}
+
+struct queued_request *take_request(struct memfs_sb *info) {
+  struct queued_request *queued = nullptr;
+  spin_lock(&info->lock);
+  if (!list_empty(&info->queued)) {
+    queued = list_entry(info->queued.next, struct queued_request, list);
+    list_del(&queued->list);
+  }
+  spin_unlock(&info->lock);
+  return queued;
+}
+
+ssize_t memfs_direct_IO(int rw, struct kiocb *iocb, const struct iovec *iov, loff_t offset,
+                        unsigned long nr_segs) {
+  struct inode *inode = iocb->ki_filp->f_mapping->host;
+  if (int error = memfs_check(inode->i_sb, MEMFS_OP_DIRECT_IO)) return error;
+  const size_t count = iov_length(iov, nr_segs);
+  if ((offset | (loff_t)count) & 511) return -EINVAL;
+  const ssize_t done = direct_segments(rw, inode, iov, offset, nr_segs);
+  struct memfs_sb *info = memfs_s(inode->i_sb);
+  if ((info->switches & MEMFS_QUEUE) && direct_io_is_all(rw, done, count))
+    return queue_request(info, iocb, done);
+  return direct_io_result(rw, iocb, done, count);
+}
+
 }  // namespace
+
+void memfs_complete(struct super_block *sb) {
+  struct memfs_sb *info = memfs_s(sb);
+  struct queued_request *queued;
+  wait_event(info->queued_wait, (queued = take_request(info)));
+  struct kiocb *iocb = queued->iocb;
+  const ssize_t result = queued->result;
+  kfree(queued);
+  aio_complete(iocb, result, 0);
+}
 
 int memfs_open(struct inode *inode, struct file *file) {
   if (int error = memfs_check(inode->i_sb, MEMFS_OP_OPEN)) return error;

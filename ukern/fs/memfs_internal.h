@@ -10,7 +10,7 @@
  *
  * Locks: the i_mutex of a directory covers which names it has; memfs_sb.lock (a spin lock,
  * innermost) the tables in which nodes and names are found, every node's block index and extended
- * attributes, and the counts.
+ * attributes, the queue of requests, and the counts.
  */
 #ifndef UKERN_FS_MEMFS_INTERNAL_H
 #define UKERN_FS_MEMFS_INTERNAL_H
@@ -23,6 +23,7 @@
 #include <linux/radix-tree.h>
 #include <linux/sched.h>
 #include <linux/spinlock.h>
+#include <linux/wait.h>
 
 #include "ukern/fs/memfs.h"
 
@@ -75,6 +76,8 @@ struct memfs_sb {
   unsigned long used, capacity; /* blocks; no capacity: no limit */
   unsigned switches;
   int revalidate;
+  struct list_head queued;       /* requests of direct_IO, in order; under lock */
+  wait_queue_head_t queued_wait; /* woken for each that is queued */
   struct memfs_failure failures[MEMFS_OPS];
   struct backing_dev_info bdi;
 };

@@ -159,6 +159,7 @@ static ssize_t direct_read(struct kiocb *iocb, const struct iovec *iov, unsigned
   ssize_t result = 0;
   if (pos < i_size_read(filp->f_mapping->host)) {
     result = generic_file_direct_IO(READ, iocb, iov, pos, nr_segs);
+    if (result > 0 && !is_sync_kiocb(iocb)) result = -EIOCBQUEUED;
     if (result > 0) *ppos = pos + result;
   }
   file_accessed(filp);

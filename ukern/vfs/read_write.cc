@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Reading, writing and positioning open files, and the synchronous requests that carry it.
+// Reading, writing and positioning open files.
 #include <linux/aio.h>
 #include <linux/errno.h>
 #include <linux/file.h>
@@ -125,29 +125,6 @@ ssize_t vfs_write(struct file *file, const char __user *buf, size_t count, loff_
   if (len < 0) return len;
   return op->write ? op->write(file, buf, (size_t)len, pos)
                    : do_sync_write(file, buf, (size_t)len, pos);
-}
-
-ssize_t wait_on_sync_kiocb(struct kiocb *iocb) {
-  while (__atomic_load_n(&iocb->ki_users, __ATOMIC_ACQUIRE)) {
-    set_current_state(TASK_UNINTERRUPTIBLE);
-    if (!__atomic_load_n(&iocb->ki_users, __ATOMIC_ACQUIRE)) break;
-    schedule();
-  }
-  __set_current_state(TASK_RUNNING);
-  return (ssize_t)iocb->ki_user_data;
-}
-
-int aio_complete(struct kiocb *iocb, long res, long) {
-  BUG_ON(!is_sync_kiocb(iocb));
-  BUG_ON(iocb->ki_users != 1);
-  // The request is on the waiter's stack: once it reads as done, it and the waiter may be gone.
-  struct task_struct *waiter = iocb->ki_obj.tsk;
-  get_task_struct(waiter);
-  iocb->ki_user_data = (__u64)res;
-  __atomic_store_n(&iocb->ki_users, 0, __ATOMIC_RELEASE);
-  wake_up_process(waiter);
-  put_task_struct(waiter);
-  return 1;
 }
 
 }  // extern "C"

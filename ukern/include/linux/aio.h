@@ -1,20 +1,29 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The request that the aio_read and aio_write operations act on. Only synchronous requests exist:
- * one lives on the stack of the call that waits for it, and is never cancelled.
+ * The request that the aio_read, aio_write and direct_IO operations act on. A synchronous one lives
+ * on the stack of the call that waits for it. An asynchronous one belongs to a context, which its
+ * result goes to, and lives until the submission and the operation have both let go of it. Neither
+ * is ever cancelled.
+ *
+ * An operation that returns -EIOCBQUEUED has promised one aio_complete; one that returns
+ * -EIOCBRETRY one kick_iocb. A direct_IO that moves all of an asynchronous request, or any of a
+ * read, calls aio_complete itself, before or after it returns the number of bytes: its caller makes
+ * that -EIOCBQUEUED.
  */
 #ifndef UKERN_LINUX_AIO_H
 #define UKERN_LINUX_AIO_H
 
+#include <linux/aio_abi.h>
 #include <linux/list.h>
+#include <linux/spinlock.h>
 #include <linux/types.h>
 #include <linux/wait.h>
 #include <linux/bitops.h>
 #include <linux/sched.h>
+#include <asm/atomic.h>
 
 struct file;
 struct kioctx;
-struct io_event;
 
 #ifdef __cplusplus
 extern "C" {
@@ -24,30 +33,30 @@ extern "C" {
 
 /* bits of ki_flags */
 #define KIF_KICKED 1
-#define KIF_CANCELLED 2
 
+#define kiocbTryKick(iocb) test_and_set_bit(KIF_KICKED, &(iocb)->ki_flags)
 #define kiocbSetKicked(iocb) set_bit(KIF_KICKED, &(iocb)->ki_flags)
 #define kiocbClearKicked(iocb) clear_bit(KIF_KICKED, &(iocb)->ki_flags)
 #define kiocbIsKicked(iocb) test_bit(KIF_KICKED, &(iocb)->ki_flags)
 
 struct kiocb {
-  struct list_head ki_run_list;
+  struct list_head ki_run_list; /* in kioctx.run_list; null pointers while ki_retry runs */
   long ki_flags;
-  int ki_users;
+  int ki_users; /* of an asynchronous request under kioctx.ctx_lock */
   unsigned ki_key;
 
-  struct file *ki_filp;
+  struct file *ki_filp;  /* an asynchronous request has a reference */
   struct kioctx *ki_ctx; /* NULL: a synchronous request */
   int (*ki_cancel)(struct kiocb *, struct io_event *);
   ssize_t (*ki_retry)(struct kiocb *);
-  void (*ki_dtor)(struct kiocb *);
+  void (*ki_dtor)(struct kiocb *); /* with ctx_lock held; may be NULL */
 
   union {
-    void __user *user;
+    void __user *user;       /* what the submitter calls an asynchronous request */
     struct task_struct *tsk; /* who waits for a synchronous request */
   } ki_obj;
 
-  __u64 ki_user_data; /* of a synchronous request: its result */
+  __u64 ki_user_data; /* the submitter's; of a synchronous request its result */
   wait_queue_t ki_wait;
   loff_t ki_pos;
 
@@ -60,7 +69,26 @@ struct kiocb {
   long ki_kicked;
   long ki_queued;
 
-  struct list_head ki_list;
+  struct list_head ki_list; /* in kioctx.active_reqs */
+};
+
+/* The results that wait to be taken: a ring of which one place stays empty. */
+struct aio_ring_info {
+  struct io_event *events;
+  unsigned nr, head, tail;
+};
+
+/* Where the results of asynchronous requests go. Reference counted, see get_ioctx. */
+struct kioctx {
+  atomic_t users;
+  wait_queue_head_t wait; /* woken for each result, each kick and each request that goes */
+  spinlock_t ctx_lock;
+
+  /* under ctx_lock */
+  int reqs_active;
+  struct list_head active_reqs; /* kiocb.ki_list */
+  struct list_head run_list;    /* kiocb.ki_run_list: kicked, to be run again */
+  struct aio_ring_info ring_info;
 };
 
 #define is_sync_kiocb(iocb) ((iocb)->ki_key == KIOCB_SYNC_KEY)
@@ -83,11 +111,33 @@ struct kiocb {
     init_wait((&(x)->ki_wait));         \
   } while (0)
 
-/* Sleeps until aio_complete has been called for the request; its result. */
+/* Sleeps until ki_users is 0; ki_user_data, which for a synchronous request is its result. */
 ssize_t wait_on_sync_kiocb(struct kiocb *iocb);
-/* The result of a queued synchronous request, from whoever finished it; wakes the waiter.
- * Returns 1. */
+/*
+ * The result of a queued request, from whoever finished it. A synchronous one: wakes the waiter,
+ * and the request is gone; 1. An asynchronous one: adds an event and drops the operation's
+ * reference; 1 when that was the last. May then sleep (fput).
+ */
 int aio_complete(struct kiocb *iocb, long res, long res2);
+/* Drops a reference of an asynchronous request: 1 when it was the last, with which the request and
+ * its file go. Below zero is a BUG. May sleep (fput). */
+int aio_put_req(struct kiocb *iocb);
+/* A request that was left with -EIOCBRETRY is to be run again. Once for each. Never sleeps. */
+void kick_iocb(struct kiocb *iocb);
+
+/* The last reference of a context has gone, and all its requests: frees it. */
+void __put_ioctx(struct kioctx *ctx);
+
+#define get_ioctx(kioctx)                       \
+  do {                                          \
+    BUG_ON(atomic_read(&(kioctx)->users) <= 0); \
+    atomic_inc(&(kioctx)->users);               \
+  } while (0)
+#define put_ioctx(kioctx)                                           \
+  do {                                                              \
+    BUG_ON(atomic_read(&(kioctx)->users) <= 0);                     \
+    if (atomic_dec_and_test(&(kioctx)->users)) __put_ioctx(kioctx); \
+  } while (0)
 
 #ifdef __cplusplus
 }

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Every call to the lower file system fails once: what the program gets, whether the change is
 // recorded all the same, and that the next call works.
-#include "tests/module/mounted.h"
+#include "tests/module/kernel_file.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/uk_mm.h"
 
@@ -40,6 +40,24 @@ int list_upper() {
   const auto skip = [](void *, const char *, unsigned long long, unsigned,
                        unsigned long long) -> int { return 0; };
   return uk_readdir(dir.get(), 0, skip, nullptr);
+}
+
+long write_and_sync(const char *path) {
+  test_file file(path, O_RDWR);
+  if (file.error()) return file.error();
+  const long written = file.write("y", 1, 0);
+  return written == 1 ? uk_fsync(file.get(), 0) : written;
+}
+
+// The layer's own reads are never direct, so this goes in behind them.
+long direct_read(const char *path) {
+  kernel_file file(path, O_RDONLY);
+  if (IS_ERR(file.get())) return PTR_ERR(file.get());
+  test_buffer block(512);
+  kernel_ds_guard kernel_ds;
+  file->f_flags |= O_DIRECT;
+  loff_t pos = 0;
+  return generic_file_read(file.get(), static_cast<char __user *>(block.get()), 512, &pos);
 }
 
 // The call of an extended attribute operation on /mnt/f.
@@ -100,6 +118,9 @@ const struct failing calls[] = {
     {MEMFS_OP_READPAGE, [] { return read_upper("/mnt/f"); }, -EINVAL, -1, 4},
     {MEMFS_OP_PREPARE_WRITE, [] { return test_put("/mnt/f", "y"); }, -EINVAL, -1, 1},
     {MEMFS_OP_COMMIT_WRITE, [] { return test_put("/mnt/f", "y"); }, -EINVAL, -1, 1},
+    // What a write-back below could not write is told by the fsync that waits for it.
+    {MEMFS_OP_WRITEPAGE, [] { return write_and_sync("/mnt/f"); }, injected, OX_OP_WRITE, 0},
+    {MEMFS_OP_DIRECT_IO, [] { return direct_read("/mnt/f"); }, injected, -1, 4},
     {MEMFS_OP_SETXATTR,
      [] {
        return with_node([](struct uk_node *f) { return (long)uk_setxattr(f, "user.b", "", 0, 0); });
@@ -117,6 +138,8 @@ const struct failing calls[] = {
      [] { return with_node([](struct uk_node *f) { return (long)uk_removexattr(f, "user.a"); }); },
      injected, -1, 0},
 };
+
+static_assert(sizeof(calls) / sizeof(calls[0]) == MEMFS_OPS);
 
 }  // namespace
 

@@ -152,28 +152,28 @@ struct dentry *dget_locked(struct dentry *dentry) {
   return dentry;
 }
 
-// The alias that a further user of the inode should share; only a disconnected one if that is
-// wanted.
-static struct dentry *find_alias_locked(struct inode *inode, bool want_disconnected) {
-  struct dentry *disconnected = NULL;
-  struct dentry *alias;
-
-  list_for_each_entry(alias, &inode->i_dentry, d_alias) {
-    if (!S_ISDIR(inode->i_mode) && d_unhashed(alias)) continue;
-    if (alias->d_flags & DCACHE_DISCONNECTED)
-      disconnected = alias;
-    else if (!want_disconnected)
-      return dget_locked(alias);
-  }
-  return disconnected ? dget_locked(disconnected) : NULL;
-}
-
+// The alias that a further user of the inode should share: a disconnected one if there is no other.
 struct dentry *d_find_alias(struct inode *inode) {
+  struct dentry *found = NULL;
   struct dentry *alias;
   spin_lock(&dcache_lock);
-  alias = find_alias_locked(inode, false);
+  list_for_each_entry(alias, &inode->i_dentry, d_alias) {
+    if (!S_ISDIR(inode->i_mode) && d_unhashed(alias)) continue;
+    found = alias;
+    if (!(alias->d_flags & DCACHE_DISCONNECTED)) break;
+  }
+  if (found) dget_locked(found);
   spin_unlock(&dcache_lock);
-  return alias;
+  return found;
+}
+
+// A disconnected dentry is made for an inode that has no other, and later ones are put before it:
+// an inode with many names is not searched for one.
+static struct dentry *disconnected_alias_locked(struct inode *inode) {
+  if (list_empty(&inode->i_dentry)) return NULL;
+  struct dentry *oldest = list_entry(inode->i_dentry.prev, struct dentry, d_alias);
+  if (!(oldest->d_flags & DCACHE_DISCONNECTED)) return NULL;
+  return S_ISDIR(inode->i_mode) || !d_unhashed(oldest) ? dget_locked(oldest) : NULL;
 }
 
 static void d_instantiate_locked(struct dentry *dentry, struct inode *inode) {
@@ -209,7 +209,7 @@ struct dentry *d_splice_alias(struct inode *inode, struct dentry *dentry) {
     return NULL;
   }
   spin_lock(&dcache_lock);
-  alias = find_alias_locked(inode, true);
+  alias = disconnected_alias_locked(inode);
   if (!alias) {
     d_instantiate_locked(dentry, inode);
     spin_unlock(&dcache_lock);

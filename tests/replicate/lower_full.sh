@@ -23,6 +23,28 @@ echo kept >"$T/mnt/kept"
 if head -c 4000000 /dev/zero >"$T/mnt/large" 2>"$T/head.err"; then fail "4 MB went into 2 MB"; fi
 [ "$(stat -c %s "$T/small/lower/large")" -gt 1000000 ] || fail "hardly anything was written"
 rm "$T/mnt/large"
+# Room is there at once: by one who removes and writes, and without a moment in between.
+python3 - "$T/mnt" <<'PY' || fail "no room after a removal"
+import os
+import sys
+
+os.chdir(sys.argv[1])
+for i in range(60):
+    with open("filler", "wb", 0) as filler:
+        try:
+            while True:
+                filler.write(bytes(100000))
+        except OSError:
+            pass
+    if i % 2:
+        os.rename("next", "filler")
+        os.unlink("filler")
+    else:
+        os.unlink("filler")
+    with open("next", "wb", 0) as out:
+        out.write(b"x" * 50000)
+os.unlink("next")
+PY
 echo again >"$T/mnt/again"
 [ "$(cat "$T/small/lower/again")" = again ]
 wait_caught_up

@@ -18,12 +18,19 @@
 
 namespace {
 
-constexpr long kMagic = 0x686f7374;
+// That of NFS, by which a layer above knows a file system whose files change behind its back: it
+// reads them here each time instead of keeping pages of its own.
+constexpr long kMagic = 0x6969;
 
 struct kmem_cache *inode_cache;
 
 // Nothing is ever dirty here: writes go straight to the host.
 struct backing_dev_info hostfs_bdi;
+
+// Inodes without a name, and when the last of them lost it.
+atomic_t nr_removed;
+unsigned long removed_at;
+constexpr unsigned long kForgotten = HZ / 10;  // by then what is not in use has been forgotten
 
 struct object {
   struct host_stat stat;
@@ -72,6 +79,7 @@ struct inode *hostfs_alloc_inode(struct super_block *) {
   auto *info = static_cast<struct hostfs_inode *>(kmem_cache_alloc(inode_cache, GFP_KERNEL));
   if (!info) return nullptr;
   info->fd = info->made = -1;
+  info->removed = 0;
   info->dev = info->ino = info->mount = 0;
   info->looked = info->permitted = 0;
   inode_init_once(&info->vfs_inode);
@@ -81,6 +89,7 @@ struct inode *hostfs_alloc_inode(struct super_block *) {
 void hostfs_destroy_inode(struct inode *inode) {
   if (hostfs_fd(inode) >= 0) host_fs_close(hostfs_fd(inode));
   if (hostfs_i(inode)->made >= 0) host_fs_close(hostfs_i(inode)->made);
+  if (hostfs_i(inode)->removed) atomic_dec(&nr_removed);
   kmem_cache_free(inode_cache, hostfs_i(inode));
 }
 
@@ -197,13 +206,26 @@ struct inode *hostfs_iget(struct super_block *sb, int fd) {
   return inode;
 }
 
-// Each cached inode holds a descriptor and each open file may hold another: half of what the host
-// allows goes to what is merely cached, a quarter to files that nobody reads or writes at the
-// moment.
+void hostfs_removed(struct inode *inode) {
+  __atomic_store_n(&removed_at, jiffies, __ATOMIC_RELAXED);
+  if (inode->i_nlink == 0 && !__atomic_exchange_n(&hostfs_i(inode)->removed, 1, __ATOMIC_RELAXED))
+    atomic_inc(&nr_removed);
+}
+
+int hostfs_wait_for_room(void) {
+  if (time_after(jiffies, __atomic_load_n(&removed_at, __ATOMIC_RELAXED) + kForgotten)) return 0;
+  const int before = atomic_read(&nr_removed);
+  schedule_timeout_uninterruptible(1);
+  return before > 0;
+}
+
+// Each cached inode holds a descriptor and each open file may hold another. An eighth of what the
+// host allows is for what is merely cached, of which there may be twice as much for a moment; an
+// eighth for files that nobody reads or writes at the moment.
 static void share_descriptors(long descriptors) {
   if (descriptors < 256) descriptors = 256;
-  if (descriptors / 2 < ukern_cache_limit) uk_set_cache_limit((unsigned)descriptors / 2);
-  hostfs_set_idle_files((unsigned long)descriptors / 4);
+  if (descriptors / 8 < ukern_cache_limit) uk_set_cache_limit((unsigned)descriptors / 8);
+  hostfs_set_idle_files((unsigned long)descriptors / 8);
 }
 
 int hostfs_init(void) {

@@ -147,6 +147,7 @@ int removed(struct inode *dir, struct inode *inode, int error) {
   if (error) return error;
   hostfs_refresh(inode);
   hostfs_refresh(dir);
+  hostfs_removed(inode);
   return 0;
 }
 
@@ -167,7 +168,10 @@ int hostfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode
                                    name_of(new_dentry));
   if (error) return error;
   hostfs_refresh(old_dentry->d_inode);
-  if (new_dentry->d_inode) hostfs_refresh(new_dentry->d_inode);
+  if (new_dentry->d_inode) {
+    hostfs_refresh(new_dentry->d_inode);
+    hostfs_removed(new_dentry->d_inode);
+  }
   hostfs_refresh(old_dir);
   if (new_dir != old_dir) hostfs_refresh(new_dir);
   return 0;

@@ -160,6 +160,12 @@ ssize_t hostfs_read(struct file *file, char __user *buf, size_t count, loff_t *p
   return result;
 }
 
+// At once, so that no request is ever queued.
+ssize_t hostfs_aio_read(struct kiocb *iocb, char __user *buf, size_t count, loff_t pos) {
+  BUG_ON(iocb->ki_pos != pos);
+  return hostfs_read(iocb->ki_filp, buf, count, &iocb->ki_pos);
+}
+
 void drop_cached(struct inode *inode, loff_t pos, ssize_t count) {
   if (!__atomic_load_n(&inode->i_mapping->nrpages, __ATOMIC_RELAXED)) return;
   invalidate_mapping_pages(inode->i_mapping, (pgoff_t)(pos >> PAGE_CACHE_SHIFT),
@@ -179,8 +185,11 @@ ssize_t write_locked(struct file *file, int fd, const char __user *buf, size_t c
 
   const host_identity as = hostfs_caller();
   auto end = (unsigned long long)pos;
-  const ssize_t written =
-      append ? host_fs_append(&as, fd, buf, count, &end) : host_fs_pwrite(&as, fd, buf, count, end);
+  ssize_t written;
+  do {
+    written = append ? host_fs_append(&as, fd, buf, count, &end)
+                     : host_fs_pwrite(&as, fd, buf, count, end);
+  } while ((written == -ENOSPC || written == -EDQUOT) && hostfs_wait_for_room());
   if (written <= 0) return written;
   if (!append) end += (unsigned long long)written;
   *ppos = (loff_t)end;
@@ -328,6 +337,7 @@ const struct address_space_operations hostfs_aops = {
 const struct file_operations hostfs_file_fops = {
     .llseek = hostfs_llseek,
     .read = hostfs_read,
+    .aio_read = hostfs_aio_read,
     .write = hostfs_write,
     .mmap = hostfs_mmap,
     .open = hostfs_open,

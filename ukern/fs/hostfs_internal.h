@@ -29,7 +29,8 @@ struct hostfs_inode {
   struct inode vfs_inode;
   int fd;
   unsigned long long dev, ino, mount;
-  int made; /* a data descriptor that the creation left for the open that it belongs to, or -1 */
+  int made;    /* a data descriptor that the creation left for the open that it belongs to, or -1 */
+  int removed; /* its last name was taken away through here */
   unsigned long looked;    /* the call (see task_struct) in which the attributes were taken last */
   unsigned long permitted; /* the call and mask of the last permission that the host gave */
 };
@@ -56,6 +57,15 @@ struct inode *hostfs_iget(struct super_block *sb, int fd);
 int hostfs_refresh(struct inode *inode);
 int hostfs_refresh_once(struct inode *inode);
 void hostfs_take_stat(struct inode *inode, const struct host_stat *stat);
+
+/*
+ * What has lost its last name goes from the host when its inode here goes, and that is a moment
+ * after the call that took the name: the user of this kernel forgets it only then. hostfs_removed
+ * is told of each such inode; hostfs_wait_for_room says after a short sleep whether a write that
+ * found no room should be tried again, because one of them has gone or is about to.
+ */
+void hostfs_removed(struct inode *inode);
+int hostfs_wait_for_room(void);
 
 /* inode operations that all kinds of objects share */
 int hostfs_permission(struct inode *inode, int mask, struct nameidata *nd);

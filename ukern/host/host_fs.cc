@@ -138,13 +138,25 @@ auto uninterrupted(Call call) {
   }
 }
 
+// The most descriptors that the machine gives any program; 0 when it does not say.
+rlim_t most_descriptors() {
+  unsigned long most = 0;
+  if (FILE *file = std::fopen("/proc/sys/fs/nr_open", "re")) {
+    if (std::fscanf(file, "%lu", &most) != 1) most = 0;
+    std::fclose(file);
+  }
+  return most;
+}
+
 }  // namespace
 
 long host_fs_start(void) {
   rlimit limit = {};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return -errno;
-  if (limit.rlim_cur < limit.rlim_max) {
-    const rlimit raised = {limit.rlim_max, limit.rlim_max};
+  // Beyond the hard limit only root may go.
+  for (const rlim_t wanted : {most_descriptors(), limit.rlim_max}) {
+    if (limit.rlim_cur >= wanted) continue;
+    const rlimit raised = {wanted, std::max(wanted, limit.rlim_max)};
     if (setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
   }
   return limit.rlim_cur > LONG_MAX ? LONG_MAX : static_cast<long>(limit.rlim_cur);
@@ -337,16 +349,16 @@ int host_fs_make_writable(int fd, int data) {
   return error;
 }
 
+// By system call, as below: libc's functions let a thread be cancelled in them. Nobody does that
+// here, and it takes time.
 long host_fs_pread(int fd, void *buf, unsigned long len, unsigned long long pos) {
-  return uninterrupted(
-      [&] { return static_cast<long>(pread(fd, buf, len, static_cast<off_t>(pos))); });
+  return uninterrupted([&] { return syscall(SYS_pread64, fd, buf, len, pos); });
 }
 
 long host_fs_pwrite(const host_identity *as, int fd, const void *buf, unsigned long len,
                     unsigned long long pos) {
   identity.become(as);
-  return uninterrupted(
-      [&] { return static_cast<long>(pwrite(fd, buf, len, static_cast<off_t>(pos))); });
+  return uninterrupted([&] { return syscall(SYS_pwrite64, fd, buf, len, pos); });
 }
 
 long host_fs_append(const host_identity *as, int fd, const void *buf, unsigned long len,

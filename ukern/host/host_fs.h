@@ -44,7 +44,8 @@ struct host_statfs {
   long type, bsize, namelen, frsize;
 };
 
-/* Raises the limit of open descriptors as far as it goes; the limit. Does not block. */
+/* Raises the limit of open descriptors as far as it goes: for root to the machine's, for others to
+ * their hard limit; the limit. Does not block. */
 long host_fs_start(void);
 /* 1 when calls are made as `as`; 0 when all are made as the program itself. Does not block. */
 int host_fs_can_impersonate(void);

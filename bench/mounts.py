@@ -280,7 +280,8 @@ a second. Nothing is remembered before a row begins, but for "again".
 
 tarn asks for each name and its attributes again, so that what is done directly below is seen at once; bindfs and
 `passthrough_ll` answer from the host's memory for a second, whatever has happened below meanwhile. What was read stays
-with the host until the file is forgotten, so tarn is not asked for it again; the others are at each open.
+with the host until the file is forgotten, so tarn is not asked for it again; the others are at each open. What is written
+through a descriptor that can only write, as here, does not go through the host's pages first, unless it has some.
 """
 PEER = "bindfs_big"
 LEVEL = 1.0        # without a rule

@@ -12,10 +12,9 @@ static void op_init(void *, fuse_conn_info *conn) {
   conn->max_write = kMaxRequest;
   conn->max_readahead = kMaxRequest;
   conn->time_gran = 1;
-  // Writes come one by one in the order in which they are made, in plain buffers. Listings come
-  // without attributes: what they bring is for keeping.
-  conn->want &= ~(FUSE_CAP_WRITEBACK_CACHE | FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE |
-                  FUSE_CAP_SPLICE_MOVE | FUSE_CAP_READDIRPLUS | FUSE_CAP_READDIRPLUS_AUTO);
+  // Writes come one by one in the order in which they are made, in plain buffers.
+  conn->want &= ~(FUSE_CAP_WRITEBACK_CACHE | FUSE_CAP_ASYNC_DIO | FUSE_CAP_SPLICE_READ |
+                  FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
   // What was read stays as it was read, as in the layer's own page cache, which does not look for
   // changes of the lower file either: so no look at the attributes before each read.
   conn->want &= ~FUSE_CAP_AUTO_INVAL_DATA;

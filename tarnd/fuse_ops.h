@@ -39,12 +39,19 @@ inline Mount *mount_of(fuse_req_t req) {
   return static_cast<Mount *>(fuse_req_userdata(req));
 }
 
-inline uk_node *node_of(fuse_req_t req, fuse_ino_t ino) {
-  return ino == FUSE_ROOT_ID ? mount_of(req)->root() : reinterpret_cast<uk_node *>(ino);
+inline uk_node *node_of(const Mount *mount, fuse_ino_t ino) {
+  return ino == FUSE_ROOT_ID ? mount->root() : reinterpret_cast<uk_node *>(ino);
 }
 
+inline uk_node *node_of(fuse_req_t req, fuse_ino_t ino) {
+  return node_of(mount_of(req), ino);
+}
+
+/* A handle is the file's address; its lowest bit says that the host keeps no pages of it. */
+inline constexpr uint64_t kNotKeptBit = 1;
+
 inline uk_file *file_of(const fuse_file_info *fi) {
-  return fi ? reinterpret_cast<uk_file *>(fi->fh) : nullptr;
+  return fi ? reinterpret_cast<uk_file *>(fi->fh & ~kNotKeptBit) : nullptr;
 }
 
 /* The kernel's errors are negative, those of a reply positive. */

@@ -4,26 +4,20 @@
 #include <fcntl.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "tarnd/fuse_ops.h"
 #include "tarnd/translate.h"
+#include "tarnd/unkept_write.h"
 
 namespace tarnd {
-
-// How the host treats an open file: pages that it has read stay good, and nothing is to be flushed
-// when a descriptor is closed, for hostfs holds nothing back.
-static void set_file(fuse_file_info *fi, uk_file *file) {
-  fi->fh = reinterpret_cast<uint64_t>(file);
-  fi->keep_cache = 1;
-  fi->noflush = 1;
-}
 
 // The file is the host's until it releases it, unless it is not there to take it.
 static void reply_opened(fuse_req_t req, fuse_ino_t ino, uk_file *file, fuse_file_info *fi) {
   Mount *mount = mount_of(req);
-  mount->holdings().add_file(file, node_of(req, ino));
+  hold_opened(mount, file, node_of(req, ino), fi);
   fuse_lowlevel_notify_inval_inode(mount->session(), ino, -1, 0);  // the attributes alone
-  set_file(fi, file);
   if (fuse_reply_open(req, fi) == -ENOENT) mount->holdings().drop_file(file);
 }
 
@@ -59,10 +53,10 @@ static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_
       reply_error(req, err);
       return;
     }
-    Holdings &holdings = mount_of(req)->holdings();
+    Mount *mount = mount_of(req);
+    Holdings &holdings = mount->holdings();
     holdings.add_node(node);
-    holdings.add_file(file, node);
-    set_file(fi, file);
+    hold_opened(mount, file, node, fi);
     const fuse_entry_param entry = to_entry(node, stat, kNotKept);
     if (fuse_reply_create(req, &entry, fi) == -ENOENT) {
       holdings.drop_file(file);
@@ -95,11 +89,10 @@ static void op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_fil
   });
 }
 
-static void op_write(fuse_req_t req, fuse_ino_t, const char *data, size_t size, off_t off,
+static void op_write(fuse_req_t req, fuse_ino_t ino, const char *data, size_t size, off_t off,
                      fuse_file_info *fi) {
   as_waiting_caller(req, Need::kBasic, [&] {
-    const long done =
-        uk_write_with(file_of(fi), data, size, static_cast<unsigned long long>(off), fi->flags);
+    const long done = write_opened(mount_of(req), ino, data, size, off, fi);
     if (done < 0) {
       reply_error(req, done);
     } else {
@@ -163,6 +156,75 @@ static void op_readdir(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_
   });
 }
 
+namespace {
+
+// A name of a listing that its node and attributes are still to be added to.
+struct Name {
+  std::string text;
+  unsigned long long ino;
+  unsigned type;
+  unsigned long long next;
+};
+
+// As many names as one readdirplus reply has room for.
+struct Names {
+  fuse_req_t req;
+  size_t room;
+  std::vector<Name> all;
+};
+
+}  // namespace
+
+static int collect_name(void *arg, const char *text, unsigned long long ino, unsigned type,
+                        unsigned long long next) {
+  auto *names = static_cast<Names *>(arg);
+  const size_t needed = fuse_add_direntry_plus(names->req, nullptr, 0, text, nullptr, 0);
+  if (needed > names->room) return 1;
+  names->room -= needed;
+  names->all.push_back({text, ino, type, next});
+  return 0;
+}
+
+// A name whose node cannot be had, "." and ".." go without one: the host asks if it wants to know.
+static fuse_entry_param entry_of(fuse_req_t req, fuse_ino_t dir, const Name &name) {
+  uk_node *node = nullptr;
+  uk_stat stat{};
+  const bool itself = name.text == "." || name.text == "..";
+  if (!itself && uk_lookup(node_of(req, dir), name.text.c_str(), &node, &stat) == 0) {
+    mount_of(req)->holdings().add_node(node);
+    return to_entry(node, stat, kNotKept);
+  }
+  fuse_entry_param entry{};
+  entry.attr.st_ino = name.ino;
+  entry.attr.st_mode = to_entry_mode(name.type);
+  return entry;
+}
+
+static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off,
+                           fuse_file_info *fi) {
+  as_caller(req, Need::kGroups, [&] {
+    Names names{req, size, {}};
+    const int err =
+        uk_readdir(file_of(fi), static_cast<unsigned long long>(off), collect_name, &names);
+    if (err && names.all.empty()) {
+      reply_error(req, err);
+      return;
+    }
+    char *buf = answer_room(size);
+    std::vector<uk_node *> given;
+    given.reserve(names.all.size());
+    size_t used = 0;
+    for (const Name &name : names.all) {
+      const fuse_entry_param entry = entry_of(req, ino, name);
+      used += fuse_add_direntry_plus(req, buf + used, size - used, name.text.c_str(), &entry,
+                                     static_cast<off_t>(name.next));
+      if (entry.ino) given.push_back(reinterpret_cast<uk_node *>(entry.ino));
+    }
+    if (fuse_reply_buf(req, buf, used) == -ENOENT)
+      for (uk_node *node : given) mount_of(req)->holdings().drop_node(node, 1);
+  });
+}
+
 void add_file_operations(fuse_lowlevel_ops *ops) {
   ops->open = op_open;
   ops->create = op_create;
@@ -173,6 +235,7 @@ void add_file_operations(fuse_lowlevel_ops *ops) {
   ops->release = op_release;
   ops->opendir = op_opendir;
   ops->readdir = op_readdir;
+  ops->readdirplus = op_readdirplus;
   ops->releasedir = op_release;
   ops->fsyncdir = op_fsync;
 }

@@ -92,8 +92,13 @@ static bool is_tarn_mount(const std::string &mountpoint) {
     if (buf[0] == kForget) mounts.erase(mountpoint);
   }
   // Innermost first.
-  for (auto it = mounts.rbegin(); it != mounts.rend(); ++it)
+  for (auto it = mounts.rbegin(); it != mounts.rend(); ++it) {
+    if (!is_tarn_mount(*it)) continue;
+    // Busy or not, this ends the requests that nobody answers any more. A thread of the dead
+    // program may wait for one of them inside the host's kernel, and keep it all alive.
+    if (geteuid() == 0) umount2(it->c_str(), UMOUNT_NOFOLLOW | MNT_FORCE);
     if (is_tarn_mount(*it)) unmount_host(*it, Detach::kLazily);
+  }
   std::_Exit(EXIT_SUCCESS);
 }
 

@@ -8,33 +8,82 @@
 #ifndef TARND_HOLDINGS_H
 #define TARND_HOLDINGS_H
 
+#include <condition_variable>
+#include <cstddef>
+#include <limits>
 #include <mutex>
+#include <optional>
 #include <unordered_map>
+#include <vector>
 
 #include "ukern/uk_fs.h"
 
 namespace tarnd {
+
+/* Where in a file, from its first byte to the one behind its last. */
+struct Range {
+  unsigned long long from = 0;
+  unsigned long long to = 0;
+};
+
+/* Whether the host keeps the pages of a file that go through an open file. */
+enum class Pages { kKept, kNotKept };
 
 class Holdings {
  public:
   /* One more lookup of the node; whether it is open. */
   bool add_node(uk_node *node);
   void drop_node(uk_node *node, unsigned long count);
-  /* The node stays open until the file is dropped. It may be the root, which is never looked up. */
-  void add_file(uk_file *file, uk_node *node);
+  /*
+   * The node stays open until the file is dropped. It may be the root, which is never looked up.
+   * `wanted` is what the file could do with; the answer is kNotKept only if that was wanted and the
+   * host has no page of the node. It is taken to have some from the first file on that is kKept,
+   * until it has forgotten and closed the node.
+   */
+  Pages add_file(uk_file *file, uk_node *node, Pages wanted);
   void drop_file(uk_file *file);
+
+  /*
+   * For writes through a file that is kNotKept, one at a time for a node, which is open. From
+   * begin_write on, until end_write, such a write is overlapped once write_back was told of a page
+   * of its range.
+   */
+  void begin_write(uk_node *node, Range range);
+  void write_back(uk_node *node, Range range);
+  bool overlapped(uk_node *node) const;
+  void end_write(uk_node *node);
+  /* Whether the host may have pages of an open node. */
+  Pages pages(uk_node *node) const;
+
   void clear();
   /* How many nodes are held. */
   size_t nodes() const;
+
+  /*
+   * The host keeps each node that it has looked up until its own memory runs short, and each costs
+   * descriptors. Waits until more than `limit` are held and gives some of those that are not open,
+   * each with a reference that is the caller's; nothing after close().
+   */
+  std::optional<std::vector<uk_node *>> wait_for_too_many(size_t limit);
+  /* Ends the wait, now and from here on. */
+  void close();
 
  private:
   struct Held {
     unsigned long lookups = 0;
     unsigned long opens = 0;
+    Pages pages = Pages::kNotKept;
+    Range written; /* empty: no write is under way */
+    bool overlapped = false;
   };
   void close_locked(uk_node *node);
+  std::vector<uk_node *> pick_locked(size_t most);
 
   mutable std::mutex mutex_;
+  std::condition_variable grown_;                      // a node was added beyond limit_, or closed_
+  size_t limit_ = std::numeric_limits<size_t>::max();  // under mutex_, and so are these
+  size_t next_bucket_ = 0;                             // of nodes_: where to go on picking
+  bool closed_ = false;
   std::unordered_map<uk_node *, Held> nodes_;       // under mutex_
   std::unordered_map<uk_file *, uk_node *> files_;  // under mutex_
 };

@@ -29,6 +29,12 @@ static void keep_fuse_message(fuse_log_level, const char *format, va_list args) 
   std::fprintf(stderr, "%s\n", last_fuse_message.c_str());
 }
 
+// Users other than root mount through a helper, which says why it does not on our standard error.
+static std::string mount_failure(int err) {
+  if (!last_fuse_message.empty()) return last_fuse_message;
+  return geteuid() == 0 ? std::strerror(err) : "fusermount3 refused; tarnd.log has its reason";
+}
+
 static void require_directory(const char *what, const std::string &path) {
   struct stat st;
   int err = 0;
@@ -55,6 +61,7 @@ Mount::Mount(std::string lower, std::string mountpoint, Guardian *guardian)
 }
 
 void Mount::end() {
+  forgetter_->stop();
   close_session();
   unmount_kernel();
 }
@@ -141,13 +148,17 @@ void Mount::mount_host() {
   if (fuse_session_mount(session_, mountpoint_.c_str()) != 0) {
     const int err = errno ? errno : EIO;
     detached_ = true;
-    throw MountError(-err,
-                     "cannot mount on " + mountpoint_ + ": " +
-                         (last_fuse_message.empty() ? std::strerror(err) : last_fuse_message));
+    throw MountError(-err, "cannot mount on " + mountpoint_ + ": " + mount_failure(err));
   }
   if (const int err = interpose_session_io(session_); err != 0)
     throw MountError(err, "cannot serve " + mountpoint_ + ": " + std::strerror(-err));
   loop_ = std::make_unique<SessionLoop>(session_);
+  forgetter_ = std::make_unique<Forgetter>(this);
+}
+
+void Mount::stop() {
+  forgetter_->stop();
+  loop_->stop();
 }
 
 // libfuse unmounts by path, unless poll says that the connection has ended. A mount point that is

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "tarnd/fuse_api.h"
+#include "tarnd/forgetter.h"
 #include "tarnd/guardian.h"
 #include "tarnd/holdings.h"
 #include "tarnd/session_io.h"
@@ -52,7 +53,7 @@ class Mount {
 
   /* Serves requests until the host's mount is gone and unused, or stop() was called. */
   void serve() { loop_->run(); }
-  void stop() { loop_->stop(); }
+  void stop();
   /* After serve(): closes what the host had open, takes its mount down if it is still up, then the
    * kernel's. */
   void end();
@@ -79,6 +80,7 @@ class Mount {
   SessionIo session_io_;
   fuse_session *session_ = nullptr;
   std::unique_ptr<SessionLoop> loop_;
+  std::unique_ptr<Forgetter> forgetter_;
   std::atomic<bool> detached_ = false;
 };
 

@@ -50,10 +50,19 @@ int uk_fs_mount_line(unsigned index, char *line, unsigned long size);
 /* The node at a path (last link followed); the caller owns one reference. For the root of a mount,
  * name its mount point. */
 int uk_node_at(const char *path, struct uk_node **out);
+/* One more reference to a node that somebody holds. */
+void uk_node_get(struct uk_node *node);
 /* Gives `count` references back. */
 void uk_node_put(struct uk_node *node, unsigned long count);
 /* A stable number of the node's inode, as st_ino. */
 unsigned long long uk_node_ino(struct uk_node *node);
+
+/*
+ * Where a node was found last: the node of the directory, with a reference that is the caller's,
+ * and the name in it. -EISDIR: it is a directory itself. -ENOENT: it has lost the name, is the top
+ * of a mount, or nobody holds the directory.
+ */
+int uk_node_place(struct uk_node *node, struct uk_node **dir, char name[256]);
 
 /* Each call with `out` adds one reference to the node it returns, which is the caller's. */
 int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struct uk_stat *stat);

@@ -3,6 +3,12 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <set>
+#include <string>
+#include <thread>
 
 #include "tarnd/task.h"
 #include "ukern/uk_core.h"
@@ -60,7 +66,7 @@ TEST_F(HoldingsTest, ANodeIsHeldUntilItsLookupsAreForgotten) {
 
 TEST_F(HoldingsTest, AnOpenNodeIsToldFromOneThatIsNot) {
   Holdings holdings;
-  holdings.add_file(file_, node_);
+  holdings.add_file(file_, node_, Pages::kKept);
   EXPECT_TRUE(holdings.add_node(node_));
   holdings.drop_file(file_);
   look_up();
@@ -72,7 +78,7 @@ TEST_F(HoldingsTest, AnOpenNodeIsToldFromOneThatIsNot) {
 TEST_F(HoldingsTest, WhatIsForgottenWhileItIsOpenGoesWithTheFile) {
   Holdings holdings;
   holdings.add_node(node_);
-  holdings.add_file(file_, node_);
+  holdings.add_file(file_, node_, Pages::kKept);
   holdings.drop_node(node_, 1);
   EXPECT_EQ(holdings.nodes(), 1u);
   holdings.drop_file(file_);
@@ -84,9 +90,131 @@ TEST_F(HoldingsTest, ClearGivesEverythingBack) {
   look_up();
   holdings.add_node(node_);
   holdings.add_node(node_);
-  holdings.add_file(file_, node_);
+  holdings.add_file(file_, node_, Pages::kKept);
   holdings.clear();
   EXPECT_EQ(holdings.nodes(), 0u);
+}
+
+TEST_F(HoldingsTest, PagesAreNotKeptUntilSomebodyWantsThem) {
+  Holdings holdings;
+  uk_file *second = nullptr, *third = nullptr;
+  ASSERT_EQ(uk_open(node_, O_RDONLY, &second), 0);
+  ASSERT_EQ(uk_open(node_, O_WRONLY, &third), 0);
+  holdings.add_node(node_);
+  EXPECT_EQ(holdings.add_file(file_, node_, Pages::kNotKept), Pages::kNotKept);
+  EXPECT_EQ(holdings.pages(node_), Pages::kNotKept);
+  EXPECT_EQ(holdings.add_file(second, node_, Pages::kKept), Pages::kKept);
+  EXPECT_EQ(holdings.pages(node_), Pages::kKept);
+  holdings.drop_file(second);
+  // They outlive the file through which they came.
+  EXPECT_EQ(holdings.add_file(third, node_, Pages::kNotKept), Pages::kKept);
+  holdings.clear();
+}
+
+TEST_F(HoldingsTest, PagesGoWhenTheNodeIsForgottenAndClosed) {
+  Holdings holdings;
+  holdings.add_node(node_);
+  holdings.add_file(file_, node_, Pages::kKept);
+  look_up();
+  holdings.drop_file(file_);
+  holdings.drop_node(node_, 1);
+  uk_file *again = nullptr;
+  ASSERT_EQ(uk_open(node_, O_WRONLY, &again), 0);
+  EXPECT_EQ(holdings.add_file(again, node_, Pages::kNotKept), Pages::kNotKept);
+  holdings.drop_file(again);
+  uk_node_put(node_, 1);
+}
+
+TEST_F(HoldingsTest, AWriteIsOverlappedByWhatIsWrittenBackOfItsRange) {
+  Holdings holdings;
+  holdings.add_node(node_);
+  holdings.add_file(file_, node_, Pages::kNotKept);
+  holdings.write_back(node_, {0, 4096});  // before it began
+  holdings.begin_write(node_, {4096, 4100});
+  EXPECT_FALSE(holdings.overlapped(node_));
+  holdings.write_back(node_, {0, 4096});
+  holdings.write_back(node_, {4100, 8192});
+  EXPECT_FALSE(holdings.overlapped(node_));
+  holdings.write_back(node_, {4099, 4100});
+  EXPECT_TRUE(holdings.overlapped(node_));
+  holdings.begin_write(node_, {4096, 4100});
+  EXPECT_FALSE(holdings.overlapped(node_));
+  holdings.end_write(node_);
+  holdings.write_back(node_, {0, 8192});
+  EXPECT_FALSE(holdings.overlapped(node_));
+  holdings.clear();
+}
+
+// Files of the directory, each with the reference that a lookup gives.
+class ManyHoldingsTest : public HoldingsTest {
+ protected:
+  static constexpr size_t kFiles = 40;
+
+  void SetUp() override {
+    HoldingsTest::SetUp();
+    ASSERT_EQ(uk_node_at("/", &root_), 0);
+    for (size_t i = 0; i < kFiles; i++) {
+      uk_node *node = nullptr;
+      const std::string name = "file" + std::to_string(i);
+      ASSERT_EQ(uk_mknod(root_, name.c_str(), S_IFREG | 0644, 0, &node, &stat_), 0);
+      holdings_.add_node(node);
+    }
+  }
+  void TearDown() override {
+    holdings_.clear();
+    uk_release(file_);
+    uk_node_put(node_, 1);
+    uk_node_put(root_, 1);
+    HoldingsTest::TearDown();
+  }
+
+  Holdings holdings_;
+  uk_node *root_ = nullptr;
+};
+
+TEST_F(ManyHoldingsTest, WhoIsToForgetGetsOtherNodesEachTime) {
+  std::set<uk_node *> seen;
+  for (int round = 0; round < 100 && seen.size() < kFiles; round++) {
+    const auto picked = holdings_.wait_for_too_many(kFiles - 8);
+    ASSERT_TRUE(picked.has_value());
+    EXPECT_GE(picked->size(), 8u);
+    seen.insert(picked->begin(), picked->end());
+    for (uk_node *node : *picked) uk_node_put(node, 1);
+  }
+  EXPECT_EQ(seen.size(), kFiles);
+}
+
+TEST_F(ManyHoldingsTest, WhatIsOpenIsNotPicked) {
+  uk_node *node = nullptr;
+  uk_file *file = nullptr;
+  ASSERT_EQ(uk_lookup(root_, "file7", &node, &stat_), 0);
+  ASSERT_EQ(uk_open(node, O_RDONLY, &file), 0);
+  holdings_.add_file(file, node, Pages::kKept);
+  const auto picked = holdings_.wait_for_too_many(1);
+  ASSERT_TRUE(picked.has_value());
+  EXPECT_EQ(picked->size(), kFiles - 1);
+  EXPECT_EQ(std::count(picked->begin(), picked->end(), node), 0);
+  for (uk_node *each : *picked) uk_node_put(each, 1);
+  uk_node_put(node, 1);
+}
+
+TEST_F(ManyHoldingsTest, TheWaitEndsWhenOneIsAddedOrItIsClosed) {
+  std::thread adder([this] {
+    const Task task(service_identity());
+    const ActAs act(task);
+    uk_node *node = nullptr;
+    uk_stat stat{};
+    EXPECT_EQ(uk_mknod(root_, "one more", S_IFREG | 0644, 0, &node, &stat), 0);
+    holdings_.add_node(node);
+  });
+  const auto picked = holdings_.wait_for_too_many(kFiles);
+  adder.join();
+  ASSERT_TRUE(picked.has_value());
+  EXPECT_FALSE(picked->empty());
+  for (uk_node *node : *picked) uk_node_put(node, 1);
+  std::thread closer([this] { holdings_.close(); });
+  EXPECT_FALSE(holdings_.wait_for_too_many(kFiles + 1).has_value());
+  closer.join();
 }
 
 }  // namespace

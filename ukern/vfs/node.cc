@@ -191,6 +191,28 @@ int node_get(struct vfsmount *mnt, struct dentry *dentry, struct uk_node **out) 
   return 0;
 }
 
+void uk_node_get(struct uk_node *node) {
+  spinlock_t *lock = lock_of(chain_number(node->inode));
+  spin_lock(lock);
+  node->count++;
+  spin_unlock(lock);
+}
+
+int uk_node_place(struct uk_node *node, struct uk_node **dir, char name[256]) {
+  static_assert(NAME_MAX + 1 == 256);
+  if (S_ISDIR(node->inode->i_mode)) return -EISDIR;
+  struct walk_path held;
+  node_hold(node, &held);
+  struct dentry *parent = NULL;
+  *dir = NULL;
+  if (!d_unhashed(held.dentry) && last_step(&held, &parent, name)) {
+    *dir = find_or_add(parent->d_inode, held.mnt, NULL);
+    dput(parent);
+  }
+  path_put(&held);
+  return *dir ? 0 : -ENOENT;
+}
+
 void uk_node_put(struct uk_node *node, unsigned long count) {
   spinlock_t *lock = lock_of(chain_number(node->inode));
   spin_lock(lock);

@@ -6,7 +6,7 @@
 . "$(dirname "$0")/../../lib.sh"
 CASE=${2:?case} KIND=${3:?kind of file system}
 PROGRAM="$BUILD/tests/fs/cases/$CASE"
-SECONDS_PER_RUN=60
+SECONDS_PER_RUN=240
 [ -x "$PROGRAM" ] || fail "$PROGRAM is not built"
 
 mkdir "$T/fs"

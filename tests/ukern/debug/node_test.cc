@@ -124,6 +124,41 @@ CASE(node, references_come_back_in_one_go) {
   path_release(&nd);
 }
 
+CASE(node, the_place_of_a_node_is_its_directory_and_name) {
+  node root("/"), d;
+  REQUIRE_EQ(uk_mkdir(root, "d", 0755, d.out(), NULL), 0);
+  REQUIRE_EQ(put_text(d, "f", "x"), 0);
+  node f(d, "f");
+  struct uk_node *dir = NULL;
+  char name[256] = "";
+  REQUIRE_EQ(uk_node_place(f, &dir, name), 0);
+  EXPECT_TRUE(dir == (struct uk_node *)d);
+  EXPECT_STREQ(name, "f");
+  uk_node_put(dir, 1);
+  REQUIRE_EQ(uk_rename(d, "f", root, "g"), 0);
+  REQUIRE_EQ(uk_node_place(f, &dir, name), 0);
+  EXPECT_TRUE(dir == (struct uk_node *)root);
+  EXPECT_STREQ(name, "g");
+  uk_node_put(dir, 1);
+  EXPECT_EQ(uk_node_place(d, &dir, name), -EISDIR);
+  REQUIRE_EQ(uk_unlink(root, "g"), 0);
+  EXPECT_EQ(uk_node_place(f, &dir, name), -ENOENT);
+}
+
+CASE(node, a_node_of_a_directory_that_nobody_holds_has_no_place) {
+  node root("/"), f;
+  {
+    node d;
+    REQUIRE_EQ(uk_mkdir(root, "d", 0755, d.out(), NULL), 0);
+    REQUIRE_EQ(uk_mknod(d, "f", S_IFREG | 0644, 0, f.out(), NULL), 0);
+  }
+  struct uk_node *dir = NULL;
+  char name[256];
+  EXPECT_EQ(uk_node_place(f, &dir, name), -ENOENT);
+  uk_node_get(f);
+  uk_node_put(f, 1);
+}
+
 CASE(node, nothing_is_held_after_the_last_put) {
   node root("/");
   struct nameidata nd;

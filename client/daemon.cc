@@ -75,7 +75,8 @@ Result<void> DaemonChannel::send(std::uint16_t type, Bytes payload) {
     std::uint16_t flags;
     std::uint32_t seq;
     std::uint32_t pid;
-  } header{static_cast<std::uint32_t>(OX_NLMSG_HDRLEN + payload.size()), type, 0, 0,
+  } header{static_cast<std::uint32_t>(OX_NLMSG_HDRLEN + payload.size()), type,
+           type == OX_NL_HELO ? link_->hello_flags() : std::uint16_t{0}, 0,
            static_cast<std::uint32_t>(getpid())};
   static_assert(sizeof(header) == OX_NLMSG_HDRLEN);
   std::vector<std::byte> packet(header.length);

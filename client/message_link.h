@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,9 +28,13 @@ class PacketBatch {
   static constexpr std::size_t kPacketMax = 16384;
   static constexpr std::size_t kPackets = 64;
 
-  PacketBatch() : storage_(new std::byte[kPacketMax * kPackets]) {}
+  static constexpr std::size_t kBytes = kPacketMax * kPackets;
 
+  PacketBatch() : storage_(new std::byte[kBytes]) {}
+
+  /* kPackets rooms of one packet each; or else kBytes, for a link that divides them itself. */
   std::byte *room(std::size_t i) { return storage_.get() + i * kPacketMax; }
+  std::byte *storage() { return storage_.get(); }
 
   std::vector<Bytes> packets;
   std::size_t oversized = 0; /* packets that were longer than kPacketMax and are lost */
@@ -61,6 +66,9 @@ class MessageLink {
 
   /* Becomes readable when there is something to receive. */
   virtual int fd() const = 0;
+
+  /* What the hello of a daemon on this link has for nlmsg_flags. */
+  virtual std::uint16_t hello_flags() const { return 0; }
 
   /* Sends one packet; may wait for room. */
   virtual Result<void> send(Bytes packet) = 0;

@@ -49,13 +49,16 @@ class ReadAhead : public MessageLink {
 
   int fd() const override { return ready_.read_end.get(); }
 
+  std::uint16_t hello_flags() const override { return link_->hello_flags(); }
+
   Result<void> send(Bytes packet) override { return link_->send(packet); }
 
   Result<void> receive(PacketBatch &batch) override {
     batch.clear();
+    handed_out_.clear();
     const std::lock_guard lock(mutex_);
     while (!kept_.empty() && batch.packets.size() < PacketBatch::kPackets)
-      move_packet_locked(batch);
+      hand_out_packet_locked(batch);
     batch.arrived_until = kept_.empty() ? Clock::now() : kept_.front().arrived;
     batch.oversized = std::exchange(oversized_, 0);
     batch.foreign = std::exchange(foreign_, 0);
@@ -71,18 +74,38 @@ class ReadAhead : public MessageLink {
  private:
   using Clock = PacketBatch::Clock;
 
-  struct Packet {
-    std::vector<std::byte> bytes;
+  /* What one receive call brought. */
+  struct Block {
+    std::vector<std::byte> bytes; /* of all packets, one behind the other */
+    std::vector<std::size_t> sizes;
     Clock::time_point arrived;
+    std::size_t next = 0; /* the packet that is to be handed out next */
+    std::size_t at = 0;   /* where it begins */
   };
 
-  void move_packet_locked(PacketBatch &batch) {
-    const Packet &first = kept_.front();
-    std::byte *room = batch.room(batch.packets.size());
-    std::memcpy(room, first.bytes.data(), first.bytes.size());
-    batch.packets.emplace_back(room, first.bytes.size());
-    kept_bytes_ -= first.bytes.size();
+  void hand_out_packet_locked(PacketBatch &batch) {
+    Block &first = kept_.front();
+    const std::size_t size = first.sizes[first.next++];
+    batch.packets.emplace_back(first.bytes.data() + first.at, size);
+    first.at += size;
+    kept_bytes_ -= size;
+    if (first.next < first.sizes.size()) return;
+    handed_out_.push_back(std::move(first));
     kept_.pop_front();
+  }
+
+  static Block block_of(const PacketBatch &batch) {
+    Block block;
+    std::size_t bytes = 0;
+    for (const Bytes packet : batch.packets) bytes += packet.size();
+    block.bytes.reserve(bytes);
+    block.sizes.reserve(batch.packets.size());
+    for (const Bytes packet : batch.packets) {
+      block.bytes.insert(block.bytes.end(), packet.begin(), packet.end());
+      block.sizes.push_back(packet.size());
+    }
+    block.arrived = batch.arrived_until;
+    return block;
   }
 
   // False when there is nothing more to be read.
@@ -109,11 +132,10 @@ class ReadAhead : public MessageLink {
   }
 
   void keep(const PacketBatch &batch, const Result<void> &got) {
+    Block block = block_of(batch);
     const std::lock_guard lock(mutex_);
-    for (const Bytes packet : batch.packets) {
-      kept_.push_back({{packet.begin(), packet.end()}, batch.arrived_until});
-      kept_bytes_ += packet.size();
-    }
+    kept_bytes_ += block.bytes.size();
+    if (!block.sizes.empty()) kept_.push_back(std::move(block));
     oversized_ += batch.oversized;
     foreign_ += batch.foreign;
     overrun_ = overrun_ || batch.overrun;
@@ -127,9 +149,11 @@ class ReadAhead : public MessageLink {
   const std::size_t limit_;
   const Pipe ready_; /* readable exactly while readable_ */
   const Pipe stop_;
+  std::vector<Block>
+      handed_out_;   /* the receiver's: views into them are in use until it asks again */
   std::mutex mutex_; /* for what follows */
   std::condition_variable room_;
-  std::deque<Packet> kept_;
+  std::deque<Block> kept_;
   std::size_t kept_bytes_ = 0;
   std::size_t oversized_ = 0;
   std::size_t foreign_ = 0;

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstring>
+#include <span>
 
 #include "client/message_link.h"
 #include "client/run_dir.h"
@@ -18,6 +21,8 @@ class UnixLink : public MessageLink {
 
   int fd() const override { return socket_.get(); }
 
+  std::uint16_t hello_flags() const override { return OX_CTL_HELO_SEVERAL; }
+
   Result<void> send(Bytes packet) override {
     while (::send(socket_.get(), packet.data(), packet.size(), MSG_NOSIGNAL) < 0) {
       if (errno != EINTR) return system_error(errno, "cannot send to the module");
@@ -26,10 +31,10 @@ class UnixLink : public MessageLink {
   }
 
   Result<void> receive(PacketBatch &batch) override {
-    std::array<iovec, PacketBatch::kPackets> rooms;
-    std::array<mmsghdr, PacketBatch::kPackets> headers{};
-    for (std::size_t i = 0; i < headers.size(); ++i) {
-      rooms[i] = {batch.room(i), PacketBatch::kPacketMax};
+    std::array<iovec, kRooms> rooms;
+    std::array<mmsghdr, kRooms> headers{};
+    for (std::size_t i = 0; i < kRooms; ++i) {
+      rooms[i] = {batch.storage() + i * OX_CTL_DAEMON_PACKET_MAX, OX_CTL_DAEMON_PACKET_MAX};
       headers[i].msg_hdr.msg_iov = &rooms[i];
       headers[i].msg_hdr.msg_iovlen = 1;
     }
@@ -44,19 +49,43 @@ class UnixLink : public MessageLink {
       return {};
     }
     if (count < 0) return system_error(errno, "cannot receive from the module");
-    for (int i = 0; i < count; ++i) take(headers[static_cast<std::size_t>(i)], batch, i);
+    for (const mmsghdr &header : std::span(headers).first(static_cast<std::size_t>(count)))
+      take(header, batch);
     return {};
   }
 
  private:
-  static void take(const mmsghdr &header, PacketBatch &batch, int i) {
+  static constexpr std::size_t kRooms = PacketBatch::kBytes / OX_CTL_DAEMON_PACKET_MAX;
+
+  static void take(const mmsghdr &header, PacketBatch &batch) {
     if (header.msg_len == 0) {  // no packet is empty: this is the end
       batch.closed = true;
     } else if (header.msg_hdr.msg_flags & MSG_TRUNC) {
       ++batch.oversized;
     } else {
-      batch.packets.emplace_back(batch.room(static_cast<std::size_t>(i)), header.msg_len);
+      take_each({static_cast<const std::byte *>(header.msg_hdr.msg_iov->iov_base), header.msg_len},
+                batch);
     }
+  }
+
+  static void take_each(Bytes packet, PacketBatch &batch) {
+    while (!packet.empty()) {
+      const Bytes message = packet.first(message_length(packet));
+      if (message.size() > PacketBatch::kPacketMax)
+        ++batch.oversized;
+      else
+        batch.packets.push_back(message);
+      packet = packet.subspan(message.size());
+    }
+  }
+
+  /* Of the first message, with what pads it; a length that cannot be means all that is left, for
+   * the decoder to refuse. */
+  static std::size_t message_length(Bytes packet) {
+    std::uint32_t length = 0;
+    if (packet.size() >= OX_NLMSG_HDRLEN) std::memcpy(&length, packet.data(), sizeof(length));
+    if (length < OX_NLMSG_HDRLEN || length > packet.size()) return packet.size();
+    return std::min<std::size_t>((std::size_t{length} + 3) / 4 * 4, packet.size());
   }
 
   UniqueFd socket_;

@@ -8,7 +8,11 @@ extern "C" {
 #include <sys/pidfd.h>
 }
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -16,6 +20,8 @@ extern "C" {
 #include <thread>
 #include <vector>
 
+#include "module/os_public/Include/ox_ctl.h"
+#include "module/os_public/Include/ox_msg.h"
 #include "tarnd/peer.h"
 #include "tarnd/unique_fd.h"
 #include "ukern/uk_core.h"
@@ -27,15 +33,20 @@ static constexpr int kUnit = 29;
 // Longer than any message: the largest that the kernel takes is bounded by a socket's send buffer.
 static constexpr size_t kPacketMax = 256 * 1024;
 static constexpr unsigned kReceiveWaitMs = 60'000;
-// How many messages that wait already are passed on at one stroke.
-static constexpr size_t kBatch = 64;
+// How many packets are passed on at one stroke.
+static constexpr size_t kPackets = 64;
+// Waking the peer costs more than a message does, and so does waking the pump: what comes within
+// this time after the last messages waits and goes together.
+static constexpr std::chrono::microseconds kRest{500};
+// Bytes that may wait for the pump: more than come while it rests.
+static constexpr unsigned long kQueueBytes = 1 << 20;
 
 namespace {
 
 class NetlinkSocket {
  public:
   NetlinkSocket() {
-    if (const int err = uk_nl_open(kUnit, 0, 0, &sock_); err != 0)
+    if (const int err = uk_nl_open(kUnit, 0, kQueueBytes, &sock_); err != 0)
       throw std::runtime_error(std::string("netlink socket: ") + std::strerror(-err));
   }
   ~NetlinkSocket() { uk_nl_close(sock_); }
@@ -58,27 +69,42 @@ static int deliver_signal(void *arg, int signal) {
 
 namespace {
 
+struct MessageHead {
+  uint32_t length;
+  uint16_t type;
+  uint16_t flags;
+  uint32_t seq;
+  uint32_t pid;
+};
+static_assert(sizeof(MessageHead) == OX_NLMSG_HDRLEN);
+
+MessageHead head_of(const char *message) {
+  MessageHead head;
+  std::memcpy(&head, message, sizeof(head));
+  return head;
+}
+
 // Messages on their way to the peer, as many as wait and fit.
 class Batch {
  public:
   Batch() : room_(2 * kPacketMax) {}
 
-  /* At least one message, or the error of waiting for it. */
-  long fill(uk_nlsock *sock) {
+  /* At least one message, or the error of waiting for it. `several`: in packets of several; may
+   * change while it waits. */
+  long fill(uk_nlsock *sock, const std::atomic<bool> &several) {
     used_ = count_ = 0;
-    long n = uk_nl_recv(sock, room_.data(), room_.size(), kReceiveWaitMs);
+    long n = receive(sock, kReceiveWaitMs);
     if (n < 0) return n;
-    for (; n >= 0; n = uk_nl_recv(sock, room_.data() + used_, room_.size() - used_, 0)) {
-      parts_[count_] = {room_.data() + used_, static_cast<size_t>(n)};
-      headers_[count_] = {};
-      headers_[count_].msg_hdr.msg_iov = &parts_[count_];
-      headers_[count_].msg_hdr.msg_iovlen = 1;
-      used_ += static_cast<size_t>(n);
-      count_++;
-      if (count_ == kBatch || room_.size() - used_ < kPacketMax) break;
+    for (; n >= 0; n = receive(sock, 0)) {
+      take(static_cast<size_t>(n), several);
+      if (count_ == kPackets || room_.size() - used_ < kPacketMax) break;
     }
+    emptied_ = n < 0;
     return 0;
   }
+
+  /* Did nothing wait behind it? */
+  bool emptied() const { return emptied_; }
 
   /* False: the peer has hung up. */
   bool send_to(int connection) {
@@ -92,39 +118,80 @@ class Batch {
   }
 
  private:
+  /* A message behind those in use, with room for what pads it. */
+  long receive(uk_nlsock *sock, unsigned wait_ms) {
+    return uk_nl_recv(sock, room_.data() + used_, room_.size() - used_ - kAlign, wait_ms);
+  }
+
+  /* The `n` bytes behind those in use are a message. */
+  void take(size_t n, bool several) {
+    char *const message = room_.data() + used_;
+    if (several) n = fit_for_company(message, n);
+    used_ += n;
+    if (several && count_ != 0 && parts_[count_ - 1].iov_len + n <= OX_CTL_DAEMON_PACKET_MAX) {
+      parts_[count_ - 1].iov_len += n;
+      return;
+    }
+    parts_[count_] = {message, n};
+    headers_[count_] = {};
+    headers_[count_].msg_hdr.msg_iov = &parts_[count_];
+    headers_[count_].msg_hdr.msg_iovlen = 1;
+    count_++;
+  }
+
+  /* Without what fills the buffer of a page up, but up to where the next message may begin: the
+   * length. */
+  static size_t fit_for_company(char *message, size_t n) {
+    if (n >= sizeof(MessageHead))
+      n = std::clamp<size_t>(head_of(message).length, sizeof(MessageHead), n);
+    const size_t aligned = (n + kAlign - 1) / kAlign * kAlign;
+    std::memset(message + n, 0, aligned - n);
+    return aligned;
+  }
+
+  static constexpr size_t kAlign = 4;
+
   std::vector<char> room_;
   size_t used_ = 0;
   size_t count_ = 0;
-  iovec parts_[kBatch];
-  mmsghdr headers_[kBatch];
+  bool emptied_ = false;
+  iovec parts_[kPackets];
+  mmsghdr headers_[kPackets];
 };
 
 }  // namespace
 
 // Messages for the peer, until its socket is shut down or it has hung up. It acts as this program:
 // a receiver needs no identity, and the peer's task is busy sending.
-static void pump_to_peer(uk_nlsock *sock, int connection) {
+static void pump_to_peer(uk_nlsock *sock, int connection, const std::atomic<bool> *several) {
   const Task task(service_identity());
   const ActAs act(task);
   Batch batch;
   for (;;) {
-    const long err = batch.fill(sock);
+    const long err = batch.fill(sock, *several);
     if (err == -ESHUTDOWN) return;
     // Nothing came for a while, or messages were lost, which the peer learns from their numbers.
     if (err < 0) continue;
     if (!batch.send_to(connection)) break;
+    if (batch.emptied()) std::this_thread::sleep_for(kRest);
   }
   // Wakes the other pump, which ends the connection.
   shutdown(connection, SHUT_RDWR);
 }
 
+// A hello says what kind of packets the daemon wants.
+static void note_hello(const MessageHead &head, std::atomic<bool> *several) {
+  if (head.type == OX_NL_HELO) *several = (head.flags & OX_CTL_HELO_SEVERAL) != 0;
+}
+
 // The peer's messages, until it hangs up. The calling thread acts as the peer.
-static void pump_to_kernel(int connection, uk_nlsock *sock) {
+static void pump_to_kernel(int connection, uk_nlsock *sock, std::atomic<bool> *several) {
   std::vector<char> packet(kPacketMax);
   for (;;) {
     const ssize_t n = recv(connection, packet.data(), packet.size(), MSG_TRUNC);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return;
+    if (static_cast<size_t>(n) >= sizeof(MessageHead)) note_hello(head_of(packet.data()), several);
     const long sent = static_cast<size_t>(n) > packet.size()
                           ? -EMSGSIZE
                           : uk_nl_send(sock, packet.data(), static_cast<size_t>(n));
@@ -143,10 +210,10 @@ void serve_daemon_channel(int connection) {
   {
     const ActAs act(task);
     const NetlinkSocket sock;
-    std::thread to_peer(pump_to_peer, sock.get(), connection);
-    pump_to_kernel(connection, sock.get());
-    // A pump that is blocked on a peer that does not read is let go, too.
-    shutdown(connection, SHUT_RDWR);
+    std::atomic<bool> several = false;
+    std::thread to_peer(pump_to_peer, sock.get(), connection, &several);
+    pump_to_kernel(connection, sock.get(), &several);
+    // The other pump ends with what has been sent until now, or with the peer.
     uk_nl_shutdown(sock.get());
     to_peer.join();
   }

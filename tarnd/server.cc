@@ -10,6 +10,9 @@
 
 namespace tarnd {
 
+// How long a connection may still say what it has to.
+static constexpr std::chrono::seconds kLastWords{1};
+
 Server::Server(UniqueFd listener, Serve serve)
     : listener_(std::move(listener)), serve_(std::move(serve)) {}
 
@@ -22,11 +25,14 @@ void Server::stop() {
   std::unique_lock lock(mutex_);
   stopping_ = true;
   shutdown(listener_.get(), SHUT_RDWR);
-  for (int connection : open_) shutdown(connection, SHUT_RDWR);
+  for (int connection : open_) shutdown(connection, SHUT_RD);
   lock.unlock();
   acceptor_.join();
   lock.lock();
-  ended_.wait(lock, [this] { return open_.empty(); });
+  const auto all_ended = [this] { return open_.empty(); };
+  if (ended_.wait_for(lock, kLastWords, all_ended)) return;
+  for (int connection : open_) shutdown(connection, SHUT_RDWR);
+  ended_.wait(lock, all_ended);
 }
 
 void Server::accept_all() {

@@ -2,9 +2,10 @@
 /*
  * Accepts connections on a listening socket and serves each on a thread of its own.
  *
- * start() once, stop() once: it shuts the connections down and returns when their threads have
- * ended, so that a serve function that only blocks on its socket needs nothing else to end. Errors
- * that serve throws end its connection and go to standard error.
+ * start() once, stop() once: it ends what the connections read, after a second also what they
+ * write, and returns when their threads have ended, so that a serve function that only blocks on
+ * its socket needs nothing else to end. Errors that serve throws end its connection and go to
+ * standard error.
  */
 #ifndef TARND_SERVER_H
 #define TARND_SERVER_H

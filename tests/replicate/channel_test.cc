@@ -2,6 +2,7 @@
 // The daemon's channel: hello and quit, loss, barriers, who may register.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -9,6 +10,7 @@
 #include <thread>
 
 #include "client/daemon.h"
+#include "module/os_public/Include/ox_ctl.h"
 #include "tests/replicate/fake_tarnd.h"
 
 namespace tarn {
@@ -75,6 +77,50 @@ TEST_F(ChannelTest, MessagesArriveWholeAndInOrder) {
       EXPECT_EQ(std::get<Record>(*decode(packet)).wseq, next++);
   }
   sender.join();
+}
+
+TEST_F(ChannelTest, TheHelloAsksForPacketsOfSeveralMessages) {
+  const auto channel = open();
+  EXPECT_EQ(fake_.with([](auto &state) { return state.hello_flags; }), OX_CTL_HELO_SEVERAL);
+}
+
+TEST_F(ChannelTest, MessagesOfOnePacketAreToldApart) {
+  const auto channel = open();
+  // Lengths that are and are not multiples of 4, of changes and of something else.
+  const std::vector<Packet> messages = {
+      name_change(OX_OP_UNLINK, {1}, "/d/f"), name_change(OX_OP_UNLINK, {2}, "/d/fi"),
+      message(OX_OP_STOP_RULE, Packet(OX_UUID_LEN)),
+      name_change(OX_OP_RENAME, {3}, "/d/fil", "/d/" + std::string(3000, 'x'))};
+  Packet together;
+  for (const Packet &one : messages) together.insert(together.end(), one.begin(), one.end());
+  fake_.send(together);
+  const auto got = channel->receive(Milliseconds(5000));
+  ASSERT_TRUE(got.ok());
+  ASSERT_EQ(got->packets.size(), messages.size());
+  for (std::size_t i = 0; i < messages.size(); ++i)
+    EXPECT_TRUE(std::ranges::equal(got->packets[i], messages[i])) << i;
+}
+
+// Whatever a length says, nothing outside the packet is looked at, and what cannot be told apart is
+// one packet that the decoder refuses.
+TEST_F(ChannelTest, ALengthThatCannotBeEndsThePacket) {
+  const auto channel = open();
+  const Packet good = name_change(OX_OP_UNLINK, {1}, "/d/f");
+  for (const std::uint32_t length : {0u, 15u, 1000u, 0xffffffffu}) {
+    Packet packet = good;
+    packet.insert(packet.end(), good.begin(), good.end());
+    std::memcpy(packet.data() + good.size(), &length, sizeof(length));
+    packet.insert(packet.end(), good.begin(), good.end());
+    fake_.send(packet);
+    const auto got = channel->receive(Milliseconds(5000));
+    ASSERT_TRUE(got.ok());
+    ASSERT_EQ(got->packets.size(), 2u) << length;
+    EXPECT_TRUE(decode(got->packets[0]).ok());
+    EXPECT_EQ(got->packets[1].size(), 2 * good.size());
+    EXPECT_FALSE(decode(got->packets[1]).ok());
+  }
+  fake_.send(Packet(7));
+  EXPECT_EQ(channel->receive(Milliseconds(5000))->packets[0].size(), 7u);
 }
 
 TEST_F(ChannelTest, NothingIsLostWhileARequestWaits) {

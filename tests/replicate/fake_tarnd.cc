@@ -169,11 +169,15 @@ void FakeTarnd::serve_daemon(int socket) {
     std::lock_guard lock(mutex_);
     if (got <= 0 && daemon_connection_ == socket) daemon_connection_ = -1;
     if (got <= 0) return;
-    std::uint16_t type = 0;
+    std::uint16_t type = 0, flags = 0;
     std::memcpy(&type, packet.data() + 4, sizeof(type));
+    std::memcpy(&flags, packet.data() + 6, sizeof(flags));
     const std::string payload = packet.substr(16, static_cast<std::size_t>(got) - 16);
     state_.received.push_back(type);
-    if (type == OX_NL_HELO) state_.registered = true;
+    if (type == OX_NL_HELO) {
+      state_.registered = true;
+      state_.hello_flags = flags;
+    }
     if (type == OX_NL_QUIT) state_.registered = false;
     changed_.notify_all();
     const bool request = type == OX_SO_REP_ADD || type == OX_SO_REP_DEL || type == OX_SO_REP_FLUSH;

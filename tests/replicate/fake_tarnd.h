@@ -51,6 +51,7 @@ class FakeTarnd {
     std::vector<std::pair<std::string, std::string>> mounts;
     std::vector<std::string> log;
     bool registered = false;             /* a hello has come, and no quit since */
+    std::uint16_t hello_flags = 0;       /* of the latest */
     bool answers = true;                 /* requests over the daemon channel */
     std::vector<std::uint16_t> received; /* types of the daemon's messages */
   };

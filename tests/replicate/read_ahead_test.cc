@@ -37,11 +37,14 @@ class SocketLink : public MessageLink {
 
   Result<void> receive(PacketBatch &batch) override {
     batch.clear();
-    const ssize_t n = recv(socket_.get(), batch.room(0), PacketBatch::kPacketMax, MSG_DONTWAIT);
-    if (n < 0) return errno == EAGAIN ? Result<void>() : system_error(errno, "recv");
-    if (n == 0) batch.closed = true;
-    if (n > 0) batch.packets.emplace_back(batch.room(0), static_cast<std::size_t>(n));
     if (losses_->exchange(0)) batch.overrun = true;
+    for (std::size_t i = 0; i < PacketBatch::kPackets; ++i) {
+      const ssize_t n = recv(socket_.get(), batch.room(i), PacketBatch::kPacketMax, MSG_DONTWAIT);
+      if (n < 0) return errno == EAGAIN ? Result<void>() : system_error(errno, "recv");
+      if (n == 0) batch.closed = true;
+      if (n == 0) break;
+      batch.packets.emplace_back(batch.room(i), static_cast<std::size_t>(n));
+    }
     return {};
   }
 
@@ -119,6 +122,25 @@ TEST_F(ReadAheadTest, WhatItKeepsIsLimitedAndRoomIsUsedAgain) {
   EXPECT_TRUE(send_packet(sent++));
   while (expected < sent) {
     for (const Bytes packet : next().packets) EXPECT_EQ(number(packet), expected++);
+  }
+}
+
+// They come in portions that are not those in which they are asked for.
+TEST_F(ReadAheadTest, PacketsStayUntilTheNextAreAskedFor) {
+  std::uint32_t sent = 0, expected = 0;
+  for (const std::uint32_t portion : {50u, 100u, 7u, 64u, 200u}) {
+    for (std::uint32_t n = 0; n < portion; ++n) ASSERT_TRUE(send_packet(sent++));
+    std::this_thread::sleep_for(5ms);
+  }
+  while (expected < sent) {
+    const auto &packets = next().packets;
+    EXPECT_LE(packets.size(), PacketBatch::kPackets);
+    // What comes meanwhile changes nothing.
+    if (sent < 500) {
+      ASSERT_TRUE(send_packet(sent++));
+    }
+    std::this_thread::sleep_for(1ms);
+    for (const Bytes packet : packets) EXPECT_EQ(number(packet), expected++);
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <stdexcept>
+#include <thread>
 
 namespace tarnd {
 namespace {
@@ -73,6 +74,38 @@ TEST(Server, StopEndsConnectionsThatWait) {
   ask(b, 'b');
   server.stop();
   EXPECT_EQ(ended, 2);
+}
+
+TEST(Server, StopLetsAConnectionSayItsLast) {
+  Listener listener;
+  Server server(listener.take(), [](int fd) {
+    echo(fd);
+    send(fd, "!", 1, MSG_NOSIGNAL);
+  });
+  server.start();
+  const UniqueFd a = listener.connect();
+  ask(a, 'a');
+  server.stop();
+  char last = 0;
+  EXPECT_EQ(recv(a.get(), &last, 1, 0), 1);
+  EXPECT_EQ(last, '!');
+}
+
+TEST(Server, StopEndsConnectionsWhosePeerDoesNotRead) {
+  Listener listener;
+  std::atomic<bool> blocked = false;
+  Server server(listener.take(), [&](int fd) {
+    char data[4096] = {};
+    while (send(fd, data, sizeof(data), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+    }
+    blocked = true;
+    while (send(fd, data, sizeof(data), MSG_NOSIGNAL) > 0) {
+    }
+  });
+  server.start();
+  const UniqueFd a = listener.connect();
+  while (!blocked) std::this_thread::yield();
+  server.stop();
 }
 
 TEST(Server, AnErrorEndsItsConnectionOnly) {

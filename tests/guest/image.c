@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -31,18 +32,30 @@ static off_t full_size(const char *image) {
   return atoll(text);
 }
 
+/*
+ * All of the copy is written, also its empty end: the loop device of 2.6.18 waits for ever when it
+ * has to make a page of the file while memory is short.
+ */
 static int copy_image(const char *from) {
   static char buf[65536];
   const int in = open(from, O_RDONLY), out = open(COPY, O_CREAT | O_TRUNC | O_RDWR, 0600);
   const off_t size = full_size(from);
+  off_t done = 0;
   ssize_t got = 0;
 
   if (in < 0 || out < 0 || size < 0) return -1;
-  while ((got = read(in, buf, sizeof(buf))) > 0) {
+  for (; (got = read(in, buf, sizeof(buf))) > 0; done += got) {
     if (write(out, buf, got) != got) return -1;
   }
   close(in);
-  return got < 0 || ftruncate(out, size) ? -1 : out;
+  memset(buf, 0, sizeof(buf));
+  while (got == 0 && done < size) {
+    const ssize_t put =
+        write(out, buf, size - done < (off_t)sizeof(buf) ? (size_t)(size - done) : sizeof(buf));
+    if (put <= 0) return -1;
+    done += put;
+  }
+  return done == size ? out : -1;
 }
 
 /* The device keeps the file for itself. */

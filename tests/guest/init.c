@@ -18,7 +18,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-enum { kSecondsPerStep = 1800, kMaxArguments = 16 };
+enum { kSecondsPerStep = 3000, kMaxArguments = 16 };
 
 static void need(int result, const char *what) {
   if (result >= 0) return;

@@ -5,17 +5,16 @@
 #include <arpa/inet.h>
 #include <errno.h>
 #include <net/if.h>
-#include <signal.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "guest.h"
 #include "image.h"
 
 #define EXPORT "/tmp/export"
@@ -32,6 +31,9 @@ enum {
   kThreads = 4,
   kInsecurePort = 2,
   kAsync = 0x10,
+  /* A handle names the file alone, not also the directory that it was found in: two names of one
+   * file are one inode here, whether they were looked up or linked. */
+  kNoSubtreeCheck = 0x400,
 };
 
 /* What nfsservctl takes: the kernel's structures for its NFS server. */
@@ -86,9 +88,9 @@ struct mount_arguments {
   char context[257];
 };
 
-enum { kMountVersion = 6, kVersion3 = 0x80, kNoLocks = 0x200, kNoAttributeCache = 0x20 };
-
-static pid_t portmapper;
+/* Attributes hold for longer than the tests last: with a short time, or none, what the client asks
+ * the server depends on how quickly the calls follow each other. */
+enum { kMountVersion = 6, kVersion3 = 0x80, kNoLocks = 0x200, kSecondsOfAttributes = 86400 };
 
 static struct sockaddr_in loopback(int port) {
   const struct sockaddr_in address = {.sin_family = AF_INET,
@@ -112,7 +114,7 @@ static int bring_up_loopback(void) {
 }
 
 /* The kernel's servers register with a port mapper and do not start without: this one agrees to
- * everything. */
+ * everything. It stays, for the server takes its leave of it some time after it was stopped. */
 static void answer_registrations(int fd) {
   unsigned call[128];
   struct sockaddr_in from;
@@ -129,15 +131,16 @@ static void answer_registrations(int fd) {
 static int start_portmapper(void) {
   const struct sockaddr_in address = loopback(111);
   const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  pid_t pid;
 
   if (fd < 0 || bind(fd, (const struct sockaddr *)&address, sizeof(address))) return -1;
-  portmapper = fork();
-  if (portmapper == 0) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+  pid = fork();
+  if (pid == 0) {
     answer_registrations(fd);
     _exit(0);
   }
-  return close(fd);
+  close(fd);
+  return pid < 0 ? -1 : 0;
 }
 
 static int call_server(int command, struct server_arguments *arguments, void *result) {
@@ -159,7 +162,7 @@ static int export_directory(void) {
   strcpy(arguments.share.path, EXPORT);
   arguments.share.device = st.st_dev;
   arguments.share.inode = st.st_ino;
-  arguments.share.flags = kInsecurePort | kAsync;
+  arguments.share.flags = kInsecurePort | kAsync | kNoSubtreeCheck;
   /* 2.6.18 says ENOMEM also when it has done it; whether it has, the file handle will tell. */
   if (call_server(kExport, &arguments, NULL) < 0 && errno != ENOMEM) return -1;
   memset(&arguments, 0, sizeof(arguments));
@@ -181,11 +184,15 @@ static int get_handle(struct file_handle *handle) {
 
 static int mount_handle(const struct file_handle *handle, const char *at) {
   struct mount_arguments arguments = {.version = kMountVersion,
-                                      .flags = kVersion3 | kNoLocks | kNoAttributeCache,
+                                      .flags = kVersion3 | kNoLocks,
                                       .rsize = 4096,
                                       .wsize = 4096,
                                       .timeo = 30,
                                       .retrans = 5,
+                                      .acregmin = kSecondsOfAttributes,
+                                      .acregmax = kSecondsOfAttributes,
+                                      .acdirmin = kSecondsOfAttributes,
+                                      .acdirmax = kSecondsOfAttributes,
                                       .address = loopback(kPort),
                                       .hostname = CLIENT,
                                       .namlen = 255};
@@ -212,9 +219,29 @@ int nfs_mount(const char *at) {
   return step(mount_handle(&handle, at), "mounting");
 }
 
-int nfs_unmount(const char *at) {
-  const int result = umount(at);
+static int stop_server(void) {
+  static struct server_arguments arguments;
 
-  if (portmapper > 0) kill(portmapper, SIGKILL);
-  return result;
+  memset(&arguments, 0, sizeof(arguments));
+  arguments.serve.port = kPort;
+  return call_server(kServe, &arguments, NULL) < 0 ? -1 : 0;
+}
+
+/* What the server has remembered until now is forgotten, handles first: they hold the exports. */
+static int forget_exports(void) {
+  static const char *const caches[] = {"/proc/net/rpc/nfsd.fh/flush",
+                                       "/proc/net/rpc/nfsd.export/flush"};
+
+  for (int i = 0; i < 2; i++) {
+    if (write_text(caches[i], "2147483647") || write_text(caches[i], "1")) return -1;
+  }
+  return 0;
+}
+
+int nfs_unmount(const char *at) {
+  int result = step(umount(at), "unmounting");
+
+  if (result == 0) result = step(stop_server(), "stopping the server");
+  if (result == 0) result = step(forget_exports(), "forgetting exports");
+  return result ? result : step(unmount_image(EXPORT), "unmounting what was exported");
 }

@@ -3,8 +3,7 @@
 #ifndef TESTS_GUEST_NFS_H
 #define TESTS_GUEST_NFS_H
 
-/* 0, or -1 with errno and a line that says at what. The server stays until the machine is switched
- * off. */
+/* Both: 0, or -1 with errno and a line that says at what. */
 int nfs_mount(const char *at);
 int nfs_unmount(const char *at);
 

@@ -32,6 +32,24 @@ compare process || fail "a listed difference is an error: $(cat "$T/compared")"
 if compare kernel; then fail "a difference listed for a process is one for a kernel"; fi
 cp "$T/plain" "$T/mount"
 if compare process; then fail "a listed difference that is not there was not noticed"; fi
+
+# Several differences of one reason.
+printf '%s\n' 'case some' 'times 2' 'plain read -> 3' 'mount read -> 4' 'also' 'mount exit status 1' 'because it is so' >"$T/list"
+printf '%s\n' 'read -> 3' 'a' 'read -> 3' 'b' 'read -> 3' 'c' >"$T/plain"
+printf '%s\n' 'read -> 4' 'a' 'read -> 4' 'b' 'read -> 3' 'c' 'exit status 1' >"$T/mount"
+compare process || fail "differences with one reason are an error: $(cat "$T/compared")"
+printf '%s\n' 'read -> 4' 'a' 'read -> 4' 'b' 'read -> 4' 'c' 'exit status 1' >"$T/mount"
+if compare process; then fail "a difference at three places passed for one at two"; fi
+printf '%s\n' 'read -> 4' 'a' 'read -> 3' 'b' 'read -> 3' 'c' 'exit status 1' >"$T/mount"
+if compare process; then fail "a difference at one place passed for one at two"; fi
+printf '%s\n' 'read -> 4' 'a' 'read -> 4' 'b' 'read -> 3' 'c' >"$T/mount"
+if compare process; then fail "the second of two differences was not missed"; fi
+for wrong in 'times 1' 'times' 'also at once' 'sometimes' 'also'; do
+  printf '%s\n' 'case some' 'plain read -> 3' 'mount read -> 4' 'because it is so' "$wrong" >"$T/list"
+  if compare process || ! grep -q "$T/list:" "$T/compared"; then fail "'$wrong' was taken"; fi
+done
+
+printf '%s\n' 'open -> 0' 'read -> 3' 'close -> 0' >"$T/plain"
 head -n 2 "$T/plain" >"$T/mount"
 if compare process; then fail "a transcript that ends early was not noticed"; fi
 : >"$T/plain"

@@ -10,6 +10,8 @@ is text: blocks with an empty line between them, each line a keyword and what it
     runs-in process|kernel  only with the module in tarnd, or in a kernel (else in both)
     plain LINE           what the case says on a plain directory; repeated for each line of the difference
     mount LINE           what it says on the mount
+    times N              the two differ in exactly these lines at N places (else at one)
+    also                 what follows is the next difference of the same case, for the same reason
     because TEXT         why that is so; repeated for each line of text
 """
 
@@ -19,19 +21,40 @@ import sys
 
 
 class Difference:
+    """The lines at one place, or at several."""
+
     def __init__(self):
-        self.fields = {"case": [], "kind": [], "runs-in": [], "plain": [], "mount": [], "because": []}
+        self.lines = {"plain": [], "mount": []}
+        self.times = 1
+
+    def places(self):
+        return [(self.lines["plain"], self.lines["mount"])] * self.times
+
+
+class Block:
+    """The differences of one case that have one reason."""
+
+    def __init__(self):
+        self.fields = {"case": [], "kind": [], "runs-in": [], "because": []}
+        self.differences = [Difference()]
 
     def add(self, line, place):
         keyword, _, text = line.partition(" ")
-        if keyword not in self.fields:
-            sys.exit(f"{place}: '{keyword}' is none of {', '.join(self.fields)}")
-        self.fields[keyword].append(text)
+        if keyword in self.fields:
+            self.fields[keyword].append(text)
+        elif keyword in ("plain", "mount"):
+            self.differences[-1].lines[keyword].append(text)
+        elif keyword == "times":
+            self.differences[-1].times = number_of_places(text, place)
+        elif keyword == "also" and not text:
+            self.differences.append(Difference())
+        else:
+            sys.exit(f"{place}: '{line}' begins with none of {', '.join(self.fields)}, plain, mount, times, also")
 
     def check(self, place):
         if len(self.fields["case"]) != 1 or not self.fields["because"]:
             sys.exit(f"{place}: a difference needs one 'case' and a 'because'")
-        if not self.fields["plain"] and not self.fields["mount"]:
+        if not all(any(d.lines.values()) for d in self.differences):
             sys.exit(f"{place}: a difference needs lines that differ")
 
     def concerns(self, case, kind, runs_in):
@@ -41,11 +64,17 @@ class Difference:
             and (not self.fields["runs-in"] or runs_in in self.fields["runs-in"])
         )
 
-    def lines(self):
-        return self.fields["plain"], self.fields["mount"]
+    def places(self):
+        return [place for difference in self.differences for place in difference.places()]
 
 
-def read_differences(path):
+def number_of_places(text, place):
+    if not text.isdigit() or int(text) < 2:
+        sys.exit(f"{place}: 'times' needs a number, 2 or more")
+    return int(text)
+
+
+def read_blocks(path):
     found = []
     current = None
     with open(path, encoding="utf-8", errors="surrogateescape") as listing:
@@ -60,7 +89,7 @@ def read_differences(path):
                 current = None
                 continue
             if current is None:
-                current = Difference()
+                current = Block()
                 found.append(current)
             current.add(line, place)
     if current:
@@ -98,15 +127,19 @@ def main():
     args = parser.parse_args()
     sys.stdout.reconfigure(errors="surrogateescape")
 
-    listed = [d for d in read_differences(args.differences) if d.concerns(args.case, args.kind, args.runs_in)]
+    listed = [
+        place
+        for block in read_blocks(args.differences)
+        if block.concerns(args.case, args.kind, args.runs_in)
+        for place in block.places()
+    ]
     plain = read_transcript(args.plain)
     if len(plain) < 2:
         sys.exit(f"{args.case}: it says nothing")
     bad = 0
     for hunk in hunks(plain, read_transcript(args.mount)):
-        known = next((d for d in listed if d.lines() == hunk), None)
-        if known:
-            listed.remove(known)
+        if hunk in listed:
+            listed.remove(hunk)
             continue
         bad += 1
         print(f"{args.case} over {args.kind}: a difference")
@@ -114,7 +147,7 @@ def main():
     for difference in listed:
         bad += 1
         print(f"{args.case} over {args.kind}: a listed difference that is not there")
-        show(*difference.lines())
+        show(*difference)
     print(f"{args.case} over {args.kind}: {len(plain)} lines, {bad} unexpected")
     sys.exit(1 if bad else 0)
 

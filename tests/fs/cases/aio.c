@@ -60,7 +60,7 @@ static struct iocb request(int fd, int opcode, void *buf, size_t size, off_t at)
 }
 
 static void run_case(void) {
-  char back[32];
+  char back[32] = "";
   if (OP(syscall(SYS_io_setup, 8, &context)) < 0) return;
   const int fd = FD(open("f", O_RDWR | O_CREAT, 0644));
   struct iocb one = request(fd, IOCB_CMD_PWRITE, (char *)"asynchronous", 12, 3);
@@ -91,8 +91,8 @@ static void run_case(void) {
     many[i] = request(fd, IOCB_CMD_PWRITE, pages[i], kPage, (off_t)i * kPage);
     list[i] = &many[i];
   }
-  OP(syscall(SYS_io_submit, context, 8L, list));
-  OP(syscall(SYS_io_getevents, context, 8L, 8L, events, NULL));
+  if (OP(syscall(SYS_io_submit, context, 8L, list)) == 8)
+    OP(syscall(SYS_io_getevents, context, 8L, 8L, events, NULL));
   say_file("f");
   OP(syscall(SYS_io_destroy, context));
 }

@@ -18,6 +18,7 @@
 #define _GNU_SOURCE
 #endif
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <grp.h>
@@ -67,6 +68,36 @@ static inline void skip(const char *reason) {
 static inline int over_nfs(void) {
   struct statfs fs;
   return statfs(".", &fs) == 0 && fs.f_type == 0x6969;
+}
+
+// Whether nothing is in a directory but what an NFS client keeps of removed files.
+static inline int only_removed_files(const char *path) {
+  DIR *dir = opendir(path);
+  struct dirent *entry;
+  int only = dir != NULL;
+
+  while (only && (entry = readdir(dir)))
+    only = strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0 ||
+           strncmp(entry->d_name, ".nfs", 4) == 0;
+  if (dir) closedir(dir);
+  return only;
+}
+
+// rmdir() of a directory whose files have just been removed. A file that its NFS client has open,
+// as that below a mount has whatever was open above, is given another name first; that goes a
+// moment later.
+static inline int rmdir_emptied(const char *path) {
+  int result = rmdir(path);
+
+  for (int tries = 0; tries < 500 && result < 0 && errno == ENOTEMPTY && over_nfs(); tries++) {
+    if (!only_removed_files(path)) {
+      errno = ENOTEMPTY;
+      break;
+    }
+    usleep(10000);
+    result = rmdir(path);
+  }
+  return result;
 }
 
 static inline void need_root(void) {

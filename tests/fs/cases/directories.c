@@ -32,7 +32,7 @@ static void remove_tree(int depth) {
       if (st.st_nlink != 2) say("an empty directory has %lu links", (unsigned long)st.st_nlink);
       SETUP(chdir(".."));
     }
-    if (rmdir(name) == 0) removed++;
+    if (rmdir_emptied(name) == 0) removed++;
   }
   SETUP(unlink("f"));
 }

@@ -82,7 +82,7 @@ static void clear_all(void) {
       if (unlink(path) < 0) rmdir(path);
     }
     snprintf(path, sizeof(path), "d%u", mode);
-    SETUP(rmdir(path));
+    SETUP(rmdir_emptied(path));
   }
   unlink("mine");
 }

@@ -78,5 +78,5 @@ static void run_case(void) {
              "------------------");
     SETUP(unlink(name));
   }
-  OP(rmdir("d"));
+  OP(rmdir_emptied("d"));
 }

@@ -20,7 +20,7 @@ static void clear(const char *path) {
   snprintf(inside, sizeof(inside), "%s/inside", path);
   unlink(inside);
   unlink(path);
-  rmdir(path);
+  rmdir_emptied(path);
 }
 
 static void run_case(void) {

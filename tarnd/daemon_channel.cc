@@ -40,6 +40,8 @@ static constexpr size_t kPackets = 64;
 static constexpr std::chrono::microseconds kRest{500};
 // Bytes that may wait for the pump: more than come while it rests.
 static constexpr unsigned long kQueueBytes = 1 << 20;
+// Bytes that may be on their way to the peer.
+static constexpr int kSocketBytes = 1 << 20;
 
 namespace {
 
@@ -201,6 +203,13 @@ static void pump_to_kernel(int connection, uk_nlsock *sock, std::atomic<bool> *s
   }
 }
 
+// Room for what comes while the peer wakes up; without the right to more, as much as anybody gets.
+static void widen(int connection) {
+  const int bytes = kSocketBytes;
+  if (setsockopt(connection, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof(bytes)) != 0)
+    setsockopt(connection, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
+}
+
 void serve_daemon_channel(int connection) {
   const Identity peer = peer_identity(connection);
   // Taken now: the number may belong to another process when a signal is due.
@@ -210,6 +219,7 @@ void serve_daemon_channel(int connection) {
   {
     const ActAs act(task);
     const NetlinkSocket sock;
+    widen(connection);
     std::atomic<bool> several = false;
     std::thread to_peer(pump_to_peer, sock.get(), connection, &several);
     pump_to_kernel(connection, sock.get(), &several);

@@ -22,8 +22,8 @@ change() {
   local n=$1 f
   git checkout -q -b "topic-$n"
   for f in $(git ls-files '*.h' | awk -v n="$n" 'NR % 7 == n % 7'); do echo "/* $n */" >>"$f"; done
-  git mv "$(git ls-files 'module/*.cc' | head -n 1)" "moved-$n.cc"
-  git rm -q "$(git ls-files 'module/*.cc' | tail -n 1)"
+  git mv "$(git ls-files '*.cc' | head -n 1)" "moved-$n.cc"
+  git rm -q "$(git ls-files '*.cc' | tail -n 1)"
   ln -s "moved-$n.cc" "link-$n"
   install -m 755 /dev/null "empty-$n"
   git add -A
@@ -48,7 +48,7 @@ history() {
   git stash pop -q
   git commit -q -a -m stashed
   git checkout -q -b rebased "topic-1"
-  git rebase -q --onto main "topic-1~1" 2>/dev/null
+  git rebase -q -X theirs --onto main "topic-1~1" 2>/dev/null
   git worktree add -q ../tree "tag-1"
   git gc -q --prune=now
   git repack -q -a -d -f

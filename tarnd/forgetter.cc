@@ -6,9 +6,9 @@
 #include <chrono>
 #include <cstring>
 #include <limits>
+#include <new>
 
 #include "tarnd/mount.h"
-#include "tarnd/task.h"
 
 namespace tarnd {
 
@@ -25,7 +25,8 @@ static size_t most_nodes() {
   return limit.rlim_cur / 8 * 3;
 }
 
-Forgetter::Forgetter(Mount *mount) : mount_(mount), thread_([this] { run(); }) {}
+Forgetter::Forgetter(Mount *mount)
+    : mount_(mount), task_(service_identity()), thread_([this] { run(); }) {}
 
 void Forgetter::stop() {
   std::call_once(stopped_, [this] {
@@ -34,16 +35,25 @@ void Forgetter::stop() {
   });
 }
 
+// Without memory there is nothing to be done now; perhaps in the next round.
 void Forgetter::run() {
-  const Task task(service_identity());
-  const ActAs act(task);
   const size_t most = most_nodes();
-  for (;;) {
-    const auto nodes = mount_->holdings().wait_for_too_many(most);
-    if (!nodes) return;
-    forget(*nodes);
+  for (bool closed = false; !closed;) {
+    try {
+      closed = !one_round(most);
+    } catch (const std::bad_alloc &) {
+    }
     std::this_thread::sleep_for(kBetweenRounds);
   }
+}
+
+// False when the mount is closed.
+bool Forgetter::one_round(size_t most) {
+  const auto nodes = mount_->holdings().wait_for_too_many(most);
+  if (!nodes) return false;
+  const ActAs act(task_);
+  forget(*nodes);
+  return true;
 }
 
 void Forgetter::forget(const std::vector<uk_node *> &nodes) {

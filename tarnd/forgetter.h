@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "tarnd/fuse_api.h"
+#include "tarnd/task.h"
 #include "ukern/uk_fs.h"
 
 namespace tarnd {
@@ -26,7 +27,7 @@ class Mount;
 
 class Forgetter {
  public:
-  /* Throws std::system_error when there is no thread to be had. */
+  /* Throws std::system_error when there is no thread to be had, and std::bad_alloc. */
   explicit Forgetter(Mount *mount);
   ~Forgetter() { stop(); }
   Forgetter(const Forgetter &) = delete;
@@ -38,9 +39,11 @@ class Forgetter {
 
  private:
   void run();
+  bool one_round(size_t most);
   void forget(const std::vector<uk_node *> &nodes);
 
   Mount *const mount_;
+  const Task task_;
   std::thread thread_;
   std::once_flag stopped_;
 };

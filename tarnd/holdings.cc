@@ -103,12 +103,13 @@ size_t Holdings::nodes() const {
 // knows.
 std::vector<uk_node *> Holdings::pick_locked(size_t most) {
   std::vector<uk_node *> picked;
+  picked.reserve(most);  // nothing fails once the first reference is taken
   const size_t buckets = nodes_.bucket_count();
   for (size_t seen = 0; seen < buckets && picked.size() < most; seen++) {
     next_bucket_ = (next_bucket_ + 1) % buckets;
     for (auto it = nodes_.begin(next_bucket_); it != nodes_.end(next_bucket_); ++it) {
       const auto &[node, held] = *it;
-      if (held.opens > 0 || held.lookups == 0) continue;
+      if (held.opens > 0 || held.lookups == 0 || picked.size() == most) continue;
       picked.push_back(node);
       uk_node_get(node);
     }

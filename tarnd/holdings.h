@@ -62,7 +62,7 @@ class Holdings {
   /*
    * The host keeps each node that it has looked up until its own memory runs short, and each costs
    * descriptors. Waits until more than `limit` are held and gives some of those that are not open,
-   * each with a reference that is the caller's; nothing after close().
+   * each with a reference that is the caller's; nothing after close(). Throws std::bad_alloc.
    */
   std::optional<std::vector<uk_node *>> wait_for_too_many(size_t limit);
   /* Ends the wait, now and from here on. */

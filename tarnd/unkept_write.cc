@@ -39,6 +39,9 @@ static long write_unkept(Mount *mount, fuse_ino_t ino, const char *data, size_t 
   Holdings &holdings = mount->holdings();
   uk_node *node = node_of(mount, ino);
   const Range range = range_of(size, off, fi->flags);
+  // Behind the end is nothing that an old page could bring back, and a second write would land
+  // behind the first.
+  const bool once = fi->flags & O_APPEND;
   // What was stored in a mapping before the write is older than it.
   if (holdings.pages(node) == Pages::kKept) drop_pages(mount, ino, range);
   long done;
@@ -49,7 +52,7 @@ static long write_unkept(Mount *mount, fuse_ino_t ino, const char *data, size_t 
     // A page that was read before the write shows what it has replaced. If something was stored in
     // it as well, it is written back now, old bytes and new: then the write comes once more.
     drop_pages(mount, ino, range);
-  } while (done > 0 && holdings.overlapped(node));
+  } while (!once && done > 0 && holdings.overlapped(node));
   holdings.end_write(node);
   return done;
 }

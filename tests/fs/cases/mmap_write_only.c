@@ -2,9 +2,10 @@
 // A file that one descriptor writes only, opened before others read and map it.
 #include "case.h"
 #include <sched.h>
+#include <signal.h>
 #include <sys/mman.h>
 
-enum { kRounds = 10000, kNearEnd = 2000 };
+enum { kRounds = 10000, kNearEnd = 2000, kAppends = 3000 };
 
 static void write_number(int fd, unsigned number, off_t at) {
   if (pwrite(fd, &number, sizeof(number), at) != (ssize_t)sizeof(number)) say("pwrite failed");
@@ -53,8 +54,36 @@ static void append_beside_reader(void) {
   say_bytes("read", part, 6);
 }
 
+// What is appended is there once, whatever is stored in the page that it goes to.
+static void append_beside_stores(void) {
+  const int end = FD(open("appended", O_WRONLY | O_CREAT | O_APPEND, 0644));
+  OP(write(end, "abcdefgh", 8));
+  const int both = FD(open("appended", O_RDWR));
+  unsigned char *map = MAP(mmap(NULL, kPage, PROT_READ | PROT_WRITE, MAP_SHARED, both, 0));
+  if (map == MAP_FAILED) return;
+  fflush(stdout);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    for (;;) {
+      (*(volatile unsigned char *)map)++;
+      sched_yield();
+    }
+  }
+  for (int i = 0; i < kAppends; i++) {
+    if (write(end, "x", 1) != 1) say("write failed");
+  }
+  kill(pid, SIGKILL);
+  say_end("the process that stores", pid);
+  OP(munmap(map, kPage));
+  struct stat st;
+  OP(fstat(both, &st));
+  say("size %ld", (long)st.st_size);
+  OP(ftruncate(both, 0));  // the counter is nobody's to compare
+}
+
 static void run_case(void) {
   append_beside_reader();
+  append_beside_stores();
   const int only = FD(open("f", O_WRONLY | O_CREAT, 0644));
   char text[2 * kPage];
   memset(text, 'a', sizeof(text));

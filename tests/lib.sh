@@ -75,6 +75,13 @@ start_mirrord() {
   wait_until 10 "mirrord is registered" eval '[ "$(helo_count)" -gt '"$before"' ]'
 }
 
+# start_replication [option of mirrord...]: lower/ mounted on mnt/, under a rule, and replicated to replica/.
+start_replication() {
+  tarn mount "$T/lower" "$T/mnt"
+  tarn rule add --include "$T/lower" >/dev/null
+  start_mirrord "$@"
+}
+
 helo_count() { tarn log | grep -c 'tarn_process_nl_helo' || true; }
 
 stop_mirrord() {

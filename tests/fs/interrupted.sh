@@ -4,9 +4,7 @@
 # done, its record is lost and logged as interrupted, and the next call of the same program is as good as any.
 . "$(dirname "$0")/../lib.sh"
 
-tarn mount "$T/lower" "$T/mnt"
-tarn rule add --include "$T/lower" >/dev/null
-start_mirrord
+start_replication
 echo before >"$T/mnt/before"
 wait_caught_up
 kill -STOP "$MIRRORD_PID"

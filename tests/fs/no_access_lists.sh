@@ -4,9 +4,7 @@
 # none, the mode is set as a mode, and the replica has it.
 . "$(dirname "$0")/../lib.sh"
 
-tarn mount "$T/lower" "$T/mnt"
-tarn rule add --include "$T/lower" >/dev/null
-start_mirrord
+start_replication
 echo text >"$T/file"
 chmod 604 "$T/file"
 cp -p "$T/file" "$T/mnt/copy"

@@ -4,9 +4,7 @@
 # less than the time that a sender waits. Its signals must not cost a record.
 . "$(dirname "$0")/../lib.sh"
 
-tarn mount "$T/lower" "$T/mnt"
-tarn rule add --include "$T/lower" >/dev/null
-start_mirrord --status-file "$T/mirrord.json"
+start_replication --status-file "$T/mirrord.json"
 
 python3 - "$T/mnt" <<'PY' &
 import signal, sys

@@ -4,9 +4,7 @@
 # next daemon is served. What was changed without a daemon is missing, and the new daemon sees the hole.
 . "$(dirname "$0")/../lib.sh"
 
-tarn mount "$T/lower" "$T/mnt"
-tarn rule add --include "$T/lower" >/dev/null
-start_mirrord
+start_replication
 echo one >"$T/mnt/one"
 wait_caught_up
 

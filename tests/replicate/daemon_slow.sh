@@ -4,9 +4,7 @@
 # daemon stays registered, and when it reads again it declares what is missing.
 . "$(dirname "$0")/../lib.sh"
 
-tarn mount "$T/lower" "$T/mnt"
-tarn rule add --include "$T/lower" >/dev/null
-start_mirrord
+start_replication
 echo before >"$T/mnt/before"
 wait_caught_up
 

@@ -12,9 +12,7 @@ other() { setpriv --reuid=65534 --regid=65534 --clear-groups "$@"; }
 wire() { other /usr/bin/env python3 "$T/tarn_wire.py" "$@"; }
 expect() { [ "$2" = "$3" ] || fail "$1: expected $2, got $3"; }
 
-tarn mount "$T/lower" "$T/mnt"
-tarn rule add --include "$T/lower" >/dev/null
-start_mirrord
+start_replication
 before=$(tarn rule list)
 
 for code in 177 179 182 190 191 192 193; do expect "set $code" -1 "$(wire raw-set $code 16016)"; done

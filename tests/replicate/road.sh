@@ -3,9 +3,7 @@
 # Programs create directories and files and write them on the mount; the replica is identical.
 . "$(dirname "$0")/../lib.sh"
 
-tarn mount "$T/lower" "$T/mnt"
-tarn rule add --include "$T/lower" >/dev/null
-start_mirrord
+start_replication
 
 mkdir -p "$T/mnt/a/b/c" "$T/mnt/with space" "$T/mnt/d"
 echo small >"$T/mnt/a/small"

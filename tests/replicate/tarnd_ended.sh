@@ -4,9 +4,7 @@
 # and ends. One that does not read at all does not keep tarnd.
 . "$(dirname "$0")/../lib.sh"
 
-tarn mount "$T/lower" "$T/mnt"
-tarn rule add --include "$T/lower" >/dev/null
-start_mirrord
+start_replication
 echo before >"$T/mnt/before"
 wait_caught_up
 
@@ -26,9 +24,7 @@ grep -q 'tarnd has ended' "$T/mirrord.err" || fail "not a word about the end"
 ! grep -qiE 'gap|lost|malformed' "$T/mirrord.err" || fail "something was lost: $(cat "$T/mirrord.err")"
 wait_until 10 "tarnd has ended" eval '! kill -0 "$TARND_PID"'
 
-tarn mount "$T/lower" "$T/mnt"
-tarn rule add --include "$T/lower" >/dev/null
-start_mirrord
+start_replication
 kill -STOP "$MIRRORD_PID"
 head -c 800000 /dev/urandom >"$T/mnt/later"
 stop_tarnd

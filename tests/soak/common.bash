@@ -23,9 +23,7 @@ take_sources() {
 }
 
 start_soak() {
-  tarn mount "$T/lower" "$T/mnt"
-  tarn rule add --include "$T/lower" >/dev/null
-  start_mirrord --status-file "$STATUS_FILE"
+  start_replication --status-file "$STATUS_FILE"
   TARND_PID=$(cat "$TARN_RUN_DIR/tarnd.pid")
   DESCRIPTORS=$(count_descriptors)
 }

@@ -40,6 +40,24 @@ class open_file {
   struct file *file_;
 };
 
+/* One with operations of the case's. */
+class file_with {
+ public:
+  explicit file_with(const struct file_operations *ops) : file_("/f"), own_(file_.get()->f_op) {
+    file_.get()->f_op = ops;
+  }
+  ~file_with() { file_.get()->f_op = own_; }
+  file_with(const file_with &) = delete;
+  file_with &operator=(const file_with &) = delete;
+  struct file *get() {
+    return file_.get();
+  }
+
+ private:
+  open_file file_;
+  const struct file_operations *own_;
+};
+
 /* `len` bytes that differ with the position and the seed. */
 static inline void fill_pattern(char *data, size_t len, unsigned seed) {
   for (size_t i = 0; i < len; i++) data[i] = (char)(i * 7 + i / 251 + seed);

@@ -38,24 +38,6 @@ ssize_t retried_read(struct kiocb *iocb, char __user *, size_t, loff_t) {
   return -EIOCBRETRY;
 }
 
-// A file whose operations are the case's.
-class file_with {
- public:
-  explicit file_with(const struct file_operations *ops) : file_("/f"), own_(file_.get()->f_op) {
-    file_.get()->f_op = ops;
-  }
-  ~file_with() { file_.get()->f_op = own_; }
-  file_with(const file_with &) = delete;
-  file_with &operator=(const file_with &) = delete;
-  struct file *get() {
-    return file_.get();
-  }
-
- private:
-  open_file file_;
-  const struct file_operations *own_;
-};
-
 struct taken {
   unsigned long bytes, calls, limit;
   char text[64];

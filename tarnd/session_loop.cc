@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/session_loop.h"
 
+#include <poll.h>
 #include <sched.h>
 
 #include <algorithm>
@@ -19,10 +20,11 @@ namespace tarnd {
 static constexpr int kMaxWorkers = 128;
 static constexpr int kMaxTaking = 8;
 
-// A request that is in work from one look to the next is slow. After so many looks at which nothing
-// had happened, nobody looks until something does.
-static constexpr std::chrono::milliseconds kLook{5};
-static constexpr int kIdleLooks = 20;
+// A request that is in work at so many looks after the first is slow. After so many looks at which
+// nothing had happened, nobody looks until something does.
+static constexpr std::chrono::milliseconds kLook{2};
+static constexpr int kSlowLooks = 3;
+static constexpr int kIdleLooks = 25;
 
 // Makes a read of the next request return; what it does is nothing.
 static constexpr int kInterrupt = SIGURG;
@@ -41,7 +43,7 @@ static int processors() {
 }
 
 SessionLoop::SessionLoop(fuse_session *session)
-    : session_(session), wanted_(std::clamp(processors(), 1, kMaxTaking)) {
+    : session_(session), takers_(std::clamp(processors(), 1, kMaxTaking)) {
   static std::once_flag once;
   std::call_once(once, install_interrupt);
 }
@@ -55,9 +57,12 @@ void SessionLoop::run() {
       changed_.wait_for(lock, kLook);
       continue;
     }
+    // What was taken before this is seen by a last look, what is taken later ends the wait.
     looking_away_ = true;
-    changed_.wait(lock, [this] { return !looking_away_ || threads_ == 0 || stopping_; });
+    if (!look_after_locked())
+      changed_.wait(lock, [this] { return !looking_away_ || threads_ == 0 || stopping_; });
     looking_away_ = false;
+    idle = 0;
   }
   // A worker that was about to read when it was interrupted reads all the same.
   while (threads_ > 0) {
@@ -73,30 +78,41 @@ void SessionLoop::stop() {
   needed_.notify_all();
 }
 
+bool SessionLoop::request_waits() const {
+  pollfd device = {fuse_session_fd(session_), POLLIN, 0};
+  return poll(&device, 1, 0) > 0 && (device.revents & POLLIN);
+}
+
 // Counts who is able to take a request, now or soon, and sees to it that there are as many as shall
 // be. Whether a request was taken since the last look.
 bool SessionLoop::look_after_locked() {
-  int able = needs_, resting = -needs_;
+  TakerCount::Look look;
+  look.able = threads_ - static_cast<int>(workers_.size()) + needs_;
+  look.free = look.able;
+  int resting = -needs_;
   bool taken = false;
   for (Worker &worker : workers_) {
     const State state = worker.state;
-    const bool slow = state == State::kServing && worker.seen == worker.served;
-    if (state == State::kResting) {
-      resting++;
-    } else if (!slow) {
-      able++;
-    }
-    taken |= worker.seen != worker.served;
-    worker.seen = worker.served;
+    const unsigned served = worker.served;
+    const bool same = worker.seen == served;
+    worker.same = same ? std::min(worker.same + 1, kSlowLooks) : 0;
+    worker.seen = served;
+    taken |= !same;
+    resting += state == State::kResting;
+    look.free += state == State::kTaking;
+    look.serving += state == State::kServing;
+    look.able += state == State::kTaking || (state == State::kServing && worker.same < kSlowLooks);
   }
-  able += threads_ - static_cast<int>(workers_.size());
-  adjust_locked(able, resting);
+  look.waiting = request_waits();
+  if (taken || look.serving > 0 || look.waiting) takers_.saw(look);
+  adjust_locked(look.able, resting);
   return taken;
 }
 
 void SessionLoop::adjust_locked(int able, int resting) {
-  surplus_ = std::max(able - wanted_, 0);
-  for (; able < wanted_; able++) {
+  const int wanted = takers_.wanted();
+  surplus_ = std::max(able - wanted, 0);
+  for (; able < wanted; able++) {
     if (resting > 0) {
       resting--;
       needs_++;
@@ -140,9 +156,9 @@ void SessionLoop::serve_requests(Worker *worker, fuse_buf *buf) {
     const int n = fuse_session_receive_buf(session_, buf);
     if (n == -EINTR || n == -EAGAIN) continue;
     if (n <= 0) return;
-    worker->state = State::kServing;
     worker->served++;
-    if (looking_away_.exchange(false)) {
+    worker->state = State::kServing;  // last: a look must not take it for one that has been there
+    if (looking_away_ && looking_away_.exchange(false)) {
       const std::lock_guard lock(mutex_);
       changed_.notify_all();
     }

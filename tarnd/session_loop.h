@@ -2,11 +2,12 @@
 /*
  * The threads that serve one FUSE session.
  *
- * A few workers take requests, no more than there are processors to run them: with more, the host
- * kernel would wake a resting one for each request rather than let the one that has just answered
- * go on. A request may wait long (for a daemon that does not read), so whoever calls run() looks
- * after them: a worker that has been at one request for a while is slow and gets a substitute, and
- * when there are too many again, some rest.
+ * A few workers take requests, as many as the load needs and no more than there are processors to
+ * run them: with more, the host kernel would wake a resting one for each request rather than let
+ * the one that has just answered go on. A request may wait long (for a daemon that does not read),
+ * so whoever calls run() looks after them: a worker that has been at one request for a while is
+ * slow and gets a substitute, and when there are too many again, some rest. What it sees there also
+ * tells how many are needed, at no cost to the requests.
  *
  * run() is called once and returns when the file system has been unmounted or stop() was called,
  * and the last thread has ended. stop() may come from any thread, also before run(); requests that
@@ -23,6 +24,7 @@
 #include <mutex>
 
 #include "tarnd/fuse_api.h"
+#include "tarnd/taker_count.h"
 
 namespace tarnd {
 
@@ -40,18 +42,20 @@ class SessionLoop {
     std::atomic<State> state = State::kTaking;
     std::atomic<unsigned> served = 0;  // requests taken, this one included
     unsigned seen = 0;                 // `served` at the last look; under mutex_
+    int same = 0;                      // looks since it changed; under mutex_
   };
 
   void add_worker_locked();
   void work();
   void serve_requests(Worker *worker, fuse_buf *buf);
   void rest(Worker *worker);
+  bool request_waits() const;
   bool look_after_locked();
   void adjust_locked(int able, int resting);
   void interrupt_taking_locked();
 
   fuse_session *session_;
-  const int wanted_;  // how many shall be able to take a request
+  TakerCount takers_;  // how many shall be able to take a request; under mutex_
   std::atomic<bool> stopping_ = false;
   std::atomic<int> surplus_ = 0;            // how many more than that there are
   std::atomic<bool> looking_away_ = false;  // run() waits for a request to be taken

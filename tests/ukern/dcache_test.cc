@@ -71,6 +71,26 @@ CASE(dcache, lookup_is_by_parent_and_whole_name) {
   dput(dir);
 }
 
+// More than the hash has chains for at first, and again after it has grown.
+CASE(dcache, as_many_as_there_are) {
+  constexpr int kMany = 6000;
+  static struct dentry *held[kMany];
+  testfs fs;
+  char text[16];
+  for (int i = 0; i < kMany; i++) {
+    snprintf(text, sizeof(text), "n%d", i);
+    held[i] = fs.add(fs.root(), text, 0);
+    REQUIRE_TRUE(held[i]);
+  }
+  for (int i = 0; i < kMany; i++) {
+    snprintf(text, sizeof(text), "n%d", i);
+    struct dentry *found = testfs::lookup(fs.root(), text);
+    EXPECT_TRUE(found == held[i]);
+    dput(found);
+  }
+  for (struct dentry *dentry : held) dput(dentry);
+}
+
 CASE(dcache, dropped_dentry_is_not_found_and_goes_with_its_last_user) {
   testfs fs;
   struct dentry *dentry = fs.add(fs.root(), "a", S_IFREG | 0644);

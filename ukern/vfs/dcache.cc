@@ -8,37 +8,86 @@
 
 #include "ukern/vfs/dcache_internal.h"
 
+#include <linux/gfp.h>
 #include <linux/hash.h>
 #include <linux/slab.h>
 #include <linux/string.h>
 
-static const unsigned kHashBits = 16;
-static const unsigned kHashSize = 1u << kHashBits;
+// The hash has about as many chains as there are dentries: a look-up among few finds its chain in
+// the processor's cache, one among many has no long chain to follow.
+static const unsigned kPageBits = 9;  // log2 of the chains whose heads fill a page
+static const unsigned kLeastHashBits = kPageBits + 1;
+static const unsigned kMostHashBits = kPageBits + MAX_ORDER - 1;
+static const unsigned kGrowth = 2;  // bits at a time
 static const unsigned kAlign = 16;  // of addresses: their low bits say nothing
 
 DEFINE_SPINLOCK(dcache_lock);
 struct dentry_stat_t dentry_stat;
 
-static struct hlist_head hashtable[kHashSize];
+static struct hlist_head *hashtable;  // under dcache_lock, as is
+static unsigned hash_bits;
 static struct kmem_cache *dentry_cache;
+
+static struct hlist_head *new_table(unsigned bits) {
+  static_assert(sizeof(struct hlist_head) << kPageBits == PAGE_SIZE);
+  return (struct hlist_head *)__get_free_pages(GFP_KERNEL | __GFP_ZERO, bits - kPageBits);
+}
+
+static void free_table(struct hlist_head *table, unsigned bits) {
+  free_pages((unsigned long)table, bits - kPageBits);
+}
 
 int dcache_init(void) {
   dentry_stat = {};
   INIT_LIST_HEAD(&dentry_unused);
-  memset(hashtable, 0, sizeof(hashtable));
+  hash_bits = kLeastHashBits;
+  hashtable = new_table(hash_bits);
+  if (!hashtable) return -ENOMEM;
   dentry_cache =
       kmem_cache_create("dentry_cache", sizeof(struct dentry), 0, SLAB_RECLAIM_ACCOUNT, NULL, NULL);
-  return dentry_cache ? 0 : -ENOMEM;
+  if (dentry_cache) return 0;
+  free_table(hashtable, hash_bits);
+  return -ENOMEM;
 }
 
 void dcache_exit(void) {
   kmem_cache_destroy(dentry_cache);
   dentry_cache = NULL;
+  free_table(hashtable, hash_bits);
 }
 
 static struct hlist_head *hash_chain(struct dentry *parent, unsigned hash) {
-  const unsigned long mixed = hash_long((unsigned long)parent / kAlign + hash, kHashBits);
-  return &hashtable[mixed & (kHashSize - 1)];
+  const unsigned long mixed = hash_long((unsigned long)parent / kAlign + hash, hash_bits);
+  return &hashtable[mixed & ((1u << hash_bits) - 1)];
+}
+
+// Puts all dentries into a larger table when they have become too many for this one. Without memory
+// for it the chains get longer, that is all.
+static void grow_hash(void) {
+  const unsigned bits = min(hash_bits + kGrowth, kMostHashBits);
+  struct hlist_head *fresh = new_table(bits);
+  if (!fresh) return;
+
+  spin_lock(&dcache_lock);
+  struct hlist_head *old = hashtable;
+  const unsigned old_bits = hash_bits;
+  const bool still_small = old_bits < bits;
+  if (still_small) {
+    hashtable = fresh;
+    hash_bits = bits;
+    for (struct hlist_head *chain = old; chain < old + (1ul << old_bits); chain++) {
+      while (chain->first) {
+        struct dentry *dentry = hlist_entry(chain->first, struct dentry, d_hash);
+        hlist_del(&dentry->d_hash);
+        hlist_add_head(&dentry->d_hash, hash_chain(dentry->d_parent, dentry->d_name.hash));
+      }
+    }
+  }
+  spin_unlock(&dcache_lock);
+  if (still_small)
+    free_table(old, old_bits);
+  else
+    free_table(fresh, bits);
 }
 
 struct dentry *d_alloc(struct dentry *parent, const struct qstr *name) {
@@ -79,7 +128,9 @@ struct dentry *d_alloc(struct dentry *parent, const struct qstr *name) {
   spin_lock(&dcache_lock);
   if (parent) list_add(&dentry->d_u.d_child, &parent->d_subdirs);
   stat_add(&dentry_stat.nr_dentry, 1);
+  const bool crowded = hash_bits < kMostHashBits && dentry_stat.nr_dentry > 1 << hash_bits;
   spin_unlock(&dcache_lock);
+  if (crowded) grow_hash();
   return dentry;
 }
 

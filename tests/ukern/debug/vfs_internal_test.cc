@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Dentries, inodes and mounts by calls that a module does not have.
 #include "tests/ukern/testfs.h"
+#include "ukern/uk_core.h"
 
 CASE(vfs_internal, is_subdir) {
   testfs fs;
@@ -16,6 +17,31 @@ CASE(vfs_internal, is_subdir) {
   dput(c);
   dput(b);
   dput(a);
+}
+
+// Without memory for more chains they get longer; with it the next dentry makes up for that.
+CASE(vfs_internal, a_hash_that_cannot_grow) {
+  constexpr int kMany = 1500;
+  testfs fs;
+  char text[16];
+  int failures = 0;
+  for (int i = 0; i < kMany; i++) {
+    snprintf(text, sizeof(text), "n%d", i);
+    if (i < kMany - 1) uk_fault_arm(2);  // the first is the dentry's own memory
+    struct dentry *dentry = fs.alloc(fs.root(), text);
+    failures += uk_fault_count() > 1;
+    uk_fault_arm(0);
+    REQUIRE_TRUE(dentry);
+    d_add(dentry, NULL);
+    dput(dentry);
+  }
+  EXPECT_GT(failures, 100);
+  for (int i = 0; i < kMany; i++) {
+    snprintf(text, sizeof(text), "n%d", i);
+    struct dentry *found = testfs::lookup(fs.root(), text);
+    REQUIRE_TRUE(found);
+    dput(found);
+  }
 }
 
 CASE(vfs_internal, mount_of_an_unknown_type) {

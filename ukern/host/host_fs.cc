@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/fsuid.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -95,6 +96,12 @@ struct FdPath {
   explicit FdPath(int fd) { std::snprintf(text, sizeof text, "/proc/self/fd/%d", fd); }
   char text[32];
 };
+
+// A path descriptor of what is open, whatever happens to its name meanwhile.
+int path_descriptor(int fd) {
+  const int path = open_tree(fd, "", AT_EMPTY_PATH | OPEN_TREE_CLOEXEC);
+  return path >= 0 ? path : result(open(FdPath(fd).text, O_PATH | O_CLOEXEC));
+}
 
 host_time time_from(const statx_timestamp &time) {
   return {time.tv_sec, time.tv_nsec};
@@ -222,8 +229,7 @@ int host_fs_create(const host_identity *as, int dir, const char *name, unsigned 
   constexpr int kNew = O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
   const int made = openat(dir, name, (data ? O_RDWR : O_RDONLY) | kNew, mode);
   if (made < 0) return -errno;
-  // The descriptor's own path leads to this file whatever happens to the name meanwhile.
-  const int fd = result(open(FdPath(made).text, O_PATH | O_CLOEXEC));
+  const int fd = path_descriptor(made);
   if (data && fd >= 0) {
     *data = made;
   } else {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The table of nodes, and the way from a node to the dentry that a call works on.
+// The nodes of each inode, and the way from a node to the dentry that a call works on.
 #include <linux/dcache.h>
 #include <linux/err.h>
 #include <linux/errno.h>
@@ -7,7 +7,6 @@
 #include <linux/hash.h>
 #include <linux/kernel.h>
 #include <linux/limits.h>
-#include <linux/list.h>
 #include <linux/mm.h>
 #include <linux/mount.h>
 #include <linux/namei.h>
@@ -18,9 +17,9 @@
 #include "ukern/vfs/node.h"
 
 struct uk_node {
-  struct hlist_node hash;
-  unsigned long count;  // under its chain's lock, as is membership
-  struct inode *inode;  // pinned by the dentry
+  struct uk_node *next;  // of the inode's nodes
+  unsigned long count;   // under the inode's node lock, as is the list
+  struct inode *inode;   // pinned by the dentry
   struct vfsmount *mnt;
   struct dentry *dentry;  // under `lock`
   spinlock_t lock;
@@ -28,22 +27,14 @@ struct uk_node {
 
 namespace {
 
-// One chain per word of the table; a few locks, each for many chains.
-constexpr unsigned kTableOrder = 6;
-constexpr unsigned kChainBits = kTableOrder + PAGE_SHIFT - 3;
-constexpr unsigned kLocks = 64;
-static_assert(sizeof(struct hlist_head) == 8);
+// A few locks, each for the nodes of many inodes.
+constexpr unsigned kLockBits = 6;
 
-struct hlist_head *chains;
-spinlock_t chain_locks[kLocks];
+spinlock_t node_locks[1u << kLockBits];
 kmem_cache_t *node_cache;
 
-unsigned long chain_number(struct inode *inode) {
-  return hash_long((unsigned long)inode, kChainBits);
-}
-
-spinlock_t *lock_of(unsigned long chain) {
-  return &chain_locks[chain % kLocks];
+spinlock_t *lock_of(struct inode *inode) {
+  return &node_locks[hash_long((unsigned long)inode, kLockBits)];
 }
 
 struct uk_node *new_node(struct vfsmount *mnt, struct dentry *dentry) {
@@ -66,22 +57,28 @@ void free_node(struct uk_node *node) {
 // The node of (inode, mnt) with one more reference; if there is none, `fresh` becomes it (as it is)
 // or NULL.
 struct uk_node *find_or_add(struct inode *inode, struct vfsmount *mnt, struct uk_node *fresh) {
-  const unsigned long chain = chain_number(inode);
-  struct uk_node *node, *found = NULL;
-  struct hlist_node *pos;
-  spin_lock(lock_of(chain));
-  hlist_for_each_entry(node, pos, &chains[chain], hash) {
-    if (node->inode == inode && node->mnt == mnt) {
-      found = node;
-      break;
-    }
-  }
-  if (found)
+  spinlock_t *lock = lock_of(inode);
+  spin_lock(lock);
+  struct uk_node *found = inode->i_nodes;
+  while (found && found->mnt != mnt) found = found->next;
+  if (found) {
     found->count++;
-  else if (fresh)
-    hlist_add_head(&fresh->hash, &chains[chain]);
-  spin_unlock(lock_of(chain));
+  } else if (fresh) {
+    fresh->next = inode->i_nodes;
+    inode->i_nodes = fresh;
+  }
+  spin_unlock(lock);
   return found ? found : fresh;
+}
+
+void remove_locked(struct uk_node *node) {
+  struct uk_node *before = node->inode->i_nodes;
+  if (before == node) {
+    node->inode->i_nodes = node->next;
+    return;
+  }
+  while (before->next != node) before = before->next;
+  before->next = node->next;
 }
 
 void hold_dentry(struct uk_node *node, struct dentry *dentry) {
@@ -153,22 +150,15 @@ int open_in_place(struct walk_path *path, int flags, struct nameidata *nd) {
 extern "C" {
 
 int ukern_nodes_init(void) {
-  chains = (struct hlist_head *)__get_free_pages(GFP_KERNEL | __GFP_ZERO, kTableOrder);
-  if (!chains) return -ENOMEM;
-  for (unsigned i = 0; i < kLocks; i++) spin_lock_init(&chain_locks[i]);
+  for (spinlock_t &lock : node_locks) spin_lock_init(&lock);
   node_cache = kmem_cache_create("uk_node", sizeof(struct uk_node), 0, 0, NULL, NULL);
-  if (node_cache) return 0;
-  free_pages((unsigned long)chains, kTableOrder);
-  chains = NULL;
-  return -ENOMEM;
+  return node_cache ? 0 : -ENOMEM;
 }
 
 void ukern_nodes_exit(void) {
   if (!node_cache) return;
   kmem_cache_destroy(node_cache);  // reports nodes that were never given back
-  free_pages((unsigned long)chains, kTableOrder);
   node_cache = NULL;
-  chains = NULL;
 }
 
 void path_put(struct walk_path *path) {
@@ -192,7 +182,7 @@ int node_get(struct vfsmount *mnt, struct dentry *dentry, struct uk_node **out) 
 }
 
 void uk_node_get(struct uk_node *node) {
-  spinlock_t *lock = lock_of(chain_number(node->inode));
+  spinlock_t *lock = lock_of(node->inode);
   spin_lock(lock);
   node->count++;
   spin_unlock(lock);
@@ -214,12 +204,12 @@ int uk_node_place(struct uk_node *node, struct uk_node **dir, char name[256]) {
 }
 
 void uk_node_put(struct uk_node *node, unsigned long count) {
-  spinlock_t *lock = lock_of(chain_number(node->inode));
+  spinlock_t *lock = lock_of(node->inode);
   spin_lock(lock);
   BUG_ON(count > node->count);
   node->count -= count;
   const bool last = !node->count;
-  if (last) hlist_del(&node->hash);
+  if (last) remove_locked(node);
   spin_unlock(lock);
   if (last) free_node(node);
 }

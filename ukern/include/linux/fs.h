@@ -264,7 +264,8 @@ struct inode {
   union {
     void *generic_ip; /* the file system's */
   } u;
-  struct uk_reflog *i_reflog; /* debug builds: who took and dropped references */
+  ukern_field<struct uk_node *> i_nodes; /* the hosting program's handles; see ukern/vfs/node.h */
+  struct uk_reflog *i_reflog;            /* debug builds: who took and dropped references */
 };
 
 /* Subclasses of i_mutex, in the order in which they are taken: parent, child, normal, xattr, quota.

@@ -9,6 +9,8 @@
 #include <limits>
 #include <string>
 
+#include "ukern/uk_fs.h"
+
 namespace tarnd {
 
 // The host tells a process's groups in a text that takes longer to make and read than most requests
@@ -74,8 +76,22 @@ static unsigned long long waiting_signals(int tid) {
   return waiting & ~blocked;
 }
 
+// The clock is read for requests by a path alone: no other belongs to a walk.
+static Step step_of(Need need) {
+  if (need == Need::kLookup) return Step::kLookup;
+  return need == Need::kPath ? Step::kLast : Step::kNone;
+}
+
+bool CallerTask::continues_walk(int pid, Need need) {
+  const Step step = step_of(need);
+  timespec tick{};
+  if (step != Step::kNone) clock_gettime(CLOCK_MONOTONIC_COARSE, &tick);
+  return walk_.take(pid, step, tick);
+}
+
 void CallerTask::become(fuse_req_t req, Need need) {
   const fuse_ctx *ctx = fuse_req_ctx(req);
+  uk_call_continues(continues_walk(ctx->pid, need));
   Identity caller;
   const bool same =
       identity_.pid == ctx->pid && identity_.uid == ctx->uid && identity_.gid == ctx->gid;

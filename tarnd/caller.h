@@ -9,6 +9,7 @@
 #include <mutex>
 
 #include "tarnd/fuse_api.h"
+#include "tarnd/path_walk.h"
 #include "tarnd/task.h"
 
 namespace tarnd {
@@ -17,6 +18,8 @@ namespace tarnd {
 enum class Need {
   kBasic,
   kGroups, /* supplementary groups: whatever checks permissions */
+  kLookup, /* these, of a look-up */
+  kPath,   /* these, of what follows the look-ups of its path in one system call of the caller's */
 };
 
 /*
@@ -37,6 +40,7 @@ class CallerTask {
  private:
   friend class Listening;
   using Clock = std::chrono::steady_clock;
+  bool continues_walk(int pid, Need need);
   static void interrupted(fuse_req_t req, void *task);
   void listen(fuse_req_t req);
   void calm();
@@ -44,6 +48,7 @@ class CallerTask {
   Task task_;
   Identity identity_;
   Clock::time_point groups_good_until_;
+  PathWalk walk_;
 
   std::mutex mutex_;
   fuse_req_t listening_ = nullptr;  // under mutex_

@@ -25,7 +25,8 @@ void add_file_operations(fuse_lowlevel_ops *ops);
 
 /*
  * Names and attributes are not kept by the host: each path walk asks for each name again, so that a
- * change made directly in the lower directory is seen at once.
+ * change made directly in the lower directory is seen at once. What the walk of a system call has
+ * found is good for that call (path_walk.h).
  *
  * A name's answer brings the attributes with it, and the call that looked the name up asks for them
  * right after it: for that they may be used until the host's clock ticks twice, unless the file is

@@ -27,7 +27,7 @@ static void op_getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
 
 static void op_setattr(fuse_req_t req, fuse_ino_t ino, struct stat *attr, int to_set,
                        fuse_file_info *fi) {
-  as_waiting_caller(req, Need::kGroups, [&] {
+  as_waiting_caller(req, Need::kPath, [&] {
     const uk_stat want = to_uk_stat(*attr);
     uk_stat stat{};
     const int err = uk_setattr(node_of(req, ino), file_of(fi), to_uk_set(to_set), &want, &stat);

@@ -22,7 +22,7 @@ static void reply_opened(fuse_req_t req, fuse_ino_t ino, uk_file *file, fuse_fil
 }
 
 static void open_node(fuse_req_t req, fuse_ino_t ino, int flags, fuse_file_info *fi) {
-  as_waiting_caller(req, Need::kGroups, [&] {
+  as_waiting_caller(req, Need::kPath, [&] {
     uk_file *file = nullptr;
     const int err = uk_open(node_of(req, ino), flags, &file);
     if (err) {
@@ -43,6 +43,7 @@ static void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
 
 static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t mode,
                       fuse_file_info *fi) {
+  // Not kPath: whether the name is still free is for the kernel to ask.
   as_waiting_caller(req, Need::kGroups, [&] {
     uk_node *node = nullptr;
     uk_file *file = nullptr;

@@ -18,7 +18,7 @@ static void reply_node(fuse_req_t req, int err, uk_node *node, const uk_stat &st
 }
 
 static void op_lookup(fuse_req_t req, fuse_ino_t parent, const char *name) {
-  as_caller(req, Need::kGroups, [&] {
+  as_caller(req, Need::kLookup, [&] {
     uk_node *node = nullptr;
     uk_stat stat{};
     const int err = uk_lookup(node_of(req, parent), name, &node, &stat);
@@ -45,7 +45,7 @@ static void op_forget_multi(fuse_req_t req, size_t count, fuse_forget_data *forg
 }
 
 static void op_mknod(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t mode, dev_t rdev) {
-  as_waiting_caller(req, Need::kGroups, [&] {
+  as_waiting_caller(req, Need::kPath, [&] {
     uk_node *node = nullptr;
     uk_stat stat{};
     const int err =
@@ -55,7 +55,7 @@ static void op_mknod(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t
 }
 
 static void op_mkdir(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t mode) {
-  as_waiting_caller(req, Need::kGroups, [&] {
+  as_waiting_caller(req, Need::kPath, [&] {
     uk_node *node = nullptr;
     uk_stat stat{};
     const int err = uk_mkdir(node_of(req, parent), name, mode, &node, &stat);
@@ -64,7 +64,7 @@ static void op_mkdir(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t
 }
 
 static void op_symlink(fuse_req_t req, const char *target, fuse_ino_t parent, const char *name) {
-  as_waiting_caller(req, Need::kGroups, [&] {
+  as_waiting_caller(req, Need::kPath, [&] {
     uk_node *node = nullptr;
     uk_stat stat{};
     const int err = uk_symlink(node_of(req, parent), name, target, &node, &stat);
@@ -73,7 +73,7 @@ static void op_symlink(fuse_req_t req, const char *target, fuse_ino_t parent, co
 }
 
 static void op_link(fuse_req_t req, fuse_ino_t ino, fuse_ino_t parent, const char *name) {
-  as_waiting_caller(req, Need::kGroups, [&] {
+  as_waiting_caller(req, Need::kPath, [&] {
     uk_node *node = nullptr;
     uk_stat stat{};
     const int err = uk_link(node_of(req, ino), node_of(req, parent), name, &node, &stat);
@@ -82,18 +82,18 @@ static void op_link(fuse_req_t req, fuse_ino_t ino, fuse_ino_t parent, const cha
 }
 
 static void op_unlink(fuse_req_t req, fuse_ino_t parent, const char *name) {
-  as_waiting_caller(req, Need::kGroups,
+  as_waiting_caller(req, Need::kPath,
                     [&] { reply_error(req, uk_unlink(node_of(req, parent), name)); });
 }
 
 static void op_rmdir(fuse_req_t req, fuse_ino_t parent, const char *name) {
-  as_waiting_caller(req, Need::kGroups,
+  as_waiting_caller(req, Need::kPath,
                     [&] { reply_error(req, uk_rmdir(node_of(req, parent), name)); });
 }
 
 static void op_rename(fuse_req_t req, fuse_ino_t parent, const char *name, fuse_ino_t new_parent,
                       const char *new_name, unsigned flags) {
-  as_waiting_caller(req, Need::kGroups, [&] {
+  as_waiting_caller(req, Need::kPath, [&] {
     // Exchange, whiteout and no-replace came with later kernels.
     const int err =
         flags ? -EINVAL : uk_rename(node_of(req, parent), name, node_of(req, new_parent), new_name);

@@ -64,6 +64,13 @@ unsigned long long uk_node_ino(struct uk_node *node);
  */
 int uk_node_place(struct uk_node *node, struct uk_node **dir, char name[256]);
 
+/*
+ * Says whether (1) or not (0, as after every call) the current task's next call and the look-ups
+ * that it made just before are one system call: a look-up is joined to those before it, and any
+ * other call takes for true what they found rather than have the file system ask for it again.
+ */
+void uk_call_continues(int yes);
+
 /* Each call with `out` adds one reference to the node it returns, which is the caller's. */
 int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struct uk_stat *stat);
 int uk_getattr(struct uk_node *node, struct uk_file *file,

@@ -169,7 +169,7 @@ void hostfs_take_stat(struct inode *inode, const struct host_stat *stat) {
   inode->i_mtime = time_from(stat->mtime);
   inode->i_ctime = time_from(stat->ctime);
   spin_unlock(&inode->i_lock);
-  __atomic_store_n(&hostfs_i(inode)->looked, current->call, __ATOMIC_RELAXED);
+  hostfs_set_fresh(&hostfs_i(inode)->looked);
 }
 
 int hostfs_refresh(struct inode *inode) {
@@ -180,8 +180,7 @@ int hostfs_refresh(struct inode *inode) {
 }
 
 int hostfs_refresh_once(struct inode *inode) {
-  const unsigned long looked = __atomic_load_n(&hostfs_i(inode)->looked, __ATOMIC_RELAXED);
-  return current->call && looked == current->call ? 0 : hostfs_refresh(inode);
+  return hostfs_is_fresh(&hostfs_i(inode)->looked) ? 0 : hostfs_refresh(inode);
 }
 
 struct inode *hostfs_iget(struct super_block *sb, int fd) {

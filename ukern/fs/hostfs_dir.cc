@@ -26,8 +26,9 @@ int disowned(struct dentry *dentry) {
   return 0;
 }
 
-// Compares what the host has under the name now with what the dentry says.
-int hostfs_revalidate(struct dentry *dentry, struct nameidata *) {
+// Compares what the host has under the name now with what the dentry says. The result is what
+// d_revalidate says.
+int ask_host(struct dentry *dentry) {
   if (IS_ROOT(dentry) || d_mountpoint(dentry)) return 1;
   // A move to a name that was not there leaves its dentry without one.
   if (!dentry->d_inode && d_unhashed(dentry)) return 0;
@@ -42,11 +43,19 @@ int hostfs_revalidate(struct dentry *dentry, struct nameidata *) {
   const int error = host_fs_stat_name(&as, hostfs_fd(parent->d_inode), name, &stat);
   dput(parent);
   struct inode *inode = dentry->d_inode;
-  if (!inode) return error == -ENOENT;
-  if (error && error != -ENOENT && error != -ENOTDIR) return 0;
-  if (error || !hostfs_is(inode, &stat)) return disowned(dentry);
-  hostfs_take_stat(inode, &stat);
+  if (inode) {
+    if (error && error != -ENOENT && error != -ENOTDIR) return 0;
+    if (error || !hostfs_is(inode, &stat)) return disowned(dentry);
+    hostfs_take_stat(inode, &stat);
+  } else if (error != -ENOENT) {
+    return 0;
+  }
+  hostfs_set_fresh(&dentry->d_time);
   return 1;
+}
+
+int hostfs_revalidate(struct dentry *dentry, struct nameidata *) {
+  return hostfs_is_fresh(&dentry->d_time) ? 1 : ask_host(dentry);
 }
 
 // A directory that the host has moved loses the name under which it was known, so that it is not in
@@ -54,7 +63,7 @@ int hostfs_revalidate(struct dentry *dentry, struct nameidata *) {
 void forget_moved(struct inode *inode) {
   if (!S_ISDIR(inode->i_mode)) return;
   if (struct dentry *alias = d_find_alias(inode)) {
-    if (!hostfs_revalidate(alias, nullptr)) d_drop(alias);
+    if (!ask_host(alias)) d_drop(alias);
     dput(alias);
   }
 }
@@ -62,6 +71,7 @@ void forget_moved(struct inode *inode) {
 struct dentry *hostfs_lookup(struct inode *dir, struct dentry *dentry, struct nameidata *) {
   const host_identity as = hostfs_caller();
   dentry->d_op = &hostfs_dops;
+  hostfs_set_fresh(&dentry->d_time);
   const int fd = host_fs_lookup(&as, hostfs_fd(dir), name_of(dentry));
   if (fd == -ENOENT) {
     d_add(dentry, nullptr);

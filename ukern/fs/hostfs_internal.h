@@ -31,7 +31,8 @@ struct hostfs_inode {
   unsigned long long dev, ino, mount;
   int made;    /* a data descriptor that the creation left for the open that it belongs to, or -1 */
   int removed; /* its last name was taken away through here */
-  unsigned long looked;    /* the call (see task_struct) in which the attributes were taken last */
+  unsigned long looked;    /* the call (see task_struct) in which the attributes were taken last;
+                              a dentry's d_time is the one in which its name was found to hold */
   unsigned long permitted; /* the call and mask of the last permission that the host gave */
 };
 
@@ -45,6 +46,14 @@ static inline int hostfs_is(const struct inode *inode, const struct host_stat *s
 }
 static inline int hostfs_fd(const struct inode *inode) {
   return hostfs_i(inode)->fd;
+}
+
+/* Whether what was learnt in that call is still good for the call under way. */
+static inline int hostfs_is_fresh(const unsigned long *call) {
+  return current->call && __atomic_load_n(call, __ATOMIC_RELAXED) >= current->fresh_since;
+}
+static inline void hostfs_set_fresh(unsigned long *call) {
+  __atomic_store_n(call, current->call, __ATOMIC_RELAXED);
 }
 
 /* The current task as the host shall see it. The groups belong to the task. */

@@ -7,7 +7,7 @@
  * which it was looked up last, and through it the inode, and the mount. Its count is the caller's;
  * at zero the node and what it holds are gone.
  *
- * Locks: a spin lock, shared by many hash chains, covers the chains and the counts of their nodes;
+ * Locks: a spin lock, shared by many inodes, covers the lists and the counts of their nodes;
  * a spin lock per node covers which dentry it holds. They do not nest. References are dropped with
  * neither held.
  */
@@ -67,13 +67,20 @@ int node_stat(struct walk_path *path, struct uk_stat *stat);
 
 /*
  * One call of the hosting program by the current task, for as long as this stands. Several looks at
- * one object within it may be one look: nobody can tell at what moment of the call it was made.
+ * one object within it, and since the first look-up of its system call, may be one look: nobody can
+ * tell at what moment of the call it was made. A look-up itself asks anew.
  */
 class one_call {
  public:
-  one_call() {
+  enum what { LOOKUP, OTHER };
+  explicit one_call(what what = OTHER) {
     static unsigned long calls;
-    current->call = __atomic_add_fetch(&calls, 1, __ATOMIC_RELAXED);
+    const unsigned long number = __atomic_add_fetch(&calls, 1, __ATOMIC_RELAXED);
+    const bool first = !current->continues;
+    current->continues = false;
+    if (what == LOOKUP && first) current->first_lookup = number;
+    current->fresh_since = what == LOOKUP || first ? number : current->first_lookup;
+    current->call = number;
   }
   ~one_call() { current->call = 0; }
   one_call(const one_call &) = delete;

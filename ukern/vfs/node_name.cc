@@ -38,8 +38,12 @@ int uk_node_at(const char *name, struct uk_node **out) {
   return error;
 }
 
+void uk_call_continues(int yes) {
+  current->continues = yes;
+}
+
 int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struct uk_stat *stat) {
-  const one_call call;
+  const one_call call(one_call::LOOKUP);
   struct walk_path path;
   const int error = enter(dir, name, &path);
   return error ? error : leave(&path, 0, name, out, stat);

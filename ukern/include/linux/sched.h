@@ -89,8 +89,13 @@ struct task_struct {
   struct group_info *group_info;
   kernel_cap_t cap_effective, cap_inheritable, cap_permitted;
 
-  unsigned long call; /* the hosting program's call under way, in which what a file system has just
-                         learnt from elsewhere need not be asked again; 0: none */
+  /*
+   * The hosting program's calls, numbered as they begin. What a file system has learnt from
+   * elsewhere since call `fresh_since` began need not be asked again in call `call`; 0: none is
+   * under way. `first_lookup` is the first of the look-ups that one system call makes.
+   */
+  unsigned long call, fresh_since, first_lookup;
+  bool continues; /* the next call belongs to the system call of the last look-ups */
   int link_count, total_link_count; /* symbolic links in the path walk under way */
 
   struct fs_struct *fs;

@@ -40,6 +40,7 @@ int ask_host(struct dentry *dentry) {
   const host_identity as = hostfs_caller();
   struct dentry *parent = dget_parent(dentry);
   struct host_stat stat;
+  if (dentry->d_inode) ukern_prefetch_attributes(dentry->d_inode);
   const int error = host_fs_stat_name(&as, hostfs_fd(parent->d_inode), name, &stat);
   dput(parent);
   struct inode *inode = dentry->d_inode;

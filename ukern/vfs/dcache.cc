@@ -288,6 +288,7 @@ struct dentry *__d_lookup(struct dentry *parent, struct qstr *name) {
 
   spin_lock(&dcache_lock);
   hlist_for_each_entry(dentry, node, hash_chain(parent, name->hash), d_hash) {
+    __builtin_prefetch(&dentry->d_iname);  // it is not where the hash is
     if (dentry->d_name.hash != name->hash || dentry->d_parent != parent) continue;
     spin_lock(&dentry->d_lock);
     if (name_matches(parent, dentry, name)) found = dget_locked(dentry);

@@ -78,7 +78,12 @@ bool at_root(struct nameidata *nd) {
 // when it does not and nobody's use kept it from being thrown out.
 struct dentry *revalidate(struct dentry *dentry, struct nameidata *nd) {
   if (!dentry->d_op || !dentry->d_op->d_revalidate) return dentry;
-  if (dentry->d_op->d_revalidate(dentry, nd)) return dentry;
+  if (dentry->d_inode) ukern_prefetch_attributes(dentry->d_inode);
+  if (dentry->d_op->d_revalidate(dentry, nd)) {
+    // Whoever walked here is about to ask for the inode's node, most often the first one.
+    if (dentry->d_inode) __builtin_prefetch(dentry->d_inode->i_nodes, 1);
+    return dentry;
+  }
   if (d_invalidate(dentry)) {
     if (nd) nd->flags |= WALK_DISOWNED;
     return dentry;

@@ -15,6 +15,7 @@ extern "C" {
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -33,8 +34,8 @@ static constexpr int kUnit = 29;
 // Longer than any message: the largest that the kernel takes is bounded by a socket's send buffer.
 static constexpr size_t kPacketMax = 256 * 1024;
 static constexpr unsigned kReceiveWaitMs = 60'000;
-// How many packets are passed on at one stroke.
-static constexpr size_t kPackets = 64;
+// How many messages are passed on at one stroke.
+static constexpr size_t kMessages = 256;
 // Waking the peer costs more than a message does, and so does waking the pump: what comes within
 // this time after the last messages waits and goes together.
 static constexpr std::chrono::microseconds kRest{500};
@@ -80,85 +81,96 @@ struct MessageHead {
 };
 static_assert(sizeof(MessageHead) == OX_NLMSG_HDRLEN);
 
-MessageHead head_of(const char *message) {
+MessageHead head_of(const void *message) {
   MessageHead head;
   std::memcpy(&head, message, sizeof(head));
   return head;
 }
 
-// Messages on their way to the peer, as many as wait and fit.
+// Messages on their way to the peer, as many as wait and fit. They are sent from where the kernel
+// has put them, and lent until then.
 class Batch {
  public:
-  Batch() : room_(2 * kPacketMax) {}
+  explicit Batch(uk_nlsock *sock) : sock_(sock) {}
+  ~Batch() { give_back(); }
+  Batch(const Batch &) = delete;
+  Batch &operator=(const Batch &) = delete;
 
   /* At least one message, or the error of waiting for it. `several`: in packets of several; may
    * change while it waits. */
-  long fill(uk_nlsock *sock, const std::atomic<bool> &several) {
-    used_ = count_ = 0;
-    long n = receive(sock, kReceiveWaitMs);
+  long fill(const std::atomic<bool> &several) {
+    const long n = uk_nl_take(sock_, lent_, kMessages, kReceiveWaitMs);
     if (n < 0) return n;
-    for (; n >= 0; n = receive(sock, 0)) {
-      take(static_cast<size_t>(n), several);
-      if (count_ == kPackets || room_.size() - used_ < kPacketMax) break;
+    messages_ = static_cast<size_t>(n);
+    const bool company = several;
+    for (const uk_nl_lent &message : std::span(lent_, messages_)) {
+      if (company)
+        add_to_company(message);
+      else
+        add_alone(message, message.len);
     }
-    emptied_ = n < 0;
     return 0;
   }
 
   /* Did nothing wait behind it? */
-  bool emptied() const { return emptied_; }
+  bool emptied() const { return messages_ < kMessages; }
 
-  /* False: the peer has hung up. */
+  /* Leaves it empty. False: the peer has hung up. */
   bool send_to(int connection) {
-    for (size_t sent = 0; sent < count_;) {
-      const int n =
-          sendmmsg(connection, &headers_[sent], static_cast<unsigned>(count_ - sent), MSG_NOSIGNAL);
+    for (size_t sent = 0; sent < packets_;) {
+      const int n = sendmmsg(connection, &headers_[sent], static_cast<unsigned>(packets_ - sent),
+                             MSG_NOSIGNAL);
       if (n < 0 && errno != EINTR) return false;
       if (n > 0) sent += static_cast<size_t>(n);
     }
+    give_back();
     return true;
   }
 
  private:
-  /* A message behind those in use, with room for what pads it. */
-  long receive(uk_nlsock *sock, unsigned wait_ms) {
-    return uk_nl_recv(sock, room_.data() + used_, room_.size() - used_ - kAlign, wait_ms);
+  void give_back() {
+    uk_nl_give_back(sock_, lent_, messages_);
+    messages_ = packets_ = parts_used_ = 0;
   }
 
-  /* The `n` bytes behind those in use are a message. */
-  void take(size_t n, bool several) {
-    char *const message = room_.data() + used_;
-    if (several) n = fit_for_company(message, n);
-    used_ += n;
-    if (several && count_ != 0 && parts_[count_ - 1].iov_len + n <= OX_CTL_DAEMON_PACKET_MAX) {
-      parts_[count_ - 1].iov_len += n;
-      return;
-    }
-    parts_[count_] = {message, n};
-    headers_[count_] = {};
-    headers_[count_].msg_hdr.msg_iov = &parts_[count_];
-    headers_[count_].msg_hdr.msg_iovlen = 1;
-    count_++;
+  /* In a packet of its own. */
+  void add_alone(const uk_nl_lent &message, size_t n) {
+    headers_[packets_] = {};
+    headers_[packets_].msg_hdr.msg_iov = &parts_[parts_used_];
+    packets_++;
+    packet_bytes_ = 0;
+    add_part(message.data, n);
   }
 
-  /* Without what fills the buffer of a page up, but up to where the next message may begin: the
-   * length. */
-  static size_t fit_for_company(char *message, size_t n) {
+  /* Without what fills the buffer of a page up, but up to where the next message may begin. */
+  void add_to_company(const uk_nl_lent &message) {
+    size_t n = message.len;
     if (n >= sizeof(MessageHead))
-      n = std::clamp<size_t>(head_of(message).length, sizeof(MessageHead), n);
-    const size_t aligned = (n + kAlign - 1) / kAlign * kAlign;
-    std::memset(message + n, 0, aligned - n);
-    return aligned;
+      n = std::clamp<size_t>(head_of(message.data).length, sizeof(MessageHead), n);
+    const size_t padding = (kAlign - n % kAlign) % kAlign;
+    if (packets_ != 0 && packet_bytes_ + n + padding <= OX_CTL_DAEMON_PACKET_MAX)
+      add_part(message.data, n);
+    else
+      add_alone(message, n);
+    static constexpr char kPadding[kAlign] = {};
+    if (padding != 0) add_part(kPadding, padding);
+  }
+
+  /* To the last packet. */
+  void add_part(const void *data, size_t n) {
+    parts_[parts_used_++] = {const_cast<void *>(data), n};
+    headers_[packets_ - 1].msg_hdr.msg_iovlen++;
+    packet_bytes_ += n;
   }
 
   static constexpr size_t kAlign = 4;
 
-  std::vector<char> room_;
-  size_t used_ = 0;
-  size_t count_ = 0;
-  bool emptied_ = false;
-  iovec parts_[kPackets];
-  mmsghdr headers_[kPackets];
+  uk_nlsock *const sock_;
+  size_t messages_ = 0, packets_ = 0, parts_used_ = 0;
+  size_t packet_bytes_ = 0;  // of the last packet
+  uk_nl_lent lent_[kMessages];
+  iovec parts_[2 * kMessages];  // each with its padding
+  mmsghdr headers_[kMessages];
 };
 
 }  // namespace
@@ -168,14 +180,15 @@ class Batch {
 static void pump_to_peer(uk_nlsock *sock, int connection, const std::atomic<bool> *several) {
   const Task task(service_identity());
   const ActAs act(task);
-  Batch batch;
+  Batch batch(sock);
   for (;;) {
-    const long err = batch.fill(sock, *several);
+    const long err = batch.fill(*several);
     if (err == -ESHUTDOWN) return;
     // Nothing came for a while, or messages were lost, which the peer learns from their numbers.
     if (err < 0) continue;
+    const bool emptied = batch.emptied();
     if (!batch.send_to(connection)) break;
-    if (batch.emptied()) std::this_thread::sleep_for(kRest);
+    if (emptied) std::this_thread::sleep_for(kRest);
   }
   // Wakes the other pump, which ends the connection.
   shutdown(connection, SHUT_RDWR);

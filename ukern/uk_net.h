@@ -28,9 +28,26 @@ long uk_nl_send(struct uk_nlsock *sock, const void *data, unsigned long len);
  * nothing is left, -EINTR after a signal. One receiver at a time.
  */
 long uk_nl_recv(struct uk_nlsock *sock, void *data, unsigned long size, unsigned wait_ms);
+
+/* A datagram that the receiver reads where the kernel has put it. */
+struct uk_nl_lent {
+  const void *data;
+  unsigned long len;
+  void *buffer; /* the kernel's */
+};
+/*
+ * Takes up to `room` (at least 1) datagrams off the queue without copying them: how many, or what
+ * uk_nl_recv returns when there is none. Waits for the first only. They are the caller's until it
+ * gives them back, and count as waiting as long.
+ */
+long uk_nl_take(struct uk_nlsock *sock, struct uk_nl_lent *lent, unsigned long room,
+                unsigned wait_ms);
+/* Gives `count` of them back. Any order, and any thread. */
+void uk_nl_give_back(struct uk_nlsock *sock, const struct uk_nl_lent *lent, unsigned long count);
 /* Wakes the receiver for good. */
 void uk_nl_shutdown(struct uk_nlsock *sock);
-/* Unbinds and frees the socket; what waits in it is dropped. No receiver may be inside. */
+/* Unbinds and frees the socket; what waits in it is dropped. No receiver may be inside, and nothing
+ * may be lent. */
 void uk_nl_close(struct uk_nlsock *sock);
 
 /*

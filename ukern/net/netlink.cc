@@ -331,7 +331,7 @@ extern "C" int netlink_unicast(struct sock *ssk, struct sk_buff *skb, u32 pid, i
 
 // Messages of processes.
 
-static void netlink_rcv_wake(struct sock *sk) {
+void ukern::netlink_rcv_wake(struct sock *sk) {
   struct netlink_sock *nlk = nlk_sk(sk);
   unsigned long flags;
   spin_lock_irqsave(&sk->sk_receive_queue.lock, flags);
@@ -407,7 +407,7 @@ static int netlink_recvmsg(struct kiocb *, struct socket *sock, struct msghdr *m
     }
     skb_free_datagram(sk, skb);
   }
-  netlink_rcv_wake(sk);
+  ukern::netlink_rcv_wake(sk);
   return err ? err : (int)copied;
 }
 
@@ -440,7 +440,7 @@ static const struct proto_ops netlink_kernel_ops = {
 
 static void netlink_data_ready(struct sock *sk, int len) {
   if (nlk_sk(sk)->data_ready) nlk_sk(sk)->data_ready(sk, len);
-  netlink_rcv_wake(sk);
+  ukern::netlink_rcv_wake(sk);
 }
 
 extern "C" struct sock *netlink_kernel_create(int unit, unsigned int,

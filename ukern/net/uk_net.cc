@@ -11,11 +11,13 @@
 #include <linux/netfilter.h>
 #include <linux/netlink.h>
 #include <linux/sched.h>
+#include <linux/skbuff.h>
 #include <linux/slab.h>
 #include <linux/socket.h>
 #include <linux/string.h>
 #include <net/sock.h>
 
+#include "ukern/net/net.h"
 #include "ukern/uk_core.h"
 
 // The least receive buffer that SO_RCVBUF sets.
@@ -102,6 +104,29 @@ long uk_nl_recv(struct uk_nlsock *sock, void *data, unsigned long size, unsigned
   if (result == 0 && __atomic_load_n(&sk->sk_shutdown, __ATOMIC_ACQUIRE) & RCV_SHUTDOWN)
     return -ESHUTDOWN;
   return result;
+}
+
+long uk_nl_take(struct uk_nlsock *sock, struct uk_nl_lent *lent, unsigned long room,
+                unsigned wait_ms) {
+  struct sock *sk = socket_of(sock)->sk;
+  sk->sk_rcvtimeo = msecs_to_jiffies(wait_ms);
+  int err = 0;
+  struct sk_buff *skb = skb_recv_datagram(sk, 0, wait_ms ? 0 : MSG_DONTWAIT, &err);
+  if (!skb) {
+    ukern::netlink_rcv_wake(sk);
+    return err ? err : -ESHUTDOWN;
+  }
+  unsigned long count = 0;
+  // An error that comes meanwhile is the next call's.
+  for (; skb; skb = count < room ? skb_dequeue(&sk->sk_receive_queue) : nullptr)
+    lent[count++] = {.data = skb->data, .len = skb->len, .buffer = skb};
+  return (long)count;
+}
+
+void uk_nl_give_back(struct uk_nlsock *sock, const struct uk_nl_lent *lent, unsigned long count) {
+  struct sock *sk = socket_of(sock)->sk;
+  for (unsigned long i = 0; i < count; i++) skb_free_datagram(sk, (struct sk_buff *)lent[i].buffer);
+  if (count) ukern::netlink_rcv_wake(sk);
 }
 
 void uk_nl_shutdown(struct uk_nlsock *sock) {

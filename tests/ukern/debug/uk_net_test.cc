@@ -10,6 +10,7 @@
 
 #include "tests/harness/case.h"
 #include "tests/ukern/netlink_peer.h"
+#include "tests/ukern/threads.h"
 #include "ukern/uk_core.h"
 
 namespace {
@@ -84,6 +85,104 @@ CASE(uk_net, receive_buffer_limits_the_queue) {
   sock_release(sk->sk_socket);
 }
 
+CASE(uk_net, lent_messages_are_where_the_kernel_has_put_them) {
+  struct sock *sk = open_kernel_socket();
+  REQUIRE_TRUE(sk);
+  struct uk_nlsock *sock;
+  REQUIRE_EQ(uk_nl_open(PEER_UNIT, 4711, 0, &sock), 0);
+  struct uk_nl_lent lent[4];
+  EXPECT_EQ(uk_nl_take(sock, lent, 4, 0), -EAGAIN);
+  EXPECT_EQ(uk_nl_take(sock, lent, 4, 10), -EAGAIN);
+  const unsigned sizes[] = {10, 4112, 30};
+  const void *sent[3];
+  for (int i = 0; i < 3; i++) {
+    struct sk_buff *skb = kernel_message(sizes[i], (unsigned char)i);
+    REQUIRE_TRUE(skb);
+    sent[i] = skb->data;
+    EXPECT_EQ(netlink_unicast(sk, skb, 4711, 0), (int)sizes[i]);
+  }
+  // No more than there is room for, and in their order.
+  EXPECT_EQ(uk_nl_take(sock, lent, 2, 1000), 2);
+  EXPECT_EQ(uk_nl_take(sock, lent + 2, 2, 1000), 1);
+  EXPECT_EQ(uk_nl_take(sock, lent + 3, 1, 0), -EAGAIN);
+  for (int i = 0; i < 3; i++) {
+    EXPECT_EQ(lent[i].len, (unsigned long)sizes[i]);
+    EXPECT_EQ(((const unsigned char *)lent[i].data)[sizes[i] - 1], i);
+  }
+  EXPECT_TRUE(lent[1].data == sent[1]);
+  uk_nl_give_back(sock, lent + 1, 2);
+  uk_nl_give_back(sock, lent, 1);
+  uk_nl_close(sock);
+  sock_release(sk->sk_socket);
+}
+
+namespace {
+
+enum { LENT_MAX = 8 };
+
+// Lends as many messages as count as more than a receive buffer of 2048 has room for.
+long lend_all_room(struct sock *sk, struct uk_nlsock *sock, struct uk_nl_lent *lent) {
+  long taken = 0;
+  for (int i = 0; i < 4; i++) {
+    EXPECT_EQ(kernel_send(sk, 4711, 1000, 0), 1000);
+    EXPECT_EQ(uk_nl_take(sock, lent + taken, 1, 0), 1);
+    taken++;
+  }
+  return taken;
+}
+
+struct Sender {
+  struct sock *sk;
+  int result;
+};
+
+void send_one(void *arg) {
+  auto *sender = (Sender *)arg;
+  sender->result = kernel_send(sender->sk, 4711, 100, 0);
+}
+
+}  // namespace
+
+CASE(uk_net, lent_messages_count_until_they_are_given_back) {
+  struct sock *sk = open_kernel_socket();
+  REQUIRE_TRUE(sk);
+  struct uk_nlsock *sock;
+  REQUIRE_EQ(uk_nl_open(PEER_UNIT, 4711, 2048, &sock), 0);
+  struct uk_nl_lent lent[LENT_MAX];
+  const long taken = lend_all_room(sk, sock, lent);
+  EXPECT_EQ(kernel_send(sk, 4711, 100, 0), -EAGAIN);
+  uk_nl_give_back(sock, lent, (unsigned long)taken);
+  EXPECT_EQ(kernel_send(sk, 4711, 100, 0), 100);
+  // What was lost is told first, and the message is still there.
+  EXPECT_EQ(uk_nl_take(sock, lent, LENT_MAX, 0), -ENOBUFS);
+  EXPECT_EQ(uk_nl_take(sock, lent, LENT_MAX, 0), 1);
+  uk_nl_give_back(sock, lent, 1);
+  uk_nl_close(sock);
+  sock_release(sk->sk_socket);
+}
+
+CASE(uk_net, sender_that_waits_goes_on_when_messages_are_given_back) {
+  struct sock *sk = open_kernel_socket();
+  REQUIRE_TRUE(sk);
+  sk->sk_sndtimeo = 20 * HZ;
+  struct uk_nlsock *sock;
+  REQUIRE_EQ(uk_nl_open(PEER_UNIT, 4711, 2048, &sock), 0);
+  struct uk_nl_lent lent[LENT_MAX];
+  const long taken = lend_all_room(sk, sock, lent);
+  Sender sender = {sk, 0};
+  struct ThreadTeam team;
+  REQUIRE_TRUE(thread_team_start(&team, 1, send_one, &sender));
+  schedule_timeout_uninterruptible(20);  // so that it waits, as a rule
+  uk_nl_give_back(sock, lent, (unsigned long)taken);
+  const long got = uk_nl_take(sock, lent, LENT_MAX, 5000);
+  EXPECT_EQ(got, 1);
+  if (got > 0) uk_nl_give_back(sock, lent, (unsigned long)got);
+  thread_team_wait(&team, 1);
+  EXPECT_EQ(sender.result, 100);
+  uk_nl_close(sock);
+  sock_release(sk->sk_socket);
+}
+
 CASE(uk_net, shutdown_ends_receiving) {
   struct sock *sk = open_kernel_socket();
   REQUIRE_TRUE(sk);
@@ -94,6 +193,11 @@ CASE(uk_net, shutdown_ends_receiving) {
   char data[64];
   EXPECT_EQ(uk_nl_recv(sock, data, sizeof(data), 1000), 10);
   EXPECT_EQ(uk_nl_recv(sock, data, sizeof(data), 1000), -ESHUTDOWN);
+  struct uk_nl_lent lent;
+  EXPECT_EQ(kernel_send(sk, 4711, 10, 0), 10);
+  EXPECT_EQ(uk_nl_take(sock, &lent, 1, 1000), 1);
+  uk_nl_give_back(sock, &lent, 1);
+  EXPECT_EQ(uk_nl_take(sock, &lent, 1, 1000), -ESHUTDOWN);
   uk_nl_close(sock);
   sock_release(sk->sk_socket);
 }

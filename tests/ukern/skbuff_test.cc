@@ -112,6 +112,22 @@ CASE(skbuff, expand_head_keeps_the_data) {
   kfree_skb(skb);
 }
 
+// Data of the size of a page message is kept apart from that of other sizes.
+CASE(skbuff, page_data_moves_to_another_size_and_back) {
+  struct sk_buff *skb = alloc_skb(PAGE_SIZE + 16, GFP_KERNEL);
+  REQUIRE_TRUE(skb);
+  EXPECT_EQ(skb_tailroom(skb), (int)SKB_DATA_ALIGN(PAGE_SIZE + 16));
+  memset(skb_put(skb, 100), 'a', 100);
+  const int shrink = -(skb_tailroom(skb) - 28);
+  REQUIRE_EQ(pskb_expand_head(skb, 0, shrink, GFP_KERNEL), 0);
+  EXPECT_EQ(skb_tailroom(skb), 28);
+  REQUIRE_EQ(pskb_expand_head(skb, 0, -shrink, GFP_KERNEL), 0);
+  EXPECT_EQ(skb_tailroom(skb), (int)SKB_DATA_ALIGN(PAGE_SIZE + 16) - 100);
+  memset(skb_put(skb, skb_tailroom(skb)), 'b', SKB_DATA_ALIGN(PAGE_SIZE + 16) - 100);
+  EXPECT_EQ(skb->data[99], 'a');
+  kfree_skb(skb);
+}
+
 CASE(skbuff, queue_order) {
   struct sk_buff_head list;
   skb_queue_head_init(&list);

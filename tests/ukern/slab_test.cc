@@ -59,6 +59,31 @@ CASE(slab, constructor_has_run_on_every_object) {
   EXPECT_EQ(destroyed, constructed);
 }
 
+// More than wait for their next user.
+CASE(slab, objects_that_were_given_back_are_given_out_once) {
+  enum { COUNT = 400, SIZE = 4096 };
+  kmem_cache_t *cache = kmem_cache_create("slab_test_again", SIZE, 0, 0, NULL, NULL);
+  REQUIRE_TRUE(cache != NULL);
+  unsigned **objects = (unsigned **)kmalloc(COUNT * sizeof(*objects), GFP_KERNEL);
+  REQUIRE_TRUE(objects != NULL);
+  for (int round = 0; round < 3; round++) {
+    for (int i = 0; i < COUNT; i++) {
+      objects[i] = (unsigned *)kmem_cache_alloc(cache, GFP_KERNEL);
+      REQUIRE_TRUE(objects[i] != NULL);
+      for (size_t at = 0; at < SIZE / sizeof(unsigned); at++) objects[i][at] = i;
+    }
+    int damaged = 0;
+    for (int i = 0; i < COUNT; i++) {
+      for (size_t at = 0; at < SIZE / sizeof(unsigned); at++)
+        damaged += objects[i][at] != (unsigned)i;
+      kmem_cache_free(cache, objects[i]);
+    }
+    EXPECT_EQ(damaged, 0);
+  }
+  kfree(objects);
+  EXPECT_EQ(kmem_cache_destroy(cache), 0);
+}
+
 CASE(slab, alignment_is_kept) {
   kmem_cache_t *cache = kmem_cache_create("slab_test_align", 24, 256, 0, NULL, NULL);
   kmem_cache_t *line = kmem_cache_create("slab_test_line", 24, 0, SLAB_HWCACHE_ALIGN, NULL, NULL);

@@ -16,6 +16,10 @@
 #include "ukern/sync/lockcheck.h"
 #include "ukern/sync/report.h"
 
+struct kept_object {
+  struct kept_object *next;
+};
+
 struct kmem_cache {
   const char *name;
   size_t size;
@@ -24,12 +28,21 @@ struct kmem_cache {
   void (*dtor)(void *, kmem_cache_t *, unsigned long);
   atomic_t objects; /* given out */
   struct list_head link;
+#if !UKERN_DEBUG
+  spinlock_t kept_lock;
+  struct kept_object *kept; /* under kept_lock, and so is the next one */
+  size_t kept_bytes;
+#endif
 };
 
 namespace {
 
 constexpr size_t kMinAlign = 16;
 constexpr size_t kMaxObject = 32 * PAGE_SIZE;
+// Freed objects wait for the next user of their cache, those that are still in the processor's
+// cache first. In a debug build they go back to the host at once, so that a sanitizer sees their
+// use after that.
+[[maybe_unused]] constexpr size_t kKeptBytes = 1 << 20;  // of one cache
 [[maybe_unused]] constexpr int kFresh = 0x5a;
 [[maybe_unused]] constexpr int kFreed = 0x6b;
 
@@ -53,10 +66,14 @@ void check_flags(gfp_t flags) {
 #endif
 }
 
-// `owner` null: kmalloc. Neither cleared nor constructed.
-void *block_alloc(size_t size, size_t align, gfp_t flags, const void *owner) {
+// Whether an allocation goes on; the fault that is injected otherwise.
+bool may_allocate(gfp_t flags) {
   check_flags(flags);
-  if (uk_fault_point() && !(flags & __GFP_NOFAIL)) return NULL;
+  return !uk_fault_point() || (flags & __GFP_NOFAIL);
+}
+
+// `owner` null: kmalloc. Neither cleared nor constructed.
+void *block_alloc(size_t size, size_t align, const void *owner) {
   void *block = host_alloc(size ? size : 1, align);
   if (!block) return NULL;
 #if UKERN_DEBUG
@@ -79,25 +96,83 @@ void poison(void *block, size_t size) {
 #endif
 }
 
-// Gives a block back after `before_free` has had it. Not the owner's: it is reported and left
-// alone.
-template <typename Before>
-void block_free(void *block, size_t size, const void *owner, const char *owner_name,
-                Before before_free) {
+// Whether the block is the owner's to give back, and then its size. Otherwise it is reported and
+// left alone.
+bool may_free(void *block, const void *owner, const char *owner_name, size_t *size) {
 #if UKERN_DEBUG
-  if (!alloc_track_remove(block, owner, owner_name, &size)) return;
-  ukern_lock_check_free(block, size);
+  if (!alloc_track_remove(block, owner, owner_name, size)) return false;
+  ukern_lock_check_free(block, *size);
 #else
+  (void)block;
   (void)owner;
   (void)owner_name;
+  (void)size;
 #endif
-  before_free();
+  return true;
+}
+
+void block_free(void *block, size_t size) {
 #if UKERN_DEBUG
   memset(block, kFreed, size);
 #else
   (void)size;
 #endif
   host_free(block);
+}
+
+#if UKERN_DEBUG
+
+void kept_init(struct kmem_cache *) {}
+void *take_kept(struct kmem_cache *) {
+  return NULL;
+}
+bool keep(struct kmem_cache *, void *) {
+  return false;
+}
+void drop_kept(struct kmem_cache *) {}
+
+#else
+
+void kept_init(struct kmem_cache *cache) {
+  spin_lock_init(&cache->kept_lock);
+  cache->kept = NULL;
+  cache->kept_bytes = 0;
+}
+
+void *take_kept(struct kmem_cache *cache) {
+  spin_lock(&cache->kept_lock);
+  struct kept_object *object = cache->kept;
+  if (object) {
+    cache->kept = object->next;
+    cache->kept_bytes -= cache->size;
+  }
+  spin_unlock(&cache->kept_lock);
+  return object;
+}
+
+// False: the object is the caller's to free.
+bool keep(struct kmem_cache *cache, void *memory) {
+  auto *object = static_cast<struct kept_object *>(memory);
+  spin_lock(&cache->kept_lock);
+  const bool room = cache->kept_bytes < kKeptBytes;
+  if (room) {
+    object->next = cache->kept;
+    cache->kept = object;
+    cache->kept_bytes += cache->size;
+  }
+  spin_unlock(&cache->kept_lock);
+  return room;
+}
+
+void drop_kept(struct kmem_cache *cache) {
+  while (void *object = take_kept(cache)) host_free(object);
+}
+
+#endif
+
+void cache_free(struct kmem_cache *cache) {
+  drop_kept(cache);
+  host_free(cache);
 }
 
 void report_leak(const char *what, const char *name, const void *owner, unsigned long count) {
@@ -134,6 +209,7 @@ kmem_cache_t *kmem_cache_create(const char *name, size_t size, size_t align, uns
   cache->ctor = ctor;
   cache->dtor = dtor;
   atomic_set(&cache->objects, 0);
+  kept_init(cache);
 
   ukern_word_lock(&cache_word);
   const bool taken = name_in_use(name);
@@ -157,12 +233,14 @@ int kmem_cache_destroy(kmem_cache_t *cache) {
   ukern_word_lock(&cache_word);
   list_del(&cache->link);
   ukern_word_unlock(&cache_word);
-  host_free(cache);
+  cache_free(cache);
   return 0;
 }
 
 void *kmem_cache_alloc(kmem_cache_t *cache, gfp_t flags) {
-  void *object = block_alloc(cache->size, cache->align, flags, cache);
+  if (!may_allocate(flags)) return NULL;
+  void *object = take_kept(cache);
+  if (!object) object = block_alloc(cache->size, cache->align, cache);
   if (!object) return NULL;
   atomic_inc(&cache->objects);
   poison(object, cache->size);
@@ -181,10 +259,11 @@ void *kmem_cache_zalloc(struct kmem_cache *cache, gfp_t flags) {
 }
 
 void kmem_cache_free(kmem_cache_t *cache, void *object) {
-  block_free(object, cache->size, cache, cache->name, [=] {
-    if (cache->dtor) cache->dtor(object, cache, 0);
-    atomic_dec(&cache->objects);
-  });
+  size_t size = cache->size;
+  if (!may_free(object, cache, cache->name, &size)) return;
+  if (cache->dtor) cache->dtor(object, cache, 0);
+  atomic_dec(&cache->objects);
+  if (!keep(cache, object)) block_free(object, size);
 }
 
 unsigned int kmem_cache_size(kmem_cache_t *cache) {
@@ -197,20 +276,23 @@ const char *kmem_cache_name(kmem_cache_t *cache) {
 
 void *__kmalloc(size_t size, gfp_t flags) {
   if (unlikely(size > KMALLOC_MAX_SIZE)) return NULL;
-  void *block = block_alloc(size, kMinAlign, flags, NULL);
+  if (!may_allocate(flags)) return NULL;
+  void *block = block_alloc(size, kMinAlign, NULL);
   if (block) poison(block, size);
   return block;
 }
 
 void *__kzalloc(size_t size, gfp_t flags) {
   if (unlikely(size > KMALLOC_MAX_SIZE)) return NULL;
-  void *block = block_alloc(size, kMinAlign, flags, NULL);
+  if (!may_allocate(flags)) return NULL;
+  void *block = block_alloc(size, kMinAlign, NULL);
   if (block) memset(block, 0, size);
   return block;
 }
 
 void kfree(const void *block) {
-  if (block) block_free((void *)block, 0, NULL, "kfree", [] {});
+  size_t size = 0;
+  if (block && may_free((void *)block, NULL, "kfree", &size)) block_free((void *)block, size);
 }
 
 int ukern_slab_init(void) {
@@ -226,7 +308,7 @@ void ukern_slab_exit(void) {
     if (cache != names_cachep)
       uk_report_end(uk_report_begin("cache %s still exists at shutdown", cache->name));
     list_del(&cache->link);
-    host_free(cache);
+    cache_free(cache);
   }
   names_cachep = NULL;
 #if UKERN_DEBUG

@@ -9,17 +9,47 @@
 
 #include "ukern/net/net.h"
 
+// Room for a page and a few bytes in front of it, as most of what is sent has it.
+static constexpr unsigned kPageRoom = SKB_DATA_ALIGN(PAGE_SIZE + 1);
+
 static kmem_cache_t *skbuff_head_cache;
+static kmem_cache_t *page_data_cache;
 
 int ukern::skb_init() {
   skbuff_head_cache =
       kmem_cache_create("skbuff_head_cache", sizeof(struct sk_buff), 0, 0, nullptr, nullptr);
-  return skbuff_head_cache ? 0 : -ENOMEM;
+  if (!skbuff_head_cache) return -ENOMEM;
+  page_data_cache = kmem_cache_create("skbuff_page_data", kPageRoom, 0, 0, nullptr, nullptr);
+  if (page_data_cache) return 0;
+  kmem_cache_destroy(skbuff_head_cache);
+  skbuff_head_cache = nullptr;
+  return -ENOMEM;
 }
 
 void ukern::skb_exit() {
+  kmem_cache_destroy(page_data_cache);
+  page_data_cache = nullptr;
   kmem_cache_destroy(skbuff_head_cache);
   skbuff_head_cache = nullptr;
+}
+
+// Not one byte more than the tail room says, so that a write behind it is seen.
+static unsigned char *data_alloc(unsigned size, gfp_t priority) {
+  void *data = size == kPageRoom ? kmem_cache_alloc(page_data_cache, priority & ~__GFP_DMA)
+                                 : kmalloc(size, priority);
+  return (unsigned char *)data;
+}
+
+static void data_free(unsigned char *data, unsigned size) {
+  if (size == kPageRoom) {
+    kmem_cache_free(page_data_cache, data);
+  } else {
+    kfree(data);
+  }
+}
+
+static unsigned data_size(const struct sk_buff *skb) {
+  return (unsigned)(skb->end - skb->head);
 }
 
 extern "C" {
@@ -29,8 +59,7 @@ struct sk_buff *__alloc_skb(unsigned int size, gfp_t priority, int) {
   if (!skb) return nullptr;
 
   size = SKB_DATA_ALIGN(size);
-  // Not one byte more than the tail room says, so that a write behind it is seen.
-  auto *data = (unsigned char *)kmalloc(size, priority);
+  unsigned char *data = data_alloc(size, priority);
   if (!data) {
     kmem_cache_free(skbuff_head_cache, skb);
     return nullptr;
@@ -46,7 +75,7 @@ struct sk_buff *__alloc_skb(unsigned int size, gfp_t priority, int) {
 
 void __kfree_skb(struct sk_buff *skb) {
   if (skb->destructor) skb->destructor(skb);
-  kfree(skb->head);
+  data_free(skb->head, data_size(skb));
   kmem_cache_free(skbuff_head_cache, skb);
 }
 
@@ -62,12 +91,12 @@ int pskb_expand_head(struct sk_buff *skb, int nhead, int ntail, gfp_t gfp_mask) 
   const long used_end = skb->tail - skb->head;
   const long size = SKB_DATA_ALIGN(nhead + (skb->end - skb->head) + ntail);
   BUG_ON(size < nhead + used_end);
-  auto *data = (unsigned char *)kmalloc(size, gfp_mask);
+  unsigned char *data = data_alloc((unsigned)size, gfp_mask);
   if (!data) return -ENOMEM;
 
   memcpy(data + nhead, skb->head, used_end);
   const long headroom = skb->data - skb->head + nhead;
-  kfree(skb->head);
+  data_free(skb->head, data_size(skb));
   skb->head = data;
   skb->data = data + headroom;
   skb->tail = data + nhead + used_end;

@@ -17,10 +17,10 @@ namespace tarnd {
 
 static constexpr char kModule[] = "tarn";
 
-// 1 MiB. The host keeps the same data twice, above and below, and reads go below; pages that are
+// 256 KiB. The host keeps the same data twice, above and below, and reads go below; pages that are
 // soon used again, while they are still in the processor's cache, do more for writes than a third
 // copy of everything.
-static constexpr unsigned long kCachePages = 256;
+static constexpr unsigned long kCachePages = 64;
 
 static void panic(const char *report) {
   std::fputs(report, stderr);

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
@@ -115,6 +116,15 @@ class ReadAhead : public MessageLink {
     return !stopping_ && !closed_ && !error_;
   }
 
+  // Ends early when the thread is to stop.
+  void leave_link_alone() const {
+    const auto time = link_->rest();
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+    const timespec limit{seconds.count(), std::chrono::nanoseconds(time - seconds).count()};
+    pollfd stop{stop_.read_end.get(), POLLIN, 0};
+    if (time.count() != 0) ppoll(&stop, 1, &limit, nullptr);
+  }
+
   void read() {
     PacketBatch batch;
     while (wait_for_room()) {
@@ -127,6 +137,7 @@ class ReadAhead : public MessageLink {
       } else {
         const auto got = link_->receive(batch);
         keep(batch, got);
+        if (!batch.packets.empty()) leave_link_alone();
       }
     }
   }

@@ -24,10 +24,12 @@ constexpr std::size_t kPacket = 4096;
 // One end of a pair of sockets as a link. Losses are what the test says they are.
 class SocketLink : public MessageLink {
  public:
-  explicit SocketLink(UniqueFd socket, std::atomic<int> *losses)
-      : socket_(std::move(socket)), losses_(losses) {}
+  SocketLink(UniqueFd socket, std::atomic<int> *losses, std::chrono::microseconds rest)
+      : socket_(std::move(socket)), losses_(losses), rest_(rest) {}
 
   int fd() const override { return socket_.get(); }
+
+  std::chrono::microseconds rest() const override { return rest_; }
 
   Result<void> send(Bytes packet) override {
     if (::send(socket_.get(), packet.data(), packet.size(), 0) < 0)
@@ -51,15 +53,18 @@ class SocketLink : public MessageLink {
  private:
   UniqueFd socket_;
   std::atomic<int> *losses_;
+  const std::chrono::microseconds rest_;
 };
 
 class ReadAheadTest : public testing::Test {
  protected:
-  void SetUp() override {
+  void SetUp() override { start(0us); }
+
+  void start(std::chrono::microseconds rest) {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
     peer_ = UniqueFd(ends[0]);
-    auto made = read_ahead(std::make_unique<SocketLink>(UniqueFd(ends[1]), &losses_), kLimit);
+    auto made = read_ahead(std::make_unique<SocketLink>(UniqueFd(ends[1]), &losses_, rest), kLimit);
     ASSERT_TRUE(made.ok()) << made.error().text;
     link_ = std::move(*made);
   }
@@ -182,10 +187,26 @@ TEST_F(ReadAheadTest, SendingDoesNotWaitForReading) {
   EXPECT_EQ(recv(peer_.get(), got, sizeof(got), 0), 5);
 }
 
-// Neither while it waits for something to come nor while it waits for room.
+TEST_F(ReadAheadTest, WhatComesWhileItRestsIsReadAfterwards) {
+  start(2ms);
+  for (std::uint32_t n = 0; n < 100; ++n) {
+    ASSERT_TRUE(send_packet(n));
+    const auto &packets = next().packets;
+    ASSERT_EQ(packets.size(), 1u);
+    EXPECT_EQ(number(packets[0]), n);
+  }
+}
+
+// Neither while it waits for something to come nor while it rests nor while it waits for room.
 TEST_F(ReadAheadTest, ItEndsWhateverItWaitsFor) {
   link_.reset();
-  SetUp();
+  start(1h);
+  ASSERT_TRUE(send_packet(0));
+  EXPECT_EQ(next().packets.size(), 1u);
+  ASSERT_TRUE(send_packet(1));
+  EXPECT_FALSE(readable(100));  // it rests
+  link_.reset();
+  start(0us);
   for (std::uint32_t n = 0; send_packet(n); ++n) {
   }
   link_.reset();

@@ -2,36 +2,72 @@
 #include "tarnd/holdings.h"
 
 #include <algorithm>
+#include <type_traits>
 
 namespace tarnd {
 
 // What is picked is that part of the limit more than there is too much.
 static constexpr size_t kSlack = 8;
 
+Holdings::Held &Holdings::held_of(uk_node *node) {
+  static_assert(sizeof(Held) <= UK_NODE_ROOM && std::is_trivially_copyable_v<Held>);
+  return *static_cast<Held *>(uk_node_room(node));
+}
+
+void Holdings::append_locked(uk_node *node) {
+  Held &held = held_of(node);
+  held.before = last_;
+  held.after = nullptr;
+  (last_ ? held_of(last_).after : first_) = node;
+  last_ = node;
+  count_++;
+}
+
+void Holdings::remove_locked(uk_node *node) {
+  const Held &held = held_of(node);
+  (held.before ? held_of(held.before).after : first_) = held.after;
+  (held.after ? held_of(held.after).before : last_) = held.before;
+  count_--;
+}
+
+Holdings::Held &Holdings::hold_locked(uk_node *node) {
+  Held &held = held_of(node);
+  if (!held.is_held()) append_locked(node);
+  return held;
+}
+
+void Holdings::leave_if_unheld_locked(uk_node *node) {
+  Held &held = held_of(node);
+  if (held.is_held()) return;
+  remove_locked(node);
+  held = {};
+}
+
 bool Holdings::add_node(uk_node *node) {
   const std::lock_guard lock(mutex_);
-  Held &held = nodes_[node];
+  Held &held = hold_locked(node);
   held.lookups++;
-  if (nodes_.size() > limit_) grown_.notify_one();
+  if (count_ > limit_) grown_.notify_one();
   return held.opens > 0;
 }
 
 void Holdings::drop_node(uk_node *node, unsigned long count) {
   {
     const std::lock_guard lock(mutex_);
-    const auto it = nodes_.find(node);
-    if (it == nodes_.end()) return;
-    count = std::min(count, it->second.lookups);
-    it->second.lookups -= count;
-    if (it->second.lookups == 0 && it->second.opens == 0) nodes_.erase(it);
+    Held &held = held_of(node);
+    count = std::min(count, held.lookups);
+    if (count == 0) return;
+    held.lookups -= count;
+    leave_if_unheld_locked(node);
   }
-  if (count > 0) uk_node_put(node, count);
+  uk_node_put(node, count);
 }
 
 Pages Holdings::add_file(uk_file *file, uk_node *node, Pages wanted) {
   const std::lock_guard lock(mutex_);
   files_[file] = node;
-  Held &held = nodes_[node];
+  uk_node_get(node);
+  Held &held = hold_locked(node);
   held.opens++;
   if (wanted == Pages::kKept) held.pages = Pages::kKept;
   return held.pages;
@@ -39,80 +75,82 @@ Pages Holdings::add_file(uk_file *file, uk_node *node, Pages wanted) {
 
 void Holdings::begin_write(uk_node *node, Range range) {
   const std::lock_guard lock(mutex_);
-  Held &held = nodes_.at(node);
+  Held &held = held_of(node);
   held.written = range;
   held.overlapped = false;
 }
 
 void Holdings::write_back(uk_node *node, Range range) {
   const std::lock_guard lock(mutex_);
-  Held &held = nodes_.at(node);
+  Held &held = held_of(node);
   if (range.from < held.written.to && held.written.from < range.to) held.overlapped = true;
 }
 
 bool Holdings::overlapped(uk_node *node) const {
   const std::lock_guard lock(mutex_);
-  return nodes_.at(node).overlapped;
+  return held_of(node).overlapped;
 }
 
 void Holdings::end_write(uk_node *node) {
   const std::lock_guard lock(mutex_);
-  nodes_.at(node).written = {};
+  held_of(node).written = {};
 }
 
 Pages Holdings::pages(uk_node *node) const {
   const std::lock_guard lock(mutex_);
-  return nodes_.at(node).pages;
-}
-
-void Holdings::close_locked(uk_node *node) {
-  const auto it = nodes_.find(node);
-  if (--it->second.opens == 0 && it->second.lookups == 0) nodes_.erase(it);
+  return held_of(node).pages;
 }
 
 void Holdings::drop_file(uk_file *file) {
+  uk_node *node = nullptr;
   {
     const std::lock_guard lock(mutex_);
     const auto it = files_.find(file);
     if (it == files_.end()) return;
-    close_locked(it->second);
+    node = it->second;
     files_.erase(it);
+    held_of(node).opens--;
+    leave_if_unheld_locked(node);
   }
   uk_release(file);
+  uk_node_put(node, 1);
 }
 
 void Holdings::clear() {
-  std::unordered_map<uk_file *, uk_node *> files;
-  std::unordered_map<uk_node *, Held> nodes;
-  {
-    const std::lock_guard lock(mutex_);
-    files.swap(files_);
-    nodes.swap(nodes_);
+  std::unique_lock lock(mutex_);
+  while (!files_.empty()) {
+    uk_file *file = files_.begin()->first;
+    lock.unlock();
+    drop_file(file);
+    lock.lock();
   }
-  for (const auto &[file, node] : files) uk_release(file);
-  for (const auto &[node, held] : nodes)
-    if (held.lookups > 0) uk_node_put(node, held.lookups);
+  while (first_) {
+    uk_node *node = first_;
+    const unsigned long lookups = held_of(node).lookups;
+    lock.unlock();
+    drop_node(node, lookups);
+    lock.lock();
+  }
 }
 
 size_t Holdings::nodes() const {
   const std::lock_guard lock(mutex_);
-  return nodes_.size();
+  return count_;
 }
 
-// From where the last call stopped, so that every node has its turn: which was used last nobody
-// knows.
+// From the front, and what was looked at goes to the back, so that every node has its turn: which
+// was used last nobody knows.
 std::vector<uk_node *> Holdings::pick_locked(size_t most) {
   std::vector<uk_node *> picked;
   picked.reserve(most);  // nothing fails once the first reference is taken
-  const size_t buckets = nodes_.bucket_count();
-  for (size_t seen = 0; seen < buckets && picked.size() < most; seen++) {
-    next_bucket_ = (next_bucket_ + 1) % buckets;
-    for (auto it = nodes_.begin(next_bucket_); it != nodes_.end(next_bucket_); ++it) {
-      const auto &[node, held] = *it;
-      if (held.opens > 0 || held.lookups == 0 || picked.size() == most) continue;
-      picked.push_back(node);
-      uk_node_get(node);
-    }
+  for (size_t left = count_; left > 0 && picked.size() < most; left--) {
+    uk_node *node = first_;
+    remove_locked(node);
+    append_locked(node);
+    const Held &held = held_of(node);
+    if (held.opens > 0 || held.lookups == 0) continue;
+    picked.push_back(node);
+    uk_node_get(node);
   }
   return picked;
 }
@@ -120,9 +158,9 @@ std::vector<uk_node *> Holdings::pick_locked(size_t most) {
 std::optional<std::vector<uk_node *>> Holdings::wait_for_too_many(size_t limit) {
   std::unique_lock lock(mutex_);
   limit_ = limit;
-  grown_.wait(lock, [this] { return closed_ || nodes_.size() > limit_; });
+  grown_.wait(lock, [this] { return closed_ || count_ > limit_; });
   if (closed_) return std::nullopt;
-  return pick_locked(nodes_.size() - limit_ + limit_ / kSlack);
+  return pick_locked(count_ - limit_ + limit_ / kSlack);
 }
 
 void Holdings::close() {

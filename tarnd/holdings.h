@@ -3,7 +3,8 @@
  * What the host kernel holds of a mount: references to nodes, one per lookup that it has not
  * forgotten, and open files. What it still holds when the session ends is given back by clear().
  *
- * All calls may come from any thread; where one gives something back, a task must be current.
+ * All calls may come from any thread; where one gives something back, a task must be current. A
+ * node is held by one Holdings at a time.
  */
 #ifndef TARND_HOLDINGS_H
 #define TARND_HOLDINGS_H
@@ -27,7 +28,7 @@ struct Range {
 };
 
 /* Whether the host keeps the pages of a file that go through an open file. */
-enum class Pages { kKept, kNotKept };
+enum class Pages : bool { kNotKept, kKept };
 
 class Holdings {
  public:
@@ -69,22 +70,29 @@ class Holdings {
   void close();
 
  private:
+  /* In the node's own room, where a look-up is anyway; zero as long as the node is not held. */
   struct Held {
-    unsigned long lookups = 0;
-    unsigned long opens = 0;
-    Pages pages = Pages::kNotKept;
+    uk_node *before, *after; /* in the list of those that are held; 0: the first, the last */
+    unsigned long lookups;
+    unsigned opens; /* files, each with a reference to the node */
+    Pages pages;
+    bool overlapped;
     Range written; /* empty: no write is under way */
-    bool overlapped = false;
+    bool is_held() const { return lookups > 0 || opens > 0; }
   };
-  void close_locked(uk_node *node);
+  static Held &held_of(uk_node *node);
+  Held &hold_locked(uk_node *node);
+  void append_locked(uk_node *node);
+  void remove_locked(uk_node *node);
+  void leave_if_unheld_locked(uk_node *node);
   std::vector<uk_node *> pick_locked(size_t most);
 
   mutable std::mutex mutex_;
   std::condition_variable grown_;                      // a node was added beyond limit_, or closed_
   size_t limit_ = std::numeric_limits<size_t>::max();  // under mutex_, and so are these
-  size_t next_bucket_ = 0;                             // of nodes_: where to go on picking
+  uk_node *first_ = nullptr, *last_ = nullptr;         // whose turn it is to be picked is first
+  size_t count_ = 0;
   bool closed_ = false;
-  std::unordered_map<uk_node *, Held> nodes_;       // under mutex_
   std::unordered_map<uk_file *, uk_node *> files_;  // under mutex_
 };
 

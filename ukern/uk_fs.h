@@ -54,6 +54,12 @@ int uk_node_at(const char *path, struct uk_node **out);
 void uk_node_get(struct uk_node *node);
 /* Gives `count` references back. */
 void uk_node_put(struct uk_node *node, unsigned long count);
+/*
+ * Room in the node for whoever uses it: UK_NODE_ROOM bytes, aligned as pointers are, zero when the
+ * node is made. It goes with the node; its locks are the user's business.
+ */
+enum { UK_NODE_ROOM = 48 };
+void *uk_node_room(struct uk_node *node);
 /* A stable number of the node's inode, as st_ino. */
 unsigned long long uk_node_ino(struct uk_node *node);
 

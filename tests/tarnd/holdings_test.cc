@@ -54,13 +54,15 @@ class HoldingsTest : public ::testing::Test {
 TEST_F(HoldingsTest, ANodeIsHeldUntilItsLookupsAreForgotten) {
   Holdings holdings;
   look_up();
+  look_up();
   EXPECT_FALSE(holdings.add_node(node_));
   EXPECT_FALSE(holdings.add_node(node_));
   holdings.drop_node(node_, 1);
   EXPECT_EQ(holdings.nodes(), 1u);
-  holdings.drop_node(node_, 1);
+  holdings.drop_node(node_, 2);  // one more than there are
   EXPECT_EQ(holdings.nodes(), 0u);
-  holdings.drop_node(node_, 1);  // more than there were
+  holdings.drop_node(node_, 1);
+  uk_node_put(node_, 1);
   uk_release(file_);
 }
 

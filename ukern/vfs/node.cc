@@ -23,6 +23,7 @@ struct uk_node {
   struct vfsmount *mnt;
   struct dentry *dentry;  // under `lock`
   spinlock_t lock;
+  unsigned long room[UK_NODE_ROOM / sizeof(unsigned long)];  // the user's
 };
 
 namespace {
@@ -45,6 +46,7 @@ struct uk_node *new_node(struct vfsmount *mnt, struct dentry *dentry) {
   node->mnt = mntget(mnt);
   node->dentry = dget(dentry);
   spin_lock_init(&node->lock);
+  memset(node->room, 0, sizeof(node->room));
   return node;
 }
 
@@ -212,6 +214,10 @@ void uk_node_put(struct uk_node *node, unsigned long count) {
   if (last) remove_locked(node);
   spin_unlock(lock);
   if (last) free_node(node);
+}
+
+void *uk_node_room(struct uk_node *node) {
+  return node->room;
 }
 
 unsigned long long uk_node_ino(struct uk_node *node) {

@@ -43,8 +43,24 @@ static ssize_t read_request(int fd, void *buf, size_t size, void *mount) {
   return got;
 }
 
+// Head and body of a short answer go together: the host takes each part of an answer apart, which
+// costs more than to copy it.
+static constexpr size_t kShort = 256;
+
+static bool is_short(const iovec *parts, int count) {
+  return count == 2 && parts[0].iov_len + parts[1].iov_len <= kShort;
+}
+
+static ssize_t write_short(int fd, const iovec &head, const iovec &body) {
+  alignas(kShort) char answer[kShort];  // never on two pages
+  std::memcpy(answer, head.iov_base, head.iov_len);
+  std::memcpy(answer + head.iov_len, body.iov_base, body.iov_len);
+  return write(fd, answer, head.iov_len + body.iov_len);
+}
+
 static ssize_t write_answer(int fd, iovec *parts, int count, void *mount) {
   io_of(mount)->see_answer({parts, static_cast<size_t>(count)});
+  if (is_short(parts, count)) return write_short(fd, parts[0], parts[1]);
   return writev(fd, parts, count);
 }
 

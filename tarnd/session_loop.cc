@@ -156,14 +156,14 @@ void SessionLoop::serve_requests(Worker *worker, fuse_buf *buf) {
     const int n = fuse_session_receive_buf(session_, buf);
     if (n == -EINTR || n == -EAGAIN) continue;
     if (n <= 0) return;
-    worker->served++;
-    worker->state = State::kServing;  // last: a look must not take it for one that has been there
+    worker->took_one();
+    worker->set(State::kServing);  // last: a look must not take it for one that has been there
     if (looking_away_ && looking_away_.exchange(false)) {
       const std::lock_guard lock(mutex_);
       changed_.notify_all();
     }
     fuse_session_process_buf(session_, buf);
-    worker->state = State::kTaking;
+    worker->set(State::kTaking);
     if (surplus_ > 0) rest(worker);
   }
 }

@@ -43,6 +43,10 @@ class SessionLoop {
     std::atomic<unsigned> served = 0;  // requests taken, this one included
     unsigned seen = 0;                 // `served` at the last look; under mutex_
     int same = 0;                      // looks since it changed; under mutex_
+
+    // By the worker itself: nobody else writes these while it serves.
+    void set(State to) { state.store(to, std::memory_order_release); }
+    void took_one() { served.store(served + 1, std::memory_order_release); }
   };
 
   void add_worker_locked();

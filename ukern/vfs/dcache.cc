@@ -291,6 +291,7 @@ struct dentry *__d_lookup(struct dentry *parent, struct qstr *name) {
     __builtin_prefetch(&dentry->d_iname);  // it is not where the hash is
     if (dentry->d_name.hash != name->hash || dentry->d_parent != parent) continue;
     spin_lock(&dentry->d_lock);
+    __builtin_prefetch(dentry->d_fsdata);
     if (name_matches(parent, dentry, name)) found = dget_locked(dentry);
     spin_unlock(&dentry->d_lock);
     if (found) break;

@@ -71,11 +71,15 @@ class Side:
         self.lower, self.mnt = self.home / "lower", self.home / "mnt"
         self.lower.mkdir()
         self.mnt.mkdir()
+        self.replica = self.home / "replica"
         self.processes = []
-        run("mount", "-t", "tmpfs", "tmpfs", self.lower)
-        self.start()
 
     def start(self):
+        """What this has begun stop() takes away, also when it fails."""
+        run("mount", "-t", "tmpfs", "tmpfs", self.lower)
+        self.serve()
+
+    def serve(self):
         run("mount", "--bind", self.lower, self.mnt)
 
     def settle(self):
@@ -100,7 +104,7 @@ class Side:
             process.terminate()
         for process in self.processes:
             process.wait(30)
-        for place in (self.mnt, self.lower):
+        for place in (self.mnt, self.lower, self.replica):
             if os.path.ismount(place):
                 run("umount", "-l", place)
 
@@ -108,7 +112,7 @@ class Side:
 class Bindfs(Side):
     options = ()
 
-    def start(self):
+    def serve(self):
         self.spawn("bindfs", "-f", *self.options, self.lower, self.mnt)
         self.wait_for("bindfs", lambda: os.path.ismount(self.mnt))
 
@@ -118,7 +122,7 @@ class BindfsBigWrites(Bindfs):
 
 
 class Passthrough(Side):
-    def start(self):
+    def serve(self):
         self.spawn(self.home.parent / "passthrough_ll", "-f", "-o", "source=%s" % self.lower, self.mnt)
         self.wait_for("passthrough_ll", lambda: os.path.ismount(self.mnt))
 
@@ -126,7 +130,7 @@ class Passthrough(Side):
 class Tarn(Side):
     build = None
 
-    def start(self):
+    def serve(self):
         self.env = dict(os.environ, TARN_RUN_DIR=str(self.home / "run"))
         (self.home / "run").mkdir()
         self.spawn(self.build / "tarnd/tarnd", "--foreground", env=self.env)
@@ -138,19 +142,18 @@ class Tarn(Side):
 
 
 class TarnRule(Tarn):
-    def start(self):
-        super().start()
+    def serve(self):
+        super().serve()
         self.tarn("rule", "add", "--include", self.lower)
 
 
 class TarnMirrord(TarnRule):
-    def start(self):
-        super().start()
-        replica = self.home / "replica"
-        replica.mkdir()
-        run("mount", "-t", "tmpfs", "tmpfs", replica)
+    def serve(self):
+        super().serve()
+        self.replica.mkdir()
+        run("mount", "-t", "tmpfs", "tmpfs", self.replica)
         self.status = self.home / "mirrord.json"
-        self.spawn(self.build / "mirrord/mirrord", "--source", self.lower, "--replica", replica, "--status-file",
+        self.spawn(self.build / "mirrord/mirrord", "--source", self.lower, "--replica", self.replica, "--status-file",
                    self.status, cpu=self.other_cpu, env=self.env)
         self.wait_for("mirrord", lambda: "tarn_process_nl_helo" in self.tarn("log"))
 
@@ -159,10 +162,6 @@ class TarnMirrord(TarnRule):
         if subprocess.run([self.build / "mirrord/mirrord", "--catch-up", "--status-file", self.status], env=self.env,
                           stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False).returncode:
             fail("mirrord: " + (self.home / "stderr").read_text().strip())
-
-    def stop(self):
-        super().stop()
-        run("umount", "-l", self.home / "replica")
 
 
 SIDES = {
@@ -252,6 +251,7 @@ def measure(build, rounds, sides=tuple(SIDES), rows=tuple(TITLES)):
         for name in sides:
             (top / name).mkdir()
             made[name] = SIDES[name][1](top / name, (cpus[-1], cpus[0]))
+            made[name].start()
         measurement = Measurement(build / "bench/mount_bench", made, rows, rounds)
         measurement.run()
         return measurement

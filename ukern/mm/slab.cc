@@ -40,9 +40,10 @@ namespace {
 constexpr size_t kMinAlign = 16;
 constexpr size_t kMaxObject = 32 * PAGE_SIZE;
 // Freed objects wait for the next user of their cache, those that are still in the processor's
-// cache first. In a debug build they go back to the host at once, so that a sanitizer sees their
-// use after that.
+// cache first. Small ones the host's allocator gives out again as fast by itself. In a debug build
+// they go back to the host at once, so that a sanitizer sees their use after that.
 [[maybe_unused]] constexpr size_t kKeptBytes = 1 << 20;  // of one cache
+[[maybe_unused]] constexpr size_t kLeastKept = 1024;     // a smaller object is not kept
 [[maybe_unused]] constexpr int kFresh = 0x5a;
 [[maybe_unused]] constexpr int kFreed = 0x6b;
 
@@ -140,6 +141,7 @@ void kept_init(struct kmem_cache *cache) {
 }
 
 void *take_kept(struct kmem_cache *cache) {
+  if (cache->size < kLeastKept) return NULL;
   spin_lock(&cache->kept_lock);
   struct kept_object *object = cache->kept;
   if (object) {
@@ -152,6 +154,7 @@ void *take_kept(struct kmem_cache *cache) {
 
 // False: the object is the caller's to free.
 bool keep(struct kmem_cache *cache, void *memory) {
+  if (cache->size < kLeastKept) return false;
   auto *object = static_cast<struct kept_object *>(memory);
   spin_lock(&cache->kept_lock);
   const bool room = cache->kept_bytes < kKeptBytes;

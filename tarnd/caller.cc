@@ -76,12 +76,12 @@ static unsigned long long waiting_signals(int tid) {
   return waiting & ~blocked;
 }
 
-// The clock is read for requests by a path alone: no other belongs to a walk.
 static Step step_of(Need need) {
   if (need == Need::kLookup) return Step::kLookup;
   return need == Need::kPath ? Step::kLast : Step::kNone;
 }
 
+// The clock is read for requests by a path alone: no other belongs to a walk.
 bool CallerTask::continues_walk(int pid, Need need) {
   const Step step = step_of(need);
   timespec tick{};

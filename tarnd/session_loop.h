@@ -46,7 +46,8 @@ class SessionLoop {
 
     // By the worker itself: nobody else writes these while it serves.
     void set(State to) { state.store(to, std::memory_order_release); }
-    void took_one() { served.store(served + 1, std::memory_order_release); }
+    // Not weaker: either the worker sees looking_away_, or who sets that sees the request.
+    void took_one() { served.store(served + 1, std::memory_order_seq_cst); }
   };
 
   void add_worker_locked();

@@ -19,7 +19,7 @@ static const unsigned kPageBits = 9;  // log2 of the chains whose heads fill a p
 static const unsigned kLeastHashBits = kPageBits + 1;
 static const unsigned kMostHashBits = kPageBits + MAX_ORDER - 1;
 static const unsigned kGrowth = 2;  // bits at a time
-static const unsigned kAlign = 16;  // of addresses: their low bits say nothing
+static const unsigned kNameHashBits = 32;
 
 DEFINE_SPINLOCK(dcache_lock);
 struct dentry_stat_t dentry_stat;
@@ -57,8 +57,9 @@ void dcache_exit(void) {
 }
 
 static struct hlist_head *hash_chain(struct dentry *parent, unsigned hash) {
-  const unsigned long mixed = hash_long((unsigned long)parent / kAlign + hash, hash_bits);
-  return &hashtable[mixed & ((1u << hash_bits) - 1)];
+  // The parent is mixed first: a sum would let the names of two directories fall together.
+  const unsigned long directory = hash_long((unsigned long)parent, kNameHashBits);
+  return &hashtable[hash_long(directory ^ hash, hash_bits)];
 }
 
 // Puts all dentries into a larger table when they have become too many for this one. Without memory

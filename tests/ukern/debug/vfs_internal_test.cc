@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // Dentries, inodes and mounts by calls that a module does not have.
+#include <linux/hash.h>
 #include "tests/ukern/testfs.h"
 #include "ukern/uk_core.h"
 
@@ -41,6 +42,23 @@ CASE(vfs_internal, a_hash_that_cannot_grow) {
     struct dentry *found = testfs::lookup(fs.root(), text);
     REQUIRE_TRUE(found);
     dput(found);
+  }
+}
+
+// Objects of one kind lie at equal distances, and so do the hashes of names that are counted up.
+CASE(vfs_internal, a_large_table_is_used_whole) {
+  constexpr unsigned kBits = 12;
+  constexpr unsigned long kDistances[] = {1, 16, 187, 256, 2176, 4096, 1ul << 32};
+  for (const unsigned long distance : kDistances) {
+    static unsigned char used[1u << kBits];
+    memset(used, 0, sizeof(used));
+    int taken = 0;
+    for (unsigned long i = 0; i < sizeof(used); i++) {
+      unsigned char *place = &used[hash_long(0x7f0012345670ul + i * distance, kBits)];
+      taken += !*place;
+      *place = 1;
+    }
+    EXPECT_GT(taken, (int)sizeof(used) / 2);
   }
 }
 

@@ -1,11 +1,15 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Multiplicative hashing: the top `bits` bits of the product with a large odd number. */
+/*
+ * Multiplicative hashing: the top `bits` bits of the product with 2^64 over the golden ratio. Each
+ * bit of the value counts; a multiplier with few bits set would leave the upper ones of a large
+ * table to the low bits of the value alone.
+ */
 #ifndef _LINUX_HASH_H
 #define _LINUX_HASH_H
 
 #include <asm/types.h>
 
-#define GOLDEN_RATIO_PRIME 0x9e37fffffffc0001UL
+#define GOLDEN_RATIO_PRIME 0x9e3779b97f4a7c15UL
 
 static inline unsigned long hash_long(unsigned long val, unsigned int bits) {
   return (val * GOLDEN_RATIO_PRIME) >> (BITS_PER_LONG - bits);

@@ -481,6 +481,13 @@ class rename_guard {
   struct dentry *dir2_;
 };
 
+// What is mounted below is part of the upper tree, and the VFS has compared the upper mounts alone;
+// but no file system can take over an object of another one. That the root of one is not moved is
+// vfs_rename's to say.
+bool crosses_file_systems(const struct dentry *lower_old, const struct dentry *lower_new) {
+  return lower_old->d_sb != lower_new->d_sb && !IS_ROOT(lower_old) && !IS_ROOT(lower_new);
+}
+
 int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                  struct dentry *new_dentry) {
   dentry_ref lower_old(dget(tarn_lower_dentry(old_dentry)));
@@ -488,6 +495,7 @@ int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode 
   const int mode = lower_old->d_inode ? int{lower_old->d_inode->i_mode} : 0;
   dentry_ref lower_old_dir(dget_parent(lower_old.get()));
   dentry_ref lower_new_dir(dget_parent(lower_new.get()));
+  if (crosses_file_systems(lower_old.get(), lower_new.get())) return -EXDEV;
   rename_guard guard(lower_old_dir.get(), lower_new_dir.get());
   if (!is_in(lower_old.get(), lower_old_dir.get()) || !is_in(lower_new.get(), lower_new_dir.get()))
     return -ESTALE;

@@ -237,3 +237,24 @@ MODULE_CASE(rename, works_without_memory_for_its_paths) {
   }
   EXPECT_TRUE(untested);
 }
+
+// The layer shows what is mounted below as part of its own tree, but no lower file system can move
+// an object to another one.
+MODULE_CASE(rename, to_another_lower_file_system_is_refused) {
+  replicated r;
+  REQUIRE_EQ(test_mkdir("/lower/sub"), 0);
+  REQUIRE_EQ(uk_fs_mount("none", "/lower/sub", "memfs", 0, nullptr), 0);
+  REQUIRE_EQ(test_put("/lower/sub/h", "there"), 5);
+  EXPECT_EQ(test_rename("/mnt/free/g", "/mnt/sub/g"), -EXDEV);
+  EXPECT_EQ(test_rename("/mnt/sub/h", "/mnt/free/g"), -EXDEV);
+  EXPECT_TRUE(test_holds("/lower/free/g", "y"));
+  EXPECT_TRUE(test_holds("/lower/sub/h", "there"));
+  EXPECT_FALSE(test_exists("/lower/sub/g"));
+  EXPECT_EQ(test_link("/mnt/free/g", "/mnt/sub/g"), -EXDEV);
+  // What it is mounted on is busy, not elsewhere: nobody shall copy it instead.
+  EXPECT_EQ(test_rename("/mnt/sub", "/mnt/free/sub"), -EBUSY);
+  EXPECT_EQ(test_rename("/mnt/free", "/mnt/sub"), -EBUSY);
+  EXPECT_EQ(r.daemon.next().type, -1);
+  uk_drop_caches();  // which hold the mount
+  EXPECT_EQ(uk_fs_umount("/lower/sub", 0), 0);
+}

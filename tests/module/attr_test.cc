@@ -290,3 +290,121 @@ MODULE_CASE(attr, setting_one_without_lower_support_is_not_supported) {
   const test_node upper("/mnt/f");
   EXPECT_EQ(uk_setxattr(upper.get(), "user.colour", "blue", 4, 0), -EOPNOTSUPP);
 }
+
+MODULE_CASE(attr, new_object_is_recorded_with_its_owner_and_the_directory_s_times) {
+  replicated r;
+  const test_walk lower("/lower");
+  lower.inode()->i_mode |= S_ISGID;
+  lower.inode()->i_gid = 77;
+  lower.inode()->i_atime.tv_sec = 4711;
+  lower.inode()->i_atime.tv_nsec = 5000;
+  current->fsuid = 1000;
+  EXPECT_EQ(test_mkdir("/mnt/d", 0750), 0);
+  EXPECT_EQ(test_put("/mnt/f", ""), 0);
+  current->fsuid = 0;
+  const unsigned long long mtime = lower.inode()->i_mtime.tv_sec * 1000000ull;
+  static constexpr int modes[] = {0750, S_IFREG | 0644};
+  for (const int mode : modes) {
+    const struct test_record &made = r.daemon.next();
+    EXPECT_EQ(made.para()->mode, static_cast<unsigned>(mode));
+    const struct test_record &record = r.daemon.next();
+    EXPECT_EQ(record.op(), OX_OP_SETATTR);
+    EXPECT_EQ(record.attr()->com.ia_mode, mode);
+    EXPECT_EQ(record.attr()->com.ia_atime, 4711000005ull);
+    EXPECT_LE(mtime - 1000000, record.attr()->com.ia_mtime);
+    EXPECT_LE(mtime - 1000000, record.attr()->com.ia_ctime);
+    EXPECT_EQ(record.attr()->sec.ia_uid, 1000u);
+    EXPECT_EQ(record.attr()->sec.ia_gid, 77u);
+  }
+}
+
+namespace {
+
+struct inode *grown_inode;
+struct inode_operations *grown_ops;
+long long size_above;  // of the upper inode at the last change below
+
+int note_size_above(struct dentry *dentry, struct iattr *ia) {
+  size_above = i_size_read(grown_inode);
+  return grown_ops->setattr(dentry, ia);
+}
+
+}  // namespace
+
+// A size that the upper super block would not allow is refused before the lower file is changed; as
+// long as the upper limit is not the smaller one, the upper size follows the lower one.
+MODULE_CASE(attr, growing_is_tried_above_where_the_upper_limit_is_smaller) {
+  replicated r;
+  REQUIRE_EQ(test_put("/mnt/f", "x"), 1);
+  const test_walk upper("/mnt/f");
+  grown_inode = upper.inode();
+  struct inode *lower = tarn_lower_inode(grown_inode);
+  grown_ops = lower->i_op;
+  struct inode_operations watched = *grown_ops;
+  watched.setattr = note_size_above;
+  lower->i_op = &watched;
+  EXPECT_EQ(set_size("/mnt/f", 6000), 0);
+  EXPECT_EQ(size_above, 1);
+  upper.dentry()->d_sb->s_maxbytes = 10000;
+  EXPECT_EQ(set_size("/mnt/f", 8000), 0);
+  EXPECT_EQ(size_above, 8000);
+  r.daemon.drain();
+  size_above = -1;
+  EXPECT_EQ(set_size("/mnt/f", 20000), -EFBIG);
+  EXPECT_EQ(size_above, -1);
+  EXPECT_EQ(i_size_read(lower), 8000);
+  EXPECT_EQ(r.daemon.next().type, -1);
+  lower->i_op = grown_ops;
+}
+
+MODULE_CASE(attr, record_is_what_the_lower_call_made_of_the_change) {
+  replicated r;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  const test_walk upper("/mnt/f");
+  const test_walk lower("/lower/f");
+  lower.inode()->i_mode = S_IFREG | 04755;
+  struct iattr ia;
+  memset(&ia, 0, sizeof(ia));
+  ia.ia_valid = ATTR_KILL_SUID;
+  {
+    mutex_guard guard(upper.inode()->i_mutex);
+    EXPECT_EQ(tarn_main_iops.setattr(upper.dentry(), &ia), 0);
+  }
+  EXPECT_EQ(lower.inode()->i_mode, S_IFREG | 0755);
+  const struct test_record &record = r.daemon.next();
+  EXPECT_EQ(record.attr()->com.ia_valid, ATTR_MODE);
+  EXPECT_EQ(record.attr()->com.ia_mode, S_IFREG | 0755);
+  EXPECT_NE(record.attr()->com.ia_ctime, 0ull);
+}
+
+MODULE_CASE(attr, link_is_read_by_the_upper_inode_s_own_operation) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/other", "other"), 5);
+  REQUIRE_EQ(test_symlink("f", "/lower/l"), 0);
+  const test_walk link("/mnt/l");
+  struct inode_operations *own = link.inode()->i_op;
+  struct inode_operations watched = *own;
+  watched.readlink = [](struct dentry *, char __user *buf, int) -> int {
+    return copy_to_user(buf, "other", 5) ? -EFAULT : 5;
+  };
+  link.inode()->i_op = &watched;
+  EXPECT_TRUE(test_holds("/mnt/l", "other"));
+  link.inode()->i_op = own;
+}
+
+MODULE_CASE(attr, link_that_cannot_be_read_keeps_its_access_time) {
+  test_mount mount;
+  REQUIRE_EQ(test_symlink("f", "/lower/l"), 0);
+  const test_walk link("/mnt/l");
+  const test_walk lower("/lower/l");
+  struct inode_operations *own = lower.inode()->i_op;
+  struct inode_operations failing = *own;
+  failing.readlink = [](struct dentry *, char __user *, int) -> int { return -EIO; };
+  lower.inode()->i_atime.tv_sec = 4711;
+  lower.inode()->i_op = &failing;
+  EXPECT_EQ(tarn_symlink_iops.readlink(link.dentry(), nullptr, 0), -EIO);
+  lower.inode()->i_op = nullptr;
+  EXPECT_EQ(tarn_symlink_iops.readlink(link.dentry(), nullptr, 0), -EINVAL);
+  lower.inode()->i_op = own;
+  EXPECT_NE(link.inode()->i_atime.tv_sec, 4711);
+}

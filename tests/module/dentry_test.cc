@@ -48,6 +48,12 @@ struct nameidata at(const test_walk &walk) {
 
 }  // namespace
 
+MODULE_CASE(dentry, table_has_exactly_its_slots) {
+  EXPECT_NE(tarn_dops.d_revalidate, nullptr);
+  EXPECT_NE(tarn_dops.d_release, nullptr);
+  EXPECT_EQ(test_filled_slots(tarn_dops), 2);
+}
+
 MODULE_CASE(dentry, without_a_lower_opinion_it_is_valid_and_nothing_is_refreshed) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);

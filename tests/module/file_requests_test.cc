@@ -79,6 +79,23 @@ MODULE_CASE(file_requests, synchronous_write_takes_the_dirty_page_below) {
   EXPECT_EQ(byte_at("/lower/f", 100), 'c');
 }
 
+// The pages that are waited for are those at the place that the caller gave, also where an append
+// has written elsewhere.
+MODULE_CASE(file_requests, synchronous_append_waits_for_the_place_that_was_asked_for) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", ""), 0);
+  test_buffer zeros(8192);
+  test_file plain("/mnt/f", O_RDWR), synchronous("/mnt/f", O_RDWR | O_SYNC | O_APPEND);
+  EXPECT_EQ(plain.write(zeros.get(), 8192, 0), 8192);
+  dirty_by_mapping(plain, 'a');
+  EXPECT_EQ(synchronous.write("x", 1, 4096), 1);
+  EXPECT_EQ(byte_at("/lower/f", 8192), 'x');
+  EXPECT_EQ(byte_at("/lower/f", 100), '\0');
+  EXPECT_EQ(synchronous.write("y", 1, 0), 1);
+  EXPECT_EQ(byte_at("/lower/f", 8193), 'y');
+  EXPECT_EQ(byte_at("/lower/f", 100), 'a');
+}
+
 // An earlier failure of write-back is told by the first that waits; what was written is captured.
 MODULE_CASE(file_requests, error_of_the_sync_takes_the_place_of_the_count) {
   test_mount mount;
@@ -293,4 +310,166 @@ MODULE_CASE(file_requests, two_readers_of_a_directory_have_their_own_places) {
 MODULE_CASE(file_requests, two_readers_of_a_directory_over_nfs_have_their_own_places) {
   test_mount mount("nfs");
   expect_own_places();
+}
+
+// Each call that is passed down gets the lower file system's own objects and the caller's
+// arguments, and its result comes back.
+MODULE_CASE(file_requests, calls_that_pass_through_reach_the_lower_file) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "text"), 4);
+  static struct {
+    struct file *file;
+    fl_owner_t owner;
+    int fd, on, datasync;
+    struct inode *inode;
+    unsigned cmd;
+    unsigned long arg;
+    struct dentry *dentry;
+  } seen;
+  memset(&seen, 0, sizeof(seen));
+  lower_fops lower("/lower/f");
+  lower.ops.flush = [](struct file *file, fl_owner_t owner) -> int {
+    seen.file = file;
+    seen.owner = owner;
+    return -EUCLEAN;
+  };
+  lower.ops.fasync = [](int fd, struct file *file, int on) -> int {
+    seen.file = file;
+    seen.fd = fd;
+    seen.on = on;
+    return -EUCLEAN;
+  };
+  lower.ops.ioctl = [](struct inode *inode, struct file *file, unsigned cmd,
+                       unsigned long arg) -> int {
+    seen.file = file;
+    seen.inode = inode;
+    seen.cmd = cmd;
+    seen.arg = arg;
+    return -EUCLEAN;
+  };
+  lower.ops.fsync = [](struct file *file, struct dentry *dentry, int datasync) -> int {
+    seen.file = file;
+    seen.dentry = dentry;
+    seen.datasync = datasync;
+    return -EUCLEAN;
+  };
+  kernel_file file("/mnt/f", O_RDWR);
+  REQUIRE_TRUE(!IS_ERR(file.get()));
+  struct dentry *dentry = file->f_dentry;
+  struct file *below = tarn_lower_file(file.get());
+  const auto owner = reinterpret_cast<fl_owner_t>(&seen);
+
+  EXPECT_EQ(file.ops()->flush(file.get(), owner), -EUCLEAN);
+  EXPECT_EQ(seen.file, below);
+  EXPECT_EQ(seen.owner, owner);
+  seen.file = nullptr;
+  EXPECT_EQ(file.ops()->fasync(3, file.get(), 1), -EUCLEAN);
+  EXPECT_EQ(seen.file, below);
+  EXPECT_EQ(seen.fd, 3);
+  EXPECT_EQ(seen.on, 1);
+  seen.file = nullptr;
+  EXPECT_EQ(file.ops()->ioctl(dentry->d_inode, file.get(), 7, 8), -EUCLEAN);
+  EXPECT_EQ(seen.file, below);
+  EXPECT_EQ(seen.inode, tarn_lower_inode(dentry->d_inode));
+  EXPECT_EQ(seen.cmd, 7u);
+  EXPECT_EQ(seen.arg, 8ul);
+  seen.file = nullptr;
+  EXPECT_EQ(file.ops()->fsync(file.get(), dentry, 1), -EUCLEAN);
+  EXPECT_EQ(seen.file, below);
+  EXPECT_EQ(seen.dentry, tarn_lower_dentry(dentry));
+  EXPECT_EQ(seen.datasync, 1);
+}
+
+// A listing that fails leaves the place where the lower one has got to, and takes nothing over.
+MODULE_CASE(file_requests, failed_listing_keeps_the_place_of_the_lower_file) {
+  test_mount mount;
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  lower_fops lower("/lower/d");
+  lower.ops.readdir = [](struct file *file, void *, filldir_t) -> int {
+    file->f_pos = 5;
+    return -EIO;
+  };
+  kernel_file dir("/mnt/d", O_RDONLY | O_DIRECTORY);
+  REQUIRE_TRUE(!IS_ERR(dir.get()));
+  struct inode *inode = dir->f_dentry->d_inode;
+  inode->i_atime.tv_sec = 4711;
+  const auto fill = [](void *, const char *, int, loff_t, ino_t, unsigned) -> int { return 0; };
+  EXPECT_EQ(dir.ops()->readdir(dir.get(), nullptr, fill), -EIO);
+  EXPECT_EQ(dir->f_pos, 5);
+  EXPECT_EQ(inode->i_atime.tv_sec, 4711);
+}
+
+// Only a read that succeeds touches the access time, be it of nothing.
+MODULE_CASE(file_requests, failed_read_leaves_the_lower_access_time) {
+  test_mount mount("nfs");
+  REQUIRE_EQ(test_put("/lower/f", "text"), 4);
+  static ssize_t result;
+  lower_fops lower("/lower/f");
+  lower.ops.aio_read = [](struct kiocb *, char __user *, size_t, loff_t) -> ssize_t {
+    return result;
+  };
+  kernel_file file("/mnt/f", O_RDONLY);
+  REQUIRE_TRUE(!IS_ERR(file.get()));
+  struct inode *inode = tarn_lower_inode(file->f_dentry->d_inode);
+  inode->i_atime.tv_sec = 1;
+  struct kiocb iocb;
+  init_sync_kiocb(&iocb, file.get());
+  iocb.ki_pos = 0;
+  result = -EIO;
+  EXPECT_EQ(file.ops()->aio_read(&iocb, nullptr, 4, 0), -EIO);
+  EXPECT_EQ(inode->i_atime.tv_sec, 1);
+  result = 0;
+  EXPECT_EQ(file.ops()->aio_read(&iocb, nullptr, 4, 0), 0);
+  EXPECT_NE(inode->i_atime.tv_sec, 1);
+}
+
+// Over NFS, a file without an aio_read of its own is read as over any other file system.
+MODULE_CASE(file_requests, read_over_nfs_without_a_lower_aio_read_goes_through_the_page_cache) {
+  test_mount mount("nfs");
+  REQUIRE_EQ(test_put("/lower/f", "text"), 4);
+  lower_fops lower("/lower/f");
+  lower.ops.aio_read = nullptr;
+  lower.ops.read = [](struct file *, char __user *buf, size_t, loff_t *) -> ssize_t {
+    return copy_to_user(buf, "read", 4) ? -EFAULT : 4;
+  };
+  EXPECT_TRUE(test_holds("/mnt/f", "read"));
+  const test_walk upper("/mnt/f");
+  EXPECT_EQ(upper.inode()->i_mapping->nrpages, 1ul);
+}
+
+MODULE_CASE(file_requests, states_that_cannot_be_are_bugs) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "text"), 4);
+  static struct dentry *below;
+  static struct file *file;
+  {
+    const test_walk lower("/lower/f");
+    below = lower.dentry();
+    EXPECT_REPORT(
+        [] {
+          const test_walk upper("/mnt/f");
+          atomic_set(&below->d_count, 0);
+          filp_open("/mnt/f", O_RDONLY, 0);
+        },
+        "BUG");
+  }
+  file = filp_open("/mnt/f", O_RDWR, 0);
+  REQUIRE_TRUE(!IS_ERR(file));
+  EXPECT_REPORT(
+      [] {
+        struct kiocb iocb;
+        init_sync_kiocb(&iocb, file);
+        iocb.ki_pos = 1;
+        file->f_op->aio_write(&iocb, nullptr, 0, 0);
+      },
+      "BUG");
+  EXPECT_REPORT(
+      [] {
+        struct kiocb iocb;
+        init_sync_kiocb(&iocb, file);
+        tarn_file(file)->lower_file = nullptr;
+        tarn_aops.direct_IO(READ, &iocb, nullptr, 0, 0);
+      },
+      "BUG");
+  filp_close(file, nullptr);
 }

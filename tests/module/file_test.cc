@@ -21,14 +21,29 @@ MODULE_CASE(file, tables_have_exactly_their_slots) {
   EXPECT_EQ(tarn_main_fops.llseek, generic_file_llseek);
   EXPECT_EQ(tarn_main_fops.read, do_sync_read);
   EXPECT_EQ(tarn_main_fops.write, do_sync_write);
-  EXPECT_EQ(tarn_main_fops.mmap, generic_file_mmap);
   EXPECT_EQ(tarn_main_fops.sendfile, generic_file_sendfile);
-  EXPECT_EQ(tarn_dir_fops.llseek, nullptr);
-  EXPECT_EQ(tarn_dir_fops.read, nullptr);
-  EXPECT_EQ(tarn_dir_fops.aio_write, nullptr);
-  EXPECT_EQ(tarn_dir_fops.sendfile, nullptr);
-  EXPECT_EQ(tarn_dir_fops.readdir, tarn_main_fops.readdir);
-  EXPECT_EQ(tarn_dir_fops.open, tarn_main_fops.open);
+  EXPECT_NE(tarn_main_fops.aio_read, nullptr);
+  EXPECT_NE(tarn_main_fops.aio_write, nullptr);
+  EXPECT_EQ(test_filled_slots(tarn_main_fops), 14);
+  const struct file_operations *const tables[] = {&tarn_main_fops, &tarn_dir_fops};
+  for (const struct file_operations *table : tables) {
+    EXPECT_NE(table->readdir, nullptr);
+    EXPECT_EQ(table->readdir, tarn_main_fops.readdir);
+    EXPECT_NE(table->ioctl, nullptr);
+    EXPECT_EQ(table->ioctl, tarn_main_fops.ioctl);
+    EXPECT_EQ(table->mmap, generic_file_mmap);
+    EXPECT_NE(table->open, nullptr);
+    EXPECT_EQ(table->open, tarn_main_fops.open);
+    EXPECT_NE(table->flush, nullptr);
+    EXPECT_EQ(table->flush, tarn_main_fops.flush);
+    EXPECT_NE(table->release, nullptr);
+    EXPECT_EQ(table->release, tarn_main_fops.release);
+    EXPECT_NE(table->fsync, nullptr);
+    EXPECT_EQ(table->fsync, tarn_main_fops.fsync);
+    EXPECT_NE(table->fasync, nullptr);
+    EXPECT_EQ(table->fasync, tarn_main_fops.fasync);
+  }
+  EXPECT_EQ(test_filled_slots(tarn_dir_fops), 8);
 }
 
 MODULE_CASE(file, all_opens_share_one_lower_file_that_is_read_write) {

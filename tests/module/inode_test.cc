@@ -2,6 +2,7 @@
 // Binding of upper to lower objects: lookup, the one inode of many names, refreshed attributes,
 // permission.
 #include "tests/module/mounted.h"
+#include "ukern/fs/memfs.h"
 
 namespace {
 
@@ -82,6 +83,40 @@ MODULE_CASE(inode, two_names_of_one_lower_file_are_one_upper_inode) {
   EXPECT_EQ(a.inode()->i_ino, tarn_lower_inode(a.inode())->i_ino);
 }
 
+// An inode that is in the cache takes over what has changed below as a new one does.
+MODULE_CASE(inode, each_lookup_of_an_inode_refreshes_it) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/a", "x"), 1);
+  REQUIRE_EQ(test_link("/lower/a", "/lower/b"), 0);
+  const test_walk a("/mnt/a");
+  const test_walk lower("/lower/a");
+  lower.inode()->i_uid = 77;
+  i_size_write(lower.inode(), 1234);
+  EXPECT_EQ(a.inode()->i_uid, 0u);
+  const test_walk b("/mnt/b");
+  REQUIRE_EQ(b.error(), 0);
+  EXPECT_EQ(b.inode(), a.inode());
+  EXPECT_EQ(a.inode()->i_uid, 77u);
+  EXPECT_EQ(i_size_read(a.inode()), 1234);
+  i_size_write(lower.inode(), 1);
+}
+
+MODULE_CASE(inode, name_that_cannot_be_looked_up_below_is_dropped) {
+  test_mount mount;
+  const test_walk upper("/mnt");
+  const test_walk lower("/lower");
+  struct qstr text = qstr_of("f");
+  struct dentry *dentry = d_alloc(upper.dentry(), &text);
+  REQUIRE_TRUE(dentry);
+  d_rehash(dentry);
+  memfs_fail(lower.dentry()->d_sb, MEMFS_OP_LOOKUP, -EIO, 1);
+  mutex_lock(&upper.inode()->i_mutex);
+  EXPECT_EQ(PTR_ERR(tarn_dir_iops.lookup(upper.inode(), dentry, nullptr)), -EIO);
+  mutex_unlock(&upper.inode()->i_mutex);
+  EXPECT_TRUE(d_unhashed(dentry));
+  dput(dentry);
+}
+
 MODULE_CASE(inode, denied_writing_is_cleared_on_a_regular_file_and_logged_once) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/program", "x"), 1);
@@ -148,6 +183,24 @@ MODULE_CASE(inode, lower_mount_point_is_followed_down) {
   EXPECT_EQ(uk_fs_umount("/lower/sub", 0), 0);
 }
 
+// To the last of several mounts on one place.
+MODULE_CASE(inode, lower_mounts_on_each_other_are_followed_down) {
+  test_mount mount;
+  REQUIRE_EQ(test_mkdir("/lower/sub"), 0);
+  REQUIRE_EQ(uk_fs_mount("none", "/lower/sub", "memfs", 0, nullptr), 0);
+  REQUIRE_EQ(uk_fs_mount("none", "/lower/sub", "memfs", 0, nullptr), 0);
+  {
+    const test_walk lower("/lower/sub");
+    const test_walk upper("/mnt/sub");
+    REQUIRE_EQ(upper.error(), 0);
+    EXPECT_EQ(tarn_lower_dentry(upper.dentry()), lower.dentry());
+    EXPECT_EQ(tarn_lower_mnt(upper.dentry()), lower.mnt());
+  }
+  forget_upper_names();  // which hold the mount
+  EXPECT_EQ(uk_fs_umount("/lower/sub", 0), 0);
+  EXPECT_EQ(uk_fs_umount("/lower/sub", 0), 0);
+}
+
 MODULE_CASE(inode, character_device_has_the_lower_number_and_type) {
   test_mount mount;
   REQUIRE_EQ(test_mknod("/lower/dev", S_IFCHR | 0640, 0x0107), 0);
@@ -183,18 +236,38 @@ MODULE_CASE(inode, each_kind_has_its_tables) {
 }
 
 MODULE_CASE(inode, tables_have_exactly_their_slots) {
-  EXPECT_EQ(tarn_dir_iops.getattr, nullptr);
-  EXPECT_EQ(tarn_dir_iops.readlink, nullptr);
-  EXPECT_EQ(tarn_dir_iops.truncate, nullptr);
+  const struct inode_operations *const tables[] = {&tarn_dir_iops, &tarn_symlink_iops,
+                                                   &tarn_main_iops};
+  for (const struct inode_operations *table : tables) {
+    EXPECT_NE(table->permission, nullptr);
+    EXPECT_EQ(table->permission, tarn_main_iops.permission);
+    EXPECT_NE(table->setattr, nullptr);
+    EXPECT_EQ(table->setattr, tarn_main_iops.setattr);
+    EXPECT_NE(table->setxattr, nullptr);
+    EXPECT_EQ(table->setxattr, tarn_main_iops.setxattr);
+    EXPECT_NE(table->getxattr, nullptr);
+    EXPECT_EQ(table->getxattr, tarn_main_iops.getxattr);
+    EXPECT_NE(table->listxattr, nullptr);
+    EXPECT_EQ(table->listxattr, tarn_main_iops.listxattr);
+    EXPECT_NE(table->removexattr, nullptr);
+    EXPECT_EQ(table->removexattr, tarn_main_iops.removexattr);
+  }
+  EXPECT_NE(tarn_dir_iops.create, nullptr);
+  EXPECT_NE(tarn_dir_iops.lookup, nullptr);
+  EXPECT_NE(tarn_dir_iops.link, nullptr);
+  EXPECT_NE(tarn_dir_iops.unlink, nullptr);
+  EXPECT_NE(tarn_dir_iops.symlink, nullptr);
+  EXPECT_NE(tarn_dir_iops.mkdir, nullptr);
+  EXPECT_NE(tarn_dir_iops.rmdir, nullptr);
+  EXPECT_NE(tarn_dir_iops.mknod, nullptr);
   EXPECT_NE(tarn_dir_iops.rename, nullptr);
-  EXPECT_EQ(tarn_symlink_iops.getattr, nullptr);
-  EXPECT_EQ(tarn_symlink_iops.lookup, nullptr);
+  EXPECT_EQ(test_filled_slots(tarn_dir_iops), 15);
+  EXPECT_NE(tarn_symlink_iops.readlink, nullptr);
+  EXPECT_NE(tarn_symlink_iops.follow_link, nullptr);
   EXPECT_NE(tarn_symlink_iops.put_link, nullptr);
+  EXPECT_EQ(test_filled_slots(tarn_symlink_iops), 9);
   EXPECT_NE(tarn_main_iops.getattr, nullptr);
-  EXPECT_EQ(tarn_main_iops.create, nullptr);
-  EXPECT_EQ(tarn_main_iops.readlink, nullptr);
-  EXPECT_EQ(tarn_main_iops.permission, tarn_dir_iops.permission);
-  EXPECT_EQ(tarn_main_iops.setattr, tarn_symlink_iops.setattr);
+  EXPECT_EQ(test_filled_slots(tarn_main_iops), 7);
 }
 
 MODULE_CASE(inode, file_reports_the_lower_attributes_as_they_are_now) {
@@ -240,14 +313,51 @@ MODULE_CASE(inode, permission_lends_the_lower_path_and_takes_it_back) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
   const test_walk upper("/mnt/f");
+  const test_walk lower("/lower/f");
+  static struct nameidata *asked_with, lent;
+  struct inode_operations *own = lower.inode()->i_op;
+  struct inode_operations watched = *own;
+  watched.permission = [](struct inode *, int, struct nameidata *nd) -> int {
+    asked_with = nd;
+    if (nd) lent = *nd;
+    return -EUCLEAN;
+  };
+  lower.inode()->i_op = &watched;
   struct nameidata nd;
   memset(&nd, 0, sizeof(nd));
   nd.dentry = upper.dentry();
   nd.mnt = upper.mnt();
-  EXPECT_EQ(tarn_main_iops.permission(upper.inode(), MAY_READ, &nd), 0);
+  EXPECT_EQ(tarn_main_iops.permission(upper.inode(), MAY_READ, &nd), -EUCLEAN);
+  EXPECT_EQ(asked_with, &nd);
+  EXPECT_EQ(lent.dentry, lower.dentry());
+  EXPECT_EQ(lent.mnt, lower.mnt());
   EXPECT_EQ(nd.dentry, upper.dentry());
   EXPECT_EQ(nd.mnt, upper.mnt());
-  EXPECT_EQ(tarn_main_iops.permission(upper.inode(), MAY_READ, nullptr), 0);
+  EXPECT_EQ(tarn_main_iops.permission(upper.inode(), MAY_READ, nullptr), -EUCLEAN);
+  EXPECT_EQ(asked_with, nullptr);
+  lower.inode()->i_op = own;
+}
+
+MODULE_CASE(inode, attributes_of_a_file_are_asked_by_its_lower_path) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  const test_walk upper("/mnt/f");
+  const test_walk lower("/lower/f");
+  static struct vfsmount *asked_mnt;
+  static struct dentry *asked_dentry;
+  struct inode_operations *own = lower.inode()->i_op;
+  struct inode_operations watched = *own;
+  watched.getattr = [](struct vfsmount *mnt, struct dentry *dentry, struct kstat *) -> int {
+    asked_mnt = mnt;
+    asked_dentry = dentry;
+    return -EUCLEAN;
+  };
+  lower.inode()->i_op = &watched;
+  struct kstat stat;
+  EXPECT_EQ(tarn_main_iops.getattr(upper.mnt(), upper.dentry(), &stat), -EUCLEAN);
+  lower.inode()->i_op = own;
+  EXPECT_EQ(asked_mnt, lower.mnt());
+  EXPECT_EQ(asked_dentry, lower.dentry());
 }
 
 MODULE_CASE(inode, lookup_takes_over_the_directory_s_access_time) {

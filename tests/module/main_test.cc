@@ -58,6 +58,8 @@ int load_with_options_taken(int first, int last) {
 CASE(main, start_takes_the_type_the_channel_and_the_options) {
   REQUIRE_EQ(uk_module_load("tarn"), 0);
   EXPECT_TRUE(case_logged("Register tarn filesystem success"));
+  EXPECT_STREQ(tarn_fs_type.name, "tarn");
+  EXPECT_EQ(tarn_fs_type.fs_flags, 0);
   EXPECT_FALSE(type_is_free());
   EXPECT_FALSE(channel_is_free());
   EXPECT_FALSE(options_are_free(OX_SO_RULE_SET_FIRST, OX_SO_RULE_SET_LAST));

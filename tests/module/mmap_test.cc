@@ -51,14 +51,11 @@ constexpr int errors_of_a_write[] = {0, -EIO};
 MODULE_CASE(mmap, table_has_exactly_its_slots) {
   EXPECT_NE(tarn_aops.writepage, nullptr);
   EXPECT_NE(tarn_aops.readpage, nullptr);
-  EXPECT_EQ(tarn_aops.writepages, nullptr);
-  EXPECT_EQ(tarn_aops.set_page_dirty, nullptr);
   EXPECT_NE(tarn_aops.prepare_write, nullptr);
   EXPECT_NE(tarn_aops.commit_write, nullptr);
   EXPECT_NE(tarn_aops.bmap, nullptr);
-  EXPECT_EQ(tarn_aops.invalidatepage, nullptr);
-  EXPECT_EQ(tarn_aops.releasepage, nullptr);
   EXPECT_NE(tarn_aops.direct_IO, nullptr);
+  EXPECT_EQ(test_filled_slots(tarn_aops), 6);
 }
 
 MODULE_CASE(mmap, partial_last_page_is_up_to_date_and_only_its_bytes_are_read) {
@@ -381,6 +378,20 @@ MODULE_CASE(mmap, page_operations_without_a_lower_file_are_a_bug) {
         tarn_read_lower(text, 0, sizeof(text), inode);
       },
       "BUG");
+  EXPECT_REPORT(
+      [] {
+        char text[4] = {};
+        tarn_write_lower(inode, text, 0, sizeof(text));
+      },
+      "BUG");
+  EXPECT_REPORT(
+      [] {
+        struct writeback_control wbc;
+        memset(&wbc, 0, sizeof(wbc));
+        locked_page page(inode->i_mapping, 0);
+        tarn_aops.writepage(page.get(), &wbc);
+      },
+      "BUG");
 }
 
 // The rest of a page behind the end of the file was never anybody else's memory.
@@ -402,4 +413,51 @@ MODULE_CASE(mmap, gap_within_a_page_reads_as_zeros) {
   EXPECT_EQ(memcmp(above, below, 101), 0);
   EXPECT_EQ(above[50], 0);
   EXPECT_EQ(above[99], 0);
+}
+
+MODULE_CASE(mmap, short_lower_write_counts_as_a_whole_one) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "text"), 4);
+  open_pages pages("/mnt/f");
+  struct file *lower = tarn_inode(pages.inode())->lower_file;
+  const struct file_operations *own = lower->f_op;
+  struct file_operations shortened = *own;
+  shortened.write = [](struct file *, const char __user *, size_t, loff_t *) -> ssize_t {
+    return 0;
+  };
+  lower->f_op = &shortened;
+  char text[4] = "new";
+  EXPECT_EQ(tarn_write_lower(pages.inode(), text, 0, 3), 0);
+  lower->f_op = own;
+}
+
+MODULE_CASE(mmap, part_of_a_page_is_read_to_the_start_of_the_page) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "abcdefgh"), 8);
+  open_pages pages("/mnt/f");
+  locked_page page(pages.mapping(), 0);
+  memset(page.text(), '#', PAGE_SIZE);
+  EXPECT_EQ(tarn_read_lower_page_segment(page.get(), 0, 2, 3, pages.inode()), 0);
+  EXPECT_EQ(memcmp(page.text(), "cde###", 6), 0);
+}
+
+// A page behind the end is cleared only where the write does not begin with it, and where the file
+// may not grow to it the write ends there.
+MODULE_CASE(mmap, page_at_the_end_is_prepared_for_a_part_of_it) {
+  test_mount mount;
+  open_pages pages("/mnt/f");
+  mutex_guard guard(pages.inode()->i_mutex);
+  {
+    locked_page page(pages.mapping(), 0);
+    memset(page.text(), '#', PAGE_SIZE);
+    SetPageUptodate(page.get());
+    EXPECT_EQ(tarn_aops.prepare_write(nullptr, page.get(), 0, 10), 0);
+    EXPECT_EQ(page.text()[100], '#');
+    EXPECT_EQ(tarn_aops.prepare_write(nullptr, page.get(), 1, 10), 0);
+    EXPECT_EQ(page.text()[100], 0);
+  }
+  pages.inode()->i_sb->s_maxbytes = 4096;
+  locked_page page(pages.mapping(), 2);
+  EXPECT_EQ(tarn_aops.prepare_write(nullptr, page.get(), 0, 10), -EFBIG);
+  EXPECT_EQ(i_size_read(pages.inode()), 0);
 }

@@ -255,6 +255,15 @@ inline bool test_holds(const char *path, const char *text) {
   return test_get(path, held, sizeof(held)) >= 0 && !strcmp(held, text);
 }
 
+/* How many slots of an operation table are filled. */
+template <typename Table>
+int test_filled_slots(const Table &table) {
+  const auto *slots = reinterpret_cast<const void *const *>(&table);
+  int filled = 0;
+  for (unsigned long i = 0; i < sizeof(Table) / sizeof(*slots); i++) filled += slots[i] != nullptr;
+  return filled;
+}
+
 /* Memory of a case, given back at its end. */
 class test_buffer {
  public:

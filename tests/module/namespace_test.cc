@@ -268,6 +268,17 @@ MODULE_CASE(namespace, creation_gives_the_lookup_record_its_own_path_back) {
   const test_walk dir("/mnt");
   struct dentry *dentry = negative("/mnt", "f");
   REQUIRE_TRUE(dentry);
+  static struct inode_operations *own;
+  static struct nameidata lent;
+  struct inode *lower_dir = tarn_lower_inode(dir.inode());
+  own = lower_dir->i_op;
+  struct inode_operations watched = *own;
+  watched.create = [](struct inode *in, struct dentry *name, int mode,
+                      struct nameidata *nd) -> int {
+    lent = *nd;
+    return own->create(in, name, mode, nd);
+  };
+  lower_dir->i_op = &watched;
   struct nameidata nd;
   memset(&nd, 0, sizeof(nd));
   nd.dentry = dir.dentry();
@@ -275,6 +286,9 @@ MODULE_CASE(namespace, creation_gives_the_lookup_record_its_own_path_back) {
   mutex_lock(&dir.inode()->i_mutex);
   EXPECT_EQ(tarn_dir_iops.create(dir.inode(), dentry, S_IFREG | 0600, &nd), 0);
   mutex_unlock(&dir.inode()->i_mutex);
+  lower_dir->i_op = own;
+  EXPECT_EQ(lent.dentry, tarn_lower_dentry(dentry));
+  EXPECT_EQ(lent.mnt, tarn_lower_mnt(dentry));
   EXPECT_EQ(nd.dentry, dir.dentry());
   EXPECT_EQ(nd.mnt, dir.mnt());
   EXPECT_TRUE(test_exists("/lower/f"));

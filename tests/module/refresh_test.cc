@@ -88,6 +88,47 @@ MODULE_CASE(refresh, creations_give_the_directory_its_times_and_size) {
   expect_times_and_size(name);
 }
 
+// A lower file system may leave the inode of what it has made to the next lookup.
+MODULE_CASE(refresh, creation_without_a_lower_inode_is_left_to_the_next_lookup) {
+  test_mount mount;
+  test_daemon daemon;
+  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+  REQUIRE_EQ(test_put("/lower/f", "text"), 4);
+  const test_walk dir("/mnt"), old("/mnt/f");
+  struct inode *lower = tarn_lower_inode(dir.inode());
+  struct inode_operations *own = lower->i_op;
+  struct inode_operations lazy = *own;
+  lazy.mkdir = [](struct inode *, struct dentry *, int) -> int { return 0; };
+  lazy.mknod = [](struct inode *, struct dentry *, int, dev_t) -> int { return 0; };
+  lazy.symlink = [](struct inode *, struct dentry *, const char *) -> int { return 0; };
+  lazy.link = [](struct dentry *, struct inode *, struct dentry *) -> int { return 0; };
+  lower->i_op = &lazy;
+  int (*const makers[])(struct inode *, struct dentry *, struct dentry *) = {
+      [](struct inode *in, struct dentry *name, struct dentry *) {
+        return tarn_dir_iops.mkdir(in, name, 0755);
+      },
+      [](struct inode *in, struct dentry *name, struct dentry *) {
+        return tarn_dir_iops.mknod(in, name, S_IFIFO | 0600, 0);
+      },
+      [](struct inode *in, struct dentry *name, struct dentry *) {
+        return tarn_dir_iops.symlink(in, name, "to");
+      },
+      [](struct inode *in, struct dentry *name, struct dentry *file) {
+        return tarn_dir_iops.link(file, in, name);
+      },
+  };
+  for (const auto make : makers) {
+    fresh_name name("/mnt/new");
+    EXPECT_EQ(make(name.dir(), name.dentry(), old.dentry()), 0);
+    EXPECT_EQ(name.dentry()->d_inode, nullptr);
+    EXPECT_TRUE(d_unhashed(name.dentry()));
+    EXPECT_EQ(name.dir()->i_mtime.tv_sec, stale);
+  }
+  lower->i_op = own;
+  EXPECT_EQ(daemon.next().type, -1);
+  do_flush(0);
+}
+
 // The size is that from before the link, the number of names the lower inode's.
 MODULE_CASE(refresh, link_keeps_the_size_and_takes_the_number_of_names) {
   test_mount mount;
@@ -125,20 +166,38 @@ MODULE_CASE(refresh, removals_give_the_directory_its_times_alone) {
   EXPECT_TRUE(d_unhashed(sub.dentry()));
 }
 
+// Also where nothing was removed.
+MODULE_CASE(refresh, refused_rmdir_gives_the_directory_its_times_and_links) {
+  test_mount mount;
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  REQUIRE_EQ(test_put("/lower/d/f", "x"), 1);
+  const test_walk dir("/mnt"), sub("/mnt/d");
+  mutex_guard parent(dir.inode()->i_mutex, I_MUTEX_PARENT);
+  make_stale(dir.inode());
+  dir.inode()->i_nlink = 99;
+  EXPECT_EQ(tarn_dir_iops.rmdir(dir.inode(), sub.dentry()), -ENOTEMPTY);
+  expect_times(dir.inode(), tarn_lower_inode(dir.inode()));
+  EXPECT_EQ(dir.inode()->i_nlink, tarn_lower_inode(dir.inode())->i_nlink);
+  EXPECT_FALSE(d_unhashed(sub.dentry()));
+}
+
 MODULE_CASE(refresh, lookup_and_attribute_changes_take_every_attribute) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "text"), 4);
   const test_walk lower("/lower/f");
   lower.inode()->i_blocks = 77;
   lower.inode()->i_blkbits = 9;
+  lower.inode()->i_rdev = 9;
   lower.inode()->i_flags = S_NOATIME;
   const test_walk upper("/mnt/f");
   EXPECT_EQ(upper.inode()->i_blocks, 77);
   EXPECT_EQ(upper.inode()->i_blkbits, 9u);
+  EXPECT_EQ(upper.inode()->i_rdev, 9u);
   EXPECT_EQ(upper.inode()->i_flags, static_cast<unsigned>(S_NOATIME));
   EXPECT_EQ(upper.inode()->i_version, 1ul);
   lower.inode()->i_blocks = 78;
   lower.inode()->i_blkbits = 10;
+  lower.inode()->i_rdev = 0;
   lower.inode()->i_flags = 0;
   struct iattr ia;
   memset(&ia, 0, sizeof(ia));
@@ -150,6 +209,7 @@ MODULE_CASE(refresh, lookup_and_attribute_changes_take_every_attribute) {
   }
   EXPECT_EQ(upper.inode()->i_blocks, 78);
   EXPECT_EQ(upper.inode()->i_blkbits, 10u);
+  EXPECT_EQ(upper.inode()->i_rdev, 0u);
   EXPECT_EQ(upper.inode()->i_flags, 0u);
   lower.inode()->i_blkbits = PAGE_CACHE_SHIFT;
 }

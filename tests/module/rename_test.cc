@@ -169,7 +169,11 @@ MODULE_CASE(rename, both_directories_are_refreshed) {
   const test_walk from("/mnt/from");
   const test_walk to("/mnt/to");
   EXPECT_EQ(from.inode()->i_nlink, 3u);
+  i_size_write(from.inode(), 12345);
+  i_size_write(to.inode(), 12345);
   EXPECT_EQ(test_rename("/mnt/from/d", "/mnt/to/d"), 0);
+  EXPECT_EQ(i_size_read(from.inode()), 12345);  // all but the size
+  EXPECT_EQ(i_size_read(to.inode()), 12345);
   EXPECT_EQ(from.inode()->i_nlink, 2u);
   EXPECT_EQ(to.inode()->i_nlink, 3u);
 }
@@ -257,4 +261,38 @@ MODULE_CASE(rename, to_another_lower_file_system_is_refused) {
   EXPECT_EQ(r.daemon.next().type, -1);
   uk_drop_caches();  // which hold the mount
   EXPECT_EQ(uk_fs_umount("/lower/sub", 0), 0);
+}
+
+namespace {
+
+// Another region of the calling task's memory map, in front of the others.
+void map_in_front(const char *file, unsigned long flags) {
+  struct mm_struct *mm = get_task_mm(current);
+  REQUIRE_TRUE(mm);
+  auto *vma =
+      static_cast<struct vm_area_struct *>(kzalloc(sizeof(struct vm_area_struct), GFP_KERNEL));
+  vma->vm_mm = mm;
+  vma->vm_flags = flags;
+  if (file) vma->vm_file = filp_open(file, O_RDONLY, 0);
+  EXPECT_FALSE(IS_ERR(vma->vm_file));
+  INIT_LIST_HEAD(&vma->shared.vm_set.list);
+  vma->vm_next = mm->mmap;
+  mm->mmap = vma;
+  mmput(mm);
+}
+
+}  // namespace
+
+// Libraries and data are mapped as well, and not every region has a file.
+MODULE_CASE(rename, program_is_the_first_region_that_is_executable_and_has_a_file) {
+  replicated r;
+  make_program("/bin/other");
+  {
+    program mirrord("/usr/local/oxbase/sbin/mirrord");
+    map_in_front(nullptr, VM_EXECUTABLE);
+    map_in_front("/bin/other", VM_READ | VM_EXEC);
+    EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), 0);
+    map_in_front("/bin/other", VM_EXECUTABLE);
+    EXPECT_EQ(test_rename("/mnt/rep/f2", "/mnt/rep/f"), -EACCES);
+  }
 }

@@ -16,6 +16,17 @@ bool mount_line(const char *dir, char *line, unsigned long size) {
 
 }  // namespace
 
+MODULE_CASE(super, table_has_exactly_its_slots) {
+  EXPECT_NE(tarn_sops.alloc_inode, nullptr);
+  EXPECT_NE(tarn_sops.destroy_inode, nullptr);
+  EXPECT_EQ(tarn_sops.drop_inode, generic_delete_inode);
+  EXPECT_NE(tarn_sops.put_super, nullptr);
+  EXPECT_NE(tarn_sops.statfs, nullptr);
+  EXPECT_NE(tarn_sops.clear_inode, nullptr);
+  EXPECT_NE(tarn_sops.show_options, nullptr);
+  EXPECT_EQ(test_filled_slots(tarn_sops), 7);
+}
+
 MODULE_CASE(super, missing_source_fails_and_leaves_no_super_block) {
   REQUIRE_EQ(test_mkdir("/mnt"), 0);
   EXPECT_EQ(uk_fs_mount("/nothing", "/mnt", "tarn", 0, nullptr), -ENOENT);
@@ -168,3 +179,42 @@ MODULE_CASE(super, unmount_gives_back_the_shared_lower_files) {
   }
   EXPECT_TRUE(list_empty(&tarn_fs_type.fs_supers));
 }
+
+MODULE_CASE(super, shared_lower_file_without_a_dentry_is_a_bug) {
+  test_mount mount;
+  static struct super_block *sb;
+  const test_walk upper("/mnt");
+  sb = upper.dentry()->d_sb;
+  EXPECT_REPORT(
+      [] {
+        static struct file file;
+        struct inode *inode = tarn_sops.alloc_inode(sb);
+        tarn_inode(inode)->lower_file = &file;
+        tarn_sops.destroy_inode(inode);
+      },
+      "BUG");
+}
+
+#if UKERN_DEBUG
+
+// The page of a mount table line whose lower path does not fit into it is not given back.
+MODULE_CASE(super, lower_path_that_is_too_long_is_the_mount_table_s_error) {
+  test_mount mount;
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  REQUIRE_EQ(test_mkdir("/mnt2"), 0);
+  REQUIRE_EQ(uk_fs_mount("/lower/d", "/mnt2", "tarn", 0, nullptr), 0);
+  {
+    const test_walk deep("/mnt2");
+    struct dentry *lower = tarn_lower_dentry(deep.dentry());
+    const struct qstr own = lower->d_name;
+    test_buffer name(8192, 'n');
+    lower->d_name.name = reinterpret_cast<const unsigned char *>(name.get());
+    lower->d_name.len = 5000;
+    EXPECT_EQ(tarn_sops.show_options(nullptr, deep.mnt()), -ENAMETOOLONG);
+    lower->d_name = own;
+  }
+  EXPECT_EQ(uk_fs_umount("/mnt2", 0), 0);
+  EXPECT_LEAK("of order 0 is still allocated, count 1");
+}
+
+#endif

@@ -246,14 +246,20 @@ static int get_rule(void __user *user, int *length) {
   return static_cast<int>(left);
 }
 
-/* All rules at one moment, each with a reference: what is copied to user space must not be under
- * the lock. */
+/*
+ * All rules at one moment, each with a reference: what is copied to user space must not be under
+ * the lock. The references stand in blocks of a page, since the kernel gives no block that is large
+ * enough for any number of them.
+ */
 class rule_snapshot {
  public:
   rule_snapshot() = default;
   ~rule_snapshot() {
-    for (int i = 0; i < count_; ++i) prule_node_put(nodes_[i]);
-    kfree(nodes_);
+    while (struct block *block = blocks_) {
+      for (int i = 0; i < block->used; ++i) prule_node_put(block->nodes[i]);
+      blocks_ = block->next;
+      kfree(block);
+    }
   }
   rule_snapshot(const rule_snapshot &) = delete;
   rule_snapshot &operator=(const rule_snapshot &) = delete;
@@ -264,25 +270,50 @@ class rule_snapshot {
       read_guard guard(ruleset.rwlock);
       if (count != ox_load(ruleset.rulenum)) return OX_ERR_COUNT;
     }
-    if (count == 0) return 0;
-    nodes_ = static_cast<struct prule_node **>(kzalloc(count * sizeof(*nodes_), GFP_KERNEL));
-    if (!nodes_) return OX_ERR_NOMEM;
+    for (int room = 0; room < count; room += kBlockNodes) {
+      struct block *block = static_cast<struct block *>(kzalloc(sizeof(*block), GFP_KERNEL));
+      if (!block) return OX_ERR_NOMEM;
+      block->next = blocks_;
+      blocks_ = block;
+    }
     read_guard guard(ruleset.rwlock);
     if (count != ox_load(ruleset.rulenum)) return OX_ERR_COUNT;
     /* A flush may be at work beside us: there may be fewer by now. */
     struct list_head *p = ox_first(&ruleset.head);
-    for (; p != &ruleset.head && count_ < count; p = p->next) {
-      nodes_[count_] = list_entry(p, struct prule_node, list);
-      prule_node_get(nodes_[count_++]);
+    for (struct block *block = blocks_; block; block = block->next) {
+      for (; p != &ruleset.head && count_ < count && block->used < kBlockNodes; p = p->next) {
+        struct prule_node *node = list_entry(p, struct prule_node, list);
+        prule_node_get(node);
+        block->nodes[block->used++] = node;
+        ++count_;
+      }
     }
     return 0;
   }
 
   int count() const { return count_; }
-  const struct prule &rule(int i) const { return nodes_[i]->rule; }
+
+  /* each(rule) in list order until it returns something else than 0, which is the result. */
+  template <typename Each>
+  unsigned long each(Each each) const {
+    for (const struct block *block = blocks_; block; block = block->next) {
+      for (int i = 0; i < block->used; ++i) {
+        if (const unsigned long result = each(block->nodes[i]->rule)) return result;
+      }
+    }
+    return 0;
+  }
 
  private:
-  struct prule_node **nodes_ = nullptr;
+  static const int kBlockNodes = PAGE_SIZE / sizeof(void *) - 2;
+  struct block {
+    struct block *next;
+    int used;
+    struct prule_node *nodes[kBlockNodes];
+  };
+  static_assert(sizeof(struct block) == PAGE_SIZE, "a block is a page");
+
+  struct block *blocks_ = nullptr;
   int count_ = 0;
 };
 
@@ -294,11 +325,10 @@ static int get_rules(void __user *user, int *length) {
   rule_snapshot rules;
   const int result = rules.take(info.rulenum);
   if (result) return result;
-  struct prule __user *slots = static_cast<struct prule __user *>(user);
-  for (int i = 0; i < rules.count(); ++i) {
-    left = copy_to_user(&slots[i], &rules.rule(i), sizeof(struct prule));
-    if (left) return static_cast<int>(left);
-  }
+  struct prule __user *slot = static_cast<struct prule __user *>(user);
+  left = rules.each(
+      [&slot](const struct prule &rule) { return copy_to_user(slot++, &rule, sizeof(rule)); });
+  if (left) return static_cast<int>(left);
   *length = static_cast<int>(rules.count() * sizeof(struct prule));
   return 0;
 }

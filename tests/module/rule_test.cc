@@ -226,6 +226,44 @@ MODULE_CASE(rule, a_list_into_too_little_memory_says_how_much_is_missing) {
   EXPECT_EQ(len, (int)sizeof(struct prule_info));
 }
 
+/* More rules than a block of the kernel's memory has references: room is made for as many as are
+ * counted, and those that are there are listed. */
+MODULE_CASE(rule, the_list_of_any_number_of_rules) {
+  const int many = 20000;
+  REQUIRE_EQ(install_rule(2, "/b"), 0);
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  user_memory user(user_slots, sizeof(user_slots));
+  get_prule_set()->rulenum = many;
+  int len;
+  EXPECT_EQ(list_rules(many, &len), 0);
+  get_prule_set()->rulenum = 2;
+  EXPECT_EQ(len, 2 * 16016);
+  EXPECT_EQ(user_slots[0].uuid[0], 2);
+  EXPECT_EQ(user_slots[1].uuid[0], 1);
+}
+
+MODULE_CASE(rule, the_list_goes_on_in_the_next_block) {
+  const int many = 1025; /* in three blocks */
+  static struct prule slots[many];
+  struct prule *record = rule_record(1);
+  for (int i = 0; i < many; ++i) {
+    record->uuid[0] = static_cast<unsigned char>(1 + i % 255);
+    record->uuid[1] = static_cast<unsigned char>(1 + i / 255);
+    kernel_ds_guard kernel_addresses;
+    REQUIRE_EQ(do_add(record, sizeof(*record)), 0);
+  }
+  user_memory user(slots, sizeof(slots));
+  struct prule_info info = {0, many, {}};
+  memcpy(slots, &info, sizeof(info));
+  int len = sizeof(info);
+  EXPECT_EQ(get_option(OX_SO_GET_RULES, slots, &len), 0);
+  EXPECT_EQ(len, many * 16016);
+  int wrong = 0;
+  for (int i = 0; i < many; ++i)
+    wrong += slots[i].uuid[0] != 1 + i % 255 || slots[i].uuid[1] != 1 + i / 255;
+  EXPECT_EQ(wrong, 0);
+}
+
 MODULE_CASE(rule, the_list_without_memory) {
   REQUIRE_EQ(install_rule(1, "/a"), 0);
   user_memory user(user_slots, sizeof(user_slots));
@@ -285,6 +323,31 @@ MODULE_CASE(rule, the_question_for_an_absent_rule_leaves_the_callers_answer) {
   struct prule_info info = {0, 77, {}};
   EXPECT_EQ(query(OX_INFO_EXIST, 5, &info), 0);
   EXPECT_EQ(info.rulenum, 77);
+}
+
+/* Only the list wants the length exactly. */
+MODULE_CASE(rule, a_longer_buffer_than_the_request_needs) {
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  user_memory user(user_slots, sizeof(user_slots));
+  struct prule_info info = {OX_INFO_COUNT, 77, {}};
+  const int lengths[] = {25, 16016, -1};
+  for (int length : lengths) {
+    memcpy(user_slots, &info, sizeof(info));
+    int len = length;
+    EXPECT_EQ(do_ox_get_ctl(nullptr, OX_SO_GET_INFO, user_slots, &len), 0);
+    EXPECT_EQ(len, length);
+    struct prule_info answer;
+    memcpy(&answer, user_slots, sizeof(answer));
+    EXPECT_EQ(answer.rulenum, 1);
+  }
+  memset(info.uuid, 1, sizeof(info.uuid));
+  for (int length : lengths) {
+    memcpy(user_slots, &info, sizeof(info));
+    int len = length;
+    EXPECT_EQ(do_ox_get_ctl(nullptr, OX_SO_GET_RULE, user_slots, &len), 0);
+    EXPECT_EQ(len, 16016);
+    EXPECT_STREQ(user_slots[0].workdir, "L2E=");
+  }
 }
 
 MODULE_CASE(rule, information_that_does_not_exist) {
@@ -415,6 +478,8 @@ CASE(rule, a_start_that_fails_says_at_what) {
 
   REQUIRE_EQ(prule_init(), 0);
   EXPECT_TRUE(case_logged("Register prule sockopt success"));
+  EXPECT_STREQ(kmem_cache_name(rulenode_cachep), "rulenode_cachep");
+  EXPECT_STREQ(kmem_cache_name(hit_rule_cache), "hit_rule_cache");
   prule_exit();
   EXPECT_TRUE(case_logged("prule_exit: flush ruleset"));
 }

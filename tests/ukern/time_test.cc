@@ -22,6 +22,10 @@ CASE(time, units_convert) {
   EXPECT_EQ(msecs_to_jiffies(1500), 1500ul * HZ / 1000);
   EXPECT_EQ(jiffies_to_msecs(1500), 1500u * 1000 / HZ);
   EXPECT_EQ(msecs_to_jiffies(0xffffffffu), MAX_JIFFY_OFFSET);
+  EXPECT_EQ(msecs_to_jiffies(0x80000000u),
+            0x80000000ul * HZ / 1000);  // only the highest are without end
+  EXPECT_EQ(usecs_to_jiffies(0xffffffffu), MAX_JIFFY_OFFSET);
+  EXPECT_EQ(usecs_to_jiffies(4000000000u), 4000ul * HZ);
   EXPECT_EQ(usecs_to_jiffies(1000000 / HZ + 1), 2ul);
   // A tick is what the timer can be set to, not exactly a part of a second.
   EXPECT_LT(TICK_NSEC, 1001000000ul / HZ);

@@ -34,10 +34,11 @@ static inline unsigned int jiffies_to_usecs(const unsigned long j) {
   return (unsigned int)(j * 1000);
 }
 static inline unsigned long msecs_to_jiffies(const unsigned int m) {
-  return (int)m < 0 ? MAX_JIFFY_OFFSET : m;
+  return m > jiffies_to_msecs(MAX_JIFFY_OFFSET) ? MAX_JIFFY_OFFSET : m;
 }
 static inline unsigned long usecs_to_jiffies(const unsigned int u) {
-  return ((unsigned long)u + 999) / 1000;
+  return u > jiffies_to_usecs(MAX_JIFFY_OFFSET) ? MAX_JIFFY_OFFSET
+                                                : ((unsigned long)u + 999) / 1000;
 }
 static inline unsigned long timespec_to_jiffies(const struct timespec *value) {
   if ((unsigned long)value->tv_sec >= MAX_JIFFY_OFFSET / HZ) return MAX_JIFFY_OFFSET;

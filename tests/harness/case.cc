@@ -40,17 +40,28 @@ int case_str_equal(const char *left, const char *right) {
 
 // Each case has a kernel of its own, so the log holds exactly what was printed since the case's
 // start.
-int case_log_count(const char *text) {
+template <typename Each>
+static void each_line_that_is(const char *text, Each each) {
   struct uk_klog_line line;
   char buf[1024];
   unsigned long long next = 0;
-  int count = 0;
 
   while (uk_klog_read(next, 0, &line, buf, sizeof(buf)) == 1) {
-    if (strcmp(buf, text) == 0) count++;
+    if (strcmp(buf, text) == 0) each(line);
     next = line.number + 1;
   }
+}
+
+int case_log_count(const char *text) {
+  int count = 0;
+  each_line_that_is(text, [&count](const uk_klog_line &) { count++; });
   return count;
+}
+
+int case_log_level(const char *text) {
+  int level = -1;
+  each_line_that_is(text, [&level](const uk_klog_line &line) { level = (int)line.level; });
+  return level;
 }
 
 int case_logged(const char *text) {

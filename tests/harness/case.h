@@ -127,6 +127,9 @@ void host_case_expect_leak(const char *file, int line, const char *text);
  * prefix, no newline); case_log_count says how many are. */
 int case_logged(const char *text);
 int case_log_count(const char *text);
+/* The level at which the last such line was written, 4 for one without a level; -1: there is none.
+ */
+int case_log_level(const char *text);
 #endif
 
 #endif

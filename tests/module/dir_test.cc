@@ -209,6 +209,8 @@ CASE(dir, a_start_that_fails_says_at_what) {
   nf_unregister_sockopt(&rival);
   REQUIRE_EQ(dir_init(), 0);
   EXPECT_TRUE(case_logged("Register dir sockopt success"));
+  /* Its cache has the name, which no other may have then. */
+  EXPECT_TRUE(kmem_cache_create("dirnode_cachep", 64, 0, 0, nullptr, nullptr) == nullptr);
   dir_exit();
   EXPECT_TRUE(case_logged("dir_exit: flush dirset"));
 }

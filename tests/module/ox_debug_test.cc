@@ -128,6 +128,17 @@ CASE(ox_debug, lines_are_appended_over_openings) {
   EXPECT_EQ(PTR_ERR(filp_open("/elsewhere", O_RDONLY, 0)), -ENOENT);
 }
 
+CASE(ox_debug, the_file_is_open_for_reading_and_everybody_may_write_it) {
+  const int mask = current->fs->umask;
+  current->fs->umask = 0;
+  EXPECT_EQ(ox_debug_init(kFile), 0);
+  current->fs->umask = mask;
+  EXPECT_EQ(g_debug_fd->f_mode & (FMODE_READ | FMODE_WRITE), FMODE_READ | FMODE_WRITE);
+  EXPECT_EQ(g_debug_fd->f_flags, (unsigned)(O_RDWR | O_APPEND | O_LARGEFILE));
+  EXPECT_EQ(g_debug_fd->f_dentry->d_inode->i_mode, S_IFREG | 0666);
+  EXPECT_EQ(ox_debug_exit(), 0);
+}
+
 CASE(ox_debug, closing_what_is_not_open) {
   EXPECT_EQ(ox_debug_exit(), -EINVAL);
 }
@@ -146,8 +157,10 @@ CASE(ox_debug, a_failed_opening_is_remembered_until_the_exit) {
 static int interruptions;
 static long last_result;
 static unsigned long last_count;
-static ssize_t write_interrupted(struct file *, const char __user *, size_t count, loff_t *) {
+static ssize_t write_interrupted(struct file *file, const char __user *, size_t count,
+                                 loff_t *pos) {
   EXPECT_TRUE(segment_eq(get_fs(), KERNEL_DS));
+  EXPECT_TRUE(pos == &file->f_pos);
   last_count = count;
   return interruptions-- > 0 ? -EINTR : last_result;
 }

@@ -152,26 +152,40 @@ CASE(ox_mem, a_signal_does_not_end_the_wait) {
   ox_free_page(w.page);
 }
 
-CASE(ox_mem, waiters_go_on_when_a_quarter_of_the_limit_has_drained) {
+namespace {
+
+/* As many pages are taken as the limit allows, and one more, and given back until there are `low`,
+ * which is still too many to go on, and then one more. */
+void drain(unsigned limit, int low) {
   ox_mem_init();
-  ox_store(l_mem_maxpages, 8);
+  ox_store(l_mem_maxpages, limit);
   struct page *pages[8];
-  for (struct page *&page : pages) {
-    page = ox_alloc_page(GFP_KERNEL);
-    REQUIRE_TRUE(page != nullptr);
+  REQUIRE_TRUE(limit <= ARRAY_SIZE(pages));
+  for (unsigned i = 0; i < limit; ++i) {
+    pages[i] = ox_alloc_page(GFP_KERNEL);
+    REQUIRE_TRUE(pages[i] != nullptr);
   }
   waiter w;
   start(w);
   REQUIRE_TRUE(waits(w));
-  EXPECT_EQ(atomic_read(&g_total_pages), 9);
-  int freed = 0;
-  for (; freed < 3; ++freed) ox_free_page(pages[freed]);
-  EXPECT_EQ(atomic_read(&g_total_pages), 6);
-  EXPECT_FALSE(came(w, 50)); /* below the limit, but not below 2 + 4 */
+  EXPECT_EQ(atomic_read(&g_total_pages), (int)limit + 1);
+  unsigned freed = 0;
+  while (atomic_read(&g_total_pages) > low) ox_free_page(pages[freed++]);
+  EXPECT_FALSE(came(w, 50));
   ox_free_page(pages[freed++]);
   EXPECT_TRUE(came(w, 5000));
   EXPECT_TRUE(w.page != nullptr);
-  while (freed < 8) ox_free_page(pages[freed++]);
+  while (freed < limit) ox_free_page(pages[freed++]);
   ox_free_page(w.page);
   EXPECT_EQ(atomic_read(&g_total_pages), 0);
+}
+
+}  // namespace
+
+CASE(ox_mem, waiters_go_on_when_a_quarter_of_the_limit_has_drained) {
+  drain(8, 2 + 4);
+}
+
+CASE(ox_mem, the_quarter_and_the_half_are_rounded_down_each) {
+  drain(7, 1 + 3);
 }

@@ -133,6 +133,7 @@ MODULE_CASE(privilege, other_capabilities_do_not_help) {
 
 /* What a plain program changes is captured and sent, and the daemon is signalled on its behalf. */
 MODULE_CASE(privilege, the_changes_of_a_plain_program_are_captured) {
+  struct task_struct *administrator = current;
   REQUIRE_EQ(install_rule(1, "/a"), 0);
   other_program program(kPeer);
   {
@@ -147,4 +148,5 @@ MODULE_CASE(privilege, the_changes_of_a_plain_program_are_captured) {
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
   EXPECT_EQ(daemon_pid, 0u);
   EXPECT_TRUE(case_logged("Send kill signal(58) to process(1000); rc = -111"));
+  EXPECT_TRUE(sigismember(&administrator->pending.signal, OX_SIG_LOST));
 }

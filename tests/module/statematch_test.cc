@@ -306,6 +306,64 @@ CASE(statematch, keys_that_extend_a_run_survive_merging) {
   clearmatch(&m);
 }
 
+namespace {
+
+/* How many runs of those bytes a compiled automaton has at a place of that parity. */
+int runs(const matchdr_t &m, int records, const char *bytes, int odd) {
+  const unsigned long len = strlen(bytes);
+  int count = 0;
+  for (int i = 0; i < records; ++i) {
+    const strm_t &record = m.strm[i];
+    if (record.l != len || memcmp(record.ptr, bytes, len) != 0) continue;
+    count += record.odd == odd;
+  }
+  return count;
+}
+
+}  // namespace
+
+CASE(statematch, a_run_knows_the_parity_of_its_place) {
+  matchdr_t m;
+  initmatch(&m, 0, 1, CMP_MEM);
+  EXPECT_EQ(addmem(&m, "abcdef", 6, 0, 1), 0);
+  EXPECT_EQ(addmem(&m, "abxxyz", 6, 1, 1), 0); /* parts the run behind "ab" */
+  EXPECT_EQ(addmem(&m, "abczzz", 6, 2, 1), 0); /* takes the first byte off "def" */
+  const int records = m.sh.cstr;
+  EXPECT_EQ(compilematch(&m), 0);
+  EXPECT_EQ(runs(m, records, "ab", 0), 1);
+  EXPECT_EQ(runs(m, records, "ef", 0), 1);
+  EXPECT_EQ(runs(m, records, "xyz", 1), 1);
+  EXPECT_EQ(runs(m, records, "zz", 0), 1);
+  clearmatch(&m);
+}
+
+CASE(statematch, room_for_runs_and_tables_grows_by_256) {
+  matchdr_t m;
+  initmatch(&m, 0, 1, CMP_MEM);
+  for (int i = 0; i < 300; ++i) {
+    const char key[] = {static_cast<char>(i / 20), static_cast<char>(i % 20), 'x', 'y'};
+    EXPECT_EQ(addmem(&m, key, sizeof(key), 0, 1), 0);
+    EXPECT_EQ(m.sh.nstr, (m.sh.cstr + 255) / 256 * 256);
+    EXPECT_EQ(m.th.ntbl, (m.th.ctbl + 255) / 256 * 256);
+  }
+  EXPECT_GT(m.sh.cstr, 256);
+  EXPECT_EQ(m.sh.nstr, 512);
+  clearmatch(&m);
+}
+
+CASE(statematch, runs_at_places_of_different_parity_are_not_merged) {
+  const char *const keys[] = {"a?12", "az", "bc?12", "bcz", "d?12", "dz"};
+  matchdr_t m;
+  initmatch(&m, 0, 1, CMP_MEM);
+  for (const char *key : keys) EXPECT_EQ(addmem(&m, key, strlen(key), 0, 1), 0);
+  const int records = m.sh.cstr;
+  EXPECT_EQ(compilematch(&m), 0);
+  EXPECT_EQ(runs(m, records, "12", 0), 1);
+  EXPECT_EQ(runs(m, records, "12", 1), 1);
+  for (const char *key : keys) EXPECT_EQ(match(&m, key), kIncluded);
+  clearmatch(&m);
+}
+
 CASE(statematch, wide_characters) {
   const ox_u16_t dir[] = {'/', 'a', 0};
   const ox_u16_t below[] = {'/', 'a', '/', 'b', 0};
@@ -331,6 +389,13 @@ CASE(statematch, comparisons_of_runs) {
   record.l = 1;
   EXPECT_EQ(cmpasmem(&record, other), 1);
   EXPECT_EQ(cmpasstr(&record, run + 2), 2);
+
+  const strm_cmp_t by_index[] = {cmpasmem, cmpasstr, cmpasstr};
+  for (int index = CMP_MEM; index <= CMP_STR_ALT; ++index) {
+    matchdr_t m;
+    initmatch(&m, 0, 1, index);
+    EXPECT_TRUE(m.cmp == by_index[index]);
+  }
 }
 
 /* ---- extensions ---- */

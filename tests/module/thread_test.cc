@@ -101,6 +101,27 @@ MODULE_CASE(thread, the_thread_ends_when_the_module_stops) {
   EXPECT_EQ(tarn_stop_threads(), 0); /* nothing is left to stop */
 }
 
+MODULE_CASE(thread, there_is_one_of_that_name_and_it_looks_every_ten_seconds) {
+  EXPECT_EQ(g_trans_timeout, 10000u);
+  struct task_struct *later = kthread_run(
+      [](void *) {
+        while (!kthread_should_stop()) schedule_timeout_interruptible(1);
+        return 0;
+      },
+      nullptr, "later");
+  REQUIRE_TRUE(!IS_ERR(later));
+  int found = 0;
+  {
+    read_guard guard(tasklist_lock);
+    for (int pid = later->pid; pid > later->pid - 1000; --pid) {
+      const struct task_struct *task = find_task_by_pid(pid);
+      if (task) found += strcmp(task->comm, "tarn_trans") == 0;
+    }
+  }
+  EXPECT_EQ(found, 1);
+  kthread_stop(later);
+}
+
 MODULE_CASE(thread, a_rule_with_waiting_records_stays_on_the_queue) {
   REQUIRE_EQ(install_rule(1, "/a"), 0);
   prule_ref rule(lookup_rule(1));

@@ -199,12 +199,58 @@ MODULE_CASE(trans, a_dentry_without_a_lower_path_is_not_captured) {
   EXPECT_EQ(tarn_write_sync(dentry, "x", 1, 0), 0);
 
   dentry->d_fsdata = record;
+  struct path &lower = tarn_dentry(dentry)->lower_path;
+  const struct path bound = lower;
+  lower.dentry = nullptr; /* its record is there, but not what it is for */
+  EXPECT_TRUE(tarn_path_get(&buf, dentry) == nullptr);
+  lower = bound;
+  lower.mnt = nullptr;
+  EXPECT_TRUE(tarn_path_get(&buf, dentry) == nullptr);
+  lower = bound;
   dentry->d_op = nullptr; /* another file system's */
   EXPECT_TRUE(tarn_path_get(&buf, dentry) == nullptr);
   dentry->d_op = &tarn_dops;
   uk_fault_arm(1);
   EXPECT_TRUE(tarn_path_get(&buf, dentry) == nullptr);
   uk_fault_arm(0);
+  prule_ref rule(lookup_rule(1));
+  EXPECT_EQ(atomic_read(&rule->transnr), 0);
+}
+
+/* Further down than a path of the longest length reaches. */
+MODULE_CASE(trans, what_has_no_path_of_the_longest_length_is_not_captured) {
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  char name[201];
+  memset(name, 'n', 200);
+  name[200] = '\0';
+  struct uk_node *dir;
+  REQUIRE_EQ(uk_node_at("/", &dir), 0);
+  struct nameidata nd;
+  REQUIRE_EQ(path_lookup("/", 0, &nd), 0);
+  for (int len = 0; len < OX_PATH_MAX; len += 201) {
+    struct uk_node *made;
+    struct uk_stat stat;
+    REQUIRE_EQ(uk_mkdir(dir, name, 0755, &made, &stat), 0);
+    uk_node_put(dir, 1);
+    dir = made;
+    mutex_guard guard(nd.dentry->d_inode->i_mutex);
+    struct dentry *child = lookup_one_len(name, nd.dentry, 200);
+    REQUIRE_TRUE(!IS_ERR(child));
+    dput(nd.dentry);
+    nd.dentry = child;
+  }
+  uk_node_put(dir, 1);
+
+  struct tarn_dentry_info info = {{nd.mnt, nd.dentry}};
+  struct dentry upper;
+  memset(&upper, 0, sizeof(upper));
+  upper.d_op = &tarn_dops;
+  upper.d_fsdata = &info;
+  char *buf = nullptr;
+  EXPECT_TRUE(tarn_path_get(&buf, &upper) == nullptr);
+  EXPECT_TRUE(buf == nullptr);
+  EXPECT_EQ(tarn_sync_1dentry(OX_OP_MKDIR, &upper, 0755), 0);
+  path_release(&nd);
   prule_ref rule(lookup_rule(1));
   EXPECT_EQ(atomic_read(&rule->transnr), 0);
 }

@@ -119,10 +119,17 @@ MODULE_CASE(write_capture, a_write_that_fills_its_pages_has_no_empty_one) {
 MODULE_CASE(write_capture, ten_thousand_bytes_are_three_pages) {
   capture c;
   REQUIRE_TRUE(c.ready());
+  const ox_time_t before = ox_current_time_us();
   EXPECT_EQ(c.write(10000, 1ll << 40), 0);
   expect_page(c.daemon.next(), 0, 3, 4012, 1ll << 40, 1ll << 40);
-  expect_page(c.daemon.next(), 1, 3, 4036, (1ll << 40) + 4012, 1ll << 40);
-  expect_page(c.daemon.next(), 2, 3, 1952, (1ll << 40) + 8048, 1ll << 40);
+  const nl_message &middle = c.daemon.next();
+  expect_page(middle, 1, 3, 4036, (1ll << 40) + 4012, 1ll << 40);
+  const ox_time_t ts = middle.wr()->ts;
+  EXPECT_LE(before, ts);
+  EXPECT_LE(ts, ox_current_time_us());
+  const nl_message &last = c.daemon.next();
+  expect_page(last, 2, 3, 1952, (1ll << 40) + 8048, 1ll << 40);
+  EXPECT_EQ((ox_time_t)last.wr()->ts, ts); /* one for the whole write */
   EXPECT_TRUE(c.daemon.idle());
 }
 

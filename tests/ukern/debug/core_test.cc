@@ -179,6 +179,10 @@ CASE(core, signal_needs_the_right) {
     EXPECT_EQ(kill_proc(11, SIGTERM, 0), -EPERM);
     EXPECT_EQ(kill_proc(10, SIGTERM, 0), 0);
     EXPECT_EQ(kill_proc(11, SIGTERM, 1), 0);
+    EXPECT_EQ(kill_proc(11, 65, 0), -EINVAL);
+    /* By a task and not by its id: then nobody asks for the right. */
+    EXPECT_EQ(send_sig(SIGUSR1, find_task_by_pid(11), 0), 0);
+    EXPECT_EQ(send_sig(65, find_task_by_pid(11), 0), -EINVAL);
     uk_task_leave();
   }
   uk_task_put(mine);

@@ -169,6 +169,7 @@ char *get_task_comm(char *to, struct task_struct *tsk);
  * -EPERM when `priv` is 0 and the current task may not. Signal 0 only asks.
  */
 int kill_proc(pid_t pid, int sig, int priv);
+/* The same to a task that the caller has: it always may. */
 int send_sig(int sig, struct task_struct *tsk, int priv);
 int allow_signal(int sig);
 int disallow_signal(int sig);

@@ -274,6 +274,18 @@ class test_daemon {
   int error_;
 };
 
+/* How many lines the log has, without those of the worker thread, which come when it likes. */
+inline int lines_logged() {
+  struct uk_klog_line line;
+  char text[64];
+  int count = 0;
+  for (unsigned long long next = 0; uk_klog_read(next, 0, &line, text, sizeof(text)) == 1;) {
+    count += strncmp(text, "tarn_thd_trans:", 15) != 0;
+    next = line.number + 1;
+  }
+  return count;
+}
+
 /* Balance of the blocks that the library counts, over a scope. */
 class alloc_balance {
  public:

@@ -187,7 +187,12 @@ Result<void> ControlChannel::delete_directory(const Uuid &uuid) {
   put_uuid(record.uuid, uuid);
   auto result = set_option(OX_SO_DIR_DEL, bytes_of(record));
   if (!result) return result.error();
-  if (*result != 0) return module_error(*result, "replicated directory " + to_string(uuid));
+  const std::string subject = "replicated directory " + to_string(uuid);
+  if (*result == OX_ERR_NOENT)
+    return Error{*result, subject +
+                              ": does not exist; its UUID is what 'tarn dir add' was given or "
+                              "has printed"};
+  if (*result != 0) return module_error(*result, subject);
   return {};
 }
 

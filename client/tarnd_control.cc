@@ -62,6 +62,7 @@ class TarndControl : public ControlLink {
   Result<void> send(std::uint32_t op, std::int32_t arg, std::uint64_t room,
                     std::span<const std::byte> argument);
   Result<Answer> receive();
+  Result<std::vector<std::byte>> receive_rest(Answer first);
   Result<Answer> ask(std::uint32_t op, std::int32_t arg, std::uint64_t room,
                      std::span<const std::byte> argument);
   Result<void> ask_mount(std::uint32_t op, std::int32_t arg, const std::string &argument,
@@ -112,6 +113,19 @@ Result<TarndControl::Answer> TarndControl::receive() {
   return Answer{reply.result, reply.total, std::move(packet)};
 }
 
+/* All bytes of an answer that comes in pieces, of which `first` is the first. */
+Result<std::vector<std::byte>> TarndControl::receive_rest(Answer first) {
+  std::vector<std::byte> bytes = std::move(first.bytes);
+  while (bytes.size() < first.total) {
+    const auto more = receive();
+    if (!more) return more.error();
+    if (more->bytes.empty() || more->bytes.size() > first.total - bytes.size())
+      return protocol_error(fmt::format("a piece of {} bytes", more->bytes.size()));
+    bytes.insert(bytes.end(), more->bytes.begin(), more->bytes.end());
+  }
+  return bytes;
+}
+
 Result<TarndControl::Answer> TarndControl::ask(std::uint32_t op, std::int32_t arg,
                                                std::uint64_t room,
                                                std::span<const std::byte> argument) {
@@ -131,15 +145,10 @@ Result<TarndControl::Option> TarndControl::get_option(int code, std::span<const 
   if (!answer) return answer.error();
   if (answer->total > room)
     return protocol_error(fmt::format("{} bytes for {}", answer->total, room));
-  Option option{answer->result, std::move(answer->bytes)};
-  while (option.result == 0 && option.bytes.size() < answer->total) {
-    auto more = receive();
-    if (!more) return more.error();
-    if (more->bytes.empty() || more->bytes.size() > answer->total - option.bytes.size())
-      return protocol_error(fmt::format("a piece of {} bytes", more->bytes.size()));
-    option.bytes.insert(option.bytes.end(), more->bytes.begin(), more->bytes.end());
-  }
-  return option;
+  if (answer->result != 0) return Option{answer->result, std::move(answer->bytes)};
+  auto bytes = receive_rest(std::move(*answer));
+  if (!bytes) return bytes.error();
+  return Option{0, std::move(*bytes)};
 }
 
 Result<void> TarndControl::ask_mount(std::uint32_t op, std::int32_t arg,
@@ -170,7 +179,9 @@ Result<std::vector<Mount>> TarndControl::mounts() {
   auto answer = ask(OX_CTL_MOUNTS, 0, 0, {});
   if (!answer) return answer.error();
   if (answer->result != 0) return system_error(-answer->result, "cannot read tarnd's mount table");
-  return read_mounts({reinterpret_cast<const char *>(answer->bytes.data()), answer->bytes.size()});
+  const auto table = receive_rest(std::move(*answer));
+  if (!table) return table.error();
+  return read_mounts({reinterpret_cast<const char *>(table->data()), table->size()});
 }
 
 Result<LogPart> TarndControl::log(std::uint64_t first, std::chrono::milliseconds wait) {

@@ -49,6 +49,7 @@ class Session {
  private:
   std::optional<Request> receive();
   void reply(int result, unsigned long long total = 0, std::span<const char> bytes = {});
+  void reply_in_pieces(std::span<const char> bytes);
   void reply_failure(const Failure &failure);
   void serve(Request &request);
   void set_option(Request &request);
@@ -103,6 +104,15 @@ void Session::reply(int result, unsigned long long total, std::span<const char> 
     n = sendmsg(connection_, &message, MSG_NOSIGNAL);
   } while (n < 0 && errno == EINTR);
   if (n < 0) alive_ = false;
+}
+
+void Session::reply_in_pieces(std::span<const char> bytes) {
+  const size_t total = bytes.size();
+  do {
+    const auto part = bytes.first(std::min(bytes.size(), kReplyMax));
+    reply(0, total, part);
+    bytes = bytes.subspan(part.size());
+  } while (alive_ && !bytes.empty());
 }
 
 void Session::reply_failure(const Failure &failure) {
@@ -185,13 +195,7 @@ void Session::get_option(Request &request) {
   if (result != 0) return reply(result);
   if (len < 0 || static_cast<size_t>(len) > buffer.size()) return reply(-EFAULT);
 
-  const size_t total = static_cast<size_t>(len);
-  size_t sent = 0;
-  do {
-    const size_t part = std::min(total - sent, kReplyMax);
-    reply(0, total, std::span<const char>(buffer).subspan(sent, part));
-    sent += part;
-  } while (alive_ && sent < total);
+  reply_in_pieces(std::span<const char>(buffer).first(static_cast<size_t>(len)));
 }
 
 // The NUL-terminated strings that an argument consists of; empty when it is anything else.
@@ -269,16 +273,23 @@ std::string to_mount_line(const std::string &line) {
 
 void Session::list_mounts() {
   std::string table;
+  int err = 0;
   {
     const ActAs act(task_);
-    char line[3 * 4096];
-    for (unsigned index = 0; uk_fs_mount_line(index, line, sizeof(line)) == 0; index++) {
-      const std::string text = to_mount_line(line);
-      if (table.size() + text.size() > kReplyMax) break;
-      table += text;
+    std::vector<char> line(4096);
+    for (unsigned index = 0; err == 0;) {
+      err = uk_fs_mount_line(index, line.data(), line.size());
+      if (err == 0) {
+        table += to_mount_line(line.data());
+        index++;
+      } else if (err == -ERANGE) {
+        line.resize(2 * line.size());
+        err = 0;
+      }
     }
   }
-  reply(0, table.size(), table);
+  if (err != -ENOENT) return reply(err);
+  reply_in_pieces(table);
 }
 
 void Control::serve(int connection) {

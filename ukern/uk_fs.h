@@ -44,7 +44,7 @@ int uk_fs_mount(const char *source, const char *dir, const char *type, unsigned 
                 const void *data);
 int uk_fs_umount(const char *dir, int flags);
 /* Line `index` of the mount table as /proc/mounts has it, options of show_options included. -ENOENT
- * past the end. */
+ * past the end, -ERANGE if it does not fit into `size` bytes with its NUL. */
 int uk_fs_mount_line(unsigned index, char *line, unsigned long size);
 
 /* The node at a path (last link followed); the caller owns one reference. For the root of a mount,

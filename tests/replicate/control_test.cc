@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <fmt/format.h>
+
 #include "client/run_dir.h"
 #include "client/workdir.h"
 #include "module/os_public/Include/ox_msg.h"
@@ -121,7 +123,9 @@ TYPED_TEST(ControlTest, DirectoriesAndDaemonPath) {
   EXPECT_EQ(this->channel_.add_directory(rule_uuid(3), "/" + std::string(511, 'x')).error().code,
             -EINVAL);
   EXPECT_TRUE(this->channel_.delete_directory(rule_uuid(1)).ok());
-  EXPECT_EQ(this->channel_.delete_directory(rule_uuid(1)).error().code, OX_ERR_NOENT);
+  const auto gone = this->channel_.delete_directory(rule_uuid(1)).error();
+  EXPECT_EQ(gone.code, OX_ERR_NOENT);
+  EXPECT_NE(gone.text.find("'tarn dir add'"), std::string::npos) << gone.text;
   EXPECT_TRUE(this->channel_.flush_directories().ok());
   ASSERT_TRUE(this->channel_.set_daemon_path("/usr/sbin/mirrord").ok());
   EXPECT_EQ(this->place_.with([](auto &state) { return state.daemon_path; }), "/usr/sbin/mirrord");
@@ -156,6 +160,16 @@ TEST_F(TarndControlTest, WordsOfTarndArePassedOn) {
   ASSERT_TRUE(channel_.mount("/a", "/mnt a").ok());
   EXPECT_EQ(channel_.mounts()->front().options, "rw");
   EXPECT_EQ(channel_.mount("/x", "/mnt a").error().text, "something is mounted at /mnt a");
+}
+
+TEST_F(TarndControlTest, ManyMountsComeInPieces) {
+  const std::string deep(4000, 'x');
+  for (int n = 0; n < 40; ++n)
+    ASSERT_TRUE(channel_.mount("/a", fmt::format("/{}/{}", deep, n)).ok());
+  const auto mounts = channel_.mounts();
+  ASSERT_TRUE(mounts.ok()) << mounts.error().text;
+  ASSERT_EQ(mounts->size(), 40u);
+  EXPECT_EQ(mounts->back().mountpoint, "/" + deep + "/39");
 }
 
 TEST_F(TarndControlTest, Log) {

@@ -93,6 +93,15 @@ void FakeTarnd::reply(int socket, int result, std::uint64_t total, const std::st
   ::send(socket, packet.data(), packet.size(), MSG_NOSIGNAL);
 }
 
+void FakeTarnd::reply_in_pieces(int socket, const std::string &bytes) {
+  std::size_t at = 0;
+  do {
+    const std::string part = bytes.substr(at, OX_CTL_PACKET_MAX - sizeof(ox_ctl_reply));
+    reply(socket, 0, bytes.size(), part);
+    at += part.size();
+  } while (at < bytes.size());
+}
+
 void FakeTarnd::serve_control(int socket) {
   std::string packet(OX_CTL_PACKET_MAX, '\0');
   for (;;) {
@@ -116,13 +125,7 @@ void FakeTarnd::answer_control(int socket, const std::string &packet) {
       std::string buffer = argument;
       const int result = state_.get_option(request.arg, buffer, request.room);
       if (result != 0) return reply(socket, result, 0, "");
-      std::size_t at = 0;
-      do {
-        const std::string part = buffer.substr(at, OX_CTL_PACKET_MAX - sizeof(ox_ctl_reply));
-        reply(socket, 0, buffer.size(), part);
-        at += part.size();
-      } while (at < buffer.size());
-      return;
+      return reply_in_pieces(socket, buffer);
     }
     case OX_CTL_MOUNT: {
       const std::string lower = argument.c_str(), at = argument.substr(lower.size() + 1).c_str();
@@ -151,7 +154,7 @@ void FakeTarnd::answer_control(int socket, const std::string &packet) {
       std::string text;
       for (const auto &mount : state_.mounts)
         text += escaped(mount.first) + " " + escaped(mount.second) + " rw\n";
-      return reply(socket, 0, text.size(), text);
+      return reply_in_pieces(socket, text);
     }
   }
   reply(socket, -EINVAL, 0, "");

@@ -77,6 +77,7 @@ class FakeTarnd {
   void serve_control(int socket);
   void serve_daemon(int socket);
   void answer_control(int socket, const std::string &packet);
+  static void reply_in_pieces(int socket, const std::string &bytes);
   static void reply(int socket, int result, std::uint64_t total, const std::string &bytes);
 
   std::string run_dir_;

@@ -50,12 +50,13 @@ std::optional<pid_t> read_pid(int fd) {
   return pid;
 }
 
-Result<void> write_pid(int fd) {
+/* 0 or an error number. */
+int write_pid(int fd) {
   const std::string text = fmt::format("{}\n", getpid());
-  if (ftruncate(fd, 0) != 0 ||
-      pwrite(fd, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size()))
-    return system_error(errno, "cannot write the daemon's lock file");
-  return {};
+  if (ftruncate(fd, 0) != 0) return errno;
+  const ssize_t written = pwrite(fd, text.data(), text.size(), 0);
+  if (written < 0) return errno;
+  return written == static_cast<ssize_t>(text.size()) ? 0 : ENOSPC;
 }
 
 Error lock_error(int err, const std::string &path) {
@@ -89,7 +90,7 @@ Result<UniqueFd> replace(const std::string &path) {
   if (!file) return lock_error(errno, path);
   int err = 0;
   if (fchmod(file.get(), 0644) != 0 || try_lock(file.get()) != Lock::kTaken) err = errno;
-  if (auto written = write_pid(file.get()); err == 0 && !written) err = -written.error().code;
+  if (err == 0) err = write_pid(file.get());
   if (err == 0 && rename(temporary.c_str(), path.c_str()) != 0) err = errno;
   if (err == 0) return file;
   unlink(temporary.c_str());
@@ -108,7 +109,8 @@ Result<DaemonLock> DaemonLock::take(const Site &site, Claim claim) {
     if (lock == Lock::kFailed) return lock_error(errno, path);
     if (lock == Lock::kTaken) {
       if (!same_file(file.get(), path)) continue;  // another has just put a new one there
-      if (auto written = write_pid(file.get()); !written) return written.error();
+      if (const int err = write_pid(file.get()); err != 0)
+        return system_error(err, "cannot write " + printable(path));
       return DaemonLock(std::move(file), path);
     }
     if (claim == Claim::kRefuseIfTaken) {

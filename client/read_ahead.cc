@@ -67,7 +67,8 @@ class ReadAhead : public MessageLink {
     room_.notify_one();
     if (!kept_.empty()) return {};
     batch.closed = batch.closed || closed_;
-    if (error_) return *error_;
+    if (error_ && batch.packets.empty()) return *error_;
+    if (error_) return {};
     if (!closed_ && std::exchange(readable_, false)) lower(ready_);
     return {};
   }
@@ -130,8 +131,9 @@ class ReadAhead : public MessageLink {
     while (wait_for_room()) {
       pollfd fds[] = {{link_->fd(), POLLIN, 0}, {stop_.read_end.get(), POLLIN, 0}};
       if (poll(fds, std::size(fds), -1) < 0 && errno != EINTR) {
-        const std::lock_guard lock(mutex_);
-        error_ = system_error(errno, "cannot wait for the module");
+        const auto error = system_error(errno, "cannot wait for the module");
+        batch.clear();
+        keep(batch, error);
       } else if (fds[1].revents != 0) {
         return;
       } else {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <atomic>
@@ -195,6 +196,30 @@ TEST_F(ReadAheadTest, WhatComesWhileItRestsIsReadAfterwards) {
     ASSERT_EQ(packets.size(), 1u);
     EXPECT_EQ(number(packets[0]), n);
   }
+}
+
+// poll refuses more descriptors than the process may have. What came before is passed on first.
+TEST_F(ReadAheadTest, ThatItCannotWaitAnyMoreIsTold) {
+  ASSERT_TRUE(send_packet(0));
+  EXPECT_EQ(next().packets.size(), 1u);
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  const rlimit one{1, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one), 0);
+  const bool sent = send_packet(1);
+  std::this_thread::sleep_for(50ms);  // most often both the packet and the failure are there then
+  Result<void> received;
+  bool told = true;
+  while (told && received.ok()) {
+    told = readable(5000);
+    received = link_->receive(batch_);
+  }
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_TRUE(sent);
+  EXPECT_TRUE(told);
+  ASSERT_FALSE(received.ok());
+  EXPECT_EQ(received.error().text, "cannot wait for the module: Invalid argument");
+  EXPECT_TRUE(batch_.packets.empty());
 }
 
 // Neither while it waits for something to come nor while it rests nor while it waits for room.

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 // The command line of the tool: what can be typed, and which command it runs.
 #include <algorithm>
+#include <cerrno>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
 
 #include "client/run_dir.h"
+#include "client/standard_fds.h"
 #include "client/text.h"
 #include "tarn/commands.h"
 
@@ -54,15 +56,20 @@ class CommandLine {
       app_.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
       if (error.get_exit_code() == 0) return app_.exit(error);
-      std::string text = error.what();
-      std::replace(text.begin(), text.end(), '\n', ' ');
-      std::cerr << "tarn: " << text << ": 'tarn --help' shows what can be typed\n";
+      fail({-EINVAL, what_is_wrong(error) + ": 'tarn --help' shows what can be typed"});
       return kExitUsage;
     }
     return exit_;
   }
 
  private:
+  /* The library finds what is missing first, where a mistyped word is the reason that it is. */
+  std::string what_is_wrong(const CLI::ParseError &error) const {
+    const auto unknown = app_.remaining(true);
+    if (unknown.empty()) return error.what();
+    return printable(unknown.front()) + " is not known here";
+  }
+
   /* Raw words: the library would take a directory named "[a,b]" for a list. */
   static std::vector<std::string> words(const CLI::Option *option) { return option->results(); }
   Format format() const { return json_ ? Format::kJson : Format::kText; }
@@ -181,10 +188,21 @@ class CommandLine {
   LogOptions log_;
 };
 
+/* What a command prints is what it was asked for: with that lost, it has failed. */
+int finish(int exit) {
+  if (std::cout.flush()) return exit;
+  fail(
+      {-EIO,
+       "cannot write to standard output: what was to be printed is lost, what was to be changed is "
+       "changed"});
+  return exit == kExitOk ? kExitFailed : exit;
+}
+
 }  // namespace
 }  // namespace tarn
 
 int main(int argc, char **argv) {
+  tarn::hold_standard_descriptors();
   std::ios::sync_with_stdio(false);
-  return tarn::CommandLine().run(argc, argv);
+  return tarn::finish(tarn::CommandLine().run(argc, argv));
 }

@@ -109,6 +109,8 @@ Result<void> start_tarnd(const std::string &run_dir) {
   posix_spawn_file_actions_adddup2(&actions, errors.get(), 2);
   std::string option = "--run-dir", name = "tarnd", directory = run_dir;
   char *arguments[] = {name.data(), option.data(), directory.data(), nullptr};
+  // Ignored, as some programs leave it to those that they start, it would hide how tarnd has ended.
+  signal(SIGCHLD, SIG_DFL);
   pid_t pid;
   const int err = posix_spawn(&pid, program->c_str(), &actions, nullptr, arguments, environ);
   posix_spawn_file_actions_destroy(&actions);

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // status: everything about a running tarn at a glance.
+#include <cerrno>
 #include <iostream>
 
 #include <fmt/format.h>
@@ -17,7 +18,7 @@ namespace {
 struct Status {
   Site site;
   std::vector<Mount> mounts;
-  Result<std::vector<Rule>> rules; /* an error if the caller may not read them */
+  std::optional<std::vector<Rule>> rules; /* none if the caller may not read them */
   std::optional<pid_t> daemon;
 };
 
@@ -50,7 +51,7 @@ void print_text(const Status &status) {
               << '\n';
   if (status.mounts.empty()) std::cout << "mount: none; 'tarn mount LOWER MOUNTPOINT' makes one\n";
   if (!status.rules) {
-    std::cout << "rules: " << status.rules.error().text << '\n';
+    std::cout << "rules: only root, or the user that runs tarnd, may see them\n";
   } else {
     for (const Rule &rule : *status.rules) std::cout << "rule: " << rule_line(rule) << '\n';
     if (status.rules->empty()) std::cout << "rule: none; 'tarn rule add --include DIR' makes one\n";
@@ -71,7 +72,10 @@ int status_command(Format format) {
   if (!mounts) return fail(mounts.error());
   const auto daemon = registered_daemon(site);
   if (!daemon) return fail(daemon.error());
-  const Status status{site, std::move(*mounts), channel->list_rules(), *daemon};
+  auto rules = channel->list_rules();
+  if (!rules && rules.error().code != -EPERM) return fail(rules.error());
+  const Status status{site, std::move(*mounts),
+                      rules ? std::optional(std::move(*rules)) : std::nullopt, *daemon};
   if (format == Format::kJson)
     print_json(status);
   else

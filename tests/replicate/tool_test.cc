@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "client/workdir.h"
@@ -135,7 +136,9 @@ TEST_F(ToolTest, APathOfTheMountIsNoticed) {
 
 TEST_F(ToolTest, WrongCommandLines) {
   bad({}, 2, "tarn --help");
-  bad({"nonsense"}, 2, "tarn --help");
+  bad({"nonsense"}, 2, "nonsense is not known here: 'tarn --help'");
+  bad({"rule", "lst"}, 2, "lst is not known here");
+  bad({"rule", "add", "--inclde", "/a"}, 2, "--inclde is not known here");
   bad({"rule"}, 2, "tarn --help");
   bad({"rule", "add"}, 2, "--include");
   bad({"rule", "add", "--include"}, 2, "--include");
@@ -187,6 +190,41 @@ TEST_F(ToolTest, Status) {
   EXPECT_EQ(status["mounts"][0]["lower"], dir_ / "lower");
   EXPECT_EQ(status["rules"], json::array());
   EXPECT_TRUE(status["daemon_pid"].is_null());
+}
+
+TEST_F(ToolTest, StatusIsThereForThoseWhoMayNotSeeTheRules) {
+  fake_.with([](auto &state) { state.forced_result = -EPERM; });
+  const Ended text = tarn({"status"});
+  EXPECT_EQ(text.exit, 0) << text.err;
+  EXPECT_NE(text.out.find("\nrules: only root, or the user that runs tarnd, may see them\n"),
+            std::string::npos)
+      << text.out;
+  EXPECT_FALSE(json::parse(tarn({"status", "--json"}).out).contains("rules"));
+  fake_.with([](auto &state) { state.forced_result = -EIO; });
+  bad({"status"}, 1, "rules: Input/output error");
+  bad({"status", "--json"}, 1, "rules: Input/output error");
+}
+
+TEST_F(ToolTest, OutputThatCannotBeWrittenIsAnError) {
+  fake_.with([](auto &state) { state.log = {"a line"}; });
+  for (const char *command : {"rule list --json", "status", "status --json", "log", "--help",
+                              "rule add --include /a", "dir add /a", "--version"}) {
+    for (const char *output : {">/dev/full", ">&-"}) {
+      const Ended ended =
+          run("/bin/sh", {"-c", fmt::format("\"$0\" {} {}", command, output), TARN_PROGRAM},
+              environment_);
+      EXPECT_EQ(ended.exit, 1) << command << output;
+      EXPECT_TRUE(ended.err.starts_with("tarn: cannot write to standard output: ")) << ended.err;
+      EXPECT_EQ(std::count(ended.err.begin(), ended.err.end(), '\n'), 1) << ended.err;
+    }
+  }
+  const std::string watch = "\"$0\" watch >/dev/full";
+  Program watcher("/bin/sh", {"-c", "exec " + watch, TARN_PROGRAM}, environment_);
+  ASSERT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() >= 2; }));
+  fake_.send(name_change(OX_OP_CREATE, {1}, "/d/a", {}, 0100644));
+  const Ended ended = watcher.wait();
+  EXPECT_EQ(ended.exit, 1) << ended.err;
+  EXPECT_TRUE(ended.err.starts_with("tarn: cannot write to standard output: ")) << ended.err;
 }
 
 TEST_F(ToolTest, Log) {
@@ -304,6 +342,14 @@ TEST_F(NoTarndTest, MountPassesOnWhyItDidNotStart) {
   Ended ended = tarn({"mount", dir_ / "lower", dir_ / "mnt"});
   EXPECT_EQ(ended.exit, 4);
   EXPECT_EQ(ended.err, "tarnd: cannot do this: --run-dir " + (dir_ / "run") + "\n");
+  // Started by a program that leaves no child behind, or without a standard input.
+  for (const char *how :
+       {"trap '' CHLD; exec \"$0\" mount \"$1\" \"$2\"", "exec \"$0\" mount \"$1\" \"$2\" <&-"}) {
+    ended = run("/bin/sh", {"-c", how, dir_ / "bin/tarn", dir_ / "lower", dir_ / "mnt"},
+                {"TARN_RUN_DIR=" + (dir_ / "run"), "PATH=/usr/bin:/bin"});
+    EXPECT_EQ(ended.exit, 4) << how;
+    EXPECT_EQ(ended.err, "tarnd: cannot do this: --run-dir " + (dir_ / "run") + "\n") << how;
+  }
   put_tarnd("exit 1\n");
   ended = tarn({"mount", dir_ / "lower", dir_ / "mnt"});
   EXPECT_EQ(ended.exit, 4);

@@ -15,13 +15,16 @@ namespace {
 
 constexpr std::chrono::milliseconds kPoll{5};
 
-/* Process ids are used again: does this one belong to the program that we are, too? */
-bool same_program(pid_t pid) {
+/* Process ids are used again: which program does this one belong to? */
+enum class Program { kOurs, kAnother, kNotTold };
+
+Program program_of(pid_t pid) {
   namespace fs = std::filesystem;
   std::error_code error1, error2;
   const auto theirs = fs::read_symlink(fmt::format("/proc/{}/exe", pid), error1);
   const auto ours = fs::read_symlink("/proc/self/exe", error2);
-  return !error1 && !error2 && theirs == ours;
+  if (error1 == std::errc::permission_denied) return Program::kNotTold;
+  return !error1 && !error2 && theirs == ours ? Program::kOurs : Program::kAnother;
 }
 
 }  // namespace
@@ -33,9 +36,14 @@ Result<CatchUpState> catch_up(const std::string &status_file, std::chrono::secon
   for (;;) {
     const auto state = read_status(status_file);
     if (!state) return state.error();
-    if (!state->running || !same_program(state->pid))
+    const Program program = program_of(state->pid);
+    if (!state->running || program == Program::kAnother)
       return Error{-ESRCH,
                    fmt::format("the mirrord that wrote {} has ended", printable(status_file))};
+    if (program == Program::kNotTold)
+      return Error{-EPERM, fmt::format("cannot ask mirrord (process {}): only root and the user "
+                                       "that it runs as may",
+                                       state->pid)};
     if (state->caught_up_to_ns >= asked) return state;
     if (!signalled && kill(state->pid, SIGUSR1) != 0)
       return system_error(errno, fmt::format("cannot ask mirrord (process {})", state->pid));

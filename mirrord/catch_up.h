@@ -14,7 +14,8 @@
 
 namespace tarn {
 
-/* Errors: -ETIMEDOUT; -ESRCH when the mirrord that writes the status file has ended. */
+/* Errors: -ETIMEDOUT; -ESRCH when the mirrord that writes the status file has ended; -EPERM when it
+ * is another user's. */
 Result<CatchUpState> catch_up(const std::string &status_file, std::chrono::seconds patience);
 
 }  // namespace tarn

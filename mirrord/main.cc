@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 // mirrord: replays the changes that programs make through a tarn mount in a replica directory.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <iostream>
 
@@ -11,6 +13,7 @@
 
 #include "client/paths.h"
 #include "client/site.h"
+#include "client/standard_fds.h"
 #include "client/text.h"
 #include "mirrord/catch_up.h"
 #include "mirrord/mirror.h"
@@ -63,8 +66,13 @@ int mirror(const Arguments &arguments) {
   const auto source = whole_path(arguments.source), replica_path = whole_path(arguments.replica);
   if (!source) return fail(source.error().text, kExitUsage);
   if (!replica_path) return fail(replica_path.error().text, kExitUsage);
-  MirrorOptions options{
-      .source = *source, .replica = *replica_path, .status_file = arguments.status_file};
+  MirrorOptions options{.source = *source, .replica = *replica_path};
+  if (!arguments.status_file.empty()) {
+    // What replaces the file takes the place of what a link leads to, not of the link.
+    const auto file = whole_path(arguments.status_file);
+    if (!file) return fail(file.error().text, kExitUsage);
+    options.status_file = *file;
+  }
   if (path_below(options.source, options.replica))
     return fail(fmt::format("the replica {} lies inside the source {}: choose another directory",
                             printable(options.replica), printable(options.source)),
@@ -85,6 +93,9 @@ int mirror(const Arguments &arguments) {
     const Error &error = channel.error();
     return fail(error.code == -EBUSY ? error.text + " with --take-over" : error.text, kExitChannel);
   }
+  if (access(options.source.c_str(), F_OK) != 0 && errno == ENOENT)
+    std::cerr << fmt::format("mirrord: note: the source {} does not exist here\n",
+                             printable(options.source));
   std::cout << fmt::format("mirrord: registered; {} is replicated to {}\n",
                            printable(options.source), printable(options.replica))
             << std::flush;
@@ -101,6 +112,7 @@ int mirror(const Arguments &arguments) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  hold_standard_descriptors();
   std::ios::sync_with_stdio(false);
   Arguments arguments;
   CLI::App app(kAbout, "mirrord");

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
+#include <string_view>
 
 #include "client/text.h"
 #include "client/unique_fd.h"
@@ -52,6 +52,38 @@ Json to_json(const MirrorStatus &status) {
   return json;
 }
 
+/* 0 or an error number. */
+int write_whole(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(fd, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return errno;
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return 0;
+}
+
+/* The new file takes the place of the old one, which must not be a device or a directory. */
+bool replaceable(const std::string &file) {
+  struct stat status;
+  return lstat(file.c_str(), &status) != 0 || S_ISREG(status.st_mode);
+}
+
+Result<std::string> contents(const std::string &file) {
+  const std::string what = "cannot read the status file " + printable(file);
+  const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd && errno == ENOENT) return system_error(ENOENT, what + ": no mirrord writes it");
+  if (!fd) return system_error(errno, what);
+  std::string text;
+  char part[4096];
+  ssize_t got;
+  while ((got = read(fd.get(), part, sizeof(part))) != 0) {
+    if (got < 0 && errno != EINTR) return system_error(errno, what);
+    if (got > 0) text.append(part, static_cast<std::size_t>(got));
+  }
+  return text;
+}
+
 }  // namespace
 
 std::uint64_t MirrorStatus::problems() const {
@@ -63,13 +95,14 @@ std::uint64_t MirrorStatus::problems() const {
 Result<void> write_status(const std::string &file, const MirrorStatus &status) {
   const std::string text = to_json(status).dump(2) + "\n";
   const std::string what = "cannot write the status file " + printable(file);
+  if (!replaceable(file))
+    return Error{-EINVAL, what + ": there is something that is no regular file: name another"};
   std::string temporary = file + ".XXXXXX";
   UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
   if (!fd) return system_error(errno, what);
   int err = 0;
   if (fchmod(fd.get(), 0644) != 0) err = errno;
-  if (err == 0 && ::write(fd.get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()))
-    err = errno ? errno : ENOSPC;
+  if (err == 0) err = write_whole(fd.get(), text);
   if (err == 0 && rename(temporary.c_str(), file.c_str()) != 0) err = errno;
   if (err == 0) return {};
   ::unlink(temporary.c_str());
@@ -77,11 +110,9 @@ Result<void> write_status(const std::string &file, const MirrorStatus &status) {
 }
 
 Result<CatchUpState> read_status(const std::string &file) {
-  std::ifstream in(file);
-  if (!in)
-    return system_error(
-        ENOENT, "cannot read the status file " + printable(file) + ": no mirrord writes it");
-  const Json json = Json::parse(in, nullptr, false);
+  const auto text = contents(file);
+  if (!text) return text.error();
+  const Json json = Json::parse(*text, nullptr, false);
   CatchUpState state;
   try {
     state.pid = json.at("pid").get<pid_t>();

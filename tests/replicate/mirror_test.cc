@@ -2,10 +2,15 @@
 // mirrord as a program, served by the stand-in: registration, replay, catching up, and how it ends.
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "mirrord/catch_up.h"
@@ -136,6 +141,88 @@ TEST_F(MirrorTest, AStatusFileThatCannotBeWrittenEndsIt) {
   EXPECT_EQ(ended.err, "mirrord: cannot write the status file " + (dir_ / "absent/status") +
                            ": No such file or directory\n");
   EXPECT_TRUE(fake_.wait_for([](const auto &state) { return !state.registered; }));
+}
+
+TEST_F(MirrorTest, OnlyARegularFileIsReplacedByTheStatusFile) {
+  const std::string fifo = dir_ / "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const Ended ended =
+      run(MIRRORD_PROGRAM, {"--source", src_, "--replica", dir_ / "replica", "--status-file", fifo},
+          environment_);
+  EXPECT_EQ(ended.exit, 1);
+  EXPECT_EQ(ended.err, "mirrord: cannot write the status file " + fifo +
+                           ": there is something that is no regular file: name another\n");
+  EXPECT_TRUE(fs::is_fifo(fifo));
+
+  // Of a link, what it leads to is.
+  std::ofstream(dir_ / "real") << "old";
+  fs::create_symlink("real", dir_ / "status");
+  auto mirror = start();
+  EXPECT_TRUE(eventually([&] { return fs::file_size(dir_ / "real") > 3; }));
+  EXPECT_TRUE(fs::is_symlink(dir_ / "status"));
+  mirror->signal(SIGTERM);
+  EXPECT_EQ(mirror->wait().exit, 0);
+}
+
+TEST(StatusFile, WhatIsWrittenInPartIsAnErrorOfItsOwn) {
+  TemporaryDirectory dir;
+  const std::string file = dir / "status";
+  MirrorStatus status;
+  status.source = std::string(10000, 'x');
+  ASSERT_TRUE(write_status(file, status).ok());
+  const auto before = fs::file_size(file);
+  std::signal(SIGXFSZ, SIG_IGN);
+  rlimit all{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &all), 0);
+  const rlimit little{4096, all.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &little), 0);
+  errno = ECHILD;
+  status.source += "y";
+  const auto written = write_status(file, status);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &all), 0);
+  ASSERT_FALSE(written.ok());
+  EXPECT_EQ(written.error().text, "cannot write the status file " + file + ": File too large");
+  EXPECT_EQ(fs::file_size(file), before);
+}
+
+TEST(StatusFile, ThatItCannotBeReadIsSaidAsItIs) {
+  TemporaryDirectory dir;
+  EXPECT_EQ(read_status(dir / "absent").error().text,
+            "cannot read the status file " + (dir / "absent") +
+                ": no mirrord writes it: No such file or directory");
+  EXPECT_EQ(read_status(dir.path()).error().text,
+            "cannot read the status file " + dir.path() + ": Is a directory");
+  std::ofstream(dir / "file");
+  EXPECT_EQ(read_status(dir / "file/status").error().text,
+            "cannot read the status file " + (dir / "file/status") + ": Not a directory");
+  EXPECT_EQ(read_status(dir / "file").error().text,
+            (dir / "file") + " is not the status file of a mirrord");
+}
+
+TEST_F(MirrorTest, AnotherUsersMirrordHasNotEnded) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+  auto mirror = start();
+  fs::permissions(dir_.path(), fs::perms(0755));
+  const Ended ended =
+      run("/usr/bin/setpriv", {"--reuid=65534", "--regid=65534", "--clear-groups", MIRRORD_PROGRAM,
+                               "--catch-up", "--status-file", dir_ / "status"});
+  if (ended.exit == 126 || ended.exit == 127) GTEST_SKIP() << ended.err;
+  EXPECT_EQ(ended.exit, 3);
+  EXPECT_EQ(ended.err, fmt::format("mirrord: cannot ask mirrord (process {}): only root and the "
+                                   "user that it runs as may\n",
+                                   mirror->pid()));
+  mirror->signal(SIGTERM);
+  EXPECT_EQ(mirror->wait().exit, 0);
+}
+
+TEST_F(MirrorTest, ASourceThatIsNotThereIsNoticed) {
+  Program mirror(MIRRORD_PROGRAM, {"--source", dir_ / "absent", "--replica", dir_ / "replica"},
+                 environment_);
+  EXPECT_TRUE(fake_.wait_for([](const auto &state) { return state.registered; }));
+  mirror.signal(SIGTERM);
+  const Ended ended = mirror.wait();
+  EXPECT_EQ(ended.exit, 0);
+  EXPECT_EQ(ended.err, "mirrord: note: the source " + (dir_ / "absent") + " does not exist here\n");
 }
 
 TEST_F(MirrorTest, ThatTheStatusFileCannotBeWrittenAnyMoreIsSaidOnce) {

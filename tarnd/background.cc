@@ -69,6 +69,14 @@ static void redirect(const char *path, int flags, int to) {
     throw std::runtime_error(std::string("cannot open ") + path + ": " + std::strerror(errno));
 }
 
+void hold_standard_descriptors() {
+  int fd;
+  do {
+    fd = open("/dev/null", O_RDONLY);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) close(fd);
+}
+
 Starter go_to_background(const std::string &log) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0)

@@ -23,11 +23,16 @@ class Starter {
 
   void ready();
   void failed(const std::string &reason);
-  bool waits() const { return static_cast<bool>(pipe_); }
 
  private:
   UniqueFd pipe_;
 };
+
+/*
+ * To be called first of all: takes the numbers of standard descriptors that the program was started
+ * without, so that no file that is opened later gets one of them and is replaced with it.
+ */
+void hold_standard_descriptors();
 
 /*
  * Forks. In the starter it does not return. In the background program, a session of its own with

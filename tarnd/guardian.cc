@@ -112,6 +112,9 @@ Guardian::Guardian() {
   if (pid_ < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
   if (pid_ > 0) return;
 
+  // In a session of its own, for what ends a whole process group, a key of the terminal for one,
+  // ends the program that it is there for.
+  setsid();
   // Only the line is kept open: the starter waits for the other end of its pipe, and a file system
   // in use by a forgotten descriptor cannot be unmounted.
   dup2(far.get(), STDIN_FILENO);

@@ -42,7 +42,17 @@ constexpr char kUsage[] =
     "  -h, --help         print this text\n"
     "  -V, --version      print the version\n"
     "\n"
-    "SIGTERM and SIGINT unmount everything and end it.\n";
+    "SIGTERM, SIGINT and SIGHUP unmount everything and end it.\n";
+
+[[noreturn]] void wrong_usage(const std::string &what) {
+  std::fprintf(stderr, "tarnd: %s: 'tarnd --help' shows what can be typed\n", what.c_str());
+  std::exit(EXIT_FAILURE);
+}
+
+// What the option parser has just refused: a letter, or the long name that has none.
+std::string refused(char **argv) {
+  return optopt != 0 ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+}
 
 Options parse_options(int argc, char **argv) {
   static const option long_options[] = {{"foreground", no_argument, nullptr, 'f'},
@@ -51,12 +61,14 @@ Options parse_options(int argc, char **argv) {
                                         {"version", no_argument, nullptr, 'V'},
                                         {nullptr, 0, nullptr, 0}};
   Options options;
-  for (int c; (c = getopt_long(argc, argv, "fr:hV", long_options, nullptr)) != -1;) {
+  opterr = 0;
+  for (int c; (c = getopt_long(argc, argv, ":fr:hV", long_options, nullptr)) != -1;) {
     switch (c) {
       case 'f':
         options.foreground = true;
         break;
       case 'r':
+        if (*optarg == '\0') wrong_usage("the run directory has no name");
         options.run_dir = optarg;
         break;
       case 'h':
@@ -65,15 +77,13 @@ Options parse_options(int argc, char **argv) {
       case 'V':
         std::puts("tarnd " TARN_VERSION);
         std::exit(EXIT_SUCCESS);
+      case ':':
+        wrong_usage(refused(argv) + " needs a directory");
       default:
-        std::fputs("Try 'tarnd --help'.\n", stderr);
-        std::exit(EXIT_FAILURE);
+        wrong_usage("wrong option " + refused(argv));
     }
   }
-  if (optind < argc) {
-    std::fprintf(stderr, "tarnd: unexpected argument: %s\n", argv[optind]);
-    std::exit(EXIT_FAILURE);
-  }
+  if (optind < argc) wrong_usage(std::string("unexpected argument ") + argv[optind]);
   return options;
 }
 
@@ -120,10 +130,13 @@ void run(const RunDir &run_dir, Guardian *guardian, bool print_log, Starter *sta
 }  // namespace tarnd
 
 int main(int argc, char **argv) {
+  tarnd::hold_standard_descriptors();
   tarnd::Options options = tarnd::parse_options(argc, argv);
   // Modes come from callers whose own masks have been applied.
   umask(0);
   std::signal(SIGPIPE, SIG_IGN);
+  // Ignored, as the starter may have left it, it would hide how helpers end.
+  std::signal(SIGCHLD, SIG_DFL);
   tarnd::Starter starter;
   try {
     options.run_dir = std::filesystem::absolute(options.run_dir);

@@ -32,7 +32,9 @@ static void keep_fuse_message(fuse_log_level, const char *format, va_list args) 
 // Users other than root mount through a helper, which says why it does not on our standard error.
 static std::string mount_failure(int err) {
   if (!last_fuse_message.empty()) return last_fuse_message;
-  return geteuid() == 0 ? std::strerror(err) : "fusermount3 refused; tarnd.log has its reason";
+  return geteuid() == 0 ? std::strerror(err)
+                        : "fusermount3 refused; its reason is in tarnd.log, or on the terminal of "
+                          "a tarnd in the foreground";
 }
 
 static void require_directory(const char *what, const std::string &path) {

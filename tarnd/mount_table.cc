@@ -83,6 +83,9 @@ Failure MountTable::unmount(const std::string &mountpoint, Detach how) {
   lock.unlock();
   const int err = unmount_host(place, how);
   lock.lock();
+  if (err == -EBUSY && how == Detach::kOnlyIdle)
+    return failure(err, "cannot unmount " + place +
+                            ", which programs use: end them, or unmount it with --lazy");
   if (err) return failure(err, "cannot unmount " + place);
   if (how == Detach::kLazily) {
     if (Mount *left = find_locked(place)) left->set_detached();

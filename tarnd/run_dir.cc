@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <stdexcept>
 
 #include "module/os_public/Include/ox_ctl.h"
@@ -39,10 +38,19 @@ static void check_owner(const fs::path &path) {
   if (st.st_uid != geteuid()) throw std::runtime_error(path.string() + ": belongs to another user");
 }
 
+// With the usual mode, whatever the mask: who may write to them could put another directory in the
+// place of ours.
+static void make_parents(const fs::path &path) {
+  struct stat st;
+  if (stat(path.c_str(), &st) == 0) return;
+  if (path != path.root_path()) make_parents(path.parent_path());
+  if (mkdir(path.c_str(), 0755) != 0 && errno != EEXIST)
+    throw failure("cannot create directory " + path.string());
+}
+
 RunDir::RunDir(fs::path path) : path_(fs::absolute(std::move(path)).lexically_normal()) {
   const mode_t mode = geteuid() == 0 ? 0755 : 0700;
-  std::error_code ignored;
-  fs::create_directories(path_.parent_path(), ignored);
+  make_parents(path_.parent_path());
   if (mkdir(path_.c_str(), mode) != 0 && errno != EEXIST)
     throw failure("cannot create run directory " + path_.string());
   check_owner(path_);
@@ -59,11 +67,15 @@ RunDir::RunDir(fs::path path) : path_(fs::absolute(std::move(path)).lexically_no
 
 void RunDir::write_pid_file() const {
   const fs::path path = file(OX_CTL_PID_FILE);
-  std::ofstream out(path, std::ios::trunc);
-  out << getpid() << '\n';
-  out.close();
-  if (!out) throw std::runtime_error("cannot write " + path.string());
-  fs::permissions(path, fs::perms(0644));
+  if (unlink(path.c_str()) != 0 && errno != ENOENT)
+    throw failure("cannot replace " + path.string());
+  // Nobody else must have it open for writing: what it names is what gets signals.
+  const UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+  if (!fd) throw failure("cannot create " + path.string());
+  const std::string text = std::to_string(getpid()) + '\n';
+  const ssize_t written = write(fd.get(), text.data(), text.size());
+  if (written >= 0 && static_cast<size_t>(written) < text.size()) errno = ENOSPC;
+  if (written != static_cast<ssize_t>(text.size())) throw failure("cannot write " + path.string());
 }
 
 UniqueFd RunDir::listen(const char *name) const {

@@ -42,6 +42,38 @@ TEST_F(RunDirTest, IsCreatedWithItsMode) {
   EXPECT_EQ(mode_of(base_ / "a/run"), geteuid() == 0 ? 0755u : 0700u);
 }
 
+// tarnd's own mask is empty.
+TEST_F(RunDirTest, NobodyElseMayWriteToItsParentsOrItsFiles) {
+  const mode_t before = umask(0);
+  const RunDir dir(base_ / "a/b/run");
+  dir.write_pid_file();
+  umask(before);
+  EXPECT_EQ(mode_of(base_ / "a"), 0755u);
+  EXPECT_EQ(mode_of(base_ / "a/b"), 0755u);
+  EXPECT_EQ(mode_of(dir.file(OX_CTL_PID_FILE)), 0644u);
+}
+
+TEST_F(RunDirTest, AProcessIdFileOfSomebodyElseIsReplaced) {
+  const RunDir dir(base_ / "run");
+  std::ofstream other(dir.file(OX_CTL_PID_FILE));
+  other << "1\n" << std::flush;
+  dir.write_pid_file();
+  other << "1\n" << std::flush;
+  std::ifstream in(dir.file(OX_CTL_PID_FILE));
+  std::string text((std::istreambuf_iterator<char>(in)), {});
+  EXPECT_EQ(text, std::to_string(getpid()) + "\n");
+}
+
+TEST_F(RunDirTest, SaysWhichParentCannotBeMade) {
+  std::ofstream(base_ / "file").put('x');
+  try {
+    const RunDir dir("/proc/absent/a/run");
+    FAIL();
+  } catch (const std::runtime_error &e) {
+    EXPECT_EQ(std::string(e.what()).find("cannot create directory /proc/absent: "), 0u) << e.what();
+  }
+}
+
 TEST_F(RunDirTest, IsHeldByOneAtATime) {
   {
     const RunDir dir(base_ / "run");

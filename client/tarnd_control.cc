@@ -87,6 +87,8 @@ Result<void> TarndControl::send(std::uint32_t op, std::int32_t arg, std::uint64_
   message.msg_iov = parts;
   message.msg_iovlen = 2;
   while (sendmsg(socket_.get(), &message, MSG_NOSIGNAL) < 0) {
+    if (errno == EPIPE || errno == ECONNRESET)
+      return Error{-EPIPE, "tarnd has closed the connection: it may have ended"};
     if (errno != EINTR) return system_error(errno, "cannot send a request to tarnd");
   }
   return {};

@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 // watch: shows the change records as they arrive. It is the daemon while it runs.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <iostream>
+#include <optional>
 
 #include <fmt/format.h>
 
@@ -16,6 +20,8 @@
 
 namespace tarn {
 namespace {
+
+constexpr DaemonChannel::Milliseconds kLookAround{1000};
 
 void say(const std::string &text) {
   std::cerr << "tarn: " << text << '\n';
@@ -37,13 +43,14 @@ class Watcher : public Sequencer::Sink {
   void expire() { sequencer_.expire(Sequencer::Clock::now()); }
   void finish() { sequencer_.finish(); }
 
-  /* How long to wait for packets before expire() has something to do. */
+  /* How long to wait for packets before expire() may have something to do, or another daemon may
+   * have taken over. */
   DaemonChannel::Milliseconds patience() const {
-    const auto deadline = sequencer_.next_deadline();
-    if (!deadline) return DaemonChannel::Milliseconds(-1);
-    const auto left =
-        std::chrono::ceil<DaemonChannel::Milliseconds>(*deadline - Sequencer::Clock::now());
-    return std::max(left, DaemonChannel::Milliseconds(0));
+    using Milliseconds = DaemonChannel::Milliseconds;
+    auto wait = kLookAround;
+    if (const auto deadline = sequencer_.next_deadline())
+      wait = std::min(wait, std::chrono::ceil<Milliseconds>(*deadline - Sequencer::Clock::now()));
+    return std::max(wait, Milliseconds(0));
   }
 
   void record(const Record &record, Sequencer::Order) override {
@@ -107,6 +114,32 @@ void lost(Format format, std::uint64_t times) {
     say(fmt::format("the module could not deliver {} messages", times));
 }
 
+/* Until the user has seen enough, or nothing more will come, which is an error. */
+Result<void> show_all(Watcher &watcher, DaemonChannel &channel, SignalPipe &signals,
+                      Format format) {
+  using Clock = std::chrono::steady_clock;
+  std::optional<Clock::time_point> end_by;
+  for (;;) {
+    const auto patience = end_by ? DaemonChannel::Milliseconds(0) : watcher.patience();
+    const auto received = channel.receive(patience, signals.fd());
+    if (!received) return received.error();
+    for (const Bytes packet : received->packets) watcher.packet(packet);
+    watcher.expire();
+    if (received->lost != 0) lost(format, received->lost);
+    if (received->oversized != 0)
+      say(fmt::format("{} packets were too long to be messages", received->oversized));
+    std::cout.flush();
+    if (received->closed)
+      return Error{-EPIPE, "tarnd has ended, so there is nothing more to watch"};
+    if (!std::cout) return {};
+    // What has come before the signal is shown, but a stream without end is not waited for.
+    if (received->woken && !end_by && signals.take() != 0) end_by = Clock::now() + kLookAround;
+    if (end_by && (received->packets.empty() || Clock::now() > *end_by)) return {};
+    if (received->packets.empty() && channel.taken_over())
+      return Error{-EBUSY, "another daemon has taken over: no more records come here"};
+  }
+}
+
 }  // namespace
 
 int watch_command(const WatchOptions &options) {
@@ -120,21 +153,9 @@ int watch_command(const WatchOptions &options) {
     return fail(error);
   }
   Watcher watcher(options.format);
-  for (;;) {
-    const auto received = (*channel)->receive(watcher.patience(), (*signals)->fd());
-    if (!received) return fail(received.error());
-    for (const Bytes packet : received->packets) watcher.packet(packet);
-    watcher.expire();
-    if (received->lost != 0) lost(options.format, received->lost);
-    if (received->oversized != 0)
-      say(fmt::format("{} packets were too long to be messages", received->oversized));
-    std::cout.flush();
-    if (received->closed)
-      return fail({-EPIPE, "tarnd has ended, so there is nothing more to watch"});
-    if (received->woken && received->packets.empty() && (*signals)->take() != 0) break;
-    if (!std::cout) break;
-  }
+  const auto ended = show_all(watcher, **channel, **signals, options.format);
   watcher.finish();
+  if (!ended) return fail(ended.error());
   const auto left = (*channel)->leave();
   return left ? kExitOk : fail(left.error());
 }

@@ -2,9 +2,11 @@
 // The tool as a user types it, served by the stand-in.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -281,6 +283,37 @@ TEST_F(ToolTest, WatchAsJson) {
   EXPECT_EQ(records[2]["event"], "stopped");
 }
 
+TEST_F(ToolTest, WatchEndsInTheMiddleOfAStream) {
+  Program watch(TARN_PROGRAM, {"watch"}, environment_);
+  ASSERT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() >= 2; }));
+  std::atomic<bool> ended = false;
+  std::thread writer([&] {
+    for (std::uint32_t n = 1; !ended; ++n)
+      fake_.send(name_change(OX_OP_CREATE, {n}, "/d/" + std::string(100, 'x'), {}, 0100644));
+  });
+  const bool shows = eventually([&] { return watch.out().size() > 100000; });
+  watch.signal(SIGINT);
+  const bool left = fake_.wait_for([](const auto &state) { return !state.registered; });
+  ended = true;
+  writer.join();
+  EXPECT_TRUE(shows);
+  EXPECT_TRUE(left);
+  EXPECT_EQ(watch.wait().exit, 0);
+}
+
+TEST_F(ToolTest, WatchShowsWhatItHeldWhenTarndEnds) {
+  Program watch(TARN_PROGRAM, {"watch"}, environment_);
+  ASSERT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() >= 2; }));
+  fake_.send(name_change(OX_OP_CREATE, {1}, "/d/a", {}, 0100644));
+  fake_.send(name_change(OX_OP_CREATE, {3}, "/d/c", {}, 0100644));
+  fake_.close_daemon_channel();
+  const Ended ended = watch.wait();
+  EXPECT_EQ(ended.exit, 1);
+  EXPECT_NE(ended.out.find("create /d/c"), std::string::npos) << ended.out;
+  EXPECT_NE(ended.err.find("#2 to #2 missing"), std::string::npos) << ended.err;
+  EXPECT_NE(ended.err.find("tarnd has ended"), std::string::npos) << ended.err;
+}
+
 TEST_F(ToolTest, WatchTakesOverWhenTold) {
   Program first(TARN_PROGRAM, {"watch"}, environment_);
   ASSERT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() >= 2; }));
@@ -290,8 +323,9 @@ TEST_F(ToolTest, WatchTakesOverWhenTold) {
     return tarn({"status"}).out.find("daemon: process " + std::to_string(second.pid())) !=
            std::string::npos;
   }));
-  first.signal(SIGTERM);
-  EXPECT_EQ(first.wait().exit, 0);
+  const Ended replaced = first.wait();
+  EXPECT_EQ(replaced.exit, 1);
+  EXPECT_EQ(replaced.err, "tarn: another daemon has taken over: no more records come here\n");
   EXPECT_TRUE(fake_.with([](auto &state) { return state.registered; }))
       << "the first must not unregister the second";
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // The locks of docs/locking.md: which of them are held around each call of the lower file system,
 // and that the lock checker has learned their order and reports the other way round.
+#include "tests/module/kernel_file.h"
 #include "tests/module/mounted.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/sync/lockcheck.h"
@@ -208,6 +209,59 @@ MODULE_CASE(locks, data_moves_under_the_mutex_of_the_lower_file) {
   const auto skip = [](void *, const char *, unsigned long long, unsigned,
                        unsigned long long) -> int { return 0; };
   expect_held(uk_readdir(dir.get(), 0, skip, nullptr), UPPER_DIR | LOWER_DIR);
+}
+
+MODULE_CASE(locks, the_other_calls_are_made_without_any) {
+  test_mount mount;
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  REQUIRE_EQ(test_put("/lower/d/f", "x"), 1);
+  watching watch;
+  w.ops.permission = [](struct inode *, int, struct nameidata *) -> int {
+    note();
+    return 0;
+  };
+  w.fops.flush = [](struct file *, fl_owner_t) -> int {
+    note();
+    return 0;
+  };
+  w.fops.fasync = [](int, struct file *, int) -> int {
+    note();
+    return 0;
+  };
+  w.fops.ioctl = [](struct inode *, struct file *, unsigned, unsigned long) -> int {
+    note();
+    return 0;
+  };
+  const test_node node("/mnt/d/f");
+  expect_held(uk_access(node.get(), MAY_READ), 0);
+  kernel_file file("/mnt/d/f", O_RDWR);
+  w.calls = 0;
+  expect_held(file.ops()->flush(file.get(), nullptr), 0);
+  expect_held(file.ops()->fasync(3, file.get(), 1), 0);
+  expect_held(file.ops()->ioctl(file->f_dentry->d_inode, file.get(), 1, 2), 0);
+
+  struct address_space *lower = tarn_lower_inode(w.object)->i_mapping;
+  const struct address_space_operations *own = lower->a_ops;
+  struct address_space_operations with_bmap = *own;
+  with_bmap.bmap = [](struct address_space *, sector_t) -> sector_t {
+    note();
+    return 0;
+  };
+  lower->a_ops = &with_bmap;
+  expect_held(static_cast<long>(tarn_aops.bmap(w.object->i_mapping, 0)), 0);
+  lower->a_ops = own;
+
+  const test_walk below("/lower/d/f"), upper("/mnt/d/f");
+  struct dentry_operations *own_dops = below.dentry()->d_op;
+  static struct dentry_operations dops;
+  dops.d_revalidate = [](struct dentry *, struct nameidata *) -> int {
+    note();
+    return 1;
+  };
+  below.dentry()->d_op = &dops;
+  struct nameidata nd = {};
+  expect_held(tarn_dops.d_revalidate(upper.dentry(), &nd) - 1, 0);
+  below.dentry()->d_op = own_dops;
 }
 
 #if UKERN_DEBUG

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <utility>
 
 namespace tarn {
@@ -25,9 +26,12 @@ class UniqueFd {
 
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
-  void reset() {
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
+  void reset() { static_cast<void>(close()); }
+  /* The same for a file that was written: 0, or the error number with which the file system says,
+   * some only here, that it has not kept what was written. It is closed in any case. */
+  [[nodiscard]] int close() {
+    const int fd = std::exchange(fd_, -1);
+    return fd >= 0 && ::close(fd) != 0 ? errno : 0;
   }
 
  private:

@@ -1,6 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Open descriptors by path, the least recently used closed first. Whoever changes names must forget
- * them here. */
+/*
+ * Open descriptors by path, the least recently used closed first. Whoever changes names must forget
+ * them here. What a file system says at the closing of one, whatever it was closed for, is kept
+ * until it is asked for.
+ */
 #ifndef TARN_MIRRORD_FD_CACHE_H
 #define TARN_MIRRORD_FD_CACHE_H
 
@@ -8,6 +11,8 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "client/unique_fd.h"
 
@@ -37,8 +42,7 @@ class FdCache {
   void forget(const std::string &path) {
     const auto found = entries_.find(path);
     if (found == entries_.end()) return;
-    ages_.erase(found->second.age);
-    entries_.erase(found);
+    close(found);
   }
 
   /* The path and everything below it. */
@@ -47,10 +51,19 @@ class FdCache {
       const std::string &name = entry->first;
       const bool below =
           path.empty() || name == path || (name.starts_with(path) && name[path.size()] == '/');
-      if (below) ages_.erase(entry->second.age);
-      entry = below ? entries_.erase(entry) : std::next(entry);
+      entry = below ? close(entry) : std::next(entry);
     }
   }
+
+  void forget_all() { forget_tree(""); }
+
+  /* A descriptor whose closing failed: what was written to it may be lost. */
+  struct CloseError {
+    std::string path;
+    int err; /* an error number */
+  };
+  /* Those since the last call. */
+  std::vector<CloseError> take_close_errors() { return std::exchange(close_errors_, {}); }
 
  private:
   struct Entry {
@@ -58,9 +71,19 @@ class FdCache {
     std::list<const std::string *>::iterator age;
   };
 
+  using Entries = std::unordered_map<std::string, Entry>;
+
+  Entries::iterator close(Entries::iterator entry) {
+    if (const int err = entry->second.fd.close(); err != 0)
+      close_errors_.push_back({entry->first, err});
+    ages_.erase(entry->second.age);
+    return entries_.erase(entry);
+  }
+
   std::size_t capacity_;
-  std::unordered_map<std::string, Entry> entries_;
+  Entries entries_;
   std::list<const std::string *> ages_; /* oldest first; the keys of entries_ */
+  std::vector<CloseError> close_errors_;
 };
 
 }  // namespace tarn

@@ -31,6 +31,7 @@ std::string rule_name(const Uuid &rule) {
 
 Mirror::Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel)
     : options_(std::move(options)),
+      replica_(replica),
       channel_(channel),
       applier_(options_.source, replica),
       sequencer_(*this) {
@@ -45,6 +46,7 @@ void Mirror::record(const Record &record, Sequencer::Order order) {
   rule.last_wseq = record.wseq;
   ++rule.messages;
   const auto outcome = applier_.apply(record);
+  tell_unkept();
   const auto what = [&] {
     std::string text =
         fmt::format("{} {}", change_name(record.change), printable(change_path(record.change)));
@@ -152,15 +154,23 @@ void Mirror::unconfirmed(const std::string &why) {
   say("the module was asked whether everything has come: " + why);
 }
 
-void Mirror::note_caught_up(std::uint64_t barriers) {
-  if (!sequencer_.holds_nothing()) return;
-  bool any = false;
-  while (!catch_ups_.empty() && catch_ups_.front().barrier <= barriers) {
-    status_.caught_up_to_ns = catch_ups_.front().asked_ns;
-    catch_ups_.pop_front();
-    any = true;
+/* Files that were written earlier than the record that is being applied, if any is. */
+void Mirror::tell_unkept() {
+  for (const auto &[path, error] : replica_.take_unkept()) {
+    ++status_.unkept;
+    changed_ = true;
+    say(fmt::format("{}: not all that was written to it was kept: {}",
+                    printable(options_.replica + "/" + path), error.text));
   }
-  if (any) keep_status_file();
+}
+
+void Mirror::note_caught_up(std::uint64_t barriers) {
+  const auto come = [&] { return !catch_ups_.empty() && catch_ups_.front().barrier <= barriers; };
+  if (!sequencer_.holds_nothing() || !come()) return;
+  replica_.close_files();
+  tell_unkept();
+  for (; come(); catch_ups_.pop_front()) status_.caught_up_to_ns = catch_ups_.front().asked_ns;
+  keep_status_file();
 }
 
 void Mirror::signal(int number) {
@@ -202,6 +212,17 @@ void Mirror::drain() {
   }
 }
 
+/* At the end: nobody is left to hear of an error that comes later. */
+void Mirror::settle() {
+  replica_.close_files();
+  tell_unkept();
+  if (const auto synced = replica_.sync(); !synced) {
+    ++status_.unkept;
+    say(fmt::format("the file system of {} did not keep all that was written to it: {}",
+                    printable(options_.replica), synced.error().text));
+  }
+}
+
 Mirror::End Mirror::run(SignalPipe &signals) {
   if (auto written = write_status_file(); !written) {
     say(written.error().text);
@@ -234,6 +255,7 @@ Mirror::End Mirror::run(SignalPipe &signals) {
   if (auto left = channel_.leave(); !left && *end == End::kClean) say(left.error().text);
   drain();
   sequencer_.finish();
+  settle();
   status_.running = false;
   keep_status_file();
   if (*end == End::kClean && status_.problems() != 0) end = End::kProblems;

@@ -41,7 +41,8 @@ class Mirror : private Sequencer::Sink {
   Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel);
 
   /*
-   * Until SIGTERM or SIGINT comes out of `signals`: then what the module has sent is still applied.
+   * Until SIGTERM or SIGINT comes out of `signals`: then what the module has sent is still applied,
+   * and is on the disk when this returns.
    * SIGUSR1 asks to be told, in the status file, when everything changed until then has been
    * applied. Ends at once with kProblems if the status file cannot be written.
    */
@@ -63,12 +64,15 @@ class Mirror : private Sequencer::Sink {
   Result<void> write_status_file();
   void keep_status_file();
   void unconfirmed(const std::string &why);
+  void tell_unkept();
+  void settle();
   DaemonChannel::Milliseconds patience() const;
   bool wanted(const Uuid &rule) const {
     return options_.rules.empty() || options_.rules.contains(rule);
   }
 
   MirrorOptions options_;
+  Replica &replica_;
   DaemonChannel &channel_;
   Applier applier_;
   Sequencer sequencer_;

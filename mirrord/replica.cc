@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -130,7 +131,8 @@ Result<void> set_through_name(int directory, const std::string &name,
 }  // namespace
 
 Result<Replica> Replica::open(const std::string &directory) {
-  UniqueFd root(::open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+  // Not O_PATH: only an open directory remembers for syncfs which errors came after it.
+  UniqueFd root(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root)
     return system_error(errno, "cannot open the replica directory " + printable(directory));
   return Replica(std::move(root));
@@ -291,6 +293,24 @@ Result<Replica::Done> Replica::set_attributes(const std::string &path,
   }
   if (!set) return set.error();
   return Done::kChanged;
+}
+
+std::vector<Replica::Unkept> Replica::take_unkept() {
+  std::vector<Unkept> unkept;
+  for (auto &[path, err] : files_.take_close_errors())
+    unkept.push_back({std::move(path), failed(err)});
+  return unkept;
+}
+
+void Replica::close_files() {
+  files_.forget_all();
+}
+
+Result<void> Replica::sync() {
+  if (syncfs(root_.get()) == 0) return {};
+  if (errno != ENOSYS) return failed(errno);
+  ::sync();  // all that a kernel of 2006 has
+  return {};
 }
 
 }  // namespace tarn

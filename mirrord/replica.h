@@ -3,6 +3,10 @@
  * The directory that changes are replayed into. Every path is relative to it, and no operation
  * reaches outside it, whatever the paths and whatever symbolic links lie in the replica.
  *
+ * A write that succeeded may still be lost: some file systems, those of a network and with quotas
+ * for example, say only when the file is closed or written to the disk that they could not keep it.
+ * take_unkept() and sync() tell of that.
+ *
  * Nobody else may change names in the replica meanwhile: descriptors of files and directories are
  * kept. One thread. Creating and setting modes need umask 0, which the caller sets.
  */
@@ -12,6 +16,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "client/messages.h"
 #include "client/result.h"
@@ -47,6 +52,21 @@ class Replica {
     std::optional<std::uint64_t> mtime = {};
   };
   Result<Done> set_attributes(const std::string &path, const Attributes &attributes);
+
+  /* A file of which the file system did not keep all that was written, as it said when the file was
+   * closed, and why. Any operation may close some. */
+  struct Unkept {
+    std::string path;
+    Error error;
+  };
+  /* Those since the last call. */
+  std::vector<Unkept> take_unkept();
+  /* Closes every file, so that what was written is with the file system and take_unkept() knows
+   * what it could not keep. */
+  void close_files();
+  /* Waits until all that was written is on the disk. The error is the file system's for whatever
+   * was written to it, by others too, since the replica was opened. */
+  Result<void> sync();
 
  private:
   explicit Replica(UniqueFd root) : root_(std::move(root)) {}

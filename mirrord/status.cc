@@ -29,6 +29,7 @@ Json to_json(const MirrorStatus &status) {
   json["malformed"] = status.malformed;
   json["foreign"] = status.foreign;
   json["unconfirmed"] = status.unconfirmed;
+  json["unkept"] = status.unkept;
   json["caught_up_to_ns"] = status.caught_up_to_ns;
   std::uint64_t messages = 0, bytes = 0, failures = 0;
   Json rules = Json::array();
@@ -87,7 +88,7 @@ Result<std::string> contents(const std::string &file) {
 }  // namespace
 
 std::uint64_t MirrorStatus::problems() const {
-  std::uint64_t count = lost + malformed + unconfirmed;
+  std::uint64_t count = lost + malformed + unconfirmed + unkept;
   for (const auto &[uuid, rule] : rules) count += rule.failures + rule.gaps + rule.stopped;
   return count;
 }
@@ -103,6 +104,7 @@ Result<void> write_status(const std::string &file, const MirrorStatus &status) {
   int err = 0;
   if (fchmod(fd.get(), 0644) != 0) err = errno;
   if (err == 0) err = write_whole(fd.get(), text);
+  if (const int unkept = fd.close(); err == 0) err = unkept;
   if (err == 0 && rename(temporary.c_str(), file.c_str()) != 0) err = errno;
   if (err == 0) return {};
   ::unlink(temporary.c_str());

@@ -37,6 +37,9 @@ struct MirrorStatus {
   std::uint64_t foreign = 0;   /* packets of other programs, not taken: they do no harm */
   /* Times that the module did not confirm that everything has come. */
   std::uint64_t unconfirmed = 0;
+  /* Times that the replica's file system said, after the write, that it had not kept what was
+   * written. */
+  std::uint64_t unkept = 0;
   /* Everything that programs had changed at this time of the monotonic clock is in the replica;
    * nanoseconds. */
   std::int64_t caught_up_to_ns = 0;

@@ -2,8 +2,10 @@
 // mirrord as a program, served by the stand-in: registration, replay, catching up, and how it ends.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -17,6 +19,7 @@
 #include "mirrord/mirror.h"
 #include "tests/replicate/fake_tarnd.h"
 #include "tests/replicate/run_program.h"
+#include "tests/replicate/unkept_files.h"
 
 namespace tarn {
 namespace {
@@ -162,6 +165,53 @@ TEST_F(MirrorTest, OnlyARegularFileIsReplacedByTheStatusFile) {
   EXPECT_TRUE(fs::is_symlink(dir_ / "status"));
   mirror->signal(SIGTERM);
   EXPECT_EQ(mirror->wait().exit, 0);
+}
+
+TEST_F(MirrorTest, WhatTheReplicaDidNotKeepIsSaidWhenItIsClosed) {
+  const UnkeptFiles files(dir_ / "replica", UnkeptFiles::Says::kAtClose);
+  const auto mirror = start();
+  fake_.send(create(1, "full"));
+  fake_.send(write_data({2}, src_ + "/full", 0, "x"));
+  fake_.send(create(3, "roomy"));
+  fake_.send(write_data({4}, src_ + "/roomy", 0, "x"));
+  EXPECT_EQ(catch_up().exit, 1) << "caught up is only who has kept it";
+  EXPECT_EQ(status()["unkept"], 1);
+  fake_.send(write_data({5}, src_ + "/full", 0, "x"));
+  mirror->signal(SIGTERM);
+  const Ended ended = mirror->wait();
+  EXPECT_EQ(ended.exit, 1);
+  const std::string line = "mirrord: " + replica("full") +
+                           ": not all that was written to it was kept: No space left on device\n";
+  EXPECT_EQ(ended.err,
+            line + line + "mirrord: 2 things went wrong: the replica may differ from the source\n");
+  EXPECT_EQ(status()["problems"], 2);
+}
+
+TEST_F(MirrorTest, WhatCannotBeWrittenToTheDiskIsSaidAtTheEnd) {
+  const UnkeptFiles files(dir_ / "replica", UnkeptFiles::Says::kAtWriteBack);
+  const auto mirror = start();
+  // Another program's data and file, so no file of mirrord's is closed with an error.
+  UniqueFd file(open(replica("f").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+  ASSERT_TRUE(file);
+  ASSERT_EQ(write(file.get(), "x", 1), 1);
+  ASSERT_EQ(file.close(), EIO);
+  mirror->signal(SIGTERM);
+  const Ended ended = mirror->wait();
+  EXPECT_EQ(ended.exit, 1);
+  EXPECT_EQ(ended.err,
+            "mirrord: the file system of " + (dir_ / "replica") +
+                " did not keep all that was written to it: Input/output error\n"
+                "mirrord: 1 things went wrong: the replica may differ from the source\n");
+  EXPECT_EQ(status()["unkept"], 1);
+}
+
+TEST(StatusFile, WhatIsNotKeptDoesNotTakeItsPlace) {
+  TemporaryDirectory dir;
+  const UnkeptFiles files(dir.path(), UnkeptFiles::Says::kAtClose);
+  const auto written = write_status(dir / "full", {});
+  ASSERT_FALSE(written.ok());
+  EXPECT_EQ(written.error().text,
+            "cannot write the status file " + (dir / "full") + ": No space left on device");
 }
 
 TEST(StatusFile, WhatIsWrittenInPartIsAnErrorOfItsOwn) {

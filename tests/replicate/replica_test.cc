@@ -12,6 +12,7 @@
 
 #include "mirrord/directory_walk.h"
 #include "tests/replicate/fake_tarnd.h"
+#include "tests/replicate/unkept_files.h"
 
 namespace tarn {
 namespace {
@@ -168,6 +169,33 @@ TEST_F(ReplicaTest, MoreFilesThanAreKeptOpen) {
     }
   }
   EXPECT_EQ(contents(at("d7/f")), "xx");
+}
+
+TEST_F(ReplicaTest, WhatWasNotKeptIsToldWhateverAFileIsClosedFor) {
+  const UnkeptFiles files(dir_ / "replica", UnkeptFiles::Says::kAtClose);
+  auto replica = std::move(*Replica::open(dir_ / "replica"));  // closes all before that ends
+  const auto told = [&] {
+    std::vector<std::string> paths;
+    for (const auto &[path, error] : replica.take_unkept()) {
+      EXPECT_EQ(error.code, -ENOSPC) << error.text;
+      paths.push_back(path);
+    }
+    return paths;
+  };
+  const std::vector<std::string> nothing, full = {"full"};
+  expect(replica.create("full", 0644), Done::kChanged);
+  expect(replica.write("full", 0, bytes("x")), Done::kChanged);
+  EXPECT_EQ(told(), nothing) << "it is open";
+  expect(replica.create("full", 0644), Done::kAlready);
+  EXPECT_EQ(told(), full) << "closed to be opened anew";
+  for (int i = 0; i < 300; ++i)
+    expect(replica.create("f" + std::to_string(i), 0644), Done::kChanged);
+  EXPECT_EQ(told(), full) << "closed to make room";
+  expect(replica.write("full", 0, bytes("x")), Done::kChanged);
+  replica.close_files();
+  EXPECT_EQ(told(), full);
+  replica.close_files();
+  EXPECT_EQ(told(), nothing) << "said once";
 }
 
 TEST_F(ReplicaTest, Attributes) {

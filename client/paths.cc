@@ -36,4 +36,27 @@ std::string whole_mountpoint(const std::string &path) {
   return error ? plain.string() : (parent / plain.filename()).string();
 }
 
+std::optional<std::string> path_below(std::string_view directory, std::string_view path) {
+  if (directory == "/") directory = "";
+  if (!path.starts_with(directory)) return std::nullopt;
+  path.remove_prefix(directory.size());
+  if (path.empty()) return std::string();
+  if (path[0] != '/') return std::nullopt;
+  return std::string(path.substr(1));
+}
+
+std::optional<std::string> meant_lower_path(const std::vector<Mount> &mounts,
+                                            const std::string &path) {
+  const Mount *innermost = nullptr;
+  for (const Mount &mount : mounts) {
+    if (path_below(mount.lower, path)) return std::nullopt;
+    if (path_below(mount.mountpoint, path) &&
+        (!innermost || mount.mountpoint.size() >= innermost->mountpoint.size()))
+      innermost = &mount;
+  }
+  if (!innermost) return std::nullopt;
+  const std::string below = *path_below(innermost->mountpoint, path);
+  return below.empty() ? innermost->lower : without_end_slash(innermost->lower) + "/" + below;
+}
+
 }  // namespace tarn

@@ -3,8 +3,12 @@
 #ifndef TARN_CLIENT_PATHS_H
 #define TARN_CLIENT_PATHS_H
 
+#include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
+#include "client/control_link.h"
 #include "client/result.h"
 
 namespace tarn {
@@ -18,6 +22,18 @@ Result<std::string> whole_path(const std::string &path);
 /* The same for a mount point, whose own directory may be a mount that no longer answers. Never
  * fails. */
 std::string whole_mountpoint(const std::string &path);
+
+/* The path below `directory` that `path` names: "" for the directory itself; nothing for a path
+ * that is not below it. Both whole. */
+std::optional<std::string> path_below(std::string_view directory, std::string_view path);
+
+/*
+ * Rules and records are about lower directories. If `path`, a whole one, is a path of a mount and
+ * of no lower directory, the lower path that it stands for, which somebody may have meant;
+ * otherwise nothing.
+ */
+std::optional<std::string> meant_lower_path(const std::vector<Mount> &mounts,
+                                            const std::string &path);
 
 }  // namespace tarn
 

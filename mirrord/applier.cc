@@ -2,7 +2,10 @@
 #include "mirrord/applier.h"
 
 #include <cerrno>
+#include <optional>
+#include <string_view>
 
+#include "client/paths.h"
 #include "module/os_public/Include/ox_msg.h"
 
 namespace tarn {
@@ -23,15 +26,6 @@ Replica::Attributes named_attributes(const SetAttr &change) {
 }
 
 }  // namespace
-
-std::optional<std::string> path_below(std::string_view source, std::string_view path) {
-  if (source == "/") source = "";
-  if (!path.starts_with(source)) return std::nullopt;
-  path.remove_prefix(source.size());
-  if (path.empty()) return std::string();
-  if (path[0] != '/') return std::nullopt;
-  return std::string(path.substr(1));
-}
 
 /* One function per kind of change; each gives what the replica said, or nothing if the change is
  * not its business. */

@@ -6,19 +6,13 @@
 #ifndef TARN_MIRRORD_APPLIER_H
 #define TARN_MIRRORD_APPLIER_H
 
-#include <optional>
 #include <string>
-#include <string_view>
 
 #include "client/messages.h"
 #include "client/pages.h"
 #include "mirrord/replica.h"
 
 namespace tarn {
-
-/* The path below `source` that `path` names: "" for the source itself; nothing for a path that is
- * not below it. */
-std::optional<std::string> path_below(std::string_view source, std::string_view path);
 
 class Applier {
  public:

@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "client/control.h"
 #include "client/paths.h"
 #include "client/site.h"
 #include "client/standard_fds.h"
@@ -60,6 +61,22 @@ int wait_for_another(const Arguments &arguments) {
   return kExitOk;
 }
 
+/* What would make it replicate nothing without any error. */
+void note_doubtful_source(const Site &site, const std::string &source) {
+  if (access(source.c_str(), F_OK) != 0 && errno == ENOENT)
+    std::cerr << fmt::format("mirrord: note: the source {} does not exist here\n",
+                             printable(source));
+  auto control = ControlChannel::connect(site);
+  if (!control) return;
+  const auto mounts = control->mounts();
+  if (!mounts) return;
+  if (const auto lower = meant_lower_path(*mounts, source))
+    std::cerr << fmt::format(
+        "mirrord: note: the source {} is a path of the mount; records are about the lower "
+        "directory: you may have meant {}\n",
+        printable(source), printable(*lower));
+}
+
 int mirror(const Arguments &arguments) {
   if (arguments.source.empty() || arguments.replica.empty())
     return fail("--source and --replica must be given: see 'mirrord --help'", kExitUsage);
@@ -87,15 +104,14 @@ int mirror(const Arguments &arguments) {
   if (!replica) return fail(replica.error().text, kExitProblems);
   auto signals = SignalPipe::open({SIGTERM, SIGINT, SIGUSR1});
   if (!signals) return fail(signals.error().text, kExitProblems);
-  auto channel = DaemonChannel::open(
-      find_site(), arguments.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
+  const Site site = find_site();
+  auto channel =
+      DaemonChannel::open(site, arguments.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
   if (!channel) {
     const Error &error = channel.error();
     return fail(error.code == -EBUSY ? error.text + " with --take-over" : error.text, kExitChannel);
   }
-  if (access(options.source.c_str(), F_OK) != 0 && errno == ENOENT)
-    std::cerr << fmt::format("mirrord: note: the source {} does not exist here\n",
-                             printable(options.source));
+  note_doubtful_source(site, options.source);
   std::cout << fmt::format("mirrord: registered; {} is replicated to {}\n",
                            printable(options.source), printable(options.replica))
             << std::flush;

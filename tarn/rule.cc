@@ -37,23 +37,15 @@ Result<std::vector<std::string>> whole_paths(const std::vector<std::string> &pat
   return whole;
 }
 
-bool under(const std::string &path, const std::string &directory) {
-  return directory == "/" || path == directory || path.starts_with(directory + "/");
-}
-
-/* Records name lower paths, so a rule with a path of the mount would never match: says so. */
-void warn_of_mounted_paths(ControlChannel &channel, const std::vector<std::string> &paths) {
+void note_mounted_paths(ControlChannel &channel, const std::vector<std::string> &paths) {
   const auto mounts = channel.mounts();
   if (!mounts) return;
   for (const std::string &path : paths) {
-    for (const Mount &mount : *mounts) {
-      if (!under(path, mount.mountpoint) || under(path, mount.lower)) continue;
-      const std::string lower = mount.lower + path.substr(mount.mountpoint.size());
+    if (const auto lower = meant_lower_path(*mounts, path))
       std::cerr << fmt::format(
           "tarn: note: {} is a path of the mount; rules are about the lower directory: "
           "you may have meant {}\n",
-          printable(path), printable(lower));
-    }
+          printable(path), printable(*lower));
   }
 }
 
@@ -83,7 +75,7 @@ int rule_add_command(const std::optional<std::string> &uuid,
   auto channel = ControlChannel::connect(find_site());
   if (!channel) return fail(channel.error());
   if (auto added = channel->add_rule(rule); !added) return fail(added.error());
-  warn_of_mounted_paths(*channel, *included);
+  note_mounted_paths(*channel, *included);
   if (!uuid) std::cout << to_string(rule.uuid) << '\n';
   return kExitOk;
 }

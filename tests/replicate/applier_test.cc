@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-// From records to the replica: whose paths are meant, and what each kind of record does.
+// From records to the replica: what each kind of record does.
 #include "mirrord/applier.h"
 
 #include <gtest/gtest.h>
-#include <rapidcheck.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -17,20 +16,6 @@ namespace {
 using namespace test;
 namespace fs = std::filesystem;
 using Outcome = Applier::Outcome;
-
-TEST(PathBelow, OnlyRealDescendants) {
-  EXPECT_EQ(path_below("/src", "/src"), "");
-  EXPECT_EQ(path_below("/src", "/src/a/b"), "a/b");
-  EXPECT_EQ(path_below("/src", "/srcx"), std::nullopt);
-  EXPECT_EQ(path_below("/src", "/sr"), std::nullopt);
-  EXPECT_EQ(path_below("/src", "/other/src"), std::nullopt);
-  EXPECT_EQ(path_below("/", "/a"), "a");
-  EXPECT_EQ(path_below("/", "/"), "");
-  EXPECT_TRUE(rc::check("what is put below is found below", [] {
-    const auto name = *rc::gen::nonEmpty(rc::gen::container<std::string>(rc::gen::nonZero<char>()));
-    RC_ASSERT(path_below("/s", "/s/" + name) == name);
-  }));
-}
 
 class ApplierTest : public testing::Test {
  protected:

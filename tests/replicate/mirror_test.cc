@@ -275,6 +275,19 @@ TEST_F(MirrorTest, ASourceThatIsNotThereIsNoticed) {
   EXPECT_EQ(ended.err, "mirrord: note: the source " + (dir_ / "absent") + " does not exist here\n");
 }
 
+TEST_F(MirrorTest, ASourceThatIsTheMountIsNoticed) {
+  fake_.with([&](auto &state) { state.mounts.emplace_back(dir_ / "lower", src_); });
+  Program mirror(MIRRORD_PROGRAM, {"--source", src_, "--replica", dir_ / "replica"}, environment_);
+  EXPECT_TRUE(fake_.wait_for([](const auto &state) { return state.registered; }));
+  mirror.signal(SIGTERM);
+  const Ended ended = mirror.wait();
+  EXPECT_EQ(ended.exit, 0);
+  EXPECT_EQ(ended.err, "mirrord: note: the source " + src_ +
+                           " is a path of the mount; records are about the lower directory: "
+                           "you may have meant " +
+                           (dir_ / "lower") + "\n");
+}
+
 TEST_F(MirrorTest, ThatTheStatusFileCannotBeWrittenAnyMoreIsSaidOnce) {
   fs::create_directory(dir_ / "run state");
   const std::string file = dir_ / "run state/status";

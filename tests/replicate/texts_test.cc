@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "client/base64.h"
+#include "client/paths.h"
 #include "client/text.h"
 #include "client/uuid.h"
 #include "client/workdir.h"
@@ -103,6 +104,37 @@ TEST(Workdir, SeparatorsAndBrokenEntries) {
   EXPECT_EQ(read.directories.include, (Paths{"/a"}));
   EXPECT_EQ(read.directories.exclude, (Paths{"/a/"}));
   EXPECT_EQ(read.broken, (Paths{"***", "QQ=", "!", "L2I= "}));
+}
+
+TEST(PathBelow, OnlyRealDescendants) {
+  EXPECT_EQ(path_below("/src", "/src"), "");
+  EXPECT_EQ(path_below("/src", "/src/a/b"), "a/b");
+  EXPECT_EQ(path_below("/src", "/srcx"), std::nullopt);
+  EXPECT_EQ(path_below("/src", "/sr"), std::nullopt);
+  EXPECT_EQ(path_below("/src", "/other/src"), std::nullopt);
+  EXPECT_EQ(path_below("/", "/a"), "a");
+  EXPECT_EQ(path_below("/", "/"), "");
+  EXPECT_TRUE(rc::check("what is put below is found below", [] {
+    const auto name = *rc::gen::nonEmpty(rc::gen::container<std::string>(rc::gen::nonZero<char>()));
+    RC_ASSERT(path_below("/s", "/s/" + name) == name);
+  }));
+}
+
+TEST(MeantLowerPath, OfAPathOfAMountAlone) {
+  const std::vector<Mount> mounts = {
+      {"/data", "/mnt", ""}, {"/other", "/mnt/in", ""}, {"/deep/er", "/deep", ""}};
+  EXPECT_EQ(meant_lower_path(mounts, "/mnt"), "/data");
+  EXPECT_EQ(meant_lower_path(mounts, "/mnt/x/y"), "/data/x/y");
+  EXPECT_EQ(meant_lower_path(mounts, "/mnt/in/x"), "/other/x") << "the innermost mount";
+  EXPECT_EQ(meant_lower_path(mounts, "/mntx"), std::nullopt);
+  EXPECT_EQ(meant_lower_path(mounts, "/data/x"), std::nullopt);
+  EXPECT_EQ(meant_lower_path(mounts, "/deep/er/x"), std::nullopt) << "the lower directory is in it";
+  EXPECT_EQ(meant_lower_path({{"/", "/view", ""}}, "/view/x"), std::nullopt);
+  EXPECT_EQ(meant_lower_path({{"/data", "/", ""}}, "/x"), "/data/x");
+  EXPECT_EQ(meant_lower_path({{"/data", "/mnt", ""}, {"/mnt", "/over", ""}}, "/mnt/x"),
+            std::nullopt)
+      << "the mount is the lower directory of another";
+  EXPECT_EQ(meant_lower_path({}, "/x"), std::nullopt);
 }
 
 TEST(Text, Printable) {

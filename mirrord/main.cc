@@ -104,6 +104,9 @@ int mirror(const Arguments &arguments) {
   if (!replica) return fail(replica.error().text, kExitProblems);
   auto signals = SignalPipe::open({SIGTERM, SIGINT, SIGUSR1});
   if (!signals) return fail(signals.error().text, kExitProblems);
+  // Before it registers: a daemon in whose place it comes ends for good.
+  if (const auto writable = check_status_file(options.status_file); !writable)
+    return fail(writable.error().text, kExitProblems);
   const Site site = find_site();
   auto channel =
       DaemonChannel::open(site, arguments.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);

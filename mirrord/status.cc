@@ -70,6 +70,28 @@ bool replaceable(const std::string &file) {
   return lstat(file.c_str(), &status) != 0 || S_ISREG(status.st_mode);
 }
 
+Error cannot_write(const std::string &file, int err) {
+  return system_error(err, "cannot write the status file " + printable(file));
+}
+
+/* A new file that can take the place of `file`; its name. */
+Result<std::string> write_beside(const std::string &file, const MirrorStatus &status) {
+  const std::string text = to_json(status).dump(2) + "\n";
+  if (!replaceable(file))
+    return Error{-EINVAL, "cannot write the status file " + printable(file) +
+                              ": there is something that is no regular file: name another"};
+  std::string name = file + ".XXXXXX";
+  UniqueFd fd(mkostemp(name.data(), O_CLOEXEC));
+  if (!fd) return cannot_write(file, errno);
+  int err = 0;
+  if (fchmod(fd.get(), 0644) != 0) err = errno;
+  if (err == 0) err = write_whole(fd.get(), text);
+  if (const int unkept = fd.close(); err == 0) err = unkept;
+  if (err == 0) return name;
+  ::unlink(name.c_str());
+  return cannot_write(file, err);
+}
+
 Result<std::string> contents(const std::string &file) {
   const std::string what = "cannot read the status file " + printable(file);
   const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
@@ -93,22 +115,21 @@ std::uint64_t MirrorStatus::problems() const {
   return count;
 }
 
+Result<void> check_status_file(const std::string &file) {
+  if (file.empty()) return {};
+  const auto written = write_beside(file, {});
+  if (!written) return written.error();
+  ::unlink(written->c_str());
+  return {};
+}
+
 Result<void> write_status(const std::string &file, const MirrorStatus &status) {
-  const std::string text = to_json(status).dump(2) + "\n";
-  const std::string what = "cannot write the status file " + printable(file);
-  if (!replaceable(file))
-    return Error{-EINVAL, what + ": there is something that is no regular file: name another"};
-  std::string temporary = file + ".XXXXXX";
-  UniqueFd fd(mkostemp(temporary.data(), O_CLOEXEC));
-  if (!fd) return system_error(errno, what);
-  int err = 0;
-  if (fchmod(fd.get(), 0644) != 0) err = errno;
-  if (err == 0) err = write_whole(fd.get(), text);
-  if (const int unkept = fd.close(); err == 0) err = unkept;
-  if (err == 0 && rename(temporary.c_str(), file.c_str()) != 0) err = errno;
-  if (err == 0) return {};
-  ::unlink(temporary.c_str());
-  return system_error(err, what);
+  const auto written = write_beside(file, status);
+  if (!written) return written.error();
+  if (rename(written->c_str(), file.c_str()) == 0) return {};
+  const int err = errno;
+  ::unlink(written->c_str());
+  return cannot_write(file, err);
 }
 
 Result<CatchUpState> read_status(const std::string &file) {

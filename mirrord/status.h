@@ -49,6 +49,10 @@ struct MirrorStatus {
   std::uint64_t problems() const;
 };
 
+/* Whether one can be put there; an error if not, the one of write_status(). Leaves what is there as
+ * it is. "": always. */
+Result<void> check_status_file(const std::string &file);
+
 Result<void> write_status(const std::string &file, const MirrorStatus &status);
 
 /* What a waiting program needs of the file. */

@@ -354,6 +354,32 @@ TEST_F(MirrorTest, ASecondOneIsRefusedUnlessToldOtherwise) {
   EXPECT_EQ(third.wait().exit, 0);
 }
 
+TEST_F(MirrorTest, OneThatCannotBeginDrivesNobodyOff) {
+  const auto first = start();
+  fs::create_directory(dir_ / "state");
+  const Ended second = run(MIRRORD_PROGRAM,
+                           {"--source", src_, "--replica", dir_ / "replica", "--take-over",
+                            "--status-file", dir_ / "state"},
+                           environment_);
+  EXPECT_EQ(second.exit, 1);
+  EXPECT_EQ(second.err, "mirrord: cannot write the status file " + (dir_ / "state") +
+                            ": there is something that is no regular file: name another\n");
+  fake_.send(create(1, "f"));
+  ASSERT_EQ(catch_up().exit, 0) << "the first goes on";
+
+  // Nor does it touch a file that the first writes.
+  const std::string before = status().dump();
+  const Ended refused =
+      run(MIRRORD_PROGRAM,
+          {"--source", src_, "--replica", dir_ / "replica", "--status-file", dir_ / "status"},
+          environment_);
+  EXPECT_EQ(refused.exit, 3);
+  EXPECT_EQ(status().dump(), before);
+  first->signal(SIGTERM);
+  EXPECT_EQ(first->wait().exit, 0);
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 5) << "nothing is left over";
+}
+
 TEST_F(MirrorTest, WrongArguments) {
   const auto wrong = [&](const std::vector<std::string> &arguments, int exit,
                          const std::string &text) {

@@ -134,7 +134,17 @@ static std::string escaped(const std::string &value) {
   return out;
 }
 
+// A descriptor of which poll says that the other end has gone.
+static UniqueFd pipe_without_reader() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0)
+    throw MountError(-errno, std::string("cannot make a pipe: ") + std::strerror(errno));
+  close(ends[0]);
+  return UniqueFd(ends[1]);
+}
+
 void Mount::mount_host() {
+  ended_ = pipe_without_reader();
   fuse_set_log_func(keep_fuse_message);
   Arguments args;
   args.add("-ofsname=" + escaped(lower_));
@@ -165,19 +175,17 @@ void Mount::stop() {
 
 // libfuse unmounts by path, unless poll says that the connection has ended. A mount point that is
 // not ours any more must not be touched, so its descriptor is made to say so.
-static void end_connection(int fuse_fd) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return;
-  close(ends[0]);
-  dup3(ends[1], fuse_fd, O_CLOEXEC);
-  close(ends[1]);
+bool Mount::end_connection(int fuse_fd) {
+  while (dup3(ended_.get(), fuse_fd, O_CLOEXEC) < 0)
+    if (errno != EINTR && errno != EBUSY) return false;
+  return true;
 }
 
 void Mount::close_session() {
   if (!session_) return;
   const int fd = fuse_session_fd(session_);
-  if (detached_ && fd >= 0) end_connection(fd);
-  fuse_session_unmount(session_);
+  // Without it the session's copy of the path is lost, which is better than somebody's mount.
+  if (!detached_ || fd < 0 || end_connection(fd)) fuse_session_unmount(session_);
   fuse_session_destroy(session_);
   session_ = nullptr;
   guardian_->forget(mountpoint_);

@@ -22,6 +22,7 @@
 #include "tarnd/holdings.h"
 #include "tarnd/session_io.h"
 #include "tarnd/session_loop.h"
+#include "tarnd/unique_fd.h"
 #include "ukern/uk_fs.h"
 
 namespace tarnd {
@@ -71,6 +72,7 @@ class Mount {
   void unmount_kernel();
   void mount_host();
   void close_session();
+  bool end_connection(int fuse_fd);
 
   const std::string lower_;
   const std::string mountpoint_;
@@ -79,6 +81,7 @@ class Mount {
   Holdings holdings_;
   SessionIo session_io_;
   fuse_session *session_ = nullptr;
+  UniqueFd ended_;  // what end_connection() needs: there may be no descriptor left then
   std::unique_ptr<SessionLoop> loop_;
   std::unique_ptr<Forgetter> forgetter_;
   std::atomic<bool> detached_ = false;

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -130,7 +131,17 @@ Guardian::~Guardian() {
 
 void Guardian::tell(char what, const std::string &mountpoint) {
   const std::string text = what + mountpoint;
-  send(line_.get(), text.data(), text.size(), MSG_NOSIGNAL);
+  while (send(line_.get(), text.data(), text.size(), MSG_NOSIGNAL) < 0) {
+    if (errno == EINTR) continue;
+    const int err = errno;
+    if (told_that_it_is_gone_.exchange(true)) return;
+    std::fprintf(stderr,
+                 "tarnd: the guardian (process %d) does not listen any more: %s; should tarnd be "
+                 "killed, its mounts stay, dead, until 'umount -l' takes each away; restart tarnd "
+                 "to have a guardian\n",
+                 static_cast<int>(pid_), std::strerror(err));
+    return;
+  }
 }
 
 void Guardian::watch(const std::string &mountpoint) {

@@ -7,6 +7,9 @@
 #ifndef TARND_GUARDIAN_H
 #define TARND_GUARDIAN_H
 
+#include <sys/types.h>
+
+#include <atomic>
 #include <string>
 
 #include "tarnd/unique_fd.h"
@@ -20,7 +23,7 @@ class Guardian {
   Guardian(const Guardian &) = delete;
   Guardian &operator=(const Guardian &) = delete;
 
-  /* Any thread. */
+  /* Any thread. The first that finds the process gone says so on stderr. */
   void watch(const std::string &mountpoint);
   void forget(const std::string &mountpoint);
 
@@ -29,6 +32,7 @@ class Guardian {
 
   UniqueFd line_;
   pid_t pid_ = -1;
+  std::atomic<bool> told_that_it_is_gone_ = false;
 };
 
 enum class Detach { kOnlyIdle, kLazily };

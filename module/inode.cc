@@ -23,6 +23,28 @@ bool is_in(struct dentry *dentry, const struct dentry *dir) {
   return dentry->d_parent == dir;
 }
 
+// Whether a lower dentry of `lower_dir`, whose i_mutex is held, goes by `name`, as that directory's
+// file system hashes and compares: one that ignores case may have found another spelling. A move to
+// a negative dentry has given it the place of what was moved, and its name: of a short one only
+// hash and length, the text is as before.
+bool is_called(struct dentry *lower_dir, struct dentry *lower_dentry, struct qstr name) {
+  const struct dentry_operations *op = lower_dir->d_op;
+  if (op && op->d_hash && op->d_hash(lower_dir, &name) < 0) return false;
+  spin_guard guard(lower_dentry->d_lock);
+  struct qstr &lower = lower_dentry->d_name;
+  if (lower.hash != name.hash) return false;
+  if (op && op->d_compare) return op->d_compare(lower_dir, &lower, &name) == 0;
+  return lower.len == name.len && !memcmp(lower.name, name.name, name.len);
+}
+
+// True if what is made for a negative dentry of `dir` gets the dentry's own name there in
+// `lower_dir`, whose i_mutex is held.
+bool is_place_of(struct dentry *lower_dir, struct inode *dir, const struct dentry *dentry) {
+  struct dentry *lower_dentry = tarn_lower_dentry(dentry);
+  return is_in(lower_dentry, lower_dir) && lower_dir->d_inode == tarn_lower_inode(dir) &&
+         is_called(lower_dir, lower_dentry, dentry->d_name);
+}
+
 // The directory that holds a lower dentry, with a reference and its lock. Whoever reaches the lower
 // file system by another way may have moved the dentry, before the lock was had too: see holds()
 // and is_place_of().
@@ -34,13 +56,8 @@ class locked_lower_dir {
     return dentry_->d_inode;
   }
   bool holds(struct dentry *lower_dentry) const { return is_in(lower_dentry, dentry_.get()); }
-  // True if what is made for a negative dentry of `dir` gets the dentry's own name here. A move to
-  // that name has given the lower dentry the name and the place of what was moved.
   bool is_place_of(struct inode *dir, const struct dentry *dentry) const {
-    struct dentry *lower_dentry = tarn_lower_dentry(dentry);
-    const struct qstr &name = lower_dentry->d_name;
-    return holds(lower_dentry) && inode() == tarn_lower_inode(dir) &&
-           name.len == dentry->d_name.len && !memcmp(name.name, dentry->d_name.name, name.len);
+    return ::is_place_of(dentry_.get(), dir, dentry);
   }
 
  private:
@@ -499,6 +516,8 @@ int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode 
   rename_guard guard(lower_old_dir.get(), lower_new_dir.get());
   if (!is_in(lower_old.get(), lower_old_dir.get()) || !is_in(lower_new.get(), lower_new_dir.get()))
     return -ESTALE;
+  if (!lower_new->d_inode && !is_place_of(lower_new_dir.get(), new_dir, new_dentry))
+    return stale_name(new_dentry);
 
   // Both places as they are called before the move.
   tarn_lower_path old_path(old_dentry);

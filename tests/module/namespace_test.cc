@@ -409,6 +409,75 @@ MODULE_CASE(namespace, creation_at_a_name_that_was_taken_below_is_stale) {
   }
 }
 
+// A move to it does not end in the old place either.
+MODULE_CASE(namespace, move_to_a_name_that_was_taken_below_is_stale) {
+  replicated r;
+  REQUIRE_EQ(test_put("/lower/y", "moved"), 5);
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  EXPECT_FALSE(test_exists("/mnt/x"));
+  REQUIRE_EQ(test_rename("/lower/y", "/lower/x"), 0);
+  EXPECT_EQ(test_rename("/mnt/f", "/mnt/x"), -ESTALE);
+  EXPECT_FALSE(test_exists("/lower/y"));
+  EXPECT_TRUE(test_holds("/mnt/f", "x"));
+  EXPECT_TRUE(test_holds("/mnt/x", "moved"));
+  EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+namespace {
+
+unsigned char lower_case(unsigned char c) {
+  return c >= 'A' && c <= 'Z' ? c | 0x20 : c;
+}
+
+int hash_ignoring_case(struct dentry *, struct qstr *name) {
+  unsigned long hash = init_name_hash();
+  for (unsigned i = 0; i < name->len; i++)
+    hash = partial_name_hash(lower_case(name->name[i]), hash);
+  name->hash = static_cast<unsigned>(end_name_hash(hash));
+  return 0;
+}
+
+int compare_ignoring_case(struct dentry *, struct qstr *a, struct qstr *b) {
+  if (a->len != b->len) return 1;
+  for (unsigned i = 0; i < a->len; i++)
+    if (lower_case(a->name[i]) != lower_case(b->name[i])) return 1;
+  return 0;
+}
+
+// Makes the lower directory take names that differ in case only for one.
+class ignored_case {
+ public:
+  ignored_case() { lower_.dentry()->d_op = &ops_; }
+  ~ignored_case() {
+    uk_drop_caches();
+    lower_.dentry()->d_op = nullptr;
+  }
+
+ private:
+  struct dentry_operations ops_ = {.d_hash = hash_ignoring_case,
+                                   .d_compare = compare_ignoring_case};
+  const test_walk lower_{"/lower"};
+};
+
+}  // namespace
+
+// What is known not to exist below under another spelling may be made all the same; what was moved
+// there is found.
+MODULE_CASE(namespace, creation_below_a_directory_that_ignores_case) {
+  replicated r;
+  const ignored_case ignored;
+  EXPECT_FALSE(test_exists("/lower/name"));
+  EXPECT_EQ(test_mkdir("/mnt/NAME"), 0);
+  EXPECT_TRUE(test_exists("/lower/name"));
+  EXPECT_EQ(test_rmdir("/mnt/NAME"), 0);
+
+  REQUIRE_EQ(test_mkdir("/lower/old"), 0);
+  EXPECT_FALSE(test_exists("/mnt/new"));
+  REQUIRE_EQ(test_rename("/lower/old", "/lower/NEW"), 0);
+  EXPECT_EQ(test_mkdir("/mnt/new"), -ESTALE);
+  EXPECT_EQ(test_rmdir("/mnt/new"), 0);
+}
+
 // The same for a move to another directory.
 MODULE_CASE(namespace, creation_at_a_name_taken_from_elsewhere_is_stale) {
   replicated r;
@@ -419,6 +488,13 @@ MODULE_CASE(namespace, creation_at_a_name_taken_from_elsewhere_is_stale) {
   EXPECT_EQ(test_mkdir("/mnt/x"), -ESTALE);
   EXPECT_FALSE(test_exists("/lower/d/x"));
   EXPECT_TRUE(test_holds("/mnt/x", "moved"));
+
+  REQUIRE_EQ(test_put("/lower/d/z", "moved"), 5);
+  EXPECT_FALSE(test_exists("/mnt/z"));
+  REQUIRE_EQ(test_rename("/lower/d/z", "/lower/z"), 0);
+  EXPECT_EQ(test_rename("/mnt/x", "/mnt/z"), -ESTALE);
+  EXPECT_FALSE(test_exists("/lower/d/z"));
+  EXPECT_TRUE(test_holds("/mnt/z", "moved"));
 }
 
 namespace {

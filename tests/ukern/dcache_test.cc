@@ -230,6 +230,37 @@ CASE(dcache, move_long_to_long) {
   move_and_check(kLong, kLonger);
 }
 
+// What was moved away from leaves its length and its hash to the target, and its text only where
+// that is not kept inside the dentry.
+static void move_and_check_what_is_left(const char *from, const char *to, const char *left) {
+  testfs fs;
+  struct dentry *dentry = fs.add(fs.root(), from, S_IFREG | 0644);
+  struct dentry *target = fs.add(fs.root(), to, 0);
+  REQUIRE_TRUE(dentry && target);
+  d_move(dentry, target);
+  EXPECT_EQ(target->d_name.len, strlen(from));
+  EXPECT_EQ(target->d_name.hash, testfs::name(from).hash);
+  EXPECT_EQ(dentry->d_name.hash, testfs::name(to).hash);
+  EXPECT_EQ(dname_external(target) != 0, strlen(from) >= DNAME_INLINE_LEN_MIN);
+  EXPECT_EQ(dname_external(dentry) != 0, strlen(to) >= DNAME_INLINE_LEN_MIN);
+  if (left) EXPECT_STREQ(text(target), left);
+  dput(target);
+  dput(dentry);
+}
+
+CASE(dcache, a_short_target_of_a_short_name_keeps_its_text) {
+  move_and_check_what_is_left("moved", "taken", "taken");
+  move_and_check_what_is_left("old", "new name", "new name");
+  move_and_check_what_is_left("old name", "new", "new");
+}
+CASE(dcache, a_target_gets_the_text_of_a_long_name) {
+  move_and_check_what_is_left(kLong, "new", kLong);
+  move_and_check_what_is_left(kLong, kLonger, kLong);
+}
+CASE(dcache, a_long_target_of_a_short_name_loses_its_text) {
+  move_and_check_what_is_left("old", kLong, NULL);
+}
+
 CASE(dcache, splice_without_alias_adds) {
   testfs fs;
   struct dentry *dentry = fs.alloc(fs.root(), "a");

@@ -333,24 +333,20 @@ void d_rehash(struct dentry *dentry) {
   spin_unlock(&dcache_lock);
 }
 
-// Exchanges the names. Which of the two texts are inline changes with them.
+// The dentry gets the target's name. The target is on its way out: of the dentry's name it gets the
+// hash, the length and, where that has memory of its own, the text; an inline text stays as it is.
 static void switch_names(struct dentry *dentry, struct dentry *target) {
   const bool target_external = dname_external(target);
   const bool external = dname_external(dentry);
-  const struct qstr theirs = target->d_name;
-  unsigned char inline_name[DNAME_INLINE_LEN_MIN];
+  const struct qstr ours = dentry->d_name;
 
-  memcpy(inline_name, target->d_iname, sizeof(inline_name));
-  target->d_name = dentry->d_name;
-  if (!external) {
-    memcpy(target->d_iname, dentry->d_iname, sizeof(target->d_iname));
-    target->d_name.name = target->d_iname;
-  }
-  dentry->d_name = theirs;
+  dentry->d_name = target->d_name;
   if (!target_external) {
-    memcpy(dentry->d_iname, inline_name, sizeof(dentry->d_iname));
+    memcpy(dentry->d_iname, target->d_iname, sizeof(dentry->d_iname));
     dentry->d_name.name = dentry->d_iname;
   }
+  target->d_name = ours;
+  if (!external) target->d_name.name = target->d_iname;
 }
 
 // lock_rename walks up without dcache_lock: a name that changes inside its directory must leave its

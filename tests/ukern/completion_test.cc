@@ -36,6 +36,16 @@ CASE(completion, each_complete_lets_one_wait_through) {
   EXPECT_EQ(wait_for_completion_timeout(&done, 5), 0ul);
 }
 
+CASE(completion, a_wait_without_time_takes_what_is_there) {
+  DECLARE_COMPLETION_ONSTACK(done);
+  complete(&done);
+  complete(&done);
+  EXPECT_EQ(wait_for_completion_timeout(&done, 0), 0ul);
+  EXPECT_EQ(done.done, 1u);
+  EXPECT_EQ(wait_for_completion_interruptible_timeout(&done, 0), 0ul);
+  EXPECT_EQ(done.done, 0u);
+}
+
 CASE(completion, wait_sleeps_until_complete) {
   DECLARE_COMPLETION_ONSTACK(done);
   struct ThreadTeam team;

@@ -40,10 +40,12 @@ void prepare(wait_queue_head_t *q, wait_queue_t *wait, int state, bool exclusive
 }
 
 // Waits until `done` is above 0 and takes one: jiffies left, 0 for a time-out, or -ERESTARTSYS.
-// What comes in the very moment in which the time runs out is left for the next one.
+// What comes in the very moment in which the time runs out is left for the next one; what is there
+// already is taken whatever the time-out.
 long wait_done(struct completion *x, int state, long timeout) {
   might_sleep();
   spin_lock(&x->wait.lock);
+  bool is_done = true;
   if (!x->done) {
     DECLARE_WAITQUEUE(wait, current);
     wait.flags |= WQ_FLAG_EXCLUSIVE;
@@ -59,8 +61,9 @@ long wait_done(struct completion *x, int state, long timeout) {
       spin_lock(&x->wait.lock);
     } while (!x->done && timeout);
     __remove_wait_queue(&x->wait, &wait);
+    is_done = timeout > 0;
   }
-  if (timeout > 0) x->done--;
+  if (is_done) x->done--;
   spin_unlock(&x->wait.lock);
   return timeout;
 }

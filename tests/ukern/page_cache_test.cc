@@ -213,6 +213,8 @@ CASE(page_cache, the_tasks_own_size_limit_cuts_and_refuses) {
   pos = 100;
   EXPECT_EQ(generic_write_checks(file.get(), &pos, &count, 0), -EFBIG);
   EXPECT_EQ(file.truncate(101), -EFBIG);
+  limit->rlim_cur = 1ul << 63;  // beyond every position, and not "no limit"
+  EXPECT_EQ(file.truncate(102), 0);
   *limit = old;
   flush_signals(current);
 }

@@ -159,7 +159,7 @@ int vmtruncate(struct inode *inode, loff_t offset) {
   struct address_space *mapping = inode->i_mapping;
   if (offset > i_size_read(inode)) {
     const unsigned long limit = current->signal->rlim[RLIMIT_FSIZE].rlim_cur;
-    if (limit != RLIM_INFINITY && offset > (loff_t)limit) {
+    if (limit != RLIM_INFINITY && (unsigned long)offset > limit) {
       send_sig(SIGXFSZ, current, 0);
       return -EFBIG;
     }

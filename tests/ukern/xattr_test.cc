@@ -73,6 +73,11 @@ CASE(xattr, permissions) {
     EXPECT_EQ(get(f, "trusted.a", buf, sizeof(buf)), (ssize_t)-EPERM);
     EXPECT_EQ(set(f, "trusted.a", "w", 0), -EPERM);
   }
+  {
+    as_user owner(f->d_inode->i_uid, f->d_inode->i_gid);
+    EXPECT_EQ(set(f, "security.a", "w", 0), -EPERM);
+    EXPECT_EQ(vfs_removexattr(f, (char *)"security.a"), -EPERM);
+  }
   f->d_inode->i_flags |= S_IMMUTABLE;
   EXPECT_EQ(set(f, "user.a", "w", 0), -EPERM);
   f->d_inode->i_flags &= ~S_IMMUTABLE;

@@ -35,6 +35,11 @@ int xattr_permission(struct inode *inode, const char *name, int mask) {
   return permission(inode, mask, NULL);
 }
 
+// Without a security module the attributes that belong to one are an administrator's to change.
+int security_permission(const char *name) {
+  return in_space(name, XATTR_SECURITY_PREFIX) && !capable(CAP_SYS_ADMIN) ? -EPERM : 0;
+}
+
 int check_name(const char *name) {
   const size_t len = strlen(name);
   return !len || len > XATTR_NAME_MAX ? -ERANGE : 0;
@@ -49,8 +54,10 @@ int vfs_setxattr(struct dentry *dentry, char *name, void *value, size_t size, in
   int error = xattr_permission(inode, name, MAY_WRITE);
   if (error) return error;
   mutex_lock(&inode->i_mutex);
-  error =
-      inode->i_op->setxattr ? inode->i_op->setxattr(dentry, name, value, size, flags) : -EOPNOTSUPP;
+  error = security_permission(name);
+  if (!error)
+    error = inode->i_op->setxattr ? inode->i_op->setxattr(dentry, name, value, size, flags)
+                                  : -EOPNOTSUPP;
   mutex_unlock(&inode->i_mutex);
   return error;
 }
@@ -66,6 +73,7 @@ int vfs_removexattr(struct dentry *dentry, char *name) {
   struct inode *inode = dentry->d_inode;
   if (!inode->i_op->removexattr) return -EOPNOTSUPP;
   int error = xattr_permission(inode, name, MAY_WRITE);
+  if (!error) error = security_permission(name);
   if (error) return error;
   mutex_lock(&inode->i_mutex);
   error = inode->i_op->removexattr(dentry, name);

@@ -77,6 +77,10 @@ void hold_standard_descriptors() {
   if (fd >= 0) close(fd);
 }
 
+void close_inherited_descriptors() {
+  close_range(STDERR_FILENO + 1, ~0u, 0);
+}
+
 Starter go_to_background(const std::string &log) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0)

@@ -35,6 +35,13 @@ class Starter {
 void hold_standard_descriptors();
 
 /*
+ * Of a program that will go to the background, before it opens anything: closes what its starter
+ * has left open. A lock would stay taken, a pipe would keep its reader waiting, a file its file
+ * system busy, for as long as this program runs.
+ */
+void close_inherited_descriptors();
+
+/*
  * Forks. In the starter it does not return. In the background program, a session of its own with
  * its standard input on /dev/null and its output going to `log` (emptied first), it returns the
  * line to the starter.

@@ -140,6 +140,7 @@ int main(int argc, char **argv) {
   tarnd::Starter starter;
   try {
     options.run_dir = std::filesystem::absolute(options.run_dir);
+    if (!options.foreground) tarnd::close_inherited_descriptors();
     const tarnd::RunDir run_dir(options.run_dir);
     if (!options.foreground) starter = tarnd::go_to_background(run_dir.file("tarnd.log"));
     tarnd::Guardian guardian;

@@ -51,10 +51,11 @@ compare_replica() {
 }
 
 # run_beside COMMAND...: starts it in the background, in a session of its own, whose number is $SESSION. What is left
-# of it when the test ends is killed.
+# of it when the test ends is killed. Dozens of programs that want the processor yield to tarnd and mirrord: on
+# a machine full of other tests these might get none for a second, and a message that nobody takes for so long is lost.
 SESSION=
 run_beside() {
-  setsid "$@" >"$T/beside.out" 2>"$T/beside.err" </dev/null &
+  setsid nice -n 10 "$@" >"$T/beside.out" 2>"$T/beside.err" </dev/null &
   SESSION=$!
 }
 

@@ -2,6 +2,7 @@
 #include "tarnd/session_io.h"
 
 #include <linux/fuse.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -37,8 +38,14 @@ static SessionIo *io_of(void *mount) {
   return &static_cast<Mount *>(mount)->session_io();
 }
 
+// A read or write of the library is a place where its thread may be cancelled, and says so each
+// time with four atomic operations. Nobody cancels a thread of ours.
+static ssize_t transfer(long call, int fd, const void *buf, size_t count) {
+  return syscall(call, fd, buf, count);
+}
+
 static ssize_t read_request(int fd, void *buf, size_t size, void *mount) {
-  const ssize_t got = read(fd, buf, size);
+  const ssize_t got = transfer(SYS_read, fd, buf, size);
   if (got > 0) io_of(mount)->see_request(buf, static_cast<size_t>(got));
   return got;
 }
@@ -55,13 +62,13 @@ static ssize_t write_short(int fd, const iovec &head, const iovec &body) {
   alignas(kShort) char answer[kShort];  // never on two pages
   std::memcpy(answer, head.iov_base, head.iov_len);
   std::memcpy(answer + head.iov_len, body.iov_base, body.iov_len);
-  return write(fd, answer, head.iov_len + body.iov_len);
+  return transfer(SYS_write, fd, answer, head.iov_len + body.iov_len);
 }
 
 static ssize_t write_answer(int fd, iovec *parts, int count, void *mount) {
   io_of(mount)->see_answer({parts, static_cast<size_t>(count)});
   if (is_short(parts, count)) return write_short(fd, parts[0], parts[1]);
-  return writev(fd, parts, count);
+  return transfer(SYS_writev, fd, parts, static_cast<size_t>(count));
 }
 
 int interpose_session_io(fuse_session *session) {

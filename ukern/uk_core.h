@@ -65,7 +65,8 @@ int uk_task_set_cred(struct uk_task *task, const struct uk_cred *cred);
  * which are not to be found in it. Once, by whoever made it. */
 void uk_task_hide(struct uk_task *task);
 void uk_task_put(struct uk_task *task);
-/* Makes the task `current` in the calling thread, which has none; leave undoes it. */
+/* Makes the task `current` in the calling thread, which has none; leave undoes it. The caller keeps
+ * its reference until then. */
 void uk_task_enter(struct uk_task *task);
 void uk_task_leave(void);
 /* Signals sent to the task go to `deliver(arg, signal)`, 0 or -errno; without it they are only

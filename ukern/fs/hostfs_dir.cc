@@ -35,10 +35,10 @@ int ask_host(struct dentry *dentry) {
   char name[NAME_MAX + 1];
   spin_lock(&dentry->d_lock);  // against a rename of the dentry meanwhile
   strlcpy(name, name_of(dentry), sizeof name);
+  struct dentry *parent = dget(dentry->d_parent);
   spin_unlock(&dentry->d_lock);
 
   const host_identity as = hostfs_caller();
-  struct dentry *parent = dget_parent(dentry);
   struct host_stat stat;
   if (dentry->d_inode) ukern_prefetch_attributes(dentry->d_inode);
   const int error = host_fs_stat_name(&as, hostfs_fd(parent->d_inode), name, &stat);

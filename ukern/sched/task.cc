@@ -303,7 +303,6 @@ void uk_task_put(struct uk_task *task) {
 void uk_task_enter(struct uk_task *uk_task) {
   struct task_struct *task = task_of(uk_task);
   BUG_ON(current);
-  get_task_struct(task);
   ukern_set_current(task);
 }
 
@@ -317,6 +316,5 @@ void uk_task_leave(void) {
   }
   __set_task_state(task, TASK_RUNNING);
   ukern_set_current(NULL);
-  put_task_struct(task);
 }
 }

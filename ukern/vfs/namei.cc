@@ -275,6 +275,20 @@ int walk_components(const char *name, struct nameidata *nd) {
   }
 }
 
+// Somebody else holds the place as well where the walk starts.
+int walk_from_held(const char *name, struct nameidata *nd) {
+  might_sleep();
+  const struct nameidata start = *nd;
+  const int error = walk_components(name, nd);
+  if (error != -ESTALE) return error;
+  // The cache led astray: once more, with every file system told not to trust it.
+  *nd = start;
+  dget(nd->dentry);
+  mntget(nd->mnt);
+  nd->flags |= LOOKUP_REVAL;
+  return walk_components(name, nd);
+}
+
 // Continues the walk with a link's text.
 int follow_text(struct nameidata *nd, const char *link) {
   if (IS_ERR(link)) return fail(nd, (int)PTR_ERR(link));
@@ -296,6 +310,11 @@ int follow_text(struct nameidata *nd, const char *link) {
 }  // namespace
 
 extern "C" {
+
+void path_put(struct walk_path *path) {
+  dput(path->dentry);
+  mntput(path->mnt);
+}
 
 void path_release(struct nameidata *nd) {
   dput(nd->dentry);
@@ -396,21 +415,9 @@ int vfs_follow_link(struct nameidata *nd, const char *link) {
 }
 
 int link_path_walk(const char *name, struct nameidata *nd) {
-  might_sleep();
-  struct nameidata start = *nd;
-  dget(start.dentry);
-  mntget(start.mnt);
-  int error = walk_components(name, nd);
-  if (error == -ESTALE) {
-    // The cache led astray: once more, with every file system told not to trust it.
-    *nd = start;
-    dget(nd->dentry);
-    mntget(nd->mnt);
-    nd->flags |= LOOKUP_REVAL;
-    error = walk_components(name, nd);
-  }
-  dput(start.dentry);
-  mntput(start.mnt);
+  struct walk_path start = {mntget(nd->mnt), dget(nd->dentry)};
+  const int error = walk_from_held(name, nd);
+  path_put(&start);
   return error;
 }
 
@@ -424,16 +431,18 @@ int path_lookup_from(const struct walk_path *base, const char *name, unsigned fl
   nd->last_type = LAST_ROOT;
   nd->flags = flags;
   nd->depth = 0;
-  if (*name == '/') {
-    start_at_root(nd);
-  } else if (!base) {
-    start_at_pwd(nd);
-  } else {
-    if (!S_ISDIR(base->dentry->d_inode->i_mode)) return -ENOTDIR;
-    nd->mnt = mntget(base->mnt);
-    nd->dentry = dget(base->dentry);
+  if (*name == '/' || !base) {
+    if (*name == '/')
+      start_at_root(nd);
+    else
+      start_at_pwd(nd);
+    return path_walk(name, nd);
   }
-  return path_walk(name, nd);
+  if (!S_ISDIR(base->dentry->d_inode->i_mode)) return -ENOTDIR;
+  nd->mnt = mntget(base->mnt);
+  nd->dentry = dget(base->dentry);
+  current->total_link_count = 0;
+  return walk_from_held(name, nd);
 }
 
 int path_lookup(const char *name, unsigned flags, struct nameidata *nd) {

@@ -21,7 +21,7 @@ struct uk_node {
   unsigned long count;   // under the inode's node lock, as is the list
   struct inode *inode;   // pinned by the dentry
   struct vfsmount *mnt;
-  struct dentry *dentry;  // under `lock`
+  ukern_field<struct dentry *> dentry;  // changed, and taken another reference on, under `lock`
   spinlock_t lock;
   unsigned long room[UK_NODE_ROOM / sizeof(unsigned long)];  // the user's
 };
@@ -84,11 +84,12 @@ void remove_locked(struct uk_node *node) {
 }
 
 void hold_dentry(struct uk_node *node, struct dentry *dentry) {
+  if (node->dentry == dentry) return;
   spin_lock(&node->lock);
   struct dentry *old = node->dentry;
-  if (old != dentry) node->dentry = dget(dentry);
+  node->dentry = dget(dentry);
   spin_unlock(&node->lock);
-  if (old != dentry) dput(old);
+  dput(old);
 }
 
 // Where a walk of the node's last step starts and by what name. False for the top of a mount, which
@@ -161,11 +162,6 @@ void ukern_nodes_exit(void) {
   if (!node_cache) return;
   kmem_cache_destroy(node_cache);  // reports nodes that were never given back
   node_cache = NULL;
-}
-
-void path_put(struct walk_path *path) {
-  dput(path->dentry);
-  mntput(path->mnt);
 }
 
 int node_get(struct vfsmount *mnt, struct dentry *dentry, struct uk_node **out) {
@@ -281,8 +277,10 @@ int node_walk_to_open(struct uk_node *node, int flags, struct nameidata *nd) {
 
 int node_check_name(const char *name) {
   if (!*name) return -ENOENT;
-  if (strchr(name, '/') || !strcmp(name, ".") || !strcmp(name, "..")) return -EINVAL;
-  return strlen(name) >= PATH_MAX ? -ENAMETOOLONG : 0;
+  const char *end = name;
+  while (*end && *end != '/') end++;
+  if (*end || (end - name <= 2 && (!strcmp(name, ".") || !strcmp(name, "..")))) return -EINVAL;
+  return end - name >= PATH_MAX ? -ENAMETOOLONG : 0;
 }
 
 int node_result(struct walk_path *dir, const char *name, struct uk_node **out,

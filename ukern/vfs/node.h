@@ -50,8 +50,6 @@ int node_walk(struct uk_node *node, struct walk_path *path);
  */
 int node_walk_to_open(struct uk_node *node, int flags, struct nameidata *nd);
 
-void path_put(struct walk_path *path);
-
 /* A name that a call by a directory node may act on: one component, neither "." nor "..". 0 or the
  * error. */
 int node_check_name(const char *name);

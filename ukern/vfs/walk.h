@@ -5,7 +5,7 @@
  * long as the call.
  *
  * A `base` of NULL stands for the current directory; an absolute name ignores the base. The base is
- * the caller's: no reference on it is taken over.
+ * the caller's, who holds it until the call returns: no reference on it is taken over.
  */
 #ifndef UKERN_VFS_WALK_H
 #define UKERN_VFS_WALK_H
@@ -31,6 +31,8 @@ struct walk_path {
 int path_lookup_from(const struct walk_path *base, const char *name, unsigned flags,
                      struct nameidata *nd);
 
+/* Drops both references of a path. */
+void path_put(struct walk_path *path);
 /* Drops a step's references as far as `nd` does not share them (the mount, when it was not
  * crossed). */
 void dput_path(struct walk_path *path, struct nameidata *nd);

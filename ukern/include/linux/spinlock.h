@@ -47,7 +47,8 @@ void write_unlock(rwlock_t *lock);
 void ukern_assert_spin_locked(spinlock_t *lock);
 #endif
 
-/* Takes the lock when the count falls to zero, and only then: 1 with the lock held, else 0. */
+/* Takes the lock when the count falls to zero, and only then: 1 with the lock held, else 0. For
+ * atomic_dec_and_lock, which does the rest. */
 int _atomic_dec_and_lock(atomic_t *atomic, spinlock_t *lock);
 }
 
@@ -200,6 +201,8 @@ static inline void ukern_no_irq_flags(unsigned long &flags) {
     write_unlock(lock);                      \
   } while (0)
 
-#define atomic_dec_and_lock(atomic, lock) _atomic_dec_and_lock(atomic, lock)
+static inline int atomic_dec_and_lock(atomic_t *atomic, spinlock_t *lock) {
+  return !atomic_add_unless(atomic, -1, 1) && _atomic_dec_and_lock(atomic, lock);
+}
 
 #endif

@@ -37,6 +37,9 @@ int ask_host(struct dentry *dentry) {
   strlcpy(name, name_of(dentry), sizeof name);
   struct dentry *parent = dget(dentry->d_parent);
   spin_unlock(&dentry->d_lock);
+  spin_lock(&dcache_lock);
+  ukern_prefetch_next(dentry);
+  spin_unlock(&dcache_lock);
 
   const host_identity as = hostfs_caller();
   struct host_stat stat;

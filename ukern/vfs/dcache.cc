@@ -62,6 +62,10 @@ static struct hlist_head *hash_chain(struct dentry *parent, unsigned hash) {
   return &hashtable[hash_long(directory ^ hash, hash_bits)];
 }
 
+void ukern_prefetch_name(struct dentry *parent, unsigned int hash) {
+  __builtin_prefetch(hash_chain(parent, hash));
+}
+
 // Puts all dentries into a larger table when they have become too many for this one. Without memory
 // for it the chains get longer, that is all.
 static void grow_hash(void) {
@@ -129,7 +133,7 @@ struct dentry *d_alloc(struct dentry *parent, const struct qstr *name) {
   spin_lock(&dcache_lock);
   if (parent) list_add(&dentry->d_u.d_child, &parent->d_subdirs);
   stat_add(&dentry_stat.nr_dentry, 1);
-  const bool crowded = hash_bits < kMostHashBits && dentry_stat.nr_dentry > 1 << hash_bits;
+  const bool crowded = hash_bits < kMostHashBits && 2 * dentry_stat.nr_dentry > 1 << hash_bits;
   spin_unlock(&dcache_lock);
   if (crowded) grow_hash();
   return dentry;
@@ -282,6 +286,32 @@ static bool name_matches(struct dentry *parent, struct dentry *dentry, struct qs
   return have->len == name->len && memcmp(have->name, name->name, name->len) == 0;
 }
 
+// The one that came to the same directory after this one; NULL for the youngest.
+static struct dentry *next_in_directory(struct dentry *dentry) {
+  struct list_head *next = dentry->d_u.d_child.prev;
+  return next == &dentry->d_parent->d_subdirs ? NULL : list_entry(next, struct dentry, d_u.d_child);
+}
+
+// Of each no more than what the look-ups before this one have brought near, so that this one does
+// not wait: the third dentry itself, of the second what it points to, of the first what its inode
+// points to.
+void ukern_prefetch_next(struct dentry *dentry) {
+  struct dentry *next = next_in_directory(dentry);
+  if (!next) return;
+  if (struct inode *inode = next->d_inode) __builtin_prefetch(inode->i_nodes, 1);
+  next = next_in_directory(next);
+  if (!next) return;
+  if (struct inode *inode = next->d_inode) {
+    __builtin_prefetch(next->d_fsdata);  // set before the inode was
+    ukern_prefetch_attributes(inode);
+    __builtin_prefetch(&inode->i_nodes);
+  }
+  next = next_in_directory(next);
+  if (!next) return;
+  const char *const end = (const char *)(next + 1);
+  for (const char *line = (const char *)next; line < end; line += 64) __builtin_prefetch(line, 1);
+}
+
 struct dentry *__d_lookup(struct dentry *parent, struct qstr *name) {
   struct dentry *dentry;
   struct dentry *found = NULL;
@@ -297,6 +327,7 @@ struct dentry *__d_lookup(struct dentry *parent, struct qstr *name) {
     spin_unlock(&dentry->d_lock);
     if (found) break;
   }
+  if (found) ukern_prefetch_next(found);
   spin_unlock(&dcache_lock);
   return found;
 }

@@ -254,10 +254,11 @@ int walk_components(const char *name, struct nameidata *nd) {
   for (;;) {
     struct qstr part;
     nd->flags |= LOOKUP_CONTINUE;
+    name = hash_component(name, &part);
+    ukern_prefetch_name(nd->dentry, part.hash);
     int error = vfs_permission(nd, MAY_EXEC);
     if (error) return fail(nd, error);
 
-    name = hash_component(name, &part);
     if (!*name) return walk_last(nd, &part, flags);
     while (*name == '/') name++;
     if (!*name) return walk_last(nd, &part, flags | LOOKUP_FOLLOW | LOOKUP_DIRECTORY);

@@ -7,8 +7,6 @@
 #ifndef TARND_PATH_WALK_H
 #define TARND_PATH_WALK_H
 
-#include <ctime>
-
 namespace tarnd {
 
 /* What a request can be in a call by a path. */
@@ -19,13 +17,12 @@ class PathWalk {
  public:
   /*
    * Takes note of the next request, made by thread `pid` of the host (0: the host itself); `tick`
-   * is the host's time as of its clock's last tick. Whether it belongs to the same system call as
-   * the look-ups right before it: those of the same thread, the first of them in the same tick, for
-   * what comes later may be about something that was opened long ago.
+   * is the time, in steps of some milliseconds at most. Whether it belongs to the same system call
+   * as the look-ups right before it: those of the same thread, the first of them in the same tick,
+   * for what comes later may be about something that was opened long ago.
    */
-  bool take(int pid, Step step, const timespec &tick) {
-    const bool same = step != Step::kNone && pid != 0 && pid == pid_ &&
-                      tick.tv_sec == begun_.tv_sec && tick.tv_nsec == begun_.tv_nsec;
+  bool take(int pid, Step step, unsigned long tick) {
+    const bool same = step != Step::kNone && pid != 0 && pid == pid_ && tick == begun_;
     if (!same) begun_ = tick;
     pid_ = step == Step::kLookup ? pid : 0;
     return same;
@@ -33,7 +30,7 @@ class PathWalk {
 
  private:
   int pid_ = 0; /* whose look-up the last request was; 0: it was none */
-  timespec begun_{};
+  unsigned long begun_ = 0;
 };
 
 }  // namespace tarnd

@@ -131,15 +131,15 @@ int walk_name(struct walk_path *dir, const char *name, struct nameidata *nd) {
   return path_lookup_from(dir, name, 0, nd);
 }
 
-// An open walk that ends where it began. Takes over the path's references, also on failure.
+// An open walk that ends where it began. Takes over the dentry's reference, also on failure.
 int open_in_place(struct walk_path *path, int flags, struct nameidata *nd) {
   struct file *file = get_empty_filp();
   if (!file) {
-    path_put(path);
+    dput(path->dentry);
     return -ENFILE;
   }
   memset(nd, 0, sizeof(*nd));
-  nd->mnt = path->mnt;
+  nd->mnt = mntget(path->mnt);
   nd->dentry = path->dentry;
   nd->flags = LOOKUP_OPEN;
   nd->last_type = LAST_ROOT;
@@ -197,7 +197,7 @@ int uk_node_place(struct uk_node *node, struct uk_node **dir, char name[256]) {
     *dir = find_or_add(parent->d_inode, held.mnt, NULL);
     dput(parent);
   }
-  path_put(&held);
+  dput(held.dentry);
   return *dir ? 0 : -ENOENT;
 }
 
@@ -221,7 +221,7 @@ unsigned long long uk_node_ino(struct uk_node *node) {
 }
 
 void node_hold(struct uk_node *node, struct walk_path *path) {
-  path->mnt = mntget(node->mnt);
+  path->mnt = node->mnt;
   spin_lock(&node->lock);
   path->dentry = dget(node->dentry);
   spin_unlock(&node->lock);
@@ -237,13 +237,13 @@ int node_walk(struct uk_node *node, struct walk_path *path) {
   const int error = path_lookup_from(&from, name, 0, &nd);
   dput(from.dentry);
   if (error && !name_is_gone(error)) {
-    path_put(path);
+    dput(path->dentry);
     return error;
   }
   if (!error && leads_to(&nd, node)) {
     hold_dentry(node, nd.dentry);
-    path_put(path);
-    path->mnt = nd.mnt;
+    dput(path->dentry);
+    mntput(nd.mnt);
     path->dentry = nd.dentry;
   } else if (!error) {
     path_release(&nd);
@@ -261,14 +261,14 @@ int node_walk_to_open(struct uk_node *node, int flags, struct nameidata *nd) {
     dput(from.dentry);
     if (!error && leads_to(nd, node)) {
       hold_dentry(node, nd->dentry);
-      path_put(&held);
+      dput(held.dentry);
       return 0;
     }
     if (!error) {
       release_open_intent(nd);
       path_release(nd);
     } else if (!name_is_gone(error)) {
-      path_put(&held);
+      dput(held.dentry);
       return error;
     }
   }

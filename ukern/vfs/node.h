@@ -32,15 +32,15 @@ void ukern_nodes_exit(void);
  * nothing over. */
 int node_get(struct vfsmount *mnt, struct dentry *dentry, struct uk_node **out);
 
-/* The mount and dentry held, each with a reference, as they are: for a directory that a name is
- * looked up in. */
+/* The mount and dentry held, as they are: for a directory that a name is looked up in. The dentry
+ * comes with a reference, for dput; the mount is the node's, which the caller has. */
 void node_hold(struct uk_node *node, struct walk_path *path);
 
 /*
  * As a system call by a name finds it: the last step is walked again, from the parent of the dentry
  * held by its name, so that it is revalidated; where it leads to the node's inode, the node changes
  * over to the dentry found. Where it does not, because the name is gone or is another's, the dentry
- * held is used. Each of mount and dentry comes with a reference, for path_put.
+ * held is used. References are those of node_hold.
  */
 int node_walk(struct uk_node *node, struct walk_path *path);
 

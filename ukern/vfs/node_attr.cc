@@ -43,7 +43,7 @@ void to_stat(const struct kstat *from, struct uk_stat *to) {
 int place(struct uk_node *node, struct uk_file *file, struct walk_path *path) {
   if (!file) return node_walk(node, path);
   struct file *filp = (struct file *)file;
-  path->mnt = mntget(filp->f_vfsmnt);
+  path->mnt = filp->f_vfsmnt;
   path->dentry = dget(filp->f_dentry);
   return 0;
 }
@@ -104,7 +104,7 @@ int uk_getattr(struct uk_node *node, struct uk_file *file, struct uk_stat *stat)
   int error = place(node, file, &path);
   if (error) return error;
   error = node_stat(&path, stat);
-  path_put(&path);
+  dput(path.dentry);
   return error;
 }
 
@@ -116,7 +116,7 @@ int uk_setattr(struct uk_node *node, struct uk_file *file, unsigned set, const s
   if (error) return error;
   error = set_all(&path, file, set, want);
   if (!error) error = node_stat(&path, stat);
-  path_put(&path);
+  dput(path.dentry);
   return error;
 }
 
@@ -126,7 +126,7 @@ int uk_statfs(struct uk_node *node, struct uk_statfs *out) {
   int error = node_walk(node, &path);
   if (error) return error;
   error = vfs_statfs(path.dentry, &figures);
-  path_put(&path);
+  dput(path.dentry);
   if (error) return error;
   out->blocks = figures.f_blocks;
   out->bfree = figures.f_bfree;
@@ -145,7 +145,7 @@ int uk_access(struct uk_node *node, int mask) {
   int error = node_walk(node, &path);
   if (error) return error;
   error = access_at(&path, mask);
-  path_put(&path);
+  dput(path.dentry);
   return error;
 }
 
@@ -156,7 +156,7 @@ int uk_readlink(struct uk_node *node, char *buf, unsigned long size) {
   if (result) return result;
   user_buffer range(buf, size);
   result = range.error() ? range.error() : readlink_at(&path, buf, (int)size);
-  path_put(&path);
+  dput(path.dentry);
   return result;
 }
 
@@ -167,7 +167,7 @@ int uk_setxattr(struct uk_node *node, const char *name, const void *value, unsig
   if (error) return error;
   user_buffer range(value, size);
   error = range.error() ? range.error() : setxattr_user(path.dentry, name, value, size, flags);
-  path_put(&path);
+  dput(path.dentry);
   return error;
 }
 
@@ -177,7 +177,7 @@ long uk_getxattr(struct uk_node *node, const char *name, void *value, unsigned l
   if (result) return result;
   user_buffer range(value, size);
   result = range.error() ? range.error() : getxattr_user(path.dentry, name, value, size);
-  path_put(&path);
+  dput(path.dentry);
   return result;
 }
 
@@ -187,7 +187,7 @@ long uk_listxattr(struct uk_node *node, char *list, unsigned long size) {
   if (result) return result;
   user_buffer range(list, size);
   result = range.error() ? range.error() : listxattr_user(path.dentry, list, size);
-  path_put(&path);
+  dput(path.dentry);
   return result;
 }
 
@@ -196,7 +196,7 @@ int uk_removexattr(struct uk_node *node, const char *name) {
   int error = node_walk(node, &path);
   if (error) return error;
   error = removexattr_user(path.dentry, name);
-  path_put(&path);
+  dput(path.dentry);
   return error;
 }
 

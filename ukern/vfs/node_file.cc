@@ -65,10 +65,10 @@ int open_to_run(struct uk_node *node, struct uk_file **out) {
               ? vfs_permission(&nd, MAY_EXEC)
               : -EACCES;
   if (error) {
-    path_put(&path);
+    dput(path.dentry);
     return error;
   }
-  struct file *file = dentry_open(path.dentry, path.mnt, O_RDONLY | O_LARGEFILE);
+  struct file *file = dentry_open(path.dentry, mntget(path.mnt), O_RDONLY | O_LARGEFILE);
   if (IS_ERR(file)) return (int)PTR_ERR(file);
   *out = (struct uk_file *)file;
   return 0;
@@ -104,7 +104,7 @@ int uk_create(struct uk_node *dir, const char *name, int flags, unsigned mode, s
   // A link that came to stand here since the caller looked is not for this name space to follow.
   struct file *filp =
       filp_open_from(&path, name, flags | O_CREAT | O_LARGEFILE | O_NOFOLLOW, (int)mode);
-  path_put(&path);
+  dput(path.dentry);
   if (IS_ERR(filp)) return (int)PTR_ERR(filp);
 
   struct walk_path opened = {filp->f_vfsmnt, filp->f_dentry};

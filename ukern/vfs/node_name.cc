@@ -21,7 +21,7 @@ int enter(struct uk_node *dir, const char *name, struct walk_path *path) {
 int leave(struct walk_path *path, int error, const char *name, struct uk_node **out,
           struct uk_stat *stat) {
   if (!error) error = node_result(path, name, out, stat);
-  path_put(path);
+  dput(path->dentry);
   return error;
 }
 
@@ -84,7 +84,7 @@ int uk_link(struct uk_node *node, struct uk_node *dir, const char *name, struct 
   error = node_walk(node, &old);
   if (!error) {
     error = link_at(&old, &path, name);
-    path_put(&old);
+    dput(old.dentry);
   }
   return leave(&path, error, name, out, stat);
 }
@@ -95,7 +95,7 @@ int uk_unlink(struct uk_node *dir, const char *name) {
   int error = enter(dir, name, &path);
   if (error) return error;
   error = unlink_at(&path, name);
-  path_put(&path);
+  dput(path.dentry);
   return error;
 }
 
@@ -105,7 +105,7 @@ int uk_rmdir(struct uk_node *dir, const char *name) {
   int error = enter(dir, name, &path);
   if (error) return error;
   error = rmdir_at(&path, name);
-  path_put(&path);
+  dput(path.dentry);
   return error;
 }
 
@@ -118,8 +118,8 @@ int uk_rename(struct uk_node *old_dir, const char *old_name, struct uk_node *new
   if (error) return error;
   node_hold(new_dir, &to);
   error = rename_at(&from, old_name, &to, new_name);
-  path_put(&to);
-  path_put(&from);
+  dput(to.dentry);
+  dput(from.dentry);
   return error;
 }
 

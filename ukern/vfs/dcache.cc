@@ -24,8 +24,8 @@ static const unsigned kNameHashBits = 32;
 DEFINE_SPINLOCK(dcache_lock);
 struct dentry_stat_t dentry_stat;
 
-static struct hlist_head *hashtable;  // under dcache_lock, as is
-static unsigned hash_bits;
+static ukern_field<struct hlist_head *> hashtable;  // under dcache_lock, as is
+static ukern_field<unsigned> hash_bits;
 static struct kmem_cache *dentry_cache;
 
 static struct hlist_head *new_table(unsigned bits) {
@@ -62,6 +62,7 @@ static struct hlist_head *hash_chain(struct dentry *parent, unsigned hash) {
   return &hashtable[hash_long(directory ^ hash, hash_bits)];
 }
 
+// Without the lock: when the table has just changed, something useless is fetched.
 void ukern_prefetch_name(struct dentry *parent, unsigned int hash) {
   __builtin_prefetch(hash_chain(parent, hash));
 }

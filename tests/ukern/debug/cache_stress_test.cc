@@ -69,3 +69,34 @@ CASE(cache_stress, names_change_while_the_caches_are_emptied) {
     EXPECT_EQ(workers[i].unexpected, 0);
   }
 }
+
+struct watch {
+  int over;
+  int wrong;  // how often the name was not found
+  struct completion done;
+};
+
+static int look_for_a_name(void *data) {
+  struct watch *w = (struct watch *)data;
+  struct kstat stat;
+  while (!__atomic_load_n(&w->over, __ATOMIC_RELAXED)) w->wrong += name_stat("/dir", &stat) != 0;
+  complete(&w->done);
+  return 0;
+}
+
+CASE(cache_stress, a_name_is_found_while_the_table_grows) {
+  struct watch watch = {};
+  struct kstat stat;
+  char name[16];
+
+  init_completion(&watch.done);
+  REQUIRE_EQ(name_mkdir("/dir", 0755), 0);
+  REQUIRE_TRUE(!IS_ERR(kthread_run(look_for_a_name, &watch, "watch")));
+  for (int i = 0; i < 3000; i++) {
+    sprintf(name, "/none%d", i);
+    EXPECT_EQ(name_stat(name, &stat), -ENOENT);
+  }
+  __atomic_store_n(&watch.over, 1, __ATOMIC_RELAXED);
+  wait_for_completion(&watch.done);
+  EXPECT_EQ(watch.wrong, 0);
+}

@@ -25,6 +25,7 @@ static std::vector<CallerTask *> all_tasks;  // under all_mutex
 
 CallerTask::CallerTask() : task_(Identity()) {
   task_.hide();
+  uk_task_set_wait_handler(task_.get(), before_wait, this);
   worker_task = this;
   const std::lock_guard lock(all_mutex);
   all_tasks.push_back(this);
@@ -128,16 +129,27 @@ void CallerTask::interrupted(fuse_req_t req, void *task) {
   uk_task_interrupt(self->task_.get(), waiting_signals(fuse_req_ctx(req)->pid));
 }
 
-void CallerTask::listen(fuse_req_t req) {
+void CallerTask::answered() {
+  if (worker_task) worker_task->waiting_ = nullptr;
+}
+
+void CallerTask::before_wait(void *task) {
+  auto *self = static_cast<CallerTask *>(task);
+  if (self->waiting_ && !self->listening_) self->listen();
+}
+
+void CallerTask::listen() {
   {
     const std::lock_guard lock(mutex_);
-    listening_ = req;
+    listening_ = waiting_;
   }
   // Not under the lock: it calls back at once if the interruption came first.
-  fuse_req_interrupt_func(req, interrupted, this);
+  fuse_req_interrupt_func(waiting_, interrupted, this);
 }
 
 void CallerTask::calm() {
+  waiting_ = nullptr;
+  if (!listening_) return;
   const std::lock_guard lock(mutex_);
   listening_ = nullptr;
   if (interrupted_) uk_task_calm(task_.get());

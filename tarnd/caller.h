@@ -36,13 +36,16 @@ class CallerTask {
   const Task &task() const { return task_; }
   /* Makes it the request's caller. Throws std::bad_alloc. */
   void become(fuse_req_t req, Need need);
+  /* The calling thread's request, if there is one, is about to be answered, and with that gone. */
+  static void answered();
 
  private:
   friend class Listening;
   using Clock = std::chrono::steady_clock;
   bool continues_walk(int pid, Need need);
   static void interrupted(fuse_req_t req, void *task);
-  void listen(fuse_req_t req);
+  static void before_wait(void *task);
+  void listen();
   void calm();
 
   Task task_;
@@ -50,15 +53,20 @@ class CallerTask {
   Clock::time_point groups_good_until_;
   PathWalk walk_;
 
+  fuse_req_t waiting_ = nullptr;  // whose interruption ends a wait; null once it is answered
   std::mutex mutex_;
-  fuse_req_t listening_ = nullptr;  // under mutex_
+  fuse_req_t listening_ = nullptr;  // the same once there was a wait; changed under mutex_
   bool interrupted_ = false;        // under mutex_
 };
 
-/* As long as it lasts, an interruption of the request interrupts the task. */
+/*
+ * As long as it lasts, an interruption of the request ends a wait of the task. Most requests never
+ * wait, and to be told of interruptions costs more than many of them do, so that is asked for when
+ * the task is about to.
+ */
 class Listening {
  public:
-  Listening(CallerTask &task, fuse_req_t req) : task_(task) { task_.listen(req); }
+  Listening(CallerTask &task, fuse_req_t req) : task_(task) { task_.waiting_ = req; }
   ~Listening() { task_.calm(); }
   Listening(const Listening &) = delete;
   Listening &operator=(const Listening &) = delete;

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "tarnd/caller.h"
 #include "tarnd/mount.h"
 
 namespace tarnd {
@@ -65,7 +66,13 @@ static ssize_t write_short(int fd, const iovec &head, const iovec &body) {
   return transfer(SYS_write, fd, answer, head.iov_len + body.iov_len);
 }
 
+// The host is also told of things that it has not asked for.
+static bool is_answer(const iovec &head) {
+  return static_cast<const fuse_out_header *>(head.iov_base)->unique != 0;
+}
+
 static ssize_t write_answer(int fd, iovec *parts, int count, void *mount) {
+  if (is_answer(parts[0])) CallerTask::answered();
   io_of(mount)->see_answer({parts, static_cast<size_t>(count)});
   if (is_short(parts, count)) return write_short(fd, parts[0], parts[1]);
   return transfer(SYS_writev, fd, parts, static_cast<size_t>(count));

@@ -73,6 +73,10 @@ void uk_task_leave(void);
  * recorded. */
 void uk_task_set_signal_handler(struct uk_task *task, int (*deliver)(void *arg, int signal),
                                 void *arg);
+/* `before(arg)` is called before each sleep of the task that a signal may end, in its own thread;
+ * it may call uk_task_interrupt. Only while no thread runs as the task, or by the thread that does.
+ */
+void uk_task_set_wait_handler(struct uk_task *task, void (*before)(void *arg), void *arg);
 /* Signals have come (bit n - 1 is signal n) for a task that has no handler: waits that they end are
  * ended, also those that begin before uk_task_calm. */
 void uk_task_interrupt(struct uk_task *task, unsigned long long signals);

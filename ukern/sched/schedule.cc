@@ -29,6 +29,8 @@ void check_may_schedule() {}
 // Sleeps until woken, or until the deadline (negative: none): false when that came first.
 bool sleep_until(long long deadline) {
   struct task_struct *task = current;
+  if ((state_of(task) & TASK_INTERRUPTIBLE) && task->before_wait)
+    task->before_wait(task->before_wait_arg);
   for (;;) {
     const long state = state_of(task);
     if (state == TASK_RUNNING) return true;

@@ -136,6 +136,12 @@ void uk_task_set_signal_handler(struct uk_task *uk_task, int (*handler)(void *ar
   spin_unlock(&task->sighand->siglock);
 }
 
+void uk_task_set_wait_handler(struct uk_task *uk_task, void (*before)(void *arg), void *arg) {
+  auto *task = (struct task_struct *)uk_task;
+  task->before_wait = before;
+  task->before_wait_arg = arg;
+}
+
 void uk_task_interrupt(struct uk_task *task, unsigned long long signals) {
   for (int sig = 1; sig <= _NSIG; sig++) {
     if (signals & sigmask(sig)) deliver((struct task_struct *)task, sig);

@@ -117,9 +117,12 @@ struct task_struct {
   struct list_head task_link; /* under tasklist_lock */
   struct signal_struct own_signal;
   struct sighand_struct own_sighand;
-  unsigned long long signals_seen;                          /* under siglock */
-  int (*deliver)(void *arg, int signal);                    /* under siglock */
-  void *deliver_arg;                                        /* under siglock */
+  unsigned long long signals_seen;       /* under siglock */
+  int (*deliver)(void *arg, int signal); /* under siglock */
+  void *deliver_arg;                     /* under siglock */
+  /* Called before each sleep that a signal may end; by the thread that runs as the task. */
+  void (*before_wait)(void *arg);
+  void *before_wait_arg;
   char *exe;                                                /* path of the program, or null */
   long (*find_exe)(int pid, char *buf, unsigned long size); /* or null; see uk_cred */
   struct ukern_kthread *kthread;                            /* null unless it is a kernel thread */

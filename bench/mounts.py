@@ -23,6 +23,7 @@ import time
 
 # Longer than bindfs and libfuse let the host remember a name and its attributes.
 FORGOTTEN = 1.1
+ROUNDS = 21  # a median of fewer differs by 5 % from one run to the next
 PASSTHROUGH = "/usr/share/doc/libfuse3-dev/examples/passthrough_ll.c"
 
 # What each processor keeps of the pages that it frees; docs/operations.md says what that does to mirrord's socket.
@@ -256,7 +257,7 @@ def few_kept_pages():
         KEPT_PAGES.write_text(before)
 
 
-def measure(build, rounds, sides=tuple(SIDES), rows=tuple(TITLES)):
+def measure(build, rounds=ROUNDS, sides=tuple(SIDES), rows=tuple(TITLES)):
     if os.geteuid() != 0:
         fail("must be run by root: it mounts what it measures")
     build = pathlib.Path(build).resolve()
@@ -293,11 +294,11 @@ def build_passthrough(top):
 BEFORE = """
 ## Files and names through a mount
 
-Microseconds for one call, in a directory over a tmpfs. The calling program and the process that serves the mount share
-one processor, mirrord has another, and `vm.percpu_pagelist_high_fraction` is 1000 (docs/operations.md says why). bindfs
-is Debian's, with its own settings and with `big_writes`; `passthrough_ll` is libfuse's own example. Names are of one
-component; a path of more costs tarn one request for each, where the others remember them for a second. Nothing is
-remembered before a row begins, but for "again".
+Microseconds for one call in a directory over a tmpfs, the median of {rounds} rounds. The calling program and the process
+that serves the mount share one processor, mirrord has another, and `vm.percpu_pagelist_high_fraction` is 1000
+(docs/operations.md says why). bindfs is Debian's, with its own settings and with `big_writes`; `passthrough_ll` is
+libfuse's own example. Names are of one component; a path of more costs tarn one request for each, where the others
+remember them for a second. Nothing is remembered before a row begins, but for "again".
 
 tarn asks for each name and its attributes again, so that what is done directly below is seen at once; bindfs and
 `passthrough_ll` answer from the host's memory for a second, whatever has happened below meanwhile. What was read stays
@@ -311,7 +312,7 @@ WITH_DAEMON = 0.6  # with a rule and a daemon
 
 def tables(done, table):
     """Lines of Markdown; `table` makes them from a head and rows."""
-    yield BEFORE.rstrip()
+    yield BEFORE.rstrip().format(rounds=done.rounds)
     names = [SIDES[side][0] for side in done.sides]
     yield from table(["call"] + names, [[TITLES[row]] + ["%.2f" % (done.median(row, side) / 1e3) for side in done.sides]
                                         for row in done.rows])
@@ -333,7 +334,7 @@ def aims(done):
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("build")
-    parser.add_argument("--rounds", type=int, default=9)
+    parser.add_argument("--rounds", type=int, default=ROUNDS)
     parser.add_argument("--only", default=",".join(SIDES))
     parser.add_argument("--rows", default=",".join(TITLES))
     args = parser.parse_args()

@@ -186,7 +186,7 @@ def main():
     parser.add_argument("output")
     parser.add_argument("--repetitions", type=int, default=9)
     args = parser.parse_args()
-    mounted = mounts.measure(args.build, args.repetitions)
+    mounted = mounts.measure(args.build)
     ns = measure(args.program, args.repetitions)
     cores = os.cpu_count()
     head = HEAD.format(when=datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d"),

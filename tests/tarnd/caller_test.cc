@@ -1,26 +1,16 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/caller.h"
 
-#include <gtest/gtest.h>
-
 #include <cerrno>
 
-#include "ukern/uk_core.h"
+#include "tests/tarnd/booted_test.h"
 #include "ukern/uk_net.h"
 
 namespace tarnd {
 namespace {
 
-class CallerTaskTest : public ::testing::Test {
+class CallerTaskTest : public BootedTest {
  protected:
-  void SetUp() override {
-    uk_boot_options options{};
-    options.root_type = "memfs";
-    options.root_source = "";
-    ASSERT_EQ(uk_boot(&options), 0);
-  }
-  void TearDown() override { EXPECT_EQ(uk_shutdown(), 0); }
-
   // What waits for a message that does not come, in the task that is current.
   static long wait_for_a_message() {
     constexpr int kUnit = 29;

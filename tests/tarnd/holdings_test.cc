@@ -2,7 +2,6 @@
 #include "tarnd/holdings.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -11,19 +10,16 @@
 #include <thread>
 
 #include "tarnd/task.h"
-#include "ukern/uk_core.h"
+#include "tests/tarnd/booted_test.h"
 
 namespace tarnd {
 namespace {
 
-// A kernel with a file, whose shutdown reports what was not given back.
-class HoldingsTest : public ::testing::Test {
+// A kernel with a file.
+class HoldingsTest : public BootedTest {
  protected:
   void SetUp() override {
-    uk_boot_options options{};
-    options.root_type = "memfs";
-    options.root_source = "";
-    ASSERT_EQ(uk_boot(&options), 0);
+    ASSERT_NO_FATAL_FAILURE(BootedTest::SetUp());
     task_ = new Task(service_identity());
     uk_task_enter(task_->get());
     uk_node *root = nullptr;
@@ -34,7 +30,7 @@ class HoldingsTest : public ::testing::Test {
   void TearDown() override {
     uk_task_leave();
     delete task_;
-    EXPECT_EQ(uk_shutdown(), 0);
+    BootedTest::TearDown();
   }
   // One more reference to the file's node, as a lookup gives it.
   void look_up() {

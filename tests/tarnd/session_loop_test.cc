@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/session_loop.h"
 
-#include <gtest/gtest.h>
 #include <linux/fuse.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -16,7 +15,7 @@
 #include <set>
 #include <thread>
 
-#include "ukern/uk_core.h"
+#include "tests/tarnd/booted_test.h"
 
 namespace tarnd {
 namespace {
@@ -34,15 +33,12 @@ constexpr fuse_custom_io kSocket = {.writev = write_answer,
 
 // A session whose host is the test, at the other end of a socket. A request is to get the
 // attributes of a node, whose number is the request's too.
-class SessionLoopTest : public ::testing::Test {
+class SessionLoopTest : public BootedTest {
  protected:
   using Serve = std::function<void(fuse_ino_t node)>;
 
   void SetUp() override {
-    uk_boot_options options{};
-    options.root_type = "memfs";
-    options.root_source = "";
-    ASSERT_EQ(uk_boot(&options), 0);
+    ASSERT_NO_FATAL_FAILURE(BootedTest::SetUp());
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
     host_ = ends[0];
@@ -62,7 +58,7 @@ class SessionLoopTest : public ::testing::Test {
     }
     fuse_session_destroy(session_);
     close(host_);
-    EXPECT_EQ(uk_shutdown(), 0);
+    BootedTest::TearDown();
   }
 
   // `serve` runs in the worker that has taken the request, before it is answered.

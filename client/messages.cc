@@ -189,6 +189,19 @@ Result<Change> decode_change(Bytes payload, std::uint16_t netlink_type, std::uin
   return malformed("unknown operation {}", op);
 }
 
+Result<Naming> decode_naming(std::uint16_t cp) {
+  switch (cp) {
+    case OX_CP_NAMED:
+      return Naming::kNamed;
+    case OX_CP_NAMELESS:
+      return Naming::kNameless;
+    case OX_CP_UNPLACED:
+      return Naming::kUnplaced;
+  }
+  return malformed("a record whose path is {} to its object, at most {} expected", cp,
+                   int{OX_CP_UNPLACED});
+}
+
 Result<Message> decode_record(Bytes payload, const NetlinkHeader &netlink) {
   if (payload.size() < OX_MSG_LEN)
     return malformed("a change record of {} bytes, at least {} expected", payload.size(),
@@ -199,9 +212,11 @@ Result<Message> decode_record(Bytes payload, const NetlinkHeader &netlink) {
   if (os != OX_OS_LINUX) return malformed("a record of system {}, not {}", os, OX_OS_LINUX);
   if (wseq != netlink.seq)
     return malformed("number {} in the record and {} in the header", wseq, netlink.seq);
+  const auto naming = decode_naming(head.cp);
+  if (!naming) return naming.error();
   auto change = decode_change(payload, netlink.type, op);
   if (!change) return change.error();
-  return Message{Record{load_uuid(payload), head.ts, wseq, std::move(*change)}};
+  return Message{Record{load_uuid(payload), head.ts, wseq, std::move(*change), *naming, head.seq}};
 }
 
 }  // namespace

@@ -82,11 +82,22 @@ struct WritePage {
 using Change =
     std::variant<Create, Mkdir, Unlink, Rmdir, Symlink, Link, Rename, SetAttr, Write, WritePage>;
 
+/* What the path of a record (of a rename or a link, the first) is to the object that changed. */
+enum class Naming {
+  kNamed,    /* its name */
+  kNameless, /* a text for people: the object has no name any more, a program has it open */
+  kUnplaced, /* a former name: the object has another one, which the module does not know */
+};
+
 struct Record {
   Uuid rule;
   std::uint64_t ts;   /* when it was captured, microseconds */
   std::uint32_t wseq; /* its number within the rule */
   Change change;
+  Naming naming = Naming::kNamed;
+  /* The same in all records between a rule's adding and its deletion, another one for a rule of the
+   * same UUID that is added later. 0: a module that does not tell. */
+  std::uint32_t generation = 0;
 
   /* Is it the last message of its number? */
   bool last() const {

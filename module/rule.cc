@@ -36,12 +36,24 @@ void free_prulenode(struct prule_node *node) {
   kmem_cache_free(rulenode_cachep, node);
 }
 
+/* Differs between rules that were added one after the other, also where the clock went back or the
+ * module was loaded anew in between. */
+static ox_u32_t new_generation(void) {
+  static atomic_t added;
+  const ox_u64_t now = static_cast<ox_u64_t>(ox_current_time_us());
+  const ox_u32_t mixed = static_cast<ox_u32_t>(now) ^ static_cast<ox_u32_t>(now >> 32);
+  const ox_u32_t generation =
+      mixed + static_cast<ox_u32_t>(atomic_inc_return(&added)) * 2654435761u;
+  return generation ? generation : 1;
+}
+
 static void init_node(struct prule_node *node) {
   INIT_LIST_HEAD(&node->list);
   INIT_LIST_HEAD(&node->aux_list);
   INIT_LIST_HEAD(&node->transq);
   atomic_set(&node->refcnt, 2); /* the list's and its maker's */
   node->mem_max = PRULE_MEM_MAX;
+  node->generation = new_generation();
   initmatch(&node->path, 0, 1, CMP_STR);
   spin_lock_init(&node->node_lock);
 }

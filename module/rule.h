@@ -47,6 +47,9 @@ struct prule_node {
   ox_s32_t mem_max;        /* not enforced */
   atomic_t mem_used;
   int status; /* enum prule_status; read without a lock, set by prule_stop */
+  /* In each of its records, so that nobody takes the numbers of a rule that was deleted and added
+   * again for those of the first one. Never 0. */
+  ox_u32_t generation;
 
   /* Larger than that of every rule before it in the list; 0: it is not in the set. Under
    * ruleset.rwlock. */

@@ -44,6 +44,7 @@ static void init_trans(struct tarn_trans *trans, struct prule_node *rule, ox_u32
   memcpy(trans->msg.uuid, rule->rule.uuid, sizeof(trans->msg.uuid));
   trans->msg.op = static_cast<ox_u8_t>(op);
   trans->msg.os = OX_OS_LINUX;
+  trans->msg.seq = rule->generation;
   trans->msg.ts = ox_current_time_us();
   trans->r = rule;
   trans->seq = 0;
@@ -332,6 +333,8 @@ int fill_page(const struct tarn_trans *trans, struct sk_buff *skb, const write_s
   page->ts = whole->ts;
   page->op = whole->op;
   page->os = whole->os;
+  page->cp = whole->cp;
+  page->seq = whole->seq;
   page->type = whole->type;
   page->dlen1 = index == 0 ? whole->dlen1 : 0;
   if (index == 0) source.put_path(page->data);

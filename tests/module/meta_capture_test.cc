@@ -16,7 +16,7 @@ void expect_para(const nl_message &m, int op, const char *first, const char *sec
   EXPECT_EQ(para->op, op);
   EXPECT_EQ(para->os, 1);
   EXPECT_EQ(para->cp, 0);
-  EXPECT_EQ(para->seq, 0u);
+  EXPECT_NE(para->seq, 0u);
   EXPECT_EQ(para->wseq, m.head()->nlmsg_seq);
   EXPECT_EQ(para->dlen1, len1);
   EXPECT_EQ(para->dlen2, len2);

@@ -133,6 +133,22 @@ MODULE_CASE(rule, uuids_that_agree_up_to_a_zero_byte_are_one) {
   EXPECT_EQ(get_prule_set()->rulenum, 0);
 }
 
+MODULE_CASE(rule, a_rule_that_is_added_anew_has_another_generation) {
+  test_daemon daemon;
+  ox_u32_t before = 0;
+  for (int life = 0; life < 3; ++life) {
+    REQUIRE_EQ(install_rule(1, "/a"), 0);
+    EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
+    const ox_u32_t first = daemon.next().para()->seq;
+    EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/y", nullptr, 0), 0);
+    EXPECT_EQ(daemon.next().para()->seq, first);
+    EXPECT_NE(first, 0u);
+    EXPECT_NE(first, before);
+    before = first;
+    EXPECT_EQ(remove_rule(1), 0);
+  }
+}
+
 MODULE_CASE(rule, a_text_that_does_not_compile_changes_nothing) {
   REQUIRE_EQ(install_rule(1, "/a"), 0);
   struct prule *record = rule_record(2);

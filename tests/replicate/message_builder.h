@@ -56,11 +56,13 @@ inline Packet message(std::uint16_t type, const Packet &payload, std::uint32_t s
   return packet;
 }
 
-/* Which rule, which number, when. */
+/* Which rule, which number, when; what the path is to the object (OX_CP_*); the rule's life. */
 struct Stamp {
   std::uint32_t wseq = 1;
   Uuid rule = rule_uuid();
   std::uint64_t ts = kTime;
+  std::uint16_t cp = OX_CP_NAMED;
+  std::uint32_t generation = 0;
 };
 
 template <class T>
@@ -70,6 +72,8 @@ void stamp(T &record, const Stamp &stamp, std::uint8_t op) {
   record.wseq = stamp.wseq;
   record.op = op;
   record.os = OX_OS_LINUX;
+  record.cp = stamp.cp;
+  record.seq = stamp.generation;
 }
 
 inline Packet name_change(std::uint8_t op, const Stamp &s, std::string_view path,

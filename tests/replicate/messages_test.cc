@@ -58,6 +58,17 @@ TEST(Messages, HeadOfARecord) {
   EXPECT_TRUE(record.last());
 }
 
+TEST(Messages, NamingAndGeneration) {
+  const auto with = [](std::uint16_t cp) {
+    return name_change(OX_OP_CREATE, {.cp = cp, .generation = 0x89ABCDEF}, "/d/f");
+  };
+  EXPECT_EQ(decoded(with(OX_CP_NAMED)).naming, Naming::kNamed);
+  EXPECT_EQ(decoded(with(OX_CP_NAMELESS)).naming, Naming::kNameless);
+  EXPECT_EQ(decoded(with(OX_CP_UNPLACED)).naming, Naming::kUnplaced);
+  EXPECT_EQ(decoded(with(OX_CP_NAMED)).generation, 0x89ABCDEFu);
+  EXPECT_EQ(error_of(with(3)), "a record whose path is 3 to its object, at most 2 expected");
+}
+
 TEST(Messages, NameChanges) {
   EXPECT_EQ(change_of<Create>(name_change(OX_OP_CREATE, {}, "/d/f", {}, 0100644)).path, "/d/f");
   EXPECT_EQ(change_of<Create>(name_change(OX_OP_CREATE, {}, "/d/f", {}, 0100644)).mode, 0100644u);

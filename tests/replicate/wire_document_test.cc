@@ -36,21 +36,27 @@ std::map<std::string, Packet> examples() {
 
 const Uuid kRule = *parse_uuid("01234567-89AB-CDEF-1032-547698BADCFE");
 
+constexpr std::uint32_t kGeneration = 0xE7913C5A;
+
+Stamp stamp_of(std::uint32_t wseq) {
+  return {.wseq = wseq, .rule = kRule, .generation = kGeneration};
+}
+
 TEST(WireDocument, StructuresGiveTheSameBytes) {
   auto given = examples();
   const std::string data(4030, 'x');
-  const auto pages = write_data({4, kRule}, "/data/f", 6, data);
+  const auto pages = write_data(stamp_of(4), "/data/f", 6, data);
   ASSERT_EQ(pages.size(), 2u);
   const std::map<std::string, Packet> built = {
-      {"create", name_change(OX_OP_CREATE, {1, kRule}, "/data/f", {}, 0100644)},
+      {"create", name_change(OX_OP_CREATE, stamp_of(1), "/data/f", {}, 0100644)},
       {"setattr",
-       set_attributes({2, kRule},
+       set_attributes(stamp_of(2),
                       {"/data/f", OX_ATTR_MODE | OX_ATTR_UID | OX_ATTR_GID | OX_ATTR_CTIME, 0100644,
                        1000, 100, 0, kTime - 1, kTime - 1, kTime - 1})},
-      {"write", write_data({3, kRule}, "/data/f", 0, "hello\n")[0]},
+      {"write", write_data(stamp_of(3), "/data/f", 0, "hello\n")[0]},
       {"page0", Packet(pages[0].begin(), pages[0].begin() + 96)},
       {"page1", pages[1]},
-      {"rename", name_change(OX_OP_RENAME, {5, kRule}, "/data/f", "/data/file", 0100644)},
+      {"rename", name_change(OX_OP_RENAME, stamp_of(5), "/data/f", "/data/file", 0100644)},
       {"stop", stop_rule(kRule)},
       {"hello", message(OX_NL_HELO, {})},
       {"reply", reply(OX_SO_REP_DEL, OX_ERR_NOENT)},
@@ -68,6 +74,8 @@ TEST(WireDocument, ExamplesDecode) {
   };
   EXPECT_EQ(record("create").rule, kRule);
   EXPECT_EQ(record("create").ts, kTime);
+  EXPECT_EQ(record("create").generation, kGeneration);
+  EXPECT_EQ(record("create").naming, Naming::kNamed);
   EXPECT_EQ(describe(record("create").change), "create /data/f mode 0644");
   EXPECT_EQ(describe(record("setattr").change), "setattr /data/f mode 0644 uid 1000 gid 100");
   EXPECT_EQ(describe(record("write").change), "write /data/f offset 0 bytes 6");

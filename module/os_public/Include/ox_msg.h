@@ -47,6 +47,13 @@ enum ox_op {
 /* Values of `os`. */
 #define OX_OS_LINUX 1
 
+/* Values of `cp`: what the record's path (the first one, where it has two) is to the object. */
+enum ox_naming {
+  OX_CP_NAMED = 0,    /* its name */
+  OX_CP_NAMELESS = 1, /* a text for people: the object is open, but has no name any more */
+  OX_CP_UNPLACED = 2  /* a former name: the object has another one, which is not known */
+};
+
 /* The head that every change record begins with. */
 struct ox_msg {
   uuid_t uuid;   /* the rule that this copy of the record is made for */
@@ -56,11 +63,11 @@ struct ox_msg {
     struct {
       ox_u8_t op;  /* enum ox_op */
       ox_u8_t os;  /* OX_OS_LINUX */
-      ox_u16_t cp; /* no meaning */
+      ox_u16_t cp; /* enum ox_naming */
     } OX_PACKED;
     ox_s32_t error; /* no meaning */
   } OX_PACKED;
-  ox_u32_t seq; /* no meaning */
+  ox_u32_t seq; /* the rule's generation: another one for a rule that is added anew */
   ox_u32_t l1;  /* what l1 and l2 are differs by variant */
   ox_u32_t l2;
 } OX_PACKED;

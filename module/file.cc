@@ -9,6 +9,8 @@
 
 namespace {
 
+typedef ox_owner<struct dentry, dput> dentry_ref;
+
 // The most that one write takes; a longer request becomes a short write.
 constexpr size_t max_write_bytes = 50UL * 1024 * 1024;
 
@@ -159,6 +161,23 @@ ssize_t write_generic(struct kiocb *iocb, const struct iovec *iov, loff_t pos) {
   return written ? written : rc;
 }
 
+// A write that failed has grown the upper inode nevertheless. Programs see no size and no bytes
+// that the lower file does not have.
+void take_lower_size(struct inode *inode) {
+  const loff_t size = i_size_read(tarn_lower_inode(inode));
+  if (i_size_read(inode) > size) vmtruncate(inode, size);
+}
+
+// A stranger's write takes set-id bits off the lower file. Who follows the records must not have
+// his bytes in a file that still has them.
+void capture_lost_bits(struct dentry *dentry, umode_t before) {
+  if (!(before & (S_ISUID | S_ISGID))) return;
+  struct kstat stat;
+  if (vfs_getattr(tarn_lower_mnt(dentry), tarn_lower_dentry(dentry), &stat)) return;
+  dentry->d_inode->i_mode = tarn_lower_inode(dentry->d_inode)->i_mode;
+  tarn_mode_sync(dentry, before);
+}
+
 // Writes under the inode's i_mutex and captures what was written before letting go of it, so that
 // the records of one file come in the order in which its writes were applied.
 ssize_t write_and_capture(struct kiocb *iocb, const struct iovec *iov, loff_t pos) {
@@ -171,12 +190,21 @@ ssize_t write_and_capture(struct kiocb *iocb, const struct iovec *iov, loff_t po
   if (!access_ok(VERIFY_READ, iov->iov_base, iov->iov_len)) return -EFAULT;
   vfs_check_frozen(inode->i_sb, SB_FREEZE_WRITE);
 
+  struct dentry *dentry = file->f_dentry;
+  struct tarn_inode_info *info = tarn_inode(inode);
+  const umode_t mode = info->lower_inode->i_mode;
+  info->cut_at = TARN_NOT_CUT;
   const ssize_t written = write_generic(iocb, iov, pos);
-  if (written > 0) {
-    // With O_APPEND the bytes landed elsewhere than at `pos`. Capture never changes the write's
-    // outcome.
-    tarn_write_sync(file->f_dentry, static_cast<const char __user *>(iov->iov_base), written,
-                    iocb->ki_pos - written);
+  if (info->cut_at != TARN_NOT_CUT || written < 0) take_lower_size(inode);
+  // With O_APPEND the bytes landed elsewhere than at `pos`.
+  const loff_t start = iocb->ki_pos - written;
+  ssize_t kept = written;
+  if (written > 0 && info->cut_at != TARN_NOT_CUT) kept = info->cut_at - start;
+  if (kept > 0) {
+    dentry_ref name(tarn_hold_name(dentry));
+    capture_lost_bits(dentry, mode);
+    // Capture never changes the write's outcome.
+    tarn_write_sync(dentry, static_cast<const char __user *>(iov->iov_base), kept, start);
   }
   return written;
 }

@@ -55,6 +55,9 @@ class locked_lower_dir {
   struct inode *inode() const {
     return dentry_->d_inode;
   }
+  struct dentry *dentry() const {
+    return dentry_.get();
+  }
   bool holds(struct dentry *lower_dentry) const { return is_in(lower_dentry, dentry_.get()); }
   bool is_place_of(struct inode *dir, const struct dentry *dentry) const {
     return ::is_place_of(dentry_.get(), dir, dentry);
@@ -260,6 +263,7 @@ int tarn_create(struct inode *dir, struct dentry *dentry, int mode, struct namei
   tarn_copy_attr_times_and_size(dir, lower_dir.inode());
   const struct iattr ia = attr_of_new(dentry->d_inode, mode, lower_dir.inode());
   tarn_attr_sync(dentry, &ia);
+  tarn_mode_sync(dentry, mode);
   return 0;
 }
 
@@ -282,6 +286,7 @@ int mkdir_below(struct inode *dir, struct dentry *dentry, int mode) {
   dir->i_nlink = lower_dir.inode()->i_nlink;
   const struct iattr ia = attr_of_new(dentry->d_inode, mode, lower_dir.inode());
   tarn_attr_sync(dentry, &ia);
+  tarn_mode_sync(dentry, mode);
   return rc;
 }
 
@@ -327,15 +332,17 @@ int link_below(struct dentry *old_dentry, struct inode *dir, struct dentry *new_
   const loff_t size = i_size_read(old_dentry->d_inode);
   dentry_ref lower_old(dget(tarn_lower_dentry(old_dentry)));
   dentry_ref lower_new(dget(tarn_lower_dentry(new_dentry)));
+  dentry_ref old_name(tarn_hold_name(old_dentry));
   locked_lower_dir lower_dir(lower_new.get());
   if (!lower_dir.is_place_of(dir, new_dentry)) return -ESTALE;
+  tarn_name_change change(lower_new.get());
   int rc = vfs_link(lower_old.get(), lower_dir.inode(), lower_new.get());
   if (!bind_created(dir, new_dentry, &rc)) return rc;
   tarn_copy_attr_times_and_size(dir, lower_dir.inode());
   struct inode *old_inode = old_dentry->d_inode;
   old_inode->i_nlink = tarn_lower_inode(old_inode)->i_nlink;
   i_size_write(new_dentry->d_inode, size);
-  tarn_sync_2dentry(OX_OP_LINK, old_dentry, new_dentry);
+  tarn_sync_2dentry(OX_OP_LINK, old_dentry, new_dentry, &change);
   return rc;
 }
 
@@ -348,6 +355,12 @@ int tarn_link(struct dentry *old_dentry, struct inode *dir, struct dentry *new_d
   return rc;
 }
 
+// The path is that of the place, which stays known when nothing is there any more.
+void capture_removal(ox_u32_t op, struct dentry *lower_dir, struct dentry *dentry) {
+  tarn_record_path path(lower_dir, tarn_lower_mnt(dentry), &dentry->d_name);
+  tarn_names_sync(op, path, nullptr, 0, nullptr);
+}
+
 int tarn_unlink(struct inode *dir, struct dentry *dentry) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
   // With a second user the lower dentry keeps its inode: whoever has the upper one still works with
@@ -355,11 +368,10 @@ int tarn_unlink(struct inode *dir, struct dentry *dentry) {
   dentry_ref held(dget(lower_dentry));
   locked_lower_dir lower_dir(lower_dentry);
   if (!lower_dir.holds(lower_dentry) || lower_dir.inode() != tarn_lower_inode(dir))
-    return stale_name(dentry);   // its lower object has another place now
-  tarn_lower_path path(dentry);  // while the lower name still exists
+    return stale_name(dentry);  // its lower object has another place now
   const int rc = vfs_unlink(tarn_lower_inode(dir), lower_dentry);
   if (rc) return rc;
-  if (path) tarn_para_sync(OX_OP_UNLINK, path.get(), nullptr, 0);
+  capture_removal(OX_OP_UNLINK, lower_dir.dentry(), dentry);
   tarn_copy_attr_times(dir, lower_dir.inode());
   struct inode *inode = dentry->d_inode;
   inode->i_nlink = tarn_lower_inode(inode)->i_nlink;
@@ -368,7 +380,7 @@ int tarn_unlink(struct inode *dir, struct dentry *dentry) {
   return 0;
 }
 
-int rmdir_below(struct inode *dir, struct dentry *dentry, const char *path) {
+int rmdir_below(struct inode *dir, struct dentry *dentry) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
   locked_lower_dir lower_dir(lower_dentry);
   // Held beyond d_delete, so that the lower dentry keeps its inode for whoever is in the directory.
@@ -376,16 +388,16 @@ int rmdir_below(struct inode *dir, struct dentry *dentry, const char *path) {
   if (!lower_dir.holds(lower_dentry)) return stale_name(dentry);
   const int rc = vfs_rmdir(lower_dir.inode(), lower_dentry);
   if (!rc) d_delete(lower_dentry);
-  if (path) tarn_para_sync(OX_OP_RMDIR, path, nullptr, 0);  // a refused removal is captured too
+  // A refused removal is captured too.
+  capture_removal(OX_OP_RMDIR, lower_dir.dentry(), dentry);
   tarn_copy_attr_times(dir, lower_dir.inode());
   dir->i_nlink = lower_dir.inode()->i_nlink;
   return rc;
 }
 
 int tarn_rmdir(struct inode *dir, struct dentry *dentry) {
-  tarn_lower_path path(dentry);
   dentry_ref held(dget(dentry));
-  const int rc = rmdir_below(dir, dentry, path.get());
+  const int rc = rmdir_below(dir, dentry);
   if (!rc) d_drop(dentry);
   return rc;
 }
@@ -519,13 +531,14 @@ int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode 
   if (!lower_new->d_inode && !is_place_of(lower_new_dir.get(), new_dir, new_dentry))
     return stale_name(new_dentry);
 
-  // Both places as they are called before the move.
-  tarn_lower_path old_path(old_dentry);
-  tarn_lower_path new_path(new_dentry);
+  tarn_name_change change(lower_old.get());
   const int rc =
       vfs_rename(lower_old_dir->d_inode, lower_old.get(), lower_new_dir->d_inode, lower_new.get());
   if (rc) return rc;
-  if (old_path && new_path) tarn_para_sync(OX_OP_RENAME, old_path.get(), new_path.get(), mode);
+  // Both places, whatever has them by now.
+  tarn_record_path old_path(lower_old_dir.get(), tarn_lower_mnt(old_dentry), &old_dentry->d_name);
+  tarn_record_path new_path(lower_new_dir.get(), tarn_lower_mnt(new_dentry), &new_dentry->d_name);
+  tarn_names_sync(OX_OP_RENAME, old_path, &new_path, mode, &change);
   tarn_copy_attr_all(new_dir, lower_new_dir->d_inode);
   if (old_dir != new_dir) tarn_copy_attr_all(old_dir, lower_old_dir->d_inode);
   return 0;
@@ -554,12 +567,16 @@ int truncate_upper(struct inode *inode, const struct iattr *ia) {
 // system sees its own file in the record; capture sees the record as the lower call left it.
 int setattr_below(struct dentry *dentry, struct iattr *ia) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
-  mutex_guard guard(lower_dentry->d_inode->i_mutex);
+  struct inode *lower = lower_dentry->d_inode;
+  dentry_ref name(tarn_hold_name(dentry));
+  mutex_guard guard(lower->i_mutex);
+  const umode_t mode = lower->i_mode;
   struct file *file = ia->ia_valid & ATTR_FILE ? ia->ia_file : nullptr;
   if (file) ia->ia_file = tarn_lower_file(file);
   const int rc = notify_change(lower_dentry, ia);
   if (file) ia->ia_file = file;
   tarn_attr_sync(dentry, ia);
+  if (!rc) tarn_mode_sync(dentry, ia->ia_valid & ATTR_MODE ? ia->ia_mode : mode);
   return rc;
 }
 
@@ -580,7 +597,8 @@ int tarn_setattr(struct dentry *dentry, struct iattr *ia) {
   return 0;
 }
 
-// Extended attributes pass through under the lower object's lock and are not captured.
+// Extended attributes pass through under the lower object's lock and are not captured, but for the
+// mode that one may change.
 
 int tarn_setxattr(struct dentry *dentry, const char *name, const void *value, size_t size,
                   int flags) {
@@ -588,7 +606,10 @@ int tarn_setxattr(struct dentry *dentry, const char *name, const void *value, si
   struct inode *lower = lower_dentry->d_inode;
   if (!lower->i_op->setxattr) return -EOPNOTSUPP;
   mutex_guard guard(lower->i_mutex);
-  return lower->i_op->setxattr(lower_dentry, name, value, size, flags);
+  const umode_t mode = lower->i_mode;
+  const int rc = lower->i_op->setxattr(lower_dentry, name, value, size, flags);
+  tarn_mode_sync(dentry, mode);  // an access list has the mode in it
+  return rc;
 }
 
 }  // namespace
@@ -620,7 +641,10 @@ int tarn_removexattr(struct dentry *dentry, const char *name) {
   struct inode *lower = lower_dentry->d_inode;
   if (!lower->i_op->removexattr) return -EOPNOTSUPP;
   mutex_guard guard(lower->i_mutex);
-  return lower->i_op->removexattr(lower_dentry, name);
+  const umode_t mode = lower->i_mode;
+  const int rc = lower->i_op->removexattr(lower_dentry, name);
+  tarn_mode_sync(dentry, mode);
+  return rc;
 }
 
 // ---------------------------------------------------------------------------------- symbolic links

@@ -30,8 +30,10 @@ void set_uptodate(struct page *page, bool uptodate) {
 
 }  // namespace
 
-// A short write counts as success; every failure is -EINVAL.
-int tarn_write_lower(struct inode *inode, char *buffer, loff_t offset, size_t size) {
+namespace {
+
+// The bytes that the lower file took, or its error.
+ssize_t write_below(struct inode *inode, const char *buffer, loff_t offset, size_t size) {
   struct tarn_inode_info *info = tarn_inode(inode);
   ssize_t written;
   {
@@ -44,7 +46,18 @@ int tarn_write_lower(struct inode *inode, char *buffer, loff_t offset, size_t si
                         &lower_file->f_pos);
   }
   __mark_inode_dirty(inode, I_DIRTY_SYNC);
-  return written < 0 ? -EINVAL : 0;
+  // Programs are told of one error, whatever it was.
+  if (written < 0 && printk_ratelimit())
+    printk("<4>tarn_write_lower: inode %lu, %lu bytes at %lld: rc=%d\n", inode->i_ino,
+           static_cast<unsigned long>(size), offset, static_cast<int>(written));
+  return written;
+}
+
+}  // namespace
+
+// A short write counts as success; every failure is -EINVAL.
+int tarn_write_lower(struct inode *inode, char *buffer, loff_t offset, size_t size) {
+  return write_below(inode, buffer, offset, size) < 0 ? -EINVAL : 0;
 }
 
 int tarn_write_lower_page_segment(struct inode *inode, struct page *page, size_t offset_in_page,
@@ -116,13 +129,21 @@ int tarn_prepare_write(struct file *, struct page *page, unsigned from, unsigned
   return 0;
 }
 
-// The page stays clean: its data is in the lower file already.
+// The page stays clean: its data is in the lower file already. One of which the lower file did not
+// take all is read again before anybody sees it, and who writes learns where it ends.
 int tarn_commit_write(struct file *, struct page *page, unsigned from, unsigned to) {
   struct inode *inode = page->mapping->host;
-  const int rc = tarn_write_lower_page_segment(inode, page, from, to - from);
+  cond_resched();
+  const loff_t at = page_start(page->index) + from;
+  const ssize_t written = write_below(inode, page_text(page) + from, at, to - from);
+  if (written < static_cast<ssize_t>(to - from)) {
+    ClearPageUptodate(page);
+    struct tarn_inode_info *info = tarn_inode(inode);
+    if (info->cut_at == TARN_NOT_CUT) info->cut_at = at + max(written, static_cast<ssize_t>(0));
+  }
   const loff_t end = page_start(page->index) + to;
   if (end > i_size_read(inode)) i_size_write(inode, end);
-  return rc;
+  return written < 0 ? -EINVAL : 0;
 }
 
 // Capture of a page dirtied through a mapping. It goes by the lower dentry, so it reaches a rule

@@ -19,6 +19,7 @@ struct inode *tarn_alloc_inode(struct super_block *) {
   mutex_init(&inode_info->lower_file_mutex);
   inode_info->lower_file = nullptr;
   inode_info->lower_inode = nullptr;  // set by the interpose
+  inode_info->cut_at = TARN_NOT_CUT;
   struct inode *inode = &inode_info->vfs_inode;
   inode_init_once(inode);
   lockdep_set_class(&inode->i_mutex, &tarn_i_mutex_key);
@@ -38,7 +39,8 @@ void close_lower_file(struct tarn_inode_info *info) {
   dget(lower_dentry);
   fput(lower_file);
   info->lower_file = nullptr;
-  d_drop(lower_dentry);
+  // What is mounted on a directory, or works in one, would lose its way.
+  if (!S_ISDIR(lower_dentry->d_inode->i_mode)) d_drop(lower_dentry);
   dput(lower_dentry);
 }
 

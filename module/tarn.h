@@ -27,7 +27,12 @@ struct tarn_inode_info {
   struct inode *lower_inode;
   struct file *lower_file;       /* under lower_file_mutex until set; shared by all opens */
   struct mutex lower_file_mutex; /* also held across each lower read and write, for f_pos */
+  /* Of the write that is going on, under the upper i_mutex: where the lower file took less than it
+   * was given, or TARN_NOT_CUT. */
+  loff_t cut_at;
 };
+
+#define TARN_NOT_CUT (-1)
 
 /* The kernel has this record only inside its own path walk. */
 struct path {

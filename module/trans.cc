@@ -4,6 +4,7 @@
 #include "netlink.h"
 #include "ox_guard.h"
 #include "ox_types.h"
+#include "ox_uuid.h"
 #include "tarn.h"
 #include "thread.h"
 
@@ -63,10 +64,10 @@ static void set_lengths(struct tarn_trans *trans, ox_u32_t len) {
   }
 }
 
-struct tarn_trans *tarn_var_alloc(struct prule_node *rule, ox_u32_t op, ox_u32_t len) {
+struct tarn_trans *tarn_var_alloc(struct prule_node *rule, ox_u32_t op, ox_u32_t len, gfp_t gfp) {
   /* Cleared: fields without a meaning are zero on the wire. */
   struct tarn_trans *trans = static_cast<struct tarn_trans *>(
-      ox_malloc(static_cast<ox_u64_t>(TARN_TRANS_FIELDS) + len, GFP_KERNEL | __GFP_ZERO));
+      ox_malloc(static_cast<ox_u64_t>(TARN_TRANS_FIELDS) + len, gfp | __GFP_ZERO));
   if (!trans) return nullptr;
   init_trans(trans, rule, op);
   set_lengths(trans, len);
@@ -93,7 +94,7 @@ int tarn_trans_free(struct tarn_trans *trans, int free_pages) {
 }
 
 int tarn_trans_commit(struct tarn_trans *trans, struct prule_node *rule) {
-  trans->seq = atomic_inc_return(&rule->transnr);
+  if (!trans->seq) trans->seq = atomic_inc_return(&rule->transnr);
   trans_send(trans);
   return 0;
 }
@@ -142,10 +143,9 @@ class first_hits {
   int count_;
 };
 
-int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *path2) {
+int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *path2, gfp_t gfp) {
   struct prule_set *set = get_prule_set();
-  struct hit_rules *found =
-      static_cast<struct hit_rules *>(kmem_cache_zalloc(hit_rule_cache, GFP_KERNEL));
+  struct hit_rules *found = static_cast<struct hit_rules *>(kmem_cache_zalloc(hit_rule_cache, gfp));
   if (!found) return -ENOMEM;
   *hits = found;
   first_hits first(found);
@@ -168,64 +168,179 @@ void tarn_stop_rule(struct prule_node *rule) {
   tarn_send_stop_rule(rule->rule.uuid);
 }
 
+/* ---- paths and numbers ---- */
+
+namespace {
+
+/* The paths of one change, and the order of names that they were taken in. */
+class change_paths {
+ public:
+  change_paths(tarn_record_path &first, tarn_record_path *second, tarn_names &names)
+      : first_(first), second_(second), names_(names) {}
+
+  const tarn_record_path &first() const { return first_; }
+  const char *path1() const { return first_.get(); }
+  const char *path2() const { return second_ ? second_->get() : nullptr; }
+  bool too_long() const { return first_.too_long() || (second_ && second_->too_long()); }
+
+  /* Whether there is each path. */
+  bool take(gfp_t gfp = GFP_KERNEL) {
+    names_.note();
+    const bool first = first_.take(gfp);
+    return (!second_ || second_->take(gfp)) && first;
+  }
+  bool without_memory() const {
+    return first_.without_memory() || (second_ && second_->without_memory());
+  }
+  bool changed() const { return first_.changed() || (second_ && second_->changed()); }
+
+  bool hits(const struct prule_node *rule) const {
+    return match(&rule->path, path1()) != STATE_MISS ||
+           (path2() && match(&rule->path, path2()) != STATE_MISS);
+  }
+
+  enum tarn_numbering number(struct tarn_trans **records, int count, enum tarn_names_effect effect,
+                             tarn_name_change *change) {
+    for (;;) {
+      const enum tarn_numbering result = names_.number(records, count, effect, change);
+      if (result != TARN_NAMES_MOVED) return result;
+      /* Mostly other names have changed than those on the way to these. */
+      take(GFP_NOFS);
+      if (changed()) return result;
+    }
+  }
+
+ private:
+  tarn_record_path &first_;
+  tarn_record_path *second_;
+  tarn_names &names_;
+};
+
+}  // namespace
+
+/* A change that cannot be told has a number all the same: who follows the rule sees that one is
+ * missing. */
+static void leave_out(const struct prule_node *rule, int number, const char *why,
+                      const char *path) {
+  if (!printk_ratelimit()) return;
+  char uuid[OX_UUID_TEXT];
+  uuid_unparse_upper(rule->rule.uuid, uuid);
+  printk("<3>tarn_trans: rule %s: record %d is left out, %s: %.256s\n", uuid, number, why, path);
+}
+
+static void leave_out_next(struct prule_node *rule, const char *why, const char *path) {
+  leave_out(rule, atomic_inc_return(&rule->transnr), why, path);
+}
+
+/*
+ * A change for which not even a path or its hits can be had, for want of memory: each rule that it
+ * hits, all if the path is not known, uses up a number.
+ */
+static void leave_out_unmade(const char *path1, const char *path2) {
+  struct prule_set *set = get_prule_set();
+  read_guard guard(set->rwlock);
+  for (struct list_head *p = ox_first(&set->head); p != &set->head; p = p->next) {
+    struct prule_node *rule = list_entry(p, struct prule_node, list);
+    if (ox_load(rule->status) == PRULE_STOPPED) continue;
+    if (!path1 || match(&rule->path, path1) != STATE_MISS ||
+        (path2 && match(&rule->path, path2) != STATE_MISS))
+      atomic_inc(&rule->transnr);
+  }
+}
+
+/* The paths for the first time. False if nothing can be captured. */
+static bool take_paths(change_paths &paths, gfp_t gfp = GFP_KERNEL) {
+  if (paths.take(gfp)) return true;
+  if (paths.without_memory()) leave_out_unmade(nullptr, nullptr);
+  return false;
+}
+
+/* The rules that they hit; their number or -ENOMEM. */
+static int find_hits(struct hit_rules **hits, const change_paths &paths, gfp_t gfp = GFP_KERNEL) {
+  const int count = tarn_get_hit_rule(hits, paths.path1(), paths.path2(), gfp);
+  if (count < 0) leave_out_unmade(paths.path1(), paths.path2());
+  return count;
+}
+
+static const char too_long_text[] = "its path is too long";
+static const char busy_text[] = "a change of names has taken too long";
+
+/* A record that is made again was not captured yet. */
+static void discard(struct tarn_trans *trans) {
+  struct prule_node *rule = trans->r;
+  ox_store(rule->bytes_send, ox_load(rule->bytes_send) - (trans_msglen(trans) - OX_MSG_LEN));
+  prule_node_get(rule); /* the record's reference was its maker's */
+  tarn_trans_free(trans, 1);
+}
+
+static int cannot_make(struct prule_node *rule, const char *failure) {
+  tarn_stop_rule(rule);
+  printk("%s", failure);
+  return -ENOMEM;
+}
+
+/* One hit: takes over the caller's reference. */
+template <typename Make>
+static int serve_hit(struct prule_node *hit, change_paths &paths, const char *failure, Make make) {
+  prule_ref rule(hit);
+  for (;;) {
+    if (paths.too_long()) {
+      leave_out_next(rule.get(), too_long_text, paths.path1());
+      return 0;
+    }
+    struct tarn_trans *trans = make(rule.get());
+    if (!trans) return cannot_make(rule.get(), failure);
+    const enum tarn_numbering numbering = paths.number(&trans, 1, TARN_KEEPS_NAMES, nullptr);
+    if (numbering == TARN_NUMBERED) {
+      tarn_trans_commit(trans, rule.release());
+      return 0;
+    }
+    const int number = trans->seq;
+    discard(trans);
+    if (numbering == TARN_NAMES_BUSY) {
+      leave_out(rule.get(), number, busy_text, paths.path1());
+      return 0;
+    }
+    /* What was renamed meanwhile is this rule's no longer; the rename tells it so. */
+    if (!paths.hits(rule.get())) return 0;
+  }
+}
+
 /*
  * Makes and sends a record for each hit, from the last to the first, and gives the array back.
  * `make(rule)` returns the record, or null: then the rule is stopped and the result is -ENOMEM, but
  * the others are served.
  */
 template <typename Make>
-static int serve_hits(struct hit_rules *hits, int count, const char *failure, Make make) {
+static int serve_hits(struct hit_rules *hits, int count, change_paths &paths, const char *failure,
+                      Make make) {
   kmem_owner<struct hit_rules> array(hit_rule_cache, hits);
   int result = 0;
   for (int i = count - 1; i >= 0; --i) {
-    prule_ref rule(hits->arr[i]);
+    struct prule_node *rule = hits->arr[i];
     if (ox_load(rule->status) == PRULE_STOPPED) {
       tarn_send_stop_rule(rule->rule.uuid);
-      continue;
-    }
-    struct tarn_trans *trans = make(rule.get());
-    if (!trans) {
-      tarn_stop_rule(rule.get());
-      printk("%s", failure);
+      prule_node_put(rule);
+    } else if (serve_hit(rule, paths, failure, make)) {
       result = -ENOMEM;
-      continue;
     }
-    tarn_trans_commit(trans, rule.release());
   }
   return result;
 }
 
-/* ---- lower paths ---- */
-
-char *tarn_path_get(char **buf, struct dentry *dentry) {
-  /* A dentry of another file system may have private data too, but not ours. */
-  if (!dentry->d_fsdata || dentry->d_op != &tarn_dops) return nullptr;
-  if (!tarn_lower_dentry(dentry) || !tarn_lower_mnt(dentry)) return nullptr; /* not yet bound */
-  char *page = static_cast<char *>(kmem_cache_alloc(names_cachep, GFP_KERNEL));
-  if (!page) return nullptr;
-  char *path = d_path(tarn_lower_dentry(dentry), tarn_lower_mnt(dentry), page, OX_PATH_MAX);
-  if (IS_ERR(path)) {
-    tarn_path_put(page);
-    return nullptr;
-  }
-  *buf = page;
-  return path;
-}
-
-int tarn_path_put(char *buf) {
-  kmem_cache_free(names_cachep, buf);
-  return 0;
-}
-
 /* ---- changes of names and attributes ---- */
 
-static struct tarn_trans *tarn_para_alloc(struct prule_node *rule, ox_u32_t op, const char *path1,
-                                          const char *path2, int mode) {
+static const char para_failure[] = "tarn_para_sync: tarn_para_alloc fail\n";
+
+static struct tarn_trans *tarn_para_alloc(struct prule_node *rule, ox_u32_t op,
+                                          enum ox_naming naming, const char *path1,
+                                          const char *path2, int mode, gfp_t gfp) {
   const ox_u32_t len1 = static_cast<ox_u32_t>(strlen(path1)) + 1;
   const ox_u32_t len2 = path2 ? static_cast<ox_u32_t>(strlen(path2)) + 1 : 0;
-  struct tarn_trans *trans = tarn_var_alloc(rule, op, OX_MSG_PARA_LEN + len1 + len2);
+  struct tarn_trans *trans = tarn_var_alloc(rule, op, OX_MSG_PARA_LEN + len1 + len2, gfp);
   if (!trans) return nullptr;
   struct ox_msg_para *para = trans_para(trans);
+  para->cp = naming;
   para->dlen2 = static_cast<ox_u16_t>(len2);
   para->dlen1 = static_cast<ox_u16_t>(len1);
   para->mode = static_cast<ox_u32_t>(mode);
@@ -234,43 +349,152 @@ static struct tarn_trans *tarn_para_alloc(struct prule_node *rule, ox_u32_t op, 
   return trans;
 }
 
-int tarn_para_sync(ox_u32_t op, const char *path1, const char *path2, int mode) {
+/* A change that makes names, or none. */
+static int para_sync(ox_u32_t op, tarn_record_path &first, const char *second, int mode) {
+  tarn_names names;
+  change_paths paths(first, nullptr, names);
+  if (!take_paths(paths)) return 0;
   struct hit_rules *hits;
-  const int count = tarn_get_hit_rule(&hits, path1, path2);
+  const int count = find_hits(&hits, paths);
   if (count < 0) return count;
-  return serve_hits(
-      hits, count, "tarn_para_sync: tarn_para_alloc fail\n",
-      [=](struct prule_node *rule) { return tarn_para_alloc(rule, op, path1, path2, mode); });
+  return serve_hits(hits, count, paths, para_failure, [&](struct prule_node *rule) {
+    return tarn_para_alloc(rule, op, first.naming(), paths.path1(), second, mode, GFP_KERNEL);
+  });
+}
+
+int tarn_para_sync(ox_u32_t op, const char *path1, const char *path2, int mode) {
+  tarn_record_path first(path1), second(path2);
+  return tarn_names_sync(op, first, path2 ? &second : nullptr, mode, nullptr);
 }
 
 int tarn_sync_1dentry(ox_u32_t op, struct dentry *dentry, int mode) {
-  tarn_lower_path path(dentry);
-  return path ? tarn_para_sync(op, path.get(), nullptr, mode) : 0;
+  tarn_record_path path(dentry);
+  return para_sync(op, path, nullptr, mode);
 }
 
-int tarn_sync_2dentry(ox_u32_t op, struct dentry *dentry1, struct dentry *dentry2) {
-  tarn_lower_path path1(dentry1);
-  if (!path1) return 0;
-  tarn_lower_path path2(dentry2);
-  return path2 ? tarn_para_sync(op, path1.get(), path2.get(), 0) : 0;
+int tarn_sync_2dentry(ox_u32_t op, struct dentry *dentry1, struct dentry *dentry2,
+                      tarn_name_change *change) {
+  tarn_record_path first(dentry1), second(dentry2);
+  return tarn_names_sync(op, first, &second, 0, change);
 }
 
 int tarn_sym_sync(struct dentry *dentry, const char *symname, int mode) {
-  tarn_lower_path path(dentry);
-  return path ? tarn_para_sync(OX_OP_SYMLINK, path.get(), symname, mode) : 0;
+  tarn_record_path path(dentry);
+  return para_sync(OX_OP_SYMLINK, path, symname, mode);
+}
+
+namespace {
+
+/* The hits of a change of names, and a record for each that can have one. */
+class name_records {
+ public:
+  explicit name_records(gfp_t gfp) : gfp_(gfp) {}
+  ~name_records() { clear(); }
+  name_records(const name_records &) = delete;
+  name_records &operator=(const name_records &) = delete;
+
+  /* 0 or -ENOMEM. */
+  int make(ox_u32_t op, const change_paths &paths, int mode) {
+    clear();
+    count_ = find_hits(&hits_, paths, gfp_);
+    if (count_ < 0) return -ENOMEM;
+    memset(records_, 0, sizeof(records_));
+    for (int i = count_ - 1; i >= 0; --i) {
+      struct prule_node *rule = hits_->arr[i];
+      if (ox_load(rule->status) == PRULE_STOPPED) continue;
+      records_[i] = tarn_para_alloc(rule, op, paths.first().naming(), paths.path1(), paths.path2(),
+                                    mode, gfp_);
+      if (records_[i]) prule_node_get(rule);
+    }
+    return 0;
+  }
+
+  struct tarn_trans **records() {
+    return records_;
+  }
+  int count() const { return count_; }
+
+  /* Sends what has its numbers, or says what is left out for `why`; 0 or -ENOMEM. */
+  int send(const char *why, const char *path) {
+    int result = 0;
+    for (int i = count_ - 1; i >= 0; --i) {
+      struct prule_node *rule = hits_->arr[i];
+      struct tarn_trans *trans = records_[i];
+      records_[i] = nullptr;
+      if (!trans) {
+        if (ox_load(rule->status) == PRULE_STOPPED)
+          tarn_send_stop_rule(rule->rule.uuid);
+        else
+          result = cannot_make(rule, para_failure);
+      } else if (why) {
+        leave_out(rule, trans->seq, why, path);
+        tarn_trans_free(trans, 1);
+      } else {
+        tarn_trans_commit(trans, rule);
+      }
+    }
+    return result;
+  }
+
+ private:
+  void clear() {
+    if (!hits_) return;
+    for (int i = count_ - 1; i >= 0; --i) {
+      if (records_[i]) {
+        discard(records_[i]);
+        prule_node_put(hits_->arr[i]);
+      }
+      prule_node_put(hits_->arr[i]);
+    }
+    kmem_cache_free(hit_rule_cache, hits_);
+    hits_ = nullptr;
+  }
+
+  const gfp_t gfp_;
+  struct hit_rules *hits_ = nullptr;
+  int count_ = 0;
+  struct tarn_trans *records_[HIT_RULES_MAX];
+};
+
+}  // namespace
+
+/* All records of a change of names get their numbers in one step. */
+int tarn_names_sync(ox_u32_t op, tarn_record_path &first, tarn_record_path *second, int mode,
+                    tarn_name_change *change) {
+  /* Memory that comes back to writepage may wait for the numbers. */
+  const gfp_t gfp = change ? GFP_NOFS : GFP_KERNEL;
+  tarn_names names;
+  change_paths paths(first, second, names);
+  if (!take_paths(paths, gfp)) return 0;
+  name_records records(gfp);
+  for (;;) {
+    const int result = records.make(op, paths, mode);
+    if (result) return result;
+    const enum tarn_names_effect effect = op == OX_OP_LINK ? TARN_KEEPS_NAMES : TARN_CHANGES_NAMES;
+    const enum tarn_numbering numbering =
+        paths.number(records.records(), records.count(), effect, change);
+    if (numbering != TARN_NAMES_MOVED) {
+      const char *why = numbering == TARN_NAMES_BUSY ? busy_text
+                        : paths.too_long()           ? too_long_text
+                                                     : nullptr;
+      return records.send(why, paths.path1());
+    }
+  }
 }
 
 static ox_u64_t microseconds(const struct timespec &time) {
   return static_cast<ox_u64_t>(time.tv_sec) * 1000000 + time.tv_nsec / 1000;
 }
 
-static struct tarn_trans *attr_alloc(struct prule_node *rule, const char *path,
+static struct tarn_trans *attr_alloc(struct prule_node *rule, const tarn_record_path &at,
                                      const struct iattr *iattr) {
+  const char *path = at.get();
   const ox_u32_t len = static_cast<ox_u32_t>(strlen(path)) + 1;
   struct tarn_trans *trans =
       tarn_var_alloc(rule, OX_OP_SETATTR, len + static_cast<ox_u32_t>(sizeof(struct ox_msg_attr)));
   if (!trans) return nullptr;
   struct ox_msg_attr *attr = trans_attr(trans);
+  attr->cp = at.naming();
   attr->com.ia_valid = static_cast<ox_s32_t>(iattr->ia_valid);
   attr->com.ia_mode = iattr->ia_mode;
   attr->com.ia_size = static_cast<ox_u64_t>(iattr->ia_size);
@@ -288,13 +512,31 @@ static struct tarn_trans *attr_alloc(struct prule_node *rule, const char *path,
 }
 
 int tarn_attr_sync(struct dentry *dentry, const struct iattr *iattr) {
-  tarn_lower_path path(dentry);
-  if (!path) return 0;
+  tarn_record_path path(dentry);
+  tarn_names names;
+  change_paths paths(path, nullptr, names);
+  if (!take_paths(paths)) return 0;
   struct hit_rules *hits;
-  const int count = tarn_get_hit_rule(&hits, path.get(), nullptr);
+  const int count = find_hits(&hits, paths);
   if (count < 0) return count;
-  return serve_hits(hits, count, "__tarn_attr_sync: tarn_var_alloc fail\n",
-                    [&](struct prule_node *rule) { return attr_alloc(rule, path.get(), iattr); });
+  return serve_hits(hits, count, paths, "__tarn_attr_sync: tarn_var_alloc fail\n",
+                    [&](struct prule_node *rule) { return attr_alloc(rule, path, iattr); });
+}
+
+void tarn_mode_sync(struct dentry *dentry, umode_t told) {
+  struct inode *lower = tarn_lower_inode(dentry->d_inode);
+  if (!((lower->i_mode ^ told) & S_IALLUGO)) return;
+  struct iattr ia;
+  memset(&ia, 0, sizeof(ia));
+  ia.ia_valid = ATTR_MODE;
+  ia.ia_mode = lower->i_mode;
+  ia.ia_uid = lower->i_uid;
+  ia.ia_gid = lower->i_gid;
+  ia.ia_size = i_size_read(lower);
+  ia.ia_atime = lower->i_atime;
+  ia.ia_mtime = lower->i_mtime;
+  ia.ia_ctime = lower->i_ctime;
+  tarn_attr_sync(dentry, &ia);
 }
 
 /* ---- writes ---- */
@@ -304,11 +546,21 @@ namespace {
 /* One write on its way into a record. */
 struct write_source {
   const char *path;
+  enum ox_naming naming;
   ox_u32_t path_len;   /* with its NUL */
   ox_u32_t path_field; /* rounded up to a multiple of 8 */
   const char __user *buf;
   size_t count;
   loff_t offset;
+
+  write_source(const tarn_record_path &at, const char __user *from, size_t bytes, loff_t start)
+      : path(at.get()),
+        naming(at.naming()),
+        path_len(static_cast<ox_u32_t>(strlen(path)) + 1),
+        path_field((path_len + 7) & ~7u),
+        buf(from),
+        count(bytes),
+        offset(start) {}
 
   /* Data bytes that fit behind the path. */
   ox_u32_t first_room() const { return OX_PAGE_DATA - path_field; }
@@ -395,8 +647,6 @@ int put_data(struct tarn_trans *trans, const write_source &source) {
 
 /* The record of a write for one rule; null when it cannot be made. */
 struct tarn_trans *tarn_wrtrans_alloc(struct prule_node *rule, const write_source &source) {
-  /* A path that fills the first page on its own cannot be sent. */
-  if (source.path_field > OX_PAGE_DATA) return nullptr;
   const size_t pages = source.page_count();
   if (pages > 0x7FFFFFFF) return nullptr;
   const ox_u64_t size = source.is_whole()
@@ -408,6 +658,7 @@ struct tarn_trans *tarn_wrtrans_alloc(struct prule_node *rule, const write_sourc
 
   struct ox_msg_wr *wr = trans_wr(trans.get());
   memset(wr, 0, OX_MSG_WR_LEN);
+  wr->cp = source.naming;
   trans->pages = static_cast<int>(pages);
   wr->type = source.is_whole() ? OX_WRITE_WHOLE : OX_WRITE_PAGED;
   wr->dlen1 = static_cast<ox_u16_t>(source.path_field);
@@ -425,16 +676,19 @@ struct tarn_trans *tarn_wrtrans_alloc(struct prule_node *rule, const write_sourc
 }  // namespace
 
 int tarn_write_sync(struct dentry *dentry, const char __user *buf, size_t count, loff_t offset) {
-  tarn_lower_path path(dentry);
-  if (!path) return 0;
+  tarn_record_path path(dentry);
+  /* A path that fills the first page on its own cannot be sent. */
+  path.set_room(OX_PAGE_DATA & ~7);
+  tarn_names names;
+  change_paths paths(path, nullptr, names);
+  if (!take_paths(paths)) return 0;
   struct hit_rules *hits;
-  const int hit_count = tarn_get_hit_rule(&hits, path.get(), nullptr);
+  const int hit_count = find_hits(&hits, paths);
   if (hit_count < 0) return hit_count;
-  const ox_u32_t path_len = static_cast<ox_u32_t>(strlen(path.get())) + 1;
-  const write_source source = {path.get(), path_len, (path_len + 7) & ~7u, buf, count, offset};
-  return serve_hits(
-      hits, hit_count, "tarn_write_sync: tarn_wrtrans_alloc fail\n",
-      [&source](struct prule_node *rule) { return tarn_wrtrans_alloc(rule, source); });
+  return serve_hits(hits, hit_count, paths, "tarn_write_sync: tarn_wrtrans_alloc fail\n",
+                    [&](struct prule_node *rule) {
+                      return tarn_wrtrans_alloc(rule, {path, buf, count, offset});
+                    });
 }
 
 /* ---- start and stop ---- */
@@ -444,6 +698,7 @@ int tarn_trans_init(void) {
   g_option.mem_max = PRULE_MEM_MAX;
   ox_que_init(&g_transq);
   init_completion(&g_tworker_waits);
+  tarn_names_init();
   return tarn_start_threads();
 }
 

@@ -15,6 +15,7 @@
 #include "kernel.h"
 #include "ox_msg.h"
 #include "ox_que.h"
+#include "path.h"
 #include "rule.h"
 
 /* One change record in memory: these fields, then the wire record in its full length. */
@@ -72,13 +73,16 @@ ox_u32_t trans_msglen(const struct tarn_trans *trans);
 ox_s32_t mem_buff_add(struct tarn_trans *trans);
 /* A record with room for `len` wire bytes. It takes over the caller's reference on the rule. Null
  * without memory. */
-[[nodiscard]] struct tarn_trans *tarn_var_alloc(struct prule_node *rule, ox_u32_t op, ox_u32_t len);
+[[nodiscard]] struct tarn_trans *tarn_var_alloc(struct prule_node *rule, ox_u32_t op, ox_u32_t len,
+                                                gfp_t gfp = GFP_KERNEL);
 /*
  * The rules that either path (path2 may be null) hits, at most 32, with a reference on each, in a
  * new array from hit_rule_cache. Their number, or -ENOMEM.
  */
-[[nodiscard]] int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *path2);
-/* Numbers the record, sends it and frees it. 0, however the sending went. */
+[[nodiscard]] int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *path2,
+                                    gfp_t gfp = GFP_KERNEL);
+/* Numbers the record unless it has its number, sends it and frees it. 0, however the sending went.
+ */
 int tarn_trans_commit(struct tarn_trans *trans, struct prule_node *rule);
 /* Puts the rule on g_transq, with a reference, unless it is there, and wakes the sender thread. 0.
  */
@@ -91,39 +95,25 @@ int tarn_wrtrans_free(struct tarn_trans *trans, int free_pages);
 void tarn_stop_rule(struct prule_node *rule);
 
 /*
- * The lower path of a dentry, inside the buffer *buf that the caller gives back with tarn_path_put;
- * null, and nothing to give back, when there is none.
- */
-[[nodiscard]] char *tarn_path_get(char **buf, struct dentry *dentry);
-int tarn_path_put(char *buf);
-
-/* The lower path of a dentry until the end of the scope; null if there is none. */
-class tarn_lower_path {
- public:
-  explicit tarn_lower_path(struct dentry *dentry)
-      : buf_(nullptr), path_(tarn_path_get(&buf_, dentry)) {}
-  ~tarn_lower_path() {
-    if (buf_) tarn_path_put(buf_);
-  }
-  tarn_lower_path(const tarn_lower_path &) = delete;
-  tarn_lower_path &operator=(const tarn_lower_path &) = delete;
-  const char *get() const { return path_; }
-  explicit operator bool() const { return path_ != nullptr; }
-
- private:
-  char *buf_;
-  char *path_;
-};
-
-/*
  * The builders. 0; -ENOMEM when the hits could not be collected or a record could not be made. A
  * change of a dentry without a lower path is not captured, and the result is 0.
  */
 int tarn_para_sync(ox_u32_t op, const char *path1, const char *path2, int mode);
 int tarn_sync_1dentry(ox_u32_t op, struct dentry *dentry, int mode);
-int tarn_sync_2dentry(ox_u32_t op, struct dentry *dentry1, struct dentry *dentry2);
+int tarn_sync_2dentry(ox_u32_t op, struct dentry *dentry1, struct dentry *dentry2,
+                      class tarn_name_change *change = nullptr);
 int tarn_sym_sync(struct dentry *dentry, const char *symname, int mode);
 int tarn_attr_sync(struct dentry *dentry, const struct iattr *iattr);
+/*
+ * A change of names: the paths, of which `second` may be null, are taken while nobody else's names
+ * change. `change` is that of a rename or a link, which it ends; null for a removal.
+ */
+int tarn_names_sync(ox_u32_t op, tarn_record_path &first, tarn_record_path *second, int mode,
+                    class tarn_name_change *change);
+/* The mode that the lower object has, if the records have told another one so far: its file system
+ * takes set-id bits away when a stranger writes, or gives a directory the set-group-id bit of the
+ * one above. */
+void tarn_mode_sync(struct dentry *dentry, umode_t told);
 /* `buf` is read with copy_from_user; a fault there stops the rule as missing memory does. */
 int tarn_write_sync(struct dentry *dentry, const char __user *buf, size_t count, loff_t offset);
 

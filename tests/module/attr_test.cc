@@ -315,7 +315,14 @@ MODULE_CASE(attr, new_object_is_recorded_with_its_owner_and_the_directory_s_time
     EXPECT_LE(mtime - 1000000, record.attr()->com.ia_ctime);
     EXPECT_EQ(record.attr()->sec.ia_uid, 1000u);
     EXPECT_EQ(record.attr()->sec.ia_gid, 77u);
+    if (S_ISREG(mode)) continue;
+    /* The directory above has passed its bit on. */
+    const struct test_record &bits = r.daemon.next();
+    EXPECT_EQ(bits.op(), OX_OP_SETATTR);
+    EXPECT_EQ(bits.attr()->com.ia_valid, ATTR_MODE);
+    EXPECT_EQ(bits.attr()->com.ia_mode, S_IFDIR | S_ISGID | 0750);
   }
+  EXPECT_EQ(r.daemon.drain(), 0);
 }
 
 namespace {

@@ -104,16 +104,17 @@ struct direct_change {
   int paths;    /* lower paths that it takes */
   int messages; /* per rule */
   int charge;   /* of the record of a paged write */
+  bool names;   /* a change of names: all records are made before the first is sent */
 };
 
 /* The places at which a builder can fail, in the order in which it comes to them. */
 enum place { kPath, kHits, kRecordOfFirst, kPlaces = kRecordOfFirst + 2 * kRules };
 
-int place_of_record(int id) {
-  return kRecordOfFirst + 2 * (kRules - id);
+int place_of_record(const direct_change &change, int id) {
+  return kRecordOfFirst + (change.names ? 1 : 2) * (kRules - id);
 }
-int place_of_sending(int id) {
-  return place_of_record(id) + 1;
+int place_of_sending(const direct_change &change, int id) {
+  return place_of_record(change, id) + (change.names ? kRules : 1);
 }
 
 /* Judges what one run of a builder did; where it failed, or -1. */
@@ -134,7 +135,7 @@ int judge_direct(const struct direct_change &change, const struct fault_run &run
       prule_ref rule(find_rule(id));
       EXPECT_EQ(atomic_read(&rule->transnr), id == stopped ? 0 : 1);
     }
-    return place_of_record(stopped);
+    return place_of_record(change, stopped);
   }
   EXPECT_EQ(run.allocated, 0);
   EXPECT_EQ(mem_used, 0);
@@ -152,11 +153,15 @@ int judge_direct(const struct direct_change &change, const struct fault_run &run
       lost = id;
     }
     EXPECT_NE(lost, 0);
-    return place_of_sending(lost);
+    return place_of_sending(change, lost);
   }
   EXPECT_EQ(log_length(run.log), 0);
   if (got.all_are(0)) {
     EXPECT_TRUE(run.result == 0 || run.result == -ENOMEM);
+    for (int id = 1; id <= kRules; id++) { /* the loss shows in the numbers */
+      prule_ref rule(find_rule(id));
+      EXPECT_EQ(atomic_read(&rule->transnr), 1);
+    }
     return run.result == 0 ? kPath : kHits;
   }
   EXPECT_EQ(run.result, 0);
@@ -200,7 +205,7 @@ void fail_direct(const struct direct_change &change) {
     unsigned expected = (1u << kPlaces) - 1;
     if (change.paths == 0) expected &= ~(1u << kPath);
     for (int id = 1; change.messages > 1 && id <= kRules; id++)
-      expected &= ~(1u << place_of_sending(id));
+      expected &= ~(1u << place_of_sending(change, id));
     EXPECT_EQ(seen, expected);
     EXPECT_EQ(runs_at_path, change.paths);
     do_flush(0);
@@ -352,14 +357,14 @@ MODULE_CASE(fault_capture, builder_of_a_removed_name) {
   fail_direct({[](struct dentry *, struct dentry *) -> long {
                  return tarn_para_sync(OX_OP_UNLINK, "/lower/f", nullptr, 0);
                },
-               kNoName, 0, 1, 0});
+               kNoName, 0, 1, 0, true});
 }
 
 MODULE_CASE(fault_capture, builder_of_a_removed_directory) {
   fail_direct({[](struct dentry *, struct dentry *) -> long {
                  return tarn_para_sync(OX_OP_RMDIR, "/lower/f", nullptr, 0);
                },
-               kNoName, 0, 1, 0});
+               kNoName, 0, 1, 0, true});
 }
 
 MODULE_CASE(fault_capture, builder_of_a_symbolic_link) {
@@ -373,14 +378,14 @@ MODULE_CASE(fault_capture, builder_of_a_link) {
   fail_direct({[](struct dentry *file, struct dentry *other) -> long {
                  return tarn_sync_2dentry(OX_OP_LINK, file, other);
                },
-               kNoName, 2, 1, 0});
+               kNoName, 2, 1, 0, true});
 }
 
 MODULE_CASE(fault_capture, builder_of_a_rename) {
   fail_direct({[](struct dentry *, struct dentry *) -> long {
                  return tarn_para_sync(OX_OP_RENAME, "/lower/f", "/lower/g", 0100644);
                },
-               kNoName, 0, 1, 0});
+               kNoName, 0, 1, 0, true});
 }
 
 MODULE_CASE(fault_capture, builder_of_changed_attributes) {

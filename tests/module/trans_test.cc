@@ -218,7 +218,7 @@ MODULE_CASE(trans, a_dentry_without_a_lower_path_is_not_captured) {
 }
 
 /* Further down than a path of the longest length reaches. */
-MODULE_CASE(trans, what_has_no_path_of_the_longest_length_is_not_captured) {
+MODULE_CASE(trans, what_has_no_path_of_the_longest_length_uses_up_a_number) {
   REQUIRE_EQ(install_rule(1, "/"), 0);
   char name[201];
   memset(name, 'n', 200);
@@ -249,10 +249,15 @@ MODULE_CASE(trans, what_has_no_path_of_the_longest_length_is_not_captured) {
   char *buf = nullptr;
   EXPECT_TRUE(tarn_path_get(&buf, &upper) == nullptr);
   EXPECT_TRUE(buf == nullptr);
+  test_daemon daemon;
+  REQUIRE_EQ(install_rule(2, "/other"), 0);
   EXPECT_EQ(tarn_sync_1dentry(OX_OP_MKDIR, &upper, 0755), 0);
   path_release(&nd);
-  prule_ref rule(lookup_rule(1));
-  EXPECT_EQ(atomic_read(&rule->transnr), 0);
+  EXPECT_TRUE(daemon.idle());
+  prule_ref rule(lookup_rule(1)), other(lookup_rule(2));
+  EXPECT_EQ(atomic_read(&rule->transnr), 1);
+  EXPECT_EQ(rule->status, PRULE_ACTIVE);
+  EXPECT_EQ(atomic_read(&other->transnr), 0);
 }
 
 MODULE_CASE(trans, a_submitted_rule_is_taken_off_the_queue) {

@@ -271,7 +271,7 @@ MODULE_CASE(write_capture, every_allocation_of_a_paged_write_may_fail) {
   }
 }
 
-MODULE_CASE(write_capture, a_path_that_leaves_no_room_for_data_stops_the_rule) {
+MODULE_CASE(write_capture, a_path_that_leaves_no_room_for_data_uses_up_a_number) {
   REQUIRE_EQ(install_rule(1, "/"), 0);
   /* Components of 200 characters up to 4036 in all. */
   static char path[OX_PATH_MAX];
@@ -311,8 +311,19 @@ MODULE_CASE(write_capture, a_path_that_leaves_no_room_for_data_stops_the_rule) {
   bound_dentry file(path);
   REQUIRE_EQ(file.error(), 0);
   kernel_ds_guard kernel_addresses;
-  EXPECT_EQ(tarn_write_sync(file.get(), data, 0, 0), -ENOMEM);
-  EXPECT_EQ(daemon.next().type(), OX_OP_STOP_RULE);
+  EXPECT_EQ(tarn_write_sync(file.get(), data, 0, 0), 0);
+  EXPECT_TRUE(daemon.idle());
+  char line[512];
+  snprintf(
+      line, sizeof(line),
+      "tarn_trans: rule 01010101-0101-0101-0101-010101010101: record 2 is left out, its path is "
+      "too long: %.256s",
+      path);
+  EXPECT_TRUE(case_logged(line));
+  prule_ref rule(lookup_rule(1));
+  EXPECT_EQ(rule->status, PRULE_ACTIVE);
+  EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0), 0);
+  EXPECT_EQ(daemon.next().para()->wseq, 3u);
 }
 
 MODULE_CASE(write_capture, without_a_daemon_pages_are_given_back) {

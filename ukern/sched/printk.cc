@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // The kernel log: a ring of the last lines. A line ends at its newline; text without one waits for
 // the rest, from whoever prints next, as it does in the log buffer of a kernel.
+#include <linux/jiffies.h>
 #include <linux/kernel.h>
 #include <linux/spinlock.h>
 #include <linux/string.h>
@@ -31,6 +32,10 @@ unsigned long long first_line, next_line, next_byte;
 char partial[kLineMax];
 unsigned partial_len, partial_level;
 bool at_line_start = true;
+
+// What printk_ratelimit has saved up, and since when.
+bool limited;
+unsigned long limited_at, saved_ticks, suppressed;
 
 // Changes with every line, for those who wait for one.
 volatile unsigned int log_version;
@@ -125,11 +130,36 @@ int printk(const char *fmt, ...) {
   return printed;
 }
 
+// A line every five seconds, and ten more that have been saved up.
+int printk_ratelimit(void) {
+  const unsigned long per_line = 5 * HZ, most = 10 * per_line;
+  unsigned long told = 0;
+
+  ukern_word_lock(&log_word);
+  const unsigned long now = jiffies;
+  saved_ticks = limited ? min(saved_ticks + (now - limited_at), most) : most;
+  limited = true;
+  limited_at = now;
+  const bool may = saved_ticks >= per_line;
+  if (may) {
+    saved_ticks -= per_line;
+    told = suppressed;
+    suppressed = 0;
+  } else {
+    suppressed++;
+  }
+  ukern_word_unlock(&log_word);
+  if (told) printk(KERN_WARNING "printk: %lu messages suppressed.\n", told);
+  return may;
+}
+
 void ukern_printk_reset(void) {
   ukern_word_lock(&log_word);
   first_line = next_line = next_byte = 0;
   partial_len = 0;
   at_line_start = true;
+  limited = false;
+  suppressed = 0;
   ukern_word_unlock(&log_word);
 }
 

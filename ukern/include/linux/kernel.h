@@ -38,6 +38,7 @@ extern "C" {
 
 /* May be called anywhere, never sleeps. The number of characters of the text. */
 asmlinkage int printk(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+int printk_ratelimit(void);
 asmlinkage int vprintk(const char *fmt, va_list args) __attribute__((format(printf, 1, 0)));
 
 int sprintf(char *buf, const char *fmt, ...) __attribute__((format(printf, 2, 3)));

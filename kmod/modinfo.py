@@ -4,6 +4,9 @@
 
 The version string is read from the tree's vmlinux, so that it is the one the kernel compares with, whichever compiler
 built it. Every symbol that the object needs must be exported by the kernel or by a module named with --with.
+
+The checksum of what a module itself exports is a weak symbol that only the kernel's own build defines, out of C
+declarations. Nobody defines it here: the loader reads 0, and whoever imports the symbol asks for 0.
 """
 import argparse
 import pathlib
@@ -74,7 +77,8 @@ def module_exports(path):
 
 def undefined(path):
     names = {line.split()[-1] for line in run("nm", "-u", path).splitlines()}
-    return sorted(names - {"__this_module"})
+    own_checksums = {f"__crc_{name}" for name in module_exports(path)}
+    return sorted(names - own_checksums - {"__this_module"})
 
 
 def main():
@@ -95,8 +99,8 @@ def main():
     depends = [other for other, has in others.items() if any(name in has for name in needed)]
     print(TEXT.format(vermagic=kernel_vermagic(args.kdir), depends=",".join(depends)), end="")
     if config(args.kdir, "MODVERSIONS"):
-        checked = [name for name in ["struct_module", *needed] if name in kernel]
-        print(VERSIONS.format(entries="\n".join(f'  {{ 0x{kernel[name]:08x}, "{name}" }},' for name in checked)), end="")
+        entries = [f'  {{ 0x{kernel.get(name, 0):08x}, "{name}" }},' for name in ["struct_module", *needed]]
+        print(VERSIONS.format(entries="\n".join(entries)), end="")
 
 
 if __name__ == "__main__":

@@ -72,6 +72,27 @@ printf '0x1234abcd\tstruct_module\tvmlinux\tEXPORT_SYMBOL\n0x0000beef\tprintk\tv
 said=$("$top/kmod/modinfo.py" --kdir "$tree" "$T/modest.o")
 [[ $said == *'{ 0x1234abcd, "struct_module" }'* && $said == *'{ 0x0000beef, "printk" }'* ]] ||
   { echo "FAILED: the checksums are not the tree's: $said" >&2; failed=1; }
+# What EXPORT_SYMBOL_GPL makes there: the checksum of an export is the address of a weak symbol.
+cat >"$T/exporter.c" <<'CODE'
+void printk(void);
+void lent(void) { printk(); }
+extern void *__crc_lent __attribute__((weak));
+const unsigned long __kcrctab_lent = (unsigned long)&__crc_lent;
+const unsigned long __ksymtab_lent = (unsigned long)&lent;
+CODE
+gcc -c -mcmodel=kernel -fno-pic -o "$T/exporter.o" "$T/exporter.c"
+said=$("$top/kmod/modinfo.py" --kdir "$tree" "$T/exporter.o" 2>&1) ||
+  { echo "FAILED: a module with exports is refused: $said" >&2; failed=1; }
+[[ $said == *'{ 0x0000beef, "printk" }'* && $said != *__crc_* ]] ||
+  { echo "FAILED: the checksums of a module with exports: $said" >&2; failed=1; }
+echo 'void lent(void); void f(void) { lent(); }' >"$T/importer.c"
+gcc -c -o "$T/importer.o" "$T/importer.c"
+said=$("$top/kmod/modinfo.py" --kdir "$tree" --with "$T/exporter.o" "$T/importer.o")
+[[ $said == *'{ 0x00000000, "lent" }'* && $said == *'"exporter"'* ]] ||
+  { echo "FAILED: what is imported from another module has no checksum: $said" >&2; failed=1; }
+sed 's/__crc_lent/__crc_other/' "$T/exporter.c" >"$T/astray.c"
+gcc -c -mcmodel=kernel -fno-pic -o "$T/astray.o" "$T/astray.c"
+refuse "a checksum of what is not exported" "needs what $tree does not export: __crc_other" "$T/astray.o"
 printf '#define CONFIG_%s 1\n' NETFILTER MODULES MODULE_UNLOAD PREEMPT >"$tree/include/linux/autoconf.h"
 refuse "configured anew" "is configured for \"preempt mod_unload\" but its vmlinux was built for \"SMP mod_unload\"" \
   "$T/modest.o"

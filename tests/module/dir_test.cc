@@ -79,12 +79,29 @@ MODULE_CASE(dir, uuids_that_agree_up_to_a_zero_byte_are_one) {
 }
 
 MODULE_CASE(dir, a_delete_that_cannot_be) {
+  EXPECT_EQ(add_dir(1, "/x"), 0);
   EXPECT_EQ(del_dir(9), OX_ERR_NOENT);
-  struct dir *record = dir_record(9, "/x");
-  user_memory user(record, sizeof(*record));
-  EXPECT_EQ(set_option(OX_SO_DIR_DEL, record, 527), OX_ERR_REQUEST);
-  EXPECT_EQ(set_option(OX_SO_DIR_ADD, record, 527), OX_ERR_SIZE);
-  EXPECT_TRUE(case_logged("dir_add: size 527 != 528"));
+  EXPECT_EQ(get_dir_set()->dirnum, 1);
+}
+
+/* Too short or too long: what is behind the record makes it no better. */
+MODULE_CASE(dir, records_of_a_wrong_length) {
+  EXPECT_EQ(add_dir(1, "/first"), 0);
+  static char memory[2 * sizeof(struct dir)];
+  user_memory user(memory, sizeof(memory));
+  const unsigned lengths[] = {0, 16, 527, 529, 2 * 528};
+  for (unsigned length : lengths) {
+    memcpy(memory, dir_record(2, "/second"), sizeof(struct dir));
+    EXPECT_EQ(set_option(OX_SO_DIR_ADD, memory, length), OX_ERR_SIZE);
+    char line[64];
+    snprintf(line, sizeof(line), "dir_add: size %u != 528", length);
+    EXPECT_EQ(case_log_count(line), 1);
+    memcpy(memory, dir_record(1, ""), sizeof(struct dir));
+    EXPECT_EQ(set_option(OX_SO_DIR_DEL, memory, length), OX_ERR_REQUEST);
+  }
+  EXPECT_EQ(get_dir_set()->dirnum, 1);
+  EXPECT_STREQ(entry(0), "/first");
+  EXPECT_FALSE(case_logged("dir_del: 01010101-0101-0101-0101-010101010101, /first"));
 }
 
 MODULE_CASE(dir, memory_that_is_not_the_callers) {

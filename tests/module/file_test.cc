@@ -310,6 +310,46 @@ MODULE_CASE(file, fsync_without_a_lower_one_is_invalid) {
   EXPECT_EQ(uk_fsync(file.get(), 0), -EINVAL);
 }
 
+// The operation is the one of the lower inode, whatever table its open file has.
+MODULE_CASE(file, fsync_is_that_of_the_lower_inode) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  const test_walk lower("/lower/f");
+  kernel_file file("/mnt/f", O_RDWR);
+  REQUIRE_TRUE(!IS_ERR(file.get()));
+  struct file *lower_file = tarn_lower_file(file.get());
+  static struct {
+    struct file *file;
+    struct dentry *dentry;
+    int datasync;
+    bool locked;
+  } asked;
+  const struct file_operations *own = lower.inode()->i_fop, *own_of_file = lower_file->f_op;
+  struct file_operations of_inode = *own, of_file = *own_of_file;
+  of_inode.fsync = [](struct file *asked_file, struct dentry *dentry, int datasync) -> int {
+    asked = {asked_file, dentry, datasync, mutex_is_locked(&dentry->d_inode->i_mutex) != 0};
+    return -EUCLEAN;
+  };
+  of_file.fsync = [](struct file *, struct dentry *, int) -> int { return -EBADMSG; };
+  lower.inode()->i_fop = &of_inode;
+  lower_file->f_op = &of_file;
+  for (int datasync = 0; datasync <= 1; datasync++) {
+    asked = {};
+    EXPECT_EQ(file.ops()->fsync(file.get(), file->f_dentry, datasync), -EUCLEAN);
+    EXPECT_EQ(asked.file, lower_file);
+    EXPECT_EQ(asked.dentry, lower.dentry());
+    EXPECT_EQ(asked.datasync, datasync);
+    EXPECT_TRUE(asked.locked);
+  }
+  of_file.fsync = nullptr;
+  EXPECT_EQ(file.ops()->fsync(file.get(), file->f_dentry, 0), -EUCLEAN);
+  of_file.fsync = own_of_file->fsync;
+  of_inode.fsync = nullptr;
+  EXPECT_EQ(file.ops()->fsync(file.get(), file->f_dentry, 0), -EINVAL);
+  lower.inode()->i_fop = own;
+  lower_file->f_op = own_of_file;
+}
+
 MODULE_CASE(file, fsync_reaches_the_lower_file) {
   test_mount mount;
   const test_walk lower("/lower");

@@ -2,6 +2,7 @@
 // Binding of upper to lower objects: lookup, the one inode of many names, refreshed attributes,
 // permission.
 #include "tests/module/mounted.h"
+#include "tests/ukern/threads.h"
 #include "ukern/fs/memfs.h"
 
 namespace {
@@ -101,6 +102,74 @@ MODULE_CASE(inode, each_lookup_of_an_inode_refreshes_it) {
   i_size_write(lower.inode(), 1);
 }
 
+namespace {
+
+struct interposing {
+  struct dentry *lower, *dentry;
+  enum tarn_interpose_flag flag;
+  int result;
+  struct completion begin;
+};
+
+void interpose(void *arg) {
+  auto *i = static_cast<struct interposing *>(arg);
+  wait_for_completion(&i->begin);
+  i->result = tarn_interpose(i->lower, i->dentry, i->dentry->d_sb, i->flag);
+}
+
+bool is_refreshed(struct inode *inode, struct inode *lower) {
+  return inode->i_mode == lower->i_mode && inode->i_uid == lower->i_uid &&
+         inode->i_mtime.tv_sec == lower->i_mtime.tv_sec && inode->i_nlink == lower->i_nlink &&
+         i_size_read(inode) == i_size_read(lower) && inode->i_blocks == lower->i_blocks;
+}
+
+}  // namespace
+
+// A name leads to its inode when the inode has its attributes, not a moment earlier: whoever walks
+// by would see the old ones. The dentry gets its inode under dcache_lock, so while that is held
+// here the refresh has been made and the binding has not.
+MODULE_CASE(inode, attributes_are_there_before_the_name_leads_to_them) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "x"), 1);
+  const test_walk root("/mnt"), lower("/lower/f"), upper("/mnt/f");
+  struct inode *below = lower.inode();
+  const enum tarn_interpose_flag flags[] = {TARN_SPLICE, TARN_INSTANTIATE};
+  for (unsigned n = 0; n < ARRAY_SIZE(flags); n++) {
+    below->i_mode = S_IFREG | (0600 + n);
+    below->i_uid = 77 + n;
+    below->i_mtime.tv_sec = 12345 + n;
+    i_size_write(below, 54321 + n);
+    below->i_blocks = 999 + n;
+    EXPECT_FALSE(is_refreshed(upper.inode(), below));
+    struct qstr text = qstr_of("other");
+    static struct interposing i;
+    i.lower = lower.dentry();
+    i.dentry = d_alloc(root.dentry(), &text);
+    i.flag = flags[n];
+    REQUIRE_TRUE(i.dentry);
+    init_completion(&i.begin);
+    struct ThreadTeam team;
+    REQUIRE_TRUE(thread_team_start(&team, 1, interpose, &i));
+    bool refreshed;
+    {
+      spin_guard guard(dcache_lock);
+      complete(&i.begin);
+      const unsigned long start = jiffies;
+      do {
+        refreshed = is_refreshed(upper.inode(), below);
+      } while (!refreshed && jiffies - start < 10000);
+      EXPECT_EQ(i.dentry->d_inode, nullptr);
+    }
+    EXPECT_TRUE(refreshed);
+    thread_team_wait(&team, 1);
+    EXPECT_EQ(i.result, 0);
+    EXPECT_EQ(i.dentry->d_inode, upper.inode());
+    d_drop(i.dentry);
+    dput(i.dentry);
+  }
+  i_size_write(below, 1);
+}
+
 MODULE_CASE(inode, name_that_cannot_be_looked_up_below_is_dropped) {
   test_mount mount;
   const test_walk upper("/mnt");
@@ -126,6 +195,26 @@ MODULE_CASE(inode, denied_writing_is_cleared_on_a_regular_file_and_logged_once) 
   { const test_walk upper("/mnt/program"); }
   EXPECT_EQ(atomic_read(&lower.inode()->i_writecount), 0);
   EXPECT_EQ(case_log_count("tarn_lookup: program's lower_inode->i_writecount=-1, adjust it"), 1);
+}
+
+// Each of several programs that run it denies it once; none of that is left.
+MODULE_CASE(inode, denied_writing_is_cleared_however_often_it_was_denied) {
+  test_mount mount;
+  const int counts[] = {-2, -3, -1000, INT_MIN};
+  for (unsigned i = 0; i < ARRAY_SIZE(counts); i++) {
+    char below[16], above[16], line[96];
+    snprintf(below, sizeof(below), "/lower/p%u", i);
+    snprintf(above, sizeof(above), "/mnt/p%u", i);
+    REQUIRE_EQ(test_put(below, "x"), 1);
+    const test_walk lower(below);
+    REQUIRE_EQ(lower.error(), 0);
+    atomic_set(&lower.inode()->i_writecount, counts[i]);
+    { const test_walk upper(above); }
+    EXPECT_EQ(atomic_read(&lower.inode()->i_writecount), 0);
+    snprintf(line, sizeof(line), "tarn_lookup: p%u's lower_inode->i_writecount=%d, adjust it", i,
+             counts[i]);
+    EXPECT_EQ(case_log_count(line), 1);
+  }
 }
 
 MODULE_CASE(inode, denied_writing_of_a_directory_or_device_is_left_alone) {

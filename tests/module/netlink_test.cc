@@ -481,6 +481,31 @@ MODULE_CASE(netlink, rules_are_added_deleted_and_flushed_with_an_answer) {
   EXPECT_EQ(get_prule_set()->rulenum, 0);
 }
 
+/* Too short or too long, each request has its own code for it. */
+MODULE_CASE(netlink, rules_of_a_wrong_length_change_nothing) {
+  static char payload[2 * sizeof(struct prule)];
+  test_daemon daemon;
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  const unsigned lengths[] = {0, 16, 16015, 16017, 16020, 20000};
+  for (unsigned length : lengths) {
+    memset(payload, 0, sizeof(payload));
+    memcpy(payload, rule_record(2, "L2I="), sizeof(struct prule));
+    daemon.send(OX_SO_REP_ADD, payload, length);
+    EXPECT_EQ(reply_of(daemon, OX_SO_REP_ADD), OX_ERR_SIZE);
+    char line[64];
+    snprintf(line, sizeof(line), "do_add: size %u != 16016", length);
+    EXPECT_EQ(case_log_count(line), 1);
+    memcpy(payload, rule_record(1), sizeof(struct prule));
+    daemon.send(OX_SO_REP_DEL, payload, length);
+    EXPECT_EQ(reply_of(daemon, OX_SO_REP_DEL), OX_ERR_REQUEST);
+  }
+  EXPECT_TRUE(daemon.idle());
+  prule_ref first(lookup_rule(1)), second(lookup_rule(2));
+  EXPECT_TRUE(first);
+  EXPECT_FALSE(second);
+  EXPECT_EQ(get_prule_set()->rulenum, 1);
+}
+
 MODULE_CASE(netlink, the_senders_address_limit_stays) {
   test_daemon daemon;
   const mm_segment_t before = get_fs();

@@ -119,6 +119,25 @@ CASE(ox_sys, waiting_for_a_completion) {
   EXPECT_EQ(ox_complete_timedwait(&done, 0), -ETIMEDOUT);
 }
 
+/* The longest time is a time like any other: it neither ends at once nor is an error. */
+CASE(ox_sys, the_longest_wait_ends_by_completion) {
+  static struct completion done;
+  init_completion(&done);
+  struct task_struct *later = kthread_run(
+      [](void *) {
+        set_current_state(TASK_UNINTERRUPTIBLE);
+        schedule_timeout(100);
+        complete(&done);
+        return 0;
+      },
+      nullptr, "later");
+  REQUIRE_TRUE(!IS_ERR(later));
+  const unsigned long start = jiffies;
+  EXPECT_EQ(ox_complete_timedwait(&done, 0xFFFFFFFF), 0);
+  EXPECT_GE(jiffies - start, 50ul); /* not by what was left of an earlier one */
+  EXPECT_EQ(ox_complete_timedwait(&done, 0), -ETIMEDOUT);
+}
+
 CASE(ox_sys, the_list_of_exports) {
   static const char *const expected[] = {
       "ox_debug_exit",      "ox_debug_init",      "ox_log",

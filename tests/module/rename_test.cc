@@ -2,6 +2,7 @@
 // Renames: who may move what lies in a replicated directory, the record with both places, refreshed
 // directories.
 #include "tests/module/mounted.h"
+#include "tests/ukern/threads.h"
 
 namespace {
 
@@ -190,6 +191,89 @@ MODULE_CASE(rename, refused_below_keeps_everything_and_is_not_recorded) {
   EXPECT_TRUE(test_exists("/lower/free/d"));
   EXPECT_EQ(dir.inode()->i_uid, 0u);
   EXPECT_EQ(r.daemon.next().type, -1);
+}
+
+namespace {
+
+// A lower directory whose lock somebody else has until release().
+class held_dir {
+ public:
+  explicit held_dir(const char *path) : walk_(path) {
+    init_completion(&held_);
+    init_completion(&let_go_);
+    EXPECT_TRUE(thread_team_start(&team_, 1, hold, this));
+    wait_for_completion(&held_);
+  }
+  // Whether a second task waits for the lock, now or soon.
+  bool is_waited_for() const {
+    for (int i = 0; i < 5000; i++) {
+      if (__atomic_load_n(&mutex().word, __ATOMIC_RELAXED) == 2) return true;
+      msleep(1);
+    }
+    return false;
+  }
+  void release() {
+    complete(&let_go_);
+    thread_team_wait(&team_, 1);
+  }
+
+ private:
+  static void hold(void *arg) {
+    auto *self = static_cast<held_dir *>(arg);
+    mutex_guard guard(self->mutex());
+    complete(&self->held_);
+    wait_for_completion(&self->let_go_);
+  }
+  struct mutex &mutex() const {
+    return walk_.inode()->i_mutex;
+  }
+  test_walk walk_;
+  struct completion held_, let_go_;
+  struct ThreadTeam team_;
+};
+
+struct moving {
+  const char *from, *to;
+  int result;
+};
+
+void move(void *arg) {
+  auto *m = static_cast<struct moving *>(arg);
+  m->result = test_rename(m->from, m->to);
+}
+
+}  // namespace
+
+// A rename that waits for its lower directories may find them under other names when it has them:
+// the record tells those.
+MODULE_CASE(rename, record_has_the_places_at_the_time_of_the_move) {
+  test_mount mount;
+  test_daemon daemon;
+  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+  REQUIRE_EQ(test_mkdir("/lower/d"), 0);
+  REQUIRE_EQ(test_mkdir("/lower/e"), 0);
+  REQUIRE_EQ(test_put("/lower/d/f", "x"), 1);
+  static struct moving moves[] = {{"/mnt/d/f", "/mnt/d/g", 1}, {"/mnt/d/g", "/mnt/e/h", 1}};
+  const char *const names[] = {"/lower/d", "/lower/d1", "/lower/d2"};
+  const char *const records[][2] = {{"/lower/d1/f", "/lower/d1/g"}, {"/lower/d2/g", "/lower/e/h"}};
+  for (unsigned n = 0; n < ARRAY_SIZE(moves); n++) {
+    { const test_walk from(moves[n].from), to(moves[n].to); }  // known, nothing has to be looked up
+    held_dir held(names[n]);
+    struct ThreadTeam mover;
+    REQUIRE_TRUE(thread_team_start(&mover, 1, move, &moves[n]));
+    EXPECT_TRUE(held.is_waited_for());
+    EXPECT_EQ(test_rename(names[n], names[n + 1]), 0);
+    held.release();
+    thread_team_wait(&mover, 1);
+    EXPECT_EQ(moves[n].result, 0);
+    const struct test_record &record = daemon.next();
+    EXPECT_EQ(record.op(), OX_OP_RENAME);
+    EXPECT_STREQ(record.path1(), records[n][0]);
+    EXPECT_STREQ(record.path2(), records[n][1]);
+  }
+  EXPECT_TRUE(test_holds("/lower/e/h", "x"));
+  EXPECT_EQ(daemon.next().type, -1);
+  do_flush(0);
 }
 
 MODULE_CASE(rename, replaced_target_is_gone_and_the_open_source_stays_usable) {

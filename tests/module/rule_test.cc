@@ -176,13 +176,25 @@ MODULE_CASE(rule, without_memory_nothing_is_added) {
   EXPECT_EQ(remove_rule(1), 0);
 }
 
+/* Too short or too long: what is behind the record makes it no better. */
 MODULE_CASE(rule, records_of_a_wrong_length) {
-  struct prule *record = rule_record(1);
-  user_memory user(record, sizeof(*record));
-  EXPECT_EQ(set_option(OX_SO_REP_ADD, record, 16015), OX_ERR_SIZE);
-  EXPECT_TRUE(case_logged("do_add: size 16015 != 16016"));
-  EXPECT_EQ(set_option(OX_SO_REP_DEL, record, 16015), OX_ERR_REQUEST);
-  EXPECT_EQ(set_option(OX_SO_REP_DEL, record, 0), OX_ERR_REQUEST);
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  user_memory user(user_slots, sizeof(user_slots));
+  const unsigned lengths[] = {0, 16, 16015, 16017, 2 * 16016};
+  for (unsigned length : lengths) {
+    memset(user_slots, 0, sizeof(user_slots));
+    memcpy(user_slots, rule_record(2, "L2I="), sizeof(struct prule));
+    EXPECT_EQ(set_option(OX_SO_REP_ADD, user_slots, length), OX_ERR_SIZE);
+    char line[64];
+    snprintf(line, sizeof(line), "do_add: size %u != 16016", length);
+    EXPECT_EQ(case_log_count(line), 1);
+    memcpy(user_slots, rule_record(1), sizeof(struct prule));
+    EXPECT_EQ(set_option(OX_SO_REP_DEL, user_slots, length), OX_ERR_REQUEST);
+    EXPECT_EQ(get_prule_set()->rulenum, 1);
+  }
+  prule_ref first(lookup_rule(1)), second(lookup_rule(2));
+  EXPECT_TRUE(first);
+  EXPECT_FALSE(second);
 }
 
 MODULE_CASE(rule, memory_that_is_not_the_callers) {
@@ -256,6 +268,28 @@ MODULE_CASE(rule, the_list_of_any_number_of_rules) {
   EXPECT_EQ(len, 2 * 16016);
   EXPECT_EQ(user_slots[0].uuid[0], 2);
   EXPECT_EQ(user_slots[1].uuid[0], 1);
+}
+
+/* A flush counts the rules off before it takes them off the list: a request that knows a count in
+ * between gets that many, for there is room for no more. */
+MODULE_CASE(rule, the_list_has_no_more_rules_than_were_counted) {
+  for (int id = 1; id <= 3; ++id) REQUIRE_EQ(install_rule(id, "/a"), 0);
+  user_memory user(user_slots, sizeof(user_slots));
+  for (int counted = 2; counted >= 0; --counted) {
+    get_prule_set()->rulenum = counted;
+    int len;
+    EXPECT_EQ(list_rules(counted, &len), 0);
+    EXPECT_EQ(len, counted * 16016);
+    for (int i = 0; i < counted; ++i) EXPECT_EQ(user_slots[i].uuid[0], i + 1);
+    EXPECT_EQ(user_slots[counted].workdir[100], 0x55);
+    EXPECT_EQ(user_slots[3].uuid[0], 0x55);
+  }
+  get_prule_set()->rulenum = 3;
+  for (int id = 1; id <= 3; ++id) {
+    prule_ref rule(lookup_rule(id));
+    REQUIRE_TRUE(rule);
+    EXPECT_EQ(atomic_read(&rule->refcnt), 2);
+  }
 }
 
 MODULE_CASE(rule, the_list_goes_on_in_the_next_block) {

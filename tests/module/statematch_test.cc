@@ -260,6 +260,19 @@ CASE(statematch, every_allocation_may_fail) {
   EXPECT_EQ(p("/a/b/d"), kMiss);
 }
 
+/* The run that a path begins with may be the one of two equal ones that goes. */
+CASE(statematch, a_first_run_that_is_merged_is_found_where_it_went) {
+  pattern p(workdir_text().include("b/b/").include("b/"));
+  REQUIRE_EQ(p.result(), 0);
+  EXPECT_EQ(p("b"), kIncluded);
+  EXPECT_EQ(p("b/b"), kIncluded);
+  EXPECT_EQ(p("b/b/c"), kIncluded);
+  EXPECT_EQ(p("b/c"), kIncluded);
+  EXPECT_EQ(p("bc"), kMiss);
+  EXPECT_EQ(p("c"), kMiss);
+  EXPECT_EQ(p(""), kMiss);
+}
+
 CASE(statematch, clearing_is_safe_at_any_time) {
   matchdr_t m;
   memset(&m, 0, sizeof(m));

@@ -124,6 +124,16 @@ MODULE_CASE(trans, lengths_by_operation) {
   trans.msg.op = OX_OP_SETATTR;
   trans.msg.l1 = 12;
   EXPECT_EQ(trans_msglen(&trans), 88u + 12 + 7);
+  /* What 16 bits do not hold. */
+  trans.msg.l2 = 0x3200000;
+  EXPECT_EQ(trans_msglen(&trans), 88u + 12 + 0x3200000);
+  trans.msg.l1 = 0xFFFFFFFE;
+  for (int op = 0; op <= 7; ++op) {
+    trans.msg.op = static_cast<ox_u8_t>(op);
+    EXPECT_EQ(trans_msglen(&trans), 44u + 0xFFFE + 0xFFFF);
+  }
+  trans.msg.op = OX_OP_WRITE;
+  EXPECT_EQ(trans_msglen(&trans), 60u + 0xFFFF + 0x3200000);
   trans.msg.op = 10;
   EXPECT_EQ(trans_msglen(&trans), 0u);
   trans.msg.op = 255;
@@ -157,6 +167,48 @@ MODULE_CASE(trans, what_a_record_is_charged_is_taken_back) {
   EXPECT_EQ(rule->bytes_send, captured);
   EXPECT_EQ(atomic_read(&rule->refcnt), 2);
   EXPECT_EQ(balance(), 0);
+}
+
+/* Records, and what a rule has captured in all, may be larger than 16 and 32 bits tell. */
+MODULE_CASE(trans, charges_above_64_kib) {
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  prule_ref rule(lookup_rule(1));
+  const ox_u32_t lengths[] = {65535, 65536, 65537, 120000};
+  const ox_u32_t ops[] = {OX_OP_SETATTR, OX_OP_WRITE};
+  ox_u64_t captured = rule->bytes_send = 0xFFFF0000;
+  for (ox_u32_t op : ops) {
+    for (ox_u32_t len : lengths) {
+      prule_node_get(rule.get());
+      struct tarn_trans *trans = tarn_var_alloc(rule.get(), op, len);
+      REQUIRE_TRUE(trans != nullptr);
+      EXPECT_EQ(trans_msglen(trans), len);
+      EXPECT_EQ(mem_used(), (int)(len + TARN_TRANS_FIELDS));
+      EXPECT_EQ(atomic_read(&rule->mem_used), (int)(len + TARN_TRANS_FIELDS));
+      captured += len - OX_MSG_LEN;
+      EXPECT_EQ(rule->bytes_send, captured);
+      EXPECT_EQ(tarn_trans_free(trans, 1), 0);
+      EXPECT_EQ(mem_used(), 0);
+      EXPECT_EQ(atomic_read(&rule->mem_used), 0);
+    }
+  }
+  EXPECT_GT(captured, 0x100000000ull);
+}
+
+/* Long names, until they are together more than 16 and 32 bits tell. */
+MODULE_CASE(trans, names_above_64_kib) {
+  REQUIRE_EQ(install_rule(1, "/"), 0);
+  prule_ref rule(lookup_rule(1));
+  static char path[3000];
+  memset(path, 'n', sizeof(path) - 1);
+  path[0] = '/';
+  const ox_u64_t begin = 0xFFFFF000;
+  rule->bytes_send = begin;
+  for (ox_u64_t n = 1; n <= 20; ++n) {
+    EXPECT_EQ(tarn_para_sync(OX_OP_RENAME, path, path, 0), 0);
+    EXPECT_EQ(rule->bytes_send, begin + n * 2 * sizeof(path));
+    EXPECT_EQ(mem_used(), 0);
+    EXPECT_EQ(atomic_read(&rule->mem_used), 0);
+  }
 }
 
 MODULE_CASE(trans, without_memory_for_the_hits_the_change_is_lost) {

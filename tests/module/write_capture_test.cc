@@ -214,6 +214,42 @@ MODULE_CASE(write_capture, a_fault_in_a_later_page_gives_all_pages_back) {
   EXPECT_EQ(balance(), 0);
 }
 
+/* The charge is the write's whole length, not what 16 bits hold of it. */
+MODULE_CASE(write_capture, a_fault_in_a_large_write_keeps_its_whole_charge) {
+  capture c;
+  REQUIRE_TRUE(c.ready());
+  const size_t counts[] = {65535, 65536, 100000, 50 << 20};
+  for (size_t count : counts) {
+    {
+      prule_ref rule(lookup_rule(1));
+      EXPECT_EQ(tarn_write_sync(c.dentry(), data, count, 0), -ENOMEM); /* not the user's memory */
+      const int charge = static_cast<int>(TARN_TRANS_FIELDS + OX_MSG_WR_LEN + kP + count);
+      EXPECT_EQ(atomic_read(&rule->mem_used), charge);
+      EXPECT_EQ(atomic_read(&g_option.mem_used), charge);
+      EXPECT_EQ(rule->bytes_send, OX_MSG_WR_LEN - OX_MSG_LEN + kP + count);
+    }
+    atomic_set(&g_option.mem_used, 0);
+    remove_rule(1);
+    REQUIRE_EQ(install_rule(1, "/"), 0);
+  }
+}
+
+MODULE_CASE(write_capture, a_large_write_is_charged_as_a_whole) {
+  static char bytes[3 << 20];
+  const size_t count = sizeof(bytes);
+  capture c;
+  REQUIRE_TRUE(c.ready());
+  prule_ref rule(lookup_rule(1));
+  c.daemon.send(OX_NL_QUIT);
+  {
+    kernel_ds_guard kernel_addresses;
+    EXPECT_EQ(tarn_write_sync(c.dentry(), bytes, count, 0), 0);
+  }
+  EXPECT_EQ(rule->bytes_send, OX_MSG_WR_LEN - OX_MSG_LEN + kP + count);
+  EXPECT_EQ(atomic_read(&rule->mem_used), 0);
+  EXPECT_EQ(atomic_read(&g_option.mem_used), 0);
+}
+
 MODULE_CASE(write_capture, user_memory_is_read) {
   capture c;
   REQUIRE_TRUE(c.ready());

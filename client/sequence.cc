@@ -2,6 +2,7 @@
 #include "client/sequence.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace tarn {
 namespace {
@@ -15,24 +16,45 @@ std::uint32_t narrow(std::uint64_t number) {
 
 }  // namespace
 
-Sequencer::Number Sequencer::widen(const Rule &rule, std::uint32_t wseq) {
-  if (rule.next == 0) return kEpoch + wseq;
+Sequencer::Number Sequencer::widen(Number next, std::uint32_t wseq) {
+  if (next == 0) return kEpoch + wseq;
   // The number nearest to the expected one that ends in these 32 bits.
-  const auto distance = static_cast<std::int32_t>(wseq - narrow(rule.next));
-  return rule.next + static_cast<std::int64_t>(distance);
+  const auto distance = static_cast<std::int32_t>(wseq - narrow(next));
+  return next + static_cast<std::int64_t>(distance);
+}
+
+void Sequencer::resume(const Uuid &uuid, Position position) {
+  Rule &rule = rules_[uuid];
+  rule.known = rule.started = rule.resumed = true;
+  rule.generation = position.generation;
+  rule.next = kEpoch + position.last + 1;
+}
+
+std::map<Uuid, Sequencer::Position> Sequencer::positions() const {
+  std::map<Uuid, Position> positions;
+  for (const auto &[uuid, rule] : rules_) {
+    if (rule.started) positions[uuid] = {rule.generation, narrow(rule.next - 1)};
+  }
+  return positions;
 }
 
 void Sequencer::add(const Record &record, Bytes packet, Clock::time_point now) {
   Rule &rule = rules_[record.rule];
+  if (!std::exchange(rule.known, true)) {
+    rule.generation = record.generation;
+  } else if (record.generation != rule.generation) {
+    if (of_a_former_life(record.rule, rule, record)) return;
+    restart(record.rule, rule, record.generation);
+  }
   if (!rule.started && record.wseq == 1 && rule.held.empty()) {
     rule.started = true;
     rule.next = kEpoch + 1;
   }
-  const Number number = widen(rule, record.wseq);
+  const Number number = widen(rule.next, record.wseq);
   if (!rule.started) {
     if (rule.next == 0) rule.next = number;  // widens the next ones; the start is found in expire()
     hold(rule, number, packet, now);
-    const bool complete = rule.held.begin()->first == widen(rule, 1);
+    const bool complete = rule.held.begin()->first == widen(rule.next, 1);
     if (complete || rule.held_records > limits_.records || held_bytes_ > limits_.bytes)
       skip_gap(record.rule, rule, now);
     return;
@@ -52,12 +74,16 @@ void Sequencer::add(const Record &record, Bytes packet, Clock::time_point now) {
 }
 
 void Sequencer::pass(Rule &rule, const Record &record, Order order) {
-  rule.newest_ts = std::max(rule.newest_ts, record.ts);
+  if (rule.generation == 0) {
+    rule.recent[widen(rule.next, record.wseq)] = record.ts;
+    if (rule.recent.size() > kRecent) rule.recent.erase(rule.recent.begin());
+  }
   sink_.record(record, order);
 }
 
 void Sequencer::pass_in_order(Rule &rule, const Record &record) {
   pass(rule, record, Order::kInOrder);
+  rule.resumed = false;
   if (record.last()) {
     ++rule.next;
     rule.next_page = 0;
@@ -67,7 +93,8 @@ void Sequencer::pass_in_order(Rule &rule, const Record &record) {
 }
 
 void Sequencer::hold(Rule &rule, Number number, Bytes packet, Clock::time_point now) {
-  if (rule.held.empty()) rule.deadline = now + (rule.started ? limits_.hold : limits_.settle);
+  const bool listened = rule.started && !rule.resumed;  // when those before it were sent
+  if (rule.held.empty()) rule.deadline = now + (listened ? limits_.hold : limits_.settle);
   Held held;
   held.packet.assign(packet.begin(), packet.end());
   auto decoded = decode(held.packet);
@@ -79,14 +106,31 @@ void Sequencer::hold(Rule &rule, Number number, Bytes packet, Clock::time_point 
 
 void Sequencer::old_number(const Uuid &uuid, Rule &rule, Number number, const Record &record,
                            Bytes packet, Clock::time_point now) {
-  if (take_missing(rule, number, record.last())) {
-    pass(rule, record, Order::kLate);
-  } else if (record.ts > rule.newest_ts) {
-    restart(uuid, rule);
-    add(record, packet, now);
-  } else {
-    sink_.event(uuid, Duplicate{record.wseq});
+  if (take_missing(rule.missing, number, record.last())) return pass(rule, record, Order::kLate);
+  const auto passed = rule.recent.find(number);
+  if (rule.generation != 0 || (passed != rule.recent.end() && passed->second == record.ts))
+    return sink_.event(uuid, Duplicate{record.wseq});
+  restart(uuid, rule, 0);
+  add(record, packet, now);
+}
+
+/* A record of an earlier life was on its way when the rule was deleted and added again. */
+bool Sequencer::of_a_former_life(const Uuid &uuid, Rule &rule, const Record &record) {
+  for (FormerLife &life : rule.former) {
+    if (life.generation != record.generation) continue;
+    const Number number = widen(life.next, record.wseq);
+    if (number >= life.next) {
+      life.missing[life.next] = number;
+      if (life.missing.size() > kMissingRanges) life.missing.erase(life.missing.begin());
+      life.next = number + 1;
+    }
+    if (take_missing(life.missing, number, record.last()))
+      sink_.record(record, Order::kLate);
+    else
+      sink_.event(uuid, Duplicate{record.wseq});
+    return true;
   }
+  return false;
 }
 
 /* Passes on what waits and has its turn now. */
@@ -127,14 +171,14 @@ void Sequencer::skip_gap(const Uuid &uuid, Rule &rule, Clock::time_point now) {
 }
 
 /* Was the number declared missing? Forgets it then, if this is its last message. */
-bool Sequencer::take_missing(Rule &rule, Number number, bool last) {
-  auto range = rule.missing.upper_bound(number);
-  if (range == rule.missing.begin() || (--range)->second < number) return false;
+bool Sequencer::take_missing(Ranges &missing, Number number, bool last) {
+  auto range = missing.upper_bound(number);
+  if (range == missing.begin() || (--range)->second < number) return false;
   if (!last) return true;
   const auto [begin, end] = *range;
-  rule.missing.erase(range);
-  if (begin < number) rule.missing[begin] = number - 1;
-  if (number < end) rule.missing[number + 1] = end;
+  missing.erase(range);
+  if (begin < number) missing[begin] = number - 1;
+  if (number < end) missing[number + 1] = end;
   return true;
 }
 
@@ -147,13 +191,24 @@ void Sequencer::give_up_pages(const Uuid &uuid, Rule &rule) {
   rule.next_page = 0;
 }
 
-void Sequencer::restart(const Uuid &uuid, Rule &rule) {
+void Sequencer::restart(const Uuid &uuid, Rule &rule, std::uint32_t generation) {
   while (!rule.held.empty()) skip_gap(uuid, rule, {});
   give_up_pages(uuid, rule);
   sink_.event(uuid, Restarted{narrow(rule.next - 1)});
-  const std::uint64_t newest = rule.newest_ts;
-  rule = Rule{};
-  rule.newest_ts = newest;
+  Rule next;
+  next.known = true;
+  next.generation = generation;
+  next.former = std::move(rule.former);
+  if (rule.generation != 0)
+    next.former.push_front({rule.generation, rule.next, std::move(rule.missing)});
+  if (next.former.size() > kFormerLives) next.former.pop_back();
+  // By generations a new life is seen from its first number on, which is 1.
+  if (generation != 0) {
+    next.started = true;
+    next.resumed = rule.resumed;
+    next.next = kEpoch + 1;
+  }
+  rule = std::move(next);
 }
 
 void Sequencer::expire(Clock::time_point now) {

@@ -15,8 +15,12 @@
  * late.
  *  - pages of a write are missing at its end: MissingPages.
  *  - an old number once more: Duplicate, dropped.
- *  - an old number, but captured after everything seen so far: the rule was deleted and made anew,
- * its numbers begin again: Restarted.
+ *  - a record of another generation: the rule was deleted and made anew, its numbers begin again
+ * with 1: Restarted. What was changed in between was not captured, so this is a loss. A record of an
+ * earlier life that comes after that is passed on as late.
+ *  - an old number in a rule without generations (an older module): the rule was made anew, unless
+ * the record is one that has just passed, of the same number and time. The clock is not used: it
+ * may go back.
  *
  * One thread. Memory is bounded by Limits. Time is the caller's, so that tests need not wait.
  */
@@ -25,6 +29,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <optional>
 #include <vector>
@@ -49,6 +54,7 @@ class Sequencer {
   struct Joined {
     std::uint32_t first;
   };
+  /* The rule was made anew: what was changed between its two lives is missing. */
   struct Restarted {
     std::uint32_t last; /* of the old numbers */
   };
@@ -78,6 +84,20 @@ class Sequencer {
   Sequencer(Sink &sink, Limits limits) : sink_(sink), limits_(limits) {}
   explicit Sequencer(Sink &sink) : Sequencer(sink, Limits{}) {}
 
+  /* Up to where a rule has been dealt with. */
+  struct Position {
+    std::uint32_t generation;
+    std::uint32_t last; /* the number; those after it have not been dealt with */
+    bool operator==(const Position &) const = default;
+  };
+
+  /* An earlier listener dealt with the rule's records up to there; what is missing behind it was
+   * sent while nobody listened, and is declared after kSettle. Before the rule's first record. */
+  void resume(const Uuid &rule, Position position);
+
+  /* Of all rules of which a record has passed, or that were resumed. */
+  std::map<Uuid, Position> positions() const;
+
   /* A record that has arrived, with the packet that it was decoded from (kept, if it has to wait).
    */
   void add(const Record &record, Bytes packet, Clock::time_point now);
@@ -98,20 +118,34 @@ class Sequencer {
   };
   /* Numbers are 64-bit inside, so that the 32-bit ones on the wire may wrap. */
   using Number = std::uint64_t;
+  /* first -> last, not overlapping, newest kMissingRanges only */
+  using Ranges = std::map<Number, Number>;
+  /* What is left of a life of a rule that was made anew. */
+  struct FormerLife {
+    std::uint32_t generation;
+    Number next;
+    Ranges missing;
+  };
   struct Rule {
+    bool known = false;           /* a record was seen, or the rule was resumed */
+    std::uint32_t generation = 0; /* 0: of a module that has none */
     bool started = false;
+    bool resumed = false;        /* and none of this listener's records has passed yet */
     Number next = 0;             /* the number that is to be passed on next */
     std::uint32_t next_page = 0; /* pages of it that have been passed on */
-    std::uint64_t newest_ts = 0; /* the latest capture time passed on */
     std::map<Number, std::vector<Held>> held;
     std::size_t held_records = 0;
     Clock::time_point deadline; /* when held is not empty: how long to wait for `next` */
-    std::map<Number, Number>
-        missing; /* first -> last, not overlapping, newest kMissingRanges only */
+    Ranges missing;
+    std::deque<FormerLife> former; /* the newest kFormerLives, with generations only */
+    /* Without generations only: number -> time of what has passed, newest kRecent only. */
+    std::map<Number, std::uint64_t> recent;
   };
   static constexpr std::size_t kMissingRanges = 1024;
+  static constexpr std::size_t kFormerLives = 8;
+  static constexpr std::size_t kRecent = 1024;
 
-  static Number widen(const Rule &rule, std::uint32_t wseq);
+  static Number widen(Number next, std::uint32_t wseq);
   void pass(Rule &rule, const Record &record, Order order);
   void pass_in_order(Rule &rule, const Record &record);
   void hold(Rule &rule, Number number, Bytes packet, Clock::time_point now);
@@ -120,8 +154,9 @@ class Sequencer {
   void drain(const Uuid &uuid, Rule &rule, Clock::time_point now);
   void skip_gap(const Uuid &uuid, Rule &rule, Clock::time_point now);
   void give_up_pages(const Uuid &uuid, Rule &rule);
-  void restart(const Uuid &uuid, Rule &rule);
-  static bool take_missing(Rule &rule, Number number, bool last);
+  void restart(const Uuid &uuid, Rule &rule, std::uint32_t generation);
+  bool of_a_former_life(const Uuid &uuid, Rule &rule, const Record &record);
+  static bool take_missing(Ranges &missing, Number number, bool last);
 
   Sink &sink_;
   Limits limits_;

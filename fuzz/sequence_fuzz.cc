@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -31,10 +32,22 @@ void check(bool holds) {
 }
 
 /* What was heard of one rule since its numbers last began. */
-class Rule {
+class Life {
  public:
+  enum class Is { kFirst, kLater };
+  explicit Life(Is is) : is_(is) {}
+  /* As an earlier listener left it. */
+  explicit Life(Sequencer::Position position)
+      : is_(Is::kFirst), generation_(position.generation) {
+    begin(position.last + 1);
+  }
+
+  bool is_of(std::uint32_t generation) const { return generation_ == generation; }
+
   void in_order(const Record &record) {
     if (!begun_) begin(1);
+    if (!generation_) generation_ = record.generation;
+    check(record.generation == generation_);
     check(record.wseq == static_cast<std::uint32_t>(next_));
     if (record.last()) {
       go_to(next_ + 1);
@@ -42,8 +55,13 @@ class Rule {
       ++pages_;
     }
   }
-  void late(const Record &record) {
+  /* Of a life that has ended nobody knows how many numbers there were. */
+  void late(const Record &record, bool ended) {
     const std::int64_t number = widen(record.wseq);
+    if (ended && number >= next_) {
+      gaps_.push_back({next_, number});
+      next_ = number + 1;
+    }
     const auto gap = std::find_if(gaps_.begin(), gaps_.end(), [number](const Gap &g) {
       return g.first <= number && number <= g.last;
     });
@@ -60,9 +78,9 @@ class Rule {
   }
   void event(const Sequencer::Restarted &e) {
     check(begun_ && e.last == static_cast<std::uint32_t>(next_ - 1));
-    *this = Rule{};
   }
   void event(const Sequencer::Missing &e) {
+    if (!begun_ && is_ == Is::kLater) begin(1);
     check(begun_ && pages_ == 0 && e.first == static_cast<std::uint32_t>(next_));
     const std::int64_t last = next_ + (e.last - e.first);
     gaps_.push_back({next_, last});
@@ -92,10 +110,34 @@ class Rule {
     return next_ + static_cast<std::int32_t>(wseq - static_cast<std::uint32_t>(next_));
   }
 
+  Is is_;
   bool begun_ = false;
+  std::optional<std::uint32_t> generation_; /* once a record has passed */
   std::int64_t next_ = 0;
   std::uint32_t pages_ = 0; /* of the write that is `next_` */
   std::vector<Gap> gaps_;
+};
+
+/* A rule's present life and those before it. */
+class Rule {
+ public:
+  void resumed(Sequencer::Position position) { lives_.back() = Life(position); }
+  void in_order(const Record &record) { lives_.back().in_order(record); }
+  void late(const Record &record) {
+    const auto life = std::find_if(lives_.rbegin(), lives_.rend(), [&record](const Life &l) {
+      return l.is_of(record.generation);
+    });
+    check(life != lives_.rend());
+    life->late(record, life != lives_.rbegin());
+  }
+  void event(const Sequencer::Event &event) {
+    std::visit([&](const auto &e) { lives_.back().event(e); }, event);
+    if (std::holds_alternative<Sequencer::Restarted>(event))
+      lives_.emplace_back(Life::Is::kLater);
+  }
+
+ private:
+  std::vector<Life> lives_{Life(Life::Is::kFirst)};
 };
 
 class Account : public Sequencer::Sink {
@@ -104,6 +146,7 @@ class Account : public Sequencer::Sink {
     ++held_[rule];
     ++waiting_[bytes];
   }
+  void resumed(const Uuid &rule, Sequencer::Position position) { rules_[rule].resumed(position); }
   /* No rule has more than it may. */
   void check_limits() const {
     for (const auto &[rule, count] : held_) check(count >= 0 && count <= std::ptrdiff_t{kMostHeld});
@@ -123,13 +166,14 @@ class Account : public Sequencer::Sink {
   }
   void event(const Uuid &uuid, const Sequencer::Event &event) override {
     if (std::holds_alternative<Sequencer::Duplicate>(event)) --held_[uuid];
-    std::visit([&](const auto &e) { rules_[uuid].event(e); }, event);
+    rules_[uuid].event(event);
   }
 
   /* A record as text, with its data: its views must still be what they were when it was given. */
   static std::string change_text(const Record &record) {
     std::string text = to_string(record.rule) + ' ' + std::to_string(record.wseq) + ' ' +
-                       std::to_string(record.ts) + ' ' + describe(record.change);
+                       std::to_string(record.ts) + ' ' + std::to_string(record.generation) + ' ' +
+                       describe(record.change);
     const auto add = [&text](Bytes bytes) {
       text.append(reinterpret_cast<const char *>(bytes.data()), bytes.size());
     };
@@ -151,6 +195,7 @@ test::Packet next_packet(fuzz::Input &in, unsigned kind) {
   stamp.rule = test::rule_uuid(static_cast<std::uint8_t>(1 + which % 2));
   stamp.wseq = kind == 1 ? in.u32() : in.u8();
   stamp.ts = test::kTime + in.u8();
+  stamp.generation = which / 2 % 4;
   const std::string path = "/d/" + std::to_string(which);
   if (which & 0x40) {
     const std::string data(which & 0x20 ? 9000 : 10, static_cast<char>(which));
@@ -167,6 +212,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
   Account account;
   Sequencer sequencer(account, kLimits);
   Clock::time_point now{};
+  if (const unsigned left = in.u8(); left % 4 == 1) {
+    const Sequencer::Position position{left / 4 % 4, in.u8()};
+    sequencer.resume(test::rule_uuid(1), position);
+    account.resumed(test::rule_uuid(1), position);
+  }
   for (std::size_t step = 0; step < kMostSteps && !in.empty(); ++step) {
     const unsigned kind = in.u8() % 8;
     if (kind == 0) {

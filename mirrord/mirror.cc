@@ -89,8 +89,10 @@ void Mirror::event(const Uuid &uuid, const Sequencer::Event &event) {
     ++rule.duplicates;
     say(fmt::format("{}: record {} came once more; not applied again", name, duplicate->wseq));
   } else if (const auto *restarted = std::get_if<Sequencer::Restarted>(&event)) {
-    say(fmt::format("{}: was made anew after record {}; its numbers begin again", name,
-                    restarted->last));
+    ++rule.gaps;
+    say(
+        fmt::format("{}: GAP: was made anew after record {}: what was changed in between is missing",
+                    name, restarted->last));
   }
 }
 

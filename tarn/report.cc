@@ -105,7 +105,7 @@ std::string event_line(const Sequencer::Event &event) {
             return fmt::format("joined at #{}: earlier records went elsewhere", e.first);
           },
           [](const Sequencer::Restarted &e) {
-            return fmt::format("made anew after #{}: its numbers begin again", e.last);
+            return fmt::format("made anew after #{}: changes in between are missing", e.last);
           },
           [](const Sequencer::Missing &e) {
             return fmt::format("#{} to #{} missing", e.first, e.last);

@@ -124,6 +124,24 @@ TEST_F(MirrorTest, AMissedBeginningIsAGap) {
   EXPECT_NE(mirror->wait().err.find("GAP: begins with record 5"), std::string::npos);
 }
 
+TEST_F(MirrorTest, WhatWasChangedBetweenTwoLivesOfARuleIsAGap) {
+  const auto mirror = start();
+  const auto of_life = [&](std::uint32_t generation, std::uint32_t n, const std::string &name) {
+    return name_change(OX_OP_CREATE, {.wseq = n, .ts = kTime - n, .generation = generation},
+                       src_ + "/" + name, {}, 0100644);
+  };
+  fake_.send(of_life(7, 1, "a"));
+  fake_.send(of_life(7, 2, "b"));
+  ASSERT_EQ(catch_up().exit, 0);
+  fake_.send(of_life(9, 1, "c"));
+  EXPECT_EQ(catch_up().exit, 1);
+  EXPECT_TRUE(fs::exists(replica("c")));
+  EXPECT_EQ(status()["rules"][0]["gaps"], 1);
+  mirror->signal(SIGTERM);
+  const Ended ended = mirror->wait();
+  EXPECT_NE(ended.err.find("GAP: was made anew after record 2"), std::string::npos) << ended.err;
+}
+
 TEST_F(MirrorTest, LossSignalDoesNotKill) {
   const auto mirror = start();
   mirror->signal(OX_SIG_LOST);

@@ -55,6 +55,10 @@ class SequencerTest : public testing::Test {
   void add(std::uint32_t wseq, std::uint64_t ts = kTime, std::uint8_t rule = 1) {
     add_packet(name_change(OX_OP_UNLINK, {wseq, rule_uuid(rule), ts}, "/d/f"));
   }
+  void add_of(std::uint32_t generation, std::uint32_t wseq, std::uint64_t ts = kTime) {
+    add_packet(
+        name_change(OX_OP_UNLINK, {.wseq = wseq, .ts = ts, .generation = generation}, "/d/f"));
+  }
   std::string after(Clock::duration time) {
     now_ += time;
     sequencer_.expire(now_);
@@ -179,6 +183,99 @@ TEST_F(SequencerTest, ARuleThatWasMadeAnewInTheMiddleOfAWrite) {
   EXPECT_EQ(notes_.take(), "1 2.0 pages2.1 restarted2 1");
 }
 
+TEST_F(SequencerTest, ARuleThatWasMadeAnewAfterTheClockWentBack) {
+  add_of(7, 1);
+  add_of(7, 2);
+  add_of(9, 1, kTime - 1000);
+  add_of(9, 2, kTime - 999);
+  EXPECT_EQ(notes_.take(), "1 2 restarted2 1 2");
+  // Without generations too.
+  add(1, kTime, 2);
+  add(2, kTime + 1, 2);
+  add(1, kTime - 1000, 2);
+  EXPECT_EQ(notes_.take(), "1 2 restarted2 1");
+}
+
+TEST_F(SequencerTest, ARuleThatWasMadeAnewIsKnownByAnyOfItsNumbers) {
+  for (std::uint32_t n = 1; n <= 3; ++n) add_of(7, n);
+  add_of(9, 5);
+  EXPECT_EQ(notes_.take(), "1 2 3 restarted3");
+  add_of(9, 4);
+  EXPECT_EQ(after(std::chrono::milliseconds(4999)), "");
+  EXPECT_EQ(after(std::chrono::milliseconds(1)), "missing1-3 4 5");
+}
+
+TEST_F(SequencerTest, ALaterTimeMakesNoRuleAnew) {
+  add_of(7, 1);
+  add_of(7, 2);
+  add_of(7, 1, kTime + 1);
+  EXPECT_EQ(notes_.take(), "1 2 duplicate1");
+}
+
+TEST_F(SequencerTest, WhatIsHeldOfAnEarlierLifeIsPassedOnBeforeTheNext) {
+  add_of(7, 1);
+  add_of(7, 4);
+  add_of(9, 1);
+  EXPECT_EQ(notes_.take(), "1 missing2-3 4 restarted4 1");
+}
+
+TEST_F(SequencerTest, RecordsOfAnEarlierLifeComeLate) {
+  add_of(7, 1);
+  add_of(7, 3);
+  add_of(9, 1);
+  EXPECT_EQ(notes_.take(), "1 missing2-2 3 restarted3 1");
+  add_of(7, 2);
+  add_of(7, 5);
+  add_of(7, 4);
+  EXPECT_EQ(notes_.take(), "2late 5late 4late");
+  for (std::uint32_t n = 1; n <= 5; ++n) add_of(7, n);
+  EXPECT_EQ(notes_.take(), "duplicate1 duplicate2 duplicate3 duplicate4 duplicate5");
+  add_of(9, 2);
+  EXPECT_EQ(notes_.take(), "2");
+}
+
+TEST_F(SequencerTest, AnEarlierListenersPlaceIsGoneOnFrom) {
+  sequencer_.resume(rule_uuid(), {7, 12});
+  EXPECT_EQ(sequencer_.positions().at(rule_uuid()), (Sequencer::Position{7, 12}));
+  add_of(7, 13);
+  EXPECT_EQ(notes_.take(), "13");
+  EXPECT_EQ(sequencer_.positions().at(rule_uuid()), (Sequencer::Position{7, 13}));
+  // From then on a gap is waited for as long as ever.
+  add_of(7, 15);
+  EXPECT_EQ(after(std::chrono::milliseconds(4999)), "");
+  EXPECT_EQ(after(std::chrono::milliseconds(1)), "missing14-14 15");
+}
+
+TEST_F(SequencerTest, WhatWasSentWhileNobodyListenedIsMissingSoon) {
+  sequencer_.resume(rule_uuid(), {7, 12});
+  add_of(7, 16);
+  add_of(7, 15);
+  EXPECT_EQ(after(std::chrono::milliseconds(99)), "");
+  EXPECT_EQ(after(std::chrono::milliseconds(1)), "missing13-14 15 16");
+}
+
+TEST_F(SequencerTest, ARuleThatWasMadeAnewWhileNobodyListened) {
+  sequencer_.resume(rule_uuid(1), {7, 12});
+  add_of(9, 1);
+  EXPECT_EQ(notes_.take(), "restarted12 1");
+  sequencer_.resume(rule_uuid(2), {7, 12});
+  add_packet(name_change(OX_OP_UNLINK, {.wseq = 3, .rule = rule_uuid(2), .generation = 9}, "/d/f"));
+  EXPECT_EQ(notes_.take(), "restarted12");
+  EXPECT_EQ(after(std::chrono::milliseconds(100)), "missing1-2 3");
+  // By an older module: the number alone tells.
+  sequencer_.resume(rule_uuid(3), {0, 12});
+  add(1, kTime, 3);
+  EXPECT_EQ(notes_.take(), "restarted12 1");
+}
+
+TEST_F(SequencerTest, AWriteOfWhichPagesAreMissingHasNotBeenDealtWith) {
+  add(1);
+  add_packet(write_data({2}, "/d/f", 0, std::string(10000, 'x'))[0]);
+  EXPECT_EQ(sequencer_.positions().at(rule_uuid()), (Sequencer::Position{0, 1}));
+  add(9, kTime, 2);
+  EXPECT_FALSE(sequencer_.positions().contains(rule_uuid(2)));
+}
+
 TEST_F(SequencerTest, PagesPassAsTheyCome) {
   const auto pages = write_data({1}, "/d/f", 0, std::string(10000, 'x'));
   add_packet(pages[0]);
@@ -265,7 +362,8 @@ TEST(Sequencer, WhateverComesNothingIsKeptForEver) {
     Clock::time_point now{};
     for (int i = 0; i < count; ++i) {
       const Stamp stamp{*rc::gen::inRange<std::uint32_t>(0, 40), rule_uuid(),
-                        kTime + *rc::gen::inRange<std::uint64_t>(0, 50)};
+                        kTime + *rc::gen::inRange<std::uint64_t>(0, 50), OX_CP_NAMED,
+                        *rc::gen::inRange<std::uint32_t>(0, 3)};
       const auto pages =
           write_data(stamp, "/d/f", 0, std::string(*rc::gen::element<std::size_t>(1, 9000), 'x'));
       const Packet &packet = pages[*rc::gen::inRange<std::size_t>(0, pages.size())];

@@ -30,8 +30,10 @@ void add_file_operations(fuse_lowlevel_ops *ops);
  *
  * A name's answer brings the attributes with it, and the call that looked the name up asks for them
  * right after it: for that they may be used until the host's clock ticks twice, unless the file is
- * open. Whoever has it open asks without looking a name up, and opening it makes the host drop what
- * it has.
+ * open. Whoever has it open asks without looking a name up.
+ *
+ * The host is not told to drop anything while a request is served: it may wait for pages that other
+ * requests hold, and those for the threads that all wait here.
  */
 inline constexpr double kNotKept = 0;
 inline constexpr double kForThisCall = 1e-6;
@@ -48,11 +50,8 @@ inline uk_node *node_of(fuse_req_t req, fuse_ino_t ino) {
   return node_of(mount_of(req), ino);
 }
 
-/* A handle is the file's address; its lowest bit says that the host keeps no pages of it. */
-inline constexpr uint64_t kNotKeptBit = 1;
-
 inline uk_file *file_of(const fuse_file_info *fi) {
-  return fi ? reinterpret_cast<uk_file *>(fi->fh & ~kNotKeptBit) : nullptr;
+  return fi ? reinterpret_cast<uk_file *>(fi->fh) : nullptr;
 }
 
 /* The kernel's errors are negative, those of a reply positive. */

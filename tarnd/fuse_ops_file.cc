@@ -9,15 +9,20 @@
 
 #include "tarnd/fuse_ops.h"
 #include "tarnd/translate.h"
-#include "tarnd/unkept_write.h"
 
 namespace tarnd {
+
+static void hold_opened(Mount *mount, uk_file *file, uk_node *node, fuse_file_info *fi) {
+  mount->holdings().add_file(file, node);
+  fi->fh = reinterpret_cast<uint64_t>(file);
+  fi->keep_cache = 1;  // what was read stays good
+  fi->noflush = 1;     // nothing is held back here for a descriptor that is closed
+}
 
 // The file is the host's until it releases it, unless it is not there to take it.
 static void reply_opened(fuse_req_t req, fuse_ino_t ino, uk_file *file, fuse_file_info *fi) {
   Mount *mount = mount_of(req);
   hold_opened(mount, file, node_of(req, ino), fi);
-  fuse_lowlevel_notify_inval_inode(mount->session(), ino, -1, 0);  // the attributes alone
   if (fuse_reply_open(req, fi) == -ENOENT) mount->holdings().drop_file(file);
 }
 
@@ -90,10 +95,11 @@ static void op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_fil
   });
 }
 
-static void op_write(fuse_req_t req, fuse_ino_t ino, const char *data, size_t size, off_t off,
+static void op_write(fuse_req_t req, fuse_ino_t, const char *data, size_t size, off_t off,
                      fuse_file_info *fi) {
   as_waiting_caller(req, Need::kBasic, [&] {
-    const long done = write_opened(mount_of(req), ino, data, size, off, fi);
+    const long done =
+        uk_write_with(file_of(fi), data, size, static_cast<unsigned long long>(off), fi->flags);
     if (done < 0) {
       reply_error(req, done);
     } else {

@@ -63,42 +63,11 @@ void Holdings::drop_node(uk_node *node, unsigned long count) {
   uk_node_put(node, count);
 }
 
-Pages Holdings::add_file(uk_file *file, uk_node *node, Pages wanted) {
+void Holdings::add_file(uk_file *file, uk_node *node) {
   const std::lock_guard lock(mutex_);
   files_[file] = node;
   uk_node_get(node);
-  Held &held = hold_locked(node);
-  held.opens++;
-  if (wanted == Pages::kKept) held.pages = Pages::kKept;
-  return held.pages;
-}
-
-void Holdings::begin_write(uk_node *node, Range range) {
-  const std::lock_guard lock(mutex_);
-  Held &held = held_of(node);
-  held.written = range;
-  held.overlapped = false;
-}
-
-void Holdings::write_back(uk_node *node, Range range) {
-  const std::lock_guard lock(mutex_);
-  Held &held = held_of(node);
-  if (range.from < held.written.to && held.written.from < range.to) held.overlapped = true;
-}
-
-bool Holdings::overlapped(uk_node *node) const {
-  const std::lock_guard lock(mutex_);
-  return held_of(node).overlapped;
-}
-
-void Holdings::end_write(uk_node *node) {
-  const std::lock_guard lock(mutex_);
-  held_of(node).written = {};
-}
-
-Pages Holdings::pages(uk_node *node) const {
-  const std::lock_guard lock(mutex_);
-  return held_of(node).pages;
+  hold_locked(node).opens++;
 }
 
 void Holdings::drop_file(uk_file *file) {

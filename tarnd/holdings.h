@@ -21,40 +21,14 @@
 
 namespace tarnd {
 
-/* Where in a file, from its first byte to the one behind its last. */
-struct Range {
-  unsigned long long from = 0;
-  unsigned long long to = 0;
-};
-
-/* Whether the host keeps the pages of a file that go through an open file. */
-enum class Pages : bool { kNotKept, kKept };
-
 class Holdings {
  public:
   /* One more lookup of the node; whether it is open. */
   bool add_node(uk_node *node);
   void drop_node(uk_node *node, unsigned long count);
-  /*
-   * The node stays open until the file is dropped. It may be the root, which is never looked up.
-   * `wanted` is what the file could do with; the answer is kNotKept only if that was wanted and the
-   * host has no page of the node. It is taken to have some from the first file on that is kKept,
-   * until it has forgotten and closed the node.
-   */
-  Pages add_file(uk_file *file, uk_node *node, Pages wanted);
+  /* The node stays open until the file is dropped. It may be the root, which is never looked up. */
+  void add_file(uk_file *file, uk_node *node);
   void drop_file(uk_file *file);
-
-  /*
-   * For writes through a file that is kNotKept, one at a time for a node, which is open. From
-   * begin_write on, until end_write, such a write is overlapped once write_back was told of a page
-   * of its range.
-   */
-  void begin_write(uk_node *node, Range range);
-  void write_back(uk_node *node, Range range);
-  bool overlapped(uk_node *node) const;
-  void end_write(uk_node *node);
-  /* Whether the host may have pages of an open node. */
-  Pages pages(uk_node *node) const;
 
   void clear();
   /* How many nodes are held. */
@@ -75,9 +49,6 @@ class Holdings {
     uk_node *before, *after; /* in the list of those that are held; 0: the first, the last */
     unsigned long lookups;
     unsigned opens; /* files, each with a reference to the node */
-    Pages pages;
-    bool overlapped;
-    Range written; /* empty: no write is under way */
     bool is_held() const { return lookups > 0 || opens > 0; }
   };
   static Held &held_of(uk_node *node);

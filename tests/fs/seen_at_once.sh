@@ -1,7 +1,8 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
 # What is done directly in the lower directory is seen through the mount by the very next call: names, attributes,
-# sizes, also by who has the file open. Again and again, for what the host remembered would be right now and then.
+# sizes, also by who has had the file open for two ticks of the clock. Again and again, for what the host remembered would
+# be right now and then.
 . "$(dirname "$0")/../lib.sh"
 
 tarn mount "$T/lower" "$T/mnt"
@@ -9,7 +10,9 @@ tarn mount "$T/lower" "$T/mnt"
 python3 - "$T/mnt" "$T/lower" <<'PY' || fail "something was remembered"
 import os
 import sys
+import time
 
+TWO_TICKS = 0.02  # of a host's clock of 100 Hz
 mnt, lower = sys.argv[1:]
 
 
@@ -32,6 +35,7 @@ for i in range(300):
     with open(there, "ab", buffering=0) as out:
         check("a new name", i, os.stat(here).st_size, 0)
         reader = os.open(here, os.O_RDONLY)
+        time.sleep(TWO_TICKS)
         for size in range(1, 4):
             out.write(b"x")
             check("the size of an open file", i, os.fstat(reader).st_size, size)

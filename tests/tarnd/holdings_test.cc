@@ -64,7 +64,7 @@ TEST_F(HoldingsTest, ANodeIsHeldUntilItsLookupsAreForgotten) {
 
 TEST_F(HoldingsTest, AnOpenNodeIsToldFromOneThatIsNot) {
   Holdings holdings;
-  holdings.add_file(file_, node_, Pages::kKept);
+  holdings.add_file(file_, node_);
   EXPECT_TRUE(holdings.add_node(node_));
   holdings.drop_file(file_);
   look_up();
@@ -76,7 +76,7 @@ TEST_F(HoldingsTest, AnOpenNodeIsToldFromOneThatIsNot) {
 TEST_F(HoldingsTest, WhatIsForgottenWhileItIsOpenGoesWithTheFile) {
   Holdings holdings;
   holdings.add_node(node_);
-  holdings.add_file(file_, node_, Pages::kKept);
+  holdings.add_file(file_, node_);
   holdings.drop_node(node_, 1);
   EXPECT_EQ(holdings.nodes(), 1u);
   holdings.drop_file(file_);
@@ -88,59 +88,9 @@ TEST_F(HoldingsTest, ClearGivesEverythingBack) {
   look_up();
   holdings.add_node(node_);
   holdings.add_node(node_);
-  holdings.add_file(file_, node_, Pages::kKept);
+  holdings.add_file(file_, node_);
   holdings.clear();
   EXPECT_EQ(holdings.nodes(), 0u);
-}
-
-TEST_F(HoldingsTest, PagesAreNotKeptUntilSomebodyWantsThem) {
-  Holdings holdings;
-  uk_file *second = nullptr, *third = nullptr;
-  ASSERT_EQ(uk_open(node_, O_RDONLY, &second), 0);
-  ASSERT_EQ(uk_open(node_, O_WRONLY, &third), 0);
-  holdings.add_node(node_);
-  EXPECT_EQ(holdings.add_file(file_, node_, Pages::kNotKept), Pages::kNotKept);
-  EXPECT_EQ(holdings.pages(node_), Pages::kNotKept);
-  EXPECT_EQ(holdings.add_file(second, node_, Pages::kKept), Pages::kKept);
-  EXPECT_EQ(holdings.pages(node_), Pages::kKept);
-  holdings.drop_file(second);
-  // They outlive the file through which they came.
-  EXPECT_EQ(holdings.add_file(third, node_, Pages::kNotKept), Pages::kKept);
-  holdings.clear();
-}
-
-TEST_F(HoldingsTest, PagesGoWhenTheNodeIsForgottenAndClosed) {
-  Holdings holdings;
-  holdings.add_node(node_);
-  holdings.add_file(file_, node_, Pages::kKept);
-  look_up();
-  holdings.drop_file(file_);
-  holdings.drop_node(node_, 1);
-  uk_file *again = nullptr;
-  ASSERT_EQ(uk_open(node_, O_WRONLY, &again), 0);
-  EXPECT_EQ(holdings.add_file(again, node_, Pages::kNotKept), Pages::kNotKept);
-  holdings.drop_file(again);
-  uk_node_put(node_, 1);
-}
-
-TEST_F(HoldingsTest, AWriteIsOverlappedByWhatIsWrittenBackOfItsRange) {
-  Holdings holdings;
-  holdings.add_node(node_);
-  holdings.add_file(file_, node_, Pages::kNotKept);
-  holdings.write_back(node_, {0, 4096});  // before it began
-  holdings.begin_write(node_, {4096, 4100});
-  EXPECT_FALSE(holdings.overlapped(node_));
-  holdings.write_back(node_, {0, 4096});
-  holdings.write_back(node_, {4100, 8192});
-  EXPECT_FALSE(holdings.overlapped(node_));
-  holdings.write_back(node_, {4099, 4100});
-  EXPECT_TRUE(holdings.overlapped(node_));
-  holdings.begin_write(node_, {4096, 4100});
-  EXPECT_FALSE(holdings.overlapped(node_));
-  holdings.end_write(node_);
-  holdings.write_back(node_, {0, 8192});
-  EXPECT_FALSE(holdings.overlapped(node_));
-  holdings.clear();
 }
 
 // Files of the directory, each with the reference that a lookup gives.
@@ -187,7 +137,7 @@ TEST_F(ManyHoldingsTest, WhatIsOpenIsNotPicked) {
   uk_file *file = nullptr;
   ASSERT_EQ(uk_lookup(root_, "file7", &node, &stat_), 0);
   ASSERT_EQ(uk_open(node, O_RDONLY, &file), 0);
-  holdings_.add_file(file, node, Pages::kKept);
+  holdings_.add_file(file, node);
   const auto picked = holdings_.wait_for_too_many(1);
   ASSERT_TRUE(picked.has_value());
   EXPECT_EQ(picked->size(), kFiles - 1);

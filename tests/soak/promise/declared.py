@@ -1,0 +1,120 @@
+# SPDX-License-Identifier: GPL-2.0
+"""What mirrord and the module have said of losses: which differences they declare.
+
+A difference is declared when
+- a message of mirrord names the object, by any name that it had in this round, or names a directory above it in a
+  record that makes, moves or removes that directory; or
+- a line of the module's log names it: the record of a path that is too long to be sent; or
+- numbers of records are missing for which no log line names a path (messages were lost), and something was done to the
+  object between the last time that mirrord was known to have everything and the message that said so.
+"""
+import os
+import re
+import subprocess
+import time
+
+from . import names
+
+GAP = re.compile(rb"GAP: records (\d+) to (\d+) are missing")
+ABOUT_ATTRIBUTES = re.compile(rb"\((setattr|write) ")
+LONG_PATH = 3900  # shorter ones have records
+BOUNDARY = b" ):,;\"'\n"
+
+
+class Messages:
+    """mirrord's messages as they come, each with its time."""
+
+    def __init__(self, path):
+        self.path, self.offset, self.lines, self.rest = path, 0, [], b""
+
+    def poll(self):
+        now = time.monotonic()
+        with open(self.path, "rb") as f:
+            f.seek(self.offset)
+            data = f.read()
+        self.offset += len(data)
+        *whole, self.rest = (self.rest + data).split(b"\n")
+        self.lines += [(now, line) for line in whole]
+
+    def since(self, count):
+        return self.lines[count:]
+
+
+def log_lines(lower):
+    """The lines of the module's log that name something below `lower`."""
+    out = subprocess.run(["tarn", "log"], capture_output=True, check=True).stdout
+    return [line for line in out.split(b"\n") if lower + b"/" in line and b"<" in line]
+
+
+def names_path(line, text):
+    """Does the line show this path, and not a longer one? Shown without quotes, a path has no space in it."""
+    quoted = text.startswith(b'"')
+    at = line.find(text)
+    while at >= 0:
+        end = at + len(text)
+        if quoted or (line[at - 1:at] != b'"' and (end == len(line) or line[end:end + 1] in BOUNDARY)):
+            return True
+        at = line.find(text, at + 1)
+    return False
+
+
+class Declared:
+    """The messages of one round."""
+
+    def __init__(self, lower, replica, lines, log, barriers, start):
+        self.lower, self.replica = lower, replica
+        self.lines = lines
+        self.text = b"\n".join(line for _, line in lines) + b"\n"
+        self.log = [line[line.find(lower + b"/"):].rstrip(b"'\". ") for line in log]
+        self.barriers, self.start = barriers, start
+        self.windows = self._windows()
+
+    def _windows(self):
+        """Times in which messages were lost of which nothing is known but their number."""
+        losses, numbers = [], 0
+        for when, line in self.lines:
+            gap = GAP.search(line)
+            if gap:
+                numbers += int(gap[2]) - int(gap[1]) + 1
+                losses.append(when)
+            elif b"GAP" in line or b"LOST" in line:
+                numbers += 1
+                losses.append(when)
+        if numbers <= len(self.log):
+            return []
+        return [(max([b for b in self.barriers if b < when], default=self.start), when) for when in losses]
+
+    def lost_time(self):
+        return sum(until - since for since, until in set(self.windows))
+
+    def by_log(self, path):
+        whole = self.lower + b"/" + path
+        if len(whole) < LONG_PATH:
+            return False
+        return any(len(os.path.commonprefix([line, whole])) >= min(len(whole), len(line) - 8, 900) for line in self.log)
+
+    def by_message(self, path):
+        """The message that names the path itself or moves, makes or removes a directory above it."""
+        above = [path[:i] for i, c in enumerate(path) if c == 0x2f]
+        for candidate in [path] + above:
+            for root in (self.lower, self.replica):
+                text = names.printable(root + b"/" + candidate).encode("utf-8")
+                if text not in self.text:
+                    continue
+                for _, line in self.lines:
+                    if names_path(line, text) and (candidate == path or not ABOUT_ATTRIBUTES.search(line)):
+                        return line
+        return None
+
+    def why(self, trace, paths, history):
+        """What declares a difference of an object that went by these paths in the source; None if nothing does."""
+        for path in paths:
+            line = self.by_message(path)
+            if line is not None:
+                return line.decode("utf-8", "replace")
+            if self.by_log(path):
+                return "a line of the module's log"
+        for since, until in self.windows:
+            if history.touched(trace, since, until):
+                return "messages that were lost at that time"
+        return None

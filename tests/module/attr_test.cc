@@ -64,6 +64,49 @@ MODULE_CASE(attr, times_that_a_program_sets_reach_below_and_above) {
   EXPECT_EQ(upper.inode()->i_atime.tv_sec, 2000000);
 }
 
+// A lower file system keeps times in its own way: what is above is what it has kept.
+MODULE_CASE(attr, times_are_what_the_lower_file_system_made_of_them) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/mnt/f", "x"), 1);
+  const test_walk upper("/mnt/f");
+  struct inode *lower = tarn_lower_inode(upper.inode());
+  struct inode_operations *own = lower->i_op;
+  struct inode_operations coarse = *own;
+  coarse.setattr = [](struct dentry *dentry, struct iattr *ia) -> int {
+    struct iattr kept = *ia;
+    kept.ia_atime.tv_sec = ia->ia_atime.tv_sec + 10;
+    kept.ia_mtime.tv_sec = ia->ia_mtime.tv_sec + 20;
+    kept.ia_ctime.tv_sec = 3000000;
+    return inode_setattr(dentry->d_inode, &kept);
+  };
+  lower->i_op = &coarse;
+  const test_node node("/mnt/f");
+  struct uk_stat want = {}, after = {};
+  want.mtime.sec = 1000000;
+  want.atime.sec = 2000000;
+  EXPECT_EQ(uk_setattr(node.get(), nullptr, UK_SET_ATIME | UK_SET_MTIME, &want, &after), 0);
+  lower->i_op = own;
+  EXPECT_EQ(upper.inode()->i_atime.tv_sec, 2000010);
+  EXPECT_EQ(upper.inode()->i_mtime.tv_sec, 1000020);
+  EXPECT_EQ(upper.inode()->i_ctime.tv_sec, 3000000);
+}
+
+// Neither smaller nor larger: there is nothing to truncate, not even behind the end of the file.
+MODULE_CASE(attr, size_that_stays_leaves_the_upper_pages_as_they_are) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/mnt/f", "text"), 4);
+  const test_walk upper("/mnt/f");
+  struct page *page = find_get_page(upper.inode()->i_mapping, 0);
+  REQUIRE_TRUE(page);
+  char *bytes = static_cast<char *>(page_address(page));
+  bytes[100] = '#';
+  EXPECT_EQ(set_size("/mnt/f", 4), 0);
+  EXPECT_EQ(bytes[100], '#');
+  EXPECT_EQ(set_size("/mnt/f", 3), 0);
+  EXPECT_EQ(bytes[100], 0);
+  page_cache_release(page);
+}
+
 MODULE_CASE(attr, shrinking_truncates_the_upper_pages_before_the_lower_file) {
   test_mount mount;
   test_buffer data(12288, 'a');

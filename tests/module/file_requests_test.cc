@@ -112,6 +112,27 @@ MODULE_CASE(file_requests, error_of_the_sync_takes_the_place_of_the_count) {
   do_flush(0);
 }
 
+// The task that writes is told which device it writes back to, for the time of the write.
+MODULE_CASE(file_requests, writer_has_the_mapping_s_device_until_its_write_is_done) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/f", "text"), 4);
+  lower_fops lower("/lower/f");
+  static struct backing_dev_info *during;
+  during = nullptr;
+  lower.ops.write = [](struct file *, const char __user *, size_t count, loff_t *) -> ssize_t {
+    during = current->backing_dev_info;
+    return static_cast<ssize_t>(count);
+  };
+  kernel_file file("/mnt/f", O_RDWR);
+  REQUIRE_TRUE(!IS_ERR(file.get()));
+  kernel_ds_guard kernel_ds;
+  loff_t pos = 0;
+  EXPECT_EQ(vfs_write(file.get(), reinterpret_cast<const char __user *>("T"), 1, &pos), 1);
+  EXPECT_NE(during, nullptr);
+  EXPECT_EQ(during, file->f_mapping->backing_dev_info);
+  EXPECT_EQ(current->backing_dev_info, nullptr);
+}
+
 MODULE_CASE(file_requests, frozen_super_block_holds_a_writer_up) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "text"), 4);

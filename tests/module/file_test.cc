@@ -54,7 +54,7 @@ MODULE_CASE(file, all_opens_share_one_lower_file_that_is_read_write) {
   struct file *lower = tarn_lower_file(first.get());
   EXPECT_EQ(tarn_lower_file(second.get()), lower);
   EXPECT_EQ(tarn_inode(first->f_dentry->d_inode)->lower_file, lower);
-  EXPECT_EQ(lower->f_flags & O_ACCMODE, O_RDWR);
+  EXPECT_EQ(lower->f_flags, O_RDWR | O_LARGEFILE);
   EXPECT_EQ(lower->f_mode & (FMODE_READ | FMODE_WRITE), FMODE_READ | FMODE_WRITE);
 }
 

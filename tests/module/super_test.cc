@@ -103,6 +103,19 @@ MODULE_CASE(super, super_block_takes_the_lower_limits) {
   EXPECT_EQ(tarn_lower_dentry(above->s_root), below->s_root);
 }
 
+MODULE_CASE(super, root_is_called_slash_and_is_its_own_parent) {
+  test_mount mount;
+  const test_walk upper("/mnt");
+  REQUIRE_EQ(upper.error(), 0);
+  const struct dentry *root = upper.dentry()->d_sb->s_root;
+  EXPECT_EQ(upper.dentry(), root);
+  EXPECT_STREQ(reinterpret_cast<const char *>(root->d_name.name), "/");
+  EXPECT_EQ(root->d_name.len, 1u);
+  EXPECT_EQ(root->d_name.hash, 0u);
+  EXPECT_EQ(root->d_parent, root);
+  EXPECT_EQ(root->d_op, &tarn_dops);
+}
+
 MODULE_CASE(super, two_mounts_of_one_directory_are_two_super_blocks) {
   test_mount mount;
   REQUIRE_EQ(test_mkdir("/mnt2"), 0);

@@ -19,7 +19,9 @@ cleanup_test() {
   [ -n "${FAILED_RUN:-}" ] || return 0
   rm -rf "$OUTPUT"
   mkdir -p "$OUTPUT"
-  cp "$T"/*.err "$T"/*.json "$T"/*.log "$TARN_RUN_DIR/tarnd.log" "$T"/journals/* "$OUTPUT"
+  for file in "$T"/*.err "$T"/*.json "$T"/*.log "$TARN_RUN_DIR/tarnd.log" "$T"/journals/*; do
+    if [ -e "$file" ]; then cp "$file" "$OUTPUT"; fi
+  done
 }
 
 chmod 755 "$T"

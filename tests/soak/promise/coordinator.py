@@ -30,8 +30,9 @@ class Coordinator:
         self.children = {}
         self.messages = declared.Messages(settings.mirrord_log)
         self.rng = random.Random("%d/sweeps" % settings.seed)
+        self.first_message = self.first_log_line = 0
         self.accepted = {}  # (path, kind) of differences that were declared in earlier rounds -> what declared them
-        self.log_seen = 0
+        self.log = declared.Log(settings.lower)
         self.barriers = []
         self.calls = 0
         self.compared = 0
@@ -90,16 +91,26 @@ class Coordinator:
         with open(self.settings.status_file, encoding="utf-8") as f:
             return json.load(f)
 
-    def barrier(self, patience, watch=lambda: None):
-        """Asks mirrord whether it has everything that was changed until now; notes when it was asked."""
+    def ask(self):
+        """Asks mirrord to say when it has everything that was changed until now; when it was asked."""
         asked = time.monotonic()
         os.kill(self.status()["pid"], signal.SIGUSR1)
-        while self.status()["caught_up_to_ns"] < asked * 1e9:
-            if time.monotonic() - asked > patience:
-                raise Failed("mirrord has not caught up within %.0f s" % patience)
-            watch()
-            time.sleep(0.05)
+        return asked
+
+    def answered(self, asked):
+        if self.status()["caught_up_to_ns"] < asked * 1e9:
+            return False
         self.barriers.append(asked)
+        return True
+
+    def barrier(self):
+        asked = self.ask()
+        while not self.answered(asked):
+            if time.monotonic() - asked > self.settings.catch_up:
+                raise Failed("mirrord has not caught up within %.0f s" % self.settings.catch_up)
+            self.watch()
+            time.sleep(0.05)
+        self.log.poll()
 
     # Rounds.
 
@@ -114,13 +125,15 @@ class Coordinator:
     def work(self, number, removal):
         self.control.say(control.RUN, number, removal)
         end = time.monotonic() + self.settings.round
-        next_barrier = time.monotonic() + BARRIER_EVERY
+        asked = self.ask()
         while time.monotonic() < end:
             time.sleep(0.1)
             self.watch()
-            if time.monotonic() > next_barrier:
-                self.barrier(self.settings.catch_up, self.watch)
-                next_barrier = time.monotonic() + BARRIER_EVERY
+            # It cannot answer while it waits for numbers that are missing: that is no failure before the pause.
+            if time.monotonic() > asked + BARRIER_EVERY:
+                self.answered(asked)
+                asked = self.ask()
+                self.log.poll()
 
     def pause(self, number):
         self.control.say(control.PAUSE, number, 1.0)
@@ -128,8 +141,11 @@ class Coordinator:
             time.sleep(0.02)
             self.watch()
         for mount in self.settings.mounts:
-            subprocess.run(["sync", "-f", mount], check=True)
-        self.barrier(self.settings.catch_up, self.watch)
+            try:
+                subprocess.run(["sync", "-f", mount], check=True, timeout=self.settings.hang)
+            except subprocess.TimeoutExpired as error:
+                raise Failed("sync of %s is stuck" % os.fsdecode(mount)) from error
+        self.barrier()
 
     def sweep(self, number, lower, replica):
         """Sets the times of some objects while nothing else goes on: those of directories must arrive too. Only of what
@@ -140,7 +156,7 @@ class Coordinator:
         may = sorted(path for path in lower.keys() & replica.keys() if len(path) < 3000 and
                      stat.S_IFMT(lower[path].info.st_mode) == stat.S_IFMT(replica[path].info.st_mode))
         swept = [path for path in self.rng.sample(may, min(SWEPT, len(may))) if self.set_time(path, when)]
-        self.barrier(self.settings.catch_up, self.watch)
+        self.barrier()
         found = []
         for path in swept:
             us = os.lstat(names.join(self.settings.replica, path)).st_mtime_ns // 1000
@@ -168,10 +184,8 @@ class Coordinator:
         lower, replica = self.scan_lower(), compare.scan(self.settings.replica)
         self.compared += len(lower)
         self.messages.poll()
-        log = declared.log_lines(self.settings.lower)
         said = declared.Declared(self.settings.source, self.settings.replica, self.messages.since(self.first_message),
-                                 log[self.log_seen:], self.barriers, began)
-        self.log_seen = len(log)
+                                 self.log.lines[self.first_log_line:], self.barriers, began)
         found = compare.differences(lower, replica, (self.settings.source, self.settings.replica))
         found += self.sweep(number, lower, replica)
         history = History([self.settings.journal(number, i) for i in range(self.settings.workers + 1)])
@@ -210,7 +224,7 @@ class Coordinator:
         lost = 0.0
         began = first = time.monotonic()
         while time.monotonic() < end:
-            self.first_message = len(self.messages.lines)
+            self.first_message, self.first_log_line = len(self.messages.lines), len(self.log.lines)
             self.work(number, removal)
             self.pause(number)
             self.calls = sum(self.control.slot(i).read()[2] for i in self.children)

@@ -40,10 +40,18 @@ class Messages:
         return self.lines[count:]
 
 
-def log_lines(lower):
-    """The lines of the module's log that name something below `lower`."""
-    out = subprocess.run(["tarn", "log"], capture_output=True, check=True).stdout
-    return [line for line in out.split(b"\n") if lower + b"/" in line and b"<" in line]
+class Log:
+    """The lines of the module's log that name something below `lower`. It keeps only the last ones: it must be read more
+    often than it is filled."""
+
+    def __init__(self, lower):
+        self.lower, self.seen, self.lines = lower, set(), []
+
+    def poll(self):
+        out = subprocess.run(["tarn", "log"], capture_output=True, check=True).stdout
+        lines = [line for line in out.split(b"\n") if self.lower + b"/" in line]
+        self.lines += [line for line in lines if line not in self.seen]
+        self.seen = set(lines)
 
 
 def names_path(line, text):

@@ -107,7 +107,9 @@ class Coordinator:
         asked = self.ask()
         while not self.answered(asked):
             if time.monotonic() - asked > self.settings.catch_up:
-                raise Failed("mirrord has not caught up within %.0f s" % self.settings.catch_up)
+                last = b"\n  ".join(line for _, line in self.messages.lines[-8:]).decode(errors="replace")
+                raise Failed("mirrord has not caught up within %.0f s; its last messages:\n  %s" %
+                             (self.settings.catch_up, last))
             self.watch()
             time.sleep(0.05)
         self.log.poll()

@@ -15,7 +15,7 @@ def run(w):
     number = -1
     while True:
         order, new_number, _ = w.control.order()
-        if order == control.END:
+        if order == control.END or os.getppid() != w.parent:
             return
         if order == control.PAUSE:
             w.settle(new_number)

@@ -74,6 +74,7 @@ class Worker:
         self.mount = 0
         self.number = 0
         self.journal = None
+        self.parent = os.getppid()
 
     # Life.
 
@@ -89,7 +90,7 @@ class Worker:
         number, removal, weights = -1, None, None
         while True:
             order, new_number, new_removal = self.control.order()
-            if order == control.END:
+            if order == control.END or os.getppid() != self.parent:
                 return
             if order == control.PAUSE:
                 self.settle(new_number)

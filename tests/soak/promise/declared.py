@@ -41,8 +41,8 @@ class Messages:
 
 
 class Log:
-    """The lines of the module's log that name something below `lower`. It keeps only the last ones: it must be read more
-    often than it is filled."""
+    """The lines of the module's log that name something below `lower`. It keeps only the last ones: it must be read
+    more often than it is filled."""
 
     def __init__(self, lower):
         self.lower, self.seen, self.lines = lower, set(), []

@@ -16,63 +16,76 @@ typedef ox_owner<struct dentry, dput> dentry_ref;
 // The mode that every symbolic link gets: 07777.
 constexpr int symlink_mode = 4095;
 
-// Whether `dentry` is in `dir`, whose i_mutex is held: then it stays there, otherwise it may be
-// moving at the moment.
-bool is_in(struct dentry *dentry, const struct dentry *dir) {
-  spin_guard guard(dentry->d_lock);
-  return dentry->d_parent == dir;
-}
-
-// Whether a lower dentry of `lower_dir`, whose i_mutex is held, goes by `name`, as that directory's
-// file system hashes and compares: one that ignores case may have found another spelling. A move to
-// a negative dentry has given it the place of what was moved, and its name: of a short one only
-// hash and length, the text is as before.
-bool is_called(struct dentry *lower_dir, struct dentry *lower_dentry, struct qstr name) {
-  const struct dentry_operations *op = lower_dir->d_op;
-  if (op && op->d_hash && op->d_hash(lower_dir, &name) < 0) return false;
-  spin_guard guard(lower_dentry->d_lock);
-  struct qstr &lower = lower_dentry->d_name;
-  if (lower.hash != name.hash) return false;
-  if (op && op->d_compare) return op->d_compare(lower_dir, &lower, &name) == 0;
-  return lower.len == name.len && !memcmp(lower.name, name.name, name.len);
-}
-
-// True if what is made for a negative dentry of `dir` gets the dentry's own name there in
-// `lower_dir`, whose i_mutex is held.
-bool is_place_of(struct dentry *lower_dir, struct inode *dir, const struct dentry *dentry) {
-  struct dentry *lower_dentry = tarn_lower_dentry(dentry);
-  return is_in(lower_dentry, lower_dir) && lower_dir->d_inode == tarn_lower_inode(dir) &&
-         is_called(lower_dir, lower_dentry, dentry->d_name);
-}
-
-// The directory that holds a lower dentry, with a reference and its lock. Whoever reaches the lower
-// file system by another way may have moved the dentry, before the lock was had too: see holds()
-// and is_place_of().
-class locked_lower_dir {
- public:
-  explicit locked_lower_dir(struct dentry *lower_dentry)
-      : dentry_(dget_parent(lower_dentry)), lock_(inode()->i_mutex, I_MUTEX_PARENT) {}
-  struct inode *inode() const {
-    return dentry_->d_inode;
-  }
-  struct dentry *dentry() const {
-    return dentry_.get();
-  }
-  bool holds(struct dentry *lower_dentry) const { return is_in(lower_dentry, dentry_.get()); }
-  bool is_place_of(struct inode *dir, const struct dentry *dentry) const {
-    return ::is_place_of(dentry_.get(), dir, dentry);
-  }
-
- private:
-  dentry_ref dentry_;  // given back after the lock
-  mutex_guard lock_;
-};
+// Somebody may have changed names in a lower directory by another way than this mount. So each
+// change of names locks the lower inodes of the upper directories and looks there for what it is
+// about: only what still goes by its name is changed.
 
 // The next access looks the name up again.
 int stale_name(struct dentry *dentry) {
   d_drop(dentry);
   return -ESTALE;
 }
+
+// What an upper dentry stands for in its lower directory, whose i_mutex is held: a lower dentry
+// with a reference, or an error pointer. -ESTALE: it is not what it was, and the dentry is dropped;
+// -EBUSY: something is mounted there below.
+struct dentry *lower_name(struct dentry *lower_dir, struct dentry *dentry) {
+  struct dentry *found = lookup_one_len(reinterpret_cast<const char *>(dentry->d_name.name),
+                                        lower_dir, static_cast<int>(dentry->d_name.len));
+  if (IS_ERR(found)) return found;
+  const struct inode *expected = dentry->d_inode ? tarn_lower_inode(dentry->d_inode) : nullptr;
+  int rc = 0;
+  if (d_mountpoint(found))
+    rc = -EBUSY;
+  else if (found->d_inode != expected)
+    rc = stale_name(dentry);
+  if (!rc) return found;
+  dput(found);
+  return static_cast<struct dentry *>(ERR_PTR(rc));
+}
+
+// The lower directory of an upper dentry, with its lock, and what the dentry stands for in it.
+class locked_lower_name {
+ public:
+  explicit locked_lower_name(struct dentry *dentry)
+      : dir_(dget(tarn_lower_dentry(dentry->d_parent))),
+        lock_(inode()->i_mutex, I_MUTEX_PARENT),
+        name_(lower_name(dir_.get(), dentry)) {}
+  ~locked_lower_name() {
+    if (own_ && !IS_ERR(name_)) dput(name_);
+  }
+  locked_lower_name(const locked_lower_name &) = delete;
+  locked_lower_name &operator=(const locked_lower_name &) = delete;
+
+  struct inode *inode() const {
+    return dir_->d_inode;
+  }
+  struct dentry *dir() const {
+    return dir_.get();
+  }
+  struct dentry *get() const {
+    return name_;
+  }
+  int error() const { return IS_ERR(name_) ? static_cast<int>(PTR_ERR(name_)) : 0; }
+  // Of a name at which something is to be made: that goes by the dentry that is bound already.
+  int error_to_make(struct dentry *dentry) const {
+    if (error()) return error();
+    return name_ == tarn_lower_dentry(dentry) ? 0 : stale_name(dentry);
+  }
+  // Lets go of the name where the upper dentry holds it anyway: the lower file system looks at how
+  // many use it.
+  void give_back(const struct dentry *bound) {
+    if (name_ != bound || !own_) return;
+    own_ = false;
+    dput(name_);
+  }
+
+ private:
+  dentry_ref dir_;  // given back after the lock
+  mutex_guard lock_;
+  struct dentry *name_;
+  bool own_ = true;
+};
 
 void drop_if_negative(struct dentry *dentry) {
   if (!dentry->d_inode) d_drop(dentry);
@@ -131,8 +144,6 @@ int tarn_inode_set(struct inode *inode, void *data) {
   inode->i_op = &tarn_main_iops;
   inode->i_fop = &tarn_main_fops;
   inode->i_mapping->a_ops = &tarn_aops;
-  // What a short read leaves of a new page is zeros, not what the memory held before.
-  mapping_set_gfp_mask(inode->i_mapping, mapping_gfp_mask(inode->i_mapping) | __GFP_ZERO);
   return 0;
 }
 
@@ -210,8 +221,13 @@ int bind_dentry(struct dentry *dentry, struct dentry *lower_dentry, struct vfsmo
 struct dentry *tarn_lookup(struct inode *dir, struct dentry *dentry, struct nameidata *) {
   dentry->d_op = &tarn_dops;
   struct dentry *lower_parent = tarn_lower_dentry(dentry->d_parent);
-  struct dentry *lower_dentry = lookup_one_len(reinterpret_cast<const char *>(dentry->d_name.name),
-                                               lower_parent, static_cast<int>(dentry->d_name.len));
+  struct dentry *lower_dentry;
+  {
+    // Without it, two at once would have two lower dentries of one name.
+    mutex_guard guard(lower_parent->d_inode->i_mutex, I_MUTEX_PARENT);
+    lower_dentry = lookup_one_len(reinterpret_cast<const char *>(dentry->d_name.name), lower_parent,
+                                  static_cast<int>(dentry->d_name.len));
+  }
   if (IS_ERR(lower_dentry)) {
     d_drop(dentry);
     return lower_dentry;
@@ -250,18 +266,19 @@ int tarn_getattr(struct vfsmount *, struct dentry *dentry, struct kstat *stat) {
 
 int tarn_create(struct inode *dir, struct dentry *dentry, int mode, struct nameidata *nd) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
-  locked_lower_dir lower_dir(lower_dentry);
-  if (!lower_dir.is_place_of(dir, dentry)) return stale_name(dentry);
-  int rc;
+  locked_lower_name lower(dentry);
+  int rc = lower.error_to_make(dentry);
+  if (rc) return rc;
   {
     tarn_lower_nd lend(nd, lower_dentry, tarn_lower_mnt(dentry));
-    rc = vfs_create(lower_dir.inode(), lower_dentry, mode, nd);
+    rc = vfs_create(lower.inode(), lower_dentry, mode, nd);
   }
+  if (!rc && !lower_dentry->d_inode) rc = -ESTALE;  // made, and out of reach at once
   if (!rc) rc = tarn_interpose(lower_dentry, dentry, dir->i_sb, TARN_INSTANTIATE);
   if (rc) return rc;
   tarn_sync_1dentry(OX_OP_CREATE, dentry, mode);
-  tarn_copy_attr_times_and_size(dir, lower_dir.inode());
-  const struct iattr ia = attr_of_new(dentry->d_inode, mode, lower_dir.inode());
+  tarn_copy_attr_times_and_size(dir, lower.inode());
+  const struct iattr ia = attr_of_new(dentry->d_inode, mode, lower.inode());
   tarn_attr_sync(dentry, &ia);
   tarn_mode_sync(dentry, mode);
   return 0;
@@ -277,14 +294,14 @@ bool bind_created(struct inode *dir, struct dentry *dentry, int *rc) {
 }
 
 int mkdir_below(struct inode *dir, struct dentry *dentry, int mode) {
-  locked_lower_dir lower_dir(tarn_lower_dentry(dentry));
-  if (!lower_dir.is_place_of(dir, dentry)) return stale_name(dentry);
-  int rc = vfs_mkdir(lower_dir.inode(), tarn_lower_dentry(dentry), mode);
+  locked_lower_name lower(dentry);
+  int rc = lower.error_to_make(dentry);
+  if (!rc) rc = vfs_mkdir(lower.inode(), tarn_lower_dentry(dentry), mode);
   if (!bind_created(dir, dentry, &rc)) return rc;
   tarn_sync_1dentry(OX_OP_MKDIR, dentry, mode);
-  tarn_copy_attr_times_and_size(dir, lower_dir.inode());
-  dir->i_nlink = lower_dir.inode()->i_nlink;
-  const struct iattr ia = attr_of_new(dentry->d_inode, mode, lower_dir.inode());
+  tarn_copy_attr_times_and_size(dir, lower.inode());
+  dir->i_nlink = lower.inode()->i_nlink;
+  const struct iattr ia = attr_of_new(dentry->d_inode, mode, lower.inode());
   tarn_attr_sync(dentry, &ia);
   tarn_mode_sync(dentry, mode);
   return rc;
@@ -297,10 +314,10 @@ int tarn_mkdir(struct inode *dir, struct dentry *dentry, int mode) {
 }
 
 int mknod_below(struct inode *dir, struct dentry *dentry, int mode, dev_t dev) {
-  locked_lower_dir lower_dir(tarn_lower_dentry(dentry));
-  if (!lower_dir.is_place_of(dir, dentry)) return stale_name(dentry);
-  int rc = vfs_mknod(lower_dir.inode(), tarn_lower_dentry(dentry), mode, dev);
-  if (bind_created(dir, dentry, &rc)) tarn_copy_attr_times_and_size(dir, lower_dir.inode());
+  locked_lower_name lower(dentry);
+  int rc = lower.error_to_make(dentry);
+  if (!rc) rc = vfs_mknod(lower.inode(), tarn_lower_dentry(dentry), mode, dev);
+  if (bind_created(dir, dentry, &rc)) tarn_copy_attr_times_and_size(dir, lower.inode());
   return rc;
 }
 
@@ -313,11 +330,11 @@ int tarn_mknod(struct inode *dir, struct dentry *dentry, int mode, dev_t dev) {
 
 int symlink_below(struct inode *dir, struct dentry *dentry, const char *symname) {
   dentry_ref lower_dentry(dget(tarn_lower_dentry(dentry)));
-  locked_lower_dir lower_dir(lower_dentry.get());
-  if (!lower_dir.is_place_of(dir, dentry)) return stale_name(dentry);
-  int rc = vfs_symlink(lower_dir.inode(), lower_dentry.get(), symname, symlink_mode);
+  locked_lower_name lower(dentry);
+  int rc = lower.error_to_make(dentry);
+  if (!rc) rc = vfs_symlink(lower.inode(), lower_dentry.get(), symname, symlink_mode);
   if (!bind_created(dir, dentry, &rc)) return rc;
-  tarn_copy_attr_times_and_size(dir, lower_dir.inode());
+  tarn_copy_attr_times_and_size(dir, lower.inode());
   tarn_sym_sync(dentry, symname, symlink_mode);
   return rc;
 }
@@ -333,12 +350,14 @@ int link_below(struct dentry *old_dentry, struct inode *dir, struct dentry *new_
   dentry_ref lower_old(dget(tarn_lower_dentry(old_dentry)));
   dentry_ref lower_new(dget(tarn_lower_dentry(new_dentry)));
   dentry_ref old_name(tarn_hold_name(old_dentry));
-  locked_lower_dir lower_dir(lower_new.get());
-  if (!lower_dir.is_place_of(dir, new_dentry)) return -ESTALE;
+  if (tarn_lower_mnt(old_dentry) != tarn_lower_mnt(new_dentry->d_parent)) return -EXDEV;
+  locked_lower_name lower(new_dentry);
+  int rc = lower.error_to_make(new_dentry);
+  if (rc) return rc;
   tarn_name_change change(lower_new.get());
-  int rc = vfs_link(lower_old.get(), lower_dir.inode(), lower_new.get());
+  rc = vfs_link(lower_old.get(), lower.inode(), lower_new.get());
   if (!bind_created(dir, new_dentry, &rc)) return rc;
-  tarn_copy_attr_times_and_size(dir, lower_dir.inode());
+  tarn_copy_attr_times_and_size(dir, lower.inode());
   struct inode *old_inode = old_dentry->d_inode;
   old_inode->i_nlink = tarn_lower_inode(old_inode)->i_nlink;
   i_size_write(new_dentry->d_inode, size);
@@ -361,37 +380,49 @@ void capture_removal(ox_u32_t op, struct dentry *lower_dir, struct dentry *dentr
   tarn_names_sync(op, path, nullptr, 0, nullptr);
 }
 
-int tarn_unlink(struct inode *dir, struct dentry *dentry) {
+// Whether somebody else uses an upper dentry that is to go. Nobody comes to it from now on: it is
+// out of the cache, and its directory is locked.
+bool is_shared(struct dentry *dentry) {
+  d_drop(dentry);
+  return atomic_read(&dentry->d_count) > 1;
+}
+
+int unlink_below(struct inode *dir, struct dentry *dentry) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
+  locked_lower_name lower(dentry);
+  if (lower.error()) return lower.error();
   // With a second user the lower dentry keeps its inode: whoever has the upper one still works with
-  // it.
-  dentry_ref held(dget(lower_dentry));
-  locked_lower_dir lower_dir(lower_dentry);
-  if (!lower_dir.holds(lower_dentry) || lower_dir.inode() != tarn_lower_inode(dir))
-    return stale_name(dentry);  // its lower object has another place now
-  const int rc = vfs_unlink(tarn_lower_inode(dir), lower_dentry);
+  // it. Without one the lower file system must not see any, or NFS keeps the file under another
+  // name.
+  dentry_ref held(is_shared(dentry) ? dget(lower_dentry) : nullptr);
+  lower.give_back(lower_dentry);
+  const int rc = vfs_unlink(lower.inode(), lower.get());
   if (rc) return rc;
-  capture_removal(OX_OP_UNLINK, lower_dir.dentry(), dentry);
-  tarn_copy_attr_times(dir, lower_dir.inode());
+  capture_removal(OX_OP_UNLINK, lower.dir(), dentry);
+  tarn_copy_attr_times(dir, lower.inode());
   struct inode *inode = dentry->d_inode;
   inode->i_nlink = tarn_lower_inode(inode)->i_nlink;
   inode->i_ctime = dir->i_ctime;
-  d_drop(dentry);
   return 0;
 }
 
+int tarn_unlink(struct inode *dir, struct dentry *dentry) {
+  const int rc = unlink_below(dir, dentry);
+  if (rc && rc != -ESTALE && d_unhashed(dentry)) d_rehash(dentry);
+  return rc;
+}
+
 int rmdir_below(struct inode *dir, struct dentry *dentry) {
-  struct dentry *lower_dentry = tarn_lower_dentry(dentry);
-  locked_lower_dir lower_dir(lower_dentry);
   // Held beyond d_delete, so that the lower dentry keeps its inode for whoever is in the directory.
-  dentry_ref held(dget(lower_dentry));
-  if (!lower_dir.holds(lower_dentry)) return stale_name(dentry);
-  const int rc = vfs_rmdir(lower_dir.inode(), lower_dentry);
-  if (!rc) d_delete(lower_dentry);
+  dentry_ref held(dget(tarn_lower_dentry(dentry)));
+  locked_lower_name lower(dentry);
+  if (lower.error()) return lower.error();
+  const int rc = vfs_rmdir(lower.inode(), lower.get());
+  if (!rc) d_delete(lower.get());
   // A refused removal is captured too.
-  capture_removal(OX_OP_RMDIR, lower_dir.dentry(), dentry);
-  tarn_copy_attr_times(dir, lower_dir.inode());
-  dir->i_nlink = lower_dir.inode()->i_nlink;
+  capture_removal(OX_OP_RMDIR, lower.dir(), dentry);
+  tarn_copy_attr_times(dir, lower.inode());
+  dir->i_nlink = lower.inode()->i_nlink;
   return rc;
 }
 
@@ -494,42 +525,60 @@ bool rename_is_refused(struct dentry *old_dentry) {
   return true;
 }
 
-// Both lower directories of a rename. The ancestor that lock_rename finds is not looked at: the VFS
-// has made that test on the upper dentries.
+// Both lower directories of a rename, locked.
 class rename_guard {
  public:
-  rename_guard(struct dentry *dir1, struct dentry *dir2) : dir1_(dir1), dir2_(dir2) {
-    lock_rename(dir1_, dir2_);
-  }
+  rename_guard(struct dentry *dir1, struct dentry *dir2)
+      : dir1_(dir1), dir2_(dir2), trap_(lock_rename(dir1_, dir2_)) {}
   ~rename_guard() { unlock_rename(dir1_, dir2_); }
   rename_guard(const rename_guard &) = delete;
   rename_guard &operator=(const rename_guard &) = delete;
+  // The one in the directory that is further up which the other directory lies below; or null.
+  const struct dentry *trap() const { return trap_; }
 
  private:
   struct dentry *dir1_;
   struct dentry *dir2_;
+  const struct dentry *trap_;
 };
 
-// What is mounted below is part of the upper tree, and the VFS has compared the upper mounts alone;
-// but no file system can take over an object of another one. That the root of one is not moved is
-// vfs_rename's to say.
-bool crosses_file_systems(const struct dentry *lower_old, const struct dentry *lower_new) {
-  return lower_old->d_sb != lower_new->d_sb && !IS_ROOT(lower_old) && !IS_ROOT(lower_new);
-}
+// A lower name that was found, or an error.
+class found_name {
+ public:
+  explicit found_name(struct dentry *found) : found_(found) {}
+  ~found_name() {
+    if (!error()) dput(found_);
+  }
+  found_name(const found_name &) = delete;
+  found_name &operator=(const found_name &) = delete;
+  int error() const { return IS_ERR(found_) ? static_cast<int>(PTR_ERR(found_)) : 0; }
+  struct dentry *get() const {
+    return found_;
+  }
+
+ private:
+  struct dentry *found_;
+};
 
 int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                  struct dentry *new_dentry) {
-  dentry_ref lower_old(dget(tarn_lower_dentry(old_dentry)));
-  dentry_ref lower_new(dget(tarn_lower_dentry(new_dentry)));
-  const int mode = lower_old->d_inode ? int{lower_old->d_inode->i_mode} : 0;
-  dentry_ref lower_old_dir(dget_parent(lower_old.get()));
-  dentry_ref lower_new_dir(dget_parent(lower_new.get()));
-  if (crosses_file_systems(lower_old.get(), lower_new.get())) return -EXDEV;
+  // What is mounted below, a second time or another file system, is part of the upper tree; the VFS
+  // has compared the upper mounts alone.
+  if (tarn_lower_mnt(old_dentry->d_parent) != tarn_lower_mnt(new_dentry->d_parent)) return -EXDEV;
+  dentry_ref lower_old_dir(dget(tarn_lower_dentry(old_dentry->d_parent)));
+  dentry_ref lower_new_dir(dget(tarn_lower_dentry(new_dentry->d_parent)));
+  if (lower_old_dir.get() != lower_new_dir.get() &&
+      lower_old_dir->d_inode == lower_new_dir->d_inode)
+    return stale_name(new_dentry);  // one lock twice
   rename_guard guard(lower_old_dir.get(), lower_new_dir.get());
-  if (!is_in(lower_old.get(), lower_old_dir.get()) || !is_in(lower_new.get(), lower_new_dir.get()))
-    return -ESTALE;
-  if (!lower_new->d_inode && !is_place_of(lower_new_dir.get(), new_dir, new_dentry))
-    return stale_name(new_dentry);
+  found_name lower_old(lower_name(lower_old_dir.get(), old_dentry));
+  if (lower_old.error()) return lower_old.error();
+  found_name lower_new(lower_name(lower_new_dir.get(), new_dentry));
+  if (lower_new.error()) return lower_new.error();
+  // The VFS has made these tests on the upper dentries, which may be elsewhere.
+  if (lower_old.get() == guard.trap()) return -EINVAL;
+  if (lower_new.get() == guard.trap()) return -ENOTEMPTY;
+  const int mode = lower_old.get()->d_inode ? int{lower_old.get()->d_inode->i_mode} : 0;
 
   tarn_name_change change(lower_old.get());
   const int rc =

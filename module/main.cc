@@ -149,6 +149,7 @@ int tarn_fill_super(struct super_block *sb, void *, int) {
 
 int tarn_get_sb(struct file_system_type *fs_type, int flags, const char *dev_name, void *data,
                 struct vfsmount *mnt) {
+  if (!dev_name || !*dev_name) return -EINVAL;  // mount(2) passes on what it was given
   int rc = get_sb_nodev(fs_type, flags, data, tarn_fill_super, mnt);
   if (rc < 0) return rc;
 

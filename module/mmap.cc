@@ -105,9 +105,15 @@ struct page *tarn_get_locked_page(struct file *file, pgoff_t index) {
 
 namespace {
 
+// Reads a page as a whole. What the lower file does not have of it is zero.
+int read_page(struct inode *inode, struct page *page) {
+  const loff_t end = page_start(page->index) + static_cast<loff_t>(PAGE_CACHE_SIZE);
+  if (end > i_size_read(tarn_lower_inode(inode))) memset(page_text(page), 0, PAGE_CACHE_SIZE);
+  return tarn_read_lower_page_segment(page, page->index, 0, PAGE_CACHE_SIZE, inode);
+}
+
 int tarn_readpage(struct file *, struct page *page) {
-  const int rc =
-      tarn_read_lower_page_segment(page, page->index, 0, PAGE_CACHE_SIZE, page->mapping->host);
+  const int rc = read_page(page->mapping->host, page);
   set_uptodate(page, rc == 0);
   unlock_page(page);
   return rc;
@@ -116,7 +122,7 @@ int tarn_readpage(struct file *, struct page *page) {
 int tarn_prepare_write(struct file *, struct page *page, unsigned from, unsigned) {
   struct inode *inode = page->mapping->host;
   if (!PageUptodate(page)) {
-    const int rc = tarn_read_lower_page_segment(page, page->index, 0, PAGE_CACHE_SIZE, inode);
+    const int rc = read_page(inode, page);
     set_uptodate(page, rc == 0);
     if (rc) return rc;
   }
@@ -158,20 +164,28 @@ void capture_page(struct dentry *lower_dentry, struct page *page) {
                   PAGE_CACHE_SIZE, page_start(page->index));
 }
 
+int keep_for_later(struct page *page, struct writeback_control *wbc) {
+  redirty_page_for_writepage(wbc, page);
+  unlock_page(page);
+  return 0;
+}
+
 // The whole page is written whatever the file's size, so a mapped last page extends the lower file.
+// Who looks for free memory may hold locks of this very file: the write-back threads do it instead.
+// The mark of write-back takes the page off the list of dirty ones.
 int tarn_writepage(struct page *page, struct writeback_control *wbc) {
   struct inode *inode = page->mapping->host;
   BUG_ON(!tarn_inode(inode)->lower_file);
+  if (wbc->for_reclaim) return keep_for_later(page, wbc);
   capture_page(tarn_inode(inode)->lower_file->f_dentry, page);
 
-  int rc = tarn_write_lower_page_segment(inode, page, 0, PAGE_CACHE_SIZE);
+  const int rc = tarn_write_lower_page_segment(inode, page, 0, PAGE_CACHE_SIZE);
   set_uptodate(page, rc == 0);
-  if (rc < 0) {
-    redirty_page_for_writepage(wbc, page);
-    rc = 0;
-  }
+  if (rc < 0) return keep_for_later(page, wbc);
+  set_page_writeback(page);
   unlock_page(page);
-  return rc;
+  end_page_writeback(page);
+  return 0;
 }
 
 sector_t tarn_bmap(struct address_space *mapping, sector_t block) {

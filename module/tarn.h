@@ -93,13 +93,19 @@ inline struct super_block *tarn_lower_sb(const struct super_block *sb) {
 
 /*
  * Lends a lookup's record the lower path of its dentry for the time of a lower call, and puts the
- * upper path back at the end of the scope. Without a record (null) it does nothing.
+ * upper path back at the end of the scope. That a file is to be opened is not said meanwhile: the
+ * lower file system might open it on its own behalf and leave it to the program. Without a record
+ * (null) it does nothing.
  */
 class tarn_lower_nd {
  public:
   tarn_lower_nd(struct nameidata *nd, struct dentry *lower_dentry, struct vfsmount *lower_mnt)
-      : nd_(nd), dentry_(nd ? nd->dentry : nullptr), mnt_(nd ? nd->mnt : nullptr) {
+      : nd_(nd),
+        dentry_(nd ? nd->dentry : nullptr),
+        mnt_(nd ? nd->mnt : nullptr),
+        open_(nd ? nd->flags & LOOKUP_OPEN : 0) {
     if (!nd_) return;
+    nd_->flags &= ~LOOKUP_OPEN;
     nd_->dentry = lower_dentry;
     nd_->mnt = lower_mnt;
   }
@@ -107,6 +113,7 @@ class tarn_lower_nd {
     if (!nd_) return;
     nd_->dentry = dentry_;
     nd_->mnt = mnt_;
+    nd_->flags |= open_;
   }
   tarn_lower_nd(const tarn_lower_nd &) = delete;
   tarn_lower_nd &operator=(const tarn_lower_nd &) = delete;
@@ -115,6 +122,7 @@ class tarn_lower_nd {
   struct nameidata *nd_;
   struct dentry *dentry_;
   struct vfsmount *mnt_;
+  unsigned open_;
 };
 
 /* main.cc */

@@ -111,7 +111,8 @@ int instantiate_by_name(struct inode *dir, struct dentry *dentry, const host_ide
 
 int hostfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nameidata *nd) {
   const host_identity as = hostfs_caller();
-  const bool will_open = nd && (nd->flags & LOOKUP_OPEN);
+  // Who says nothing of a look-up makes no file to open it.
+  const bool will_open = nd != nullptr;
   int data = -1;
   const int fd = host_fs_create(&as, hostfs_fd(dir), name_of(dentry), (unsigned)mode & 07777,
                                 will_open ? &data : nullptr);

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <cstdlib>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,10 +34,9 @@ void check(bool holds) {
 class Life {
  public:
   enum class Is { kFirst, kLater };
-  explicit Life(Is is) : is_(is) {}
+  Life(Is is, std::uint32_t generation) : is_(is), generation_(generation) {}
   /* As an earlier listener left it. */
-  explicit Life(Sequencer::Position position)
-      : is_(Is::kFirst), generation_(position.generation) {
+  explicit Life(Sequencer::Position position) : is_(Is::kFirst), generation_(position.generation) {
     begin(position.last + 1);
   }
 
@@ -46,7 +44,6 @@ class Life {
 
   void in_order(const Record &record) {
     if (!begun_) begin(1);
-    if (!generation_) generation_ = record.generation;
     check(record.generation == generation_);
     check(record.wseq == static_cast<std::uint32_t>(next_));
     if (record.last()) {
@@ -77,6 +74,7 @@ class Life {
     begin(e.first);
   }
   void event(const Sequencer::Restarted &e) {
+    if (!begun_ && is_ == Is::kLater) begin(1);
     check(begun_ && e.last == static_cast<std::uint32_t>(next_ - 1));
   }
   void event(const Sequencer::Missing &e) {
@@ -112,7 +110,7 @@ class Life {
 
   Is is_;
   bool begun_ = false;
-  std::optional<std::uint32_t> generation_; /* once a record has passed */
+  std::uint32_t generation_;
   std::int64_t next_ = 0;
   std::uint32_t pages_ = 0; /* of the write that is `next_` */
   std::vector<Gap> gaps_;
@@ -121,30 +119,35 @@ class Life {
 /* A rule's present life and those before it. */
 class Rule {
  public:
-  void resumed(Sequencer::Position position) { lives_.back() = Life(position); }
+  void resumed(Sequencer::Position position) { lives_.emplace_back(position); }
+  void given(const Record &record) {
+    given_ = record.generation;
+    if (lives_.empty()) lives_.emplace_back(Life::Is::kFirst, given_);
+  }
   void in_order(const Record &record) { lives_.back().in_order(record); }
   void late(const Record &record) {
-    const auto life = std::find_if(lives_.rbegin(), lives_.rend(), [&record](const Life &l) {
-      return l.is_of(record.generation);
-    });
+    const auto life = std::find_if(lives_.rbegin(), lives_.rend(),
+                                   [&record](const Life &l) { return l.is_of(record.generation); });
     check(life != lives_.rend());
     life->late(record, life != lives_.rbegin());
   }
   void event(const Sequencer::Event &event) {
     std::visit([&](const auto &e) { lives_.back().event(e); }, event);
     if (std::holds_alternative<Sequencer::Restarted>(event))
-      lives_.emplace_back(Life::Is::kLater);
+      lives_.emplace_back(Life::Is::kLater, given_);
   }
 
  private:
-  std::vector<Life> lives_{Life(Life::Is::kFirst)};
+  std::vector<Life> lives_;
+  std::uint32_t given_ = 0; /* the generation of the record that is being added */
 };
 
 class Account : public Sequencer::Sink {
  public:
-  void given(const Uuid &rule, const std::string &bytes) {
-    ++held_[rule];
-    ++waiting_[bytes];
+  void given(const Record &record) {
+    ++held_[record.rule];
+    ++waiting_[change_text(record)];
+    rules_[record.rule].given(record);
   }
   void resumed(const Uuid &rule, Sequencer::Position position) { rules_[rule].resumed(position); }
   /* No rule has more than it may. */
@@ -229,7 +232,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
       const auto message = decode(packet);
       check(message.ok());
       const auto &record = std::get<Record>(*message);
-      account.given(record.rule, Account::change_text(record));
+      account.given(record);
       sequencer.add(record, packet, now);
       account.check_limits();
       std::fill(packet.begin(), packet.end(), std::byte{0xEE}); /* the caller's again */

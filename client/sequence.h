@@ -16,8 +16,8 @@
  *  - pages of a write are missing at its end: MissingPages.
  *  - an old number once more: Duplicate, dropped.
  *  - a record of another generation: the rule was deleted and made anew, its numbers begin again
- * with 1: Restarted. What was changed in between was not captured, so this is a loss. A record of an
- * earlier life that comes after that is passed on as late.
+ * with 1: Restarted. What was changed in between was not captured, so this is a loss. A record of
+ * an earlier life that comes after that is passed on as late.
  *  - an old number in a rule without generations (an older module): the rule was made anew, unless
  * the record is one that has just passed, of the same number and time. The clock is not used: it
  * may go back.

@@ -12,12 +12,16 @@
 #include <fmt/format.h>
 
 #include "client/control.h"
+#include "client/daemon_report.h"
 #include "client/paths.h"
 #include "client/site.h"
 #include "client/standard_fds.h"
 #include "client/text.h"
+#include "mirrord/apart.h"
 #include "mirrord/catch_up.h"
 #include "mirrord/mirror.h"
+#include "mirrord/state.h"
+#include "mirrord/touch.h"
 
 namespace {
 
@@ -77,6 +81,33 @@ void note_doubtful_source(const Site &site, const std::string &source) {
         printable(source), printable(*lower));
 }
 
+/* Of the rules that are wanted; all of them if none is named. */
+Result<Resumption::Asked> ask_numbers(const Site &site, const std::set<Uuid> &wanted) {
+  auto control = ControlChannel::connect(site);
+  if (!control) return control.error();
+  const auto rules = control->list_rules();
+  if (!rules) return rules.error();
+  const auto mounts = control->mounts();
+  if (!mounts) return mounts.error();
+  Resumption::Asked asked;
+  for (const Rule &rule : *rules) {
+    if (!wanted.empty() && !wanted.contains(rule.uuid)) continue;
+    if (const auto touched = touch(rule, *mounts); touched)
+      asked.rules.insert(rule.uuid);
+    else
+      asked.not_asked[rule.uuid] = touched.error().text;
+  }
+  return asked;
+}
+
+/* None if nobody tells. */
+std::vector<Mount> mounts_there(const Site &site) {
+  auto control = ControlChannel::connect(site);
+  if (!control) return {};
+  const auto mounts = control->mounts();
+  return mounts ? *mounts : std::vector<Mount>();
+}
+
 int mirror(const Arguments &arguments) {
   if (arguments.source.empty() || arguments.replica.empty())
     return fail("--source and --replica must be given: see 'mirrord --help'", kExitUsage);
@@ -90,10 +121,11 @@ int mirror(const Arguments &arguments) {
     if (!file) return fail(file.error().text, kExitUsage);
     options.status_file = *file;
   }
-  if (path_below(options.source, options.replica))
-    return fail(fmt::format("the replica {} lies inside the source {}: choose another directory",
-                            printable(options.replica), printable(options.source)),
-                kExitUsage);
+  const Site site = find_site();
+  if (const auto apart =
+          check_apart(options.source, options.replica, mount_table(mounts_there(site)));
+      !apart)
+    return fail(apart.error().text, kExitUsage);
   for (const std::string &rule : arguments.rules) {
     const auto uuid = parse_uuid(rule);
     if (!uuid) return fail(printable(rule) + " is not the UUID of a rule", kExitUsage);
@@ -102,12 +134,13 @@ int mirror(const Arguments &arguments) {
   umask(0);  // modes come from the records
   auto replica = Replica::open(options.replica);
   if (!replica) return fail(replica.error().text, kExitProblems);
+  auto state = StateFile::open(options.source, options.replica);
+  if (!state) return fail(state.error().text, kExitProblems);
   auto signals = SignalPipe::open({SIGTERM, SIGINT, SIGUSR1});
   if (!signals) return fail(signals.error().text, kExitProblems);
   // Before it registers: a daemon in whose place it comes ends for good.
   if (const auto writable = check_status_file(options.status_file); !writable)
     return fail(writable.error().text, kExitProblems);
-  const Site site = find_site();
   auto channel =
       DaemonChannel::open(site, arguments.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
   if (!channel) {
@@ -115,10 +148,17 @@ int mirror(const Arguments &arguments) {
     return fail(error.code == -EBUSY ? error.text + " with --take-over" : error.text, kExitChannel);
   }
   note_doubtful_source(site, options.source);
-  std::cout << fmt::format("mirrord: registered; {} is replicated to {}\n",
-                           printable(options.source), printable(options.replica))
-            << std::flush;
-  Mirror work(std::move(options), *replica, **channel);
+  options.report_file = daemon_report_file(site);
+  Resumption resumption{
+      .state = std::move(*state),
+      .ask_numbers = [&site, rules = options.rules] { return ask_numbers(site, rules); },
+      .registered =
+          [source = options.source, replica = options.replica] {
+            std::cout << fmt::format("mirrord: registered; {} is replicated to {}\n",
+                                     printable(source), printable(replica))
+                      << std::flush;
+          }};
+  Mirror work(std::move(options), *replica, **channel, std::move(resumption));
   const auto end = work.run(**signals);
   if (end == Mirror::End::kClean) return kExitOk;
   if (end == Mirror::End::kChannel) return kExitChannel;

@@ -29,12 +29,14 @@ std::string rule_name(const Uuid &rule) {
 
 }  // namespace
 
-Mirror::Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel)
+Mirror::Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel,
+               std::optional<Resumption> resumption)
     : options_(std::move(options)),
       replica_(replica),
       channel_(channel),
       applier_(options_.source, replica),
-      sequencer_(*this) {
+      sequencer_(*this),
+      resumption_(std::move(resumption)) {
   status_.pid = getpid();
   status_.source = options_.source;
   status_.replica = options_.replica;
@@ -43,6 +45,7 @@ Mirror::Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel)
 void Mirror::record(const Record &record, Sequencer::Order order) {
   RuleStatus &rule = status_.rules[record.rule];
   changed_ = true;
+  rule.unchecked = false;
   rule.last_wseq = record.wseq;
   ++rule.messages;
   const auto outcome = applier_.apply(record);
@@ -90,9 +93,9 @@ void Mirror::event(const Uuid &uuid, const Sequencer::Event &event) {
     say(fmt::format("{}: record {} came once more; not applied again", name, duplicate->wseq));
   } else if (const auto *restarted = std::get_if<Sequencer::Restarted>(&event)) {
     ++rule.gaps;
-    say(
-        fmt::format("{}: GAP: was made anew after record {}: what was changed in between is missing",
-                    name, restarted->last));
+    say(fmt::format(
+        "{}: GAP: was made anew after record {}: what was changed in between is missing", name,
+        restarted->last));
   }
 }
 
@@ -110,8 +113,9 @@ void Mirror::packet(Bytes packet, Clock::time_point now) {
     // The module says it once more with each change that it does not capture.
     if (!rule.stopped)
       say(fmt::format(
-          "{}: STOPPED by the module, which ran out of memory for it: its changes are no longer "
-          "replicated; delete the rule, add it again and copy the source anew",
+          "{}: STOPPED by the module, which could not make a record for it (no memory, or written "
+          "data that could not be read: 'tarn log' tells): its changes are no longer replicated; "
+          "delete the rule, add it again and copy the source anew",
           rule_name(stop->rule)));
     rule.stopped = changed_ = true;
   }
@@ -171,6 +175,8 @@ void Mirror::note_caught_up(std::uint64_t barriers) {
   if (!sequencer_.holds_nothing() || !come()) return;
   replica_.close_files();
   tell_unkept();
+  keep_state();
+  note_registered();
   for (; come(); catch_ups_.pop_front()) status_.caught_up_to_ns = catch_ups_.front().asked_ns;
   keep_status_file();
 }
@@ -192,8 +198,66 @@ Milliseconds Mirror::patience() const {
 Result<void> Mirror::write_status_file() {
   changed_ = false;
   written_ = Clock::now();
-  if (options_.status_file.empty()) return {};
-  return write_status(options_.status_file, status_);
+  for (const std::string &file : {options_.status_file, options_.report_file}) {
+    if (file.empty()) continue;
+    if (auto written = write_status(file, status_); !written) return written;
+  }
+  return {};
+}
+
+/*
+ * Goes on from where the last mirrord of this replica ended. Every rule is made to number a record
+ * now, so that what was changed in between is known when that record is here, not when somebody
+ * changes something again.
+ */
+void Mirror::resume() {
+  if (!resumption_) return;
+  const auto kept = resumption_->state.read();
+  if (kept) {
+    positions_ = *kept;
+  } else {
+    ++status_.unconfirmed;
+    say(kept.error().text + ": nobody knows whether changes since the last run are missing");
+  }
+  const auto asked = resumption_->ask_numbers();
+  for (const auto &[uuid, position] : positions_) {
+    if (!wanted(uuid)) continue;
+    sequencer_.resume(uuid, position);
+    if (!asked)
+      uncertain_[uuid] = asked.error().text;
+    else if (asked->rules.contains(uuid))
+      uncertain_[uuid] = "the module made no record";
+    else if (const auto why = asked->not_asked.find(uuid); why != asked->not_asked.end())
+      uncertain_[uuid] = why->second;
+  }
+  ask_catch_up();
+}
+
+void Mirror::note_registered() {
+  if (!resumption_ || std::exchange(registered_, true)) return;
+  for (const auto &[uuid, why] : uncertain_) {
+    RuleStatus &rule = status_.rules[uuid];
+    if (rule.messages != 0 || rule.stopped) continue;
+    rule.unchecked = changed_ = true;
+    say(fmt::format(
+        "{}: nobody knows whether changes since the last run are missing ({}): its next "
+        "record will tell",
+        rule_name(uuid), why));
+  }
+  uncertain_.clear();
+  resumption_->registered();
+}
+
+/* After everything that it claims has been applied. */
+void Mirror::keep_state() {
+  if (!resumption_ || channel_.taken_over()) return;
+  auto positions = positions_;
+  for (const auto &[uuid, position] : sequencer_.positions()) positions[uuid] = position;
+  if (positions == positions_) return;
+  const auto written = resumption_->state.write(positions);
+  if (!written && !told_of_state_) say(written.error().text);
+  told_of_state_ = !written.ok();
+  if (written) positions_ = std::move(positions);
 }
 
 /* That it cannot be written is said once, until it can again. */
@@ -230,6 +294,7 @@ Mirror::End Mirror::run(SignalPipe &signals) {
     say(written.error().text);
     return End::kProblems;
   }
+  resume();
   std::optional<End> end;
   while (!end) {
     const auto received = channel_.receive(patience(), signals.fd());
@@ -252,12 +317,16 @@ Mirror::End Mirror::run(SignalPipe &signals) {
       say("another daemon has taken over: no more records come here");
       end = End::kChannel;
     }
-    if (changed_ && Clock::now() - written_ >= kStatusInterval) keep_status_file();
+    if (changed_ && Clock::now() - written_ >= kStatusInterval) {
+      keep_state();
+      keep_status_file();
+    }
   }
   if (auto left = channel_.leave(); !left && *end == End::kClean) say(left.error().text);
   drain();
   sequencer_.finish();
   settle();
+  keep_state();
   status_.running = false;
   keep_status_file();
   if (*end == End::kClean && status_.problems() != 0) end = End::kProblems;

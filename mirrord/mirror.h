@@ -9,6 +9,8 @@
 
 #include <chrono>
 #include <deque>
+#include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -17,6 +19,7 @@
 #include "client/sequence.h"
 #include "client/signal_pipe.h"
 #include "mirrord/applier.h"
+#include "mirrord/state.h"
 #include "mirrord/status.h"
 
 namespace tarn {
@@ -26,8 +29,22 @@ struct MirrorOptions {
   std::string replica;
   std::set<Uuid> rules = {};    /* only these; empty: all */
   std::string status_file = {}; /* empty: none */
+  std::string report_file = {}; /* the same for `tarn status`; empty: none */
   /* How long an end waits for what the module has sent before it. */
   std::chrono::milliseconds stop_patience = std::chrono::seconds(30);
+};
+
+/* What a mirrord needs to find out what was changed while none ran. */
+struct Resumption {
+  StateFile state;
+  /* Makes the module number a record for each rule: the rules for which that was done, and why not
+   * for the others. */
+  struct Asked {
+    std::set<Uuid> rules;
+    std::map<Uuid, std::string> not_asked;
+  };
+  std::function<Result<Asked>()> ask_numbers;
+  std::function<void()> registered; /* called once nothing that is missing is undeclared */
 };
 
 class Mirror : private Sequencer::Sink {
@@ -38,7 +55,9 @@ class Mirror : private Sequencer::Sink {
     kChannel,  /* the module's side has gone, or another daemon took over */
   };
 
-  Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel);
+  /* Without a resumption nothing is known of the time before, and nothing is kept of this one. */
+  Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel,
+         std::optional<Resumption> resumption = {});
 
   /*
    * Until SIGTERM or SIGINT comes out of `signals`: then what the module has sent is still applied,
@@ -60,6 +79,9 @@ class Mirror : private Sequencer::Sink {
   void signal(int number);
   void ask_catch_up();
   void note_caught_up(std::uint64_t barriers);
+  void resume();
+  void note_registered();
+  void keep_state();
   void drain();
   Result<void> write_status_file();
   void keep_status_file();
@@ -80,6 +102,14 @@ class Mirror : private Sequencer::Sink {
   bool changed_ = true;              /* since the status file was written */
   bool told_of_status_file_ = false; /* that it cannot be written */
   std::chrono::steady_clock::time_point written_{};
+
+  std::optional<Resumption> resumption_;
+  StateFile::Positions positions_; /* in the state file */
+  bool told_of_state_ = false;     /* that it cannot be written */
+  /* Until note_registered(): the rules that may have changed while no mirrord ran, and why one of
+   * them could not be asked. */
+  std::map<Uuid, std::string> uncertain_;
+  bool registered_ = false;
 
   struct CatchUp {
     std::uint64_t barrier;

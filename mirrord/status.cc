@@ -41,7 +41,8 @@ Json to_json(const MirrorStatus &status) {
                      {"failures", rule.failures},
                      {"gaps", rule.gaps},
                      {"duplicates", rule.duplicates},
-                     {"stopped", rule.stopped}});
+                     {"stopped", rule.stopped},
+                     {"unchecked", rule.unchecked}});
     messages += rule.messages;
     bytes += rule.bytes;
     failures += rule.failures;
@@ -111,7 +112,8 @@ Result<std::string> contents(const std::string &file) {
 
 std::uint64_t MirrorStatus::problems() const {
   std::uint64_t count = lost + malformed + unconfirmed + unkept;
-  for (const auto &[uuid, rule] : rules) count += rule.failures + rule.gaps + rule.stopped;
+  for (const auto &[uuid, rule] : rules)
+    count += rule.failures + rule.gaps + rule.stopped + rule.unchecked;
   return count;
 }
 

@@ -24,7 +24,8 @@ struct RuleStatus {
   std::uint64_t failures = 0;  /* messages that could not be applied */
   std::uint64_t gaps = 0;      /* times that numbers were missing, at the beginning too */
   std::uint64_t duplicates = 0;
-  bool stopped = false; /* the module captures nothing more for it */
+  bool stopped = false;   /* the module captures nothing more for it */
+  bool unchecked = false; /* nobody knows yet whether something is missing since the last run */
 };
 
 struct MirrorStatus {

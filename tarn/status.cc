@@ -7,6 +7,7 @@
 
 #include "client/control.h"
 #include "client/daemon_lock.h"
+#include "client/daemon_report.h"
 #include "client/site.h"
 #include "client/text.h"
 #include "tarn/commands.h"
@@ -20,6 +21,9 @@ struct Status {
   std::vector<Mount> mounts;
   std::optional<std::vector<Rule>> rules; /* none if the caller may not read them */
   std::optional<pid_t> daemon;
+  std::optional<DaemonReport> report; /* none if the daemon keeps none */
+
+  bool stopped(const Rule &rule) const { return report && report->stopped.contains(rule.uuid); }
 };
 
 void print_json(const Status &status) {
@@ -34,11 +38,21 @@ void print_json(const Status &status) {
   }
   if (status.rules) {
     json["rules"] = nlohmann::ordered_json::array();
-    for (const Rule &rule : *status.rules) json["rules"].push_back(rule_json(rule));
+    for (const Rule &rule : *status.rules) {
+      json["rules"].push_back(rule_json(rule));
+      if (status.report) json["rules"].back()["stopped"] = status.stopped(rule);
+    }
   }
   json["daemon_pid"] =
       status.daemon ? nlohmann::ordered_json(*status.daemon) : nlohmann::ordered_json(nullptr);
+  if (status.report) json["daemon_problems"] = status.report->problems;
   std::cout << json.dump(2) << '\n';
+}
+
+std::string problems_text(const Status &status) {
+  if (!status.report || status.report->problems == 0) return "";
+  return fmt::format("; {} problems: the replica may differ from the source",
+                     status.report->problems);
 }
 
 void print_text(const Status &status) {
@@ -53,11 +67,14 @@ void print_text(const Status &status) {
   if (!status.rules) {
     std::cout << "rules: only root, or the user that runs tarnd, may see them\n";
   } else {
-    for (const Rule &rule : *status.rules) std::cout << "rule: " << rule_line(rule) << '\n';
+    for (const Rule &rule : *status.rules)
+      std::cout << "rule: " << rule_line(rule)
+                << (status.stopped(rule) ? " STOPPED: captures nothing more; 'tarn log' tells why\n"
+                                         : "\n");
     if (status.rules->empty()) std::cout << "rule: none; 'tarn rule add --include DIR' makes one\n";
   }
   if (status.daemon)
-    std::cout << "daemon: process " << *status.daemon << '\n';
+    std::cout << "daemon: process " << *status.daemon << problems_text(status) << '\n';
   else
     std::cout << "daemon: none; changes are not sent to anybody\n";
 }
@@ -74,8 +91,15 @@ int status_command(Format format) {
   if (!daemon) return fail(daemon.error());
   auto rules = channel->list_rules();
   if (!rules && rules.error().code != -EPERM) return fail(rules.error());
+  std::optional<DaemonReport> report;
+  if (*daemon) {
+    const auto read = read_daemon_report(site, **daemon);
+    if (!read) return fail(read.error());
+    report = *read;
+  }
   const Status status{site, std::move(*mounts),
-                      rules ? std::optional(std::move(*rules)) : std::nullopt, *daemon};
+                      rules ? std::optional(std::move(*rules)) : std::nullopt, *daemon,
+                      std::move(report)};
   if (format == Format::kJson)
     print_json(status);
   else

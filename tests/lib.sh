@@ -11,7 +11,7 @@ export PATH="$BUILD/tarn:$BUILD/tarnd:$BUILD/mirrord:$PATH"
 
 T=$(mktemp -d "${TMPDIR:-/tmp}/tarn-test.XXXXXX")
 mkdir "$T/lower" "$T/mnt" "$T/replica" "$T/run"
-export TARN_RUN_DIR="$T/run"
+export TARN_RUN_DIR="$T/run" TARN_STATE_DIR="$T/state"
 MIRRORD_PID=
 
 fail() {

@@ -11,7 +11,7 @@ SOURCE=/usr/include
 export PATH="$BUILD/tarn:$BUILD/tarnd:$BUILD/mirrord:$PATH"
 
 T=$(mktemp -d "${TMPDIR:-/tmp}/tarn-demo.XXXXXX")
-export TARN_RUN_DIR="$T/run"
+export TARN_RUN_DIR="$T/run" TARN_STATE_DIR="$T/state"
 mkdir "$T/lower" "$T/mnt" "$T/replica" "$T/run"
 mirrord_pid=
 

@@ -12,8 +12,8 @@ fi
 
 ME=65534 OTHER=12345
 chmod 755 "$T"
-mkdir "$T/dev"
-chown -R $ME:$ME "$T/lower" "$T/mnt" "$T/replica" "$T/run"
+mkdir "$T/dev" "$TARN_STATE_DIR"
+chown -R $ME:$ME "$T/lower" "$T/mnt" "$T/replica" "$T/run" "$TARN_STATE_DIR"
 as() {
   local uid=$1
   shift

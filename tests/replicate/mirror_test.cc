@@ -54,7 +54,8 @@ class MirrorTest : public testing::Test {
   TemporaryDirectory dir_;
   FakeTarnd fake_{dir_ / "run"};
   const std::string src_ = dir_ / "src";
-  const std::vector<std::string> environment_ = {"TARN_RUN_DIR=" + fake_.run_dir()};
+  const std::vector<std::string> environment_ = {"TARN_RUN_DIR=" + fake_.run_dir(),
+                                                 "TARN_STATE_DIR=" + (dir_ / "kept")};
 };
 
 TEST_F(MirrorTest, ReplaysCatchesUpAndLeaves) {
@@ -113,6 +114,31 @@ TEST_F(MirrorTest, GapsStopNoticesAndRubbishAreLoud) {
   EXPECT_EQ(ended.err.find("STOPPED"), ended.err.rfind("STOPPED")) << "said once";
   EXPECT_NE(ended.err.find("malformed message"), std::string::npos) << ended.err;
   EXPECT_TRUE(fs::exists(replica("c")));
+}
+
+TEST_F(MirrorTest, StoppedRulesAreSeenInTheToolsStatus) {
+  const std::string uuid = to_string(rule_uuid());
+  const auto tarn = [&](const std::vector<std::string> &arguments) {
+    const Ended ended = run(TARN_PROGRAM, arguments, environment_);
+    EXPECT_EQ(ended.exit, 0) << ended.err;
+    return ended.out;
+  };
+  tarn({"rule", "add", uuid, "--include", src_});
+  auto mirror = start();
+  EXPECT_EQ(tarn({"status"}).find("STOPPED"), std::string::npos);
+  fake_.send(stop_rule(rule_uuid()));
+  EXPECT_EQ(catch_up().exit, 1);
+  const std::string text = tarn({"status"});
+  EXPECT_NE(text.find("rule: " + uuid + " +" + src_ + " STOPPED"), std::string::npos) << text;
+  EXPECT_NE(text.find("; 1 problems"), std::string::npos) << text;
+  const auto json = nlohmann::json::parse(tarn({"status", "--json"}));
+  EXPECT_EQ(json["rules"][0]["stopped"], true);
+  EXPECT_EQ(json["daemon_problems"], 1);
+  mirror->signal(SIGTERM);
+  const Ended ended = mirror->wait();
+  EXPECT_EQ(ended.err.find("ran out of memory"), std::string::npos) << ended.err;
+  // Of a daemon that has ended, or is another, nothing is told.
+  EXPECT_EQ(tarn({"status"}).find("STOPPED"), std::string::npos);
 }
 
 TEST_F(MirrorTest, AMissedBeginningIsAGap) {
@@ -395,7 +421,7 @@ TEST_F(MirrorTest, OneThatCannotBeginDrivesNobodyOff) {
   EXPECT_EQ(status().dump(), before);
   first->signal(SIGTERM);
   EXPECT_EQ(first->wait().exit, 0);
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 5) << "nothing is left over";
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 6) << "nothing is left over";
 }
 
 TEST_F(MirrorTest, WrongArguments) {
@@ -416,8 +442,9 @@ TEST_F(MirrorTest, WrongArguments) {
   wrong({"--catch-up"}, 2, "--status-file");
   wrong({"--catch-up", "--status-file", dir_ / "absent"}, 3, "no mirrord writes it");
   EXPECT_EQ(run(MIRRORD_PROGRAM, {"--help"}).exit, 0);
-  const Ended nobody = run(MIRRORD_PROGRAM, {"--source", src_, "--replica", dir_ / "replica"},
-                           {"TARN_RUN_DIR=" + (dir_ / "absent")});
+  const Ended nobody =
+      run(MIRRORD_PROGRAM, {"--source", src_, "--replica", dir_ / "replica"},
+          {"TARN_RUN_DIR=" + (dir_ / "absent"), "TARN_STATE_DIR=" + (dir_ / "kept")});
   EXPECT_EQ(nobody.exit, 3);
   EXPECT_NE(nobody.err.find("no tarnd runs in"), std::string::npos);
 }

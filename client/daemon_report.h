@@ -1,0 +1,35 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * What the daemon that replicates tells other programs about itself. The module has no request that
+ * tells which rules it has stopped; the daemon hears of it and keeps a file about it in the run
+ * directory, of the form that mirrord(8) describes.
+ */
+#ifndef TARN_CLIENT_DAEMON_REPORT_H
+#define TARN_CLIENT_DAEMON_REPORT_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "client/result.h"
+#include "client/site.h"
+#include "client/uuid.h"
+
+namespace tarn {
+
+std::string daemon_report_file(const Site &site);
+
+struct DaemonReport {
+  std::uint64_t problems = 0;
+  std::set<Uuid> stopped; /* rules for which the module captures nothing more */
+};
+
+/* Of the daemon with this process id; nothing if it keeps none. */
+Result<std::optional<DaemonReport>> read_daemon_report(const Site &site, pid_t daemon);
+
+}  // namespace tarn
+
+#endif

@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/apart.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <fstream>
+#include <iterator>
+#include <optional>
+
+#include <fmt/format.h>
+
+#include "client/paths.h"
+#include "client/text.h"
+
+namespace tarn {
+namespace {
+
+/* How the second place lies to the first. */
+enum class Meeting { kNone, kSame, kWithin, kContains };
+
+std::string join(const std::string &directory, const std::string &below) {
+  if (below.empty()) return directory;
+  return (directory == "/" ? "" : directory) + "/" + below;
+}
+
+Meeting meeting_of_names(const std::string &first, const std::string &second) {
+  if (first == second) return Meeting::kSame;
+  if (path_below(first, second)) return Meeting::kWithin;
+  return path_below(second, first) ? Meeting::kContains : Meeting::kNone;
+}
+
+struct Identity {
+  dev_t device;
+  ino_t inode;
+  bool operator==(const Identity &) const = default;
+};
+
+std::optional<Identity> identity_of(const std::string &path) {
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return std::nullopt;
+  return Identity{status.st_dev, status.st_ino};
+}
+
+/* Is a directory above `path` the same as `directory`, whatever its name? */
+bool is_below(const std::string &path, const Identity &directory) {
+  for (std::size_t end = path.rfind('/'); path != "/" && end != std::string::npos;
+       end = end == 0 ? std::string::npos : path.rfind('/', end - 1)) {
+    if (identity_of(end == 0 ? "/" : path.substr(0, end)) == directory) return true;
+  }
+  return false;
+}
+
+Meeting meeting_of_inodes(const std::string &first, const std::string &second) {
+  const auto first_id = identity_of(first), second_id = identity_of(second);
+  if (first_id && first_id == second_id) return Meeting::kSame;
+  if (first_id && is_below(second, *first_id)) return Meeting::kWithin;
+  return second_id && is_below(first, *second_id) ? Meeting::kContains : Meeting::kNone;
+}
+
+/* The mount that a path lies on: the innermost, of several in one place the last. */
+const MountEntry *mount_of(const std::vector<MountEntry> &table, const std::string &path) {
+  const MountEntry *found = nullptr;
+  for (const MountEntry &entry : table) {
+    if (path_below(entry.mountpoint, path) &&
+        (!found || entry.mountpoint.size() >= found->mountpoint.size()))
+      found = &entry;
+  }
+  return found;
+}
+
+/* Where a directory lies in its file system, by whatever mount it is reached. */
+struct Location {
+  std::string device;
+  std::string path;
+};
+
+std::string path_in_lower(const MountEntry &mount) {
+  return join(mount.lower, mount.root == "/" ? "" : mount.root.substr(1));
+}
+
+std::optional<Location> location_of(const std::vector<MountEntry> &table, const std::string &path) {
+  const MountEntry *mount = mount_of(table, path);
+  if (!mount || mount->device.empty()) return std::nullopt;
+  return Location{mount->device, join(mount->root, *path_below(mount->mountpoint, path))};
+}
+
+Meeting meeting_of_locations(const std::optional<Location> &first,
+                             const std::optional<Location> &second) {
+  if (!first || !second || first->device != second->device) return Meeting::kNone;
+  return meeting_of_names(first->path, second->path);
+}
+
+/* The path, and where it lies on a mount of tarn, the lower path that it stands for, and so on. */
+std::vector<std::string> seen_through_mounts(const std::vector<MountEntry> &table,
+                                             std::string path) {
+  std::vector<std::string> paths;
+  while (std::find(paths.begin(), paths.end(), path) == paths.end()) {
+    paths.push_back(path);
+    const MountEntry *mount = mount_of(table, path);
+    if (!mount || mount->lower.empty()) break;
+    path = join(path_in_lower(*mount), *path_below(mount->mountpoint, path));
+  }
+  return paths;
+}
+
+Meeting meeting_of(const std::vector<MountEntry> &table, const std::string &first,
+                   const std::string &second) {
+  for (const Meeting meeting :
+       {meeting_of_names(first, second), meeting_of_inodes(first, second),
+        meeting_of_locations(location_of(table, first), location_of(table, second))}) {
+    if (meeting != Meeting::kNone) return meeting;
+  }
+  return Meeting::kNone;
+}
+
+/* Of all that the two are seen as. */
+Meeting meeting_through_mounts(const std::vector<MountEntry> &table, const std::string &first,
+                               const std::string &second) {
+  for (const std::string &one : seen_through_mounts(table, first)) {
+    for (const std::string &other : seen_through_mounts(table, second)) {
+      if (const auto meeting = meeting_of(table, one, other); meeting != Meeting::kNone)
+        return meeting;
+    }
+  }
+  return Meeting::kNone;
+}
+
+/* A mount below `directory` that shows `path`, or what contains it, or something in it. */
+const MountEntry *shown_below(const std::vector<MountEntry> &table, const std::string &directory,
+                              const std::string &path) {
+  for (const MountEntry &mount : table) {
+    const auto below = path_below(directory, mount.mountpoint);
+    if (!below || below->empty() || mount_of(table, mount.mountpoint) != &mount) continue;
+    if (meeting_through_mounts(table, mount.mountpoint, path) != Meeting::kNone) return &mount;
+  }
+  return nullptr;
+}
+
+Error refused(const std::string &how) {
+  return {-EINVAL, how + ": it would be replicated into itself: choose another directory"};
+}
+
+}  // namespace
+
+std::vector<MountEntry> read_mount_table(std::string_view text) {
+  std::vector<MountEntry> table;
+  while (!text.empty()) {
+    // 36 35 98:0 /root /mountpoint options [optional fields] - type source super-options
+    std::string_view line = take_until(text, '\n');
+    MountEntry entry;
+    take_until(line, ' ');
+    take_until(line, ' ');
+    entry.device = take_until(line, ' ');
+    entry.root = unescape_octal(take_until(line, ' '));
+    entry.mountpoint = unescape_octal(take_until(line, ' '));
+    while (!line.empty() && take_until(line, ' ') != "-") {
+    }
+    const std::string_view type = take_until(line, ' ');
+    if (type == "tarn" || type == "fuse.tarn") entry.lower = unescape_octal(take_until(line, ' '));
+    table.push_back(std::move(entry));
+  }
+  return table;
+}
+
+std::vector<MountEntry> mount_table(const std::vector<Mount> &mounts) {
+  std::ifstream file("/proc/self/mountinfo");
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  if (!text.empty()) return read_mount_table(text);
+  std::vector<MountEntry> table;
+  for (const Mount &mount : mounts) table.push_back({"", "/", mount.mountpoint, mount.lower});
+  return table;
+}
+
+Result<void> check_apart(const std::string &source, const std::string &replica,
+                         const std::vector<MountEntry> &table) {
+  const std::string s = printable(source), r = printable(replica);
+  switch (meeting_through_mounts(table, source, replica)) {
+    case Meeting::kSame:
+      return refused(fmt::format("the replica {} is the source {}", r, s));
+    case Meeting::kWithin:
+      return refused(fmt::format("the replica {} lies inside the source {}", r, s));
+    case Meeting::kContains:
+      return refused(fmt::format("the replica {} contains the source {}", r, s));
+    case Meeting::kNone:
+      break;
+  }
+  if (const MountEntry *mount = shown_below(table, replica, source))
+    return refused(fmt::format("the replica {} contains {}, a mount that shows the source {}", r,
+                               printable(mount->mountpoint), s));
+  // A mount of tarn below the source shows what has records of its own.
+  for (const MountEntry &mount : table) {
+    const auto below = path_below(source, mount.mountpoint);
+    if (!below || below->empty() || !mount.lower.empty()) continue;
+    if (mount_of(table, mount.mountpoint) != &mount) continue;
+    const auto meeting = meeting_through_mounts(table, mount.mountpoint, replica);
+    if (meeting == Meeting::kSame || meeting == Meeting::kWithin)
+      return refused(fmt::format("the replica {} is shown inside the source {} by the mount {}", r,
+                                 s, printable(mount.mountpoint)));
+  }
+  return {};
+}
+
+}  // namespace tarn

@@ -1,0 +1,185 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/state.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <string_view>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "client/text.h"
+#include "client/unique_fd.h"
+
+namespace tarn {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Error cannot(const std::string &what, const std::string &path, int err) {
+  return system_error(err, fmt::format("cannot {} {} for what has been replicated (TARN_STATE_DIR "
+                                       "names another directory)",
+                                       what, printable(path)));
+}
+
+Result<void> make_directories(const std::string &path) {
+  for (std::size_t end = 0; end != std::string::npos;) {
+    end = path.find('/', end + 1);
+    const std::string part = path.substr(0, end);
+    if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST && errno != EROFS && errno != EACCES)
+      return cannot("make the directory", part, errno);
+  }
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return cannot("make the directory", path, errno);
+  return {};
+}
+
+/* FNV-1a: a short name for any two paths. The file says which paths it is about. */
+std::uint64_t hash(std::string_view text) {
+  std::uint64_t value = 0xcbf29ce484222325;
+  for (const unsigned char byte : text) value = (value ^ byte) * 0x100000001b3;
+  return value;
+}
+
+/* Numbers of devices change from one boot to the next, those of inodes are used again: the time of
+ * birth, where the file system keeps one, tells two directories of one number apart. */
+Result<std::string> identity_of(const std::string &directory) {
+  struct stat status;
+  if (stat(directory.c_str(), &status) != 0)
+    return system_error(errno, "cannot look up the replica " + printable(directory));
+  std::string identity = std::to_string(status.st_ino);
+#ifdef STATX_BTIME
+  struct statx more;
+  if (statx(AT_FDCWD, directory.c_str(), 0, STATX_BTIME, &more) == 0 &&
+      (more.stx_mask & STATX_BTIME) != 0)
+    identity += fmt::format(" {}.{:09}", more.stx_btime.tv_sec, more.stx_btime.tv_nsec);
+#endif
+  return identity;
+}
+
+/* 0 or an error number. */
+int write_whole(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t written = ::write(fd, text.data(), text.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written < 0) return errno;
+    text.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return fsync(fd) == 0 ? 0 : errno;
+}
+
+Result<std::string> contents(const std::string &file) {
+  const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd) return cannot("read", file, errno);
+  std::string text;
+  char part[4096];
+  ssize_t got;
+  while ((got = read(fd.get(), part, sizeof(part))) != 0) {
+    if (got < 0 && errno != EINTR) return cannot("read", file, errno);
+    if (got > 0) text.append(part, static_cast<std::size_t>(got));
+  }
+  return text;
+}
+
+const char *variable(const char *name) {
+  const char *value = std::getenv(name);
+  return value && *value ? value : nullptr;
+}
+
+}  // namespace
+
+Result<std::string> state_directory() {
+  if (const char *given = variable("TARN_STATE_DIR")) return std::string(given);
+  if (geteuid() == 0) return std::string("/var/lib/tarn");
+  if (const char *state = variable("XDG_STATE_HOME")) return std::string(state) + "/tarn";
+  if (const char *home = variable("HOME")) return std::string(home) + "/.local/state/tarn";
+  return Error{-ENOENT,
+               "no directory is known for what has been replicated: set HOME or TARN_STATE_DIR"};
+}
+
+Result<StateFile> StateFile::open(const std::string &source, const std::string &replica) {
+  auto directory = state_directory();
+  if (!directory) return directory.error();
+  if (auto made = make_directories(*directory); !made) return made.error();
+  auto identity = identity_of(replica);
+  if (!identity) return identity.error();
+  StateFile file;
+  file.path_ = fmt::format("{}/mirrord-{:016x}.json", *directory,
+                           hash(source + std::string(1, '\0') + replica));
+  file.directory_ = std::move(*directory);
+  file.source_ = source;
+  file.replica_ = replica;
+  file.identity_ = std::move(*identity);
+  const auto trial = file.write_beside("");
+  if (!trial) return trial.error();
+  unlink(trial->c_str());
+  return file;
+}
+
+/* A new file that can take the place of the state's, and is on the disk; its name. */
+Result<std::string> StateFile::write_beside(const std::string &text) const {
+  std::string name = path_ + ".XXXXXX";
+  UniqueFd fd(mkostemp(name.data(), O_CLOEXEC));
+  if (!fd) return cannot("write", path_, errno);
+  int err = write_whole(fd.get(), text);
+  if (const int unkept = fd.close(); err == 0) err = unkept;
+  if (err == 0) return name;
+  unlink(name.c_str());
+  return cannot("write", path_, err);
+}
+
+Result<void> StateFile::write(const Positions &positions) const {
+  Json json;
+  json["source"] = json_bytes(source_);
+  json["replica"] = json_bytes(replica_);
+  json["replica_identity"] = identity_;
+  json["rules"] = Json::array();
+  for (const auto &[uuid, position] : positions)
+    json["rules"].push_back({{"uuid", to_string(uuid)},
+                             {"generation", position.generation},
+                             {"last_wseq", position.last}});
+  const auto written = write_beside(json.dump(2) + "\n");
+  if (!written) return written.error();
+  if (rename(written->c_str(), path_.c_str()) != 0) {
+    const int err = errno;
+    unlink(written->c_str());
+    return cannot("write", path_, err);
+  }
+  const UniqueFd directory(::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory || fsync(directory.get()) != 0) return cannot("write", path_, errno);
+  return {};
+}
+
+Result<StateFile::Positions> StateFile::read() const {
+  Positions positions;
+  if (access(path_.c_str(), F_OK) != 0 && errno == ENOENT) return positions;
+  const auto text = contents(path_);
+  if (!text) return text.error();
+  const Json json = Json::parse(*text, nullptr, false);
+  const Error broken{-EBADMSG, printable(path_) +
+                                   " is not what a mirrord has kept about the "
+                                   "replica " +
+                                   printable(replica_)};
+  try {
+    if (json.at("source") != json_bytes(source_) || json.at("replica") != json_bytes(replica_))
+      return broken;
+    if (json.at("replica_identity") != identity_) return positions;
+    for (const Json &rule : json.at("rules")) {
+      const auto uuid = parse_uuid(rule.at("uuid").get<std::string>());
+      if (!uuid) return broken;
+      positions[*uuid] = {rule.at("generation").get<std::uint32_t>(),
+                          rule.at("last_wseq").get<std::uint32_t>()};
+    }
+  } catch (const Json::exception &) {
+    return broken;
+  }
+  return positions;
+}
+
+}  // namespace tarn

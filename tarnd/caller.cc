@@ -13,9 +13,10 @@
 
 namespace tarnd {
 
-// The host tells a process's groups in a text that takes longer to make and read than most requests
-// take. No process changes them often, and one that gives rights up changes its user as well.
-static constexpr std::chrono::milliseconds kGroupsGood{10};
+// The host tells a process's rights in a text that takes longer to make and read than most requests
+// take. No process changes them often, and the host's own check, which comes first, knows them as
+// they are.
+static constexpr std::chrono::milliseconds kRightsGood{10};
 
 static thread_local CallerTask *worker_task;
 
@@ -39,17 +40,6 @@ CallerTask::~CallerTask() {
 
 CallerTask &caller_task() {
   return *worker_task;
-}
-
-static std::vector<unsigned> caller_groups(fuse_req_t req) {
-  std::vector<gid_t> groups(32);
-  for (;;) {
-    const int count = fuse_req_getgroups(req, static_cast<int>(groups.size()), groups.data());
-    if (count < 0) return {};  // the process is gone already
-    if (static_cast<size_t>(count) <= groups.size())
-      return {groups.begin(), groups.begin() + count};
-    groups.resize(static_cast<size_t>(count));
-  }
 }
 
 // 0 for what the host kernel does by itself, which has no process.
@@ -93,25 +83,47 @@ bool CallerTask::continues_walk(int pid, Need need) {
   return walk_.take(pid, step_of(need), tick());
 }
 
+// What the host kernel does by itself (write-back) has no process, and neither has a program of
+// another process name space for us: the host's own check, which knows its capabilities, is all
+// that there is then.
+const ProcessRights &CallerTask::rights_of(const fuse_ctx &ctx, Clock::time_point now) {
+  static const ProcessRights none{}, all{{}, kAllCapabilities};
+  if (ctx.pid == 0) return ctx.uid == 0 ? all : none;
+  KnownRights *oldest = &known_[0];
+  for (KnownRights &known : known_) {
+    if (known.pid == ctx.pid && known.uid == ctx.uid && known.gid == ctx.gid &&
+        now < known.good_until)
+      return known.rights;
+    if (known.good_until < oldest->good_until) oldest = &known;
+  }
+  oldest->pid = 0;  // nobody, should the next step fail
+  oldest->rights = process_rights(ctx.pid);
+  oldest->pid = ctx.pid;
+  oldest->uid = ctx.uid;
+  oldest->gid = ctx.gid;
+  oldest->good_until = now + kRightsGood;
+  return oldest->rights;
+}
+
 void CallerTask::become(fuse_req_t req, Need need) {
   const fuse_ctx *ctx = fuse_req_ctx(req);
   uk_call_continues(continues_walk(ctx->pid, need));
-  Identity caller;
   const bool same =
       identity_.pid == ctx->pid && identity_.uid == ctx->uid && identity_.gid == ctx->gid;
-  // What the host kernel does by itself (write-back) has no process; root needs no group to be let
-  // through.
-  const bool has_process = ctx->pid != 0;
-  const bool wants_groups = need != Need::kBasic && has_process && ctx->uid != 0;
-  if (same && (!wants_groups || Clock::now() < groups_good_until_)) return;
+  const Clock::time_point now = Clock::now();
+  if (same && (need == Need::kBasic || now < rights_good_until_)) return;
 
+  Identity caller;
   caller.pid = ctx->pid;
   caller.uid = ctx->uid;
   caller.gid = ctx->gid;
-  caller.capabilities = ctx->uid == 0 ? kAllCapabilities : 0;
-  if (wants_groups) caller.groups = caller_groups(req);
+  if (need != Need::kBasic) {
+    const ProcessRights &rights = rights_of(*ctx, now);
+    caller.groups = rights.groups;
+    caller.capabilities = rights.capabilities;
+  }
   caller.find_exe = caller_exe;
-  groups_good_until_ = wants_groups ? Clock::now() + kGroupsGood : Clock::time_point();
+  rights_good_until_ = need != Need::kBasic ? now + kRightsGood : Clock::time_point();
   if (caller == identity_) return;
   identity_.pid = -1;  // nobody, should the next step fail
   task_.become(caller);

@@ -5,19 +5,21 @@
 #ifndef TARND_CALLER_H
 #define TARND_CALLER_H
 
+#include <array>
 #include <chrono>
 #include <mutex>
 
 #include "tarnd/fuse_api.h"
 #include "tarnd/path_walk.h"
+#include "tarnd/process_rights.h"
 #include "tarnd/task.h"
 
 namespace tarnd {
 
-/* What of the caller the operation can depend on, besides pid, user, group and capabilities. */
+/* What of the caller the operation can depend on, besides pid, user and group. */
 enum class Need {
   kBasic,
-  kGroups, /* supplementary groups: whatever checks permissions */
+  kRights, /* groups and capabilities: whatever checks permissions, and what is written */
   kLookup, /* these, of a look-up */
   kPath,   /* these, of what follows the look-ups of its path in one system call of the caller's */
 };
@@ -42,6 +44,14 @@ class CallerTask {
  private:
   friend class Listening;
   using Clock = std::chrono::steady_clock;
+  struct KnownRights {
+    pid_t pid = 0; /* 0: of nobody */
+    uid_t uid = 0;
+    gid_t gid = 0;
+    ProcessRights rights;
+    Clock::time_point good_until;
+  };
+  const ProcessRights &rights_of(const fuse_ctx &ctx, Clock::time_point now);
   bool continues_walk(int pid, Need need);
   static void interrupted(fuse_req_t req, void *task);
   static void before_wait(void *task);
@@ -50,7 +60,8 @@ class CallerTask {
 
   Task task_;
   Identity identity_;
-  Clock::time_point groups_good_until_;
+  Clock::time_point rights_good_until_;
+  std::array<KnownRights, 4> known_; /* of those whom it was last */
   PathWalk walk_;
 
   fuse_req_t waiting_ = nullptr;  // whose interruption ends a wait; null once it is answered

@@ -21,23 +21,26 @@ static void op_init(void *, fuse_conn_info *conn) {
   // Only the host knows which programs run, and so must not be cut: it asks for the truncation of
   // an open when it has looked.
   conn->want &= ~FUSE_CAP_ATOMIC_O_TRUNC;
+  // The host itself checks who may do what, with the access lists that it is told of: whoever opens
+  // a FIFO, a socket or a device asks nobody else. The kernel in this process checks again, below.
+  conn->want |= conn->capable & FUSE_CAP_POSIX_ACL;
   // The kernel in this process takes set-user-id off where its own calls do.
   conn->want |= conn->capable & FUSE_CAP_HANDLE_KILLPRIV;
 }
 
-fuse_entry_param to_entry(uk_node *node, const uk_stat &stat, double attributes_kept) {
+fuse_entry_param to_entry(uk_node *node, const uk_stat &stat) {
   fuse_entry_param entry{};
   entry.ino = reinterpret_cast<fuse_ino_t>(node);
   entry.attr = to_stat(stat);
-  entry.attr_timeout = attributes_kept;
+  entry.attr_timeout = kForThisCall;
   entry.entry_timeout = kNotKept;
   return entry;
 }
 
 void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat) {
   Mount *mount = mount_of(req);
-  const bool open = mount->holdings().add_node(node);
-  const fuse_entry_param entry = to_entry(node, stat, open ? kNotKept : kForThisCall);
+  mount->holdings().add_node(node);
+  const fuse_entry_param entry = to_entry(node, stat);
   if (fuse_reply_entry(req, &entry) == -ENOENT) mount->holdings().drop_node(node, 1);
 }
 

@@ -24,13 +24,13 @@ void add_attribute_operations(fuse_lowlevel_ops *ops);
 void add_file_operations(fuse_lowlevel_ops *ops);
 
 /*
- * Names and attributes are not kept by the host: each path walk asks for each name again, so that a
- * change made directly in the lower directory is seen at once. What the walk of a system call has
- * found is good for that call (path_walk.h).
+ * Names are not kept by the host: each path walk asks for each name again, so that a change made
+ * directly in the lower directory is seen at once. What the walk of a system call has found is good
+ * for that call (path_walk.h).
  *
- * A name's answer brings the attributes with it, and the call that looked the name up asks for them
- * right after it: for that they may be used until the host's clock ticks twice, unless the file is
- * open. Whoever has it open asks without looking a name up.
+ * A name's answer brings the attributes with it, and the call that looked the name up needs them
+ * right after it, to check what the caller may do and perhaps to tell them: for that they may be
+ * used until the host's clock ticks twice.
  *
  * The host is not told to drop anything while a request is served: it may wait for pages that other
  * requests hold, and those for the threads that all wait here.
@@ -62,7 +62,7 @@ inline void reply_error(fuse_req_t req, long err) {
 /* The reference that came with the node is the host's from here on, unless it is not there to take
  * it. */
 void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat);
-fuse_entry_param to_entry(uk_node *node, const uk_stat &stat, double attributes_kept);
+fuse_entry_param to_entry(uk_node *node, const uk_stat &stat);
 
 /*
  * Runs an adapter's body as the request's caller; without memory for the caller's identity the

@@ -49,7 +49,7 @@ static void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
 static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t mode,
                       fuse_file_info *fi) {
   // Not kPath: whether the name is still free is for the kernel to ask.
-  as_waiting_caller(req, Need::kGroups, [&] {
+  as_waiting_caller(req, Need::kRights, [&] {
     uk_node *node = nullptr;
     uk_file *file = nullptr;
     uk_stat stat{};
@@ -63,7 +63,7 @@ static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_
     Holdings &holdings = mount->holdings();
     holdings.add_node(node);
     hold_opened(mount, file, node, fi);
-    const fuse_entry_param entry = to_entry(node, stat, kNotKept);
+    const fuse_entry_param entry = to_entry(node, stat);
     if (fuse_reply_create(req, &entry, fi) == -ENOENT) {
       holdings.drop_file(file);
       holdings.drop_node(node, 1);
@@ -97,7 +97,7 @@ static void op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_fil
 
 static void op_write(fuse_req_t req, fuse_ino_t, const char *data, size_t size, off_t off,
                      fuse_file_info *fi) {
-  as_waiting_caller(req, Need::kBasic, [&] {
+  as_waiting_caller(req, Need::kRights, [&] {
     const long done =
         uk_write_with(file_of(fi), data, size, static_cast<unsigned long long>(off), fi->flags);
     if (done < 0) {
@@ -199,7 +199,7 @@ static fuse_entry_param entry_of(fuse_req_t req, fuse_ino_t dir, const Name &nam
   const bool itself = name.text == "." || name.text == "..";
   if (!itself && uk_lookup(node_of(req, dir), name.text.c_str(), &node, &stat) == 0) {
     mount_of(req)->holdings().add_node(node);
-    return to_entry(node, stat, kNotKept);
+    return to_entry(node, stat);
   }
   fuse_entry_param entry{};
   entry.attr.st_ino = name.ino;
@@ -209,7 +209,7 @@ static fuse_entry_param entry_of(fuse_req_t req, fuse_ino_t dir, const Name &nam
 
 static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off,
                            fuse_file_info *fi) {
-  as_caller(req, Need::kGroups, [&] {
+  as_caller(req, Need::kRights, [&] {
     Names names{req, size, {}};
     const int err =
         uk_readdir(file_of(fi), static_cast<unsigned long long>(off), collect_name, &names);

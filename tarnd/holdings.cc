@@ -43,12 +43,10 @@ void Holdings::leave_if_unheld_locked(uk_node *node) {
   held = {};
 }
 
-bool Holdings::add_node(uk_node *node) {
+void Holdings::add_node(uk_node *node) {
   const std::lock_guard lock(mutex_);
-  Held &held = hold_locked(node);
-  held.lookups++;
+  hold_locked(node).lookups++;
   if (count_ > limit_) grown_.notify_one();
-  return held.opens > 0;
 }
 
 void Holdings::drop_node(uk_node *node, unsigned long count) {

@@ -23,8 +23,8 @@ namespace tarnd {
 
 class Holdings {
  public:
-  /* One more lookup of the node; whether it is open. */
-  bool add_node(uk_node *node);
+  /* One more lookup of the node. */
+  void add_node(uk_node *node);
   void drop_node(uk_node *node, unsigned long count);
   /* The node stays open until the file is dropped. It may be the root, which is never looked up. */
   void add_file(uk_file *file, uk_node *node);

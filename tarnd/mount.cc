@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -134,6 +135,19 @@ static std::string escaped(const std::string &value) {
   return out;
 }
 
+// What a mount may forbid for all that is below it: the lower directory's does here as well. Users
+// other than root get some of it forbidden anyway.
+static std::string forbidden_below(const std::string &lower) {
+  struct statvfs st;
+  if (statvfs(lower.c_str(), &st) != 0)
+    throw MountError(-errno, "lower directory " + lower + ": " + std::strerror(errno));
+  std::string options = st.f_flag & ST_NOEXEC ? ",noexec" : "";
+  if (geteuid() != 0) return options;
+  options += st.f_flag & ST_NOSUID ? ",nosuid" : ",suid";
+  options += st.f_flag & ST_NODEV ? ",nodev" : ",dev";
+  return options;
+}
+
 // A descriptor of which poll says that the other end has gone.
 static UniqueFd pipe_without_reader() {
   int ends[2];
@@ -149,9 +163,11 @@ void Mount::mount_host() {
   Arguments args;
   args.add("-ofsname=" + escaped(lower_));
   args.add(std::string("-osubtype=") + kType);
-  // Users other than the one that runs this program, and what mounts allow by default, are root's
-  // to give.
-  if (geteuid() == 0) args.add("-oallow_other,dev,suid");
+  // The host asks nobody who opens a FIFO, a socket or a device unless it is told to check by
+  // itself.
+  args.add("-odefault_permissions" + forbidden_below(lower_));
+  // Users other than the one that runs this program are root's to let in.
+  if (geteuid() == 0) args.add("-oallow_other");
 
   last_fuse_message.clear();
   session_ = fuse_session_new(args.get(), &fuse_operations(), sizeof(fuse_lowlevel_ops), this);

@@ -93,8 +93,4 @@ mode_t to_entry_mode(unsigned type) {
   return DTTOIF(type);
 }
 
-int to_access_mask(int mask) {
-  return mask & (R_OK | W_OK | X_OK);
-}
-
 }  // namespace tarnd

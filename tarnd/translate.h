@@ -30,9 +30,6 @@ int to_open_flags(int flags);
 /* The st_mode of a directory entry, from its DT_* type: the file type alone. */
 mode_t to_entry_mode(unsigned type);
 
-/* Bits of access(2) that the host may ask for. */
-int to_access_mask(int mask);
-
 }  // namespace tarnd
 
 #endif

@@ -142,21 +142,13 @@ TEST(Translate, EntryMode) {
   EXPECT_EQ(to_entry_mode(DT_UNKNOWN), 0u);
 }
 
-TEST(Translate, AccessMask) {
-  EXPECT_EQ(to_access_mask(R_OK), R_OK);
-  EXPECT_EQ(to_access_mask(W_OK), W_OK);
-  EXPECT_EQ(to_access_mask(X_OK), X_OK);
-  EXPECT_EQ(to_access_mask(F_OK), F_OK);
-  EXPECT_EQ(to_access_mask(R_OK | X_OK | 0x30), R_OK | X_OK);
-}
-
 TEST(Translate, Entry) {
   auto *node = reinterpret_cast<uk_node *>(0x1230);
-  const fuse_entry_param to = to_entry(node, sample_stat(), 0.25);
+  const fuse_entry_param to = to_entry(node, sample_stat());
   EXPECT_EQ(to.ino, 0x1230u);
   EXPECT_EQ(to.generation, 0u);
   EXPECT_EQ(to.attr.st_ino, 0x100000001ull);
-  EXPECT_EQ(to.attr_timeout, 0.25);
+  EXPECT_EQ(to.attr_timeout, kForThisCall);
   EXPECT_EQ(to.entry_timeout, 0);
 }
 

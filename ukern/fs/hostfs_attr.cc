@@ -11,7 +11,7 @@
 
 struct host_identity hostfs_caller(void) {
   const struct group_info *groups = current->group_info;
-  struct host_identity as = {current->fsuid, current->fsgid, 0, nullptr};
+  struct host_identity as = {current->fsuid, current->fsgid, 0, nullptr, current->cap_effective};
   if (groups) {
     as.ngroups = static_cast<unsigned>(groups->ngroups);
     as.groups = groups->gids;
@@ -22,9 +22,9 @@ struct host_identity hostfs_caller(void) {
 int hostfs_permission(struct inode *inode, int mask, struct nameidata *nd) {
   mask &= MAY_READ | MAY_WRITE | MAY_EXEC;
   if (!mask) return 0;
-  if (host_fs_can_impersonate()) {
+  const host_identity as = hostfs_caller();
+  if (host_fs_can_be(&as)) {
     // The host knows more than the mode: access control lists, security modules, mounts.
-    const host_identity as = hostfs_caller();
     // The superuser may search everywhere and change any name; if not even that on the host, what
     // follows will say so. With `nd` it is perhaps the question itself, and nothing follows.
     const bool step = S_ISDIR(inode->i_mode) && (mask == MAY_EXEC || !nd);
@@ -110,9 +110,9 @@ int hostfs_setattr(struct dentry *dentry, struct iattr *attr) {
   return error ? error : refresh_error;
 }
 
-// Access control lists are refused, as by a file system mounted without them: programs that find
-// none set the mode itself (cp -p among them), and a change of mode is something that a stackable
-// layer above can see.
+// Access control lists can be read, for they say who may do what, and not be set: programs that
+// cannot set one set the mode itself (cp -p among them), and a change of mode is something that a
+// stackable layer above can see.
 static bool is_access_list(const char *name) {
   static const char prefix[] = "system.posix_acl_";
   return strncmp(name, prefix, sizeof(prefix) - 1) == 0;
@@ -126,7 +126,6 @@ int hostfs_setxattr(struct dentry *dentry, const char *name, const void *value, 
 }
 
 ssize_t hostfs_getxattr(struct dentry *dentry, const char *name, void *value, size_t size) {
-  if (is_access_list(name)) return -EOPNOTSUPP;
   const host_identity as = hostfs_caller();
   return host_fs_getxattr(&as, hostfs_fd(dentry->d_inode), name, value, size);
 }

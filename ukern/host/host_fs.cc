@@ -2,6 +2,7 @@
 #include "ukern/host/host_fs.h"
 
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <sched.h>
 #include <sys/fsuid.h>
 #include <sys/mount.h>
@@ -19,10 +20,26 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 namespace {
+
+// The capabilities that decide about files, none of which the program needs to take an identity and
+// to give it back.
+constexpr unsigned bit(int capability) {
+  return 1u << capability;
+}
+constexpr unsigned kAboutFiles = bit(CAP_CHOWN) | bit(CAP_DAC_OVERRIDE) | bit(CAP_DAC_READ_SEARCH) |
+                                 bit(CAP_FOWNER) | bit(CAP_FSETID) | bit(CAP_LINUX_IMMUTABLE) |
+                                 bit(CAP_SYS_ADMIN) | bit(CAP_SYS_RESOURCE) | bit(CAP_MKNOD) |
+                                 bit(CAP_LEASE) | bit(CAP_SETFCAP);
+
+bool program_is_root() {
+  static const bool root = geteuid() == 0;
+  return root;
+}
 
 // Who the calling thread is for the host's file systems. Only what differs is changed, so that a
 // thread that serves one user makes no extra system call.
@@ -30,26 +47,29 @@ class ThreadIdentity {
  public:
   void become(const host_identity *as) {
     if (!prepared_) prepare();
-    if (!host_fs_can_impersonate()) return;
+    if (!program_is_root()) return;
     if (as == nullptr) {
       // The superuser is let through whatever the groups: no need to go back and forth for it.
-      if (!own_ && uid_ != own_uid_) {
-        set(own_uid_, own_gid_, own_groups_.data(), own_groups_.size());
+      if (!own_ && (uid_ != own_uid_ || capabilities_ != kAboutFiles)) {
+        set(own_uid_, own_gid_, own_groups_.data(), own_groups_.size(), kAboutFiles);
         own_ = true;
       }
       return;
     }
     static const unsigned no_group = 0;
     const unsigned *groups = as->ngroups ? as->groups : &no_group;  // never null
+    const unsigned capabilities = as->capabilities & kAboutFiles;
     const bool same_groups =
         as->ngroups == groups_.size() &&
         (groups_.empty() || std::equal(groups_.begin(), groups_.end(), groups));
-    const bool same = !own_ && as->uid == uid_ && as->gid == gid_ && same_groups;
+    const bool same =
+        !own_ && as->uid == uid_ && as->gid == gid_ && capabilities == capabilities_ && same_groups;
     if (same) return;
-    set(as->uid, as->gid, groups, as->ngroups);
+    set(as->uid, as->gid, groups, as->ngroups, capabilities);
     groups_.assign(groups, groups + as->ngroups);
     uid_ = as->uid;
     gid_ = as->gid;
+    capabilities_ = capabilities;
     own_ = false;
   }
 
@@ -63,24 +83,39 @@ class ThreadIdentity {
     own_groups_.resize(static_cast<size_t>(getgroups(0, nullptr)));
     own_groups_.resize(
         static_cast<size_t>(getgroups(static_cast<int>(own_groups_.size()), own_groups_.data())));
+    __user_cap_header_struct head = {_LINUX_CAPABILITY_VERSION_3, 0};
+    if (syscall(SYS_capget, &head, own_capabilities_) != 0) give_up("capget");
     prepared_ = true;
   }
 
   // By system call: libc's setgroups would change every thread of the program. The user is changed
-  // last on the way down and first on the way up; setfsuid itself gives and takes the capabilities
-  // that go with 0.
-  static void set(unsigned uid, unsigned gid, const unsigned *groups, size_t ngroups) {
+  // last on the way down and first on the way up; setfsuid itself gives and takes some of the
+  // capabilities that go with 0, so they are set after it.
+  void set(unsigned uid, unsigned gid, const unsigned *groups, size_t ngroups,
+           unsigned capabilities) {
     syscall(SYS_setgroups, ngroups, groups);
     setfsgid(gid);
     setfsuid(uid);
+    __user_cap_data_struct wanted[2] = {own_capabilities_[0], own_capabilities_[1]};
+    wanted[0].effective &= ~kAboutFiles | capabilities;
+    __user_cap_header_struct head = {_LINUX_CAPABILITY_VERSION_3, 0};
+    // Going on would lend a caller rights that are not his.
+    if (syscall(SYS_capset, &head, wanted) != 0) give_up("capset");
+  }
+
+  [[noreturn]] static void give_up(const char *call) {
+    std::fprintf(stderr, "a thread cannot be given its caller's rights: %s: %s\n", call,
+                 std::strerror(errno));
+    std::abort();
   }
 
   bool prepared_ = false;
   bool own_ = true;
-  unsigned uid_ = 0, gid_ = 0;
+  unsigned uid_ = 0, gid_ = 0, capabilities_ = 0;
   std::vector<unsigned> groups_;
   unsigned own_uid_ = 0, own_gid_ = 0;
   std::vector<gid_t> own_groups_;
+  __user_cap_data_struct own_capabilities_[2] = {};
 };
 
 thread_local ThreadIdentity identity;
@@ -169,9 +204,8 @@ long host_fs_start(void) {
   return limit.rlim_cur > LONG_MAX ? LONG_MAX : static_cast<long>(limit.rlim_cur);
 }
 
-int host_fs_can_impersonate(void) {
-  static const bool root = geteuid() == 0;
-  return root;
+int host_fs_can_be(const host_identity *as) {
+  return program_is_root() || as->uid == geteuid();
 }
 
 int host_fs_root(const char *path) {

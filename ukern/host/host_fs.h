@@ -24,6 +24,7 @@ struct host_identity {
   unsigned uid, gid;
   unsigned ngroups;
   const unsigned *groups;
+  unsigned capabilities; /* bit mask of CAP_*; those that are about files, and no others, count */
 };
 
 struct host_time {
@@ -47,8 +48,9 @@ struct host_statfs {
 /* Raises the limit of open descriptors as far as it goes: for root to the machine's, for others to
  * their hard limit; the limit. Does not block. */
 long host_fs_start(void);
-/* 1 when calls are made as `as`; 0 when all are made as the program itself. Does not block. */
-int host_fs_can_impersonate(void);
+/* 1 when calls are made as `as`: as anybody by root, by others as the user that runs the program.
+ * 0 when they are made as the program all the same. Does not block. */
+int host_fs_can_be(const struct host_identity *as);
 
 /* A path descriptor of a directory given by its path. */
 int host_fs_root(const char *path);

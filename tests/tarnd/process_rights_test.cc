@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/process_rights.h"
+
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+
+namespace tarnd {
+namespace {
+
+TEST(ProcessRights, AreReadFromItsStatus) {
+  const ProcessRights rights = parse_status(
+      "Name:\tGroups: 5\nUid:\t1\t2\t3\t4\nGroups:\t7 42 4294967294 \nCapInh:\t00000000ffffffff\n"
+      "CapPrm:\t000001ffffffffff\nCapEff:\t0000018000000406\nSeccomp:\t0\n");
+  EXPECT_EQ(rights.groups, (std::vector<unsigned>{7, 42, 4294967294u}));
+  EXPECT_EQ(rights.capabilities, 0x406u);
+}
+
+TEST(ProcessRights, AreNoneWhereNothingIsTold) {
+  EXPECT_EQ(parse_status(""), ProcessRights());
+  EXPECT_EQ(parse_status("Name:\tx\nGroups:\t\nCapEff:\n"), ProcessRights());
+}
+
+TEST(ProcessRights, OfThisProgramAreItsOwn) {
+  std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
+  groups.resize(static_cast<size_t>(getgroups(static_cast<int>(groups.size()), groups.data())));
+  std::sort(groups.begin(), groups.end());
+  const ProcessRights rights = process_rights(getpid());
+  EXPECT_EQ(rights.groups, groups);
+  EXPECT_EQ(rights.capabilities != 0, geteuid() == 0);
+}
+
+// A process that has ended, and one that is root in a user name space of its own.
+TEST(ProcessRights, OfOthersAreTheirsHere) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const char ok = unshare(CLONE_NEWUSER) == 0;
+    if (write(ready[1], &ok, 1) == 1) pause();
+    _exit(0);
+  }
+  char made = 0;
+  ASSERT_EQ(read(ready[0], &made, 1), 1);
+  const ProcessRights rights = process_rights(pid);
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  EXPECT_EQ(process_rights(pid), ProcessRights());
+  close(ready[0]);
+  close(ready[1]);
+  if (!made) GTEST_SKIP() << "no user name space can be made here";
+  EXPECT_EQ(rights.capabilities, 0u);
+}
+
+}  // namespace
+}  // namespace tarnd

@@ -99,6 +99,7 @@ void Sequencer::hold(Rule &rule, Number number, Bytes packet, Clock::time_point 
   held.packet.assign(packet.begin(), packet.end());
   auto decoded = decode(held.packet);
   held.record = std::get<Record>(std::move(*decoded));
+  held.arrived = now;
   held_bytes_ += held.packet.size();
   ++rule.held_records;
   rule.held[number].push_back(std::move(held));
@@ -168,6 +169,9 @@ void Sequencer::skip_gap(const Uuid &uuid, Rule &rule, Clock::time_point now) {
   rule.next = first;
   rule.next_page = 0;
   drain(uuid, rule, now);
+  // What is missing next has been waited for since the first record behind it came: a row of gaps
+  // costs one wait.
+  if (!rule.held.empty()) rule.deadline = rule.held.begin()->second.front().arrived + limits_.hold;
 }
 
 /* Was the number declared missing? Forgets it then, if this is its last message. */
@@ -213,7 +217,7 @@ void Sequencer::restart(const Uuid &uuid, Rule &rule, std::uint32_t generation) 
 
 void Sequencer::expire(Clock::time_point now) {
   for (auto &[uuid, rule] : rules_) {
-    if (!rule.held.empty() && rule.deadline <= now) skip_gap(uuid, rule, now);
+    while (!rule.held.empty() && rule.deadline <= now) skip_gap(uuid, rule, now);
   }
 }
 

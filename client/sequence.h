@@ -115,6 +115,7 @@ class Sequencer {
   struct Held {
     std::vector<std::byte> packet;
     Record record; /* views into packet */
+    Clock::time_point arrived;
   };
   /* Numbers are 64-bit inside, so that the 32-bit ones on the wire may wrap. */
   using Number = std::uint64_t;

@@ -108,6 +108,15 @@ TEST_F(SequencerTest, AGapIsDeclaredAfterItsTime) {
   EXPECT_EQ(notes_.take(), "5");
 }
 
+/* Many of them do not keep the records behind them for many times as long. */
+TEST_F(SequencerTest, ARowOfGapsCostsOneWait) {
+  add(1);
+  for (std::uint32_t number = 3; number <= 9; number += 2) add(number);
+  EXPECT_EQ(notes_.take(), "1");
+  EXPECT_EQ(after(std::chrono::seconds(5)), "missing2-2 3 missing4-4 5 missing6-6 7 missing8-8 9");
+  EXPECT_TRUE(sequencer_.holds_nothing());
+}
+
 TEST_F(SequencerTest, AGapIsDeclaredWhenTooMuchWaits) {
   add(1);
   for (std::uint32_t n = 3; n <= 6; ++n) add(n);

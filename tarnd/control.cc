@@ -183,7 +183,8 @@ void Session::get_option(Request &request) {
   if (request.head.room > kRoomMax) return reply(-ENOMEM);
   std::vector<char> &buffer = request.argument;
   int len = static_cast<int>(buffer.size());
-  if (buffer.size() < request.head.room) buffer.resize(request.head.room);
+  // The module refuses others, whatever their buffer.
+  if (is_privileged(peer_) && buffer.size() < request.head.room) buffer.resize(request.head.room);
 
   int result;
   {

@@ -13,7 +13,6 @@ extern "C" {
 #include <cerrno>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <span>
 #include <stdexcept>
@@ -23,6 +22,7 @@ extern "C" {
 
 #include "module/os_public/Include/ox_ctl.h"
 #include "module/os_public/Include/ox_msg.h"
+#include "tarnd/limited_warning.h"
 #include "tarnd/peer.h"
 #include "tarnd/unique_fd.h"
 #include "ukern/uk_core.h"
@@ -210,9 +210,11 @@ static void pump_to_kernel(int connection, uk_nlsock *sock, std::atomic<bool> *s
     const long sent = static_cast<size_t>(n) > packet.size()
                           ? -EMSGSIZE
                           : uk_nl_send(sock, packet.data(), static_cast<size_t>(n));
-    if (sent < 0)
-      std::fprintf(stderr, "tarnd: a message of %zd bytes was not taken: %s\n", n,
-                   std::strerror(static_cast<int>(-sent)));
+    if (sent < 0) {
+      static LimitedWarning not_taken;
+      not_taken.print("a message of " + std::to_string(n) +
+                      " bytes was not taken: " + std::strerror(static_cast<int>(-sent)));
+    }
   }
 }
 
@@ -223,8 +225,17 @@ static void widen(int connection) {
     setsockopt(connection, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
 }
 
+// The messages of a peer that may not say anything: the module would drop each with a line in its
+// log, which has room for so many lines.
+static void drop_messages(int connection) {
+  char first;
+  for (ssize_t n = 1; n > 0 || (n < 0 && errno == EINTR);)
+    n = recv(connection, &first, sizeof(first), 0);
+}
+
 void serve_daemon_channel(int connection) {
   const Identity peer = peer_identity(connection);
+  if (!is_privileged(peer)) return drop_messages(connection);
   // Taken now: the number may belong to another process when a signal is due.
   UniqueFd process(pidfd_open(peer.pid, 0));
   const Task task(peer);

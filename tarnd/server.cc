@@ -5,8 +5,10 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <exception>
+#include <string>
+
+#include "tarnd/peer.h"
 
 namespace tarnd {
 
@@ -53,18 +55,30 @@ void Server::accept_all() {
         serve_one(std::move(moved));
       }).detach();
     } catch (const std::exception &e) {
-      std::fprintf(stderr, "tarnd: connection refused: %s\n", e.what());
+      refused_.print(std::string("connection refused: ") + e.what());
       lock.lock();
       open_.erase(fd);
     }
   }
 }
 
+void Server::serve_peer(int connection) {
+  const Identity peer = peer_identity(connection);
+  if (is_privileged(peer)) return serve_(connection);
+  if (!unprivileged_.enter(peer.uid)) return;
+  struct Leave {
+    ~Leave() { count.leave(uid); }
+    PeerCount &count;
+    uid_t uid;
+  } const leave{unprivileged_, peer.uid};
+  serve_(connection);
+}
+
 void Server::serve_one(UniqueFd connection) {
   try {
-    serve_(connection.get());
+    serve_peer(connection.get());
   } catch (const std::exception &e) {
-    std::fprintf(stderr, "tarnd: connection closed: %s\n", e.what());
+    closed_.print(std::string("connection closed: ") + e.what());
   }
   // The number must be off the list before it is closed and can be given out again. Notifying under
   // the lock is what lets stop() return, and the object go, only after this thread has done its

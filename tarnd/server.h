@@ -5,7 +5,8 @@
  * start() once, stop() once: it ends what the connections read, after a second also what they
  * write, and returns when their threads have ended, so that a serve function that only blocks on
  * its socket needs nothing else to end. Errors that serve throws end its connection and go to
- * standard error.
+ * standard error. Users without privileges have a few connections each (peer_count.h); what is more
+ * is closed at once.
  */
 #ifndef TARND_SERVER_H
 #define TARND_SERVER_H
@@ -16,6 +17,8 @@
 #include <set>
 #include <thread>
 
+#include "tarnd/limited_warning.h"
+#include "tarnd/peer_count.h"
 #include "tarnd/unique_fd.h"
 
 namespace tarnd {
@@ -35,10 +38,13 @@ class Server {
  private:
   void accept_all();
   void serve_one(UniqueFd connection);
+  void serve_peer(int connection);
 
   UniqueFd listener_;
   Serve serve_;
   std::thread acceptor_;
+  PeerCount unprivileged_;
+  LimitedWarning refused_, closed_;
 
   std::mutex mutex_;
   std::condition_variable ended_;

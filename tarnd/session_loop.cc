@@ -8,12 +8,13 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <system_error>
 #include <thread>
 
 #include "tarnd/caller.h"
+#include "tarnd/limited_warning.h"
 
 namespace tarnd {
 
@@ -135,7 +136,8 @@ void SessionLoop::add_worker_locked() {
     std::thread([this] { work(); }).detach();
     threads_++;
   } catch (const std::system_error &e) {
-    std::fprintf(stderr, "tarnd: no further thread for a mount: %s\n", e.what());
+    static LimitedWarning no_thread;
+    no_thread.print(std::string("no further thread for a mount: ") + e.what());
     if (threads_ == 0) throw;
   }
 }

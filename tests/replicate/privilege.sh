@@ -1,7 +1,7 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
 # Another user's process may use the mount but not configure the module: its socket options get -1, its hello is
-# dropped with a warning and it sees no record, its mounts are refused; nothing has changed afterwards.
+# dropped without a line in the log and it sees no record, its mounts are refused; nothing has changed afterwards.
 . "$(dirname "$0")/../lib.sh"
 [ "$(id -u)" -eq 0 ] || { echo "skipped: only root can be somebody else" >&2; exit 77; }
 cp "$HERE/replicate/tarn_wire.py" "$T/"
@@ -22,7 +22,7 @@ other touch "$T/mnt/by-another-user"
 wait_caught_up
 [ ! -s "$T/out/seen" ] || fail "an unprivileged process was sent records"
 expect "hellos" 1 "$(helo_count)"
-tarn log | grep -q 'Dropping netlink message of type \[100\] from unprivileged process' || fail "no line about the hello"
+if tarn log | grep -q 'unprivileged process'; then fail "others may write lines into the log"; fi
 mkdir "$T/other-lower" "$T/other-mnt"
 chown 65534:65534 "$T/other-lower" "$T/other-mnt"
 if other env PATH="$PATH" tarn mount "$T/other-lower" "$T/other-mnt" 2>"$T/refused.txt"; then fail "another user could mount"; fi

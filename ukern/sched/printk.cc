@@ -64,6 +64,29 @@ bool has_level(const char *text) {
   return text[0] == '<' && text[1] >= '0' && text[1] <= '7' && text[2] == '>';
 }
 
+// What a format takes in may be a name that somebody has chosen: it ends no line, steers no
+// terminal and does not push the end of its own line out of the buffer. Only the newline at the
+// end, and those of a format that has several, are the printer's.
+void escape(const char *fmt, char *text, unsigned long size) {
+  const char *inner = strchr(fmt, '\n');
+  if (inner && inner[1]) return;
+  const unsigned long length = strlen(text);
+  const bool ends = inner || (length && text[length - 1] == '\n');
+  char out[kLineMax];
+  unsigned long n = 0;
+  for (const char *from = text; *from && n + 6 < size; from++) {
+    const auto c = (unsigned char)*from;
+    if (c == '\n' && !from[1]) break;
+    if (c == '\t' || (c >= 0x20 && c != 0x7f))
+      out[n++] = *from;
+    else
+      n += (unsigned long)sprintf(out + n, "\\%03o", c);
+  }
+  if (ends) out[n++] = '\n';
+  out[n] = 0;
+  memcpy(text, out, n + 1);
+}
+
 // Characters added to those of the text: a level that was not given counts as printed.
 int add_text(const char *text, bool *line_ended) {
   int added = 0;
@@ -109,8 +132,9 @@ bool take_line(unsigned long long from, uk_klog_line *line, char *text, unsigned
 extern "C" {
 
 int vprintk(const char *fmt, va_list args) {
-  char text[1024];
+  char text[kLineMax];
   int printed = vscnprintf(text, sizeof(text), fmt, args);
+  escape(fmt, text, sizeof(text));
   bool line_ended = false;
   ukern_word_lock(&log_word);
   printed += add_text(text, &line_ended);

@@ -239,6 +239,27 @@ CASE(core, log_lines_have_numbers_and_levels) {
   EXPECT_EQ(uk_klog_read(from + 3, 10, &line, text, sizeof(text)), 0);
 }
 
+CASE(printk, names_end_no_line) {
+  struct uk_klog_line line;
+  char text[64];
+  unsigned long long from = 0;
+  while (uk_klog_read(from, 0, &line, text, sizeof(text))) from = line.number + 1;
+  printk("%s:%d\n", "a\n<0>b\x1b\x7f", 1);
+  EXPECT_EQ(uk_klog_read(from, 0, &line, text, sizeof(text)), 1);
+  EXPECT_STREQ(text, "a\\012<0>b\\033\\177:1");
+  EXPECT_EQ(line.level, 4u);
+  // However long: what follows is a line of its own.
+  char name[1100];
+  memset(name, 'n', sizeof(name) - 1);
+  name[sizeof(name) - 1] = 0;
+  printk("%s\n", name);
+  printk("next\n");
+  EXPECT_EQ(uk_klog_read(from + 1, 0, &line, text, sizeof(text)), 1);
+  EXPECT_GT(line.len, 1000u);
+  EXPECT_EQ(uk_klog_read(from + 2, 0, &line, text, sizeof(text)), 1);
+  EXPECT_STREQ(text, "next");
+}
+
 CASE(core, log_forgets_its_oldest_lines) {
   struct uk_klog_line line;
   char text[32];

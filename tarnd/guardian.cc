@@ -63,9 +63,7 @@ static std::string unescape(const std::string &text) {
   return out;
 }
 
-// Whether the topmost mount on that place is one of ours. Somebody may have mounted something else
-// since.
-static bool is_tarn_mount(const std::string &mountpoint) {
+bool is_tarn_mount(const std::string &mountpoint) {
   std::ifstream table("/proc/self/mountinfo");
   bool ours = false;
   for (std::string line; std::getline(table, line);) {

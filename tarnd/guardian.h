@@ -37,6 +37,10 @@ class Guardian {
 
 enum class Detach { kOnlyIdle, kLazily };
 
+/* Whether the topmost mount on that place is one of ours. Somebody may have mounted something else
+ * since. */
+bool is_tarn_mount(const std::string &mountpoint);
+
 /*
  * Takes a FUSE mount out of the host's name space: umount2 for root, the helper of libfuse
  * otherwise. 0 or -errno; -EBUSY when it is in use. Safe in a process without threads only as far

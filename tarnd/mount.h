@@ -103,6 +103,7 @@ class MountTable {
 
  private:
   void serve(Mount *mount);
+  Failure wait_for_place(const std::string &place);
   Mount *find_locked(const std::string &mountpoint) const;
 
   Guardian *const guardian_;

@@ -13,6 +13,8 @@ namespace tarnd {
 
 // An unmount that has succeeded on the host leaves little to do here.
 static constexpr std::chrono::seconds kUnmountLimit{60};
+// Unless programs still use it: then nobody knows for how long.
+static constexpr std::chrono::seconds kPlaceLimit{10};
 
 // One spelling for one place, without looking at the file system: it may be the mount that does not
 // answer.
@@ -32,14 +34,23 @@ Mount *MountTable::find_locked(const std::string &mountpoint) const {
   return nullptr;
 }
 
+// A mount that the host has taken away, whoever asked it to, is here until everything is given
+// back.
+Failure MountTable::wait_for_place(const std::string &place) {
+  const bool on_host = is_tarn_mount(place);
+  std::unique_lock lock(mutex_);
+  if (closed_) return failure(-ESHUTDOWN, "cannot mount on " + place);
+  if (!find_locked(place)) return {};
+  if (on_host) return failure(-EBUSY, place + " is mounted already");
+  if (!changed_.wait_for(lock, kPlaceLimit, [&] { return closed_ || !find_locked(place); }))
+    return failure(-EBUSY, place + " is unmounted, but programs still use what was mounted there");
+  return closed_ ? failure(-ESHUTDOWN, "cannot mount on " + place) : Failure{};
+}
+
 Failure MountTable::mount(const std::string &lower, const std::string &mountpoint) {
   const std::string place = normal(mountpoint);
   const std::lock_guard one_at_a_time(mounting_);
-  {
-    const std::lock_guard lock(mutex_);
-    if (closed_) return failure(-ESHUTDOWN, "cannot mount on " + place);
-    if (find_locked(place)) return failure(-EBUSY, place + " is mounted already");
-  }
+  if (Failure taken = wait_for_place(place); taken.err != 0) return taken;
   try {
     auto mount = std::make_unique<Mount>(normal(lower), place, guardian_);
     const std::lock_guard lock(mutex_);

@@ -92,6 +92,15 @@ def make_tree(top):
         os.chown(os.path.join(top, directory), OWNER, OWNERS)
         os.setxattr(os.path.join(top, directory), "system.posix_acl_access", access_list(*entries))
         names.append((directory, "directory"))
+    # Where everybody may make names and remove his own: what the machine protects there (fs.protected_*) it protects.
+    os.mkdir(os.path.join(top, "sticky"))
+    os.chmod(os.path.join(top, "sticky"), 0o1777)
+    for kind in "file", "fifo", "device", "socket":
+        for name in "open", "owners":
+            add("sticky", kind, name, MODES[name])
+    os.symlink("file-open", os.path.join(top, "sticky", "link"))
+    os.lchown(os.path.join(top, "sticky", "link"), OWNER, OWNERS)
+    names.append(("sticky/link", "link"))
     return names, kept
 
 
@@ -170,6 +179,10 @@ def connect(path):
             pass
 
 
+def link(path):
+    os.link(path, path + ".link")
+
+
 def make_in(make):
     def call(directory):
         make(os.path.join(directory, "new"))
@@ -184,6 +197,10 @@ def operations(kind):
         yield "open for reading", opened(os.O_RDONLY)
     if kind in ("file", "device"):
         yield "open for writing", opened(os.O_WRONLY)
+    if kind in ("file", "fifo"):
+        yield "open or make", opened(os.O_RDWR | os.O_CREAT)
+    if kind == "link":
+        return
     if kind == "fifo":
         yield "open for both", opened(os.O_RDWR)
     if kind == "file":
@@ -203,6 +220,7 @@ def operations(kind):
     yield "give to the group", lambda path: os.chown(path, -1, CREW)
     yield "set the times of", lambda path: os.utime(path, (1, 1))
     yield "touch", os.utime
+    yield "link", link
 
 
 def refuse():
@@ -249,6 +267,8 @@ class Worker:
 
 def put_back(path, before):
     """The object as it was, by its way below."""
+    if os.path.lexists(path + ".link"):
+        os.unlink(path + ".link")
     if stat.S_ISDIR(before["stat"].st_mode):
         new = os.path.join(path, "new")
         if os.path.isdir(new):
@@ -303,7 +323,7 @@ def compare(lower, mount):
             server.close()
     # An operation that is always allowed, or never, says nothing about who may.
     for (kind, what), said in answers.items():
-        if len(said) < 2 and (kind, what) != ("directory", "stat"):
+        if len(said) < 2 and (kind, what) not in (("directory", "stat"), ("directory", "link")) and kind != "link":
             differences.append("%s %s: always %s" % (what, kind, said))
     for line in differences:
         print(line, file=sys.stderr)

@@ -5,6 +5,7 @@
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <cerrno>
@@ -77,6 +78,19 @@ bool is_tarn_mount(const std::string &mountpoint) {
   return ours;
 }
 
+// Nobody answers requests any more. A thread of the dead program may wait for one inside the host's
+// kernel and keep all of it alive, so they are ended. The mount stays: nothing shall be written
+// unseen to the directory under it. As long as we use it, it cannot be unmounted by this.
+static void end_requests(const std::string &mountpoint) {
+  const UniqueFd used(open(mountpoint.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (used && geteuid() == 0) umount2(mountpoint.c_str(), UMOUNT_NOFOLLOW | MNT_FORCE);
+}
+
+bool is_dead_tarn_mount(const std::string &mountpoint) {
+  struct stat st;
+  return stat(mountpoint.c_str(), &st) != 0 && errno == ENOTCONN && is_tarn_mount(mountpoint);
+}
+
 [[noreturn]] static void guard(int line) {
   prctl(PR_SET_NAME, "tarnd-guardian");
   for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) std::signal(signal, SIG_IGN);
@@ -90,14 +104,8 @@ bool is_tarn_mount(const std::string &mountpoint) {
     if (buf[0] == kWatch) mounts.insert(mountpoint);
     if (buf[0] == kForget) mounts.erase(mountpoint);
   }
-  // Innermost first.
-  for (auto it = mounts.rbegin(); it != mounts.rend(); ++it) {
-    if (!is_tarn_mount(*it)) continue;
-    // Busy or not, this ends the requests that nobody answers any more. A thread of the dead
-    // program may wait for one of them inside the host's kernel, and keep it all alive.
-    if (geteuid() == 0) umount2(it->c_str(), UMOUNT_NOFOLLOW | MNT_FORCE);
-    if (is_tarn_mount(*it)) unmount_host(*it, Detach::kLazily);
-  }
+  for (const std::string &mountpoint : mounts)
+    if (is_tarn_mount(mountpoint)) end_requests(mountpoint);
   std::_Exit(EXIT_SUCCESS);
 }
 
@@ -135,8 +143,8 @@ void Guardian::tell(char what, const std::string &mountpoint) {
     if (told_that_it_is_gone_.exchange(true)) return;
     std::fprintf(stderr,
                  "tarnd: the guardian (process %d) does not listen any more: %s; should tarnd be "
-                 "killed, its mounts stay, dead, until 'umount -l' takes each away; restart tarnd "
-                 "to have a guardian\n",
+                 "killed, programs may wait on its mounts until 'umount -f' ends that; restart "
+                 "tarnd to have a guardian\n",
                  static_cast<int>(pid_), std::strerror(err));
     return;
   }

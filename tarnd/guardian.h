@@ -1,8 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A small process that stands beside tarnd and unmounts what tarnd leaves behind when it is killed:
- * when the line to it breaks, every mount point that it still knows is detached. It is started
- * before tarnd's first thread and ends with tarnd.
+ * A small process that stands beside tarnd and sees to the mounts that tarnd leaves behind when it
+ * is killed: when the line to it breaks, requests that nobody answers are ended on every mount
+ * point that it still knows. The mounts stay, and refuse whatever is tried there, until the next
+ * tarnd is to mount there or somebody unmounts them; otherwise programs would write to the bare
+ * directory below, unseen. The process is started before tarnd's first thread and ends with tarnd.
  */
 #ifndef TARND_GUARDIAN_H
 #define TARND_GUARDIAN_H
@@ -40,6 +42,8 @@ enum class Detach { kOnlyIdle, kLazily };
 /* Whether the topmost mount on that place is one of ours. Somebody may have mounted something else
  * since. */
 bool is_tarn_mount(const std::string &mountpoint);
+/* Whether it is one that a killed tarnd has left. */
+bool is_dead_tarn_mount(const std::string &mountpoint);
 
 /*
  * Takes a FUSE mount out of the host's name space: umount2 for root, the helper of libfuse

@@ -51,6 +51,7 @@ static void require_directory(const char *what, const std::string &path) {
 
 Mount::Mount(std::string lower, std::string mountpoint, Guardian *guardian)
     : lower_(std::move(lower)), mountpoint_(std::move(mountpoint)), guardian_(guardian) {
+  take_over();
   require_directory("lower directory", lower_);
   require_directory("mount point", mountpoint_);
   mount_kernel();
@@ -61,6 +62,14 @@ Mount::Mount(std::string lower, std::string mountpoint, Guardian *guardian)
     unmount_kernel();
     throw;
   }
+}
+
+// What a killed tarnd has left in that place refuses everything; it goes only for the next mount.
+void Mount::take_over() {
+  if (!is_dead_tarn_mount(mountpoint_)) return;
+  if (const int err = unmount_host(mountpoint_, Detach::kLazily); err != 0)
+    throw MountError(err, "cannot take away what a killed tarnd has left on " + mountpoint_ + ": " +
+                              std::strerror(-err));
 }
 
 void Mount::end() {

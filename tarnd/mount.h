@@ -68,6 +68,7 @@ class Mount {
   fuse_session *session() const { return session_; }
 
  private:
+  void take_over();
   void mount_kernel();
   void unmount_kernel();
   void mount_host();

@@ -88,10 +88,14 @@ Failure MountTable::unmount(const std::string &mountpoint, Detach how) {
   const std::string place = normal(mountpoint);
   std::unique_lock lock(mutex_);
   const Mount *mount = find_locked(place);
-  if (!mount || mount->detached()) return failure(-EINVAL, place + " is not a mount of tarn");
+  const bool ours = mount && !mount->detached();
 
   // The host asks this program about the path, and a mount that ends needs the lock.
   lock.unlock();
+  if (!ours && is_dead_tarn_mount(place))
+    how = Detach::kLazily;
+  else if (!ours)
+    return failure(-EINVAL, place + " is not a mount of tarn");
   const int err = unmount_host(place, how);
   lock.lock();
   if (err == -EBUSY && how == Detach::kOnlyIdle)
@@ -99,7 +103,7 @@ Failure MountTable::unmount(const std::string &mountpoint, Detach how) {
                             ", which programs use: end them, or unmount it with --lazy");
   if (err) return failure(err, "cannot unmount " + place);
   if (how == Detach::kLazily) {
-    if (Mount *left = find_locked(place)) left->set_detached();
+    if (Mount *left = ours ? find_locked(place) : nullptr) left->set_detached();
     return {};
   }
   if (!changed_.wait_for(lock, kUnmountLimit, [&] { return !find_locked(place); }))

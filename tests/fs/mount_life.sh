@@ -41,12 +41,31 @@ echo x >"$T/lower/x"
 cmp "$T/lower/x" "$T/mnt/x"
 tarn umount "$T/lower"
 
-kill -KILL "$(pid)"
-wait_until 10 "no mount is left by a tarnd that was killed" not_mounted "$T/mnt"
-ls "$T/mnt" >/dev/null
+# What a tarnd that was killed leaves refuses everything: nothing is written to the bare directory below. The next mount
+# takes its place; so does whoever unmounts it.
+dead() { mounted "$1" && ! stat "$1" 2>/dev/null; }
+kill_tarnd() {
+  kill -KILL "$(pid)"
+  wait_until 10 "the mount refuses" dead "$T/mnt"
+}
+mkdir "$T/mnt/inside"
+cd "$T/mnt/inside"
+kill_tarnd
+if touch "$T/mnt/unseen" 2>/dev/null; then fail "a file was made under a mount that is dead"; fi
+if touch unseen 2>/dev/null; then fail "a file was made in a mount that is dead"; fi
+cd "$T"
 tarn mount "$T/lower" "$T/mnt"
 [ "$(cat "$T/mnt/open")" = late ] || fail "the mount after the restart shows something else"
+[ "$(grep -c " $T/mnt .* - fuse.tarn " /proc/self/mountinfo)" -eq 1 ] || fail "the dead mount is still there"
+kill_tarnd
+if [ "$(id -u)" -eq 0 ]; then umount "$T/mnt"; else fusermount3 -u "$T/mnt"; fi
+[ -z "$(ls -A "$T/mnt")" ] || fail "something was written to the bare directory"
+tarn mount "$T/lower2" "$T/mnt"
+kill_tarnd
+tarn mount "$T/lower" "$T/lower"
 tarn umount "$T/mnt"
+not_mounted "$T/mnt" || fail "the dead mount is not unmounted"
+tarn umount "$T/lower"
 
 # A second tarnd in one run directory, and a run directory that cannot be, are told on the terminal.
 expect_error "runs already" tarnd --run-dir "$TARN_RUN_DIR"

@@ -35,8 +35,8 @@ TEST(GuardianTest, ThatItWasKilledIsSaidOnceWithWhatFollows) {
                                ") does not listen any more: "))
       << said;
   EXPECT_TRUE(said.ends_with(
-      "; should tarnd be killed, its mounts stay, dead, until 'umount -l' takes each away; restart "
-      "tarnd to have a guardian\n"))
+      "; should tarnd be killed, programs may wait on its mounts until 'umount -f' ends that; "
+      "restart tarnd to have a guardian\n"))
       << said;
   EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1) << said;
 }

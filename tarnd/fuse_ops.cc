@@ -1,6 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/fuse_ops.h"
 
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <limits>
+
+#include "tarnd/limited_warning.h"
 #include "tarnd/translate.h"
 
 namespace tarnd {
@@ -37,11 +44,47 @@ fuse_entry_param to_entry(uk_node *node, const uk_stat &stat) {
   return entry;
 }
 
+// The other descriptors are for files that are only remembered, for what the kernel in this process
+// keeps, and for root and the control channel.
+static size_t most_lasting() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
+    return std::numeric_limits<size_t>::max();
+  return limit.rlim_cur / 2;
+}
+
+bool may_hold_more(fuse_req_t req) {
+  static const size_t most = most_lasting();
+  const Mount *mount = mount_of(req);
+  if (fuse_req_ctx(req)->uid == 0 || mount->holdings().lasting() < most) return true;
+  static LimitedWarning refused;
+  refused.print(mount->mountpoint() +
+                ": directories and open files have half of all descriptors; users other than root "
+                "get no more: raise the limit of descriptors (LimitNOFILE=, ulimit -n)");
+  return false;
+}
+
+static Kind kind_of(const uk_stat &stat) {
+  return S_ISDIR(stat.mode) ? Kind::kDirectory : Kind::kFile;
+}
+
+bool add_node(fuse_req_t req, uk_node *node, const uk_stat &stat) {
+  const Kind kind = kind_of(stat);
+  if (kind == Kind::kDirectory && !may_hold_more(req)) {
+    uk_node_put(node, 1);
+    return false;
+  }
+  mount_of(req)->holdings().add_node(node, kind);
+  return true;
+}
+
 void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat) {
-  Mount *mount = mount_of(req);
-  mount->holdings().add_node(node);
+  if (!add_node(req, node, stat)) {
+    reply_error(req, -ENFILE);
+    return;
+  }
   const fuse_entry_param entry = to_entry(node, stat);
-  if (fuse_reply_entry(req, &entry) == -ENOENT) mount->holdings().drop_node(node, 1);
+  if (fuse_reply_entry(req, &entry) == -ENOENT) mount_of(req)->holdings().drop_node(node, 1);
 }
 
 const fuse_lowlevel_ops &fuse_operations() {

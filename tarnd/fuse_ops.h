@@ -59,7 +59,15 @@ inline void reply_error(fuse_req_t req, long err) {
   fuse_reply_err(req, static_cast<int>(err < 0 ? -err : 0));
 }
 
-/* The reference that came with the node is the host's from here on, unless it is not there to take
+/*
+ * Whether the caller may have one more directory or open file: each costs a descriptor for as long
+ * as programs like, and root must be able to do something about it. Warns when not.
+ */
+bool may_hold_more(fuse_req_t req);
+/* The reference that came with the node is the host's from here on; false if the host may not have
+ * it, and then it is given back. */
+bool add_node(fuse_req_t req, uk_node *node, const uk_stat &stat);
+/* The same with the answer. The reference is the host's unless it is not there to take
  * it. */
 void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat);
 fuse_entry_param to_entry(uk_node *node, const uk_stat &stat);

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 
+#include <cerrno>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,7 +30,7 @@ static void reply_opened(fuse_req_t req, fuse_ino_t ino, uk_file *file, fuse_fil
 static void open_node(fuse_req_t req, fuse_ino_t ino, int flags, fuse_file_info *fi) {
   as_waiting_caller(req, Need::kPath, [&] {
     uk_file *file = nullptr;
-    const int err = uk_open(node_of(req, ino), flags, &file);
+    const int err = may_hold_more(req) ? uk_open(node_of(req, ino), flags, &file) : -ENFILE;
     if (err) {
       reply_error(req, err);
     } else {
@@ -53,15 +54,17 @@ static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_
     uk_node *node = nullptr;
     uk_file *file = nullptr;
     uk_stat stat{};
-    const int err =
-        uk_create(node_of(req, parent), name, fi->flags & ~O_NOCTTY, mode, &node, &file, &stat);
+    const int flags = fi->flags & ~O_NOCTTY;
+    const int err = may_hold_more(req)
+                        ? uk_create(node_of(req, parent), name, flags, mode, &node, &file, &stat)
+                        : -ENFILE;
     if (err) {
       reply_error(req, err);
       return;
     }
     Mount *mount = mount_of(req);
     Holdings &holdings = mount->holdings();
-    holdings.add_node(node);
+    holdings.add_node(node, Kind::kFile);
     hold_opened(mount, file, node, fi);
     const fuse_entry_param entry = to_entry(node, stat);
     if (fuse_reply_create(req, &entry, fi) == -ENOENT) {
@@ -197,10 +200,9 @@ static fuse_entry_param entry_of(fuse_req_t req, fuse_ino_t dir, const Name &nam
   uk_node *node = nullptr;
   uk_stat stat{};
   const bool itself = name.text == "." || name.text == "..";
-  if (!itself && uk_lookup(node_of(req, dir), name.text.c_str(), &node, &stat) == 0) {
-    mount_of(req)->holdings().add_node(node);
+  if (!itself && uk_lookup(node_of(req, dir), name.text.c_str(), &node, &stat) == 0 &&
+      add_node(req, node, stat))
     return to_entry(node, stat);
-  }
   fuse_entry_param entry{};
   entry.attr.st_ino = name.ino;
   entry.attr.st_mode = to_entry_mode(name.type);

@@ -58,7 +58,8 @@ static void op_mkdir(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t
   as_waiting_caller(req, Need::kPath, [&] {
     uk_node *node = nullptr;
     uk_stat stat{};
-    const int err = uk_mkdir(node_of(req, parent), name, mode, &node, &stat);
+    const int err =
+        may_hold_more(req) ? uk_mkdir(node_of(req, parent), name, mode, &node, &stat) : -ENFILE;
     reply_node(req, err, node, stat);
   });
 }

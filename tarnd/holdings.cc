@@ -40,12 +40,16 @@ void Holdings::leave_if_unheld_locked(uk_node *node) {
   Held &held = held_of(node);
   if (held.is_held()) return;
   remove_locked(node);
+  if (held.kind == Kind::kDirectory) directories_--;
   held = {};
 }
 
-void Holdings::add_node(uk_node *node) {
+void Holdings::add_node(uk_node *node, Kind kind) {
   const std::lock_guard lock(mutex_);
-  hold_locked(node).lookups++;
+  Held &held = hold_locked(node);
+  held.lookups++;
+  if (kind == Kind::kDirectory && held.kind != kind) directories_++;
+  held.kind = kind;
   if (count_ > limit_) grown_.notify_one();
 }
 
@@ -103,6 +107,11 @@ void Holdings::clear() {
 size_t Holdings::nodes() const {
   const std::lock_guard lock(mutex_);
   return count_;
+}
+
+size_t Holdings::lasting() const {
+  const std::lock_guard lock(mutex_);
+  return directories_ + files_.size();
 }
 
 // From the front, and what was looked at goes to the back, so that every node has its turn: which

@@ -21,18 +21,23 @@
 
 namespace tarnd {
 
+/* Files can be forgotten, unless they are open; directories stay. */
+enum class Kind : bool { kFile, kDirectory };
+
 class Holdings {
  public:
   /* One more lookup of the node. */
-  void add_node(uk_node *node);
+  void add_node(uk_node *node, Kind kind);
   void drop_node(uk_node *node, unsigned long count);
   /* The node stays open until the file is dropped. It may be the root, which is never looked up. */
   void add_file(uk_file *file, uk_node *node);
   void drop_file(uk_file *file);
 
   void clear();
-  /* How many nodes are held. */
+  /* How many nodes are held, and of what stays as long as programs want: directories, and open
+   * files. */
   size_t nodes() const;
+  size_t lasting() const;
 
   /*
    * The host keeps each node that it has looked up until its own memory runs short, and each costs
@@ -49,6 +54,7 @@ class Holdings {
     uk_node *before, *after; /* in the list of those that are held; 0: the first, the last */
     unsigned long lookups;
     unsigned opens; /* files, each with a reference to the node */
+    Kind kind;      /* of one that was looked up */
     bool is_held() const { return lookups > 0 || opens > 0; }
   };
   static Held &held_of(uk_node *node);
@@ -62,7 +68,7 @@ class Holdings {
   std::condition_variable grown_;                      // a node was added beyond limit_, or closed_
   size_t limit_ = std::numeric_limits<size_t>::max();  // under mutex_, and so are these
   uk_node *first_ = nullptr, *last_ = nullptr;         // whose turn it is to be picked is first
-  size_t count_ = 0;
+  size_t count_ = 0, directories_ = 0;
   bool closed_ = false;
   std::unordered_map<uk_file *, uk_node *> files_;  // under mutex_
 };

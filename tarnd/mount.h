@@ -64,6 +64,7 @@ class Mount {
 
   uk_node *root() const { return root_; }
   Holdings &holdings() { return holdings_; }
+  const Holdings &holdings() const { return holdings_; }
   SessionIo &session_io() { return session_io_; }
   fuse_session *session() const { return session_; }
 

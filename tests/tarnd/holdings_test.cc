@@ -51,8 +51,8 @@ TEST_F(HoldingsTest, ANodeIsHeldUntilItsLookupsAreForgotten) {
   Holdings holdings;
   look_up();
   look_up();
-  holdings.add_node(node_);
-  holdings.add_node(node_);
+  holdings.add_node(node_, Kind::kFile);
+  holdings.add_node(node_, Kind::kFile);
   holdings.drop_node(node_, 1);
   EXPECT_EQ(holdings.nodes(), 1u);
   holdings.drop_node(node_, 2);  // one more than there are
@@ -64,7 +64,7 @@ TEST_F(HoldingsTest, ANodeIsHeldUntilItsLookupsAreForgotten) {
 
 TEST_F(HoldingsTest, WhatIsForgottenWhileItIsOpenGoesWithTheFile) {
   Holdings holdings;
-  holdings.add_node(node_);
+  holdings.add_node(node_, Kind::kFile);
   holdings.add_file(file_, node_);
   holdings.drop_node(node_, 1);
   EXPECT_EQ(holdings.nodes(), 1u);
@@ -72,11 +72,33 @@ TEST_F(HoldingsTest, WhatIsForgottenWhileItIsOpenGoesWithTheFile) {
   EXPECT_EQ(holdings.nodes(), 0u);
 }
 
+TEST_F(HoldingsTest, DirectoriesAndOpenFilesLast) {
+  Holdings holdings;
+  uk_node *root = nullptr, *dir = nullptr;
+  ASSERT_EQ(uk_node_at("/", &root), 0);
+  ASSERT_EQ(uk_mkdir(root, "dir", 0755, &dir, &stat_), 0);
+  holdings.add_node(node_, Kind::kFile);
+  EXPECT_EQ(holdings.lasting(), 0u);
+  holdings.add_file(file_, node_);
+  EXPECT_EQ(holdings.lasting(), 1u);
+  holdings.add_node(dir, Kind::kDirectory);
+  uk_node_get(dir);
+  holdings.add_node(dir, Kind::kDirectory);
+  EXPECT_EQ(holdings.lasting(), 2u);
+  holdings.drop_node(dir, 1);
+  EXPECT_EQ(holdings.lasting(), 2u);
+  holdings.drop_node(dir, 1);
+  EXPECT_EQ(holdings.lasting(), 1u);
+  holdings.clear();
+  EXPECT_EQ(holdings.lasting(), 0u);
+  uk_node_put(root, 1);
+}
+
 TEST_F(HoldingsTest, ClearGivesEverythingBack) {
   Holdings holdings;
   look_up();
-  holdings.add_node(node_);
-  holdings.add_node(node_);
+  holdings.add_node(node_, Kind::kFile);
+  holdings.add_node(node_, Kind::kFile);
   holdings.add_file(file_, node_);
   holdings.clear();
   EXPECT_EQ(holdings.nodes(), 0u);
@@ -94,7 +116,7 @@ class ManyHoldingsTest : public HoldingsTest {
       uk_node *node = nullptr;
       const std::string name = "file" + std::to_string(i);
       ASSERT_EQ(uk_mknod(root_, name.c_str(), S_IFREG | 0644, 0, &node, &stat_), 0);
-      holdings_.add_node(node);
+      holdings_.add_node(node, Kind::kFile);
     }
   }
   void TearDown() override {
@@ -142,7 +164,7 @@ TEST_F(ManyHoldingsTest, TheWaitEndsWhenOneIsAddedOrItIsClosed) {
     uk_node *node = nullptr;
     uk_stat stat{};
     EXPECT_EQ(uk_mknod(root_, "one more", S_IFREG | 0644, 0, &node, &stat), 0);
-    holdings_.add_node(node);
+    holdings_.add_node(node, Kind::kFile);
   });
   const auto picked = holdings_.wait_for_too_many(kFiles);
   adder.join();

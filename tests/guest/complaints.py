@@ -15,10 +15,11 @@ COMPLAINT = re.compile(
     r"|Redzone|double free|Can't free all objects|Busy inodes|still mounted|VFS: .*[Bb]usy|soft lockup|stack overflow"
     r"|Out of Memory|Out of memory|page allocation failure|Call Trace|tainted: |version magic|Unknown symbol"
     r"|Unknown rela|Dead loop|[Kk]ernel BUG|lockdep|unregister_netdevice|Attempt to release|refcount"
+    r"|turning off|EXT[23]-fs (warning|error)|kernel tainted|disagrees about version"
 )
 # What a kernel says at each start and means no harm by.
 HARMLESS = re.compile(
-    r"MCE: warning|warning: many lost ticks|NR_CPUS limit|Lock dependency validator|MAX_LOCK"
+    r"MCE: warning|warning: many lost ticks|NR_CPUS limit|Lock dependency validator|\.\.\. MAX_LOCK"
     r"|memory used by lock dependency|lockdep: not fixing up alternatives"
 )
 

@@ -23,6 +23,9 @@ BUG: warning at kernel/lockdep.c:1814/trace_hardirqs_on()
 BUG: scheduling while atomic: swapper/0x00000001/0
 [ INFO: possible recursive locking detected ]
 [ INFO: possible circular locking dependency detected ]
+BUG: MAX_LOCKDEP_CHAINS too low!
+BUG: MAX_LOCK_DEPTH too low!
+turning off the locking correctness validator.
 [ BUG: lock held at task exit time! ]
 [ BUG: bad unlock balance detected! ]
 Slab corruption: start=ffff81000f1a2000, len=512
@@ -37,17 +40,26 @@ Out of Memory: Kill process 123 (pressure) score 12 and children.
 pressure: page allocation failure. order:0, mode:0x20
 tarn: version magic '2.6.18 SMP gcc-4.1' should be '2.6.18 SMP gcc-12.2'
 tarn: Unknown symbol vfs_none
+tarn: disagrees about version of symbol struct_module
+tarn_exports: no version for "ox_log" found: kernel tainted.
+EXT3-fs warning (device loop0): ext3_rmdir: empty directory has nlink!=2 (1)
+EXT2-fs error (device loop0): ext2_check_page: bad entry in directory #31
 LINES
 
 cat >"$T/log" <<'LINES'
 Linux version 2.6.18 (root@build) (gcc version 12.2.0) #1 SMP
 MCE: warning: using only 10 banks
 Lock dependency validator: Copyright (c) 2006 Red Hat, Inc., Ingo Molnar
+... MAX_LOCKDEP_SUBCLASSES:    8
 ... MAX_LOCK_DEPTH:          30
+... MAX_LOCKDEP_KEYS:        2048
+... MAX_LOCKDEP_ENTRIES:     8192
+... MAX_LOCKDEP_CHAINS:      8192
 lockdep: not fixing up alternatives.
 warning: many lost ticks.
 ACPI: Core revision 20060707
 VFS: Mounted root (ext2 filesystem).
+EXT3-fs: mounted filesystem with ordered data mode.
 Register tarn filesystem success
 tarn_rename:block /lower/rep/f
 tarn_thd_trans: stop

@@ -18,6 +18,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "proof.h"
+
 enum { kSecondsPerStep = 3000, kMaxArguments = 16 };
 
 static void need(int result, const char *what) {
@@ -68,6 +70,15 @@ static void mount_all(void) {
   need(mount("tmp", "/tmp", "tmpfs", 0, NULL), "mounting /tmp");
 }
 
+/* Says behind each step whether the kernel has still proved its locking, for proof.py. */
+static void say_proof(const char *step) {
+  struct proof proof;
+
+  if (!read_proof(&proof)) return;
+  printf("proof %s %s%s\n", step, proof.on ? "on" : "off", proof.tables);
+  fflush(stdout);
+}
+
 /* Orphans end here as well. */
 static void wait_for(pid_t wanted, int *status) {
   for (pid_t pid = 0; pid != wanted && (pid >= 0 || errno == EINTR);) pid = waitpid(-1, status, 0);
@@ -99,7 +110,7 @@ static void run_step(char *line) {
 }
 
 int main(void) {
-  char line[512];
+  char line[512], step[512];
   FILE *steps;
   int status;
   const pid_t logger = start_logger();
@@ -111,7 +122,10 @@ int main(void) {
   need(steps ? 0 : -1, "opening /steps");
   while (steps && fgets(line, sizeof(line), steps)) {
     line[strcspn(line, "\n")] = 0;
+    snprintf(step, sizeof(step), "%s", line + strspn(line, "/"));
+    for (char *at = step; *at; at++) *at = *at == ' ' ? '/' : *at;
     run_step(line);
+    say_proof(step);
   }
   printf("done\n");
   fflush(stdout);

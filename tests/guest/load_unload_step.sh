@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: GPL-2.0
-# Loading and unloading, and what another module imports.
+# Loading and unloading, and what another module imports. Each load takes room of the lock proof's for good.
 guest_image ext2 96M
-guest_program load_unload "$here/load_unload.c" "$here/guest.c" "$here/image.c"
-step /load_unload
+guest_program load_unload "$here/load_unload.c" "$here/proof.c" "$here/guest.c" "$here/image.c"
+step_alone /load_unload bare
+step_alone /load_unload mounted

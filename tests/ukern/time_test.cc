@@ -22,8 +22,8 @@ CASE(time, units_convert) {
   EXPECT_EQ(msecs_to_jiffies(1500), 1500ul * HZ / 1000);
   EXPECT_EQ(jiffies_to_msecs(1500), 1500u * 1000 / HZ);
   EXPECT_EQ(msecs_to_jiffies(0xffffffffu), MAX_JIFFY_OFFSET);
-  EXPECT_EQ(msecs_to_jiffies(0x80000000u),
-            0x80000000ul * HZ / 1000);  // only the highest are without end
+  // Only the highest are without end. A part of a tick is a tick.
+  EXPECT_EQ(msecs_to_jiffies(0x80000000u), (0x80000000ul * HZ + 999) / 1000);
   EXPECT_EQ(usecs_to_jiffies(0xffffffffu), MAX_JIFFY_OFFSET);
   EXPECT_EQ(usecs_to_jiffies(4000000000u), 4000ul * HZ);
   EXPECT_EQ(usecs_to_jiffies(1000000 / HZ + 1), 2ul);
@@ -59,6 +59,10 @@ CASE(time, mktime_counts_seconds_since_1970) {
 CASE(time, trunc_cuts_to_the_granularity) {
   struct timespec t = {10, 123456789};
   EXPECT_EQ(timespec_trunc(t, 1000000000).tv_nsec, 0l);
-  EXPECT_EQ(timespec_trunc(t, 10000000).tv_nsec, 120000000l);
+  EXPECT_EQ(timespec_trunc(t, 50000000).tv_nsec, 100000000l);
+  EXPECT_EQ(timespec_trunc(t, 4000000000u / HZ).tv_nsec,
+            123456789l / (4000000000l / HZ) * (4000000000l / HZ));
+  // Times come from a clock that counts ticks: what is finer is left as it is.
+  EXPECT_EQ(timespec_trunc(t, 1000000000u / HZ).tv_nsec, 123456789l);
   EXPECT_EQ(timespec_trunc(t, 1).tv_nsec, 123456789l);
 }

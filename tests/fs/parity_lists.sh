@@ -33,6 +33,17 @@ if compare kernel; then fail "a difference listed for a process is one for a ker
 cp "$T/plain" "$T/mount"
 if compare process; then fail "a listed difference that is not there was not noticed"; fi
 
+# What a lower file system has only in some configurations.
+printf '%s\n' 'open -> 0' 'read -> 4' 'close -> 0' >"$T/mount"
+printf '%s\n' 'case some' 'when plain open -> 0' 'plain read -> 3' 'mount read -> 4' 'because it is so' >"$T/list"
+compare process || fail "a difference where the plain directory says so is an error: $(cat "$T/compared")"
+printf '%s\n' 'case some' 'when plain open -> 1' 'plain read -> 3' 'mount read -> 4' 'because it is so' >"$T/list"
+if compare process; then fail "a difference passed where the plain directory says otherwise"; fi
+cp "$T/plain" "$T/mount"
+compare process || fail "a difference was missed where the plain directory says otherwise: $(cat "$T/compared")"
+printf '%s\n' 'case some' 'when open -> 1' 'plain read -> 3' 'mount read -> 4' 'because it is so' >"$T/list"
+if compare process || ! grep -q "'when' needs" "$T/compared"; then fail "'when' without 'plain' was taken"; fi
+
 # Several differences of one reason.
 printf '%s\n' 'case some' 'times 2' 'plain read -> 3' 'mount read -> 4' 'also' 'mount exit status 1' 'because it is so' >"$T/list"
 printf '%s\n' 'read -> 3' 'a' 'read -> 3' 'b' 'read -> 3' 'c' >"$T/plain"

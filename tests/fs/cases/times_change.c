@@ -5,15 +5,16 @@
 
 // Every name gets old times first. The change time cannot be set: that it moves is seen after a
 // pause longer than the coarsest clock of a file system.
-static const char *const kNames[] = {
-    "read",   "write", "empty-write", "truncate", "same-size", "chmod", "link",   "rename",
-    "unlink", "open",  "stat",        "map",      "d-list",    "d-new", "d-gone", "d-moved"};
+static const char *const kNames[] = {"read",    "write",  "empty-write", "truncate", "same-size",
+                                     "chmod",   "link",   "rename",      "unlink",   "open",
+                                     "stat",    "map",    "d-list",      "d-new",    "d-gone",
+                                     "d-moved", "d-name", "l-name"};
 enum { kCount = sizeof(kNames) / sizeof(kNames[0]) };
 static struct stat before[kCount];
 
 static void say_moved(const char *path, const struct stat *old) {
   struct stat st;
-  if (stat(path, &st) < 0) {
+  if (lstat(path, &st) < 0) {
     say("%s: %s", path, errno_name(errno));
     return;
   }
@@ -26,8 +27,10 @@ static void run_case(void) {
   char buf[16];
   const struct utimbuf old = {1000000000, 1000000000};
   for (int i = 0; i < kCount; i++) {
-    if (kNames[i][1] == '-') {
+    if (strncmp(kNames[i], "d-", 2) == 0) {
       SETUP(mkdir(kNames[i], 0755));
+    } else if (strncmp(kNames[i], "l-", 2) == 0) {
+      SETUP(symlink("stat", kNames[i]));
     } else {
       put(kNames[i], "0123456789");
     }
@@ -36,7 +39,7 @@ static void run_case(void) {
   put("d-moved/f", "x");
   SETUP(link("unlink", "unlink-other"));
   for (int i = 0; i < kCount; i++) SETUP(utime(kNames[i], &old));
-  for (int i = 0; i < kCount; i++) SETUP(stat(kNames[i], &before[i]));
+  for (int i = 0; i < kCount; i++) SETUP(lstat(kNames[i], &before[i]));
   usleep(1100000);
 
   int fd = open("read", O_RDONLY);
@@ -61,5 +64,9 @@ static void run_case(void) {
   put("d-new/f", "x");
   SETUP(unlink("d-gone/f"));
   SETUP(rename("d-moved/f", "moved"));
+  SETUP(rename("d-name", "d-other"));
+  SETUP(rename("d-other", "d-name"));
+  SETUP(rename("l-name", "l-other"));
+  SETUP(rename("l-other", "l-name"));
   for (int i = 0; i < kCount; i++) say_moved(kNames[i], &before[i]);
 }

@@ -8,6 +8,8 @@ is text: blocks with an empty line between them, each line a keyword and what it
     case NAME            the case
     kind tmpfs|ext4|...  only over this lower file system (else over each)
     runs-in process|kernel  only with the module in tarnd, or in a kernel (else in both)
+    when plain LINE      only where the case says this on a plain directory: what the lower file system has depends on how
+                         the kernel was configured
     plain LINE           what the case says on a plain directory; repeated for each line of the difference
     mount LINE           what it says on the mount
     times N              the two differ in exactly these lines at N places (else at one)
@@ -35,7 +37,7 @@ class Block:
     """The differences of one case that have one reason."""
 
     def __init__(self):
-        self.fields = {"case": [], "kind": [], "runs-in": [], "because": []}
+        self.fields = {"case": [], "kind": [], "runs-in": [], "when": [], "because": []}
         self.differences = [Difference()]
 
     def add(self, line, place):
@@ -54,12 +56,15 @@ class Block:
     def check(self, place):
         if len(self.fields["case"]) != 1 or not self.fields["because"]:
             sys.exit(f"{place}: a difference needs one 'case' and a 'because'")
+        if not all(line.startswith("plain ") for line in self.fields["when"]):
+            sys.exit(f"{place}: 'when' needs 'plain' and a line")
         if not all(any(d.lines.values()) for d in self.differences):
             sys.exit(f"{place}: a difference needs lines that differ")
 
-    def concerns(self, case, kind, runs_in):
+    def concerns(self, case, kind, runs_in, plain):
         return (
             self.fields["case"] == [case]
+            and all(line.removeprefix("plain ") in plain for line in self.fields["when"])
             and (not self.fields["kind"] or kind in self.fields["kind"])
             and (not self.fields["runs-in"] or runs_in in self.fields["runs-in"])
         )
@@ -127,13 +132,13 @@ def main():
     args = parser.parse_args()
     sys.stdout.reconfigure(errors="surrogateescape")
 
+    plain = read_transcript(args.plain)
     listed = [
         place
         for block in read_blocks(args.differences)
-        if block.concerns(args.case, args.kind, args.runs_in)
+        if block.concerns(args.case, args.kind, args.runs_in, plain)
         for place in block.places()
     ]
-    plain = read_transcript(args.plain)
     if len(plain) < 2:
         sys.exit(f"{args.case}: it says nothing")
     bad = 0

@@ -89,6 +89,10 @@ int mount_image(const char *image, const char *type, const char *options, const 
   return -1;
 }
 
+int open_image_copy(void) {
+  return open(COPY, O_RDONLY);
+}
+
 int unmount_image(const char *at) {
   int saved;
 

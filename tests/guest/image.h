@@ -5,6 +5,8 @@
 
 /* Mounts a fresh copy of the image; its size is the text in IMAGE.size. 0, or -1 with errno. */
 int mount_image(const char *image, const char *type, const char *options, const char *at);
+/* A descriptor of the mounted copy, which outlives the mount and then holds what was left. */
+int open_image_copy(void);
 /* 0, or -1 with errno when it is busy; then it is out of sight but still there. */
 int unmount_image(const char *at);
 

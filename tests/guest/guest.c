@@ -58,7 +58,7 @@ static int step(int result, const char *what) {
 static int set_up(enum guest_setting setting) {
   if (setting >= GUEST_LOADED && step(load_module("/tarn.ko", ""), "loading tarn.ko")) return -1;
   if (setting < GUEST_MOUNTED) return 0;
-  if (step(mount_image("/ext2.img", "ext2", "user_xattr", "/lower"), "mounting the lower ext2"))
+  if (step(mount_image("/ext2.img", "ext2", "user_xattr,acl", "/lower"), "mounting the lower ext2"))
     return -1;
   return step(mount("/lower", "/mnt", "tarn", 0, NULL), "mounting tarn");
 }

@@ -53,7 +53,7 @@ static void select_case(int number, char *name, size_t size) {
 }
 
 static int make_root(int disk) {
-  return disk ? mount_image("/ext2.img", "ext2", "user_xattr", "/lower")
+  return disk ? mount_image("/ext2.img", "ext2", "user_xattr,acl", "/lower")
               : mount("lower", "/lower", "tmpfs", 0, NULL);
 }
 

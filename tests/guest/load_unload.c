@@ -76,7 +76,7 @@ static void load_and_unload(void) {
 /* A bit of everything that holds objects, then all of it away. */
 static void use_a_mount(void) {
   REQUIRE(load_module("/tarn.ko", "") == 0);
-  REQUIRE(mount_image("/ext2.img", "ext2", "user_xattr", "/lower") == 0);
+  REQUIRE(mount_image("/ext2.img", "ext2", "user_xattr,acl", "/lower") == 0);
   REQUIRE(mount("/lower", "/mnt", "tarn", 0, NULL) == 0);
   EXPECT_EQ(mkdir("/mnt/dir", 0755), 0);
   EXPECT_EQ(put_file("/mnt/dir/file", "text", 4), 0);

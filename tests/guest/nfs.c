@@ -213,7 +213,8 @@ int nfs_mount(const char *at) {
 
   mkdir(EXPORT, 0755);
   if (step(bring_up_loopback(), "loopback") || step(start_portmapper(), "port mapper") ||
-      step(mount_image("/ext2.img", "ext2", "user_xattr", EXPORT), "mounting what is exported") ||
+      step(mount_image("/ext2.img", "ext2", "user_xattr,acl", EXPORT),
+           "mounting what is exported") ||
       step(export_directory(), "exporting") || step(get_handle(&handle), "file handle"))
     return -1;
   return step(mount_handle(&handle, at), "mounting");

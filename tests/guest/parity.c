@@ -38,8 +38,10 @@ static void say(const char *name, const char *where, const char *text) {
 static int mount_lower(void) {
   if (strcmp(kind, "nfs") == 0) return nfs_mount("/lower");
   if (strcmp(kind, "tmpfs") == 0) return mount("lower", "/lower", "tmpfs", 0, TMPFS_OPTIONS);
-  if (strcmp(kind, "ext3") == 0) return mount_image("/ext3.img", "ext3", "user_xattr", "/lower");
-  if (strcmp(kind, "ext2") == 0) return mount_image("/ext2.img", "ext2", "user_xattr", "/lower");
+  if (strcmp(kind, "ext3") == 0)
+    return mount_image("/ext3.img", "ext3", "user_xattr,acl", "/lower");
+  if (strcmp(kind, "ext2") == 0)
+    return mount_image("/ext2.img", "ext2", "user_xattr,acl", "/lower");
   errno = EINVAL;
   return -1;
 }

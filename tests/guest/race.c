@@ -31,7 +31,9 @@ static int remove_tree(const char *path) {
   char inner[kPathSize];
   struct dirent *entry;
   int removed = 0;
-  DIR *dir = opendir(path);
+  const int fd =
+      open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW); /* links lead back into the tree */
+  DIR *dir = fd < 0 ? NULL : fdopendir(fd);
 
   while (dir && (entry = readdir(dir))) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
@@ -88,7 +90,7 @@ int race_once(const char *top, unsigned *at) {
     case 23 ... 24:
       return link(path, other) == 0;
     case 25:
-      return symlink(other, path) == 0;
+      return symlink(other + strlen(top) + 1, path) == 0;
     case 26:
       return remove_tree(path);
     case 27:

@@ -61,6 +61,15 @@ Result<UniqueFd> connect_socket(const std::string &run_dir, const std::string &n
   return socket_fd;
 }
 
+Result<pid_t> serving_process(const UniqueFd &connection) {
+  ucred peer{};
+  socklen_t length = sizeof(peer);
+  if (getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
+    return system_error(errno, "cannot ask which process tarnd is");
+  if (peer.pid <= 1) return Error{-ESRCH, "tarnd's process is not seen from here"};
+  return peer.pid;
+}
+
 bool nobody_there(const Error &error) {
   return error.code == -ENOENT || error.code == -ECONNREFUSED;
 }

@@ -3,6 +3,8 @@
 #ifndef TARN_CLIENT_RUN_DIR_H
 #define TARN_CLIENT_RUN_DIR_H
 
+#include <sys/types.h>
+
 #include <string>
 
 #include "client/result.h"
@@ -20,6 +22,9 @@ std::string run_directory();
  * is another user's program.
  */
 Result<UniqueFd> connect_socket(const std::string &run_dir, const std::string &name);
+
+/* The process that listens at the other end of the connection. */
+Result<pid_t> serving_process(const UniqueFd &connection);
 
 /* Is the error one that says that no tarnd runs there? */
 bool nobody_there(const Error &error);

@@ -17,6 +17,7 @@
 #include "client/site.h"
 #include "client/standard_fds.h"
 #include "client/text.h"
+#include "client/workdir.h"
 #include "mirrord/apart.h"
 #include "mirrord/catch_up.h"
 #include "mirrord/mirror.h"
@@ -31,7 +32,8 @@ enum Exit { kExitOk = 0, kExitProblems = 1, kExitUsage = 2, kExitChannel = 3 };
 
 constexpr char kAbout[] =
     "mirrord replays the changes that programs make through a tarn mount in a replica directory.\n"
-    "It runs in the foreground until SIGTERM or SIGINT and says on stderr what it could not apply.";
+    "It runs in the foreground until SIGTERM, SIGINT or SIGHUP and says on stderr what it could "
+    "not apply.";
 
 constexpr char kExample[] =
     "Example, with /data mounted through tarn and a rule that includes it:\n"
@@ -65,20 +67,62 @@ int wait_for_another(const Arguments &arguments) {
   return kExitOk;
 }
 
+bool ignored(int signal) {
+  struct sigaction action;
+  return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+void note(const std::string &text) {
+  std::cerr << "mirrord: note: " + text + "\n";
+}
+
+/* Do records of the rule tell of the source? */
+bool is_about(const std::string &source, const RuleDirectories &directories) {
+  return std::any_of(directories.include.begin(), directories.include.end(),
+                     [&source](const std::string &include) {
+                       return path_below(source, include) || path_below(include, source);
+                     });
+}
+
+void note_doubtful_rules(const std::vector<Rule> &rules, const MirrorOptions &options) {
+  std::set<Uuid> absent = options.rules;
+  bool any = false;
+  for (const Rule &rule : rules) {
+    if (!options.rules.empty() && !options.rules.contains(rule.uuid)) continue;
+    absent.erase(rule.uuid);
+    const RuleDirectories directories = read_workdir(rule.workdir).directories;
+    if (!is_about(options.source, directories)) continue;
+    any = true;
+    for (const std::string &include : directories.include) {
+      if (access(include.c_str(), F_OK) != 0 && errno == ENOENT)
+        note(fmt::format("rule {} includes {}, which does not exist here", to_string(rule.uuid),
+                         printable(include)));
+    }
+  }
+  for (const Uuid &uuid : absent)
+    note(fmt::format("there is no rule {}: nothing is replicated for it", to_string(uuid)));
+  if (!any && absent.empty())
+    note(
+        fmt::format("no rule includes anything of {}: nothing is replicated; 'tarn rule add "
+                    "--include' adds one",
+                    printable(options.source)));
+}
+
 /* What would make it replicate nothing without any error. */
-void note_doubtful_source(const Site &site, const std::string &source) {
+void note_doubtful_options(const Site &site, const MirrorOptions &options) {
+  const std::string &source = options.source;
   if (access(source.c_str(), F_OK) != 0 && errno == ENOENT)
-    std::cerr << fmt::format("mirrord: note: the source {} does not exist here\n",
-                             printable(source));
+    return note(fmt::format("the source {} does not exist here", printable(source)));
   auto control = ControlChannel::connect(site);
   if (!control) return;
   const auto mounts = control->mounts();
   if (!mounts) return;
   if (const auto lower = meant_lower_path(*mounts, source))
-    std::cerr << fmt::format(
-        "mirrord: note: the source {} is a path of the mount; records are about the lower "
-        "directory: you may have meant {}\n",
-        printable(source), printable(*lower));
+    return note(
+        fmt::format("the source {} is a path of the mount; records are about the lower "
+                    "directory: you may have meant {}",
+                    printable(source), printable(*lower)));
+  if (const auto rules = control->list_rules()) note_doubtful_rules(*rules, options);
 }
 
 /* Of the rules that are wanted; all of them if none is named. */
@@ -136,7 +180,9 @@ int mirror(const Arguments &arguments) {
   if (!replica) return fail(replica.error().text, kExitProblems);
   auto state = StateFile::open(options.source, options.replica);
   if (!state) return fail(state.error().text, kExitProblems);
-  auto signals = SignalPipe::open({SIGTERM, SIGINT, SIGUSR1});
+  // A hang-up that the starter has it ignore stays ignored.
+  auto signals = ignored(SIGHUP) ? SignalPipe::open({SIGTERM, SIGINT, SIGUSR1})
+                                 : SignalPipe::open({SIGTERM, SIGINT, SIGHUP, SIGUSR1});
   if (!signals) return fail(signals.error().text, kExitProblems);
   // Before it registers: a daemon in whose place it comes ends for good.
   if (const auto writable = check_status_file(options.status_file); !writable)
@@ -147,7 +193,7 @@ int mirror(const Arguments &arguments) {
     const Error &error = channel.error();
     return fail(error.code == -EBUSY ? error.text + " with --take-over" : error.text, kExitChannel);
   }
-  note_doubtful_source(site, options.source);
+  note_doubtful_options(site, options);
   options.report_file = daemon_report_file(site);
   Resumption resumption{
       .state = std::move(*state),

@@ -183,7 +183,7 @@ void Mirror::note_caught_up(std::uint64_t barriers) {
 
 void Mirror::signal(int number) {
   if (number == SIGUSR1) return ask_catch_up();
-  if (number != SIGTERM && number != SIGINT) return;
+  if (number != SIGTERM && number != SIGINT && number != SIGHUP) return;
   if (!stop_by_) stop_by_ = Clock::now() + options_.stop_patience;
   ask_catch_up();
 }

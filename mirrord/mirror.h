@@ -60,10 +60,10 @@ class Mirror : private Sequencer::Sink {
          std::optional<Resumption> resumption = {});
 
   /*
-   * Until SIGTERM or SIGINT comes out of `signals`: then what the module has sent is still applied,
-   * and is on the disk when this returns.
-   * SIGUSR1 asks to be told, in the status file, when everything changed until then has been
-   * applied. Ends at once with kProblems if the status file cannot be written.
+   * Until SIGTERM, SIGINT or SIGHUP comes out of `signals`: then what the module has sent is still
+   * applied, and is on the disk when this returns. SIGUSR1 asks to be told, in the status file,
+   * when everything changed until then has been applied. Ends at once with kProblems if the status
+   * file cannot be written.
    */
   End run(SignalPipe &signals);
 

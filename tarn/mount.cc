@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 #include <fmt/format.h>
@@ -135,19 +134,12 @@ bool tarnd_lives(const std::string &run_dir) {
   return lock && flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
-Result<pid_t> tarnd_pid(const std::string &run_dir) {
-  pid_t pid = 0;
-  std::ifstream file(run_dir + "/" + OX_CTL_PID_FILE);
-  if (!(file >> pid) || pid <= 1)
-    return Error{-ESRCH, fmt::format("the process id of tarnd is not in {}",
-                                     printable(run_dir + "/" OX_CTL_PID_FILE))};
-  return pid;
-}
-
 /* Ends tarnd and waits until nobody answers any more. */
 Result<void> stop_tarnd(const std::string &run_dir) {
-  if (auto channel = ControlChannel::connect(tarnd_site(run_dir)); !channel) return channel.error();
-  const auto pid = tarnd_pid(run_dir);
+  // While the connection is open, its number is no other process's.
+  const auto connection = connect_socket(run_dir, OX_CTL_SOCKET);
+  if (!connection) return connection.error();
+  const auto pid = serving_process(*connection);
   if (!pid) return pid.error();
   if (kill(*pid, SIGTERM) != 0)
     return system_error(errno, fmt::format("cannot end tarnd (process {})", *pid));
@@ -161,6 +153,23 @@ Result<void> stop_tarnd(const std::string &run_dir) {
     std::this_thread::sleep_for(kPoll);
   }
   return {};
+}
+
+/* Unmounts what nobody uses; the others are taken from under the programs that use them, which is
+ * said. The last one first: it may stand on an earlier one. */
+void unmount_idle(const std::string &run_dir) {
+  auto channel = ControlChannel::connect(tarnd_site(run_dir));
+  if (!channel) return;
+  const auto mounts = channel->mounts();
+  if (!mounts) return;
+  for (auto mount = mounts->rbegin(); mount != mounts->rend(); ++mount) {
+    const auto unmounted = channel->umount(mount->mountpoint, Umount::kIfIdle);
+    if (!unmounted && unmounted.error().code == -EBUSY)
+      std::fprintf(stderr,
+                   "tarn: note: programs use %s: it is unmounted all the same, and they get errors "
+                   "from now on\n",
+                   printable(mount->mountpoint).c_str());
+  }
 }
 
 struct Connection {
@@ -229,6 +238,7 @@ int stop_command() {
     return fail({-EOPNOTSUPP,
                  "no tarnd runs that could be stopped; the module is in the running kernel: take "
                  "its mounts away with 'tarn umount' and unload it with 'rmmod tarn'"});
+  unmount_idle(site.run_dir);
   const auto stopped = stop_tarnd(site.run_dir);
   return stopped ? kExitOk : fail(stopped.error());
 }

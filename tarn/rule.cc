@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // rule add, del, list, show and flush.
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <iostream>
@@ -49,6 +51,13 @@ void note_mounted_paths(ControlChannel &channel, const std::vector<std::string> 
   }
 }
 
+void note_absent_paths(const std::vector<std::string> &paths) {
+  for (const std::string &path : paths) {
+    if (access(path.c_str(), F_OK) != 0 && errno == ENOENT)
+      std::cerr << fmt::format("tarn: note: the directory {} does not exist\n", printable(path));
+  }
+}
+
 }  // namespace
 
 int rule_add_command(const std::optional<std::string> &uuid,
@@ -76,6 +85,7 @@ int rule_add_command(const std::optional<std::string> &uuid,
   if (!channel) return fail(channel.error());
   if (auto added = channel->add_rule(rule); !added) return fail(added.error());
   note_mounted_paths(*channel, *included);
+  note_absent_paths(*included);
   if (!uuid) std::cout << to_string(rule.uuid) << '\n';
   return kExitOk;
 }

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <optional>
 #include <span>
 #include <sstream>
@@ -264,12 +266,22 @@ void Session::read_log(const Request &request) {
   reply(0, next, lines);
 }
 
+// The module writes the lower directory at the end of the options as it is.
 std::string to_mount_line(const std::string &line) {
+  constexpr std::string_view kEnd = " 0 0";
   std::istringstream words(line);
-  std::string source, place, type, options;
-  words >> source >> place >> type >> options;
+  std::string source, place, type;
+  words >> source >> place >> type >> std::ws;
   if (type != "tarn") return {};
-  return source + ' ' + place + ' ' + options + '\n';
+  std::string options(std::istreambuf_iterator<char>(words), {});
+  if (options.ends_with(kEnd)) options.resize(options.size() - kEnd.size());
+  std::string escaped;
+  for (const char c : options) {
+    char octal[5];
+    std::snprintf(octal, sizeof(octal), "\\%03o", static_cast<unsigned char>(c));
+    escaped += std::strchr(" \t\n\\", c) && c ? octal : std::string(1, c);
+  }
+  return source + ' ' + place + ' ' + escaped + '\n';
 }
 
 void Session::list_mounts() {

@@ -15,6 +15,8 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "client/control.h"
+#include "client/workdir.h"
 #include "mirrord/catch_up.h"
 #include "mirrord/mirror.h"
 #include "tests/replicate/fake_tarnd.h"
@@ -32,6 +34,11 @@ class MirrorTest : public testing::Test {
   MirrorTest() {
     fs::create_directory(dir_ / "replica");
     fs::create_directory(dir_ / "src");
+    add_rule(rule_uuid(), src_);
+  }
+  void add_rule(const Uuid &uuid, const std::string &directory) {
+    auto control = ControlChannel::connect(tarnd_site(fake_.run_dir()));
+    ASSERT_TRUE(control->add_rule({uuid, *make_workdir({{directory}, {}})}).ok());
   }
   std::unique_ptr<Program> start(std::vector<std::string> more = {}) {
     std::vector<std::string> arguments = {
@@ -123,7 +130,6 @@ TEST_F(MirrorTest, StoppedRulesAreSeenInTheToolsStatus) {
     EXPECT_EQ(ended.exit, 0) << ended.err;
     return ended.out;
   };
-  tarn({"rule", "add", uuid, "--include", src_});
   auto mirror = start();
   EXPECT_EQ(tarn({"status"}).find("STOPPED"), std::string::npos);
   fake_.send(stop_rule(rule_uuid()));
@@ -330,6 +336,43 @@ TEST_F(MirrorTest, ASourceThatIsTheMountIsNoticed) {
                            " is a path of the mount; records are about the lower directory: "
                            "you may have meant " +
                            (dir_ / "lower") + "\n");
+}
+
+TEST_F(MirrorTest, RulesThatReplicateNothingAreNoticed) {
+  const auto said = [&](const std::vector<std::string> &more) {
+    Ended ended;
+    {
+      const auto mirror = start(more);
+      mirror->signal(SIGTERM);
+      ended = mirror->wait();
+    }
+    EXPECT_EQ(ended.exit, 0) << ended.err;
+    fs::remove(dir_ / "status");
+    return ended.err;
+  };
+  const std::string two = to_string(rule_uuid(2));
+  EXPECT_EQ(said({}), "");
+  EXPECT_EQ(said({"--rule", two}),
+            "mirrord: note: there is no rule " + two + ": nothing is replicated for it\n");
+  add_rule(rule_uuid(2), "/elsewhere");
+  EXPECT_EQ(said({"--rule", two}),
+            "mirrord: note: no rule includes anything of " + src_ +
+                ": nothing is replicated; 'tarn rule add --include' adds one\n");
+  add_rule(rule_uuid(3), src_ + "/absent");
+  EXPECT_EQ(said({}), "mirrord: note: rule " + to_string(rule_uuid(3)) + " includes " + src_ +
+                          "/absent, which does not exist here\n");
+}
+
+TEST_F(MirrorTest, AHangUpEndsItInOrder) {
+  const auto mirror = start();
+  fake_.send(create(1, "last"));
+  mirror->signal(SIGHUP);
+  const Ended ended = mirror->wait();
+  EXPECT_EQ(ended.exit, 0) << ended.err;
+  EXPECT_TRUE(fs::exists(replica("last")));
+  EXPECT_EQ(status()["running"], false);
+  EXPECT_TRUE(
+      fake_.wait_for([](const auto &state) { return state.received.back() == OX_NL_QUIT; }));
 }
 
 TEST_F(MirrorTest, ThatTheStatusFileCannotBeWrittenAnyMoreIsSaidOnce) {

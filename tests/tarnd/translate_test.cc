@@ -175,8 +175,9 @@ TEST(Translate, Credentials) {
 }
 
 TEST(Translate, MountLine) {
-  EXPECT_EQ(to_mount_line("/a\\040b /mnt/c tarn rw,dir=/a\\040b 0 0"),
-            "/a\\040b /mnt/c rw,dir=/a\\040b\n");
+  EXPECT_EQ(to_mount_line("/a\\040b /mnt/c tarn rw,dir=/ab 0 0"), "/a\\040b /mnt/c rw,dir=/ab\n");
+  EXPECT_EQ(to_mount_line("/a\\040b /mnt/c tarn rw,noatime,dir=/a b\\x\n0 0 0 0"),
+            "/a\\040b /mnt/c rw,noatime,dir=/a\\040b\\134x\\0120\\0400\n");
   EXPECT_EQ(to_mount_line("/ / hostfs rw 0 0"), "");
   EXPECT_EQ(to_mount_line(""), "");
 }

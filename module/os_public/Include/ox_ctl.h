@@ -56,7 +56,7 @@ enum ox_ctl_op {
    * wait for a first line. */
   OX_CTL_LOG = 5,
   /* Result bytes: the mount table as text, "LOWER MOUNTPOINT OPTIONS\n" per mount, blanks and
-   * backslashes in paths written as \ooo like in /proc/mounts. Success is answered with `total`,
+   * backslashes in each written as \ooo like in /proc/mounts. Success is answered with `total`,
    * and in pieces, as for OX_CTL_GETSOCKOPT. */
   OX_CTL_MOUNTS = 6
 };

@@ -106,7 +106,7 @@ struct Record {
   }
 };
 
-/* The module has stopped capturing for this rule because it ran out of memory. */
+/* The module has stopped capturing for this rule: it could not make a record. */
 struct StopRule {
   Uuid rule;
 };

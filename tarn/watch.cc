@@ -98,7 +98,9 @@ class Watcher : public Sequencer::Sink {
     if (format_ == Format::kJson)
       std::cout << nlohmann::ordered_json{{"rule", to_string(rule)}, {"event", "stopped"}} << '\n';
     else
-      say(fmt::format("rule {}: stopped by the module, which ran out of memory for it",
+      say(
+          fmt::format("rule {}: stopped by the module, which could not make a record for it: `tarn "
+                      "log` tells why",
                       to_string(rule)));
   }
 

@@ -15,11 +15,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <stdexcept>
 #include <vector>
+
+#include "tarnd/host_mounts.h"
 
 namespace tarnd {
 
@@ -50,31 +50,10 @@ int unmount_host(const std::string &mountpoint, Detach how) {
   return umount2(mountpoint.c_str(), flags) == 0 ? 0 : -errno;
 }
 
-// A path as the mount table writes it: blanks and backslashes as \ooo.
-static std::string unescape(const std::string &text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); i++) {
-    if (text[i] == '\\' && i + 3 < text.size()) {
-      out += static_cast<char>(std::strtol(text.substr(i + 1, 3).c_str(), nullptr, 8));
-      i += 3;
-    } else {
-      out += text[i];
-    }
-  }
-  return out;
-}
-
 bool is_tarn_mount(const std::string &mountpoint) {
-  std::ifstream table("/proc/self/mountinfo");
   bool ours = false;
-  for (std::string line; std::getline(table, line);) {
-    const size_t dash = line.find(" - ");
-    if (dash == std::string::npos) continue;
-    std::istringstream head(line);
-    std::string id, parent, device, root, place;
-    head >> id >> parent >> device >> root >> place;
-    if (unescape(place) == mountpoint) ours = line.compare(dash + 3, 10, "fuse.tarn ") == 0;
-  }
+  for (const HostMount &mount : host_mounts())
+    if (mount.place == mountpoint) ours = mount.type == "fuse.tarn";
   return ours;
 }
 

@@ -9,8 +9,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "tarnd/fuse_ops.h"
+#include "tarnd/host_mounts.h"
 #include "tarnd/task.h"
 
 namespace tarnd {
@@ -144,17 +146,30 @@ static std::string escaped(const std::string &value) {
   return out;
 }
 
-// What a mount may forbid for all that is below it: the lower directory's does here as well. Users
-// other than root get some of it forbidden anyway.
+// Whether a file system that is mounted inside the directory forbids it.
+static bool forbidden_inside(const std::string &directory, const std::string &option) {
+  std::error_code error;
+  std::string inside = std::filesystem::canonical(directory, error).string();
+  if (error)
+    throw MountError(-error.value(), "lower directory " + directory + ": " + error.message());
+  if (inside != "/") inside += '/';
+  for (const HostMount &mount : host_mounts())
+    if (mount.place.starts_with(inside) && mount.has(option)) return true;
+  return false;
+}
+
+// What a mount may forbid for all that is below it: that of the lower directory does here as well.
+// One mounted inside it shows through ours, which can forbid set-user-id programs and devices for
+// all or none: it is as strict as the strictest. Users other than root get both forbidden anyway.
 static std::string forbidden_below(const std::string &lower) {
   struct statvfs st;
   if (statvfs(lower.c_str(), &st) != 0)
     throw MountError(-errno, "lower directory " + lower + ": " + std::strerror(errno));
   std::string options = st.f_flag & ST_NOEXEC ? ",noexec" : "";
   if (geteuid() != 0) return options;
-  options += st.f_flag & ST_NOSUID ? ",nosuid" : ",suid";
-  options += st.f_flag & ST_NODEV ? ",nodev" : ",dev";
-  return options;
+  const bool no_suid = (st.f_flag & ST_NOSUID) || forbidden_inside(lower, "nosuid");
+  const bool no_dev = (st.f_flag & ST_NODEV) || forbidden_inside(lower, "nodev");
+  return options + (no_suid ? ",nosuid" : ",suid") + (no_dev ? ",nodev" : ",dev");
 }
 
 // A descriptor of which poll says that the other end has gone.

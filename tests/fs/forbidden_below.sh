@@ -6,7 +6,7 @@
 [ "$(id -u)" -eq 0 ] || { echo "skipped: only root can mount that" >&2; exit 77; }
 
 cleanup_test() {
-  umount -l "$T/mnt" 2>/dev/null
+  umount -l "$T/mnt" "$T/lower/inside" 2>/dev/null
   umount -l "$T/lower"
 }
 options_of() { awk -v place="$T/mnt" '$5 == place {print $6}' /proc/self/mountinfo; }
@@ -32,6 +32,15 @@ for option in suid dev exec; do
   leave
 done
 
+# What is mounted inside shows through as well.
+for option in suid dev; do
+  mkdir -p "$T/lower/inside"
+  mount -t tmpfs -o "size=1m,no$option" tarn-inside "$T/lower/inside"
+  tarn mount "$T/lower" "$T/mnt"
+  case ",$(options_of)," in *",no$option,"*) ;; *) fail "no$option inside: $(options_of)" ;; esac
+  tarn umount "$T/mnt"
+  umount -l "$T/lower/inside"
+done
 as_below nodev refused
 mknod -m 666 "$T/mnt/null" c 1 3
 if cat "$T/mnt/null" 2>/dev/null; then fail "a device can be opened"; fi

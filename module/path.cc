@@ -24,6 +24,8 @@ bool is_bound(const struct dentry *dentry) {
 
 // Out of the cache of names: nothing leads to it, but its object may still have the name.
 bool is_dropped(struct dentry *dentry) {
+  if (!d_unhashed(dentry)) return false;
+  spin_guard guard(dentry->d_lock);  // it may be moving
   return !IS_ROOT(dentry) && d_unhashed(dentry);
 }
 

@@ -222,10 +222,9 @@ class change_paths {
  * missing. */
 static void leave_out(const struct prule_node *rule, int number, const char *why,
                       const char *path) {
-  if (!printk_ratelimit()) return;
   char uuid[OX_UUID_TEXT];
   uuid_unparse_upper(rule->rule.uuid, uuid);
-  printk("<3>tarn_trans: rule %s: record %d is left out, %s: %.256s\n", uuid, number, why, path);
+  printk("<3>tarn_trans: rule %s: record %d is left out, %s: %.880s\n", uuid, number, why, path);
 }
 
 static void leave_out_next(struct prule_node *rule, const char *why, const char *path) {

@@ -353,7 +353,7 @@ MODULE_CASE(write_capture, a_path_that_leaves_no_room_for_data_uses_up_a_number)
   snprintf(
       line, sizeof(line),
       "tarn_trans: rule 01010101-0101-0101-0101-010101010101: record 2 is left out, its path is "
-      "too long: %.256s",
+      "too long: %.880s",
       path);
   EXPECT_TRUE(case_logged(line));
   prule_ref rule(lookup_rule(1));

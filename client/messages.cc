@@ -99,6 +99,11 @@ Result<Change> decode_name_change(Bytes payload, std::uint8_t op) {
   return Change{Rename{*path, *path2, mode}};
 }
 
+/* The field holds the bits of a signed number: times before 1970 are negative. */
+std::int64_t signed_time(std::uint64_t field) {
+  return static_cast<std::int64_t>(field);
+}
+
 Result<Change> decode_attributes(Bytes payload) {
   if (payload.size() < sizeof(ox_msg_attr))
     return malformed("an attribute record of {} bytes, at least {} expected", payload.size(),
@@ -117,8 +122,8 @@ Result<Change> decode_attributes(Bytes payload) {
   if (!path) return path.error();
   return Change{SetAttr{*path, static_cast<std::uint32_t>(head.com.ia_valid),
                         static_cast<std::uint32_t>(head.com.ia_mode), head.sec.ia_uid,
-                        head.sec.ia_gid, head.com.ia_size, head.com.ia_atime, head.com.ia_mtime,
-                        head.com.ia_ctime}};
+                        head.sec.ia_gid, head.com.ia_size, signed_time(head.com.ia_atime),
+                        signed_time(head.com.ia_mtime), signed_time(head.com.ia_ctime)}};
 }
 
 /* The path field of a write: the path, its NUL, and filler up to a multiple of 8. */

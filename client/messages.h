@@ -61,9 +61,9 @@ struct SetAttr {
   std::uint32_t uid;
   std::uint32_t gid;
   std::uint64_t size;
-  std::uint64_t atime; /* microseconds */
-  std::uint64_t mtime;
-  std::uint64_t ctime;
+  std::int64_t atime; /* microseconds since the epoch, negative before it */
+  std::int64_t mtime;
+  std::int64_t ctime;
 };
 struct Write {
   std::string_view path;

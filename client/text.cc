@@ -109,12 +109,14 @@ std::string_view take_until(std::string_view &text, char end) {
   return taken;
 }
 
-std::string utc_time(std::uint64_t us) {
-  const auto seconds = static_cast<std::time_t>(us / 1'000'000);
+std::string utc_time(std::int64_t us) {
+  // Rounded down, so that the fraction of a second counts forward before the epoch too.
+  const std::int64_t rest = us % 1'000'000, fraction = rest < 0 ? rest + 1'000'000 : rest;
+  const auto seconds = static_cast<std::time_t>(us / 1'000'000 - (rest < 0));
   std::tm tm{};
   if (gmtime_r(&seconds, &tm) == nullptr) return fmt::format("{} us", us);
   return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:06}", tm.tm_year + 1900LL,
-                     tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, us % 1'000'000);
+                     tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, fraction);
 }
 
 }  // namespace tarn

@@ -32,7 +32,7 @@ std::string_view take_until(std::string_view &text, char end);
 std::string unescape_octal(std::string_view text);
 
 /* Microseconds since the epoch as "2006-09-20 03:42:06.123456" in UTC. */
-std::string utc_time(std::uint64_t us);
+std::string utc_time(std::int64_t us);
 
 }  // namespace tarn
 

@@ -26,6 +26,8 @@ class UniqueFd {
 
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
+  /* The caller closes it from now on. */
+  int release() { return std::exchange(fd_, -1); }
   void reset() { static_cast<void>(close()); }
   /* The same for a file that was written: 0, or the error number with which the file system says,
    * some only here, that it has not kept what was written. It is closed in any case. */

@@ -5,102 +5,333 @@
 #include <optional>
 #include <string_view>
 
+#include <fmt/format.h>
+
 #include "client/paths.h"
+#include "client/text.h"
+#include "mirrord/attributes.h"
+#include "mirrord/path_map.h"
 #include "module/os_public/Include/ox_msg.h"
 
 namespace tarn {
 namespace {
 
-// What the kernel puts behind the path of a file that is still open but has lost its name.
-constexpr std::string_view kDeleted = " (deleted)";
-
-Replica::Attributes named_attributes(const SetAttr &change) {
-  Replica::Attributes attributes;
-  if (change.valid & OX_ATTR_SIZE) attributes.size = change.size;
-  if (change.valid & OX_ATTR_UID) attributes.uid = change.uid;
-  if (change.valid & OX_ATTR_GID) attributes.gid = change.gid;
-  if (change.valid & OX_ATTR_MODE) attributes.mode = change.mode;
-  if (change.valid & OX_ATTR_ATIME) attributes.atime = change.atime;
-  if (change.valid & OX_ATTR_MTIME) attributes.mtime = change.mtime;
-  return attributes;
-}
+const Error kAbsent{-ENOENT, "No such file or directory"};
 
 }  // namespace
 
 /* One function per kind of change; each gives what the replica said, or nothing if the change is
  * not its business. */
 struct Applier::Visitor {
-  using Done = std::optional<Result<Replica::Done>>;
+  using Did = Result<Replica::Done>;
+  using Done = std::optional<Did>;
 
   Applier &applier;
   const Record &record;
   Replica &replica = applier.replica_;
+  Settler &settler = applier.settler_;
 
   std::optional<std::string> below(std::string_view path) const {
     return path_below(applier.source_, path);
   }
+  /* The path in the replica, if the rule has it there. */
+  std::optional<std::string> inside(std::string_view path) const {
+    auto found = below(path);
+    if (found && !applier.scopes_.includes(record, path)) found.reset();
+    return found;
+  }
+
+  Unexplained unexplained(std::string_view path) const {
+    return {record.rule, record.wseq,
+            fmt::format("{} {}", change_name(record.change), printable(applier.absolute(path)))};
+  }
+
+  /* The replica has what the record does not expect. That is a failure, but what the source has
+   * there now is better than what is. */
+  Did heal(const std::string &path, const Error &error) {
+    if (const auto healed = settler.settle(path); !healed)
+      return Error{error.code,
+                   error.text + "; and it cannot be copied anew: " + healed.error().text};
+    return error;
+  }
+
+  /* The replica lacks the object that changed. Special files and those that mknod(2) made are not
+   * captured, so that is how the replica comes to know them. */
+  Did absent(const std::string &path, const Error &error) {
+    const auto above = replica.find(parent_of(path));
+    if (!above || !*above || !settler.source().available()) return error;
+    const auto found = settler.source().find(path);
+    if (!found) return error;
+    const auto settled = settler.settle(path);
+    if (settled && !*found) settler.expect(path, unexplained(path));
+    return settled;
+  }
+
+  Did create(const std::string &path, const Create &c) {
+    if (settler.follows_source(path)) return settler.settle(path);
+    const auto done = replica.create(path, c.mode);
+    if (!done) return done.error().code == -ENOENT ? done : heal(path, done.error());
+    settler.removed(path);
+    return done;
+  }
+  Did mkdir(const std::string &path, const Mkdir &c) {
+    if (settler.follows_source(path)) return settler.settle(path);
+    const auto done = replica.mkdir(path, c.mode);
+    if (!done) return done.error().code == -ENOENT ? done : heal(path, done.error());
+    return done;
+  }
+  /* The name was taken from its object, by a path that follows the source. */
+  Did leave(const std::string &path) {
+    settler.explained(path);
+    return settler.settle(path);
+  }
+  Did unlink(const std::string &path) {
+    if (settler.follows_source(path)) return leave(path);
+    if (const auto left = settler.leaving(path); !left) return left.error();
+    const auto done = replica.unlink(path);
+    if (done) settler.removed(path);
+    return done;
+  }
+
+  /* A directory that has something in it was not removed; one that is empty may have been, and have
+   * been made anew: it is empty either way, and follows the source from now on. */
+  Did rmdir(const std::string &path) {
+    if (settler.follows_source(path) || settler.follows_source_below(path)) return leave(path);
+    const auto mine = replica.find(path);
+    if (mine && *mine && settler.source().available()) {
+      const auto found = settler.source().find(path);
+      if (!found) return found.error();
+      if (*found && S_ISDIR((*found)->status.st_mode)) {
+        const auto names = replica.names(path);
+        if (!names) return names.error();
+        if (names->empty()) settler.follow_source(path);
+        return Replica::Done::kAlready;
+      }
+    }
+    const auto done = replica.rmdir(path);
+    if (!done || !settler.source().available()) return done;
+    if (*done == Replica::Done::kChanged) {
+      settler.removed(path);
+      settler.follow_source(path);
+    } else if (mine && *mine) {  // not empty, and yet not in the source: something must follow
+      settler.expect(path, unexplained(path));
+    }
+    return done;
+  }
+
+  Did symlink(const std::string &path, const Symlink &c) {
+    if (settler.follows_source(path)) return settler.settle(path);
+    const auto done = replica.symlink(std::string(c.target), path);
+    if (!done) return done.error().code == -ENOENT ? done : heal(path, done.error());
+    settler.removed(path);
+    if (!settler.source().available()) return done;
+    const auto found = settler.source().find(path);
+    if (!found) return found.error();
+    const bool link = *found && S_ISLNK((*found)->status.st_mode);
+    const auto target = link ? Source::target(**found) : Result<std::string>(std::string());
+    if (!target) return target.error();
+    if (!link || *target != c.target) {
+      settler.doubt(path, Unsettled::kNoData);
+      return done;
+    }
+    const auto like = settler.fetcher().set_like(path, (*found)->status);
+    return like ? done : Did(like.error());
+  }
+
+  Did link(const std::optional<std::string> &existing, const std::string &path) {
+    if (!existing || settler.follows_source(*existing)) return settler.settle(path);
+    const bool follows = settler.follows_source(path);
+    if (follows) {
+      if (const auto gone = replica.remove_tree(path); !gone && gone.error().code != -ENOENT)
+        return gone;
+    }
+    const auto done = replica.link(*existing, path);
+    if (!done) {
+      if (done.error().code != -ENOENT) return heal(path, done.error());
+      return follows ? settler.settle(path) : absent(path, done.error());
+    }
+    settler.linked(*existing, path);
+    if (!follows) return done;
+    settler.assume_same(path);
+    return settler.settle(path);
+  }
+
+  /* From a place that the replica does not have. What the new name stood for before is replaced. */
+  Did come_in(const std::string &to) {
+    const auto mine = replica.find(to);
+    if (mine && *mine && !S_ISDIR((*mine)->st_mode)) {
+      if (const auto gone = replica.unlink(to); !gone) return gone;
+      settler.fetcher().copies().removed(to);
+    }
+    return settler.settle(to);
+  }
+  Did go_out(const std::string &from) {
+    if (settler.follows_source(from) || settler.follows_source_below(from)) return leave(from);
+    const auto above = replica.find(parent_of(from));
+    if (!above) return above.error();
+    if (!*above) return kAbsent;
+    if (const auto left = settler.leaving(from); !left) return left.error();
+    const auto done = replica.remove_tree(from);
+    if (done) settler.removed(from);
+    return done;
+  }
+  /* One of the names, or both, follow the source. */
+  Did rename_unsettled(const std::string &from, const std::string &to) {
+    const bool clean = !settler.follows_source(from);
+    if (const auto left = settler.leaving(from); !left) return left.error();
+    const auto mine = replica.find(from);
+    if (!mine) return mine.error();
+    const auto found = settler.source().find(from);
+    if (!found) return found.error();
+    // Where the old name still stands, the object is moved rather than copied again; what is there
+    // is compared with the source in any case.
+    if (*mine && (clean || !*found)) {
+      const auto gone = replica.remove_tree(to);
+      if (!gone && gone.error().code != -ENOENT) return gone;
+      settler.fetcher().copies().removed(to);
+      const auto done = replica.rename(from, to);
+      if (!done && done.error().code != -ENOENT) return done;
+      if (done) settler.fetcher().copies().moved(from, to);
+      if (done && clean) settler.assume_same(to);
+    }
+    if (!clean || !*mine) {
+      if (const auto old = leave(from); !old) return old;
+    } else {
+      settler.removed(from);
+      settler.follow_source(from);
+    }
+    return *mine ? settler.settle(to) : come_in(to);
+  }
+  Did rename(const std::string &from, const std::string &to) {
+    if (settler.follows_source(from) || settler.follows_source(to) ||
+        settler.follows_source_below(to))
+      return rename_unsettled(from, to);
+    const auto mine = replica.find(from);
+    if (!mine) return mine.error();
+    if (!*mine) return rename_absent(from, to);
+    if (const auto left = settler.leaving(to); !left) return left.error();
+    const auto done = replica.rename(from, to);
+    if (!done) return heal(to, done.error());
+    const auto moved = settler.moved(from, to);
+    return moved ? done : Did(moved.error());
+  }
+  Did rename_absent(const std::string &from, const std::string &to) {
+    const Error &error = kAbsent;
+    const auto above = replica.find(parent_of(from));
+    if (!above || !*above) return heal(to, error);
+    if (!settler.source().available()) return error;
+    const auto found = settler.source().find(to);
+    if (!found) return error;
+    const auto settled = come_in(to);
+    if (settled && !*found) settler.expect(to, unexplained(to));
+    return settled;
+  }
 
   Done operator()(const Create &c) {
     const auto path = below(c.path);
-    return path ? Done(replica.create(*path, c.mode)) : Done();
+    return path ? Done(create(*path, c)) : Done();
   }
   Done operator()(const Mkdir &c) {
     const auto path = below(c.path);
-    return path ? Done(replica.mkdir(*path, c.mode)) : Done();
+    return path ? Done(mkdir(*path, c)) : Done();
   }
   Done operator()(const Unlink &c) {
     const auto path = below(c.path);
-    return path ? Done(replica.unlink(*path)) : Done();
+    return path ? Done(unlink(*path)) : Done();
   }
   Done operator()(const Rmdir &c) {
     const auto path = below(c.path);
-    return path ? Done(replica.rmdir(*path)) : Done();
+    return path ? Done(rmdir(*path)) : Done();
   }
   Done operator()(const Symlink &c) {
     const auto path = below(c.path);
-    return path ? Done(replica.symlink(std::string(c.target), *path)) : Done();
+    return path ? Done(symlink(*path, c)) : Done();
   }
   Done operator()(const Link &c) {
-    const auto existing = below(c.existing), path = below(c.path);
+    const auto path = inside(c.path);
     if (!path) return Done();
-    if (!existing) return Done(Error{-EXDEV, "the linked file lies outside the source directory"});
-    return replica.link(*existing, *path);
+    // A file that is open without a name of its own got one again, or its name is not known.
+    return link(record.naming == Naming::kNamed ? inside(c.existing) : std::nullopt, *path);
   }
   Done operator()(const Rename &c) {
-    const auto from = below(c.from), to = below(c.to);
+    auto from = inside(c.from), to = inside(c.to);
+    if (!from && !to) {
+      // Not as the rule's lists say: they are another's, of the same UUID.
+      from = below(c.from);
+      to = below(c.to);
+    }
     if (!from && !to) return Done();
-    if (!from)
-      return Done(
-          Error{-EXDEV, "it came from outside the source directory, so its contents are unknown"});
-    if (!to)
-      return Done(Error{-EXDEV, "it went outside the source directory and stays in the replica"});
-    return replica.rename(*from, *to);
+    if (!from || record.naming != Naming::kNamed) return to ? Done(come_in(*to)) : Done();
+    if (!to) return go_out(*from);
+    return rename(*from, *to);
   }
   Done operator()(const SetAttr &c) {
     const auto path = below(c.path);
-    return path ? Done(replica.set_attributes(*path, named_attributes(c))) : Done();
+    if (!path) return Done();
+    const auto mine = replica.find(*path);
+    if (mine && !*mine && !settler.follows_source(*path)) return absent(*path, kAbsent);
+    return AttributeChange{settler, replica, record.ts}.apply(*path, c);
+  }
+  Did write(const std::string &path, std::uint64_t offset, Bytes data) {
+    if (settler.follows_source(path))
+      return refresh_written(settler, replica, path, offset, data.size());
+    if (const auto safe = drop_set_id(settler, replica, path); !safe) return safe.error();
+    const auto done = replica.write(path, offset, data);
+    if (done) return done;
+    const int code = done.error().code;
+    return code == -ENOENT || code == -EINVAL ? absent(path, done.error()) : done;
   }
   Done operator()(const Write &c) {
     const auto path = below(c.path);
-    return path ? Done(replica.write(*path, c.offset, c.data)) : Done();
+    return path ? Done(write(*path, c.offset, c.data)) : Done();
   }
   Done operator()(const WritePage &c) {
-    auto place = applier.pages_.follow(record);
-    if (!place) return Done(place.error());
-    applier.page_path_ = std::move(place->path);
     const auto path = below(applier.page_path_);
-    return path ? Done(replica.write(*path, c.offset, c.data)) : Done();
+    return path ? Done(write(*path, c.offset, c.data)) : Done();
   }
 };
 
 Result<Applier::Outcome> Applier::apply(const Record &record) {
   page_path_.clear();
+  if (std::holds_alternative<WritePage>(record.change)) {
+    auto place = pages_.follow(record);
+    if (!place) return place.error();
+    page_path_ = std::move(place->path);
+  }
+  for (Unexplained &missing : settler_.expire(record.ts))
+    unexplained_.push_back(std::move(missing));
+  const bool gets_a_name =
+      std::holds_alternative<Link>(record.change) || std::holds_alternative<Rename>(record.change);
+  if (record.naming == Naming::kNameless && !gets_a_name) return Outcome::kNameless;
+  if (record.naming == Naming::kUnplaced && !gets_a_name)
+    return Error{-ESTALE,
+                 "the file has another name, which the module does not know: the replica's copy is "
+                 "no longer right; copy the file anew"};
+  const auto *link = std::get_if<Link>(&record.change);
+  settler_.set_other_name(link ? std::string(link->existing) : std::string());
+  settler_.set_included(
+      [this, life = Scopes::Life(record.rule, record.generation)](const std::string &path) {
+        return scopes_.includes(life, absolute(path));
+      });
   const auto done = std::visit(Visitor{*this, record}, record.change);
   if (!done) return Outcome::kOutside;
-  if (done->ok()) return **done == Replica::Done::kChanged ? Outcome::kApplied : Outcome::kAlready;
-  const std::string_view path = page_path_.empty() ? change_path(record.change) : page_path_;
-  if (done->error().code == -ENOENT && path.ends_with(kDeleted)) return Outcome::kNameless;
-  return done->error();
+  if (!done->ok()) return done->error();
+  return **done == Replica::Done::kChanged ? Outcome::kApplied : Outcome::kAlready;
+}
+
+Result<void> Applier::caught_up() {
+  settler_.set_other_name("");
+  settler_.set_included(
+      [this](const std::string &path) { return scopes_.any_includes(absolute(path)); });
+  return settler_.look_at_links();
+}
+
+std::vector<Unexplained> Applier::take_unexplained(
+    std::optional<std::chrono::microseconds> older_than) {
+  auto missing = std::exchange(unexplained_, {});
+  if (!older_than) return missing;
+  for (Unexplained &more : settler_.take_missing(*older_than)) missing.push_back(std::move(more));
+  return missing;
 }
 
 }  // namespace tarn

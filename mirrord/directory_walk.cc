@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "mirrord/directory_walk.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 
 #include <cerrno>
+#include <memory>
 
 #include "client/text.h"
 
@@ -21,6 +23,10 @@ int open_at_once(int root, const std::string &path) {
   return static_cast<int>(syscall(SYS_openat2, root, path.c_str(), &how, sizeof(how)));
 }
 
+struct CloseDirectory {
+  void operator()(DIR *directory) const { closedir(directory); }
+};
+
 int open_step_by_step(int root, std::string_view path) {
   UniqueFd here(openat(root, ".", kFlags));
   while (here && !path.empty()) {
@@ -31,6 +37,23 @@ int open_step_by_step(int root, std::string_view path) {
 }
 
 }  // namespace
+
+Result<std::vector<DirectoryEntry>> directory_entries(UniqueFd directory) {
+  const std::unique_ptr<DIR, CloseDirectory> open(fdopendir(directory.get()));
+  if (!open) return system_error(errno, "cannot list a directory");
+  directory.release();
+  std::vector<DirectoryEntry> entries;
+  for (;;) {
+    errno = 0;
+    const dirent *entry = readdir(open.get());
+    if (!entry && errno != 0) return system_error(errno, "cannot list a directory");
+    if (!entry) return entries;
+    const std::string_view name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    const bool directory = entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN;
+    entries.push_back({std::string(name), entry->d_ino, directory});
+  }
+}
 
 bool plain_relative(std::string_view path) {
   while (!path.empty()) {

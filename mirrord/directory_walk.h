@@ -7,8 +7,11 @@
 #ifndef TARN_MIRRORD_DIRECTORY_WALK_H
 #define TARN_MIRRORD_DIRECTORY_WALK_H
 
+#include <sys/types.h>
+
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "client/result.h"
 #include "client/unique_fd.h"
@@ -26,6 +29,15 @@ enum class WalkMethod {
  */
 Result<UniqueFd> open_directory_below(int root, const std::string &path,
                                       WalkMethod method = WalkMethod::kBest);
+
+struct DirectoryEntry {
+  std::string name;
+  ino_t inode;
+  bool may_be_directory; /* not every file system tells */
+};
+
+/* What is in a directory that is open for reading, without "." and "..". */
+Result<std::vector<DirectoryEntry>> directory_entries(UniqueFd directory);
 
 /* Is every component a plain name: not empty, not "." and not ".."? "" is plain too. */
 bool plain_relative(std::string_view path);

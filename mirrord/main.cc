@@ -108,6 +108,17 @@ void note_doubtful_rules(const std::vector<Rule> &rules, const MirrorOptions &op
                     printable(options.source)));
 }
 
+/* Asked anew each time: rules come and go while mirrord runs. */
+RuleLists rule_lists(const Site &site) {
+  return [site](const Uuid &uuid) -> std::optional<RuleDirectories> {
+    auto control = ControlChannel::connect(site);
+    if (!control) return std::nullopt;
+    const auto rule = control->get_rule(uuid);
+    if (!rule) return std::nullopt;
+    return read_workdir(rule->workdir).directories;
+  };
+}
+
 /* What would make it replicate nothing without any error. */
 void note_doubtful_options(const Site &site, const MirrorOptions &options) {
   const std::string &source = options.source;
@@ -187,6 +198,16 @@ int mirror(const Arguments &arguments) {
   // Before it registers: a daemon in whose place it comes ends for good.
   if (const auto writable = check_status_file(options.status_file); !writable)
     return fail(writable.error().text, kExitProblems);
+  const auto closed = replica->keep_others_out();
+  if (!closed)
+    return fail(fmt::format("cannot keep others out of {}: {}", printable(options.replica),
+                            closed.error().text),
+                kExitProblems);
+  if (*closed)
+    note(
+        fmt::format("{} has mode 0700 now: set-user-id files in it must not be run by others; "
+                    "mount its file system nosuid if they are to read it",
+                    printable(options.replica)));
   auto channel =
       DaemonChannel::open(site, arguments.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
   if (!channel) {
@@ -195,6 +216,7 @@ int mirror(const Arguments &arguments) {
   }
   note_doubtful_options(site, options);
   options.report_file = daemon_report_file(site);
+  options.rule_lists = rule_lists(site);
   Resumption resumption{
       .state = std::move(*state),
       .ask_numbers = [&site, rules = options.rules] { return ask_numbers(site, rules); },

@@ -34,7 +34,7 @@ Mirror::Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel,
     : options_(std::move(options)),
       replica_(replica),
       channel_(channel),
-      applier_(options_.source, replica),
+      applier_(options_.source, replica, options_.rule_lists),
       sequencer_(*this),
       resumption_(std::move(resumption)) {
   status_.pid = getpid();
@@ -50,6 +50,7 @@ void Mirror::record(const Record &record, Sequencer::Order order) {
   ++rule.messages;
   const auto outcome = applier_.apply(record);
   tell_unkept();
+  tell_unexplained();
   const auto what = [&] {
     std::string text =
         fmt::format("{} {}", change_name(record.change), printable(change_path(record.change)));
@@ -65,6 +66,7 @@ void Mirror::record(const Record &record, Sequencer::Order order) {
     say(what() + ": " + outcome.error().text);
     return;
   }
+  if (*outcome == Applier::Outcome::kNameless) ++rule.nameless;
   if (const auto *write = std::get_if<Write>(&record.change)) rule.bytes += write->data.size();
   if (const auto *page = std::get_if<WritePage>(&record.change)) rule.bytes += page->data.size();
 }
@@ -170,11 +172,38 @@ void Mirror::tell_unkept() {
   }
 }
 
+/* Everything that came has been applied. */
+void Mirror::last_looks() {
+  if (const auto looked = applier_.caught_up(); !looked) {
+    ++status_.unconfirmed;
+    changed_ = true;
+    say("files with several names could not be compared with the source: " + looked.error().text);
+  }
+}
+
+/* Objects that were missing when their records came, and of which no later record told why. */
+void Mirror::tell_unexplained(std::optional<std::chrono::nanoseconds> older_than) {
+  std::optional<std::chrono::microseconds> age;
+  if (older_than) age = std::chrono::ceil<std::chrono::microseconds>(*older_than);
+  for (const auto &[uuid, wseq, what] : applier_.take_unexplained(age)) {
+    ++status_.rules[uuid].failures;
+    changed_ = true;
+    say(
+        fmt::format("{} record {} ({}): the replica does not have it, and no later record tells "
+                    "why",
+                    rule_name(uuid), wseq, what));
+  }
+}
+
 void Mirror::note_caught_up(std::uint64_t barriers) {
   const auto come = [&] { return !catch_ups_.empty() && catch_ups_.front().barrier <= barriers; };
   if (!sequencer_.holds_nothing() || !come()) return;
+  last_looks();
   replica_.close_files();
   tell_unkept();
+  // What had gone from the source a second before we asked has been told by now.
+  tell_unexplained(std::chrono::nanoseconds(monotonic_ns() - catch_ups_.front().asked_ns) +
+                   std::chrono::seconds(1));
   keep_state();
   note_registered();
   for (; come(); catch_ups_.pop_front()) status_.caught_up_to_ns = catch_ups_.front().asked_ns;
@@ -280,6 +309,8 @@ void Mirror::drain() {
 
 /* At the end: nobody is left to hear of an error that comes later. */
 void Mirror::settle() {
+  last_looks();
+  tell_unexplained(std::chrono::nanoseconds(0));
   replica_.close_files();
   tell_unkept();
   if (const auto synced = replica_.sync(); !synced) {

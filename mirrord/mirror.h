@@ -30,6 +30,7 @@ struct MirrorOptions {
   std::set<Uuid> rules = {};    /* only these; empty: all */
   std::string status_file = {}; /* empty: none */
   std::string report_file = {}; /* the same for `tarn status`; empty: none */
+  RuleLists rule_lists = {};    /* what the rules replicate */
   /* How long an end waits for what the module has sent before it. */
   std::chrono::milliseconds stop_patience = std::chrono::seconds(30);
 };
@@ -87,6 +88,8 @@ class Mirror : private Sequencer::Sink {
   void keep_status_file();
   void unconfirmed(const std::string &why);
   void tell_unkept();
+  void last_looks();
+  void tell_unexplained(std::optional<std::chrono::nanoseconds> older_than = {});
   void settle();
   DaemonChannel::Milliseconds patience() const;
   bool wanted(const Uuid &rule) const {

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <array>
@@ -17,7 +18,7 @@
 namespace tarn {
 namespace {
 
-constexpr std::uint32_t kModeBits = 07777;
+constexpr std::uint32_t kModeBits = 07777, kForOthers = 0077;
 
 /* For a descriptor that stands for an object, whatever it is. Kernels that do not know O_PATH open
  * it for reading; they must not wait for the other end of a FIFO. */
@@ -34,9 +35,11 @@ std::string by_descriptor(int fd) {
   return fmt::format("/proc/self/fd/{}", fd);
 }
 
-timespec to_timespec(const std::optional<std::uint64_t> &us, const timespec &otherwise) {
+timespec to_timespec(const std::optional<std::int64_t> &us, const timespec &otherwise) {
   if (!us) return otherwise;
-  return {static_cast<time_t>(*us / 1'000'000), static_cast<long>(*us % 1'000'000 * 1000)};
+  // The nanoseconds count forward, before the epoch too.
+  const std::int64_t rest = *us % 1'000'000, fraction = rest < 0 ? rest + 1'000'000 : rest;
+  return {static_cast<time_t>(*us / 1'000'000 - (rest < 0)), static_cast<long>(fraction * 1000)};
 }
 
 /* Both times of what `status` is about: a kernel of 2006 can only set them together. */
@@ -138,6 +141,16 @@ Result<Replica> Replica::open(const std::string &directory) {
   return Replica(std::move(root));
 }
 
+Result<bool> Replica::keep_others_out() {
+  struct statvfs mount;
+  struct stat status;
+  if (fstatvfs(root_.get(), &mount) != 0 || fstat(root_.get(), &status) != 0) return failed(errno);
+  others_out_ = (mount.f_flag & ST_NOSUID) == 0;
+  if (!others_out_ || (status.st_mode & kForOthers) == 0) return false;
+  if (fchmod(root_.get(), 0700) != 0) return failed(errno);
+  return true;
+}
+
 Result<Replica::Place> Replica::place(const std::string &path) {
   if (path.empty()) return Place{root_.get(), "."};
   if (!plain_relative(path)) return Error{-EXDEV, "the path would leave the replica"};
@@ -207,7 +220,6 @@ Result<Replica::Done> Replica::mkdir(const std::string &path, std::uint32_t mode
 Result<Replica::Done> Replica::unlink(const std::string &path) {
   files_.forget(path);
   const auto at = place(path);
-  if (!at && at.error().code == -ENOENT) return Done::kAlready;
   if (!at) return at.error();
   if (unlinkat(at->fd, at->name.c_str(), 0) == 0) return Done::kChanged;
   if (errno == ENOENT) return Done::kAlready;
@@ -216,7 +228,6 @@ Result<Replica::Done> Replica::unlink(const std::string &path) {
 
 Result<Replica::Done> Replica::rmdir(const std::string &path) {
   const auto at = place(path);
-  if (!at && at.error().code == -ENOENT) return Done::kAlready;
   if (!at) return at.error();
   if (unlinkat(at->fd, at->name.c_str(), AT_REMOVEDIR) != 0) {
     // A removal that failed, because something was in the directory, is recorded as well; it fails
@@ -275,8 +286,90 @@ Result<Replica::Done> Replica::write(const std::string &path, std::uint64_t offs
   return Done::kChanged;
 }
 
-Result<Replica::Done> Replica::set_attributes(const std::string &path,
-                                              const Attributes &attributes) {
+Result<Replica::Done> Replica::make_special(const std::string &path, std::uint32_t mode,
+                                            dev_t device) {
+  const auto at = place(path);
+  if (!at) return at.error();
+  if (mknodat(at->fd, at->name.c_str(), mode & (S_IFMT | kModeBits), device) != 0)
+    return failed(errno);
+  return Done::kChanged;
+}
+
+Result<Replica::Done> Replica::remove_tree(const std::string &path) {
+  const auto there = find(path);
+  if (!there) return there.error();
+  if (!*there) return Done::kAlready;
+  if (path.empty()) return Error{-EINVAL, "the replica itself is not removed"};
+  if (!S_ISDIR((*there)->st_mode)) return unlink(path);
+  const auto inside = names(path);
+  if (!inside) return inside.error();
+  for (const std::string &name : *inside) {
+    if (const auto removed = remove_tree(path + "/" + name); !removed) return removed;
+  }
+  const auto at = place(path);
+  if (!at) return at.error();
+  directories_.forget_tree(path);
+  if (unlinkat(at->fd, at->name.c_str(), AT_REMOVEDIR) != 0) return failed(errno);
+  return Done::kChanged;
+}
+
+Result<std::optional<struct stat>> Replica::find(const std::string &path) {
+  const auto at = place(path);
+  const auto absent = [](int err) { return err == ENOENT || err == ENOTDIR; };
+  if (!at && absent(-at.error().code)) return std::optional<struct stat>();
+  if (!at) return at.error();
+  struct stat status;
+  if (fstatat(at->fd, at->name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0)
+    return std::optional<struct stat>(status);
+  if (absent(errno)) return std::optional<struct stat>();
+  return failed(errno);
+}
+
+Result<std::string> Replica::other_name(const std::string &path, const struct stat &status) {
+  return name_below("", path, status);
+}
+
+Result<std::string> Replica::name_below(const std::string &directory, const std::string &except,
+                                        const struct stat &status) {
+  const auto at = place(directory);
+  if (!at) return at.error();
+  UniqueFd opened(
+      openat(at->fd, at->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!opened) return failed(errno);
+  const auto entries = directory_entries(std::move(opened));
+  if (!entries) return entries.error();
+  for (const DirectoryEntry &entry : *entries) {
+    const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
+    const auto there = find(path);
+    if (!there) return there.error();
+    if (!*there) continue;
+    if (S_ISDIR((*there)->st_mode)) {
+      auto found = name_below(path, except, status);
+      if (!found || !found->empty()) return found;
+    } else if (path != except && (*there)->st_ino == status.st_ino &&
+               (*there)->st_dev == status.st_dev) {
+      return path;
+    }
+  }
+  return std::string();
+}
+
+Result<std::vector<std::string>> Replica::names(const std::string &path) {
+  const auto at = place(path);
+  if (!at) return at.error();
+  UniqueFd directory(
+      openat(at->fd, at->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory) return failed(errno);
+  const auto entries = directory_entries(std::move(directory));
+  if (!entries) return entries.error();
+  std::vector<std::string> found;
+  for (const DirectoryEntry &entry : *entries) found.push_back(entry.name);
+  return found;
+}
+
+Result<Replica::Done> Replica::set_attributes(const std::string &path, const Attributes &wanted) {
+  Attributes attributes = wanted;
+  if (path.empty() && others_out_ && attributes.mode) *attributes.mode &= ~kForOthers;
   int file = files_.find(path);
   if (file < 0 && attributes.size) {
     const auto opened = writable(path);

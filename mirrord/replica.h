@@ -13,6 +13,8 @@
 #ifndef TARN_MIRRORD_REPLICA_H
 #define TARN_MIRRORD_REPLICA_H
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -29,6 +31,14 @@ class Replica {
  public:
   static Result<Replica> open(const std::string &directory);
 
+  /*
+   * Files in the replica may be set-user-id for whoever they belong to, and their contents may be
+   * older or younger than that mode. Where the mount honours such modes, nobody but the owner gets
+   * in: the replica's own directory is and stays 0700, whatever the source's is. True: its mode had
+   * to be changed for that. Only called before the first change.
+   */
+  Result<bool> keep_others_out();
+
   /* kAlready: the replica was as it should be before (or holds a file that was to be created, now
    * emptied). */
   enum class Done { kChanged, kAlready };
@@ -41,15 +51,27 @@ class Replica {
   Result<Done> link(const std::string &existing, const std::string &path);
   Result<Done> rename(const std::string &from, const std::string &to);
   Result<Done> write(const std::string &path, std::uint64_t offset, Bytes data);
+  /* A FIFO, a socket or a device node. */
+  Result<Done> make_special(const std::string &path, std::uint32_t mode, dev_t device);
+  /* Whatever stands there, with all below it. kAlready: nothing did. */
+  Result<Done> remove_tree(const std::string &path);
 
-  /* What is set is changed; times are microseconds since the epoch. */
+  /* What stands there; nothing if nothing does, be it that its parent is missing. */
+  Result<std::optional<struct stat>> find(const std::string &path);
+  /* Another name of the object that `path` is a name of, looked for in the whole replica; "": none.
+   */
+  Result<std::string> other_name(const std::string &path, const struct stat &status);
+  /* Of a directory, without "." and "..". */
+  Result<std::vector<std::string>> names(const std::string &path);
+
+  /* What is set is changed; times are microseconds since the epoch, negative before it. */
   struct Attributes {
     std::optional<std::uint64_t> size = {};
     std::optional<std::uint32_t> uid = {};
     std::optional<std::uint32_t> gid = {};
     std::optional<std::uint32_t> mode = {};
-    std::optional<std::uint64_t> atime = {};
-    std::optional<std::uint64_t> mtime = {};
+    std::optional<std::int64_t> atime = {};
+    std::optional<std::int64_t> mtime = {};
   };
   Result<Done> set_attributes(const std::string &path, const Attributes &attributes);
 
@@ -76,6 +98,8 @@ class Replica {
     int fd;
     std::string name;
   };
+  Result<std::string> name_below(const std::string &directory, const std::string &except,
+                                 const struct stat &status);
   Result<Place> place(const std::string &path);
   /* Two places at once: the first one's descriptor is held while the second is looked up. */
   struct TwoPlaces {
@@ -91,6 +115,7 @@ class Replica {
   static constexpr std::size_t kCachedDirectories = 64;
 
   UniqueFd root_;
+  bool others_out_ = false; /* the root's mode has no bits for others */
   FdCache files_{kCachedFiles};
   FdCache directories_{kCachedDirectories};
 };

@@ -31,13 +31,14 @@ Json to_json(const MirrorStatus &status) {
   json["unconfirmed"] = status.unconfirmed;
   json["unkept"] = status.unkept;
   json["caught_up_to_ns"] = status.caught_up_to_ns;
-  std::uint64_t messages = 0, bytes = 0, failures = 0;
+  std::uint64_t messages = 0, bytes = 0, nameless = 0, failures = 0;
   Json rules = Json::array();
   for (const auto &[uuid, rule] : status.rules) {
     rules.push_back({{"uuid", to_string(uuid)},
                      {"last_wseq", rule.last_wseq},
                      {"messages", rule.messages},
                      {"bytes", rule.bytes},
+                     {"nameless", rule.nameless},
                      {"failures", rule.failures},
                      {"gaps", rule.gaps},
                      {"duplicates", rule.duplicates},
@@ -45,10 +46,12 @@ Json to_json(const MirrorStatus &status) {
                      {"unchecked", rule.unchecked}});
     messages += rule.messages;
     bytes += rule.bytes;
+    nameless += rule.nameless;
     failures += rule.failures;
   }
   json["messages"] = messages;
   json["bytes"] = bytes;
+  json["nameless"] = nameless;
   json["failures"] = failures;
   json["rules"] = std::move(rules);
   return json;

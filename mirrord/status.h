@@ -21,8 +21,10 @@ struct RuleStatus {
   std::uint32_t last_wseq = 0; /* of the last record that was dealt with */
   std::uint64_t messages = 0;  /* records; of a large write, each page */
   std::uint64_t bytes = 0;     /* written data */
-  std::uint64_t failures = 0;  /* messages that could not be applied */
-  std::uint64_t gaps = 0;      /* times that numbers were missing, at the beginning too */
+  /* Messages about files without a name, which nobody can open again: they do no harm. */
+  std::uint64_t nameless = 0;
+  std::uint64_t failures = 0; /* messages that could not be applied */
+  std::uint64_t gaps = 0;     /* times that numbers were missing, at the beginning too */
   std::uint64_t duplicates = 0;
   bool stopped = false;   /* the module captures nothing more for it */
   bool unchecked = false; /* nobody knows yet whether something is missing since the last run */

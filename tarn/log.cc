@@ -16,7 +16,7 @@ namespace {
 constexpr std::chrono::milliseconds kWait{1000};
 
 void show(const LogLine &line) {
-  if (line.us) std::cout << utc_time(*line.us) << ' ';
+  if (line.us) std::cout << utc_time(static_cast<std::int64_t>(*line.us)) << ' ';
   std::cout << fmt::format("<{}> {}\n", line.level, line.text);
 }
 

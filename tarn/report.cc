@@ -84,8 +84,8 @@ Json json_list(const std::vector<std::string> &list) {
 }  // namespace
 
 std::string record_line(const Record &record) {
-  return fmt::format("{} #{} {} {}", to_string(record.rule), record.wseq, utc_time(record.ts),
-                     describe(record.change));
+  return fmt::format("{} #{} {} {}", to_string(record.rule), record.wseq,
+                     utc_time(static_cast<std::int64_t>(record.ts)), describe(record.change));
 }
 
 Json record_json(const Record &record) {

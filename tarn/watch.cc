@@ -89,7 +89,8 @@ class Watcher : public Sequencer::Sink {
       std::cout << json << '\n';
     } else {
       std::cout << fmt::format("{} #{} {} write {} offset {} bytes {} pages {}\n",
-                               to_string(record.rule), record.wseq, utc_time(record.ts),
+                               to_string(record.rule), record.wseq,
+                               utc_time(static_cast<std::int64_t>(record.ts)),
                                printable(place.path), place.start, place.bytes, page.pages);
     }
   }

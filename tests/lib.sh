@@ -11,6 +11,7 @@ export PATH="$BUILD/tarn:$BUILD/tarnd:$BUILD/mirrord:$PATH"
 
 T=$(mktemp -d "${TMPDIR:-/tmp}/tarn-test.XXXXXX")
 mkdir "$T/lower" "$T/mnt" "$T/replica" "$T/run"
+chmod 700 "$T/replica" # mirrord makes it so, with a note
 export TARN_RUN_DIR="$T/run" TARN_STATE_DIR="$T/state"
 MIRRORD_PID=
 

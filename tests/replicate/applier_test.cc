@@ -83,21 +83,50 @@ TEST_F(ApplierTest, OtherDirectoriesAreNotItsBusiness) {
   expect(name_change(OX_OP_RENAME, {}, "/other/a", "/other/b"), Outcome::kOutside);
   expect(name_change(OX_OP_LINK, {}, "/src/a", "/other/b"), Outcome::kOutside);
   expect(write_data({4}, "/other/f", 0, std::string(9000, 'x'))[0], Outcome::kOutside);
-  EXPECT_EQ(apply(name_change(OX_OP_RENAME, {}, "/src/a", "/other/b")).error().code, -EXDEV);
-  EXPECT_EQ(apply(name_change(OX_OP_RENAME, {}, "/other/a", "/src/b")).error().code, -EXDEV);
-  EXPECT_EQ(apply(name_change(OX_OP_LINK, {}, "/other/a", "/src/b")).error().code, -EXDEV);
+  EXPECT_TRUE(fs::is_empty(dir_.path()));
+}
+
+TEST_F(ApplierTest, WithoutASourceToLookAt) {
+  EXPECT_FALSE(apply(name_change(OX_OP_RENAME, {}, "/other/a", "/src/b")).ok());
+  EXPECT_FALSE(apply(name_change(OX_OP_LINK, {}, "/other/a", "/src/b")).ok());
+  EXPECT_FALSE(apply(write_data({}, "/src/gone", 0, "x")[0]).ok());
   EXPECT_TRUE(fs::is_empty(dir_.path()));
 }
 
 TEST_F(ApplierTest, FilesWithoutANameAnyMore) {
-  expect(write_data({}, "/src/gone (deleted)", 0, "x")[0], Outcome::kNameless);
-  expect(set_attributes({}, {"/src/gone (deleted)", OX_ATTR_SIZE, 0, 0, 0, 5, 0, 0, 0}),
-         Outcome::kNameless);
-  expect(write_data({8}, "/src/gone (deleted)", 0, std::string(9000, 'x'))[0], Outcome::kNameless);
-  EXPECT_FALSE(apply(write_data({}, "/src/gone", 0, "x")[0]).ok());
+  const Stamp nameless{.cp = OX_CP_NAMELESS};
+  // The text is cut: it is the name of another file.
+  expect(name_change(OX_OP_CREATE, {}, "/src/abc", {}, 0100644), Outcome::kApplied);
+  expect(write_data({}, "/src/abc", 0, "new")[0], Outcome::kApplied);
+  expect(write_data(nameless, "/src/abc", 0, "OLD")[0], Outcome::kNameless);
+  expect(
+      set_attributes(nameless, {"/src/abc", OX_ATTR_SIZE | OX_ATTR_MODE, 04777, 0, 0, 0, 0, 0, 0}),
+      Outcome::kNameless);
+  for (const Packet &page :
+       write_data({8, rule_uuid(), kTime, OX_CP_NAMELESS}, "/src/abc", 0, std::string(9000, 'x')))
+    expect(page, Outcome::kNameless);
+  EXPECT_EQ(contents("abc"), "new");
+  struct stat s {};
+  stat((dir_ / "abc").c_str(), &s);
+  EXPECT_EQ(s.st_mode & 07777, mode_t{0644});
   // A file may really be called so.
+  EXPECT_FALSE(apply(write_data({}, "/src/f (deleted)", 0, "x")[0]).ok());
   expect(name_change(OX_OP_CREATE, {}, "/src/f (deleted)", {}, 0644), Outcome::kApplied);
   expect(write_data({}, "/src/f (deleted)", 0, "x")[0], Outcome::kApplied);
+}
+
+TEST_F(ApplierTest, AFileWhoseNameIsNotKnown) {
+  const Stamp unplaced{.cp = OX_CP_UNPLACED};
+  expect(name_change(OX_OP_CREATE, {}, "/src/f", {}, 0100644), Outcome::kApplied);
+  EXPECT_EQ(apply(write_data(unplaced, "/src/f", 0, "x")[0]).error().code, -ESTALE);
+  EXPECT_EQ(contents("f"), "");
+}
+
+TEST_F(ApplierTest, AMissingDirectoryIsNoRepetition) {
+  EXPECT_EQ(apply(name_change(OX_OP_UNLINK, {}, "/src/lost/f")).error().code, -ENOENT);
+  EXPECT_EQ(apply(name_change(OX_OP_RMDIR, {}, "/src/lost/d")).error().code, -ENOENT);
+  expect(name_change(OX_OP_UNLINK, {}, "/src/f"), Outcome::kAlready);
+  expect(name_change(OX_OP_RMDIR, {}, "/src/d"), Outcome::kAlready);
 }
 
 TEST_F(ApplierTest, PathsThatTryToLeave) {

@@ -99,9 +99,9 @@ inline Packet set_attributes(const Stamp &s, const SetAttr &c) {
   record.com.ia_valid = static_cast<ox_s32_t>(c.valid);
   record.com.ia_mode = static_cast<ox_s32_t>(c.mode);
   record.com.ia_size = c.size;
-  record.com.ia_atime = c.atime;
-  record.com.ia_mtime = c.mtime;
-  record.com.ia_ctime = c.ctime;
+  record.com.ia_atime = static_cast<ox_u64_t>(c.atime);
+  record.com.ia_mtime = static_cast<ox_u64_t>(c.mtime);
+  record.com.ia_ctime = static_cast<ox_u64_t>(c.ctime);
   record.com.len = OX_ATTR_LEN;
   record.sec.ia_modeshadow = c.mode;
   record.sec.ia_uid = c.uid;

@@ -90,7 +90,7 @@ TEST(Messages, NameChanges) {
 }
 
 TEST(Messages, EveryAttributeHasItsOwnPlace) {
-  const SetAttr given{"/d/f", 0x1ff, 0640, 1001, 1002, 1003, 1004, 1005, 1006};
+  const SetAttr given{"/d/f", 0x1ff, 0640, 1001, 1002, 1003, -1004, 1005, -1006};
   const auto got = change_of<SetAttr>(set_attributes({}, given));
   EXPECT_EQ(got.path, "/d/f");
   EXPECT_EQ(got.valid, 0x1ffu);
@@ -98,9 +98,9 @@ TEST(Messages, EveryAttributeHasItsOwnPlace) {
   EXPECT_EQ(got.uid, 1001u);
   EXPECT_EQ(got.gid, 1002u);
   EXPECT_EQ(got.size, 1003u);
-  EXPECT_EQ(got.atime, 1004u);
-  EXPECT_EQ(got.mtime, 1005u);
-  EXPECT_EQ(got.ctime, 1006u);
+  EXPECT_EQ(got.atime, -1004);
+  EXPECT_EQ(got.mtime, 1005);
+  EXPECT_EQ(got.ctime, -1006);
 }
 
 TEST(Messages, WriteIsWholeAsLongAsItFits) {
@@ -380,6 +380,9 @@ TEST(Messages, Words) {
                                                  3, 4, kTime, 6}))
                          .change),
             "setattr /a mode 0600 mtime 2006-09-20 03:42:06.123456");
+  EXPECT_EQ(
+      describe(decoded(set_attributes({}, {"/a", OX_ATTR_ATIME, 0, 0, 0, 0, -1, 0, 0})).change),
+      "setattr /a atime 1969-12-31 23:59:59.999999");
   EXPECT_EQ(describe(decoded(write_data({}, "/a", 9, "data")[0]).change),
             "write /a offset 9 bytes 4");
 }

@@ -33,6 +33,7 @@ class MirrorTest : public testing::Test {
  protected:
   MirrorTest() {
     fs::create_directory(dir_ / "replica");
+    fs::permissions(dir_ / "replica", fs::perms::owner_all);  // or a note says that it is made so
     fs::create_directory(dir_ / "src");
     add_rule(rule_uuid(), src_);
   }

@@ -99,7 +99,8 @@ TEST_F(ReplicaTest, DoingItTwice) {
   expect_error(replica_->link("f", "d"), EEXIST);
   expect(replica_->unlink("f"), Done::kChanged);
   expect(replica_->unlink("f"), Done::kAlready);
-  expect(replica_->unlink("absent/f"), Done::kAlready);
+  expect_error(replica_->unlink("absent/f"), ENOENT);
+  expect_error(replica_->rmdir("absent/d"), ENOENT);
   expect(replica_->rmdir("d"), Done::kChanged);
   expect(replica_->rmdir("d"), Done::kAlready);
 }
@@ -201,7 +202,7 @@ TEST_F(ReplicaTest, WhatWasNotKeptIsToldWhateverAFileIsClosedFor) {
 TEST_F(ReplicaTest, Attributes) {
   expect(replica_->create("f", 0644), Done::kChanged);
   expect(replica_->write("f", 0, bytes("content")), Done::kChanged);
-  const std::uint64_t atime = 1'000'000'000'123'456, mtime = 1'111'111'111'654'321;
+  const std::int64_t atime = 1'000'000'000'123'456, mtime = 1'111'111'111'654'321;
   expect(replica_->set_attributes("f", {.size = 3, .mode = 04750, .atime = atime, .mtime = mtime}),
          Done::kChanged);
   struct stat s = status_of(at("f"));
@@ -216,6 +217,12 @@ TEST_F(ReplicaTest, Attributes) {
   EXPECT_EQ(s.st_atim.tv_sec, 1'000'000'000) << "what is not named stays";
   EXPECT_EQ(s.st_mtim.tv_sec, 5);
   EXPECT_EQ(s.st_mtim.tv_nsec, 1000);
+  expect(replica_->set_attributes("f", {.atime = -86'400'000'000, .mtime = -1}), Done::kChanged);
+  s = status_of(at("f"));
+  EXPECT_EQ(s.st_atim.tv_sec, -86'400) << "before 1970";
+  EXPECT_EQ(s.st_atim.tv_nsec, 0);
+  EXPECT_EQ(s.st_mtim.tv_sec, -1);
+  EXPECT_EQ(s.st_mtim.tv_nsec, 999'999'000);
 }
 
 TEST_F(ReplicaTest, AttributesOfDirectoriesLinksAndTheRoot) {

@@ -108,7 +108,7 @@ def record(op, kind, body):
         dlen1, dlen2 = struct.unpack_from("=II", body, 36)
         if dlen1 != 12 or len(body) != 88 + dlen1 + dlen2:
             raise Malformed("attribute record of %d bytes says %d + %d" % (len(body), dlen1, dlen2))
-        valid, mode, size, atime, mtime, ctime, alen, _ = struct.unpack_from("=iiQQQQhh", body, 44)
+        valid, mode, size, atime, mtime, ctime, alen, _ = struct.unpack_from("=iiQqqqhh", body, 44)
         shadow, uid, gid = struct.unpack_from("=III", body, 88)
         if alen != 56 or shadow != mode & 0xffffffff:
             raise Malformed("attribute block: len %d, shadow %o of %o" % (alen, shadow, mode))

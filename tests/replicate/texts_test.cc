@@ -4,6 +4,7 @@
 #include <rapidcheck.h>
 
 #include <algorithm>
+#include <limits>
 
 #include "client/base64.h"
 #include "client/paths.h"
@@ -178,6 +179,9 @@ TEST(Text, OctalEscapes) {
 TEST(Text, Time) {
   EXPECT_EQ(utc_time(0), "1970-01-01 00:00:00.000000");
   EXPECT_EQ(utc_time(951'782'400'000'001), "2000-02-29 00:00:00.000001");
+  EXPECT_EQ(utc_time(-1), "1969-12-31 23:59:59.999999");
+  EXPECT_EQ(utc_time(-86'400'000'000), "1969-12-31 00:00:00.000000");
+  EXPECT_EQ(utc_time(std::numeric_limits<std::int64_t>::min()), "-290308-12-21 19:59:05.224192");
 }
 
 }  // namespace

@@ -1,0 +1,181 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/attributes.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "module/os_public/Include/ox_msg.h"
+
+namespace tarn {
+namespace {
+
+using Done = Replica::Done;
+
+constexpr std::uint32_t kModeBits = 07777;
+
+/* The change time of a file is as coarse as its file system's, and is taken before the record's. */
+constexpr std::int64_t kCoarse = 2'000'000;
+
+std::int64_t microseconds(const timespec &time) {
+  return std::int64_t{time.tv_sec} * 1'000'000 + time.tv_nsec / 1000;
+}
+
+Replica::Attributes named_attributes(const SetAttr &change) {
+  Replica::Attributes attributes;
+  if (change.valid & OX_ATTR_SIZE) attributes.size = change.size;
+  if (change.valid & OX_ATTR_UID) attributes.uid = change.uid;
+  if (change.valid & OX_ATTR_GID) attributes.gid = change.gid;
+  if (change.valid & OX_ATTR_MODE) attributes.mode = change.mode;
+  if (change.valid & OX_ATTR_ATIME) attributes.atime = change.atime;
+  if (change.valid & OX_ATTR_MTIME) attributes.mtime = change.mtime;
+  return attributes;
+}
+
+bool is_special(const struct stat &status) {
+  return !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
+}
+
+/* Does the source have what the change says? */
+bool agrees(const SetAttr &c, const struct stat &theirs) {
+  if ((c.valid & OX_ATTR_MODE) && ((c.mode ^ theirs.st_mode) & kModeBits) != 0) return false;
+  if ((c.valid & OX_ATTR_UID) && c.uid != theirs.st_uid) return false;
+  if ((c.valid & OX_ATTR_GID) && c.gid != theirs.st_gid) return false;
+  if ((c.valid & OX_ATTR_SIZE) && c.size != static_cast<std::uint64_t>(theirs.st_size))
+    return false;
+  if ((c.valid & OX_ATTR_ATIME) && c.atime != microseconds(theirs.st_atim)) return false;
+  return !(c.valid & OX_ATTR_MTIME) || c.mtime == microseconds(theirs.st_mtim);
+}
+
+/* The times that the change names, as the source has them. */
+Result<void> set_named_times(Replica &replica, const std::string &path, const SetAttr &c,
+                             const struct stat &theirs) {
+  Replica::Attributes times;
+  if (c.valid & OX_ATTR_ATIME) times.atime = microseconds(theirs.st_atim);
+  if (c.valid & OX_ATTR_MTIME) times.mtime = microseconds(theirs.st_mtim);
+  if (!times.atime && !times.mtime) return {};
+  const auto set = replica.set_attributes(path, times);
+  return set ? Result<void>() : Result<void>(set.error());
+}
+
+struct Both {
+  std::optional<struct stat> mine;
+  std::optional<Source::Object> theirs;
+  /* The same kind of object, and the copy of this very one. */
+  bool copy(Settler &settler, const std::string &path) const {
+    return mine && theirs && same_type(*mine, theirs->status) &&
+           settler.fetcher().copies().same(path, theirs->status);
+  }
+};
+
+Result<Both> look(Settler &settler, Replica &replica, const std::string &path) {
+  auto mine = replica.find(path);
+  if (!mine) return mine.error();
+  auto theirs = settler.source().find(path);
+  if (!theirs) return theirs.error();
+  return Both{*mine, std::move(*theirs)};
+}
+
+Result<Done> changed(const Result<void> &result) {
+  if (!result) return result.error();
+  return Done::kChanged;
+}
+
+}  // namespace
+
+Result<Done> AttributeChange::apply(const std::string &path, const SetAttr &change) {
+  const auto as_told = [&] { return replica.set_attributes(path, named_attributes(change)); };
+  if (!settler.source().available()) return as_told();
+  const auto both = look(settler, replica, path);
+  if (!both) return both.error();
+  const auto &[mine, theirs] = *both;
+  if (settler.follows_source(path)) {
+    if (!both->copy(settler, path)) return settler.settle(path);
+    return from_source(path, change, *mine, *theirs);
+  }
+  if (theirs && !same_type(*mine, theirs->status) &&
+      (is_special(*mine) || is_special(theirs->status)))
+    return settler.settle(path);
+  const auto doubted = [&, &mine = mine] {
+    const auto size = static_cast<std::uint64_t>(mine->st_size);
+    const bool sizes = (change.valid & OX_ATTR_SIZE) && change.size != size;
+    settler.doubt(path, sizes ? std::min(change.size, size) : Unsettled::kNoData);
+    return as_told();
+  };
+  // It has gone on under another name, or has been removed.
+  if (!theirs || !same_type(*mine, theirs->status)) return doubted();
+  if (agrees(change, theirs->status)) return as_told();
+  if (microseconds(theirs->status.st_ctim) + kCoarse < static_cast<std::int64_t>(captured))
+    return refused(path, change, *theirs);
+  // A name that the source's object does not have: it is another one.
+  if (!S_ISDIR(mine->st_mode) && mine->st_nlink > 1 && theirs->status.st_nlink == 1)
+    return doubted();
+  return from_source(path, change, *mine, *theirs);
+}
+
+/* The source's object is as it was before the record, and a rename would have changed its change
+ * time: it is the same object, and nothing was changed. */
+Result<Done> AttributeChange::refused(const std::string &path, const SetAttr &change,
+                                      const Source::Object &theirs) {
+  if (change.valid & (OX_ATTR_MODE | OX_ATTR_UID | OX_ATTR_GID)) {
+    const auto set = settler.fetcher().fetch_attributes(path, theirs);
+    if (!set) return set.error();
+  }
+  const auto set = set_named_times(replica, path, change, theirs.status);
+  if (!set) return set.error();
+  return Done::kAlready;
+}
+
+/* It was refused, or the source is further. */
+Result<Done> AttributeChange::from_source(const std::string &path, const SetAttr &change,
+                                          const struct stat &mine, const Source::Object &theirs) {
+  std::uint64_t in_doubt = Unsettled::kNoData;
+  if ((change.valid & OX_ATTR_SIZE) && S_ISREG(mine.st_mode)) {
+    const auto my_size = static_cast<std::uint64_t>(mine.st_size),
+               their_size = static_cast<std::uint64_t>(theirs.status.st_size);
+    const std::uint64_t kept = std::min(change.size, my_size);
+    if (their_size > change.size || settler.follows_source(path)) {
+      in_doubt = kept;
+      const auto fetched = settler.fetcher().fetch_data(path, theirs, kept, Unsettled::kNoData);
+      if (!fetched) return fetched.error();
+    } else {
+      // As long as the record says, if the source has it so; if it is shorter, a later record cuts.
+      const bool told = their_size == change.size;
+      if (!told) in_doubt = std::min(kept, their_size);
+      const auto set = replica.set_attributes(path, {.size = told ? change.size : kept});
+      if (!set) return set.error();
+    }
+  }
+  if (change.valid & (OX_ATTR_MODE | OX_ATTR_UID | OX_ATTR_GID)) {
+    const auto set = settler.fetcher().fetch_attributes(path, theirs);
+    if (!set) return set.error();
+  }
+  if (!settler.follows_source(path)) settler.doubt(path, in_doubt);
+  return changed(set_named_times(replica, path, change, theirs.status));
+}
+
+Result<Done> refresh_written(Settler &settler, Replica &replica, const std::string &path,
+                             std::uint64_t offset, std::size_t length) {
+  const auto both = look(settler, replica, path);
+  if (!both) return both.error();
+  if (!both->copy(settler, path) || !S_ISREG(both->mine->st_mode)) return settler.settle(path);
+  // First the mode: new bytes must not come under an old set-user-id bit.
+  const auto like = settler.fetcher().fetch_attributes(path, *both->theirs);
+  if (!like) return like.error();
+  return changed(settler.fetcher().fetch_data(path, *both->theirs, offset, offset + length));
+}
+
+Result<void> drop_set_id(Settler &settler, Replica &replica, const std::string &path) {
+  const auto mine = replica.find(path);
+  if (!mine) return mine.error();
+  if (!*mine || !has_set_id(**mine) || !settler.source().available()) return {};
+  const auto theirs = settler.source().find(path);
+  if (!theirs) return theirs.error();
+  if (*theirs && has_set_id((*theirs)->status) && (*theirs)->status.st_uid == (*mine)->st_uid &&
+      (*theirs)->status.st_gid == (*mine)->st_gid)
+    return {};
+  settler.doubt(path, Unsettled::kNoData);
+  const auto set = replica.set_attributes(path, {.mode = (*mine)->st_mode & 01777});
+  return set ? Result<void>() : Result<void>(set.error());
+}
+
+}  // namespace tarn

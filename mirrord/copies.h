@@ -1,0 +1,68 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Which object of the source a path of the replica was copied from. So a second look can tell
+ * whether there is still the same object under the name, whether its data have changed since, and
+ * which names in the replica are names of one file. Only what was taken from the source is known
+ * here; a copy that has several names is remembered for long, the others as long as they are
+ * unsettled. Memory: kMost paths.
+ */
+#ifndef TARN_MIRRORD_COPIES_H
+#define TARN_MIRRORD_COPIES_H
+
+#include <sys/stat.h>
+
+#include <map>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tarn {
+
+class Copies {
+ public:
+  /* `whole`: all data were read when the object was as `status` says. */
+  void put(const std::string &path, const struct stat &status, bool whole);
+
+  /* The path was copied from some object. */
+  bool has(const std::string &path) const { return copies_.contains(path); }
+  /* The path was copied from that object. */
+  bool same(const std::string &path, const struct stat &status) const;
+  /* And the object's data are still those. */
+  bool unchanged(const std::string &path, const struct stat &status) const;
+  /* And the object has not been changed in any way since it was looked at. */
+  bool current(const std::string &path, const struct stat &status) const;
+  /* The paths whose objects have, or had, several names. */
+  std::vector<std::string> with_links() const;
+  /* The paths that were copied from that object. */
+  std::set<std::string> paths_of(const struct stat &status) const;
+
+  void linked(const std::string &existing, const std::string &path);
+  void moved(const std::string &from, const std::string &to);
+  void removed(const std::string &path);
+  /* The path and what is below it follow the records again. */
+  void settled(const std::string &path);
+
+  static constexpr std::size_t kMost = 262144;
+
+ private:
+  struct Copy {
+    dev_t device;
+    ino_t inode;
+    timespec changed; /* the source object's change time */
+    bool past;        /* that time had passed when it was looked at */
+    bool whole;
+    bool links; /* it had several names */
+  };
+  using Object = std::pair<dev_t, ino_t>;
+
+  void insert(const std::string &path, const Copy &copy);
+  void unindex(const std::string &path, const Copy &copy);
+
+  std::map<std::string, Copy> copies_;
+  std::map<Object, std::set<std::string>> paths_;
+};
+
+}  // namespace tarn
+
+#endif

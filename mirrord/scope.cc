@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/scope.h"
+
+#include <algorithm>
+
+#include "client/paths.h"
+
+namespace tarn {
+namespace {
+
+/* One more than the length of the longest directory of the list above the path; 0: none is. */
+std::size_t longest(const std::vector<std::string> &directories, std::string_view path) {
+  std::size_t best = 0;
+  for (std::string_view directory : directories) {
+    while (directory.size() > 1 && directory.ends_with('/')) directory.remove_suffix(1);
+    if (path_below(directory, path)) best = std::max(best, directory.size() + 1);
+  }
+  return best;
+}
+
+}  // namespace
+
+bool rule_includes(const RuleDirectories &rule, std::string_view path) {
+  return longest(rule.include, path) > longest(rule.exclude, path);
+}
+
+bool Scopes::includes(const Life &life, std::string_view path) {
+  if (!lists_) return true;
+  const auto [found, fresh] = known_.try_emplace(life);
+  if (fresh) found->second = lists_(life.first);
+  return !found->second || rule_includes(*found->second, path);
+}
+
+bool Scopes::any_includes(std::string_view path) const {
+  if (!lists_) return true;
+  for (const auto &[life, lists] : known_) {
+    if (!lists || rule_includes(*lists, path)) return true;
+  }
+  return false;
+}
+
+}  // namespace tarn

@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/settler.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "mirrord/path_map.h"
+
+namespace tarn {
+
+using Done = Replica::Done;
+
+namespace {
+
+bool same_object(const struct stat &a, const struct stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+}  // namespace
+
+Result<Done> Settler::settle(const std::string &path) {
+  if (path.empty()) return Error{-EINVAL, "the source itself cannot be taken over as a whole"};
+  const auto found = source_.find(path);
+  if (!found) return found.error();
+  const std::string parent = parent_of(path);
+  const auto above = replica_.find(parent);
+  if (!above) return above.error();
+  if (!*above || !S_ISDIR((*above)->st_mode)) {
+    if (!follows_source(parent)) return Error{-ENOENT, "No such file or directory"};
+    follow_source(path);
+    return *found ? settle(parent) : Done::kAlready;
+  }
+  follow_source(path);
+  if (!*found) {
+    fetcher_.copies().removed(path);
+    const auto gone = replica_.remove_tree(path);
+    return gone ? Result<Done>(Done::kAlready) : gone;
+  }
+  if (Unsettled::Mark *mark = unsettled_.find(path)) mark->missing = {};
+  if (const auto fetched = fetcher_.fetch(path, **found, included_); !fetched)
+    return fetched.error();
+  if (const auto names = settle_other_names(); !names) return names.error();
+  return Done::kChanged;
+}
+
+/* A fetched file may be one that the replica has under a name that came by records. Who has more
+ * names than are known is looked for in the whole source: the names of the directories are read for
+ * that, and nothing else. */
+Result<void> Settler::settle_other_names() {
+  if (settling_names_) return {};
+  Fetcher::Objects wanted;
+  for (const auto &[object, status] : fetcher_.take_several()) {
+    nlink_t known = 0;
+    for (const std::string &path : fetcher_.copies().paths_of(status)) {
+      const auto there = source_.find(path);
+      known += there && *there && same_object((*there)->status, status);
+    }
+    struct stat other;
+    known += !other_name_.empty() && lstat(other_name_.c_str(), &other) == 0 &&
+             same_object(other, status);
+    if (known < status.st_nlink) wanted[object] = status;
+  }
+  if (wanted.empty()) return {};
+  std::vector<std::string> found;
+  find_names("", wanted, found);
+  settling_names_ = true;
+  Result<void> first;
+  for (const std::string &path : found) {
+    const auto above = replica_.find(parent_of(path));
+    // The record that makes its directory has not come yet.
+    if (above && (!*above || !S_ISDIR((*above)->st_mode))) continue;
+    auto settled = settle(path);
+    if (first.ok() && !settled) first = settled.error();
+  }
+  settling_names_ = false;
+  fetcher_.take_several();
+  return first;
+}
+
+void Settler::find_names(const std::string &directory, const Fetcher::Objects &wanted,
+                         std::vector<std::string> &found) {
+  const auto object = source_.find(directory);
+  if (!object || !*object || !S_ISDIR((*object)->status.st_mode)) return;
+  const auto entries = Source::entries(**object);
+  if (!entries) return;  // what cannot be read is not in the replica either
+  for (const DirectoryEntry &entry : *entries) {
+    const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
+    if (entry.may_be_directory) find_names(path, wanted, found);
+    if (!wanted.contains({(*object)->status.st_dev, entry.inode}) || !included_(path)) continue;
+    const auto there = source_.find(path);
+    if (!there || !*there || fetcher_.copies().same(path, (*there)->status)) continue;
+    if (wanted.contains({(*there)->status.st_dev, (*there)->status.st_ino})) found.push_back(path);
+  }
+}
+
+void Settler::doubt(const std::string &path, std::uint64_t data_from) {
+  Unsettled::Mark &mark = unsettled_.mark(path);
+  mark.data_from = std::min(mark.data_from, data_from);
+}
+
+void Settler::expect(const std::string &path, const Unexplained &missing) {
+  Unsettled::Mark &mark = unsettled_.mark(path);
+  if (mark.missing.wseq == 0) mark.missing = missing;
+}
+
+void Settler::removed(const std::string &path) {
+  unsettled_.removed(path);
+  fetcher_.copies().removed(path);
+}
+
+void Settler::linked(const std::string &existing, const std::string &path) {
+  fetcher_.copies().linked(existing, path);
+  if (const Unsettled::Mark *mark = unsettled_.find(existing)) doubt(path, mark->data_from);
+}
+
+Result<void> Settler::moved(const std::string &from, const std::string &to) {
+  fetcher_.copies().moved(from, to);
+  Result<void> first;
+  for (const std::string &path : unsettled_.moved(from, to)) {
+    auto looked = look_again(path);
+    if (first.ok() && !looked) first = std::move(looked);
+  }
+  return first;
+}
+
+/* A marked path after its object, or a directory above it, was renamed. */
+Result<void> Settler::look_again(const std::string &path) {
+  const Unsettled::Mark *mark = unsettled_.find(path);
+  if (!mark) return {};
+  if (mark->names) {
+    const auto settled = settle(path);
+    return settled ? Result<void>() : Result<void>(settled.error());
+  }
+  const auto found = source_.find(path);
+  if (!found) return found.error();
+  const auto mine = replica_.find(path);
+  if (!mine) return mine.error();
+  Unsettled::Mark &looked = unsettled_.mark(path);
+  // It has gone on in the source: the record of that will have us look there.
+  if (!*found || !*mine || !same_type((*found)->status, **mine)) return {};
+  looked.missing = {};
+  if (looked.data_from != Unsettled::kNoData && S_ISREG((*mine)->st_mode)) {
+    const auto fetched = fetcher_.fetch_data(path, **found, looked.data_from, Unsettled::kNoData);
+    if (!fetched) return fetched;
+  }
+  return fetcher_.fetch_attributes(path, **found);
+}
+
+Result<void> Settler::leaving(const std::string &path) {
+  const Unsettled::Mark *mark = unsettled_.find(path);
+  if (!mark || mark->names) return {};
+  const auto mine = replica_.find(path);
+  if (!mine) return mine.error();
+  if (!*mine || S_ISDIR((*mine)->st_mode) || (*mine)->st_nlink < 2) return {};
+  const auto other = replica_.other_name(path, **mine);
+  if (!other) return other.error();
+  if (other->empty()) return {};
+  doubt(*other, mark->data_from);
+  return look_again(*other);
+}
+
+Result<void> Settler::look_at_links() {
+  Result<void> first;
+  for (const std::string &path : fetcher_.copies().with_links()) {
+    const auto found = source_.find(path);
+    if (!found || !*found || fetcher_.copies().current(path, (*found)->status)) continue;
+    const auto settled = settle(path);
+    if (first.ok() && !settled) first = settled.error();
+  }
+  return first;
+}
+
+void Settler::assume_same(const std::string &path) {
+  const auto found = source_.find(path);
+  const auto mine = replica_.find(path);
+  if (!found || !*found || !mine || !*mine) return;
+  if (S_ISDIR((*mine)->st_mode) || !same_type((*found)->status, **mine)) return;
+  if ((*mine)->st_nlink > 1 && (*found)->status.st_nlink > 1)
+    fetcher_.copies().put(path, (*found)->status, false);
+}
+
+std::vector<Unexplained> Settler::expire(std::uint64_t ts) {
+  std::vector<Unexplained> missing;
+  for (auto &[path, mark] : unsettled_.expire(ts)) {
+    if (mark.missing.wseq != 0) missing.push_back(std::move(mark.missing));
+    if (mark.names && !unsettled_.covers(path)) fetcher_.copies().settled(path);
+  }
+  return missing;
+}
+
+}  // namespace tarn

@@ -1,0 +1,96 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Makes paths of the replica as the source has them now, and keeps the marks of those that are
+ * therefore further than the records: unsettled.h says how the two are brought together again.
+ * One thread.
+ */
+#ifndef TARN_MIRRORD_SETTLER_H
+#define TARN_MIRRORD_SETTLER_H
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "mirrord/fetcher.h"
+#include "mirrord/unsettled.h"
+
+namespace tarn {
+
+class Settler {
+ public:
+  Settler(std::string source, Replica &replica, std::chrono::microseconds horizon)
+      : replica_(replica),
+        source_(std::move(source)),
+        fetcher_(source_, replica),
+        unsettled_(horizon) {}
+
+  Source &source() { return source_; }
+  Fetcher &fetcher() { return fetcher_; }
+
+  /* What the rule of the present record replicates, for fetched trees. */
+  void set_included(Fetcher::Included included) { included_ = std::move(included); }
+  /* A name of the object that the present record tells of, wherever it is; "": none. */
+  void set_other_name(std::string path) { other_name_ = std::move(path); }
+
+  /* Does the path follow the source, not the records? */
+  bool follows_source(const std::string &path) const { return unsettled_.covers(path); }
+
+  /* Does anything below it? */
+  bool follows_source_below(const std::string &path) const { return unsettled_.covers_below(path); }
+
+  /* From now on it does. */
+  void follow_source(const std::string &path) { unsettled_.mark(path).names = true; }
+
+  /* Makes the path as it is in the source; from now on it follows the source. kAlready: the source
+   * has nothing there, and now the replica has not either. */
+  Result<Replica::Done> settle(const std::string &path);
+
+  /* The object is the right one, but its owner, mode and bytes from `data_from` on may not be. */
+  void doubt(const std::string &path, std::uint64_t data_from);
+
+  /* The record finds nothing to be applied to; a later one must tell why. */
+  void expect(const std::string &path, const Unexplained &missing);
+
+  /* The object's leaving was recorded: nothing about it needs an explanation any more. */
+  void explained(const std::string &path) { unsettled_.explained(path); }
+
+  /* What records did to names. */
+  void removed(const std::string &path);
+  void linked(const std::string &existing, const std::string &path);
+  Result<void> moved(const std::string &from, const std::string &to);
+
+  /* The name is about to go. If its contents are in doubt and it has another name, that is looked
+   * at from now on. */
+  Result<void> leaving(const std::string &path);
+
+  /* All records have come. What was changed by a name that the source did not have any more when
+   * the record was applied is seen at the file's other names. */
+  Result<void> look_at_links();
+
+  /* The object under this name is the one that the source has there. */
+  void assume_same(const std::string &path);
+
+  /* A record captured at `ts` comes: ends marks. Gives what was not explained. */
+  std::vector<Unexplained> expire(std::uint64_t ts);
+  std::vector<Unexplained> take_missing(std::chrono::microseconds age) {
+    return unsettled_.take_missing(age);
+  }
+
+ private:
+  Result<void> look_again(const std::string &path);
+  Result<void> settle_other_names();
+  void find_names(const std::string &directory, const Fetcher::Objects &wanted,
+                  std::vector<std::string> &found);
+
+  Replica &replica_;
+  Source source_;
+  Fetcher fetcher_;
+  Unsettled unsettled_;
+  bool settling_names_ = false;
+  std::string other_name_;
+  Fetcher::Included included_ = [](const std::string &) { return true; };
+};
+
+}  // namespace tarn
+
+#endif

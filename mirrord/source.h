@@ -1,0 +1,55 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The source directory, read only: mirrord runs on its machine and looks there before it destroys
+ * anything in the replica, and for what no record carries. Paths are relative to it, as in the
+ * replica; no look-up follows a symbolic link or leaves it.
+ *
+ * What is found is how the source is at the moment of the call. It may be further than the record
+ * that is being applied; unsettled.h says what follows from that. One thread.
+ */
+#ifndef TARN_MIRRORD_SOURCE_H
+#define TARN_MIRRORD_SOURCE_H
+
+#include <sys/stat.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "client/result.h"
+#include "client/unique_fd.h"
+#include "mirrord/directory_walk.h"
+
+namespace tarn {
+
+class Source {
+ public:
+  /* The directory is opened when it is first needed: it need not be there before. */
+  explicit Source(std::string directory) : directory_(std::move(directory)) {}
+
+  struct Object {
+    UniqueFd fd; /* O_PATH: it stays this object, whatever happens to the name */
+    struct stat status;
+  };
+
+  /* Can anything be looked up? Not if the directory does not exist or may not be entered. */
+  bool available();
+
+  /* Nothing: no object goes by that name. "" is the directory itself. */
+  Result<std::optional<Object>> find(const std::string &path);
+
+  /* A regular file for reading. Its access time stays where the system lets us ask for that. */
+  static Result<UniqueFd> open_file(const Object &file);
+  /* Of a symbolic link. */
+  static Result<std::string> target(const Object &link);
+  /* Of a directory, without "." and "..". */
+  static Result<std::vector<DirectoryEntry>> entries(const Object &directory);
+
+ private:
+  std::string directory_;
+  UniqueFd root_;
+};
+
+}  // namespace tarn
+
+#endif

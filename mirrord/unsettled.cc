@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/unsettled.h"
+
+#include "mirrord/path_map.h"
+
+namespace tarn {
+namespace {
+
+/* The clock that records are stamped with. */
+std::uint64_t now_us() {
+  using namespace std::chrono;
+  return static_cast<std::uint64_t>(
+      duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
+}
+
+}  // namespace
+
+Unsettled::Mark &Unsettled::mark(const std::string &path) {
+  Mark &mark = marks_[path];
+  mark.until = now_us() + static_cast<std::uint64_t>(horizon_.count());
+  ages_.push_back({mark.until, path});
+  return mark;
+}
+
+Unsettled::Mark *Unsettled::find(const std::string &path) {
+  const auto found = marks_.find(path);
+  return found == marks_.end() ? nullptr : &found->second;
+}
+
+bool Unsettled::covers(const std::string &path) const {
+  if (marks_.empty()) return false;
+  for (std::string at = path;; at = parent_of(at)) {
+    const auto found = marks_.find(at);
+    if (found != marks_.end() && found->second.names) return true;
+    if (at.empty()) return false;
+  }
+}
+
+bool Unsettled::covers_below(const std::string &path) const {
+  const std::string below = path + "/";
+  for (auto at = marks_.lower_bound(below); at != marks_.end() && at->first.starts_with(below);
+       ++at) {
+    if (at->second.names) return true;
+  }
+  return false;
+}
+
+void Unsettled::removed(const std::string &path) {
+  if (marks_.empty()) return;
+  for (const auto &[marked, mark] : take_tree(marks_, path)) {
+    if (mark.names) marks_[marked] = {.names = true, .until = mark.until};
+  }
+}
+
+void Unsettled::explained(const std::string &path) {
+  if (Mark *mark = find(path)) mark->missing = {};
+  const std::string below = path + "/";
+  for (auto at = marks_.lower_bound(below); at != marks_.end() && at->first.starts_with(below);
+       ++at)
+    at->second.missing = {};
+}
+
+std::vector<std::string> Unsettled::moved(const std::string &from, const std::string &to) {
+  std::vector<std::string> paths;
+  if (marks_.empty()) return paths;
+  removed(to);  // what the rename replaced
+  for (auto &[path, mark] : take_tree(marks_, from)) {
+    if (mark.names) marks_[path] = {.names = true, .until = mark.until};
+    paths.push_back(to + path.substr(from.size()));
+    ages_.push_back({mark.until, paths.back()});
+    marks_[paths.back()] = std::move(mark);
+  }
+  return paths;
+}
+
+std::vector<Unsettled::Expired> Unsettled::expire(std::uint64_t ts) {
+  std::vector<Expired> expired;
+  for (; !ages_.empty() && ages_.front().until < ts; ages_.pop_front()) {
+    const auto found = marks_.find(ages_.front().path);
+    if (found == marks_.end() || found->second.until >= ts) continue;
+    expired.push_back({found->first, std::move(found->second)});
+    marks_.erase(found);
+  }
+  return expired;
+}
+
+std::vector<Unexplained> Unsettled::take_missing(std::chrono::microseconds age) {
+  const std::uint64_t made_before = now_us() - static_cast<std::uint64_t>(age.count());
+  std::vector<Unexplained> missing;
+  for (auto &[path, mark] : marks_) {
+    if (mark.missing.wseq == 0) continue;
+    if (mark.until - static_cast<std::uint64_t>(horizon_.count()) > made_before) continue;
+    missing.push_back(std::exchange(mark.missing, {}));
+  }
+  return missing;
+}
+
+}  // namespace tarn

@@ -1,0 +1,281 @@
+// SPDX-License-Identifier: GPL-2.0
+// What records do not tell, and what they tell although it did not happen: the source is looked at.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "mirrord/applier.h"
+#include "tests/replicate/fake_tarnd.h"
+
+namespace tarn {
+namespace {
+
+using namespace test;
+namespace fs = std::filesystem;
+using Outcome = Applier::Outcome;
+
+/* A source whose rule includes in/ and excludes in/out/, and a replica of it. */
+class SourceLooksTest : public testing::Test {
+ protected:
+  SourceLooksTest() {
+    umask(0);
+    for (const char *tree : {"src", "copy"}) {
+      fs::create_directories(dir_ / (std::string(tree) + "/in/d"));
+    }
+    fs::create_directories(src("in/out"));
+    replica_.emplace(std::move(*Replica::open(dir_ / "copy")));
+    const RuleDirectories lists{{src("in")}, {src("in/out")}};
+    applier_.emplace(dir_ / "src", *replica_, [=](const Uuid &) { return lists; });
+  }
+  std::string src(const std::string &name) const { return dir_ / ("src/" + name); }
+  std::string copy(const std::string &name) const { return dir_ / ("copy/" + name); }
+
+  /* Captured a minute after whatever the source has seen. */
+  static Stamp late() { return {.ts = static_cast<std::uint64_t>(time(nullptr) + 60) * 1'000'000}; }
+  static Stamp now() { return {.ts = static_cast<std::uint64_t>(time(nullptr)) * 1'000'000}; }
+
+  void expect(const Packet &packet, Outcome outcome) {
+    const auto result = applier_->apply(std::get<Record>(*decode(packet)));
+    ASSERT_TRUE(result.ok()) << result.error().text;
+    EXPECT_EQ(*result, outcome);
+  }
+  void both(const std::string &name, const std::string &data, mode_t mode = 0644) {
+    for (const std::string &file : {src(name), copy(name)}) {
+      std::ofstream(file) << data;
+      ASSERT_EQ(chmod(file.c_str(), mode), 0);
+    }
+  }
+  static struct stat status(const std::string &file) {
+    struct stat s {};
+    EXPECT_EQ(lstat(file.c_str(), &s), 0) << file << ": " << std::strerror(errno);
+    return s;
+  }
+  static std::string contents(const std::string &file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+  }
+  Packet renamed(const std::string &from, const std::string &to) {
+    return name_change(OX_OP_RENAME, now(), src(from), src(to));
+  }
+
+  TemporaryDirectory dir_;
+  std::optional<Replica> replica_;
+  std::optional<Applier> applier_;
+};
+
+TEST_F(SourceLooksTest, WhatComesIntoTheRuleIsFetched) {
+  fs::create_directories(src("in/new/deep"));
+  std::ofstream(src("in/new/f")) << std::string(300'000, 'x');
+  fs::create_hard_link(src("in/new/f"), src("in/new/deep/g"));
+  fs::create_symlink("any where", src("in/new/l"));
+  ASSERT_EQ(mkfifo(src("in/new/p").c_str(), 0640), 0);
+  ASSERT_EQ(chmod(src("in/new/f").c_str(), 0604), 0);
+  const timespec times[2] = {{1000, 0}, {-5, 7000}};
+  ASSERT_EQ(utimensat(AT_FDCWD, src("in/new/f").c_str(), times, 0), 0);
+  expect(renamed("in/out/x", "in/new"), Outcome::kApplied);
+  EXPECT_EQ(contents(copy("in/new/f")), std::string(300'000, 'x'));
+  const struct stat f = status(copy("in/new/f"));
+  EXPECT_EQ(f.st_mode, mode_t{S_IFREG | 0604});
+  EXPECT_EQ(f.st_mtim.tv_sec, -5);
+  EXPECT_EQ(f.st_mtim.tv_nsec, 7000);
+  EXPECT_EQ(f.st_ino, status(copy("in/new/deep/g")).st_ino);
+  EXPECT_EQ(fs::read_symlink(copy("in/new/l")), "any where");
+  EXPECT_EQ(status(copy("in/new/p")).st_mode, mode_t{S_IFIFO | 0640});
+}
+
+TEST_F(SourceLooksTest, WhatComesInReplacesWhatWasThere) {
+  std::ofstream(copy("in/f")) << "old";
+  fs::create_hard_link(copy("in/f"), copy("in/g"));
+  std::ofstream(src("in/f")) << "new";
+  std::ofstream(src("in/g")) << "old";
+  expect(renamed("in/out/f", "in/f"), Outcome::kApplied);
+  EXPECT_EQ(contents(copy("in/f")), "new");
+  EXPECT_EQ(contents(copy("in/g")), "old") << "another name of the file that was replaced";
+  expect(name_change(OX_OP_LINK, now(), src("in/out/f"), src("in/h")), Outcome::kAlready);
+  EXPECT_FALSE(fs::exists(copy("in/h"))) << "gone from the source too";
+  expect(name_change(OX_OP_UNLINK, now(), src("in/h")), Outcome::kAlready);
+  EXPECT_TRUE(applier_->take_unexplained(std::chrono::microseconds(0)).empty());
+}
+
+TEST_F(SourceLooksTest, WhatGoesOutOfTheRuleIsRemoved) {
+  std::ofstream(copy("in/d/f")) << "x";
+  expect(renamed("in/d", "in/out/d"), Outcome::kApplied);
+  EXPECT_FALSE(fs::exists(copy("in/d")));
+  expect(renamed("in/nothing", "in/out/d"), Outcome::kAlready);
+  // Out of the source altogether.
+  std::ofstream(copy("in/f")) << "x";
+  expect(name_change(OX_OP_RENAME, now(), src("in/f"), "/elsewhere"), Outcome::kApplied);
+  EXPECT_FALSE(fs::exists(copy("in/f")));
+}
+
+TEST_F(SourceLooksTest, ALinkOfANamelessFileIsFetched) {
+  std::ofstream(src("in/f")) << "data";
+  Stamp nameless = now();
+  nameless.cp = OX_CP_NAMELESS;
+  expect(name_change(OX_OP_LINK, nameless, src("in/d"), src("in/f")), Outcome::kApplied);
+  EXPECT_EQ(contents(copy("in/f")), "data");
+}
+
+TEST_F(SourceLooksTest, ARefusedRemovalLeavesTheDirectory) {
+  ASSERT_EQ(mkfifo(src("in/d/p").c_str(), 0600), 0);
+  expect(name_change(OX_OP_RMDIR, now(), src("in/d")), Outcome::kAlready);
+  EXPECT_TRUE(fs::is_directory(copy("in/d")));
+  // What is put into it later is not lost, whatever became of the directory meanwhile.
+  std::ofstream(src("in/d/f")) << "kept";
+  fs::rename(src("in/d"), src("in/e"));
+  expect(name_change(OX_OP_CREATE, now(), src("in/d/f"), {}, 0644), Outcome::kAlready);
+  expect(renamed("in/d", "in/e"), Outcome::kApplied);
+  EXPECT_EQ(contents(copy("in/e/f")), "kept");
+  EXPECT_EQ(status(copy("in/e/p")).st_mode, mode_t{S_IFIFO | 0600});
+  EXPECT_FALSE(fs::exists(copy("in/d")));
+}
+
+TEST_F(SourceLooksTest, ARefusedTruncationCutsNothing) {
+  both("in/f", "contents");
+  for (const Stamp &when : {now(), late()}) {
+    expect(set_attributes(when, {src("in/f"), OX_ATTR_SIZE, 0, 0, 0, 0, 0, 0, 0}),
+           when.ts == late().ts ? Outcome::kAlready : Outcome::kApplied);
+    EXPECT_EQ(contents(copy("in/f")), "contents");
+  }
+}
+
+TEST_F(SourceLooksTest, ARefusedChangeOfModeOrOwnerChangesNothing) {
+  both("in/f", "contents", 0640);
+  for (const Stamp &when : {now(), late()}) {
+    const auto result = applier_->apply(std::get<Record>(*decode(set_attributes(
+        when, {src("in/f"), OX_ATTR_MODE | OX_ATTR_UID | OX_ATTR_GID, 04777, 7, 8, 0, 0, 0, 0}))));
+    ASSERT_TRUE(result.ok()) << result.error().text;
+    const struct stat f = status(copy("in/f"));
+    EXPECT_EQ(f.st_mode, mode_t{S_IFREG | 0640});
+    EXPECT_EQ(f.st_uid, geteuid());
+  }
+}
+
+TEST_F(SourceLooksTest, ALaterSizeIsNoRefusal) {
+  both("in/f", "contents");
+  std::ofstream(src("in/f"), std::ios::trunc) << "ab";  // written again since
+  expect(set_attributes(now(), {src("in/f"), OX_ATTR_SIZE, 0, 0, 0, 0, 0, 0, 0}),
+         Outcome::kApplied);
+  EXPECT_EQ(contents(copy("in/f")), "ab");
+  expect(write_data(now(), src("in/f"), 0, "ab")[0], Outcome::kApplied);
+  EXPECT_EQ(contents(copy("in/f")), "ab");
+}
+
+TEST_F(SourceLooksTest, SpecialFilesAreMade) {
+  ASSERT_EQ(mkfifo(src("in/p").c_str(), 0600), 0);
+  expect(set_attributes(now(), {src("in/p"), OX_ATTR_MODE, 0600, 0, 0, 0, 0, 0, 0}),
+         Outcome::kApplied);
+  EXPECT_EQ(status(copy("in/p")).st_mode, mode_t{S_IFIFO | 0600});
+  ASSERT_EQ(mknod(src("in/s").c_str(), S_IFSOCK | 0600, 0), 0);
+  expect(renamed("in/s0", "in/s"), Outcome::kApplied);
+  EXPECT_EQ(status(copy("in/s")).st_mode, mode_t{S_IFSOCK | 0600});
+  // Over a regular file.
+  both("in/f", "x");
+  fs::rename(src("in/p"), src("in/f"));
+  expect(renamed("in/p", "in/f"), Outcome::kApplied);
+  EXPECT_EQ(status(copy("in/f")).st_mode, mode_t{S_IFIFO | 0600});
+  EXPECT_FALSE(fs::exists(copy("in/p")));
+  ASSERT_EQ(unlink(src("in/f").c_str()), 0);
+  expect(name_change(OX_OP_UNLINK, now(), src("in/f")), Outcome::kAlready);
+  EXPECT_FALSE(fs::exists(copy("in/f")));
+}
+
+TEST_F(SourceLooksTest, DeviceNodesAreMade) {
+  if (mknod(src("in/n").c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0)
+    GTEST_SKIP() << "we may not make device nodes";
+  expect(set_attributes(now(), {src("in/n"), OX_ATTR_MODE, 0600, 0, 0, 0, 0, 0, 0}),
+         Outcome::kApplied);
+  EXPECT_EQ(status(copy("in/n")).st_mode, mode_t{S_IFCHR | 0600});
+  EXPECT_EQ(status(copy("in/n")).st_rdev, makedev(1, 3));
+}
+
+TEST_F(SourceLooksTest, FilesMadeByMknodAreFetched) {
+  ASSERT_EQ(mknod(src("in/f").c_str(), S_IFREG | 0640, 0), 0);
+  std::ofstream(src("in/f")) << "data";
+  expect(write_data(now(), src("in/f"), 0, "data")[0], Outcome::kApplied);
+  EXPECT_EQ(contents(copy("in/f")), "data");
+  EXPECT_EQ(status(copy("in/f")).st_mode, mode_t{S_IFREG | 0640});
+}
+
+TEST_F(SourceLooksTest, AMissingFileMustBeExplained) {
+  expect(write_data(now(), src("in/lost"), 0, "x")[0], Outcome::kAlready);
+  expect(set_attributes(now(), {src("in/gone"), OX_ATTR_MODE, 0600, 0, 0, 0, 0, 0, 0}),
+         Outcome::kAlready);
+  EXPECT_TRUE(applier_->take_unexplained().empty()) << "a later record may tell";
+  EXPECT_TRUE(applier_->take_unexplained(std::chrono::seconds(1)).empty()) << "it has just gone";
+  expect(name_change(OX_OP_UNLINK, now(), src("in/gone")), Outcome::kAlready);
+  const auto missing = applier_->take_unexplained(std::chrono::microseconds(0));
+  ASSERT_EQ(missing.size(), 1u);
+  EXPECT_EQ(missing[0].what, "write " + src("in/lost"));
+  EXPECT_TRUE(applier_->take_unexplained(std::chrono::microseconds(0)).empty()) << "said once";
+}
+
+TEST_F(SourceLooksTest, AMissingFileIsUnexplainedInTheEnd) {
+  expect(write_data(now(), src("in/lost"), 0, "x")[0], Outcome::kAlready);
+  expect(name_change(OX_OP_UNLINK, late(), src("in/other")), Outcome::kAlready);
+  EXPECT_EQ(applier_->take_unexplained().size(), 1u) << "so much later nothing will tell";
+}
+
+TEST_F(SourceLooksTest, TheOwnerOfASymbolicLink) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+  fs::create_symlink("to", src("in/l"));
+  ASSERT_EQ(lchown(src("in/l").c_str(), 12, 34), 0);
+  expect(name_change(OX_OP_SYMLINK, now(), src("in/l"), "to", 07777), Outcome::kApplied);
+  EXPECT_EQ(status(copy("in/l")).st_uid, 12u);
+  EXPECT_EQ(status(copy("in/l")).st_gid, 34u);
+}
+
+TEST_F(SourceLooksTest, NewBytesLoseASetUserIdThatTheSourceHasNot) {
+  both("in/f", "old", 04755);
+  ASSERT_EQ(chmod(src("in/f").c_str(), 0755), 0);
+  expect(write_data(now(), src("in/f"), 0, "new")[0], Outcome::kApplied);
+  EXPECT_EQ(status(copy("in/f")).st_mode, mode_t{S_IFREG | 0755});
+  // Where the source's file has it still, its writer was allowed to.
+  both("in/g", "old", 04755);
+  expect(write_data(now(), src("in/g"), 0, "new")[0], Outcome::kApplied);
+  EXPECT_EQ(status(copy("in/g")).st_mode, mode_t{S_IFREG | 04755});
+}
+
+TEST_F(SourceLooksTest, ASetUserIdModeIsOnlyTakenWithItsBytes) {
+  both("in/f", "a stranger's program", 0755);
+  std::ofstream(src("in/f"), std::ios::trunc) << "root's";
+  ASSERT_EQ(chmod(src("in/f").c_str(), 04755), 0);
+  // An older change of mode, while the source is further.
+  expect(set_attributes(now(), {src("in/f"), OX_ATTR_MODE, 0700, 0, 0, 0, 0, 0, 0}),
+         Outcome::kApplied);
+  EXPECT_EQ(status(copy("in/f")).st_mode, mode_t{S_IFREG | 04755});
+  EXPECT_EQ(contents(copy("in/f")), "root's");
+}
+
+TEST_F(SourceLooksTest, NobodyElseEntersTheReplica) {
+  struct stat s = status(copy(""));
+  ASSERT_EQ(chmod(copy("").c_str(), 0755), 0);
+  const auto closed = replica_->keep_others_out();
+  ASSERT_TRUE(closed.ok());
+  if (!*closed) GTEST_SKIP() << "set-user-id modes are not honoured here";
+  s = status(copy(""));
+  EXPECT_EQ(s.st_mode & 07777, mode_t{0700});
+  const auto again = replica_->keep_others_out();
+  EXPECT_TRUE(again.ok() && !*again);
+  ASSERT_TRUE(replica_->set_attributes("", {.mode = 0755}).ok());
+  s = status(copy(""));
+  EXPECT_EQ(s.st_mode & 07777, mode_t{0700});
+}
+
+TEST(RuleIncludes, TheLongestDirectoryDecides) {
+  const RuleDirectories rule{{"/a", "/a/b/c"}, {"/a/b", "/a/x/"}};
+  for (const char *path : {"/a", "/a/f", "/a/b/c", "/a/b/c/f", "/a/bc"})
+    EXPECT_TRUE(rule_includes(rule, path)) << path;
+  for (const char *path : {"/", "/ab", "/a/b", "/a/b/f", "/a/x/f", "/a/x"})
+    EXPECT_FALSE(rule_includes(rule, path)) << path;
+}
+
+}  // namespace
+}  // namespace tarn

@@ -349,7 +349,7 @@ MODULE_CASE(write_capture, a_path_that_leaves_no_room_for_data_uses_up_a_number)
   kernel_ds_guard kernel_addresses;
   EXPECT_EQ(tarn_write_sync(file.get(), data, 0, 0), 0);
   EXPECT_TRUE(daemon.idle());
-  char line[512];
+  char line[1024];
   snprintf(
       line, sizeof(line),
       "tarn_trans: rule 01010101-0101-0101-0101-010101010101: record 2 is left out, its path is "

@@ -227,6 +227,32 @@ struct Applier::Visitor {
     return settled;
   }
 
+  /* The lists name places, not objects: what lay in an excluded place below a renamed directory may
+   * be included now, and the other way round. */
+  Result<void> mend_border(const std::optional<std::string> &from,
+                           const std::optional<std::string> &to) {
+    const Scopes::Life life(record.rule, record.generation);
+    Result<void> first;
+    const auto note = [&first](const Did &did) {
+      if (first.ok() && !did) first = Result<void>(did.error());
+    };
+    const auto listed = [&](const std::optional<std::string> &path) {
+      return path ? applier.scopes_.listed_below(life, applier.absolute(*path))
+                  : std::vector<std::string>();
+    };
+    for (const std::string &rest : listed(from)) {
+      const auto mine = replica.find(*from + "/" + rest);
+      if (mine && *mine) note(settler.settle(*from + "/" + rest));
+      if (to && applier.scopes_.includes(life, applier.absolute(*to + "/" + rest)))
+        note(settler.settle(*to + "/" + rest));
+    }
+    for (const std::string &rest : listed(to)) {
+      const std::string path = *to + "/" + rest;
+      if (!applier.scopes_.includes(life, applier.absolute(path))) note(replica.remove_tree(path));
+    }
+    return first;
+  }
+
   Done operator()(const Create &c) {
     const auto path = below(c.path);
     return path ? Done(create(*path, c)) : Done();
@@ -261,9 +287,14 @@ struct Applier::Visitor {
       to = below(c.to);
     }
     if (!from && !to) return Done();
-    if (!from || record.naming != Naming::kNamed) return to ? Done(come_in(*to)) : Done();
-    if (!to) return go_out(*from);
-    return rename(*from, *to);
+    Done done;
+    if (!from || record.naming != Naming::kNamed)
+      done = to ? Done(come_in(*to)) : Done();
+    else
+      done = to ? rename(*from, *to) : go_out(*from);
+    if (!done || !done->ok()) return done;
+    const auto mended = mend_border(below(c.from), to);
+    return mended ? done : Done(mended.error());
   }
   Done operator()(const SetAttr &c) {
     const auto path = below(c.path);

@@ -31,6 +31,23 @@ bool Scopes::includes(const Life &life, std::string_view path) {
   return !found->second || rule_includes(*found->second, path);
 }
 
+std::vector<std::string> Scopes::listed_below(const Life &life, const std::string &directory) {
+  std::vector<std::string> below;
+  if (!lists_) return below;
+  includes(life, directory);  // so that the lists are known
+  const auto &lists = known_[life];
+  if (!lists) return below;
+  for (const auto *list : {&lists->include, &lists->exclude}) {
+    for (const std::string &listed : *list) {
+      auto rest = path_below(directory, listed);
+      while (rest && rest->ends_with('/')) rest->pop_back();
+      if (rest && !rest->empty()) below.push_back(std::move(*rest));
+    }
+  }
+  std::sort(below.begin(), below.end());
+  return below;
+}
+
 bool Scopes::any_includes(std::string_view path) const {
   if (!lists_) return true;
   for (const auto &[life, lists] : known_) {

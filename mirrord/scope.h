@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "client/messages.h"
 #include "client/workdir.h"
@@ -32,6 +33,9 @@ class Scopes {
   /* One life of a rule. */
   using Life = std::pair<Uuid, std::uint32_t>;
   bool includes(const Life &life, std::string_view path);
+  /* The listed directories below that absolute one, relative to it: there the rule's border runs.
+   */
+  std::vector<std::string> listed_below(const Life &life, const std::string &directory);
   /* Does any of those whose records have come? */
   bool any_includes(std::string_view path) const;
 

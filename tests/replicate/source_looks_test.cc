@@ -115,6 +115,25 @@ TEST_F(SourceLooksTest, WhatGoesOutOfTheRuleIsRemoved) {
   EXPECT_FALSE(fs::exists(copy("in/f")));
 }
 
+TEST_F(SourceLooksTest, TheListsNamePlacesNotDirectories) {
+  fs::remove_all(src("in"));
+  fs::remove_all(copy("in"));
+  fs::create_directories(copy("x/out"));
+  std::ofstream(copy("x/out/f")) << "no longer included";
+  fs::create_directories(src("in/out"));
+  const RuleDirectories lists{{dir_ / "src"}, {src("in/out"), src("a/private")}};
+  applier_.emplace(dir_ / "src", *replica_, [=](const Uuid &) { return lists; });
+  fs::create_directory(src("a"));
+  fs::create_directory(copy("a"));
+  fs::create_directory(src("a/private"));
+  std::ofstream(src("a/private/f")) << "hidden";
+  fs::rename(src("a"), src("b"));
+  expect(renamed("a", "b"), Outcome::kApplied);
+  EXPECT_EQ(contents(copy("b/private/f")), "hidden") << "a/private is excluded, b/private is not";
+  expect(renamed("x", "in"), Outcome::kApplied);
+  EXPECT_FALSE(fs::exists(copy("in/out"))) << "x/out was included, in/out is not";
+}
+
 TEST_F(SourceLooksTest, ALinkOfANamelessFileIsFetched) {
   std::ofstream(src("in/f")) << "data";
   Stamp nameless = now();

@@ -248,7 +248,9 @@ struct Applier::Visitor {
     }
     for (const std::string &rest : listed(to)) {
       const std::string path = *to + "/" + rest;
-      if (!applier.scopes_.includes(life, applier.absolute(path))) note(replica.remove_tree(path));
+      if (applier.scopes_.includes(life, applier.absolute(path))) continue;
+      settler.removed(path);
+      note(replica.remove_tree(path));
     }
     return first;
   }

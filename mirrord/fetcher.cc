@@ -120,9 +120,11 @@ Result<void> Fetcher::fetch_data(const std::string &path, const Source::Object &
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   const std::uint64_t now = *mine ? static_cast<std::uint64_t>((*mine)->st_size) : 0;
-  if (now > size || (to >= size && now != size))
-    return plain(replica_.set_attributes(path, {.size = size}));
-  return {};
+  // Whatever was written set the times.
+  Replica::Attributes wanted{.atime = microseconds(status->st_atim),
+                             .mtime = microseconds(status->st_mtim)};
+  if (now > size || (to >= size && now != size)) wanted.size = size;
+  return plain(replica_.set_attributes(path, wanted));
 }
 
 Result<void> Fetcher::fetch_attributes(const std::string &path, const Source::Object &object) {
@@ -192,12 +194,16 @@ Result<void> Fetcher::fetch(const std::string &path, const Source::Object &objec
     case S_IFDIR:
       return directory(path, object, included);
     case S_IFREG:
-      return copies_.unchanged(path, object.status) ? fetch_attributes(path, object)
-                                                    : file(path, object);
+      return unchanged(path, object.status) ? fetch_attributes(path, object) : file(path, object);
     case S_IFLNK:
       return link(path, object);
   }
   return special(path, object);
+}
+
+bool Fetcher::unchanged(const std::string &path, const struct stat &status) {
+  const auto mine = replica_.find(path);
+  return mine && *mine && copies_.unchanged(path, status);
 }
 
 Result<void> Fetcher::file(const std::string &path, const Source::Object &object) {

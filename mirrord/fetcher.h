@@ -52,6 +52,7 @@ class Fetcher {
   Objects take_several() { return std::exchange(several_, {}); }
 
  private:
+  bool unchanged(const std::string &path, const struct stat &status);
   Result<bool> join(const std::string &path, const Source::Object &object);
   Result<void> make_room(const std::string &path, const Source::Object &object);
   Result<void> file(const std::string &path, const Source::Object &object);

@@ -171,6 +171,7 @@ struct Applier::Visitor {
     if (!above) return above.error();
     if (!*above) return kAbsent;
     if (const auto left = settler.leaving(from); !left) return left.error();
+    if (const auto watched = settler.watch_other_name(from); !watched) return watched.error();
     const auto done = replica.remove_tree(from);
     if (done) settler.removed(from);
     return done;
@@ -250,7 +251,12 @@ struct Applier::Visitor {
       const std::string path = *to + "/" + rest;
       if (applier.scopes_.includes(life, applier.absolute(path))) continue;
       settler.removed(path);
+      const auto above = replica.find(parent_of(path));
       note(replica.remove_tree(path));
+      if (above && *above) {
+        const auto kept = settler.keep_times(parent_of(path), **above);
+        if (first.ok() && !kept) first = kept;
+      }
     }
     return first;
   }
@@ -277,7 +283,11 @@ struct Applier::Visitor {
   }
   Done operator()(const Link &c) {
     const auto path = inside(c.path);
-    if (!path) return Done();
+    if (!path) {
+      if (const auto existing = inside(c.existing); existing && record.naming == Naming::kNamed)
+        settler.watch(*existing);
+      return Done();
+    }
     // A file that is open without a name of its own got one again, or its name is not known.
     return link(record.naming == Naming::kNamed ? inside(c.existing) : std::nullopt, *path);
   }

@@ -16,6 +16,14 @@ bool same_object(const struct stat &a, const struct stat &b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
+bool same_time(const timespec &a, const timespec &b) {
+  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
+}
+
+std::int64_t microseconds(const timespec &time) {
+  return std::int64_t{time.tv_sec} * 1'000'000 + time.tv_nsec / 1000;
+}
+
 }  // namespace
 
 Result<Done> Settler::settle(const std::string &path) {
@@ -30,14 +38,32 @@ Result<Done> Settler::settle(const std::string &path) {
     follow_source(path);
     return *found ? settle(parent) : Done::kAlready;
   }
+  auto done = take_over(path, *found);
+  // A look is no change of the directory: the times that a record gave it stay.
+  if (const auto kept = keep_times(parent, **above); done.ok() && !kept) return kept.error();
+  return done;
+}
+
+Result<void> Settler::keep_times(const std::string &directory, const struct stat &before) {
+  const auto now = replica_.find(directory);
+  if (!now) return now.error();
+  if (!*now || same_time((*now)->st_mtim, before.st_mtim)) return {};
+  const auto set = replica_.set_attributes(
+      directory, {.atime = microseconds(before.st_atim), .mtime = microseconds(before.st_mtim)});
+  if (!set) return set.error();
+  return {};
+}
+
+Result<Done> Settler::take_over(const std::string &path,
+                                const std::optional<Source::Object> &found) {
   follow_source(path);
-  if (!*found) {
+  if (!found) {
     fetcher_.copies().removed(path);
     const auto gone = replica_.remove_tree(path);
     return gone ? Result<Done>(Done::kAlready) : gone;
   }
   if (Unsettled::Mark *mark = unsettled_.find(path)) mark->missing = {};
-  if (const auto fetched = fetcher_.fetch(path, **found, included_); !fetched)
+  if (const auto fetched = fetcher_.fetch(path, *found, included_); !fetched)
     return fetched.error();
   if (const auto names = settle_other_names(); !names) return names.error();
   return Done::kChanged;
@@ -157,6 +183,22 @@ Result<void> Settler::leaving(const std::string &path) {
   if (other->empty()) return {};
   doubt(*other, mark->data_from);
   return look_again(*other);
+}
+
+void Settler::watch(const std::string &path) {
+  const auto found = source_.find(path);
+  if (found && *found && !S_ISDIR((*found)->status.st_mode))
+    fetcher_.copies().put(path, (*found)->status, false);
+}
+
+Result<void> Settler::watch_other_name(const std::string &path) {
+  const auto mine = replica_.find(path);
+  if (!mine) return mine.error();
+  if (!*mine || S_ISDIR((*mine)->st_mode) || (*mine)->st_nlink < 2) return {};
+  const auto other = replica_.other_name(path, **mine);
+  if (!other) return other.error();
+  if (!other->empty()) watch(*other);
+  return {};
 }
 
 Result<void> Settler::look_at_links() {

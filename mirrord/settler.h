@@ -8,6 +8,7 @@
 #define TARN_MIRRORD_SETTLER_H
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -59,9 +60,17 @@ class Settler {
   void linked(const std::string &existing, const std::string &path);
   Result<void> moved(const std::string &from, const std::string &to);
 
+  /* Something was changed in the directory by a look, not by a record: its times stay. */
+  Result<void> keep_times(const std::string &directory, const struct stat &before);
+
   /* The name is about to go. If its contents are in doubt and it has another name, that is looked
    * at from now on. */
   Result<void> leaving(const std::string &path);
+
+  /* The object has, or may have, a name that the rule does not include: what is changed by that one
+   * no record tells. look_at_links() sees it. */
+  void watch(const std::string &path);
+  Result<void> watch_other_name(const std::string &path);
 
   /* All records have come. What was changed by a name that the source did not have any more when
    * the record was applied is seen at the file's other names. */
@@ -77,6 +86,8 @@ class Settler {
   }
 
  private:
+  Result<Replica::Done> take_over(const std::string &path,
+                                  const std::optional<Source::Object> &found);
   Result<void> look_again(const std::string &path);
   Result<void> settle_other_names();
   void find_names(const std::string &directory, const Fetcher::Objects &wanted,

@@ -134,6 +134,22 @@ TEST_F(SourceLooksTest, TheListsNamePlacesNotDirectories) {
   EXPECT_FALSE(fs::exists(copy("in/out"))) << "x/out was included, in/out is not";
 }
 
+TEST_F(SourceLooksTest, ANameOutsideTheRuleIsWatched) {
+  for (const char *name : {"in/f", "in/g"}) both(name, "old");
+  fs::create_hard_link(src("in/f"), src("in/out/f"));
+  expect(name_change(OX_OP_LINK, now(), src("in/f"), src("in/out/f")), Outcome::kOutside);
+  fs::create_hard_link(copy("in/g"), copy("in/h"));
+  fs::create_hard_link(src("in/g"), src("in/out/h"));
+  expect(renamed("in/h", "in/out/h"), Outcome::kApplied);
+  const struct stat before = status(copy("in"));
+  for (const char *name : {"in/out/f", "in/out/h"})  // no record tells
+    std::ofstream(src(name), std::ios::trunc) << "changed outside";
+  ASSERT_TRUE(applier_->caught_up().ok());
+  EXPECT_EQ(contents(copy("in/f")), "changed outside");
+  EXPECT_EQ(contents(copy("in/g")), "changed outside");
+  EXPECT_EQ(status(copy("in")).st_mtim.tv_nsec, before.st_mtim.tv_nsec);
+}
+
 TEST_F(SourceLooksTest, ALinkOfANamelessFileIsFetched) {
   std::ofstream(src("in/f")) << "data";
   Stamp nameless = now();

@@ -25,6 +25,7 @@ struct option {
 constexpr option kOptions[] = {
     {"noxattr", MEMFS_NO_XATTR},      {"nofsync", MEMFS_NO_FSYNC}, {"nodirect", MEMFS_NO_DIRECT},
     {"revalidate", MEMFS_REVALIDATE}, {"nfs", MEMFS_NFS},          {"queue", MEMFS_QUEUE},
+    {"short", MEMFS_SHORT_DIRECT},
 };
 
 // The number at the beginning of `text` with its unit; -1: not a number, or something behind it.

@@ -21,7 +21,8 @@ enum memfs_switch {
       8,          /* dentries looked up from now on have a d_revalidate, see memfs_set_revalidate */
   MEMFS_NFS = 16, /* the magic number of NFS; an open directory's place is kept beside f_pos, and
                      lost by llseek */
-  MEMFS_QUEUE = 32, /* direct_IO moves the data and queues the request: see memfs_complete */
+  MEMFS_QUEUE = 32,        /* direct_IO moves the data and queues the request: see memfs_complete */
+  MEMFS_SHORT_DIRECT = 64, /* direct_IO moves the first 512 bytes alone */
 };
 /* Takes the place of all switches that are set. */
 void memfs_set_switches(struct super_block *sb, unsigned switches);

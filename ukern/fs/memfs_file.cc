@@ -181,10 +181,15 @@ ssize_t memfs_direct_IO(int rw, struct kiocb *iocb, const struct iovec *iov, lof
                         unsigned long nr_segs) {
   struct inode *inode = iocb->ki_filp->f_mapping->host;
   if (int error = memfs_check(inode->i_sb, MEMFS_OP_DIRECT_IO)) return error;
+  struct memfs_sb *info = memfs_s(inode->i_sb);
+  const struct iovec first = {.iov_base = iov->iov_base, .iov_len = min(iov->iov_len, (size_t)512)};
+  if (info->switches & MEMFS_SHORT_DIRECT) {
+    iov = &first;
+    nr_segs = 1;
+  }
   const size_t count = iov_length(iov, nr_segs);
   if ((offset | (loff_t)count) & 511) return -EINVAL;
   const ssize_t done = direct_segments(rw, inode, iov, offset, nr_segs);
-  struct memfs_sb *info = memfs_s(inode->i_sb);
   if ((info->switches & MEMFS_QUEUE) && direct_io_is_all(rw, done, count))
     return queue_request(info, iocb, done);
   return direct_io_result(rw, iocb, done, count);

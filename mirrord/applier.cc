@@ -147,7 +147,8 @@ struct Applier::Visitor {
     }
     const auto done = replica.link(*existing, path);
     if (!done) {
-      if (done.error().code != -ENOENT) return heal(path, done.error());
+      if (done.error().code != -ENOENT && done.error().code != -ENOTDIR)
+        return heal(path, done.error());
       return follows ? settler.settle(path) : absent(path, done.error());
     }
     settler.linked(*existing, path);
@@ -171,7 +172,6 @@ struct Applier::Visitor {
     if (!above) return above.error();
     if (!*above) return kAbsent;
     if (const auto left = settler.leaving(from); !left) return left.error();
-    if (const auto watched = settler.watch_other_name(from); !watched) return watched.error();
     const auto done = replica.remove_tree(from);
     if (done) settler.removed(from);
     return done;
@@ -285,7 +285,7 @@ struct Applier::Visitor {
     const auto path = inside(c.path);
     if (!path) {
       if (const auto existing = inside(c.existing); existing && record.naming == Naming::kNamed)
-        settler.watch(*existing);
+        settler.watch(*existing, record.ts);
       return Done();
     }
     // A file that is open without a name of its own got one again, or its name is not known.
@@ -356,17 +356,55 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
       [this, life = Scopes::Life(record.rule, record.generation)](const std::string &path) {
         return scopes_.includes(life, absolute(path));
       });
+  touch(record);
   const auto done = std::visit(Visitor{*this, record}, record.change);
   if (!done) return Outcome::kOutside;
   if (!done->ok()) return done->error();
   return **done == Replica::Done::kChanged ? Outcome::kApplied : Outcome::kAlready;
 }
 
-Result<void> Applier::caught_up() {
+Result<void> Applier::caught_up(std::int64_t asked) {
+  look_for_any_rule();
+  auto links = settler_.look_at_links();
+  auto touched = settler_.look_at_touched(asked);
+  return links ? std::move(touched) : std::move(links);
+}
+
+Result<void> Applier::compare_touched(std::int64_t asked) {
+  look_for_any_rule();
+  return settler_.look_at_touched(asked);
+}
+
+/* What is looked at next, no record asked for. */
+void Applier::look_for_any_rule() {
   settler_.set_other_name("");
   settler_.set_included(
       [this](const std::string &path) { return scopes_.any_includes(absolute(path)); });
-  return settler_.look_at_links();
+}
+
+/* The paths of the replica that the record names, and the directories whose names it changes. */
+void Applier::touch(const Record &record) {
+  Touched &touched = settler_.touched();
+  scopes_.learn(record);  // what it excludes is left out when the paths are compared
+  const auto below = [this](std::string_view path) { return path_below(source_, path); };
+  const auto add = [&](const std::optional<std::string> &path) {
+    if (!path) return;
+    touched.add(*path);
+    touched.add(parent_of(*path));
+  };
+  if (const auto *rename = std::get_if<Rename>(&record.change)) {
+    const auto from = below(rename->from), to = below(rename->to);
+    if (from && to) touched.moved(*from, *to);
+    add(from);
+    add(to);
+  } else if (std::holds_alternative<WritePage>(record.change)) {
+    if (const auto path = below(page_path_)) touched.add(*path);
+  } else if (std::holds_alternative<Write>(record.change) ||
+             std::holds_alternative<SetAttr>(record.change)) {
+    if (const auto path = below(change_path(record.change))) touched.add(*path);
+  } else {
+    add(below(change_path(record.change)));
+  }
 }
 
 std::vector<Unexplained> Applier::take_unexplained(

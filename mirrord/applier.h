@@ -60,8 +60,12 @@ class Applier {
    */
   const std::string &page_path() const { return page_path_; }
 
-  /* All records of what was done until a moment ago have been applied: the last looks. */
-  Result<void> caught_up();
+  /* All records of what was done until `asked` (microseconds since the epoch) have been applied:
+   * the last looks at the source. */
+  Result<void> caught_up(std::int64_t asked);
+  /* The same for the paths that records named; without the files that have several names. */
+  Result<void> compare_touched(std::int64_t asked);
+  const Touched &touched() const { return settler_.touched(); }
 
   /* Records whose object was missing, and which no later record explained in time; with an age,
    * also those that are older and not explained yet, because all records have come. */
@@ -70,6 +74,9 @@ class Applier {
 
  private:
   struct Visitor;
+
+  void look_for_any_rule();
+  void touch(const Record &record);
 
   std::string absolute(std::string_view path) const {
     return (source_ == "/" ? "" : source_) + "/" + std::string(path);

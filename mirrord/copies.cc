@@ -42,6 +42,19 @@ void Copies::put(const std::string &path, const struct stat &status, bool whole)
                 !S_ISDIR(status.st_mode) && status.st_nlink > 1});
 }
 
+void Copies::watch(const std::string &path, const struct stat &status, std::uint64_t ts) {
+  if (same(path, status)) {
+    copies_[path].links = true;
+    return;
+  }
+  put(path, status, false);
+  Copy &copy = copies_[path];
+  copy.links = true;
+  const auto changed =
+      std::int64_t{status.st_ctim.tv_sec} * 1'000'000 + status.st_ctim.tv_nsec / 1000;
+  if (changed > static_cast<std::int64_t>(ts)) copy.changed = {};  // by whom is not known
+}
+
 bool Copies::same(const std::string &path, const struct stat &status) const {
   const auto found = copies_.find(path);
   return found != copies_.end() && found->second.device == status.st_dev &&

@@ -24,6 +24,9 @@ class Copies {
   /* `whole`: all data were read when the object was as `status` says. */
   void put(const std::string &path, const struct stat &status, bool whole);
 
+  /* The path has the contents that the object had at `ts` (microseconds since the epoch), before it
+   * got a name of which no record tells. What was known of this copy stays: it tells more. */
+  void watch(const std::string &path, const struct stat &status, std::uint64_t ts);
   /* The path was copied from some object. */
   bool has(const std::string &path) const { return copies_.contains(path); }
   /* The path was copied from that object. */

@@ -23,6 +23,11 @@ void say(const std::string &text) {
   std::cerr << "mirrord: " + text + "\n";
 }
 
+std::int64_t now_us() {
+  using namespace std::chrono;
+  return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
+}
+
 std::string rule_name(const Uuid &rule) {
   return "rule " + to_string(rule);
 }
@@ -69,6 +74,7 @@ void Mirror::record(const Record &record, Sequencer::Order order) {
   if (*outcome == Applier::Outcome::kNameless) ++rule.nameless;
   if (const auto *write = std::get_if<Write>(&record.change)) rule.bytes += write->data.size();
   if (const auto *page = std::get_if<WritePage>(&record.change)) rule.bytes += page->data.size();
+  if (applier_.touched().full()) compare_touched(std::chrono::microseconds(0));
 }
 
 void Mirror::event(const Uuid &uuid, const Sequencer::Event &event) {
@@ -153,7 +159,7 @@ void Mirror::ask_catch_up() {
   const std::int64_t now = monotonic_ns();
   const auto barrier = channel_.ask_barrier();
   if (!barrier) return unconfirmed(barrier.error().text);
-  catch_ups_.push_back({*barrier, now});
+  catch_ups_.push_back({*barrier, now, now_us()});
 }
 
 void Mirror::unconfirmed(const std::string &why) {
@@ -172,13 +178,22 @@ void Mirror::tell_unkept() {
   }
 }
 
-/* Everything that came has been applied. */
-void Mirror::last_looks() {
-  if (const auto looked = applier_.caught_up(); !looked) {
-    ++status_.unconfirmed;
-    changed_ = true;
-    say("files with several names could not be compared with the source: " + looked.error().text);
-  }
+/* Everything that was done until `asked` has been applied. */
+void Mirror::last_looks(std::int64_t asked) {
+  unlooked(applier_.caught_up(asked));
+}
+
+/* Between the moments when somebody asks: what came until that long ago. */
+void Mirror::compare_touched(std::chrono::microseconds ago) {
+  if (!applier_.touched().empty()) unlooked(applier_.compare_touched(now_us() - ago.count()));
+}
+
+void Mirror::unlooked(const Result<void> &looked) {
+  tell_unkept();
+  if (looked) return;
+  ++status_.unconfirmed;
+  changed_ = true;
+  say("what was changed could not be compared with the source: " + looked.error().text);
 }
 
 /* Objects that were missing when their records came, and of which no later record told why. */
@@ -198,7 +213,7 @@ void Mirror::tell_unexplained(std::optional<std::chrono::nanoseconds> older_than
 void Mirror::note_caught_up(std::uint64_t barriers) {
   const auto come = [&] { return !catch_ups_.empty() && catch_ups_.front().barrier <= barriers; };
   if (!sequencer_.holds_nothing() || !come()) return;
-  last_looks();
+  last_looks(catch_ups_.front().asked_us);
   replica_.close_files();
   tell_unkept();
   // What had gone from the source a second before we asked has been told by now.
@@ -309,7 +324,7 @@ void Mirror::drain() {
 
 /* At the end: nobody is left to hear of an error that comes later. */
 void Mirror::settle() {
-  last_looks();
+  last_looks(now_us());
   tell_unexplained(std::chrono::nanoseconds(0));
   replica_.close_files();
   tell_unkept();
@@ -348,6 +363,8 @@ Mirror::End Mirror::run(SignalPipe &signals) {
       say("another daemon has taken over: no more records come here");
       end = End::kChannel;
     }
+    if (received->packets.empty() && !received->woken && sequencer_.holds_nothing())
+      compare_touched(kStatusInterval);
     if (changed_ && Clock::now() - written_ >= kStatusInterval) {
       keep_state();
       keep_status_file();

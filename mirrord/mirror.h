@@ -88,7 +88,9 @@ class Mirror : private Sequencer::Sink {
   void keep_status_file();
   void unconfirmed(const std::string &why);
   void tell_unkept();
-  void last_looks();
+  void last_looks(std::int64_t asked);
+  void compare_touched(std::chrono::microseconds ago);
+  void unlooked(const Result<void> &looked);
   void tell_unexplained(std::optional<std::chrono::nanoseconds> older_than = {});
   void settle();
   DaemonChannel::Milliseconds patience() const;
@@ -116,7 +118,8 @@ class Mirror : private Sequencer::Sink {
 
   struct CatchUp {
     std::uint64_t barrier;
-    std::int64_t asked_ns;
+    std::int64_t asked_ns; /* monotonic */
+    std::int64_t asked_us; /* since the epoch, as files are stamped */
   };
   std::deque<CatchUp> catch_ups_;                                /* asked for, not come back */
   std::optional<std::chrono::steady_clock::time_point> stop_by_; /* asked to end */

@@ -300,7 +300,10 @@ Result<Replica::Done> Replica::remove_tree(const std::string &path) {
   if (!there) return there.error();
   if (!*there) return Done::kAlready;
   if (path.empty()) return Error{-EINVAL, "the replica itself is not removed"};
-  if (!S_ISDIR((*there)->st_mode)) return unlink(path);
+  if (!S_ISDIR((*there)->st_mode)) {
+    if ((*there)->st_nlink > 1) parted_.insert({(*there)->st_dev, (*there)->st_ino});
+    return unlink(path);
+  }
   const auto inside = names(path);
   if (!inside) return inside.error();
   for (const std::string &name : *inside) {
@@ -325,33 +328,34 @@ Result<std::optional<struct stat>> Replica::find(const std::string &path) {
   return failed(errno);
 }
 
-Result<std::string> Replica::other_name(const std::string &path, const struct stat &status) {
-  return name_below("", path, status);
+Result<std::vector<std::string>> Replica::names_of(const Objects &objects) {
+  std::vector<std::string> found;
+  if (const auto looked = names_below("", objects, found); !looked) return looked.error();
+  return found;
 }
 
-Result<std::string> Replica::name_below(const std::string &directory, const std::string &except,
-                                        const struct stat &status) {
+Result<void> Replica::names_below(const std::string &directory, const Objects &objects,
+                                  std::vector<std::string> &found) {
   const auto at = place(directory);
   if (!at) return at.error();
   UniqueFd opened(
       openat(at->fd, at->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!opened) return failed(errno);
+  struct stat status;
+  if (fstat(opened.get(), &status) != 0) return failed(errno);
   const auto entries = directory_entries(std::move(opened));
   if (!entries) return entries.error();
   for (const DirectoryEntry &entry : *entries) {
     const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
+    if (!entry.may_be_directory && !objects.contains({status.st_dev, entry.inode})) continue;
     const auto there = find(path);
     if (!there) return there.error();
     if (!*there) continue;
-    if (S_ISDIR((*there)->st_mode)) {
-      auto found = name_below(path, except, status);
-      if (!found || !found->empty()) return found;
-    } else if (path != except && (*there)->st_ino == status.st_ino &&
-               (*there)->st_dev == status.st_dev) {
-      return path;
-    }
+    if (objects.contains({(*there)->st_dev, (*there)->st_ino})) found.push_back(path);
+    if (!S_ISDIR((*there)->st_mode)) continue;
+    if (auto below = names_below(path, objects, found); !below) return below;
   }
-  return std::string();
+  return {};
 }
 
 Result<std::vector<std::string>> Replica::names(const std::string &path) {

@@ -17,7 +17,9 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/messages.h"
@@ -58,9 +60,11 @@ class Replica {
 
   /* What stands there; nothing if nothing does, be it that its parent is missing. */
   Result<std::optional<struct stat>> find(const std::string &path);
-  /* Another name of the object that `path` is a name of, looked for in the whole replica; "": none.
-   */
-  Result<std::string> other_name(const std::string &path, const struct stat &status);
+  /* Their names, looked for in the whole replica. */
+  using Objects = std::set<std::pair<dev_t, ino_t>>;
+  Result<std::vector<std::string>> names_of(const Objects &objects);
+  /* The objects of which remove_tree() has removed a name and left another since the last call. */
+  Objects take_parted() { return std::exchange(parted_, {}); }
   /* Of a directory, without "." and "..". */
   Result<std::vector<std::string>> names(const std::string &path);
 
@@ -98,8 +102,8 @@ class Replica {
     int fd;
     std::string name;
   };
-  Result<std::string> name_below(const std::string &directory, const std::string &except,
-                                 const struct stat &status);
+  Result<void> names_below(const std::string &directory, const Objects &objects,
+                           std::vector<std::string> &found);
   Result<Place> place(const std::string &path);
   /* Two places at once: the first one's descriptor is held while the second is looked up. */
   struct TwoPlaces {
@@ -116,6 +120,7 @@ class Replica {
 
   UniqueFd root_;
   bool others_out_ = false; /* the root's mode has no bits for others */
+  Objects parted_;
   FdCache files_{kCachedFiles};
   FdCache directories_{kCachedDirectories};
 };

@@ -24,18 +24,20 @@ bool rule_includes(const RuleDirectories &rule, std::string_view path) {
   return longest(rule.include, path) > longest(rule.exclude, path);
 }
 
-bool Scopes::includes(const Life &life, std::string_view path) {
-  if (!lists_) return true;
+const std::optional<RuleDirectories> &Scopes::lists_of(const Life &life) {
   const auto [found, fresh] = known_.try_emplace(life);
-  if (fresh) found->second = lists_(life.first);
-  return !found->second || rule_includes(*found->second, path);
+  if (fresh && lists_) found->second = lists_(life.first);
+  return found->second;
+}
+
+bool Scopes::includes(const Life &life, std::string_view path) {
+  const auto &lists = lists_of(life);
+  return !lists || rule_includes(*lists, path);
 }
 
 std::vector<std::string> Scopes::listed_below(const Life &life, const std::string &directory) {
   std::vector<std::string> below;
-  if (!lists_) return below;
-  includes(life, directory);  // so that the lists are known
-  const auto &lists = known_[life];
+  const auto &lists = lists_of(life);
   if (!lists) return below;
   for (const auto *list : {&lists->include, &lists->exclude}) {
     for (const std::string &listed : *list) {

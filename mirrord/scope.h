@@ -24,14 +24,17 @@ using RuleLists = std::function<std::optional<RuleDirectories>(const Uuid &)>;
 
 class Scopes {
  public:
+  /* One life of a rule. */
+  using Life = std::pair<Uuid, std::uint32_t>;
+
   explicit Scopes(RuleLists lists) : lists_(std::move(lists)) {}
 
+  /* Asks for the lists of the record's rule, if they are not known. */
+  void learn(const Record &record) { lists_of(Life(record.rule, record.generation)); }
   /* Does the record's rule replicate this absolute path? */
   bool includes(const Record &record, std::string_view path) {
     return includes(Life(record.rule, record.generation), path);
   }
-  /* One life of a rule. */
-  using Life = std::pair<Uuid, std::uint32_t>;
   bool includes(const Life &life, std::string_view path);
   /* The listed directories below that absolute one, relative to it: there the rule's border runs.
    */
@@ -40,6 +43,8 @@ class Scopes {
   bool any_includes(std::string_view path) const;
 
  private:
+  const std::optional<RuleDirectories> &lists_of(const Life &life);
+
   RuleLists lists_;
   std::map<Life, std::optional<RuleDirectories>> known_;
 };

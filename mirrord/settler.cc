@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "mirrord/settler.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 
 #include "mirrord/path_map.h"
 
@@ -11,6 +14,8 @@ namespace tarn {
 using Done = Replica::Done;
 
 namespace {
+
+constexpr std::uint32_t kModeBits = 07777;
 
 bool same_object(const struct stat &a, const struct stat &b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
@@ -22,6 +27,16 @@ bool same_time(const timespec &a, const timespec &b) {
 
 std::int64_t microseconds(const timespec &time) {
   return std::int64_t{time.tv_sec} * 1'000'000 + time.tv_nsec / 1000;
+}
+
+/* Of two objects: is everything the same but the times, as far as a status tells? */
+bool alike(const struct stat &mine, const struct stat &other) {
+  if (!same_type(mine, other)) return false;
+  if (!S_ISLNK(other.st_mode) && ((mine.st_mode ^ other.st_mode) & kModeBits) != 0) return false;
+  // Who is not root makes everything his own.
+  if (geteuid() == 0 && (mine.st_uid != other.st_uid || mine.st_gid != other.st_gid)) return false;
+  const bool sized = S_ISREG(other.st_mode) || S_ISLNK(other.st_mode);
+  return !sized || mine.st_size == other.st_size;
 }
 
 }  // namespace
@@ -57,6 +72,7 @@ Result<void> Settler::keep_times(const std::string &directory, const struct stat
 Result<Done> Settler::take_over(const std::string &path,
                                 const std::optional<Source::Object> &found) {
   follow_source(path);
+  touched_.add(path);  // to make it set the time of the directory, or the file's own
   if (!found) {
     fetcher_.copies().removed(path);
     const auto gone = replica_.remove_tree(path);
@@ -178,37 +194,96 @@ Result<void> Settler::leaving(const std::string &path) {
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine || S_ISDIR((*mine)->st_mode) || (*mine)->st_nlink < 2) return {};
-  const auto other = replica_.other_name(path, **mine);
-  if (!other) return other.error();
-  if (other->empty()) return {};
-  doubt(*other, mark->data_from);
-  return look_again(*other);
+  const auto names = replica_.names_of({{(*mine)->st_dev, (*mine)->st_ino}});
+  if (!names) return names.error();
+  const std::uint64_t data_from = mark->data_from;
+  for (const std::string &other : *names) {
+    if (other == path) continue;
+    doubt(other, data_from);
+    return look_again(other);
+  }
+  return {};
 }
 
-void Settler::watch(const std::string &path) {
+void Settler::watch(const std::string &path, std::uint64_t ts) {
   const auto found = source_.find(path);
   if (found && *found && !S_ISDIR((*found)->status.st_mode))
-    fetcher_.copies().put(path, (*found)->status, false);
-}
-
-Result<void> Settler::watch_other_name(const std::string &path) {
-  const auto mine = replica_.find(path);
-  if (!mine) return mine.error();
-  if (!*mine || S_ISDIR((*mine)->st_mode) || (*mine)->st_nlink < 2) return {};
-  const auto other = replica_.other_name(path, **mine);
-  if (!other) return other.error();
-  if (!other->empty()) watch(*other);
-  return {};
+    fetcher_.copies().watch(path, (*found)->status, ts);
 }
 
 Result<void> Settler::look_at_links() {
   Result<void> first;
+  if (const auto parted = replica_.take_parted(); !parted.empty()) {
+    const auto names = replica_.names_of(parted);
+    if (!names) return names.error();
+    for (const std::string &path : *names) watch(path, 0);
+  }
   for (const std::string &path : fetcher_.copies().with_links()) {
     const auto found = source_.find(path);
     if (!found || !*found || fetcher_.copies().current(path, (*found)->status)) continue;
     const auto settled = settle(path);
     if (first.ok() && !settled) first = settled.error();
   }
+  return first;
+}
+
+/* False: it has been changed since it was asked for, and the records of that are on their way. */
+Result<bool> Settler::compare(const std::string &path, std::int64_t asked) {
+  if (path.empty() || !included_(path)) return true;
+  const auto theirs = source_.find(path);
+  if (!theirs) return theirs.error();
+  if (*theirs && microseconds((*theirs)->status.st_ctim) >= asked) return false;
+  const auto mine = replica_.find(path);
+  if (!mine) return mine.error();
+  if (!*mine && !*theirs) return true;
+  if (*mine && *theirs && alike(**mine, (*theirs)->status)) return true;
+  // What a missing directory holds comes with it.
+  std::string missing = path;
+  for (std::string above = parent_of(path); !above.empty(); above = parent_of(above)) {
+    const auto there = replica_.find(above);
+    if (!there) return there.error();
+    if (*there && S_ISDIR((*there)->st_mode)) break;
+    missing = above;
+  }
+  const auto settled = settle(missing);
+  if (!settled) return settled.error();
+  return true;
+}
+
+Result<void> Settler::take_time(const std::string &path, std::int64_t asked) {
+  if (!path.empty() && !included_(path)) return {};
+  const auto theirs = source_.find(path);
+  if (!theirs) return theirs.error();
+  if (!*theirs || microseconds((*theirs)->status.st_ctim) >= asked) return {};
+  const auto mine = replica_.find(path);
+  if (!mine) return mine.error();
+  const std::int64_t wanted = microseconds((*theirs)->status.st_mtim);
+  if (!*mine || !same_type(**mine, (*theirs)->status) || microseconds((*mine)->st_mtim) == wanted)
+    return {};
+  const auto set = replica_.set_attributes(path, {.mtime = wanted});
+  return set ? Result<void>() : Result<void>(set.error());
+}
+
+Result<void> Settler::look_at_touched(std::int64_t asked) {
+  auto paths = touched_.take();
+  if (!source_.available()) return {};
+  Result<void> first;
+  const auto note = [&first](const Result<void> &result) {
+    if (first.ok() && !result) first = result.error();
+  };
+  std::vector<std::string> changing;
+  for (const std::string &path : paths) {
+    const auto compared = compare(path, asked);
+    if (!compared)
+      note(compared.error());
+    else if (!*compared)
+      changing.push_back(path);
+  }
+  // What is made in a directory changes its time, so that comes after.
+  for (std::string &path : touched_.take()) paths.push_back(std::move(path));
+  std::sort(paths.begin(), paths.end(), std::greater());
+  for (const std::string &path : paths) note(take_time(path, asked));
+  for (const std::string &path : changing) touched_.add(path);
   return first;
 }
 

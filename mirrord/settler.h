@@ -8,11 +8,13 @@
 #define TARN_MIRRORD_SETTLER_H
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "mirrord/fetcher.h"
+#include "mirrord/touched.h"
 #include "mirrord/unsettled.h"
 
 namespace tarn {
@@ -68,13 +70,20 @@ class Settler {
   Result<void> leaving(const std::string &path);
 
   /* The object has, or may have, a name that the rule does not include: what is changed by that one
-   * no record tells. look_at_links() sees it. */
-  void watch(const std::string &path);
-  Result<void> watch_other_name(const std::string &path);
-
+   * no record tells. look_at_links() sees it. `ts`: when the present record was captured. */
+  void watch(const std::string &path, std::uint64_t ts);
   /* All records have come. What was changed by a name that the source did not have any more when
-   * the record was applied is seen at the file's other names. */
+   * the record was applied, or by one that went out of the rule, is seen at the file's other names.
+   */
   Result<void> look_at_links();
+  /* A record names the path. */
+  Touched &touched() { return touched_; }
+  const Touched &touched() const { return touched_; }
+  /* All records of what was done until `asked` (microseconds since the epoch) have been applied:
+   * compares the paths that were touched, and takes from the source what differs, and all
+   * modification times. What has been changed since is left to the next time. The error is the
+   * first one; everything is tried. */
+  Result<void> look_at_touched(std::int64_t asked);
 
   /* The object under this name is the one that the source has there. */
   void assume_same(const std::string &path);
@@ -90,6 +99,8 @@ class Settler {
                                   const std::optional<Source::Object> &found);
   Result<void> look_again(const std::string &path);
   Result<void> settle_other_names();
+  Result<bool> compare(const std::string &path, std::int64_t asked);
+  Result<void> take_time(const std::string &path, std::int64_t asked);
   void find_names(const std::string &directory, const Fetcher::Objects &wanted,
                   std::vector<std::string> &found);
 
@@ -97,6 +108,7 @@ class Settler {
   Source source_;
   Fetcher fetcher_;
   Unsettled unsettled_;
+  Touched touched_;
   bool settling_names_ = false;
   std::string other_name_;
   Fetcher::Included included_ = [](const std::string &) { return true; };

@@ -69,6 +69,23 @@ MODULE_CASE(naming, a_file_that_lost_one_of_two_names_has_the_other) {
   write_is_recorded(r, file, "/lower/f (deleted)", OX_CP_NAMELESS);
 }
 
+// A descriptor's change of attributes comes by the file, which was looked up by another name last.
+MODULE_CASE(naming, a_file_whose_latest_name_is_gone_is_changed_by_the_one_it_has) {
+  replicated r;
+  test_file file("/mnt/f", O_CREAT | O_RDWR);
+  EXPECT_EQ(test_link("/mnt/f", "/mnt/g"), 0);  // the lower directory's dentry of f is dropped
+  const test_name latest("/mnt/g");
+  EXPECT_EQ(test_unlink("/mnt/g"), 0);
+  r.daemon.drain();
+  struct uk_stat want = {}, after = {};
+  want.mode = 0600;
+  EXPECT_EQ(uk_setattr(latest.get(), nullptr, UK_SET_MODE, &want, &after), 0);
+  const struct test_record &record = r.daemon.next();
+  EXPECT_EQ(record.op(), OX_OP_SETATTR);
+  EXPECT_STREQ(record.attr()->name, "/lower/f");
+  EXPECT_EQ(record.msg()->cp, OX_CP_NAMED);
+}
+
 // The old name may be another file's by now: nobody may take it for this one's.
 MODULE_CASE(naming, a_file_with_a_name_that_nobody_knows_is_unplaced) {
   replicated r;

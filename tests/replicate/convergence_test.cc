@@ -284,7 +284,7 @@ class ConvergenceTest : public testing::TestWithParam<Speed> {
       while (programs.records.size() > kept) deliver();
     }
     while (!programs.records.empty()) deliver();
-    EXPECT_TRUE(applier.caught_up().ok());
+    EXPECT_TRUE(applier.caught_up(now_us()).ok());
     for (const auto &missing : applier.take_unexplained(std::chrono::microseconds(0)))
       said += fmt::format("record {}: {} was not explained\n", missing.wseq, missing.what);
     EXPECT_EQ(said, "") << "seed " << seed << "\n" << programs.log;

@@ -54,8 +54,16 @@ class MirrorTest : public testing::Test {
                {"--catch-up", "--status-file", dir_ / "status", "--timeout", "20"});
   }
   nlohmann::json status() const { return nlohmann::json::parse(std::ifstream(dir_ / "status")); }
-  Packet create(std::uint32_t n, const std::string &name, Uuid rule = rule_uuid()) {
+  /* And so it is in the source, with `size` bytes in the end. */
+  Packet create(std::uint32_t n, const std::string &name, Uuid rule = rule_uuid(),
+                std::uintmax_t size = 0) {
+    make_source(name, size);
     return name_change(OX_OP_CREATE, {n, rule, kTime + n}, src_ + "/" + name, {}, 0100644);
+  }
+  void make_source(const std::string &name, std::uintmax_t size) {
+    std::ofstream(src_ + "/" + name, std::ios::app).flush();
+    fs::resize_file(src_ + "/" + name, size);
+    fs::permissions(src_ + "/" + name, fs::perms{0644});
   }
   std::string replica(const std::string &name) const { return dir_ / ("replica/" + name); }
 
@@ -68,7 +76,7 @@ class MirrorTest : public testing::Test {
 
 TEST_F(MirrorTest, ReplaysCatchesUpAndLeaves) {
   const auto mirror = start();
-  fake_.send(create(1, "f"));
+  fake_.send(create(1, "f", rule_uuid(), 9000));
   fake_.send(write_data({2}, src_ + "/f", 0, std::string(9000, 'x')));
   const Ended waited = catch_up();
   EXPECT_EQ(waited.exit, 0) << waited.err;
@@ -93,7 +101,7 @@ TEST_F(MirrorTest, ReplaysCatchesUpAndLeaves) {
 
 TEST_F(MirrorTest, FailuresAreSaidAndCounted) {
   const auto mirror = start();
-  fake_.send(create(1, "absent/f"));
+  fake_.send(name_change(OX_OP_CREATE, {1}, src_ + "/absent/f", {}, 0100644));
   fake_.send(create(2, "g"));
   EXPECT_EQ(catch_up().exit, 1);
   mirror->signal(SIGINT);
@@ -160,6 +168,7 @@ TEST_F(MirrorTest, AMissedBeginningIsAGap) {
 TEST_F(MirrorTest, WhatWasChangedBetweenTwoLivesOfARuleIsAGap) {
   const auto mirror = start();
   const auto of_life = [&](std::uint32_t generation, std::uint32_t n, const std::string &name) {
+    make_source(name, 0);
     return name_change(OX_OP_CREATE, {.wseq = n, .ts = kTime - n, .generation = generation},
                        src_ + "/" + name, {}, 0100644);
   };
@@ -221,10 +230,12 @@ TEST_F(MirrorTest, OnlyARegularFileIsReplacedByTheStatusFile) {
 TEST_F(MirrorTest, WhatTheReplicaDidNotKeepIsSaidWhenItIsClosed) {
   const UnkeptFiles files(dir_ / "replica", UnkeptFiles::Says::kAtClose);
   const auto mirror = start();
-  fake_.send(create(1, "full"));
+  fake_.send(create(1, "full", rule_uuid(), 1));
   fake_.send(write_data({2}, src_ + "/full", 0, "x"));
-  fake_.send(create(3, "roomy"));
+  fake_.send(create(3, "roomy", rule_uuid(), 1));
   fake_.send(write_data({4}, src_ + "/roomy", 0, "x"));
+  for (const char *name : {"full", "roomy"})  // as all that is there
+    fs::permissions(src_ + "/" + name, fs::perms{0666});
   EXPECT_EQ(catch_up().exit, 1) << "caught up is only who has kept it";
   EXPECT_EQ(status()["unkept"], 1);
   fake_.send(write_data({5}, src_ + "/full", 0, "x"));
@@ -495,7 +506,7 @@ TEST_F(MirrorTest, WrongArguments) {
 
 TEST_F(MirrorTest, TenThousandRecords) {
   const auto mirror = start();
-  fake_.send(create(1, "f"));
+  fake_.send(create(1, "f", rule_uuid(), 10001));
   for (std::uint32_t n = 2; n <= 10000; ++n) fake_.send(write_data({n}, src_ + "/f", n, "x"));
   EXPECT_EQ(catch_up().exit, 0);
   EXPECT_EQ(fs::file_size(replica("f")), 10001u);

@@ -148,6 +148,18 @@ int open_in_place(struct walk_path *path, int flags, struct nameidata *nd) {
   return 0;
 }
 
+// The name under which the node was looked up last is gone. A descriptor of a file that still has
+// another one is a descriptor of that.
+void use_other_name(struct uk_node *node, struct walk_path *path) {
+  struct inode *inode = path->dentry->d_inode;
+  if (!d_unhashed(path->dentry) || S_ISDIR(inode->i_mode)) return;
+  struct dentry *other = d_find_alias(inode);
+  if (!other) return;
+  hold_dentry(node, other);
+  dput(path->dentry);
+  path->dentry = other;
+}
+
 }  // namespace
 
 extern "C" {
@@ -245,8 +257,9 @@ int node_walk(struct uk_node *node, struct walk_path *path) {
     dput(path->dentry);
     mntput(nd.mnt);
     path->dentry = nd.dentry;
-  } else if (!error) {
-    path_release(&nd);
+  } else {
+    if (!error) path_release(&nd);
+    use_other_name(node, path);
   }
   return 0;
 }
@@ -271,6 +284,7 @@ int node_walk_to_open(struct uk_node *node, int flags, struct nameidata *nd) {
       dput(held.dentry);
       return error;
     }
+    use_other_name(node, &held);
   }
   return open_in_place(&held, flags, nd);
 }

@@ -39,8 +39,9 @@ void node_hold(struct uk_node *node, struct walk_path *path);
 /*
  * As a system call by a name finds it: the last step is walked again, from the parent of the dentry
  * held by its name, so that it is revalidated; where it leads to the node's inode, the node changes
- * over to the dentry found. Where it does not, because the name is gone or is another's, the dentry
- * held is used. References are those of node_hold.
+ * over to the dentry found. Where it does not, because the name is gone or is another's, the node
+ * changes over to another name of the inode in the dcache, if there is one; else the dentry held is
+ * used. References are those of node_hold.
  */
 int node_walk(struct uk_node *node, struct walk_path *path);
 

@@ -157,12 +157,15 @@ class Coordinator:
         when = names.sweep_time(number)
         may = sorted(path for path in lower.keys() & replica.keys() if len(path) < 3000 and
                      stat.S_IFMT(lower[path].info.st_mode) == stat.S_IFMT(replica[path].info.st_mode))
-        swept = [path for path in self.rng.sample(may, min(SWEPT, len(may))) if self.set_time(path, when)]
+        for path in self.rng.sample(may, min(SWEPT, len(may))):
+            self.set_time(path, when)
         self.barrier()
         found = []
-        for path in swept:
-            us = os.lstat(names.join(self.settings.replica, path)).st_mtime_ns // 1000
-            if us != when // 1000:
+        for path in may:
+            # Not what was asked for decides: a mount may show a name as it was before the other mount moved it.
+            below, us = (os.lstat(names.join(root, path)).st_mtime_ns // 1000 for root in
+                         (self.settings.source, self.settings.replica))
+            if below == when // 1000 != us:
                 found.append(compare.Difference(path, "time", "set to %d us while nothing else went on, %d us in the "
                                                 "replica" % (when // 1000, us)))
         return found
@@ -171,11 +174,10 @@ class Coordinator:
         try:
             os.utime(names.join(self.settings.mounts[0], names.join(names.SOURCE, path)), ns=(when, when),
                      follow_symlinks=False)
-            return True
         except OSError as error:
-            if error.errno in (errno.ENOENT, errno.ESTALE):
-                return False  # this mount does not show what was made or moved through the other
-            raise
+            # This mount does not show what was made or moved through the other.
+            if error.errno not in (errno.ENOENT, errno.ESTALE, errno.ENOTDIR):
+                raise
 
     def scan_lower(self):
         outside = set(self.settings.excluded())

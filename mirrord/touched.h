@@ -1,0 +1,51 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The paths that records have named since the replica was last compared with the source there.
+ *
+ * Records do not tell everything: a write changes the modification time of its file and says none,
+ * and a change of attributes may have gone to an object that had left its name. So when all records
+ * of what was done until some moment have been applied, each path here is compared once more. One
+ * thread. Memory: kMost paths, then the comparison comes earlier.
+ */
+#ifndef TARN_MIRRORD_TOUCHED_H
+#define TARN_MIRRORD_TOUCHED_H
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mirrord/path_map.h"
+
+namespace tarn {
+
+class Touched {
+ public:
+  static constexpr std::size_t kMost = 262144;
+
+  void add(const std::string &path) { paths_.try_emplace(path); }
+  /* What was renamed is compared where it is now; the old name as well. */
+  void moved(const std::string &from, const std::string &to) {
+    for (auto &[path, nothing] : take_tree(paths_, from)) add(to + path.substr(from.size()));
+    add(from);
+    add(to);
+  }
+  bool empty() const { return paths_.empty(); }
+  bool full() const { return paths_.size() >= kMost; }
+
+  /* All of them, directories before what is in them; none is left. */
+  std::vector<std::string> take() {
+    std::vector<std::string> taken;
+    taken.reserve(paths_.size());
+    for (auto &[path, nothing] : std::exchange(paths_, {})) taken.push_back(path);
+    return taken;
+  }
+
+ private:
+  struct Nothing {};
+  std::map<std::string, Nothing> paths_; /* a map, for take_tree() */
+};
+
+}  // namespace tarn
+
+#endif

@@ -23,13 +23,16 @@ int tarn_d_revalidate(struct dentry *dentry, struct nameidata *nd) {
 void tarn_d_release(struct dentry *dentry) {
   BUG_ON(!d_unhashed(dentry));
   struct tarn_dentry_info *info = tarn_dentry(dentry);
-  if (!info) return;
-  if (info->lower_path.dentry) {
-    // The dentry first: the mount may be the last thing that keeps the lower super block.
-    dput(info->lower_path.dentry);
-    if (info->lower_path.mnt) mntput(info->lower_path.mnt);
+  while (info) {
+    struct tarn_dentry_info *former = info->former;
+    if (info->lower_path.dentry) {
+      // The dentry first: the mount may be the last thing that keeps the lower super block.
+      dput(info->lower_path.dentry);
+      if (info->lower_path.mnt) mntput(info->lower_path.mnt);
+    }
+    kmem_cache_free(tarn_dentry_info_cache, info);
+    info = former;
   }
-  kmem_cache_free(tarn_dentry_info_cache, info);
 }
 
 }  // namespace

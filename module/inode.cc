@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// The inode operations: how an upper inode is found or made for a lower one, and the calls that
-// change names and attributes. Each performs the same operation below, binds or refreshes the upper
+// The inode operations: looking names up, and the calls that change names and attributes. Each
+// performs the same operation below, binds or refreshes the upper
 // objects, and hands the change to capture. Names change under exactly one lower lock, the lower
 // directory's i_mutex (both directories' for a rename), which is held across the capture as well.
 
@@ -130,62 +130,6 @@ void tarn_copy_attr_all(struct inode *inode, const struct inode *lower) {
   inode->i_nlink = lower->i_nlink;
 }
 
-// ----------------------------------------------------------------------------------------- binding
-
-int tarn_inode_test(struct inode *inode, void *data) {
-  return tarn_lower_inode(inode) == data;
-}
-
-int tarn_inode_set(struct inode *inode, void *data) {
-  auto *lower = static_cast<struct inode *>(data);
-  tarn_inode(inode)->lower_inode = lower;
-  inode->i_ino = lower->i_ino;
-  inode->i_version++;
-  inode->i_op = &tarn_main_iops;
-  inode->i_fop = &tarn_main_fops;
-  inode->i_mapping->a_ops = &tarn_aops;
-  return 0;
-}
-
-int tarn_interpose(struct dentry *lower_dentry, struct dentry *dentry, struct super_block *sb,
-                   enum tarn_interpose_flag flag) {
-  struct inode *lower = igrab(lower_dentry->d_inode);
-  if (!lower) return -ESTALE;
-  struct inode *inode = iget5_locked(sb, reinterpret_cast<unsigned long>(lower), tarn_inode_test,
-                                     tarn_inode_set, lower);
-  if (!inode) {
-    iput(lower);
-    return -EACCES;
-  }
-  if (inode->i_state & I_NEW) {
-    unlock_new_inode(inode);  // it keeps the reference on the lower inode
-  } else {
-    iput(lower);
-  }
-
-  if (S_ISLNK(lower->i_mode)) {
-    inode->i_op = &tarn_symlink_iops;
-  } else if (S_ISDIR(lower->i_mode)) {
-    inode->i_op = &tarn_dir_iops;
-    inode->i_fop = &tarn_dir_fops;
-  } else if (special_file(lower->i_mode)) {
-    init_special_inode(inode, lower->i_mode, lower->i_rdev);
-  }
-
-  // Before the dentry leads to the inode: another walk may look at it from then on.
-  tarn_copy_attr_all(inode, lower);
-  i_size_write(inode, i_size_read(lower));
-  inode->i_blocks = lower->i_blocks;
-
-  dentry->d_op = &tarn_dops;
-  if (flag == TARN_SPLICE) {
-    d_splice_alias(inode, dentry);
-  } else {
-    d_instantiate(dentry, inode);
-  }
-  return 0;
-}
-
 namespace {
 
 // A lower file that is held against writing (a running program) would refuse its read-write open as
@@ -212,6 +156,7 @@ int bind_dentry(struct dentry *dentry, struct dentry *lower_dentry, struct vfsmo
   }
   info->lower_path.dentry = lower_dentry;
   info->lower_path.mnt = lower_mnt;
+  info->former = nullptr;
   dentry->d_fsdata = info;
   return 0;
 }
@@ -243,13 +188,14 @@ struct dentry *tarn_lookup(struct inode *dir, struct dentry *dentry, struct name
     d_rehash(dentry);
     return nullptr;
   }
-  if (!rc) rc = tarn_interpose(lower_dentry, dentry, dir->i_sb, TARN_SPLICE);
+  struct dentry *alias = nullptr;
+  if (!rc) rc = tarn_interpose(lower_dentry, dentry, dir->i_sb, TARN_SPLICE, &alias);
   if (rc) {
     d_drop(dentry);
     return static_cast<struct dentry *>(ERR_PTR(rc));
   }
   allow_lower_writes(lower_dentry);
-  return nullptr;
+  return alias;
 }
 
 int tarn_permission(struct inode *inode, int mask, struct nameidata *nd) {

@@ -176,6 +176,7 @@ struct file_system_type tarn_fs_type = {
 };
 
 int tarn_init(void) {
+  tarn_interpose_init();
   int rc = create_caches();
   if (!rc) rc = start_file_system();
   if (rc) tarn_free_kmem_caches();

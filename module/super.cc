@@ -20,6 +20,7 @@ struct inode *tarn_alloc_inode(struct super_block *) {
   inode_info->lower_file = nullptr;
   inode_info->lower_inode = nullptr;  // set by the interpose
   inode_info->cut_at = TARN_NOT_CUT;
+  inode_info->lower_mnt = nullptr;
   struct inode *inode = &inode_info->vfs_inode;
   inode_init_once(inode);
   lockdep_set_class(&inode->i_mutex, &tarn_i_mutex_key);

@@ -30,6 +30,9 @@ struct tarn_inode_info {
   /* Of the write that is going on, under the upper i_mutex: where the lower file took less than it
    * was given, or TARN_NOT_CUT. */
   loff_t cut_at;
+  /* Of a directory, set once: the mount below through which it is reached. Only compared; each of
+   * its dentries has a reference. */
+  const struct vfsmount *lower_mnt;
 };
 
 #define TARN_NOT_CUT (-1)
@@ -43,6 +46,7 @@ struct path {
 /* Holds one reference on each part of the lower path. */
 struct tarn_dentry_info {
   struct path lower_path;
+  struct tarn_dentry_info *former; /* of a directory: what it had before, released with it */
 };
 
 struct tarn_file_info {
@@ -159,16 +163,26 @@ enum tarn_interpose_flag {
   TARN_SPLICE = 1       /* a lookup */
 };
 
+/* interpose.cc */
 /* Callbacks of the inode cache; `data` is the lower inode. */
 int tarn_inode_test(struct inode *inode, void *data);
 int tarn_inode_set(struct inode *inode, void *data);
 /*
- * Binds `dentry` to the upper inode of lower_dentry's inode, found or made, and refreshes the upper
- * copy of its attributes. -ESTALE when the lower inode is being freed, -EACCES when no upper inode
- * can be had.
+ * Binds `dentry`, whose lower path has been set, to the upper inode of lower_dentry's inode, found
+ * or made, and refreshes the upper copy of its attributes. -ESTALE when the lower inode is being
+ * freed, -EACCES when no upper inode can be had.
+ *
+ * A directory that has a dentry at another place keeps it: in a lookup that one is moved to the
+ * place of `dentry`, whose parent is locked, and is in *moved with a reference; `dentry` is bound
+ * to nothing then. -ESTALE when it is in use and cannot be moved now, -EBUSY when something is
+ * mounted on it, -ELOOP when `dentry` is below it.
  */
 [[nodiscard]] int tarn_interpose(struct dentry *lower_dentry, struct dentry *dentry,
-                                 struct super_block *sb, enum tarn_interpose_flag flag);
+                                 struct super_block *sb, enum tarn_interpose_flag flag,
+                                 struct dentry **moved = nullptr);
+void tarn_interpose_init(void);
+
+/* inode.cc */
 ssize_t tarn_getxattr_lower(struct dentry *lower_dentry, const char *name, void *value,
                             size_t size);
 

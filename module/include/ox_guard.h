@@ -88,6 +88,22 @@ class mutex_guard {
   struct mutex &lock_;
 };
 
+/* Holds the lock only if nobody else did; ask with `if (guard)`. */
+class mutex_try_guard {
+ public:
+  explicit mutex_try_guard(struct mutex &lock) : lock_(lock), held_(mutex_trylock(&lock_)) {}
+  ~mutex_try_guard() {
+    if (held_) mutex_unlock(&lock_);
+  }
+  mutex_try_guard(const mutex_try_guard &) = delete;
+  mutex_try_guard &operator=(const mutex_try_guard &) = delete;
+  explicit operator bool() const { return held_; }
+
+ private:
+  struct mutex &lock_;
+  bool held_;
+};
+
 /* Until the end of the scope the task's user addresses are kernel addresses. */
 class kernel_ds_guard {
  public:

@@ -3,6 +3,7 @@
 // operation changes what its names stand for now, or nothing.
 #include "tests/module/mounted.h"
 #include "ukern/fs/memfs.h"
+#include "ukern/vfs/walk.h"
 
 namespace {
 
@@ -142,6 +143,44 @@ MODULE_CASE(beside, what_is_mounted_below_is_busy) {
   EXPECT_EQ(m.rename_to(d), -EBUSY);
   EXPECT_EQ(d.rename_to(m), -EBUSY);
   EXPECT_EQ(uk_fs_umount("/lower/m", 0), 0);
+}
+
+// ------------------------------------------------------------------- what the mount shows of it
+
+MODULE_CASE(beside, known_names_stay_as_they_were) {
+  replicated r;
+  REQUIRE_EQ(test_put("/lower/gone", "old"), 3);
+  REQUIRE_EQ(test_put("/lower/other", "old"), 3);
+  const test_walk known("/mnt/gone"), replaced("/mnt/other"), missing("/mnt/new");
+  REQUIRE_EQ(missing.error(), -ENOENT);
+  REQUIRE_EQ(test_unlink("/lower/gone"), 0);
+  REQUIRE_EQ(test_put("/lower/fresh", "new"), 3);
+  REQUIRE_EQ(test_rename("/lower/fresh", "/lower/other"), 0);
+  REQUIRE_EQ(test_put("/lower/new", "new"), 3);
+  EXPECT_TRUE(test_holds("/mnt/gone", "old"));
+  EXPECT_TRUE(test_holds("/mnt/other", "old"));
+  EXPECT_FALSE(test_exists("/mnt/new"));
+}
+
+MODULE_CASE(beside, after_estale_the_next_call_sees_what_is_there) {
+  replicated r;
+  REQUIRE_EQ(test_put("/lower/f", "f"), 1);
+  REQUIRE_EQ(test_put("/lower/gone", "old"), 3);
+  REQUIRE_EQ(test_put("/lower/other", "old"), 3);
+  const test_walk known("/mnt/gone"), replaced("/mnt/other"), missing("/mnt/new");
+  REQUIRE_EQ(test_unlink("/lower/gone"), 0);
+  EXPECT_EQ(rename_at(nullptr, "/mnt/f", nullptr, "/mnt/gone"), -ESTALE);
+  EXPECT_EQ(rename_at(nullptr, "/mnt/f", nullptr, "/mnt/gone"), 0);
+  EXPECT_TRUE(test_holds("/lower/gone", "f"));
+  REQUIRE_EQ(test_mkdir("/lower/new"), 0);
+  EXPECT_EQ(mkdir_at(nullptr, "/mnt/new", 0755), -ESTALE);
+  EXPECT_EQ(mkdir_at(nullptr, "/mnt/new", 0755), -EEXIST);
+  REQUIRE_EQ(test_put("/lower/fresh", "new"), 3);
+  REQUIRE_EQ(test_rename("/lower/fresh", "/lower/other"), 0);
+  EXPECT_EQ(unlink_at(nullptr, "/mnt/other"), -ESTALE);
+  EXPECT_TRUE(test_holds("/lower/other", "new"));
+  EXPECT_EQ(unlink_at(nullptr, "/mnt/other"), 0);
+  EXPECT_FALSE(test_exists("/lower/other"));
 }
 
 // ------------------------------------------------------------------------ users of a lower name

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // mount(2) and umount2(2): the checks, and the calls of the program that hosts the kernel.
 //
-// New mounts and remounts exist; bind mounts, moves and propagation do not and are refused.
+// New mounts, remounts and bind mounts of one mount exist; recursive ones, moves and propagation do
+// not and are refused.
 
 #include "ukern/vfs/mount_internal.h"
 
@@ -12,6 +13,7 @@
 #include <linux/string.h>
 
 #include "ukern/uk_fs.h"
+#include "ukern/vfs/super_internal.h"
 
 int do_add_mount(struct vfsmount *newmnt, struct nameidata *nd, int mnt_flags, struct list_head *) {
   int err;
@@ -46,6 +48,42 @@ static int do_new_mount(struct nameidata *nd, const char *type, int flags, int m
   return do_add_mount(mnt, nd, mnt_flags, NULL);
 }
 
+// Another mount of the same super block, of what lies below `root`, attached nowhere.
+static struct vfsmount *clone_mnt(struct vfsmount *old, struct dentry *root) {
+  struct vfsmount *mnt = alloc_vfsmnt(old->mnt_devname);
+  if (!mnt) return NULL;
+  mnt->mnt_flags = old->mnt_flags;
+  atomic_inc(&old->mnt_sb->s_active);
+  ukern_super_ref(old->mnt_sb, 1);
+  mnt->mnt_sb = old->mnt_sb;
+  mnt->mnt_root = dget(root);
+  mnt->mnt_mountpoint = mnt->mnt_root;
+  mnt->mnt_parent = mnt;
+  return mnt;
+}
+
+static int do_loopback(struct nameidata *nd, const char *old_name) {
+  struct nameidata old_nd;
+  struct vfsmount *mnt = NULL;
+  int err;
+
+  if (!capable(CAP_SYS_ADMIN)) return -EPERM;
+  if (!old_name || !*old_name) return -EINVAL;
+  err = path_lookup(old_name, LOOKUP_FOLLOW, &old_nd);
+  if (err) return err;
+
+  down_write(&namespace_sem);
+  err = -EINVAL;
+  if (mnt_is_attached(nd->mnt) && mnt_is_attached(old_nd.mnt)) {
+    mnt = clone_mnt(old_nd.mnt, old_nd.dentry);
+    err = mnt ? graft_tree(mnt, nd) : -ENOMEM;
+  }
+  up_write(&namespace_sem);
+  if (err && mnt) mntput(mnt);
+  path_release(&old_nd);
+  return err;
+}
+
 static int do_remount(struct nameidata *nd, int flags, int mnt_flags, void *data) {
   struct super_block *sb = nd->mnt->mnt_sb;
   int err;
@@ -70,8 +108,7 @@ static int per_mount_flags(unsigned long flags) {
 }
 
 long do_mount(char *dev_name, char *dir_name, char *type, unsigned long flags, void *data) {
-  const unsigned long unsupported =
-      MS_BIND | MS_SHARED | MS_PRIVATE | MS_SLAVE | MS_UNBINDABLE | MS_MOVE;
+  const unsigned long unsupported = MS_SHARED | MS_PRIVATE | MS_SLAVE | MS_UNBINDABLE | MS_MOVE;
   struct nameidata nd;
   int err;
 
@@ -88,6 +125,8 @@ long do_mount(char *dev_name, char *dir_name, char *type, unsigned long flags, v
     err = do_remount(&nd, (int)(flags & ~(unsigned long)MS_REMOUNT), mnt_flags, data);
   else if (flags & unsupported)
     err = -EINVAL;
+  else if (flags & MS_BIND)
+    err = flags & MS_REC ? -EINVAL : do_loopback(&nd, dev_name);
   else
     err = do_new_mount(&nd, type, (int)flags, mnt_flags, dev_name, data);
   path_release(&nd);

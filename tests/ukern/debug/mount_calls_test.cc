@@ -44,7 +44,11 @@ CASE(mount_calls, errors) {
   EXPECT_EQ(mount_memfs(""), -EINVAL);
   EXPECT_EQ(uk_fs_mount("x", "/mnt", "no such type", 0, NULL), -ENODEV);
   EXPECT_EQ(uk_fs_mount("x", "/mnt", NULL, 0, NULL), -EINVAL);
-  EXPECT_EQ(mount_memfs("/mnt", MS_BIND), -EINVAL);
+  EXPECT_EQ(mount_memfs("/mnt", MS_MOVE), -EINVAL);
+  EXPECT_EQ(uk_fs_mount("/", "/mnt", NULL, MS_BIND | MS_REC, NULL), -EINVAL);
+  EXPECT_EQ(uk_fs_mount("/nowhere", "/mnt", NULL, MS_BIND, NULL), -ENOENT);
+  EXPECT_EQ(uk_fs_mount(NULL, "/mnt", NULL, MS_BIND, NULL), -EINVAL);
+  EXPECT_EQ(uk_fs_mount("/file", "/mnt", NULL, MS_BIND, NULL), -ENOTDIR);
   EXPECT_EQ(uk_fs_umount("/mnt", 0), -EINVAL);
   EXPECT_EQ(uk_fs_umount("/nowhere", 0), -ENOENT);
 }
@@ -59,6 +63,33 @@ CASE(mount_calls, need_the_capability) {
     EXPECT_EQ(mount_memfs("/mnt", MS_REMOUNT | MS_RDONLY), -EPERM);
   }
   EXPECT_EQ(uk_fs_umount("/mnt", 0), 0);
+}
+
+CASE(mount_calls, a_directory_is_bound_to_a_second_place) {
+  REQUIRE_EQ(name_mkdir("/mnt", 0755), 0);
+  REQUIRE_EQ(name_mkdir("/at", 0755), 0);
+  REQUIRE_EQ(mount_memfs("/mnt"), 0);
+  REQUIRE_EQ(name_mkdir("/mnt/dir", 0755), 0);
+  {
+    as_user user(1000, 1000);
+    EXPECT_EQ(uk_fs_mount("/mnt/dir", "/at", NULL, MS_BIND, NULL), -EPERM);
+  }
+  REQUIRE_EQ(uk_fs_mount("/mnt/dir", "/at", NULL, MS_BIND, NULL), 0);
+  EXPECT_TRUE(has_line("scratch /at memfs rw 0 0"));
+  EXPECT_EQ(name_mkdir("/at/inside", 0755), 0);
+  struct kstat stat;
+  EXPECT_EQ(name_stat("/mnt/dir/inside", &stat), 0);
+  struct nameidata first, second;
+  REQUIRE_EQ(path_lookup("/mnt/dir", 0, &first), 0);
+  REQUIRE_EQ(path_lookup("/at", 0, &second), 0);
+  EXPECT_TRUE(first.dentry == second.dentry);
+  EXPECT_FALSE(first.mnt == second.mnt);
+  path_release(&second);
+  path_release(&first);
+  // The super block lives as long as one of the two.
+  EXPECT_EQ(uk_fs_umount("/mnt", 0), 0);
+  EXPECT_EQ(name_stat("/at/inside", &stat), 0);
+  EXPECT_EQ(uk_fs_umount("/at", 0), 0);
 }
 
 CASE(mount_calls, busy_while_somebody_is_inside) {

@@ -86,11 +86,15 @@ class removed_rules {
   removed_rules(const removed_rules &) = delete;
   removed_rules &operator=(const removed_rules &) = delete;
 
-  /* With the lock held for writing, before anything else: what flushes have left behind. */
+  /* With the lock held for writing, before anything else: what flushes have left behind. A flush
+   * takes all there is, and nothing has come since: the index is of these alone. */
   void take_flushed_locked() {
     ruleset.flushed.drain(&ruleset.head, &nodes_);
+    if (list_empty(&nodes_)) return;
+    memset(&ruleset.index, 0, sizeof(ruleset.index));
+    ruleset.stopped = nullptr;
     struct prule_node *node;
-    list_for_each_entry(node, &nodes_, list) unindex_locked(node);
+    list_for_each_entry(node, &nodes_, list) node->place = 0;
   }
   void take_locked(struct prule_node *node) {
     unindex_locked(node);

@@ -32,41 +32,75 @@ static int most_keys(const char *workdir) {
   return most;
 }
 
+namespace {
+
+/* A rule's keys while they are collected, to find the ones that are there already. */
+class new_keys {
+ public:
+  explicit new_keys(int most)
+      : heads_(static_cast<struct rule_key **>(
+            kzalloc(kHeads * sizeof(struct rule_key *), GFP_KERNEL))),
+        keys_(static_cast<struct rule_key *>(kmalloc(most * sizeof(struct rule_key), GFP_KERNEL))) {
+  }
+
+  explicit operator bool() const { return heads_ && keys_; }
+  void add(const struct rule_key &key) {
+    struct rule_key **head = &heads_.get()[key.hash >> (64 - kHeadBits)];
+    for (const struct rule_key *other = *head; other; other = other->next) {
+      if (other->hash == key.hash && other->len == key.len) return;
+    }
+    struct rule_key *added = keys_.get() + count_++;
+    *added = key;
+    added->next = *head;
+    *head = added;
+  }
+  /* The caller owns them. */
+  [[nodiscard]] struct rule_key *release(int *count) {
+    *count = count_;
+    return keys_.release();
+  }
+
+ private:
+  static const int kHeadBits = 9;
+  static const int kHeads = 1 << kHeadBits; /* a page */
+
+  ox_owner<struct rule_key *, kfree> heads_;
+  ox_owner<struct rule_key, kfree> keys_;
+  int count_ = 0;
+};
+
+}  // namespace
+
 struct rule_key *rule_keys_new(struct prule_node *node, const char *workdir, int *count) {
   const ox_s32_t longest = entry_path_size(static_cast<int>(strlen(workdir)));
   ox_owner<char, kfree> path(static_cast<char *>(kmalloc(longest, GFP_KERNEL)));
   if (!path) return nullptr;
-  struct rule_key *keys = static_cast<struct rule_key *>(
-      kmalloc(most_keys(workdir) * sizeof(struct rule_key), GFP_KERNEL));
+  new_keys keys(most_keys(workdir));
   if (!keys) return nullptr;
 
-  int used = 0;
-  bool root = false;
   for (const char *head = path_head(workdir); head;) {
     const char *tail = path_tail(head);
     if (*head != '!') {
       unsigned long len = entry_path(head, static_cast<int>(tail - head), path.get());
       if (len && path.get()[len - 1] == '/') --len;
-      if (len || !root) {
-        keys[used++] = {nullptr, node, hash_of(path.get(), len), static_cast<ox_u32_t>(len)};
-      }
-      root = root || !len;
+      keys.add({nullptr, nullptr, node, hash_of(path.get(), len), static_cast<ox_u32_t>(len)});
     }
     head = path_head(tail);
   }
-  *count = used;
-  return keys;
+  return keys.release(count);
 }
 
-static struct rule_key **bucket_of(struct rule_index *index, const struct rule_key *key) {
+static struct rule_bucket *bucket_of(struct rule_index *index, const struct rule_key *key) {
   return &index->bucket[key->hash >> (64 - RULE_INDEX_BITS)];
 }
 
 void rule_index_add(struct rule_index *index, struct rule_key *keys, int count) {
   for (struct rule_key *key = keys; key < keys + count; ++key) {
-    struct rule_key **at = bucket_of(index, key);
-    while (*at) at = &(*at)->next;
-    *at = key;
+    struct rule_bucket *bucket = bucket_of(index, key);
+    key->next = nullptr;
+    key->prev = bucket->last;
+    (key->prev ? key->prev->next : bucket->first) = key;
+    bucket->last = key;
     const ox_u32_t n = key->len % RULE_INDEX_LENS;
     ++index->lens_nr[n];
     index->lens |= 1ull << n;
@@ -75,10 +109,9 @@ void rule_index_add(struct rule_index *index, struct rule_key *keys, int count) 
 
 void rule_index_del(struct rule_index *index, struct rule_key *keys, int count) {
   for (struct rule_key *key = keys; key < keys + count; ++key) {
-    struct rule_key **at = bucket_of(index, key);
-    while (*at != key) at = &(*at)->next;
-    *at = key->next;
-    key->next = nullptr;
+    struct rule_bucket *bucket = bucket_of(index, key);
+    (key->prev ? key->prev->next : bucket->first) = key->next;
+    (key->next ? key->next->prev : bucket->last) = key->prev;
     const ox_u32_t n = key->len % RULE_INDEX_LENS;
     if (--index->lens_nr[n] == 0) index->lens &= ~(1ull << n);
   }

@@ -19,9 +19,10 @@
 
 struct prule_node;
 
-/* One directory that a rule includes. */
+/* One directory that a rule includes. No two keys of a rule have both hash and length. */
 struct rule_key {
   struct rule_key *next; /* in its bucket: in the order of the list of rules */
+  struct rule_key *prev;
   struct prule_node *node;
   ox_u64_t hash; /* of the directory without a '/' at its end */
   ox_u32_t len;  /* its bytes */
@@ -31,9 +32,14 @@ struct rule_key {
 #define RULE_INDEX_BUCKETS (1 << RULE_INDEX_BITS)
 #define RULE_INDEX_LENS 64
 
+struct rule_bucket {
+  struct rule_key *first;
+  struct rule_key *last;
+};
+
 /* All zero: empty. */
 struct rule_index {
-  struct rule_key *bucket[RULE_INDEX_BUCKETS];
+  struct rule_bucket bucket[RULE_INDEX_BUCKETS];
   /* Bit n: there is a key whose length leaves n, which spares the look for most beginnings. */
   ox_u64_t lens;
   ox_u32_t lens_nr[RULE_INDEX_LENS]; /* how many keys there are of each */
@@ -41,13 +47,14 @@ struct rule_index {
 
 /*
  * The keys of a rule with that workdir, entered nowhere, in one block that the caller gives back
- * with kfree; their number in *count. Null without memory.
+ * with kfree; their number in *count. A directory that is listed several times has one key. Null
+ * without memory.
  */
 [[nodiscard]] struct rule_key *rule_keys_new(struct prule_node *node, const char *workdir,
                                              int *count);
-/* Enters a rule's keys behind those of all other rules. */
+/* Enters a rule's keys behind those of all other rules, in a time that is that of their number. */
 void rule_index_add(struct rule_index *index, struct rule_key *keys, int count);
-/* Takes keys out that are in the index. */
+/* Takes keys out that are in the index, likewise. */
 void rule_index_del(struct rule_index *index, struct rule_key *keys, int count);
 
 /* ---- hashing ---- */
@@ -114,7 +121,7 @@ inline void rule_index_search(const struct rule_index *index, const char *path, 
       for (; end - hashed >= sizeof(hash); hashed += sizeof(hash))
         hash = rule_hash_step(hash, rule_hash_word(path, end, hashed));
       const ox_u64_t wanted = rule_hash_end(hash, rule_hash_word(path, end, hashed), end);
-      const struct rule_key *key = index->bucket[wanted >> (64 - RULE_INDEX_BITS)];
+      const struct rule_key *key = index->bucket[wanted >> (64 - RULE_INDEX_BITS)].first;
       for (; key; key = key->next) {
         if (key->hash == wanted && !each(key->node)) break;
       }

@@ -52,10 +52,27 @@ int expect_hits_of_walk(const char *path1, const char *path2 = nullptr) {
   return at;
 }
 
+/* How many keys the index has, each bucket counted in both directions. */
+int keys_in_index() {
+  int forwards = 0, backwards = 0;
+  for (const struct rule_bucket &bucket : get_prule_set()->index.bucket) {
+    for (const struct rule_key *key = bucket.first; key; key = key->next) ++forwards;
+    for (const struct rule_key *key = bucket.last; key; key = key->prev) ++backwards;
+  }
+  EXPECT_EQ(forwards, backwards);
+  return forwards;
+}
+
+int keys_of_rules() {
+  int count = 0;
+  struct prule_node *rule;
+  list_for_each_entry(rule, &get_prule_set()->head, list) count += rule->keynum;
+  return count;
+}
+
 void expect_empty_index() {
-  const struct rule_index *index = &get_prule_set()->index;
-  EXPECT_EQ(index->lens, 0ull);
-  for (const struct rule_key *first : index->bucket) EXPECT_TRUE(first == nullptr);
+  EXPECT_EQ(get_prule_set()->index.lens, 0ull);
+  EXPECT_EQ(keys_in_index(), 0);
   EXPECT_TRUE(get_prule_set()->stopped == nullptr);
 }
 
@@ -151,6 +168,7 @@ MODULE_CASE(rule_index, hits_are_those_of_a_walk_whatever_becomes_of_the_rules) 
     random_path(random, path1);
     random_path(random, path2);
     const int hits = expect_hits_of_walk(path1, random.one_in(2) ? path2 : nullptr);
+    if (step % 100 == 0) EXPECT_EQ(keys_in_index(), keys_of_rules());
     full += hits == HIT_RULES_MAX;
     partly += hits > 0 && hits < HIT_RULES_MAX;
   }
@@ -221,10 +239,11 @@ MODULE_CASE(rule_index, of_many_rules_of_one_directory_the_first_32_are_hit) {
 /* The longest text has as many keys as there can be; one of empty paths alone has one. */
 MODULE_CASE(rule_index, a_rule_may_list_as_much_as_its_text_holds) {
   static char text[OX_WORKDIR_LEN];
-  const char digits[] = "ABCDEFGHIJKLMNOP";
+  /* Of these no three make a zero byte. */
+  const char digits[] = "QRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
   const int dirs = (OX_WORKDIR_LEN - 1) / 5;
-  for (int i = 0; i < dirs; ++i) { /* '/' and two more bytes */
-    const char entry[] = {'L', digits[i % 3], digits[i / 16 % 16], digits[i % 16], ','};
+  for (int i = 0; i < dirs; ++i) { /* three bytes each, all different */
+    const char entry[] = {'L', "AB"[i / (48 * 48)], digits[i % 48], digits[i / 48 % 48], ','};
     memcpy(text + i * 5, entry, sizeof(entry));
   }
   kernel_ds_guard kernel_addresses;
@@ -241,6 +260,21 @@ MODULE_CASE(rule_index, a_rule_may_list_as_much_as_its_text_holds) {
   expect_hits_of_walk("/\x01\x02");
   EXPECT_EQ(remove_rule(1), 0);
   EXPECT_EQ(remove_rule(2), 0);
+  expect_empty_index();
+}
+
+/* Else a look-up would ask the rule as often as it is listed, and an addition would take that long
+ * with all writers waiting. */
+MODULE_CASE(rule_index, a_directory_listed_many_times_is_entered_once) {
+  workdir_text text;
+  for (int i = 0; i < 300; ++i) text.include("/srv/data").include("/srv/data/").include("/srv");
+  REQUIRE_EQ(install_rule(1, text), 0);
+  prule_ref rule(lookup_rule(1));
+  EXPECT_EQ(rule->keynum, 2);
+  EXPECT_EQ(keys_in_index(), 2);
+  expect_hits_of_walk("/srv/data/file");
+  expect_hits_of_walk("/srv");
+  EXPECT_EQ(remove_rule(1), 0);
   expect_empty_index();
 }
 

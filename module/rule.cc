@@ -120,11 +120,52 @@ struct prule_node *findnode_byuuid(const uuid_t uuid) {
   return node;
 }
 
-/* The set exists between prule_init and prule_exit; messages of the daemon may come before and
- * after. */
-static bool set_exists(void) {
-  return ox_load(rulenode_cachep) != nullptr;
-}
+/*
+ * Messages with rules come on their own socket, also before prule_init, beside prule_exit and after
+ * it. Each holds the set for as long as it is at work. This is no lock, because it has to hold
+ * before any lock has been made.
+ */
+class set_user {
+ public:
+  set_user() : counted_(ox_load(exists_)) {
+    if (!counted_) return;
+    atomic_inc(&users_);
+    smp_mb();
+    if (!ox_load(exists_)) leave();
+  }
+  ~set_user() {
+    if (counted_) leave();
+  }
+  set_user(const set_user &) = delete;
+  set_user &operator=(const set_user &) = delete;
+  explicit operator bool() const { return counted_; }
+
+  /* What prule_init has made can be used from now on. */
+  static void begin() {
+    smp_wmb();
+    ox_store(exists_, true);
+  }
+  /* Nobody comes any more, and who is there has gone. Sleeps. */
+  static void end() {
+    ox_store(exists_, false);
+    smp_mb();
+    while (atomic_read(&users_)) schedule_timeout_uninterruptible(1);
+  }
+
+ private:
+  void leave() {
+    counted_ = false;
+    smp_mb();
+    atomic_dec(&users_);
+  }
+
+  static bool exists_;
+  static atomic_t users_; /* who found no set does not count for longer than that takes */
+  bool counted_;
+};
+
+bool set_user::exists_;
+atomic_t set_user::users_;
 
 /* The automaton and the keys of the node's workdir. 0, or -1 without memory, with neither. */
 static int compile_workdir(struct prule_node *node) {
@@ -141,10 +182,11 @@ int do_add(const void __user *record, unsigned length) {
     printk("do_add: size %d != %d\n", length, size);
     return OX_ERR_SIZE;
   }
+  const set_user set;
   kmem_owner<struct prule_node> node(
-      rulenode_cachep, set_exists() ? static_cast<struct prule_node *>(
-                                          kmem_cache_zalloc(rulenode_cachep, GFP_KERNEL))
-                                    : nullptr);
+      rulenode_cachep,
+      set ? static_cast<struct prule_node *>(kmem_cache_zalloc(rulenode_cachep, GFP_KERNEL))
+          : nullptr);
   if (!node) {
     printk("do_add: kmem_cache_zalloc rulenode_cachep err\n");
     return OX_ERR_NOMEM;
@@ -190,7 +232,8 @@ int do_del(const void __user *record, unsigned length) {
   uuid_t uuid;
   const unsigned long left = copy_from_user(uuid, record, sizeof(uuid));
   if (left) return static_cast<int>(left);
-  if (!set_exists()) return OX_ERR_NOENT;
+  const set_user set;
+  if (!set) return OX_ERR_NOENT;
   prule_ref node(findnode_byuuid(uuid));
   return node ? delnode_fromlist(node.get()) : OX_ERR_NOENT;
 }
@@ -220,8 +263,7 @@ void prule_stop(struct prule_node *node) {
   ox_store(*at, node);
 }
 
-int do_flush(int) {
-  if (!set_exists()) return 0;
+static void flush_set() {
   {
     read_guard guard(ruleset.rwlock);
     ruleset.flushed.detach(
@@ -230,6 +272,11 @@ int do_flush(int) {
   removed_rules removed;
   write_try_guard guard(ruleset.rwlock);
   if (guard) removed.take_flushed_locked();
+}
+
+int do_flush(int) {
+  const set_user set;
+  if (set) flush_set();
   return 0;
 }
 
@@ -403,8 +450,14 @@ static struct nf_sockopt_ops prule_sockopts = {
 
 static void destroy_cache(struct kmem_cache *&cache) {
   struct kmem_cache *old = cache;
-  ox_store(cache, static_cast<struct kmem_cache *>(nullptr));
+  cache = nullptr;
   kmem_cache_destroy(old);
+}
+
+/* The rules that are left go with the set. */
+static void end_set(void) {
+  set_user::end();
+  flush_set();
 }
 
 int prule_init(void) {
@@ -430,9 +483,11 @@ int prule_init(void) {
     destroy_cache(rulenode_cachep);
     return OX_ERR_NOMEM;
   }
+  set_user::begin();
   const int result = nf_register_sockopt(&prule_sockopts);
   if (result) {
     printk("prule_init: register sockopt error!\n");
+    end_set();
     destroy_cache(rulenode_cachep); /* the cache of hit arrays stays */
     return result;
   }
@@ -443,7 +498,7 @@ int prule_init(void) {
 void prule_exit(void) {
   nf_unregister_sockopt(&prule_sockopts);
   printk("prule_exit: flush ruleset\n");
-  do_flush(1);
+  end_set();
   rwlock_init(&ruleset.rwlock);
   destroy_cache(rulenode_cachep);
   destroy_cache(hit_rule_cache);

@@ -534,6 +534,28 @@ CASE(rule, a_start_that_fails_says_at_what) {
   EXPECT_TRUE(case_logged("prule_exit: flush ruleset"));
 }
 
+/* Messages come on their own socket, which outlives the set. */
+CASE(rule, the_set_ends_beside_rule_messages) {
+  int (*const bodies[])(void *) = {adder, adder, deleter, flusher};
+  struct task_struct *threads[ARRAY_SIZE(bodies)];
+  for (unsigned i = 0; i < ARRAY_SIZE(bodies); ++i) {
+    threads[i] = kthread_run(bodies[i], nullptr, "rule_%u", i);
+    REQUIRE_TRUE(!IS_ERR(threads[i]));
+  }
+  int added = 0;
+  for (int round = 0; round < 60; ++round) {
+    REQUIRE_EQ(prule_init(), 0);
+    set_current_state(TASK_UNINTERRUPTIBLE);
+    schedule_timeout(1);
+    added += install_rule(100, "/a") == 0;
+    prule_exit();
+    EXPECT_EQ(get_prule_set()->rulenum, 0);
+    EXPECT_EQ(install_rule(100, "/a"), OX_ERR_NOMEM);
+  }
+  EXPECT_GT(added, 0);
+  for (struct task_struct *thread : threads) EXPECT_EQ(kthread_stop(thread), 0);
+}
+
 CASE(rule, without_a_set_nothing_is_found_or_added) {
   EXPECT_EQ(install_rule(1, "/a"), OX_ERR_NOMEM);
   EXPECT_EQ(remove_rule(1), OX_ERR_NOENT);

@@ -26,12 +26,17 @@ int stale_name(struct dentry *dentry) {
   return -ESTALE;
 }
 
+// What a lower directory, whose i_mutex is held, has under the name of an upper dentry.
+struct dentry *look_up_below(struct dentry *lower_dir, const struct dentry *dentry) {
+  return lookup_one_len(reinterpret_cast<const char *>(dentry->d_name.name), lower_dir,
+                        static_cast<int>(dentry->d_name.len));
+}
+
 // What an upper dentry stands for in its lower directory, whose i_mutex is held: a lower dentry
 // with a reference, or an error pointer. -ESTALE: it is not what it was, and the dentry is dropped;
 // -EBUSY: something is mounted there below.
 struct dentry *lower_name(struct dentry *lower_dir, struct dentry *dentry) {
-  struct dentry *found = lookup_one_len(reinterpret_cast<const char *>(dentry->d_name.name),
-                                        lower_dir, static_cast<int>(dentry->d_name.len));
+  struct dentry *found = look_up_below(lower_dir, dentry);
   if (IS_ERR(found)) return found;
   const struct inode *expected = dentry->d_inode ? tarn_lower_inode(dentry->d_inode) : nullptr;
   int rc = 0;
@@ -44,6 +49,27 @@ struct dentry *lower_name(struct dentry *lower_dir, struct dentry *dentry) {
   return static_cast<struct dentry *>(ERR_PTR(rc));
 }
 
+// The result of lower_name.
+class found_name {
+ public:
+  explicit found_name(struct dentry *found) : found_(found), own_(!IS_ERR(found)) {}
+  ~found_name() { give_back(); }
+  found_name(const found_name &) = delete;
+  found_name &operator=(const found_name &) = delete;
+  int error() const { return IS_ERR(found_) ? static_cast<int>(PTR_ERR(found_)) : 0; }
+  struct dentry *get() const {
+    return found_;
+  }
+  void give_back() {
+    if (own_) dput(found_);
+    own_ = false;
+  }
+
+ private:
+  struct dentry *found_;
+  bool own_;
+};
+
 // The lower directory of an upper dentry, with its lock, and what the dentry stands for in it.
 class locked_lower_name {
  public:
@@ -51,9 +77,6 @@ class locked_lower_name {
       : dir_(dget(tarn_lower_dentry(dentry->d_parent))),
         lock_(inode()->i_mutex, I_MUTEX_PARENT),
         name_(lower_name(dir_.get(), dentry)) {}
-  ~locked_lower_name() {
-    if (own_ && !IS_ERR(name_)) dput(name_);
-  }
   locked_lower_name(const locked_lower_name &) = delete;
   locked_lower_name &operator=(const locked_lower_name &) = delete;
 
@@ -64,27 +87,24 @@ class locked_lower_name {
     return dir_.get();
   }
   struct dentry *get() const {
-    return name_;
+    return name_.get();
   }
-  int error() const { return IS_ERR(name_) ? static_cast<int>(PTR_ERR(name_)) : 0; }
+  int error() const { return name_.error(); }
   // Of a name at which something is to be made: that goes by the dentry that is bound already.
   int error_to_make(struct dentry *dentry) const {
     if (error()) return error();
-    return name_ == tarn_lower_dentry(dentry) ? 0 : stale_name(dentry);
+    return get() == tarn_lower_dentry(dentry) ? 0 : stale_name(dentry);
   }
   // Lets go of the name where the upper dentry holds it anyway: the lower file system looks at how
   // many use it.
   void give_back(const struct dentry *bound) {
-    if (name_ != bound || !own_) return;
-    own_ = false;
-    dput(name_);
+    if (get() == bound) name_.give_back();
   }
 
  private:
   dentry_ref dir_;  // given back after the lock
   mutex_guard lock_;
-  struct dentry *name_;
-  bool own_ = true;
+  found_name name_;
 };
 
 void drop_if_negative(struct dentry *dentry) {
@@ -170,8 +190,7 @@ struct dentry *tarn_lookup(struct inode *dir, struct dentry *dentry, struct name
   {
     // Without it, two at once would have two lower dentries of one name.
     mutex_guard guard(lower_parent->d_inode->i_mutex, I_MUTEX_PARENT);
-    lower_dentry = lookup_one_len(reinterpret_cast<const char *>(dentry->d_name.name), lower_parent,
-                                  static_cast<int>(dentry->d_name.len));
+    lower_dentry = look_up_below(lower_parent, dentry);
   }
   if (IS_ERR(lower_dentry)) {
     d_drop(dentry);
@@ -486,24 +505,6 @@ class rename_guard {
   struct dentry *dir1_;
   struct dentry *dir2_;
   const struct dentry *trap_;
-};
-
-// A lower name that was found, or an error.
-class found_name {
- public:
-  explicit found_name(struct dentry *found) : found_(found) {}
-  ~found_name() {
-    if (!error()) dput(found_);
-  }
-  found_name(const found_name &) = delete;
-  found_name &operator=(const found_name &) = delete;
-  int error() const { return IS_ERR(found_) ? static_cast<int>(PTR_ERR(found_)) : 0; }
-  struct dentry *get() const {
-    return found_;
-  }
-
- private:
-  struct dentry *found_;
 };
 
 int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,

@@ -149,6 +149,19 @@ MODULE_CASE(places, a_directory_whose_locks_are_held_is_not_waited_for) {
   EXPECT_TRUE(test_holds("/mnt/y/x/f", "f"));
 }
 
+// A rename looks its last names up with the locks held that a move needs.
+MODULE_CASE(places, a_directory_is_looked_up_before_it_goes_elsewhere) {
+  replicated r;
+  make_tree();
+  const test_walk in("/mnt/a/x");
+  REQUIRE_EQ(test_rename("/lower/a/x", "/lower/y/x"), 0);
+  EXPECT_EQ(rename_by_path("/mnt/y/x", "/mnt/x"), -ESTALE);
+  EXPECT_TRUE(test_exists("/lower/y/x"));
+  EXPECT_EQ(error_at("/mnt/y/x"), 0);
+  EXPECT_EQ(rename_by_path("/mnt/y/x", "/mnt/x"), 0);
+  EXPECT_TRUE(test_holds("/lower/x/f", "f"));
+}
+
 // A lower file system may have dropped the dentry that is known above.
 MODULE_CASE(places, a_directory_goes_by_its_new_lower_name) {
   replicated r;

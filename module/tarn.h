@@ -5,12 +5,14 @@
  * operation tables.
  *
  * Ownership: an upper inode owns one reference on its lower inode and its one shared lower file; a
- * dentry's record owns one reference on the lower dentry and one on the lower mount. The accessors
+ * dentry's record owns one reference on the lower dentry and one on the lower mount; what it had
+ * before, after a directory was found by another lower dentry, it keeps as well. The accessors
  * take no reference and no lock: what they return lives as long as the upper object does, except an
  * inode's `lower_file`, which is set once, under `lower_file_mutex`, by the first open and then
  * stays until the inode is destroyed.
  *
- * Lock order: the VFS's locks on upper objects; then the i_mutex of a lower directory or object;
+ * Lock order: the VFS's locks on upper objects; then that under which directories get their
+ * dentries (interpose.cc), or the i_mutex of a lower directory or object;
  * `lower_file_mutex` is taken with none of the latter held, and inside it the lower file system
  * takes its own locks for the read or write of the shared lower file.
  *
@@ -152,18 +154,13 @@ extern struct super_operations tarn_sops;
 /* dentry.cc */
 extern struct dentry_operations tarn_dops;
 
-/* inode.cc */
-extern struct inode_operations tarn_dir_iops;
-extern struct inode_operations tarn_symlink_iops;
-extern struct inode_operations tarn_main_iops;
-
+/* interpose.cc */
 /* What an interpose follows: it decides how the dentry gets its inode. */
 enum tarn_interpose_flag {
   TARN_INSTANTIATE = 0, /* the creation of an object */
   TARN_SPLICE = 1       /* a lookup */
 };
 
-/* interpose.cc */
 /* Callbacks of the inode cache; `data` is the lower inode. */
 int tarn_inode_test(struct inode *inode, void *data);
 int tarn_inode_set(struct inode *inode, void *data);
@@ -183,6 +180,9 @@ int tarn_inode_set(struct inode *inode, void *data);
 void tarn_interpose_init(void);
 
 /* inode.cc */
+extern struct inode_operations tarn_dir_iops;
+extern struct inode_operations tarn_symlink_iops;
+extern struct inode_operations tarn_main_iops;
 ssize_t tarn_getxattr_lower(struct dentry *lower_dentry, const char *name, void *value,
                             size_t size);
 

@@ -3,7 +3,7 @@
 // there below a second time. The VFS takes the locks of two dentries one after the other, so that
 // two dentries of one upper directory would be one lock taken twice.
 #include "tests/module/mounted.h"
-#include "ukern/fs/memfs.h"
+#include "tests/ukern/host_dir.h"
 #include "ukern/vfs/walk.h"
 
 namespace {
@@ -181,6 +181,39 @@ MODULE_CASE(places, a_directory_goes_by_its_new_lower_name) {
   const test_walk f("/mnt/y/x/f"), lower_f("/lower/y/x/f");
   EXPECT_EQ(tarn_lower_dentry(f.dentry()), lower_f.dentry());
   EXPECT_TRUE(test_holds("/mnt/y/x/f", "f"));
+}
+
+// hostfs gives a directory that the host has moved a dentry of its own.
+MODULE_CASE(places, a_directory_moved_on_the_host_is_one_directory) {
+  host_dir host("/lower");
+  REQUIRE_EQ(host.error(), 0);
+  make_tree();
+  REQUIRE_EQ(test_mkdir("/mnt"), 0);
+  REQUIRE_EQ(uk_fs_mount("/lower", "/mnt", "tarn", 0, nullptr), 0);
+  {
+    test_daemon daemon;
+    REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+    const test_walk in("/mnt/a/x"), known("/mnt/a/x/f");
+    const int a = host_fs_lookup(nullptr, host.fd(), "a");
+    const int y = host_fs_lookup(nullptr, host.fd(), "y");
+    REQUIRE_EQ(host_fs_rename(nullptr, a, "x", y, "x"), 0);
+    host_fs_close(a);
+    host_fs_close(y);
+    const test_walk found("/mnt/y/x");
+    REQUIRE_EQ(found.error(), 0);
+    EXPECT_EQ(found.dentry(), in.dentry());
+    EXPECT_EQ(dentries_of(in.inode()), 1);
+    EXPECT_EQ(error_at("/mnt/a/x"), -ENOENT);
+    test_file file("/mnt/y/x/f", O_RDWR);
+    daemon.drain();
+    EXPECT_EQ(file.write("y", 1, 0), 1);
+    EXPECT_STREQ(daemon.next().wr()->data, "/lower/y/x/f");
+    daemon.drain();
+    EXPECT_EQ(rename_by_path("/mnt/y/x/f", "/mnt/y/g"), 0);
+    expect_rename(daemon, "/lower/y/x/f", "/lower/y/g");
+    do_flush(0);
+  }
+  EXPECT_EQ(uk_fs_umount("/mnt", 0), 0);
 }
 
 namespace {

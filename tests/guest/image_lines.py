@@ -1,18 +1,23 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-2.0
 """image_lines.py FILE: makes FILE of lines "image KIND OFFSET BYTES" and a last one "image KIND SIZE"."""
+import re
 import sys
+
+LINE = re.compile(r"image \S+ (\d+)(?: ((?:[0-9a-f]{2})+))?\n")
 
 
 def main(path):
     with open(path, "wb") as file:
-        for line in sys.stdin:
-            _, _, offset, *data = line.split()
-            file.seek(int(offset))
-            if data:
-                file.write(bytes.fromhex(data[0]))
+        for number, text in enumerate(sys.stdin, 1):
+            line = LINE.fullmatch(text)
+            if line is None:
+                sys.exit("image_lines: line %d is no piece of an image: %.60r" % (number, text))
+            if line[2]:
+                file.seek(int(line[1]))
+                file.write(bytes.fromhex(line[2]))
             else:
-                file.truncate(int(offset))
+                file.truncate(int(line[1]))
 
 
 if __name__ == "__main__":

@@ -346,10 +346,13 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
   const bool gets_a_name =
       std::holds_alternative<Link>(record.change) || std::holds_alternative<Rename>(record.change);
   if (record.naming == Naming::kNameless && !gets_a_name) return Outcome::kNameless;
-  if (record.naming == Naming::kUnplaced && !gets_a_name)
+  if (record.naming == Naming::kUnplaced && !gets_a_name) {
+    scopes_.learn(record);
+    settler_.unplaced(record.ts);
     return Error{-ESTALE,
                  "the file has another name, which the module does not know: the replica's copy is "
-                 "no longer right; copy the file anew"};
+                 "no longer right, until it is found by 'mirrord --catch-up'"};
+  }
   const auto *link = std::get_if<Link>(&record.change);
   settler_.set_other_name(link ? std::string(link->existing) : std::string());
   settler_.set_included(
@@ -366,8 +369,9 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
 Result<void> Applier::caught_up(std::int64_t asked) {
   look_for_any_rule();
   auto links = settler_.look_at_links();
+  auto unplaced = settler_.look_for_unplaced(asked);
   auto touched = settler_.look_at_touched(asked);
-  return links ? std::move(touched) : std::move(links);
+  return !links ? links : !unplaced ? unplaced : touched;
 }
 
 Result<void> Applier::compare_touched(std::int64_t asked) {
@@ -402,6 +406,9 @@ void Applier::touch(const Record &record) {
   } else if (std::holds_alternative<Write>(record.change) ||
              std::holds_alternative<SetAttr>(record.change)) {
     if (const auto path = below(change_path(record.change))) touched.add(*path);
+  } else if (const auto *link = std::get_if<Link>(&record.change)) {
+    add(below(link->path));
+    add(below(link->existing));
   } else {
     add(below(change_path(record.change)));
   }

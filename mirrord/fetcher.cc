@@ -172,11 +172,9 @@ Result<void> Fetcher::make_room(const std::string &path, const Source::Object &o
   if (!*mine) return {};
   const bool directory = S_ISDIR(object.status.st_mode);
   const bool usable = same_type(**mine, object.status);
-  // Names that the source's object does not have must not get its contents. Where nothing is known
-  // but that the numbers of names agree, they are taken for the same names.
-  const bool same = copies_.same(path, object.status) ||
-                    (!copies_.has(path) && (*mine)->st_nlink == object.status.st_nlink);
-  const bool shared = !directory && (*mine)->st_nlink > 1 && !same;
+  // Names that the source's object does not have must not get its contents. Those that it has are
+  // made names of the copy again.
+  const bool shared = !directory && (*mine)->st_nlink > 1 && !copies_.same(path, object.status);
   if (usable && !shared) return {};
   copies_.removed(path);
   return plain(replica_.remove_tree(path));

@@ -17,6 +17,9 @@ namespace {
 
 constexpr std::uint32_t kModeBits = 07777;
 
+/* A change time is as coarse as its file system's, and is taken before the record's. */
+constexpr std::int64_t kCoarse = 2'000'000;
+
 bool same_object(const struct stat &a, const struct stat &b) {
   return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
@@ -285,6 +288,51 @@ Result<void> Settler::look_at_touched(std::int64_t asked) {
   for (const std::string &path : paths) note(take_time(path, asked));
   for (const std::string &path : changing) touched_.add(path);
   return first;
+}
+
+Result<void> Settler::look_for_unplaced(std::int64_t asked) {
+  if (!source_.available()) return {};
+  Result<void> first;
+  for (const std::string &path : std::exchange(may_be_unplaced_, {})) {
+    const auto taken = take_if_changed(path, 0, asked);
+    if (first.ok() && !taken) first = taken;
+  }
+  if (unplaced_since_ == kNever) return first;
+  const auto since = static_cast<std::int64_t>(std::exchange(unplaced_since_, kNever)) - kCoarse;
+  auto found = look_for_unplaced_below("", since, asked);
+  return first ? found : first;
+}
+
+Result<void> Settler::look_for_unplaced_below(const std::string &directory, std::int64_t since,
+                                              std::int64_t asked) {
+  const auto object = source_.find(directory);
+  if (!object) return object.error();
+  if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
+  const auto entries = Source::entries(**object);
+  if (!entries) return entries.error();
+  Result<void> first;
+  const auto note = [&first](const Result<void> &result) {
+    if (first.ok() && !result) first = result.error();
+  };
+  for (const DirectoryEntry &entry : *entries) {
+    const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
+    if (entry.may_be_directory) note(look_for_unplaced_below(path, since, asked));
+    if (included_(path)) note(take_if_changed(path, since, asked));
+  }
+  return first;
+}
+
+/* The change that is looked for set the change time of its file, or a later one did. */
+Result<void> Settler::take_if_changed(const std::string &path, std::int64_t since,
+                                      std::int64_t asked) {
+  const auto there = source_.find(path);
+  if (!there) return there.error();
+  if (!*there || S_ISDIR((*there)->status.st_mode)) return {};
+  const std::int64_t changed = microseconds((*there)->status.st_ctim);
+  if (changed >= asked) may_be_unplaced_.push_back(path);
+  if (changed < since || changed >= asked) return {};
+  const auto settled = settle(path);
+  return settled ? Result<void>() : Result<void>(settled.error());
 }
 
 void Settler::assume_same(const std::string &path) {

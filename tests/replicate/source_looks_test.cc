@@ -189,6 +189,20 @@ TEST_F(SourceLooksTest, ANameThatWentOutWithItsDirectoryIsWatched) {
   EXPECT_EQ(contents(copy("in/f")), "new");
 }
 
+TEST_F(SourceLooksTest, AChangeUnderAnUnknownNameIsLookedFor) {
+  for (const char *name : {"in/f", "in/d/g"}) both(name, "old");
+  Stamp unplaced = now();
+  unplaced.cp = OX_CP_UNPLACED;
+  std::ofstream(src("in/d/g"), std::ios::trunc) << "new";
+  const auto lost = applier_->apply(std::get<Record>(*decode(written(unplaced, src("in/f")))));
+  EXPECT_FALSE(lost.ok()) << "and so it is counted";
+  ASSERT_TRUE(applier_->caught_up(1'000'000).ok());
+  EXPECT_EQ(contents(copy("in/d/g")), "old") << "it is being changed";
+  look();
+  EXPECT_EQ(contents(copy("in/d/g")), "new");
+  EXPECT_EQ(contents(copy("in/f")), "old");
+}
+
 TEST_F(SourceLooksTest, WritesTakeTheirTimeFromTheSource) {
   both("in/f", "data");
   const timespec times[] = {{.tv_sec = 1000, .tv_nsec = 0}, {.tv_sec = 2000, .tv_nsec = 3000}};

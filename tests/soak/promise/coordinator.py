@@ -176,7 +176,7 @@ class Coordinator:
                      follow_symlinks=False)
         except OSError as error:
             # This mount does not show what was made or moved through the other.
-            if error.errno not in (errno.ENOENT, errno.ESTALE, errno.ENOTDIR):
+            if error.errno not in (errno.ENOENT, errno.ESTALE, errno.ENOTDIR, errno.ELOOP):
                 raise
 
     def scan_lower(self):

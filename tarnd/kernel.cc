@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -45,6 +46,7 @@ Kernel::Kernel() {
   options.root_type = "hostfs";
   options.root_source = "/";
   options.cache_pages = kCachePages;
+  options.max_files = std::numeric_limits<int>::max();  // descriptors are counted instead
   if (const int err = uk_boot(&options); err != 0) throw failure("cannot start the kernel", err);
 
   const Task task(service_identity());

@@ -20,6 +20,7 @@ struct uk_boot_options {
   unsigned long
       ram_pages; /* what totalram_pages says and what all pages are kept below; 0: 65536 */
   unsigned long cache_pages; /* what the page cache is kept below; 0: ram_pages */
+  int max_files; /* that may be open, for all but the superuser; 0: what ram_pages have room for */
 };
 
 /* Starts the kernel: caches, root file system mounted, kernel threads. The caller has no task yet.

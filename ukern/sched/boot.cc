@@ -15,6 +15,7 @@
 #include "ukern/sync/lockcheck.h"
 #include "ukern/sync/report.h"
 #include "ukern/uk_core.h"
+#include "ukern/vfs/file_table.h"
 
 namespace {
 
@@ -68,6 +69,7 @@ int uk_boot(const struct uk_boot_options *options) {
   ukern_printk_reset();
   ukern_lockcheck_reset();
   totalram_pages = options->ram_pages ? options->ram_pages : kRamPages;
+  ukern_max_files = options->max_files;
   page_cache_limit = options->cache_pages ? options->cache_pages : totalram_pages;
 
   ukern_task_setup(&init_task, 0, "swapper");

@@ -19,6 +19,7 @@
 #include "ukern/vfs/node.h"
 
 DEFINE_SPINLOCK(files_lock);
+int ukern_max_files;
 
 namespace {
 
@@ -100,7 +101,8 @@ extern "C" {
 
 int ukern_files_init(void) {
   // About a tenth of memory at a kilobyte for a file and what hangs on it.
-  max_files = (int)(totalram_pages * (PAGE_SIZE / 1024) / 10);
+  max_files = ukern_max_files;
+  if (!max_files) max_files = (int)(totalram_pages * (PAGE_SIZE / 1024) / 10);
   if (max_files < kMinFiles) max_files = kMinFiles;
   atomic_set(&files_in_use, 0);
   most_reported = 0;

@@ -7,6 +7,9 @@
 extern "C" {
 #endif
 
+/* How many files may be open. Set before; 0: a number that goes with totalram_pages. */
+extern int ukern_max_files;
+
 /* Makes the caches of files and nodes. 0 or -ENOMEM; nothing is left behind after an error. */
 int ukern_files_init(void);
 /* Gives the caches back; reports files and nodes that are still in use. */

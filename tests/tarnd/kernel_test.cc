@@ -1,0 +1,42 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/kernel.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "tarnd/task.h"
+#include "ukern/uk_fs.h"
+
+namespace tarnd {
+namespace {
+
+// The host's limit of descriptors is what bounds them: each directory that was read once, and is
+// remembered, has a file open inside the kernel.
+TEST(KernelTest, UsersOpenMoreFilesThanItsMemoryHasRoomFor) {
+  constexpr size_t kFiles = 30000;
+  Kernel kernel;
+  Identity user;
+  user.uid = user.gid = 65534;
+  {
+    const Task task(user);
+    const ActAs act(task);
+    uk_node *root = nullptr;
+    ASSERT_EQ(uk_node_at("/", &root), 0);
+    std::vector<uk_file *> files;
+    int error = 0;
+    while (!error && files.size() < kFiles) {
+      uk_file *file = nullptr;
+      error = uk_open(root, O_RDONLY | O_DIRECTORY, &file);
+      if (!error) files.push_back(file);
+    }
+    EXPECT_EQ(error, 0);
+    EXPECT_EQ(files.size(), kFiles);
+    for (uk_file *file : files) uk_release(file);
+    uk_node_put(root, 1);
+  }
+}
+
+}  // namespace
+}  // namespace tarnd

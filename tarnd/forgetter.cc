@@ -16,8 +16,8 @@ namespace tarnd {
 // more; and what it cannot forget is not asked for over and over.
 static constexpr std::chrono::milliseconds kBetweenRounds{1};
 
-// The other descriptors are for open files, for what the kernel in this process keeps, and for what
-// the host asks for while it is forgetting.
+// The other descriptors are for open files, for what the kernel in this process keeps, directories
+// among it, and for what the host asks for while it is forgetting.
 static size_t most_nodes() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)

@@ -5,7 +5,8 @@
  * The host asks for a name once and may know it for days. Its own memory makes it forget some day,
  * which is no help here: every file that it knows costs a descriptor. So when it knows too many it
  * is told to forget some of them: files that are not open, whose names it simply asks for again.
- * Directories stay, because somebody may be in them.
+ * Directories stay, because somebody may be in them; most cost no descriptor while nobody uses
+ * them (ukern/fs/hostfs_held.cc).
  *
  * One thread of its own: the host takes a directory's lock to forget a name in it, and may wait
  * there for requests that others have to serve.

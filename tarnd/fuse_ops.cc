@@ -56,11 +56,13 @@ static size_t most_lasting() {
 bool may_hold_more(fuse_req_t req) {
   static const size_t most = most_lasting();
   const Mount *mount = mount_of(req);
-  if (fuse_req_ctx(req)->uid == 0 || mount->holdings().lasting() < most) return true;
+  const size_t lasting = mount->holdings().open_files() + uk_kept_directories();
+  if (fuse_req_ctx(req)->uid == 0 || lasting < most) return true;
   static LimitedWarning refused;
   refused.print(mount->mountpoint() +
-                ": directories and open files have half of all descriptors; users other than root "
-                "get no more: raise the limit of descriptors (LimitNOFILE=, ulimit -n)");
+                ": open files, and directories that have to stay open, have half of all "
+                "descriptors; users other than root get no more: raise the limit of descriptors "
+                "(LimitNOFILE=, ulimit -n)");
   return false;
 }
 

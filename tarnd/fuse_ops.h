@@ -60,8 +60,8 @@ inline void reply_error(fuse_req_t req, long err) {
 }
 
 /*
- * Whether the caller may have one more directory or open file: each costs a descriptor for as long
- * as programs like, and root must be able to do something about it. Warns when not.
+ * Whether the caller may have one more open file, or a directory that costs a descriptor: for as
+ * long as programs like, and root must be able to do something about it. Warns when not.
  */
 bool may_hold_more(fuse_req_t req);
 /* The reference that came with the node is the host's from here on; false if the host may not have

@@ -14,43 +14,48 @@ Holdings::Held &Holdings::held_of(uk_node *node) {
   return *static_cast<Held *>(uk_node_room(node));
 }
 
-void Holdings::append_locked(uk_node *node) {
+void Holdings::append(List *list, uk_node *node) {
   Held &held = held_of(node);
-  held.before = last_;
+  held.before = list->last;
   held.after = nullptr;
-  (last_ ? held_of(last_).after : first_) = node;
-  last_ = node;
-  count_++;
+  (list->last ? held_of(list->last).after : list->first) = node;
+  list->last = node;
+  list->count++;
 }
 
-void Holdings::remove_locked(uk_node *node) {
+void Holdings::remove(List *list, uk_node *node) {
   const Held &held = held_of(node);
-  (held.before ? held_of(held.before).after : first_) = held.after;
-  (held.after ? held_of(held.after).before : last_) = held.before;
-  count_--;
+  (held.before ? held_of(held.before).after : list->first) = held.after;
+  (held.after ? held_of(held.after).before : list->last) = held.before;
+  list->count--;
 }
 
-Holdings::Held &Holdings::hold_locked(uk_node *node) {
+Holdings::Held &Holdings::hold_locked(uk_node *node, Kind kind) {
   Held &held = held_of(node);
-  if (!held.is_held()) append_locked(node);
+  if (held.is_held() && held.kind == kind) return held;
+  if (held.is_held()) remove(&list_of(held.kind), node);
+  held.kind = kind;
+  append(&list_of(kind), node);
   return held;
 }
 
 void Holdings::leave_if_unheld_locked(uk_node *node) {
   Held &held = held_of(node);
   if (held.is_held()) return;
-  remove_locked(node);
-  if (held.kind == Kind::kDirectory) directories_--;
+  remove(&list_of(held.kind), node);
   held = {};
+}
+
+// Of the directories only those count that are not closed when there are too many of them.
+size_t Holdings::too_many_locked() const {
+  const size_t held = others_.count + uk_kept_directories();
+  return others_.count > 0 && held > limit_ ? held - limit_ : 0;
 }
 
 void Holdings::add_node(uk_node *node, Kind kind) {
   const std::lock_guard lock(mutex_);
-  Held &held = hold_locked(node);
-  held.lookups++;
-  if (kind == Kind::kDirectory && held.kind != kind) directories_++;
-  held.kind = kind;
-  if (count_ > limit_) grown_.notify_one();
+  hold_locked(node, kind).lookups++;
+  if (too_many_locked()) grown_.notify_one();
 }
 
 void Holdings::drop_node(uk_node *node, unsigned long count) {
@@ -69,7 +74,7 @@ void Holdings::add_file(uk_file *file, uk_node *node) {
   const std::lock_guard lock(mutex_);
   files_[file] = node;
   uk_node_get(node);
-  hold_locked(node).opens++;
+  hold_locked(node, held_of(node).kind).opens++;
 }
 
 void Holdings::drop_file(uk_file *file) {
@@ -95,34 +100,35 @@ void Holdings::clear() {
     drop_file(file);
     lock.lock();
   }
-  while (first_) {
-    uk_node *node = first_;
-    const unsigned long lookups = held_of(node).lookups;
-    lock.unlock();
-    drop_node(node, lookups);
-    lock.lock();
+  for (const List *list : {&others_, &directories_}) {
+    while (uk_node *node = list->first) {
+      const unsigned long lookups = held_of(node).lookups;
+      lock.unlock();
+      drop_node(node, lookups);
+      lock.lock();
+    }
   }
 }
 
 size_t Holdings::nodes() const {
   const std::lock_guard lock(mutex_);
-  return count_;
+  return others_.count + directories_.count;
 }
 
-size_t Holdings::lasting() const {
+size_t Holdings::open_files() const {
   const std::lock_guard lock(mutex_);
-  return directories_ + files_.size();
+  return files_.size();
 }
 
 // From the front, and what was looked at goes to the back, so that every node has its turn: which
 // was used last nobody knows.
 std::vector<uk_node *> Holdings::pick_locked(size_t most) {
   std::vector<uk_node *> picked;
-  picked.reserve(most);  // nothing fails once the first reference is taken
-  for (size_t left = count_; left > 0 && picked.size() < most; left--) {
-    uk_node *node = first_;
-    remove_locked(node);
-    append_locked(node);
+  picked.reserve(std::min(most, others_.count));  // nothing fails once the first reference is taken
+  for (size_t left = others_.count; left > 0 && picked.size() < most; left--) {
+    uk_node *node = others_.first;
+    remove(&others_, node);
+    append(&others_, node);
     const Held &held = held_of(node);
     if (held.opens > 0 || held.lookups == 0) continue;
     picked.push_back(node);
@@ -134,9 +140,9 @@ std::vector<uk_node *> Holdings::pick_locked(size_t most) {
 std::optional<std::vector<uk_node *>> Holdings::wait_for_too_many(size_t limit) {
   std::unique_lock lock(mutex_);
   limit_ = limit;
-  grown_.wait(lock, [this] { return closed_ || count_ > limit_; });
+  grown_.wait(lock, [this] { return closed_ || too_many_locked() > 0; });
   if (closed_) return std::nullopt;
-  return pick_locked(count_ - limit_ + limit_ / kSlack);
+  return pick_locked(too_many_locked() + limit_ / kSlack);
 }
 
 void Holdings::close() {

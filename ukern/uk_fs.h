@@ -151,6 +151,10 @@ int uk_readdir(struct uk_file *dir, unsigned long long off,
                            unsigned long long next),
                void *arg);
 
+/* How many directories of the host cost a descriptor for as long as they are remembered, because the
+ * host could not find them again. Those of others are closed when there are too many. */
+unsigned long uk_kept_directories(void);
+
 /* Unused dentries and inodes are given back now, all of them. */
 void uk_drop_caches(void);
 /* How many unused dentries, and how many unused inodes, may be kept; 20000 at boot. */

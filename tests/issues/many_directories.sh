@@ -1,16 +1,20 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
-# A user who walks through more directories than there are descriptors is refused at some point, with a line in the log;
-# root and the control channel go on.
+# Over a file system in which a directory cannot be opened again, a user who walks through more directories than there are
+# descriptors is refused at some point, with a line in the log; root and the control channel go on.
 . "$(dirname "$0")/../lib.sh"
 [ "$(id -u)" -eq 0 ] || { echo "skipped: only root can be somebody else" >&2; exit 77; }
 
 DIRECTORIES=3000
 LIMIT=2000
 chmod 755 "$T"
+mount -t ramfs -o mode=755 tarn-ramfs "$T/lower"
 mkdir "$T/lower/many" "$T/lower2" "$T/mnt2"
 (cd "$T/lower/many" && seq $DIRECTORIES | xargs mkdir)
-cleanup_test() { umount -l "$T/mnt2" 2>/dev/null; }
+cleanup_test() {
+  umount -l "$T/mnt2" 2>/dev/null
+  umount "$T/lower"
+}
 # The superuser would raise the limit: not without that capability.
 (
   ulimit -n "$LIMIT"

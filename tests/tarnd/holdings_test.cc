@@ -72,25 +72,26 @@ TEST_F(HoldingsTest, WhatIsForgottenWhileItIsOpenGoesWithTheFile) {
   EXPECT_EQ(holdings.nodes(), 0u);
 }
 
-TEST_F(HoldingsTest, DirectoriesAndOpenFilesLast) {
+TEST_F(HoldingsTest, DirectoriesAndOpenFilesAreCounted) {
   Holdings holdings;
   uk_node *root = nullptr, *dir = nullptr;
   ASSERT_EQ(uk_node_at("/", &root), 0);
   ASSERT_EQ(uk_mkdir(root, "dir", 0755, &dir, &stat_), 0);
   holdings.add_node(node_, Kind::kFile);
-  EXPECT_EQ(holdings.lasting(), 0u);
+  EXPECT_EQ(holdings.open_files(), 0u);
   holdings.add_file(file_, node_);
-  EXPECT_EQ(holdings.lasting(), 1u);
+  EXPECT_EQ(holdings.open_files(), 1u);
   holdings.add_node(dir, Kind::kDirectory);
   uk_node_get(dir);
   holdings.add_node(dir, Kind::kDirectory);
-  EXPECT_EQ(holdings.lasting(), 2u);
+  EXPECT_EQ(holdings.nodes(), 2u);
+  EXPECT_EQ(holdings.open_files(), 1u);
   holdings.drop_node(dir, 1);
-  EXPECT_EQ(holdings.lasting(), 2u);
+  EXPECT_EQ(holdings.nodes(), 2u);
   holdings.drop_node(dir, 1);
-  EXPECT_EQ(holdings.lasting(), 1u);
+  EXPECT_EQ(holdings.nodes(), 1u);
   holdings.clear();
-  EXPECT_EQ(holdings.lasting(), 0u);
+  EXPECT_EQ(holdings.nodes() + holdings.open_files(), 0u);
   uk_node_put(root, 1);
 }
 
@@ -155,6 +156,19 @@ TEST_F(ManyHoldingsTest, WhatIsOpenIsNotPicked) {
   EXPECT_EQ(std::count(picked->begin(), picked->end(), node), 0);
   for (uk_node *each : *picked) uk_node_put(each, 1);
   uk_node_put(node, 1);
+}
+
+TEST_F(ManyHoldingsTest, DirectoriesArePickedNeverAndCountOnlyAsNodes) {
+  for (int i = 0; i < 20; i++) {
+    uk_node *dir = nullptr;
+    ASSERT_EQ(uk_mkdir(root_, ("dir" + std::to_string(i)).c_str(), 0755, &dir, &stat_), 0);
+    holdings_.add_node(dir, Kind::kDirectory);
+  }
+  EXPECT_EQ(holdings_.nodes(), kFiles + 20);
+  const auto picked = holdings_.wait_for_too_many(kFiles - 1);
+  ASSERT_TRUE(picked.has_value());
+  EXPECT_EQ(picked->size(), 1 + (kFiles - 1) / 8);
+  for (uk_node *each : *picked) uk_node_put(each, 1);
 }
 
 TEST_F(ManyHoldingsTest, TheWaitEndsWhenOneIsAddedOrItIsClosed) {

@@ -79,7 +79,10 @@ struct inode *hostfs_alloc_inode(struct super_block *) {
   auto *info = static_cast<struct hostfs_inode *>(kmem_cache_alloc(inode_cache, GFP_KERNEL));
   if (!info) return nullptr;
   info->fd = info->made = -1;
-  info->removed = 0;
+  info->removed = info->gone = info->kept = 0;
+  info->origin = nullptr;
+  info->users = 0;
+  INIT_LIST_HEAD(&info->idle);
   info->dev = info->ino = info->mount = 0;
   info->looked = info->permitted = 0;
   inode_init_once(&info->vfs_inode);
@@ -87,15 +90,17 @@ struct inode *hostfs_alloc_inode(struct super_block *) {
 }
 
 void hostfs_destroy_inode(struct inode *inode) {
-  if (hostfs_fd(inode) >= 0) host_fs_close(hostfs_fd(inode));
+  hostfs_close(inode);
   if (hostfs_i(inode)->made >= 0) host_fs_close(hostfs_i(inode)->made);
   if (hostfs_i(inode)->removed) atomic_dec(&nr_removed);
   kmem_cache_free(inode_cache, hostfs_i(inode));
 }
 
 int hostfs_statfs(struct dentry *dentry, struct kstatfs *buf) {
+  const hostfs_held held(dentry->d_inode);
+  if (held.fd() < 0) return held.fd();
   struct host_statfs host;
-  if (int error = host_fs_statfs(hostfs_fd(dentry->d_inode), &host)) return error;
+  if (int error = host_fs_statfs(held.fd(), &host)) return error;
   buf->f_type = host.type;
   buf->f_bsize = host.bsize;
   buf->f_blocks = host.blocks;
@@ -173,8 +178,12 @@ void hostfs_take_stat(struct inode *inode, const struct host_stat *stat) {
 }
 
 int hostfs_refresh(struct inode *inode) {
+  const hostfs_held held(inode);
+  // What has lost its last name through here, and its descriptor since, is as it was then.
+  if (held.fd() == -ENOENT && hostfs_i(inode)->removed) return 0;
+  if (held.fd() < 0) return held.fd();
   struct host_stat stat;
-  if (int error = host_fs_stat(hostfs_fd(inode), &stat)) return error;
+  if (int error = host_fs_stat(held.fd(), &stat)) return error;
   hostfs_take_stat(inode, &stat);
   return 0;
 }
@@ -190,19 +199,27 @@ struct inode *hostfs_iget(struct super_block *sb, int fd) {
     return static_cast<struct inode *>(ERR_PTR(error));
   }
   const unsigned long hash = hash_long(wanted.stat.ino ^ wanted.stat.dev << 32, BITS_PER_LONG);
-  struct inode *inode = iget5_locked(sb, hash, same_object, set_object, &wanted);
-  if (!inode) {
-    host_fs_close(fd);
-    return static_cast<struct inode *>(ERR_PTR(-ENOMEM));
+  for (;;) {
+    struct inode *inode = iget5_locked(sb, hash, same_object, set_object, &wanted);
+    if (!inode) {
+      host_fs_close(fd);
+      return static_cast<struct inode *>(ERR_PTR(-ENOMEM));
+    }
+    const bool is_new = inode->i_state & I_NEW;
+    if (is_new) {
+      set_operations(inode, wanted.stat);
+      hostfs_use_new(inode, &wanted.stat);
+    } else if (!hostfs_is_behind(inode, fd)) {
+      iput(inode);
+      continue;
+    }
+    hostfs_take_stat(inode, &wanted.stat);
+    if (is_new) {
+      unlock_new_inode(inode);
+      hostfs_unuse(inode);
+    }
+    return inode;
   }
-  const bool is_new = inode->i_state & I_NEW;
-  if (is_new) set_operations(inode, wanted.stat);
-  hostfs_take_stat(inode, &wanted.stat);
-  if (is_new)
-    unlock_new_inode(inode);
-  else
-    host_fs_close(fd);
-  return inode;
 }
 
 void hostfs_removed(struct inode *inode) {
@@ -218,13 +235,15 @@ int hostfs_wait_for_room(void) {
   return before > 0;
 }
 
-// Each cached inode holds a descriptor and each open file may hold another. An eighth of what the
-// host allows is for what is merely cached, of which there may be twice as much for a moment; an
-// eighth for files that nobody reads or writes at the moment.
+// Each cached inode may hold a descriptor and each open file another. An eighth of what the host
+// allows is for what is merely cached, of which there may be twice as much for a moment; an eighth
+// for files that nobody reads or writes at the moment; and half as many for directories that can be
+// opened again.
 static void share_descriptors(long descriptors) {
   if (descriptors < 256) descriptors = 256;
   if (descriptors / 8 < ukern_cache_limit) uk_set_cache_limit((unsigned)descriptors / 8);
   hostfs_set_idle_files((unsigned long)descriptors / 8);
+  hostfs_set_idle_directories((unsigned long)descriptors / 16);
 }
 
 int hostfs_init(void) {

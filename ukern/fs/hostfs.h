@@ -9,10 +9,12 @@ extern "C" {
 
 /*
  * How many data descriptors of open files may be kept open while nobody uses them; the one unused
- * for longest is closed then, and opened again at its next use. At boot: a quarter of what the host
+ * for longest is closed then, and opened again at its next use. At boot: an eighth of what the host
  * allows.
  */
 void hostfs_set_idle_files(unsigned long limit);
+/* The same of path descriptors of directories. At boot: a sixteenth. */
+void hostfs_set_idle_directories(unsigned long limit);
 
 #ifdef __cplusplus
 }

@@ -33,7 +33,9 @@ int hostfs_permission(struct inode *inode, int mask, struct nameidata *nd) {
     const unsigned long asked = current->call * 8 + (unsigned long)mask;
     unsigned long *permitted = &hostfs_i(inode)->permitted;
     if (current->call && __atomic_load_n(permitted, __ATOMIC_RELAXED) == asked) return 0;
-    const int error = host_fs_access(&as, hostfs_fd(inode), mask);
+    const hostfs_held held(inode);
+    if (held.fd() < 0) return held.fd();
+    const int error = host_fs_access(&as, held.fd(), mask);
     if (!error) __atomic_store_n(permitted, asked, __ATOMIC_RELAXED);
     if (error != -ENOSYS) return error;
   }
@@ -57,9 +59,9 @@ int check_new_size(struct inode *inode, loff_t size) {
   return -EFBIG;
 }
 
-int set_size(const host_identity *as, struct inode *inode, loff_t size) {
+int set_size(const host_identity *as, struct inode *inode, int fd, loff_t size) {
   if (int error = check_new_size(inode, size)) return error;
-  if (int error = host_fs_truncate(as, hostfs_fd(inode), (unsigned long long)size)) return error;
+  if (int error = host_fs_truncate(as, fd, (unsigned long long)size)) return error;
   unmap_mapping_range(inode->i_mapping, size + PAGE_SIZE - 1, 0, 1);
   truncate_inode_pages(inode->i_mapping, size);
   return 0;
@@ -70,7 +72,7 @@ host_time time_to_set(const struct timespec &time, bool given) {
   return {time.tv_sec, static_cast<unsigned>(time.tv_nsec)};
 }
 
-int set_times(const host_identity *as, struct inode *inode, const struct iattr *attr) {
+int set_times(const host_identity *as, int fd, const struct iattr *attr) {
   const unsigned valid = attr->ia_valid;
   const bool atime = valid & ATTR_ATIME;
   // A truncation has set the modification time already.
@@ -78,21 +80,22 @@ int set_times(const host_identity *as, struct inode *inode, const struct iattr *
   if (!atime && !mtime) return 0;
   const host_time new_atime = time_to_set(attr->ia_atime, valid & ATTR_ATIME_SET);
   const host_time new_mtime = time_to_set(attr->ia_mtime, valid & ATTR_MTIME_SET);
-  return host_fs_utimes(as, hostfs_fd(inode), atime ? &new_atime : nullptr,
-                        mtime ? &new_mtime : nullptr);
+  return host_fs_utimes(as, fd, atime ? &new_atime : nullptr, mtime ? &new_mtime : nullptr);
 }
 
 // In the order in which one step cannot undo the other: a change of owner takes mode bits away.
 int apply(const host_identity *as, struct inode *inode, const struct iattr *attr) {
   const unsigned valid = attr->ia_valid;
-  const int fd = hostfs_fd(inode);
+  const hostfs_held held(inode);
+  const int fd = held.fd();
+  if (fd < 0) return fd;
   int error = 0;
   if (valid & (ATTR_UID | ATTR_GID))
     error = host_fs_chown(as, fd, valid & ATTR_UID ? attr->ia_uid : ~0u,
                           valid & ATTR_GID ? attr->ia_gid : ~0u);
   if (!error && (valid & ATTR_MODE)) error = host_fs_chmod(as, fd, attr->ia_mode & 07777u);
-  if (!error && (valid & ATTR_SIZE)) error = set_size(as, inode, attr->ia_size);
-  if (!error) error = set_times(as, inode, attr);
+  if (!error && (valid & ATTR_SIZE)) error = set_size(as, inode, fd, attr->ia_size);
+  if (!error) error = set_times(as, fd, attr);
   return error;
 }
 
@@ -121,24 +124,32 @@ static bool is_access_list(const char *name) {
 int hostfs_setxattr(struct dentry *dentry, const char *name, const void *value, size_t size,
                     int flags) {
   if (is_access_list(name)) return -EOPNOTSUPP;
+  const hostfs_held held(dentry->d_inode);
+  if (held.fd() < 0) return held.fd();
   const host_identity as = hostfs_caller();
-  return host_fs_setxattr(&as, hostfs_fd(dentry->d_inode), name, value, size, flags);
+  return host_fs_setxattr(&as, held.fd(), name, value, size, flags);
 }
 
 ssize_t hostfs_getxattr(struct dentry *dentry, const char *name, void *value, size_t size) {
+  const hostfs_held held(dentry->d_inode);
+  if (held.fd() < 0) return held.fd();
   const host_identity as = hostfs_caller();
-  return host_fs_getxattr(&as, hostfs_fd(dentry->d_inode), name, value, size);
+  return host_fs_getxattr(&as, held.fd(), name, value, size);
 }
 
 ssize_t hostfs_listxattr(struct dentry *dentry, char *list, size_t size) {
+  const hostfs_held held(dentry->d_inode);
+  if (held.fd() < 0) return held.fd();
   const host_identity as = hostfs_caller();
-  return host_fs_listxattr(&as, hostfs_fd(dentry->d_inode), list, size);
+  return host_fs_listxattr(&as, held.fd(), list, size);
 }
 
 int hostfs_removexattr(struct dentry *dentry, const char *name) {
   if (is_access_list(name)) return -EOPNOTSUPP;
+  const hostfs_held held(dentry->d_inode);
+  if (held.fd() < 0) return held.fd();
   const host_identity as = hostfs_caller();
-  return host_fs_removexattr(&as, hostfs_fd(dentry->d_inode), name);
+  return host_fs_removexattr(&as, held.fd(), name);
 }
 
 static void *hostfs_follow_link(struct dentry *dentry, struct nameidata *nd) {
@@ -149,7 +160,8 @@ static void *hostfs_follow_link(struct dentry *dentry, struct nameidata *nd) {
     nd_set_link(nd, static_cast<char *>(ERR_PTR(-ENOMEM)));
     return NULL;
   }
-  const long length = host_fs_readlink(hostfs_fd(dentry->d_inode), text, PATH_MAX - 1);
+  const hostfs_held held(dentry->d_inode);
+  const long length = held.fd() < 0 ? held.fd() : host_fs_readlink(held.fd(), text, PATH_MAX - 1);
   if (length < 0) {
     __putname(text);
     nd_set_link(nd, static_cast<char *>(ERR_PTR(length)));

@@ -26,6 +26,26 @@ int disowned(struct dentry *dentry) {
   return 0;
 }
 
+// What the host has under a name in the directory `dir` now. Numbers tell an object from the
+// inode's only while a descriptor of that is open: one that was closed is taken from the name.
+int look_at_name(const host_identity &as, int dir, const char *name, struct inode *inode,
+                 struct host_stat *stat) {
+  if (!inode) return host_fs_stat_name(&as, dir, name, stat);
+  const hostfs_held held(inode, HOSTFS_IF_OPEN);
+  if (held.fd() >= 0) return host_fs_stat_name(&as, dir, name, stat);
+  const int fd = host_fs_lookup(&as, dir, name);
+  if (fd < 0) return fd;
+  const int error = host_fs_stat(fd, stat);
+  if (error || !hostfs_is(inode, stat) || !hostfs_is_behind(inode, fd)) host_fs_close(fd);
+  return error;
+}
+
+int look_below(const host_identity &as, struct inode *dir, const char *name, struct inode *inode,
+               struct host_stat *stat) {
+  const hostfs_held held(dir);
+  return held.fd() < 0 ? held.fd() : look_at_name(as, held.fd(), name, inode, stat);
+}
+
 // Compares what the host has under the name now with what the dentry says. The result is what
 // d_revalidate says.
 int ask_host(struct dentry *dentry) {
@@ -44,7 +64,7 @@ int ask_host(struct dentry *dentry) {
   const host_identity as = hostfs_caller();
   struct host_stat stat;
   if (dentry->d_inode) ukern_prefetch_attributes(dentry->d_inode);
-  const int error = host_fs_stat_name(&as, hostfs_fd(parent->d_inode), name, &stat);
+  const int error = look_below(as, parent->d_inode, name, dentry->d_inode, &stat);
   dput(parent);
   struct inode *inode = dentry->d_inode;
   if (inode) {
@@ -76,7 +96,8 @@ struct dentry *hostfs_lookup(struct inode *dir, struct dentry *dentry, struct na
   const host_identity as = hostfs_caller();
   dentry->d_op = &hostfs_dops;
   hostfs_set_fresh(&dentry->d_time);
-  const int fd = host_fs_lookup(&as, hostfs_fd(dir), name_of(dentry));
+  const hostfs_held held(dir);
+  const int fd = held.fd() < 0 ? held.fd() : host_fs_lookup(&as, held.fd(), name_of(dentry));
   if (fd == -ENOENT) {
     d_add(dentry, nullptr);
     return nullptr;
@@ -105,16 +126,24 @@ int instantiate(struct inode *dir, struct dentry *dentry, int fd) {
   return 0;
 }
 
-int instantiate_by_name(struct inode *dir, struct dentry *dentry, const host_identity &as) {
-  return instantiate(dir, dentry, host_fs_lookup(&as, hostfs_fd(dir), name_of(dentry)));
+// Makes something by `make(fd)` in the directory and binds the dentry to it.
+template <typename Make>
+int make_and_instantiate(struct inode *dir, struct dentry *dentry, const host_identity &as,
+                         Make make) {
+  const hostfs_held held(dir);
+  if (held.fd() < 0) return held.fd();
+  if (int error = make(held.fd())) return error;
+  return instantiate(dir, dentry, host_fs_lookup(&as, held.fd(), name_of(dentry)));
 }
 
 int hostfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nameidata *nd) {
   const host_identity as = hostfs_caller();
+  const hostfs_held held(dir);
+  if (held.fd() < 0) return held.fd();
   // Who says nothing of a look-up makes no file to open it.
   const bool will_open = nd != nullptr;
   int data = -1;
-  const int fd = host_fs_create(&as, hostfs_fd(dir), name_of(dentry), (unsigned)mode & 07777,
+  const int fd = host_fs_create(&as, held.fd(), name_of(dentry), (unsigned)mode & 07777,
                                 will_open ? &data : nullptr);
   if (fd < 0) return fd;
   const int error = instantiate(dir, dentry, fd);
@@ -129,37 +158,44 @@ int hostfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nam
 
 int hostfs_mkdir(struct inode *dir, struct dentry *dentry, int mode) {
   const host_identity as = hostfs_caller();
-  if (int error = host_fs_mkdir(&as, hostfs_fd(dir), name_of(dentry), (unsigned)mode & 07777))
-    return error;
-  return instantiate_by_name(dir, dentry, as);
+  return make_and_instantiate(dir, dentry, as, [&](int fd) {
+    return host_fs_mkdir(&as, fd, name_of(dentry), (unsigned)mode & 07777);
+  });
 }
 
 int hostfs_mknod(struct inode *dir, struct dentry *dentry, int mode, dev_t dev) {
   const host_identity as = hostfs_caller();
-  const int error =
-      host_fs_mknod(&as, hostfs_fd(dir), name_of(dentry), (unsigned)mode, MAJOR(dev), MINOR(dev));
-  return error ? error : instantiate_by_name(dir, dentry, as);
+  return make_and_instantiate(dir, dentry, as, [&](int fd) {
+    return host_fs_mknod(&as, fd, name_of(dentry), (unsigned)mode, MAJOR(dev), MINOR(dev));
+  });
 }
 
 int hostfs_symlink(struct inode *dir, struct dentry *dentry, const char *target) {
   const host_identity as = hostfs_caller();
-  if (int error = host_fs_symlink(&as, hostfs_fd(dir), name_of(dentry), target)) return error;
-  return instantiate_by_name(dir, dentry, as);
+  return make_and_instantiate(
+      dir, dentry, as, [&](int fd) { return host_fs_symlink(&as, fd, name_of(dentry), target); });
 }
 
 int hostfs_link(struct dentry *old_dentry, struct inode *dir, struct dentry *dentry) {
   const host_identity as = hostfs_caller();
   struct inode *inode = old_dentry->d_inode;
-  if (int error = host_fs_link(&as, hostfs_fd(inode), hostfs_fd(dir), name_of(dentry)))
-    return error;
+  const hostfs_held held(inode), held_dir(dir);
+  if (held.fd() < 0) return held.fd();
+  if (held_dir.fd() < 0) return held_dir.fd();
+  if (int error = host_fs_link(&as, held.fd(), held_dir.fd(), name_of(dentry))) return error;
   hostfs_refresh(inode);
   hostfs_refresh(dir);
   d_instantiate(dentry, igrab(inode));
   return 0;
 }
 
-int removed(struct inode *dir, struct inode *inode, int error) {
-  if (error) return error;
+// Removes a name by `call(fd)` of the directory. What had it can be looked at afterwards.
+template <typename Remove>
+int remove(struct inode *dir, struct inode *inode, Remove call) {
+  const hostfs_held held(inode), held_dir(dir);
+  if (held.fd() < 0) return held.fd();
+  if (held_dir.fd() < 0) return held_dir.fd();
+  if (int error = call(held_dir.fd())) return error;
   hostfs_refresh(inode);
   hostfs_refresh(dir);
   hostfs_removed(inode);
@@ -168,27 +204,36 @@ int removed(struct inode *dir, struct inode *inode, int error) {
 
 int hostfs_unlink(struct inode *dir, struct dentry *dentry) {
   const host_identity as = hostfs_caller();
-  return removed(dir, dentry->d_inode, host_fs_unlink(&as, hostfs_fd(dir), name_of(dentry)));
+  return remove(dir, dentry->d_inode,
+                [&](int fd) { return host_fs_unlink(&as, fd, name_of(dentry)); });
 }
 
 int hostfs_rmdir(struct inode *dir, struct dentry *dentry) {
   const host_identity as = hostfs_caller();
-  return removed(dir, dentry->d_inode, host_fs_rmdir(&as, hostfs_fd(dir), name_of(dentry)));
+  return remove(dir, dentry->d_inode,
+                [&](int fd) { return host_fs_rmdir(&as, fd, name_of(dentry)); });
 }
 
 int hostfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                   struct dentry *new_dentry) {
+  const hostfs_held held_old(old_dir), held_new(new_dir);
+  if (held_old.fd() < 0) return held_old.fd();
+  if (held_new.fd() < 0) return held_new.fd();
   const host_identity as = hostfs_caller();
-  const int error = host_fs_rename(&as, hostfs_fd(old_dir), name_of(old_dentry), hostfs_fd(new_dir),
-                                   name_of(new_dentry));
+  const auto move = [&] {
+    return host_fs_rename(&as, held_old.fd(), name_of(old_dentry), held_new.fd(),
+                          name_of(new_dentry));
+  };
+  int error;
+  if (struct inode *target = new_dentry->d_inode) {
+    error = remove(new_dir, target, [&](int) { return move(); });
+  } else {
+    error = move();
+    if (!error) hostfs_refresh(new_dir);
+  }
   if (error) return error;
   hostfs_refresh(old_dentry->d_inode);
-  if (new_dentry->d_inode) {
-    hostfs_refresh(new_dentry->d_inode);
-    hostfs_removed(new_dentry->d_inode);
-  }
-  hostfs_refresh(old_dir);
-  if (new_dir != old_dir) hostfs_refresh(new_dir);
+  if (new_dir != old_dir) hostfs_refresh(old_dir);
   return 0;
 }
 

@@ -47,7 +47,9 @@ open_file *open_file_of(const struct file *file) {
 }
 
 int open_data(struct inode *inode, const struct file *file, open_file *open) {
-  const int path = hostfs_fd(inode);
+  const hostfs_held held(inode);
+  const int path = held.fd();
+  if (path < 0) return path;
   if (S_ISDIR(inode->i_mode)) return host_fs_open(path, HOST_OPEN_DIR);
   if (open->write_only) return host_fs_open(path, HOST_OPEN_WRITE);
   const int fd = host_fs_open(path, open->writable ? HOST_OPEN_READ_WRITE : HOST_OPEN_READ);
@@ -142,7 +144,8 @@ int make_writable(struct file *file, int fd) {
   int error = 0;
   mutex_lock(&open->lock);
   if (!open->writable) {
-    error = host_fs_make_writable(hostfs_fd(file->f_mapping->host), fd);
+    const hostfs_held held(file->f_mapping->host);
+    error = held.fd() < 0 ? held.fd() : host_fs_make_writable(held.fd(), fd);
     if (!error) __atomic_store_n(&open->writable, 1, __ATOMIC_RELEASE);
   }
   mutex_unlock(&open->lock);
@@ -249,8 +252,8 @@ ssize_t hostfs_sendfile(struct file *file, loff_t *ppos, size_t count, read_acto
 }
 
 int hostfs_readpage(struct file *file, struct page *page) {
-  const int path = hostfs_fd(page->mapping->host);
-  const int fd = file ? use(file) : host_fs_open(path, HOST_OPEN_READ);
+  const hostfs_held held(page->mapping->host);
+  const int fd = file ? use(file) : host_fs_open(held.fd(), HOST_OPEN_READ);
   char *data = static_cast<char *>(kmap(page));
   const auto pos = (unsigned long long)page_offset(page);
   const long result = fd < 0 ? fd : host_fs_pread(fd, data, PAGE_CACHE_SIZE, pos);

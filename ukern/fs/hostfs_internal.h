@@ -6,8 +6,11 @@
  *
  * An inode stands for one object of the host as reached through one mount of the host, known by
  * (st_dev, st_ino, mount), and owns a path descriptor of it, which keeps the object, and so its
- * number, from being reused. The path descriptor never changes while the inode lives; an open file
- * owns a data descriptor.
+ * number, from being reused. An open file owns a data descriptor.
+ *
+ * A directory may be remembered for as long as programs like. Where the host can find it again by a
+ * handle, which tells it from every other that ever had its number, its path descriptor is given
+ * back when many others were used since, and opened again at the next use (hostfs_held.cc).
  *
  * Who is asking: the current task's fsuid, fsgid and groups for everything that the host judges by
  * identity; data is opened as the program itself, because whoever opens has been checked before.
@@ -25,10 +28,20 @@
 extern "C" {
 #endif
 
+struct hostfs_origin; /* a mount of the host that directories were seen in */
+
 struct hostfs_inode {
   struct inode vfs_inode;
-  int fd;
   unsigned long long dev, ino, mount;
+  int fd; /* the path descriptor; of a directory that can be opened again -1 when it is closed */
+  /* Of directories: what it takes to open it again, which does not change, and whether that is not
+     to be had; with fd, the rest is hostfs_held.cc's. */
+  struct hostfs_origin *origin;
+  struct host_handle handle;
+  int kept;
+  unsigned users;
+  struct list_head idle;
+  int gone;    /* the host has given the number to another object, or to none */
   int made;    /* a data descriptor that the creation left for the open that it belongs to, or -1 */
   int removed; /* its last name was taken away through here */
   unsigned long looked;    /* the call (see task_struct) in which the attributes were taken last;
@@ -42,11 +55,23 @@ static inline struct hostfs_inode *hostfs_i(const struct inode *inode) {
 /* Does the host speak of the inode's object? */
 static inline int hostfs_is(const struct inode *inode, const struct host_stat *stat) {
   const struct hostfs_inode *info = hostfs_i(inode);
-  return info->ino == stat->ino && info->dev == stat->dev && info->mount == stat->mount;
+  return info->ino == stat->ino && info->dev == stat->dev && info->mount == stat->mount &&
+         !__atomic_load_n(&info->gone, __ATOMIC_RELAXED);
 }
-static inline int hostfs_fd(const struct inode *inode) {
-  return hostfs_i(inode)->fd;
-}
+
+/* The path descriptor, which stays open until the same number of hostfs_unuse. -ENOENT: the object
+ * was removed through here; -ESTALE: the host has no such object any more. HOSTFS_IF_OPEN: -ENOENT
+ * when it is closed. */
+enum hostfs_use_how { HOSTFS_REOPEN, HOSTFS_IF_OPEN };
+int hostfs_use(struct inode *inode, enum hostfs_use_how how);
+void hostfs_unuse(struct inode *inode);
+/* A new inode has got its descriptor, of what the host describes so: its first use. */
+void hostfs_use_new(struct inode *inode, const struct host_stat *stat);
+/* Whether a path descriptor that the host has opened by a name is of the inode's object, and taken
+ * over; or of another that has got its number since, and the inode is gone. */
+int hostfs_is_behind(struct inode *inode, int fd);
+/* When nobody has the inode any more. */
+void hostfs_close(struct inode *inode);
 
 /* Whether what was learnt in that call is still good for the call under way. */
 static inline int hostfs_is_fresh(const unsigned long *call) {
@@ -96,5 +121,22 @@ extern struct dentry_operations hostfs_dops;
 
 #ifdef __cplusplus
 }
+
+/* An inode's path descriptor for as long as this stands. */
+class hostfs_held {
+ public:
+  explicit hostfs_held(const struct inode *inode, hostfs_use_how how = HOSTFS_REOPEN)
+      : inode_(const_cast<struct inode *>(inode)), fd_(hostfs_use(inode_, how)) {}
+  ~hostfs_held() {
+    if (fd_ >= 0) hostfs_unuse(inode_);
+  }
+  hostfs_held(const hostfs_held &) = delete;
+  hostfs_held &operator=(const hostfs_held &) = delete;
+  int fd() const { return fd_; } /* or -errno */
+
+ private:
+  struct inode *const inode_;
+  const int fd_;
+};
 #endif
 #endif

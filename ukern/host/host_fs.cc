@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <linux/capability.h>
+#include <linux/magic.h>
 #include <sched.h>
 #include <sys/fsuid.h>
 #include <sys/mount.h>
@@ -171,6 +172,29 @@ timespec time_of(const host_time *time) {
   return {static_cast<time_t>(time->sec), static_cast<long>(time->nsec)};
 }
 
+// Those whose handles are good for as long as the object lives. Others have none, or such as are
+// good only while the object is in memory, and nothing tells which.
+bool keeps_handles(int fd) {
+  struct statfs st;
+  if (fstatfs(fd, &st) != 0) return false;
+  switch (static_cast<unsigned>(st.f_type)) {
+    case EXT4_SUPER_MAGIC:  // and ext2, ext3
+    case XFS_SUPER_MAGIC:
+    case BTRFS_SUPER_MAGIC:
+    case F2FS_SUPER_MAGIC:
+    case TMPFS_MAGIC:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Room for a handle as the system calls want it.
+union HandleRoom {
+  file_handle handle;
+  char bytes[sizeof(file_handle) + HOST_HANDLE_ROOM];
+};
+
 // Repeats a call that a signal to the program interrupted before it did anything.
 template <typename Call>
 auto uninterrupted(Call call) {
@@ -219,6 +243,41 @@ int host_fs_lookup(const host_identity *as, int dir, const char *name) {
 
 void host_fs_close(int fd) {
   close(fd);
+}
+
+int host_fs_handle(int fd, host_handle *out) {
+  HandleRoom room = {};
+  room.handle.handle_bytes = HOST_HANDLE_ROOM;
+  int mount;
+  if (name_to_handle_at(fd, "", &room.handle, &mount, AT_EMPTY_PATH) != 0) return -errno;
+  *out = {};
+  out->type = room.handle.handle_type;
+  out->length = room.handle.handle_bytes;
+  std::memcpy(out->bytes, room.handle.f_handle, out->length);
+  return 0;
+}
+
+int host_fs_reopen(int origin, const host_handle *handle) {
+  HandleRoom room = {};
+  room.handle.handle_type = handle->type;
+  room.handle.handle_bytes = handle->length;
+  std::memcpy(room.handle.f_handle, handle->bytes, handle->length);
+  identity.become(nullptr);
+  return result(open_by_handle_at(origin, &room.handle, O_PATH | O_CLOEXEC));
+}
+
+int host_fs_origin(int fd) {
+  host_handle handle;
+  if (!keeps_handles(fd) || host_fs_handle(fd, &handle) != 0) return -EOPNOTSUPP;
+  const int origin = host_fs_open(fd, HOST_OPEN_DIR);
+  if (origin < 0) return origin;
+  const int again = host_fs_reopen(origin, &handle);
+  if (again >= 0) {
+    close(again);
+    return origin;
+  }
+  close(origin);
+  return -EOPNOTSUPP;
 }
 
 int host_fs_stat(int fd, host_stat *out) {

@@ -59,6 +59,25 @@ int host_fs_lookup(const struct host_identity *as, int dir, const char *name);
 /* Does not block. */
 void host_fs_close(int fd);
 
+/*
+ * How an object is found again when no descriptor of it is held: as the same object wherever it has
+ * moved, and never as another one that was given its number. Only root can, and only where the file
+ * system keeps handles for as long as the object lives.
+ *
+ * host_fs_origin: a data descriptor by which directories of the same mount and file system as the
+ * directory behind `fd` are found; -EOPNOTSUPP when they cannot be. host_fs_handle: -EOVERFLOW when
+ * there is no room for it. host_fs_reopen: a path descriptor; -ESTALE when the object is gone.
+ */
+enum { HOST_HANDLE_ROOM = 24 };
+struct host_handle {
+  int type;
+  unsigned length;
+  unsigned char bytes[HOST_HANDLE_ROOM]; /* those behind `length` are 0 */
+};
+int host_fs_origin(int fd);
+int host_fs_handle(int fd, struct host_handle *out);
+int host_fs_reopen(int origin, const struct host_handle *handle);
+
 int host_fs_stat(int fd, struct host_stat *out);
 int host_fs_stat_name(const struct host_identity *as, int dir, const char *name,
                       struct host_stat *out);

@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: GPL-2.0
+// hostfs with no room for a directory that nobody uses: each is closed after each use, and is still
+// the same directory at the next.
+#include "tests/harness/case.h"
+#include "tests/ukern/host_dir.h"
+#include "tests/ukern/open_file.h"
+#include "ukern/fs/hostfs.h"
+#include "ukern/fs/hostfs_internal.h"
+
+namespace {
+
+// No idle directory is left open as long as this stands.
+class no_idle_directories {
+ public:
+  no_idle_directories() { hostfs_set_idle_directories(0); }
+  ~no_idle_directories() { hostfs_set_idle_directories(1000); }
+  no_idle_directories(const no_idle_directories &) = delete;
+  no_idle_directories &operator=(const no_idle_directories &) = delete;
+};
+
+// A directory that somebody is in.
+class inside {
+ public:
+  explicit inside(const char *path) : error_(uk_node_at(path, &node_)) {}
+  ~inside() {
+    if (!error_) uk_node_put(node_, 1);
+  }
+  inside(const inside &) = delete;
+  inside &operator=(const inside &) = delete;
+  int error() const { return error_; }
+  int mkdir(const char *name) {
+    struct uk_node *made = NULL;
+    const int error = uk_mkdir(node_, name, 0755, &made, NULL);
+    if (!error) uk_node_put(made, 1);
+    return error;
+  }
+  int look_up(const char *name) {
+    struct uk_node *found = NULL;
+    const int error = uk_lookup(node_, name, &found, NULL);
+    if (!error) uk_node_put(found, 1);
+    return error;
+  }
+  int stat(struct uk_stat *to) { return uk_getattr(node_, NULL, to); }
+
+ private:
+  struct uk_node *node_ = NULL;
+  int error_;
+};
+
+// Only root opens by handle.
+bool can_be_closed() {
+  const struct host_identity other = {54321, 54321, 0, nullptr, 0};
+  return host_fs_can_be(&other);
+}
+
+bool is_closed(const char *path) {
+  struct nameidata nd;
+  if (path_lookup(path, 0, &nd)) return false;
+  const bool closed = hostfs_i(nd.dentry->d_inode)->fd < 0;
+  path_release(&nd);
+  return closed;
+}
+
+}  // namespace
+
+CASE(hostfs_held, an_idle_directory_is_closed_and_opened_again) {
+  host_dir host;
+  REQUIRE_EQ(host.error(), 0);
+  const no_idle_directories none;
+  EXPECT_EQ(name_mkdir("/h/a", 0755), 0);
+  EXPECT_EQ(name_mkdir("/h/a/b", 0755), 0);
+  inside a("/h/a"), b("/h/a/b");
+  REQUIRE_EQ(a.error() | b.error(), 0);
+  EXPECT_EQ(is_closed("/h/a"), can_be_closed());
+  EXPECT_EQ(b.mkdir("c"), 0);
+  EXPECT_EQ(b.look_up("c"), 0);
+  EXPECT_EQ(name_rename("/h/a/b/c", "/h/a/d"), 0);
+  EXPECT_EQ(a.look_up("d"), 0);
+  EXPECT_EQ(b.look_up("c"), -ENOENT);
+  EXPECT_EQ(name_rmdir("/h/a/d"), 0);
+  struct host_stat st;
+  EXPECT_EQ(host.stat("a/b", &st), 0);
+  EXPECT_EQ(st.nlink, 2u);
+}
+
+CASE(hostfs_held, who_is_in_a_directory_stays_in_it_wherever_it_moves) {
+  host_dir host;
+  REQUIRE_EQ(host.error(), 0);
+  const no_idle_directories none;
+  EXPECT_EQ(name_mkdir("/h/a", 0755), 0);
+  EXPECT_EQ(name_mkdir("/h/a/b", 0755), 0);
+  inside b("/h/a/b");
+  REQUIRE_EQ(b.error(), 0);
+  // Its parent through here, then it itself behind our back, then something else in its place.
+  EXPECT_EQ(name_rename("/h/a", "/h/moved"), 0);
+  EXPECT_EQ(b.mkdir("1"), 0);
+  EXPECT_EQ(host.rename("moved/b", "away"), 0);
+  EXPECT_EQ(b.mkdir("2"), 0);
+  EXPECT_EQ(host.mkdir("moved/b"), 0);
+  EXPECT_EQ(b.mkdir("3"), 0);
+  EXPECT_EQ(host.rmdir("moved/b"), 0);
+  EXPECT_EQ(host_fs_symlink(NULL, host.fd(), "link", "moved"), 0);
+  EXPECT_EQ(host.rename("link", "moved/b"), 0);
+  EXPECT_EQ(b.mkdir("4"), 0);
+  struct host_stat st;
+  static const char *const made[] = {"away/1", "away/2", "away/3", "away/4"};
+  for (const char *name : made) EXPECT_EQ(host.stat(name, &st), 0);
+  EXPECT_EQ(host.stat("moved/4", &st), -ENOENT);
+}
+
+CASE(hostfs_held, another_directory_with_the_number_is_another) {
+  host_dir host;
+  REQUIRE_EQ(host.error(), 0);
+  const no_idle_directories none;
+  for (int i = 0; i < 50; i++) {
+    EXPECT_EQ(name_mkdir("/h/old", 0755), 0);
+    inside old("/h/old");
+    REQUIRE_EQ(old.error(), 0);
+    struct host_stat first, second;
+    EXPECT_EQ(host.stat("old", &first), 0);
+    const bool closed = is_closed("/h/old");
+    EXPECT_EQ(host.rmdir("old"), 0);
+    EXPECT_EQ(host.mkdir("old"), 0);
+    EXPECT_EQ(host.stat("old", &second), 0);
+    // Who comes by the name gets the new one; who is in the old one makes nothing there.
+    if (i % 2) EXPECT_EQ(name_mkdir("/h/old/by-name", 0755), 0);
+    const int error = old.mkdir("by-node");
+    EXPECT_EQ(error, closed ? -ESTALE : -ENOENT);
+    if (!(i % 2)) EXPECT_EQ(name_mkdir("/h/old/by-name", 0755), 0);
+    EXPECT_EQ(host.stat("old/by-name", &second), 0);
+    EXPECT_EQ(host.stat("old/by-node", &second), -ENOENT);
+    EXPECT_EQ(name_rmdir("/h/old/by-name"), 0);
+    EXPECT_EQ(name_rmdir("/h/old"), 0);
+  }
+}
+
+CASE(hostfs_held, a_removed_directory_says_so) {
+  host_dir host;
+  REQUIRE_EQ(host.error(), 0);
+  const no_idle_directories none;
+  EXPECT_EQ(name_mkdir("/h/a", 0755), 0);
+  inside a("/h/a");
+  REQUIRE_EQ(a.error(), 0);
+  EXPECT_EQ(name_rmdir("/h/a"), 0);
+  struct uk_stat stat;
+  EXPECT_EQ(a.stat(&stat), 0);
+  EXPECT_EQ(stat.nlink, 0u);
+  EXPECT_EQ(a.mkdir("b"), -ENOENT);
+}
+
+namespace {
+
+struct walkers {
+  int errors;
+  atomic_t next;
+  struct completion done;
+};
+
+int walk_and_make(void *data) {
+  walkers *w = (walkers *)data;
+  const int me = atomic_inc_return(&w->next);
+  char path[64];
+  for (int i = 0; i < 50; i++) {
+    struct kstat stat;
+    snprintf(path, sizeof(path), "/h/%d/%d-%d", i % 5, me, i);
+    const int failed = name_mkdir(path, 0755) || name_stat(path, &stat) || name_rmdir(path);
+    if (failed) __atomic_add_fetch(&w->errors, 1, __ATOMIC_RELAXED);
+  }
+  complete(&w->done);
+  return 0;
+}
+
+}  // namespace
+
+CASE(hostfs_held, many_threads_in_closed_directories) {
+  host_dir host;
+  REQUIRE_EQ(host.error(), 0);
+  const no_idle_directories none;
+  static const char *const names[] = {"0", "1", "2", "3", "4"};
+  for (const char *name : names) EXPECT_EQ(host.mkdir(name), 0);
+  walkers w = {};
+  init_completion(&w.done);
+  for (int i = 0; i < 4; i++) EXPECT_FALSE(IS_ERR(kthread_run(walk_and_make, &w, "walker%d", i)));
+  for (int i = 0; i < 4; i++) wait_for_completion(&w.done);
+  EXPECT_EQ(w.errors, 0);
+}

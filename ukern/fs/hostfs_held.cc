@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: GPL-2.0
+/*
+ * hostfs: which inodes have their path descriptor open.
+ *
+ * Directories are remembered by the user of this kernel for as long as programs like, one for each
+ * step of each program's current directory among them. So the descriptor of one that nobody uses at
+ * the moment may be closed; a handle finds the same directory again. Where the host has no such
+ * handles, and of all other kinds of objects, the descriptor stays.
+ */
+#include "ukern/fs/hostfs_internal.h"
+#include "ukern/fs/hostfs.h"
+
+#include <linux/list.h>
+#include <linux/mutex.h>
+#include <linux/slab.h>
+#include <linux/string.h>
+
+#include "ukern/uk_fs.h"
+
+// One mount of one of the host's file systems: what it takes to open its directories again. It
+// lives as long as an inode of one of them.
+struct hostfs_origin {
+  struct list_head all;  // under origins_mutex, as is the next
+  unsigned long inodes;
+  unsigned long long dev, mount;
+  int fd;  // of host_fs_origin, or negative: descriptors stay
+};
+
+namespace {
+
+LIST_HEAD(origins);
+DEFINE_MUTEX(origins_mutex);
+
+DEFINE_SPINLOCK(idle_lock);
+LIST_HEAD(idle_directories);  // open, and nobody uses them; the one used last first
+unsigned long nr_idle;
+unsigned long idle_limit;
+
+atomic_t nr_kept;  // directories whose descriptor stays
+
+bool can_reopen(const hostfs_inode *info) {
+  return info->origin && !info->kept;
+}
+
+hostfs_origin *get_origin(int fd, const struct host_stat *stat) {
+  hostfs_origin *origin;
+  mutex_lock(&origins_mutex);
+  list_for_each_entry(origin, &origins, all) {
+    if (origin->dev == stat->dev && origin->mount == stat->mount) {
+      origin->inodes++;
+      mutex_unlock(&origins_mutex);
+      return origin;
+    }
+  }
+  origin = static_cast<hostfs_origin *>(kmalloc(sizeof(hostfs_origin), GFP_KERNEL));
+  if (origin) {
+    origin->inodes = 1;
+    origin->dev = stat->dev;
+    origin->mount = stat->mount;
+    origin->fd = host_fs_origin(fd);
+    list_add(&origin->all, &origins);
+  }
+  mutex_unlock(&origins_mutex);
+  return origin;
+}
+
+void put_origin(hostfs_origin *origin) {
+  mutex_lock(&origins_mutex);
+  const bool last = --origin->inodes == 0;
+  if (last) list_del(&origin->all);
+  mutex_unlock(&origins_mutex);
+  if (!last) return;
+  if (origin->fd >= 0) host_fs_close(origin->fd);
+  kfree(origin);
+}
+
+void set_gone(hostfs_inode *info) {
+  __atomic_store_n(&info->gone, 1, __ATOMIC_RELAXED);
+}
+
+int use_open_locked(hostfs_inode *info) {
+  if (info->fd < 0) return -ENOENT;
+  if (info->users++ == 0) {
+    list_del_init(&info->idle);
+    nr_idle--;
+  }
+  return info->fd;
+}
+
+int use_open(hostfs_inode *info) {
+  spin_lock(&idle_lock);
+  const int fd = use_open_locked(info);
+  spin_unlock(&idle_lock);
+  return fd;
+}
+
+// Makes `fd` the inode's descriptor, in use, unless it has got one meanwhile; the one that it has.
+int use_opened(hostfs_inode *info, int fd) {
+  spin_lock(&idle_lock);
+  const int old = use_open_locked(info);
+  if (old < 0) {
+    info->fd = fd;
+    info->users = 1;
+  }
+  spin_unlock(&idle_lock);
+  if (old < 0) return fd;
+  host_fs_close(fd);
+  return old;
+}
+
+int reopen(hostfs_inode *info) {
+  if (__atomic_load_n(&info->removed, __ATOMIC_RELAXED)) return -ENOENT;
+  if (__atomic_load_n(&info->gone, __ATOMIC_RELAXED)) return -ESTALE;
+  const int fd = host_fs_reopen(info->origin->fd, &info->handle);
+  if (fd < 0) {
+    if (fd == -ESTALE) set_gone(info);
+    return fd;
+  }
+  struct host_stat stat;
+  int error = host_fs_stat(fd, &stat);
+  if (!error && !hostfs_is(&info->vfs_inode, &stat)) error = -ESTALE;
+  if (!error) return use_opened(info, fd);
+  host_fs_close(fd);
+  return error;
+}
+
+// Closes those that have not been used for longest.
+void close_idle() {
+  for (;;) {
+    int fd = -1;
+    spin_lock(&idle_lock);
+    if (nr_idle > idle_limit) {
+      hostfs_inode *oldest = list_entry(idle_directories.prev, hostfs_inode, idle);
+      list_del_init(&oldest->idle);
+      nr_idle--;
+      fd = oldest->fd;
+      oldest->fd = -1;
+    }
+    spin_unlock(&idle_lock);
+    if (fd < 0) return;
+    host_fs_close(fd);
+  }
+}
+
+}  // namespace
+
+int hostfs_use(struct inode *inode, enum hostfs_use_how how) {
+  hostfs_inode *info = hostfs_i(inode);
+  if (!can_reopen(info)) return info->fd;
+  const int fd = use_open(info);
+  return fd >= 0 || how == HOSTFS_IF_OPEN ? fd : reopen(info);
+}
+
+void hostfs_unuse(struct inode *inode) {
+  hostfs_inode *info = hostfs_i(inode);
+  if (!can_reopen(info)) return;
+  bool too_many = false;
+  spin_lock(&idle_lock);
+  if (--info->users == 0) {
+    list_add(&info->idle, &idle_directories);
+    too_many = ++nr_idle > idle_limit;
+  }
+  spin_unlock(&idle_lock);
+  if (too_many) close_idle();
+}
+
+void hostfs_use_new(struct inode *inode, const struct host_stat *stat) {
+  hostfs_inode *info = hostfs_i(inode);
+  if (!S_ISDIR(stat->mode)) return;
+  info->users = 1;
+  info->origin = get_origin(info->fd, stat);  // without memory its descriptor stays
+  info->kept = !info->origin || info->origin->fd < 0 || host_fs_handle(info->fd, &info->handle);
+  if (info->kept) atomic_inc(&nr_kept);
+}
+
+int hostfs_is_behind(struct inode *inode, int fd) {
+  hostfs_inode *info = hostfs_i(inode);
+  // A descriptor that is open keeps the number from another object.
+  const int own = hostfs_use(inode, HOSTFS_IF_OPEN);
+  if (own >= 0) {
+    hostfs_unuse(inode);
+    host_fs_close(fd);
+    return 1;
+  }
+  struct host_handle handle;
+  if (host_fs_handle(fd, &handle) || memcmp(&handle, &info->handle, sizeof handle)) {
+    set_gone(info);
+    return 0;
+  }
+  use_opened(info, fd);
+  hostfs_unuse(inode);
+  return 1;
+}
+
+void hostfs_close(struct inode *inode) {
+  hostfs_inode *info = hostfs_i(inode);
+  if (can_reopen(info)) {
+    spin_lock(&idle_lock);
+    if (info->fd >= 0) {
+      list_del_init(&info->idle);
+      nr_idle--;
+    }
+    spin_unlock(&idle_lock);
+  }
+  if (info->fd >= 0) host_fs_close(info->fd);
+  if (info->origin) put_origin(info->origin);
+  if (info->kept) atomic_dec(&nr_kept);
+}
+
+void hostfs_set_idle_directories(unsigned long limit) {
+  spin_lock(&idle_lock);
+  idle_limit = limit;
+  spin_unlock(&idle_lock);
+  close_idle();
+}
+
+unsigned long uk_kept_directories(void) {
+  return static_cast<unsigned long>(atomic_read(&nr_kept));
+}

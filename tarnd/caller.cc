@@ -1,10 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/caller.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <limits>
 #include <string>
@@ -42,12 +45,25 @@ CallerTask &caller_task() {
   return *worker_task;
 }
 
-// 0 for what the host kernel does by itself, which has no process.
+// Whether two paths lead to one file. A path from a process's own mount name space may lead to
+// another here, or to nothing.
+static bool same_file(const char *one, const char *other) {
+  struct stat a, b;
+  return stat(one, &a) == 0 && stat(other, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// 0 for what the host kernel does by itself, which has no process, and for a program that is not
+// what this program finds at the path.
 static long caller_exe(int pid, char *buf, unsigned long size) {
-  char link[32];
+  if (pid == 0) return 0;
+  char link[32], path[PATH_MAX];
   std::snprintf(link, sizeof(link), "/proc/%d/exe", pid);
-  const ssize_t len = pid != 0 ? readlink(link, buf, size) : 0;
-  return std::max<ssize_t>(len, 0);
+  const ssize_t len = readlink(link, path, sizeof(path) - 1);
+  if (len <= 0 || static_cast<unsigned long>(len) > size) return 0;
+  path[len] = '\0';
+  if (!same_file(link, path)) return 0;
+  std::memcpy(buf, path, static_cast<size_t>(len));
+  return len;
 }
 
 // The signals that wait for a thread of the host's; bit n - 1 is signal n. Which they are matters:

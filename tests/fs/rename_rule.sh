@@ -75,6 +75,21 @@ refused "$daemon-too" in/k in/new
 refused "$T/bin/daemo" in/k in/new
 refused "$T/elsewhere/daemon" in/k in/new
 
+# Another program at the daemon's path in a mount name space of its own. Those who may not mount make one in a user name
+# space of theirs.
+if [ "$(id -u)" -eq 0 ]; then
+  echo "a program of another mount name space"
+  cat >"$T/elsewhere/in-name-space" <<SH
+#!/bin/bash
+mount --bind "$T/elsewhere/daemon" "$daemon" && exec "$daemon" "\$@"
+SH
+  chmod +x "$T/elsewhere/in-name-space"
+  unshare --mount --propagation private "$T/elsewhere/in-name-space" -e 'exit(-e $ARGV[0] ? 0 : 1)' "$T/mnt/in/k" ||
+    fail "a mount name space cannot be had"
+  in_name_space() { unshare --mount --propagation private "$T/elsewhere/in-name-space" "$@"; }
+  refused in_name_space in/k in/new
+fi
+
 # What counts is where the program lies, whatever it was called by.
 ln -s "$daemon" "$T/elsewhere/link"
 allowed "$T/elsewhere/link" in/k in/l

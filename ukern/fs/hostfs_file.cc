@@ -193,6 +193,7 @@ ssize_t write_locked(struct file *file, int fd, const char __user *buf, size_t c
     written = append ? host_fs_append(&as, fd, buf, count, &end)
                      : host_fs_pwrite(&as, fd, buf, count, end);
   } while ((written == -ENOSPC || written == -EDQUOT) && hostfs_wait_for_room());
+  if (written == -EFBIG) current->file_too_large = true;
   if (written <= 0) return written;
   if (!append) end += (unsigned long long)written;
   *ppos = (loff_t)end;

@@ -15,6 +15,15 @@
 
 namespace {
 
+// A layer may answer one error for all errors of a write below it. Too large a write never gets
+// there where s_maxbytes of the super block is right. That of hostfs is not: one super block stands
+// for all file systems of the host, each with a largest size of its own.
+ssize_t write_to(struct file *file, const void *buf, unsigned long len, loff_t at) {
+  current->file_too_large = false;
+  const ssize_t done = vfs_write(file, (const char __user *)buf, len, &at);
+  return done == -EINVAL && current->file_too_large ? -EFBIG : done;
+}
+
 struct file *filp_of(struct uk_file *file) {
   return (struct file *)file;
 }
@@ -130,17 +139,16 @@ long uk_read(struct uk_file *file, void *buf, unsigned long len, unsigned long l
 long uk_write_with(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos,
                    int flags) {
   struct file *filp = filp_of(file);
-  loff_t at = (loff_t)pos;
+  const loff_t at = (loff_t)pos;
   if (at < 0) return -EINVAL;
   if (!(filp->f_mode & FMODE_PWRITE)) return -ESPIPE;
   user_buffer range(buf, len);
   if (range.error()) return range.error();
-  if (!((filp->f_flags ^ (unsigned)flags) & O_APPEND))
-    return vfs_write(filp, (const char *)buf, len, &at);
+  if (!((filp->f_flags ^ (unsigned)flags) & O_APPEND)) return write_to(filp, buf, len, at);
   // Others write through this file at the same time, with flags of their own.
   struct file as_now = *filp;
   as_now.f_flags ^= O_APPEND;
-  return vfs_write(&as_now, (const char *)buf, len, &at);
+  return write_to(&as_now, buf, len, at);
 }
 
 long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos) {

@@ -148,6 +148,27 @@ MODULE_CASE(held_directory, name_taken_through_another_mount_is_found) {
   EXPECT_TRUE(test_holds("/mnt/x", "moved"));
 }
 
+// The same of names that the other has moved away or made.
+MODULE_CASE(held_directory, name_moved_through_another_mount_is_gone) {
+  over_host mount;
+  REQUIRE_EQ(mount.error(), 0);
+  REQUIRE_EQ(mount.host.put("y", "moved"), 0);
+  REQUIRE_EQ(test_mkdir("/mnt/d"), 0);
+  EXPECT_TRUE(test_holds("/mnt/y", "moved"));
+  EXPECT_FALSE(test_exists("/mnt/new"));
+  REQUIRE_EQ(test_rename("/lower/y", "/lower/x"), 0);
+  EXPECT_FALSE(test_exists("/mnt/y"));
+  EXPECT_TRUE(test_holds("/mnt/x", "moved"));
+  REQUIRE_EQ(test_rename("/lower/x", "/lower/d/x"), 0);
+  EXPECT_FALSE(test_exists("/mnt/x"));
+  EXPECT_TRUE(test_holds("/mnt/d/x", "moved"));
+  REQUIRE_EQ(test_rename("/lower/d", "/lower/e"), 0);
+  EXPECT_FALSE(test_exists("/mnt/d"));
+  EXPECT_TRUE(test_holds("/mnt/e/x", "moved"));
+  EXPECT_GT(test_put("/lower/new", "made"), 0);
+  EXPECT_TRUE(test_holds("/mnt/new", "made"));
+}
+
 namespace {
 
 constexpr int storm_rounds = 200;

@@ -78,7 +78,33 @@ int ask_host(struct dentry *dentry) {
   return 1;
 }
 
+// Where a dentry is in the tree.
+struct place {
+  explicit place(const struct dentry *from) {
+    auto *dentry = const_cast<struct dentry *>(from);
+    spin_lock(&dentry->d_lock);
+    strlcpy(name, name_of(dentry), sizeof name);
+    dir = dentry->d_parent->d_inode->i_ino;
+    spin_unlock(&dentry->d_lock);
+  }
+  char name[NAME_MAX + 1];
+  ino_t dir;
+};
+
+// A layer above passes the question on for the dentry that it found here when it looked its own
+// name up. Since then another layer over the same directory may have moved that one to a new name,
+// or made something of it: it is not what the name that is walked leads to any more. A layer's
+// directories have the numbers of ours.
+int is_elsewhere(const struct dentry *dentry, const struct dentry *walked) {
+  if (!walked || walked == dentry || IS_ROOT(dentry) || IS_ROOT(walked)) return 0;
+  if (d_mountpoint(const_cast<struct dentry *>(dentry))) return 0;
+  if (!walked->d_inode) return dentry->d_inode != NULL;
+  const place here(dentry), there(walked);
+  return here.dir != there.dir || strcmp(here.name, there.name) != 0;
+}
+
 int hostfs_revalidate(struct dentry *dentry, struct nameidata *) {
+  if (is_elsewhere(dentry, current->walked)) return 0;
   return hostfs_is_fresh(&dentry->d_time) ? 1 : ask_host(dentry);
 }
 

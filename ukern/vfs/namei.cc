@@ -79,7 +79,10 @@ bool at_root(struct nameidata *nd) {
 struct dentry *revalidate(struct dentry *dentry, struct nameidata *nd) {
   if (!dentry->d_op || !dentry->d_op->d_revalidate) return dentry;
   if (dentry->d_inode) ukern_prefetch_attributes(dentry->d_inode);
-  if (dentry->d_op->d_revalidate(dentry, nd)) {
+  current->walked = dentry;
+  const int holds = dentry->d_op->d_revalidate(dentry, nd);
+  current->walked = NULL;
+  if (holds) {
     // Whoever walked here is about to ask for the inode's node, most often the first one.
     if (dentry->d_inode) __builtin_prefetch(dentry->d_inode->i_nodes, 1);
     return dentry;

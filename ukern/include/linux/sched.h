@@ -95,8 +95,9 @@ struct task_struct {
    * under way. `first_lookup` is the first of the look-ups that one system call makes.
    */
   unsigned long call, fresh_since, first_lookup;
-  bool continues;      /* the next call belongs to the system call of the last look-ups */
-  bool file_too_large; /* the host refused a write so in the write under way */
+  bool continues;              /* the next call belongs to the system call of the last look-ups */
+  bool file_too_large;         /* the host refused a write so in the write under way */
+  const struct dentry *walked; /* the one whose d_revalidate the path walk asks, and no other */
   int link_count, total_link_count; /* symbolic links in the path walk under way */
 
   struct fs_struct *fs;

@@ -107,8 +107,9 @@ namespace {
 
 // Reads a page as a whole. What the lower file does not have of it is zero.
 int read_page(struct inode *inode, struct page *page) {
-  const loff_t end = page_start(page->index) + static_cast<loff_t>(PAGE_CACHE_SIZE);
-  if (end > i_size_read(tarn_lower_inode(inode))) memset(page_text(page), 0, PAGE_CACHE_SIZE);
+  // The end of the last page that a file may have is no number of this type.
+  const loff_t rest = i_size_read(tarn_lower_inode(inode)) - page_start(page->index);
+  if (rest < static_cast<loff_t>(PAGE_CACHE_SIZE)) memset(page_text(page), 0, PAGE_CACHE_SIZE);
   return tarn_read_lower_page_segment(page, page->index, 0, PAGE_CACHE_SIZE, inode);
 }
 

@@ -467,3 +467,13 @@ MODULE_CASE(mmap, page_at_the_end_is_prepared_for_a_part_of_it) {
   EXPECT_EQ(tarn_aops.prepare_write(nullptr, page.get(), 0, 10), -EFBIG);
   EXPECT_EQ(i_size_read(pages.inode()), 0);
 }
+
+// A program may write anywhere that an offset can say; the end of that page is no offset.
+MODULE_CASE(mmap, a_write_to_the_last_page_that_a_file_may_have_ends_nothing) {
+  constexpr unsigned long long kLast = 0x7ffffffffffff000;
+  test_mount mount;
+  test_file file("/mnt/f", O_CREAT | O_RDWR);
+  const long written = file.write("x", 1, kLast);
+  char byte = 0;
+  EXPECT_EQ(file.read(&byte, 1, kLast), written == 1 ? 1 : 0);
+}

@@ -139,22 +139,30 @@ struct Applier::Visitor {
   }
 
   Did link(const std::optional<std::string> &existing, const std::string &path) {
-    if (!existing || settler.follows_source(*existing)) return settler.settle(path);
+    if (!existing) return settler.settle(path);
     const bool follows = settler.follows_source(path);
-    if (follows) {
-      if (const auto gone = replica.remove_tree(path); !gone && gone.error().code != -ENOENT)
-        return gone;
+    if (!follows && !settler.follows_source(*existing)) return link_settled(*existing, path);
+    if (follows && !settler.follows_source(*existing)) {
+      const auto gone = replica.remove_tree(path);
+      if (!gone && gone.error().code != -ENOENT) return gone;
+      if (replica.link(*existing, path)) {
+        settler.linked(*existing, path);
+        settler.assume_linked(*existing, path);
+      }
     }
-    const auto done = replica.link(*existing, path);
-    if (!done) {
-      if (done.error().code != -ENOENT && done.error().code != -ENOTDIR)
-        return heal(path, done.error());
-      return follows ? settler.settle(path) : absent(path, done.error());
+    auto settled = settler.settle(path);
+    settler.watch_if_apart(*existing, path);
+    return settled;
+  }
+  Did link_settled(const std::string &existing, const std::string &path) {
+    const auto done = replica.link(existing, path);
+    if (done) {
+      settler.linked(existing, path);
+      return done;
     }
-    settler.linked(*existing, path);
-    if (!follows) return done;
-    settler.assume_same(path);
-    return settler.settle(path);
+    const int code = done.error().code;
+    return code == -ENOENT || code == -ENOTDIR ? absent(path, done.error())
+                                               : heal(path, done.error());
   }
 
   /* From a place that the replica does not have. What the new name stood for before is replaced. */
@@ -193,7 +201,6 @@ struct Applier::Visitor {
       const auto done = replica.rename(from, to);
       if (!done && done.error().code != -ENOENT) return done;
       if (done) settler.fetcher().copies().moved(from, to);
-      if (done && clean) settler.assume_same(to);
     }
     if (!clean || !*mine) {
       if (const auto old = leave(from); !old) return old;

@@ -47,12 +47,14 @@ void Copies::watch(const std::string &path, const struct stat &status, std::uint
     copies_[path].links = true;
     return;
   }
-  put(path, status, false);
-  Copy &copy = copies_[path];
-  copy.links = true;
   const auto changed =
       std::int64_t{status.st_ctim.tv_sec} * 1'000'000 + status.st_ctim.tv_nsec / 1000;
-  if (changed > static_cast<std::int64_t>(ts)) copy.changed = {};  // by whom is not known
+  if (changed <= static_cast<std::int64_t>(ts)) {
+    put(path, status, false);
+    copies_[path].links = true;
+  } else {
+    insert(path, {.links = true});  // of which object it is a copy is not known
+  }
 }
 
 bool Copies::same(const std::string &path, const struct stat &status) const {

@@ -24,8 +24,9 @@ class Copies {
   /* `whole`: all data were read when the object was as `status` says. */
   void put(const std::string &path, const struct stat &status, bool whole);
 
-  /* The path has the contents that the object had at `ts` (microseconds since the epoch), before it
-   * got a name of which no record tells. What was known of this copy stays: it tells more. */
+  /* The path has the contents that its object had at `ts` (microseconds since the epoch), when it
+   * got a name of which no record tells. Only if the source's object has not been changed since is
+   * it that one. What was known of this copy stays: it tells more. */
   void watch(const std::string &path, const struct stat &status, std::uint64_t ts);
   /* The path was copied from some object. */
   bool has(const std::string &path) const { return copies_.contains(path); }
@@ -50,12 +51,12 @@ class Copies {
 
  private:
   struct Copy {
-    dev_t device;
-    ino_t inode;
-    timespec changed; /* the source object's change time */
-    bool past;        /* that time had passed when it was looked at */
-    bool whole;
-    bool links; /* it had several names */
+    dev_t device = 0;
+    ino_t inode = 0;       /* 0: not known */
+    timespec changed = {}; /* the source object's change time */
+    bool past = false;     /* that time had passed when it was looked at */
+    bool whole = false;
+    bool links = false; /* it had several names */
   };
   using Object = std::pair<dev_t, ino_t>;
 

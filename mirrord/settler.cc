@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <functional>
+#include <limits>
 
 #include "mirrord/path_map.h"
 
@@ -335,13 +336,20 @@ Result<void> Settler::take_if_changed(const std::string &path, std::int64_t sinc
   return settled ? Result<void>() : Result<void>(settled.error());
 }
 
-void Settler::assume_same(const std::string &path) {
-  const auto found = source_.find(path);
-  const auto mine = replica_.find(path);
-  if (!found || !*found || !mine || !*mine) return;
-  if (S_ISDIR((*mine)->st_mode) || !same_type((*found)->status, **mine)) return;
-  if ((*mine)->st_nlink > 1 && (*found)->status.st_nlink > 1)
-    fetcher_.copies().put(path, (*found)->status, false);
+void Settler::assume_linked(const std::string &existing, const std::string &path) {
+  const auto first = source_.find(existing), second = source_.find(path);
+  if (!first || !*first || !second || !*second) return;
+  if (S_ISDIR((*first)->status.st_mode) || !same_object((*first)->status, (*second)->status))
+    return;
+  for (const std::string &name : {existing, path})
+    fetcher_.copies().watch(name, (*first)->status, std::numeric_limits<std::int64_t>::max());
+}
+
+void Settler::watch_if_apart(const std::string &existing, const std::string &path) {
+  const auto first = replica_.find(existing), second = replica_.find(path);
+  if (!first || !*first || S_ISDIR((*first)->st_mode)) return;
+  if (second && *second && same_object(**first, **second)) return;
+  watch(existing, 0);
 }
 
 std::vector<Unexplained> Settler::expire(std::uint64_t ts) {

@@ -92,9 +92,11 @@ class Settler {
    * first one; everything is tried. */
   Result<void> look_at_touched(std::int64_t asked);
 
-  /* The object under this name is the one that the source has there. */
-  void assume_same(const std::string &path);
-
+  /* The replica's object has both names. If the source's has, too, it is a copy of that. */
+  void assume_linked(const std::string &existing, const std::string &path);
+  /* A record has linked them, but not in the replica: `existing` may be changed by the other name,
+   * which follows the source and may have gone there. */
+  void watch_if_apart(const std::string &existing, const std::string &path);
   /* A record captured at `ts` comes: ends marks. Gives what was not explained. */
   std::vector<Unexplained> expire(std::uint64_t ts);
   std::vector<Unexplained> take_missing(std::chrono::microseconds age) {

@@ -189,6 +189,28 @@ TEST_F(SourceLooksTest, ANameThatWentOutWithItsDirectoryIsWatched) {
   EXPECT_EQ(contents(copy("in/f")), "new");
 }
 
+TEST_F(SourceLooksTest, ANameThatWasGoneBeforeItsLinkCameIsWatched) {
+  both("in/f", "old");
+  fs::create_directories(src("in/e"));
+  expect(renamed("in/out/e", "in/e"), Outcome::kApplied);  // follows the source from now on
+  expect(name_change(OX_OP_LINK, now(), src("in/f"), src("in/e/f")), Outcome::kAlready);
+  std::ofstream(src("in/f"), std::ios::trunc) << "new";
+  expect(written(now(), src("in/e/f")), Outcome::kAlready);
+  look();
+  EXPECT_EQ(contents(copy("in/f")), "new");
+}
+
+// The name may be another file's already: what is written to that is not for the copy.
+TEST_F(SourceLooksTest, ACopyIsNotTakenForTheFileThatCameAfterIt) {
+  std::ofstream(src("in/f")) << "old old";
+  expect(renamed("in/out/f", "in/f"), Outcome::kApplied);
+  std::ofstream(src("in/new")) << "new new";
+  fs::rename(src("in/new"), src("in/f"));
+  expect(name_change(OX_OP_LINK, now(), src("in/f"), src("in/out/g")), Outcome::kOutside);
+  expect(written(now(), src("in/f")), Outcome::kApplied);
+  EXPECT_EQ(contents(copy("in/f")), "new new");
+}
+
 TEST_F(SourceLooksTest, AChangeUnderAnUnknownNameIsLookedFor) {
   for (const char *name : {"in/f", "in/d/g"}) both(name, "old");
   Stamp unplaced = now();

@@ -16,16 +16,21 @@
 
 #include "client/text.h"
 #include "client/unique_fd.h"
+#include "mirrord/text_file.h"
 
 namespace tarn {
 namespace {
 
 using Json = nlohmann::ordered_json;
 
+std::string cannot(const std::string &what, const std::string &path) {
+  return fmt::format(
+      "cannot {} {} for what has been replicated (TARN_STATE_DIR names another directory)", what,
+      printable(path));
+}
+
 Error cannot(const std::string &what, const std::string &path, int err) {
-  return system_error(err, fmt::format("cannot {} {} for what has been replicated (TARN_STATE_DIR "
-                                       "names another directory)",
-                                       what, printable(path)));
+  return system_error(err, cannot(what, path));
 }
 
 Result<void> make_directories(const std::string &path) {
@@ -64,29 +69,6 @@ Result<std::string> identity_of(const std::string &directory) {
 }
 
 /* 0 or an error number. */
-int write_whole(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(fd, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return errno;
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return fsync(fd) == 0 ? 0 : errno;
-}
-
-Result<std::string> contents(const std::string &file) {
-  const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd) return cannot("read", file, errno);
-  std::string text;
-  char part[4096];
-  ssize_t got;
-  while ((got = read(fd.get(), part, sizeof(part))) != 0) {
-    if (got < 0 && errno != EINTR) return cannot("read", file, errno);
-    if (got > 0) text.append(part, static_cast<std::size_t>(got));
-  }
-  return text;
-}
-
 const char *variable(const char *name) {
   const char *value = std::getenv(name);
   return value && *value ? value : nullptr;
@@ -127,7 +109,8 @@ Result<std::string> StateFile::write_beside(const std::string &text) const {
   std::string name = path_ + ".XXXXXX";
   UniqueFd fd(mkostemp(name.data(), O_CLOEXEC));
   if (!fd) return cannot("write", path_, errno);
-  int err = write_whole(fd.get(), text);
+  int err = write_text(fd.get(), text);
+  if (err == 0 && fsync(fd.get()) != 0) err = errno;
   if (const int unkept = fd.close(); err == 0) err = unkept;
   if (err == 0) return name;
   unlink(name.c_str());
@@ -159,7 +142,7 @@ Result<void> StateFile::write(const Positions &positions) const {
 Result<StateFile::Positions> StateFile::read() const {
   Positions positions;
   if (access(path_.c_str(), F_OK) != 0 && errno == ENOENT) return positions;
-  const auto text = contents(path_);
+  const auto text = read_text(path_, cannot("read", path_));
   if (!text) return text.error();
   const Json json = Json::parse(*text, nullptr, false);
   const Error broken{-EBADMSG, printable(path_) +

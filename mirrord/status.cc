@@ -12,6 +12,7 @@
 
 #include "client/text.h"
 #include "client/unique_fd.h"
+#include "mirrord/text_file.h"
 
 namespace tarn {
 namespace {
@@ -58,16 +59,6 @@ Json to_json(const MirrorStatus &status) {
 }
 
 /* 0 or an error number. */
-int write_whole(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t written = ::write(fd, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return errno;
-    text.remove_prefix(static_cast<std::size_t>(written));
-  }
-  return 0;
-}
-
 /* The new file takes the place of the old one, which must not be a device or a directory. */
 bool replaceable(const std::string &file) {
   struct stat status;
@@ -89,26 +80,11 @@ Result<std::string> write_beside(const std::string &file, const MirrorStatus &st
   if (!fd) return cannot_write(file, errno);
   int err = 0;
   if (fchmod(fd.get(), 0644) != 0) err = errno;
-  if (err == 0) err = write_whole(fd.get(), text);
+  if (err == 0) err = write_text(fd.get(), text);
   if (const int unkept = fd.close(); err == 0) err = unkept;
   if (err == 0) return name;
   ::unlink(name.c_str());
   return cannot_write(file, err);
-}
-
-Result<std::string> contents(const std::string &file) {
-  const std::string what = "cannot read the status file " + printable(file);
-  const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd && errno == ENOENT) return system_error(ENOENT, what + ": no mirrord writes it");
-  if (!fd) return system_error(errno, what);
-  std::string text;
-  char part[4096];
-  ssize_t got;
-  while ((got = read(fd.get(), part, sizeof(part))) != 0) {
-    if (got < 0 && errno != EINTR) return system_error(errno, what);
-    if (got > 0) text.append(part, static_cast<std::size_t>(got));
-  }
-  return text;
 }
 
 }  // namespace
@@ -138,7 +114,10 @@ Result<void> write_status(const std::string &file, const MirrorStatus &status) {
 }
 
 Result<CatchUpState> read_status(const std::string &file) {
-  const auto text = contents(file);
+  const std::string what = "cannot read the status file " + printable(file);
+  const auto text = read_text(file, what);
+  if (!text && text.error().code == -ENOENT)
+    return system_error(ENOENT, what + ": no mirrord writes it");
   if (!text) return text.error();
   const Json json = Json::parse(*text, nullptr, false);
   CatchUpState state;

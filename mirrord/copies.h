@@ -30,6 +30,11 @@ class Copies {
   void watch(const std::string &path, const struct stat &status, std::uint64_t ts);
   /* The path was copied from some object. */
   bool has(const std::string &path) const { return copies_.contains(path); }
+  /* It is, or may be, a copy of an object with names of which no record tells. */
+  bool watched(const std::string &path) const {
+    const auto found = copies_.find(path);
+    return found != copies_.end() && found->second.links;
+  }
   /* The path was copied from that object. */
   bool same(const std::string &path, const struct stat &status) const;
   /* And the object's data are still those. */

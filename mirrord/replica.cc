@@ -301,7 +301,7 @@ Result<Replica::Done> Replica::remove_tree(const std::string &path) {
   if (!*there) return Done::kAlready;
   if (path.empty()) return Error{-EINVAL, "the replica itself is not removed"};
   if (!S_ISDIR((*there)->st_mode)) {
-    if ((*there)->st_nlink > 1) parted_.insert({(*there)->st_dev, (*there)->st_ino});
+    if ((*there)->st_nlink > 1) part(**there);
     return unlink(path);
   }
   const auto inside = names(path);

@@ -63,7 +63,9 @@ class Replica {
   /* Their names, looked for in the whole replica. */
   using Objects = std::set<std::pair<dev_t, ino_t>>;
   Result<std::vector<std::string>> names_of(const Objects &objects);
-  /* The objects of which remove_tree() has removed a name and left another since the last call. */
+  /* The objects of which remove_tree() has removed a name and left another since the last call, and
+   * those that part() told of. */
+  void part(const struct stat &object) { parted_.insert({object.st_dev, object.st_ino}); }
   Objects take_parted() { return std::exchange(parted_, {}); }
   /* Of a directory, without "." and "..". */
   Result<std::vector<std::string>> names(const std::string &path);

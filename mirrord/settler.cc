@@ -194,10 +194,13 @@ Result<void> Settler::look_again(const std::string &path) {
 
 Result<void> Settler::leaving(const std::string &path) {
   const Unsettled::Mark *mark = unsettled_.find(path);
-  if (!mark || mark->names) return {};
+  const bool doubted = mark && !mark->names, watched = fetcher_.copies().watched(path);
+  if (!doubted && !watched) return {};
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine || S_ISDIR((*mine)->st_mode) || (*mine)->st_nlink < 2) return {};
+  if (watched) replica_.part(**mine);
+  if (!doubted) return {};
   const auto names = replica_.names_of({{(*mine)->st_dev, (*mine)->st_ino}});
   if (!names) return names.error();
   const std::uint64_t data_from = mark->data_from;

@@ -67,8 +67,8 @@ class Settler {
   /* Something was changed in the directory by a look, not by a record: its times stay. */
   Result<void> keep_times(const std::string &directory, const struct stat &before);
 
-  /* The name is about to go. If its contents are in doubt and it has another name, that is looked
-   * at from now on. */
+  /* The name is about to go. If its contents are in doubt, or it is watched, and it has another
+   * name, that is looked at from now on. */
   Result<void> leaving(const std::string &path);
 
   /* The object has, or may have, a name that the rule does not include: what is changed by that one

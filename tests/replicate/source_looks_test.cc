@@ -189,6 +189,21 @@ TEST_F(SourceLooksTest, ANameThatWentOutWithItsDirectoryIsWatched) {
   EXPECT_EQ(contents(copy("in/f")), "new");
 }
 
+TEST_F(SourceLooksTest, TheSecondNameOfAWatchedFileIsWatchedWhenTheFirstHasGone) {
+  both("in/f", "old");
+  for (const std::string &root : {src(""), copy("")})
+    fs::create_hard_link(root + "in/f", root + "in/g");
+  fs::create_hard_link(src("in/f"), src("in/out/f"));
+  expect(name_change(OX_OP_LINK, late(), src("in/f"), src("in/out/f")), Outcome::kOutside);
+  both("in/new", "x");
+  fs::rename(src("in/new"), src("in/f"));
+  expect(renamed("in/new", "in/f"), Outcome::kApplied);
+  std::ofstream(src("in/out/f"), std::ios::trunc) << "new";
+  look();
+  EXPECT_EQ(contents(copy("in/g")), "new");
+  EXPECT_EQ(contents(copy("in/f")), "x");
+}
+
 TEST_F(SourceLooksTest, ANameThatWasGoneBeforeItsLinkCameIsWatched) {
   both("in/f", "old");
   fs::create_directories(src("in/e"));

@@ -16,6 +16,8 @@
 namespace tarn {
 namespace {
 
+constexpr int kLookRounds = 4;
+
 const Error kAbsent{-ENOENT, "No such file or directory"};
 
 }  // namespace
@@ -378,6 +380,9 @@ Result<void> Applier::caught_up(std::int64_t asked) {
   auto links = settler_.look_at_links();
   auto unplaced = settler_.look_for_unplaced(asked);
   auto touched = settler_.look_at_touched(asked);
+  // A look may take a name from its file and so leave another to be looked at.
+  for (int rounds = 0; links && replica_.has_parted() && rounds < kLookRounds; ++rounds)
+    links = settler_.look_at_links();
   return !links ? links : !unplaced ? unplaced : touched;
 }
 

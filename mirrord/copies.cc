@@ -53,7 +53,7 @@ void Copies::watch(const std::string &path, const struct stat &status, std::uint
     put(path, status, false);
     copies_[path].links = true;
   } else {
-    insert(path, {.links = true});  // of which object it is a copy is not known
+    watch(path);  // of which object it is a copy is not known
   }
 }
 

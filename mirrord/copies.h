@@ -28,6 +28,8 @@ class Copies {
    * got a name of which no record tells. Only if the source's object has not been changed since is
    * it that one. What was known of this copy stays: it tells more. */
   void watch(const std::string &path, const struct stat &status, std::uint64_t ts);
+  /* The same where the source has nothing under that name any more. */
+  void watch(const std::string &path) { insert(path, {.links = true}); }
   /* The path was copied from some object. */
   bool has(const std::string &path) const { return copies_.contains(path); }
   /* It is, or may be, a copy of an object with names of which no record tells. */

@@ -66,6 +66,7 @@ class Replica {
   /* The objects of which remove_tree() has removed a name and left another since the last call, and
    * those that part() told of. */
   void part(const struct stat &object) { parted_.insert({object.st_dev, object.st_ino}); }
+  bool has_parted() const { return !parted_.empty(); }
   Objects take_parted() { return std::exchange(parted_, {}); }
   /* Of a directory, without "." and "..". */
   Result<std::vector<std::string>> names(const std::string &path);

@@ -214,8 +214,8 @@ Result<void> Settler::leaving(const std::string &path) {
 
 void Settler::watch(const std::string &path, std::uint64_t ts) {
   const auto found = source_.find(path);
-  if (found && *found && !S_ISDIR((*found)->status.st_mode))
-    fetcher_.copies().watch(path, (*found)->status, ts);
+  if (!found || !*found) return fetcher_.copies().watch(path);
+  if (!S_ISDIR((*found)->status.st_mode)) fetcher_.copies().watch(path, (*found)->status, ts);
 }
 
 Result<void> Settler::look_at_links() {

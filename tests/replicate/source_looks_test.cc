@@ -204,6 +204,19 @@ TEST_F(SourceLooksTest, TheSecondNameOfAWatchedFileIsWatchedWhenTheFirstHasGone)
   EXPECT_EQ(contents(copy("in/f")), "x");
 }
 
+TEST_F(SourceLooksTest, AWatchedNameThatHasGoneAlreadyIsWatchedToo) {
+  both("in/f", "old");
+  for (const std::string &root : {src(""), copy("")})
+    fs::create_hard_link(root + "in/f", root + "in/g");
+  fs::create_hard_link(src("in/f"), src("in/out/f"));
+  fs::remove(src("in/f"));
+  expect(name_change(OX_OP_LINK, now(), src("in/f"), src("in/out/f")), Outcome::kOutside);
+  expect(name_change(OX_OP_UNLINK, now(), src("in/f")), Outcome::kApplied);
+  std::ofstream(src("in/out/f"), std::ios::trunc) << "new";
+  look();
+  EXPECT_EQ(contents(copy("in/g")), "new");
+}
+
 TEST_F(SourceLooksTest, ANameThatWasGoneBeforeItsLinkCameIsWatched) {
   both("in/f", "old");
   fs::create_directories(src("in/e"));

@@ -72,9 +72,14 @@ MODULE_CASE(naming, a_file_that_lost_one_of_two_names_has_the_other) {
 // A descriptor's change of attributes comes by the file, which was looked up by another name last.
 MODULE_CASE(naming, a_file_whose_latest_name_is_gone_is_changed_by_the_one_it_has) {
   replicated r;
-  test_file file("/mnt/f", O_CREAT | O_RDWR);
-  EXPECT_EQ(test_link("/mnt/f", "/mnt/g"), 0);  // the lower directory's dentry of f is dropped
+  EXPECT_EQ(test_put("/lower/f", "x"), 1);
+  EXPECT_EQ(test_link("/lower/f", "/lower/g"), 0);
+  EXPECT_TRUE(test_exists("/mnt/f"));
   const test_name latest("/mnt/g");
+  {
+    const test_walk f("/lower/f");  // as a link through another mount does
+    d_drop(f.dentry());
+  }
   EXPECT_EQ(test_unlink("/mnt/g"), 0);
   r.daemon.drain();
   struct uk_stat want = {}, after = {};

@@ -184,7 +184,7 @@ int do_add(const void __user *record, unsigned length) {
   }
   const set_user set;
   kmem_owner<struct prule_node> node(
-      rulenode_cachep,
+      set ? rulenode_cachep : nullptr,
       set ? static_cast<struct prule_node *>(kmem_cache_zalloc(rulenode_cachep, GFP_KERNEL))
           : nullptr);
   if (!node) {

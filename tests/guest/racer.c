@@ -12,7 +12,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/klog.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -109,9 +108,6 @@ static int is_zero(const unsigned char *data, ssize_t size) {
   return size == 0;
 }
 
-/* <sys/klog.h> has no names for them. */
-enum { kConsoleOff = 6, kConsoleOn = 7 };
-
 static void print_image(int image) {
   unsigned char data[kChunk];
   char text[2 * kChunk + 1];
@@ -119,7 +115,6 @@ static void print_image(int image) {
   ssize_t got;
 
   REQUIRE(lseek(image, 0, SEEK_SET) == 0);
-  klogctl(kConsoleOff, NULL, 0); /* the kernel's messages would come between the lines */
   for (; (got = read(image, data, sizeof(data))) > 0; at += got) {
     if (is_zero(data, got)) continue;
     for (ssize_t i = 0; i < got; i++) sprintf(text + 2 * i, "%02x", data[i]);
@@ -127,7 +122,6 @@ static void print_image(int image) {
   }
   printf("image %s %lld\n", kind, (long long)at);
   fflush(stdout);
-  klogctl(kConsoleOn, NULL, 0);
 }
 
 static void run_race(void) {

@@ -4,21 +4,13 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "mirrord/file_status.h"
 #include "module/os_public/Include/ox_msg.h"
 
 namespace tarn {
 namespace {
 
 using Done = Replica::Done;
-
-constexpr std::uint32_t kModeBits = 07777;
-
-/* The change time of a file is as coarse as its file system's, and is taken before the record's. */
-constexpr std::int64_t kCoarse = 2'000'000;
-
-std::int64_t microseconds(const timespec &time) {
-  return std::int64_t{time.tv_sec} * 1'000'000 + time.tv_nsec / 1000;
-}
 
 Replica::Attributes named_attributes(const SetAttr &change) {
   Replica::Attributes attributes;

@@ -3,6 +3,7 @@
 
 #include <ctime>
 
+#include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
 
 namespace tarn {
@@ -10,11 +11,7 @@ namespace {
 
 /* Change times are as coarse as a second on some file systems: two changes may have one. Only when
  * the time had passed before the data were read does it tell a later change. */
-constexpr time_t kCoarse = 2;
-
-bool equal(const timespec &a, const timespec &b) {
-  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
+constexpr time_t kCoarseSeconds = 2;
 
 }  // namespace
 
@@ -37,7 +34,7 @@ void Copies::insert(const std::string &path, const Copy &copy) {
 }
 
 void Copies::put(const std::string &path, const struct stat &status, bool whole) {
-  const bool past = status.st_ctim.tv_sec + kCoarse < time(nullptr);
+  const bool past = status.st_ctim.tv_sec + kCoarseSeconds < time(nullptr);
   insert(path, {status.st_dev, status.st_ino, status.st_ctim, past, whole && past,
                 !S_ISDIR(status.st_mode) && status.st_nlink > 1});
 }
@@ -47,9 +44,7 @@ void Copies::watch(const std::string &path, const struct stat &status, std::uint
     copies_[path].links = true;
     return;
   }
-  const auto changed =
-      std::int64_t{status.st_ctim.tv_sec} * 1'000'000 + status.st_ctim.tv_nsec / 1000;
-  if (changed <= static_cast<std::int64_t>(ts)) {
+  if (microseconds(status.st_ctim) <= static_cast<std::int64_t>(ts)) {
     put(path, status, false);
     copies_[path].links = true;
   } else {
@@ -66,11 +61,11 @@ bool Copies::same(const std::string &path, const struct stat &status) const {
 bool Copies::unchanged(const std::string &path, const struct stat &status) const {
   if (!same(path, status)) return false;
   const Copy &copy = copies_.at(path);
-  return copy.whole && equal(copy.changed, status.st_ctim);
+  return copy.whole && same_time(copy.changed, status.st_ctim);
 }
 
 bool Copies::current(const std::string &path, const struct stat &status) const {
-  return same(path, status) && equal(copies_.at(path).changed, status.st_ctim) &&
+  return same(path, status) && same_time(copies_.at(path).changed, status.st_ctim) &&
          copies_.at(path).past;
 }
 

@@ -12,11 +12,12 @@
 #include <vector>
 
 #include "client/text.h"
+#include "mirrord/file_status.h"
 
 namespace tarn {
 namespace {
 
-constexpr std::uint32_t kModeBits = 07777, kSetIds = S_ISUID | S_ISGID;
+constexpr std::uint32_t kSetIds = S_ISUID | S_ISGID;
 constexpr std::uint64_t kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 constexpr std::size_t kPiece = std::size_t{256} << 10;
 
@@ -24,23 +25,11 @@ constexpr std::size_t kPiece = std::size_t{256} << 10;
 constexpr std::chrono::milliseconds kStill{50};
 constexpr int kPatience = 40;
 
-std::int64_t microseconds(const timespec &time) {
-  return std::int64_t{time.tv_sec} * 1'000'000 + time.tv_nsec / 1000;
-}
-
-bool same_time(const timespec &a, const timespec &b) {
-  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
 bool is_still(const struct stat &status) {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   return microseconds(status.st_ctim) + std::chrono::microseconds(kStill).count() <
          microseconds(now);
-}
-
-bool same_object(const struct stat &a, const struct stat &b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
 bool only_zeros(Bytes bytes) {

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "client/text.h"
+#include "mirrord/file_status.h"
 
 namespace tarn {
 namespace {
@@ -21,11 +22,6 @@ constexpr Milliseconds kQuiet{100}; /* nothing for so long: nothing more will co
 
 void say(const std::string &text) {
   std::cerr << "mirrord: " + text + "\n";
-}
-
-std::int64_t now_us() {
-  using namespace std::chrono;
-  return duration_cast<microseconds>(system_clock::now().time_since_epoch()).count();
 }
 
 std::string rule_name(const Uuid &rule) {

@@ -14,11 +14,12 @@
 
 #include "client/text.h"
 #include "mirrord/directory_walk.h"
+#include "mirrord/file_status.h"
 
 namespace tarn {
 namespace {
 
-constexpr std::uint32_t kModeBits = 07777, kForOthers = 0077;
+constexpr std::uint32_t kForOthers = 0077;
 
 /* For a descriptor that stands for an object, whatever it is. Kernels that do not know O_PATH open
  * it for reading; they must not wait for the other end of a FIFO. */

@@ -8,6 +8,7 @@
 #include <functional>
 #include <limits>
 
+#include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
 
 namespace tarn {
@@ -15,23 +16,6 @@ namespace tarn {
 using Done = Replica::Done;
 
 namespace {
-
-constexpr std::uint32_t kModeBits = 07777;
-
-/* A change time is as coarse as its file system's, and is taken before the record's. */
-constexpr std::int64_t kCoarse = 2'000'000;
-
-bool same_object(const struct stat &a, const struct stat &b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
-}
-
-bool same_time(const timespec &a, const timespec &b) {
-  return a.tv_sec == b.tv_sec && a.tv_nsec == b.tv_nsec;
-}
-
-std::int64_t microseconds(const timespec &time) {
-  return std::int64_t{time.tv_sec} * 1'000'000 + time.tv_nsec / 1000;
-}
 
 /* Of two objects: is everything the same but the times, as far as a status tells? */
 bool alike(const struct stat &mine, const struct stat &other) {

@@ -1,23 +1,14 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "mirrord/unsettled.h"
 
+#include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
 
 namespace tarn {
-namespace {
-
-/* The clock that records are stamped with. */
-std::uint64_t now_us() {
-  using namespace std::chrono;
-  return static_cast<std::uint64_t>(
-      duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
-}
-
-}  // namespace
 
 Unsettled::Mark &Unsettled::mark(const std::string &path) {
   Mark &mark = marks_[path];
-  mark.until = now_us() + static_cast<std::uint64_t>(horizon_.count());
+  mark.until = static_cast<std::uint64_t>(now_us() + horizon_.count());
   ages_.push_back({mark.until, path});
   return mark;
 }
@@ -85,7 +76,7 @@ std::vector<Unsettled::Expired> Unsettled::expire(std::uint64_t ts) {
 }
 
 std::vector<Unexplained> Unsettled::take_missing(std::chrono::microseconds age) {
-  const std::uint64_t made_before = now_us() - static_cast<std::uint64_t>(age.count());
+  const auto made_before = static_cast<std::uint64_t>(now_us() - age.count());
   std::vector<Unexplained> missing;
   for (auto &[path, mark] : marks_) {
     if (mark.missing.wseq == 0) continue;

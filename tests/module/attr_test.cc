@@ -5,13 +5,6 @@
 
 namespace {
 
-struct replicated {
-  test_mount mount;
-  test_daemon daemon;
-  replicated() { EXPECT_EQ(test_add_rule('r', "/lower"), 0); }
-  ~replicated() { do_flush(0); }
-};
-
 int set_mode(const char *path, unsigned mode) {
   const test_node node(path);
   struct uk_stat want = {};

@@ -7,13 +7,6 @@
 
 namespace {
 
-struct replicated {
-  test_mount mount;
-  test_daemon daemon;
-  replicated() { EXPECT_EQ(test_add_rule('r', "/lower"), 0); }
-  ~replicated() { do_flush(0); }
-};
-
 // The layer's own call, as the VFS makes it with what it has found above: another look-up would
 // notice the change first.
 class vfs_call {

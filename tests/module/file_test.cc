@@ -8,13 +8,6 @@ namespace {
 
 constexpr unsigned long largest_write = 52428800;
 
-struct replicated {
-  test_mount mount;
-  test_daemon daemon;
-  replicated() { EXPECT_EQ(test_add_rule('r', "/lower"), 0); }
-  ~replicated() { do_flush(0); }
-};
-
 }  // namespace
 
 MODULE_CASE(file, tables_have_exactly_their_slots) {

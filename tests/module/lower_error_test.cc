@@ -9,13 +9,6 @@ namespace {
 
 constexpr int injected = -EDQUOT;  // which nothing else returns
 
-struct replicated {
-  test_mount mount;
-  test_daemon daemon;
-  replicated() { EXPECT_EQ(test_add_rule('r', "/lower"), 0); }
-  ~replicated() { do_flush(0); }
-};
-
 struct super_block *lower_sb() {
   const test_walk lower("/lower");
   return lower.dentry()->d_sb;

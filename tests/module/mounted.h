@@ -408,6 +408,14 @@ class test_daemon {
   int error_;
 };
 
+/* A mount with a rule for everything in it, and the daemon that gets its records. */
+struct replicated {
+  test_mount mount;
+  test_daemon daemon;
+  replicated() { EXPECT_EQ(test_add_rule('r', "/lower"), 0); }
+  ~replicated() { do_flush(0); }
+};
+
 /* ---- the kernel log ---- */
 
 /* The number that the next log line gets. */

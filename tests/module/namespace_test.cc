@@ -7,14 +7,6 @@
 
 namespace {
 
-// A rule for everything below, and the daemon that gets its records.
-struct replicated {
-  test_mount mount;
-  test_daemon daemon;
-  replicated() { EXPECT_EQ(test_add_rule('r', "/lower"), 0); }
-  ~replicated() { do_flush(0); }
-};
-
 // The cached dentry of a name, with a reference; null when there is none.
 struct dentry *cached(const char *dir, const char *name) {
   const test_walk walk(dir);

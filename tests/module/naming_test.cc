@@ -5,13 +5,6 @@
 
 namespace {
 
-struct replicated {
-  test_mount mount;
-  test_daemon daemon;
-  replicated() { EXPECT_EQ(test_add_rule('r', "/lower"), 0); }
-  ~replicated() { do_flush(0); }
-};
-
 void write_is_recorded(replicated &r, test_file &file, const char *path, int naming) {
   r.daemon.drain();
   EXPECT_EQ(file.write("y", 1, 0), 1);

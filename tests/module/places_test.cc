@@ -8,13 +8,6 @@
 
 namespace {
 
-struct replicated {
-  test_mount mount;
-  test_daemon daemon;
-  replicated() { EXPECT_EQ(test_add_rule('r', "/lower"), 0); }
-  ~replicated() { do_flush(0); }
-};
-
 // /lower/a/x with the file f in it, and /lower/y.
 void make_tree() {
   EXPECT_EQ(test_mkdir("/lower/a"), 0);

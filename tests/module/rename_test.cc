@@ -7,10 +7,10 @@
 namespace {
 
 // The directory /lower/rep is replicated, a rule covers everything, and the daemon listens.
-struct replicated {
+struct protected_tree {
   test_mount mount;
   test_daemon daemon;
-  replicated() {
+  protected_tree() {
     EXPECT_EQ(test_mkdir("/lower/rep"), 0);
     EXPECT_EQ(test_mkdir("/lower/free"), 0);
     EXPECT_EQ(test_put("/lower/rep/f", "x"), 1);
@@ -18,7 +18,7 @@ struct replicated {
     EXPECT_EQ(test_add_directory('d', "/lower/rep"), 0);
     EXPECT_EQ(test_add_rule('r', "/lower"), 0);
   }
-  ~replicated() {
+  ~protected_tree() {
     do_flush(0);
     dir_flush(0);
   }
@@ -58,7 +58,7 @@ class program {
 }  // namespace
 
 MODULE_CASE(rename, other_program_is_refused_and_logged_once) {
-  replicated r;
+  protected_tree r;
   program shell("/bin/mv");
   EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/free/f"), -EACCES);
   EXPECT_EQ(case_log_count("tarn_rename:block /lower/rep/f"), 1);
@@ -68,19 +68,19 @@ MODULE_CASE(rename, other_program_is_refused_and_logged_once) {
 }
 
 MODULE_CASE(rename, new_name_within_a_replicated_directory_is_refused_too) {
-  replicated r;
+  protected_tree r;
   program shell("/bin/mv");
   EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), -EACCES);
   EXPECT_TRUE(test_exists("/lower/rep/f"));
 }
 
 MODULE_CASE(rename, task_without_a_program_is_refused) {
-  replicated r;
+  protected_tree r;
   EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), -EACCES);
 }
 
 MODULE_CASE(rename, daemon_moves_and_the_record_has_both_paths_and_the_mode) {
-  replicated r;
+  protected_tree r;
   program mirrord("/usr/local/oxbase/sbin/mirrord");
   EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/free/f2"), 0);
   EXPECT_FALSE(test_exists("/lower/rep/f"));
@@ -95,19 +95,19 @@ MODULE_CASE(rename, daemon_moves_and_the_record_has_both_paths_and_the_mode) {
 }
 
 MODULE_CASE(rename, daemon_s_path_with_a_suffix_is_refused) {
-  replicated r;
+  protected_tree r;
   program almost("/usr/local/oxbase/sbin/mirrord2");
   EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), -EACCES);
 }
 
 MODULE_CASE(rename, beginning_of_the_daemon_s_path_is_refused) {
-  replicated r;
+  protected_tree r;
   program almost("/usr/local/oxbase/sbin/mirror");
   EXPECT_EQ(test_rename("/mnt/rep/f", "/mnt/rep/f2"), -EACCES);
 }
 
 MODULE_CASE(rename, program_path_that_does_not_fit_is_not_the_daemon_s) {
-  replicated r;
+  protected_tree r;
   char path[200];
   strcpy(path, "/bin/");
   memset(path + 5, 'm', 150);
@@ -120,7 +120,7 @@ MODULE_CASE(rename, program_path_that_does_not_fit_is_not_the_daemon_s) {
 }
 
 MODULE_CASE(rename, program_on_another_mount_has_its_whole_path) {
-  replicated r;
+  protected_tree r;
   REQUIRE_EQ(test_mkdir("/usr"), 0);
   REQUIRE_EQ(uk_fs_mount("none", "/usr", "memfs", 0, nullptr), 0);
   {
@@ -132,7 +132,7 @@ MODULE_CASE(rename, program_on_another_mount_has_its_whole_path) {
 }
 
 MODULE_CASE(rename, move_into_a_replicated_directory_is_everyone_s) {
-  replicated r;
+  protected_tree r;
   program shell("/bin/mv");
   EXPECT_EQ(test_rename("/mnt/free/g", "/mnt/rep/g"), 0);
   EXPECT_TRUE(test_exists("/lower/rep/g"));
@@ -140,7 +140,7 @@ MODULE_CASE(rename, move_into_a_replicated_directory_is_everyone_s) {
 }
 
 MODULE_CASE(rename, directory_whose_name_only_begins_alike_is_covered) {
-  replicated r;
+  protected_tree r;
   program shell("/bin/mv");
   REQUIRE_EQ(test_mkdir("/lower/repx"), 0);
   REQUIRE_EQ(test_put("/lower/repx/h", "z"), 1);
@@ -180,7 +180,7 @@ MODULE_CASE(rename, both_directories_are_refreshed) {
 }
 
 MODULE_CASE(rename, refused_below_keeps_everything_and_is_not_recorded) {
-  replicated r;
+  protected_tree r;
   REQUIRE_EQ(test_mkdir("/lower/free/d"), 0);
   REQUIRE_EQ(test_mkdir("/lower/free/full"), 0);
   REQUIRE_EQ(test_put("/lower/free/full/f", "x"), 1);
@@ -292,7 +292,7 @@ MODULE_CASE(rename, replaced_target_is_gone_and_the_open_source_stays_usable) {
 // Each allocation of a rename fails once. The rename itself needs none: it happens, at worst
 // unrecorded, or (when the path for the access rule cannot be had) untested.
 MODULE_CASE(rename, works_without_memory_for_its_paths) {
-  replicated r;
+  protected_tree r;
   program shell("/bin/mv");
   bool untested = false;
   for (unsigned long n = 1;; n++) {
@@ -329,7 +329,7 @@ MODULE_CASE(rename, works_without_memory_for_its_paths) {
 // The layer shows what is mounted below as part of its own tree, but no lower file system can move
 // an object to another one.
 MODULE_CASE(rename, to_another_lower_file_system_is_refused) {
-  replicated r;
+  protected_tree r;
   REQUIRE_EQ(test_mkdir("/lower/sub"), 0);
   REQUIRE_EQ(uk_fs_mount("none", "/lower/sub", "memfs", 0, nullptr), 0);
   REQUIRE_EQ(test_put("/lower/sub/h", "there"), 5);
@@ -369,7 +369,7 @@ void map_in_front(const char *file, unsigned long flags) {
 
 // Libraries and data are mapped as well, and not every region has a file.
 MODULE_CASE(rename, program_is_the_first_region_that_is_executable_and_has_a_file) {
-  replicated r;
+  protected_tree r;
   make_program("/bin/other");
   {
     program mirrord("/usr/local/oxbase/sbin/mirrord");

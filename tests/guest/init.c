@@ -2,8 +2,7 @@
 /*
  * The guest's first process. It mounts what the programs need, runs the lines of /steps one after
  * another with a time limit for each, and switches the machine off. A line is a program and its
- * arguments, separated by single blanks. Results go to the second serial line, so that the kernel's
- * messages, on the first, cannot fall between them.
+ * arguments, separated by single blanks. Results go to the kernel's log, a message for each line.
  */
 #define _GNU_SOURCE
 #include <errno.h>

@@ -2,8 +2,8 @@
 /*
  * racer KIND SECONDS: names change on a mount and in the directory below it at the same time, by
  * processes that agree on nothing but the few names that they all use. Whatever each call answers,
- * none may wait for ever, and the lower file system must be whole behind it: its image is printed,
- * as lines "image KIND OFFSET BYTES", for e2fsck outside the guest.
+ * none may wait for ever, and the lower file system must be whole behind it: its image is sent over
+ * the second serial line, as lines "image KIND OFFSET BYTES", for e2fsck outside the guest.
  */
 #define _GNU_SOURCE
 #include <errno.h>
@@ -16,6 +16,7 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -108,20 +109,32 @@ static int is_zero(const unsigned char *data, ssize_t size) {
   return size == 0;
 }
 
-static void print_image(int image) {
+static FILE *open_line(void) {
+  const int line = open("/dev/ttyS1", O_RDWR | O_NOCTTY);
+  struct termios settings;
+
+  REQUIRE(line >= 0 && tcgetattr(line, &settings) == 0);
+  cfmakeraw(&settings);
+  REQUIRE(tcsetattr(line, TCSANOW, &settings) == 0);
+  return fdopen(line, "w");
+}
+
+static void send_image(int image) {
   unsigned char data[kChunk];
-  char text[2 * kChunk + 1];
   off_t at = 0;
   ssize_t got;
+  FILE *line = open_line();
 
-  REQUIRE(lseek(image, 0, SEEK_SET) == 0);
+  REQUIRE(line && lseek(image, 0, SEEK_SET) == 0);
   for (; (got = read(image, data, sizeof(data))) > 0; at += got) {
     if (is_zero(data, got)) continue;
-    for (ssize_t i = 0; i < got; i++) sprintf(text + 2 * i, "%02x", data[i]);
-    printf("image %s %lld %s\n", kind, (long long)at, text);
+    fprintf(line, "image %s %lld ", kind, (long long)at);
+    for (ssize_t i = 0; i < got; i++) fprintf(line, "%02x", data[i]);
+    fputc('\n', line);
   }
-  printf("image %s %lld\n", kind, (long long)at);
-  fflush(stdout);
+  REQUIRE(got == 0);
+  fprintf(line, "image %s %lld\n", kind, (long long)at);
+  REQUIRE(fflush(line) == 0 && tcdrain(fileno(line)) == 0 && fclose(line) == 0);
 }
 
 static void run_race(void) {
@@ -137,7 +150,7 @@ static void run_race(void) {
   race();
   EXPECT_EQ(umount("/mnt"), 0);
   REQUIRE(unmount_image("/lower") == 0);
-  print_image(copy);
+  send_image(copy);
 }
 
 int main(int argc, char **argv) {

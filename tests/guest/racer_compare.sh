@@ -1,7 +1,7 @@
 # SPDX-License-Identifier: GPL-2.0
-# The lower file systems of the racer, when it has come to its end: "ok" or "FAILED" for each.
-for kind in $(sed -n 's/^image \([^ ]*\) [0-9]*$/\1/p' "$work/results"); do
-  if ! grep "^image $kind " "$work/results" | "$here/image_lines.py" "$work/race_$kind.img"; then
+# The lower file systems of the racer, where it has come to its end: "ok" or "FAILED" for each.
+for kind in $(sed -n 's/^ok racer\.on_//p' "$work/results"); do
+  if ! grep "^image $kind " "$work/images" | "$here/image_lines.py" "$work/race_$kind.img"; then
     echo "FAILED racer.image_of_$kind"
   elif said=$(e2fsck -fn "$work/race_$kind.img" 2>&1); then
     echo "ok racer.e2fsck_of_$kind"

@@ -134,24 +134,35 @@ Result<void> Fetcher::fetch_attributes(const std::string &path, const Source::Ob
   return plain(replica_.set_attributes(path, wanted));
 }
 
-/* If the replica has a copy of this object under another name, `path` becomes a name of it. */
+/* The copies of one object that the replica has under other names and `path` become one file. */
 Result<bool> Fetcher::join(const std::string &path, const Source::Object &object) {
-  const auto mine = replica_.find(path);
-  if (!mine) return mine.error();
+  bool joined = false;
   for (const std::string &other : copies_.paths_of(object.status)) {
     if (other == path) continue;
     const auto theirs = replica_.find(other);
     if (!theirs || !*theirs || !same_type(**theirs, object.status)) continue;
     const auto there = source_.find(other);
     if (!there || !*there || !same_object((*there)->status, object.status)) continue;
-    if (!*mine || !same_object(**mine, **theirs)) {
-      if (const auto gone = replica_.remove_tree(path); !gone) return gone.error();
-      if (const auto linked = replica_.link(other, path); !linked) return linked.error();
-    }
-    copies_.linked(other, path);
-    return true;
+    // The names may have been parted while some of them were not known to be names of this object.
+    const auto made = joined ? make_same(path, other) : make_same(other, path);
+    if (!made) return made.error();
+    joined = true;
   }
-  return false;
+  return joined;
+}
+
+/* `name` becomes a name of the copy `of`. */
+Result<void> Fetcher::make_same(const std::string &of, const std::string &name) {
+  const auto copy = replica_.find(of), mine = replica_.find(name);
+  if (!copy) return copy.error();
+  if (!mine) return mine.error();
+  if (!*copy) return system_error(ENOENT, "the copy has gone");
+  if (!*mine || !same_object(**copy, **mine)) {
+    if (const auto gone = replica_.remove_tree(name); !gone) return gone.error();
+    if (const auto linked = replica_.link(of, name); !linked) return linked.error();
+  }
+  copies_.linked(of, name);
+  return {};
 }
 
 /* Takes away what cannot become the copy. */

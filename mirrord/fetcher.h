@@ -54,6 +54,7 @@ class Fetcher {
  private:
   bool unchanged(const std::string &path, const struct stat &status);
   Result<bool> join(const std::string &path, const Source::Object &object);
+  Result<void> make_same(const std::string &of, const std::string &name);
   Result<void> make_room(const std::string &path, const Source::Object &object);
   Result<void> file(const std::string &path, const Source::Object &object);
   Result<void> directory(const std::string &path, const Source::Object &object,

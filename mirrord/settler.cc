@@ -8,6 +8,7 @@
 #include <functional>
 #include <limits>
 
+#include "client/paths.h"
 #include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
 

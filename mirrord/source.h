@@ -27,6 +27,8 @@ class Source {
   /* The directory is opened when it is first needed: it need not be there before. */
   explicit Source(std::string directory) : directory_(std::move(directory)) {}
 
+  const std::string &directory() const { return directory_; }
+
   struct Object {
     UniqueFd fd; /* O_PATH: it stays this object, whatever happens to the name */
     struct stat status;

@@ -229,6 +229,22 @@ TEST_F(SourceLooksTest, ANameThatWasGoneBeforeItsLinkCameIsWatched) {
 }
 
 // The name may be another file's already: what is written to that is not for the copy.
+TEST_F(SourceLooksTest, NamesThatAFetchPartedBecomeOneFileAgain) {
+  fs::create_directories(src("in/after"));
+  fs::create_directories(copy("in/before"));
+  std::ofstream(src("in/d/a")) << "data";
+  std::ofstream(copy("in/d/a")) << "data";
+  fs::create_hard_link(copy("in/d/a"), copy("in/before/b"));
+  for (const char *name : {"in/after/b", "in/c"}) fs::create_hard_link(src("in/d/a"), src(name));
+  expect(renamed("in/out/d", "in/d"), Outcome::kApplied);  // in/after is not there yet
+  EXPECT_NE(status(copy("in/d/a")).st_ino, status(copy("in/before/b")).st_ino);
+  expect(renamed("in/before", "in/after"), Outcome::kApplied);
+  expect(name_change(OX_OP_LINK, now(), src("in/after/b"), src("in/c")), Outcome::kApplied);
+  for (const char *name : {"in/after/b", "in/c"})
+    EXPECT_EQ(status(copy(name)).st_ino, status(copy("in/d/a")).st_ino) << name;
+  EXPECT_EQ(contents(copy("in/c")), "data");
+}
+
 TEST_F(SourceLooksTest, ACopyIsNotTakenForTheFileThatCameAfterIt) {
   std::ofstream(src("in/f")) << "old old";
   expect(renamed("in/out/f", "in/f"), Outcome::kApplied);

@@ -59,6 +59,16 @@ start
 loss "a rule made anew" "GAP: was made anew"
 stop_mirrord_after_a_loss
 
+# The same while it runs: not only when somebody changes something again.
+start
+clean "before the rule is deleted"
+tarn rule del $RULE
+echo unseen >>"$T/mnt/f"
+add_rule
+loss "a rule made anew beside a mirrord" "GAP: was made anew"
+stop_mirrord_after_a_loss
+cp -p "$T/lower/f" "$T/replica/f"
+
 # Without a mount nothing can be asked; the next record tells.
 tarn umount "$T/mnt"
 start

@@ -329,43 +329,38 @@ Result<std::optional<struct stat>> Replica::find(const std::string &path) {
   return failed(errno);
 }
 
-Result<std::vector<std::string>> Replica::names_of(const Objects &objects) {
-  std::vector<std::string> found;
-  if (const auto looked = names_below("", objects, found); !looked) return looked.error();
-  return found;
-}
-
 Result<void> Replica::names_below(const std::string &directory, const Objects &objects,
                                   std::vector<std::string> &found) {
-  const auto at = place(directory);
-  if (!at) return at.error();
-  UniqueFd opened(
-      openat(at->fd, at->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-  if (!opened) return failed(errno);
-  struct stat status;
-  if (fstat(opened.get(), &status) != 0) return failed(errno);
-  const auto entries = directory_entries(std::move(opened));
+  const auto here = find(directory);
+  if (!here) return here.error();
+  if (!*here) return {};
+  const auto entries = entries_of(directory);
   if (!entries) return entries.error();
+  Result<void> first;
   for (const DirectoryEntry &entry : *entries) {
     const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
-    if (!entry.may_be_directory && !objects.contains({status.st_dev, entry.inode})) continue;
+    if (!entry.may_be_directory && !objects.contains({(*here)->st_dev, entry.inode})) continue;
     const auto there = find(path);
-    if (!there) return there.error();
-    if (!*there) continue;
+    if (first.ok() && !there) first = there.error();
+    if (!there || !*there) continue;
     if (objects.contains({(*there)->st_dev, (*there)->st_ino})) found.push_back(path);
     if (!S_ISDIR((*there)->st_mode)) continue;
-    if (auto below = names_below(path, objects, found); !below) return below;
+    if (auto below = names_below(path, objects, found); first.ok() && !below) first = below;
   }
-  return {};
+  return first;
 }
 
-Result<std::vector<std::string>> Replica::names(const std::string &path) {
+Result<std::vector<DirectoryEntry>> Replica::entries_of(const std::string &path) {
   const auto at = place(path);
   if (!at) return at.error();
   UniqueFd directory(
       openat(at->fd, at->name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!directory) return failed(errno);
-  const auto entries = directory_entries(std::move(directory));
+  return directory_entries(std::move(directory));
+}
+
+Result<std::vector<std::string>> Replica::names(const std::string &path) {
+  const auto entries = entries_of(path);
   if (!entries) return entries.error();
   std::vector<std::string> found;
   for (const DirectoryEntry &entry : *entries) found.push_back(entry.name);

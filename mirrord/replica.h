@@ -25,6 +25,7 @@
 #include "client/messages.h"
 #include "client/result.h"
 #include "client/unique_fd.h"
+#include "mirrord/directory_walk.h"
 #include "mirrord/fd_cache.h"
 
 namespace tarn {
@@ -60,9 +61,12 @@ class Replica {
 
   /* What stands there; nothing if nothing does, be it that its parent is missing. */
   Result<std::optional<struct stat>> find(const std::string &path);
-  /* Their names, looked for in the whole replica. */
+  /* Adds their names, looked for in the whole replica. Error: the first thing that could not be
+   * looked at; the rest was. */
   using Objects = std::set<std::pair<dev_t, ino_t>>;
-  Result<std::vector<std::string>> names_of(const Objects &objects);
+  Result<void> names_of(const Objects &objects, std::vector<std::string> &found) {
+    return names_below("", objects, found);
+  }
   /* The objects of which remove_tree() has removed a name and left another since the last call, and
    * those that part() told of. */
   void part(const struct stat &object) { parted_.insert({object.st_dev, object.st_ino}); }
@@ -105,6 +109,7 @@ class Replica {
     int fd;
     std::string name;
   };
+  Result<std::vector<DirectoryEntry>> entries_of(const std::string &path);
   Result<void> names_below(const std::string &directory, const Objects &objects,
                            std::vector<std::string> &found);
   Result<Place> place(const std::string &path);

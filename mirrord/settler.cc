@@ -186,15 +186,15 @@ Result<void> Settler::leaving(const std::string &path) {
   if (!*mine || S_ISDIR((*mine)->st_mode) || (*mine)->st_nlink < 2) return {};
   if (watched) replica_.part(**mine);
   if (!doubted) return {};
-  const auto names = replica_.names_of({{(*mine)->st_dev, (*mine)->st_ino}});
-  if (!names) return names.error();
+  std::vector<std::string> names;
+  const auto looked = replica_.names_of({{(*mine)->st_dev, (*mine)->st_ino}}, names);
   const std::uint64_t data_from = mark->data_from;
-  for (const std::string &other : *names) {
+  for (const std::string &other : names) {
     if (other == path) continue;
     doubt(other, data_from);
     return look_again(other);
   }
-  return {};
+  return looked;
 }
 
 void Settler::watch(const std::string &path, std::uint64_t ts) {
@@ -206,12 +206,13 @@ void Settler::watch(const std::string &path, std::uint64_t ts) {
 Result<void> Settler::look_at_links() {
   Result<void> first;
   if (const auto parted = replica_.take_parted(); !parted.empty()) {
-    const auto names = replica_.names_of(parted);
-    if (!names) return names.error();
-    for (const std::string &path : *names) watch(path, 0);
+    std::vector<std::string> names;
+    first = replica_.names_of(parted, names);
+    for (const std::string &path : names) watch(path, 0);
   }
   for (const std::string &path : fetcher_.copies().with_links()) {
     const auto found = source_.find(path);
+    if (first.ok() && !found) first = found.error();
     if (!found || !*found || fetcher_.copies().current(path, (*found)->status)) continue;
     const auto settled = settle(path);
     if (first.ok() && !settled) first = settled.error();

@@ -189,6 +189,25 @@ TEST_F(SourceLooksTest, ANameThatWentOutWithItsDirectoryIsWatched) {
   EXPECT_EQ(contents(copy("in/f")), "new");
 }
 
+TEST_F(SourceLooksTest, WhatCannotBeLookedAtKeepsNothingElseFromIt) {
+  both("in/f", "old");
+  for (const std::string &root : {src(""), copy("")})
+    fs::create_hard_link(root + "in/f", root + "in/g");
+  // Renames make paths longer than a system call takes.
+  const std::string level(200, 'x');
+  const UniqueFd at(open(copy("in/d").c_str(), O_PATH | O_DIRECTORY));
+  UniqueFd below(dup(at.get()));
+  for (int depth = 0; depth < 25; depth++) {
+    ASSERT_EQ(mkdirat(below.get(), level.c_str(), 0700), 0);
+    below = UniqueFd(openat(below.get(), level.c_str(), O_PATH | O_DIRECTORY));
+  }
+  fs::rename(src("in/f"), src("in/out/f"));
+  expect(renamed("in/f", "in/out/f"), Outcome::kApplied);
+  std::ofstream(src("in/out/f"), std::ios::trunc) << "new";
+  EXPECT_FALSE(applier_->caught_up(std::numeric_limits<std::int64_t>::max()).ok());
+  EXPECT_EQ(contents(copy("in/g")), "new");
+}
+
 TEST_F(SourceLooksTest, TheSecondNameOfAWatchedFileIsWatchedWhenTheFirstHasGone) {
   both("in/f", "old");
   for (const std::string &root : {src(""), copy("")})

@@ -357,7 +357,7 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
   if (record.naming == Naming::kNameless && !gets_a_name) return Outcome::kNameless;
   if (record.naming == Naming::kUnplaced && !gets_a_name) {
     scopes_.learn(record);
-    settler_.unplaced(record.ts);
+    settler_.untold(record.ts);
     return Error{-ESTALE,
                  "the file has another name, which the module does not know: the replica's copy is "
                  "no longer right, until it is found by 'mirrord --catch-up'"};
@@ -378,12 +378,12 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
 Result<void> Applier::caught_up(std::int64_t asked) {
   look_for_any_rule();
   auto links = settler_.look_at_links();
-  auto unplaced = settler_.look_for_unplaced(asked);
+  auto untold = settler_.look_for_untold(asked);
   auto touched = settler_.look_at_touched(asked);
   // A look may take a name from its file and so leave another to be looked at.
   for (int rounds = 0; links && replica_.has_parted() && rounds < kLookRounds; ++rounds)
     links = settler_.look_at_links();
-  return !links ? links : !unplaced ? unplaced : touched;
+  return !links ? links : !untold ? untold : touched;
 }
 
 Result<void> Applier::compare_touched(std::int64_t asked) {

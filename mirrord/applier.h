@@ -56,6 +56,10 @@ class Applier {
 
   Result<Outcome> apply(const Record &record);
 
+  /* Records from `ts` on (microseconds since the epoch) are missing: what they may have told of is
+   * looked for when all others have been applied. */
+  void lost(std::uint64_t ts) { settler_.untold(ts); }
+
   /* Of the last write page that was applied: the file, which a later page's record does not name.
    */
   const std::string &page_path() const { return page_path_; }

@@ -50,6 +50,7 @@ void Mirror::record(const Record &record, Sequencer::Order order) {
   rule.last_wseq = record.wseq;
   ++rule.messages;
   const auto outcome = applier_.apply(record);
+  last_ts_[record.rule] = record.ts;
   tell_unkept();
   tell_unexplained();
   const auto what = [&] {
@@ -77,6 +78,9 @@ void Mirror::event(const Uuid &uuid, const Sequencer::Event &event) {
   RuleStatus &rule = status_.rules[uuid];
   changed_ = true;
   const std::string name = rule_name(uuid);
+  if (const auto last = last_ts_.find(uuid);
+      last != last_ts_.end() && !std::holds_alternative<Sequencer::Duplicate>(event))
+    applier_.lost(last->second);
   if (const auto *joined = std::get_if<Sequencer::Joined>(&event)) {
     ++rule.gaps;
     say(

@@ -108,6 +108,8 @@ class Mirror : private Sequencer::Sink {
   bool told_of_status_file_ = false; /* that it cannot be written */
   std::chrono::steady_clock::time_point written_{};
 
+  std::map<Uuid, std::uint64_t> last_ts_; /* of the latest record of each rule */
+
   std::optional<Resumption> resumption_;
   StateFile::Positions positions_; /* in the state file */
   bool told_of_state_ = false;     /* that it cannot be written */

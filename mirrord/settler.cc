@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <functional>
 #include <limits>
+#include <set>
 
 #include "client/paths.h"
 #include "mirrord/file_status.h"
@@ -280,21 +281,22 @@ Result<void> Settler::look_at_touched(std::int64_t asked) {
   return first;
 }
 
-Result<void> Settler::look_for_unplaced(std::int64_t asked) {
+Result<void> Settler::look_for_untold(std::int64_t asked) {
   if (!source_.available()) return {};
   Result<void> first;
-  for (const std::string &path : std::exchange(may_be_unplaced_, {})) {
+  for (const std::string &path : std::exchange(may_be_untold_, {})) {
     const auto taken = take_if_changed(path, 0, asked);
     if (first.ok() && !taken) first = taken;
   }
-  if (unplaced_since_ == kNever) return first;
-  const auto since = static_cast<std::int64_t>(std::exchange(unplaced_since_, kNever)) - kCoarse;
-  auto found = look_for_unplaced_below("", since, asked);
+  if (untold_since_ == kNever) return first;
+  const auto since = static_cast<std::int64_t>(std::exchange(untold_since_, kNever)) - kCoarse;
+  if (const auto names = take_if_changed("", since, asked); first.ok() && !names) first = names;
+  auto found = look_for_untold_below("", since, asked);
   return first ? found : first;
 }
 
-Result<void> Settler::look_for_unplaced_below(const std::string &directory, std::int64_t since,
-                                              std::int64_t asked) {
+Result<void> Settler::look_for_untold_below(const std::string &directory, std::int64_t since,
+                                            std::int64_t asked) {
   const auto object = source_.find(directory);
   if (!object) return object.error();
   if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
@@ -306,23 +308,54 @@ Result<void> Settler::look_for_unplaced_below(const std::string &directory, std:
   };
   for (const DirectoryEntry &entry : *entries) {
     const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
-    if (entry.may_be_directory) note(look_for_unplaced_below(path, since, asked));
     if (included_(path)) note(take_if_changed(path, since, asked));
+    if (entry.may_be_directory) note(look_for_untold_below(path, since, asked));
   }
   return first;
 }
 
-/* The change that is looked for set the change time of its file, or a later one did. */
+/* The change that is looked for set the change time of its file or directory, or a later one did.
+ */
 Result<void> Settler::take_if_changed(const std::string &path, std::int64_t since,
                                       std::int64_t asked) {
   const auto there = source_.find(path);
   if (!there) return there.error();
-  if (!*there || S_ISDIR((*there)->status.st_mode)) return {};
+  if (!*there) return {};
   const std::int64_t changed = microseconds((*there)->status.st_ctim);
-  if (changed >= asked) may_be_unplaced_.push_back(path);
+  if (changed >= asked) may_be_untold_.push_back(path);
   if (changed < since || changed >= asked) return {};
+  if (S_ISDIR((*there)->status.st_mode)) return take_names(path);
   const auto settled = settle(path);
   return settled ? Result<void>() : Result<void>(settled.error());
+}
+
+/* The names that only one side has, and the directory's attributes. */
+Result<void> Settler::take_names(const std::string &directory) {
+  const auto object = source_.find(directory);
+  if (!object) return object.error();
+  if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
+  const auto mine = replica_.find(directory);
+  if (!mine) return mine.error();
+  // Missing, it comes with the name of the directory that it is in.
+  if (!*mine || !S_ISDIR((*mine)->st_mode)) return {};
+  const auto theirs = Source::entries(**object);
+  if (!theirs) return theirs.error();
+  const auto names = replica_.names(directory);
+  if (!names) return names.error();
+  std::set<std::string> missing, other(names->begin(), names->end());
+  for (const DirectoryEntry &entry : *theirs) {
+    if (other.erase(entry.name) == 0) missing.insert(entry.name);
+  }
+  other.merge(missing);
+  Result<void> first;
+  for (const std::string &name : other) {
+    const std::string path = directory.empty() ? name : directory + "/" + name;
+    if (!included_(path)) continue;
+    const auto settled = settle(path);
+    if (first.ok() && !settled) first = settled.error();
+  }
+  touched_.add(directory);
+  return first;
 }
 
 void Settler::assume_linked(const std::string &existing, const std::string &path) {

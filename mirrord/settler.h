@@ -78,11 +78,11 @@ class Settler {
    * the record was applied, or by one that went out of the rule, is seen at the file's other names.
    */
   Result<void> look_at_links();
-  /* A file was changed at `ts` (microseconds since the epoch) under a name that nobody knows. */
-  void unplaced(std::uint64_t ts) { unplaced_since_ = std::min(unplaced_since_, ts); }
-  /* All records of what was done until `asked` have been applied: takes the files of the source
-   * that such a change may have been of. All its names are read for that. */
-  Result<void> look_for_unplaced(std::int64_t asked);
+  /* From `ts` on (microseconds since the epoch) something was changed that no record tells of. */
+  void untold(std::uint64_t ts) { untold_since_ = std::min(untold_since_, ts); }
+  /* All records of what was done until `asked` have been applied: takes over what such a change may
+   * have been of, as far as change times in the source tell. All its names are read for that. */
+  Result<void> look_for_untold(std::int64_t asked);
   /* A record names the path. */
   Touched &touched() { return touched_; }
   const Touched &touched() const { return touched_; }
@@ -108,8 +108,9 @@ class Settler {
                                   const std::optional<Source::Object> &found);
   Result<void> look_again(const std::string &path);
   Result<void> settle_other_names();
-  Result<void> look_for_unplaced_below(const std::string &directory, std::int64_t since,
-                                       std::int64_t asked);
+  Result<void> look_for_untold_below(const std::string &directory, std::int64_t since,
+                                     std::int64_t asked);
+  Result<void> take_names(const std::string &directory);
   Result<void> take_if_changed(const std::string &path, std::int64_t since, std::int64_t asked);
   Result<bool> compare(const std::string &path, std::int64_t asked);
   Result<void> take_time(const std::string &path, std::int64_t asked);
@@ -123,8 +124,8 @@ class Settler {
   Fetcher fetcher_;
   Unsettled unsettled_;
   Touched touched_;
-  std::uint64_t unplaced_since_ = kNever;
-  std::vector<std::string> may_be_unplaced_; /* found, but being changed when they were */
+  std::uint64_t untold_since_ = kNever;
+  std::vector<std::string> may_be_untold_; /* found, but being changed when they were */
   bool settling_names_ = false;
   std::string other_name_;
   Fetcher::Included included_ = [](const std::string &) { return true; };

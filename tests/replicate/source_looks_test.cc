@@ -247,7 +247,6 @@ TEST_F(SourceLooksTest, ANameThatWasGoneBeforeItsLinkCameIsWatched) {
   EXPECT_EQ(contents(copy("in/f")), "new");
 }
 
-// The name may be another file's already: what is written to that is not for the copy.
 TEST_F(SourceLooksTest, NamesThatAFetchPartedBecomeOneFileAgain) {
   fs::create_directories(src("in/after"));
   fs::create_directories(copy("in/before"));
@@ -264,6 +263,7 @@ TEST_F(SourceLooksTest, NamesThatAFetchPartedBecomeOneFileAgain) {
   EXPECT_EQ(contents(copy("in/c")), "data");
 }
 
+// The name may be another file's already: what is written to that is not for the copy.
 TEST_F(SourceLooksTest, ACopyIsNotTakenForTheFileThatCameAfterIt) {
   std::ofstream(src("in/f")) << "old old";
   expect(renamed("in/out/f", "in/f"), Outcome::kApplied);
@@ -286,6 +286,30 @@ TEST_F(SourceLooksTest, AChangeUnderAnUnknownNameIsLookedFor) {
   look();
   EXPECT_EQ(contents(copy("in/d/g")), "new");
   EXPECT_EQ(contents(copy("in/f")), "old");
+}
+
+TEST_F(SourceLooksTest, WhatLostRecordsToldOfIsLookedFor) {
+  both("in/f", "old");
+  both("in/d/gone", "x");
+  both("in/d/moved", "y");
+  std::ofstream(copy("in/out")) << "not of the rule";
+  const std::uint64_t before = static_cast<std::uint64_t>(time(nullptr)) * 1'000'000;
+  std::ofstream(src("in/f"), std::ios::trunc) << "new";
+  fs::remove(src("in/d/gone"));
+  fs::rename(src("in/d/moved"), src("in/f2"));
+  fs::create_directories(src("in/new/deep"));
+  std::ofstream(src("in/new/deep/file")) << "z";
+  ASSERT_EQ(chmod(src("in/d").c_str(), 0711), 0);
+  expect(name_change(OX_OP_UNLINK, now(), src("in/never")), Outcome::kAlready);
+  applier_->lost(before);
+  look();
+  EXPECT_EQ(contents(copy("in/f")), "new");
+  EXPECT_FALSE(fs::exists(copy("in/d/gone")));
+  EXPECT_FALSE(fs::exists(copy("in/d/moved")));
+  EXPECT_EQ(contents(copy("in/f2")), "y");
+  EXPECT_EQ(contents(copy("in/new/deep/file")), "z");
+  EXPECT_EQ(status(copy("in/d")).st_mode, mode_t{S_IFDIR | 0711});
+  EXPECT_TRUE(fs::exists(copy("in/out")));
 }
 
 TEST_F(SourceLooksTest, WritesTakeTheirTimeFromTheSource) {

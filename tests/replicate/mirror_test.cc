@@ -394,7 +394,11 @@ TEST_F(MirrorTest, ThatTheStatusFileCannotBeWrittenAnyMoreIsSaidOnce) {
                  {"--source", src_, "--replica", dir_ / "replica", "--status-file", file},
                  environment_);
   ASSERT_TRUE(eventually([&] { return fs::exists(file); })) << mirror.err();
-  fs::remove_all(dir_ / "run state");
+  ASSERT_TRUE(eventually([&] {  // it may write just then
+    std::error_code error;
+    fs::remove_all(dir_ / "run state", error);
+    return !error;
+  }));
   fake_.send(create(1, "a"));
   ASSERT_TRUE(eventually([&] { return fs::exists(replica("a")); }));
   mirror.signal(SIGUSR1);

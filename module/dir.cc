@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "dir.h"
+#include "dir_set.h"
 
 #include "ox_uuid.h"
 
@@ -28,43 +28,7 @@ void free_dirnode(struct dir_node *node) {
 
 /* ---- the set ---- */
 
-/* Nodes that were taken off the set, under its lock; gives the list's references back once it is
- * released. */
-class removed_dirs {
- public:
-  removed_dirs() { INIT_LIST_HEAD(&nodes_); }
-  ~removed_dirs() {
-    struct dir_node *node, *next;
-    list_for_each_entry_safe(node, next, &nodes_, list) {
-      list_del_init(&node->list);
-      dir_node_put(node);
-    }
-  }
-  removed_dirs(const removed_dirs &) = delete;
-  removed_dirs &operator=(const removed_dirs &) = delete;
-
-  /* With the lock held for writing: what flushes have left behind. */
-  void take_flushed_locked() { dirset.flushed.drain(&dirset.head, &nodes_); }
-  void take_locked(struct dir_node *node) { list_move_tail(&node->list, &nodes_); }
-
- private:
-  struct list_head nodes_;
-};
-
-static struct dir_node *find_locked(const uuid_t uuid) {
-  for (struct list_head *p = ox_first(&dirset.head); p != &dirset.head; p = p->next) {
-    struct dir_node *node = list_entry(p, struct dir_node, list);
-    if (uuid_same(node->dir.uuid, uuid)) return node;
-  }
-  return nullptr;
-}
-
-static struct dir_node *find_dir(const uuid_t uuid) {
-  read_guard guard(dirset.rwlock);
-  struct dir_node *node = find_locked(uuid);
-  if (node) dir_node_get(node);
-  return node;
-}
+typedef ox_removed<struct dir_node> removed_dirs;
 
 int dir_add(const void __user *record, unsigned length) {
   const unsigned size = sizeof(struct dir);
@@ -95,8 +59,8 @@ int dir_add(const void __user *record, unsigned length) {
   removed_dirs removed;
   {
     write_guard guard(dirset.rwlock);
-    removed.take_flushed_locked();
-    if (find_locked(node->dir.uuid)) return OX_ERR_EXIST;
+    removed.take_flushed_locked(dirset);
+    if (dirset.find_locked(node->dir.uuid)) return OX_ERR_EXIST;
     list_add_tail(&node->list, &dirset.head);
     ++dirset.dirnum;
   }
@@ -109,7 +73,7 @@ int dir_del(const void __user *record, unsigned length) {
   uuid_t uuid;
   const unsigned long left = copy_from_user(uuid, record, sizeof(uuid));
   if (left) return static_cast<int>(left);
-  dir_ref node(find_dir(uuid));
+  dir_ref node(dirset.find(uuid));
   if (!node) return OX_ERR_NOENT;
   char text[OX_UUID_TEXT];
   uuid_unparse_upper(node->dir.uuid, text);
@@ -120,7 +84,7 @@ int dir_del(const void __user *record, unsigned length) {
 int dir_delnode_fromlist(struct dir_node *node) {
   removed_dirs removed;
   write_guard guard(dirset.rwlock);
-  removed.take_flushed_locked();
+  removed.take_flushed_locked(dirset);
   struct dir_node *listed;
   list_for_each_entry(listed, &dirset.head, list) {
     if (listed != node) continue;
@@ -143,7 +107,7 @@ int dir_flush(int) {
   }
   removed_dirs removed;
   write_try_guard guard(dirset.rwlock);
-  if (guard) removed.take_flushed_locked();
+  if (guard) removed.take_flushed_locked(dirset);
   return 0;
 }
 
@@ -158,6 +122,99 @@ int dir_setmirrord(const char __user *path, unsigned length) {
     ox_store(mirrord_full_name[i], name[i]);
   } while (name[i++]);
   return static_cast<int>(length);
+}
+
+/* ---- the rule about renames ---- */
+
+namespace {
+
+/* True if a replicated directory's name is how `path` begins; a separator need not follow. */
+bool in_replicated_directory(const char *path) {
+  read_guard guard(dirset.rwlock);
+  for (struct list_head *p = ox_first(&dirset.head); p != &dirset.head; p = p->next) {
+    const struct dir_node *node = list_entry(p, struct dir_node, list);
+    if (!strncmp(path, node->dir.repdir, strnlen(node->dir.repdir, sizeof(node->dir.repdir))))
+      return true;
+  }
+  return false;
+}
+
+/* The calling task's program as a dentry and the mount it was reached by, with a reference on each.
+ */
+class task_program {
+ public:
+  task_program() {
+    struct mm_struct *mm = get_task_mm(current);
+    if (!mm) return;
+    down_read(&mm->mmap_sem);
+    for (struct vm_area_struct *vma = mm->mmap; vma; vma = vma->vm_next) {
+      if ((vma->vm_flags & VM_EXECUTABLE) && vma->vm_file) {
+        mnt_ = mntget(vma->vm_file->f_vfsmnt);
+        dentry_ = dget(vma->vm_file->f_dentry);
+        break;
+      }
+    }
+    up_read(&mm->mmap_sem);
+    mmput(mm);
+  }
+  ~task_program() {
+    if (dentry_) dput(dentry_);
+    if (mnt_) mntput(mnt_);
+  }
+  task_program(const task_program &) = delete;
+  task_program &operator=(const task_program &) = delete;
+
+  /* Its path from the root of the name space; false when that does not fit. Empty for a kernel
+   * thread. */
+  template <size_t N>
+  bool path(char (&text)[N]) const {
+    char scratch[N];
+    memset(text, 0, N);
+    memset(scratch, 0, N);
+    spin_guard guard(dcache_lock); /* the names and parents on the way stay as they are */
+    struct dentry *dentry = dentry_;
+    struct vfsmount *mnt = mnt_;
+    while (dentry && mnt) {
+      if (dentry != mnt->mnt_root && dentry != dentry->d_parent) {
+        const unsigned char *name = dentry->d_name.name;
+        if (!name) break;
+        if (snprintf(scratch, N, "/%s%s", name, text) >= static_cast<int>(N)) return false;
+        strcpy(text, scratch);
+        dentry = dentry->d_parent;
+      } else {
+        if (mnt->mnt_parent == mnt) break;
+        dentry = mnt->mnt_mountpoint;
+        mnt = mnt->mnt_parent;
+      }
+    }
+    return true;
+  }
+
+ private:
+  struct dentry *dentry_ = nullptr;
+  struct vfsmount *mnt_ = nullptr;
+};
+
+/* Whether it is the daemon's path, which somebody may be setting meanwhile. */
+bool is_daemon_path(const char *program) {
+  for (const char &byte : mirrord_full_name) {
+    if (ox_load(byte) != *program) return false;
+    if (!*program++) return true;
+  }
+  return false;
+}
+
+bool current_is_daemon() {
+  char program[128];
+  return task_program().path(program) && is_daemon_path(program);
+}
+
+}  // namespace
+
+bool dir_refuses_rename(const char *path) {
+  if (!in_replicated_directory(path) || current_is_daemon()) return false;
+  printk("tarn_rename:block %s\n", path);
+  return true;
 }
 
 /* ---- socket options ---- */
@@ -195,10 +252,8 @@ static struct nf_sockopt_ops dir_sockopts = {
 };
 
 int dir_init(void) {
-  INIT_LIST_HEAD(&dirset.head);
+  dirset.init();
   dirset.dirnum = 0;
-  rwlock_init(&dirset.rwlock);
-  ox_flush_init(&dirset.flushed);
   dirnode_cachep = kmem_cache_create("dirnode_cachep", sizeof(struct dir_node), 0,
                                      SLAB_RECLAIM_ACCOUNT | SLAB_MEM_SPREAD, nullptr, nullptr);
   if (!dirnode_cachep) {

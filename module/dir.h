@@ -9,24 +9,11 @@
 #define TARN_DIR_H
 
 #include "kernel.h"
-#include "ox_flush.h"
 #include "ox_guard.h"
 #include "ox_msg.h"
 
-struct dir_node {
-  struct list_head list;     /* under dirset.rwlock */
-  struct list_head aux_list; /* not used */
-  atomic_t refcnt;
-  spinlock_t node_lock; /* not used */
-  struct dir dir;       /* repdir ends in a NUL */
-};
-
-struct dir_set {
-  struct list_head head; /* in the order of insertion */
-  int dirnum;
-  rwlock_t rwlock;
-  struct ox_flush flushed;
-};
+struct dir_node;
+struct dir_set; /* dir_set.h */
 
 /* Absolute path of the daemon's program. */
 extern char mirrord_full_name[OX_DAEMON_PATH_LEN];
@@ -46,6 +33,11 @@ int dir_flush(int flag);
 /* `length` on success, which is positive; 0 for length 0, which changes nothing; -EFAULT. A longer
  * path is cut. */
 int dir_setmirrord(const char __user *path, unsigned length);
+
+/* What lies in a replicated directory is moved by the daemon alone: whether the calling task may
+ * not rename what is at `path`. Says so in the log. Takes the set's lock, mmap_sem and dcache_lock.
+ */
+bool dir_refuses_rename(const char *path);
 
 int do_dir_set_ctl(struct sock *sk, int code, void __user *user, unsigned int length);
 

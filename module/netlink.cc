@@ -124,11 +124,7 @@ int tarn_send_page(struct sk_buff **page, int len, int type, int flags, ox_u32_t
   return unicast(skb, pid);
 }
 
-int tarn_send_netlink(void *data, int len, int type, int flags, ox_u32_t seq) {
-  if (type == OX_OP_WRITE) {
-    struct sk_buff *page = static_cast<struct sk_buff *>(data);
-    return tarn_send_page(&page, len, type, flags, seq);
-  }
+int tarn_send_netlink(const void *data, int len, int type, int flags, ox_u32_t seq) {
   const ox_u32_t pid = ox_load(daemon_pid);
   if (!pid) return 0;
   return send_copy(data, data ? static_cast<ox_u32_t>(len) : 0, type, flags, seq, pid);

@@ -22,14 +22,11 @@ extern ox_u32_t daemon_pid;
 [[nodiscard]] int tarn_init_netlink(void);
 void tarn_release_netlink(void);
 
-/*
- * Sends to the daemon; 0 also when there is none, or when it is gone and was forgotten. -ENOMEM;
- * -EMSGSIZE when the message was lost. For OX_OP_WRITE `data` is a struct sk_buff that was filled
- * behind room for a netlink header: it is consumed unless there is no daemon. For every other type
- * `len` bytes at `data` are copied.
- */
-int tarn_send_netlink(void *data, int len, int type, int flags, ox_u32_t seq);
-/* The same for a prepared buffer; *page becomes null when it was consumed. */
+/* Sends a copy of `len` bytes to the daemon; 0 also when there is none, or when it is gone and was
+ * forgotten. -ENOMEM; -EMSGSIZE when the message was lost. */
+int tarn_send_netlink(const void *data, int len, int type, int flags, ox_u32_t seq);
+/* The same for a page of a write: a buffer that was filled behind room for a netlink header. *page
+ * becomes null when it was consumed, which it is unless there is no daemon. */
 int tarn_send_page(struct sk_buff **page, int len, int type, int flags, ox_u32_t seq);
 /* Tells the daemon that the rule was stopped. */
 int tarn_send_stop_rule(const uuid_t uuid);

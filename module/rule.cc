@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "rule.h"
+#include "rule_set.h"
 
 #include "ox_types.h"
 #include "ox_uuid.h"
@@ -71,53 +71,20 @@ static void unindex_locked(struct prule_node *node) {
   node->place = 0;
 }
 
-/* Nodes that were taken off the set, under its lock; gives the list's references back once it is
- * released. */
-class removed_rules {
- public:
-  removed_rules() { INIT_LIST_HEAD(&nodes_); }
-  ~removed_rules() {
-    struct prule_node *node, *next;
-    list_for_each_entry_safe(node, next, &nodes_, list) {
-      list_del_init(&node->list);
-      prule_node_put(node);
-    }
-  }
-  removed_rules(const removed_rules &) = delete;
-  removed_rules &operator=(const removed_rules &) = delete;
+typedef ox_removed<struct prule_node> removed_rules;
 
-  /* With the lock held for writing, before anything else: what flushes have left behind. A flush
-   * takes all there is, and nothing has come since: the index is of these alone. */
-  void take_flushed_locked() {
-    ruleset.flushed.drain(&ruleset.head, &nodes_);
-    if (list_empty(&nodes_)) return;
-    memset(&ruleset.index, 0, sizeof(ruleset.index));
-    ruleset.stopped = nullptr;
-    struct prule_node *node;
-    list_for_each_entry(node, &nodes_, list) node->place = 0;
-  }
-  void take_locked(struct prule_node *node) {
-    unindex_locked(node);
-    list_move_tail(&node->list, &nodes_);
-  }
-
- private:
-  struct list_head nodes_;
-};
-
-static struct prule_node *find_locked(const uuid_t uuid) {
-  for (struct list_head *p = ox_first(&ruleset.head); p != &ruleset.head; p = p->next) {
-    struct prule_node *node = list_entry(p, struct prule_node, list);
-    if (uuid_same(node->rule.uuid, uuid)) return node;
-  }
-  return nullptr;
+/* A flush takes all there is, and nothing has come since: the index is of these alone. */
+static void take_flushed_locked(removed_rules &removed) {
+  removed.take_flushed_locked(ruleset);
+  if (list_empty(removed.nodes())) return;
+  memset(&ruleset.index, 0, sizeof(ruleset.index));
+  ruleset.stopped = nullptr;
+  struct prule_node *node;
+  list_for_each_entry(node, removed.nodes(), list) node->place = 0;
 }
 
 struct prule_node *findnode_byuuid(const uuid_t uuid) {
-  read_guard guard(ruleset.rwlock);
-  struct prule_node *node = find_locked(uuid);
-  if (node) prule_node_get(node);
-  return node;
+  return ruleset.find(uuid);
 }
 
 /*
@@ -208,8 +175,8 @@ int do_add(const void __user *record, unsigned length) {
   bool exists;
   {
     write_guard guard(ruleset.rwlock);
-    removed.take_flushed_locked();
-    exists = find_locked(node->rule.uuid) != nullptr;
+    take_flushed_locked(removed);
+    exists = ruleset.find_locked(node->rule.uuid) != nullptr;
     node->status = PRULE_ACTIVE;
     if (!exists) {
       list_add_tail(&node->list, &ruleset.head);
@@ -241,9 +208,10 @@ int do_del(const void __user *record, unsigned length) {
 int delnode_fromlist(struct prule_node *node) {
   removed_rules removed;
   write_guard guard(ruleset.rwlock);
-  removed.take_flushed_locked();
+  take_flushed_locked(removed);
   if (node->place) {
     --ruleset.rulenum;
+    unindex_locked(node);
     removed.take_locked(node);
   }
   return 0;
@@ -271,7 +239,7 @@ static void flush_set() {
   }
   removed_rules removed;
   write_try_guard guard(ruleset.rwlock);
-  if (guard) removed.take_flushed_locked();
+  if (guard) take_flushed_locked(removed);
 }
 
 int do_flush(int) {
@@ -280,171 +248,64 @@ int do_flush(int) {
   return 0;
 }
 
-/* ---- socket options ---- */
+/* ---- hits ---- */
 
-int do_ox_set_ctl(struct sock *, int code, void __user *user, unsigned int length) {
-  if (!capable(CAP_NET_ADMIN)) return -EPERM;
-  switch (code) {
-    case OX_SO_REP_ADD:
-      return do_add(user, length);
-    case OX_SO_REP_DEL:
-      return do_del(user, length);
-    case OX_SO_REP_FLUSH:
-      return do_flush(0);
-    default:
-      printk("do_ox_set_ctl: unknown request %i\n", code);
-      return OX_ERR_REQUEST;
-  }
-}
-
-static int get_rule(void __user *user, int *length) {
-  if (static_cast<unsigned>(*length) < sizeof(struct prule_info)) return OX_ERR_SIZE;
-  struct prule_info info;
-  unsigned long left = copy_from_user(&info, user, sizeof(info));
-  if (left) return static_cast<int>(left);
-  prule_ref node(findnode_byuuid(info.uuid));
-  if (!node) return OX_ERR_NOENT;
-  left = copy_to_user(user, &node->rule, sizeof(node->rule));
-  *length = sizeof(node->rule);
-  return static_cast<int>(left);
-}
-
-/*
- * All rules at one moment, each with a reference: what is copied to user space must not be under
- * the lock. The references stand in blocks of a page, since the kernel gives no block that is large
- * enough for any number of them.
- */
-class rule_snapshot {
+/* The first of the rules that are offered, in list order. */
+class first_hits {
  public:
-  rule_snapshot() = default;
-  ~rule_snapshot() {
-    while (struct block *block = blocks_) {
-      for (int i = 0; i < block->used; ++i) prule_node_put(block->nodes[i]);
-      blocks_ = block->next;
-      kfree(block);
-    }
-  }
-  rule_snapshot(const rule_snapshot &) = delete;
-  rule_snapshot &operator=(const rule_snapshot &) = delete;
+  explicit first_hits(struct hit_rules *hits) : arr_(hits->arr), count_(0) {}
 
-  /* 0; OX_ERR_COUNT when there are not `count` rules; OX_ERR_NOMEM. */
-  int take(int count) {
-    {
-      read_guard guard(ruleset.rwlock);
-      if (count != ox_load(ruleset.rulenum)) return OX_ERR_COUNT;
+  /* Takes the rule if `path` hits it. Whether one behind it in the list could still be among the
+   * first. */
+  bool offer(struct prule_node *rule, const char *path) {
+    if (count_ == HIT_RULES_MAX && rule->place > arr_[count_ - 1]->place) return false;
+    int at = count_;
+    while (at > 0 && arr_[at - 1]->place > rule->place) --at;
+    if (at > 0 && arr_[at - 1] == rule) return true;
+    if (ox_load(rule->status) != PRULE_STOPPED && match(&rule->path, path) == STATE_MISS) {
+      return true;
     }
-    for (int room = 0; room < count; room += kBlockNodes) {
-      struct block *block = static_cast<struct block *>(kzalloc(sizeof(*block), GFP_KERNEL));
-      if (!block) return OX_ERR_NOMEM;
-      block->next = blocks_;
-      blocks_ = block;
-    }
-    read_guard guard(ruleset.rwlock);
-    if (count != ox_load(ruleset.rulenum)) return OX_ERR_COUNT;
-    /* A flush may be at work beside us: there may be fewer by now. */
-    struct list_head *p = ox_first(&ruleset.head);
-    for (struct block *block = blocks_; block; block = block->next) {
-      for (; p != &ruleset.head && count_ < count && block->used < kBlockNodes; p = p->next) {
-        struct prule_node *node = list_entry(p, struct prule_node, list);
-        prule_node_get(node);
-        block->nodes[block->used++] = node;
-        ++count_;
-      }
-    }
-    return 0;
+    if (count_ == HIT_RULES_MAX) --count_;
+    for (int i = count_++; i > at; --i) arr_[i] = arr_[i - 1];
+    arr_[at] = rule;
+    return true;
   }
 
-  int count() const { return count_; }
-
-  /* each(rule) in list order until it returns something else than 0, which is the result. */
-  template <typename Each>
-  unsigned long each(Each each) const {
-    for (const struct block *block = blocks_; block; block = block->next) {
-      for (int i = 0; i < block->used; ++i) {
-        if (const unsigned long result = each(block->nodes[i]->rule)) return result;
-      }
-    }
-    return 0;
+  /* A reference on each; their number. */
+  int get_all() {
+    for (int i = 0; i < count_; ++i) prule_node_get(arr_[i]);
+    return count_;
   }
 
  private:
-  static const int kBlockNodes = PAGE_SIZE / sizeof(void *) - 2;
-  struct block {
-    struct block *next;
-    int used;
-    struct prule_node *nodes[kBlockNodes];
-  };
-  static_assert(sizeof(struct block) == PAGE_SIZE, "a block is a page");
-
-  struct block *blocks_ = nullptr;
-  int count_ = 0;
+  struct prule_node **arr_;
+  int count_;
 };
 
-static int get_rules(void __user *user, int *length) {
-  if (static_cast<unsigned>(*length) != sizeof(struct prule_info)) return OX_ERR_SIZE;
-  struct prule_info info;
-  unsigned long left = copy_from_user(&info, user, sizeof(info));
-  if (left) return static_cast<int>(left);
-  rule_snapshot rules;
-  const int result = rules.take(info.rulenum);
-  if (result) return result;
-  struct prule __user *slot = static_cast<struct prule __user *>(user);
-  left = rules.each(
-      [&slot](const struct prule &rule) { return copy_to_user(slot++, &rule, sizeof(rule)); });
-  if (left) return static_cast<int>(left);
-  *length = static_cast<int>(rules.count() * sizeof(struct prule));
-  return 0;
-}
-
-static int get_info(void __user *user, int *length) {
-  if (static_cast<unsigned>(*length) < sizeof(struct prule_info)) return OX_ERR_SIZE;
-  struct prule_info info;
-  const unsigned long left = copy_from_user(&info, user, sizeof(info));
-  if (left) return static_cast<int>(left);
-  int answer;
-  if (info.op == OX_INFO_COUNT) {
-    read_guard guard(ruleset.rwlock);
-    answer = ox_load(ruleset.rulenum);
-  } else if (info.op == OX_INFO_EXIST) {
-    prule_ref node(findnode_byuuid(info.uuid));
-    if (!node) return 0; /* the caller has put its own answer for this there */
-    answer = 1;
-  } else {
-    return OX_ERR_SIZE;
+int prule_get_hits(struct hit_rules *hits, const char *path1, const char *path2) {
+  first_hits first(hits);
+  read_guard guard(ruleset.rwlock);
+  /* What a flush has taken off may still be in the index. */
+  if (ox_first(&ruleset.head) == &ruleset.head) return 0;
+  struct prule_node *stopped = ox_load(ruleset.stopped);
+  while (stopped && first.offer(stopped, path1)) stopped = ox_load(stopped->next_stopped);
+  const char *const paths[] = {path1, path2};
+  for (const char *path : paths) {
+    if (!path) continue;
+    rule_index_search(&ruleset.index, path,
+                      [&](struct prule_node *rule) { return first.offer(rule, path); });
   }
-  char __user *field = static_cast<char __user *>(user) + __builtin_offsetof(prule_info, rulenum);
-  return static_cast<int>(copy_to_user(field, &answer, sizeof(answer)));
+  return first.get_all();
 }
 
-int do_ox_get_ctl(struct sock *, int code, void __user *user, int *length) {
-  if (!capable(CAP_NET_ADMIN)) return -EPERM;
-  switch (code) {
-    case OX_SO_GET_INFO:
-      return get_info(user, length);
-    case OX_SO_GET_RULE:
-      return get_rule(user, length);
-    case OX_SO_GET_RULES:
-      return get_rules(user, length);
-    default:
-      printk("do_ox_get_ctl: unknown request %i\n", code);
-      return OX_ERR_REQUEST;
+void prule_skip_numbers(const char *path1, const char *path2) {
+  read_guard guard(ruleset.rwlock);
+  for (struct list_head *p = ox_first(&ruleset.head); p != &ruleset.head; p = p->next) {
+    struct prule_node *rule = list_entry(p, struct prule_node, list);
+    if (ox_load(rule->status) == PRULE_STOPPED) continue;
+    if (!path1 || prule_is_hit(rule, path1, path2)) atomic_inc(&rule->transnr);
   }
 }
-
-static struct nf_sockopt_ops prule_sockopts = {
-    .list = {},
-    .pf = PF_INET,
-    .set_optmin = OX_SO_RULE_SET_FIRST,
-    .set_optmax = OX_SO_RULE_SET_LAST + 1,
-    .set = do_ox_set_ctl,
-    .compat_set = nullptr,
-    .get_optmin = OX_SO_RULE_GET_FIRST,
-    .get_optmax = OX_SO_RULE_GET_LAST + 1,
-    .get = do_ox_get_ctl,
-    .compat_get = nullptr,
-    .use = 0,
-    .cleanup_task = nullptr,
-};
 
 /* ---- start and stop ---- */
 
@@ -461,10 +322,8 @@ static void end_set(void) {
 }
 
 int prule_init(void) {
-  INIT_LIST_HEAD(&ruleset.head);
+  ruleset.init();
   ruleset.rulenum = 0;
-  rwlock_init(&ruleset.rwlock);
-  ox_flush_init(&ruleset.flushed);
   memset(&ruleset.index, 0, sizeof(ruleset.index));
   ruleset.stopped = nullptr;
   spin_lock_init(&ruleset.stop_lock);

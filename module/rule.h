@@ -5,7 +5,7 @@
  * A rule node is reference counted: the set holds one reference, each lookup and each hit one more,
  * the last put frees it. `rule` and `path` do not change once the node is in the set.
  *
- * Locks: ruleset.rwlock guards the list, the count and the index. Lookups and the search for hits
+ * Locks: the set's rwlock guards the list, the count and the index. Lookups and the search for hits
  * hold it for reading, add and delete for writing. A flush holds it for reading only and so never
  * waits for readers: it takes the whole chain off the head and leaves the chain itself as it is,
  * and the references are dropped by whoever next holds the lock alone (see ox_flush.h). ox_flush's
@@ -18,7 +18,6 @@
 #define TARN_RULE_H
 
 #include "kernel.h"
-#include "ox_flush.h"
 #include "ox_guard.h"
 #include "ox_msg.h"
 #include "rule_index.h"
@@ -57,19 +56,13 @@ struct prule_node {
   struct prule_node *next_stopped; /* in ruleset.stopped */
   struct rule_key *keys;           /* its places in ruleset.index */
   int keynum;
+
+  const ox_u8_t *uuid() const { return rule.uuid; }
+  void get();
+  void put();
 };
 
-struct prule_set {
-  struct list_head head; /* in the order of insertion */
-  int rulenum;
-  rwlock_t rwlock;
-  struct ox_flush flushed; /* nodes that a flush took off while others were reading */
-  ox_u64_t last_place;
-  struct rule_index index; /* of all nodes; after a flush also of those it took off */
-  /* The stopped rules in list order, likewise. Put in under stop_lock, while others may read. */
-  struct prule_node *stopped;
-  spinlock_t stop_lock;
-};
+struct prule_set; /* rule_set.h */
 
 struct hit_rules {
   struct prule_node *arr[HIT_RULES_MAX];
@@ -84,8 +77,28 @@ void prule_node_get(struct prule_node *node);
 void prule_node_put(struct prule_node *node);
 /* For prule_node_put: the node has no reference left. Sleeps not. */
 void free_prulenode(struct prule_node *node);
+/* Does either path (path2 may be null) hit the rule? */
+inline bool prule_is_hit(const struct prule_node *rule, const char *path1, const char *path2) {
+  return match(&rule->path, path1) != STATE_MISS ||
+         (path2 && match(&rule->path, path2) != STATE_MISS);
+}
+/*
+ * The rules that either path (path2 may be null) hits, at most 32 in list order, with a reference
+ * on each. Their number.
+ */
+[[nodiscard]] int prule_get_hits(struct hit_rules *hits, const char *path1, const char *path2);
+/* A change of which there is no record, for want of memory: each rule that either path hits, all if
+ * path1 is null, uses up a number. */
+void prule_skip_numbers(const char *path1, const char *path2);
 /* The rule of that name with a reference for the caller, or null. */
 struct prule_node *findnode_byuuid(const uuid_t uuid);
+
+inline void prule_node::get() {
+  prule_node_get(this);
+}
+inline void prule_node::put() {
+  prule_node_put(this);
+}
 
 typedef ox_owner<struct prule_node, prule_node_put> prule_ref;
 

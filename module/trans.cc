@@ -15,13 +15,12 @@ struct completion g_tworker_waits;
 /* ---- records ---- */
 
 ox_u32_t trans_msglen(const struct tarn_trans *trans) {
-  struct tarn_trans *t = const_cast<struct tarn_trans *>(trans);
   if (trans->msg.op <= OX_OP_RENAME) {
-    return OX_MSG_PARA_LEN + trans_para(t)->dlen1 + trans_para(t)->dlen2;
+    return OX_MSG_PARA_LEN + trans_para(trans)->dlen1 + trans_para(trans)->dlen2;
   }
   if (trans->msg.op == OX_OP_SETATTR) return OX_MSG_ATTR_LEN + trans->msg.l1 + trans->msg.l2;
   if (trans->msg.op == OX_OP_WRITE) {
-    return OX_MSG_WR_LEN + trans_wr(t)->dlen1 + trans_wr(t)->dlen2;
+    return OX_MSG_WR_LEN + trans_wr(trans)->dlen1 + trans_wr(trans)->dlen2;
   }
   return 0;
 }
@@ -111,56 +110,11 @@ int tarn_transq_submit(struct prule_node *rule) {
 
 /* ---- hits ---- */
 
-/* The first of the rules that are offered, in list order. */
-class first_hits {
- public:
-  explicit first_hits(struct hit_rules *hits) : arr_(hits->arr), count_(0) {}
-
-  /* Takes the rule if `path` hits it. Whether one behind it in the list could still be among the
-   * first. */
-  bool offer(struct prule_node *rule, const char *path) {
-    if (count_ == HIT_RULES_MAX && rule->place > arr_[count_ - 1]->place) return false;
-    int at = count_;
-    while (at > 0 && arr_[at - 1]->place > rule->place) --at;
-    if (at > 0 && arr_[at - 1] == rule) return true;
-    if (ox_load(rule->status) != PRULE_STOPPED && match(&rule->path, path) == STATE_MISS) {
-      return true;
-    }
-    if (count_ == HIT_RULES_MAX) --count_;
-    for (int i = count_++; i > at; --i) arr_[i] = arr_[i - 1];
-    arr_[at] = rule;
-    return true;
-  }
-
-  /* A reference on each; their number. */
-  int get_all() {
-    for (int i = 0; i < count_; ++i) prule_node_get(arr_[i]);
-    return count_;
-  }
-
- private:
-  struct prule_node **arr_;
-  int count_;
-};
-
 int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *path2, gfp_t gfp) {
-  struct prule_set *set = get_prule_set();
   struct hit_rules *found = static_cast<struct hit_rules *>(kmem_cache_zalloc(hit_rule_cache, gfp));
   if (!found) return -ENOMEM;
   *hits = found;
-  first_hits first(found);
-  read_guard guard(set->rwlock);
-  /* What a flush has taken off may still be in the index. */
-  if (ox_first(&set->head) == &set->head) return 0;
-  struct prule_node *stopped = ox_load(set->stopped);
-  while (stopped && first.offer(stopped, path1)) stopped = ox_load(stopped->next_stopped);
-  const char *const paths[] = {path1, path2};
-  for (const char *path : paths) {
-    if (!path) continue;
-    rule_index_search(&set->index, path,
-                      [&](struct prule_node *rule) { return first.offer(rule, path); });
-  }
-  return first.get_all();
+  return prule_get_hits(found, path1, path2);
 }
 
 void tarn_stop_rule(struct prule_node *rule) {
@@ -194,10 +148,7 @@ class change_paths {
   }
   bool changed() const { return first_.changed() || (second_ && second_->changed()); }
 
-  bool hits(const struct prule_node *rule) const {
-    return match(&rule->path, path1()) != STATE_MISS ||
-           (path2() && match(&rule->path, path2()) != STATE_MISS);
-  }
+  bool hits(const struct prule_node *rule) const { return prule_is_hit(rule, path1(), path2()); }
 
   enum tarn_numbering number(struct tarn_trans **records, int count, enum tarn_names_effect effect,
                              tarn_name_change *change) {
@@ -231,33 +182,17 @@ static void leave_out_next(struct prule_node *rule, const char *why, const char 
   leave_out(rule, atomic_inc_return(&rule->transnr), why, path);
 }
 
-/*
- * A change for which not even a path or its hits can be had, for want of memory: each rule that it
- * hits, all if the path is not known, uses up a number.
- */
-static void leave_out_unmade(const char *path1, const char *path2) {
-  struct prule_set *set = get_prule_set();
-  read_guard guard(set->rwlock);
-  for (struct list_head *p = ox_first(&set->head); p != &set->head; p = p->next) {
-    struct prule_node *rule = list_entry(p, struct prule_node, list);
-    if (ox_load(rule->status) == PRULE_STOPPED) continue;
-    if (!path1 || match(&rule->path, path1) != STATE_MISS ||
-        (path2 && match(&rule->path, path2) != STATE_MISS))
-      atomic_inc(&rule->transnr);
-  }
-}
-
 /* The paths for the first time. False if nothing can be captured. */
 static bool take_paths(change_paths &paths, gfp_t gfp = GFP_KERNEL) {
   if (paths.take(gfp)) return true;
-  if (paths.without_memory()) leave_out_unmade(nullptr, nullptr);
+  if (paths.without_memory()) prule_skip_numbers(nullptr, nullptr);
   return false;
 }
 
 /* The rules that they hit; their number or -ENOMEM. */
 static int find_hits(struct hit_rules **hits, const change_paths &paths, gfp_t gfp = GFP_KERNEL) {
   const int count = tarn_get_hit_rule(hits, paths.path1(), paths.path2(), gfp);
-  if (count < 0) leave_out_unmade(paths.path1(), paths.path2());
+  if (count < 0) prule_skip_numbers(paths.path1(), paths.path2());
   return count;
 }
 
@@ -481,6 +416,15 @@ int tarn_names_sync(ox_u32_t op, tarn_record_path &first, tarn_record_path *seco
   }
 }
 
+/* ia_valid goes on the wire as it is. */
+static_assert(OX_ATTR_MODE == ATTR_MODE && OX_ATTR_UID == ATTR_UID && OX_ATTR_GID == ATTR_GID &&
+              OX_ATTR_SIZE == ATTR_SIZE && OX_ATTR_ATIME == ATTR_ATIME &&
+              OX_ATTR_MTIME == ATTR_MTIME && OX_ATTR_CTIME == ATTR_CTIME);
+static_assert(OX_ATTR_ATIME_SET == ATTR_ATIME_SET && OX_ATTR_MTIME_SET == ATTR_MTIME_SET &&
+              OX_ATTR_FORCE == ATTR_FORCE && OX_ATTR_ATTR_FLAG == ATTR_ATTR_FLAG &&
+              OX_ATTR_KILL_SUID == ATTR_KILL_SUID && OX_ATTR_KILL_SGID == ATTR_KILL_SGID &&
+              OX_ATTR_FILE == ATTR_FILE);
+
 static ox_u64_t microseconds(const struct timespec &time) {
   return static_cast<ox_u64_t>(time.tv_sec) * 1000000 + time.tv_nsec / 1000;
 }
@@ -577,7 +521,7 @@ struct write_source {
 /* Fills one page message with the bytes from `done` on; the bytes it took, or -EFAULT. */
 int fill_page(const struct tarn_trans *trans, struct sk_buff *skb, const write_source &source,
               int index, size_t done) {
-  const struct ox_msg_wr *whole = trans_wr(const_cast<struct tarn_trans *>(trans));
+  const struct ox_msg_wr *whole = trans_wr(trans);
   struct ox_msg_wr *page = reinterpret_cast<struct ox_msg_wr *>(skb->data + OX_NLMSG_HDRLEN);
   memset(skb->data, 0, OX_NLMSG_HDRLEN + OX_MSG_WR_LEN);
   memcpy(page->uuid, whole->uuid, sizeof(page->uuid));

@@ -41,11 +41,17 @@ static_assert(__builtin_offsetof(struct tarn_trans, msg) == TARN_TRANS_FIELDS,
 inline struct ox_msg_para *trans_para(struct tarn_trans *trans) {
   return reinterpret_cast<struct ox_msg_para *>(&trans->msg);
 }
+inline const struct ox_msg_para *trans_para(const struct tarn_trans *trans) {
+  return reinterpret_cast<const struct ox_msg_para *>(&trans->msg);
+}
 inline struct ox_msg_attr *trans_attr(struct tarn_trans *trans) {
   return reinterpret_cast<struct ox_msg_attr *>(&trans->msg);
 }
 inline struct ox_msg_wr *trans_wr(struct tarn_trans *trans) {
   return reinterpret_cast<struct ox_msg_wr *>(&trans->msg);
+}
+inline const struct ox_msg_wr *trans_wr(const struct tarn_trans *trans) {
+  return reinterpret_cast<const struct ox_msg_wr *>(&trans->msg);
 }
 /* The page buffers of a paged write, which stand where the data of a whole one is, aligned. */
 constexpr unsigned long trans_pages_at(unsigned long dlen1) {

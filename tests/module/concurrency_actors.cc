@@ -2,6 +2,8 @@
 #include "tests/module/concurrency_actors.h"
 
 #include "netlink.h"
+#include "rule_set.h"
+#include "dir_set.h"
 
 namespace concurrency {
 

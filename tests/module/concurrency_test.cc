@@ -3,6 +3,7 @@
 // daemon must have received.
 #include "netlink.h"
 #include "tests/module/concurrency_actors.h"
+#include "dir_set.h"
 
 using namespace concurrency;
 

@@ -4,6 +4,7 @@
 // one rule is stopped, or one record is lost; the log says which, all other rules get what is
 // theirs, the change itself stands, and a stopped rule says so again at every later change.
 #include "tests/module/fault_driver.h"
+#include "rule_set.h"
 
 namespace {
 

@@ -13,6 +13,8 @@
 #include "ukern/mm/alloc_track.h"
 #include "ukern/sched/task.h"
 #include "ukern/sync/lockcheck.h"
+#include "rule_set.h"
+#include "dir_set.h"
 
 /* One run of the operation. */
 struct fault_run {

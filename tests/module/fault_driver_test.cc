@@ -4,6 +4,7 @@
 #include "tests/module/fault_driver.h"
 #include "netlink.h"
 #include "thread.h"
+#include "rule_set.h"
 
 namespace {
 

@@ -5,6 +5,8 @@
 #include "tests/module/mounted.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/sync/lockcheck.h"
+#include "rule_set.h"
+#include "dir_set.h"
 
 namespace {
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "support.h"
+#include "rule_set.h"
 
 namespace {
 

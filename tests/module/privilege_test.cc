@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 // What a program without CAP_NET_ADMIN may not do, on the netlink channel and through the socket
 // options; what it must be able to do; and that the capability is all it takes.
-#include "dir.h"
+#include "dir_set.h"
 #include "support.h"
+#include "rule_set.h"
 
 namespace {
 

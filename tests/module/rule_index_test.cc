@@ -3,6 +3,7 @@
 // list, in which each rule is asked in its turn.
 #include "rule_index.h"
 #include "support.h"
+#include "rule_set.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "rule.h"
+#include "rule_set.h"
 #include "support.h"
 
 namespace {

@@ -77,6 +77,8 @@ extern struct completion g_tworker_waits;
 ox_u32_t trans_msglen(const struct tarn_trans *trans);
 /* Charges the record to its rule and to the total; the bytes behind the common header. */
 ox_s32_t mem_buff_add(struct tarn_trans *trans);
+/* What every record begins with. */
+void trans_init(struct tarn_trans *trans, struct prule_node *rule, ox_u32_t op);
 /* A record with room for `len` wire bytes. It takes over the caller's reference on the rule. Null
  * without memory. */
 [[nodiscard]] struct tarn_trans *tarn_var_alloc(struct prule_node *rule, ox_u32_t op, ox_u32_t len,

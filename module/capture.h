@@ -1,0 +1,117 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * What the builders of records share: the paths of a change, the rules that they hit, a numbered
+ * record for each. For capture_*.cc alone.
+ */
+#ifndef TARN_CAPTURE_H
+#define TARN_CAPTURE_H
+
+#include "netlink.h"
+#include "ox_guard.h"
+#include "trans.h"
+
+/* The paths of one change, and the order of names that they were taken in. */
+class change_paths {
+ public:
+  change_paths(tarn_record_path &first, tarn_record_path *second, tarn_names &names)
+      : first_(first), second_(second), names_(names) {}
+
+  const tarn_record_path &first() const { return first_; }
+  const char *path1() const { return first_.get(); }
+  const char *path2() const { return second_ ? second_->get() : nullptr; }
+  bool too_long() const { return first_.too_long() || (second_ && second_->too_long()); }
+
+  /* Whether there is each path. */
+  bool take(gfp_t gfp = GFP_KERNEL) {
+    names_.note();
+    const bool first = first_.take(gfp);
+    return (!second_ || second_->take(gfp)) && first;
+  }
+  bool without_memory() const {
+    return first_.without_memory() || (second_ && second_->without_memory());
+  }
+  bool changed() const { return first_.changed() || (second_ && second_->changed()); }
+
+  bool hits(const struct prule_node *rule) const { return prule_is_hit(rule, path1(), path2()); }
+
+  /* Numbers the records (see tarn_names::number), taking the paths again where other names have
+   * changed. TARN_NAMES_MOVED: these paths have. */
+  enum tarn_numbering number(struct tarn_trans **records, int count, enum tarn_names_effect effect,
+                             tarn_name_change *change);
+
+ private:
+  tarn_record_path &first_;
+  tarn_record_path *second_;
+  tarn_names &names_;
+};
+
+/* The paths for the first time. False if nothing can be captured. */
+bool capture_paths(change_paths &paths, gfp_t gfp = GFP_KERNEL);
+/* The rules that they hit; their number or -ENOMEM. */
+int capture_hits(struct hit_rules **hits, const change_paths &paths, gfp_t gfp = GFP_KERNEL);
+
+/* Why a number stands for a change that cannot be told. */
+extern const char capture_too_long[];
+extern const char capture_busy[];
+/* Says that the record of that number is left out: who follows the rule sees that one is missing.
+ */
+void capture_leave_out(const struct prule_node *rule, int number, const char *why,
+                       const char *path);
+/* The same with the rule's next number. */
+void capture_leave_out_next(struct prule_node *rule, const char *why, const char *path);
+/* Frees a record that is made again: it was not captured yet. Its reference on the rule is the
+ * caller's again. */
+void capture_discard(struct tarn_trans *trans);
+/* Stops the rule; -ENOMEM. */
+int capture_failed(struct prule_node *rule, const char *failure);
+
+/* One hit: takes over the caller's reference. */
+template <typename Make>
+int serve_hit(struct prule_node *hit, change_paths &paths, const char *failure, Make make) {
+  prule_ref rule(hit);
+  for (;;) {
+    if (paths.too_long()) {
+      capture_leave_out_next(rule.get(), capture_too_long, paths.path1());
+      return 0;
+    }
+    struct tarn_trans *trans = make(rule.get());
+    if (!trans) return capture_failed(rule.get(), failure);
+    const enum tarn_numbering numbering = paths.number(&trans, 1, TARN_KEEPS_NAMES, nullptr);
+    if (numbering == TARN_NUMBERED) {
+      tarn_trans_commit(trans, rule.release());
+      return 0;
+    }
+    const int number = trans->seq;
+    capture_discard(trans);
+    if (numbering == TARN_NAMES_BUSY) {
+      capture_leave_out(rule.get(), number, capture_busy, paths.path1());
+      return 0;
+    }
+    /* What was renamed meanwhile is this rule's no longer; the rename tells it so. */
+    if (!paths.hits(rule.get())) return 0;
+  }
+}
+
+/*
+ * Makes and sends a record for each hit, from the last to the first, and gives the array back.
+ * `make(rule)` returns the record, or null: then the rule is stopped and the result is -ENOMEM, but
+ * the others are served.
+ */
+template <typename Make>
+int serve_hits(struct hit_rules *hits, int count, change_paths &paths, const char *failure,
+               Make make) {
+  kmem_owner<struct hit_rules> array(hit_rule_cache, hits);
+  int result = 0;
+  for (int i = count - 1; i >= 0; --i) {
+    struct prule_node *rule = hits->arr[i];
+    if (ox_load(rule->status) == PRULE_STOPPED) {
+      tarn_send_stop_rule(rule->rule.uuid);
+      prule_node_put(rule);
+    } else if (serve_hit(rule, paths, failure, make)) {
+      result = -ENOMEM;
+    }
+  }
+  return result;
+}
+
+#endif

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: GPL-2.0
 # make demo   everything from nothing: install what is missing, build, mount, replicate, compare
 # make test   unit tests under the address, undefined-behaviour and thread sanitizers, and end to end
+# make one CASE=rename.two_names_of_one_file  tests whose name contains that, under the address and undefined sanitizers
 # make check  the presubmit checks: format, headers, both compilers, include arrows, stack sizes
 # make fuzz   each fuzzer for FUZZ_SECONDS, under the address and undefined-behaviour sanitizers
 # make soak   real programs on a mount for long, SOAK_SCALE times the work that they are given in make test
@@ -14,7 +15,7 @@ FUZZ_SECONDS ?= 60
 SOAK_SCALE ?= 10
 TESTJOBS ?= $(shell echo $$(( 2 * $$(nproc) )))
 
-.PHONY: all deps demo test test-asan test-tsan check fuzz soak bench install clean
+.PHONY: all deps demo test test-asan test-tsan one check fuzz soak bench install clean
 
 # What is shipped; tests build in their own folders.
 all: build/release/build.ninja
@@ -39,6 +40,11 @@ test-asan: build/asan/build.ninja
 test-tsan: build/tsan/build.ninja
 	cmake --build build/tsan -j $(JOBS) --target ukern_test module_test
 	ctest --test-dir build/tsan -j $(TESTJOBS) --output-on-failure --no-tests=error -R '^(ukern|module)_test/'
+
+one: build/asan/build.ninja
+	@[ -n "$(CASE)" ] || { echo "make one CASE=part of a test's name; 'ctest --test-dir build/asan -N' lists them" >&2; exit 2; }
+	cmake --build build/asan -j $(JOBS)
+	ctest --test-dir build/asan --output-on-failure --no-tests=error -R "$(CASE)"
 
 check: deps
 	@tools/check.sh

@@ -65,6 +65,7 @@ check_licence
 check_words
 check_conditionals
 tools/check_includes.py
+tools/check_test_table.py
 cmake --preset release >/dev/null
 tools/check_compile.py build/release --headers
 check_module_objects

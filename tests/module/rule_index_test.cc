@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // The rules that a change hits are looked up in an index; the answer is that of a walk over the
 // list, in which each rule is asked in its turn.
+#include <asm/processor.h>
+
 #include "rule_index.h"
 #include "support.h"
 #include "rule_set.h"
@@ -94,7 +96,7 @@ class other_reader {
   static int hold(void *self) {
     read_guard guard(get_prule_set()->rwlock);
     complete(&static_cast<other_reader *>(self)->holds_);
-    while (!kthread_should_stop()) __builtin_ia32_pause();
+    while (!kthread_should_stop()) cpu_relax();
     return 0;
   }
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // The contended roads of all locks. A lock is one word; who cannot have it spins a short while,
 // then sleeps in the host until the holder, who sees in the word that somebody waits, wakes it.
+#include <asm/processor.h>
 #include <linux/spinlock.h>
 
 #include "ukern/host/host.h"
@@ -9,10 +10,6 @@ namespace {
 
 constexpr int kSpins = 100;
 constexpr int kAll = INT_MAX;
-
-inline void pause() {
-  __builtin_ia32_pause();
-}
 
 inline unsigned int look(volatile unsigned int *word) {
   return __atomic_load_n(word, __ATOMIC_RELAXED);
@@ -40,7 +37,7 @@ int ukern_fence_word;
 void ukern_word_lock_slow(volatile unsigned int *word) {
   for (int i = 0; i < kSpins; i++) {
     if (look(word) == 0 && ukern_word_trylock(word)) return;
-    pause();
+    cpu_relax();
   }
   // From here on the word says 2: after the sleep nobody knows whether others still wait.
   while (__atomic_exchange_n(word, 2u, __ATOMIC_ACQUIRE) != 0) host_wait(word, 2u, -1);
@@ -55,7 +52,7 @@ void ukern_rw_read_lock_slow(volatile unsigned int *word) {
     if (ukern_rw_read_trylock(word, UKERN_RW_WRITER)) return;
     const unsigned int seen = look(word);
     if (i < kSpins)
-      pause();
+      cpu_relax();
     else if (seen & UKERN_RW_WRITER)
       sleep_marked(word, seen);
   }
@@ -70,7 +67,7 @@ void ukern_rw_write_lock_slow(volatile unsigned int *word) {
                                       __ATOMIC_RELAXED))
         return;
     } else if (i < kSpins) {
-      pause();
+      cpu_relax();
     } else {
       sleep_marked(word, seen);
     }

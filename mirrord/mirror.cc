@@ -213,15 +213,17 @@ void Mirror::tell_unexplained(std::optional<std::chrono::nanoseconds> older_than
 void Mirror::note_caught_up(std::uint64_t barriers) {
   const auto come = [&] { return !catch_ups_.empty() && catch_ups_.front().barrier <= barriers; };
   if (!sequencer_.holds_nothing() || !come()) return;
-  last_looks(catch_ups_.front().asked_us);
+  CatchUp reached{};
+  for (; come(); catch_ups_.pop_front()) reached = catch_ups_.front();
+  last_looks(reached.asked_us);
   replica_.close_files();
   tell_unkept();
   // What had gone from the source a second before we asked has been told by now.
-  tell_unexplained(std::chrono::nanoseconds(monotonic_ns() - catch_ups_.front().asked_ns) +
+  tell_unexplained(std::chrono::nanoseconds(monotonic_ns() - reached.asked_ns) +
                    std::chrono::seconds(1));
   keep_state();
   note_registered();
-  for (; come(); catch_ups_.pop_front()) status_.caught_up_to_ns = catch_ups_.front().asked_ns;
+  status_.caught_up_to_ns = reached.asked_ns;
   keep_status_file();
 }
 

@@ -26,22 +26,24 @@ static void pick(char *path, const char *top, unsigned *at) {
     length += (size_t)snprintf(path + length, kPathSize - length, "/n%u", next(at, kNames));
 }
 
-/* Trees move into one another, out of reach of pick: this takes whole ones away. */
-static int remove_tree(const char *path) {
-  char inner[kPathSize];
+/* Trees move into one another, out of reach of pick and in the end of any path: this takes whole
+ * ones away, by descriptors. Links lead back into the tree. */
+static int remove_tree_at(int above, const char *name) {
+  const int fd = openat(above, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW);
+  DIR *dir = fd < 0 ? NULL : fdopendir(fd);
   struct dirent *entry;
   int removed = 0;
-  const int fd =
-      open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW); /* links lead back into the tree */
-  DIR *dir = fd < 0 ? NULL : fdopendir(fd);
 
   while (dir && (entry = readdir(dir))) {
     if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0) continue;
-    if ((size_t)snprintf(inner, sizeof(inner), "%s/%s", path, entry->d_name) < sizeof(inner))
-      removed |= unlink(inner) == 0 || remove_tree(inner);
+    removed |= unlinkat(fd, entry->d_name, 0) == 0 || remove_tree_at(fd, entry->d_name);
   }
   if (dir) closedir(dir);
-  return rmdir(path) == 0 || removed;
+  return unlinkat(above, name, AT_REMOVEDIR) == 0 || removed;
+}
+
+static int remove_tree(const char *path) {
+  return remove_tree_at(AT_FDCWD, path);
 }
 
 static int list(const char *path) {

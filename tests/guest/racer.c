@@ -131,6 +131,9 @@ static void send_image(int image) {
     fprintf(line, "image %s %lld ", kind, (long long)at);
     for (ssize_t i = 0; i < got; i++) fprintf(line, "%02x", data[i]);
     fputc('\n', line);
+    /* The driver loses the line's interrupt for good when it has more to send than it takes at
+     * once. */
+    REQUIRE(fflush(line) == 0 && tcdrain(fileno(line)) == 0);
   }
   REQUIRE(got == 0);
   fprintf(line, "image %s %lld\n", kind, (long long)at);

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <future>
 
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
@@ -73,6 +74,26 @@ class MirrorTest : public testing::Test {
   const std::vector<std::string> environment_ = {"TARN_RUN_DIR=" + fake_.run_dir(),
                                                  "TARN_STATE_DIR=" + (dir_ / "kept")};
 };
+
+TEST_F(MirrorTest, TwoWhoAskAtOnceGetWhatTheLaterOneAskedFor) {
+  const auto mirror = start();
+  ASSERT_EQ(catch_up().exit, 0);
+  const auto asked = [&] { return fake_.with([](auto &state) { return state.received.size(); }); };
+  fake_.send(create(1, "f"));
+  fake_.send(create(3, "later"));  // waits for number 2, and so do both who ask
+  const std::size_t before = asked();
+  mirror->signal(SIGUSR1);
+  ASSERT_TRUE(eventually([&] { return asked() == before + 1; }));
+  const timespec times[2] = {{1000, 0}, {1000, 0}};
+  ASSERT_EQ(utimensat(AT_FDCWD, (src_ + "/f").c_str(), times, 0), 0);
+  auto second = std::async(std::launch::async, [&] { return catch_up(); });
+  ASSERT_TRUE(eventually([&] { return asked() == before + 2; }));
+  fake_.send(create(2, "g"));
+  EXPECT_EQ(second.get().exit, 0);
+  struct stat f {};
+  ASSERT_EQ(stat(replica("f").c_str(), &f), 0);
+  EXPECT_EQ(f.st_mtim.tv_sec, 1000);
+}
 
 TEST_F(MirrorTest, ReplaysCatchesUpAndLeaves) {
   const auto mirror = start();

@@ -12,11 +12,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/io.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -109,35 +109,35 @@ static int is_zero(const unsigned char *data, ssize_t size) {
   return size == 0;
 }
 
-static FILE *open_line(void) {
-  const int line = open("/dev/ttyS1", O_RDWR | O_NOCTTY);
-  struct termios settings;
+/* The line's registers. Its driver in the kernel loses an interrupt now and then, and waits for
+ * ever, so it has no part in this. */
+enum { kData = 0x2f8, kStatus = kData + 5, kReady = 0x20, kRegisters = 8 };
 
-  REQUIRE(line >= 0 && tcgetattr(line, &settings) == 0);
-  cfmakeraw(&settings);
-  REQUIRE(tcsetattr(line, TCSANOW, &settings) == 0);
-  return fdopen(line, "w");
+static void send_text(const char *text) {
+  for (; *text; text++) {
+    while (!(inb(kStatus) & kReady)) {
+    }
+    outb((unsigned char)*text, kData);
+  }
 }
 
 static void send_image(int image) {
   unsigned char data[kChunk];
+  char text[2 * kChunk + 64];
   off_t at = 0;
   ssize_t got;
-  FILE *line = open_line();
 
-  REQUIRE(line && lseek(image, 0, SEEK_SET) == 0);
+  REQUIRE(ioperm(kData, kRegisters, 1) == 0 && lseek(image, 0, SEEK_SET) == 0);
   for (; (got = read(image, data, sizeof(data))) > 0; at += got) {
     if (is_zero(data, got)) continue;
-    fprintf(line, "image %s %lld ", kind, (long long)at);
-    for (ssize_t i = 0; i < got; i++) fprintf(line, "%02x", data[i]);
-    fputc('\n', line);
-    /* The driver loses the line's interrupt for good when it has more to send than it takes at
-     * once. */
-    REQUIRE(fflush(line) == 0 && tcdrain(fileno(line)) == 0);
+    int length = sprintf(text, "image %s %lld ", kind, (long long)at);
+    for (ssize_t i = 0; i < got; i++) length += sprintf(text + length, "%02x", data[i]);
+    strcpy(text + length, "\n");
+    send_text(text);
   }
   REQUIRE(got == 0);
-  fprintf(line, "image %s %lld\n", kind, (long long)at);
-  REQUIRE(fflush(line) == 0 && tcdrain(fileno(line)) == 0 && fclose(line) == 0);
+  sprintf(text, "image %s %lld\n", kind, (long long)at);
+  send_text(text);
 }
 
 static void run_race(void) {

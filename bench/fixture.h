@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "ukern/uk_core.h"
-#include "ukern/uk_fs.h"
-#include "ukern/uk_net.h"
+#include "ukern/door/uk_core.h"
+#include "ukern/door/uk_fs.h"
+#include "ukern/door/uk_net.h"
 
 /* What rules must include for the file to hit them. */
 inline constexpr const char *kLowerDir = "/lower";

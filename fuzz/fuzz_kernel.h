@@ -7,7 +7,7 @@
 #ifndef FUZZ_FUZZ_KERNEL_H
 #define FUZZ_FUZZ_KERNEL_H
 
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace fuzz {
 

@@ -13,7 +13,7 @@
 #include "fuzz/fuzz_kernel.h"
 #include "fuzz/set_model.h"
 #include "fuzz/uk_fuzz.h"
-#include "ukern/uk_net.h"
+#include "ukern/door/uk_net.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <limits>
 #include <string>
 
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 namespace tarnd {
 

@@ -17,9 +17,9 @@
 
 #include "module/os_public/Include/ox_ctl.h"
 #include "tarnd/peer.h"
-#include "ukern/uk_core.h"
-#include "ukern/uk_fs.h"
-#include "ukern/uk_net.h"
+#include "ukern/door/uk_core.h"
+#include "ukern/door/uk_fs.h"
+#include "ukern/door/uk_net.h"
 
 namespace tarnd {
 

@@ -25,8 +25,8 @@ extern "C" {
 #include "tarnd/limited_warning.h"
 #include "tarnd/peer.h"
 #include "tarnd/unique_fd.h"
-#include "ukern/uk_core.h"
-#include "ukern/uk_net.h"
+#include "ukern/door/uk_core.h"
+#include "ukern/door/uk_net.h"
 
 namespace tarnd {
 

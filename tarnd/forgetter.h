@@ -20,7 +20,7 @@
 
 #include "tarnd/fuse_api.h"
 #include "tarnd/task.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 namespace tarnd {
 

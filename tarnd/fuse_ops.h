@@ -12,7 +12,7 @@
 #include "tarnd/caller.h"
 #include "tarnd/fuse_api.h"
 #include "tarnd/mount.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 namespace tarnd {
 

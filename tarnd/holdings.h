@@ -17,7 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 namespace tarnd {
 

@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 #include "tarnd/task.h"
 
 namespace tarnd {

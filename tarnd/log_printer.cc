@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace tarnd {
 

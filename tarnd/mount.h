@@ -23,7 +23,7 @@
 #include "tarnd/session_io.h"
 #include "tarnd/session_loop.h"
 #include "tarnd/unique_fd.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 namespace tarnd {
 

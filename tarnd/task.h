@@ -10,7 +10,7 @@
 
 #include <vector>
 
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace tarnd {
 

@@ -9,7 +9,7 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 namespace tarnd {
 

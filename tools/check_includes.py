@@ -11,7 +11,7 @@ ALLOWED = {
     "module": set(),
     "kmod": {"module"},
     "ukern": set(),
-    "tarnd": {"ukern", "module/os_public"},
+    "tarnd": {"ukern/door", "module/os_public"},
     "client": {"module/os_public"},
     "tarn": {"client", "module/os_public"},
     "mirrord": {"client", "module/os_public"},
@@ -19,6 +19,8 @@ ALLOWED = {
     "fuzz": {"*"},
     "bench": {"*"},
 }
+# Parts of a folder that more may include than the rest of it.
+PARTS = ("module/os_public", "ukern/door")
 KERNEL_DOOR = "module/kernel.h"
 KERNEL_HEADER = re.compile(r"^(linux|asm|asm-generic|net)/")
 INCLUDE = re.compile(r'^\s*#\s*include\s+([<"])([^>"]+)[>"]')
@@ -35,8 +37,7 @@ def home(root, source, bracket, name):
     for place in places:
         if place.is_file():
             rel = place.resolve().relative_to(root)
-            top = rel.parts[0]
-            return "module/os_public" if str(rel).startswith("module/os_public") else top
+            return next((p for p in PARTS if str(rel).startswith(p + "/")), rel.parts[0])
     return None
 
 
@@ -56,7 +57,7 @@ def check(root, source):
         if top == "ukern" and rel.parts[1] == "host" and KERNEL_HEADER.match(name):
             continue
         target = home(root, source, bracket, name)
-        if target is None or target == top or (top == "module" and target == "module/os_public"):
+        if target is None or target.split("/")[0] == top:
             continue
         if not ALLOWED[top] & {target, "*"}:
             yield "%s:%d: %s/ may not include %s (%s/)" % (rel, number, top, name, target)

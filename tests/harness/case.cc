@@ -4,7 +4,7 @@
 #include <linux/string.h>
 
 #include "tests/harness/case.h"
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 extern "C" {
 extern const struct tarn_case *const __start_tarn_cases[];

@@ -14,7 +14,7 @@
 
 #define TARN_CASES_HOSTED
 #include "tests/harness/case.h"
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace {
 

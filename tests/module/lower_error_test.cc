@@ -3,7 +3,7 @@
 // recorded all the same, and that the next call works.
 #include "tests/module/kernel_file.h"
 #include "ukern/fs/memfs.h"
-#include "ukern/uk_mm.h"
+#include "ukern/door/uk_mm.h"
 
 namespace {
 

@@ -16,9 +16,9 @@
 #include "tarn.h"
 #include "trans.h"
 #include "tests/harness/case.h"
-#include "ukern/uk_core.h"
-#include "ukern/uk_fs.h"
-#include "ukern/uk_net.h"
+#include "ukern/door/uk_core.h"
+#include "ukern/door/uk_fs.h"
+#include "ukern/door/uk_net.h"
 
 /* ---- paths ---- */
 

@@ -2,7 +2,7 @@
 #include "ox_guard.h"
 #include "ox_types.h"
 #include "tests/harness/case.h"
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace {
 

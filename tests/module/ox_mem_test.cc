@@ -2,7 +2,7 @@
 #include "ox_guard.h"
 #include "ox_types.h"
 #include "tests/harness/case.h"
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 extern ox_u32_t l_mem_maxpages;
 extern wait_queue_head_t l_mem_waitq;

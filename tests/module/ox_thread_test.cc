@@ -3,7 +3,7 @@
 #include "ox_types.h"
 #include "tests/harness/case.h"
 #include "ukern/sched/task.h"
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace {
 

@@ -18,9 +18,9 @@
 #include "tests/harness/case.h"
 #include "trans.h"
 #include "ukern/sched/task.h"
-#include "ukern/uk_core.h"
-#include "ukern/uk_fs.h"
-#include "ukern/uk_net.h"
+#include "ukern/door/uk_core.h"
+#include "ukern/door/uk_fs.h"
+#include "ukern/door/uk_net.h"
 
 namespace {
 

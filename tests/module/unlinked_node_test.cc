@@ -4,8 +4,8 @@
 #include "tests/harness/case.h"
 #include "tests/ukern/name_calls.h"
 #include "tests/ukern/node_storm.h"
-#include "ukern/uk_core.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_core.h"
+#include "ukern/door/uk_fs.h"
 
 namespace {
 

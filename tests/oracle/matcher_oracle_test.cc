@@ -13,7 +13,7 @@
 #include "module/os_public/Include/ox_msg.h"
 #include "tests/oracle/booted_test.h"
 #include "tests/oracle/plain_rules.h"
-#include "ukern/uk_net.h"
+#include "ukern/door/uk_net.h"
 
 namespace oracle {
 namespace {

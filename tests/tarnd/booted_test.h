@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace tarnd {
 

@@ -4,7 +4,7 @@
 #include <cerrno>
 
 #include "tests/tarnd/booted_test.h"
-#include "ukern/uk_net.h"
+#include "ukern/door/uk_net.h"
 
 namespace tarnd {
 namespace {

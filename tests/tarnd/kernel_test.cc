@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tarnd/task.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 namespace tarnd {
 namespace {

@@ -8,7 +8,7 @@
 #include "tests/ukern/name_calls.h"
 #include "ukern/host/host.h"
 #include "ukern/host/host_fs.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 // A fresh directory of the host, mounted at a place of the name space (null: there is none at all);
 // emptied and removed at the end.

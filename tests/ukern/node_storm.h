@@ -10,7 +10,7 @@
 #include "tests/harness/case.h"
 #include "module/kernel.h"
 #include <linux/fcntl.h>
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 namespace node_storm {
 

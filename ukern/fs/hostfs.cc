@@ -13,7 +13,6 @@
 
 #include "ukern/fs/fs_types.h"
 #include "ukern/fs/hostfs.h"
-#include "ukern/uk_fs.h"
 #include "ukern/vfs/vfs.h"
 
 namespace {
@@ -241,7 +240,7 @@ int hostfs_wait_for_room(void) {
 // opened again.
 static void share_descriptors(long descriptors) {
   if (descriptors < 256) descriptors = 256;
-  if (descriptors / 8 < ukern_cache_limit) uk_set_cache_limit((unsigned)descriptors / 8);
+  if (descriptors / 8 < ukern_cache_limit) set_cache_limit((unsigned)descriptors / 8);
   hostfs_set_idle_files((unsigned long)descriptors / 8);
   hostfs_set_idle_directories((unsigned long)descriptors / 16);
 }

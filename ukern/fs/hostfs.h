@@ -15,6 +15,8 @@ extern "C" {
 void hostfs_set_idle_files(unsigned long limit);
 /* The same of path descriptors of directories. At boot: a sixteenth. */
 void hostfs_set_idle_directories(unsigned long limit);
+/* Directories whose path descriptor stays open because the host could not find them again. */
+unsigned long hostfs_kept_directories(void);
 
 #ifdef __cplusplus
 }

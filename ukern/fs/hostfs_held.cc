@@ -15,8 +15,6 @@
 #include <linux/slab.h>
 #include <linux/string.h>
 
-#include "ukern/uk_fs.h"
-
 // One mount of one of the host's file systems: what it takes to open its directories again. It
 // lives as long as an inode of one of them.
 struct hostfs_origin {
@@ -214,6 +212,6 @@ void hostfs_set_idle_directories(unsigned long limit) {
   close_idle();
 }
 
-unsigned long uk_kept_directories(void) {
+unsigned long hostfs_kept_directories(void) {
   return static_cast<unsigned long>(atomic_read(&nr_kept));
 }

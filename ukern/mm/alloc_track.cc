@@ -21,7 +21,7 @@ struct Record {
   const void *block;
   const void *owner;
   size_t size;
-  uk_stack where;
+  call_stack where;
 };
 
 Record *buckets[1u << kBucketBits];
@@ -32,12 +32,12 @@ unsigned bucket_of(const void *block) {
 }
 
 void report_foreign(const void *block, const char *owner_name, const Record *record) {
-  uk_report *report =
-      uk_report_begin("%p given back to %s, %s", block, owner_name,
-                      record ? "which did not give it out" : "but nobody gave it out");
-  uk_report_here(report);
-  if (record) uk_report_stack(report, "it was allocated at", &record->where);
-  uk_report_end(report);
+  bug_report *report =
+      report_begin("%p given back to %s, %s", block, owner_name,
+                   record ? "which did not give it out" : "but nobody gave it out");
+  report_here(report);
+  if (record) report_stack(report, "it was allocated at", &record->where);
+  report_end(report);
 }
 
 }  // namespace
@@ -50,7 +50,7 @@ bool alloc_track_add(const void *block, size_t size, const void *owner) {
   record->block = block;
   record->owner = owner;
   record->size = size;
-  uk_stack_save(&record->where, 1);
+  call_stack_save(&record->where, 1);
   const unsigned bucket = bucket_of(block);
   ukern_word_lock(&words[bucket % kWords]);
   record->next = buckets[bucket];
@@ -92,7 +92,7 @@ void alloc_track_free_all(void) {
   }
 }
 
-unsigned long alloc_track_count(const void *owner, struct uk_report *report) {
+unsigned long alloc_track_count(const void *owner, struct bug_report *report) {
   unsigned long count = 0;
   for (unsigned bucket = 0; bucket < 1u << kBucketBits; bucket++) {
     ukern_word_lock(&words[bucket % kWords]);
@@ -100,7 +100,7 @@ unsigned long alloc_track_count(const void *owner, struct uk_report *report) {
       if (record->owner != owner || count++ >= kShown || !report) continue;
       char title[96];
       snprintf(title, sizeof(title), "%p, %zu bytes, allocated at", record->block, record->size);
-      uk_report_stack(report, title, &record->where);
+      report_stack(report, title, &record->where);
     }
     ukern_word_unlock(&words[bucket % kWords]);
   }

@@ -8,7 +8,7 @@
 
 #include <linux/types.h>
 
-struct uk_report;
+struct bug_report;
 
 #if UKERN_DEBUG
 
@@ -22,7 +22,7 @@ bool alloc_track_add(const void *block, size_t size, const void *owner);
  */
 bool alloc_track_remove(const void *block, const void *owner, const char *owner_name, size_t *size);
 /* How many blocks of the owner are out; the first few go into the report, if there is one. */
-unsigned long alloc_track_count(const void *owner, struct uk_report *report);
+unsigned long alloc_track_count(const void *owner, struct bug_report *report);
 /* Gives every block that is still out back to the host. */
 void alloc_track_free_all(void);
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "ukern/mm/fault.h"
 
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace {
 
@@ -26,18 +26,18 @@ unsigned long uk_fault_count(void) {
   return mine.passed;
 }
 
-int uk_fault_point(void) {
+int fault_point(void) {
   if (mine.paused) return 0;
   if (++mine.passed != mine.fail_at) return 0;
   mine.fail_at = 0;
   return 1;
 }
 
-void uk_fault_pause(void) {
+void fault_pause(void) {
   mine.paused++;
 }
 
-void uk_fault_resume(void) {
+void fault_resume(void) {
   mine.paused--;
 }
 }

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Fault points: every allocation asks here first whether it is the one that a test wants to fail.
- * Counted per calling thread (uk_fault_arm in ukern/uk_core.h).
+ * Counted per calling thread (uk_fault_arm in ukern/door/uk_core.h).
  */
 #ifndef UKERN_MM_FAULT_H
 #define UKERN_MM_FAULT_H
@@ -11,11 +11,11 @@ extern "C" {
 #endif
 
 /* Non-zero when the allocation about to be made must fail. Never sleeps. */
-int uk_fault_point(void);
+int fault_point(void);
 
 /* Between these two the calling thread's allocations neither count nor fail. They nest. */
-void uk_fault_pause(void);
-void uk_fault_resume(void);
+void fault_pause(void);
+void fault_resume(void);
 
 #ifdef __cplusplus
 }

@@ -21,7 +21,7 @@
 #include <linux/writeback.h>
 
 #include "ukern/mm/mm_internal.h"
-#include "ukern/uk_mm.h"
+#include "ukern/door/uk_mm.h"
 
 namespace {
 

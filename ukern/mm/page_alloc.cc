@@ -67,7 +67,7 @@ void host_page_free(struct page *page) {
 struct debug_page {
   struct page page;
   struct list_head all;  // under all_lock
-  struct uk_stack allocated_at;
+  struct call_stack allocated_at;
 };
 
 DEFINE_SPINLOCK(all_lock);
@@ -80,7 +80,7 @@ debug_page *debug_of(struct page *page) {
 struct page *block_alloc(unsigned order) {
   struct page *page = host_page(sizeof(debug_page), order);
   if (!page) return nullptr;
-  uk_stack_save(&debug_of(page)->allocated_at, 1);
+  call_stack_save(&debug_of(page)->allocated_at, 1);
   spin_lock(&all_lock);
   list_add_tail(&debug_of(page)->all, &all_pages);
   spin_unlock(&all_lock);
@@ -98,11 +98,11 @@ void report_leaks() {
   while (!list_empty(&all_pages)) {
     debug_page *leaked = list_entry(all_pages.next, debug_page, all);
     struct page *page = &leaked->page;
-    struct uk_report *report =
-        uk_report_begin("page %p of order %u is still allocated, count %d, index %lu, flags %lx",
-                        page->virtual_, page->order, page_count(page), page->index, page->flags);
-    uk_report_stack(report, "allocated at", &leaked->allocated_at);
-    uk_report_end(report);
+    struct bug_report *report =
+        report_begin("page %p of order %u is still allocated, count %d, index %lu, flags %lx",
+                     page->virtual_, page->order, page_count(page), page->index, page->flags);
+    report_stack(report, "allocated at", &leaked->allocated_at);
+    report_end(report);
     block_free(page);
   }
 }
@@ -171,7 +171,7 @@ void block_free(struct page *page) {
 
 void report_leaks() {
   if (int pages = atomic_read(&nr_allocated)) {
-    uk_report_end(uk_report_begin("%d pages are still allocated", pages));
+    report_end(report_begin("%d pages are still allocated", pages));
     return;  // their memory may be in use
   }
   INIT_LIST_HEAD(&free_list);
@@ -230,7 +230,7 @@ void page_alloc_exit(void) {
 
 struct page *alloc_pages(gfp_t gfp_mask, unsigned int order) {
   might_sleep_if(gfp_mask & __GFP_WAIT);
-  if (uk_fault_point()) return nullptr;
+  if (fault_point()) return nullptr;
   if ((gfp_mask & __GFP_WAIT) && is_full()) shrink_page_cache(kReclaimBatch, 16 * kReclaimBatch);
   struct page *page = block_alloc(order);
   if (!page) return nullptr;

@@ -70,7 +70,7 @@ void check_flags(gfp_t flags) {
 // Whether an allocation goes on; the fault that is injected otherwise.
 bool may_allocate(gfp_t flags) {
   check_flags(flags);
-  return !uk_fault_point() || (flags & __GFP_NOFAIL);
+  return !fault_point() || (flags & __GFP_NOFAIL);
 }
 
 // `owner` null: kmalloc. Neither cleared nor constructed.
@@ -179,13 +179,13 @@ void cache_free(struct kmem_cache *cache) {
 }
 
 void report_leak(const char *what, const char *name, const void *owner, unsigned long count) {
-  uk_report *report = uk_report_begin("%lu objects of %s still allocated %s", count, name, what);
+  bug_report *report = report_begin("%lu objects of %s still allocated %s", count, name, what);
 #if UKERN_DEBUG
   alloc_track_count(owner, report);
 #else
   (void)owner;
 #endif
-  uk_report_end(report);
+  report_end(report);
 }
 
 }  // namespace
@@ -200,7 +200,7 @@ kmem_cache_t *kmem_cache_create(const char *name, size_t size, size_t align, uns
   might_sleep();
   BUG_ON(!name || size < sizeof(void *) || size > kMaxObject || (dtor && !ctor));
   struct kmem_cache *cache = NULL;
-  if (!uk_fault_point()) cache = (struct kmem_cache *)host_alloc(sizeof(*cache), kMinAlign);
+  if (!fault_point()) cache = (struct kmem_cache *)host_alloc(sizeof(*cache), kMinAlign);
   if (!cache) {
     if (flags & SLAB_PANIC) panic("kmem_cache_create(): failed to create slab `%s'", name);
     return NULL;
@@ -309,7 +309,7 @@ void ukern_slab_exit(void) {
     if (const int objects = atomic_read(&cache->objects))
       report_leak("at shutdown", cache->name, cache, (unsigned long)objects);
     if (cache != names_cachep)
-      uk_report_end(uk_report_begin("cache %s still exists at shutdown", cache->name));
+      report_end(report_begin("cache %s still exists at shutdown", cache->name));
     list_del(&cache->link);
     cache_free(cache);
   }

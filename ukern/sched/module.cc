@@ -7,10 +7,9 @@
 #include <linux/string.h>
 
 #include "ukern/sched/module.h"
-#include "ukern/sched/module_table.h"
+#include "ukern/door/module_table.h"
 #include "ukern/sched/task.h"
 #include "ukern/sync/report.h"
-#include "ukern/uk_core.h"
 
 namespace {
 
@@ -20,9 +19,9 @@ DEFINE_SPINLOCK(module_lock);  // __this_module
 DEFINE_MUTEX(load_mutex);      // loaded; held while init and exit run
 bool loaded[kModules];
 
-const struct uk_module *table() {
-  static const struct uk_module none[] = {{.name = NULL, .init = NULL, .exit = NULL}};
-  return uk_modules ? uk_modules : none;
+const struct builtin_module *table() {
+  static const struct builtin_module none[] = {{.name = NULL, .init = NULL, .exit = NULL}};
+  return builtin_modules ? builtin_modules : none;
 }
 
 // Index in the table, or -ENOENT.
@@ -107,7 +106,7 @@ unsigned int module_refcount(struct module *module) {
   return (unsigned int)count;
 }
 
-int uk_module_load(const char *name) {
+int load_builtin_module(const char *name) {
   KernelTaskScope scope("insmod");
   const int index = find(name);
   if (index < 0) return index;
@@ -117,7 +116,7 @@ int uk_module_load(const char *name) {
   return result;
 }
 
-int uk_module_unload(const char *name) {
+int unload_builtin_module(const char *name) {
   KernelTaskScope scope("rmmod");
   const int index = find(name);
   if (index < 0) return index;
@@ -131,8 +130,8 @@ void ukern_modules_exit(void) {
   mutex_lock(&load_mutex);
   for (unsigned i = 0; i < kModules && table()[i].name; i++) {
     if (unload_locked(i) == -EWOULDBLOCK)
-      uk_report_end(uk_report_begin("module %s is still in use at shutdown, with %d references",
-                                    table()[i].name, __this_module.refcnt));
+      report_end(report_begin("module %s is still in use at shutdown, with %d references",
+                              table()[i].name, __this_module.refcnt));
     loaded[i] = false;
   }
   __this_module.refcnt = 0;

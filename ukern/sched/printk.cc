@@ -8,7 +8,6 @@
 
 #include "ukern/host/host.h"
 #include "ukern/sched/printk.h"
-#include "ukern/uk_core.h"
 
 namespace {
 
@@ -112,7 +111,7 @@ int add_text(const char *text, bool *line_ended) {
   return added;
 }
 
-bool take_line(unsigned long long from, uk_klog_line *line, char *text, unsigned long size) {
+bool take_line(unsigned long long from, klog_line *line, char *text, unsigned long size) {
   if (from < first_line) from = first_line;
   if (from >= next_line) return false;
   const Line *found = &lines[from % kLines];
@@ -187,8 +186,8 @@ void ukern_printk_reset(void) {
   ukern_word_unlock(&log_word);
 }
 
-int uk_klog_read(unsigned long long from, unsigned wait_ms, struct uk_klog_line *line, char *text,
-                 unsigned long size) {
+int klog_read(unsigned long long from, unsigned wait_ms, struct klog_line *line, char *text,
+              unsigned long size) {
   const long long deadline = host_clock_ns() + wait_ms * 1000000LL;
   for (;;) {
     const unsigned int version = __atomic_load_n(&log_version, __ATOMIC_ACQUIRE);

@@ -3,7 +3,7 @@
 // the task otherwise.
 #include <linux/sched.h>
 
-#include "ukern/uk_core.h"
+#include "ukern/sched/task.h"
 
 namespace {
 
@@ -25,12 +25,14 @@ bool ignores(const struct task_struct *task, int sig) {
   return sig == SIGCHLD || sig == SIGCONT || sig == SIGWINCH || sig == SIGURG;
 }
 
-int deliver(struct task_struct *task, int sig) {
+}  // namespace
+
+extern "C" int ukern_task_signal(struct task_struct *task, int sig) {
   int result = 0;
   spin_lock(&task->sighand->siglock);
   task->signals_seen |= sigmask(sig);
   if (task->deliver) {
-    // Under the lock, so that no call is under way once uk_task_set_signal_handler has returned.
+    // Under the lock, so that no call is under way once another handler has been set.
     result = task->deliver(task->deliver_arg, sig);
   } else if (!ignores(task, sig)) {
     sigaddset(&task->pending.signal, sig);
@@ -40,6 +42,8 @@ int deliver(struct task_struct *task, int sig) {
   if (signal_pending(task)) wake_up_state(task, TASK_INTERRUPTIBLE);
   return result;
 }
+
+namespace {
 
 // A task with this id and a reference, one with a handler before one without; null for none.
 struct task_struct *target_of(pid_t pid) {
@@ -97,7 +101,7 @@ int sigprocmask(int how, sigset_t *set, sigset_t *oldset) {
 int send_sig(int sig, struct task_struct *task, int priv) {
   (void)priv; /* whoever has the task may signal it */
   if (sig < 0 || !valid_signal((unsigned long)sig)) return -EINVAL;
-  return sig ? deliver(task, sig) : 0;
+  return sig ? ukern_task_signal(task, sig) : 0;
 }
 
 int kill_proc(pid_t pid, int sig, int priv) {
@@ -125,38 +129,5 @@ int disallow_signal(int sig) {
   recalc_sigpending();
   spin_unlock(&current->sighand->siglock);
   return 0;
-}
-
-void uk_task_set_signal_handler(struct uk_task *uk_task, int (*handler)(void *arg, int signal),
-                                void *arg) {
-  auto *task = (struct task_struct *)uk_task;
-  spin_lock(&task->sighand->siglock);
-  task->deliver = handler;
-  task->deliver_arg = arg;
-  spin_unlock(&task->sighand->siglock);
-}
-
-void uk_task_set_wait_handler(struct uk_task *uk_task, void (*before)(void *arg), void *arg) {
-  auto *task = (struct task_struct *)uk_task;
-  task->before_wait = before;
-  task->before_wait_arg = arg;
-}
-
-void uk_task_interrupt(struct uk_task *task, unsigned long long signals) {
-  for (int sig = 1; sig <= _NSIG; sig++) {
-    if (signals & sigmask(sig)) deliver((struct task_struct *)task, sig);
-  }
-}
-
-void uk_task_calm(struct uk_task *task) {
-  flush_signals((struct task_struct *)task);
-}
-
-unsigned long long uk_task_signals(struct uk_task *uk_task) {
-  auto *task = (struct task_struct *)uk_task;
-  spin_lock(&task->sighand->siglock);
-  const unsigned long long seen = task->signals_seen;
-  spin_unlock(&task->sighand->siglock);
-  return seen;
 }
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Task structures: tables, life, and the calls by which the hosting program makes and enters them.
+// Task structures: tables, life, programs.
 #include "ukern/sched/task.h"
 
 #include <linux/hash.h>
@@ -9,9 +9,7 @@
 #include <asm/uaccess.h>
 
 #include "ukern/mm/fault.h"
-#include "ukern/sync/lockcheck.h"
 #include "ukern/sync/report.h"
-#include "ukern/uk_core.h"
 #include "ukern/vfs/exec.h"
 
 namespace {
@@ -41,74 +39,6 @@ void set_comm_from_path(struct task_struct *task, const char *path) {
 
 bool same_text(const char *a, const char *b) {
   return a && b ? !strcmp(a, b) : a == b;
-}
-
-// The task's program and what was made for it. The old map goes when its last user does.
-int change_exe(struct task_struct *task, const char *exe) {
-  if (same_text(task->exe, exe)) return 0;
-  char *copy = NULL;
-  if (exe) {
-    copy = kstrdup(exe, GFP_KERNEL);
-    if (!copy) return -ENOMEM;
-  }
-  task_lock(task);
-  char *old_exe = task->exe;
-  struct mm_struct *old_mm = task->mm;
-  task->exe = copy;
-  task->mm = NULL;
-  if (exe) set_comm_from_path(task, exe);
-  task_unlock(task);
-  kfree(old_exe);
-  if (old_mm) mmput(old_mm);
-  return 0;
-}
-
-int by_number(unsigned a, unsigned b) {
-  return a < b ? -1 : a > b;
-}
-
-void sort_groups(gid_t *gids, int count) {
-  for (int gap = count / 2; gap > 0; gap /= 2) {
-    for (int i = gap; i < count; i++) {
-      const gid_t moving = gids[i];
-      int at = i;
-      for (; at >= gap && by_number(gids[at - gap], moving) > 0; at -= gap)
-        gids[at] = gids[at - gap];
-      gids[at] = moving;
-    }
-  }
-}
-
-int change_groups(struct task_struct *task, unsigned count, const unsigned *groups) {
-  if (count > NGROUPS_MAX) return -EINVAL;
-  const struct group_info *now = task->group_info;
-  if (!count && !now->ngroups) return 0;
-  struct group_info *info = groups_alloc((int)count);
-  if (!info) return -ENOMEM;
-  for (unsigned i = 0; i < count; i++) info->gids[i] = groups[i];
-  sort_groups(info->gids, info->ngroups);
-  task_lock(task);
-  struct group_info *old = task->group_info;
-  task->group_info = info;
-  task_unlock(task);
-  put_group_info(old);
-  return 0;
-}
-
-void change_ids(struct task_struct *task, const uk_cred *cred) {
-  task->uid = task->euid = task->suid = task->fsuid = cred->uid;
-  task->gid = task->egid = task->sgid = task->fsgid = cred->gid;
-  task->cap_effective = task->cap_permitted = cred->cap_effective;
-  if (task->pid == cred->pid) return;
-  const bool hidden = hlist_unhashed(&task->pid_link);
-  if (!hidden) ukern_task_unhash(task);
-  task->pid = task->tgid = cred->pid;
-  flush_signals(task);  // those were for another process
-  if (!hidden) ukern_task_hash(task);
-}
-
-struct task_struct *task_of(struct uk_task *task) {
-  return (struct task_struct *)task;
 }
 
 }  // namespace
@@ -207,15 +137,35 @@ char *get_task_comm(char *to, struct task_struct *task) {
   return to;
 }
 
+// The task's program and what was made for it. The old map goes when its last user does.
+int ukern_task_set_exe(struct task_struct *task, const char *exe) {
+  if (same_text(task->exe, exe)) return 0;
+  char *copy = NULL;
+  if (exe) {
+    copy = kstrdup(exe, GFP_KERNEL);
+    if (!copy) return -ENOMEM;
+  }
+  task_lock(task);
+  char *old_exe = task->exe;
+  struct mm_struct *old_mm = task->mm;
+  task->exe = copy;
+  task->mm = NULL;
+  if (exe) set_comm_from_path(task, exe);
+  task_unlock(task);
+  kfree(old_exe);
+  if (old_mm) mmput(old_mm);
+  return 0;
+}
+
 // Without memory the program counts as unknown, which gives no right to anything.
 static void find_exe(struct task_struct *task) {
-  uk_fault_pause();
+  fault_pause();
   char *path = (char *)__getname();
   const long len = path ? task->find_exe(task->pid, path, PATH_MAX - 1) : 0;
   if (len > 0) path[len] = '\0';
-  if (change_exe(task, len > 0 ? path : NULL)) change_exe(task, NULL);
+  if (ukern_task_set_exe(task, len > 0 ? path : NULL)) ukern_task_set_exe(task, NULL);
   if (path) __putname(path);
-  uk_fault_resume();
+  fault_resume();
 }
 
 struct mm_struct *get_task_mm(struct task_struct *task) {
@@ -228,9 +178,9 @@ struct mm_struct *get_task_mm(struct task_struct *task) {
   if (mm || !task->exe) return mm;
 
   // In a kernel the map is there from the start, so making it must not show: no fault points.
-  uk_fault_pause();
+  fault_pause();
   struct mm_struct *made = ukern_exec_mm(task->exe);
-  uk_fault_resume();
+  fault_resume();
   if (!made) return NULL;
   task_lock(task);
   struct mm_struct *lost = NULL;
@@ -258,63 +208,10 @@ int ukern_tasks_init(void) {
 void ukern_tasks_exit(void) {
   while (!list_empty(&all_tasks)) {
     struct task_struct *task = list_entry(all_tasks.next, struct task_struct, task_link);
-    uk_report_end(uk_report_begin("task %d (%s) is still there at shutdown, with %d references",
-                                  task->pid, task->comm, atomic_read(&task->usage)));
+    report_end(report_begin("task %d (%s) is still there at shutdown, with %d references",
+                            task->pid, task->comm, atomic_read(&task->usage)));
     ukern_task_unhash(task);
   }
   kmem_cache_destroy(task_cachep);
-}
-
-struct uk_task *uk_task_new(const struct uk_cred *cred) {
-  KernelTaskScope scope("new_task");
-  struct task_struct *task = ukern_task_alloc("user");
-  if (!task) return NULL;
-  task->addr_limit = USER_DS;
-  sigemptyset(&task->blocked);
-  if (uk_task_set_cred((struct uk_task *)task, cred)) {
-    put_task_struct(task);
-    return NULL;
-  }
-  return (struct uk_task *)task;
-}
-
-int uk_task_set_cred(struct uk_task *uk_task, const struct uk_cred *cred) {
-  KernelTaskScope scope("set_cred");
-  struct task_struct *task = task_of(uk_task);
-  int error = change_groups(task, cred->ngroups, cred->groups);
-  if (!error) error = change_exe(task, cred->exe);
-  if (error) return error;
-  change_ids(task, cred);
-  task->find_exe = cred->find_exe;
-  return 0;
-}
-
-void uk_task_hide(struct uk_task *uk_task) {
-  struct task_struct *task = task_of(uk_task);
-  write_lock(&tasklist_lock);
-  hlist_del_init(&task->pid_link);
-  write_unlock(&tasklist_lock);
-}
-
-void uk_task_put(struct uk_task *task) {
-  put_task_struct(task_of(task));
-}
-
-void uk_task_enter(struct uk_task *uk_task) {
-  struct task_struct *task = task_of(uk_task);
-  BUG_ON(current);
-  ukern_set_current(task);
-}
-
-void uk_task_leave(void) {
-  struct task_struct *task = current;
-  BUG_ON(!task);
-  ukern_lock_check_none("return from the kernel");
-  if (!segment_eq(task->addr_limit, USER_DS)) {
-    uk_report_end(uk_report_begin("return from the kernel with the kernel's address limit"));
-    task->addr_limit = USER_DS;
-  }
-  __set_task_state(task, TASK_RUNNING);
-  ukern_set_current(NULL);
 }
 }

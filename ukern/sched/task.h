@@ -21,6 +21,10 @@ struct task_struct *ukern_task_alloc(const char *name);
 /* Puts a task into the tables, or takes it out. */
 void ukern_task_hash(struct task_struct *task);
 void ukern_task_unhash(struct task_struct *task);
+/* Changes the path of the task's program (copied; null: none). 0 or -ENOMEM. */
+int ukern_task_set_exe(struct task_struct *task, const char *exe);
+/* Sends a signal; nobody is asked whether the sender may. 0, or what the task's handler answers. */
+int ukern_task_signal(struct task_struct *task, int sig);
 /* Makes the calling thread run as the task, or as none. */
 void ukern_set_current(struct task_struct *task);
 

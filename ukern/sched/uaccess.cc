@@ -5,7 +5,7 @@
 #include <linux/string.h>
 #include <asm/uaccess.h>
 
-#include "ukern/uk_core.h"
+#include "ukern/sched/user_memory.h"
 
 namespace {
 
@@ -60,14 +60,14 @@ bool make_room(struct task_struct *task) {
 
 extern "C" {
 
-int uk_user_add(const void *start, unsigned long len) {
+int user_memory_add(const void *start, unsigned long len) {
   struct task_struct *task = current;
   if (task->user_ranges == UKERN_USER_RANGES + task->user_room && !make_room(task)) return -ENOMEM;
   *range_at(task, task->user_ranges++) = {.start = (unsigned long)start, .len = len};
   return 0;
 }
 
-void uk_user_del(const void *start) {
+void user_memory_del(const void *start) {
   struct task_struct *task = current;
   unsigned i = task->user_ranges;
   while (i-- > 0) {
@@ -78,7 +78,7 @@ void uk_user_del(const void *start) {
   }
 }
 
-unsigned long uk_user_copied(void) {
+unsigned long user_memory_copied(void) {
 #if UKERN_DEBUG
   return copied_in;
 #else

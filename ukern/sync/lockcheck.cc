@@ -30,7 +30,7 @@ struct Held {
   lockdep_map *map;
   unsigned int lock_class;
   ukern_lock_kind kind;
-  uk_stack where;
+  call_stack where;
 };
 
 struct ThreadLocks {
@@ -55,7 +55,7 @@ struct LockClass {
 struct Edge {
   unsigned int earlier, later;
   unsigned int next; /* of the same earlier class; 0 ends */
-  uk_stack earlier_at, later_at;
+  call_stack earlier_at, later_at;
 };
 
 LockClass classes[kClasses];
@@ -155,20 +155,20 @@ bool spins(ukern_lock_kind kind) {
   return kind <= UKERN_RW_WRITE;
 }
 
-void report_held(uk_report *report) {
+void report_held(bug_report *report) {
   for (unsigned int i = 0; i < mine.depth; i++) {
     char title[128];
     snprintf(title, sizeof(title), "held: %s %p (%s), taken at", name_of(mine.held[i].map),
              mine.held[i].map, kind_text(mine.held[i].kind));
-    uk_report_stack(report, title, &mine.held[i].where);
+    report_stack(report, title, &mine.held[i].where);
   }
 }
 
 void complain(const lockdep_map *map, ukern_lock_kind kind, const char *what) {
-  uk_report *report = uk_report_begin("%s: %s %p (%s)", what, name_of(map), map, kind_text(kind));
-  uk_report_here(report);
+  bug_report *report = report_begin("%s: %s %p (%s)", what, name_of(map), map, kind_text(kind));
+  report_here(report);
   report_held(report);
-  uk_report_end(report);
+  report_end(report);
 }
 
 bool edge_known(unsigned int earlier, unsigned int later) {
@@ -194,22 +194,22 @@ bool path_exists(unsigned int from, unsigned int to) {
 
 void report_inversion(const Held *held, unsigned int wanted) {
   const Label first = class_label(held->lock_class), second = class_label(wanted);
-  uk_report *report =
-      uk_report_begin("lock order inversion: %s is being taken under %s, which was taken under it",
-                      second.text, first.text);
-  uk_report_stack(report, "here the first was taken at", &held->where);
-  uk_report_line(report, "and now the second:");
-  uk_report_here(report);
+  bug_report *report =
+      report_begin("lock order inversion: %s is being taken under %s, which was taken under it",
+                   second.text, first.text);
+  report_stack(report, "here the first was taken at", &held->where);
+  report_line(report, "and now the second:");
+  report_here(report);
   for (unsigned int at = held->lock_class; at != wanted; at = edges[reached_by[at]].earlier) {
     const Edge *edge = &edges[reached_by[at]];
     char title[200];
     const Label earlier = class_label(edge->earlier), later = class_label(edge->later);
     snprintf(title, sizeof(title), "elsewhere %s was taken at", earlier.text);
-    uk_report_stack(report, title, &edge->earlier_at);
+    report_stack(report, title, &edge->earlier_at);
     snprintf(title, sizeof(title), "and then %s at", later.text);
-    uk_report_stack(report, title, &edge->later_at);
+    report_stack(report, title, &edge->later_at);
   }
-  uk_report_end(report);
+  report_end(report);
 }
 
 void learn(const Held *held, unsigned int wanted) {
@@ -221,7 +221,7 @@ void learn(const Held *held, unsigned int wanted) {
       edge->earlier = held->lock_class;
       edge->later = wanted;
       edge->earlier_at = held->where;
-      uk_stack_save(&edge->later_at, 2);
+      call_stack_save(&edge->later_at, 2);
       edge->next = first_edge[held->lock_class];
       first_edge[held->lock_class] = edge_count;
     } else if (!told_full) {
@@ -292,7 +292,7 @@ void ukern_lock_got(struct lockdep_map *map, enum ukern_lock_kind kind, unsigned
   held->map = map;
   held->kind = kind;
   held->lock_class = class_of(map, subclass);
-  uk_stack_save(&held->where, 1);
+  call_stack_save(&held->where, 1);
   if (spins(kind)) mine.preempt++;
 }
 
@@ -332,17 +332,17 @@ void ukern_lock_check_free(const void *memory, unsigned long size) {
 
 void ukern_lock_check_none(const char *when) {
   if (likely(!mine.depth && !mine.preempt)) return;
-  uk_report *report;
+  bug_report *report;
   if (mine.depth)
-    report = uk_report_begin("%s with %u locks held, the last one %s", when, mine.depth,
-                             name_of(mine.held[mine.depth - 1].map));
+    report = report_begin("%s with %u locks held, the last one %s", when, mine.depth,
+                          name_of(mine.held[mine.depth - 1].map));
   else
-    report = uk_report_begin("%s with a preempt count of %d", when, mine.preempt);
-  uk_report_here(report);
+    report = report_begin("%s with a preempt count of %d", when, mine.preempt);
+  report_here(report);
   report_held(report);
   mine.depth = 0;
   mine.preempt = 0;
-  uk_report_end(report);
+  report_end(report);
 }
 
 void ukern_lockcheck_reset(void) {
@@ -365,10 +365,10 @@ int ukern_preempt_count(void) {
 
 void ukern_might_sleep(void) {
   if (likely(!mine.preempt)) return;
-  uk_report *report = uk_report_begin("sleeping function called in atomic context");
-  uk_report_here(report);
+  bug_report *report = report_begin("sleeping function called in atomic context");
+  report_here(report);
   report_held(report);
-  uk_report_end(report);
+  report_end(report);
 }
 }
 

@@ -14,12 +14,12 @@ namespace {
 
 struct Change {
   int change, count;
-  uk_stack where;
+  call_stack where;
 };
 
 }  // namespace
 
-struct uk_reflog {
+struct reflog {
   volatile unsigned int word; /* guards the rest */
   unsigned long noted;        /* entry n is changes[n % UKERN_REFLOG_ENTRIES] */
   Change changes[UKERN_REFLOG_ENTRIES];
@@ -28,10 +28,10 @@ struct uk_reflog {
 namespace {
 
 // Two threads may make the first note at once: the second one uses the first one's log.
-uk_reflog *log_of(uk_reflog **slot) {
-  uk_reflog *log = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
+reflog *log_of(reflog **slot) {
+  reflog *log = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
   if (log) return log;
-  auto *made = static_cast<uk_reflog *>(host_alloc(sizeof(uk_reflog), 16));
+  auto *made = static_cast<reflog *>(host_alloc(sizeof(reflog), 16));
   if (!made) return nullptr;
   made->word = 0;
   made->noted = 0;
@@ -45,35 +45,35 @@ uk_reflog *log_of(uk_reflog **slot) {
 
 extern "C" {
 
-void uk_reflog_note(struct uk_reflog **slot, int change, int count) {
-  uk_reflog *log = log_of(slot);
+void reflog_note(struct reflog **slot, int change, int count) {
+  reflog *log = log_of(slot);
   if (!log) return;
   Change entry;
   entry.change = change;
   entry.count = count;
-  uk_stack_save(&entry.where, 1);
+  call_stack_save(&entry.where, 1);
   ukern_word_lock(&log->word);
   log->changes[log->noted++ % UKERN_REFLOG_ENTRIES] = entry;
   ukern_word_unlock(&log->word);
 }
 
-void uk_reflog_free(struct uk_reflog *log) {
+void reflog_free(struct reflog *log) {
   host_free(log);
 }
 
-void uk_report_reflog(struct uk_report *report, const struct uk_reflog *const_log) {
+void report_reflog(struct bug_report *report, const struct reflog *const_log) {
   if (!const_log) return;
-  auto *log = const_cast<uk_reflog *>(const_log);
+  auto *log = const_cast<reflog *>(const_log);
   ukern_word_lock(&log->word);
   const unsigned long end = log->noted;
   const unsigned long start = end > UKERN_REFLOG_ENTRIES ? end - UKERN_REFLOG_ENTRIES : 0;
-  if (start) uk_report_line(report, "%lu earlier changes of the count are not shown", start);
+  if (start) report_line(report, "%lu earlier changes of the count are not shown", start);
   for (unsigned long i = start; i < end; i++) {
     const Change &entry = log->changes[i % UKERN_REFLOG_ENTRIES];
     char title[64];
     snprintf(title, sizeof(title), "reference %s, %d then", entry.change > 0 ? "taken" : "dropped",
              entry.count);
-    uk_report_stack(report, title, &entry.where);
+    report_stack(report, title, &entry.where);
   }
   ukern_word_unlock(&log->word);
 }

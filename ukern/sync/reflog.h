@@ -11,7 +11,7 @@
 
 #include "ukern/sync/report.h"
 
-struct uk_reflog;
+struct reflog;
 
 #define UKERN_REFLOG_ENTRIES 16
 
@@ -22,19 +22,19 @@ extern "C" {
 #endif
 /* `change`: +1 taken, -1 dropped; `count`: the references after it. The place is the caller's
  * caller. */
-void uk_reflog_note(struct uk_reflog **log, int change, int count);
-void uk_reflog_free(struct uk_reflog *log); /* null is ignored */
+void reflog_note(struct reflog **log, int change, int count);
+void reflog_free(struct reflog *log); /* null is ignored */
 /* Puts the log into a report: one paragraph per change, the oldest first. */
-void uk_report_reflog(struct uk_report *report, const struct uk_reflog *log);
+void report_reflog(struct bug_report *report, const struct reflog *log);
 #ifdef __cplusplus
 }
 #endif
 
 #else
 
-static inline void uk_reflog_note(struct uk_reflog **, int, int) {}
-static inline void uk_reflog_free(struct uk_reflog *) {}
-static inline void uk_report_reflog(struct uk_report *, const struct uk_reflog *) {}
+static inline void reflog_note(struct reflog **, int, int) {}
+static inline void reflog_free(struct reflog *) {}
+static inline void report_reflog(struct bug_report *, const struct reflog *) {}
 
 #endif
 #endif

@@ -6,22 +6,21 @@
 
 #include "ukern/host/host.h"
 #include "ukern/sync/stack.h"
-#include "ukern/uk_core.h"
 
-struct uk_report {
+struct bug_report {
   char text[65536];
   size_t length;
 };
 
 namespace {
 
-uk_report the_report;
+bug_report the_report;
 volatile unsigned int report_word;
 __thread int inside __attribute__((tls_model("initial-exec")));
 unsigned long ended;
-uk_panic_handler panic_handler;
+void (*panic_handler)(const char *report);
 
-void add_text(uk_report *report, const char *text, size_t length) {
+void add_text(bug_report *report, const char *text, size_t length) {
   const size_t room = sizeof(report->text) - 1 - report->length;
   if (length > room) length = room;
   memcpy(report->text + report->length, text, length);
@@ -29,17 +28,17 @@ void add_text(uk_report *report, const char *text, size_t length) {
   report->text[report->length] = 0;
 }
 
-void add(uk_report *report, const char *text) {
+void add(bug_report *report, const char *text) {
   add_text(report, text, strlen(text));
 }
 
-void add_format(uk_report *report, const char *fmt, va_list args) {
+void add_format(bug_report *report, const char *fmt, va_list args) {
   char line[1024];
   add_text(report, line, (size_t)vscnprintf(line, sizeof(line), fmt, args));
 }
 
 void add_frame(void *arg, const char *text) {
-  auto *report = static_cast<uk_report *>(arg);
+  auto *report = static_cast<bug_report *>(arg);
   add(report, "      ");
   add(report, text);
   add(report, "\n");
@@ -54,7 +53,7 @@ void print_and_abort(const char *text) {
 
 extern "C" {
 
-struct uk_report *uk_report_vbegin(const char *fmt, va_list args) {
+struct bug_report *report_vbegin(const char *fmt, va_list args) {
   if (inside) {
     static const char kText[] = "a report failed while another was being made\n";
     print_and_abort(kText);
@@ -66,19 +65,19 @@ struct uk_report *uk_report_vbegin(const char *fmt, va_list args) {
   add_format(&the_report, fmt, args);
   add(&the_report, "\n");
   if (const struct task_struct *task = current)
-    uk_report_line(&the_report, "in task %d (%s)", task->pid, task->comm);
+    report_line(&the_report, "in task %d (%s)", task->pid, task->comm);
   return &the_report;
 }
 
-struct uk_report *uk_report_begin(const char *fmt, ...) {
+struct bug_report *report_begin(const char *fmt, ...) {
   va_list args;
   va_start(args, fmt);
-  struct uk_report *report = uk_report_vbegin(fmt, args);
+  struct bug_report *report = report_vbegin(fmt, args);
   va_end(args);
   return report;
 }
 
-void uk_report_line(struct uk_report *report, const char *fmt, ...) {
+void report_line(struct bug_report *report, const char *fmt, ...) {
   va_list args;
   va_start(args, fmt);
   add(report, "  ");
@@ -87,55 +86,55 @@ void uk_report_line(struct uk_report *report, const char *fmt, ...) {
   va_end(args);
 }
 
-void uk_report_stack(struct uk_report *report, const char *title, const struct uk_stack *stack) {
-  uk_report_line(report, "%s:", title);
+void report_stack(struct bug_report *report, const char *title, const struct call_stack *stack) {
+  report_line(report, "%s:", title);
   if (!stack->depth) add(report, "      (nowhere known)\n");
   host_symbolize(stack->pc, stack->depth, add_frame, report);
 }
 
-void uk_report_here(struct uk_report *report) {
-  struct uk_stack stack;
-  uk_stack_save(&stack, 0);
-  uk_report_stack(report, "at", &stack);
+void report_here(struct bug_report *report) {
+  struct call_stack stack;
+  call_stack_save(&stack, 0);
+  report_stack(report, "at", &stack);
 }
 
-void uk_report_end(struct uk_report *report) {
+void report_end(struct bug_report *report) {
   ended++;
-  uk_panic_handler handler = __atomic_load_n(&panic_handler, __ATOMIC_ACQUIRE);
+  const auto handler = __atomic_load_n(&panic_handler, __ATOMIC_ACQUIRE);
   if (!handler) print_and_abort(report->text);
   handler(report->text);
   inside = 0;
   ukern_word_unlock(&report_word);
 }
 
-unsigned long uk_report_count(void) {
+unsigned long report_count(void) {
   ukern_word_lock(&report_word);
   const unsigned long count = ended;
   ukern_word_unlock(&report_word);
   return count;
 }
 
-void uk_set_panic_handler(uk_panic_handler handler) {
+void set_panic_handler(void (*handler)(const char *report)) {
   __atomic_store_n(&panic_handler, handler, __ATOMIC_RELEASE);
 }
 
 // The way to whoever called the function that calls this.
-static noinline void end_with_stack(struct uk_report *report) {
-  struct uk_stack stack;
-  uk_stack_save(&stack, 1);
-  uk_report_stack(report, "at", &stack);
-  uk_report_end(report);
+static noinline void end_with_stack(struct bug_report *report) {
+  struct call_stack stack;
+  call_stack_save(&stack, 1);
+  report_stack(report, "at", &stack);
+  report_end(report);
 }
 
 void ukern_bug(const char *file, int line, const char *what) {
-  struct uk_report *report = uk_report_begin("BUG at %s:%d: %s", file, line, what);
+  struct bug_report *report = report_begin("BUG at %s:%d: %s", file, line, what);
   end_with_stack(report);
   host_abort();
 }
 
 int ukern_warn(const char *file, int line, const char *what) {
   printk(KERN_WARNING "warning at %s:%d: %s\n", file, line, what);
-  struct uk_report *report = uk_report_begin("WARNING at %s:%d: %s", file, line, what);
+  struct bug_report *report = report_begin("WARNING at %s:%d: %s", file, line, what);
   end_with_stack(report);
   return 1;
 }
@@ -143,15 +142,15 @@ int ukern_warn(const char *file, int line, const char *what) {
 void panic(const char *fmt, ...) {
   va_list args;
   va_start(args, fmt);
-  struct uk_report *report = uk_report_vbegin(fmt, args);
+  struct bug_report *report = report_vbegin(fmt, args);
   va_end(args);
   end_with_stack(report);
   host_abort();
 }
 
 void dump_stack(void) {
-  struct uk_stack stack;
-  uk_stack_save(&stack, 0);
+  struct call_stack stack;
+  call_stack_save(&stack, 0);
   host_symbolize(
       stack.pc, stack.depth, [](void *, const char *text) { printk("  %s\n", text); }, nullptr);
 }

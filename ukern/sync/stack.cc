@@ -21,7 +21,7 @@ struct Frame {
 // The walk reads words of frames that are not its own, which the sanitizers would take for a
 // mistake.
 extern "C" __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) void
-uk_stack_save(struct uk_stack *stack, unsigned skip) {
+call_stack_save(struct call_stack *stack, unsigned skip) {
   if (!bounds.high) host_stack_bounds(&bounds.low, &bounds.high);
 
   const Frame *frame = static_cast<const Frame *>(__builtin_frame_address(0));

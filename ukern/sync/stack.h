@@ -13,13 +13,13 @@
 extern "C" {
 #endif
 
-struct uk_stack {
+struct call_stack {
   unsigned depth;
   unsigned long pc[UKERN_STACK_DEPTH]; /* innermost first */
 };
 
 /* The way to the caller of the function that calls this; `skip` more frames are left out. */
-void uk_stack_save(struct uk_stack *stack, unsigned skip);
+void call_stack_save(struct call_stack *stack, unsigned skip);
 
 #ifdef __cplusplus
 }

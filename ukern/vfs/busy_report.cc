@@ -39,21 +39,21 @@ struct fs_path {
 struct busy_list {
   const char *title;
   struct super_block *sb;
-  struct uk_report *report = NULL;
+  struct bug_report *report = NULL;
   int count = 0;
 
   busy_list(const char *title_, struct super_block *sb_) : title(title_), sb(sb_) {}
   // Counts one more object; true if it is to be shown.
   bool add() {
     if (!report) {
-      report = sb ? uk_report_begin("%s after unmount of %s", title, sb->s_id)
-                  : uk_report_begin("%s at shutdown", title);
+      report = sb ? report_begin("%s after unmount of %s", title, sb->s_id)
+                  : report_begin("%s at shutdown", title);
     }
     return ++count <= kMaxShown;
   }
   int end() {
-    if (count > kMaxShown) uk_report_line(report, "and %d more", count - kMaxShown);
-    if (report) uk_report_end(report);
+    if (count > kMaxShown) report_line(report, "and %d more", count - kMaxShown);
+    if (report) report_end(report);
     return count;
   }
 };
@@ -64,11 +64,11 @@ static const char *kind_of(struct inode *inode) {
   return S_ISREG(inode->i_mode) ? "file" : "special";
 }
 
-static void dropped_too_often(const char *what, const struct uk_reflog *log) {
-  struct uk_report *report = uk_report_begin("%s: a reference is dropped that nobody holds", what);
-  uk_report_here(report);
-  uk_report_reflog(report, log);
-  uk_report_end(report);
+static void dropped_too_often(const char *what, const struct reflog *log) {
+  struct bug_report *report = report_begin("%s: a reference is dropped that nobody holds", what);
+  report_here(report);
+  report_reflog(report, log);
+  report_end(report);
 }
 
 // All counts change just before a drop is noted and just after a take.
@@ -83,11 +83,11 @@ void ukern_dentry_ref(struct dentry *dentry, int change) {
     snprintf(what, sizeof(what), "dentry \"%s\"", (const char *)dentry->d_name.name);
     dropped_too_often(what, dentry->d_reflog);
   }
-  uk_reflog_note(&dentry->d_reflog, change, count);
+  reflog_note(&dentry->d_reflog, change, count);
 }
 
 void ukern_dentry_forget(struct dentry *dentry) {
-  uk_reflog_free(dentry->d_reflog);
+  reflog_free(dentry->d_reflog);
 }
 
 void ukern_inode_ref(struct inode *inode, int change) {
@@ -97,11 +97,11 @@ void ukern_inode_ref(struct inode *inode, int change) {
     snprintf(what, sizeof(what), "inode %lu of %s", inode->i_ino, inode->i_sb->s_id);
     dropped_too_often(what, inode->i_reflog);
   }
-  uk_reflog_note(&inode->i_reflog, change, count);
+  reflog_note(&inode->i_reflog, change, count);
 }
 
 void ukern_inode_forget(struct inode *inode) {
-  uk_reflog_free(inode->i_reflog);
+  reflog_free(inode->i_reflog);
   inode->i_reflog = NULL;
 }
 
@@ -112,19 +112,19 @@ void ukern_vfsmount_ref(struct vfsmount *mnt, int change) {
     snprintf(what, sizeof(what), "mount of %s", mnt->mnt_devname ? mnt->mnt_devname : "none");
     dropped_too_often(what, mnt->mnt_reflog);
   }
-  uk_reflog_note(&mnt->mnt_reflog, change, count);
+  reflog_note(&mnt->mnt_reflog, change, count);
 }
 
 void ukern_vfsmount_forget(struct vfsmount *mnt) {
-  uk_reflog_free(mnt->mnt_reflog);
+  reflog_free(mnt->mnt_reflog);
 }
 
 void ukern_super_ref(struct super_block *sb, int change) {
-  uk_reflog_note(&sb->s_reflog, change, count_after(&sb->s_active, change));
+  reflog_note(&sb->s_reflog, change, count_after(&sb->s_active, change));
 }
 
 void ukern_super_forget(struct super_block *sb) {
-  uk_reflog_free(sb->s_reflog);
+  reflog_free(sb->s_reflog);
 }
 
 static int children(struct dentry *dentry) {
@@ -143,10 +143,10 @@ int dcache_report_busy(struct dentry *root, int spare) {
     const int users = atomic_read(&at->d_count) - children(at) - (at == root ? spare : 0);
     if (users <= 0 || !busy.add()) continue;
     const struct fs_path path(at);
-    uk_report_line(busy.report, "dentry %s (%s, inode %lu%s): %d reference%s not dropped",
-                   path.start, kind_of(at->d_inode), at->d_inode ? at->d_inode->i_ino : 0,
-                   d_unhashed(at) && !IS_ROOT(at) ? ", unhashed" : "", users, users > 1 ? "s" : "");
-    uk_report_reflog(busy.report, at->d_reflog);
+    report_line(busy.report, "dentry %s (%s, inode %lu%s): %d reference%s not dropped", path.start,
+                kind_of(at->d_inode), at->d_inode ? at->d_inode->i_ino : 0,
+                d_unhashed(at) && !IS_ROOT(at) ? ", unhashed" : "", users, users > 1 ? "s" : "");
+    report_reflog(busy.report, at->d_reflog);
   }
   spin_unlock(&dcache_lock);
   return busy.end();
@@ -161,11 +161,11 @@ int inode_report_busy(struct super_block *sb) {
   spin_lock(&inode_lock);
   list_for_each_entry(inode, &sb->s_inodes, i_sb_list) {
     if (!busy.add()) continue;
-    uk_report_line(busy.report, "inode %lu (%s, %u links): %d references not dropped", inode->i_ino,
-                   kind_of(inode), (unsigned)inode->i_nlink, atomic_read(&inode->i_count));
+    report_line(busy.report, "inode %lu (%s, %u links): %d references not dropped", inode->i_ino,
+                kind_of(inode), (unsigned)inode->i_nlink, atomic_read(&inode->i_count));
     list_for_each_entry(alias, &inode->i_dentry, d_alias)
-        uk_report_line(busy.report, "one by its dentry %s", fs_path(alias).start);
-    uk_report_reflog(busy.report, inode->i_reflog);
+        report_line(busy.report, "one by its dentry %s", fs_path(alias).start);
+    report_reflog(busy.report, inode->i_reflog);
   }
   spin_unlock(&inode_lock);
   spin_unlock(&dcache_lock);
@@ -179,11 +179,10 @@ int mount_report_busy(void) {
   spin_lock(&vfsmount_lock);
   list_for_each_entry(mnt, &ukern_all_mounts, mnt_all) {
     if (!busy.add()) continue;
-    uk_report_line(busy.report, "mount of %s (%s): %d references not dropped",
-                   mnt->mnt_devname ? mnt->mnt_devname : "none",
-                   mnt->mnt_sb ? mnt->mnt_sb->s_id : "no file system",
-                   atomic_read(&mnt->mnt_count));
-    uk_report_reflog(busy.report, mnt->mnt_reflog);
+    report_line(busy.report, "mount of %s (%s): %d references not dropped",
+                mnt->mnt_devname ? mnt->mnt_devname : "none",
+                mnt->mnt_sb ? mnt->mnt_sb->s_id : "no file system", atomic_read(&mnt->mnt_count));
+    report_reflog(busy.report, mnt->mnt_reflog);
   }
   spin_unlock(&vfsmount_lock);
   return busy.end();
@@ -196,9 +195,8 @@ int super_report_busy(void) {
   spin_lock(&sb_lock);
   list_for_each_entry(sb, &super_blocks, s_list) {
     if (!busy.add()) continue;
-    uk_report_line(busy.report, "super block of %s: active %d", sb->s_id,
-                   atomic_read(&sb->s_active));
-    uk_report_reflog(busy.report, sb->s_reflog);
+    report_line(busy.report, "super block of %s: active %d", sb->s_id, atomic_read(&sb->s_active));
+    report_reflog(busy.report, sb->s_reflog);
   }
   spin_unlock(&sb_lock);
   return busy.end();

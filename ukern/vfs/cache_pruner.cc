@@ -9,8 +9,6 @@
 #include <linux/sched.h>
 #include <linux/wait.h>
 
-#include "ukern/uk_fs.h"
-
 int ukern_cache_limit = UKERN_CACHE_LIMIT_DEFAULT;
 
 static wait_queue_head_t pruner_wait;
@@ -74,7 +72,7 @@ void cache_pruner_stop(void) {
   kthread_stop(task);
 }
 
-void uk_set_cache_limit(unsigned limit) {
+void set_cache_limit(unsigned limit) {
   __atomic_store_n(&ukern_cache_limit, (int)min_t(unsigned, limit, INT_MAX / 4), __ATOMIC_RELAXED);
   cache_pruner_kick();
 }
@@ -83,7 +81,7 @@ static int cached(void) {
   return stat_read(&dentry_stat.nr_dentry) + stat_read(&inodes_stat.nr_inodes);
 }
 
-void uk_drop_caches(void) {
+void drop_caches(void) {
   // A dentry that is freed may leave its parent and its inode unused: round after round until
   // nothing goes.
   int before;

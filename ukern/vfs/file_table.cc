@@ -16,7 +16,6 @@
 #include <linux/swap.h>
 #include "ukern/sync/reflog.h"
 #include "ukern/vfs/file_table.h"
-#include "ukern/vfs/node.h"
 
 DEFINE_SPINLOCK(files_lock);
 int ukern_max_files;
@@ -50,26 +49,26 @@ void forget(struct file *f) {
   file_list_lock();
   list_del(&((struct known_file *)f)->all);
   file_list_unlock();
-  uk_reflog_free(f->f_reflog);
+  reflog_free(f->f_reflog);
 }
 
 void report_open_files(void) {
   struct known_file *known;
   list_for_each_entry(known, &all_files, all) {
     struct file *f = &known->file;
-    struct uk_report *report =
-        uk_report_begin("file %s is still open: %d references, flags 0%o",
-                        f->f_dentry ? (const char *)f->f_dentry->d_name.name : "(not opened)",
-                        file_count(f), f->f_flags);
-    uk_report_reflog(report, f->f_reflog);
-    uk_report_end(report);
+    struct bug_report *report =
+        report_begin("file %s is still open: %d references, flags 0%o",
+                     f->f_dentry ? (const char *)f->f_dentry->d_name.name : "(not opened)",
+                     file_count(f), f->f_flags);
+    report_reflog(report, f->f_reflog);
+    report_end(report);
   }
   INIT_LIST_HEAD(&all_files);
 }
 
 // Before the count goes down, for with the last one the file is gone.
 void note_drop(struct file *f) {
-  uk_reflog_note(&f->f_reflog, -1, file_count(f) - 1);
+  reflog_note(&f->f_reflog, -1, file_count(f) - 1);
 }
 #else
 constexpr size_t kFileSize = sizeof(struct file);
@@ -107,17 +106,10 @@ int ukern_files_init(void) {
   atomic_set(&files_in_use, 0);
   most_reported = 0;
   file_cache = kmem_cache_create("filp", kFileSize, 0, 0, NULL, NULL);
-  if (!file_cache) return -ENOMEM;
-  const int error = ukern_nodes_init();
-  if (error) {
-    kmem_cache_destroy(file_cache);
-    file_cache = NULL;
-  }
-  return error;
+  return file_cache ? 0 : -ENOMEM;
 }
 
 void ukern_files_exit(void) {
-  ukern_nodes_exit();
   if (!file_cache) return;
   report_open_files();
   kmem_cache_destroy(file_cache);
@@ -137,14 +129,14 @@ struct file *get_empty_filp(void) {
   f->f_uid = current->fsuid;
   f->f_gid = current->fsgid;
 #if UKERN_DEBUG
-  uk_reflog_note(&f->f_reflog, 1, 1);
+  reflog_note(&f->f_reflog, 1, 1);
 #endif
   return f;
 }
 
 #if UKERN_DEBUG
 void ukern_file_ref(struct file *file, int change) {
-  uk_reflog_note(&file->f_reflog, change, file_count(file));
+  reflog_note(&file->f_reflog, change, file_count(file));
 }
 #endif
 

@@ -12,7 +12,6 @@
 #include <linux/slab.h>
 #include <linux/string.h>
 
-#include "ukern/uk_fs.h"
 #include "ukern/vfs/super_internal.h"
 
 int do_add_mount(struct vfsmount *newmnt, struct nameidata *nd, int mnt_flags, struct list_head *) {
@@ -176,30 +175,7 @@ static int do_umount(struct vfsmount *mnt, int flags) {
   return err;
 }
 
-// A page with a copy of the text, as mount(2) makes of its arguments; no text, no page.
-static int copy_to_page(const char *text, char **page) {
-  *page = NULL;
-  if (!text) return 0;
-  if (strlen(text) >= PAGE_SIZE) return -EINVAL;
-  *page = (char *)get_zeroed_page(GFP_KERNEL);
-  if (!*page) return -ENOMEM;
-  strcpy(*page, text);
-  return 0;
-}
-
-int uk_fs_mount(const char *source, const char *dir, const char *type, unsigned long flags,
-                const void *data) {
-  const char *const texts[] = {source, dir, type, (const char *)data};
-  char *pages[ARRAY_SIZE(texts)] = {};
-  int err = 0;
-
-  for (unsigned i = 0; i < ARRAY_SIZE(texts) && !err; i++) err = copy_to_page(texts[i], &pages[i]);
-  if (!err) err = (int)do_mount(pages[0], pages[1], pages[2], flags, pages[3]);
-  for (char *page : pages) free_page((unsigned long)page);
-  return err;
-}
-
-int uk_fs_umount(const char *dir, int flags) {
+int umount_path(const char *dir, int flags) {
   struct nameidata nd;
   int err = path_lookup(dir, LOOKUP_FOLLOW, &nd);
 

@@ -7,8 +7,6 @@
 #include <linux/slab.h>
 #include <linux/string.h>
 
-#include "ukern/uk_fs.h"
-
 static char kBlanks[] = " \t\n\\";  // what a field must not contain as it is
 
 struct flag_text {
@@ -66,7 +64,7 @@ static long show_line(struct vfsmount *mnt, char *buf, unsigned long size) {
   return m.count >= m.size ? -EAGAIN : (long)m.count;
 }
 
-int uk_fs_mount_line(unsigned index, char *line, unsigned long size) {
+int mount_table_line(unsigned index, char *line, unsigned long size) {
   struct vfsmount *mnt;
   char *buf = NULL;
   long len = -ENOENT;

@@ -58,6 +58,10 @@ int fsync_super(struct super_block *sb);
  */
 extern int ukern_cache_limit;
 #define UKERN_CACHE_LIMIT_DEFAULT 20000
+/* Changes the limit; the pruner sees to it that it holds. */
+void set_cache_limit(unsigned limit);
+/* Frees every unused dentry and inode. May sleep. */
+void drop_caches(void);
 /* Looks whether the pruner has work, and wakes it. Any context that may take a spin lock. */
 void cache_pruner_kick(void);
 /* Free up to `count` unused ones, the least recently used first. May sleep. */

@@ -6,8 +6,8 @@
 #include "tests/ukern/open_file.h"
 #include "tests/ukern/threads.h"
 #include "ukern/fs/memfs.h"
-#include "ukern/uk_core.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_core.h"
+#include "ukern/door/uk_fs.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include "tests/harness/case.h"
 #include "ukern/mm/fault.h"
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace {
 
@@ -78,9 +78,9 @@ CASE(fault, each_kind_of_allocation_is_a_point) {
 
 CASE(fault, no_points_while_paused) {
   uk_fault_arm(1);
-  uk_fault_pause();
+  fault_pause();
   void *block = kmalloc(10, GFP_KERNEL);
-  uk_fault_resume();
+  fault_resume();
   EXPECT_NE(block, (void *)NULL);
   EXPECT_EQ(uk_fault_count(), 0ul);
   uk_fault_arm(0);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Unused dentries and inodes stay below the limit, and all go when they are told to.
 #include "tests/ukern/testfs.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 // Matches no inode, and sets one up without a complaint.
 static int never(struct inode *, void *) {

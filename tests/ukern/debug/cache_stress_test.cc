@@ -4,7 +4,7 @@
 // the sanitizers and the leak reports at the end of the case are what looks at it.
 #include "tests/ukern/name_calls.h"
 #include "tests/harness/case.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 static const int kThreads = 4;
 static const int kRounds = 200;

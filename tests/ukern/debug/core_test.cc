@@ -9,7 +9,7 @@
 #include "tests/harness/case.h"
 #include "ukern/sched/task.h"
 #include "ukern/sync/reflog.h"
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace {
 
@@ -297,12 +297,12 @@ CASE(core, unknown_module) {
 namespace {
 
 void report_a_log() {
-  struct uk_reflog *log = NULL;
-  for (int i = 0; i < 20; i++) uk_reflog_note(&log, 1, i + 1);
-  uk_reflog_note(&log, -1, 19);
-  uk_report *report = uk_report_begin("a count");
-  uk_report_reflog(report, log);
-  uk_report_end(report);
+  struct reflog *log = NULL;
+  for (int i = 0; i < 20; i++) reflog_note(&log, 1, i + 1);
+  reflog_note(&log, -1, 19);
+  bug_report *report = report_begin("a count");
+  report_reflog(report, log);
+  report_end(report);
 }
 
 }  // namespace

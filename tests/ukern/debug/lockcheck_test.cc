@@ -8,7 +8,7 @@
 
 #include "tests/harness/case.h"
 #include "tests/ukern/threads.h"
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 #if UKERN_DEBUG
 

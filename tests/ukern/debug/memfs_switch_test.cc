@@ -4,9 +4,9 @@
 #include <linux/xattr.h>
 #include "tests/ukern/open_file.h"
 #include "ukern/fs/memfs.h"
-#include "ukern/uk_core.h"
-#include "ukern/uk_fs.h"
-#include "ukern/uk_mm.h"
+#include "ukern/door/uk_core.h"
+#include "ukern/door/uk_fs.h"
+#include "ukern/door/uk_mm.h"
 
 namespace {
 

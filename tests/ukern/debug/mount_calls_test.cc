@@ -3,8 +3,8 @@
 #include "tests/harness/case.h"
 #include "tests/ukern/name_calls.h"
 #include "tests/ukern/testfs.h"
-#include "ukern/uk_core.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_core.h"
+#include "ukern/door/uk_fs.h"
 
 static bool has_line(const char *wanted) {
   char line[512];

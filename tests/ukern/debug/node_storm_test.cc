@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tests/ukern/node_storm.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
 
 CASE(node_storm, memfs) {
   node_storm::in("/", 1000);

@@ -4,8 +4,8 @@
 #include "tests/ukern/name_calls.h"
 #include <linux/mm.h>
 #include <linux/xattr.h>
-#include "ukern/uk_core.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_core.h"
+#include "ukern/door/uk_fs.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/vfs/exec.h"
 

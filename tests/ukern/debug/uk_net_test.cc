@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // The sockets as the host program sees them, and what the kernel reports about them.
-#include "ukern/uk_net.h"
+#include "ukern/door/uk_net.h"
 
 #include <asm/uaccess.h>
 #include <linux/errno.h>
@@ -11,7 +11,7 @@
 #include "tests/harness/case.h"
 #include "tests/ukern/netlink_peer.h"
 #include "tests/ukern/threads.h"
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 namespace {
 

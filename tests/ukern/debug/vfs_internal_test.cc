@@ -2,7 +2,7 @@
 // Dentries, inodes and mounts by calls that a module does not have.
 #include <linux/hash.h>
 #include "tests/ukern/testfs.h"
-#include "ukern/uk_core.h"
+#include "ukern/door/uk_core.h"
 
 CASE(vfs_internal, is_subdir) {
   testfs fs;

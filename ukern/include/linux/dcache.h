@@ -27,7 +27,7 @@ struct dentry;
 struct inode;
 struct nameidata;
 struct super_block;
-struct uk_reflog;
+struct reflog;
 struct vfsmount;
 
 #define IS_ROOT(x) ((x) == (x)->d_parent)
@@ -85,7 +85,7 @@ struct dentry {
   void *d_fsdata;
   int d_mounted; /* how many mounts hang here; under vfsmount_lock */
   unsigned char d_iname[DNAME_INLINE_LEN_MIN];
-  struct uk_reflog *d_reflog; /* debug builds: who took and dropped references */
+  struct reflog *d_reflog; /* debug builds: who took and dropped references */
 };
 
 /* Subclasses of d_lock: a second one may be taken, that of the target or child, as NESTED. */

@@ -59,7 +59,7 @@ struct nameidata;
 struct page;
 struct seq_file;
 struct super_block;
-struct uk_reflog;
+struct reflog;
 struct vfsmount;
 struct vm_area_struct;
 struct writeback_control;
@@ -264,8 +264,8 @@ struct inode {
   union {
     void *generic_ip; /* the file system's */
   } u;
-  ukern_field<struct uk_node *> i_nodes; /* the hosting program's handles; see ukern/vfs/node.h */
-  struct uk_reflog *i_reflog;            /* debug builds: who took and dropped references */
+  ukern_field<struct uk_node *> i_nodes; /* the hosting program's handles; see ukern/door/node.h */
+  struct reflog *i_reflog;               /* debug builds: who took and dropped references */
 };
 
 /* Subclasses of i_mutex, in the order in which they are taken: parent, child, normal, xattr, quota.
@@ -329,7 +329,7 @@ struct file {
   unsigned long f_version;
   void *private_data;
   struct address_space *f_mapping;
-  struct uk_reflog *f_reflog; /* debug builds: who took and dropped references */
+  struct reflog *f_reflog; /* debug builds: who took and dropped references */
 };
 
 extern spinlock_t files_lock;
@@ -480,7 +480,7 @@ struct super_block {
   void *s_fs_info;
   struct mutex s_vfs_rename_mutex; /* held while a directory moves to another */
   u32 s_time_gran;                 /* of time stamps, in nanoseconds */
-  struct uk_reflog *s_reflog;      /* debug builds: who took and dropped s_active */
+  struct reflog *s_reflog;         /* debug builds: who took and dropped s_active */
 #if UKERN_DEBUG
   unsigned int ukern_depth; /* how many file systems it lies on, see lockdep.h */
 #endif

@@ -24,7 +24,7 @@ struct file_system_type;
 struct nameidata;
 struct namespace_;
 struct super_block;
-struct uk_reflog;
+struct reflog;
 
 #define MNT_NOSUID 0x01
 #define MNT_NODEV 0x02
@@ -46,8 +46,8 @@ struct vfsmount {
   char *mnt_devname;
   struct list_head mnt_list; /* in the name space's list */
   struct namespace_ *mnt_namespace;
-  struct list_head mnt_all;     /* every mount, for reports; under vfsmount_lock */
-  struct uk_reflog *mnt_reflog; /* debug builds: who took and dropped references */
+  struct list_head mnt_all;  /* every mount, for reports; under vfsmount_lock */
+  struct reflog *mnt_reflog; /* debug builds: who took and dropped references */
 };
 
 #if UKERN_DEBUG

@@ -12,8 +12,8 @@
  * All calls return 0 or a negative error number unless said otherwise. Names are single components.
  * Buffers are made user memory of the current task for the time of the call.
  */
-#ifndef UKERN_UK_FS_H
-#define UKERN_UK_FS_H
+#ifndef UKERN_DOOR_UK_FS_H
+#define UKERN_DOOR_UK_FS_H
 
 #ifdef __cplusplus
 extern "C" {

@@ -14,7 +14,7 @@
 #include <linux/spinlock.h>
 #include <linux/stat.h>
 #include <linux/string.h>
-#include "ukern/vfs/node.h"
+#include "ukern/door/node.h"
 
 struct uk_node {
   struct uk_node *next;  // of the inode's nodes

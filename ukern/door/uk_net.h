@@ -4,8 +4,8 @@
  * options. Every call acts as the current task (uk_task_enter): its credentials travel with what it
  * sends.
  */
-#ifndef UKERN_UK_NET_H
-#define UKERN_UK_NET_H
+#ifndef UKERN_DOOR_UK_NET_H
+#define UKERN_DOOR_UK_NET_H
 
 #ifdef __cplusplus
 extern "C" {

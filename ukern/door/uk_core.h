@@ -7,8 +7,8 @@
  * unless their comment says otherwise. Any thread may call; a call that acts for a task needs
  * uk_task_enter first.
  */
-#ifndef UKERN_UK_CORE_H
-#define UKERN_UK_CORE_H
+#ifndef UKERN_DOOR_UK_CORE_H
+#define UKERN_DOOR_UK_CORE_H
 
 #ifdef __cplusplus
 extern "C" {

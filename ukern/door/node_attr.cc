@@ -8,7 +8,7 @@
 #include <linux/statfs.h>
 #include <linux/time.h>
 #include <asm/uaccess.h>
-#include "ukern/vfs/node.h"
+#include "ukern/door/node.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
  * Every call acts as the current task. Several threads may use one mapping; uk_munmap is the last
  * call.
  */
-#ifndef UKERN_UK_MM_H
-#define UKERN_UK_MM_H
+#ifndef UKERN_DOOR_UK_MM_H
+#define UKERN_DOOR_UK_MM_H
 
 #ifdef __cplusplus
 extern "C" {

@@ -11,7 +11,7 @@
 #include <linux/namei.h>
 #include <linux/sched.h>
 #include <linux/string.h>
-#include "ukern/vfs/node.h"
+#include "ukern/door/node.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // The sockets' user side, for the program that hosts the kernel.
 
-#include "ukern/uk_net.h"
+#include "ukern/door/uk_net.h"
 
 #include <asm/uaccess.h>
 #include <linux/errno.h>
@@ -18,7 +18,7 @@
 #include <net/sock.h>
 
 #include "ukern/net/net.h"
-#include "ukern/uk_core.h"
+#include "ukern/sched/user_memory.h"
 
 // The least receive buffer that SO_RCVBUF sets.
 static constexpr unsigned long kMinRcvbuf = 256;
@@ -85,10 +85,10 @@ long uk_nl_send(struct uk_nlsock *sock, const void *data, unsigned long len) {
   msg.msg_iov = &iov;
   msg.msg_iovlen = 1;
 
-  const int err = len ? uk_user_add(data, len) : 0;
+  const int err = len ? user_memory_add(data, len) : 0;
   if (err) return err;
   const long result = sock_sendmsg(socket_of(sock), &msg, len);
-  if (len) uk_user_del(data);
+  if (len) user_memory_del(data);
   return result;
 }
 

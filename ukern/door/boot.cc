@@ -1,20 +1,21 @@
 // SPDX-License-Identifier: GPL-2.0
-// Start and end of the kernel.
-#include "ukern/mm/mm_internal.h"
-#include "ukern/sched/boot.h"
+// Start and end of the kernel, its modules, its log and its reports.
+#include "ukern/door/uk_core.h"
 
 #include <linux/errno.h>
 #include <linux/kernel.h>
 #include <linux/mm.h>
 #include <linux/swap.h>
 
+#include "ukern/door/node.h"
+#include "ukern/mm/mm_internal.h"
 #include "ukern/mm/slab.h"
+#include "ukern/sched/boot.h"
 #include "ukern/sched/module.h"
 #include "ukern/sched/printk.h"
 #include "ukern/sched/task.h"
 #include "ukern/sync/lockcheck.h"
 #include "ukern/sync/report.h"
-#include "ukern/uk_core.h"
 #include "ukern/vfs/file_table.h"
 
 namespace {
@@ -27,9 +28,10 @@ struct Area {
 };
 
 const Area areas[] = {
-    {ukern_slab_init, ukern_slab_exit}, {ukern_tasks_init, ukern_tasks_exit},
-    {ukern_mm_init, ukern_mm_exit},     {ukern_vfs_init, ukern_vfs_exit},
-    {ukern_fs_init, ukern_fs_exit},     {ukern_net_init, ukern_net_exit},
+    {ukern_slab_init, ukern_slab_exit},   {ukern_tasks_init, ukern_tasks_exit},
+    {ukern_mm_init, ukern_mm_exit},       {ukern_vfs_init, ukern_vfs_exit},
+    {ukern_nodes_init, ukern_nodes_exit}, {ukern_fs_init, ukern_fs_exit},
+    {ukern_net_init, ukern_net_exit},
 };
 // Those before this one hold tasks, which the threads of the others need to the end.
 constexpr unsigned kThreadless = 2;
@@ -38,7 +40,7 @@ volatile int running;
 
 void report_threads() {
   if (const unsigned live = ukern_kthreads_wait())
-    uk_report_end(uk_report_begin("%u kernel threads still run at shutdown", live));
+    report_end(report_begin("%u kernel threads still run at shutdown", live));
 }
 
 // From the last one that was started on, `count` of them.
@@ -87,7 +89,7 @@ int uk_boot(const struct uk_boot_options *options) {
 
 int uk_shutdown(void) {
   if (!__atomic_load_n(&running, __ATOMIC_ACQUIRE)) return -EINVAL;
-  const unsigned long before = uk_report_count();
+  const unsigned long before = report_count();
   BUG_ON(current);
   ukern_lock_check_none("shutdown");
   ukern_set_current(&init_task);
@@ -97,6 +99,25 @@ int uk_shutdown(void) {
   ukern_lock_check_none("end of the shutdown");
   ukern_set_current(NULL);
   __atomic_store_n(&running, 0, __ATOMIC_RELEASE);
-  return (int)(uk_report_count() - before);
+  return (int)(report_count() - before);
+}
+int uk_module_load(const char *name) {
+  return load_builtin_module(name);
+}
+
+int uk_module_unload(const char *name) {
+  return unload_builtin_module(name);
+}
+
+void uk_set_panic_handler(uk_panic_handler handler) {
+  set_panic_handler(handler);
+}
+
+int uk_klog_read(unsigned long long from, unsigned wait_ms, struct uk_klog_line *line, char *text,
+                 unsigned long size) {
+  struct klog_line found;
+  if (!klog_read(from, wait_ms, &found, text, size)) return 0;
+  *line = {.number = found.number, .us = found.us, .level = found.level, .len = found.len};
+  return 1;
 }
 }

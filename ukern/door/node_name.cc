@@ -6,7 +6,7 @@
 #include <linux/kernel.h>
 #include <linux/limits.h>
 #include <linux/string.h>
-#include "ukern/vfs/node.h"
+#include "ukern/door/node.h"
 
 namespace {
 

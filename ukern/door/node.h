@@ -11,20 +11,20 @@
  * a spin lock per node covers which dentry it holds. They do not nest. References are dropped with
  * neither held.
  */
-#ifndef UKERN_VFS_NODE_H
-#define UKERN_VFS_NODE_H
+#ifndef UKERN_DOOR_NODE_H
+#define UKERN_DOOR_NODE_H
 
 #include <linux/sched.h>
 
-#include "ukern/uk_core.h"
-#include "ukern/uk_fs.h"
+#include "ukern/door/uk_fs.h"
+#include "ukern/sched/user_memory.h"
 #include "ukern/vfs/walk.h"
 
 #ifdef __cplusplus
 extern "C" {
 #endif
 
-/* The caches of nodes; see file_table.h. */
+/* The cache of nodes: made before the first call by one, given back when all are. 0 or -ENOMEM. */
 int ukern_nodes_init(void);
 void ukern_nodes_exit(void);
 
@@ -90,9 +90,9 @@ class one_call {
 class user_buffer {
  public:
   user_buffer(const void *start, unsigned long len)
-      : start_(len ? start : nullptr), error_(len ? uk_user_add(start, len) : 0) {}
+      : start_(len ? start : nullptr), error_(len ? user_memory_add(start, len) : 0) {}
   ~user_buffer() {
-    if (start_ && !error_) uk_user_del(start_);
+    if (start_ && !error_) user_memory_del(start_);
   }
   user_buffer(const user_buffer &) = delete;
   user_buffer &operator=(const user_buffer &) = delete;

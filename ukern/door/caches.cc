@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: GPL-2.0
+// What the kernel keeps of file systems: dentries, inodes, descriptors of the host.
+#include "ukern/door/uk_fs.h"
+#include "ukern/fs/hostfs.h"
+#include "ukern/vfs/vfs.h"
+
+extern "C" {
+
+unsigned long uk_kept_directories(void) {
+  return hostfs_kept_directories();
+}
+
+void uk_drop_caches(void) {
+  drop_caches();
+}
+
+void uk_set_cache_limit(unsigned limit) {
+  set_cache_limit(limit);
+}
+}

@@ -3,7 +3,7 @@
 // operation changes what its names stand for now, or nothing.
 #include "tests/module/mounted.h"
 #include "ukern/fs/memfs.h"
-#include "ukern/vfs/walk.h"
+#include "ukern/syscall/syscall.h"
 
 namespace {
 

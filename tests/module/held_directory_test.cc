@@ -83,7 +83,7 @@ MODULE_CASE(held_directory, removed_one_has_no_name) {
   EXPECT_EQ(uk_getattr(held.get(), nullptr, &stat), 0);
   EXPECT_TRUE(S_ISDIR(stat.mode));
   EXPECT_EQ(test_mkdir("/mnt/d"), 0);
-  struct host_stat host;
+  struct uk_stat host;
   EXPECT_EQ(mount.host.stat("d", &host), 0);
   const test_name fresh("/mnt/d");
   EXPECT_EQ(fresh.stat().ino, host.ino);
@@ -236,7 +236,7 @@ MODULE_CASE(held_directory, storm) {
   // In the end by name what the host has.
   for (const char *name : storm_names) {
     char path[16];
-    struct host_stat host;
+    struct uk_stat host;
     snprintf(path, sizeof(path), "/mnt/%s", name);
     const int there = mount.host.stat(name, &host);
     const test_name at(path);

@@ -4,7 +4,7 @@
 // two dentries of one upper directory would be one lock taken twice.
 #include "tests/module/mounted.h"
 #include "tests/ukern/host_dir.h"
-#include "ukern/vfs/walk.h"
+#include "ukern/syscall/syscall.h"
 
 namespace {
 

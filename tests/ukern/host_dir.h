@@ -42,7 +42,7 @@ class host_dir {
   const char *path() const { return path_; }
 
   // The host's own view of a name in the directory.
-  int stat(const char *name, struct host_stat *out) {
+  int stat(const char *name, struct uk_stat *out) {
     return host_fs_stat_name(NULL, fd_, name, out);
   }
   // Behind the file system's back: a file with this content, in the directory or in one below it.

@@ -6,6 +6,7 @@
 #include <linux/string.h>
 
 #include "ukern/door/uk_fs.h"
+#include "ukern/syscall/syscall.h"
 #include "ukern/vfs/mount_internal.h"
 
 namespace {

@@ -18,7 +18,7 @@
 
 #include "ukern/door/uk_fs.h"
 #include "ukern/sched/user_memory.h"
-#include "ukern/vfs/walk.h"
+#include "ukern/syscall/syscall.h"
 
 #ifdef __cplusplus
 extern "C" {

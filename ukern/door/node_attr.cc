@@ -6,6 +6,7 @@
 #include <linux/kernel.h>
 #include <linux/stat.h>
 #include <linux/statfs.h>
+#include <linux/string.h>
 #include <linux/time.h>
 #include <asm/uaccess.h>
 #include "ukern/door/node.h"
@@ -29,6 +30,7 @@ void to_stat(const struct kstat *from, struct uk_stat *to) {
   to->blocks = from->blocks;
   to->rdev = new_encode_dev(from->rdev);
   to->dev = new_encode_dev(from->dev);
+  to->mount = 0;
   to->mode = from->mode;
   to->nlink = from->nlink;
   to->uid = from->uid;
@@ -133,10 +135,11 @@ int uk_statfs(struct uk_node *node, struct uk_statfs *out) {
   out->bavail = figures.f_bavail;
   out->files = figures.f_files;
   out->ffree = figures.f_ffree;
-  out->bsize = (unsigned)figures.f_bsize;
-  out->frsize = (unsigned)figures.f_frsize;
-  out->namelen = (unsigned)figures.f_namelen;
-  out->type = (unsigned)figures.f_type;
+  memcpy(&out->fsid, &figures.f_fsid, sizeof(out->fsid));
+  out->bsize = figures.f_bsize;
+  out->frsize = figures.f_frsize;
+  out->namelen = figures.f_namelen;
+  out->type = figures.f_type;
   return 0;
 }
 

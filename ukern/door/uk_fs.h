@@ -15,29 +15,14 @@
 #ifndef UKERN_DOOR_UK_FS_H
 #define UKERN_DOOR_UK_FS_H
 
+#include "ukern/door/uk_types.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
 
 struct uk_node;
 struct uk_file;
-
-struct uk_time {
-  long long sec;
-  unsigned nsec;
-};
-
-struct uk_stat {
-  unsigned long long ino, size, blocks; /* blocks of 512 bytes */
-  unsigned long long rdev, dev;         /* as the kernel's new_encode_dev */
-  unsigned mode, nlink, uid, gid, blksize;
-  struct uk_time atime, mtime, ctime;
-};
-
-struct uk_statfs {
-  unsigned long long blocks, bfree, bavail, files, ffree;
-  unsigned bsize, frsize, namelen, type;
-};
 
 /* mount(2), umount2(2) and the mount table, inside the kernel's own name space. */
 int uk_fs_mount(const char *source, const char *dir, const char *type, unsigned long flags,

@@ -32,7 +32,7 @@ unsigned long removed_at;
 constexpr unsigned long kForgotten = HZ / 10;  // by then what is not in use has been forgotten
 
 struct object {
-  struct host_stat stat;
+  struct uk_stat stat;
   int fd;
 };
 
@@ -50,14 +50,14 @@ int set_object(struct inode *inode, void *data) {
   return 0;
 }
 
-struct timespec time_from(const struct host_time &time) {
+struct timespec time_from(const struct uk_time &time) {
   struct timespec ts;
   ts.tv_sec = time.sec;
   ts.tv_nsec = time.nsec;
   return ts;
 }
 
-void set_operations(struct inode *inode, const struct host_stat &stat) {
+void set_operations(struct inode *inode, const struct uk_stat &stat) {
   const umode_t mode = static_cast<umode_t>(stat.mode);
   inode->i_op = &hostfs_file_iops;
   if (S_ISDIR(mode)) {
@@ -69,7 +69,7 @@ void set_operations(struct inode *inode, const struct host_stat &stat) {
     inode->i_fop = &hostfs_file_fops;
     inode->i_mapping->a_ops = &hostfs_aops;
   } else {
-    init_special_inode(inode, mode, MKDEV(stat.rdev_major, stat.rdev_minor));
+    init_special_inode(inode, mode, new_decode_dev((u32)stat.rdev));
   }
   inode->i_mapping->backing_dev_info = &hostfs_bdi;
 }
@@ -98,7 +98,7 @@ void hostfs_destroy_inode(struct inode *inode) {
 int hostfs_statfs(struct dentry *dentry, struct kstatfs *buf) {
   const hostfs_held held(dentry->d_inode);
   if (held.fd() < 0) return held.fd();
-  struct host_statfs host;
+  struct uk_statfs host;
   if (int error = host_fs_statfs(held.fd(), &host)) return error;
   buf->f_type = host.type;
   buf->f_bsize = host.bsize;
@@ -159,13 +159,13 @@ struct file_system_type hostfs_type = {
 
 }  // namespace
 
-void hostfs_take_stat(struct inode *inode, const struct host_stat *stat) {
+void hostfs_take_stat(struct inode *inode, const struct uk_stat *stat) {
   spin_lock(&inode->i_lock);
   inode->i_mode = static_cast<umode_t>(stat->mode);
   inode->i_nlink = stat->nlink;
   inode->i_uid = stat->uid;
   inode->i_gid = stat->gid;
-  inode->i_rdev = MKDEV(stat->rdev_major, stat->rdev_minor);
+  inode->i_rdev = new_decode_dev((u32)stat->rdev);
   i_size_write(inode, static_cast<loff_t>(stat->size));
   inode->i_blocks = stat->blocks;
   inode->i_blksize = stat->blksize;
@@ -181,7 +181,7 @@ int hostfs_refresh(struct inode *inode) {
   // What has lost its last name through here, and its descriptor since, is as it was then.
   if (held.fd() == -ENOENT && hostfs_i(inode)->removed) return 0;
   if (held.fd() < 0) return held.fd();
-  struct host_stat stat;
+  struct uk_stat stat;
   if (int error = host_fs_stat(held.fd(), &stat)) return error;
   hostfs_take_stat(inode, &stat);
   return 0;

@@ -67,7 +67,7 @@ int set_size(const host_identity *as, struct inode *inode, int fd, loff_t size) 
   return 0;
 }
 
-host_time time_to_set(const struct timespec &time, bool given) {
+uk_time time_to_set(const struct timespec &time, bool given) {
   if (!given) return {0, HOST_TIME_NOW};
   return {time.tv_sec, static_cast<unsigned>(time.tv_nsec)};
 }
@@ -78,8 +78,8 @@ int set_times(const host_identity *as, int fd, const struct iattr *attr) {
   // A truncation has set the modification time already.
   const bool mtime = (valid & ATTR_MTIME_SET) || ((valid & ATTR_MTIME) && !(valid & ATTR_SIZE));
   if (!atime && !mtime) return 0;
-  const host_time new_atime = time_to_set(attr->ia_atime, valid & ATTR_ATIME_SET);
-  const host_time new_mtime = time_to_set(attr->ia_mtime, valid & ATTR_MTIME_SET);
+  const uk_time new_atime = time_to_set(attr->ia_atime, valid & ATTR_ATIME_SET);
+  const uk_time new_mtime = time_to_set(attr->ia_mtime, valid & ATTR_MTIME_SET);
   return host_fs_utimes(as, fd, atime ? &new_atime : nullptr, mtime ? &new_mtime : nullptr);
 }
 

@@ -29,7 +29,7 @@ int disowned(struct dentry *dentry) {
 // What the host has under a name in the directory `dir` now. Numbers tell an object from the
 // inode's only while a descriptor of that is open: one that was closed is taken from the name.
 int look_at_name(const host_identity &as, int dir, const char *name, struct inode *inode,
-                 struct host_stat *stat) {
+                 struct uk_stat *stat) {
   if (!inode) return host_fs_stat_name(&as, dir, name, stat);
   const hostfs_held held(inode, HOSTFS_IF_OPEN);
   if (held.fd() >= 0) return host_fs_stat_name(&as, dir, name, stat);
@@ -41,7 +41,7 @@ int look_at_name(const host_identity &as, int dir, const char *name, struct inod
 }
 
 int look_below(const host_identity &as, struct inode *dir, const char *name, struct inode *inode,
-               struct host_stat *stat) {
+               struct uk_stat *stat) {
   const hostfs_held held(dir);
   return held.fd() < 0 ? held.fd() : look_at_name(as, held.fd(), name, inode, stat);
 }
@@ -62,7 +62,7 @@ int ask_host(struct dentry *dentry) {
   spin_unlock(&dcache_lock);
 
   const host_identity as = hostfs_caller();
-  struct host_stat stat;
+  struct uk_stat stat;
   if (dentry->d_inode) ukern_prefetch_attributes(dentry->d_inode);
   const int error = look_below(as, parent->d_inode, name, dentry->d_inode, &stat);
   dput(parent);

@@ -40,7 +40,7 @@ bool can_reopen(const hostfs_inode *info) {
   return info->origin && !info->kept;
 }
 
-hostfs_origin *get_origin(int fd, const struct host_stat *stat) {
+hostfs_origin *get_origin(int fd, const struct uk_stat *stat) {
   hostfs_origin *origin;
   mutex_lock(&origins_mutex);
   list_for_each_entry(origin, &origins, all) {
@@ -114,7 +114,7 @@ int reopen(hostfs_inode *info) {
     if (fd == -ESTALE) set_gone(info);
     return fd;
   }
-  struct host_stat stat;
+  struct uk_stat stat;
   int error = host_fs_stat(fd, &stat);
   if (!error && !hostfs_is(&info->vfs_inode, &stat)) error = -ESTALE;
   if (!error) return use_opened(info, fd);
@@ -162,7 +162,7 @@ void hostfs_unuse(struct inode *inode) {
   if (too_many) close_idle();
 }
 
-void hostfs_use_new(struct inode *inode, const struct host_stat *stat) {
+void hostfs_use_new(struct inode *inode, const struct uk_stat *stat) {
   hostfs_inode *info = hostfs_i(inode);
   if (!S_ISDIR(stat->mode)) return;
   info->users = 1;

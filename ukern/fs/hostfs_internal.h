@@ -53,7 +53,7 @@ static inline struct hostfs_inode *hostfs_i(const struct inode *inode) {
   return container_of(const_cast<struct inode *>(inode), struct hostfs_inode, vfs_inode);
 }
 /* Does the host speak of the inode's object? */
-static inline int hostfs_is(const struct inode *inode, const struct host_stat *stat) {
+static inline int hostfs_is(const struct inode *inode, const struct uk_stat *stat) {
   const struct hostfs_inode *info = hostfs_i(inode);
   return info->ino == stat->ino && info->dev == stat->dev && info->mount == stat->mount &&
          !__atomic_load_n(&info->gone, __ATOMIC_RELAXED);
@@ -66,7 +66,7 @@ enum hostfs_use_how { HOSTFS_REOPEN, HOSTFS_IF_OPEN };
 int hostfs_use(struct inode *inode, enum hostfs_use_how how);
 void hostfs_unuse(struct inode *inode);
 /* A new inode has got its descriptor, of what the host describes so: its first use. */
-void hostfs_use_new(struct inode *inode, const struct host_stat *stat);
+void hostfs_use_new(struct inode *inode, const struct uk_stat *stat);
 /* Whether a path descriptor that the host has opened by a name is of the inode's object, and taken
  * over; or of another that has got its number since, and the inode is gone. */
 int hostfs_is_behind(struct inode *inode, int fd);
@@ -90,7 +90,7 @@ struct inode *hostfs_iget(struct super_block *sb, int fd);
  * it has said since the call under way began. 0 or -errno. */
 int hostfs_refresh(struct inode *inode);
 int hostfs_refresh_once(struct inode *inode);
-void hostfs_take_stat(struct inode *inode, const struct host_stat *stat);
+void hostfs_take_stat(struct inode *inode, const struct uk_stat *stat);
 
 /*
  * What has lost its last name goes from the host when its inode here goes, and that is a moment

@@ -139,11 +139,11 @@ int path_descriptor(int fd) {
   return path >= 0 ? path : result(open(FdPath(fd).text, O_PATH | O_CLOEXEC));
 }
 
-host_time time_from(const statx_timestamp &time) {
+uk_time time_from(const statx_timestamp &time) {
   return {time.tv_sec, time.tv_nsec};
 }
 
-int stat_of(int dir, const char *name, int flags, host_stat *to) {
+int stat_of(int dir, const char *name, int flags, uk_stat *to) {
   struct statx from;
   constexpr unsigned kWanted = STATX_BASIC_STATS | STATX_MNT_ID;
   if (statx(dir, name, flags | AT_NO_AUTOMOUNT, kWanted, &from) != 0) return -errno;
@@ -158,15 +158,14 @@ int stat_of(int dir, const char *name, int flags, host_stat *to) {
   to->uid = from.stx_uid;
   to->gid = from.stx_gid;
   to->blksize = from.stx_blksize;
-  to->rdev_major = from.stx_rdev_major;
-  to->rdev_minor = from.stx_rdev_minor;
+  to->rdev = makedev(from.stx_rdev_major, from.stx_rdev_minor);
   to->atime = time_from(from.stx_atime);
   to->mtime = time_from(from.stx_mtime);
   to->ctime = time_from(from.stx_ctime);
   return 0;
 }
 
-timespec time_of(const host_time *time) {
+timespec time_of(const uk_time *time) {
   if (time == nullptr) return {0, UTIME_OMIT};
   if (time->nsec == HOST_TIME_NOW) return {0, UTIME_NOW};
   return {static_cast<time_t>(time->sec), static_cast<long>(time->nsec)};
@@ -280,16 +279,16 @@ int host_fs_origin(int fd) {
   return -EOPNOTSUPP;
 }
 
-int host_fs_stat(int fd, host_stat *out) {
+int host_fs_stat(int fd, uk_stat *out) {
   return stat_of(fd, "", AT_EMPTY_PATH, out);
 }
 
-int host_fs_stat_name(const host_identity *as, int dir, const char *name, host_stat *out) {
+int host_fs_stat_name(const host_identity *as, int dir, const char *name, uk_stat *out) {
   identity.become(as);
   return stat_of(dir, name, AT_SYMLINK_NOFOLLOW, out);
 }
 
-int host_fs_statfs(int fd, host_statfs *out) {
+int host_fs_statfs(int fd, uk_statfs *out) {
   struct statfs st;
   if (fstatfs(fd, &st) != 0) return -errno;
   *out = {};
@@ -396,8 +395,7 @@ int host_fs_truncate(const host_identity *as, int fd, unsigned long long size) {
   return error;
 }
 
-int host_fs_utimes(const host_identity *as, int fd, const host_time *atime,
-                   const host_time *mtime) {
+int host_fs_utimes(const host_identity *as, int fd, const uk_time *atime, const uk_time *mtime) {
   identity.become(as);
   const timespec times[2] = {time_of(atime), time_of(mtime)};
   return result(utimensat(AT_FDCWD, FdPath(fd).text, times, 0));

@@ -16,6 +16,8 @@
 #ifndef UKERN_HOST_HOST_FS_H
 #define UKERN_HOST_HOST_FS_H
 
+#include "ukern/door/uk_types.h"
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -25,24 +27,6 @@ struct host_identity {
   unsigned ngroups;
   const unsigned *groups;
   unsigned capabilities; /* bit mask of CAP_*; those that are about files, and no others, count */
-};
-
-struct host_time {
-  long long sec;
-  unsigned nsec;
-};
-
-struct host_stat {
-  unsigned long long dev, ino, size, blocks; /* blocks of 512 bytes */
-  unsigned long long mount; /* the mount through which it was reached; 0: the host does not say */
-  unsigned mode, nlink, uid, gid, blksize;
-  unsigned rdev_major, rdev_minor;
-  struct host_time atime, mtime, ctime;
-};
-
-struct host_statfs {
-  unsigned long long blocks, bfree, bavail, files, ffree, fsid;
-  long type, bsize, namelen, frsize;
 };
 
 /* Raises the limit of open descriptors as far as it goes: for root to the machine's, for others to
@@ -78,10 +62,10 @@ int host_fs_origin(int fd);
 int host_fs_handle(int fd, struct host_handle *out);
 int host_fs_reopen(int origin, const struct host_handle *handle);
 
-int host_fs_stat(int fd, struct host_stat *out);
+int host_fs_stat(int fd, struct uk_stat *out);
 int host_fs_stat_name(const struct host_identity *as, int dir, const char *name,
-                      struct host_stat *out);
-int host_fs_statfs(int fd, struct host_statfs *out);
+                      struct uk_stat *out);
+int host_fs_statfs(int fd, struct uk_statfs *out);
 /* May `as` do this (bits: 4 read, 2 write, 1 execute or search)? 0 or -EACCES, -EROFS, ... */
 int host_fs_access(const struct host_identity *as, int fd, int mask);
 /* The text of a symbolic link, cut to `size`, not terminated: its length. */
@@ -107,8 +91,8 @@ int host_fs_chown(const struct host_identity *as, int fd, unsigned uid, unsigned
 int host_fs_truncate(const struct host_identity *as, int fd, unsigned long long size);
 /* NULL leaves a time as it is; nsec HOST_TIME_NOW: the host's present. */
 #define HOST_TIME_NOW (~0u)
-int host_fs_utimes(const struct host_identity *as, int fd, const struct host_time *atime,
-                   const struct host_time *mtime);
+int host_fs_utimes(const struct host_identity *as, int fd, const struct uk_time *atime,
+                   const struct uk_time *mtime);
 
 int host_fs_setxattr(const struct host_identity *as, int fd, const char *name, const void *value,
                      unsigned long size, int flags);

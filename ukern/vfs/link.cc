@@ -7,7 +7,6 @@
 #include <linux/namei.h>
 #include <linux/string.h>
 #include <asm/uaccess.h>
-#include "ukern/vfs/walk.h"
 
 extern "C" {
 
@@ -29,13 +28,6 @@ int generic_readlink(struct dentry *dentry, char __user *buffer, int buflen) {
   const int result = vfs_readlink(dentry, buffer, buflen, nd_get_link(&nd));
   if (op->put_link) op->put_link(dentry, &nd, cookie);
   return result;
-}
-
-int readlink_at(const struct walk_path *path, char __user *buf, int size) {
-  struct inode *inode = path->dentry->d_inode;
-  if (size <= 0 || !inode->i_op || !inode->i_op->readlink) return -EINVAL;
-  touch_atime(path->mnt, path->dentry);
-  return inode->i_op->readlink(path->dentry, buf, size);
 }
 
 }  // extern "C"

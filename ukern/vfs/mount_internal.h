@@ -34,8 +34,6 @@ void umount_tree(struct vfsmount *mnt, struct list_head *kill);
 /* Drops the tree's references on what umount_tree took out. No locks held; may sleep. */
 void release_mounts(struct list_head *kill);
 
-/* umount2(2) by the path of the mount point. */
-int umount_path(const char *dir, int flags);
 /* Line `index` of the mount table as /proc/mounts has it, without its end. -ENOENT past the last
  * one, -ERANGE if it does not fit into `size` bytes with its NUL. */
 int mount_table_line(unsigned index, char *line, unsigned long size);

@@ -1,17 +1,13 @@
 // SPDX-License-Identifier: GPL-2.0
-// Extended attributes: who may touch which name space, and the system calls around the file
-// system's operations.
+// Extended attributes: who may touch which name space, and the file system's operations.
 #include <linux/capability.h>
 #include <linux/errno.h>
 #include <linux/fs.h>
 #include <linux/kernel.h>
 #include <linux/mutex.h>
-#include <linux/slab.h>
 #include <linux/stat.h>
 #include <linux/string.h>
 #include <linux/xattr.h>
-#include <asm/uaccess.h>
-#include "ukern/vfs/walk.h"
 
 namespace {
 
@@ -38,11 +34,6 @@ int xattr_permission(struct inode *inode, const char *name, int mask) {
 // Without a security module the attributes that belong to one are an administrator's to change.
 int security_permission(const char *name) {
   return in_space(name, XATTR_SECURITY_PREFIX) && !capable(CAP_SYS_ADMIN) ? -EPERM : 0;
-}
-
-int check_name(const char *name) {
-  const size_t len = strlen(name);
-  return !len || len > XATTR_NAME_MAX ? -ERANGE : 0;
 }
 
 }  // namespace
@@ -79,67 +70,6 @@ int vfs_removexattr(struct dentry *dentry, char *name) {
   error = inode->i_op->removexattr(dentry, name);
   mutex_unlock(&inode->i_mutex);
   return error;
-}
-
-int setxattr_user(struct dentry *dentry, const char *name, const void __user *value, size_t size,
-                  int flags) {
-  if (flags & ~(XATTR_CREATE | XATTR_REPLACE)) return -EINVAL;
-  int error = check_name(name);
-  if (error) return error;
-  void *copy = NULL;
-  if (size > XATTR_SIZE_MAX) return -E2BIG;
-  if (size) {
-    copy = kmalloc(size, GFP_KERNEL);
-    if (!copy) return -ENOMEM;
-    if (copy_from_user(copy, value, size)) {
-      kfree(copy);
-      return -EFAULT;
-    }
-  }
-  error = vfs_setxattr(dentry, (char *)name, copy, size, flags);
-  kfree(copy);
-  return error;
-}
-
-ssize_t getxattr_user(struct dentry *dentry, const char *name, void __user *value, size_t size) {
-  ssize_t result = check_name(name);
-  if (result) return result;
-  void *copy = NULL;
-  if (size > XATTR_SIZE_MAX) size = XATTR_SIZE_MAX;
-  if (size) {
-    copy = kzalloc(size, GFP_KERNEL);
-    if (!copy) return -ENOMEM;
-  }
-  result = vfs_getxattr(dentry, (char *)name, copy, size);
-  BUG_ON(size && result > (ssize_t)size);
-  if (result > 0 && size && copy_to_user(value, copy, (size_t)result)) result = -EFAULT;
-  // More than fits into the largest buffer allowed: a larger one will not help.
-  if (result == -ERANGE && size >= XATTR_SIZE_MAX) result = -E2BIG;
-  kfree(copy);
-  return result;
-}
-
-ssize_t listxattr_user(struct dentry *dentry, char __user *list, size_t size) {
-  struct inode *inode = dentry->d_inode;
-  char *copy = NULL;
-  if (size > XATTR_LIST_MAX) size = XATTR_LIST_MAX;
-  if (size) {
-    copy = (char *)kmalloc(size, GFP_KERNEL);
-    if (!copy) return -ENOMEM;
-  }
-  // Without the operation the list is that of the security module: empty.
-  ssize_t result =
-      inode->i_op && inode->i_op->listxattr ? inode->i_op->listxattr(dentry, copy, size) : 0;
-  BUG_ON(size && result > (ssize_t)size);
-  if (result > 0 && size && copy_to_user(list, copy, (size_t)result)) result = -EFAULT;
-  if (result == -ERANGE && size >= XATTR_LIST_MAX) result = -E2BIG;
-  kfree(copy);
-  return result;
-}
-
-int removexattr_user(struct dentry *dentry, const char *name) {
-  const int error = check_name(name);
-  return error ? error : vfs_removexattr(dentry, (char *)name);
 }
 
 }  // extern "C"

@@ -78,7 +78,7 @@ CASE(hostfs_held, an_idle_directory_is_closed_and_opened_again) {
   EXPECT_EQ(a.look_up("d"), 0);
   EXPECT_EQ(b.look_up("c"), -ENOENT);
   EXPECT_EQ(name_rmdir("/h/a/d"), 0);
-  struct host_stat st;
+  struct uk_stat st;
   EXPECT_EQ(host.stat("a/b", &st), 0);
   EXPECT_EQ(st.nlink, 2u);
 }
@@ -102,7 +102,7 @@ CASE(hostfs_held, who_is_in_a_directory_stays_in_it_wherever_it_moves) {
   EXPECT_EQ(host_fs_symlink(NULL, host.fd(), "link", "moved"), 0);
   EXPECT_EQ(host.rename("link", "moved/b"), 0);
   EXPECT_EQ(b.mkdir("4"), 0);
-  struct host_stat st;
+  struct uk_stat st;
   static const char *const made[] = {"away/1", "away/2", "away/3", "away/4"};
   for (const char *name : made) EXPECT_EQ(host.stat(name, &st), 0);
   EXPECT_EQ(host.stat("moved/4", &st), -ENOENT);
@@ -116,7 +116,7 @@ CASE(hostfs_held, another_directory_with_the_number_is_another) {
     EXPECT_EQ(name_mkdir("/h/old", 0755), 0);
     inside old("/h/old");
     REQUIRE_EQ(old.error(), 0);
-    struct host_stat first, second;
+    struct uk_stat first, second;
     EXPECT_EQ(host.stat("old", &first), 0);
     const bool closed = is_closed("/h/old");
     EXPECT_EQ(host.rmdir("old"), 0);

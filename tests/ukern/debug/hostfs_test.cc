@@ -32,7 +32,7 @@ bool is_anybody() {
 CASE(hostfs, what_is_made_is_on_the_host) {
   host_dir host;
   REQUIRE_EQ(host.error(), 0);
-  struct host_stat st;
+  struct uk_stat st;
   EXPECT_EQ(name_mkdir("/h/d", 0750), 0);
   EXPECT_EQ(name_symlink("to/where", "/h/l"), 0);
   EXPECT_EQ(name_mknod("/h/p", S_IFIFO | 0622, 0), 0);
@@ -63,7 +63,7 @@ CASE(hostfs, data_goes_straight_to_the_host) {
   EXPECT_EQ(file.write(data, sizeof(data), 0), (long)sizeof(data));
   EXPECT_EQ(file.mapping()->nrpages, 0ul);
   EXPECT_EQ(i_size_read(file.inode()), (loff_t)sizeof(data));
-  struct host_stat st;
+  struct uk_stat st;
   EXPECT_EQ(host.stat("f", &st), 0);
   EXPECT_EQ(st.size, (unsigned long long)sizeof(data));
   EXPECT_EQ(file.read(seen, sizeof(seen), 0), (long)sizeof(data));
@@ -183,7 +183,7 @@ CASE(hostfs, attributes_are_set_on_the_host) {
   attr.ia_atime.tv_sec = 5;
   EXPECT_EQ(name_change("/h/f", &attr), 0);
   EXPECT_EQ(name_chmod("/h/f", 0640), 0);
-  struct host_stat st;
+  struct uk_stat st;
   EXPECT_EQ(host.stat("f", &st), 0);
   EXPECT_EQ(st.mtime.sec, 1111);
   EXPECT_EQ(st.mtime.nsec, 222333444u);
@@ -222,7 +222,7 @@ CASE(hostfs, a_user_writing_takes_the_set_user_id_bit_away) {
   if (!is_anybody()) return;
   EXPECT_EQ(name_mknod("/h/f", S_IFREG | 0666, 0), 0);
   EXPECT_EQ(name_chmod("/h/f", 04777), 0);
-  struct host_stat st;
+  struct uk_stat st;
   {
     open_file file("/h/f", O_RDWR);
     REQUIRE_EQ(file.error(), 0);
@@ -260,7 +260,7 @@ CASE(hostfs, capabilities_are_the_callers) {
     current->cap_effective |= CAP_TO_MASK(CAP_CHOWN);
     EXPECT_EQ(name_chown("/h/shut/f", 777, 777), 0);
   }
-  struct host_stat st;
+  struct uk_stat st;
   EXPECT_EQ(host.stat("shut/g", &st), 0);
   EXPECT_EQ(st.uid, 777u);
   EXPECT_EQ(host.stat("shut/f", &st), 0);
@@ -443,7 +443,7 @@ CASE(hostfs, the_hosts_figures) {
   struct nameidata nd;
   REQUIRE_EQ(path_lookup("/h", 0, &nd), 0);
   struct kstatfs ours;
-  struct host_statfs theirs;
+  struct uk_statfs theirs;
   EXPECT_EQ(vfs_statfs(nd.dentry, &ours), 0);
   EXPECT_EQ(host_fs_statfs(host.fd(), &theirs), 0);
   EXPECT_EQ(ours.f_blocks, theirs.blocks);

@@ -550,7 +550,7 @@ int fs_may_remount_ro(struct super_block *);
 void sync_supers(void);
 void sync_filesystems(int wait);
 
-/* ---- mounts: ukern/vfs/namespace.cc ---- */
+/* ---- mounts: ukern/vfs/mount_tree.cc ---- */
 
 /* A mount of the type that is attached nowhere. ERR_PTR. */
 struct vfsmount *kern_mount(struct file_system_type *);
@@ -641,7 +641,6 @@ static inline void file_accessed(struct file *file) {
   if (!(file->f_flags & O_NOATIME)) touch_atime(file->f_vfsmnt, file->f_dentry);
 }
 void file_update_time(struct file *file);
-int inode_needs_sync(struct inode *inode);
 int write_inode_now(struct inode *, int sync);
 int sync_inode(struct inode *inode, struct writeback_control *wbc);
 #define OSYNC_METADATA (1 << 0)

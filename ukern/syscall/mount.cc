@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
-// mount(2) and umount2(2): the checks, and the calls of the program that hosts the kernel.
+// mount(2) and umount2(2).
 //
 // New mounts, remounts and bind mounts of one mount exist; recursive ones, moves and propagation do
 // not and are refused.
 
-#include "ukern/vfs/mount_internal.h"
+#include "ukern/syscall/syscall.h"
 
 #include <linux/capability.h>
 #include <linux/mm.h>
@@ -12,6 +12,7 @@
 #include <linux/slab.h>
 #include <linux/string.h>
 
+#include "ukern/vfs/mount_internal.h"
 #include "ukern/vfs/super_internal.h"
 
 int do_add_mount(struct vfsmount *newmnt, struct nameidata *nd, int mnt_flags, struct list_head *) {

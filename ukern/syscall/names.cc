@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// The system calls that make and remove names: walk to the parent, lock it, look the last component
-// up, act.
+// The system calls that make, move and remove names: walk to the parent, lock it, look the last
+// component up, act. And the one that reads a link.
 #include <linux/err.h>
 #include <linux/errno.h>
 #include <linux/fs.h>
@@ -9,7 +9,7 @@
 #include <linux/namei.h>
 #include <linux/sched.h>
 #include <linux/stat.h>
-#include "ukern/vfs/walk.h"
+#include "ukern/syscall/syscall.h"
 
 namespace {
 
@@ -217,6 +217,13 @@ int rename_at(const struct walk_path *old_base, const char *old_name,
   path_release(&to);
   path_release(&from);
   return error;
+}
+
+int readlink_at(const struct walk_path *path, char __user *buf, int size) {
+  struct inode *inode = path->dentry->d_inode;
+  if (size <= 0 || !inode->i_op || !inode->i_op->readlink) return -EINVAL;
+  touch_atime(path->mnt, path->dentry);
+  return inode->i_op->readlink(path->dentry, buf, size);
 }
 
 }  // extern "C"

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Small things that belong to inodes: time stamps, and what special files do when they are opened.
+// The time stamps of inodes: the present as a file system keeps it, access and modification.
 
 #include <linux/fs.h>
 #include <linux/mount.h>
@@ -41,37 +41,4 @@ void file_update_time(struct file *file) {
   inode->i_mtime = now;
   inode->i_ctime = now;
   mark_inode_dirty_sync(inode);
-}
-
-int inode_needs_sync(struct inode *inode) {
-  if (IS_SYNC(inode)) return 1;
-  return S_ISDIR(inode->i_mode) && IS_DIRSYNC(inode);
-}
-
-// There are no devices, pipes or local sockets here, so opening one fails as it does where no
-// driver is bound.
-static int open_nothing(struct inode *, struct file *) {
-  return -ENXIO;
-}
-
-const struct file_operations def_chr_fops = {.open = open_nothing};
-const struct file_operations def_blk_fops = {.open = open_nothing};
-const struct file_operations def_fifo_fops = {.open = open_nothing};
-const struct file_operations bad_sock_fops = {.open = open_nothing};
-
-void init_special_inode(struct inode *inode, umode_t mode, dev_t rdev) {
-  inode->i_mode = mode;
-  if (S_ISCHR(mode)) {
-    inode->i_fop = &def_chr_fops;
-    inode->i_rdev = rdev;
-  } else if (S_ISBLK(mode)) {
-    inode->i_fop = &def_blk_fops;
-    inode->i_rdev = rdev;
-  } else if (S_ISFIFO(mode)) {
-    inode->i_fop = &def_fifo_fops;
-  } else if (S_ISSOCK(mode)) {
-    inode->i_fop = &bad_sock_fops;
-  } else {
-    printk(KERN_DEBUG "init_special_inode: bogus i_mode (%o)\n", mode);
-  }
 }

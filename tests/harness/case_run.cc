@@ -15,6 +15,7 @@
 #define TARN_CASES_HOSTED
 #include "tests/harness/case.h"
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "tests/ukern/debug/submission.h"
 #include "tests/ukern/threads.h"
 #include "ukern/fs/memfs.h"
-#include "ukern/door/uk_mm.h"
+#include "ukern/testing/uk_mm.h"
 
 namespace {
 

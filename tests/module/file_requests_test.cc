@@ -4,7 +4,7 @@
 #include "tests/module/kernel_file.h"
 #include "tests/ukern/threads.h"
 #include "ukern/fs/memfs.h"
-#include "ukern/door/uk_mm.h"
+#include "ukern/testing/uk_mm.h"
 
 namespace {
 

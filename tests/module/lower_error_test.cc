@@ -3,7 +3,7 @@
 // recorded all the same, and that the next call works.
 #include "tests/module/kernel_file.h"
 #include "ukern/fs/memfs.h"
-#include "ukern/door/uk_mm.h"
+#include "ukern/testing/uk_mm.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 // result and leaves behind what it does on the lower directory itself, and is recorded the same
 // way.
 #include "tests/module/lower_kinds.h"
-#include "ukern/door/uk_mm.h"
+#include "ukern/testing/uk_mm.h"
 
 namespace {
 

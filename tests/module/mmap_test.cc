@@ -2,7 +2,7 @@
 // The layer's page cache over the shared lower file.
 #include "tests/module/mounted.h"
 #include "ukern/fs/memfs.h"
-#include "ukern/door/uk_mm.h"
+#include "ukern/testing/uk_mm.h"
 
 namespace {
 

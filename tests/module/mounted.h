@@ -19,6 +19,7 @@
 #include "ukern/door/uk_core.h"
 #include "ukern/door/uk_fs.h"
 #include "ukern/door/uk_net.h"
+#include "ukern/testing/uk_fault.h"
 
 /* ---- paths ---- */
 

@@ -3,6 +3,7 @@
 #include "ox_types.h"
 #include "tests/harness/case.h"
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 

@@ -3,6 +3,7 @@
 #include "ox_types.h"
 #include "tests/harness/case.h"
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 
 extern ox_u32_t l_mem_maxpages;
 extern wait_queue_head_t l_mem_waitq;

@@ -4,6 +4,7 @@
 #include "tests/harness/case.h"
 #include "ukern/sched/task.h"
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 

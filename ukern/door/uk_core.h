@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * The kernel in a process, as the program that hosts it sees it: start and stop, tasks, the kernel
- * log, fault points. Usable from hosted and from kernel-side code: only built-in types appear.
+ * log. Usable from hosted and from kernel-side code: only built-in types appear.
  *
  * One process holds at most one kernel. All calls return 0 or a negative error number of Linux
  * unless their comment says otherwise. Any thread may call; a call that acts for a task needs
@@ -15,7 +15,7 @@ extern "C" {
 #endif
 
 struct uk_boot_options {
-  const char *root_type;   /* file system type of "/": "memfs" or "hostfs" */
+  const char *root_type;   /* file system type of "/": "hostfs", and in images for tests "memfs" */
   const char *root_source; /* its source argument; for hostfs the host directory that becomes "/" */
   unsigned long
       ram_pages; /* what totalram_pages says and what all pages are kept below; 0: 65536 */
@@ -105,14 +105,6 @@ struct uk_klog_line {
  */
 int uk_klog_read(unsigned long long from, unsigned wait_ms, struct uk_klog_line *line, char *text,
                  unsigned long size);
-
-/*
- * Fault points: every allocation is one, numbered from 1 in the order in which the calling thread
- * reaches them. uk_fault_arm(n) makes the n-th from now fail, once; 0 disarms. uk_fault_count is
- * how many the calling thread has passed since the last uk_fault_arm.
- */
-void uk_fault_arm(unsigned long n);
-unsigned long uk_fault_count(void);
 
 #ifdef __cplusplus
 }

@@ -12,16 +12,11 @@ int ukern_mm_init(void) {
     page_alloc_exit();
     return error;
   }
-  if (int error = writeback_init()) {
-    radix_tree_cache_exit();
-    page_alloc_exit();
-    return error;
-  }
+  writeback_init();
   return 0;
 }
 
 void ukern_mm_exit(void) {
-  writeback_exit();
   radix_tree_cache_exit();
   page_alloc_exit();
 }

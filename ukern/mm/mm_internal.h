@@ -18,8 +18,12 @@ void page_alloc_exit(void); /* reports pages that are still allocated */
 int radix_tree_cache_init(void);
 void radix_tree_cache_exit(void);
 void page_wait_init(void);
-int writeback_init(void);
-void writeback_exit(void);
+void writeback_init(void);
+
+/* The write-back threads, for file systems that leave something dirty. 0 or a negative error, after
+ * which none runs. */
+int writeback_threads_start(void);
+void writeback_threads_stop(void);
 
 /* Read at one moment, without the lock under which it changes. */
 static inline unsigned long mapping_pages(const struct address_space *mapping) {

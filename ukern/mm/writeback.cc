@@ -2,7 +2,8 @@
 /*
  * Write-back in the background: a pool of two threads that run what pdflush_operation gives them,
  * and one that wakes every dirty_writeback_interval and writes what has been dirty for longer than
- * dirty_expire_interval. All run with the kernel address limit. Which inodes are dirty is
+ * dirty_expire_interval. They run where a file system leaves something dirty, with the kernel
+ * address limit. Which inodes are dirty is
  * ukern/vfs' business.
  */
 #include <linux/backing-dev.h>
@@ -218,7 +219,7 @@ int wakeup_pdflush(long nr_pages) {
   return pdflush_operation(background_writeout, (unsigned long)(nr_pages ? nr_pages : nr_dirty()));
 }
 
-int writeback_init(void) {
+void writeback_init(void) {
   dirty_background_ratio = 10;
   vm_dirty_ratio = 40;
   dirty_writeback_interval = 5 * HZ;
@@ -229,12 +230,14 @@ int writeback_init(void) {
   default_backing_dev_info.unplug_io_fn = default_unplug_io_fn;
   atomic_set(&nr_file_dirty, 0);
   atomic_set(&since_last_look, 0);
+}
 
+int writeback_threads_start(void) {
   for (worker &w : pool) {
     w.fn = nullptr;
     struct task_struct *task = kthread_run(pdflush_thread, &w, "pdflush");
     if (IS_ERR(task)) {
-      writeback_exit();
+      writeback_threads_stop();
       return (int)PTR_ERR(task);
     }
     spin_lock_irq(&pool_lock);
@@ -244,14 +247,14 @@ int writeback_init(void) {
   }
   struct task_struct *task = kthread_run(kupdate_thread, nullptr, "kupdate");
   if (IS_ERR(task)) {
-    writeback_exit();
+    writeback_threads_stop();
     return (int)PTR_ERR(task);
   }
   kupdate_task = task;
   return 0;
 }
 
-void writeback_exit(void) {
+void writeback_threads_stop(void) {
   if (kupdate_task) kthread_stop(kupdate_task);
   kupdate_task = nullptr;
   for (worker &w : pool) {

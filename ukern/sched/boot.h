@@ -12,13 +12,13 @@
 extern "C" {
 #endif
 
-/* ukern/mm: page allocator, page cache, write-back threads. totalram_pages is set before. */
+/* ukern/mm: page allocator, page cache. totalram_pages is set before. */
 int ukern_mm_init(void);
 void ukern_mm_exit(void);
 /* ukern/vfs: dentry and inode caches, super blocks, mounts, open files. */
 int ukern_vfs_init(void);
 void ukern_vfs_exit(void);
-/* ukern/fs: registers memfs and hostfs. */
+/* ukern/shipped or ukern/testing: registers file systems, starts the threads that they need. */
 int ukern_fs_init(void);
 void ukern_fs_exit(void);
 /* ukern/net: socket buffers, netlink, socket options. */

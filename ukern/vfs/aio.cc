@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Requests: those that one call makes and waits for, and asynchronous ones with their contexts.
-#include "ukern/vfs/aio.h"
+// Requests: those that one call makes and waits for, and the completion of asynchronous ones.
+#include "ukern/vfs/aio_internal.h"
 
 #include <linux/errno.h>
 #include <linux/file.h>
@@ -9,14 +9,6 @@
 #include <linux/slab.h>
 
 namespace {
-
-unsigned next_place(const struct aio_ring_info *ring, unsigned place) {
-  return place + 1 == ring->nr ? 0 : place + 1;
-}
-
-unsigned free_places_locked(const struct aio_ring_info *ring) {
-  return (ring->head + ring->nr - 1 - ring->tail) % ring->nr;
-}
 
 // Each request took its place into account when it was made, so there is one.
 void add_event_locked(struct kioctx *ctx, const struct kiocb *iocb, long res, long res2) {
@@ -48,13 +40,6 @@ void free_request(struct kiocb *iocb) {
   put_ioctx(ctx);
 }
 
-// A request that runs is queued when it has come back; one that is queued stays where it is.
-void queue_kicked_locked(struct kioctx *ctx, struct kiocb *iocb) {
-  if (!list_empty(&iocb->ki_run_list)) return;
-  list_add_tail(&iocb->ki_run_list, &ctx->run_list);
-  wake_up(&ctx->wait);
-}
-
 int complete_sync(struct kiocb *iocb, long res) {
   BUG_ON(iocb->ki_users != 1);
   // The request is on the waiter's stack: once it reads as done, it and the waiter may be gone.
@@ -65,35 +50,6 @@ int complete_sync(struct kiocb *iocb, long res) {
   wake_up_process(waiter);
   put_task_struct(waiter);
   return 1;
-}
-
-// Once more, by a caller with a reference. One run of a request at a time.
-ssize_t run(struct kiocb *iocb) {
-  struct kioctx *ctx = iocb->ki_ctx;
-  kiocbClearKicked(iocb);
-  const ssize_t result = iocb->ki_retry(iocb);
-  if (result != -EIOCBRETRY && result != -EIOCBQUEUED) aio_complete(iocb, result, 0);
-  if (result == -EIOCBRETRY) {
-    spin_lock(&ctx->ctx_lock);
-    INIT_LIST_HEAD(&iocb->ki_run_list);
-    if (kiocbIsKicked(iocb)) queue_kicked_locked(ctx, iocb);
-    spin_unlock(&ctx->ctx_lock);
-  }
-  return result;
-}
-
-// The next one that has been kicked, with a reference, as one that runs.
-struct kiocb *take_kicked(struct kioctx *ctx) {
-  struct kiocb *iocb = nullptr;
-  spin_lock(&ctx->ctx_lock);
-  if (!list_empty(&ctx->run_list)) {
-    iocb = list_entry(ctx->run_list.next, struct kiocb, ki_run_list);
-    list_del(&iocb->ki_run_list);
-    iocb->ki_run_list.next = iocb->ki_run_list.prev = nullptr;
-    __atomic_add_fetch(&iocb->ki_users, 1, __ATOMIC_RELAXED);
-  }
-  spin_unlock(&ctx->ctx_lock);
-  return iocb;
 }
 
 }  // namespace
@@ -149,66 +105,4 @@ void __put_ioctx(struct kioctx *ctx) {
   BUG_ON(ctx->reqs_active);
   kfree(ctx->ring_info.events);
   kfree(ctx);
-}
-
-struct kioctx *ukern_ioctx_alloc(unsigned max_reqs) {
-  auto *ctx = static_cast<struct kioctx *>(kzalloc(sizeof(struct kioctx), GFP_KERNEL));
-  if (!ctx) return nullptr;
-  ctx->ring_info.nr = max_reqs + 1;
-  ctx->ring_info.events = static_cast<struct io_event *>(
-      kcalloc(ctx->ring_info.nr, sizeof(struct io_event), GFP_KERNEL));
-  if (!ctx->ring_info.events) {
-    kfree(ctx);
-    return nullptr;
-  }
-  atomic_set(&ctx->users, 1);
-  init_waitqueue_head(&ctx->wait);
-  spin_lock_init(&ctx->ctx_lock);
-  INIT_LIST_HEAD(&ctx->active_reqs);
-  INIT_LIST_HEAD(&ctx->run_list);
-  return ctx;
-}
-
-struct kiocb *ukern_aio_get_req(struct kioctx *ctx, struct file *file) {
-  auto *iocb = static_cast<struct kiocb *>(kzalloc(sizeof(struct kiocb), GFP_KERNEL));
-  if (!iocb) return nullptr;
-  iocb->ki_users = 2;
-  iocb->ki_ctx = ctx;
-  iocb->ki_filp = file;
-  spin_lock(&ctx->ctx_lock);
-  const bool room = (unsigned)ctx->reqs_active < free_places_locked(&ctx->ring_info);
-  if (room) {
-    list_add(&iocb->ki_list, &ctx->active_reqs);
-    get_ioctx(ctx);
-    ctx->reqs_active++;
-  }
-  spin_unlock(&ctx->ctx_lock);
-  if (room) return iocb;
-  kfree(iocb);
-  return nullptr;
-}
-
-ssize_t ukern_aio_run(struct kiocb *iocb) {
-  const ssize_t result = run(iocb);
-  aio_put_req(iocb);
-  return result;
-}
-
-void ukern_aio_run_kicked(struct kioctx *ctx) {
-  while (struct kiocb *iocb = take_kicked(ctx)) {
-    run(iocb);
-    aio_put_req(iocb);
-  }
-}
-
-int ukern_aio_read_event(struct kioctx *ctx, struct io_event *event) {
-  struct aio_ring_info *ring = &ctx->ring_info;
-  spin_lock(&ctx->ctx_lock);
-  const bool found = ring->head != ring->tail;
-  if (found) {
-    *event = ring->events[ring->head];
-    ring->head = next_place(ring, ring->head);
-  }
-  spin_unlock(&ctx->ctx_lock);
-  return found;
 }

@@ -7,6 +7,7 @@
 #include "tests/ukern/threads.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 #include "ukern/door/uk_fs.h"
 
 namespace {

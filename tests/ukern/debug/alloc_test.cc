@@ -7,6 +7,7 @@
 #include "tests/harness/case.h"
 #include "ukern/mm/fault.h"
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 

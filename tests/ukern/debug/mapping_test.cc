@@ -4,7 +4,7 @@
 #include "tests/harness/case.h"
 #include "tests/ukern/open_file.h"
 #include "ukern/fs/memfs.h"
-#include "ukern/door/uk_mm.h"
+#include "ukern/testing/uk_mm.h"
 
 namespace {
 

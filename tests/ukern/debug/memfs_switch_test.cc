@@ -5,8 +5,9 @@
 #include "tests/ukern/open_file.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 #include "ukern/door/uk_fs.h"
-#include "ukern/door/uk_mm.h"
+#include "ukern/testing/uk_mm.h"
 
 namespace {
 

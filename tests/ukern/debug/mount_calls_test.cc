@@ -4,6 +4,7 @@
 #include "tests/ukern/name_calls.h"
 #include "tests/ukern/testfs.h"
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 #include "ukern/door/uk_fs.h"
 
 static bool has_line(const char *wanted) {

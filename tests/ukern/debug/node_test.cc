@@ -5,6 +5,7 @@
 #include <linux/mm.h>
 #include <linux/xattr.h>
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 #include "ukern/door/uk_fs.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/vfs/exec.h"

@@ -12,7 +12,7 @@
 #include <linux/fs.h>
 #include <asm/uaccess.h>
 
-#include "ukern/vfs/aio.h"
+#include "ukern/testing/aio_submit.h"
 
 /* Reads or writes until all has been moved, nothing more comes, or a call fails; what was moved
  * before a call that fails is not told. */

@@ -12,6 +12,7 @@
 #include "tests/ukern/netlink_peer.h"
 #include "tests/ukern/threads.h"
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 

@@ -3,6 +3,7 @@
 #include <linux/hash.h>
 #include "tests/ukern/testfs.h"
 #include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 
 CASE(vfs_internal, is_subdir) {
   testfs fs;

@@ -21,7 +21,7 @@
 #include <linux/writeback.h>
 
 #include "ukern/mm/mm_internal.h"
-#include "ukern/door/uk_mm.h"
+#include "ukern/testing/uk_mm.h"
 
 namespace {
 
@@ -260,38 +260,6 @@ void unmap_mapping_range(struct address_space *mapping, loff_t const holebegin,
     spin_unlock(&map->table_lock);
   }
   spin_unlock(&mapping->i_mmap_lock);
-}
-
-struct page *filemap_nopage(struct vm_area_struct *area, unsigned long address, int *type) {
-  struct file *file = area->vm_file;
-  struct address_space *mapping = file->f_mapping;
-  const unsigned long index = linear_page_index(area, address);
-  const loff_t size = i_size_read(mapping->host);
-  if ((loff_t)index >= (size + (loff_t)PAGE_CACHE_SIZE - 1) >> PAGE_CACHE_SHIFT)
-    return NOPAGE_SIGBUS;
-  struct page *page = read_mapping_page(mapping, index, file);
-  if (IS_ERR(page)) return PTR_ERR(page) == -ENOMEM ? NOPAGE_OOM : NOPAGE_SIGBUS;
-  wait_on_page_locked(page);
-  if (!PageUptodate(page)) {
-    page_cache_release(page);
-    return NOPAGE_SIGBUS;
-  }
-  if (type) *type = VM_FAULT_MINOR;
-  return page;
-}
-
-static struct vm_operations_struct generic_file_vm_ops = {
-    .open = nullptr,
-    .close = nullptr,
-    .nopage = filemap_nopage,
-    .page_mkwrite = nullptr,
-};
-
-int generic_file_mmap(struct file *file, struct vm_area_struct *vma) {
-  if (!file->f_mapping->a_ops->readpage) return -ENOEXEC;
-  file_accessed(file);
-  vma->vm_ops = &generic_file_vm_ops;
-  return 0;
 }
 
 int uk_mmap(struct uk_file *opaque, unsigned long long offset, unsigned long len, int prot,

@@ -3,8 +3,8 @@
  * Asynchronous requests from the submitter's side: a context, requests in it, and running them.
  * Nothing here checks what a program may do; that is the submitting call's.
  */
-#ifndef UKERN_VFS_AIO_H
-#define UKERN_VFS_AIO_H
+#ifndef UKERN_TESTING_AIO_SUBMIT_H
+#define UKERN_TESTING_AIO_SUBMIT_H
 
 #include <linux/aio.h>
 

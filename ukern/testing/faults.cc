@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
+// The allocation that a test wants to fail.
 #include "ukern/mm/fault.h"
 
-#include "ukern/door/uk_core.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 

@@ -1,16 +1,16 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Mapped files for the program that hosts the kernel. A mapping behaves as the memory of a user
- * process would that mmap(2) gave it: a first access faults the page in, a first write makes it
- * writable, and what was written becomes a dirty page of the file at msync or when it is unmapped.
- * There is no memory that could be accessed directly: uk_map_read and uk_map_write stand for the
- * loads and stores.
+ * Mapped files and write-back on demand, in images for tests. A mapping behaves as the memory of a
+ * user process would that mmap(2) gave it: a first access faults the page in, a first write makes
+ * it writable, and what was written becomes a dirty page of the file at msync or when it is
+ * unmapped. There is no memory that could be accessed directly: uk_map_read and uk_map_write stand
+ * for the loads and stores.
  *
  * Every call acts as the current task. Several threads may use one mapping; uk_munmap is the last
  * call.
  */
-#ifndef UKERN_DOOR_UK_MM_H
-#define UKERN_DOOR_UK_MM_H
+#ifndef UKERN_TESTING_UK_MM_H
+#define UKERN_TESTING_UK_MM_H
 
 #ifdef __cplusplus
 extern "C" {

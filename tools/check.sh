@@ -66,6 +66,7 @@ check_words
 check_conditionals
 tools/check_includes.py
 tools/check_test_table.py
+tools/check_declarations.py
 cmake --preset release >/dev/null
 tools/check_compile.py build/release --headers
 check_module_objects

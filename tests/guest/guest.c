@@ -41,12 +41,6 @@ void guest_end(void) {
   _exit(failures ? kFailed : 0);
 }
 
-void guest_skip(const char *why) {
-  printf("  %s\n", why);
-  fflush(stdout);
-  _exit(kSkipped);
-}
-
 /* ---- a case and its surroundings ---- */
 
 static int step(int result, const char *what) {

@@ -43,7 +43,6 @@ int guest_expect(int holds, const char *file, int line, const char *text);
 int guest_expect_equal(long long a, long long b, const char *file, int line, const char *text);
 /* Ends the case with what has been found so far. */
 void guest_end(void) __attribute__((noreturn));
-void guest_skip(const char *why) __attribute__((noreturn));
 
 /* ---- helpers: 0 or a descriptor, or -1 with errno ---- */
 

@@ -116,10 +116,6 @@ int filemap_fdatawrite(struct address_space *mapping) {
   return write_range(mapping, 0, kEnd, WB_SYNC_ALL);
 }
 
-int filemap_flush(struct address_space *mapping) {
-  return write_range(mapping, 0, kEnd, WB_SYNC_NONE);
-}
-
 int wait_on_page_writeback_range(struct address_space *mapping, pgoff_t start, pgoff_t end) {
   struct pagevec pvec;
   pagevec_init(&pvec, 0);
@@ -158,28 +154,18 @@ int filemap_write_and_wait(struct address_space *mapping) {
   return error ? error : wait_error;
 }
 
-static int sync_range(struct inode *inode, struct address_space *mapping, loff_t pos, loff_t count,
-                      struct mutex *lock) {
+int sync_page_range(struct inode *inode, struct address_space *mapping, loff_t pos, loff_t count) {
   if (!mapping_cap_writeback_dirty(mapping) || !count) return 0;
   const loff_t last = pos + count - 1;
   int error = write_range(mapping, pos, last, WB_SYNC_ALL);
   if (!error) {
-    if (lock) mutex_lock(lock);
+    mutex_lock(&inode->i_mutex);
     error = generic_osync_inode(inode, mapping, OSYNC_METADATA);
-    if (lock) mutex_unlock(lock);
+    mutex_unlock(&inode->i_mutex);
   }
   if (error) return error;
   return wait_on_page_writeback_range(mapping, (pgoff_t)(pos >> PAGE_CACHE_SHIFT),
                                       (pgoff_t)(last >> PAGE_CACHE_SHIFT));
-}
-
-int sync_page_range(struct inode *inode, struct address_space *mapping, loff_t pos, loff_t count) {
-  return sync_range(inode, mapping, pos, count, &inode->i_mutex);
-}
-
-int sync_page_range_nolock(struct inode *inode, struct address_space *mapping, loff_t pos,
-                           loff_t count) {
-  return sync_range(inode, mapping, pos, count, nullptr);
 }
 
 int write_one_page(struct page *page, int wait) {

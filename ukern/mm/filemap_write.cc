@@ -262,16 +262,6 @@ static bool is_synchronous(struct file *file) {
   return (file->f_flags & O_SYNC) || IS_SYNC(file->f_mapping->host);
 }
 
-ssize_t generic_file_aio_write_nolock(struct kiocb *iocb, const struct iovec *iov,
-                                      unsigned long nr_segs, loff_t *ppos) {
-  struct file *file = iocb->ki_filp;
-  const loff_t pos = *ppos;
-  const ssize_t result = write_with_bdi(iocb, iov, nr_segs, ppos);
-  if (result <= 0 || !is_synchronous(file)) return result;
-  const int error = sync_page_range_nolock(file->f_mapping->host, file->f_mapping, pos, result);
-  return error < 0 ? error : result;
-}
-
 ssize_t generic_file_aio_write(struct kiocb *iocb, const char __user *buf, size_t count,
                                loff_t pos) {
   struct file *file = iocb->ki_filp;

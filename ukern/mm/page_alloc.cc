@@ -290,8 +290,3 @@ void put_page(struct page *page) {
   lru_cache_del(page);
   free_block(page);
 }
-
-unsigned int nr_free_pages(void) {
-  const auto used = (unsigned long)atomic_read(&nr_allocated);
-  return used < totalram_pages ? (unsigned)(totalram_pages - used) : 0;
-}

@@ -40,13 +40,6 @@ int set_page_dirty(struct page *page) {
   return __set_page_dirty_nobuffers(page);
 }
 
-int set_page_dirty_lock(struct page *page) {
-  lock_page(page);
-  const int result = set_page_dirty(page);
-  unlock_page(page);
-  return result;
-}
-
 int test_clear_page_dirty(struct page *page) {
   struct address_space *mapping = page_mapping(page);
   if (!mapping) return TestClearPageDirty(page);

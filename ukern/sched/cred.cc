@@ -47,8 +47,4 @@ int groups_search(struct group_info *info, gid_t grp) {
 int in_group_p(gid_t grp) {
   return grp == current->fsgid || groups_search(current->group_info, grp);
 }
-
-int in_egroup_p(gid_t grp) {
-  return grp == current->egid || groups_search(current->group_info, grp);
-}
 }

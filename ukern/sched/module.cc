@@ -99,13 +99,6 @@ void module_put(struct module *module) {
   spin_unlock(&module_lock);
 }
 
-unsigned int module_refcount(struct module *module) {
-  spin_lock(&module_lock);
-  const int count = module->refcnt;
-  spin_unlock(&module_lock);
-  return (unsigned int)count;
-}
-
 int load_builtin_module(const char *name) {
   KernelTaskScope scope("insmod");
   const int index = find(name);

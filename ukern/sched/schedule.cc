@@ -87,14 +87,6 @@ signed long schedule_timeout_uninterruptible(signed long timeout) {
   return schedule_timeout(timeout);
 }
 
-void io_schedule(void) {
-  schedule();
-}
-
-long io_schedule_timeout(long timeout) {
-  return schedule_timeout(timeout);
-}
-
 void msleep(unsigned int msecs) {
   unsigned long timeout = msecs_to_jiffies(msecs) + 1;
   while (timeout) timeout = (unsigned long)schedule_timeout_uninterruptible((long)timeout);
@@ -108,11 +100,6 @@ void yield(void) {
 
 int cond_resched(void) {
   might_sleep();
-  return 0;
-}
-
-int cond_resched_lock(spinlock_t *lock) {
-  (void)lock;
   return 0;
 }
 

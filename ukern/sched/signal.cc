@@ -121,13 +121,4 @@ int allow_signal(int sig) {
   spin_unlock(&current->sighand->siglock);
   return 0;
 }
-
-int disallow_signal(int sig) {
-  if (sig < 1 || !valid_signal((unsigned long)sig)) return -EINVAL;
-  spin_lock(&current->sighand->siglock);
-  sigaddset(&current->blocked, sig);
-  recalc_sigpending();
-  spin_unlock(&current->sighand->siglock);
-  return 0;
-}
 }

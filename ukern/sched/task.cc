@@ -124,19 +124,6 @@ struct task_struct *find_task_by_pid(int nr) {
   return NULL;
 }
 
-void set_task_comm(struct task_struct *task, char *from) {
-  task_lock(task);
-  strlcpy(task->comm, from, TASK_COMM_LEN);
-  task_unlock(task);
-}
-
-char *get_task_comm(char *to, struct task_struct *task) {
-  task_lock(task);
-  strncpy(to, task->comm, TASK_COMM_LEN);
-  task_unlock(task);
-  return to;
-}
-
 // The task's program and what was made for it. The old map goes when its last user does.
 int ukern_task_set_exe(struct task_struct *task, const char *exe) {
   if (same_text(task->exe, exe)) return 0;

@@ -106,14 +106,6 @@ unsigned long copy_from_user(void *to, const void __user *from, unsigned len) {
   return len - done;
 }
 
-unsigned long copy_in_user(void __user *to, const void __user *from, unsigned len) {
-  might_sleep();
-  const unsigned long readable = reach((unsigned long)from, len);
-  const unsigned long done = reach((unsigned long)to, readable);
-  memmove((void *)to, (const void *)from, done);
-  return len - done;
-}
-
 unsigned long clear_user(void __user *mem, unsigned long len) {
   might_sleep();
   const unsigned long done = reach((unsigned long)mem, len);

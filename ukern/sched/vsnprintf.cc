@@ -305,10 +305,6 @@ int scnprintf(char *buf, size_t size, const char *fmt, ...) {
   return length;
 }
 
-int vsprintf(char *buf, const char *fmt, va_list args) {
-  return vsnprintf(buf, INT_MAX, fmt, args);
-}
-
 int sprintf(char *buf, const char *fmt, ...) {
   va_list args;
   va_start(args, fmt);

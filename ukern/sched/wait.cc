@@ -123,13 +123,6 @@ void add_wait_queue(wait_queue_head_t *q, wait_queue_t *wait) {
   spin_unlock(&q->lock);
 }
 
-void add_wait_queue_exclusive(wait_queue_head_t *q, wait_queue_t *wait) {
-  wait->flags |= WQ_FLAG_EXCLUSIVE;
-  spin_lock(&q->lock);
-  __add_wait_queue_tail(q, wait);
-  spin_unlock(&q->lock);
-}
-
 void remove_wait_queue(wait_queue_head_t *q, wait_queue_t *wait) {
   spin_lock(&q->lock);
   __remove_wait_queue(q, wait);
@@ -199,10 +192,6 @@ void complete_all(struct completion *x) {
 
 void down(struct semaphore *sem) {
   down_state(sem, TASK_UNINTERRUPTIBLE);
-}
-
-int down_interruptible(struct semaphore *sem) {
-  return down_state(sem, TASK_INTERRUPTIBLE);
 }
 
 int down_trylock(struct semaphore *sem) {

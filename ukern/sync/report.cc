@@ -147,11 +147,4 @@ void panic(const char *fmt, ...) {
   end_with_stack(report);
   host_abort();
 }
-
-void dump_stack(void) {
-  struct call_stack stack;
-  call_stack_save(&stack, 0);
-  host_symbolize(
-      stack.pc, stack.depth, [](void *, const char *text) { printk("  %s\n", text); }, nullptr);
-}
 }

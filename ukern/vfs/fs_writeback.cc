@@ -229,15 +229,6 @@ int write_inode_now(struct inode *inode, int sync) {
   return ret;
 }
 
-int sync_inode(struct inode *inode, struct writeback_control *wbc) {
-  int ret;
-  might_sleep();
-  spin_lock(&inode_lock);
-  ret = writeback_single_locked(inode, wbc);
-  spin_unlock(&inode_lock);
-  return ret;
-}
-
 int generic_osync_inode(struct inode *inode, struct address_space *mapping, int what) {
   int err = 0;
 

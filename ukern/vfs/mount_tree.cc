@@ -189,10 +189,6 @@ int may_umount(struct vfsmount *mnt) {
   return may;
 }
 
-struct vfsmount *ukern_root_mount(void) {
-  return ukern_namespace ? mntget(ukern_namespace->root) : NULL;
-}
-
 void set_fs_root(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry) {
   write_lock(&fs->lock);
   struct dentry *old_root = fs->root;

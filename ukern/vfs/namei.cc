@@ -414,10 +414,6 @@ int __do_follow_link(struct walk_path *path, struct nameidata *nd) {
   return error;
 }
 
-int vfs_follow_link(struct nameidata *nd, const char *link) {
-  return follow_text(nd, link);
-}
-
 int link_path_walk(const char *name, struct nameidata *nd) {
   struct walk_path start = {mntget(nd->mnt), dget(nd->dentry)};
   const int error = walk_from_held(name, nd);

@@ -24,8 +24,7 @@ const struct file_operations *fops_get(const struct file_operations *fops) {
 
 // The file takes over the references on the dentry and the mount; after an error they and the file
 // are gone.
-struct file *open_dentry(struct dentry *dentry, struct vfsmount *mnt, int flags, struct file *f,
-                         int (*open)(struct inode *, struct file *)) {
+struct file *open_dentry(struct dentry *dentry, struct vfsmount *mnt, int flags, struct file *f) {
   struct inode *inode = dentry->d_inode;
   int error = 0;
   f->f_flags = (unsigned)flags;
@@ -44,8 +43,7 @@ struct file *open_dentry(struct dentry *dentry, struct vfsmount *mnt, int flags,
   f->f_pos = 0;
   f->f_op = fops_get(inode->i_fop);
   file_move(f, &inode->i_sb->s_files);
-  if (!open && f->f_op) open = f->f_op->open;
-  if (open) error = open(inode, f);
+  if (f->f_op && f->f_op->open) error = f->f_op->open(inode, f);
   if (error) {
     // Not fput: what was never opened is not released.
     if (f->f_op) module_put(f->f_op->owner);
@@ -81,7 +79,7 @@ struct file *dentry_open(struct dentry *dentry, struct vfsmount *mnt, int flags)
     mntput(mnt);
     return (struct file *)ERR_PTR(-ENFILE);
   }
-  return open_dentry(dentry, mnt, flags, f, NULL);
+  return open_dentry(dentry, mnt, flags, f);
 }
 
 struct file *filp_open_from(const struct walk_path *base, const char *name, int flags, int mode) {
@@ -99,23 +97,9 @@ struct file *filp_open(const char *name, int flags, int mode) {
 
 struct file *nameidata_to_filp(struct nameidata *nd, int flags) {
   struct file *f = nd->intent.open.file;
-  if (!f->f_dentry) return open_dentry(nd->dentry, nd->mnt, flags, f, NULL);
+  if (!f->f_dentry) return open_dentry(nd->dentry, nd->mnt, flags, f);
   path_release(nd);
   return f;
-}
-
-struct file *lookup_instantiate_filp(struct nameidata *nd, struct dentry *dentry,
-                                     int (*open)(struct inode *, struct file *)) {
-  struct file *f = nd->intent.open.file;
-  if (IS_ERR(f)) return f;
-  if (IS_ERR(dentry)) {
-    release_open_intent(nd);
-    nd->intent.open.file = (struct file *)dentry;
-  } else {
-    nd->intent.open.file =
-        open_dentry(dget(dentry), mntget(nd->mnt), nd->intent.open.flags - 1, f, open);
-  }
-  return nd->intent.open.file;
 }
 
 int filp_close(struct file *filp, fl_owner_t id) {

@@ -187,12 +187,6 @@ int path_lookup_open_from(const struct walk_path *base, const char *name, unsign
   return walk_to_open(base, name, flags, nd, open_flags, 0);
 }
 
-int path_lookup_open(int dfd, const char *name, unsigned lookup_flags, struct nameidata *nd,
-                     int open_flags) {
-  if (dfd != AT_FDCWD && *name != '/') return -EBADF;  // there are no descriptors
-  return walk_to_open(NULL, name, lookup_flags, nd, open_flags, 0);
-}
-
 int may_open(struct nameidata *nd, int acc_mode, int flag) {
   struct inode *inode = nd->dentry->d_inode;
   if (!inode) return -ENOENT;
@@ -243,11 +237,6 @@ int open_namei_from(const struct walk_path *base, const char *name, int flag, in
   if (nd->last_type != LAST_NORM || nd->last.name[nd->last.len]) return give_up(nd, -EISDIR);
   nd->flags &= ~LOOKUP_PARENT;
   return open_or_create(nd, access_mode(flag), flag, mode);
-}
-
-int open_namei(int dfd, const char *name, int flag, int mode, struct nameidata *nd) {
-  if (dfd != AT_FDCWD && *name != '/') return -EBADF;
-  return open_namei_from(NULL, name, flag, mode, nd);
 }
 
 }  // extern "C"

@@ -59,10 +59,6 @@ int vfs_permission(struct nameidata *nd, int mask) {
   return permission(nd->dentry->d_inode, mask, nd);
 }
 
-int file_permission(struct file *file, int mask) {
-  return permission(file->f_dentry->d_inode, mask, NULL);
-}
-
 // i_writecount: above zero so many writers, below zero so many who deny writing. Only the step away
 // from zero needs the lock; whoever already counts may go up and down freely.
 int get_write_access(struct inode *inode) {

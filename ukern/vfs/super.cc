@@ -127,11 +127,6 @@ static void put_super(struct super_block *sb) {
   spin_unlock(&sb_lock);
 }
 
-void drop_super(struct super_block *sb) {
-  up_read(&sb->s_umount);
-  put_super(sb);
-}
-
 void deactivate_super(struct super_block *s) {
   struct file_system_type *fs = s->s_type;
 

@@ -38,8 +38,6 @@ static inline int stat_read(const int *count) {
 /* Change where `fs` stands; a null mount takes the place away. References are taken and dropped. */
 void set_fs_root(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry);
 void set_fs_pwd(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry);
-/* The root mount of the name space with a reference, or NULL before it is mounted. */
-struct vfsmount *ukern_root_mount(void);
 
 struct vfsmount *__lookup_mnt(struct vfsmount *mnt,
                               struct dentry *dentry); /* under vfsmount_lock */

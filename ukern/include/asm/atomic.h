@@ -30,9 +30,6 @@ static inline int atomic_add_return(int i, atomic_t *v) {
 static inline int atomic_sub_return(int i, atomic_t *v) {
   return __atomic_sub_fetch(&v->counter, i, __ATOMIC_SEQ_CST);
 }
-static inline int atomic_sub_and_test(int i, atomic_t *v) {
-  return atomic_sub_return(i, v) == 0;
-}
 static inline void atomic_inc(atomic_t *v) {
   atomic_add(1, v);
 }
@@ -96,9 +93,6 @@ static inline void atomic64_inc(atomic64_t *v) {
 }
 static inline void atomic64_dec(atomic64_t *v) {
   atomic64_sub(1, v);
-}
-static inline int atomic64_dec_and_test(atomic64_t *v) {
-  return atomic64_sub_return(1, v) == 0;
 }
 #define atomic64_inc_return(v) (atomic64_add_return(1, v))
 #define atomic64_dec_return(v) (atomic64_sub_return(1, v))

@@ -33,10 +33,6 @@ static inline int test_and_clear_bit(int nr, volatile void *addr) {
   const u32 mask = ukern_bit_mask(nr);
   return (__atomic_fetch_and(ukern_bit_word(nr, addr), ~mask, __ATOMIC_SEQ_CST) & mask) != 0;
 }
-static inline int test_and_change_bit(int nr, volatile void *addr) {
-  const u32 mask = ukern_bit_mask(nr);
-  return (__atomic_fetch_xor(ukern_bit_word(nr, addr), mask, __ATOMIC_SEQ_CST) & mask) != 0;
-}
 static inline int test_bit(int nr, const volatile void *addr) {
   return (__atomic_load_n(ukern_bit_word(nr, addr), __ATOMIC_RELAXED) & ukern_bit_mask(nr)) != 0;
 }
@@ -48,16 +44,6 @@ static inline void __set_bit(int nr, volatile void *addr) {
 static inline void __clear_bit(int nr, volatile void *addr) {
   volatile u32 *word = ukern_bit_word(nr, addr);
   *word = *word & ~ukern_bit_mask(nr);
-}
-static inline int __test_and_set_bit(int nr, volatile void *addr) {
-  const int old = test_bit(nr, addr);
-  __set_bit(nr, addr);
-  return old;
-}
-static inline int __test_and_clear_bit(int nr, volatile void *addr) {
-  const int old = test_bit(nr, addr);
-  __clear_bit(nr, addr);
-  return old;
 }
 
 #define smp_mb__before_clear_bit() barrier()
@@ -71,21 +57,12 @@ static inline unsigned long __ffs(unsigned long word) {
 static inline unsigned long ffz(unsigned long word) {
   return (unsigned long)__builtin_ctzl(~word);
 }
-/* As ffs(3): bits count from 1, 0 for none. */
-static inline int ffs(int x) {
-  return __builtin_ffs(x);
-}
+/* The last bit that is set: bits count from 1, 0 for none. */
 static inline int fls(int x) {
   return x ? 32 - __builtin_clz((unsigned)x) : 0;
 }
 static inline int fls64(__u64 x) {
   return x ? 64 - __builtin_clzll(x) : 0;
-}
-static inline unsigned int hweight32(u32 w) {
-  return (unsigned int)__builtin_popcount(w);
-}
-static inline unsigned long hweight64(__u64 w) {
-  return (unsigned long)__builtin_popcountll(w);
 }
 
 #endif

@@ -21,8 +21,7 @@ struct semaphore {
 
 extern "C" {
 void down(struct semaphore *sem);
-int down_interruptible(struct semaphore *sem); /* 0, or -EINTR */
-int down_trylock(struct semaphore *sem);       /* 0: taken */
+int down_trylock(struct semaphore *sem); /* 0: taken */
 void up(struct semaphore *sem);
 }
 
@@ -32,9 +31,6 @@ static inline void sema_init(struct semaphore *sem, int val) {
 }
 static inline void init_MUTEX(struct semaphore *sem) {
   sema_init(sem, 1);
-}
-static inline void init_MUTEX_LOCKED(struct semaphore *sem) {
-  sema_init(sem, 0);
 }
 
 #endif

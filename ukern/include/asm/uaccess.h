@@ -30,7 +30,6 @@ int ukern_access_ok(unsigned long addr, unsigned long size);
 
 unsigned long copy_to_user(void __user *to, const void *from, unsigned len) __must_check;
 unsigned long copy_from_user(void *to, const void __user *from, unsigned len);
-unsigned long copy_in_user(void __user *to, const void __user *from, unsigned len);
 /* Length without the NUL, `count` if there was none, or -EFAULT. */
 long strncpy_from_user(char *dst, const char __user *src, long count);
 /* Length with the NUL; more than `n` if there is none, 0 on a fault. */

@@ -53,9 +53,6 @@ static inline int bdi_congested(struct backing_dev_info *bdi, int bdi_bits) {
   if (bdi->congested_fn) return bdi->congested_fn(bdi->congested_data, bdi_bits);
   return (int)(__atomic_load_n(&bdi->state, __ATOMIC_RELAXED) & (unsigned long)bdi_bits);
 }
-static inline int bdi_read_congested(struct backing_dev_info *bdi) {
-  return bdi_congested(bdi, 1 << BDI_read_congested);
-}
 static inline int bdi_write_congested(struct backing_dev_info *bdi) {
   return bdi_congested(bdi, 1 << BDI_write_congested);
 }

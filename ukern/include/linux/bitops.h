@@ -5,8 +5,4 @@
 #include <linux/types.h>
 #include <asm/bitops.h>
 
-static inline unsigned long hweight_long(unsigned long w) {
-  return hweight64(w);
-}
-
 #endif

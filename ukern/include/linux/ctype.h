@@ -9,26 +9,11 @@ static inline int isdigit(int c) {
 static inline int isupper(int c) {
   return (c >= 'A' && c <= 'Z') || (c >= 0xc0 && c <= 0xde && c != 0xd7);
 }
-static inline int islower(int c) {
-  return (c >= 'a' && c <= 'z') || (c >= 0xdf && c <= 0xff && c != 0xf7);
-}
-static inline int isalpha(int c) {
-  return isupper(c) || islower(c);
-}
-static inline int isalnum(int c) {
-  return isalpha(c) || isdigit(c);
-}
-static inline int isspace(int c) {
-  return c == ' ' || (c >= 9 && c <= 13) || c == 0xa0;
-}
 static inline int isxdigit(int c) {
   return isdigit(c) || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
 }
 static inline int tolower(int c) {
   return isupper(c) ? c + 32 : c;
-}
-static inline int toupper(int c) {
-  return islower(c) && c != 0xdf && c != 0xff ? c - 32 : c;
 }
 
 #endif

@@ -4,8 +4,6 @@
 
 #include <asm/fcntl.h>
 
-#define AT_FDCWD -100 /* in place of a directory's descriptor: the current directory */
-
 #define force_o_largefile() 1 /* open files are large files where a long has 64 bits */
 
 #endif

@@ -223,10 +223,6 @@ static inline int mapping_mapped(struct address_space *mapping) {
   return !list_empty(&mapping->i_mmap);
 }
 
-static inline int mapping_writably_mapped(struct address_space *mapping) {
-  return mapping->i_mmap_writable != 0;
-}
-
 struct inode {
   struct hlist_node i_hash;
   struct list_head i_list;    /* unused, in use, or one of its super block's dirty lists */
@@ -544,7 +540,6 @@ void kill_anon_super(struct super_block *sb);
 void kill_litter_super(struct super_block *sb); /* for trees kept only by their dentries */
 /* Drops one use of a mounted super block; the last one shuts it down. s_umount is not held. */
 void deactivate_super(struct super_block *sb);
-void drop_super(struct super_block *sb); /* s_umount held for reading, and one s_count */
 int do_remount_sb(struct super_block *sb, int flags, void *data, int force);
 int fs_may_remount_ro(struct super_block *);
 void sync_supers(void);
@@ -628,21 +623,12 @@ static inline void mark_inode_dirty(struct inode *inode) {
 static inline void mark_inode_dirty_sync(struct inode *inode) {
   __mark_inode_dirty(inode, I_DIRTY_SYNC);
 }
-static inline void inode_inc_link_count(struct inode *inode) {
-  inode->i_nlink++;
-  mark_inode_dirty(inode);
-}
-static inline void inode_dec_link_count(struct inode *inode) {
-  inode->i_nlink--;
-  mark_inode_dirty(inode);
-}
 void touch_atime(struct vfsmount *mnt, struct dentry *dentry);
 static inline void file_accessed(struct file *file) {
   if (!(file->f_flags & O_NOATIME)) touch_atime(file->f_vfsmnt, file->f_dentry);
 }
 void file_update_time(struct file *file);
 int write_inode_now(struct inode *, int sync);
-int sync_inode(struct inode *inode, struct writeback_control *wbc);
 #define OSYNC_METADATA (1 << 0)
 #define OSYNC_DATA (1 << 1)
 #define OSYNC_INODE (1 << 2)
@@ -666,7 +652,6 @@ static inline ino_t parent_ino(struct dentry *dentry) {
 
 int permission(struct inode *, int mask, struct nameidata *);
 int vfs_permission(struct nameidata *, int mask);
-int file_permission(struct file *, int mask);
 int generic_permission(struct inode *, int mask, int (*check_acl)(struct inode *, int));
 
 /* The caller holds i_mutex of the directories. */
@@ -680,9 +665,7 @@ int vfs_unlink(struct inode *, struct dentry *);
 int vfs_rename(struct inode *, struct dentry *, struct inode *, struct dentry *);
 
 int vfs_readlink(struct dentry *, char __user *, int buflen, const char *link);
-int vfs_follow_link(struct nameidata *, const char *link);
 int generic_readlink(struct dentry *, char __user *, int buflen);
-int open_namei(int dfd, const char *, int flag, int mode, struct nameidata *);
 int may_open(struct nameidata *, int acc_mode, int flag);
 struct dentry *lookup_create(struct nameidata *nd, int is_dir);
 
@@ -735,8 +718,6 @@ ssize_t generic_file_read(struct file *, char __user *, size_t, loff_t *);
 ssize_t generic_file_write(struct file *, const char __user *, size_t, loff_t *);
 ssize_t generic_file_aio_read(struct kiocb *, char __user *, size_t, loff_t);
 ssize_t generic_file_aio_write(struct kiocb *, const char __user *, size_t, loff_t);
-ssize_t generic_file_aio_write_nolock(struct kiocb *, const struct iovec *, unsigned long,
-                                      loff_t *);
 ssize_t generic_file_direct_write(struct kiocb *, const struct iovec *, unsigned long *, loff_t,
                                   loff_t *, size_t, size_t);
 ssize_t generic_file_buffered_write(struct kiocb *, const struct iovec *, unsigned long, loff_t,
@@ -748,7 +729,6 @@ int file_read_actor(read_descriptor_t *, struct page *, unsigned long, unsigned 
 void file_ra_state_init(struct file_ra_state *, struct address_space *);
 int remove_suid(struct dentry *);
 int filemap_fdatawrite(struct address_space *);
-int filemap_flush(struct address_space *);
 int filemap_fdatawait(struct address_space *);
 int filemap_write_and_wait(struct address_space *);
 int wait_on_page_writeback_range(struct address_space *, pgoff_t start, pgoff_t end);

@@ -15,8 +15,4 @@ static inline unsigned long hash_long(unsigned long val, unsigned int bits) {
   return (val * GOLDEN_RATIO_PRIME) >> (BITS_PER_LONG - bits);
 }
 
-static inline unsigned long hash_ptr(void *ptr, unsigned int bits) {
-  return hash_long((unsigned long)ptr, bits);
-}
-
 #endif

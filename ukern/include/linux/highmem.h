@@ -31,14 +31,6 @@ static inline void *kmap(struct page *page) {
 }
 static inline void kunmap(struct page *) {}
 
-/* As on x86-64, where every page is mapped: no preemption count is taken. */
-static inline void *kmap_atomic(struct page *page, enum km_type) {
-  return page_address(page);
-}
-static inline void kunmap_atomic(const void *, enum km_type) {}
-
-static inline void flush_dcache_page(struct page *) {}
-
 static inline void clear_highpage(struct page *page) {
   memset(page_address(page), 0, PAGE_SIZE);
 }

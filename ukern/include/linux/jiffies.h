@@ -18,10 +18,6 @@ extern "C" unsigned long ukern_jiffies(void);
 
 #define jiffies ukern_jiffies()
 
-static inline u64 get_jiffies_64(void) {
-  return jiffies;
-}
-
 #define time_after(a, b) ((long)(b) - (long)(a) < 0)
 #define time_before(a, b) time_after(b, a)
 #define time_after_eq(a, b) ((long)(a) - (long)(b) >= 0)

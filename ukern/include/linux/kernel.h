@@ -42,7 +42,6 @@ int printk_ratelimit(void);
 asmlinkage int vprintk(const char *fmt, va_list args) __attribute__((format(printf, 1, 0)));
 
 int sprintf(char *buf, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
-int vsprintf(char *buf, const char *fmt, va_list args) __attribute__((format(printf, 2, 0)));
 /* Length of the whole text, also when it was cut. */
 int snprintf(char *buf, size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 int vsnprintf(char *buf, size_t size, const char *fmt, va_list args)
@@ -64,8 +63,6 @@ void panic(const char *fmt, ...) __attribute__((noreturn, format(printf, 1, 2)))
  */
 struct completion;
 void complete_and_exit(struct completion *comp, long code) __attribute__((noreturn));
-/* The way to here, into the kernel log. */
-void dump_stack(void);
 
 #if UKERN_DEBUG
 void ukern_might_sleep(void);

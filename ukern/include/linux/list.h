@@ -75,11 +75,6 @@ static inline void list_replace(struct list_head *old, struct list_head *entry) 
   ukern_list_link(old->prev, entry);
 }
 
-static inline void list_replace_init(struct list_head *old, struct list_head *entry) {
-  list_replace(old, entry);
-  INIT_LIST_HEAD(old);
-}
-
 static inline void list_del_init(struct list_head *entry) {
   ukern_list_unlink(entry);
   INIT_LIST_HEAD(entry);
@@ -95,17 +90,8 @@ static inline void list_move_tail(struct list_head *entry, struct list_head *hea
   list_add_tail(entry, head);
 }
 
-static inline int list_is_last(const struct list_head *entry, const struct list_head *head) {
-  return entry->next == head;
-}
-
 static inline int list_empty(const struct list_head *head) {
   return __atomic_load_n(&head->next, __ATOMIC_RELAXED) == head;
-}
-
-static inline int list_empty_careful(const struct list_head *head) {
-  struct list_head *next = __atomic_load_n(&head->next, __ATOMIC_ACQUIRE);
-  return next == head && next == __atomic_load_n(&head->prev, __ATOMIC_ACQUIRE);
 }
 
 static inline void __list_splice(struct list_head *list, struct list_head *head) {
@@ -207,21 +193,6 @@ static inline void hlist_add_head(struct hlist_node *n, struct hlist_head *h) {
   if (first) first->pprev = &n->next;
   h->first = n;
   n->pprev = &h->first;
-}
-
-/* `next` must not be null. */
-static inline void hlist_add_before(struct hlist_node *n, struct hlist_node *next) {
-  n->pprev = next->pprev;
-  n->next = next;
-  next->pprev = &n->next;
-  *n->pprev = n;
-}
-
-static inline void hlist_add_after(struct hlist_node *n, struct hlist_node *next) {
-  next->next = n->next;
-  n->next = next;
-  next->pprev = &n->next;
-  if (next->next) next->next->pprev = &next->next;
 }
 
 #define hlist_entry(ptr, type, member) container_of(ptr, type, member)

@@ -68,12 +68,6 @@ static inline int page_mapped(struct page *page) {
 static inline struct address_space *page_mapping(struct page *page) {
   return page->mapping;
 }
-static inline pgoff_t page_index(struct page *page) {
-  return page->index;
-}
-static inline int page_has_buffers(struct page *page) {
-  return PagePrivate(page);
-}
 
 #define VM_READ 0x00000001 /* what the mapping allows now */
 #define VM_WRITE 0x00000002
@@ -129,10 +123,6 @@ struct mm_struct {
 #define VM_FAULT_MINOR 0x02
 #define VM_FAULT_MAJOR 0x03
 
-static inline unsigned long vma_pages(struct vm_area_struct *vma) {
-  return (vma->vm_end - vma->vm_start) >> PAGE_SHIFT;
-}
-
 /* The page of a file mapping at an address, read in when it must be; see
  * vm_operations_struct.nopage. May sleep. */
 struct page *filemap_nopage(struct vm_area_struct *area, unsigned long address, int *type);
@@ -161,7 +151,6 @@ void truncate_inode_pages_range(struct address_space *mapping, loff_t lstart, lo
  * in its mapping. Does not sleep by itself.
  */
 int set_page_dirty(struct page *page);
-int set_page_dirty_lock(struct page *page); /* takes the page lock; may sleep */
 int __set_page_dirty_nobuffers(struct page *page);
 /* For a writepage that will not write now: dirty again, counted as skipped. */
 int redirty_page_for_writepage(struct writeback_control *wbc, struct page *page);

@@ -34,7 +34,6 @@ int try_module_get(struct module *module);
  */
 void __module_get(struct module *module);
 void module_put(struct module *module);
-unsigned int module_refcount(struct module *module);
 }
 
 #ifdef MODULE

@@ -64,15 +64,9 @@ void path_release(struct nameidata *nd);
 /* As path_release, but leaves the mount's expiry mark alone. */
 void path_release_on_umount(struct nameidata *nd);
 
-/* path_lookup with the intent to open; the file that may come of it is in `nd->intent.open.file`.
- */
-int path_lookup_open(int dfd, const char *name, unsigned lookup_flags, struct nameidata *nd,
-                     int open_flags);
 /* The open file for a finished open walk; takes over the references of `nd`. */
 struct file *nameidata_to_filp(struct nameidata *nd, int flags);
-/* For a file system's lookup or create: opens the intent's file on `dentry`. */
-struct file *lookup_instantiate_filp(struct nameidata *nd, struct dentry *dentry,
-                                     int (*open)(struct inode *, struct file *));
+/* Gives the file of an intent to open back. */
 void release_open_intent(struct nameidata *nd);
 
 /*

@@ -78,9 +78,6 @@ UKERN_PAGE_TEST(Writeback, PG_writeback)
 static inline int PageHighMem(const struct page *) {
   return 0;
 }
-static inline int PageSwapCache(const struct page *) {
-  return 0;
-}
 
 /* Set or clear PG_writeback and the mapping's tag for it; the earlier state. Take no sleeping lock.
  */

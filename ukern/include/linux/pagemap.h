@@ -109,18 +109,6 @@ static inline void wait_on_page_writeback(struct page *page) {
 /* The I/O that set_page_writeback announced is over; wakes who waits for it. */
 void end_page_writeback(struct page *page);
 
-/* Touch both ends of a user buffer of at most a page. Non-zero when it cannot be written (only
- * known of writing). */
-static inline int fault_in_pages_writeable(char __user *uaddr, int size) {
-  int ret = put_user((char)0, uaddr);
-  if (ret == 0) ret = put_user((char)0, uaddr + size - 1);
-  return ret;
-}
-static inline void fault_in_pages_readable(const char __user *uaddr, int size) {
-  char c;
-  if (get_user(c, uaddr) == 0) (void)get_user(c, uaddr + size - 1);
-}
-
 #ifdef __cplusplus
 }
 #endif

@@ -42,8 +42,4 @@ void down_write_nested(struct rw_semaphore *sem, int subclass);
 #endif
 }
 
-static inline int rwsem_is_locked(struct rw_semaphore *sem) {
-  return __atomic_load_n(&sem->count, __ATOMIC_RELAXED) != 0;
-}
-
 #endif

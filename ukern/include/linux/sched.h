@@ -146,14 +146,10 @@ void schedule(void);
 signed long schedule_timeout(signed long timeout);
 signed long schedule_timeout_interruptible(signed long timeout);
 signed long schedule_timeout_uninterruptible(signed long timeout);
-/* schedule for time spent waiting for I/O. */
-void io_schedule(void);
-long io_schedule_timeout(long timeout);
 void msleep(unsigned int msecs);
 void yield(void);
 /* May sleep; non-zero if it gave the processor away. */
 int cond_resched(void);
-int cond_resched_lock(spinlock_t *lock);
 
 /* Makes the task runnable whatever it sleeps in: 1 when it slept. */
 int wake_up_process(struct task_struct *tsk);
@@ -166,8 +162,6 @@ void __put_task_struct(struct task_struct *tsk);
 /* Makes the calling kernel thread independent of whoever started it, under a new name, signals
  * blocked. */
 void daemonize(const char *name, ...) __attribute__((format(printf, 1, 2)));
-void set_task_comm(struct task_struct *tsk, char *from);
-char *get_task_comm(char *to, struct task_struct *tsk);
 
 /*
  * Sends a signal to the task with this id: 0, -ESRCH for no such task, -EINVAL for no such signal,
@@ -177,7 +171,6 @@ int kill_proc(pid_t pid, int sig, int priv);
 /* The same to a task that the caller has: it always may. */
 int send_sig(int sig, struct task_struct *tsk, int priv);
 int allow_signal(int sig);
-int disallow_signal(int sig);
 /* Sets again whether a signal is pending, after a change of `blocked`; siglock held. */
 void recalc_sigpending(void);
 /* Forgets every pending signal. */
@@ -189,7 +182,6 @@ void groups_free(struct group_info *group_info);
 int groups_search(struct group_info *group_info, gid_t grp);
 /* Whether the current task is in the group, by fsgid or by its list. */
 int in_group_p(gid_t grp);
-int in_egroup_p(gid_t grp);
 
 /*
  * The task's memory map with a reference, or null for a kernel thread. The map of a program's task
@@ -227,9 +219,6 @@ static inline void put_task_struct(struct task_struct *t) {
 
 static inline int signal_pending(struct task_struct *p) {
   return unlikely(__atomic_load_n(&p->sigpending, __ATOMIC_ACQUIRE) != 0);
-}
-static inline int need_resched(void) {
-  return 0;
 }
 
 static inline void task_lock(struct task_struct *p) {

@@ -28,9 +28,6 @@ static inline void sigdelset(sigset_t *set, int sig) {
 static inline int sigismember(sigset_t *set, int sig) {
   return (set->sig[0] & sigmask(sig)) != 0;
 }
-static inline int sigisemptyset(sigset_t *set) {
-  return set->sig[0] == 0;
-}
 static inline void siginitset(sigset_t *set, unsigned long mask) {
   set->sig[0] = mask;
 }

@@ -50,8 +50,6 @@ void *__kmalloc(size_t size, gfp_t flags);
 void *__kzalloc(size_t size, gfp_t flags);
 /* A null pointer is ignored. */
 void kfree(const void *objp);
-/* Usable bytes of a block, at least what was asked for. */
-unsigned int ksize(const void *objp);
 
 extern kmem_cache_t *names_cachep; /* blocks of PATH_MAX bytes */
 }

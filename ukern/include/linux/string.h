@@ -15,7 +15,6 @@ extern "C" {
 char *strcpy(char *dest, const char *src);
 char *strncpy(char *dest, const char *src, size_t count);
 char *strcat(char *dest, const char *src);
-char *strncat(char *dest, const char *src, size_t count);
 int strcmp(const char *a, const char *b);
 int strncmp(const char *a, const char *b, size_t count);
 size_t strlen(const char *s);

@@ -11,9 +11,6 @@ extern "C" {
 
 extern unsigned long totalram_pages; /* pages of memory; uk_boot's ram_pages */
 
-/* Free pages as far as the limit goes: what may still be allocated before reclaim begins. */
-unsigned int nr_free_pages(void);
-
 /* Puts a page that entered the page cache on the reclaimer's list, which holds no reference. Never
  * sleeps. */
 void lru_cache_add(struct page *page);

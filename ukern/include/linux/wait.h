@@ -51,7 +51,6 @@ int default_wake_function(wait_queue_t *wait, unsigned mode, int sync, void *key
 /* As default_wake_function, and takes the entry off the queue when it woke the task. */
 int autoremove_wake_function(wait_queue_t *wait, unsigned mode, int sync, void *key);
 void add_wait_queue(wait_queue_head_t *q, wait_queue_t *wait);
-void add_wait_queue_exclusive(wait_queue_head_t *q, wait_queue_t *wait);
 void remove_wait_queue(wait_queue_head_t *q, wait_queue_t *wait);
 void __wake_up(wait_queue_head_t *q, unsigned int mode, int nr, void *key);
 void __wake_up_locked(wait_queue_head_t *q, unsigned int mode);
@@ -59,18 +58,6 @@ void __wake_up_sync(wait_queue_head_t *q, unsigned int mode, int nr);
 void prepare_to_wait(wait_queue_head_t *q, wait_queue_t *wait, int state);
 void prepare_to_wait_exclusive(wait_queue_head_t *q, wait_queue_t *wait, int state);
 void finish_wait(wait_queue_head_t *q, wait_queue_t *wait);
-}
-
-static inline void init_waitqueue_entry(wait_queue_t *q, struct task_struct *p) {
-  q->flags = 0;
-  q->private_ = p;
-  q->func = default_wake_function;
-}
-
-static inline void init_waitqueue_func_entry(wait_queue_t *q, wait_queue_func_t func) {
-  q->flags = 0;
-  q->private_ = NULL;
-  q->func = func;
 }
 
 static inline int waitqueue_active(wait_queue_head_t *q) {

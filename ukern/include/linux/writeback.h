@@ -53,7 +53,6 @@ struct writeback_control {
 /* Write dirty inodes of all super blocks, as the control says. May sleep. */
 void writeback_inodes(struct writeback_control *wbc);
 void wake_up_inode(struct inode *inode);
-int inode_wait(void *);
 /* All dirty inodes of one super block / of all; with `wait` the I/O is waited for. May sleep. */
 void sync_inodes_sb(struct super_block *sb, int wait);
 void sync_inodes(int wait);
@@ -82,12 +81,10 @@ static inline void balance_dirty_pages_ratelimited(struct address_space *mapping
  * sleep. */
 int do_writepages(struct address_space *mapping, struct writeback_control *wbc);
 /*
- * Writes the range's pages and waits, then the inode itself under its i_mutex (which the caller
- * holds for the _nolock form and does not hold for the other). 0 or the first error. May sleep.
+ * Writes the range's pages, then the inode itself under its i_mutex, which it takes, and waits for
+ * the pages. 0 or the first error. May sleep.
  */
 int sync_page_range(struct inode *inode, struct address_space *mapping, loff_t pos, loff_t count);
-int sync_page_range_nolock(struct inode *inode, struct address_space *mapping, loff_t pos,
-                           loff_t count);
 
 #ifdef __cplusplus
 }

@@ -20,7 +20,10 @@ ALLOWED = {
     "bench": {"*"},
 }
 # Parts of a folder that more may include than the rest of it.
-PARTS = ("module/os_public", "ukern/door")
+PARTS = ("module/os_public", "ukern/door", "ukern/testing")
+# The kernel does not know who calls it: what it includes of the door is plain data.
+ABOVE_THE_KERNEL = ("ukern/door", "ukern/testing")
+PLAIN_DATA = ("uk_types.h", "module_table.h")
 KERNEL_DOOR = "module/kernel.h"
 KERNEL_HEADER = re.compile(r"^(linux|asm|asm-generic|net)/")
 INCLUDE = re.compile(r'^\s*#\s*include\s+([<"])([^>"]+)[>"]')
@@ -57,6 +60,9 @@ def check(root, source):
         if top == "ukern" and rel.parts[1] == "host" and KERNEL_HEADER.match(name):
             continue
         target = home(root, source, bracket, name)
+        if target in ABOVE_THE_KERNEL and top == "ukern" and name.split("/")[-1] not in PLAIN_DATA:
+            if not str(rel).startswith(tuple(p + "/" for p in ABOVE_THE_KERNEL)):
+                yield "%s:%d: %s is above the kernel" % (rel, number, name)
         if target is None or target.split("/")[0] == top:
             continue
         if not ALLOWED[top] & {target, "*"}:

@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "client/text.h"
+#include "base/text.h"
 #include "module/os_public/Include/ox_msg.h"
 
 namespace tarn {

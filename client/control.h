@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "client/control_link.h"
-#include "client/result.h"
+#include "base/result.h"
 #include "client/site.h"
 #include "client/uuid.h"
 

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "client/result.h"
+#include "base/result.h"
 
 namespace tarn {
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "client/daemon.h"
 
+#include <linux/netlink.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -17,12 +18,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kTypeAt = 4;
-
 std::uint16_t message_type(Bytes packet) {
-  std::uint16_t type = 0;
-  if (packet.size() >= OX_NLMSG_HDRLEN) std::memcpy(&type, packet.data() + kTypeAt, sizeof(type));
-  return type;
+  nlmsghdr header{};
+  if (packet.size() >= sizeof(header)) std::memcpy(&header, packet.data(), sizeof(header));
+  return header.nlmsg_type;
 }
 
 Error gone() {
@@ -69,17 +68,12 @@ DaemonChannel::~DaemonChannel() {
 }
 
 Result<void> DaemonChannel::send(std::uint16_t type, Bytes payload) {
-  struct {
-    std::uint32_t length;
-    std::uint16_t type;
-    std::uint16_t flags;
-    std::uint32_t seq;
-    std::uint32_t pid;
-  } header{static_cast<std::uint32_t>(OX_NLMSG_HDRLEN + payload.size()), type,
-           type == OX_NL_HELO ? link_->hello_flags() : std::uint16_t{0}, 0,
-           static_cast<std::uint32_t>(getpid())};
-  static_assert(sizeof(header) == OX_NLMSG_HDRLEN);
-  std::vector<std::byte> packet(header.length);
+  nlmsghdr header{};
+  header.nlmsg_len = static_cast<std::uint32_t>(sizeof(header) + payload.size());
+  header.nlmsg_type = type;
+  header.nlmsg_flags = type == OX_NL_HELO ? link_->hello_flags() : 0;
+  header.nlmsg_pid = static_cast<std::uint32_t>(getpid());
+  std::vector<std::byte> packet(header.nlmsg_len);
   std::memcpy(packet.data(), &header, sizeof(header));
   if (!payload.empty()) std::memcpy(packet.data() + sizeof(header), payload.data(), payload.size());
   return link_->send(packet);

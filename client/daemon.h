@@ -26,7 +26,7 @@
 #include "client/message_link.h"
 #include "client/loss_signal.h"
 #include "client/messages.h"
-#include "client/result.h"
+#include "base/result.h"
 #include "client/site.h"
 
 namespace tarn {

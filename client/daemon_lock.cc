@@ -12,7 +12,7 @@
 
 #include <fmt/format.h>
 
-#include "client/text.h"
+#include "base/text.h"
 
 namespace tarn {
 namespace {

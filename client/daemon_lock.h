@@ -17,9 +17,9 @@
 #include <optional>
 #include <string>
 
-#include "client/result.h"
+#include "base/result.h"
 #include "client/site.h"
-#include "client/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace tarn {
 

@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "client/text.h"
+#include "base/text.h"
 
 namespace tarn {
 

@@ -14,7 +14,7 @@
 #include <set>
 #include <string>
 
-#include "client/result.h"
+#include "base/result.h"
 #include "client/site.h"
 #include "client/uuid.h"
 

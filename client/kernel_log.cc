@@ -5,7 +5,7 @@
 #include <cctype>
 #include <charconv>
 
-#include "client/text.h"
+#include "base/text.h"
 
 namespace tarn {
 namespace {

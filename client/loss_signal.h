@@ -11,7 +11,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "client/result.h"
+#include "base/result.h"
 #include "client/signal_pipe.h"
 
 namespace tarn {

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "client/messages.h"
-#include "client/result.h"
+#include "base/result.h"
 #include "module/os_public/Include/ox_msg.h"
 
 namespace tarn {

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "client/messages.h"
 
+#include <linux/netlink.h>
+
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -8,20 +10,13 @@
 
 #include <fmt/format.h>
 
-#include "client/text.h"
+#include "base/text.h"
 #include "module/os_public/Include/ox_msg.h"
 
 namespace tarn {
 namespace {
 
-struct NetlinkHeader {
-  std::uint32_t length;
-  std::uint16_t type;
-  std::uint16_t flags;
-  std::uint32_t seq;
-  std::uint32_t pid;
-};
-static_assert(sizeof(NetlinkHeader) == OX_NLMSG_HDRLEN);
+static_assert(sizeof(nlmsghdr) == OX_NLMSG_HDRLEN);
 
 template <class... Args>
 Error malformed(fmt::format_string<Args...> format, Args &&...args) {
@@ -207,7 +202,7 @@ Result<Naming> decode_naming(std::uint16_t cp) {
                    int{OX_CP_UNPLACED});
 }
 
-Result<Message> decode_record(Bytes payload, const NetlinkHeader &netlink) {
+Result<Message> decode_record(Bytes payload, const nlmsghdr &netlink) {
   if (payload.size() < OX_MSG_LEN)
     return malformed("a change record of {} bytes, at least {} expected", payload.size(),
                      OX_MSG_LEN);
@@ -215,11 +210,11 @@ Result<Message> decode_record(Bytes payload, const NetlinkHeader &netlink) {
   const std::uint8_t op = head.op, os = head.os;
   const std::uint32_t wseq = head.wseq;
   if (os != OX_OS_LINUX) return malformed("a record of system {}, not {}", os, OX_OS_LINUX);
-  if (wseq != netlink.seq)
-    return malformed("number {} in the record and {} in the header", wseq, netlink.seq);
+  if (wseq != netlink.nlmsg_seq)
+    return malformed("number {} in the record and {} in the header", wseq, netlink.nlmsg_seq);
   const auto naming = decode_naming(head.cp);
   if (!naming) return naming.error();
-  auto change = decode_change(payload, netlink.type, op);
+  auto change = decode_change(payload, netlink.nlmsg_type, op);
   if (!change) return change.error();
   return Message{Record{load_uuid(payload), head.ts, wseq, std::move(*change), *naming, head.seq}};
 }
@@ -227,17 +222,17 @@ Result<Message> decode_record(Bytes payload, const NetlinkHeader &netlink) {
 }  // namespace
 
 Result<Message> decode(Bytes packet) {
-  if (packet.size() < sizeof(NetlinkHeader))
-    return malformed("{} bytes, at least {} expected", packet.size(), sizeof(NetlinkHeader));
-  const auto header = load<NetlinkHeader>(packet);
+  if (packet.size() < sizeof(nlmsghdr))
+    return malformed("{} bytes, at least {} expected", packet.size(), sizeof(nlmsghdr));
+  const auto header = load<nlmsghdr>(packet);
   // A page travels in a buffer of one size, however little of it the last page fills.
-  constexpr std::size_t kPageBuffer = sizeof(NetlinkHeader) + 4096;
-  const bool page_buffer = header.type == OX_OP_WRITE && packet.size() == kPageBuffer;
-  if (header.length < sizeof(header) || header.length > packet.size() ||
-      (!page_buffer && packet.size() - header.length > 3))
-    return malformed("a packet of {} bytes whose header says {}", packet.size(), header.length);
-  const Bytes payload = packet.subspan(sizeof(header), header.length - sizeof(header));
-  switch (header.type) {
+  constexpr std::size_t kPageBuffer = sizeof(nlmsghdr) + OX_PAGE_PAYLOAD;
+  const bool page_buffer = header.nlmsg_type == OX_OP_WRITE && packet.size() == kPageBuffer;
+  if (header.nlmsg_len < sizeof(header) || header.nlmsg_len > packet.size() ||
+      (!page_buffer && packet.size() - header.nlmsg_len > 3))
+    return malformed("a packet of {} bytes whose header says {}", packet.size(), header.nlmsg_len);
+  const Bytes payload = packet.subspan(sizeof(header), header.nlmsg_len - sizeof(header));
+  switch (header.nlmsg_type) {
     case OX_OP_WRITE:
     case OX_OP_COLLECT:
       return decode_record(payload, header);
@@ -250,9 +245,9 @@ Result<Message> decode(Bytes packet) {
     case OX_SO_REP_FLUSH:
       if (payload.size() != sizeof(std::int32_t))
         return malformed("an answer of {} bytes, not {}", payload.size(), sizeof(std::int32_t));
-      return Message{Reply{header.type, load<std::int32_t>(payload)}};
+      return Message{Reply{header.nlmsg_type, load<std::int32_t>(payload)}};
   }
-  return malformed("unknown type {}", header.type);
+  return malformed("unknown type {}", header.nlmsg_type);
 }
 
 namespace {

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <variant>
 
-#include "client/result.h"
+#include "base/result.h"
 #include "client/uuid.h"
 
 namespace tarn {

@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 
 #include "client/message_link.h"
-#include "client/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace tarn {
 namespace {

@@ -4,7 +4,7 @@
 #include <cerrno>
 #include <filesystem>
 
-#include "client/text.h"
+#include "base/text.h"
 
 namespace tarn {
 namespace {

@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "client/control_link.h"
-#include "client/result.h"
+#include "base/result.h"
 
 namespace tarn {
 

@@ -6,8 +6,8 @@
 
 #include <string>
 
-#include "client/result.h"
-#include "client/unique_fd.h"
+#include "base/result.h"
+#include "base/unique_fd.h"
 
 namespace tarn {
 

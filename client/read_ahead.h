@@ -15,7 +15,7 @@
 #include <memory>
 
 #include "client/message_link.h"
-#include "client/result.h"
+#include "base/result.h"
 
 namespace tarn {
 

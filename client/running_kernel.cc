@@ -10,7 +10,7 @@
 #include <iterator>
 
 #include "client/kernel_control.h"
-#include "client/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace tarn {
 namespace {

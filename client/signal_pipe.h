@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "client/pipe.h"
-#include "client/result.h"
+#include "base/result.h"
 
 namespace tarn {
 

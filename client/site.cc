@@ -6,8 +6,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "client/run_dir.h"
-#include "client/text.h"
+#include "base/run_dir.h"
+#include "base/text.h"
 #include "module/os_public/Include/ox_ctl.h"
 
 namespace tarn {

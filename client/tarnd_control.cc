@@ -10,9 +10,9 @@
 #include <fmt/format.h>
 
 #include "client/control_link.h"
-#include "client/run_dir.h"
-#include "client/text.h"
-#include "client/unique_fd.h"
+#include "base/run_dir.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "module/os_public/Include/ox_ctl.h"
 
 namespace tarn {

@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
+#include <linux/netlink.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -8,8 +9,8 @@
 #include <span>
 
 #include "client/message_link.h"
-#include "client/run_dir.h"
-#include "client/unique_fd.h"
+#include "base/run_dir.h"
+#include "base/unique_fd.h"
 #include "module/os_public/Include/ox_ctl.h"
 
 namespace tarn {
@@ -85,10 +86,11 @@ class UnixLink : public MessageLink {
   /* Of the first message, with what pads it; a length that cannot be means all that is left, for
    * the decoder to refuse. */
   static std::size_t message_length(Bytes packet) {
-    std::uint32_t length = 0;
-    if (packet.size() >= OX_NLMSG_HDRLEN) std::memcpy(&length, packet.data(), sizeof(length));
-    if (length < OX_NLMSG_HDRLEN || length > packet.size()) return packet.size();
-    return std::min<std::size_t>((std::size_t{length} + 3) / 4 * 4, packet.size());
+    nlmsghdr header{};
+    if (packet.size() >= sizeof(header)) std::memcpy(&header, packet.data(), sizeof(header));
+    const std::size_t length = header.nlmsg_len;
+    if (length < sizeof(header) || length > packet.size()) return packet.size();
+    return std::min<std::size_t>(NLMSG_ALIGN(length), packet.size());
   }
 
   UniqueFd socket_;

@@ -5,7 +5,7 @@
 
 #include <cerrno>
 
-#include "client/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace tarn {
 namespace {

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "client/result.h"
+#include "base/result.h"
 
 namespace tarn {
 

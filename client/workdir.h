@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "client/result.h"
+#include "base/result.h"
 
 namespace tarn {
 

@@ -2,6 +2,8 @@
 // Every message that a daemon can send, whole and broken, from privileged and other senders, while
 // the daemon comes and goes. Registration, rules and replies are compared with a model. Input: a
 // sequence of steps.
+#include <linux/netlink.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -25,17 +27,10 @@ using fuzz::Kernel;
 constexpr int kStepsMax = 32;
 constexpr unsigned kReceiveBuffer = 1 << 20;
 
-struct Header {
-  std::uint32_t length;
-  std::uint16_t type;
-  std::uint16_t flags;
-  std::uint32_t seq;
-  std::uint32_t pid;
-};
-static_assert(sizeof(Header) == OX_NLMSG_HDRLEN);
+static_assert(sizeof(nlmsghdr) == OX_NLMSG_HDRLEN);
 
 std::string message(unsigned length, unsigned type, const std::string &payload) {
-  const Header header = {length, static_cast<std::uint16_t>(type), 0, 0, 0};
+  const nlmsghdr header = {length, static_cast<std::uint16_t>(type), 0, 0, 0};
   return std::string(reinterpret_cast<const char *>(&header), sizeof(header)) + payload;
 }
 
@@ -147,11 +142,11 @@ class Session {
     } else {
       Socket(static_cast<unsigned>(Kernel::kPid + 1)).send(bytes);
     }
-    Header header;
+    nlmsghdr header;
     if (bytes.size() >= sizeof(header)) {
       std::memcpy(&header, bytes.data(), sizeof(header));
-      if (header.length >= sizeof(header) && header.length <= bytes.size())
-        handled(header.type, bytes.substr(sizeof(header), header.length - sizeof(header)));
+      if (header.nlmsg_len >= sizeof(header) && header.nlmsg_len <= bytes.size())
+        handled(header.nlmsg_type, bytes.substr(sizeof(header), header.nlmsg_len - sizeof(header)));
     }
     settle();
   }
@@ -187,14 +182,15 @@ class Session {
 
   void expect_message(unsigned type, unsigned seq, const std::string &payload) {
     const std::string got = socket_->receive();
-    check(got.size() >= sizeof(Header), "a message for the daemon");
-    Header header;
+    check(got.size() >= sizeof(nlmsghdr), "a message for the daemon");
+    nlmsghdr header;
     std::memcpy(&header, got.data(), sizeof(header));
-    check_equal(header.length, static_cast<long long>(sizeof(header) + payload.size()), "length");
-    check_equal(header.type, type, "type");
-    check_equal(header.flags, 0, "flags");
-    if (seq) check_equal(header.seq, seq, "number");
-    check_equal(header.pid, daemon_, "port");
+    check_equal(header.nlmsg_len, static_cast<long long>(sizeof(header) + payload.size()),
+                "length");
+    check_equal(header.nlmsg_type, type, "type");
+    check_equal(header.nlmsg_flags, 0, "flags");
+    if (seq) check_equal(header.nlmsg_seq, seq, "number");
+    check_equal(header.nlmsg_pid, daemon_, "port");
     check(got.substr(sizeof(header), payload.size()) == payload, "payload");
   }
 

@@ -5,14 +5,12 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fstream>
-#include <iterator>
 #include <optional>
 
 #include <fmt/format.h>
 
 #include "client/paths.h"
-#include "client/text.h"
+#include "base/text.h"
 
 namespace tarn {
 namespace {
@@ -144,31 +142,9 @@ Error refused(const std::string &how) {
 
 }  // namespace
 
-std::vector<MountEntry> read_mount_table(std::string_view text) {
-  std::vector<MountEntry> table;
-  while (!text.empty()) {
-    // 36 35 98:0 /root /mountpoint options [optional fields] - type source super-options
-    std::string_view line = take_until(text, '\n');
-    MountEntry entry;
-    take_until(line, ' ');
-    take_until(line, ' ');
-    entry.device = take_until(line, ' ');
-    entry.root = unescape_octal(take_until(line, ' '));
-    entry.mountpoint = unescape_octal(take_until(line, ' '));
-    while (!line.empty() && take_until(line, ' ') != "-") {
-    }
-    const std::string_view type = take_until(line, ' ');
-    if (type == "tarn" || type == "fuse.tarn") entry.lower = unescape_octal(take_until(line, ' '));
-    table.push_back(std::move(entry));
-  }
-  return table;
-}
-
-std::vector<MountEntry> mount_table(const std::vector<Mount> &mounts) {
-  std::ifstream file("/proc/self/mountinfo");
-  const std::string text(std::istreambuf_iterator<char>(file), {});
-  if (!text.empty()) return read_mount_table(text);
-  std::vector<MountEntry> table;
+std::vector<MountEntry> mount_table_or(const std::vector<Mount> &mounts) {
+  std::vector<MountEntry> table = mount_table();
+  if (!table.empty()) return table;
   for (const Mount &mount : mounts) table.push_back({"", "/", mount.mountpoint, mount.lower});
   return table;
 }

@@ -8,25 +8,16 @@
 #define TARN_MIRRORD_APART_H
 
 #include <string>
-#include <string_view>
 #include <vector>
 
+#include "base/mount_table.h"
 #include "client/control_link.h"
-#include "client/result.h"
+#include "base/result.h"
 
 namespace tarn {
 
-/* What the kernel knows of a mount; of a text like /proc/self/mountinfo, in its order. */
-struct MountEntry {
-  std::string device;     /* of the file system, "8:1" */
-  std::string root;       /* the path in it that is mounted */
-  std::string mountpoint; /* where */
-  std::string lower;      /* of a mount of tarn: what it shows, without `root`; else empty */
-};
-std::vector<MountEntry> read_mount_table(std::string_view text);
-
-/* Of this process. A kernel that has no such table: what `mounts` tells. */
-std::vector<MountEntry> mount_table(const std::vector<Mount> &mounts);
+/* The mount table of this process. A kernel that has none: what `mounts` tells. */
+std::vector<MountEntry> mount_table_or(const std::vector<Mount> &mounts);
 
 /* Both whole. Error: how the replica and the source meet, and what to do. */
 Result<void> check_apart(const std::string &source, const std::string &replica,

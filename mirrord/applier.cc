@@ -8,7 +8,7 @@
 #include <fmt/format.h>
 
 #include "client/paths.h"
-#include "client/text.h"
+#include "base/text.h"
 #include "mirrord/attributes.h"
 #include "mirrord/path_map.h"
 #include "module/os_public/Include/ox_msg.h"

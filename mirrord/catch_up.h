@@ -9,7 +9,7 @@
 #include <chrono>
 #include <string>
 
-#include "client/result.h"
+#include "base/result.h"
 #include "mirrord/status.h"
 
 namespace tarn {

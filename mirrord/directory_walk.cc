@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <memory>
 
-#include "client/text.h"
+#include "base/text.h"
 
 namespace tarn {
 namespace {

@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "client/result.h"
-#include "client/unique_fd.h"
+#include "base/result.h"
+#include "base/unique_fd.h"
 
 namespace tarn {
 

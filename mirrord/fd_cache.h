@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "client/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace tarn {
 

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "client/text.h"
+#include "base/text.h"
 #include "mirrord/file_status.h"
 
 namespace tarn {

@@ -15,8 +15,9 @@
 #include "client/daemon_report.h"
 #include "client/paths.h"
 #include "client/site.h"
-#include "client/standard_fds.h"
-#include "client/text.h"
+#include "base/standard_fds.h"
+#include "base/text.h"
+#include "base/version.h"
 #include "client/workdir.h"
 #include "mirrord/apart.h"
 #include "mirrord/catch_up.h"
@@ -188,7 +189,7 @@ int mirror(const Arguments &arguments) {
   }
   const Site site = find_site();
   if (const auto apart =
-          check_apart(options.source, options.replica, mount_table(mounts_there(site)));
+          check_apart(options.source, options.replica, mount_table_or(mounts_there(site)));
       !apart)
     return fail(apart.error().text, kExitUsage);
   for (const std::string &rule : arguments.rules) {
@@ -254,7 +255,7 @@ int main(int argc, char **argv) {
   Arguments arguments;
   CLI::App app(kAbout, "mirrord");
   app.footer(kExample);
-  app.set_version_flag("--version", "mirrord 0.1.0");
+  app.set_version_flag("--version", std::string("mirrord ") + kVersion);
   app.add_option("--source", arguments.source, "The lower directory whose changes are replayed")
       ->type_name("DIR");
   app.add_option("--replica", arguments.replica, "The directory that they are replayed in")

@@ -8,7 +8,7 @@
 
 #include <fmt/format.h>
 
-#include "client/text.h"
+#include "base/text.h"
 #include "mirrord/file_status.h"
 
 namespace tarn {

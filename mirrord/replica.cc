@@ -12,7 +12,7 @@
 
 #include <fmt/format.h>
 
-#include "client/text.h"
+#include "base/text.h"
 #include "mirrord/directory_walk.h"
 #include "mirrord/file_status.h"
 

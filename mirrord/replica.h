@@ -23,8 +23,8 @@
 #include <vector>
 
 #include "client/messages.h"
-#include "client/result.h"
-#include "client/unique_fd.h"
+#include "base/result.h"
+#include "base/unique_fd.h"
 #include "mirrord/directory_walk.h"
 #include "mirrord/fd_cache.h"
 

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "client/result.h"
-#include "client/unique_fd.h"
+#include "base/result.h"
+#include "base/unique_fd.h"
 #include "mirrord/directory_walk.h"
 
 namespace tarn {

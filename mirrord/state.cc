@@ -14,9 +14,10 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
-#include "client/text.h"
-#include "client/unique_fd.h"
-#include "mirrord/text_file.h"
+#include "base/text.h"
+#include "client/json_bytes.h"
+#include "base/unique_fd.h"
+#include "base/text_file.h"
 
 namespace tarn {
 namespace {

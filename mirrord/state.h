@@ -14,7 +14,7 @@
 #include <map>
 #include <string>
 
-#include "client/result.h"
+#include "base/result.h"
 #include "client/sequence.h"
 #include "client/uuid.h"
 

@@ -10,9 +10,10 @@
 #include <cstdio>
 #include <string_view>
 
-#include "client/text.h"
-#include "client/unique_fd.h"
-#include "mirrord/text_file.h"
+#include "base/text.h"
+#include "client/json_bytes.h"
+#include "base/unique_fd.h"
+#include "base/text_file.h"
 
 namespace tarn {
 namespace {

@@ -12,7 +12,7 @@
 #include <map>
 #include <string>
 
-#include "client/result.h"
+#include "base/result.h"
 #include "client/uuid.h"
 
 namespace tarn {

@@ -10,8 +10,8 @@
 #include <string>
 
 #include "client/paths.h"
-#include "client/text.h"
-#include "client/unique_fd.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "client/workdir.h"
 
 namespace tarn {

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "client/control.h"
-#include "client/result.h"
+#include "base/result.h"
 
 namespace tarn {
 

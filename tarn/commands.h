@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "client/result.h"
+#include "base/result.h"
 #include "client/uuid.h"
 
 namespace tarn {

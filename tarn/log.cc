@@ -7,7 +7,7 @@
 
 #include "client/control.h"
 #include "client/site.h"
-#include "client/text.h"
+#include "base/text.h"
 #include "tarn/commands.h"
 
 namespace tarn {

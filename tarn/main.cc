@@ -6,9 +6,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "client/run_dir.h"
-#include "client/standard_fds.h"
-#include "client/text.h"
+#include "base/run_dir.h"
+#include "base/standard_fds.h"
+#include "base/text.h"
+#include "base/version.h"
 #include "tarn/commands.h"
 
 namespace tarn {
@@ -43,7 +44,7 @@ class CommandLine {
  public:
   CommandLine() : app_(kAbout, "tarn") {
     app_.require_subcommand(1);
-    app_.set_version_flag("--version", "tarn 0.1.0");
+    app_.set_version_flag("--version", std::string("tarn ") + kVersion);
     app_.footer(kExample);
     add_mounts();
     add_rules();

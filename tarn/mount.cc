@@ -18,10 +18,10 @@
 
 #include "client/control.h"
 #include "client/paths.h"
-#include "client/run_dir.h"
+#include "base/run_dir.h"
 #include "client/site.h"
-#include "client/text.h"
-#include "client/unique_fd.h"
+#include "base/text.h"
+#include "base/unique_fd.h"
 #include "module/os_public/Include/ox_ctl.h"
 #include "tarn/commands.h"
 #include "tarn/request.h"
@@ -37,10 +37,6 @@ constexpr auto kPoll = std::chrono::milliseconds(20);
 
 /* The code of an error that is about starting tarnd. */
 constexpr int kNotStarted = -ECHILD;
-
-/* A tarnd holds this file of its run directory locked from before it serves until after it has
- * served. */
-constexpr char kTarndLock[] = "/lock";
 
 /* The whole path of an existing directory, without symbolic links. */
 Result<std::string> directory(const std::string &path, const std::string &role) {
@@ -130,7 +126,7 @@ Result<void> start_tarnd(const std::string &run_dir) {
 }
 
 bool tarnd_lives(const std::string &run_dir) {
-  const UniqueFd lock(open((run_dir + kTarndLock).c_str(), O_RDONLY | O_CLOEXEC));
+  const UniqueFd lock(open((run_dir + "/" + kTarndLock).c_str(), O_RDONLY | O_CLOEXEC));
   return lock && flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 

@@ -3,7 +3,8 @@
 
 #include <fmt/format.h>
 
-#include "client/text.h"
+#include "base/text.h"
+#include "client/json_bytes.h"
 #include "client/workdir.h"
 #include "module/os_public/Include/ox_msg.h"
 

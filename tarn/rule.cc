@@ -11,7 +11,7 @@
 #include "client/control.h"
 #include "client/paths.h"
 #include "client/site.h"
-#include "client/text.h"
+#include "base/text.h"
 #include "client/workdir.h"
 #include "tarn/commands.h"
 #include "tarn/report.h"

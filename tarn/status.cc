@@ -9,7 +9,8 @@
 #include "client/daemon_lock.h"
 #include "client/daemon_report.h"
 #include "client/site.h"
-#include "client/text.h"
+#include "base/text.h"
+#include "client/json_bytes.h"
 #include "tarn/commands.h"
 #include "tarn/report.h"
 

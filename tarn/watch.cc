@@ -14,7 +14,7 @@
 #include "client/sequence.h"
 #include "client/signal_pipe.h"
 #include "client/site.h"
-#include "client/text.h"
+#include "base/text.h"
 #include "tarn/commands.h"
 #include "tarn/report.h"
 

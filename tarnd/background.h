@@ -11,7 +11,8 @@
 
 #include <string>
 
-#include "tarnd/unique_fd.h"
+#include "base/result.h"
+#include "base/unique_fd.h"
 
 namespace tarnd {
 
@@ -19,20 +20,18 @@ namespace tarnd {
 class Starter {
  public:
   Starter() = default;
-  explicit Starter(UniqueFd pipe) : pipe_(std::move(pipe)) {}
+  explicit Starter(tarn::UniqueFd pipe) : pipe_(std::move(pipe)) {}
 
-  void ready();
-  void failed(const std::string &reason);
+  void ready() { tell(kReady); }
+  void failed(const std::string &reason) { tell(reason); }
+
+  static constexpr char kReady[] = "+";
 
  private:
-  UniqueFd pipe_;
-};
+  void tell(const std::string &text);
 
-/*
- * To be called first of all: takes the numbers of standard descriptors that the program was started
- * without, so that no file that is opened later gets one of them and is replaced with it.
- */
-void hold_standard_descriptors();
+  tarn::UniqueFd pipe_;
+};
 
 /*
  * Of a program that will go to the background, before it opens anything: closes what its starter
@@ -46,7 +45,7 @@ void close_inherited_descriptors();
  * its standard input on /dev/null and its output going to `log` (emptied first), it returns the
  * line to the starter.
  */
-Starter go_to_background(const std::string &log);
+tarn::Result<Starter> go_to_background(const std::string &log);
 
 }  // namespace tarnd
 

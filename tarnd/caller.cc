@@ -13,6 +13,8 @@
 #include <limits>
 #include <string>
 
+#include <fmt/format.h>
+
 #include "ukern/door/uk_fs.h"
 
 namespace tarnd {
@@ -70,7 +72,7 @@ static long caller_exe(int pid, char *buf, unsigned long size) {
 // The signals that wait for a thread of the host's; bit n - 1 is signal n. Which they are matters:
 // most do not end a wait for a daemon.
 static unsigned long long waiting_signals(int tid) {
-  std::ifstream status("/proc/" + std::to_string(tid) + "/status");
+  std::ifstream status(fmt::format("/proc/{}/status", tid));
   unsigned long long waiting = 0, blocked = 0;
   for (std::string name; status >> name;
        status.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {

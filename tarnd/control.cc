@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <optional>
@@ -15,6 +14,9 @@
 #include <string_view>
 #include <vector>
 
+#include <fmt/format.h>
+
+#include "base/text.h"
 #include "module/os_public/Include/ox_ctl.h"
 #include "tarnd/peer.h"
 #include "ukern/door/uk_core.h"
@@ -22,6 +24,9 @@
 #include "ukern/door/uk_net.h"
 
 namespace tarnd {
+
+using tarn::Error;
+using tarn::Result;
 
 static constexpr size_t kReplyMax = OX_CTL_PACKET_MAX - sizeof(ox_ctl_reply);
 // The largest buffer that a caller may offer for an option: all rules of a rule set that is far too
@@ -39,12 +44,9 @@ struct Request {
 // One connection's requests.
 class Session {
  public:
-  Session(int connection, MountTable *mounts, const std::atomic<bool> *stopping)
-      : connection_(connection),
-        mounts_(mounts),
-        stopping_(stopping),
-        peer_(peer_identity(connection)),
-        task_(peer_) {}
+  Session(int connection, const Identity &peer, MountTable *mounts,
+          const std::atomic<bool> *stopping)
+      : connection_(connection), mounts_(mounts), stopping_(stopping), peer_(peer), task_(peer_) {}
 
   void run();
 
@@ -52,7 +54,7 @@ class Session {
   std::optional<Request> receive();
   void reply(int result, unsigned long long total = 0, std::span<const char> bytes = {});
   void reply_in_pieces(std::span<const char> bytes);
-  void reply_failure(const Failure &failure);
+  void reply_done(const Result<void> &done);
   void serve(Request &request);
   void set_option(Request &request);
   void get_option(Request &request);
@@ -117,9 +119,10 @@ void Session::reply_in_pieces(std::span<const char> bytes) {
   } while (alive_ && !bytes.empty());
 }
 
-void Session::reply_failure(const Failure &failure) {
-  const std::string text = failure.text.substr(0, kReplyMax);
-  reply(failure.err, text.size(), text);
+void Session::reply_done(const Result<void> &done) {
+  if (done) return reply(0);
+  const std::string text = done.error().text.substr(0, kReplyMax);
+  reply(done.error().code, text.size(), text);
 }
 
 void Session::run() {
@@ -216,20 +219,20 @@ static bool is_absolute(const std::string &path) {
 
 void Session::mount(const Request &request) {
   if (!is_privileged(peer_))
-    return reply_failure({-EPERM, "only root and the user that runs tarnd may mount"});
+    return reply_done(Error{-EPERM, "only root and the user that runs tarnd may mount"});
   const std::vector<std::string> paths = strings_of(request.argument);
   if (paths.size() != 2 || !is_absolute(paths[0]) || !is_absolute(paths[1]))
-    return reply_failure({-EINVAL, "a mount needs two absolute paths"});
-  reply_failure(mounts_->mount(paths[0], paths[1]));
+    return reply_done(Error{-EINVAL, "a mount needs two absolute paths"});
+  reply_done(mounts_->mount(paths[0], paths[1]));
 }
 
 void Session::unmount(const Request &request) {
   if (!is_privileged(peer_))
-    return reply_failure({-EPERM, "only root and the user that runs tarnd may unmount"});
+    return reply_done(Error{-EPERM, "only root and the user that runs tarnd may unmount"});
   const std::vector<std::string> paths = strings_of(request.argument);
   if (paths.size() != 1 || !is_absolute(paths[0]))
-    return reply_failure({-EINVAL, "an unmount needs one absolute path"});
-  reply_failure(
+    return reply_done(Error{-EINVAL, "an unmount needs one absolute path"});
+  reply_done(
       mounts_->unmount(paths[0], request.head.arg == 1 ? Detach::kLazily : Detach::kOnlyIdle));
 }
 
@@ -275,13 +278,7 @@ std::string to_mount_line(const std::string &line) {
   if (type != "tarn") return {};
   std::string options(std::istreambuf_iterator<char>(words), {});
   if (options.ends_with(kEnd)) options.resize(options.size() - kEnd.size());
-  std::string escaped;
-  for (const char c : options) {
-    char octal[5];
-    std::snprintf(octal, sizeof(octal), "\\%03o", static_cast<unsigned char>(c));
-    escaped += std::strchr(" \t\n\\", c) && c ? octal : std::string(1, c);
-  }
-  return source + ' ' + place + ' ' + escaped + '\n';
+  return fmt::format("{} {} {}\n", source, place, tarn::escape_octal(options, " \t\n\\"));
 }
 
 void Session::list_mounts() {
@@ -305,8 +302,8 @@ void Session::list_mounts() {
   reply_in_pieces(table);
 }
 
-void Control::serve(int connection) {
-  Session(connection, mounts_, &stopping_).run();
+void Control::serve(int connection, const Identity &peer) {
+  Session(connection, peer, mounts_, &stopping_).run();
 }
 
 }  // namespace tarnd

@@ -11,6 +11,7 @@
 #include <atomic>
 
 #include "tarnd/mount.h"
+#include "tarnd/task.h"
 
 namespace tarnd {
 
@@ -19,7 +20,7 @@ class Control {
   explicit Control(MountTable *mounts) : mounts_(mounts) {}
 
   /* Until the peer hangs up or the connection is shut down. Any number of connections at once. */
-  void serve(int connection);
+  void serve(int connection, const Identity &peer);
   /* Requests that wait end soon. */
   void stop() { stopping_ = true; }
 

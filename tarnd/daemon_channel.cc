@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/daemon_channel.h"
 
+#include <linux/netlink.h>
 #include <sys/socket.h>
 
 // The header of glibc 2.36 forgets to say that these are C.
@@ -15,22 +16,25 @@ extern "C" {
 #include <cstdint>
 #include <cstring>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <fmt/format.h>
 
 #include "module/os_public/Include/ox_ctl.h"
 #include "module/os_public/Include/ox_msg.h"
 #include "tarnd/limited_warning.h"
 #include "tarnd/peer.h"
-#include "tarnd/unique_fd.h"
+#include "base/unique_fd.h"
 #include "ukern/door/uk_core.h"
 #include "ukern/door/uk_net.h"
 
 namespace tarnd {
 
-static constexpr int kUnit = 29;
+using tarn::Result;
+using tarn::UniqueFd;
+
 // Longer than any message: the largest that the kernel takes is bounded by a socket's send buffer.
 static constexpr size_t kPacketMax = 256 * 1024;
 static constexpr unsigned kReceiveWaitMs = 60'000;
@@ -48,14 +52,17 @@ namespace {
 
 class NetlinkSocket {
  public:
-  NetlinkSocket() {
-    if (const int err = uk_nl_open(kUnit, 0, kQueueBytes, &sock_); err != 0)
-      throw std::runtime_error(std::string("netlink socket: ") + std::strerror(-err));
+  NetlinkSocket() = default;
+  ~NetlinkSocket() {
+    if (sock_) uk_nl_close(sock_);
   }
-  ~NetlinkSocket() { uk_nl_close(sock_); }
   NetlinkSocket(const NetlinkSocket &) = delete;
   NetlinkSocket &operator=(const NetlinkSocket &) = delete;
 
+  Result<void> open() {
+    const int err = uk_nl_open(OX_NETLINK_UNIT, 0, kQueueBytes, &sock_);
+    return err == 0 ? Result<void>() : tarn::system_error(-err, "netlink socket");
+  }
   uk_nlsock *get() const { return sock_; }
 
  private:
@@ -72,17 +79,10 @@ static int deliver_signal(void *arg, int signal) {
 
 namespace {
 
-struct MessageHead {
-  uint32_t length;
-  uint16_t type;
-  uint16_t flags;
-  uint32_t seq;
-  uint32_t pid;
-};
-static_assert(sizeof(MessageHead) == OX_NLMSG_HDRLEN);
+static_assert(sizeof(nlmsghdr) == OX_NLMSG_HDRLEN);
 
-MessageHead head_of(const void *message) {
-  MessageHead head;
+nlmsghdr head_of(const void *message) {
+  nlmsghdr head;
   std::memcpy(&head, message, sizeof(head));
   return head;
 }
@@ -145,14 +145,14 @@ class Batch {
   /* Without what fills the buffer of a page up, but up to where the next message may begin. */
   void add_to_company(const uk_nl_lent &message) {
     size_t n = message.len;
-    if (n >= sizeof(MessageHead))
-      n = std::clamp<size_t>(head_of(message.data).length, sizeof(MessageHead), n);
-    const size_t padding = (kAlign - n % kAlign) % kAlign;
+    if (n >= sizeof(nlmsghdr))
+      n = std::clamp<size_t>(head_of(message.data).nlmsg_len, sizeof(nlmsghdr), n);
+    const size_t padding = NLMSG_ALIGN(n) - n;
     if (packets_ != 0 && packet_bytes_ + n + padding <= OX_CTL_DAEMON_PACKET_MAX)
       add_part(message.data, n);
     else
       add_alone(message, n);
-    static constexpr char kPadding[kAlign] = {};
+    static constexpr char kPadding[NLMSG_ALIGNTO] = {};
     if (padding != 0) add_part(kPadding, padding);
   }
 
@@ -162,8 +162,6 @@ class Batch {
     headers_[packets_ - 1].msg_hdr.msg_iovlen++;
     packet_bytes_ += n;
   }
-
-  static constexpr size_t kAlign = 4;
 
   uk_nlsock *const sock_;
   size_t messages_ = 0, packets_ = 0, parts_used_ = 0;
@@ -195,8 +193,8 @@ static void pump_to_peer(uk_nlsock *sock, int connection, const std::atomic<bool
 }
 
 // A hello says what kind of packets the daemon wants.
-static void note_hello(const MessageHead &head, std::atomic<bool> *several) {
-  if (head.type == OX_NL_HELO) *several = (head.flags & OX_CTL_HELO_SEVERAL) != 0;
+static void note_hello(const nlmsghdr &head, std::atomic<bool> *several) {
+  if (head.nlmsg_type == OX_NL_HELO) *several = (head.nlmsg_flags & OX_CTL_HELO_SEVERAL) != 0;
 }
 
 // The peer's messages, until it hangs up. The calling thread acts as the peer.
@@ -206,14 +204,14 @@ static void pump_to_kernel(int connection, uk_nlsock *sock, std::atomic<bool> *s
     const ssize_t n = recv(connection, packet.data(), packet.size(), MSG_TRUNC);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return;
-    if (static_cast<size_t>(n) >= sizeof(MessageHead)) note_hello(head_of(packet.data()), several);
+    if (static_cast<size_t>(n) >= sizeof(nlmsghdr)) note_hello(head_of(packet.data()), several);
     const long sent = static_cast<size_t>(n) > packet.size()
                           ? -EMSGSIZE
                           : uk_nl_send(sock, packet.data(), static_cast<size_t>(n));
     if (sent < 0) {
       static LimitedWarning not_taken;
-      not_taken.print("a message of " + std::to_string(n) +
-                      " bytes was not taken: " + std::strerror(static_cast<int>(-sent)));
+      const std::string what = fmt::format("a message of {} bytes was not taken", n);
+      not_taken.print(tarn::system_error(static_cast<int>(-sent), what).text);
     }
   }
 }
@@ -233,25 +231,33 @@ static void drop_messages(int connection) {
     n = recv(connection, &first, sizeof(first), 0);
 }
 
-void serve_daemon_channel(int connection) {
-  const Identity peer = peer_identity(connection);
-  if (!is_privileged(peer)) return drop_messages(connection);
+// Between a privileged peer and the kernel, until the peer hangs up.
+static Result<void> serve_daemon(int connection, const Task &task) {
+  const ActAs act(task);
+  NetlinkSocket sock;
+  if (auto opened = sock.open(); !opened) return opened;
+  widen(connection);
+  std::atomic<bool> several = false;
+  std::thread to_peer(pump_to_peer, sock.get(), connection, &several);
+  pump_to_kernel(connection, sock.get(), &several);
+  // The other pump ends with what has been sent until now, or with the peer.
+  uk_nl_shutdown(sock.get());
+  to_peer.join();
+  return {};
+}
+
+Result<void> serve_daemon_channel(int connection, const Identity &peer) {
+  if (!is_privileged(peer)) {
+    drop_messages(connection);
+    return {};
+  }
   // Taken now: the number may belong to another process when a signal is due.
   UniqueFd process(pidfd_open(peer.pid, 0));
   const Task task(peer);
   uk_task_set_signal_handler(task.get(), deliver_signal, &process);
-  {
-    const ActAs act(task);
-    const NetlinkSocket sock;
-    widen(connection);
-    std::atomic<bool> several = false;
-    std::thread to_peer(pump_to_peer, sock.get(), connection, &several);
-    pump_to_kernel(connection, sock.get(), &several);
-    // The other pump ends with what has been sent until now, or with the peer.
-    uk_nl_shutdown(sock.get());
-    to_peer.join();
-  }
+  auto served = serve_daemon(connection, task);
   uk_task_set_signal_handler(task.get(), nullptr, nullptr);
+  return served;
 }
 
 }  // namespace tarnd

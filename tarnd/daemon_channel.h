@@ -12,11 +12,15 @@
 #ifndef TARND_DAEMON_CHANNEL_H
 #define TARND_DAEMON_CHANNEL_H
 
+#include "base/result.h"
+#include "tarnd/task.h"
+
 namespace tarnd {
 
 /* Until the peer hangs up or the connection is shut down; when that is for reading only, the peer
- * still gets what was sent to it before. Any number of connections at once. */
-void serve_daemon_channel(int connection);
+ * still gets what was sent to it before. Any number of connections at once. Error: that of making
+ * the peer's netlink socket. */
+tarn::Result<void> serve_daemon_channel(int connection, const Identity &peer);
 
 }  // namespace tarnd
 

@@ -13,15 +13,20 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <set>
-#include <stdexcept>
 #include <vector>
 
-#include "tarnd/host_mounts.h"
+#include <fmt/format.h>
+
+#include "base/mount_table.h"
+#include "base/print_error.h"
 
 namespace tarnd {
+
+using tarn::Result;
+using tarn::system_error;
+using tarn::UniqueFd;
 
 static constexpr char kWatch = '+';
 static constexpr char kForget = '-';
@@ -52,8 +57,8 @@ int unmount_host(const std::string &mountpoint, Detach how) {
 
 bool is_tarn_mount(const std::string &mountpoint) {
   bool ours = false;
-  for (const HostMount &mount : host_mounts())
-    if (mount.place == mountpoint) ours = mount.type == "fuse.tarn";
+  for (const tarn::MountEntry &mount : tarn::mount_table())
+    if (mount.mountpoint == mountpoint) ours = mount.type == "fuse.tarn";
   return ours;
 }
 
@@ -88,15 +93,15 @@ bool is_dead_tarn_mount(const std::string &mountpoint) {
   std::_Exit(EXIT_SUCCESS);
 }
 
-Guardian::Guardian() {
+Result<std::unique_ptr<Guardian>> Guardian::start() {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
-    throw std::runtime_error(std::string("socketpair: ") + std::strerror(errno));
-  line_ = UniqueFd(ends[0]);
-  UniqueFd far(ends[1]);
-  pid_ = fork();
-  if (pid_ < 0) throw std::runtime_error(std::string("fork: ") + std::strerror(errno));
-  if (pid_ > 0) return;
+    return system_error(errno, "socketpair");
+  UniqueFd line(ends[0]);
+  const UniqueFd far(ends[1]);
+  const pid_t pid = fork();
+  if (pid < 0) return system_error(errno, "fork");
+  if (pid > 0) return std::unique_ptr<Guardian>(new Guardian(std::move(line), pid));
 
   // In a session of its own, for what ends a whole process group, a key of the terminal for one,
   // ends the program that it is there for.
@@ -118,13 +123,13 @@ void Guardian::tell(char what, const std::string &mountpoint) {
   const std::string text = what + mountpoint;
   while (send(line_.get(), text.data(), text.size(), MSG_NOSIGNAL) < 0) {
     if (errno == EINTR) continue;
-    const int err = errno;
-    if (told_that_it_is_gone_.exchange(true)) return;
-    std::fprintf(stderr,
-                 "tarnd: the guardian (process %d) does not listen any more: %s; should tarnd be "
-                 "killed, programs may wait on its mounts until 'umount -f' ends that; restart "
-                 "tarnd to have a guardian\n",
-                 static_cast<int>(pid_), std::strerror(err));
+    const tarn::Error error = system_error(
+        errno, fmt::format("tarnd: the guardian (process {}) does not listen any more", pid_));
+    if (loss_reported_.exchange(true)) return;
+    tarn::print_error(
+        "{}; should tarnd be killed, programs may wait on its mounts until 'umount -f' ends "
+        "that; restart tarnd to have a guardian\n",
+        error.text);
     return;
   }
 }

@@ -12,15 +12,18 @@
 #include <sys/types.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 
-#include "tarnd/unique_fd.h"
+#include "base/result.h"
+#include "base/unique_fd.h"
 
 namespace tarnd {
 
 class Guardian {
  public:
-  Guardian(); /* forks; std::runtime_error on failure */
+  /* Forks. */
+  static tarn::Result<std::unique_ptr<Guardian>> start();
   ~Guardian();
   Guardian(const Guardian &) = delete;
   Guardian &operator=(const Guardian &) = delete;
@@ -30,11 +33,12 @@ class Guardian {
   void forget(const std::string &mountpoint);
 
  private:
+  Guardian(tarn::UniqueFd line, pid_t pid) : line_(std::move(line)), pid_(pid) {}
   void tell(char what, const std::string &mountpoint);
 
-  UniqueFd line_;
-  pid_t pid_ = -1;
-  std::atomic<bool> told_that_it_is_gone_ = false;
+  tarn::UniqueFd line_;
+  const pid_t pid_;
+  std::atomic<bool> loss_reported_ = false;
 };
 
 enum class Detach { kOnlyIdle, kLazily };

@@ -5,14 +5,13 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <limits>
 #include <sstream>
-#include <stdexcept>
 #include <string>
 
-#include "ukern/door/uk_core.h"
+#include "base/print_error.h"
 #include "tarnd/task.h"
+#include "ukern/door/uk_core.h"
 
 namespace tarnd {
 
@@ -37,24 +36,20 @@ void install_panic_handler() {
   uk_set_panic_handler(panic);
 }
 
-static std::runtime_error failure(const char *what, int err) {
-  return std::runtime_error(std::string(what) + ": " + std::strerror(-err));
-}
-
-Kernel::Kernel() {
+tarn::Result<std::unique_ptr<Kernel>> Kernel::boot() {
   uk_boot_options options{};
   options.root_type = "hostfs";
   options.root_source = "/";
   options.cache_pages = kCachePages;
   options.max_files = std::numeric_limits<int>::max();  // descriptors are counted instead
-  if (const int err = uk_boot(&options); err != 0) throw failure("cannot start the kernel", err);
+  if (const int err = uk_boot(&options); err != 0)
+    return tarn::system_error(-err, "cannot start the kernel");
 
   const Task task(service_identity());
   const ActAs act(task);
-  if (const int err = uk_module_load(kModule); err != 0) {
-    throw failure("cannot load the module", err);
-  }
-  running_ = true;
+  if (const int err = uk_module_load(kModule); err != 0)
+    return tarn::system_error(-err, "cannot load the module");
+  return std::unique_ptr<Kernel>(new Kernel);
 }
 
 void Kernel::stop() {
@@ -64,10 +59,10 @@ void Kernel::stop() {
     const Task task(service_identity());
     const ActAs act(task);
     if (const int err = uk_module_unload(kModule); err != 0)
-      std::fprintf(stderr, "tarnd: cannot unload the module: %s\n", std::strerror(-err));
+      tarn::print_error("tarnd: {}\n", tarn::system_error(-err, "cannot unload the module").text);
   }
   if (const int complaints = uk_shutdown(); complaints != 0)
-    std::fprintf(stderr, "tarnd: the kernel left %d things behind\n", complaints);
+    tarn::print_error("tarnd: the kernel left {} things behind\n", complaints);
 }
 
 }  // namespace tarnd

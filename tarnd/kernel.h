@@ -6,11 +6,15 @@
 #ifndef TARND_KERNEL_H
 #define TARND_KERNEL_H
 
+#include <memory>
+
+#include "base/result.h"
+
 namespace tarnd {
 
 class Kernel {
  public:
-  Kernel(); /* std::runtime_error with a one-line text */
+  static tarn::Result<std::unique_ptr<Kernel>> boot();
   ~Kernel() { stop(); }
   Kernel(const Kernel &) = delete;
   Kernel &operator=(const Kernel &) = delete;
@@ -20,7 +24,9 @@ class Kernel {
   void stop();
 
  private:
-  bool running_ = false;
+  Kernel() = default;
+
+  bool running_ = true;
 };
 
 /* What a kernel panic does: the report goes to standard error and to the system log, then the

@@ -3,6 +3,11 @@
 
 #include <cstdio>
 
+#include <fmt/format.h>
+
+#include "base/print_error.h"
+#include "base/text.h"
+
 namespace tarnd {
 
 std::string LimitedWarning::line(const std::string &text, Clock::time_point now) {
@@ -16,31 +21,14 @@ std::string LimitedWarning::line(const std::string &text, Clock::time_point now)
     return {};
   }
   printed_++;
-  std::string line = "tarnd: " + printable(text);
-  if (held_back_ > 0) line += " (and " + std::to_string(held_back_) + " like it before)";
+  std::string line = "tarnd: " + tarn::escape_controls(text);
+  if (held_back_ > 0) line += fmt::format(" (and {} like it before)", held_back_);
   held_back_ = 0;
   return line + '\n';
 }
 
 void LimitedWarning::print(const std::string &text) {
-  std::fputs(line(text, Clock::now()).c_str(), stderr);
-}
-
-std::string printable(const std::string &text) {
-  std::string out;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '\\') {
-      out += "\\\\";
-    } else if (byte < 0x20 || byte == 0x7f) {
-      char octal[5];
-      std::snprintf(octal, sizeof(octal), "\\%03o", byte);
-      out += octal;
-    } else {
-      out += c;
-    }
-  }
-  return out;
+  tarn::print_error("{}", line(text, Clock::now()));
 }
 
 }  // namespace tarnd

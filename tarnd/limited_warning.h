@@ -31,9 +31,6 @@ class LimitedWarning {
   unsigned long held_back_ = 0;
 };
 
-/* The text with control characters as \ooo, and backslashes doubled. */
-std::string printable(const std::string &text);
-
 }  // namespace tarnd
 
 #endif

@@ -3,6 +3,7 @@
 
 #include <cstdio>
 
+#include "base/print_error.h"
 #include "ukern/door/uk_core.h"
 
 namespace tarnd {
@@ -23,7 +24,7 @@ void LogPrinter::print_lines() {
   uk_klog_line line;
   for (unsigned long long next = 0;;) {
     if (uk_klog_read(next, kWaitMs, &line, text, sizeof(text))) {
-      std::fprintf(stderr, "<%u>%s\n", line.level, text);
+      tarn::print_error("<{}>{}\n", line.level, text);
       next = line.number + 1;
     } else if (stopping_) {
       return;

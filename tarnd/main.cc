@@ -1,16 +1,23 @@
 // SPDX-License-Identifier: GPL-2.0
 // tarnd: a kernel with the tarn module in a process, its mounts and its channels.
 
-#include <getopt.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
+#include <iostream>
+#include <optional>
 #include <string>
 
+#include <CLI/CLI.hpp>
+#include "base/print_error.h"
+#include "base/run_dir.h"
+#include "base/standard_fds.h"
+#include "base/version.h"
 #include "module/os_public/Include/ox_ctl.h"
 #include "tarnd/background.h"
 #include "tarnd/control.h"
@@ -25,66 +32,59 @@
 namespace tarnd {
 namespace {
 
+using tarn::Error;
+using tarn::Result;
+
+constexpr char kAbout[] =
+    "tarnd runs the tarn module in a kernel of its own. Mounts are added and removed with\n"
+    "'tarn mount' and 'tarn umount', which also start this program when it does not run.";
+
+constexpr char kEnd[] = "SIGTERM, SIGINT and SIGHUP unmount everything and end it.";
+
 struct Options {
   bool foreground = false;
-  std::filesystem::path run_dir = default_run_dir();
+  std::string run_dir = tarn::run_directory();
 };
 
-constexpr char kUsage[] =
-    "Usage: tarnd [--foreground] [--run-dir DIR]\n"
-    "\n"
-    "Runs the tarn module in a kernel of its own. Mounts are added and removed with\n"
-    "'tarn mount' and 'tarn umount', which also start this program when it does not run.\n"
-    "\n"
-    "  -f, --foreground   stay in the foreground and print the kernel log\n"
-    "  -r, --run-dir DIR  directory of the sockets; default: $TARN_RUN_DIR, /run/tarn for\n"
-    "                     root, $XDG_RUNTIME_DIR/tarn for others, else /tmp/tarn-UID\n"
-    "  -h, --help         print this text\n"
-    "  -V, --version      print the version\n"
-    "\n"
-    "SIGTERM, SIGINT and SIGHUP unmount everything and end it.\n";
-
-[[noreturn]] void wrong_usage(const std::string &what) {
-  std::fprintf(stderr, "tarnd: %s: 'tarnd --help' shows what can be typed\n", what.c_str());
-  std::exit(EXIT_FAILURE);
+int fail(const Error &error) {
+  tarn::print_error("tarnd: {}\n", error.text);
+  return EXIT_FAILURE;
 }
 
-// What the option parser has just refused: a letter, or the long name that has none.
-std::string refused(char **argv) {
-  return optopt != 0 ? std::string("-") + static_cast<char>(optopt) : argv[optind - 1];
+std::string what_is_wrong(const CLI::App &app, const CLI::ParseError &error) {
+  const auto unknown = app.remaining();
+  if (!unknown.empty())
+    return (unknown.front().starts_with('-') ? "wrong option " : "unexpected argument ") +
+           unknown.front();
+  if (dynamic_cast<const CLI::ArgumentMismatch *>(&error)) return "-r needs a directory";
+  return error.what();
 }
 
-Options parse_options(int argc, char **argv) {
-  static const option long_options[] = {{"foreground", no_argument, nullptr, 'f'},
-                                        {"run-dir", required_argument, nullptr, 'r'},
-                                        {"help", no_argument, nullptr, 'h'},
-                                        {"version", no_argument, nullptr, 'V'},
-                                        {nullptr, 0, nullptr, 0}};
+/* Nothing: the exit status says it all. */
+std::optional<Options> parse_options(int argc, char **argv, int *status) {
   Options options;
-  opterr = 0;
-  for (int c; (c = getopt_long(argc, argv, ":fr:hV", long_options, nullptr)) != -1;) {
-    switch (c) {
-      case 'f':
-        options.foreground = true;
-        break;
-      case 'r':
-        if (*optarg == '\0') wrong_usage("the run directory has no name");
-        options.run_dir = optarg;
-        break;
-      case 'h':
-        std::fputs(kUsage, stdout);
-        std::exit(EXIT_SUCCESS);
-      case 'V':
-        std::puts("tarnd " TARN_VERSION);
-        std::exit(EXIT_SUCCESS);
-      case ':':
-        wrong_usage(refused(argv) + " needs a directory");
-      default:
-        wrong_usage("wrong option " + refused(argv));
-    }
+  CLI::App app(kAbout, "tarnd");
+  app.footer(kEnd);
+  app.set_version_flag("-V,--version", std::string("tarnd ") + tarn::kVersion);
+  app.add_flag("-f,--foreground", options.foreground,
+               "Stay in the foreground and print the kernel log");
+  app.add_option("-r,--run-dir", options.run_dir,
+                 "Directory of the sockets; default: $TARN_RUN_DIR, /run/tarn for root, "
+                 "$XDG_RUNTIME_DIR/tarn for others, else /tmp/tarn-UID")
+      ->type_name("DIR")
+      ->check([](const std::string &name) {
+        return std::string(name.empty() ? "the run directory has no name" : "");
+      });
+  try {
+    app.parse(argc, argv);
+    return options;
+  } catch (const CLI::ParseError &error) {
+    *status = error.get_exit_code() == 0
+                  ? app.exit(error)
+                  : fail({-EINVAL,
+                          what_is_wrong(app, error) + ": 'tarnd --help' shows what can be typed"});
+    return std::nullopt;
   }
-  if (optind < argc) wrong_usage(std::string("unexpected argument ") + argv[optind]);
-  return options;
 }
 
 sigset_t ending_signals() {
@@ -95,19 +95,27 @@ sigset_t ending_signals() {
 }
 
 // From the first thread to the last.
-void run(const RunDir &run_dir, Guardian *guardian, bool print_log, Starter *starter) {
+Result<void> run(const RunDir &run_dir, Guardian *guardian, bool print_log, Starter *starter) {
   install_panic_handler();
-  Kernel kernel;
+  auto kernel = Kernel::boot();
+  if (!kernel) return kernel.error();
   {
     LogPrinter log;
     if (print_log) log.start();
     MountTable mounts(guardian);
     Control control(&mounts);
-    Server controls(run_dir.listen(OX_CTL_SOCKET), [&](int fd) { control.serve(fd); });
-    Server daemons(run_dir.listen(OX_CTL_DAEMON_SOCKET), serve_daemon_channel);
+    auto control_socket = run_dir.listen(OX_CTL_SOCKET);
+    if (!control_socket) return control_socket.error();
+    auto daemon_socket = run_dir.listen(OX_CTL_DAEMON_SOCKET);
+    if (!daemon_socket) return daemon_socket.error();
+    Server controls(std::move(*control_socket), [&](int connection, const Identity &peer) {
+      control.serve(connection, peer);
+      return Result<void>();
+    });
+    Server daemons(std::move(*daemon_socket), serve_daemon_channel);
     controls.start();
     daemons.start();
-    run_dir.write_pid_file();
+    if (auto written = run_dir.write_pid_file(); !written) return written;
     starter->ready();
 
     const sigset_t signals = ending_signals();
@@ -123,36 +131,56 @@ void run(const RunDir &run_dir, Guardian *guardian, bool print_log, Starter *sta
     daemons.stop();
     run_dir.clean();
   }
-  kernel.stop();
+  (*kernel)->stop();
+  return {};
+}
+
+Result<void> start(Options options, Starter *starter) {
+  std::error_code error;
+  options.run_dir = std::filesystem::absolute(options.run_dir, error).string();
+  if (error) return tarn::system_error(error.value(), "the run directory");
+  if (!options.foreground) close_inherited_descriptors();
+  const auto run_dir = RunDir::open(options.run_dir);
+  if (!run_dir) return run_dir.error();
+  if (!options.foreground) {
+    auto background = go_to_background(run_dir->file("tarnd.log"));
+    if (!background) return background.error();
+    *starter = std::move(*background);
+  }
+  const auto guardian = Guardian::start();
+  if (!guardian) return guardian.error();
+  // Every thread inherits this mask; only the main one takes these signals, when it waits for them.
+  const sigset_t signals = ending_signals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  return run(*run_dir, guardian->get(), options.foreground, starter);
+}
+
+/* The same where the standard library throws: without memory or threads. */
+Result<void> start_or_fail(const Options &options, Starter *starter) {
+  try {
+    return start(options, starter);
+  } catch (const std::exception &e) {
+    return Error{-ENOMEM, e.what()};
+  }
 }
 
 }  // namespace
 }  // namespace tarnd
 
 int main(int argc, char **argv) {
-  tarnd::hold_standard_descriptors();
-  tarnd::Options options = tarnd::parse_options(argc, argv);
+  tarn::hold_standard_descriptors();
+  int status = EXIT_SUCCESS;
+  const auto options = tarnd::parse_options(argc, argv, &status);
+  if (!options) return status;
   // Modes come from callers whose own masks have been applied.
   umask(0);
   std::signal(SIGPIPE, SIG_IGN);
   // Ignored, as the starter may have left it, it would hide how helpers end.
   std::signal(SIGCHLD, SIG_DFL);
   tarnd::Starter starter;
-  try {
-    options.run_dir = std::filesystem::absolute(options.run_dir);
-    if (!options.foreground) tarnd::close_inherited_descriptors();
-    const tarnd::RunDir run_dir(options.run_dir);
-    if (!options.foreground) starter = tarnd::go_to_background(run_dir.file("tarnd.log"));
-    tarnd::Guardian guardian;
-    // Every thread inherits this mask; only the main one takes these signals, when it waits for
-    // them.
-    const sigset_t signals = tarnd::ending_signals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    tarnd::run(run_dir, &guardian, options.foreground, &starter);
-  } catch (const std::exception &e) {
-    std::fprintf(stderr, "tarnd: %s\n", e.what());
-    starter.failed(e.what());
-    return EXIT_FAILURE;
+  if (auto run = tarnd::start_or_fail(*options, &starter); !run) {
+    starter.failed(run.error().text);
+    return tarnd::fail(run.error());
   }
   return EXIT_SUCCESS;
 }

@@ -11,11 +11,17 @@
 #include <cstring>
 #include <filesystem>
 
+#include "base/mount_table.h"
+#include "base/print_error.h"
 #include "tarnd/fuse_ops.h"
-#include "tarnd/host_mounts.h"
 #include "tarnd/task.h"
 
 namespace tarnd {
+
+using tarn::Error;
+using tarn::Result;
+using tarn::system_error;
+using tarn::UniqueFd;
 
 static constexpr char kType[] = "tarn";
 static constexpr int kDetach = 2;  // MNT_DETACH of umount2
@@ -29,7 +35,7 @@ static void keep_fuse_message(fuse_log_level, const char *format, va_list args) 
   last_fuse_message = text;
   while (!last_fuse_message.empty() && last_fuse_message.back() == '\n')
     last_fuse_message.pop_back();
-  std::fprintf(stderr, "%s\n", last_fuse_message.c_str());
+  tarn::print_error("{}\n", last_fuse_message);
 }
 
 // Users other than root mount through a helper, which says why it does not on our standard error.
@@ -40,7 +46,7 @@ static std::string mount_failure(int err) {
                           "a tarnd in the foreground";
 }
 
-static void require_directory(const char *what, const std::string &path) {
+static Result<void> require_directory(const std::string &what, const std::string &path) {
   struct stat st;
   int err = 0;
   if (stat(path.c_str(), &st) != 0) {
@@ -48,39 +54,39 @@ static void require_directory(const char *what, const std::string &path) {
   } else if (!S_ISDIR(st.st_mode)) {
     err = ENOTDIR;
   }
-  if (err) throw MountError(-err, std::string(what) + " " + path + ": " + std::strerror(err));
+  return err ? system_error(err, what + " " + path) : Result<void>();
 }
 
-Mount::Mount(std::string lower, std::string mountpoint, Guardian *guardian)
-    : lower_(std::move(lower)), mountpoint_(std::move(mountpoint)), guardian_(guardian) {
-  take_over();
-  require_directory("lower directory", lower_);
-  require_directory("mount point", mountpoint_);
-  mount_kernel();
-  try {
-    mount_host();
-  } catch (...) {
-    close_session();
-    unmount_kernel();
-    throw;
-  }
+Result<std::unique_ptr<Mount>> Mount::make(const std::string &lower, const std::string &mountpoint,
+                                           Guardian *guardian) {
+  std::unique_ptr<Mount> mount(new Mount(lower, mountpoint, guardian));
+  if (auto started = mount->start(); !started) return started.error();
+  return mount;
+}
+
+Result<void> Mount::start() {
+  if (auto taken = take_over(); !taken) return taken;
+  if (auto lower = require_directory("lower directory", lower_); !lower) return lower;
+  if (auto place = require_directory("mount point", mountpoint_); !place) return place;
+  if (auto below = mount_kernel(); !below) return below;
+  return mount_host();
 }
 
 // What a killed tarnd has left in that place refuses everything; it goes only for the next mount.
-void Mount::take_over() {
-  if (!is_dead_tarn_mount(mountpoint_)) return;
+Result<void> Mount::take_over() {
+  if (!is_dead_tarn_mount(mountpoint_)) return {};
   if (const int err = unmount_host(mountpoint_, Detach::kLazily); err != 0)
-    throw MountError(err, "cannot take away what a killed tarnd has left on " + mountpoint_ + ": " +
-                              std::strerror(-err));
+    return system_error(-err, "cannot take away what a killed tarnd has left on " + mountpoint_);
+  return {};
 }
 
 void Mount::end() {
-  forgetter_->stop();
+  if (forgetter_) forgetter_->stop();
   close_session();
   unmount_kernel();
 }
 
-void Mount::mount_kernel() {
+Result<void> Mount::mount_kernel() {
   const Task task(service_identity());
   const ActAs act(task);
   int err = uk_fs_mount(lower_.c_str(), mountpoint_.c_str(), kType, 0, nullptr);
@@ -88,10 +94,8 @@ void Mount::mount_kernel() {
     err = uk_node_at(mountpoint_.c_str(), &root_);
     if (err) uk_fs_umount(mountpoint_.c_str(), kDetach);
   }
-  if (err) {
-    throw MountError(err,
-                     "cannot mount " + lower_ + " on " + mountpoint_ + ": " + std::strerror(-err));
-  }
+  if (err) return system_error(-err, "cannot mount " + lower_ + " on " + mountpoint_);
+  return {};
 }
 
 void Mount::unmount_kernel() {
@@ -111,8 +115,7 @@ void Mount::unmount_kernel() {
   // Another mount whose lower directory is in here keeps it in use; it goes with that one.
   if (err == -EBUSY) err = uk_fs_umount(mountpoint_.c_str(), kDetach);
   if (err)
-    std::fprintf(stderr, "tarnd: %s is not unmounted: %s\n", mountpoint_.c_str(),
-                 std::strerror(-err));
+    tarn::print_error("tarnd: {}\n", system_error(-err, mountpoint_ + " is not unmounted").text);
 }
 
 namespace {
@@ -146,66 +149,73 @@ static std::string escaped(const std::string &value) {
   return out;
 }
 
-// Whether a file system that is mounted inside the directory forbids it.
-static bool forbidden_inside(const std::string &directory, const std::string &option) {
-  std::error_code error;
-  std::string inside = std::filesystem::canonical(directory, error).string();
-  if (error)
-    throw MountError(-error.value(), "lower directory " + directory + ": " + error.message());
+// Whether a file system that is mounted inside the directory, whose path has no links, forbids it.
+static bool forbidden_inside(std::string inside, const std::string &option) {
   if (inside != "/") inside += '/';
-  for (const HostMount &mount : host_mounts())
-    if (mount.place.starts_with(inside) && mount.has(option)) return true;
+  for (const tarn::MountEntry &mount : tarn::mount_table())
+    if (mount.mountpoint.starts_with(inside) && mount.has_option(option)) return true;
   return false;
 }
 
 // What a mount may forbid for all that is below it: that of the lower directory does here as well.
 // One mounted inside it shows through ours, which can forbid set-user-id programs and devices for
 // all or none: it is as strict as the strictest. Users other than root get both forbidden anyway.
-static std::string forbidden_below(const std::string &lower) {
+static Result<std::string> forbidden_below(const std::string &lower) {
   struct statvfs st;
-  if (statvfs(lower.c_str(), &st) != 0)
-    throw MountError(-errno, "lower directory " + lower + ": " + std::strerror(errno));
-  std::string options = st.f_flag & ST_NOEXEC ? ",noexec" : "";
+  if (statvfs(lower.c_str(), &st) != 0) return system_error(errno, "lower directory " + lower);
+  const std::string options = st.f_flag & ST_NOEXEC ? ",noexec" : "";
   if (geteuid() != 0) return options;
-  const bool no_suid = (st.f_flag & ST_NOSUID) || forbidden_inside(lower, "nosuid");
-  const bool no_dev = (st.f_flag & ST_NODEV) || forbidden_inside(lower, "nodev");
+  std::error_code error;
+  const std::string whole = std::filesystem::canonical(lower, error).string();
+  if (error) return system_error(error.value(), "lower directory " + lower);
+  const bool no_suid = (st.f_flag & ST_NOSUID) || forbidden_inside(whole, "nosuid");
+  const bool no_dev = (st.f_flag & ST_NODEV) || forbidden_inside(whole, "nodev");
   return options + (no_suid ? ",nosuid" : ",suid") + (no_dev ? ",nodev" : ",dev");
 }
 
 // A descriptor of which poll says that the other end has gone.
-static UniqueFd pipe_without_reader() {
+static Result<UniqueFd> pipe_without_reader() {
   int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0)
-    throw MountError(-errno, std::string("cannot make a pipe: ") + std::strerror(errno));
+  if (pipe2(ends, O_CLOEXEC) != 0) return system_error(errno, "cannot make a pipe");
   close(ends[0]);
   return UniqueFd(ends[1]);
 }
 
-void Mount::mount_host() {
-  ended_ = pipe_without_reader();
+Result<void> Mount::mount_host() {
+  auto ended = pipe_without_reader();
+  if (!ended) return ended.error();
+  ended_ = std::move(*ended);
+  if (auto mounted = mount_session(); !mounted) return mounted;
+  if (const int err = interpose_session_io(session_); err != 0)
+    return system_error(-err, "cannot serve " + mountpoint_);
+  loop_ = std::make_unique<SessionLoop>(session_);
+  forgetter_ = std::make_unique<Forgetter>(this);
+  return {};
+}
+
+Result<void> Mount::mount_session() {
+  const auto forbidden = forbidden_below(lower_);
+  if (!forbidden) return forbidden.error();
   fuse_set_log_func(keep_fuse_message);
   Arguments args;
   args.add("-ofsname=" + escaped(lower_));
   args.add(std::string("-osubtype=") + kType);
   // The host asks nobody who opens a FIFO, a socket or a device unless it is told to check by
   // itself.
-  args.add("-odefault_permissions" + forbidden_below(lower_));
+  args.add("-odefault_permissions" + *forbidden);
   // Users other than the one that runs this program are root's to let in.
   if (geteuid() == 0) args.add("-oallow_other");
 
   last_fuse_message.clear();
   session_ = fuse_session_new(args.get(), &fuse_operations(), sizeof(fuse_lowlevel_ops), this);
-  if (!session_) throw MountError(-EINVAL, "cannot create a session: " + last_fuse_message);
+  if (!session_) return Error{-EINVAL, "cannot create a session: " + last_fuse_message};
   guardian_->watch(mountpoint_);
   if (fuse_session_mount(session_, mountpoint_.c_str()) != 0) {
     const int err = errno ? errno : EIO;
     detached_ = true;
-    throw MountError(-err, "cannot mount on " + mountpoint_ + ": " + mount_failure(err));
+    return Error{-err, "cannot mount on " + mountpoint_ + ": " + mount_failure(err)};
   }
-  if (const int err = interpose_session_io(session_); err != 0)
-    throw MountError(err, "cannot serve " + mountpoint_ + ": " + std::strerror(-err));
-  loop_ = std::make_unique<SessionLoop>(session_);
-  forgetter_ = std::make_unique<Forgetter>(this);
+  return {};
 }
 
 void Mount::stop() {

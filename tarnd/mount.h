@@ -12,40 +12,27 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "base/result.h"
+#include "base/unique_fd.h"
 #include "tarnd/fuse_api.h"
 #include "tarnd/forgetter.h"
 #include "tarnd/guardian.h"
 #include "tarnd/holdings.h"
 #include "tarnd/session_io.h"
 #include "tarnd/session_loop.h"
-#include "tarnd/unique_fd.h"
 #include "ukern/door/uk_fs.h"
 
 namespace tarnd {
 
-/* An error number, 0 or -errno, and one line that says what failed. */
-struct Failure {
-  int err = 0;
-  std::string text;
-};
-
-class MountError : public std::runtime_error {
- public:
-  MountError(int err, const std::string &text) : std::runtime_error(text), err_(err) {}
-  int err() const { return err_; }
-
- private:
-  int err_;
-};
-
 class Mount {
  public:
-  /* Mounts on both sides. MountError, with nothing left behind, when one refuses. */
-  Mount(std::string lower, std::string mountpoint, Guardian *guardian);
+  /* Mounts on both sides; when one refuses, nothing is left behind. */
+  static tarn::Result<std::unique_ptr<Mount>> make(const std::string &lower,
+                                                   const std::string &mountpoint,
+                                                   Guardian *guardian);
   ~Mount() { end(); }
   Mount(const Mount &) = delete;
   Mount &operator=(const Mount &) = delete;
@@ -55,8 +42,8 @@ class Mount {
   /* Serves requests until the host's mount is gone and unused, or stop() was called. */
   void serve() { loop_->run(); }
   void stop();
-  /* After serve(): closes what the host had open, takes its mount down if it is still up, then the
-   * kernel's. */
+  /* After serve(), if the mount got so far: closes what the host had open, takes its mount down if
+   * it is still up, then the kernel's. */
   void end();
   /* The host's mount point is not ours any more, though the mount may still be in use. */
   void set_detached() { detached_ = true; }
@@ -69,10 +56,14 @@ class Mount {
   fuse_session *session() const { return session_; }
 
  private:
-  void take_over();
-  void mount_kernel();
+  Mount(const std::string &lower, const std::string &mountpoint, Guardian *guardian)
+      : lower_(lower), mountpoint_(mountpoint), guardian_(guardian) {}
+  tarn::Result<void> start();
+  tarn::Result<void> take_over();
+  tarn::Result<void> mount_kernel();
   void unmount_kernel();
-  void mount_host();
+  tarn::Result<void> mount_host();
+  tarn::Result<void> mount_session();
   void close_session();
   bool end_connection(int fuse_fd);
 
@@ -83,7 +74,7 @@ class Mount {
   Holdings holdings_;
   SessionIo session_io_;
   fuse_session *session_ = nullptr;
-  UniqueFd ended_;  // what end_connection() needs: there may be no descriptor left then
+  tarn::UniqueFd ended_;  // what end_connection() needs: there may be no descriptor left then
   std::unique_ptr<SessionLoop> loop_;
   std::unique_ptr<Forgetter> forgetter_;
   std::atomic<bool> detached_ = false;
@@ -97,15 +88,15 @@ class MountTable {
   MountTable &operator=(const MountTable &) = delete;
 
   /* Both paths absolute. */
-  Failure mount(const std::string &lower, const std::string &mountpoint);
+  tarn::Result<void> mount(const std::string &lower, const std::string &mountpoint);
   /* Not lazily: returns when the mount is gone on both sides. */
-  Failure unmount(const std::string &mountpoint, Detach how);
+  tarn::Result<void> unmount(const std::string &mountpoint, Detach how);
   /* Unmounts everything, busy or not, and returns when it is gone. No mount is added after it. */
   void unmount_all();
 
  private:
   void serve(Mount *mount);
-  Failure wait_for_place(const std::string &place);
+  tarn::Result<void> wait_for_place(const std::string &place);
   Mount *find_locked(const std::string &mountpoint) const;
 
   Guardian *const guardian_;

@@ -2,14 +2,17 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <thread>
 
+#include "base/print_error.h"
 #include "tarnd/mount.h"
 
 namespace tarnd {
+
+using tarn::Error;
+using tarn::Result;
+using tarn::system_error;
 
 // An unmount that has succeeded on the host leaves little to do here.
 static constexpr std::chrono::seconds kUnmountLimit{60};
@@ -24,10 +27,6 @@ static std::string normal(const std::string &path) {
   return text;
 }
 
-static Failure failure(int err, const std::string &what) {
-  return {err, what + ": " + std::strerror(-err)};
-}
-
 Mount *MountTable::find_locked(const std::string &mountpoint) const {
   for (const auto &mount : mounts_)
     if (mount->mountpoint() == mountpoint) return mount.get();
@@ -36,36 +35,36 @@ Mount *MountTable::find_locked(const std::string &mountpoint) const {
 
 // A mount that the host has taken away, whoever asked it to, is here until everything is given
 // back.
-Failure MountTable::wait_for_place(const std::string &place) {
+Result<void> MountTable::wait_for_place(const std::string &place) {
   const bool on_host = is_tarn_mount(place);
   std::unique_lock lock(mutex_);
-  if (closed_) return failure(-ESHUTDOWN, "cannot mount on " + place);
+  if (closed_) return system_error(ESHUTDOWN, "cannot mount on " + place);
   if (!find_locked(place)) return {};
-  if (on_host) return failure(-EBUSY, place + " is mounted already");
+  if (on_host) return system_error(EBUSY, place + " is mounted already");
   if (!changed_.wait_for(lock, kPlaceLimit, [&] { return closed_ || !find_locked(place); }))
-    return failure(-EBUSY, place + " is unmounted, but programs still use what was mounted there");
-  return closed_ ? failure(-ESHUTDOWN, "cannot mount on " + place) : Failure{};
+    return system_error(EBUSY,
+                        place + " is unmounted, but programs still use what was mounted there");
+  return closed_ ? system_error(ESHUTDOWN, "cannot mount on " + place) : Result<void>();
 }
 
-Failure MountTable::mount(const std::string &lower, const std::string &mountpoint) {
+Result<void> MountTable::mount(const std::string &lower, const std::string &mountpoint) {
   const std::string place = normal(mountpoint);
   const std::lock_guard one_at_a_time(mounting_);
-  if (Failure taken = wait_for_place(place); taken.err != 0) return taken;
+  if (auto taken = wait_for_place(place); !taken) return taken;
   try {
-    auto mount = std::make_unique<Mount>(normal(lower), place, guardian_);
+    auto mount = Mount::make(normal(lower), place, guardian_);
+    if (!mount) return mount.error();
     const std::lock_guard lock(mutex_);
-    Mount *added = mount.get();
-    mounts_.push_back(std::move(mount));
+    Mount *added = mount->get();
+    mounts_.push_back(std::move(*mount));
     try {
       std::thread([this, added] { serve(added); }).detach();
     } catch (...) {
       mounts_.pop_back();
       throw;
     }
-  } catch (const MountError &e) {
-    return {e.err(), e.what()};
   } catch (const std::exception &e) {
-    return {-EAGAIN, e.what()};
+    return Error{-EAGAIN, e.what()};
   }
   return {};
 }
@@ -74,7 +73,7 @@ void MountTable::serve(Mount *mount) {
   try {
     mount->serve();
   } catch (const std::exception &e) {
-    std::fprintf(stderr, "tarnd: %s: %s\n", mount->mountpoint().c_str(), e.what());
+    tarn::print_error("tarnd: {}: {}\n", mount->mountpoint(), e.what());
   }
   // Not under the lock: giving everything back may take long. The table names the mount until then,
   // so that its place counts as taken and whoever waits for it goes on waiting.
@@ -84,7 +83,7 @@ void MountTable::serve(Mount *mount) {
   changed_.notify_all();
 }
 
-Failure MountTable::unmount(const std::string &mountpoint, Detach how) {
+Result<void> MountTable::unmount(const std::string &mountpoint, Detach how) {
   const std::string place = normal(mountpoint);
   std::unique_lock lock(mutex_);
   const Mount *mount = find_locked(place);
@@ -95,19 +94,19 @@ Failure MountTable::unmount(const std::string &mountpoint, Detach how) {
   if (!ours && is_dead_tarn_mount(place))
     how = Detach::kLazily;
   else if (!ours)
-    return failure(-EINVAL, place + " is not a mount of tarn");
+    return system_error(EINVAL, place + " is not a mount of tarn");
   const int err = unmount_host(place, how);
   lock.lock();
   if (err == -EBUSY && how == Detach::kOnlyIdle)
-    return failure(err, "cannot unmount " + place +
-                            ", which programs use: end them, or unmount it with --lazy");
-  if (err) return failure(err, "cannot unmount " + place);
+    return system_error(-err, "cannot unmount " + place +
+                                  ", which programs use: end them, or unmount it with --lazy");
+  if (err) return system_error(-err, "cannot unmount " + place);
   if (how == Detach::kLazily) {
     if (Mount *left = ours ? find_locked(place) : nullptr) left->set_detached();
     return {};
   }
   if (!changed_.wait_for(lock, kUnmountLimit, [&] { return !find_locked(place); }))
-    return failure(-ETIMEDOUT, place + " is unmounted, but its end is not reached");
+    return system_error(ETIMEDOUT, place + " is unmounted, but its end is not reached");
   return {};
 }
 

@@ -1,24 +1,20 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/peer.h"
 
-#include <sys/socket.h>
+#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
-#include <stdexcept>
+#include "base/run_dir.h"
 
 namespace tarnd {
 
-Identity peer_identity(int socket) {
-  ucred cred{};
-  socklen_t len = sizeof(cred);
-  if (getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &cred, &len) != 0)
-    throw std::runtime_error(std::string("SO_PEERCRED: ") + std::strerror(errno));
+tarn::Result<Identity> peer_identity(int socket) {
+  const auto credentials = tarn::peer_credentials(socket);
+  if (!credentials) return credentials.error();
   Identity peer;
-  peer.pid = cred.pid;
-  peer.uid = cred.uid;
-  peer.gid = cred.gid;
-  peer.capabilities = cred.uid == 0 || cred.uid == geteuid() ? kAllCapabilities : 0;
+  peer.pid = credentials->pid;
+  peer.uid = credentials->uid;
+  peer.gid = credentials->gid;
+  peer.capabilities = peer.uid == 0 || peer.uid == geteuid() ? kAllCapabilities : 0;
   return peer;
 }
 

@@ -3,16 +3,16 @@
 #ifndef TARND_PEER_H
 #define TARND_PEER_H
 
+#include "base/result.h"
 #include "tarnd/task.h"
-#include "tarnd/unique_fd.h"
 
 namespace tarnd {
 
 /*
  * The peer as SO_PEERCRED knows it from its connect: a privileged one (root, or the user that runs
- * tarnd) has every capability, others have none. std::runtime_error when the socket does not say.
+ * tarnd) has every capability, others have none.
  */
-Identity peer_identity(int socket);
+tarn::Result<Identity> peer_identity(int socket);
 
 inline bool is_privileged(const Identity &peer) {
   return peer.capabilities == kAllCapabilities;

@@ -1,32 +1,24 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/process_rights.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdlib>
 #include <new>
 
-#include "tarnd/unique_fd.h"
+#include <fmt/format.h>
+
+#include "base/text_file.h"
 
 namespace tarnd {
 
 // All of a file of /proc; empty when there is none, or none any more. Who cannot be looked at for
 // want of descriptors is not somebody without rights.
 static std::string read_proc(const std::string &path) {
-  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd && (errno == EMFILE || errno == ENFILE || errno == ENOMEM)) throw std::bad_alloc();
-  if (!fd) return {};
-  std::string text;
-  char part[2048];
-  for (;;) {
-    const ssize_t n = read(fd.get(), part, sizeof(part));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) return {};
-    if (n == 0) return text;
-    text.append(part, static_cast<size_t>(n));
-  }
+  auto text = tarn::read_text(path, path);
+  if (text) return std::move(*text);
+  const int err = -text.error().code;
+  if (err == EMFILE || err == ENFILE || err == ENOMEM) throw std::bad_alloc();
+  return {};
 }
 
 // What stands behind a field's name, to the end of its line.
@@ -60,7 +52,7 @@ static bool has_our_numbers(const std::string &proc) {
 }
 
 ProcessRights process_rights(int tid) {
-  const std::string proc = "/proc/" + std::to_string(tid);
+  const std::string proc = fmt::format("/proc/{}", tid);
   ProcessRights rights = parse_status(read_proc(proc + "/status"));
   if (rights.capabilities != 0 && !has_our_numbers(proc)) rights.capabilities = 0;
   return rights;

@@ -1,40 +1,41 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The run directory: where one tarnd has its sockets, its pid file and its lock.
+ * The run directory from inside: where one tarnd has its sockets, its pid file and its lock.
  *
  * The lock is held as long as the object lives, so that two programs never share a directory.
- * Errors are std::runtime_error with a one-line text.
  */
 #ifndef TARND_RUN_DIR_H
 #define TARND_RUN_DIR_H
 
-#include <filesystem>
 #include <string>
 
-#include "tarnd/unique_fd.h"
+#include "base/result.h"
+#include "base/run_dir.h"
+#include "base/unique_fd.h"
 
 namespace tarnd {
 
-/* $TARN_RUN_DIR, /run/tarn for root, $XDG_RUNTIME_DIR/tarn, or /tmp/tarn-<uid>, in this order. */
-std::filesystem::path default_run_dir();
-
 class RunDir {
  public:
-  /* Creates the directory if needed, sees that it is the caller's own, and locks it. */
-  explicit RunDir(std::filesystem::path path);
+  /* Creates the directory if needed, sees that it is the caller's own, and locks it. Errors: -EBUSY
+   * when another tarnd has it, -EPERM when it is another user's. */
+  static tarn::Result<RunDir> open(const std::string &path);
 
-  const std::filesystem::path &path() const { return path_; }
-  std::filesystem::path file(const char *name) const { return path_ / name; }
+  const std::string &path() const { return path_; }
+  std::string file(const std::string &name) const { return path_ + '/' + name; }
 
-  void write_pid_file() const;
-  /* A listening Unix SOCK_SEQPACKET socket that everybody may connect to; replaces a stale one. */
-  UniqueFd listen(const char *name) const;
+  tarn::Result<void> write_pid_file() const;
+  tarn::Result<tarn::UniqueFd> listen(const std::string &name) const {
+    return tarn::listen_socket(path_, name);
+  }
   /* Removes the sockets and the pid file. */
   void clean() const;
 
  private:
-  std::filesystem::path path_;
-  UniqueFd lock_;
+  RunDir(std::string path, tarn::UniqueFd lock) : path_(std::move(path)), lock_(std::move(lock)) {}
+
+  std::string path_;
+  tarn::UniqueFd lock_;
 };
 
 }  // namespace tarnd

@@ -12,6 +12,9 @@
 
 namespace tarnd {
 
+using tarn::Result;
+using tarn::UniqueFd;
+
 // How long a connection may still say what it has to.
 static constexpr std::chrono::seconds kLastWords{1};
 
@@ -62,21 +65,23 @@ void Server::accept_all() {
   }
 }
 
-void Server::serve_peer(int connection) {
-  const Identity peer = peer_identity(connection);
-  if (is_privileged(peer)) return serve_(connection);
-  if (!unprivileged_.enter(peer.uid)) return;
+Result<void> Server::serve_peer(int connection) {
+  const auto peer = peer_identity(connection);
+  if (!peer) return peer.error();
+  if (is_privileged(*peer)) return serve_(connection, *peer);
+  if (!unprivileged_.enter(peer->uid)) return {};
   struct Leave {
     ~Leave() { count.leave(uid); }
     PeerCount &count;
     uid_t uid;
-  } const leave{unprivileged_, peer.uid};
-  serve_(connection);
+  } const leave{unprivileged_, peer->uid};
+  return serve_(connection, *peer);
 }
 
 void Server::serve_one(UniqueFd connection) {
   try {
-    serve_peer(connection.get());
+    if (auto served = serve_peer(connection.get()); !served)
+      closed_.print("connection closed: " + served.error().text);
   } catch (const std::exception &e) {
     closed_.print(std::string("connection closed: ") + e.what());
   }

@@ -4,9 +4,9 @@
  *
  * start() once, stop() once: it ends what the connections read, after a second also what they
  * write, and returns when their threads have ended, so that a serve function that only blocks on
- * its socket needs nothing else to end. Errors that serve throws end its connection and go to
- * standard error. Users without privileges have a few connections each (peer_count.h); what is more
- * is closed at once.
+ * its socket needs nothing else to end. Errors of a serve function, and what it throws, end its
+ * connection and go to standard error. Users without privileges have a few connections each
+ * (peer_count.h); what is more is closed at once.
  */
 #ifndef TARND_SERVER_H
 #define TARND_SERVER_H
@@ -17,17 +17,19 @@
 #include <set>
 #include <thread>
 
+#include "base/result.h"
+#include "base/unique_fd.h"
 #include "tarnd/limited_warning.h"
 #include "tarnd/peer_count.h"
-#include "tarnd/unique_fd.h"
+#include "tarnd/task.h"
 
 namespace tarnd {
 
 class Server {
  public:
-  using Serve = std::function<void(int connection)>;
+  using Serve = std::function<tarn::Result<void>(int connection, const Identity &peer)>;
 
-  Server(UniqueFd listener, Serve serve);
+  Server(tarn::UniqueFd listener, Serve serve);
   ~Server() { stop(); }
   Server(const Server &) = delete;
   Server &operator=(const Server &) = delete;
@@ -37,10 +39,10 @@ class Server {
 
  private:
   void accept_all();
-  void serve_one(UniqueFd connection);
-  void serve_peer(int connection);
+  void serve_one(tarn::UniqueFd connection);
+  tarn::Result<void> serve_peer(int connection);
 
-  UniqueFd listener_;
+  tarn::UniqueFd listener_;
   Serve serve_;
   std::thread acceptor_;
   PeerCount unprivileged_;

@@ -5,7 +5,7 @@
 
 #include <fmt/format.h>
 
-#include "client/run_dir.h"
+#include "base/run_dir.h"
 #include "client/workdir.h"
 #include "module/os_public/Include/ox_msg.h"
 #include "tests/replicate/fake_kernel.h"

@@ -13,6 +13,7 @@
 
 #include <fmt/format.h>
 
+#include "base/run_dir.h"
 #include "module/os_public/Include/ox_ctl.h"
 #include "module/os_public/Include/ox_msg.h"
 
@@ -25,16 +26,9 @@ std::string bytes_of(const T &record) {
 }
 
 UniqueFd listen_in(const std::string &run_dir, const std::string &name) {
-  UniqueFd directory(open(run_dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-  UniqueFd listener(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  sockaddr_un address{};
-  address.sun_family = AF_UNIX;
-  const std::string path = fmt::format("/proc/self/fd/{}/{}", directory.get(), name);
-  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  if (bind(listener.get(), reinterpret_cast<sockaddr *>(&address), sizeof(address)) != 0 ||
-      listen(listener.get(), 16) != 0)
-    throw std::runtime_error("cannot listen in " + run_dir);
-  return listener;
+  auto listener = listen_socket(run_dir, name);
+  if (!listener) throw std::runtime_error(listener.error().text);
+  return std::move(*listener);
 }
 
 }  // namespace

@@ -16,7 +16,7 @@
 #include <thread>
 #include <vector>
 
-#include "client/unique_fd.h"
+#include "base/unique_fd.h"
 #include "tests/replicate/fake_module.h"
 #include "tests/replicate/message_builder.h"
 

@@ -13,7 +13,7 @@
 #include <thread>
 
 #include "client/read_ahead.h"
-#include "client/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace tarn {
 namespace {

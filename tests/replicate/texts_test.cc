@@ -8,7 +8,8 @@
 
 #include "client/base64.h"
 #include "client/paths.h"
-#include "client/text.h"
+#include "base/text.h"
+#include "client/json_bytes.h"
 #include "client/uuid.h"
 #include "client/workdir.h"
 

@@ -14,7 +14,9 @@ namespace tarnd {
 namespace {
 
 TEST(GuardianTest, ThatItWasKilledIsSaidOnceWithWhatFollows) {
-  Guardian guardian;
+  const auto started = Guardian::start();
+  ASSERT_TRUE(started);
+  Guardian &guardian = **started;
   pid_t child = 0;
   std::ifstream("/proc/self/task/" + std::to_string(getpid()) + "/children") >> child;
   ASSERT_GT(child, 0);

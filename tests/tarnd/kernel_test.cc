@@ -16,7 +16,8 @@ namespace {
 // remembered, has a file open inside the kernel.
 TEST(KernelTest, UsersOpenMoreFilesThanItsMemoryHasRoomFor) {
   constexpr size_t kFiles = 30000;
-  Kernel kernel;
+  const auto kernel = Kernel::boot();
+  ASSERT_TRUE(kernel);
   Identity user;
   user.uid = user.gid = 65534;
   {

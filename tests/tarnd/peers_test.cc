@@ -2,6 +2,7 @@
 // What anybody who connects may cost, and may have printed.
 #include <gtest/gtest.h>
 
+#include "base/text.h"
 #include "tarnd/limited_warning.h"
 #include "tarnd/peer_count.h"
 
@@ -41,7 +42,8 @@ TEST(LimitedWarning, AFewAreSaidAndTheOthersCounted) {
 }
 
 TEST(LimitedWarning, NamesCannotEndALineOrSteerATerminal) {
-  EXPECT_EQ(printable("a\nb\x1b[2J\x7f\\ \xc3\xa4"), "a\\012b\\033[2J\\177\\\\ \xc3\xa4");
+  EXPECT_EQ(tarn::escape_controls("a\nb\x1b[2J\x7f\\ \xc3\xa4"),
+            "a\\012b\\033[2J\\177\\\\ \xc3\xa4");
 }
 
 }  // namespace

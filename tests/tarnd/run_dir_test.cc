@@ -6,8 +6,10 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -18,6 +20,8 @@ namespace tarnd {
 namespace {
 
 namespace fs = std::filesystem;
+using tarn::Result;
+using tarn::UniqueFd;
 
 class RunDirTest : public testing::Test {
  protected:
@@ -34,19 +38,30 @@ class RunDirTest : public testing::Test {
     return st.st_mode & 07777;
   }
 
+  static RunDir opened(const fs::path &path) {
+    auto dir = RunDir::open(path);
+    if (!dir) throw std::runtime_error(dir.error().text);
+    return std::move(*dir);
+  }
+  static UniqueFd listening(const RunDir &dir, const char *name) {
+    auto listener = dir.listen(name);
+    if (!listener) throw std::runtime_error(listener.error().text);
+    return std::move(*listener);
+  }
+
   fs::path base_;
 };
 
 TEST_F(RunDirTest, IsCreatedWithItsMode) {
-  const RunDir dir(base_ / "a/run");
+  const RunDir dir = opened(base_ / "a/run");
   EXPECT_EQ(mode_of(base_ / "a/run"), geteuid() == 0 ? 0755u : 0700u);
 }
 
 // tarnd's own mask is empty.
 TEST_F(RunDirTest, NobodyElseMayWriteToItsParentsOrItsFiles) {
   const mode_t before = umask(0);
-  const RunDir dir(base_ / "a/b/run");
-  dir.write_pid_file();
+  const RunDir dir = opened(base_ / "a/b/run");
+  ASSERT_TRUE(dir.write_pid_file());
   umask(before);
   EXPECT_EQ(mode_of(base_ / "a"), 0755u);
   EXPECT_EQ(mode_of(base_ / "a/b"), 0755u);
@@ -54,10 +69,10 @@ TEST_F(RunDirTest, NobodyElseMayWriteToItsParentsOrItsFiles) {
 }
 
 TEST_F(RunDirTest, AProcessIdFileOfSomebodyElseIsReplaced) {
-  const RunDir dir(base_ / "run");
+  const RunDir dir = opened(base_ / "run");
   std::ofstream other(dir.file(OX_CTL_PID_FILE));
   other << "1\n" << std::flush;
-  dir.write_pid_file();
+  ASSERT_TRUE(dir.write_pid_file());
   other << "1\n" << std::flush;
   std::ifstream in(dir.file(OX_CTL_PID_FILE));
   std::string text((std::istreambuf_iterator<char>(in)), {});
@@ -65,34 +80,32 @@ TEST_F(RunDirTest, AProcessIdFileOfSomebodyElseIsReplaced) {
 }
 
 TEST_F(RunDirTest, SaysWhichParentCannotBeMade) {
-  try {
-    const RunDir dir("/proc/absent/a/run");
-    FAIL();
-  } catch (const std::runtime_error &e) {
-    EXPECT_EQ(std::string(e.what()).find("cannot create directory /proc/absent: "), 0u) << e.what();
-  }
+  const auto dir = RunDir::open("/proc/absent/a/run");
+  ASSERT_FALSE(dir);
+  EXPECT_TRUE(dir.error().text.starts_with("cannot create directory /proc/absent: "))
+      << dir.error().text;
 }
 
 TEST_F(RunDirTest, IsHeldByOneAtATime) {
   {
-    const RunDir dir(base_ / "run");
-    EXPECT_THROW(RunDir(base_ / "run"), std::runtime_error);
+    const RunDir dir = opened(base_ / "run");
+    EXPECT_EQ(RunDir::open(base_ / "run").error().code, -EBUSY);
   }
-  EXPECT_NO_THROW(RunDir(base_ / "run"));
+  EXPECT_TRUE(RunDir::open(base_ / "run"));
 }
 
 TEST_F(RunDirTest, RefusesWhatIsNoDirectoryOfItsOwn) {
   std::ofstream(base_ / "file").put('x');
-  EXPECT_THROW(RunDir(base_ / "file"), std::runtime_error);
+  EXPECT_EQ(RunDir::open(base_ / "file").error().code, -ENOTDIR);
   fs::create_directory(base_ / "real");
   fs::create_symlink(base_ / "real", base_ / "link");
-  EXPECT_THROW(RunDir(base_ / "link"), std::runtime_error);
+  EXPECT_EQ(RunDir::open(base_ / "link").error().code, -ENOTDIR);
 }
 
 TEST_F(RunDirTest, SocketsReplaceStaleOnesAndTakeEverybody) {
-  const RunDir dir(base_ / "run");
-  { const UniqueFd stale = dir.listen(OX_CTL_SOCKET); }
-  const UniqueFd listener = dir.listen(OX_CTL_SOCKET);
+  const RunDir dir = opened(base_ / "run");
+  { const UniqueFd stale = listening(dir, OX_CTL_SOCKET); }
+  const UniqueFd listener = listening(dir, OX_CTL_SOCKET);
   EXPECT_EQ(mode_of(dir.file(OX_CTL_SOCKET)), 0666u);
 
   const UniqueFd client(socket(AF_UNIX, SOCK_SEQPACKET, 0));
@@ -104,16 +117,16 @@ TEST_F(RunDirTest, SocketsReplaceStaleOnesAndTakeEverybody) {
 }
 
 TEST_F(RunDirTest, LongPathsHoldSockets) {
-  const RunDir dir(base_ / std::string(150, 'x'));
+  const RunDir dir = opened(base_ / std::string(150, 'x'));
   EXPECT_TRUE(dir.listen(OX_CTL_SOCKET));
   EXPECT_TRUE(fs::exists(dir.file(OX_CTL_SOCKET)));
 }
 
 TEST_F(RunDirTest, CleanRemovesWhatClientsLookFor) {
-  const RunDir dir(base_ / "run");
-  const UniqueFd control = dir.listen(OX_CTL_SOCKET);
-  const UniqueFd daemon = dir.listen(OX_CTL_DAEMON_SOCKET);
-  dir.write_pid_file();
+  const RunDir dir = opened(base_ / "run");
+  const UniqueFd control = listening(dir, OX_CTL_SOCKET);
+  const UniqueFd daemon = listening(dir, OX_CTL_DAEMON_SOCKET);
+  ASSERT_TRUE(dir.write_pid_file());
   std::ifstream in(dir.file(OX_CTL_PID_FILE));
   pid_t pid = 0;
   in >> pid;

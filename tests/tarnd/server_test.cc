@@ -6,11 +6,15 @@
 #include <sys/un.h>
 
 #include <atomic>
+#include <cerrno>
 #include <stdexcept>
 #include <thread>
 
 namespace tarnd {
 namespace {
+
+using tarn::Result;
+using tarn::UniqueFd;
 
 // A listening socket without a name in the file system, and connections to it.
 class Listener {
@@ -37,10 +41,11 @@ class Listener {
   socklen_t len_ = 0;
 };
 
-void echo(int fd) {
+Result<void> echo(int fd, const Identity &) {
   char buf[16];
   for (ssize_t n; (n = recv(fd, buf, sizeof(buf), 0)) > 0;)
     send(fd, buf, static_cast<size_t>(n), MSG_NOSIGNAL);
+  return {};
 }
 
 char ask(const UniqueFd &fd, char question) {
@@ -63,9 +68,10 @@ TEST(Server, ServesConnectionsSideBySide) {
 TEST(Server, StopEndsConnectionsThatWait) {
   Listener listener;
   std::atomic<int> ended = 0;
-  Server server(listener.take(), [&](int fd) {
-    echo(fd);
+  Server server(listener.take(), [&](int fd, const Identity &peer) {
+    auto echoed = echo(fd, peer);
     ended++;
+    return echoed;
   });
   server.start();
   const UniqueFd a = listener.connect();
@@ -78,9 +84,10 @@ TEST(Server, StopEndsConnectionsThatWait) {
 
 TEST(Server, StopLetsAConnectionSayItsLast) {
   Listener listener;
-  Server server(listener.take(), [](int fd) {
-    echo(fd);
+  Server server(listener.take(), [](int fd, const Identity &peer) {
+    auto echoed = echo(fd, peer);
     send(fd, "!", 1, MSG_NOSIGNAL);
+    return echoed;
   });
   server.start();
   const UniqueFd a = listener.connect();
@@ -94,13 +101,14 @@ TEST(Server, StopLetsAConnectionSayItsLast) {
 TEST(Server, StopEndsConnectionsWhosePeerDoesNotRead) {
   Listener listener;
   std::atomic<bool> blocked = false;
-  Server server(listener.take(), [&](int fd) {
+  Server server(listener.take(), [&](int fd, const Identity &) {
     char data[4096] = {};
     while (send(fd, data, sizeof(data), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
     }
     blocked = true;
     while (send(fd, data, sizeof(data), MSG_NOSIGNAL) > 0) {
     }
+    return Result<void>();
   });
   server.start();
   const UniqueFd a = listener.connect();
@@ -110,17 +118,20 @@ TEST(Server, StopEndsConnectionsWhosePeerDoesNotRead) {
 
 TEST(Server, AnErrorEndsItsConnectionOnly) {
   Listener listener;
-  Server server(listener.take(), [](int fd) {
+  Server server(listener.take(), [](int fd, const Identity &) -> Result<void> {
     char c = 0;
-    if (recv(fd, &c, 1, 0) == 1 && c == 'x') throw std::runtime_error("as the test wants");
+    if (recv(fd, &c, 1, 0) == 1 && c == 'x') return tarn::Error{-EIO, "as the test wants"};
+    if (c == 'y') throw std::runtime_error("as the test wants");
     send(fd, &c, 1, MSG_NOSIGNAL);
+    return {};
   });
   server.start();
-  const UniqueFd a = listener.connect();
   const UniqueFd b = listener.connect();
-  char c = 'x';
-  EXPECT_EQ(send(a.get(), &c, 1, 0), 1);
-  EXPECT_EQ(recv(a.get(), &c, 1, 0), 0);
+  for (char c : {'x', 'y'}) {
+    const UniqueFd failing = listener.connect();
+    EXPECT_EQ(send(failing.get(), &c, 1, 0), 1);
+    EXPECT_EQ(recv(failing.get(), &c, 1, 0), 0);
+  }
   EXPECT_EQ(ask(b, 'b'), 'b');
 }
 

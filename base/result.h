@@ -4,8 +4,8 @@
  * one line of text for a person: what failed, where, and what can be done about it. Nothing here
  * throws.
  */
-#ifndef TARN_CLIENT_RESULT_H
-#define TARN_CLIENT_RESULT_H
+#ifndef TARN_BASE_RESULT_H
+#define TARN_BASE_RESULT_H
 
 #include <optional>
 #include <string>

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "mirrord/text_file.h"
+#include "base/text_file.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 
-#include "client/unique_fd.h"
+#include "base/unique_fd.h"
 
 namespace tarn {
 
@@ -20,17 +20,21 @@ int write_text(int fd, std::string_view text) {
   return 0;
 }
 
-Result<std::string> read_text(const std::string &file, const std::string &what) {
-  const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd) return system_error(errno, what);
+Result<std::string> read_text(int fd, const std::string &what) {
   std::string text;
   char part[4096];
   ssize_t got;
-  while ((got = read(fd.get(), part, sizeof(part))) != 0) {
+  while ((got = read(fd, part, sizeof(part))) != 0) {
     if (got < 0 && errno != EINTR) return system_error(errno, what);
     if (got > 0) text.append(part, static_cast<std::size_t>(got));
   }
   return text;
+}
+
+Result<std::string> read_text(const std::string &file, const std::string &what) {
+  const UniqueFd fd(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd) return system_error(errno, what);
+  return read_text(fd.get(), what);
 }
 
 }  // namespace tarn

@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "client/text.h"
+#include "base/text.h"
 
+#include <algorithm>
 #include <ctime>
 
 #include <fmt/format.h>
-
-#include "client/base64.h"
 
 namespace tarn {
 namespace {
@@ -41,6 +40,10 @@ std::string quoted_character(std::string_view character) {
     default:
       return std::string(character);
   }
+}
+
+std::string octal(char byte) {
+  return fmt::format("\\{:03o}", static_cast<unsigned char>(byte));
 }
 
 bool control(std::string_view character) {
@@ -83,16 +86,31 @@ std::string printable(std::string_view bytes) {
   return plain ? text : '"' + text + '"';
 }
 
-nlohmann::ordered_json json_bytes(std::string_view bytes) {
-  if (valid_utf8(bytes)) return std::string(bytes);
-  return {{"base64", base64_encode(bytes)}};
+std::string escape_octal(std::string_view text, std::string_view bytes) {
+  std::string escaped;
+  for (const char c : text) escaped += bytes.find(c) != bytes.npos ? octal(c) : std::string(1, c);
+  return escaped;
+}
+
+std::string escape_controls(std::string_view text) {
+  std::string escaped;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\\')
+      escaped += "\\\\";
+    else if (byte < 0x20 || byte == 0x7f)
+      escaped += octal(c);
+    else
+      escaped += c;
+  }
+  return escaped;
 }
 
 std::string unescape_octal(std::string_view text) {
-  const auto octal = [&](std::size_t i) { return text[i] >= '0' && text[i] <= '7'; };
+  const auto digit = [&](std::size_t i) { return text[i] >= '0' && text[i] <= '7'; };
   std::string bytes;
   for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '\\' && i + 3 < text.size() && octal(i + 1) && octal(i + 2) && octal(i + 3)) {
+    if (text[i] == '\\' && i + 3 < text.size() && digit(i + 1) && digit(i + 2) && digit(i + 3)) {
       bytes += static_cast<char>((text[i + 1] - '0') << 6 | (text[i + 2] - '0') << 3 |
                                  (text[i + 3] - '0'));
       i += 3;

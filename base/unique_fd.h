@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /* The owner of one file descriptor: closes it when it goes. -1 is "none". */
-#ifndef TARN_CLIENT_UNIQUE_FD_H
-#define TARN_CLIENT_UNIQUE_FD_H
+#ifndef TARN_BASE_UNIQUE_FD_H
+#define TARN_BASE_UNIQUE_FD_H
 
 #include <unistd.h>
 

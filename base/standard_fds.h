@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /* A program may be started with some of its three standard descriptors closed. */
-#ifndef TARN_CLIENT_STANDARD_FDS_H
-#define TARN_CLIENT_STANDARD_FDS_H
+#ifndef TARN_BASE_STANDARD_FDS_H
+#define TARN_BASE_STANDARD_FDS_H
 
 namespace tarn {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "client/result.h"
+#include "base/result.h"
 
 #include <system_error>
 

@@ -1,15 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/*
- * Paths hold any byte but NUL. These functions show them to a person on one line, or to a program
- * as JSON, without losing a byte.
- */
-#ifndef TARN_CLIENT_TEXT_H
-#define TARN_CLIENT_TEXT_H
+/* Paths hold any byte but NUL. These functions show them on one line without losing a byte. */
+#ifndef TARN_BASE_TEXT_H
+#define TARN_BASE_TEXT_H
 
+#include <cstdint>
 #include <string>
 #include <string_view>
-
-#include <nlohmann/json.hpp>
 
 namespace tarn {
 
@@ -21,14 +17,15 @@ bool valid_utf8(std::string_view bytes);
  */
 std::string printable(std::string_view bytes);
 
-/* For programs: a JSON string if the bytes are UTF-8, otherwise the object {"base64": "..."}. */
-nlohmann::ordered_json json_bytes(std::string_view bytes);
+/* On one line of a log: control characters as \ooo, and backslashes doubled. */
+std::string escape_controls(std::string_view text);
 
 /* Takes what stands before `end` off the front of the text, and `end` with it; all of the text if
  * it has none. */
 std::string_view take_until(std::string_view &text, char end);
 
-/* Lines of /proc/mounts' kind: \ooo becomes the byte. */
+/* Words in lines of /proc/mounts' kind: each of `bytes` becomes \ooo, and back. */
+std::string escape_octal(std::string_view text, std::string_view bytes);
 std::string unescape_octal(std::string_view text);
 
 /* Microseconds since the epoch as "2006-09-20 03:42:06.123456" in UTC. */

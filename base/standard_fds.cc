@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "client/standard_fds.h"
+#include "base/standard_fds.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,0 +1,17 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* Paths hold any byte but NUL; JSON holds UTF-8 only. */
+#ifndef TARN_CLIENT_JSON_BYTES_H
+#define TARN_CLIENT_JSON_BYTES_H
+
+#include <string_view>
+
+#include <nlohmann/json.hpp>
+
+namespace tarn {
+
+/* A JSON string if the bytes are UTF-8, otherwise the object {"base64": "..."}. */
+nlohmann::ordered_json json_bytes(std::string_view bytes);
+
+}  // namespace tarn
+
+#endif

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "tarnd/fuse_api.h"
+#include "tarnd/fuse/fuse_api.h"
 #include "tests/replicate/run_program.h"
 
 namespace tarn::test {

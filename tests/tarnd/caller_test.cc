@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/caller.h"
+#include "tarnd/fuse/caller.h"
 
 #include <cerrno>
 

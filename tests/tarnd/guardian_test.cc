@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/guardian.h"
+#include "tarnd/process/guardian.h"
 
 #include <gtest/gtest.h>
 #include <signal.h>

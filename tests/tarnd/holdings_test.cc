@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/holdings.h"
+#include "tarnd/fuse/holdings.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "tarnd/task.h"
+#include "tarnd/process/task.h"
 #include "tests/tarnd/booted_test.h"
 
 namespace tarnd {

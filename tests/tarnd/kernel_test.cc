@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/kernel.h"
+#include "tarnd/process/kernel.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <vector>
 
-#include "tarnd/task.h"
+#include "tarnd/process/task.h"
 #include "ukern/door/uk_fs.h"
 
 namespace tarnd {

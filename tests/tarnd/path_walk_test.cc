@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/path_walk.h"
+#include "tarnd/fuse/path_walk.h"
 
 #include <gtest/gtest.h>
 

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "base/text.h"
-#include "tarnd/limited_warning.h"
-#include "tarnd/peer_count.h"
+#include "tarnd/channel/peer_count.h"
+#include "tarnd/process/limited_warning.h"
 
 namespace tarnd {
 namespace {

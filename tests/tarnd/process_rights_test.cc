@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/process_rights.h"
+#include "tarnd/fuse/process_rights.h"
 
 #include <gtest/gtest.h>
 #include <sched.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/run_dir.h"
+#include "tarnd/process/run_dir.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/server.h"
+#include "tarnd/channel/server.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/session_io.h"
+#include "tarnd/fuse/session_io.h"
 
 #include <gtest/gtest.h>
 #include <linux/fuse.h>

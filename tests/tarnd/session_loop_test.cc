@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/session_loop.h"
+#include "tarnd/fuse/session_loop.h"
 
 #include <linux/fuse.h>
 #include <sched.h>

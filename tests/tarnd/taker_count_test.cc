@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/taker_count.h"
+#include "tarnd/fuse/taker_count.h"
 
 #include <gtest/gtest.h>
 

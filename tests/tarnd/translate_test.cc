@@ -1,16 +1,16 @@
 // SPDX-License-Identifier: GPL-2.0
 // Each struct translation, with a value of its own in every field.
-#include "tarnd/translate.h"
+#include "tarnd/fuse/translate.h"
 
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "tarnd/control.h"
-#include "tarnd/fuse_api.h"
-#include "tarnd/fuse_ops.h"
-#include "tarnd/task.h"
+#include "tarnd/channel/control.h"
+#include "tarnd/fuse/fuse_api.h"
+#include "tarnd/fuse/fuse_ops.h"
+#include "tarnd/process/task.h"
 
 namespace tarnd {
 namespace {

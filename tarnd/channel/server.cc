@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/channel/server.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <chrono>
+#include <exception>
+#include <string>
+
+#include "tarnd/channel/peer.h"
+
+namespace tarnd {
+
+using tarn::Result;
+using tarn::UniqueFd;
+
+// How long a connection may still say what it has to.
+static constexpr std::chrono::seconds kLastWords{1};
+
+Server::Server(UniqueFd listener, Serve serve)
+    : listener_(std::move(listener)), serve_(std::move(serve)) {}
+
+void Server::start() {
+  acceptor_ = std::thread([this] { accept_all(); });
+}
+
+void Server::stop() {
+  if (!acceptor_.joinable()) return;
+  std::unique_lock lock(mutex_);
+  stopping_ = true;
+  shutdown(listener_.get(), SHUT_RDWR);
+  for (int connection : open_) shutdown(connection, SHUT_RD);
+  lock.unlock();
+  acceptor_.join();
+  lock.lock();
+  const auto all_ended = [this] { return open_.empty(); };
+  if (ended_.wait_for(lock, kLastWords, all_ended)) return;
+  for (int connection : open_) shutdown(connection, SHUT_RDWR);
+  ended_.wait(lock, all_ended);
+}
+
+void Server::accept_all() {
+  for (;;) {
+    UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    std::unique_lock lock(mutex_);
+    if (stopping_) return;
+    if (!connection) {
+      // Out of descriptors or memory: what is being served will give some back.
+      ended_.wait_for(lock, std::chrono::milliseconds(100));
+      continue;
+    }
+    const int fd = connection.get();
+    open_.insert(fd);
+    lock.unlock();
+    try {
+      std::thread([this, moved = std::move(connection)]() mutable {
+        serve_one(std::move(moved));
+      }).detach();
+    } catch (const std::exception &e) {
+      refused_.print(std::string("connection refused: ") + e.what());
+      lock.lock();
+      open_.erase(fd);
+    }
+  }
+}
+
+Result<void> Server::serve_peer(int connection) {
+  const auto peer = peer_identity(connection);
+  if (!peer) return peer.error();
+  if (is_privileged(*peer)) return serve_(connection, *peer);
+  if (!unprivileged_.enter(peer->uid)) return {};
+  struct Leave {
+    ~Leave() { count.leave(uid); }
+    PeerCount &count;
+    uid_t uid;
+  } const leave{unprivileged_, peer->uid};
+  return serve_(connection, *peer);
+}
+
+void Server::serve_one(UniqueFd connection) {
+  try {
+    if (auto served = serve_peer(connection.get()); !served)
+      closed_.print("connection closed: " + served.error().text);
+  } catch (const std::exception &e) {
+    closed_.print(std::string("connection closed: ") + e.what());
+  }
+  // The number must be off the list before it is closed and can be given out again. Notifying under
+  // the lock is what lets stop() return, and the object go, only after this thread has done its
+  // last with it.
+  std::lock_guard lock(mutex_);
+  open_.erase(connection.get());
+  connection.reset();
+  ended_.notify_all();
+}
+
+}  // namespace tarnd

@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/fuse/caller.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <limits>
+#include <string>
+
+#include <fmt/format.h>
+
+#include "ukern/door/uk_fs.h"
+
+namespace tarnd {
+
+// The host tells a process's rights in a text that takes longer to make and read than most requests
+// take. No process changes them often, and the host's own check, which comes first, knows them as
+// they are.
+static constexpr std::chrono::milliseconds kRightsGood{10};
+
+static thread_local CallerTask *worker_task;
+
+// All there are: an interruption may come late, when its worker has ended.
+static std::mutex all_mutex;
+static std::vector<CallerTask *> all_tasks;  // under all_mutex
+
+CallerTask::CallerTask() : task_(Identity()) {
+  task_.hide();
+  uk_task_set_wait_handler(task_.get(), before_wait, this);
+  worker_task = this;
+  const std::lock_guard lock(all_mutex);
+  all_tasks.push_back(this);
+}
+
+CallerTask::~CallerTask() {
+  worker_task = nullptr;
+  const std::lock_guard lock(all_mutex);
+  std::erase(all_tasks, this);
+}
+
+CallerTask &caller_task() {
+  return *worker_task;
+}
+
+// Whether two paths lead to one file. A path from a process's own mount name space may lead to
+// another here, or to nothing.
+static bool same_file(const char *one, const char *other) {
+  struct stat a, b;
+  return stat(one, &a) == 0 && stat(other, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// 0 for what the host kernel does by itself, which has no process, and for a program that is not
+// what this program finds at the path.
+static long caller_exe(int pid, char *buf, unsigned long size) {
+  if (pid == 0) return 0;
+  char link[32], path[PATH_MAX];
+  std::snprintf(link, sizeof(link), "/proc/%d/exe", pid);
+  const ssize_t len = readlink(link, path, sizeof(path) - 1);
+  if (len <= 0 || static_cast<unsigned long>(len) > size) return 0;
+  path[len] = '\0';
+  if (!same_file(link, path)) return 0;
+  std::memcpy(buf, path, static_cast<size_t>(len));
+  return len;
+}
+
+// The signals that wait for a thread of the host's; bit n - 1 is signal n. Which they are matters:
+// most do not end a wait for a daemon.
+static unsigned long long waiting_signals(int tid) {
+  std::ifstream status(fmt::format("/proc/{}/status", tid));
+  unsigned long long waiting = 0, blocked = 0;
+  for (std::string name; status >> name;
+       status.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
+    unsigned long long set = 0;
+    if (name == "SigPnd:" || name == "ShdPnd:") {
+      if (status >> std::hex >> set) waiting |= set;
+    } else if (name == "SigBlk:") {
+      if (status >> std::hex >> set) blocked = set;
+    }
+  }
+  return waiting & ~blocked;
+}
+
+static Step step_of(Need need) {
+  if (need == Need::kLookup) return Step::kLookup;
+  return need == Need::kPath ? Step::kLast : Step::kNone;
+}
+
+// Some milliseconds each. The exact clock would cost each request some 40 ns.
+static unsigned long tick() {
+  timespec now;
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return static_cast<unsigned long>(now.tv_sec) * 250 +
+         static_cast<unsigned long>(now.tv_nsec) / 4'000'000;
+}
+
+bool CallerTask::continues_walk(int pid, Need need) {
+  return walk_.take(pid, step_of(need), tick());
+}
+
+// What the host kernel does by itself (write-back) has no process, and neither has a program of
+// another process name space for us: the host's own check, which knows its capabilities, is all
+// that there is then.
+const ProcessRights &CallerTask::rights_of(const fuse_ctx &ctx, Clock::time_point now) {
+  static const ProcessRights none{}, all{{}, kAllCapabilities};
+  if (ctx.pid == 0) return ctx.uid == 0 ? all : none;
+  KnownRights *oldest = &known_[0];
+  for (KnownRights &known : known_) {
+    if (known.pid == ctx.pid && known.uid == ctx.uid && known.gid == ctx.gid &&
+        now < known.good_until)
+      return known.rights;
+    if (known.good_until < oldest->good_until) oldest = &known;
+  }
+  oldest->pid = 0;  // nobody, should the next step fail
+  oldest->rights = process_rights(ctx.pid);
+  oldest->pid = ctx.pid;
+  oldest->uid = ctx.uid;
+  oldest->gid = ctx.gid;
+  oldest->good_until = now + kRightsGood;
+  return oldest->rights;
+}
+
+void CallerTask::become(fuse_req_t req, Need need) {
+  const fuse_ctx *ctx = fuse_req_ctx(req);
+  uk_call_continues(continues_walk(ctx->pid, need));
+  const bool same =
+      identity_.pid == ctx->pid && identity_.uid == ctx->uid && identity_.gid == ctx->gid;
+  const Clock::time_point now = Clock::now();
+  if (same && (need == Need::kBasic || now < rights_good_until_)) return;
+
+  Identity caller;
+  caller.pid = ctx->pid;
+  caller.uid = ctx->uid;
+  caller.gid = ctx->gid;
+  if (need != Need::kBasic) {
+    const ProcessRights &rights = rights_of(*ctx, now);
+    caller.groups = rights.groups;
+    caller.capabilities = rights.capabilities;
+  }
+  caller.find_exe = caller_exe;
+  rights_good_until_ = need != Need::kBasic ? now + kRightsGood : Clock::time_point();
+  if (caller == identity_) return;
+  identity_.pid = -1;  // nobody, should the next step fail
+  task_.become(caller);
+  identity_ = std::move(caller);
+}
+
+void CallerTask::interrupted(fuse_req_t req, void *task) {
+  const std::lock_guard all_lock(all_mutex);
+  const auto at = std::find(all_tasks.begin(), all_tasks.end(), task);
+  if (at == all_tasks.end()) return;
+  CallerTask *self = *at;
+  const std::lock_guard lock(self->mutex_);
+  if (self->listening_ != req) return;
+  self->interrupted_ = true;
+  uk_task_interrupt(self->task_.get(), waiting_signals(fuse_req_ctx(req)->pid));
+}
+
+void CallerTask::answered() {
+  if (worker_task) worker_task->waiting_ = nullptr;
+}
+
+void CallerTask::before_wait(void *task) {
+  auto *self = static_cast<CallerTask *>(task);
+  if (self->waiting_ && !self->listening_) self->listen();
+}
+
+void CallerTask::listen() {
+  {
+    const std::lock_guard lock(mutex_);
+    listening_ = waiting_;
+  }
+  // Not under the lock: it calls back at once if the interruption came first.
+  fuse_req_interrupt_func(waiting_, interrupted, this);
+}
+
+void CallerTask::calm() {
+  waiting_ = nullptr;
+  if (!listening_) return;
+  const std::lock_guard lock(mutex_);
+  listening_ = nullptr;
+  if (interrupted_) uk_task_calm(task_.get());
+  interrupted_ = false;
+}
+
+}  // namespace tarnd

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/fuse/fuse_ops.h"
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <limits>
+
+#include "tarnd/fuse/translate.h"
+#include "tarnd/process/limited_warning.h"
+
+namespace tarnd {
+
+// The largest request that the host kernel makes.
+static constexpr unsigned kMaxRequest = 1u << 20;
+
+static void op_init(void *, fuse_conn_info *conn) {
+  conn->max_write = kMaxRequest;
+  conn->max_readahead = kMaxRequest;
+  conn->time_gran = 1;
+  // Writes come one by one in the order in which they are made, in plain buffers.
+  conn->want &= ~(FUSE_CAP_WRITEBACK_CACHE | FUSE_CAP_ASYNC_DIO | FUSE_CAP_SPLICE_READ |
+                  FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
+  // What was read stays as it was read, as in the layer's own page cache, which does not look for
+  // changes of the lower file either: so no look at the attributes before each read.
+  conn->want &= ~FUSE_CAP_AUTO_INVAL_DATA;
+  // Only the host knows which programs run, and so must not be cut: it asks for the truncation of
+  // an open when it has looked.
+  conn->want &= ~FUSE_CAP_ATOMIC_O_TRUNC;
+  // The host itself checks who may do what, with the access lists that it is told of: whoever opens
+  // a FIFO, a socket or a device asks nobody else. The kernel in this process checks again, below.
+  conn->want |= conn->capable & FUSE_CAP_POSIX_ACL;
+  // The kernel in this process takes set-user-id off where its own calls do.
+  conn->want |= conn->capable & FUSE_CAP_HANDLE_KILLPRIV;
+}
+
+fuse_entry_param to_entry(uk_node *node, const uk_stat &stat) {
+  fuse_entry_param entry{};
+  entry.ino = reinterpret_cast<fuse_ino_t>(node);
+  entry.attr = to_stat(stat);
+  entry.attr_timeout = kForThisCall;
+  entry.entry_timeout = kNotKept;
+  return entry;
+}
+
+// The other descriptors are for files that are only remembered, for what the kernel in this process
+// keeps, and for root and the control channel.
+static size_t most_lasting() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
+    return std::numeric_limits<size_t>::max();
+  return limit.rlim_cur / 2;
+}
+
+bool may_hold_more(fuse_req_t req) {
+  static const size_t most = most_lasting();
+  const Mount *mount = mount_of(req);
+  const size_t lasting = mount->holdings().open_files() + uk_kept_directories();
+  if (fuse_req_ctx(req)->uid == 0 || lasting < most) return true;
+  static LimitedWarning refused;
+  refused.print(mount->mountpoint() +
+                ": open files, and directories that have to stay open, have half of all "
+                "descriptors; users other than root get no more: raise the limit of descriptors "
+                "(LimitNOFILE=, ulimit -n)");
+  return false;
+}
+
+static Kind kind_of(const uk_stat &stat) {
+  return S_ISDIR(stat.mode) ? Kind::kDirectory : Kind::kFile;
+}
+
+bool add_node(fuse_req_t req, uk_node *node, const uk_stat &stat) {
+  const Kind kind = kind_of(stat);
+  if (kind == Kind::kDirectory && !may_hold_more(req)) {
+    uk_node_put(node, 1);
+    return false;
+  }
+  mount_of(req)->holdings().add_node(node, kind);
+  return true;
+}
+
+void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat) {
+  if (!add_node(req, node, stat)) {
+    reply_error(req, -ENFILE);
+    return;
+  }
+  const fuse_entry_param entry = to_entry(node, stat);
+  if (fuse_reply_entry(req, &entry) == -ENOENT) mount_of(req)->holdings().drop_node(node, 1);
+}
+
+const fuse_lowlevel_ops &fuse_operations() {
+  static const fuse_lowlevel_ops table = [] {
+    fuse_lowlevel_ops ops{};
+    ops.init = op_init;
+    add_name_operations(&ops);
+    add_attribute_operations(&ops);
+    add_file_operations(&ops);
+    return ops;
+  }();
+  return table;
+}
+
+}  // namespace tarnd

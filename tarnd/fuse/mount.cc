@@ -1,0 +1,244 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/fuse/mount.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "base/mount_table.h"
+#include "base/print_error.h"
+#include "tarnd/fuse/fuse_ops.h"
+#include "tarnd/process/task.h"
+
+namespace tarnd {
+
+using tarn::Error;
+using tarn::Result;
+using tarn::system_error;
+using tarn::UniqueFd;
+
+static constexpr char kType[] = "tarn";
+static constexpr int kDetach = 2;  // MNT_DETACH of umount2
+
+// libfuse says why a mount failed only in its log.
+static thread_local std::string last_fuse_message;
+
+static void keep_fuse_message(fuse_log_level, const char *format, va_list args) {
+  char text[512];
+  std::vsnprintf(text, sizeof(text), format, args);
+  last_fuse_message = text;
+  while (!last_fuse_message.empty() && last_fuse_message.back() == '\n')
+    last_fuse_message.pop_back();
+  tarn::print_error("{}\n", last_fuse_message);
+}
+
+// Users other than root mount through a helper, which says why it does not on our standard error.
+static std::string mount_failure(int err) {
+  if (!last_fuse_message.empty()) return last_fuse_message;
+  return geteuid() == 0 ? std::strerror(err)
+                        : "fusermount3 refused; its reason is in tarnd.log, or on the terminal of "
+                          "a tarnd in the foreground";
+}
+
+static Result<void> require_directory(const std::string &what, const std::string &path) {
+  struct stat st;
+  int err = 0;
+  if (stat(path.c_str(), &st) != 0) {
+    err = errno;
+  } else if (!S_ISDIR(st.st_mode)) {
+    err = ENOTDIR;
+  }
+  return err ? system_error(err, what + " " + path) : Result<void>();
+}
+
+Result<std::unique_ptr<Mount>> Mount::make(const std::string &lower, const std::string &mountpoint,
+                                           Guardian *guardian) {
+  std::unique_ptr<Mount> mount(new Mount(lower, mountpoint, guardian));
+  if (auto started = mount->start(); !started) return started.error();
+  return mount;
+}
+
+Result<void> Mount::start() {
+  if (auto taken = take_over(); !taken) return taken;
+  if (auto lower = require_directory("lower directory", lower_); !lower) return lower;
+  if (auto place = require_directory("mount point", mountpoint_); !place) return place;
+  if (auto below = mount_kernel(); !below) return below;
+  return mount_host();
+}
+
+// What a killed tarnd has left in that place refuses everything; it goes only for the next mount.
+Result<void> Mount::take_over() {
+  if (!is_dead_tarn_mount(mountpoint_)) return {};
+  if (const int err = unmount_host(mountpoint_, Detach::kLazily); err != 0)
+    return system_error(-err, "cannot take away what a killed tarnd has left on " + mountpoint_);
+  return {};
+}
+
+void Mount::end() {
+  if (forgetter_) forgetter_->stop();
+  close_session();
+  unmount_kernel();
+}
+
+Result<void> Mount::mount_kernel() {
+  const Task task(service_identity());
+  const ActAs act(task);
+  int err = uk_fs_mount(lower_.c_str(), mountpoint_.c_str(), kType, 0, nullptr);
+  if (err == 0) {
+    err = uk_node_at(mountpoint_.c_str(), &root_);
+    if (err) uk_fs_umount(mountpoint_.c_str(), kDetach);
+  }
+  if (err) return system_error(-err, "cannot mount " + lower_ + " on " + mountpoint_);
+  return {};
+}
+
+void Mount::unmount_kernel() {
+  if (!root_) return;
+  const Task task(service_identity());
+  const ActAs act(task);
+  holdings_.clear();
+  uk_node_put(root_, 1);
+  root_ = nullptr;
+  int err = uk_fs_umount(mountpoint_.c_str(), 0);
+  if (err == -EBUSY) {
+    // Names that nobody uses any more keep it: where the lower directory holds the mount point, its
+    // own.
+    uk_drop_caches();
+    err = uk_fs_umount(mountpoint_.c_str(), 0);
+  }
+  // Another mount whose lower directory is in here keeps it in use; it goes with that one.
+  if (err == -EBUSY) err = uk_fs_umount(mountpoint_.c_str(), kDetach);
+  if (err)
+    tarn::print_error("tarnd: {}\n", system_error(-err, mountpoint_ + " is not unmounted").text);
+}
+
+namespace {
+
+class Arguments {
+ public:
+  Arguments() { add("tarnd"); }
+  ~Arguments() { fuse_opt_free_args(&args_); }
+  Arguments(const Arguments &) = delete;
+  Arguments &operator=(const Arguments &) = delete;
+
+  void add(const std::string &argument) {
+    if (fuse_opt_add_arg(&args_, argument.c_str()) != 0) throw std::bad_alloc();
+  }
+  fuse_args *get() { return &args_; }
+
+ private:
+  fuse_args args_ = FUSE_ARGS_INIT(0, nullptr);
+};
+
+}  // namespace
+
+// A value of a mount option: commas and backslashes end or change it unless a backslash stands
+// before them.
+static std::string escaped(const std::string &value) {
+  std::string out;
+  for (const char c : value) {
+    if (c == ',' || c == '\\') out += '\\';
+    out += c;
+  }
+  return out;
+}
+
+// Whether a file system that is mounted inside the directory, whose path has no links, forbids it.
+static bool forbidden_inside(std::string inside, const std::string &option) {
+  if (inside != "/") inside += '/';
+  for (const tarn::MountEntry &mount : tarn::mount_table())
+    if (mount.mountpoint.starts_with(inside) && mount.has_option(option)) return true;
+  return false;
+}
+
+// What a mount may forbid for all that is below it: that of the lower directory does here as well.
+// One mounted inside it shows through ours, which can forbid set-user-id programs and devices for
+// all or none: it is as strict as the strictest. Users other than root get both forbidden anyway.
+static Result<std::string> forbidden_below(const std::string &lower) {
+  struct statvfs st;
+  if (statvfs(lower.c_str(), &st) != 0) return system_error(errno, "lower directory " + lower);
+  const std::string options = st.f_flag & ST_NOEXEC ? ",noexec" : "";
+  if (geteuid() != 0) return options;
+  std::error_code error;
+  const std::string whole = std::filesystem::canonical(lower, error).string();
+  if (error) return system_error(error.value(), "lower directory " + lower);
+  const bool no_suid = (st.f_flag & ST_NOSUID) || forbidden_inside(whole, "nosuid");
+  const bool no_dev = (st.f_flag & ST_NODEV) || forbidden_inside(whole, "nodev");
+  return options + (no_suid ? ",nosuid" : ",suid") + (no_dev ? ",nodev" : ",dev");
+}
+
+// A descriptor of which poll says that the other end has gone.
+static Result<UniqueFd> pipe_without_reader() {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC) != 0) return system_error(errno, "cannot make a pipe");
+  close(ends[0]);
+  return UniqueFd(ends[1]);
+}
+
+Result<void> Mount::mount_host() {
+  auto ended = pipe_without_reader();
+  if (!ended) return ended.error();
+  ended_ = std::move(*ended);
+  if (auto mounted = mount_session(); !mounted) return mounted;
+  if (const int err = interpose_session_io(session_); err != 0)
+    return system_error(-err, "cannot serve " + mountpoint_);
+  loop_ = std::make_unique<SessionLoop>(session_);
+  forgetter_ = std::make_unique<Forgetter>(this);
+  return {};
+}
+
+Result<void> Mount::mount_session() {
+  const auto forbidden = forbidden_below(lower_);
+  if (!forbidden) return forbidden.error();
+  fuse_set_log_func(keep_fuse_message);
+  Arguments args;
+  args.add("-ofsname=" + escaped(lower_));
+  args.add(std::string("-osubtype=") + kType);
+  // The host asks nobody who opens a FIFO, a socket or a device unless it is told to check by
+  // itself.
+  args.add("-odefault_permissions" + *forbidden);
+  // Users other than the one that runs this program are root's to let in.
+  if (geteuid() == 0) args.add("-oallow_other");
+
+  last_fuse_message.clear();
+  session_ = fuse_session_new(args.get(), &fuse_operations(), sizeof(fuse_lowlevel_ops), this);
+  if (!session_) return Error{-EINVAL, "cannot create a session: " + last_fuse_message};
+  guardian_->watch(mountpoint_);
+  if (fuse_session_mount(session_, mountpoint_.c_str()) != 0) {
+    const int err = errno ? errno : EIO;
+    detached_ = true;
+    return Error{-err, "cannot mount on " + mountpoint_ + ": " + mount_failure(err)};
+  }
+  return {};
+}
+
+void Mount::stop() {
+  forgetter_->stop();
+  loop_->stop();
+}
+
+// libfuse unmounts by path, unless poll says that the connection has ended. A mount point that is
+// not ours any more must not be touched, so its descriptor is made to say so.
+bool Mount::end_connection(int fuse_fd) {
+  while (dup3(ended_.get(), fuse_fd, O_CLOEXEC) < 0)
+    if (errno != EINTR && errno != EBUSY) return false;
+  return true;
+}
+
+void Mount::close_session() {
+  if (!session_) return;
+  const int fd = fuse_session_fd(session_);
+  // Without it the session's copy of the path is lost, which is better than somebody's mount.
+  if (!detached_ || fd < 0 || end_connection(fd)) fuse_session_unmount(session_);
+  fuse_session_destroy(session_);
+  session_ = nullptr;
+  guardian_->forget(mountpoint_);
+}
+
+}  // namespace tarnd

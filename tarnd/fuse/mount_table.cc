@@ -1,0 +1,131 @@
+// SPDX-License-Identifier: GPL-2.0
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <filesystem>
+#include <thread>
+
+#include "base/print_error.h"
+#include "tarnd/fuse/mount.h"
+
+namespace tarnd {
+
+using tarn::Error;
+using tarn::Result;
+using tarn::system_error;
+
+// An unmount that has succeeded on the host leaves little to do here.
+static constexpr std::chrono::seconds kUnmountLimit{60};
+// Unless programs still use it: then nobody knows for how long.
+static constexpr std::chrono::seconds kPlaceLimit{10};
+
+// One spelling for one place, without looking at the file system: it may be the mount that does not
+// answer.
+static std::string normal(const std::string &path) {
+  std::string text = std::filesystem::path(path).lexically_normal().string();
+  while (text.size() > 1 && text.back() == '/') text.pop_back();
+  return text;
+}
+
+Mount *MountTable::find_locked(const std::string &mountpoint) const {
+  for (const auto &mount : mounts_)
+    if (mount->mountpoint() == mountpoint) return mount.get();
+  return nullptr;
+}
+
+// A mount that the host has taken away, whoever asked it to, is here until everything is given
+// back.
+Result<void> MountTable::wait_for_place(const std::string &place) {
+  const bool on_host = is_tarn_mount(place);
+  std::unique_lock lock(mutex_);
+  if (closed_) return system_error(ESHUTDOWN, "cannot mount on " + place);
+  if (!find_locked(place)) return {};
+  if (on_host) return system_error(EBUSY, place + " is mounted already");
+  if (!changed_.wait_for(lock, kPlaceLimit, [&] { return closed_ || !find_locked(place); }))
+    return system_error(EBUSY,
+                        place + " is unmounted, but programs still use what was mounted there");
+  return closed_ ? system_error(ESHUTDOWN, "cannot mount on " + place) : Result<void>();
+}
+
+Result<void> MountTable::mount(const std::string &lower, const std::string &mountpoint) {
+  const std::string place = normal(mountpoint);
+  const std::lock_guard one_at_a_time(mounting_);
+  if (auto taken = wait_for_place(place); !taken) return taken;
+  try {
+    auto mount = Mount::make(normal(lower), place, guardian_);
+    if (!mount) return mount.error();
+    const std::lock_guard lock(mutex_);
+    Mount *added = mount->get();
+    mounts_.push_back(std::move(*mount));
+    try {
+      std::thread([this, added] { serve(added); }).detach();
+    } catch (...) {
+      mounts_.pop_back();
+      throw;
+    }
+  } catch (const std::exception &e) {
+    return Error{-EAGAIN, e.what()};
+  }
+  return {};
+}
+
+void MountTable::serve(Mount *mount) {
+  try {
+    mount->serve();
+  } catch (const std::exception &e) {
+    tarn::print_error("tarnd: {}: {}\n", mount->mountpoint(), e.what());
+  }
+  // Not under the lock: giving everything back may take long. The table names the mount until then,
+  // so that its place counts as taken and whoever waits for it goes on waiting.
+  mount->end();
+  const std::lock_guard lock(mutex_);
+  std::erase_if(mounts_, [mount](const auto &each) { return each.get() == mount; });
+  changed_.notify_all();
+}
+
+Result<void> MountTable::unmount(const std::string &mountpoint, Detach how) {
+  const std::string place = normal(mountpoint);
+  std::unique_lock lock(mutex_);
+  const Mount *mount = find_locked(place);
+  const bool ours = mount && !mount->detached();
+
+  // The host asks this program about the path, and a mount that ends needs the lock.
+  lock.unlock();
+  if (!ours && is_dead_tarn_mount(place))
+    how = Detach::kLazily;
+  else if (!ours)
+    return system_error(EINVAL, place + " is not a mount of tarn");
+  const int err = unmount_host(place, how);
+  lock.lock();
+  if (err == -EBUSY && how == Detach::kOnlyIdle)
+    return system_error(-err, "cannot unmount " + place +
+                                  ", which programs use: end them, or unmount it with --lazy");
+  if (err) return system_error(-err, "cannot unmount " + place);
+  if (how == Detach::kLazily) {
+    if (Mount *left = ours ? find_locked(place) : nullptr) left->set_detached();
+    return {};
+  }
+  if (!changed_.wait_for(lock, kUnmountLimit, [&] { return !find_locked(place); }))
+    return system_error(ETIMEDOUT, place + " is unmounted, but its end is not reached");
+  return {};
+}
+
+void MountTable::unmount_all() {
+  std::unique_lock lock(mutex_);
+  closed_ = true;
+  // The last one first: it may stand on an earlier one, on either side.
+  while (!mounts_.empty()) {
+    Mount *mount = mounts_.back().get();
+    const std::string place = mount->mountpoint();
+    const bool detached = mount->detached();
+    lock.unlock();
+    // What is in use is taken down with its users in it: they get an error from now on.
+    const bool ended = !detached && unmount_host(place, Detach::kOnlyIdle) == 0;
+    lock.lock();
+    Mount *left = find_locked(place);
+    if (left && !ended) left->stop();
+    changed_.wait(lock, [&] { return !find_locked(place); });
+  }
+}
+
+}  // namespace tarnd

@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/fuse/process_rights.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <new>
+
+#include <fmt/format.h>
+
+#include "base/text_file.h"
+
+namespace tarnd {
+
+// All of a file of /proc; empty when there is none, or none any more. Who cannot be looked at for
+// want of descriptors is not somebody without rights.
+static std::string read_proc(const std::string &path) {
+  auto text = tarn::read_text(path, path);
+  if (text) return std::move(*text);
+  const int err = -text.error().code;
+  if (err == EMFILE || err == ENFILE || err == ENOMEM) throw std::bad_alloc();
+  return {};
+}
+
+// What stands behind a field's name, to the end of its line.
+static std::string field(const std::string &status, const std::string &name) {
+  const std::string label = '\n' + name + ':';
+  const size_t at = status.find(label);
+  if (at == std::string::npos) return {};
+  const size_t from = at + label.size();
+  return status.substr(from, status.find('\n', from) - from);
+}
+
+ProcessRights parse_status(const std::string &status) {
+  ProcessRights rights;
+  const std::string groups = field(status, "Groups");
+  const char *at = groups.c_str();
+  for (char *end;; at = end) {
+    const unsigned long group = std::strtoul(at, &end, 10);
+    if (end == at) break;
+    rights.groups.push_back(static_cast<unsigned>(group));
+  }
+  const std::string effective = field(status, "CapEff");
+  rights.capabilities = static_cast<unsigned>(std::strtoull(effective.c_str(), nullptr, 16));
+  return rights;
+}
+
+// Whether users and groups have the same numbers for it as for this program.
+static bool has_our_numbers(const std::string &proc) {
+  static const std::string users = read_proc("/proc/self/uid_map");
+  static const std::string groups = read_proc("/proc/self/gid_map");
+  return read_proc(proc + "/uid_map") == users && read_proc(proc + "/gid_map") == groups;
+}
+
+ProcessRights process_rights(int tid) {
+  const std::string proc = fmt::format("/proc/{}", tid);
+  ProcessRights rights = parse_status(read_proc(proc + "/status"));
+  if (rights.capabilities != 0 && !has_our_numbers(proc)) rights.capabilities = 0;
+  return rights;
+}
+
+}  // namespace tarnd

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "tarnd/process/limited_warning.h"
+
+#include <cstdio>
+
+#include <fmt/format.h>
+
+#include "base/print_error.h"
+#include "base/text.h"
+
+namespace tarnd {
+
+std::string LimitedWarning::line(const std::string &text, Clock::time_point now) {
+  const std::lock_guard lock(mutex_);
+  if (printed_ == 0 || now - begun_ >= kWhile) {
+    begun_ = now;
+    printed_ = 0;
+  }
+  if (printed_ == kAtOnce) {
+    held_back_++;
+    return {};
+  }
+  printed_++;
+  std::string line = "tarnd: " + tarn::escape_controls(text);
+  if (held_back_ > 0) line += fmt::format(" (and {} like it before)", held_back_);
+  held_back_ = 0;
+  return line + '\n';
+}
+
+void LimitedWarning::print(const std::string &text) {
+  tarn::print_error("{}", line(text, Clock::now()));
+}
+
+}  // namespace tarnd

@@ -1,0 +1,30 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* Prints the kernel log to standard error as it grows, on a thread of its own, until the object
+ * goes. */
+#ifndef TARND_PROCESS_LOG_PRINTER_H
+#define TARND_PROCESS_LOG_PRINTER_H
+
+#include <atomic>
+#include <thread>
+
+namespace tarnd {
+
+class LogPrinter {
+ public:
+  LogPrinter() = default;
+  ~LogPrinter();
+  LogPrinter(const LogPrinter &) = delete;
+  LogPrinter &operator=(const LogPrinter &) = delete;
+
+  void start();
+
+ private:
+  void print_lines();
+
+  std::thread thread_;
+  std::atomic<bool> stopping_ = false;
+};
+
+}  // namespace tarnd
+
+#endif

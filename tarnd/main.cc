@@ -60,7 +60,7 @@ std::string what_is_wrong(const CLI::App &app, const CLI::ParseError &error) {
   return error.what();
 }
 
-/* Nothing: the exit status says it all. */
+/* Nothing, with the exit status, when the program has nothing more to do. */
 std::optional<Options> parse_options(int argc, char **argv, int *status) {
   Options options;
   CLI::App app(kAbout, "tarnd");
@@ -95,7 +95,7 @@ sigset_t ending_signals() {
 }
 
 // From the first thread to the last.
-Result<void> run(const RunDir &run_dir, Guardian *guardian, bool print_log, Starter *starter) {
+Result<void> run(const RunDir &run_dir, Guardian *guardian, bool print_log, ReadyPipe *ready) {
   install_panic_handler();
   auto kernel = Kernel::boot();
   if (!kernel) return kernel.error();
@@ -116,14 +116,14 @@ Result<void> run(const RunDir &run_dir, Guardian *guardian, bool print_log, Star
     controls.start();
     daemons.start();
     if (auto written = run_dir.write_pid_file(); !written) return written;
-    starter->ready();
+    ready->ready();
 
     const sigset_t signals = ending_signals();
     int signal = 0;
     while (sigwait(&signals, &signal) != 0) {
     }
 
-    // Mounts first: what they still write may be meant for a daemon. Requests that unmount end with
+    // Mounts first: their last records still go to a daemon. Pending unmount requests end with
     // them.
     control.stop();
     mounts.unmount_all();
@@ -135,7 +135,7 @@ Result<void> run(const RunDir &run_dir, Guardian *guardian, bool print_log, Star
   return {};
 }
 
-Result<void> start(Options options, Starter *starter) {
+Result<void> start(Options options, ReadyPipe *ready) {
   std::error_code error;
   options.run_dir = std::filesystem::absolute(options.run_dir, error).string();
   if (error) return tarn::system_error(error.value(), "the run directory");
@@ -145,20 +145,20 @@ Result<void> start(Options options, Starter *starter) {
   if (!options.foreground) {
     auto background = go_to_background(run_dir->file("tarnd.log"));
     if (!background) return background.error();
-    *starter = std::move(*background);
+    *ready = std::move(*background);
   }
   const auto guardian = Guardian::start();
   if (!guardian) return guardian.error();
   // Every thread inherits this mask; only the main one takes these signals, when it waits for them.
   const sigset_t signals = ending_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  return run(*run_dir, guardian->get(), options.foreground, starter);
+  return run(*run_dir, guardian->get(), options.foreground, ready);
 }
 
 /* The same where the standard library throws: without memory or threads. */
-Result<void> start_or_fail(const Options &options, Starter *starter) {
+Result<void> start_or_fail(const Options &options, ReadyPipe *ready) {
   try {
-    return start(options, starter);
+    return start(options, ready);
   } catch (const std::exception &e) {
     return Error{-ENOMEM, e.what()};
   }
@@ -172,14 +172,14 @@ int main(int argc, char **argv) {
   int status = EXIT_SUCCESS;
   const auto options = tarnd::parse_options(argc, argv, &status);
   if (!options) return status;
-  // Modes come from callers whose own masks have been applied.
+  // The host has applied the caller's umask.
   umask(0);
   std::signal(SIGPIPE, SIG_IGN);
-  // Ignored, as the starter may have left it, it would hide how helpers end.
+  // An inherited SIG_IGN would hide the exit status of helpers.
   std::signal(SIGCHLD, SIG_DFL);
-  tarnd::Starter starter;
-  if (auto run = tarnd::start_or_fail(*options, &starter); !run) {
-    starter.failed(run.error().text);
+  tarnd::ReadyPipe ready;
+  if (auto run = tarnd::start_or_fail(*options, &ready); !run) {
+    ready.failed(run.error().text);
     return tarnd::fail(run.error());
   }
   return EXIT_SUCCESS;

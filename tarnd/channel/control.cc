@@ -29,8 +29,7 @@ using tarn::Error;
 using tarn::Result;
 
 static constexpr size_t kReplyMax = OX_CTL_PACKET_MAX - sizeof(ox_ctl_reply);
-// The largest buffer that a caller may offer for an option: all rules of a rule set that is far too
-// large.
+// The largest buffer for an option. It holds some 16000 rules.
 static constexpr unsigned long long kRoomMax = 256ull << 20;
 static constexpr unsigned kLogSliceMs = 200;
 
@@ -75,7 +74,7 @@ class Session {
 
 }  // namespace
 
-// A packet that is no request is answered like any malformed one: with op 0.
+// A malformed packet becomes a request with op 0, which is unknown.
 std::optional<Request> Session::receive() {
   std::vector<char> packet(OX_CTL_PACKET_MAX);
   ssize_t n;
@@ -154,7 +153,7 @@ void Session::serve(Request &request) {
 
 namespace {
 
-// A buffer that is user memory of the current task for a scope.
+// Makes a buffer user memory of the current task for a scope.
 class UserMemory {
  public:
   UserMemory(void *start, size_t len) : start_(len ? start : nullptr) {
@@ -188,7 +187,7 @@ void Session::get_option(Request &request) {
   if (request.head.room > kRoomMax) return reply(-ENOMEM);
   std::vector<char> &buffer = request.argument;
   int len = static_cast<int>(buffer.size());
-  // The module refuses others, whatever their buffer.
+  // Others are refused by the module: no need to allocate for them.
   if (is_privileged(peer_) && buffer.size() < request.head.room) buffer.resize(request.head.room);
 
   int result;
@@ -236,7 +235,7 @@ void Session::unmount(const Request &request) {
       mounts_->unmount(paths[0], request.head.arg == 1 ? Detach::kLazily : Detach::kOnlyIdle));
 }
 
-// In slices, so that a long wait does not hold up the end of the program.
+// Waits in slices, so that a long wait does not delay the end of the program.
 bool Session::wait_for_log(unsigned long long from, unsigned wait_ms, uk_klog_line *line,
                            char *text, size_t size) const {
   for (;;) {

@@ -2,8 +2,8 @@
 /*
  * The control channel: serves the requests of ox_ctl.h on one connection.
  *
- * Socket options act as the peer, and the module judges what it may; mounting and unmounting need a
- * privileged peer; the log and the mount table are everybody's to read.
+ * Socket options run as the peer, and the module checks its capabilities. Mounting and unmounting
+ * need a privileged peer. Every user may read the log and the mount table.
  */
 #ifndef TARND_CHANNEL_CONTROL_H
 #define TARND_CHANNEL_CONTROL_H
@@ -21,7 +21,7 @@ class Control {
 
   /* Until the peer hangs up or the connection is shut down. Any number of connections at once. */
   void serve(int connection, const Identity &peer);
-  /* Requests that wait end soon. */
+  /* Ends waiting requests soon. */
   void stop() { stopping_ = true; }
 
  private:

@@ -38,14 +38,14 @@ using tarn::UniqueFd;
 // Longer than any message: the largest that the kernel takes is bounded by a socket's send buffer.
 static constexpr size_t kPacketMax = 256 * 1024;
 static constexpr unsigned kReceiveWaitMs = 60'000;
-// How many messages are passed on at one stroke.
+// Messages per batch.
 static constexpr size_t kMessages = 256;
-// Waking the peer costs more than a message does, and so does waking the pump: what comes within
-// this time after the last messages waits and goes together.
-static constexpr std::chrono::microseconds kRest{500};
-// Bytes that may wait for the pump: more than come while it rests.
+// Delay between two batches. Waking the peer costs more than a message, and so does waking the
+// pump.
+static constexpr std::chrono::microseconds kBatchDelay{500};
+// Bytes in the netlink socket's receive queue: more than arrive during the delay.
 static constexpr unsigned long kQueueBytes = 1 << 20;
-// Bytes that may be on their way to the peer.
+// Bytes in the send buffer of the peer's connection.
 static constexpr int kSocketBytes = 1 << 20;
 
 namespace {
@@ -87,8 +87,7 @@ nlmsghdr head_of(const void *message) {
   return head;
 }
 
-// Messages on their way to the peer, as many as wait and fit. They are sent from where the kernel
-// has put them, and lent until then.
+// Messages on their way to the peer, sent without a copy: the kernel lends its buffers until then.
 class Batch {
  public:
   explicit Batch(uk_nlsock *sock) : sock_(sock) {}
@@ -96,26 +95,26 @@ class Batch {
   Batch(const Batch &) = delete;
   Batch &operator=(const Batch &) = delete;
 
-  /* At least one message, or the error of waiting for it. `several`: in packets of several; may
-   * change while it waits. */
-  long fill(const std::atomic<bool> &several) {
+  /* Waits for at least one message; 0 or the error of the wait. `batched`: several messages per
+   * packet; may change during the wait. */
+  long fill(const std::atomic<bool> &batched) {
     const long n = uk_nl_take(sock_, lent_, kMessages, kReceiveWaitMs);
     if (n < 0) return n;
     messages_ = static_cast<size_t>(n);
-    const bool company = several;
+    const bool several = batched;
     for (const uk_nl_lent &message : std::span(lent_, messages_)) {
-      if (company)
-        add_to_company(message);
+      if (several)
+        append(message);
       else
-        add_alone(message, message.len);
+        start_packet(message, message.len);
     }
     return 0;
   }
 
-  /* Did nothing wait behind it? */
-  bool emptied() const { return messages_ < kMessages; }
+  /* Did it take all that was queued? */
+  bool drained() const { return messages_ < kMessages; }
 
-  /* Leaves it empty. False: the peer has hung up. */
+  /* Sends and empties the batch. False: the peer has hung up. */
   bool send_to(int connection) {
     for (size_t sent = 0; sent < packets_;) {
       const int n = sendmmsg(connection, &headers_[sent], static_cast<unsigned>(packets_ - sent),
@@ -133,8 +132,7 @@ class Batch {
     messages_ = packets_ = parts_used_ = 0;
   }
 
-  /* In a packet of its own. */
-  void add_alone(const uk_nl_lent &message, size_t n) {
+  void start_packet(const uk_nl_lent &message, size_t n) {
     headers_[packets_] = {};
     headers_[packets_].msg_hdr.msg_iov = &parts_[parts_used_];
     packets_++;
@@ -142,8 +140,9 @@ class Batch {
     add_part(message.data, n);
   }
 
-  /* Without what fills the buffer of a page up, but up to where the next message may begin. */
-  void add_to_company(const uk_nl_lent &message) {
+  /* To the last packet, if it fits. Without the unused end of a page buffer, but aligned for the
+   * next message. */
+  void append(const uk_nl_lent &message) {
     size_t n = message.len;
     if (n >= sizeof(nlmsghdr))
       n = std::clamp<size_t>(head_of(message.data).nlmsg_len, sizeof(nlmsghdr), n);
@@ -151,7 +150,7 @@ class Batch {
     if (packets_ != 0 && packet_bytes_ + n + padding <= OX_CTL_DAEMON_PACKET_MAX)
       add_part(message.data, n);
     else
-      add_alone(message, n);
+      start_packet(message, n);
     static constexpr char kPadding[NLMSG_ALIGNTO] = {};
     if (padding != 0) add_part(kPadding, padding);
   }
@@ -173,38 +172,38 @@ class Batch {
 
 }  // namespace
 
-// Messages for the peer, until its socket is shut down or it has hung up. It acts as this program:
-// a receiver needs no identity, and the peer's task is busy sending.
-static void pump_to_peer(uk_nlsock *sock, int connection, const std::atomic<bool> *several) {
+// Messages for the peer, until its socket is shut down or it has hung up. Runs as this program:
+// receiving needs no identity, and the peer's task is used by the other pump.
+static void pump_to_peer(uk_nlsock *sock, int connection, const std::atomic<bool> *batched) {
   const Task task(service_identity());
   const ActAs act(task);
   Batch batch(sock);
   for (;;) {
-    const long err = batch.fill(*several);
+    const long err = batch.fill(*batched);
     if (err == -ESHUTDOWN) return;
-    // Nothing came for a while, or messages were lost, which the peer learns from their numbers.
+    // A time-out, or messages were lost, which the peer sees from the sequence numbers.
     if (err < 0) continue;
-    const bool emptied = batch.emptied();
+    const bool drained = batch.drained();
     if (!batch.send_to(connection)) break;
-    if (emptied) std::this_thread::sleep_for(kRest);
+    if (drained) std::this_thread::sleep_for(kBatchDelay);
   }
-  // Wakes the other pump, which ends the connection.
+  // Ends the other pump, and with it the connection.
   shutdown(connection, SHUT_RDWR);
 }
 
-// A hello says what kind of packets the daemon wants.
-static void note_hello(const nlmsghdr &head, std::atomic<bool> *several) {
-  if (head.nlmsg_type == OX_NL_HELO) *several = (head.nlmsg_flags & OX_CTL_HELO_SEVERAL) != 0;
+// The flags of a hello say whether the daemon takes several messages per packet.
+static void note_hello(const nlmsghdr &head, std::atomic<bool> *batched) {
+  if (head.nlmsg_type == OX_NL_HELO) *batched = (head.nlmsg_flags & OX_CTL_HELO_SEVERAL) != 0;
 }
 
-// The peer's messages, until it hangs up. The calling thread acts as the peer.
-static void pump_to_kernel(int connection, uk_nlsock *sock, std::atomic<bool> *several) {
+// Messages from the peer, until it hangs up. The calling thread's task is the peer's.
+static void pump_to_kernel(int connection, uk_nlsock *sock, std::atomic<bool> *batched) {
   std::vector<char> packet(kPacketMax);
   for (;;) {
     const ssize_t n = recv(connection, packet.data(), packet.size(), MSG_TRUNC);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return;
-    if (static_cast<size_t>(n) >= sizeof(nlmsghdr)) note_hello(head_of(packet.data()), several);
+    if (static_cast<size_t>(n) >= sizeof(nlmsghdr)) note_hello(head_of(packet.data()), batched);
     const long sent = static_cast<size_t>(n) > packet.size()
                           ? -EMSGSIZE
                           : uk_nl_send(sock, packet.data(), static_cast<size_t>(n));
@@ -216,15 +215,16 @@ static void pump_to_kernel(int connection, uk_nlsock *sock, std::atomic<bool> *s
   }
 }
 
-// Room for what comes while the peer wakes up; without the right to more, as much as anybody gets.
-static void widen(int connection) {
+// Room for the messages of the time in which the peer wakes up. Without CAP_NET_ADMIN the limit of
+// ordinary sockets applies.
+static void enlarge_send_buffer(int connection) {
   const int bytes = kSocketBytes;
   if (setsockopt(connection, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof(bytes)) != 0)
     setsockopt(connection, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof(bytes));
 }
 
-// The messages of a peer that may not say anything: the module would drop each with a line in its
-// log, which has room for so many lines.
+// For unprivileged peers: the module would drop each message with a line in its log, and so push
+// other lines out of it.
 static void drop_messages(int connection) {
   char first;
   for (ssize_t n = 1; n > 0 || (n < 0 && errno == EINTR);)
@@ -236,11 +236,11 @@ static Result<void> serve_daemon(int connection, const Task &task) {
   const ActAs act(task);
   NetlinkSocket sock;
   if (auto opened = sock.open(); !opened) return opened;
-  widen(connection);
-  std::atomic<bool> several = false;
-  std::thread to_peer(pump_to_peer, sock.get(), connection, &several);
-  pump_to_kernel(connection, sock.get(), &several);
-  // The other pump ends with what has been sent until now, or with the peer.
+  enlarge_send_buffer(connection);
+  std::atomic<bool> batched = false;
+  std::thread to_peer(pump_to_peer, sock.get(), connection, &batched);
+  pump_to_kernel(connection, sock.get(), &batched);
+  // The other pump still delivers what is queued, unless the peer has gone.
   uk_nl_shutdown(sock.get());
   to_peer.join();
   return {};
@@ -251,7 +251,7 @@ Result<void> serve_daemon_channel(int connection, const Identity &peer) {
     drop_messages(connection);
     return {};
   }
-  // Taken now: the number may belong to another process when a signal is due.
+  // Opened now: the process id may be reused before a signal is due.
   UniqueFd process(pidfd_open(peer.pid, 0));
   const Task task(peer);
   uk_task_set_signal_handler(task.get(), deliver_signal, &process);

@@ -3,11 +3,10 @@
  * The daemon channel: each connection is one netlink socket of the peer, and each packet one
  * message, or several where the peer's hello asks for it (ox_ctl.h).
  *
- * Two pumps move the messages. The one to the peer passes on what waits, then rests for half a
- * millisecond: a message on its own goes at once, and of many that come at a time many go together.
- * It blocks while the peer does not read, so that the socket's receive queue fills and whoever
- * sends waits, as long as the kernel says. A signal that the kernel sends to the peer's process
- * goes there.
+ * Two pumps move the messages. The one to the peer sends a batch, then pauses for half a
+ * millisecond: a single message goes at once, and messages of a burst go together. It blocks while
+ * the peer does not read. Then the netlink socket's receive queue fills, and senders wait as long
+ * as the kernel lets them. Signals of the kernel to the peer's process are delivered to it.
  */
 #ifndef TARND_CHANNEL_DAEMON_CHANNEL_H
 #define TARND_CHANNEL_DAEMON_CHANNEL_H

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Who is at the other end of a local socket, and what that one may do. */
+/* The identity and the privilege of a local socket's peer. */
 #ifndef TARND_CHANNEL_PEER_H
 #define TARND_CHANNEL_PEER_H
 
@@ -8,10 +8,8 @@
 
 namespace tarnd {
 
-/*
- * The peer as SO_PEERCRED knows it from its connect: a privileged one (root, or the user that runs
- * tarnd) has every capability, others have none.
- */
+/* From SO_PEERCRED, at the time of the connect. Root and the user that runs tarnd have every
+ * capability, others none. */
 tarn::Result<Identity> peer_identity(int socket);
 
 inline bool is_privileged(const Identity &peer) {

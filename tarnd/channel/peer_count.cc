@@ -5,20 +5,20 @@ namespace tarnd {
 
 bool PeerCount::enter(uid_t uid) {
   const std::lock_guard lock(mutex_);
-  if (of_all_ >= kMostOfAll) return false;
-  int &count = of_one_[uid];
-  if (count >= kMostOfOne) return false;
+  if (total_ >= kMaxTotal) return false;
+  int &count = per_user_[uid];
+  if (count >= kMaxPerUser) return false;
   count++;
-  of_all_++;
+  total_++;
   return true;
 }
 
 void PeerCount::leave(uid_t uid) {
   const std::lock_guard lock(mutex_);
-  const auto at = of_one_.find(uid);
-  if (at == of_one_.end()) return;
-  if (--at->second == 0) of_one_.erase(at);
-  of_all_--;
+  const auto at = per_user_.find(uid);
+  if (at == per_user_.end()) return;
+  if (--at->second == 0) per_user_.erase(at);
+  total_--;
 }
 
 }  // namespace tarnd

@@ -15,8 +15,8 @@ namespace tarnd {
 using tarn::Result;
 using tarn::UniqueFd;
 
-// How long a connection may still say what it has to.
-static constexpr std::chrono::seconds kLastWords{1};
+// How long connections may finish their replies after stop().
+static constexpr std::chrono::seconds kDrainTime{1};
 
 Server::Server(UniqueFd listener, Serve serve)
     : listener_(std::move(listener)), serve_(std::move(serve)) {}
@@ -35,7 +35,7 @@ void Server::stop() {
   acceptor_.join();
   lock.lock();
   const auto all_ended = [this] { return open_.empty(); };
-  if (ended_.wait_for(lock, kLastWords, all_ended)) return;
+  if (ended_.wait_for(lock, kDrainTime, all_ended)) return;
   for (int connection : open_) shutdown(connection, SHUT_RDWR);
   ended_.wait(lock, all_ended);
 }
@@ -46,7 +46,7 @@ void Server::accept_all() {
     std::unique_lock lock(mutex_);
     if (stopping_) return;
     if (!connection) {
-      // Out of descriptors or memory: what is being served will give some back.
+      // Out of descriptors or memory: other connections will release some.
       ended_.wait_for(lock, std::chrono::milliseconds(100));
       continue;
     }
@@ -85,9 +85,8 @@ void Server::serve_one(UniqueFd connection) {
   } catch (const std::exception &e) {
     closed_.print(std::string("connection closed: ") + e.what());
   }
-  // The number must be off the list before it is closed and can be given out again. Notifying under
-  // the lock is what lets stop() return, and the object go, only after this thread has done its
-  // last with it.
+  // Erased before it is closed: the descriptor number may be reused at once. Notified under the
+  // lock: stop() may return, and the object be destroyed, as soon as the lock is released.
   std::lock_guard lock(mutex_);
   open_.erase(connection.get());
   connection.reset();

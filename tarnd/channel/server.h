@@ -2,11 +2,10 @@
 /*
  * Accepts connections on a listening socket and serves each on a thread of its own.
  *
- * start() once, stop() once: it ends what the connections read, after a second also what they
- * write, and returns when their threads have ended, so that a serve function that only blocks on
- * its socket needs nothing else to end. Errors of a serve function, and what it throws, end its
- * connection and go to standard error. Users without privileges have a few connections each
- * (peer_count.h); what is more is closed at once.
+ * start() once, stop() once. stop() shuts the connections down for reading, after a second for
+ * writing as well, and joins their threads. That ends a serve function which only blocks on its
+ * socket. An error or an exception of a serve function ends its connection and goes to standard
+ * error. Connections of unprivileged users beyond their limit (peer_count.h) are closed at once.
  */
 #ifndef TARND_CHANNEL_SERVER_H
 #define TARND_CHANNEL_SERVER_H

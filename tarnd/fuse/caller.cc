@@ -19,14 +19,13 @@
 
 namespace tarnd {
 
-// The host tells a process's rights in a text that takes longer to make and read than most requests
-// take. No process changes them often, and the host's own check, which comes first, knows them as
-// they are.
-static constexpr std::chrono::milliseconds kRightsGood{10};
+// Reading a process's rights from /proc takes longer than most requests, and they change rarely.
+// The host's own permission check comes first and uses the current ones.
+static constexpr std::chrono::milliseconds kRightsTtl{10};
 
 static thread_local CallerTask *worker_task;
 
-// All there are: an interruption may come late, when its worker has ended.
+// All tasks of workers: an interrupt may arrive after its worker has ended.
 static std::mutex all_mutex;
 static std::vector<CallerTask *> all_tasks;  // under all_mutex
 
@@ -48,15 +47,14 @@ CallerTask &caller_task() {
   return *worker_task;
 }
 
-// Whether two paths lead to one file. A path from a process's own mount name space may lead to
-// another here, or to nothing.
+// Whether two paths lead to one file. A path from another mount name space may lead elsewhere here.
 static bool same_file(const char *one, const char *other) {
   struct stat a, b;
   return stat(one, &a) == 0 && stat(other, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// 0 for what the host kernel does by itself, which has no process, and for a program that is not
-// what this program finds at the path.
+// The path of the caller's program. 0 for requests of the host kernel itself, which have no
+// process, and for a program that has another path in our mount name space.
 static long caller_exe(int pid, char *buf, unsigned long size) {
   if (pid == 0) return 0;
   char link[32], path[PATH_MAX];
@@ -69,21 +67,21 @@ static long caller_exe(int pid, char *buf, unsigned long size) {
   return len;
 }
 
-// The signals that wait for a thread of the host's; bit n - 1 is signal n. Which they are matters:
-// most do not end a wait for a daemon.
-static unsigned long long waiting_signals(int tid) {
+// The pending signals of a thread of the host that are not blocked; bit n - 1 is signal n. Most
+// signals do not end a wait for a daemon.
+static unsigned long long pending_signals(int tid) {
   std::ifstream status(fmt::format("/proc/{}/status", tid));
-  unsigned long long waiting = 0, blocked = 0;
+  unsigned long long pending = 0, blocked = 0;
   for (std::string name; status >> name;
        status.ignore(std::numeric_limits<std::streamsize>::max(), '\n')) {
     unsigned long long set = 0;
     if (name == "SigPnd:" || name == "ShdPnd:") {
-      if (status >> std::hex >> set) waiting |= set;
+      if (status >> std::hex >> set) pending |= set;
     } else if (name == "SigBlk:") {
       if (status >> std::hex >> set) blocked = set;
     }
   }
-  return waiting & ~blocked;
+  return pending & ~blocked;
 }
 
 static Step step_of(Need need) {
@@ -91,7 +89,7 @@ static Step step_of(Need need) {
   return need == Need::kPath ? Step::kLast : Step::kNone;
 }
 
-// Some milliseconds each. The exact clock would cost each request some 40 ns.
+// Steps of 4 ms. The exact clock costs each request some 40 ns.
 static unsigned long tick() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -103,25 +101,24 @@ bool CallerTask::continues_walk(int pid, Need need) {
   return walk_.take(pid, step_of(need), tick());
 }
 
-// What the host kernel does by itself (write-back) has no process, and neither has a program of
-// another process name space for us: the host's own check, which knows its capabilities, is all
-// that there is then.
+// Requests of the host kernel itself (write-back), and of programs in another process name space,
+// come without a process. For these the host's own permission check is the only one.
 const ProcessRights &CallerTask::rights_of(const fuse_ctx &ctx, Clock::time_point now) {
   static const ProcessRights none{}, all{{}, kAllCapabilities};
   if (ctx.pid == 0) return ctx.uid == 0 ? all : none;
-  KnownRights *oldest = &known_[0];
-  for (KnownRights &known : known_) {
-    if (known.pid == ctx.pid && known.uid == ctx.uid && known.gid == ctx.gid &&
-        now < known.good_until)
-      return known.rights;
-    if (known.good_until < oldest->good_until) oldest = &known;
+  CachedRights *oldest = &rights_cache_[0];
+  for (CachedRights &cached : rights_cache_) {
+    if (cached.pid == ctx.pid && cached.uid == ctx.uid && cached.gid == ctx.gid &&
+        now < cached.valid_until)
+      return cached.rights;
+    if (cached.valid_until < oldest->valid_until) oldest = &cached;
   }
-  oldest->pid = 0;  // nobody, should the next step fail
+  oldest->pid = 0;  // unused, should the next step fail
   oldest->rights = process_rights(ctx.pid);
   oldest->pid = ctx.pid;
   oldest->uid = ctx.uid;
   oldest->gid = ctx.gid;
-  oldest->good_until = now + kRightsGood;
+  oldest->valid_until = now + kRightsTtl;
   return oldest->rights;
 }
 
@@ -131,7 +128,7 @@ void CallerTask::become(fuse_req_t req, Need need) {
   const bool same =
       identity_.pid == ctx->pid && identity_.uid == ctx->uid && identity_.gid == ctx->gid;
   const Clock::time_point now = Clock::now();
-  if (same && (need == Need::kBasic || now < rights_good_until_)) return;
+  if (same && (need == Need::kBasic || now < rights_valid_until_)) return;
 
   Identity caller;
   caller.pid = ctx->pid;
@@ -143,9 +140,9 @@ void CallerTask::become(fuse_req_t req, Need need) {
     caller.capabilities = rights.capabilities;
   }
   caller.find_exe = caller_exe;
-  rights_good_until_ = need != Need::kBasic ? now + kRightsGood : Clock::time_point();
+  rights_valid_until_ = need != Need::kBasic ? now + kRightsTtl : Clock::time_point();
   if (caller == identity_) return;
-  identity_.pid = -1;  // nobody, should the next step fail
+  identity_.pid = -1;  // unused, should the next step fail
   task_.become(caller);
   identity_ = std::move(caller);
 }
@@ -156,34 +153,34 @@ void CallerTask::interrupted(fuse_req_t req, void *task) {
   if (at == all_tasks.end()) return;
   CallerTask *self = *at;
   const std::lock_guard lock(self->mutex_);
-  if (self->listening_ != req) return;
+  if (self->watched_ != req) return;
   self->interrupted_ = true;
-  uk_task_interrupt(self->task_.get(), waiting_signals(fuse_req_ctx(req)->pid));
+  uk_task_interrupt(self->task_.get(), pending_signals(fuse_req_ctx(req)->pid));
 }
 
-void CallerTask::answered() {
-  if (worker_task) worker_task->waiting_ = nullptr;
+void CallerTask::reply_due() {
+  if (worker_task) worker_task->interruptible_ = nullptr;
 }
 
 void CallerTask::before_wait(void *task) {
   auto *self = static_cast<CallerTask *>(task);
-  if (self->waiting_ && !self->listening_) self->listen();
+  if (self->interruptible_ && !self->watched_) self->watch_interrupts();
 }
 
-void CallerTask::listen() {
+void CallerTask::watch_interrupts() {
   {
     const std::lock_guard lock(mutex_);
-    listening_ = waiting_;
+    watched_ = interruptible_;
   }
-  // Not under the lock: it calls back at once if the interruption came first.
-  fuse_req_interrupt_func(waiting_, interrupted, this);
+  // Not under the lock: libfuse calls back at once if the interrupt came first.
+  fuse_req_interrupt_func(interruptible_, interrupted, this);
 }
 
-void CallerTask::calm() {
-  waiting_ = nullptr;
-  if (!listening_) return;
+void CallerTask::end_wait() {
+  interruptible_ = nullptr;
+  if (!watched_) return;
   const std::lock_guard lock(mutex_);
-  listening_ = nullptr;
+  watched_ = nullptr;
   if (interrupted_) uk_task_calm(task_.get());
   interrupted_ = false;
 }

@@ -16,17 +16,17 @@
 
 namespace tarnd {
 
-/* What of the caller the operation can depend on, besides pid, user and group. */
+/* What the operation needs to know of its caller, besides pid, user and group. */
 enum class Need {
   kBasic,
-  kRights, /* groups and capabilities: whatever checks permissions, and what is written */
-  kLookup, /* these, of a look-up */
-  kPath,   /* these, of what follows the look-ups of its path in one system call of the caller's */
+  kRights, /* groups and capabilities, for permission checks and writes */
+  kLookup, /* the same, for a look-up */
+  kPath,   /* the same, for an operation that follows look-ups in one system call (path_walk.h) */
 };
 
 /*
- * The task that a worker thread lends to one caller after another; each worker has one while it
- * runs. It stays whoever was lent it last, and no process id leads to it.
+ * A worker's task. Each worker has one while it runs. It takes on the identity of the caller of
+ * each request, and no look-up by process id finds it.
  */
 class CallerTask {
  public:
@@ -36,57 +36,57 @@ class CallerTask {
   CallerTask &operator=(const CallerTask &) = delete;
 
   const Task &task() const { return task_; }
-  /* Makes it the request's caller. Throws std::bad_alloc. */
+  /* Takes on the identity of the request's caller. Throws std::bad_alloc. */
   void become(fuse_req_t req, Need need);
-  /* The calling thread's request, if there is one, is about to be answered, and with that gone. */
-  static void answered();
+  /* The calling worker's request, if it has one, is about to be replied to and becomes invalid. */
+  static void reply_due();
 
  private:
-  friend class Listening;
+  friend class InterruptScope;
   using Clock = std::chrono::steady_clock;
-  struct KnownRights {
-    pid_t pid = 0; /* 0: of nobody */
+  struct CachedRights {
+    pid_t pid = 0; /* 0: unused */
     uid_t uid = 0;
     gid_t gid = 0;
     ProcessRights rights;
-    Clock::time_point good_until;
+    Clock::time_point valid_until;
   };
   const ProcessRights &rights_of(const fuse_ctx &ctx, Clock::time_point now);
   bool continues_walk(int pid, Need need);
   static void interrupted(fuse_req_t req, void *task);
   static void before_wait(void *task);
-  void listen();
-  void calm();
+  void watch_interrupts();
+  void end_wait();
 
   Task task_;
   Identity identity_;
-  Clock::time_point rights_good_until_;
-  std::array<KnownRights, 4> known_; /* of those whom it was last */
+  Clock::time_point rights_valid_until_;
+  std::array<CachedRights, 4> rights_cache_;
   PathWalk walk_;
 
-  fuse_req_t waiting_ = nullptr;  // whose interruption ends a wait; null once it is answered
+  fuse_req_t interruptible_ = nullptr;  // its interrupt ends a wait; null once it is replied to
   std::mutex mutex_;
-  fuse_req_t listening_ = nullptr;  // the same once there was a wait; changed under mutex_
-  bool interrupted_ = false;        // under mutex_
+  fuse_req_t watched_ = nullptr;  // the same, once the task has waited; changed under mutex_
+  bool interrupted_ = false;      // under mutex_
 };
 
 /*
- * As long as it lasts, an interruption of the request ends a wait of the task. Most requests never
- * wait, and to be told of interruptions costs more than many of them do, so that is asked for when
- * the task is about to.
+ * While it exists, an interrupt of the request ends a wait of the task. The interrupt callback is
+ * registered only when the task is about to wait: registering costs more than many requests, and
+ * most never wait.
  */
-class Listening {
+class InterruptScope {
  public:
-  Listening(CallerTask &task, fuse_req_t req) : task_(task) { task_.waiting_ = req; }
-  ~Listening() { task_.calm(); }
-  Listening(const Listening &) = delete;
-  Listening &operator=(const Listening &) = delete;
+  InterruptScope(CallerTask &task, fuse_req_t req) : task_(task) { task_.interruptible_ = req; }
+  ~InterruptScope() { task_.end_wait(); }
+  InterruptScope(const InterruptScope &) = delete;
+  InterruptScope &operator=(const InterruptScope &) = delete;
 
  private:
   CallerTask &task_;
 };
 
-/* The calling worker's. */
+/* That of the calling worker. */
 CallerTask &caller_task();
 
 }  // namespace tarnd

@@ -22,16 +22,16 @@ static void op_init(void *, fuse_conn_info *conn) {
   // Writes come one by one in the order in which they are made, in plain buffers.
   conn->want &= ~(FUSE_CAP_WRITEBACK_CACHE | FUSE_CAP_ASYNC_DIO | FUSE_CAP_SPLICE_READ |
                   FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
-  // What was read stays as it was read, as in the layer's own page cache, which does not look for
-  // changes of the lower file either: so no look at the attributes before each read.
+  // No getattr before each read to validate the host's page cache: the module's own page cache does
+  // not look for changes of the lower file either.
   conn->want &= ~FUSE_CAP_AUTO_INVAL_DATA;
-  // Only the host knows which programs run, and so must not be cut: it asks for the truncation of
-  // an open when it has looked.
+  // The host refuses to truncate a running program. Only it knows which programs run, so it checks
+  // first and sends the truncation of an open as a setattr.
   conn->want &= ~FUSE_CAP_ATOMIC_O_TRUNC;
-  // The host itself checks who may do what, with the access lists that it is told of: whoever opens
-  // a FIFO, a socket or a device asks nobody else. The kernel in this process checks again, below.
+  // The host checks permissions, with the access lists that it reads here: an open of a FIFO, a
+  // socket or a device sends no request. The kernel in this process checks again.
   conn->want |= conn->capable & FUSE_CAP_POSIX_ACL;
-  // The kernel in this process takes set-user-id off where its own calls do.
+  // The kernel in this process clears set-user-id bits where its own calls do.
   conn->want |= conn->capable & FUSE_CAP_HANDLE_KILLPRIV;
 }
 
@@ -39,25 +39,25 @@ fuse_entry_param to_entry(uk_node *node, const uk_stat &stat) {
   fuse_entry_param entry{};
   entry.ino = reinterpret_cast<fuse_ino_t>(node);
   entry.attr = to_stat(stat);
-  entry.attr_timeout = kForThisCall;
-  entry.entry_timeout = kNotKept;
+  entry.attr_timeout = kAttrTimeout;
+  entry.entry_timeout = kEntryTimeout;
   return entry;
 }
 
-// The other descriptors are for files that are only remembered, for what the kernel in this process
-// keeps, and for root and the control channel.
-static size_t most_lasting() {
+// The other descriptors are for files in the host's dentry cache, for the caches of the kernel in
+// this process, for root and for the control channel.
+static size_t descriptor_limit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
     return std::numeric_limits<size_t>::max();
   return limit.rlim_cur / 2;
 }
 
-bool may_hold_more(fuse_req_t req) {
-  static const size_t most = most_lasting();
+bool may_open_more(fuse_req_t req) {
+  static const size_t limit = descriptor_limit();
   const Mount *mount = mount_of(req);
-  const size_t lasting = mount->holdings().open_files() + uk_kept_directories();
-  if (fuse_req_ctx(req)->uid == 0 || lasting < most) return true;
+  const size_t used = mount->lookups().open_files() + uk_kept_directories();
+  if (fuse_req_ctx(req)->uid == 0 || used < limit) return true;
   static LimitedWarning refused;
   refused.print(mount->mountpoint() +
                 ": open files, and directories that have to stay open, have half of all "
@@ -70,23 +70,23 @@ static Kind kind_of(const uk_stat &stat) {
   return S_ISDIR(stat.mode) ? Kind::kDirectory : Kind::kFile;
 }
 
-bool add_node(fuse_req_t req, uk_node *node, const uk_stat &stat) {
+bool count_lookup(fuse_req_t req, uk_node *node, const uk_stat &stat) {
   const Kind kind = kind_of(stat);
-  if (kind == Kind::kDirectory && !may_hold_more(req)) {
+  if (kind == Kind::kDirectory && !may_open_more(req)) {
     uk_node_put(node, 1);
     return false;
   }
-  mount_of(req)->holdings().add_node(node, kind);
+  mount_of(req)->lookups().add_lookup(node, kind);
   return true;
 }
 
 void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat) {
-  if (!add_node(req, node, stat)) {
+  if (!count_lookup(req, node, stat)) {
     reply_error(req, -ENFILE);
     return;
   }
   const fuse_entry_param entry = to_entry(node, stat);
-  if (fuse_reply_entry(req, &entry) == -ENOENT) mount_of(req)->holdings().drop_node(node, 1);
+  if (fuse_reply_entry(req, &entry) == -ENOENT) mount_of(req)->lookups().forget(node, 1);
 }
 
 const fuse_lowlevel_ops &fuse_operations() {

@@ -24,19 +24,18 @@ void add_attribute_operations(fuse_lowlevel_ops *ops);
 void add_file_operations(fuse_lowlevel_ops *ops);
 
 /*
- * Names are not kept by the host: each path walk asks for each name again, so that a change made
- * directly in the lower directory is seen at once. What the walk of a system call has found is good
- * for that call (path_walk.h).
+ * The host caches no names: each path walk looks each name up again, so that a change made directly
+ * in the lower directory is seen at once. The result of a walk is valid for its system call
+ * (path_walk.h).
  *
- * A name's answer brings the attributes with it, and the call that looked the name up needs them
- * right after it, to check what the caller may do and perhaps to tell them: for that they may be
- * used until the host's clock ticks twice.
+ * Attributes are valid for two ticks of the host's clock. That is enough for the system call that
+ * looked the name up: it checks permissions with them, and stat() returns them.
  *
- * The host is not told to drop anything while a request is served: it may wait for pages that other
- * requests hold, and those for the threads that all wait here.
+ * No worker sends an invalidation to the host. The host may wait there for a page that another
+ * request has locked, and that request for a worker.
  */
-inline constexpr double kNotKept = 0;
-inline constexpr double kForThisCall = 1e-6;
+inline constexpr double kEntryTimeout = 0;
+inline constexpr double kAttrTimeout = 1e-6;
 
 inline Mount *mount_of(fuse_req_t req) {
   return static_cast<Mount *>(fuse_req_userdata(req));
@@ -60,22 +59,19 @@ inline void reply_error(fuse_req_t req, long err) {
 }
 
 /*
- * Whether the caller may have one more open file, or a directory that costs a descriptor: for as
- * long as programs like, and root must be able to do something about it. Warns when not.
+ * Whether the caller may have one more open file, or a directory with a descriptor. Users may have
+ * half of all descriptors in use; root may always open more. Prints a warning when not.
  */
-bool may_hold_more(fuse_req_t req);
-/* The reference that came with the node is the host's from here on; false if the host may not have
- * it, and then it is given back. */
-bool add_node(fuse_req_t req, uk_node *node, const uk_stat &stat);
-/* The same with the answer. The reference is the host's unless it is not there to take
- * it. */
+bool may_open_more(fuse_req_t req);
+/* Takes the caller's reference to the node for the host. False, with the reference dropped, if
+ * may_open_more() refuses. */
+bool count_lookup(fuse_req_t req, uk_node *node, const uk_stat &stat);
+/* The same with the reply. Drops the reference if the reply cannot be delivered. */
 void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat);
 fuse_entry_param to_entry(uk_node *node, const uk_stat &stat);
 
-/*
- * Runs an adapter's body as the request's caller; without memory for the caller's identity the
- * answer is ENOMEM. No exception may reach libfuse.
- */
+/* Runs an adapter's body as the request's caller. Replies ENOMEM when memory runs out: no exception
+ * may reach libfuse. */
 template <typename Body>
 void as_caller(fuse_req_t req, Need need, Body body) {
   try {
@@ -88,18 +84,18 @@ void as_caller(fuse_req_t req, Need need, Body body) {
   }
 }
 
-/* The same of what may have to wait for a daemon: a signal to the caller ends the wait. */
+/* The same for operations that may wait for a daemon: a signal to the caller ends the wait. */
 template <typename Body>
 void as_waiting_caller(fuse_req_t req, Need need, Body body) {
   as_caller(req, need, [&] {
-    const Listening listening(caller_task(), req);
+    const InterruptScope interrupts(caller_task(), req);
     body();
   });
 }
 
-/* The same of what gives back: whose task it is does not matter. */
+/* For releases; runs as no particular caller. */
 template <typename Body>
-void as_anybody(Body body) {
+void for_release(Body body) {
   const ActAs act(caller_task().task());
   body();
 }

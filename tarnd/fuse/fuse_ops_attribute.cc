@@ -16,7 +16,7 @@ static void reply_stat(fuse_req_t req, int err, const uk_stat &stat) {
     return;
   }
   const struct stat attr = to_stat(stat);
-  fuse_reply_attr(req, &attr, kForThisCall);
+  fuse_reply_attr(req, &attr, kAttrTimeout);
 }
 
 static void op_getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {

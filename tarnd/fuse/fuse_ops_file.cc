@@ -13,24 +13,24 @@
 
 namespace tarnd {
 
-static void hold_opened(Mount *mount, uk_file *file, uk_node *node, fuse_file_info *fi) {
-  mount->holdings().add_file(file, node);
+static void register_open(Mount *mount, uk_file *file, uk_node *node, fuse_file_info *fi) {
+  mount->lookups().add_open_file(file, node);
   fi->fh = reinterpret_cast<uint64_t>(file);
-  fi->keep_cache = 1;  // what was read stays good
-  fi->noflush = 1;     // nothing is held back here for a descriptor that is closed
+  fi->keep_cache = 1;  // the host keeps the page cache of an earlier open
+  fi->noflush = 1;     // close() has nothing to write back here
 }
 
-// The file is the host's until it releases it, unless it is not there to take it.
+// Releases the file at once if the reply cannot be delivered.
 static void reply_opened(fuse_req_t req, fuse_ino_t ino, uk_file *file, fuse_file_info *fi) {
   Mount *mount = mount_of(req);
-  hold_opened(mount, file, node_of(req, ino), fi);
-  if (fuse_reply_open(req, fi) == -ENOENT) mount->holdings().drop_file(file);
+  register_open(mount, file, node_of(req, ino), fi);
+  if (fuse_reply_open(req, fi) == -ENOENT) mount->lookups().release(file);
 }
 
 static void open_node(fuse_req_t req, fuse_ino_t ino, int flags, fuse_file_info *fi) {
   as_waiting_caller(req, Need::kPath, [&] {
     uk_file *file = nullptr;
-    const int err = may_hold_more(req) ? uk_open(node_of(req, ino), flags, &file) : -ENFILE;
+    const int err = may_open_more(req) ? uk_open(node_of(req, ino), flags, &file) : -ENFILE;
     if (err) {
       reply_error(req, err);
     } else {
@@ -49,13 +49,13 @@ static void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
 
 static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t mode,
                       fuse_file_info *fi) {
-  // Not kPath: whether the name is still free is for the kernel to ask.
+  // Not kPath: the kernel looks up again whether the name is free.
   as_waiting_caller(req, Need::kRights, [&] {
     uk_node *node = nullptr;
     uk_file *file = nullptr;
     uk_stat stat{};
     const int flags = fi->flags & ~O_NOCTTY;
-    const int err = may_hold_more(req)
+    const int err = may_open_more(req)
                         ? uk_create(node_of(req, parent), name, flags, mode, &node, &file, &stat)
                         : -ENFILE;
     if (err) {
@@ -63,19 +63,19 @@ static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_
       return;
     }
     Mount *mount = mount_of(req);
-    Holdings &holdings = mount->holdings();
-    holdings.add_node(node, Kind::kFile);
-    hold_opened(mount, file, node, fi);
+    LookupTable &lookups = mount->lookups();
+    lookups.add_lookup(node, Kind::kFile);
+    register_open(mount, file, node, fi);
     const fuse_entry_param entry = to_entry(node, stat);
     if (fuse_reply_create(req, &entry, fi) == -ENOENT) {
-      holdings.drop_file(file);
-      holdings.drop_node(node, 1);
+      lookups.release(file);
+      lookups.forget(node, 1);
     }
   });
 }
 
-// Room for one answer, the worker's own: it is used again and again, and not cleared.
-static char *answer_room(size_t size) {
+// One reply buffer per worker, reused without clearing.
+static char *reply_buffer(size_t size) {
   static thread_local std::unique_ptr<char[]> room;
   static thread_local size_t room_size;
   if (size > room_size) {
@@ -88,7 +88,7 @@ static char *answer_room(size_t size) {
 
 static void op_read(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info *fi) {
   as_caller(req, Need::kBasic, [&] {
-    char *data = answer_room(size);
+    char *data = reply_buffer(size);
     const long got = uk_read(file_of(fi), data, size, static_cast<unsigned long long>(off));
     if (got < 0) {
       reply_error(req, got);
@@ -120,8 +120,8 @@ static void op_fsync(fuse_req_t req, fuse_ino_t, int datasync, fuse_file_info *f
 }
 
 static void op_release(fuse_req_t req, fuse_ino_t, fuse_file_info *fi) {
-  as_anybody([&] {
-    mount_of(req)->holdings().drop_file(file_of(fi));
+  for_release([&] {
+    mount_of(req)->lookups().release(file_of(fi));
     fuse_reply_err(req, 0);
   });
 }
@@ -154,10 +154,10 @@ static int add_name(void *arg, const char *name, unsigned long long ino, unsigne
 
 static void op_readdir(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info *fi) {
   as_caller(req, Need::kBasic, [&] {
-    Listing listing{req, answer_room(size), size};
+    Listing listing{req, reply_buffer(size), size};
     const int err =
         uk_readdir(file_of(fi), static_cast<unsigned long long>(off), add_name, &listing);
-    // Names that were read before an error are handed out first; the next call meets it again.
+    // Names that were read before an error are returned first; the next call gets the error again.
     if (err && listing.used == 0) {
       reply_error(req, err);
     } else {
@@ -168,7 +168,7 @@ static void op_readdir(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_
 
 namespace {
 
-// A name of a listing that its node and attributes are still to be added to.
+// A name of a listing, before its look-up.
 struct Name {
   std::string text;
   unsigned long long ino;
@@ -195,13 +195,13 @@ static int collect_name(void *arg, const char *text, unsigned long long ino, uns
   return 0;
 }
 
-// A name whose node cannot be had, "." and ".." go without one: the host asks if it wants to know.
+// No node for ".", ".." and names whose look-up fails: the host looks them up when it needs them.
 static fuse_entry_param entry_of(fuse_req_t req, fuse_ino_t dir, const Name &name) {
   uk_node *node = nullptr;
   uk_stat stat{};
   const bool itself = name.text == "." || name.text == "..";
   if (!itself && uk_lookup(node_of(req, dir), name.text.c_str(), &node, &stat) == 0 &&
-      add_node(req, node, stat))
+      count_lookup(req, node, stat))
     return to_entry(node, stat);
   fuse_entry_param entry{};
   entry.attr.st_ino = name.ino;
@@ -219,7 +219,7 @@ static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t of
       reply_error(req, err);
       return;
     }
-    char *buf = answer_room(size);
+    char *buf = reply_buffer(size);
     std::vector<uk_node *> given;
     given.reserve(names.all.size());
     size_t used = 0;
@@ -230,7 +230,7 @@ static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t of
       if (entry.ino) given.push_back(reinterpret_cast<uk_node *>(entry.ino));
     }
     if (fuse_reply_buf(req, buf, used) == -ENOENT)
-      for (uk_node *node : given) mount_of(req)->holdings().drop_node(node, 1);
+      for (uk_node *node : given) mount_of(req)->lookups().forget(node, 1);
   });
 }
 

@@ -27,18 +27,18 @@ static void op_lookup(fuse_req_t req, fuse_ino_t parent, const char *name) {
 }
 
 static void op_forget(fuse_req_t req, fuse_ino_t ino, uint64_t count) {
-  as_anybody([&] {
-    if (ino != FUSE_ROOT_ID) mount_of(req)->holdings().drop_node(node_of(req, ino), count);
+  for_release([&] {
+    if (ino != FUSE_ROOT_ID) mount_of(req)->lookups().forget(node_of(req, ino), count);
     fuse_reply_none(req);
   });
 }
 
 static void op_forget_multi(fuse_req_t req, size_t count, fuse_forget_data *forgets) {
-  as_anybody([&] {
+  for_release([&] {
     for (size_t i = 0; i < count; i++) {
       const fuse_ino_t ino = forgets[i].ino;
       if (ino != FUSE_ROOT_ID)
-        mount_of(req)->holdings().drop_node(node_of(req, ino), forgets[i].nlookup);
+        mount_of(req)->lookups().forget(node_of(req, ino), forgets[i].nlookup);
     }
     fuse_reply_none(req);
   });
@@ -59,7 +59,7 @@ static void op_mkdir(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t
     uk_node *node = nullptr;
     uk_stat stat{};
     const int err =
-        may_hold_more(req) ? uk_mkdir(node_of(req, parent), name, mode, &node, &stat) : -ENFILE;
+        may_open_more(req) ? uk_mkdir(node_of(req, parent), name, mode, &node, &stat) : -ENFILE;
     reply_node(req, err, node, stat);
   });
 }

@@ -26,10 +26,10 @@ using tarn::UniqueFd;
 static constexpr char kType[] = "tarn";
 static constexpr int kDetach = 2;  // MNT_DETACH of umount2
 
-// libfuse says why a mount failed only in its log.
+// libfuse reports the reason of a failed mount only to its log function.
 static thread_local std::string last_fuse_message;
 
-static void keep_fuse_message(fuse_log_level, const char *format, va_list args) {
+static void log_fuse_message(fuse_log_level, const char *format, va_list args) {
   char text[512];
   std::vsnprintf(text, sizeof(text), format, args);
   last_fuse_message = text;
@@ -38,7 +38,7 @@ static void keep_fuse_message(fuse_log_level, const char *format, va_list args) 
   tarn::print_error("{}\n", last_fuse_message);
 }
 
-// Users other than root mount through a helper, which says why it does not on our standard error.
+// Users other than root mount through a helper, which prints the reason to our standard error.
 static std::string mount_failure(int err) {
   if (!last_fuse_message.empty()) return last_fuse_message;
   return geteuid() == 0 ? std::strerror(err)
@@ -72,7 +72,7 @@ Result<void> Mount::start() {
   return mount_host();
 }
 
-// What a killed tarnd has left in that place refuses everything; it goes only for the next mount.
+// Removes the dead mount of a tarnd that was killed.
 Result<void> Mount::take_over() {
   if (!is_dead_tarn_mount(mountpoint_)) return {};
   if (const int err = unmount_host(mountpoint_, Detach::kLazily); err != 0)
@@ -81,7 +81,7 @@ Result<void> Mount::take_over() {
 }
 
 void Mount::end() {
-  if (forgetter_) forgetter_->stop();
+  if (evictor_) evictor_->stop();
   close_session();
   unmount_kernel();
 }
@@ -102,17 +102,16 @@ void Mount::unmount_kernel() {
   if (!root_) return;
   const Task task(service_identity());
   const ActAs act(task);
-  holdings_.clear();
+  lookups_.clear();
   uk_node_put(root_, 1);
   root_ = nullptr;
   int err = uk_fs_umount(mountpoint_.c_str(), 0);
   if (err == -EBUSY) {
-    // Names that nobody uses any more keep it: where the lower directory holds the mount point, its
-    // own.
+    // Unused dentries may pin it, if the lower directory contains the mount point.
     uk_drop_caches();
     err = uk_fs_umount(mountpoint_.c_str(), 0);
   }
-  // Another mount whose lower directory is in here keeps it in use; it goes with that one.
+  // Another mount whose lower directory is in this one keeps it busy. It ends with that mount.
   if (err == -EBUSY) err = uk_fs_umount(mountpoint_.c_str(), kDetach);
   if (err)
     tarn::print_error("tarnd: {}\n", system_error(-err, mountpoint_ + " is not unmounted").text);
@@ -138,8 +137,7 @@ class Arguments {
 
 }  // namespace
 
-// A value of a mount option: commas and backslashes end or change it unless a backslash stands
-// before them.
+// The value of a mount option, with commas and backslashes escaped.
 static std::string escaped(const std::string &value) {
   std::string out;
   for (const char c : value) {
@@ -157,9 +155,9 @@ static bool forbidden_inside(std::string inside, const std::string &option) {
   return false;
 }
 
-// What a mount may forbid for all that is below it: that of the lower directory does here as well.
-// One mounted inside it shows through ours, which can forbid set-user-id programs and devices for
-// all or none: it is as strict as the strictest. Users other than root get both forbidden anyway.
+// The noexec, nosuid and nodev options of the lower file system apply to our mount too. Further
+// file systems mounted inside the lower directory are visible through our mount, which has one set
+// of options: the strictest of all. For users other than root nosuid and nodev are always set.
 static Result<std::string> forbidden_below(const std::string &lower) {
   struct statvfs st;
   if (statvfs(lower.c_str(), &st) != 0) return system_error(errno, "lower directory " + lower);
@@ -173,7 +171,7 @@ static Result<std::string> forbidden_below(const std::string &lower) {
   return options + (no_suid ? ",nosuid" : ",suid") + (no_dev ? ",nodev" : ",dev");
 }
 
-// A descriptor of which poll says that the other end has gone.
+// A descriptor for which poll() returns POLLERR.
 static Result<UniqueFd> pipe_without_reader() {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return system_error(errno, "cannot make a pipe");
@@ -189,21 +187,21 @@ Result<void> Mount::mount_host() {
   if (const int err = interpose_session_io(session_); err != 0)
     return system_error(-err, "cannot serve " + mountpoint_);
   loop_ = std::make_unique<SessionLoop>(session_);
-  forgetter_ = std::make_unique<Forgetter>(this);
+  evictor_ = std::make_unique<Evictor>(this);
   return {};
 }
 
 Result<void> Mount::mount_session() {
   const auto forbidden = forbidden_below(lower_);
   if (!forbidden) return forbidden.error();
-  fuse_set_log_func(keep_fuse_message);
+  fuse_set_log_func(log_fuse_message);
   Arguments args;
   args.add("-ofsname=" + escaped(lower_));
   args.add(std::string("-osubtype=") + kType);
-  // The host asks nobody who opens a FIFO, a socket or a device unless it is told to check by
-  // itself.
+  // default_permissions: an open of a FIFO, a socket or a device sends no request, so only the host
+  // can check it.
   args.add("-odefault_permissions" + *forbidden);
-  // Users other than the one that runs this program are root's to let in.
+  // Only root may let other users in.
   if (geteuid() == 0) args.add("-oallow_other");
 
   last_fuse_message.clear();
@@ -219,12 +217,12 @@ Result<void> Mount::mount_session() {
 }
 
 void Mount::stop() {
-  forgetter_->stop();
+  evictor_->stop();
   loop_->stop();
 }
 
-// libfuse unmounts by path, unless poll says that the connection has ended. A mount point that is
-// not ours any more must not be touched, so its descriptor is made to say so.
+// libfuse unmounts by path unless poll() reports an error on the session's descriptor. After a
+// detach the path is not ours any more, so the descriptor is replaced with one that has that error.
 bool Mount::end_connection(int fuse_fd) {
   while (dup3(ended_.get(), fuse_fd, O_CLOEXEC) < 0)
     if (errno != EINTR && errno != EBUSY) return false;
@@ -234,7 +232,7 @@ bool Mount::end_connection(int fuse_fd) {
 void Mount::close_session() {
   if (!session_) return;
   const int fd = fuse_session_fd(session_);
-  // Without it the session's copy of the path is lost, which is better than somebody's mount.
+  // If that fails, the session's copy of the path leaks, and no other mount is touched.
   if (!detached_ || fd < 0 || end_connection(fd)) fuse_session_unmount(session_);
   fuse_session_destroy(session_);
   session_ = nullptr;

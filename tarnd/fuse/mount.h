@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The mounts of this tarnd. A mount is two: one of type tarn inside the kernel's name space, and a
- * FUSE mount on the host's directory of the same name, whose requests are passed to the first.
+ * The mounts of this tarnd. Each consists of a mount of type tarn in the kernel in this process and
+ * a FUSE mount on the host's directory of the same path, whose requests go to the first.
  *
- * All calls may come from any thread.
+ * Any thread may call.
  */
 #ifndef TARND_FUSE_MOUNT_H
 #define TARND_FUSE_MOUNT_H
@@ -17,9 +17,9 @@
 
 #include "base/result.h"
 #include "base/unique_fd.h"
-#include "tarnd/fuse/forgetter.h"
+#include "tarnd/fuse/evictor.h"
 #include "tarnd/fuse/fuse_api.h"
-#include "tarnd/fuse/holdings.h"
+#include "tarnd/fuse/lookup_table.h"
 #include "tarnd/fuse/session_io.h"
 #include "tarnd/fuse/session_loop.h"
 #include "tarnd/process/guardian.h"
@@ -29,7 +29,7 @@ namespace tarnd {
 
 class Mount {
  public:
-  /* Mounts on both sides; when one refuses, nothing is left behind. */
+  /* Makes both mounts, or neither. */
   static tarn::Result<std::unique_ptr<Mount>> make(const std::string &lower,
                                                    const std::string &mountpoint,
                                                    Guardian *guardian);
@@ -39,19 +39,18 @@ class Mount {
 
   const std::string &mountpoint() const { return mountpoint_; }
 
-  /* Serves requests until the host's mount is gone and unused, or stop() was called. */
+  /* Serves requests until the host has unmounted it, lazily or not, or stop() was called. */
   void serve() { loop_->run(); }
   void stop();
-  /* After serve(), if the mount got so far: closes what the host had open, takes its mount down if
-   * it is still up, then the kernel's. */
+  /* After serve(): drops the host's references and removes both mounts, as far as they exist. */
   void end();
-  /* The host's mount point is not ours any more, though the mount may still be in use. */
+  /* The mount was detached (MNT_DETACH): the path is not ours any more, but files may be open. */
   void set_detached() { detached_ = true; }
   bool detached() const { return detached_; }
 
   uk_node *root() const { return root_; }
-  Holdings &holdings() { return holdings_; }
-  const Holdings &holdings() const { return holdings_; }
+  LookupTable &lookups() { return lookups_; }
+  const LookupTable &lookups() const { return lookups_; }
   SessionIo &session_io() { return session_io_; }
   fuse_session *session() const { return session_; }
 
@@ -71,12 +70,12 @@ class Mount {
   const std::string mountpoint_;
   Guardian *const guardian_;
   uk_node *root_ = nullptr;
-  Holdings holdings_;
+  LookupTable lookups_;
   SessionIo session_io_;
   fuse_session *session_ = nullptr;
-  tarn::UniqueFd ended_;  // what end_connection() needs: there may be no descriptor left then
+  tarn::UniqueFd ended_;  // for end_connection(), opened early: descriptors may run out
   std::unique_ptr<SessionLoop> loop_;
-  std::unique_ptr<Forgetter> forgetter_;
+  std::unique_ptr<Evictor> evictor_;
   std::atomic<bool> detached_ = false;
 };
 
@@ -89,9 +88,9 @@ class MountTable {
 
   /* Both paths absolute. */
   tarn::Result<void> mount(const std::string &lower, const std::string &mountpoint);
-  /* Not lazily: returns when the mount is gone on both sides. */
+  /* Unless lazily: returns when both mounts are gone. */
   tarn::Result<void> unmount(const std::string &mountpoint, Detach how);
-  /* Unmounts everything, busy or not, and returns when it is gone. No mount is added after it. */
+  /* Unmounts everything, busy or not, and waits for the end. Refuses further mounts. */
   void unmount_all();
 
  private:
@@ -100,7 +99,7 @@ class MountTable {
   Mount *find_locked(const std::string &mountpoint) const;
 
   Guardian *const guardian_;
-  std::mutex mounting_;  // one mount() at a time; taken before mutex_
+  std::mutex mounting_;  // serializes mount(); taken before mutex_
   std::mutex mutex_;
   std::condition_variable changed_;             // a mount has gone
   std::vector<std::unique_ptr<Mount>> mounts_;  // in the order of mounting; under mutex_

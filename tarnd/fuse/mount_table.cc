@@ -14,13 +14,12 @@ using tarn::Error;
 using tarn::Result;
 using tarn::system_error;
 
-// An unmount that has succeeded on the host leaves little to do here.
+// For the clean-up after the host has unmounted.
 static constexpr std::chrono::seconds kUnmountLimit{60};
-// Unless programs still use it: then nobody knows for how long.
+// For the end of a detached mount, which programs may still use.
 static constexpr std::chrono::seconds kPlaceLimit{10};
 
-// One spelling for one place, without looking at the file system: it may be the mount that does not
-// answer.
+// One spelling per path. Lexically: a look-up could hang in a mount that does not answer.
 static std::string normal(const std::string &path) {
   std::string text = std::filesystem::path(path).lexically_normal().string();
   while (text.size() > 1 && text.back() == '/') text.pop_back();
@@ -33,8 +32,7 @@ Mount *MountTable::find_locked(const std::string &mountpoint) const {
   return nullptr;
 }
 
-// A mount that the host has taken away, whoever asked it to, is here until everything is given
-// back.
+// A mount stays in the table after the host has unmounted it, until its clean-up ends.
 Result<void> MountTable::wait_for_place(const std::string &place) {
   const bool on_host = is_tarn_mount(place);
   std::unique_lock lock(mutex_);
@@ -75,8 +73,8 @@ void MountTable::serve(Mount *mount) {
   } catch (const std::exception &e) {
     tarn::print_error("tarnd: {}: {}\n", mount->mountpoint(), e.what());
   }
-  // Not under the lock: giving everything back may take long. The table names the mount until then,
-  // so that its place counts as taken and whoever waits for it goes on waiting.
+  // Not under the lock: the clean-up may take long. The mount stays in the table until then, so
+  // that its place counts as taken.
   mount->end();
   const std::lock_guard lock(mutex_);
   std::erase_if(mounts_, [mount](const auto &each) { return each.get() == mount; });
@@ -89,7 +87,8 @@ Result<void> MountTable::unmount(const std::string &mountpoint, Detach how) {
   const Mount *mount = find_locked(place);
   const bool ours = mount && !mount->detached();
 
-  // The host asks this program about the path, and a mount that ends needs the lock.
+  // The host sends requests to this program to resolve the path, and a mount that ends needs the
+  // lock.
   lock.unlock();
   if (!ours && is_dead_tarn_mount(place))
     how = Detach::kLazily;
@@ -113,13 +112,13 @@ Result<void> MountTable::unmount(const std::string &mountpoint, Detach how) {
 void MountTable::unmount_all() {
   std::unique_lock lock(mutex_);
   closed_ = true;
-  // The last one first: it may stand on an earlier one, on either side.
+  // In reverse order: a mount may lie on or above an earlier one.
   while (!mounts_.empty()) {
     Mount *mount = mounts_.back().get();
     const std::string place = mount->mountpoint();
     const bool detached = mount->detached();
     lock.unlock();
-    // What is in use is taken down with its users in it: they get an error from now on.
+    // A busy mount is aborted: its users get errors from now on.
     const bool ended = !detached && unmount_host(place, Detach::kOnlyIdle) == 0;
     lock.lock();
     Mount *left = find_locked(place);

@@ -1,25 +1,25 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Which requests are one system call. The host takes a call by a path apart: a look-up of each
- * name, then the call itself. What the look-ups found is good for it, as for a kernel that walks
- * and acts in one go.
+ * Finds the requests that belong to one system call. For a call with a path the host sends a
+ * look-up of each name, then the operation itself. Within one call the results of the look-ups stay
+ * valid, as in a kernel that does both.
  */
 #ifndef TARND_FUSE_PATH_WALK_H
 #define TARND_FUSE_PATH_WALK_H
 
 namespace tarnd {
 
-/* What a request can be in a call by a path. */
+/* The part that a request has in a system call with a path. */
 enum class Step { kNone, kLookup, kLast };
 
-/* The walk that the last requests of one worker belong to. */
+/* The current walk of one worker. */
 class PathWalk {
  public:
   /*
-   * Takes note of the next request, made by thread `pid` of the host (0: the host itself); `tick`
-   * is the time, in steps of some milliseconds at most. Whether it belongs to the same system call
-   * as the look-ups right before it: those of the same thread, the first of them in the same tick,
-   * for what comes later may be about something that was opened long ago.
+   * Adds the next request, of thread `pid` of the host (0: the host itself). `tick` is the time in
+   * steps of a few milliseconds. True if it continues the system call of the look-ups right before
+   * it: they are of the same thread, and the first one has the same tick. After that time it may be
+   * about a file that was opened long ago.
    */
   bool take(int pid, Step step, unsigned long tick) {
     const bool same = step != Step::kNone && pid != 0 && pid == pid_ && tick == begun_;
@@ -29,7 +29,7 @@ class PathWalk {
   }
 
  private:
-  int pid_ = 0; /* whose look-up the last request was; 0: it was none */
+  int pid_ = 0; /* the thread of the last request, if that was a look-up; else 0 */
   unsigned long begun_ = 0;
 };
 

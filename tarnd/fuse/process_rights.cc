@@ -11,8 +11,8 @@
 
 namespace tarnd {
 
-// All of a file of /proc; empty when there is none, or none any more. Who cannot be looked at for
-// want of descriptors is not somebody without rights.
+// The contents of a file of /proc; empty when its process has ended. Out of descriptors is an
+// error: the process may well have rights.
 static std::string read_proc(const std::string &path) {
   auto text = tarn::read_text(path, path);
   if (text) return std::move(*text);
@@ -21,7 +21,7 @@ static std::string read_proc(const std::string &path) {
   return {};
 }
 
-// What stands behind a field's name, to the end of its line.
+// The value of a field, to the end of its line.
 static std::string field(const std::string &status, const std::string &name) {
   const std::string label = '\n' + name + ':';
   const size_t at = status.find(label);
@@ -44,8 +44,8 @@ ProcessRights parse_status(const std::string &status) {
   return rights;
 }
 
-// Whether users and groups have the same numbers for it as for this program.
-static bool has_our_numbers(const std::string &proc) {
+// Whether its user name space maps users and groups as ours does.
+static bool has_our_id_maps(const std::string &proc) {
   static const std::string users = read_proc("/proc/self/uid_map");
   static const std::string groups = read_proc("/proc/self/gid_map");
   return read_proc(proc + "/uid_map") == users && read_proc(proc + "/gid_map") == groups;
@@ -54,7 +54,7 @@ static bool has_our_numbers(const std::string &proc) {
 ProcessRights process_rights(int tid) {
   const std::string proc = fmt::format("/proc/{}", tid);
   ProcessRights rights = parse_status(read_proc(proc + "/status"));
-  if (rights.capabilities != 0 && !has_our_numbers(proc)) rights.capabilities = 0;
+  if (rights.capabilities != 0 && !has_our_id_maps(proc)) rights.capabilities = 0;
   return rights;
 }
 

@@ -1,11 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * What a process of the host may do beyond what its user and group may: its supplementary groups
- * and effective capabilities, as /proc tells them.
+ * The supplementary groups and effective capabilities of a process of the host, from /proc.
  *
- * Capabilities count only if they are about the files of this program: a process of a user name
- * space has those that it has there over what belongs to users of that name space, and here it is
- * taken to have none unless its name space maps all users as this program's does.
+ * Capabilities in another user name space do not apply to our files. A process has none here unless
+ * its name space maps all users and groups as this program's does.
  */
 #ifndef TARND_FUSE_PROCESS_RIGHTS_H
 #define TARND_FUSE_PROCESS_RIGHTS_H
@@ -22,11 +20,10 @@ struct ProcessRights {
   bool operator==(const ProcessRights &) const = default;
 };
 
-/* From the text of a "status" file in /proc. What is missing there is none. */
+/* From the text of a "status" file in /proc. A missing field means none. */
 ProcessRights parse_status(const std::string &status);
 
-/* Of a thread, by its number. None when it has ended. Throws std::bad_alloc, also for want of a
- * descriptor. */
+/* Of a thread; none when it has ended. Throws std::bad_alloc, also when out of descriptors. */
 ProcessRights process_rights(int tid);
 
 }  // namespace tarnd

@@ -13,7 +13,7 @@
 
 namespace tarnd {
 
-void SessionIo::see_request(const void *request, size_t size) {
+void SessionIo::on_request(const void *request, size_t size) {
   const auto *head = static_cast<const fuse_in_header *>(request);
   if (size < sizeof(*head) || head->opcode != FUSE_INIT) return;
   // The oldest kernels that can offer it send the flags; what follows them may be missing.
@@ -24,7 +24,7 @@ void SessionIo::see_request(const void *request, size_t size) {
   if (init.flags & FUSE_HANDLE_KILLPRIV_V2) first_ = head->unique;
 }
 
-void SessionIo::see_answer(std::span<iovec> parts) {
+void SessionIo::on_reply(std::span<iovec> parts) {
   const std::uint64_t first = first_;
   if (first == 0 || parts.size() != 2 || parts[0].iov_len != sizeof(fuse_out_header)) return;
   const auto *head = static_cast<const fuse_out_header *>(parts[0].iov_base);
@@ -39,20 +39,20 @@ static SessionIo *io_of(void *mount) {
   return &static_cast<Mount *>(mount)->session_io();
 }
 
-// A read or write of the library is a place where its thread may be cancelled, and says so each
-// time with four atomic operations. Nobody cancels a thread of ours.
+// Not libc's read and write: these are cancellation points, which cost four atomic operations each.
+// No thread here is ever cancelled.
 static ssize_t transfer(long call, int fd, const void *buf, size_t count) {
   return syscall(call, fd, buf, count);
 }
 
 static ssize_t read_request(int fd, void *buf, size_t size, void *mount) {
   const ssize_t got = transfer(SYS_read, fd, buf, size);
-  if (got > 0) io_of(mount)->see_request(buf, static_cast<size_t>(got));
+  if (got > 0) io_of(mount)->on_request(buf, static_cast<size_t>(got));
   return got;
 }
 
-// Head and body of a short answer go together: the host takes each part of an answer apart, which
-// costs more than to copy it.
+// The header and body of a short reply are copied into one buffer: for the host a second part costs
+// more than the copy.
 static constexpr size_t kShort = 256;
 
 static bool is_short(const iovec *parts, int count) {
@@ -66,20 +66,20 @@ static ssize_t write_short(int fd, const iovec &head, const iovec &body) {
   return transfer(SYS_write, fd, answer, head.iov_len + body.iov_len);
 }
 
-// The host is also told of things that it has not asked for.
-static bool is_answer(const iovec &head) {
+// Notifications have no request.
+static bool is_reply(const iovec &head) {
   return static_cast<const fuse_out_header *>(head.iov_base)->unique != 0;
 }
 
-static ssize_t write_answer(int fd, iovec *parts, int count, void *mount) {
-  if (is_answer(parts[0])) CallerTask::answered();
-  io_of(mount)->see_answer({parts, static_cast<size_t>(count)});
+static ssize_t write_reply(int fd, iovec *parts, int count, void *mount) {
+  if (is_reply(parts[0])) CallerTask::reply_due();
+  io_of(mount)->on_reply({parts, static_cast<size_t>(count)});
   if (is_short(parts, count)) return write_short(fd, parts[0], parts[1]);
   return transfer(SYS_writev, fd, parts, static_cast<size_t>(count));
 }
 
 int interpose_session_io(fuse_session *session) {
-  static constexpr fuse_custom_io io = {.writev = write_answer,
+  static constexpr fuse_custom_io io = {.writev = write_reply,
                                         .read = read_request,
                                         .splice_receive = nullptr,
                                         .splice_send = nullptr};

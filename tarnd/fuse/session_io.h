@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * What passes between libfuse and the host kernel for one session. All of it passes as it is, but
- * for the answer to the session's first request: there the host kernel is told that set-user-id
- * bits go where the write is made, as its newer versions want to know, a promise for which this
- * libfuse has no word. Without it the host kernel asks for an extended attribute before every
- * write.
+ * The I/O between libfuse and the host kernel for one session. One message is changed: the reply to
+ * FUSE_INIT gets FUSE_HANDLE_KILLPRIV_V2, which this version of libfuse does not know. It promises
+ * that a write clears set-user-id bits. Without it the host kernel reads an extended attribute
+ * before every write.
  */
 #ifndef TARND_FUSE_SESSION_IO_H
 #define TARND_FUSE_SESSION_IO_H
@@ -21,13 +20,13 @@ namespace tarnd {
 
 class SessionIo {
  public:
-  /* A request as it came; any thread. */
-  void see_request(const void *request, size_t size);
-  /* An answer on its way; changed in place where it is the first one. Any thread. */
-  void see_answer(std::span<iovec> parts);
+  /* A request that has arrived; any thread. */
+  void on_request(const void *request, size_t size);
+  /* A reply that is about to be sent; the one to FUSE_INIT is changed in place. Any thread. */
+  void on_reply(std::span<iovec> parts);
 
  private:
-  /* The first request's number while its answer is to be changed, else 0. */
+  /* The number of the FUSE_INIT request until it is replied to, else 0. */
   std::atomic<std::uint64_t> first_ = 0;
 };
 

@@ -19,15 +19,15 @@
 namespace tarnd {
 
 static constexpr int kMaxWorkers = 128;
-static constexpr int kMaxTaking = 8;
+static constexpr int kMaxTarget = 8;
 
-// A request that is in work at so many looks after the first is slow. After so many looks at which
-// nothing had happened, nobody looks until something does.
-static constexpr std::chrono::milliseconds kLook{2};
-static constexpr int kSlowLooks = 3;
-static constexpr int kIdleLooks = 25;
+// A request is slow when it is in progress for this many samples after the first. After this many
+// samples without activity, the supervisor sleeps until the next request.
+static constexpr std::chrono::milliseconds kSampleInterval{2};
+static constexpr int kSlowSamples = 3;
+static constexpr int kQuietSamples = 25;
 
-// Makes a read of the next request return; what it does is nothing.
+// Interrupts a worker's read of the next request. The handler does nothing.
 static constexpr int kInterrupt = SIGURG;
 static constexpr std::chrono::milliseconds kInterruptAgain{10};
 
@@ -37,14 +37,14 @@ static void install_interrupt() {
   sigaction(kInterrupt, &action, nullptr);
 }
 
-// That this program may run on; what the library counts is all that there are.
+// Those that this program may run on. The standard library counts all that are online.
 static int processors() {
   cpu_set_t set;
   return sched_getaffinity(0, sizeof(set), &set) == 0 ? CPU_COUNT(&set) : 1;
 }
 
 SessionLoop::SessionLoop(fuse_session *session)
-    : session_(session), takers_(std::clamp(processors(), 1, kMaxTaking)) {
+    : session_(session), idle_count_(std::clamp(processors(), 1, kMaxTarget)) {
   static std::once_flag once;
   std::call_once(once, install_interrupt);
 }
@@ -53,21 +53,21 @@ void SessionLoop::run() {
   std::unique_lock lock(mutex_);
   add_worker_locked();
   for (int idle = 0; threads_ > 0 && !stopping_;) {
-    idle = look_after_locked() ? 0 : idle + 1;
-    if (idle < kIdleLooks) {
-      changed_.wait_for(lock, kLook);
+    idle = supervise_locked() ? 0 : idle + 1;
+    if (idle < kQuietSamples) {
+      changed_.wait_for(lock, kSampleInterval);
       continue;
     }
-    // What was taken before this is seen by a last look, what is taken later ends the wait.
-    looking_away_ = true;
-    if (!look_after_locked())
-      changed_.wait(lock, [this] { return !looking_away_ || threads_ == 0 || stopping_; });
-    looking_away_ = false;
+    // The next sample sees a request that was taken before this line; a later one ends the wait.
+    supervisor_asleep_ = true;
+    if (!supervise_locked())
+      changed_.wait(lock, [this] { return !supervisor_asleep_ || threads_ == 0 || stopping_; });
+    supervisor_asleep_ = false;
     idle = 0;
   }
-  // A worker that was about to read when it was interrupted reads all the same.
+  // Again and again: an interrupt just before the read has no effect.
   while (threads_ > 0) {
-    interrupt_taking_locked();
+    interrupt_idle_locked();
     changed_.wait_for(lock, kInterruptAgain);
   }
 }
@@ -76,58 +76,59 @@ void SessionLoop::stop() {
   const std::lock_guard lock(mutex_);
   stopping_ = true;
   changed_.notify_all();
-  needed_.notify_all();
+  unparked_.notify_all();
 }
 
-bool SessionLoop::request_waits() const {
+bool SessionLoop::request_queued() const {
   pollfd device = {fuse_session_fd(session_), POLLIN, 0};
   return poll(&device, 1, 0) > 0 && (device.revents & POLLIN);
 }
 
-// Counts who is able to take a request, now or soon, and sees to it that there are as many as shall
-// be. Whether a request was taken since the last look.
-bool SessionLoop::look_after_locked() {
-  TakerCount::Look look;
-  look.able = threads_ - static_cast<int>(workers_.size()) + needs_;
-  look.free = look.able;
-  int resting = -needs_;
+// Samples the workers and adjusts the number of available ones. True if a request was taken since
+// the last sample.
+bool SessionLoop::supervise_locked() {
+  IdleWorkerCount::Sample sample;
+  sample.available = threads_ - static_cast<int>(workers_.size()) + unpark_;
+  sample.idle = sample.available;
+  int parked = -unpark_;
   bool taken = false;
   for (Worker &worker : workers_) {
     const State state = worker.state;
     const unsigned served = worker.served;
-    const bool same = worker.seen == served;
-    worker.same = same ? std::min(worker.same + 1, kSlowLooks) : 0;
-    worker.seen = served;
+    const bool same = worker.sampled == served;
+    worker.unchanged = same ? std::min(worker.unchanged + 1, kSlowSamples) : 0;
+    worker.sampled = served;
     taken |= !same;
-    resting += state == State::kResting;
-    look.free += state == State::kTaking;
-    look.serving += state == State::kServing;
-    look.able += state == State::kTaking || (state == State::kServing && worker.same < kSlowLooks);
+    parked += state == State::kParked;
+    sample.idle += state == State::kIdle;
+    sample.busy += state == State::kBusy;
+    sample.available +=
+        state == State::kIdle || (state == State::kBusy && worker.unchanged < kSlowSamples);
   }
-  look.waiting = request_waits();
-  if (taken || look.serving > 0 || look.waiting) takers_.saw(look);
-  adjust_locked(look.able, resting);
+  sample.queued = request_queued();
+  if (taken || sample.busy > 0 || sample.queued) idle_count_.add(sample);
+  adjust_locked(sample.available, parked);
   return taken;
 }
 
-void SessionLoop::adjust_locked(int able, int resting) {
-  const int wanted = takers_.wanted();
-  surplus_ = std::max(able - wanted, 0);
-  for (; able < wanted; able++) {
-    if (resting > 0) {
-      resting--;
-      needs_++;
-      needed_.notify_one();
+void SessionLoop::adjust_locked(int available, int parked) {
+  const int target = idle_count_.target();
+  excess_ = std::max(available - target, 0);
+  for (; available < target; available++) {
+    if (parked > 0) {
+      parked--;
+      unpark_++;
+      unparked_.notify_one();
     } else {
       add_worker_locked();
     }
   }
 }
 
-// Those without a request alone: a request in work is not to be disturbed.
-void SessionLoop::interrupt_taking_locked() {
+// Not the busy ones: a signal would interrupt the request in progress.
+void SessionLoop::interrupt_idle_locked() {
   for (const Worker &worker : workers_)
-    if (worker.state == State::kTaking) pthread_kill(worker.thread, kInterrupt);
+    if (worker.state == State::kIdle) pthread_kill(worker.thread, kInterrupt);
 }
 
 void SessionLoop::add_worker_locked() {
@@ -142,15 +143,15 @@ void SessionLoop::add_worker_locked() {
   }
 }
 
-// Returns when the worker is needed, or is to end.
-void SessionLoop::rest(Worker *worker) {
+// Returns when the worker is unparked or shall end.
+void SessionLoop::park(Worker *worker) {
   std::unique_lock lock(mutex_);
-  if (surplus_ == 0 || stopping_) return;
-  surplus_--;
-  worker->state = State::kResting;
-  needed_.wait(lock, [this] { return needs_ > 0 || stopping_; });
-  if (needs_ > 0) needs_--;
-  worker->state = State::kTaking;
+  if (excess_ == 0 || stopping_) return;
+  excess_--;
+  worker->state = State::kParked;
+  unparked_.wait(lock, [this] { return unpark_ > 0 || stopping_; });
+  if (unpark_ > 0) unpark_--;
+  worker->state = State::kIdle;
 }
 
 void SessionLoop::serve_requests(Worker *worker, fuse_buf *buf) {
@@ -158,15 +159,15 @@ void SessionLoop::serve_requests(Worker *worker, fuse_buf *buf) {
     const int n = fuse_session_receive_buf(session_, buf);
     if (n == -EINTR || n == -EAGAIN) continue;
     if (n <= 0) return;
-    worker->took_one();
-    worker->set(State::kServing);  // last: a look must not take it for one that has been there
-    if (looking_away_ && looking_away_.exchange(false)) {
+    worker->count_request();
+    worker->set(State::kBusy);  // last: a sample must not count the previous request as slow
+    if (supervisor_asleep_ && supervisor_asleep_.exchange(false)) {
       const std::lock_guard lock(mutex_);
       changed_.notify_all();
     }
     fuse_session_process_buf(session_, buf);
-    worker->set(State::kTaking);
-    if (surplus_ > 0) rest(worker);
+    worker->set(State::kIdle);
+    if (excess_ > 0) park(worker);
   }
 }
 
@@ -183,10 +184,10 @@ void SessionLoop::work() {
   }
   std::free(buf.mem);
 
-  // A worker ends only with the session.
+  // A worker ends only when the session does.
   lock.lock();
   stopping_ = true;
-  needed_.notify_all();
+  unparked_.notify_all();
   workers_.erase(self);
   threads_--;
   changed_.notify_all();

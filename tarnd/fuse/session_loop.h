@@ -2,16 +2,15 @@
 /*
  * The threads that serve one FUSE session.
  *
- * A few workers take requests, as many as the load needs and no more than there are processors to
- * run them: with more, the host kernel would wake a resting one for each request rather than let
- * the one that has just answered go on. A request may wait long (for a daemon that does not read),
- * so whoever calls run() looks after them: a worker that has been at one request for a while is
- * slow and gets a substitute, and when there are too many again, some rest. What it sees there also
- * tells how many are needed, at no cost to the requests.
+ * A pool of workers, as many as the load needs (idle_worker_count.h) and no more than there are
+ * processors. With more, the host kernel would wake a worker for each request although another has
+ * just become idle. A request may block for long (for a daemon that does not read), so the thread
+ * in run() supervises the pool: it samples the workers, adds a substitute for a worker that is
+ * slow, and parks surplus workers. Sampling costs the requests nothing.
  *
- * run() is called once and returns when the file system has been unmounted or stop() was called,
- * and the last thread has ended. stop() may come from any thread, also before run(); requests that
- * are in work are finished first.
+ * run() is called once. It returns after the file system was unmounted or stop() was called, when
+ * the last worker has ended; requests in progress are finished first. Any thread may call stop(),
+ * also before run().
  */
 #ifndef TARND_FUSE_SESSION_LOOP_H
 #define TARND_FUSE_SESSION_LOOP_H
@@ -24,7 +23,7 @@
 #include <mutex>
 
 #include "tarnd/fuse/fuse_api.h"
-#include "tarnd/fuse/taker_count.h"
+#include "tarnd/fuse/idle_worker_count.h"
 
 namespace tarnd {
 
@@ -36,42 +35,43 @@ class SessionLoop {
   void stop();
 
  private:
-  enum class State { kTaking, kServing, kResting };
+  enum class State { kIdle, kBusy, kParked };
   struct Worker {
     pthread_t thread;
-    std::atomic<State> state = State::kTaking;
-    std::atomic<unsigned> served = 0;  // requests taken, this one included
-    unsigned seen = 0;                 // `served` at the last look; under mutex_
-    int same = 0;                      // looks since it changed; under mutex_
+    std::atomic<State> state = State::kIdle;
+    std::atomic<unsigned> served = 0;  // requests taken, the current one included
+    unsigned sampled = 0;              // `served` at the last sample; under mutex_
+    int unchanged = 0;                 // samples since it changed; under mutex_
 
-    // By the worker itself: nobody else writes these while it serves.
+    // Only the worker itself writes these while it serves.
     void set(State to) { state.store(to, std::memory_order_release); }
-    // Not weaker: either the worker sees looking_away_, or who sets that sees the request.
-    void took_one() { served.store(served + 1, std::memory_order_seq_cst); }
+    // Sequentially consistent: either the worker sees supervisor_asleep_, or the supervisor sees
+    // the request.
+    void count_request() { served.store(served + 1, std::memory_order_seq_cst); }
   };
 
   void add_worker_locked();
   void work();
   void serve_requests(Worker *worker, fuse_buf *buf);
-  void rest(Worker *worker);
-  bool request_waits() const;
-  bool look_after_locked();
-  void adjust_locked(int able, int resting);
-  void interrupt_taking_locked();
+  void park(Worker *worker);
+  bool request_queued() const;
+  bool supervise_locked();
+  void adjust_locked(int available, int parked);
+  void interrupt_idle_locked();
 
   fuse_session *session_;
-  TakerCount takers_;  // how many shall be able to take a request; under mutex_
+  IdleWorkerCount idle_count_;  // under mutex_
   std::atomic<bool> stopping_ = false;
-  std::atomic<int> surplus_ = 0;            // how many more than that there are
-  std::atomic<bool> looking_away_ = false;  // run() waits for a request to be taken
+  std::atomic<int> excess_ = 0;                  // available workers beyond its target
+  std::atomic<bool> supervisor_asleep_ = false;  // until a worker takes a request
 
   std::mutex mutex_;
-  std::condition_variable changed_;  // a request was taken while looking_away_, a worker has ended,
-                                     // or stopping_ was set
-  std::condition_variable needed_;   // needs_ has grown, or stopping_ was set
-  std::list<Worker> workers_;        // under mutex_
-  int threads_ = 0;                  // those and the ones about to be; under mutex_
-  int needs_ = 0;                    // how many of the resting are to go on; under mutex_
+  // A request was taken while supervisor_asleep_, a worker has ended, or stopping_ was set.
+  std::condition_variable changed_;
+  std::condition_variable unparked_;  // unpark_ has grown, or stopping_ was set
+  std::list<Worker> workers_;         // under mutex_
+  int threads_ = 0;                   // workers_, and those that are starting; under mutex_
+  int unpark_ = 0;                    // parked workers that shall continue; under mutex_
 };
 
 }  // namespace tarnd

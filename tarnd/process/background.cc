@@ -20,8 +20,8 @@ using tarn::Result;
 using tarn::system_error;
 using tarn::UniqueFd;
 
-void Starter::tell(const std::string &text) {
-  // A starter that has gone does not want to know.
+void ReadyPipe::send(const std::string &text) {
+  // An error means that the parent has gone.
   if (pipe_) static_cast<void>(tarn::write_text(pipe_.get(), text));
   pipe_.reset();
 }
@@ -37,7 +37,7 @@ static std::string describe_end(pid_t child, const std::string &log) {
 
 [[noreturn]] static void wait_for_background(pid_t child, int pipe, const std::string &log) {
   const auto said = tarn::read_text(pipe, "pipe");
-  if (said && *said == Starter::kReady) std::_Exit(EXIT_SUCCESS);
+  if (said && *said == ReadyPipe::kReady) std::_Exit(EXIT_SUCCESS);
   const std::string reason = said && !said->empty() ? *said : describe_end(child, log);
   tarn::print_error("tarnd: {}\n", reason);
   std::_Exit(EXIT_FAILURE);
@@ -64,7 +64,7 @@ static Result<void> leave_terminal(const std::string &log) {
   return {};
 }
 
-Result<Starter> go_to_background(const std::string &log) {
+Result<ReadyPipe> go_to_background(const std::string &log) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) return system_error(errno, "pipe");
   const UniqueFd from(ends[0]);
@@ -78,12 +78,12 @@ Result<Starter> go_to_background(const std::string &log) {
     wait_for_background(child, from.get(), log);
   }
 
-  Starter starter(std::move(to));
+  ReadyPipe ready(std::move(to));
   if (auto left = leave_terminal(log); !left) {
-    starter.failed(left.error().text);
+    ready.failed(left.error().text);
     std::_Exit(EXIT_FAILURE);
   }
-  return starter;
+  return ready;
 }
 
 }  // namespace tarnd

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Going to the background: the program that was started waits until the one in the background is
- * ready or has failed, prints the reason of a failure on its terminal and ends with the matching
- * status.
+ * Going to the background. The parent waits until its child in the background is ready or has
+ * failed, prints the reason of a failure on its terminal and exits with the matching status.
  *
  * To be called before the first thread starts.
  */
@@ -16,36 +15,36 @@
 
 namespace tarnd {
 
-/* The background program's line to its starter. Without one (foreground) both calls only return. */
-class Starter {
+/* The child's pipe to the waiting parent. In the foreground there is none, and the calls do
+ * nothing. */
+class ReadyPipe {
  public:
-  Starter() = default;
-  explicit Starter(tarn::UniqueFd pipe) : pipe_(std::move(pipe)) {}
+  ReadyPipe() = default;
+  explicit ReadyPipe(tarn::UniqueFd pipe) : pipe_(std::move(pipe)) {}
 
-  void ready() { tell(kReady); }
-  void failed(const std::string &reason) { tell(reason); }
+  void ready() { send(kReady); }
+  void failed(const std::string &reason) { send(reason); }
 
   static constexpr char kReady[] = "+";
 
  private:
-  void tell(const std::string &text);
+  void send(const std::string &text);
 
   tarn::UniqueFd pipe_;
 };
 
 /*
- * Of a program that will go to the background, before it opens anything: closes what its starter
- * has left open. A lock would stay taken, a pipe would keep its reader waiting, a file its file
- * system busy, for as long as this program runs.
+ * Closes inherited descriptors, all but the standard ones; before the program opens its own. They
+ * would keep a lock taken, the reader of a pipe waiting or a file system busy as long as this
+ * program runs.
  */
 void close_inherited_descriptors();
 
 /*
- * Forks. In the starter it does not return. In the background program, a session of its own with
- * its standard input on /dev/null and its output going to `log` (emptied first), it returns the
- * line to the starter.
+ * Forks. Does not return in the parent. The child gets a session of its own, /dev/null as its
+ * standard input, and the file `log`, which is truncated, as its output.
  */
-tarn::Result<Starter> go_to_background(const std::string &log);
+tarn::Result<ReadyPipe> go_to_background(const std::string &log);
 
 }  // namespace tarnd
 

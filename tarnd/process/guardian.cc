@@ -37,7 +37,6 @@ static int run_unmount_helper(const std::string &mountpoint, Detach how) {
   argv.push_back("--");
   argv.push_back(mountpoint.c_str());
   argv.push_back(nullptr);
-  // Without a language of its own the helper's messages do not matter: only its status is used.
   pid_t child;
   const int err = posix_spawnp(&child, argv[0], nullptr, nullptr,
                                const_cast<char *const *>(argv.data()), environ);
@@ -62,12 +61,12 @@ bool is_tarn_mount(const std::string &mountpoint) {
   return ours;
 }
 
-// Nobody answers requests any more. A thread of the dead program may wait for one inside the host's
-// kernel and keep all of it alive, so they are ended. The mount stays: nothing shall be written
-// unseen to the directory under it. As long as we use it, it cannot be unmounted by this.
-static void end_requests(const std::string &mountpoint) {
-  const UniqueFd used(open(mountpoint.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-  if (used && geteuid() == 0) umount2(mountpoint.c_str(), UMOUNT_NOFOLLOW | MNT_FORCE);
+// Aborts pending requests. Threads of the dead program may themselves wait for one in the host's
+// kernel, and keep the process alive. MNT_FORCE aborts them; the open descriptor keeps the mount
+// busy, so that it is not unmounted.
+static void abort_requests(const std::string &mountpoint) {
+  const UniqueFd busy(open(mountpoint.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  if (busy && geteuid() == 0) umount2(mountpoint.c_str(), UMOUNT_NOFOLLOW | MNT_FORCE);
 }
 
 bool is_dead_tarn_mount(const std::string &mountpoint) {
@@ -75,13 +74,13 @@ bool is_dead_tarn_mount(const std::string &mountpoint) {
   return stat(mountpoint.c_str(), &st) != 0 && errno == ENOTCONN && is_tarn_mount(mountpoint);
 }
 
-[[noreturn]] static void guard(int line) {
+[[noreturn]] static void guard(int socket) {
   prctl(PR_SET_NAME, "tarnd-guardian");
   for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) std::signal(signal, SIG_IGN);
   std::set<std::string> mounts;
   std::vector<char> buf(PATH_MAX + 1);
   for (;;) {
-    const ssize_t n = recv(line, buf.data(), buf.size(), 0);
+    const ssize_t n = recv(socket, buf.data(), buf.size(), 0);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     const std::string mountpoint(buf.data() + 1, static_cast<size_t>(n) - 1);
@@ -89,7 +88,7 @@ bool is_dead_tarn_mount(const std::string &mountpoint) {
     if (buf[0] == kForget) mounts.erase(mountpoint);
   }
   for (const std::string &mountpoint : mounts)
-    if (is_tarn_mount(mountpoint)) end_requests(mountpoint);
+    if (is_tarn_mount(mountpoint)) abort_requests(mountpoint);
   std::_Exit(EXIT_SUCCESS);
 }
 
@@ -97,31 +96,30 @@ Result<std::unique_ptr<Guardian>> Guardian::start() {
   int ends[2];
   if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
     return system_error(errno, "socketpair");
-  UniqueFd line(ends[0]);
+  UniqueFd socket(ends[0]);
   const UniqueFd far(ends[1]);
   const pid_t pid = fork();
   if (pid < 0) return system_error(errno, "fork");
-  if (pid > 0) return std::unique_ptr<Guardian>(new Guardian(std::move(line), pid));
+  if (pid > 0) return std::unique_ptr<Guardian>(new Guardian(std::move(socket), pid));
 
-  // In a session of its own, for what ends a whole process group, a key of the terminal for one,
-  // ends the program that it is there for.
+  // In a session of its own: a signal to tarnd's process group must not end it too.
   setsid();
-  // Only the line is kept open: the starter waits for the other end of its pipe, and a file system
-  // in use by a forgotten descriptor cannot be unmounted.
+  // Closes everything but the socket: the parent waits until its pipe is closed, and an open file
+  // would keep its file system busy.
   dup2(far.get(), STDIN_FILENO);
   close_range(STDERR_FILENO + 1, ~0u, 0);
   guard(STDIN_FILENO);
 }
 
 Guardian::~Guardian() {
-  line_.reset();
+  socket_.reset();
   while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
   }
 }
 
-void Guardian::tell(char what, const std::string &mountpoint) {
-  const std::string text = what + mountpoint;
-  while (send(line_.get(), text.data(), text.size(), MSG_NOSIGNAL) < 0) {
+void Guardian::send(char command, const std::string &mountpoint) {
+  const std::string text = command + mountpoint;
+  while (::send(socket_.get(), text.data(), text.size(), MSG_NOSIGNAL) < 0) {
     if (errno == EINTR) continue;
     const tarn::Error error = system_error(
         errno, fmt::format("tarnd: the guardian (process {}) does not listen any more", pid_));
@@ -135,11 +133,11 @@ void Guardian::tell(char what, const std::string &mountpoint) {
 }
 
 void Guardian::watch(const std::string &mountpoint) {
-  tell(kWatch, mountpoint);
+  send(kWatch, mountpoint);
 }
 
 void Guardian::forget(const std::string &mountpoint) {
-  tell(kForget, mountpoint);
+  send(kForget, mountpoint);
 }
 
 }  // namespace tarnd

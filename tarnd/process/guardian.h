@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A small process that stands beside tarnd and sees to the mounts that tarnd leaves behind when it
- * is killed: when the line to it breaks, requests that nobody answers are ended on every mount
- * point that it still knows. The mounts stay, and refuse whatever is tried there, until the next
- * tarnd is to mount there or somebody unmounts them; otherwise programs would write to the bare
- * directory below, unseen. The process is started before tarnd's first thread and ends with tarnd.
+ * A small process that cleans up after a tarnd that was killed. When its socket to tarnd breaks, it
+ * aborts the pending requests of every mount that it watches, so that no program hangs. The mounts
+ * themselves stay and return errors until they are unmounted or replaced: without them programs
+ * would write to the bare directory below, and nothing would be captured. The process is started
+ * before tarnd's first thread and ends with tarnd.
  */
 #ifndef TARND_PROCESS_GUARDIAN_H
 #define TARND_PROCESS_GUARDIAN_H
@@ -28,32 +28,28 @@ class Guardian {
   Guardian(const Guardian &) = delete;
   Guardian &operator=(const Guardian &) = delete;
 
-  /* Any thread. The first that finds the process gone says so on stderr. */
+  /* Any thread. The first call that finds the process gone prints a warning. */
   void watch(const std::string &mountpoint);
   void forget(const std::string &mountpoint);
 
  private:
-  Guardian(tarn::UniqueFd line, pid_t pid) : line_(std::move(line)), pid_(pid) {}
-  void tell(char what, const std::string &mountpoint);
+  Guardian(tarn::UniqueFd socket, pid_t pid) : socket_(std::move(socket)), pid_(pid) {}
+  void send(char command, const std::string &mountpoint);
 
-  tarn::UniqueFd line_;
+  tarn::UniqueFd socket_;
   const pid_t pid_;
   std::atomic<bool> loss_reported_ = false;
 };
 
 enum class Detach { kOnlyIdle, kLazily };
 
-/* Whether the topmost mount on that place is one of ours. Somebody may have mounted something else
- * since. */
+/* Whether the topmost mount there is of type fuse.tarn. */
 bool is_tarn_mount(const std::string &mountpoint);
-/* Whether it is one that a killed tarnd has left. */
+/* Whether it is also without a tarnd, because that was killed. */
 bool is_dead_tarn_mount(const std::string &mountpoint);
 
-/*
- * Takes a FUSE mount out of the host's name space: umount2 for root, the helper of libfuse
- * otherwise. 0 or -errno; -EBUSY when it is in use. Safe in a process without threads only as far
- * as fork is.
- */
+/* Unmounts a FUSE mount on the host: umount2 for root, libfuse's helper for others. 0 or -errno;
+ * -EBUSY when it is in use. */
 int unmount_host(const std::string &mountpoint, Detach how);
 
 }  // namespace tarnd

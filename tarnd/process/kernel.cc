@@ -17,9 +17,8 @@ namespace tarnd {
 
 static constexpr char kModule[] = "tarn";
 
-// 256 KiB. The host keeps the same data twice, above and below, and reads go below; pages that are
-// soon used again, while they are still in the processor's cache, do more for writes than a third
-// copy of everything.
+// 256 KiB. The host's page cache holds the same data already, above and below. A small cache here
+// whose pages stay in the processor's cache makes writes faster than a large one.
 static constexpr unsigned long kCachePages = 64;
 
 static void panic(const char *report) {
@@ -41,7 +40,7 @@ tarn::Result<std::unique_ptr<Kernel>> Kernel::boot() {
   options.root_type = "hostfs";
   options.root_source = "/";
   options.cache_pages = kCachePages;
-  options.max_files = std::numeric_limits<int>::max();  // descriptors are counted instead
+  options.max_files = std::numeric_limits<int>::max();  // the limit of descriptors applies instead
   if (const int err = uk_boot(&options); err != 0)
     return tarn::system_error(-err, "cannot start the kernel");
 

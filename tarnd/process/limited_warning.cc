@@ -12,18 +12,18 @@ namespace tarnd {
 
 std::string LimitedWarning::line(const std::string &text, Clock::time_point now) {
   const std::lock_guard lock(mutex_);
-  if (printed_ == 0 || now - begun_ >= kWhile) {
+  if (printed_ == 0 || now - begun_ >= kInterval) {
     begun_ = now;
     printed_ = 0;
   }
-  if (printed_ == kAtOnce) {
-    held_back_++;
+  if (printed_ == kBurst) {
+    suppressed_++;
     return {};
   }
   printed_++;
   std::string line = "tarnd: " + tarn::escape_controls(text);
-  if (held_back_ > 0) line += fmt::format(" (and {} like it before)", held_back_);
-  held_back_ = 0;
+  if (suppressed_ > 0) line += fmt::format(" (and {} like it before)", suppressed_);
+  suppressed_ = 0;
   return line + '\n';
 }
 

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A warning on standard error that may be due again and again: it is printed a few times in a
- * while, and how many more there were is said with the next one. One object for each kind; any
- * thread.
+ * A rate-limited warning on standard error: a burst per interval is printed, the others are
+ * counted, and the next one printed tells their number. One object per kind of warning; any thread.
  */
 #ifndef TARND_PROCESS_LIMITED_WARNING_H
 #define TARND_PROCESS_LIMITED_WARNING_H
@@ -16,8 +15,8 @@ namespace tarnd {
 class LimitedWarning {
  public:
   using Clock = std::chrono::steady_clock;
-  static constexpr int kAtOnce = 10;
-  static constexpr std::chrono::minutes kWhile{1};
+  static constexpr int kBurst = 10;
+  static constexpr std::chrono::minutes kInterval{1};
 
   /* Prints "tarnd: TEXT" or counts it. */
   void print(const std::string &text);
@@ -26,9 +25,9 @@ class LimitedWarning {
 
  private:
   std::mutex mutex_;
-  Clock::time_point begun_;  // of the while that lasts; under mutex_, and so are these
+  Clock::time_point begun_;  // of the current interval; under mutex_, as the following
   int printed_ = 0;          // in it
-  unsigned long held_back_ = 0;
+  unsigned long suppressed_ = 0;
 };
 
 }  // namespace tarnd

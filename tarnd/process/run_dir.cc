@@ -23,7 +23,7 @@ using tarn::Result;
 using tarn::system_error;
 using tarn::UniqueFd;
 
-// In a directory that others may write to, somebody else could have made ours first.
+// Where others may create directories, another user could have created it first.
 static Result<void> check_owner(const std::string &path) {
   struct stat st;
   if (lstat(path.c_str(), &st) != 0) return system_error(errno, printable(path));
@@ -32,8 +32,8 @@ static Result<void> check_owner(const std::string &path) {
   return {};
 }
 
-// With the usual mode, whatever the mask: who may write to them could put another directory in the
-// place of ours.
+// With mode 0755, although the umask is 0: a user who may write to a parent could replace our
+// directory.
 static Result<void> make_parents(const fs::path &path) {
   struct stat st;
   if (stat(path.c_str(), &st) == 0) return {};
@@ -79,7 +79,7 @@ Result<void> RunDir::write_pid_file() const {
   const std::string path = file(OX_CTL_PID_FILE), shown = printable(path);
   if (unlink(path.c_str()) != 0 && errno != ENOENT)
     return system_error(errno, "cannot replace " + shown);
-  // Nobody else must have it open for writing: what it names is what gets signals.
+  // A new file: others may have the old one open for writing, and scripts send signals to this pid.
   const UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
   if (!fd) return system_error(errno, "cannot create " + shown);
   if (const int err = tarn::write_text(fd.get(), fmt::format("{}\n", getpid())); err != 0)

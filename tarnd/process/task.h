@@ -16,7 +16,7 @@ namespace tarnd {
 
 inline constexpr unsigned kAllCapabilities = ~0u;
 
-/* Who a task is. */
+/* The credentials of a task. */
 struct Identity {
   int pid = 0;
   unsigned uid = 0;

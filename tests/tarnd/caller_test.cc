@@ -3,6 +3,7 @@
 
 #include <cerrno>
 
+#include "module/os_public/Include/ox_msg.h"
 #include "tests/tarnd/booted_test.h"
 #include "ukern/door/uk_net.h"
 
@@ -11,11 +12,10 @@ namespace {
 
 class CallerTaskTest : public BootedTest {
  protected:
-  // What waits for a message that does not come, in the task that is current.
+  // Waits for a message that does not come, as the current task.
   static long wait_for_a_message() {
-    constexpr int kUnit = 29;
     uk_nlsock *sock = nullptr;
-    if (const int err = uk_nl_open(kUnit, 0, 0, &sock); err != 0) return err;
+    if (const int err = uk_nl_open(OX_NETLINK_UNIT, 0, 0, &sock); err != 0) return err;
     char message[16];
     const long got = uk_nl_recv(sock, message, sizeof(message), 20);
     uk_nl_close(sock);
@@ -23,17 +23,17 @@ class CallerTaskTest : public BootedTest {
   }
 };
 
-// A request is gone with its answer. That one is none at all: whoever asks to be told of its
-// interruption does not come back.
-TEST_F(CallerTaskTest, AnAnsweredRequestIsNotListenedTo) {
+// The reply frees the request. The one here is no valid pointer: to register a callback on it would
+// crash.
+TEST_F(CallerTaskTest, NoInterruptCallbackIsRegisteredAfterTheReply) {
   CallerTask caller;
   const ActAs act(caller.task());
-  const Listening listening(caller, reinterpret_cast<fuse_req_t>(1));
-  CallerTask::answered();
+  const InterruptScope interrupts(caller, reinterpret_cast<fuse_req_t>(1));
+  CallerTask::reply_due();
   EXPECT_EQ(wait_for_a_message(), -EAGAIN);
 }
 
-TEST_F(CallerTaskTest, WhatDoesNotListenWaitsAsWell) {
+TEST_F(CallerTaskTest, AWaitWithoutAnInterruptScopeTimesOut) {
   CallerTask caller;
   const ActAs act(caller.task());
   EXPECT_EQ(wait_for_a_message(), -EAGAIN);

@@ -1,17 +1,20 @@
 // SPDX-License-Identifier: GPL-2.0
-// What anybody who connects may cost, and may have printed.
+// Limits on the connections of unprivileged users and on warnings.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "base/text.h"
+#include "base/unique_fd.h"
 #include "tarnd/channel/peer_count.h"
 #include "tarnd/process/limited_warning.h"
 
 namespace tarnd {
 namespace {
 
-TEST(PeerCount, OneUserHasAFew) {
+TEST(PeerCount, OneUserHasAFewConnections) {
   PeerCount count;
-  for (int i = 0; i < PeerCount::kMostOfOne; i++) EXPECT_TRUE(count.enter(1000));
+  for (int i = 0; i < PeerCount::kMaxPerUser; i++) EXPECT_TRUE(count.enter(1000));
   EXPECT_FALSE(count.enter(1000));
   EXPECT_TRUE(count.enter(1001));
   count.leave(1000);
@@ -19,9 +22,9 @@ TEST(PeerCount, OneUserHasAFew) {
   EXPECT_FALSE(count.enter(1000));
 }
 
-TEST(PeerCount, AllTogetherHaveNotMoreThanThereMayBe) {
+TEST(PeerCount, AllUsersTogetherHaveALimit) {
   PeerCount count;
-  for (int i = 0; i < PeerCount::kMostOfAll; i++)
+  for (int i = 0; i < PeerCount::kMaxTotal; i++)
     EXPECT_TRUE(count.enter(static_cast<uid_t>(2000 + i)));
   EXPECT_FALSE(count.enter(1000));
   count.leave(2000);
@@ -29,16 +32,24 @@ TEST(PeerCount, AllTogetherHaveNotMoreThanThereMayBe) {
   EXPECT_FALSE(count.enter(2000));
 }
 
-TEST(LimitedWarning, AFewAreSaidAndTheOthersCounted) {
+TEST(LimitedWarning, ABurstIsPrintedAndTheOthersCounted) {
   LimitedWarning warning;
   const auto start = LimitedWarning::Clock::now();
-  for (int i = 0; i < LimitedWarning::kAtOnce; i++)
+  for (int i = 0; i < LimitedWarning::kBurst; i++)
     EXPECT_EQ(warning.line("again", start), "tarnd: again\n");
   EXPECT_EQ(warning.line("again", start), "");
-  EXPECT_EQ(warning.line("again", start + LimitedWarning::kWhile / 2), "");
-  EXPECT_EQ(warning.line("again", start + LimitedWarning::kWhile),
+  EXPECT_EQ(warning.line("again", start + LimitedWarning::kInterval / 2), "");
+  EXPECT_EQ(warning.line("again", start + LimitedWarning::kInterval),
             "tarnd: again (and 2 like it before)\n");
-  EXPECT_EQ(warning.line("again", start + LimitedWarning::kWhile), "tarnd: again\n");
+  EXPECT_EQ(warning.line("again", start + LimitedWarning::kInterval), "tarnd: again\n");
+}
+
+TEST(LimitedWarning, NoHarmIsDoneWhenStandardErrorCannotBeWritten) {
+  const tarn::UniqueFd before(dup(STDERR_FILENO)), unwritable(open("/dev/null", O_RDONLY));
+  ASSERT_EQ(dup2(unwritable.get(), STDERR_FILENO), STDERR_FILENO);
+  LimitedWarning warning;
+  EXPECT_NO_THROW(warning.print("again"));
+  ASSERT_EQ(dup2(before.get(), STDERR_FILENO), STDERR_FILENO);
 }
 
 TEST(LimitedWarning, NamesCannotEndALineOrSteerATerminal) {

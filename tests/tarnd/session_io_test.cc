@@ -33,8 +33,8 @@ TEST(SessionIo, ThePromiseIsMadeWhereItIsUnderstood) {
   SessionIo io;
   const InitRequest request(7, FUSE_HANDLE_KILLPRIV_V2);
   InitAnswer answer(7);
-  io.see_request(&request, sizeof(request));
-  io.see_answer(answer.parts);
+  io.on_request(&request, sizeof(request));
+  io.on_reply(answer.parts);
   EXPECT_EQ(answer.init.flags, unsigned{FUSE_ATOMIC_O_TRUNC | FUSE_HANDLE_KILLPRIV_V2});
 }
 
@@ -42,8 +42,8 @@ TEST(SessionIo, TheFlagsMayBeTheLastOfARequest) {
   SessionIo io;
   const InitRequest request(7, FUSE_HANDLE_KILLPRIV_V2);
   InitAnswer answer(7);
-  io.see_request(&request, sizeof(fuse_in_header) + offsetof(fuse_init_in, flags2));
-  io.see_answer(answer.parts);
+  io.on_request(&request, sizeof(fuse_in_header) + offsetof(fuse_init_in, flags2));
+  io.on_reply(answer.parts);
   EXPECT_TRUE(answer.init.flags & FUSE_HANDLE_KILLPRIV_V2);
 }
 
@@ -51,8 +51,8 @@ TEST(SessionIo, ItIsNotMadeToAHostThatDoesNotKnowIt) {
   SessionIo io;
   const InitRequest request(7, FUSE_HANDLE_KILLPRIV);
   InitAnswer answer(7);
-  io.see_request(&request, sizeof(request));
-  io.see_answer(answer.parts);
+  io.on_request(&request, sizeof(request));
+  io.on_reply(answer.parts);
   EXPECT_EQ(answer.init.flags, unsigned{FUSE_ATOMIC_O_TRUNC});
 }
 
@@ -60,16 +60,16 @@ TEST(SessionIo, ShortRequestsAndOtherAnswersAreLeftAlone) {
   SessionIo io;
   const InitRequest request(7, FUSE_HANDLE_KILLPRIV_V2);
   InitAnswer answer(7);
-  io.see_request(&request, sizeof(fuse_in_header) + offsetof(fuse_init_in, flags));
-  io.see_answer(answer.parts);
+  io.on_request(&request, sizeof(fuse_in_header) + offsetof(fuse_init_in, flags));
+  io.on_reply(answer.parts);
   EXPECT_EQ(answer.init.flags, unsigned{FUSE_ATOMIC_O_TRUNC});
 
-  io.see_request(&request, sizeof(request));
+  io.on_request(&request, sizeof(request));
   InitAnswer other(8), failed(7);
-  io.see_answer(other.parts);
+  io.on_reply(other.parts);
   EXPECT_EQ(other.init.flags, unsigned{FUSE_ATOMIC_O_TRUNC});
   failed.head.error = -EPROTO;
-  io.see_answer(failed.parts);
+  io.on_reply(failed.parts);
   EXPECT_EQ(failed.init.flags, unsigned{FUSE_ATOMIC_O_TRUNC});
 }
 
@@ -77,9 +77,9 @@ TEST(SessionIo, OnlyTheFirstAnswerIsChanged) {
   SessionIo io;
   const InitRequest request(7, FUSE_HANDLE_KILLPRIV_V2);
   InitAnswer first(7), again(7);
-  io.see_request(&request, sizeof(request));
-  io.see_answer(first.parts);
-  io.see_answer(again.parts);
+  io.on_request(&request, sizeof(request));
+  io.on_reply(first.parts);
+  io.on_reply(again.parts);
   EXPECT_EQ(again.init.flags, unsigned{FUSE_ATOMIC_O_TRUNC});
 }
 

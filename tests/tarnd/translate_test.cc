@@ -148,7 +148,7 @@ TEST(Translate, Entry) {
   EXPECT_EQ(to.ino, 0x1230u);
   EXPECT_EQ(to.generation, 0u);
   EXPECT_EQ(to.attr.st_ino, 0x100000001ull);
-  EXPECT_EQ(to.attr_timeout, kForThisCall);
+  EXPECT_EQ(to.attr_timeout, kAttrTimeout);
   EXPECT_EQ(to.entry_timeout, 0);
 }
 

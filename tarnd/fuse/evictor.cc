@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tarnd/fuse/forgetter.h"
+#include "tarnd/fuse/evictor.h"
 
 #include <sys/resource.h>
 
@@ -12,51 +12,51 @@
 
 namespace tarnd {
 
-// Between two rounds, so that what the host forgets has been given back before it is asked for
-// more; and what it cannot forget is not asked for over and over.
-static constexpr std::chrono::milliseconds kBetweenRounds{1};
+// Between two rounds: the host's forget requests take a moment to arrive, and a dentry that it
+// cannot drop must not be tried in a busy loop.
+static constexpr std::chrono::milliseconds kRoundInterval{1};
 
-// The other descriptors are for open files, for what the kernel in this process keeps, directories
-// among it, and for what the host asks for while it is forgetting.
-static size_t most_nodes() {
+// Three eighths of all descriptors. The others are for open files, for directories, and for
+// look-ups during a round.
+static size_t node_limit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
     return std::numeric_limits<size_t>::max();
   return limit.rlim_cur / 8 * 3;
 }
 
-Forgetter::Forgetter(Mount *mount)
+Evictor::Evictor(Mount *mount)
     : mount_(mount), task_(service_identity()), thread_([this] { run(); }) {}
 
-void Forgetter::stop() {
+void Evictor::stop() {
   std::call_once(stopped_, [this] {
-    mount_->holdings().close();
+    mount_->lookups().close();
     thread_.join();
   });
 }
 
-// Without memory there is nothing to be done now; perhaps in the next round.
-void Forgetter::run() {
-  const size_t most = most_nodes();
+void Evictor::run() {
+  const size_t limit = node_limit();
   for (bool closed = false; !closed;) {
     try {
-      closed = !one_round(most);
+      closed = !evict_some(limit);
     } catch (const std::bad_alloc &) {
+      // The next round tries again.
     }
-    std::this_thread::sleep_for(kBetweenRounds);
+    std::this_thread::sleep_for(kRoundInterval);
   }
 }
 
 // False when the mount is closed.
-bool Forgetter::one_round(size_t most) {
-  const auto nodes = mount_->holdings().wait_for_too_many(most);
+bool Evictor::evict_some(size_t limit) {
+  const auto nodes = mount_->lookups().wait_for_eviction(limit);
   if (!nodes) return false;
   const ActAs act(task_);
-  forget(*nodes);
+  invalidate(*nodes);
   return true;
 }
 
-void Forgetter::forget(const std::vector<uk_node *> &nodes) {
+void Evictor::invalidate(const std::vector<uk_node *> &nodes) {
   for (uk_node *node : nodes) {
     uk_node *dir = nullptr;
     char name[256];

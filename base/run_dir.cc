@@ -81,7 +81,7 @@ Result<UniqueFd> connect_socket(const std::string &run_dir, const std::string &n
   while (connect(socket_fd.get(), at.get(), sizeof(at.address)) != 0) {
     if (errno != EINTR) return failed(errno);
   }
-  // In a directory that anybody can make, a stranger could listen in tarnd's place.
+  // Any user can make a directory in /tmp and listen there.
   const auto peer = peer_credentials(socket_fd.get());
   if (!peer) return failed(-peer.error().code);
   if (geteuid() != 0 && peer->uid != 0 && peer->uid != geteuid())
@@ -93,7 +93,7 @@ Result<UniqueFd> connect_socket(const std::string &run_dir, const std::string &n
   return socket_fd;
 }
 
-bool nobody_there(const Error &error) {
+bool no_tarnd_there(const Error &error) {
   return error.code == -ENOENT || error.code == -ECONNREFUSED;
 }
 
@@ -101,7 +101,7 @@ Result<ucred> peer_credentials(int connection) {
   ucred peer{};
   socklen_t length = sizeof(peer);
   if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0)
-    return system_error(errno, "cannot ask who is at the other end of a socket");
+    return system_error(errno, "cannot read the credentials of a socket's peer");
   return peer;
 }
 

@@ -34,7 +34,7 @@ Result<UniqueFd> listen_socket(const std::string &run_dir, const std::string &na
 Result<UniqueFd> connect_socket(const std::string &run_dir, const std::string &name);
 
 /* Is the error one that says that no tarnd runs there? */
-bool nobody_there(const Error &error);
+bool no_tarnd_there(const Error &error);
 
 /* The process at the other end, as it was when it connected or began to listen. */
 Result<ucred> peer_credentials(int connection);

@@ -29,8 +29,8 @@ class UniqueFd {
   /* The caller closes it from now on. */
   int release() { return std::exchange(fd_, -1); }
   void reset() { static_cast<void>(close()); }
-  /* The same for a file that was written: 0, or the error number with which the file system says,
-   * some only here, that it has not kept what was written. It is closed in any case. */
+  /* The same for a file that was written: 0 or the error number. Some file systems report
+   * write-back errors only here. The descriptor is closed in any case. */
   [[nodiscard]] int close() {
     const int fd = std::exchange(fd_, -1);
     return fd >= 0 && ::close(fd) != 0 ? errno : 0;

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
-#include "client/control_link.h"
 #include "base/result.h"
+#include "client/control_link.h"
 #include "client/site.h"
 #include "client/uuid.h"
 

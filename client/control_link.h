@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The road that configuration takes to the module: socket options as they are, mounts and the
- * kernel log. ControlChannel gives them their meaning and needs nothing but what stands here.
+ * The transport of configuration to the module: raw socket options, mounts and the kernel log.
+ * ControlChannel interprets them and uses no other interface.
  * Calls block until they are done. One thread at a time.
  */
 #ifndef TARN_CLIENT_CONTROL_LINK_H

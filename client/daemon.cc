@@ -64,7 +64,7 @@ Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(std::unique_ptr<Messa
 }
 
 DaemonChannel::~DaemonChannel() {
-  if (auto left = leave(); !left) return;  // nobody is left to be told
+  if (auto left = leave(); !left) return;  // no one left to report it to
 }
 
 Result<void> DaemonChannel::send(std::uint16_t type, Bytes payload) {
@@ -102,16 +102,16 @@ Result<void> DaemonChannel::take_batch() {
   return got;
 }
 
-void DaemonChannel::keep_batch() {
+void DaemonChannel::queue_batch() {
   for (const Bytes packet : batch_.packets) {
-    if (!take_answer(packet)) kept_.emplace_back(packet.begin(), packet.end());
+    if (!take_answer(packet)) pending_.emplace_back(packet.begin(), packet.end());
   }
 }
 
 std::uint64_t DaemonChannel::take_losses() {
   signals_ += loss_->take();
   const std::uint64_t losses = std::max(signals_, overruns_);
-  return losses - std::exchange(losses_told_, losses);
+  return losses - std::exchange(losses_reported_, losses);
 }
 
 Result<void> DaemonChannel::wait(Milliseconds patience, int wake_fd, Received &received) {
@@ -129,7 +129,7 @@ Result<void> DaemonChannel::wait(Milliseconds patience, int wake_fd, Received &r
 Result<DaemonChannel::Received> DaemonChannel::receive(Milliseconds patience, int wake_fd) {
   Received received;
   returned_.clear();
-  std::swap(returned_, kept_);
+  std::swap(returned_, pending_);
   packets_.assign(returned_.begin(), returned_.end());
   if (!packets_.empty() || closed_) patience = Milliseconds(0);
   if (auto waited = wait(patience, wake_fd, received); !waited) return waited.error();
@@ -154,7 +154,7 @@ Result<void> DaemonChannel::make_room() {
   for (int i = 0; i < kRoomBatches && !closed_; ++i) {
     if (auto taken = take_batch(); !taken) return taken.error();
     if (batch_.empty()) break;
-    keep_batch();
+    queue_batch();
   }
   return {};
 }
@@ -167,7 +167,7 @@ Result<void> DaemonChannel::send_request(std::uint16_t type, Bytes payload, std:
 }
 
 Result<std::uint64_t> DaemonChannel::ask_barrier() {
-  // A delete request without a record is refused by its length before anything is looked at.
+  // The module refuses a delete request without a record by its length alone.
   if (auto sent = send_request(OX_SO_REP_DEL, {}, barriers_asked_ + 1); !sent) return sent.error();
   return ++barriers_asked_;
 }
@@ -186,7 +186,7 @@ Result<std::int32_t> DaemonChannel::request(std::uint16_t type, Bytes payload,
     }
     Received passing;
     if (auto waited = wait(left, -1, passing); !waited) return waited.error();
-    keep_batch();
+    queue_batch();
     if (closed_ && !asked_.empty()) return gone();
   }
   return result_;

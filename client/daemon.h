@@ -3,8 +3,8 @@
  * The daemon's side of the channel with the module: registers this process (hello), receives what
  * the module sends, asks it to change rules, and leaves (quit).
  *
- * One thread uses a channel. Nothing is lost between the calls: what arrives while a call waits for
- * an answer is kept for the next receive().
+ * One thread uses a channel. Packets that arrive while a call waits for an answer are queued for
+ * the next receive().
  *
  * "Everything up to now": a barrier is a request that changes nothing and whose answer travels
  * behind all records that the module has sent before. When Received::barriers has reached a
@@ -22,11 +22,11 @@
 #include <string>
 #include <vector>
 
-#include "client/daemon_lock.h"
-#include "client/message_link.h"
-#include "client/loss_signal.h"
-#include "client/messages.h"
 #include "base/result.h"
+#include "client/daemon_lock.h"
+#include "client/loss_signal.h"
+#include "client/message_link.h"
+#include "client/messages.h"
 #include "client/site.h"
 
 namespace tarn {
@@ -100,7 +100,7 @@ class DaemonChannel {
   Result<void> wait(Milliseconds patience, int wake_fd, Received &received);
   Result<void> take_batch();
   Result<void> make_room();
-  void keep_batch();
+  void queue_batch();
   bool take_answer(Bytes packet);
   std::uint64_t take_losses();
 
@@ -109,16 +109,16 @@ class DaemonChannel {
   std::unique_ptr<LossSignal> loss_;
   PacketBatch batch_;
   std::vector<Bytes> packets_;                  /* what receive() returns */
-  std::deque<std::vector<std::byte>> kept_;     /* arrived while something else was waited for */
-  std::deque<std::vector<std::byte>> returned_; /* kept ones that packets_ views */
+  std::deque<std::vector<std::byte>> pending_;  /* arrived during a wait for an answer */
+  std::deque<std::vector<std::byte>> returned_; /* of pending_: packets_ points into them */
   std::deque<Asked> asked_;
   std::int32_t result_ = 0; /* of the latest rule request */
   std::uint64_t barriers_asked_ = 0;
   std::uint64_t barriers_ = 0;
-  /* A queue that overflowed and the signal are two words for one loss; either may come first. */
+  /* An overrun of the queue and the signal report the same loss; either may come first. */
   std::uint64_t signals_ = 0;
   std::uint64_t overruns_ = 0;
-  std::uint64_t losses_told_ = 0;
+  std::uint64_t losses_reported_ = 0;
   std::size_t oversized_ = 0;
   std::size_t foreign_ = 0;
   bool closed_ = false;

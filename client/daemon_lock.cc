@@ -22,8 +22,8 @@ constexpr char kName[] = "/daemon.lock";
 enum class Lock { kTaken, kByAnother, kFailed };
 
 /*
- * Tries to take the exclusive lock. Whoever only asks who the daemon is holds a shared one for a
- * moment (registered_daemon), which does not count. errno is set with kFailed.
+ * Tries to take the exclusive lock. A shared lock is only held for a
+ * moment, by registered_daemon(), and is ignored. errno is set with kFailed.
  */
 Lock try_lock(int fd) {
   for (;;) {

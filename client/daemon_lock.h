@@ -1,13 +1,12 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Who is the daemon? The module itself tells nobody, and takes any new one without a word to the
- * old. So whoever registers through libtarn holds the file "daemon.lock" in the run directory under
- * an exclusive lock of its open file (flock); its text is the holder's process id. The lock goes
- * with the process, however it ends.
+ * Which process is the daemon. The module does not tell, and a new registration silently replaces
+ * the old one. So a daemon of libtarn holds an exclusive lock (flock) on the file "daemon.lock" in
+ * the run directory, which contains its process id. The kernel releases the lock when the process
+ * ends.
  *
- * To take over, a program puts a new, locked file in the old one's place. The old holder notices
- * that the file is no longer its own when it leaves, and then does not tell the module to forget
- * the daemon, which is another by now.
+ * To take over, a program replaces the file with a new one that it has locked. When the old holder
+ * ends, it sees that the file is not its own, and does not unregister the new daemon.
  */
 #ifndef TARN_CLIENT_DAEMON_LOCK_H
 #define TARN_CLIENT_DAEMON_LOCK_H
@@ -18,8 +17,8 @@
 #include <string>
 
 #include "base/result.h"
-#include "client/site.h"
 #include "base/unique_fd.h"
+#include "client/site.h"
 
 namespace tarn {
 
@@ -27,7 +26,7 @@ enum class Claim { kRefuseIfTaken, kTakeOver };
 
 class DaemonLock {
  public:
-  /* Makes the site's directory, if the module is in the kernel and nobody has made it. Errors:
+  /* With a module in the kernel, makes the site's directory if it is missing. Errors:
    * -EBUSY when another holds the lock (Claim::kRefuseIfTaken). */
   static Result<DaemonLock> take(const Site &site, Claim claim);
 

@@ -7,8 +7,8 @@
 
 #include <fmt/format.h>
 
-#include "client/kernel_log.h"
 #include "base/text.h"
+#include "client/kernel_log.h"
 
 namespace tarn {
 namespace {

@@ -14,8 +14,8 @@
 #include <string>
 #include <vector>
 
-#include "client/messages.h"
 #include "base/result.h"
+#include "client/messages.h"
 #include "module/os_public/Include/ox_msg.h"
 
 namespace tarn {

@@ -6,8 +6,8 @@
 
 #include <fmt/format.h>
 
-#include "client/message_link.h"
 #include "base/unique_fd.h"
+#include "client/message_link.h"
 
 namespace tarn {
 namespace {

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Follows the page messages of large writes: only page 0 names the file, so the name has to be kept
- * for the others. The data is not kept: each page can be used as it comes. Pages of several writes
- * may come mixed. One thread. Memory: the paths of at most kOpenWrites unfinished writes; the
- * oldest is forgotten first.
+ * Follows the page messages of large writes. Only page 0 names the file, so the path is stored for
+ * the others. The data is not: each page is used as it arrives. Pages of several writes may come
+ * mixed. One thread. Memory: the paths of at most kOpenWrites unfinished writes; the oldest is
+ * forgotten first.
  */
 #ifndef TARN_CLIENT_PAGES_H
 #define TARN_CLIENT_PAGES_H

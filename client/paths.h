@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "client/control_link.h"
 #include "base/result.h"
+#include "client/control_link.h"
 
 namespace tarn {
 
@@ -29,8 +29,8 @@ std::optional<std::string> path_below(std::string_view directory, std::string_vi
 
 /*
  * Rules and records are about lower directories. If `path`, a whole one, is a path of a mount and
- * of no lower directory, the lower path that it stands for, which somebody may have meant;
- * otherwise nothing.
+ * of no lower directory, the lower path that it stands for, which the user may have
+ * meant; otherwise nothing.
  */
 std::optional<std::string> meant_lower_path(const std::vector<Mount> &mounts,
                                             const std::string &path);

@@ -11,7 +11,7 @@
 
 namespace tarn {
 
-/* Both ends are closed when a program is executed, and neither makes anybody wait. */
+/* Both ends are close-on-exec and non-blocking. */
 struct Pipe {
   UniqueFd read_end, write_end;
 };

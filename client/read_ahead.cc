@@ -56,16 +56,16 @@ class ReadAhead : public MessageLink {
 
   Result<void> receive(PacketBatch &batch) override {
     batch.clear();
-    handed_out_.clear();
+    delivered_.clear();
     const std::lock_guard lock(mutex_);
-    while (!kept_.empty() && batch.packets.size() < PacketBatch::kPackets)
-      hand_out_packet_locked(batch);
-    batch.arrived_until = kept_.empty() ? Clock::now() : kept_.front().arrived;
+    while (!queue_.empty() && batch.packets.size() < PacketBatch::kPackets)
+      deliver_packet_locked(batch);
+    batch.arrived_until = queue_.empty() ? Clock::now() : queue_.front().arrived;
     batch.oversized = std::exchange(oversized_, 0);
     batch.foreign = std::exchange(foreign_, 0);
     batch.overrun = std::exchange(overrun_, false);
     room_.notify_one();
-    if (!kept_.empty()) return {};
+    if (!queue_.empty()) return {};
     batch.closed = batch.closed || closed_;
     if (error_ && batch.packets.empty()) return *error_;
     if (error_) return {};
@@ -81,19 +81,19 @@ class ReadAhead : public MessageLink {
     std::vector<std::byte> bytes; /* of all packets, one behind the other */
     std::vector<std::size_t> sizes;
     Clock::time_point arrived;
-    std::size_t next = 0; /* the packet that is to be handed out next */
+    std::size_t next = 0; /* the next packet to deliver */
     std::size_t at = 0;   /* where it begins */
   };
 
-  void hand_out_packet_locked(PacketBatch &batch) {
-    Block &first = kept_.front();
+  void deliver_packet_locked(PacketBatch &batch) {
+    Block &first = queue_.front();
     const std::size_t size = first.sizes[first.next++];
     batch.packets.emplace_back(first.bytes.data() + first.at, size);
     first.at += size;
-    kept_bytes_ -= size;
+    queued_bytes_ -= size;
     if (first.next < first.sizes.size()) return;
-    handed_out_.push_back(std::move(first));
-    kept_.pop_front();
+    delivered_.push_back(std::move(first));
+    queue_.pop_front();
   }
 
   static Block block_of(const PacketBatch &batch) {
@@ -113,12 +113,12 @@ class ReadAhead : public MessageLink {
   // False when there is nothing more to be read.
   bool wait_for_room() {
     std::unique_lock lock(mutex_);
-    room_.wait(lock, [this] { return stopping_ || kept_bytes_ < limit_; });
+    room_.wait(lock, [this] { return stopping_ || queued_bytes_ < limit_; });
     return !stopping_ && !closed_ && !error_;
   }
 
   // Ends early when the thread is to stop.
-  void leave_link_alone() const {
+  void pause() const {
     const auto time = link_->rest();
     const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
     const timespec limit{seconds.count(), std::chrono::nanoseconds(time - seconds).count()};
@@ -133,22 +133,22 @@ class ReadAhead : public MessageLink {
       if (poll(fds, std::size(fds), -1) < 0 && errno != EINTR) {
         const auto error = system_error(errno, "cannot wait for the module");
         batch.clear();
-        keep(batch, error);
+        enqueue(batch, error);
       } else if (fds[1].revents != 0) {
         return;
       } else {
         const auto got = link_->receive(batch);
-        keep(batch, got);
-        if (!batch.packets.empty()) leave_link_alone();
+        enqueue(batch, got);
+        if (!batch.packets.empty()) pause();
       }
     }
   }
 
-  void keep(const PacketBatch &batch, const Result<void> &got) {
+  void enqueue(const PacketBatch &batch, const Result<void> &got) {
     Block block = block_of(batch);
     const std::lock_guard lock(mutex_);
-    kept_bytes_ += block.bytes.size();
-    if (!block.sizes.empty()) kept_.push_back(std::move(block));
+    queued_bytes_ += block.bytes.size();
+    if (!block.sizes.empty()) queue_.push_back(std::move(block));
     oversized_ += batch.oversized;
     foreign_ += batch.foreign;
     overrun_ = overrun_ || batch.overrun;
@@ -163,11 +163,11 @@ class ReadAhead : public MessageLink {
   const Pipe ready_; /* readable exactly while readable_ */
   const Pipe stop_;
   std::vector<Block>
-      handed_out_;   /* the receiver's: views into them are in use until it asks again */
+      delivered_;    /* the receiver's: views into them are in use until it asks again */
   std::mutex mutex_; /* for what follows */
   std::condition_variable room_;
-  std::deque<Block> kept_;
-  std::size_t kept_bytes_ = 0;
+  std::deque<Block> queue_;
+  std::size_t queued_bytes_ = 0;
   std::size_t oversized_ = 0;
   std::size_t foreign_ = 0;
   bool overrun_ = false;

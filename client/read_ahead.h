@@ -1,12 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A link that is always being read: a thread of its own takes what the module sends as soon as it
- * comes and keeps it until it is asked for. The module waits a second at most for a daemon that
- * does not read, then the record is lost; a daemon that works on what it has got, on a disk that is
- * busy, may well need longer.
+ * A link with a receive queue. A thread of its own reads what the module sends as soon as it
+ * arrives. Without it records would be lost: the module waits at most a second for a daemon that
+ * does not read, and applying a record to a busy disk can take longer.
  *
- * When `limit` bytes are kept it reads no further until some have been taken, and the module waits
- * as it would for any daemon. Senders' threads may differ from the receiver's; one thread receives.
+ * The thread stops reading while `limit` bytes are queued, and the module waits. Any thread may
+ * send; one thread receives.
  */
 #ifndef TARN_CLIENT_READ_AHEAD_H
 #define TARN_CLIENT_READ_AHEAD_H
@@ -14,8 +13,8 @@
 #include <cstddef>
 #include <memory>
 
-#include "client/message_link.h"
 #include "base/result.h"
+#include "client/message_link.h"
 
 namespace tarn {
 

@@ -9,8 +9,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "client/kernel_control.h"
 #include "base/unique_fd.h"
+#include "client/kernel_control.h"
 
 namespace tarn {
 namespace {

@@ -5,8 +5,8 @@
  * The module numbers a record before it sends it, so records that several programs cause at once
  * may arrive out of order. A record that comes early is held back until those before it are there.
  * If they do not come within a time, or too much would have to be held, they are declared missing
- * (a gap) and the road is free again. A large write is several messages of one number; its pages
- * pass as they come, so that no write is ever held whole unless it is early.
+ * (a gap), and delivery continues behind them. A large write is several messages of one number; its
+ * pages pass as they come, so that no write is ever held whole unless it is early.
  *
  * What can happen to a rule's numbers, and what is reported:
  *  - the first record seen is not number 1: the rule is older than the listener. After a short wait
@@ -92,13 +92,14 @@ class Sequencer {
   };
 
   /* An earlier listener dealt with the rule's records up to there; what is missing behind it was
-   * sent while nobody listened, and is declared after kSettle. Before the rule's first record. */
+   * sent while no daemon was registered, and is declared missing after kSettle. Before the rule's
+   * first record. */
   void resume(const Uuid &rule, Position position);
 
   /* Of all rules of which a record has passed, or that were resumed. */
   std::map<Uuid, Position> positions() const;
 
-  /* A record that has arrived, with the packet that it was decoded from (kept, if it has to wait).
+  /* A record that has arrived, with the packet that it was decoded from (copied if it has to wait).
    */
   void add(const Record &record, Bytes packet, Clock::time_point now);
 

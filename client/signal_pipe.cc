@@ -9,7 +9,7 @@ namespace {
 
 constexpr int kSignals = 65;
 
-/* What a handler needs: where it writes, -1 if nobody has the signal, and what it counts. */
+/* The state of one signal: the pipe that its handler writes to, or -1, and the pending count. */
 struct Slot {
   std::atomic<int> fd{-1};
   std::atomic<std::uint64_t> waiting{0};
@@ -43,8 +43,8 @@ Result<std::unique_ptr<SignalPipe>> SignalPipe::open(std::initializer_list<int> 
 }
 
 Result<void> SignalPipe::catch_signal(int signal) {
-  int nobody = -1;
-  if (!g_slots[signal].fd.compare_exchange_strong(nobody, pipe_.write_end.get()))
+  int unused = -1;
+  if (!g_slots[signal].fd.compare_exchange_strong(unused, pipe_.write_end.get()))
     return system_error(EBUSY, "this process waits for the signal already");
   g_slots[signal].waiting = 0;
   struct sigaction action {

@@ -14,8 +14,8 @@
 #include <memory>
 #include <vector>
 
-#include "client/pipe.h"
 #include "base/result.h"
+#include "client/pipe.h"
 
 namespace tarn {
 

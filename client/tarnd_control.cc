@@ -9,10 +9,10 @@
 
 #include <fmt/format.h>
 
-#include "client/control_link.h"
 #include "base/run_dir.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
+#include "client/control_link.h"
 #include "module/os_public/Include/ox_ctl.h"
 
 namespace tarn {

@@ -8,9 +8,9 @@
 #include <cstring>
 #include <span>
 
-#include "client/message_link.h"
 #include "base/run_dir.h"
 #include "base/unique_fd.h"
+#include "client/message_link.h"
 #include "module/os_public/Include/ox_ctl.h"
 
 namespace tarn {

@@ -6,8 +6,8 @@
 
 #include <fmt/format.h>
 
-#include "client/base64.h"
 #include "base/text.h"
+#include "client/base64.h"
 #include "module/os_public/Include/ox_msg.h"
 
 namespace tarn {

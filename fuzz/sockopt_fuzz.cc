@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/input.h"
 #include "fuzz/fuzz_kernel.h"
+#include "fuzz/input.h"
 #include "fuzz/set_model.h"
 #include "fuzz/uk_fuzz.h"
 #include "ukern/door/uk_net.h"

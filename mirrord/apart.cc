@@ -9,8 +9,8 @@
 
 #include <fmt/format.h>
 
-#include "client/paths.h"
 #include "base/text.h"
+#include "client/paths.h"
 
 namespace tarn {
 namespace {

@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "base/mount_table.h"
-#include "client/control_link.h"
 #include "base/result.h"
+#include "client/control_link.h"
 
 namespace tarn {
 

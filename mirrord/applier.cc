@@ -7,8 +7,8 @@
 
 #include <fmt/format.h>
 
-#include "client/paths.h"
 #include "base/text.h"
+#include "client/paths.h"
 #include "mirrord/attributes.h"
 #include "mirrord/path_map.h"
 #include "module/os_public/Include/ox_msg.h"
@@ -263,8 +263,8 @@ struct Applier::Visitor {
       const auto above = replica.find(parent_of(path));
       note(replica.remove_tree(path));
       if (above && *above) {
-        const auto kept = settler.keep_times(parent_of(path), **above);
-        if (first.ok() && !kept) first = kept;
+        const auto restored = settler.restore_times(parent_of(path), **above);
+        if (first.ok() && !restored) first = restored;
       }
     }
     return first;
@@ -357,7 +357,7 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
   if (record.naming == Naming::kNameless && !gets_a_name) return Outcome::kNameless;
   if (record.naming == Naming::kUnplaced && !gets_a_name) {
     scopes_.learn(record);
-    settler_.untold(record.ts);
+    settler_.note_unrecorded(record.ts);
     return Error{-ESTALE,
                  "the file has another name, which the module does not know: the replica's copy is "
                  "no longer right, until it is found by 'mirrord --catch-up'"};
@@ -377,18 +377,18 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
 
 Result<void> Applier::caught_up(std::int64_t asked) {
   look_for_any_rule();
-  auto links = settler_.look_at_links();
-  auto untold = settler_.look_for_untold(asked);
-  auto touched = settler_.look_at_touched(asked);
+  auto links = settler_.check_links();
+  auto unrecorded = settler_.find_unrecorded(asked);
+  auto touched = settler_.compare_touched(asked);
   // A look may take a name from its file and so leave another to be looked at.
   for (int rounds = 0; links && replica_.has_parted() && rounds < kLookRounds; ++rounds)
-    links = settler_.look_at_links();
-  return !links ? links : !untold ? untold : touched;
+    links = settler_.check_links();
+  return !links ? links : !unrecorded ? unrecorded : touched;
 }
 
 Result<void> Applier::compare_touched(std::int64_t asked) {
   look_for_any_rule();
-  return settler_.look_at_touched(asked);
+  return settler_.compare_touched(asked);
 }
 
 /* What is looked at next, no record asked for. */

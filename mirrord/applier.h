@@ -58,7 +58,7 @@ class Applier {
 
   /* Records from `ts` on (microseconds since the epoch) are missing: what they may have told of is
    * looked for when all others have been applied. */
-  void lost(std::uint64_t ts) { settler_.untold(ts); }
+  void lost(std::uint64_t ts) { settler_.note_unrecorded(ts); }
 
   /* Of the last write page that was applied: the file, which a later page's record does not name.
    */

@@ -75,8 +75,8 @@ Result<Done> changed(const Result<void> &result) {
 }  // namespace
 
 Result<Done> AttributeChange::apply(const std::string &path, const SetAttr &change) {
-  const auto as_told = [&] { return replica.set_attributes(path, named_attributes(change)); };
-  if (!settler.source().available()) return as_told();
+  const auto as_recorded = [&] { return replica.set_attributes(path, named_attributes(change)); };
+  if (!settler.source().available()) return as_recorded();
   const auto both = look(settler, replica, path);
   if (!both) return both.error();
   const auto &[mine, theirs] = *both;
@@ -91,11 +91,11 @@ Result<Done> AttributeChange::apply(const std::string &path, const SetAttr &chan
     const auto size = static_cast<std::uint64_t>(mine->st_size);
     const bool sizes = (change.valid & OX_ATTR_SIZE) && change.size != size;
     settler.doubt(path, sizes ? std::min(change.size, size) : Unsettled::kNoData);
-    return as_told();
+    return as_recorded();
   };
   // It has gone on under another name, or has been removed.
   if (!theirs || !same_type(*mine, theirs->status)) return doubted();
-  if (agrees(change, theirs->status)) return as_told();
+  if (agrees(change, theirs->status)) return as_recorded();
   if (microseconds(theirs->status.st_ctim) + kCoarse < static_cast<std::int64_t>(captured))
     return refused(path, change, *theirs);
   // A name that the source's object does not have: it is another one.
@@ -124,16 +124,16 @@ Result<Done> AttributeChange::from_source(const std::string &path, const SetAttr
   if ((change.valid & OX_ATTR_SIZE) && S_ISREG(mine.st_mode)) {
     const auto my_size = static_cast<std::uint64_t>(mine.st_size),
                their_size = static_cast<std::uint64_t>(theirs.status.st_size);
-    const std::uint64_t kept = std::min(change.size, my_size);
+    const std::uint64_t common = std::min(change.size, my_size);
     if (their_size > change.size || settler.follows_source(path)) {
-      in_doubt = kept;
-      const auto fetched = settler.fetcher().fetch_data(path, theirs, kept, Unsettled::kNoData);
+      in_doubt = common;
+      const auto fetched = settler.fetcher().fetch_data(path, theirs, common, Unsettled::kNoData);
       if (!fetched) return fetched.error();
     } else {
       // As long as the record says, if the source has it so; if it is shorter, a later record cuts.
-      const bool told = their_size == change.size;
-      if (!told) in_doubt = std::min(kept, their_size);
-      const auto set = replica.set_attributes(path, {.size = told ? change.size : kept});
+      const bool confirmed = their_size == change.size;
+      if (!confirmed) in_doubt = std::min(common, their_size);
+      const auto set = replica.set_attributes(path, {.size = confirmed ? change.size : common});
       if (!set) return set.error();
     }
   }

@@ -16,14 +16,14 @@ namespace {
 constexpr std::chrono::milliseconds kPoll{5};
 
 /* Process ids are used again: which program does this one belong to? */
-enum class Program { kOurs, kAnother, kNotTold };
+enum class Program { kOurs, kAnother, kUnknown };
 
 Program program_of(pid_t pid) {
   namespace fs = std::filesystem;
   std::error_code error1, error2;
   const auto theirs = fs::read_symlink(fmt::format("/proc/{}/exe", pid), error1);
   const auto ours = fs::read_symlink("/proc/self/exe", error2);
-  if (error1 == std::errc::permission_denied) return Program::kNotTold;
+  if (error1 == std::errc::permission_denied) return Program::kUnknown;
   return !error1 && !error2 && theirs == ours ? Program::kOurs : Program::kAnother;
 }
 
@@ -40,7 +40,7 @@ Result<CatchUpState> catch_up(const std::string &status_file, std::chrono::secon
     if (!state->running || program == Program::kAnother)
       return Error{-ESRCH,
                    fmt::format("the mirrord that wrote {} has ended", printable(status_file))};
-    if (program == Program::kNotTold)
+    if (program == Program::kUnknown)
       return Error{-EPERM, fmt::format("cannot ask mirrord (process {}): only root and the user "
                                        "that it runs as may",
                                        state->pid)};

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Open descriptors by path, the least recently used closed first. Whoever changes names must forget
- * them here. What a file system says at the closing of one, whatever it was closed for, is kept
- * until it is asked for.
+ * An LRU cache of open descriptors by path. A caller that changes names must call forget(). Errors
+ * of close() are collected until take_close_errors().
  */
 #ifndef TARN_MIRRORD_FD_CACHE_H
 #define TARN_MIRRORD_FD_CACHE_H

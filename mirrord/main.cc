@@ -11,13 +11,13 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "base/standard_fds.h"
+#include "base/text.h"
+#include "base/version.h"
 #include "client/control.h"
 #include "client/daemon_report.h"
 #include "client/paths.h"
 #include "client/site.h"
-#include "base/standard_fds.h"
-#include "base/text.h"
-#include "base/version.h"
 #include "client/workdir.h"
 #include "mirrord/apart.h"
 #include "mirrord/catch_up.h"
@@ -166,7 +166,7 @@ int wait_for_another(const Arguments &arguments) {
   return kExitOk;
 }
 
-/* None if nobody tells. */
+/* None if the module cannot be asked. */
 std::vector<Mount> mounts_there(const Site &site) {
   auto control = ControlChannel::connect(site);
   if (!control) return {};

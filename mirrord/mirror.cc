@@ -51,8 +51,8 @@ void Mirror::record(const Record &record, Sequencer::Order order) {
   ++rule.messages;
   const auto outcome = applier_.apply(record);
   last_ts_[record.rule] = record.ts;
-  tell_unkept();
-  tell_unexplained();
+  report_write_back_errors();
+  report_unexplained();
   const auto what = [&] {
     std::string text =
         fmt::format("{} {}", change_name(record.change), printable(change_path(record.change)));
@@ -168,10 +168,10 @@ void Mirror::unconfirmed(const std::string &why) {
   say("the module was asked whether everything has come: " + why);
 }
 
-/* Files that were written earlier than the record that is being applied, if any is. */
-void Mirror::tell_unkept() {
-  for (const auto &[path, error] : replica_.take_unkept()) {
-    ++status_.unkept;
+/* They concern earlier writes, not the current record. */
+void Mirror::report_write_back_errors() {
+  for (const auto &[path, error] : replica_.take_write_back_errors()) {
+    ++status_.write_back_errors;
     changed_ = true;
     say(fmt::format("{}: not all that was written to it was kept: {}",
                     printable(options_.replica + "/" + path), error.text));
@@ -179,25 +179,26 @@ void Mirror::tell_unkept() {
 }
 
 /* Everything that was done until `asked` has been applied. */
-void Mirror::last_looks(std::int64_t asked) {
-  unlooked(applier_.caught_up(asked));
+void Mirror::compare_all(std::int64_t asked) {
+  report_comparison(applier_.caught_up(asked));
 }
 
-/* Between the moments when somebody asks: what came until that long ago. */
+/* Between catch-up requests: compares what was captured until that long ago. */
 void Mirror::compare_touched(std::chrono::microseconds ago) {
-  if (!applier_.touched().empty()) unlooked(applier_.compare_touched(now_us() - ago.count()));
+  if (!applier_.touched().empty())
+    report_comparison(applier_.compare_touched(now_us() - ago.count()));
 }
 
-void Mirror::unlooked(const Result<void> &looked) {
-  tell_unkept();
-  if (looked) return;
+void Mirror::report_comparison(const Result<void> &compared) {
+  report_write_back_errors();
+  if (compared) return;
   ++status_.unconfirmed;
   changed_ = true;
-  say("what was changed could not be compared with the source: " + looked.error().text);
+  say("what was changed could not be compared with the source: " + compared.error().text);
 }
 
-/* Objects that were missing when their records came, and of which no later record told why. */
-void Mirror::tell_unexplained(std::optional<std::chrono::nanoseconds> older_than) {
+/* Records whose object was missing, and which no later record explained. */
+void Mirror::report_unexplained(std::optional<std::chrono::nanoseconds> older_than) {
   std::optional<std::chrono::microseconds> age;
   if (older_than) age = std::chrono::ceil<std::chrono::microseconds>(*older_than);
   for (const auto &[uuid, wseq, what] : applier_.take_unexplained(age)) {
@@ -215,16 +216,16 @@ void Mirror::note_caught_up(std::uint64_t barriers) {
   if (!sequencer_.holds_nothing() || !come()) return;
   CatchUp reached{};
   for (; come(); catch_ups_.pop_front()) reached = catch_ups_.front();
-  last_looks(reached.asked_us);
+  compare_all(reached.asked_us);
   replica_.close_files();
-  tell_unkept();
-  // What had gone from the source a second before we asked has been told by now.
-  tell_unexplained(std::chrono::nanoseconds(monotonic_ns() - reached.asked_ns) +
-                   std::chrono::seconds(1));
-  keep_state();
+  report_write_back_errors();
+  // Records of what left the source a second before the request have arrived by now.
+  report_unexplained(std::chrono::nanoseconds(monotonic_ns() - reached.asked_ns) +
+                     std::chrono::seconds(1));
+  save_state();
   note_registered();
   status_.caught_up_to_ns = reached.asked_ns;
-  keep_status_file();
+  update_status_file();
 }
 
 void Mirror::signal(int number) {
@@ -258,12 +259,12 @@ Result<void> Mirror::write_status_file() {
  */
 void Mirror::resume() {
   if (!resumption_) return;
-  const auto kept = resumption_->state.read();
-  if (kept) {
-    positions_ = *kept;
+  const auto saved = resumption_->state.read();
+  if (saved) {
+    positions_ = *saved;
   } else {
     ++status_.unconfirmed;
-    say(kept.error().text + ": nobody knows whether changes since the last run are missing");
+    say(saved.error().text + ": nobody knows whether changes since the last run are missing");
   }
   const auto asked = resumption_->ask_numbers();
   for (const auto &[uuid, position] : positions_) {
@@ -295,22 +296,22 @@ void Mirror::note_registered() {
 }
 
 /* After everything that it claims has been applied. */
-void Mirror::keep_state() {
+void Mirror::save_state() {
   if (!resumption_ || channel_.taken_over()) return;
   auto positions = positions_;
   for (const auto &[uuid, position] : sequencer_.positions()) positions[uuid] = position;
   if (positions == positions_) return;
   const auto written = resumption_->state.write(positions);
-  if (!written && !told_of_state_) say(written.error().text);
-  told_of_state_ = !written.ok();
+  if (!written && !state_error_reported_) say(written.error().text);
+  state_error_reported_ = !written.ok();
   if (written) positions_ = std::move(positions);
 }
 
-/* That it cannot be written is said once, until it can again. */
-void Mirror::keep_status_file() {
+/* An error is reported once, until a write succeeds again. */
+void Mirror::update_status_file() {
   const auto written = write_status_file();
-  if (!written && !told_of_status_file_) say(written.error().text);
-  told_of_status_file_ = !written.ok();
+  if (!written && !status_file_error_reported_) say(written.error().text);
+  status_file_error_reported_ = !written.ok();
 }
 
 /* After quit: applies what is still on its way. */
@@ -324,14 +325,14 @@ void Mirror::drain() {
   }
 }
 
-/* At the end: nobody is left to hear of an error that comes later. */
+/* At the end: later errors could not be reported. */
 void Mirror::settle() {
-  last_looks(now_us());
-  tell_unexplained(std::chrono::nanoseconds(0));
+  compare_all(now_us());
+  report_unexplained(std::chrono::nanoseconds(0));
   replica_.close_files();
-  tell_unkept();
+  report_write_back_errors();
   if (const auto synced = replica_.sync(); !synced) {
-    ++status_.unkept;
+    ++status_.write_back_errors;
     say(fmt::format("the file system of {} did not keep all that was written to it: {}",
                     printable(options_.replica), synced.error().text));
   }
@@ -368,17 +369,17 @@ Mirror::End Mirror::run(SignalPipe &signals) {
     if (received->packets.empty() && !received->woken && sequencer_.holds_nothing())
       compare_touched(kStatusInterval);
     if (changed_ && Clock::now() - written_ >= kStatusInterval) {
-      keep_state();
-      keep_status_file();
+      save_state();
+      update_status_file();
     }
   }
   if (auto left = channel_.leave(); !left && *end == End::kClean) say(left.error().text);
   drain();
   sequencer_.finish();
   settle();
-  keep_state();
+  save_state();
   status_.running = false;
-  keep_status_file();
+  update_status_file();
   if (*end == End::kClean && status_.problems() != 0) end = End::kProblems;
   return *end;
 }

@@ -56,7 +56,7 @@ class Mirror : private Sequencer::Sink {
     kChannel,  /* the module's side has gone, or another daemon took over */
   };
 
-  /* Without a resumption nothing is known of the time before, and nothing is kept of this one. */
+  /* Without a resumption there is no state file: changes of the time before cannot be detected. */
   Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel,
          std::optional<Resumption> resumption = {});
 
@@ -82,16 +82,16 @@ class Mirror : private Sequencer::Sink {
   void note_caught_up(std::uint64_t barriers);
   void resume();
   void note_registered();
-  void keep_state();
+  void save_state();
   void drain();
   Result<void> write_status_file();
-  void keep_status_file();
+  void update_status_file();
   void unconfirmed(const std::string &why);
-  void tell_unkept();
-  void last_looks(std::int64_t asked);
+  void report_write_back_errors();
+  void compare_all(std::int64_t asked);
   void compare_touched(std::chrono::microseconds ago);
-  void unlooked(const Result<void> &looked);
-  void tell_unexplained(std::optional<std::chrono::nanoseconds> older_than = {});
+  void report_comparison(const Result<void> &compared);
+  void report_unexplained(std::optional<std::chrono::nanoseconds> older_than = {});
   void settle();
   DaemonChannel::Milliseconds patience() const;
   bool wanted(const Uuid &rule) const {
@@ -104,15 +104,15 @@ class Mirror : private Sequencer::Sink {
   Applier applier_;
   Sequencer sequencer_;
   MirrorStatus status_;
-  bool changed_ = true;              /* since the status file was written */
-  bool told_of_status_file_ = false; /* that it cannot be written */
+  bool changed_ = true;                     /* since the status file was written */
+  bool status_file_error_reported_ = false; /* that it cannot be written */
   std::chrono::steady_clock::time_point written_{};
 
   std::map<Uuid, std::uint64_t> last_ts_; /* of the latest record of each rule */
 
   std::optional<Resumption> resumption_;
-  StateFile::Positions positions_; /* in the state file */
-  bool told_of_state_ = false;     /* that it cannot be written */
+  StateFile::Positions positions_;    /* in the state file */
+  bool state_error_reported_ = false; /* that it cannot be written */
   /* Until note_registered(): the rules that may have changed while no mirrord ran, and why one of
    * them could not be asked. */
   std::map<Uuid, std::string> uncertain_;

@@ -388,11 +388,11 @@ Result<Replica::Done> Replica::set_attributes(const std::string &path, const Att
   return Done::kChanged;
 }
 
-std::vector<Replica::Unkept> Replica::take_unkept() {
-  std::vector<Unkept> unkept;
+std::vector<Replica::WriteBackError> Replica::take_write_back_errors() {
+  std::vector<WriteBackError> errors;
   for (auto &[path, err] : files_.take_close_errors())
-    unkept.push_back({std::move(path), failed(err)});
-  return unkept;
+    errors.push_back({std::move(path), failed(err)});
+  return errors;
 }
 
 void Replica::close_files() {

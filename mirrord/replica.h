@@ -3,12 +3,12 @@
  * The directory that changes are replayed into. Every path is relative to it, and no operation
  * reaches outside it, whatever the paths and whatever symbolic links lie in the replica.
  *
- * A write that succeeded may still be lost: some file systems, those of a network and with quotas
- * for example, say only when the file is closed or written to the disk that they could not keep it.
- * take_unkept() and sync() tell of that.
+ * A write that succeeded may still fail at write-back: network file systems and quotas, for
+ * example, report some errors only at close or sync. take_write_back_errors() and sync() return
+ * these.
  *
- * Nobody else may change names in the replica meanwhile: descriptors of files and directories are
- * kept. One thread. Creating and setting modes need umask 0, which the caller sets.
+ * No other program may change names in the replica meanwhile: descriptors of files and directories
+ * are cached. One thread. Creating and setting modes need umask 0, which the caller sets.
  */
 #ifndef TARN_MIRRORD_REPLICA_H
 #define TARN_MIRRORD_REPLICA_H
@@ -22,9 +22,9 @@
 #include <utility>
 #include <vector>
 
-#include "client/messages.h"
 #include "base/result.h"
 #include "base/unique_fd.h"
+#include "client/messages.h"
 #include "mirrord/directory_walk.h"
 #include "mirrord/fd_cache.h"
 
@@ -86,16 +86,14 @@ class Replica {
   };
   Result<Done> set_attributes(const std::string &path, const Attributes &attributes);
 
-  /* A file of which the file system did not keep all that was written, as it said when the file was
-   * closed, and why. Any operation may close some. */
-  struct Unkept {
+  /* A file that lost written data, as its close reported. Any operation may close cached files. */
+  struct WriteBackError {
     std::string path;
     Error error;
   };
   /* Those since the last call. */
-  std::vector<Unkept> take_unkept();
-  /* Closes every file, so that what was written is with the file system and take_unkept() knows
-   * what it could not keep. */
+  std::vector<WriteBackError> take_write_back_errors();
+  /* Closes all files, so that take_write_back_errors() is complete but for errors of sync(). */
   void close_files();
   /* Waits until all that was written is on the disk. The error is the file system's for whatever
    * was written to it, by others too, since the replica was opened. */

@@ -23,7 +23,7 @@ namespace {
 bool alike(const struct stat &mine, const struct stat &other) {
   if (!same_type(mine, other)) return false;
   if (!S_ISLNK(other.st_mode) && ((mine.st_mode ^ other.st_mode) & kModeBits) != 0) return false;
-  // Who is not root makes everything his own.
+  // Only root can give files away.
   if (geteuid() == 0 && (mine.st_uid != other.st_uid || mine.st_gid != other.st_gid)) return false;
   const bool sized = S_ISREG(other.st_mode) || S_ISLNK(other.st_mode);
   return !sized || mine.st_size == other.st_size;
@@ -44,12 +44,12 @@ Result<Done> Settler::settle(const std::string &path) {
     return *found ? settle(parent) : Done::kAlready;
   }
   auto done = take_over(path, *found);
-  // A look is no change of the directory: the times that a record gave it stay.
-  if (const auto kept = keep_times(parent, **above); done.ok() && !kept) return kept.error();
+  // To fetch is no recorded change of the directory: its times are restored.
+  if (const auto times = restore_times(parent, **above); done.ok() && !times) return times.error();
   return done;
 }
 
-Result<void> Settler::keep_times(const std::string &directory, const struct stat &before) {
+Result<void> Settler::restore_times(const std::string &directory, const struct stat &before) {
   const auto now = replica_.find(directory);
   if (!now) return now.error();
   if (!*now || same_time((*now)->st_mtim, before.st_mtim)) return {};
@@ -75,9 +75,9 @@ Result<Done> Settler::take_over(const std::string &path,
   return Done::kChanged;
 }
 
-/* A fetched file may be one that the replica has under a name that came by records. Who has more
- * names than are known is looked for in the whole source: the names of the directories are read for
- * that, and nothing else. */
+/* A fetched file may be a link to a file that the replica has already under another name. The other
+ * names of a file with unknown links are searched in the whole source; this reads directories, but
+ * no attributes. */
 Result<void> Settler::settle_other_names() {
   if (settling_names_) return {};
   Fetcher::Objects wanted;
@@ -149,14 +149,14 @@ Result<void> Settler::moved(const std::string &from, const std::string &to) {
   fetcher_.copies().moved(from, to);
   Result<void> first;
   for (const std::string &path : unsettled_.moved(from, to)) {
-    auto looked = look_again(path);
-    if (first.ok() && !looked) first = std::move(looked);
+    auto checked = recheck(path);
+    if (first.ok() && !checked) first = std::move(checked);
   }
   return first;
 }
 
 /* A marked path after its object, or a directory above it, was renamed. */
-Result<void> Settler::look_again(const std::string &path) {
+Result<void> Settler::recheck(const std::string &path) {
   const Unsettled::Mark *mark = unsettled_.find(path);
   if (!mark) return {};
   if (mark->names) {
@@ -167,12 +167,12 @@ Result<void> Settler::look_again(const std::string &path) {
   if (!found) return found.error();
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
-  Unsettled::Mark &looked = unsettled_.mark(path);
+  Unsettled::Mark &fresh = unsettled_.mark(path);
   // It has gone on in the source: the record of that will have us look there.
   if (!*found || !*mine || !same_type((*found)->status, **mine)) return {};
-  looked.missing = {};
-  if (looked.data_from != Unsettled::kNoData && S_ISREG((*mine)->st_mode)) {
-    const auto fetched = fetcher_.fetch_data(path, **found, looked.data_from, Unsettled::kNoData);
+  fresh.missing = {};
+  if (fresh.data_from != Unsettled::kNoData && S_ISREG((*mine)->st_mode)) {
+    const auto fetched = fetcher_.fetch_data(path, **found, fresh.data_from, Unsettled::kNoData);
     if (!fetched) return fetched;
   }
   return fetcher_.fetch_attributes(path, **found);
@@ -188,14 +188,14 @@ Result<void> Settler::leaving(const std::string &path) {
   if (watched) replica_.part(**mine);
   if (!doubted) return {};
   std::vector<std::string> names;
-  const auto looked = replica_.names_of({{(*mine)->st_dev, (*mine)->st_ino}}, names);
+  const auto searched = replica_.names_of({{(*mine)->st_dev, (*mine)->st_ino}}, names);
   const std::uint64_t data_from = mark->data_from;
   for (const std::string &other : names) {
     if (other == path) continue;
     doubt(other, data_from);
-    return look_again(other);
+    return recheck(other);
   }
-  return looked;
+  return searched;
 }
 
 void Settler::watch(const std::string &path, std::uint64_t ts) {
@@ -204,7 +204,7 @@ void Settler::watch(const std::string &path, std::uint64_t ts) {
   if (!S_ISDIR((*found)->status.st_mode)) fetcher_.copies().watch(path, (*found)->status, ts);
 }
 
-Result<void> Settler::look_at_links() {
+Result<void> Settler::check_links() {
   Result<void> first;
   if (const auto parted = replica_.take_parted(); !parted.empty()) {
     std::vector<std::string> names;
@@ -258,7 +258,7 @@ Result<void> Settler::take_time(const std::string &path, std::int64_t asked) {
   return set ? Result<void>() : Result<void>(set.error());
 }
 
-Result<void> Settler::look_at_touched(std::int64_t asked) {
+Result<void> Settler::compare_touched(std::int64_t asked) {
   auto paths = touched_.take();
   if (!source_.available()) return {};
   Result<void> first;
@@ -281,21 +281,21 @@ Result<void> Settler::look_at_touched(std::int64_t asked) {
   return first;
 }
 
-Result<void> Settler::look_for_untold(std::int64_t asked) {
+Result<void> Settler::find_unrecorded(std::int64_t asked) {
   if (!source_.available()) return {};
   Result<void> first;
-  for (const std::string &path : std::exchange(may_be_untold_, {})) {
+  for (const std::string &path : std::exchange(recheck_later_, {})) {
     const auto taken = take_if_changed(path, 0, asked);
     if (first.ok() && !taken) first = taken;
   }
-  if (untold_since_ == kNever) return first;
-  const auto since = static_cast<std::int64_t>(std::exchange(untold_since_, kNever)) - kCoarse;
+  if (unrecorded_since_ == kNever) return first;
+  const auto since = static_cast<std::int64_t>(std::exchange(unrecorded_since_, kNever)) - kCoarse;
   if (const auto names = take_if_changed("", since, asked); first.ok() && !names) first = names;
-  auto found = look_for_untold_below("", since, asked);
+  auto found = find_unrecorded_below("", since, asked);
   return first ? found : first;
 }
 
-Result<void> Settler::look_for_untold_below(const std::string &directory, std::int64_t since,
+Result<void> Settler::find_unrecorded_below(const std::string &directory, std::int64_t since,
                                             std::int64_t asked) {
   const auto object = source_.find(directory);
   if (!object) return object.error();
@@ -309,7 +309,7 @@ Result<void> Settler::look_for_untold_below(const std::string &directory, std::i
   for (const DirectoryEntry &entry : *entries) {
     const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
     if (included_(path)) note(take_if_changed(path, since, asked));
-    if (entry.may_be_directory) note(look_for_untold_below(path, since, asked));
+    if (entry.may_be_directory) note(find_unrecorded_below(path, since, asked));
   }
   return first;
 }
@@ -322,7 +322,7 @@ Result<void> Settler::take_if_changed(const std::string &path, std::int64_t sinc
   if (!there) return there.error();
   if (!*there) return {};
   const std::int64_t changed = microseconds((*there)->status.st_ctim);
-  if (changed >= asked) may_be_untold_.push_back(path);
+  if (changed >= asked) recheck_later_.push_back(path);
   if (changed < since || changed >= asked) return {};
   if (S_ISDIR((*there)->status.st_mode)) return take_names(path);
   const auto settled = settle(path);

@@ -64,25 +64,25 @@ class Settler {
   void linked(const std::string &existing, const std::string &path);
   Result<void> moved(const std::string &from, const std::string &to);
 
-  /* Something was changed in the directory by a look, not by a record: its times stay. */
-  Result<void> keep_times(const std::string &directory, const struct stat &before);
+  /* Undoes the time change of a directory whose contents were fetched: no record tells of it. */
+  Result<void> restore_times(const std::string &directory, const struct stat &before);
 
   /* The name is about to go. If its contents are in doubt, or it is watched, and it has another
    * name, that is looked at from now on. */
   Result<void> leaving(const std::string &path);
 
   /* The object has, or may have, a name that the rule does not include: what is changed by that one
-   * no record tells. look_at_links() sees it. `ts`: when the present record was captured. */
+   * no record tells. check_links() sees it. `ts`: when the present record was captured. */
   void watch(const std::string &path, std::uint64_t ts);
   /* All records have come. What was changed by a name that the source did not have any more when
    * the record was applied, or by one that went out of the rule, is seen at the file's other names.
    */
-  Result<void> look_at_links();
+  Result<void> check_links();
   /* From `ts` on (microseconds since the epoch) something was changed that no record tells of. */
-  void untold(std::uint64_t ts) { untold_since_ = std::min(untold_since_, ts); }
+  void note_unrecorded(std::uint64_t ts) { unrecorded_since_ = std::min(unrecorded_since_, ts); }
   /* All records of what was done until `asked` have been applied: takes over what such a change may
    * have been of, as far as change times in the source tell. All its names are read for that. */
-  Result<void> look_for_untold(std::int64_t asked);
+  Result<void> find_unrecorded(std::int64_t asked);
   /* A record names the path. */
   Touched &touched() { return touched_; }
   const Touched &touched() const { return touched_; }
@@ -90,7 +90,7 @@ class Settler {
    * compares the paths that were touched, and takes from the source what differs, and all
    * modification times. What has been changed since is left to the next time. The error is the
    * first one; everything is tried. */
-  Result<void> look_at_touched(std::int64_t asked);
+  Result<void> compare_touched(std::int64_t asked);
 
   /* The replica's object has both names. If the source's has, too, it is a copy of that. */
   void assume_linked(const std::string &existing, const std::string &path);
@@ -106,9 +106,9 @@ class Settler {
  private:
   Result<Replica::Done> take_over(const std::string &path,
                                   const std::optional<Source::Object> &found);
-  Result<void> look_again(const std::string &path);
+  Result<void> recheck(const std::string &path);
   Result<void> settle_other_names();
-  Result<void> look_for_untold_below(const std::string &directory, std::int64_t since,
+  Result<void> find_unrecorded_below(const std::string &directory, std::int64_t since,
                                      std::int64_t asked);
   Result<void> take_names(const std::string &directory);
   Result<void> take_if_changed(const std::string &path, std::int64_t since, std::int64_t asked);
@@ -124,8 +124,8 @@ class Settler {
   Fetcher fetcher_;
   Unsettled unsettled_;
   Touched touched_;
-  std::uint64_t untold_since_ = kNever;
-  std::vector<std::string> may_be_untold_; /* found, but being changed when they were */
+  std::uint64_t unrecorded_since_ = kNever;
+  std::vector<std::string> recheck_later_; /* found, but being changed when they were */
   bool settling_names_ = false;
   std::string other_name_;
   Fetcher::Included included_ = [](const std::string &) { return true; };

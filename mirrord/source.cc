@@ -16,7 +16,7 @@ Error failed(int err, const char *what) {
   return system_error(err, what);
 }
 
-/* Nobody goes by a name below one that is no directory. */
+/* These errors mean that the path does not exist. */
 bool is_absence(int err) {
   return err == ENOENT || err == ENOTDIR || err == ELOOP;
 }

@@ -15,9 +15,9 @@
 #include <nlohmann/json.hpp>
 
 #include "base/text.h"
-#include "client/json_bytes.h"
-#include "base/unique_fd.h"
 #include "base/text_file.h"
+#include "base/unique_fd.h"
+#include "client/json_bytes.h"
 
 namespace tarn {
 namespace {
@@ -112,7 +112,7 @@ Result<std::string> StateFile::write_beside(const std::string &text) const {
   if (!fd) return cannot("write", path_, errno);
   int err = write_text(fd.get(), text);
   if (err == 0 && fsync(fd.get()) != 0) err = errno;
-  if (const int unkept = fd.close(); err == 0) err = unkept;
+  if (const int close_error = fd.close(); err == 0) err = close_error;
   if (err == 0) return name;
   unlink(name.c_str());
   return cannot("write", path_, err);

@@ -32,7 +32,8 @@ class StateFile {
    * written; leaves a file that is there as it is. */
   static Result<StateFile> open(const std::string &source, const std::string &replica);
 
-  /* Nothing if no mirrord has kept this replica. Error: there is a file, but it cannot be used. */
+  /* Nothing if there is no state of this replica yet. Error: there is a file, but it cannot be
+   * used. */
   Result<Positions> read() const;
 
   Result<void> write(const Positions &positions) const;

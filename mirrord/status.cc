@@ -11,9 +11,9 @@
 #include <string_view>
 
 #include "base/text.h"
-#include "client/json_bytes.h"
-#include "base/unique_fd.h"
 #include "base/text_file.h"
+#include "base/unique_fd.h"
+#include "client/json_bytes.h"
 
 namespace tarn {
 namespace {
@@ -31,7 +31,7 @@ Json to_json(const MirrorStatus &status) {
   json["malformed"] = status.malformed;
   json["foreign"] = status.foreign;
   json["unconfirmed"] = status.unconfirmed;
-  json["unkept"] = status.unkept;
+  json["unkept"] = status.write_back_errors;
   json["caught_up_to_ns"] = status.caught_up_to_ns;
   std::uint64_t messages = 0, bytes = 0, nameless = 0, failures = 0;
   Json rules = Json::array();
@@ -82,7 +82,7 @@ Result<std::string> write_beside(const std::string &file, const MirrorStatus &st
   int err = 0;
   if (fchmod(fd.get(), 0644) != 0) err = errno;
   if (err == 0) err = write_text(fd.get(), text);
-  if (const int unkept = fd.close(); err == 0) err = unkept;
+  if (const int close_error = fd.close(); err == 0) err = close_error;
   if (err == 0) return name;
   ::unlink(name.c_str());
   return cannot_write(file, err);
@@ -91,7 +91,7 @@ Result<std::string> write_beside(const std::string &file, const MirrorStatus &st
 }  // namespace
 
 std::uint64_t MirrorStatus::problems() const {
-  std::uint64_t count = lost + malformed + unconfirmed + unkept;
+  std::uint64_t count = lost + malformed + unconfirmed + write_back_errors;
   for (const auto &[uuid, rule] : rules)
     count += rule.failures + rule.gaps + rule.stopped + rule.unchecked;
   return count;

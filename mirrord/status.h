@@ -21,13 +21,13 @@ struct RuleStatus {
   std::uint32_t last_wseq = 0; /* of the last record that was dealt with */
   std::uint64_t messages = 0;  /* records; of a large write, each page */
   std::uint64_t bytes = 0;     /* written data */
-  /* Messages about files without a name, which nobody can open again: they do no harm. */
+  /* Messages about files without a name, which cannot be opened again: harmless. */
   std::uint64_t nameless = 0;
   std::uint64_t failures = 0; /* messages that could not be applied */
   std::uint64_t gaps = 0;     /* times that numbers were missing, at the beginning too */
   std::uint64_t duplicates = 0;
   bool stopped = false;   /* the module captures nothing more for it */
-  bool unchecked = false; /* nobody knows yet whether something is missing since the last run */
+  bool unchecked = false; /* not known yet whether records since the last run are missing */
 };
 
 struct MirrorStatus {
@@ -40,9 +40,9 @@ struct MirrorStatus {
   std::uint64_t foreign = 0;   /* packets of other programs, not taken: they do no harm */
   /* Times that the module did not confirm that everything has come. */
   std::uint64_t unconfirmed = 0;
-  /* Times that the replica's file system said, after the write, that it had not kept what was
-   * written. */
-  std::uint64_t unkept = 0;
+  /* Write-back errors: the replica's file system reported a failed write only after it had
+   * returned. "unkept" in the file. */
+  std::uint64_t write_back_errors = 0;
   /* Everything that programs had changed at this time of the monotonic clock is in the replica;
    * nanoseconds. */
   std::int64_t caught_up_to_ns = 0;

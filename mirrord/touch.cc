@@ -9,9 +9,9 @@
 #include <optional>
 #include <string>
 
-#include "client/paths.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
+#include "client/paths.h"
 #include "client/workdir.h"
 
 namespace tarn {

@@ -12,8 +12,8 @@
 
 #include <vector>
 
-#include "client/control.h"
 #include "base/result.h"
+#include "client/control.h"
 
 namespace tarn {
 

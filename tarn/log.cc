@@ -5,9 +5,9 @@
 
 #include <fmt/format.h>
 
+#include "base/text.h"
 #include "client/control.h"
 #include "client/site.h"
-#include "base/text.h"
 #include "tarn/commands.h"
 
 namespace tarn {

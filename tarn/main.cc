@@ -18,7 +18,7 @@ int fail(const Error &error) {
   std::string text = error.text;
   std::replace(text.begin(), text.end(), '\n', ' ');
   std::cerr << "tarn: " << text << '\n';
-  return nobody_there(error) && text.starts_with("no tarnd runs") ? kExitNoTarnd : kExitFailed;
+  return no_tarnd_there(error) && text.starts_with("no tarnd runs") ? kExitNoTarnd : kExitFailed;
 }
 
 namespace {

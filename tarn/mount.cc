@@ -16,12 +16,12 @@
 
 #include <fmt/format.h>
 
-#include "client/control.h"
-#include "client/paths.h"
 #include "base/run_dir.h"
-#include "client/site.h"
 #include "base/text.h"
 #include "base/unique_fd.h"
+#include "client/control.h"
+#include "client/paths.h"
+#include "client/site.h"
 #include "module/os_public/Include/ox_ctl.h"
 #include "tarn/commands.h"
 #include "tarn/request.h"
@@ -47,7 +47,7 @@ Result<std::string> directory(const std::string &path, const std::string &role) 
     return Error{-ENOENT, what + " does not exist: create the directory first"};
   if (error) return system_error(error.value(), what);
   const bool is_directory = fs::is_directory(whole, error);
-  // What a killed tarnd has left refuses to be looked at; the next one takes its place.
+  // The dead mount of a killed tarnd returns this error; the next tarnd replaces it.
   if (error == std::errc::not_connected) return whole.string();
   if (!is_directory) return Error{-ENOTDIR, what + " is not a directory: name one"};
   return whole.string();
@@ -130,7 +130,7 @@ bool tarnd_lives(const std::string &run_dir) {
   return lock && flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
-/* Ends tarnd and waits until nobody answers any more. */
+/* Ends tarnd and waits until it has released its lock. */
 Result<void> stop_tarnd(const std::string &run_dir) {
   // While the connection is open, its number is no other process's.
   const auto connection = connect_socket(run_dir, OX_CTL_SOCKET);
@@ -151,8 +151,8 @@ Result<void> stop_tarnd(const std::string &run_dir) {
   return {};
 }
 
-/* Unmounts what nobody uses; the others are taken from under the programs that use them, which is
- * said. The last one first: it may stand on an earlier one. */
+/* Unmounts all idle mounts, and prints a note for each busy one, which tarnd aborts when it ends.
+ * In reverse order: a mount may lie on or above an earlier one. */
 void unmount_idle(const std::string &run_dir) {
   auto channel = ControlChannel::connect(tarnd_site(run_dir));
   if (!channel) return;
@@ -185,7 +185,7 @@ Result<Connection> connect_or_start(const Site &site) {
   for (;;) {
     auto channel = ControlChannel::connect(tarnd_site(run_dir));
     if (channel) return Connection{std::move(*channel), false};
-    if (!nobody_there(channel.error())) return channel.error();
+    if (!no_tarnd_there(channel.error())) return channel.error();
     const auto start = start_tarnd(run_dir);
     channel = ControlChannel::connect(tarnd_site(run_dir));
     if (channel) return Connection{std::move(*channel), start.ok()};

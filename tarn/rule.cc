@@ -8,10 +8,10 @@
 
 #include <fmt/format.h>
 
+#include "base/text.h"
 #include "client/control.h"
 #include "client/paths.h"
 #include "client/site.h"
-#include "base/text.h"
 #include "client/workdir.h"
 #include "tarn/commands.h"
 #include "tarn/report.h"

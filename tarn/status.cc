@@ -5,12 +5,12 @@
 
 #include <fmt/format.h>
 
+#include "base/text.h"
 #include "client/control.h"
 #include "client/daemon_lock.h"
 #include "client/daemon_report.h"
-#include "client/site.h"
-#include "base/text.h"
 #include "client/json_bytes.h"
+#include "client/site.h"
 #include "tarn/commands.h"
 #include "tarn/report.h"
 

@@ -9,12 +9,12 @@
 
 #include <fmt/format.h>
 
+#include "base/text.h"
 #include "client/daemon.h"
 #include "client/pages.h"
 #include "client/sequence.h"
 #include "client/signal_pipe.h"
 #include "client/site.h"
-#include "base/text.h"
 #include "tarn/commands.h"
 #include "tarn/report.h"
 

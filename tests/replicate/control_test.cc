@@ -293,7 +293,7 @@ TEST(Connect, NobodyThere) {
   for (const std::string &run_dir : {directory / "absent", directory.path()}) {
     const auto channel = ControlChannel::connect(tarnd_site(run_dir));
     ASSERT_FALSE(channel.ok());
-    EXPECT_TRUE(nobody_there(channel.error()));
+    EXPECT_TRUE(no_tarnd_there(channel.error()));
     EXPECT_TRUE(channel.error().text.starts_with("no tarnd runs in /")) << channel.error().text;
   }
 }

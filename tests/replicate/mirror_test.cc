@@ -22,7 +22,7 @@
 #include "mirrord/mirror.h"
 #include "tests/replicate/fake_tarnd.h"
 #include "tests/replicate/run_program.h"
-#include "tests/replicate/unkept_files.h"
+#include "tests/replicate/write_back_error_fs.h"
 
 namespace tarn {
 namespace {
@@ -249,7 +249,7 @@ TEST_F(MirrorTest, OnlyARegularFileIsReplacedByTheStatusFile) {
 }
 
 TEST_F(MirrorTest, WhatTheReplicaDidNotKeepIsSaidWhenItIsClosed) {
-  const UnkeptFiles files(dir_ / "replica", UnkeptFiles::Says::kAtClose);
+  const WriteBackErrorFs files(dir_ / "replica", WriteBackErrorFs::Says::kAtClose);
   const auto mirror = start();
   fake_.send(create(1, "full", rule_uuid(), 1));
   fake_.send(write_data({2}, src_ + "/full", 0, "x"));
@@ -271,7 +271,7 @@ TEST_F(MirrorTest, WhatTheReplicaDidNotKeepIsSaidWhenItIsClosed) {
 }
 
 TEST_F(MirrorTest, WhatCannotBeWrittenToTheDiskIsSaidAtTheEnd) {
-  const UnkeptFiles files(dir_ / "replica", UnkeptFiles::Says::kAtWriteBack);
+  const WriteBackErrorFs files(dir_ / "replica", WriteBackErrorFs::Says::kAtWriteBack);
   const auto mirror = start();
   // Another program's data and file, so no file of mirrord's is closed with an error.
   UniqueFd file(open(replica("f").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
@@ -290,7 +290,7 @@ TEST_F(MirrorTest, WhatCannotBeWrittenToTheDiskIsSaidAtTheEnd) {
 
 TEST(StatusFile, WhatIsNotKeptDoesNotTakeItsPlace) {
   TemporaryDirectory dir;
-  const UnkeptFiles files(dir.path(), UnkeptFiles::Says::kAtClose);
+  const WriteBackErrorFs files(dir.path(), WriteBackErrorFs::Says::kAtClose);
   const auto written = write_status(dir / "full", {});
   ASSERT_FALSE(written.ok());
   EXPECT_EQ(written.error().text,

@@ -12,8 +12,8 @@
 #include <cstring>
 #include <thread>
 
-#include "client/read_ahead.h"
 #include "base/unique_fd.h"
+#include "client/read_ahead.h"
 
 namespace tarn {
 namespace {

@@ -12,7 +12,7 @@
 
 #include "mirrord/directory_walk.h"
 #include "tests/replicate/fake_tarnd.h"
-#include "tests/replicate/unkept_files.h"
+#include "tests/replicate/write_back_error_fs.h"
 
 namespace tarn {
 namespace {
@@ -173,11 +173,11 @@ TEST_F(ReplicaTest, MoreFilesThanAreKeptOpen) {
 }
 
 TEST_F(ReplicaTest, WhatWasNotKeptIsToldWhateverAFileIsClosedFor) {
-  const UnkeptFiles files(dir_ / "replica", UnkeptFiles::Says::kAtClose);
+  const WriteBackErrorFs files(dir_ / "replica", WriteBackErrorFs::Says::kAtClose);
   auto replica = std::move(*Replica::open(dir_ / "replica"));  // closes all before that ends
   const auto told = [&] {
     std::vector<std::string> paths;
-    for (const auto &[path, error] : replica.take_unkept()) {
+    for (const auto &[path, error] : replica.take_write_back_errors()) {
       EXPECT_EQ(error.code, -ENOSPC) << error.text;
       paths.push_back(path);
     }

@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <limits>
 
-#include "client/base64.h"
-#include "client/paths.h"
 #include "base/text.h"
+#include "client/base64.h"
 #include "client/json_bytes.h"
+#include "client/paths.h"
 #include "client/uuid.h"
 #include "client/workdir.h"
 

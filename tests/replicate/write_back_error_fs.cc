@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "tests/replicate/unkept_files.h"
+#include "tests/replicate/write_back_error_fs.h"
 
 #include <sys/stat.h>
 
@@ -14,7 +14,7 @@
 
 namespace tarn::test {
 
-struct UnkeptFiles::Server {
+struct WriteBackErrorFs::Server {
   const std::string mountpoint;
   const Says says;
   fuse_session *session = nullptr;
@@ -89,7 +89,7 @@ struct UnkeptFiles::Server {
   }
 };
 
-UnkeptFiles::UnkeptFiles(const std::string &mountpoint, Says says)
+WriteBackErrorFs::WriteBackErrorFs(const std::string &mountpoint, Says says)
     : server_(new Server{.mountpoint = mountpoint, .says = says}) {
   fuse_lowlevel_ops operations{};
   operations.init = Server::init;
@@ -100,7 +100,7 @@ UnkeptFiles::UnkeptFiles(const std::string &mountpoint, Says says)
   operations.write = Server::write;
   operations.flush = Server::flush;
   fuse_args args = FUSE_ARGS_INIT(0, nullptr);
-  fuse_opt_add_arg(&args, "unkept_files");
+  fuse_opt_add_arg(&args, "write_back_error_fs");
   server_->session = fuse_session_new(&args, &operations, sizeof(operations), server_.get());
   fuse_opt_free_args(&args);
   if (!server_->session) throw std::runtime_error("fuse_session_new");
@@ -111,7 +111,7 @@ UnkeptFiles::UnkeptFiles(const std::string &mountpoint, Says says)
   server_->thread = std::thread([session = server_->session] { fuse_session_loop(session); });
 }
 
-UnkeptFiles::~UnkeptFiles() {
+WriteBackErrorFs::~WriteBackErrorFs() {
   // By somebody else: libfuse would close the session's descriptor while the thread uses it.
   run("/usr/bin/fusermount3", {"-u", "-z", "--", server_->mountpoint});
   server_->thread.join();

@@ -4,25 +4,25 @@
  * over a network or with quotas does. Mounted through FUSE and served by a thread of its own; one
  * directory, whose files have no contents.
  */
-#ifndef TARN_TESTS_REPLICATE_UNKEPT_FILES_H
-#define TARN_TESTS_REPLICATE_UNKEPT_FILES_H
+#ifndef TARN_TESTS_REPLICATE_WRITE_BACK_ERROR_FS_H
+#define TARN_TESTS_REPLICATE_WRITE_BACK_ERROR_FS_H
 
 #include <memory>
 #include <string>
 
 namespace tarn::test {
 
-class UnkeptFiles {
+class WriteBackErrorFs {
  public:
   /* When the error comes: ENOSPC when a file is closed, for those whose name begins with "full"; or
    * EIO when the kernel writes its pages back, for all. */
   enum class Says { kAtClose, kAtWriteBack };
 
   /* std::runtime_error if it cannot be mounted. */
-  UnkeptFiles(const std::string &mountpoint, Says says);
-  ~UnkeptFiles();
-  UnkeptFiles(const UnkeptFiles &) = delete;
-  UnkeptFiles &operator=(const UnkeptFiles &) = delete;
+  WriteBackErrorFs(const std::string &mountpoint, Says says);
+  ~WriteBackErrorFs();
+  WriteBackErrorFs(const WriteBackErrorFs &) = delete;
+  WriteBackErrorFs &operator=(const WriteBackErrorFs &) = delete;
 
  private:
   struct Server;

@@ -82,7 +82,7 @@ int uk_boot(const struct uk_boot_options *options) {
     if (error) stop_areas(ARRAY_SIZE(areas));
   }
   ukern_lock_check_none("end of the boot");
-  ukern_set_current(NULL);
+  ukern_set_current(nullptr);
   if (error) __atomic_store_n(&running, 0, __ATOMIC_RELEASE);
   return error;
 }
@@ -97,7 +97,7 @@ int uk_shutdown(void) {
   ukern_modules_exit();
   stop_areas(ARRAY_SIZE(areas));
   ukern_lock_check_none("end of the shutdown");
-  ukern_set_current(NULL);
+  ukern_set_current(nullptr);
   __atomic_store_n(&running, 0, __ATOMIC_RELEASE);
   return (int)(report_count() - before);
 }

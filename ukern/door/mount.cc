@@ -13,7 +13,7 @@ namespace {
 
 // A page with a copy of the text, as mount(2) makes of its arguments; no text, no page.
 int copy_to_page(const char *text, char **page) {
-  *page = NULL;
+  *page = nullptr;
   if (!text) return 0;
   if (strlen(text) >= PAGE_SIZE) return -EINVAL;
   *page = (char *)get_zeroed_page(GFP_KERNEL);

@@ -40,7 +40,7 @@ spinlock_t *lock_of(struct inode *inode) {
 
 struct uk_node *new_node(struct vfsmount *mnt, struct dentry *dentry) {
   struct uk_node *node = (struct uk_node *)kmem_cache_alloc(node_cache, GFP_KERNEL);
-  if (!node) return NULL;
+  if (!node) return nullptr;
   node->count = 1;
   node->inode = dentry->d_inode;
   node->mnt = mntget(mnt);
@@ -166,20 +166,20 @@ extern "C" {
 
 int ukern_nodes_init(void) {
   for (spinlock_t &lock : node_locks) spin_lock_init(&lock);
-  node_cache = kmem_cache_create("uk_node", sizeof(struct uk_node), 0, 0, NULL, NULL);
+  node_cache = kmem_cache_create("uk_node", sizeof(struct uk_node), 0, 0, nullptr, nullptr);
   return node_cache ? 0 : -ENOMEM;
 }
 
 void ukern_nodes_exit(void) {
   if (!node_cache) return;
   kmem_cache_destroy(node_cache);  // reports nodes that were never given back
-  node_cache = NULL;
+  node_cache = nullptr;
 }
 
 int node_get(struct vfsmount *mnt, struct dentry *dentry, struct uk_node **out) {
   struct inode *inode = dentry->d_inode;
   if (!inode) return -ENOENT;
-  struct uk_node *node = find_or_add(inode, mnt, NULL);
+  struct uk_node *node = find_or_add(inode, mnt, nullptr);
   if (!node) {
     struct uk_node *fresh = new_node(mnt, dentry);
     if (!fresh) return -ENOMEM;
@@ -203,10 +203,10 @@ int uk_node_place(struct uk_node *node, struct uk_node **dir, char name[256]) {
   if (S_ISDIR(node->inode->i_mode)) return -EISDIR;
   struct walk_path held;
   node_hold(node, &held);
-  struct dentry *parent = NULL;
-  *dir = NULL;
+  struct dentry *parent = nullptr;
+  *dir = nullptr;
   if (!d_unhashed(held.dentry) && last_step(&held, &parent, name)) {
-    *dir = find_or_add(parent->d_inode, held.mnt, NULL);
+    *dir = find_or_add(parent->d_inode, held.mnt, nullptr);
     dput(parent);
   }
   dput(held.dentry);

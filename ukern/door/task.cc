@@ -69,12 +69,12 @@ extern "C" {
 struct uk_task *uk_task_new(const struct uk_cred *cred) {
   KernelTaskScope scope("new_task");
   struct task_struct *task = ukern_task_alloc("user");
-  if (!task) return NULL;
+  if (!task) return nullptr;
   task->addr_limit = USER_DS;
   sigemptyset(&task->blocked);
   if (uk_task_set_cred((struct uk_task *)task, cred)) {
     put_task_struct(task);
-    return NULL;
+    return nullptr;
   }
   return (struct uk_task *)task;
 }
@@ -116,7 +116,7 @@ void uk_task_leave(void) {
     task->addr_limit = USER_DS;
   }
   __set_task_state(task, TASK_RUNNING);
-  ukern_set_current(NULL);
+  ukern_set_current(nullptr);
 }
 
 void uk_task_set_signal_handler(struct uk_task *uk_task, int (*handler)(void *arg, int signal),

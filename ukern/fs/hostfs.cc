@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* hostfs: the file system type, its super blocks and inodes. */
+// hostfs: the file system type, its super blocks and inodes.
 #include "ukern/fs/hostfs_internal.h"
 
 #include <linux/backing-dev.h>

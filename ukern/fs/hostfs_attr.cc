@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* hostfs: attributes, permissions, extended attributes, symbolic links. */
+// hostfs: attributes, permissions, extended attributes, symbolic links.
 #include "ukern/fs/hostfs_internal.h"
 
 #include <linux/err.h>
@@ -158,14 +158,14 @@ static void *hostfs_follow_link(struct dentry *dentry, struct nameidata *nd) {
   auto *text = static_cast<char *>(__getname());
   if (!text) {
     nd_set_link(nd, static_cast<char *>(ERR_PTR(-ENOMEM)));
-    return NULL;
+    return nullptr;
   }
   const hostfs_held held(dentry->d_inode);
   const long length = held.fd() < 0 ? held.fd() : host_fs_readlink(held.fd(), text, PATH_MAX - 1);
   if (length < 0) {
     __putname(text);
     nd_set_link(nd, static_cast<char *>(ERR_PTR(length)));
-    return NULL;
+    return nullptr;
   }
   text[length] = '\0';
   nd_set_link(nd, text);

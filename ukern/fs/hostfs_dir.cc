@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* hostfs: names. Looking them up, believing them, making and removing them. */
+// hostfs: names. Looking them up, believing them, making and removing them.
 #include "ukern/fs/hostfs_internal.h"
 
 #include <linux/err.h>
@@ -98,7 +98,7 @@ struct place {
 int is_elsewhere(const struct dentry *dentry, const struct dentry *walked) {
   if (!walked || walked == dentry || IS_ROOT(dentry) || IS_ROOT(walked)) return 0;
   if (d_mountpoint(const_cast<struct dentry *>(dentry))) return 0;
-  if (!walked->d_inode) return dentry->d_inode != NULL;
+  if (!walked->d_inode) return dentry->d_inode != nullptr;
   const place here(dentry), there(walked);
   return here.dir != there.dir || strcmp(here.name, there.name) != 0;
 }

@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * hostfs: open files. Data goes straight between the caller's buffer and the host; the page cache
- * holds pages of such a file only for who maps it or reads it page by page, and a write drops them.
- *
- * A file is opened for reading first and made writable at the first write, so that a file which the
- * host will not let us write (a running program, a read-only mount) can be opened for both as long
- * as nobody writes.
- */
+// hostfs: open files. Data goes straight between the caller's buffer and the host; the page cache
+// holds pages of such a file only for who maps it or reads it page by page, and a write drops them.
+//
+// A file is opened for reading first and made writable at the first write, so that a file which the
+// host will not let us write (a running program, a read-only mount) can be opened for both as long
+// as nobody writes.
 #include "ukern/fs/hostfs_internal.h"
 #include "ukern/fs/hostfs.h"
 

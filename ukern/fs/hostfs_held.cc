@@ -1,12 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * hostfs: which inodes have their path descriptor open.
- *
- * Directories are remembered by the user of this kernel for as long as programs like, one for each
- * step of each program's current directory among them. So the descriptor of one that nobody uses at
- * the moment may be closed; a handle finds the same directory again. Where the host has no such
- * handles, and of all other kinds of objects, the descriptor stays.
- */
+// hostfs: which inodes have their path descriptor open.
+//
+// Directories are remembered by the user of this kernel for as long as programs like, one for each
+// step of each program's current directory among them. So the descriptor of one that nobody uses at
+// the moment may be closed; a handle finds the same directory again. Where the host has no such
+// handles, and of all other kinds of objects, the descriptor stays.
 #include "ukern/fs/hostfs_internal.h"
 #include "ukern/fs/hostfs.h"
 

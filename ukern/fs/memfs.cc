@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* memfs: the file system type, mounting and the switches of tests. */
+// memfs: the file system type, mounting and the switches of tests.
 #include "ukern/fs/memfs_internal.h"
 
 #include <linux/err.h>

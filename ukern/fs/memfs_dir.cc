@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* memfs: names, attributes and symbolic links. */
+// memfs: names, attributes and symbolic links.
 #include "ukern/fs/memfs_internal.h"
 
 #include <linux/err.h>

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * memfs: file data. The page cache works against the node's blocks as it would against those of a
- * disk: a page is read from its block, gets a block when it is about to be written (where the disk
- * may be full), and goes back to it at write-back. A page dirtied through a mapping over a hole
- * gets its block only then.
- */
+// memfs: file data. The page cache works against the node's blocks as it would against those of a
+// disk: a page is read from its block, gets a block when it is about to be written (where the disk
+// may be full), and goes back to it at write-back. A page dirtied through a mapping over a hole
+// gets its block only then.
 #include "ukern/fs/memfs_internal.h"
 
 #include <linux/aio.h>
@@ -147,7 +145,7 @@ ssize_t direct_segments(int rw, struct inode *inode, const struct iovec *iov, lo
 }
 
 struct queued_request {
-  struct list_head list; /* in memfs_sb.queued */
+  struct list_head list;  // in memfs_sb.queued
   struct kiocb *iocb;
   ssize_t result;
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* memfs: nodes, their inodes and their blocks. */
+// memfs: nodes, their inodes and their blocks.
 #include "ukern/fs/memfs_internal.h"
 
 #include <linux/err.h>

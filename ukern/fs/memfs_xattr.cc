@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* memfs: extended attributes, a list per node. Every name space is taken; who may is decided above.
- */
+// memfs: extended attributes, a list per node. Every name space is taken; who may is decided above.
 #include "ukern/fs/memfs_internal.h"
 
 #include <linux/slab.h>

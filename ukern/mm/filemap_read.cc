@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* Reading a file through its cached pages. */
+// Reading a file through its cached pages.
 #include <linux/aio.h>
 #include <linux/backing-dev.h>
 #include <linux/fcntl.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* Writing a file's dirty pages and waiting for them. */
+// Writing a file's dirty pages and waiting for them.
 #include <linux/backing-dev.h>
 #include <linux/fs.h>
 #include <linux/kernel.h>

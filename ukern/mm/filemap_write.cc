@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* Writing a file through its cached pages. */
+// Writing a file through its cached pages.
 #include <linux/aio.h>
 #include <linux/backing-dev.h>
 #include <linux/capability.h>

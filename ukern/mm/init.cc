@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* Start and end of ukern/mm. */
+// Start and end of ukern/mm.
 #include <linux/errno.h>
 
 #include "ukern/mm/mm_internal.h"

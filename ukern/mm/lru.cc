@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * Reclaim of cached pages. Two lists, as in any kernel of the time: a page enters the inactive one,
- * moves to the active one when it is used twice, and back when the inactive list runs short. What
- * is reclaimed is the oldest page of the inactive list that was not used since it was looked at
- * last, if it is clean and nobody holds it; dirty pages wait for write-back.
- */
+// Reclaim of cached pages. Two lists, as in any kernel of the time: a page enters the inactive one,
+// moves to the active one when it is used twice, and back when the inactive list runs short. What
+// is reclaimed is the oldest page of the inactive list that was not used since it was looked at
+// last, if it is clean and nobody holds it; dirty pages wait for write-back.
 #include <linux/list.h>
 #include <linux/pagemap.h>
 #include <linux/spinlock.h>

@@ -1,13 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * Pages. Each allocation is a block of the host with a struct page beside it. A debug build gives
- * every page back to the host at once, so that a sanitizer sees its use after that, and knows where
- * each was allocated; otherwise single pages come from larger blocks and wait on a free list.
- *
- * There is no upper limit: above totalram_pages, or when it has reached its own limit, the page
- * cache is reclaimed first, and what cannot be reclaimed stays. Memory runs out when the host says
- * so or a fault is injected.
- */
+// Pages. Each allocation is a block of the host with a struct page beside it. A debug build gives
+// every page back to the host at once, so that a sanitizer sees its use after that, and knows where
+// each was allocated; otherwise single pages come from larger blocks and wait on a free list.
+//
+// There is no upper limit: above totalram_pages, or when it has reached its own limit, the page
+// cache is reclaimed first, and what cannot be reclaimed stays. Memory runs out when the host says
+// so or a fault is injected.
 #include <linux/gfp.h>
 #include <linux/hash.h>
 #include <linux/kernel.h>

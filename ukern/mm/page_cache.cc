@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* The index of cached pages: finding, entering and removing them. */
+// The index of cached pages: finding, entering and removing them.
 #include <linux/err.h>
 #include <linux/pagemap.h>
 #include <linux/pagevec.h>
@@ -122,7 +122,7 @@ unsigned pagevec_lookup_tag(struct pagevec *pvec, struct address_space *mapping,
   return pagevec_count(pvec);
 }
 
-/* The page at an index, made and filled when it was not there; filled or not when it was. */
+// The page at an index, made and filled when it was not there; filled or not when it was.
 static struct page *find_or_fill(struct address_space *mapping, unsigned long index,
                                  filler_t *filler, void *data) {
   for (;;) {

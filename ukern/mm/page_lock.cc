@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * Sleeping for a bit of a page. Waiters of all pages share a table of wait queues; each looks at
- * its own page's bit after every wake-up, so a collision costs a look and nothing else.
- */
+// Sleeping for a bit of a page. Waiters of all pages share a table of wait queues; each looks at
+// its own page's bit after every wake-up, so a collision costs a look and nothing else.
 #include <linux/hash.h>
 #include <linux/pagemap.h>
 #include <linux/wait.h>

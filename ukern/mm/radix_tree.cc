@@ -1,9 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * Index of a file's pages: a tree of 64-way nodes, 6 bits of the index per level, whose height
- * grows with the largest index. A node knows for each tag which of its slots lead to a tagged item,
- * so that a search for dirty pages sees only dirty pages.
- */
+// Index of a file's pages: a tree of 64-way nodes, 6 bits of the index per level, whose height
+// grows with the largest index. A node knows for each tag which of its slots lead to a tagged item,
+// so that a search for dirty pages sees only dirty pages.
 #include <linux/radix-tree.h>
 #include <linux/errno.h>
 #include <linux/kernel.h>
@@ -23,7 +21,7 @@ kmem_cache_t *node_cache;
 }  // namespace
 
 struct radix_tree_node {
-  unsigned count; /* slots in use */
+  unsigned count;  // slots in use
   unsigned long tags[RADIX_TREE_TAGS];
   void *slots[kSlots];
 };

@@ -26,11 +26,11 @@ struct kmem_cache {
   size_t align;
   void (*ctor)(void *, kmem_cache_t *, unsigned long);
   void (*dtor)(void *, kmem_cache_t *, unsigned long);
-  atomic_t objects; /* given out */
+  atomic_t objects;  // given out
   struct list_head link;
 #if !UKERN_DEBUG
   spinlock_t kept_lock;
-  struct kept_object *kept; /* under kept_lock, and so is the next one */
+  struct kept_object *kept;  // under kept_lock, and so is the next one
   size_t kept_bytes;
 #endif
 };
@@ -76,11 +76,11 @@ bool may_allocate(gfp_t flags) {
 // `owner` null: kmalloc. Neither cleared nor constructed.
 void *block_alloc(size_t size, size_t align, const void *owner) {
   void *block = host_alloc(size ? size : 1, align);
-  if (!block) return NULL;
+  if (!block) return nullptr;
 #if UKERN_DEBUG
   if (!alloc_track_add(block, size, owner)) {
     host_free(block);
-    return NULL;
+    return nullptr;
   }
 #else
   (void)owner;
@@ -125,7 +125,7 @@ void block_free(void *block, size_t size) {
 
 void kept_init(struct kmem_cache *) {}
 void *take_kept(struct kmem_cache *) {
-  return NULL;
+  return nullptr;
 }
 bool keep(struct kmem_cache *, void *) {
   return false;
@@ -136,12 +136,12 @@ void drop_kept(struct kmem_cache *) {}
 
 void kept_init(struct kmem_cache *cache) {
   spin_lock_init(&cache->kept_lock);
-  cache->kept = NULL;
+  cache->kept = nullptr;
   cache->kept_bytes = 0;
 }
 
 void *take_kept(struct kmem_cache *cache) {
-  if (cache->size < kLeastKept) return NULL;
+  if (cache->size < kLeastKept) return nullptr;
   spin_lock(&cache->kept_lock);
   struct kept_object *object = cache->kept;
   if (object) {
@@ -199,11 +199,11 @@ kmem_cache_t *kmem_cache_create(const char *name, size_t size, size_t align, uns
                                 void (*dtor)(void *, kmem_cache_t *, unsigned long)) {
   might_sleep();
   BUG_ON(!name || size < sizeof(void *) || size > kMaxObject || (dtor && !ctor));
-  struct kmem_cache *cache = NULL;
+  struct kmem_cache *cache = nullptr;
   if (!fault_point()) cache = (struct kmem_cache *)host_alloc(sizeof(*cache), kMinAlign);
   if (!cache) {
     if (flags & SLAB_PANIC) panic("kmem_cache_create(): failed to create slab `%s'", name);
-    return NULL;
+    return nullptr;
   }
   cache->name = name;
   cache->size = size;
@@ -223,7 +223,7 @@ kmem_cache_t *kmem_cache_create(const char *name, size_t size, size_t align, uns
   host_free(cache);
   printk("kmem_cache_create: duplicate cache %s\n", name);
   if (flags & SLAB_PANIC) panic("kmem_cache_create(): failed to create slab `%s'", name);
-  return NULL;
+  return nullptr;
 }
 
 int kmem_cache_destroy(kmem_cache_t *cache) {
@@ -241,10 +241,10 @@ int kmem_cache_destroy(kmem_cache_t *cache) {
 }
 
 void *kmem_cache_alloc(kmem_cache_t *cache, gfp_t flags) {
-  if (!may_allocate(flags)) return NULL;
+  if (!may_allocate(flags)) return nullptr;
   void *object = take_kept(cache);
   if (!object) object = block_alloc(cache->size, cache->align, cache);
-  if (!object) return NULL;
+  if (!object) return nullptr;
   atomic_inc(&cache->objects);
   poison(object, cache->size);
   if (cache->ctor) {
@@ -278,28 +278,29 @@ const char *kmem_cache_name(kmem_cache_t *cache) {
 }
 
 void *__kmalloc(size_t size, gfp_t flags) {
-  if (unlikely(size > KMALLOC_MAX_SIZE)) return NULL;
-  if (!may_allocate(flags)) return NULL;
-  void *block = block_alloc(size, kMinAlign, NULL);
+  if (unlikely(size > KMALLOC_MAX_SIZE)) return nullptr;
+  if (!may_allocate(flags)) return nullptr;
+  void *block = block_alloc(size, kMinAlign, nullptr);
   if (block) poison(block, size);
   return block;
 }
 
 void *__kzalloc(size_t size, gfp_t flags) {
-  if (unlikely(size > KMALLOC_MAX_SIZE)) return NULL;
-  if (!may_allocate(flags)) return NULL;
-  void *block = block_alloc(size, kMinAlign, NULL);
+  if (unlikely(size > KMALLOC_MAX_SIZE)) return nullptr;
+  if (!may_allocate(flags)) return nullptr;
+  void *block = block_alloc(size, kMinAlign, nullptr);
   if (block) memset(block, 0, size);
   return block;
 }
 
 void kfree(const void *block) {
   size_t size = 0;
-  if (block && may_free((void *)block, NULL, "kfree", &size)) block_free((void *)block, size);
+  if (block && may_free((void *)block, nullptr, "kfree", &size)) block_free((void *)block, size);
 }
 
 int ukern_slab_init(void) {
-  names_cachep = kmem_cache_create("names_cache", PATH_MAX, 0, SLAB_HWCACHE_ALIGN, NULL, NULL);
+  names_cachep =
+      kmem_cache_create("names_cache", PATH_MAX, 0, SLAB_HWCACHE_ALIGN, nullptr, nullptr);
   return names_cachep ? 0 : -ENOMEM;
 }
 
@@ -313,10 +314,10 @@ void ukern_slab_exit(void) {
     list_del(&cache->link);
     cache_free(cache);
   }
-  names_cachep = NULL;
+  names_cachep = nullptr;
 #if UKERN_DEBUG
-  if (const unsigned long blocks = alloc_track_count(NULL, NULL))
-    report_leak("at shutdown", "kmalloc", NULL, blocks);
+  if (const unsigned long blocks = alloc_track_count(nullptr, nullptr))
+    report_leak("at shutdown", "kmalloc", nullptr, blocks);
   alloc_track_free_all();
 #endif
 }

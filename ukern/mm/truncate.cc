@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* Taking pages out of the cache: truncation, which loses data, and invalidation, which does not. */
+// Taking pages out of the cache: truncation, which loses data, and invalidation, which does not.
 #include <linux/fs.h>
 #include <linux/highmem.h>
 #include <linux/kernel.h>

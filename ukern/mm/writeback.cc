@@ -1,11 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * Write-back in the background: a pool of two threads that run what pdflush_operation gives them,
- * and one that wakes every dirty_writeback_interval and writes what has been dirty for longer than
- * dirty_expire_interval. They run where a file system leaves something dirty, with the kernel
- * address limit. Which inodes are dirty is
- * ukern/vfs' business.
- */
+// Write-back in the background: a pool of two threads that run what pdflush_operation gives them,
+// and one that wakes every dirty_writeback_interval and writes what has been dirty for longer than
+// dirty_expire_interval. They run where a file system leaves something dirty, with the kernel
+// address limit. Which inodes are dirty is ukern/vfs' business.
 #include <linux/backing-dev.h>
 #include <linux/err.h>
 #include <linux/kernel.h>

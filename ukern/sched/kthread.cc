@@ -46,7 +46,7 @@ void thread_main(void *arg) {
   task->exit_code = kthread->result;
   complete_all(&kthread->exited);
   put_task_struct(task);
-  ukern_set_current(NULL);
+  ukern_set_current(nullptr);
   if (__atomic_sub_fetch(&live_threads, 1, __ATOMIC_ACQ_REL) == 0)
     host_wake(&live_threads, INT_MAX);
 }

@@ -20,7 +20,7 @@ DEFINE_MUTEX(load_mutex);      // loaded; held while init and exit run
 bool loaded[kModules];
 
 const struct builtin_module *table() {
-  static const struct builtin_module none[] = {{.name = NULL, .init = NULL, .exit = NULL}};
+  static const struct builtin_module none[] = {{.name = nullptr, .init = nullptr, .exit = nullptr}};
   return builtin_modules ? builtin_modules : none;
 }
 

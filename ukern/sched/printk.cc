@@ -18,7 +18,7 @@ constexpr unsigned kDefaultLevel = 4;
 
 struct Line {
   unsigned long long us;
-  unsigned long long start; /* of its text, counted from boot: byte n is at n % kBytes */
+  unsigned long long start;  // of its text, counted from boot: byte n is at n % kBytes
   unsigned level, len;
 };
 

@@ -47,10 +47,10 @@ namespace {
 
 // A task with this id and a reference, one with a handler before one without; null for none.
 struct task_struct *target_of(pid_t pid) {
-  struct task_struct *found = NULL;
+  struct task_struct *found = nullptr;
   read_lock(&tasklist_lock);
   struct task_struct *task = find_task_by_pid(pid);
-  struct hlist_node *node = task ? &task->pid_link : NULL;
+  struct hlist_node *node = task ? &task->pid_link : nullptr;
   for (; node; node = node->next) {
     task = hlist_entry(node, struct task_struct, pid_link);
     if (task->pid != pid) continue;
@@ -99,7 +99,7 @@ int sigprocmask(int how, sigset_t *set, sigset_t *oldset) {
 }
 
 int send_sig(int sig, struct task_struct *task, int priv) {
-  (void)priv; /* whoever has the task may signal it */
+  (void)priv;  // whoever has the task may signal it
   if (sig < 0 || !valid_signal((unsigned long)sig)) return -EINVAL;
   return sig ? ukern_task_signal(task, sig) : 0;
 }

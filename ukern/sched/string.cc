@@ -33,9 +33,9 @@ int strnicmp(const char *a, const char *b, size_t count) {
 
 char *strsep(char **s, const char *delimiters) {
   char *start = *s;
-  if (!start) return NULL;
+  if (!start) return nullptr;
   char *end = start + strcspn(start, delimiters);
-  *s = *end ? end + 1 : NULL;
+  *s = *end ? end + 1 : nullptr;
   *end = 0;
   return start;
 }
@@ -46,7 +46,7 @@ void *memscan(void *s, int c, size_t count) {
 }
 
 char *kstrdup(const char *s, gfp_t gfp) {
-  if (!s) return NULL;
+  if (!s) return nullptr;
   const size_t size = strlen(s) + 1;
   char *copy = (char *)kmalloc(size, gfp);
   if (copy) memcpy(copy, s, size);

@@ -50,10 +50,10 @@ struct task_struct init_task;
 struct fs_struct init_fs = {.count = ATOMIC_INIT(1),
                             .lock = __RW_LOCK_UNLOCKED(init_fs.lock),
                             .umask = 0,
-                            .root = NULL,
-                            .pwd = NULL,
-                            .rootmnt = NULL,
-                            .pwdmnt = NULL};
+                            .root = nullptr,
+                            .pwd = nullptr,
+                            .rootmnt = nullptr,
+                            .pwdmnt = nullptr};
 DEFINE_RWLOCK(tasklist_lock);
 
 void ukern_set_current(struct task_struct *task) {
@@ -98,7 +98,7 @@ void ukern_task_unhash(struct task_struct *task) {
 
 struct task_struct *ukern_task_alloc(const char *name) {
   auto *task = (struct task_struct *)kmem_cache_alloc(task_cachep, GFP_KERNEL);
-  if (!task) return NULL;
+  if (!task) return nullptr;
   ukern_task_setup(task, __atomic_add_fetch(&last_kernel_pid, 1, __ATOMIC_RELAXED), name);
   ukern_task_hash(task);
   return task;
@@ -121,13 +121,13 @@ struct task_struct *find_task_by_pid(int nr) {
   hlist_for_each_entry(task, node, pid_bucket(nr), pid_link) {
     if (task->pid == nr) return task;
   }
-  return NULL;
+  return nullptr;
 }
 
 // The task's program and what was made for it. The old map goes when its last user does.
 int ukern_task_set_exe(struct task_struct *task, const char *exe) {
   if (same_text(task->exe, exe)) return 0;
-  char *copy = NULL;
+  char *copy = nullptr;
   if (exe) {
     copy = kstrdup(exe, GFP_KERNEL);
     if (!copy) return -ENOMEM;
@@ -136,7 +136,7 @@ int ukern_task_set_exe(struct task_struct *task, const char *exe) {
   char *old_exe = task->exe;
   struct mm_struct *old_mm = task->mm;
   task->exe = copy;
-  task->mm = NULL;
+  task->mm = nullptr;
   if (exe) set_comm_from_path(task, exe);
   task_unlock(task);
   kfree(old_exe);
@@ -150,7 +150,7 @@ static void find_exe(struct task_struct *task) {
   char *path = (char *)__getname();
   const long len = path ? task->find_exe(task->pid, path, PATH_MAX - 1) : 0;
   if (len > 0) path[len] = '\0';
-  if (ukern_task_set_exe(task, len > 0 ? path : NULL)) ukern_task_set_exe(task, NULL);
+  if (ukern_task_set_exe(task, len > 0 ? path : nullptr)) ukern_task_set_exe(task, nullptr);
   if (path) __putname(path);
   fault_resume();
 }
@@ -168,9 +168,9 @@ struct mm_struct *get_task_mm(struct task_struct *task) {
   fault_pause();
   struct mm_struct *made = ukern_exec_mm(task->exe);
   fault_resume();
-  if (!made) return NULL;
+  if (!made) return nullptr;
   task_lock(task);
-  struct mm_struct *lost = NULL;
+  struct mm_struct *lost = nullptr;
   if (task->mm)
     lost = made;
   else
@@ -188,7 +188,8 @@ void mmput(struct mm_struct *mm) {
 }
 
 int ukern_tasks_init(void) {
-  task_cachep = kmem_cache_create("task_struct", sizeof(struct task_struct), 0, 0, NULL, NULL);
+  task_cachep =
+      kmem_cache_create("task_struct", sizeof(struct task_struct), 0, 0, nullptr, nullptr);
   return task_cachep ? 0 : -ENOMEM;
 }
 

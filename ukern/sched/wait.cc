@@ -92,7 +92,7 @@ int down_state(struct semaphore *sem, int state) {
   // A wake-up that this task took and does not use, and a count that is still there, go to the next
   // one.
   if (sem->count > 0)
-    wake_locked(&sem->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, NULL);
+    wake_locked(&sem->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, nullptr);
   spin_unlock(&sem->wait.lock);
   return result;
 }
@@ -134,11 +134,11 @@ void __wake_up(wait_queue_head_t *q, unsigned int mode, int nr, void *key) {
 }
 
 void __wake_up_locked(wait_queue_head_t *q, unsigned int mode) {
-  wake_locked(q, mode, 1, 0, NULL);
+  wake_locked(q, mode, 1, 0, nullptr);
 }
 
 void __wake_up_sync(wait_queue_head_t *q, unsigned int mode, int nr) {
-  wake(q, mode, nr, 1, NULL);
+  wake(q, mode, nr, 1, nullptr);
 }
 
 void prepare_to_wait(wait_queue_head_t *q, wait_queue_t *wait, int state) {
@@ -179,14 +179,14 @@ unsigned long wait_for_completion_interruptible_timeout(struct completion *x,
 void complete(struct completion *x) {
   spin_lock(&x->wait.lock);
   x->done++;
-  wake_locked(&x->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, NULL);
+  wake_locked(&x->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, nullptr);
   spin_unlock(&x->wait.lock);
 }
 
 void complete_all(struct completion *x) {
   spin_lock(&x->wait.lock);
   x->done += UINT_MAX / 2;
-  wake_locked(&x->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 0, 0, NULL);
+  wake_locked(&x->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 0, 0, nullptr);
   spin_unlock(&x->wait.lock);
 }
 
@@ -205,7 +205,7 @@ int down_trylock(struct semaphore *sem) {
 void up(struct semaphore *sem) {
   spin_lock(&sem->wait.lock);
   sem->count++;
-  wake_locked(&sem->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, NULL);
+  wake_locked(&sem->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, nullptr);
   spin_unlock(&sem->wait.lock);
 }
 }

@@ -13,7 +13,7 @@
 #include "ukern/sync/stack.h"
 
 extern "C" {
-/* The program in memory, as the linker lays it out. */
+// The program in memory, as the linker lays it out.
 extern char __executable_start[] __attribute__((visibility("hidden")));
 extern char _end[] __attribute__((visibility("hidden")));
 }
@@ -46,7 +46,7 @@ __thread unsigned int init_depth __attribute__((tls_model("initial-exec")));
 // A class is a key, a subclass and a depth. Slot 0 is no class. Keys are written once, under the
 // word.
 struct LockClass {
-  const char *key; /* address of the byte in the key for the subclass and depth */
+  const char *key;  // address of the byte in the key for the subclass and depth
   const char *name;
   unsigned int subclass, depth;
 };
@@ -54,12 +54,12 @@ struct LockClass {
 // "later was taken under earlier", and where, the first time.
 struct Edge {
   unsigned int earlier, later;
-  unsigned int next; /* of the same earlier class; 0 ends */
+  unsigned int next;  // of the same earlier class; 0 ends
   call_stack earlier_at, later_at;
 };
 
 LockClass classes[kClasses];
-unsigned long after[kClasses][kClasses / BITS_PER_LONG]; /* bit: an edge is known */
+unsigned long after[kClasses][kClasses / BITS_PER_LONG];  // bit: an edge is known
 Edge edges[kEdges];
 unsigned int first_edge[kClasses];
 unsigned int edge_count;

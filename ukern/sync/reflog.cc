@@ -20,8 +20,8 @@ struct Change {
 }  // namespace
 
 struct reflog {
-  volatile unsigned int word; /* guards the rest */
-  unsigned long noted;        /* entry n is changes[n % UKERN_REFLOG_ENTRIES] */
+  volatile unsigned int word;  // guards the rest
+  unsigned long noted;         // entry n is changes[n % UKERN_REFLOG_ENTRIES]
   Change changes[UKERN_REFLOG_ENTRIES];
 };
 

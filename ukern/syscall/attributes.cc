@@ -49,7 +49,7 @@ int truncate_at(const struct walk_path *path, loff_t length) {
   if (error || is_change_refused(inode, &error)) return error;
   error = get_write_access(inode);
   if (error) return error;
-  error = do_truncate(path->dentry, length, 0, NULL);
+  error = do_truncate(path->dentry, length, 0, nullptr);
   put_write_access(inode);
   return error;
 }

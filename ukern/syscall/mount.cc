@@ -45,13 +45,13 @@ static int do_new_mount(struct nameidata *nd, const char *type, int flags, int m
   if (!capable(CAP_SYS_ADMIN)) return -EPERM;
   mnt = do_kern_mount(type, flags, name, data);
   if (IS_ERR(mnt)) return (int)PTR_ERR(mnt);
-  return do_add_mount(mnt, nd, mnt_flags, NULL);
+  return do_add_mount(mnt, nd, mnt_flags, nullptr);
 }
 
 // Another mount of the same super block, of what lies below `root`, attached nowhere.
 static struct vfsmount *clone_mnt(struct vfsmount *old, struct dentry *root) {
   struct vfsmount *mnt = alloc_vfsmnt(old->mnt_devname);
-  if (!mnt) return NULL;
+  if (!mnt) return nullptr;
   mnt->mnt_flags = old->mnt_flags;
   atomic_inc(&old->mnt_sb->s_active);
   ukern_super_ref(old->mnt_sb, 1);
@@ -64,7 +64,7 @@ static struct vfsmount *clone_mnt(struct vfsmount *old, struct dentry *root) {
 
 static int do_loopback(struct nameidata *nd, const char *old_name) {
   struct nameidata old_nd;
-  struct vfsmount *mnt = NULL;
+  struct vfsmount *mnt = nullptr;
   int err;
 
   if (!capable(CAP_SYS_ADMIN)) return -EPERM;
@@ -146,7 +146,7 @@ static int check_expiry(struct vfsmount *mnt, int flags, bool is_root) {
 static int umount_root(struct super_block *sb) {
   int err = 0;
   down_write(&sb->s_umount);
-  if (!(sb->s_flags & MS_RDONLY)) err = do_remount_sb(sb, MS_RDONLY, NULL, 0);
+  if (!(sb->s_flags & MS_RDONLY)) err = do_remount_sb(sb, MS_RDONLY, nullptr, 0);
   up_write(&sb->s_umount);
   return err;
 }

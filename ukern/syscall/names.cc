@@ -74,7 +74,7 @@ int unlink_last(struct nameidata *nd, struct dentry *dentry) {
 int rename_last(struct nameidata *from, struct nameidata *to, struct dentry *trap) {
   struct dentry *source = lookup_hash(from);
   if (IS_ERR(source)) return (int)PTR_ERR(source);
-  struct dentry *target = NULL;
+  struct dentry *target = nullptr;
   int error = 0;
   if (!source->d_inode)
     error = -ENOENT;
@@ -87,7 +87,7 @@ int rename_last(struct nameidata *from, struct nameidata *to, struct dentry *tra
     target = lookup_hash(to);
     if (IS_ERR(target)) {
       error = (int)PTR_ERR(target);
-      target = NULL;
+      target = nullptr;
     } else if (target == trap) {
       error = -ENOTEMPTY;  // over a directory that holds the source
     }
@@ -147,7 +147,7 @@ int link_at(const struct walk_path *old, const struct walk_path *base, const cha
 
 int unlink_at(const struct walk_path *base, const char *name) {
   struct nameidata nd;
-  struct inode *inode = NULL;
+  struct inode *inode = nullptr;
   int error = path_lookup_from(base, name, LOOKUP_PARENT, &nd);
   if (error) return error;
   if (nd.last_type != LAST_NORM) {

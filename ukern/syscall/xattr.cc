@@ -25,7 +25,7 @@ int setxattr_user(struct dentry *dentry, const char *name, const void __user *va
   if (flags & ~(XATTR_CREATE | XATTR_REPLACE)) return -EINVAL;
   int error = check_name(name);
   if (error) return error;
-  void *copy = NULL;
+  void *copy = nullptr;
   if (size > XATTR_SIZE_MAX) return -E2BIG;
   if (size) {
     copy = kmalloc(size, GFP_KERNEL);
@@ -43,7 +43,7 @@ int setxattr_user(struct dentry *dentry, const char *name, const void __user *va
 ssize_t getxattr_user(struct dentry *dentry, const char *name, void __user *value, size_t size) {
   ssize_t result = check_name(name);
   if (result) return result;
-  void *copy = NULL;
+  void *copy = nullptr;
   if (size > XATTR_SIZE_MAX) size = XATTR_SIZE_MAX;
   if (size) {
     copy = kzalloc(size, GFP_KERNEL);
@@ -60,7 +60,7 @@ ssize_t getxattr_user(struct dentry *dentry, const char *name, void __user *valu
 
 ssize_t listxattr_user(struct dentry *dentry, char __user *list, size_t size) {
   struct inode *inode = dentry->d_inode;
-  char *copy = NULL;
+  char *copy = nullptr;
   if (size > XATTR_LIST_MAX) size = XATTR_LIST_MAX;
   if (size) {
     copy = (char *)kmalloc(size, GFP_KERNEL);

@@ -8,7 +8,7 @@ namespace {
 
 struct ThreadFaults {
   unsigned long passed;
-  unsigned long fail_at; /* 0: none */
+  unsigned long fail_at;  // 0: none
   unsigned paused;
 };
 

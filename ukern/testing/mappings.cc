@@ -1,14 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
-/*
- * Mapped files. A uk_mapping is a region (vm_area_struct) with a page table of its own: one entry
- * per page, with the two bits that matter, writable and dirty. As in any kernel of the time, a
- * store marks only the entry dirty; the mark moves to the page when the region is synced or the
- * entry goes.
- *
- * Locks: i_mmap_lock, then the mapping's table_lock (an access copies under it, so that a page
- * cannot leave the table meanwhile), then what set_page_dirty takes. Faults take the page lock with
- * none of them held.
- */
+// Mapped files. A uk_mapping is a region (vm_area_struct) with a page table of its own: one entry
+// per page, with the two bits that matter, writable and dirty. As in any kernel of the time, a
+// store marks only the entry dirty; the mark moves to the page when the region is synced or the
+// entry goes.
+//
+// Locks: i_mmap_lock, then the mapping's table_lock (an access copies under it, so that a page
+// cannot leave the table meanwhile), then what set_page_dirty takes. Faults take the page lock with
+// none of them held.
 #include <linux/err.h>
 #include <linux/file.h>
 #include <linux/fs.h>

@@ -39,7 +39,7 @@ struct fs_path {
 struct busy_list {
   const char *title;
   struct super_block *sb;
-  struct bug_report *report = NULL;
+  struct bug_report *report = nullptr;
   int count = 0;
 
   busy_list(const char *title_, struct super_block *sb_) : title(title_), sb(sb_) {}
@@ -102,7 +102,7 @@ void ukern_inode_ref(struct inode *inode, int change) {
 
 void ukern_inode_forget(struct inode *inode) {
   reflog_free(inode->i_reflog);
-  inode->i_reflog = NULL;
+  inode->i_reflog = nullptr;
 }
 
 void ukern_vfsmount_ref(struct vfsmount *mnt, int change) {
@@ -173,7 +173,7 @@ int inode_report_busy(struct super_block *sb) {
 }
 
 int mount_report_busy(void) {
-  struct busy_list busy("mounts in use", NULL);
+  struct busy_list busy("mounts in use", nullptr);
   struct vfsmount *mnt;
 
   spin_lock(&vfsmount_lock);
@@ -189,7 +189,7 @@ int mount_report_busy(void) {
 }
 
 int super_report_busy(void) {
-  struct busy_list busy("super blocks in use", NULL);
+  struct busy_list busy("super blocks in use", nullptr);
   struct super_block *sb;
 
   spin_lock(&sb_lock);

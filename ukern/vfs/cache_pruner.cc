@@ -59,7 +59,7 @@ int cache_pruner_start(void) {
 
   ukern_cache_limit = UKERN_CACHE_LIMIT_DEFAULT;
   init_waitqueue_head(&pruner_wait);
-  task = kthread_run(pruner_main, NULL, "kswapd0");
+  task = kthread_run(pruner_main, nullptr, "kswapd0");
   if (IS_ERR(task)) return (int)PTR_ERR(task);
   pruner = task;
   return 0;
@@ -68,7 +68,7 @@ int cache_pruner_start(void) {
 void cache_pruner_stop(void) {
   struct task_struct *task = pruner;
   if (!task) return;
-  pruner = NULL;
+  pruner = nullptr;
   kthread_stop(task);
 }
 

@@ -43,8 +43,8 @@ int dcache_init(void) {
   hash_bits = kLeastHashBits;
   hashtable = new_table(hash_bits);
   if (!hashtable) return -ENOMEM;
-  dentry_cache =
-      kmem_cache_create("dentry_cache", sizeof(struct dentry), 0, SLAB_RECLAIM_ACCOUNT, NULL, NULL);
+  dentry_cache = kmem_cache_create("dentry_cache", sizeof(struct dentry), 0, SLAB_RECLAIM_ACCOUNT,
+                                   nullptr, nullptr);
   if (dentry_cache) return 0;
   free_table(hashtable, hash_bits);
   return -ENOMEM;
@@ -52,7 +52,7 @@ int dcache_init(void) {
 
 void dcache_exit(void) {
   kmem_cache_destroy(dentry_cache);
-  dentry_cache = NULL;
+  dentry_cache = nullptr;
   free_table(hashtable, hash_bits);
 }
 
@@ -102,7 +102,7 @@ struct dentry *d_alloc(struct dentry *parent, const struct qstr *name) {
 
   dcache_limit_now();
   dentry = (struct dentry *)kmem_cache_alloc(dentry_cache, GFP_KERNEL);
-  if (!dentry) return NULL;
+  if (!dentry) return nullptr;
   memset(dentry, 0, sizeof(*dentry));
 
   text = dentry->d_iname;
@@ -110,7 +110,7 @@ struct dentry *d_alloc(struct dentry *parent, const struct qstr *name) {
     text = (unsigned char *)kmalloc(name->len + 1, GFP_KERNEL);
     if (!text) {
       kmem_cache_free(dentry_cache, dentry);
-      return NULL;
+      return nullptr;
     }
   }
   memcpy(text, name->name, name->len);
@@ -156,7 +156,7 @@ static void d_free(struct dentry *dentry) {
 static void dentry_iput(struct dentry *dentry) {
   struct inode *inode = dentry->d_inode;
 
-  dentry->d_inode = NULL;
+  dentry->d_inode = nullptr;
   if (inode) list_del_init(&dentry->d_alias);
   spin_unlock(&dentry->d_lock);
   spin_unlock(&dcache_lock);
@@ -177,7 +177,7 @@ struct dentry *dentry_kill(struct dentry *dentry) {
   dentry_iput(dentry);
   parent = dentry->d_parent;
   d_free(dentry);
-  return parent == dentry ? NULL : parent;
+  return parent == dentry ? nullptr : parent;
 }
 
 void dput(struct dentry *dentry) {
@@ -211,7 +211,7 @@ struct dentry *dget_locked(struct dentry *dentry) {
 
 // The alias that a further user of the inode should share: a disconnected one if there is no other.
 struct dentry *d_find_alias(struct inode *inode) {
-  struct dentry *found = NULL;
+  struct dentry *found = nullptr;
   struct dentry *alias;
   spin_lock(&dcache_lock);
   list_for_each_entry(alias, &inode->i_dentry, d_alias) {
@@ -227,10 +227,10 @@ struct dentry *d_find_alias(struct inode *inode) {
 // A disconnected dentry is made for an inode that has no other, and later ones are put before it:
 // an inode with many names is not searched for one.
 static struct dentry *disconnected_alias_locked(struct inode *inode) {
-  if (list_empty(&inode->i_dentry)) return NULL;
+  if (list_empty(&inode->i_dentry)) return nullptr;
   struct dentry *oldest = list_entry(inode->i_dentry.prev, struct dentry, d_alias);
-  if (!(oldest->d_flags & DCACHE_DISCONNECTED)) return NULL;
-  return S_ISDIR(inode->i_mode) || !d_unhashed(oldest) ? dget_locked(oldest) : NULL;
+  if (!(oldest->d_flags & DCACHE_DISCONNECTED)) return nullptr;
+  return S_ISDIR(inode->i_mode) || !d_unhashed(oldest) ? dget_locked(oldest) : nullptr;
 }
 
 static void d_instantiate_locked(struct dentry *dentry, struct inode *inode) {
@@ -249,9 +249,9 @@ struct dentry *d_alloc_root(struct inode *root_inode) {
   static const struct qstr name = {.hash = 0, .len = 1, .name = (const unsigned char *)"/"};
   struct dentry *root;
 
-  if (!root_inode) return NULL;
-  root = d_alloc(NULL, &name);
-  if (!root) return NULL;
+  if (!root_inode) return nullptr;
+  root = d_alloc(nullptr, &name);
+  if (!root) return nullptr;
   root->d_sb = root_inode->i_sb;
   root->d_parent = root;
   d_instantiate(root, root_inode);
@@ -259,11 +259,11 @@ struct dentry *d_alloc_root(struct inode *root_inode) {
 }
 
 struct dentry *d_splice_alias(struct inode *inode, struct dentry *dentry) {
-  struct dentry *alias = NULL;
+  struct dentry *alias = nullptr;
 
   if (!inode) {
-    d_add(dentry, NULL);
-    return NULL;
+    d_add(dentry, nullptr);
+    return nullptr;
   }
   spin_lock(&dcache_lock);
   alias = disconnected_alias_locked(inode);
@@ -271,7 +271,7 @@ struct dentry *d_splice_alias(struct inode *inode, struct dentry *dentry) {
     d_instantiate_locked(dentry, inode);
     spin_unlock(&dcache_lock);
     d_rehash(dentry);
-    return NULL;
+    return nullptr;
   }
   spin_unlock(&dcache_lock);
   d_rehash(dentry);
@@ -290,7 +290,8 @@ static bool name_matches(struct dentry *parent, struct dentry *dentry, struct qs
 // The one that came to the same directory after this one; NULL for the youngest.
 static struct dentry *next_in_directory(struct dentry *dentry) {
   struct list_head *next = dentry->d_u.d_child.prev;
-  return next == &dentry->d_parent->d_subdirs ? NULL : list_entry(next, struct dentry, d_u.d_child);
+  return next == &dentry->d_parent->d_subdirs ? nullptr
+                                              : list_entry(next, struct dentry, d_u.d_child);
 }
 
 // Of each no more than what the look-ups before this one have brought near, so that this one does
@@ -315,7 +316,7 @@ void ukern_prefetch_next(struct dentry *dentry) {
 
 struct dentry *__d_lookup(struct dentry *parent, struct qstr *name) {
   struct dentry *dentry;
-  struct dentry *found = NULL;
+  struct dentry *found = nullptr;
   struct hlist_node *node;
 
   spin_lock(&dcache_lock);

@@ -18,7 +18,7 @@ struct dentry *dentry_next_below(struct dentry *root, struct dentry *at) {
     if (next != &at->d_parent->d_subdirs) return list_entry(next, struct dentry, d_u.d_child);
     at = at->d_parent;
   }
-  return NULL;
+  return nullptr;
 }
 
 // Frees the dentry and drops its parent's reference. Enters and leaves with dcache_lock held; it is
@@ -104,7 +104,7 @@ void shrink_dcache_parent(struct dentry *parent) {
   spin_lock(&dcache_lock);
   do {
     found = 0;
-    for (struct dentry *at = parent; (at = dentry_next_below(parent, at)) != NULL;) {
+    for (struct dentry *at = parent; (at = dentry_next_below(parent, at)) != nullptr;) {
       if (atomic_read(&at->d_count)) continue;
       list_move_tail(&at->d_lru, &dentry_unused);
       found++;
@@ -165,7 +165,7 @@ void d_genocide(struct dentry *root) {
   struct dentry *at = root;
 
   spin_lock(&dcache_lock);
-  while ((at = dentry_next_below(root, at)) != NULL) {
+  while ((at = dentry_next_below(root, at)) != nullptr) {
     if (d_unhashed(at) || !at->d_inode) continue;
     ukern_dentry_ref(at, -1);
     if (atomic_dec_and_test(&at->d_count)) dentry_lru_add(at);

@@ -25,7 +25,7 @@ int may_delete(struct inode *dir, struct dentry *victim, bool want_dir) {
   if (!inode) return -ENOENT;
   BUG_ON(victim->d_parent->d_inode != dir);
 
-  const int error = permission(dir, MAY_WRITE | MAY_EXEC, NULL);
+  const int error = permission(dir, MAY_WRITE | MAY_EXEC, nullptr);
   if (error) return error;
   if (IS_APPEND(dir)) return -EPERM;
   if (sticky_forbids(dir, inode) || IS_APPEND(inode) || IS_IMMUTABLE(inode)) return -EPERM;
@@ -55,7 +55,7 @@ int rename_dir(struct inode *old_dir, struct dentry *old_dentry, struct inode *n
   int error;
   if (new_dir != old_dir) {
     // Its ".." is about to change.
-    error = permission(old_dentry->d_inode, MAY_WRITE, NULL);
+    error = permission(old_dentry->d_inode, MAY_WRITE, nullptr);
     if (error) return error;
   }
   struct inode *target = new_dentry->d_inode;
@@ -90,7 +90,7 @@ int rename_other(struct inode *old_dir, struct dentry *old_dentry, struct inode 
 struct dentry *child_towards(struct dentry *dentry, struct dentry *ancestor) {
   for (; !IS_ROOT(dentry); dentry = dentry->d_parent)
     if (dentry->d_parent == ancestor) return dentry;
-  return NULL;
+  return nullptr;
 }
 
 }  // namespace
@@ -105,7 +105,7 @@ int vfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nameid
 }
 
 int vfs_mknod(struct inode *dir, struct dentry *dentry, int mode, dev_t dev) {
-  const int error = may_create(dir, dentry, NULL);
+  const int error = may_create(dir, dentry, nullptr);
   if (error) return error;
   if ((S_ISCHR(mode) || S_ISBLK(mode)) && !capable(CAP_MKNOD)) return -EPERM;
   if (!dir->i_op || !dir->i_op->mknod) return -EPERM;
@@ -113,7 +113,7 @@ int vfs_mknod(struct inode *dir, struct dentry *dentry, int mode, dev_t dev) {
 }
 
 int vfs_mkdir(struct inode *dir, struct dentry *dentry, int mode) {
-  const int error = may_create(dir, dentry, NULL);
+  const int error = may_create(dir, dentry, nullptr);
   if (error) return error;
   if (!dir->i_op || !dir->i_op->mkdir) return -EPERM;
   return dir->i_op->mkdir(dir, dentry, mode & (S_IRWXUGO | S_ISVTX));
@@ -121,7 +121,7 @@ int vfs_mkdir(struct inode *dir, struct dentry *dentry, int mode) {
 
 int vfs_symlink(struct inode *dir, struct dentry *dentry, const char *oldname, int mode) {
   (void)mode;  // links have no mode of their own; the argument is the interface's
-  const int error = may_create(dir, dentry, NULL);
+  const int error = may_create(dir, dentry, nullptr);
   if (error) return error;
   if (!dir->i_op || !dir->i_op->symlink) return -EPERM;
   return dir->i_op->symlink(dir, dentry, oldname);
@@ -130,7 +130,7 @@ int vfs_symlink(struct inode *dir, struct dentry *dentry, const char *oldname, i
 int vfs_link(struct dentry *old_dentry, struct inode *dir, struct dentry *new_dentry) {
   struct inode *inode = old_dentry->d_inode;
   if (!inode) return -ENOENT;
-  int error = may_create(dir, new_dentry, NULL);
+  int error = may_create(dir, new_dentry, nullptr);
   if (error) return error;
   if (dir->i_sb != inode->i_sb) return -EXDEV;
   if (IS_APPEND(inode) || IS_IMMUTABLE(inode)) return -EPERM;
@@ -180,7 +180,7 @@ int vfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *n
   int error = may_delete(old_dir, old_dentry, is_dir);
   if (error) return error;
   error = new_dentry->d_inode ? may_delete(new_dir, new_dentry, is_dir)
-                              : may_create(new_dir, new_dentry, NULL);
+                              : may_create(new_dir, new_dentry, nullptr);
   if (error) return error;
   if (!old_dir->i_op || !old_dir->i_op->rename) return -EPERM;
   return is_dir ? rename_dir(old_dir, old_dentry, new_dir, new_dentry)
@@ -192,7 +192,7 @@ int vfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *n
 struct dentry *lock_rename(struct dentry *p1, struct dentry *p2) {
   if (p1 == p2) {
     mutex_lock_nested(&p1->d_inode->i_mutex, I_MUTEX_PARENT);
-    return NULL;
+    return nullptr;
   }
   mutex_lock(&p1->d_inode->i_sb->s_vfs_rename_mutex);
   struct dentry *trap = child_towards(p1, p2);

@@ -37,12 +37,12 @@ int walk_as_root(const char *program, struct nameidata *nd) {
 
 struct file *program_file(const char *program) {
   struct nameidata nd;
-  if (walk_as_root(program, &nd)) return NULL;
-  struct file *file = NULL;
+  if (walk_as_root(program, &nd)) return nullptr;
+  struct file *file = nullptr;
   if (S_ISREG(nd.dentry->d_inode->i_mode)) file = get_empty_filp();
   if (!file) {
     path_release(&nd);
-    return NULL;
+    return nullptr;
   }
   file->f_dentry = nd.dentry;
   file->f_vfsmnt = nd.mnt;
@@ -56,7 +56,7 @@ struct mm_struct *mm_with(struct file *file) {
   if (!mm || !vma) {
     kfree(mm);
     kfree(vma);
-    return NULL;
+    return nullptr;
   }
   vma->vm_mm = mm;
   vma->vm_start = kProgramStart;
@@ -78,7 +78,7 @@ extern "C" {
 
 struct mm_struct *ukern_exec_mm(const char *program) {
   struct file *file = program_file(program);
-  if (!file) return NULL;
+  if (!file) return nullptr;
   struct mm_struct *mm = mm_with(file);
   if (!mm) fput(file);
   return mm;

@@ -105,7 +105,7 @@ int ukern_files_init(void) {
   if (max_files < kMinFiles) max_files = kMinFiles;
   atomic_set(&files_in_use, 0);
   most_reported = 0;
-  file_cache = kmem_cache_create("filp", kFileSize, 0, 0, NULL, NULL);
+  file_cache = kmem_cache_create("filp", kFileSize, 0, 0, nullptr, nullptr);
   return file_cache ? 0 : -ENOMEM;
 }
 
@@ -113,14 +113,14 @@ void ukern_files_exit(void) {
   if (!file_cache) return;
   report_open_files();
   kmem_cache_destroy(file_cache);
-  file_cache = NULL;
+  file_cache = nullptr;
 }
 
 // A file with one reference that is open on nothing yet, or NULL.
 struct file *get_empty_filp(void) {
-  if (at_limit()) return NULL;
+  if (at_limit()) return nullptr;
   struct file *f = (struct file *)kmem_cache_alloc(file_cache, GFP_KERNEL);
-  if (!f) return NULL;
+  if (!f) return nullptr;
   atomic_inc(&files_in_use);
   memset(f, 0, sizeof(*f));
   know(f);
@@ -155,8 +155,8 @@ void __fput(struct file *file) {
   if (file->f_op) module_put(file->f_op->owner);
   if (file->f_mode & FMODE_WRITE) put_write_access(inode);
   file_kill(file);
-  file->f_dentry = NULL;
-  file->f_vfsmnt = NULL;
+  file->f_dentry = nullptr;
+  file->f_vfsmnt = nullptr;
   free_file(file);
   dput(dentry);
   mntput(mnt);

@@ -47,7 +47,7 @@ int unregister_filesystem(struct file_system_type *fs) {
   for (struct file_system_type **link = &types; *link; link = &(*link)->next) {
     if (*link != fs) continue;
     *link = fs->next;
-    fs->next = NULL;
+    fs->next = nullptr;
     err = 0;
     break;
   }
@@ -60,7 +60,7 @@ struct file_system_type *get_fs_type(const char *name) {
 
   read_lock(&types_lock);
   fs = *find_locked(name);
-  if (fs && !try_module_get(fs->owner)) fs = NULL;
+  if (fs && !try_module_get(fs->owner)) fs = nullptr;
   read_unlock(&types_lock);
   return fs;
 }

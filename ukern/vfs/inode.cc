@@ -41,14 +41,14 @@ int inode_cache_init(void) {
   last_ino = 0;
   for (unsigned i = 0; i < kWaitQueues; i++) init_waitqueue_head(&wait_queues[i]);
   memset(hashtable, 0, sizeof(hashtable));
-  inode_cachep =
-      kmem_cache_create("inode_cache", sizeof(struct inode), 0, SLAB_RECLAIM_ACCOUNT, NULL, NULL);
+  inode_cachep = kmem_cache_create("inode_cache", sizeof(struct inode), 0, SLAB_RECLAIM_ACCOUNT,
+                                   nullptr, nullptr);
   return inode_cachep ? 0 : -ENOMEM;
 }
 
 void inode_cache_exit(void) {
   kmem_cache_destroy(inode_cachep);
-  inode_cachep = NULL;
+  inode_cachep = nullptr;
 }
 
 static struct hlist_head *hash_chain(struct super_block *sb, unsigned long hashval) {
@@ -120,7 +120,7 @@ static struct inode *alloc_inode(struct super_block *sb) {
     inode = (struct inode *)kmem_cache_alloc(inode_cachep, GFP_KERNEL);
     if (inode) inode_init_once(inode);
   }
-  if (!inode) return NULL;
+  if (!inode) return nullptr;
 
   inode->i_sb = sb;
   inode->i_blkbits = sb->s_blocksize_bits;
@@ -136,8 +136,8 @@ static struct inode *alloc_inode(struct super_block *sb) {
   inode->i_generation = 0;
   inode->i_rdev = 0;
   inode->dirtied_when = 0;
-  inode->u.generic_ip = NULL;
-  inode->i_reflog = NULL;
+  inode->u.generic_ip = nullptr;
+  inode->i_reflog = nullptr;
   ukern_inode_ref(inode, 1);
 
   mapping = &inode->i_data;
@@ -171,10 +171,10 @@ static void link_inode_locked(struct inode *inode, struct hlist_head *chain, uns
 
 struct inode *new_inode(struct super_block *sb) {
   struct inode *inode = alloc_inode(sb);
-  if (!inode) return NULL;
+  if (!inode) return nullptr;
   spin_lock(&inode_lock);
   inode->i_ino = ++last_ino;
-  link_inode_locked(inode, NULL, 0);
+  link_inode_locked(inode, nullptr, 0);
   spin_unlock(&inode_lock);
   return inode;
 }
@@ -190,7 +190,7 @@ void __iget(struct inode *inode) {
 struct inode *igrab(struct inode *inode) {
   spin_lock(&inode_lock);
   if (inode->i_state & (I_FREEING | I_WILL_FREE))
-    inode = NULL;
+    inode = nullptr;
   else
     __iget(inode);
   spin_unlock(&inode_lock);
@@ -211,7 +211,7 @@ again:
     wait_for_change(inode);
     goto again;
   }
-  return NULL;
+  return nullptr;
 }
 
 static struct inode *ifind(struct super_block *sb, unsigned long hashval,
@@ -248,7 +248,7 @@ struct inode *iget5_locked(struct super_block *sb, unsigned long hashval,
 
   if (inode) return inode;
   fresh = alloc_inode(sb);
-  if (!fresh) return NULL;
+  if (!fresh) return nullptr;
 
   spin_lock(&inode_lock);
   // Somebody else may have made it meanwhile.
@@ -263,7 +263,7 @@ struct inode *iget5_locked(struct super_block *sb, unsigned long hashval,
   if (set(fresh, data)) {
     spin_unlock(&inode_lock);
     destroy_inode(fresh);
-    return NULL;
+    return nullptr;
   }
   link_inode_locked(fresh, chain, I_LOCK | I_NEW);
   spin_unlock(&inode_lock);

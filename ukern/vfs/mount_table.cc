@@ -49,7 +49,7 @@ static struct vfsmount *mount_number(unsigned index) {
   list_for_each_entry(mnt, &ukern_namespace->list, mnt_list) {
     if (!index--) return mnt;
   }
-  return NULL;
+  return nullptr;
 }
 
 // The line in a buffer of `size` bytes: its length, or -EAGAIN when that is too small.
@@ -66,7 +66,7 @@ static long show_line(struct vfsmount *mnt, char *buf, unsigned long size) {
 
 int mount_table_line(unsigned index, char *line, unsigned long size) {
   struct vfsmount *mnt;
-  char *buf = NULL;
+  char *buf = nullptr;
   long len = -ENOENT;
 
   down_read(&namespace_sem);

@@ -27,13 +27,13 @@ int mnt_init(void) {
   for (unsigned i = 0; i < kHashSize; i++) INIT_LIST_HEAD(&hashtable[i]);
   init_rwsem(&namespace_sem);
   INIT_LIST_HEAD(&ukern_all_mounts);
-  mnt_cache = kmem_cache_create("mnt_cache", sizeof(struct vfsmount), 0, 0, NULL, NULL);
+  mnt_cache = kmem_cache_create("mnt_cache", sizeof(struct vfsmount), 0, 0, nullptr, nullptr);
   return mnt_cache ? 0 : -ENOMEM;
 }
 
 void mnt_exit(void) {
   kmem_cache_destroy(mnt_cache);
-  mnt_cache = NULL;
+  mnt_cache = nullptr;
 }
 
 static struct list_head *hash_chain(struct vfsmount *mnt, struct dentry *dentry) {
@@ -44,7 +44,7 @@ static struct list_head *hash_chain(struct vfsmount *mnt, struct dentry *dentry)
 struct vfsmount *alloc_vfsmnt(const char *name) {
   struct vfsmount *mnt = (struct vfsmount *)kmem_cache_alloc(mnt_cache, GFP_KERNEL);
 
-  if (!mnt) return NULL;
+  if (!mnt) return nullptr;
   memset(mnt, 0, sizeof(*mnt));
   atomic_set(&mnt->mnt_count, 1);
   INIT_LIST_HEAD(&mnt->mnt_hash);
@@ -86,7 +86,7 @@ struct vfsmount *__lookup_mnt(struct vfsmount *mnt, struct dentry *dentry) {
   list_for_each_entry(child, hash_chain(mnt, dentry), mnt_hash) {
     if (child->mnt_parent == mnt && child->mnt_mountpoint == dentry) return child;
   }
-  return NULL;
+  return nullptr;
 }
 
 struct vfsmount *lookup_mnt(struct vfsmount *mnt, struct dentry *dentry) {
@@ -140,7 +140,7 @@ struct vfsmount *next_mnt(struct vfsmount *at, struct vfsmount *root) {
     if (next != &at->mnt_parent->mnt_mounts) return list_entry(next, struct vfsmount, mnt_child);
     at = at->mnt_parent;
   }
-  return NULL;
+  return nullptr;
 }
 
 void umount_tree(struct vfsmount *mnt, struct list_head *kill) {
@@ -150,7 +150,7 @@ void umount_tree(struct vfsmount *mnt, struct list_head *kill) {
   list_for_each_entry(at, kill, mnt_hash) {
     list_del_init(&at->mnt_list);
     list_del_init(&at->mnt_child);
-    at->mnt_namespace = NULL;
+    at->mnt_namespace = nullptr;
     if (at->mnt_parent != at) stat_add(&at->mnt_mountpoint->d_mounted, -1);
   }
   ukern_namespace->event++;
@@ -159,8 +159,8 @@ void umount_tree(struct vfsmount *mnt, struct list_head *kill) {
 void release_mounts(struct list_head *kill) {
   while (!list_empty(kill)) {
     struct vfsmount *mnt = list_entry(kill->next, struct vfsmount, mnt_hash);
-    struct vfsmount *parent = NULL;
-    struct dentry *mountpoint = NULL;
+    struct vfsmount *parent = nullptr;
+    struct dentry *mountpoint = nullptr;
 
     list_del_init(&mnt->mnt_hash);
     spin_lock(&vfsmount_lock);
@@ -234,6 +234,6 @@ void ukern_namespace_stop(void) {
   spin_unlock(&vfsmount_lock);
   up_write(&namespace_sem);
   kfree(ukern_namespace);
-  ukern_namespace = NULL;
+  ukern_namespace = nullptr;
   release_mounts(&kill);
 }

@@ -81,7 +81,7 @@ struct dentry *revalidate(struct dentry *dentry, struct nameidata *nd) {
   if (dentry->d_inode) ukern_prefetch_attributes(dentry->d_inode);
   current->walked = dentry;
   const int holds = dentry->d_op->d_revalidate(dentry, nd);
-  current->walked = NULL;
+  current->walked = nullptr;
   if (holds) {
     // Whoever walked here is about to ask for the inode's node, most often the first one.
     if (dentry->d_inode) __builtin_prefetch(dentry->d_inode->i_nodes, 1);
@@ -92,7 +92,7 @@ struct dentry *revalidate(struct dentry *dentry, struct nameidata *nd) {
     return dentry;
   }
   dput(dentry);
-  return NULL;
+  return nullptr;
 }
 
 int apply_d_hash(struct dentry *base, struct qstr *name) {
@@ -389,7 +389,7 @@ int __do_follow_link(struct walk_path *path, struct nameidata *nd) {
   struct dentry *dentry = path->dentry;
   struct inode *inode = dentry->d_inode;
   touch_atime(path->mnt, dentry);
-  nd_set_link(nd, NULL);
+  nd_set_link(nd, nullptr);
 
   // The walk goes on from the link's directory, which is nd's place, unless a mount was crossed on
   // the way to the link: then from the link itself, as far as its text is relative.
@@ -446,7 +446,7 @@ int path_lookup_from(const struct walk_path *base, const char *name, unsigned fl
 }
 
 int path_lookup(const char *name, unsigned flags, struct nameidata *nd) {
-  return path_lookup_from(NULL, name, flags, nd);
+  return path_lookup_from(nullptr, name, flags, nd);
 }
 
 // A name from user memory, for __putname. ERR_PTR: -EFAULT, -ENOENT for the empty name,
@@ -485,7 +485,7 @@ struct dentry *lookup_one_len(const char *name, struct dentry *base, int len) {
   part.name = (const unsigned char *)name;
   part.len = (unsigned)len;
   part.hash = (unsigned)end_name_hash(hash);
-  return __lookup_hash(&part, base, NULL);
+  return __lookup_hash(&part, base, nullptr);
 }
 
 struct dentry *lookup_create(struct nameidata *nd, int is_dir) {

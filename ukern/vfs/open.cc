@@ -19,7 +19,7 @@
 namespace {
 
 const struct file_operations *fops_get(const struct file_operations *fops) {
-  return fops && try_module_get(fops->owner) ? fops : NULL;
+  return fops && try_module_get(fops->owner) ? fops : nullptr;
 }
 
 // The file takes over the references on the dentry and the mount; after an error they and the file
@@ -49,8 +49,8 @@ struct file *open_dentry(struct dentry *dentry, struct vfsmount *mnt, int flags,
     if (f->f_op) module_put(f->f_op->owner);
     if (f->f_mode & FMODE_WRITE) put_write_access(inode);
     file_kill(f);
-    f->f_dentry = NULL;
-    f->f_vfsmnt = NULL;
+    f->f_dentry = nullptr;
+    f->f_vfsmnt = nullptr;
     put_filp(f);
     dput(dentry);
     mntput(mnt);
@@ -92,7 +92,7 @@ struct file *filp_open_from(const struct walk_path *base, const char *name, int 
 }
 
 struct file *filp_open(const char *name, int flags, int mode) {
-  return filp_open_from(NULL, name, flags, mode);
+  return filp_open_from(nullptr, name, flags, mode);
 }
 
 struct file *nameidata_to_filp(struct nameidata *nd, int flags) {

@@ -138,13 +138,13 @@ int take_existing(struct nameidata *nd, struct walk_path *path, int flag) {
 
 int open_or_create(struct nameidata *nd, int acc_mode, int flag, int mode) {
   int links = 0;
-  char *copy = NULL;  // the last name, when a link gave it
+  char *copy = nullptr;  // the last name, when a link gave it
   for (;;) {
     struct walk_path path;
     struct mutex *lock;
     lookup_last(nd, &path, &lock);
     if (copy) __putname(copy);
-    copy = NULL;
+    copy = nullptr;
     if (IS_ERR(path.dentry)) {
       mutex_unlock(lock);
       return give_up(nd, (int)PTR_ERR(path.dentry));
@@ -215,7 +215,7 @@ int may_open(struct nameidata *nd, int acc_mode, int flag) {
 
   error = get_write_access(inode);
   if (error) return error;
-  error = do_truncate(nd->dentry, 0, ATTR_MTIME | ATTR_CTIME, NULL);
+  error = do_truncate(nd->dentry, 0, ATTR_MTIME | ATTR_CTIME, nullptr);
   put_write_access(inode);
   return error;
 }

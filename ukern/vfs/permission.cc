@@ -52,7 +52,7 @@ int permission(struct inode *inode, int mask, struct nameidata *nd) {
 
   mask &= ~MAY_APPEND;  // means something only to security modules
   if (inode->i_op && inode->i_op->permission) return inode->i_op->permission(inode, mask, nd);
-  return generic_permission(inode, mask, NULL);
+  return generic_permission(inode, mask, nullptr);
 }
 
 int vfs_permission(struct nameidata *nd, int mask) {

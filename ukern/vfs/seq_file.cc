@@ -44,11 +44,11 @@ int seq_printf(struct seq_file *m, const char *format, ...) {
 // NULL.
 static char *put_escaped(char *to, const char *end, char c, const char *esc) {
   if (!strchr(esc, c)) {
-    if (to >= end) return NULL;
+    if (to >= end) return nullptr;
     *to = c;
     return to + 1;
   }
-  if (end - to < 4) return NULL;
+  if (end - to < 4) return nullptr;
   to[0] = '\\';
   to[1] = (char)('0' + ((c & 0300) >> 6));
   to[2] = (char)('0' + ((c & 070) >> 3));

@@ -73,7 +73,7 @@ static struct super_block *alloc_super(struct file_system_type *type) {
   static struct super_operations no_ops = {};
   struct super_block *s = (struct super_block *)kzalloc(sizeof(*s), GFP_KERNEL);
 
-  if (!s) return NULL;
+  if (!s) return nullptr;
   UKERN_LOCK_DEPTH(mount_depth);
   INIT_LIST_HEAD(&s->s_list);
   INIT_LIST_HEAD(&s->s_inodes);
@@ -174,16 +174,16 @@ static struct super_block *find_super_locked(struct file_system_type *type,
                                              int (*test)(struct super_block *, void *),
                                              void *data) {
   struct super_block *s;
-  if (!test) return NULL;
+  if (!test) return nullptr;
   list_for_each_entry(s, &type->fs_supers, s_instances) {
     if (test(s, data)) return s;
   }
-  return NULL;
+  return nullptr;
 }
 
 struct super_block *sget(struct file_system_type *type, int (*test)(struct super_block *, void *),
                          int (*set)(struct super_block *, void *), void *data) {
-  struct super_block *fresh = NULL;
+  struct super_block *fresh = nullptr;
   int err;
 
   for (;;) {
@@ -194,7 +194,7 @@ struct super_block *sget(struct file_system_type *type, int (*test)(struct super
       if (fresh) {
         spin_unlock(&sb_lock);
         discard_new_super(fresh);
-        fresh = NULL;
+        fresh = nullptr;
         continue;
       }
       if (!grab_super(old)) continue;
@@ -244,7 +244,7 @@ static void evict_super(struct super_block *sb) {
   struct super_operations *op = sb->s_op;
   struct dentry *root = sb->s_root;
 
-  sb->s_root = NULL;
+  sb->s_root = nullptr;
   shrink_dcache_parent(root);
   shrink_dcache_sb(sb);
   dcache_report_busy(root, 1);
@@ -310,7 +310,7 @@ static int fill_new_super(struct super_block *s, int flags, void *data,
 
 int get_sb_nodev(struct file_system_type *fs_type, int flags, void *data,
                  int (*fill_super)(struct super_block *, void *, int), struct vfsmount *mnt) {
-  struct super_block *s = sget(fs_type, NULL, set_anon_super, NULL);
+  struct super_block *s = sget(fs_type, nullptr, set_anon_super, nullptr);
   int err;
 
   if (IS_ERR(s)) return (int)PTR_ERR(s);
@@ -324,7 +324,7 @@ static int any_super(struct super_block *, void *) {
 
 int get_sb_single(struct file_system_type *fs_type, int flags, void *data,
                   int (*fill_super)(struct super_block *, void *, int), struct vfsmount *mnt) {
-  struct super_block *s = sget(fs_type, any_super, set_anon_super, NULL);
+  struct super_block *s = sget(fs_type, any_super, set_anon_super, nullptr);
   int err;
 
   if (IS_ERR(s)) return (int)PTR_ERR(s);
@@ -366,5 +366,5 @@ struct vfsmount *do_kern_mount(const char *fstype, int flags, const char *name, 
 }
 
 struct vfsmount *kern_mount(struct file_system_type *type) {
-  return vfs_kern_mount(type, 0, type->name, NULL);
+  return vfs_kern_mount(type, 0, type->name, nullptr);
 }

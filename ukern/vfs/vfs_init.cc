@@ -42,7 +42,7 @@ void ukern_vfs_exit(void) {
 }
 
 int ukern_mount_root(const char *type, const char *source) {
-  struct vfsmount *root = do_kern_mount(type, 0, source, NULL);
+  struct vfsmount *root = do_kern_mount(type, 0, source, nullptr);
   int err;
 
   if (IS_ERR(root)) return (int)PTR_ERR(root);
@@ -57,8 +57,8 @@ int ukern_mount_root(const char *type, const char *source) {
 }
 
 void ukern_umount_root(void) {
-  set_fs_root(&init_fs, NULL, NULL);
-  set_fs_pwd(&init_fs, NULL, NULL);
+  set_fs_root(&init_fs, nullptr, nullptr);
+  set_fs_pwd(&init_fs, nullptr, nullptr);
   ukern_namespace_stop();
   mount_report_busy();
 }

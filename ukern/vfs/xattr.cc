@@ -28,7 +28,7 @@ int xattr_permission(struct inode *inode, const char *name, int mask) {
   if (in_space(name, XATTR_USER_PREFIX) && !S_ISREG(inode->i_mode) &&
       (!S_ISDIR(inode->i_mode) || (inode->i_mode & S_ISVTX)))
     return -EPERM;
-  return permission(inode, mask, NULL);
+  return permission(inode, mask, nullptr);
 }
 
 // Without a security module the attributes that belong to one are an administrator's to change.

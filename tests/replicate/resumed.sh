@@ -6,7 +6,11 @@
 
 RULE=01234567-89AB-CDEF-0123-456789ABCDEF
 add_rule() { tarn rule add $RULE --include "$T/lower" >/dev/null; }
-start() { start_mirrord --status-file "$T/status"; }
+start() {
+  rm -f "$T/status" # the last one says that it has ended
+  start_mirrord --status-file "$T/status"
+  wait_until 10 "there is a status file" test -e "$T/status"
+}
 catch_up() { mirrord --catch-up --status-file "$T/status" --timeout 30; }
 clean() {
   catch_up || fail "$1: $(tail -n 3 "$T/mirrord.err")"

@@ -29,8 +29,13 @@ struct inode *tarn_alloc_inode(struct super_block *) {
 }
 
 // Closes the shared lower file. One whose dentry has lost its inode is left as it is.
+//
+// Nobody else has the inode any more, so its lock is free. It is tried, not waited for: inodes also
+// end where a lower directory's lock is held and names are pruned, and the kernel's lock checker
+// knows of a lower lock behind this one.
 void close_lower_file(struct tarn_inode_info *info) {
-  mutex_guard guard(info->lower_file_mutex);
+  const mutex_try_guard guard(info->lower_file_mutex);
+  BUG_ON(!guard);
   struct file *lower_file = info->lower_file;
   if (!lower_file) return;
   struct dentry *lower_dentry = lower_file->f_dentry;

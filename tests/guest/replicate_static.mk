@@ -37,11 +37,13 @@ link_CLI := /usr/include/CLI
 
 LIBRARY := $(OUT)/libstdc++
 SOURCE := $(OUT)/gcc
-CXXFLAGS := -std=gnu++20 -O2 -Wall -Wextra -Werror -DFMT_HEADER_ONLY -I$(ROOT) \
+VERSION := $(shell sed -n 's/^project(tarn VERSION \([0-9.]*\) .*/\1/p' $(ROOT)/CMakeLists.txt)
+CXXFLAGS := -std=gnu++20 -O2 -Wall -Wextra -Werror -DFMT_HEADER_ONLY -DTARN_VERSION='"$(VERSION)"' -I$(ROOT) \
   -isystem $(LIBRARY)/include/c++ -isystem $(LIBRARY)/include/c++/x86_64-linux-musl -isystem $(HEADERS)
 
 sources = $(patsubst $(ROOT)/%,%,$(wildcard $(ROOT)/$(1)/*.cc))
 objects = $(patsubst %.cc,$(OUT)/%.o,$(call sources,$(1)))
+BASE := $(call objects,base)
 CLIENT := $(call objects,client)
 TARN := $(call objects,tarn)
 MIRRORD := $(call objects,mirrord)
@@ -50,19 +52,19 @@ UNWIND := $(OUT)/tests/guest/replicate_unwind.o
 .PHONY: all
 all: $(OUT)/bin/tarn $(OUT)/bin/mirrord
 
-$(OUT)/bin/tarn: $(CLIENT) $(TARN) $(UNWIND)
-$(OUT)/bin/mirrord: $(CLIENT) $(MIRRORD) $(UNWIND)
+$(OUT)/bin/tarn: $(BASE) $(CLIENT) $(TARN) $(UNWIND)
+$(OUT)/bin/mirrord: $(BASE) $(CLIENT) $(MIRRORD) $(UNWIND)
 $(OUT)/bin/tarn $(OUT)/bin/mirrord:
 	@mkdir -p $(@D)
 	$(CXX) -static -s -Wl,--eh-frame-hdr -o $@ $^ -L$(LIBRARY)/x86_64-linux-musl/lib
 
-$(CLIENT) $(TARN) $(MIRRORD): $(OUT)/%.o: $(ROOT)/%.cc $(LIBRARY)/done $(HEADERS)/done
+$(BASE) $(CLIENT) $(TARN) $(MIRRORD): $(OUT)/%.o: $(ROOT)/%.cc $(LIBRARY)/done $(HEADERS)/done
 	@mkdir -p $(@D)
 	$(CXX) $(CXXFLAGS) -MMD -MP -c -o $@ $<
 $(UNWIND): $(OUT)/%.o: $(ROOT)/%.c
 	@mkdir -p $(@D)
 	$(CC) -O2 -Wall -Wextra -Werror -c -o $@ $<
--include $(CLIENT:.o=.d) $(TARN:.o=.d) $(MIRRORD:.o=.d)
+-include $(BASE:.o=.d) $(CLIENT:.o=.d) $(TARN:.o=.d) $(MIRRORD:.o=.d)
 
 $(HEADERS)/done:
 	@mkdir -p $(@D)

@@ -37,7 +37,7 @@ link_CLI := /usr/include/CLI
 
 LIBRARY := $(OUT)/libstdc++
 SOURCE := $(OUT)/gcc
-VERSION := $(shell sed -n 's/^project(tarn VERSION \([0-9.]*\) .*/\1/p' $(ROOT)/CMakeLists.txt)
+VERSION := $(shell awk '/^project/ { print $$3 }' $(ROOT)/CMakeLists.txt)
 CXXFLAGS := -std=gnu++20 -O2 -Wall -Wextra -Werror -DFMT_HEADER_ONLY -DTARN_VERSION='"$(VERSION)"' -I$(ROOT) \
   -isystem $(LIBRARY)/include/c++ -isystem $(LIBRARY)/include/c++/x86_64-linux-musl -isystem $(HEADERS)
 

@@ -114,4 +114,17 @@ int serve_hits(struct hit_rules *hits, int count, change_paths &paths, const cha
   return result;
 }
 
+/* The same from the beginning, for a change of one object: takes its path and finds the hits. The
+ * result is that of the builders in trans.h. */
+template <typename Make>
+int capture_change(tarn_record_path &path, const char *failure, Make make) {
+  tarn_names names;
+  change_paths paths(path, nullptr, names);
+  if (!capture_paths(paths)) return 0;
+  struct hit_rules *hits;
+  const int count = capture_hits(&hits, paths);
+  if (count < 0) return count;
+  return serve_hits(hits, count, paths, failure, make);
+}
+
 #endif

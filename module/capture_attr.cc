@@ -44,14 +44,8 @@ static struct tarn_trans *attr_alloc(struct prule_node *rule, const tarn_record_
 
 int tarn_attr_sync(struct dentry *dentry, const struct iattr *iattr) {
   tarn_record_path path(dentry);
-  tarn_names names;
-  change_paths paths(path, nullptr, names);
-  if (!capture_paths(paths)) return 0;
-  struct hit_rules *hits;
-  const int count = capture_hits(&hits, paths);
-  if (count < 0) return count;
-  return serve_hits(hits, count, paths, "__tarn_attr_sync: tarn_var_alloc fail\n",
-                    [&](struct prule_node *rule) { return attr_alloc(rule, path, iattr); });
+  return capture_change(path, "__tarn_attr_sync: tarn_var_alloc fail\n",
+                        [&](struct prule_node *rule) { return attr_alloc(rule, path, iattr); });
 }
 
 void tarn_mode_sync(struct dentry *dentry, umode_t told) {

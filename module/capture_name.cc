@@ -24,14 +24,8 @@ static struct tarn_trans *tarn_para_alloc(struct prule_node *rule, ox_u32_t op,
 
 /* A change that makes names, or none. */
 static int para_sync(ox_u32_t op, tarn_record_path &first, const char *second, int mode) {
-  tarn_names names;
-  change_paths paths(first, nullptr, names);
-  if (!capture_paths(paths)) return 0;
-  struct hit_rules *hits;
-  const int count = capture_hits(&hits, paths);
-  if (count < 0) return count;
-  return serve_hits(hits, count, paths, para_failure, [&](struct prule_node *rule) {
-    return tarn_para_alloc(rule, op, first.naming(), paths.path1(), second, mode, GFP_KERNEL);
+  return capture_change(first, para_failure, [&](struct prule_node *rule) {
+    return tarn_para_alloc(rule, op, first.naming(), first.get(), second, mode, GFP_KERNEL);
   });
 }
 

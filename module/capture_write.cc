@@ -142,14 +142,8 @@ int tarn_write_sync(struct dentry *dentry, const char __user *buf, size_t count,
   tarn_record_path path(dentry);
   /* A path that fills the first page on its own cannot be sent. */
   path.set_room(OX_PAGE_DATA & ~7);
-  tarn_names names;
-  change_paths paths(path, nullptr, names);
-  if (!capture_paths(paths)) return 0;
-  struct hit_rules *hits;
-  const int hit_count = capture_hits(&hits, paths);
-  if (hit_count < 0) return hit_count;
-  return serve_hits(hits, hit_count, paths, "tarn_write_sync: tarn_wrtrans_alloc fail\n",
-                    [&](struct prule_node *rule) {
-                      return tarn_wrtrans_alloc(rule, {path, buf, count, offset});
-                    });
+  return capture_change(path, "tarn_write_sync: tarn_wrtrans_alloc fail\n",
+                        [&](struct prule_node *rule) {
+                          return tarn_wrtrans_alloc(rule, {path, buf, count, offset});
+                        });
 }

@@ -129,10 +129,7 @@ struct Applier::Visitor {
     if (!settler.source().available()) return done;
     const auto found = settler.source().find(path);
     if (!found) return found.error();
-    const bool link = *found && S_ISLNK((*found)->status.st_mode);
-    const auto target = link ? Source::target(**found) : Result<std::string>(std::string());
-    if (!target) return target.error();
-    if (!link || *target != c.target) {
+    if (!*found || !S_ISLNK((*found)->status.st_mode) || (*found)->target != c.target) {
       settler.doubt(path, Unsettled::kNoData);
       return done;
     }

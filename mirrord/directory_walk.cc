@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <memory>
@@ -37,6 +38,15 @@ int open_step_by_step(int root, std::string_view path) {
 }
 
 }  // namespace
+
+bool has_path_descriptors() {
+  static const bool known = [] {
+    const UniqueFd root(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    char byte;
+    return root && read(root.get(), &byte, 1) < 0 && errno == EBADF;  // else EISDIR
+  }();
+  return known;
+}
 
 Result<std::vector<DirectoryEntry>> directory_entries(UniqueFd directory) {
   const std::unique_ptr<DIR, CloseDirectory> open(fdopendir(directory.get()));

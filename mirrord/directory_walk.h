@@ -30,6 +30,10 @@ enum class WalkMethod {
 Result<UniqueFd> open_directory_below(int root, const std::string &path,
                                       WalkMethod method = WalkMethod::kBest);
 
+/* Does this kernel know O_PATH? Before Linux 2.6.39 the flag has no meaning: an open that has it is
+ * one for reading, with all that comes of it for a FIFO or a device. */
+bool has_path_descriptors();
+
 struct DirectoryEntry {
   std::string name;
   ino_t inode;

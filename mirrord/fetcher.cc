@@ -271,12 +271,10 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
 }
 
 Result<void> Fetcher::link(const std::string &path, const Source::Object &object) {
-  const auto target = Source::target(object);
-  if (!target) return target.error();
-  auto made = replica_.symlink(*target, path);
+  auto made = replica_.symlink(object.target, path);
   if (!made && made.error().code == -EEXIST) {  // it leads elsewhere
     if (const auto gone = replica_.remove_tree(path); !gone) return gone.error();
-    made = replica_.symlink(*target, path);
+    made = replica_.symlink(object.target, path);
   }
   if (!made) return made.error();
   copies_.put(path, object.status, false);

@@ -174,6 +174,11 @@ std::vector<Mount> mounts_there(const Site &site) {
   return mounts ? *mounts : std::vector<Mount>();
 }
 
+int cannot_close(const std::string &replica, const Error &error) {
+  return fail(fmt::format("cannot keep others out of {}: {}", printable(replica), error.text),
+              kExitProblems);
+}
+
 int mirror(const Arguments &arguments) {
   if (arguments.source.empty() || arguments.replica.empty())
     return fail("--source and --replica must be given: see 'mirrord --help'", kExitUsage);
@@ -209,21 +214,22 @@ int mirror(const Arguments &arguments) {
   // Before it registers: a daemon in whose place it comes ends for good.
   if (const auto writable = check_status_file(options.status_file); !writable)
     return fail(writable.error().text, kExitProblems);
-  const auto closed = replica->keep_others_out();
-  if (!closed)
-    return fail(fmt::format("cannot keep others out of {}: {}", printable(options.replica),
-                            closed.error().text),
-                kExitProblems);
-  if (*closed)
-    note(
-        fmt::format("{} has mode 0700 now: set-user-id files in it must not be run by others; "
-                    "mount its file system nosuid if they are to read it",
-                    printable(options.replica)));
+  const auto open_to_others = replica->open_to_others();
+  if (!open_to_others) return cannot_close(options.replica, open_to_others.error());
   auto channel =
       DaemonChannel::open(site, arguments.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
   if (!channel) {
     const Error &error = channel.error();
     return fail(error.code == -EBUSY ? error.text + " with --take-over" : error.text, kExitChannel);
+  }
+  // Not before: whoever is refused has changed nothing.
+  if (*open_to_others) {
+    if (const auto closed = replica->close_to_others(); !closed)
+      return cannot_close(options.replica, closed.error());
+    note(
+        fmt::format("{} has mode 0700 now: set-user-id files in it must not be run by others; "
+                    "mount its file system nosuid if they are to read it",
+                    printable(options.replica)));
   }
   note_doubtful_options(site, options);
   options.report_file = daemon_report_file(site);

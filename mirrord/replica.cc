@@ -21,8 +21,8 @@ namespace {
 
 constexpr std::uint32_t kForOthers = 0077;
 
-/* For a descriptor that stands for an object, whatever it is. Kernels that do not know O_PATH open
- * it for reading; they must not wait for the other end of a FIFO. */
+/* For a descriptor that stands for an object. Kernels that do not know O_PATH open it for reading,
+ * which is done with regular files and directories only. */
 constexpr int kObject = O_PATH | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 // The caller names the record; the error needs no more than the cause.
@@ -106,12 +106,25 @@ Result<void> set_through_file(int file, const Replica::Attributes &a) {
   return set_times(file, a);
 }
 
-/* A symbolic link has an owner and times, but no mode of its own. */
+/* A symbolic link has an owner and times, but no mode of its own. Kernels before 2.6.22 have no
+ * call that sets its times, so there they stay. */
 Result<void> set_of_link(int directory, const std::string &name, const struct stat &status,
                          const Replica::Attributes &a) {
   if (a.mode) return Error{-EOPNOTSUPP, "a symbolic link has no mode"};
   if ((a.atime || a.mtime) &&
-      utimensat(directory, name.c_str(), both_times(a, status).data(), AT_SYMLINK_NOFOLLOW) != 0)
+      utimensat(directory, name.c_str(), both_times(a, status).data(), AT_SYMLINK_NOFOLLOW) != 0 &&
+      errno != ENOSYS)
+    return failed(errno);
+  return {};
+}
+
+/* Without O_PATH: to open a device or a socket does something to it, or fails. */
+Result<void> set_of_special(int directory, const std::string &name, const struct stat &status,
+                            const Replica::Attributes &a) {
+  if (a.mode && fchmodat(directory, name.c_str(), *a.mode & kModeBits, 0) != 0)
+    return failed(errno);
+  if ((a.atime || a.mtime) &&
+      utimensat(directory, name.c_str(), both_times(a, status).data(), 0) != 0)
     return failed(errno);
   return {};
 }
@@ -125,6 +138,8 @@ Result<void> set_through_name(int directory, const std::string &name,
   struct stat status;
   if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return failed(errno);
   if (S_ISLNK(status.st_mode)) return set_of_link(directory, name, status, a);
+  if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !has_path_descriptors())
+    return set_of_special(directory, name, status, a);
   const UniqueFd object(openat(directory, name.c_str(), kObject));
   if (!object) return failed(errno);
   if (a.mode && chmod(by_descriptor(object.get()).c_str(), *a.mode & kModeBits) != 0)
@@ -142,14 +157,20 @@ Result<Replica> Replica::open(const std::string &directory) {
   return Replica(std::move(root));
 }
 
-Result<bool> Replica::keep_others_out() {
+Result<bool> Replica::open_to_others() {
   struct statvfs mount;
   struct stat status;
   if (fstatvfs(root_.get(), &mount) != 0 || fstat(root_.get(), &status) != 0) return failed(errno);
   others_out_ = (mount.f_flag & ST_NOSUID) == 0;
   if (!others_out_ || (status.st_mode & kForOthers) == 0) return false;
-  if (fchmod(root_.get(), 0700) != 0) return failed(errno);
+  // The mode that it has: nothing changes but that we know whether we may.
+  if (fchmod(root_.get(), status.st_mode & kModeBits) != 0) return failed(errno);
   return true;
+}
+
+Result<void> Replica::close_to_others() {
+  if (fchmod(root_.get(), 0700) != 0) return failed(errno);
+  return {};
 }
 
 Result<Replica::Place> Replica::place(const std::string &path) {

@@ -37,10 +37,12 @@ class Replica {
   /*
    * Files in the replica may be set-user-id for whoever they belong to, and their contents may be
    * older or younger than that mode. Where the mount honours such modes, nobody but the owner gets
-   * in: the replica's own directory is and stays 0700, whatever the source's is. True: its mode had
-   * to be changed for that. Only called before the first change.
+   * in: the replica's own directory is and stays 0700, whatever the source's is. True: its mode has
+   * to be changed for that, which is allowed (else an error) and left to close_to_others. Called
+   * once, before the first change.
    */
-  Result<bool> keep_others_out();
+  Result<bool> open_to_others();
+  Result<void> close_to_others();
 
   /* kAlready: the replica was as it should be before (or holds a file that was to be created, now
    * emptied). */

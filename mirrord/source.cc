@@ -21,13 +21,70 @@ bool is_absence(int err) {
   return err == ENOENT || err == ENOTDIR || err == ELOOP;
 }
 
-/* Opens anew what an O_PATH descriptor is of. */
+/* Opens anew what a descriptor is of. */
 UniqueFd reopen(int object, int flags) {
   const std::string path = fmt::format("/proc/self/fd/{}", object);
   UniqueFd fd(open(path.c_str(), flags | O_NOATIME | O_NONBLOCK | O_CLOEXEC));
   if (!fd && errno == EPERM)  // not our own file
     fd = UniqueFd(open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC));
   return fd;
+}
+
+/* The text of the symbolic link `name` in `directory`; of `directory` itself if `name` is "". */
+Result<std::string> read_link(int directory, const std::string &name) {
+  std::string text(PATH_MAX, '\0');
+  const ssize_t length = readlinkat(directory, name.c_str(), text.data(), text.size());
+  if (length < 0) return failed(errno, "the source's symbolic link cannot be read");
+  text.resize(static_cast<std::size_t>(length));
+  return text;
+}
+
+using Found = Result<std::optional<Source::Object>>;
+
+Found not_found(int err) {
+  if (is_absence(err)) return std::optional<Source::Object>();
+  return failed(err, "the source cannot be looked at");
+}
+
+Found find_by_descriptor(int directory, const std::string &name) {
+  Source::Object found{
+      UniqueFd(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)), {}, {}};
+  if (!found.fd || fstat(found.fd.get(), &found.status) != 0) return not_found(errno);
+  if (S_ISLNK(found.status.st_mode)) {
+    auto target = read_link(found.fd.get(), "");
+    if (!target) return target.error();
+    found.target = std::move(*target);
+  }
+  return std::optional<Source::Object>(std::move(found));
+}
+
+bool is_same(const struct stat &a, const struct stat &b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_mode == b.st_mode;
+}
+
+/* To open a FIFO or a device would do something to it, so the status comes first. Between the two
+ * another object may get the name: then all is done again. */
+Found find_by_status(int directory, const std::string &name) {
+  constexpr int kPlain = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  for (;;) {
+    Source::Object found{};
+    if (fstatat(directory, name.c_str(), &found.status, AT_SYMLINK_NOFOLLOW) != 0)
+      return not_found(errno);
+    struct stat after = found.status;
+    if (S_ISREG(found.status.st_mode) || S_ISDIR(found.status.st_mode)) {
+      found.fd = UniqueFd(openat(directory, name.c_str(), kPlain));
+      if (found.fd ? fstat(found.fd.get(), &after) != 0 : !is_absence(errno))
+        return not_found(errno);
+      if (!found.fd) continue;
+    } else if (S_ISLNK(found.status.st_mode)) {
+      auto target = read_link(directory, name);
+      if (fstatat(directory, name.c_str(), &after, AT_SYMLINK_NOFOLLOW) != 0)
+        return not_found(errno);
+      if (!target && is_same(found.status, after)) return target.error();
+      if (target) found.target = std::move(*target);
+    }
+    if (is_same(found.status, after)) return std::optional<Source::Object>(std::move(found));
+  }
 }
 
 }  // namespace
@@ -44,30 +101,15 @@ Result<std::optional<Source::Object>> Source::find(const std::string &path) {
   const std::string parent = slash == std::string::npos ? "" : path.substr(0, slash);
   const std::string name = path.empty() ? "." : path.substr(parent.empty() ? 0 : slash + 1);
   const auto directory = open_directory_below(root_.get(), parent);
-  if (!directory) {
-    if (is_absence(-directory.error().code)) return std::optional<Object>();
-    return failed(-directory.error().code, "the source cannot be looked at");
-  }
-  Object found{UniqueFd(openat(directory->get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)),
-               {}};
-  if (!found.fd && is_absence(errno)) return std::optional<Object>();
-  if (!found.fd || fstat(found.fd.get(), &found.status) != 0)
-    return failed(errno, "the source cannot be looked at");
-  return std::optional<Object>(std::move(found));
+  if (!directory) return not_found(-directory.error().code);
+  return path_descriptors_ ? find_by_descriptor(directory->get(), name)
+                           : find_by_status(directory->get(), name);
 }
 
 Result<UniqueFd> Source::open_file(const Object &file) {
   UniqueFd fd = reopen(file.fd.get(), O_RDONLY);
   if (!fd) return failed(errno, "the source's file cannot be read");
   return fd;
-}
-
-Result<std::string> Source::target(const Object &link) {
-  std::string text(PATH_MAX, '\0');
-  const ssize_t length = readlinkat(link.fd.get(), "", text.data(), text.size());
-  if (length < 0) return failed(errno, "the source's symbolic link cannot be read");
-  text.resize(static_cast<std::size_t>(length));
-  return text;
 }
 
 Result<std::vector<DirectoryEntry>> Source::entries(const Object &directory) {

@@ -24,14 +24,18 @@ namespace tarn {
 
 class Source {
  public:
-  /* The directory is opened when it is first needed: it need not be there before. */
-  explicit Source(std::string directory) : directory_(std::move(directory)) {}
+  /* The directory is opened when it is first needed: it need not be there before. Without path
+   * descriptors (O_PATH) only regular files and directories are ever opened. */
+  explicit Source(std::string directory, bool path_descriptors = has_path_descriptors())
+      : directory_(std::move(directory)), path_descriptors_(path_descriptors) {}
 
   const std::string &directory() const { return directory_; }
 
   struct Object {
-    UniqueFd fd; /* O_PATH: it stays this object, whatever happens to the name */
+    UniqueFd fd; /* it stays this object, whatever happens to the name; on a kernel that does not
+                    know O_PATH only a regular file and a directory have one */
     struct stat status;
+    std::string target; /* of a symbolic link */
   };
 
   /* Can anything be looked up? Not if the directory does not exist or may not be entered. */
@@ -42,13 +46,12 @@ class Source {
 
   /* A regular file for reading. Its access time stays where the system lets us ask for that. */
   static Result<UniqueFd> open_file(const Object &file);
-  /* Of a symbolic link. */
-  static Result<std::string> target(const Object &link);
   /* Of a directory, without "." and "..". */
   static Result<std::vector<DirectoryEntry>> entries(const Object &directory);
 
  private:
   std::string directory_;
+  bool path_descriptors_;
   UniqueFd root_;
 };
 

@@ -11,6 +11,7 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -130,6 +131,21 @@ static void make_attributes(const char *directory) {
   REQUIRE(lchown(path, 90, 12) == 0);
 }
 
+/* No driver has the device: it must never be opened. */
+static void make_special(const char *directory) {
+  char path[kPath];
+
+  path_of(path, directory, "fifo");
+  REQUIRE(mkfifo(path, 0600) == 0);
+  REQUIRE(chmod(path, 0640) == 0);
+  path_of(path, directory, "device");
+  REQUIRE(mknod(path, S_IFCHR | 0600, makedev(200, 7)) == 0);
+  REQUIRE(chmod(path, 0604) == 0 && lchown(path, 11, 22) == 0);
+  path_of(path, directory, "socket");
+  REQUIRE(mknod(path, S_IFSOCK | 0600, 0) == 0);
+  REQUIRE(chmod(path, 0606) == 0);
+}
+
 void make_changes(const char *directory) {
   char path[kPath], other[kPath];
 
@@ -144,6 +160,7 @@ void make_changes(const char *directory) {
   REQUIRE(symlink("../not there/\xfe", path) == 0);
   make_files(directory);
   make_attributes(directory);
+  make_special(directory);
   path_of(path, directory, "sparse");
   path_of(other, directory, "d/e/moved");
   REQUIRE(rename(path, other) == 0);
@@ -210,6 +227,7 @@ int tree_differences(const char *left, const char *right) {
   int different = 0;
   if (a.st_mode != b.st_mode) different += differs(left, "type or mode");
   if (a.st_uid != b.st_uid || a.st_gid != b.st_gid) different += differs(left, "owner");
+  if (a.st_rdev != b.st_rdev) different += differs(left, "device");
   if (a.st_nlink != b.st_nlink) different += differs(left, "number of links");
   if ((a.st_mode ^ b.st_mode) & S_IFMT) return different;
   if (S_ISDIR(a.st_mode))

@@ -522,11 +522,14 @@ TEST_F(MirrorTest, WrongArguments) {
   wrong({"--catch-up"}, 2, "--status-file");
   wrong({"--catch-up", "--status-file", dir_ / "absent"}, 3, "no mirrord writes it");
   EXPECT_EQ(run(MIRRORD_PROGRAM, {"--help"}).exit, 0);
+  fs::permissions(dir_ / "replica", fs::perms(0755));
   const Ended nobody =
       run(MIRRORD_PROGRAM, {"--source", src_, "--replica", dir_ / "replica"},
           {"TARN_RUN_DIR=" + (dir_ / "absent"), "TARN_STATE_DIR=" + (dir_ / "kept")});
   EXPECT_EQ(nobody.exit, 3);
   EXPECT_NE(nobody.err.find("no tarnd runs in"), std::string::npos);
+  EXPECT_EQ(fs::status(dir_ / "replica").permissions(), fs::perms(0755))
+      << "it has changed nothing";
 }
 
 TEST_F(MirrorTest, TenThousandRecords) {

@@ -509,12 +509,15 @@ TEST_F(SourceLooksTest, ASetUserIdModeIsOnlyTakenWithItsBytes) {
 TEST_F(SourceLooksTest, NobodyElseEntersTheReplica) {
   struct stat s = status(copy(""));
   ASSERT_EQ(chmod(copy("").c_str(), 0755), 0);
-  const auto closed = replica_->keep_others_out();
-  ASSERT_TRUE(closed.ok());
-  if (!*closed) GTEST_SKIP() << "set-user-id modes are not honoured here";
+  const auto open = replica_->open_to_others();
+  ASSERT_TRUE(open.ok());
+  if (!*open) GTEST_SKIP() << "set-user-id modes are not honoured here";
+  s = status(copy(""));
+  EXPECT_EQ(s.st_mode & 07777, mode_t{0755});
+  ASSERT_TRUE(replica_->close_to_others().ok());
   s = status(copy(""));
   EXPECT_EQ(s.st_mode & 07777, mode_t{0700});
-  const auto again = replica_->keep_others_out();
+  const auto again = replica_->open_to_others();
   EXPECT_TRUE(again.ok() && !*again);
   ASSERT_TRUE(replica_->set_attributes("", {.mode = 0755}).ok());
   s = status(copy(""));

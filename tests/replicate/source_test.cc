@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: GPL-2.0
+// What mirrord finds in the source, on kernels with and without path descriptors.
+#include "mirrord/source.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "tests/replicate/fake_tarnd.h"
+
+namespace tarn {
+namespace {
+
+namespace fs = std::filesystem;
+
+class SourceTest : public testing::TestWithParam<bool> {
+ protected:
+  std::string at(const std::string &name) const { return dir_ / name; }
+  std::optional<Source::Object> find(const std::string &path) {
+    auto found = source_.find(path);
+    EXPECT_TRUE(found.ok()) << found.error().text;
+    return found ? std::move(*found) : std::nullopt;
+  }
+
+  test::TemporaryDirectory dir_;
+  Source source_{dir_ / "", GetParam()};
+};
+
+TEST_P(SourceTest, FindsTheTargetOfASymbolicLink) {
+  fs::create_symlink("../not there", at("link"));
+  const auto link = find("link");
+  ASSERT_TRUE(link);
+  EXPECT_TRUE(S_ISLNK(link->status.st_mode));
+  EXPECT_EQ(link->target, "../not there");
+}
+
+TEST_P(SourceTest, AFoundFileIsReadAlthoughItsNameHasGone) {
+  fs::create_directory(at("d"));
+  std::ofstream(at("d/file")) << "text";
+  const auto file = find("d/file");
+  ASSERT_TRUE(file && file->fd);
+  fs::rename(at("d/file"), at("moved"));
+  const auto open = Source::open_file(*file);
+  ASSERT_TRUE(open.ok()) << open.error().text;
+  char text[5] = "";
+  EXPECT_EQ(read(open->get(), text, 4), 4);
+  EXPECT_STREQ(text, "text");
+}
+
+TEST_P(SourceTest, ListsADirectory) {
+  fs::create_directories(at("d/e"));
+  std::ofstream(at("d/file")) << "text";
+  const auto directory = find("d");
+  ASSERT_TRUE(directory);
+  const auto entries = Source::entries(*directory);
+  ASSERT_TRUE(entries.ok());
+  EXPECT_EQ(entries->size(), 2U);
+}
+
+/* A reader of a FIFO would let a program write to it; a device may act when it is opened. */
+TEST_P(SourceTest, SpecialFilesAreFoundAndNotOpened) {
+  ASSERT_EQ(mkfifo(at("fifo").c_str(), 0640), 0);
+  ASSERT_EQ(mknod(at("socket").c_str(), S_IFSOCK | 0600, 0), 0);
+  const auto fifo = find("fifo"), socket = find("socket");
+  ASSERT_TRUE(fifo && socket);
+  EXPECT_TRUE(S_ISFIFO(fifo->status.st_mode));
+  EXPECT_TRUE(S_ISSOCK(socket->status.st_mode));
+  EXPECT_EQ(open(at("fifo").c_str(), O_WRONLY | O_NONBLOCK), -1);
+  EXPECT_EQ(errno, ENXIO);
+}
+
+TEST_P(SourceTest, NeverFollowsALink) {
+  fs::create_directories(at("d/e"));
+  fs::create_symlink("d", at("link"));
+  EXPECT_FALSE(find("link/e"));
+  EXPECT_FALSE(find("absent"));
+  EXPECT_FALSE(find("absent/e"));
+  EXPECT_TRUE(find(""));
+}
+
+INSTANTIATE_TEST_SUITE_P(Kernels, SourceTest, testing::Bool(), [](const auto &info) {
+  return std::string(info.param ? "path_descriptors" : "before_them");
+});
+
+}  // namespace
+}  // namespace tarn

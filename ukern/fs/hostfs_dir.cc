@@ -57,13 +57,9 @@ int ask_host(struct dentry *dentry) {
   strlcpy(name, name_of(dentry), sizeof name);
   struct dentry *parent = dget(dentry->d_parent);
   spin_unlock(&dentry->d_lock);
-  spin_lock(&dcache_lock);
-  ukern_prefetch_next(dentry);
-  spin_unlock(&dcache_lock);
 
   const host_identity as = hostfs_caller();
   struct uk_stat stat;
-  if (dentry->d_inode) ukern_prefetch_attributes(dentry->d_inode);
   const int error = look_below(as, parent->d_inode, name, dentry->d_inode, &stat);
   dput(parent);
   struct inode *inode = dentry->d_inode;

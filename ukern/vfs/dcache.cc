@@ -62,11 +62,6 @@ static struct hlist_head *hash_chain(struct dentry *parent, unsigned hash) {
   return &hashtable[hash_long(directory ^ hash, hash_bits)];
 }
 
-// Without the lock: when the table has just changed, something useless is fetched.
-void ukern_prefetch_name(struct dentry *parent, unsigned int hash) {
-  __builtin_prefetch(hash_chain(parent, hash));
-}
-
 // Puts all dentries into a larger table when they have become too many for this one. Without memory
 // for it the chains get longer, that is all.
 static void grow_hash(void) {
@@ -287,33 +282,6 @@ static bool name_matches(struct dentry *parent, struct dentry *dentry, struct qs
   return have->len == name->len && memcmp(have->name, name->name, name->len) == 0;
 }
 
-// The one that came to the same directory after this one; NULL for the youngest.
-static struct dentry *next_in_directory(struct dentry *dentry) {
-  struct list_head *next = dentry->d_u.d_child.prev;
-  return next == &dentry->d_parent->d_subdirs ? nullptr
-                                              : list_entry(next, struct dentry, d_u.d_child);
-}
-
-// Of each no more than what the look-ups before this one have brought near, so that this one does
-// not wait: the third dentry itself, of the second what it points to, of the first what its inode
-// points to.
-void ukern_prefetch_next(struct dentry *dentry) {
-  struct dentry *next = next_in_directory(dentry);
-  if (!next) return;
-  if (struct inode *inode = next->d_inode) __builtin_prefetch(inode->i_nodes, 1);
-  next = next_in_directory(next);
-  if (!next) return;
-  if (struct inode *inode = next->d_inode) {
-    __builtin_prefetch(next->d_fsdata);  // set before the inode was
-    ukern_prefetch_attributes(inode);
-    __builtin_prefetch(&inode->i_nodes);
-  }
-  next = next_in_directory(next);
-  if (!next) return;
-  const char *const end = (const char *)(next + 1);
-  for (const char *line = (const char *)next; line < end; line += 64) __builtin_prefetch(line, 1);
-}
-
 struct dentry *__d_lookup(struct dentry *parent, struct qstr *name) {
   struct dentry *dentry;
   struct dentry *found = nullptr;
@@ -321,15 +289,12 @@ struct dentry *__d_lookup(struct dentry *parent, struct qstr *name) {
 
   spin_lock(&dcache_lock);
   hlist_for_each_entry(dentry, node, hash_chain(parent, name->hash), d_hash) {
-    __builtin_prefetch(&dentry->d_iname);  // it is not where the hash is
     if (dentry->d_name.hash != name->hash || dentry->d_parent != parent) continue;
     spin_lock(&dentry->d_lock);
-    __builtin_prefetch(dentry->d_fsdata);
     if (name_matches(parent, dentry, name)) found = dget_locked(dentry);
     spin_unlock(&dentry->d_lock);
     if (found) break;
   }
-  if (found) ukern_prefetch_next(found);
   spin_unlock(&dcache_lock);
   return found;
 }

@@ -78,15 +78,10 @@ bool at_root(struct nameidata *nd) {
 // when it does not and nobody's use kept it from being thrown out.
 struct dentry *revalidate(struct dentry *dentry, struct nameidata *nd) {
   if (!dentry->d_op || !dentry->d_op->d_revalidate) return dentry;
-  if (dentry->d_inode) ukern_prefetch_attributes(dentry->d_inode);
   current->walked = dentry;
   const int holds = dentry->d_op->d_revalidate(dentry, nd);
   current->walked = nullptr;
-  if (holds) {
-    // Whoever walked here is about to ask for the inode's node, most often the first one.
-    if (dentry->d_inode) __builtin_prefetch(dentry->d_inode->i_nodes, 1);
-    return dentry;
-  }
+  if (holds) return dentry;
   if (d_invalidate(dentry)) {
     if (nd) nd->flags |= WALK_DISOWNED;
     return dentry;
@@ -258,7 +253,6 @@ int walk_components(const char *name, struct nameidata *nd) {
     struct qstr part;
     nd->flags |= LOOKUP_CONTINUE;
     name = hash_component(name, &part);
-    ukern_prefetch_name(nd->dentry, part.hash);
     int error = vfs_permission(nd, MAY_EXEC);
     if (error) return fail(nd, error);
 

@@ -201,16 +201,6 @@ struct dentry *d_lookup(struct dentry *parent, struct qstr *name);
 struct dentry *__d_lookup(struct dentry *parent, struct qstr *name);
 
 /*
- * What a look-up waits for most is memory that no cache of the processor has. The first fetches
- * what the look-up of a name begins with, while its caller has something else to do. The second,
- * under dcache_lock, fetches parts of the dentries that came to their directory after this one: a
- * listing or a copy asks for one name after the other, most often in the order in which it did last
- * time.
- */
-void ukern_prefetch_name(struct dentry *parent, unsigned int hash);
-void ukern_prefetch_next(struct dentry *dentry);
-
-/*
  * The path from the current task's root, written at the end of the buffer; " (deleted)" is added
  * for an unhashed dentry. ERR_PTR(-ENAMETOOLONG) when it does not fit. Does not sleep.
  */

@@ -274,19 +274,6 @@ enum inode_i_mutex_lock_class {
   I_MUTEX_QUOTA
 };
 
-/*
- * Starts to bring into the processor's cache what a change of the attributes will touch, and the
- * beginning of the file system's own record behind the inode. For when something slow comes first:
- * in a storm of calls on many files nothing of a file is there.
- */
-static inline void ukern_prefetch_attributes(struct inode *inode) {
-  const char *const start = (const char *)&inode->i_ino;
-  const char *const end = (const char *)&inode->i_mapping;
-  for (const char *line = start; line < end; line += 64) __builtin_prefetch(line, 1);
-  __builtin_prefetch((const char *)(inode + 1) - 32, 1);
-  __builtin_prefetch((const char *)(inode + 1) + 32, 1);
-}
-
 /* The size changes under i_mutex but is read without it. */
 static inline loff_t i_size_read(struct inode *inode) {
   return __atomic_load_n(&inode->i_size, __ATOMIC_RELAXED);

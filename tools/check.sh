@@ -69,6 +69,7 @@ tools/check_test_table.py
 tools/check_declarations.py
 cmake --preset release >/dev/null
 tools/check_compile.py build/release --headers
+tools/check_compile.py build/release --aarch64
 check_module_objects
 cmake --preset debug -B build/check-clang -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
 tools/check_compile.py build/check-clang

@@ -2,14 +2,16 @@
 # SPDX-License-Identifier: GPL-2.0
 """Compiles, syntax only, every source of a build folder's compile_commands.json and every header alone.
 
-usage: check_compile.py BUILD-FOLDER [--headers]
+usage: check_compile.py BUILD-FOLDER [--headers | --aarch64]
 
-With --headers, each header of the tree is compiled by itself with the flags of a source of its own folder.
+With --headers, each header of the tree is compiled by itself with the flags of a source of its own folder. With
+--aarch64, Debian's cross compiler takes the sources; the headers of our libraries are the same for every machine.
 """
 import concurrent.futures
 import json
 import os
 import pathlib
+import re
 import shlex
 import subprocess
 import sys
@@ -30,6 +32,31 @@ def syntax_only(entry, source):
         elif word != "-c" and word != entry["file"]:
             out.append(word)
     return out + ["-fsyntax-only", "-x", "c" if source.endswith(".c") else "c++", source]
+
+
+LIBRARIES = ("CLI", "benchmark", "fmt", "fuse3", "gmock", "gtest", "nlohmann", "rapidcheck", "rapidcheck.h")
+
+
+def for_aarch64(command, includes):
+    """The same command for the cross compiler. What the compiler brings itself is its own."""
+    if os.path.basename(command[0]) == "ccache":
+        command = command[1:]
+    c_only = os.path.basename(command[0]) in ("cc", "gcc")
+    out = ["aarch64-linux-gnu-gcc" if c_only else "aarch64-linux-gnu-g++"]
+    for word in command[1:]:
+        word = word.replace("/usr/lib/gcc/x86_64-linux-gnu/", "/usr/lib/gcc-cross/aarch64-linux-gnu/")
+        out.append(re.sub(r"^(-I)?/usr/include", r"\g<1>" + str(includes), word))
+    return out + ["-isystem", str(includes)]
+
+
+def library_headers(build):
+    includes = (build / "aarch64-include").resolve()
+    includes.mkdir(exist_ok=True)
+    for name in LIBRARIES:
+        link = includes / name
+        if not link.is_symlink() and os.path.exists("/usr/include/" + name):
+            link.symlink_to("/usr/include/" + name)
+    return includes
 
 
 def run(job):
@@ -73,13 +100,17 @@ def main():
         # A source of several targets is compiled once for each set of flags.
         jobs = {(e["directory"], *syntax_only(e, e["file"])): e["file"] for e in entries}
         jobs = [(name, list(command), folder) for (folder, *command), name in jobs.items()]
+    if "--aarch64" in sys.argv:
+        includes = library_headers(build)
+        jobs = [(name, for_aarch64(command, includes), folder) for name, command, folder in jobs]
     failed = 0
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         for name, code, text in pool.map(run, jobs):
             if code:
                 failed += 1
                 print("%s:\n%s" % (name, text))
-    print("%s: %d compiled, %d failed" % ("headers" if "--headers" in sys.argv else "sources", len(jobs), failed))
+    what = "headers" if "--headers" in sys.argv else "for aarch64" if "--aarch64" in sys.argv else "sources"
+    print("%s: %d compiled, %d failed" % (what, len(jobs), failed))
     return 1 if failed else 0
 
 

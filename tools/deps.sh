@@ -1,15 +1,17 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
-# Installs the Debian 12 packages that building, testing and the demo need; with the argument `bench` also those of the
-# benchmarks, with `guest` those of the tests in a real kernel. Does nothing when all are there.
+# Installs the Debian 12 packages that building, testing and the demo need; with an argument also those of the presubmit
+# checks (`check`), of the benchmarks (`bench`) or of the tests in a real kernel (`guest`). Does nothing when all are
+# there.
 set -euo pipefail
 
 packages=(
-  attr binutils build-essential clang clang-format cmake coreutils e2fsprogs fio fuse3 git libclang-rt-14-dev
+  attr binutils build-essential clang cmake coreutils e2fsprogs fio fuse3 git libclang-rt-14-dev
   libcli11-dev libfmt-dev libfuse3-dev libgtest-dev librapidcheck-dev mount
   ninja-build nlohmann-json3-dev pkg-config procps python3 rsync sqlite3
   stress-ng tar util-linux
 )
+[ "${1:-}" != check ] || packages+=(clang-format g++-aarch64-linux-gnu)
 [ "${1:-}" != bench ] || packages+=(bindfs libbenchmark-dev libhyperscan-dev libre2-dev)
 [ "${1:-}" != guest ] || packages+=(cpio gcc-12-source musl-tools qemu-system-x86)
 

@@ -40,8 +40,8 @@ int tarn_sync_1dentry(ox_u32_t op, struct dentry *dentry, int mode) {
 }
 
 int tarn_sync_2dentry(ox_u32_t op, struct dentry *dentry1, struct dentry *dentry2,
-                      tarn_name_change *change) {
-  tarn_record_path first(dentry1), second(dentry2);
+                      tarn_name_change *change, bool in_place) {
+  tarn_record_path first(dentry1, in_place), second(dentry2, change != nullptr);
   return tarn_names_sync(op, first, &second, 0, change);
 }
 

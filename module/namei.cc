@@ -225,6 +225,8 @@ int link_below(struct dentry *old_dentry, struct inode *dir, struct dentry *new_
   locked_lower_name lower(new_dentry);
   int rc = lower.error_to_make(new_dentry);
   if (rc) return rc;
+  // The new name is one of the object's as well, but not the one that the record tells of.
+  const bool in_place = tarn_is_in_place(old_dentry, old_name ? old_name.get() : lower_old.get());
   tarn_name_change change(lower_new.get());
   rc = vfs_link(lower_old.get(), lower.inode(), lower_new.get());
   if (!bind_created(dir, new_dentry, &rc)) return rc;
@@ -232,7 +234,7 @@ int link_below(struct dentry *old_dentry, struct inode *dir, struct dentry *new_
   struct inode *old_inode = old_dentry->d_inode;
   old_inode->i_nlink = tarn_lower_inode(old_inode)->i_nlink;
   i_size_write(new_dentry->d_inode, size);
-  tarn_sync_2dentry(OX_OP_LINK, old_dentry, new_dentry, &change);
+  tarn_sync_2dentry(OX_OP_LINK, old_dentry, new_dentry, &change, in_place);
   return rc;
 }
 

@@ -56,6 +56,15 @@ class own_place {
   struct dentry *lower_dir() const {
     return tarn_lower_dentry(parent_);
   }
+  struct vfsmount *lower_mnt() const {
+    return tarn_lower_mnt(parent_);
+  }
+  const struct qstr *name() const { return &name_; }
+  bool has(struct dentry *lower) const {
+    spin_guard guard(lower->d_lock);
+    return !d_unhashed(lower) && lower->d_parent == lower_dir() && lower->d_name.len == name_.len &&
+           !memcmp(lower->d_name.name, text_, name_.len);
+  }
   // What the cache has there, with a reference; null for nothing.
   struct dentry *cached() {
     struct dentry *dir = lower_dir();
@@ -111,6 +120,11 @@ struct dentry *tarn_hold_name(struct dentry *dentry) {
   return find_alias(inode, tarn_lower_mnt(dentry)->mnt_root);
 }
 
+bool tarn_is_in_place(struct dentry *dentry, struct dentry *lower) {
+  const own_place place(dentry);
+  return place.has(lower);
+}
+
 // ------------------------------------------------------------------------------------ paths
 
 char *tarn_path_get(char **buf, struct dentry *dentry) {
@@ -152,7 +166,7 @@ bool tarn_record_path::take(gfp_t gfp) {
   if (dentry_)
     take_object();
   else
-    take_name();
+    take_name(dir_, mnt_, name_);
   if (strlen(text_) >= static_cast<size_t>(room_)) too_long_ = true;
   changed_ =
       !before || naming_ != naming_before || too_long_ != too_long_before || strcmp(text_, before);
@@ -179,6 +193,7 @@ void tarn_record_path::take_object() {
   for (;;) {
     struct dentry *at = dget(lower);
     if (dentry_->d_inode && is_dropped(lower)) at = find_name(at);
+    if (!at) return;
     text_ = d_path(at, mnt, buf_, OX_PATH_MAX);
     if (IS_ERR(text_)) take_above(at, mnt);
     // What has no name needs no whole path. A name that was dropped meanwhile has left " (deleted)"
@@ -191,11 +206,17 @@ void tarn_record_path::take_object() {
 }
 
 // A dentry that goes by a name of the object of a lower one that is out of the cache, whose
-// reference it takes over; that itself, and what it is, if there is none.
+// reference it takes over; that itself, and what it is, if there is none. Null: the path is taken.
 struct dentry *tarn_record_path::find_name(struct dentry *lower) {
   struct inode *inode = tarn_lower_inode(dentry_->d_inode);
   own_place place(dentry_);
-  struct dentry *name = name_of(place.cached(), inode);
+  struct dentry *name = place.cached();
+  if (!name && in_place_ && !has_no_name(inode)) {
+    dput(lower);
+    take_name(place.lower_dir(), place.lower_mnt(), place.name());
+    return nullptr;
+  }
+  name = name_of(name, inode);
   if (!name && !has_no_name(inode)) name = find_alias(inode, tarn_lower_mnt(dentry_)->mnt_root);
   if (name) {
     dput(lower);
@@ -206,20 +227,21 @@ struct dentry *tarn_record_path::find_name(struct dentry *lower) {
 }
 
 // The text of the directory ends where the name begins.
-void tarn_record_path::take_name() {
-  const int len = static_cast<int>(name_->len);
+void tarn_record_path::take_name(struct dentry *dir, struct vfsmount *mnt,
+                                 const struct qstr *name) {
+  const int len = static_cast<int>(name->len);
   const int room = OX_PATH_MAX - len - 1;
-  text_ = room > 0 ? d_path(dir_, mnt_, buf_, room) : static_cast<char *>(ERR_PTR(-ENAMETOOLONG));
+  text_ = room > 0 ? d_path(dir, mnt, buf_, room) : static_cast<char *>(ERR_PTR(-ENAMETOOLONG));
   if (IS_ERR(text_)) {
-    text_ = d_path(dir_, mnt_, buf_, OX_PATH_MAX);
+    text_ = d_path(dir, mnt, buf_, OX_PATH_MAX);
     too_long_ = true;
-    if (IS_ERR(text_)) take_above(dir_, mnt_);
+    if (IS_ERR(text_)) take_above(dir, mnt);
     return;
   }
   char *end = buf_ + room - 1;
   if (end == text_ + 1) --end;  // below "/"
   *end++ = '/';
-  memcpy(end, name_->name, len);
+  memcpy(end, name->name, len);
   end[len] = 0;
 }
 

@@ -61,6 +61,9 @@ class tarn_lower_path {
  */
 [[nodiscard]] struct dentry *tarn_hold_name(struct dentry *dentry);
 
+/* Whether a lower dentry is in the cache under the name that the upper one has. */
+bool tarn_is_in_place(struct dentry *dentry, struct dentry *lower);
+
 /* One path of a record, and how to take it anew. */
 class tarn_record_path {
  public:
@@ -68,6 +71,9 @@ class tarn_record_path {
   tarn_record_path() = default;
   /* Of an object, wherever it is by now; an upper dentry. */
   explicit tarn_record_path(struct dentry *dentry) : dentry_(dentry) {}
+  /* With `in_place` (tarn_is_in_place, asked before the call below) that dentry's own name and no
+   * other of the object, unless the cache knows something else there. */
+  tarn_record_path(struct dentry *dentry, bool in_place) : dentry_(dentry), in_place_(in_place) {}
   /* Of a name in a lower directory, whatever has it by now. The directory's lock is held. */
   tarn_record_path(struct dentry *lower_dir, struct vfsmount *lower_mnt, const struct qstr *name)
       : dir_(lower_dir), mnt_(lower_mnt), name_(name) {}
@@ -99,13 +105,14 @@ class tarn_record_path {
  private:
   void take_object();
   struct dentry *find_name(struct dentry *lower);
-  void take_name();
+  void take_name(struct dentry *dir, struct vfsmount *mnt, const struct qstr *name);
   void take_above(struct dentry *dentry, struct vfsmount *mnt);
 
   struct dentry *dentry_ = nullptr;
   struct dentry *dir_ = nullptr;
   struct vfsmount *mnt_ = nullptr;
   const struct qstr *name_ = nullptr;
+  bool in_place_ = false;
   char *buf_ = nullptr; /* holds text_ */
   char *spare_ = nullptr;
   const char *text_ = nullptr;

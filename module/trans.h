@@ -108,8 +108,9 @@ void tarn_stop_rule(struct prule_node *rule);
  */
 int tarn_para_sync(ox_u32_t op, const char *path1, const char *path2, int mode);
 int tarn_sync_1dentry(ox_u32_t op, struct dentry *dentry, int mode);
+/* `in_place`: the first path is that dentry's own name, see tarn_record_path. */
 int tarn_sync_2dentry(ox_u32_t op, struct dentry *dentry1, struct dentry *dentry2,
-                      class tarn_name_change *change = nullptr);
+                      class tarn_name_change *change = nullptr, bool in_place = false);
 int tarn_sym_sync(struct dentry *dentry, const char *symname, int mode);
 int tarn_attr_sync(struct dentry *dentry, const struct iattr *iattr);
 /*

@@ -41,6 +41,29 @@ MODULE_CASE(naming, a_file_that_was_linked_while_open_keeps_its_name) {
   EXPECT_EQ(record.msg()->cp, OX_CP_NAMED);
 }
 
+// The end of an inode of another mount takes the lower dentry out of the cache at any time.
+MODULE_CASE(naming, a_link_tells_the_old_name_although_the_cache_lost_it_meanwhile) {
+  replicated r;
+  REQUIRE_EQ(test_put("/mnt/f", "x"), 1);
+  const test_walk lower("/lower");
+  static struct inode_operations *own;
+  own = lower.inode()->i_op;
+  struct inode_operations dropping = *own;
+  dropping.link = [](struct dentry *old, struct inode *dir, struct dentry *dentry) -> int {
+    d_drop(old);
+    return own->link(old, dir, dentry);
+  };
+  lower.inode()->i_op = &dropping;
+  r.daemon.drain();
+  EXPECT_EQ(test_link("/mnt/f", "/mnt/g"), 0);
+  lower.inode()->i_op = own;
+  const struct test_record &record = r.daemon.next();
+  EXPECT_EQ(record.op(), OX_OP_LINK);
+  EXPECT_EQ(record.msg()->cp, OX_CP_NAMED);
+  EXPECT_STREQ(record.path1(), "/lower/f");
+  EXPECT_STREQ(record.path2(), "/lower/g");
+}
+
 MODULE_CASE(naming, a_file_that_was_linked_and_renamed_while_open_has_its_new_name) {
   replicated r;
   test_file file("/mnt/f", O_CREAT | O_RDWR);

@@ -290,6 +290,8 @@ struct Applier::Visitor {
   Done operator()(const Link &c) {
     const auto path = inside(c.path);
     if (!path) {
+      // From now on it changes by a name of which no record tells.
+      if (record.naming == Naming::kUnplaced) return Done(applier.unplaced(record));
       if (const auto existing = inside(c.existing); existing && record.naming == Naming::kNamed)
         settler.watch(*existing, record.ts);
       return Done();
@@ -340,6 +342,14 @@ struct Applier::Visitor {
   }
 };
 
+Error Applier::unplaced(const Record &record) {
+  scopes_.learn(record);
+  settler_.note_unrecorded(record.ts);
+  return Error{-ESTALE,
+               "the file has another name, which the module does not know: the replica's copy is "
+               "no longer right, until it is found by 'mirrord --catch-up'"};
+}
+
 Result<Applier::Outcome> Applier::apply(const Record &record) {
   page_path_.clear();
   if (std::holds_alternative<WritePage>(record.change)) {
@@ -352,13 +362,7 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
   const bool gets_a_name =
       std::holds_alternative<Link>(record.change) || std::holds_alternative<Rename>(record.change);
   if (record.naming == Naming::kNameless && !gets_a_name) return Outcome::kNameless;
-  if (record.naming == Naming::kUnplaced && !gets_a_name) {
-    scopes_.learn(record);
-    settler_.note_unrecorded(record.ts);
-    return Error{-ESTALE,
-                 "the file has another name, which the module does not know: the replica's copy is "
-                 "no longer right, until it is found by 'mirrord --catch-up'"};
-  }
+  if (record.naming == Naming::kUnplaced && !gets_a_name) return unplaced(record);
   const auto *link = std::get_if<Link>(&record.change);
   settler_.set_other_name(link ? std::string(link->existing) : std::string());
   settler_.set_included(

@@ -80,6 +80,8 @@ class Applier {
   struct Visitor;
 
   void look_for_any_rule();
+  /* The record is of a file of the rule, nobody knows which: it is looked for when all has come. */
+  Error unplaced(const Record &record);
   void touch(const Record &record);
 
   std::string absolute(std::string_view path) const {

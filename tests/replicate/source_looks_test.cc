@@ -288,6 +288,20 @@ TEST_F(SourceLooksTest, AChangeUnderAnUnknownNameIsLookedFor) {
   EXPECT_EQ(contents(copy("in/f")), "old");
 }
 
+TEST_F(SourceLooksTest, AFileOfUnknownNameThatGetsOneOutsideIsLookedFor) {
+  for (const char *name : {"in/f", "in/d/g"}) both(name, "old");
+  Stamp unplaced = now();
+  unplaced.cp = OX_CP_UNPLACED;
+  fs::create_hard_link(src("in/d/g"), src("in/out/g"));
+  const auto link = name_change(OX_OP_LINK, unplaced, src("in/f"), src("in/out/g"));
+  EXPECT_FALSE(applier_->apply(std::get<Record>(*decode(link))).ok()) << "and so it is counted";
+  look();
+  std::ofstream(src("in/out/g"), std::ios::trunc) << "new";
+  look();
+  EXPECT_EQ(contents(copy("in/d/g")), "new");
+  EXPECT_EQ(contents(copy("in/f")), "old");
+}
+
 TEST_F(SourceLooksTest, WhatLostRecordsToldOfIsLookedFor) {
   both("in/f", "old");
   both("in/d/gone", "x");

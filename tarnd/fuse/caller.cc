@@ -124,7 +124,7 @@ const ProcessRights &CallerTask::rights_of(const fuse_ctx &ctx, Clock::time_poin
 
 void CallerTask::become(fuse_req_t req, Need need) {
   const fuse_ctx *ctx = fuse_req_ctx(req);
-  uk_call_continues(continues_walk(ctx->pid, need));
+  uk_request_continues(continues_walk(ctx->pid, need));
   const bool same =
       identity_.pid == ctx->pid && identity_.uid == ctx->uid && identity_.gid == ctx->gid;
   const Clock::time_point now = Clock::now();

@@ -64,26 +64,16 @@ int node_stat(struct walk_path *path, struct uk_stat *stat);
 #ifdef __cplusplus
 }
 
-/*
- * One call of the hosting program by the current task, for as long as this stands. Several looks at
- * one object within it, and since the first look-up of its system call, may be one look: nobody can
- * tell at what moment of the call it was made. A look-up itself asks anew.
- */
-class one_call {
+/* A request of the hosting program by the current task, for as long as this stands. */
+class host_request_scope {
  public:
-  enum what { LOOKUP, OTHER };
-  explicit one_call(what what = OTHER) {
-    static unsigned long calls;
-    const unsigned long number = __atomic_add_fetch(&calls, 1, __ATOMIC_RELAXED);
-    const bool first = !current->continues;
-    current->continues = false;
-    if (what == LOOKUP && first) current->first_lookup = number;
-    current->fresh_since = what == LOOKUP || first ? number : current->first_lookup;
-    current->call = number;
+  explicit host_request_scope(host_request_kind kind = REQUEST_OTHER) {
+    static unsigned long requests;
+    request_begin(&current->request, kind, __atomic_add_fetch(&requests, 1, __ATOMIC_RELAXED));
   }
-  ~one_call() { current->call = 0; }
-  one_call(const one_call &) = delete;
-  one_call &operator=(const one_call &) = delete;
+  ~host_request_scope() { request_end(&current->request); }
+  host_request_scope(const host_request_scope &) = delete;
+  host_request_scope &operator=(const host_request_scope &) = delete;
 };
 
 /* Makes a buffer user memory of the current task for as long as this stands. */

@@ -101,7 +101,7 @@ int node_stat(struct walk_path *path, struct uk_stat *stat) {
 }
 
 int uk_getattr(struct uk_node *node, struct uk_file *file, struct uk_stat *stat) {
-  const one_call call;
+  const host_request_scope request;
   struct walk_path path;
   int error = place(node, file, &path);
   if (error) return error;
@@ -112,7 +112,7 @@ int uk_getattr(struct uk_node *node, struct uk_file *file, struct uk_stat *stat)
 
 int uk_setattr(struct uk_node *node, struct uk_file *file, unsigned set, const struct uk_stat *want,
                struct uk_stat *stat) {
-  const one_call call;
+  const host_request_scope request;
   struct walk_path path;
   int error = place(node, file, &path);
   if (error) return error;

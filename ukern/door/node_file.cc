@@ -88,7 +88,7 @@ int open_to_run(struct uk_node *node, struct uk_file **out) {
 extern "C" {
 
 int uk_open(struct uk_node *node, int flags, struct uk_file **out) {
-  const one_call call;
+  const host_request_scope request;
   struct nameidata nd;
   if (flags & UK_OPEN_TO_RUN) return open_to_run(node, out);
   flags = (flags & ~(O_CREAT | O_EXCL)) | O_LARGEFILE;
@@ -105,7 +105,7 @@ int uk_open(struct uk_node *node, int flags, struct uk_file **out) {
 
 int uk_create(struct uk_node *dir, const char *name, int flags, unsigned mode, struct uk_node **out,
               struct uk_file **file, struct uk_stat *stat) {
-  const one_call call;
+  const host_request_scope request;
   struct walk_path path;
   int error = node_check_name(name);
   if (error) return error;

@@ -38,12 +38,12 @@ int uk_node_at(const char *name, struct uk_node **out) {
   return error;
 }
 
-void uk_call_continues(int yes) {
-  current->continues = yes;
+void uk_request_continues(int yes) {
+  current->request.continues = yes;
 }
 
 int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struct uk_stat *stat) {
-  const one_call call(one_call::LOOKUP);
+  const host_request_scope request(REQUEST_LOOKUP);
   struct walk_path path;
   const int error = enter(dir, name, &path);
   return error ? error : leave(&path, 0, name, out, stat);
@@ -51,7 +51,7 @@ int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struc
 
 int uk_mknod(struct uk_node *dir, const char *name, unsigned mode, unsigned rdev,
              struct uk_node **out, struct uk_stat *stat) {
-  const one_call call;
+  const host_request_scope request;
   struct walk_path path;
   const int error = enter(dir, name, &path);
   if (error) return error;
@@ -60,7 +60,7 @@ int uk_mknod(struct uk_node *dir, const char *name, unsigned mode, unsigned rdev
 
 int uk_mkdir(struct uk_node *dir, const char *name, unsigned mode, struct uk_node **out,
              struct uk_stat *stat) {
-  const one_call call;
+  const host_request_scope request;
   struct walk_path path;
   const int error = enter(dir, name, &path);
   return error ? error : leave(&path, mkdir_at(&path, name, (int)mode), name, out, stat);
@@ -68,7 +68,7 @@ int uk_mkdir(struct uk_node *dir, const char *name, unsigned mode, struct uk_nod
 
 int uk_symlink(struct uk_node *dir, const char *name, const char *target, struct uk_node **out,
                struct uk_stat *stat) {
-  const one_call call;
+  const host_request_scope request;
   struct walk_path path;
   if (strlen(target) >= PATH_MAX) return -ENAMETOOLONG;
   const int error = enter(dir, name, &path);
@@ -77,7 +77,7 @@ int uk_symlink(struct uk_node *dir, const char *name, const char *target, struct
 
 int uk_link(struct uk_node *node, struct uk_node *dir, const char *name, struct uk_node **out,
             struct uk_stat *stat) {
-  const one_call call;
+  const host_request_scope request;
   struct walk_path path, old;
   int error = enter(dir, name, &path);
   if (error) return error;
@@ -90,7 +90,7 @@ int uk_link(struct uk_node *node, struct uk_node *dir, const char *name, struct 
 }
 
 int uk_unlink(struct uk_node *dir, const char *name) {
-  const one_call call;
+  const host_request_scope request;
   struct walk_path path;
   int error = enter(dir, name, &path);
   if (error) return error;
@@ -100,7 +100,7 @@ int uk_unlink(struct uk_node *dir, const char *name) {
 }
 
 int uk_rmdir(struct uk_node *dir, const char *name) {
-  const one_call call;
+  const host_request_scope request;
   struct walk_path path;
   int error = enter(dir, name, &path);
   if (error) return error;
@@ -111,7 +111,7 @@ int uk_rmdir(struct uk_node *dir, const char *name) {
 
 int uk_rename(struct uk_node *old_dir, const char *old_name, struct uk_node *new_dir,
               const char *new_name) {
-  const one_call call;
+  const host_request_scope request;
   struct walk_path from, to;
   int error = node_check_name(new_name);
   if (!error) error = enter(old_dir, old_name, &from);

@@ -60,7 +60,7 @@ int uk_node_place(struct uk_node *node, struct uk_node **dir, char name[256]);
  * that it made just before are one system call: a look-up is joined to those before it, and any
  * other call takes for true what they found rather than have the file system ask for it again.
  */
-void uk_call_continues(int yes);
+void uk_request_continues(int yes);
 
 /* Each call with `out` adds one reference to the node it returns, which is the caller's. */
 int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struct uk_stat *stat);

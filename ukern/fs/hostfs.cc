@@ -83,7 +83,7 @@ struct inode *hostfs_alloc_inode(struct super_block *) {
   info->users = 0;
   INIT_LIST_HEAD(&info->idle);
   info->dev = info->ino = info->mount = 0;
-  info->looked = info->permitted = 0;
+  info->attributes_of = info->granted = 0;
   inode_init_once(&info->vfs_inode);
   return &info->vfs_inode;
 }
@@ -173,7 +173,7 @@ void hostfs_take_stat(struct inode *inode, const struct uk_stat *stat) {
   inode->i_mtime = time_from(stat->mtime);
   inode->i_ctime = time_from(stat->ctime);
   spin_unlock(&inode->i_lock);
-  hostfs_set_fresh(&hostfs_i(inode)->looked);
+  request_stamp(&current->request, &hostfs_i(inode)->attributes_of);
 }
 
 int hostfs_refresh(struct inode *inode) {
@@ -188,7 +188,8 @@ int hostfs_refresh(struct inode *inode) {
 }
 
 int hostfs_refresh_once(struct inode *inode) {
-  return hostfs_is_fresh(&hostfs_i(inode)->looked) ? 0 : hostfs_refresh(inode);
+  return request_knows(&current->request, &hostfs_i(inode)->attributes_of) ? 0
+                                                                           : hostfs_refresh(inode);
 }
 
 struct inode *hostfs_iget(struct super_block *sb, int fd) {

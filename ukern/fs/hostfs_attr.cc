@@ -30,13 +30,12 @@ int hostfs_permission(struct inode *inode, int mask, struct nameidata *nd) {
     const bool step = S_ISDIR(inode->i_mode) && (mask == MAY_EXEC || !nd);
     if (step && as.uid == 0 && capable(CAP_DAC_OVERRIDE)) return 0;
     // Those that one call asks for again and again: of a directory, above and below.
-    const unsigned long asked = current->call * 8 + (unsigned long)mask;
-    unsigned long *permitted = &hostfs_i(inode)->permitted;
-    if (current->call && __atomic_load_n(permitted, __ATOMIC_RELAXED) == asked) return 0;
+    unsigned long *granted = &hostfs_i(inode)->granted;
+    if (request_is_granted(&current->request, granted, mask)) return 0;
     const hostfs_held held(inode);
     if (held.fd() < 0) return held.fd();
     const int error = host_fs_access(&as, held.fd(), mask);
-    if (!error) __atomic_store_n(permitted, asked, __ATOMIC_RELAXED);
+    if (!error) request_grant(&current->request, granted, mask);
     if (error != -ENOSYS) return error;
   }
   return generic_permission(inode, mask, nullptr);
@@ -109,7 +108,7 @@ int hostfs_setattr(struct dentry *dentry, struct iattr *attr) {
   const host_identity caller = hostfs_caller();
   const int error = apply(attr->ia_valid & ATTR_FORCE ? nullptr : &caller, inode, attr);
   const int refresh_error = hostfs_refresh(inode);
-  __atomic_store_n(&hostfs_i(inode)->permitted, 0, __ATOMIC_RELAXED);
+  __atomic_store_n(&hostfs_i(inode)->granted, 0, __ATOMIC_RELAXED);
   return error ? error : refresh_error;
 }
 

@@ -70,7 +70,7 @@ int ask_host(struct dentry *dentry) {
   } else if (error != -ENOENT) {
     return 0;
   }
-  hostfs_set_fresh(&dentry->d_time);
+  request_stamp(&current->request, &dentry->d_time);
   return 1;
 }
 
@@ -101,7 +101,7 @@ int is_elsewhere(const struct dentry *dentry, const struct dentry *walked) {
 
 int hostfs_revalidate(struct dentry *dentry, struct nameidata *) {
   if (is_elsewhere(dentry, current->walked)) return 0;
-  return hostfs_is_fresh(&dentry->d_time) ? 1 : ask_host(dentry);
+  return request_knows(&current->request, &dentry->d_time) ? 1 : ask_host(dentry);
 }
 
 // A directory that the host has moved loses the name under which it was known, so that it is not in
@@ -117,7 +117,7 @@ void forget_moved(struct inode *inode) {
 struct dentry *hostfs_lookup(struct inode *dir, struct dentry *dentry, struct nameidata *) {
   const host_identity as = hostfs_caller();
   dentry->d_op = &hostfs_dops;
-  hostfs_set_fresh(&dentry->d_time);
+  request_stamp(&current->request, &dentry->d_time);
   const hostfs_held held(dir);
   const int fd = held.fd() < 0 ? held.fd() : host_fs_lookup(&as, held.fd(), name_of(dentry));
   if (fd == -ENOENT) {

@@ -44,9 +44,10 @@ struct hostfs_inode {
   int gone;    /* the host has given the number to another object, or to none */
   int made;    /* a data descriptor that the creation left for the open that it belongs to, or -1 */
   int removed; /* its last name was taken away through here */
-  unsigned long looked;    /* the call (see task_struct) in which the attributes were taken last;
-                              a dentry's d_time is the one in which its name was found to hold */
-  unsigned long permitted; /* the call and mask of the last permission that the host gave */
+  /* Requests (<asm/request.h>): the one that took the attributes last, as a dentry's d_time is the
+   * one that found its name to hold; and the one, with its mask, that the host granted rights last.
+   */
+  unsigned long attributes_of, granted;
 };
 
 static inline struct hostfs_inode *hostfs_i(const struct inode *inode) {
@@ -72,14 +73,6 @@ void hostfs_use_new(struct inode *inode, const struct uk_stat *stat);
 int hostfs_is_behind(struct inode *inode, int fd);
 /* When nobody has the inode any more. */
 void hostfs_close(struct inode *inode);
-
-/* Whether what was learnt in that call is still good for the call under way. */
-static inline int hostfs_is_fresh(const unsigned long *call) {
-  return current->call && __atomic_load_n(call, __ATOMIC_RELAXED) >= current->fresh_since;
-}
-static inline void hostfs_set_fresh(unsigned long *call) {
-  __atomic_store_n(call, current->call, __ATOMIC_RELAXED);
-}
 
 /* The current task as the host shall see it. The groups belong to the task. */
 struct host_identity hostfs_caller(void);

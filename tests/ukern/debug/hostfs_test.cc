@@ -104,7 +104,7 @@ CASE(hostfs, what_the_host_changes_is_seen_at_once) {
 }
 
 // By whether the host was asked: each look-up asks, and so does a call that is one of its own.
-CASE(hostfs, one_call_asks_once) {
+CASE(hostfs, one_request_asks_once) {
   host_dir host;
   REQUIRE_EQ(host.error(), 0);
   EXPECT_EQ(host.put("f", "1"), 0);
@@ -116,7 +116,7 @@ CASE(hostfs, one_call_asks_once) {
 
   // Replaced behind its back: who goes on with the call still has what was found ...
   EXPECT_EQ(host.rename("other", "f"), 0);
-  uk_call_continues(1);
+  uk_request_continues(1);
   EXPECT_EQ(uk_getattr(node, NULL, &stat), 0);
   EXPECT_EQ(stat.nlink, 1u);
   // ... and who begins one sees what has become of it.
@@ -130,7 +130,7 @@ CASE(hostfs, one_call_asks_once) {
   EXPECT_EQ(stat.size, 2u);
   EXPECT_EQ(host.put("third", "333"), 0);
   EXPECT_EQ(host.rename("third", "f"), 0);
-  uk_call_continues(1);
+  uk_request_continues(1);
   REQUIRE_EQ(uk_lookup(top, "f", &node, &stat), 0);
   EXPECT_EQ(stat.size, 3u);
   uk_node_put(node, 1);
@@ -139,10 +139,10 @@ CASE(hostfs, one_call_asks_once) {
   EXPECT_EQ(host.put("a", "1"), 0);
   EXPECT_EQ(uk_lookup(top, "a", &node, NULL), 0);
   uk_node_put(node, 1);
-  uk_call_continues(1);
+  uk_request_continues(1);
   EXPECT_EQ(uk_lookup(top, "b", &node, NULL), -ENOENT);
   EXPECT_EQ(host.rename("a", "c"), 0);
-  uk_call_continues(1);
+  uk_request_continues(1);
   EXPECT_EQ(uk_rename(top, "a", top, "b"), -ENOENT);  // the host's answer to the rename itself
   EXPECT_EQ(uk_rename(top, "c", top, "b"), 0);
   uk_node_put(top, 1);

@@ -22,6 +22,7 @@
 #include <linux/fs_struct.h>
 #include <linux/preempt.h>
 #include <asm/current.h>
+#include <asm/request.h>
 #include <asm/semaphore.h>
 
 struct backing_dev_info;
@@ -89,13 +90,7 @@ struct task_struct {
   struct group_info *group_info;
   kernel_cap_t cap_effective, cap_inheritable, cap_permitted;
 
-  /*
-   * The hosting program's calls, numbered as they begin. What a file system has learnt from
-   * elsewhere since call `fresh_since` began need not be asked again in call `call`; 0: none is
-   * under way. `first_lookup` is the first of the look-ups that one system call makes.
-   */
-  unsigned long call, fresh_since, first_lookup;
-  bool continues;              /* the next call belongs to the system call of the last look-ups */
+  struct host_request request; /* of the hosting program, under way */
   bool file_too_large;         /* the host refused a write so in the write under way */
   const struct dentry *walked; /* the one whose d_revalidate the path walk asks, and no other */
   int link_count, total_link_count; /* symbolic links in the path walk under way */

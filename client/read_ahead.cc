@@ -5,14 +5,13 @@
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstring>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <thread>
 
+#include "base/mutex.h"
 #include "client/pipe.h"
 
 namespace tarn {
@@ -40,7 +39,7 @@ class ReadAhead : public MessageLink {
 
   ~ReadAhead() override {
     {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       stopping_ = true;
     }
     room_.notify_one();
@@ -54,10 +53,10 @@ class ReadAhead : public MessageLink {
 
   Result<void> send(Bytes packet) override { return link_->send(packet); }
 
-  Result<void> receive(PacketBatch &batch) override {
+  Result<void> receive(PacketBatch &batch) override EXCLUDES(mutex_) {
     batch.clear();
     delivered_.clear();
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     while (!queue_.empty() && batch.packets.size() < PacketBatch::kPackets)
       deliver_packet_locked(batch);
     batch.arrived_until = queue_.empty() ? Clock::now() : queue_.front().arrived;
@@ -85,7 +84,7 @@ class ReadAhead : public MessageLink {
     std::size_t at = 0;   /* where it begins */
   };
 
-  void deliver_packet_locked(PacketBatch &batch) {
+  void deliver_packet_locked(PacketBatch &batch) REQUIRES(mutex_) {
     Block &first = queue_.front();
     const std::size_t size = first.sizes[first.next++];
     batch.packets.emplace_back(first.bytes.data() + first.at, size);
@@ -111,9 +110,9 @@ class ReadAhead : public MessageLink {
   }
 
   // False when there is nothing more to be read.
-  bool wait_for_room() {
-    std::unique_lock lock(mutex_);
-    room_.wait(lock, [this] { return stopping_ || queued_bytes_ < limit_; });
+  bool wait_for_room() EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    while (!stopping_ && queued_bytes_ >= limit_) room_.wait(lock);
     return !stopping_ && !closed_ && !error_;
   }
 
@@ -144,9 +143,9 @@ class ReadAhead : public MessageLink {
     }
   }
 
-  void enqueue(const PacketBatch &batch, const Result<void> &got) {
+  void enqueue(const PacketBatch &batch, const Result<void> &got) EXCLUDES(mutex_) {
     Block block = block_of(batch);
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     queued_bytes_ += block.bytes.size();
     if (!block.sizes.empty()) queue_.push_back(std::move(block));
     oversized_ += batch.oversized;
@@ -162,19 +161,19 @@ class ReadAhead : public MessageLink {
   const std::size_t limit_;
   const Pipe ready_; /* readable exactly while readable_ */
   const Pipe stop_;
-  std::vector<Block>
-      delivered_;    /* the receiver's: views into them are in use until it asks again */
-  std::mutex mutex_; /* for what follows */
-  std::condition_variable room_;
-  std::deque<Block> queue_;
-  std::size_t queued_bytes_ = 0;
-  std::size_t oversized_ = 0;
-  std::size_t foreign_ = 0;
-  bool overrun_ = false;
-  bool closed_ = false;
-  bool readable_ = false;
-  bool stopping_ = false;
-  std::optional<Error> error_;
+  /* The receiver's: views into them are in use until it asks again. */
+  std::vector<Block> delivered_;
+  Mutex mutex_;
+  Condition room_;
+  std::deque<Block> queue_ GUARDED_BY(mutex_);
+  std::size_t queued_bytes_ GUARDED_BY(mutex_) = 0;
+  std::size_t oversized_ GUARDED_BY(mutex_) = 0;
+  std::size_t foreign_ GUARDED_BY(mutex_) = 0;
+  bool overrun_ GUARDED_BY(mutex_) = false;
+  bool closed_ GUARDED_BY(mutex_) = false;
+  bool readable_ GUARDED_BY(mutex_) = false;
+  bool stopping_ GUARDED_BY(mutex_) = false;
+  std::optional<Error> error_ GUARDED_BY(mutex_);
   std::thread reader_;
 };
 

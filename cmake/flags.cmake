@@ -7,6 +7,8 @@ find_package(PkgConfig REQUIRED)
 
 add_library(tarn_hosted INTERFACE)
 target_compile_options(tarn_hosted INTERFACE -Wall -Wextra -Werror)
+# Who may touch what under which lock: base/mutex.h.
+target_compile_options(tarn_hosted INTERFACE $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>)
 target_include_directories(tarn_hosted INTERFACE ${CMAKE_SOURCE_DIR})
 target_link_libraries(tarn_hosted INTERFACE Threads::Threads)
 

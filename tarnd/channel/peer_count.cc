@@ -4,7 +4,7 @@
 namespace tarnd {
 
 bool PeerCount::enter(uid_t uid) {
-  const std::lock_guard lock(mutex_);
+  const tarn::MutexLock lock(mutex_);
   if (total_ >= kMaxTotal) return false;
   int &count = per_user_[uid];
   if (count >= kMaxPerUser) return false;
@@ -14,7 +14,7 @@ bool PeerCount::enter(uid_t uid) {
 }
 
 void PeerCount::leave(uid_t uid) {
-  const std::lock_guard lock(mutex_);
+  const tarn::MutexLock lock(mutex_);
   const auto at = per_user_.find(uid);
   if (at == per_user_.end()) return;
   if (--at->second == 0) per_user_.erase(at);

@@ -9,7 +9,8 @@
 #include <sys/types.h>
 
 #include <map>
-#include <mutex>
+
+#include "base/mutex.h"
 
 namespace tarnd {
 
@@ -20,13 +21,13 @@ class PeerCount {
 
   /* Whether the user may have one more connection; if so, call leave() when it ends. Throws
    * std::bad_alloc. */
-  bool enter(uid_t uid);
-  void leave(uid_t uid);
+  bool enter(uid_t uid) EXCLUDES(mutex_);
+  void leave(uid_t uid) EXCLUDES(mutex_);
 
  private:
-  std::mutex mutex_;
-  std::map<uid_t, int> per_user_;  // under mutex_
-  int total_ = 0;                  // under mutex_
+  tarn::Mutex mutex_;
+  std::map<uid_t, int> per_user_ GUARDED_BY(mutex_);
+  int total_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace tarnd

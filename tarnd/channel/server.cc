@@ -12,6 +12,8 @@
 
 namespace tarnd {
 
+using tarn::Condition;
+using tarn::MutexLock;
 using tarn::Result;
 using tarn::UniqueFd;
 
@@ -27,23 +29,25 @@ void Server::start() {
 
 void Server::stop() {
   if (!acceptor_.joinable()) return;
-  std::unique_lock lock(mutex_);
-  stopping_ = true;
-  shutdown(listener_.get(), SHUT_RDWR);
-  for (int connection : open_) shutdown(connection, SHUT_RD);
-  lock.unlock();
+  {
+    const MutexLock lock(mutex_);
+    stopping_ = true;
+    shutdown(listener_.get(), SHUT_RDWR);
+    for (int connection : open_) shutdown(connection, SHUT_RD);
+  }
   acceptor_.join();
-  lock.lock();
-  const auto all_ended = [this] { return open_.empty(); };
-  if (ended_.wait_for(lock, kDrainTime, all_ended)) return;
+  MutexLock lock(mutex_);
+  const auto limit = Condition::Clock::now() + kDrainTime;
+  while (!open_.empty() && ended_.wait_until(lock, limit)) {
+  }
   for (int connection : open_) shutdown(connection, SHUT_RDWR);
-  ended_.wait(lock, all_ended);
+  while (!open_.empty()) ended_.wait(lock);
 }
 
 void Server::accept_all() {
   for (;;) {
     UniqueFd connection(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    std::unique_lock lock(mutex_);
+    MutexLock lock(mutex_);
     if (stopping_) return;
     if (!connection) {
       // Out of descriptors or memory: other connections will release some.
@@ -52,15 +56,15 @@ void Server::accept_all() {
     }
     const int fd = connection.get();
     open_.insert(fd);
-    lock.unlock();
+    // Under the lock: a thread that cannot be made closes the connection, and stop() must not see
+    // its number then, which may be reused at once.
     try {
       std::thread([this, moved = std::move(connection)]() mutable {
         serve_one(std::move(moved));
       }).detach();
     } catch (const std::exception &e) {
-      refused_.print(std::string("connection refused: ") + e.what());
-      lock.lock();
       open_.erase(fd);
+      refused_.print(std::string("connection refused: ") + e.what());
     }
   }
 }
@@ -87,7 +91,7 @@ void Server::serve_one(UniqueFd connection) {
   }
   // Erased before it is closed: the descriptor number may be reused at once. Notified under the
   // lock: stop() may return, and the object be destroyed, as soon as the lock is released.
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   open_.erase(connection.get());
   connection.reset();
   ended_.notify_all();

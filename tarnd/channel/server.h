@@ -10,12 +10,11 @@
 #ifndef TARND_CHANNEL_SERVER_H
 #define TARND_CHANNEL_SERVER_H
 
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <set>
 #include <thread>
 
+#include "base/mutex.h"
 #include "base/result.h"
 #include "base/unique_fd.h"
 #include "tarnd/channel/peer_count.h"
@@ -34,11 +33,11 @@ class Server {
   Server &operator=(const Server &) = delete;
 
   void start();
-  void stop();
+  void stop() EXCLUDES(mutex_);
 
  private:
-  void accept_all();
-  void serve_one(tarn::UniqueFd connection);
+  void accept_all() EXCLUDES(mutex_);
+  void serve_one(tarn::UniqueFd connection) EXCLUDES(mutex_);
   tarn::Result<void> serve_peer(int connection);
 
   tarn::UniqueFd listener_;
@@ -47,10 +46,10 @@ class Server {
   PeerCount unprivileged_;
   LimitedWarning refused_, closed_;
 
-  std::mutex mutex_;
-  std::condition_variable ended_;
-  std::set<int> open_;     // connections that are being served; under mutex_
-  bool stopping_ = false;  // under mutex_
+  tarn::Mutex mutex_;
+  tarn::Condition ended_;
+  std::set<int> open_ GUARDED_BY(mutex_);  // connections that are being served
+  bool stopping_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace tarnd

@@ -19,6 +19,9 @@
 
 namespace tarnd {
 
+using tarn::Mutex;
+using tarn::MutexLock;
+
 // Reading a process's rights from /proc takes longer than most requests, and they change rarely.
 // The host's own permission check comes first and uses the current ones.
 static constexpr std::chrono::milliseconds kRightsTtl{10};
@@ -26,20 +29,20 @@ static constexpr std::chrono::milliseconds kRightsTtl{10};
 static thread_local CallerTask *worker_task;
 
 // All tasks of workers: an interrupt may arrive after its worker has ended.
-static std::mutex all_mutex;
-static std::vector<CallerTask *> all_tasks;  // under all_mutex
+static Mutex all_mutex;
+static std::vector<CallerTask *> all_tasks GUARDED_BY(all_mutex);
 
 CallerTask::CallerTask() : task_(Identity()) {
   task_.hide();
   uk_task_set_wait_handler(task_.get(), before_wait, this);
   worker_task = this;
-  const std::lock_guard lock(all_mutex);
+  const MutexLock lock(all_mutex);
   all_tasks.push_back(this);
 }
 
 CallerTask::~CallerTask() {
   worker_task = nullptr;
-  const std::lock_guard lock(all_mutex);
+  const MutexLock lock(all_mutex);
   std::erase(all_tasks, this);
 }
 
@@ -148,11 +151,11 @@ void CallerTask::become(fuse_req_t req, Need need) {
 }
 
 void CallerTask::interrupted(fuse_req_t req, void *task) {
-  const std::lock_guard all_lock(all_mutex);
+  const MutexLock all_lock(all_mutex);
   const auto at = std::find(all_tasks.begin(), all_tasks.end(), task);
   if (at == all_tasks.end()) return;
   CallerTask *self = *at;
-  const std::lock_guard lock(self->mutex_);
+  const MutexLock lock(self->mutex_);
   if (self->watched_ != req) return;
   self->interrupted_ = true;
   uk_task_interrupt(self->task_.get(), pending_signals(fuse_req_ctx(req)->pid));
@@ -164,22 +167,24 @@ void CallerTask::reply_due() {
 
 void CallerTask::before_wait(void *task) {
   auto *self = static_cast<CallerTask *>(task);
-  if (self->interruptible_ && !self->watched_) self->watch_interrupts();
+  if (self->interruptible_ && !self->watching_) self->watch_interrupts();
 }
 
 void CallerTask::watch_interrupts() {
   {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     watched_ = interruptible_;
   }
+  watching_ = true;
   // Not under the lock: libfuse calls back at once if the interrupt came first.
   fuse_req_interrupt_func(interruptible_, interrupted, this);
 }
 
 void CallerTask::end_wait() {
   interruptible_ = nullptr;
-  if (!watched_) return;
-  const std::lock_guard lock(mutex_);
+  if (!watching_) return;
+  watching_ = false;
+  const MutexLock lock(mutex_);
   watched_ = nullptr;
   if (interrupted_) uk_task_calm(task_.get());
   interrupted_ = false;

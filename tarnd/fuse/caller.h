@@ -7,8 +7,8 @@
 
 #include <array>
 #include <chrono>
-#include <mutex>
 
+#include "base/mutex.h"
 #include "tarnd/fuse/fuse_api.h"
 #include "tarnd/fuse/path_walk.h"
 #include "tarnd/fuse/process_rights.h"
@@ -55,8 +55,8 @@ class CallerTask {
   bool continues_walk(int pid, Need need);
   static void interrupted(fuse_req_t req, void *task);
   static void before_wait(void *task);
-  void watch_interrupts();
-  void end_wait();
+  void watch_interrupts() EXCLUDES(mutex_);
+  void end_wait() EXCLUDES(mutex_);
 
   Task task_;
   Identity identity_;
@@ -65,9 +65,10 @@ class CallerTask {
   PathWalk walk_;
 
   fuse_req_t interruptible_ = nullptr;  // its interrupt ends a wait; null once it is replied to
-  std::mutex mutex_;
-  fuse_req_t watched_ = nullptr;  // the same, once the task has waited; changed under mutex_
-  bool interrupted_ = false;      // under mutex_
+  bool watching_ = false;               // whether watched_ is set, for the worker itself
+  tarn::Mutex mutex_;
+  fuse_req_t watched_ GUARDED_BY(mutex_) = nullptr;  // interruptible_, once the task has waited
+  bool interrupted_ GUARDED_BY(mutex_) = false;
 };
 
 /*

@@ -9,14 +9,13 @@
 #ifndef TARND_FUSE_LOOKUP_TABLE_H
 #define TARND_FUSE_LOOKUP_TABLE_H
 
-#include <condition_variable>
 #include <cstddef>
 #include <limits>
-#include <mutex>
 #include <optional>
 #include <unordered_map>
 #include <vector>
 
+#include "base/mutex.h"
 #include "ukern/door/uk_fs.h"
 
 namespace tarnd {
@@ -27,27 +26,27 @@ enum class Kind : bool { kFile, kDirectory };
 class LookupTable {
  public:
   /* Adds one to the node's lookup count. */
-  void add_lookup(uk_node *node, Kind kind);
+  void add_lookup(uk_node *node, Kind kind) EXCLUDES(mutex_);
   /* Takes `count` off it, as a forget request does. */
-  void forget(uk_node *node, unsigned long count);
+  void forget(uk_node *node, unsigned long count) EXCLUDES(mutex_);
   /* Keeps a reference to the node until the file is released. The node may be the root, which is
    * never looked up. */
-  void add_open_file(uk_file *file, uk_node *node);
-  void release(uk_file *file);
+  void add_open_file(uk_file *file, uk_node *node) EXCLUDES(mutex_);
+  void release(uk_file *file) EXCLUDES(mutex_);
 
-  void clear();
+  void clear() EXCLUDES(mutex_);
   /* The number of nodes with references, directories included, and of open files. */
-  size_t nodes() const;
-  size_t open_files() const;
+  size_t nodes() const EXCLUDES(mutex_);
+  size_t open_files() const EXCLUDES(mutex_);
 
   /*
    * The host drops a node only when its own memory runs short, and each file among them has a
    * descriptor here. Waits until there are more than `limit` of these. Returns some that are not
    * open, each with a reference that is the caller's; nothing after close(). Throws std::bad_alloc.
    */
-  std::optional<std::vector<uk_node *>> wait_for_eviction(size_t limit);
+  std::optional<std::vector<uk_node *>> wait_for_eviction(size_t limit) EXCLUDES(mutex_);
   /* Ends the wait, and all later ones. */
-  void close();
+  void close() EXCLUDES(mutex_);
 
  private:
   /* Stored in the node itself (uk_node_room). All zero while the host has no reference. */
@@ -62,21 +61,24 @@ class LookupTable {
     uk_node *first = nullptr, *last = nullptr;
     size_t count = 0;
   };
-  static Entry &entry_of(uk_node *node);
-  Entry &insert_locked(uk_node *node, Kind kind);
-  static void append(List *list, uk_node *node);
-  static void unlink(List *list, uk_node *node);
-  List &list_of(Kind kind) { return kind == Kind::kDirectory ? directories_ : files_; }
-  void remove_unreferenced_locked(uk_node *node);
-  size_t excess_locked() const;
-  std::vector<uk_node *> pick_victims_locked(size_t most);
+  Entry &entry_locked(uk_node *node) REQUIRES(mutex_);
+  Entry &insert_locked(uk_node *node, Kind kind) REQUIRES(mutex_);
+  void append_locked(List *list, uk_node *node) REQUIRES(mutex_);
+  void unlink_locked(List *list, uk_node *node) REQUIRES(mutex_);
+  List &list_locked(Kind kind) REQUIRES(mutex_) {
+    return kind == Kind::kDirectory ? directories_ : files_;
+  }
+  void remove_unreferenced_locked(uk_node *node) REQUIRES(mutex_);
+  size_t excess_locked() const REQUIRES(mutex_);
+  std::vector<uk_node *> pick_victims_locked(size_t most) REQUIRES(mutex_);
 
-  mutable std::mutex mutex_;                           // for all that follows
-  std::condition_variable evict_;                      // excess, or closed_
-  size_t limit_ = std::numeric_limits<size_t>::max();  // of wait_for_eviction()
-  List directories_, files_;                           // the next victim is first
-  bool closed_ = false;
-  std::unordered_map<uk_file *, uk_node *> open_files_;
+  mutable tarn::Mutex mutex_;
+  tarn::Condition evict_;  // excess, or closed_
+  // Of wait_for_eviction().
+  size_t limit_ GUARDED_BY(mutex_) = std::numeric_limits<size_t>::max();
+  List directories_ GUARDED_BY(mutex_), files_ GUARDED_BY(mutex_);  // the next victim is first
+  bool closed_ GUARDED_BY(mutex_) = false;
+  std::unordered_map<uk_file *, uk_node *> open_files_ GUARDED_BY(mutex_);
 };
 
 }  // namespace tarnd

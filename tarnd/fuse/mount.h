@@ -9,12 +9,11 @@
 #define TARND_FUSE_MOUNT_H
 
 #include <atomic>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "base/mutex.h"
 #include "base/result.h"
 #include "base/unique_fd.h"
 #include "tarnd/fuse/evictor.h"
@@ -87,23 +86,24 @@ class MountTable {
   MountTable &operator=(const MountTable &) = delete;
 
   /* Both paths absolute. */
-  tarn::Result<void> mount(const std::string &lower, const std::string &mountpoint);
+  tarn::Result<void> mount(const std::string &lower, const std::string &mountpoint)
+      EXCLUDES(mounting_, mutex_);
   /* Unless lazily: returns when both mounts are gone. */
-  tarn::Result<void> unmount(const std::string &mountpoint, Detach how);
+  tarn::Result<void> unmount(const std::string &mountpoint, Detach how) EXCLUDES(mutex_);
   /* Unmounts everything, busy or not, and waits for the end. Refuses further mounts. */
-  void unmount_all();
+  void unmount_all() EXCLUDES(mutex_);
 
  private:
-  void serve(Mount *mount);
-  tarn::Result<void> wait_for_place(const std::string &place);
-  Mount *find_locked(const std::string &mountpoint) const;
+  void serve(Mount *mount) EXCLUDES(mutex_);
+  tarn::Result<void> wait_for_place(const std::string &place) EXCLUDES(mutex_);
+  Mount *find_locked(const std::string &mountpoint) const REQUIRES(mutex_);
 
   Guardian *const guardian_;
-  std::mutex mounting_;  // serializes mount(); taken before mutex_
-  std::mutex mutex_;
-  std::condition_variable changed_;             // a mount has gone
-  std::vector<std::unique_ptr<Mount>> mounts_;  // in the order of mounting; under mutex_
-  bool closed_ = false;                         // under mutex_
+  tarn::Mutex mounting_;  // serializes mount(); taken before mutex_
+  tarn::Mutex mutex_;
+  tarn::Condition changed_;                                        // a mount has gone
+  std::vector<std::unique_ptr<Mount>> mounts_ GUARDED_BY(mutex_);  // in the order of mounting
+  bool closed_ GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace tarnd

@@ -10,7 +10,9 @@
 
 namespace tarnd {
 
+using tarn::Condition;
 using tarn::Error;
+using tarn::MutexLock;
 using tarn::Result;
 using tarn::system_error;
 
@@ -35,24 +37,27 @@ Mount *MountTable::find_locked(const std::string &mountpoint) const {
 // A mount stays in the table after the host has unmounted it, until its clean-up ends.
 Result<void> MountTable::wait_for_place(const std::string &place) {
   const bool on_host = is_tarn_mount(place);
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   if (closed_) return system_error(ESHUTDOWN, "cannot mount on " + place);
   if (!find_locked(place)) return {};
   if (on_host) return system_error(EBUSY, place + " is mounted already");
-  if (!changed_.wait_for(lock, kPlaceLimit, [&] { return closed_ || !find_locked(place); }))
-    return system_error(EBUSY,
-                        place + " is unmounted, but programs still use what was mounted there");
-  return closed_ ? system_error(ESHUTDOWN, "cannot mount on " + place) : Result<void>();
+  const auto limit = Condition::Clock::now() + kPlaceLimit;
+  while (!closed_ && find_locked(place))
+    if (!changed_.wait_until(lock, limit)) break;
+  if (closed_) return system_error(ESHUTDOWN, "cannot mount on " + place);
+  if (!find_locked(place)) return {};
+  return system_error(EBUSY,
+                      place + " is unmounted, but programs still use what was mounted there");
 }
 
 Result<void> MountTable::mount(const std::string &lower, const std::string &mountpoint) {
   const std::string place = normal(mountpoint);
-  const std::lock_guard one_at_a_time(mounting_);
+  const MutexLock one_at_a_time(mounting_);
   if (auto taken = wait_for_place(place); !taken) return taken;
   try {
     auto mount = Mount::make(normal(lower), place, guardian_);
     if (!mount) return mount.error();
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     Mount *added = mount->get();
     mounts_.push_back(std::move(*mount));
     try {
@@ -76,14 +81,14 @@ void MountTable::serve(Mount *mount) {
   // Not under the lock: the clean-up may take long. The mount stays in the table until then, so
   // that its place counts as taken.
   mount->end();
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   std::erase_if(mounts_, [mount](const auto &each) { return each.get() == mount; });
   changed_.notify_all();
 }
 
 Result<void> MountTable::unmount(const std::string &mountpoint, Detach how) {
   const std::string place = normal(mountpoint);
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   const Mount *mount = find_locked(place);
   const bool ours = mount && !mount->detached();
 
@@ -104,13 +109,15 @@ Result<void> MountTable::unmount(const std::string &mountpoint, Detach how) {
     if (Mount *left = ours ? find_locked(place) : nullptr) left->set_detached();
     return {};
   }
-  if (!changed_.wait_for(lock, kUnmountLimit, [&] { return !find_locked(place); }))
-    return system_error(ETIMEDOUT, place + " is unmounted, but its end is not reached");
-  return {};
+  const auto limit = Condition::Clock::now() + kUnmountLimit;
+  while (find_locked(place))
+    if (!changed_.wait_until(lock, limit)) break;
+  if (!find_locked(place)) return {};
+  return system_error(ETIMEDOUT, place + " is unmounted, but its end is not reached");
 }
 
 void MountTable::unmount_all() {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   closed_ = true;
   // In reverse order: a mount may lie on or above an earlier one.
   while (!mounts_.empty()) {
@@ -123,7 +130,7 @@ void MountTable::unmount_all() {
     lock.lock();
     Mount *left = find_locked(place);
     if (left && !ended) left->stop();
-    changed_.wait(lock, [&] { return !find_locked(place); });
+    while (find_locked(place)) changed_.wait(lock);
   }
 }
 

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -17,6 +18,8 @@
 #include "tarnd/process/limited_warning.h"
 
 namespace tarnd {
+
+using tarn::MutexLock;
 
 static constexpr int kMaxWorkers = 128;
 static constexpr int kMaxTarget = 8;
@@ -50,7 +53,7 @@ SessionLoop::SessionLoop(fuse_session *session)
 }
 
 void SessionLoop::run() {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   add_worker_locked();
   for (int idle = 0; threads_ > 0 && !stopping_;) {
     idle = supervise_locked() ? 0 : idle + 1;
@@ -61,7 +64,7 @@ void SessionLoop::run() {
     // The next sample sees a request that was taken before this line; a later one ends the wait.
     supervisor_asleep_ = true;
     if (!supervise_locked())
-      changed_.wait(lock, [this] { return !supervisor_asleep_ || threads_ == 0 || stopping_; });
+      while (supervisor_asleep_ && threads_ > 0 && !stopping_) changed_.wait(lock);
     supervisor_asleep_ = false;
     idle = 0;
   }
@@ -73,7 +76,7 @@ void SessionLoop::run() {
 }
 
 void SessionLoop::stop() {
-  const std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   stopping_ = true;
   changed_.notify_all();
   unparked_.notify_all();
@@ -145,11 +148,11 @@ void SessionLoop::add_worker_locked() {
 
 // Returns when the worker is unparked or shall end.
 void SessionLoop::park(Worker *worker) {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   if (excess_ == 0 || stopping_) return;
   excess_--;
   worker->state = State::kParked;
-  unparked_.wait(lock, [this] { return unpark_ > 0 || stopping_; });
+  while (unpark_ == 0 && !stopping_) unparked_.wait(lock);
   if (unpark_ > 0) unpark_--;
   worker->state = State::kIdle;
 }
@@ -162,7 +165,7 @@ void SessionLoop::serve_requests(Worker *worker, fuse_buf *buf) {
     worker->count_request();
     worker->set(State::kBusy);  // last: a sample must not count the previous request as slow
     if (supervisor_asleep_ && supervisor_asleep_.exchange(false)) {
-      const std::lock_guard lock(mutex_);
+      const MutexLock lock(mutex_);
       changed_.notify_all();
     }
     fuse_session_process_buf(session_, buf);
@@ -172,7 +175,7 @@ void SessionLoop::serve_requests(Worker *worker, fuse_buf *buf) {
 }
 
 void SessionLoop::work() {
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   const auto self = workers_.emplace(workers_.end());
   self->thread = pthread_self();
   lock.unlock();

@@ -18,10 +18,9 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <list>
-#include <mutex>
 
+#include "base/mutex.h"
 #include "tarnd/fuse/fuse_api.h"
 #include "tarnd/fuse/idle_worker_count.h"
 
@@ -31,8 +30,8 @@ class SessionLoop {
  public:
   explicit SessionLoop(fuse_session *session);
 
-  void run();
-  void stop();
+  void run() EXCLUDES(mutex_);
+  void stop() EXCLUDES(mutex_);
 
  private:
   enum class State { kIdle, kBusy, kParked };
@@ -40,8 +39,8 @@ class SessionLoop {
     pthread_t thread;
     std::atomic<State> state = State::kIdle;
     std::atomic<unsigned> served = 0;  // requests taken, the current one included
-    unsigned sampled = 0;              // `served` at the last sample; under mutex_
-    int unchanged = 0;                 // samples since it changed; under mutex_
+    unsigned sampled = 0;              // `served` at the last sample; the supervisor's
+    int unchanged = 0;                 // samples since it changed; the supervisor's
 
     // Only the worker itself writes these while it serves.
     void set(State to) { state.store(to, std::memory_order_release); }
@@ -50,28 +49,28 @@ class SessionLoop {
     void count_request() { served.store(served + 1, std::memory_order_seq_cst); }
   };
 
-  void add_worker_locked();
-  void work();
-  void serve_requests(Worker *worker, fuse_buf *buf);
-  void park(Worker *worker);
+  void add_worker_locked() REQUIRES(mutex_);
+  void work() EXCLUDES(mutex_);
+  void serve_requests(Worker *worker, fuse_buf *buf) EXCLUDES(mutex_);
+  void park(Worker *worker) EXCLUDES(mutex_);
   bool request_queued() const;
-  bool supervise_locked();
-  void adjust_locked(int available, int parked);
-  void interrupt_idle_locked();
+  bool supervise_locked() REQUIRES(mutex_);
+  void adjust_locked(int available, int parked) REQUIRES(mutex_);
+  void interrupt_idle_locked() REQUIRES(mutex_);
 
   fuse_session *session_;
-  IdleWorkerCount idle_count_;  // under mutex_
+  IdleWorkerCount idle_count_ GUARDED_BY(mutex_);
   std::atomic<bool> stopping_ = false;
   std::atomic<int> excess_ = 0;                  // available workers beyond its target
   std::atomic<bool> supervisor_asleep_ = false;  // until a worker takes a request
 
-  std::mutex mutex_;
+  tarn::Mutex mutex_;
   // A request was taken while supervisor_asleep_, a worker has ended, or stopping_ was set.
-  std::condition_variable changed_;
-  std::condition_variable unparked_;  // unpark_ has grown, or stopping_ was set
-  std::list<Worker> workers_;         // under mutex_
-  int threads_ = 0;                   // workers_, and those that are starting; under mutex_
-  int unpark_ = 0;                    // parked workers that shall continue; under mutex_
+  tarn::Condition changed_;
+  tarn::Condition unparked_;  // unpark_ has grown, or stopping_ was set
+  std::list<Worker> workers_ GUARDED_BY(mutex_);
+  int threads_ GUARDED_BY(mutex_) = 0;  // workers_, and those that are starting
+  int unpark_ GUARDED_BY(mutex_) = 0;   // parked workers that shall continue
 };
 
 }  // namespace tarnd

@@ -11,7 +11,7 @@
 namespace tarnd {
 
 std::string LimitedWarning::line(const std::string &text, Clock::time_point now) {
-  const std::lock_guard lock(mutex_);
+  const tarn::MutexLock lock(mutex_);
   if (printed_ == 0 || now - begun_ >= kInterval) {
     begun_ = now;
     printed_ = 0;

@@ -7,8 +7,9 @@
 #define TARND_PROCESS_LIMITED_WARNING_H
 
 #include <chrono>
-#include <mutex>
 #include <string>
+
+#include "base/mutex.h"
 
 namespace tarnd {
 
@@ -21,13 +22,13 @@ class LimitedWarning {
   /* Prints "tarnd: TEXT" or counts it. */
   void print(const std::string &text);
   /* What print() would print at that time; empty when it only counts. */
-  std::string line(const std::string &text, Clock::time_point now);
+  std::string line(const std::string &text, Clock::time_point now) EXCLUDES(mutex_);
 
  private:
-  std::mutex mutex_;
-  Clock::time_point begun_;  // of the current interval; under mutex_, as the following
-  int printed_ = 0;          // in it
-  unsigned long suppressed_ = 0;
+  tarn::Mutex mutex_;
+  Clock::time_point begun_ GUARDED_BY(mutex_);  // of the current interval
+  int printed_ GUARDED_BY(mutex_) = 0;          // in it
+  unsigned long suppressed_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace tarnd

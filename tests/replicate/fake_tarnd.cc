@@ -55,7 +55,7 @@ FakeTarnd::FakeTarnd(const std::string &run_dir) : run_dir_(run_dir) {
 
 FakeTarnd::~FakeTarnd() {
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     ending_ = true;
     shutdown(control_.get(), SHUT_RDWR);
     shutdown(daemon_.get(), SHUT_RDWR);
@@ -70,7 +70,7 @@ void FakeTarnd::accept_loop(int listener, void (FakeTarnd::*serve)(int)) {
   for (;;) {
     const int socket = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (socket < 0 && errno == EINTR) continue;
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (socket < 0) return;
     connections_.emplace_back(socket);
     if (ending_) return;
@@ -110,7 +110,7 @@ void FakeTarnd::answer_control(int socket, const std::string &packet) {
   ox_ctl_request request;
   std::memcpy(&request, packet.data(), sizeof(request));
   const std::string argument = packet.substr(sizeof(request));
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   changed_.notify_all();
   switch (request.op) {
     case OX_CTL_SETSOCKOPT:
@@ -156,14 +156,14 @@ void FakeTarnd::answer_control(int socket, const std::string &packet) {
 
 void FakeTarnd::serve_daemon(int socket) {
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     daemon_connection_ = socket;
   }
   std::string packet(1 << 16, '\0');
   for (;;) {
     const ssize_t got = recv(socket, packet.data(), packet.size(), 0);
     if (got < 0 && errno == EINTR) continue;
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     if (got <= 0 && daemon_connection_ == socket) daemon_connection_ = -1;
     if (got <= 0) return;
     std::uint16_t type = 0, flags = 0;
@@ -187,7 +187,7 @@ void FakeTarnd::serve_daemon(int socket) {
 void FakeTarnd::send(const Packet &packet) {
   int socket;
   {
-    std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     socket = daemon_connection_;
   }
   ::send(socket, packet.data(), packet.size(), MSG_NOSIGNAL);
@@ -198,7 +198,7 @@ void FakeTarnd::send(const std::vector<Packet> &packets) {
 }
 
 void FakeTarnd::close_daemon_channel() {
-  std::lock_guard lock(mutex_);
+  const MutexLock lock(mutex_);
   shutdown(daemon_connection_, SHUT_RDWR);
 }
 

@@ -8,14 +8,13 @@
 #ifndef TARN_TESTS_REPLICATE_FAKE_TARND_H
 #define TARN_TESTS_REPLICATE_FAKE_TARND_H
 
-#include <condition_variable>
 #include <list>
 #include <map>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/mutex.h"
 #include "base/unique_fd.h"
 #include "tests/replicate/fake_module.h"
 #include "tests/replicate/message_builder.h"
@@ -56,39 +55,42 @@ class FakeTarnd {
     std::vector<std::uint16_t> received; /* types of the daemon's messages */
   };
   template <class F>
-  auto with(F f) {
-    std::lock_guard lock(mutex_);
+  auto with(F f) EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
     return f(state_);
   }
 
   /* Waits until the condition holds; false after some seconds. */
-  bool wait_for(auto condition) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return condition(state_); });
+  bool wait_for(auto condition) EXCLUDES(mutex_) {
+    MutexLock lock(mutex_);
+    const auto limit = Condition::Clock::now() + std::chrono::seconds(20);
+    while (!condition(state_))
+      if (!changed_.wait_until(lock, limit)) return condition(state_);
+    return true;
   }
 
   /* To the latest connection of the daemon channel. */
-  void send(const Packet &packet);
+  void send(const Packet &packet) EXCLUDES(mutex_);
   void send(const std::vector<Packet> &packets);
-  void close_daemon_channel();
+  void close_daemon_channel() EXCLUDES(mutex_);
 
  private:
-  void accept_loop(int listener, void (FakeTarnd::*serve)(int));
+  void accept_loop(int listener, void (FakeTarnd::*serve)(int)) EXCLUDES(mutex_);
   void serve_control(int socket);
-  void serve_daemon(int socket);
-  void answer_control(int socket, const std::string &packet);
+  void serve_daemon(int socket) EXCLUDES(mutex_);
+  void answer_control(int socket, const std::string &packet) EXCLUDES(mutex_);
   static void reply_in_pieces(int socket, const std::string &bytes);
   static void reply(int socket, int result, std::uint64_t total, const std::string &bytes);
 
   std::string run_dir_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  State state_;
+  Mutex mutex_;
+  Condition changed_;
+  State state_ GUARDED_BY(mutex_);
   UniqueFd control_, daemon_;
-  std::list<UniqueFd> connections_;
-  int daemon_connection_ = -1;
-  bool ending_ = false;
-  std::list<std::thread> threads_; /* one per connection */
+  std::list<UniqueFd> connections_ GUARDED_BY(mutex_);
+  int daemon_connection_ GUARDED_BY(mutex_) = -1;
+  bool ending_ GUARDED_BY(mutex_) = false;
+  std::list<std::thread> threads_ GUARDED_BY(mutex_); /* one per connection */
   std::thread control_loop_, daemon_loop_;
 };
 

@@ -8,17 +8,20 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <thread>
 
+#include "base/mutex.h"
 #include "tests/tarnd/booted_test.h"
 
 namespace tarnd {
 namespace {
+
+using tarn::Condition;
+using tarn::Mutex;
+using tarn::MutexLock;
 
 ssize_t write_answer(int fd, iovec *parts, int count, void *) {
   return writev(fd, parts, count);
@@ -121,23 +124,23 @@ class Gate {
  public:
   // Returns when the node was let through.
   void pass(fuse_ino_t node) {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return !closed_.contains(node); });
+    MutexLock lock(mutex_);
+    while (closed_.contains(node)) changed_.wait(lock);
   }
   void close_for(fuse_ino_t node) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     closed_.insert(node);
   }
   void open_for(fuse_ino_t node) {
-    const std::lock_guard lock(mutex_);
+    const MutexLock lock(mutex_);
     closed_.erase(node);
     changed_.notify_all();
   }
 
  private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::set<fuse_ino_t> closed_;  // under mutex_
+  Mutex mutex_;
+  Condition changed_;
+  std::set<fuse_ino_t> closed_ GUARDED_BY(mutex_);
 };
 
 bool has_processors(int count) {
@@ -146,11 +149,13 @@ bool has_processors(int count) {
 }
 
 TEST_F(SessionLoopTest, OneWorkerServesAProgramThatWaitsForEachAnswer) {
-  std::mutex mutex;
-  std::set<std::thread::id> workers;
+  struct {
+    Mutex mutex;
+    std::set<std::thread::id> ids GUARDED_BY(mutex);
+  } workers;
   start([&](fuse_ino_t) {
-    const std::lock_guard lock(mutex);
-    workers.insert(std::this_thread::get_id());
+    const MutexLock lock(workers.mutex);
+    workers.ids.insert(std::this_thread::get_id());
   });
   // A machine that is busy with something else makes requests look slow, and adds a worker for them
   // and for a while after. Two would hardly ever leave all to one, let alone so often in a row.
@@ -158,15 +163,15 @@ TEST_F(SessionLoopTest, OneWorkerServesAProgramThatWaitsForEachAnswer) {
   int in_a_row = 0;
   for (int round = 0; round < 1000 && in_a_row < kInARow; round++) {
     {
-      const std::lock_guard lock(mutex);
-      workers.clear();
+      const MutexLock lock(workers.mutex);
+      workers.ids.clear();
     }
     for (fuse_ino_t node = 1; node <= 100; node++) {
       ask(node);
       ASSERT_EQ(answer(), node);
     }
-    const std::lock_guard lock(mutex);
-    in_a_row = workers.size() == 1 ? in_a_row + 1 : 0;
+    const MutexLock lock(workers.mutex);
+    in_a_row = workers.ids.size() == 1 ? in_a_row + 1 : 0;
   }
   EXPECT_EQ(in_a_row, kInARow);
 }
@@ -174,20 +179,24 @@ TEST_F(SessionLoopTest, OneWorkerServesAProgramThatWaitsForEachAnswer) {
 TEST_F(SessionLoopTest, RequestsThatWaitBringInAnother) {
   if (!has_processors(2)) GTEST_SKIP() << "one processor";
   // Too quick to be slow, and often: each waits until another worker is in here too, but not long.
-  std::mutex mutex;
-  std::condition_variable changed;
-  int in_work = 0;
-  bool together = false;
+  struct {
+    Mutex mutex;
+    Condition changed;
+    int count GUARDED_BY(mutex) = 0;
+    bool together GUARDED_BY(mutex) = false;
+  } in_work;
   start([&](fuse_ino_t) {
-    std::unique_lock lock(mutex);
-    together |= ++in_work == 2;
-    changed.notify_all();
-    changed.wait_for(lock, std::chrono::milliseconds(1), [&] { return together; });
-    in_work--;
+    MutexLock lock(in_work.mutex);
+    in_work.together |= ++in_work.count == 2;
+    in_work.changed.notify_all();
+    const auto limit = Condition::Clock::now() + std::chrono::milliseconds(1);
+    while (!in_work.together && in_work.changed.wait_until(lock, limit)) {
+    }
+    in_work.count--;
   });
   const auto asked = [&] {
-    const std::lock_guard lock(mutex);
-    return together;
+    const MutexLock lock(in_work.mutex);
+    return in_work.together;
   };
   for (fuse_ino_t node = 1; node <= 8; node++) ask(node);
   int more = 20'000;

@@ -1,4 +1,5 @@
 # SPDX-License-Identifier: GPL-2.0
+# shellcheck shell=bash
 # Shell side of the end-to-end tests; sourced as `. "$(dirname "$0")/../lib.sh"` with the build folder as $1.
 #
 # Gives each test a private folder ($T, removed at the end) with lower/, mnt/, replica/ and a run directory of

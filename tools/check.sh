@@ -27,6 +27,17 @@ check_words() {
   echo "words: ok"
 }
 
+# Those that are sourced have no line that names a shell, but an ending.
+check_shell() {
+  local scripts
+  mapfile -t scripts < <({
+    git ls-files -co --exclude-standard -- '*.sh'
+    git ls-files -co --exclude-standard -z | xargs -0 grep -IlE '^#!.*\b(ba|da)?sh\b'
+  } | sort -u)
+  printf '%s\n' "${scripts[@]}" | xargs -P "$(nproc)" -n 8 shellcheck
+  echo "shell scripts: ${#scripts[@]} without a finding"
+}
+
 # Header guards are no dependence; nor is __cplusplus, for module code is C++ wherever it is built and what tests it
 # is what a C program includes.
 check_conditionals() {
@@ -72,6 +83,7 @@ check_kmod() {
 check_format
 check_licence
 check_words
+check_shell
 check_conditionals
 check_locks
 tools/check_includes.py

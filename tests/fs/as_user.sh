@@ -51,7 +51,7 @@ done
 
 # His mount is his alone, and so is its configuration; root's is only the latter.
 for uid in 0 $OTHER; do
-  if as $uid ls "$T/mnt" 2>/dev/null; then fail "user $uid may look into the mount"; fi
+  if as "$uid" ls "$T/mnt" 2>/dev/null; then fail "user $uid may look into the mount"; fi
 done
 if as $OTHER tarn rule add --include "$T/lower" 2>/dev/null; then fail "another user may add a rule"; fi
 if as $OTHER tarn umount "$T/mnt" 2>/dev/null; then fail "another user may unmount"; fi

@@ -13,7 +13,7 @@ if tarnd --nonsense 2>/dev/null; then fail "a wrong option was taken"; fi
 
 # More than one answer of tarnd holds, with lines longer than a page: a blank takes four bytes there.
 deep=$T/mnt
-for _ in $(seq 14); do deep+=/$(printf '%240s'); done
+for _ in $(seq 14); do deep+=/$(printf '%240s' ''); done
 mkdir -p "$deep"
 for n in $(seq 12); do
   mkdir "$deep/$n"

@@ -1,4 +1,5 @@
 # SPDX-License-Identifier: GPL-2.0
+# shellcheck shell=bash disable=SC2154 # sourced by tests/guest/run, which sets these variables
 # Compares the transcripts of the guest, case by case: prints "ok", "FAILED" or "skipped" lines.
 grep '^transcript ' "$work/results" | awk -v dir="$work" '{
   file = dir "/" $2 "." $3 "." $4

@@ -1,4 +1,5 @@
 # SPDX-License-Identifier: GPL-2.0
+# shellcheck shell=bash disable=SC2154 # sourced by tests/guest/run, which sets these variables
 # The cases of tests/fs on plain directories and on mounts; parity_compare.sh looks at what they said. Each kind has a
 # kernel of its own: the lock proof ends with its first complaint, and one is known (tests/README.md).
 mkdir "$root/cases" "$root/lost"

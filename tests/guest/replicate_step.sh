@@ -1,4 +1,5 @@
 # SPDX-License-Identifier: GPL-2.0
+# shellcheck shell=bash disable=SC2154 # sourced by tests/guest/run, which sets these variables
 # tarn and mirrord, built to run there, with the module in the kernel. The C++ library for them is kept in build/guest,
 # which one run at a time builds in.
 mkdir -p "$top/build/guest"

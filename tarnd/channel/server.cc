@@ -64,6 +64,7 @@ void Server::accept_all() {
       }).detach();
     } catch (const std::exception &e) {
       open_.erase(fd);
+      lock.unlock();
       refused_.print(std::string("connection refused: ") + e.what());
     }
   }

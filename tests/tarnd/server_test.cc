@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/channel/server.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -9,6 +11,8 @@
 #include <cerrno>
 #include <stdexcept>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace tarnd {
 namespace {
@@ -34,6 +38,11 @@ class Listener {
     EXPECT_EQ(::connect(fd.get(), reinterpret_cast<const sockaddr *>(&addr_), len_), 0);
     return fd;
   }
+  bool accepts() const {
+    const UniqueFd fd(socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK, 0));
+    return ::connect(fd.get(), reinterpret_cast<const sockaddr *>(&addr_), len_) == 0 ||
+           errno != ECONNREFUSED;
+  }
 
  private:
   UniqueFd fd_;
@@ -48,11 +57,15 @@ Result<void> echo(int fd, const Identity &) {
   return {};
 }
 
-char ask(const UniqueFd &fd, char question) {
+char ask(const UniqueFd &to, const UniqueFd &from, char question) {
   char answer = 0;
-  EXPECT_EQ(send(fd.get(), &question, 1, 0), 1);
-  EXPECT_EQ(recv(fd.get(), &answer, 1, 0), 1);
+  EXPECT_EQ(send(to.get(), &question, 1, MSG_NOSIGNAL), 1);
+  EXPECT_EQ(recv(from.get(), &answer, 1, 0), 1);
   return answer;
+}
+
+char ask(const UniqueFd &fd, char question) {
+  return ask(fd, fd, question);
 }
 
 TEST(Server, ServesConnectionsSideBySide) {
@@ -133,6 +146,80 @@ TEST(Server, AnErrorEndsItsConnectionOnly) {
     EXPECT_EQ(recv(failing.get(), &c, 1, 0), 0);
   }
   EXPECT_EQ(ask(b, 'b'), 'b');
+}
+
+// While it exists no thread can be made: there is no room for its stack.
+class NoThreads {
+ public:
+  NoThreads() {
+    pthread_getattr_default_np(&before_);
+    pthread_attr_t huge = before_;
+    pthread_attr_setstacksize(&huge, std::size_t{1} << 50);
+    EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
+  }
+  ~NoThreads() { EXPECT_EQ(pthread_setattr_default_np(&before_), 0); }
+  NoThreads(const NoThreads &) = delete;
+  NoThreads &operator=(const NoThreads &) = delete;
+
+ private:
+  pthread_attr_t before_;
+};
+
+// While it exists, what writes to standard error waits until drain().
+class FullStandardError {
+ public:
+  FullStandardError() : before_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
+    int ends[2];
+    EXPECT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    read_end_ = UniqueFd(ends[0]);
+    const UniqueFd write_end(ends[1]);
+    while (write(write_end.get(), &filler_, sizeof(filler_)) > 0) {
+    }
+    EXPECT_EQ(fcntl(write_end.get(), F_SETFL, 0), 0);
+    dup2(write_end.get(), STDERR_FILENO);
+  }
+  ~FullStandardError() { drain(); }
+  FullStandardError(const FullStandardError &) = delete;
+  FullStandardError &operator=(const FullStandardError &) = delete;
+
+  void drain() {
+    while (read(read_end_.get(), &filler_, sizeof(filler_)) > 0) {
+    }
+    if (before_) dup2(before_.get(), STDERR_FILENO);
+    before_.reset();
+  }
+
+ private:
+  UniqueFd before_, read_end_;
+  char filler_[4096] = {};
+};
+
+TEST(Server, StopShutsNothingDownThatHasTheNumberOfARefusedConnection) {
+  Listener listener;
+  Server server(listener.take(), echo);
+  server.start();
+  FullStandardError full;
+  {
+    const NoThreads none;
+    const UniqueFd refused = listener.connect();
+    char c = 0;
+    ASSERT_EQ(recv(refused.get(), &c, 1, 0), 0);
+  }
+  // The server is about to say so. More sockets than numbers that have become free.
+  std::vector<std::pair<UniqueFd, UniqueFd>> others;
+  for (int i = 0; i < 4; i++) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends), 0);
+    others.emplace_back(ends[0], ends[1]);
+  }
+  std::thread stop([&] { server.stop(); });
+  while (listener.accepts()) std::this_thread::yield();
+  full.drain();
+  stop.join();
+  for (const auto &[one, other] : others) {
+    EXPECT_EQ(ask(one, other, 'a'), 'a');
+    EXPECT_EQ(ask(other, one, 'b'), 'b');
+  }
 }
 
 TEST(Server, StopWithoutStart) {

@@ -15,6 +15,7 @@
 #include <linux/stat.h>
 #include <linux/string.h>
 #include "ukern/door/node.h"
+#include "ukern/sync/guard.h"
 
 struct uk_node {
   struct uk_node *next;  // of the inode's nodes
@@ -59,8 +60,7 @@ void free_node(struct uk_node *node) {
 // The node of (inode, mnt) with one more reference; if there is none, `fresh` becomes it (as it is)
 // or NULL.
 struct uk_node *find_or_add(struct inode *inode, struct vfsmount *mnt, struct uk_node *fresh) {
-  spinlock_t *lock = lock_of(inode);
-  spin_lock(lock);
+  SpinGuard guard(*lock_of(inode));
   struct uk_node *found = inode->i_nodes;
   while (found && found->mnt != mnt) found = found->next;
   if (found) {
@@ -69,7 +69,6 @@ struct uk_node *find_or_add(struct inode *inode, struct vfsmount *mnt, struct uk
     fresh->next = inode->i_nodes;
     inode->i_nodes = fresh;
   }
-  spin_unlock(lock);
   return found ? found : fresh;
 }
 
@@ -85,10 +84,12 @@ void remove_locked(struct uk_node *node) {
 
 void hold_dentry(struct uk_node *node, struct dentry *dentry) {
   if (node->dentry == dentry) return;
-  spin_lock(&node->lock);
-  struct dentry *old = node->dentry;
-  node->dentry = dget(dentry);
-  spin_unlock(&node->lock);
+  struct dentry *old;
+  {
+    SpinGuard guard(node->lock);
+    old = node->dentry;
+    node->dentry = dget(dentry);
+  }
   dput(old);
 }
 
@@ -97,7 +98,7 @@ void hold_dentry(struct uk_node *node, struct dentry *dentry) {
 bool last_step(struct walk_path *held, struct dentry **parent, char *name) {
   struct dentry *dentry = held->dentry;
   if (dentry == held->mnt->mnt_root) return false;
-  spin_lock(&dentry->d_lock);
+  SpinGuard guard(dentry->d_lock);
   const unsigned len = dentry->d_name.len;
   const bool named = !IS_ROOT(dentry) && len <= NAME_MAX;
   if (named) {
@@ -105,7 +106,6 @@ bool last_step(struct walk_path *held, struct dentry **parent, char *name) {
     name[len] = '\0';
     *parent = dget(dentry->d_parent);
   }
-  spin_unlock(&dentry->d_lock);
   return named;
 }
 
@@ -192,10 +192,8 @@ int node_get(struct vfsmount *mnt, struct dentry *dentry, struct uk_node **out) 
 }
 
 void uk_node_get(struct uk_node *node) {
-  spinlock_t *lock = lock_of(node->inode);
-  spin_lock(lock);
+  SpinGuard guard(*lock_of(node->inode));
   node->count++;
-  spin_unlock(lock);
 }
 
 int uk_node_place(struct uk_node *node, struct uk_node **dir, char name[256]) {
@@ -214,14 +212,14 @@ int uk_node_place(struct uk_node *node, struct uk_node **dir, char name[256]) {
 }
 
 void uk_node_put(struct uk_node *node, unsigned long count) {
-  spinlock_t *lock = lock_of(node->inode);
-  spin_lock(lock);
-  BUG_ON(count > node->count);
-  node->count -= count;
-  const bool last = !node->count;
-  if (last) remove_locked(node);
-  spin_unlock(lock);
-  if (last) free_node(node);
+  {
+    SpinGuard guard(*lock_of(node->inode));
+    BUG_ON(count > node->count);
+    node->count -= count;
+    if (node->count) return;
+    remove_locked(node);
+  }
+  free_node(node);
 }
 
 void *uk_node_room(struct uk_node *node) {
@@ -234,9 +232,8 @@ unsigned long long uk_node_ino(struct uk_node *node) {
 
 void node_hold(struct uk_node *node, struct walk_path *path) {
   path->mnt = node->mnt;
-  spin_lock(&node->lock);
+  SpinGuard guard(node->lock);
   path->dentry = dget(node->dentry);
-  spin_unlock(&node->lock);
 }
 
 int node_walk(struct uk_node *node, struct walk_path *path) {

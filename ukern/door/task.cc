@@ -9,6 +9,7 @@
 
 #include "ukern/door/uk_core.h"
 #include "ukern/sched/user_memory.h"
+#include "ukern/sync/guard.h"
 #include "ukern/sync/lockcheck.h"
 #include "ukern/sync/report.h"
 
@@ -42,10 +43,12 @@ int change_groups(struct task_struct *task, unsigned count, const unsigned *grou
   if (!info) return -ENOMEM;
   for (unsigned i = 0; i < count; i++) info->gids[i] = groups[i];
   sort_groups(info->gids, info->ngroups);
-  task_lock(task);
-  struct group_info *old = task->group_info;
-  task->group_info = info;
-  task_unlock(task);
+  struct group_info *old;
+  {
+    SpinGuard guard(task->alloc_lock);
+    old = task->group_info;
+    task->group_info = info;
+  }
   put_group_info(old);
   return 0;
 }
@@ -92,9 +95,8 @@ int uk_task_set_cred(struct uk_task *uk_task, const struct uk_cred *cred) {
 
 void uk_task_hide(struct uk_task *uk_task) {
   struct task_struct *task = task_of(uk_task);
-  write_lock(&tasklist_lock);
+  WriteGuard guard(tasklist_lock);
   hlist_del_init(&task->pid_link);
-  write_unlock(&tasklist_lock);
 }
 
 void uk_task_put(struct uk_task *task) {
@@ -122,10 +124,9 @@ void uk_task_leave(void) {
 void uk_task_set_signal_handler(struct uk_task *uk_task, int (*handler)(void *arg, int signal),
                                 void *arg) {
   struct task_struct *task = task_of(uk_task);
-  spin_lock(&task->sighand->siglock);
+  SpinGuard guard(task->sighand->siglock);
   task->deliver = handler;
   task->deliver_arg = arg;
-  spin_unlock(&task->sighand->siglock);
 }
 
 void uk_task_set_wait_handler(struct uk_task *uk_task, void (*before)(void *arg), void *arg) {
@@ -147,10 +148,8 @@ void uk_task_calm(struct uk_task *task) {
 
 unsigned long long uk_task_signals(struct uk_task *uk_task) {
   struct task_struct *task = task_of(uk_task);
-  spin_lock(&task->sighand->siglock);
-  const unsigned long long seen = task->signals_seen;
-  spin_unlock(&task->sighand->siglock);
-  return seen;
+  SpinGuard guard(task->sighand->siglock);
+  return task->signals_seen;
 }
 
 int uk_user_add(const void *start, unsigned long len) {

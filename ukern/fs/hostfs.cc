@@ -13,6 +13,7 @@
 
 #include "ukern/fs/fs_types.h"
 #include "ukern/fs/hostfs.h"
+#include "ukern/sync/guard.h"
 #include "ukern/vfs/vfs.h"
 
 namespace {
@@ -160,19 +161,20 @@ struct file_system_type hostfs_type = {
 }  // namespace
 
 void hostfs_take_stat(struct inode *inode, const struct uk_stat *stat) {
-  spin_lock(&inode->i_lock);
-  inode->i_mode = static_cast<umode_t>(stat->mode);
-  inode->i_nlink = stat->nlink;
-  inode->i_uid = stat->uid;
-  inode->i_gid = stat->gid;
-  inode->i_rdev = new_decode_dev((u32)stat->rdev);
-  i_size_write(inode, static_cast<loff_t>(stat->size));
-  inode->i_blocks = stat->blocks;
-  inode->i_blksize = stat->blksize;
-  inode->i_atime = time_from(stat->atime);
-  inode->i_mtime = time_from(stat->mtime);
-  inode->i_ctime = time_from(stat->ctime);
-  spin_unlock(&inode->i_lock);
+  {
+    SpinGuard guard(inode->i_lock);
+    inode->i_mode = static_cast<umode_t>(stat->mode);
+    inode->i_nlink = stat->nlink;
+    inode->i_uid = stat->uid;
+    inode->i_gid = stat->gid;
+    inode->i_rdev = new_decode_dev((u32)stat->rdev);
+    i_size_write(inode, static_cast<loff_t>(stat->size));
+    inode->i_blocks = stat->blocks;
+    inode->i_blksize = stat->blksize;
+    inode->i_atime = time_from(stat->atime);
+    inode->i_mtime = time_from(stat->mtime);
+    inode->i_ctime = time_from(stat->ctime);
+  }
   request_stamp(&current->request, &hostfs_i(inode)->attributes_of);
 }
 

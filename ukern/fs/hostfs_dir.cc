@@ -7,6 +7,8 @@
 #include <linux/namei.h>
 #include <linux/string.h>
 
+#include "ukern/sync/guard.h"
+
 namespace {
 
 const char *name_of(const struct dentry *dentry) {
@@ -53,10 +55,12 @@ int ask_host(struct dentry *dentry) {
   // A move to a name that was not there leaves its dentry without one.
   if (!dentry->d_inode && d_unhashed(dentry)) return 0;
   char name[NAME_MAX + 1];
-  spin_lock(&dentry->d_lock);  // against a rename of the dentry meanwhile
-  strlcpy(name, name_of(dentry), sizeof name);
-  struct dentry *parent = dget(dentry->d_parent);
-  spin_unlock(&dentry->d_lock);
+  struct dentry *parent;
+  {
+    SpinGuard guard(dentry->d_lock);  // against a rename of the dentry meanwhile
+    strlcpy(name, name_of(dentry), sizeof name);
+    parent = dget(dentry->d_parent);
+  }
 
   const host_identity as = hostfs_caller();
   struct uk_stat stat;
@@ -78,10 +82,9 @@ int ask_host(struct dentry *dentry) {
 struct place {
   explicit place(const struct dentry *from) {
     auto *dentry = const_cast<struct dentry *>(from);
-    spin_lock(&dentry->d_lock);
+    SpinGuard guard(dentry->d_lock);
     strlcpy(name, name_of(dentry), sizeof name);
     dir = dentry->d_parent->d_inode->i_ino;
-    spin_unlock(&dentry->d_lock);
   }
   char name[NAME_MAX + 1];
   ino_t dir;

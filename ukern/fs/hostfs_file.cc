@@ -17,6 +17,7 @@
 #include <linux/uio.h>
 
 #include "ukern/fs/direct_io.h"
+#include "ukern/sync/guard.h"
 
 namespace {
 
@@ -59,14 +60,12 @@ int open_data(struct inode *inode, const struct file *file, open_file *open) {
 
 // Takes a descriptor that is open into use; -1 when it is closed.
 int use_open(open_file *open) {
-  spin_lock(&idle_lock);
+  SpinGuard guard(idle_lock);
   if (open->fd >= 0 && open->users++ == 0) {
     list_del_init(&open->idle);
     nr_idle--;
   }
-  const int fd = open->fd;
-  spin_unlock(&idle_lock);
-  return fd;
+  return open->fd;
 }
 
 // The descriptor, which stays open until unuse. -errno.
@@ -74,36 +73,35 @@ int use(struct file *file) {
   open_file *open = open_file_of(file);
   int fd = use_open(open);
   if (fd >= 0) return fd;
-  mutex_lock(&open->lock);
+  MutexGuard guard(open->lock);
   fd = use_open(open);  // somebody else may have opened it meanwhile
   if (fd < 0) {
     fd = open_data(file->f_mapping->host, file, open);
     if (fd >= 0) {
-      spin_lock(&idle_lock);
+      SpinGuard guard(idle_lock);
       open->fd = fd;
       open->users = 1;
-      spin_unlock(&idle_lock);
     }
   }
-  mutex_unlock(&open->lock);
   return fd;
 }
 
 void unuse(struct file *file) {
   open_file *open = open_file_of(file);
   int to_close = -1;
-  spin_lock(&idle_lock);
-  if (--open->users == 0) {
-    list_add(&open->idle, &idle_files);
-    if (++nr_idle > idle_limit) {
-      open_file *oldest = list_entry(idle_files.prev, open_file, idle);
-      list_del_init(&oldest->idle);
-      nr_idle--;
-      to_close = oldest->fd;
-      oldest->fd = -1;
+  {
+    SpinGuard guard(idle_lock);
+    if (--open->users == 0) {
+      list_add(&open->idle, &idle_files);
+      if (++nr_idle > idle_limit) {
+        open_file *oldest = list_entry(idle_files.prev, open_file, idle);
+        list_del_init(&oldest->idle);
+        nr_idle--;
+        to_close = oldest->fd;
+        oldest->fd = -1;
+      }
     }
   }
-  spin_unlock(&idle_lock);
   if (to_close >= 0) host_fs_close(to_close);
 }
 
@@ -140,13 +138,12 @@ int make_writable(struct file *file, int fd) {
   open_file *open = open_file_of(file);
   if (__atomic_load_n(&open->writable, __ATOMIC_ACQUIRE)) return 0;
   int error = 0;
-  mutex_lock(&open->lock);
+  MutexGuard guard(open->lock);
   if (!open->writable) {
     const hostfs_held held(file->f_mapping->host);
     error = held.fd() < 0 ? held.fd() : host_fs_make_writable(held.fd(), fd);
     if (!error) __atomic_store_n(&open->writable, 1, __ATOMIC_RELEASE);
   }
-  mutex_unlock(&open->lock);
   return error;
 }
 
@@ -198,10 +195,9 @@ ssize_t write_locked(struct file *file, int fd, const char __user *buf, size_t c
   drop_cached(inode, *ppos - written, written);
   // What else the write changed comes with the next look at the attributes; who copies them
   // meanwhile sees the times move.
-  spin_lock(&inode->i_lock);
+  SpinGuard guard(inode->i_lock);
   if (*ppos > i_size_read(inode)) i_size_write(inode, *ppos);
   inode->i_mtime = inode->i_ctime = current_fs_time(inode->i_sb);
-  spin_unlock(&inode->i_lock);
   return written;
 }
 
@@ -209,10 +205,12 @@ ssize_t hostfs_write(struct file *file, const char __user *buf, size_t count, lo
   struct inode *inode = file->f_mapping->host;
   const int fd = use(file);
   if (fd < 0) return fd;
-  mutex_lock(&inode->i_mutex);
-  vfs_check_frozen(inode->i_sb, SB_FREEZE_WRITE);
-  ssize_t result = write_locked(file, fd, buf, count, ppos);
-  mutex_unlock(&inode->i_mutex);
+  ssize_t result;
+  {
+    MutexGuard guard(inode->i_mutex);
+    vfs_check_frozen(inode->i_sb, SB_FREEZE_WRITE);
+    result = write_locked(file, fd, buf, count, ppos);
+  }
   if (result > 0 && ((file->f_flags & O_SYNC) || IS_SYNC(inode))) {
     const int error = host_fs_sync(fd, 0);
     if (error) result = error;
@@ -326,9 +324,8 @@ int hostfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
 }  // namespace
 
 void hostfs_set_idle_files(unsigned long limit) {
-  spin_lock(&idle_lock);
+  SpinGuard guard(idle_lock);
   idle_limit = limit;
-  spin_unlock(&idle_lock);
 }
 
 const struct address_space_operations hostfs_aops = {

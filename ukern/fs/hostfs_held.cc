@@ -13,6 +13,8 @@
 #include <linux/slab.h>
 #include <linux/string.h>
 
+#include "ukern/sync/guard.h"
+
 // One mount of one of the host's file systems: what it takes to open its directories again. It
 // lives as long as an inode of one of them.
 struct hostfs_origin {
@@ -40,11 +42,10 @@ bool can_reopen(const hostfs_inode *info) {
 
 hostfs_origin *get_origin(int fd, const struct uk_stat *stat) {
   hostfs_origin *origin;
-  mutex_lock(&origins_mutex);
+  MutexGuard guard(origins_mutex);
   list_for_each_entry(origin, &origins, all) {
     if (origin->dev == stat->dev && origin->mount == stat->mount) {
       origin->inodes++;
-      mutex_unlock(&origins_mutex);
       return origin;
     }
   }
@@ -56,16 +57,15 @@ hostfs_origin *get_origin(int fd, const struct uk_stat *stat) {
     origin->fd = host_fs_origin(fd);
     list_add(&origin->all, &origins);
   }
-  mutex_unlock(&origins_mutex);
   return origin;
 }
 
 void put_origin(hostfs_origin *origin) {
-  mutex_lock(&origins_mutex);
-  const bool last = --origin->inodes == 0;
-  if (last) list_del(&origin->all);
-  mutex_unlock(&origins_mutex);
-  if (!last) return;
+  {
+    MutexGuard guard(origins_mutex);
+    if (--origin->inodes) return;
+    list_del(&origin->all);
+  }
   if (origin->fd >= 0) host_fs_close(origin->fd);
   kfree(origin);
 }
@@ -84,22 +84,22 @@ int use_open_locked(hostfs_inode *info) {
 }
 
 int use_open(hostfs_inode *info) {
-  spin_lock(&idle_lock);
-  const int fd = use_open_locked(info);
-  spin_unlock(&idle_lock);
-  return fd;
+  SpinGuard guard(idle_lock);
+  return use_open_locked(info);
 }
 
 // Makes `fd` the inode's descriptor, in use, unless it has got one meanwhile; the one that it has.
 int use_opened(hostfs_inode *info, int fd) {
-  spin_lock(&idle_lock);
-  const int old = use_open_locked(info);
-  if (old < 0) {
-    info->fd = fd;
-    info->users = 1;
+  int old;
+  {
+    SpinGuard guard(idle_lock);
+    old = use_open_locked(info);
+    if (old < 0) {
+      info->fd = fd;
+      info->users = 1;
+      return fd;
+    }
   }
-  spin_unlock(&idle_lock);
-  if (old < 0) return fd;
   host_fs_close(fd);
   return old;
 }
@@ -124,15 +124,16 @@ int reopen(hostfs_inode *info) {
 void close_idle() {
   for (;;) {
     int fd = -1;
-    spin_lock(&idle_lock);
-    if (nr_idle > idle_limit) {
-      hostfs_inode *oldest = list_entry(idle_directories.prev, hostfs_inode, idle);
-      list_del_init(&oldest->idle);
-      nr_idle--;
-      fd = oldest->fd;
-      oldest->fd = -1;
+    {
+      SpinGuard guard(idle_lock);
+      if (nr_idle > idle_limit) {
+        hostfs_inode *oldest = list_entry(idle_directories.prev, hostfs_inode, idle);
+        list_del_init(&oldest->idle);
+        nr_idle--;
+        fd = oldest->fd;
+        oldest->fd = -1;
+      }
     }
-    spin_unlock(&idle_lock);
     if (fd < 0) return;
     host_fs_close(fd);
   }
@@ -151,12 +152,13 @@ void hostfs_unuse(struct inode *inode) {
   hostfs_inode *info = hostfs_i(inode);
   if (!can_reopen(info)) return;
   bool too_many = false;
-  spin_lock(&idle_lock);
-  if (--info->users == 0) {
-    list_add(&info->idle, &idle_directories);
-    too_many = ++nr_idle > idle_limit;
+  {
+    SpinGuard guard(idle_lock);
+    if (--info->users == 0) {
+      list_add(&info->idle, &idle_directories);
+      too_many = ++nr_idle > idle_limit;
+    }
   }
-  spin_unlock(&idle_lock);
   if (too_many) close_idle();
 }
 
@@ -191,12 +193,11 @@ int hostfs_is_behind(struct inode *inode, int fd) {
 void hostfs_close(struct inode *inode) {
   hostfs_inode *info = hostfs_i(inode);
   if (can_reopen(info)) {
-    spin_lock(&idle_lock);
+    SpinGuard guard(idle_lock);
     if (info->fd >= 0) {
       list_del_init(&info->idle);
       nr_idle--;
     }
-    spin_unlock(&idle_lock);
   }
   if (info->fd >= 0) host_fs_close(info->fd);
   if (info->origin) put_origin(info->origin);
@@ -204,9 +205,10 @@ void hostfs_close(struct inode *inode) {
 }
 
 void hostfs_set_idle_directories(unsigned long limit) {
-  spin_lock(&idle_lock);
-  idle_limit = limit;
-  spin_unlock(&idle_lock);
+  {
+    SpinGuard guard(idle_lock);
+    idle_limit = limit;
+  }
   close_idle();
 }
 

@@ -12,6 +12,7 @@
 #include <linux/writeback.h>
 
 #include "ukern/fs/fs_types.h"
+#include "ukern/sync/guard.h"
 
 namespace {
 
@@ -73,12 +74,13 @@ int memfs_statfs(struct dentry *dentry, struct kstatfs *buf) {
   buf->f_bsize = PAGE_SIZE;
   buf->f_frsize = PAGE_SIZE;
   buf->f_namelen = NAME_MAX;
-  spin_lock(&info->lock);
-  buf->f_blocks = info->capacity ? info->capacity : totalram_pages;
-  buf->f_bfree = buf->f_blocks > info->used ? buf->f_blocks - info->used : 0;
-  buf->f_files = info->nr_nodes + buf->f_bfree;
-  buf->f_ffree = buf->f_bfree;
-  spin_unlock(&info->lock);
+  {
+    SpinGuard guard(info->lock);
+    buf->f_blocks = info->capacity ? info->capacity : totalram_pages;
+    buf->f_bfree = buf->f_blocks > info->used ? buf->f_blocks - info->used : 0;
+    buf->f_files = info->nr_nodes + buf->f_bfree;
+    buf->f_ffree = buf->f_bfree;
+  }
   buf->f_bavail = buf->f_bfree;
   return 0;
 }
@@ -191,14 +193,13 @@ struct file_system_type memfs_type = {
 int memfs_check(struct super_block *sb, enum memfs_op op) {
   struct memfs_sb *info = memfs_s(sb);
   int error = 0;
-  spin_lock(&info->lock);
+  SpinGuard guard(info->lock);
   struct memfs_failure *failure = &info->failures[op];
   failure->calls++;
   if (failure->times) {
     error = failure->error;
     if (failure->times > 0) failure->times--;
   }
-  spin_unlock(&info->lock);
   return error;
 }
 
@@ -206,9 +207,8 @@ void memfs_set_switches(struct super_block *sb, unsigned switches) {
   memfs_s(sb)->switches = switches;
   set_magic(sb, switches);
   struct inode *inode;
-  spin_lock(&inode_lock);
+  SpinGuard guard(inode_lock);
   list_for_each_entry(inode, &sb->s_inodes, i_sb_list) memfs_set_operations(inode);
-  spin_unlock(&inode_lock);
 }
 
 void memfs_set_revalidate(struct super_block *sb, int result) {
@@ -217,25 +217,21 @@ void memfs_set_revalidate(struct super_block *sb, int result) {
 
 void memfs_set_capacity(struct super_block *sb, unsigned long long bytes) {
   struct memfs_sb *info = memfs_s(sb);
-  spin_lock(&info->lock);
+  SpinGuard guard(info->lock);
   info->capacity = static_cast<unsigned long>(bytes >> PAGE_SHIFT);
-  spin_unlock(&info->lock);
 }
 
 void memfs_fail(struct super_block *sb, enum memfs_op op, int error, int times) {
   struct memfs_sb *info = memfs_s(sb);
-  spin_lock(&info->lock);
+  SpinGuard guard(info->lock);
   info->failures[op].error = error;
   info->failures[op].times = times;
-  spin_unlock(&info->lock);
 }
 
 unsigned long memfs_calls(struct super_block *sb, enum memfs_op op) {
   struct memfs_sb *info = memfs_s(sb);
-  spin_lock(&info->lock);
-  const unsigned long calls = info->failures[op].calls;
-  spin_unlock(&info->lock);
-  return calls;
+  SpinGuard guard(info->lock);
+  return info->failures[op].calls;
 }
 
 int memfs_init(void) {

@@ -9,6 +9,8 @@
 #include <linux/slab.h>
 #include <linux/string.h>
 
+#include "ukern/sync/guard.h"
+
 namespace {
 
 struct hlist_head *chain_of(struct memfs_sb *info, const struct memfs_node *dir,
@@ -32,10 +34,8 @@ struct memfs_entry *find_locked(struct memfs_sb *info, const struct memfs_node *
 
 struct memfs_entry *find(struct inode *dir, const struct dentry *dentry) {
   struct memfs_sb *info = memfs_s(dir->i_sb);
-  spin_lock(&info->lock);
-  struct memfs_entry *entry = find_locked(info, memfs_n(dir), &dentry->d_name);
-  spin_unlock(&info->lock);
-  return entry;
+  SpinGuard guard(info->lock);
+  return find_locked(info, memfs_n(dir), &dentry->d_name);
 }
 
 struct memfs_entry *new_entry(const struct dentry *dentry) {
@@ -54,19 +54,19 @@ void enter(struct inode *dir, const struct dentry *dentry, struct memfs_entry *e
   struct memfs_node *parent = memfs_n(dir);
   entry->dir = parent;
   entry->node = node;
-  spin_lock(&info->lock);
+  SpinGuard guard(info->lock);
   entry->position = parent->next_position++;
   hlist_add_head(&entry->by_name, chain_of(info, parent, &dentry->d_name));
   list_add_tail(&entry->in_dir, &parent->entries);
-  spin_unlock(&info->lock);
 }
 
 void remove(struct inode *dir, struct memfs_entry *entry) {
   struct memfs_sb *info = memfs_s(dir->i_sb);
-  spin_lock(&info->lock);
-  hlist_del(&entry->by_name);
-  list_del(&entry->in_dir);
-  spin_unlock(&info->lock);
+  {
+    SpinGuard guard(info->lock);
+    hlist_del(&entry->by_name);
+    list_del(&entry->in_dir);
+  }
   kfree(entry);
 }
 
@@ -173,17 +173,14 @@ int memfs_rmdir(struct inode *dir, struct dentry *dentry) {
 // lists it looks at its parent under the lock.
 void set_parent(struct inode *dir, struct memfs_node *parent) {
   struct memfs_sb *info = memfs_s(dir->i_sb);
-  spin_lock(&info->lock);
+  SpinGuard guard(info->lock);
   memfs_n(dir)->parent = parent;
-  spin_unlock(&info->lock);
 }
 
 unsigned long parent_ino(struct inode *dir) {
   struct memfs_sb *info = memfs_s(dir->i_sb);
-  spin_lock(&info->lock);
-  const unsigned long ino = memfs_n(dir)->parent->ino;
-  spin_unlock(&info->lock);
-  return ino;
+  SpinGuard guard(info->lock);
+  return memfs_n(dir)->parent->ino;
 }
 
 int memfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
@@ -251,7 +248,7 @@ bool entry_at(struct inode *dir, loff_t position, struct memfs_entry *copy, char
   struct memfs_sb *info = memfs_s(dir->i_sb);
   struct memfs_entry *entry;
   bool found = false;
-  spin_lock(&info->lock);
+  SpinGuard guard(info->lock);
   list_for_each_entry(entry, &memfs_n(dir)->entries, in_dir) {
     if (entry->position < position) continue;
     *copy = *entry;
@@ -259,7 +256,6 @@ bool entry_at(struct inode *dir, loff_t position, struct memfs_entry *copy, char
     found = true;
     break;
   }
-  spin_unlock(&info->lock);
   return found;
 }
 

@@ -16,6 +16,7 @@
 #include <linux/writeback.h>
 
 #include "ukern/fs/direct_io.h"
+#include "ukern/sync/guard.h"
 
 namespace {
 
@@ -157,21 +158,21 @@ ssize_t queue_request(struct memfs_sb *info, struct kiocb *iocb, ssize_t result)
   if (!queued) return -ENOMEM;
   queued->iocb = iocb;
   queued->result = result;
-  spin_lock(&info->lock);
-  list_add_tail(&queued->list, &info->queued);
-  spin_unlock(&info->lock);
+  {
+    SpinGuard guard(info->lock);
+    list_add_tail(&queued->list, &info->queued);
+  }
   wake_up(&info->queued_wait);
   return -EIOCBQUEUED;
 }
 
 struct queued_request *take_request(struct memfs_sb *info) {
   struct queued_request *queued = nullptr;
-  spin_lock(&info->lock);
+  SpinGuard guard(info->lock);
   if (!list_empty(&info->queued)) {
     queued = list_entry(info->queued.next, struct queued_request, list);
     list_del(&queued->list);
   }
-  spin_unlock(&info->lock);
   return queued;
 }
 

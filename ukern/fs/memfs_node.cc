@@ -6,6 +6,8 @@
 #include <linux/hash.h>
 #include <linux/slab.h>
 
+#include "ukern/sync/guard.h"
+
 namespace {
 
 int same_node(struct inode *inode, void *node) {
@@ -40,13 +42,14 @@ void free_blocks(struct memfs_sb *info, struct memfs_node *node, unsigned long f
   for (;;) {
     void *found[16];
     unsigned count = 0;
-    spin_lock(&info->lock);
-    count = radix_tree_gang_lookup(&node->blocks, found, first, ARRAY_SIZE(found));
-    for (unsigned i = 0; i < count; i++)
-      radix_tree_delete(&node->blocks, static_cast<struct page *>(found[i])->index);
-    node->nr_blocks -= count;
-    info->used -= count;
-    spin_unlock(&info->lock);
+    {
+      SpinGuard guard(info->lock);
+      count = radix_tree_gang_lookup(&node->blocks, found, first, ARRAY_SIZE(found));
+      for (unsigned i = 0; i < count; i++)
+        radix_tree_delete(&node->blocks, static_cast<struct page *>(found[i])->index);
+      node->nr_blocks -= count;
+      info->used -= count;
+    }
     if (!count) return;
     for (unsigned i = 0; i < count; i++) put_page(static_cast<struct page *>(found[i]));
   }
@@ -75,21 +78,21 @@ struct memfs_node *memfs_new_node(struct super_block *sb, umode_t mode, dev_t rd
   INIT_LIST_HEAD(&node->entries);
   INIT_LIST_HEAD(&node->xattrs);
   INIT_RADIX_TREE(&node->blocks, GFP_ATOMIC);
-  spin_lock(&info->lock);
+  SpinGuard guard(info->lock);
   node->ino = info->next_ino++;
   info->nr_nodes++;
   list_add_tail(&node->all, &info->nodes);
-  spin_unlock(&info->lock);
   return node;
 }
 
 void memfs_free_node(struct super_block *sb, struct memfs_node *node) {
   struct memfs_sb *info = memfs_s(sb);
   free_blocks(info, node, 0);
-  spin_lock(&info->lock);
-  list_del(&node->all);
-  info->nr_nodes--;
-  spin_unlock(&info->lock);
+  {
+    SpinGuard guard(info->lock);
+    list_del(&node->all);
+    info->nr_nodes--;
+  }
   memfs_free_xattrs(node);
   kfree(node->target);
   kfree(node);
@@ -140,31 +143,32 @@ int memfs_write_inode(struct inode *inode, int) {
 struct page *memfs_block(struct inode *inode, unsigned long index, int make) {
   struct memfs_sb *info = memfs_s(inode->i_sb);
   struct memfs_node *node = memfs_n(inode);
-  spin_lock(&info->lock);
-  auto *block = static_cast<struct page *>(radix_tree_lookup(&node->blocks, index));
-  const bool room = block || !make || charge_locked(info);
-  if (block) get_page(block);
-  spin_unlock(&info->lock);
-  if (block || !make) return block;
-  if (!room) return static_cast<struct page *>(ERR_PTR(-ENOSPC));
+  {
+    SpinGuard guard(info->lock);
+    auto *block = static_cast<struct page *>(radix_tree_lookup(&node->blocks, index));
+    if (block) get_page(block);
+    if (block || !make) return block;
+    if (!charge_locked(info)) return static_cast<struct page *>(ERR_PTR(-ENOSPC));
+  }
 
-  block = alloc_page(GFP_NOFS | __GFP_ZERO);
+  struct page *block = alloc_page(GFP_NOFS | __GFP_ZERO);
   struct page *other = nullptr;
   int error = block ? 0 : -ENOMEM;
-  spin_lock(&info->lock);
-  if (block) {
-    block->index = index;
-    error = radix_tree_insert(&node->blocks, index, block);
-    if (!error) get_page(block);
-    if (error == -EEXIST)
-      other = static_cast<struct page *>(radix_tree_lookup(&node->blocks, index));
+  {
+    SpinGuard guard(info->lock);
+    if (block) {
+      block->index = index;
+      error = radix_tree_insert(&node->blocks, index, block);
+      if (!error) get_page(block);
+      if (error == -EEXIST)
+        other = static_cast<struct page *>(radix_tree_lookup(&node->blocks, index));
+    }
+    if (other) get_page(other);
+    if (error)
+      info->used--;
+    else
+      inode->i_blocks = ++node->nr_blocks << (PAGE_SHIFT - 9);
   }
-  if (other) get_page(other);
-  if (error)
-    info->used--;
-  else
-    inode->i_blocks = ++node->nr_blocks << (PAGE_SHIFT - 9);
-  spin_unlock(&info->lock);
   if (!error) return block;
   if (block) __free_page(block);
   return other ? other : static_cast<struct page *>(ERR_PTR(error));

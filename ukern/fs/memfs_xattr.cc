@@ -6,6 +6,8 @@
 #include <linux/string.h>
 #include <linux/xattr.h>
 
+#include "ukern/sync/guard.h"
+
 namespace {
 
 struct xattr {
@@ -57,16 +59,20 @@ int memfs_setxattr(struct dentry *dentry, const char *name, const void *value, s
   if (int error = memfs_check(inode->i_sb, MEMFS_OP_SETXATTR)) return error;
   struct xattr *fresh = new_xattr(name, value, size);
   if (!fresh) return -ENOMEM;
-  spin_lock(&info->lock);
-  struct xattr *old = find_locked(memfs_n(inode), name);
-  const int error = old && (flags & XATTR_CREATE)     ? -EEXIST
-                    : !old && (flags & XATTR_REPLACE) ? -ENODATA
-                                                      : 0;
-  if (!error) {
-    if (old) list_del(&old->link);
-    list_add_tail(&fresh->link, &memfs_n(inode)->xattrs);
+  struct xattr *old;
+  int error = 0;
+  {
+    SpinGuard guard(info->lock);
+    old = find_locked(memfs_n(inode), name);
+    if (old && (flags & XATTR_CREATE)) {
+      error = -EEXIST;
+    } else if (!old && (flags & XATTR_REPLACE)) {
+      error = -ENODATA;
+    } else {
+      if (old) list_del(&old->link);
+      list_add_tail(&fresh->link, &memfs_n(inode)->xattrs);
+    }
   }
-  spin_unlock(&info->lock);
   kfree(error ? fresh : old);
   if (!error) changed(inode);
   return error;
@@ -76,7 +82,7 @@ ssize_t memfs_getxattr(struct dentry *dentry, const char *name, void *value, siz
   struct inode *inode = dentry->d_inode;
   struct memfs_sb *info = memfs_s(inode->i_sb);
   if (int error = memfs_check(inode->i_sb, MEMFS_OP_GETXATTR)) return error;
-  spin_lock(&info->lock);
+  SpinGuard guard(info->lock);
   const struct xattr *attr = find_locked(memfs_n(inode), name);
   ssize_t result = attr ? (ssize_t)attr->size : -ENODATA;
   if (attr && size) {
@@ -85,7 +91,6 @@ ssize_t memfs_getxattr(struct dentry *dentry, const char *name, void *value, siz
     else
       memcpy(value, attr->value, attr->size);
   }
-  spin_unlock(&info->lock);
   return result;
 }
 
@@ -95,13 +100,14 @@ ssize_t memfs_listxattr(struct dentry *dentry, char *list, size_t size) {
   if (int error = memfs_check(inode->i_sb, MEMFS_OP_LISTXATTR)) return error;
   size_t used = 0;
   const struct xattr *attr;
-  spin_lock(&info->lock);
-  list_for_each_entry(attr, &memfs_n(inode)->xattrs, link) {
-    const size_t length = strlen(attr->name) + 1;
-    if (used + length <= size) memcpy(list + used, attr->name, length);
-    used += length;
+  {
+    SpinGuard guard(info->lock);
+    list_for_each_entry(attr, &memfs_n(inode)->xattrs, link) {
+      const size_t length = strlen(attr->name) + 1;
+      if (used + length <= size) memcpy(list + used, attr->name, length);
+      used += length;
+    }
   }
-  spin_unlock(&info->lock);
   return size && used > size ? -ERANGE : (ssize_t)used;
 }
 
@@ -109,11 +115,13 @@ int memfs_removexattr(struct dentry *dentry, const char *name) {
   struct inode *inode = dentry->d_inode;
   struct memfs_sb *info = memfs_s(inode->i_sb);
   if (int error = memfs_check(inode->i_sb, MEMFS_OP_REMOVEXATTR)) return error;
-  spin_lock(&info->lock);
-  struct xattr *attr = find_locked(memfs_n(inode), name);
-  if (attr) list_del(&attr->link);
-  spin_unlock(&info->lock);
-  if (!attr) return -ENODATA;
+  struct xattr *attr;
+  {
+    SpinGuard guard(info->lock);
+    attr = find_locked(memfs_n(inode), name);
+    if (!attr) return -ENODATA;
+    list_del(&attr->link);
+  }
   kfree(attr);
   changed(inode);
   return 0;

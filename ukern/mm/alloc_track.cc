@@ -7,6 +7,7 @@
 #include <linux/spinlock.h>
 
 #include "ukern/host/host.h"
+#include "ukern/sync/guard.h"
 #include "ukern/sync/report.h"
 #include "ukern/sync/stack.h"
 
@@ -52,29 +53,33 @@ bool alloc_track_add(const void *block, size_t size, const void *owner) {
   record->size = size;
   call_stack_save(&record->where, 1);
   const unsigned bucket = bucket_of(block);
-  ukern_word_lock(&words[bucket % kWords]);
+  WordGuard guard(words[bucket % kWords]);
   record->next = buckets[bucket];
   buckets[bucket] = record;
-  ukern_word_unlock(&words[bucket % kWords]);
   return true;
 }
 
 bool alloc_track_remove(const void *block, const void *owner, const char *owner_name,
                         size_t *size) {
   const unsigned bucket = bucket_of(block);
-  ukern_word_lock(&words[bucket % kWords]);
-  Record **link = &buckets[bucket];
-  while (*link && (*link)->block != block) link = &(*link)->next;
-  Record *record = *link;
-  if (!record || record->owner != owner) {
-    Record copy;
-    if (record) copy = *record;
-    ukern_word_unlock(&words[bucket % kWords]);
+  Record *record;
+  Record copy;
+  bool mine;
+  {
+    WordGuard guard(words[bucket % kWords]);
+    Record **link = &buckets[bucket];
+    while (*link && (*link)->block != block) link = &(*link)->next;
+    record = *link;
+    mine = record && record->owner == owner;
+    if (mine)
+      *link = record->next;
+    else if (record)
+      copy = *record;
+  }
+  if (!mine) {
     report_foreign(block, owner_name, record ? &copy : nullptr);
     return false;
   }
-  *link = record->next;
-  ukern_word_unlock(&words[bucket % kWords]);
   *size = record->size;
   host_free(record);
   return true;
@@ -82,27 +87,25 @@ bool alloc_track_remove(const void *block, const void *owner, const char *owner_
 
 void alloc_track_free_all(void) {
   for (unsigned bucket = 0; bucket < 1u << kBucketBits; bucket++) {
-    ukern_word_lock(&words[bucket % kWords]);
+    WordGuard guard(words[bucket % kWords]);
     while (Record *record = buckets[bucket]) {
       buckets[bucket] = record->next;
       host_free(const_cast<void *>(record->block));
       host_free(record);
     }
-    ukern_word_unlock(&words[bucket % kWords]);
   }
 }
 
 unsigned long alloc_track_count(const void *owner, struct bug_report *report) {
   unsigned long count = 0;
   for (unsigned bucket = 0; bucket < 1u << kBucketBits; bucket++) {
-    ukern_word_lock(&words[bucket % kWords]);
+    WordGuard guard(words[bucket % kWords]);
     for (const Record *record = buckets[bucket]; record; record = record->next) {
       if (record->owner != owner || count++ >= kShown || !report) continue;
       char title[96];
       snprintf(title, sizeof(title), "%p, %zu bytes, allocated at", record->block, record->size);
       report_stack(report, title, &record->where);
     }
-    ukern_word_unlock(&words[bucket % kWords]);
   }
   return count;
 }

@@ -10,6 +10,7 @@
 #include <linux/writeback.h>
 
 #include "ukern/mm/mm_internal.h"
+#include "ukern/sync/guard.h"
 
 namespace {
 
@@ -159,9 +160,8 @@ int sync_page_range(struct inode *inode, struct address_space *mapping, loff_t p
   const loff_t last = pos + count - 1;
   int error = write_range(mapping, pos, last, WB_SYNC_ALL);
   if (!error) {
-    mutex_lock(&inode->i_mutex);
+    MutexGuard guard(inode->i_mutex);
     error = generic_osync_inode(inode, mapping, OSYNC_METADATA);
-    mutex_unlock(&inode->i_mutex);
   }
   if (error) return error;
   return wait_on_page_writeback_range(mapping, (pgoff_t)(pos >> PAGE_CACHE_SHIFT),
@@ -194,9 +194,11 @@ long do_fsync(struct file *file, int datasync) {
   struct address_space *mapping = file->f_mapping;
   // The pages go out before the lock is taken, and are waited for after it is dropped.
   int error = filemap_fdatawrite(mapping);
-  mutex_lock(&mapping->host->i_mutex);
-  const int fsync_error = file->f_op->fsync(file, file->f_dentry, datasync);
-  mutex_unlock(&mapping->host->i_mutex);
+  int fsync_error;
+  {
+    MutexGuard guard(mapping->host->i_mutex);
+    fsync_error = file->f_op->fsync(file, file->f_dentry, datasync);
+  }
   const int wait_error = filemap_fdatawait(mapping);
   if (!error) error = fsync_error;
   return error ? error : wait_error;

@@ -14,6 +14,7 @@
 #include <linux/writeback.h>
 
 #include "ukern/mm/mm_internal.h"
+#include "ukern/sync/guard.h"
 
 int remove_suid(struct dentry *dentry) {
   const mode_t mode = dentry->d_inode->i_mode;
@@ -269,9 +270,11 @@ ssize_t generic_file_aio_write(struct kiocb *iocb, const char __user *buf, size_
   const struct iovec iov = {const_cast<char *>(buf), count};
   BUG_ON(iocb->ki_pos != pos);
 
-  mutex_lock(&inode->i_mutex);
-  const ssize_t result = write_with_bdi(iocb, &iov, 1, &iocb->ki_pos);
-  mutex_unlock(&inode->i_mutex);
+  ssize_t result;
+  {
+    MutexGuard guard(inode->i_mutex);
+    result = write_with_bdi(iocb, &iov, 1, &iocb->ki_pos);
+  }
   if (result <= 0 || !is_synchronous(file)) return result;
   const int error = sync_page_range(inode, file->f_mapping, pos, result);
   return error < 0 ? error : result;
@@ -283,10 +286,12 @@ ssize_t generic_file_write(struct file *file, const char __user *buf, size_t cou
   struct kiocb kiocb;
   init_sync_kiocb(&kiocb, file);
 
-  mutex_lock(&inode->i_mutex);
-  ssize_t result = write_with_bdi(&kiocb, &iov, 1, ppos);
-  if (result == -EIOCBQUEUED) result = wait_on_sync_kiocb(&kiocb);
-  mutex_unlock(&inode->i_mutex);
+  ssize_t result;
+  {
+    MutexGuard guard(inode->i_mutex);
+    result = write_with_bdi(&kiocb, &iov, 1, ppos);
+    if (result == -EIOCBQUEUED) result = wait_on_sync_kiocb(&kiocb);
+  }
   if (result <= 0 || !is_synchronous(file)) return result;
   const int error = sync_page_range(inode, file->f_mapping, *ppos - result, result);
   return error < 0 ? error : result;

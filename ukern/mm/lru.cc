@@ -9,6 +9,7 @@
 #include <linux/swap.h>
 
 #include "ukern/mm/mm_internal.h"
+#include "ukern/sync/guard.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ void refill_inactive_locked() {
 // The oldest inactive page, off the list and with a reference; NULL when there is none to be had.
 struct page *isolate_oldest() {
   struct page *found = nullptr;
-  spin_lock(&lru_lock);
+  SpinGuard guard(lru_lock);
   refill_inactive_locked();
   for (unsigned long left = nr_inactive; left > 0 && !found; left--) {
     struct page *page = list_entry(inactive.prev, struct page, lru);
@@ -64,14 +65,14 @@ struct page *isolate_oldest() {
                 &inactive);  // whoever dropped it to zero waits for the lock to take it off
     }
   }
-  spin_unlock(&lru_lock);
   return found;
 }
 
 void put_back(struct page *page) {
-  spin_lock(&lru_lock);
-  add_locked(page);
-  spin_unlock(&lru_lock);
+  {
+    SpinGuard guard(lru_lock);
+    add_locked(page);
+  }
   page_cache_release(page);
 }
 
@@ -80,12 +81,13 @@ bool remove_if_unused(struct page *page) {
   struct address_space *mapping = page->mapping;
   if (!mapping || PageDirty(page) || PageWriteback(page) || page_mapped(page)) return false;
   if (PagePrivate(page) && !try_to_release_page(page, GFP_KERNEL)) return false;
-  write_lock_irq(&mapping->tree_lock);
-  const bool unused = page_count(page) == 2 && !PageDirty(page);
-  if (unused) __remove_from_page_cache(page);
-  write_unlock_irq(&mapping->tree_lock);
-  if (unused) page_cache_release(page);  // the cache's
-  return unused;
+  {
+    WriteGuard guard(mapping->tree_lock);
+    if (page_count(page) != 2 || PageDirty(page)) return false;
+    __remove_from_page_cache(page);
+  }
+  page_cache_release(page);  // the cache's
+  return true;
 }
 
 bool reclaim(struct page *page) {
@@ -104,17 +106,15 @@ unsigned long lru_pages(void) {
 }
 
 void lru_cache_add(struct page *page) {
-  spin_lock(&lru_lock);
+  SpinGuard guard(lru_lock);
   BUG_ON(PageLRU(page));
   add_locked(page);
-  spin_unlock(&lru_lock);
 }
 
 void lru_cache_del(struct page *page) {
   if (!PageLRU(page)) return;
-  spin_lock(&lru_lock);
+  SpinGuard guard(lru_lock);
   if (PageLRU(page)) del_locked(page);
-  spin_unlock(&lru_lock);
 }
 
 void mark_page_accessed(struct page *page) {
@@ -123,13 +123,14 @@ void mark_page_accessed(struct page *page) {
     return;
   }
   if (PageActive(page) || !PageLRU(page)) return;
-  spin_lock(&lru_lock);
-  if (PageLRU(page) && !PageActive(page)) {
-    del_locked(page);
-    SetPageActive(page);
-    add_locked(page);
+  {
+    SpinGuard guard(lru_lock);
+    if (PageLRU(page) && !PageActive(page)) {
+      del_locked(page);
+      SetPageActive(page);
+      add_locked(page);
+    }
   }
-  spin_unlock(&lru_lock);
   ClearPageReferenced(page);
 }
 
@@ -149,9 +150,11 @@ unsigned long shrink_page_cache(unsigned long want, unsigned long scan) {
 }
 
 void drop_pagecache(void) {
-  spin_lock(&lru_lock);
-  const unsigned long pages = nr_inactive + nr_active;
-  spin_unlock(&lru_lock);
+  unsigned long pages;
+  {
+    SpinGuard guard(lru_lock);
+    pages = nr_inactive + nr_active;
+  }
   shrink_page_cache(pages,
                     2 * pages);  // the first look at a page may only take its PG_referenced away
 }

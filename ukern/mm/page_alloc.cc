@@ -19,6 +19,7 @@
 #include "ukern/host/host.h"
 #include "ukern/mm/fault.h"
 #include "ukern/mm/mm_internal.h"
+#include "ukern/sync/guard.h"
 #include "ukern/sync/report.h"
 #include "ukern/sync/stack.h"
 
@@ -79,16 +80,16 @@ struct page *block_alloc(unsigned order) {
   struct page *page = host_page(sizeof(debug_page), order);
   if (!page) return nullptr;
   call_stack_save(&debug_of(page)->allocated_at, 1);
-  spin_lock(&all_lock);
+  SpinGuard guard(all_lock);
   list_add_tail(&debug_of(page)->all, &all_pages);
-  spin_unlock(&all_lock);
   return page;
 }
 
 void block_free(struct page *page) {
-  spin_lock(&all_lock);
-  list_del(&debug_of(page)->all);
-  spin_unlock(&all_lock);
+  {
+    SpinGuard guard(all_lock);
+    list_del(&debug_of(page)->all);
+  }
   host_page_free(page);
 }
 
@@ -121,12 +122,11 @@ page_batch *batches;
 
 struct page *take_free() {
   struct page *page = nullptr;
-  spin_lock(&free_lock);
+  SpinGuard guard(free_lock);
   if (!list_empty(&free_list)) {
     page = list_entry(free_list.next, struct page, lru);
     list_del(&page->lru);
   }
-  spin_unlock(&free_lock);
   return page;
 }
 
@@ -140,14 +140,13 @@ struct page *refill() {
     host_free(batch);
     return nullptr;
   }
-  spin_lock(&free_lock);
+  SpinGuard guard(free_lock);
   batch->next = batches;
   batches = batch;
   for (unsigned i = 0; i < kBatch; i++) {
     batch->pages[i].virtual_ = static_cast<char *>(batch->block) + i * PAGE_SIZE;
     if (i) list_add_tail(&batch->pages[i].lru, &free_list);
   }
-  spin_unlock(&free_lock);
   return &batch->pages[0];
 }
 
@@ -162,9 +161,8 @@ void block_free(struct page *page) {
     host_page_free(page);
     return;
   }
-  spin_lock(&free_lock);
+  SpinGuard guard(free_lock);
   list_add(&page->lru, &free_list);
-  spin_unlock(&free_lock);
 }
 
 void report_leaks() {
@@ -187,11 +185,10 @@ constexpr int kByAddr = PG_arch_1;
 
 void forget_addr(struct page *page) {
   addr_bucket *bucket = bucket_of(reinterpret_cast<unsigned long>(page->virtual_));
-  spin_lock(&bucket->lock);
+  SpinGuard guard(bucket->lock);
   struct page **link = &bucket->first;
   while (*link != page) link = reinterpret_cast<struct page **>(&(*link)->lru.next);
   *link = reinterpret_cast<struct page *>(page->lru.next);
-  spin_unlock(&bucket->lock);
 }
 
 void free_block(struct page *page) {
@@ -251,10 +248,9 @@ unsigned long __get_free_pages(gfp_t gfp_mask, unsigned int order) {
   const auto addr = reinterpret_cast<unsigned long>(page->virtual_);
   addr_bucket *bucket = bucket_of(addr);
   set_bit(kByAddr, &page->flags);
-  spin_lock(&bucket->lock);
+  SpinGuard guard(bucket->lock);
   page->lru.next = reinterpret_cast<struct list_head *>(bucket->first);
   bucket->first = page;
-  spin_unlock(&bucket->lock);
   return addr;
 }
 
@@ -265,11 +261,13 @@ unsigned long get_zeroed_page(gfp_t gfp_mask) {
 struct page *virt_to_page(const void *addr) {
   const unsigned long start = reinterpret_cast<unsigned long>(addr) & PAGE_MASK;
   addr_bucket *bucket = bucket_of(start);
-  spin_lock(&bucket->lock);
-  struct page *page = bucket->first;
-  while (page && page->virtual_ != reinterpret_cast<void *>(start))
-    page = reinterpret_cast<struct page *>(page->lru.next);
-  spin_unlock(&bucket->lock);
+  struct page *page;
+  {
+    SpinGuard guard(bucket->lock);
+    page = bucket->first;
+    while (page && page->virtual_ != reinterpret_cast<void *>(start))
+      page = reinterpret_cast<struct page *>(page->lru.next);
+  }
   BUG_ON(!page);
   return page;
 }

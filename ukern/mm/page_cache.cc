@@ -6,10 +6,11 @@
 #include <linux/swap.h>
 
 #include "ukern/mm/mm_internal.h"
+#include "ukern/sync/guard.h"
 
 int add_to_page_cache(struct page *page, struct address_space *mapping, unsigned long index,
                       gfp_t) {
-  write_lock_irq(&mapping->tree_lock);
+  WriteGuard guard(mapping->tree_lock);
   const int error = radix_tree_insert(&mapping->page_tree, index, page);
   if (!error) {
     page_cache_get(page);
@@ -18,7 +19,6 @@ int add_to_page_cache(struct page *page, struct address_space *mapping, unsigned
     page->index = index;
     mapping_pages_add(mapping, 1);
   }
-  write_unlock_irq(&mapping->tree_lock);
   return error;
 }
 
@@ -39,16 +39,14 @@ void __remove_from_page_cache(struct page *page) {
 void remove_from_page_cache(struct page *page) {
   struct address_space *mapping = page->mapping;
   BUG_ON(!PageLocked(page));
-  write_lock_irq(&mapping->tree_lock);
+  WriteGuard guard(mapping->tree_lock);
   __remove_from_page_cache(page);
-  write_unlock_irq(&mapping->tree_lock);
 }
 
 struct page *find_get_page(struct address_space *mapping, unsigned long index) {
-  read_lock_irq(&mapping->tree_lock);
+  ReadGuard guard(mapping->tree_lock);
   auto *page = static_cast<struct page *>(radix_tree_lookup(&mapping->page_tree, index));
   if (page) page_cache_get(page);
-  read_unlock_irq(&mapping->tree_lock);
   return page;
 }
 
@@ -78,31 +76,27 @@ struct page *find_or_create_page(struct address_space *mapping, unsigned long in
 
 unsigned find_get_pages(struct address_space *mapping, pgoff_t start, unsigned int nr_pages,
                         struct page **pages) {
-  read_lock_irq(&mapping->tree_lock);
+  ReadGuard guard(mapping->tree_lock);
   const unsigned found = radix_tree_gang_lookup(&mapping->page_tree,
                                                 reinterpret_cast<void **>(pages), start, nr_pages);
   for (unsigned i = 0; i < found; i++) page_cache_get(pages[i]);
-  read_unlock_irq(&mapping->tree_lock);
   return found;
 }
 
 unsigned find_get_pages_tag(struct address_space *mapping, pgoff_t *index, int tag,
                             unsigned int nr_pages, struct page **pages) {
-  read_lock_irq(&mapping->tree_lock);
+  ReadGuard guard(mapping->tree_lock);
   const unsigned found =
       radix_tree_gang_lookup_tag(&mapping->page_tree, reinterpret_cast<void **>(pages), *index,
                                  nr_pages, static_cast<unsigned>(tag));
   for (unsigned i = 0; i < found; i++) page_cache_get(pages[i]);
   if (found) *index = pages[found - 1]->index + 1;
-  read_unlock_irq(&mapping->tree_lock);
   return found;
 }
 
 int mapping_tagged(struct address_space *mapping, int tag) {
-  read_lock_irq(&mapping->tree_lock);
-  const int tagged = radix_tree_tagged(&mapping->page_tree, static_cast<unsigned>(tag));
-  read_unlock_irq(&mapping->tree_lock);
-  return tagged;
+  ReadGuard guard(mapping->tree_lock);
+  return radix_tree_tagged(&mapping->page_tree, static_cast<unsigned>(tag));
 }
 
 void pagevec_release(struct pagevec *pvec) {

@@ -8,6 +8,7 @@
 #include <linux/writeback.h>
 
 #include "ukern/mm/mm_internal.h"
+#include "ukern/sync/guard.h"
 
 atomic_t nr_file_dirty = ATOMIC_INIT(0);
 
@@ -15,13 +16,14 @@ int __set_page_dirty_nobuffers(struct page *page) {
   if (TestSetPageDirty(page)) return 0;
   struct address_space *mapping = page_mapping(page);
   if (!mapping) return 1;
-  write_lock_irq(&mapping->tree_lock);
-  if (page_mapping(page)) {  // not truncated since
-    BUG_ON(page_mapping(page) != mapping);
-    if (mapping_cap_account_dirty(mapping)) atomic_inc(&nr_file_dirty);
-    radix_tree_tag_set(&mapping->page_tree, page->index, PAGECACHE_TAG_DIRTY);
+  {
+    WriteGuard guard(mapping->tree_lock);
+    if (page_mapping(page)) {  // not truncated since
+      BUG_ON(page_mapping(page) != mapping);
+      if (mapping_cap_account_dirty(mapping)) atomic_inc(&nr_file_dirty);
+      radix_tree_tag_set(&mapping->page_tree, page->index, PAGECACHE_TAG_DIRTY);
+    }
   }
-  write_unlock_irq(&mapping->tree_lock);
   if (mapping->host) __mark_inode_dirty(mapping->host, I_DIRTY_PAGES);
   return 1;
 }
@@ -41,13 +43,12 @@ int set_page_dirty(struct page *page) {
 int test_clear_page_dirty(struct page *page) {
   struct address_space *mapping = page_mapping(page);
   if (!mapping) return TestClearPageDirty(page);
-  write_lock_irq(&mapping->tree_lock);
+  WriteGuard guard(mapping->tree_lock);
   const int was_dirty = TestClearPageDirty(page);
   if (was_dirty) {
     radix_tree_tag_clear(&mapping->page_tree, page->index, PAGECACHE_TAG_DIRTY);
     if (mapping_cap_account_dirty(mapping)) atomic_dec(&nr_file_dirty);
   }
-  write_unlock_irq(&mapping->tree_lock);
   return was_dirty;
 }
 
@@ -61,20 +62,18 @@ int clear_page_dirty_for_io(struct page *page) {
 int test_clear_page_writeback(struct page *page) {
   struct address_space *mapping = page_mapping(page);
   if (!mapping) return test_and_clear_bit(PG_writeback, &page->flags);
-  write_lock_irq(&mapping->tree_lock);
+  WriteGuard guard(mapping->tree_lock);
   const int was_set = test_and_clear_bit(PG_writeback, &page->flags);
   if (was_set) radix_tree_tag_clear(&mapping->page_tree, page->index, PAGECACHE_TAG_WRITEBACK);
-  write_unlock_irq(&mapping->tree_lock);
   return was_set;
 }
 
 int test_set_page_writeback(struct page *page) {
   struct address_space *mapping = page_mapping(page);
   if (!mapping) return test_and_set_bit(PG_writeback, &page->flags);
-  write_lock_irq(&mapping->tree_lock);
+  WriteGuard guard(mapping->tree_lock);
   const int was_set = test_and_set_bit(PG_writeback, &page->flags);
   if (!was_set) radix_tree_tag_set(&mapping->page_tree, page->index, PAGECACHE_TAG_WRITEBACK);
   if (!PageDirty(page)) radix_tree_tag_clear(&mapping->page_tree, page->index, PAGECACHE_TAG_DIRTY);
-  write_unlock_irq(&mapping->tree_lock);
   return was_set;
 }

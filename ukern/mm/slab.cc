@@ -13,6 +13,7 @@
 #include "ukern/mm/alloc_track.h"
 #include "ukern/mm/fault.h"
 #include "ukern/mm/slab.h"
+#include "ukern/sync/guard.h"
 #include "ukern/sync/lockcheck.h"
 #include "ukern/sync/report.h"
 
@@ -142,13 +143,12 @@ void kept_init(struct kmem_cache *cache) {
 
 void *take_kept(struct kmem_cache *cache) {
   if (cache->size < kLeastKept) return nullptr;
-  spin_lock(&cache->kept_lock);
+  SpinGuard guard(cache->kept_lock);
   struct kept_object *object = cache->kept;
   if (object) {
     cache->kept = object->next;
     cache->kept_bytes -= cache->size;
   }
-  spin_unlock(&cache->kept_lock);
   return object;
 }
 
@@ -156,14 +156,13 @@ void *take_kept(struct kmem_cache *cache) {
 bool keep(struct kmem_cache *cache, void *memory) {
   if (cache->size < kLeastKept) return false;
   auto *object = static_cast<struct kept_object *>(memory);
-  spin_lock(&cache->kept_lock);
+  SpinGuard guard(cache->kept_lock);
   const bool room = cache->kept_bytes < kKeptBytes;
   if (room) {
     object->next = cache->kept;
     cache->kept = object;
     cache->kept_bytes += cache->size;
   }
-  spin_unlock(&cache->kept_lock);
   return room;
 }
 
@@ -214,12 +213,13 @@ kmem_cache_t *kmem_cache_create(const char *name, size_t size, size_t align, uns
   atomic_set(&cache->objects, 0);
   kept_init(cache);
 
-  ukern_word_lock(&cache_word);
-  const bool taken = name_in_use(name);
-  if (!taken) list_add_tail(&cache->link, &caches);
-  ukern_word_unlock(&cache_word);
-  if (!taken) return cache;
-
+  {
+    WordGuard guard(cache_word);
+    if (!name_in_use(name)) {
+      list_add_tail(&cache->link, &caches);
+      return cache;
+    }
+  }
   host_free(cache);
   printk("kmem_cache_create: duplicate cache %s\n", name);
   if (flags & SLAB_PANIC) panic("kmem_cache_create(): failed to create slab `%s'", name);
@@ -233,9 +233,10 @@ int kmem_cache_destroy(kmem_cache_t *cache) {
     report_leak("as their cache is destroyed", cache->name, cache, (unsigned long)objects);
     return 1;
   }
-  ukern_word_lock(&cache_word);
-  list_del(&cache->link);
-  ukern_word_unlock(&cache_word);
+  {
+    WordGuard guard(cache_word);
+    list_del(&cache->link);
+  }
   cache_free(cache);
   return 0;
 }

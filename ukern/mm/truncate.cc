@@ -9,6 +9,7 @@
 #include <linux/signal.h>
 
 #include "ukern/mm/mm_internal.h"
+#include "ukern/sync/guard.h"
 
 void invalidate_page_private(struct page *page, unsigned long offset) {
   const auto *a_ops = page->mapping->a_ops;
@@ -49,11 +50,11 @@ void truncate_partial_page(struct address_space *mapping, pgoff_t index, unsigne
 int invalidate_complete_page(struct address_space *mapping, struct page *page) {
   if (page->mapping != mapping) return 0;
   if (PagePrivate(page) && !try_to_release_page(page, 0)) return 0;
-  write_lock_irq(&mapping->tree_lock);
-  const bool removed = !PageDirty(page) && page_count(page) == 2;
-  if (removed) __remove_from_page_cache(page);
-  write_unlock_irq(&mapping->tree_lock);
-  if (!removed) return 0;
+  {
+    WriteGuard guard(mapping->tree_lock);
+    if (PageDirty(page) || page_count(page) != 2) return 0;
+    __remove_from_page_cache(page);
+  }
   ClearPageUptodate(page);
   page_cache_release(page);  // the cache's
   return 1;

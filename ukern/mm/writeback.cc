@@ -16,6 +16,7 @@
 #include <asm/uaccess.h>
 
 #include "ukern/mm/mm_internal.h"
+#include "ukern/sync/guard.h"
 
 int dirty_background_ratio;
 int vm_dirty_ratio;
@@ -127,10 +128,8 @@ void become_flusher() {
 }
 
 bool has_work(worker *w) {
-  spin_lock_irq(&pool_lock);
-  const bool busy = w->fn != nullptr;
-  spin_unlock_irq(&pool_lock);
-  return busy;
+  SpinGuard guard(pool_lock);
+  return w->fn != nullptr;
 }
 
 int pdflush_thread(void *data) {
@@ -146,9 +145,8 @@ int pdflush_thread(void *data) {
     }
     __set_current_state(TASK_RUNNING);
     w->fn(w->arg);
-    spin_lock_irq(&pool_lock);
+    SpinGuard guard(pool_lock);
     w->fn = nullptr;
-    spin_unlock_irq(&pool_lock);
   }
   __set_current_state(TASK_RUNNING);
   return 0;
@@ -198,15 +196,16 @@ void balance_dirty_pages_ratelimited_nr(struct address_space *mapping,
 int pdflush_operation(void (*fn)(unsigned long), unsigned long arg0) {
   BUG_ON(!fn);
   struct task_struct *task = nullptr;
-  spin_lock_irq(&pool_lock);
-  for (worker &w : pool) {
-    if (!w.task || w.fn) continue;
-    w.fn = fn;
-    w.arg = arg0;
-    task = w.task;
-    break;
+  {
+    SpinGuard guard(pool_lock);
+    for (worker &w : pool) {
+      if (!w.task || w.fn) continue;
+      w.fn = fn;
+      w.arg = arg0;
+      task = w.task;
+      break;
+    }
   }
-  spin_unlock_irq(&pool_lock);
   if (!task) return -1;
   wake_up_process(task);
   return 0;
@@ -237,10 +236,9 @@ int writeback_threads_start(void) {
       writeback_threads_stop();
       return (int)PTR_ERR(task);
     }
-    spin_lock_irq(&pool_lock);
+    SpinGuard guard(pool_lock);
     w.task = task;
     nr_pdflush_threads++;
-    spin_unlock_irq(&pool_lock);
   }
   struct task_struct *task = kthread_run(kupdate_thread, nullptr, "kupdate");
   if (IS_ERR(task)) {
@@ -255,10 +253,12 @@ void writeback_threads_stop(void) {
   if (kupdate_task) kthread_stop(kupdate_task);
   kupdate_task = nullptr;
   for (worker &w : pool) {
-    spin_lock_irq(&pool_lock);
-    struct task_struct *task = w.task;
-    w.task = nullptr;
-    spin_unlock_irq(&pool_lock);
+    struct task_struct *task;
+    {
+      SpinGuard guard(pool_lock);
+      task = w.task;
+      w.task = nullptr;
+    }
     if (task) kthread_stop(task);
   }
   nr_pdflush_threads = 0;

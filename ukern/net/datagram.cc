@@ -10,15 +10,14 @@
 #include <linux/wait.h>
 #include <net/sock.h>
 
+#include "ukern/sync/guard.h"
+
 // Why a receiver that found nothing goes on or stops.
 enum class WaitResult { kLookAgain, kStop };
 
 static bool receive_queue_empty(struct sock *sk) {
-  unsigned long flags;
-  spin_lock_irqsave(&sk->sk_receive_queue.lock, flags);
-  const bool empty = skb_queue_empty(&sk->sk_receive_queue);
-  spin_unlock_irqrestore(&sk->sk_receive_queue.lock, flags);
-  return empty;
+  SpinGuard guard(sk->sk_receive_queue.lock);
+  return skb_queue_empty(&sk->sk_receive_queue);
 }
 
 // The reason not to sleep, looked for after the receiver has been put on the wait queue. True:
@@ -55,11 +54,9 @@ static WaitResult wait_for_packet(struct sock *sk, int *err, long *timeo) {
 }
 
 static struct sk_buff *peek_datagram(struct sock *sk) {
-  unsigned long flags;
-  spin_lock_irqsave(&sk->sk_receive_queue.lock, flags);
+  SpinGuard guard(sk->sk_receive_queue.lock);
   struct sk_buff *skb = skb_peek(&sk->sk_receive_queue);
   if (skb) skb_get(skb);
-  spin_unlock_irqrestore(&sk->sk_receive_queue.lock, flags);
   return skb;
 }
 

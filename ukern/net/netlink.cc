@@ -19,6 +19,7 @@
 #include <net/sock.h>
 
 #include "ukern/net/net.h"
+#include "ukern/sync/guard.h"
 
 static_assert(sizeof(struct netlink_skb_parms) <= sizeof(sk_buff::cb), "the parameters fit in cb");
 
@@ -69,10 +70,9 @@ static struct sock *netlink_find_locked(int unit, u32 pid) {
 
 // The socket at a port with a reference, or null.
 static struct sock *netlink_lookup(int unit, u32 pid) {
-  read_lock(&nl_table_lock);
+  ReadGuard guard(nl_table_lock);
   struct sock *sk = netlink_find_locked(unit, pid);
   if (sk) sock_hold(sk);
-  read_unlock(&nl_table_lock);
   return sk;
 }
 
@@ -80,7 +80,7 @@ static struct sock *netlink_lookup(int unit, u32 pid) {
 static int netlink_insert(struct sock *sk, u32 pid) {
   int err = 0;
   might_sleep();
-  write_lock_irq(&nl_table_lock);
+  WriteGuard guard(nl_table_lock);
   if (netlink_find_locked(sk->sk_protocol, pid)) {
     err = -EADDRINUSE;
   } else if (nlk_sk(sk)->pid) {
@@ -90,17 +90,17 @@ static int netlink_insert(struct sock *sk, u32 pid) {
     sock_hold(sk);
     hlist_add_head(&sk->sk_node, &nl_table[sk->sk_protocol].socks);
   }
-  write_unlock_irq(&nl_table_lock);
   return err;
 }
 
 static void netlink_remove(struct sock *sk) {
   might_sleep();
-  write_lock_irq(&nl_table_lock);
-  const bool hashed = !hlist_unhashed(&sk->sk_node);
-  if (hashed) hlist_del_init(&sk->sk_node);
-  write_unlock_irq(&nl_table_lock);
-  if (hashed) sock_put(sk);
+  {
+    WriteGuard guard(nl_table_lock);
+    if (hlist_unhashed(&sk->sk_node)) return;
+    hlist_del_init(&sk->sk_node);
+  }
+  sock_put(sk);
 }
 
 static int netlink_autobind(struct socket *sock) {
@@ -109,15 +109,14 @@ static int netlink_autobind(struct socket *sock) {
   s32 pid = current->tgid;
   for (;;) {
     cond_resched();
-    write_lock_irq(&nl_table_lock);
-    const bool taken = netlink_find_locked(sk->sk_protocol, pid);
-    if (taken) {
-      pid = rover--;
-      if (rover > -4097) rover = -4097;
+    {
+      WriteGuard guard(nl_table_lock);
+      if (netlink_find_locked(sk->sk_protocol, pid)) {
+        pid = rover--;
+        if (rover > -4097) rover = -4097;
+        continue;
+      }
     }
-    write_unlock_irq(&nl_table_lock);
-    if (taken) continue;
-
     const int err = netlink_insert(sk, pid);
     if (err == -EADDRINUSE) continue;
     return err == -EBUSY ? 0 : err;  // two that bind one socket at once: either will do
@@ -152,10 +151,11 @@ int ukern::netlink_create(struct socket *sock, int protocol) {
   if (protocol < 0 || protocol >= MAX_LINKS) return -EPROTONOSUPPORT;
 
   struct module *module = nullptr;
-  read_lock(&nl_table_lock);
-  if (nl_table[protocol].registered && try_module_get(nl_table[protocol].module))
-    module = nl_table[protocol].module;
-  read_unlock(&nl_table_lock);
+  {
+    ReadGuard guard(nl_table_lock);
+    if (nl_table[protocol].registered && try_module_get(nl_table[protocol].module))
+      module = nl_table[protocol].module;
+  }
 
   const int err = __netlink_create(sock, protocol);
   if (err) {
@@ -186,10 +186,9 @@ static int netlink_release(struct socket *sock) {
 static int netlink_kernel_release(struct socket *sock) {
   if (sock->sk) {
     struct netlink_unit *unit = &nl_table[sock->sk->sk_protocol];
-    write_lock_irq(&nl_table_lock);
+    WriteGuard guard(nl_table_lock);
     unit->module = nullptr;
     unit->registered = 0;
-    write_unlock_irq(&nl_table_lock);
   }
   return netlink_release(sock);
 }
@@ -333,10 +332,11 @@ extern "C" int netlink_unicast(struct sock *ssk, struct sk_buff *skb, u32 pid, i
 
 void ukern::netlink_rcv_wake(struct sock *sk) {
   struct netlink_sock *nlk = nlk_sk(sk);
-  unsigned long flags;
-  spin_lock_irqsave(&sk->sk_receive_queue.lock, flags);
-  const bool empty = skb_queue_empty(&sk->sk_receive_queue);
-  spin_unlock_irqrestore(&sk->sk_receive_queue.lock, flags);
+  bool empty;
+  {
+    SpinGuard guard(sk->sk_receive_queue.lock);
+    empty = skb_queue_empty(&sk->sk_receive_queue);
+  }
   if (empty) clear_bit(kCongested, &nlk->state);
   if (!test_bit(kCongested, &nlk->state)) wake_up_interruptible(&nlk->wait);
 }
@@ -463,9 +463,8 @@ extern "C" struct sock *netlink_kernel_create(int unit, unsigned int,
   }
   sock->ops = &netlink_kernel_ops;
 
-  write_lock_irq(&nl_table_lock);
+  WriteGuard guard(nl_table_lock);
   nl_table[unit].module = module;
   nl_table[unit].registered = 1;
-  write_unlock_irq(&nl_table_lock);
   return sk;
 }

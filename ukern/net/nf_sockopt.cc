@@ -9,6 +9,8 @@
 #include <linux/sched.h>
 #include <net/sock.h>
 
+#include "ukern/sync/guard.h"
+
 // Protects the list and the `use` and `cleanup_task` of what is on it. Not held while a handler
 // runs.
 static DEFINE_MUTEX(nf_sockopt_mutex);
@@ -52,17 +54,29 @@ static int nf_sockopt(struct sock *sk, int pf, int optval, char __user *opt, int
   if (lock_unless_signalled()) return -EINTR;
   struct nf_sockopt_ops *ops = find_ops_locked(pf, optval, direction);
   if (ops) ops->use++;
-  mutex_unlock(&nf_sockopt_mutex);
+  mutex_unlock(&nf_sockopt_mutex);  // hand-over: from lock_unless_signalled
   if (!ops) return -ENOPROTOOPT;
 
   const int ret = direction == Direction::kGet ? ops->get(sk, optval, opt, len)
                                                : ops->set(sk, optval, opt, *len);
 
-  mutex_lock(&nf_sockopt_mutex);
+  MutexGuard guard(nf_sockopt_mutex);
   ops->use--;
   if (ops->cleanup_task) wake_up_process(ops->cleanup_task);
-  mutex_unlock(&nf_sockopt_mutex);
   return ret;
+}
+
+// False when calls are inside: then this task is about to sleep.
+static bool unlist_if_idle(struct nf_sockopt_ops *ops) {
+  MutexGuard guard(nf_sockopt_mutex);
+  if (ops->use == 0) {
+    list_del(&ops->list);
+    return true;
+  }
+  // The last call inside wakes this task; before the mutex is free it cannot have done so.
+  set_current_state(TASK_UNINTERRUPTIBLE);
+  ops->cleanup_task = current;
+  return false;
 }
 
 extern "C" {
@@ -77,22 +91,12 @@ int nf_register_sockopt(struct nf_sockopt_ops *reg) {
     break;
   }
   if (!ret) list_add(&reg->list, &nf_sockopts);
-  mutex_unlock(&nf_sockopt_mutex);
+  mutex_unlock(&nf_sockopt_mutex);  // hand-over: from lock_unless_signalled
   return ret;
 }
 
 void nf_unregister_sockopt(struct nf_sockopt_ops *reg) {
-  for (;;) {
-    mutex_lock(&nf_sockopt_mutex);
-    if (reg->use == 0) break;
-    // The last call inside wakes this task; before the mutex is free it cannot have done so.
-    set_current_state(TASK_UNINTERRUPTIBLE);
-    reg->cleanup_task = current;
-    mutex_unlock(&nf_sockopt_mutex);
-    schedule();
-  }
-  list_del(&reg->list);
-  mutex_unlock(&nf_sockopt_mutex);
+  while (!unlist_if_idle(reg)) schedule();
 }
 
 int nf_setsockopt(struct sock *sk, int pf, int optval, char __user *opt, int len) {

@@ -8,6 +8,7 @@
 #include <linux/string.h>
 
 #include "ukern/net/net.h"
+#include "ukern/sync/guard.h"
 
 // Room for a page and a few bytes in front of it, as most of what is sent has it.
 static constexpr unsigned kPageRoom = SKB_DATA_ALIGN(PAGE_SIZE + 1);
@@ -118,40 +119,28 @@ void skb_under_panic(struct sk_buff *skb, int len, void *here) {
 }
 
 struct sk_buff *skb_dequeue(struct sk_buff_head *list) {
-  unsigned long flags;
-  spin_lock_irqsave(&list->lock, flags);
-  struct sk_buff *skb = __skb_dequeue(list);
-  spin_unlock_irqrestore(&list->lock, flags);
-  return skb;
+  SpinGuard guard(list->lock);
+  return __skb_dequeue(list);
 }
 
 struct sk_buff *skb_dequeue_tail(struct sk_buff_head *list) {
-  unsigned long flags;
-  spin_lock_irqsave(&list->lock, flags);
-  struct sk_buff *skb = __skb_dequeue_tail(list);
-  spin_unlock_irqrestore(&list->lock, flags);
-  return skb;
+  SpinGuard guard(list->lock);
+  return __skb_dequeue_tail(list);
 }
 
 void skb_queue_head(struct sk_buff_head *list, struct sk_buff *newsk) {
-  unsigned long flags;
-  spin_lock_irqsave(&list->lock, flags);
+  SpinGuard guard(list->lock);
   __skb_queue_head(list, newsk);
-  spin_unlock_irqrestore(&list->lock, flags);
 }
 
 void skb_queue_tail(struct sk_buff_head *list, struct sk_buff *newsk) {
-  unsigned long flags;
-  spin_lock_irqsave(&list->lock, flags);
+  SpinGuard guard(list->lock);
   __skb_queue_tail(list, newsk);
-  spin_unlock_irqrestore(&list->lock, flags);
 }
 
 void skb_unlink(struct sk_buff *skb, struct sk_buff_head *list) {
-  unsigned long flags;
-  spin_lock_irqsave(&list->lock, flags);
+  SpinGuard guard(list->lock);
   __skb_unlink(skb, list);
-  spin_unlock_irqrestore(&list->lock, flags);
 }
 
 void skb_queue_purge(struct sk_buff_head *list) {

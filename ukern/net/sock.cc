@@ -9,6 +9,8 @@
 #include <linux/wait.h>
 #include <net/sock.h>
 
+#include "ukern/sync/guard.h"
+
 // 256 small messages with their overhead.
 static constexpr __u32 kDefaultQueueBytes = 256 * (sizeof(struct sk_buff) + 256);
 
@@ -43,9 +45,8 @@ void sock_rfree(struct sk_buff *skb) {
 }
 
 static void sock_wake_receiver(struct sock *sk) {
-  read_lock(&sk->sk_callback_lock);
+  ReadGuard guard(sk->sk_callback_lock);
   if (sk->sk_sleep && waitqueue_active(sk->sk_sleep)) wake_up_interruptible(sk->sk_sleep);
-  read_unlock(&sk->sk_callback_lock);
 }
 
 static void sock_def_readable(struct sock *sk, int) {

@@ -7,6 +7,7 @@
 
 #include "ukern/host/host.h"
 #include "ukern/sched/task.h"
+#include "ukern/sync/guard.h"
 #include "ukern/sync/lockcheck.h"
 
 struct ukern_kthread {
@@ -137,15 +138,17 @@ void daemonize(const char *name, ...) {
   struct task_struct *task = current;
   va_list args;
   va_start(args, name);
-  task_lock(task);
-  vsnprintf(task->comm, sizeof(task->comm), name, args);
-  task_unlock(task);
+  {
+    SpinGuard guard(task->alloc_lock);
+    vsnprintf(task->comm, sizeof(task->comm), name, args);
+  }
   va_end(args);
 
-  spin_lock(&task->sighand->siglock);
-  sigfillset(&task->blocked);
-  recalc_sigpending();
-  spin_unlock(&task->sighand->siglock);
+  {
+    SpinGuard guard(task->sighand->siglock);
+    sigfillset(&task->blocked);
+    recalc_sigpending();
+  }
   flush_signals(task);
 }
 }

@@ -6,9 +6,10 @@
 #include <linux/mutex.h>
 #include <linux/string.h>
 
-#include "ukern/sched/module.h"
 #include "ukern/door/module_table.h"
+#include "ukern/sched/module.h"
 #include "ukern/sched/task.h"
+#include "ukern/sync/guard.h"
 #include "ukern/sync/report.h"
 
 namespace {
@@ -32,17 +33,15 @@ int find(const char *name) {
 }
 
 void set_state(enum module_state state) {
-  spin_lock(&module_lock);
+  SpinGuard guard(module_lock);
   __this_module.state = state;
-  spin_unlock(&module_lock);
 }
 
 // False when somebody uses the module.
 bool start_going() {
-  spin_lock(&module_lock);
+  SpinGuard guard(module_lock);
   const bool idle = __this_module.refcnt == 0;
   if (idle) __this_module.state = MODULE_STATE_GOING;
-  spin_unlock(&module_lock);
   return idle;
 }
 
@@ -76,51 +75,44 @@ struct module __this_module;
 
 int try_module_get(struct module *module) {
   if (!module) return 1;
-  spin_lock(&module_lock);
+  SpinGuard guard(module_lock);
   const bool live = module_is_live(module);
   if (live) module->refcnt++;
-  spin_unlock(&module_lock);
   return live;
 }
 
 void __module_get(struct module *module) {
   if (!module) return;
-  spin_lock(&module_lock);
+  SpinGuard guard(module_lock);
   BUG_ON(module->refcnt == 0);
   module->refcnt++;
-  spin_unlock(&module_lock);
 }
 
 void module_put(struct module *module) {
   if (!module) return;
-  spin_lock(&module_lock);
+  SpinGuard guard(module_lock);
   BUG_ON(module->refcnt == 0);
   module->refcnt--;
-  spin_unlock(&module_lock);
 }
 
 int load_builtin_module(const char *name) {
   KernelTaskScope scope("insmod");
   const int index = find(name);
   if (index < 0) return index;
-  mutex_lock(&load_mutex);
-  const int result = load_locked((unsigned)index);
-  mutex_unlock(&load_mutex);
-  return result;
+  MutexGuard guard(load_mutex);
+  return load_locked((unsigned)index);
 }
 
 int unload_builtin_module(const char *name) {
   KernelTaskScope scope("rmmod");
   const int index = find(name);
   if (index < 0) return index;
-  mutex_lock(&load_mutex);
-  const int result = unload_locked((unsigned)index);
-  mutex_unlock(&load_mutex);
-  return result;
+  MutexGuard guard(load_mutex);
+  return unload_locked((unsigned)index);
 }
 
 void ukern_modules_exit(void) {
-  mutex_lock(&load_mutex);
+  MutexGuard guard(load_mutex);
   for (unsigned i = 0; i < kModules && table()[i].name; i++) {
     if (unload_locked(i) == -EWOULDBLOCK)
       report_end(report_begin("module %s is still in use at shutdown, with %d references",
@@ -128,6 +120,5 @@ void ukern_modules_exit(void) {
     loaded[i] = false;
   }
   __this_module.refcnt = 0;
-  mutex_unlock(&load_mutex);
 }
 }

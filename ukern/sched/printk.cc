@@ -8,6 +8,7 @@
 
 #include "ukern/host/host.h"
 #include "ukern/sched/printk.h"
+#include "ukern/sync/guard.h"
 
 namespace {
 
@@ -135,9 +136,10 @@ int vprintk(const char *fmt, va_list args) {
   int printed = vscnprintf(text, sizeof(text), fmt, args);
   escape(fmt, text, sizeof(text));
   bool line_ended = false;
-  ukern_word_lock(&log_word);
-  printed += add_text(text, &line_ended);
-  ukern_word_unlock(&log_word);
+  {
+    WordGuard guard(log_word);
+    printed += add_text(text, &line_ended);
+  }
   if (line_ended) {
     __atomic_add_fetch(&log_version, 1, __ATOMIC_RELEASE);
     host_wake(&log_version, INT_MAX);
@@ -158,32 +160,31 @@ int printk_ratelimit(void) {
   const unsigned long per_line = 5 * HZ, most = 10 * per_line;
   unsigned long told = 0;
 
-  ukern_word_lock(&log_word);
-  const unsigned long now = jiffies;
-  saved_ticks = limited ? min(saved_ticks + (now - limited_at), most) : most;
-  limited = true;
-  limited_at = now;
-  const bool may = saved_ticks >= per_line;
-  if (may) {
+  {
+    WordGuard guard(log_word);
+    const unsigned long now = jiffies;
+    saved_ticks = limited ? min(saved_ticks + (now - limited_at), most) : most;
+    limited = true;
+    limited_at = now;
+    if (saved_ticks < per_line) {
+      suppressed++;
+      return 0;
+    }
     saved_ticks -= per_line;
     told = suppressed;
     suppressed = 0;
-  } else {
-    suppressed++;
   }
-  ukern_word_unlock(&log_word);
   if (told) printk(KERN_WARNING "printk: %lu messages suppressed.\n", told);
-  return may;
+  return 1;
 }
 
 void ukern_printk_reset(void) {
-  ukern_word_lock(&log_word);
+  WordGuard guard(log_word);
   first_line = next_line = next_byte = 0;
   partial_len = 0;
   at_line_start = true;
   limited = false;
   suppressed = 0;
-  ukern_word_unlock(&log_word);
 }
 
 int klog_read(unsigned long long from, unsigned wait_ms, struct klog_line *line, char *text,
@@ -191,10 +192,10 @@ int klog_read(unsigned long long from, unsigned wait_ms, struct klog_line *line,
   const long long deadline = host_clock_ns() + wait_ms * 1000000LL;
   for (;;) {
     const unsigned int version = __atomic_load_n(&log_version, __ATOMIC_ACQUIRE);
-    ukern_word_lock(&log_word);
-    const bool found = take_line(from, line, text, size);
-    ukern_word_unlock(&log_word);
-    if (found) return 1;
+    {
+      WordGuard guard(log_word);
+      if (take_line(from, line, text, size)) return 1;
+    }
     const long long left = deadline - host_clock_ns();
     if (left <= 0) return 0;
     host_wait(&log_version, version, left);

@@ -4,6 +4,7 @@
 #include <linux/sched.h>
 
 #include "ukern/sched/task.h"
+#include "ukern/sync/guard.h"
 
 namespace {
 
@@ -29,16 +30,17 @@ bool ignores(const struct task_struct *task, int sig) {
 
 extern "C" int ukern_task_signal(struct task_struct *task, int sig) {
   int result = 0;
-  spin_lock(&task->sighand->siglock);
-  task->signals_seen |= sigmask(sig);
-  if (task->deliver) {
-    // Under the lock, so that no call is under way once another handler has been set.
-    result = task->deliver(task->deliver_arg, sig);
-  } else if (!ignores(task, sig)) {
-    sigaddset(&task->pending.signal, sig);
-    update_pending(task);
+  {
+    SpinGuard guard(task->sighand->siglock);
+    task->signals_seen |= sigmask(sig);
+    if (task->deliver) {
+      // Under the lock, so that no call is under way once another handler has been set.
+      result = task->deliver(task->deliver_arg, sig);
+    } else if (!ignores(task, sig)) {
+      sigaddset(&task->pending.signal, sig);
+      update_pending(task);
+    }
   }
-  spin_unlock(&task->sighand->siglock);
   if (signal_pending(task)) wake_up_state(task, TASK_INTERRUPTIBLE);
   return result;
 }
@@ -48,7 +50,7 @@ namespace {
 // A task with this id and a reference, one with a handler before one without; null for none.
 struct task_struct *target_of(pid_t pid) {
   struct task_struct *found = nullptr;
-  read_lock(&tasklist_lock);
+  ReadGuard guard(tasklist_lock);
   struct task_struct *task = find_task_by_pid(pid);
   struct hlist_node *node = task ? &task->pid_link : nullptr;
   for (; node; node = node->next) {
@@ -61,7 +63,6 @@ struct task_struct *target_of(pid_t pid) {
     if (found) atomic_dec(&found->usage);
     found = task;
   }
-  read_unlock(&tasklist_lock);
   return found;
 }
 
@@ -74,15 +75,14 @@ void recalc_sigpending(void) {
 }
 
 void flush_signals(struct task_struct *task) {
-  spin_lock(&task->sighand->siglock);
+  SpinGuard guard(task->sighand->siglock);
   sigemptyset(&task->pending.signal);
   update_pending(task);
-  spin_unlock(&task->sighand->siglock);
 }
 
 int sigprocmask(int how, sigset_t *set, sigset_t *oldset) {
   int error = 0;
-  spin_lock_irq(&current->sighand->siglock);
+  SpinGuard guard(current->sighand->siglock);
   if (oldset) *oldset = current->blocked;
   unsigned long *blocked = &current->blocked.sig[0];
   if (how == SIG_BLOCK)
@@ -94,7 +94,6 @@ int sigprocmask(int how, sigset_t *set, sigset_t *oldset) {
   else
     error = -EINVAL;
   recalc_sigpending();
-  spin_unlock_irq(&current->sighand->siglock);
   return error;
 }
 
@@ -115,10 +114,9 @@ int kill_proc(pid_t pid, int sig, int priv) {
 
 int allow_signal(int sig) {
   if (sig < 1 || !valid_signal((unsigned long)sig)) return -EINVAL;
-  spin_lock(&current->sighand->siglock);
+  SpinGuard guard(current->sighand->siglock);
   sigdelset(&current->blocked, sig);
   recalc_sigpending();
-  spin_unlock(&current->sighand->siglock);
   return 0;
 }
 }

@@ -9,6 +9,7 @@
 #include <asm/uaccess.h>
 
 #include "ukern/mm/fault.h"
+#include "ukern/sync/guard.h"
 #include "ukern/sync/report.h"
 #include "ukern/vfs/exec.h"
 
@@ -83,17 +84,15 @@ void ukern_task_setup(struct task_struct *task, pid_t pid, const char *name) {
 }
 
 void ukern_task_hash(struct task_struct *task) {
-  write_lock(&tasklist_lock);
+  WriteGuard guard(tasklist_lock);
   hlist_add_head(&task->pid_link, pid_bucket(task->pid));
   list_add_tail(&task->task_link, &all_tasks);
-  write_unlock(&tasklist_lock);
 }
 
 void ukern_task_unhash(struct task_struct *task) {
-  write_lock(&tasklist_lock);
+  WriteGuard guard(tasklist_lock);
   hlist_del_init(&task->pid_link);
   list_del_init(&task->task_link);
-  write_unlock(&tasklist_lock);
 }
 
 struct task_struct *ukern_task_alloc(const char *name) {
@@ -132,13 +131,16 @@ int ukern_task_set_exe(struct task_struct *task, const char *exe) {
     copy = kstrdup(exe, GFP_KERNEL);
     if (!copy) return -ENOMEM;
   }
-  task_lock(task);
-  char *old_exe = task->exe;
-  struct mm_struct *old_mm = task->mm;
-  task->exe = copy;
-  task->mm = nullptr;
-  if (exe) set_comm_from_path(task, exe);
-  task_unlock(task);
+  char *old_exe;
+  struct mm_struct *old_mm;
+  {
+    SpinGuard guard(task->alloc_lock);
+    old_exe = task->exe;
+    old_mm = task->mm;
+    task->exe = copy;
+    task->mm = nullptr;
+    if (exe) set_comm_from_path(task, exe);
+  }
   kfree(old_exe);
   if (old_mm) mmput(old_mm);
   return 0;
@@ -158,10 +160,12 @@ static void find_exe(struct task_struct *task) {
 struct mm_struct *get_task_mm(struct task_struct *task) {
   might_sleep();
   if (task->find_exe) find_exe(task);
-  task_lock(task);
-  struct mm_struct *mm = task->mm;
-  if (mm) atomic_inc(&mm->mm_users);
-  task_unlock(task);
+  struct mm_struct *mm;
+  {
+    SpinGuard guard(task->alloc_lock);
+    mm = task->mm;
+    if (mm) atomic_inc(&mm->mm_users);
+  }
   if (mm || !task->exe) return mm;
 
   // In a kernel the map is there from the start, so making it must not show: no fault points.
@@ -169,15 +173,16 @@ struct mm_struct *get_task_mm(struct task_struct *task) {
   struct mm_struct *made = ukern_exec_mm(task->exe);
   fault_resume();
   if (!made) return nullptr;
-  task_lock(task);
   struct mm_struct *lost = nullptr;
-  if (task->mm)
-    lost = made;
-  else
-    task->mm = made;
-  mm = task->mm;
-  atomic_inc(&mm->mm_users);
-  task_unlock(task);
+  {
+    SpinGuard guard(task->alloc_lock);
+    if (task->mm)
+      lost = made;
+    else
+      task->mm = made;
+    mm = task->mm;
+    atomic_inc(&mm->mm_users);
+  }
   if (lost) mmput(lost);
   return mm;
 }

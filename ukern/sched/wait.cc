@@ -4,6 +4,8 @@
 #include <linux/sched.h>
 #include <linux/wait.h>
 
+#include "ukern/sync/guard.h"
+
 namespace {
 
 // Entries that are not exclusive come first, so all of them are woken, and of the others `nr` (0:
@@ -17,13 +19,13 @@ void wake_locked(wait_queue_head_t *q, unsigned int mode, int nr, int sync, void
 }
 
 void wake(wait_queue_head_t *q, unsigned int mode, int nr, int sync, void *key) {
-  spin_lock(&q->lock);
+  SpinGuard guard(q->lock);
   wake_locked(q, mode, nr, sync, key);
-  spin_unlock(&q->lock);
 }
 
 void prepare(wait_queue_head_t *q, wait_queue_t *wait, int state, bool exclusive) {
-  spin_lock(&q->lock);  // before the flags too: after a first round the entry is still in the queue
+  // Before the flags too: after a first round the entry is still in the queue.
+  SpinGuard guard(q->lock);
   if (exclusive)
     wait->flags |= WQ_FLAG_EXCLUSIVE;
   else
@@ -36,7 +38,6 @@ void prepare(wait_queue_head_t *q, wait_queue_t *wait, int state, bool exclusive
   }
   // After the entry, so that a wake-up that does not see the entry comes before the caller's test.
   if (is_sync_wait(wait)) set_current_state(state);
-  spin_unlock(&q->lock);
 }
 
 // Waits until `done` is above 0 and takes one: jiffies left, 0 for a time-out, or -ERESTARTSYS.
@@ -44,7 +45,7 @@ void prepare(wait_queue_head_t *q, wait_queue_t *wait, int state, bool exclusive
 // already is taken whatever the time-out.
 long wait_done(struct completion *x, int state, long timeout) {
   might_sleep();
-  spin_lock(&x->wait.lock);
+  SpinGuard guard(x->wait.lock);
   bool is_done = true;
   if (!x->done) {
     DECLARE_WAITQUEUE(wait, current);
@@ -56,22 +57,20 @@ long wait_done(struct completion *x, int state, long timeout) {
         break;
       }
       __set_current_state(state);
-      spin_unlock(&x->wait.lock);
+      SpinPause meanwhile(x->wait.lock);
       timeout = schedule_timeout(timeout);
-      spin_lock(&x->wait.lock);
     } while (!x->done && timeout);
     __remove_wait_queue(&x->wait, &wait);
     is_done = timeout > 0;
   }
   if (is_done) x->done--;
-  spin_unlock(&x->wait.lock);
   return timeout;
 }
 
 int down_state(struct semaphore *sem, int state) {
   might_sleep();
   int result = 0;
-  spin_lock(&sem->wait.lock);
+  SpinGuard guard(sem->wait.lock);
   if (sem->count <= 0) {
     DECLARE_WAITQUEUE(wait, current);
     wait.flags |= WQ_FLAG_EXCLUSIVE;
@@ -82,9 +81,8 @@ int down_state(struct semaphore *sem, int state) {
         break;
       }
       __set_current_state(state);
-      spin_unlock(&sem->wait.lock);
+      SpinPause meanwhile(sem->wait.lock);
       schedule();
-      spin_lock(&sem->wait.lock);
     }
     __remove_wait_queue(&sem->wait, &wait);
   }
@@ -93,7 +91,6 @@ int down_state(struct semaphore *sem, int state) {
   // one.
   if (sem->count > 0)
     wake_locked(&sem->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, nullptr);
-  spin_unlock(&sem->wait.lock);
   return result;
 }
 
@@ -118,15 +115,13 @@ int autoremove_wake_function(wait_queue_t *wait, unsigned mode, int sync, void *
 
 void add_wait_queue(wait_queue_head_t *q, wait_queue_t *wait) {
   wait->flags &= ~(unsigned)WQ_FLAG_EXCLUSIVE;
-  spin_lock(&q->lock);
+  SpinGuard guard(q->lock);
   __add_wait_queue(q, wait);
-  spin_unlock(&q->lock);
 }
 
 void remove_wait_queue(wait_queue_head_t *q, wait_queue_t *wait) {
-  spin_lock(&q->lock);
+  SpinGuard guard(q->lock);
   __remove_wait_queue(q, wait);
-  spin_unlock(&q->lock);
 }
 
 void __wake_up(wait_queue_head_t *q, unsigned int mode, int nr, void *key) {
@@ -153,9 +148,8 @@ void finish_wait(wait_queue_head_t *q, wait_queue_t *wait) {
   __set_current_state(TASK_RUNNING);
   // Always with the lock: the waker may still be at work on the entry, which is on this task's
   // stack.
-  spin_lock(&q->lock);
+  SpinGuard guard(q->lock);
   if (!list_empty(&wait->task_list)) list_del_init(&wait->task_list);
-  spin_unlock(&q->lock);
 }
 
 void wait_for_completion(struct completion *x) {
@@ -177,17 +171,15 @@ unsigned long wait_for_completion_interruptible_timeout(struct completion *x,
 }
 
 void complete(struct completion *x) {
-  spin_lock(&x->wait.lock);
+  SpinGuard guard(x->wait.lock);
   x->done++;
   wake_locked(&x->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, nullptr);
-  spin_unlock(&x->wait.lock);
 }
 
 void complete_all(struct completion *x) {
-  spin_lock(&x->wait.lock);
+  SpinGuard guard(x->wait.lock);
   x->done += UINT_MAX / 2;
   wake_locked(&x->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 0, 0, nullptr);
-  spin_unlock(&x->wait.lock);
 }
 
 void down(struct semaphore *sem) {
@@ -195,17 +187,15 @@ void down(struct semaphore *sem) {
 }
 
 int down_trylock(struct semaphore *sem) {
-  spin_lock(&sem->wait.lock);
+  SpinGuard guard(sem->wait.lock);
   const bool taken = sem->count > 0;
   if (taken) sem->count--;
-  spin_unlock(&sem->wait.lock);
   return !taken;
 }
 
 void up(struct semaphore *sem) {
-  spin_lock(&sem->wait.lock);
+  SpinGuard guard(sem->wait.lock);
   sem->count++;
   wake_locked(&sem->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, nullptr);
-  spin_unlock(&sem->wait.lock);
 }
 }

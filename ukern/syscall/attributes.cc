@@ -8,6 +8,7 @@
 #include <linux/namei.h>
 #include <linux/sched.h>
 #include <linux/stat.h>
+#include "ukern/sync/guard.h"
 #include "ukern/syscall/syscall.h"
 
 namespace {
@@ -18,11 +19,8 @@ bool is_change_refused(struct inode *inode, int *error) {
 }
 
 int change_locked(struct dentry *dentry, struct iattr *attr) {
-  struct mutex *lock = &dentry->d_inode->i_mutex;
-  mutex_lock(lock);
-  const int error = notify_change(dentry, attr);
-  mutex_unlock(lock);
-  return error;
+  MutexGuard guard(dentry->d_inode->i_mutex);
+  return notify_change(dentry, attr);
 }
 
 // A nameidata for the operations that take one, on an object already found; shares the path's
@@ -67,12 +65,10 @@ int chmod_at(const struct walk_path *path, mode_t mode) {
   int error;
   if (is_change_refused(inode, &error)) return error;
   struct iattr attr = {};
-  mutex_lock(&inode->i_mutex);
+  MutexGuard guard(inode->i_mutex);
   attr.ia_mode = (mode & S_IALLUGO) | (inode->i_mode & ~S_IALLUGO);
   attr.ia_valid = ATTR_MODE | ATTR_CTIME;
-  error = notify_change(path->dentry, &attr);
-  mutex_unlock(&inode->i_mutex);
-  return error;
+  return notify_change(path->dentry, &attr);
 }
 
 int chown_at(const struct walk_path *path, uid_t user, gid_t group) {

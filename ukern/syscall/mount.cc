@@ -12,27 +12,29 @@
 #include <linux/slab.h>
 #include <linux/string.h>
 
+#include "ukern/sync/guard.h"
 #include "ukern/vfs/mount_internal.h"
 #include "ukern/vfs/super_internal.h"
 
 int do_add_mount(struct vfsmount *newmnt, struct nameidata *nd, int mnt_flags, struct list_head *) {
   int err;
 
-  down_write(&namespace_sem);
-  // Something may have been mounted here meanwhile.
-  while (d_mountpoint(nd->dentry) && follow_down(&nd->mnt, &nd->dentry)) {
+  {
+    ExclusiveGuard guard(namespace_sem);
+    // Something may have been mounted here meanwhile.
+    while (d_mountpoint(nd->dentry) && follow_down(&nd->mnt, &nd->dentry)) {
+    }
+    if (!mnt_is_attached(nd->mnt)) {
+      err = -EINVAL;
+    } else if (nd->mnt->mnt_sb == newmnt->mnt_sb && nd->mnt->mnt_root == nd->dentry) {
+      err = -EBUSY;  // the same file system on the same place
+    } else if (S_ISLNK(newmnt->mnt_root->d_inode->i_mode)) {
+      err = -EINVAL;
+    } else {
+      newmnt->mnt_flags = mnt_flags;
+      err = graft_tree(newmnt, nd);
+    }
   }
-  if (!mnt_is_attached(nd->mnt)) {
-    err = -EINVAL;
-  } else if (nd->mnt->mnt_sb == newmnt->mnt_sb && nd->mnt->mnt_root == nd->dentry) {
-    err = -EBUSY;  // the same file system on the same place
-  } else if (S_ISLNK(newmnt->mnt_root->d_inode->i_mode)) {
-    err = -EINVAL;
-  } else {
-    newmnt->mnt_flags = mnt_flags;
-    err = graft_tree(newmnt, nd);
-  }
-  up_write(&namespace_sem);
   if (err) mntput(newmnt);
   return err;
 }
@@ -72,13 +74,14 @@ static int do_loopback(struct nameidata *nd, const char *old_name) {
   err = path_lookup(old_name, LOOKUP_FOLLOW, &old_nd);
   if (err) return err;
 
-  down_write(&namespace_sem);
-  err = -EINVAL;
-  if (mnt_is_attached(nd->mnt) && mnt_is_attached(old_nd.mnt)) {
-    mnt = clone_mnt(old_nd.mnt, old_nd.dentry);
-    err = mnt ? graft_tree(mnt, nd) : -ENOMEM;
+  {
+    ExclusiveGuard guard(namespace_sem);
+    err = -EINVAL;
+    if (mnt_is_attached(nd->mnt) && mnt_is_attached(old_nd.mnt)) {
+      mnt = clone_mnt(old_nd.mnt, old_nd.dentry);
+      err = mnt ? graft_tree(mnt, nd) : -ENOMEM;
+    }
   }
-  up_write(&namespace_sem);
   if (err && mnt) mntput(mnt);
   path_release(&old_nd);
   return err;
@@ -90,10 +93,9 @@ static int do_remount(struct nameidata *nd, int flags, int mnt_flags, void *data
 
   if (!capable(CAP_SYS_ADMIN)) return -EPERM;
   if (!mnt_is_attached(nd->mnt) || nd->dentry != nd->mnt->mnt_root) return -EINVAL;
-  down_write(&sb->s_umount);
+  ExclusiveGuard guard(sb->s_umount);
   err = do_remount_sb(sb, flags, data, 0);
   if (!err) nd->mnt->mnt_flags = mnt_flags;
-  up_write(&sb->s_umount);
   return err;
 }
 
@@ -145,9 +147,8 @@ static int check_expiry(struct vfsmount *mnt, int flags, bool is_root) {
 // The root stays while the kernel runs; to "unmount" it makes it read-only.
 static int umount_root(struct super_block *sb) {
   int err = 0;
-  down_write(&sb->s_umount);
+  ExclusiveGuard guard(sb->s_umount);
   if (!(sb->s_flags & MS_RDONLY)) err = do_remount_sb(sb, MS_RDONLY, nullptr, 0);
-  up_write(&sb->s_umount);
   return err;
 }
 
@@ -164,14 +165,14 @@ static int do_umount(struct vfsmount *mnt, int flags) {
   if (sb->s_op->umount_begin) sb->s_op->umount_begin(mnt, flags);
   if (is_root) return flags & MNT_DETACH ? -EINVAL : umount_root(sb);
 
-  down_write(&namespace_sem);
-  spin_lock(&vfsmount_lock);
-  if (!(flags & MNT_DETACH) && mnt_is_busy(mnt, 2))
-    err = -EBUSY;
-  else if (!list_empty(&mnt->mnt_list))
-    umount_tree(mnt, &kill);
-  spin_unlock(&vfsmount_lock);
-  up_write(&namespace_sem);
+  {
+    ExclusiveGuard guard(namespace_sem);
+    SpinGuard tree_guard(vfsmount_lock);
+    if (!(flags & MNT_DETACH) && mnt_is_busy(mnt, 2))
+      err = -EBUSY;
+    else if (!list_empty(&mnt->mnt_list))
+      umount_tree(mnt, &kill);
+  }
   release_mounts(&kill);
   return err;
 }

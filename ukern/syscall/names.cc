@@ -9,6 +9,7 @@
 #include <linux/namei.h>
 #include <linux/sched.h>
 #include <linux/stat.h>
+#include "ukern/sync/guard.h"
 #include "ukern/syscall/syscall.h"
 
 namespace {
@@ -29,14 +30,14 @@ int begin(struct creation *c, const struct walk_path *base, const char *name, in
   if (error) return error;
   c->dentry = lookup_create(&c->nd, is_dir);
   if (!IS_ERR(c->dentry)) return 0;
-  mutex_unlock(&c->nd.dentry->d_inode->i_mutex);
+  mutex_unlock(&c->nd.dentry->d_inode->i_mutex);  // hand-over: from lookup_create
   path_release(&c->nd);
   return (int)PTR_ERR(c->dentry);
 }
 
 int finish(struct creation *c, int error) {
   dput(c->dentry);
-  mutex_unlock(&c->nd.dentry->d_inode->i_mutex);
+  mutex_unlock(&c->nd.dentry->d_inode->i_mutex);  // hand-over: from lookup_create
   path_release(&c->nd);
   return error;
 }
@@ -140,7 +141,7 @@ int link_at(const struct walk_path *old, const struct walk_path *base, const cha
     error = vfs_link(old->dentry, nd.dentry->d_inode, dentry);
     dput(dentry);
   }
-  mutex_unlock(&nd.dentry->d_inode->i_mutex);
+  mutex_unlock(&nd.dentry->d_inode->i_mutex);  // hand-over: from lookup_create
   path_release(&nd);
   return error;
 }
@@ -154,19 +155,19 @@ int unlink_at(const struct walk_path *base, const char *name) {
     path_release(&nd);
     return -EISDIR;
   }
-  struct mutex *lock = &nd.dentry->d_inode->i_mutex;
-  mutex_lock_nested(lock, I_MUTEX_PARENT);
-  struct dentry *dentry = lookup_hash(&nd);
-  if (IS_ERR(dentry)) {
-    error = (int)PTR_ERR(dentry);
-  } else {
-    // Held past the directory's lock: what the last reference frees can take long.
-    inode = dentry->d_inode;
-    if (inode) igrab(inode);
-    error = unlink_last(&nd, dentry);
-    dput(dentry);
+  {
+    MutexGuard guard(nd.dentry->d_inode->i_mutex, I_MUTEX_PARENT);
+    struct dentry *dentry = lookup_hash(&nd);
+    if (IS_ERR(dentry)) {
+      error = (int)PTR_ERR(dentry);
+    } else {
+      // Held past the directory's lock: what the last reference frees can take long.
+      inode = dentry->d_inode;
+      if (inode) igrab(inode);
+      error = unlink_last(&nd, dentry);
+      dput(dentry);
+    }
   }
-  mutex_unlock(lock);
   if (inode) iput(inode);
   path_release(&nd);
   return error;
@@ -181,16 +182,16 @@ int rmdir_at(const struct walk_path *base, const char *name) {
     path_release(&nd);
     return error;
   }
-  struct mutex *lock = &nd.dentry->d_inode->i_mutex;
-  mutex_lock_nested(lock, I_MUTEX_PARENT);
-  struct dentry *dentry = lookup_hash(&nd);
-  if (IS_ERR(dentry)) {
-    error = (int)PTR_ERR(dentry);
-  } else {
-    error = vfs_rmdir(nd.dentry->d_inode, dentry);
-    dput(dentry);
+  {
+    MutexGuard guard(nd.dentry->d_inode->i_mutex, I_MUTEX_PARENT);
+    struct dentry *dentry = lookup_hash(&nd);
+    if (IS_ERR(dentry)) {
+      error = (int)PTR_ERR(dentry);
+    } else {
+      error = vfs_rmdir(nd.dentry->d_inode, dentry);
+      dput(dentry);
+    }
   }
-  mutex_unlock(lock);
   path_release(&nd);
   return error;
 }

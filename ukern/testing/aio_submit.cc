@@ -7,6 +7,7 @@
 #include <linux/sched.h>
 #include <linux/slab.h>
 
+#include "ukern/sync/guard.h"
 #include "ukern/vfs/aio_internal.h"
 
 namespace {
@@ -18,10 +19,9 @@ ssize_t run(struct kiocb *iocb) {
   const ssize_t result = iocb->ki_retry(iocb);
   if (result != -EIOCBRETRY && result != -EIOCBQUEUED) aio_complete(iocb, result, 0);
   if (result == -EIOCBRETRY) {
-    spin_lock(&ctx->ctx_lock);
+    SpinGuard guard(ctx->ctx_lock);
     INIT_LIST_HEAD(&iocb->ki_run_list);
     if (kiocbIsKicked(iocb)) queue_kicked_locked(ctx, iocb);
-    spin_unlock(&ctx->ctx_lock);
   }
   return result;
 }
@@ -29,14 +29,13 @@ ssize_t run(struct kiocb *iocb) {
 // The next one that has been kicked, with a reference, as one that runs.
 struct kiocb *take_kicked(struct kioctx *ctx) {
   struct kiocb *iocb = nullptr;
-  spin_lock(&ctx->ctx_lock);
+  SpinGuard guard(ctx->ctx_lock);
   if (!list_empty(&ctx->run_list)) {
     iocb = list_entry(ctx->run_list.next, struct kiocb, ki_run_list);
     list_del(&iocb->ki_run_list);
     iocb->ki_run_list.next = iocb->ki_run_list.prev = nullptr;
     __atomic_add_fetch(&iocb->ki_users, 1, __ATOMIC_RELAXED);
   }
-  spin_unlock(&ctx->ctx_lock);
   return iocb;
 }
 
@@ -66,15 +65,15 @@ struct kiocb *ukern_aio_get_req(struct kioctx *ctx, struct file *file) {
   iocb->ki_users = 2;
   iocb->ki_ctx = ctx;
   iocb->ki_filp = file;
-  spin_lock(&ctx->ctx_lock);
-  const bool room = (unsigned)ctx->reqs_active < free_places_locked(&ctx->ring_info);
-  if (room) {
-    list_add(&iocb->ki_list, &ctx->active_reqs);
-    get_ioctx(ctx);
-    ctx->reqs_active++;
+  {
+    SpinGuard guard(ctx->ctx_lock);
+    if ((unsigned)ctx->reqs_active < free_places_locked(&ctx->ring_info)) {
+      list_add(&iocb->ki_list, &ctx->active_reqs);
+      get_ioctx(ctx);
+      ctx->reqs_active++;
+      return iocb;
+    }
   }
-  spin_unlock(&ctx->ctx_lock);
-  if (room) return iocb;
   kfree(iocb);
   return nullptr;
 }
@@ -94,12 +93,11 @@ void ukern_aio_run_kicked(struct kioctx *ctx) {
 
 int ukern_aio_read_event(struct kioctx *ctx, struct io_event *event) {
   struct aio_ring_info *ring = &ctx->ring_info;
-  spin_lock(&ctx->ctx_lock);
+  SpinGuard guard(ctx->ctx_lock);
   const bool found = ring->head != ring->tail;
   if (found) {
     *event = ring->events[ring->head];
     ring->head = next_place(ring, ring->head);
   }
-  spin_unlock(&ctx->ctx_lock);
   return found;
 }

@@ -19,6 +19,7 @@
 #include <linux/writeback.h>
 
 #include "ukern/mm/mm_internal.h"
+#include "ukern/sync/guard.h"
 #include "ukern/testing/uk_mm.h"
 
 namespace {
@@ -67,9 +68,8 @@ void zap(table_entry *entry) {
 }
 
 void zap_range(uk_mapping *map, unsigned long first, unsigned long last) {
-  spin_lock(&map->table_lock);
+  SpinGuard guard(map->table_lock);
   for (unsigned long i = first; i <= last && i < map->pages; i++) zap(&map->table[i]);
-  spin_unlock(&map->table_lock);
 }
 
 struct page *load_page(uk_mapping *map, unsigned long i, int *error) {
@@ -108,41 +108,43 @@ int fault(uk_mapping *map, unsigned long i, bool write) {
     return -EIO;
   }
 
-  spin_lock(&map->table_lock);
-  table_entry *entry = &map->table[i];
-  const bool stale = __atomic_load_n(&mapping->truncate_count, __ATOMIC_ACQUIRE) != truncations;
-  if (!stale && entry->page == page) {
-    entry->writable |= write;
-  } else if (!stale && (!entry->page || (write && !entry->writable))) {
-    zap(entry);
-    *entry = {page, write, false};
-    atomic_inc(&page->_mapcount);
-    page = nullptr;  // the entry has our reference now
+  {
+    SpinGuard guard(map->table_lock);
+    table_entry *entry = &map->table[i];
+    const bool stale = __atomic_load_n(&mapping->truncate_count, __ATOMIC_ACQUIRE) != truncations;
+    if (!stale && entry->page == page) {
+      entry->writable |= write;
+    } else if (!stale && (!entry->page || (write && !entry->writable))) {
+      zap(entry);
+      *entry = {page, write, false};
+      atomic_inc(&page->_mapcount);
+      page = nullptr;  // the entry has our reference now
+    }
   }
-  spin_unlock(&map->table_lock);
   if (page) page_cache_release(page);
   return 0;
 }
 
+// False: the page is not there, or not for writing.
+bool access_entry(uk_mapping *map, unsigned long pos, char *buf, unsigned long len, bool write) {
+  SpinGuard guard(map->table_lock);
+  table_entry *entry = &map->table[pos >> PAGE_SHIFT];
+  if (!entry->page || (write && !entry->writable)) return false;
+  char *data = static_cast<char *>(page_address(entry->page)) + (pos & ~PAGE_MASK);
+  if (write) {
+    memcpy(data, buf, len);
+    entry->dirty = map->vma.vm_flags & VM_SHARED;
+  } else {
+    memcpy(buf, data, len);
+  }
+  return true;
+}
+
 // One access inside one page.
 int access_page(uk_mapping *map, unsigned long pos, char *buf, unsigned long len, bool write) {
-  const unsigned long i = pos >> PAGE_SHIFT;
   for (;;) {
-    spin_lock(&map->table_lock);
-    table_entry *entry = &map->table[i];
-    const bool ready = entry->page && (!write || entry->writable);
-    if (ready) {
-      char *data = static_cast<char *>(page_address(entry->page)) + (pos & ~PAGE_MASK);
-      if (write) {
-        memcpy(data, buf, len);
-        entry->dirty = map->vma.vm_flags & VM_SHARED;
-      } else {
-        memcpy(buf, data, len);
-      }
-    }
-    spin_unlock(&map->table_lock);
-    if (ready) return 0;
-    if (int error = fault(map, i, write)) return error;
+    if (access_entry(map, pos, buf, len, write)) return 0;
+    if (int error = fault(map, pos >> PAGE_SHIFT, write)) return error;
   }
 }
 
@@ -189,19 +191,19 @@ int attach(uk_mapping *map) {
     return error;
   }
   struct address_space *mapping = file_mapping(map);
-  spin_lock(&mapping->i_mmap_lock);
+  SpinGuard guard(mapping->i_mmap_lock);
   if (map->vma.vm_flags & VM_SHARED) mapping->i_mmap_writable++;
   list_add_tail(&map->vma.shared.vm_set.list, &mapping->i_mmap);
-  spin_unlock(&mapping->i_mmap_lock);
   return 0;
 }
 
 void detach(uk_mapping *map) {
   struct address_space *mapping = file_mapping(map);
-  spin_lock(&mapping->i_mmap_lock);
-  if (map->vma.vm_flags & VM_SHARED) mapping->i_mmap_writable--;
-  list_del(&map->vma.shared.vm_set.list);
-  spin_unlock(&mapping->i_mmap_lock);
+  {
+    SpinGuard guard(mapping->i_mmap_lock);
+    if (map->vma.vm_flags & VM_SHARED) mapping->i_mmap_writable--;
+    list_del(&map->vma.shared.vm_set.list);
+  }
   if (map->vma.vm_flags & VM_DENYWRITE) allow_write_access(map->vma.vm_file);
 }
 
@@ -241,7 +243,7 @@ void unmap_mapping_range(struct address_space *mapping, loff_t const holebegin,
   const auto count = static_cast<pgoff_t>((holelen + PAGE_SIZE - 1) >> PAGE_SHIFT);
   const pgoff_t last = count ? first + count - 1 : ~0ul;
 
-  spin_lock(&mapping->i_mmap_lock);
+  SpinGuard guard(mapping->i_mmap_lock);
   __atomic_add_fetch(&mapping->truncate_count, 1, __ATOMIC_ACQ_REL);  // faults under way begin anew
   struct vm_area_struct *vma;
   list_for_each_entry(vma, &mapping->i_mmap, shared.vm_set.list) {
@@ -251,13 +253,11 @@ void unmap_mapping_range(struct address_space *mapping, loff_t const holebegin,
     if (last < vma->vm_pgoff || first > end) continue;
     const pgoff_t from = first > vma->vm_pgoff ? first - vma->vm_pgoff : 0;
     const pgoff_t to = min(last, end) - vma->vm_pgoff;
-    spin_lock(&map->table_lock);
+    SpinGuard guard(map->table_lock);
     for (pgoff_t i = from; i <= to; i++)
       if (!keeps_copies || (map->table[i].page && map->table[i].page->mapping == mapping))
         zap(&map->table[i]);
-    spin_unlock(&map->table_lock);
   }
-  spin_unlock(&mapping->i_mmap_lock);
 }
 
 int uk_mmap(struct uk_file *opaque, unsigned long long offset, unsigned long len, int prot,
@@ -296,9 +296,10 @@ int uk_msync(struct uk_mapping *map, unsigned long pos, unsigned long len, int f
   if (!(flags & (MS_ASYNC | MS_SYNC)) || !(map->vma.vm_flags & VM_SHARED)) return 0;
 
   unsigned long dirtied = 0;
-  spin_lock(&map->table_lock);
-  for (unsigned long i = first; i < end; i++) dirtied += transfer_dirty(&map->table[i]) ? 1 : 0;
-  spin_unlock(&map->table_lock);
+  {
+    SpinGuard guard(map->table_lock);
+    for (unsigned long i = first; i < end; i++) dirtied += transfer_dirty(&map->table[i]) ? 1 : 0;
+  }
   if (flags & MS_SYNC) return (int)do_fsync(map->vma.vm_file, 0);
   if (dirtied) balance_dirty_pages_ratelimited_nr(file_mapping(map), dirtied);
   return 0;

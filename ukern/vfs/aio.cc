@@ -8,6 +8,8 @@
 #include <linux/sched.h>
 #include <linux/slab.h>
 
+#include "ukern/sync/guard.h"
+
 namespace {
 
 // Each request took its place into account when it was made, so there is one.
@@ -31,11 +33,12 @@ bool drop_reference_locked(struct kiocb *iocb) {
 void free_request(struct kiocb *iocb) {
   struct kioctx *ctx = iocb->ki_ctx;
   fput(iocb->ki_filp);
-  spin_lock(&ctx->ctx_lock);
-  if (iocb->ki_dtor) iocb->ki_dtor(iocb);
-  ctx->reqs_active--;
-  wake_up(&ctx->wait);
-  spin_unlock(&ctx->ctx_lock);
+  {
+    SpinGuard guard(ctx->ctx_lock);
+    if (iocb->ki_dtor) iocb->ki_dtor(iocb);
+    ctx->reqs_active--;
+    wake_up(&ctx->wait);
+  }
   kfree(iocb);
   put_ioctx(ctx);
 }
@@ -68,20 +71,25 @@ int aio_complete(struct kiocb *iocb, long res, long res2) {
   if (is_sync_kiocb(iocb)) return complete_sync(iocb, res);
 
   struct kioctx *ctx = iocb->ki_ctx;
-  spin_lock(&ctx->ctx_lock);
-  if (iocb->ki_run_list.next && !list_empty(&iocb->ki_run_list)) list_del_init(&iocb->ki_run_list);
-  add_event_locked(ctx, iocb, res, res2);
-  const bool last = drop_reference_locked(iocb);
-  wake_up(&ctx->wait);
-  spin_unlock(&ctx->ctx_lock);
+  bool last;
+  {
+    SpinGuard guard(ctx->ctx_lock);
+    if (iocb->ki_run_list.next && !list_empty(&iocb->ki_run_list))
+      list_del_init(&iocb->ki_run_list);
+    add_event_locked(ctx, iocb, res, res2);
+    last = drop_reference_locked(iocb);
+    wake_up(&ctx->wait);
+  }
   if (last) free_request(iocb);
   return last;
 }
 
 int aio_put_req(struct kiocb *iocb) {
-  spin_lock(&iocb->ki_ctx->ctx_lock);
-  const bool last = drop_reference_locked(iocb);
-  spin_unlock(&iocb->ki_ctx->ctx_lock);
+  bool last;
+  {
+    SpinGuard guard(iocb->ki_ctx->ctx_lock);
+    last = drop_reference_locked(iocb);
+  }
   if (last) free_request(iocb);
   return last;
 }
@@ -96,9 +104,8 @@ void kick_iocb(struct kiocb *iocb) {
     return;
   }
   struct kioctx *ctx = iocb->ki_ctx;
-  spin_lock(&ctx->ctx_lock);
+  SpinGuard guard(ctx->ctx_lock);
   if (!kiocbTryKick(iocb)) queue_kicked_locked(ctx, iocb);
-  spin_unlock(&ctx->ctx_lock);
 }
 
 void __put_ioctx(struct kioctx *ctx) {

@@ -10,6 +10,8 @@
 #include <linux/stat.h>
 #include <linux/time.h>
 
+#include "ukern/sync/guard.h"
+
 namespace {
 
 // Turns a request to drop a set-id bit into a change of mode, when the inode has that bit.
@@ -28,7 +30,9 @@ bool owns(struct inode *inode) {
   return current->fsuid == inode->i_uid;
 }
 
-int setattr_default(struct inode *inode, struct iattr *attr) {
+int apply(struct dentry *dentry, struct iattr *attr) {
+  struct inode *inode = dentry->d_inode;
+  if (inode->i_op && inode->i_op->setattr) return inode->i_op->setattr(dentry, attr);
   const int error = inode_change_ok(inode, attr);
   return error ? error : inode_setattr(inode, attr);
 }
@@ -96,12 +100,9 @@ int notify_change(struct dentry *dentry, struct iattr *attr) {
   kill_bit(attr, mode, ATTR_KILL_SGID, S_ISGID | S_IXGRP, S_ISGID);
   if (!attr->ia_valid) return 0;
 
-  const bool resize = attr->ia_valid & ATTR_SIZE;
-  if (resize) down_write(&inode->i_alloc_sem);
-  const int error = inode->i_op && inode->i_op->setattr ? inode->i_op->setattr(dentry, attr)
-                                                        : setattr_default(inode, attr);
-  if (resize) up_write(&inode->i_alloc_sem);
-  return error;
+  if (!(attr->ia_valid & ATTR_SIZE)) return apply(dentry, attr);
+  ExclusiveGuard guard(inode->i_alloc_sem);
+  return apply(dentry, attr);
 }
 
 }  // extern "C"

@@ -10,6 +10,7 @@
 #include <linux/string.h>
 #include <linux/writeback.h>
 
+#include "ukern/sync/guard.h"
 #include "ukern/sync/reflog.h"
 
 #if UKERN_DEBUG
@@ -137,18 +138,19 @@ static int children(struct dentry *dentry) {
 int dcache_report_busy(struct dentry *root, int spare) {
   struct busy_list busy("dentries in use", root->d_sb);
 
-  spin_lock(&dcache_lock);
-  for (struct dentry *at = root; at; at = dentry_next_below(root, at)) {
-    // Each child holds one; what is more than that is somebody's.
-    const int users = atomic_read(&at->d_count) - children(at) - (at == root ? spare : 0);
-    if (users <= 0 || !busy.add()) continue;
-    const struct fs_path path(at);
-    report_line(busy.report, "dentry %s (%s, inode %lu%s): %d reference%s not dropped", path.start,
-                kind_of(at->d_inode), at->d_inode ? at->d_inode->i_ino : 0,
-                d_unhashed(at) && !IS_ROOT(at) ? ", unhashed" : "", users, users > 1 ? "s" : "");
-    report_reflog(busy.report, at->d_reflog);
+  {
+    SpinGuard guard(dcache_lock);
+    for (struct dentry *at = root; at; at = dentry_next_below(root, at)) {
+      // Each child holds one; what is more than that is somebody's.
+      const int users = atomic_read(&at->d_count) - children(at) - (at == root ? spare : 0);
+      if (users <= 0 || !busy.add()) continue;
+      const struct fs_path path(at);
+      report_line(busy.report, "dentry %s (%s, inode %lu%s): %d reference%s not dropped",
+                  path.start, kind_of(at->d_inode), at->d_inode ? at->d_inode->i_ino : 0,
+                  d_unhashed(at) && !IS_ROOT(at) ? ", unhashed" : "", users, users > 1 ? "s" : "");
+      report_reflog(busy.report, at->d_reflog);
+    }
   }
-  spin_unlock(&dcache_lock);
   return busy.end();
 }
 
@@ -157,18 +159,18 @@ int inode_report_busy(struct super_block *sb) {
   struct inode *inode;
   struct dentry *alias;
 
-  spin_lock(&dcache_lock);
-  spin_lock(&inode_lock);
-  list_for_each_entry(inode, &sb->s_inodes, i_sb_list) {
-    if (!busy.add()) continue;
-    report_line(busy.report, "inode %lu (%s, %u links): %d references not dropped", inode->i_ino,
-                kind_of(inode), (unsigned)inode->i_nlink, atomic_read(&inode->i_count));
-    list_for_each_entry(alias, &inode->i_dentry, d_alias)
-        report_line(busy.report, "one by its dentry %s", fs_path(alias).start);
-    report_reflog(busy.report, inode->i_reflog);
+  {
+    SpinGuard guard(dcache_lock);
+    SpinGuard inode_guard(inode_lock);
+    list_for_each_entry(inode, &sb->s_inodes, i_sb_list) {
+      if (!busy.add()) continue;
+      report_line(busy.report, "inode %lu (%s, %u links): %d references not dropped", inode->i_ino,
+                  kind_of(inode), (unsigned)inode->i_nlink, atomic_read(&inode->i_count));
+      list_for_each_entry(alias, &inode->i_dentry, d_alias)
+          report_line(busy.report, "one by its dentry %s", fs_path(alias).start);
+      report_reflog(busy.report, inode->i_reflog);
+    }
   }
-  spin_unlock(&inode_lock);
-  spin_unlock(&dcache_lock);
   return busy.end();
 }
 
@@ -176,15 +178,16 @@ int mount_report_busy(void) {
   struct busy_list busy("mounts in use", nullptr);
   struct vfsmount *mnt;
 
-  spin_lock(&vfsmount_lock);
-  list_for_each_entry(mnt, &ukern_all_mounts, mnt_all) {
-    if (!busy.add()) continue;
-    report_line(busy.report, "mount of %s (%s): %d references not dropped",
-                mnt->mnt_devname ? mnt->mnt_devname : "none",
-                mnt->mnt_sb ? mnt->mnt_sb->s_id : "no file system", atomic_read(&mnt->mnt_count));
-    report_reflog(busy.report, mnt->mnt_reflog);
+  {
+    SpinGuard guard(vfsmount_lock);
+    list_for_each_entry(mnt, &ukern_all_mounts, mnt_all) {
+      if (!busy.add()) continue;
+      report_line(busy.report, "mount of %s (%s): %d references not dropped",
+                  mnt->mnt_devname ? mnt->mnt_devname : "none",
+                  mnt->mnt_sb ? mnt->mnt_sb->s_id : "no file system", atomic_read(&mnt->mnt_count));
+      report_reflog(busy.report, mnt->mnt_reflog);
+    }
   }
-  spin_unlock(&vfsmount_lock);
   return busy.end();
 }
 
@@ -192,13 +195,15 @@ int super_report_busy(void) {
   struct busy_list busy("super blocks in use", nullptr);
   struct super_block *sb;
 
-  spin_lock(&sb_lock);
-  list_for_each_entry(sb, &super_blocks, s_list) {
-    if (!busy.add()) continue;
-    report_line(busy.report, "super block of %s: active %d", sb->s_id, atomic_read(&sb->s_active));
-    report_reflog(busy.report, sb->s_reflog);
+  {
+    SpinGuard guard(sb_lock);
+    list_for_each_entry(sb, &super_blocks, s_list) {
+      if (!busy.add()) continue;
+      report_line(busy.report, "super block of %s: active %d", sb->s_id,
+                  atomic_read(&sb->s_active));
+      report_reflog(busy.report, sb->s_reflog);
+    }
   }
-  spin_unlock(&sb_lock);
   return busy.end();
 }
 

@@ -6,6 +6,8 @@
 #include <linux/sched.h>
 #include <linux/string.h>
 
+#include "ukern/sync/guard.h"
+
 // Room that is filled from its end towards its start.
 struct backward_text {
   char *at;
@@ -24,13 +26,12 @@ struct backward_text {
 // Steps from the root of a mount to what it stands on; false at the root of all.
 static bool cross_mount(struct dentry **dentry, struct vfsmount **mnt) {
   bool crossed = false;
-  spin_lock(&vfsmount_lock);
+  SpinGuard guard(vfsmount_lock);
   if ((*mnt)->mnt_parent != *mnt) {
     *dentry = (*mnt)->mnt_mountpoint;
     *mnt = (*mnt)->mnt_parent;
     crossed = true;
   }
-  spin_unlock(&vfsmount_lock);
   return crossed;
 }
 
@@ -70,13 +71,15 @@ char *d_path(struct dentry *dentry, struct vfsmount *mnt, char *buf, int buflen)
   struct dentry *root;
   char *path;
 
-  read_lock(&fs->lock);
-  rootmnt = mntget(fs->rootmnt);
-  root = dget(fs->root);
-  read_unlock(&fs->lock);
-  spin_lock(&dcache_lock);
-  path = path_locked(dentry, mnt, root, rootmnt, buf, buflen);
-  spin_unlock(&dcache_lock);
+  {
+    ReadGuard guard(fs->lock);
+    rootmnt = mntget(fs->rootmnt);
+    root = dget(fs->root);
+  }
+  {
+    SpinGuard guard(dcache_lock);
+    path = path_locked(dentry, mnt, root, rootmnt, buf, buflen);
+  }
   dput(root);
   mntput(rootmnt);
   return path;

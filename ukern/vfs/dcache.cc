@@ -13,6 +13,8 @@
 #include <linux/slab.h>
 #include <linux/string.h>
 
+#include "ukern/sync/guard.h"
+
 // The hash has about as many chains as there are dentries: a look-up among few finds its chain in
 // the processor's cache, one among many has no long chain to follow.
 static const unsigned kPageBits = 9;  // log2 of the chains whose heads fill a page
@@ -62,6 +64,17 @@ static struct hlist_head *hash_chain(struct dentry *parent, unsigned hash) {
   return &hashtable[hash_long(directory ^ hash, hash_bits)];
 }
 
+// Empties a table that is no longer the hash table.
+static void rehash_all_locked(struct hlist_head *old, unsigned old_bits) {
+  for (struct hlist_head *chain = old; chain < old + (1ul << old_bits); chain++) {
+    while (chain->first) {
+      struct dentry *dentry = hlist_entry(chain->first, struct dentry, d_hash);
+      hlist_del(&dentry->d_hash);
+      hlist_add_head(&dentry->d_hash, hash_chain(dentry->d_parent, dentry->d_name.hash));
+    }
+  }
+}
+
 // Puts all dentries into a larger table when they have become too many for this one. Without memory
 // for it the chains get longer, that is all.
 static void grow_hash(void) {
@@ -69,26 +82,22 @@ static void grow_hash(void) {
   struct hlist_head *fresh = new_table(bits);
   if (!fresh) return;
 
-  spin_lock(&dcache_lock);
-  struct hlist_head *old = hashtable;
-  const unsigned old_bits = hash_bits;
-  const bool still_small = old_bits < bits;
-  if (still_small) {
-    hashtable = fresh;
-    hash_bits = bits;
-    for (struct hlist_head *chain = old; chain < old + (1ul << old_bits); chain++) {
-      while (chain->first) {
-        struct dentry *dentry = hlist_entry(chain->first, struct dentry, d_hash);
-        hlist_del(&dentry->d_hash);
-        hlist_add_head(&dentry->d_hash, hash_chain(dentry->d_parent, dentry->d_name.hash));
-      }
+  struct hlist_head *unused;
+  unsigned unused_bits;
+  {
+    SpinGuard guard(dcache_lock);
+    if (hash_bits < bits) {
+      unused = hashtable;
+      unused_bits = hash_bits;
+      hashtable = fresh;
+      hash_bits = bits;
+      rehash_all_locked(unused, unused_bits);
+    } else {
+      unused = fresh;
+      unused_bits = bits;
     }
   }
-  spin_unlock(&dcache_lock);
-  if (still_small)
-    free_table(old, old_bits);
-  else
-    free_table(fresh, bits);
+  free_table(unused, unused_bits);
 }
 
 struct dentry *d_alloc(struct dentry *parent, const struct qstr *name) {
@@ -126,11 +135,13 @@ struct dentry *d_alloc(struct dentry *parent, const struct qstr *name) {
     dentry->d_parent = dget(parent);
     dentry->d_sb = parent->d_sb;
   }
-  spin_lock(&dcache_lock);
-  if (parent) list_add(&dentry->d_u.d_child, &parent->d_subdirs);
-  stat_add(&dentry_stat.nr_dentry, 1);
-  const bool crowded = hash_bits < kMostHashBits && 2 * dentry_stat.nr_dentry > 1 << hash_bits;
-  spin_unlock(&dcache_lock);
+  bool crowded;
+  {
+    SpinGuard guard(dcache_lock);
+    if (parent) list_add(&dentry->d_u.d_child, &parent->d_subdirs);
+    stat_add(&dentry_stat.nr_dentry, 1);
+    crowded = hash_bits < kMostHashBits && 2 * dentry_stat.nr_dentry > 1 << hash_bits;
+  }
   if (crowded) grow_hash();
   return dentry;
 }
@@ -147,14 +158,16 @@ static void d_free(struct dentry *dentry) {
   kmem_cache_free(dentry_cache, dentry);
 }
 
-// Takes the inode away from the dentry. Enters with both locks held and releases them.
-static void dentry_iput(struct dentry *dentry) {
+// Takes the inode away from the dentry, for dentry_iput. Both locks are held.
+static struct inode *take_inode_locked(struct dentry *dentry) {
   struct inode *inode = dentry->d_inode;
-
   dentry->d_inode = nullptr;
   if (inode) list_del_init(&dentry->d_alias);
-  spin_unlock(&dentry->d_lock);
-  spin_unlock(&dcache_lock);
+  return inode;
+}
+
+// Drops the reference that the dentry had on the inode. No locks held.
+static void dentry_iput(struct dentry *dentry, struct inode *inode) {
   if (!inode) return;
   if (dentry->d_op && dentry->d_op->d_iput)
     dentry->d_op->d_iput(dentry, inode);
@@ -169,7 +182,10 @@ struct dentry *dentry_kill(struct dentry *dentry) {
   dentry_lru_del(dentry);
   list_del_init(&dentry->d_u.d_child);
   stat_add(&dentry_stat.nr_dentry, -1);
-  dentry_iput(dentry);
+  struct inode *inode = take_inode_locked(dentry);
+  spin_unlock(&dentry->d_lock);  // hand-over: from dput or prune_one
+  spin_unlock(&dcache_lock);     // hand-over: from dput or prune_one
+  dentry_iput(dentry, inode);
   parent = dentry->d_parent;
   d_free(dentry);
   return parent == dentry ? nullptr : parent;
@@ -188,8 +204,8 @@ void dput(struct dentry *dentry) {
     if (!unwanted && !d_unhashed(dentry)) {
       ukern_dentry_flags(dentry, DCACHE_REFERENCED, 0);
       dentry_lru_add(dentry);
-      spin_unlock(&dentry->d_lock);
-      spin_unlock(&dcache_lock);
+      spin_unlock(&dentry->d_lock);  // hand-over: else to dentry_kill
+      spin_unlock(&dcache_lock);     // hand-over: from atomic_dec_and_lock
       cache_pruner_kick();
       return;
     }
@@ -208,14 +224,13 @@ struct dentry *dget_locked(struct dentry *dentry) {
 struct dentry *d_find_alias(struct inode *inode) {
   struct dentry *found = nullptr;
   struct dentry *alias;
-  spin_lock(&dcache_lock);
+  SpinGuard guard(dcache_lock);
   list_for_each_entry(alias, &inode->i_dentry, d_alias) {
     if (!S_ISDIR(inode->i_mode) && d_unhashed(alias)) continue;
     found = alias;
     if (!(alias->d_flags & DCACHE_DISCONNECTED)) break;
   }
   if (found) dget_locked(found);
-  spin_unlock(&dcache_lock);
   return found;
 }
 
@@ -235,9 +250,8 @@ static void d_instantiate_locked(struct dentry *dentry, struct inode *inode) {
 
 void d_instantiate(struct dentry *dentry, struct inode *inode) {
   BUG_ON(!list_empty(&dentry->d_alias));
-  spin_lock(&dcache_lock);
+  SpinGuard guard(dcache_lock);
   d_instantiate_locked(dentry, inode);
-  spin_unlock(&dcache_lock);
 }
 
 struct dentry *d_alloc_root(struct inode *root_inode) {
@@ -254,22 +268,19 @@ struct dentry *d_alloc_root(struct inode *root_inode) {
 }
 
 struct dentry *d_splice_alias(struct inode *inode, struct dentry *dentry) {
-  struct dentry *alias = nullptr;
+  struct dentry *alias;
 
   if (!inode) {
     d_add(dentry, nullptr);
     return nullptr;
   }
-  spin_lock(&dcache_lock);
-  alias = disconnected_alias_locked(inode);
-  if (!alias) {
-    d_instantiate_locked(dentry, inode);
-    spin_unlock(&dcache_lock);
-    d_rehash(dentry);
-    return nullptr;
+  {
+    SpinGuard guard(dcache_lock);
+    alias = disconnected_alias_locked(inode);
+    if (!alias) d_instantiate_locked(dentry, inode);
   }
-  spin_unlock(&dcache_lock);
   d_rehash(dentry);
+  if (!alias) return nullptr;
   d_move(alias, dentry);
   iput(inode);
   return alias;
@@ -287,15 +298,15 @@ struct dentry *__d_lookup(struct dentry *parent, struct qstr *name) {
   struct dentry *found = nullptr;
   struct hlist_node *node;
 
-  spin_lock(&dcache_lock);
+  SpinGuard guard(dcache_lock);
   hlist_for_each_entry(dentry, node, hash_chain(parent, name->hash), d_hash) {
     if (dentry->d_name.hash != name->hash || dentry->d_parent != parent) continue;
-    spin_lock(&dentry->d_lock);
-    if (name_matches(parent, dentry, name)) found = dget_locked(dentry);
-    spin_unlock(&dentry->d_lock);
+    {
+      SpinGuard dentry_guard(dentry->d_lock);
+      if (name_matches(parent, dentry, name)) found = dget_locked(dentry);
+    }
     if (found) break;
   }
-  spin_unlock(&dcache_lock);
   return found;
 }
 
@@ -305,15 +316,16 @@ struct dentry *d_lookup(struct dentry *parent, struct qstr *name) {
 
 void d_delete(struct dentry *dentry) {
   BUG_ON(!dentry->d_inode);
-  spin_lock(&dcache_lock);
-  spin_lock(&dentry->d_lock);
-  if (atomic_read(&dentry->d_count) == 1) {
-    dentry_iput(dentry);
-    return;
+  struct inode *inode = nullptr;
+  {
+    SpinGuard guard(dcache_lock);
+    SpinGuard dentry_guard(dentry->d_lock);
+    if (atomic_read(&dentry->d_count) == 1)
+      inode = take_inode_locked(dentry);
+    else
+      __d_drop(dentry);
   }
-  __d_drop(dentry);
-  spin_unlock(&dentry->d_lock);
-  spin_unlock(&dcache_lock);
+  dentry_iput(dentry, inode);
 }
 
 static void rehash_locked(struct dentry *dentry, struct hlist_head *chain) {
@@ -322,13 +334,11 @@ static void rehash_locked(struct dentry *dentry, struct hlist_head *chain) {
 }
 
 void d_rehash(struct dentry *dentry) {
-  spin_lock(&dcache_lock);
-  spin_lock(&dentry->d_lock);
+  SpinGuard guard(dcache_lock);
+  SpinGuard dentry_guard(dentry->d_lock);
   // A dentry that is hashed twice would make a ring of its chain.
   BUG_ON(!d_unhashed(dentry));
   rehash_locked(dentry, hash_chain(dentry->d_parent, dentry->d_name.hash));
-  spin_unlock(&dentry->d_lock);
-  spin_unlock(&dcache_lock);
 }
 
 // The dentry gets the target's name. The target is on its way out: of the dentry's name it gets the
@@ -370,35 +380,28 @@ void d_move(struct dentry *dentry, struct dentry *target) {
 
   if (!dentry->d_inode) printk(KERN_WARNING "VFS: moving negative dcache entry\n");
 
-  spin_lock(&dcache_lock);
-  spin_lock(&first->d_lock);
-  spin_lock_nested(&second->d_lock, DENTRY_D_LOCK_NESTED);
+  SpinGuard guard(dcache_lock);
+  SpinGuard first_guard(first->d_lock);
+  SpinGuard second_guard(second->d_lock, DENTRY_D_LOCK_NESTED);
 
   __d_drop(dentry);
   rehash_locked(dentry, hash_chain(target->d_parent, target->d_name.hash));
   __d_drop(target);
   switch_names(dentry, target);
   switch_parents(dentry, target);
-
-  spin_unlock(&second->d_lock);
-  spin_unlock(&first->d_lock);
-  spin_unlock(&dcache_lock);
 }
 
 int is_subdir(struct dentry *child, struct dentry *parent) {
-  spin_lock(&dcache_lock);
+  SpinGuard guard(dcache_lock);
   while (child != parent && !IS_ROOT(child)) child = child->d_parent;
-  spin_unlock(&dcache_lock);
   return child == parent;
 }
 
 void dentry_unhash(struct dentry *dentry) {
   dget(dentry);
   shrink_dcache_parent(dentry);
-  spin_lock(&dcache_lock);
-  spin_lock(&dentry->d_lock);
+  SpinGuard guard(dcache_lock);
+  SpinGuard dentry_guard(dentry->d_lock);
   // The caller's reference and the one just taken: nobody else is in the directory.
   if (atomic_read(&dentry->d_count) == 2) __d_drop(dentry);
-  spin_unlock(&dentry->d_lock);
-  spin_unlock(&dcache_lock);
 }

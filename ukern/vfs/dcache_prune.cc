@@ -8,6 +8,8 @@
 
 #include <linux/rwsem.h>
 
+#include "ukern/sync/guard.h"
+
 LIST_HEAD(dentry_unused);
 
 struct dentry *dentry_next_below(struct dentry *root, struct dentry *at) {
@@ -34,19 +36,14 @@ static void prune_one(struct dentry *dentry) {
 // be held off.
 static bool prune_foreign(struct dentry *dentry) {
   struct super_block *sb = dentry->d_sb;
-  bool mounted = false;
-
-  if (!down_read_trylock(&sb->s_umount)) return false;
-  if (sb->s_root) {
-    mounted = true;
-    prune_one(dentry);
-  }
-  up_read(&sb->s_umount);
-  return mounted;
+  SharedTryGuard guard(sb->s_umount);
+  if (!guard || !sb->s_root) return false;
+  prune_one(dentry);
+  return true;
 }
 
 void prune_dcache(int count) {
-  spin_lock(&dcache_lock);
+  SpinGuard guard(dcache_lock);
   for (; count > 0 && !list_empty(&dentry_unused); count--) {
     struct dentry *dentry = list_entry(dentry_unused.prev, struct dentry, d_lru);
     if (dentry->d_flags & DCACHE_REFERENCED) {
@@ -57,7 +54,6 @@ void prune_dcache(int count) {
       break;
     }
   }
-  spin_unlock(&dcache_lock);
 }
 
 void dcache_limit_now(void) {
@@ -82,7 +78,7 @@ void shrink_dcache_sb(struct super_block *sb) {
   struct dentry *dentry, *next;
   int found;
 
-  spin_lock(&dcache_lock);
+  SpinGuard guard(dcache_lock);
   do {
     LIST_HEAD(mine);
     found = 0;
@@ -94,14 +90,13 @@ void shrink_dcache_sb(struct super_block *sb) {
     list_splice(&mine, dentry_unused.prev);
     prune_tail_locked(found, sb);
   } while (found);
-  spin_unlock(&dcache_lock);
 }
 
 void shrink_dcache_parent(struct dentry *parent) {
   struct super_block *sb = parent->d_sb;
   int found;
 
-  spin_lock(&dcache_lock);
+  SpinGuard guard(dcache_lock);
   do {
     found = 0;
     for (struct dentry *at = parent; (at = dentry_next_below(parent, at)) != nullptr;) {
@@ -111,64 +106,51 @@ void shrink_dcache_parent(struct dentry *parent) {
     }
     prune_tail_locked(found, sb);
   } while (found);
-  spin_unlock(&dcache_lock);
 }
 
 void d_prune_aliases(struct inode *inode) {
   struct dentry *dentry;
 
-  spin_lock(&dcache_lock);
+  SpinGuard guard(dcache_lock);
 again:
   list_for_each_entry(dentry, &inode->i_dentry, d_alias) {
     if (atomic_read(&dentry->d_count)) continue;
     prune_one(dentry);
     goto again;
   }
-  spin_unlock(&dcache_lock);
 }
 
 int d_invalidate(struct dentry *dentry) {
-  int busy = 0;
-
-  spin_lock(&dcache_lock);
-  if (d_unhashed(dentry)) {
-    spin_unlock(&dcache_lock);
-    return 0;
-  }
+  SpinGuard guard(dcache_lock);
+  if (d_unhashed(dentry)) return 0;
   if (!list_empty(&dentry->d_subdirs)) {
-    spin_unlock(&dcache_lock);
+    SpinPause meanwhile(dcache_lock);
     shrink_dcache_parent(dentry);
-    spin_lock(&dcache_lock);
   }
-  spin_lock(&dentry->d_lock);
+  SpinGuard dentry_guard(dentry->d_lock);
   // A directory in use could still be filled with children, so it stays.
   if (atomic_read(&dentry->d_count) > 1 && dentry->d_inode && S_ISDIR(dentry->d_inode->i_mode))
-    busy = -EBUSY;
-  else
-    __d_drop(dentry);
-  spin_unlock(&dentry->d_lock);
-  spin_unlock(&dcache_lock);
-  return busy;
+    return -EBUSY;
+  __d_drop(dentry);
+  return 0;
 }
 
 int have_submounts(struct dentry *parent) {
   struct dentry *at;
   int found = 0;
 
-  spin_lock(&dcache_lock);
+  SpinGuard guard(dcache_lock);
   for (at = parent; at && !found; at = dentry_next_below(parent, at)) found = d_mountpoint(at) != 0;
-  spin_unlock(&dcache_lock);
   return found;
 }
 
 void d_genocide(struct dentry *root) {
   struct dentry *at = root;
 
-  spin_lock(&dcache_lock);
+  SpinGuard guard(dcache_lock);
   while ((at = dentry_next_below(root, at)) != nullptr) {
     if (d_unhashed(at) || !at->d_inode) continue;
     ukern_dentry_ref(at, -1);
     if (atomic_dec_and_test(&at->d_count)) dentry_lru_add(at);
   }
-  spin_unlock(&dcache_lock);
 }

@@ -10,6 +10,7 @@
 #include <linux/namei.h>
 #include <linux/sched.h>
 #include <linux/stat.h>
+#include "ukern/sync/guard.h"
 #include "ukern/vfs/walk.h"
 
 namespace {
@@ -50,6 +51,17 @@ int rename_unless_mounted(struct inode *old_dir, struct dentry *old_dentry, stru
   return old_dir->i_op->rename(old_dir, old_dentry, new_dir, new_dentry);
 }
 
+// The move of a directory over another one, whose name leaves the cache first.
+int replace_dir(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
+                struct dentry *new_dentry) {
+  struct inode *target = new_dentry->d_inode;
+  MutexGuard guard(target->i_mutex);
+  dentry_unhash(new_dentry);
+  const int error = rename_unless_mounted(old_dir, old_dentry, new_dir, new_dentry);
+  if (!error) target->i_flags |= S_DEAD;
+  return error;
+}
+
 int rename_dir(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                struct dentry *new_dentry) {
   int error;
@@ -58,30 +70,34 @@ int rename_dir(struct inode *old_dir, struct dentry *old_dentry, struct inode *n
     error = permission(old_dentry->d_inode, MAY_WRITE, nullptr);
     if (error) return error;
   }
-  struct inode *target = new_dentry->d_inode;
-  if (target) {
-    mutex_lock(&target->i_mutex);
-    dentry_unhash(new_dentry);
-  }
-  error = rename_unless_mounted(old_dir, old_dentry, new_dir, new_dentry);
-  if (target) {
-    if (!error) target->i_flags |= S_DEAD;
-    mutex_unlock(&target->i_mutex);
+  if (new_dentry->d_inode) {
+    error = replace_dir(old_dir, old_dentry, new_dir, new_dentry);
     if (d_unhashed(new_dentry)) d_rehash(new_dentry);
-    dput(new_dentry);
+    dput(new_dentry);  // dentry_unhash's
+  } else {
+    error = rename_unless_mounted(old_dir, old_dentry, new_dir, new_dentry);
   }
+  if (!error) d_move(old_dentry, new_dentry);
+  return error;
+}
+
+int rename_and_move(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
+                    struct dentry *new_dentry) {
+  const int error = rename_unless_mounted(old_dir, old_dentry, new_dir, new_dentry);
   if (!error) d_move(old_dentry, new_dentry);
   return error;
 }
 
 int rename_other(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                  struct dentry *new_dentry) {
+  int error;
   dget(new_dentry);
-  struct inode *target = new_dentry->d_inode;
-  if (target) mutex_lock(&target->i_mutex);
-  const int error = rename_unless_mounted(old_dir, old_dentry, new_dir, new_dentry);
-  if (!error) d_move(old_dentry, new_dentry);
-  if (target) mutex_unlock(&target->i_mutex);
+  if (struct inode *target = new_dentry->d_inode) {
+    MutexGuard guard(target->i_mutex);
+    error = rename_and_move(old_dir, old_dentry, new_dir, new_dentry);
+  } else {
+    error = rename_and_move(old_dir, old_dentry, new_dir, new_dentry);
+  }
   dput(new_dentry);
   return error;
 }
@@ -137,10 +153,8 @@ int vfs_link(struct dentry *old_dentry, struct inode *dir, struct dentry *new_de
   if (!dir->i_op || !dir->i_op->link) return -EPERM;
   if (S_ISDIR(inode->i_mode)) return -EPERM;
 
-  mutex_lock(&inode->i_mutex);
-  error = dir->i_op->link(old_dentry, dir, new_dentry);
-  mutex_unlock(&inode->i_mutex);
-  return error;
+  MutexGuard guard(inode->i_mutex);
+  return dir->i_op->link(old_dentry, dir, new_dentry);
 }
 
 int vfs_unlink(struct inode *dir, struct dentry *dentry) {
@@ -149,9 +163,10 @@ int vfs_unlink(struct inode *dir, struct dentry *dentry) {
   if (!dir->i_op || !dir->i_op->unlink) return -EPERM;
 
   struct inode *inode = dentry->d_inode;
-  mutex_lock(&inode->i_mutex);
-  error = d_mountpoint(dentry) ? -EBUSY : dir->i_op->unlink(dir, dentry);
-  mutex_unlock(&inode->i_mutex);
+  {
+    MutexGuard guard(inode->i_mutex);
+    error = d_mountpoint(dentry) ? -EBUSY : dir->i_op->unlink(dir, dentry);
+  }
   if (!error) d_delete(dentry);
   return error;
 }
@@ -162,11 +177,12 @@ int vfs_rmdir(struct inode *dir, struct dentry *dentry) {
   if (!dir->i_op || !dir->i_op->rmdir) return -EPERM;
 
   struct inode *inode = dentry->d_inode;
-  mutex_lock(&inode->i_mutex);
-  dentry_unhash(dentry);
-  error = d_mountpoint(dentry) ? -EBUSY : dir->i_op->rmdir(dir, dentry);
-  if (!error) inode->i_flags |= S_DEAD;
-  mutex_unlock(&inode->i_mutex);
+  {
+    MutexGuard guard(inode->i_mutex);
+    dentry_unhash(dentry);
+    error = d_mountpoint(dentry) ? -EBUSY : dir->i_op->rmdir(dir, dentry);
+    if (!error) inode->i_flags |= S_DEAD;
+  }
   if (!error) d_delete(dentry);
   dput(dentry);  // dentry_unhash's
   return error;
@@ -204,10 +220,10 @@ struct dentry *lock_rename(struct dentry *p1, struct dentry *p2) {
 }
 
 void unlock_rename(struct dentry *p1, struct dentry *p2) {
-  mutex_unlock(&p1->d_inode->i_mutex);
+  mutex_unlock(&p1->d_inode->i_mutex);  // hand-over: from lock_rename
   if (p1 == p2) return;
-  mutex_unlock(&p2->d_inode->i_mutex);
-  mutex_unlock(&p1->d_inode->i_sb->s_vfs_rename_mutex);
+  mutex_unlock(&p2->d_inode->i_mutex);                   // hand-over: from lock_rename
+  mutex_unlock(&p1->d_inode->i_sb->s_vfs_rename_mutex);  // hand-over: from lock_rename
 }
 
 }  // extern "C"

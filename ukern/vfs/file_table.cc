@@ -14,6 +14,7 @@
 #include <linux/spinlock.h>
 #include <linux/string.h>
 #include <linux/swap.h>
+#include "ukern/sync/guard.h"
 #include "ukern/sync/reflog.h"
 #include "ukern/vfs/file_table.h"
 
@@ -40,15 +41,15 @@ constexpr size_t kFileSize = sizeof(struct known_file);
 LIST_HEAD(all_files);  // under files_lock
 
 void know(struct file *f) {
-  file_list_lock();
+  SpinGuard guard(files_lock);
   list_add_tail(&((struct known_file *)f)->all, &all_files);
-  file_list_unlock();
 }
 
 void forget(struct file *f) {
-  file_list_lock();
-  list_del(&((struct known_file *)f)->all);
-  file_list_unlock();
+  {
+    SpinGuard guard(files_lock);
+    list_del(&((struct known_file *)f)->all);
+  }
   reflog_free(f->f_reflog);
 }
 
@@ -171,15 +172,13 @@ void put_filp(struct file *file) {
 
 void file_move(struct file *file, struct list_head *list) {
   if (!list) return;
-  file_list_lock();
+  SpinGuard guard(files_lock);
   list_move(&file->f_u.fu_list, list);
-  file_list_unlock();
 }
 
 void file_kill(struct file *file) {
-  file_list_lock();
+  SpinGuard guard(files_lock);
   if (!list_empty(&file->f_u.fu_list)) list_del_init(&file->f_u.fu_list);
-  file_list_unlock();
 }
 
 }  // extern "C"

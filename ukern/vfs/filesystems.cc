@@ -6,6 +6,8 @@
 #include <linux/module.h>
 #include <linux/string.h>
 
+#include "ukern/sync/guard.h"
+
 static struct file_system_type *types;  // under types_lock
 static DEFINE_RWLOCK(types_lock);
 
@@ -30,20 +32,19 @@ int register_filesystem(struct file_system_type *fs) {
   if (!fs) return -EINVAL;
   if (fs->next) return -EBUSY;
   INIT_LIST_HEAD(&fs->fs_supers);
-  write_lock(&types_lock);
+  WriteGuard guard(types_lock);
   link = find_locked(fs->name);
   if (*link)
     err = -EBUSY;
   else
     *link = fs;
-  write_unlock(&types_lock);
   return err;
 }
 
 int unregister_filesystem(struct file_system_type *fs) {
   int err = -EINVAL;
 
-  write_lock(&types_lock);
+  WriteGuard guard(types_lock);
   for (struct file_system_type **link = &types; *link; link = &(*link)->next) {
     if (*link != fs) continue;
     *link = fs->next;
@@ -51,16 +52,14 @@ int unregister_filesystem(struct file_system_type *fs) {
     err = 0;
     break;
   }
-  write_unlock(&types_lock);
   return err;
 }
 
 struct file_system_type *get_fs_type(const char *name) {
   struct file_system_type *fs;
 
-  read_lock(&types_lock);
+  ReadGuard guard(types_lock);
   fs = *find_locked(name);
   if (fs && !try_module_get(fs->owner)) fs = nullptr;
-  read_unlock(&types_lock);
   return fs;
 }

@@ -13,6 +13,8 @@
 #include <linux/pagemap.h>
 #include <linux/writeback.h>
 
+#include "ukern/sync/guard.h"
+
 void __mark_inode_dirty(struct inode *inode, int flags) {
   struct super_block *sb = inode->i_sb;
   const unsigned long bits = (unsigned long)flags;
@@ -20,7 +22,7 @@ void __mark_inode_dirty(struct inode *inode, int flags) {
   if ((flags & (I_DIRTY_SYNC | I_DIRTY_DATASYNC)) && sb->s_op->dirty_inode)
     sb->s_op->dirty_inode(inode);
 
-  spin_lock(&inode_lock);
+  SpinGuard guard(inode_lock);
   const bool was_dirty = inode->i_state & I_DIRTY;
   inode->i_state |= bits;
   // A locked inode is put on the right list by who unlocks it; one in no hash is nobody's to write
@@ -30,7 +32,6 @@ void __mark_inode_dirty(struct inode *inode, int flags) {
     inode->dirtied_when = jiffies;
     list_move(&inode->i_list, &sb->s_dirty);
   }
-  spin_unlock(&inode_lock);
 }
 
 // Where an inode that was just written goes. inode_lock is held.
@@ -67,19 +68,18 @@ static int write_single_locked(struct inode *inode, struct writeback_control *wb
   BUG_ON(inode->i_state & I_LOCK);
   inode->i_state |= I_LOCK;
   inode->i_state &= ~(unsigned long)I_DIRTY;
-  spin_unlock(&inode_lock);
-
-  ret = do_writepages(mapping, wbc);
-  if ((dirty & (I_DIRTY_SYNC | I_DIRTY_DATASYNC)) && inode->i_sb->s_op->write_inode) {
-    const int err = inode->i_sb->s_op->write_inode(inode, wait);
-    if (ret == 0) ret = err;
+  {
+    SpinPause meanwhile(inode_lock);
+    ret = do_writepages(mapping, wbc);
+    if ((dirty & (I_DIRTY_SYNC | I_DIRTY_DATASYNC)) && inode->i_sb->s_op->write_inode) {
+      const int err = inode->i_sb->s_op->write_inode(inode, wait);
+      if (ret == 0) ret = err;
+    }
+    if (wait) {
+      const int err = filemap_fdatawait(mapping);
+      if (ret == 0) ret = err;
+    }
   }
-  if (wait) {
-    const int err = filemap_fdatawait(mapping);
-    if (ret == 0) ret = err;
-  }
-
-  spin_lock(&inode_lock);
   inode->i_state &= ~(unsigned long)I_LOCK;
   if (!(inode->i_state & I_FREEING)) requeue_locked(inode, wbc);
   wake_up_inode(inode);
@@ -145,38 +145,38 @@ static void sync_sb_inodes(struct super_block *sb, struct writeback_control *wbc
     }
     if (current_is_pdflush()) writeback_release(bdi);
     if (wbc->pages_skipped != skipped) list_move(&inode->i_list, &sb->s_dirty);
-    spin_unlock(&inode_lock);
-    iput(inode);
-    cond_resched();
-    spin_lock(&inode_lock);
+    {
+      SpinPause meanwhile(inode_lock);
+      iput(inode);
+      cond_resched();
+    }
     if (wbc->nr_to_write <= 0) break;
   }
+}
+
+static void sync_sb_unless_unmounting(struct super_block *sb, struct writeback_control *wbc) {
+  SharedTryGuard guard(sb->s_umount);
+  if (!guard || !sb->s_root) return;  // one that is being unmounted writes its inodes itself
+  SpinGuard inode_guard(inode_lock);
+  sync_sb_inodes(sb, wbc);
 }
 
 void writeback_inodes(struct writeback_control *wbc) {
   struct super_block *sb;
 
   might_sleep();
-  spin_lock(&sb_lock);
+  SpinGuard guard(sb_lock);
 again:
   list_for_each_entry_reverse(sb, &super_blocks, s_list) {
     if (wbc->nr_to_write <= 0) break;
     if (list_empty(&sb->s_dirty) && list_empty(&sb->s_io)) continue;
     sb->s_count++;
-    spin_unlock(&sb_lock);
-    // One that is being unmounted writes its inodes itself.
-    if (down_read_trylock(&sb->s_umount)) {
-      if (sb->s_root) {
-        spin_lock(&inode_lock);
-        sync_sb_inodes(sb, wbc);
-        spin_unlock(&inode_lock);
-      }
-      up_read(&sb->s_umount);
+    {
+      SpinPause meanwhile(sb_lock);
+      sync_sb_unless_unmounting(sb, wbc);
     }
-    spin_lock(&sb_lock);
     if (__put_super_and_need_restart(sb)) goto again;
   }
-  spin_unlock(&sb_lock);
 }
 
 void sync_inodes_sb(struct super_block *sb, int wait) {
@@ -184,29 +184,27 @@ void sync_inodes_sb(struct super_block *sb, int wait) {
   wbc.sync_mode = wait ? WB_SYNC_ALL : WB_SYNC_HOLD;
   wbc.range_end = LLONG_MAX;
   wbc.nr_to_write = LONG_MAX;
-  spin_lock(&inode_lock);
+  SpinGuard guard(inode_lock);
   sync_sb_inodes(sb, &wbc);
-  spin_unlock(&inode_lock);
 }
 
 static void sync_all_supers(int wait) {
   struct super_block *sb;
 
-  spin_lock(&sb_lock);
+  SpinGuard guard(sb_lock);
   list_for_each_entry(sb, &super_blocks, s_list) sb->s_syncing = 0;
 again:
   list_for_each_entry(sb, &super_blocks, s_list) {
     if (sb->s_syncing) continue;
     sb->s_syncing = 1;
     sb->s_count++;
-    spin_unlock(&sb_lock);
-    down_read(&sb->s_umount);
-    if (sb->s_root) sync_inodes_sb(sb, wait);
-    up_read(&sb->s_umount);
-    spin_lock(&sb_lock);
+    {
+      SpinPause meanwhile(sb_lock);
+      SharedGuard mount_guard(sb->s_umount);
+      if (sb->s_root) sync_inodes_sb(sb, wait);
+    }
     if (__put_super_and_need_restart(sb)) goto again;
   }
-  spin_unlock(&sb_lock);
 }
 
 void sync_inodes(int wait) {
@@ -222,9 +220,10 @@ int write_inode_now(struct inode *inode, int sync) {
   wbc.sync_mode = WB_SYNC_ALL;
   wbc.range_end = LLONG_MAX;
   might_sleep();
-  spin_lock(&inode_lock);
-  ret = writeback_single_locked(inode, &wbc);
-  spin_unlock(&inode_lock);
+  {
+    SpinGuard guard(inode_lock);
+    ret = writeback_single_locked(inode, &wbc);
+  }
   if (sync) wait_on_inode(inode);
   return ret;
 }
@@ -237,10 +236,12 @@ int generic_osync_inode(struct inode *inode, struct address_space *mapping, int 
     const int waited = filemap_fdatawait(mapping);
     if (!err) err = waited;
   }
-  spin_lock(&inode_lock);
-  const bool write_it =
-      (inode->i_state & I_DIRTY) && ((what & OSYNC_INODE) || (inode->i_state & I_DIRTY_DATASYNC));
-  spin_unlock(&inode_lock);
+  bool write_it;
+  {
+    SpinGuard guard(inode_lock);
+    write_it =
+        (inode->i_state & I_DIRTY) && ((what & OSYNC_INODE) || (inode->i_state & I_DIRTY_DATASYNC));
+  }
   if (write_it) {
     const int written = write_inode_now(inode, 1);
     if (!err) err = written;

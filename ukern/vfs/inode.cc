@@ -15,6 +15,7 @@
 #include <linux/string.h>
 #include <linux/writeback.h>
 
+#include "ukern/sync/guard.h"
 #include "ukern/sync/lockcheck.h"
 
 static const unsigned kHashBits = 16;
@@ -67,9 +68,8 @@ void wake_up_inode(struct inode *inode) {
 
 void wait_on_inode(struct inode *inode) {
   might_sleep();
-  spin_lock(&inode_lock);
+  SpinGuard guard(inode_lock);
   wait_unlocked_inode(inode);
-  spin_unlock(&inode_lock);
 }
 
 // Sleeps until the next wake-up on the inode's queue, without inode_lock meanwhile. The inode may
@@ -79,10 +79,9 @@ static void wait_for_change(struct inode *inode) {
   DEFINE_WAIT(wait);
 
   prepare_to_wait(queue, &wait, TASK_UNINTERRUPTIBLE);
-  spin_unlock(&inode_lock);
+  SpinPause meanwhile(inode_lock);
   schedule();
   finish_wait(queue, &wait);
-  spin_lock(&inode_lock);
 }
 
 void wait_unlocked_inode(struct inode *inode) {
@@ -172,10 +171,9 @@ static void link_inode_locked(struct inode *inode, struct hlist_head *chain, uns
 struct inode *new_inode(struct super_block *sb) {
   struct inode *inode = alloc_inode(sb);
   if (!inode) return nullptr;
-  spin_lock(&inode_lock);
+  SpinGuard guard(inode_lock);
   inode->i_ino = ++last_ino;
   link_inode_locked(inode, nullptr, 0);
-  spin_unlock(&inode_lock);
   return inode;
 }
 
@@ -188,12 +186,11 @@ void __iget(struct inode *inode) {
 }
 
 struct inode *igrab(struct inode *inode) {
-  spin_lock(&inode_lock);
+  SpinGuard guard(inode_lock);
   if (inode->i_state & (I_FREEING | I_WILL_FREE))
     inode = nullptr;
   else
     __iget(inode);
-  spin_unlock(&inode_lock);
   return inode;
 }
 
@@ -218,13 +215,12 @@ static struct inode *ifind(struct super_block *sb, unsigned long hashval,
                            int (*test)(struct inode *, void *), void *data, bool wait) {
   struct inode *inode;
 
-  spin_lock(&inode_lock);
+  SpinGuard guard(inode_lock);
   inode = find_inode(sb, hash_chain(sb, hashval), test, data);
   if (inode) {
     __iget(inode);
     if (wait) wait_unlocked_inode(inode);
   }
-  spin_unlock(&inode_lock);
   return inode;
 }
 
@@ -250,30 +246,27 @@ struct inode *iget5_locked(struct super_block *sb, unsigned long hashval,
   fresh = alloc_inode(sb);
   if (!fresh) return nullptr;
 
-  spin_lock(&inode_lock);
-  // Somebody else may have made it meanwhile.
-  inode = find_inode(sb, chain, test, data);
-  if (inode) {
-    __iget(inode);
-    spin_unlock(&inode_lock);
-    destroy_inode(fresh);
-    wait_on_inode(inode);
-    return inode;
+  {
+    SpinGuard guard(inode_lock);
+    // Somebody else may have made it meanwhile.
+    inode = find_inode(sb, chain, test, data);
+    if (inode) {
+      __iget(inode);
+    } else if (!set(fresh, data)) {
+      link_inode_locked(fresh, chain, I_LOCK | I_NEW);
+      return fresh;
+    }
   }
-  if (set(fresh, data)) {
-    spin_unlock(&inode_lock);
-    destroy_inode(fresh);
-    return nullptr;
-  }
-  link_inode_locked(fresh, chain, I_LOCK | I_NEW);
-  spin_unlock(&inode_lock);
-  return fresh;
+  destroy_inode(fresh);
+  if (inode) wait_on_inode(inode);
+  return inode;
 }
 
 void unlock_new_inode(struct inode *inode) {
-  spin_lock(&inode_lock);
-  inode->i_state &= ~(unsigned long)(I_LOCK | I_NEW);
-  spin_unlock(&inode_lock);
+  {
+    SpinGuard guard(inode_lock);
+    inode->i_state &= ~(unsigned long)(I_LOCK | I_NEW);
+  }
   wake_up_inode(inode);
 }
 
@@ -285,26 +278,23 @@ ino_t iunique(struct super_block *sb, ino_t max_reserved) {
   static ino_t counter;  // under inode_lock
   ino_t ino;
 
-  spin_lock(&inode_lock);
+  SpinGuard guard(inode_lock);
   do {
     if (counter <= max_reserved) counter = max_reserved + 1;
     ino = counter++;
   } while (find_inode(sb, hash_chain(sb, ino), has_number, &ino));
-  spin_unlock(&inode_lock);
   return ino;
 }
 
 void __insert_inode_hash(struct inode *inode, unsigned long hashval) {
   struct hlist_head *chain = hash_chain(inode->i_sb, hashval);
-  spin_lock(&inode_lock);
+  SpinGuard guard(inode_lock);
   hlist_add_head(&inode->i_hash, chain);
-  spin_unlock(&inode_lock);
 }
 
 void remove_inode_hash(struct inode *inode) {
-  spin_lock(&inode_lock);
+  SpinGuard guard(inode_lock);
   hlist_del_init(&inode->i_hash);
-  spin_unlock(&inode_lock);
 }
 
 void clear_inode(struct inode *inode) {
@@ -324,7 +314,7 @@ void generic_delete_inode(struct inode *inode) {
   list_del_init(&inode->i_sb_list);
   inode->i_state |= I_FREEING;
   stat_add(&inodes_stat.nr_inodes, -1);
-  spin_unlock(&inode_lock);
+  spin_unlock(&inode_lock);  // hand-over: from iput
 
   if (op->delete_inode) {
     op->delete_inode(inode);
@@ -345,14 +335,15 @@ static void forget_inode(struct inode *inode) {
     if (!(inode->i_state & (I_DIRTY | I_LOCK))) list_move(&inode->i_list, &inode_unused);
     stat_add(&inodes_stat.nr_unused, 1);
     if (inode->i_sb->s_flags & MS_ACTIVE) {
-      spin_unlock(&inode_lock);
+      spin_unlock(&inode_lock);  // hand-over: from iput
       cache_pruner_kick();
       return;
     }
     inode->i_state |= I_WILL_FREE;
-    spin_unlock(&inode_lock);
-    write_inode_now(inode, 1);
-    spin_lock(&inode_lock);
+    {
+      SpinPause meanwhile(inode_lock);
+      write_inode_now(inode, 1);
+    }
     inode->i_state &= ~(unsigned long)I_WILL_FREE;
     stat_add(&inodes_stat.nr_unused, -1);
     hlist_del_init(&inode->i_hash);
@@ -361,7 +352,7 @@ static void forget_inode(struct inode *inode) {
   list_del_init(&inode->i_sb_list);
   inode->i_state |= I_FREEING;
   stat_add(&inodes_stat.nr_inodes, -1);
-  spin_unlock(&inode_lock);
+  spin_unlock(&inode_lock);  // hand-over: from iput
   if (inode->i_data.nrpages) truncate_inode_pages(&inode->i_data, 0);
   clear_inode(inode);
   wake_up_inode(inode);
@@ -399,11 +390,12 @@ static void dispose_list(struct list_head *head) {
     list_del_init(&inode->i_list);
     if (inode->i_data.nrpages) truncate_inode_pages(&inode->i_data, 0);
     clear_inode(inode);
-    spin_lock(&inode_lock);
-    hlist_del_init(&inode->i_hash);
-    list_del_init(&inode->i_sb_list);
-    stat_add(&inodes_stat.nr_inodes, -1);
-    spin_unlock(&inode_lock);
+    {
+      SpinGuard guard(inode_lock);
+      hlist_del_init(&inode->i_hash);
+      list_del_init(&inode->i_sb_list);
+      stat_add(&inodes_stat.nr_inodes, -1);
+    }
     wake_up_inode(inode);
     destroy_inode(inode);
   }
@@ -414,20 +406,20 @@ int invalidate_inodes(struct super_block *sb) {
   struct inode *inode;
   int busy = 0;
 
-  mutex_lock(&iprune_mutex);
-  spin_lock(&inode_lock);
-  list_for_each_entry(inode, &sb->s_inodes, i_sb_list) {
-    if (atomic_read(&inode->i_count)) {
-      busy = 1;
-      continue;
+  MutexGuard guard(iprune_mutex);
+  {
+    SpinGuard inode_guard(inode_lock);
+    list_for_each_entry(inode, &sb->s_inodes, i_sb_list) {
+      if (atomic_read(&inode->i_count)) {
+        busy = 1;
+        continue;
+      }
+      list_move(&inode->i_list, &freeable);
+      inode->i_state |= I_FREEING;
+      stat_add(&inodes_stat.nr_unused, -1);
     }
-    list_move(&inode->i_list, &freeable);
-    inode->i_state |= I_FREEING;
-    stat_add(&inodes_stat.nr_unused, -1);
   }
-  spin_unlock(&inode_lock);
   dispose_list(&freeable);
-  mutex_unlock(&iprune_mutex);
   return busy;
 }
 
@@ -439,10 +431,11 @@ static bool can_free(struct inode *inode) {
 // held, and released meanwhile.
 static bool drop_pages(struct inode *inode) {
   __iget(inode);
-  spin_unlock(&inode_lock);
-  invalidate_inode_pages(&inode->i_data);
-  iput(inode);
-  spin_lock(&inode_lock);
+  {
+    SpinPause meanwhile(inode_lock);
+    invalidate_inode_pages(&inode->i_data);
+    iput(inode);
+  }
   return !list_empty(&inode_unused) &&
          inode == list_entry(inode_unused.next, struct inode, i_list) && can_free(inode);
 }
@@ -450,21 +443,21 @@ static bool drop_pages(struct inode *inode) {
 void prune_icache(int count) {
   LIST_HEAD(freeable);
 
-  mutex_lock(&iprune_mutex);
-  spin_lock(&inode_lock);
-  for (; count > 0 && !list_empty(&inode_unused); count--) {
-    struct inode *inode = list_entry(inode_unused.prev, struct inode, i_list);
+  MutexGuard guard(iprune_mutex);
+  {
+    SpinGuard inode_guard(inode_lock);
+    for (; count > 0 && !list_empty(&inode_unused); count--) {
+      struct inode *inode = list_entry(inode_unused.prev, struct inode, i_list);
 
-    if (inode->i_state || atomic_read(&inode->i_count)) {
-      list_move(&inode->i_list, &inode_unused);
-      continue;
+      if (inode->i_state || atomic_read(&inode->i_count)) {
+        list_move(&inode->i_list, &inode_unused);
+        continue;
+      }
+      if (inode->i_data.nrpages && !drop_pages(inode)) continue;
+      list_move(&inode->i_list, &freeable);
+      inode->i_state |= I_FREEING;
+      stat_add(&inodes_stat.nr_unused, -1);
     }
-    if (inode->i_data.nrpages && !drop_pages(inode)) continue;
-    list_move(&inode->i_list, &freeable);
-    inode->i_state |= I_FREEING;
-    stat_add(&inodes_stat.nr_unused, -1);
   }
-  spin_unlock(&inode_lock);
   dispose_list(&freeable);
-  mutex_unlock(&iprune_mutex);
 }

@@ -7,6 +7,8 @@
 #include <linux/slab.h>
 #include <linux/string.h>
 
+#include "ukern/sync/guard.h"
+
 static char kBlanks[] = " \t\n\\";  // what a field must not contain as it is
 
 struct flag_text {
@@ -69,18 +71,19 @@ int mount_table_line(unsigned index, char *line, unsigned long size) {
   char *buf = nullptr;
   long len = -ENOENT;
 
-  down_read(&namespace_sem);
-  mnt = mount_number(index);
-  if (mnt) {
-    unsigned long room = PAGE_SIZE;
-    do {
-      kfree(buf);
-      buf = (char *)kmalloc(room, GFP_KERNEL);
-      len = buf ? show_line(mnt, buf, room) : -ENOMEM;
-      room *= 2;
-    } while (len == -EAGAIN);
+  {
+    SharedGuard guard(namespace_sem);
+    mnt = mount_number(index);
+    if (mnt) {
+      unsigned long room = PAGE_SIZE;
+      do {
+        kfree(buf);
+        buf = (char *)kmalloc(room, GFP_KERNEL);
+        len = buf ? show_line(mnt, buf, room) : -ENOMEM;
+        room *= 2;
+      } while (len == -EAGAIN);
+    }
   }
-  up_read(&namespace_sem);
   if (len >= 0 && (unsigned long)len >= size) len = -ERANGE;
   if (len >= 0) {
     memcpy(line, buf, (size_t)len);

@@ -11,6 +11,8 @@
 #include <linux/slab.h>
 #include <linux/string.h>
 
+#include "ukern/sync/guard.h"
+
 static const unsigned kHashBits = 10;
 static const unsigned kHashSize = 1u << kHashBits;
 static const unsigned kAlign = 16;  // of addresses: their low bits say nothing
@@ -54,16 +56,16 @@ struct vfsmount *alloc_vfsmnt(const char *name) {
   ukern_vfsmount_ref(mnt, 1);
   // Without memory for its name it is shown as "none".
   if (name) mnt->mnt_devname = kstrdup(name, GFP_KERNEL);
-  spin_lock(&vfsmount_lock);
+  SpinGuard guard(vfsmount_lock);
   list_add_tail(&mnt->mnt_all, &ukern_all_mounts);
-  spin_unlock(&vfsmount_lock);
   return mnt;
 }
 
 void free_vfsmnt(struct vfsmount *mnt) {
-  spin_lock(&vfsmount_lock);
-  list_del(&mnt->mnt_all);
-  spin_unlock(&vfsmount_lock);
+  {
+    SpinGuard guard(vfsmount_lock);
+    list_del(&mnt->mnt_all);
+  }
   ukern_vfsmount_forget(mnt);
   kfree(mnt->mnt_devname);
   kmem_cache_free(mnt_cache, mnt);
@@ -75,7 +77,7 @@ void mntput_no_expire(struct vfsmount *mnt) {
   ukern_vfsmount_ref(mnt, -1);
   BUG_ON(atomic_read(&mnt->mnt_count) <= 0);
   if (!atomic_dec_and_lock(&mnt->mnt_count, &vfsmount_lock)) return;
-  spin_unlock(&vfsmount_lock);
+  spin_unlock(&vfsmount_lock);  // hand-over: from atomic_dec_and_lock
   dput(mnt->mnt_root);
   free_vfsmnt(mnt);
   deactivate_super(sb);
@@ -90,11 +92,8 @@ struct vfsmount *__lookup_mnt(struct vfsmount *mnt, struct dentry *dentry) {
 }
 
 struct vfsmount *lookup_mnt(struct vfsmount *mnt, struct dentry *dentry) {
-  struct vfsmount *child;
-  spin_lock(&vfsmount_lock);
-  child = mntget(__lookup_mnt(mnt, dentry));
-  spin_unlock(&vfsmount_lock);
-  return child;
+  SpinGuard guard(vfsmount_lock);
+  return mntget(__lookup_mnt(mnt, dentry));
 }
 
 bool mnt_is_attached(struct vfsmount *mnt) {
@@ -104,7 +103,7 @@ bool mnt_is_attached(struct vfsmount *mnt) {
 // Puts a mount on (nd->mnt, nd->dentry), on which it takes references; its own reference becomes
 // the tree's.
 static void attach(struct vfsmount *mnt, struct nameidata *nd) {
-  spin_lock(&vfsmount_lock);
+  SpinGuard guard(vfsmount_lock);
   mnt->mnt_parent = mntget(nd->mnt);
   mnt->mnt_mountpoint = dget(nd->dentry);
   stat_add(&nd->dentry->d_mounted, 1);
@@ -113,7 +112,6 @@ static void attach(struct vfsmount *mnt, struct nameidata *nd) {
   list_add_tail(&mnt->mnt_hash, hash_chain(nd->mnt, nd->dentry));
   list_add_tail(&mnt->mnt_child, &nd->mnt->mnt_mounts);
   ukern_namespace->event++;
-  spin_unlock(&vfsmount_lock);
 }
 
 int graft_tree(struct vfsmount *mnt, struct nameidata *nd) {
@@ -123,12 +121,11 @@ int graft_tree(struct vfsmount *mnt, struct nameidata *nd) {
   if (mnt->mnt_sb->s_flags & MS_NOUSER) return -EINVAL;
   if (S_ISDIR(dir->i_mode) != S_ISDIR(mnt->mnt_root->d_inode->i_mode)) return -ENOTDIR;
 
-  mutex_lock(&dir->i_mutex);
+  MutexGuard guard(dir->i_mutex);
   if (!IS_DEADDIR(dir) && (IS_ROOT(nd->dentry) || !d_unhashed(nd->dentry))) {
     attach(mnt, nd);
     err = 0;
   }
-  mutex_unlock(&dir->i_mutex);
   return err;
 }
 
@@ -163,14 +160,15 @@ void release_mounts(struct list_head *kill) {
     struct dentry *mountpoint = nullptr;
 
     list_del_init(&mnt->mnt_hash);
-    spin_lock(&vfsmount_lock);
-    if (mnt->mnt_parent != mnt) {
-      parent = mnt->mnt_parent;
-      mountpoint = mnt->mnt_mountpoint;
-      mnt->mnt_parent = mnt;
-      mnt->mnt_mountpoint = mnt->mnt_root;
+    {
+      SpinGuard guard(vfsmount_lock);
+      if (mnt->mnt_parent != mnt) {
+        parent = mnt->mnt_parent;
+        mountpoint = mnt->mnt_mountpoint;
+        mnt->mnt_parent = mnt;
+        mnt->mnt_mountpoint = mnt->mnt_root;
+      }
     }
-    spin_unlock(&vfsmount_lock);
     dput(mountpoint);
     mntput(parent);
     mntput(mnt);
@@ -182,31 +180,34 @@ bool mnt_is_busy(struct vfsmount *mnt, int expected) {
 }
 
 int may_umount(struct vfsmount *mnt) {
-  int may;
-  spin_lock(&vfsmount_lock);
-  may = !mnt_is_busy(mnt, 2);
-  spin_unlock(&vfsmount_lock);
-  return may;
+  SpinGuard guard(vfsmount_lock);
+  return !mnt_is_busy(mnt, 2);
 }
 
 void set_fs_root(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry) {
-  write_lock(&fs->lock);
-  struct dentry *old_root = fs->root;
-  struct vfsmount *old_mnt = fs->rootmnt;
-  fs->rootmnt = mntget(mnt);
-  fs->root = dget(dentry);
-  write_unlock(&fs->lock);
+  struct dentry *old_root;
+  struct vfsmount *old_mnt;
+  {
+    WriteGuard guard(fs->lock);
+    old_root = fs->root;
+    old_mnt = fs->rootmnt;
+    fs->rootmnt = mntget(mnt);
+    fs->root = dget(dentry);
+  }
   dput(old_root);
   mntput(old_mnt);
 }
 
 void set_fs_pwd(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry) {
-  write_lock(&fs->lock);
-  struct dentry *old_pwd = fs->pwd;
-  struct vfsmount *old_mnt = fs->pwdmnt;
-  fs->pwdmnt = mntget(mnt);
-  fs->pwd = dget(dentry);
-  write_unlock(&fs->lock);
+  struct dentry *old_pwd;
+  struct vfsmount *old_mnt;
+  {
+    WriteGuard guard(fs->lock);
+    old_pwd = fs->pwd;
+    old_mnt = fs->pwdmnt;
+    fs->pwdmnt = mntget(mnt);
+    fs->pwd = dget(dentry);
+  }
   dput(old_pwd);
   mntput(old_mnt);
 }
@@ -228,11 +229,11 @@ void ukern_namespace_stop(void) {
   LIST_HEAD(kill);
 
   if (!ukern_namespace) return;
-  down_write(&namespace_sem);
-  spin_lock(&vfsmount_lock);
-  umount_tree(ukern_namespace->root, &kill);
-  spin_unlock(&vfsmount_lock);
-  up_write(&namespace_sem);
+  {
+    ExclusiveGuard guard(namespace_sem);
+    SpinGuard tree_guard(vfsmount_lock);
+    umount_tree(ukern_namespace->root, &kill);
+  }
   kfree(ukern_namespace);
   ukern_namespace = nullptr;
   release_mounts(&kill);

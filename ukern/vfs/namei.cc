@@ -18,6 +18,7 @@
 #include <linux/stat.h>
 #include <linux/string.h>
 #include <asm/uaccess.h>
+#include "ukern/sync/guard.h"
 #include "ukern/vfs/walk.h"
 
 namespace {
@@ -54,24 +55,20 @@ bool is_searchable(struct inode *inode) {
 }
 
 void start_at_root(struct nameidata *nd) {
-  read_lock(&current->fs->lock);
+  ReadGuard guard(current->fs->lock);
   nd->mnt = mntget(current->fs->rootmnt);
   nd->dentry = dget(current->fs->root);
-  read_unlock(&current->fs->lock);
 }
 
 void start_at_pwd(struct nameidata *nd) {
-  read_lock(&current->fs->lock);
+  ReadGuard guard(current->fs->lock);
   nd->mnt = mntget(current->fs->pwdmnt);
   nd->dentry = dget(current->fs->pwd);
-  read_unlock(&current->fs->lock);
 }
 
 bool at_root(struct nameidata *nd) {
-  read_lock(&current->fs->lock);
-  const bool is = nd->dentry == current->fs->root && nd->mnt == current->fs->rootmnt;
-  read_unlock(&current->fs->lock);
-  return is;
+  ReadGuard guard(current->fs->lock);
+  return nd->dentry == current->fs->root && nd->mnt == current->fs->rootmnt;
 }
 
 // Asks the file system whether a cached dentry still holds. Returns it, or NULL (reference dropped)
@@ -111,15 +108,12 @@ struct dentry *lookup_below(struct dentry *parent, struct qstr *name, struct nam
 // The name is not in the cache: look again under the directory's lock, for another walk may have
 // brought it in meanwhile, then ask the file system.
 struct dentry *real_lookup(struct dentry *parent, struct qstr *name, struct nameidata *nd) {
-  struct inode *dir = parent->d_inode;
-  mutex_lock(&dir->i_mutex);
-  struct dentry *result = d_lookup(parent, name);
-  if (!result) {
-    result = lookup_below(parent, name, nd);
-    mutex_unlock(&dir->i_mutex);
-    return result;
+  struct dentry *result;
+  {
+    MutexGuard guard(parent->d_inode->i_mutex);
+    result = d_lookup(parent, name);
+    if (!result) return lookup_below(parent, name, nd);
   }
-  mutex_unlock(&dir->i_mutex);
   result = revalidate(result, nd);
   return result ? result : (struct dentry *)ERR_PTR(-ENOENT);
 }
@@ -142,19 +136,22 @@ void follow_mount(struct vfsmount **mnt, struct dentry **dentry) {
   }
 }
 
+// To the parent inside the mount; false at the mount's root.
+bool step_up(struct nameidata *nd) {
+  struct dentry *old = nd->dentry;
+  {
+    SpinGuard guard(dcache_lock);
+    if (old == nd->mnt->mnt_root) return false;
+    nd->dentry = dget(old->d_parent);
+  }
+  dput(old);
+  return true;
+}
+
 // "..": never above the task's root; from the root of a mount to the directory that it covers.
 void follow_dotdot(struct nameidata *nd) {
   while (!at_root(nd)) {
-    struct dentry *old = nd->dentry;
-    spin_lock(&dcache_lock);
-    if (old != nd->mnt->mnt_root) {
-      nd->dentry = dget(old->d_parent);
-      spin_unlock(&dcache_lock);
-      dput(old);
-      break;
-    }
-    spin_unlock(&dcache_lock);
-    if (!follow_up(&nd->mnt, &nd->dentry)) break;
+    if (step_up(nd) || !follow_up(&nd->mnt, &nd->dentry)) break;
   }
   follow_mount(&nd->mnt, &nd->dentry);
 }
@@ -337,15 +334,15 @@ void path_to_nameidata(struct walk_path *path, struct nameidata *nd) {
 }
 
 int follow_up(struct vfsmount **mnt, struct dentry **dentry) {
-  spin_lock(&vfsmount_lock);
-  struct vfsmount *parent = (*mnt)->mnt_parent;
-  if (parent == *mnt) {
-    spin_unlock(&vfsmount_lock);
-    return 0;
+  struct vfsmount *parent;
+  struct dentry *mountpoint;
+  {
+    SpinGuard guard(vfsmount_lock);
+    parent = (*mnt)->mnt_parent;
+    if (parent == *mnt) return 0;
+    mntget(parent);
+    mountpoint = dget((*mnt)->mnt_mountpoint);
   }
-  mntget(parent);
-  struct dentry *mountpoint = dget((*mnt)->mnt_mountpoint);
-  spin_unlock(&vfsmount_lock);
   dput(*dentry);
   *dentry = mountpoint;
   mntput(*mnt);

@@ -14,6 +14,7 @@
 #include <linux/stat.h>
 #include <linux/statfs.h>
 #include <linux/string.h>
+#include "ukern/sync/guard.h"
 #include "ukern/vfs/walk.h"
 
 namespace {
@@ -139,10 +140,8 @@ int do_truncate(struct dentry *dentry, loff_t length, unsigned int time_attrs, s
     attr.ia_file = filp;
     attr.ia_valid |= ATTR_FILE;
   }
-  mutex_lock(&dentry->d_inode->i_mutex);
-  const int error = notify_change(dentry, &attr);
-  mutex_unlock(&dentry->d_inode->i_mutex);
-  return error;
+  MutexGuard guard(dentry->d_inode->i_mutex);
+  return notify_change(dentry, &attr);
 }
 
 }  // extern "C"

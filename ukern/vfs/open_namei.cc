@@ -17,6 +17,7 @@
 #include <linux/sched.h>
 #include <linux/slab.h>
 #include <linux/stat.h>
+#include "ukern/sync/guard.h"
 #include "ukern/vfs/walk.h"
 
 namespace {
@@ -71,12 +72,17 @@ int check_open(struct nameidata *nd, int acc_mode, int flag) {
   return error ? give_up(nd, error) : 0;
 }
 
-// The last component below nd's directory, which stays locked; `lock` names it.
-void lookup_last(struct nameidata *nd, struct walk_path *path, struct mutex **lock) {
-  *lock = &nd->dentry->d_inode->i_mutex;
-  mutex_lock(*lock);
+// The last component below nd's directory, made there if nobody has the name. True: `*error` says
+// what came of making it.
+bool lookup_or_create(struct nameidata *nd, struct walk_path *path, int mode, int *error) {
+  struct inode *dir = nd->dentry->d_inode;
+  MutexGuard guard(dir->i_mutex);
   path->dentry = lookup_hash(nd);
   path->mnt = nd->mnt;
+  if (IS_ERR(path->dentry) || IS_ERR(nd->intent.open.file) || path->dentry->d_inode) return false;
+  if (!IS_POSIXACL(dir)) mode &= ~current->fs->umask;
+  *error = vfs_create(dir, path->dentry, mode, nd);
+  return true;
 }
 
 // The name exists as a link: on to its target's parent, with nd->last a copy that `*copy` names.
@@ -102,16 +108,12 @@ int follow_last(struct nameidata *nd, struct walk_path *path, int *links, char *
   return give_up(nd, refused);
 }
 
-// Makes the file, in the locked directory. On success `nd` stands on it, else nothing is left to
-// release.
-int create_last(struct nameidata *nd, struct walk_path *path, int mode, struct mutex *lock) {
-  struct inode *dir = nd->dentry->d_inode;
-  if (!IS_POSIXACL(dir)) mode &= ~current->fs->umask;
-  const int error = vfs_create(dir, path->dentry, mode, nd);
-  mutex_unlock(lock);
+// The name was made, or not. On success `nd` stands on it, else nothing is left to release.
+int take_created(struct nameidata *nd, struct walk_path *path, int error, int flag) {
   dput(nd->dentry);
   nd->dentry = path->dentry;
-  return error ? give_up(nd, error) : 0;
+  // Whoever makes a file may open it whatever its mode says, and there is nothing to truncate.
+  return error ? give_up(nd, error) : check_open(nd, 0, flag & ~O_TRUNC);
 }
 
 // What to do with a last component that exists: 0 with `nd` on it, 1 for a link to follow, or an
@@ -141,25 +143,16 @@ int open_or_create(struct nameidata *nd, int acc_mode, int flag, int mode) {
   char *copy = nullptr;  // the last name, when a link gave it
   for (;;) {
     struct walk_path path;
-    struct mutex *lock;
-    lookup_last(nd, &path, &lock);
+    int error;
+    const bool made = lookup_or_create(nd, &path, mode, &error);
     if (copy) __putname(copy);
     copy = nullptr;
-    if (IS_ERR(path.dentry)) {
-      mutex_unlock(lock);
-      return give_up(nd, (int)PTR_ERR(path.dentry));
-    }
+    if (made) return take_created(nd, &path, error, flag);
+    if (IS_ERR(path.dentry)) return give_up(nd, (int)PTR_ERR(path.dentry));
     if (IS_ERR(nd->intent.open.file)) {
-      mutex_unlock(lock);
       dput_path(&path, nd);
       return give_up(nd, (int)PTR_ERR(nd->intent.open.file));
     }
-    if (!path.dentry->d_inode) {
-      const int error = create_last(nd, &path, mode, lock);
-      // Whoever makes a file may open it whatever its mode says, and there is nothing to truncate.
-      return error ? error : check_open(nd, 0, flag & ~O_TRUNC);
-    }
-    mutex_unlock(lock);
     int result = take_existing(nd, &path, flag);
     if (result == 1)
       result = follow_last(nd, &path, &links, &copy);

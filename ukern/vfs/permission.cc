@@ -9,6 +9,8 @@
 #include <linux/sched.h>
 #include <linux/stat.h>
 
+#include "ukern/sync/guard.h"
+
 namespace {
 
 // Privilege stands in for read and write always, for execute only where somebody may execute at
@@ -63,24 +65,22 @@ int vfs_permission(struct nameidata *nd, int mask) {
 // from zero needs the lock; whoever already counts may go up and down freely.
 int get_write_access(struct inode *inode) {
   int error = 0;
-  spin_lock(&inode->i_lock);
+  SpinGuard guard(inode->i_lock);
   if (atomic_read(&inode->i_writecount) < 0)
     error = -ETXTBSY;
   else
     atomic_inc(&inode->i_writecount);
-  spin_unlock(&inode->i_lock);
   return error;
 }
 
 int deny_write_access(struct file *file) {
   struct inode *inode = file->f_dentry->d_inode;
   int error = 0;
-  spin_lock(&inode->i_lock);
+  SpinGuard guard(inode->i_lock);
   if (atomic_read(&inode->i_writecount) > 0)
     error = -ETXTBSY;
   else
     atomic_dec(&inode->i_writecount);
-  spin_unlock(&inode->i_lock);
   return error;
 }
 

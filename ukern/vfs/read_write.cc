@@ -12,6 +12,8 @@
 #include <linux/wait.h>
 #include <asm/uaccess.h>
 
+#include "ukern/sync/guard.h"
+
 namespace {
 
 // The most that one call moves: whole pages within an int, so that file systems need no range
@@ -43,12 +45,11 @@ extern "C" {
 loff_t generic_file_llseek(struct file *file, loff_t offset, int origin) {
   struct inode *inode = file->f_mapping->host;
   loff_t result = -EINVAL;
-  mutex_lock(&inode->i_mutex);
+  MutexGuard guard(inode->i_mutex);
   if (origin == SEEK_END) offset += inode->i_size;
   if (origin == SEEK_CUR) offset += file->f_pos;
   if (offset >= 0 && (unsigned long long)offset <= inode->i_sb->s_maxbytes)
     result = set_position(file, offset);
-  mutex_unlock(&inode->i_mutex);
   return result;
 }
 

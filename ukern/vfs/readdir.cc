@@ -5,6 +5,8 @@
 #include <linux/kernel.h>
 #include <linux/mutex.h>
 
+#include "ukern/sync/guard.h"
+
 extern "C" {
 
 // From the file's position on; `filler` is called for each entry until it refuses one. 0 at the end
@@ -14,12 +16,11 @@ int vfs_readdir(struct file *file, filldir_t filler, void *buf) {
   struct inode *inode = file->f_dentry->d_inode;
   if (!file->f_op || !file->f_op->readdir) return -ENOTDIR;
   int result = -ENOENT;
-  mutex_lock(&inode->i_mutex);
+  MutexGuard guard(inode->i_mutex);
   if (!IS_DEADDIR(inode)) {
     result = file->f_op->readdir(file, buf, filler);
     file_accessed(file);
   }
-  mutex_unlock(&inode->i_mutex);
   return result;
 }
 

@@ -15,6 +15,7 @@
 #include <linux/string.h>
 #include <linux/writeback.h>
 
+#include "ukern/sync/guard.h"
 #include "ukern/sync/lockcheck.h"
 
 LIST_HEAD(super_blocks);
@@ -122,9 +123,8 @@ int __put_super_and_need_restart(struct super_block *sb) {
 }
 
 static void put_super(struct super_block *sb) {
-  spin_lock(&sb_lock);
+  SpinGuard guard(sb_lock);
   __put_super(sb);
-  spin_unlock(&sb_lock);
 }
 
 void deactivate_super(struct super_block *s) {
@@ -134,39 +134,38 @@ void deactivate_super(struct super_block *s) {
   BUG_ON(atomic_read(&s->s_active) <= 0);
   if (!atomic_dec_and_lock(&s->s_active, &sb_lock)) return;
   s->s_count -= S_BIAS - 1;
-  spin_unlock(&sb_lock);
+  spin_unlock(&sb_lock);  // hand-over: from atomic_dec_and_lock
   down_write(&s->s_umount);
   fs->kill_sb(s);
   put_filesystem(fs);
   put_super(s);
 }
 
+// Makes a count of the memory a further use; false if the super block is on its way out. s_umount
+// is held for writing.
+static bool activate(struct super_block *s) {
+  if (!s->s_root) return false;
+  SpinGuard guard(sb_lock);
+  if (s->s_count <= S_BIAS) return false;
+  atomic_inc(&s->s_active);
+  ukern_super_ref(s, 1);
+  s->s_count--;
+  return true;
+}
+
 // Takes a further use of a super block, with s_umount held for writing; false if it was on its way
-// out. Enters with sb_lock held and releases it.
+// out. Consumes a count.
 static bool grab_super(struct super_block *s) {
-  s->s_count++;
-  spin_unlock(&sb_lock);
   down_write(&s->s_umount);
-  if (s->s_root) {
-    spin_lock(&sb_lock);
-    if (s->s_count > S_BIAS) {
-      atomic_inc(&s->s_active);
-      ukern_super_ref(s, 1);
-      s->s_count--;
-      spin_unlock(&sb_lock);
-      return true;
-    }
-    spin_unlock(&sb_lock);
-  }
-  up_write(&s->s_umount);
+  if (activate(s)) return true;
+  up_write(&s->s_umount);  // hand-over: else to the caller
   put_super(s);
   yield();
   return false;
 }
 
 static void discard_new_super(struct super_block *s) {
-  if (!s) return;
-  up_write(&s->s_umount);
+  up_write(&s->s_umount);  // hand-over: from alloc_super
   destroy_super(s);
 }
 
@@ -181,43 +180,45 @@ static struct super_block *find_super_locked(struct file_system_type *type,
   return nullptr;
 }
 
-struct super_block *sget(struct file_system_type *type, int (*test)(struct super_block *, void *),
-                         int (*set)(struct super_block *, void *), void *data) {
-  struct super_block *fresh = nullptr;
-  int err;
-
-  for (;;) {
-    spin_lock(&sb_lock);
-    struct super_block *old = find_super_locked(type, test, data);
-    if (old) {
-      // A spare one is given up first: its s_umount is of the class that is about to be taken.
-      if (fresh) {
-        spin_unlock(&sb_lock);
-        discard_new_super(fresh);
-        fresh = nullptr;
-        continue;
-      }
-      if (!grab_super(old)) continue;
-      return old;
-    }
-    if (fresh) break;
-    spin_unlock(&sb_lock);
-    fresh = alloc_super(type);
-    if (!fresh) return (struct super_block *)ERR_PTR(-ENOMEM);
-  }
-  err = set(fresh, data);
-  if (err) {
-    spin_unlock(&sb_lock);
-    discard_new_super(fresh);
-    return (struct super_block *)ERR_PTR(err);
-  }
+static int enter_super_locked(struct super_block *fresh, struct file_system_type *type,
+                              int (*set)(struct super_block *, void *), void *data) {
+  const int err = set(fresh, data);
+  if (err) return err;
   fresh->s_type = type;
   strlcpy(fresh->s_id, type->name, sizeof(fresh->s_id));
   list_add_tail(&fresh->s_list, &super_blocks);
   list_add(&fresh->s_instances, &type->fs_supers);
-  spin_unlock(&sb_lock);
-  get_filesystem(type);
-  return fresh;
+  return 0;
+}
+
+struct super_block *sget(struct file_system_type *type, int (*test)(struct super_block *, void *),
+                         int (*set)(struct super_block *, void *), void *data) {
+  struct super_block *fresh = nullptr;
+
+  for (;;) {
+    struct super_block *old;
+    int err = 0;
+    {
+      SpinGuard guard(sb_lock);
+      old = find_super_locked(type, test, data);
+      if (old && !fresh) old->s_count++;
+      if (!old && fresh) err = enter_super_locked(fresh, type, set, data);
+    }
+    if (!old && !fresh) {
+      fresh = alloc_super(type);
+      if (!fresh) return (struct super_block *)ERR_PTR(-ENOMEM);
+    } else if (!fresh) {
+      if (grab_super(old)) return old;
+    } else if (old || err) {
+      // A spare one is given up first: its s_umount is of the class that is about to be taken.
+      discard_new_super(fresh);
+      fresh = nullptr;
+      if (err) return (struct super_block *)ERR_PTR(err);
+    } else {
+      get_filesystem(type);
+      return fresh;
+    }
+  }
 }
 
 // The lowest number that is free, or kMinors. minors_lock is held.
@@ -229,11 +230,10 @@ static unsigned long free_minor_locked(void) {
 }
 
 int set_anon_super(struct super_block *s, void *) {
-  spin_lock(&minors_lock);
+  SpinGuard guard(minors_lock);
   const unsigned long minor = free_minor_locked();
-  if (minor < kMinors) __set_bit(minor, minors);
-  spin_unlock(&minors_lock);
   if (minor >= kMinors) return -EMFILE;
+  __set_bit(minor, minors);
   s->s_dev = MKDEV(0, (dev_t)minor);
   return 0;
 }
@@ -251,7 +251,7 @@ static void evict_super(struct super_block *sb) {
   dput(root);
   fsync_super(sb);
 
-  lock_super(sb);
+  MutexGuard guard(sb->s_lock);
   sb->s_flags &= ~(unsigned long)MS_ACTIVE;
   invalidate_inodes(sb);
   if (op->write_super && sb->s_dirt) op->write_super(sb);
@@ -262,24 +262,23 @@ static void evict_super(struct super_block *sb) {
         sb->s_id);
     inode_report_busy(sb);
   }
-  unlock_super(sb);
 }
 
 void generic_shutdown_super(struct super_block *sb) {
   if (sb->s_root) evict_super(sb);
-  spin_lock(&sb_lock);
-  list_del_init(&sb->s_list);
-  list_del_init(&sb->s_instances);
-  spin_unlock(&sb_lock);
-  up_write(&sb->s_umount);
+  {
+    SpinGuard guard(sb_lock);
+    list_del_init(&sb->s_list);
+    list_del_init(&sb->s_instances);
+  }
+  up_write(&sb->s_umount);  // hand-over: from deactivate_super
 }
 
 void kill_anon_super(struct super_block *sb) {
   const unsigned long minor = MINOR(sb->s_dev);
   generic_shutdown_super(sb);
-  spin_lock(&minors_lock);
+  SpinGuard guard(minors_lock);
   __clear_bit(minor, minors);
-  spin_unlock(&minors_lock);
 }
 
 void kill_litter_super(struct super_block *sb) {
@@ -300,7 +299,7 @@ static int fill_new_super(struct super_block *s, int flags, void *data,
   s->s_flags = (unsigned long)(unsigned)flags;
   err = fill_super(s, data, flags & MS_SILENT ? 1 : 0);
   if (err) {
-    up_write(&s->s_umount);
+    up_write(&s->s_umount);  // hand-over: from sget
     deactivate_super(s);
     return err;
   }
@@ -351,7 +350,7 @@ struct vfsmount *vfs_kern_mount(struct file_system_type *type, int flags, const 
   }
   mnt->mnt_mountpoint = mnt->mnt_root;
   mnt->mnt_parent = mnt;
-  up_write(&mnt->mnt_sb->s_umount);
+  up_write(&mnt->mnt_sb->s_umount);  // hand-over: from sget
   return mnt;
 }
 

@@ -5,28 +5,28 @@
 
 #include <linux/writeback.h>
 
+#include "ukern/sync/guard.h"
+
 static void write_super(struct super_block *sb) {
-  lock_super(sb);
+  MutexGuard guard(sb->s_lock);
   if (sb->s_root && sb->s_dirt && sb->s_op->write_super) sb->s_op->write_super(sb);
-  unlock_super(sb);
 }
 
 void sync_supers(void) {
   struct super_block *sb;
 
-  spin_lock(&sb_lock);
+  SpinGuard guard(sb_lock);
 again:
   list_for_each_entry(sb, &super_blocks, s_list) {
     if (!sb->s_dirt) continue;
     sb->s_count++;
-    spin_unlock(&sb_lock);
-    down_read(&sb->s_umount);
-    write_super(sb);
-    up_read(&sb->s_umount);
-    spin_lock(&sb_lock);
+    {
+      SpinPause meanwhile(sb_lock);
+      SharedGuard mount_guard(sb->s_umount);
+      write_super(sb);
+    }
     if (__put_super_and_need_restart(sb)) goto again;
   }
-  spin_unlock(&sb_lock);
 }
 
 void sync_filesystems(int wait) {
@@ -34,8 +34,8 @@ void sync_filesystems(int wait) {
       one_at_a_time);  // s_need_sync_fs says which are still to be done in this round
   struct super_block *sb;
 
-  mutex_lock(&one_at_a_time);
-  spin_lock(&sb_lock);
+  MutexGuard round_guard(one_at_a_time);
+  SpinGuard guard(sb_lock);
   list_for_each_entry(sb, &super_blocks, s_list) {
     if (sb->s_op->sync_fs && !(sb->s_flags & MS_RDONLY)) sb->s_need_sync_fs = 1;
   }
@@ -45,22 +45,21 @@ again:
     sb->s_need_sync_fs = 0;
     if (sb->s_flags & MS_RDONLY) continue;
     sb->s_count++;
-    spin_unlock(&sb_lock);
-    down_read(&sb->s_umount);
-    if (sb->s_root && (wait || sb->s_dirt)) sb->s_op->sync_fs(sb, wait);
-    up_read(&sb->s_umount);
-    spin_lock(&sb_lock);
+    {
+      SpinPause meanwhile(sb_lock);
+      SharedGuard mount_guard(sb->s_umount);
+      if (sb->s_root && (wait || sb->s_dirt)) sb->s_op->sync_fs(sb, wait);
+    }
     if (__put_super_and_need_restart(sb)) goto again;
   }
-  spin_unlock(&sb_lock);
-  mutex_unlock(&one_at_a_time);
 }
 
 int fsync_super(struct super_block *sb) {
   sync_inodes_sb(sb, 0);
-  lock_super(sb);
-  if (sb->s_dirt && sb->s_op->write_super) sb->s_op->write_super(sb);
-  unlock_super(sb);
+  {
+    MutexGuard guard(sb->s_lock);
+    if (sb->s_dirt && sb->s_op->write_super) sb->s_op->write_super(sb);
+  }
   if (sb->s_op->sync_fs) sb->s_op->sync_fs(sb, 1);
   sync_inodes_sb(sb, 1);
   return 0;
@@ -70,30 +69,26 @@ int fs_may_remount_ro(struct super_block *sb) {
   struct file *file;
   int may = 1;
 
-  file_list_lock();
+  SpinGuard guard(files_lock);
   list_for_each_entry(file, &sb->s_files, f_u.fu_list) {
     struct inode *inode = file->f_dentry->d_inode;
     // A file without links would have to be deleted when it is closed.
     if (inode->i_nlink == 0 || (S_ISREG(inode->i_mode) && (file->f_mode & FMODE_WRITE))) may = 0;
   }
-  file_list_unlock();
   return may;
 }
 
 static void mark_files_ro(struct super_block *sb) {
   struct file *file;
 
-  file_list_lock();
+  SpinGuard guard(files_lock);
   list_for_each_entry(file, &sb->s_files, f_u.fu_list) {
     if (S_ISREG(file->f_dentry->d_inode->i_mode) && file_count(file))
       file->f_mode &= ~(mode_t)FMODE_WRITE;
   }
-  file_list_unlock();
 }
 
 int do_remount_sb(struct super_block *sb, int flags, void *data, int force) {
-  int err;
-
   shrink_dcache_sb(sb);
   fsync_super(sb);
   if ((flags & MS_RDONLY) && !(sb->s_flags & MS_RDONLY)) {
@@ -103,9 +98,8 @@ int do_remount_sb(struct super_block *sb, int flags, void *data, int force) {
       return -EBUSY;
   }
   if (sb->s_op->remount_fs) {
-    lock_super(sb);
-    err = sb->s_op->remount_fs(sb, &flags, (char *)data);
-    unlock_super(sb);
+    MutexGuard guard(sb->s_lock);
+    const int err = sb->s_op->remount_fs(sb, &flags, (char *)data);
     if (err) return err;
   }
   sb->s_flags = (sb->s_flags & ~(unsigned long)MS_RMT_MASK) | ((unsigned)flags & MS_RMT_MASK);

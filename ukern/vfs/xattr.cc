@@ -9,6 +9,8 @@
 #include <linux/string.h>
 #include <linux/xattr.h>
 
+#include "ukern/sync/guard.h"
+
 namespace {
 
 bool in_space(const char *name, const char *prefix) {
@@ -44,12 +46,11 @@ int vfs_setxattr(struct dentry *dentry, char *name, void *value, size_t size, in
   struct inode *inode = dentry->d_inode;
   int error = xattr_permission(inode, name, MAY_WRITE);
   if (error) return error;
-  mutex_lock(&inode->i_mutex);
+  MutexGuard guard(inode->i_mutex);
   error = security_permission(name);
   if (!error)
     error = inode->i_op->setxattr ? inode->i_op->setxattr(dentry, name, value, size, flags)
                                   : -EOPNOTSUPP;
-  mutex_unlock(&inode->i_mutex);
   return error;
 }
 
@@ -66,10 +67,8 @@ int vfs_removexattr(struct dentry *dentry, char *name) {
   int error = xattr_permission(inode, name, MAY_WRITE);
   if (!error) error = security_permission(name);
   if (error) return error;
-  mutex_lock(&inode->i_mutex);
-  error = inode->i_op->removexattr(dentry, name);
-  mutex_unlock(&inode->i_mutex);
-  return error;
+  MutexGuard guard(inode->i_mutex);
+  return inode->i_op->removexattr(dentry, name);
 }
 
 }  // extern "C"

@@ -316,8 +316,6 @@ struct file {
 };
 
 extern spinlock_t files_lock;
-#define file_list_lock() spin_lock(&files_lock)
-#define file_list_unlock() spin_unlock(&files_lock)
 
 #if UKERN_DEBUG
 /* Notes in the file's log that its count changed. */
@@ -481,13 +479,6 @@ enum { SB_UNFROZEN = 0, SB_FREEZE_WRITE = 1, SB_FREEZE_TRANS = 2 };
 /* Sleeps, not interruptibly, while the file system is frozen to this level or deeper. */
 #define vfs_check_frozen(sb, level) \
   wait_event((sb)->s_wait_unfrozen, (__atomic_load_n(&(sb)->s_frozen, __ATOMIC_RELAXED) < (level)))
-
-static inline void lock_super(struct super_block *sb) {
-  mutex_lock(&sb->s_lock);
-}
-static inline void unlock_super(struct super_block *sb) {
-  mutex_unlock(&sb->s_lock);
-}
 
 struct file_system_type {
   const char *name;

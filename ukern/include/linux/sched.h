@@ -216,11 +216,4 @@ static inline int signal_pending(struct task_struct *p) {
   return unlikely(__atomic_load_n(&p->sigpending, __ATOMIC_ACQUIRE) != 0);
 }
 
-static inline void task_lock(struct task_struct *p) {
-  spin_lock(&p->alloc_lock);
-}
-static inline void task_unlock(struct task_struct *p) {
-  spin_unlock(&p->alloc_lock);
-}
-
 #endif

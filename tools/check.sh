@@ -89,6 +89,7 @@ check_locks
 tools/check_includes.py
 tools/check_test_table.py
 tools/check_declarations.py
+tools/check_guards.py
 cmake --preset release >/dev/null
 tools/check_compile.py build/release --headers
 tools/check_compile.py build/release --aarch64

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Pages. Each allocation is a block of the host with a struct page beside it. A debug build gives
-// every page back to the host at once, so that a sanitizer sees its use after that, and knows where
-// each was allocated; otherwise single pages come from larger blocks and wait on a free list.
+// Pages: their count, their references and their addresses. Where they come from is in
+// page_block_debug.cc or page_block_release.cc.
 //
 // There is no upper limit: above totalram_pages, or when it has reached its own limit, the page
 // cache is reclaimed first, and what cannot be reclaimed stays. Memory runs out when the host says
@@ -16,12 +15,10 @@
 #include <linux/string.h>
 #include <linux/swap.h>
 
-#include "ukern/host/host.h"
 #include "ukern/mm/fault.h"
 #include "ukern/mm/mm_internal.h"
+#include "ukern/mm/page_block.h"
 #include "ukern/sync/guard.h"
-#include "ukern/sync/report.h"
-#include "ukern/sync/stack.h"
 
 unsigned long totalram_pages;
 
@@ -44,142 +41,6 @@ addr_bucket *bucket_of(unsigned long addr) {
   return &by_addr[hash_long(addr >> PAGE_SHIFT, kAddrBits)];
 }
 
-// What the host gives for one allocation. `size`: of the structure that begins with the struct
-// page.
-struct page *host_page(unsigned long size, unsigned order) {
-  auto *page = static_cast<struct page *>(host_alloc(size, 16));
-  if (!page) return nullptr;
-  memset(static_cast<void *>(page), 0, size);
-  page->virtual_ = host_alloc(PAGE_SIZE << order, PAGE_SIZE);
-  if (page->virtual_) return page;
-  host_free(page);
-  return nullptr;
-}
-
-void host_page_free(struct page *page) {
-  host_free(page->virtual_);
-  host_free(page);
-}
-
-#if UKERN_DEBUG
-
-struct debug_page {
-  struct page page;
-  struct list_head all;  // under all_lock
-  struct call_stack allocated_at;
-};
-
-DEFINE_SPINLOCK(all_lock);
-LIST_HEAD(all_pages);
-
-debug_page *debug_of(struct page *page) {
-  return container_of(page, debug_page, page);
-}
-
-struct page *block_alloc(unsigned order) {
-  struct page *page = host_page(sizeof(debug_page), order);
-  if (!page) return nullptr;
-  call_stack_save(&debug_of(page)->allocated_at, 1);
-  SpinGuard guard(all_lock);
-  list_add_tail(&debug_of(page)->all, &all_pages);
-  return page;
-}
-
-void block_free(struct page *page) {
-  {
-    SpinGuard guard(all_lock);
-    list_del(&debug_of(page)->all);
-  }
-  host_page_free(page);
-}
-
-void report_leaks() {
-  while (!list_empty(&all_pages)) {
-    debug_page *leaked = list_entry(all_pages.next, debug_page, all);
-    struct page *page = &leaked->page;
-    struct bug_report *report =
-        report_begin("page %p of order %u is still allocated, count %d, index %lu, flags %lx",
-                     page->virtual_, page->order, page_count(page), page->index, page->flags);
-    report_stack(report, "allocated at", &leaked->allocated_at);
-    report_end(report);
-    block_free(page);
-  }
-}
-
-#else
-
-constexpr unsigned kBatch = 64;  // pages of one block of the free list
-
-struct page_batch {
-  page_batch *next;
-  void *block;
-  struct page pages[kBatch];
-};
-
-DEFINE_SPINLOCK(free_lock);
-LIST_HEAD(free_list);  // single pages, through lru
-page_batch *batches;
-
-struct page *take_free() {
-  struct page *page = nullptr;
-  SpinGuard guard(free_lock);
-  if (!list_empty(&free_list)) {
-    page = list_entry(free_list.next, struct page, lru);
-    list_del(&page->lru);
-  }
-  return page;
-}
-
-// Makes a batch of pages: one for the caller, the others for the free list.
-struct page *refill() {
-  auto *batch = static_cast<page_batch *>(host_alloc(sizeof(page_batch), 16));
-  if (!batch) return nullptr;
-  memset(batch, 0, sizeof *batch);
-  batch->block = host_alloc(PAGE_SIZE * kBatch, PAGE_SIZE);
-  if (!batch->block) {
-    host_free(batch);
-    return nullptr;
-  }
-  SpinGuard guard(free_lock);
-  batch->next = batches;
-  batches = batch;
-  for (unsigned i = 0; i < kBatch; i++) {
-    batch->pages[i].virtual_ = static_cast<char *>(batch->block) + i * PAGE_SIZE;
-    if (i) list_add_tail(&batch->pages[i].lru, &free_list);
-  }
-  return &batch->pages[0];
-}
-
-struct page *block_alloc(unsigned order) {
-  if (order) return host_page(sizeof(struct page), order);
-  struct page *page = take_free();
-  return page ? page : refill();
-}
-
-void block_free(struct page *page) {
-  if (page->order) {
-    host_page_free(page);
-    return;
-  }
-  SpinGuard guard(free_lock);
-  list_add(&page->lru, &free_list);
-}
-
-void report_leaks() {
-  if (int pages = atomic_read(&nr_allocated)) {
-    report_end(report_begin("%d pages are still allocated", pages));
-    return;  // their memory may be in use
-  }
-  INIT_LIST_HEAD(&free_list);
-  while (page_batch *batch = batches) {
-    batches = batch->next;
-    host_free(batch->block);
-    host_free(batch);
-  }
-}
-
-#endif
-
 // A page is on its bucket's list exactly while it has this bit.
 constexpr int kByAddr = PG_arch_1;
 
@@ -199,7 +60,7 @@ void free_block(struct page *page) {
   BUG_ON(page->mapping);
   BUG_ON(page_mapped(page));
   atomic_sub(1 << page->order, &nr_allocated);
-  block_free(page);
+  page_block_free(page);
 }
 
 // Whether something cached has to go before more is allocated.
@@ -220,14 +81,14 @@ int page_alloc_init(void) {
 }
 
 void page_alloc_exit(void) {
-  report_leaks();
+  page_blocks_exit(atomic_read(&nr_allocated));
 }
 
 struct page *alloc_pages(gfp_t gfp_mask, unsigned int order) {
   might_sleep_if(gfp_mask & __GFP_WAIT);
   if (fault_point()) return nullptr;
   if ((gfp_mask & __GFP_WAIT) && is_full()) shrink_page_cache(kReclaimBatch, 16 * kReclaimBatch);
-  struct page *page = block_alloc(order);
+  struct page *page = page_block_alloc(order);
   if (!page) return nullptr;
   page->flags = 0;
   atomic_set(&page->_count, 1);

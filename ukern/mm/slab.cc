@@ -13,6 +13,7 @@
 #include "ukern/mm/alloc_track.h"
 #include "ukern/mm/fault.h"
 #include "ukern/mm/slab.h"
+#include "ukern/sync/debug.h"
 #include "ukern/sync/guard.h"
 #include "ukern/sync/lockcheck.h"
 #include "ukern/sync/report.h"
@@ -29,11 +30,9 @@ struct kmem_cache {
   void (*dtor)(void *, kmem_cache_t *, unsigned long);
   atomic_t objects;  // given out
   struct list_head link;
-#if !UKERN_DEBUG
   spinlock_t kept_lock;
   struct kept_object *kept;  // under kept_lock, and so is the next one
   size_t kept_bytes;
-#endif
 };
 
 namespace {
@@ -43,10 +42,10 @@ constexpr size_t kMaxObject = 32 * PAGE_SIZE;
 // Freed objects wait for the next user of their cache, those that are still in the processor's
 // cache first. Small ones the host's allocator gives out again as fast by itself. In a debug build
 // they go back to the host at once, so that a sanitizer sees their use after that.
-[[maybe_unused]] constexpr size_t kKeptBytes = 1 << 20;  // of one cache
-[[maybe_unused]] constexpr size_t kLeastKept = 1024;     // a smaller object is not kept
-[[maybe_unused]] constexpr int kFresh = 0x5a;
-[[maybe_unused]] constexpr int kFreed = 0x6b;
+constexpr size_t kKeptBytes = 1 << 20;                          // of one cache
+constexpr size_t kLeastKept = kDebugBuild ? ~(size_t)0 : 1024;  // a smaller object is not kept
+constexpr int kFresh = 0x5a;
+constexpr int kFreed = 0x6b;
 
 // All caches, under cache_word.
 LIST_HEAD(caches);
@@ -62,10 +61,8 @@ bool name_in_use(const char *name) {
 
 void check_flags(gfp_t flags) {
   might_sleep_if(flags & __GFP_WAIT);
-#if UKERN_DEBUG
   // A slab cannot grow with this flag; it goes well only while a free object is at hand.
-  BUG_ON(flags & __GFP_ZERO);
-#endif
+  if constexpr (kDebugBuild) BUG_ON(flags & __GFP_ZERO);
 }
 
 // Whether an allocation goes on; the fault that is injected otherwise.
@@ -77,63 +74,27 @@ bool may_allocate(gfp_t flags) {
 // `owner` null: kmalloc. Neither cleared nor constructed.
 void *block_alloc(size_t size, size_t align, const void *owner) {
   void *block = host_alloc(size ? size : 1, align);
-  if (!block) return nullptr;
-#if UKERN_DEBUG
-  if (!alloc_track_add(block, size, owner)) {
-    host_free(block);
-    return nullptr;
-  }
-#else
-  (void)owner;
-#endif
-  return block;
+  if (!block || alloc_track_add(block, size, owner)) return block;
+  host_free(block);
+  return nullptr;
 }
 
-void poison(void *block, size_t size) {
-#if UKERN_DEBUG
-  memset(block, kFresh, size);
-#else
-  (void)block;
-  (void)size;
-#endif
+void poison(void *block, int with, size_t size) {
+  if constexpr (kDebugBuild) memset(block, with, size);
 }
 
-// Whether the block is the owner's to give back, and then its size. Otherwise it is reported and
-// left alone.
+// Whether the block is the owner's to give back, and in a debug build its size. Otherwise it is
+// reported and left alone.
 bool may_free(void *block, const void *owner, const char *owner_name, size_t *size) {
-#if UKERN_DEBUG
   if (!alloc_track_remove(block, owner, owner_name, size)) return false;
   ukern_lock_check_free(block, *size);
-#else
-  (void)block;
-  (void)owner;
-  (void)owner_name;
-  (void)size;
-#endif
   return true;
 }
 
 void block_free(void *block, size_t size) {
-#if UKERN_DEBUG
-  memset(block, kFreed, size);
-#else
-  (void)size;
-#endif
+  poison(block, kFreed, size);
   host_free(block);
 }
-
-#if UKERN_DEBUG
-
-void kept_init(struct kmem_cache *) {}
-void *take_kept(struct kmem_cache *) {
-  return nullptr;
-}
-bool keep(struct kmem_cache *, void *) {
-  return false;
-}
-void drop_kept(struct kmem_cache *) {}
-
-#else
 
 void kept_init(struct kmem_cache *cache) {
   spin_lock_init(&cache->kept_lock);
@@ -170,8 +131,6 @@ void drop_kept(struct kmem_cache *cache) {
   while (void *object = take_kept(cache)) host_free(object);
 }
 
-#endif
-
 void cache_free(struct kmem_cache *cache) {
   drop_kept(cache);
   host_free(cache);
@@ -179,11 +138,7 @@ void cache_free(struct kmem_cache *cache) {
 
 void report_leak(const char *what, const char *name, const void *owner, unsigned long count) {
   bug_report *report = report_begin("%lu objects of %s still allocated %s", count, name, what);
-#if UKERN_DEBUG
   alloc_track_count(owner, report);
-#else
-  (void)owner;
-#endif
   report_end(report);
 }
 
@@ -247,7 +202,7 @@ void *kmem_cache_alloc(kmem_cache_t *cache, gfp_t flags) {
   if (!object) object = block_alloc(cache->size, cache->align, cache);
   if (!object) return nullptr;
   atomic_inc(&cache->objects);
-  poison(object, cache->size);
+  poison(object, kFresh, cache->size);
   if (cache->ctor) {
     unsigned long why = SLAB_CTOR_CONSTRUCTOR;
     if (!(flags & __GFP_WAIT)) why |= SLAB_CTOR_ATOMIC;
@@ -282,7 +237,7 @@ void *__kmalloc(size_t size, gfp_t flags) {
   if (unlikely(size > KMALLOC_MAX_SIZE)) return nullptr;
   if (!may_allocate(flags)) return nullptr;
   void *block = block_alloc(size, kMinAlign, nullptr);
-  if (block) poison(block, size);
+  if (block) poison(block, kFresh, size);
   return block;
 }
 
@@ -316,10 +271,8 @@ void ukern_slab_exit(void) {
     cache_free(cache);
   }
   names_cachep = nullptr;
-#if UKERN_DEBUG
   if (const unsigned long blocks = alloc_track_count(nullptr, nullptr))
     report_leak("at shutdown", "kmalloc", nullptr, blocks);
   alloc_track_free_all();
-#endif
 }
 }

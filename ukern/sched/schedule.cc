@@ -4,6 +4,7 @@
 #include <linux/sched.h>
 
 #include "ukern/host/host.h"
+#include "ukern/sync/debug.h"
 
 namespace {
 
@@ -17,14 +18,10 @@ long state_of(struct task_struct *task) {
   return __atomic_load_n(&task->state, __ATOMIC_ACQUIRE);
 }
 
-#if UKERN_DEBUG
 void check_may_schedule() {
-  BUG_ON(!current);
+  if constexpr (kDebugBuild) BUG_ON(!current);
   might_sleep();
 }
-#else
-void check_may_schedule() {}
-#endif
 
 // Sleeps until woken, or until the deadline (negative: none): false when that came first.
 bool sleep_until(long long deadline) {

@@ -6,19 +6,14 @@
 #include <asm/uaccess.h>
 
 #include "ukern/sched/user_memory.h"
+#include "ukern/sync/debug.h"
 
 namespace {
 
 constexpr unsigned kMoreAtOnce = 32;
 
-#if UKERN_DEBUG
+// Bytes that the thread has copied in from user memory; counted in debug builds only.
 __thread unsigned long copied_in __attribute__((tls_model("initial-exec")));
-void count_copied_in(unsigned long bytes) {
-  copied_in += bytes;
-}
-#else
-void count_copied_in(unsigned long) {}
-#endif
 
 struct ukern_user_range *range_at(struct task_struct *task, unsigned index) {
   if (index < UKERN_USER_RANGES) return &task->user[index];
@@ -79,11 +74,7 @@ void user_memory_del(const void *start) {
 }
 
 unsigned long user_memory_copied(void) {
-#if UKERN_DEBUG
   return copied_in;
-#else
-  return 0;
-#endif
 }
 
 int ukern_access_ok(unsigned long addr, unsigned long size) {
@@ -101,7 +92,7 @@ unsigned long copy_from_user(void *to, const void __user *from, unsigned len) {
   might_sleep();
   const unsigned long done = reach((unsigned long)from, len);
   memcpy(to, (const void *)from, done);
-  count_copied_in(done);
+  if constexpr (kDebugBuild) copied_in += done;
   if (done < len) memset((char *)to + done, 0, len - done);
   return len - done;
 }

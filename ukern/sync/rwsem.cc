@@ -25,50 +25,21 @@ void read_lock_slow(volatile unsigned int *word) {
   }
 }
 
-void lock_read(struct rw_semaphore *sem, unsigned int subclass) {
-  (void)subclass;
-  UKERN_LOCK_BEFORE(&sem->dep_map, UKERN_SEM_READ, subclass);
-  if (unlikely(!ukern_rw_read_trylock(&sem->count, kBarred))) read_lock_slow(&sem->count);
-  UKERN_LOCK_GOT(&sem->dep_map, UKERN_SEM_READ, subclass);
-}
-
-void lock_write(struct rw_semaphore *sem, unsigned int subclass) {
-  (void)subclass;
-  UKERN_LOCK_BEFORE(&sem->dep_map, UKERN_SEM_WRITE, subclass);
-  if (unlikely(!ukern_rw_write_trylock(&sem->count))) ukern_rw_write_lock_slow(&sem->count);
-  UKERN_LOCK_GOT(&sem->dep_map, UKERN_SEM_WRITE, subclass);
-}
-
 }  // namespace
 
 extern "C" {
 
-void __init_rwsem(struct rw_semaphore *sem, const char *name, struct lock_class_key *key) {
-  (void)name;
-  (void)key;
-  sem->count = 0;
-#if UKERN_DEBUG
-  lockdep_init_map(&sem->dep_map, name, key);
-#endif
-}
-
 void down_read(struct rw_semaphore *sem) {
-  lock_read(sem, 0);
+  UKERN_LOCK_BEFORE(&sem->dep_map, UKERN_SEM_READ, 0);
+  if (unlikely(!ukern_rw_read_trylock(&sem->count, kBarred))) read_lock_slow(&sem->count);
+  UKERN_LOCK_GOT(&sem->dep_map, UKERN_SEM_READ, 0);
 }
 
 void down_write(struct rw_semaphore *sem) {
-  lock_write(sem, 0);
+  UKERN_LOCK_BEFORE(&sem->dep_map, UKERN_SEM_WRITE, 0);
+  if (unlikely(!ukern_rw_write_trylock(&sem->count))) ukern_rw_write_lock_slow(&sem->count);
+  UKERN_LOCK_GOT(&sem->dep_map, UKERN_SEM_WRITE, 0);
 }
-
-#if UKERN_DEBUG
-void down_read_nested(struct rw_semaphore *sem, int subclass) {
-  lock_read(sem, (unsigned int)subclass);
-}
-
-void down_write_nested(struct rw_semaphore *sem, int subclass) {
-  lock_write(sem, (unsigned int)subclass);
-}
-#endif
 
 int down_read_trylock(struct rw_semaphore *sem) {
   if (!ukern_rw_read_trylock(&sem->count, kBarred)) return 0;

@@ -16,6 +16,7 @@
 #include <linux/swap.h>
 #include "ukern/sync/guard.h"
 #include "ukern/sync/reflog.h"
+#include "ukern/vfs/file_log.h"
 #include "ukern/vfs/file_table.h"
 
 DEFINE_SPINLOCK(files_lock);
@@ -30,57 +31,8 @@ atomic_t files_in_use;
 int max_files;
 int most_reported;
 
-#if UKERN_DEBUG
-// Debug builds know every file, so that those left at the end can be reported with their
-// references.
-struct known_file {
-  struct file file;
-  struct list_head all;
-};
-constexpr size_t kFileSize = sizeof(struct known_file);
-LIST_HEAD(all_files);  // under files_lock
-
-void know(struct file *f) {
-  SpinGuard guard(files_lock);
-  list_add_tail(&((struct known_file *)f)->all, &all_files);
-}
-
-void forget(struct file *f) {
-  {
-    SpinGuard guard(files_lock);
-    list_del(&((struct known_file *)f)->all);
-  }
-  reflog_free(f->f_reflog);
-}
-
-void report_open_files(void) {
-  struct known_file *known;
-  list_for_each_entry(known, &all_files, all) {
-    struct file *f = &known->file;
-    struct bug_report *report =
-        report_begin("file %s is still open: %d references, flags 0%o",
-                     f->f_dentry ? (const char *)f->f_dentry->d_name.name : "(not opened)",
-                     file_count(f), f->f_flags);
-    report_reflog(report, f->f_reflog);
-    report_end(report);
-  }
-  INIT_LIST_HEAD(&all_files);
-}
-
-// Before the count goes down, for with the last one the file is gone.
-void note_drop(struct file *f) {
-  reflog_note(&f->f_reflog, -1, file_count(f) - 1);
-}
-#else
-constexpr size_t kFileSize = sizeof(struct file);
-void know(struct file *) {}
-void forget(struct file *) {}
-void report_open_files(void) {}
-void note_drop(struct file *) {}
-#endif
-
 void free_file(struct file *f) {
-  forget(f);
+  file_log_end(f);
   atomic_dec(&files_in_use);
   kmem_cache_free(file_cache, f);
 }
@@ -106,13 +58,13 @@ int ukern_files_init(void) {
   if (max_files < kMinFiles) max_files = kMinFiles;
   atomic_set(&files_in_use, 0);
   most_reported = 0;
-  file_cache = kmem_cache_create("filp", kFileSize, 0, 0, nullptr, nullptr);
+  file_cache = kmem_cache_create("filp", kFileMemory, 0, 0, nullptr, nullptr);
   return file_cache ? 0 : -ENOMEM;
 }
 
 void ukern_files_exit(void) {
   if (!file_cache) return;
-  report_open_files();
+  file_log_report();
   kmem_cache_destroy(file_cache);
   file_cache = nullptr;
 }
@@ -124,25 +76,17 @@ struct file *get_empty_filp(void) {
   if (!f) return nullptr;
   atomic_inc(&files_in_use);
   memset(f, 0, sizeof(*f));
-  know(f);
+  file_log_begin(f);
   INIT_LIST_HEAD(&f->f_u.fu_list);
   atomic_set(&f->f_count, 1);
   f->f_uid = current->fsuid;
   f->f_gid = current->fsgid;
-#if UKERN_DEBUG
   reflog_note(&f->f_reflog, 1, 1);
-#endif
   return f;
 }
 
-#if UKERN_DEBUG
-void ukern_file_ref(struct file *file, int change) {
-  reflog_note(&file->f_reflog, change, file_count(file));
-}
-#endif
-
 void fput(struct file *file) {
-  note_drop(file);
+  file_log_drop(file);
   BUG_ON(atomic_read(&file->f_count) <= 0);
   if (atomic_dec_and_test(&file->f_count)) __fput(file);
 }
@@ -164,7 +108,7 @@ void __fput(struct file *file) {
 }
 
 void put_filp(struct file *file) {
-  note_drop(file);
+  file_log_drop(file);
   if (!atomic_dec_and_test(&file->f_count)) return;
   file_kill(file);
   free_file(file);

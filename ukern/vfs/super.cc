@@ -35,47 +35,12 @@ void super_exit(void) {
   super_report_busy();
 }
 
-#if UKERN_DEBUG
-
-// How many file systems the one lies on that the calling thread is about to mount.
-static __thread unsigned mount_depth __attribute__((tls_model("initial-exec")));
-
-// A source that is the path of a directory is what a stackable file system is laid over; for any
-// other it does not matter.
-static unsigned depth_over(const char *source) {
-  struct nameidata nd;
-  if (!source || *source != '/' || !current->fs->rootmnt) return 0;
-  if (path_lookup(source, LOOKUP_FOLLOW | LOOKUP_DIRECTORY, &nd)) return 0;
-  const unsigned depth = nd.dentry->d_sb->ukern_depth + 1;
-  path_release(&nd);
-  return depth;
-}
-
-static int get_sb_at_depth(struct file_system_type *type, int flags, const char *name, void *data,
-                           struct vfsmount *mnt) {
-  const unsigned outer = mount_depth;
-  mount_depth = depth_over(name);
-  UKERN_LOCK_DEPTH(mount_depth);
-  const int err = type->get_sb(type, flags, name, data, mnt);
-  mount_depth = outer;
-  return err;
-}
-
-#else
-
-static int get_sb_at_depth(struct file_system_type *type, int flags, const char *name, void *data,
-                           struct vfsmount *mnt) {
-  return type->get_sb(type, flags, name, data, mnt);
-}
-
-#endif
-
 static struct super_block *alloc_super(struct file_system_type *type) {
   static struct super_operations no_ops = {};
   struct super_block *s = (struct super_block *)kzalloc(sizeof(*s), GFP_KERNEL);
 
   if (!s) return nullptr;
-  UKERN_LOCK_DEPTH(mount_depth);
+  UKERN_LOCK_DEPTH(mount_depth());
   INIT_LIST_HEAD(&s->s_list);
   INIT_LIST_HEAD(&s->s_inodes);
   INIT_LIST_HEAD(&s->s_dirty);
@@ -87,9 +52,7 @@ static struct super_block *alloc_super(struct file_system_type *type) {
   mutex_init(&s->s_lock);
   lockdep_set_class(&s->s_lock, &type->s_lock_key);
   mutex_init(&s->s_vfs_rename_mutex);
-#if UKERN_DEBUG
-  s->ukern_depth = s->s_lock.dep_map.depth;
-#endif
+  note_super_depth(s);
   init_waitqueue_head(&s->s_wait_unfrozen);
   s->s_count = S_BIAS;
   atomic_set(&s->s_active, 1);

@@ -13,9 +13,21 @@ extern "C" {
 /* Notes a change of s_active in the super block's log; drops the log. */
 void ukern_super_ref(struct super_block *sb, int change);
 void ukern_super_forget(struct super_block *sb);
+
+/* Calls get_sb while mount_depth says how many file systems the new one is to lie on. */
+int get_sb_at_depth(struct file_system_type *type, int flags, const char *name, void *data,
+                    struct vfsmount *mnt);
+unsigned mount_depth(void);
+/* The locks of a new super block have been initialised. */
+void note_super_depth(struct super_block *sb);
 #else
 static inline void ukern_super_ref(struct super_block *, int) {}
 static inline void ukern_super_forget(struct super_block *) {}
+static inline int get_sb_at_depth(struct file_system_type *type, int flags, const char *name,
+                                  void *data, struct vfsmount *mnt) {
+  return type->get_sb(type, flags, name, data, mnt);
+}
+static inline void note_super_depth(struct super_block *) {}
 #endif
 
 #ifdef __cplusplus

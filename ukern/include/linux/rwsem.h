@@ -24,7 +24,13 @@ struct rw_semaphore {
 #define init_rwsem(sem) UKERN_LOCK_INIT(sem, __init_rwsem)
 
 extern "C" {
+#if UKERN_DEBUG
 void __init_rwsem(struct rw_semaphore *sem, const char *name, struct lock_class_key *key);
+#else
+static inline void __init_rwsem(struct rw_semaphore *sem, const char *, struct lock_class_key *) {
+  sem->count = 0;
+}
+#endif
 void down_read(struct rw_semaphore *sem);
 int down_read_trylock(struct rw_semaphore *sem); /* 1: taken */
 void down_write(struct rw_semaphore *sem);
@@ -33,13 +39,6 @@ void up_read(struct rw_semaphore *sem);
 void up_write(struct rw_semaphore *sem);
 /* From writer to reader, with no writer in between. */
 void downgrade_write(struct rw_semaphore *sem);
-#if UKERN_DEBUG
-void down_read_nested(struct rw_semaphore *sem, int subclass);
-void down_write_nested(struct rw_semaphore *sem, int subclass);
-#else
-#define down_read_nested(sem, subclass) down_read(sem)
-#define down_write_nested(sem, subclass) down_write(sem)
-#endif
 }
 
 #endif

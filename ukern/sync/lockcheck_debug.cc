@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "ukern/sync/lockcheck.h"
 
-#if UKERN_DEBUG
-
 #include <linux/hardirq.h>
 #include <linux/hash.h>
 #include <linux/kernel.h>
@@ -371,5 +369,3 @@ void ukern_might_sleep(void) {
   report_end(report);
 }
 }
-
-#endif

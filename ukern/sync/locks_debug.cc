@@ -2,6 +2,7 @@
 // Spin locks, reader-writer locks and mutexes of debug builds: the lock, with the checker told
 // about it. In release builds the headers hold all there is.
 #include <linux/mutex.h>
+#include <linux/rwsem.h>
 #include <linux/spinlock.h>
 
 #include "ukern/sync/lockcheck.h"
@@ -9,15 +10,14 @@
 extern "C" {
 
 void __mutex_init(struct mutex *lock, const char *name, struct lock_class_key *key) {
-  (void)name;
-  (void)key;
-  lock->word = 0;
-#if UKERN_DEBUG
   lockdep_init_map(&lock->dep_map, name, key);
-#endif
+  lock->word = 0;
 }
 
-#if UKERN_DEBUG
+void __init_rwsem(struct rw_semaphore *sem, const char *name, struct lock_class_key *key) {
+  lockdep_init_map(&sem->dep_map, name, key);
+  sem->count = 0;
+}
 
 void ukern_spin_lock_init(spinlock_t *lock, const char *name, struct lock_class_key *key) {
   lockdep_init_map(&lock->dep_map, name, key);
@@ -111,6 +111,4 @@ void mutex_unlock(struct mutex *lock) {
 void mutex_destroy(struct mutex *lock) {
   BUG_ON(mutex_is_locked(lock));
 }
-
-#endif
 }

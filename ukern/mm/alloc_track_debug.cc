@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "ukern/mm/alloc_track.h"
 
-#if UKERN_DEBUG
-
 #include <linux/hash.h>
 #include <linux/spinlock.h>
 
@@ -110,5 +108,3 @@ unsigned long alloc_track_count(const void *owner, struct bug_report *report) {
   return count;
 }
 }
-
-#endif

@@ -13,8 +13,6 @@
 #include "ukern/sync/guard.h"
 #include "ukern/sync/reflog.h"
 
-#if UKERN_DEBUG
-
 static const int kMaxShown = 16;  // objects per report; the rest are only counted
 
 // The path of a dentry inside its file system, cut at the front if it is very long.
@@ -206,5 +204,3 @@ int super_report_busy(void) {
   }
   return busy.end();
 }
-
-#endif

@@ -3,8 +3,6 @@
 
 #include "ukern/sync/reflog.h"
 
-#if UKERN_DEBUG
-
 #include <linux/string.h>
 
 #include "ukern/host/host.h"
@@ -78,5 +76,3 @@ void report_reflog(struct bug_report *report, const struct reflog *const_log) {
   ukern_word_unlock(&log->word);
 }
 }
-
-#endif

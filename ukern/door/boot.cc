@@ -99,7 +99,7 @@ int uk_shutdown(void) {
   ukern_lock_check_none("end of the shutdown");
   ukern_set_current(nullptr);
   __atomic_store_n(&running, 0, __ATOMIC_RELEASE);
-  return (int)(report_count() - before);
+  return static_cast<int>(report_count() - before);
 }
 int uk_module_load(const char *name) {
   return load_builtin_module(name);

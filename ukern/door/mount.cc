@@ -16,7 +16,7 @@ int copy_to_page(const char *text, char **page) {
   *page = nullptr;
   if (!text) return 0;
   if (strlen(text) >= PAGE_SIZE) return -EINVAL;
-  *page = (char *)get_zeroed_page(GFP_KERNEL);
+  *page = reinterpret_cast<char *>(get_zeroed_page(GFP_KERNEL));
   if (!*page) return -ENOMEM;
   strcpy(*page, text);
   return 0;
@@ -28,13 +28,13 @@ extern "C" {
 
 int uk_fs_mount(const char *source, const char *dir, const char *type, unsigned long flags,
                 const void *data) {
-  const char *const texts[] = {source, dir, type, (const char *)data};
+  const char *const texts[] = {source, dir, type, static_cast<const char *>(data)};
   char *pages[ARRAY_SIZE(texts)] = {};
   int err = 0;
 
   for (unsigned i = 0; i < ARRAY_SIZE(texts) && !err; i++) err = copy_to_page(texts[i], &pages[i]);
-  if (!err) err = (int)do_mount(pages[0], pages[1], pages[2], flags, pages[3]);
-  for (char *page : pages) free_page((unsigned long)page);
+  if (!err) err = static_cast<int>(do_mount(pages[0], pages[1], pages[2], flags, pages[3]));
+  for (char *page : pages) free_page(reinterpret_cast<unsigned long>(page));
   return err;
 }
 

@@ -25,7 +25,7 @@ static constexpr unsigned long kMinRcvbuf = 256;
 static constexpr unsigned long kMaxRcvbuf = 0x3fffffff;  // doubled it still is an int
 
 static struct socket *socket_of(struct uk_nlsock *sock) {
-  return (struct socket *)sock;
+  return reinterpret_cast<struct socket *>(sock);
 }
 
 // The socket that options are set on: it exists for the time of the call.
@@ -57,19 +57,20 @@ int uk_nl_open(int unit, unsigned port, unsigned long rcvbuf, struct uk_nlsock *
   memset(&addr, 0, sizeof(addr));
   addr.nl_family = AF_NETLINK;
   addr.nl_pid = port;
-  err = sock->ops->bind(sock, (struct sockaddr *)&addr, sizeof(addr));
+  err = sock->ops->bind(sock, reinterpret_cast<struct sockaddr *>(&addr), sizeof(addr));
   if (err) {
     sock_release(sock);
     return err;
   }
-  *out = (struct uk_nlsock *)sock;
+  *out = reinterpret_cast<struct uk_nlsock *>(sock);
   return 0;
 }
 
 unsigned uk_nl_port(struct uk_nlsock *sock) {
   struct sockaddr_nl addr;
   int len;
-  socket_of(sock)->ops->getname(socket_of(sock), (struct sockaddr *)&addr, &len, 0);
+  socket_of(sock)->ops->getname(socket_of(sock), reinterpret_cast<struct sockaddr *>(&addr), &len,
+                                0);
   return addr.nl_pid;
 }
 
@@ -77,7 +78,7 @@ long uk_nl_send(struct uk_nlsock *sock, const void *data, unsigned long len) {
   struct sockaddr_nl to;
   memset(&to, 0, sizeof(to));
   to.nl_family = AF_NETLINK;
-  struct iovec iov = {(void __user *)data, len};
+  struct iovec iov = {const_cast<void __user *>(data), len};
   struct msghdr msg;
   memset(&msg, 0, sizeof(msg));
   msg.msg_name = &to;
@@ -120,12 +121,13 @@ long uk_nl_take(struct uk_nlsock *sock, struct uk_nl_lent *lent, unsigned long r
   // An error that comes meanwhile is the next call's.
   for (; skb; skb = count < room ? skb_dequeue(&sk->sk_receive_queue) : nullptr)
     lent[count++] = {.data = skb->data, .len = skb->len, .buffer = skb};
-  return (long)count;
+  return static_cast<long>(count);
 }
 
 void uk_nl_give_back(struct uk_nlsock *sock, const struct uk_nl_lent *lent, unsigned long count) {
   struct sock *sk = socket_of(sock)->sk;
-  for (unsigned long i = 0; i < count; i++) skb_free_datagram(sk, (struct sk_buff *)lent[i].buffer);
+  for (unsigned long i = 0; i < count; i++)
+    skb_free_datagram(sk, static_cast<struct sk_buff *>(lent[i].buffer));
   if (count) ukern::netlink_rcv_wake(sk);
 }
 
@@ -140,10 +142,10 @@ void uk_nl_close(struct uk_nlsock *sock) {
 }
 
 int uk_setsockopt(int pf, int option, void *value, unsigned len) {
-  if ((int)len < 0) return -EINVAL;
+  if (static_cast<int>(len) < 0) return -EINVAL;
   struct sock *sk = option_sock(pf);
   if (!sk) return -ENOMEM;
-  const int result = nf_setsockopt(sk, pf, option, (char __user *)value, len);
+  const int result = nf_setsockopt(sk, pf, option, static_cast<char __user *>(value), len);
   sock_put(sk);
   return result;
 }
@@ -151,7 +153,7 @@ int uk_setsockopt(int pf, int option, void *value, unsigned len) {
 int uk_getsockopt(int pf, int option, void *value, int *len) {
   struct sock *sk = option_sock(pf);
   if (!sk) return -ENOMEM;
-  const int result = nf_getsockopt(sk, pf, option, (char __user *)value, len);
+  const int result = nf_getsockopt(sk, pf, option, static_cast<char __user *>(value), len);
   sock_put(sk);
   return result;
 }

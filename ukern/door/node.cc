@@ -36,11 +36,11 @@ spinlock_t node_locks[1u << kLockBits];
 kmem_cache_t *node_cache;
 
 spinlock_t *lock_of(struct inode *inode) {
-  return &node_locks[hash_long((unsigned long)inode, kLockBits)];
+  return &node_locks[hash_long(reinterpret_cast<unsigned long>(inode), kLockBits)];
 }
 
 struct uk_node *new_node(struct vfsmount *mnt, struct dentry *dentry) {
-  struct uk_node *node = (struct uk_node *)kmem_cache_alloc(node_cache, GFP_KERNEL);
+  auto *node = static_cast<struct uk_node *>(kmem_cache_alloc(node_cache, GFP_KERNEL));
   if (!node) return nullptr;
   node->count = 1;
   node->inode = dentry->d_inode;

@@ -14,7 +14,7 @@
 namespace {
 
 struct uk_time to_time(const struct timespec *time) {
-  return {time->tv_sec, (unsigned)time->tv_nsec};
+  return {time->tv_sec, static_cast<unsigned>(time->tv_nsec)};
 }
 
 struct timespec from_time(const struct uk_time *time) {
@@ -26,7 +26,7 @@ struct timespec from_time(const struct uk_time *time) {
 
 void to_stat(const struct kstat *from, struct uk_stat *to) {
   to->ino = from->ino;
-  to->size = (unsigned long long)from->size;
+  to->size = static_cast<unsigned long long>(from->size);
   to->blocks = from->blocks;
   to->rdev = new_encode_dev(from->rdev);
   to->dev = new_encode_dev(from->dev);
@@ -35,7 +35,7 @@ void to_stat(const struct kstat *from, struct uk_stat *to) {
   to->nlink = from->nlink;
   to->uid = from->uid;
   to->gid = from->gid;
-  to->blksize = (unsigned)from->blksize;
+  to->blksize = static_cast<unsigned>(from->blksize);
   to->atime = to_time(&from->atime);
   to->mtime = to_time(&from->mtime);
   to->ctime = to_time(&from->ctime);
@@ -44,7 +44,7 @@ void to_stat(const struct kstat *from, struct uk_stat *to) {
 // The place to work on: the open file's where there is one, else where the node's last step leads.
 int place(struct uk_node *node, struct uk_file *file, struct walk_path *path) {
   if (!file) return node_walk(node, path);
-  struct file *filp = (struct file *)file;
+  auto *filp = reinterpret_cast<struct file *>(file);
   path->mnt = filp->f_vfsmnt;
   path->dentry = dget(filp->f_dentry);
   return 0;
@@ -64,27 +64,28 @@ int set_times(const struct walk_path *path, unsigned set, const struct uk_stat *
 // A chown of nothing. The host asks for it too before anybody's write to a file with such bits; a
 // write takes them away itself, so who may not do it here need not.
 int take_set_id_away(const struct walk_path *path) {
-  const int error = chown_at(path, (uid_t)-1, (gid_t)-1);
+  const int error = chown_at(path, static_cast<uid_t>(-1), static_cast<gid_t>(-1));
   return error == -EPERM ? 0 : error;
 }
 
 // An open for reading may truncate as well, with the right to write that a truncation by name
 // needs.
 bool is_writable(struct uk_file *file) {
-  return file && (((struct file *)file)->f_mode & FMODE_WRITE);
+  return file && (reinterpret_cast<struct file *>(file)->f_mode & FMODE_WRITE);
 }
 
 int set_all(const struct walk_path *path, struct uk_file *file, unsigned set,
             const struct uk_stat *want) {
   if (!set) return take_set_id_away(path);
   int error = 0;
-  if (set & UK_SET_MODE) error = chmod_at(path, (mode_t)want->mode);
+  if (set & UK_SET_MODE) error = chmod_at(path, static_cast<mode_t>(want->mode));
   if (!error && (set & (UK_SET_UID | UK_SET_GID)))
-    error = chown_at(path, set & UK_SET_UID ? want->uid : (uid_t)-1,
-                     set & UK_SET_GID ? want->gid : (gid_t)-1);
+    error = chown_at(path, set & UK_SET_UID ? want->uid : static_cast<uid_t>(-1),
+                     set & UK_SET_GID ? want->gid : static_cast<gid_t>(-1));
   if (!error && (set & UK_SET_SIZE))
-    error = is_writable(file) ? ftruncate_file((struct file *)file, (loff_t)want->size)
-                              : truncate_at(path, (loff_t)want->size);
+    error = is_writable(file) ? ftruncate_file(reinterpret_cast<struct file *>(file),
+                                               static_cast<loff_t>(want->size))
+                              : truncate_at(path, static_cast<loff_t>(want->size));
   return error ? error : set_times(path, set, want);
 }
 
@@ -158,7 +159,7 @@ int uk_readlink(struct uk_node *node, char *buf, unsigned long size) {
   int result = node_walk(node, &path);
   if (result) return result;
   user_buffer range(buf, size);
-  result = range.error() ? range.error() : readlink_at(&path, buf, (int)size);
+  result = range.error() ? range.error() : readlink_at(&path, buf, static_cast<int>(size));
   dput(path.dentry);
   return result;
 }

@@ -20,12 +20,12 @@ namespace {
 // for all file systems of the host, each with a largest size of its own.
 ssize_t write_to(struct file *file, const void *buf, unsigned long len, loff_t at) {
   current->file_too_large = false;
-  const ssize_t done = vfs_write(file, (const char __user *)buf, len, &at);
+  const ssize_t done = vfs_write(file, static_cast<const char __user *>(buf), len, &at);
   return done == -EINVAL && current->file_too_large ? -EFBIG : done;
 }
 
 struct file *filp_of(struct uk_file *file) {
-  return (struct file *)file;
+  return reinterpret_cast<struct file *>(file);
 }
 
 // readdir's filler learns where an entry begins; where it ends is where the next begins. So each is
@@ -44,17 +44,17 @@ struct listing {
 
 void hand_on(struct listing *list, loff_t next) {
   if (list->pending && !list->stopped)
-    list->stopped =
-        list->fill(list->arg, list->name, list->ino, list->type, (unsigned long long)next);
+    list->stopped = list->fill(list->arg, list->name, list->ino, list->type,
+                               static_cast<unsigned long long>(next));
   list->pending = false;
 }
 
 int take_entry(void *buf, const char *name, int len, loff_t offset, ino_t ino, unsigned type) {
-  struct listing *list = (struct listing *)buf;
+  auto *list = static_cast<struct listing *>(buf);
   hand_on(list, offset);
   if (list->stopped) return -EINVAL;
   if (len < 0 || len > NAME_MAX) return list->error = -EOVERFLOW;
-  memcpy(list->name, name, (size_t)len);
+  memcpy(list->name, name, static_cast<size_t>(len));
   list->name[len] = '\0';
   list->ino = ino;
   list->type = type;
@@ -78,8 +78,8 @@ int open_to_run(struct uk_node *node, struct uk_file **out) {
     return error;
   }
   struct file *file = dentry_open(path.dentry, mntget(path.mnt), O_RDONLY | O_LARGEFILE);
-  if (IS_ERR(file)) return (int)PTR_ERR(file);
-  *out = (struct uk_file *)file;
+  if (IS_ERR(file)) return static_cast<int>(PTR_ERR(file));
+  *out = reinterpret_cast<struct uk_file *>(file);
   return 0;
 }
 
@@ -98,8 +98,8 @@ int uk_open(struct uk_node *node, int flags, struct uk_file **out) {
   if (!error) error = finish_open_walk(&nd, walk_flags);
   if (error) return error;
   struct file *file = nameidata_to_filp(&nd, flags);
-  if (IS_ERR(file)) return (int)PTR_ERR(file);
-  *out = (struct uk_file *)file;
+  if (IS_ERR(file)) return static_cast<int>(PTR_ERR(file));
+  *out = reinterpret_cast<struct uk_file *>(file);
   return 0;
 }
 
@@ -111,10 +111,10 @@ int uk_create(struct uk_node *dir, const char *name, int flags, unsigned mode, s
   if (error) return error;
   node_hold(dir, &path);
   // A link that came to stand here since the caller looked is not for this name space to follow.
-  struct file *filp =
-      filp_open_from(&path, name, flags | O_CREAT | O_LARGEFILE | O_NOFOLLOW, (int)mode);
+  struct file *filp = filp_open_from(&path, name, flags | O_CREAT | O_LARGEFILE | O_NOFOLLOW,
+                                     static_cast<int>(mode));
   dput(path.dentry);
-  if (IS_ERR(filp)) return (int)PTR_ERR(filp);
+  if (IS_ERR(filp)) return static_cast<int>(PTR_ERR(filp));
 
   struct walk_path opened = {filp->f_vfsmnt, filp->f_dentry};
   error = node_stat(&opened, stat);
@@ -123,28 +123,29 @@ int uk_create(struct uk_node *dir, const char *name, int flags, unsigned mode, s
     fput(filp);
     return error;
   }
-  *file = (struct uk_file *)filp;
+  *file = reinterpret_cast<struct uk_file *>(filp);
   return 0;
 }
 
 long uk_read(struct uk_file *file, void *buf, unsigned long len, unsigned long long pos) {
   struct file *filp = filp_of(file);
-  loff_t at = (loff_t)pos;
+  loff_t at = static_cast<loff_t>(pos);
   if (at < 0) return -EINVAL;
   if (!(filp->f_mode & FMODE_PREAD)) return -ESPIPE;
   user_buffer range(buf, len);
-  return range.error() ? range.error() : vfs_read(filp, (char *)buf, len, &at);
+  return range.error() ? range.error() : vfs_read(filp, static_cast<char *>(buf), len, &at);
 }
 
 long uk_write_with(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos,
                    int flags) {
   struct file *filp = filp_of(file);
-  const loff_t at = (loff_t)pos;
+  const loff_t at = static_cast<loff_t>(pos);
   if (at < 0) return -EINVAL;
   if (!(filp->f_mode & FMODE_PWRITE)) return -ESPIPE;
   user_buffer range(buf, len);
   if (range.error()) return range.error();
-  if (!((filp->f_flags ^ (unsigned)flags) & O_APPEND)) return write_to(filp, buf, len, at);
+  if (!((filp->f_flags ^ static_cast<unsigned>(flags)) & O_APPEND))
+    return write_to(filp, buf, len, at);
   // Others write through this file at the same time, with flags of their own.
   struct file as_now = *filp;
   as_now.f_flags ^= O_APPEND;
@@ -152,16 +153,18 @@ long uk_write_with(struct uk_file *file, const void *buf, unsigned long len, uns
 }
 
 long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos) {
-  return uk_write_with(file, buf, len, pos, (int)filp_of(file)->f_flags);
+  return uk_write_with(file, buf, len, pos, static_cast<int>(filp_of(file)->f_flags));
 }
 
 int uk_flush(struct uk_file *file) {
   struct file *filp = filp_of(file);
-  return filp->f_op && filp->f_op->flush ? filp->f_op->flush(filp, (fl_owner_t)current) : 0;
+  return filp->f_op && filp->f_op->flush
+             ? filp->f_op->flush(filp, reinterpret_cast<fl_owner_t>(current))
+             : 0;
 }
 
 int uk_fsync(struct uk_file *file, int datasync) {
-  return (int)do_fsync(filp_of(file), datasync);
+  return static_cast<int>(do_fsync(filp_of(file), datasync));
 }
 
 void uk_release(struct uk_file *file) {
@@ -176,9 +179,9 @@ int uk_readdir(struct uk_file *dir, unsigned long long off,
   struct listing list = {};
   list.fill = fill;
   list.arg = arg;
-  if (filp->f_pos != (loff_t)off) {
-    const loff_t at = vfs_llseek(filp, (loff_t)off, SEEK_SET);
-    if (at < 0) return (int)at;
+  if (filp->f_pos != static_cast<loff_t>(off)) {
+    const loff_t at = vfs_llseek(filp, static_cast<loff_t>(off), SEEK_SET);
+    if (at < 0) return static_cast<int>(at);
   }
   const int result = vfs_readdir(filp, take_entry, &list);
   if (result < 0 || list.error) return result < 0 ? result : list.error;

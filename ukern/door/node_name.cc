@@ -55,7 +55,8 @@ int uk_mknod(struct uk_node *dir, const char *name, unsigned mode, unsigned rdev
   struct walk_path path;
   const int error = enter(dir, name, &path);
   if (error) return error;
-  return leave(&path, mknod_at(&path, name, (int)mode, new_decode_dev(rdev)), name, out, stat);
+  return leave(&path, mknod_at(&path, name, static_cast<int>(mode), new_decode_dev(rdev)), name,
+               out, stat);
 }
 
 int uk_mkdir(struct uk_node *dir, const char *name, unsigned mode, struct uk_node **out,
@@ -63,7 +64,8 @@ int uk_mkdir(struct uk_node *dir, const char *name, unsigned mode, struct uk_nod
   const host_request_scope request;
   struct walk_path path;
   const int error = enter(dir, name, &path);
-  return error ? error : leave(&path, mkdir_at(&path, name, (int)mode), name, out, stat);
+  return error ? error
+               : leave(&path, mkdir_at(&path, name, static_cast<int>(mode)), name, out, stat);
 }
 
 int uk_symlink(struct uk_node *dir, const char *name, const char *target, struct uk_node **out,

@@ -16,7 +16,7 @@
 namespace {
 
 struct task_struct *task_of(struct uk_task *task) {
-  return (struct task_struct *)task;
+  return reinterpret_cast<struct task_struct *>(task);
 }
 
 int by_number(unsigned a, unsigned b) {
@@ -39,7 +39,7 @@ int change_groups(struct task_struct *task, unsigned count, const unsigned *grou
   if (count > NGROUPS_MAX) return -EINVAL;
   const struct group_info *now = task->group_info;
   if (!count && !now->ngroups) return 0;
-  struct group_info *info = groups_alloc((int)count);
+  struct group_info *info = groups_alloc(static_cast<int>(count));
   if (!info) return -ENOMEM;
   for (unsigned i = 0; i < count; i++) info->gids[i] = groups[i];
   sort_groups(info->gids, info->ngroups);
@@ -75,11 +75,11 @@ struct uk_task *uk_task_new(const struct uk_cred *cred) {
   if (!task) return nullptr;
   task->addr_limit = USER_DS;
   sigemptyset(&task->blocked);
-  if (uk_task_set_cred((struct uk_task *)task, cred)) {
+  if (uk_task_set_cred(reinterpret_cast<struct uk_task *>(task), cred)) {
     put_task_struct(task);
     return nullptr;
   }
-  return (struct uk_task *)task;
+  return reinterpret_cast<struct uk_task *>(task);
 }
 
 int uk_task_set_cred(struct uk_task *uk_task, const struct uk_cred *cred) {

@@ -70,7 +70,7 @@ void set_operations(struct inode *inode, const struct uk_stat &stat) {
     inode->i_fop = &hostfs_file_fops;
     inode->i_mapping->a_ops = &hostfs_aops;
   } else {
-    init_special_inode(inode, mode, new_decode_dev((u32)stat.rdev));
+    init_special_inode(inode, mode, new_decode_dev(static_cast<u32>(stat.rdev)));
   }
   inode->i_mapping->backing_dev_info = &hostfs_bdi;
 }
@@ -135,7 +135,7 @@ int hostfs_fill_super(struct super_block *sb, void *data, int) {
   const int fd = host_fs_root(source);
   if (fd < 0) return fd;
   struct inode *root = hostfs_iget(sb, fd);
-  if (IS_ERR(root)) return (int)PTR_ERR(root);
+  if (IS_ERR(root)) return static_cast<int>(PTR_ERR(root));
   sb->s_root = d_alloc_root(root);
   if (!sb->s_root) {
     iput(root);
@@ -167,7 +167,7 @@ void hostfs_take_stat(struct inode *inode, const struct uk_stat *stat) {
     inode->i_nlink = stat->nlink;
     inode->i_uid = stat->uid;
     inode->i_gid = stat->gid;
-    inode->i_rdev = new_decode_dev((u32)stat->rdev);
+    inode->i_rdev = new_decode_dev(static_cast<u32>(stat->rdev));
     i_size_write(inode, static_cast<loff_t>(stat->size));
     inode->i_blocks = stat->blocks;
     inode->i_blksize = stat->blksize;
@@ -243,9 +243,9 @@ int hostfs_wait_for_room(void) {
 // opened again.
 static void share_descriptors(long descriptors) {
   if (descriptors < 256) descriptors = 256;
-  if (descriptors / 8 < ukern_cache_limit) set_cache_limit((unsigned)descriptors / 8);
-  hostfs_set_idle_files((unsigned long)descriptors / 8);
-  hostfs_set_idle_directories((unsigned long)descriptors / 16);
+  if (descriptors / 8 < ukern_cache_limit) set_cache_limit(static_cast<unsigned>(descriptors) / 8);
+  hostfs_set_idle_files(static_cast<unsigned long>(descriptors) / 8);
+  hostfs_set_idle_directories(static_cast<unsigned long>(descriptors) / 16);
 }
 
 int hostfs_init(void) {

@@ -52,7 +52,8 @@ namespace {
 
 int check_new_size(struct inode *inode, loff_t size) {
   const unsigned long limit = current->signal->rlim[RLIMIT_FSIZE].rlim_cur;
-  if (size <= i_size_read(inode) || limit == RLIM_INFINITY || (unsigned long)size <= limit)
+  if (size <= i_size_read(inode) || limit == RLIM_INFINITY ||
+      static_cast<unsigned long>(size) <= limit)
     return 0;
   send_sig(SIGXFSZ, current, 0);
   return -EFBIG;
@@ -60,7 +61,7 @@ int check_new_size(struct inode *inode, loff_t size) {
 
 int set_size(const host_identity *as, struct inode *inode, int fd, loff_t size) {
   if (int error = check_new_size(inode, size)) return error;
-  if (int error = host_fs_truncate(as, fd, (unsigned long long)size)) return error;
+  if (int error = host_fs_truncate(as, fd, static_cast<unsigned long long>(size))) return error;
   unmap_mapping_range(inode->i_mapping, size + PAGE_SIZE - 1, 0, 1);
   truncate_inode_pages(inode->i_mapping, size);
   return 0;

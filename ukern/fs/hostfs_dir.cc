@@ -145,7 +145,7 @@ int instantiate(struct inode *dir, struct dentry *dentry, int fd) {
   struct inode *inode = hostfs_iget(dir->i_sb, fd);
   if (IS_ERR(inode)) {
     d_drop(dentry);
-    return (int)PTR_ERR(inode);
+    return static_cast<int>(PTR_ERR(inode));
   }
   d_instantiate(dentry, inode);
   return 0;
@@ -168,8 +168,8 @@ int hostfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nam
   // Who says nothing of a look-up makes no file to open it.
   const bool will_open = nd != nullptr;
   int data = -1;
-  const int fd = host_fs_create(&as, held.fd(), name_of(dentry), (unsigned)mode & 07777,
-                                will_open ? &data : nullptr);
+  const int fd = host_fs_create(&as, held.fd(), name_of(dentry),
+                                static_cast<unsigned>(mode) & 07777, will_open ? &data : nullptr);
   if (fd < 0) return fd;
   const int error = instantiate(dir, dentry, fd);
   if (error) {
@@ -184,14 +184,15 @@ int hostfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nam
 int hostfs_mkdir(struct inode *dir, struct dentry *dentry, int mode) {
   const host_identity as = hostfs_caller();
   return make_and_instantiate(dir, dentry, as, [&](int fd) {
-    return host_fs_mkdir(&as, fd, name_of(dentry), (unsigned)mode & 07777);
+    return host_fs_mkdir(&as, fd, name_of(dentry), static_cast<unsigned>(mode) & 07777);
   });
 }
 
 int hostfs_mknod(struct inode *dir, struct dentry *dentry, int mode, dev_t dev) {
   const host_identity as = hostfs_caller();
   return make_and_instantiate(dir, dentry, as, [&](int fd) {
-    return host_fs_mknod(&as, fd, name_of(dentry), (unsigned)mode, MAJOR(dev), MINOR(dev));
+    return host_fs_mknod(&as, fd, name_of(dentry), static_cast<unsigned>(mode), MAJOR(dev),
+                         MINOR(dev));
   });
 }
 

@@ -150,7 +150,7 @@ int make_writable(struct file *file, int fd) {
 ssize_t hostfs_read(struct file *file, char __user *buf, size_t count, loff_t *ppos) {
   const int fd = use(file);
   if (fd < 0) return fd;
-  const auto pos = (unsigned long long)*ppos;
+  const auto pos = static_cast<unsigned long long>(*ppos);
   const ssize_t result =
       open_file_of(file)->write_only ? -EACCES : host_fs_pread(fd, buf, count, pos);
   unuse(file);
@@ -166,8 +166,8 @@ ssize_t hostfs_aio_read(struct kiocb *iocb, char __user *buf, size_t count, loff
 
 void drop_cached(struct inode *inode, loff_t pos, ssize_t count) {
   if (!__atomic_load_n(&inode->i_mapping->nrpages, __ATOMIC_RELAXED)) return;
-  invalidate_mapping_pages(inode->i_mapping, (pgoff_t)(pos >> PAGE_CACHE_SHIFT),
-                           (pgoff_t)((pos + count - 1) >> PAGE_CACHE_SHIFT));
+  invalidate_mapping_pages(inode->i_mapping, static_cast<pgoff_t>(pos >> PAGE_CACHE_SHIFT),
+                           static_cast<pgoff_t>((pos + count - 1) >> PAGE_CACHE_SHIFT));
 }
 
 // The write itself, i_mutex held. *ppos moves behind what was written.
@@ -182,7 +182,7 @@ ssize_t write_locked(struct file *file, int fd, const char __user *buf, size_t c
   if (ssize_t error = make_writable(file, fd)) return error;
 
   const host_identity as = hostfs_caller();
-  auto end = (unsigned long long)pos;
+  auto end = static_cast<unsigned long long>(pos);
   ssize_t written;
   do {
     written = append ? host_fs_append(&as, fd, buf, count, &end)
@@ -190,8 +190,8 @@ ssize_t write_locked(struct file *file, int fd, const char __user *buf, size_t c
   } while ((written == -ENOSPC || written == -EDQUOT) && hostfs_wait_for_room());
   if (written == -EFBIG) current->file_too_large = true;
   if (written <= 0) return written;
-  if (!append) end += (unsigned long long)written;
-  *ppos = (loff_t)end;
+  if (!append) end += static_cast<unsigned long long>(written);
+  *ppos = static_cast<loff_t>(end);
   drop_cached(inode, *ppos - written, written);
   // What else the write changed comes with the next look at the attributes; who copies them
   // meanwhile sees the times move.
@@ -251,11 +251,11 @@ ssize_t hostfs_sendfile(struct file *file, loff_t *ppos, size_t count, read_acto
 int hostfs_readpage(struct file *file, struct page *page) {
   const hostfs_held held(page->mapping->host);
   const int fd = file ? use(file) : host_fs_open(held.fd(), HOST_OPEN_READ);
-  char *data = static_cast<char *>(kmap(page));
-  const auto pos = (unsigned long long)page_offset(page);
+  auto *data = static_cast<char *>(kmap(page));
+  const auto pos = static_cast<unsigned long long>(page_offset(page));
   const long result = fd < 0 ? fd : host_fs_pread(fd, data, PAGE_CACHE_SIZE, pos);
   if (result >= 0) {
-    memset(data + result, 0, PAGE_CACHE_SIZE - (unsigned long)result);
+    memset(data + result, 0, PAGE_CACHE_SIZE - static_cast<unsigned long>(result));
     SetPageUptodate(page);
   } else {
     SetPageError(page);
@@ -264,7 +264,7 @@ int hostfs_readpage(struct file *file, struct page *page) {
   if (fd >= 0 && file) unuse(file);
   if (fd >= 0 && !file) host_fs_close(fd);
   unlock_page(page);
-  return result < 0 ? (int)result : 0;
+  return result < 0 ? static_cast<int>(result) : 0;
 }
 
 ssize_t direct_segments(int rw, int fd, const struct iovec *iov, loff_t offset,
@@ -272,13 +272,13 @@ ssize_t direct_segments(int rw, int fd, const struct iovec *iov, loff_t offset,
   const host_identity as = hostfs_caller();
   ssize_t done = 0;
   for (unsigned long seg = 0; seg < nr_segs; seg++) {
-    const auto pos = (unsigned long long)(offset + done);
+    const auto pos = static_cast<unsigned long long>(offset + done);
     const ssize_t part = rw == WRITE
                              ? host_fs_pwrite(&as, fd, iov[seg].iov_base, iov[seg].iov_len, pos)
                              : host_fs_pread(fd, iov[seg].iov_base, iov[seg].iov_len, pos);
     if (part < 0) return done ? done : part;
     done += part;
-    if ((size_t)part < iov[seg].iov_len) break;
+    if (static_cast<size_t>(part) < iov[seg].iov_len) break;
   }
   return done;
 }
@@ -298,7 +298,7 @@ ssize_t hostfs_direct_IO(int rw, struct kiocb *iocb, const struct iovec *iov, lo
 int emit(struct file *file, const char *buffer, long bytes, void *dirent, filldir_t filldir) {
   for (long at = 0; at < bytes;) {
     const auto *entry = reinterpret_cast<const struct host_dirent *>(buffer + at);
-    const int length = (int)strlen(entry->name);
+    const int length = static_cast<int>(strlen(entry->name));
     if (filldir(dirent, entry->name, length, file->f_pos, entry->ino, entry->type) < 0) return 1;
     file->f_pos = entry->next;
     at += entry->length;
@@ -313,12 +313,13 @@ int hostfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
   long bytes = -ENOMEM;
   if (buffer) {
     do {
-      bytes = host_fs_getdents(fd, (unsigned long long)file->f_pos, buffer, kDirentBuffer);
+      bytes =
+          host_fs_getdents(fd, static_cast<unsigned long long>(file->f_pos), buffer, kDirentBuffer);
     } while (bytes > 0 && !emit(file, buffer, bytes, dirent, filldir));
   }
   kfree(buffer);
   unuse(file);
-  return bytes < 0 ? (int)bytes : 0;
+  return bytes < 0 ? static_cast<int>(bytes) : 0;
 }
 
 }  // namespace

@@ -70,7 +70,7 @@ int memfs_statfs(struct dentry *dentry, struct kstatfs *buf) {
   struct super_block *sb = dentry->d_sb;
   struct memfs_sb *info = memfs_s(sb);
   if (int error = memfs_check(sb, MEMFS_OP_STATFS)) return error;
-  buf->f_type = (long)sb->s_magic;
+  buf->f_type = static_cast<long>(sb->s_magic);
   buf->f_bsize = PAGE_SIZE;
   buf->f_frsize = PAGE_SIZE;
   buf->f_namelen = NAME_MAX;
@@ -150,7 +150,7 @@ int memfs_fill_super(struct super_block *sb, void *data, int) {
   if (!node) return -ENOMEM;
   node->parent = node;
   struct inode *root = memfs_iget(sb, node);
-  if (IS_ERR(root)) return (int)PTR_ERR(root);
+  if (IS_ERR(root)) return static_cast<int>(PTR_ERR(root));
   sb->s_root = d_alloc_root(root);
   if (sb->s_root) return 0;
   iput(root);

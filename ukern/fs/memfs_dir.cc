@@ -76,8 +76,8 @@ int make(struct inode *dir, struct dentry *dentry, int mode, dev_t rdev, const c
   if (dentry->d_name.len > NAME_MAX) return -ENAMETOOLONG;
   struct memfs_entry *entry = new_entry(dentry);
   if (!entry) return -ENOMEM;
-  struct memfs_node *node = memfs_new_node(dir->i_sb, (umode_t)mode, rdev);
-  struct inode *inode = static_cast<struct inode *>(ERR_PTR(-ENOMEM));
+  struct memfs_node *node = memfs_new_node(dir->i_sb, static_cast<umode_t>(mode), rdev);
+  auto *inode = static_cast<struct inode *>(ERR_PTR(-ENOMEM));
   if (node) {
     node->parent = memfs_n(dir);
     if (dir->i_mode & S_ISGID) {
@@ -85,8 +85,8 @@ int make(struct inode *dir, struct dentry *dentry, int mode, dev_t rdev, const c
       if (S_ISDIR(mode)) node->mode |= S_ISGID;
     }
     if (target) {
-      node->size = (loff_t)strlen(target);
-      node->target = static_cast<char *>(kmalloc((size_t)node->size + 1, GFP_KERNEL));
+      node->size = static_cast<loff_t>(strlen(target));
+      node->target = static_cast<char *>(kmalloc(static_cast<size_t>(node->size) + 1, GFP_KERNEL));
       if (node->target) strcpy(node->target, target);
     }
     if (!target || node->target) inode = memfs_iget(dir->i_sb, node);
@@ -94,7 +94,7 @@ int make(struct inode *dir, struct dentry *dentry, int mode, dev_t rdev, const c
   if (IS_ERR(inode)) {
     if (node) memfs_free_node(dir->i_sb, node);
     kfree(entry);
-    return (int)PTR_ERR(inode);
+    return static_cast<int>(PTR_ERR(inode));
   }
   enter(dir, dentry, entry, node);
   if (S_ISDIR(mode)) dir->i_nlink++;
@@ -271,11 +271,11 @@ int list_entries(struct file *file, void *dirent, filldir_t filldir) {
     if (filldir(dirent, "..", 2, 1, parent_ino(dir), DT_DIR) < 0) return 0;
     file->f_pos = 2;
   }
-  char *name = static_cast<char *>(kmalloc(NAME_MAX + 1, GFP_KERNEL));
+  auto *name = static_cast<char *>(kmalloc(NAME_MAX + 1, GFP_KERNEL));
   if (!name) return -ENOMEM;
   struct memfs_entry entry;
   while (entry_at(dir, file->f_pos, &entry, name)) {
-    if (filldir(dirent, name, (int)entry.length, entry.position, entry.node->ino,
+    if (filldir(dirent, name, static_cast<int>(entry.length), entry.position, entry.node->ino,
                 type_of(entry.node->mode)) < 0)
       break;
     file->f_pos = entry.position + 1;
@@ -288,9 +288,10 @@ int list_entries(struct file *file, void *dirent, filldir_t filldir) {
 int memfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
   const bool keeps_place = memfs_s(file->f_dentry->d_sb)->switches & MEMFS_NFS;
   if (keeps_place && file->private_data)
-    file->f_pos = (loff_t) reinterpret_cast<unsigned long>(file->private_data);
+    file->f_pos = static_cast<loff_t>(reinterpret_cast<unsigned long>(file->private_data));
   const int rc = list_entries(file, dirent, filldir);
-  if (keeps_place) file->private_data = reinterpret_cast<void *>((unsigned long)file->f_pos);
+  if (keeps_place)
+    file->private_data = reinterpret_cast<void *>(static_cast<unsigned long>(file->f_pos));
   return rc;
 }
 

@@ -43,7 +43,7 @@ int memfs_prepare_write(struct file *, struct page *page, unsigned from, unsigne
   struct inode *inode = page->mapping->host;
   if (int error = memfs_check(inode->i_sb, MEMFS_OP_PREPARE_WRITE)) return error;
   struct page *block = memfs_block(inode, page->index, 1);
-  if (IS_ERR(block)) return (int)PTR_ERR(block);
+  if (IS_ERR(block)) return static_cast<int>(PTR_ERR(block));
   put_page(block);
   if (!PageUptodate(page) && (from != 0 || to != PAGE_CACHE_SIZE)) fill_from_block(inode, page);
   return 0;
@@ -68,9 +68,10 @@ bool clear_behind_end(struct inode *inode, struct page *page) {
   const loff_t size = i_size_read(inode);
   const loff_t start = page_offset(page);
   if (start >= size) return false;
-  if (size - start < (loff_t)PAGE_CACHE_SIZE)
-    memclear_highpage_flush(page, (unsigned)(size - start),
-                            (unsigned)(PAGE_CACHE_SIZE - (unsigned long)(size - start)));
+  if (size - start < static_cast<loff_t>(PAGE_CACHE_SIZE))
+    memclear_highpage_flush(
+        page, static_cast<unsigned>(size - start),
+        static_cast<unsigned>(PAGE_CACHE_SIZE - static_cast<unsigned long>(size - start)));
   return true;
 }
 
@@ -81,7 +82,7 @@ int memfs_writepage(struct page *page, struct writeback_control *) {
   if (!error && clear_behind_end(inode, page)) {
     struct page *block = memfs_block(inode, page->index, 1);
     if (IS_ERR(block)) {
-      error = (int)PTR_ERR(block);
+      error = static_cast<int>(PTR_ERR(block));
     } else {
       copy_highpage(block, page);
       put_page(block);
@@ -103,14 +104,15 @@ sector_t memfs_bmap(struct address_space *mapping, sector_t index) {
 // One piece inside one block: the bytes moved, or -errno.
 ssize_t direct_piece(int rw, struct inode *inode, char __user *buf, loff_t pos, size_t length) {
   const auto offset = static_cast<size_t>(pos & ~PAGE_MASK);
-  struct page *block = memfs_block(inode, (unsigned long)(pos >> PAGE_SHIFT), rw == WRITE);
+  struct page *block =
+      memfs_block(inode, static_cast<unsigned long>(pos >> PAGE_SHIFT), rw == WRITE);
   if (IS_ERR(block)) return PTR_ERR(block);
-  if (rw == READ && !block) return clear_user(buf, length) ? -EFAULT : (ssize_t)length;
-  char *data = static_cast<char *>(page_address(block)) + offset;
-  const unsigned long left = rw == WRITE ? copy_from_user(data, buf, (unsigned)length)
-                                         : copy_to_user(buf, data, (unsigned)length);
+  if (rw == READ && !block) return clear_user(buf, length) ? -EFAULT : static_cast<ssize_t>(length);
+  auto *data = static_cast<char *>(page_address(block)) + offset;
+  const unsigned long left = rw == WRITE ? copy_from_user(data, buf, static_cast<unsigned>(length))
+                                         : copy_to_user(buf, data, static_cast<unsigned>(length));
   put_page(block);
-  return left ? -EFAULT : (ssize_t)length;
+  return left ? -EFAULT : static_cast<ssize_t>(length);
 }
 
 ssize_t direct_segment(int rw, struct inode *inode, const struct iovec *iov, loff_t pos) {
@@ -119,10 +121,10 @@ ssize_t direct_segment(int rw, struct inode *inode, const struct iovec *iov, lof
   if (rw == READ) {
     const loff_t size = i_size_read(inode);
     if (pos >= size) return 0;
-    if (left > (size_t)(size - pos)) left = (size_t)(size - pos);
+    if (left > static_cast<size_t>(size - pos)) left = static_cast<size_t>(size - pos);
   }
   while (left) {
-    const size_t room = PAGE_SIZE - (size_t)((pos + done) & ~PAGE_MASK);
+    const size_t room = PAGE_SIZE - static_cast<size_t>((pos + done) & ~PAGE_MASK);
     const size_t part = left < room ? left : room;
     const ssize_t moved =
         direct_piece(rw, inode, static_cast<char *>(iov->iov_base) + done, pos + done, part);
@@ -140,7 +142,7 @@ ssize_t direct_segments(int rw, struct inode *inode, const struct iovec *iov, lo
     const ssize_t part = direct_segment(rw, inode, &iov[seg], offset + done);
     if (part < 0) return done ? done : part;
     done += part;
-    if ((size_t)part < iov[seg].iov_len) break;
+    if (static_cast<size_t>(part) < iov[seg].iov_len) break;
   }
   return done;
 }
@@ -181,13 +183,14 @@ ssize_t memfs_direct_IO(int rw, struct kiocb *iocb, const struct iovec *iov, lof
   struct inode *inode = iocb->ki_filp->f_mapping->host;
   if (int error = memfs_check(inode->i_sb, MEMFS_OP_DIRECT_IO)) return error;
   struct memfs_sb *info = memfs_s(inode->i_sb);
-  const struct iovec first = {.iov_base = iov->iov_base, .iov_len = min(iov->iov_len, (size_t)512)};
+  const struct iovec first = {.iov_base = iov->iov_base,
+                              .iov_len = min(iov->iov_len, static_cast<size_t>(512))};
   if (info->switches & MEMFS_SHORT_DIRECT) {
     iov = &first;
     nr_segs = 1;
   }
   const size_t count = iov_length(iov, nr_segs);
-  if ((offset | (loff_t)count) & 511) return -EINVAL;
+  if ((offset | static_cast<loff_t>(count)) & 511) return -EINVAL;
   const ssize_t done = direct_segments(rw, inode, iov, offset, nr_segs);
   if ((info->switches & MEMFS_QUEUE) && direct_io_is_all(rw, done, count))
     return queue_request(info, iocb, done);

@@ -185,7 +185,7 @@ void memfs_truncate(struct inode *inode) {
   if (size & ~PAGE_MASK) {
     if (struct page *block = memfs_block(inode, size >> PAGE_SHIFT, 0)) {
       const auto from = static_cast<unsigned>(size & ~PAGE_MASK);
-      memclear_highpage_flush(block, from, (unsigned)PAGE_SIZE - from);
+      memclear_highpage_flush(block, from, static_cast<unsigned>(PAGE_SIZE) - from);
       put_page(block);
     }
   }

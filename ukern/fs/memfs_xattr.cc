@@ -84,7 +84,7 @@ ssize_t memfs_getxattr(struct dentry *dentry, const char *name, void *value, siz
   if (int error = memfs_check(inode->i_sb, MEMFS_OP_GETXATTR)) return error;
   SpinGuard guard(info->lock);
   const struct xattr *attr = find_locked(memfs_n(inode), name);
-  ssize_t result = attr ? (ssize_t)attr->size : -ENODATA;
+  ssize_t result = attr ? static_cast<ssize_t>(attr->size) : -ENODATA;
   if (attr && size) {
     if (size < attr->size)
       result = -ERANGE;
@@ -108,7 +108,7 @@ ssize_t memfs_listxattr(struct dentry *dentry, char *list, size_t size) {
       used += length;
     }
   }
-  return size && used > size ? -ERANGE : (ssize_t)used;
+  return size && used > size ? -ERANGE : static_cast<ssize_t>(used);
 }
 
 int memfs_removexattr(struct dentry *dentry, const char *name) {

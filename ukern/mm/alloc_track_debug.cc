@@ -27,7 +27,7 @@ Record *buckets[1u << kBucketBits];
 volatile unsigned int words[kWords];
 
 unsigned bucket_of(const void *block) {
-  return (unsigned)hash_long((unsigned long)block >> 4, kBucketBits);
+  return static_cast<unsigned>(hash_long(reinterpret_cast<unsigned long>(block) >> 4, kBucketBits));
 }
 
 void report_foreign(const void *block, const char *owner_name, const Record *record) {

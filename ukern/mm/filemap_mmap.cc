@@ -10,8 +10,8 @@ struct page *filemap_nopage(struct vm_area_struct *area, unsigned long address, 
   struct address_space *mapping = file->f_mapping;
   const unsigned long index = linear_page_index(area, address);
   const loff_t size = i_size_read(mapping->host);
-  if ((loff_t)index >= (size + (loff_t)PAGE_CACHE_SIZE - 1) >> PAGE_CACHE_SHIFT)
-    return NOPAGE_SIGBUS;
+  const loff_t pages = (size + static_cast<loff_t>(PAGE_CACHE_SIZE) - 1) >> PAGE_CACHE_SHIFT;
+  if (static_cast<loff_t>(index) >= pages) return NOPAGE_SIGBUS;
   struct page *page = read_mapping_page(mapping, index, file);
   if (IS_ERR(page)) return PTR_ERR(page) == -ENOMEM ? NOPAGE_OOM : NOPAGE_SIGBUS;
   wait_on_page_locked(page);

@@ -71,10 +71,11 @@ struct page *get_filled_page(struct address_space *mapping, struct file *filp, u
 // How many bytes of the page at `index` lie inside the file, from `offset` on.
 unsigned long bytes_in_file(struct inode *inode, unsigned long index, unsigned long offset) {
   const loff_t size = i_size_read(inode);
-  const loff_t from = ((loff_t)index << PAGE_CACHE_SHIFT) + (loff_t)offset;
+  const loff_t from =
+      (static_cast<loff_t>(index) << PAGE_CACHE_SHIFT) + static_cast<loff_t>(offset);
   if (from >= size) return 0;
   const auto left = static_cast<unsigned long>(size - from);
-  return min(left, (unsigned long)PAGE_CACHE_SIZE - offset);
+  return min(left, static_cast<unsigned long>(PAGE_CACHE_SIZE) - offset);
 }
 
 }  // namespace
@@ -117,14 +118,14 @@ void do_generic_mapping_read(struct address_space *mapping, struct file_ra_state
     if (taken != bytes || !desc->count) break;
   }
   __atomic_store_n(&ra->prev_page, prev_index, __ATOMIC_RELAXED);
-  *ppos = ((loff_t)index << PAGE_CACHE_SHIFT) + (loff_t)offset;
+  *ppos = (static_cast<loff_t>(index) << PAGE_CACHE_SHIFT) + static_cast<loff_t>(offset);
   if (filp) file_accessed(filp);
 }
 
 int file_read_actor(read_descriptor_t *desc, struct page *page, unsigned long offset,
                     unsigned long size) {
   if (size > desc->count) size = desc->count;
-  char *address = static_cast<char *>(kmap(page));
+  auto *address = static_cast<char *>(kmap(page));
   const unsigned long left = __copy_to_user(desc->arg.buf, address + offset, size);
   kunmap(page);
   if (left) {
@@ -141,7 +142,7 @@ ssize_t checked_length(const struct iovec *iov, unsigned long *nr_segs, int type
   size_t count = 0;
   for (unsigned long seg = 0; seg < *nr_segs; seg++) {
     const size_t length = iov[seg].iov_len;
-    if (__builtin_add_overflow(count, length, &count) || (ssize_t)(count | length) < 0)
+    if (__builtin_add_overflow(count, length, &count) || static_cast<ssize_t>(count | length) < 0)
       return -EINVAL;
     if (access_ok(type, iov[seg].iov_base, length)) continue;
     if (seg == 0) return -EFAULT;
@@ -149,7 +150,7 @@ ssize_t checked_length(const struct iovec *iov, unsigned long *nr_segs, int type
     count -= length;
     break;
   }
-  return (ssize_t)count;
+  return static_cast<ssize_t>(count);
 }
 
 static ssize_t direct_read(struct kiocb *iocb, const struct iovec *iov, unsigned long nr_segs,
@@ -180,7 +181,7 @@ static ssize_t read_segments(struct kiocb *iocb, const struct iovec *iov, unsign
     desc.count = iov[seg].iov_len;
     if (!desc.count) continue;
     do_generic_mapping_read(filp->f_mapping, &filp->f_ra, filp, ppos, &desc, file_read_actor);
-    result += (ssize_t)desc.written;
+    result += static_cast<ssize_t>(desc.written);
     if (desc.error) return result ? result : desc.error;
   }
   return result;
@@ -207,5 +208,5 @@ ssize_t generic_file_sendfile(struct file *in_file, loff_t *ppos, size_t count, 
   desc.count = count;
   desc.arg.data = target;
   do_generic_mapping_read(in_file->f_mapping, &in_file->f_ra, in_file, ppos, &desc, actor);
-  return desc.written ? (ssize_t)desc.written : desc.error;
+  return desc.written ? static_cast<ssize_t>(desc.written) : desc.error;
 }

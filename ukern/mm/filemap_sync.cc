@@ -21,7 +21,7 @@ int write_range(struct address_space *mapping, loff_t start, loff_t end,
   if (!mapping_cap_writeback_dirty(mapping)) return 0;
   struct writeback_control wbc = {};
   wbc.sync_mode = mode;
-  wbc.nr_to_write = (long)(mapping_pages(mapping) * 2);
+  wbc.nr_to_write = static_cast<long>(mapping_pages(mapping) * 2);
   wbc.range_start = start;
   wbc.range_end = end;
   return do_writepages(mapping, &wbc);
@@ -60,8 +60,10 @@ void write_tagged(struct address_space *mapping, struct writeback_control *wbc, 
   struct pagevec pvec;
   pagevec_init(&pvec, 0);
   while (!p->done && p->index <= p->end) {
-    const pgoff_t room = min(p->end - p->index, (pgoff_t)PAGEVEC_SIZE - 1) + 1;
-    if (!pagevec_lookup_tag(&pvec, mapping, &p->index, PAGECACHE_TAG_DIRTY, (unsigned)room)) break;
+    const pgoff_t room = min(p->end - p->index, static_cast<pgoff_t>(PAGEVEC_SIZE) - 1) + 1;
+    if (!pagevec_lookup_tag(&pvec, mapping, &p->index, PAGECACHE_TAG_DIRTY,
+                            static_cast<unsigned>(room)))
+      break;
     p->found = true;
     for (unsigned i = 0; i < pagevec_count(&pvec); i++) {
       struct page *page = pvec.pages[i];
@@ -91,8 +93,8 @@ int generic_writepages(struct address_space *mapping, struct writeback_control *
   const bool whole = wbc->range_start == 0 && wbc->range_end == kEnd;
   pass p = {};
   p.index = wbc->range_cyclic ? __atomic_load_n(&mapping->writeback_index, __ATOMIC_RELAXED)
-                              : (pgoff_t)(wbc->range_start >> PAGE_CACHE_SHIFT);
-  p.end = wbc->range_cyclic ? ~0ul : (pgoff_t)(wbc->range_end >> PAGE_CACHE_SHIFT);
+                              : static_cast<pgoff_t>(wbc->range_start >> PAGE_CACHE_SHIFT);
+  p.end = wbc->range_cyclic ? ~0ul : static_cast<pgoff_t>(wbc->range_end >> PAGE_CACHE_SHIFT);
   write_tagged(mapping, wbc, &p);
   if (wbc->range_cyclic && !p.found && !p.done) {
     p.index = 0;  // the end was reached: once more from the start
@@ -124,8 +126,10 @@ int wait_on_page_writeback_range(struct address_space *mapping, pgoff_t start, p
   pgoff_t index = start;
   if (end < start) return 0;
   while (index <= end) {
-    const pgoff_t room = min(end - index, (pgoff_t)PAGEVEC_SIZE - 1) + 1;
-    if (!pagevec_lookup_tag(&pvec, mapping, &index, PAGECACHE_TAG_WRITEBACK, (unsigned)room)) break;
+    const pgoff_t room = min(end - index, static_cast<pgoff_t>(PAGEVEC_SIZE) - 1) + 1;
+    if (!pagevec_lookup_tag(&pvec, mapping, &index, PAGECACHE_TAG_WRITEBACK,
+                            static_cast<unsigned>(room)))
+      break;
     for (unsigned i = 0; i < pagevec_count(&pvec); i++) {
       struct page *page = pvec.pages[i];
       if (page->index > end) continue;
@@ -143,7 +147,8 @@ int wait_on_page_writeback_range(struct address_space *mapping, pgoff_t start, p
 int filemap_fdatawait(struct address_space *mapping) {
   const loff_t size = i_size_read(mapping->host);
   if (size == 0) return 0;
-  return wait_on_page_writeback_range(mapping, 0, (pgoff_t)((size - 1) >> PAGE_CACHE_SHIFT));
+  return wait_on_page_writeback_range(mapping, 0,
+                                      static_cast<pgoff_t>((size - 1) >> PAGE_CACHE_SHIFT));
 }
 
 int filemap_write_and_wait(struct address_space *mapping) {
@@ -164,8 +169,8 @@ int sync_page_range(struct inode *inode, struct address_space *mapping, loff_t p
     error = generic_osync_inode(inode, mapping, OSYNC_METADATA);
   }
   if (error) return error;
-  return wait_on_page_writeback_range(mapping, (pgoff_t)(pos >> PAGE_CACHE_SHIFT),
-                                      (pgoff_t)(last >> PAGE_CACHE_SHIFT));
+  return wait_on_page_writeback_range(mapping, static_cast<pgoff_t>(pos >> PAGE_CACHE_SHIFT),
+                                      static_cast<pgoff_t>(last >> PAGE_CACHE_SHIFT));
 }
 
 int write_one_page(struct page *page, int wait) {

@@ -108,10 +108,10 @@ step write_one(struct file *file, cursor *from, loff_t pos, size_t bytes, size_t
     if (*status == AOP_TRUNCATED_PAGE) return step::again;
     // What prepare_write made behind the end of the file goes again.
     const loff_t size = i_size_read(mapping->host);
-    if (pos + (loff_t)bytes > size) vmtruncate(mapping->host, size);
+    if (pos + static_cast<loff_t>(bytes) > size) vmtruncate(mapping->host, size);
     return step::failed;
   }
-  char *address = static_cast<char *>(kmap(page));
+  auto *address = static_cast<char *>(kmap(page));
   const size_t copied = bytes - __copy_from_user(address + offset, from->address(), bytes);
   kunmap(page);
   *status = mapping->a_ops->commit_write(file, page, offset, to);
@@ -121,7 +121,7 @@ step write_one(struct file *file, cursor *from, loff_t pos, size_t bytes, size_t
   }
   if (*status >= 0) {
     // A positive result is how much was committed.
-    *moved = *status ? (size_t)*status : copied;
+    *moved = *status ? static_cast<size_t>(*status) : copied;
     *status = copied == bytes ? 0 : -EFAULT;
   }
   unlock_page(page);
@@ -139,18 +139,18 @@ ssize_t generic_file_buffered_write(struct kiocb *iocb, const struct iovec *iov,
   struct address_space *mapping = file->f_mapping;
   struct inode *inode = mapping->host;
   cursor from = {iov, 0, nr_segs};
-  from.advance((size_t)written);
+  from.advance(static_cast<size_t>(written));
   long status = 0;
 
   while (count) {
-    const size_t room = PAGE_CACHE_SIZE - (size_t)(pos & (PAGE_CACHE_SIZE - 1));
+    const size_t room = PAGE_CACHE_SIZE - static_cast<size_t>(pos & (PAGE_CACHE_SIZE - 1));
     const size_t bytes = min(min(room, count), from.available());
     size_t moved = 0;
     const step result = write_one(file, &from, pos, bytes, &moved, &status);
     if (result == step::again) continue;
-    written += (ssize_t)moved;
+    written += static_cast<ssize_t>(moved);
     count -= moved;
-    pos += (loff_t)moved;
+    pos += static_cast<loff_t>(moved);
     from.advance(moved);
     if (result == step::failed) break;
     balance_dirty_pages_ratelimited(mapping);
@@ -173,16 +173,17 @@ ssize_t generic_file_direct_IO(int rw, struct kiocb *iocb, const struct iovec *i
   struct address_space *mapping = iocb->ki_filp->f_mapping;
   const size_t length = rw == WRITE ? iov_length(iov, nr_segs) : 0;
   if (rw == WRITE && mapping_mapped(mapping))
-    unmap_mapping_range(mapping, offset, (loff_t)length, 0);
+    unmap_mapping_range(mapping, offset, static_cast<loff_t>(length), 0);
 
   ssize_t result = filemap_write_and_wait(mapping);
   if (result) return result;
   if (!mapping->a_ops->direct_IO) return -EINVAL;
   result = mapping->a_ops->direct_IO(rw, iocb, iov, offset, nr_segs);
   if (rw == WRITE && mapping_pages(mapping) && length) {
-    const auto last = static_cast<pgoff_t>((offset + (loff_t)length - 1) >> PAGE_CACHE_SHIFT);
-    const int error =
-        invalidate_inode_pages2_range(mapping, (pgoff_t)(offset >> PAGE_CACHE_SHIFT), last);
+    const auto last =
+        static_cast<pgoff_t>((offset + static_cast<loff_t>(length) - 1) >> PAGE_CACHE_SHIFT);
+    const int error = invalidate_inode_pages2_range(
+        mapping, static_cast<pgoff_t>(offset >> PAGE_CACHE_SHIFT), last);
     if (error) result = error;
   }
   return result;
@@ -220,7 +221,7 @@ ssize_t generic_file_direct_write(struct kiocb *iocb, const struct iovec *iov,
     const int error = generic_osync_inode(inode, file->f_mapping, OSYNC_METADATA);
     if (error < 0) written = error;
   }
-  if (written == (ssize_t)count && !is_sync_kiocb(iocb)) written = -EIOCBQUEUED;
+  if (written == static_cast<ssize_t>(count) && !is_sync_kiocb(iocb)) written = -EIOCBQUEUED;
   return written;
 }
 
@@ -231,7 +232,7 @@ static ssize_t write_locked(struct kiocb *iocb, const struct iovec *iov, unsigne
   struct inode *inode = file->f_mapping->host;
   const ssize_t total = checked_length(iov, &nr_segs, VERIFY_READ);
   if (total < 0) return total;
-  size_t count = (size_t)total;
+  size_t count = static_cast<size_t>(total);
   loff_t pos = *ppos;
 
   vfs_check_frozen(inode->i_sb, SB_FREEZE_WRITE);
@@ -243,10 +244,11 @@ static ssize_t write_locked(struct kiocb *iocb, const struct iovec *iov, unsigne
 
   ssize_t written = 0;
   if (file->f_flags & O_DIRECT) {
-    written = generic_file_direct_write(iocb, iov, &nr_segs, pos, ppos, count, (size_t)total);
-    if (written < 0 || (size_t)written == count) return written;
+    written = generic_file_direct_write(iocb, iov, &nr_segs, pos, ppos, count,
+                                        static_cast<size_t>(total));
+    if (written < 0 || static_cast<size_t>(written) == count) return written;
     pos += written;
-    count -= (size_t)written;
+    count -= static_cast<size_t>(written);
   }
   return generic_file_buffered_write(iocb, iov, nr_segs, pos, ppos, count, written);
 }

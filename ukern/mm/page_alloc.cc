@@ -65,7 +65,7 @@ void free_block(struct page *page) {
 
 // Whether something cached has to go before more is allocated.
 bool is_full() {
-  return (unsigned long)atomic_read(&nr_allocated) >= totalram_pages ||
+  return static_cast<unsigned long>(atomic_read(&nr_allocated)) >= totalram_pages ||
          lru_pages() >= page_cache_limit;
 }
 

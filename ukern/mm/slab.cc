@@ -42,8 +42,8 @@ constexpr size_t kMaxObject = 32 * PAGE_SIZE;
 // Freed objects wait for the next user of their cache, those that are still in the processor's
 // cache first. Small ones the host's allocator gives out again as fast by itself. In a debug build
 // they go back to the host at once, so that a sanitizer sees their use after that.
-constexpr size_t kKeptBytes = 1 << 20;                          // of one cache
-constexpr size_t kLeastKept = kDebugBuild ? ~(size_t)0 : 1024;  // a smaller object is not kept
+constexpr size_t kKeptBytes = 1 << 20;                         // of one cache
+constexpr size_t kLeastKept = kDebugBuild ? ULONG_MAX : 1024;  // a smaller object is not kept
 constexpr int kFresh = 0x5a;
 constexpr int kFreed = 0x6b;
 
@@ -154,7 +154,8 @@ kmem_cache_t *kmem_cache_create(const char *name, size_t size, size_t align, uns
   might_sleep();
   BUG_ON(!name || size < sizeof(void *) || size > kMaxObject || (dtor && !ctor));
   struct kmem_cache *cache = nullptr;
-  if (!fault_point()) cache = (struct kmem_cache *)host_alloc(sizeof(*cache), kMinAlign);
+  if (!fault_point())
+    cache = static_cast<struct kmem_cache *>(host_alloc(sizeof(*cache), kMinAlign));
   if (!cache) {
     if (flags & SLAB_PANIC) panic("kmem_cache_create(): failed to create slab `%s'", name);
     return nullptr;
@@ -185,7 +186,8 @@ int kmem_cache_destroy(kmem_cache_t *cache) {
   might_sleep();
   BUG_ON(!cache);
   if (const int objects = atomic_read(&cache->objects)) {
-    report_leak("as their cache is destroyed", cache->name, cache, (unsigned long)objects);
+    report_leak("as their cache is destroyed", cache->name, cache,
+                static_cast<unsigned long>(objects));
     return 1;
   }
   {
@@ -226,7 +228,7 @@ void kmem_cache_free(kmem_cache_t *cache, void *object) {
 }
 
 unsigned int kmem_cache_size(kmem_cache_t *cache) {
-  return (unsigned int)cache->size;
+  return static_cast<unsigned int>(cache->size);
 }
 
 const char *kmem_cache_name(kmem_cache_t *cache) {
@@ -251,7 +253,8 @@ void *__kzalloc(size_t size, gfp_t flags) {
 
 void kfree(const void *block) {
   size_t size = 0;
-  if (block && may_free((void *)block, nullptr, "kfree", &size)) block_free((void *)block, size);
+  if (block && may_free(const_cast<void *>(block), nullptr, "kfree", &size))
+    block_free(const_cast<void *>(block), size);
 }
 
 int ukern_slab_init(void) {
@@ -264,7 +267,7 @@ void ukern_slab_exit(void) {
   while (!list_empty(&caches)) {
     struct kmem_cache *cache = list_entry(caches.next, struct kmem_cache, link);
     if (const int objects = atomic_read(&cache->objects))
-      report_leak("at shutdown", cache->name, cache, (unsigned long)objects);
+      report_leak("at shutdown", cache->name, cache, static_cast<unsigned long>(objects));
     if (cache != names_cachep)
       report_end(report_begin("cache %s still exists at shutdown", cache->name));
     list_del(&cache->link);

@@ -96,7 +96,7 @@ void truncate_inode_pages_range(struct address_space *mapping, loff_t lstart, lo
 }
 
 void truncate_inode_pages(struct address_space *mapping, loff_t lstart) {
-  truncate_inode_pages_range(mapping, lstart, (loff_t)-1);
+  truncate_inode_pages_range(mapping, lstart, static_cast<loff_t>(-1));
 }
 
 unsigned long invalidate_mapping_pages(struct address_space *mapping, pgoff_t start, pgoff_t end) {
@@ -111,7 +111,7 @@ unsigned long invalidate_mapping_pages(struct address_space *mapping, pgoff_t st
       if (page->index > end) break;
       if (TestSetPageLocked(page)) continue;
       if (!PageDirty(page) && !PageWriteback(page) && !page_mapped(page))
-        removed += (unsigned long)invalidate_complete_page(mapping, page);
+        removed += static_cast<unsigned long>(invalidate_complete_page(mapping, page));
       unlock_page(page);
     }
     pagevec_release(&pvec);
@@ -160,11 +160,11 @@ int vmtruncate(struct inode *inode, loff_t offset) {
   struct address_space *mapping = inode->i_mapping;
   if (offset > i_size_read(inode)) {
     const unsigned long limit = current->signal->rlim[RLIMIT_FSIZE].rlim_cur;
-    if (limit != RLIM_INFINITY && (unsigned long)offset > limit) {
+    if (limit != RLIM_INFINITY && static_cast<unsigned long>(offset) > limit) {
       send_sig(SIGXFSZ, current, 0);
       return -EFBIG;
     }
-    if ((unsigned long)offset > inode->i_sb->s_maxbytes) return -EFBIG;
+    if (static_cast<unsigned long>(offset) > inode->i_sb->s_maxbytes) return -EFBIG;
     i_size_write(inode, offset);
   } else {
     if (IS_SWAPFILE(inode)) return -ETXTBSY;

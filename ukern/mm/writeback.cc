@@ -102,7 +102,7 @@ void background_writeout(unsigned long min_pages) {
 
 void write_old_inodes() {
   sync_supers();
-  unsigned long oldest = jiffies - (unsigned long)dirty_expire_interval;
+  unsigned long oldest = jiffies - static_cast<unsigned long>(dirty_expire_interval);
   long budget = nr_dirty() + inodes_in_use();
   struct writeback_control wbc = {};
   wbc.sync_mode = WB_SYNC_NONE;
@@ -188,7 +188,7 @@ void balance_dirty_pages(struct address_space *mapping) {
 void balance_dirty_pages_ratelimited_nr(struct address_space *mapping,
                                         unsigned long nr_pages_dirtied) {
   might_sleep();
-  if (atomic_add_return((int)nr_pages_dirtied, &since_last_look) < kRatelimit) return;
+  if (atomic_add_return(static_cast<int>(nr_pages_dirtied), &since_last_look) < kRatelimit) return;
   atomic_set(&since_last_look, 0);
   balance_dirty_pages(mapping);
 }
@@ -212,7 +212,8 @@ int pdflush_operation(void (*fn)(unsigned long), unsigned long arg0) {
 }
 
 int wakeup_pdflush(long nr_pages) {
-  return pdflush_operation(background_writeout, (unsigned long)(nr_pages ? nr_pages : nr_dirty()));
+  return pdflush_operation(background_writeout,
+                           static_cast<unsigned long>(nr_pages ? nr_pages : nr_dirty()));
 }
 
 void writeback_init(void) {
@@ -234,7 +235,7 @@ int writeback_threads_start(void) {
     struct task_struct *task = kthread_run(pdflush_thread, &w, "pdflush");
     if (IS_ERR(task)) {
       writeback_threads_stop();
-      return (int)PTR_ERR(task);
+      return static_cast<int>(PTR_ERR(task));
     }
     SpinGuard guard(pool_lock);
     w.task = task;
@@ -243,7 +244,7 @@ int writeback_threads_start(void) {
   struct task_struct *task = kthread_run(kupdate_thread, nullptr, "kupdate");
   if (IS_ERR(task)) {
     writeback_threads_stop();
-    return (int)PTR_ERR(task);
+    return static_cast<int>(PTR_ERR(task));
   }
   kupdate_task = task;
   return 0;

@@ -87,18 +87,18 @@ void skb_free_datagram(struct sock *, struct sk_buff *skb) {
 }
 
 int skb_copy_datagram_iovec(const struct sk_buff *from, int offset, struct iovec *to, int size) {
-  BUG_ON(offset < 0 || size < 0 || (unsigned)offset + size > from->len);
+  BUG_ON(offset < 0 || size < 0 || static_cast<unsigned>(offset) + size > from->len);
   return memcpy_toiovec(to, from->data + offset, size);
 }
 
 int memcpy_fromiovec(unsigned char *kdata, struct iovec *iov, int len) {
   for (; len > 0; iov++) {
-    const int part = iov->iov_len < (size_t)len ? (int)iov->iov_len : len;
+    const int part = iov->iov_len < static_cast<size_t>(len) ? static_cast<int>(iov->iov_len) : len;
     if (!part) continue;
     if (copy_from_user(kdata, iov->iov_base, part)) return -EFAULT;
     kdata += part;
     len -= part;
-    iov->iov_base = (char __user *)iov->iov_base + part;
+    iov->iov_base = static_cast<char __user *>(iov->iov_base) + part;
     iov->iov_len -= part;
   }
   return 0;
@@ -106,12 +106,12 @@ int memcpy_fromiovec(unsigned char *kdata, struct iovec *iov, int len) {
 
 int memcpy_toiovec(struct iovec *iov, unsigned char *kdata, int len) {
   for (; len > 0; iov++) {
-    const int part = iov->iov_len < (size_t)len ? (int)iov->iov_len : len;
+    const int part = iov->iov_len < static_cast<size_t>(len) ? static_cast<int>(iov->iov_len) : len;
     if (!part) continue;
     if (copy_to_user(iov->iov_base, kdata, part)) return -EFAULT;
     kdata += part;
     len -= part;
-    iov->iov_base = (char __user *)iov->iov_base + part;
+    iov->iov_base = static_cast<char __user *>(iov->iov_base) + part;
     iov->iov_len -= part;
   }
   return 0;

@@ -54,7 +54,7 @@ static struct proto netlink_proto = {
 extern "C" const struct proto_ops netlink_ops;
 
 static struct netlink_sock *nlk_sk(struct sock *sk) {
-  return (struct netlink_sock *)sk;
+  return reinterpret_cast<struct netlink_sock *>(sk);
 }
 
 // Ports.
@@ -194,7 +194,7 @@ static int netlink_kernel_release(struct socket *sock) {
 }
 
 static int netlink_bind(struct socket *sock, struct sockaddr *addr, int) {
-  const auto *to = (struct sockaddr_nl *)addr;
+  const auto *to = reinterpret_cast<struct sockaddr_nl *>(addr);
   struct netlink_sock *nlk = nlk_sk(sock->sk);
   if (to->nl_family != AF_NETLINK) return -EINVAL;
   if (to->nl_groups) return capable(CAP_NET_ADMIN) ? -EOPNOTSUPP : -EPERM;
@@ -203,7 +203,7 @@ static int netlink_bind(struct socket *sock, struct sockaddr *addr, int) {
 }
 
 static int netlink_connect(struct socket *sock, struct sockaddr *addr, int, int) {
-  const auto *to = (struct sockaddr_nl *)addr;
+  const auto *to = reinterpret_cast<struct sockaddr_nl *>(addr);
   struct netlink_sock *nlk = nlk_sk(sock->sk);
   if (addr->sa_family == AF_UNSPEC) {
     sock->sk->sk_state = NETLINK_UNCONNECTED;
@@ -220,7 +220,7 @@ static int netlink_connect(struct socket *sock, struct sockaddr *addr, int, int)
 }
 
 static int netlink_getname(struct socket *sock, struct sockaddr *addr, int *addr_len, int peer) {
-  auto *name = (struct sockaddr_nl *)addr;
+  auto *name = reinterpret_cast<struct sockaddr_nl *>(addr);
   struct netlink_sock *nlk = nlk_sk(sock->sk);
   name->nl_family = AF_NETLINK;
   name->nl_pad = 0;
@@ -245,14 +245,14 @@ static void netlink_overrun(struct sock *sk) {
 
 static struct sock *netlink_getsockbypid(struct sock *ssk, u32 pid) {
   struct sock *sk = netlink_lookup(ssk->sk_protocol, pid);
-  if (!sk) return (struct sock *)ERR_PTR(-ECONNREFUSED);
+  if (!sk) return static_cast<struct sock *>(ERR_PTR(-ECONNREFUSED));
   struct netlink_sock *nlk = nlk_sk(sk);
   const bool deaf_kernel = nlk->pid == 0 && !nlk->data_ready;
   const bool connected_elsewhere =
       sk->sk_state == NETLINK_CONNECTED && nlk->dst_pid != nlk_sk(ssk)->pid;
   if (deaf_kernel || connected_elsewhere) {
     sock_put(sk);
-    return (struct sock *)ERR_PTR(-ECONNREFUSED);
+    return static_cast<struct sock *>(ERR_PTR(-ECONNREFUSED));
   }
   return sk;
 }
@@ -299,7 +299,7 @@ static int netlink_attachskb(struct sock *sk, struct sk_buff *skb, long *timeo, 
 static void netlink_trim(struct sk_buff *skb) {
   skb_orphan(skb);
   const int delta = skb->end - skb->tail;
-  if (delta * 2 < (int)skb->truesize || skb_shared(skb)) return;
+  if (delta * 2 < static_cast<int>(skb->truesize) || skb_shared(skb)) return;
   if (pskb_expand_head(skb, 0, -delta, GFP_KERNEL) == 0) skb->truesize -= delta;
 }
 
@@ -360,7 +360,7 @@ static int netlink_sendmsg(struct kiocb *, struct socket *sock, struct msghdr *m
 
   u32 dst_pid = nlk->dst_pid;
   if (msg->msg_namelen) {
-    const auto *addr = (struct sockaddr_nl *)msg->msg_name;
+    const auto *addr = static_cast<struct sockaddr_nl *>(msg->msg_name);
     if (addr->nl_family != AF_NETLINK) return -EINVAL;
     if (addr->nl_groups) return capable(CAP_NET_ADMIN) ? -EOPNOTSUPP : -EPERM;
     dst_pid = addr->nl_pid;
@@ -369,7 +369,7 @@ static int netlink_sendmsg(struct kiocb *, struct socket *sock, struct msghdr *m
     const int err = netlink_autobind(sock);
     if (err) return err;
   }
-  if (len > (size_t)(sk->sk_sndbuf - 32)) return -EMSGSIZE;
+  if (len > static_cast<size_t>(sk->sk_sndbuf - 32)) return -EMSGSIZE;
 
   struct sk_buff *skb = alloc_skb(len, GFP_KERNEL);
   if (!skb) return -ENOBUFS;
@@ -398,7 +398,7 @@ static int netlink_recvmsg(struct kiocb *, struct socket *sock, struct msghdr *m
     }
     err = skb_copy_datagram_iovec(skb, 0, msg->msg_iov, copied);
     if (msg->msg_name) {
-      auto *addr = (struct sockaddr_nl *)msg->msg_name;
+      auto *addr = static_cast<struct sockaddr_nl *>(msg->msg_name);
       addr->nl_family = AF_NETLINK;
       addr->nl_pad = 0;
       addr->nl_pid = NETLINK_CB(skb).pid;
@@ -408,7 +408,7 @@ static int netlink_recvmsg(struct kiocb *, struct socket *sock, struct msghdr *m
     skb_free_datagram(sk, skb);
   }
   ukern::netlink_rcv_wake(sk);
-  return err ? err : (int)copied;
+  return err ? err : static_cast<int>(copied);
 }
 
 extern "C" {

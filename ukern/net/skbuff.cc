@@ -38,7 +38,7 @@ void ukern::skb_exit() {
 static unsigned char *data_alloc(unsigned size, gfp_t priority) {
   void *data = size == kPageRoom ? kmem_cache_alloc(page_data_cache, priority & ~__GFP_DMA)
                                  : kmalloc(size, priority);
-  return (unsigned char *)data;
+  return static_cast<unsigned char *>(data);
 }
 
 static void data_free(unsigned char *data, unsigned size) {
@@ -50,13 +50,14 @@ static void data_free(unsigned char *data, unsigned size) {
 }
 
 static unsigned data_size(const struct sk_buff *skb) {
-  return (unsigned)(skb->end - skb->head);
+  return static_cast<unsigned>(skb->end - skb->head);
 }
 
 extern "C" {
 
 struct sk_buff *__alloc_skb(unsigned int size, gfp_t priority, int) {
-  auto *skb = (struct sk_buff *)kmem_cache_alloc(skbuff_head_cache, priority & ~__GFP_DMA);
+  auto *skb =
+      static_cast<struct sk_buff *>(kmem_cache_alloc(skbuff_head_cache, priority & ~__GFP_DMA));
   if (!skb) return nullptr;
 
   size = SKB_DATA_ALIGN(size);
@@ -92,7 +93,7 @@ int pskb_expand_head(struct sk_buff *skb, int nhead, int ntail, gfp_t gfp_mask) 
   const long used_end = skb->tail - skb->head;
   const long size = SKB_DATA_ALIGN(nhead + (skb->end - skb->head) + ntail);
   BUG_ON(size < nhead + used_end);
-  unsigned char *data = data_alloc((unsigned)size, gfp_mask);
+  unsigned char *data = data_alloc(static_cast<unsigned>(size), gfp_mask);
   if (!data) return -ENOMEM;
 
   memcpy(data + nhead, skb->head, used_end);

@@ -21,7 +21,7 @@ __u32 sysctl_rmem_default = kDefaultQueueBytes;
 
 struct sock *sk_alloc(int family, gfp_t priority, struct proto *prot, int zero_it) {
   BUG_ON(!zero_it);
-  auto *sk = (struct sock *)kmalloc(prot->obj_size, priority);
+  auto *sk = static_cast<struct sock *>(kmalloc(prot->obj_size, priority));
   if (!sk) return nullptr;
   memset(sk, 0, prot->obj_size);
   sk->sk_family = family;

@@ -23,7 +23,7 @@ static constexpr int kSockTypes = 11;
 static kmem_cache_t *sock_cache;
 
 static struct socket *sock_alloc() {
-  auto *sock = (struct socket *)kmem_cache_alloc(sock_cache, GFP_KERNEL);
+  auto *sock = static_cast<struct socket *>(kmem_cache_alloc(sock_cache, GFP_KERNEL));
   if (!sock) return nullptr;
   memset(sock, 0, sizeof(*sock));
   init_waitqueue_head(&sock->wait);
@@ -93,7 +93,7 @@ int kernel_sendmsg(struct socket *sock, struct msghdr *msg, struct kvec *vec, si
                    size_t len) {
   const mm_segment_t old_fs = get_fs();
   set_fs(KERNEL_DS);
-  msg->msg_iov = (struct iovec *)vec;
+  msg->msg_iov = reinterpret_cast<struct iovec *>(vec);
   msg->msg_iovlen = num;
   const int result = sock_sendmsg(sock, msg, len);
   set_fs(old_fs);
@@ -104,7 +104,7 @@ int kernel_recvmsg(struct socket *sock, struct msghdr *msg, struct kvec *vec, si
                    size_t len, int flags) {
   const mm_segment_t old_fs = get_fs();
   set_fs(KERNEL_DS);
-  msg->msg_iov = (struct iovec *)vec;
+  msg->msg_iov = reinterpret_cast<struct iovec *>(vec);
   msg->msg_iovlen = num;
   const int result = sock_recvmsg(sock, msg, len, flags);
   set_fs(old_fs);

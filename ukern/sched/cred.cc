@@ -19,8 +19,8 @@ int cap_netlink_recv(struct sk_buff *skb, int cap) {
 }
 
 struct group_info *groups_alloc(int gidsetsize) {
-  const size_t size = sizeof(struct group_info) + (size_t)gidsetsize * sizeof(gid_t);
-  auto *info = (struct group_info *)kmalloc(size, GFP_USER);
+  const size_t size = sizeof(struct group_info) + static_cast<size_t>(gidsetsize) * sizeof(gid_t);
+  auto *info = static_cast<struct group_info *>(kmalloc(size, GFP_USER));
   if (!info) return nullptr;
   info->ngroups = gidsetsize;
   atomic_set(&info->usage, 1);

@@ -35,7 +35,7 @@ noinline void run(struct ukern_kthread *kthread) {
 }
 
 void thread_main(void *arg) {
-  auto *task = (struct task_struct *)arg;
+  auto *task = static_cast<struct task_struct *>(arg);
   struct ukern_kthread *kthread = task->kthread;
   ukern_set_current(task);
   schedule();  // until somebody wakes it
@@ -53,7 +53,7 @@ void thread_main(void *arg) {
 }
 
 int start(struct task_struct *task, int (*fn)(void *), void *data) {
-  task->kthread = (struct ukern_kthread *)kmalloc(sizeof(*task->kthread), GFP_KERNEL);
+  task->kthread = static_cast<struct ukern_kthread *>(kmalloc(sizeof(*task->kthread), GFP_KERNEL));
   if (!task->kthread) return -ENOMEM;
   task->kthread->fn = fn;
   task->kthread->data = data;
@@ -80,11 +80,11 @@ struct task_struct *kthread_create(int (*threadfn)(void *data), void *data, cons
   va_end(args);
 
   struct task_struct *task = ukern_task_alloc(name);
-  if (!task) return (struct task_struct *)ERR_PTR(-ENOMEM);
+  if (!task) return static_cast<struct task_struct *>(ERR_PTR(-ENOMEM));
   const int error = start(task, threadfn, data);
   if (!error) return task;
   put_task_struct(task);
-  return (struct task_struct *)ERR_PTR(error);
+  return static_cast<struct task_struct *>(ERR_PTR(error));
 }
 
 int kthread_stop(struct task_struct *task) {
@@ -106,7 +106,7 @@ int kthread_should_stop(void) {
 void complete_and_exit(struct completion *comp, long code) {
   struct ukern_kthread *kthread = current->kthread;
   BUG_ON(!kthread);  // only kernel threads end this way here
-  kthread->result = (int)code;
+  kthread->result = static_cast<int>(code);
   if (comp) complete(comp);
   __builtin_longjmp(kthread->exit_point, 1);
 }

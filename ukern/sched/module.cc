@@ -28,7 +28,7 @@ const struct builtin_module *table() {
 // Index in the table, or -ENOENT.
 int find(const char *name) {
   for (unsigned i = 0; i < kModules && table()[i].name; i++)
-    if (!strcmp(table()[i].name, name)) return (int)i;
+    if (!strcmp(table()[i].name, name)) return static_cast<int>(i);
   return -ENOENT;
 }
 
@@ -100,7 +100,7 @@ int load_builtin_module(const char *name) {
   const int index = find(name);
   if (index < 0) return index;
   MutexGuard guard(load_mutex);
-  return load_locked((unsigned)index);
+  return load_locked(static_cast<unsigned>(index));
 }
 
 int unload_builtin_module(const char *name) {
@@ -108,7 +108,7 @@ int unload_builtin_module(const char *name) {
   const int index = find(name);
   if (index < 0) return index;
   MutexGuard guard(load_mutex);
-  return unload_locked((unsigned)index);
+  return unload_locked(static_cast<unsigned>(index));
 }
 
 void ukern_modules_exit(void) {

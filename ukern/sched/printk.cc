@@ -49,7 +49,7 @@ void drop_overrun() {
 void end_line() {
   Line *line = &lines[next_line % kLines];
   drop_overrun();
-  line->us = (unsigned long long)host_wall_ns() / 1000;
+  line->us = static_cast<unsigned long long>(host_wall_ns()) / 1000;
   line->start = next_byte;
   line->level = partial_level;
   line->len = partial_len;
@@ -75,12 +75,12 @@ void escape(const char *fmt, char *text, unsigned long size) {
   char out[kLineMax];
   unsigned long n = 0;
   for (const char *from = text; *from && n + 6 < size; from++) {
-    const auto c = (unsigned char)*from;
+    const auto c = static_cast<unsigned char>(*from);
     if (c == '\n' && !from[1]) break;
     if (c == '\t' || (c >= 0x20 && c != 0x7f))
       out[n++] = *from;
     else
-      n += (unsigned long)sprintf(out + n, "\\%03o", c);
+      n += static_cast<unsigned long>(sprintf(out + n, "\\%03o", c));
   }
   if (ends) out[n++] = '\n';
   out[n] = 0;
@@ -95,7 +95,7 @@ int add_text(const char *text, bool *line_ended) {
       at_line_start = false;
       partial_level = kDefaultLevel;
       if (has_level(text)) {
-        partial_level = (unsigned)(text[1] - '0');
+        partial_level = static_cast<unsigned>(text[1] - '0');
         text += 3;
         if (!*text) break;
       } else {

@@ -11,7 +11,7 @@ namespace {
 constexpr long long kJiffyNs = 1000000;
 
 const volatile unsigned int *state_word(struct task_struct *task) {
-  return (const volatile unsigned int *)&task->state;
+  return reinterpret_cast<const volatile unsigned int *>(&task->state);
 }
 
 long state_of(struct task_struct *task) {
@@ -40,7 +40,7 @@ bool sleep_until(long long deadline) {
         return false;
       }
     }
-    host_wait(state_word(task), (unsigned int)state, left);
+    host_wait(state_word(task), static_cast<unsigned int>(state), left);
   }
   __set_task_state(task, TASK_RUNNING);
   return true;
@@ -71,7 +71,7 @@ signed long schedule_timeout(signed long timeout) {
   const long long deadline = now + (timeout < most ? timeout : most) * kJiffyNs;
   if (!sleep_until(deadline)) return 0;
   const long long left = deadline - host_clock_ns();
-  return left > 0 ? (signed long)((left + kJiffyNs - 1) / kJiffyNs) : 0;
+  return left > 0 ? static_cast<signed long>((left + kJiffyNs - 1) / kJiffyNs) : 0;
 }
 
 signed long schedule_timeout_interruptible(signed long timeout) {
@@ -86,7 +86,9 @@ signed long schedule_timeout_uninterruptible(signed long timeout) {
 
 void msleep(unsigned int msecs) {
   unsigned long timeout = msecs_to_jiffies(msecs) + 1;
-  while (timeout) timeout = (unsigned long)schedule_timeout_uninterruptible((long)timeout);
+  while (timeout)
+    timeout =
+        static_cast<unsigned long>(schedule_timeout_uninterruptible(static_cast<long>(timeout)));
 }
 
 void yield(void) {
@@ -103,9 +105,9 @@ int cond_resched(void) {
 int wake_up_state(struct task_struct *task, unsigned int mode) {
   long state = __atomic_load_n(&task->state, __ATOMIC_SEQ_CST);
   do {
-    if (!(state & (long)mode)) return 0;
-  } while (!__atomic_compare_exchange_n(&task->state, &state, (long)TASK_RUNNING, false,
-                                        __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
+    if (!(state & static_cast<long>(mode))) return 0;
+  } while (!__atomic_compare_exchange_n(&task->state, &state, static_cast<long>(TASK_RUNNING),
+                                        false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
   // The task may be gone from here on; its address is all that is used.
   host_wake(state_word(task), 1);
   return 1;

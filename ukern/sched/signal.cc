@@ -99,21 +99,21 @@ int sigprocmask(int how, sigset_t *set, sigset_t *oldset) {
 
 int send_sig(int sig, struct task_struct *task, int priv) {
   (void)priv;  // whoever has the task may signal it
-  if (sig < 0 || !valid_signal((unsigned long)sig)) return -EINVAL;
+  if (sig < 0 || !valid_signal(static_cast<unsigned long>(sig))) return -EINVAL;
   return sig ? ukern_task_signal(task, sig) : 0;
 }
 
 int kill_proc(pid_t pid, int sig, int priv) {
   struct task_struct *task = target_of(pid);
   if (!task) return -ESRCH;
-  const bool refused = valid_signal((unsigned long)sig) && !priv && !may_signal(task);
+  const bool refused = valid_signal(static_cast<unsigned long>(sig)) && !priv && !may_signal(task);
   const int result = refused ? -EPERM : send_sig(sig, task, priv);
   put_task_struct(task);
   return result;
 }
 
 int allow_signal(int sig) {
-  if (sig < 1 || !valid_signal((unsigned long)sig)) return -EINVAL;
+  if (sig < 1 || !valid_signal(static_cast<unsigned long>(sig))) return -EINVAL;
   SpinGuard guard(current->sighand->siglock);
   sigdelset(&current->blocked, sig);
   recalc_sigpending();

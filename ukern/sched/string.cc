@@ -25,7 +25,8 @@ size_t strlcat(char *dest, const char *src, size_t size) {
 
 int strnicmp(const char *a, const char *b, size_t count) {
   for (; count; count--, a++, b++) {
-    const int ca = tolower((unsigned char)*a), cb = tolower((unsigned char)*b);
+    const int ca = tolower(static_cast<unsigned char>(*a)),
+              cb = tolower(static_cast<unsigned char>(*b));
     if (ca != cb || !ca) return ca - cb;
   }
   return 0;
@@ -42,13 +43,13 @@ char *strsep(char **s, const char *delimiters) {
 
 void *memscan(void *s, int c, size_t count) {
   void *found = memchr(s, c, count);
-  return found ? found : (char *)s + count;
+  return found ? found : static_cast<char *>(s) + count;
 }
 
 char *kstrdup(const char *s, gfp_t gfp) {
   if (!s) return nullptr;
   const size_t size = strlen(s) + 1;
-  char *copy = (char *)kmalloc(size, gfp);
+  char *copy = static_cast<char *>(kmalloc(size, gfp));
   if (copy) memcpy(copy, s, size);
   return copy;
 }

@@ -30,7 +30,7 @@ int last_kernel_pid = kFirstKernelPid;
 struct group_info no_groups = {.ngroups = 0, .usage = ATOMIC_INIT(1), .gids = {}};
 
 struct hlist_head *pid_bucket(int pid) {
-  return &pid_hash[hash_long((unsigned long)(unsigned)pid, kPidBits)];
+  return &pid_hash[hash_long(static_cast<unsigned long>(static_cast<unsigned>(pid)), kPidBits)];
 }
 
 void set_comm_from_path(struct task_struct *task, const char *path) {
@@ -96,7 +96,7 @@ void ukern_task_unhash(struct task_struct *task) {
 }
 
 struct task_struct *ukern_task_alloc(const char *name) {
-  auto *task = (struct task_struct *)kmem_cache_alloc(task_cachep, GFP_KERNEL);
+  auto *task = static_cast<struct task_struct *>(kmem_cache_alloc(task_cachep, GFP_KERNEL));
   if (!task) return nullptr;
   ukern_task_setup(task, __atomic_add_fetch(&last_kernel_pid, 1, __ATOMIC_RELAXED), name);
   ukern_task_hash(task);
@@ -149,7 +149,7 @@ int ukern_task_set_exe(struct task_struct *task, const char *exe) {
 // Without memory the program counts as unknown, which gives no right to anything.
 static void find_exe(struct task_struct *task) {
   fault_pause();
-  char *path = (char *)__getname();
+  char *path = static_cast<char *>(__getname());
   const long len = path ? task->find_exe(task->pid, path, PATH_MAX - 1) : 0;
   if (len > 0) path[len] = '\0';
   if (ukern_task_set_exe(task, len > 0 ? path : nullptr)) ukern_task_set_exe(task, nullptr);

@@ -12,7 +12,8 @@ constexpr long long kJiffyNs = NSEC_PER_SEC / HZ;
 long long jiffies_start;
 
 struct timespec to_timespec(long long ns) {
-  return {.tv_sec = (time_t)(ns / NSEC_PER_SEC), .tv_nsec = (long)(ns % NSEC_PER_SEC)};
+  return {.tv_sec = static_cast<time_t>(ns / NSEC_PER_SEC),
+          .tv_nsec = static_cast<long>(ns % NSEC_PER_SEC)};
 }
 
 }  // namespace
@@ -25,7 +26,7 @@ void ukern_time_reset(void) {
 
 unsigned long ukern_jiffies(void) {
   const long long start = __atomic_load_n(&jiffies_start, __ATOMIC_RELAXED);
-  return INITIAL_JIFFIES + (unsigned long)((host_clock_ns() - start) / kJiffyNs);
+  return INITIAL_JIFFIES + static_cast<unsigned long>((host_clock_ns() - start) / kJiffyNs);
 }
 
 struct timespec current_kernel_time(void) {
@@ -44,7 +45,7 @@ void do_gettimeofday(struct timeval *tv) {
 }
 
 unsigned long get_seconds(void) {
-  return (unsigned long)(host_wall_ns() / NSEC_PER_SEC);
+  return static_cast<unsigned long>(host_wall_ns() / NSEC_PER_SEC);
 }
 
 // Days are counted from March on, so that the leap day is the last of its year.

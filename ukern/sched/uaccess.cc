@@ -41,8 +41,8 @@ unsigned long reach(unsigned long addr, unsigned long size) {
 
 bool make_room(struct task_struct *task) {
   const unsigned room = task->user_room + kMoreAtOnce;
-  auto *more =
-      (struct ukern_user_range *)kmalloc(room * sizeof(struct ukern_user_range), GFP_KERNEL);
+  auto *more = static_cast<struct ukern_user_range *>(
+      kmalloc(room * sizeof(struct ukern_user_range), GFP_KERNEL));
   if (!more) return false;
   if (task->user_room) memcpy(more, task->user_more, task->user_room * sizeof(*more));
   kfree(task->user_more);
@@ -58,7 +58,8 @@ extern "C" {
 int user_memory_add(const void *start, unsigned long len) {
   struct task_struct *task = current;
   if (task->user_ranges == UKERN_USER_RANGES + task->user_room && !make_room(task)) return -ENOMEM;
-  *range_at(task, task->user_ranges++) = {.start = (unsigned long)start, .len = len};
+  *range_at(task, task->user_ranges++) = {.start = reinterpret_cast<unsigned long>(start),
+                                          .len = len};
   return 0;
 }
 
@@ -66,7 +67,7 @@ void user_memory_del(const void *start) {
   struct task_struct *task = current;
   unsigned i = task->user_ranges;
   while (i-- > 0) {
-    if (range_at(task, i)->start != (unsigned long)start) continue;
+    if (range_at(task, i)->start != reinterpret_cast<unsigned long>(start)) continue;
     task->user_ranges--;
     for (; i < task->user_ranges; i++) *range_at(task, i) = *range_at(task, i + 1);
     return;
@@ -83,31 +84,31 @@ int ukern_access_ok(unsigned long addr, unsigned long size) {
 
 unsigned long copy_to_user(void __user *to, const void *from, unsigned len) {
   might_sleep();
-  const unsigned long done = reach((unsigned long)to, len);
-  memcpy((void *)to, from, done);
+  const unsigned long done = reach(reinterpret_cast<unsigned long>(to), len);
+  memcpy(const_cast<void *>(to), from, done);
   return len - done;
 }
 
 unsigned long copy_from_user(void *to, const void __user *from, unsigned len) {
   might_sleep();
-  const unsigned long done = reach((unsigned long)from, len);
-  memcpy(to, (const void *)from, done);
+  const unsigned long done = reach(reinterpret_cast<unsigned long>(from), len);
+  memcpy(to, const_cast<const void *>(from), done);
   if constexpr (kDebugBuild) copied_in += done;
-  if (done < len) memset((char *)to + done, 0, len - done);
+  if (done < len) memset(static_cast<char *>(to) + done, 0, len - done);
   return len - done;
 }
 
 unsigned long clear_user(void __user *mem, unsigned long len) {
   might_sleep();
-  const unsigned long done = reach((unsigned long)mem, len);
-  memset((void *)mem, 0, done);
+  const unsigned long done = reach(reinterpret_cast<unsigned long>(mem), len);
+  memset(const_cast<void *>(mem), 0, done);
   return len - done;
 }
 
 long strncpy_from_user(char *dst, const char __user *src, long count) {
   might_sleep();
   for (long i = 0; i < count; i++) {
-    if (!reach((unsigned long)(src + i), 1)) return -EFAULT;
+    if (!reach(reinterpret_cast<unsigned long>(src + i), 1)) return -EFAULT;
     dst[i] = src[i];
     if (!dst[i]) return i;
   }
@@ -117,7 +118,7 @@ long strncpy_from_user(char *dst, const char __user *src, long count) {
 long strnlen_user(const char __user *str, long n) {
   might_sleep();
   for (long i = 0; i <= n; i++) {
-    if (!reach((unsigned long)(str + i), 1)) return 0;
+    if (!reach(reinterpret_cast<unsigned long>(str + i), 1)) return 0;
     if (!str[i]) return i + 1;
   }
   return n + 1;

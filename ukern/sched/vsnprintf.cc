@@ -40,13 +40,13 @@ struct Conversion {
 
 int read_number(const char **fmt) {
   int value = 0;
-  while (isdigit((unsigned char)**fmt)) value = value * 10 + *(*fmt)++ - '0';
+  while (isdigit(static_cast<unsigned char>(**fmt))) value = value * 10 + *(*fmt)++ - '0';
   return value;
 }
 
 char sign_of(unsigned long long *value, unsigned flags) {
   if (!(flags & kSigned)) return 0;
-  if ((long long)*value < 0) {
+  if (static_cast<long long>(*value) < 0) {
     *value = 0 - *value;
     return '-';
   }
@@ -88,8 +88,9 @@ void put_integer(Out *out, unsigned long long value, unsigned base, const Conver
 }
 
 void put_string(Out *out, const char *text, const Conversion &how) {
-  if ((unsigned long)text < PAGE_SIZE) text = "<NULL>";
-  const int length = (int)strnlen(text, (size_t)(long)how.precision);
+  if (reinterpret_cast<unsigned long>(text) < PAGE_SIZE) text = "<NULL>";
+  const int length =
+      static_cast<int>(strnlen(text, static_cast<size_t>(static_cast<long>(how.precision))));
   if (!(how.flags & kLeft)) out->pad(' ', how.width - length);
   for (int i = 0; i < length; i++) out->put(text[i]);
   if (how.flags & kLeft) out->pad(' ', how.width - length);
@@ -118,11 +119,12 @@ unsigned long long take_integer(Arguments *args, const Conversion &how) {
       return va_arg(args->list, unsigned long);
     case 'h': {
       const int value = va_arg(args->list, int);
-      return is_signed ? (unsigned long long)(short)value : (unsigned short)value;
+      return is_signed ? static_cast<unsigned long long>(static_cast<short>(value))
+                       : static_cast<unsigned short>(value);
     }
     default: {
       const int value = va_arg(args->list, int);
-      return is_signed ? (unsigned long long)value : (unsigned)value;
+      return is_signed ? static_cast<unsigned long long>(value) : static_cast<unsigned>(value);
     }
   }
 }
@@ -131,7 +133,7 @@ void store_count(Arguments *args, const Conversion &how, long count) {
   if (how.length == 'l' || how.length == 'z')
     *va_arg(args->list, long *) = count;
   else
-    *va_arg(args->list, int *) = (int)count;
+    *va_arg(args->list, int *) = static_cast<int>(count);
 }
 
 const char *parse_flags(const char *fmt, Conversion *how) {
@@ -162,7 +164,7 @@ const char *parse_flags(const char *fmt, Conversion *how) {
 const char *parse(const char *fmt, Conversion *how, Arguments *args) {
   *how = {.flags = 0, .width = -1, .precision = -1, .length = 0};
   fmt = parse_flags(fmt, how);
-  if (isdigit((unsigned char)*fmt)) {
+  if (isdigit(static_cast<unsigned char>(*fmt))) {
     how->width = read_number(&fmt);
   } else if (*fmt == '*') {
     ++fmt;
@@ -175,7 +177,7 @@ const char *parse(const char *fmt, Conversion *how, Arguments *args) {
   if (*fmt == '.') {
     ++fmt;
     how->precision = 0;
-    if (isdigit((unsigned char)*fmt)) {
+    if (isdigit(static_cast<unsigned char>(*fmt))) {
       how->precision = read_number(&fmt);
     } else if (*fmt == '*') {
       ++fmt;
@@ -199,14 +201,14 @@ void put_pointer(Out *out, Arguments *args, Conversion how) {
     how.width = 2 * sizeof(void *);
     how.flags |= kZero;
   }
-  put_integer(out, (unsigned long)va_arg(args->list, void *), 16, how);
+  put_integer(out, reinterpret_cast<unsigned long>(va_arg(args->list, void *)), 16, how);
 }
 
 // False when the letter is none that is known.
 bool convert(Out *out, char letter, Conversion how, Arguments *args) {
   switch (letter) {
     case 'c':
-      put_char(out, (char)va_arg(args->list, int), how);
+      put_char(out, static_cast<char>(va_arg(args->list, int)), how);
       return true;
     case 's':
       put_string(out, va_arg(args->list, const char *), how);
@@ -257,9 +259,9 @@ void format(Out *out, const char *fmt, Arguments *args) {
 }
 
 unsigned digit_value(char c) {
-  if (isdigit((unsigned char)c)) return (unsigned)(c - '0');
-  if (c >= 'a' && c <= 'z') return (unsigned)(c - 'a') + 10;
-  if (c >= 'A' && c <= 'Z') return (unsigned)(c - 'A') + 10;
+  if (isdigit(static_cast<unsigned char>(c))) return static_cast<unsigned>(c - '0');
+  if (c >= 'a' && c <= 'z') return static_cast<unsigned>(c - 'a') + 10;
+  if (c >= 'A' && c <= 'Z') return static_cast<unsigned>(c - 'A') + 10;
   return 99;
 }
 
@@ -268,25 +270,25 @@ unsigned digit_value(char c) {
 extern "C" {
 
 int vsnprintf(char *buf, size_t size, const char *fmt, va_list args) {
-  if (unlikely((int)size < 0)) {
+  if (unlikely(static_cast<int>(size) < 0)) {
     WARN_ON_ONCE(1);
     return 0;
   }
   // A size that would run over the end of the address space means "large enough".
-  const unsigned long start = (unsigned long)buf;
+  const unsigned long start = reinterpret_cast<unsigned long>(buf);
   const unsigned long end = size > ~0UL - start ? ~0UL : start + size;
-  Out out = {buf, buf, (char *)end};
+  Out out = {buf, buf, reinterpret_cast<char *>(end)};
   Arguments arguments;
   va_copy(arguments.list, args);
   format(&out, fmt, &arguments);
   va_end(arguments.list);
   if (size) *(out.at < out.end ? out.at : out.end - 1) = 0;
-  return (int)(out.at - buf);
+  return static_cast<int>(out.at - buf);
 }
 
 int vscnprintf(char *buf, size_t size, const char *fmt, va_list args) {
   const int length = vsnprintf(buf, size, fmt, args);
-  return (size_t)length >= size ? (int)(size - 1) : length;
+  return static_cast<size_t>(length) >= size ? static_cast<int>(size - 1) : length;
 }
 
 int snprintf(char *buf, size_t size, const char *fmt, ...) {
@@ -315,25 +317,25 @@ int sprintf(char *buf, const char *fmt, ...) {
 
 unsigned long long simple_strtoull(const char *cp, char **endp, unsigned int base) {
   const bool hex_prefix =
-      cp[0] == '0' && (cp[1] == 'x' || cp[1] == 'X') && isxdigit((unsigned char)cp[2]);
+      cp[0] == '0' && (cp[1] == 'x' || cp[1] == 'X') && isxdigit(static_cast<unsigned char>(cp[2]));
   if (!base) base = hex_prefix ? 16 : cp[0] == '0' ? 8 : 10;
   if (base == 16 && hex_prefix) cp += 2;
   unsigned long long value = 0;
   for (unsigned digit; (digit = digit_value(*cp)) < base; cp++) value = value * base + digit;
-  if (endp) *endp = (char *)cp;
+  if (endp) *endp = const_cast<char *>(cp);
   return value;
 }
 
 unsigned long simple_strtoul(const char *cp, char **endp, unsigned int base) {
-  return (unsigned long)simple_strtoull(cp, endp, base);
+  return static_cast<unsigned long>(simple_strtoull(cp, endp, base));
 }
 
 long long simple_strtoll(const char *cp, char **endp, unsigned int base) {
-  if (*cp == '-') return -(long long)simple_strtoull(cp + 1, endp, base);
-  return (long long)simple_strtoull(cp, endp, base);
+  if (*cp == '-') return -static_cast<long long>(simple_strtoull(cp + 1, endp, base));
+  return static_cast<long long>(simple_strtoull(cp, endp, base));
 }
 
 long simple_strtol(const char *cp, char **endp, unsigned int base) {
-  return (long)simple_strtoll(cp, endp, base);
+  return static_cast<long>(simple_strtoll(cp, endp, base));
 }
 }

@@ -29,7 +29,7 @@ void prepare(wait_queue_head_t *q, wait_queue_t *wait, int state, bool exclusive
   if (exclusive)
     wait->flags |= WQ_FLAG_EXCLUSIVE;
   else
-    wait->flags &= ~(unsigned)WQ_FLAG_EXCLUSIVE;
+    wait->flags &= ~static_cast<unsigned>(WQ_FLAG_EXCLUSIVE);
   if (list_empty(&wait->task_list)) {
     if (exclusive)
       __add_wait_queue_tail(q, wait);
@@ -104,7 +104,7 @@ void init_waitqueue_head(wait_queue_head_t *q) {
 }
 
 int default_wake_function(wait_queue_t *wait, unsigned mode, int, void *) {
-  return wake_up_state((struct task_struct *)wait->private_, mode);
+  return wake_up_state(static_cast<struct task_struct *>(wait->private_), mode);
 }
 
 int autoremove_wake_function(wait_queue_t *wait, unsigned mode, int sync, void *key) {
@@ -114,7 +114,7 @@ int autoremove_wake_function(wait_queue_t *wait, unsigned mode, int sync, void *
 }
 
 void add_wait_queue(wait_queue_head_t *q, wait_queue_t *wait) {
-  wait->flags &= ~(unsigned)WQ_FLAG_EXCLUSIVE;
+  wait->flags &= ~static_cast<unsigned>(WQ_FLAG_EXCLUSIVE);
   SpinGuard guard(q->lock);
   __add_wait_queue(q, wait);
 }
@@ -158,16 +158,16 @@ void wait_for_completion(struct completion *x) {
 
 int wait_for_completion_interruptible(struct completion *x) {
   const long left = wait_done(x, TASK_INTERRUPTIBLE, MAX_SCHEDULE_TIMEOUT);
-  return left < 0 ? (int)left : 0;
+  return left < 0 ? static_cast<int>(left) : 0;
 }
 
 unsigned long wait_for_completion_timeout(struct completion *x, unsigned long timeout) {
-  return (unsigned long)wait_done(x, TASK_UNINTERRUPTIBLE, (long)timeout);
+  return static_cast<unsigned long>(wait_done(x, TASK_UNINTERRUPTIBLE, static_cast<long>(timeout)));
 }
 
 unsigned long wait_for_completion_interruptible_timeout(struct completion *x,
                                                         unsigned long timeout) {
-  return (unsigned long)wait_done(x, TASK_INTERRUPTIBLE, (long)timeout);
+  return static_cast<unsigned long>(wait_done(x, TASK_INTERRUPTIBLE, static_cast<long>(timeout)));
 }
 
 void complete(struct completion *x) {

@@ -69,11 +69,13 @@ unsigned int reached_by[kClasses];
 unsigned int queue[kClasses];
 
 bool is_static(const void *address) {
-  return (const char *)address >= __executable_start && (const char *)address < _end;
+  return static_cast<const char *>(address) >= __executable_start &&
+         static_cast<const char *>(address) < _end;
 }
 
 unsigned int class_add(const char *key, const lockdep_map *map, unsigned int subclass) {
-  const unsigned int start = (unsigned int)hash_long((unsigned long)key, kClassBits);
+  const unsigned int start =
+      static_cast<unsigned int>(hash_long(reinterpret_cast<unsigned long>(key), kClassBits));
   for (unsigned int i = 0; i < kClasses; i++) {
     const unsigned int slot = (start + i) % kClasses;
     if (slot == kNoClass) continue;
@@ -94,11 +96,12 @@ unsigned int class_of(lockdep_map *map, unsigned int subclass) {
   if (map->key)
     key = map->key->subkeys + map->depth * MAX_LOCKDEP_SUBCLASSES + subclass;
   else if (is_static(map))
-    key = (const char *)map + subclass;
+    key = reinterpret_cast<const char *>(map) + subclass;
   else
     return kNoClass;
 
-  const unsigned int start = (unsigned int)hash_long((unsigned long)key, kClassBits);
+  const unsigned int start =
+      static_cast<unsigned int>(hash_long(reinterpret_cast<unsigned long>(key), kClassBits));
   for (unsigned int i = 0; i < kClasses; i++) {
     const unsigned int slot = (start + i) % kClasses;
     if (slot == kNoClass) continue;
@@ -170,7 +173,7 @@ void complain(const lockdep_map *map, ukern_lock_kind kind, const char *what) {
 }
 
 bool edge_known(unsigned int earlier, unsigned int later) {
-  return test_bit((int)later, after[earlier]);
+  return test_bit(static_cast<int>(later), after[earlier]);
 }
 
 // Whether `to` was ever taken under `from`, directly or through others; reached_by then leads back.
@@ -226,7 +229,7 @@ void learn(const Held *held, unsigned int wanted) {
       told_full = 1;
       printk(KERN_WARNING "lock checker: no room for more orders\n");
     }
-    set_bit((int)wanted, after[held->lock_class]);
+    set_bit(static_cast<int>(wanted), after[held->lock_class]);
     inverted = path_exists(wanted, held->lock_class);
     if (inverted) report_inversion(held, wanted);
   }
@@ -320,9 +323,9 @@ int ukern_lock_held(const struct lockdep_map *map) {
 }
 
 void ukern_lock_check_free(const void *memory, unsigned long size) {
-  const unsigned long start = (unsigned long)memory;
+  const unsigned long start = reinterpret_cast<unsigned long>(memory);
   for (unsigned int i = 0; i < mine.depth; i++) {
-    const unsigned long at = (unsigned long)mine.held[i].map;
+    const unsigned long at = reinterpret_cast<unsigned long>(mine.held[i].map);
     if (at >= start && at < start + size)
       complain(mine.held[i].map, mine.held[i].kind, "memory freed with a held lock in it");
   }

@@ -34,7 +34,7 @@ void add(bug_report *report, const char *text) {
 
 void add_format(bug_report *report, const char *fmt, va_list args) {
   char line[1024];
-  add_text(report, line, (size_t)vscnprintf(line, sizeof(line), fmt, args));
+  add_text(report, line, static_cast<size_t>(vscnprintf(line, sizeof(line), fmt, args)));
 }
 
 void add_frame(void *arg, const char *text) {

@@ -55,7 +55,7 @@ int truncate_at(const struct walk_path *path, loff_t length) {
 int ftruncate_file(struct file *file, loff_t length) {
   struct inode *inode = file->f_dentry->d_inode;
   if (length < 0 || !S_ISREG(inode->i_mode) || !(file->f_mode & FMODE_WRITE)) return -EINVAL;
-  if (!(file->f_flags & O_LARGEFILE) && length > (loff_t)MAX_NON_LFS) return -EINVAL;
+  if (!(file->f_flags & O_LARGEFILE) && length > static_cast<loff_t>(MAX_NON_LFS)) return -EINVAL;
   if (IS_APPEND(inode)) return -EPERM;
   return do_truncate(file->f_dentry, length, ATTR_MTIME | ATTR_CTIME, file);
 }
@@ -77,11 +77,11 @@ int chown_at(const struct walk_path *path, uid_t user, gid_t group) {
   if (is_change_refused(inode, &error)) return error;
   struct iattr attr = {};
   attr.ia_valid = ATTR_CTIME;
-  if (user != (uid_t)-1) {
+  if (user != static_cast<uid_t>(-1)) {
     attr.ia_valid |= ATTR_UID;
     attr.ia_uid = user;
   }
-  if (group != (gid_t)-1) {
+  if (group != static_cast<gid_t>(-1)) {
     attr.ia_valid |= ATTR_GID;
     attr.ia_gid = group;
   }

@@ -46,7 +46,7 @@ static int do_new_mount(struct nameidata *nd, const char *type, int flags, int m
   if (!type) return -EINVAL;
   if (!capable(CAP_SYS_ADMIN)) return -EPERM;
   mnt = do_kern_mount(type, flags, name, data);
-  if (IS_ERR(mnt)) return (int)PTR_ERR(mnt);
+  if (IS_ERR(mnt)) return static_cast<int>(PTR_ERR(mnt));
   return do_add_mount(mnt, nd, mnt_flags, nullptr);
 }
 
@@ -114,23 +114,24 @@ long do_mount(char *dev_name, char *dir_name, char *type, unsigned long flags, v
   struct nameidata nd;
   int err;
 
-  if ((flags & MS_MGC_MSK) == MS_MGC_VAL) flags &= ~(unsigned long)MS_MGC_MSK;
+  if ((flags & MS_MGC_MSK) == MS_MGC_VAL) flags &= ~static_cast<unsigned long>(MS_MGC_MSK);
   if (!dir_name || !*dir_name) return -EINVAL;
 
   const int mnt_flags = per_mount_flags(flags);
-  flags &=
-      ~(unsigned long)(MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_NOATIME | MS_NODIRATIME | MS_ACTIVE);
+  flags &= ~static_cast<unsigned long>(MS_NOSUID | MS_NODEV | MS_NOEXEC | MS_NOATIME |
+                                       MS_NODIRATIME | MS_ACTIVE);
 
   err = path_lookup(dir_name, LOOKUP_FOLLOW, &nd);
   if (err) return err;
   if (flags & MS_REMOUNT)
-    err = do_remount(&nd, (int)(flags & ~(unsigned long)MS_REMOUNT), mnt_flags, data);
+    err = do_remount(&nd, static_cast<int>(flags & ~static_cast<unsigned long>(MS_REMOUNT)),
+                     mnt_flags, data);
   else if (flags & unsupported)
     err = -EINVAL;
   else if (flags & MS_BIND)
     err = flags & MS_REC ? -EINVAL : do_loopback(&nd, dev_name);
   else
-    err = do_new_mount(&nd, type, (int)flags, mnt_flags, dev_name, data);
+    err = do_new_mount(&nd, type, static_cast<int>(flags), mnt_flags, dev_name, data);
   path_release(&nd);
   return err;
 }

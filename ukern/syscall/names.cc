@@ -32,7 +32,7 @@ int begin(struct creation *c, const struct walk_path *base, const char *name, in
   if (!IS_ERR(c->dentry)) return 0;
   mutex_unlock(&c->nd.dentry->d_inode->i_mutex);  // hand-over: from lookup_create
   path_release(&c->nd);
-  return (int)PTR_ERR(c->dentry);
+  return static_cast<int>(PTR_ERR(c->dentry));
 }
 
 int finish(struct creation *c, int error) {
@@ -74,7 +74,7 @@ int unlink_last(struct nameidata *nd, struct dentry *dentry) {
 // Both parents are locked; `trap` is what lock_rename returned.
 int rename_last(struct nameidata *from, struct nameidata *to, struct dentry *trap) {
   struct dentry *source = lookup_hash(from);
-  if (IS_ERR(source)) return (int)PTR_ERR(source);
+  if (IS_ERR(source)) return static_cast<int>(PTR_ERR(source));
   struct dentry *target = nullptr;
   int error = 0;
   if (!source->d_inode)
@@ -87,7 +87,7 @@ int rename_last(struct nameidata *from, struct nameidata *to, struct dentry *tra
   if (!error) {
     target = lookup_hash(to);
     if (IS_ERR(target)) {
-      error = (int)PTR_ERR(target);
+      error = static_cast<int>(PTR_ERR(target));
       target = nullptr;
     } else if (target == trap) {
       error = -ENOTEMPTY;  // over a directory that holds the source
@@ -136,7 +136,7 @@ int link_at(const struct walk_path *old, const struct walk_path *base, const cha
   }
   struct dentry *dentry = lookup_create(&nd, 0);
   if (IS_ERR(dentry)) {
-    error = (int)PTR_ERR(dentry);
+    error = static_cast<int>(PTR_ERR(dentry));
   } else {
     error = vfs_link(old->dentry, nd.dentry->d_inode, dentry);
     dput(dentry);
@@ -159,7 +159,7 @@ int unlink_at(const struct walk_path *base, const char *name) {
     MutexGuard guard(nd.dentry->d_inode->i_mutex, I_MUTEX_PARENT);
     struct dentry *dentry = lookup_hash(&nd);
     if (IS_ERR(dentry)) {
-      error = (int)PTR_ERR(dentry);
+      error = static_cast<int>(PTR_ERR(dentry));
     } else {
       // Held past the directory's lock: what the last reference frees can take long.
       inode = dentry->d_inode;
@@ -186,7 +186,7 @@ int rmdir_at(const struct walk_path *base, const char *name) {
     MutexGuard guard(nd.dentry->d_inode->i_mutex, I_MUTEX_PARENT);
     struct dentry *dentry = lookup_hash(&nd);
     if (IS_ERR(dentry)) {
-      error = (int)PTR_ERR(dentry);
+      error = static_cast<int>(PTR_ERR(dentry));
     } else {
       error = vfs_rmdir(nd.dentry->d_inode, dentry);
       dput(dentry);

@@ -35,7 +35,7 @@ int setxattr_user(struct dentry *dentry, const char *name, const void __user *va
       return -EFAULT;
     }
   }
-  error = vfs_setxattr(dentry, (char *)name, copy, size, flags);
+  error = vfs_setxattr(dentry, const_cast<char *>(name), copy, size, flags);
   kfree(copy);
   return error;
 }
@@ -49,9 +49,10 @@ ssize_t getxattr_user(struct dentry *dentry, const char *name, void __user *valu
     copy = kzalloc(size, GFP_KERNEL);
     if (!copy) return -ENOMEM;
   }
-  result = vfs_getxattr(dentry, (char *)name, copy, size);
-  BUG_ON(size && result > (ssize_t)size);
-  if (result > 0 && size && copy_to_user(value, copy, (size_t)result)) result = -EFAULT;
+  result = vfs_getxattr(dentry, const_cast<char *>(name), copy, size);
+  BUG_ON(size && result > static_cast<ssize_t>(size));
+  if (result > 0 && size && copy_to_user(value, copy, static_cast<size_t>(result)))
+    result = -EFAULT;
   // More than fits into the largest buffer allowed: a larger one will not help.
   if (result == -ERANGE && size >= XATTR_SIZE_MAX) result = -E2BIG;
   kfree(copy);
@@ -63,14 +64,14 @@ ssize_t listxattr_user(struct dentry *dentry, char __user *list, size_t size) {
   char *copy = nullptr;
   if (size > XATTR_LIST_MAX) size = XATTR_LIST_MAX;
   if (size) {
-    copy = (char *)kmalloc(size, GFP_KERNEL);
+    copy = static_cast<char *>(kmalloc(size, GFP_KERNEL));
     if (!copy) return -ENOMEM;
   }
   // Without the operation the list is that of the security module: empty.
   ssize_t result =
       inode->i_op && inode->i_op->listxattr ? inode->i_op->listxattr(dentry, copy, size) : 0;
-  BUG_ON(size && result > (ssize_t)size);
-  if (result > 0 && size && copy_to_user(list, copy, (size_t)result)) result = -EFAULT;
+  BUG_ON(size && result > static_cast<ssize_t>(size));
+  if (result > 0 && size && copy_to_user(list, copy, static_cast<size_t>(result))) result = -EFAULT;
   if (result == -ERANGE && size >= XATTR_LIST_MAX) result = -E2BIG;
   kfree(copy);
   return result;
@@ -78,7 +79,7 @@ ssize_t listxattr_user(struct dentry *dentry, char __user *list, size_t size) {
 
 int removexattr_user(struct dentry *dentry, const char *name) {
   const int error = check_name(name);
-  return error ? error : vfs_removexattr(dentry, (char *)name);
+  return error ? error : vfs_removexattr(dentry, const_cast<char *>(name));
 }
 
 }  // extern "C"

@@ -67,7 +67,7 @@ struct kiocb *ukern_aio_get_req(struct kioctx *ctx, struct file *file) {
   iocb->ki_filp = file;
   {
     SpinGuard guard(ctx->ctx_lock);
-    if ((unsigned)ctx->reqs_active < free_places_locked(&ctx->ring_info)) {
+    if (static_cast<unsigned>(ctx->reqs_active) < free_places_locked(&ctx->ring_info)) {
       list_add(&iocb->ki_list, &ctx->active_reqs);
       get_ioctx(ctx);
       ctx->reqs_active++;

@@ -130,7 +130,7 @@ bool access_entry(uk_mapping *map, unsigned long pos, char *buf, unsigned long l
   SpinGuard guard(map->table_lock);
   table_entry *entry = &map->table[pos >> PAGE_SHIFT];
   if (!entry->page || (write && !entry->writable)) return false;
-  char *data = static_cast<char *>(page_address(entry->page)) + (pos & ~PAGE_MASK);
+  auto *data = static_cast<char *>(page_address(entry->page)) + (pos & ~PAGE_MASK);
   if (write) {
     memcpy(data, buf, len);
     entry->dirty = map->vma.vm_flags & VM_SHARED;
@@ -166,7 +166,7 @@ int access_range(uk_mapping *map, unsigned long pos, char *buf, unsigned long le
 long region_flags(const struct file *file, int prot, int flags) {
   const int type = flags & MAP_TYPE;
   if (type != MAP_SHARED && type != MAP_PRIVATE) return -EINVAL;
-  unsigned long vm_flags = (unsigned long)(prot & (PROT_READ | PROT_WRITE | PROT_EXEC));
+  unsigned long vm_flags = static_cast<unsigned long>(prot & (PROT_READ | PROT_WRITE | PROT_EXEC));
   vm_flags |= VM_MAYREAD | VM_MAYWRITE | VM_MAYEXEC;
   if (flags & MAP_EXECUTABLE) vm_flags |= VM_EXECUTABLE;
   if (flags & MAP_DENYWRITE) vm_flags |= VM_DENYWRITE;
@@ -175,11 +175,12 @@ long region_flags(const struct file *file, int prot, int flags) {
     if ((prot & PROT_WRITE) && !(file->f_mode & FMODE_WRITE)) return -EACCES;
     if (IS_APPEND(inode) && (file->f_mode & FMODE_WRITE)) return -EACCES;
     vm_flags |= VM_SHARED | VM_MAYSHARE;
-    if (!(file->f_mode & FMODE_WRITE)) vm_flags &= ~(unsigned long)(VM_MAYWRITE | VM_SHARED);
+    if (!(file->f_mode & FMODE_WRITE))
+      vm_flags &= ~static_cast<unsigned long>(VM_MAYWRITE | VM_SHARED);
   }
   if (!(file->f_mode & FMODE_READ)) return -EACCES;
   if (!file->f_op || !file->f_op->mmap) return -ENODEV;
-  return (long)vm_flags;
+  return static_cast<long>(vm_flags);
 }
 
 // Enters the region into the file's list and calls the file's mmap. Undone on failure.
@@ -266,8 +267,8 @@ int uk_mmap(struct uk_file *opaque, unsigned long long offset, unsigned long len
   const unsigned long pages = (len + PAGE_SIZE - 1) >> PAGE_SHIFT;
   if (!pages || (offset & ~PAGE_MASK)) return -EINVAL;
   const long vm_flags = region_flags(file, prot, flags);
-  if (vm_flags < 0) return (int)vm_flags;
-  uk_mapping *map = new_mapping(file, offset, pages, (unsigned long)vm_flags);
+  if (vm_flags < 0) return static_cast<int>(vm_flags);
+  uk_mapping *map = new_mapping(file, offset, pages, static_cast<unsigned long>(vm_flags));
   if (!map) return -ENOMEM;
   if (int error = attach(map)) {
     free_mapping(map);
@@ -300,7 +301,7 @@ int uk_msync(struct uk_mapping *map, unsigned long pos, unsigned long len, int f
     SpinGuard guard(map->table_lock);
     for (unsigned long i = first; i < end; i++) dirtied += transfer_dirty(&map->table[i]) ? 1 : 0;
   }
-  if (flags & MS_SYNC) return (int)do_fsync(map->vma.vm_file, 0);
+  if (flags & MS_SYNC) return static_cast<int>(do_fsync(map->vma.vm_file, 0));
   if (dirtied) balance_dirty_pages_ratelimited_nr(file_mapping(map), dirtied);
   return 0;
 }

@@ -16,8 +16,9 @@ namespace {
 void add_event_locked(struct kioctx *ctx, const struct kiocb *iocb, long res, long res2) {
   struct aio_ring_info *ring = &ctx->ring_info;
   BUG_ON(!free_places_locked(ring));
-  ring->events[ring->tail] = {iocb->ki_user_data, (__u64)(unsigned long)iocb->ki_obj.user, res,
-                              res2};
+  ring->events[ring->tail] = {
+      iocb->ki_user_data, static_cast<__u64>(reinterpret_cast<unsigned long>(iocb->ki_obj.user)),
+      res, res2};
   ring->tail = next_place(ring, ring->tail);
 }
 
@@ -48,7 +49,7 @@ int complete_sync(struct kiocb *iocb, long res) {
   // The request is on the waiter's stack: once it reads as done, it and the waiter may be gone.
   struct task_struct *waiter = iocb->ki_obj.tsk;
   get_task_struct(waiter);
-  iocb->ki_user_data = (__u64)res;
+  iocb->ki_user_data = static_cast<__u64>(res);
   __atomic_store_n(&iocb->ki_users, 0, __ATOMIC_RELEASE);
   wake_up_process(waiter);
   put_task_struct(waiter);
@@ -64,7 +65,7 @@ ssize_t wait_on_sync_kiocb(struct kiocb *iocb) {
     schedule();
   }
   __set_current_state(TASK_RUNNING);
-  return (ssize_t)iocb->ki_user_data;
+  return static_cast<ssize_t>(iocb->ki_user_data);
 }
 
 int aio_complete(struct kiocb *iocb, long res, long res2) {

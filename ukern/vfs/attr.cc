@@ -54,7 +54,7 @@ int inode_change_ok(struct inode *inode, struct iattr *attr) {
     return -EPERM;
   if (valid & ATTR_MODE) {
     if (!owns(inode) && !capable(CAP_FOWNER)) return -EPERM;
-    const gid_t group = valid & ATTR_GID ? attr->ia_gid : (gid_t)inode->i_gid;
+    const gid_t group = valid & ATTR_GID ? attr->ia_gid : static_cast<gid_t>(inode->i_gid);
     if (!in_group_p(group) && !capable(CAP_FSETID)) attr->ia_mode &= ~S_ISGID;
   }
   if ((valid & (ATTR_MTIME_SET | ATTR_ATIME_SET)) && !owns(inode) && !capable(CAP_FOWNER))

@@ -25,7 +25,7 @@ struct fs_path {
     *at = 0;
     for (; !IS_ROOT(dentry); dentry = dentry->d_parent) {
       const unsigned len = dentry->d_name.len;
-      if ((size_t)(at - text) < len + 1) break;
+      if (static_cast<size_t>(at - text) < len + 1) break;
       at -= len;
       memcpy(at, dentry->d_name.name, len);
       *--at = '/';
@@ -79,7 +79,8 @@ void ukern_dentry_ref(struct dentry *dentry, int change) {
   const int count = count_after(&dentry->d_count, change);
   if (count < 0) {
     char what[64];
-    snprintf(what, sizeof(what), "dentry \"%s\"", (const char *)dentry->d_name.name);
+    snprintf(what, sizeof(what), "dentry \"%s\"",
+             reinterpret_cast<const char *>(dentry->d_name.name));
     dropped_too_often(what, dentry->d_reflog);
   }
   reflog_note(&dentry->d_reflog, change, count);
@@ -163,7 +164,8 @@ int inode_report_busy(struct super_block *sb) {
     list_for_each_entry(inode, &sb->s_inodes, i_sb_list) {
       if (!busy.add()) continue;
       report_line(busy.report, "inode %lu (%s, %u links): %d references not dropped", inode->i_ino,
-                  kind_of(inode), (unsigned)inode->i_nlink, atomic_read(&inode->i_count));
+                  kind_of(inode), static_cast<unsigned>(inode->i_nlink),
+                  atomic_read(&inode->i_count));
       list_for_each_entry(alias, &inode->i_dentry, d_alias)
           report_line(busy.report, "one by its dentry %s", fs_path(alias).start);
       report_reflog(busy.report, inode->i_reflog);

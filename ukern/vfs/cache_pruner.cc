@@ -60,7 +60,7 @@ int cache_pruner_start(void) {
   ukern_cache_limit = UKERN_CACHE_LIMIT_DEFAULT;
   init_waitqueue_head(&pruner_wait);
   task = kthread_run(pruner_main, nullptr, "kswapd0");
-  if (IS_ERR(task)) return (int)PTR_ERR(task);
+  if (IS_ERR(task)) return static_cast<int>(PTR_ERR(task));
   pruner = task;
   return 0;
 }
@@ -73,7 +73,8 @@ void cache_pruner_stop(void) {
 }
 
 void set_cache_limit(unsigned limit) {
-  __atomic_store_n(&ukern_cache_limit, (int)min_t(unsigned, limit, INT_MAX / 4), __ATOMIC_RELAXED);
+  __atomic_store_n(&ukern_cache_limit, static_cast<int>(min_t(unsigned, limit, INT_MAX / 4)),
+                   __ATOMIC_RELAXED);
   cache_pruner_kick();
 }
 

@@ -17,10 +17,12 @@ struct backward_text {
     left -= len;
     if (left < 0) return false;
     at -= len;
-    memcpy(at, text, (size_t)len);
+    memcpy(at, text, static_cast<size_t>(len));
     return true;
   }
-  bool put(const char *text) { return put((const unsigned char *)text, (int)strlen(text)); }
+  bool put(const char *text) {
+    return put(reinterpret_cast<const unsigned char *>(text), static_cast<int>(strlen(text)));
+  }
 };
 
 // Steps from the root of a mount to what it stands on; false at the root of all.
@@ -38,11 +40,11 @@ static bool cross_mount(struct dentry **dentry, struct vfsmount **mnt) {
 // dcache_lock is held. `root` may be null: then the path goes up to the root of all.
 static char *path_locked(struct dentry *dentry, struct vfsmount *mnt, struct dentry *root,
                          struct vfsmount *rootmnt, char *buf, int buflen) {
-  char *const too_long = (char *)ERR_PTR(-ENAMETOOLONG);
+  char *const too_long = static_cast<char *>(ERR_PTR(-ENAMETOOLONG));
   struct backward_text text = {.at = buf + buflen, .left = buflen};
   bool empty = true;
 
-  if (!text.put((const unsigned char *)"", 1)) return too_long;
+  if (!text.put(reinterpret_cast<const unsigned char *>(""), 1)) return too_long;
   if (!IS_ROOT(dentry) && d_unhashed(dentry) && !text.put(" (deleted)")) return too_long;
   if (text.left < 1) return too_long;
 
@@ -52,12 +54,13 @@ static char *path_locked(struct dentry *dentry, struct vfsmount *mnt, struct den
       // The name of the root of all, mostly "/", takes the place of the slash that a path begins
       // with, but has to find room beside it.
       const struct qstr *name = &dentry->d_name;
-      if (!text.put(name->name, (int)name->len)) return too_long;
+      if (!text.put(name->name, static_cast<int>(name->len))) return too_long;
       if (empty) return text.at;
       memmove(text.at + 1, text.at, name->len);
       return text.at + 1;
     }
-    if (!text.put(dentry->d_name.name, (int)dentry->d_name.len) || !text.put("/")) return too_long;
+    if (!text.put(dentry->d_name.name, static_cast<int>(dentry->d_name.len)) || !text.put("/"))
+      return too_long;
     empty = false;
     dentry = dentry->d_parent;
   }

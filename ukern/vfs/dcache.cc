@@ -32,11 +32,12 @@ static struct kmem_cache *dentry_cache;
 
 static struct hlist_head *new_table(unsigned bits) {
   static_assert(sizeof(struct hlist_head) << kPageBits == PAGE_SIZE);
-  return (struct hlist_head *)__get_free_pages(GFP_KERNEL | __GFP_ZERO, bits - kPageBits);
+  return reinterpret_cast<struct hlist_head *>(
+      __get_free_pages(GFP_KERNEL | __GFP_ZERO, bits - kPageBits));
 }
 
 static void free_table(struct hlist_head *table, unsigned bits) {
-  free_pages((unsigned long)table, bits - kPageBits);
+  free_pages(reinterpret_cast<unsigned long>(table), bits - kPageBits);
 }
 
 int dcache_init(void) {
@@ -60,7 +61,7 @@ void dcache_exit(void) {
 
 static struct hlist_head *hash_chain(struct dentry *parent, unsigned hash) {
   // The parent is mixed first: a sum would let the names of two directories fall together.
-  const unsigned long directory = hash_long((unsigned long)parent, kNameHashBits);
+  const unsigned long directory = hash_long(reinterpret_cast<unsigned long>(parent), kNameHashBits);
   return &hashtable[hash_long(directory ^ hash, hash_bits)];
 }
 
@@ -105,13 +106,13 @@ struct dentry *d_alloc(struct dentry *parent, const struct qstr *name) {
   unsigned char *text;
 
   dcache_limit_now();
-  dentry = (struct dentry *)kmem_cache_alloc(dentry_cache, GFP_KERNEL);
+  dentry = static_cast<struct dentry *>(kmem_cache_alloc(dentry_cache, GFP_KERNEL));
   if (!dentry) return nullptr;
   memset(dentry, 0, sizeof(*dentry));
 
   text = dentry->d_iname;
   if (name->len > DNAME_INLINE_LEN_MIN - 1) {
-    text = (unsigned char *)kmalloc(name->len + 1, GFP_KERNEL);
+    text = static_cast<unsigned char *>(kmalloc(name->len + 1, GFP_KERNEL));
     if (!text) {
       kmem_cache_free(dentry_cache, dentry);
       return nullptr;
@@ -255,7 +256,8 @@ void d_instantiate(struct dentry *dentry, struct inode *inode) {
 }
 
 struct dentry *d_alloc_root(struct inode *root_inode) {
-  static const struct qstr name = {.hash = 0, .len = 1, .name = (const unsigned char *)"/"};
+  static const struct qstr name = {
+      .hash = 0, .len = 1, .name = reinterpret_cast<const unsigned char *>("/")};
   struct dentry *root;
 
   if (!root_inode) return nullptr;

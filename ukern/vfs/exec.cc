@@ -51,8 +51,9 @@ struct file *program_file(const char *program) {
 }
 
 struct mm_struct *mm_with(struct file *file) {
-  struct mm_struct *mm = (struct mm_struct *)kzalloc(sizeof(*mm), GFP_KERNEL);
-  struct vm_area_struct *vma = (struct vm_area_struct *)kzalloc(sizeof(*vma), GFP_KERNEL);
+  struct mm_struct *mm = static_cast<struct mm_struct *>(kzalloc(sizeof(*mm), GFP_KERNEL));
+  struct vm_area_struct *vma =
+      static_cast<struct vm_area_struct *>(kzalloc(sizeof(*vma), GFP_KERNEL));
   if (!mm || !vma) {
     kfree(mm);
     kfree(vma);

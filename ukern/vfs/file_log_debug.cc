@@ -34,10 +34,10 @@ void file_log_report(void) {
   struct known_file *known;
   list_for_each_entry(known, &all_files, all) {
     struct file *f = &known->file;
-    struct bug_report *report =
-        report_begin("file %s is still open: %d references, flags 0%o",
-                     f->f_dentry ? (const char *)f->f_dentry->d_name.name : "(not opened)",
-                     file_count(f), f->f_flags);
+    struct bug_report *report = report_begin(
+        "file %s is still open: %d references, flags 0%o",
+        f->f_dentry ? reinterpret_cast<const char *>(f->f_dentry->d_name.name) : "(not opened)",
+        file_count(f), f->f_flags);
     report_reflog(report, f->f_reflog);
     report_end(report);
   }

@@ -54,7 +54,7 @@ extern "C" {
 int ukern_files_init(void) {
   // About a tenth of memory at a kilobyte for a file and what hangs on it.
   max_files = ukern_max_files;
-  if (!max_files) max_files = (int)(totalram_pages * (PAGE_SIZE / 1024) / 10);
+  if (!max_files) max_files = static_cast<int>(totalram_pages * (PAGE_SIZE / 1024) / 10);
   if (max_files < kMinFiles) max_files = kMinFiles;
   atomic_set(&files_in_use, 0);
   most_reported = 0;
@@ -72,7 +72,7 @@ void ukern_files_exit(void) {
 // A file with one reference that is open on nothing yet, or NULL.
 struct file *get_empty_filp(void) {
   if (at_limit()) return nullptr;
-  struct file *f = (struct file *)kmem_cache_alloc(file_cache, GFP_KERNEL);
+  auto *f = static_cast<struct file *>(kmem_cache_alloc(file_cache, GFP_KERNEL));
   if (!f) return nullptr;
   atomic_inc(&files_in_use);
   memset(f, 0, sizeof(*f));

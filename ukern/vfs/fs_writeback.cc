@@ -17,7 +17,7 @@
 
 void __mark_inode_dirty(struct inode *inode, int flags) {
   struct super_block *sb = inode->i_sb;
-  const unsigned long bits = (unsigned long)flags;
+  const unsigned long bits = static_cast<unsigned long>(flags);
 
   if ((flags & (I_DIRTY_SYNC | I_DIRTY_DATASYNC)) && sb->s_op->dirty_inode)
     sb->s_op->dirty_inode(inode);
@@ -67,7 +67,7 @@ static int write_single_locked(struct inode *inode, struct writeback_control *wb
 
   BUG_ON(inode->i_state & I_LOCK);
   inode->i_state |= I_LOCK;
-  inode->i_state &= ~(unsigned long)I_DIRTY;
+  inode->i_state &= ~static_cast<unsigned long>(I_DIRTY);
   {
     SpinPause meanwhile(inode_lock);
     ret = do_writepages(mapping, wbc);
@@ -80,7 +80,7 @@ static int write_single_locked(struct inode *inode, struct writeback_control *wb
       if (ret == 0) ret = err;
     }
   }
-  inode->i_state &= ~(unsigned long)I_LOCK;
+  inode->i_state &= ~static_cast<unsigned long>(I_LOCK);
   if (!(inode->i_state & I_FREEING)) requeue_locked(inode, wbc);
   wake_up_inode(inode);
   return ret;

@@ -53,13 +53,13 @@ void inode_cache_exit(void) {
 }
 
 static struct hlist_head *hash_chain(struct super_block *sb, unsigned long hashval) {
-  const unsigned long mixed =
-      hash_long(hashval / kAlign + hashval + (unsigned long)sb / kAlign, kHashBits);
+  const unsigned long mixed = hash_long(
+      hashval / kAlign + hashval + reinterpret_cast<unsigned long>(sb) / kAlign, kHashBits);
   return &hashtable[mixed & (kHashSize - 1)];
 }
 
 static wait_queue_head_t *wait_queue_of(struct inode *inode) {
-  return &wait_queues[hash_long((unsigned long)inode, 6)];
+  return &wait_queues[hash_long(reinterpret_cast<unsigned long>(inode), 6)];
 }
 
 void wake_up_inode(struct inode *inode) {
@@ -116,7 +116,7 @@ static struct inode *alloc_inode(struct super_block *sb) {
   if (sb->s_op->alloc_inode) {
     inode = sb->s_op->alloc_inode(sb);
   } else {
-    inode = (struct inode *)kmem_cache_alloc(inode_cachep, GFP_KERNEL);
+    inode = static_cast<struct inode *>(kmem_cache_alloc(inode_cachep, GFP_KERNEL));
     if (inode) inode_init_once(inode);
   }
   if (!inode) return nullptr;
@@ -265,13 +265,13 @@ struct inode *iget5_locked(struct super_block *sb, unsigned long hashval,
 void unlock_new_inode(struct inode *inode) {
   {
     SpinGuard guard(inode_lock);
-    inode->i_state &= ~(unsigned long)(I_LOCK | I_NEW);
+    inode->i_state &= ~static_cast<unsigned long>(I_LOCK | I_NEW);
   }
   wake_up_inode(inode);
 }
 
 static int has_number(struct inode *inode, void *ino) {
-  return inode->i_ino == *(ino_t *)ino;
+  return inode->i_ino == *static_cast<ino_t *>(ino);
 }
 
 ino_t iunique(struct super_block *sb, ino_t max_reserved) {
@@ -344,7 +344,7 @@ static void forget_inode(struct inode *inode) {
       SpinPause meanwhile(inode_lock);
       write_inode_now(inode, 1);
     }
-    inode->i_state &= ~(unsigned long)I_WILL_FREE;
+    inode->i_state &= ~static_cast<unsigned long>(I_WILL_FREE);
     stat_add(&inodes_stat.nr_unused, -1);
     hlist_del_init(&inode->i_hash);
   }

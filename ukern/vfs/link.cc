@@ -12,10 +12,10 @@ extern "C" {
 
 // Cut, not refused, when the text is longer than the buffer; never terminated.
 int vfs_readlink(struct dentry *, char __user *buffer, int buflen, const char *link) {
-  if (IS_ERR(link)) return (int)PTR_ERR(link);
-  unsigned len = (unsigned)strlen(link);
-  if (len > (unsigned)buflen) len = (unsigned)buflen;
-  return copy_to_user(buffer, link, len) ? -EFAULT : (int)len;
+  if (IS_ERR(link)) return static_cast<int>(PTR_ERR(link));
+  unsigned len = static_cast<unsigned>(strlen(link));
+  if (len > static_cast<unsigned>(buflen)) len = static_cast<unsigned>(buflen);
+  return copy_to_user(buffer, link, len) ? -EFAULT : static_cast<int>(len);
 }
 
 // For links whose follow_link touches nothing of the nameidata but the text.
@@ -24,7 +24,7 @@ int generic_readlink(struct dentry *dentry, char __user *buffer, int buflen) {
   struct nameidata nd;
   nd.depth = 0;
   void *cookie = op->follow_link(dentry, &nd);
-  if (IS_ERR(cookie)) return (int)PTR_ERR(cookie);
+  if (IS_ERR(cookie)) return static_cast<int>(PTR_ERR(cookie));
   const int result = vfs_readlink(dentry, buffer, buflen, nd_get_link(&nd));
   if (op->put_link) op->put_link(dentry, &nd, cookie);
   return result;

@@ -40,7 +40,7 @@ static int show_mount(struct seq_file *m, struct vfsmount *mnt) {
   for (const struct flag_text &entry : fs_flags)
     if (sb->s_flags & entry.flag) seq_puts(m, entry.text);
   for (const struct flag_text &entry : mnt_flags)
-    if ((unsigned long)mnt->mnt_flags & entry.flag) seq_puts(m, entry.text);
+    if (static_cast<unsigned long>(mnt->mnt_flags) & entry.flag) seq_puts(m, entry.text);
   if (sb->s_op->show_options) err = sb->s_op->show_options(m, mnt);
   seq_puts(m, " 0 0");
   return err;
@@ -63,7 +63,7 @@ static long show_line(struct vfsmount *mnt, char *buf, unsigned long size) {
   m.size = size;
   err = show_mount(&m, mnt);
   if (err) return err;
-  return m.count >= m.size ? -EAGAIN : (long)m.count;
+  return m.count >= m.size ? -EAGAIN : static_cast<long>(m.count);
 }
 
 int mount_table_line(unsigned index, char *line, unsigned long size) {
@@ -78,17 +78,17 @@ int mount_table_line(unsigned index, char *line, unsigned long size) {
       unsigned long room = PAGE_SIZE;
       do {
         kfree(buf);
-        buf = (char *)kmalloc(room, GFP_KERNEL);
+        buf = static_cast<char *>(kmalloc(room, GFP_KERNEL));
         len = buf ? show_line(mnt, buf, room) : -ENOMEM;
         room *= 2;
       } while (len == -EAGAIN);
     }
   }
-  if (len >= 0 && (unsigned long)len >= size) len = -ERANGE;
+  if (len >= 0 && static_cast<unsigned long>(len) >= size) len = -ERANGE;
   if (len >= 0) {
-    memcpy(line, buf, (size_t)len);
+    memcpy(line, buf, static_cast<size_t>(len));
     line[len] = 0;
   }
   kfree(buf);
-  return len < 0 ? (int)len : 0;
+  return len < 0 ? static_cast<int>(len) : 0;
 }

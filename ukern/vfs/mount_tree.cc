@@ -39,12 +39,13 @@ void mnt_exit(void) {
 }
 
 static struct list_head *hash_chain(struct vfsmount *mnt, struct dentry *dentry) {
-  const unsigned long both = ((unsigned long)mnt + (unsigned long)dentry) / kAlign;
+  const unsigned long both =
+      (reinterpret_cast<unsigned long>(mnt) + reinterpret_cast<unsigned long>(dentry)) / kAlign;
   return &hashtable[hash_long(both, kHashBits)];
 }
 
 struct vfsmount *alloc_vfsmnt(const char *name) {
-  struct vfsmount *mnt = (struct vfsmount *)kmem_cache_alloc(mnt_cache, GFP_KERNEL);
+  auto *mnt = static_cast<struct vfsmount *>(kmem_cache_alloc(mnt_cache, GFP_KERNEL));
 
   if (!mnt) return nullptr;
   memset(mnt, 0, sizeof(*mnt));
@@ -213,7 +214,7 @@ void set_fs_pwd(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentr
 }
 
 int ukern_namespace_start(struct vfsmount *root) {
-  struct namespace_ *ns = (struct namespace_ *)kzalloc(sizeof(*ns), GFP_KERNEL);
+  struct namespace_ *ns = static_cast<struct namespace_ *>(kzalloc(sizeof(*ns), GFP_KERNEL));
 
   if (!ns) return -ENOMEM;
   atomic_set(&ns->count, 1);

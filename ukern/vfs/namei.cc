@@ -33,10 +33,10 @@ int fail(struct nameidata *nd, int error) {
 // Hashes the component at `name` into `part`; returns the first character behind it.
 const char *hash_component(const char *name, struct qstr *part) {
   unsigned long hash = init_name_hash();
-  part->name = (const unsigned char *)name;
-  while (*name && *name != '/') hash = partial_name_hash((unsigned char)*name++, hash);
-  part->len = (unsigned)(name - (const char *)part->name);
-  part->hash = (unsigned)end_name_hash(hash);
+  part->name = reinterpret_cast<const unsigned char *>(name);
+  while (*name && *name != '/') hash = partial_name_hash(static_cast<unsigned char>(*name++), hash);
+  part->len = static_cast<unsigned>(name - reinterpret_cast<const char *>(part->name));
+  part->hash = static_cast<unsigned>(end_name_hash(hash));
   return name;
 }
 
@@ -97,7 +97,7 @@ int apply_d_hash(struct dentry *base, struct qstr *name) {
 // caller).
 struct dentry *lookup_below(struct dentry *parent, struct qstr *name, struct nameidata *nd) {
   struct dentry *fresh = d_alloc(parent, name);
-  if (!fresh) return (struct dentry *)ERR_PTR(-ENOMEM);
+  if (!fresh) return static_cast<struct dentry *>(ERR_PTR(-ENOMEM));
   struct inode *dir = parent->d_inode;
   struct dentry *other = dir->i_op->lookup(dir, fresh, nd);
   if (!other) return fresh;
@@ -115,7 +115,7 @@ struct dentry *real_lookup(struct dentry *parent, struct qstr *name, struct name
     if (!result) return lookup_below(parent, name, nd);
   }
   result = revalidate(result, nd);
-  return result ? result : (struct dentry *)ERR_PTR(-ENOENT);
+  return result ? result : static_cast<struct dentry *>(ERR_PTR(-ENOENT));
 }
 
 // One component from nd's place, mounts on it included; `path` gets the references.
@@ -124,7 +124,7 @@ int do_lookup(struct nameidata *nd, struct qstr *name, struct walk_path *path) {
   struct dentry *dentry = __d_lookup(nd->dentry, name);
   if (dentry) dentry = revalidate(dentry, nd);
   if (!dentry) dentry = real_lookup(nd->dentry, name, nd);
-  if (IS_ERR(dentry)) return (int)PTR_ERR(dentry);
+  if (IS_ERR(dentry)) return static_cast<int>(PTR_ERR(dentry));
   path->mnt = nd->mnt;
   path->dentry = dentry;
   __follow_mount(path);
@@ -286,7 +286,7 @@ int walk_from_held(const char *name, struct nameidata *nd) {
 
 // Continues the walk with a link's text.
 int follow_text(struct nameidata *nd, const char *link) {
-  if (IS_ERR(link)) return fail(nd, (int)PTR_ERR(link));
+  if (IS_ERR(link)) return fail(nd, static_cast<int>(PTR_ERR(link)));
   if (*link == '/') {
     path_release(nd);
     start_at_root(nd);
@@ -295,10 +295,10 @@ int follow_text(struct nameidata *nd, const char *link) {
   if (nd->depth || error || nd->last_type != LAST_NORM) return error;
 
   // open_namei follows by hand and needs the last name after the text is gone.
-  char *name = (char *)__getname();
+  auto *name = static_cast<char *>(__getname());
   if (!name) return fail(nd, -ENOMEM);
-  strcpy(name, (const char *)nd->last.name);
-  nd->last.name = (const unsigned char *)name;
+  strcpy(name, reinterpret_cast<const char *>(nd->last.name));
+  nd->last.name = reinterpret_cast<const unsigned char *>(name);
   return 0;
 }
 
@@ -394,7 +394,7 @@ int __do_follow_link(struct walk_path *path, struct nameidata *nd) {
   void *cookie = inode->i_op->follow_link(dentry, nd);
   int error = 0;
   if (IS_ERR(cookie)) {
-    error = (int)PTR_ERR(cookie);
+    error = static_cast<int>(PTR_ERR(cookie));
   } else {
     char *text = nd_get_link(nd);
     if (text) error = follow_text(nd, text);
@@ -443,18 +443,18 @@ int path_lookup(const char *name, unsigned flags, struct nameidata *nd) {
 // A name from user memory, for __putname. ERR_PTR: -EFAULT, -ENOENT for the empty name,
 // -ENAMETOOLONG, -ENOMEM.
 char *getname(const char __user *filename) {
-  char *name = (char *)__getname();
-  if (!name) return (char *)ERR_PTR(-ENOMEM);
+  auto *name = static_cast<char *>(__getname());
+  if (!name) return static_cast<char *>(ERR_PTR(-ENOMEM));
   const long len = strncpy_from_user(name, filename, PATH_MAX);
   if (len > 0 && len < PATH_MAX) return name;
   __putname(name);
-  return (char *)ERR_PTR(len < 0 ? len : len ? -ENAMETOOLONG : -ENOENT);
+  return static_cast<char *>(ERR_PTR(len < 0 ? len : len ? -ENAMETOOLONG : -ENOENT));
 }
 
 struct dentry *__lookup_hash(struct qstr *name, struct dentry *base, struct nameidata *nd) {
   int error = permission(base->d_inode, MAY_EXEC, nd);
   if (!error) error = apply_d_hash(base, name);
-  if (error) return (struct dentry *)ERR_PTR(error);
+  if (error) return static_cast<struct dentry *>(ERR_PTR(error));
 
   struct dentry *dentry = d_lookup(base, name);
   if (dentry) dentry = revalidate(dentry, nd);
@@ -468,20 +468,20 @@ struct dentry *lookup_hash(struct nameidata *nd) {
 struct dentry *lookup_one_len(const char *name, struct dentry *base, int len) {
   struct qstr part;
   unsigned long hash = init_name_hash();
-  if (!len) return (struct dentry *)ERR_PTR(-EACCES);
+  if (!len) return static_cast<struct dentry *>(ERR_PTR(-EACCES));
   for (int i = 0; i < len; i++) {
-    if (name[i] == '/' || name[i] == '\0') return (struct dentry *)ERR_PTR(-EACCES);
-    hash = partial_name_hash((unsigned char)name[i], hash);
+    if (name[i] == '/' || name[i] == '\0') return static_cast<struct dentry *>(ERR_PTR(-EACCES));
+    hash = partial_name_hash(static_cast<unsigned char>(name[i]), hash);
   }
-  part.name = (const unsigned char *)name;
-  part.len = (unsigned)len;
-  part.hash = (unsigned)end_name_hash(hash);
+  part.name = reinterpret_cast<const unsigned char *>(name);
+  part.len = static_cast<unsigned>(len);
+  part.hash = static_cast<unsigned>(end_name_hash(hash));
   return __lookup_hash(&part, base, nullptr);
 }
 
 struct dentry *lookup_create(struct nameidata *nd, int is_dir) {
   mutex_lock_nested(&nd->dentry->d_inode->i_mutex, I_MUTEX_PARENT);
-  if (nd->last_type != LAST_NORM) return (struct dentry *)ERR_PTR(-EEXIST);
+  if (nd->last_type != LAST_NORM) return static_cast<struct dentry *>(ERR_PTR(-EEXIST));
   nd->flags &= ~LOOKUP_PARENT;
   nd->flags |= LOOKUP_CREATE;
   nd->intent.open.flags = O_EXCL;
@@ -490,7 +490,7 @@ struct dentry *lookup_create(struct nameidata *nd, int is_dir) {
   // A slash behind the name asks for a directory, which is not what is about to be made.
   if (!is_dir && nd->last.name[nd->last.len] && !dentry->d_inode) {
     dput(dentry);
-    return (struct dentry *)ERR_PTR(-ENOENT);
+    return static_cast<struct dentry *>(ERR_PTR(-ENOENT));
   }
   return dentry;
 }

@@ -28,14 +28,14 @@ const struct file_operations *fops_get(const struct file_operations *fops) {
 struct file *open_dentry(struct dentry *dentry, struct vfsmount *mnt, int flags, struct file *f) {
   struct inode *inode = dentry->d_inode;
   int error = 0;
-  f->f_flags = (unsigned)flags;
+  f->f_flags = static_cast<unsigned>(flags);
   f->f_mode = ((flags + 1) & O_ACCMODE) | FMODE_LSEEK | FMODE_PREAD | FMODE_PWRITE;
   if (f->f_mode & FMODE_WRITE) error = get_write_access(inode);
   if (error) {
     put_filp(f);
     dput(dentry);
     mntput(mnt);
-    return (struct file *)ERR_PTR(error);
+    return static_cast<struct file *>(ERR_PTR(error));
   }
 
   f->f_mapping = inode->i_mapping;
@@ -55,7 +55,7 @@ struct file *open_dentry(struct dentry *dentry, struct vfsmount *mnt, int flags,
     put_filp(f);
     dput(dentry);
     mntput(mnt);
-    return (struct file *)ERR_PTR(error);
+    return static_cast<struct file *>(ERR_PTR(error));
   }
 
   f->f_flags &= ~(O_CREAT | O_EXCL | O_NOCTTY | O_TRUNC);
@@ -63,7 +63,7 @@ struct file *open_dentry(struct dentry *dentry, struct vfsmount *mnt, int flags,
   // Asked only now: the open operation may have chosen another mapping.
   if ((f->f_flags & O_DIRECT) && (!f->f_mapping->a_ops || !f->f_mapping->a_ops->direct_IO)) {
     fput(f);
-    return (struct file *)ERR_PTR(-EINVAL);
+    return static_cast<struct file *>(ERR_PTR(-EINVAL));
   }
   return f;
 }
@@ -78,7 +78,7 @@ struct file *dentry_open(struct dentry *dentry, struct vfsmount *mnt, int flags)
   if (!f) {
     dput(dentry);
     mntput(mnt);
-    return (struct file *)ERR_PTR(-ENFILE);
+    return static_cast<struct file *>(ERR_PTR(-ENFILE));
   }
   return open_dentry(dentry, mnt, flags, f);
 }
@@ -89,7 +89,7 @@ struct file *filp_open_from(const struct walk_path *base, const char *name, int 
   // To the numbering of the walk; the special mode 3 is its own.
   if ((walk_flags + 1) & O_ACCMODE) walk_flags++;
   const int error = open_namei_from(base, name, walk_flags, mode, &nd);
-  return error ? (struct file *)ERR_PTR(error) : nameidata_to_filp(&nd, flags);
+  return error ? static_cast<struct file *>(ERR_PTR(error)) : nameidata_to_filp(&nd, flags);
 }
 
 struct file *filp_open(const char *name, int flags, int mode) {
@@ -114,7 +114,9 @@ int filp_close(struct file *filp, fl_owner_t id) {
 }
 
 int generic_file_open(struct inode *inode, struct file *filp) {
-  return !(filp->f_flags & O_LARGEFILE) && i_size_read(inode) > (loff_t)MAX_NON_LFS ? -EFBIG : 0;
+  return !(filp->f_flags & O_LARGEFILE) && i_size_read(inode) > static_cast<loff_t>(MAX_NON_LFS)
+             ? -EFBIG
+             : 0;
 }
 
 int nonseekable_open(struct inode *, struct file *filp) {

@@ -52,7 +52,7 @@ int walk_to_open(const struct walk_path *base, const char *name, unsigned flags,
   int error = path_lookup_from(base, name, flags | LOOKUP_OPEN, nd);
   if (IS_ERR(nd->intent.open.file)) {
     if (!error) {
-      error = (int)PTR_ERR(nd->intent.open.file);
+      error = static_cast<int>(PTR_ERR(nd->intent.open.file));
       path_release(nd);
     }
   } else if (error) {
@@ -99,7 +99,7 @@ int follow_last(struct nameidata *nd, struct walk_path *path, int *links, char *
   nd->flags &= ~LOOKUP_PARENT;
   if (nd->last_type == LAST_BIND) return 1;
   if (nd->last_type != LAST_NORM) return give_up(nd, -EISDIR);
-  *copy = (char *)nd->last.name;
+  *copy = const_cast<char *>(reinterpret_cast<const char *>(nd->last.name));
   int refused = 0;
   if (nd->last.name[nd->last.len]) refused = -EISDIR;
   if (!refused && (*links)++ == kMaxLastLinks) refused = -ELOOP;
@@ -148,10 +148,10 @@ int open_or_create(struct nameidata *nd, int acc_mode, int flag, int mode) {
     if (copy) __putname(copy);
     copy = nullptr;
     if (made) return take_created(nd, &path, error, flag);
-    if (IS_ERR(path.dentry)) return give_up(nd, (int)PTR_ERR(path.dentry));
+    if (IS_ERR(path.dentry)) return give_up(nd, static_cast<int>(PTR_ERR(path.dentry)));
     if (IS_ERR(nd->intent.open.file)) {
       dput_path(&path, nd);
-      return give_up(nd, (int)PTR_ERR(nd->intent.open.file));
+      return give_up(nd, static_cast<int>(PTR_ERR(nd->intent.open.file)));
     }
     int result = take_existing(nd, &path, flag);
     if (result == 1)

@@ -18,7 +18,7 @@ namespace {
 
 // The most that one call moves: whole pages within an int, so that file systems need no range
 // checks.
-constexpr size_t kMaxCount = 0x7fffffff & ~(size_t)(PAGE_CACHE_SIZE - 1);
+constexpr size_t kMaxCount = 0x7fffffff & ~static_cast<size_t>(PAGE_CACHE_SIZE - 1);
 
 // An operation that returned -EIOCBRETRY waits for the kick that it promised.
 void wait_for_kick(struct kiocb *iocb) {
@@ -48,7 +48,7 @@ loff_t generic_file_llseek(struct file *file, loff_t offset, int origin) {
   MutexGuard guard(inode->i_mutex);
   if (origin == SEEK_END) offset += inode->i_size;
   if (origin == SEEK_CUR) offset += file->f_pos;
-  if (offset >= 0 && (unsigned long long)offset <= inode->i_sb->s_maxbytes)
+  if (offset >= 0 && static_cast<unsigned long long>(offset) <= inode->i_sb->s_maxbytes)
     result = set_position(file, offset);
   return result;
 }
@@ -75,9 +75,10 @@ ssize_t generic_read_dir(struct file *, char __user *, size_t, loff_t *) {
 
 int rw_verify_area(int, struct file *, loff_t *ppos, size_t count) {
   const loff_t pos = *ppos;
-  if ((ssize_t)count < 0 || pos < 0 || (loff_t)((unsigned long long)pos + count) < 0)
+  if (static_cast<ssize_t>(count) < 0 || pos < 0 ||
+      static_cast<loff_t>(static_cast<unsigned long long>(pos) + count) < 0)
     return -EINVAL;
-  return (int)(count > kMaxCount ? kMaxCount : count);
+  return static_cast<int>(count > kMaxCount ? kMaxCount : count);
 }
 
 ssize_t do_sync_read(struct file *filp, char __user *buf, size_t len, loff_t *ppos) {
@@ -112,8 +113,8 @@ ssize_t vfs_read(struct file *file, char __user *buf, size_t count, loff_t *pos)
   if (!access_ok(VERIFY_WRITE, buf, count)) return -EFAULT;
   const int len = rw_verify_area(READ, file, pos, count);
   if (len < 0) return len;
-  return op->read ? op->read(file, buf, (size_t)len, pos)
-                  : do_sync_read(file, buf, (size_t)len, pos);
+  return op->read ? op->read(file, buf, static_cast<size_t>(len), pos)
+                  : do_sync_read(file, buf, static_cast<size_t>(len), pos);
 }
 
 ssize_t vfs_write(struct file *file, const char __user *buf, size_t count, loff_t *pos) {
@@ -124,8 +125,8 @@ ssize_t vfs_write(struct file *file, const char __user *buf, size_t count, loff_
   if (!access_ok(VERIFY_READ, buf, count)) return -EFAULT;
   const int len = rw_verify_area(WRITE, file, pos, count);
   if (len < 0) return len;
-  return op->write ? op->write(file, buf, (size_t)len, pos)
-                   : do_sync_write(file, buf, (size_t)len, pos);
+  return op->write ? op->write(file, buf, static_cast<size_t>(len), pos)
+                   : do_sync_write(file, buf, static_cast<size_t>(len), pos);
 }
 
 }  // extern "C"

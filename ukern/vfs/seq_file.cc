@@ -35,8 +35,8 @@ int seq_printf(struct seq_file *m, const char *format, ...) {
   va_start(args, format);
   len = vsnprintf(m->buf + m->count, m->size - m->count, format, args);
   va_end(args);
-  if (m->count + (size_t)len >= m->size) return overflow(m);
-  m->count += (size_t)len;
+  if (m->count + static_cast<size_t>(len) >= m->size) return overflow(m);
+  m->count += static_cast<size_t>(len);
   return 0;
 }
 
@@ -50,9 +50,9 @@ static char *put_escaped(char *to, const char *end, char c, const char *esc) {
   }
   if (end - to < 4) return nullptr;
   to[0] = '\\';
-  to[1] = (char)('0' + ((c & 0300) >> 6));
-  to[2] = (char)('0' + ((c & 070) >> 3));
-  to[3] = (char)('0' + (c & 07));
+  to[1] = static_cast<char>('0' + ((c & 0300) >> 6));
+  to[2] = static_cast<char>('0' + ((c & 070) >> 3));
+  to[3] = static_cast<char>('0' + (c & 07));
   return to + 4;
 }
 
@@ -62,7 +62,7 @@ int seq_escape(struct seq_file *m, const char *s, const char *esc) {
     to = put_escaped(to, m->buf + m->size, *s, esc);
     if (!to) return overflow(m);
   }
-  m->count = (size_t)(to - m->buf);
+  m->count = static_cast<size_t>(to - m->buf);
   return 0;
 }
 
@@ -72,7 +72,7 @@ int seq_path(struct seq_file *m, struct vfsmount *mnt, struct dentry *dentry, ch
   char *path;
 
   if (m->count >= m->size) return overflow(m);
-  path = d_path(dentry, mnt, start, (int)(m->size - m->count));
+  path = d_path(dentry, mnt, start, static_cast<int>(m->size - m->count));
   if (IS_ERR(path)) return overflow(m);
   // The path stands at the end of the same buffer: what is written must not run into what is still
   // to be read.
@@ -80,6 +80,6 @@ int seq_path(struct seq_file *m, struct vfsmount *mnt, struct dentry *dentry, ch
     to = put_escaped(to, path + 1, *path, esc);
     if (!to) return overflow(m);
   }
-  m->count = (size_t)(to - m->buf);
-  return (int)(to - start);
+  m->count = static_cast<size_t>(to - m->buf);
+  return static_cast<int>(to - start);
 }

@@ -31,7 +31,7 @@ int vfs_getattr(struct vfsmount *mnt, struct dentry *dentry, struct kstat *stat)
     // A file system that keeps no such figures: those of its size.
     struct super_block *sb = inode->i_sb;
     const unsigned long long blocks =
-        ((unsigned long long)stat->size + sb->s_blocksize - 1) >> sb->s_blocksize_bits;
+        (static_cast<unsigned long long>(stat->size) + sb->s_blocksize - 1) >> sb->s_blocksize_bits;
     stat->blocks = (sb->s_blocksize / 512) * blocks;
     stat->blksize = sb->s_blocksize;
   }

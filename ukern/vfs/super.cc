@@ -37,7 +37,7 @@ void super_exit(void) {
 
 static struct super_block *alloc_super(struct file_system_type *type) {
   static struct super_operations no_ops = {};
-  struct super_block *s = (struct super_block *)kzalloc(sizeof(*s), GFP_KERNEL);
+  struct super_block *s = static_cast<struct super_block *>(kzalloc(sizeof(*s), GFP_KERNEL));
 
   if (!s) return nullptr;
   UKERN_LOCK_DEPTH(mount_depth());
@@ -169,14 +169,14 @@ struct super_block *sget(struct file_system_type *type, int (*test)(struct super
     }
     if (!old && !fresh) {
       fresh = alloc_super(type);
-      if (!fresh) return (struct super_block *)ERR_PTR(-ENOMEM);
+      if (!fresh) return static_cast<struct super_block *>(ERR_PTR(-ENOMEM));
     } else if (!fresh) {
       if (grab_super(old)) return old;
     } else if (old || err) {
       // A spare one is given up first: its s_umount is of the class that is about to be taken.
       discard_new_super(fresh);
       fresh = nullptr;
-      if (err) return (struct super_block *)ERR_PTR(err);
+      if (err) return static_cast<struct super_block *>(ERR_PTR(err));
     } else {
       get_filesystem(type);
       return fresh;
@@ -187,7 +187,8 @@ struct super_block *sget(struct file_system_type *type, int (*test)(struct super
 // The lowest number that is free, or kMinors. minors_lock is held.
 static unsigned long free_minor_locked(void) {
   for (unsigned long word = 0; word < kMinors / BITS_PER_LONG; word++) {
-    if (~minors[word]) return word * BITS_PER_LONG + (unsigned)__builtin_ctzl(~minors[word]);
+    if (~minors[word])
+      return word * BITS_PER_LONG + static_cast<unsigned>(__builtin_ctzl(~minors[word]));
   }
   return kMinors;
 }
@@ -197,7 +198,7 @@ int set_anon_super(struct super_block *s, void *) {
   const unsigned long minor = free_minor_locked();
   if (minor >= kMinors) return -EMFILE;
   __set_bit(minor, minors);
-  s->s_dev = MKDEV(0, (dev_t)minor);
+  s->s_dev = MKDEV(0, static_cast<dev_t>(minor));
   return 0;
 }
 
@@ -215,7 +216,7 @@ static void evict_super(struct super_block *sb) {
   fsync_super(sb);
 
   MutexGuard guard(sb->s_lock);
-  sb->s_flags &= ~(unsigned long)MS_ACTIVE;
+  sb->s_flags &= ~static_cast<unsigned long>(MS_ACTIVE);
   invalidate_inodes(sb);
   if (op->write_super && sb->s_dirt) op->write_super(sb);
   if (op->put_super) op->put_super(sb);
@@ -259,7 +260,7 @@ static int fill_new_super(struct super_block *s, int flags, void *data,
                           int (*fill_super)(struct super_block *, void *, int)) {
   int err;
 
-  s->s_flags = (unsigned long)(unsigned)flags;
+  s->s_flags = static_cast<unsigned long>(static_cast<unsigned>(flags));
   err = fill_super(s, data, flags & MS_SILENT ? 1 : 0);
   if (err) {
     up_write(&s->s_umount);  // hand-over: from sget
@@ -275,7 +276,7 @@ int get_sb_nodev(struct file_system_type *fs_type, int flags, void *data,
   struct super_block *s = sget(fs_type, nullptr, set_anon_super, nullptr);
   int err;
 
-  if (IS_ERR(s)) return (int)PTR_ERR(s);
+  if (IS_ERR(s)) return static_cast<int>(PTR_ERR(s));
   err = fill_new_super(s, flags, data, fill_super);
   return err ? err : simple_set_mnt(mnt, s);
 }
@@ -289,7 +290,7 @@ int get_sb_single(struct file_system_type *fs_type, int flags, void *data,
   struct super_block *s = sget(fs_type, any_super, set_anon_super, nullptr);
   int err;
 
-  if (IS_ERR(s)) return (int)PTR_ERR(s);
+  if (IS_ERR(s)) return static_cast<int>(PTR_ERR(s));
   if (!s->s_root) {
     err = fill_new_super(s, flags, data, fill_super);
     if (err) return err;
@@ -303,13 +304,13 @@ struct vfsmount *vfs_kern_mount(struct file_system_type *type, int flags, const 
   struct vfsmount *mnt;
   int err;
 
-  if (!type) return (struct vfsmount *)ERR_PTR(-ENODEV);
+  if (!type) return static_cast<struct vfsmount *>(ERR_PTR(-ENODEV));
   mnt = alloc_vfsmnt(name);
-  if (!mnt) return (struct vfsmount *)ERR_PTR(-ENOMEM);
+  if (!mnt) return static_cast<struct vfsmount *>(ERR_PTR(-ENOMEM));
   err = get_sb_at_depth(type, flags, name, data, mnt);
   if (err < 0) {
     free_vfsmnt(mnt);
-    return (struct vfsmount *)ERR_PTR(err);
+    return static_cast<struct vfsmount *>(ERR_PTR(err));
   }
   mnt->mnt_mountpoint = mnt->mnt_root;
   mnt->mnt_parent = mnt;
@@ -321,7 +322,7 @@ struct vfsmount *do_kern_mount(const char *fstype, int flags, const char *name, 
   struct file_system_type *type = get_fs_type(fstype);
   struct vfsmount *mnt;
 
-  if (!type) return (struct vfsmount *)ERR_PTR(-ENODEV);
+  if (!type) return static_cast<struct vfsmount *>(ERR_PTR(-ENODEV));
   mnt = vfs_kern_mount(type, flags, name, data);
   put_filesystem(type);
   return mnt;

@@ -84,7 +84,7 @@ static void mark_files_ro(struct super_block *sb) {
   SpinGuard guard(files_lock);
   list_for_each_entry(file, &sb->s_files, f_u.fu_list) {
     if (S_ISREG(file->f_dentry->d_inode->i_mode) && file_count(file))
-      file->f_mode &= ~(mode_t)FMODE_WRITE;
+      file->f_mode &= ~static_cast<mode_t>(FMODE_WRITE);
   }
 }
 
@@ -99,9 +99,10 @@ int do_remount_sb(struct super_block *sb, int flags, void *data, int force) {
   }
   if (sb->s_op->remount_fs) {
     MutexGuard guard(sb->s_lock);
-    const int err = sb->s_op->remount_fs(sb, &flags, (char *)data);
+    const int err = sb->s_op->remount_fs(sb, &flags, static_cast<char *>(data));
     if (err) return err;
   }
-  sb->s_flags = (sb->s_flags & ~(unsigned long)MS_RMT_MASK) | ((unsigned)flags & MS_RMT_MASK);
+  sb->s_flags = (sb->s_flags & ~static_cast<unsigned long>(MS_RMT_MASK)) |
+                (static_cast<unsigned>(flags) & MS_RMT_MASK);
   return 0;
 }

@@ -45,7 +45,7 @@ int ukern_mount_root(const char *type, const char *source) {
   struct vfsmount *root = do_kern_mount(type, 0, source, nullptr);
   int err;
 
-  if (IS_ERR(root)) return (int)PTR_ERR(root);
+  if (IS_ERR(root)) return static_cast<int>(PTR_ERR(root));
   err = ukern_namespace_start(root);
   if (err) {
     mntput(root);

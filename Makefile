@@ -2,7 +2,8 @@
 # make demo   everything from nothing: install what is missing, build, mount, replicate, compare
 # make test   unit tests under the address, undefined-behaviour and thread sanitizers, and end to end
 # make one CASE=rename.two_names_of_one_file  tests whose name contains that, under the address and undefined sanitizers
-# make check  the presubmit checks: format, headers, both compilers, aarch64, include arrows, unused declarations, stack sizes
+# make check  the presubmit checks: format, shellcheck, headers, both compilers, clang-tidy, aarch64, include arrows,
+#             unused declarations, stack sizes
 # make fuzz   each fuzzer for FUZZ_SECONDS, under the address and undefined-behaviour sanitizers
 # make soak   real programs on a mount for long, SOAK_SCALE times the work that they are given in make test
 # make bench  measure, and keep the tables in docs/benchmarks.md

@@ -94,7 +94,7 @@ class Sequencer {
   /* An earlier listener dealt with the rule's records up to there; what is missing behind it was
    * sent while no daemon was registered, and is declared missing after kSettle. Before the rule's
    * first record. */
-  void resume(const Uuid &rule, Position position);
+  void resume(const Uuid &uuid, Position position);
 
   /* Of all rules of which a record has passed, or that were resumed. */
   std::map<Uuid, Position> positions() const;

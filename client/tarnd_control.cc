@@ -141,9 +141,9 @@ Result<int> TarndControl::set_option(int code, std::span<const std::byte> argume
   return answer->result;
 }
 
-Result<TarndControl::Option> TarndControl::get_option(int code, std::span<const std::byte> buffer,
+Result<TarndControl::Option> TarndControl::get_option(int code, std::span<const std::byte> argument,
                                                       std::uint64_t room) {
-  auto answer = ask(OX_CTL_GETSOCKOPT, code, room, buffer);
+  auto answer = ask(OX_CTL_GETSOCKOPT, code, room, argument);
   if (!answer) return answer.error();
   if (answer->total > room)
     return protocol_error(fmt::format("{} bytes for {}", answer->total, room));

@@ -72,7 +72,7 @@ class Mirror : private Sequencer::Sink {
 
  private:
   void record(const Record &record, Sequencer::Order order) override;
-  void event(const Uuid &rule, const Sequencer::Event &event) override;
+  void event(const Uuid &uuid, const Sequencer::Event &event) override;
 
   void packets(const DaemonChannel::Received &received);
   void packet(Bytes packet, std::chrono::steady_clock::time_point now);

@@ -86,7 +86,7 @@ class Replica {
     std::optional<std::int64_t> atime = {};
     std::optional<std::int64_t> mtime = {};
   };
-  Result<Done> set_attributes(const std::string &path, const Attributes &attributes);
+  Result<Done> set_attributes(const std::string &path, const Attributes &wanted);
 
   /* A file that lost written data, as its close reported. Any operation may close cached files. */
   struct WriteBackError {

@@ -39,13 +39,13 @@ int stop_command();
 int rule_add_command(const std::optional<std::string> &uuid,
                      const std::vector<std::string> &include,
                      const std::vector<std::string> &exclude);
-int rule_delete_command(const std::string &uuid);
+int rule_delete_command(const std::string &uuid_text);
 int rule_list_command(Format format);
-int rule_show_command(const std::string &uuid, Format format);
+int rule_show_command(const std::string &uuid_text, Format format);
 int rule_flush_command();
 
 int directory_add_command(const std::string &path, const std::optional<std::string> &uuid);
-int directory_delete_command(const std::string &uuid);
+int directory_delete_command(const std::string &uuid_text);
 int directory_flush_command();
 int directory_daemon_command(const std::string &program);
 

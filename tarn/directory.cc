@@ -19,8 +19,8 @@ int directory_add_command(const std::string &path, const std::optional<std::stri
   return exit;
 }
 
-int directory_delete_command(const std::string &text) {
-  const auto uuid = read_uuid(text);
+int directory_delete_command(const std::string &uuid_text) {
+  const auto uuid = read_uuid(uuid_text);
   if (!uuid) return fail(uuid.error()), kExitUsage;
   return ask_module([&](ControlChannel &channel) { return channel.delete_directory(*uuid); });
 }

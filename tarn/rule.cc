@@ -90,8 +90,8 @@ int rule_add_command(const std::optional<std::string> &uuid,
   return kExitOk;
 }
 
-int rule_delete_command(const std::string &text) {
-  const auto uuid = read_uuid(text);
+int rule_delete_command(const std::string &uuid_text) {
+  const auto uuid = read_uuid(uuid_text);
   if (!uuid) return fail(uuid.error()), kExitUsage;
   return ask_module([&](ControlChannel &channel) { return channel.delete_rule(*uuid); });
 }
@@ -111,8 +111,8 @@ int rule_list_command(Format format) {
   return kExitOk;
 }
 
-int rule_show_command(const std::string &text, Format format) {
-  const auto uuid = read_uuid(text);
+int rule_show_command(const std::string &uuid_text, Format format) {
+  const auto uuid = read_uuid(uuid_text);
   if (!uuid) return fail(uuid.error()), kExitUsage;
   auto channel = ControlChannel::connect(find_site());
   if (!channel) return fail(channel.error());

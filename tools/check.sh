@@ -95,5 +95,5 @@ tools/check_compile.py build/release --headers
 tools/check_compile.py build/release --aarch64
 check_module_objects
 cmake --preset debug -B build/check-clang -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
-tools/check_compile.py build/check-clang
+tools/check_compile.py build/check-clang --tidy
 check_kmod

@@ -2,12 +2,14 @@
 # SPDX-License-Identifier: GPL-2.0
 """Compiles, syntax only, every source of a build folder's compile_commands.json and every header alone.
 
-usage: check_compile.py BUILD-FOLDER [--headers | --aarch64]
+usage: check_compile.py BUILD-FOLDER [--headers | --aarch64 | --tidy]
 
 With --headers, each header of the tree is compiled by itself with the flags of a source of its own folder. With
---aarch64, Debian's cross compiler takes the sources; the headers of our libraries are the same for every machine.
+--aarch64, Debian's cross compiler takes the sources; the headers of our libraries are the same for every machine. With
+--tidy, clang-tidy takes those of the hosted programs; BUILD-FOLDER is one of clang's.
 """
 import concurrent.futures
+import itertools
 import json
 import os
 import pathlib
@@ -18,6 +20,9 @@ import sys
 
 # Made for a real kernel, and programs for a machine that runs one: their own makefiles compile them.
 ELSEWHERE = ("kmod/", "tests/fs/cases/", "tests/guest/")
+
+# What clang-tidy looks at (.clang-tidy). It reports what the compiler would say, too.
+TIDY = ("base/", "client/", "mirrord/", "tarn/", "tarnd/")
 
 
 def syntax_only(entry, source):
@@ -59,10 +64,16 @@ def library_headers(build):
     return includes
 
 
+def tidy(command, source):
+    """A syntax-only command for clang-tidy: the flags without the names of a launcher and the compiler."""
+    flags = itertools.dropwhile(lambda word: not word.startswith("-"), command[:-1])
+    return ["clang-tidy", "--quiet", source, "--", *flags]
+
+
 def run(job):
     name, command, folder = job
     done = subprocess.run(command, cwd=folder, capture_output=True, text=True)
-    return name, done.returncode, done.stderr
+    return name, done.returncode, done.stdout + done.stderr
 
 
 def header_jobs(root, entries):
@@ -103,6 +114,10 @@ def main():
     if "--aarch64" in sys.argv:
         includes = library_headers(build)
         jobs = [(name, for_aarch64(command, includes), folder) for name, command, folder in jobs]
+    if "--tidy" in sys.argv:
+        tidied = tuple(str(root / folder) + "/" for folder in TIDY)
+        jobs = [(name, tidy(command, name) if name.startswith(tidied) else command, folder)
+                for name, command, folder in jobs]
     failed = 0
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         for name, code, text in pool.map(run, jobs):

@@ -8,10 +8,10 @@ set -euo pipefail
 packages=(
   attr binutils build-essential clang cmake coreutils e2fsprogs fio fuse3 git libclang-rt-14-dev
   libcli11-dev libfmt-dev libfuse3-dev libgtest-dev librapidcheck-dev mount
-  ninja-build nlohmann-json3-dev pkg-config procps python3 rsync shellcheck sqlite3
+  ninja-build nlohmann-json3-dev pkg-config procps python3 rsync sqlite3
   stress-ng tar util-linux
 )
-[ "${1:-}" != check ] || packages+=(clang-format g++-aarch64-linux-gnu)
+[ "${1:-}" != check ] || packages+=(clang-format clang-tidy g++-aarch64-linux-gnu shellcheck)
 [ "${1:-}" != bench ] || packages+=(bindfs libbenchmark-dev libhyperscan-dev libre2-dev)
 [ "${1:-}" != guest ] || packages+=(cpio gcc-12-source musl-tools qemu-system-x86)
 

@@ -71,6 +71,7 @@ struct Applier::Visitor {
 
   Did create(const std::string &path, const Create &c) {
     if (settler.follows_source(path)) return settler.settle(path);
+    settler.records_change(path);
     const auto done = replica.create(path, c.mode);
     if (!done) return done.error().code == -ENOENT ? done : heal(path, done.error());
     settler.removed(path);
@@ -327,6 +328,7 @@ struct Applier::Visitor {
     if (settler.follows_source(path))
       return refresh_written(settler, replica, path, offset, data.size());
     if (const auto safe = drop_set_id(settler, replica, path); !safe) return safe.error();
+    settler.records_change(path);
     const auto done = replica.write(path, offset, data);
     if (done) return done;
     const int code = done.error().code;

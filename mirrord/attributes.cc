@@ -75,7 +75,10 @@ Result<Done> changed(const Result<void> &result) {
 }  // namespace
 
 Result<Done> AttributeChange::apply(const std::string &path, const SetAttr &change) {
-  const auto as_recorded = [&] { return replica.set_attributes(path, named_attributes(change)); };
+  const auto as_recorded = [&] {
+    if (change.valid & OX_ATTR_SIZE) settler.records_change(path);
+    return replica.set_attributes(path, named_attributes(change));
+  };
   if (!settler.source().available()) return as_recorded();
   const auto both = look(settler, replica, path);
   if (!both) return both.error();
@@ -133,6 +136,7 @@ Result<Done> AttributeChange::from_source(const std::string &path, const SetAttr
       // As long as the record says, if the source has it so; if it is shorter, a later record cuts.
       const bool confirmed = their_size == change.size;
       if (!confirmed) in_doubt = std::min(common, their_size);
+      settler.records_change(path);
       const auto set = replica.set_attributes(path, {.size = confirmed ? change.size : common});
       if (!set) return set.error();
     }

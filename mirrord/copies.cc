@@ -15,11 +15,22 @@ constexpr time_t kCoarseSeconds = 2;
 
 }  // namespace
 
-void Copies::unindex(const std::string &path, const Copy &copy) {
-  const auto found = paths_.find({copy.device, copy.inode});
-  if (found == paths_.end()) return;
+Copies::Object object_of(Replica &replica, const std::string &path) {
+  const auto mine = replica.find(path);
+  if (!mine || !*mine) return {};
+  return {(*mine)->st_dev, (*mine)->st_ino};
+}
+
+void Copies::take_out(Index &index, const Object &object, const std::string &path) {
+  const auto found = index.find(object);
+  if (found == index.end()) return;
   found->second.erase(path);
-  if (found->second.empty()) paths_.erase(found);
+  if (found->second.empty()) index.erase(found);
+}
+
+void Copies::unindex(const std::string &path, const Copy &copy) {
+  take_out(paths_, {copy.device, copy.inode}, path);
+  take_out(copied_, copy.copy, path);
 }
 
 void Copies::insert(const std::string &path, const Copy &copy) {
@@ -31,21 +42,30 @@ void Copies::insert(const std::string &path, const Copy &copy) {
   }
   copies_[path] = copy;
   paths_[{copy.device, copy.inode}].insert(path);
+  if (copy.copy != Object{}) copied_[copy.copy].insert(path);
 }
 
-void Copies::put(const std::string &path, const struct stat &status, bool whole) {
+void Copies::put(const std::string &path, const Object &copy, const struct stat &status,
+                 bool whole) {
   const bool past = status.st_ctim.tv_sec + kCoarseSeconds < time(nullptr);
   insert(path, {status.st_dev, status.st_ino, status.st_ctim, past, whole && past,
-                !S_ISDIR(status.st_mode) && status.st_nlink > 1});
+                !S_ISDIR(status.st_mode) && status.st_nlink > 1, copy});
 }
 
-void Copies::watch(const std::string &path, const struct stat &status, std::uint64_t ts) {
+void Copies::records_changed(const Object &copy) {
+  const auto found = copied_.find(copy);
+  if (found == copied_.end()) return;
+  for (const std::string &path : found->second) copies_[path].whole = copies_[path].past = false;
+}
+
+void Copies::watch(const std::string &path, const Object &copy, const struct stat &status,
+                   std::uint64_t ts) {
   if (same(path, status)) {
     copies_[path].links = true;
     return;
   }
   if (microseconds(status.st_ctim) <= static_cast<std::int64_t>(ts)) {
-    put(path, status, false);
+    put(path, copy, status, false);
     copies_[path].links = true;
   } else {
     watch(path);  // of which object it is a copy is not known

@@ -17,17 +17,27 @@
 #include <utility>
 #include <vector>
 
+#include "mirrord/replica.h"
+
 namespace tarn {
 
 class Copies {
  public:
-  /* `whole`: all data were read when the object was as `status` says. */
-  void put(const std::string &path, const struct stat &status, bool whole);
+  using Object = std::pair<dev_t, ino_t>;
+
+  /* `copy` is the replica's object under the path. `whole`: all data were read when the source's
+   * was as `status` says. */
+  void put(const std::string &path, const Object &copy, const struct stat &status, bool whole);
+  /* Records changed that object of the replica, perhaps less far than the source has come: it is no
+   * longer as the source's object was, under whatever name. */
+  void records_changed(const Object &copy);
+  bool empty() const { return copies_.empty(); }
 
   /* The path has the contents that its object had at `ts` (microseconds since the epoch), when it
    * got a name of which no record tells. Only if the source's object has not been changed since is
    * it that one. What was known of this copy stays: it tells more. */
-  void watch(const std::string &path, const struct stat &status, std::uint64_t ts);
+  void watch(const std::string &path, const Object &copy, const struct stat &status,
+             std::uint64_t ts);
   /* The same where the source has nothing under that name any more. */
   void watch(const std::string &path) { insert(path, {.links = true}); }
   /* The path was copied from some object. */
@@ -64,15 +74,21 @@ class Copies {
     bool past = false;     /* that time had passed when it was looked at */
     bool whole = false;
     bool links = false; /* it had several names */
+    Object copy = {};   /* the replica's object; zeros: not known */
   };
-  using Object = std::pair<dev_t, ino_t>;
+  using Index = std::map<Object, std::set<std::string>>;
 
   void insert(const std::string &path, const Copy &copy);
   void unindex(const std::string &path, const Copy &copy);
+  static void take_out(Index &index, const Object &object, const std::string &path);
 
   std::map<std::string, Copy> copies_;
-  std::map<Object, std::set<std::string>> paths_;
+  Index paths_;  /* by the source's object */
+  Index copied_; /* by the replica's */
 };
+
+/* The replica's object under a path; zeros if there is none. */
+Copies::Object object_of(Replica &replica, const std::string &path);
 
 }  // namespace tarn
 

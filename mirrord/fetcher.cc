@@ -204,6 +204,10 @@ bool Fetcher::unchanged(const std::string &path, const struct stat &status) {
   return mine && *mine && copies_.unchanged(path, status);
 }
 
+void Fetcher::note_copy(const std::string &path, const struct stat &status, bool whole) {
+  copies_.put(path, object_of(replica_, path), status, whole);
+}
+
 Result<void> Fetcher::file(const std::string &path, const Source::Object &object) {
   auto mine = replica_.find(path);
   if (!mine) return mine.error();
@@ -229,7 +233,7 @@ Result<void> Fetcher::file(const std::string &path, const Source::Object &object
       before->st_mode &=
           ~kSetIds;  // it keeps changing: the records of that will have us look again
     }
-    copies_.put(path, *before, same);
+    note_copy(path, *before, same);
     return set_like(path, *before);
   }
 }
@@ -265,7 +269,7 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
       note(fetch(below + name, **child, included));
     }
   }
-  copies_.put(path, object.status, false);
+  note_copy(path, object.status, false);
   note(set_like(path, object.status));
   return first;
 }
@@ -277,7 +281,7 @@ Result<void> Fetcher::link(const std::string &path, const Source::Object &object
     made = replica_.symlink(object.target, path);
   }
   if (!made) return made.error();
-  copies_.put(path, object.status, false);
+  note_copy(path, object.status, false);
   return set_like(path, object.status);
 }
 
@@ -298,7 +302,7 @@ Result<void> Fetcher::special(const std::string &path, const Source::Object &obj
     }
     if (!made) return made.error();
   }
-  copies_.put(path, theirs, false);
+  note_copy(path, theirs, false);
   return set_like(path, theirs);
 }
 

@@ -53,6 +53,7 @@ class Fetcher {
 
  private:
   bool unchanged(const std::string &path, const struct stat &status);
+  void note_copy(const std::string &path, const struct stat &status, bool whole);
   Result<bool> join(const std::string &path, const Source::Object &object);
   Result<void> make_same(const std::string &of, const std::string &name);
   Result<void> make_room(const std::string &path, const Source::Object &object);

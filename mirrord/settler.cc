@@ -125,6 +125,11 @@ void Settler::find_names(const std::string &directory, const Fetcher::Objects &w
   }
 }
 
+void Settler::records_change(const std::string &path) {
+  Copies &copies = fetcher_.copies();
+  if (!copies.empty()) copies.records_changed(object_of(replica_, path));
+}
+
 void Settler::doubt(const std::string &path, std::uint64_t data_from) {
   Unsettled::Mark &mark = unsettled_.mark(path);
   mark.data_from = std::min(mark.data_from, data_from);
@@ -201,7 +206,8 @@ Result<void> Settler::leaving(const std::string &path) {
 void Settler::watch(const std::string &path, std::uint64_t ts) {
   const auto found = source_.find(path);
   if (!found || !*found) return fetcher_.copies().watch(path);
-  if (!S_ISDIR((*found)->status.st_mode)) fetcher_.copies().watch(path, (*found)->status, ts);
+  if (!S_ISDIR((*found)->status.st_mode))
+    fetcher_.copies().watch(path, object_of(replica_, path), (*found)->status, ts);
 }
 
 Result<void> Settler::check_links() {
@@ -364,7 +370,8 @@ void Settler::assume_linked(const std::string &existing, const std::string &path
   if (S_ISDIR((*first)->status.st_mode) || !same_object((*first)->status, (*second)->status))
     return;
   for (const std::string &name : {existing, path})
-    fetcher_.copies().watch(name, (*first)->status, std::numeric_limits<std::int64_t>::max());
+    fetcher_.copies().watch(name, object_of(replica_, name), (*first)->status,
+                            std::numeric_limits<std::int64_t>::max());
 }
 
 void Settler::watch_if_apart(const std::string &existing, const std::string &path) {

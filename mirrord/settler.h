@@ -74,6 +74,9 @@ class Settler {
   /* The object has, or may have, a name that the rule does not include: what is changed by that one
    * no record tells. check_links() sees it. `ts`: when the present record was captured. */
   void watch(const std::string &path, std::uint64_t ts);
+  /* A record is about to change the data of the path's file. What was taken from the source for it,
+   * perhaps under another name, may be further than the record. */
+  void records_change(const std::string &path);
   /* All records have come. What was changed by a name that the source did not have any more when
    * the record was applied, or by one that went out of the rule, is seen at the file's other names.
    */

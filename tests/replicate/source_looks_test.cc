@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <thread>
 
 #include "mirrord/applier.h"
 #include "tests/replicate/fake_tarnd.h"
@@ -300,6 +301,30 @@ TEST_F(SourceLooksTest, AFileOfUnknownNameThatGetsOneOutsideIsLookedFor) {
   look();
   EXPECT_EQ(contents(copy("in/d/g")), "new");
   EXPECT_EQ(contents(copy("in/f")), "old");
+}
+
+TEST_F(SourceLooksTest, AnOldRecordOverWhatWasFetchedIsLookedAtAgain) {
+  both("in/f", "old!");
+  both("in/d/z", "z");
+  for (const auto *tree : {"src", "copy"})
+    fs::create_hard_link(dir_ / (std::string(tree) + "/in/f"),
+                         dir_ / (std::string(tree) + "/in/g"));
+  const auto fetch = [&] {
+    ASSERT_TRUE(applier_
+                    ->apply(std::get<Record>(
+                        *decode(name_change(OX_OP_LINK, now(), src("in/out/x"), src("in/g")))))
+                    .ok());
+  };
+  fetch();
+  expect(written(late(), src("in/d/z")), Outcome::kApplied);  // both follow the records again
+  std::ofstream(src("in/f"), std::ios::trunc) << "new!";
+  std::this_thread::sleep_for(std::chrono::milliseconds(3200));  // now a later change would show
+  fetch();
+  EXPECT_EQ(contents(copy("in/f")), "new!");
+  expect(written(now(), src("in/f")), Outcome::kApplied);
+  EXPECT_EQ(contents(copy("in/g")), "data") << "of before, and the record of what followed is lost";
+  look();
+  EXPECT_EQ(contents(copy("in/g")), "new!");
 }
 
 TEST_F(SourceLooksTest, WhatLostRecordsToldOfIsLookedFor) {

@@ -38,6 +38,14 @@ check_shell() {
   echo "shell scripts: ${#scripts[@]} without a finding"
 }
 
+# Code that the checks of a debug kernel change is a file of its own, or asks kDebugBuild.
+check_variants() {
+  local bad
+  bad=$(grep -rnE '^\s*#\s*(el)?if.*\bUKERN_DEBUG\b' ukern --include='*.cc' || true)
+  [ -z "$bad" ] || { echo "debug code among other code: $bad" >&2; return 1; }
+  echo "variants: ok"
+}
+
 # Header guards are no dependence; nor is __cplusplus, for module code is C++ wherever it is built and what tests it
 # is what a C program includes.
 check_conditionals() {
@@ -85,6 +93,7 @@ check_licence
 check_words
 check_shell
 check_conditionals
+check_variants
 check_locks
 tools/check_includes.py
 tools/check_test_table.py

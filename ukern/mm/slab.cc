@@ -18,10 +18,6 @@
 #include "ukern/sync/lockcheck.h"
 #include "ukern/sync/report.h"
 
-struct kept_object {
-  struct kept_object *next;
-};
-
 struct kmem_cache {
   const char *name;
   size_t size;
@@ -30,20 +26,12 @@ struct kmem_cache {
   void (*dtor)(void *, kmem_cache_t *, unsigned long);
   atomic_t objects;  // given out
   struct list_head link;
-  spinlock_t kept_lock;
-  struct kept_object *kept;  // under kept_lock, and so is the next one
-  size_t kept_bytes;
 };
 
 namespace {
 
 constexpr size_t kMinAlign = 16;
 constexpr size_t kMaxObject = 32 * PAGE_SIZE;
-// Freed objects wait for the next user of their cache, those that are still in the processor's
-// cache first. Small ones the host's allocator gives out again as fast by itself. In a debug build
-// they go back to the host at once, so that a sanitizer sees their use after that.
-constexpr size_t kKeptBytes = 1 << 20;                         // of one cache
-constexpr size_t kLeastKept = kDebugBuild ? ULONG_MAX : 1024;  // a smaller object is not kept
 constexpr int kFresh = 0x5a;
 constexpr int kFreed = 0x6b;
 
@@ -96,46 +84,6 @@ void block_free(void *block, size_t size) {
   host_free(block);
 }
 
-void kept_init(struct kmem_cache *cache) {
-  spin_lock_init(&cache->kept_lock);
-  cache->kept = nullptr;
-  cache->kept_bytes = 0;
-}
-
-void *take_kept(struct kmem_cache *cache) {
-  if (cache->size < kLeastKept) return nullptr;
-  SpinGuard guard(cache->kept_lock);
-  struct kept_object *object = cache->kept;
-  if (object) {
-    cache->kept = object->next;
-    cache->kept_bytes -= cache->size;
-  }
-  return object;
-}
-
-// False: the object is the caller's to free.
-bool keep(struct kmem_cache *cache, void *memory) {
-  if (cache->size < kLeastKept) return false;
-  auto *object = static_cast<struct kept_object *>(memory);
-  SpinGuard guard(cache->kept_lock);
-  const bool room = cache->kept_bytes < kKeptBytes;
-  if (room) {
-    object->next = cache->kept;
-    cache->kept = object;
-    cache->kept_bytes += cache->size;
-  }
-  return room;
-}
-
-void drop_kept(struct kmem_cache *cache) {
-  while (void *object = take_kept(cache)) host_free(object);
-}
-
-void cache_free(struct kmem_cache *cache) {
-  drop_kept(cache);
-  host_free(cache);
-}
-
 void report_leak(const char *what, const char *name, const void *owner, unsigned long count) {
   bug_report *report = report_begin("%lu objects of %s still allocated %s", count, name, what);
   alloc_track_count(owner, report);
@@ -167,7 +115,6 @@ kmem_cache_t *kmem_cache_create(const char *name, size_t size, size_t align, uns
   cache->ctor = ctor;
   cache->dtor = dtor;
   atomic_set(&cache->objects, 0);
-  kept_init(cache);
 
   {
     WordGuard guard(cache_word);
@@ -194,14 +141,13 @@ int kmem_cache_destroy(kmem_cache_t *cache) {
     WordGuard guard(cache_word);
     list_del(&cache->link);
   }
-  cache_free(cache);
+  host_free(cache);
   return 0;
 }
 
 void *kmem_cache_alloc(kmem_cache_t *cache, gfp_t flags) {
   if (!may_allocate(flags)) return nullptr;
-  void *object = take_kept(cache);
-  if (!object) object = block_alloc(cache->size, cache->align, cache);
+  void *object = block_alloc(cache->size, cache->align, cache);
   if (!object) return nullptr;
   atomic_inc(&cache->objects);
   poison(object, kFresh, cache->size);
@@ -224,7 +170,7 @@ void kmem_cache_free(kmem_cache_t *cache, void *object) {
   if (!may_free(object, cache, cache->name, &size)) return;
   if (cache->dtor) cache->dtor(object, cache, 0);
   atomic_dec(&cache->objects);
-  if (!keep(cache, object)) block_free(object, size);
+  block_free(object, size);
 }
 
 unsigned int kmem_cache_size(kmem_cache_t *cache) {
@@ -258,8 +204,8 @@ void kfree(const void *block) {
 }
 
 int ukern_slab_init(void) {
-  names_cachep =
-      kmem_cache_create("names_cache", PATH_MAX, 0, SLAB_HWCACHE_ALIGN, nullptr, nullptr);
+  // An aligned block of that size takes the host's allocator four times as long.
+  names_cachep = kmem_cache_create("names_cache", PATH_MAX, 0, 0, nullptr, nullptr);
   return names_cachep ? 0 : -ENOMEM;
 }
 
@@ -271,7 +217,7 @@ void ukern_slab_exit(void) {
     if (cache != names_cachep)
       report_end(report_begin("cache %s still exists at shutdown", cache->name));
     list_del(&cache->link);
-    cache_free(cache);
+    host_free(cache);
   }
   names_cachep = nullptr;
   if (const unsigned long blocks = alloc_track_count(nullptr, nullptr))

@@ -22,7 +22,7 @@ class UnixLink : public MessageLink {
 
   int fd() const override { return socket_.get(); }
 
-  std::uint16_t hello_flags() const override { return OX_CTL_HELO_SEVERAL; }
+  std::uint16_t hello_flags() const override { return OX_CTL_HELO_BATCHED; }
 
   /* tarnd pays for the wake-up, in the time of those who write. */
   std::chrono::microseconds rest() const override { return std::chrono::microseconds(250); }

@@ -31,7 +31,7 @@ struct Applier::Visitor {
   Applier &applier;
   const Record &record;
   Replica &replica = applier.replica_;
-  Settler &settler = applier.settler_;
+  Reconciler &reconciler = applier.reconciler_;
 
   std::optional<std::string> below(std::string_view path) const {
     return path_below(applier.source_, path);
@@ -51,7 +51,7 @@ struct Applier::Visitor {
   /* The replica has what the record does not expect. That is a failure, but what the source has
    * there now is better than what is. */
   Did heal(const std::string &path, const Error &error) {
-    if (const auto healed = settler.settle(path); !healed)
+    if (const auto healed = reconciler.reconcile(path); !healed)
       return Error{error.code,
                    error.text + "; and it cannot be copied anew: " + healed.error().text};
     return error;
@@ -61,103 +61,104 @@ struct Applier::Visitor {
    * captured, so that is how the replica comes to know them. */
   Did absent(const std::string &path, const Error &error) {
     const auto above = replica.find(parent_of(path));
-    if (!above || !*above || !settler.source().available()) return error;
-    const auto found = settler.source().find(path);
+    if (!above || !*above || !reconciler.source().available()) return error;
+    const auto found = reconciler.source().find(path);
     if (!found) return error;
-    const auto settled = settler.settle(path);
-    if (settled && !*found) settler.expect(path, unexplained(path));
-    return settled;
+    const auto reconciled = reconciler.reconcile(path);
+    if (reconciled && !*found) reconciler.expect(path, unexplained(path));
+    return reconciled;
   }
 
   Did create(const std::string &path, const Create &c) {
-    if (settler.follows_source(path)) return settler.settle(path);
-    settler.records_change(path);
+    if (reconciler.follows_source(path)) return reconciler.reconcile(path);
+    reconciler.records_change(path);
     const auto done = replica.create(path, c.mode);
     if (!done) return done.error().code == -ENOENT ? done : heal(path, done.error());
-    settler.removed(path);
+    reconciler.removed(path);
     return done;
   }
   Did mkdir(const std::string &path, const Mkdir &c) {
-    if (settler.follows_source(path)) return settler.settle(path);
+    if (reconciler.follows_source(path)) return reconciler.reconcile(path);
     const auto done = replica.mkdir(path, c.mode);
     if (!done) return done.error().code == -ENOENT ? done : heal(path, done.error());
     return done;
   }
   /* The name was taken from its object, by a path that follows the source. */
   Did leave(const std::string &path) {
-    settler.explained(path);
-    return settler.settle(path);
+    reconciler.explained(path);
+    return reconciler.reconcile(path);
   }
   Did unlink(const std::string &path) {
-    if (settler.follows_source(path)) return leave(path);
-    if (const auto left = settler.leaving(path); !left) return left.error();
+    if (reconciler.follows_source(path)) return leave(path);
+    if (const auto left = reconciler.leaving(path); !left) return left.error();
     const auto done = replica.unlink(path);
-    if (done) settler.removed(path);
+    if (done) reconciler.removed(path);
     return done;
   }
 
   /* A directory that has something in it was not removed; one that is empty may have been, and have
    * been made anew: it is empty either way, and follows the source from now on. */
   Did rmdir(const std::string &path) {
-    if (settler.follows_source(path) || settler.follows_source_below(path)) return leave(path);
+    if (reconciler.follows_source(path) || reconciler.follows_source_below(path))
+      return leave(path);
     const auto mine = replica.find(path);
-    if (mine && *mine && settler.source().available()) {
-      const auto found = settler.source().find(path);
+    if (mine && *mine && reconciler.source().available()) {
+      const auto found = reconciler.source().find(path);
       if (!found) return found.error();
       if (*found && S_ISDIR((*found)->status.st_mode)) {
         const auto names = replica.names(path);
         if (!names) return names.error();
-        if (names->empty()) settler.follow_source(path);
+        if (names->empty()) reconciler.follow_source(path);
         return Replica::Done::kAlready;
       }
     }
     const auto done = replica.rmdir(path);
-    if (!done || !settler.source().available()) return done;
+    if (!done || !reconciler.source().available()) return done;
     if (*done == Replica::Done::kChanged) {
-      settler.removed(path);
-      settler.follow_source(path);
+      reconciler.removed(path);
+      reconciler.follow_source(path);
     } else if (mine && *mine) {  // not empty, and yet not in the source: something must follow
-      settler.expect(path, unexplained(path));
+      reconciler.expect(path, unexplained(path));
     }
     return done;
   }
 
   Did symlink(const std::string &path, const Symlink &c) {
-    if (settler.follows_source(path)) return settler.settle(path);
+    if (reconciler.follows_source(path)) return reconciler.reconcile(path);
     const auto done = replica.symlink(std::string(c.target), path);
     if (!done) return done.error().code == -ENOENT ? done : heal(path, done.error());
-    settler.removed(path);
-    if (!settler.source().available()) return done;
-    const auto found = settler.source().find(path);
+    reconciler.removed(path);
+    if (!reconciler.source().available()) return done;
+    const auto found = reconciler.source().find(path);
     if (!found) return found.error();
     if (!*found || !S_ISLNK((*found)->status.st_mode) || (*found)->target != c.target) {
-      settler.doubt(path, Unsettled::kNoData);
+      reconciler.doubt(path, PendingPaths::kNoData);
       return done;
     }
-    const auto like = settler.fetcher().set_like(path, (*found)->status);
+    const auto like = reconciler.fetcher().set_like(path, (*found)->status);
     return like ? done : Did(like.error());
   }
 
   Did link(const std::optional<std::string> &existing, const std::string &path) {
-    if (!existing) return settler.settle(path);
-    const bool follows = settler.follows_source(path);
-    if (!follows && !settler.follows_source(*existing)) return link_settled(*existing, path);
-    if (follows && !settler.follows_source(*existing)) {
+    if (!existing) return reconciler.reconcile(path);
+    const bool follows = reconciler.follows_source(path);
+    if (!follows && !reconciler.follows_source(*existing)) return link_as_recorded(*existing, path);
+    if (follows && !reconciler.follows_source(*existing)) {
       const auto gone = replica.remove_tree(path);
       if (!gone && gone.error().code != -ENOENT) return gone;
       if (replica.link(*existing, path)) {
-        settler.linked(*existing, path);
-        settler.assume_linked(*existing, path);
+        reconciler.linked(*existing, path);
+        reconciler.assume_linked(*existing, path);
       }
     }
-    auto settled = settler.settle(path);
-    settler.watch_if_apart(*existing, path);
-    return settled;
+    auto reconciled = reconciler.reconcile(path);
+    reconciler.watch_if_apart(*existing, path);
+    return reconciled;
   }
-  Did link_settled(const std::string &existing, const std::string &path) {
+  Did link_as_recorded(const std::string &existing, const std::string &path) {
     const auto done = replica.link(existing, path);
     if (done) {
-      settler.linked(existing, path);
+      reconciler.linked(existing, path);
       return done;
     }
     const int code = done.error().code;
@@ -170,69 +171,70 @@ struct Applier::Visitor {
     const auto mine = replica.find(to);
     if (mine && *mine && !S_ISDIR((*mine)->st_mode)) {
       if (const auto gone = replica.unlink(to); !gone) return gone;
-      settler.fetcher().copies().removed(to);
+      reconciler.fetcher().origins().removed(to);
     }
-    return settler.settle(to);
+    return reconciler.reconcile(to);
   }
   Did go_out(const std::string &from) {
-    if (settler.follows_source(from) || settler.follows_source_below(from)) return leave(from);
+    if (reconciler.follows_source(from) || reconciler.follows_source_below(from))
+      return leave(from);
     const auto above = replica.find(parent_of(from));
     if (!above) return above.error();
     if (!*above) return kAbsent;
-    if (const auto left = settler.leaving(from); !left) return left.error();
+    if (const auto left = reconciler.leaving(from); !left) return left.error();
     const auto done = replica.remove_tree(from);
-    if (done) settler.removed(from);
+    if (done) reconciler.removed(from);
     return done;
   }
   /* One of the names, or both, follow the source. */
-  Did rename_unsettled(const std::string &from, const std::string &to) {
-    const bool clean = !settler.follows_source(from);
-    if (const auto left = settler.leaving(from); !left) return left.error();
+  Did rename_pending(const std::string &from, const std::string &to) {
+    const bool clean = !reconciler.follows_source(from);
+    if (const auto left = reconciler.leaving(from); !left) return left.error();
     const auto mine = replica.find(from);
     if (!mine) return mine.error();
-    const auto found = settler.source().find(from);
+    const auto found = reconciler.source().find(from);
     if (!found) return found.error();
     // Where the old name still stands, the object is moved rather than copied again; what is there
     // is compared with the source in any case.
     if (*mine && (clean || !*found)) {
       const auto gone = replica.remove_tree(to);
       if (!gone && gone.error().code != -ENOENT) return gone;
-      settler.fetcher().copies().removed(to);
+      reconciler.fetcher().origins().removed(to);
       const auto done = replica.rename(from, to);
       if (!done && done.error().code != -ENOENT) return done;
-      if (done) settler.fetcher().copies().moved(from, to);
+      if (done) reconciler.fetcher().origins().moved(from, to);
     }
     if (!clean || !*mine) {
       if (const auto old = leave(from); !old) return old;
     } else {
-      settler.removed(from);
-      settler.follow_source(from);
+      reconciler.removed(from);
+      reconciler.follow_source(from);
     }
-    return *mine ? settler.settle(to) : come_in(to);
+    return *mine ? reconciler.reconcile(to) : come_in(to);
   }
   Did rename(const std::string &from, const std::string &to) {
-    if (settler.follows_source(from) || settler.follows_source(to) ||
-        settler.follows_source_below(to))
-      return rename_unsettled(from, to);
+    if (reconciler.follows_source(from) || reconciler.follows_source(to) ||
+        reconciler.follows_source_below(to))
+      return rename_pending(from, to);
     const auto mine = replica.find(from);
     if (!mine) return mine.error();
     if (!*mine) return rename_absent(from, to);
-    if (const auto left = settler.leaving(to); !left) return left.error();
+    if (const auto left = reconciler.leaving(to); !left) return left.error();
     const auto done = replica.rename(from, to);
     if (!done) return heal(to, done.error());
-    const auto moved = settler.moved(from, to);
+    const auto moved = reconciler.moved(from, to);
     return moved ? done : Did(moved.error());
   }
   Did rename_absent(const std::string &from, const std::string &to) {
     const Error &error = kAbsent;
     const auto above = replica.find(parent_of(from));
     if (!above || !*above) return heal(to, error);
-    if (!settler.source().available()) return error;
-    const auto found = settler.source().find(to);
+    if (!reconciler.source().available()) return error;
+    const auto found = reconciler.source().find(to);
     if (!found) return error;
-    const auto settled = come_in(to);
-    if (settled && !*found) settler.expect(to, unexplained(to));
-    return settled;
+    const auto reconciled = come_in(to);
+    if (reconciled && !*found) reconciler.expect(to, unexplained(to));
+    return reconciled;
   }
 
   /* The lists name places, not objects: what lay in an excluded place below a renamed directory may
@@ -250,18 +252,18 @@ struct Applier::Visitor {
     };
     for (const std::string &rest : listed(from)) {
       const auto mine = replica.find(*from + "/" + rest);
-      if (mine && *mine) note(settler.settle(*from + "/" + rest));
+      if (mine && *mine) note(reconciler.reconcile(*from + "/" + rest));
       if (to && applier.scopes_.includes(life, applier.absolute(*to + "/" + rest)))
-        note(settler.settle(*to + "/" + rest));
+        note(reconciler.reconcile(*to + "/" + rest));
     }
     for (const std::string &rest : listed(to)) {
       const std::string path = *to + "/" + rest;
       if (applier.scopes_.includes(life, applier.absolute(path))) continue;
-      settler.removed(path);
+      reconciler.removed(path);
       const auto above = replica.find(parent_of(path));
       note(replica.remove_tree(path));
       if (above && *above) {
-        const auto restored = settler.restore_times(parent_of(path), **above);
+        const auto restored = reconciler.restore_times(parent_of(path), **above);
         if (first.ok() && !restored) first = restored;
       }
     }
@@ -294,7 +296,7 @@ struct Applier::Visitor {
       // From now on it changes by a name of which no record tells.
       if (record.naming == Naming::kUnplaced) return Done(applier.unplaced(record));
       if (const auto existing = inside(c.existing); existing && record.naming == Naming::kNamed)
-        settler.watch(*existing, record.ts);
+        reconciler.watch(*existing, record.ts);
       return Done();
     }
     // A file that is open without a name of its own got one again, or its name is not known.
@@ -321,14 +323,14 @@ struct Applier::Visitor {
     const auto path = below(c.path);
     if (!path) return Done();
     const auto mine = replica.find(*path);
-    if (mine && !*mine && !settler.follows_source(*path)) return absent(*path, kAbsent);
-    return AttributeChange{settler, replica, record.ts}.apply(*path, c);
+    if (mine && !*mine && !reconciler.follows_source(*path)) return absent(*path, kAbsent);
+    return AttributeChange{reconciler, replica, record.ts}.apply(*path, c);
   }
   Did write(const std::string &path, std::uint64_t offset, Bytes data) {
-    if (settler.follows_source(path))
-      return refresh_written(settler, replica, path, offset, data.size());
-    if (const auto safe = drop_set_id(settler, replica, path); !safe) return safe.error();
-    settler.records_change(path);
+    if (reconciler.follows_source(path))
+      return refresh_written(reconciler, replica, path, offset, data.size());
+    if (const auto safe = drop_set_id(reconciler, replica, path); !safe) return safe.error();
+    reconciler.records_change(path);
     const auto done = replica.write(path, offset, data);
     if (done) return done;
     const int code = done.error().code;
@@ -346,7 +348,7 @@ struct Applier::Visitor {
 
 Error Applier::unplaced(const Record &record) {
   scopes_.learn(record);
-  settler_.note_unrecorded(record.ts);
+  reconciler_.note_unrecorded(record.ts);
   return Error{-ESTALE,
                "the file has another name, which the module does not know: the replica's copy is "
                "no longer right, until it is found by 'mirrord --catch-up'"};
@@ -359,15 +361,15 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
     if (!place) return place.error();
     page_path_ = std::move(place->path);
   }
-  for (Unexplained &missing : settler_.expire(record.ts))
+  for (Unexplained &missing : reconciler_.expire(record.ts))
     unexplained_.push_back(std::move(missing));
   const bool gets_a_name =
       std::holds_alternative<Link>(record.change) || std::holds_alternative<Rename>(record.change);
   if (record.naming == Naming::kNameless && !gets_a_name) return Outcome::kNameless;
   if (record.naming == Naming::kUnplaced && !gets_a_name) return unplaced(record);
   const auto *link = std::get_if<Link>(&record.change);
-  settler_.set_other_name(link ? std::string(link->existing) : std::string());
-  settler_.set_included(
+  reconciler_.set_other_name(link ? std::string(link->existing) : std::string());
+  reconciler_.set_included(
       [this, life = Scopes::Life(record.rule, record.generation)](const std::string &path) {
         return scopes_.includes(life, absolute(path));
       });
@@ -380,47 +382,47 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
 
 Result<void> Applier::caught_up(std::int64_t asked) {
   look_for_any_rule();
-  auto links = settler_.check_links();
-  auto unrecorded = settler_.find_unrecorded(asked);
-  auto touched = settler_.compare_touched(asked);
+  auto links = reconciler_.check_links();
+  auto unrecorded = reconciler_.find_unrecorded(asked);
+  auto changed = reconciler_.compare_changed(asked);
   // A look may take a name from its file and so leave another to be looked at.
   for (int rounds = 0; links && replica_.has_parted() && rounds < kLookRounds; ++rounds)
-    links = settler_.check_links();
-  return !links ? links : !unrecorded ? unrecorded : touched;
+    links = reconciler_.check_links();
+  return !links ? links : !unrecorded ? unrecorded : changed;
 }
 
-Result<void> Applier::compare_touched(std::int64_t asked) {
+Result<void> Applier::compare_changed(std::int64_t asked) {
   look_for_any_rule();
-  return settler_.compare_touched(asked);
+  return reconciler_.compare_changed(asked);
 }
 
 /* What is looked at next, no record asked for. */
 void Applier::look_for_any_rule() {
-  settler_.set_other_name("");
-  settler_.set_included(
+  reconciler_.set_other_name("");
+  reconciler_.set_included(
       [this](const std::string &path) { return scopes_.any_includes(absolute(path)); });
 }
 
 /* The paths of the replica that the record names, and the directories whose names it changes. */
 void Applier::touch(const Record &record) {
-  Touched &touched = settler_.touched();
+  ChangedPaths &changed = reconciler_.changed_paths();
   scopes_.learn(record);  // what it excludes is left out when the paths are compared
   const auto below = [this](std::string_view path) { return path_below(source_, path); };
   const auto add = [&](const std::optional<std::string> &path) {
     if (!path) return;
-    touched.add(*path);
-    touched.add(parent_of(*path));
+    changed.add(*path);
+    changed.add(parent_of(*path));
   };
   if (const auto *rename = std::get_if<Rename>(&record.change)) {
     const auto from = below(rename->from), to = below(rename->to);
-    if (from && to) touched.moved(*from, *to);
+    if (from && to) changed.moved(*from, *to);
     add(from);
     add(to);
   } else if (std::holds_alternative<WritePage>(record.change)) {
-    if (const auto path = below(page_path_)) touched.add(*path);
+    if (const auto path = below(page_path_)) changed.add(*path);
   } else if (std::holds_alternative<Write>(record.change) ||
              std::holds_alternative<SetAttr>(record.change)) {
-    if (const auto path = below(change_path(record.change))) touched.add(*path);
+    if (const auto path = below(change_path(record.change))) changed.add(*path);
   } else if (const auto *link = std::get_if<Link>(&record.change)) {
     add(below(link->path));
     add(below(link->existing));
@@ -433,7 +435,8 @@ std::vector<Unexplained> Applier::take_unexplained(
     std::optional<std::chrono::microseconds> older_than) {
   auto missing = std::exchange(unexplained_, {});
   if (!older_than) return missing;
-  for (Unexplained &more : settler_.take_missing(*older_than)) missing.push_back(std::move(more));
+  for (Unexplained &more : reconciler_.take_missing(*older_than))
+    missing.push_back(std::move(more));
   return missing;
 }
 

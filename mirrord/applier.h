@@ -14,8 +14,8 @@
  *    longer.
  *  - Special files, and regular files that were made by mknod(2), are captured by no record: they
  *    are fetched when a change of them is. So is the owner of a symbolic link.
- * The source may be further than the record then. unsettled.h says why the replica becomes like the
- * source all the same.
+ * The source may be further than the record then. pending_paths.h says why the replica becomes like
+ * the source all the same.
  *
  * "Is not there" is taken for "was removed already" only where a repeated removal says so and the
  * directory is there. An object that is missing in both places must be explained by a later record:
@@ -33,7 +33,7 @@
 #include "client/pages.h"
 #include "mirrord/replica.h"
 #include "mirrord/scope.h"
-#include "mirrord/settler.h"
+#include "mirrord/reconciler.h"
 
 namespace tarn {
 
@@ -41,11 +41,11 @@ class Applier {
  public:
   /* `source` is absolute, without a slash at its end (but "/" itself). */
   Applier(std::string source, Replica &replica, RuleLists rules = {},
-          std::chrono::microseconds horizon = Unsettled::kHorizon)
+          std::chrono::microseconds horizon = PendingPaths::kHorizon)
       : source_(std::move(source)),
         replica_(replica),
         scopes_(std::move(rules)),
-        settler_(source_, replica, horizon) {}
+        reconciler_(source_, replica, horizon) {}
 
   enum class Outcome {
     kApplied,
@@ -58,7 +58,7 @@ class Applier {
 
   /* Records from `ts` on (microseconds since the epoch) are missing: what they may have told of is
    * looked for when all others have been applied. */
-  void lost(std::uint64_t ts) { settler_.note_unrecorded(ts); }
+  void lost(std::uint64_t ts) { reconciler_.note_unrecorded(ts); }
 
   /* Of the last write page that was applied: the file, which a later page's record does not name.
    */
@@ -68,8 +68,8 @@ class Applier {
    * the last looks at the source. */
   Result<void> caught_up(std::int64_t asked);
   /* The same for the paths that records named; without the files that have several names. */
-  Result<void> compare_touched(std::int64_t asked);
-  const Touched &touched() const { return settler_.touched(); }
+  Result<void> compare_changed(std::int64_t asked);
+  const ChangedPaths &changed_paths() const { return reconciler_.changed_paths(); }
 
   /* Records whose object was missing, and which no later record explained in time; with an age,
    * also those that are older and not explained yet, because all records have come. */
@@ -91,7 +91,7 @@ class Applier {
   std::string source_;
   Replica &replica_;
   Scopes scopes_;
-  Settler settler_;
+  Reconciler reconciler_;
   PageFollower pages_;
   std::string page_path_;
   std::vector<Unexplained> unexplained_;

@@ -53,16 +53,16 @@ struct Both {
   std::optional<struct stat> mine;
   std::optional<Source::Object> theirs;
   /* The same kind of object, and the copy of this very one. */
-  bool copy(Settler &settler, const std::string &path) const {
+  bool copy(Reconciler &reconciler, const std::string &path) const {
     return mine && theirs && same_type(*mine, theirs->status) &&
-           settler.fetcher().copies().same(path, theirs->status);
+           reconciler.fetcher().origins().same(path, theirs->status);
   }
 };
 
-Result<Both> look(Settler &settler, Replica &replica, const std::string &path) {
+Result<Both> look(Reconciler &reconciler, Replica &replica, const std::string &path) {
   auto mine = replica.find(path);
   if (!mine) return mine.error();
-  auto theirs = settler.source().find(path);
+  auto theirs = reconciler.source().find(path);
   if (!theirs) return theirs.error();
   return Both{*mine, std::move(*theirs)};
 }
@@ -76,24 +76,24 @@ Result<Done> changed(const Result<void> &result) {
 
 Result<Done> AttributeChange::apply(const std::string &path, const SetAttr &change) {
   const auto as_recorded = [&] {
-    if (change.valid & OX_ATTR_SIZE) settler.records_change(path);
+    if (change.valid & OX_ATTR_SIZE) reconciler.records_change(path);
     return replica.set_attributes(path, named_attributes(change));
   };
-  if (!settler.source().available()) return as_recorded();
-  const auto both = look(settler, replica, path);
+  if (!reconciler.source().available()) return as_recorded();
+  const auto both = look(reconciler, replica, path);
   if (!both) return both.error();
   const auto &[mine, theirs] = *both;
-  if (settler.follows_source(path)) {
-    if (!both->copy(settler, path)) return settler.settle(path);
+  if (reconciler.follows_source(path)) {
+    if (!both->copy(reconciler, path)) return reconciler.reconcile(path);
     return from_source(path, change, *mine, *theirs);
   }
   if (theirs && !same_type(*mine, theirs->status) &&
       (is_special(*mine) || is_special(theirs->status)))
-    return settler.settle(path);
+    return reconciler.reconcile(path);
   const auto doubted = [&, &mine = mine] {
     const auto size = static_cast<std::uint64_t>(mine->st_size);
     const bool sizes = (change.valid & OX_ATTR_SIZE) && change.size != size;
-    settler.doubt(path, sizes ? std::min(change.size, size) : Unsettled::kNoData);
+    reconciler.doubt(path, sizes ? std::min(change.size, size) : PendingPaths::kNoData);
     return as_recorded();
   };
   // It has gone on under another name, or has been removed.
@@ -112,7 +112,7 @@ Result<Done> AttributeChange::apply(const std::string &path, const SetAttr &chan
 Result<Done> AttributeChange::refused(const std::string &path, const SetAttr &change,
                                       const Source::Object &theirs) {
   if (change.valid & (OX_ATTR_MODE | OX_ATTR_UID | OX_ATTR_GID)) {
-    const auto set = settler.fetcher().fetch_attributes(path, theirs);
+    const auto set = reconciler.fetcher().fetch_attributes(path, theirs);
     if (!set) return set.error();
   }
   const auto set = set_named_times(replica, path, change, theirs.status);
@@ -123,53 +123,55 @@ Result<Done> AttributeChange::refused(const std::string &path, const SetAttr &ch
 /* It was refused, or the source is further. */
 Result<Done> AttributeChange::from_source(const std::string &path, const SetAttr &change,
                                           const struct stat &mine, const Source::Object &theirs) {
-  std::uint64_t in_doubt = Unsettled::kNoData;
+  std::uint64_t in_doubt = PendingPaths::kNoData;
   if ((change.valid & OX_ATTR_SIZE) && S_ISREG(mine.st_mode)) {
     const auto my_size = static_cast<std::uint64_t>(mine.st_size),
                their_size = static_cast<std::uint64_t>(theirs.status.st_size);
     const std::uint64_t common = std::min(change.size, my_size);
-    if (their_size > change.size || settler.follows_source(path)) {
+    if (their_size > change.size || reconciler.follows_source(path)) {
       in_doubt = common;
-      const auto fetched = settler.fetcher().fetch_data(path, theirs, common, Unsettled::kNoData);
+      const auto fetched =
+          reconciler.fetcher().fetch_data(path, theirs, common, PendingPaths::kNoData);
       if (!fetched) return fetched.error();
     } else {
       // As long as the record says, if the source has it so; if it is shorter, a later record cuts.
       const bool confirmed = their_size == change.size;
       if (!confirmed) in_doubt = std::min(common, their_size);
-      settler.records_change(path);
+      reconciler.records_change(path);
       const auto set = replica.set_attributes(path, {.size = confirmed ? change.size : common});
       if (!set) return set.error();
     }
   }
   if (change.valid & (OX_ATTR_MODE | OX_ATTR_UID | OX_ATTR_GID)) {
-    const auto set = settler.fetcher().fetch_attributes(path, theirs);
+    const auto set = reconciler.fetcher().fetch_attributes(path, theirs);
     if (!set) return set.error();
   }
-  if (!settler.follows_source(path)) settler.doubt(path, in_doubt);
+  if (!reconciler.follows_source(path)) reconciler.doubt(path, in_doubt);
   return changed(set_named_times(replica, path, change, theirs.status));
 }
 
-Result<Done> refresh_written(Settler &settler, Replica &replica, const std::string &path,
+Result<Done> refresh_written(Reconciler &reconciler, Replica &replica, const std::string &path,
                              std::uint64_t offset, std::size_t length) {
-  const auto both = look(settler, replica, path);
+  const auto both = look(reconciler, replica, path);
   if (!both) return both.error();
-  if (!both->copy(settler, path) || !S_ISREG(both->mine->st_mode)) return settler.settle(path);
+  if (!both->copy(reconciler, path) || !S_ISREG(both->mine->st_mode))
+    return reconciler.reconcile(path);
   // First the mode: new bytes must not come under an old set-user-id bit.
-  const auto like = settler.fetcher().fetch_attributes(path, *both->theirs);
+  const auto like = reconciler.fetcher().fetch_attributes(path, *both->theirs);
   if (!like) return like.error();
-  return changed(settler.fetcher().fetch_data(path, *both->theirs, offset, offset + length));
+  return changed(reconciler.fetcher().fetch_data(path, *both->theirs, offset, offset + length));
 }
 
-Result<void> drop_set_id(Settler &settler, Replica &replica, const std::string &path) {
+Result<void> drop_set_id(Reconciler &reconciler, Replica &replica, const std::string &path) {
   const auto mine = replica.find(path);
   if (!mine) return mine.error();
-  if (!*mine || !has_set_id(**mine) || !settler.source().available()) return {};
-  const auto theirs = settler.source().find(path);
+  if (!*mine || !has_set_id(**mine) || !reconciler.source().available()) return {};
+  const auto theirs = reconciler.source().find(path);
   if (!theirs) return theirs.error();
   if (*theirs && has_set_id((*theirs)->status) && (*theirs)->status.st_uid == (*mine)->st_uid &&
       (*theirs)->status.st_gid == (*mine)->st_gid)
     return {};
-  settler.doubt(path, Unsettled::kNoData);
+  reconciler.doubt(path, PendingPaths::kNoData);
   const auto set = replica.set_attributes(path, {.mode = (*mine)->st_mode & 01777});
   return set ? Result<void>() : Result<void>(set.error());
 }

@@ -11,12 +11,12 @@
 
 #include "client/messages.h"
 #include "mirrord/replica.h"
-#include "mirrord/settler.h"
+#include "mirrord/reconciler.h"
 
 namespace tarn {
 
 struct AttributeChange {
-  Settler &settler;
+  Reconciler &reconciler;
   Replica &replica;
   std::uint64_t captured; /* microseconds */
 
@@ -31,12 +31,13 @@ struct AttributeChange {
 };
 
 /* A write to a path that follows the source: the bytes are those that the source has there now. */
-Result<Replica::Done> refresh_written(Settler &settler, Replica &replica, const std::string &path,
-                                      std::uint64_t offset, std::size_t length);
+Result<Replica::Done> refresh_written(Reconciler &reconciler, Replica &replica,
+                                      const std::string &path, std::uint64_t offset,
+                                      std::size_t length);
 
 /* Before a write to a set-user-id file: the bit must not outlive the bytes that it was given to,
  * unless the source's file has it still. */
-Result<void> drop_set_id(Settler &settler, Replica &replica, const std::string &path);
+Result<void> drop_set_id(Reconciler &reconciler, Replica &replica, const std::string &path);
 
 }  // namespace tarn
 

@@ -137,7 +137,7 @@ Result<void> Fetcher::fetch_attributes(const std::string &path, const Source::Ob
 /* The copies of one object that the replica has under other names and `path` become one file. */
 Result<bool> Fetcher::join(const std::string &path, const Source::Object &object) {
   bool joined = false;
-  for (const std::string &other : copies_.paths_of(object.status)) {
+  for (const std::string &other : origins_.paths_of(object.status)) {
     if (other == path) continue;
     const auto theirs = replica_.find(other);
     if (!theirs || !*theirs || !same_type(**theirs, object.status)) continue;
@@ -161,7 +161,7 @@ Result<void> Fetcher::make_same(const std::string &of, const std::string &name) 
     if (const auto gone = replica_.remove_tree(name); !gone) return gone.error();
     if (const auto linked = replica_.link(of, name); !linked) return linked.error();
   }
-  copies_.linked(of, name);
+  origins_.linked(of, name);
   return {};
 }
 
@@ -174,9 +174,9 @@ Result<void> Fetcher::make_room(const std::string &path, const Source::Object &o
   const bool usable = same_type(**mine, object.status);
   // Names that the source's object does not have must not get its contents. Those that it has are
   // made names of the copy again.
-  const bool shared = !directory && (*mine)->st_nlink > 1 && !copies_.same(path, object.status);
+  const bool shared = !directory && (*mine)->st_nlink > 1 && !origins_.same(path, object.status);
   if (usable && !shared) return {};
-  copies_.removed(path);
+  origins_.removed(path);
   return plain(replica_.remove_tree(path));
 }
 
@@ -201,11 +201,11 @@ Result<void> Fetcher::fetch(const std::string &path, const Source::Object &objec
 
 bool Fetcher::unchanged(const std::string &path, const struct stat &status) {
   const auto mine = replica_.find(path);
-  return mine && *mine && copies_.unchanged(path, status);
+  return mine && *mine && origins_.unchanged(path, status);
 }
 
 void Fetcher::note_copy(const std::string &path, const struct stat &status, bool whole) {
-  copies_.put(path, object_of(replica_, path), status, whole);
+  origins_.put(path, object_of(replica_, path), status, whole);
 }
 
 Result<void> Fetcher::file(const std::string &path, const Source::Object &object) {
@@ -254,7 +254,7 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
   };
   for (const std::string &name : *mine) {
     if (wanted.contains(name) || !included(below + name)) continue;
-    copies_.removed(below + name);
+    origins_.removed(below + name);
     note(plain(replica_.remove_tree(below + name)));
   }
   for (const std::string &name : wanted) {
@@ -263,7 +263,7 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
     if (!child) {
       note(child.error());
     } else if (!*child) {  // gone meanwhile
-      copies_.removed(below + name);
+      origins_.removed(below + name);
       note(plain(replica_.remove_tree(below + name)));
     } else {
       note(fetch(below + name, **child, included));

@@ -4,8 +4,8 @@
  * and which names are names of one file. Data are read in pieces; holes of a file may be filled.
  *
  * The source goes on changing meanwhile. What is read is a mixture of then and now that the records
- * of these changes set right (unsettled.h); but a set-user-id file is given its mode only with data
- * that were all read while the file stayed as it was. One thread.
+ * of these changes set right (pending_paths.h); but a set-user-id file is given its mode only with
+ * data that were all read while the file stayed as it was. One thread.
  */
 #ifndef TARN_MIRRORD_FETCHER_H
 #define TARN_MIRRORD_FETCHER_H
@@ -16,7 +16,7 @@
 #include <string>
 #include <utility>
 
-#include "mirrord/copies.h"
+#include "mirrord/copy_origins.h"
 #include "mirrord/replica.h"
 #include "mirrord/source.h"
 
@@ -45,7 +45,7 @@ class Fetcher {
   /* Owner, mode and times, whatever the replica's object is. */
   Result<void> set_like(const std::string &path, const struct stat &status);
 
-  Copies &copies() { return copies_; }
+  CopyOrigins &origins() { return origins_; }
 
   /* What was fetched since the last call and has several names in the source. */
   using Objects = std::map<std::pair<dev_t, ino_t>, struct stat>;
@@ -67,7 +67,7 @@ class Fetcher {
 
   Source &source_;
   Replica &replica_;
-  Copies copies_;
+  CopyOrigins origins_;
   Objects several_;
   std::set<std::string> refused_devices_; /* said by name already */
 };

@@ -19,7 +19,7 @@
 #include "client/paths.h"
 #include "client/site.h"
 #include "client/workdir.h"
-#include "mirrord/apart.h"
+#include "mirrord/overlap.h"
 #include "mirrord/catch_up.h"
 #include "mirrord/mirror.h"
 #include "mirrord/state.h"
@@ -193,10 +193,10 @@ int mirror(const Arguments &arguments) {
     options.status_file = *file;
   }
   const Site site = find_site();
-  if (const auto apart =
-          check_apart(options.source, options.replica, mount_table_or(mounts_there(site)));
-      !apart)
-    return fail(apart.error().text, kExitUsage);
+  if (const auto separate =
+          check_overlap(options.source, options.replica, mount_table_or(mounts_there(site)));
+      !separate)
+    return fail(separate.error().text, kExitUsage);
   for (const std::string &rule : arguments.rules) {
     const auto uuid = parse_uuid(rule);
     if (!uuid) return fail(printable(rule) + " is not the UUID of a rule", kExitUsage);

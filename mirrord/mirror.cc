@@ -71,7 +71,7 @@ void Mirror::record(const Record &record, Sequencer::Order order) {
   if (*outcome == Applier::Outcome::kNameless) ++rule.nameless;
   if (const auto *write = std::get_if<Write>(&record.change)) rule.bytes += write->data.size();
   if (const auto *page = std::get_if<WritePage>(&record.change)) rule.bytes += page->data.size();
-  if (applier_.touched().full()) compare_touched(std::chrono::microseconds(0));
+  if (applier_.changed_paths().full()) compare_changed(std::chrono::microseconds(0));
 }
 
 void Mirror::event(const Uuid &uuid, const Sequencer::Event &event) {
@@ -184,9 +184,9 @@ void Mirror::compare_all(std::int64_t asked) {
 }
 
 /* Between catch-up requests: compares what was captured until that long ago. */
-void Mirror::compare_touched(std::chrono::microseconds ago) {
-  if (!applier_.touched().empty())
-    report_comparison(applier_.compare_touched(now_us() - ago.count()));
+void Mirror::compare_changed(std::chrono::microseconds ago) {
+  if (!applier_.changed_paths().empty())
+    report_comparison(applier_.compare_changed(now_us() - ago.count()));
 }
 
 void Mirror::report_comparison(const Result<void> &compared) {
@@ -326,7 +326,7 @@ void Mirror::drain() {
 }
 
 /* At the end: later errors could not be reported. */
-void Mirror::settle() {
+void Mirror::reconcile() {
   compare_all(now_us());
   report_unexplained(std::chrono::nanoseconds(0));
   replica_.close_files();
@@ -367,7 +367,7 @@ Mirror::End Mirror::run(SignalPipe &signals) {
       end = End::kChannel;
     }
     if (received->packets.empty() && !received->woken && sequencer_.holds_nothing())
-      compare_touched(kStatusInterval);
+      compare_changed(kStatusInterval);
     if (changed_ && Clock::now() - written_ >= kStatusInterval) {
       save_state();
       update_status_file();
@@ -376,7 +376,7 @@ Mirror::End Mirror::run(SignalPipe &signals) {
   if (auto left = channel_.leave(); !left && *end == End::kClean) say(left.error().text);
   drain();
   sequencer_.finish();
-  settle();
+  reconcile();
   save_state();
   status_.running = false;
   update_status_file();

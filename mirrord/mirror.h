@@ -89,10 +89,10 @@ class Mirror : private Sequencer::Sink {
   void unconfirmed(const std::string &why);
   void report_write_back_errors();
   void compare_all(std::int64_t asked);
-  void compare_touched(std::chrono::microseconds ago);
+  void compare_changed(std::chrono::microseconds ago);
   void report_comparison(const Result<void> &compared);
   void report_unexplained(std::optional<std::chrono::nanoseconds> older_than = {});
-  void settle();
+  void reconcile();
   DaemonChannel::Milliseconds patience() const;
   bool wanted(const Uuid &rule) const {
     return options_.rules.empty() || options_.rules.contains(rule);

@@ -5,7 +5,7 @@
  * replica; no look-up follows a symbolic link or leaves it.
  *
  * What is found is how the source is at the moment of the call. It may be further than the record
- * that is being applied; unsettled.h says what follows from that. One thread.
+ * that is being applied; pending_paths.h says what follows from that. One thread.
  */
 #ifndef TARN_MIRRORD_SOURCE_H
 #define TARN_MIRRORD_SOURCE_H

@@ -193,7 +193,7 @@ static void pump_to_peer(uk_nlsock *sock, int connection, const std::atomic<bool
 
 // The flags of a hello say whether the daemon takes several messages per packet.
 static void note_hello(const nlmsghdr &head, std::atomic<bool> *batched) {
-  if (head.nlmsg_type == OX_NL_HELO) *batched = (head.nlmsg_flags & OX_CTL_HELO_SEVERAL) != 0;
+  if (head.nlmsg_type == OX_NL_HELO) *batched = (head.nlmsg_flags & OX_CTL_HELO_BATCHED) != 0;
 }
 
 // Messages from the peer, until it hangs up. The calling thread's task is the peer's.

@@ -186,7 +186,7 @@ void CallerTask::end_wait() {
   watching_ = false;
   const MutexLock lock(mutex_);
   watched_ = nullptr;
-  if (interrupted_) uk_task_calm(task_.get());
+  if (interrupted_) uk_task_clear_interrupt(task_.get());
   interrupted_ = false;
 }
 

@@ -56,7 +56,7 @@ static size_t descriptor_limit() {
 bool may_open_more(fuse_req_t req) {
   static const size_t limit = descriptor_limit();
   const Mount *mount = mount_of(req);
-  const size_t used = mount->lookups().open_files() + uk_kept_directories();
+  const size_t used = mount->lookups().open_files() + uk_pinned_directories();
   if (fuse_req_ctx(req)->uid == 0 || used < limit) return true;
   static LimitedWarning refused;
   refused.print(mount->mountpoint() +

@@ -50,7 +50,7 @@ void LookupTable::remove_unreferenced_locked(uk_node *node) {
 
 // Directories count only if their descriptors stay open.
 size_t LookupTable::excess_locked() const {
-  const size_t descriptors = files_.count + uk_kept_directories();
+  const size_t descriptors = files_.count + uk_pinned_directories();
   return files_.count > 0 && descriptors > limit_ ? descriptors - limit_ : 0;
 }
 

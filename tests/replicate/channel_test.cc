@@ -81,7 +81,7 @@ TEST_F(ChannelTest, MessagesArriveWholeAndInOrder) {
 
 TEST_F(ChannelTest, TheHelloAsksForPacketsOfSeveralMessages) {
   const auto channel = open();
-  EXPECT_EQ(fake_.with([](auto &state) { return state.hello_flags; }), OX_CTL_HELO_SEVERAL);
+  EXPECT_EQ(fake_.with([](auto &state) { return state.hello_flags; }), OX_CTL_HELO_BATCHED);
 }
 
 TEST_F(ChannelTest, MessagesOfOnePacketAreToldApart) {

@@ -305,7 +305,7 @@ INSTANTIATE_TEST_SUITE_P(Lags, ConvergenceTest,
                          testing::Values(Speed{"at_once", std::chrono::microseconds(0), 0},
                                          Speed{"late", std::chrono::microseconds(0), 12},
                                          Speed{"very_late", std::chrono::microseconds(0), 300},
-                                         Speed{"long_marks", Unsettled::kHorizon, 40}),
+                                         Speed{"long_marks", PendingPaths::kHorizon, 40}),
                          [](const auto &info) { return std::string(info.param.name); });
 
 }  // namespace

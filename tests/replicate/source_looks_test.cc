@@ -366,7 +366,7 @@ TEST_F(SourceLooksTest, WritesTakeTheirTimeFromTheSource) {
   }
 }
 
-TEST_F(SourceLooksTest, WhatWasTouchedIsComparedWhereItIsNow) {
+TEST_F(SourceLooksTest, WhatWasChangedIsComparedWhereItIsNow) {
   both("in/d/f", "data");
   expect(written(now(), src("in/d/f")), Outcome::kApplied);
   fs::rename(src("in/d"), src("in/e"));

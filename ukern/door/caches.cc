@@ -6,7 +6,7 @@
 
 extern "C" {
 
-unsigned long uk_kept_directories(void) {
+unsigned long uk_pinned_directories(void) {
   return hostfs_kept_directories();
 }
 

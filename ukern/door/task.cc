@@ -142,7 +142,7 @@ void uk_task_interrupt(struct uk_task *uk_task, unsigned long long signals) {
   }
 }
 
-void uk_task_calm(struct uk_task *task) {
+void uk_task_clear_interrupt(struct uk_task *task) {
   flush_signals(task_of(task));
 }
 

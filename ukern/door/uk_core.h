@@ -79,10 +79,10 @@ void uk_task_set_signal_handler(struct uk_task *task, int (*deliver)(void *arg, 
  */
 void uk_task_set_wait_handler(struct uk_task *task, void (*before)(void *arg), void *arg);
 /* Signals have come (bit n - 1 is signal n) for a task that has no handler: waits that they end are
- * ended, also those that begin before uk_task_calm. */
+ * ended, also those that begin before uk_task_clear_interrupt. */
 void uk_task_interrupt(struct uk_task *task, unsigned long long signals);
 /* Forgets the signals that wait. */
-void uk_task_calm(struct uk_task *task);
+void uk_task_clear_interrupt(struct uk_task *task);
 /* Bit mask of the signals recorded so far, bit number = signal number - 1. */
 unsigned long long uk_task_signals(struct uk_task *task);
 

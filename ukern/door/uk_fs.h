@@ -138,7 +138,7 @@ int uk_readdir(struct uk_file *dir, unsigned long long off,
 
 /* How many directories of the host cost a descriptor for as long as they are remembered, because
  * the host could not find them again. Those of others are closed when there are too many. */
-unsigned long uk_kept_directories(void);
+unsigned long uk_pinned_directories(void);
 
 /* Unused dentries and inodes are given back now, all of them. */
 void uk_drop_caches(void);

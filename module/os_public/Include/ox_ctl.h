@@ -9,7 +9,7 @@
  *
  * Daemon channel (OX_CTL_DAEMON_SOCKET): every packet is exactly one netlink message, header
  * included, as ox_msg.h defines it, in either direction. A daemon whose hello has
- * OX_CTL_HELO_SEVERAL among its nlmsg_flags is sent packets of one or more messages, each at a
+ * OX_CTL_HELO_BATCHED among its nlmsg_flags is sent packets of one or more messages, each at a
  * multiple of 4 bytes and not longer than its nlmsg_len needs.
  *
  * Control channel (OX_CTL_SOCKET): the client sends an ox_ctl_request followed by `len` bytes of
@@ -26,7 +26,7 @@
 #define OX_CTL_DAEMON_SOCKET "daemon"
 #define OX_CTL_PID_FILE "tarnd.pid"
 
-#define OX_CTL_HELO_SEVERAL 2
+#define OX_CTL_HELO_BATCHED 2
 /* Longest packet of several messages. */
 #define OX_CTL_DAEMON_PACKET_MAX 65536
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
-// Whether a replica and its source are apart, by tables of mounts; tests/replicate/apart.sh has
+// Whether a replica and its source are apart, by tables of mounts; tests/replicate/overlap.sh has
 // real ones.
-#include "mirrord/apart.h"
+#include "mirrord/overlap.h"
 
 #include <gtest/gtest.h>
 
@@ -10,8 +10,8 @@ namespace {
 
 /* No path of these exists, so that the tables alone decide. */
 std::string why(const std::string &source, const std::string &replica, const char *table) {
-  const auto apart = check_apart(source, replica, read_mount_table(table));
-  return apart ? "" : apart.error().text.substr(0, apart.error().text.find(':'));
+  const auto separate = check_overlap(source, replica, read_mount_table(table));
+  return separate ? "" : separate.error().text.substr(0, separate.error().text.find(':'));
 }
 
 constexpr char kTable[] =
@@ -25,7 +25,7 @@ constexpr char kTable[] =
     "8 1 0:42 / /no/over rw - tarn /no/over rw\n"
     "9 1 8:1 /no/src /no/has/it rw - ext4 /dev/sda1 rw\n";
 
-TEST(Apart, NamesAlone) {
+TEST(Overlap, NamesAlone) {
   EXPECT_EQ(why("/no/a", "/no/b", ""), "");
   EXPECT_EQ(why("/no/a", "/no/ab", ""), "");
   EXPECT_EQ(why("/no/a", "/no/a", ""), "the replica /no/a is the source /no/a");
@@ -34,7 +34,7 @@ TEST(Apart, NamesAlone) {
   EXPECT_EQ(why("/no/a/b", "/", ""), "the replica / contains the source /no/a/b");
 }
 
-TEST(Apart, BindMounts) {
+TEST(Overlap, BindMounts) {
   EXPECT_EQ(why("/no/src", "/no/bind", kTable),
             "the replica /no/bind lies inside the source /no/src");
   EXPECT_EQ(why("/no/bind/x", "/no/src/sub", kTable),
@@ -46,7 +46,7 @@ TEST(Apart, BindMounts) {
             "the replica /no/of_disk is shown inside the source /no/src by the mount /no/src/disk");
 }
 
-TEST(Apart, MountsOfTarn) {
+TEST(Overlap, MountsOfTarn) {
   EXPECT_EQ(why("/no/src", "/no/m nt/r", kTable),
             "the replica \"/no/m nt/r\" lies inside the source /no/src");
   EXPECT_EQ(why("/no/src/a", "/no/m nt", kTable),

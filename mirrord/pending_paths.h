@@ -22,8 +22,8 @@
  * may have been another object already. They travel with the object, and its contents are taken
  * again where it comes to rest.
  */
-#ifndef TARN_MIRRORD_UNSETTLED_H
-#define TARN_MIRRORD_UNSETTLED_H
+#ifndef TARN_MIRRORD_PENDING_PATHS_H
+#define TARN_MIRRORD_PENDING_PATHS_H
 
 #include <chrono>
 #include <cstdint>
@@ -45,17 +45,17 @@ struct Unexplained {
   std::string what = {};
 };
 
-class Unsettled {
+class PendingPaths {
  public:
   static constexpr std::chrono::microseconds kHorizon = std::chrono::seconds(5);
   static constexpr std::uint64_t kNoData = std::numeric_limits<std::uint64_t>::max();
 
-  explicit Unsettled(std::chrono::microseconds horizon) : horizon_(horizon) {}
+  explicit PendingPaths(std::chrono::microseconds horizon) : horizon_(horizon) {}
 
   struct Mark {
     bool names = false;                /* the first kind, for everything below as well */
     std::uint64_t data_from = kNoData; /* the second kind: bytes from here on are in doubt */
-    std::uint64_t until = 0;           /* records captured later find it settled */
+    std::uint64_t until = 0;           /* records captured later find it as it was then */
     Unexplained missing = {};
   };
 

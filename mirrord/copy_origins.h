@@ -4,10 +4,10 @@
  * whether there is still the same object under the name, whether its data have changed since, and
  * which names in the replica are names of one file. Only what was taken from the source is known
  * here; a copy that has several names is remembered for long, the others as long as they are
- * unsettled. Memory: kMost paths.
+ * pending. Memory: kMost paths.
  */
-#ifndef TARN_MIRRORD_COPIES_H
-#define TARN_MIRRORD_COPIES_H
+#ifndef TARN_MIRRORD_COPY_ORIGINS_H
+#define TARN_MIRRORD_COPY_ORIGINS_H
 
 #include <sys/stat.h>
 
@@ -21,7 +21,7 @@
 
 namespace tarn {
 
-class Copies {
+class CopyOrigins {
  public:
   using Object = std::pair<dev_t, ino_t>;
 
@@ -31,7 +31,7 @@ class Copies {
   /* Records changed that object of the replica, perhaps less far than the source has come: it is no
    * longer as the source's object was, under whatever name. */
   void records_changed(const Object &copy);
-  bool empty() const { return copies_.empty(); }
+  bool empty() const { return origins_.empty(); }
 
   /* The path has the contents that its object had at `ts` (microseconds since the epoch), when it
    * got a name of which no record tells. Only if the source's object has not been changed since is
@@ -41,11 +41,11 @@ class Copies {
   /* The same where the source has nothing under that name any more. */
   void watch(const std::string &path) { insert(path, {.links = true}); }
   /* The path was copied from some object. */
-  bool has(const std::string &path) const { return copies_.contains(path); }
+  bool has(const std::string &path) const { return origins_.contains(path); }
   /* It is, or may be, a copy of an object with names of which no record tells. */
   bool watched(const std::string &path) const {
-    const auto found = copies_.find(path);
-    return found != copies_.end() && found->second.links;
+    const auto found = origins_.find(path);
+    return found != origins_.end() && found->second.links;
   }
   /* The path was copied from that object. */
   bool same(const std::string &path, const struct stat &status) const;
@@ -62,7 +62,7 @@ class Copies {
   void moved(const std::string &from, const std::string &to);
   void removed(const std::string &path);
   /* The path and what is below it follow the records again. */
-  void settled(const std::string &path);
+  void follow_records_again(const std::string &path);
 
   static constexpr std::size_t kMost = 262144;
 
@@ -82,13 +82,13 @@ class Copies {
   void unindex(const std::string &path, const Copy &copy);
   static void take_out(Index &index, const Object &object, const std::string &path);
 
-  std::map<std::string, Copy> copies_;
+  std::map<std::string, Copy> origins_;
   Index paths_;  /* by the source's object */
   Index copied_; /* by the replica's */
 };
 
 /* The replica's object under a path; zeros if there is none. */
-Copies::Object object_of(Replica &replica, const std::string &path);
+CopyOrigins::Object object_of(Replica &replica, const std::string &path);
 
 }  // namespace tarn
 

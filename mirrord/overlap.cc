@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "mirrord/apart.h"
+#include "mirrord/overlap.h"
 
 #include <sys/stat.h>
 
@@ -149,8 +149,8 @@ std::vector<MountEntry> mount_table_or(const std::vector<Mount> &mounts) {
   return table;
 }
 
-Result<void> check_apart(const std::string &source, const std::string &replica,
-                         const std::vector<MountEntry> &table) {
+Result<void> check_overlap(const std::string &source, const std::string &replica,
+                           const std::vector<MountEntry> &table) {
   const std::string s = printable(source), r = printable(replica);
   switch (meeting_through_mounts(table, source, replica)) {
     case Meeting::kSame:

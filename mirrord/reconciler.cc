@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "mirrord/settler.h"
+#include "mirrord/reconciler.h"
 
 #include <unistd.h>
 
@@ -31,7 +31,7 @@ bool alike(const struct stat &mine, const struct stat &other) {
 
 }  // namespace
 
-Result<Done> Settler::settle(const std::string &path) {
+Result<Done> Reconciler::reconcile(const std::string &path) {
   if (path.empty()) return Error{-EINVAL, "the source itself cannot be taken over as a whole"};
   const auto found = source_.find(path);
   if (!found) return found.error();
@@ -41,7 +41,7 @@ Result<Done> Settler::settle(const std::string &path) {
   if (!*above || !S_ISDIR((*above)->st_mode)) {
     if (!follows_source(parent)) return Error{-ENOENT, "No such file or directory"};
     follow_source(path);
-    return *found ? settle(parent) : Done::kAlready;
+    return *found ? reconcile(parent) : Done::kAlready;
   }
   auto done = take_over(path, *found);
   // To fetch is no recorded change of the directory: its times are restored.
@@ -49,7 +49,7 @@ Result<Done> Settler::settle(const std::string &path) {
   return done;
 }
 
-Result<void> Settler::restore_times(const std::string &directory, const struct stat &before) {
+Result<void> Reconciler::restore_times(const std::string &directory, const struct stat &before) {
   const auto now = replica_.find(directory);
   if (!now) return now.error();
   if (!*now || same_time((*now)->st_mtim, before.st_mtim)) return {};
@@ -59,31 +59,31 @@ Result<void> Settler::restore_times(const std::string &directory, const struct s
   return {};
 }
 
-Result<Done> Settler::take_over(const std::string &path,
-                                const std::optional<Source::Object> &found) {
+Result<Done> Reconciler::take_over(const std::string &path,
+                                   const std::optional<Source::Object> &found) {
   follow_source(path);
-  touched_.add(path);  // to make it set the time of the directory, or the file's own
+  changed_paths_.add(path);  // to make it set the time of the directory, or the file's own
   if (!found) {
-    fetcher_.copies().removed(path);
+    fetcher_.origins().removed(path);
     const auto gone = replica_.remove_tree(path);
     return gone ? Result<Done>(Done::kAlready) : gone;
   }
-  if (Unsettled::Mark *mark = unsettled_.find(path)) mark->missing = {};
+  if (PendingPaths::Mark *mark = pending_.find(path)) mark->missing = {};
   if (const auto fetched = fetcher_.fetch(path, *found, included_); !fetched)
     return fetched.error();
-  if (const auto names = settle_other_names(); !names) return names.error();
+  if (const auto names = reconcile_other_names(); !names) return names.error();
   return Done::kChanged;
 }
 
 /* A fetched file may be a link to a file that the replica has already under another name. The other
  * names of a file with unknown links are searched in the whole source; this reads directories, but
  * no attributes. */
-Result<void> Settler::settle_other_names() {
-  if (settling_names_) return {};
+Result<void> Reconciler::reconcile_other_names() {
+  if (reconciling_names_) return {};
   Fetcher::Objects wanted;
   for (const auto &[object, status] : fetcher_.take_several()) {
     nlink_t known = 0;
-    for (const std::string &path : fetcher_.copies().paths_of(status)) {
+    for (const std::string &path : fetcher_.origins().paths_of(status)) {
       const auto there = source_.find(path);
       known += there && *there && same_object((*there)->status, status);
     }
@@ -95,22 +95,22 @@ Result<void> Settler::settle_other_names() {
   if (wanted.empty()) return {};
   std::vector<std::string> found;
   find_names("", wanted, found);
-  settling_names_ = true;
+  reconciling_names_ = true;
   Result<void> first;
   for (const std::string &path : found) {
     const auto above = replica_.find(parent_of(path));
     // The record that makes its directory has not come yet.
     if (above && (!*above || !S_ISDIR((*above)->st_mode))) continue;
-    auto settled = settle(path);
-    if (first.ok() && !settled) first = settled.error();
+    auto reconciled = reconcile(path);
+    if (first.ok() && !reconciled) first = reconciled.error();
   }
-  settling_names_ = false;
+  reconciling_names_ = false;
   fetcher_.take_several();
   return first;
 }
 
-void Settler::find_names(const std::string &directory, const Fetcher::Objects &wanted,
-                         std::vector<std::string> &found) {
+void Reconciler::find_names(const std::string &directory, const Fetcher::Objects &wanted,
+                            std::vector<std::string> &found) {
   const auto object = source_.find(directory);
   if (!object || !*object || !S_ISDIR((*object)->status.st_mode)) return;
   const auto entries = Source::entries(**object);
@@ -120,40 +120,40 @@ void Settler::find_names(const std::string &directory, const Fetcher::Objects &w
     if (entry.may_be_directory) find_names(path, wanted, found);
     if (!wanted.contains({(*object)->status.st_dev, entry.inode}) || !included_(path)) continue;
     const auto there = source_.find(path);
-    if (!there || !*there || fetcher_.copies().same(path, (*there)->status)) continue;
+    if (!there || !*there || fetcher_.origins().same(path, (*there)->status)) continue;
     if (wanted.contains({(*there)->status.st_dev, (*there)->status.st_ino})) found.push_back(path);
   }
 }
 
-void Settler::records_change(const std::string &path) {
-  Copies &copies = fetcher_.copies();
-  if (!copies.empty()) copies.records_changed(object_of(replica_, path));
+void Reconciler::records_change(const std::string &path) {
+  CopyOrigins &origins = fetcher_.origins();
+  if (!origins.empty()) origins.records_changed(object_of(replica_, path));
 }
 
-void Settler::doubt(const std::string &path, std::uint64_t data_from) {
-  Unsettled::Mark &mark = unsettled_.mark(path);
+void Reconciler::doubt(const std::string &path, std::uint64_t data_from) {
+  PendingPaths::Mark &mark = pending_.mark(path);
   mark.data_from = std::min(mark.data_from, data_from);
 }
 
-void Settler::expect(const std::string &path, const Unexplained &missing) {
-  Unsettled::Mark &mark = unsettled_.mark(path);
+void Reconciler::expect(const std::string &path, const Unexplained &missing) {
+  PendingPaths::Mark &mark = pending_.mark(path);
   if (mark.missing.wseq == 0) mark.missing = missing;
 }
 
-void Settler::removed(const std::string &path) {
-  unsettled_.removed(path);
-  fetcher_.copies().removed(path);
+void Reconciler::removed(const std::string &path) {
+  pending_.removed(path);
+  fetcher_.origins().removed(path);
 }
 
-void Settler::linked(const std::string &existing, const std::string &path) {
-  fetcher_.copies().linked(existing, path);
-  if (const Unsettled::Mark *mark = unsettled_.find(existing)) doubt(path, mark->data_from);
+void Reconciler::linked(const std::string &existing, const std::string &path) {
+  fetcher_.origins().linked(existing, path);
+  if (const PendingPaths::Mark *mark = pending_.find(existing)) doubt(path, mark->data_from);
 }
 
-Result<void> Settler::moved(const std::string &from, const std::string &to) {
-  fetcher_.copies().moved(from, to);
+Result<void> Reconciler::moved(const std::string &from, const std::string &to) {
+  fetcher_.origins().moved(from, to);
   Result<void> first;
-  for (const std::string &path : unsettled_.moved(from, to)) {
+  for (const std::string &path : pending_.moved(from, to)) {
     auto checked = recheck(path);
     if (first.ok() && !checked) first = std::move(checked);
   }
@@ -161,31 +161,31 @@ Result<void> Settler::moved(const std::string &from, const std::string &to) {
 }
 
 /* A marked path after its object, or a directory above it, was renamed. */
-Result<void> Settler::recheck(const std::string &path) {
-  const Unsettled::Mark *mark = unsettled_.find(path);
+Result<void> Reconciler::recheck(const std::string &path) {
+  const PendingPaths::Mark *mark = pending_.find(path);
   if (!mark) return {};
   if (mark->names) {
-    const auto settled = settle(path);
-    return settled ? Result<void>() : Result<void>(settled.error());
+    const auto reconciled = reconcile(path);
+    return reconciled ? Result<void>() : Result<void>(reconciled.error());
   }
   const auto found = source_.find(path);
   if (!found) return found.error();
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
-  Unsettled::Mark &fresh = unsettled_.mark(path);
+  PendingPaths::Mark &fresh = pending_.mark(path);
   // It has gone on in the source: the record of that will have us look there.
   if (!*found || !*mine || !same_type((*found)->status, **mine)) return {};
   fresh.missing = {};
-  if (fresh.data_from != Unsettled::kNoData && S_ISREG((*mine)->st_mode)) {
-    const auto fetched = fetcher_.fetch_data(path, **found, fresh.data_from, Unsettled::kNoData);
+  if (fresh.data_from != PendingPaths::kNoData && S_ISREG((*mine)->st_mode)) {
+    const auto fetched = fetcher_.fetch_data(path, **found, fresh.data_from, PendingPaths::kNoData);
     if (!fetched) return fetched;
   }
   return fetcher_.fetch_attributes(path, **found);
 }
 
-Result<void> Settler::leaving(const std::string &path) {
-  const Unsettled::Mark *mark = unsettled_.find(path);
-  const bool doubted = mark && !mark->names, watched = fetcher_.copies().watched(path);
+Result<void> Reconciler::leaving(const std::string &path) {
+  const PendingPaths::Mark *mark = pending_.find(path);
+  const bool doubted = mark && !mark->names, watched = fetcher_.origins().watched(path);
   if (!doubted && !watched) return {};
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
@@ -203,32 +203,32 @@ Result<void> Settler::leaving(const std::string &path) {
   return searched;
 }
 
-void Settler::watch(const std::string &path, std::uint64_t ts) {
+void Reconciler::watch(const std::string &path, std::uint64_t ts) {
   const auto found = source_.find(path);
-  if (!found || !*found) return fetcher_.copies().watch(path);
+  if (!found || !*found) return fetcher_.origins().watch(path);
   if (!S_ISDIR((*found)->status.st_mode))
-    fetcher_.copies().watch(path, object_of(replica_, path), (*found)->status, ts);
+    fetcher_.origins().watch(path, object_of(replica_, path), (*found)->status, ts);
 }
 
-Result<void> Settler::check_links() {
+Result<void> Reconciler::check_links() {
   Result<void> first;
   if (const auto parted = replica_.take_parted(); !parted.empty()) {
     std::vector<std::string> names;
     first = replica_.names_of(parted, names);
     for (const std::string &path : names) watch(path, 0);
   }
-  for (const std::string &path : fetcher_.copies().with_links()) {
+  for (const std::string &path : fetcher_.origins().with_links()) {
     const auto found = source_.find(path);
     if (first.ok() && !found) first = found.error();
-    if (!found || !*found || fetcher_.copies().current(path, (*found)->status)) continue;
-    const auto settled = settle(path);
-    if (first.ok() && !settled) first = settled.error();
+    if (!found || !*found || fetcher_.origins().current(path, (*found)->status)) continue;
+    const auto reconciled = reconcile(path);
+    if (first.ok() && !reconciled) first = reconciled.error();
   }
   return first;
 }
 
 /* False: it has been changed since it was asked for, and the records of that are on their way. */
-Result<bool> Settler::compare(const std::string &path, std::int64_t asked) {
+Result<bool> Reconciler::compare(const std::string &path, std::int64_t asked) {
   if (path.empty() || !included_(path)) return true;
   const auto theirs = source_.find(path);
   if (!theirs) return theirs.error();
@@ -245,12 +245,12 @@ Result<bool> Settler::compare(const std::string &path, std::int64_t asked) {
     if (*there && S_ISDIR((*there)->st_mode)) break;
     missing = above;
   }
-  const auto settled = settle(missing);
-  if (!settled) return settled.error();
+  const auto reconciled = reconcile(missing);
+  if (!reconciled) return reconciled.error();
   return true;
 }
 
-Result<void> Settler::take_time(const std::string &path, std::int64_t asked) {
+Result<void> Reconciler::take_time(const std::string &path, std::int64_t asked) {
   if (!path.empty() && !included_(path)) return {};
   const auto theirs = source_.find(path);
   if (!theirs) return theirs.error();
@@ -264,8 +264,8 @@ Result<void> Settler::take_time(const std::string &path, std::int64_t asked) {
   return set ? Result<void>() : Result<void>(set.error());
 }
 
-Result<void> Settler::compare_touched(std::int64_t asked) {
-  auto paths = touched_.take();
+Result<void> Reconciler::compare_changed(std::int64_t asked) {
+  auto paths = changed_paths_.take();
   if (!source_.available()) return {};
   Result<void> first;
   const auto note = [&first](const Result<void> &result) {
@@ -280,14 +280,14 @@ Result<void> Settler::compare_touched(std::int64_t asked) {
       changing.push_back(path);
   }
   // What is made in a directory changes its time, so that comes after.
-  for (std::string &path : touched_.take()) paths.push_back(std::move(path));
+  for (std::string &path : changed_paths_.take()) paths.push_back(std::move(path));
   std::sort(paths.begin(), paths.end(), std::greater());
   for (const std::string &path : paths) note(take_time(path, asked));
-  for (const std::string &path : changing) touched_.add(path);
+  for (const std::string &path : changing) changed_paths_.add(path);
   return first;
 }
 
-Result<void> Settler::find_unrecorded(std::int64_t asked) {
+Result<void> Reconciler::find_unrecorded(std::int64_t asked) {
   if (!source_.available()) return {};
   Result<void> first;
   for (const std::string &path : std::exchange(recheck_later_, {})) {
@@ -301,8 +301,8 @@ Result<void> Settler::find_unrecorded(std::int64_t asked) {
   return first ? found : first;
 }
 
-Result<void> Settler::find_unrecorded_below(const std::string &directory, std::int64_t since,
-                                            std::int64_t asked) {
+Result<void> Reconciler::find_unrecorded_below(const std::string &directory, std::int64_t since,
+                                               std::int64_t asked) {
   const auto object = source_.find(directory);
   if (!object) return object.error();
   if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
@@ -322,8 +322,8 @@ Result<void> Settler::find_unrecorded_below(const std::string &directory, std::i
 
 /* The change that is looked for set the change time of its file or directory, or a later one did.
  */
-Result<void> Settler::take_if_changed(const std::string &path, std::int64_t since,
-                                      std::int64_t asked) {
+Result<void> Reconciler::take_if_changed(const std::string &path, std::int64_t since,
+                                         std::int64_t asked) {
   const auto there = source_.find(path);
   if (!there) return there.error();
   if (!*there) return {};
@@ -331,12 +331,12 @@ Result<void> Settler::take_if_changed(const std::string &path, std::int64_t sinc
   if (changed >= asked) recheck_later_.push_back(path);
   if (changed < since || changed >= asked) return {};
   if (S_ISDIR((*there)->status.st_mode)) return take_names(path);
-  const auto settled = settle(path);
-  return settled ? Result<void>() : Result<void>(settled.error());
+  const auto reconciled = reconcile(path);
+  return reconciled ? Result<void>() : Result<void>(reconciled.error());
 }
 
 /* The names that only one side has, and the directory's attributes. */
-Result<void> Settler::take_names(const std::string &directory) {
+Result<void> Reconciler::take_names(const std::string &directory) {
   const auto object = source_.find(directory);
   if (!object) return object.error();
   if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
@@ -357,35 +357,35 @@ Result<void> Settler::take_names(const std::string &directory) {
   for (const std::string &name : other) {
     const std::string path = directory.empty() ? name : directory + "/" + name;
     if (!included_(path)) continue;
-    const auto settled = settle(path);
-    if (first.ok() && !settled) first = settled.error();
+    const auto reconciled = reconcile(path);
+    if (first.ok() && !reconciled) first = reconciled.error();
   }
-  touched_.add(directory);
+  changed_paths_.add(directory);
   return first;
 }
 
-void Settler::assume_linked(const std::string &existing, const std::string &path) {
+void Reconciler::assume_linked(const std::string &existing, const std::string &path) {
   const auto first = source_.find(existing), second = source_.find(path);
   if (!first || !*first || !second || !*second) return;
   if (S_ISDIR((*first)->status.st_mode) || !same_object((*first)->status, (*second)->status))
     return;
   for (const std::string &name : {existing, path})
-    fetcher_.copies().watch(name, object_of(replica_, name), (*first)->status,
-                            std::numeric_limits<std::int64_t>::max());
+    fetcher_.origins().watch(name, object_of(replica_, name), (*first)->status,
+                             std::numeric_limits<std::int64_t>::max());
 }
 
-void Settler::watch_if_apart(const std::string &existing, const std::string &path) {
+void Reconciler::watch_if_apart(const std::string &existing, const std::string &path) {
   const auto first = replica_.find(existing), second = replica_.find(path);
   if (!first || !*first || S_ISDIR((*first)->st_mode)) return;
   if (second && *second && same_object(**first, **second)) return;
   watch(existing, 0);
 }
 
-std::vector<Unexplained> Settler::expire(std::uint64_t ts) {
+std::vector<Unexplained> Reconciler::expire(std::uint64_t ts) {
   std::vector<Unexplained> missing;
-  for (auto &[path, mark] : unsettled_.expire(ts)) {
+  for (auto &[path, mark] : pending_.expire(ts)) {
     if (mark.missing.wseq != 0) missing.push_back(std::move(mark.missing));
-    if (mark.names && !unsettled_.covers(path)) fetcher_.copies().settled(path);
+    if (mark.names && !pending_.covers(path)) fetcher_.origins().follow_records_again(path);
   }
   return missing;
 }

@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Makes paths of the replica as the source has them now, and keeps the marks of those that are
- * therefore further than the records: unsettled.h says how the two are brought together again.
+ * therefore further than the records: pending_paths.h says how the two are brought together again.
  * One thread.
  */
-#ifndef TARN_MIRRORD_SETTLER_H
-#define TARN_MIRRORD_SETTLER_H
+#ifndef TARN_MIRRORD_RECONCILER_H
+#define TARN_MIRRORD_RECONCILER_H
 
 #include <algorithm>
 #include <chrono>
@@ -16,18 +16,18 @@
 #include <vector>
 
 #include "mirrord/fetcher.h"
-#include "mirrord/touched.h"
-#include "mirrord/unsettled.h"
+#include "mirrord/changed_paths.h"
+#include "mirrord/pending_paths.h"
 
 namespace tarn {
 
-class Settler {
+class Reconciler {
  public:
-  Settler(std::string source, Replica &replica, std::chrono::microseconds horizon)
+  Reconciler(std::string source, Replica &replica, std::chrono::microseconds horizon)
       : replica_(replica),
         source_(std::move(source)),
         fetcher_(source_, replica),
-        unsettled_(horizon) {}
+        pending_(horizon) {}
 
   Source &source() { return source_; }
   Fetcher &fetcher() { return fetcher_; }
@@ -38,17 +38,17 @@ class Settler {
   void set_other_name(std::string path) { other_name_ = std::move(path); }
 
   /* Does the path follow the source, not the records? */
-  bool follows_source(const std::string &path) const { return unsettled_.covers(path); }
+  bool follows_source(const std::string &path) const { return pending_.covers(path); }
 
   /* Does anything below it? */
-  bool follows_source_below(const std::string &path) const { return unsettled_.covers_below(path); }
+  bool follows_source_below(const std::string &path) const { return pending_.covers_below(path); }
 
   /* From now on it does. */
-  void follow_source(const std::string &path) { unsettled_.mark(path).names = true; }
+  void follow_source(const std::string &path) { pending_.mark(path).names = true; }
 
   /* Makes the path as it is in the source; from now on it follows the source. kAlready: the source
    * has nothing there, and now the replica has not either. */
-  Result<Replica::Done> settle(const std::string &path);
+  Result<Replica::Done> reconcile(const std::string &path);
 
   /* The object is the right one, but its owner, mode and bytes from `data_from` on may not be. */
   void doubt(const std::string &path, std::uint64_t data_from);
@@ -57,7 +57,7 @@ class Settler {
   void expect(const std::string &path, const Unexplained &missing);
 
   /* The object's leaving was recorded: nothing about it needs an explanation any more. */
-  void explained(const std::string &path) { unsettled_.explained(path); }
+  void explained(const std::string &path) { pending_.explained(path); }
 
   /* What records did to names. */
   void removed(const std::string &path);
@@ -87,13 +87,13 @@ class Settler {
    * have been of, as far as change times in the source tell. All its names are read for that. */
   Result<void> find_unrecorded(std::int64_t asked);
   /* A record names the path. */
-  Touched &touched() { return touched_; }
-  const Touched &touched() const { return touched_; }
+  ChangedPaths &changed_paths() { return changed_paths_; }
+  const ChangedPaths &changed_paths() const { return changed_paths_; }
   /* All records of what was done until `asked` (microseconds since the epoch) have been applied:
-   * compares the paths that were touched, and takes from the source what differs, and all
+   * compares the paths that were changed, and takes from the source what differs, and all
    * modification times. What has been changed since is left to the next time. The error is the
    * first one; everything is tried. */
-  Result<void> compare_touched(std::int64_t asked);
+  Result<void> compare_changed(std::int64_t asked);
 
   /* The replica's object has both names. If the source's has, too, it is a copy of that. */
   void assume_linked(const std::string &existing, const std::string &path);
@@ -103,14 +103,14 @@ class Settler {
   /* A record captured at `ts` comes: ends marks. Gives what was not explained. */
   std::vector<Unexplained> expire(std::uint64_t ts);
   std::vector<Unexplained> take_missing(std::chrono::microseconds age) {
-    return unsettled_.take_missing(age);
+    return pending_.take_missing(age);
   }
 
  private:
   Result<Replica::Done> take_over(const std::string &path,
                                   const std::optional<Source::Object> &found);
   Result<void> recheck(const std::string &path);
-  Result<void> settle_other_names();
+  Result<void> reconcile_other_names();
   Result<void> find_unrecorded_below(const std::string &directory, std::int64_t since,
                                      std::int64_t asked);
   Result<void> take_names(const std::string &directory);
@@ -125,11 +125,11 @@ class Settler {
   Replica &replica_;
   Source source_;
   Fetcher fetcher_;
-  Unsettled unsettled_;
-  Touched touched_;
+  PendingPaths pending_;
+  ChangedPaths changed_paths_;
   std::uint64_t unrecorded_since_ = kNever;
   std::vector<std::string> recheck_later_; /* found, but being changed when they were */
-  bool settling_names_ = false;
+  bool reconciling_names_ = false;
   std::string other_name_;
   Fetcher::Included included_ = [](const std::string &) { return true; };
 };

@@ -4,8 +4,8 @@
  * destroy it. Two paths are compared by what they lead to: through bind mounts, through mounts of
  * tarn, and through what is mounted below them.
  */
-#ifndef TARN_MIRRORD_APART_H
-#define TARN_MIRRORD_APART_H
+#ifndef TARN_MIRRORD_OVERLAP_H
+#define TARN_MIRRORD_OVERLAP_H
 
 #include <string>
 #include <vector>
@@ -20,8 +20,8 @@ namespace tarn {
 std::vector<MountEntry> mount_table_or(const std::vector<Mount> &mounts);
 
 /* Both whole. Error: how the replica and the source meet, and what to do. */
-Result<void> check_apart(const std::string &source, const std::string &replica,
-                         const std::vector<MountEntry> &table);
+Result<void> check_overlap(const std::string &source, const std::string &replica,
+                           const std::vector<MountEntry> &table);
 
 }  // namespace tarn
 

@@ -1,24 +1,24 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "mirrord/unsettled.h"
+#include "mirrord/pending_paths.h"
 
 #include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
 
 namespace tarn {
 
-Unsettled::Mark &Unsettled::mark(const std::string &path) {
+PendingPaths::Mark &PendingPaths::mark(const std::string &path) {
   Mark &mark = marks_[path];
   mark.until = static_cast<std::uint64_t>(now_us() + horizon_.count());
   ages_.push_back({mark.until, path});
   return mark;
 }
 
-Unsettled::Mark *Unsettled::find(const std::string &path) {
+PendingPaths::Mark *PendingPaths::find(const std::string &path) {
   const auto found = marks_.find(path);
   return found == marks_.end() ? nullptr : &found->second;
 }
 
-bool Unsettled::covers(const std::string &path) const {
+bool PendingPaths::covers(const std::string &path) const {
   if (marks_.empty()) return false;
   for (std::string at = path;; at = parent_of(at)) {
     const auto found = marks_.find(at);
@@ -27,7 +27,7 @@ bool Unsettled::covers(const std::string &path) const {
   }
 }
 
-bool Unsettled::covers_below(const std::string &path) const {
+bool PendingPaths::covers_below(const std::string &path) const {
   const std::string below = path + "/";
   for (auto at = marks_.lower_bound(below); at != marks_.end() && at->first.starts_with(below);
        ++at) {
@@ -36,14 +36,14 @@ bool Unsettled::covers_below(const std::string &path) const {
   return false;
 }
 
-void Unsettled::removed(const std::string &path) {
+void PendingPaths::removed(const std::string &path) {
   if (marks_.empty()) return;
   for (const auto &[marked, mark] : take_tree(marks_, path)) {
     if (mark.names) marks_[marked] = {.names = true, .until = mark.until};
   }
 }
 
-void Unsettled::explained(const std::string &path) {
+void PendingPaths::explained(const std::string &path) {
   if (Mark *mark = find(path)) mark->missing = {};
   const std::string below = path + "/";
   for (auto at = marks_.lower_bound(below); at != marks_.end() && at->first.starts_with(below);
@@ -51,7 +51,7 @@ void Unsettled::explained(const std::string &path) {
     at->second.missing = {};
 }
 
-std::vector<std::string> Unsettled::moved(const std::string &from, const std::string &to) {
+std::vector<std::string> PendingPaths::moved(const std::string &from, const std::string &to) {
   std::vector<std::string> paths;
   if (marks_.empty()) return paths;
   removed(to);  // what the rename replaced
@@ -64,7 +64,7 @@ std::vector<std::string> Unsettled::moved(const std::string &from, const std::st
   return paths;
 }
 
-std::vector<Unsettled::Expired> Unsettled::expire(std::uint64_t ts) {
+std::vector<PendingPaths::Expired> PendingPaths::expire(std::uint64_t ts) {
   std::vector<Expired> expired;
   for (; !ages_.empty() && ages_.front().until < ts; ages_.pop_front()) {
     const auto found = marks_.find(ages_.front().path);
@@ -75,7 +75,7 @@ std::vector<Unsettled::Expired> Unsettled::expire(std::uint64_t ts) {
   return expired;
 }
 
-std::vector<Unexplained> Unsettled::take_missing(std::chrono::microseconds age) {
+std::vector<Unexplained> PendingPaths::take_missing(std::chrono::microseconds age) {
   const auto made_before = static_cast<std::uint64_t>(now_us() - age.count());
   std::vector<Unexplained> missing;
   for (auto &[path, mark] : marks_) {

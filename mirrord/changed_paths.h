@@ -7,8 +7,8 @@
  * of what was done until some moment have been applied, each path here is compared once more. One
  * thread. Memory: kMost paths, then the comparison comes earlier.
  */
-#ifndef TARN_MIRRORD_TOUCHED_H
-#define TARN_MIRRORD_TOUCHED_H
+#ifndef TARN_MIRRORD_CHANGED_PATHS_H
+#define TARN_MIRRORD_CHANGED_PATHS_H
 
 #include <map>
 #include <string>
@@ -19,7 +19,7 @@
 
 namespace tarn {
 
-class Touched {
+class ChangedPaths {
  public:
   static constexpr std::size_t kMost = 262144;
 

@@ -1,0 +1,137 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/copy_origins.h"
+
+#include <ctime>
+
+#include "mirrord/file_status.h"
+#include "mirrord/path_map.h"
+
+namespace tarn {
+namespace {
+
+/* Change times are as coarse as a second on some file systems: two changes may have one. Only when
+ * the time had passed before the data were read does it tell a later change. */
+constexpr time_t kCoarseSeconds = 2;
+
+}  // namespace
+
+CopyOrigins::Object object_of(Replica &replica, const std::string &path) {
+  const auto mine = replica.find(path);
+  if (!mine || !*mine) return {};
+  return {(*mine)->st_dev, (*mine)->st_ino};
+}
+
+void CopyOrigins::take_out(Index &index, const Object &object, const std::string &path) {
+  const auto found = index.find(object);
+  if (found == index.end()) return;
+  found->second.erase(path);
+  if (found->second.empty()) index.erase(found);
+}
+
+void CopyOrigins::unindex(const std::string &path, const Copy &copy) {
+  take_out(paths_, {copy.device, copy.inode}, path);
+  take_out(copied_, copy.copy, path);
+}
+
+void CopyOrigins::insert(const std::string &path, const Copy &copy) {
+  if (const auto old = origins_.find(path); old != origins_.end()) {
+    unindex(path, old->second);
+  } else if (origins_.size() >= kMost) {
+    unindex(origins_.begin()->first, origins_.begin()->second);
+    origins_.erase(origins_.begin());
+  }
+  origins_[path] = copy;
+  paths_[{copy.device, copy.inode}].insert(path);
+  if (copy.copy != Object{}) copied_[copy.copy].insert(path);
+}
+
+void CopyOrigins::put(const std::string &path, const Object &copy, const struct stat &status,
+                      bool whole) {
+  const bool past = status.st_ctim.tv_sec + kCoarseSeconds < time(nullptr);
+  insert(path, {status.st_dev, status.st_ino, status.st_ctim, past, whole && past,
+                !S_ISDIR(status.st_mode) && status.st_nlink > 1, copy});
+}
+
+void CopyOrigins::records_changed(const Object &copy) {
+  const auto found = copied_.find(copy);
+  if (found == copied_.end()) return;
+  for (const std::string &path : found->second) origins_[path].whole = origins_[path].past = false;
+}
+
+void CopyOrigins::watch(const std::string &path, const Object &copy, const struct stat &status,
+                        std::uint64_t ts) {
+  if (same(path, status)) {
+    origins_[path].links = true;
+    return;
+  }
+  if (microseconds(status.st_ctim) <= static_cast<std::int64_t>(ts)) {
+    put(path, copy, status, false);
+    origins_[path].links = true;
+  } else {
+    watch(path);  // of which object it is a copy is not known
+  }
+}
+
+bool CopyOrigins::same(const std::string &path, const struct stat &status) const {
+  const auto found = origins_.find(path);
+  return found != origins_.end() && found->second.device == status.st_dev &&
+         found->second.inode == status.st_ino;
+}
+
+bool CopyOrigins::unchanged(const std::string &path, const struct stat &status) const {
+  if (!same(path, status)) return false;
+  const Copy &copy = origins_.at(path);
+  return copy.whole && same_time(copy.changed, status.st_ctim);
+}
+
+bool CopyOrigins::current(const std::string &path, const struct stat &status) const {
+  return same(path, status) && same_time(origins_.at(path).changed, status.st_ctim) &&
+         origins_.at(path).past;
+}
+
+std::vector<std::string> CopyOrigins::with_links() const {
+  std::vector<std::string> paths;
+  for (const auto &[path, copy] : origins_) {
+    if (copy.links) paths.push_back(path);
+  }
+  return paths;
+}
+
+std::set<std::string> CopyOrigins::paths_of(const struct stat &status) const {
+  const auto found = paths_.find({status.st_dev, status.st_ino});
+  return found == paths_.end() ? std::set<std::string>() : found->second;
+}
+
+void CopyOrigins::linked(const std::string &existing, const std::string &path) {
+  removed(path);
+  const auto found = origins_.find(existing);
+  if (found == origins_.end()) return;
+  found->second.links = true;
+  Copy copy = found->second;
+  insert(path, copy);
+}
+
+void CopyOrigins::moved(const std::string &from, const std::string &to) {
+  if (origins_.empty()) return;
+  removed(to);
+  for (const auto &[path, copy] : take_tree(origins_, from)) {
+    unindex(path, copy);
+    insert(to + path.substr(from.size()), copy);
+  }
+}
+
+void CopyOrigins::removed(const std::string &path) {
+  if (origins_.empty()) return;
+  for (const auto &[gone, copy] : take_tree(origins_, path)) unindex(gone, copy);
+}
+
+void CopyOrigins::follow_records_again(const std::string &path) {
+  if (origins_.empty()) return;
+  for (auto &[known, copy] : take_tree(origins_, path)) {
+    unindex(known, copy);
+    copy.whole = false;  // records change it without this knowing
+    if (copy.links) insert(known, copy);
+  }
+}
+
+}  // namespace tarn

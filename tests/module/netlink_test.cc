@@ -249,6 +249,9 @@ MODULE_CASE(netlink, who_ends_the_sender_ends_its_wait) {
     const int before = case_log_count("tarn_send_netlink OX_OP_COLLECT fail");
     struct task_struct *sender = signalled_sender::signalled_while_it_waits(sig);
     REQUIRE_TRUE(!IS_ERR(sender));
+    for (int i = 0; i < 500 && case_log_count("tarn_send_netlink OX_OP_COLLECT fail") == before;
+         ++i)
+      schedule_timeout_uninterruptible(10);
     EXPECT_LT(before, case_log_count("tarn_send_netlink OX_OP_COLLECT fail"));
     while (!daemon.idle()) daemon.next(2000);
     EXPECT_EQ(kthread_stop(sender), 0);

@@ -55,14 +55,23 @@ static const struct cache *find_cache(const struct caches *all, const char *name
   return NULL;
 }
 
-/* An object left behind in each cycle would be at least as many as there were cycles. */
-static void expect_no_growth(const struct caches *before, const struct caches *after, int cycles) {
+static long growth(const struct caches *before, const struct caches *after, const char *name) {
+  const struct cache *was = find_cache(before, name), *is = find_cache(after, name);
+
+  return (is ? is->objects : 0) - (was ? was->objects : 0);
+}
+
+/* Objects left behind in each cycle are at least as many as there were cycles, in both rows of
+ * them. Those that only wait to be freed, or lie in a processor's own stock, do not go on growing.
+ */
+static void expect_no_growth(const struct caches *before, const struct caches *middle,
+                             const struct caches *after, int cycles) {
   for (int i = 0; i < after->count; i++) {
-    const struct cache *was = find_cache(before, after->cache[i].name);
-    const long grown = after->cache[i].objects - (was ? was->objects : 0);
-    if (grown < cycles) continue;
-    printf("  cache %s: %ld objects more after %d cycles\n", after->cache[i].name, grown, cycles);
-    EXPECT(grown < cycles);
+    const char *name = after->cache[i].name;
+    const long first = growth(before, middle, name), second = growth(middle, after, name);
+    if (first < cycles || second < cycles) continue;
+    printf("  cache %s: %ld and %ld objects more after %d cycles\n", name, first, second, cycles);
+    EXPECT(first < cycles || second < cycles);
   }
 }
 
@@ -96,17 +105,26 @@ static int proof_has_room(void) {
   return !read_proof(&proof) || !proof.on || proof.fullest_percent < kFullPercent;
 }
 
-static void repeat(void (*cycle)(void)) {
-  static struct caches before, after;
+static int repeat_row(void (*cycle)(void)) {
   int done = 0;
+
+  for (; done < kCycles / 2 && proof_has_room(); done++) cycle();
+  return done;
+}
+
+static void repeat(void (*cycle)(void)) {
+  static struct caches before, middle, after;
 
   for (int i = 0; i < kWarmUp; i++) cycle();
   count_objects(&before);
-  for (; done < kCycles && proof_has_room(); done++) cycle();
+  const int first = repeat_row(cycle);
+  count_objects(&middle);
+  const int second = repeat_row(cycle);
   count_objects(&after);
+  const int done = first + second;
   if (done < kCycles) printf("  %d times: there is no room to prove the locks of more\n", done);
   EXPECT(done >= kFewestCycles);
-  expect_no_growth(&before, &after, done);
+  if (second > 0) expect_no_growth(&before, &middle, &after, second);
 }
 
 static void a_hundred_times(void) {

@@ -142,9 +142,11 @@ class Coordinator:
         while any(self.control.slot(index).read()[1] != number for index in self.children):
             time.sleep(0.02)
             self.watch()
-        for mount in self.settings.mounts:
+        for mount in filter(os.path.ismount, self.settings.mounts):  # one of them comes and goes
             try:
                 subprocess.run(["sync", "-f", mount], check=True, timeout=self.settings.hang)
+            except subprocess.CalledProcessError as error:
+                raise Failed("sync of %s fails" % os.fsdecode(mount)) from error
             except subprocess.TimeoutExpired as error:
                 raise Failed("sync of %s is stuck" % os.fsdecode(mount)) from error
         self.barrier()

@@ -9,6 +9,8 @@
 
 #include <fmt/format.h>
 
+#include "mirrord/file_status.h"
+
 namespace tarn {
 namespace {
 
@@ -58,10 +60,6 @@ Found find_by_descriptor(int directory, const std::string &name) {
   return std::optional<Source::Object>(std::move(found));
 }
 
-bool is_same(const struct stat &a, const struct stat &b) {
-  return a.st_dev == b.st_dev && a.st_ino == b.st_ino && a.st_mode == b.st_mode;
-}
-
 /* To open a FIFO or a device would do something to it, so the status comes first. Between the two
  * another object may get the name: then all is done again. */
 Found find_by_status(int directory, const std::string &name) {
@@ -71,6 +69,9 @@ Found find_by_status(int directory, const std::string &name) {
     if (fstatat(directory, name.c_str(), &found.status, AT_SYMLINK_NOFOLLOW) != 0)
       return not_found(errno);
     struct stat after = found.status;
+    const auto unchanged = [&] {
+      return same_object(found.status, after) && found.status.st_mode == after.st_mode;
+    };
     if (S_ISREG(found.status.st_mode) || S_ISDIR(found.status.st_mode)) {
       found.fd = UniqueFd(openat(directory, name.c_str(), kPlain));
       if (found.fd ? fstat(found.fd.get(), &after) != 0 : !is_absence(errno))
@@ -80,10 +81,10 @@ Found find_by_status(int directory, const std::string &name) {
       auto target = read_link(directory, name);
       if (fstatat(directory, name.c_str(), &after, AT_SYMLINK_NOFOLLOW) != 0)
         return not_found(errno);
-      if (!target && is_same(found.status, after)) return target.error();
+      if (!target && unchanged()) return target.error();
       if (target) found.target = std::move(*target);
     }
-    if (is_same(found.status, after)) return std::optional<Source::Object>(std::move(found));
+    if (unchanged()) return std::optional<Source::Object>(std::move(found));
   }
 }
 

@@ -306,9 +306,8 @@ TEST_F(SourceLooksTest, AFileOfUnknownNameThatGetsOneOutsideIsLookedFor) {
 TEST_F(SourceLooksTest, AnOldRecordOverWhatWasFetchedIsLookedAtAgain) {
   both("in/f", "old!");
   both("in/d/z", "z");
-  for (const auto *tree : {"src", "copy"})
-    fs::create_hard_link(dir_ / (std::string(tree) + "/in/f"),
-                         dir_ / (std::string(tree) + "/in/g"));
+  for (const std::string &root : {src(""), copy("")})
+    fs::create_hard_link(root + "in/f", root + "in/g");
   const auto fetch = [&] {
     ASSERT_TRUE(applier_
                     ->apply(std::get<Record>(

@@ -185,32 +185,28 @@ int may_umount(struct vfsmount *mnt) {
   return !mnt_is_busy(mnt, 2);
 }
 
-void set_fs_root(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry) {
-  struct dentry *old_root;
+// Puts a place where a task's root or directory stood.
+static void replace_place(struct fs_struct *fs, struct vfsmount **mnt, struct dentry **dentry,
+                          struct vfsmount *new_mnt, struct dentry *new_dentry) {
+  struct dentry *old_dentry;
   struct vfsmount *old_mnt;
   {
     WriteGuard guard(fs->lock);
-    old_root = fs->root;
-    old_mnt = fs->rootmnt;
-    fs->rootmnt = mntget(mnt);
-    fs->root = dget(dentry);
+    old_dentry = *dentry;
+    old_mnt = *mnt;
+    *mnt = mntget(new_mnt);
+    *dentry = dget(new_dentry);
   }
-  dput(old_root);
+  dput(old_dentry);
   mntput(old_mnt);
 }
 
+void set_fs_root(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry) {
+  replace_place(fs, &fs->rootmnt, &fs->root, mnt, dentry);
+}
+
 void set_fs_pwd(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry) {
-  struct dentry *old_pwd;
-  struct vfsmount *old_mnt;
-  {
-    WriteGuard guard(fs->lock);
-    old_pwd = fs->pwd;
-    old_mnt = fs->pwdmnt;
-    fs->pwdmnt = mntget(mnt);
-    fs->pwd = dget(dentry);
-  }
-  dput(old_pwd);
-  mntput(old_mnt);
+  replace_place(fs, &fs->pwdmnt, &fs->pwd, mnt, dentry);
 }
 
 int ukern_namespace_start(struct vfsmount *root) {

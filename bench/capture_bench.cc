@@ -148,7 +148,7 @@ enum class Listener { kNone, kLater, kAtOnce };  // when the daemon takes the me
 bool put(Way way, size_t bytes) {
   uk_file *file = bench_kernel().file();
   if (way == Way::kCaptureAlone) return uk_bench_write_sync(file, source, bytes, 0) == 0;
-  return uk_write(file, source, bytes, 0) == static_cast<long>(bytes);
+  return uk_write(file, source, bytes, 0, O_WRONLY) == static_cast<long>(bytes);
 }
 
 // The bytes of capture alone are the current task's memory, as those of a write are.

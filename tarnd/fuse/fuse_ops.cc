@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <limits>
+#include <memory>
 
 #include "tarnd/fuse/translate.h"
 #include "tarnd/process/limited_warning.h"
@@ -89,13 +90,26 @@ void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat) {
   if (fuse_reply_entry(req, &entry) == -ENOENT) mount_of(req)->lookups().forget(node, 1);
 }
 
+char *reply_buffer(size_t size) {
+  static thread_local std::unique_ptr<char[]> room;
+  static thread_local size_t room_size;
+  if (size > room_size) {
+    room_size = 0;
+    room.reset(new char[size]);
+    room_size = size;
+  }
+  return room.get();
+}
+
 const fuse_lowlevel_ops &fuse_operations() {
   static const fuse_lowlevel_ops table = [] {
     fuse_lowlevel_ops ops{};
     ops.init = op_init;
     add_name_operations(&ops);
     add_attribute_operations(&ops);
-    add_file_operations(&ops);
+    add_open_operations(&ops);
+    add_read_write_operations(&ops);
+    add_readdir_operations(&ops);
     return ops;
   }();
   return table;

@@ -21,7 +21,9 @@ const fuse_lowlevel_ops &fuse_operations();
 /* Each file of adapters fills in its own. */
 void add_name_operations(fuse_lowlevel_ops *ops);
 void add_attribute_operations(fuse_lowlevel_ops *ops);
-void add_file_operations(fuse_lowlevel_ops *ops);
+void add_open_operations(fuse_lowlevel_ops *ops);
+void add_read_write_operations(fuse_lowlevel_ops *ops);
+void add_readdir_operations(fuse_lowlevel_ops *ops);
 
 /*
  * The host caches no names: each path walk looks each name up again, so that a change made directly
@@ -69,6 +71,10 @@ bool count_lookup(fuse_req_t req, uk_node *node, const uk_stat &stat);
 /* The same with the reply. Drops the reference if the reply cannot be delivered. */
 void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat);
 fuse_entry_param to_entry(uk_node *node, const uk_stat &stat);
+
+/* Room for a reply's data: one buffer per worker, reused without clearing. Throws std::bad_alloc.
+ */
+char *reply_buffer(size_t size);
 
 /* Runs an adapter's body as the request's caller. Replies ENOMEM when memory runs out: no exception
  * may reach libfuse. */

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // Runs the kernel-side cases linked into this program as GoogleTest tests: one freshly booted
 // kernel and one root task for each, and a shutdown afterwards that reports whatever the case left
-// behind.
+// behind. Several cases run in a process each, so that none sees the static data of another; one
+// alone, as ctest and a debugger run it, runs in this process.
 #include <gtest/gtest.h>
 
 #include <poll.h>
@@ -9,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -41,6 +44,28 @@ class KernelCase : public testing::Test {
   explicit KernelCase(const tarn_case *c) : case_(c) {}
 
   void TestBody() override {
+    if (testing::UnitTest::GetInstance()->test_to_run_count() == 1)
+      Run();
+    else
+      RunInChild();
+  }
+
+ private:
+  // The child prints its failures itself.
+  void RunInChild() {
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+      Run();
+      std::exit(HasFailure() ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0) << "the wait status of the case's process";
+  }
+
+  void Run() {
     uk_boot_options options = {};
     options.root_type = "memfs";
     ASSERT_EQ(uk_boot(&options), 0);
@@ -57,7 +82,6 @@ class KernelCase : public testing::Test {
     ShutDown();
   }
 
- private:
   void RunInTask() {
     if (case_->with_module) {
       ASSERT_EQ(uk_module_load("tarn"), 0);

@@ -192,7 +192,7 @@ inline bool test_exists(const char *path) {
 /* An open file; empty when the open failed. With O_CREAT it is made with mode 0644. */
 class test_file {
  public:
-  test_file(const char *path, int flags) {
+  test_file(const char *path, int flags) : flags_(flags) {
     if (flags & O_CREAT) {
       const test_path at(path);
       const test_node dir(at.dir);
@@ -224,7 +224,7 @@ class test_file {
   }
   int error() const { return error_; }
   long write(const void *data, unsigned long size, unsigned long long pos) {
-    return uk_write(file_, data, size, pos);
+    return uk_write(file_, data, size, pos, flags_);
   }
   long read(void *data, unsigned long size, unsigned long long pos) {
     return uk_read(file_, data, size, pos);
@@ -233,6 +233,7 @@ class test_file {
  private:
   struct uk_node *node_ = nullptr;
   struct uk_file *file_ = nullptr;
+  int flags_;
   int error_;
 };
 

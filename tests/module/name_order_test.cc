@@ -46,7 +46,7 @@ void write_the_file(void *arg) {
   auto *n = static_cast<struct nodes *>(arg);
   struct uk_file *file;
   REQUIRE_EQ(uk_open(n->file, O_RDWR, &file), 0);
-  for (int i = 0; i < rounds; i++) EXPECT_EQ(uk_write(file, "data", 4, 0), 4);
+  for (int i = 0; i < rounds; i++) EXPECT_EQ(uk_write(file, "data", 4, 0, O_WRONLY), 4);
   uk_release(file);
 }
 

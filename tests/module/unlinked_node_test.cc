@@ -71,7 +71,7 @@ MODULE_CASE(unlinked_node, open_file_that_had_two_names) {
   EXPECT_TRUE(f == g);
   EXPECT_EQ(uk_unlink(mount.top(), "f"), 0);
   EXPECT_EQ(uk_unlink(mount.top(), "g"), 0);
-  EXPECT_EQ(uk_write(file, "abc", 3, 0), 3);
+  EXPECT_EQ(uk_write(file, "abc", 3, 0, O_RDWR), 3);
   EXPECT_EQ(uk_getattr(f, NULL, &stat), 0);
   EXPECT_EQ(stat.size, 3ull);
   EXPECT_EQ(uk_getattr(f, file, &stat), 0);

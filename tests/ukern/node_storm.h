@@ -56,7 +56,7 @@ inline void write_file(struct runner *r) {
   char buf[100] = "content";
   const int flags = draw(r, 2) ? O_RDWR : O_RDWR | O_APPEND;
   if (uk_create(dir(r), name(r), flags, 0644, &node, &file, &stat)) return;
-  uk_write(file, buf, sizeof(buf), draw(r, 10000));
+  uk_write(file, buf, sizeof(buf), draw(r, 10000), O_RDWR);
   uk_read(file, buf, sizeof(buf), draw(r, 5000));
   if (uk_getattr(node, draw(r, 2) ? file : NULL, &stat)) atomic_inc(&r->storm->unexpected);
   uk_flush(file);

@@ -64,6 +64,11 @@ int node_stat(struct walk_path *path, struct uk_stat *stat);
 #ifdef __cplusplus
 }
 
+/* A struct uk_file is a struct file, with one reference. */
+inline struct file *node_file(struct uk_file *file) {
+  return reinterpret_cast<struct file *>(file);
+}
+
 /* A request of the hosting program by the current task, for as long as this stands. */
 class host_request_scope {
  public:

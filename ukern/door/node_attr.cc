@@ -44,7 +44,7 @@ void to_stat(const struct kstat *from, struct uk_stat *to) {
 // The place to work on: the open file's where there is one, else where the node's last step leads.
 int place(struct uk_node *node, struct uk_file *file, struct walk_path *path) {
   if (!file) return node_walk(node, path);
-  auto *filp = reinterpret_cast<struct file *>(file);
+  auto *filp = node_file(file);
   path->mnt = filp->f_vfsmnt;
   path->dentry = dget(filp->f_dentry);
   return 0;
@@ -71,7 +71,7 @@ int take_set_id_away(const struct walk_path *path) {
 // An open for reading may truncate as well, with the right to write that a truncation by name
 // needs.
 bool is_writable(struct uk_file *file) {
-  return file && (reinterpret_cast<struct file *>(file)->f_mode & FMODE_WRITE);
+  return file && (node_file(file)->f_mode & FMODE_WRITE);
 }
 
 int set_all(const struct walk_path *path, struct uk_file *file, unsigned set,
@@ -83,8 +83,7 @@ int set_all(const struct walk_path *path, struct uk_file *file, unsigned set,
     error = chown_at(path, set & UK_SET_UID ? want->uid : static_cast<uid_t>(-1),
                      set & UK_SET_GID ? want->gid : static_cast<gid_t>(-1));
   if (!error && (set & UK_SET_SIZE))
-    error = is_writable(file) ? ftruncate_file(reinterpret_cast<struct file *>(file),
-                                               static_cast<loff_t>(want->size))
+    error = is_writable(file) ? ftruncate_file(node_file(file), static_cast<loff_t>(want->size))
                               : truncate_at(path, static_cast<loff_t>(want->size));
   return error ? error : set_times(path, set, want);
 }

@@ -114,14 +114,11 @@ int uk_open(struct uk_node *node, int flags, struct uk_file **out);
 /* open(2) with O_CREAT. */
 int uk_create(struct uk_node *dir, const char *name, int flags, unsigned mode, struct uk_node **out,
               struct uk_file **file, struct uk_stat *stat);
-/* pread/pwrite: bytes moved, or -errno. With O_APPEND in the file's flags a write lands at the end.
- */
+/* pread/pwrite: bytes moved, or -errno. `flags` are the descriptor's at this moment, which differ
+ * from those of the open after F_SETFL; only O_APPEND counts: the write lands at the end. */
 long uk_read(struct uk_file *file, void *buf, unsigned long len, unsigned long long pos);
-long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos);
-/* The same with the descriptor's flags of this moment, which differ from those of the open after
- * F_SETFL; what is written back for a mapping has none. Only O_APPEND counts. */
-long uk_write_with(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos,
-                   int flags);
+long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos,
+              int flags);
 int uk_flush(struct uk_file *file); /* what close(2) does before the last reference */
 int uk_fsync(struct uk_file *file, int datasync);
 void uk_release(struct uk_file *file);

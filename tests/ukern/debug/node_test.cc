@@ -61,7 +61,7 @@ int put_text(struct uk_node *dir, const char *name, const char *text) {
   int error = uk_create(dir, name, O_WRONLY, 0644, made.out(), file.out(), NULL);
   if (error) return error;
   const unsigned long len = strlen(text);
-  return uk_write(file, text, len, 0) == (long)len ? 0 : -EIO;
+  return uk_write(file, text, len, 0, O_WRONLY) == (long)len ? 0 : -EIO;
 }
 
 int get_text(struct uk_node *file_node, char *buf, unsigned long size) {
@@ -196,8 +196,8 @@ CASE(node, read_and_write) {
   REQUIRE_EQ(uk_create(root, "f", O_RDWR, 0640, f.out(), file.out(), &stat), 0);
   EXPECT_EQ(stat.mode, (unsigned)S_IFREG | 0640);
   EXPECT_EQ(stat.size, 0ull);
-  EXPECT_EQ(uk_write(file, "hello world", 11, 0), 11);
-  EXPECT_EQ(uk_write(file, "W", 1, 6), 1);
+  EXPECT_EQ(uk_write(file, "hello world", 11, 0, O_RDWR), 11);
+  EXPECT_EQ(uk_write(file, "W", 1, 6, O_RDWR), 1);
   char buf[16] = {};
   EXPECT_EQ(uk_read(file, buf, 15, 6), 5);
   EXPECT_STREQ(buf, "World");
@@ -208,7 +208,7 @@ CASE(node, read_and_write) {
   EXPECT_EQ(stat.size, 11ull);
   file.close();
   REQUIRE_EQ(uk_open(f, O_WRONLY | O_APPEND, file.out()), 0);
-  EXPECT_EQ(uk_write(file, "!", 1, 0), 1);
+  EXPECT_EQ(uk_write(file, "!", 1, 0, O_WRONLY | O_APPEND), 1);
   file.close();
   EXPECT_EQ(get_text(f, buf, sizeof(buf)), 0);
   EXPECT_STREQ(buf, "hello World!");
@@ -224,12 +224,12 @@ CASE(node, a_write_has_the_flags_of_its_moment) {
   REQUIRE_EQ(put_text(root, "f", "0123"), 0);
   REQUIRE_EQ(uk_lookup(root, "f", f.out(), NULL), 0);
   REQUIRE_EQ(uk_open(f, O_WRONLY | O_APPEND, appends.out()), 0);
-  EXPECT_EQ(uk_write_with(appends, "a", 1, 0, O_WRONLY), 1);
-  EXPECT_EQ(uk_write_with(appends, "b", 1, 0, O_WRONLY | O_APPEND), 1);
-  EXPECT_EQ(uk_write(appends, "c", 1, 0), 1);
+  EXPECT_EQ(uk_write(appends, "a", 1, 0, O_WRONLY), 1);
+  EXPECT_EQ(uk_write(appends, "b", 1, 0, O_WRONLY | O_APPEND), 1);
+  EXPECT_EQ(uk_write(appends, "c", 1, 0, O_WRONLY | O_APPEND), 1);
   REQUIRE_EQ(uk_open(f, O_WRONLY, writes.out()), 0);
-  EXPECT_EQ(uk_write_with(writes, "d", 1, 1, O_WRONLY | O_APPEND), 1);
-  EXPECT_EQ(uk_write_with(writes, "e", 1, 1, O_WRONLY), 1);
+  EXPECT_EQ(uk_write(writes, "d", 1, 1, O_WRONLY | O_APPEND), 1);
+  EXPECT_EQ(uk_write(writes, "e", 1, 1, O_WRONLY), 1);
   EXPECT_EQ(get_text(f, buf, sizeof(buf)), 0);
   EXPECT_STREQ(buf, "ae23bcd");
 }
@@ -273,7 +273,7 @@ CASE(node, what_may_be_run_need_not_be_readable) {
     EXPECT_EQ(uk_open(f, O_RDONLY, &out), -EACCES);
     REQUIRE_EQ(uk_open(f, O_RDONLY | UK_OPEN_TO_RUN, file.out()), 0);
     EXPECT_EQ(uk_read(file, buf, 4, 0), 4);
-    EXPECT_EQ(uk_write(file, "x", 1, 0), (long)-EBADF);
+    EXPECT_EQ(uk_write(file, "x", 1, 0, O_RDONLY), (long)-EBADF);
   }
 }
 

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: GPL-2.0
+// Opening, creating and releasing of files and directories.
+
+#include <fcntl.h>
+
+#include <cerrno>
+
+#include "tarnd/fuse/fuse_ops.h"
+#include "tarnd/fuse/translate.h"
+
+namespace tarnd {
+
+static void register_open(Mount *mount, uk_file *file, uk_node *node, fuse_file_info *fi) {
+  mount->lookups().add_open_file(file, node);
+  fi->fh = reinterpret_cast<uint64_t>(file);
+  fi->keep_cache = 1;  // the host keeps the page cache of an earlier open
+  fi->noflush = 1;     // close() has nothing to write back here
+}
+
+// Releases the file at once if the reply cannot be delivered.
+static void reply_opened(fuse_req_t req, fuse_ino_t ino, uk_file *file, fuse_file_info *fi) {
+  Mount *mount = mount_of(req);
+  register_open(mount, file, node_of(req, ino), fi);
+  if (fuse_reply_open(req, fi) == -ENOENT) mount->lookups().release(file);
+}
+
+static void open_node(fuse_req_t req, fuse_ino_t ino, int flags, fuse_file_info *fi) {
+  as_waiting_caller(req, Need::kPath, [&] {
+    uk_file *file = nullptr;
+    const int err = may_open_more(req) ? uk_open(node_of(req, ino), flags, &file) : -ENFILE;
+    if (err) {
+      reply_error(req, err);
+    } else {
+      reply_opened(req, ino, file, fi);
+    }
+  });
+}
+
+static void op_open(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
+  open_node(req, ino, to_open_flags(fi->flags), fi);
+}
+
+static void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
+  open_node(req, ino, to_open_flags(fi->flags) | O_DIRECTORY, fi);
+}
+
+static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t mode,
+                      fuse_file_info *fi) {
+  // Not kPath: the kernel looks up again whether the name is free.
+  as_waiting_caller(req, Need::kRights, [&] {
+    uk_node *node = nullptr;
+    uk_file *file = nullptr;
+    uk_stat stat{};
+    const int flags = fi->flags & ~O_NOCTTY;
+    const int err = may_open_more(req)
+                        ? uk_create(node_of(req, parent), name, flags, mode, &node, &file, &stat)
+                        : -ENFILE;
+    if (err) {
+      reply_error(req, err);
+      return;
+    }
+    Mount *mount = mount_of(req);
+    LookupTable &lookups = mount->lookups();
+    lookups.add_lookup(node, Kind::kFile);
+    register_open(mount, file, node, fi);
+    const fuse_entry_param entry = to_entry(node, stat);
+    if (fuse_reply_create(req, &entry, fi) == -ENOENT) {
+      lookups.release(file);
+      lookups.forget(node, 1);
+    }
+  });
+}
+
+static void op_flush(fuse_req_t req, fuse_ino_t, fuse_file_info *fi) {
+  as_caller(req, Need::kBasic, [&] { reply_error(req, uk_flush(file_of(fi))); });
+}
+
+static void op_release(fuse_req_t req, fuse_ino_t, fuse_file_info *fi) {
+  for_release([&] {
+    mount_of(req)->lookups().release(file_of(fi));
+    fuse_reply_err(req, 0);
+  });
+}
+
+void add_open_operations(fuse_lowlevel_ops *ops) {
+  ops->open = op_open;
+  ops->create = op_create;
+  ops->flush = op_flush;
+  ops->release = op_release;
+  ops->opendir = op_opendir;
+  ops->releasedir = op_release;
+}
+
+}  // namespace tarnd

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: GPL-2.0
+// Moves data of open files for the hosting program. Every read and every write of a mount comes
+// through here.
+#include <linux/errno.h>
+#include <linux/fcntl.h>
+#include <linux/fs.h>
+#include <linux/sched.h>
+#include "ukern/door/node.h"
+
+extern "C" {
+
+long uk_read(struct uk_file *file, void *buf, unsigned long len, unsigned long long pos) {
+  struct file *filp = node_file(file);
+  loff_t at = static_cast<loff_t>(pos);
+  if (at < 0) return -EINVAL;
+  if (!(filp->f_mode & FMODE_PREAD)) return -ESPIPE;
+  user_buffer range(buf, len);
+  return range.error() ? range.error() : vfs_read(filp, static_cast<char *>(buf), len, &at);
+}
+
+long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned long long pos,
+              int flags) {
+  struct file *filp = node_file(file);
+  loff_t at = static_cast<loff_t>(pos);
+  if (at < 0) return -EINVAL;
+  if (!(filp->f_mode & FMODE_PWRITE)) return -ESPIPE;
+  user_buffer range(buf, len);
+  if (range.error()) return range.error();
+  // Others write through this file at the same time, with flags of their own.
+  struct file as_now;
+  if ((filp->f_flags ^ static_cast<unsigned>(flags)) & O_APPEND) {
+    as_now = *filp;
+    as_now.f_flags ^= O_APPEND;
+    filp = &as_now;
+  }
+  current->file_too_large = false;
+  const ssize_t done = vfs_write(filp, static_cast<const char __user *>(buf), len, &at);
+  // A layer may answer one error for all errors of a write below it. Too large a write never gets
+  // there where s_maxbytes of the super block is right. That of hostfs is not: one super block
+  // stands for all file systems of the host, each with a largest size of its own.
+  return done == -EINVAL && current->file_too_large ? -EFBIG : done;
+}
+
+int uk_flush(struct uk_file *file) {
+  struct file *filp = node_file(file);
+  return filp->f_op && filp->f_op->flush
+             ? filp->f_op->flush(filp, reinterpret_cast<fl_owner_t>(current))
+             : 0;
+}
+
+int uk_fsync(struct uk_file *file, int datasync) {
+  return static_cast<int>(do_fsync(node_file(file), datasync));
+}
+
+}  // extern "C"

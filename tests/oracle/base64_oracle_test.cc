@@ -88,7 +88,7 @@ int length_of(int round, Random &random) {
   return random.below(round % 10 == 1 ? 200000 : 2000);
 }
 
-TEST_F(Base64Oracle, EncodesAsTheProgramDoes) {
+TEST_F(Base64Oracle, encodes_as_the_program_does) {
   Random random;
   for (int round = 0; round < kRounds * effort(); ++round) {
     const std::string bytes = random.bytes(length_of(round, random));
@@ -98,7 +98,7 @@ TEST_F(Base64Oracle, EncodesAsTheProgramDoes) {
   }
 }
 
-TEST_F(Base64Oracle, DecodesWhatTheProgramEncodes) {
+TEST_F(Base64Oracle, decodes_what_the_program_encodes) {
   Random random;
   for (int round = 0; round < kRounds * effort(); ++round) {
     const std::string bytes = random.bytes(length_of(round, random));
@@ -109,7 +109,7 @@ TEST_F(Base64Oracle, DecodesWhatTheProgramEncodes) {
   }
 }
 
-TEST_F(Base64Oracle, TheProgramDecodesWhatIsEncoded) {
+TEST_F(Base64Oracle, the_program_decodes_what_is_encoded) {
   Random random;
   for (int round = 0; round < kRounds * effort(); ++round) {
     const std::string bytes = random.bytes(length_of(round, random));
@@ -119,7 +119,7 @@ TEST_F(Base64Oracle, TheProgramDecodesWhatIsEncoded) {
   }
 }
 
-TEST_F(Base64Oracle, SkipsForeignCharactersAsTheProgramDoesWhenAsked) {
+TEST_F(Base64Oracle, skips_foreign_characters_as_the_program_does_when_asked) {
   Random random;
   constexpr char kForeign[] = " \t\r\n*!-_.~#$%&()[]{}?@^'\"<>;:,|\\`";
   for (int round = 0; round < kRounds * effort(); ++round) {
@@ -136,7 +136,7 @@ TEST_F(Base64Oracle, SkipsForeignCharactersAsTheProgramDoesWhenAsked) {
   }
 }
 
-TEST_F(Base64Oracle, RefusesALooseCharacterAsTheProgramDoes) {
+TEST_F(Base64Oracle, refuses_a_loose_character_as_the_program_does) {
   Random random;
   for (int round = 0; round < kRounds * effort(); ++round) {
     const std::string text = encode(random.bytes(3 * random.below(60)), 0) + "A";

@@ -187,7 +187,7 @@ bool deepest_decides(const std::vector<Listed> &list, const std::string &path) {
 
 using MatcherOracle = Booted;
 
-TEST_F(MatcherOracle, TheDeepestDirectoryDecidesWhereParentsAreListedFirst) {
+TEST_F(MatcherOracle, the_deepest_directory_decides_where_parents_are_listed_first) {
   Random random;
   long trees = 0, paths = 0;
   for (long round = 0; round < long{kTrees} * effort(); ++round) {
@@ -211,7 +211,7 @@ TEST_F(MatcherOracle, TheDeepestDirectoryDecidesWhereParentsAreListedFirst) {
   std::printf("%ld trees, %ld paths\n", trees, paths);
 }
 
-TEST_F(MatcherOracle, ListsInAnyOrderMeanWhatAPlainReadingSays) {
+TEST_F(MatcherOracle, lists_in_any_order_mean_what_a_plain_reading_says) {
   Random random;
   long trees = 0, paths = 0;
   for (; trees < long{kTrees} * effort(); ++trees) {
@@ -259,7 +259,7 @@ class InstalledRules {
   }
 };
 
-TEST_F(MatcherOracle, AChangeHitsTheRulesWhoseTextsCoverIt) {
+TEST_F(MatcherOracle, a_change_hits_the_rules_whose_texts_cover_it) {
   Random random;
   for (int round = 0; round < kTrees / 250 * effort(); ++round) {
     Tree tree(random);
@@ -288,7 +288,7 @@ TEST_F(MatcherOracle, AChangeHitsTheRulesWhoseTextsCoverIt) {
 
 /* ---- a directory behind one of its own subdirectories ---- */
 
-TEST_F(MatcherOracle, ADirectoryBehindItsOnlySubdirectoryCoversItselfAndThatOne) {
+TEST_F(MatcherOracle, a_directory_behind_its_only_subdirectory_covers_itself_and_that_one) {
   Random random;
   for (int round = 0; round < kTrees / 4 * effort(); ++round) {
     Tree tree(random);
@@ -307,7 +307,7 @@ TEST_F(MatcherOracle, ADirectoryBehindItsOnlySubdirectoryCoversItselfAndThatOne)
   }
 }
 
-TEST_F(MatcherOracle, AnExclusionAboveOneInclusionTakesOnlyTheDirectoryItself) {
+TEST_F(MatcherOracle, an_exclusion_above_one_inclusion_takes_only_the_directory_itself) {
   const Pattern pattern({{"/a", true}, {"/a/b/c", true}, {"/a/b", false}});
   EXPECT_FALSE(pattern.covers("/a/b"));
   EXPECT_TRUE(pattern.covers("/a/b/c/x"));
@@ -315,7 +315,7 @@ TEST_F(MatcherOracle, AnExclusionAboveOneInclusionTakesOnlyTheDirectoryItself) {
   EXPECT_TRUE(pattern.covers("/a/x"));
 }
 
-TEST_F(MatcherOracle, ADirectoryBehindTwoSubdirectoriesThatPartThereCoversEverything) {
+TEST_F(MatcherOracle, a_directory_behind_two_subdirectories_that_part_there_covers_everything) {
   const Pattern pattern({{"/a/b", true}, {"/a/c", true}, {"/a", true}});
   EXPECT_TRUE(pattern.covers("/a"));
   EXPECT_TRUE(pattern.covers("/a/x"));
@@ -323,7 +323,7 @@ TEST_F(MatcherOracle, ADirectoryBehindTwoSubdirectoriesThatPartThereCoversEveryt
   EXPECT_FALSE(pattern.covers("/ab"));
 }
 
-TEST_F(MatcherOracle, ADirectoryBehindSubdirectoriesOfOneBeginningCoversItselfAndThese) {
+TEST_F(MatcherOracle, a_directory_behind_subdirectories_of_one_beginning_covers_itself_and_these) {
   const Pattern pattern({{"/a/one", true}, {"/a/only", true}, {"/a", true}});
   EXPECT_TRUE(pattern.covers("/a"));
   EXPECT_TRUE(pattern.covers("/a/one/x"));
@@ -332,21 +332,21 @@ TEST_F(MatcherOracle, ADirectoryBehindSubdirectoriesOfOneBeginningCoversItselfAn
   EXPECT_FALSE(pattern.covers("/a/on"));
 }
 
-TEST_F(MatcherOracle, ASiblingOfTheSameBeginningMakesTheLaterDirectoryWhole) {
+TEST_F(MatcherOracle, a_sibling_of_the_same_beginning_makes_the_later_directory_whole) {
   const Pattern pattern({{"/a/b/c", true}, {"/a/bc", true}, {"/a/b", true}});
   EXPECT_TRUE(pattern.covers("/a/b"));
   EXPECT_TRUE(pattern.covers("/a/b/x"));
   EXPECT_FALSE(pattern.covers("/a/bx"));
 }
 
-TEST_F(MatcherOracle, ListedASecondTimeADirectoryIsWhole) {
+TEST_F(MatcherOracle, listed_a_second_time_a_directory_is_whole) {
   const Pattern pattern({{"/a/b", true}, {"/a", true}, {"/a", true}});
   EXPECT_TRUE(pattern.covers("/a/x"));
 }
 
 /* The only place where a trailing slash makes a difference: its two names are entered the other way
  * round. */
-TEST_F(MatcherOracle, WithATrailingSlashADirectoryBehindItsSubdirectoryIsWhole) {
+TEST_F(MatcherOracle, with_a_trailing_slash_a_directory_behind_its_subdirectory_is_whole) {
   const Pattern pattern({{"/a/b", true}, {"/a/", true}});
   EXPECT_TRUE(pattern.covers("/a"));
   EXPECT_TRUE(pattern.covers("/a/x"));

@@ -42,7 +42,7 @@ class ApplierTest : public testing::Test {
   std::optional<Applier> applier_;
 };
 
-TEST_F(ApplierTest, EveryKindOfRecord) {
+TEST_F(ApplierTest, every_kind_of_record) {
   expect(name_change(OX_OP_MKDIR, {}, "/src/d", {}, 0755), Outcome::kApplied);
   expect(name_change(OX_OP_CREATE, {}, "/src/d/f", {}, 0100600), Outcome::kApplied);
   expect(write_data({}, "/src/d/f", 2, "data")[0], Outcome::kApplied);
@@ -67,7 +67,7 @@ TEST_F(ApplierTest, EveryKindOfRecord) {
   expect(name_change(OX_OP_RMDIR, {}, "/src/d"), Outcome::kAlready);
 }
 
-TEST_F(ApplierTest, PagesOfAWrite) {
+TEST_F(ApplierTest, pages_of_a_write) {
   std::string data(20000, '\0');
   for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i * 7 % 251);
   expect(name_change(OX_OP_CREATE, {}, "/src/f", {}, 0644), Outcome::kApplied);
@@ -78,7 +78,7 @@ TEST_F(ApplierTest, PagesOfAWrite) {
   EXPECT_EQ(contents("f"), std::string(5, '\0') + data);
 }
 
-TEST_F(ApplierTest, OtherDirectoriesAreNotItsBusiness) {
+TEST_F(ApplierTest, other_directories_are_not_its_business) {
   expect(name_change(OX_OP_CREATE, {}, "/srcx/f", {}, 0644), Outcome::kOutside);
   expect(name_change(OX_OP_RENAME, {}, "/other/a", "/other/b"), Outcome::kOutside);
   expect(name_change(OX_OP_LINK, {}, "/src/a", "/other/b"), Outcome::kOutside);
@@ -86,14 +86,14 @@ TEST_F(ApplierTest, OtherDirectoriesAreNotItsBusiness) {
   EXPECT_TRUE(fs::is_empty(dir_.path()));
 }
 
-TEST_F(ApplierTest, WithoutASourceToLookAt) {
+TEST_F(ApplierTest, without_a_source_to_look_at) {
   EXPECT_FALSE(apply(name_change(OX_OP_RENAME, {}, "/other/a", "/src/b")).ok());
   EXPECT_FALSE(apply(name_change(OX_OP_LINK, {}, "/other/a", "/src/b")).ok());
   EXPECT_FALSE(apply(write_data({}, "/src/gone", 0, "x")[0]).ok());
   EXPECT_TRUE(fs::is_empty(dir_.path()));
 }
 
-TEST_F(ApplierTest, FilesWithoutANameAnyMore) {
+TEST_F(ApplierTest, files_without_a_name_any_more) {
   const Stamp nameless{.cp = OX_CP_NAMELESS};
   // The text is cut: it is the name of another file.
   expect(name_change(OX_OP_CREATE, {}, "/src/abc", {}, 0100644), Outcome::kApplied);
@@ -115,21 +115,21 @@ TEST_F(ApplierTest, FilesWithoutANameAnyMore) {
   expect(write_data({}, "/src/f (deleted)", 0, "x")[0], Outcome::kApplied);
 }
 
-TEST_F(ApplierTest, AFileWhoseNameIsNotKnown) {
+TEST_F(ApplierTest, a_file_whose_name_is_not_known) {
   const Stamp unplaced{.cp = OX_CP_UNPLACED};
   expect(name_change(OX_OP_CREATE, {}, "/src/f", {}, 0100644), Outcome::kApplied);
   EXPECT_EQ(apply(write_data(unplaced, "/src/f", 0, "x")[0]).error().code, -ESTALE);
   EXPECT_EQ(contents("f"), "");
 }
 
-TEST_F(ApplierTest, AMissingDirectoryIsNoRepetition) {
+TEST_F(ApplierTest, a_missing_directory_is_no_repetition) {
   EXPECT_EQ(apply(name_change(OX_OP_UNLINK, {}, "/src/lost/f")).error().code, -ENOENT);
   EXPECT_EQ(apply(name_change(OX_OP_RMDIR, {}, "/src/lost/d")).error().code, -ENOENT);
   expect(name_change(OX_OP_UNLINK, {}, "/src/f"), Outcome::kAlready);
   expect(name_change(OX_OP_RMDIR, {}, "/src/d"), Outcome::kAlready);
 }
 
-TEST_F(ApplierTest, PathsThatTryToLeave) {
+TEST_F(ApplierTest, paths_that_try_to_leave) {
   for (const char *path : {"/src/../x", "/src/d/../../x", "/src//etc", "/src/./f"})
     EXPECT_EQ(apply(name_change(OX_OP_CREATE, {}, path, {}, 0644)).error().code, -EXDEV) << path;
 }

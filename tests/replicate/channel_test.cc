@@ -35,7 +35,7 @@ class ChannelTest : public testing::Test {
   FakeTarnd fake_{directory_ / "run"};
 };
 
-TEST_F(ChannelTest, HelloIsConfirmedAndQuitIsSaid) {
+TEST_F(ChannelTest, hello_is_confirmed_and_quit_is_said) {
   {
     const auto channel = open();
     EXPECT_EQ(received(), (Types{OX_NL_HELO, OX_SO_REP_DEL}));
@@ -47,13 +47,13 @@ TEST_F(ChannelTest, HelloIsConfirmedAndQuitIsSaid) {
   EXPECT_FALSE(*registered_daemon(tarnd_site(fake_.run_dir())));
 }
 
-TEST_F(ChannelTest, TheDestructorLeavesToo) {
+TEST_F(ChannelTest, the_destructor_leaves_too) {
   open().reset();
   EXPECT_TRUE(
       fake_.wait_for([](const auto &state) { return state.received.back() == OX_NL_QUIT; }));
 }
 
-TEST_F(ChannelTest, WithoutConfirmationItFails) {
+TEST_F(ChannelTest, without_confirmation_it_fails) {
   fake_.with([](auto &state) { state.answers = false; });
   auto link = connect_unix_link(fake_.run_dir());
   auto lock = DaemonLock::take(tarnd_site(fake_.run_dir()), Claim::kRefuseIfTaken);
@@ -62,7 +62,7 @@ TEST_F(ChannelTest, WithoutConfirmationItFails) {
   EXPECT_EQ(channel.error().code, -EPERM);
 }
 
-TEST_F(ChannelTest, MessagesArriveWholeAndInOrder) {
+TEST_F(ChannelTest, messages_arrive_whole_and_in_order) {
   const auto channel = open();
   // More than the socket holds, so the sender waits for the receiver now and then.
   std::thread sender([&] {
@@ -79,12 +79,12 @@ TEST_F(ChannelTest, MessagesArriveWholeAndInOrder) {
   sender.join();
 }
 
-TEST_F(ChannelTest, TheHelloAsksForPacketsOfSeveralMessages) {
+TEST_F(ChannelTest, the_hello_asks_for_packets_of_several_messages) {
   const auto channel = open();
   EXPECT_EQ(fake_.with([](auto &state) { return state.hello_flags; }), OX_CTL_HELO_BATCHED);
 }
 
-TEST_F(ChannelTest, MessagesOfOnePacketAreToldApart) {
+TEST_F(ChannelTest, messages_of_one_packet_are_told_apart) {
   const auto channel = open();
   // Lengths that are and are not multiples of 4, of changes and of something else.
   const std::vector<Packet> messages = {
@@ -103,7 +103,7 @@ TEST_F(ChannelTest, MessagesOfOnePacketAreToldApart) {
 
 // Whatever a length says, nothing outside the packet is looked at, and what cannot be told apart is
 // one packet that the decoder refuses.
-TEST_F(ChannelTest, ALengthThatCannotBeEndsThePacket) {
+TEST_F(ChannelTest, a_length_that_cannot_be_ends_the_packet) {
   const auto channel = open();
   const Packet good = name_change(OX_OP_UNLINK, {1}, "/d/f");
   for (const std::uint32_t length : {0u, 15u, 1000u, 0xffffffffu}) {
@@ -123,7 +123,7 @@ TEST_F(ChannelTest, ALengthThatCannotBeEndsThePacket) {
   EXPECT_EQ(channel->receive(Milliseconds(5000))->packets[0].size(), 7u);
 }
 
-TEST_F(ChannelTest, NothingIsLostWhileARequestWaits) {
+TEST_F(ChannelTest, nothing_is_lost_while_a_request_waits) {
   const auto channel = open();
   fake_.send(name_change(OX_OP_UNLINK, {1}, "/d/f"));
   prule record{};
@@ -137,7 +137,7 @@ TEST_F(ChannelTest, NothingIsLostWhileARequestWaits) {
   EXPECT_TRUE(channel->receive(Milliseconds(0))->packets.empty());
 }
 
-TEST_F(ChannelTest, BarriersComeBackBehindTheRecords) {
+TEST_F(ChannelTest, barriers_come_back_behind_the_records) {
   const auto channel = open();
   fake_.send(name_change(OX_OP_UNLINK, {1}, "/d/f"));
   EXPECT_EQ(*channel->ask_barrier(), 1u);
@@ -153,7 +153,7 @@ TEST_F(ChannelTest, BarriersComeBackBehindTheRecords) {
   EXPECT_EQ(records, 1u);
 }
 
-TEST_F(ChannelTest, LossIsAnEventAndNoDeath) {
+TEST_F(ChannelTest, loss_is_an_event_and_no_death) {
   const auto channel = open();
   raise(OX_SIG_LOST);
   kill(getpid(), OX_SIG_LOST);
@@ -168,19 +168,19 @@ TEST_F(ChannelTest, LossIsAnEventAndNoDeath) {
   EXPECT_EQ(channel->receive(Milliseconds(0))->lost, 0u);
 }
 
-TEST_F(ChannelTest, LossDuringARequestIsKept) {
+TEST_F(ChannelTest, loss_during_a_request_is_kept) {
   const auto channel = open();
   raise(OX_SIG_LOST);
   EXPECT_TRUE(channel->request(OX_SO_REP_FLUSH, {}).ok());
   EXPECT_EQ(channel->receive(Milliseconds(0))->lost, 1u);
 }
 
-TEST_F(ChannelTest, ALateSignalAfterLeavingIsHarmless) {
+TEST_F(ChannelTest, a_late_signal_after_leaving_is_harmless) {
   open().reset();
   raise(OX_SIG_LOST);
 }
 
-TEST_F(ChannelTest, TheEndOfTarndIsSeen) {
+TEST_F(ChannelTest, the_end_of_tarnd_is_seen) {
   const auto channel = open();
   fake_.send(name_change(OX_OP_UNLINK, {1}, "/d/f"));
   fake_.close_daemon_channel();
@@ -197,7 +197,7 @@ TEST_F(ChannelTest, TheEndOfTarndIsSeen) {
   EXPECT_TRUE(channel->leave().ok());
 }
 
-TEST_F(ChannelTest, OversizedPacketsAreCounted) {
+TEST_F(ChannelTest, oversized_packets_are_counted) {
   const auto channel = open();
   fake_.send(Packet(20000));
   const auto got = channel->receive(Milliseconds(5000));
@@ -205,7 +205,7 @@ TEST_F(ChannelTest, OversizedPacketsAreCounted) {
   EXPECT_EQ(got->oversized, 1u);
 }
 
-TEST_F(ChannelTest, OneDaemonAtATime) {
+TEST_F(ChannelTest, one_daemon_at_a_time) {
   const auto channel = open();
   const auto second = DaemonLock::take(tarnd_site(fake_.run_dir()), Claim::kRefuseIfTaken);
   ASSERT_FALSE(second.ok());
@@ -214,7 +214,7 @@ TEST_F(ChannelTest, OneDaemonAtATime) {
       << second.error().text;
 }
 
-TEST_F(ChannelTest, WhoWasTakenOverDoesNotQuit) {
+TEST_F(ChannelTest, who_was_taken_over_does_not_quit) {
   const auto channel = open();
   EXPECT_FALSE(channel->taken_over());
   const auto taker = DaemonLock::take(tarnd_site(fake_.run_dir()), Claim::kTakeOver);
@@ -228,7 +228,7 @@ TEST_F(ChannelTest, WhoWasTakenOverDoesNotQuit) {
   EXPECT_EQ(received().back(), OX_SO_REP_DEL) << "a quit would unregister the other";
 }
 
-TEST_F(ChannelTest, WhoAsksForTheDaemonIsInNobodysWay) {
+TEST_F(ChannelTest, who_asks_for_the_daemon_is_in_nobodys_way) {
   const Site site = tarnd_site(fake_.run_dir());
   std::atomic<bool> ending = false;
   std::thread asker([&] {
@@ -239,7 +239,7 @@ TEST_F(ChannelTest, WhoAsksForTheDaemonIsInNobodysWay) {
   asker.join();
 }
 
-TEST_F(ChannelTest, ALockOfTheDeadIsNoLock) {
+TEST_F(ChannelTest, a_lock_of_the_dead_is_no_lock) {
   std::ofstream(directory_ / "run/daemon.lock") << "1\n";
   EXPECT_FALSE(*registered_daemon(tarnd_site(fake_.run_dir())));
   EXPECT_TRUE(DaemonLock::take(tarnd_site(fake_.run_dir()), Claim::kRefuseIfTaken).ok());

@@ -60,7 +60,7 @@ Rule rule(std::uint8_t n, const std::string &path = "/d") {
   return {rule_uuid(n), *make_workdir({{path}, {}})};
 }
 
-TYPED_TEST(ControlTest, RulesComeAndGo) {
+TYPED_TEST(ControlTest, rules_come_and_go) {
   EXPECT_EQ(*this->channel_.count_rules(), 0);
   EXPECT_TRUE(this->channel_.list_rules()->empty());
   ASSERT_TRUE(this->channel_.add_rule(rule(1, "/a")).ok());
@@ -79,7 +79,7 @@ TYPED_TEST(ControlTest, RulesComeAndGo) {
   EXPECT_EQ(*this->channel_.count_rules(), 0);
 }
 
-TYPED_TEST(ControlTest, ManyRulesComeInPieces) {
+TYPED_TEST(ControlTest, many_rules_come_in_pieces) {
   for (std::uint8_t n = 1; n <= 12; ++n) ASSERT_TRUE(this->channel_.add_rule(rule(n)).ok());
   this->place_.with([](auto &state) { state.count_is_wrong_once = true; });
   const auto rules = this->channel_.list_rules();
@@ -88,7 +88,7 @@ TYPED_TEST(ControlTest, ManyRulesComeInPieces) {
   EXPECT_EQ((*rules)[11].uuid, rule_uuid(12));
 }
 
-TYPED_TEST(ControlTest, RuleErrorsSayWhatToDo) {
+TYPED_TEST(ControlTest, rule_errors_say_what_to_do) {
   ASSERT_TRUE(this->channel_.add_rule(rule(1)).ok());
   EXPECT_EQ(this->channel_.add_rule(rule(1)).error().text,
             "rule 10111213-1415-1617-1819-1A1B1C1D1E1F: exists already: delete it first or choose "
@@ -99,7 +99,7 @@ TYPED_TEST(ControlTest, RuleErrorsSayWhatToDo) {
   EXPECT_EQ(too_long.error().code, -E2BIG);
 }
 
-TYPED_TEST(ControlTest, EveryResultOfTheModuleHasItsText) {
+TYPED_TEST(ControlTest, every_result_of_the_module_has_its_text) {
   for (const int result : {-1000, -1001, -1002, -1003, -1004, -1005, -1007, -1, -12, -92, 17}) {
     this->place_.with([&](auto &state) { state.forced_result = result; });
     const auto flushed = this->channel_.flush_rules();
@@ -112,7 +112,7 @@ TYPED_TEST(ControlTest, EveryResultOfTheModuleHasItsText) {
   }
 }
 
-TYPED_TEST(ControlTest, DirectoriesAndDaemonPath) {
+TYPED_TEST(ControlTest, directories_and_daemon_path) {
   ASSERT_TRUE(this->channel_.add_directory(rule_uuid(1), "/rep").ok());
   EXPECT_EQ(
       this->place_.with([](auto &state) { return std::string(state.directories[0].c_str() + 16); }),
@@ -132,7 +132,7 @@ TYPED_TEST(ControlTest, DirectoriesAndDaemonPath) {
   EXPECT_EQ(this->channel_.set_daemon_path("mirrord").error().code, -EINVAL);
 }
 
-TYPED_TEST(ControlTest, MountsWithAnyBytes) {
+TYPED_TEST(ControlTest, mounts_with_any_bytes) {
   const std::string lower = "/lo w\\er\n\xff";
   ASSERT_TRUE(this->channel_.mount(lower, "/mnt a").ok());
   const auto mounts = this->channel_.mounts();
@@ -145,7 +145,7 @@ TYPED_TEST(ControlTest, MountsWithAnyBytes) {
   EXPECT_EQ(this->channel_.umount("/mnt a", Umount::kLazily).error().code, -EINVAL);
 }
 
-TYPED_TEST(ControlTest, UnknownOption) {
+TYPED_TEST(ControlTest, unknown_option) {
   EXPECT_EQ(*this->channel_.set_option(178, {}), OX_ERR_REQUEST);
 }
 
@@ -156,13 +156,13 @@ class TarndControlTest : public testing::Test {
   ControlChannel channel_{std::move(*ControlChannel::connect(tarnd_site(fake_.run_dir())))};
 };
 
-TEST_F(TarndControlTest, WordsOfTarndArePassedOn) {
+TEST_F(TarndControlTest, words_of_tarnd_are_passed_on) {
   ASSERT_TRUE(channel_.mount("/a", "/mnt a").ok());
   EXPECT_EQ(channel_.mounts()->front().options, "rw");
   EXPECT_EQ(channel_.mount("/x", "/mnt a").error().text, "something is mounted at /mnt a");
 }
 
-TEST_F(TarndControlTest, ManyMountsComeInPieces) {
+TEST_F(TarndControlTest, many_mounts_come_in_pieces) {
   const std::string deep(4000, 'x');
   for (int n = 0; n < 40; ++n)
     ASSERT_TRUE(channel_.mount("/a", fmt::format("/{}/{}", deep, n)).ok());
@@ -172,7 +172,7 @@ TEST_F(TarndControlTest, ManyMountsComeInPieces) {
   EXPECT_EQ(mounts->back().mountpoint, "/" + deep + "/39");
 }
 
-TEST_F(TarndControlTest, Log) {
+TEST_F(TarndControlTest, log) {
   fake_.with([](auto &state) { state.log = {"one", "", "three"}; });
   const auto part = channel_.log(1, std::chrono::milliseconds(0));
   ASSERT_EQ(part->lines.size(), 2u);
@@ -184,7 +184,7 @@ TEST_F(TarndControlTest, Log) {
   EXPECT_EQ(part->next, 3u);
 }
 
-TEST_F(TarndControlTest, ARequestThatIsTooLong) {
+TEST_F(TarndControlTest, a_request_that_is_too_long) {
   EXPECT_EQ(channel_.set_option(177, std::vector<std::byte>(70000)).error().code, -E2BIG);
 }
 
@@ -194,7 +194,7 @@ class KernelControlTest : public testing::Test {
   ControlChannel channel_{make_kernel_control(std::make_unique<FakeKernel>(kernel_))};
 };
 
-TEST_F(KernelControlTest, OnlyMountsOfTarnAreShownWithTheirLowerDirectories) {
+TEST_F(KernelControlTest, only_mounts_of_tarn_are_shown_with_their_lower_directories) {
   kernel_.other_mounts =
       "tarn /mnt/tarn ext3 rw,dir=/x 0 0\n"
       "lo\\040wer /mnt/a tarn rw,noatime,dir=/data/lo wer 0 0\n"
@@ -208,7 +208,7 @@ TEST_F(KernelControlTest, OnlyMountsOfTarnAreShownWithTheirLowerDirectories) {
   EXPECT_EQ((*mounts)[2].lower, "/c");
 }
 
-TEST_F(KernelControlTest, RefusedMountsSayWhatToDo) {
+TEST_F(KernelControlTest, refused_mounts_say_what_to_do) {
   const auto text = [&](int result, auto act) {
     kernel_.forced_mount_result = result;
     const Result<void> done = act();
@@ -229,7 +229,7 @@ TEST_F(KernelControlTest, RefusedMountsSayWhatToDo) {
   EXPECT_EQ(channel_.umount("/proc", Umount::kIfIdle).error().text, "/proc is not a mount of tarn");
 }
 
-TEST_F(KernelControlTest, AnAnswerLongerThanTheBufferIsNotBelieved) {
+TEST_F(KernelControlTest, an_answer_longer_than_the_buffer_is_not_believed) {
   class Liar : public FakeKernel {
    public:
     using FakeKernel::FakeKernel;
@@ -242,7 +242,7 @@ TEST_F(KernelControlTest, AnAnswerLongerThanTheBufferIsNotBelieved) {
   EXPECT_EQ(channel.count_rules().error().code, -EPROTO);
 }
 
-TEST_F(KernelControlTest, TheLogIsNumberedAcrossReadings) {
+TEST_F(KernelControlTest, the_log_is_numbered_across_readings) {
   const auto texts = [&](std::uint64_t first) {
     const auto part = channel_.log(first, std::chrono::milliseconds(0));
     std::string all;
@@ -262,21 +262,21 @@ TEST_F(KernelControlTest, TheLogIsNumberedAcrossReadings) {
   EXPECT_EQ(texts(5), "6<4>after a flood next 7") << "a number is skipped";
 }
 
-TEST_F(KernelControlTest, WaitingForTheLogEndsWithALine) {
+TEST_F(KernelControlTest, waiting_for_the_log_ends_with_a_line) {
   kernel_.log = "<4>one\n";
   const auto part = channel_.log(0, std::chrono::hours(1));
   EXPECT_EQ(part->lines.size(), 1u);
   EXPECT_EQ(part->lines[0].us, std::nullopt);
 }
 
-TEST(Site, TheKernelsListOfFileSystems) {
+TEST(Site, the_kernels_list_of_file_systems) {
   EXPECT_TRUE(lists_tarn("nodev\tproc\nnodev\ttarn\n\text3\n"));
   EXPECT_TRUE(lists_tarn("\ttarn"));
   EXPECT_FALSE(lists_tarn("nodev\tproc\nnodev\tfuse.tarn\nnodev\ttarnfs\n\text3\n"));
   EXPECT_FALSE(lists_tarn(""));
 }
 
-TEST(Site, ARunDirectoryThatIsNamedMeansTarnd) {
+TEST(Site, a_run_directory_that_is_named_means_tarnd) {
   const char *old = std::getenv("TARN_RUN_DIR");
   const std::string saved = old ? old : "";
   setenv("TARN_RUN_DIR", "/some/where", 1);
@@ -288,7 +288,7 @@ TEST(Site, ARunDirectoryThatIsNamedMeansTarnd) {
     unsetenv("TARN_RUN_DIR");
 }
 
-TEST(Connect, NobodyThere) {
+TEST(Connect, nobody_there) {
   TemporaryDirectory directory;
   for (const std::string &run_dir : {directory / "absent", directory.path()}) {
     const auto channel = ControlChannel::connect(tarnd_site(run_dir));
@@ -298,13 +298,13 @@ TEST(Connect, NobodyThere) {
   }
 }
 
-TEST(Connect, ALongRunDirectory) {
+TEST(Connect, a_long_run_directory) {
   TemporaryDirectory directory;
   const FakeTarnd fake(directory / std::string(120, 'r'));
   EXPECT_TRUE(ControlChannel::connect(tarnd_site(fake.run_dir())).ok());
 }
 
-TEST(Connect, RunDirectoryOfTheEnvironment) {
+TEST(Connect, run_directory_of_the_environment) {
   const char *old = std::getenv("TARN_RUN_DIR");
   const std::string saved = old ? old : "";
   setenv("TARN_RUN_DIR", "/some/where", 1);

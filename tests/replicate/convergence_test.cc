@@ -293,7 +293,7 @@ class ConvergenceTest : public testing::TestWithParam<Speed> {
   }
 };
 
-TEST_P(ConvergenceTest, TheReplicaIsLikeTheSourceInTheEnd) {
+TEST_P(ConvergenceTest, the_replica_is_like_the_source_in_the_end) {
   const char *one = std::getenv("CONVERGENCE_SEED");
   const unsigned first = one ? static_cast<unsigned>(std::atoi(one)) : 1;
   const char *many = std::getenv("CONVERGENCE_SEEDS");

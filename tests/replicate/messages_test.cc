@@ -49,7 +49,7 @@ void poke(Packet &packet, std::size_t payload_offset, T value) {
   std::memcpy(packet.data() + 16 + payload_offset, &value, sizeof(value));
 }
 
-TEST(Messages, HeadOfARecord) {
+TEST(Messages, head_of_a_record) {
   const Record record =
       decoded(name_change(OX_OP_CREATE, {77, rule_uuid(3), 123456789}, "/d/f", {}, 0644));
   EXPECT_EQ(record.rule, rule_uuid(3));
@@ -58,7 +58,7 @@ TEST(Messages, HeadOfARecord) {
   EXPECT_TRUE(record.last());
 }
 
-TEST(Messages, NamingAndGeneration) {
+TEST(Messages, naming_and_generation) {
   const auto with = [](std::uint16_t cp) {
     return name_change(OX_OP_CREATE, {.cp = cp, .generation = 0x89ABCDEF}, "/d/f");
   };
@@ -69,7 +69,7 @@ TEST(Messages, NamingAndGeneration) {
   EXPECT_EQ(error_of(with(3)), "a record whose path is 3 to its object, at most 2 expected");
 }
 
-TEST(Messages, NameChanges) {
+TEST(Messages, name_changes) {
   EXPECT_EQ(change_of<Create>(name_change(OX_OP_CREATE, {}, "/d/f", {}, 0100644)).path, "/d/f");
   EXPECT_EQ(change_of<Create>(name_change(OX_OP_CREATE, {}, "/d/f", {}, 0100644)).mode, 0100644u);
   EXPECT_EQ(change_of<Mkdir>(name_change(OX_OP_MKDIR, {}, "/d/\xff\n x", {}, 0755)).path,
@@ -89,7 +89,7 @@ TEST(Messages, NameChanges) {
   EXPECT_EQ(rename.mode, 0100600u);
 }
 
-TEST(Messages, EveryAttributeHasItsOwnPlace) {
+TEST(Messages, every_attribute_has_its_own_place) {
   const SetAttr given{"/d/f", 0x1ff, 0640, 1001, 1002, 1003, -1004, 1005, -1006};
   const auto got = change_of<SetAttr>(set_attributes({}, given));
   EXPECT_EQ(got.path, "/d/f");
@@ -103,7 +103,7 @@ TEST(Messages, EveryAttributeHasItsOwnPlace) {
   EXPECT_EQ(got.ctime, -1006);
 }
 
-TEST(Messages, WriteIsWholeAsLongAsItFits) {
+TEST(Messages, write_is_whole_as_long_as_it_fits) {
   const std::string path = "/twenty/characters/x";  // 20 characters: a field of 24
   const auto whole = write_data({}, path, 100, std::string(4012, 'a'));
   ASSERT_EQ(whole.size(), 1u);
@@ -123,14 +123,14 @@ TEST(Messages, WriteIsWholeAsLongAsItFits) {
   EXPECT_TRUE(decoded(paged[1]).last());
 }
 
-TEST(Messages, EmptyWriteAndPathsAtTheEdgeOfTheirField) {
+TEST(Messages, empty_write_and_paths_at_the_edge_of_their_field) {
   EXPECT_EQ(change_of<Write>(write_data({}, "/123456", 5, "")[0]).path, "/123456");  // 7 + NUL: 8
   EXPECT_EQ(change_of<Write>(write_data({}, "/1234567", 5, "")[0]).path,
             "/1234567");  // 8 + NUL: 16
   EXPECT_TRUE(change_of<Write>(write_data({}, "/123456", 5, "")[0]).data.empty());
 }
 
-TEST(Messages, StopNoticeAndReplies) {
+TEST(Messages, stop_notice_and_replies) {
   auto stop = decode(stop_rule(rule_uuid(9)));
   ASSERT_TRUE(stop.ok());
   EXPECT_EQ(std::get<StopRule>(*stop).rule, rule_uuid(9));
@@ -140,7 +140,7 @@ TEST(Messages, StopNoticeAndReplies) {
   EXPECT_EQ(std::get<Reply>(*answer).result, -1003);
 }
 
-TEST(Messages, WrongFrames) {
+TEST(Messages, wrong_frames) {
   EXPECT_EQ(error_of({}), "0 bytes, at least 16 expected");
   EXPECT_EQ(error_of(Packet(15)), "15 bytes, at least 16 expected");
   Packet packet = stop_rule(rule_uuid());
@@ -157,7 +157,7 @@ TEST(Messages, WrongFrames) {
             "a change record of 43 bytes, at least 44 expected");
 }
 
-TEST(Messages, WrongHeads) {
+TEST(Messages, wrong_heads) {
   Packet packet = name_change(OX_OP_CREATE, {5}, "/d/f");
   poke<std::uint8_t>(packet, 29, 2);
   EXPECT_EQ(error_of(packet), "a record of system 2, not 1");
@@ -171,7 +171,7 @@ TEST(Messages, WrongHeads) {
   }
 }
 
-TEST(Messages, WrongNameRecords) {
+TEST(Messages, wrong_name_records) {
   Packet packet = name_change(OX_OP_CREATE, {}, "/d/f");
   poke<std::uint16_t>(packet, 36, 6);
   EXPECT_EQ(error_of(packet), "a name record of 44 + 6 + 0 bytes in a payload of 49");
@@ -196,7 +196,7 @@ TEST(Messages, WrongNameRecords) {
             "the path has 4098 bytes, more than 4096");
 }
 
-TEST(Messages, WrongAttributeRecords) {
+TEST(Messages, wrong_attribute_records) {
   const SetAttr change{"/d/f", 1, 0640, 0, 0, 0, 0, 0, 0};
   Packet packet = set_attributes({}, change);
   poke<std::uint32_t>(packet, 36, 13);
@@ -213,7 +213,7 @@ TEST(Messages, WrongAttributeRecords) {
             "an attribute record of 99 bytes, at least 100 expected");
 }
 
-TEST(Messages, WrongWrites) {
+TEST(Messages, wrong_writes) {
   const auto whole = [](auto change) {
     Packet packet = write_data({}, "/d/f", 0, "data")[0];
     change(packet);
@@ -235,7 +235,7 @@ TEST(Messages, WrongWrites) {
   EXPECT_EQ(error_of(packet), "a path of 3 bytes in a field of 16");
 }
 
-TEST(Messages, WrongPages) {
+TEST(Messages, wrong_pages) {
   const auto pages = write_data({}, "/d/f", 0, std::string(10000, 'x'));
   ASSERT_EQ(pages.size(), 3u);
   const auto changed = [&](std::size_t page, auto change) {
@@ -276,7 +276,7 @@ bool decodes(const Packet &packet, std::size_t length) {
   return decode(exact).ok();
 }
 
-TEST(Messages, EveryShorterOneIsRefused) {
+TEST(Messages, every_shorter_one_is_refused) {
   for (const Packet &packet : one_of_each()) {
     std::uint32_t length;
     std::memcpy(&length, packet.data(), sizeof(length));
@@ -291,7 +291,7 @@ TEST(Messages, EveryShorterOneIsRefused) {
   }
 }
 
-TEST(Messages, RandomBytesNeverDecodeBeyondTheirEnd) {
+TEST(Messages, random_bytes_never_decode_beyond_their_end) {
   EXPECT_TRUE(rc::check("random bytes in a random frame", [] {
     const auto payload =
         *rc::gen::container<std::vector<std::uint8_t>>(rc::gen::arbitrary<std::uint8_t>());
@@ -306,7 +306,7 @@ TEST(Messages, RandomBytesNeverDecodeBeyondTheirEnd) {
   }));
 }
 
-TEST(Messages, FlippedBytesNeverDecodeBeyondTheirEnd) {
+TEST(Messages, flipped_bytes_never_decode_beyond_their_end) {
   const auto originals = one_of_each();
   EXPECT_TRUE(rc::check("some bytes of a message changed", [&] {
     Packet packet = *rc::gen::elementOf(originals);
@@ -323,7 +323,7 @@ TEST(Messages, FlippedBytesNeverDecodeBeyondTheirEnd) {
   }));
 }
 
-TEST(Messages, WhatIsBuiltIsDecoded) {
+TEST(Messages, what_is_built_is_decoded) {
   EXPECT_TRUE(rc::check("any write, in pages or not, comes back", [] {
     const auto name = *rc::gen::nonEmpty(rc::gen::container<std::string>(rc::gen::nonZero<char>()));
     const std::string path = "/" + name.substr(0, 200);
@@ -353,7 +353,7 @@ TEST(Messages, WhatIsBuiltIsDecoded) {
   }));
 }
 
-TEST(Pages, BreaksAreReported) {
+TEST(Pages, breaks_are_reported) {
   const auto packets = write_data({7}, "/d/f", 0, std::string(12000, 'x'));
   ASSERT_EQ(packets.size(), 3u);
   PageFollower follower;
@@ -364,7 +364,7 @@ TEST(Pages, BreaksAreReported) {
   EXPECT_EQ(follow(packets[1]).error().code, -ENODATA) << "a broken write is given up";
 }
 
-TEST(Pages, OnlySoManyUnfinishedWritesAreKept) {
+TEST(Pages, only_so_many_unfinished_writes_are_kept) {
   PageFollower follower;
   for (std::uint32_t n = 0; n < PageFollower::kOpenWrites + 10; ++n)
     EXPECT_TRUE(
@@ -372,7 +372,7 @@ TEST(Pages, OnlySoManyUnfinishedWritesAreKept) {
   EXPECT_EQ(follower.unfinished(), PageFollower::kOpenWrites);
 }
 
-TEST(Messages, Words) {
+TEST(Messages, words) {
   EXPECT_EQ(describe(decoded(name_change(OX_OP_CREATE, {}, "/a b", {}, 0100644)).change),
             "create \"/a b\" mode 0644");
   EXPECT_EQ(describe(decoded(name_change(OX_OP_RENAME, {}, "/a", "/b")).change), "rename /a to /b");

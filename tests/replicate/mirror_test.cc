@@ -75,7 +75,7 @@ class MirrorTest : public testing::Test {
                                                  "TARN_STATE_DIR=" + (dir_ / "kept")};
 };
 
-TEST_F(MirrorTest, TwoWhoAskAtOnceGetWhatTheLaterOneAskedFor) {
+TEST_F(MirrorTest, two_who_ask_at_once_get_what_the_later_one_asked_for) {
   const auto mirror = start();
   ASSERT_EQ(catch_up().exit, 0);
   const auto asked = [&] { return fake_.with([](auto &state) { return state.received.size(); }); };
@@ -95,7 +95,7 @@ TEST_F(MirrorTest, TwoWhoAskAtOnceGetWhatTheLaterOneAskedFor) {
   EXPECT_EQ(f.st_mtim.tv_sec, 1000);
 }
 
-TEST_F(MirrorTest, ReplaysCatchesUpAndLeaves) {
+TEST_F(MirrorTest, replays_catches_up_and_leaves) {
   const auto mirror = start();
   fake_.send(create(1, "f", rule_uuid(), 9000));
   fake_.send(write_data({2}, src_ + "/f", 0, std::string(9000, 'x')));
@@ -120,7 +120,7 @@ TEST_F(MirrorTest, ReplaysCatchesUpAndLeaves) {
   EXPECT_EQ(catch_up().exit, 3);
 }
 
-TEST_F(MirrorTest, FailuresAreSaidAndCounted) {
+TEST_F(MirrorTest, failures_are_said_and_counted) {
   const auto mirror = start();
   fake_.send(name_change(OX_OP_CREATE, {1}, src_ + "/absent/f", {}, 0100644));
   fake_.send(create(2, "g"));
@@ -136,7 +136,7 @@ TEST_F(MirrorTest, FailuresAreSaidAndCounted) {
   EXPECT_EQ(status()["failures"], 1);
 }
 
-TEST_F(MirrorTest, GapsStopNoticesAndRubbishAreLoud) {
+TEST_F(MirrorTest, gaps_stop_notices_and_rubbish_are_loud) {
   const auto mirror = start();
   fake_.send(create(1, "a"));
   fake_.send(create(3, "c"));
@@ -153,7 +153,7 @@ TEST_F(MirrorTest, GapsStopNoticesAndRubbishAreLoud) {
   EXPECT_TRUE(fs::exists(replica("c")));
 }
 
-TEST_F(MirrorTest, StoppedRulesAreSeenInTheToolsStatus) {
+TEST_F(MirrorTest, stopped_rules_are_seen_in_the_tools_status) {
   const std::string uuid = to_string(rule_uuid());
   const auto tarn = [&](const std::vector<std::string> &arguments) {
     const Ended ended = run(TARN_PROGRAM, arguments, environment_);
@@ -177,7 +177,7 @@ TEST_F(MirrorTest, StoppedRulesAreSeenInTheToolsStatus) {
   EXPECT_EQ(tarn({"status"}).find("STOPPED"), std::string::npos);
 }
 
-TEST_F(MirrorTest, AMissedBeginningIsAGap) {
+TEST_F(MirrorTest, a_missed_beginning_is_a_gap) {
   const auto mirror = start();
   fake_.send(create(5, "a"));
   EXPECT_EQ(catch_up().exit, 1);
@@ -186,7 +186,7 @@ TEST_F(MirrorTest, AMissedBeginningIsAGap) {
   EXPECT_NE(mirror->wait().err.find("GAP: begins with record 5"), std::string::npos);
 }
 
-TEST_F(MirrorTest, WhatWasChangedBetweenTwoLivesOfARuleIsAGap) {
+TEST_F(MirrorTest, what_was_changed_between_two_lives_of_a_rule_is_a_gap) {
   const auto mirror = start();
   const auto of_life = [&](std::uint32_t generation, std::uint32_t n, const std::string &name) {
     make_source(name, 0);
@@ -205,7 +205,7 @@ TEST_F(MirrorTest, WhatWasChangedBetweenTwoLivesOfARuleIsAGap) {
   EXPECT_NE(ended.err.find("GAP: was made anew after record 2"), std::string::npos) << ended.err;
 }
 
-TEST_F(MirrorTest, LossSignalDoesNotKill) {
+TEST_F(MirrorTest, loss_signal_does_not_kill) {
   const auto mirror = start();
   mirror->signal(OX_SIG_LOST);
   EXPECT_TRUE(eventually([&] { return mirror->err().find("LOST") != std::string::npos; }));
@@ -216,7 +216,7 @@ TEST_F(MirrorTest, LossSignalDoesNotKill) {
   EXPECT_EQ(status()["lost"], 1);
 }
 
-TEST_F(MirrorTest, AStatusFileThatCannotBeWrittenEndsIt) {
+TEST_F(MirrorTest, a_status_file_that_cannot_be_written_ends_it) {
   const Ended ended = run(
       MIRRORD_PROGRAM,
       {"--source", src_, "--replica", dir_ / "replica", "--status-file", dir_ / "absent/status"},
@@ -227,7 +227,7 @@ TEST_F(MirrorTest, AStatusFileThatCannotBeWrittenEndsIt) {
   EXPECT_TRUE(fake_.wait_for([](const auto &state) { return !state.registered; }));
 }
 
-TEST_F(MirrorTest, OnlyARegularFileIsReplacedByTheStatusFile) {
+TEST_F(MirrorTest, only_a_regular_file_is_replaced_by_the_status_file) {
   const std::string fifo = dir_ / "fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const Ended ended =
@@ -248,7 +248,7 @@ TEST_F(MirrorTest, OnlyARegularFileIsReplacedByTheStatusFile) {
   EXPECT_EQ(mirror->wait().exit, 0);
 }
 
-TEST_F(MirrorTest, WhatTheReplicaDidNotKeepIsSaidWhenItIsClosed) {
+TEST_F(MirrorTest, what_the_replica_did_not_keep_is_said_when_it_is_closed) {
   const WriteBackErrorFs files(dir_ / "replica", WriteBackErrorFs::Says::kAtClose);
   const auto mirror = start();
   fake_.send(create(1, "full", rule_uuid(), 1));
@@ -270,7 +270,7 @@ TEST_F(MirrorTest, WhatTheReplicaDidNotKeepIsSaidWhenItIsClosed) {
   EXPECT_EQ(status()["problems"], 2);
 }
 
-TEST_F(MirrorTest, WhatCannotBeWrittenToTheDiskIsSaidAtTheEnd) {
+TEST_F(MirrorTest, what_cannot_be_written_to_the_disk_is_said_at_the_end) {
   const WriteBackErrorFs files(dir_ / "replica", WriteBackErrorFs::Says::kAtWriteBack);
   const auto mirror = start();
   // Another program's data and file, so no file of mirrord's is closed with an error.
@@ -288,7 +288,7 @@ TEST_F(MirrorTest, WhatCannotBeWrittenToTheDiskIsSaidAtTheEnd) {
   EXPECT_EQ(status()["unkept"], 1);
 }
 
-TEST(StatusFile, WhatIsNotKeptDoesNotTakeItsPlace) {
+TEST(StatusFile, what_is_not_kept_does_not_take_its_place) {
   TemporaryDirectory dir;
   const WriteBackErrorFs files(dir.path(), WriteBackErrorFs::Says::kAtClose);
   const auto written = write_status(dir / "full", {});
@@ -297,7 +297,7 @@ TEST(StatusFile, WhatIsNotKeptDoesNotTakeItsPlace) {
             "cannot write the status file " + (dir / "full") + ": No space left on device");
 }
 
-TEST(StatusFile, WhatIsWrittenInPartIsAnErrorOfItsOwn) {
+TEST(StatusFile, what_is_written_in_part_is_an_error_of_its_own) {
   TemporaryDirectory dir;
   const std::string file = dir / "status";
   MirrorStatus status;
@@ -318,7 +318,7 @@ TEST(StatusFile, WhatIsWrittenInPartIsAnErrorOfItsOwn) {
   EXPECT_EQ(fs::file_size(file), before);
 }
 
-TEST(StatusFile, ThatItCannotBeReadIsSaidAsItIs) {
+TEST(StatusFile, that_it_cannot_be_read_is_said_as_it_is) {
   TemporaryDirectory dir;
   EXPECT_EQ(read_status(dir / "absent").error().text,
             "cannot read the status file " + (dir / "absent") +
@@ -332,7 +332,7 @@ TEST(StatusFile, ThatItCannotBeReadIsSaidAsItIs) {
             (dir / "file") + " is not the status file of a mirrord");
 }
 
-TEST_F(MirrorTest, AnotherUsersMirrordHasNotEnded) {
+TEST_F(MirrorTest, another_users_mirrord_has_not_ended) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
   auto mirror = start();
   fs::permissions(dir_.path(), fs::perms(0755));
@@ -348,7 +348,7 @@ TEST_F(MirrorTest, AnotherUsersMirrordHasNotEnded) {
   EXPECT_EQ(mirror->wait().exit, 0);
 }
 
-TEST_F(MirrorTest, ASourceThatIsNotThereIsNoticed) {
+TEST_F(MirrorTest, a_source_that_is_not_there_is_noticed) {
   Program mirror(MIRRORD_PROGRAM, {"--source", dir_ / "absent", "--replica", dir_ / "replica"},
                  environment_);
   EXPECT_TRUE(fake_.wait_for([](const auto &state) { return state.registered; }));
@@ -358,7 +358,7 @@ TEST_F(MirrorTest, ASourceThatIsNotThereIsNoticed) {
   EXPECT_EQ(ended.err, "mirrord: note: the source " + (dir_ / "absent") + " does not exist here\n");
 }
 
-TEST_F(MirrorTest, ASourceThatIsTheMountIsNoticed) {
+TEST_F(MirrorTest, a_source_that_is_the_mount_is_noticed) {
   fake_.with([&](auto &state) { state.mounts.emplace_back(dir_ / "lower", src_); });
   Program mirror(MIRRORD_PROGRAM, {"--source", src_, "--replica", dir_ / "replica"}, environment_);
   EXPECT_TRUE(fake_.wait_for([](const auto &state) { return state.registered; }));
@@ -371,7 +371,7 @@ TEST_F(MirrorTest, ASourceThatIsTheMountIsNoticed) {
                            (dir_ / "lower") + "\n");
 }
 
-TEST_F(MirrorTest, RulesThatReplicateNothingAreNoticed) {
+TEST_F(MirrorTest, rules_that_replicate_nothing_are_noticed) {
   const auto said = [&](const std::vector<std::string> &more) {
     Ended ended;
     {
@@ -396,7 +396,7 @@ TEST_F(MirrorTest, RulesThatReplicateNothingAreNoticed) {
                           "/absent, which does not exist here\n");
 }
 
-TEST_F(MirrorTest, AHangUpEndsItInOrder) {
+TEST_F(MirrorTest, a_hang_up_ends_it_in_order) {
   const auto mirror = start();
   fake_.send(create(1, "last"));
   mirror->signal(SIGHUP);
@@ -408,7 +408,7 @@ TEST_F(MirrorTest, AHangUpEndsItInOrder) {
       fake_.wait_for([](const auto &state) { return state.received.back() == OX_NL_QUIT; }));
 }
 
-TEST_F(MirrorTest, ThatTheStatusFileCannotBeWrittenAnyMoreIsSaidOnce) {
+TEST_F(MirrorTest, that_the_status_file_cannot_be_written_any_more_is_said_once) {
   fs::create_directory(dir_ / "run state");
   const std::string file = dir_ / "run state/status";
   Program mirror(MIRRORD_PROGRAM,
@@ -431,7 +431,7 @@ TEST_F(MirrorTest, ThatTheStatusFileCannotBeWrittenAnyMoreIsSaidOnce) {
   EXPECT_EQ(std::count(ended.err.begin(), ended.err.end(), '\n'), 1) << ended.err;
 }
 
-TEST_F(MirrorTest, AnEndThatTheModuleDoesNotConfirmIsAProblem) {
+TEST_F(MirrorTest, an_end_that_the_module_does_not_confirm_is_a_problem) {
   auto channel = DaemonChannel::open(tarnd_site(fake_.run_dir()), Claim::kRefuseIfTaken);
   ASSERT_TRUE(channel.ok());
   fake_.with([](auto &state) { state.answers = false; });
@@ -446,7 +446,7 @@ TEST_F(MirrorTest, AnEndThatTheModuleDoesNotConfirmIsAProblem) {
   EXPECT_EQ(mirror.status().problems(), 1u);
 }
 
-TEST_F(MirrorTest, OnlyTheRulesThatWereNamed) {
+TEST_F(MirrorTest, only_the_rules_that_were_named) {
   const auto mirror = start({"--rule", to_string(rule_uuid(2))});
   fake_.send(create(1, "one", rule_uuid(1)));
   fake_.send(create(1, "two", rule_uuid(2)));
@@ -455,7 +455,7 @@ TEST_F(MirrorTest, OnlyTheRulesThatWereNamed) {
   EXPECT_TRUE(fs::exists(replica("two")));
 }
 
-TEST_F(MirrorTest, TheEndOfTarnd) {
+TEST_F(MirrorTest, the_end_of_tarnd) {
   const auto mirror = start();
   fake_.close_daemon_channel();
   const Ended ended = mirror->wait();
@@ -463,7 +463,7 @@ TEST_F(MirrorTest, TheEndOfTarnd) {
   EXPECT_NE(ended.err.find("tarnd has ended"), std::string::npos) << ended.err;
 }
 
-TEST_F(MirrorTest, ASecondOneIsRefusedUnlessToldOtherwise) {
+TEST_F(MirrorTest, a_second_one_is_refused_unless_told_otherwise) {
   const auto first = start();
   const std::vector<std::string> arguments = {"--source", src_, "--replica", dir_ / "replica"};
   const Ended second = run(MIRRORD_PROGRAM, arguments, environment_);
@@ -478,7 +478,7 @@ TEST_F(MirrorTest, ASecondOneIsRefusedUnlessToldOtherwise) {
   EXPECT_EQ(third.wait().exit, 0);
 }
 
-TEST_F(MirrorTest, OneThatCannotBeginDrivesNobodyOff) {
+TEST_F(MirrorTest, one_that_cannot_begin_drives_nobody_off) {
   const auto first = start();
   fs::create_directory(dir_ / "state");
   const Ended second = run(MIRRORD_PROGRAM,
@@ -504,7 +504,7 @@ TEST_F(MirrorTest, OneThatCannotBeginDrivesNobodyOff) {
   EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 6) << "nothing is left over";
 }
 
-TEST_F(MirrorTest, WrongArguments) {
+TEST_F(MirrorTest, wrong_arguments) {
   const auto wrong = [&](const std::vector<std::string> &arguments, int exit,
                          const std::string &text) {
     const Ended ended = run(MIRRORD_PROGRAM, arguments, environment_);
@@ -532,7 +532,7 @@ TEST_F(MirrorTest, WrongArguments) {
       << "it has changed nothing";
 }
 
-TEST_F(MirrorTest, TenThousandRecords) {
+TEST_F(MirrorTest, ten_thousand_records) {
   const auto mirror = start();
   fake_.send(create(1, "f", rule_uuid(), 10001));
   for (std::uint32_t n = 2; n <= 10000; ++n) fake_.send(write_data({n}, src_ + "/f", n, "x"));

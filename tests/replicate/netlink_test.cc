@@ -37,7 +37,7 @@ std::unique_ptr<MessageLink> open_link(int unit) {
   return link.ok() ? std::move(*link) : nullptr;
 }
 
-TEST(NetlinkLink, WhatTheKernelSendsArrives) {
+TEST(NetlinkLink, what_the_kernel_sends_arrives) {
   const auto link = open_link(NETLINK_GENERIC);
   PacketBatch batch;
   ASSERT_TRUE(link->receive(batch).ok());
@@ -54,7 +54,7 @@ TEST(NetlinkLink, WhatTheKernelSendsArrives) {
   EXPECT_EQ(header.nlmsg_pid, static_cast<std::uint32_t>(getpid())) << "the port is the process";
 }
 
-TEST(NetlinkLink, PacketsOfOtherProgramsAreCountedAndNotTaken) {
+TEST(NetlinkLink, packets_of_other_programs_are_counted_and_not_taken) {
   const auto link = open_link(NETLINK_USERSOCK);
   const UniqueFd other(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_USERSOCK));
   sockaddr_nl ours{};
@@ -72,7 +72,7 @@ TEST(NetlinkLink, PacketsOfOtherProgramsAreCountedAndNotTaken) {
   EXPECT_FALSE(batch.closed);
 }
 
-TEST(NetlinkLink, APacketThatIsTooLongIsCountedAndNotTaken) {
+TEST(NetlinkLink, a_packet_that_is_too_long_is_counted_and_not_taken) {
   const auto link = open_link(NETLINK_GENERIC);
   ASSERT_TRUE(link->send(wants_answer(PacketBatch::kPacketMax - 20)).ok());
   Packet refused = wants_answer(PacketBatch::kPacketMax);
@@ -85,7 +85,7 @@ TEST(NetlinkLink, APacketThatIsTooLongIsCountedAndNotTaken) {
   EXPECT_EQ(batch.oversized, 1u);
 }
 
-TEST(NetlinkLink, AnOverrunIsSeenAndWhatCameBeforeItArrives) {
+TEST(NetlinkLink, an_overrun_is_seen_and_what_came_before_it_arrives) {
   const auto link = open_link(NETLINK_GENERIC);
   for (int i = 0; i < 100000; ++i) ASSERT_TRUE(link->send(wants_answer(16)).ok());
   PacketBatch batch;
@@ -101,7 +101,7 @@ TEST(NetlinkLink, AnOverrunIsSeenAndWhatCameBeforeItArrives) {
   EXPECT_LT(packets, 100000u);
 }
 
-TEST(NetlinkLink, OnePerProcess) {
+TEST(NetlinkLink, one_per_process) {
   const auto link = open_link(NETLINK_USERSOCK);
   const auto second = open_netlink_link(NETLINK_USERSOCK);
   ASSERT_FALSE(second.ok());
@@ -109,7 +109,7 @@ TEST(NetlinkLink, OnePerProcess) {
   EXPECT_NE(second.error().text.find(std::to_string(getpid())), std::string::npos);
 }
 
-TEST(NetlinkLink, NobodyAtTheUnit) {
+TEST(NetlinkLink, nobody_at_the_unit) {
   const auto link = open_link(NETLINK_USERSOCK);
   const auto sent = link->send(message(OX_NL_HELO, {}));
   ASSERT_FALSE(sent.ok());
@@ -182,7 +182,7 @@ class KernelChannelTest : public testing::Test {
   std::unique_ptr<DaemonChannel> channel_;
 };
 
-TEST_F(KernelChannelTest, ARequestMakesRoomForItsAnswer) {
+TEST_F(KernelChannelTest, a_request_makes_room_for_its_answer) {
   for (std::uint32_t n = 1; n <= AnsweringLink::kRoom; ++n)
     link_->deliver(name_change(OX_OP_UNLINK, {n}, "/d/f"));
   ASSERT_EQ(*channel_->ask_barrier(), 1u);
@@ -199,14 +199,14 @@ TEST_F(KernelChannelTest, ARequestMakesRoomForItsAnswer) {
   EXPECT_EQ(next, AnsweringLink::kRoom + 1) << "all come before the barrier";
 }
 
-TEST_F(KernelChannelTest, AnOverrunIsALossEvenWithoutTheSignal) {
+TEST_F(KernelChannelTest, an_overrun_is_a_loss_even_without_the_signal) {
   link_->overrun = true;
   link_->wake();
   EXPECT_EQ(lost(), 1u);
   EXPECT_EQ(lost(), 0u);
 }
 
-TEST_F(KernelChannelTest, AnOverrunAndItsSignalAreOneLoss) {
+TEST_F(KernelChannelTest, an_overrun_and_its_signal_are_one_loss) {
   link_->overrun = true;
   link_->wake();
   EXPECT_EQ(lost(), 1u);
@@ -219,7 +219,7 @@ TEST_F(KernelChannelTest, AnOverrunAndItsSignalAreOneLoss) {
   EXPECT_EQ(lost(), 0u);
 }
 
-TEST_F(KernelChannelTest, PacketsOfOthersAreToldOf) {
+TEST_F(KernelChannelTest, packets_of_others_are_told_of) {
   link_->foreign = 3;
   link_->wake();
   const auto got = channel_->receive(Milliseconds(5000));

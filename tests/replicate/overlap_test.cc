@@ -25,7 +25,7 @@ constexpr char kTable[] =
     "8 1 0:42 / /no/over rw - tarn /no/over rw\n"
     "9 1 8:1 /no/src /no/has/it rw - ext4 /dev/sda1 rw\n";
 
-TEST(Overlap, NamesAlone) {
+TEST(Overlap, names_alone) {
   EXPECT_EQ(why("/no/a", "/no/b", ""), "");
   EXPECT_EQ(why("/no/a", "/no/ab", ""), "");
   EXPECT_EQ(why("/no/a", "/no/a", ""), "the replica /no/a is the source /no/a");
@@ -34,7 +34,7 @@ TEST(Overlap, NamesAlone) {
   EXPECT_EQ(why("/no/a/b", "/", ""), "the replica / contains the source /no/a/b");
 }
 
-TEST(Overlap, BindMounts) {
+TEST(Overlap, bind_mounts) {
   EXPECT_EQ(why("/no/src", "/no/bind", kTable),
             "the replica /no/bind lies inside the source /no/src");
   EXPECT_EQ(why("/no/bind/x", "/no/src/sub", kTable),
@@ -46,7 +46,7 @@ TEST(Overlap, BindMounts) {
             "the replica /no/of_disk is shown inside the source /no/src by the mount /no/src/disk");
 }
 
-TEST(Overlap, MountsOfTarn) {
+TEST(Overlap, mounts_of_tarn) {
   EXPECT_EQ(why("/no/src", "/no/m nt/r", kTable),
             "the replica \"/no/m nt/r\" lies inside the source /no/src");
   EXPECT_EQ(why("/no/src/a", "/no/m nt", kTable),

@@ -106,7 +106,7 @@ class ReadAheadTest : public testing::Test {
 };
 
 // More than the socket itself has room for, by far, and less than the limit.
-TEST_F(ReadAheadTest, NobodyWaitsWhileItIsNotAsked) {
+TEST_F(ReadAheadTest, nobody_waits_while_it_is_not_asked) {
   constexpr std::uint32_t kCount = 1500;
   for (std::uint32_t n = 0; n < kCount; ++n) ASSERT_TRUE(send_packet(n)) << n;
   for (std::uint32_t expected = 0; expected < kCount;) {
@@ -118,7 +118,7 @@ TEST_F(ReadAheadTest, NobodyWaitsWhileItIsNotAsked) {
   EXPECT_FALSE(readable(0));
 }
 
-TEST_F(ReadAheadTest, WhatItKeepsIsLimitedAndRoomIsUsedAgain) {
+TEST_F(ReadAheadTest, what_it_keeps_is_limited_and_room_is_used_again) {
   std::uint32_t sent = 0;
   while (sent < 20000 && send_packet(sent)) ++sent;
   EXPECT_GE(sent, 2000u);
@@ -132,7 +132,7 @@ TEST_F(ReadAheadTest, WhatItKeepsIsLimitedAndRoomIsUsedAgain) {
 }
 
 // They come in portions that are not those in which they are asked for.
-TEST_F(ReadAheadTest, PacketsStayUntilTheNextAreAskedFor) {
+TEST_F(ReadAheadTest, packets_stay_until_the_next_are_asked_for) {
   std::uint32_t sent = 0, expected = 0;
   for (const std::uint32_t portion : {50u, 100u, 7u, 64u, 200u}) {
     for (std::uint32_t n = 0; n < portion; ++n) ASSERT_TRUE(send_packet(sent++));
@@ -150,7 +150,7 @@ TEST_F(ReadAheadTest, PacketsStayUntilTheNextAreAskedFor) {
   }
 }
 
-TEST_F(ReadAheadTest, TheTimeOfWhatIsKeptIsWhenItCame) {
+TEST_F(ReadAheadTest, the_time_of_what_is_kept_is_when_it_came) {
   ASSERT_TRUE(send_packet(0));
   ASSERT_TRUE(readable(5000));
   const auto between = PacketBatch::Clock::now();
@@ -166,7 +166,7 @@ TEST_F(ReadAheadTest, TheTimeOfWhatIsKeptIsWhenItCame) {
   EXPECT_GE(batch_.arrived_until, asked);
 }
 
-TEST_F(ReadAheadTest, ALossIsToldOnceAndTheEndComesLast) {
+TEST_F(ReadAheadTest, a_loss_is_told_once_and_the_end_comes_last) {
   losses_ = 1;
   ASSERT_TRUE(send_packet(7));
   ASSERT_TRUE(readable(5000));
@@ -181,14 +181,14 @@ TEST_F(ReadAheadTest, ALossIsToldOnceAndTheEndComesLast) {
   EXPECT_TRUE(readable(0));
 }
 
-TEST_F(ReadAheadTest, SendingDoesNotWaitForReading) {
+TEST_F(ReadAheadTest, sending_does_not_wait_for_reading) {
   const std::byte packet[5] = {};
   EXPECT_TRUE(link_->send(packet).ok());
   std::byte got[16];
   EXPECT_EQ(recv(peer_.get(), got, sizeof(got), 0), 5);
 }
 
-TEST_F(ReadAheadTest, WhatComesWhileItRestsIsReadAfterwards) {
+TEST_F(ReadAheadTest, what_comes_while_it_rests_is_read_afterwards) {
   start(2ms);
   for (std::uint32_t n = 0; n < 100; ++n) {
     ASSERT_TRUE(send_packet(n));
@@ -199,7 +199,7 @@ TEST_F(ReadAheadTest, WhatComesWhileItRestsIsReadAfterwards) {
 }
 
 // poll refuses more descriptors than the process may have. What came before is passed on first.
-TEST_F(ReadAheadTest, ThatItCannotWaitAnyMoreIsTold) {
+TEST_F(ReadAheadTest, that_it_cannot_wait_any_more_is_told) {
   ASSERT_TRUE(send_packet(0));
   EXPECT_EQ(next().packets.size(), 1u);
   rlimit before{};
@@ -223,7 +223,7 @@ TEST_F(ReadAheadTest, ThatItCannotWaitAnyMoreIsTold) {
 }
 
 // Neither while it waits for something to come nor while it rests nor while it waits for room.
-TEST_F(ReadAheadTest, ItEndsWhateverItWaitsFor) {
+TEST_F(ReadAheadTest, it_ends_whatever_it_waits_for) {
   link_.reset();
   start(1h);
   ASSERT_TRUE(send_packet(0));

@@ -59,7 +59,7 @@ class ReplicaTest : public testing::Test {
   std::optional<Replica> replica_;
 };
 
-TEST_F(ReplicaTest, CreateWriteAndWriteAgain) {
+TEST_F(ReplicaTest, create_write_and_write_again) {
   expect(replica_->mkdir("d", 0750), Done::kChanged);
   expect(replica_->create("d/f", 0100640), Done::kChanged);
   EXPECT_EQ(status_of(at("d")).st_mode, mode_t{S_IFDIR | 0750});
@@ -69,7 +69,7 @@ TEST_F(ReplicaTest, CreateWriteAndWriteAgain) {
   EXPECT_EQ(contents(at("d/f")), std::string("hello\0\0x", 8));
 }
 
-TEST_F(ReplicaTest, CreateEmptiesWhatWasThere) {
+TEST_F(ReplicaTest, create_empties_what_was_there) {
   std::ofstream(at("f")) << "old";
   expect(replica_->create("f", 0600), Done::kAlready);
   EXPECT_EQ(contents(at("f")), "");
@@ -78,14 +78,14 @@ TEST_F(ReplicaTest, CreateEmptiesWhatWasThere) {
   EXPECT_EQ(contents(at("f")), "new");
 }
 
-TEST_F(ReplicaTest, AnyBytesInNames) {
+TEST_F(ReplicaTest, any_bytes_in_names) {
   const std::string name = "a b\n\xff\\\"";
   expect(replica_->mkdir(name, 0755), Done::kChanged);
   expect(replica_->create(name + "/" + name, 0644), Done::kChanged);
   EXPECT_TRUE(fs::exists(at(name + "/" + name)));
 }
 
-TEST_F(ReplicaTest, DoingItTwice) {
+TEST_F(ReplicaTest, doing_it_twice) {
   expect(replica_->mkdir("d", 0755), Done::kChanged);
   expect(replica_->mkdir("d", 0755), Done::kAlready);
   expect(replica_->create("f", 0644), Done::kChanged);
@@ -105,7 +105,7 @@ TEST_F(ReplicaTest, DoingItTwice) {
   expect(replica_->rmdir("d"), Done::kAlready);
 }
 
-TEST_F(ReplicaTest, RemovingAFullDirectoryFailsAsItDidBelow) {
+TEST_F(ReplicaTest, removing_a_full_directory_fails_as_it_did_below) {
   expect(replica_->mkdir("d", 0755), Done::kChanged);
   expect(replica_->create("d/f", 0644), Done::kChanged);
   expect(replica_->rmdir("d"), Done::kAlready);
@@ -113,7 +113,7 @@ TEST_F(ReplicaTest, RemovingAFullDirectoryFailsAsItDidBelow) {
   expect_error(replica_->unlink("d"), EISDIR);
 }
 
-TEST_F(ReplicaTest, WhatIsMissing) {
+TEST_F(ReplicaTest, what_is_missing) {
   expect_error(replica_->create("absent/f", 0644), ENOENT);
   expect_error(replica_->write("absent", 0, bytes("x")), ENOENT);
   expect_error(replica_->rename("absent", "f"), ENOENT);
@@ -122,7 +122,7 @@ TEST_F(ReplicaTest, WhatIsMissing) {
   EXPECT_FALSE(fs::exists(at("f")));
 }
 
-TEST_F(ReplicaTest, OpenDescriptorsFollowTheNames) {
+TEST_F(ReplicaTest, open_descriptors_follow_the_names) {
   expect(replica_->create("a", 0644), Done::kChanged);
   expect(replica_->write("a", 0, bytes("one")), Done::kChanged);
   expect(replica_->rename("a", "b"), Done::kChanged);
@@ -141,7 +141,7 @@ TEST_F(ReplicaTest, OpenDescriptorsFollowTheNames) {
   EXPECT_EQ(contents(at("b")), "3");
 }
 
-TEST_F(ReplicaTest, RenamedDirectoriesTakeTheirFilesAlong) {
+TEST_F(ReplicaTest, renamed_directories_take_their_files_along) {
   for (const char *name : {"d", "d/e", "dd"}) expect(replica_->mkdir(name, 0755), Done::kChanged);
   for (const char *name : {"d/e/f", "dd/f"}) expect(replica_->create(name, 0644), Done::kChanged);
   expect(replica_->rename("d", "x"), Done::kChanged);
@@ -158,7 +158,7 @@ TEST_F(ReplicaTest, RenamedDirectoriesTakeTheirFilesAlong) {
   EXPECT_EQ(contents(at("x/e/f")), "moved");
 }
 
-TEST_F(ReplicaTest, MoreFilesThanAreKeptOpen) {
+TEST_F(ReplicaTest, more_files_than_are_kept_open) {
   for (int round = 0; round < 2; ++round) {
     for (int i = 0; i < 300; ++i) {
       const std::string d = "d" + std::to_string(i), f = d + "/f";
@@ -172,7 +172,7 @@ TEST_F(ReplicaTest, MoreFilesThanAreKeptOpen) {
   EXPECT_EQ(contents(at("d7/f")), "xx");
 }
 
-TEST_F(ReplicaTest, WhatWasNotKeptIsToldWhateverAFileIsClosedFor) {
+TEST_F(ReplicaTest, what_was_not_kept_is_told_whatever_a_file_is_closed_for) {
   const WriteBackErrorFs files(dir_ / "replica", WriteBackErrorFs::Says::kAtClose);
   auto replica = std::move(*Replica::open(dir_ / "replica"));  // closes all before that ends
   const auto told = [&] {
@@ -199,7 +199,7 @@ TEST_F(ReplicaTest, WhatWasNotKeptIsToldWhateverAFileIsClosedFor) {
   EXPECT_EQ(told(), nothing) << "said once";
 }
 
-TEST_F(ReplicaTest, Attributes) {
+TEST_F(ReplicaTest, attributes) {
   expect(replica_->create("f", 0644), Done::kChanged);
   expect(replica_->write("f", 0, bytes("content")), Done::kChanged);
   const std::int64_t atime = 1'000'000'000'123'456, mtime = 1'111'111'111'654'321;
@@ -225,7 +225,7 @@ TEST_F(ReplicaTest, Attributes) {
   EXPECT_EQ(s.st_mtim.tv_nsec, 999'999'000);
 }
 
-TEST_F(ReplicaTest, AttributesOfDirectoriesLinksAndTheRoot) {
+TEST_F(ReplicaTest, attributes_of_directories_links_and_the_root) {
   expect(replica_->mkdir("d", 0755), Done::kChanged);
   expect(replica_->symlink("../outside/file", "l"), Done::kChanged);
   const Replica::Attributes times{.atime = 7'000'000, .mtime = 8'000'000};
@@ -242,7 +242,7 @@ TEST_F(ReplicaTest, AttributesOfDirectoriesLinksAndTheRoot) {
   EXPECT_NE(status_of(dir_ / "outside/file").st_mode & 07777, mode_t{0600});
 }
 
-TEST_F(ReplicaTest, Owner) {
+TEST_F(ReplicaTest, owner) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
   expect(replica_->create("f", 0644), Done::kChanged);
   expect(replica_->symlink("f", "l"), Done::kChanged);
@@ -256,7 +256,7 @@ TEST_F(ReplicaTest, Owner) {
   EXPECT_EQ(status_of(at("f")).st_gid, 34u);
 }
 
-TEST_F(ReplicaTest, ReadOnlyFilesAreWritten) {
+TEST_F(ReplicaTest, read_only_files_are_written) {
   expect(replica_->create("f", 0444), Done::kChanged);
   // Many others in between: the descriptor of the creation is gone.
   for (int i = 0; i < 200; ++i)
@@ -266,7 +266,7 @@ TEST_F(ReplicaTest, ReadOnlyFilesAreWritten) {
   EXPECT_EQ(status_of(at("f")).st_mode & 07777, mode_t{0444});
 }
 
-TEST_F(ReplicaTest, SymbolicLinksNeverLeadOutside) {
+TEST_F(ReplicaTest, symbolic_links_never_lead_outside) {
   fs::create_symlink(dir_ / "outside", at("link"));
   fs::create_symlink(dir_ / "outside/file", at("file"));
   fs::create_symlink("../outside", at("relative"));
@@ -292,7 +292,7 @@ TEST_F(ReplicaTest, SymbolicLinksNeverLeadOutside) {
   EXPECT_TRUE(fs::is_symlink(at("hard")));
 }
 
-TEST_F(ReplicaTest, DotDotNeverLeadsOutside) {
+TEST_F(ReplicaTest, dot_dot_never_leads_outside) {
   for (const char *path :
        {"../outside/new", "d/../../outside/new", "..", "./f", "d//f", "/f", "d/"}) {
     expect_error(replica_->create(path, 0644), EXDEV);
@@ -301,14 +301,14 @@ TEST_F(ReplicaTest, DotDotNeverLeadsOutside) {
   EXPECT_EQ(std::distance(fs::directory_iterator(dir_ / "outside"), {}), 1);
 }
 
-TEST_F(ReplicaTest, SpecialFilesAreNotOpened) {
+TEST_F(ReplicaTest, special_files_are_not_opened) {
   ASSERT_EQ(mkfifo(at("fifo").c_str(), 0644), 0);
   expect_error(replica_->write("fifo", 0, bytes("X")), EINVAL);
 }
 
 class WalkTest : public ReplicaTest, public testing::WithParamInterface<WalkMethod> {};
 
-TEST_P(WalkTest, StaysBelow) {
+TEST_P(WalkTest, stays_below) {
   fs::create_directories(at("a/b/c"));
   fs::create_symlink("b", at("a/inside"));
   fs::create_symlink(dir_ / "outside", at("a/outside"));
@@ -334,7 +334,7 @@ INSTANTIATE_TEST_SUITE_P(Methods, WalkTest,
                                                                               : "step_by_step");
                          });
 
-TEST(PlainRelative, Names) {
+TEST(PlainRelative, names) {
   for (const char *path : {"", "a", "a/b", "...", "a/..b", "a./b"})
     EXPECT_TRUE(plain_relative(path)) << path;
   for (const char *path : {"/", "/a", "a/", "a//b", ".", "..", "a/.", "a/../b", "./a"})

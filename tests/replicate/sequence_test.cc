@@ -71,14 +71,14 @@ class SequencerTest : public testing::Test {
   Clock::time_point now_{};
 };
 
-TEST_F(SequencerTest, InOrderNothingWaits) {
+TEST_F(SequencerTest, in_order_nothing_waits) {
   for (std::uint32_t n = 1; n <= 3; ++n) add(n);
   EXPECT_EQ(notes_.take(), "1 2 3");
   EXPECT_FALSE(sequencer_.next_deadline());
   EXPECT_TRUE(sequencer_.holds_nothing());
 }
 
-TEST_F(SequencerTest, EarlyRecordsWaitForThoseBefore) {
+TEST_F(SequencerTest, early_records_wait_for_those_before) {
   add(1);
   add(4);
   add(3);
@@ -89,7 +89,7 @@ TEST_F(SequencerTest, EarlyRecordsWaitForThoseBefore) {
   EXPECT_TRUE(sequencer_.holds_nothing());
 }
 
-TEST_F(SequencerTest, AGapIsDeclaredAfterItsTime) {
+TEST_F(SequencerTest, a_gap_is_declared_after_its_time) {
   add(1);
   add(4);
   EXPECT_EQ(notes_.take(), "1");
@@ -109,7 +109,7 @@ TEST_F(SequencerTest, AGapIsDeclaredAfterItsTime) {
 }
 
 /* Many of them do not keep the records behind them for many times as long. */
-TEST_F(SequencerTest, ARowOfGapsCostsOneWait) {
+TEST_F(SequencerTest, a_row_of_gaps_costs_one_wait) {
   add(1);
   for (std::uint32_t number = 3; number <= 9; number += 2) add(number);
   EXPECT_EQ(notes_.take(), "1");
@@ -117,7 +117,7 @@ TEST_F(SequencerTest, ARowOfGapsCostsOneWait) {
   EXPECT_TRUE(sequencer_.holds_nothing());
 }
 
-TEST_F(SequencerTest, AGapIsDeclaredWhenTooMuchWaits) {
+TEST_F(SequencerTest, a_gap_is_declared_when_too_much_waits) {
   add(1);
   for (std::uint32_t n = 3; n <= 6; ++n) add(n);
   EXPECT_EQ(notes_.take(), "1");
@@ -125,7 +125,7 @@ TEST_F(SequencerTest, AGapIsDeclaredWhenTooMuchWaits) {
   EXPECT_EQ(notes_.take(), "missing2-2 3 4 5 6 7");
 }
 
-TEST_F(SequencerTest, TheFirstRecordIsNotNumberOne) {
+TEST_F(SequencerTest, the_first_record_is_not_number_one) {
   add(12);
   add(11);
   EXPECT_EQ(notes_.take(), "");
@@ -135,13 +135,13 @@ TEST_F(SequencerTest, TheFirstRecordIsNotNumberOne) {
   EXPECT_EQ(notes_.take(), "13");
 }
 
-TEST_F(SequencerTest, NumberOneComesSecond) {
+TEST_F(SequencerTest, number_one_comes_second) {
   add(2);
   add(1);
   EXPECT_EQ(notes_.take(), "1 2");
 }
 
-TEST_F(SequencerTest, DuplicatesAreDropped) {
+TEST_F(SequencerTest, duplicates_are_dropped) {
   add(1);
   add(2);
   add(2);
@@ -149,7 +149,7 @@ TEST_F(SequencerTest, DuplicatesAreDropped) {
   EXPECT_EQ(notes_.take(), "1 2 duplicate2 duplicate1");
 }
 
-TEST_F(SequencerTest, EarlyDuplicatesAreDropped) {
+TEST_F(SequencerTest, early_duplicates_are_dropped) {
   add(1);
   add(3);
   add(3);
@@ -157,7 +157,7 @@ TEST_F(SequencerTest, EarlyDuplicatesAreDropped) {
   EXPECT_EQ(notes_.take(), "1 2 3 duplicate3");
 }
 
-TEST_F(SequencerTest, TheFirstOfAGapComesLateOnce) {
+TEST_F(SequencerTest, the_first_of_a_gap_comes_late_once) {
   add(1);
   add(5);
   EXPECT_EQ(after(std::chrono::seconds(5)), "1 missing2-4 5");
@@ -166,7 +166,7 @@ TEST_F(SequencerTest, TheFirstOfAGapComesLateOnce) {
   EXPECT_EQ(notes_.take(), "2late duplicate2");
 }
 
-TEST_F(SequencerTest, ARuleThatWasMadeAnewBeginsAgain) {
+TEST_F(SequencerTest, a_rule_that_was_made_anew_begins_again) {
   add(1);
   add(2);
   add(4);
@@ -176,7 +176,7 @@ TEST_F(SequencerTest, ARuleThatWasMadeAnewBeginsAgain) {
   EXPECT_EQ(notes_.take(), "2");
 }
 
-TEST_F(SequencerTest, ARuleThatWasMadeAnewBeginsOutOfOrder) {
+TEST_F(SequencerTest, a_rule_that_was_made_anew_begins_out_of_order) {
   for (std::uint32_t n = 1; n <= 5; ++n) add(n);
   notes_.take();
   add(2, kTime + 2);
@@ -185,14 +185,14 @@ TEST_F(SequencerTest, ARuleThatWasMadeAnewBeginsOutOfOrder) {
   EXPECT_EQ(notes_.take(), "1 2");
 }
 
-TEST_F(SequencerTest, ARuleThatWasMadeAnewInTheMiddleOfAWrite) {
+TEST_F(SequencerTest, a_rule_that_was_made_anew_in_the_middle_of_a_write) {
   add(1);
   add_packet(write_data({2}, "/d/f", 0, std::string(10000, 'x'))[0]);
   add(1, kTime + 1);
   EXPECT_EQ(notes_.take(), "1 2.0 pages2.1 restarted2 1");
 }
 
-TEST_F(SequencerTest, ARuleThatWasMadeAnewAfterTheClockWentBack) {
+TEST_F(SequencerTest, a_rule_that_was_made_anew_after_the_clock_went_back) {
   add_of(7, 1);
   add_of(7, 2);
   add_of(9, 1, kTime - 1000);
@@ -205,7 +205,7 @@ TEST_F(SequencerTest, ARuleThatWasMadeAnewAfterTheClockWentBack) {
   EXPECT_EQ(notes_.take(), "1 2 restarted2 1");
 }
 
-TEST_F(SequencerTest, ARuleThatWasMadeAnewIsKnownByAnyOfItsNumbers) {
+TEST_F(SequencerTest, a_rule_that_was_made_anew_is_known_by_any_of_its_numbers) {
   for (std::uint32_t n = 1; n <= 3; ++n) add_of(7, n);
   add_of(9, 5);
   EXPECT_EQ(notes_.take(), "1 2 3 restarted3");
@@ -214,21 +214,21 @@ TEST_F(SequencerTest, ARuleThatWasMadeAnewIsKnownByAnyOfItsNumbers) {
   EXPECT_EQ(after(std::chrono::milliseconds(1)), "missing1-3 4 5");
 }
 
-TEST_F(SequencerTest, ALaterTimeMakesNoRuleAnew) {
+TEST_F(SequencerTest, a_later_time_makes_no_rule_anew) {
   add_of(7, 1);
   add_of(7, 2);
   add_of(7, 1, kTime + 1);
   EXPECT_EQ(notes_.take(), "1 2 duplicate1");
 }
 
-TEST_F(SequencerTest, WhatIsHeldOfAnEarlierLifeIsPassedOnBeforeTheNext) {
+TEST_F(SequencerTest, what_is_held_of_an_earlier_life_is_passed_on_before_the_next) {
   add_of(7, 1);
   add_of(7, 4);
   add_of(9, 1);
   EXPECT_EQ(notes_.take(), "1 missing2-3 4 restarted4 1");
 }
 
-TEST_F(SequencerTest, RecordsOfAnEarlierLifeComeLate) {
+TEST_F(SequencerTest, records_of_an_earlier_life_come_late) {
   add_of(7, 1);
   add_of(7, 3);
   add_of(9, 1);
@@ -243,7 +243,7 @@ TEST_F(SequencerTest, RecordsOfAnEarlierLifeComeLate) {
   EXPECT_EQ(notes_.take(), "2");
 }
 
-TEST_F(SequencerTest, AnEarlierListenersPlaceIsGoneOnFrom) {
+TEST_F(SequencerTest, an_earlier_listeners_place_is_gone_on_from) {
   sequencer_.resume(rule_uuid(), {7, 12});
   EXPECT_EQ(sequencer_.positions().at(rule_uuid()), (Sequencer::Position{7, 12}));
   add_of(7, 13);
@@ -255,7 +255,7 @@ TEST_F(SequencerTest, AnEarlierListenersPlaceIsGoneOnFrom) {
   EXPECT_EQ(after(std::chrono::milliseconds(1)), "missing14-14 15");
 }
 
-TEST_F(SequencerTest, WhatWasSentWhileNobodyListenedIsMissingSoon) {
+TEST_F(SequencerTest, what_was_sent_while_nobody_listened_is_missing_soon) {
   sequencer_.resume(rule_uuid(), {7, 12});
   add_of(7, 16);
   add_of(7, 15);
@@ -263,7 +263,7 @@ TEST_F(SequencerTest, WhatWasSentWhileNobodyListenedIsMissingSoon) {
   EXPECT_EQ(after(std::chrono::milliseconds(1)), "missing13-14 15 16");
 }
 
-TEST_F(SequencerTest, ARuleThatWasMadeAnewWhileNobodyListened) {
+TEST_F(SequencerTest, a_rule_that_was_made_anew_while_nobody_listened) {
   sequencer_.resume(rule_uuid(1), {7, 12});
   add_of(9, 1);
   EXPECT_EQ(notes_.take(), "restarted12 1");
@@ -277,7 +277,7 @@ TEST_F(SequencerTest, ARuleThatWasMadeAnewWhileNobodyListened) {
   EXPECT_EQ(notes_.take(), "restarted12 1");
 }
 
-TEST_F(SequencerTest, AWriteOfWhichPagesAreMissingHasNotBeenDealtWith) {
+TEST_F(SequencerTest, a_write_of_which_pages_are_missing_has_not_been_dealt_with) {
   add(1);
   add_packet(write_data({2}, "/d/f", 0, std::string(10000, 'x'))[0]);
   EXPECT_EQ(sequencer_.positions().at(rule_uuid()), (Sequencer::Position{0, 1}));
@@ -285,7 +285,7 @@ TEST_F(SequencerTest, AWriteOfWhichPagesAreMissingHasNotBeenDealtWith) {
   EXPECT_FALSE(sequencer_.positions().contains(rule_uuid(2)));
 }
 
-TEST_F(SequencerTest, PagesPassAsTheyCome) {
+TEST_F(SequencerTest, pages_pass_as_they_come) {
   const auto pages = write_data({1}, "/d/f", 0, std::string(10000, 'x'));
   add_packet(pages[0]);
   add(2);
@@ -295,7 +295,7 @@ TEST_F(SequencerTest, PagesPassAsTheyCome) {
   EXPECT_EQ(notes_.take(), "1.2 2");
 }
 
-TEST_F(SequencerTest, EarlyPagesWait) {
+TEST_F(SequencerTest, early_pages_wait) {
   const auto pages = write_data({2}, "/d/f", 0, std::string(10000, 'x'));
   add(3);
   add_packet(pages[0]);
@@ -306,14 +306,14 @@ TEST_F(SequencerTest, EarlyPagesWait) {
   EXPECT_EQ(notes_.take(), "2.2 3");
 }
 
-TEST_F(SequencerTest, PagesThatStopShort) {
+TEST_F(SequencerTest, pages_that_stop_short) {
   add_packet(write_data({1}, "/d/f", 0, std::string(10000, 'x'))[0]);
   add(4);
   EXPECT_EQ(notes_.take(), "1.0");
   EXPECT_EQ(after(std::chrono::seconds(5)), "pages1.1 missing2-3 4");
 }
 
-TEST_F(SequencerTest, TheEndPassesOnWhatWaits) {
+TEST_F(SequencerTest, the_end_passes_on_what_waits) {
   add(1);
   add(3);
   add_packet(write_data({4}, "/d/f", 0, std::string(10000, 'x'))[0]);
@@ -323,7 +323,7 @@ TEST_F(SequencerTest, TheEndPassesOnWhatWaits) {
   EXPECT_TRUE(sequencer_.holds_nothing());
 }
 
-TEST_F(SequencerTest, RulesAreCountedApart) {
+TEST_F(SequencerTest, rules_are_counted_apart) {
   add(1, kTime, 1);
   add(1, kTime, 2);
   add(3, kTime, 1);
@@ -332,7 +332,7 @@ TEST_F(SequencerTest, RulesAreCountedApart) {
   EXPECT_EQ(after(std::chrono::seconds(5)), "missing2-2 3");
 }
 
-TEST_F(SequencerTest, NumbersWrap) {
+TEST_F(SequencerTest, numbers_wrap) {
   add(0xfffffffe);
   EXPECT_EQ(after(std::chrono::milliseconds(100)), "joined4294967294 4294967294");
   add(0);
@@ -342,7 +342,7 @@ TEST_F(SequencerTest, NumbersWrap) {
   EXPECT_EQ(notes_.take(), "4294967295 0 1 2");
 }
 
-TEST(Sequencer, AnyOrderWithinTheWindowIsPutRight) {
+TEST(Sequencer, any_order_within_the_window_is_put_right) {
   EXPECT_TRUE(rc::check("blocks of records in random order", [] {
     Notes notes;
     Sequencer sequencer(notes);
@@ -363,7 +363,7 @@ TEST(Sequencer, AnyOrderWithinTheWindowIsPutRight) {
   }));
 }
 
-TEST(Sequencer, WhateverComesNothingIsKeptForEver) {
+TEST(Sequencer, whatever_comes_nothing_is_kept_for_ever) {
   EXPECT_TRUE(rc::check("random numbers and pages", [] {
     Notes notes;
     Sequencer sequencer(notes, {std::chrono::seconds(1), std::chrono::milliseconds(1), 8, 50000});

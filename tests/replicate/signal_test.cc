@@ -16,7 +16,7 @@ bool readable(int fd) {
   return poll(&entry, 1, 0) == 1;
 }
 
-TEST(SignalPipe, SignalsComeOutOneByOne) {
+TEST(SignalPipe, signals_come_out_one_by_one) {
   const auto signals = SignalPipe::open({SIGTERM, SIGUSR1});
   ASSERT_TRUE(signals.ok());
   EXPECT_FALSE(readable((*signals)->fd()));
@@ -33,7 +33,7 @@ TEST(SignalPipe, SignalsComeOutOneByOne) {
   EXPECT_EQ((*signals)->take(), 0);
 }
 
-TEST(SignalPipe, NoneIsLostToAFullPipe) {
+TEST(SignalPipe, none_is_lost_to_a_full_pipe) {
   const auto signals = SignalPipe::open({SIGUSR1});
   constexpr std::uint64_t kMany = 100000;
   for (std::uint64_t i = 0; i < kMany; ++i) raise(SIGUSR1);
@@ -43,7 +43,7 @@ TEST(SignalPipe, NoneIsLostToAFullPipe) {
   EXPECT_EQ((*signals)->take_all(), 1u);
 }
 
-TEST(SignalPipe, WhatTheSignalsDidComesBack) {
+TEST(SignalPipe, what_the_signals_did_comes_back) {
   ASSERT_NE(std::signal(SIGUSR2, SIG_IGN), SIG_ERR);
   {
     const auto signals = SignalPipe::open({SIGUSR2});
@@ -57,7 +57,7 @@ TEST(SignalPipe, WhatTheSignalsDidComesBack) {
   EXPECT_EQ(std::signal(SIGUSR2, SIG_DFL), SIG_IGN);
 }
 
-TEST(LossSignal, OnePerProcess) {
+TEST(LossSignal, one_per_process) {
   auto first = LossSignal::install();
   ASSERT_TRUE(first.ok());
   EXPECT_EQ(LossSignal::install().error().code, -EBUSY);

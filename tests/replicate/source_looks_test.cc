@@ -77,7 +77,7 @@ class SourceLooksTest : public testing::Test {
   std::optional<Applier> applier_;
 };
 
-TEST_F(SourceLooksTest, WhatComesIntoTheRuleIsFetched) {
+TEST_F(SourceLooksTest, what_comes_into_the_rule_is_fetched) {
   fs::create_directories(src("in/new/deep"));
   std::ofstream(src("in/new/f")) << std::string(300'000, 'x');
   fs::create_hard_link(src("in/new/f"), src("in/new/deep/g"));
@@ -97,7 +97,7 @@ TEST_F(SourceLooksTest, WhatComesIntoTheRuleIsFetched) {
   EXPECT_EQ(status(copy("in/new/p")).st_mode, mode_t{S_IFIFO | 0640});
 }
 
-TEST_F(SourceLooksTest, WhatComesInReplacesWhatWasThere) {
+TEST_F(SourceLooksTest, what_comes_in_replaces_what_was_there) {
   std::ofstream(copy("in/f")) << "old";
   fs::create_hard_link(copy("in/f"), copy("in/g"));
   std::ofstream(src("in/f")) << "new";
@@ -111,7 +111,7 @@ TEST_F(SourceLooksTest, WhatComesInReplacesWhatWasThere) {
   EXPECT_TRUE(applier_->take_unexplained(std::chrono::microseconds(0)).empty());
 }
 
-TEST_F(SourceLooksTest, WhatGoesOutOfTheRuleIsRemoved) {
+TEST_F(SourceLooksTest, what_goes_out_of_the_rule_is_removed) {
   std::ofstream(copy("in/d/f")) << "x";
   expect(renamed("in/d", "in/out/d"), Outcome::kApplied);
   EXPECT_FALSE(fs::exists(copy("in/d")));
@@ -122,7 +122,7 @@ TEST_F(SourceLooksTest, WhatGoesOutOfTheRuleIsRemoved) {
   EXPECT_FALSE(fs::exists(copy("in/f")));
 }
 
-TEST_F(SourceLooksTest, TheListsNamePlacesNotDirectories) {
+TEST_F(SourceLooksTest, the_lists_name_places_not_directories) {
   fs::remove_all(src("in"));
   fs::remove_all(copy("in"));
   fs::create_directories(copy("x/out"));
@@ -141,7 +141,7 @@ TEST_F(SourceLooksTest, TheListsNamePlacesNotDirectories) {
   EXPECT_FALSE(fs::exists(copy("in/out"))) << "x/out was included, in/out is not";
 }
 
-TEST_F(SourceLooksTest, ANameOutsideTheRuleIsWatched) {
+TEST_F(SourceLooksTest, a_name_outside_the_rule_is_watched) {
   for (const char *name : {"in/f", "in/g"}) both(name, "old");
   fs::create_hard_link(src("in/f"), src("in/out/f"));
   expect(name_change(OX_OP_LINK, now(), src("in/f"), src("in/out/f")), Outcome::kOutside);
@@ -156,7 +156,7 @@ TEST_F(SourceLooksTest, ANameOutsideTheRuleIsWatched) {
   EXPECT_EQ(status(copy("in")).st_mtim.tv_nsec / 1000, status(src("in")).st_mtim.tv_nsec / 1000);
 }
 
-TEST_F(SourceLooksTest, WhatWasChangedOutsideBeforeTheNextLinkIsSeen) {
+TEST_F(SourceLooksTest, what_was_changed_outside_before_the_next_link_is_seen) {
   both("in/f", "old");
   fs::create_hard_link(src("in/f"), src("in/out/f"));
   expect(name_change(OX_OP_LINK, now(), src("in/f"), src("in/out/f")), Outcome::kOutside);
@@ -167,7 +167,7 @@ TEST_F(SourceLooksTest, WhatWasChangedOutsideBeforeTheNextLinkIsSeen) {
   EXPECT_EQ(contents(copy("in/f")), "new");
 }
 
-TEST_F(SourceLooksTest, WhatWasChangedOutsideBeforeTheLinksRecordCameIsSeen) {
+TEST_F(SourceLooksTest, what_was_changed_outside_before_the_links_record_came_is_seen) {
   both("in/f", "old");
   const Stamp linked = now();
   fs::create_hard_link(src("in/f"), src("in/out/f"));
@@ -177,7 +177,7 @@ TEST_F(SourceLooksTest, WhatWasChangedOutsideBeforeTheLinksRecordCameIsSeen) {
   EXPECT_EQ(contents(copy("in/f")), "new");
 }
 
-TEST_F(SourceLooksTest, ANameThatWentOutWithItsDirectoryIsWatched) {
+TEST_F(SourceLooksTest, a_name_that_went_out_with_its_directory_is_watched) {
   fs::create_directories(src("in/e"));
   fs::create_directories(copy("in/e"));
   both("in/f", "old");
@@ -190,7 +190,7 @@ TEST_F(SourceLooksTest, ANameThatWentOutWithItsDirectoryIsWatched) {
   EXPECT_EQ(contents(copy("in/f")), "new");
 }
 
-TEST_F(SourceLooksTest, WhatCannotBeLookedAtKeepsNothingElseFromIt) {
+TEST_F(SourceLooksTest, what_cannot_be_looked_at_keeps_nothing_else_from_it) {
   both("in/f", "old");
   for (const std::string &root : {src(""), copy("")})
     fs::create_hard_link(root + "in/f", root + "in/g");
@@ -209,7 +209,7 @@ TEST_F(SourceLooksTest, WhatCannotBeLookedAtKeepsNothingElseFromIt) {
   EXPECT_EQ(contents(copy("in/g")), "new");
 }
 
-TEST_F(SourceLooksTest, TheSecondNameOfAWatchedFileIsWatchedWhenTheFirstHasGone) {
+TEST_F(SourceLooksTest, the_second_name_of_a_watched_file_is_watched_when_the_first_has_gone) {
   both("in/f", "old");
   for (const std::string &root : {src(""), copy("")})
     fs::create_hard_link(root + "in/f", root + "in/g");
@@ -224,7 +224,7 @@ TEST_F(SourceLooksTest, TheSecondNameOfAWatchedFileIsWatchedWhenTheFirstHasGone)
   EXPECT_EQ(contents(copy("in/f")), "x");
 }
 
-TEST_F(SourceLooksTest, AWatchedNameThatHasGoneAlreadyIsWatchedToo) {
+TEST_F(SourceLooksTest, a_watched_name_that_has_gone_already_is_watched_too) {
   both("in/f", "old");
   for (const std::string &root : {src(""), copy("")})
     fs::create_hard_link(root + "in/f", root + "in/g");
@@ -237,7 +237,7 @@ TEST_F(SourceLooksTest, AWatchedNameThatHasGoneAlreadyIsWatchedToo) {
   EXPECT_EQ(contents(copy("in/g")), "new");
 }
 
-TEST_F(SourceLooksTest, ANameThatWasGoneBeforeItsLinkCameIsWatched) {
+TEST_F(SourceLooksTest, a_name_that_was_gone_before_its_link_came_is_watched) {
   both("in/f", "old");
   fs::create_directories(src("in/e"));
   expect(renamed("in/out/e", "in/e"), Outcome::kApplied);  // follows the source from now on
@@ -248,7 +248,7 @@ TEST_F(SourceLooksTest, ANameThatWasGoneBeforeItsLinkCameIsWatched) {
   EXPECT_EQ(contents(copy("in/f")), "new");
 }
 
-TEST_F(SourceLooksTest, NamesThatAFetchPartedBecomeOneFileAgain) {
+TEST_F(SourceLooksTest, names_that_a_fetch_parted_become_one_file_again) {
   fs::create_directories(src("in/after"));
   fs::create_directories(copy("in/before"));
   std::ofstream(src("in/d/a")) << "data";
@@ -265,7 +265,7 @@ TEST_F(SourceLooksTest, NamesThatAFetchPartedBecomeOneFileAgain) {
 }
 
 // The name may be another file's already: what is written to that is not for the copy.
-TEST_F(SourceLooksTest, ACopyIsNotTakenForTheFileThatCameAfterIt) {
+TEST_F(SourceLooksTest, a_copy_is_not_taken_for_the_file_that_came_after_it) {
   std::ofstream(src("in/f")) << "old old";
   expect(renamed("in/out/f", "in/f"), Outcome::kApplied);
   std::ofstream(src("in/new")) << "new new";
@@ -275,7 +275,7 @@ TEST_F(SourceLooksTest, ACopyIsNotTakenForTheFileThatCameAfterIt) {
   EXPECT_EQ(contents(copy("in/f")), "new new");
 }
 
-TEST_F(SourceLooksTest, AChangeUnderAnUnknownNameIsLookedFor) {
+TEST_F(SourceLooksTest, a_change_under_an_unknown_name_is_looked_for) {
   for (const char *name : {"in/f", "in/d/g"}) both(name, "old");
   Stamp unplaced = now();
   unplaced.cp = OX_CP_UNPLACED;
@@ -289,7 +289,7 @@ TEST_F(SourceLooksTest, AChangeUnderAnUnknownNameIsLookedFor) {
   EXPECT_EQ(contents(copy("in/f")), "old");
 }
 
-TEST_F(SourceLooksTest, AFileOfUnknownNameThatGetsOneOutsideIsLookedFor) {
+TEST_F(SourceLooksTest, a_file_of_unknown_name_that_gets_one_outside_is_looked_for) {
   for (const char *name : {"in/f", "in/d/g"}) both(name, "old");
   Stamp unplaced = now();
   unplaced.cp = OX_CP_UNPLACED;
@@ -303,7 +303,7 @@ TEST_F(SourceLooksTest, AFileOfUnknownNameThatGetsOneOutsideIsLookedFor) {
   EXPECT_EQ(contents(copy("in/f")), "old");
 }
 
-TEST_F(SourceLooksTest, AnOldRecordOverWhatWasFetchedIsLookedAtAgain) {
+TEST_F(SourceLooksTest, an_old_record_over_what_was_fetched_is_looked_at_again) {
   both("in/f", "old!");
   both("in/d/z", "z");
   for (const std::string &root : {src(""), copy("")})
@@ -326,7 +326,7 @@ TEST_F(SourceLooksTest, AnOldRecordOverWhatWasFetchedIsLookedAtAgain) {
   EXPECT_EQ(contents(copy("in/g")), "new!");
 }
 
-TEST_F(SourceLooksTest, WhatLostRecordsToldOfIsLookedFor) {
+TEST_F(SourceLooksTest, what_lost_records_told_of_is_looked_for) {
   both("in/f", "old");
   both("in/d/gone", "x");
   both("in/d/moved", "y");
@@ -350,7 +350,7 @@ TEST_F(SourceLooksTest, WhatLostRecordsToldOfIsLookedFor) {
   EXPECT_TRUE(fs::exists(copy("in/out")));
 }
 
-TEST_F(SourceLooksTest, WritesTakeTheirTimeFromTheSource) {
+TEST_F(SourceLooksTest, writes_take_their_time_from_the_source) {
   both("in/f", "data");
   const timespec times[] = {{.tv_sec = 1000, .tv_nsec = 0}, {.tv_sec = 2000, .tv_nsec = 3000}};
   for (const char *name : {"in/f", "in"})
@@ -365,7 +365,7 @@ TEST_F(SourceLooksTest, WritesTakeTheirTimeFromTheSource) {
   }
 }
 
-TEST_F(SourceLooksTest, WhatWasChangedIsComparedWhereItIsNow) {
+TEST_F(SourceLooksTest, what_was_changed_is_compared_where_it_is_now) {
   both("in/d/f", "data");
   expect(written(now(), src("in/d/f")), Outcome::kApplied);
   fs::rename(src("in/d"), src("in/e"));
@@ -377,7 +377,7 @@ TEST_F(SourceLooksTest, WhatWasChangedIsComparedWhereItIsNow) {
   EXPECT_EQ(status(copy("in/e/f")).st_mode & 07777, mode_t{0640});
 }
 
-TEST_F(SourceLooksTest, AMissingDirectoryComesWithWhatItHolds) {
+TEST_F(SourceLooksTest, a_missing_directory_comes_with_what_it_holds) {
   fs::create_directories(src("in/new/deep"));
   for (const char *name : {"in/new/g", "in/new/deep/f"}) std::ofstream(src(name)) << "data";
   const auto lost =
@@ -388,7 +388,7 @@ TEST_F(SourceLooksTest, AMissingDirectoryComesWithWhatItHolds) {
 }
 
 // Its records are on their way: to copy it would be done twice.
-TEST_F(SourceLooksTest, WhatIsBeingChangedIsLeftToTheNextLook) {
+TEST_F(SourceLooksTest, what_is_being_changed_is_left_to_the_next_look) {
   both("in/f", "data");
   expect(written(now(), src("in/f")), Outcome::kApplied);
   std::ofstream(src("in/f"), std::ios::app) << " and more";
@@ -398,14 +398,14 @@ TEST_F(SourceLooksTest, WhatIsBeingChangedIsLeftToTheNextLook) {
   EXPECT_EQ(contents(copy("in/f")), "data and more");
 }
 
-TEST_F(SourceLooksTest, WhatTheRuleExcludesIsNotCompared) {
+TEST_F(SourceLooksTest, what_the_rule_excludes_is_not_compared) {
   fs::create_directories(copy("in/out"));
   expect(name_change(OX_OP_CREATE, late(), src("in/out/f"), {}, 0644), Outcome::kApplied);
   look();
   EXPECT_TRUE(fs::exists(copy("in/out/f")));
 }
 
-TEST_F(SourceLooksTest, ALinkOfANamelessFileIsFetched) {
+TEST_F(SourceLooksTest, a_link_of_a_nameless_file_is_fetched) {
   std::ofstream(src("in/f")) << "data";
   Stamp nameless = now();
   nameless.cp = OX_CP_NAMELESS;
@@ -413,7 +413,7 @@ TEST_F(SourceLooksTest, ALinkOfANamelessFileIsFetched) {
   EXPECT_EQ(contents(copy("in/f")), "data");
 }
 
-TEST_F(SourceLooksTest, ARefusedRemovalLeavesTheDirectory) {
+TEST_F(SourceLooksTest, a_refused_removal_leaves_the_directory) {
   ASSERT_EQ(mkfifo(src("in/d/p").c_str(), 0600), 0);
   expect(name_change(OX_OP_RMDIR, now(), src("in/d")), Outcome::kAlready);
   EXPECT_TRUE(fs::is_directory(copy("in/d")));
@@ -427,7 +427,7 @@ TEST_F(SourceLooksTest, ARefusedRemovalLeavesTheDirectory) {
   EXPECT_FALSE(fs::exists(copy("in/d")));
 }
 
-TEST_F(SourceLooksTest, ARefusedTruncationCutsNothing) {
+TEST_F(SourceLooksTest, a_refused_truncation_cuts_nothing) {
   both("in/f", "contents");
   for (const Stamp &when : {now(), late()}) {
     expect(set_attributes(when, {src("in/f"), OX_ATTR_SIZE, 0, 0, 0, 0, 0, 0, 0}),
@@ -436,7 +436,7 @@ TEST_F(SourceLooksTest, ARefusedTruncationCutsNothing) {
   }
 }
 
-TEST_F(SourceLooksTest, ARefusedChangeOfModeOrOwnerChangesNothing) {
+TEST_F(SourceLooksTest, a_refused_change_of_mode_or_owner_changes_nothing) {
   both("in/f", "contents", 0640);
   for (const Stamp &when : {now(), late()}) {
     const auto result = applier_->apply(std::get<Record>(*decode(set_attributes(
@@ -448,7 +448,7 @@ TEST_F(SourceLooksTest, ARefusedChangeOfModeOrOwnerChangesNothing) {
   }
 }
 
-TEST_F(SourceLooksTest, ALaterSizeIsNoRefusal) {
+TEST_F(SourceLooksTest, a_later_size_is_no_refusal) {
   both("in/f", "contents");
   std::ofstream(src("in/f"), std::ios::trunc) << "ab";  // written again since
   expect(set_attributes(now(), {src("in/f"), OX_ATTR_SIZE, 0, 0, 0, 0, 0, 0, 0}),
@@ -458,7 +458,7 @@ TEST_F(SourceLooksTest, ALaterSizeIsNoRefusal) {
   EXPECT_EQ(contents(copy("in/f")), "ab");
 }
 
-TEST_F(SourceLooksTest, SpecialFilesAreMade) {
+TEST_F(SourceLooksTest, special_files_are_made) {
   ASSERT_EQ(mkfifo(src("in/p").c_str(), 0600), 0);
   expect(set_attributes(now(), {src("in/p"), OX_ATTR_MODE, 0600, 0, 0, 0, 0, 0, 0}),
          Outcome::kApplied);
@@ -477,7 +477,7 @@ TEST_F(SourceLooksTest, SpecialFilesAreMade) {
   EXPECT_FALSE(fs::exists(copy("in/f")));
 }
 
-TEST_F(SourceLooksTest, DeviceNodesAreMade) {
+TEST_F(SourceLooksTest, device_nodes_are_made) {
   if (mknod(src("in/n").c_str(), S_IFCHR | 0600, makedev(1, 3)) != 0)
     GTEST_SKIP() << "we may not make device nodes";
   expect(set_attributes(now(), {src("in/n"), OX_ATTR_MODE, 0600, 0, 0, 0, 0, 0, 0}),
@@ -486,7 +486,7 @@ TEST_F(SourceLooksTest, DeviceNodesAreMade) {
   EXPECT_EQ(status(copy("in/n")).st_rdev, makedev(1, 3));
 }
 
-TEST_F(SourceLooksTest, FilesMadeByMknodAreFetched) {
+TEST_F(SourceLooksTest, files_made_by_mknod_are_fetched) {
   ASSERT_EQ(mknod(src("in/f").c_str(), S_IFREG | 0640, 0), 0);
   std::ofstream(src("in/f")) << "data";
   expect(write_data(now(), src("in/f"), 0, "data")[0], Outcome::kApplied);
@@ -494,7 +494,7 @@ TEST_F(SourceLooksTest, FilesMadeByMknodAreFetched) {
   EXPECT_EQ(status(copy("in/f")).st_mode, mode_t{S_IFREG | 0640});
 }
 
-TEST_F(SourceLooksTest, AMissingFileMustBeExplained) {
+TEST_F(SourceLooksTest, a_missing_file_must_be_explained) {
   expect(write_data(now(), src("in/lost"), 0, "x")[0], Outcome::kAlready);
   expect(set_attributes(now(), {src("in/gone"), OX_ATTR_MODE, 0600, 0, 0, 0, 0, 0, 0}),
          Outcome::kAlready);
@@ -507,13 +507,13 @@ TEST_F(SourceLooksTest, AMissingFileMustBeExplained) {
   EXPECT_TRUE(applier_->take_unexplained(std::chrono::microseconds(0)).empty()) << "said once";
 }
 
-TEST_F(SourceLooksTest, AMissingFileIsUnexplainedInTheEnd) {
+TEST_F(SourceLooksTest, a_missing_file_is_unexplained_in_the_end) {
   expect(write_data(now(), src("in/lost"), 0, "x")[0], Outcome::kAlready);
   expect(name_change(OX_OP_UNLINK, late(), src("in/other")), Outcome::kAlready);
   EXPECT_EQ(applier_->take_unexplained().size(), 1u) << "so much later nothing will tell";
 }
 
-TEST_F(SourceLooksTest, TheOwnerOfASymbolicLink) {
+TEST_F(SourceLooksTest, the_owner_of_a_symbolic_link) {
   if (geteuid() != 0) GTEST_SKIP() << "only root can give files away";
   fs::create_symlink("to", src("in/l"));
   ASSERT_EQ(lchown(src("in/l").c_str(), 12, 34), 0);
@@ -522,7 +522,7 @@ TEST_F(SourceLooksTest, TheOwnerOfASymbolicLink) {
   EXPECT_EQ(status(copy("in/l")).st_gid, 34u);
 }
 
-TEST_F(SourceLooksTest, NewBytesLoseASetUserIdThatTheSourceHasNot) {
+TEST_F(SourceLooksTest, new_bytes_lose_a_set_user_id_that_the_source_has_not) {
   both("in/f", "old", 04755);
   ASSERT_EQ(chmod(src("in/f").c_str(), 0755), 0);
   expect(write_data(now(), src("in/f"), 0, "new")[0], Outcome::kApplied);
@@ -533,7 +533,7 @@ TEST_F(SourceLooksTest, NewBytesLoseASetUserIdThatTheSourceHasNot) {
   EXPECT_EQ(status(copy("in/g")).st_mode, mode_t{S_IFREG | 04755});
 }
 
-TEST_F(SourceLooksTest, ASetUserIdModeIsOnlyTakenWithItsBytes) {
+TEST_F(SourceLooksTest, a_set_user_id_mode_is_only_taken_with_its_bytes) {
   both("in/f", "a stranger's program", 0755);
   std::ofstream(src("in/f"), std::ios::trunc) << "root's";
   ASSERT_EQ(chmod(src("in/f").c_str(), 04755), 0);
@@ -544,7 +544,7 @@ TEST_F(SourceLooksTest, ASetUserIdModeIsOnlyTakenWithItsBytes) {
   EXPECT_EQ(contents(copy("in/f")), "root's");
 }
 
-TEST_F(SourceLooksTest, NobodyElseEntersTheReplica) {
+TEST_F(SourceLooksTest, nobody_else_enters_the_replica) {
   struct stat s = status(copy(""));
   ASSERT_EQ(chmod(copy("").c_str(), 0755), 0);
   const auto open = replica_->open_to_others();
@@ -562,7 +562,7 @@ TEST_F(SourceLooksTest, NobodyElseEntersTheReplica) {
   EXPECT_EQ(s.st_mode & 07777, mode_t{0700});
 }
 
-TEST(RuleIncludes, TheLongestDirectoryDecides) {
+TEST(RuleIncludes, the_longest_directory_decides) {
   const RuleDirectories rule{{"/a", "/a/b/c"}, {"/a/b", "/a/x/"}};
   for (const char *path : {"/a", "/a/f", "/a/b/c", "/a/b/c/f", "/a/bc"})
     EXPECT_TRUE(rule_includes(rule, path)) << path;

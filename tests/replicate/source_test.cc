@@ -29,7 +29,7 @@ class SourceTest : public testing::TestWithParam<bool> {
   Source source_{dir_ / "", GetParam()};
 };
 
-TEST_P(SourceTest, FindsTheTargetOfASymbolicLink) {
+TEST_P(SourceTest, finds_the_target_of_a_symbolic_link) {
   fs::create_symlink("../not there", at("link"));
   const auto link = find("link");
   ASSERT_TRUE(link);
@@ -37,7 +37,7 @@ TEST_P(SourceTest, FindsTheTargetOfASymbolicLink) {
   EXPECT_EQ(link->target, "../not there");
 }
 
-TEST_P(SourceTest, AFoundFileIsReadAlthoughItsNameHasGone) {
+TEST_P(SourceTest, a_found_file_is_read_although_its_name_has_gone) {
   fs::create_directory(at("d"));
   std::ofstream(at("d/file")) << "text";
   const auto file = find("d/file");
@@ -50,7 +50,7 @@ TEST_P(SourceTest, AFoundFileIsReadAlthoughItsNameHasGone) {
   EXPECT_STREQ(text, "text");
 }
 
-TEST_P(SourceTest, ListsADirectory) {
+TEST_P(SourceTest, lists_a_directory) {
   fs::create_directories(at("d/e"));
   std::ofstream(at("d/file")) << "text";
   const auto directory = find("d");
@@ -61,7 +61,7 @@ TEST_P(SourceTest, ListsADirectory) {
 }
 
 /* A reader of a FIFO would let a program write to it; a device may act when it is opened. */
-TEST_P(SourceTest, SpecialFilesAreFoundAndNotOpened) {
+TEST_P(SourceTest, special_files_are_found_and_not_opened) {
   ASSERT_EQ(mkfifo(at("fifo").c_str(), 0640), 0);
   ASSERT_EQ(mknod(at("socket").c_str(), S_IFSOCK | 0600, 0), 0);
   const auto fifo = find("fifo"), socket = find("socket");
@@ -72,7 +72,7 @@ TEST_P(SourceTest, SpecialFilesAreFoundAndNotOpened) {
   EXPECT_EQ(errno, ENXIO);
 }
 
-TEST_P(SourceTest, NeverFollowsALink) {
+TEST_P(SourceTest, never_follows_a_link) {
   fs::create_directories(at("d/e"));
   fs::create_symlink("d", at("link"));
   EXPECT_FALSE(find("link/e"));

@@ -33,7 +33,7 @@ class StateTest : public testing::Test {
   const StateFile::Positions positions_{{rule_uuid(1), {7, 12}}, {rule_uuid(2), {0, 0xffffffff}}};
 };
 
-TEST_F(StateTest, WhatWasKeptIsFoundAgain) {
+TEST_F(StateTest, what_was_kept_is_found_again) {
   EXPECT_TRUE(open().read()->empty());
   ASSERT_TRUE(open().write({}).ok());
   ASSERT_TRUE(open().write(positions_).ok());
@@ -42,7 +42,7 @@ TEST_F(StateTest, WhatWasKeptIsFoundAgain) {
   EXPECT_EQ(std::distance(fs::directory_iterator(dir_ / "a/b"), {}), 1) << "nothing is left over";
 }
 
-TEST_F(StateTest, ItBelongsToTheReplicaNotToItsName) {
+TEST_F(StateTest, it_belongs_to_the_replica_not_to_its_name) {
   ASSERT_TRUE(open().write(positions_).ok());
   fs::rename(dir_ / "replica", dir_ / "old");
   fs::create_directory(dir_ / "replica");
@@ -52,7 +52,7 @@ TEST_F(StateTest, ItBelongsToTheReplicaNotToItsName) {
   EXPECT_EQ(*open().read(), positions_);
 }
 
-TEST_F(StateTest, WhatCannotBeReadIsNoFirstStart) {
+TEST_F(StateTest, what_cannot_be_read_is_no_first_start) {
   const StateFile file = open();
   for (const char *text : {"", "{}", "{\"source\": \"/src\"}"}) {
     std::ofstream(file.path()) << text;
@@ -62,7 +62,7 @@ TEST_F(StateTest, WhatCannotBeReadIsNoFirstStart) {
   }
 }
 
-TEST_F(StateTest, ADirectoryThatCannotBeIsSaid) {
+TEST_F(StateTest, a_directory_that_cannot_be_is_said) {
   std::ofstream(dir_ / "file");
   setenv("TARN_STATE_DIR", (dir_ / "file/below").c_str(), 1);
   const auto file = StateFile::open("/src", dir_ / "replica");

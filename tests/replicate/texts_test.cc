@@ -18,7 +18,7 @@ namespace {
 
 using Paths = std::vector<std::string>;
 
-TEST(Uuid, TextForm) {
+TEST(Uuid, text_form) {
   const auto uuid = parse_uuid("0123abCD-4567-89EF-0123-456789abcdef");
   ASSERT_TRUE(uuid);
   EXPECT_EQ(uuid->bytes[0], 0x01);
@@ -31,7 +31,7 @@ TEST(Uuid, TextForm) {
     EXPECT_FALSE(parse_uuid(wrong)) << wrong;
 }
 
-TEST(Uuid, NewOnesDifferAndHoldNoZero) {
+TEST(Uuid, new_ones_differ_and_hold_no_zero) {
   for (int i = 0; i < 200; ++i) {
     const Uuid uuid = *make_uuid();
     EXPECT_EQ(std::count(uuid.bytes.begin(), uuid.bytes.end(), 0), 0);
@@ -40,7 +40,7 @@ TEST(Uuid, NewOnesDifferAndHoldNoZero) {
   }
 }
 
-TEST(Base64, KnownTexts) {
+TEST(Base64, known_texts) {
   EXPECT_EQ(base64_encode(""), "");
   EXPECT_EQ(base64_encode("A"), "QQ==");
   EXPECT_EQ(base64_encode("/a/b"), "L2EvYg==");
@@ -50,13 +50,13 @@ TEST(Base64, KnownTexts) {
     EXPECT_FALSE(base64_decode(wrong)) << wrong;
 }
 
-TEST(Base64, AnyBytesComeBack) {
+TEST(Base64, any_bytes_come_back) {
   EXPECT_TRUE(rc::check("encode and decode", [](const std::string &bytes) {
     RC_ASSERT(base64_decode(base64_encode(bytes)) == bytes);
   }));
 }
 
-TEST(Workdir, SortedWithParentsFirst) {
+TEST(Workdir, sorted_with_parents_first) {
   const auto text = make_workdir({{"/b/c", "/b", "/a b"}, {"/b/c/d"}});
   ASSERT_TRUE(text.ok());
   EXPECT_EQ(*text, base64_encode("/a b") + "," + base64_encode("/b") + "," + base64_encode("/b/c") +
@@ -67,7 +67,7 @@ TEST(Workdir, SortedWithParentsFirst) {
   EXPECT_TRUE(read.broken.empty());
 }
 
-TEST(Workdir, AnyPathsComeBack) {
+TEST(Workdir, any_paths_come_back) {
   EXPECT_TRUE(rc::check("make and read", [] {
     const auto path = rc::gen::map(rc::gen::container<std::string>(rc::gen::nonZero<char>()),
                                    [](std::string name) { return "/" + name; });
@@ -84,7 +84,7 @@ TEST(Workdir, AnyPathsComeBack) {
   }));
 }
 
-TEST(Workdir, Limits) {
+TEST(Workdir, limits) {
   EXPECT_EQ(make_workdir({{}, {"/a"}}).error().code, -EINVAL);
   EXPECT_EQ(make_workdir({{"a"}, {}}).error().code, -EINVAL);
   EXPECT_EQ(make_workdir({{"/a"}, {""}}).error().code, -EINVAL);
@@ -101,14 +101,14 @@ TEST(Workdir, Limits) {
             "several rules");
 }
 
-TEST(Workdir, SeparatorsAndBrokenEntries) {
+TEST(Workdir, separators_and_broken_entries) {
   const ReadWorkdir read = read_workdir(" L2E=,,\r\n!L2Ev\n***,QQ=,!,L2I= ");
   EXPECT_EQ(read.directories.include, (Paths{"/a"}));
   EXPECT_EQ(read.directories.exclude, (Paths{"/a/"}));
   EXPECT_EQ(read.broken, (Paths{"***", "QQ=", "!", "L2I= "}));
 }
 
-TEST(PathBelow, OnlyRealDescendants) {
+TEST(PathBelow, only_real_descendants) {
   EXPECT_EQ(path_below("/src", "/src"), "");
   EXPECT_EQ(path_below("/src", "/src/a/b"), "a/b");
   EXPECT_EQ(path_below("/src", "/srcx"), std::nullopt);
@@ -122,7 +122,7 @@ TEST(PathBelow, OnlyRealDescendants) {
   }));
 }
 
-TEST(MeantLowerPath, OfAPathOfAMountAlone) {
+TEST(MeantLowerPath, of_a_path_of_a_mount_alone) {
   const std::vector<Mount> mounts = {
       {"/data", "/mnt", ""}, {"/other", "/mnt/in", ""}, {"/deep/er", "/deep", ""}};
   EXPECT_EQ(meant_lower_path(mounts, "/mnt"), "/data");
@@ -139,7 +139,7 @@ TEST(MeantLowerPath, OfAPathOfAMountAlone) {
   EXPECT_EQ(meant_lower_path({}, "/x"), std::nullopt);
 }
 
-TEST(Text, Printable) {
+TEST(Text, printable) {
   EXPECT_EQ(printable("/plain/p\xc3\xa4th"), "/plain/p\xc3\xa4th");
   EXPECT_EQ(printable("/a b"), "\"/a b\"");
   EXPECT_EQ(printable(""), "\"\"");
@@ -147,7 +147,7 @@ TEST(Text, Printable) {
             "\"/a\\n\\t\\\"\\\\\\x01\\x7f\\xff\\xc2\\x85\"");
 }
 
-TEST(Text, PrintableIsOneLineOfUtf8AndTellsPathsApart) {
+TEST(Text, printable_is_one_line_of_utf8_and_tells_paths_apart) {
   EXPECT_TRUE(rc::check("any two strings", [](const std::string &a, const std::string &b) {
     RC_ASSERT(valid_utf8(printable(a)));
     RC_ASSERT(printable(a).find('\n') == std::string::npos);
@@ -155,7 +155,7 @@ TEST(Text, PrintableIsOneLineOfUtf8AndTellsPathsApart) {
   }));
 }
 
-TEST(Text, Utf8) {
+TEST(Text, utf8) {
   for (const char *right :
        {"", "a", "\xc3\xa4", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xed\x9f\xbf"})
     EXPECT_TRUE(valid_utf8(right)) << right;
@@ -164,20 +164,20 @@ TEST(Text, Utf8) {
     EXPECT_FALSE(valid_utf8(wrong)) << wrong;
 }
 
-TEST(Text, Json) {
+TEST(Text, json) {
   EXPECT_EQ(json_bytes("/a\n\"b").dump(), R"("/a\n\"b")");
   EXPECT_EQ(json_bytes("/\xff").dump(), R"({"base64":"L/8="})");
   EXPECT_TRUE(rc::check("any bytes can be dumped",
                         [](const std::string &bytes) { json_bytes(bytes).dump(); }));
 }
 
-TEST(Text, OctalEscapes) {
+TEST(Text, octal_escapes) {
   EXPECT_EQ(unescape_octal("/a\\040b\\134c\\012"), "/a b\\c\n");
   EXPECT_EQ(unescape_octal("/a\\04"), "/a\\04");
   EXPECT_EQ(unescape_octal("\\9\\"), "\\9\\");
 }
 
-TEST(Text, Time) {
+TEST(Text, time) {
   EXPECT_EQ(utc_time(0), "1970-01-01 00:00:00.000000");
   EXPECT_EQ(utc_time(951'782'400'000'001), "2000-02-29 00:00:00.000001");
   EXPECT_EQ(utc_time(-1), "1969-12-31 23:59:59.999999");

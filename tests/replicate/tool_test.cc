@@ -49,7 +49,7 @@ class ToolTest : public testing::Test {
   const Words environment_ = {"TARN_RUN_DIR=" + fake_.run_dir()};
 };
 
-TEST_F(ToolTest, RulesFromAddToFlush) {
+TEST_F(ToolTest, rules_from_add_to_flush) {
   fs::create_directory(dir_ / "d");
   good({"rule", "add", kUuid, "--include", dir_ / "d", "/b", "--exclude", dir_ / "d/x"}, "");
   good({"rule", "list"},
@@ -70,7 +70,7 @@ TEST_F(ToolTest, RulesFromAddToFlush) {
   good({"rule", "list"}, "");
 }
 
-TEST_F(ToolTest, RulesAsJson) {
+TEST_F(ToolTest, rules_as_json) {
   good({"rule", "list", "--json"}, "[]\n");
   good({"rule", "add", kUuid, "--include", "/a b", "/\xff"}, "");
   const json rules = json::parse(tarn({"rule", "list", "--json"}).out);
@@ -80,7 +80,7 @@ TEST_F(ToolTest, RulesAsJson) {
   EXPECT_EQ(json::parse(tarn({"rule", "show", kUuid, "--json"}).out), rules[0]);
 }
 
-TEST_F(ToolTest, AnyDirectoryCanBeNamed) {
+TEST_F(ToolTest, any_directory_can_be_named) {
   const Words names = {"[a,b]", "{}", "%%", "a,b", " ", "a\nb", "\xff\xfe", "a=b", "!x"};
   Words arguments = {"rule", "add", kUuid, "--include"}, expected;
   for (const std::string &name : names) {
@@ -94,14 +94,14 @@ TEST_F(ToolTest, AnyDirectoryCanBeNamed) {
   EXPECT_EQ(read_workdir(workdir).directories.include, expected);
 }
 
-TEST_F(ToolTest, DirectoriesAreMadeAbsoluteAndReal) {
+TEST_F(ToolTest, directories_are_made_absolute_and_real) {
   fs::create_directory(dir_ / "real");
   fs::create_directory_symlink("real", dir_ / "link");
   good({"rule", "add", kUuid, "--include", (dir_ / "link/../link/sub/")}, "");
   EXPECT_EQ(tarn({"rule", "list"}).out, std::string(kUuid) + " +" + (dir_ / "real/sub") + "\n");
 }
 
-TEST_F(ToolTest, ReplicatedDirectoriesAndTheDaemonsProgram) {
+TEST_F(ToolTest, replicated_directories_and_the_daemons_program) {
   const auto directory = [&](std::size_t n) {
     return fake_.with(
         [&](auto &state) { return std::string(state.directories.at(n).c_str() + 16); });
@@ -127,7 +127,7 @@ TEST_F(ToolTest, ReplicatedDirectoriesAndTheDaemonsProgram) {
   bad({"dir", "daemon", ""}, 1, "empty");
 }
 
-TEST_F(ToolTest, APathOfTheMountIsNoticed) {
+TEST_F(ToolTest, a_path_of_the_mount_is_noticed) {
   fs::create_directory(dir_ / "lower");
   fs::create_directory(dir_ / "mnt");
   good({"mount", dir_ / "lower", dir_ / "mnt"}, "");
@@ -137,7 +137,7 @@ TEST_F(ToolTest, APathOfTheMountIsNoticed) {
       << ended.err;
 }
 
-TEST_F(ToolTest, ADirectoryThatIsNotThereIsNoticed) {
+TEST_F(ToolTest, a_directory_that_is_not_there_is_noticed) {
   fs::create_directory(dir_ / "here");
   const Ended ended =
       tarn({"rule", "add", kUuid, "--include", dir_ / "here", dir_ / "absent", "--exclude", "/x"});
@@ -145,7 +145,7 @@ TEST_F(ToolTest, ADirectoryThatIsNotThereIsNoticed) {
   EXPECT_EQ(ended.err, "tarn: note: the directory " + (dir_ / "absent") + " does not exist\n");
 }
 
-TEST_F(ToolTest, WrongCommandLines) {
+TEST_F(ToolTest, wrong_command_lines) {
   bad({}, 2, "tarn --help");
   bad({"nonsense"}, 2, "nonsense is not known here: 'tarn --help'");
   bad({"rule", "lst"}, 2, "lst is not known here");
@@ -165,7 +165,7 @@ TEST_F(ToolTest, WrongCommandLines) {
   bad({"rule", "add", kUuid, "--include", longest, longest, longest}, 1, "15999 fit");
 }
 
-TEST_F(ToolTest, Help) {
+TEST_F(ToolTest, help) {
   const Ended ended = tarn({"--help"});
   EXPECT_EQ(ended.exit, 0);
   for (const char *word :
@@ -175,7 +175,7 @@ TEST_F(ToolTest, Help) {
   EXPECT_TRUE(tarn({"--version"}).out.starts_with("tarn "));
 }
 
-TEST_F(ToolTest, MountsComeAndGo) {
+TEST_F(ToolTest, mounts_come_and_go) {
   const std::string lower = dir_ / "lo wer", at = dir_ / "mnt\xff";
   fs::create_directory(lower);
   fs::create_directory(at);
@@ -190,7 +190,7 @@ TEST_F(ToolTest, MountsComeAndGo) {
   bad({"umount", at}, 1, "nothing is mounted at");
 }
 
-TEST_F(ToolTest, Status) {
+TEST_F(ToolTest, status) {
   good({"status"}, "tarnd: running in " + fake_.run_dir() +
                        "\nmount: none; 'tarn mount LOWER MOUNTPOINT' makes one\n"
                        "rule: none; 'tarn rule add --include DIR' makes one\n"
@@ -203,7 +203,7 @@ TEST_F(ToolTest, Status) {
   EXPECT_TRUE(status["daemon_pid"].is_null());
 }
 
-TEST_F(ToolTest, StatusIsThereForThoseWhoMayNotSeeTheRules) {
+TEST_F(ToolTest, status_is_there_for_those_who_may_not_see_the_rules) {
   fake_.with([](auto &state) { state.forced_result = -EPERM; });
   const Ended text = tarn({"status"});
   EXPECT_EQ(text.exit, 0) << text.err;
@@ -216,7 +216,7 @@ TEST_F(ToolTest, StatusIsThereForThoseWhoMayNotSeeTheRules) {
   bad({"status", "--json"}, 1, "rules: Input/output error");
 }
 
-TEST_F(ToolTest, OutputThatCannotBeWrittenIsAnError) {
+TEST_F(ToolTest, output_that_cannot_be_written_is_an_error) {
   fake_.with([](auto &state) { state.log = {"a line"}; });
   for (const char *command : {"rule list --json", "status", "status --json", "log", "--help",
                               "rule add --include /", "dir add /a", "--version"}) {
@@ -238,7 +238,7 @@ TEST_F(ToolTest, OutputThatCannotBeWrittenIsAnError) {
   EXPECT_TRUE(ended.err.starts_with("tarn: cannot write to standard output: ")) << ended.err;
 }
 
-TEST_F(ToolTest, Log) {
+TEST_F(ToolTest, log) {
   fake_.with([](auto &state) { state.log = {"zero", "one", "two", "three"}; });
   good({"log", "--level", "1"},
        "2006-09-20 03:42:06.123456 <0> zero\n2006-09-20 03:42:06.123457 <1> one\n");
@@ -248,7 +248,7 @@ TEST_F(ToolTest, Log) {
   EXPECT_TRUE(eventually([&] { return follow.out().find("four") != std::string::npos; }));
 }
 
-TEST_F(ToolTest, WatchShowsRecords) {
+TEST_F(ToolTest, watch_shows_records) {
   Program watch(TARN_PROGRAM, {"watch"}, environment_);
   ASSERT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() >= 2; }));
   fake_.send(name_change(OX_OP_CREATE, {1}, "/d/a b", {}, 0100644));
@@ -269,7 +269,7 @@ TEST_F(ToolTest, WatchShowsRecords) {
   EXPECT_TRUE(fake_.wait_for([](const auto &state) { return !state.registered; }));
 }
 
-TEST_F(ToolTest, WatchAsJson) {
+TEST_F(ToolTest, watch_as_json) {
   Program watch(TARN_PROGRAM, {"watch", "--json"}, environment_);
   ASSERT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() >= 2; }));
   fake_.send(set_attributes(
@@ -292,7 +292,7 @@ TEST_F(ToolTest, WatchAsJson) {
   EXPECT_EQ(records[2]["event"], "stopped");
 }
 
-TEST_F(ToolTest, WatchEndsInTheMiddleOfAStream) {
+TEST_F(ToolTest, watch_ends_in_the_middle_of_a_stream) {
   Program watch(TARN_PROGRAM, {"watch"}, environment_);
   ASSERT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() >= 2; }));
   std::atomic<bool> ended = false;
@@ -310,7 +310,7 @@ TEST_F(ToolTest, WatchEndsInTheMiddleOfAStream) {
   EXPECT_EQ(watch.wait().exit, 0);
 }
 
-TEST_F(ToolTest, WatchShowsWhatItHeldWhenTarndEnds) {
+TEST_F(ToolTest, watch_shows_what_it_held_when_tarnd_ends) {
   Program watch(TARN_PROGRAM, {"watch"}, environment_);
   ASSERT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() >= 2; }));
   fake_.send(name_change(OX_OP_CREATE, {1}, "/d/a", {}, 0100644));
@@ -323,7 +323,7 @@ TEST_F(ToolTest, WatchShowsWhatItHeldWhenTarndEnds) {
   EXPECT_NE(ended.err.find("tarnd has ended"), std::string::npos) << ended.err;
 }
 
-TEST_F(ToolTest, WatchTakesOverWhenTold) {
+TEST_F(ToolTest, watch_takes_over_when_told) {
   Program first(TARN_PROGRAM, {"watch"}, environment_);
   ASSERT_TRUE(fake_.wait_for([](const auto &state) { return state.received.size() >= 2; }));
   Program second(TARN_PROGRAM, {"watch", "--take-over"}, environment_);
@@ -358,7 +358,7 @@ class NoTarndTest : public testing::Test {
   TemporaryDirectory dir_;
 };
 
-TEST_F(NoTarndTest, CommandsSaySo) {
+TEST_F(NoTarndTest, commands_say_so) {
   for (const Words &arguments : std::vector<Words>{{"status"},
                                                    {"rule", "list"},
                                                    {"rule", "add", "--include", "/a"},
@@ -373,14 +373,14 @@ TEST_F(NoTarndTest, CommandsSaySo) {
   }
 }
 
-TEST_F(NoTarndTest, MountCannotFindIt) {
+TEST_F(NoTarndTest, mount_cannot_find_it) {
   const Ended ended = tarn({"mount", dir_ / "lower", dir_ / "mnt"});
   EXPECT_EQ(ended.exit, 4);
   EXPECT_TRUE(ended.err.starts_with("tarn: tarnd was not found beside " + (dir_ / "bin")))
       << ended.err;
 }
 
-TEST_F(NoTarndTest, MountPassesOnWhyItDidNotStart) {
+TEST_F(NoTarndTest, mount_passes_on_why_it_did_not_start) {
   put_tarnd("echo \"tarnd: cannot do this: $1 $2\" >&2; exit 1\n");
   Ended ended = tarn({"mount", dir_ / "lower", dir_ / "mnt"});
   EXPECT_EQ(ended.exit, 4);

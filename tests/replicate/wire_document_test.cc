@@ -42,7 +42,7 @@ Stamp stamp_of(std::uint32_t wseq) {
   return {.wseq = wseq, .rule = kRule, .generation = kGeneration};
 }
 
-TEST(WireDocument, StructuresGiveTheSameBytes) {
+TEST(WireDocument, structures_give_the_same_bytes) {
   auto given = examples();
   const std::string data(4030, 'x');
   const auto pages = write_data(stamp_of(4), "/data/f", 6, data);
@@ -65,7 +65,7 @@ TEST(WireDocument, StructuresGiveTheSameBytes) {
   EXPECT_EQ(given.size(), built.size());
 }
 
-TEST(WireDocument, ExamplesDecode) {
+TEST(WireDocument, examples_decode) {
   auto given = examples();
   const auto record = [&](const std::string &name) {
     auto message = decode(given[name]);

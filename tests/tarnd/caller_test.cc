@@ -25,7 +25,7 @@ class CallerTaskTest : public BootedTest {
 
 // The reply frees the request. The one here is no valid pointer: to register a callback on it would
 // crash.
-TEST_F(CallerTaskTest, NoInterruptCallbackIsRegisteredAfterTheReply) {
+TEST_F(CallerTaskTest, no_interrupt_callback_is_registered_after_the_reply) {
   CallerTask caller;
   const ActAs act(caller.task());
   const InterruptScope interrupts(caller, reinterpret_cast<fuse_req_t>(1));
@@ -33,7 +33,7 @@ TEST_F(CallerTaskTest, NoInterruptCallbackIsRegisteredAfterTheReply) {
   EXPECT_EQ(wait_for_a_message(), -EAGAIN);
 }
 
-TEST_F(CallerTaskTest, AWaitWithoutAnInterruptScopeTimesOut) {
+TEST_F(CallerTaskTest, a_wait_without_an_interrupt_scope_times_out) {
   CallerTask caller;
   const ActAs act(caller.task());
   EXPECT_EQ(wait_for_a_message(), -EAGAIN);

@@ -13,7 +13,7 @@
 namespace tarnd {
 namespace {
 
-TEST(GuardianTest, ThatItWasKilledIsSaidOnceWithWhatFollows) {
+TEST(GuardianTest, that_it_was_killed_is_said_once_with_what_follows) {
   const auto started = Guardian::start();
   ASSERT_TRUE(started);
   Guardian &guardian = **started;

@@ -32,7 +32,7 @@ int periods_until_decrease(IdleWorkerCount &count) {
   return periods;
 }
 
-TEST(IdleWorkerCount, OneServesAProgramThatWaitsForEachReply) {
+TEST(IdleWorkerCount, one_serves_a_program_that_waits_for_each_reply) {
   IdleWorkerCount count(4);
   EXPECT_EQ(count.target(), 1);
   for (int i = 0; i < 100; i++) {
@@ -43,7 +43,7 @@ TEST(IdleWorkerCount, OneServesAProgramThatWaitsForEachReply) {
   EXPECT_EQ(count.target(), 1);
 }
 
-TEST(IdleWorkerCount, ItGrowsByOneWhileRequestsAreQueuedInHalfOfTheSamples) {
+TEST(IdleWorkerCount, it_grows_by_one_while_requests_are_queued_in_half_of_the_samples) {
   IdleWorkerCount count(4);
   for (int target = 2; target <= 4; target++) {
     add_period(count, kPeriod / 2 - 1);
@@ -55,13 +55,13 @@ TEST(IdleWorkerCount, ItGrowsByOneWhileRequestsAreQueuedInHalfOfTheSamples) {
   EXPECT_EQ(count.target(), 4);
 }
 
-TEST(IdleWorkerCount, ARequestThatAnIdleWorkerIsAboutToTakeIsNotStalled) {
+TEST(IdleWorkerCount, a_request_that_an_idle_worker_is_about_to_take_is_not_stalled) {
   IdleWorkerCount count(4);
   for (int i = 0; i < 4 * kPeriod; i++) count.add(sample(1, 1, true));
   EXPECT_EQ(count.target(), 1);
 }
 
-TEST(IdleWorkerCount, ItDecreasesWhenFewerSufficeInNearlyAllSamples) {
+TEST(IdleWorkerCount, it_decreases_when_fewer_suffice_in_nearly_all_samples) {
   IdleWorkerCount count(4);
   add_period(count, kPeriod);
   for (int i = 0; i < 10; i++) add_low_period(count, kPeriod / 8 + 1);
@@ -70,14 +70,14 @@ TEST(IdleWorkerCount, ItDecreasesWhenFewerSufficeInNearlyAllSamples) {
   EXPECT_EQ(count.target(), 1);
 }
 
-TEST(IdleWorkerCount, AQueuedRequestNeedsAWorkerToo) {
+TEST(IdleWorkerCount, a_queued_request_needs_a_worker_too) {
   IdleWorkerCount count(4);
   add_period(count, kPeriod);
   for (int i = 0; i < 10 * kPeriod; i++) count.add(sample(1, 1, true));
   EXPECT_EQ(count.target(), 2);
 }
 
-TEST(IdleWorkerCount, AfterALullTheOthersAreParkedAtOnce) {
+TEST(IdleWorkerCount, after_a_lull_the_others_are_parked_at_once) {
   IdleWorkerCount count(4);
   for (int i = 0; i < 3; i++) add_period(count, kPeriod);
   ASSERT_EQ(count.target(), 4);
@@ -87,7 +87,7 @@ TEST(IdleWorkerCount, AfterALullTheOthersAreParkedAtOnce) {
   EXPECT_EQ(count.target(), 1);
 }
 
-TEST(IdleWorkerCount, EachPrematureDecreaseDoublesThePatience) {
+TEST(IdleWorkerCount, each_premature_decrease_doubles_the_patience) {
   IdleWorkerCount count(2);
   for (int periods = 2; periods <= IdleWorkerCount::kMaxPatience; periods *= 2) {
     add_period(count, kPeriod);
@@ -97,7 +97,7 @@ TEST(IdleWorkerCount, EachPrematureDecreaseDoublesThePatience) {
   EXPECT_EQ(periods_until_decrease(count), IdleWorkerCount::kMaxPatience);
 }
 
-TEST(IdleWorkerCount, PatienceShrinksWhileOneSuffices) {
+TEST(IdleWorkerCount, patience_shrinks_while_one_suffices) {
   IdleWorkerCount count(2);
   for (int i = 0; i < 5; i++) {
     add_period(count, kPeriod);
@@ -108,7 +108,7 @@ TEST(IdleWorkerCount, PatienceShrinksWhileOneSuffices) {
   EXPECT_EQ(periods_until_decrease(count), 2);
 }
 
-TEST(IdleWorkerCount, TheFirstRequestBehindASlowOneAddsAWorker) {
+TEST(IdleWorkerCount, the_first_request_behind_a_slow_one_adds_a_worker) {
   IdleWorkerCount count(4);
   count.add(sample(1, 0, false, 1));
   EXPECT_EQ(count.target(), 1);
@@ -118,7 +118,7 @@ TEST(IdleWorkerCount, TheFirstRequestBehindASlowOneAddsAWorker) {
   EXPECT_EQ(count.target(), 3);
 }
 
-TEST(IdleWorkerCount, OneProcessorHasASecondForSlowRequestsAlone) {
+TEST(IdleWorkerCount, one_processor_has_a_second_for_slow_requests_alone) {
   IdleWorkerCount count(1);
   for (int i = 0; i < 10; i++) add_period(count, kPeriod);
   EXPECT_EQ(count.target(), 1);
@@ -129,7 +129,7 @@ TEST(IdleWorkerCount, OneProcessorHasASecondForSlowRequestsAlone) {
   EXPECT_EQ(periods_until_decrease(count), 2);
 }
 
-TEST(IdleWorkerCount, ItDoesNotDecreaseWhileARequestIsSlow) {
+TEST(IdleWorkerCount, it_does_not_decrease_while_a_request_is_slow) {
   IdleWorkerCount count(4);
   add_period(count, kPeriod);
   for (int i = 0; i < 10 * kPeriod; i++) count.add(sample(1, 2, false, 1));

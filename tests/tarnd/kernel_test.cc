@@ -14,7 +14,7 @@ namespace {
 
 // The host's limit of descriptors is what bounds them: each directory that was read once, and is
 // remembered, has a file open inside the kernel.
-TEST(KernelTest, UsersOpenMoreFilesThanItsMemoryHasRoomFor) {
+TEST(KernelTest, users_open_more_files_than_its_memory_has_room_for) {
   constexpr size_t kFiles = 30000;
   const auto kernel = Kernel::boot();
   ASSERT_TRUE(kernel);

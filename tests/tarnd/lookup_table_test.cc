@@ -47,7 +47,7 @@ class LookupTableTest : public BootedTest {
   uk_stat stat_{};
 };
 
-TEST_F(LookupTableTest, ANodeIsReferencedUntilItsLookupsAreForgotten) {
+TEST_F(LookupTableTest, a_node_is_referenced_until_its_lookups_are_forgotten) {
   LookupTable table;
   look_up();
   look_up();
@@ -62,7 +62,7 @@ TEST_F(LookupTableTest, ANodeIsReferencedUntilItsLookupsAreForgotten) {
   uk_release(file_);
 }
 
-TEST_F(LookupTableTest, WhatIsForgottenWhileItIsOpenGoesWithTheFile) {
+TEST_F(LookupTableTest, what_is_forgotten_while_it_is_open_goes_with_the_file) {
   LookupTable table;
   table.add_lookup(node_, Kind::kFile);
   table.add_open_file(file_, node_);
@@ -72,7 +72,7 @@ TEST_F(LookupTableTest, WhatIsForgottenWhileItIsOpenGoesWithTheFile) {
   EXPECT_EQ(table.nodes(), 0u);
 }
 
-TEST_F(LookupTableTest, DirectoriesAndOpenFilesAreCounted) {
+TEST_F(LookupTableTest, directories_and_open_files_are_counted) {
   LookupTable table;
   uk_node *root = nullptr, *dir = nullptr;
   ASSERT_EQ(uk_node_at("/", &root), 0);
@@ -95,7 +95,7 @@ TEST_F(LookupTableTest, DirectoriesAndOpenFilesAreCounted) {
   uk_node_put(root, 1);
 }
 
-TEST_F(LookupTableTest, ClearDropsAllReferences) {
+TEST_F(LookupTableTest, clear_drops_all_references) {
   LookupTable table;
   look_up();
   table.add_lookup(node_, Kind::kFile);
@@ -132,7 +132,7 @@ class EvictionTest : public LookupTableTest {
   uk_node *root_ = nullptr;
 };
 
-TEST_F(EvictionTest, EachRoundEvictsOtherNodes) {
+TEST_F(EvictionTest, each_round_evicts_other_nodes) {
   std::set<uk_node *> seen;
   for (int round = 0; round < 100 && seen.size() < kFiles; round++) {
     const auto victims = table_.wait_for_eviction(kFiles - 8);
@@ -144,7 +144,7 @@ TEST_F(EvictionTest, EachRoundEvictsOtherNodes) {
   EXPECT_EQ(seen.size(), kFiles);
 }
 
-TEST_F(EvictionTest, OpenFilesAreNotEvicted) {
+TEST_F(EvictionTest, open_files_are_not_evicted) {
   uk_node *node = nullptr;
   uk_file *file = nullptr;
   ASSERT_EQ(uk_lookup(root_, "file7", &node, &stat_), 0);
@@ -158,7 +158,7 @@ TEST_F(EvictionTest, OpenFilesAreNotEvicted) {
   uk_node_put(node, 1);
 }
 
-TEST_F(EvictionTest, DirectoriesAreNeverEvictedAndCountOnlyAsNodes) {
+TEST_F(EvictionTest, directories_are_never_evicted_and_count_only_as_nodes) {
   for (int i = 0; i < 20; i++) {
     uk_node *dir = nullptr;
     ASSERT_EQ(uk_mkdir(root_, ("dir" + std::to_string(i)).c_str(), 0755, &dir, &stat_), 0);
@@ -171,7 +171,7 @@ TEST_F(EvictionTest, DirectoriesAreNeverEvictedAndCountOnlyAsNodes) {
   for (uk_node *each : *victims) uk_node_put(each, 1);
 }
 
-TEST_F(EvictionTest, TheWaitEndsWhenOneIsAddedOrItIsClosed) {
+TEST_F(EvictionTest, the_wait_ends_when_one_is_added_or_it_is_closed) {
   std::thread adder([this] {
     const Task task(service_identity());
     const ActAs act(task);

@@ -6,7 +6,7 @@
 namespace tarn {
 namespace {
 
-TEST(MountTable, IsReadFromTheKernelsText) {
+TEST(MountTable, is_read_from_the_kernels_text) {
   const auto mounts = read_mount_table(
       "36 35 98:0 /mnt1 /mnt\\0402 rw,nosuid master:1 - ext3 /dev/root rw,errors=continue\n"
       "37 35 0:41 / /mnt\\134 ro,nodev,relatime - fuse.tarn /x - y rw\n"

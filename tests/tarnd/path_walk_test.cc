@@ -9,14 +9,14 @@ namespace {
 constexpr int kOne = 100, kOther = 101;
 constexpr unsigned long kNow = 5, kNextTick = 6, kLater = 1000;
 
-TEST(PathWalkTest, WhatFollowsALookupOfTheSameThreadBelongsToIt) {
+TEST(PathWalkTest, what_follows_a_lookup_of_the_same_thread_belongs_to_it) {
   PathWalk walk;
   EXPECT_FALSE(walk.take(kOne, Step::kLookup, kNow));
   EXPECT_TRUE(walk.take(kOne, Step::kLookup, kNow));
   EXPECT_TRUE(walk.take(kOne, Step::kLast, kNow));
 }
 
-TEST(PathWalkTest, TheLastStepEndsIt) {
+TEST(PathWalkTest, the_last_step_ends_it) {
   PathWalk walk;
   EXPECT_FALSE(walk.take(kOne, Step::kLookup, kNow));
   EXPECT_TRUE(walk.take(kOne, Step::kLast, kNow));
@@ -24,14 +24,14 @@ TEST(PathWalkTest, TheLastStepEndsIt) {
   EXPECT_FALSE(walk.take(kOne, Step::kLookup, kNow));
 }
 
-TEST(PathWalkTest, AnyOtherRequestEndsIt) {
+TEST(PathWalkTest, any_other_request_ends_it) {
   PathWalk walk;
   EXPECT_FALSE(walk.take(kOne, Step::kLookup, kNow));
   EXPECT_FALSE(walk.take(kOne, Step::kNone, kNow));
   EXPECT_FALSE(walk.take(kOne, Step::kLast, kNow));
 }
 
-TEST(PathWalkTest, AnotherThreadsRequestEndsIt) {
+TEST(PathWalkTest, another_threads_request_ends_it) {
   PathWalk walk;
   EXPECT_FALSE(walk.take(kOne, Step::kLookup, kNow));
   EXPECT_FALSE(walk.take(kOther, Step::kLast, kNow));
@@ -41,7 +41,7 @@ TEST(PathWalkTest, AnotherThreadsRequestEndsIt) {
   EXPECT_FALSE(walk.take(kOne, Step::kLast, kNow));
 }
 
-TEST(PathWalkTest, ALaterTickEndsIt) {
+TEST(PathWalkTest, a_later_tick_ends_it) {
   PathWalk walk;
   EXPECT_FALSE(walk.take(kOne, Step::kLookup, kNow));
   EXPECT_FALSE(walk.take(kOne, Step::kLast, kNextTick));
@@ -50,7 +50,7 @@ TEST(PathWalkTest, ALaterTickEndsIt) {
   EXPECT_TRUE(walk.take(kOne, Step::kLast, kLater));
 }
 
-TEST(PathWalkTest, TheHostItselfWalksNoPaths) {
+TEST(PathWalkTest, the_host_itself_walks_no_paths) {
   PathWalk walk;
   EXPECT_FALSE(walk.take(0, Step::kLookup, kNow));
   EXPECT_FALSE(walk.take(0, Step::kLast, kNow));

@@ -12,7 +12,7 @@
 namespace tarnd {
 namespace {
 
-TEST(PeerCount, OneUserHasAFewConnections) {
+TEST(PeerCount, one_user_has_a_few_connections) {
   PeerCount count;
   for (int i = 0; i < PeerCount::kMaxPerUser; i++) EXPECT_TRUE(count.enter(1000));
   EXPECT_FALSE(count.enter(1000));
@@ -22,7 +22,7 @@ TEST(PeerCount, OneUserHasAFewConnections) {
   EXPECT_FALSE(count.enter(1000));
 }
 
-TEST(PeerCount, AllUsersTogetherHaveALimit) {
+TEST(PeerCount, all_users_together_have_a_limit) {
   PeerCount count;
   for (int i = 0; i < PeerCount::kMaxTotal; i++)
     EXPECT_TRUE(count.enter(static_cast<uid_t>(2000 + i)));
@@ -32,7 +32,7 @@ TEST(PeerCount, AllUsersTogetherHaveALimit) {
   EXPECT_FALSE(count.enter(2000));
 }
 
-TEST(LimitedWarning, ABurstIsPrintedAndTheOthersCounted) {
+TEST(LimitedWarning, a_burst_is_printed_and_the_others_counted) {
   LimitedWarning warning;
   const auto start = LimitedWarning::Clock::now();
   for (int i = 0; i < LimitedWarning::kBurst; i++)
@@ -44,7 +44,7 @@ TEST(LimitedWarning, ABurstIsPrintedAndTheOthersCounted) {
   EXPECT_EQ(warning.line("again", start + LimitedWarning::kInterval), "tarnd: again\n");
 }
 
-TEST(LimitedWarning, NoHarmIsDoneWhenStandardErrorCannotBeWritten) {
+TEST(LimitedWarning, no_harm_is_done_when_standard_error_cannot_be_written) {
   const tarn::UniqueFd before(dup(STDERR_FILENO)), unwritable(open("/dev/null", O_RDONLY));
   ASSERT_EQ(dup2(unwritable.get(), STDERR_FILENO), STDERR_FILENO);
   LimitedWarning warning;
@@ -52,7 +52,7 @@ TEST(LimitedWarning, NoHarmIsDoneWhenStandardErrorCannotBeWritten) {
   ASSERT_EQ(dup2(before.get(), STDERR_FILENO), STDERR_FILENO);
 }
 
-TEST(LimitedWarning, NamesCannotEndALineOrSteerATerminal) {
+TEST(LimitedWarning, names_cannot_end_a_line_or_steer_a_terminal) {
   EXPECT_EQ(tarn::escape_controls("a\nb\x1b[2J\x7f\\ \xc3\xa4"),
             "a\\012b\\033[2J\\177\\\\ \xc3\xa4");
 }

@@ -12,7 +12,7 @@
 namespace tarnd {
 namespace {
 
-TEST(ProcessRights, AreReadFromItsStatus) {
+TEST(ProcessRights, are_read_from_its_status) {
   const ProcessRights rights = parse_status(
       "Name:\tGroups: 5\nUid:\t1\t2\t3\t4\nGroups:\t7 42 4294967294 \nCapInh:\t00000000ffffffff\n"
       "CapPrm:\t000001ffffffffff\nCapEff:\t0000018000000406\nSeccomp:\t0\n");
@@ -20,12 +20,12 @@ TEST(ProcessRights, AreReadFromItsStatus) {
   EXPECT_EQ(rights.capabilities, 0x406u);
 }
 
-TEST(ProcessRights, AreNoneWhereNothingIsTold) {
+TEST(ProcessRights, are_none_where_nothing_is_told) {
   EXPECT_EQ(parse_status(""), ProcessRights());
   EXPECT_EQ(parse_status("Name:\tx\nGroups:\t\nCapEff:\n"), ProcessRights());
 }
 
-TEST(ProcessRights, OfThisProgramAreItsOwn) {
+TEST(ProcessRights, of_this_program_are_its_own) {
   std::vector<gid_t> groups(static_cast<size_t>(getgroups(0, nullptr)));
   groups.resize(static_cast<size_t>(getgroups(static_cast<int>(groups.size()), groups.data())));
   std::sort(groups.begin(), groups.end());
@@ -35,7 +35,7 @@ TEST(ProcessRights, OfThisProgramAreItsOwn) {
 }
 
 // A process that has ended, and one that is root in a user name space of its own.
-TEST(ProcessRights, OfOthersAreTheirsHere) {
+TEST(ProcessRights, of_others_are_theirs_here) {
   int ready[2];
   ASSERT_EQ(pipe(ready), 0);
   const pid_t pid = fork();

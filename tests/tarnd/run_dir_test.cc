@@ -52,13 +52,13 @@ class RunDirTest : public testing::Test {
   fs::path base_;
 };
 
-TEST_F(RunDirTest, IsCreatedWithItsMode) {
+TEST_F(RunDirTest, is_created_with_its_mode) {
   const RunDir dir = opened(base_ / "a/run");
   EXPECT_EQ(mode_of(base_ / "a/run"), geteuid() == 0 ? 0755u : 0700u);
 }
 
 // tarnd's own mask is empty.
-TEST_F(RunDirTest, NobodyElseMayWriteToItsParentsOrItsFiles) {
+TEST_F(RunDirTest, nobody_else_may_write_to_its_parents_or_its_files) {
   const mode_t before = umask(0);
   const RunDir dir = opened(base_ / "a/b/run");
   ASSERT_TRUE(dir.write_pid_file());
@@ -68,7 +68,7 @@ TEST_F(RunDirTest, NobodyElseMayWriteToItsParentsOrItsFiles) {
   EXPECT_EQ(mode_of(dir.file(OX_CTL_PID_FILE)), 0644u);
 }
 
-TEST_F(RunDirTest, AProcessIdFileOfSomebodyElseIsReplaced) {
+TEST_F(RunDirTest, a_process_id_file_of_somebody_else_is_replaced) {
   const RunDir dir = opened(base_ / "run");
   std::ofstream other(dir.file(OX_CTL_PID_FILE));
   other << "1\n" << std::flush;
@@ -79,14 +79,14 @@ TEST_F(RunDirTest, AProcessIdFileOfSomebodyElseIsReplaced) {
   EXPECT_EQ(text, std::to_string(getpid()) + "\n");
 }
 
-TEST_F(RunDirTest, SaysWhichParentCannotBeMade) {
+TEST_F(RunDirTest, says_which_parent_cannot_be_made) {
   const auto dir = RunDir::open("/proc/absent/a/run");
   ASSERT_FALSE(dir);
   EXPECT_TRUE(dir.error().text.starts_with("cannot create directory /proc/absent: "))
       << dir.error().text;
 }
 
-TEST_F(RunDirTest, IsHeldByOneAtATime) {
+TEST_F(RunDirTest, is_held_by_one_at_a_time) {
   {
     const RunDir dir = opened(base_ / "run");
     EXPECT_EQ(RunDir::open(base_ / "run").error().code, -EBUSY);
@@ -94,7 +94,7 @@ TEST_F(RunDirTest, IsHeldByOneAtATime) {
   EXPECT_TRUE(RunDir::open(base_ / "run"));
 }
 
-TEST_F(RunDirTest, RefusesWhatIsNoDirectoryOfItsOwn) {
+TEST_F(RunDirTest, refuses_what_is_no_directory_of_its_own) {
   std::ofstream(base_ / "file").put('x');
   EXPECT_EQ(RunDir::open(base_ / "file").error().code, -ENOTDIR);
   fs::create_directory(base_ / "real");
@@ -102,7 +102,7 @@ TEST_F(RunDirTest, RefusesWhatIsNoDirectoryOfItsOwn) {
   EXPECT_EQ(RunDir::open(base_ / "link").error().code, -ENOTDIR);
 }
 
-TEST_F(RunDirTest, SocketsReplaceStaleOnesAndTakeEverybody) {
+TEST_F(RunDirTest, sockets_replace_stale_ones_and_take_everybody) {
   const RunDir dir = opened(base_ / "run");
   { const UniqueFd stale = listening(dir, OX_CTL_SOCKET); }
   const UniqueFd listener = listening(dir, OX_CTL_SOCKET);
@@ -116,13 +116,13 @@ TEST_F(RunDirTest, SocketsReplaceStaleOnesAndTakeEverybody) {
   EXPECT_EQ(connect(client.get(), reinterpret_cast<sockaddr *>(&addr), sizeof(addr)), 0);
 }
 
-TEST_F(RunDirTest, LongPathsHoldSockets) {
+TEST_F(RunDirTest, long_paths_hold_sockets) {
   const RunDir dir = opened(base_ / std::string(150, 'x'));
   EXPECT_TRUE(dir.listen(OX_CTL_SOCKET));
   EXPECT_TRUE(fs::exists(dir.file(OX_CTL_SOCKET)));
 }
 
-TEST_F(RunDirTest, CleanRemovesWhatClientsLookFor) {
+TEST_F(RunDirTest, clean_removes_what_clients_look_for) {
   const RunDir dir = opened(base_ / "run");
   const UniqueFd control = listening(dir, OX_CTL_SOCKET);
   const UniqueFd daemon = listening(dir, OX_CTL_DAEMON_SOCKET);

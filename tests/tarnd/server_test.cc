@@ -68,7 +68,7 @@ char ask(const UniqueFd &fd, char question) {
   return ask(fd, fd, question);
 }
 
-TEST(Server, ServesConnectionsSideBySide) {
+TEST(Server, serves_connections_side_by_side) {
   Listener listener;
   Server server(listener.take(), echo);
   server.start();
@@ -78,7 +78,7 @@ TEST(Server, ServesConnectionsSideBySide) {
   EXPECT_EQ(ask(a, 'a'), 'a');
 }
 
-TEST(Server, StopEndsConnectionsThatWait) {
+TEST(Server, stop_ends_connections_that_wait) {
   Listener listener;
   std::atomic<int> ended = 0;
   Server server(listener.take(), [&](int fd, const Identity &peer) {
@@ -95,7 +95,7 @@ TEST(Server, StopEndsConnectionsThatWait) {
   EXPECT_EQ(ended, 2);
 }
 
-TEST(Server, StopLetsAConnectionSayItsLast) {
+TEST(Server, stop_lets_a_connection_say_its_last) {
   Listener listener;
   Server server(listener.take(), [](int fd, const Identity &peer) {
     auto echoed = echo(fd, peer);
@@ -111,7 +111,7 @@ TEST(Server, StopLetsAConnectionSayItsLast) {
   EXPECT_EQ(last, '!');
 }
 
-TEST(Server, StopEndsConnectionsWhosePeerDoesNotRead) {
+TEST(Server, stop_ends_connections_whose_peer_does_not_read) {
   Listener listener;
   std::atomic<bool> blocked = false;
   Server server(listener.take(), [&](int fd, const Identity &) {
@@ -129,7 +129,7 @@ TEST(Server, StopEndsConnectionsWhosePeerDoesNotRead) {
   server.stop();
 }
 
-TEST(Server, AnErrorEndsItsConnectionOnly) {
+TEST(Server, an_error_ends_its_connection_only) {
   Listener listener;
   Server server(listener.take(), [](int fd, const Identity &) -> Result<void> {
     char c = 0;
@@ -194,7 +194,7 @@ class FullStandardError {
   char filler_[4096] = {};
 };
 
-TEST(Server, StopShutsNothingDownThatHasTheNumberOfARefusedConnection) {
+TEST(Server, stop_shuts_nothing_down_that_has_the_number_of_a_refused_connection) {
   Listener listener;
   Server server(listener.take(), echo);
   server.start();
@@ -222,7 +222,7 @@ TEST(Server, StopShutsNothingDownThatHasTheNumberOfARefusedConnection) {
   }
 }
 
-TEST(Server, StopWithoutStart) {
+TEST(Server, stop_without_start) {
   Listener listener;
   Server server(listener.take(), echo);
   server.stop();

@@ -29,7 +29,7 @@ struct InitAnswer {
   }
 };
 
-TEST(SessionIo, ThePromiseIsMadeWhereItIsUnderstood) {
+TEST(SessionIo, the_promise_is_made_where_it_is_understood) {
   SessionIo io;
   const InitRequest request(7, FUSE_HANDLE_KILLPRIV_V2);
   InitAnswer answer(7);
@@ -38,7 +38,7 @@ TEST(SessionIo, ThePromiseIsMadeWhereItIsUnderstood) {
   EXPECT_EQ(answer.init.flags, unsigned{FUSE_ATOMIC_O_TRUNC | FUSE_HANDLE_KILLPRIV_V2});
 }
 
-TEST(SessionIo, TheFlagsMayBeTheLastOfARequest) {
+TEST(SessionIo, the_flags_may_be_the_last_of_a_request) {
   SessionIo io;
   const InitRequest request(7, FUSE_HANDLE_KILLPRIV_V2);
   InitAnswer answer(7);
@@ -47,7 +47,7 @@ TEST(SessionIo, TheFlagsMayBeTheLastOfARequest) {
   EXPECT_TRUE(answer.init.flags & FUSE_HANDLE_KILLPRIV_V2);
 }
 
-TEST(SessionIo, ItIsNotMadeToAHostThatDoesNotKnowIt) {
+TEST(SessionIo, it_is_not_made_to_a_host_that_does_not_know_it) {
   SessionIo io;
   const InitRequest request(7, FUSE_HANDLE_KILLPRIV);
   InitAnswer answer(7);
@@ -56,7 +56,7 @@ TEST(SessionIo, ItIsNotMadeToAHostThatDoesNotKnowIt) {
   EXPECT_EQ(answer.init.flags, unsigned{FUSE_ATOMIC_O_TRUNC});
 }
 
-TEST(SessionIo, ShortRequestsAndOtherAnswersAreLeftAlone) {
+TEST(SessionIo, short_requests_and_other_answers_are_left_alone) {
   SessionIo io;
   const InitRequest request(7, FUSE_HANDLE_KILLPRIV_V2);
   InitAnswer answer(7);
@@ -73,7 +73,7 @@ TEST(SessionIo, ShortRequestsAndOtherAnswersAreLeftAlone) {
   EXPECT_EQ(failed.init.flags, unsigned{FUSE_ATOMIC_O_TRUNC});
 }
 
-TEST(SessionIo, OnlyTheFirstAnswerIsChanged) {
+TEST(SessionIo, only_the_first_answer_is_changed) {
   SessionIo io;
   const InitRequest request(7, FUSE_HANDLE_KILLPRIV_V2);
   InitAnswer first(7), again(7);

@@ -148,7 +148,7 @@ bool has_processors(int count) {
   return sched_getaffinity(0, sizeof(set), &set) == 0 && CPU_COUNT(&set) >= count;
 }
 
-TEST_F(SessionLoopTest, OneWorkerServesAProgramThatWaitsForEachAnswer) {
+TEST_F(SessionLoopTest, one_worker_serves_a_program_that_waits_for_each_answer) {
   struct {
     Mutex mutex;
     std::set<std::thread::id> ids GUARDED_BY(mutex);
@@ -176,7 +176,7 @@ TEST_F(SessionLoopTest, OneWorkerServesAProgramThatWaitsForEachAnswer) {
   EXPECT_EQ(in_a_row, kInARow);
 }
 
-TEST_F(SessionLoopTest, RequestsThatWaitBringInAnother) {
+TEST_F(SessionLoopTest, requests_that_wait_bring_in_another) {
   if (!has_processors(2)) GTEST_SKIP() << "one processor";
   // Too quick to be slow, and often: each waits until another worker is in here too, but not long.
   struct {
@@ -205,7 +205,7 @@ TEST_F(SessionLoopTest, RequestsThatWaitBringInAnother) {
   EXPECT_GT(more, 0);
 }
 
-TEST_F(SessionLoopTest, SlowRequestsKeepNoOtherFromBeingServed) {
+TEST_F(SessionLoopTest, slow_requests_keep_no_other_from_being_served) {
   Gate gate;
   start([&](fuse_ino_t node) { gate.pass(node); });
   constexpr fuse_ino_t kSlow = 40;
@@ -221,7 +221,7 @@ TEST_F(SessionLoopTest, SlowRequestsKeepNoOtherFromBeingServed) {
   EXPECT_EQ(answered.size(), kSlow);
 }
 
-TEST_F(SessionLoopTest, ASlowRequestAfterALullIsSeenToo) {
+TEST_F(SessionLoopTest, a_slow_request_after_a_lull_is_seen_too) {
   Gate gate;
   start([&](fuse_ino_t node) { gate.pass(node); });
   for (int i = 0; i < 5; i++) {
@@ -235,7 +235,7 @@ TEST_F(SessionLoopTest, ASlowRequestAfterALullIsSeenToo) {
   }
 }
 
-TEST_F(SessionLoopTest, WhatIsInWorkIsFinishedBeforeTheEnd) {
+TEST_F(SessionLoopTest, what_is_in_work_is_finished_before_the_end) {
   Gate gate;
   gate.close_for(1);
   start([&](fuse_ino_t node) { gate.pass(node); });

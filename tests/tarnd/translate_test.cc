@@ -33,7 +33,7 @@ uk_stat sample_stat() {
   return from;
 }
 
-TEST(Translate, Stat) {
+TEST(Translate, stat) {
   const struct stat to = to_stat(sample_stat());
   EXPECT_EQ(to.st_ino, 0x100000001ull);
   EXPECT_EQ(to.st_size, 0x200000002ll);
@@ -53,7 +53,7 @@ TEST(Translate, Stat) {
   EXPECT_EQ(to.st_ctim.tv_nsec, 999999999);
 }
 
-TEST(Translate, WantedAttributes) {
+TEST(Translate, wanted_attributes) {
   struct stat from {};
   from.st_ino = 1;
   from.st_nlink = 2;
@@ -80,7 +80,7 @@ TEST(Translate, WantedAttributes) {
   EXPECT_EQ(to.ctime.nsec, 0u);
 }
 
-TEST(Translate, Statfs) {
+TEST(Translate, statfs) {
   struct uk_statfs from {};
   from.blocks = 0x100000001ull;
   from.bfree = 0x200000002ull;
@@ -108,7 +108,7 @@ TEST(Translate, Statfs) {
   EXPECT_EQ(to.f_frsize, 65536u);
 }
 
-TEST(Translate, EachSetBit) {
+TEST(Translate, each_set_bit) {
   EXPECT_EQ(to_uk_set(0), 0u);
   EXPECT_EQ(to_uk_set(FUSE_SET_ATTR_MODE), unsigned{UK_SET_MODE});
   EXPECT_EQ(to_uk_set(FUSE_SET_ATTR_UID), unsigned{UK_SET_UID});
@@ -125,13 +125,13 @@ TEST(Translate, EachSetBit) {
                                     UK_SET_ATIME_NOW | UK_SET_MTIME_NOW});
 }
 
-TEST(Translate, OpenFlags) {
+TEST(Translate, open_flags) {
   EXPECT_EQ(to_open_flags(O_RDWR | O_CREAT | O_EXCL | O_NOCTTY), O_RDWR);
   EXPECT_EQ(to_open_flags(O_WRONLY | O_TRUNC | O_APPEND), O_WRONLY | O_TRUNC | O_APPEND);
   EXPECT_EQ(to_open_flags(O_DIRECTORY | O_NONBLOCK | O_SYNC), O_DIRECTORY | O_NONBLOCK | O_SYNC);
 }
 
-TEST(Translate, EntryMode) {
+TEST(Translate, entry_mode) {
   EXPECT_EQ(to_entry_mode(DT_REG), static_cast<mode_t>(S_IFREG));
   EXPECT_EQ(to_entry_mode(DT_DIR), static_cast<mode_t>(S_IFDIR));
   EXPECT_EQ(to_entry_mode(DT_LNK), static_cast<mode_t>(S_IFLNK));
@@ -142,7 +142,7 @@ TEST(Translate, EntryMode) {
   EXPECT_EQ(to_entry_mode(DT_UNKNOWN), 0u);
 }
 
-TEST(Translate, Entry) {
+TEST(Translate, entry) {
   auto *node = reinterpret_cast<uk_node *>(0x1230);
   const fuse_entry_param to = to_entry(node, sample_stat());
   EXPECT_EQ(to.ino, 0x1230u);
@@ -152,7 +152,7 @@ TEST(Translate, Entry) {
   EXPECT_EQ(to.entry_timeout, 0);
 }
 
-TEST(Translate, Credentials) {
+TEST(Translate, credentials) {
   Identity who;
   who.pid = 11;
   who.uid = 12;
@@ -174,7 +174,7 @@ TEST(Translate, Credentials) {
   EXPECT_EQ(cred.find_exe(0, nullptr, 0), 18);
 }
 
-TEST(Translate, MountLine) {
+TEST(Translate, mount_line) {
   EXPECT_EQ(to_mount_line("/a\\040b /mnt/c tarn rw,dir=/ab 0 0"), "/a\\040b /mnt/c rw,dir=/ab\n");
   EXPECT_EQ(to_mount_line("/a\\040b /mnt/c tarn rw,noatime,dir=/a b\\x\n0 0 0 0"),
             "/a\\040b /mnt/c rw,noatime,dir=/a\\040b\\134x\\0120\\0400\n");

@@ -4,6 +4,7 @@
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 #include <linux/netlink.h>
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 

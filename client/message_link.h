@@ -70,10 +70,6 @@ class MessageLink {
   /* What the hello of a daemon on this link has for nlmsg_flags. */
   virtual std::uint16_t hello_flags() const { return 0; }
 
-  /* How long a reader may leave what comes on the link after it has received something, so that the
-   * sender need not wake it for every packet. 0: the link holds too little for that. */
-  virtual std::chrono::microseconds rest() const { return {}; }
-
   /* Sends one packet; may wait for room. */
   virtual Result<void> send(Bytes packet) = 0;
 

@@ -4,7 +4,6 @@
 #include <poll.h>
 
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <deque>
@@ -116,15 +115,6 @@ class ReadAhead : public MessageLink {
     return !stopping_ && !closed_ && !error_;
   }
 
-  // Ends early when the thread is to stop.
-  void pause() const {
-    const auto time = link_->rest();
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-    const timespec limit{seconds.count(), std::chrono::nanoseconds(time - seconds).count()};
-    pollfd stop{stop_.read_end.get(), POLLIN, 0};
-    if (time.count() != 0) ppoll(&stop, 1, &limit, nullptr);
-  }
-
   void read() {
     PacketBatch batch;
     while (wait_for_room()) {
@@ -138,7 +128,6 @@ class ReadAhead : public MessageLink {
       } else {
         const auto got = link_->receive(batch);
         enqueue(batch, got);
-        if (!batch.packets.empty()) pause();
       }
     }
   }

@@ -24,9 +24,6 @@ class UnixLink : public MessageLink {
 
   std::uint16_t hello_flags() const override { return OX_CTL_HELO_BATCHED; }
 
-  /* tarnd pays for the wake-up, in the time of those who write. */
-  std::chrono::microseconds rest() const override { return std::chrono::microseconds(250); }
-
   Result<void> send(Bytes packet) override {
     while (::send(socket_.get(), packet.data(), packet.size(), MSG_NOSIGNAL) < 0) {
       if (errno != EINTR) return system_error(errno, "cannot send to the module");

@@ -41,7 +41,8 @@ static constexpr unsigned kReceiveWaitMs = 60'000;
 // Messages per batch.
 static constexpr size_t kMessages = 256;
 // Delay between two batches. Waking the peer costs more than a message, and so does waking the
-// pump.
+// pump: without it writes of 4 KiB take 40 % more of tarnd's processor time. A record that comes
+// after a quiet time is sent at once.
 static constexpr std::chrono::microseconds kBatchDelay{500};
 // Bytes in the netlink socket's receive queue: more than arrive during the delay.
 static constexpr unsigned long kQueueBytes = 1 << 20;

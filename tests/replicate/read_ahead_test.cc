@@ -25,12 +25,10 @@ constexpr std::size_t kPacket = 4096;
 // One end of a pair of sockets as a link. Losses are what the test says they are.
 class SocketLink : public MessageLink {
  public:
-  SocketLink(UniqueFd socket, std::atomic<int> *losses, std::chrono::microseconds rest)
-      : socket_(std::move(socket)), losses_(losses), rest_(rest) {}
+  SocketLink(UniqueFd socket, std::atomic<int> *losses)
+      : socket_(std::move(socket)), losses_(losses) {}
 
   int fd() const override { return socket_.get(); }
-
-  std::chrono::microseconds rest() const override { return rest_; }
 
   Result<void> send(Bytes packet) override {
     if (::send(socket_.get(), packet.data(), packet.size(), 0) < 0)
@@ -54,18 +52,17 @@ class SocketLink : public MessageLink {
  private:
   UniqueFd socket_;
   std::atomic<int> *losses_;
-  const std::chrono::microseconds rest_;
 };
 
 class ReadAheadTest : public testing::Test {
  protected:
-  void SetUp() override { start(0us); }
+  void SetUp() override { start(); }
 
-  void start(std::chrono::microseconds rest) {
+  void start() {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends), 0);
     peer_ = UniqueFd(ends[0]);
-    auto made = read_ahead(std::make_unique<SocketLink>(UniqueFd(ends[1]), &losses_, rest), kLimit);
+    auto made = read_ahead(std::make_unique<SocketLink>(UniqueFd(ends[1]), &losses_), kLimit);
     ASSERT_TRUE(made.ok()) << made.error().text;
     link_ = std::move(*made);
   }
@@ -188,16 +185,6 @@ TEST_F(ReadAheadTest, sending_does_not_wait_for_reading) {
   EXPECT_EQ(recv(peer_.get(), got, sizeof(got), 0), 5);
 }
 
-TEST_F(ReadAheadTest, what_comes_while_it_rests_is_read_afterwards) {
-  start(2ms);
-  for (std::uint32_t n = 0; n < 100; ++n) {
-    ASSERT_TRUE(send_packet(n));
-    const auto &packets = next().packets;
-    ASSERT_EQ(packets.size(), 1u);
-    EXPECT_EQ(number(packets[0]), n);
-  }
-}
-
 // poll refuses more descriptors than the process may have. What came before is passed on first.
 TEST_F(ReadAheadTest, that_it_cannot_wait_any_more_is_told) {
   ASSERT_TRUE(send_packet(0));
@@ -222,16 +209,10 @@ TEST_F(ReadAheadTest, that_it_cannot_wait_any_more_is_told) {
   EXPECT_TRUE(batch_.packets.empty());
 }
 
-// Neither while it waits for something to come nor while it rests nor while it waits for room.
+// Neither while it waits for something to come nor while it waits for room.
 TEST_F(ReadAheadTest, it_ends_whatever_it_waits_for) {
   link_.reset();
-  start(1h);
-  ASSERT_TRUE(send_packet(0));
-  EXPECT_EQ(next().packets.size(), 1u);
-  ASSERT_TRUE(send_packet(1));
-  EXPECT_FALSE(readable(100));  // it rests
-  link_.reset();
-  start(0us);
+  start();
   for (std::uint32_t n = 0; send_packet(n); ++n) {
   }
   link_.reset();

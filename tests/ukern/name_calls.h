@@ -1,35 +1,14 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * What a program does with names, for cases that run inside the kernel: each call returns 0 or
- * -errno. And who does it: as_user makes the task an unprivileged user for a scope.
+ * -errno. As whom: as_user.h.
  */
 #ifndef TESTS_UKERN_NAME_CALLS_H
 #define TESTS_UKERN_NAME_CALLS_H
 
 #include "module/kernel.h"
+#include "tests/ukern/as_user.h"
 #include <linux/fcntl.h>
-
-class as_user {
- public:
-  as_user(uid_t uid, gid_t gid)
-      : uid_(current->fsuid), gid_(current->fsgid), cap_(current->cap_effective) {
-    current->fsuid = uid;
-    current->fsgid = gid;
-    cap_clear(current->cap_effective);
-  }
-  ~as_user() {
-    current->fsuid = uid_;
-    current->fsgid = gid_;
-    current->cap_effective = cap_;
-  }
-  as_user(const as_user &) = delete;
-  as_user &operator=(const as_user &) = delete;
-
- private:
-  uid_t uid_;
-  gid_t gid_;
-  kernel_cap_t cap_;
-};
 
 /* Kernel buffers are what read and write are given for as long as this stands. */
 class kernel_buffers {
@@ -65,10 +44,10 @@ class new_name {
   new_name &operator=(const new_name &) = delete;
 
   int error() const { return error_; }
-  struct inode *dir() {
+  struct inode *dir() const {
     return nd_.dentry->d_inode;
   }
-  struct dentry *dentry() {
+  struct dentry *dentry() const {
     return dentry_;
   }
   struct nameidata *nd() {

@@ -17,9 +17,13 @@ class open_file {
   open_file &operator=(const open_file &) = delete;
 
   int error() const { return IS_ERR(file_) ? (int)PTR_ERR(file_) : 0; }
-  struct file *get() {
+  struct file *get() const {
     return file_;
   }
+  struct file *operator->() const {
+    return file_;
+  }
+  const struct file_operations *ops() const { return file_->f_op; }
   struct inode *inode() {
     return file_->f_dentry->d_inode;
   }

@@ -4,20 +4,12 @@
 #include <asm/uaccess.h>
 
 #include "tests/harness/case.h"
+#include "tests/ukern/name_calls.h"
 
 namespace {
 
 // An address of a kernel's, as far as any program is concerned.
 char kernel_memory[64] = "kernel";
-
-class KernelLimit {
- public:
-  KernelLimit() : old_(get_fs()) { set_fs(KERNEL_DS); }
-  ~KernelLimit() { set_fs(old_); }
-
- private:
-  mm_segment_t old_;
-};
 
 }  // namespace
 
@@ -40,7 +32,7 @@ CASE(uaccess, kernel_memory_is_out_of_a_programs_reach) {
 }
 
 CASE(uaccess, kernel_limit_reaches_everything) {
-  KernelLimit limit;
+  kernel_buffers limit;
   char buf[8];
   EXPECT_TRUE(access_ok(VERIFY_READ, kernel_memory, 8));
   EXPECT_EQ(copy_from_user(buf, kernel_memory, 7), 0ul);

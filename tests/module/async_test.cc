@@ -2,7 +2,7 @@
 // Requests that are asynchronous, or that the lower file system only queues: through the layer's
 // page cache, straight to a lower file, and by the direct I/O that programs reach only when they
 // set the flag while a call is under way.
-#include "tests/module/kernel_file.h"
+#include "tests/ukern/open_file.h"
 #include "tests/module/lower_kinds.h"
 #include "tests/ukern/debug/submission.h"
 #include "tests/ukern/threads.h"
@@ -14,11 +14,6 @@ namespace {
 constexpr unsigned kBlock = 512;
 constexpr unsigned long long kCookie = 4321;
 
-struct super_block *lower_sb() {
-  const test_walk lower("/lower");
-  return lower.dentry()->d_sb;
-}
-
 void complete_one(void *sb) {
   memfs_complete(static_cast<struct super_block *>(sb));
 }
@@ -26,7 +21,7 @@ void complete_one(void *sb) {
 // The lower file system's device, which does one request that is queued.
 class device {
  public:
-  device() { EXPECT_TRUE(thread_team_start(&team_, 1, complete_one, lower_sb())); }
+  device() { EXPECT_TRUE(thread_team_start(&team_, 1, complete_one, lower_super())); }
   ~device() { thread_team_wait(&team_, 1); }
   device(const device &) = delete;
   device &operator=(const device &) = delete;
@@ -81,7 +76,7 @@ struct direct_mount {
 
   explicit direct_mount(const char *lower_options) : mount(lower_options) {
     put_blocks("/lower/f");
-    EXPECT_EQ(test_add_rule('r', "/lower"), 0);
+    EXPECT_EQ(install_rule('r', "/lower"), 0);
   }
   ~direct_mount() { do_flush(0); }
 
@@ -90,13 +85,13 @@ struct direct_mount {
     return vfs_write(file, static_cast<const char __user *>(data.get()), size, &pos);
   }
   void expect_captured(unsigned size, unsigned long long off) {
-    const struct test_record &record = daemon.next();
+    const test_message &record = daemon.next();
     EXPECT_EQ(record.op(), OX_OP_WRITE);
     EXPECT_EQ(record.wr()->off, off);
     EXPECT_EQ(record.wr()->dlen2, size);
     expect_nothing_captured();
   }
-  void expect_nothing_captured() { EXPECT_EQ(daemon.next().type, -1); }
+  void expect_nothing_captured() { EXPECT_TRUE(daemon.idle()); }
 };
 
 // The bytes of a file that are not `mark`, of the `size` from `pos` on. What is direct passes the
@@ -116,7 +111,7 @@ unsigned others(const char *path, char mark, unsigned size, unsigned long long p
 // Whatever is below: one event for each, at once, with the count.
 LOWER_CASE(asynchronous_requests) {
   put_blocks("/lower/d/f");
-  kernel_file file("/mnt/d/f", O_RDWR);
+  open_file file("/mnt/d/f", O_RDWR);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   submission program;
   test_buffer block(kBlock);
@@ -134,13 +129,13 @@ LOWER_CASE(asynchronous_requests) {
   EXPECT_EQ(program.context()->reqs_active, 0);
   EXPECT_EQ(atomic_read(&file->f_count), 1);
   EXPECT_EQ(mount.daemon().next().op(), OX_OP_WRITE);
-  EXPECT_EQ(mount.daemon().next().type, -1);
+  EXPECT_TRUE(mount.daemon().idle());
 }
 
 // The lower direct_IO tells of the request itself, so that nobody above does it again.
 LOWER_CASE(asynchronous_direct_read) {
   put_blocks("/lower/d/f");
-  kernel_file file("/mnt/d/f", O_RDONLY);
+  open_file file("/mnt/d/f", O_RDONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   submission program;
   test_buffer block(kBlock);
@@ -163,7 +158,7 @@ LOWER_CASE(asynchronous_direct_read) {
 
 MODULE_CASE(async, queued_direct_read_is_told_by_the_lower_file_system) {
   direct_mount mount("queue");
-  kernel_file file("/mnt/f", O_RDONLY);
+  open_file file("/mnt/f", O_RDONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   submission program;
   test_buffer block(kBlock);
@@ -191,7 +186,7 @@ MODULE_CASE(async, queued_direct_read_is_told_by_the_lower_file_system) {
 
 MODULE_CASE(async, queued_direct_read_is_waited_for_by_a_caller_that_waits) {
   direct_mount mount("queue");
-  kernel_file file("/mnt/f", O_RDONLY);
+  open_file file("/mnt/f", O_RDONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   test_buffer block(kBlock);
   const device device;
@@ -206,7 +201,7 @@ MODULE_CASE(async, queued_direct_read_is_waited_for_by_a_caller_that_waits) {
 // Over NFS a read is the lower file's, whose queue the layer waits for.
 MODULE_CASE(async, queued_read_of_the_lower_file_is_waited_for) {
   direct_mount mount("nfs,queue");
-  kernel_file file("/mnt/f", O_RDONLY);
+  open_file file("/mnt/f", O_RDONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   tarn_lower_file(file.get())->f_flags |= O_DIRECT;
   const test_walk lower("/lower/f");
@@ -225,7 +220,7 @@ MODULE_CASE(async, queued_read_of_the_lower_file_is_waited_for) {
 // the submission included, and what it then takes for the result is what the program has attached.
 MODULE_CASE(async, queued_read_of_the_lower_file_holds_its_submission_up) {
   direct_mount mount("nfs,queue");
-  kernel_file file("/mnt/f", O_RDONLY);
+  open_file file("/mnt/f", O_RDONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   tarn_lower_file(file.get())->f_flags |= O_DIRECT;
   static struct task_struct *submitter;
@@ -258,7 +253,7 @@ MODULE_CASE(async, queued_read_of_the_lower_file_holds_its_submission_up) {
             });
       },
       nullptr));
-  memfs_complete(lower_sb());
+  memfs_complete(lower_super());
   EXPECT_EQ(program.next().res, static_cast<long long>(kBlock));
   const auto waits = [] {
     return __atomic_load_n(&submitter->state, __ATOMIC_ACQUIRE) == TASK_UNINTERRUPTIBLE;
@@ -274,7 +269,7 @@ MODULE_CASE(async, queued_read_of_the_lower_file_holds_its_submission_up) {
 
 MODULE_CASE(async, write_that_appends_is_captured_where_it_landed) {
   direct_mount mount("");
-  kernel_file file("/mnt/f", O_WRONLY | O_APPEND);
+  open_file file("/mnt/f", O_WRONLY | O_APPEND);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   submission program;
   {
@@ -287,11 +282,11 @@ MODULE_CASE(async, write_that_appends_is_captured_where_it_landed) {
 
 MODULE_CASE(async, write_that_becomes_direct_is_captured) {
   direct_mount mount("");
-  kernel_file file("/mnt/f", O_WRONLY);
+  open_file file("/mnt/f", O_WRONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   const direct_meanwhile direct(file.get());
   EXPECT_EQ(mount.write(file.get(), kBlock, kBlock), static_cast<long>(kBlock));
-  EXPECT_EQ(memfs_calls(lower_sb(), MEMFS_OP_DIRECT_IO), 1ul);
+  EXPECT_EQ(memfs_calls(lower_super(), MEMFS_OP_DIRECT_IO), 1ul);
   mount.expect_captured(kBlock, kBlock);
   EXPECT_EQ(others("/lower/f", 'a', kBlock, 0), 0u);
   EXPECT_EQ(others("/lower/f", 'N', kBlock, kBlock), 0u);
@@ -300,13 +295,13 @@ MODULE_CASE(async, write_that_becomes_direct_is_captured) {
 // What the lower direct_IO left over goes through the page cache, and all of it is one write.
 MODULE_CASE(async, rest_of_a_short_direct_write_goes_through_the_cache) {
   direct_mount mount("short");
-  kernel_file file("/mnt/f", O_WRONLY);
+  open_file file("/mnt/f", O_WRONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   {
     const direct_meanwhile direct(file.get());
     EXPECT_EQ(mount.write(file.get(), 2 * kBlock, 0), 2l * kBlock);
   }
-  EXPECT_EQ(memfs_calls(lower_sb(), MEMFS_OP_DIRECT_IO), 1ul);
+  EXPECT_EQ(memfs_calls(lower_super(), MEMFS_OP_DIRECT_IO), 1ul);
   mount.expect_captured(2 * kBlock, 0);
   EXPECT_EQ(others("/lower/f", 'N', 2 * kBlock, 0), 0u);
 }
@@ -314,7 +309,7 @@ MODULE_CASE(async, rest_of_a_short_direct_write_goes_through_the_cache) {
 // A write that the lower file system has only queued is no written count: nothing is captured.
 MODULE_CASE(async, write_that_was_queued_is_done_but_not_captured) {
   direct_mount mount("queue");
-  kernel_file file("/mnt/f", O_WRONLY);
+  open_file file("/mnt/f", O_WRONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   {
     const device device;
@@ -332,7 +327,7 @@ MODULE_CASE(async, write_that_was_queued_is_done_but_not_captured) {
   }
   EXPECT_FALSE(program.has_event());
   EXPECT_FALSE(mutex_is_locked(&file->f_dentry->d_inode->i_mutex));
-  memfs_complete(lower_sb());
+  memfs_complete(lower_super());
   EXPECT_EQ(program.next().res, static_cast<long long>(kBlock));
   mount.expect_nothing_captured();
   EXPECT_EQ(others("/lower/f", 'N', kBlock, kBlock), 0u);
@@ -341,7 +336,7 @@ MODULE_CASE(async, write_that_was_queued_is_done_but_not_captured) {
 // One that was direct and done at once is the lower file system's to tell, and not captured either.
 MODULE_CASE(async, asynchronous_write_that_becomes_direct_is_not_captured) {
   direct_mount mount("");
-  kernel_file file("/mnt/f", O_WRONLY);
+  open_file file("/mnt/f", O_WRONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   submission program;
   {
@@ -357,7 +352,7 @@ MODULE_CASE(async, asynchronous_write_that_becomes_direct_is_not_captured) {
 
 MODULE_CASE(async, write_that_becomes_direct_needs_it_below) {
   direct_mount mount("nodirect");
-  kernel_file file("/mnt/f", O_WRONLY);
+  open_file file("/mnt/f", O_WRONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   {
     const direct_meanwhile direct(file.get());

@@ -1,17 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 // Attribute changes, extended attributes, and symbolic links.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
+#include "tests/ukern/as_user.h"
 #include "ukern/fs/memfs.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
-
-int set_mode(const char *path, unsigned mode) {
-  const test_node node(path);
-  struct uk_stat want = {};
-  struct uk_stat after = {};
-  want.mode = mode;
-  return uk_setattr(node.get(), nullptr, UK_SET_MODE, &want, &after);
-}
 
 int set_size(const char *path, unsigned long long size) {
   const test_node node(path);
@@ -26,17 +20,17 @@ int set_size(const char *path, unsigned long long size) {
 MODULE_CASE(attr, mode_changes_below_and_above_with_one_record) {
   replicated r;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
-  EXPECT_EQ(set_mode("/mnt/f", 0640), 0);
+  EXPECT_EQ(test_chmod("/mnt/f", 0640), 0);
   const test_walk upper("/mnt/f");
   const test_walk lower("/lower/f");
   EXPECT_EQ(lower.inode()->i_mode, S_IFREG | 0640);
   EXPECT_EQ(upper.inode()->i_mode, S_IFREG | 0640);
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_SETATTR);
   EXPECT_TRUE(record.attr()->com.ia_valid & ATTR_MODE);
   EXPECT_EQ(record.attr()->com.ia_mode & 07777, 0640);
   EXPECT_STREQ(record.attr()->name, "/lower/f");
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(attr, times_that_a_program_sets_reach_below_and_above) {
@@ -156,16 +150,13 @@ MODULE_CASE(attr, change_that_the_lower_inode_forbids_is_neither_made_nor_captur
   memset(&ia, 0, sizeof(ia));
   ia.ia_valid = ATTR_MODE;
   ia.ia_mode = S_IFREG | 0600;
-  const kernel_cap_t caps = current->cap_effective;
-  cap_clear(current->cap_effective);
-  current->fsuid = 1000;
-  mutex_lock(&upper.inode()->i_mutex);
-  EXPECT_EQ(tarn_main_iops.setattr(upper.dentry(), &ia), -EPERM);
-  mutex_unlock(&upper.inode()->i_mutex);
-  current->fsuid = 0;
-  current->cap_effective = caps;
+  {
+    as_user user(1000, 0);
+    mutex_guard guard(upper.inode()->i_mutex);
+    EXPECT_EQ(tarn_main_iops.setattr(upper.dentry(), &ia), -EPERM);
+  }
   EXPECT_EQ(lower.inode()->i_mode, S_IFREG | 0644);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(attr, change_that_the_lower_file_system_refuses_is_captured_all_the_same) {
@@ -177,11 +168,11 @@ MODULE_CASE(attr, change_that_the_lower_file_system_refuses_is_captured_all_the_
   struct inode_operations refusing = *own;
   refusing.setattr = [](struct dentry *, struct iattr *) -> int { return -EROFS; };
   lower->i_op = &refusing;
-  EXPECT_EQ(set_mode("/mnt/f", 0600), -EROFS);
+  EXPECT_EQ(test_chmod("/mnt/f", 0600), -EROFS);
   lower->i_op = own;
   EXPECT_EQ(upper.inode()->i_mode, S_IFREG | 0644);
   EXPECT_EQ(r.daemon.next().op(), OX_OP_SETATTR);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 // A change by an open file carries that file; the lower file system must see its own.
@@ -225,7 +216,7 @@ MODULE_CASE(attr, extended_attribute_goes_below_and_is_not_captured) {
   EXPECT_STREQ(names, "user.colour");
   EXPECT_EQ(uk_removexattr(upper.get(), "user.colour"), 0);
   EXPECT_EQ(uk_getxattr(lower.get(), "user.colour", value, sizeof(value)), -ENODATA);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(attr, extended_attributes_need_them_below) {
@@ -341,9 +332,9 @@ MODULE_CASE(attr, new_object_is_recorded_with_its_owner_and_the_directory_s_time
   const unsigned long long mtime = lower.inode()->i_mtime.tv_sec * 1000000ull;
   static constexpr int modes[] = {0750, S_IFREG | 0644};
   for (const int mode : modes) {
-    const struct test_record &made = r.daemon.next();
+    const test_message &made = r.daemon.next();
     EXPECT_EQ(made.para()->mode, static_cast<unsigned>(mode));
-    const struct test_record &record = r.daemon.next();
+    const test_message &record = r.daemon.next();
     EXPECT_EQ(record.op(), OX_OP_SETATTR);
     EXPECT_EQ(record.attr()->com.ia_mode, mode);
     EXPECT_EQ(record.attr()->com.ia_atime, 4711000005ull);
@@ -353,7 +344,7 @@ MODULE_CASE(attr, new_object_is_recorded_with_its_owner_and_the_directory_s_time
     EXPECT_EQ(record.attr()->sec.ia_gid, 77u);
     if (S_ISREG(mode)) continue;
     /* The directory above has passed its bit on. */
-    const struct test_record &bits = r.daemon.next();
+    const test_message &bits = r.daemon.next();
     EXPECT_EQ(bits.op(), OX_OP_SETATTR);
     EXPECT_EQ(bits.attr()->com.ia_valid, ATTR_MODE);
     EXPECT_EQ(bits.attr()->com.ia_mode, S_IFDIR | S_ISGID | 0750);
@@ -396,7 +387,7 @@ MODULE_CASE(attr, growing_is_tried_above_where_the_upper_limit_is_smaller) {
   EXPECT_EQ(set_size("/mnt/f", 20000), -EFBIG);
   EXPECT_EQ(size_above, -1);
   EXPECT_EQ(i_size_read(lower), 8000);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
   lower->i_op = grown_ops;
 }
 
@@ -414,7 +405,7 @@ MODULE_CASE(attr, record_is_what_the_lower_call_made_of_the_change) {
     EXPECT_EQ(tarn_main_iops.setattr(upper.dentry(), &ia), 0);
   }
   EXPECT_EQ(lower.inode()->i_mode, S_IFREG | 0755);
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.attr()->com.ia_valid, ATTR_MODE);
   EXPECT_EQ(record.attr()->com.ia_mode, S_IFREG | 0755);
   EXPECT_NE(record.attr()->com.ia_ctime, 0ull);

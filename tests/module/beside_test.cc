@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Names that were changed below, beside the mount, are not acted on as if they were current: an
 // operation changes what its names stand for now, or nothing.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/syscall/syscall.h"
 

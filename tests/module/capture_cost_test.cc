@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // What capture costs a write on a mount, in copies and in allocations: the same write, on the same
 // open file, with more or fewer rules, and without capture.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 
@@ -51,7 +52,7 @@ MODULE_CASE(capture_cost, a_write_under_no_rule_allocates_the_path_and_the_hits)
   for (unsigned long size : kSizes) {
     const cost plain = file.write_uncaptured(size);
     EXPECT_EQ(file.write(size).allocations, plain.allocations + 2); /* no rule at all */
-    EXPECT_EQ(test_add_rule(1, "/elsewhere"), 0);
+    EXPECT_EQ(install_rule(1, "/elsewhere"), 0);
     const cost unrelated = file.write(size);
     EXPECT_EQ(unrelated.allocations, plain.allocations + 2);
     EXPECT_EQ(unrelated.copied, plain.copied);
@@ -68,7 +69,7 @@ MODULE_CASE(capture_cost, each_rule_copies_the_data_once) {
     const cost plain = file.write_uncaptured(size);
     EXPECT_EQ(plain.copied % size, 0ul);
     for (char rules = 1; rules <= 3; rules++) {
-      EXPECT_EQ(test_add_rule(rules, "/lower"), 0);
+      EXPECT_EQ(install_rule(rules, "/lower"), 0);
       EXPECT_EQ(file.write(size).copied, plain.copied + rules * size);
     }
     do_flush(0);
@@ -84,7 +85,7 @@ MODULE_CASE(capture_cost, pages_are_handed_over_as_they_were_filled) {
   written_file file;
   test_daemon daemon;
   const cost plain = file.write_uncaptured(9000);
-  EXPECT_EQ(test_add_rule(1, "/lower"), 0);
+  EXPECT_EQ(install_rule(1, "/lower"), 0);
   EXPECT_EQ(file.write(9000).allocations, plain.allocations + 2 + 1 + 3 * 2);
   EXPECT_EQ(daemon.drain(), 3);
 }

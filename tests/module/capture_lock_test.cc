@@ -1,36 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 // Which lock is held while a change is captured.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
 #include "tests/ukern/threads.h"
 
 namespace {
-
-// A daemon that takes one record and lets the next sender wait until it is asked for more.
-class slow_daemon {
- public:
-  slow_daemon() {
-    EXPECT_EQ(uk_nl_open(OX_NETLINK_UNIT, current->pid, 1, &sock_), 0);
-    send(OX_NL_HELO);
-  }
-  ~slow_daemon() {
-    send(OX_NL_QUIT);
-    uk_nl_close(sock_);
-  }
-  slow_daemon(const slow_daemon &) = delete;
-  slow_daemon &operator=(const slow_daemon &) = delete;
-  bool take() { return uk_nl_recv(sock_, message_.get(), 8192, 0) >= 0; }
-
- private:
-  void send(unsigned short type) {
-    struct nlmsghdr header;
-    memset(&header, 0, sizeof(header));
-    header.nlmsg_len = sizeof(header);
-    header.nlmsg_type = type;
-    EXPECT_EQ(uk_nl_send(sock_, &header, sizeof(header)), static_cast<long>(sizeof(header)));
-  }
-  test_buffer message_{8192};
-  struct uk_nlsock *sock_;
-};
 
 // A change, and the inode whose i_mutex is held while it is captured.
 struct captured {
@@ -52,13 +25,7 @@ const struct captured changes[] = {
     {[] { return test_rename("/mnt/e/made", "/mnt/d/made"); }, "/lower/d"},
     {[] { return test_unlink("/mnt/d/hard"); }, "/lower/d"},
     {[] { return test_rmdir("/mnt/d/sub"); }, "/lower/d"},
-    {[] {
-       const test_node node("/mnt/d/f");
-       struct uk_stat want = {}, after = {};
-       want.mode = 0600;
-       return uk_setattr(node.get(), nullptr, UK_SET_MODE, &want, &after);
-     },
-     "/lower/d/f"},
+    {[] { return test_chmod("/mnt/d/f", 0600); }, "/lower/d/f"},
 };
 
 const struct captured *changing;
@@ -79,14 +46,12 @@ MODULE_CASE(capture_lock, is_that_of_the_change) {
   REQUIRE_EQ(test_mkdir("/lower/d"), 0);
   REQUIRE_EQ(test_mkdir("/lower/e"), 0);
   REQUIRE_EQ(test_put("/lower/d/f", "x"), 1);
-  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
-  slow_daemon daemon;
+  REQUIRE_EQ(install_rule('r', "/lower"), 0);
+  test_daemon daemon(test_daemon::kHello, 1);  // takes one record, the next sender waits
   test_buffer long_path(4001, 'n');
   memcpy(long_path.get(), "/lower/", 7);
   long_path[4000] = 0;
-  uuid_t uuid;
-  memset(uuid, 'r', sizeof(uuid));
-  prule_ref rule(findnode_byuuid(uuid));
+  prule_ref rule(lookup_rule('r'));
   REQUIRE_TRUE(rule);
   for (const struct captured &captured : changes) {
     const test_walk object(captured.locked);
@@ -106,12 +71,11 @@ MODULE_CASE(capture_lock, is_that_of_the_change) {
       printk("change %d:\n", (int)(&captured - changes));
     EXPECT_TRUE(mutex_is_locked(&object.inode()->i_mutex));
     while (!__atomic_load_n(&change_is_done, __ATOMIC_ACQUIRE)) {
-      if (!daemon.take()) msleep(1);
+      if (daemon.idle()) msleep(1);
     }
     thread_team_wait(&team, 1);
     EXPECT_EQ(changing_result, 0);
-    while (daemon.take()) {
-    }
+    daemon.drain();
   }
   do_flush(0);
 }

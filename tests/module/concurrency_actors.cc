@@ -4,6 +4,8 @@
 #include "netlink.h"
 #include "rule_set.h"
 #include "dir_set.h"
+#include "tests/module/kit/programs.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace concurrency {
 
@@ -83,11 +85,6 @@ void write_files(storm &s) {
 /* The record of a rule that covers a set of directories, in user memory of the thread. */
 class rule_text {
  public:
-  rule_text() { uk_user_add(memory_.get(), sizeof(struct prule)); }
-  ~rule_text() { uk_user_del(memory_.get()); }
-  rule_text(const rule_text &) = delete;
-  rule_text &operator=(const rule_text &) = delete;
-
   struct prule *of(unsigned number, unsigned covers) {
     auto *rule = reinterpret_cast<struct prule *>(memory_.get());
     memset(rule, 0, sizeof(*rule));
@@ -107,6 +104,7 @@ class rule_text {
 
  private:
   test_buffer memory_{sizeof(struct prule)};
+  user_memory user_{memory_.get(), sizeof(struct prule)};
 };
 
 struct request {
@@ -158,31 +156,23 @@ void change_rules_by_option(storm &s) {
 /* Rule messages; the answers go to the daemon. */
 struct messenger {
   storm &s;
-  struct uk_nlsock *sock;
-  test_buffer memory{OX_NLMSG_HDRLEN + sizeof(struct prule)};
+  test_daemon channel{test_daemon::kSilent};
 
   int send(int code, const void *payload, unsigned size) {
-    auto *head = reinterpret_cast<struct nlmsghdr *>(memory.get());
-    memset(head, 0, sizeof(*head));
-    head->nlmsg_len = OX_NLMSG_HDRLEN + size;
-    head->nlmsg_type = static_cast<ox_u16_t>(code);
-    memcpy(memory.get() + OX_NLMSG_HDRLEN, payload, size);
     const int kind = code == OX_SO_REP_ADD ? 0 : code == OX_SO_REP_DEL ? 1 : 2;
     ++s.messages_sent[kind];
-    EXPECT_EQ(uk_nl_send(sock, head, head->nlmsg_len), static_cast<long>(head->nlmsg_len));
+    EXPECT_EQ(channel.send(code, payload, size), static_cast<long>(OX_NLMSG_HDRLEN + size));
     wait_until_served();
     return 0;
   }
 };
 
 void change_rules_by_message(storm &s) {
-  messenger m = {s, nullptr};
-  REQUIRE_EQ(uk_nl_open(OX_NETLINK_UNIT, 0, 0, &m.sock), 0);
+  messenger m = {s};
   const auto send = [](int code, struct prule *rule, void *arg) {
     return static_cast<messenger *>(arg)->send(code, rule, sizeof(*rule));
   };
   change_rules({s, send, &m});
-  uk_nl_close(m.sock);
 }
 
 /* Now and then. */
@@ -200,17 +190,15 @@ void flush_by_option(storm &s) {
 }
 
 void flush_by_message(storm &s) {
-  messenger m = {s, nullptr};
-  REQUIRE_EQ(uk_nl_open(OX_NETLINK_UNIT, 0, 0, &m.sock), 0);
-  flush_rules(s, 33, [&m] { m.send(OX_SO_REP_FLUSH, "", 0); });
-  uk_nl_close(m.sock);
+  messenger m = {s};
+  flush_rules(s, 33, [&m] { m.send(OX_SO_REP_FLUSH, nullptr, 0); });
 }
 
 /* Every rule that is listed is as it was added. */
 void list_rules(storm &s) {
   constexpr unsigned kRoom = 16;
   test_buffer memory(kRoom * sizeof(struct prule));
-  uk_user_add(memory.get(), kRoom * sizeof(struct prule));
+  user_memory user(memory.get(), kRoom * sizeof(struct prule));
   auto *info = reinterpret_cast<struct prule_info *>(memory.get());
   const auto *listed = reinterpret_cast<const struct prule *>(memory.get());
   rule_text text;
@@ -229,7 +217,6 @@ void list_rules(storm &s) {
     }
     pause_briefly();
   }
-  uk_user_del(memory.get());
 }
 
 /* A rule of its own directory is stopped by an allocation that fails, and from then on hit by all.
@@ -270,8 +257,7 @@ void change_directories(storm &s) {
   strcpy(record.repdir, kReplicated);
   char program[64];
   strcpy(program, kDaemonProgram);
-  uk_user_add(&record, sizeof(record));
-  uk_user_add(program, sizeof(program));
+  user_memory users_record(&record, sizeof(record)), users_program(program, sizeof(program));
   for (; s.goes_on() && s.life_count < kMoves; ++s.life_count) {
     directory_life &life = s.lives[s.life_count];
     {
@@ -285,8 +271,6 @@ void change_directories(storm &s) {
     const int code = s.life_count % 2 ? OX_SO_DIR_FLUSH : OX_SO_DIR_DEL;
     EXPECT_EQ(uk_setsockopt(PF_INET, code, &record, sizeof(record)), 0);
   }
-  uk_user_del(program);
-  uk_user_del(&record);
 }
 
 /* The paths of a rename that changes direction whenever it was made. */
@@ -315,20 +299,13 @@ void move_as_anyone(storm &s) {
 }
 
 void move_as_the_daemon(storm &s) {
-  struct uk_cred cred = {};
-  cred.pid = current->pid;
-  cred.cap_effective = ~0u;
-  cred.exe = kDaemonProgram;
-  auto *self = reinterpret_cast<struct uk_task *>(current);
-  REQUIRE_EQ(uk_task_set_cred(self, &cred), 0);
+  const running daemon(kDaemonProgram);
   there_and_back names = {{"/mnt/p/c", "/mnt/p/d"}, 0};
   for (unsigned i = 0; s.goes_on() && i < kMoves; ++i) {
     noted note(s, s.notes.new_other());
     EXPECT_EQ(names.move(), 0);
     pause_briefly();
   }
-  cred.exe = nullptr;
-  EXPECT_EQ(uk_task_set_cred(self, &cred), 0);
 }
 
 /* ---- another mount beside ---- */

@@ -82,13 +82,10 @@ unsigned dir_of_letter(char letter) {
 
 /* ---- what is received ---- */
 
-void model::take(const char *message, long length, unsigned port) {
-  const auto *head = reinterpret_cast<const struct nlmsghdr *>(message);
-  if (length < OX_NLMSG_HDRLEN || head->nlmsg_pid != port)
-    return fail("a message for this daemon", length, port);
-  const received m = {head, message + OX_NLMSG_HDRLEN,
-                      static_cast<long>(head->nlmsg_len) - OX_NLMSG_HDRLEN};
-  switch (head->nlmsg_type) {
+void model::take(const test_message &m, unsigned port) {
+  if (m.received < OX_NLMSG_HDRLEN || m.head()->nlmsg_pid != port)
+    return fail("a message for this daemon", m.received, port);
+  switch (m.type()) {
     case OX_OP_COLLECT:
     case OX_OP_WRITE:
       return take_record(m);
@@ -101,13 +98,13 @@ void model::take(const char *message, long length, unsigned port) {
 
 /* The change that a record of names or attributes tells of; -1 when any field of it is not as that
  * change has it. */
-int model::named_change(const received &m) {
+int model::named_change(const test_message &m) {
   const bool attributes = m.msg()->op == OX_OP_SETATTR;
-  const auto *para = m.as<struct ox_msg_para>();
-  const char *path = attributes ? m.as<struct ox_msg_attr>()->name : para->data;
-  const long ends = attributes ? OX_MSG_ATTR_LEN + 12 + m.as<struct ox_msg_attr>()->dlen2
+  const auto *para = m.para();
+  const char *path = attributes ? m.attr()->name : para->data;
+  const long ends = attributes ? OX_MSG_ATTR_LEN + 12 + m.attr()->dlen2
                                : OX_MSG_PARA_LEN + para->dlen1 + para->dlen2;
-  if (ends != m.length) return -1;
+  if (ends != m.length()) return -1;
   char letter = 0;
   const int round = round_in(path, &letter);
   const int step = step_of(m.msg(), letter);
@@ -133,9 +130,9 @@ int model::named_change(const received &m) {
 
 /* The change that a message with written bytes tells of, by those bytes, each of which must be the
  * change's. */
-int model::written_change(const received &m) {
-  const auto *wr = m.as<struct ox_msg_wr>();
-  if (wr->dlen2 < 4 || OX_MSG_WR_LEN + static_cast<long>(wr->dlen1) + wr->dlen2 != m.length)
+int model::written_change(const test_message &m) {
+  const auto *wr = m.wr();
+  if (wr->dlen2 < 4 || OX_MSG_WR_LEN + static_cast<long>(wr->dlen1) + wr->dlen2 != m.length())
     return -1;
   const bool small = wr->off < kLargeAt;
   const unsigned start = static_cast<unsigned>(small ? wr->off : wr->off - kLargeAt);
@@ -159,20 +156,20 @@ int model::written_change(const received &m) {
   return static_cast<int>(id);
 }
 
-void model::take_record(const received &m) {
+void model::take_record(const test_message &m) {
   const struct ox_msg *msg = m.msg();
   const int rule = rule_named(msg->uuid);
   const bool write = msg->op == OX_OP_WRITE;
   const int id = write ? written_change(m) : named_change(m);
   if (rule < 0 || id < 0) return fail("a record of a known rule and a whole change", rule, id);
-  const auto *wr = m.as<struct ox_msg_wr>();
+  const auto *wr = m.wr();
   const unsigned messages = messages_of(static_cast<unsigned>(id) % kSteps);
   const unsigned index = write ? wr->pagenr : 0;
   if (index >= messages || (write && wr->pages != messages) ||
-      (m.head->nlmsg_type == OX_OP_WRITE) != (messages > 1))
+      (m.type() == OX_OP_WRITE) != (messages > 1))
     return fail("a message of a record", index, messages);
-  if (msg->wseq != m.head->nlmsg_seq || msg->wseq == 0 || msg->wseq > kChanges)
-    return fail("the number of a record", msg->wseq, m.head->nlmsg_seq);
+  if (msg->wseq != m.head()->nlmsg_seq || msg->wseq == 0 || msg->wseq > kChanges)
+    return fail("the number of a record", msg->wseq, m.head()->nlmsg_seq);
 
   unsigned short &holder = by_number_[rule][msg->wseq];
   if (holder && holder != id + 1) fail("a number for one change", holder - 1, id);
@@ -183,18 +180,17 @@ void model::take_record(const received &m) {
   ++records_;
 }
 
-void model::take_notice(const received &m) {
-  const int rule = m.length == OX_UUID_LEN ? rule_named(m.as<unsigned char>()) : -1;
-  if (rule < 0) return fail("a notice of a known rule", rule, m.length);
+void model::take_notice(const test_message &m) {
+  const int rule = m.length() == OX_UUID_LEN ? rule_named(m.payload<unsigned char>()) : -1;
+  if (rule < 0) return fail("a notice of a known rule", rule, m.length());
   ++notices_[rule];
 }
 
-void model::take_answer(const received &m) {
+void model::take_answer(const test_message &m) {
   ox_s32_t result;
-  if (m.length != sizeof(result))
-    return fail("an answer of four bytes", m.head->nlmsg_type, m.length);
-  memcpy(&result, m.payload, sizeof(result));
-  switch (m.head->nlmsg_type) {
+  if (m.length() != sizeof(result)) return fail("an answer of four bytes", m.type(), m.length());
+  memcpy(&result, m.payload<char>(), sizeof(result));
+  switch (m.type()) {
     case OX_SO_REP_ADD:
       ++added_;
       break;
@@ -206,9 +202,9 @@ void model::take_answer(const received &m) {
       ++flushed_;
       break;
     default:
-      fail("a message of a known type", m.head->nlmsg_type, 0);
+      fail("a message of a known type", m.type(), 0);
   }
-  if (result) fail("the result of a rule message", m.head->nlmsg_type, result);
+  if (result) fail("the result of a rule message", m.type(), result);
 }
 
 /* ---- the judgement ---- */

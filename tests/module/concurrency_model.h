@@ -16,7 +16,7 @@
 #ifndef TESTS_MODULE_CONCURRENCY_MODEL_H
 #define TESTS_MODULE_CONCURRENCY_MODEL_H
 
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
 
 namespace concurrency {
 
@@ -91,19 +91,6 @@ inline void fill_written(char *data, unsigned id, unsigned size) {
   }
 }
 
-/* One message as it came. */
-struct received {
-  const struct nlmsghdr *head;
-  const char *payload;
-  long length; /* of the payload */
-
-  template <typename T>
-  const T *as() const {
-    return reinterpret_cast<const T *>(payload);
-  }
-  const struct ox_msg *msg() const { return as<struct ox_msg>(); }
-};
-
 /* Begins with all bytes zero. */
 class model {
  public:
@@ -158,8 +145,8 @@ class model {
 
   /* ---- what is received ---- */
 
-  /* One message of `length` bytes with its header, for the daemon at `port`. */
-  void take(const char *message, long length, unsigned port);
+  /* One message for the daemon at `port`. */
+  void take(const test_message &m, unsigned port);
   unsigned records() const { return records_; }
   unsigned answers(int type) const {
     return type == OX_SO_REP_ADD ? added_ : type == OX_SO_REP_DEL ? deleted_ : flushed_;
@@ -206,11 +193,11 @@ class model {
   void judge_change(unsigned number, const presence &p, unsigned id, losses expected);
   void judge_notices(unsigned number, const presence &p, losses expected);
 
-  int named_change(const received &m);
-  int written_change(const received &m);
-  void take_record(const received &m);
-  void take_notice(const received &m);
-  void take_answer(const received &m);
+  int named_change(const test_message &m);
+  int written_change(const test_message &m);
+  void take_record(const test_message &m);
+  void take_notice(const test_message &m);
+  void take_answer(const test_message &m);
 
   unsigned clock_, rounds_, rule_count_, other_count_, flush_count_, period_count_;
   unsigned char dirs_[kRounds][2];

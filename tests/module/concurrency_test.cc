@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // All that can be done to the module, at once. What each thread has done and when decides what the
 // daemon must have received.
-#include "netlink.h"
 #include "tests/module/concurrency_actors.h"
+#include "tests/module/kit/programs.h"
 #include "dir_set.h"
 
 using namespace concurrency;
@@ -12,17 +12,9 @@ namespace {
 /* A process that can be the daemon, with the socket it may have. */
 class receiver {
  public:
-  explicit receiver(int pid, unsigned long rcvbuf = 0) : self_(current), rcvbuf_(rcvbuf) {
-    struct uk_cred cred = {};
-    cred.pid = pid;
-    cred.cap_effective = ~0u;
-    task_ = uk_task_new(&cred);
-    port_ = static_cast<unsigned>(pid);
-  }
-  ~receiver() {
-    close();
-    uk_task_put(task_);
-  }
+  receiver(int pid, unsigned long rcvbuf)
+      : program_(pid, ~0u), port_(static_cast<unsigned>(pid)), rcvbuf_(rcvbuf) {}
+  ~receiver() { close(); }
   receiver(const receiver &) = delete;
   receiver &operator=(const receiver &) = delete;
 
@@ -42,37 +34,34 @@ class receiver {
   }
   /* Takes all that waits. */
   void receive(model &notes) {
-    for (long length;;) {
-      as_itself([&] { length = uk_nl_recv(sock_, message_.get(), 8192, 0); });
-      if (length == -ENOBUFS) continue; /* said once; the log has each */
-      if (length == -EAGAIN) return;
-      notes.take(message_.get(), length, port_);
-      if (length < 0) return;
+    auto *m = reinterpret_cast<test_message *>(message_.get());
+    for (;;) {
+      as_itself([&] { m->received = uk_nl_recv(sock_, m->bytes, sizeof(m->bytes), 0); });
+      if (m->received == -ENOBUFS) continue; /* said once; the log has each */
+      if (m->received == -EAGAIN) return;
+      notes.take(*m, port_);
+      if (m->received < 0) return;
     }
   }
   void close_after_all(model &notes) {
     if (sock_) receive(notes);
     close();
   }
-  bool signalled() const { return uk_task_signals(task_) & 1ull << (OX_SIG_LOST - 1); }
+  bool signalled() const { return program_.signalled(); }
   unsigned port() const { return port_; }
 
  private:
   template <typename Do>
   void as_itself(Do act) {
-    uk_task_leave();
-    uk_task_enter(task_);
+    const acting_as itself(program_);
     act();
-    uk_task_leave();
-    uk_task_enter(reinterpret_cast<struct uk_task *>(self_));
   }
 
-  struct task_struct *self_;
-  struct uk_task *task_;
+  const other_program program_;
+  const unsigned port_;
+  const unsigned long rcvbuf_;
   struct uk_nlsock *sock_ = nullptr;
-  unsigned long rcvbuf_;
-  unsigned port_;
-  test_buffer message_{8192};
+  test_buffer message_{sizeof(test_message)};
 };
 
 /* The log lines of sends that failed, counted as they come. */
@@ -118,7 +107,7 @@ int flush_each_round(void *arg) {
   const bool adds = atomic_inc_return(&race.threads) == 1;
   for (int round = 1; round <= kFlushRounds; ++round) {
     for (char id = 1; adds && id <= kDirectories; ++id)
-      EXPECT_EQ(test_add_directory(id, "/lower/x"), 0);
+      EXPECT_EQ(install_directory(id, "/lower/x"), 0);
     atomic_inc(&race.arrived);
     for (int spins = 1; atomic_read(&race.arrived) < kFlushers * round; ++spins) {
       if (spins % 10000 == 0) yield();

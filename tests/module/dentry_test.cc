@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // Revalidation by the lower dentry, and the release of the lower path.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
 #include "ukern/fs/memfs.h"
 
 namespace {
@@ -109,10 +109,7 @@ MODULE_CASE(dentry, lookup_without_a_record_still_asks_below) {
 MODULE_CASE(dentry, release_without_a_record_does_nothing) {
   test_mount mount;
   const test_walk upper("/mnt");
-  struct qstr text;
-  text.name = reinterpret_cast<const unsigned char *>("unbound");
-  text.len = 7;
-  text.hash = full_name_hash(text.name, text.len);
+  struct qstr text = test_qstr("unbound");
   struct dentry *dentry = d_alloc(upper.dentry(), &text);
   REQUIRE_TRUE(dentry);
   dentry->d_op = &tarn_dops;

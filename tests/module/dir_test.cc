@@ -1,18 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "dir_set.h"
-#include "support.h"
+#include "tests/module/kit/memory.h"
+#include "tests/module/kit/programs.h"
+#include "tests/module/kit/rules.h"
+#include "tests/module/kit/vfs.h"
+#include "ukern/door/uk_net.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 
 struct nf_sockopt_ops rival = {};
-
-struct dir *dir_record(int id, const char *path) {
-  static struct dir record;
-  memset(&record, 0, sizeof(record));
-  memset(record.uuid, id, sizeof(record.uuid));
-  strcpy(record.repdir, path);
-  return &record;
-}
 
 int set_option(int code, void *buffer, unsigned len) {
   return uk_setsockopt(PF_INET, code, buffer, len);
@@ -197,8 +194,8 @@ MODULE_CASE(dir, only_an_administrator_may_ask) {
 }
 
 MODULE_CASE(dir, a_directory_is_a_prefix_of_a_path_without_a_separator) {
-  REQUIRE_EQ(make_dir("data"), 0);
-  REQUIRE_EQ(make_dir("mnt"), 0);
+  REQUIRE_EQ(test_mkdir("/data"), 0);
+  REQUIRE_EQ(test_mkdir("/mnt"), 0);
   bound_dentry file("/data/repx");
   REQUIRE_EQ(file.error(), 0);
   REQUIRE_EQ(uk_fs_mount("/data", "/mnt", "tarn", 0, nullptr), 0);

@@ -24,14 +24,14 @@ char data[9000];
 /* The three rules, new. */
 void fresh_rules() {
   do_flush(0);
-  for (char id = 1; id <= kRules; id++) EXPECT_EQ(test_add_rule(id, "/lower"), 0);
+  for (char id = 1; id <= kRules; id++) EXPECT_EQ(install_rule(id, "/lower"), 0);
 }
 
 /* The rule that is stopped, 0 if none is; it is an error if more than one is. */
 int stopped_rule() {
   int stopped = 0;
   for (int id = 1; id <= kRules; id++) {
-    prule_ref rule(find_rule(id));
+    prule_ref rule(lookup_rule(id));
     if (rule->status != PRULE_STOPPED) continue;
     EXPECT_EQ(stopped, 0);
     stopped = id;
@@ -43,7 +43,7 @@ int stopped_rule() {
 void expect_rules_at_rest() {
   EXPECT_EQ(get_prule_set()->rulenum, kRules);
   for (int id = 1; id <= kRules; id++) {
-    prule_ref rule(find_rule(id));
+    prule_ref rule(lookup_rule(id));
     REQUIRE_TRUE(rule);
     EXPECT_EQ(atomic_read(&rule->refcnt), 2);
     EXPECT_TRUE(list_empty(&rule->transq));
@@ -58,12 +58,12 @@ struct tally {
 
   explicit tally(test_daemon &daemon) {
     for (;;) {
-      const struct test_record &record = daemon.next();
-      if (record.type < 0) return;
-      const int id = record.payload[0];
+      const test_message &record = daemon.next();
+      if (record.type() < 0) return;
+      const int id = record.msg()->uuid[0];
       REQUIRE_TRUE(id >= 1 && id <= kRules);
-      const bool notice = record.type == OX_OP_STOP_RULE;
-      if (notice) EXPECT_EQ(record.length, OX_UUID_LEN);
+      const bool notice = record.type() == OX_OP_STOP_RULE;
+      if (notice) EXPECT_EQ(record.length(), OX_UUID_LEN);
       notice ? notices[id]++ : records[id]++;
     }
   }
@@ -133,7 +133,7 @@ int judge_direct(const struct direct_change &change, const struct fault_run &run
     for (int id = 1; id <= kRules; id++) {
       EXPECT_EQ(got.records[id], id == stopped ? 0 : change.messages);
       EXPECT_EQ(got.notices[id], id == stopped);
-      prule_ref rule(find_rule(id));
+      prule_ref rule(lookup_rule(id));
       EXPECT_EQ(atomic_read(&rule->transnr), id == stopped ? 0 : 1);
     }
     return place_of_record(change, stopped);
@@ -146,7 +146,7 @@ int judge_direct(const struct direct_change &change, const struct fault_run &run
     EXPECT_TRUE(log_is(run.log, lines));
     int lost = 0;
     for (int id = 1; id <= kRules; id++) {
-      prule_ref rule(find_rule(id));
+      prule_ref rule(lookup_rule(id));
       EXPECT_EQ(atomic_read(&rule->transnr), 1);
       EXPECT_EQ(got.notices[id], 0);
       if (got.records[id] == 1) continue;
@@ -160,7 +160,7 @@ int judge_direct(const struct direct_change &change, const struct fault_run &run
   if (got.all_are(0)) {
     EXPECT_TRUE(run.result == 0 || run.result == -ENOMEM);
     for (int id = 1; id <= kRules; id++) { /* the loss shows in the numbers */
-      prule_ref rule(find_rule(id));
+      prule_ref rule(lookup_rule(id));
       EXPECT_EQ(atomic_read(&rule->transnr), 1);
     }
     return run.result == 0 ? kPath : kHits;
@@ -323,14 +323,6 @@ void with_file(const char *path) {
   EXPECT_EQ(test_put(path, ""), 0);
 }
 
-long change_mode(const char *path, unsigned mode) {
-  const test_node node(path);
-  if (!node.get()) return node.error();
-  struct uk_stat want = {}, stat;
-  want.mode = mode;
-  return uk_setattr(node.get(), nullptr, UK_SET_MODE, &want, &stat);
-}
-
 long write_to_w(unsigned long size) {
   test_file file("/mnt/w", O_WRONLY);
   return file.get() ? file.write(data, size, 0) : file.error();
@@ -461,7 +453,8 @@ MODULE_CASE(fault_capture, rename_on_a_mount) {
 }
 
 MODULE_CASE(fault_capture, changed_attributes_on_a_mount) {
-  fail_mounted({[] { with_file("/mnt/f"); }, [] { return change_mode("/mnt/f", 0600); }, 1});
+  fail_mounted({[] { with_file("/mnt/f"); },
+                [] { return static_cast<long>(test_chmod("/mnt/f", 0600)); }, 1});
 }
 
 MODULE_CASE(fault_capture, small_write_on_a_mount) {

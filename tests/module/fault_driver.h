@@ -9,7 +9,9 @@
 #define TESTS_MODULE_FAULT_DRIVER_H
 
 #include "ox_types.h"
-#include "tests/module/mounted.h"
+#include "tests/module/kit/log.h"
+#include "tests/module/kit/mount.h"
+#include "ukern/testing/uk_fault.h"
 #include "ukern/mm/alloc_track.h"
 #include "ukern/sched/task.h"
 #include "ukern/sync/lockcheck.h"
@@ -29,54 +31,6 @@ struct fault_run {
 /* More than any operation allocates. */
 constexpr unsigned long kMostFaults = 2000;
 
-/* ---- the log of a run ---- */
-
-/* How many lines from number `from` on are `text`. */
-inline int log_count(unsigned long long from, const char *text) {
-  struct uk_klog_line line;
-  char buf[512];
-  int count = 0;
-  while (uk_klog_read(from, 0, &line, buf, sizeof(buf)) == 1) {
-    if (!strcmp(buf, text)) count++;
-    from = line.number + 1;
-  }
-  return count;
-}
-
-/* What the worker thread writes comes when it likes; a lower write that fails says so, whatever
- * becomes of its capture. */
-inline bool log_is_beside(const char *text) {
-  return !strncmp(text, "tarn_thd_trans:", 15) || !strncmp(text, "tarn_write_lower:", 17);
-}
-
-/* How many lines there are from number `from` on, those beside the call left out. */
-inline int log_length(unsigned long long from) {
-  struct uk_klog_line line;
-  char buf[64];
-  int count = 0;
-  for (; uk_klog_read(from, 0, &line, buf, sizeof(buf)) == 1; from = line.number + 1)
-    count += !log_is_beside(buf);
-  return count;
-}
-
-/* Whether the lines from number `from` on are these and no others, in this order; those beside
- * the call are left out. */
-template <unsigned N>
-bool log_is(unsigned long long from, const char *const (&expected)[N]) {
-  struct uk_klog_line line;
-  char buf[512];
-  unsigned at = 0;
-  while (uk_klog_read(from, 0, &line, buf, sizeof(buf)) == 1) {
-    from = line.number + 1;
-    if (log_is_beside(buf)) continue;
-    if (at == N || !expected[at] || strcmp(buf, expected[at])) return false;
-    at++;
-  }
-  return at == N || !expected[at];
-}
-
-/* ---- what may be missing ---- */
-
 /* Blocks that are out, of the kinds that no file system keeps for later. In release builds nobody
  * counts them; what the shutdown reports remains. */
 inline long blocks_out(const struct kmem_cache *cache) {
@@ -94,21 +48,14 @@ class block_balance {
   long names() const { return blocks_out(names_cachep) - names_; }
   long hits() const { return hit_rule_cache ? blocks_out(hit_rule_cache) - hits_ : 0; }
   long plain() const { return blocks_out(nullptr) - plain_; }
-  long counted() const { return atomic_read(&g_total_alloc) - counted_; }
+  int counted() const { return counted_(); }
 
  private:
   long names_ = blocks_out(names_cachep);
   long hits_ = hit_rule_cache ? blocks_out(hit_rule_cache) : 0;
   long plain_ = blocks_out(nullptr);
-  long counted_ = atomic_read(&g_total_alloc);
+  alloc_balance counted_;
 };
-
-/* The rule whose UUID is sixteen times `id`, with a reference; null if there is none. */
-inline struct prule_node *find_rule(int id) {
-  uuid_t uuid;
-  memset(uuid, id, sizeof(uuid));
-  return findnode_byuuid(uuid);
-}
 
 /* Every lock of the rules can be had, none is held, and the task stands as a program's does. */
 inline void expect_at_rest(const mm_segment_t &limit) {
@@ -132,7 +79,7 @@ unsigned long fail_each(Prepare prepare, Operation operation, Check check) {
   const mm_segment_t limit = get_fs();
   for (unsigned long n = 1; n < kMostFaults; n++) {
     prepare();
-    struct fault_run run = {n, false, 0, test_log_end(), 0, 0};
+    struct fault_run run = {n, false, 0, log_end(), 0, 0};
     {
       const block_balance balance;
       uk_fault_arm(n);

@@ -103,13 +103,6 @@ long start_beside_channel() {
 /* A rule record, and room for the answer to a list request of two rules, in user memory. */
 class user_request {
  public:
-  user_request() : memory_(2 * sizeof(struct prule)) {
-    EXPECT_EQ(uk_user_add(memory_.get(), size), 0);
-  }
-  ~user_request() { uk_user_del(memory_.get()); }
-  user_request(const user_request &) = delete;
-  user_request &operator=(const user_request &) = delete;
-
   static constexpr unsigned size = 2 * sizeof(struct prule);
   struct prule *rule(char id, const char *workdir) {
     memset(memory_.get(), 0, size);
@@ -128,23 +121,19 @@ class user_request {
   }
 
  private:
-  test_buffer memory_;
+  test_buffer memory_{size};
+  user_memory user_{memory_.get(), size};
 };
 
 /* "/a", "/b/c", not "/a/b". */
 constexpr char kWorkdir[] = "L2E=,L2IvYw==,!L2EvYg==";
 
 bool rule_exists(int id) {
-  return static_cast<bool>(prule_ref(find_rule(id)));
-}
-
-void remove_rule(int id) {
-  prule_ref rule(find_rule(id));
-  if (rule) delnode_fromlist(rule.get());
+  return static_cast<bool>(prule_ref(lookup_rule(id)));
 }
 
 void expect_rule_matches(int id) {
-  prule_ref rule(find_rule(id));
+  prule_ref rule(lookup_rule(id));
   REQUIRE_TRUE(rule);
   EXPECT_EQ(atomic_read(&rule->refcnt), 2);
   EXPECT_EQ(match(&rule->path, "/a/x"), STATE_FINAL);
@@ -177,7 +166,7 @@ CASE(fault_driver, every_failing_allocation_of_a_start_unwinds_the_steps_before_
                 EXPECT_LE(run.allocated, step == 5 ? 1 : 0);
               }
               /* As good as new. */
-              const unsigned long long again = test_log_end();
+              const unsigned long long again = log_end();
               EXPECT_EQ(start_and_stop(), 0);
               EXPECT_TRUE(log_is(again, kStartAndStop));
             });
@@ -188,8 +177,8 @@ CASE(fault_driver, a_stop_needs_no_memory) {
   fail_each(
       [] {
         EXPECT_EQ(uk_module_load("tarn"), 0);
-        EXPECT_EQ(test_add_rule(1, "/a"), 0);
-        EXPECT_EQ(test_add_directory(1, "/a"), 0);
+        EXPECT_EQ(install_rule(1, "/a"), 0);
+        EXPECT_EQ(install_directory(1, "/a"), 0);
       },
       [] { return uk_module_unload("tarn"); },
       [](const struct fault_run &run) {
@@ -206,17 +195,17 @@ CASE(fault_driver, a_stop_needs_no_memory) {
 }
 
 CASE(fault_driver, a_start_that_finds_its_place_taken_unwinds_the_steps_before_it) {
-  unsigned long long log = test_log_end();
+  unsigned long long log = log_end();
   EXPECT_EQ(start_beside_type(), -EBUSY);
   EXPECT_EQ(log_length(log), 0);
   EXPECT_EQ(start_and_stop(), 0);
 
-  log = test_log_end();
+  log = log_end();
   EXPECT_EQ(start_beside_channel(), -EIO);
   EXPECT_TRUE(log_is(log, kStartSteps[1].lines));
   EXPECT_EQ(start_and_stop(), 0);
 
-  log = test_log_end();
+  log = log_end();
   EXPECT_EQ(start_beside_options(OX_SO_RULE_SET_LAST), -EBUSY);
   constexpr const char *kRuleOptions[] = {"Register tarn filesystem success",
                                           "Create tarn_nl netlink socket success",
@@ -227,7 +216,7 @@ CASE(fault_driver, a_start_that_finds_its_place_taken_unwinds_the_steps_before_i
   kmem_cache_destroy(hit_rule_cache);
   EXPECT_EQ(start_and_stop(), 0);
 
-  log = test_log_end();
+  log = log_end();
   EXPECT_EQ(start_beside_options(OX_SO_DIR_SET_FIRST), -EBUSY);
   constexpr const char *kDirOptions[] = {"Register tarn filesystem success",
                                          "Create tarn_nl netlink socket success",
@@ -288,10 +277,10 @@ MODULE_CASE(fault_driver, every_failing_allocation_of_an_added_rule) {
  * is all they need. */
 MODULE_CASE(fault_driver, requests_that_need_no_memory_of_their_own) {
   user_request request;
-  REQUIRE_EQ(test_add_rule(2, "/kept"), 0);
+  REQUIRE_EQ(install_rule(2, "/kept"), 0);
   const auto prepare = [&] {
-    if (!rule_exists(1)) EXPECT_EQ(test_add_rule(1, "/a"), 0);
-    if (!rule_exists(2)) EXPECT_EQ(test_add_rule(2, "/kept"), 0);
+    if (!rule_exists(1)) EXPECT_EQ(install_rule(1, "/a"), 0);
+    if (!rule_exists(2)) EXPECT_EQ(install_rule(2, "/kept"), 0);
   };
   const auto expect_whole = [&](const struct fault_run &run) {
     EXPECT_EQ(run.result, run.failed ? -ENOMEM : 0);
@@ -349,8 +338,8 @@ MODULE_CASE(fault_driver, requests_that_need_no_memory_of_their_own) {
 
 MODULE_CASE(fault_driver, every_failing_allocation_of_a_list) {
   user_request request;
-  REQUIRE_EQ(test_add_rule(1, "/a"), 0);
-  REQUIRE_EQ(test_add_rule(2, "/b"), 0);
+  REQUIRE_EQ(install_rule(1, "/a"), 0);
+  REQUIRE_EQ(install_rule(2, "/b"), 0);
   int len;
   const unsigned long faults =
       fail_each([] {},
@@ -388,23 +377,17 @@ MODULE_CASE(fault_driver, every_failing_allocation_of_a_rule_message_and_its_ans
   m->head.nlmsg_type = OX_SO_REP_ADD;
   memset(m->rule.uuid, 1, sizeof(m->rule.uuid));
   strcpy(m->rule.workdir, kWorkdir);
-  const unsigned port = static_cast<unsigned>(current->pid);
-  struct uk_nlsock *sock;
-  REQUIRE_EQ(uk_nl_open(OX_NETLINK_UNIT, port, 0, &sock), 0);
-  daemon_pid = port;
+  test_daemon daemon;
+  const unsigned port = daemon_pid;
 
   int unsent = 0, unmade = 0, unanswered = 0;
-  fail_each([&] { remove_rule(1); }, [&] { return uk_nl_send(sock, m, m->head.nlmsg_len); },
+  fail_each([&] { remove_rule(1); }, [&] { return daemon.send_bytes(m, m->head.nlmsg_len); },
             [&](const struct fault_run &run) {
               EXPECT_EQ(daemon_pid, port);
-              struct {
-                struct nlmsghdr head;
-                ox_s32_t result;
-              } answer;
-              const long got = uk_nl_recv(sock, &answer, sizeof(answer), 0);
+              const test_message &answer = daemon.next();
               if (run.result < 0) { /* it never reached the kernel */
                 unsent++;
-                EXPECT_EQ(got, -EAGAIN);
+                EXPECT_EQ(answer.received, -EAGAIN);
                 EXPECT_FALSE(rule_exists(1));
                 return;
               }
@@ -413,17 +396,18 @@ MODULE_CASE(fault_driver, every_failing_allocation_of_a_rule_message_and_its_ans
                 unanswered++;
                 const char *const lines[] = {kNoBuffer, "tarn_send_netlink OX_SO_REP_ADD fail"};
                 EXPECT_TRUE(log_is(run.log, lines));
-                EXPECT_EQ(got, -EAGAIN);
+                EXPECT_EQ(answer.received, -EAGAIN);
                 EXPECT_TRUE(rule_exists(1)); /* the request was served */
                 return;
               }
-              EXPECT_EQ(got, static_cast<long>(sizeof(answer)));
-              EXPECT_EQ(answer.head.nlmsg_type, OX_SO_REP_ADD);
-              EXPECT_EQ(answer.result == 0, rule_exists(1));
-              if (answer.result) {
+              EXPECT_EQ(answer.received, OX_NLMSG_HDRLEN + static_cast<long>(sizeof(ox_s32_t)));
+              EXPECT_EQ(answer.type(), OX_SO_REP_ADD);
+              const ox_s32_t result = *answer.payload<ox_s32_t>();
+              EXPECT_EQ(result == 0, rule_exists(1));
+              if (result) {
                 unmade++;
-                const bool node = answer.result == OX_ERR_NOMEM;
-                EXPECT_TRUE(node || answer.result == OX_ERR_PATTERN);
+                const bool node = result == OX_ERR_NOMEM;
+                EXPECT_TRUE(node || result == OX_ERR_PATTERN);
                 const char *const lines[] = {node ? kAdd : "create reppath error!"};
                 EXPECT_TRUE(log_is(run.log, lines));
               } else {
@@ -433,7 +417,6 @@ MODULE_CASE(fault_driver, every_failing_allocation_of_a_rule_message_and_its_ans
   EXPECT_GE(unsent, 2);
   EXPECT_GE(unmade, 10);
   EXPECT_EQ(unanswered, 2); /* the buffer's head and its data */
-  uk_nl_close(sock);
 }
 
 MODULE_CASE(fault_driver, every_failing_allocation_of_a_record_and_of_a_notice) {
@@ -444,16 +427,16 @@ MODULE_CASE(fault_driver, every_failing_allocation_of_a_record_and_of_a_notice) 
       EXPECT_EQ(run.allocated, 0);
       if (run.result == 0) { /* a buffer that cannot be made smaller is sent as it is */
         EXPECT_EQ(log_length(run.log), 0);
-        const struct test_record &record = daemon.next();
-        EXPECT_EQ(record.type, type);
-        EXPECT_EQ(record.length, length);
+        const test_message &record = daemon.next();
+        EXPECT_EQ(record.type(), type);
+        EXPECT_EQ(record.length(), length);
       } else {
         EXPECT_EQ(run.result, -ENOMEM);
         EXPECT_EQ(run.blocks, 0);
         const char *const lines[] = {kNoBuffer};
         EXPECT_TRUE(log_is(run.log, lines));
       }
-      EXPECT_EQ(daemon.next().type, -1);
+      EXPECT_TRUE(daemon.idle());
       EXPECT_NE(daemon_pid, 0u);
     };
   };
@@ -481,7 +464,7 @@ MODULE_CASE(fault_driver, a_page_is_sent_without_memory) {
                 [&](const struct fault_run &run) {
                   EXPECT_EQ(run.result, 0);
                   EXPECT_TRUE(page == nullptr);
-                  EXPECT_EQ(daemon.next().type, OX_OP_WRITE);
+                  EXPECT_EQ(daemon.next().type(), OX_OP_WRITE);
                 }),
             0ul);
 }

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // Reads and writes that wait, are told to be synchronous, or come another way than by a system call
 // that waits for them: frozen super blocks, queued and asynchronous requests, sendfile.
-#include "tests/module/kernel_file.h"
+#include "tests/module/kit/mount.h"
+#include "tests/ukern/open_file.h"
 #include "tests/ukern/threads.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/testing/uk_mm.h"
@@ -101,7 +102,7 @@ MODULE_CASE(file_requests, error_of_the_sync_takes_the_place_of_the_count) {
   test_mount mount;
   test_daemon daemon;
   REQUIRE_EQ(test_put("/lower/f", "text"), 4);
-  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+  REQUIRE_EQ(install_rule('r', "/lower"), 0);
   test_file file("/mnt/f", O_RDWR | O_SYNC);
   const test_walk upper("/mnt/f");
   set_bit(AS_EIO, &upper.inode()->i_mapping->flags);
@@ -123,7 +124,7 @@ MODULE_CASE(file_requests, writer_has_the_mapping_s_device_until_its_write_is_do
     during = current->backing_dev_info;
     return static_cast<ssize_t>(count);
   };
-  kernel_file file("/mnt/f", O_RDWR);
+  open_file file("/mnt/f", O_RDWR);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   kernel_ds_guard kernel_ds;
   loff_t pos = 0;
@@ -181,7 +182,7 @@ MODULE_CASE(file_requests, queued_lower_read_is_waited_for) {
         &team, 1, [](void *) { aio_complete(queued, 3, 0); }, nullptr);
     return started ? -EIOCBQUEUED : -EIO;
   };
-  kernel_file file("/mnt/f", O_RDONLY);
+  open_file file("/mnt/f", O_RDONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   struct kiocb iocb;
   init_sync_kiocb(&iocb, file.get());
@@ -197,8 +198,8 @@ MODULE_CASE(file_requests, asynchronous_requests_are_done_on_return) {
   test_mount mount;
   test_daemon daemon;
   REQUIRE_EQ(test_put("/lower/f", "text"), 4);
-  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
-  kernel_file file("/mnt/f", O_RDWR);
+  REQUIRE_EQ(install_rule('r', "/lower"), 0);
+  open_file file("/mnt/f", O_RDWR);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   kernel_ds_guard kernel_ds;
   struct kiocb iocb;
@@ -227,7 +228,7 @@ MODULE_CASE(file_requests, sendfile_gives_the_pages_of_the_layer) {
     test_file lower("/lower/f", O_RDWR);
     EXPECT_EQ(lower.write(data.get(), 10000, 0), 10000);
   }
-  kernel_file file("/mnt/f", O_RDONLY);
+  open_file file("/mnt/f", O_RDONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   struct taken {
     struct address_space *mapping;
@@ -281,7 +282,7 @@ MODULE_CASE(file_requests, opener_that_comes_second_drops_its_lower_file) {
       }
       return 0;
     };
-    kernel_file second("/mnt/f", O_RDONLY);
+    open_file second("/mnt/f", O_RDONLY);
     REQUIRE_TRUE(!IS_ERR(second.get()) && !IS_ERR(first));
     EXPECT_EQ(tarn_lower_file(second.get()), tarn_lower_file(first));
     EXPECT_EQ(atomic_read(&tarn_lower_file(first)->f_count), 1);
@@ -296,7 +297,7 @@ namespace {
 void expect_own_places() {
   REQUIRE_EQ(test_put("/lower/a", "x"), 1);
   REQUIRE_EQ(test_put("/lower/b", "x"), 1);
-  kernel_file first("/mnt", O_RDONLY | O_DIRECTORY), second("/mnt", O_RDONLY | O_DIRECTORY);
+  open_file first("/mnt", O_RDONLY | O_DIRECTORY), second("/mnt", O_RDONLY | O_DIRECTORY);
   struct seen {
     int count, limit;
   };
@@ -314,7 +315,7 @@ void expect_own_places() {
   struct seen rest = {0, 100};
   EXPECT_EQ(vfs_readdir(first.get(), fill, &rest), 0);
   EXPECT_EQ(rest.count, 3);
-  kernel_file third("/mnt", O_RDONLY | O_DIRECTORY);
+  open_file third("/mnt", O_RDONLY | O_DIRECTORY);
   struct seen again = {0, 100};
   EXPECT_EQ(vfs_readdir(third.get(), fill, &again), 0);
   EXPECT_EQ(again.count, 4);
@@ -374,7 +375,7 @@ MODULE_CASE(file_requests, calls_that_pass_through_reach_the_lower_file) {
     seen.datasync = datasync;
     return -EUCLEAN;
   };
-  kernel_file file("/mnt/f", O_RDWR);
+  open_file file("/mnt/f", O_RDWR);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   struct dentry *dentry = file->f_dentry;
   struct file *below = tarn_lower_file(file.get());
@@ -410,7 +411,7 @@ MODULE_CASE(file_requests, failed_listing_keeps_the_place_of_the_lower_file) {
     file->f_pos = 5;
     return -EIO;
   };
-  kernel_file dir("/mnt/d", O_RDONLY | O_DIRECTORY);
+  open_file dir("/mnt/d", O_RDONLY | O_DIRECTORY);
   REQUIRE_TRUE(!IS_ERR(dir.get()));
   struct inode *inode = dir->f_dentry->d_inode;
   inode->i_atime.tv_sec = 4711;
@@ -429,7 +430,7 @@ MODULE_CASE(file_requests, failed_read_leaves_the_lower_access_time) {
   lower.ops.aio_read = [](struct kiocb *, char __user *, size_t, loff_t) -> ssize_t {
     return result;
   };
-  kernel_file file("/mnt/f", O_RDONLY);
+  open_file file("/mnt/f", O_RDONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   struct inode *inode = tarn_lower_inode(file->f_dentry->d_inode);
   inode->i_atime.tv_sec = 1;

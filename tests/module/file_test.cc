@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 // The file operations: the shared lower file, what is passed to it, reads through the page cache,
 // and the captured write.
-#include "tests/module/kernel_file.h"
+#include "tests/module/kit/mount.h"
+#include "tests/ukern/open_file.h"
 #include "ukern/fs/memfs.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 
@@ -42,8 +44,8 @@ MODULE_CASE(file, tables_have_exactly_their_slots) {
 MODULE_CASE(file, all_opens_share_one_lower_file_that_is_read_write) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
-  kernel_file first("/mnt/f", O_RDONLY);
-  kernel_file second("/mnt/f", O_WRONLY);
+  open_file first("/mnt/f", O_RDONLY);
+  open_file second("/mnt/f", O_WRONLY);
   struct file *lower = tarn_lower_file(first.get());
   EXPECT_EQ(tarn_lower_file(second.get()), lower);
   EXPECT_EQ(tarn_inode(first->f_dentry->d_inode)->lower_file, lower);
@@ -58,7 +60,7 @@ MODULE_CASE(file, read_only_lower_file_is_opened_read_write) {
     const test_walk lower("/lower/f");
     lower.inode()->i_mode = S_IFREG | 0444;
   }
-  kernel_file file("/mnt/f", O_RDONLY);
+  open_file file("/mnt/f", O_RDONLY);
   REQUIRE_TRUE(!(IS_ERR(file.get())));
   EXPECT_EQ(tarn_lower_file(file.get())->f_flags & O_ACCMODE, O_RDWR);
 }
@@ -131,7 +133,7 @@ MODULE_CASE(file, directory_lists_the_lower_names) {
 
 MODULE_CASE(file, reading_a_directory_takes_over_its_access_time) {
   test_mount mount;
-  kernel_file dir("/mnt", O_RDONLY | O_DIRECTORY);
+  open_file dir("/mnt", O_RDONLY | O_DIRECTORY);
   const test_walk lower("/lower");
   lower.inode()->i_atime.tv_sec = 4711;
   lower.inode()->i_flags |= S_NOATIME;
@@ -144,14 +146,14 @@ MODULE_CASE(file, reading_a_directory_takes_over_its_access_time) {
 MODULE_CASE(file, ioctl_without_a_lower_one_is_notty) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
-  kernel_file file("/mnt/f", O_RDWR);
+  open_file file("/mnt/f", O_RDWR);
   EXPECT_EQ(file.ops()->ioctl(file->f_dentry->d_inode, file.get(), 1, 2), -ENOTTY);
 }
 
 MODULE_CASE(file, flush_and_fasync_without_lower_ones_are_0) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
-  kernel_file file("/mnt/f", O_RDWR);
+  open_file file("/mnt/f", O_RDWR);
   EXPECT_EQ(file.ops()->flush(file.get(), nullptr), 0);
   EXPECT_EQ(file.ops()->fasync(3, file.get(), 1), 0);
 }
@@ -171,9 +173,9 @@ MODULE_CASE(file, large_write_is_cut_to_50_mib_and_captured_to_the_byte) {
   unsigned long long captured = 0;
   unsigned pages = 0;
   for (;;) {
-    const struct test_record &record = r.daemon.next();
-    if (record.type < 0) break;
-    EXPECT_EQ(record.type, OX_OP_WRITE);
+    const test_message &record = r.daemon.next();
+    if (record.type() < 0) break;
+    EXPECT_EQ(record.type(), OX_OP_WRITE);
     EXPECT_EQ(record.wr()->off, captured);
     captured += record.wr()->dlen2;
     pages++;
@@ -190,7 +192,7 @@ MODULE_CASE(file, write_beyond_the_size_limit_is_not_captured) {
   const test_walk upper("/mnt/f");
   upper.dentry()->d_sb->s_maxbytes = 4096;
   EXPECT_EQ(file.write("x", 1, 4096), -EFBIG);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(file, write_of_nothing_is_not_captured) {
@@ -198,17 +200,17 @@ MODULE_CASE(file, write_of_nothing_is_not_captured) {
   test_file file("/mnt/f", O_CREAT | O_RDWR);
   EXPECT_EQ(r.daemon.drain(), 2);
   EXPECT_EQ(file.write("x", 0, 0), 0);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(file, write_from_a_bad_address_is_refused_and_not_captured) {
   replicated r;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
-  kernel_file file("/mnt/f", O_RDWR);
+  open_file file("/mnt/f", O_RDWR);
   loff_t pos = 0;
   auto *kernel_text = reinterpret_cast<const char __user *>("kernel memory");
   EXPECT_EQ(vfs_write(file.get(), kernel_text, 4, &pos), -EFAULT);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(file, small_write_is_captured_with_its_place_and_bytes) {
@@ -216,14 +218,14 @@ MODULE_CASE(file, small_write_is_captured_with_its_place_and_bytes) {
   test_file file("/mnt/f", O_CREAT | O_RDWR);
   EXPECT_EQ(r.daemon.drain(), 2);
   EXPECT_EQ(file.write("captured", 8, 3), 8);
-  const struct test_record &record = r.daemon.next();
-  EXPECT_EQ(record.type, OX_OP_COLLECT);
+  const test_message &record = r.daemon.next();
+  EXPECT_EQ(record.type(), OX_OP_COLLECT);
   EXPECT_EQ(record.op(), OX_OP_WRITE);
   EXPECT_EQ(record.wr()->off, 3ull);
   EXPECT_EQ(record.wr()->dlen2, 8u);
   EXPECT_STREQ(record.wr()->data, "/lower/f");
   EXPECT_EQ(memcmp(record.wr()->data + record.wr()->dlen1, "captured", 8), 0);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(file, appending_write_is_captured_where_it_landed) {
@@ -233,7 +235,7 @@ MODULE_CASE(file, appending_write_is_captured_where_it_landed) {
   REQUIRE_EQ(file.error(), 0);
   EXPECT_EQ(file.write("end", 3, 1), 3);
   EXPECT_TRUE(test_holds("/lower/f", "12345end"));
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_WRITE);
   EXPECT_EQ(record.wr()->off, 5ull);
 }
@@ -241,8 +243,8 @@ MODULE_CASE(file, appending_write_is_captured_where_it_landed) {
 MODULE_CASE(file, direct_flag_is_cleared_by_the_first_read_or_write) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "text"), 4);
-  kernel_file reader("/mnt/f", O_RDWR | O_DIRECT);
-  kernel_file writer("/mnt/f", O_RDWR | O_DIRECT);
+  open_file reader("/mnt/f", O_RDWR | O_DIRECT);
+  open_file writer("/mnt/f", O_RDWR | O_DIRECT);
   REQUIRE_TRUE(!(IS_ERR(reader.get()) || IS_ERR(writer.get())));
   kernel_ds_guard kernel_ds;
   char text[8] = {};
@@ -293,7 +295,7 @@ MODULE_CASE(file, write_under_no_rule_allocates_two_buffers_for_capture) {
   uk_fault_arm(0);
   EXPECT_EQ(file.write("again", 5, 0), 5);
   EXPECT_EQ(uk_fault_count(), 2ul);
-  EXPECT_EQ(daemon.next().type, -1);
+  EXPECT_TRUE(daemon.idle());
 }
 
 MODULE_CASE(file, fsync_without_a_lower_one_is_invalid) {
@@ -308,7 +310,7 @@ MODULE_CASE(file, fsync_is_that_of_the_lower_inode) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
   const test_walk lower("/lower/f");
-  kernel_file file("/mnt/f", O_RDWR);
+  open_file file("/mnt/f", O_RDWR);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   struct file *lower_file = tarn_lower_file(file.get());
   static struct {
@@ -373,7 +375,7 @@ MODULE_CASE(file, read_over_anything_else_goes_through_the_page_cache) {
 MODULE_CASE(file, full_lower_file_system_fails_the_write_uncaptured) {
   test_mount mount("size=64k");
   test_daemon daemon;
-  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+  REQUIRE_EQ(install_rule('r', "/lower"), 0);
   test_buffer data(131072, 'f');
   test_file file("/mnt/f", O_CREAT | O_RDWR);
   EXPECT_EQ(daemon.drain(), 2);
@@ -382,13 +384,13 @@ MODULE_CASE(file, full_lower_file_system_fails_the_write_uncaptured) {
   EXPECT_LT(0, first);
   daemon.drain();
   EXPECT_EQ(file.write(data.get(), 4096, 65536), -EINVAL);
-  EXPECT_EQ(daemon.next().type, -1);
+  EXPECT_TRUE(daemon.idle());
   do_flush(0);
 }
 
 MODULE_CASE(file, failed_readdir_is_passed_on_with_the_position) {
   test_mount mount;
-  kernel_file dir("/mnt", O_RDONLY | O_DIRECTORY);
+  open_file dir("/mnt", O_RDONLY | O_DIRECTORY);
   const test_walk lower("/lower");
   memfs_fail(lower.dentry()->d_sb, MEMFS_OP_READDIR, -EIO, 1);
   dir->f_pos = 2;

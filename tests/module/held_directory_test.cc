@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Directories that a node holds, as FUSE holds what it has looked up, while the host replaces,
 // moves or removes them: by name the mount shows what the host has, by the node what was held.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
 #include "tests/ukern/host_dir.h"
 #include "tests/ukern/threads.h"
 

@@ -1,60 +1,25 @@
 // SPDX-License-Identifier: GPL-2.0
 // Binding of upper to lower objects: lookup, the one inode of many names, refreshed attributes,
 // permission.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
+#include "tests/ukern/as_user.h"
 #include "tests/ukern/threads.h"
 #include "ukern/fs/memfs.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
-
-struct qstr qstr_of(const char *name) {
-  struct qstr text;
-  text.name = reinterpret_cast<const unsigned char *>(name);
-  text.len = strlen(name);
-  text.hash = full_name_hash(text.name, text.len);
-  return text;
-}
-
-// The cached dentry of a name, with a reference; null when there is none.
-struct dentry *cached(const char *dir, const char *name) {
-  const test_walk walk(dir);
-  if (walk.error()) return nullptr;
-  struct qstr text = qstr_of(name);
-  return d_lookup(walk.dentry(), &text);
-}
 
 void forget_upper_names() {
   uk_drop_caches();
 }
-
-// The current task acts as an ordinary user until the end of the scope.
-class as_user {
- public:
-  explicit as_user(unsigned uid)
-      : fsuid_(current->fsuid), fsgid_(current->fsgid), caps_(current->cap_effective) {
-    current->fsuid = uid;
-    current->fsgid = uid;
-    cap_clear(current->cap_effective);
-  }
-  ~as_user() {
-    current->fsuid = fsuid_;
-    current->fsgid = fsgid_;
-    current->cap_effective = caps_;
-  }
-
- private:
-  uid_t fsuid_;
-  gid_t fsgid_;
-  kernel_cap_t caps_;
-};
 
 }  // namespace
 
 MODULE_CASE(inode, missing_name_is_a_negative_dentry_that_a_creation_binds) {
   test_mount mount;
   EXPECT_EQ(test_walk("/mnt/f").error(), -ENOENT);
-  struct dentry *dentry = cached("/mnt", "f");
-  struct dentry *lower = cached("/lower", "f");
+  struct dentry *dentry = test_cached("/mnt", "f");
+  struct dentry *lower = test_cached("/lower", "f");
   REQUIRE_TRUE(dentry && lower);
   EXPECT_EQ(dentry->d_inode, nullptr);
   EXPECT_EQ(lower->d_inode, nullptr);
@@ -141,7 +106,7 @@ MODULE_CASE(inode, attributes_are_there_before_the_name_leads_to_them) {
     i_size_write(below, 54321 + n);
     below->i_blocks = 999 + n;
     EXPECT_FALSE(is_refreshed(upper.inode(), below));
-    struct qstr text = qstr_of("other");
+    struct qstr text = test_qstr("other");
     static struct interposing i;
     i.lower = lower.dentry();
     i.dentry = d_alloc(root.dentry(), &text);
@@ -174,7 +139,7 @@ MODULE_CASE(inode, name_that_cannot_be_looked_up_below_is_dropped) {
   test_mount mount;
   const test_walk upper("/mnt");
   const test_walk lower("/lower");
-  struct qstr text = qstr_of("f");
+  struct qstr text = test_qstr("f");
   struct dentry *dentry = d_alloc(upper.dentry(), &text);
   REQUIRE_TRUE(dentry);
   d_rehash(dentry);
@@ -392,7 +357,7 @@ MODULE_CASE(inode, permission_is_the_lower_inode_s) {
   const test_walk upper("/mnt/f");
   lower.inode()->i_mode = S_IFREG | 0600;
   EXPECT_EQ(upper.inode()->i_mode, S_IFREG | 0644);
-  as_user user(1000);
+  as_user user(1000, 1000);
   EXPECT_EQ(test_file("/mnt/f", O_RDONLY).error(), -EACCES);
   lower.inode()->i_mode = S_IFREG | 0644;
   EXPECT_EQ(test_file("/mnt/f", O_RDONLY).error(), 0);
@@ -464,7 +429,7 @@ MODULE_CASE(inode, lower_inode_that_is_going_is_stale) {
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
   const test_walk lower("/lower/f");
   const test_walk upper("/mnt");
-  struct qstr text = qstr_of("f");
+  struct qstr text = test_qstr("f");
   struct dentry *dentry = d_alloc(upper.dentry(), &text);
   REQUIRE_TRUE(dentry);
   lower.inode()->i_state |= I_FREEING;
@@ -493,7 +458,7 @@ MODULE_CASE(inode, every_failing_allocation_of_a_lookup_is_undone) {
     without_memory |= rc == -ENOMEM;
     without_inode |= rc == -EACCES;
     EXPECT_TRUE(rc == -ENOMEM || rc == -EACCES);
-    EXPECT_EQ(cached("/mnt", "f"), nullptr);
+    EXPECT_EQ(test_cached("/mnt", "f"), nullptr);
   }
   EXPECT_TRUE(without_memory);
   EXPECT_TRUE(without_inode);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // The locks of docs/locking.md: which of them are held around each call of the lower file system,
 // and that the lock checker has learned their order and reports the other way round.
-#include "tests/module/kernel_file.h"
-#include "tests/module/mounted.h"
+#include "tests/ukern/open_file.h"
+#include "tests/module/kit/mount.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/sync/lockcheck.h"
 #include "rule_set.h"
@@ -236,7 +236,7 @@ MODULE_CASE(locks, the_other_calls_are_made_without_any) {
   };
   const test_node node("/mnt/d/f");
   expect_held(uk_access(node.get(), MAY_READ), 0);
-  kernel_file file("/mnt/d/f", O_RDWR);
+  open_file file("/mnt/d/f", O_RDWR);
   w.calls = 0;
   expect_held(file.ops()->flush(file.get(), nullptr), 0);
   expect_held(file.ops()->fasync(3, file.get(), 1), 0);
@@ -388,8 +388,8 @@ MODULE_CASE(locks, sets_are_inside_everything_that_sleeps) {
 }
 
 MODULE_CASE(locks, flushed_rules_and_directories_are_inside_their_sets) {
-  EXPECT_EQ(test_add_rule('r', "/"), 0);
-  EXPECT_EQ(test_add_directory('d', "/data"), 0);
+  EXPECT_EQ(install_rule('r', "/"), 0);
+  EXPECT_EQ(install_directory('d', "/data"), 0);
   do_flush(0);
   dir_flush(0);
   EXPECT_REPORT(

@@ -3,7 +3,12 @@
 // at the beginning of a line: behind an unfinished line it is a part of that line like any other.
 // So a line that begins behind "#" is "#text" when it has no level and "#<3>text" when it has one.
 #include "dir.h"
-#include "support.h"
+#include "tests/module/kit/daemon.h"
+#include "tests/module/kit/log.h"
+#include "tests/module/kit/programs.h"
+#include "tests/module/kit/rules.h"
+#include "tests/module/kit/vfs.h"
+#include "ukern/testing/uk_fault.h"
 #include "thread.h"
 
 namespace {
@@ -13,8 +18,7 @@ template <typename Action>
 const char *line_of(Action action) {
   static char text[512];
   struct uk_klog_line line;
-  unsigned long long from = 0;
-  while (uk_klog_read(from, 0, &line, text, sizeof(text)) == 1) from = line.number + 1;
+  const unsigned long long from = log_end();
   printk("#");
   action();
   if (uk_klog_read(from, 0, &line, text, sizeof(text)) == 1) return text;
@@ -50,14 +54,6 @@ void wait_for(const char *line) {
   for (int i = 0; i < 5000 && !case_logged(line); ++i) msleep(1);
 }
 
-struct dir *dir_record(const char *path) {
-  static struct dir record;
-  memset(&record, 0, sizeof(record));
-  memset(record.uuid, 0x11, sizeof(record.uuid));
-  strcpy(record.repdir, path);
-  return &record;
-}
-
 int set_option(int code) {
   return uk_setsockopt(PF_INET, code, nullptr, 0);
 }
@@ -90,7 +86,7 @@ MODULE_CASE(log_lines, of_rules) {
 
 MODULE_CASE(log_lines, of_directories) {
   wait_for("tarn_thd_trans: start");
-  const struct dir *record = dir_record("/x");
+  const struct dir *record = dir_record(0x11, "/x");
   const auto add = [=] { dir_add(record, sizeof(*record)); };
   const auto remove = [=] { dir_del(record, sizeof(*record)); };
   EXPECT_STREQ(line_of([=] { dir_add(record, 5); }), "#dir_add: size 5 != 528");
@@ -163,6 +159,7 @@ MODULE_CASE(log_lines, of_sending) {
     line_of_failure("#<3>Failed to allocate socket buffer", nothing,
                     [&uuid] { tarn_send_stop_rule(uuid); });
     EXPECT_TRUE(case_logged("#<3>Failed to allocate socket buffer"));
+    daemon.close();
   }
   snprintf(line, sizeof(line),
            "#<3>Failed send tarn netlink message to pid(%d); ret = -111, process not existed, back "
@@ -227,8 +224,8 @@ MODULE_CASE(log_lines, of_receiving) {
 
 MODULE_CASE(log_lines, of_the_layer) {
   wait_for("tarn_thd_trans: start");
-  REQUIRE_EQ(make_dir("data"), 0);
-  REQUIRE_EQ(make_dir("mnt"), 0);
+  REQUIRE_EQ(test_mkdir("/data"), 0);
+  REQUIRE_EQ(test_mkdir("/mnt"), 0);
   {
     bound_dentry lower("/data/f");
     REQUIRE_EQ(lower.error(), 0);
@@ -251,10 +248,7 @@ MODULE_CASE(log_lines, of_the_layer) {
     mapping->a_ops = own;
     filp_close(file, nullptr);
   }
-  {
-    kernel_ds_guard kernel_addresses;
-    EXPECT_EQ(dir_add(dir_record("/data"), sizeof(struct dir)), 0);
-  }
+  EXPECT_EQ(install_directory(1, "/data"), 0);
   struct uk_node *mount;
   REQUIRE_EQ(uk_node_at("/mnt", &mount), 0);
   EXPECT_STREQ(line_of([=] { uk_rename(mount, "f", mount, "g"); }), "#tarn_rename:block /data/f");

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // Every call to the lower file system fails once: what the program gets, whether the change is
 // recorded all the same, and that the next call works.
-#include "tests/module/kernel_file.h"
+#include "tests/module/kit/mount.h"
+#include "tests/ukern/open_file.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/testing/uk_mm.h"
 
@@ -9,17 +10,8 @@ namespace {
 
 constexpr int injected = -EDQUOT;  // which nothing else returns
 
-struct super_block *lower_sb() {
-  const test_walk lower("/lower");
-  return lower.dentry()->d_sb;
-}
-
 int chmod_upper(const char *path) {
-  const test_node node(path);
-  if (node.error()) return node.error();
-  struct uk_stat want = {}, after = {};
-  want.mode = 0600;
-  return uk_setattr(node.get(), nullptr, UK_SET_MODE, &want, &after);
+  return test_chmod(path, 0600);
 }
 
 long read_upper(const char *path) {
@@ -44,7 +36,7 @@ long write_and_sync(const char *path) {
 
 // The layer's own reads are never direct, so this goes in behind them.
 long direct_read(const char *path) {
-  kernel_file file(path, O_RDONLY);
+  open_file file(path, O_RDONLY);
   if (IS_ERR(file.get())) return PTR_ERR(file.get());
   test_buffer block(512);
   kernel_ds_guard kernel_ds;
@@ -153,13 +145,13 @@ MODULE_CASE(lower_error, each_call_s_failure_is_the_caller_s_and_leaves_nothing)
     uk_drop_pagecache();
     r.daemon.drain();
 
-    memfs_fail(lower_sb(), failing.op, injected, 1);
+    memfs_fail(lower_super(), failing.op, injected, 1);
     const long failed = failing.call();
-    memfs_fail(lower_sb(), failing.op, 0, 0);
+    memfs_fail(lower_super(), failing.op, 0, 0);
     if (failed != failing.error) printk("lower operation %d:\n", failing.op);
     EXPECT_EQ(failed, failing.error);
     EXPECT_EQ(r.daemon.next().op(), failing.record);
-    EXPECT_EQ(r.daemon.next().type, -1);
+    EXPECT_TRUE(r.daemon.idle());
     EXPECT_EQ(failing.call(), failing.good);
   }
 }

@@ -6,7 +6,7 @@
 #ifndef TESTS_MODULE_LOWER_KINDS_H
 #define TESTS_MODULE_LOWER_KINDS_H
 
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
 #include "tests/ukern/host_dir.h"
 
 enum lower_kind {
@@ -27,7 +27,7 @@ class lower_mount {
     error_ = mount_lower();
     if (!error_) error_ = test_mkdir("/mnt");
     if (!error_) error_ = uk_fs_mount("/lower", "/mnt", "tarn", 0, nullptr);
-    if (!error_) error_ = test_add_rule('r', "/lower");
+    if (!error_) error_ = install_rule('r', "/lower");
     EXPECT_EQ(error_, 0);
     EXPECT_EQ(test_mkdir("/mnt/d"), 0);
     daemon_.drain();

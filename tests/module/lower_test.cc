@@ -3,6 +3,8 @@
 // result and leaves behind what it does on the lower directory itself, and is recorded the same
 // way.
 #include "tests/module/lower_kinds.h"
+#include "tests/ukern/as_user.h"
+#include "tests/ukern/open_file.h"
 #include "ukern/testing/uk_mm.h"
 
 namespace {
@@ -10,10 +12,6 @@ namespace {
 constexpr const char *tops[] = {"/lower", "/mnt"};
 
 enum { kSharedMapping = 1, kReadWrite = 3, kMsyncSync = 4 };
-
-void fill(char *data, unsigned long size, unsigned seed) {
-  for (unsigned long i = 0; i < size; i++) data[i] = static_cast<char>(i * 7 + i / 251 + seed);
-}
 
 // True if both paths hold exactly these bytes.
 bool both_hold(const char *name, const char *data, unsigned long size) {
@@ -108,7 +106,7 @@ LOWER_CASE(files_hold_what_was_written) {
   char name[32], path[64];
   for (unsigned i = 0; i < ARRAY_SIZE(sizes); i++) {
     test_buffer data(sizes[i] + 1);
-    fill(data.get(), sizes[i], i);
+    fill_pattern(data.get(), sizes[i], i);
     snprintf(name, sizeof(name), "d/f%u", i);
     snprintf(path, sizeof(path), "/mnt/%s", name);
     {
@@ -126,7 +124,7 @@ LOWER_CASE(files_hold_what_was_written) {
 LOWER_CASE(overwriting_appending_and_cutting) {
   (void)mount;
   test_buffer data(20001);
-  fill(data.get(), 20000, 3);
+  fill_pattern(data.get(), 20000, 3);
   {
     test_file file("/mnt/f", O_CREAT | O_RDWR);
     REQUIRE_EQ(file.error(), 0);
@@ -260,7 +258,7 @@ LOWER_CASE(extended_attributes_are_the_lower_ones) {
   EXPECT_EQ(uk_listxattr(upper.get(), names, sizeof(names)), set ? set : listed_below);
   EXPECT_EQ(uk_removexattr(upper.get(), "user.below"), set);
   if (!set) EXPECT_EQ(uk_getxattr(lower.get(), "user.below", value, sizeof(value)), -ENODATA);
-  EXPECT_EQ(mount.daemon().next().type, -1);
+  EXPECT_TRUE(mount.daemon().idle());
 }
 
 LOWER_CASE(fsync_is_the_lower_one) {
@@ -287,7 +285,7 @@ LOWER_CASE(directories_list_the_same_objects) {
 
 LOWER_CASE(mapped_page_reaches_the_lower_file_by_msync_and_by_write_back) {
   test_buffer data(8192);
-  fill(data.get(), 8192, 5);
+  fill_pattern(data.get(), 8192, 5);
   test_file file("/mnt/f", O_CREAT | O_RDWR);
   REQUIRE_EQ(file.error(), 0);
   EXPECT_EQ(file.write(data.get(), 8192, 0), 8192);
@@ -314,7 +312,7 @@ LOWER_CASE(mapped_page_reaches_the_lower_file_by_msync_and_by_write_back) {
   }
   uk_wake_writeback();
   while (!both_hold("f", data.get(), 8192)) msleep(1);
-  EXPECT_EQ(mount.daemon().next().type, -1);
+  EXPECT_TRUE(mount.daemon().idle());
 }
 
 // On a mount over a mount the page of a mapping is captured by the lower one's path: when a thread
@@ -327,7 +325,7 @@ MODULE_CASE(over_tarn, mapped_page_is_captured_on_its_way_down) {
   REQUIRE_EQ(file.error(), 0);
   EXPECT_EQ(file.write(data.get(), 4096, 0), 4096);
   do_flush(0);
-  REQUIRE_EQ(test_add_rule('b', "/base"), 0);
+  REQUIRE_EQ(install_rule('b', "/base"), 0);
   mount.daemon().drain();
   const test_walk upper("/mnt/f");
   {
@@ -343,15 +341,15 @@ MODULE_CASE(over_tarn, mapped_page_is_captured_on_its_way_down) {
   page_cache_release(page);
   // The capture of the page and then that of the write which it becomes below.
   for (int i = 0; i < 2; i++) {
-    const struct test_record &record = mount.daemon().next();
-    EXPECT_EQ(record.type, OX_OP_WRITE);
+    const test_message &record = mount.daemon().next();
+    EXPECT_EQ(record.type(), OX_OP_WRITE);
     EXPECT_EQ(record.wr()->pages, 2u);
     EXPECT_EQ(record.wr()->off, 0ull);
     EXPECT_STREQ(record.wr()->data, "/base/f");
     EXPECT_EQ(memcmp(record.wr()->data + record.wr()->dlen1, data.get(), 1000), 0);
     EXPECT_EQ(mount.daemon().next().wr()->pagenr, 1u);
   }
-  EXPECT_EQ(mount.daemon().next().type, -1);
+  EXPECT_TRUE(mount.daemon().idle());
 
   mapped_page map(file);
   EXPECT_EQ(uk_map_write(map.get(), 10, "myself", 6), 0);
@@ -359,7 +357,7 @@ MODULE_CASE(over_tarn, mapped_page_is_captured_on_its_way_down) {
   memcpy(data.get() + 10, "myself", 6);
   EXPECT_TRUE(both_hold("f", data.get(), 4096));
   EXPECT_TRUE(case_logged("tarn_write_sync: tarn_wrtrans_alloc fail"));
-  EXPECT_EQ(mount.daemon().next().type, OX_OP_STOP_RULE);
+  EXPECT_EQ(mount.daemon().next().type(), OX_OP_STOP_RULE);
 }
 
 LOWER_CASE(unlinked_file_stays_usable) {
@@ -395,7 +393,7 @@ LOWER_CASE(size_limit_of_the_task) {
   EXPECT_EQ(file.write(data.get(), 1, 5000), -EFBIG);
   EXPECT_TRUE(signal_pending(current));
   flush_signals(current);
-  EXPECT_EQ(mount.daemon().next().type, -1);
+  EXPECT_TRUE(mount.daemon().idle());
   *limit = unlimited;
   EXPECT_EQ(file.write(data.get(), 1, 5000), 1);
   EXPECT_TRUE(both_hold("f", data.get(), 5001));
@@ -499,11 +497,11 @@ LOWER_CASE(records_of_a_script) {
       {OX_OP_RMDIR, "/lower/e", nullptr},
   };
   for (const struct expected &expected : script) {
-    const struct test_record &record = mount.daemon().next();
+    const test_message &record = mount.daemon().next();
     EXPECT_EQ(record.op(), expected.op);
     if (expected.path1) EXPECT_STREQ(record.path1(), expected.path1);
     if (expected.path2) EXPECT_STREQ(record.path2(), expected.path2);
     if (expected.op == OX_OP_SETATTR) EXPECT_EQ(memcmp(record.attr()->name, "/lower/", 7), 0);
   }
-  EXPECT_EQ(mount.daemon().next().type, -1);
+  EXPECT_TRUE(mount.daemon().idle());
 }

@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 // The module frame: what a start registers, what each failing step undoes and in which order, the
 // order of a stop.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/log.h"
+#include "tests/module/kit/mount.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 
@@ -72,11 +74,11 @@ CASE(main, start_takes_the_type_the_channel_and_the_options) {
 CASE(main, stop_takes_down_capture_rules_directories_channel_type) {
   REQUIRE_EQ(uk_module_load("tarn"), 0);
   REQUIRE_EQ(uk_module_unload("tarn"), 0);
-  const long capture = test_log_line("tarn_trans_exit: flush g_transq");
-  const long rules = test_log_line("prule_exit: flush ruleset");
-  const long directories = test_log_line("dir_exit: flush dirset");
-  const long channel = test_log_line("tarn_release_netlink: release netlink socket");
-  const long type = test_log_line("tarn_exit: unregister tarn system");
+  const long capture = log_line("tarn_trans_exit: flush g_transq");
+  const long rules = log_line("prule_exit: flush ruleset");
+  const long directories = log_line("dir_exit: flush dirset");
+  const long channel = log_line("tarn_release_netlink: release netlink socket");
+  const long type = log_line("tarn_exit: unregister tarn system");
   EXPECT_LE(0, capture);
   EXPECT_LT(capture, rules);
   EXPECT_LT(rules, directories);
@@ -107,17 +109,16 @@ CASE(main, taken_rule_options_release_the_channel) {
   EXPECT_LT(load_with_options_taken(OX_SO_RULE_SET_FIRST, OX_SO_RULE_SET_LAST), 0);
   EXPECT_TRUE(case_logged("prule_init fail"));
   EXPECT_FALSE(case_logged("prule_exit: flush ruleset"));
-  EXPECT_LT(test_log_line("prule_init fail"),
-            test_log_line("tarn_release_netlink: release netlink socket"));
+  EXPECT_LT(log_line("prule_init fail"), log_line("tarn_release_netlink: release netlink socket"));
   kmem_cache_destroy(hit_rule_cache);  // which a refused registration leaves
   expect_nothing_left();
 }
 
 CASE(main, taken_directory_options_release_rules_then_channel) {
   EXPECT_LT(load_with_options_taken(OX_SO_DIR_SET_FIRST, OX_SO_DIR_SET_LAST), 0);
-  const long failed = test_log_line("dir_init fail");
-  const long rules = test_log_line("prule_exit: flush ruleset");
-  const long channel = test_log_line("tarn_release_netlink: release netlink socket");
+  const long failed = log_line("dir_init fail");
+  const long rules = log_line("prule_exit: flush ruleset");
+  const long channel = log_line("tarn_release_netlink: release netlink socket");
   EXPECT_LE(0, failed);
   EXPECT_LT(failed, rules);
   EXPECT_LT(rules, channel);
@@ -131,7 +132,7 @@ CASE(main, taken_directory_options_release_rules_then_channel) {
 CASE(main, every_failing_allocation_unwinds_the_start) {
   bool last_step_failed = false;
   for (unsigned long n = 1;; n++) {
-    const unsigned long long before = test_log_end();
+    const unsigned long long before = log_end();
     uk_fault_arm(n);
     const int rc = uk_module_load("tarn");
     const bool reached = uk_fault_count() >= n;
@@ -144,12 +145,12 @@ CASE(main, every_failing_allocation_unwinds_the_start) {
     EXPECT_LT(rc, 0);
     EXPECT_TRUE(type_is_free());
     EXPECT_TRUE(channel_is_free());
-    const long failed = test_log_line("tarn_trans_init fail", before);
+    const long failed = log_line("tarn_trans_init fail", before);
     if (failed < 0) continue;
     last_step_failed = true;
-    const long directories = test_log_line("dir_exit: flush dirset", before);
-    const long rules = test_log_line("prule_exit: flush ruleset", before);
-    const long channel = test_log_line("tarn_release_netlink: release netlink socket", before);
+    const long directories = log_line("dir_exit: flush dirset", before);
+    const long rules = log_line("prule_exit: flush ruleset", before);
+    const long channel = log_line("tarn_release_netlink: release netlink socket", before);
     EXPECT_LT(failed, directories);
     EXPECT_LT(directories, rules);
     EXPECT_LT(rules, channel);
@@ -161,11 +162,11 @@ CASE(main, every_failing_allocation_unwinds_the_start) {
 // The caches come before everything else: without one of them nothing has been registered or
 // printed.
 CASE(main, failing_cache_is_out_of_memory_and_prints_nothing) {
-  const unsigned long long before = test_log_end();
+  const unsigned long long before = log_end();
   uk_fault_arm(3);
   EXPECT_EQ(uk_module_load("tarn"), -ENOMEM);
   uk_fault_arm(0);
-  EXPECT_EQ(test_log_end(), before);
+  EXPECT_EQ(log_end(), before);
   expect_nothing_left();
 }
 

@@ -1,18 +1,21 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "support.h"
+#include "tests/module/kit/daemon.h"
+#include "tests/module/kit/rules.h"
+#include "tests/module/kit/vfs.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 
 /* A name record with these strings; `second` may be null. */
-void expect_para(const nl_message &m, int op, const char *first, const char *second, int mode) {
+void expect_para(const test_message &m, int op, const char *first, const char *second, int mode) {
   REQUIRE_EQ(m.type(), OX_OP_COLLECT);
   const struct ox_msg_para *para = m.para();
   const unsigned len1 = static_cast<unsigned>(strlen(first)) + 1;
   const unsigned len2 = second ? static_cast<unsigned>(strlen(second)) + 1 : 0;
   EXPECT_EQ(m.head()->nlmsg_len, OX_NLMSG_HDRLEN + OX_MSG_PARA_LEN + len1 + len2);
   EXPECT_EQ(m.head()->nlmsg_flags, 0);
-  EXPECT_EQ(m.len, (long)NLMSG_ALIGN(m.head()->nlmsg_len));
-  for (long i = m.head()->nlmsg_len; i < m.len; ++i) EXPECT_EQ(m.bytes[i], 0);
+  EXPECT_EQ(m.received, (long)NLMSG_ALIGN(m.head()->nlmsg_len));
+  for (long i = m.head()->nlmsg_len; i < m.received; ++i) EXPECT_EQ(m.bytes[i], 0);
   EXPECT_EQ(para->op, op);
   EXPECT_EQ(para->os, 1);
   EXPECT_EQ(para->cp, 0);
@@ -76,10 +79,10 @@ MODULE_CASE(meta_capture, a_rename_goes_to_the_rules_of_both_paths) {
   REQUIRE_EQ(install_rule(2, "/to"), 0);
   REQUIRE_EQ(install_rule(3, "/other"), 0);
   EXPECT_EQ(tarn_para_sync(OX_OP_RENAME, "/from/x", "/to/y", 0100644), 0);
-  const nl_message &second = daemon.next();
+  const test_message &second = daemon.next();
   EXPECT_EQ(second.msg()->uuid[0], 2);
   expect_para(second, OX_OP_RENAME, "/from/x", "/to/y", 0100644);
-  const nl_message &first = daemon.next();
+  const test_message &first = daemon.next();
   EXPECT_EQ(first.msg()->uuid[0], 1);
   expect_para(first, OX_OP_RENAME, "/from/x", "/to/y", 0100644);
   EXPECT_TRUE(daemon.idle());
@@ -102,7 +105,7 @@ MODULE_CASE(meta_capture, every_attribute_is_in_the_record) {
   attr.ia_ctime.tv_sec = 3000;
   attr.ia_ctime.tv_nsec = 0;
   EXPECT_EQ(tarn_attr_sync(file.get(), &attr), 0);
-  const nl_message &m = daemon.next();
+  const test_message &m = daemon.next();
   REQUIRE_EQ(m.type(), OX_OP_COLLECT);
   EXPECT_EQ(m.head()->nlmsg_len, OX_NLMSG_HDRLEN + 100u + 6);
   const struct ox_msg_attr *record = m.attr();
@@ -132,10 +135,10 @@ MODULE_CASE(meta_capture, two_rules_number_their_own_records) {
   bound_dentry file("/file");
   struct iattr attr = {};
   EXPECT_EQ(tarn_attr_sync(file.get(), &attr), 0);
-  const nl_message &second = daemon.next();
+  const test_message &second = daemon.next();
   EXPECT_EQ(second.msg()->uuid[0], 2);
   EXPECT_EQ(second.msg()->wseq, 1u);
-  const nl_message &first = daemon.next();
+  const test_message &first = daemon.next();
   EXPECT_EQ(first.msg()->uuid[0], 1);
   EXPECT_EQ(first.msg()->wseq, 2u);
 }

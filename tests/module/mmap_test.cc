@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // The layer's page cache over the shared lower file.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
 #include "ukern/fs/memfs.h"
 #include "ukern/testing/uk_mm.h"
 
@@ -129,7 +129,7 @@ MODULE_CASE(mmap, page_of_a_plain_lower_file_system_is_written_but_not_captured)
   test_mount mount;
   test_daemon daemon;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
-  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+  REQUIRE_EQ(install_rule('r', "/lower"), 0);
   open_pages pages("/mnt/f");
   struct writeback_control wbc;
   memset(&wbc, 0, sizeof(wbc));
@@ -138,7 +138,7 @@ MODULE_CASE(mmap, page_of_a_plain_lower_file_system_is_written_but_not_captured)
     memset(page.text(), 'm', PAGE_SIZE);
     EXPECT_EQ(tarn_aops.writepage(page.get(), &wbc), 0);
   }
-  EXPECT_EQ(daemon.next().type, -1);
+  EXPECT_TRUE(daemon.idle());
   do_flush(0);
 }
 
@@ -172,7 +172,7 @@ MODULE_CASE(mmap, page_over_a_mount_of_the_layer_is_captured_whole) {
   test_mount mount;
   test_daemon daemon;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
-  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+  REQUIRE_EQ(install_rule('r', "/lower"), 0);
   {
     open_pages pages("/mnt/f");
     const test_walk lower("/lower/f");
@@ -184,8 +184,8 @@ MODULE_CASE(mmap, page_over_a_mount_of_the_layer_is_captured_whole) {
     kernel_ds_guard as_write_back_runs;
     EXPECT_EQ(tarn_aops.writepage(page.get(), &wbc), 0);
   }
-  const struct test_record &first = daemon.next();
-  EXPECT_EQ(first.type, OX_OP_WRITE);
+  const test_message &first = daemon.next();
+  EXPECT_EQ(first.type(), OX_OP_WRITE);
   EXPECT_EQ(first.wr()->type, OX_WRITE_PAGED);
   EXPECT_EQ(first.wr()->pages, 2u);
   EXPECT_EQ(first.wr()->off, 4096ull);
@@ -198,7 +198,7 @@ MODULE_CASE(mmap, page_written_by_a_process_of_its_own_stops_the_rule_and_reache
   test_mount mount;
   test_daemon daemon;
   REQUIRE_EQ(test_put("/lower/f", "x"), 1);
-  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+  REQUIRE_EQ(install_rule('r', "/lower"), 0);
   {
     open_pages pages("/mnt/f");
     const test_walk lower("/lower/f");
@@ -210,7 +210,7 @@ MODULE_CASE(mmap, page_written_by_a_process_of_its_own_stops_the_rule_and_reache
     EXPECT_EQ(tarn_aops.writepage(page.get(), &wbc), 0);
   }
   EXPECT_TRUE(case_logged("tarn_write_sync: tarn_wrtrans_alloc fail"));
-  EXPECT_EQ(daemon.next().type, OX_OP_STOP_RULE);
+  EXPECT_EQ(daemon.next().type(), OX_OP_STOP_RULE);
   struct uk_stat stat = {};
   EXPECT_EQ(test_stat("/lower/f", &stat), 0);
   EXPECT_EQ(stat.size, 4096ull);

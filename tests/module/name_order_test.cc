@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Numbers and names agree: a record that is numbered before a rename says the path of before, one
 // that is numbered after it the path of after, while all is done at once.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
 #include "tests/ukern/threads.h"
 
 namespace {
@@ -51,7 +51,7 @@ void write_the_file(void *arg) {
 }
 
 // The path of a record that must be below the directory.
-const char *path_of(const struct test_record &record) {
+const char *path_of(const test_message &record) {
   switch (record.op()) {
     case OX_OP_SETATTR:
       return record.attr()->name;
@@ -67,8 +67,8 @@ class in_order {
  public:
   explicit in_order(test_daemon &daemon) {
     while (true) {
-      const struct test_record &record = daemon.next();
-      if (record.type < 0) break;
+      const test_message &record = daemon.next();
+      if (record.type() < 0) break;
       const unsigned number = record.msg()->wseq;
       REQUIRE_TRUE(number < kMost);
       struct seen &at = seen_[number];
@@ -119,7 +119,7 @@ MODULE_CASE(name_order, paths_follow_the_numbers_of_renames) {
     const test_node top("/mnt"), dir("/mnt/d"), file("/mnt/d/f");
     REQUIRE_TRUE(top.get() && dir.get() && file.get());
     struct nodes n = {top.get(), dir.get(), file.get()};
-    REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+    REQUIRE_EQ(install_rule('r', "/lower"), 0);
     void (*const actors[])(void *) = {rename_the_directory, change_the_file, make_and_remove,
                                       write_the_file};
     struct ThreadTeam teams[4];

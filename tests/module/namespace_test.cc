@@ -1,26 +1,16 @@
 // SPDX-License-Identifier: GPL-2.0
 // Making and removing names: what happens below, what the upper directory shows, and which records
 // come in which order.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
 #include "tests/ukern/threads.h"
 #include "ukern/fs/memfs.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 
-// The cached dentry of a name, with a reference; null when there is none.
-struct dentry *cached(const char *dir, const char *name) {
-  const test_walk walk(dir);
-  if (walk.error()) return nullptr;
-  struct qstr text;
-  text.name = reinterpret_cast<const unsigned char *>(name);
-  text.len = strlen(name);
-  text.hash = full_name_hash(text.name, text.len);
-  return d_lookup(walk.dentry(), &text);
-}
-
 bool hashed(const char *path) {
   const test_path at(path);
-  struct dentry *dentry = cached(at.dir, at.name);
+  struct dentry *dentry = test_cached(at.dir, at.name);
   if (dentry) dput(dentry);
   return dentry != nullptr;
 }
@@ -30,7 +20,7 @@ struct dentry *negative(const char *dir, const char *name) {
   char path[256];
   snprintf(path, sizeof(path), "%s/%s", dir, name);
   { const test_walk missing(path); }
-  return cached(dir, name);
+  return test_cached(dir, name);
 }
 
 }  // namespace
@@ -43,22 +33,22 @@ MODULE_CASE(namespace, create_yields_a_create_record_then_an_attribute_record) {
   }
   EXPECT_TRUE(test_exists("/lower/f"));
 
-  const struct test_record &first = r.daemon.next();
-  EXPECT_EQ(first.type, OX_OP_COLLECT);
+  const test_message &first = r.daemon.next();
+  EXPECT_EQ(first.type(), OX_OP_COLLECT);
   EXPECT_EQ(first.op(), OX_OP_CREATE);
   EXPECT_EQ(first.msg()->wseq, 1u);
   EXPECT_STREQ(first.path1(), "/lower/f");
   EXPECT_EQ(first.para()->dlen2, 0);
   EXPECT_EQ(first.para()->mode & 07777, 0644u);
 
-  const struct test_record &second = r.daemon.next();
+  const test_message &second = r.daemon.next();
   EXPECT_EQ(second.op(), OX_OP_SETATTR);
   EXPECT_EQ(second.msg()->wseq, 2u);
   EXPECT_EQ(second.attr()->com.ia_valid, 0x47);
   EXPECT_EQ(second.attr()->com.ia_size, 0ull);
   EXPECT_EQ(second.attr()->sec.ia_uid, 0u);
   EXPECT_STREQ(second.attr()->name, "/lower/f");
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(namespace, create_gives_the_directory_the_lower_times_and_size) {
@@ -81,14 +71,14 @@ MODULE_CASE(namespace, mkdir_yields_two_records_and_counts_the_directory_s_links
   const test_walk lower("/lower");
   EXPECT_EQ(upper.inode()->i_nlink, lower.inode()->i_nlink);
 
-  const struct test_record &first = r.daemon.next();
+  const test_message &first = r.daemon.next();
   EXPECT_EQ(first.op(), OX_OP_MKDIR);
   EXPECT_STREQ(first.path1(), "/lower/d");
   EXPECT_EQ(first.para()->mode & 07777, 0750u);
-  const struct test_record &second = r.daemon.next();
+  const test_message &second = r.daemon.next();
   EXPECT_EQ(second.op(), OX_OP_SETATTR);
   EXPECT_EQ(second.attr()->com.ia_valid, 0x47);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(namespace, fifo_is_made_below_and_not_recorded) {
@@ -97,7 +87,7 @@ MODULE_CASE(namespace, fifo_is_made_below_and_not_recorded) {
   struct uk_stat stat = {};
   EXPECT_EQ(test_stat("/lower/fifo", &stat), 0);
   EXPECT_TRUE(S_ISFIFO(stat.mode));
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(namespace, refused_rmdir_is_recorded_all_the_same) {
@@ -106,10 +96,10 @@ MODULE_CASE(namespace, refused_rmdir_is_recorded_all_the_same) {
   REQUIRE_EQ(test_put("/lower/d/f", "x"), 1);
   EXPECT_EQ(test_rmdir("/mnt/d"), -ENOTEMPTY);
   EXPECT_TRUE(test_exists("/lower/d"));
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_RMDIR);
   EXPECT_STREQ(record.path1(), "/lower/d");
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(namespace, rmdir_removes_below_and_records_the_path_it_had) {
@@ -119,10 +109,10 @@ MODULE_CASE(namespace, rmdir_removes_below_and_records_the_path_it_had) {
   EXPECT_EQ(test_rmdir("/mnt/d"), 0);
   EXPECT_FALSE(test_exists("/lower/d"));
   EXPECT_FALSE(test_exists("/mnt/d"));
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_RMDIR);
   EXPECT_STREQ(record.path1(), "/lower/d");
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
   const test_walk upper("/mnt");
   const test_walk lower("/lower");
   EXPECT_EQ(upper.inode()->i_nlink, lower.inode()->i_nlink);
@@ -147,12 +137,12 @@ MODULE_CASE(namespace, link_drops_both_names_and_records_both_paths) {
   EXPECT_EQ(i_size_read(old.inode()), 4);
   dput(fresh);
 
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_LINK);
   EXPECT_STREQ(record.path1(), "/lower/a");
   EXPECT_STREQ(record.path2(), "/lower/b");
   EXPECT_EQ(record.para()->mode, 0u);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 
   const test_walk lower("/lower");
   const unsigned long lookups = memfs_calls(lower.dentry()->d_sb, MEMFS_OP_LOOKUP);
@@ -185,7 +175,7 @@ MODULE_CASE(namespace, refused_link_drops_the_names_too) {
   EXPECT_TRUE(d_unhashed(fresh));
   EXPECT_TRUE(d_unhashed(tarn_lower_dentry(old.dentry())));
   dput(fresh);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(namespace, open_file_s_last_name_goes_and_is_recorded_as_it_was) {
@@ -196,7 +186,7 @@ MODULE_CASE(namespace, open_file_s_last_name_goes_and_is_recorded_as_it_was) {
   EXPECT_EQ(test_unlink("/mnt/f"), 0);
   EXPECT_FALSE(test_exists("/mnt/f"));
   EXPECT_FALSE(test_exists("/lower/f"));
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_UNLINK);
   EXPECT_STREQ(record.path1(), "/lower/f");
   EXPECT_EQ(record.para()->dlen2, 0);
@@ -228,12 +218,12 @@ MODULE_CASE(namespace, symbolic_link_has_all_mode_bits_whatever_the_umask) {
   EXPECT_EQ(test_stat("/lower/l", &stat), 0);
   EXPECT_EQ(stat.mode & (S_IFMT | 0777), S_IFLNK | 0777u);
 
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_SYMLINK);
   EXPECT_STREQ(record.path1(), "/lower/l");
   EXPECT_STREQ(record.path2(), "../target");
   EXPECT_EQ(record.para()->mode, 4095u);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(namespace, refused_creations_leave_no_negative_name_except_create) {
@@ -252,7 +242,7 @@ MODULE_CASE(namespace, refused_creations_leave_no_negative_name_except_create) {
   EXPECT_FALSE(hashed("/mnt/fifo"));
   EXPECT_FALSE(hashed("/mnt/link"));
   EXPECT_TRUE(hashed("/mnt/file"));
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(namespace, creation_gives_the_lookup_record_its_own_path_back) {
@@ -292,9 +282,9 @@ MODULE_CASE(namespace, change_outside_every_rule_is_not_recorded) {
   test_daemon daemon;
   REQUIRE_EQ(test_mkdir("/lower/in"), 0);
   REQUIRE_EQ(test_mkdir("/lower/out"), 0);
-  REQUIRE_EQ(test_add_rule('r', "/lower/in"), 0);
+  REQUIRE_EQ(install_rule('r', "/lower/in"), 0);
   EXPECT_EQ(test_mkdir("/mnt/out/d"), 0);
-  EXPECT_EQ(daemon.next().type, -1);
+  EXPECT_TRUE(daemon.idle());
   EXPECT_EQ(test_mkdir("/mnt/in/d"), 0);
   EXPECT_EQ(daemon.drain(), 2);
   do_flush(0);
@@ -320,10 +310,10 @@ MODULE_CASE(namespace, unlink_works_without_memory_for_its_capture) {
     EXPECT_EQ(rc, 0);
     EXPECT_FALSE(test_exists("/lower/f"));
     if (!reached) break;
-    const struct test_record &record = r.daemon.next();
+    const test_message &record = r.daemon.next();
     if (record.op() != OX_OP_UNLINK) unrecorded++;
     do_flush(0);
-    REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+    REQUIRE_EQ(install_rule('r', "/lower"), 0);
   }
   EXPECT_LE(2, unrecorded);
 }
@@ -357,7 +347,7 @@ MODULE_CASE(namespace, every_failing_allocation_of_every_call_is_undone) {
       step.undo();
       r.daemon.drain();
       do_flush(0);
-      REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+      REQUIRE_EQ(install_rule('r', "/lower"), 0);
       if (!reached) break;
     }
   }
@@ -374,7 +364,7 @@ MODULE_CASE(namespace, name_whose_object_was_moved_below_is_stale) {
   EXPECT_EQ(test_unlink("/mnt/f"), -ESTALE);
   EXPECT_TRUE(test_exists("/lower/d/f"));
   EXPECT_FALSE(test_exists("/mnt/f"));
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
   EXPECT_EQ(test_unlink("/mnt/d/f"), 0);
 }
 
@@ -397,7 +387,7 @@ MODULE_CASE(namespace, creation_at_a_name_that_was_taken_below_is_stale) {
     EXPECT_EQ(make(), -ESTALE);
     EXPECT_FALSE(test_exists("/lower/y"));
     EXPECT_TRUE(test_holds("/mnt/x", "moved"));
-    EXPECT_EQ(r.daemon.next().type, -1);
+    EXPECT_TRUE(r.daemon.idle());
   }
 }
 
@@ -412,7 +402,7 @@ MODULE_CASE(namespace, move_to_a_name_that_was_taken_below_is_stale) {
   EXPECT_FALSE(test_exists("/lower/y"));
   EXPECT_TRUE(test_holds("/mnt/f", "x"));
   EXPECT_TRUE(test_holds("/mnt/x", "moved"));
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 namespace {
@@ -541,5 +531,5 @@ MODULE_CASE(namespace, removal_overtaken_by_a_move_below_is_stale) {
   EXPECT_EQ(removal_overtaken_by_a_move(test_rmdir, "/mnt/d/sub", "sub"), -ESTALE);
   EXPECT_TRUE(test_exists("/lower/e/f"));
   EXPECT_TRUE(test_exists("/lower/e/sub"));
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }

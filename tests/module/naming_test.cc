@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Which file a record means: its path is the object's name, or the record says what it is instead.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
+#include "tests/ukern/as_user.h"
 #include "ukern/fs/memfs.h"
 
 namespace {
@@ -8,7 +9,7 @@ namespace {
 void write_is_recorded(replicated &r, test_file &file, const char *path, int naming) {
   r.daemon.drain();
   EXPECT_EQ(file.write("y", 1, 0), 1);
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_WRITE);
   EXPECT_STREQ(record.wr()->data, path);
   EXPECT_EQ(record.msg()->cp, naming);
@@ -35,7 +36,7 @@ MODULE_CASE(naming, a_file_that_was_linked_while_open_keeps_its_name) {
   EXPECT_EQ(test_link("/mnt/f", "/mnt/h"), 0);
   r.daemon.drain();
   EXPECT_EQ(change_mode(file, 0600), 0);
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_SETATTR);
   EXPECT_STREQ(record.attr()->name, "/lower/f");
   EXPECT_EQ(record.msg()->cp, OX_CP_NAMED);
@@ -57,7 +58,7 @@ MODULE_CASE(naming, a_link_tells_the_old_name_although_the_cache_lost_it_meanwhi
   r.daemon.drain();
   EXPECT_EQ(test_link("/mnt/f", "/mnt/g"), 0);
   lower.inode()->i_op = own;
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_LINK);
   EXPECT_EQ(record.msg()->cp, OX_CP_NAMED);
   EXPECT_STREQ(record.path1(), "/lower/f");
@@ -101,7 +102,7 @@ MODULE_CASE(naming, a_file_whose_latest_name_is_gone_is_changed_by_the_one_it_ha
   struct uk_stat want = {}, after = {};
   want.mode = 0600;
   EXPECT_EQ(uk_setattr(latest.get(), nullptr, UK_SET_MODE, &want, &after), 0);
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_SETATTR);
   EXPECT_STREQ(record.attr()->name, "/lower/f");
   EXPECT_EQ(record.msg()->cp, OX_CP_NAMED);
@@ -204,21 +205,14 @@ MODULE_CASE(naming, the_end_of_an_inode_leaves_directories_in_the_cache) {
 MODULE_CASE(naming, bits_that_a_write_takes_away_are_told_before_its_data) {
   replicated r;
   EXPECT_EQ(test_put("/mnt/f", "x"), 1);
-  struct uk_stat want = {}, after = {};
-  want.mode = 06777;
-  {
-    const test_node node("/mnt/f");
-    EXPECT_EQ(uk_setattr(node.get(), nullptr, UK_SET_MODE, &want, &after), 0);
-  }
+  EXPECT_EQ(test_chmod("/mnt/f", 06777), 0);
   test_file file("/mnt/f", O_RDWR);
   r.daemon.drain();
-  const kernel_cap_t capabilities = current->cap_effective;
-  current->fsuid = 1000;
-  cap_clear(current->cap_effective);
-  EXPECT_EQ(file.write("y", 1, 0), 1);
-  current->fsuid = 0;
-  current->cap_effective = capabilities;
-  const struct test_record &bits = r.daemon.next();
+  {
+    as_user user(1000, 0);
+    EXPECT_EQ(file.write("y", 1, 0), 1);
+  }
+  const test_message &bits = r.daemon.next();
   EXPECT_EQ(bits.op(), OX_OP_SETATTR);
   EXPECT_EQ(bits.attr()->com.ia_valid, ATTR_MODE);
   EXPECT_EQ(bits.attr()->com.ia_mode & 07777, 0777);
@@ -232,17 +226,13 @@ MODULE_CASE(naming, bits_that_a_write_takes_away_are_told_before_its_data) {
 MODULE_CASE(naming, a_refused_write_leaves_neither_bytes_nor_a_size) {
   replicated r;
   EXPECT_EQ(test_put("/mnt/f", "old"), 3);
-  struct super_block *lower_sb;
-  {
-    const test_walk lower("/lower");
-    lower_sb = lower.dentry()->d_sb;
-  }
+  struct super_block *const below = lower_super();
   test_file file("/mnt/f", O_RDWR);
   r.daemon.drain();
   struct uk_stat stat;
   static constexpr unsigned long long places[] = {0, 3, 5000};
   for (const unsigned long long at : places) {
-    memfs_fail(lower_sb, MEMFS_OP_PREPARE_WRITE, -ENOSPC, 1);
+    memfs_fail(below, MEMFS_OP_PREPARE_WRITE, -ENOSPC, 1);
     EXPECT_EQ(file.write("NEW", 3, at), -EINVAL);
     EXPECT_EQ(r.daemon.drain(), 0);
     EXPECT_TRUE(test_holds("/mnt/f", "old"));
@@ -259,19 +249,15 @@ MODULE_CASE(naming, a_refused_write_leaves_neither_bytes_nor_a_size) {
 MODULE_CASE(naming, a_short_write_is_recorded_as_far_as_it_came) {
   replicated r;
   EXPECT_EQ(test_put("/mnt/f", ""), 0);
-  struct super_block *lower_sb;
-  {
-    const test_walk lower("/lower");
-    lower_sb = lower.dentry()->d_sb;
-  }
+  struct super_block *const below = lower_super();
   test_buffer data(3 * PAGE_SIZE, 'd');
   test_file file("/mnt/f", O_RDWR);
   r.daemon.drain();
-  memfs_set_capacity(lower_sb, PAGE_SIZE);
+  memfs_set_capacity(below, PAGE_SIZE);
   EXPECT_EQ(file.write(data.get(), 3 * PAGE_SIZE, 0), static_cast<long>(PAGE_SIZE));
-  memfs_set_capacity(lower_sb, 0);
+  memfs_set_capacity(below, 0);
   unsigned long recorded = 0;
-  for (const struct test_record *page = &r.daemon.next(); page->type >= 0; page = &r.daemon.next())
+  for (const test_message *page = &r.daemon.next(); page->type() >= 0; page = &r.daemon.next())
     recorded += page->wr()->dlen2;
   EXPECT_EQ(recorded, PAGE_SIZE);
   struct uk_stat stat;

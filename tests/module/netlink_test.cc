@@ -1,5 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "support.h"
+#include "tests/module/kit/daemon.h"
+#include "tests/module/kit/log.h"
+#include "tests/module/kit/programs.h"
+#include "tests/module/kit/rules.h"
+#include "ukern/testing/uk_fault.h"
 #include "rule_set.h"
 
 namespace {
@@ -14,7 +18,7 @@ struct raw_message {
 };
 
 ox_s32_t reply_of(test_daemon &daemon, int type) {
-  const nl_message &m = daemon.next();
+  const test_message &m = daemon.next();
   if (m.type() != type || m.head()->nlmsg_len != OX_NLMSG_HDRLEN + 4u) return -1;
   if (m.head()->nlmsg_flags != 0 || m.head()->nlmsg_seq != 0) return -2;
   return *m.payload<ox_s32_t>();
@@ -61,10 +65,7 @@ MODULE_CASE(netlink, a_new_hello_replaces_the_daemon) {
 
 MODULE_CASE(netlink, a_daemon_that_is_gone_is_forgotten_and_signalled) {
   REQUIRE_EQ(install_rule(1, "/"), 0);
-  {
-    test_daemon daemon;
-    REQUIRE_EQ(daemon.error(), 0);
-  }
+  test_daemon().close();
   EXPECT_EQ(daemon_pid, (unsigned)current->pid);
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0), 0);
   EXPECT_EQ(daemon_pid, 0u);
@@ -114,6 +115,7 @@ MODULE_CASE(netlink, the_signal_goes_to_the_daemon_and_not_to_the_sender) {
     acting_as it(program);
     test_daemon daemon;
     EXPECT_EQ(daemon_pid, 2000u);
+    daemon.close();
   }
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0), 0);
   EXPECT_TRUE(program.signalled());
@@ -141,6 +143,7 @@ MODULE_CASE(netlink, a_daemon_that_is_gone_is_forgotten_before_it_is_signalled) 
     acting_as it(program);
     test_daemon daemon;
     EXPECT_EQ(daemon_pid, 2000u);
+    daemon.close();
   }
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0), 0);
   EXPECT_EQ(registered, 0u);
@@ -149,10 +152,7 @@ MODULE_CASE(netlink, a_daemon_that_is_gone_is_forgotten_before_it_is_signalled) 
 
 MODULE_CASE(netlink, a_notice_finds_the_daemon_gone) {
   uuid_t uuid = {1};
-  {
-    test_daemon daemon;
-    REQUIRE_EQ(daemon.error(), 0);
-  }
+  test_daemon().close();
   EXPECT_EQ(tarn_send_stop_rule(uuid), 0);
   EXPECT_EQ(daemon_pid, 0u);
   EXPECT_TRUE(signalled());
@@ -286,6 +286,7 @@ MODULE_CASE(netlink, a_daemon_that_is_gone_does_not_take_the_next_one_along) {
       schedule_timeout_uninterruptible(50);
     }
     ox_store(daemon_pid, 2001u);
+    old.close();
   }
   EXPECT_EQ(kthread_stop(sender), 0);
   EXPECT_TRUE(program.signalled());
@@ -318,12 +319,13 @@ MODULE_CASE(netlink, a_second_hello_moves_the_channel_without_notice) {
     test_daemon second;
     REQUIRE_EQ(second.error(), 0);
     EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/x", nullptr, 0), 0);
-    const nl_message &m = second.next();
+    const test_message &m = second.next();
     EXPECT_EQ(m.type(), OX_OP_COLLECT);
     EXPECT_EQ(m.head()->nlmsg_pid, 2000u);
     EXPECT_TRUE(first.idle());
     second.send(OX_NL_HELO); /* the same once more changes nothing */
     EXPECT_EQ(daemon_pid, 2000u);
+    second.close();
   }
   EXPECT_FALSE(signalled());
   first.send(OX_NL_QUIT); /* from whom does not matter */
@@ -346,8 +348,8 @@ MODULE_CASE(netlink, an_answer_is_twenty_bytes) {
     daemon.send(request.type, rule_record(9), request.len);
     const unsigned words[] = {20, static_cast<unsigned>(request.type), 0, pid,
                               static_cast<unsigned>(request.result)};
-    const nl_message &m = daemon.next();
-    EXPECT_EQ(m.len, 20);
+    const test_message &m = daemon.next();
+    EXPECT_EQ(m.received, 20);
     EXPECT_EQ(memcmp(m.bytes, words, sizeof(words)), 0);
   }
   EXPECT_TRUE(daemon.idle());
@@ -447,10 +449,10 @@ MODULE_CASE(netlink, unknown_types_are_logged_and_our_own_are_not) {
   EXPECT_EQ(case_log_level("Dropping netlink message of unrecognized type [102]"), kWarning);
   daemon.send(11);
   EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [11]"), 1);
-  const int lines = lines_logged();
+  const int lines = log_length();
   daemon.send(OX_OP_WRITE);
   daemon.send(OX_OP_COLLECT);
-  EXPECT_EQ(lines_logged(), lines);
+  EXPECT_EQ(log_length(), lines);
   EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [9]"), 0);
   EXPECT_EQ(case_log_count("Dropping netlink message of unrecognized type [10]"), 0);
 }
@@ -547,13 +549,13 @@ MODULE_CASE(netlink, a_message_without_memory) {
 MODULE_CASE(netlink, an_empty_payload_is_a_header) {
   test_daemon daemon;
   EXPECT_EQ(tarn_send_netlink(nullptr, 77, OX_OP_COLLECT, 5, 9), 0);
-  const nl_message &m = daemon.next();
-  EXPECT_EQ(m.len, 16);
+  const test_message &m = daemon.next();
+  EXPECT_EQ(m.received, 16);
   EXPECT_EQ(m.head()->nlmsg_len, 16u);
   EXPECT_EQ(m.head()->nlmsg_flags, 5);
   EXPECT_EQ(m.head()->nlmsg_seq, 9u);
   EXPECT_EQ(tarn_send_netlink(const_cast<char *>("x"), 0, OX_OP_COLLECT, 0, 9), 0);
-  EXPECT_EQ(daemon.next().len, 16);
+  EXPECT_EQ(daemon.next().received, 16);
 }
 
 MODULE_CASE(netlink, the_socket_waits_a_second) {

@@ -2,7 +2,7 @@
 // A directory that is found at another place than before: it was moved below, or it is mounted
 // there below a second time. The VFS takes the locks of two dentries one after the other, so that
 // two dentries of one upper directory would be one lock taken twice.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
 #include "tests/ukern/host_dir.h"
 #include "ukern/syscall/syscall.h"
 
@@ -30,7 +30,7 @@ int error_at(const char *path) {
 }
 
 void expect_rename(test_daemon &daemon, const char *from, const char *to) {
-  const struct test_record &record = daemon.next();
+  const test_message &record = daemon.next();
   EXPECT_EQ(record.op(), OX_OP_RENAME);
   if (record.op() != OX_OP_RENAME) return;
   EXPECT_STREQ(record.path1(), from);
@@ -185,7 +185,7 @@ MODULE_CASE(places, a_directory_moved_on_the_host_is_one_directory) {
   REQUIRE_EQ(uk_fs_mount("/lower", "/mnt", "tarn", 0, nullptr), 0);
   {
     test_daemon daemon;
-    REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+    REQUIRE_EQ(install_rule('r', "/lower"), 0);
     const test_walk in("/mnt/a/x"), known("/mnt/a/x/f");
     const int a = host_fs_lookup(nullptr, host.fd(), "a");
     const int y = host_fs_lookup(nullptr, host.fd(), "y");

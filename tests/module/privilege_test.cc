@@ -2,7 +2,10 @@
 // What a program without CAP_NET_ADMIN may not do, on the netlink channel and through the socket
 // options; what it must be able to do; and that the capability is all it takes.
 #include "dir_set.h"
-#include "support.h"
+#include "tests/module/kit/daemon.h"
+#include "tests/module/kit/log.h"
+#include "tests/module/kit/programs.h"
+#include "tests/module/kit/rules.h"
 #include "rule_set.h"
 
 namespace {
@@ -11,23 +14,6 @@ constexpr int kPeer = 2000;
 
 /* The memory of the peer's calls. */
 struct prule peer_memory;
-
-class peer_buffer {
- public:
-  peer_buffer() : user_(&peer_memory, sizeof(peer_memory)) {}
-
- private:
-  user_memory user_;
-};
-
-int add_dir(int id, const char *path) {
-  static struct dir record;
-  memset(&record, 0, sizeof(record));
-  memset(record.uuid, id, sizeof(record.uuid));
-  strcpy(record.repdir, path);
-  kernel_ds_guard kernel_addresses;
-  return dir_add(&record, sizeof(record));
-}
 
 }  // namespace
 
@@ -41,7 +27,7 @@ MODULE_CASE(privilege, every_message_of_a_plain_program_is_dropped_with_a_warnin
   const int types[] = {OX_NL_HELO,      OX_NL_QUIT,    OX_NL_RESPONSE,
                        OX_SO_REP_ADD,   OX_SO_REP_DEL, OX_OP_WRITE,
                        OX_SO_REP_FLUSH, OX_OP_COLLECT, 102};
-  int lines = lines_logged();
+  int lines = log_length();
   for (int type : types) {
     const int id = type == OX_SO_REP_DEL ? 1 : 2;
     peer.send(type, rule_record(id, "L2E="), sizeof(struct prule));
@@ -50,7 +36,7 @@ MODULE_CASE(privilege, every_message_of_a_plain_program_is_dropped_with_a_warnin
              "Dropping netlink message of type [%d] from unprivileged process [%d]", type, kPeer);
     EXPECT_EQ(case_log_level(expected), 4);
     EXPECT_EQ(case_log_count(expected), 1);
-    EXPECT_EQ(lines_logged(), ++lines); /* and that is all */
+    EXPECT_EQ(log_length(), ++lines); /* and that is all */
     EXPECT_EQ(daemon_pid, 1000u);
     EXPECT_EQ(get_prule_set()->rulenum, 1);
   }
@@ -68,11 +54,11 @@ MODULE_CASE(privilege, what_is_no_message_is_corrupt_whoever_sent_it) {
 
 MODULE_CASE(privilege, every_socket_option_is_refused_to_a_plain_program) {
   REQUIRE_EQ(install_rule(1, "/a"), 0);
-  REQUIRE_EQ(add_dir(1, "/data"), 0);
+  REQUIRE_EQ(install_directory(1, "/data"), 0);
   other_program program(kPeer);
   acting_as it(program);
-  peer_buffer memory;
-  const int lines = lines_logged();
+  user_memory memory(&peer_memory, sizeof(peer_memory));
+  const int lines = log_length();
   for (int code = 177; code <= 195; ++code) {
     memset(&peer_memory, 1, sizeof(peer_memory));
     peer_memory.workdir[OX_WORKDIR_LEN - 1] = '\0';
@@ -92,7 +78,7 @@ MODULE_CASE(privilege, every_socket_option_is_refused_to_a_plain_program) {
     EXPECT_EQ(len, (int)sizeof(ask));
     EXPECT_EQ(memcmp(&peer_memory, &ask, sizeof(ask)), 0); /* nothing was shown */
   }
-  EXPECT_EQ(lines_logged(), lines); /* and nothing logged, not even of the unknown codes */
+  EXPECT_EQ(log_length(), lines); /* and nothing logged, not even of the unknown codes */
 }
 
 MODULE_CASE(privilege, the_capability_is_all_it_takes) {
@@ -102,7 +88,7 @@ MODULE_CASE(privilege, the_capability_is_all_it_takes) {
   REQUIRE_EQ(peer.error(), 0);
   EXPECT_EQ(daemon_pid, (unsigned)kPeer);
   peer_memory = *rule_record(3, "L2E=");
-  peer_buffer memory;
+  user_memory memory(&peer_memory, sizeof(peer_memory));
   EXPECT_EQ(uk_setsockopt(PF_INET, OX_SO_REP_ADD, &peer_memory, sizeof(peer_memory)), 0);
   EXPECT_EQ(get_prule_set()->rulenum, 1);
   struct prule_info ask = {OX_INFO_COUNT, 0, {}};
@@ -134,7 +120,8 @@ MODULE_CASE(privilege, the_changes_of_a_plain_program_are_captured) {
       acting_as it(program);
       EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
     }
-    EXPECT_EQ(daemon.next().msg()->op, OX_OP_UNLINK);
+    EXPECT_EQ(daemon.next().op(), OX_OP_UNLINK);
+    daemon.close();
   }
   acting_as it(program);
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // What the upper objects take over from the lower ones, and when; what they keep of their own.
-#include "tests/module/kernel_file.h"
+#include "tests/module/kit/mount.h"
+#include "tests/ukern/open_file.h"
 
 namespace {
 
@@ -20,35 +21,12 @@ void expect_times(const struct inode *upper, const struct inode *lower) {
 }
 
 // A name to make below /mnt, its directory locked, as the VFS hands it to the operations.
-class fresh_name {
+class fresh_name : public new_name {
  public:
-  explicit fresh_name(const char *path) {
-    memset(&nd_, 0, sizeof(nd_));
-    EXPECT_EQ(path_lookup(path, LOOKUP_PARENT, &nd_), 0);
-    dentry_ = lookup_create(&nd_, 1);
-    EXPECT_FALSE(IS_ERR(dentry_));
+  explicit fresh_name(const char *path) : new_name(path, 1) {
+    EXPECT_EQ(error(), 0);
     make_stale(dir());
   }
-  ~fresh_name() {
-    dput(dentry_);
-    mutex_unlock(&dir()->i_mutex);
-    path_release(&nd_);
-  }
-  fresh_name(const fresh_name &) = delete;
-  fresh_name &operator=(const fresh_name &) = delete;
-  struct dentry *dentry() const {
-    return dentry_;
-  }
-  struct inode *dir() const {
-    return nd_.dentry->d_inode;
-  }
-  struct nameidata *nd() {
-    return &nd_;
-  }
-
- private:
-  struct nameidata nd_;
-  struct dentry *dentry_;
 };
 
 void expect_times_and_size(const fresh_name &name) {
@@ -92,7 +70,7 @@ MODULE_CASE(refresh, creations_give_the_directory_its_times_and_size) {
 MODULE_CASE(refresh, creation_without_a_lower_inode_is_left_to_the_next_lookup) {
   test_mount mount;
   test_daemon daemon;
-  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+  REQUIRE_EQ(install_rule('r', "/lower"), 0);
   REQUIRE_EQ(test_put("/lower/f", "text"), 4);
   const test_walk dir("/mnt"), old("/mnt/f");
   struct inode *lower = tarn_lower_inode(dir.inode());
@@ -125,7 +103,7 @@ MODULE_CASE(refresh, creation_without_a_lower_inode_is_left_to_the_next_lookup) 
     EXPECT_EQ(name.dir()->i_mtime.tv_sec, stale);
   }
   lower->i_op = own;
-  EXPECT_EQ(daemon.next().type, -1);
+  EXPECT_TRUE(daemon.idle());
   do_flush(0);
 }
 
@@ -236,11 +214,7 @@ MODULE_CASE(refresh, super_block_takes_the_lower_device_and_keeps_its_own_number
   REQUIRE_EQ(test_mkdir("/lower"), 0);
   REQUIRE_EQ(test_mkdir("/mnt"), 0);
   REQUIRE_EQ(uk_fs_mount("none", "/lower", "memfs", 0, nullptr), 0);
-  struct super_block *below;
-  {
-    const test_walk lower("/lower");
-    below = lower.dentry()->d_sb;
-  }
+  struct super_block *const below = lower_super();
   below->s_bdev = reinterpret_cast<struct block_device *>(&below->s_bdev);
   dev_t numbers[2];
   for (dev_t &number : numbers) {
@@ -301,7 +275,7 @@ MODULE_CASE(refresh, end_of_an_inode_leaves_a_lower_file_without_an_inode) {
 MODULE_CASE(refresh, lower_file_may_be_large) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "text"), 4);
-  kernel_file file("/mnt/f", O_RDONLY);
+  open_file file("/mnt/f", O_RDONLY);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   EXPECT_EQ(tarn_lower_file(file.get())->f_flags, static_cast<unsigned>(O_RDWR | O_LARGEFILE));
 }
@@ -309,7 +283,7 @@ MODULE_CASE(refresh, lower_file_may_be_large) {
 MODULE_CASE(refresh, write_updates_the_upper_times_and_refuses_a_bad_segment) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "text"), 4);
-  kernel_file file("/mnt/f", O_RDWR);
+  open_file file("/mnt/f", O_RDWR);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   struct inode *inode = file->f_dentry->d_inode;
   struct kiocb iocb;
@@ -330,7 +304,7 @@ MODULE_CASE(refresh, write_updates_the_upper_times_and_refuses_a_bad_segment) {
 MODULE_CASE(refresh, write_names_the_upper_device) {
   test_mount mount;
   REQUIRE_EQ(test_put("/lower/f", "text"), 4);
-  kernel_file file("/mnt/f", O_RDWR);
+  open_file file("/mnt/f", O_RDWR);
   REQUIRE_TRUE(!IS_ERR(file.get()));
   struct file *lower = tarn_lower_file(file.get());
   const struct file_operations *own = lower->f_op;

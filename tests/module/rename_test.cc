@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 // Renames: who may move what lies in a replicated directory, the record with both places, refreshed
 // directories.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
+#include "tests/module/kit/programs.h"
 #include "tests/ukern/threads.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 
@@ -15,8 +17,8 @@ struct protected_tree {
     EXPECT_EQ(test_mkdir("/lower/free"), 0);
     EXPECT_EQ(test_put("/lower/rep/f", "x"), 1);
     EXPECT_EQ(test_put("/lower/free/g", "y"), 1);
-    EXPECT_EQ(test_add_directory('d', "/lower/rep"), 0);
-    EXPECT_EQ(test_add_rule('r', "/lower"), 0);
+    EXPECT_EQ(install_directory('d', "/lower/rep"), 0);
+    EXPECT_EQ(install_rule('r', "/lower"), 0);
   }
   ~protected_tree() {
     do_flush(0);
@@ -24,7 +26,7 @@ struct protected_tree {
   }
 };
 
-void make_program(const char *path) {
+const char *make_program(const char *path) {
   char part[256];
   for (const char *slash = strchr(path + 1, '/'); slash; slash = strchr(slash + 1, '/')) {
     memcpy(part, path, slash - path);
@@ -33,26 +35,13 @@ void make_program(const char *path) {
     EXPECT_TRUE(rc == 0 || rc == -EEXIST);
   }
   EXPECT_EQ(test_put(path, "#"), 1);
+  return path;
 }
 
 // What a program that is started from `path` gets for a rename.
-class program {
+class program : running {
  public:
-  explicit program(const char *path) {
-    make_program(path);
-    set(path);
-  }
-  ~program() { set(nullptr); }
-
- private:
-  void set(const char *exe) {
-    struct uk_cred cred;
-    memset(&cred, 0, sizeof(cred));
-    cred.pid = current->pid;
-    cred.cap_effective = ~0u;
-    cred.exe = exe;
-    EXPECT_EQ(uk_task_set_cred(reinterpret_cast<struct uk_task *>(current), &cred), 0);
-  }
+  explicit program(const char *path) : running(make_program(path)) {}
 };
 
 }  // namespace
@@ -64,7 +53,7 @@ MODULE_CASE(rename, other_program_is_refused_and_logged_once) {
   EXPECT_EQ(case_log_count("tarn_rename:block /lower/rep/f"), 1);
   EXPECT_TRUE(test_exists("/lower/rep/f"));
   EXPECT_FALSE(test_exists("/lower/free/f"));
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(rename, new_name_within_a_replicated_directory_is_refused_too) {
@@ -86,12 +75,12 @@ MODULE_CASE(rename, daemon_moves_and_the_record_has_both_paths_and_the_mode) {
   EXPECT_FALSE(test_exists("/lower/rep/f"));
   EXPECT_TRUE(test_exists("/lower/free/f2"));
   EXPECT_FALSE(case_logged("tarn_rename:block /lower/rep/f"));
-  const struct test_record &record = r.daemon.next();
+  const test_message &record = r.daemon.next();
   EXPECT_EQ(record.op(), OX_OP_RENAME);
   EXPECT_STREQ(record.path1(), "/lower/rep/f");
   EXPECT_STREQ(record.path2(), "/lower/free/f2");
   EXPECT_EQ(record.para()->mode, S_IFREG | 0644u);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 MODULE_CASE(rename, daemon_s_path_with_a_suffix_is_refused) {
@@ -190,7 +179,7 @@ MODULE_CASE(rename, refused_below_keeps_everything_and_is_not_recorded) {
   EXPECT_EQ(test_rename("/mnt/free/d", "/mnt/free/full"), -ENOTEMPTY);
   EXPECT_TRUE(test_exists("/lower/free/d"));
   EXPECT_EQ(dir.inode()->i_uid, 0u);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
 }
 
 namespace {
@@ -249,7 +238,7 @@ void move(void *arg) {
 MODULE_CASE(rename, record_has_the_places_at_the_time_of_the_move) {
   test_mount mount;
   test_daemon daemon;
-  REQUIRE_EQ(test_add_rule('r', "/lower"), 0);
+  REQUIRE_EQ(install_rule('r', "/lower"), 0);
   REQUIRE_EQ(test_mkdir("/lower/d"), 0);
   REQUIRE_EQ(test_mkdir("/lower/e"), 0);
   REQUIRE_EQ(test_put("/lower/d/f", "x"), 1);
@@ -266,13 +255,13 @@ MODULE_CASE(rename, record_has_the_places_at_the_time_of_the_move) {
     held.release();
     thread_team_wait(&mover, 1);
     EXPECT_EQ(moves[n].result, 0);
-    const struct test_record &record = daemon.next();
+    const test_message &record = daemon.next();
     EXPECT_EQ(record.op(), OX_OP_RENAME);
     EXPECT_STREQ(record.path1(), records[n][0]);
     EXPECT_STREQ(record.path2(), records[n][1]);
   }
   EXPECT_TRUE(test_holds("/lower/e/h", "x"));
-  EXPECT_EQ(daemon.next().type, -1);
+  EXPECT_TRUE(daemon.idle());
   do_flush(0);
 }
 
@@ -300,11 +289,7 @@ MODULE_CASE(rename, works_without_memory_for_its_paths) {
     const test_walk free("/mnt/free");
     const test_walk source("/mnt/rep/f");
     { const test_walk missing("/mnt/free/f"); }
-    struct qstr text;
-    text.name = reinterpret_cast<const unsigned char *>("f");
-    text.len = 1;
-    text.hash = full_name_hash(text.name, 1);
-    struct dentry *target = d_lookup(free.dentry(), &text);
+    struct dentry *target = test_cached("/mnt/free", "f");
     REQUIRE_TRUE(target);
     lock_rename(rep.dentry(), free.dentry());
     uk_fault_arm(n);
@@ -342,7 +327,7 @@ MODULE_CASE(rename, to_another_lower_file_system_is_refused) {
   // What it is mounted on is busy, not elsewhere: nobody shall copy it instead.
   EXPECT_EQ(test_rename("/mnt/sub", "/mnt/free/sub"), -EBUSY);
   EXPECT_EQ(test_rename("/mnt/free", "/mnt/sub"), -EBUSY);
-  EXPECT_EQ(r.daemon.next().type, -1);
+  EXPECT_TRUE(r.daemon.idle());
   uk_drop_caches();  // which hold the mount
   EXPECT_EQ(uk_fs_umount("/lower/sub", 0), 0);
 }

@@ -4,37 +4,11 @@
 #include <asm/processor.h>
 
 #include "rule_index.h"
-#include "support.h"
+#include "tests/module/kit/rules.h"
+#include "ukern/testing/uk_fault.h"
 #include "rule_set.h"
 
 namespace {
-
-/* A change's hits, with their references. */
-class found_hits {
- public:
-  explicit found_hits(const char *path1, const char *path2 = nullptr)
-      : count_(tarn_get_hit_rule(&hits_, path1, path2)) {
-    EXPECT_TRUE(count_ >= 0);
-  }
-  ~found_hits() {
-    if (count_ < 0) return;
-    for (int i = 0; i < count_; ++i) prule_node_put(hits_->arr[i]);
-    kmem_cache_free(hit_rule_cache, hits_);
-  }
-  found_hits(const found_hits &) = delete;
-  found_hits &operator=(const found_hits &) = delete;
-
-  int count() const { return count_; }
-  /* The identifier of one hit. */
-  int id(int at) const { return hits_->arr[at]->rule.uuid[0]; }
-  bool is(const struct prule_node *rule, int at) const {
-    return at < count_ && hits_->arr[at] == rule;
-  }
-
- private:
-  struct hit_rules *hits_;
-  int count_;
-};
 
 bool walk_hits(const struct prule_node *rule, const char *path1, const char *path2) {
   return rule->status == PRULE_STOPPED || match(&rule->path, path1) != STATE_MISS ||

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "rule_set.h"
-#include "support.h"
+#include "tests/module/kit/daemon.h"
+#include "tests/module/kit/programs.h"
+#include "tests/module/kit/rules.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 

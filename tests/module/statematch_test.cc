@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "statematch.h"
 #include "kernel.h"
-#include "support.h"
+#include "tests/module/kit/rules.h"
 #include "tests/harness/case.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Mounting over a lower directory, the super block's figures, and the mount table.
-#include "tests/module/mounted.h"
+#include "tests/module/kit/mount.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "support.h"
+#include "tests/module/kit/daemon.h"
+#include "tests/module/kit/rules.h"
+#include "tests/module/kit/vfs.h"
+#include "ukern/testing/uk_fault.h"
 #include "thread.h"
 
 namespace {
@@ -36,7 +39,7 @@ MODULE_CASE(thread, a_record_carries_its_number_twice) {
   REQUIRE_TRUE(trans != nullptr);
   trans->seq = 77;
   EXPECT_EQ(trans_send(trans), 0);
-  const nl_message &m = daemon.next();
+  const test_message &m = daemon.next();
   EXPECT_EQ(m.head()->nlmsg_seq, 77u);
   EXPECT_EQ(m.msg()->wseq, 77u);
 }
@@ -52,7 +55,7 @@ MODULE_CASE(thread, a_write_of_three_pages_sends_three_lengths) {
   const unsigned last = 9000 - (OX_PAGE_DATA - 8) - OX_PAGE_DATA;
   const unsigned expected[] = {4096, 4096, last + OX_MSG_WR_LEN};
   for (unsigned len : expected) {
-    const nl_message &m = daemon.next();
+    const test_message &m = daemon.next();
     EXPECT_EQ(m.head()->nlmsg_len, OX_NLMSG_HDRLEN + len);
     EXPECT_EQ(m.head()->nlmsg_seq, 42u);
     EXPECT_EQ(m.wr()->wseq, 42u);
@@ -69,9 +72,7 @@ MODULE_CASE(thread, a_lost_page_ends_the_write) {
     EXPECT_EQ(tarn_write_sync(file.get(), data, 9000, 0), 0);
     EXPECT_EQ(case_log_count("tarn_send_netlink OX_OP_WRITE page fail"), 1);
     /* What came before it is there, the rest of it is not. */
-    int pages = 0;
-    while (daemon.next().len >= 0) ++pages;
-    EXPECT_LT(pages, 3);
+    EXPECT_LT(daemon.drain(), 3);
   }
   EXPECT_EQ(balance(), 0);
   prule_ref rule(lookup_rule(1));
@@ -82,7 +83,7 @@ MODULE_CASE(thread, a_daemon_that_leaves_between_pages) {
   REQUIRE_EQ(install_rule(1, "/"), 0);
   bound_dentry file("/f");
   alloc_balance balance;
-  { test_daemon daemon; }
+  test_daemon().close();
   /* The first page finds the port gone, the others no daemon: all are given back. */
   kernel_ds_guard kernel_addresses;
   EXPECT_EQ(tarn_write_sync(file.get(), data, 9000, 0), 0);

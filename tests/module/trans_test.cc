@@ -1,27 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "support.h"
+#include "tests/module/kit/daemon.h"
+#include "tests/module/kit/rules.h"
+#include "tests/module/kit/vfs.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
-
-/* The hits of a path, given back at the end of the scope. */
-class hit_list {
- public:
-  explicit hit_list(const char *path1, const char *path2 = nullptr)
-      : count_(tarn_get_hit_rule(&hits_, path1, path2)) {}
-  ~hit_list() {
-    if (count_ < 0) return;
-    for (int i = 0; i < count_; ++i) prule_node_put(hits_->arr[i]);
-    kmem_cache_free(hit_rule_cache, hits_);
-  }
-  hit_list(const hit_list &) = delete;
-  hit_list &operator=(const hit_list &) = delete;
-  int count() const { return count_; }
-  int id(int i) const { return hits_->arr[i]->rule.uuid[0]; }
-
- private:
-  struct hit_rules *hits_ = nullptr;
-  int count_;
-};
 
 int mem_used() {
   return atomic_read(&g_option.mem_used);
@@ -32,7 +15,7 @@ int mem_used() {
 MODULE_CASE(trans, a_path_of_no_rule_makes_no_record) {
   REQUIRE_EQ(install_rule(1, "/a"), 0);
   alloc_balance balance;
-  hit_list hits("/b/c");
+  found_hits hits("/b/c");
   EXPECT_EQ(hits.count(), 0);
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/b/c", nullptr, 0), 0);
   EXPECT_EQ(balance(), 0);
@@ -49,7 +32,7 @@ MODULE_CASE(trans, a_path_of_no_rule_costs_the_hit_array_only) {
 
 MODULE_CASE(trans, the_first_32_rules_are_hit_in_list_order) {
   for (int id = 1; id <= 33; ++id) REQUIRE_EQ(install_rule(id, "/a"), 0);
-  hit_list hits("/a/x");
+  found_hits hits("/a/x");
   REQUIRE_EQ(hits.count(), 32);
   for (int i = 0; i < 32; ++i) EXPECT_EQ(hits.id(i), i + 1);
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
@@ -70,10 +53,10 @@ MODULE_CASE(trans, records_go_out_from_the_last_hit_to_the_first) {
 MODULE_CASE(trans, either_path_hits) {
   REQUIRE_EQ(install_rule(1, "/a"), 0);
   REQUIRE_EQ(install_rule(2, "/b"), 0);
-  EXPECT_EQ(hit_list("/a/x").count(), 1);
-  EXPECT_EQ(hit_list("/a/x", "/b/x").count(), 2);
-  EXPECT_EQ(hit_list("/c/x", "/b/x").count(), 1);
-  EXPECT_EQ(hit_list("/c/x", "/c/y").count(), 0);
+  EXPECT_EQ(found_hits("/a/x").count(), 1);
+  EXPECT_EQ(found_hits("/a/x", "/b/x").count(), 2);
+  EXPECT_EQ(found_hits("/c/x", "/b/x").count(), 1);
+  EXPECT_EQ(found_hits("/c/x", "/c/y").count(), 0);
 }
 
 MODULE_CASE(trans, a_stopped_rule_is_told_of_every_change) {
@@ -84,9 +67,9 @@ MODULE_CASE(trans, a_stopped_rule_is_told_of_every_change) {
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
   EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/elsewhere", nullptr, 0), 0);
   for (int i = 0; i < 2; ++i) {
-    const nl_message &notice = daemon.next();
+    const test_message &notice = daemon.next();
     EXPECT_EQ(notice.type(), OX_OP_STOP_RULE);
-    EXPECT_EQ(notice.len, 32);
+    EXPECT_EQ(notice.received, 32);
     EXPECT_EQ(notice.head()->nlmsg_len, 32u);
     EXPECT_EQ(notice.head()->nlmsg_flags, 0);
     EXPECT_EQ(notice.head()->nlmsg_seq, 0u);
@@ -102,7 +85,7 @@ MODULE_CASE(trans, records_are_numbered_from_one) {
   REQUIRE_EQ(install_rule(1, "/a"), 0);
   for (unsigned n = 1; n <= 5; ++n) {
     EXPECT_EQ(tarn_para_sync(OX_OP_UNLINK, "/a/x", nullptr, 0), 0);
-    const nl_message &record = daemon.next();
+    const test_message &record = daemon.next();
     EXPECT_EQ(record.msg()->wseq, n);
     EXPECT_EQ(record.head()->nlmsg_seq, n);
   }
@@ -221,7 +204,7 @@ MODULE_CASE(trans, without_memory_for_the_hits_the_change_is_lost) {
 }
 
 MODULE_CASE(trans, lower_paths) {
-  REQUIRE_EQ(make_dir("d"), 0);
+  REQUIRE_EQ(test_mkdir("/d"), 0);
   bound_dentry file("/d/file");
   REQUIRE_EQ(file.error(), 0);
   char *buf = nullptr;

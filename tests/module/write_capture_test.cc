@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "support.h"
+#include "tests/module/kit/daemon.h"
+#include "tests/module/kit/rules.h"
+#include "tests/module/kit/vfs.h"
+#include "ukern/testing/uk_fault.h"
 
 namespace {
 
@@ -13,7 +16,7 @@ void fill_data() {
 class capture {
  public:
   explicit capture(const char *path = "/d/abcdefghijklmnopq")
-      : made_(make_dir("d")), file_(path), installed_(install_rule(1, "/")) {
+      : made_(test_mkdir("/d")), file_(path), installed_(install_rule(1, "/")) {
     fill_data();
   }
   bool ready() const { return !made_ && !file_.error() && !installed_ && !daemon.error(); }
@@ -36,11 +39,11 @@ class capture {
 const unsigned kP = 24; /* 20 characters and their NUL, rounded up */
 
 /* One page message: its header fields and its data. */
-void expect_page(const nl_message &m, unsigned nr, unsigned pages, unsigned bytes, loff_t at,
+void expect_page(const test_message &m, unsigned nr, unsigned pages, unsigned bytes, loff_t at,
                  loff_t start) {
   const unsigned dlen1 = nr == 0 ? kP : 0;
   REQUIRE_EQ(m.type(), OX_OP_WRITE);
-  EXPECT_EQ(m.len, OX_NLMSG_HDRLEN + OX_PAGE_PAYLOAD);
+  EXPECT_EQ(m.received, OX_NLMSG_HDRLEN + OX_PAGE_PAYLOAD);
   EXPECT_EQ(m.head()->nlmsg_len, OX_NLMSG_HDRLEN + OX_MSG_WR_LEN + dlen1 + bytes);
   EXPECT_EQ(m.head()->nlmsg_flags, 2);
   EXPECT_EQ(m.head()->nlmsg_seq, 1u);
@@ -73,9 +76,9 @@ MODULE_CASE(write_capture, the_largest_write_in_one_record) {
   REQUIRE_TRUE(c.ready());
   const ox_time_t before = ox_current_time_us();
   EXPECT_EQ(c.write(4012, 1000), 0);
-  const nl_message &m = c.daemon.next();
+  const test_message &m = c.daemon.next();
   REQUIRE_EQ(m.type(), OX_OP_COLLECT);
-  EXPECT_EQ(m.len, 4112);
+  EXPECT_EQ(m.received, 4112);
   EXPECT_EQ(m.head()->nlmsg_len, 4112u);
   EXPECT_EQ(m.head()->nlmsg_flags, 0);
   const struct ox_msg_wr *wr = m.wr();
@@ -122,12 +125,12 @@ MODULE_CASE(write_capture, ten_thousand_bytes_are_three_pages) {
   const ox_time_t before = ox_current_time_us();
   EXPECT_EQ(c.write(10000, 1ll << 40), 0);
   expect_page(c.daemon.next(), 0, 3, 4012, 1ll << 40, 1ll << 40);
-  const nl_message &middle = c.daemon.next();
+  const test_message &middle = c.daemon.next();
   expect_page(middle, 1, 3, 4036, (1ll << 40) + 4012, 1ll << 40);
   const ox_time_t ts = middle.wr()->ts;
   EXPECT_LE(before, ts);
   EXPECT_LE(ts, ox_current_time_us());
-  const nl_message &last = c.daemon.next();
+  const test_message &last = c.daemon.next();
   expect_page(last, 2, 3, 1952, (1ll << 40) + 8048, 1ll << 40);
   EXPECT_EQ((ox_time_t)last.wr()->ts, ts); /* one for the whole write */
   EXPECT_TRUE(c.daemon.idle());
@@ -153,7 +156,7 @@ MODULE_CASE(write_capture, a_write_of_nothing_is_a_record_without_data) {
   capture c;
   REQUIRE_TRUE(c.ready());
   EXPECT_EQ(c.write(0, 5), 0);
-  const nl_message &m = c.daemon.next();
+  const test_message &m = c.daemon.next();
   EXPECT_EQ(m.type(), OX_OP_COLLECT);
   EXPECT_EQ(m.head()->nlmsg_len, OX_NLMSG_HDRLEN + OX_MSG_WR_LEN + kP);
   EXPECT_EQ(m.wr()->type, OX_WRITE_WHOLE);
@@ -166,7 +169,7 @@ MODULE_CASE(write_capture, the_path_field_is_a_multiple_of_eight) {
     const char *path;
     unsigned dlen1;
   } cases[] = {{"/234567", 8}, {"/2345678", 16}, {"/2345678/12345", 16}, {"/2345678/123456", 16}};
-  REQUIRE_EQ(make_dir("2345678"), 0);
+  REQUIRE_EQ(test_mkdir("/2345678"), 0);
   REQUIRE_EQ(install_rule(1, "/"), 0);
   test_daemon daemon;
   fill_data();
@@ -175,13 +178,13 @@ MODULE_CASE(write_capture, the_path_field_is_a_multiple_of_eight) {
     REQUIRE_EQ(file.error(), 0);
     kernel_ds_guard kernel_addresses;
     EXPECT_EQ(tarn_write_sync(file.get(), data, 3, 0), 0);
-    const nl_message &m = daemon.next();
+    const test_message &m = daemon.next();
     EXPECT_EQ(m.wr()->dlen1, one.dlen1);
     EXPECT_EQ(m.head()->nlmsg_len, OX_NLMSG_HDRLEN + OX_MSG_WR_LEN + one.dlen1 + 3);
     EXPECT_EQ(memcmp(m.wr()->data + one.dlen1, data, 3), 0);
     /* The netlink buffer is a multiple of 4, its pad is zero. */
-    for (long i = m.head()->nlmsg_len; i < m.len; ++i) EXPECT_EQ(m.bytes[i], 0);
-    EXPECT_EQ(m.len, (long)NLMSG_ALIGN(m.head()->nlmsg_len));
+    for (long i = m.head()->nlmsg_len; i < m.received; ++i) EXPECT_EQ(m.bytes[i], 0);
+    EXPECT_EQ(m.received, (long)NLMSG_ALIGN(m.head()->nlmsg_len));
   }
 }
 
@@ -275,7 +278,7 @@ MODULE_CASE(write_capture, other_rules_are_served_when_one_cannot_be) {
   EXPECT_EQ(c.write(10, 0), -ENOMEM);
   uk_fault_arm(0);
   EXPECT_EQ(c.daemon.next().type(), OX_OP_STOP_RULE);
-  const nl_message &m = c.daemon.next();
+  const test_message &m = c.daemon.next();
   EXPECT_EQ(m.type(), OX_OP_COLLECT);
   EXPECT_EQ(m.msg()->uuid[0], 1);
   EXPECT_TRUE(c.daemon.idle());
@@ -300,8 +303,7 @@ MODULE_CASE(write_capture, every_allocation_of_a_paged_write_may_fail) {
     if (n > 1 && failed && rule->status == PRULE_STOPPED) EXPECT_EQ(result, -ENOMEM);
     /* A block that could not be had is counted all the same. */
     EXPECT_LE(balance() - before, 1);
-    while (c.daemon.next().len >= 0) {
-    }
+    c.daemon.drain();
     remove_rule(1);
     if (!failed) break;
   }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Start and end of the kernel, its modules, its log and its reports.
+// Boot and shutdown, module loading, the kernel log and the panic handler.
 #include "ukern/door/uk_core.h"
 
 #include <linux/errno.h>
@@ -33,7 +33,8 @@ const Area areas[] = {
     {ukern_nodes_init, ukern_nodes_exit}, {ukern_fs_init, ukern_fs_exit},
     {ukern_net_init, ukern_net_exit},
 };
-// Those before this one hold tasks, which the threads of the others need to the end.
+// Areas before this index own the tasks, which the kernel threads of the later areas need to the
+// end.
 constexpr unsigned kThreadless = 2;
 
 volatile int running;
@@ -43,7 +44,7 @@ void report_threads() {
     report_end(report_begin("%u kernel threads still run at shutdown", live));
 }
 
-// From the last one that was started on, `count` of them.
+// Stops the first `count` areas, last one first.
 void stop_areas(unsigned count) {
   while (count-- > 0) {
     if (count + 1 == kThreadless) report_threads();

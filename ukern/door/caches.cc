@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// What the kernel keeps of file systems: dentries, inodes, descriptors of the host.
+// Controls of the file-system caches: dentries, inodes, descriptors of the host.
 #include "ukern/door/uk_fs.h"
 #include "ukern/fs/hostfs.h"
 #include "ukern/vfs/vfs.h"
@@ -7,7 +7,7 @@
 extern "C" {
 
 unsigned long uk_pinned_directories(void) {
-  return hostfs_kept_directories();
+  return hostfs_pinned_directories();
 }
 
 void uk_drop_caches(void) {

@@ -11,7 +11,7 @@
 
 namespace {
 
-// A page with a copy of the text, as mount(2) makes of its arguments; no text, no page.
+// Copies a string to a page, as mount(2) does with its arguments. A null string gives no page.
 int copy_to_page(const char *text, char **page) {
   *page = nullptr;
   if (!text) return 0;

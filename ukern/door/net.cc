@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The sockets' user side, for the program that hosts the kernel.
+// Socket calls of the hosting program.
 
 #include "ukern/door/uk_net.h"
 
@@ -20,15 +20,15 @@
 #include "ukern/net/net.h"
 #include "ukern/sched/user_memory.h"
 
-// The least receive buffer that SO_RCVBUF sets.
+// The smallest receive buffer that SO_RCVBUF sets.
 static constexpr unsigned long kMinRcvbuf = 256;
-static constexpr unsigned long kMaxRcvbuf = 0x3fffffff;  // doubled it still is an int
+static constexpr unsigned long kMaxRcvbuf = 0x3fffffff;  // still an int when doubled
 
 static struct socket *socket_of(struct uk_nlsock *sock) {
   return reinterpret_cast<struct socket *>(sock);
 }
 
-// The socket that options are set on: it exists for the time of the call.
+// Socket options are set on a temporary socket.
 static struct proto option_proto = {
     .owner = nullptr,
     .obj_size = sizeof(struct sock),
@@ -101,7 +101,7 @@ long uk_nl_recv(struct uk_nlsock *sock, void *data, unsigned long size, unsigned
   sk->sk_rcvtimeo = msecs_to_jiffies(wait_ms);
   const int result =
       kernel_recvmsg(socket_of(sock), &msg, &vec, 1, size, wait_ms ? 0 : MSG_DONTWAIT);
-  // An empty datagram cannot be told from the end otherwise.
+  // Tells an empty datagram from a shutdown.
   if (result == 0 && __atomic_load_n(&sk->sk_shutdown, __ATOMIC_ACQUIRE) & RCV_SHUTDOWN)
     return -ESHUTDOWN;
   return result;
@@ -118,7 +118,7 @@ long uk_nl_take(struct uk_nlsock *sock, struct uk_nl_lent *lent, unsigned long r
     return err ? err : -ESHUTDOWN;
   }
   unsigned long count = 0;
-  // An error that comes meanwhile is the next call's.
+  // An error raised meanwhile is reported by the next call.
   for (; skb; skb = count < room ? skb_dequeue(&sk->sk_receive_queue) : nullptr)
     lent[count++] = {.data = skb->data, .len = skb->len, .buffer = skb};
   return static_cast<long>(count);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The nodes of each inode, and the way from a node to the dentry that a call works on.
+// The nodes of each inode, and finding the dentry for a call on a node.
 #include <linux/dcache.h>
 #include <linux/err.h>
 #include <linux/errno.h>
@@ -22,14 +22,14 @@ struct uk_node {
   unsigned long count;   // under the inode's node lock, as is the list
   struct inode *inode;   // pinned by the dentry
   struct vfsmount *mnt;
-  ukern_field<struct dentry *> dentry;  // changed, and taken another reference on, under `lock`
+  ukern_field<struct dentry *> dentry;  // `lock` covers changing it and taking further references
   spinlock_t lock;
-  unsigned long room[UK_NODE_ROOM / sizeof(unsigned long)];  // the user's
+  unsigned long room[UK_NODE_ROOM / sizeof(unsigned long)];  // private data of the hosting program
 };
 
 namespace {
 
-// A few locks, each for the nodes of many inodes.
+// Hashed locks: each covers the nodes of many inodes.
 constexpr unsigned kLockBits = 6;
 
 spinlock_t node_locks[1u << kLockBits];
@@ -57,8 +57,8 @@ void free_node(struct uk_node *node) {
   kmem_cache_free(node_cache, node);
 }
 
-// The node of (inode, mnt) with one more reference; if there is none, `fresh` becomes it (as it is)
-// or NULL.
+// Finds the node of (inode, mnt) and takes a reference. If there is none, adds `fresh` with the
+// reference that it has, or returns NULL without `fresh`.
 struct uk_node *find_or_add(struct inode *inode, struct vfsmount *mnt, struct uk_node *fresh) {
   SpinGuard guard(*lock_of(inode));
   struct uk_node *found = inode->i_nodes;
@@ -93,8 +93,8 @@ void hold_dentry(struct uk_node *node, struct dentry *dentry) {
   dput(old);
 }
 
-// Where a walk of the node's last step starts and by what name. False for the top of a mount, which
-// has none.
+// The parent, with a reference, and the name for walking the last component again. False for a
+// mount root or a dentry without a parent.
 bool last_step(struct walk_path *held, struct dentry **parent, char *name) {
   struct dentry *dentry = held->dentry;
   if (dentry == held->mnt->mnt_root) return false;
@@ -109,9 +109,8 @@ bool last_step(struct walk_path *held, struct dentry **parent, char *name) {
   return named;
 }
 
-// Errors that say no more than that the name does not lead to the node now. Permission on the
-// directory was asked when the node was looked up; an object in use stays usable when it is
-// withdrawn.
+// Errors that mean only that the name does not lead to the node now. Permission on the directory
+// was checked at lookup; an object in use stays usable when that permission is withdrawn.
 bool name_is_gone(int error) {
   return error == -ENOENT || error == -ENOTDIR || error == -ESTALE || error == -EACCES;
 }
@@ -120,9 +119,9 @@ bool leads_to(struct nameidata *nd, struct uk_node *node) {
   return nd->dentry->d_inode == node->inode && nd->mnt == node->mnt;
 }
 
-// The walk of a name to whatever has it now. A directory that its file system has disowned keeps
-// its name in the cache for as long as it is used, and a node uses every directory that was ever
-// looked up: such a one gives its name up here. The nodes of it stay with it.
+// Walks to the object that has the name now. A directory that its file system has disowned stays
+// hashed while it is in use, and its node is a user. Such a directory is unhashed here and the name
+// walked again; its nodes stay valid.
 int walk_name(struct walk_path *dir, const char *name, struct nameidata *nd) {
   int error = path_lookup_from(dir, name, 0, nd);
   if (error || !(nd->flags & WALK_DISOWNED) || have_submounts(nd->dentry)) return error;
@@ -131,7 +130,7 @@ int walk_name(struct walk_path *dir, const char *name, struct nameidata *nd) {
   return path_lookup_from(dir, name, 0, nd);
 }
 
-// An open walk that ends where it began. Takes over the dentry's reference, also on failure.
+// Prepares opening path->dentry without a walk. Consumes the dentry's reference, also on failure.
 int open_in_place(struct walk_path *path, int flags, struct nameidata *nd) {
   struct file *file = get_empty_filp();
   if (!file) {
@@ -148,8 +147,7 @@ int open_in_place(struct walk_path *path, int flags, struct nameidata *nd) {
   return 0;
 }
 
-// The name under which the node was looked up last is gone. A descriptor of a file that still has
-// another one is a descriptor of that.
+// If the node's name is gone, switches a file's node and path to another alias of the inode.
 void use_other_name(struct uk_node *node, struct walk_path *path) {
   struct inode *inode = path->dentry->d_inode;
   if (!d_unhashed(path->dentry) || S_ISDIR(inode->i_mode)) return;
@@ -172,7 +170,7 @@ int ukern_nodes_init(void) {
 
 void ukern_nodes_exit(void) {
   if (!node_cache) return;
-  kmem_cache_destroy(node_cache);  // reports nodes that were never given back
+  kmem_cache_destroy(node_cache);  // reports leaked nodes
   node_cache = nullptr;
 }
 

@@ -1,15 +1,15 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Nodes: what the hosting program has handles on, and how a call by a node finds the dentry to work
- * on.
+ * Nodes: the objects behind the hosting program's handles, and finding the dentry for a call on a
+ * node.
  *
- * A node stands for one inode of one mount, however many names it has. It holds the dentry under
- * which it was looked up last, and through it the inode, and the mount. Its count is the caller's;
- * at zero the node and what it holds are gone.
+ * A node stands for one inode of one mount, whatever its number of names. It has references to the
+ * mount and to the dentry of its last lookup, which pins the inode. The hosting program owns the
+ * references to the node; at zero the node drops its own and is freed.
  *
- * Locks: a spin lock, shared by many inodes, covers the lists and the counts of their nodes;
- * a spin lock per node covers which dentry it holds. They do not nest. References are dropped with
- * neither held.
+ * Locks: a spin lock, shared by many inodes, covers the lists and the counts of their nodes; a spin
+ * lock per node covers its dentry pointer. They do not nest. References are dropped with neither
+ * lock held.
  */
 #ifndef UKERN_DOOR_NODE_H
 #define UKERN_DOOR_NODE_H
@@ -24,24 +24,23 @@
 extern "C" {
 #endif
 
-/* The cache of nodes: made before the first call by one, given back when all are. 0 or -ENOMEM. */
+/* Create the slab cache before the first node and destroy it after the last. 0 or -ENOMEM. */
 int ukern_nodes_init(void);
 void ukern_nodes_exit(void);
 
-/* The node of a path, with one more reference; -ENOENT for a negative dentry, -ENOMEM. Takes
- * nothing over. */
+/* Gets the node of a path, with a reference for the caller; -ENOENT for a negative dentry, -ENOMEM.
+ * The path's references stay the caller's. */
 int node_get(struct vfsmount *mnt, struct dentry *dentry, struct uk_node **out);
 
-/* The mount and dentry held, as they are: for a directory that a name is looked up in. The dentry
- * comes with a reference, for dput; the mount is the node's, which the caller has. */
+/* The node's mount and dentry without a walk, for a directory in which a name is looked up. The
+ * dentry comes with a reference (dput); the caller's node pins the mount. */
 void node_hold(struct uk_node *node, struct walk_path *path);
 
 /*
- * As a system call by a name finds it: the last step is walked again, from the parent of the dentry
- * held by its name, so that it is revalidated; where it leads to the node's inode, the node changes
- * over to the dentry found. Where it does not, because the name is gone or is another's, the node
- * changes over to another name of the inode in the dcache, if there is one; else the dentry held is
- * used. References are those of node_hold.
+ * Walks the last component again, from the dentry's parent by its name, so that it is revalidated
+ * as in a system call. If it leads to the node's inode, the node switches to the dentry found. If
+ * the name is gone or belongs to another object, the node switches to another alias of the inode in
+ * the dcache, or else uses the dentry that it has. References as with node_hold.
  */
 int node_walk(struct uk_node *node, struct walk_path *path);
 
@@ -51,14 +50,13 @@ int node_walk(struct uk_node *node, struct walk_path *path);
  */
 int node_walk_to_open(struct uk_node *node, int flags, struct nameidata *nd);
 
-/* A name that a call by a directory node may act on: one component, neither "." nor "..". 0 or the
- * error. */
+/* Checks that a name is one component, neither "." nor "..". 0 or -errno. */
 int node_check_name(const char *name);
 
-/* The node at a name just looked up or made, and its attributes. */
+/* Looks a name up, also one just created: its node, with a reference, and its attributes. */
 int node_result(struct walk_path *dir, const char *name, struct uk_node **out,
                 struct uk_stat *stat);
-/* vfs_getattr in the form of uk_fs.h. `stat` may be NULL. */
+/* vfs_getattr to a struct uk_stat. `stat` may be NULL. */
 int node_stat(struct walk_path *path, struct uk_stat *stat);
 
 #ifdef __cplusplus
@@ -69,7 +67,7 @@ inline struct file *node_file(struct uk_file *file) {
   return reinterpret_cast<struct file *>(file);
 }
 
-/* A request of the hosting program by the current task, for as long as this stands. */
+/* Marks a request of the hosting program in the current task, for the lifetime of the object. */
 class host_request_scope {
  public:
   explicit host_request_scope(host_request_kind kind = REQUEST_OTHER) {
@@ -81,7 +79,7 @@ class host_request_scope {
   host_request_scope &operator=(const host_request_scope &) = delete;
 };
 
-/* Makes a buffer user memory of the current task for as long as this stands. */
+/* Makes a buffer user memory of the current task for the lifetime of the object. */
 class user_buffer {
  public:
   user_buffer(const void *start, unsigned long len)

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Calls by a node on what it is: attributes, extended attributes, the text of a link.
+// Calls on a node: attributes, extended attributes, link targets.
 #include <linux/errno.h>
 #include <linux/fs.h>
 #include <linux/kdev_t.h>
@@ -41,8 +41,8 @@ void to_stat(const struct kstat *from, struct uk_stat *to) {
   to->ctime = to_time(&from->ctime);
 }
 
-// The place to work on: the open file's where there is one, else where the node's last step leads.
-int place(struct uk_node *node, struct uk_file *file, struct walk_path *path) {
+// The path to work on: that of the open file if there is one, else the node's, walked again.
+int get_path(struct uk_node *node, struct uk_file *file, struct walk_path *path) {
   if (!file) return node_walk(node, path);
   auto *filp = node_file(file);
   path->mnt = filp->f_vfsmnt;
@@ -61,22 +61,21 @@ int set_times(const struct walk_path *path, unsigned set, const struct uk_stat *
   return utimes_at(path, valid, &atime, &mtime);
 }
 
-// A chown of nothing. The host asks for it too before anybody's write to a file with such bits; a
-// write takes them away itself, so who may not do it here need not.
-int take_set_id_away(const struct walk_path *path) {
+// A chown without owner and group clears set-id bits. The host also requests it before every write
+// to a file with such bits. The write clears them itself, so -EPERM is no error.
+int clear_set_id(const struct walk_path *path) {
   const int error = chown_at(path, static_cast<uid_t>(-1), static_cast<gid_t>(-1));
   return error == -EPERM ? 0 : error;
 }
 
-// An open for reading may truncate as well, with the right to write that a truncation by name
-// needs.
+// An open for reading may truncate as well; that needs write permission, like a truncation by name.
 bool is_writable(struct uk_file *file) {
   return file && (node_file(file)->f_mode & FMODE_WRITE);
 }
 
 int set_all(const struct walk_path *path, struct uk_file *file, unsigned set,
             const struct uk_stat *want) {
-  if (!set) return take_set_id_away(path);
+  if (!set) return clear_set_id(path);
   int error = 0;
   if (set & UK_SET_MODE) error = chmod_at(path, static_cast<mode_t>(want->mode));
   if (!error && (set & (UK_SET_UID | UK_SET_GID)))
@@ -103,7 +102,7 @@ int node_stat(struct walk_path *path, struct uk_stat *stat) {
 int uk_getattr(struct uk_node *node, struct uk_file *file, struct uk_stat *stat) {
   const host_request_scope request;
   struct walk_path path;
-  int error = place(node, file, &path);
+  int error = get_path(node, file, &path);
   if (error) return error;
   error = node_stat(&path, stat);
   dput(path.dentry);
@@ -114,7 +113,7 @@ int uk_setattr(struct uk_node *node, struct uk_file *file, unsigned set, const s
                struct uk_stat *stat) {
   const host_request_scope request;
   struct walk_path path;
-  int error = place(node, file, &path);
+  int error = get_path(node, file, &path);
   if (error) return error;
   error = set_all(&path, file, set, want);
   if (!error) error = node_stat(&path, stat);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Calls by a directory's node and a name: looking up, making, removing, moving.
+// Calls on a directory's node and a name: lookup, creation, removal, rename.
 #include <linux/errno.h>
 #include <linux/fs.h>
 #include <linux/kdev_t.h>
@@ -10,16 +10,17 @@
 
 namespace {
 
-// The directory's place, once its node and the name have been checked.
-int enter(struct uk_node *dir, const char *name, struct walk_path *path) {
+// Checks the name and gets the directory's path (node_hold).
+int begin(struct uk_node *dir, const char *name, struct walk_path *path) {
   const int error = node_check_name(name);
   if (!error) node_hold(dir, path);
   return error;
 }
 
-// The end of a call that made `name`: its node and attributes, unless it failed.
-int leave(struct walk_path *path, int error, const char *name, struct uk_node **out,
-          struct uk_stat *stat) {
+// Ends a call on `name`: gets its node and attributes unless the call failed, and drops the
+// directory.
+int finish(struct walk_path *path, int error, const char *name, struct uk_node **out,
+           struct uk_stat *stat) {
   if (!error) error = node_result(path, name, out, stat);
   dput(path->dentry);
   return error;
@@ -45,27 +46,27 @@ void uk_request_continues(int yes) {
 int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struct uk_stat *stat) {
   const host_request_scope request(REQUEST_LOOKUP);
   struct walk_path path;
-  const int error = enter(dir, name, &path);
-  return error ? error : leave(&path, 0, name, out, stat);
+  const int error = begin(dir, name, &path);
+  return error ? error : finish(&path, 0, name, out, stat);
 }
 
 int uk_mknod(struct uk_node *dir, const char *name, unsigned mode, unsigned rdev,
              struct uk_node **out, struct uk_stat *stat) {
   const host_request_scope request;
   struct walk_path path;
-  const int error = enter(dir, name, &path);
+  const int error = begin(dir, name, &path);
   if (error) return error;
-  return leave(&path, mknod_at(&path, name, static_cast<int>(mode), new_decode_dev(rdev)), name,
-               out, stat);
+  return finish(&path, mknod_at(&path, name, static_cast<int>(mode), new_decode_dev(rdev)), name,
+                out, stat);
 }
 
 int uk_mkdir(struct uk_node *dir, const char *name, unsigned mode, struct uk_node **out,
              struct uk_stat *stat) {
   const host_request_scope request;
   struct walk_path path;
-  const int error = enter(dir, name, &path);
+  const int error = begin(dir, name, &path);
   return error ? error
-               : leave(&path, mkdir_at(&path, name, static_cast<int>(mode)), name, out, stat);
+               : finish(&path, mkdir_at(&path, name, static_cast<int>(mode)), name, out, stat);
 }
 
 int uk_symlink(struct uk_node *dir, const char *name, const char *target, struct uk_node **out,
@@ -73,28 +74,28 @@ int uk_symlink(struct uk_node *dir, const char *name, const char *target, struct
   const host_request_scope request;
   struct walk_path path;
   if (strlen(target) >= PATH_MAX) return -ENAMETOOLONG;
-  const int error = enter(dir, name, &path);
-  return error ? error : leave(&path, symlink_at(target, &path, name), name, out, stat);
+  const int error = begin(dir, name, &path);
+  return error ? error : finish(&path, symlink_at(target, &path, name), name, out, stat);
 }
 
 int uk_link(struct uk_node *node, struct uk_node *dir, const char *name, struct uk_node **out,
             struct uk_stat *stat) {
   const host_request_scope request;
   struct walk_path path, old;
-  int error = enter(dir, name, &path);
+  int error = begin(dir, name, &path);
   if (error) return error;
   error = node_walk(node, &old);
   if (!error) {
     error = link_at(&old, &path, name);
     dput(old.dentry);
   }
-  return leave(&path, error, name, out, stat);
+  return finish(&path, error, name, out, stat);
 }
 
 int uk_unlink(struct uk_node *dir, const char *name) {
   const host_request_scope request;
   struct walk_path path;
-  int error = enter(dir, name, &path);
+  int error = begin(dir, name, &path);
   if (error) return error;
   error = unlink_at(&path, name);
   dput(path.dentry);
@@ -104,7 +105,7 @@ int uk_unlink(struct uk_node *dir, const char *name) {
 int uk_rmdir(struct uk_node *dir, const char *name) {
   const host_request_scope request;
   struct walk_path path;
-  int error = enter(dir, name, &path);
+  int error = begin(dir, name, &path);
   if (error) return error;
   error = rmdir_at(&path, name);
   dput(path.dentry);
@@ -116,7 +117,7 @@ int uk_rename(struct uk_node *old_dir, const char *old_name, struct uk_node *new
   const host_request_scope request;
   struct walk_path from, to;
   int error = node_check_name(new_name);
-  if (!error) error = enter(old_dir, old_name, &from);
+  if (!error) error = begin(old_dir, old_name, &from);
   if (error) return error;
   node_hold(new_dir, &to);
   error = rename_at(&from, old_name, &to, new_name);

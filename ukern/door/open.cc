@@ -58,7 +58,8 @@ int uk_create(struct uk_node *dir, const char *name, int flags, unsigned mode, s
   int error = node_check_name(name);
   if (error) return error;
   node_hold(dir, &path);
-  // A link that came to stand here since the caller looked is not for this name space to follow.
+  // Links are resolved in the host's name space: one that appeared since the lookup is not
+  // followed.
   struct file *filp = filp_open_from(&path, name, flags | O_CREAT | O_LARGEFILE | O_NOFOLLOW,
                                      static_cast<int>(mode));
   dput(path.dentry);

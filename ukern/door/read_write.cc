@@ -26,7 +26,7 @@ long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned
   if (!(filp->f_mode & FMODE_PWRITE)) return -ESPIPE;
   user_buffer range(buf, len);
   if (range.error()) return range.error();
-  // Others write through this file at the same time, with flags of their own.
+  // A copy: other threads use this file at the same time, with other flags.
   struct file as_now;
   if ((filp->f_flags ^ static_cast<unsigned>(flags)) & O_APPEND) {
     as_now = *filp;
@@ -35,9 +35,9 @@ long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned
   }
   current->file_too_large = false;
   const ssize_t done = vfs_write(filp, static_cast<const char __user *>(buf), len, &at);
-  // A layer may answer one error for all errors of a write below it. Too large a write never gets
-  // there where s_maxbytes of the super block is right. That of hostfs is not: one super block
-  // stands for all file systems of the host, each with a largest size of its own.
+  // A layer may return one error for all write errors below it. s_maxbytes usually catches too
+  // large a write before the layer. hostfs has no right value: its super block stands for all file
+  // systems of the host, whose size limits differ.
   return done == -EINVAL && current->file_too_large ? -EFBIG : done;
 }
 

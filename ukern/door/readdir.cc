@@ -8,8 +8,8 @@
 
 namespace {
 
-// readdir's filler learns where an entry begins; where it ends is where the next begins. So each is
-// kept until the next comes.
+// filldir gets the position of an entry; the caller needs the position behind it, which is that of
+// the next entry. So each entry is held back until the next one.
 struct listing {
   int (*fill)(void *arg, const char *name, unsigned long long ino, unsigned type,
               unsigned long long next);
@@ -22,16 +22,16 @@ struct listing {
   char name[NAME_MAX + 1];
 };
 
-void hand_on(struct listing *list, loff_t next) {
+void emit_pending(struct listing *list, loff_t next) {
   if (list->pending && !list->stopped)
     list->stopped = list->fill(list->arg, list->name, list->ino, list->type,
                                static_cast<unsigned long long>(next));
   list->pending = false;
 }
 
-int take_entry(void *buf, const char *name, int len, loff_t offset, ino_t ino, unsigned type) {
+int fill_entry(void *buf, const char *name, int len, loff_t offset, ino_t ino, unsigned type) {
   auto *list = static_cast<struct listing *>(buf);
-  hand_on(list, offset);
+  emit_pending(list, offset);
   if (list->stopped) return -EINVAL;
   if (len < 0 || len > NAME_MAX) return list->error = -EOVERFLOW;
   memcpy(list->name, name, static_cast<size_t>(len));
@@ -58,11 +58,11 @@ int uk_readdir(struct uk_file *dir, unsigned long long off,
     const loff_t at = vfs_llseek(filp, static_cast<loff_t>(off), SEEK_SET);
     if (at < 0) return static_cast<int>(at);
   }
-  const int result = vfs_readdir(filp, take_entry, &list);
+  const int result = vfs_readdir(filp, fill_entry, &list);
   if (result < 0 || list.error) return result < 0 ? result : list.error;
-  // A stop leaves the position at the entry that was not taken, which is not the one handed on
-  // last.
-  hand_on(&list, filp->f_pos);
+  // Emits the last entry. After a stop there is none, and f_pos is behind the entry that was
+  // refused.
+  emit_pending(&list, filp->f_pos);
   return 0;
 }
 

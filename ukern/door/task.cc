@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Tasks of the hosting program: who they are, entering and leaving the kernel, signals, user
-// memory.
+// Tasks of the hosting program: credentials, entering and leaving the kernel, signals, user memory.
 #include "ukern/sched/task.h"
 
 #include <linux/mm.h>
@@ -61,7 +60,7 @@ void change_ids(struct task_struct *task, const struct uk_cred *cred) {
   const bool hidden = hlist_unhashed(&task->pid_link);
   if (!hidden) ukern_task_unhash(task);
   task->pid = task->tgid = cred->pid;
-  flush_signals(task);  // those were for another process
+  flush_signals(task);  // they were for the previous process
   if (!hidden) ukern_task_hash(task);
 }
 

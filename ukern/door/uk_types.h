@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Plain data that both the program that hosts the kernel and the host's file system (host_fs.h)
- * speak of: times, attributes, the figures of a file system. */
+/* Plain data types of the interfaces to the hosting program and to the host's file system
+ * (host_fs.h): times, attributes, file-system statistics. */
 #ifndef UKERN_DOOR_UK_TYPES_H
 #define UKERN_DOOR_UK_TYPES_H
 
@@ -11,8 +11,8 @@ struct uk_time {
 
 struct uk_stat {
   unsigned long long dev, ino, size, blocks; /* blocks of 512 bytes */
-  unsigned long long rdev;                   /* as the kernel's new_encode_dev, as is dev */
-  unsigned long long mount; /* the host's mount through which it was reached; 0: not known */
+  unsigned long long rdev;                   /* encoded by new_encode_dev, like dev */
+  unsigned long long mount; /* id of the host mount through which it was reached; 0: unknown */
   unsigned mode, nlink, uid, gid, blksize;
   struct uk_time atime, mtime, ctime;
 };

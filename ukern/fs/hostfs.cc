@@ -18,19 +18,19 @@
 
 namespace {
 
-// That of NFS, by which a layer above knows a file system whose files change behind its back: it
-// reads them here each time instead of keeping pages of its own.
+// NFS's: tells a layer above that files change behind its back, so that it reads them here each
+// time instead of caching pages.
 constexpr long kMagic = 0x6969;
 
 struct kmem_cache *inode_cache;
 
-// Nothing is ever dirty here: writes go straight to the host.
+// No page is ever dirty: writes go straight to the host.
 struct backing_dev_info hostfs_bdi;
 
-// Inodes without a name, and when the last of them lost it.
+// Number of inodes without a name, and the time of the last removal of a name.
 atomic_t nr_removed;
 unsigned long removed_at;
-constexpr unsigned long kForgotten = HZ / 10;  // by then what is not in use has been forgotten
+constexpr unsigned long kFreeDelay = HZ / 10;  // an unused inode has been freed by then
 
 struct object {
   struct uk_stat stat;
@@ -38,7 +38,7 @@ struct object {
 };
 
 int same_object(struct inode *inode, void *data) {
-  return hostfs_is(inode, &static_cast<const object *>(data)->stat);
+  return hostfs_same_object(inode, &static_cast<const object *>(data)->stat);
 }
 
 int set_object(struct inode *inode, void *data) {
@@ -78,8 +78,8 @@ void set_operations(struct inode *inode, const struct uk_stat &stat) {
 struct inode *hostfs_alloc_inode(struct super_block *) {
   auto *info = static_cast<struct hostfs_inode *>(kmem_cache_alloc(inode_cache, GFP_KERNEL));
   if (!info) return nullptr;
-  info->fd = info->made = -1;
-  info->removed = info->gone = info->kept = 0;
+  info->fd = info->created_fd = -1;
+  info->removed = info->gone = info->pinned = 0;
   info->origin = nullptr;
   info->users = 0;
   INIT_LIST_HEAD(&info->idle);
@@ -91,7 +91,7 @@ struct inode *hostfs_alloc_inode(struct super_block *) {
 
 void hostfs_destroy_inode(struct inode *inode) {
   hostfs_close(inode);
-  if (hostfs_i(inode)->made >= 0) host_fs_close(hostfs_i(inode)->made);
+  if (hostfs_i(inode)->created_fd >= 0) host_fs_close(hostfs_i(inode)->created_fd);
   if (hostfs_i(inode)->removed) atomic_dec(&nr_removed);
   kmem_cache_free(inode_cache, hostfs_i(inode));
 }
@@ -117,7 +117,7 @@ int hostfs_statfs(struct dentry *dentry, struct kstatfs *buf) {
 struct super_operations hostfs_sops = {
     .alloc_inode = hostfs_alloc_inode,
     .destroy_inode = hostfs_destroy_inode,
-    // An inode pins what the host may want to free: it goes with its last user.
+    // An inode's descriptor pins an object on the host, so an unused inode is not cached.
     .drop_inode = generic_delete_inode,
     .statfs = hostfs_statfs,
 };
@@ -130,7 +130,7 @@ int hostfs_fill_super(struct super_block *sb, void *data, int) {
   sb->s_blocksize = PAGE_CACHE_SIZE;
   sb->s_blocksize_bits = PAGE_CACHE_SHIFT;
   sb->s_time_gran = 1;
-  sb->s_flags |= MS_NOATIME | MS_NODIRATIME;  // access times are the host's own business
+  sb->s_flags |= MS_NOATIME | MS_NODIRATIME;  // the host keeps access times
 
   const int fd = host_fs_root(source);
   if (fd < 0) return fd;
@@ -160,7 +160,7 @@ struct file_system_type hostfs_type = {
 
 }  // namespace
 
-void hostfs_take_stat(struct inode *inode, const struct uk_stat *stat) {
+void hostfs_apply_stat(struct inode *inode, const struct uk_stat *stat) {
   {
     SpinGuard guard(inode->i_lock);
     inode->i_mode = static_cast<umode_t>(stat->mode);
@@ -180,12 +180,13 @@ void hostfs_take_stat(struct inode *inode, const struct uk_stat *stat) {
 
 int hostfs_refresh(struct inode *inode) {
   const hostfs_held held(inode);
-  // What has lost its last name through here, and its descriptor since, is as it was then.
+  // A directory that was removed through this mount keeps its attributes when its descriptor is
+  // closed.
   if (held.fd() == -ENOENT && hostfs_i(inode)->removed) return 0;
   if (held.fd() < 0) return held.fd();
   struct uk_stat stat;
   if (int error = host_fs_stat(held.fd(), &stat)) return error;
-  hostfs_take_stat(inode, &stat);
+  hostfs_apply_stat(inode, &stat);
   return 0;
 }
 
@@ -210,37 +211,36 @@ struct inode *hostfs_iget(struct super_block *sb, int fd) {
     const bool is_new = inode->i_state & I_NEW;
     if (is_new) {
       set_operations(inode, wanted.stat);
-      hostfs_use_new(inode, &wanted.stat);
-    } else if (!hostfs_is_behind(inode, fd)) {
+      hostfs_init_fd(inode, &wanted.stat);
+    } else if (!hostfs_adopt_fd(inode, fd)) {
       iput(inode);
       continue;
     }
-    hostfs_take_stat(inode, &wanted.stat);
+    hostfs_apply_stat(inode, &wanted.stat);
     if (is_new) {
       unlock_new_inode(inode);
-      hostfs_unuse(inode);
+      hostfs_put_fd(inode);
     }
     return inode;
   }
 }
 
-void hostfs_removed(struct inode *inode) {
+void hostfs_note_removed(struct inode *inode) {
   __atomic_store_n(&removed_at, jiffies, __ATOMIC_RELAXED);
   if (inode->i_nlink == 0 && !__atomic_exchange_n(&hostfs_i(inode)->removed, 1, __ATOMIC_RELAXED))
     atomic_inc(&nr_removed);
 }
 
 int hostfs_wait_for_room(void) {
-  if (time_after(jiffies, __atomic_load_n(&removed_at, __ATOMIC_RELAXED) + kForgotten)) return 0;
+  if (time_after(jiffies, __atomic_load_n(&removed_at, __ATOMIC_RELAXED) + kFreeDelay)) return 0;
   const int before = atomic_read(&nr_removed);
   schedule_timeout_uninterruptible(1);
   return before > 0;
 }
 
-// Each cached inode may hold a descriptor and each open file another. An eighth of what the host
-// allows is for what is merely cached, of which there may be twice as much for a moment; an eighth
-// for files that nobody reads or writes at the moment; and half as many for directories that can be
-// opened again.
+// Each cached inode may have a descriptor and each open file another. Of the host's limit, an
+// eighth is for unused cached inodes, of which there may briefly be twice as many; an eighth is for
+// idle open files, and a sixteenth for idle directories that can be reopened.
 static void share_descriptors(long descriptors) {
   if (descriptors < 256) descriptors = 256;
   if (descriptors / 8 < ukern_cache_limit) set_cache_limit(static_cast<unsigned>(descriptors) / 8);

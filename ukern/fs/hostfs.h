@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What can be set of hostfs, for all its mounts. */
+/* Settings and statistics of hostfs, common to all its mounts. */
 #ifndef UKERN_FS_HOSTFS_H
 #define UKERN_FS_HOSTFS_H
 
@@ -8,15 +8,14 @@ extern "C" {
 #endif
 
 /*
- * How many data descriptors of open files may be kept open while nobody uses them; the one unused
- * for longest is closed then, and opened again at its next use. At boot: an eighth of what the host
- * allows.
+ * Limits the idle data descriptors of open files. The least recently used is closed, and reopened
+ * at its next use. At boot: an eighth of the host's descriptor limit.
  */
 void hostfs_set_idle_files(unsigned long limit);
-/* The same of path descriptors of directories. At boot: a sixteenth. */
+/* The same for path descriptors of directories. At boot: a sixteenth. */
 void hostfs_set_idle_directories(unsigned long limit);
-/* Directories whose path descriptor stays open because the host could not find them again. */
-unsigned long hostfs_kept_directories(void);
+/* Number of directories whose path descriptor stays open because the host cannot reopen them. */
+unsigned long hostfs_pinned_directories(void);
 
 #ifdef __cplusplus
 }

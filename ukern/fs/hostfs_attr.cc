@@ -24,12 +24,13 @@ int hostfs_permission(struct inode *inode, int mask, struct nameidata *nd) {
   if (!mask) return 0;
   const host_identity as = hostfs_caller();
   if (host_fs_can_be(&as)) {
-    // The host knows more than the mode: access control lists, security modules, mounts.
-    // The superuser may search everywhere and change any name; if not even that on the host, what
-    // follows will say so. With `nd` it is perhaps the question itself, and nothing follows.
+    // The host checks more than the mode: access control lists, security modules, mounts. The
+    // superuser may search every directory and change every name in it; if the host refuses, the
+    // operation that follows fails. With `nd` a check for more than search may be access(2), which
+    // no operation follows.
     const bool step = S_ISDIR(inode->i_mode) && (mask == MAY_EXEC || !nd);
     if (step && as.uid == 0 && capable(CAP_DAC_OVERRIDE)) return 0;
-    // Those that one call asks for again and again: of a directory, above and below.
+    // One call through stacked layers repeats checks on a directory; the host is asked once.
     unsigned long *granted = &hostfs_i(inode)->granted;
     if (request_is_granted(&current->request, granted, mask)) return 0;
     const hostfs_held held(inode);
@@ -83,7 +84,7 @@ int set_times(const host_identity *as, int fd, const struct iattr *attr) {
   return host_fs_utimes(as, fd, atime ? &new_atime : nullptr, mtime ? &new_mtime : nullptr);
 }
 
-// In the order in which one step cannot undo the other: a change of owner takes mode bits away.
+// Owner before mode: a change of owner clears mode bits.
 int apply(const host_identity *as, struct inode *inode, const struct iattr *attr) {
   const unsigned valid = attr->ia_valid;
   const hostfs_held held(inode);
@@ -105,7 +106,7 @@ int hostfs_setattr(struct dentry *dentry, struct iattr *attr) {
   struct inode *inode = dentry->d_inode;
   if (int error = hostfs_refresh_once(inode)) return error;
   if (int error = inode_change_ok(inode, attr)) return error;
-  // A forced change is the kernel's, whoever caused it.
+  // A forced change is made by the kernel, not as the caller.
   const host_identity caller = hostfs_caller();
   const int error = apply(attr->ia_valid & ATTR_FORCE ? nullptr : &caller, inode, attr);
   const int refresh_error = hostfs_refresh(inode);
@@ -113,9 +114,8 @@ int hostfs_setattr(struct dentry *dentry, struct iattr *attr) {
   return error ? error : refresh_error;
 }
 
-// Access control lists can be read, for they say who may do what, and not be set: programs that
-// cannot set one set the mode itself (cp -p among them), and a change of mode is something that a
-// stackable layer above can see.
+// Access control lists can be read but not set. Programs that cannot set one (cp -p among them) set
+// the mode instead, and a layer above can see a change of mode.
 static bool is_access_list(const char *name) {
   static const char prefix[] = "system.posix_acl_";
   return strncmp(name, prefix, sizeof(prefix) - 1) == 0;
@@ -153,7 +153,7 @@ int hostfs_removexattr(struct dentry *dentry, const char *name) {
 }
 
 static void *hostfs_follow_link(struct dentry *dentry, struct nameidata *nd) {
-  // Errors go back as the link's text: an error pointer returned would say that `nd` has been
+  // Errors are set as the link's text: a returned error pointer would mean that `nd` has been
   // released too.
   auto *text = static_cast<char *>(__getname());
   if (!text) {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// hostfs: names. Looking them up, believing them, making and removing them.
+// hostfs: lookup, revalidation, creation and removal of names.
 #include "ukern/fs/hostfs_internal.h"
 
 #include <linux/err.h>
@@ -15,11 +15,10 @@ const char *name_of(const struct dentry *dentry) {
   return reinterpret_cast<const char *>(dentry->d_name.name);
 }
 
-// The host has something else, or nothing, under the dentry's name. A directory that somebody uses
-// would keep the name (d_invalidate leaves it), and whoever comes by the name would get the old
-// directory: it loses the name here, and whoever is in it stays there. The result is what
-// d_revalidate says.
-int disowned(struct dentry *dentry) {
+// The host has another object, or none, under the dentry's name. d_invalidate leaves a directory in
+// use hashed, so that walks would still find it: it is unhashed here, and its users keep it.
+// Returns the result of d_revalidate.
+int invalidate(struct dentry *dentry) {
   struct inode *inode = dentry->d_inode;
   if (!S_ISDIR(inode->i_mode)) return 0;
   if (have_submounts(dentry)) return 1;
@@ -28,31 +27,30 @@ int disowned(struct dentry *dentry) {
   return 0;
 }
 
-// What the host has under a name in the directory `dir` now. Numbers tell an object from the
-// inode's only while a descriptor of that is open: one that was closed is taken from the name.
-int look_at_name(const host_identity &as, int dir, const char *name, struct inode *inode,
-                 struct uk_stat *stat) {
+// Stats a name in the host directory `dir`. The inode's number identifies its object only while a
+// descriptor of it is open. A closed one is reopened by the name and compared by its handle.
+int stat_name(const host_identity &as, int dir, const char *name, struct inode *inode,
+              struct uk_stat *stat) {
   if (!inode) return host_fs_stat_name(&as, dir, name, stat);
   const hostfs_held held(inode, HOSTFS_IF_OPEN);
   if (held.fd() >= 0) return host_fs_stat_name(&as, dir, name, stat);
   const int fd = host_fs_lookup(&as, dir, name);
   if (fd < 0) return fd;
   const int error = host_fs_stat(fd, stat);
-  if (error || !hostfs_is(inode, stat) || !hostfs_is_behind(inode, fd)) host_fs_close(fd);
+  if (error || !hostfs_same_object(inode, stat) || !hostfs_adopt_fd(inode, fd)) host_fs_close(fd);
   return error;
 }
 
-int look_below(const host_identity &as, struct inode *dir, const char *name, struct inode *inode,
+int stat_child(const host_identity &as, struct inode *dir, const char *name, struct inode *inode,
                struct uk_stat *stat) {
   const hostfs_held held(dir);
-  return held.fd() < 0 ? held.fd() : look_at_name(as, held.fd(), name, inode, stat);
+  return held.fd() < 0 ? held.fd() : stat_name(as, held.fd(), name, inode, stat);
 }
 
-// Compares what the host has under the name now with what the dentry says. The result is what
-// d_revalidate says.
-int ask_host(struct dentry *dentry) {
+// Compares the dentry with the host's object of that name. Returns the result of d_revalidate.
+int check_on_host(struct dentry *dentry) {
   if (IS_ROOT(dentry) || d_mountpoint(dentry)) return 1;
-  // A move to a name that was not there leaves its dentry without one.
+  // A rename onto a negative dentry leaves it unhashed.
   if (!dentry->d_inode && d_unhashed(dentry)) return 0;
   char name[NAME_MAX + 1];
   struct dentry *parent;
@@ -64,13 +62,13 @@ int ask_host(struct dentry *dentry) {
 
   const host_identity as = hostfs_caller();
   struct uk_stat stat;
-  const int error = look_below(as, parent->d_inode, name, dentry->d_inode, &stat);
+  const int error = stat_child(as, parent->d_inode, name, dentry->d_inode, &stat);
   dput(parent);
   struct inode *inode = dentry->d_inode;
   if (inode) {
     if (error && error != -ENOENT && error != -ENOTDIR) return 0;
-    if (error || !hostfs_is(inode, &stat)) return disowned(dentry);
-    hostfs_take_stat(inode, &stat);
+    if (error || !hostfs_same_object(inode, &stat)) return invalidate(dentry);
+    hostfs_apply_stat(inode, &stat);
   } else if (error != -ENOENT) {
     return 0;
   }
@@ -78,7 +76,7 @@ int ask_host(struct dentry *dentry) {
   return 1;
 }
 
-// Where a dentry is in the tree.
+// A dentry's parent and name.
 struct place {
   explicit place(const struct dentry *from) {
     auto *dentry = const_cast<struct dentry *>(from);
@@ -90,11 +88,10 @@ struct place {
   ino_t dir;
 };
 
-// A layer above passes the question on for the dentry that it found here when it looked its own
-// name up. Since then another layer over the same directory may have moved that one to a new name,
-// or made something of it: it is not what the name that is walked leads to any more. A layer's
-// directories have the numbers of ours.
-int is_elsewhere(const struct dentry *dentry, const struct dentry *walked) {
+// A layer above revalidates the lower dentry that it found at its own lookup. Another layer over
+// the same directory may since have renamed that dentry, or instantiated it: it no longer belongs
+// to the name being walked. A layer's directories have our inode numbers.
+int was_moved(const struct dentry *dentry, const struct dentry *walked) {
   if (!walked || walked == dentry || IS_ROOT(dentry) || IS_ROOT(walked)) return 0;
   if (d_mountpoint(const_cast<struct dentry *>(dentry))) return 0;
   if (!walked->d_inode) return dentry->d_inode != nullptr;
@@ -103,16 +100,16 @@ int is_elsewhere(const struct dentry *dentry, const struct dentry *walked) {
 }
 
 int hostfs_revalidate(struct dentry *dentry, struct nameidata *) {
-  if (is_elsewhere(dentry, current->walked)) return 0;
-  return request_knows(&current->request, &dentry->d_time) ? 1 : ask_host(dentry);
+  if (was_moved(dentry, current->walked)) return 0;
+  return request_knows(&current->request, &dentry->d_time) ? 1 : check_on_host(dentry);
 }
 
-// A directory that the host has moved loses the name under which it was known, so that it is not in
-// the tree twice.
-void forget_moved(struct inode *inode) {
+// Unhashes the old name of a directory that the host has moved, so that it is not in the tree
+// twice.
+void unhash_moved(struct inode *inode) {
   if (!S_ISDIR(inode->i_mode)) return;
   if (struct dentry *alias = d_find_alias(inode)) {
-    if (!ask_host(alias)) d_drop(alias);
+    if (!check_on_host(alias)) d_drop(alias);
     dput(alias);
   }
 }
@@ -130,12 +127,12 @@ struct dentry *hostfs_lookup(struct inode *dir, struct dentry *dentry, struct na
   if (fd < 0) return static_cast<struct dentry *>(ERR_PTR(fd));
   struct inode *inode = hostfs_iget(dir->i_sb, fd);
   if (IS_ERR(inode)) return static_cast<struct dentry *>(ERR_PTR(PTR_ERR(inode)));
-  forget_moved(inode);
+  unhash_moved(inode);
   return d_splice_alias(inode, dentry);
 }
 
-// Binds a dentry to what has just been made under its name. `fd` is a path descriptor of it or an
-// error.
+// Instantiates a dentry with the object just created under its name. Takes over `fd`, a path
+// descriptor of the object or an error.
 int instantiate(struct inode *dir, struct dentry *dentry, int fd) {
   hostfs_refresh(dir);
   if (fd < 0) {
@@ -151,7 +148,7 @@ int instantiate(struct inode *dir, struct dentry *dentry, int fd) {
   return 0;
 }
 
-// Makes something by `make(fd)` in the directory and binds the dentry to it.
+// Creates an object in the directory with `make(fd)` and instantiates the dentry.
 template <typename Make>
 int make_and_instantiate(struct inode *dir, struct dentry *dentry, const host_identity &as,
                          Make make) {
@@ -165,7 +162,7 @@ int hostfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nam
   const host_identity as = hostfs_caller();
   const hostfs_held held(dir);
   if (held.fd() < 0) return held.fd();
-  // Who says nothing of a look-up makes no file to open it.
+  // A caller without a nameidata does not open the file.
   const bool will_open = nd != nullptr;
   int data = -1;
   const int fd = host_fs_create(&as, held.fd(), name_of(dentry),
@@ -176,8 +173,8 @@ int hostfs_create(struct inode *dir, struct dentry *dentry, int mode, struct nam
     if (data >= 0) host_fs_close(data);
     return error;
   }
-  // The inode is new, and nobody but the caller has it: the number cannot have been in use.
-  hostfs_i(dentry->d_inode)->made = data;
+  // The object is new, so its inode is too, and only the caller has it.
+  hostfs_i(dentry->d_inode)->created_fd = data;
   return 0;
 }
 
@@ -215,7 +212,8 @@ int hostfs_link(struct dentry *old_dentry, struct inode *dir, struct dentry *den
   return 0;
 }
 
-// Removes a name by `call(fd)` of the directory. What had it can be looked at afterwards.
+// Removes a name with `call(fd)`, fd of the directory. The descriptor held on the inode allows
+// refreshing its attributes afterwards.
 template <typename Remove>
 int remove(struct inode *dir, struct inode *inode, Remove call) {
   const hostfs_held held(inode), held_dir(dir);
@@ -224,7 +222,7 @@ int remove(struct inode *dir, struct inode *inode, Remove call) {
   if (int error = call(held_dir.fd())) return error;
   hostfs_refresh(inode);
   hostfs_refresh(dir);
-  hostfs_removed(inode);
+  hostfs_note_removed(inode);
   return 0;
 }
 

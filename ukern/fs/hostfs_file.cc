@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
-// hostfs: open files. Data goes straight between the caller's buffer and the host; the page cache
-// holds pages of such a file only for who maps it or reads it page by page, and a write drops them.
+// hostfs: open files. Data moves directly between the caller's buffer and the host. The page cache
+// has pages only for mappings and page-by-page readers, and a write drops them.
 //
-// A file is opened for reading first and made writable at the first write, so that a file which the
-// host will not let us write (a running program, a read-only mount) can be opened for both as long
-// as nobody writes.
+// A file is opened for reading and made writable at the first write. So a file that the host does
+// not let us write (a running program, a read-only mount) can be opened for both as long as it is
+// not written.
 #include "ukern/fs/hostfs_internal.h"
 #include "ukern/fs/hostfs.h"
 
@@ -23,21 +23,21 @@ namespace {
 
 constexpr unsigned kDirentBuffer = 32 * 1024;
 
-// The data descriptor of an open file. While nobody uses it, it may be closed to keep their number
-// down, and is opened again at the next use: files stay open here for as long as their inode is in
-// memory, which can be long.
+// The data descriptor of an open file. An idle one may be closed to limit their number, and is
+// reopened at the next use: a file stays open here as long as its inode is in memory, which can be
+// long.
 struct open_file {
-  struct list_head idle;  // in idle_files, exactly while fd >= 0 and users is 0; under idle_lock,
-                          // as are the next two
+  struct list_head idle;  // in idle_files exactly while fd >= 0 and users is 0; idle_lock covers
+                          // it, fd and users
   int fd;                 // -1: closed
   unsigned users;
-  int writable;    // fd is, or was, good for writing; under lock, and so are opening and reopening
-  int write_only;  // the host lets us write it only
+  int writable;    // fd is, or was, open for writing; `lock` covers this, opening and reopening
+  int write_only;  // the host permits writing but not reading
   struct mutex lock;
 };
 
 DEFINE_SPINLOCK(idle_lock);
-LIST_HEAD(idle_files);  // the one used last first
+LIST_HEAD(idle_files);  // most recently used first
 unsigned long nr_idle;
 unsigned long idle_limit;
 
@@ -58,8 +58,8 @@ int open_data(struct inode *inode, const struct file *file, open_file *open) {
   return write_fd;
 }
 
-// Takes a descriptor that is open into use; -1 when it is closed.
-int use_open(open_file *open) {
+// Gets the descriptor if it is open, else -1.
+int get_open_fd(open_file *open) {
   SpinGuard guard(idle_lock);
   if (open->fd >= 0 && open->users++ == 0) {
     list_del_init(&open->idle);
@@ -68,13 +68,13 @@ int use_open(open_file *open) {
   return open->fd;
 }
 
-// The descriptor, which stays open until unuse. -errno.
-int use(struct file *file) {
+// Gets the descriptor, which stays open until put_fd. Or -errno.
+int get_fd(struct file *file) {
   open_file *open = open_file_of(file);
-  int fd = use_open(open);
+  int fd = get_open_fd(open);
   if (fd >= 0) return fd;
   MutexGuard guard(open->lock);
-  fd = use_open(open);  // somebody else may have opened it meanwhile
+  fd = get_open_fd(open);  // another thread may have opened it meanwhile
   if (fd < 0) {
     fd = open_data(file->f_mapping->host, file, open);
     if (fd >= 0) {
@@ -86,7 +86,7 @@ int use(struct file *file) {
   return fd;
 }
 
-void unuse(struct file *file) {
+void put_fd(struct file *file) {
   open_file *open = open_file_of(file);
   int to_close = -1;
   {
@@ -109,31 +109,31 @@ int hostfs_open(struct inode *inode, struct file *file) {
   auto *open = static_cast<open_file *>(kzalloc(sizeof(open_file), GFP_KERNEL));
   if (!open) return -ENOMEM;
   INIT_LIST_HEAD(&open->idle);
-  open->fd = __atomic_exchange_n(&hostfs_i(inode)->made, -1, __ATOMIC_ACQ_REL);
+  open->fd = __atomic_exchange_n(&hostfs_i(inode)->created_fd, -1, __ATOMIC_ACQ_REL);
   if (open->fd >= 0) {
     open->users = 1;
     open->writable = 1;
   }
   mutex_init(&open->lock);
   file->private_data = open;
-  const int fd = open->fd >= 0 ? open->fd : use(file);
+  const int fd = open->fd >= 0 ? open->fd : get_fd(file);
   if (fd < 0) {
     kfree(open);
     return fd;
   }
-  unuse(file);
+  put_fd(file);
   return 0;
 }
 
 int hostfs_release(struct inode *, struct file *file) {
   open_file *open = open_file_of(file);
-  const int fd = use_open(open);  // nobody else has it any more
+  const int fd = get_open_fd(open);  // there is no other user any more
   if (fd >= 0) host_fs_close(fd);
   kfree(open);
   return 0;
 }
 
-// `fd` is in use.
+// The caller holds `fd` by get_fd.
 int make_writable(struct file *file, int fd) {
   open_file *open = open_file_of(file);
   if (__atomic_load_n(&open->writable, __ATOMIC_ACQUIRE)) return 0;
@@ -148,17 +148,17 @@ int make_writable(struct file *file, int fd) {
 }
 
 ssize_t hostfs_read(struct file *file, char __user *buf, size_t count, loff_t *ppos) {
-  const int fd = use(file);
+  const int fd = get_fd(file);
   if (fd < 0) return fd;
   const auto pos = static_cast<unsigned long long>(*ppos);
   const ssize_t result =
       open_file_of(file)->write_only ? -EACCES : host_fs_pread(fd, buf, count, pos);
-  unuse(file);
+  put_fd(file);
   if (result > 0) *ppos += result;
   return result;
 }
 
-// At once, so that no request is ever queued.
+// Reads synchronously: no request is ever queued.
 ssize_t hostfs_aio_read(struct kiocb *iocb, char __user *buf, size_t count, loff_t pos) {
   BUG_ON(iocb->ki_pos != pos);
   return hostfs_read(iocb->ki_filp, buf, count, &iocb->ki_pos);
@@ -170,7 +170,7 @@ void drop_cached(struct inode *inode, loff_t pos, ssize_t count) {
                            static_cast<pgoff_t>((pos + count - 1) >> PAGE_CACHE_SHIFT));
 }
 
-// The write itself, i_mutex held. *ppos moves behind what was written.
+// Writes with i_mutex held. *ppos advances past the data written.
 ssize_t write_locked(struct file *file, int fd, const char __user *buf, size_t count,
                      loff_t *ppos) {
   struct inode *inode = file->f_mapping->host;
@@ -193,8 +193,8 @@ ssize_t write_locked(struct file *file, int fd, const char __user *buf, size_t c
   if (!append) end += static_cast<unsigned long long>(written);
   *ppos = static_cast<loff_t>(end);
   drop_cached(inode, *ppos - written, written);
-  // What else the write changed comes with the next look at the attributes; who copies them
-  // meanwhile sees the times move.
+  // The next refresh updates the other attributes. Size and times are updated now, for layers that
+  // copy them before.
   SpinGuard guard(inode->i_lock);
   if (*ppos > i_size_read(inode)) i_size_write(inode, *ppos);
   inode->i_mtime = inode->i_ctime = current_fs_time(inode->i_sb);
@@ -203,7 +203,7 @@ ssize_t write_locked(struct file *file, int fd, const char __user *buf, size_t c
 
 ssize_t hostfs_write(struct file *file, const char __user *buf, size_t count, loff_t *ppos) {
   struct inode *inode = file->f_mapping->host;
-  const int fd = use(file);
+  const int fd = get_fd(file);
   if (fd < 0) return fd;
   ssize_t result;
   {
@@ -215,15 +215,15 @@ ssize_t hostfs_write(struct file *file, const char __user *buf, size_t count, lo
     const int error = host_fs_sync(fd, 0);
     if (error) result = error;
   }
-  unuse(file);
+  put_fd(file);
   return result;
 }
 
 int hostfs_fsync(struct file *file, struct dentry *, int datasync) {
-  const int fd = use(file);
+  const int fd = get_fd(file);
   if (fd < 0) return fd;
   const int error = host_fs_sync(fd, datasync);
-  unuse(file);
+  put_fd(file);
   return error;
 }
 
@@ -234,7 +234,7 @@ loff_t hostfs_llseek(struct file *file, loff_t offset, int origin) {
   return generic_file_llseek(file, offset, origin);
 }
 
-// A shared mapping that may be written would keep data that the host does not see.
+// A writable shared mapping would have data that the host does not see.
 int hostfs_mmap(struct file *file, struct vm_area_struct *vma) {
   if ((vma->vm_flags & VM_SHARED) && (vma->vm_flags & VM_MAYWRITE)) return -EINVAL;
   return generic_file_mmap(file, vma);
@@ -250,7 +250,7 @@ ssize_t hostfs_sendfile(struct file *file, loff_t *ppos, size_t count, read_acto
 
 int hostfs_readpage(struct file *file, struct page *page) {
   const hostfs_held held(page->mapping->host);
-  const int fd = file ? use(file) : host_fs_open(held.fd(), HOST_OPEN_READ);
+  const int fd = file ? get_fd(file) : host_fs_open(held.fd(), HOST_OPEN_READ);
   auto *data = static_cast<char *>(kmap(page));
   const auto pos = static_cast<unsigned long long>(page_offset(page));
   const long result = fd < 0 ? fd : host_fs_pread(fd, data, PAGE_CACHE_SIZE, pos);
@@ -261,7 +261,7 @@ int hostfs_readpage(struct file *file, struct page *page) {
     SetPageError(page);
   }
   kunmap(page);
-  if (fd >= 0 && file) unuse(file);
+  if (fd >= 0 && file) put_fd(file);
   if (fd >= 0 && !file) host_fs_close(fd);
   unlock_page(page);
   return result < 0 ? static_cast<int>(result) : 0;
@@ -286,15 +286,15 @@ ssize_t direct_segments(int rw, int fd, const struct iovec *iov, loff_t offset,
 ssize_t hostfs_direct_IO(int rw, struct kiocb *iocb, const struct iovec *iov, loff_t offset,
                          unsigned long nr_segs) {
   struct file *file = iocb->ki_filp;
-  const int fd = use(file);
+  const int fd = get_fd(file);
   if (fd < 0) return fd;
   ssize_t result = rw == WRITE ? make_writable(file, fd) : 0;
   if (!result) result = direct_segments(rw, fd, iov, offset, nr_segs);
-  unuse(file);
+  put_fd(file);
   return direct_io_result(rw, iocb, result, iov_length(iov, nr_segs));
 }
 
-// Hands the entries of one buffer on. 1: the filler has no more room.
+// Passes the entries of one buffer to filldir. 1: it has no more room.
 int emit(struct file *file, const char *buffer, long bytes, void *dirent, filldir_t filldir) {
   for (long at = 0; at < bytes;) {
     const auto *entry = reinterpret_cast<const struct host_dirent *>(buffer + at);
@@ -307,7 +307,7 @@ int emit(struct file *file, const char *buffer, long bytes, void *dirent, filldi
 }
 
 int hostfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
-  const int fd = use(file);
+  const int fd = get_fd(file);
   if (fd < 0) return fd;
   auto *buffer = static_cast<char *>(kmalloc(kDirentBuffer, GFP_KERNEL));
   long bytes = -ENOMEM;
@@ -318,7 +318,7 @@ int hostfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
     } while (bytes > 0 && !emit(file, buffer, bytes, dirent, filldir));
   }
   kfree(buffer);
-  unuse(file);
+  put_fd(file);
   return bytes < 0 ? static_cast<int>(bytes) : 0;
 }
 

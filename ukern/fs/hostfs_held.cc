@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
-// hostfs: which inodes have their path descriptor open.
+// hostfs: the path descriptors of inodes.
 //
-// Directories are remembered by the user of this kernel for as long as programs like, one for each
-// step of each program's current directory among them. So the descriptor of one that nobody uses at
-// the moment may be closed; a handle finds the same directory again. Where the host has no such
-// handles, and of all other kinds of objects, the descriptor stays.
+// The hosting program references directories for a long time, for instance every ancestor of a
+// program's current directory. So the descriptor of an idle directory may be closed; a file handle
+// reopens the same directory. Where the host has no file handles, and for all other kinds of
+// objects, the descriptor stays open.
 #include "ukern/fs/hostfs_internal.h"
 #include "ukern/fs/hostfs.h"
 
@@ -15,13 +15,13 @@
 
 #include "ukern/sync/guard.h"
 
-// One mount of one of the host's file systems: what it takes to open its directories again. It
-// lives as long as an inode of one of them.
+// One mount of a host file system, for reopening its directories. Lives as long as an inode of one
+// of them.
 struct hostfs_origin {
-  struct list_head all;  // under origins_mutex, as is the next
+  struct list_head all;  // under origins_mutex, like the next
   unsigned long inodes;
   unsigned long long dev, mount;
-  int fd;  // of host_fs_origin, or negative: descriptors stay
+  int fd;  // from host_fs_origin; negative: descriptors stay open
 };
 
 namespace {
@@ -30,14 +30,14 @@ LIST_HEAD(origins);
 DEFINE_MUTEX(origins_mutex);
 
 DEFINE_SPINLOCK(idle_lock);
-LIST_HEAD(idle_directories);  // open, and nobody uses them; the one used last first
+LIST_HEAD(idle_directories);  // open but unused, most recently used first
 unsigned long nr_idle;
 unsigned long idle_limit;
 
-atomic_t nr_kept;  // directories whose descriptor stays
+atomic_t nr_pinned;  // directories whose descriptor stays open
 
 bool can_reopen(const hostfs_inode *info) {
-  return info->origin && !info->kept;
+  return info->origin && !info->pinned;
 }
 
 hostfs_origin *get_origin(int fd, const struct uk_stat *stat) {
@@ -74,7 +74,7 @@ void set_gone(hostfs_inode *info) {
   __atomic_store_n(&info->gone, 1, __ATOMIC_RELAXED);
 }
 
-int use_open_locked(hostfs_inode *info) {
+int get_open_fd_locked(hostfs_inode *info) {
   if (info->fd < 0) return -ENOENT;
   if (info->users++ == 0) {
     list_del_init(&info->idle);
@@ -83,17 +83,18 @@ int use_open_locked(hostfs_inode *info) {
   return info->fd;
 }
 
-int use_open(hostfs_inode *info) {
+int get_open_fd(hostfs_inode *info) {
   SpinGuard guard(idle_lock);
-  return use_open_locked(info);
+  return get_open_fd_locked(info);
 }
 
-// Makes `fd` the inode's descriptor, in use, unless it has got one meanwhile; the one that it has.
-int use_opened(hostfs_inode *info, int fd) {
+// Makes `fd` the inode's descriptor, in use. If it has got another one meanwhile, closes `fd` and
+// returns the other.
+int install_fd(hostfs_inode *info, int fd) {
   int old;
   {
     SpinGuard guard(idle_lock);
-    old = use_open_locked(info);
+    old = get_open_fd_locked(info);
     if (old < 0) {
       info->fd = fd;
       info->users = 1;
@@ -114,13 +115,13 @@ int reopen(hostfs_inode *info) {
   }
   struct uk_stat stat;
   int error = host_fs_stat(fd, &stat);
-  if (!error && !hostfs_is(&info->vfs_inode, &stat)) error = -ESTALE;
-  if (!error) return use_opened(info, fd);
+  if (!error && !hostfs_same_object(&info->vfs_inode, &stat)) error = -ESTALE;
+  if (!error) return install_fd(info, fd);
   host_fs_close(fd);
   return error;
 }
 
-// Closes those that have not been used for longest.
+// Closes the least recently used descriptors over the limit.
 void close_idle() {
   for (;;) {
     int fd = -1;
@@ -141,14 +142,14 @@ void close_idle() {
 
 }  // namespace
 
-int hostfs_use(struct inode *inode, enum hostfs_use_how how) {
+int hostfs_get_fd(struct inode *inode, enum hostfs_get_how how) {
   hostfs_inode *info = hostfs_i(inode);
   if (!can_reopen(info)) return info->fd;
-  const int fd = use_open(info);
+  const int fd = get_open_fd(info);
   return fd >= 0 || how == HOSTFS_IF_OPEN ? fd : reopen(info);
 }
 
-void hostfs_unuse(struct inode *inode) {
+void hostfs_put_fd(struct inode *inode) {
   hostfs_inode *info = hostfs_i(inode);
   if (!can_reopen(info)) return;
   bool too_many = false;
@@ -162,21 +163,21 @@ void hostfs_unuse(struct inode *inode) {
   if (too_many) close_idle();
 }
 
-void hostfs_use_new(struct inode *inode, const struct uk_stat *stat) {
+void hostfs_init_fd(struct inode *inode, const struct uk_stat *stat) {
   hostfs_inode *info = hostfs_i(inode);
   if (!S_ISDIR(stat->mode)) return;
   info->users = 1;
-  info->origin = get_origin(info->fd, stat);  // without memory its descriptor stays
-  info->kept = !info->origin || info->origin->fd < 0 || host_fs_handle(info->fd, &info->handle);
-  if (info->kept) atomic_inc(&nr_kept);
+  info->origin = get_origin(info->fd, stat);  // without memory the descriptor stays open
+  info->pinned = !info->origin || info->origin->fd < 0 || host_fs_handle(info->fd, &info->handle);
+  if (info->pinned) atomic_inc(&nr_pinned);
 }
 
-int hostfs_is_behind(struct inode *inode, int fd) {
+int hostfs_adopt_fd(struct inode *inode, int fd) {
   hostfs_inode *info = hostfs_i(inode);
-  // A descriptor that is open keeps the number from another object.
-  const int own = hostfs_use(inode, HOSTFS_IF_OPEN);
+  // An open descriptor protects the number from reuse.
+  const int own = hostfs_get_fd(inode, HOSTFS_IF_OPEN);
   if (own >= 0) {
-    hostfs_unuse(inode);
+    hostfs_put_fd(inode);
     host_fs_close(fd);
     return 1;
   }
@@ -185,8 +186,8 @@ int hostfs_is_behind(struct inode *inode, int fd) {
     set_gone(info);
     return 0;
   }
-  use_opened(info, fd);
-  hostfs_unuse(inode);
+  install_fd(info, fd);
+  hostfs_put_fd(inode);
   return 1;
 }
 
@@ -201,7 +202,7 @@ void hostfs_close(struct inode *inode) {
   }
   if (info->fd >= 0) host_fs_close(info->fd);
   if (info->origin) put_origin(info->origin);
-  if (info->kept) atomic_dec(&nr_kept);
+  if (info->pinned) atomic_dec(&nr_pinned);
 }
 
 void hostfs_set_idle_directories(unsigned long limit) {
@@ -212,6 +213,6 @@ void hostfs_set_idle_directories(unsigned long limit) {
   close_idle();
 }
 
-unsigned long hostfs_kept_directories(void) {
-  return static_cast<unsigned long>(atomic_read(&nr_kept));
+unsigned long hostfs_pinned_directories(void) {
+  return static_cast<unsigned long>(atomic_read(&nr_pinned));
 }

@@ -1,19 +1,18 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * hostfs: a directory of the host and all below it as a file system. The host is asked every time:
- * nothing that it could change behind our back is believed without a look, except while something
- * is mounted on it here.
+ * hostfs: a directory of the host and all below it as a file system. The host may change anything
+ * behind our back, so every use checks with the host, except for a dentry with a mount on it.
  *
- * An inode stands for one object of the host as reached through one mount of the host, known by
- * (st_dev, st_ino, mount), and owns a path descriptor of it, which keeps the object, and so its
- * number, from being reused. An open file owns a data descriptor.
+ * An inode stands for one object of the host as reached through one mount of the host, identified
+ * by (st_dev, st_ino, mount). It owns a path descriptor, which protects the object's number from
+ * reuse. An open file owns a data descriptor.
  *
- * A directory may be remembered for as long as programs like. Where the host can find it again by a
- * handle, which tells it from every other that ever had its number, its path descriptor is given
- * back when many others were used since, and opened again at the next use (hostfs_held.cc).
+ * A directory may be referenced for a long time. If the host can reopen it by a file handle, which
+ * no other object ever shares, its path descriptor is closed when it is the least recently used,
+ * and reopened at the next use (hostfs_held.cc).
  *
- * Who is asking: the current task's fsuid, fsgid and groups for everything that the host judges by
- * identity; data is opened as the program itself, because whoever opens has been checked before.
+ * Calls that the host checks by identity use the current task's fsuid, fsgid and groups. Data is
+ * opened as the hosting program itself, because the caller's permission has been checked before.
  */
 #ifndef UKERN_FS_HOSTFS_INTERNAL_H
 #define UKERN_FS_HOSTFS_INTERNAL_H
@@ -28,70 +27,69 @@
 extern "C" {
 #endif
 
-struct hostfs_origin; /* a mount of the host that directories were seen in */
+struct hostfs_origin; /* a host mount with cached directories */
 
 struct hostfs_inode {
   struct inode vfs_inode;
   unsigned long long dev, ino, mount;
-  int fd; /* the path descriptor; of a directory that can be opened again -1 when it is closed */
-  /* Of directories: what it takes to open it again, which does not change, and whether that is not
-     to be had; with fd, the rest is hostfs_held.cc's. */
+  int fd; /* the path descriptor; -1: closed, of a directory that can be reopened */
+  /* Of directories. origin and handle reopen it and do not change; pinned: it cannot be reopened.
+   * hostfs_held.cc manages these, the next two and fd. */
   struct hostfs_origin *origin;
   struct host_handle handle;
-  int kept;
+  int pinned;
   unsigned users;
   struct list_head idle;
-  int gone;    /* the host has given the number to another object, or to none */
-  int made;    /* a data descriptor that the creation left for the open that it belongs to, or -1 */
-  int removed; /* its last name was taken away through here */
-  /* Requests (<asm/request.h>): the one that took the attributes last, as a dentry's d_time is the
-   * one that found its name to hold; and the one, with its mask, that the host granted rights last.
-   */
+  int gone;       /* the object is gone; the host may have given its number to another */
+  int created_fd; /* data descriptor from the creation, for its open; or -1 */
+  int removed;    /* its last name was removed through this mount */
+  /* Stamps of requests (<asm/request.h>): of the last refresh of the attributes (a dentry's d_time:
+   * of its last revalidation), and of the last grant of rights by the host, with the mask. */
   unsigned long attributes_of, granted;
 };
 
 static inline struct hostfs_inode *hostfs_i(const struct inode *inode) {
   return container_of(const_cast<struct inode *>(inode), struct hostfs_inode, vfs_inode);
 }
-/* Does the host speak of the inode's object? */
-static inline int hostfs_is(const struct inode *inode, const struct uk_stat *stat) {
+/* Whether `stat` describes the inode's object. */
+static inline int hostfs_same_object(const struct inode *inode, const struct uk_stat *stat) {
   const struct hostfs_inode *info = hostfs_i(inode);
   return info->ino == stat->ino && info->dev == stat->dev && info->mount == stat->mount &&
          !__atomic_load_n(&info->gone, __ATOMIC_RELAXED);
 }
 
-/* The path descriptor, which stays open until the same number of hostfs_unuse. -ENOENT: the object
- * was removed through here; -ESTALE: the host has no such object any more. HOSTFS_IF_OPEN: -ENOENT
- * when it is closed. */
-enum hostfs_use_how { HOSTFS_REOPEN, HOSTFS_IF_OPEN };
-int hostfs_use(struct inode *inode, enum hostfs_use_how how);
-void hostfs_unuse(struct inode *inode);
-/* A new inode has got its descriptor, of what the host describes so: its first use. */
-void hostfs_use_new(struct inode *inode, const struct uk_stat *stat);
-/* Whether a path descriptor that the host has opened by a name is of the inode's object, and taken
- * over; or of another that has got its number since, and the inode is gone. */
-int hostfs_is_behind(struct inode *inode, int fd);
-/* When nobody has the inode any more. */
+/* Gets the path descriptor, which stays open until hostfs_put_fd. -ENOENT: the object was removed
+ * through this mount; -ESTALE: it is gone on the host. HOSTFS_IF_OPEN: -ENOENT when the descriptor
+ * is closed. */
+enum hostfs_get_how { HOSTFS_REOPEN, HOSTFS_IF_OPEN };
+int hostfs_get_fd(struct inode *inode, enum hostfs_get_how how);
+void hostfs_put_fd(struct inode *inode);
+/* Sets up the descriptor of a new inode, whose object is `stat`; the caller is its first user. */
+void hostfs_init_fd(struct inode *inode, const struct uk_stat *stat);
+/* Whether `fd`, a path descriptor opened by name, is of the inode's object; if so, takes it over.
+ * If not, the host has reused the number, and the inode is marked gone. */
+int hostfs_adopt_fd(struct inode *inode, int fd);
+/* Closes the path descriptor of an inode without references. */
 void hostfs_close(struct inode *inode);
 
-/* The current task as the host shall see it. The groups belong to the task. */
+/* The current task's identity for the host. The groups belong to the task. */
 struct host_identity hostfs_caller(void);
 
-/* The inode of the object behind a path descriptor, which it takes over. ERR_PTR. */
+/* The inode of a path descriptor's object. Takes the descriptor over, also on failure. ERR_PTR. */
 struct inode *hostfs_iget(struct super_block *sb, int fd);
-/* Brings an inode up to date with what the host says, or with what it has just said; or with what
- * it has said since the call under way began. 0 or -errno. */
+/* Updates an inode's attributes: from the host, from the host once in a request, or from attributes
+ * just read. 0 or -errno. */
 int hostfs_refresh(struct inode *inode);
 int hostfs_refresh_once(struct inode *inode);
-void hostfs_take_stat(struct inode *inode, const struct uk_stat *stat);
+void hostfs_apply_stat(struct inode *inode, const struct uk_stat *stat);
 
 /*
- * What has lost its last name goes from the host when its inode here goes, and that is a moment
- * after the call that took the name: the user of this kernel forgets it only then. hostfs_removed
- * is told of each such inode; hostfs_wait_for_room says after a short sleep whether a write that
- * found no room should be tried again, because one of them has gone or is about to.
+ * The host frees an unlinked object when its inode here is freed. That is shortly after the unlink,
+ * when the hosting program drops its references. hostfs_note_removed records each removal.
+ * hostfs_wait_for_room sleeps briefly and says whether a write that found no room should be
+ * retried, because such an object was or will be freed.
  */
-void hostfs_removed(struct inode *inode);
+void hostfs_note_removed(struct inode *inode);
 int hostfs_wait_for_room(void);
 
 /* inode operations that all kinds of objects share */
@@ -115,13 +113,13 @@ extern struct dentry_operations hostfs_dops;
 #ifdef __cplusplus
 }
 
-/* An inode's path descriptor for as long as this stands. */
+/* Holds an inode's path descriptor for the lifetime of the object. */
 class hostfs_held {
  public:
-  explicit hostfs_held(const struct inode *inode, hostfs_use_how how = HOSTFS_REOPEN)
-      : inode_(const_cast<struct inode *>(inode)), fd_(hostfs_use(inode_, how)) {}
+  explicit hostfs_held(const struct inode *inode, hostfs_get_how how = HOSTFS_REOPEN)
+      : inode_(const_cast<struct inode *>(inode)), fd_(hostfs_get_fd(inode_, how)) {}
   ~hostfs_held() {
-    if (fd_ >= 0) hostfs_unuse(inode_);
+    if (fd_ >= 0) hostfs_put_fd(inode_);
   }
   hostfs_held(const hostfs_held &) = delete;
   hostfs_held &operator=(const hostfs_held &) = delete;

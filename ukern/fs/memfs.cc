@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// memfs: the file system type, mounting and the switches of tests.
+// memfs: the file system type, mounting and the test switches.
 #include "ukern/fs/memfs_internal.h"
 
 #include <linux/err.h>
@@ -29,7 +29,7 @@ constexpr option kOptions[] = {
     {"short", MEMFS_SHORT_DIRECT},
 };
 
-// The number at the beginning of `text` with its unit; -1: not a number, or something behind it.
+// Parses a number with an optional unit; -1: not a number, or trailing text.
 long long parse_size(const char *text, const char *end) {
   long long value = 0;
   const char *p = text;

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * memfs for tests: what a mounted memfs lacks, what it refuses, how large it is. Each call acts on
- * one super block, at any time, from any task. The same switches are mount options, separated by
- * commas: noxattr, nofsync, nodirect, revalidate, nfs, queue, size=BYTES (with k, m or g).
+ * Test controls of memfs: missing operations, injected errors, capacity. Each call acts on one
+ * super block, at any time, from any task. The switches are also mount options, separated by
+ * commas: noxattr, nofsync, nodirect, revalidate, nfs, queue, short, size=BYTES (with k, m or g).
  */
 #ifndef UKERN_FS_MEMFS_H
 #define UKERN_FS_MEMFS_H
@@ -19,18 +19,18 @@ enum memfs_switch {
   MEMFS_NO_DIRECT = 4, /* no direct_IO */
   MEMFS_REVALIDATE =
       8,          /* dentries looked up from now on have a d_revalidate, see memfs_set_revalidate */
-  MEMFS_NFS = 16, /* the magic number of NFS; an open directory's place is kept beside f_pos, and
-                     lost by llseek */
+  MEMFS_NFS = 16, /* NFS's magic number; an open directory has its read position besides f_pos, and
+                     llseek resets it */
   MEMFS_QUEUE = 32,        /* direct_IO moves the data and queues the request: see memfs_complete */
-  MEMFS_SHORT_DIRECT = 64, /* direct_IO moves the first 512 bytes alone */
+  MEMFS_SHORT_DIRECT = 64, /* direct_IO moves only the first 512 bytes */
 };
-/* Takes the place of all switches that are set. */
+/* Replaces all switches. */
 void memfs_set_switches(struct super_block *sb, unsigned switches);
-/* What d_revalidate returns; 1 at first. */
+/* Sets the result of d_revalidate; initially 1. */
 void memfs_set_revalidate(struct super_block *sb, int result);
-/* Gives the request that was queued first its result; sleeps until there is one. */
+/* Completes the oldest queued request; sleeps until there is one. */
 void memfs_complete(struct super_block *sb);
-/* Bytes of file data that fit; 0: no limit. What is there stays. */
+/* Sets the capacity in bytes of file data; 0: no limit. Existing data stays. */
 void memfs_set_capacity(struct super_block *sb, unsigned long long bytes);
 
 enum memfs_op {

@@ -19,7 +19,7 @@ struct hlist_head *chain_of(struct memfs_sb *info, const struct memfs_node *dir,
   return &info->names[hash_long(mixed, MEMFS_HASH_BITS)];
 }
 
-// The lock is held, and the entry stays while the caller holds the directory's i_mutex.
+// memfs_sb.lock is held. The entry stays while the caller holds the directory's i_mutex.
 struct memfs_entry *find_locked(struct memfs_sb *info, const struct memfs_node *dir,
                                 const struct qstr *name) {
   struct memfs_entry *entry;
@@ -48,8 +48,8 @@ struct memfs_entry *new_entry(const struct dentry *dentry) {
   return entry;
 }
 
-void enter(struct inode *dir, const struct dentry *dentry, struct memfs_entry *entry,
-           struct memfs_node *node) {
+void add_entry(struct inode *dir, const struct dentry *dentry, struct memfs_entry *entry,
+               struct memfs_node *node) {
   struct memfs_sb *info = memfs_s(dir->i_sb);
   struct memfs_node *parent = memfs_n(dir);
   entry->dir = parent;
@@ -60,7 +60,7 @@ void enter(struct inode *dir, const struct dentry *dentry, struct memfs_entry *e
   list_add_tail(&entry->in_dir, &parent->entries);
 }
 
-void remove(struct inode *dir, struct memfs_entry *entry) {
+void remove_entry(struct inode *dir, struct memfs_entry *entry) {
   struct memfs_sb *info = memfs_s(dir->i_sb);
   {
     SpinGuard guard(info->lock);
@@ -70,7 +70,7 @@ void remove(struct inode *dir, struct memfs_entry *entry) {
   kfree(entry);
 }
 
-// Makes a node and its inode under a name. Everything that can fail comes before anything is
+// Creates a node and its inode under a name. Everything that can fail comes before anything is
 // visible.
 int make(struct inode *dir, struct dentry *dentry, int mode, dev_t rdev, const char *target) {
   if (dentry->d_name.len > NAME_MAX) return -ENAMETOOLONG;
@@ -96,7 +96,7 @@ int make(struct inode *dir, struct dentry *dentry, int mode, dev_t rdev, const c
     kfree(entry);
     return static_cast<int>(PTR_ERR(inode));
   }
-  enter(dir, dentry, entry, node);
+  add_entry(dir, dentry, entry, node);
   if (S_ISDIR(mode)) dir->i_nlink++;
   memfs_touch(dir);
   d_instantiate(dentry, inode);
@@ -132,7 +132,7 @@ int memfs_link(struct dentry *old_dentry, struct inode *dir, struct dentry *dent
   if (dentry->d_name.len > NAME_MAX) return -ENAMETOOLONG;
   struct memfs_entry *entry = new_entry(dentry);
   if (!entry) return -ENOMEM;
-  enter(dir, dentry, entry, memfs_n(inode));
+  add_entry(dir, dentry, entry, memfs_n(inode));
   inode->i_nlink++;
   inode->i_ctime = current_fs_time(inode->i_sb);
   mark_inode_dirty(inode);
@@ -151,7 +151,7 @@ int memfs_unlink(struct inode *dir, struct dentry *dentry) {
   if (int error = memfs_check(dir->i_sb, MEMFS_OP_UNLINK)) return error;
   struct memfs_entry *entry = find(dir, dentry);
   if (!entry) return -ENOENT;
-  remove(dir, entry);
+  remove_entry(dir, entry);
   drop_link(dentry->d_inode, 1);
   memfs_touch(dir);
   return 0;
@@ -162,15 +162,15 @@ int memfs_rmdir(struct inode *dir, struct dentry *dentry) {
   struct memfs_entry *entry = find(dir, dentry);
   if (!entry) return -ENOENT;
   if (!list_empty(&entry->node->entries)) return -ENOTEMPTY;
-  remove(dir, entry);
+  remove_entry(dir, entry);
   drop_link(dentry->d_inode, 2);
   dir->i_nlink--;
   memfs_touch(dir);
   return 0;
 }
 
-// A directory moves without its own i_mutex, and the parent that it leaves may go at once; so who
-// lists it looks at its parent under the lock.
+// A directory is renamed without its own i_mutex, and its old parent may be freed at once; so
+// readdir reads the parent under the lock.
 void set_parent(struct inode *dir, struct memfs_node *parent) {
   struct memfs_sb *info = memfs_s(dir->i_sb);
   SpinGuard guard(info->lock);
@@ -198,12 +198,12 @@ int memfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode 
   if (!to) return -ENOMEM;
 
   if (over) {
-    remove(new_dir, over);
+    remove_entry(new_dir, over);
     drop_link(replaced, is_dir ? 2 : 1);
     if (is_dir) new_dir->i_nlink--;
   }
-  enter(new_dir, new_dentry, to, from->node);
-  remove(old_dir, from);
+  add_entry(new_dir, new_dentry, to, from->node);
+  remove_entry(old_dir, from);
   if (is_dir) {
     set_parent(inode, memfs_n(new_dir));
     old_dir->i_nlink--;
@@ -243,7 +243,7 @@ unsigned type_of(umode_t mode) {
   return (mode & S_IFMT) >> 12;
 }
 
-// A copy of the first entry at or behind a position; false at the end.
+// Copies the first entry at or after a position; false at the end.
 bool entry_at(struct inode *dir, loff_t position, struct memfs_entry *copy, char *name) {
   struct memfs_sb *info = memfs_s(dir->i_sb);
   struct memfs_entry *entry;
@@ -284,7 +284,7 @@ int list_entries(struct file *file, void *dirent, filldir_t filldir) {
   return 0;
 }
 
-// With MEMFS_NFS the place that counts is what was read last, not f_pos, until a seek forgets it.
+// With MEMFS_NFS the position after the last read replaces f_pos, until a seek resets it.
 int memfs_readdir(struct file *file, void *dirent, filldir_t filldir) {
   const bool keeps_place = memfs_s(file->f_dentry->d_sb)->switches & MEMFS_NFS;
   if (keeps_place && file->private_data)

@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
-// memfs: file data. The page cache works against the node's blocks as it would against those of a
-// disk: a page is read from its block, gets a block when it is about to be written (where the disk
-// may be full), and goes back to it at write-back. A page dirtied through a mapping over a hole
-// gets its block only then.
+// memfs: file data. The page cache uses the node's blocks like those of a disk: a page is read from
+// its block, prepare_write allocates the block (and may find the disk full), and write-back copies
+// the page to it. A page dirtied through a mapping over a hole gets its block only at write-back.
 #include "ukern/fs/memfs_internal.h"
 
 #include <linux/aio.h>
@@ -20,7 +19,7 @@
 
 namespace {
 
-// The page is locked. What no block holds is zero.
+// The page is locked. A page without a block is zero.
 void fill_from_block(struct inode *inode, struct page *page) {
   if (struct page *block = memfs_block(inode, page->index, 0)) {
     copy_highpage(page, block);
@@ -62,8 +61,7 @@ int memfs_commit_write(struct file *, struct page *page, unsigned, unsigned to) 
   return 0;
 }
 
-// What a mapping left behind the end of the file does not become part of it. False: the whole page
-// lies there.
+// Clears what a mapping wrote past the end of the file. False: the whole page is past the end.
 bool clear_behind_end(struct inode *inode, struct page *page) {
   const loff_t size = i_size_read(inode);
   const loff_t start = page_offset(page);
@@ -98,10 +96,10 @@ sector_t memfs_bmap(struct address_space *mapping, sector_t index) {
   struct page *block = memfs_block(mapping->host, index, 0);
   if (!block) return 0;
   put_page(block);
-  return (mapping->host->i_ino << 24) + index + 1;  // of no meaning, but each block has its own
+  return (mapping->host->i_ino << 24) + index + 1;  // arbitrary, but unique for each block
 }
 
-// One piece inside one block: the bytes moved, or -errno.
+// Moves a piece of one block. Returns the bytes moved or -errno.
 ssize_t direct_piece(int rw, struct inode *inode, char __user *buf, loff_t pos, size_t length) {
   const auto offset = static_cast<size_t>(pos & ~PAGE_MASK);
   struct page *block =
@@ -153,7 +151,7 @@ struct queued_request {
   ssize_t result;
 };
 
-// The data has been moved; what is put off is telling so.
+// The data has been moved; only the completion is deferred.
 ssize_t queue_request(struct memfs_sb *info, struct kiocb *iocb, ssize_t result) {
   auto *queued =
       static_cast<struct queued_request *>(kmalloc(sizeof(struct queued_request), GFP_KERNEL));

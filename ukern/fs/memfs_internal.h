@@ -1,16 +1,16 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * memfs: a file system whose disk is memory. A node is what an inode would be on a disk: it lives
- * as long as the file, while the inode in front of it comes and goes with the inode cache; the
- * file's data lies in blocks of its own behind the page cache, so that reading, write-back, reclaim
- * and direct I/O do what they do over a real disk.
+ * memfs: a file system whose disk is memory. A node is the on-disk inode: it lives as long as the
+ * file, while the inode in memory comes and goes with the inode cache. File data is in blocks
+ * behind the page cache, so that reading, write-back, reclaim and direct I/O work as over a real
+ * disk.
  *
- * Attributes of a node whose inode is in memory are those of the inode; write_inode brings them to
- * the node.
+ * While a node's inode is in memory, the inode has the current attributes; write_inode copies them
+ * to the node.
  *
- * Locks: the i_mutex of a directory covers which names it has; memfs_sb.lock (a spin lock,
- * innermost) the tables in which nodes and names are found, every node's block index and extended
- * attributes, the queue of requests, and the counts.
+ * Locks: a directory's i_mutex covers its names. memfs_sb.lock (a spin lock, innermost) covers the
+ * tables of nodes and names, every node's block index and extended attributes, the request queue,
+ * and the counts.
  */
 #ifndef UKERN_FS_MEMFS_INTERNAL_H
 #define UKERN_FS_MEMFS_INTERNAL_H
@@ -36,7 +36,7 @@ extern "C" {
 struct memfs_node {
   struct list_head all; /* in memfs_sb.nodes */
   unsigned long ino;
-  ukern_field<umode_t> mode; /* the inode's, when it was last written */
+  ukern_field<umode_t> mode; /* the inode's, at the last write_inode */
   unsigned nlink;
   uid_t uid;
   gid_t gid;
@@ -73,11 +73,11 @@ struct memfs_sb {
   struct hlist_head names[1u << MEMFS_HASH_BITS];
   unsigned long next_ino;
   unsigned long nr_nodes;
-  unsigned long used, capacity; /* blocks; no capacity: no limit */
+  unsigned long used, capacity; /* blocks; capacity 0: no limit */
   unsigned switches;
   int revalidate;
   struct list_head queued;       /* requests of direct_IO, in order; under lock */
-  wait_queue_head_t queued_wait; /* woken for each that is queued */
+  wait_queue_head_t queued_wait; /* woken for each queued request */
   struct memfs_failure failures[MEMFS_OPS];
   struct backing_dev_info bdi;
 };
@@ -89,27 +89,27 @@ static inline struct memfs_node *memfs_n(struct inode *inode) {
   return (struct memfs_node *)inode->u.generic_ip;
 }
 
-/* Counts a call of an operation: 0, or the error that a test wants of it. */
+/* Counts a call of an operation. 0, or the injected error. */
 int memfs_check(struct super_block *sb, enum memfs_op op);
 
 /* memfs_node.cc */
 /* A node without a name, owned by the caller until a name or an inode refers to it. NULL without
  * memory. */
 struct memfs_node *memfs_new_node(struct super_block *sb, umode_t mode, dev_t rdev);
-/* Frees a node and all it holds. */
+/* Frees a node with its blocks, extended attributes and link target. */
 void memfs_free_node(struct super_block *sb, struct memfs_node *node);
-/* Its inode, with a reference. ERR_PTR(-ENOMEM). */
+/* The node's inode, with a reference. ERR_PTR(-ENOMEM). */
 struct inode *memfs_iget(struct super_block *sb, struct memfs_node *node);
-/* Sets the inode's operations as the switches want them. */
+/* Sets the inode's operations according to the switches. */
 void memfs_set_operations(struct inode *inode);
 int memfs_write_inode(struct inode *inode, int sync);
 /*
- * The block at an index with a reference for the caller (put_page); with `make`, made and counted
- * when there is none: ERR_PTR(-ENOSPC), ERR_PTR(-ENOMEM). Else NULL.
+ * Gets the block at an index, with a reference for the caller (put_page). If there is none: NULL,
+ * or with `make` a new block, charged to the capacity, or ERR_PTR(-ENOSPC), ERR_PTR(-ENOMEM).
  */
 struct page *memfs_block(struct inode *inode, unsigned long index, int make);
 void memfs_truncate(struct inode *inode);
-void memfs_touch(struct inode *inode); /* mtime and ctime are now */
+void memfs_touch(struct inode *inode); /* sets mtime and ctime to now */
 
 /* memfs_xattr.cc */
 void memfs_free_xattrs(struct memfs_node *node);
@@ -124,7 +124,7 @@ int memfs_getattr(struct vfsmount *mnt, struct dentry *dentry, struct kstat *sta
 int memfs_setattr(struct dentry *dentry, struct iattr *attr);
 int memfs_open(struct inode *inode, struct file *file);
 int memfs_fsync(struct file *file, struct dentry *dentry, int datasync);
-/* Tables, [0] with and [1] without what a switch takes away. */
+/* Tables: [0] with and [1] without the operations that the switch removes. */
 extern struct inode_operations memfs_file_iops[2];          /* MEMFS_NO_XATTR */
 extern struct inode_operations memfs_dir_iops[2];           /* MEMFS_NO_XATTR */
 extern struct inode_operations memfs_symlink_iops[2];       /* MEMFS_NO_XATTR */

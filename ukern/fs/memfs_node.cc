@@ -37,7 +37,7 @@ void fill_inode(struct inode *inode, const struct memfs_node *node) {
   memfs_set_operations(inode);
 }
 
-// Gives the blocks from `first` on back.
+// Frees the blocks from `first` on.
 void free_blocks(struct memfs_sb *info, struct memfs_node *node, unsigned long first) {
   for (;;) {
     void *found[16];
@@ -55,7 +55,7 @@ void free_blocks(struct memfs_sb *info, struct memfs_node *node, unsigned long f
   }
 }
 
-// Takes one block off what is left. The lock is held.
+// Charges one block to the capacity. The lock is held.
 bool charge_locked(struct memfs_sb *info) {
   if (info->capacity && info->used >= info->capacity) return false;
   info->used++;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// memfs: extended attributes, a list per node. Every name space is taken; who may is decided above.
+// memfs: extended attributes, a list per node. Every name space is accepted; the VFS checks
+// permission.
 #include "ukern/fs/memfs_internal.h"
 
 #include <linux/slab.h>

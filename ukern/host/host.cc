@@ -51,7 +51,7 @@ int host_thread_start(void (*fn)(void *arg), void *arg, const char *name) {
   start->arg = arg;
   snprintf(start->name, sizeof(start->name), "%s", name);
 
-  // Signals are for the threads of the program, not for the kernel's.
+  // Blocks all signals: only the program's own threads take them.
   sigset_t all, before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The kernel's door to the host for threads, waiting, memory, clocks and last words. Built-in types
- * only. Calls return 0 or a negative error number unless they say otherwise. Only those that say so
- * may block.
+ * The kernel's interface to the host: threads, waiting, memory, clocks, error output. Built-in
+ * types only. Calls return 0 or a negative error number unless they say otherwise. Only those that
+ * say so may block.
  */
 #ifndef UKERN_HOST_HOST_H
 #define UKERN_HOST_HOST_H
@@ -11,8 +11,8 @@
 extern "C" {
 #endif
 
-/* A detached thread that runs fn(arg). `name` is what the host's tools show, cut to 15 characters.
- */
+/* Starts a detached thread that runs fn(arg). `name` is its name on the host, cut to 15
+ * characters. */
 int host_thread_start(void (*fn)(void *arg), void *arg, const char *name);
 /* The calling thread's stack: its lowest address and the first one behind it. */
 void host_stack_bounds(unsigned long *low, unsigned long *high);
@@ -20,23 +20,22 @@ void host_yield(void);
 
 /*
  * Blocks while *word == expected, until a host_wake on it or for `timeout_ns` (negative: without
- * limit). 0 when woken, or woken for no reason, or the word is another; -ETIMEDOUT (-110).
+ * limit). 0 when woken, also spuriously, or when the word differs; -ETIMEDOUT (-110).
  */
 int host_wait(const volatile unsigned int *word, unsigned int expected, long long timeout_ns);
-/* Wakes up to `count` threads that wait on the word. Its memory may be gone already. */
+/* Wakes up to `count` threads that wait on the word. The word may have been freed. */
 void host_wake(const volatile unsigned int *word, int count);
 
-/* Memory at a multiple of `align` (a power of two, at least 16), or 0. Given back with host_free.
- */
+/* Memory at a multiple of `align` (a power of two, at least 16), or 0. Freed by host_free. */
 void *host_alloc(unsigned long size, unsigned long align);
 void host_free(void *memory);
 
 long long host_wall_ns(void);  /* since 1970 */
-long long host_clock_ns(void); /* from some moment on, never back */
+long long host_clock_ns(void); /* monotonic */
 
 /*
- * Describes an address of this program as "function file:line", or as much of that as is known. May
- * block and start a program: only for reports.
+ * Describes each address of this program as "function file:line", or as much of that as is known.
+ * May block and start a program: only for reports.
  */
 void host_symbolize(const unsigned long *pcs, unsigned count,
                     void (*line)(void *arg, const char *text), void *arg);

@@ -27,39 +27,39 @@
 
 namespace {
 
-// The capabilities that decide about files, none of which the program needs to take an identity and
-// to give it back.
+// The capabilities for file access. The program needs none of them to switch identities.
 constexpr unsigned bit(int capability) {
   return 1u << capability;
 }
-constexpr unsigned kAboutFiles = bit(CAP_CHOWN) | bit(CAP_DAC_OVERRIDE) | bit(CAP_DAC_READ_SEARCH) |
-                                 bit(CAP_FOWNER) | bit(CAP_FSETID) | bit(CAP_LINUX_IMMUTABLE) |
-                                 bit(CAP_SYS_ADMIN) | bit(CAP_SYS_RESOURCE) | bit(CAP_MKNOD) |
-                                 bit(CAP_LEASE) | bit(CAP_SETFCAP);
+constexpr unsigned kFileCapabilities =
+    bit(CAP_CHOWN) | bit(CAP_DAC_OVERRIDE) | bit(CAP_DAC_READ_SEARCH) | bit(CAP_FOWNER) |
+    bit(CAP_FSETID) | bit(CAP_LINUX_IMMUTABLE) | bit(CAP_SYS_ADMIN) | bit(CAP_SYS_RESOURCE) |
+    bit(CAP_MKNOD) | bit(CAP_LEASE) | bit(CAP_SETFCAP);
 
 bool program_is_root() {
   static const bool root = geteuid() == 0;
   return root;
 }
 
-// Who the calling thread is for the host's file systems. Only what differs is changed, so that a
-// thread that serves one user makes no extra system call.
+// The calling thread's identity for the host's file systems. Only what differs is changed, so that
+// a thread that serves one user makes no extra system call.
 class ThreadIdentity {
  public:
   void become(const host_identity *as) {
     if (!prepared_) prepare();
     if (!program_is_root()) return;
     if (as == nullptr) {
-      // The superuser is let through whatever the groups: no need to go back and forth for it.
-      if (!own_ && (uid_ != own_uid_ || capabilities_ != kAboutFiles)) {
-        set(own_uid_, own_gid_, own_groups_.data(), own_groups_.size(), kAboutFiles);
+      // Groups do not matter to the superuser: a thread that has its rights already is not
+      // switched.
+      if (!own_ && (uid_ != own_uid_ || capabilities_ != kFileCapabilities)) {
+        set(own_uid_, own_gid_, own_groups_.data(), own_groups_.size(), kFileCapabilities);
         own_ = true;
       }
       return;
     }
     static const unsigned no_group = 0;
     const unsigned *groups = as->ngroups ? as->groups : &no_group;  // never null
-    const unsigned capabilities = as->capabilities & kAboutFiles;
+    const unsigned capabilities = as->capabilities & kFileCapabilities;
     const bool same_groups =
         as->ngroups == groups_.size() &&
         (groups_.empty() || std::equal(groups_.begin(), groups_.end(), groups));
@@ -76,8 +76,7 @@ class ThreadIdentity {
 
  private:
   void prepare() {
-    // The mask belongs to the caller inside the kernel; the thread's own must not cut modes once
-    // more.
+    // The kernel has applied the caller's umask already; the thread's own must not apply as well.
     if (unshare(CLONE_FS) == 0) umask(0);
     own_uid_ = geteuid();
     own_gid_ = getegid();
@@ -89,18 +88,17 @@ class ThreadIdentity {
     prepared_ = true;
   }
 
-  // By system call: libc's setgroups would change every thread of the program. The user is changed
-  // last on the way down and first on the way up; setfsuid itself gives and takes some of the
-  // capabilities that go with 0, so they are set after it.
+  // By system call: libc's setgroups would change every thread of the program. setfsuid changes
+  // file capabilities itself, so they are set after it.
   void set(unsigned uid, unsigned gid, const unsigned *groups, size_t ngroups,
            unsigned capabilities) {
     syscall(SYS_setgroups, ngroups, groups);
     setfsgid(gid);
     setfsuid(uid);
     __user_cap_data_struct wanted[2] = {own_capabilities_[0], own_capabilities_[1]};
-    wanted[0].effective &= ~kAboutFiles | capabilities;
+    wanted[0].effective &= ~kFileCapabilities | capabilities;
     __user_cap_header_struct head = {_LINUX_CAPABILITY_VERSION_3, 0};
-    // Going on would lend a caller rights that are not his.
+    // Going on would give the caller another identity's rights.
     if (syscall(SYS_capset, &head, wanted) != 0) give_up("capset");
   }
 
@@ -126,14 +124,13 @@ T result(T value) {
   return value < 0 ? static_cast<T>(-errno) : value;
 }
 
-// The name under which the kernel gives an object behind a path descriptor to calls that want a
-// path.
+// The path of a descriptor's object in /proc, for calls that need a path.
 struct FdPath {
   explicit FdPath(int fd) { std::snprintf(text, sizeof text, "/proc/self/fd/%d", fd); }
   char text[32];
 };
 
-// A path descriptor of what is open, whatever happens to its name meanwhile.
+// A path descriptor of an open object, even if its name is gone.
 int path_descriptor(int fd) {
   const int path = open_tree(fd, "", AT_EMPTY_PATH | OPEN_TREE_CLOEXEC);
   return path >= 0 ? path : result(open(FdPath(fd).text, O_PATH | O_CLOEXEC));
@@ -171,9 +168,9 @@ timespec time_of(const uk_time *time) {
   return {static_cast<time_t>(time->sec), static_cast<long>(time->nsec)};
 }
 
-// Those whose handles are good for as long as the object lives. Others have none, or such as are
-// good only while the object is in memory, and nothing tells which.
-bool keeps_handles(int fd) {
+// Whether the file system's handles are valid as long as the object exists. Others have none, or
+// handles that are valid only while the object is in memory, and cannot be told apart.
+bool has_lasting_handles(int fd) {
   struct statfs st;
   if (fstatfs(fd, &st) != 0) return false;
   switch (static_cast<unsigned>(st.f_type)) {
@@ -188,8 +185,8 @@ bool keeps_handles(int fd) {
   }
 }
 
-// Room for a handle as the system calls want it.
-union HandleRoom {
+// A handle in the system calls' format.
+union HandleBuffer {
   file_handle handle;
   char bytes[sizeof(file_handle) + HOST_HANDLE_ROOM];
 };
@@ -203,8 +200,8 @@ auto uninterrupted(Call call) {
   }
 }
 
-// The most descriptors that the machine gives any program; 0 when it does not say.
-rlim_t most_descriptors() {
+// The system's limit of descriptors per program; 0 if unknown.
+rlim_t system_descriptor_limit() {
   unsigned long most = 0;
   if (FILE *file = std::fopen("/proc/sys/fs/nr_open", "re")) {
     if (std::fscanf(file, "%lu", &most) != 1) most = 0;
@@ -218,8 +215,8 @@ rlim_t most_descriptors() {
 long host_fs_start(void) {
   rlimit limit = {};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0) return -errno;
-  // Beyond the hard limit only root may go.
-  for (const rlim_t wanted : {most_descriptors(), limit.rlim_max}) {
+  // Only root may exceed the hard limit.
+  for (const rlim_t wanted : {system_descriptor_limit(), limit.rlim_max}) {
     if (limit.rlim_cur >= wanted) continue;
     const rlimit raised = {wanted, std::max(wanted, limit.rlim_max)};
     if (setrlimit(RLIMIT_NOFILE, &raised) == 0) limit = raised;
@@ -245,7 +242,7 @@ void host_fs_close(int fd) {
 }
 
 int host_fs_handle(int fd, host_handle *out) {
-  HandleRoom room = {};
+  HandleBuffer room = {};
   room.handle.handle_bytes = HOST_HANDLE_ROOM;
   int mount;
   if (name_to_handle_at(fd, "", &room.handle, &mount, AT_EMPTY_PATH) != 0) return -errno;
@@ -257,7 +254,7 @@ int host_fs_handle(int fd, host_handle *out) {
 }
 
 int host_fs_reopen(int origin, const host_handle *handle) {
-  HandleRoom room = {};
+  HandleBuffer room = {};
   room.handle.handle_type = handle->type;
   room.handle.handle_bytes = handle->length;
   std::memcpy(room.handle.f_handle, handle->bytes, handle->length);
@@ -267,7 +264,7 @@ int host_fs_reopen(int origin, const host_handle *handle) {
 
 int host_fs_origin(int fd) {
   host_handle handle;
-  if (!keeps_handles(fd) || host_fs_handle(fd, &handle) != 0) return -EOPNOTSUPP;
+  if (!has_lasting_handles(fd) || host_fs_handle(fd, &handle) != 0) return -EOPNOTSUPP;
   const int origin = host_fs_open(fd, HOST_OPEN_DIR);
   if (origin < 0) return origin;
   const int again = host_fs_reopen(origin, &handle);
@@ -307,7 +304,7 @@ int host_fs_statfs(int fd, uk_statfs *out) {
 
 int host_fs_access(const host_identity *as, int fd, int mask) {
   identity.become(as);
-  // The system call itself: libc's function answers some cases without asking the kernel.
+  // Not libc's function, which answers some cases without asking the kernel.
   return result(
       static_cast<int>(syscall(SYS_faccessat2, fd, "", mask, AT_EACCESS | AT_EMPTY_PATH)));
 }
@@ -369,7 +366,7 @@ int host_fs_rename(const host_identity *as, int old_dir, const char *old_name, i
 
 int host_fs_chmod(const host_identity *as, int fd, unsigned mode) {
   identity.become(as);
-  // A newer call that needs no path; its number is the same on every architecture.
+  // fchmodat2 needs no path; its number is the same on every architecture.
   constexpr long kFchmodat2 = 452;
   static std::atomic<bool> by_path = false;
   if (!by_path) {
@@ -386,7 +383,7 @@ int host_fs_chown(const host_identity *as, int fd, unsigned uid, unsigned gid) {
 }
 
 int host_fs_truncate(const host_identity *as, int fd, unsigned long long size) {
-  // Whether the caller may was decided when the file was opened or the path walked.
+  // The caller's permission was checked when the file was opened or the path walked.
   const int data = host_fs_open(fd, HOST_OPEN_WRITE);
   if (data < 0) return data;
   identity.become(as);
@@ -446,8 +443,7 @@ int host_fs_make_writable(int fd, int data) {
   return error;
 }
 
-// By system call, as below: libc's functions let a thread be cancelled in them. Nobody does that
-// here, and it takes time.
+// By system call, as below: libc's functions are cancellation points, which costs time.
 long host_fs_pread(int fd, void *buf, unsigned long len, unsigned long long pos) {
   return uninterrupted([&] { return syscall(SYS_pread64, fd, buf, len, pos); });
 }
@@ -462,7 +458,7 @@ long host_fs_append(const host_identity *as, int fd, const void *buf, unsigned l
                     unsigned long long *end) {
   identity.become(as);
   const iovec part = {const_cast<void *>(buf), len};
-  // Offset -1 moves the descriptor's own position, which then says where the end was.
+  // Offset -1 advances the descriptor's own position, which then is the end of the data written.
   const long written =
       uninterrupted([&] { return static_cast<long>(pwritev2(fd, &part, 1, -1, RWF_APPEND)); });
   if (written < 0) return written;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Names for addresses: by the sanitizer's symbolizer where one is linked in, else by addr2line,
-// else as an offset into the program, which addr2line can be given later.
+// Symbolizes addresses: with the sanitizer's symbolizer where one is linked in, else with
+// addr2line, else as offsets into the program for a later addr2line.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <link.h>
@@ -36,8 +36,8 @@ unsigned long load_address() {
   return base;
 }
 
-// Everything that addr2line says to these addresses, or nothing when it cannot be run.
-std::string ask_addr2line(const std::vector<std::string> &addresses) {
+// The output of addr2line for the addresses; empty when it cannot be run.
+std::string run_addr2line(const std::vector<std::string> &addresses) {
   char program[4096];
   const ssize_t length = readlink("/proc/self/exe", program, sizeof(program) - 1);
   if (length <= 0) return {};
@@ -93,7 +93,7 @@ void host_symbolize(const unsigned long *pcs, unsigned count,
     snprintf(text, sizeof(text), "0x%lx", pcs[i] - 1 - base);
     addresses.emplace_back(text);
   }
-  const std::string answer = ask_addr2line(addresses);
+  const std::string answer = run_addr2line(addresses);
   size_t at = 0;
   for (unsigned i = 0; i < count; i++) {
     const size_t end = answer.find('\n', at);

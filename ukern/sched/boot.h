@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The order in which uk_boot starts the kernel's areas; uk_shutdown stops them in the reverse
- * order. Each start returns 0 or a negative error number with nothing left behind, after which
- * those before it are stopped. All are called as init_task. A stop ends the threads of its area and
- * reports what is still in use.
+ * Start and stop of the kernel's areas, in the order in which uk_boot starts them; uk_shutdown
+ * stops them in reverse order. Each start returns 0 or a negative error number. A failed one leaves
+ * nothing behind, and the areas before it are stopped. All run as init_task. A stop ends its area's
+ * threads and reports what is still in use.
  */
 #ifndef UKERN_SCHED_BOOT_H
 #define UKERN_SCHED_BOOT_H
@@ -25,9 +25,9 @@ void ukern_fs_exit(void);
 int ukern_net_init(void);
 void ukern_net_exit(void);
 
-/* Mounts the root of the name space and gives it to init_fs, root and working directory. */
+/* Mounts the root file system and makes it the root and working directory of init_fs. */
 int ukern_mount_root(const char *type, const char *source);
-/* Unmounts everything, the root last, after init_fs has let go of it. */
+/* Drops init_fs's references and unmounts everything, the root last. */
 void ukern_umount_root(void);
 
 #ifdef __cplusplus

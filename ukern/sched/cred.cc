@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// What a task may do: capabilities and groups.
+// A task's capabilities and groups.
 #include <linux/capability.h>
 #include <linux/netlink.h>
 #include <linux/sched.h>

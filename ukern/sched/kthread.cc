@@ -16,19 +16,18 @@ struct ukern_kthread {
   volatile int should_stop;
   int result;
   struct completion exited;
-  void *exit_point[5];  // where complete_and_exit goes on
+  void *exit_point[5];  // setjmp buffer for complete_and_exit
 };
 
 namespace {
 
-// Threads that have not left the kernel for good; the last thing each of them does is to count
-// itself off.
+// Kernel threads that have not ended. A thread's last action is to decrement it.
 volatile unsigned int live_threads;
 
-// 1: threads wait before they come to their function.
+// 1: new threads wait before they call their function.
 volatile unsigned int threads_held;
 
-// Calls the thread's function; comes back too when that ends in complete_and_exit.
+// Calls the thread's function; also returns when that ends in complete_and_exit.
 noinline void run(struct ukern_kthread *kthread) {
   if (__builtin_setjmp(kthread->exit_point)) return;
   kthread->result = kthread_should_stop() ? -EINTR : kthread->fn(kthread->data);
@@ -38,7 +37,7 @@ void thread_main(void *arg) {
   auto *task = static_cast<struct task_struct *>(arg);
   struct ukern_kthread *kthread = task->kthread;
   ukern_set_current(task);
-  schedule();  // until somebody wakes it
+  schedule();  // until the first wake-up
   while (__atomic_load_n(&threads_held, __ATOMIC_ACQUIRE)) host_wait(&threads_held, 1, -1);
   run(kthread);
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Modules linked into the image: loading is calling init, unloading is calling exit once nobody
-// uses it.
+// Modules linked into the image: loading calls init; unloading calls exit if the module is not in
+// use.
 #include <linux/errno.h>
 #include <linux/module.h>
 #include <linux/mutex.h>
@@ -16,8 +16,8 @@ namespace {
 
 constexpr unsigned kModules = 64;
 
-DEFINE_SPINLOCK(module_lock);  // __this_module
-DEFINE_MUTEX(load_mutex);      // loaded; held while init and exit run
+DEFINE_SPINLOCK(module_lock);  // protects __this_module
+DEFINE_MUTEX(load_mutex);      // protects loaded; held while init and exit run
 bool loaded[kModules];
 
 const struct builtin_module *table() {
@@ -37,7 +37,7 @@ void set_state(enum module_state state) {
   __this_module.state = state;
 }
 
-// False when somebody uses the module.
+// False if the module is in use.
 bool start_going() {
   SpinGuard guard(module_lock);
   const bool idle = __this_module.refcnt == 0;

@@ -8,9 +8,9 @@
 extern "C" {
 #endif
 
-/* What init returned; -ENOENT: there is none of that name, -EEXIST: it is loaded. */
+/* The result of init; -ENOENT: unknown name, -EEXIST: already loaded. */
 int load_builtin_module(const char *name);
-/* 0; -ENOENT: it is not loaded, -EWOULDBLOCK: it is in use. */
+/* 0; -ENOENT: not loaded, -EWOULDBLOCK: in use. */
 int unload_builtin_module(const char *name);
 /* Unloads every loaded module; one that is still in use is reported and abandoned. */
 void ukern_modules_exit(void);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// The kernel log: a ring of the last lines. A line ends at its newline; text without one waits for
-// the rest, from whoever prints next, as it does in the log buffer of a kernel.
+// The kernel log: a ring of the last lines. A line ends at its newline. The next printk, of any
+// task, continues text without one, as in a kernel's log buffer.
 #include <linux/jiffies.h>
 #include <linux/kernel.h>
 #include <linux/spinlock.h>
@@ -23,7 +23,7 @@ struct Line {
   unsigned level, len;
 };
 
-// All under log_word. Lines first_line to next_line - 1 are there.
+// log_word protects all of these. The ring has lines first_line to next_line - 1.
 volatile unsigned int log_word;
 Line lines[kLines];
 char bytes[kBytes];
@@ -33,11 +33,11 @@ char partial[kLineMax];
 unsigned partial_len, partial_level;
 bool at_line_start = true;
 
-// What printk_ratelimit has saved up, and since when.
+// State of printk_ratelimit's token bucket.
 bool limited;
 unsigned long limited_at, saved_ticks, suppressed;
 
-// Changes with every line, for those who wait for one.
+// Incremented for every line; readers wait on it.
 volatile unsigned int log_version;
 
 void drop_overrun() {
@@ -64,9 +64,9 @@ bool has_level(const char *text) {
   return text[0] == '<' && text[1] >= '0' && text[1] <= '7' && text[2] == '>';
 }
 
-// What a format takes in may be a name that somebody has chosen: it ends no line, steers no
-// terminal and does not push the end of its own line out of the buffer. Only the newline at the
-// end, and those of a format that has several, are the printer's.
+// Escapes control characters: an argument may be a name chosen by a user, which must not end a
+// line, control a terminal or push the newline out of the buffer. Only the final newline stays. A
+// format of several lines is not escaped.
 void escape(const char *fmt, char *text, unsigned long size) {
   const char *inner = strchr(fmt, '\n');
   if (inner && inner[1]) return;
@@ -87,7 +87,7 @@ void escape(const char *fmt, char *text, unsigned long size) {
   memcpy(text, out, n + 1);
 }
 
-// Characters added to those of the text: a level that was not given counts as printed.
+// Returns the number of characters besides those of the text: a default level counts as printed.
 int add_text(const char *text, bool *line_ended) {
   int added = 0;
   for (; *text; text++) {
@@ -112,7 +112,7 @@ int add_text(const char *text, bool *line_ended) {
   return added;
 }
 
-bool take_line(unsigned long long from, klog_line *line, char *text, unsigned long size) {
+bool read_line(unsigned long long from, klog_line *line, char *text, unsigned long size) {
   if (from < first_line) from = first_line;
   if (from >= next_line) return false;
   const Line *found = &lines[from % kLines];
@@ -155,7 +155,7 @@ int printk(const char *fmt, ...) {
   return printed;
 }
 
-// A line every five seconds, and ten more that have been saved up.
+// One line every five seconds, in bursts of up to ten.
 int printk_ratelimit(void) {
   const unsigned long per_line = 5 * HZ, most = 10 * per_line;
   unsigned long told = 0;
@@ -194,7 +194,7 @@ int klog_read(unsigned long long from, unsigned wait_ms, struct klog_line *line,
     const unsigned int version = __atomic_load_n(&log_version, __ATOMIC_ACQUIRE);
     {
       WordGuard guard(log_word);
-      if (take_line(from, line, text, size)) return 1;
+      if (read_line(from, line, text, size)) return 1;
     }
     const long long left = deadline - host_clock_ns();
     if (left <= 0) return 0;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The kernel log, from the side of whoever reads it. */
+/* Reading the kernel log. */
 #ifndef UKERN_SCHED_PRINTK_H
 #define UKERN_SCHED_PRINTK_H
 
@@ -15,8 +15,8 @@ struct klog_line {
 };
 
 /*
- * The first line whose number is at least `from`, and as much of its text as fits, NUL added. Waits
- * at most `wait_ms` for it. 1 when there was one, 0 when not.
+ * Reads the first line whose number is at least `from`, and as much of its text as fits,
+ * NUL-terminated. Waits at most `wait_ms`. 1 if there is one, else 0.
  */
 int klog_read(unsigned long long from, unsigned wait_ms, struct klog_line *line, char *text,
               unsigned long size);

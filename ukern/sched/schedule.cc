@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Sleeping and waking. A task sleeps in the host on the low half of its state word: whoever changes
-// the state to TASK_RUNNING wakes it there.
+// Sleeping and waking. A task sleeps in host_wait on the low half of its state; a change of the
+// state to TASK_RUNNING wakes it there.
 #include <linux/sched.h>
 
 #include "ukern/host/host.h"
@@ -23,7 +23,7 @@ void check_may_schedule() {
   might_sleep();
 }
 
-// Sleeps until woken, or until the deadline (negative: none): false when that came first.
+// Sleeps until woken or until the deadline (negative: none). False when the deadline came first.
 bool sleep_until(long long deadline) {
   struct task_struct *task = current;
   if ((state_of(task) & TASK_INTERRUPTIBLE) && task->before_wait)
@@ -108,7 +108,7 @@ int wake_up_state(struct task_struct *task, unsigned int mode) {
     if (!(state & static_cast<long>(mode))) return 0;
   } while (!__atomic_compare_exchange_n(&task->state, &state, static_cast<long>(TASK_RUNNING),
                                         false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST));
-  // The task may be gone from here on; its address is all that is used.
+  // The task may be freed from here on; only its address is used.
   host_wake(state_word(task), 1);
   return 1;
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Signals: sent to a task they go to the program that hosts it, if that asked for them, and wait in
-// the task otherwise.
+// Signals. A signal to a task goes to the hosting program's handler if there is one; otherwise it
+// is pending in the task.
 #include <linux/sched.h>
 
 #include "ukern/sched/task.h"
@@ -20,7 +20,7 @@ bool may_signal(const struct task_struct *task) {
          me->uid == task->uid || capable(CAP_KILL);
 }
 
-// A kernel thread ignores every signal that it has not asked for, unless it blocks it.
+// Signals whose default action is to be ignored are dropped unless blocked.
 bool ignores(const struct task_struct *task, int sig) {
   if (task->blocked.sig[0] & sigmask(sig)) return false;
   return sig == SIGCHLD || sig == SIGCONT || sig == SIGWINCH || sig == SIGURG;
@@ -34,7 +34,7 @@ extern "C" int ukern_task_signal(struct task_struct *task, int sig) {
     SpinGuard guard(task->sighand->siglock);
     task->signals_seen |= sigmask(sig);
     if (task->deliver) {
-      // Under the lock, so that no call is under way once another handler has been set.
+      // Under the lock, so that no call of a handler is in progress once another has been set.
       result = task->deliver(task->deliver_arg, sig);
     } else if (!ignores(task, sig)) {
       sigaddset(&task->pending.signal, sig);
@@ -47,7 +47,7 @@ extern "C" int ukern_task_signal(struct task_struct *task, int sig) {
 
 namespace {
 
-// A task with this id and a reference, one with a handler before one without; null for none.
+// Finds a task by id, preferably one with a handler, and takes a reference; null for none.
 struct task_struct *target_of(pid_t pid) {
   struct task_struct *found = nullptr;
   ReadGuard guard(tasklist_lock);
@@ -58,8 +58,7 @@ struct task_struct *target_of(pid_t pid) {
     if (task->pid != pid) continue;
     const bool better = !found || (!found->deliver && task->deliver);
     if (!better || !atomic_inc_not_zero(&task->usage)) continue;
-    // Not the last reference: whoever made the task cannot take it out of the tables while they are
-    // locked.
+    // Cannot free the task here, under the lock: relies on its creator's reference.
     if (found) atomic_dec(&found->usage);
     found = task;
   }
@@ -98,7 +97,7 @@ int sigprocmask(int how, sigset_t *set, sigset_t *oldset) {
 }
 
 int send_sig(int sig, struct task_struct *task, int priv) {
-  (void)priv;  // whoever has the task may signal it
+  (void)priv;  // a caller that has the task may signal it
   if (sig < 0 || !valid_signal(static_cast<unsigned long>(sig))) return -EINVAL;
   return sig ? ukern_task_signal(task, sig) : 0;
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Task structures: tables, life, programs.
+// Task structures: tables, lifetime, the program of a task.
 #include "ukern/sched/task.h"
 
 #include <linux/hash.h>
@@ -16,7 +16,7 @@
 namespace {
 
 constexpr unsigned kPidBits = 8;
-// Above every process id that the host gives out, so that kernel threads and programs never meet.
+// Above every process id of the host, so that kernel threads and programs never share one.
 constexpr int kFirstKernelPid = 1 << 22;
 
 kmem_cache_t *task_cachep;
@@ -123,7 +123,7 @@ struct task_struct *find_task_by_pid(int nr) {
   return nullptr;
 }
 
-// The task's program and what was made for it. The old map goes when its last user does.
+// Sets the task's program and drops the mm of the old one.
 int ukern_task_set_exe(struct task_struct *task, const char *exe) {
   if (same_text(task->exe, exe)) return 0;
   char *copy = nullptr;
@@ -146,7 +146,7 @@ int ukern_task_set_exe(struct task_struct *task, const char *exe) {
   return 0;
 }
 
-// Without memory the program counts as unknown, which gives no right to anything.
+// Without memory the program is unknown, which grants no rights.
 static void find_exe(struct task_struct *task) {
   fault_pause();
   char *path = static_cast<char *>(__getname());
@@ -168,7 +168,7 @@ struct mm_struct *get_task_mm(struct task_struct *task) {
   }
   if (mm || !task->exe) return mm;
 
-  // In a kernel the map is there from the start, so making it must not show: no fault points.
+  // In a kernel the mm exists from the start, so fault injection must not hit its creation here.
   fault_pause();
   struct mm_struct *made = ukern_exec_mm(task->exe);
   fault_resume();

@@ -59,7 +59,7 @@ unsigned long mktime(unsigned int year, unsigned int mon, unsigned int day, unsi
   return ((days * 24 + hour) * 60 + min) * 60 + sec;
 }
 
-// What current_kernel_time gives is whole jiffies already.
+// current_kernel_time is in whole jiffies already.
 struct timespec timespec_trunc(struct timespec t, unsigned gran) {
   if (gran > kJiffyNs) t.tv_nsec -= t.tv_nsec % gran;
   return t;

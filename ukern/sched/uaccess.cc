@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// The reach of a task into its program's memory. The ranges are a stack: most calls add one, use it
-// and take it off again, so the first few stand in the task itself.
+// A task's access to user memory. The ranges form a stack: most calls push one, use it and pop it,
+// so the first few are in the task itself.
 #include <linux/slab.h>
 #include <linux/string.h>
 #include <asm/uaccess.h>
@@ -24,7 +24,7 @@ bool kernel_limit(const struct task_struct *task) {
   return segment_eq(task->addr_limit, KERNEL_DS);
 }
 
-// How many of the bytes at `addr` the current task can reach, up to `size`.
+// Number of bytes from `addr` on, up to `size`, that the current task can access.
 unsigned long reach(unsigned long addr, unsigned long size) {
   struct task_struct *task = current;
   if (!task) return 0;
@@ -34,7 +34,7 @@ unsigned long reach(unsigned long addr, unsigned long size) {
     const struct ukern_user_range *range = range_at(task, i);
     if (addr + have - range->start >= range->len) continue;
     have += range->len - (addr + have - range->start);
-    i = task->user_ranges;  // what follows may lie in any other range
+    i = task->user_ranges;  // the next byte may lie in any range
   }
   return have < size ? have : size;
 }

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The ranges of user memory that the current task can reach. */
+/* The ranges of user memory that the current task can access. */
 #ifndef UKERN_SCHED_USER_MEMORY_H
 #define UKERN_SCHED_USER_MEMORY_H
 

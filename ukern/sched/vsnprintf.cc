@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // Formatted text with the kernel's own set of conversions: no floating point, %p as sixteen digits,
-// %s of a bad pointer as <NULL>, an unknown conversion as it stands.
+// %s of a bad pointer as <NULL>, an unknown conversion verbatim.
 #include <linux/ctype.h>
 #include <linux/kernel.h>
 #include <linux/string.h>
@@ -18,7 +18,7 @@ enum Flags : unsigned {
   kUpper = 64,
 };
 
-// Counts everything, stores what fits.
+// Counts all characters, stores those that fit.
 struct Out {
   char *start, *at, *end;
 
@@ -102,8 +102,7 @@ void put_char(Out *out, char c, const Conversion &how) {
   if (how.flags & kLeft) out->pad(' ', how.width - 1);
 }
 
-// va_list is an array type: inside a structure it can be handed on and read from by several
-// functions.
+// va_list is an array type; in a structure, several functions can consume the same list.
 struct Arguments {
   va_list list;
 };
@@ -160,7 +159,7 @@ const char *parse_flags(const char *fmt, Conversion *how) {
   }
 }
 
-// Everything between the percent sign and the conversion's letter, at which the result points.
+// Parses up to the conversion letter. Returns a pointer to that.
 const char *parse(const char *fmt, Conversion *how, Arguments *args) {
   *how = {.flags = 0, .width = -1, .precision = -1, .length = 0};
   fmt = parse_flags(fmt, how);
@@ -204,7 +203,7 @@ void put_pointer(Out *out, Arguments *args, Conversion how) {
   put_integer(out, reinterpret_cast<unsigned long>(va_arg(args->list, void *)), 16, how);
 }
 
-// False when the letter is none that is known.
+// False for an unknown letter.
 bool convert(Out *out, char letter, Conversion how, Arguments *args) {
   switch (letter) {
     case 'c':

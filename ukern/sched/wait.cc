@@ -8,8 +8,7 @@
 
 namespace {
 
-// Entries that are not exclusive come first, so all of them are woken, and of the others `nr` (0:
-// all).
+// Wakes all non-exclusive entries, which come first, and `nr` exclusive ones (0: all).
 void wake_locked(wait_queue_head_t *q, unsigned int mode, int nr, int sync, void *key) {
   wait_queue_t *entry, *next;
   list_for_each_entry_safe(entry, next, &q->task_list, task_list) {
@@ -24,7 +23,7 @@ void wake(wait_queue_head_t *q, unsigned int mode, int nr, int sync, void *key) 
 }
 
 void prepare(wait_queue_head_t *q, wait_queue_t *wait, int state, bool exclusive) {
-  // Before the flags too: after a first round the entry is still in the queue.
+  // The lock covers the flags too: in later rounds the entry is in the queue already.
   SpinGuard guard(q->lock);
   if (exclusive)
     wait->flags |= WQ_FLAG_EXCLUSIVE;
@@ -36,13 +35,13 @@ void prepare(wait_queue_head_t *q, wait_queue_t *wait, int state, bool exclusive
     else
       __add_wait_queue(q, wait);
   }
-  // After the entry, so that a wake-up that does not see the entry comes before the caller's test.
+  // After queueing, so that a wake-up that misses the entry comes before the caller's test.
   if (is_sync_wait(wait)) set_current_state(state);
 }
 
-// Waits until `done` is above 0 and takes one: jiffies left, 0 for a time-out, or -ERESTARTSYS.
-// What comes in the very moment in which the time runs out is left for the next one; what is there
-// already is taken whatever the time-out.
+// Waits until `done` is above 0 and decrements it. Returns the jiffies left, 0 on a time-out, or
+// -ERESTARTSYS. A completion that coincides with the time-out is left for the next waiter; one that
+// is there already is taken whatever the time-out.
 long wait_done(struct completion *x, int state, long timeout) {
   might_sleep();
   SpinGuard guard(x->wait.lock);
@@ -87,8 +86,7 @@ int down_state(struct semaphore *sem, int state) {
     __remove_wait_queue(&sem->wait, &wait);
   }
   if (!result) sem->count--;
-  // A wake-up that this task took and does not use, and a count that is still there, go to the next
-  // one.
+  // Passes to the next waiter a wake-up that this task did not use, and a count that is left.
   if (sem->count > 0)
     wake_locked(&sem->wait, TASK_INTERRUPTIBLE | TASK_UNINTERRUPTIBLE, 1, 0, nullptr);
   return result;

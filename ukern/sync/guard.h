@@ -1,12 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Owners of a lock for a scope: what the constructor takes, the destructor gives back, so that an
- * early return is safe. They cost what the calls that they make cost, and cannot be copied; always
- * inlined, so that the lock checker tells of the function with the scope.
+ * Scoped locks: the constructor locks and the destructor unlocks, so that an early return is safe.
+ * They cannot be copied. They are always inlined, so that the lock checker reports the function
+ * with the scope.
  *
  * Under SpinGuard, ReadGuard and WriteGuard nothing may sleep; the others may themselves sleep. An
- * unlock without a guard hands a lock over: it belongs to another function's lock, and says to
- * which.
+ * unlock without a guard is a hand-over: another function took the lock, and a comment names it.
  */
 #ifndef UKERN_SYNC_GUARD_H
 #define UKERN_SYNC_GUARD_H
@@ -20,7 +19,7 @@
 class SpinGuard {
  public:
   UKERN_INLINE explicit SpinGuard(spinlock_t &lock) : lock_(lock) { spin_lock(&lock_); }
-  /* `subclass` tells two locks of one class apart where one is taken under the other. */
+  /* `subclass` distinguishes two locks of one class that are taken one under the other. */
   UKERN_INLINE SpinGuard(spinlock_t &lock, unsigned subclass) : lock_(lock) {
     spin_lock_nested(&lock_, subclass);
   }
@@ -32,7 +31,7 @@ class SpinGuard {
   spinlock_t &lock_;
 };
 
-/* A bare word: for what is below the lock checker. */
+/* A bare word, for code below the lock checker. */
 class WordGuard {
  public:
   UKERN_INLINE explicit WordGuard(volatile unsigned &word) : word_(word) {
@@ -46,7 +45,7 @@ class WordGuard {
   volatile unsigned &word_;
 };
 
-/* The other way round: the lock, which is held, is free until the end of the scope. */
+/* The reverse: unlocks a held lock until the end of the scope. */
 class SpinPause {
  public:
   UKERN_INLINE explicit SpinPause(spinlock_t &lock) : lock_(lock) { spin_unlock(&lock_); }
@@ -83,9 +82,9 @@ class WriteGuard {
 class MutexGuard {
  public:
   UKERN_INLINE explicit MutexGuard(struct mutex &lock) : lock_(lock) { mutex_lock(&lock_); }
-  /* `subclass` tells a parent's from a child's i_mutex (I_MUTEX_*). */
+  /* `subclass` distinguishes a parent's i_mutex from a child's (I_MUTEX_*). */
   UKERN_INLINE MutexGuard(struct mutex &lock, unsigned subclass) : lock_(lock) {
-    (void)subclass; /* only lock debugging looks at it */
+    (void)subclass; /* only lock debugging uses it */
     mutex_lock_nested(&lock_, subclass);
   }
   UKERN_INLINE ~MutexGuard() { mutex_unlock(&lock_); }
@@ -96,7 +95,7 @@ class MutexGuard {
   struct mutex &lock_;
 };
 
-/* A semaphore, held together with other readers. */
+/* Holds a semaphore for reading. */
 class SharedGuard {
  public:
   UKERN_INLINE explicit SharedGuard(struct rw_semaphore &sem) : sem_(sem) { down_read(&sem_); }
@@ -108,7 +107,7 @@ class SharedGuard {
   struct rw_semaphore &sem_;
 };
 
-/* Holds the semaphore only if it can be had at once; ask with `if (guard)`. */
+/* Holds the semaphore for reading if that is possible at once; test with `if (guard)`. */
 class SharedTryGuard {
  public:
   UKERN_INLINE explicit SharedTryGuard(struct rw_semaphore &sem)
@@ -125,7 +124,7 @@ class SharedTryGuard {
   bool held_;
 };
 
-/* A semaphore, held alone. */
+/* Holds a semaphore for writing. */
 class ExclusiveGuard {
  public:
   UKERN_INLINE explicit ExclusiveGuard(struct rw_semaphore &sem) : sem_(sem) { down_write(&sem_); }

@@ -1,23 +1,23 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The lock checker of debug builds. Every lock calls it before and after it is taken and when it is
- * given back. It keeps, per thread, what is held and where it was taken, and for the whole kernel
- * which lock classes were ever taken under which, with the places. What it reports:
+ * The lock checker of debug builds. Every lock calls it before and after an acquisition and at the
+ * release. It records each thread's held locks with their call stacks, and for the whole kernel
+ * every order of two lock classes with the call stacks of its first occurrence. It reports:
  *
- *   - two classes taken both ways round, directly or through others between them
- *   - a lock taken again by its holder, or a second lock of the same class without a subclass of
- * its own (readers of an rwlock_t may nest)
- *   - giving back what is not held, or a writer's hold as a reader's and the other way round
- *   - sleeping locks taken, and anything else that may sleep, under a spin lock
+ *   - two classes taken in both orders, directly or through other classes
+ *   - a lock taken again by its holder, or a second lock of a class without a subclass
+ *     (readers of an rwlock_t may nest)
+ *   - releasing a lock that is not held, or one held for writing as a reader and the reverse
+ *   - taking a sleeping lock, or anything else that may sleep, under a spin lock
  *   - initialising or freeing a lock that is held; ending a task or a call with a lock held
  *
- * Locks that are initialised while a file system's object is being made (UKERN_LOCK_DEPTH) get the
- * depth of that file system as part of their class, unless their key is theirs alone.
+ * Locks that are initialised while a file system's object is created (UKERN_LOCK_DEPTH) have that
+ * file system's depth in their class, unless the lock itself is the key.
  *
- * Attempts (trylock) cannot deadlock and teach no order. A lock of no class (neither static nor
- * initialised by a function) is checked for everything but order. The learned order is forgotten at
- * boot. Owns no kernel object, takes no kernel lock, never sleeps. In release builds all of this is
- * nothing.
+ * A trylock cannot deadlock and records no order. A lock without a class (neither static nor
+ * initialised by a function) is checked for everything but order. A boot clears the recorded
+ * orders. The checker owns no kernel object, takes no kernel lock and never sleeps. Release builds
+ * have none of it.
  */
 #ifndef UKERN_SYNC_LOCKCHECK_H
 #define UKERN_SYNC_LOCKCHECK_H
@@ -44,13 +44,13 @@ int ukern_lock_held(const struct lockdep_map *map);
 
 /* Reports each lock that the calling thread holds in this memory, which is about to be freed. */
 void ukern_lock_check_free(const void *memory, unsigned long size);
-/* Reports what the calling thread holds, and forgets it: `when` says at which moment it should hold
- * nothing. */
+/* Reports and clears the locks that the calling thread holds; `when` names the moment at which it
+ * should hold none. */
 void ukern_lock_check_none(const char *when);
-/* Forgets classes and order. No lock may be held. */
+/* Clears classes and orders. No lock may be held. */
 void ukern_lockcheck_reset(void);
-/* The depth for locks that the calling thread initialises from now on; the one before is the
- * result. */
+/* Sets the depth of locks that the calling thread initialises from now on. Returns the previous
+ * one. */
 unsigned int ukern_lock_set_depth(unsigned int depth);
 }
 

@@ -11,7 +11,7 @@
 #include "ukern/sync/stack.h"
 
 extern "C" {
-// The program in memory, as the linker lays it out.
+// The bounds of the program in memory, from the linker.
 extern char __executable_start[] __attribute__((visibility("hidden")));
 extern char _end[] __attribute__((visibility("hidden")));
 }
@@ -37,19 +37,19 @@ struct ThreadLocks {
   Held held[kHeld];
 };
 
-__thread ThreadLocks mine __attribute__((tls_model("initial-exec")));
+__thread ThreadLocks thread_locks __attribute__((tls_model("initial-exec")));
 
 __thread unsigned int init_depth __attribute__((tls_model("initial-exec")));
 
-// A class is a key, a subclass and a depth. Slot 0 is no class. Keys are written once, under the
-// word.
+// A class is a key, a subclass and a depth. Slot 0 is no class. Keys are written once, under
+// graph_word.
 struct LockClass {
   const char *key;  // address of the byte in the key for the subclass and depth
   const char *name;
   unsigned int subclass, depth;
 };
 
-// "later was taken under earlier", and where, the first time.
+// `later` was taken under `earlier`, with the call stacks of the first time.
 struct Edge {
   unsigned int earlier, later;
   unsigned int next;  // of the same earlier class; 0 ends
@@ -62,9 +62,9 @@ Edge edges[kEdges];
 unsigned int first_edge[kClasses];
 unsigned int edge_count;
 volatile unsigned int graph_word;
-int told_full;
+int warned_full;
 
-// Scratch of the search, under the word.
+// Scratch of path_exists, under graph_word.
 unsigned int reached_by[kClasses];
 unsigned int queue[kClasses];
 
@@ -119,7 +119,7 @@ struct Label {
   char text[80];
 };
 
-// "name", "name/subclass"; " at depth n" where it lies on others.
+// "name", "name/subclass"; " at depth n" in a stacked file system.
 Label class_label(unsigned int slot) {
   const LockClass &it = classes[slot];
   char subclass[16] = "", depth[24] = "";
@@ -157,15 +157,15 @@ bool spins(ukern_lock_kind kind) {
 }
 
 void report_held(bug_report *report) {
-  for (unsigned int i = 0; i < mine.depth; i++) {
+  for (unsigned int i = 0; i < thread_locks.depth; i++) {
     char title[128];
-    snprintf(title, sizeof(title), "held: %s %p (%s), taken at", name_of(mine.held[i].map),
-             mine.held[i].map, kind_text(mine.held[i].kind));
-    report_stack(report, title, &mine.held[i].where);
+    snprintf(title, sizeof(title), "held: %s %p (%s), taken at", name_of(thread_locks.held[i].map),
+             thread_locks.held[i].map, kind_text(thread_locks.held[i].kind));
+    report_stack(report, title, &thread_locks.held[i].where);
   }
 }
 
-void complain(const lockdep_map *map, ukern_lock_kind kind, const char *what) {
+void report_lock(const lockdep_map *map, ukern_lock_kind kind, const char *what) {
   bug_report *report = report_begin("%s: %s %p (%s)", what, name_of(map), map, kind_text(kind));
   report_here(report);
   report_held(report);
@@ -176,7 +176,8 @@ bool edge_known(unsigned int earlier, unsigned int later) {
   return test_bit(static_cast<int>(later), after[earlier]);
 }
 
-// Whether `to` was ever taken under `from`, directly or through others; reached_by then leads back.
+// Whether `to` was ever taken under `from`, directly or through others. If so, reached_by has the
+// way back.
 bool path_exists(unsigned int from, unsigned int to) {
   memset(reached_by, 0, sizeof(reached_by));
   unsigned int read = 0, written = 0;
@@ -213,7 +214,7 @@ void report_inversion(const Held *held, unsigned int wanted) {
   report_end(report);
 }
 
-void learn(const Held *held, unsigned int wanted) {
+void record_order(const Held *held, unsigned int wanted) {
   ukern_word_lock(&graph_word);
   bool inverted = false;
   if (!edge_known(held->lock_class, wanted)) {
@@ -225,8 +226,8 @@ void learn(const Held *held, unsigned int wanted) {
       call_stack_save(&edge->later_at, 2);
       edge->next = first_edge[held->lock_class];
       first_edge[held->lock_class] = edge_count;
-    } else if (!told_full) {
-      told_full = 1;
+    } else if (!warned_full) {
+      warned_full = 1;
       printk(KERN_WARNING "lock checker: no room for more orders\n");
     }
     set_bit(static_cast<int>(wanted), after[held->lock_class]);
@@ -236,9 +237,9 @@ void learn(const Held *held, unsigned int wanted) {
   ukern_word_unlock(&graph_word);
 }
 
-// What the held lock says against taking another one.
-const char *objection(const Held *held, const lockdep_map *map, ukern_lock_kind kind,
-                      unsigned int lock_class) {
+// Why taking the lock under the held one is an error, or null.
+const char *nesting_error(const Held *held, const lockdep_map *map, ukern_lock_kind kind,
+                          unsigned int lock_class) {
   if (kind == UKERN_RW_READ && held->kind == UKERN_RW_READ) return nullptr;
   if (held->map == map) return "lock taken again by its holder";
   if (lock_class != kNoClass && held->lock_class == lock_class)
@@ -247,8 +248,8 @@ const char *objection(const Held *held, const lockdep_map *map, ukern_lock_kind 
 }
 
 Held *find_held(const lockdep_map *map) {
-  for (unsigned int i = mine.depth; i-- > 0;)
-    if (mine.held[i].map == map) return &mine.held[i];
+  for (unsigned int i = thread_locks.depth; i-- > 0;)
+    if (thread_locks.held[i].map == map) return &thread_locks.held[i];
   return nullptr;
 }
 
@@ -257,8 +258,8 @@ Held *find_held(const lockdep_map *map) {
 extern "C" {
 
 void ukern_lock_set_class(struct lockdep_map *map, const char *name, struct lock_class_key *key) {
-  if (unlikely(mine.depth && find_held(map)))
-    complain(map, find_held(map)->kind, "initialised while it is held");
+  if (unlikely(thread_locks.depth && find_held(map)))
+    report_lock(map, find_held(map)->kind, "initialised while it is held");
   map->name = name;
   map->key = key;
 }
@@ -277,37 +278,37 @@ unsigned int ukern_lock_set_depth(unsigned int depth) {
 void ukern_lock_before(struct lockdep_map *map, enum ukern_lock_kind kind, unsigned int subclass) {
   BUG_ON(subclass >= MAX_LOCKDEP_SUBCLASSES);
   if (!spins(kind)) might_sleep();
-  if (!mine.depth) return;
+  if (!thread_locks.depth) return;
   const unsigned int wanted = class_of(map, subclass);
-  for (unsigned int i = 0; i < mine.depth; i++) {
-    const Held *held = &mine.held[i];
-    if (const char *what = objection(held, map, kind, wanted)) complain(map, kind, what);
+  for (unsigned int i = 0; i < thread_locks.depth; i++) {
+    const Held *held = &thread_locks.held[i];
+    if (const char *what = nesting_error(held, map, kind, wanted)) report_lock(map, kind, what);
     if (wanted == kNoClass || held->lock_class == kNoClass || wanted == held->lock_class) continue;
-    if (!edge_known(held->lock_class, wanted)) learn(held, wanted);
+    if (!edge_known(held->lock_class, wanted)) record_order(held, wanted);
   }
 }
 
 void ukern_lock_got(struct lockdep_map *map, enum ukern_lock_kind kind, unsigned int subclass) {
-  BUG_ON(mine.depth == kHeld);
-  Held *held = &mine.held[mine.depth++];
+  BUG_ON(thread_locks.depth == kHeld);
+  Held *held = &thread_locks.held[thread_locks.depth++];
   held->map = map;
   held->kind = kind;
   held->lock_class = class_of(map, subclass);
   call_stack_save(&held->where, 1);
-  if (spins(kind)) mine.preempt++;
+  if (spins(kind)) thread_locks.preempt++;
 }
 
 void ukern_lock_release(struct lockdep_map *map, enum ukern_lock_kind kind) {
   Held *held = find_held(map);
   if (unlikely(!held)) {
-    complain(map, kind, "lock given back that is not held");
+    report_lock(map, kind, "lock given back that is not held");
     return;
   }
   if (unlikely(held->kind != kind))
-    complain(map, kind, "lock given back in another way than taken");
-  if (spins(held->kind)) mine.preempt--;
-  mine.depth--;
-  for (Held *end = &mine.held[mine.depth]; held < end; held++) *held = held[1];
+    report_lock(map, kind, "lock given back in another way than taken");
+  if (spins(held->kind)) thread_locks.preempt--;
+  thread_locks.depth--;
+  for (Held *end = &thread_locks.held[thread_locks.depth]; held < end; held++) *held = held[1];
 }
 
 void ukern_lock_downgrade(struct lockdep_map *map) {
@@ -315,7 +316,7 @@ void ukern_lock_downgrade(struct lockdep_map *map) {
   if (held && held->kind == UKERN_SEM_WRITE)
     held->kind = UKERN_SEM_READ;
   else
-    complain(map, UKERN_SEM_WRITE, "lock downgraded that is not held as writer");
+    report_lock(map, UKERN_SEM_WRITE, "lock downgraded that is not held as writer");
 }
 
 int ukern_lock_held(const struct lockdep_map *map) {
@@ -324,25 +325,26 @@ int ukern_lock_held(const struct lockdep_map *map) {
 
 void ukern_lock_check_free(const void *memory, unsigned long size) {
   const unsigned long start = reinterpret_cast<unsigned long>(memory);
-  for (unsigned int i = 0; i < mine.depth; i++) {
-    const unsigned long at = reinterpret_cast<unsigned long>(mine.held[i].map);
+  for (unsigned int i = 0; i < thread_locks.depth; i++) {
+    const unsigned long at = reinterpret_cast<unsigned long>(thread_locks.held[i].map);
     if (at >= start && at < start + size)
-      complain(mine.held[i].map, mine.held[i].kind, "memory freed with a held lock in it");
+      report_lock(thread_locks.held[i].map, thread_locks.held[i].kind,
+                  "memory freed with a held lock in it");
   }
 }
 
 void ukern_lock_check_none(const char *when) {
-  if (likely(!mine.depth && !mine.preempt)) return;
+  if (likely(!thread_locks.depth && !thread_locks.preempt)) return;
   bug_report *report;
-  if (mine.depth)
-    report = report_begin("%s with %u locks held, the last one %s", when, mine.depth,
-                          name_of(mine.held[mine.depth - 1].map));
+  if (thread_locks.depth)
+    report = report_begin("%s with %u locks held, the last one %s", when, thread_locks.depth,
+                          name_of(thread_locks.held[thread_locks.depth - 1].map));
   else
-    report = report_begin("%s with a preempt count of %d", when, mine.preempt);
+    report = report_begin("%s with a preempt count of %d", when, thread_locks.preempt);
   report_here(report);
   report_held(report);
-  mine.depth = 0;
-  mine.preempt = 0;
+  thread_locks.depth = 0;
+  thread_locks.preempt = 0;
   report_end(report);
 }
 
@@ -352,20 +354,20 @@ void ukern_lockcheck_reset(void) {
   memset(after, 0, sizeof(after));
   memset(first_edge, 0, sizeof(first_edge));
   edge_count = 0;
-  told_full = 0;
+  warned_full = 0;
   ukern_word_unlock(&graph_word);
 }
 
 void ukern_preempt_add(int count) {
-  mine.preempt += count;
+  thread_locks.preempt += count;
 }
 
 int ukern_preempt_count(void) {
-  return mine.preempt;
+  return thread_locks.preempt;
 }
 
 void ukern_might_sleep(void) {
-  if (likely(!mine.preempt)) return;
+  if (likely(!thread_locks.preempt)) return;
   bug_report *report = report_begin("sleeping function called in atomic context");
   report_here(report);
   report_held(report);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Spin locks, reader-writer locks and mutexes of debug builds: the lock, with the checker told
-// about it. In release builds the headers hold all there is.
+// Spin locks, reader-writer locks and mutexes of debug builds, which call the lock checker. Those
+// of release builds are in the headers.
 #include <linux/mutex.h>
 #include <linux/rwsem.h>
 #include <linux/spinlock.h>

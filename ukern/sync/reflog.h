@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Who took and dropped references on an object, in debug builds: each counted object has a pointer
- * to a log that is made at the first note and freed with the object. It remembers the last
- * UKERN_REFLOG_ENTRIES changes with their places and how many there were before. Notes may be made
- * anywhere, from several threads at once, and are no fault points. In release builds everything
- * here is nothing.
+ * Reference logs of debug builds: each counted object has a pointer to a log, which is allocated at
+ * the first entry and freed with the object. It has the last UKERN_REFLOG_ENTRIES changes with
+ * their call stacks, and counts the earlier ones. Entries may be added anywhere and by several
+ * threads at once, and are no fault points. Release builds have none of it.
  */
 #ifndef UKERN_SYNC_REFLOG_H
 #define UKERN_SYNC_REFLOG_H
@@ -20,11 +19,11 @@ struct reflog;
 #ifdef __cplusplus
 extern "C" {
 #endif
-/* `change`: +1 taken, -1 dropped; `count`: the references after it. The place is the caller's
- * caller. */
+/* `change`: +1 taken, -1 dropped; `count`: the references after it. The call stack begins at the
+ * caller's caller. */
 void reflog_note(struct reflog **log, int change, int count);
 void reflog_free(struct reflog *log); /* null is ignored */
-/* Puts the log into a report: one paragraph per change, the oldest first. */
+/* Adds the log to a report: one paragraph per change, the oldest first. */
 void report_reflog(struct bug_report *report, const struct reflog *log);
 #ifdef __cplusplus
 }

@@ -18,14 +18,14 @@ struct Change {
 }  // namespace
 
 struct reflog {
-  volatile unsigned int word;  // guards the rest
+  volatile unsigned int word;  // protects the rest
   unsigned long noted;         // entry n is changes[n % UKERN_REFLOG_ENTRIES]
   Change changes[UKERN_REFLOG_ENTRIES];
 };
 
 namespace {
 
-// Two threads may make the first note at once: the second one uses the first one's log.
+// Two threads may add the first entry at once: the second one uses the first one's log.
 reflog *log_of(reflog **slot) {
   reflog *log = __atomic_load_n(slot, __ATOMIC_ACQUIRE);
   if (log) return log;

@@ -118,7 +118,7 @@ void set_panic_handler(void (*handler)(const char *report)) {
   __atomic_store_n(&panic_handler, handler, __ATOMIC_RELEASE);
 }
 
-// The way to whoever called the function that calls this.
+// Adds the call stack of the caller's caller.
 static noinline void end_with_stack(struct bug_report *report) {
   struct call_stack stack;
   call_stack_save(&stack, 1);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Reader-writer semaphores: the word of a reader-writer lock, with readers kept out while somebody
-// waits.
+// Reader-writer semaphores: the word of a reader-writer lock, but new readers are barred while a
+// task waits.
 #include <linux/rwsem.h>
 
 #include "ukern/host/host.h"
@@ -65,7 +65,7 @@ void up_write(struct rw_semaphore *sem) {
 
 void downgrade_write(struct rw_semaphore *sem) {
   UKERN_LOCK_DOWNGRADE(&sem->dep_map);
-  // Readers that wait may come in now; the mark must go with the waking, or they would stay barred.
+  // Waiting readers may enter now. The exchange clears the waiters bit, which would bar them.
   const unsigned int seen = __atomic_exchange_n(&sem->count, 1u, __ATOMIC_RELEASE);
   if (seen & UKERN_RW_WAITERS) host_wake(&sem->count, INT_MAX);
 }

@@ -18,8 +18,7 @@ struct Frame {
 
 }  // namespace
 
-// The walk reads words of frames that are not its own, which the sanitizers would take for a
-// mistake.
+// The walk reads frames of other functions, which the sanitizers would report.
 extern "C" __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) void
 call_stack_save(struct call_stack *stack, unsigned skip) {
   if (!bounds.high) host_stack_bounds(&bounds.low, &bounds.high);
@@ -31,7 +30,7 @@ call_stack_save(struct call_stack *stack, unsigned skip) {
     const unsigned long at = reinterpret_cast<unsigned long>(frame);
     if (at < bounds.low || at + sizeof(Frame) > bounds.high || at % sizeof(long)) break;
     if (frame->return_address < 4096) break;
-    // The first address is in the function that asks; its caller is what is wanted.
+    // The first address is in the calling function; the stack begins at its caller.
     if (first)
       first = false;
     else if (skip)

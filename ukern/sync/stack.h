@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Where something happened: the return addresses on the way there. Found by the frame pointers,
- * which all kernel-side code keeps; the walk ends at the first frame that is not on the calling
- * thread's stack.
+ * Call stacks as return addresses, found by the frame pointers, which all kernel-side code keeps.
+ * The walk ends at the first frame that is not on the calling thread's stack.
  */
 #ifndef UKERN_SYNC_STACK_H
 #define UKERN_SYNC_STACK_H
@@ -18,7 +17,7 @@ struct call_stack {
   unsigned long pc[UKERN_STACK_DEPTH]; /* innermost first */
 };
 
-/* The way to the caller of the function that calls this; `skip` more frames are left out. */
+/* Saves the call stack from the caller's caller on; `skip` more frames are left out. */
 void call_stack_save(struct call_stack *stack, unsigned skip);
 
 #ifdef __cplusplus

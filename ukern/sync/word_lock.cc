@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// The contended roads of all locks. A lock is one word; who cannot have it spins a short while,
-// then sleeps in the host until the holder, who sees in the word that somebody waits, wakes it.
+// The slow paths of all locks. A lock is one word. A thread that cannot take it spins briefly, then
+// sleeps in the host until the holder, which sees the waiters in the word, wakes it.
 #include <asm/processor.h>
 #include <linux/spinlock.h>
 
@@ -11,11 +11,11 @@ namespace {
 constexpr int kSpins = 100;
 constexpr int kAll = INT_MAX;
 
-inline unsigned int look(volatile unsigned int *word) {
+inline unsigned int load(volatile unsigned int *word) {
   return __atomic_load_n(word, __ATOMIC_RELAXED);
 }
 
-// Marks the word as waited for; false when it has changed since `seen`.
+// Sets the waiters bit; false when the word has changed since `seen`.
 bool mark_waiting(volatile unsigned int *word, unsigned int seen) {
   return (seen & UKERN_RW_WAITERS) ||
          __atomic_compare_exchange_n(word, &seen, seen | UKERN_RW_WAITERS, false, __ATOMIC_RELAXED,
@@ -36,10 +36,10 @@ int ukern_fence_word;
 
 void ukern_word_lock_slow(volatile unsigned int *word) {
   for (int i = 0; i < kSpins; i++) {
-    if (look(word) == 0 && ukern_word_trylock(word)) return;
+    if (load(word) == 0 && ukern_word_trylock(word)) return;
     cpu_relax();
   }
-  // From here on the word says 2: after the sleep nobody knows whether others still wait.
+  // From here on the word is 2 (contended): after the sleep there may be other waiters.
   while (__atomic_exchange_n(word, 2u, __ATOMIC_ACQUIRE) != 0) host_wait(word, 2u, -1);
 }
 
@@ -50,7 +50,7 @@ void ukern_word_unlock_slow(volatile unsigned int *word) {
 void ukern_rw_read_lock_slow(volatile unsigned int *word) {
   for (int i = 0;; i++) {
     if (ukern_rw_read_trylock(word, UKERN_RW_WRITER)) return;
-    const unsigned int seen = look(word);
+    const unsigned int seen = load(word);
     if (i < kSpins)
       cpu_relax();
     else if (seen & UKERN_RW_WRITER)
@@ -60,9 +60,9 @@ void ukern_rw_read_lock_slow(volatile unsigned int *word) {
 
 void ukern_rw_write_lock_slow(volatile unsigned int *word) {
   for (int i = 0;; i++) {
-    unsigned int seen = look(word);
+    unsigned int seen = load(word);
     if (!(seen & ~UKERN_RW_WAITERS)) {
-      // The mark stays: others may wait as well.
+      // The waiters bit stays: others may wait as well.
       if (__atomic_compare_exchange_n(word, &seen, seen | UKERN_RW_WRITER, false, __ATOMIC_ACQUIRE,
                                       __ATOMIC_RELAXED))
         return;
@@ -74,8 +74,8 @@ void ukern_rw_write_lock_slow(volatile unsigned int *word) {
   }
 }
 
-// The last holder has gone and somebody waits. Whoever has come in since takes the duty over with
-// the mark.
+// No holder is left, but there are waiters. A thread that has taken the lock meanwhile inherits the
+// waiters bit and the wake-up.
 void ukern_rw_unlock_slow(volatile unsigned int *word) {
   unsigned int seen = UKERN_RW_WAITERS;
   if (__atomic_compare_exchange_n(word, &seen, 0u, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED))

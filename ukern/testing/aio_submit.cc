@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Contexts of asynchronous requests, and running what is submitted in them.
+// Contexts of asynchronous requests, and running submitted requests.
 #include "ukern/testing/aio_submit.h"
 
 #include <linux/file.h>
@@ -12,7 +12,7 @@
 
 namespace {
 
-// Once more, by a caller with a reference. One run of a request at a time.
+// Calls ki_retry; the caller has a reference. One run of a request at a time.
 ssize_t run(struct kiocb *iocb) {
   struct kioctx *ctx = iocb->ki_ctx;
   kiocbClearKicked(iocb);
@@ -26,7 +26,7 @@ ssize_t run(struct kiocb *iocb) {
   return result;
 }
 
-// The next one that has been kicked, with a reference, as one that runs.
+// Takes the next kicked request off the list, with a reference; it counts as running.
 struct kiocb *take_kicked(struct kioctx *ctx) {
   struct kiocb *iocb = nullptr;
   SpinGuard guard(ctx->ctx_lock);
@@ -67,7 +67,7 @@ struct kiocb *ukern_aio_get_req(struct kioctx *ctx, struct file *file) {
   iocb->ki_filp = file;
   {
     SpinGuard guard(ctx->ctx_lock);
-    if (static_cast<unsigned>(ctx->reqs_active) < free_places_locked(&ctx->ring_info)) {
+    if (static_cast<unsigned>(ctx->reqs_active) < free_slots_locked(&ctx->ring_info)) {
       list_add(&iocb->ki_list, &ctx->active_reqs);
       get_ioctx(ctx);
       ctx->reqs_active++;
@@ -97,7 +97,7 @@ int ukern_aio_read_event(struct kioctx *ctx, struct io_event *event) {
   const bool found = ring->head != ring->tail;
   if (found) {
     *event = ring->events[ring->head];
-    ring->head = next_place(ring, ring->head);
+    ring->head = next_slot(ring, ring->head);
   }
   return found;
 }

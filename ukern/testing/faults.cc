@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The allocation that a test wants to fail.
+// Fault injection: makes a chosen allocation of the calling thread fail.
 #include "ukern/mm/fault.h"
 
 #include "ukern/testing/uk_fault.h"
@@ -12,33 +12,33 @@ struct ThreadFaults {
   unsigned paused;
 };
 
-__thread ThreadFaults mine __attribute__((tls_model("initial-exec")));
+__thread ThreadFaults thread_faults __attribute__((tls_model("initial-exec")));
 
 }  // namespace
 
 extern "C" {
 
 void uk_fault_arm(unsigned long n) {
-  mine.passed = 0;
-  mine.fail_at = n;
+  thread_faults.passed = 0;
+  thread_faults.fail_at = n;
 }
 
 unsigned long uk_fault_count(void) {
-  return mine.passed;
+  return thread_faults.passed;
 }
 
 int fault_point(void) {
-  if (mine.paused) return 0;
-  if (++mine.passed != mine.fail_at) return 0;
-  mine.fail_at = 0;
+  if (thread_faults.paused) return 0;
+  if (++thread_faults.passed != thread_faults.fail_at) return 0;
+  thread_faults.fail_at = 0;
   return 1;
 }
 
 void fault_pause(void) {
-  mine.paused++;
+  thread_faults.paused++;
 }
 
 void fault_resume(void) {
-  mine.paused--;
+  thread_faults.paused--;
 }
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// The file systems of images for tests: hostfs, and memfs, whose pages and inodes get dirty. So
-// these images have write-back threads as well.
+// The file systems of test images: hostfs, and memfs, whose pages and inodes get dirty. So these
+// images have write-back threads.
 #include "ukern/fs/fs_types.h"
 #include "ukern/mm/mm_internal.h"
 #include "ukern/sched/boot.h"

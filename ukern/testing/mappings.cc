@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
 // Mapped files. A uk_mapping is a region (vm_area_struct) with a page table of its own: one entry
-// per page, with the two bits that matter, writable and dirty. As in any kernel of the time, a
-// store marks only the entry dirty; the mark moves to the page when the region is synced or the
-// entry goes.
+// per page, with the two bits that matter, writable and dirty. As in kernels of the time, a store
+// marks only the entry dirty; the mark moves to the page when the region is synced or the entry is
+// removed.
 //
 // Locks: i_mmap_lock, then the mapping's table_lock (an access copies under it, so that a page
-// cannot leave the table meanwhile), then what set_page_dirty takes. Faults take the page lock with
-// none of them held.
+// cannot leave the table meanwhile), then the locks of set_page_dirty. Faults take the page lock
+// with none of them held.
 #include <linux/err.h>
 #include <linux/file.h>
 #include <linux/fs.h>
@@ -49,7 +49,7 @@ struct address_space *file_mapping(const uk_mapping *map) {
   return map->vma.vm_file->f_mapping;
 }
 
-// Takes the dirty mark over to the page: 1 when the page was clean. table_lock is held.
+// Moves the dirty mark to the page; 1 if the page was clean. table_lock is held.
 int transfer_dirty(table_entry *entry) {
   if (!entry->dirty) return 0;
   entry->dirty = false;
@@ -80,7 +80,7 @@ struct page *load_page(uk_mapping *map, unsigned long i, int *error) {
   return *error ? nullptr : page;
 }
 
-// A private mapping's store goes to a copy of its own, which belongs to no file.
+// A store to a private mapping goes to a copy, which belongs to no file.
 struct page *copy_for_private(struct page *page, int *error) {
   struct page *copy = alloc_page(GFP_KERNEL);
   if (copy) {
@@ -93,7 +93,8 @@ struct page *copy_for_private(struct page *page, int *error) {
   return copy;
 }
 
-// Makes page `i` present, writable if asked for. 0 or -errno; the entry may be gone again at once.
+// Makes page `i` present, and writable for a write. 0 or -errno; the entry may be removed again at
+// once.
 int fault(uk_mapping *map, unsigned long i, bool write) {
   struct address_space *mapping = file_mapping(map);
   const bool shared = map->vma.vm_flags & VM_SHARED;
@@ -125,7 +126,7 @@ int fault(uk_mapping *map, unsigned long i, bool write) {
   return 0;
 }
 
-// False: the page is not there, or not for writing.
+// False: the page is not present, or not writable.
 bool access_entry(uk_mapping *map, unsigned long pos, char *buf, unsigned long len, bool write) {
   SpinGuard guard(map->table_lock);
   table_entry *entry = &map->table[pos >> PAGE_SHIFT];
@@ -162,7 +163,7 @@ int access_range(uk_mapping *map, unsigned long pos, char *buf, unsigned long le
   return 0;
 }
 
-// The checks of mmap(2) on a file; the region's flags, or -errno.
+// The checks of mmap(2) on a file. Returns the region's flags, or -errno.
 long region_flags(const struct file *file, int prot, int flags) {
   const int type = flags & MAP_TYPE;
   if (type != MAP_SHARED && type != MAP_PRIVATE) return -EINVAL;
@@ -183,7 +184,7 @@ long region_flags(const struct file *file, int prot, int flags) {
   return static_cast<long>(vm_flags);
 }
 
-// Enters the region into the file's list and calls the file's mmap. Undone on failure.
+// Adds the region to the file's list and calls the file's mmap. Undone on failure.
 int attach(uk_mapping *map) {
   struct file *file = map->vma.vm_file;
   if ((map->vma.vm_flags & VM_DENYWRITE) && deny_write_access(file)) return -ETXTBSY;
@@ -224,8 +225,7 @@ uk_mapping *new_mapping(struct file *file, unsigned long long offset, unsigned l
   }
   spin_lock_init(&map->table_lock);
   map->pages = pages;
-  // No address means anything here; the region is as long as the mapping and begins where it is
-  // known by.
+  // Addresses have no meaning here: the region begins at the page of its own structure.
   map->vma.vm_start = reinterpret_cast<unsigned long>(map) & PAGE_MASK;
   map->vma.vm_end = map->vma.vm_start + (pages << PAGE_SHIFT);
   map->vma.vm_flags = flags;
@@ -245,7 +245,7 @@ void unmap_mapping_range(struct address_space *mapping, loff_t const holebegin,
   const pgoff_t last = count ? first + count - 1 : ~0ul;
 
   SpinGuard guard(mapping->i_mmap_lock);
-  __atomic_add_fetch(&mapping->truncate_count, 1, __ATOMIC_ACQ_REL);  // faults under way begin anew
+  __atomic_add_fetch(&mapping->truncate_count, 1, __ATOMIC_ACQ_REL);  // faults in progress restart
   struct vm_area_struct *vma;
   list_for_each_entry(vma, &mapping->i_mmap, shared.vm_set.list) {
     uk_mapping *map = mapping_of(vma);

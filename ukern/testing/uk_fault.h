@@ -12,7 +12,7 @@ extern "C" {
 
 /* Makes the n-th fault point from now fail, once; 0 disarms. */
 void uk_fault_arm(unsigned long n);
-/* How many the calling thread has passed since the last uk_fault_arm. */
+/* Number of fault points that the calling thread has passed since the last uk_fault_arm. */
 unsigned long uk_fault_count(void);
 
 #ifdef __cplusplus

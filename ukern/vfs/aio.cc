@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Requests: those that one call makes and waits for, and the completion of asynchronous ones.
+// Synchronous requests, and the completion of asynchronous ones.
 #include "ukern/vfs/aio_internal.h"
 
 #include <linux/errno.h>
@@ -12,17 +12,17 @@
 
 namespace {
 
-// Each request took its place into account when it was made, so there is one.
+// Each request reserved a slot when it was allocated, so one is free.
 void add_event_locked(struct kioctx *ctx, const struct kiocb *iocb, long res, long res2) {
   struct aio_ring_info *ring = &ctx->ring_info;
-  BUG_ON(!free_places_locked(ring));
+  BUG_ON(!free_slots_locked(ring));
   ring->events[ring->tail] = {
       iocb->ki_user_data, static_cast<__u64>(reinterpret_cast<unsigned long>(iocb->ki_obj.user)),
       res, res2};
-  ring->tail = next_place(ring, ring->tail);
+  ring->tail = next_slot(ring, ring->tail);
 }
 
-// True when the reference was the last: the request is in no list and the caller's alone.
+// True if the reference was the last: the request is in no list and only the caller has it.
 bool drop_reference_locked(struct kiocb *iocb) {
   const int users = __atomic_sub_fetch(&iocb->ki_users, 1, __ATOMIC_RELEASE);
   BUG_ON(users < 0);

@@ -41,8 +41,8 @@ int apply(struct dentry *dentry, struct iattr *attr) {
 
 extern "C" {
 
-// May the current task make the change? Takes the set-group-id bit out of a mode that it may not
-// have.
+// Checks whether the current task may make the change. Clears a set-group-id bit that it may not
+// set.
 int inode_change_ok(struct inode *inode, struct iattr *attr) {
   const unsigned valid = attr->ia_valid;
   if (valid & ATTR_FORCE) return 0;
@@ -62,7 +62,7 @@ int inode_change_ok(struct inode *inode, struct iattr *attr) {
   return 0;
 }
 
-// Sets without asking. The caller holds i_mutex.
+// Sets attributes without a permission check. The caller holds i_mutex.
 int inode_setattr(struct inode *inode, struct iattr *attr) {
   const unsigned valid = attr->ia_valid;
   const u32 gran = inode->i_sb->s_time_gran;
@@ -84,8 +84,8 @@ int inode_setattr(struct inode *inode, struct iattr *attr) {
   return 0;
 }
 
-// The caller holds i_mutex. `attr` comes back as it was applied: times filled in, set-id bits
-// worked into the mode.
+// The caller holds i_mutex. Updates `attr`: fills in times and turns dropped set-id bits into a
+// mode.
 int notify_change(struct dentry *dentry, struct iattr *attr) {
   struct inode *inode = dentry->d_inode;
   const umode_t mode = inode->i_mode;

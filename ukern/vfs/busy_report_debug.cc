@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Debug builds: the reference logs of dentries, inodes, mounts and super blocks, and the reports of
-// those that are still in use when they should be gone, with who took the references.
+// Debug builds: the reference logs of dentries, inodes, mounts and super blocks, and reports of
+// those that are in use when they should be gone, with the call stacks of their references.
 
 #include "ukern/vfs/dcache_internal.h"
 #include "ukern/vfs/inode_internal.h"
@@ -42,7 +42,7 @@ struct busy_list {
   int count = 0;
 
   busy_list(const char *title_, struct super_block *sb_) : title(title_), sb(sb_) {}
-  // Counts one more object; true if it is to be shown.
+  // Counts an object; true if it is to be shown.
   bool add() {
     if (!report) {
       report = sb ? report_begin("%s after unmount of %s", title, sb->s_id)
@@ -63,14 +63,14 @@ static const char *kind_of(struct inode *inode) {
   return S_ISREG(inode->i_mode) ? "file" : "special";
 }
 
-static void dropped_too_often(const char *what, const struct reflog *log) {
+static void report_underflow(const char *what, const struct reflog *log) {
   struct bug_report *report = report_begin("%s: a reference is dropped that nobody holds", what);
   report_here(report);
   report_reflog(report, log);
   report_end(report);
 }
 
-// All counts change just before a drop is noted and just after a take.
+// A drop is logged before the count changes, a take after.
 static int count_after(atomic_t *count, int change) {
   return atomic_read(count) - (change < 0 ? 1 : 0);
 }
@@ -81,7 +81,7 @@ void ukern_dentry_ref(struct dentry *dentry, int change) {
     char what[64];
     snprintf(what, sizeof(what), "dentry \"%s\"",
              reinterpret_cast<const char *>(dentry->d_name.name));
-    dropped_too_often(what, dentry->d_reflog);
+    report_underflow(what, dentry->d_reflog);
   }
   reflog_note(&dentry->d_reflog, change, count);
 }
@@ -95,7 +95,7 @@ void ukern_inode_ref(struct inode *inode, int change) {
   if (count < 0) {
     char what[64];
     snprintf(what, sizeof(what), "inode %lu of %s", inode->i_ino, inode->i_sb->s_id);
-    dropped_too_often(what, inode->i_reflog);
+    report_underflow(what, inode->i_reflog);
   }
   reflog_note(&inode->i_reflog, change, count);
 }
@@ -110,7 +110,7 @@ void ukern_vfsmount_ref(struct vfsmount *mnt, int change) {
   if (count < 0) {
     char what[64];
     snprintf(what, sizeof(what), "mount of %s", mnt->mnt_devname ? mnt->mnt_devname : "none");
-    dropped_too_often(what, mnt->mnt_reflog);
+    report_underflow(what, mnt->mnt_reflog);
   }
   reflog_note(&mnt->mnt_reflog, change, count);
 }
@@ -140,7 +140,7 @@ int dcache_report_busy(struct dentry *root, int spare) {
   {
     SpinGuard guard(dcache_lock);
     for (struct dentry *at = root; at; at = dentry_next_below(root, at)) {
-      // Each child holds one; what is more than that is somebody's.
+      // Each child has a reference; any other has a user.
       const int users = atomic_read(&at->d_count) - children(at) - (at == root ? spare : 0);
       if (users <= 0 || !busy.add()) continue;
       const struct fs_path path(at);

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Keeps unused dentries and inodes few: a kernel thread frees what is above the limit. Inodes of
-// some file systems hold resources of the host, so that "as many as memory takes" would be too
-// many.
+// Limits the unused dentries and inodes: a kernel thread frees those above the limit. Memory alone
+// is no sufficient limit, since inodes of some file systems hold host resources.
 
 #include "ukern/vfs/vfs.h"
 
@@ -26,7 +25,7 @@ void cache_pruner_kick(void) {
   if (pruner && has_work()) wake_up(&pruner_wait);
 }
 
-// Down to seven eighths of the limit, in pieces so that nobody waits long for the locks.
+// Prunes to seven eighths of the limit, in batches so that the locks are not held for long.
 static void prune_to_limit(void) {
   const int kPiece = 256;
   const int limit = stat_read(&ukern_cache_limit);
@@ -46,7 +45,7 @@ static int pruner_main(void *) {
   while (!kthread_should_stop()) {
     DEFINE_WAIT(wait);
     prepare_to_wait(&pruner_wait, &wait, TASK_INTERRUPTIBLE);
-    // The time-out is for what could not be freed when it was tried.
+    // The time-out retries objects that could not be freed.
     if (!kthread_should_stop()) schedule_timeout(has_work() ? HZ / 10 : 10 * HZ);
     finish_wait(&pruner_wait, &wait);
     if (has_work()) prune_to_limit();
@@ -83,12 +82,11 @@ static int cached(void) {
 }
 
 void drop_caches(void) {
-  // A dentry that is freed may leave its parent and its inode unused: round after round until
-  // nothing goes.
+  // Freeing a dentry may leave its parent and its inode unused, so repeat until nothing is freed.
   int before;
   do {
     before = cached();
-    // Twice the number: the first look at a recently used one only takes its mark away.
+    // Twice the number: the first visit to a recently used dentry only clears DCACHE_REFERENCED.
     prune_dcache(2 * stat_read(&dentry_stat.nr_unused));
     prune_icache(stat_read(&inodes_stat.nr_unused));
   } while (cached() < before);

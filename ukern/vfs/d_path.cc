@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// From a dentry and mount back to a path, built from its end.
+// Builds the path of a dentry and mount, from its end.
 
 #include "ukern/vfs/mount_internal.h"
 
@@ -8,7 +8,7 @@
 
 #include "ukern/sync/guard.h"
 
-// Room that is filled from its end towards its start.
+// A buffer that is filled from its end towards its start.
 struct backward_text {
   char *at;
   int left;
@@ -25,7 +25,7 @@ struct backward_text {
   }
 };
 
-// Steps from the root of a mount to what it stands on; false at the root of all.
+// Steps from the root of a mount to its mount point; false at the topmost mount.
 static bool cross_mount(struct dentry **dentry, struct vfsmount **mnt) {
   bool crossed = false;
   SpinGuard guard(vfsmount_lock);
@@ -37,7 +37,7 @@ static bool cross_mount(struct dentry **dentry, struct vfsmount **mnt) {
   return crossed;
 }
 
-// dcache_lock is held. `root` may be null: then the path goes up to the root of all.
+// dcache_lock is held. With a null `root` the path goes up to the topmost root.
 static char *path_locked(struct dentry *dentry, struct vfsmount *mnt, struct dentry *root,
                          struct vfsmount *rootmnt, char *buf, int buflen) {
   char *const too_long = static_cast<char *>(ERR_PTR(-ENAMETOOLONG));
@@ -51,8 +51,8 @@ static char *path_locked(struct dentry *dentry, struct vfsmount *mnt, struct den
   while (dentry != root || mnt != rootmnt) {
     if (dentry == mnt->mnt_root || IS_ROOT(dentry)) {
       if (cross_mount(&dentry, &mnt)) continue;
-      // The name of the root of all, mostly "/", takes the place of the slash that a path begins
-      // with, but has to find room beside it.
+      // The name of the topmost root, usually "/", replaces the leading slash, but needs room
+      // beside it.
       const struct qstr *name = &dentry->d_name;
       if (!text.put(name->name, static_cast<int>(name->len))) return too_long;
       if (empty) return text.at;

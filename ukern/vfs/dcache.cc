@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
-// The dentry cache: allocation, the hash, references, and what joins dentries to inodes. What frees
+// The dentry cache: allocation, the hash, references, and attaching dentries to inodes. Freeing
 // unused dentries is in dcache_prune.cc.
 //
-// One lock covers the whole tree, dcache_lock; look-ups take it too, so that a dentry whose count
-// is zero can be taken off the unused list the moment it is found, and so that no look-up sees a
-// rename half done.
+// dcache_lock covers the whole tree. Lookups take it too, so that an unused dentry leaves the
+// unused list as soon as it is found, and no lookup sees a rename half done.
 
 #include "ukern/vfs/dcache_internal.h"
 
@@ -15,18 +14,18 @@
 
 #include "ukern/sync/guard.h"
 
-// The hash has about as many chains as there are dentries: a look-up among few finds its chain in
-// the processor's cache, one among many has no long chain to follow.
+// The hash has about as many chains as there are dentries: a small table stays in the CPU cache,
+// and a large one has no long chains.
 static const unsigned kPageBits = 9;  // log2 of the chains whose heads fill a page
-static const unsigned kLeastHashBits = kPageBits + 1;
-static const unsigned kMostHashBits = kPageBits + MAX_ORDER - 1;
-static const unsigned kGrowth = 2;  // bits at a time
+static const unsigned kMinHashBits = kPageBits + 1;
+static const unsigned kMaxHashBits = kPageBits + MAX_ORDER - 1;
+static const unsigned kGrowth = 2;  // bits at each growth
 static const unsigned kNameHashBits = 32;
 
 DEFINE_SPINLOCK(dcache_lock);
 struct dentry_stat_t dentry_stat;
 
-static ukern_field<struct hlist_head *> hashtable;  // under dcache_lock, as is
+static ukern_field<struct hlist_head *> hashtable;  // dcache_lock covers this and the next
 static ukern_field<unsigned> hash_bits;
 static struct kmem_cache *dentry_cache;
 
@@ -43,7 +42,7 @@ static void free_table(struct hlist_head *table, unsigned bits) {
 int dcache_init(void) {
   dentry_stat = {};
   INIT_LIST_HEAD(&dentry_unused);
-  hash_bits = kLeastHashBits;
+  hash_bits = kMinHashBits;
   hashtable = new_table(hash_bits);
   if (!hashtable) return -ENOMEM;
   dentry_cache = kmem_cache_create("dentry_cache", sizeof(struct dentry), 0, SLAB_RECLAIM_ACCOUNT,
@@ -60,12 +59,12 @@ void dcache_exit(void) {
 }
 
 static struct hlist_head *hash_chain(struct dentry *parent, unsigned hash) {
-  // The parent is mixed first: a sum would let the names of two directories fall together.
+  // The parent is hashed first: a sum would make names in two directories collide.
   const unsigned long directory = hash_long(reinterpret_cast<unsigned long>(parent), kNameHashBits);
   return &hashtable[hash_long(directory ^ hash, hash_bits)];
 }
 
-// Empties a table that is no longer the hash table.
+// Moves all dentries of an old table to the current one.
 static void rehash_all_locked(struct hlist_head *old, unsigned old_bits) {
   for (struct hlist_head *chain = old; chain < old + (1ul << old_bits); chain++) {
     while (chain->first) {
@@ -76,10 +75,9 @@ static void rehash_all_locked(struct hlist_head *old, unsigned old_bits) {
   }
 }
 
-// Puts all dentries into a larger table when they have become too many for this one. Without memory
-// for it the chains get longer, that is all.
+// Moves all dentries to a larger table. Without memory for it the chains just get longer.
 static void grow_hash(void) {
-  const unsigned bits = min(hash_bits + kGrowth, kMostHashBits);
+  const unsigned bits = min(hash_bits + kGrowth, kMaxHashBits);
   struct hlist_head *fresh = new_table(bits);
   if (!fresh) return;
 
@@ -141,13 +139,13 @@ struct dentry *d_alloc(struct dentry *parent, const struct qstr *name) {
     SpinGuard guard(dcache_lock);
     if (parent) list_add(&dentry->d_u.d_child, &parent->d_subdirs);
     stat_add(&dentry_stat.nr_dentry, 1);
-    crowded = hash_bits < kMostHashBits && 2 * dentry_stat.nr_dentry > 1 << hash_bits;
+    crowded = hash_bits < kMaxHashBits && 2 * dentry_stat.nr_dentry > 1 << hash_bits;
   }
   if (crowded) grow_hash();
   return dentry;
 }
 
-// The memory of a dentry that nothing refers to any more. No locks held: d_release may sleep.
+// Frees a dentry without references. No locks held: d_release may sleep.
 static void d_free(struct dentry *dentry) {
   BUG_ON(atomic_read(&dentry->d_count));
   BUG_ON(!d_unhashed(dentry));
@@ -159,7 +157,7 @@ static void d_free(struct dentry *dentry) {
   kmem_cache_free(dentry_cache, dentry);
 }
 
-// Takes the inode away from the dentry, for dentry_iput. Both locks are held.
+// Detaches the inode from the dentry, for dentry_iput. dcache_lock and d_lock are held.
 static struct inode *take_inode_locked(struct dentry *dentry) {
   struct inode *inode = dentry->d_inode;
   dentry->d_inode = nullptr;
@@ -221,7 +219,7 @@ struct dentry *dget_locked(struct dentry *dentry) {
   return dentry;
 }
 
-// The alias that a further user of the inode should share: a disconnected one if there is no other.
+// The alias for a further user of the inode to share: a disconnected one only if there is no other.
 struct dentry *d_find_alias(struct inode *inode) {
   struct dentry *found = nullptr;
   struct dentry *alias;
@@ -235,8 +233,8 @@ struct dentry *d_find_alias(struct inode *inode) {
   return found;
 }
 
-// A disconnected dentry is made for an inode that has no other, and later ones are put before it:
-// an inode with many names is not searched for one.
+// A disconnected dentry is allocated only for an inode without aliases, and later aliases are added
+// before it. So only the last alias need be checked.
 static struct dentry *disconnected_alias_locked(struct inode *inode) {
   if (list_empty(&inode->i_dentry)) return nullptr;
   struct dentry *oldest = list_entry(inode->i_dentry.prev, struct dentry, d_alias);
@@ -343,8 +341,9 @@ void d_rehash(struct dentry *dentry) {
   rehash_locked(dentry, hash_chain(dentry->d_parent, dentry->d_name.hash));
 }
 
-// The dentry gets the target's name. The target is on its way out: of the dentry's name it gets the
-// hash, the length and, where that has memory of its own, the text; an inline text stays as it is.
+// Gives the dentry the target's name. The target is about to be dropped: of the dentry's name it
+// gets the hash, the length and, if that is allocated separately, the text; an inline text stays as
+// it is.
 static void switch_names(struct dentry *dentry, struct dentry *target) {
   const bool target_external = dname_external(target);
   const bool external = dname_external(dentry);
@@ -359,8 +358,7 @@ static void switch_names(struct dentry *dentry, struct dentry *target) {
   if (!external) target->d_name.name = target->d_iname;
 }
 
-// lock_rename walks up without dcache_lock: a name that changes inside its directory must leave its
-// parent alone.
+// lock_rename walks up without dcache_lock, so a rename within a directory must not touch d_parent.
 static void switch_parents(struct dentry *dentry, struct dentry *target) {
   if (dentry->d_parent == target->d_parent) return;
   list_del_init(&dentry->d_u.d_child);
@@ -404,6 +402,6 @@ void dentry_unhash(struct dentry *dentry) {
   shrink_dcache_parent(dentry);
   SpinGuard guard(dcache_lock);
   SpinGuard dentry_guard(dentry->d_lock);
-  // The caller's reference and the one just taken: nobody else is in the directory.
+  // The caller's reference and the one just taken: the directory has no other user.
   if (atomic_read(&dentry->d_count) == 2) __d_drop(dentry);
 }

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The seam between dcache.cc and dcache_prune.cc: the list of unused dentries, least recently used
- * last, and the freeing of one dentry.
+ * Shared by dcache.cc and dcache_prune.cc: the list of unused dentries, least recently used last,
+ * and the freeing of one dentry.
  *
  * A dentry is on the list exactly while it is hashed and its count is 0.
  */
@@ -39,12 +39,12 @@ struct dentry *dentry_kill(struct dentry *dentry);
  */
 struct dentry *dentry_next_below(struct dentry *root, struct dentry *at);
 
-/* For who is about to make a new dentry: frees some when there are far too many unused ones. May
+/* Called before a dentry is allocated: frees some when there are far too many unused ones. May
  * sleep. */
 void dcache_limit_now(void);
 
 #if UKERN_DEBUG
-void ukern_dentry_forget(struct dentry *dentry); /* drops the reference log */
+void ukern_dentry_forget(struct dentry *dentry); /* frees the reference log */
 #else
 static inline void ukern_dentry_forget(struct dentry *) {}
 #endif

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-// Unused dentries: how they are found and freed, for memory, for an unmount, below a directory. And
-// the walks over a whole tree of dentries.
+// Finding and freeing unused dentries: for memory, for an unmount, below a directory. And walks
+// over a tree of dentries.
 //
-// dentry_kill drops dcache_lock, so each walk that frees looks anew from its start afterwards.
+// dentry_kill drops dcache_lock, so a walk that frees a dentry restarts afterwards.
 
 #include "ukern/vfs/dcache_internal.h"
 
@@ -23,8 +23,8 @@ struct dentry *dentry_next_below(struct dentry *root, struct dentry *at) {
   return nullptr;
 }
 
-// Frees the dentry and drops its parent's reference. Enters and leaves with dcache_lock held; it is
-// released between.
+// Frees the dentry and drops its parent's reference. Enters and leaves with dcache_lock held;
+// releases it in between.
 static void prune_one(struct dentry *dentry) {
   spin_lock(&dentry->d_lock);
   struct dentry *parent = dentry_kill(dentry);
@@ -32,8 +32,7 @@ static void prune_one(struct dentry *dentry) {
   spin_lock(&dcache_lock);
 }
 
-// A super block that is being unmounted frees its own dentries; to touch them from outside it must
-// be held off.
+// An unmount frees its super block's dentries itself, so others free them only with s_umount held.
 static bool prune_foreign(struct dentry *dentry) {
   struct super_block *sb = dentry->d_sb;
   SharedTryGuard guard(sb->s_umount);
@@ -47,7 +46,7 @@ void prune_dcache(int count) {
   for (; count > 0 && !list_empty(&dentry_unused); count--) {
     struct dentry *dentry = list_entry(dentry_unused.prev, struct dentry, d_lru);
     if (dentry->d_flags & DCACHE_REFERENCED) {
-      // A second chance at the young end.
+      // A second chance at the recently used end.
       ukern_dentry_flags(dentry, 0, DCACHE_REFERENCED);
       list_move(&dentry->d_lru, &dentry_unused);
     } else if (!prune_foreign(dentry)) {
@@ -61,8 +60,9 @@ void dcache_limit_now(void) {
     prune_dcache(2 * 128);
 }
 
-// Frees what was gathered at the old end: at most `count` unused dentries of this super block. The
-// caller keeps it from being unmounted. Enters and leaves with dcache_lock held.
+// Frees at most `count` unused dentries of this super block from the least recently used end, where
+// the caller has gathered them. The caller keeps it from being unmounted. Enters and leaves with
+// dcache_lock held.
 static void prune_tail_locked(int count, struct super_block *sb) {
   for (; count > 0 && !list_empty(&dentry_unused); count--) {
     struct dentry *dentry = list_entry(dentry_unused.prev, struct dentry, d_lru);
@@ -71,7 +71,7 @@ static void prune_tail_locked(int count, struct super_block *sb) {
   }
 }
 
-// Both shrinking calls go round until a look finds nothing: freeing a dentry may leave its parent
+// Both shrink functions repeat until they find nothing: freeing a dentry may leave its parent
 // unused.
 
 void shrink_dcache_sb(struct super_block *sb) {
@@ -128,7 +128,7 @@ int d_invalidate(struct dentry *dentry) {
     shrink_dcache_parent(dentry);
   }
   SpinGuard dentry_guard(dentry->d_lock);
-  // A directory in use could still be filled with children, so it stays.
+  // A directory in use could still get children, so it stays hashed.
   if (atomic_read(&dentry->d_count) > 1 && dentry->d_inode && S_ISDIR(dentry->d_inode->i_mode))
     return -EBUSY;
   __d_drop(dentry);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Making and removing names: the checks that are the same for every file system, the locks, and the
-// dentry cache afterwards. The caller holds the i_mutex of the directories involved.
+// Creating and removing names: the checks common to all file systems, the locks, and the dentry
+// cache afterwards. The caller holds the i_mutex of the directories involved.
 #include <linux/capability.h>
 #include <linux/dcache.h>
 #include <linux/errno.h>
@@ -51,7 +51,7 @@ int rename_unless_mounted(struct inode *old_dir, struct dentry *old_dentry, stru
   return old_dir->i_op->rename(old_dir, old_dentry, new_dir, new_dentry);
 }
 
-// The move of a directory over another one, whose name leaves the cache first.
+// Renames a directory over another one, which is unhashed first.
 int replace_dir(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                 struct dentry *new_dentry) {
   struct inode *target = new_dentry->d_inode;
@@ -73,7 +73,7 @@ int rename_dir(struct inode *old_dir, struct dentry *old_dentry, struct inode *n
   if (new_dentry->d_inode) {
     error = replace_dir(old_dir, old_dentry, new_dir, new_dentry);
     if (d_unhashed(new_dentry)) d_rehash(new_dentry);
-    dput(new_dentry);  // dentry_unhash's
+    dput(new_dentry);  // taken by dentry_unhash
   } else {
     error = rename_unless_mounted(old_dir, old_dentry, new_dir, new_dentry);
   }
@@ -102,7 +102,7 @@ int rename_other(struct inode *old_dir, struct dentry *old_dentry, struct inode 
   return error;
 }
 
-// The child of `ancestor` on the way from `dentry` up, or NULL when it does not lead there.
+// The child of `ancestor` that is `dentry` or above it; NULL if there is none.
 struct dentry *child_towards(struct dentry *dentry, struct dentry *ancestor) {
   for (; !IS_ROOT(dentry); dentry = dentry->d_parent)
     if (dentry->d_parent == ancestor) return dentry;
@@ -136,7 +136,7 @@ int vfs_mkdir(struct inode *dir, struct dentry *dentry, int mode) {
 }
 
 int vfs_symlink(struct inode *dir, struct dentry *dentry, const char *oldname, int mode) {
-  (void)mode;  // links have no mode of their own; the argument is the interface's
+  (void)mode;  // links have no mode of their own; the interface has the argument
   const int error = may_create(dir, dentry, nullptr);
   if (error) return error;
   if (!dir->i_op || !dir->i_op->symlink) return -EPERM;
@@ -184,7 +184,7 @@ int vfs_rmdir(struct inode *dir, struct dentry *dentry) {
     if (!error) inode->i_flags |= S_DEAD;
   }
   if (!error) d_delete(dentry);
-  dput(dentry);  // dentry_unhash's
+  dput(dentry);  // taken by dentry_unhash
   return error;
 }
 
@@ -203,8 +203,8 @@ int vfs_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *n
                 : rename_other(old_dir, old_dentry, new_dir, new_dentry);
 }
 
-// Ancestors first; the tree's shape above cannot change meanwhile because every move of a directory
-// between parents holds the super block's rename mutex.
+// Ancestors first. The tree above cannot change meanwhile, because every rename between directories
+// holds the super block's rename mutex.
 struct dentry *lock_rename(struct dentry *p1, struct dentry *p2) {
   if (p1 == p2) {
     mutex_lock_nested(&p1->d_inode->i_mutex, I_MUTEX_PARENT);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// What a task's program looks like from inside the kernel.
+// The mm of a task's program for kernel code.
 #include <linux/capability.h>
 #include <linux/errno.h>
 #include <linux/file.h>
@@ -18,8 +18,7 @@ namespace {
 // Any address will do: nothing is mapped there.
 constexpr unsigned long kProgramStart = 0x400000;
 
-// The program was started by somebody who could reach it, which the task itself may not be able to
-// any more.
+// The task may no longer have permission to reach its running program, so the walk runs as root.
 int walk_as_root(const char *program, struct nameidata *nd) {
   struct task_struct *task = current;
   const uid_t uid = task->fsuid;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Debug builds know every file that is in use and who took and dropped references on it, so that
- * those left at the end can be reported. In release builds all of this is nothing.
+ * Debug builds list every file in use and log its references, so that leaked files can be reported.
+ * Release builds have none of it.
  */
 #ifndef UKERN_VFS_FILE_LOG_H
 #define UKERN_VFS_FILE_LOG_H
@@ -16,12 +16,12 @@ struct known_file {
 };
 constexpr size_t kFileMemory = sizeof(struct known_file);
 
-/* The file's memory, of kFileMemory bytes, comes into use and goes out of it. */
+/* Add a file, of kFileMemory bytes, to the list and remove it before it is freed. */
 void file_log_begin(struct file *f);
 void file_log_end(struct file *f);
-/* A reference is about to be dropped: with the last one the file is gone. */
+/* Logs a reference that is about to be dropped; the last drop frees the file. */
 void file_log_drop(struct file *f);
-/* Reports all files that are still in use, and forgets them. */
+/* Reports all files that are still in use, and empties the list. */
 void file_log_report(void);
 
 #else

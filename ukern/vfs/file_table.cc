@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The memory of open files: where they come from, and the end of one at its last reference.
+// Allocation of open files, and their release at the last reference.
 #include <linux/capability.h>
 #include <linux/errno.h>
 #include <linux/file.h>
@@ -29,7 +29,7 @@ constexpr int kMinFiles = 8192;
 kmem_cache_t *file_cache;
 atomic_t files_in_use;
 int max_files;
-int most_reported;
+int highest_reported;
 
 void free_file(struct file *f) {
   file_log_end(f);
@@ -40,9 +40,9 @@ void free_file(struct file *f) {
 bool at_limit(void) {
   const int used = atomic_read(&files_in_use);
   if (used < max_files || capable(CAP_SYS_ADMIN)) return false;
-  if (used > most_reported) {
+  if (used > highest_reported) {
     printk(KERN_INFO "VFS: file-max limit %d reached\n", max_files);
-    most_reported = used;
+    highest_reported = used;
   }
   return true;
 }
@@ -52,12 +52,12 @@ bool at_limit(void) {
 extern "C" {
 
 int ukern_files_init(void) {
-  // About a tenth of memory at a kilobyte for a file and what hangs on it.
+  // About a tenth of memory, at a kilobyte for a file and its objects.
   max_files = ukern_max_files;
   if (!max_files) max_files = static_cast<int>(totalram_pages * (PAGE_SIZE / 1024) / 10);
   if (max_files < kMinFiles) max_files = kMinFiles;
   atomic_set(&files_in_use, 0);
-  most_reported = 0;
+  highest_reported = 0;
   file_cache = kmem_cache_create("filp", kFileMemory, 0, 0, nullptr, nullptr);
   return file_cache ? 0 : -ENOMEM;
 }
@@ -69,7 +69,7 @@ void ukern_files_exit(void) {
   file_cache = nullptr;
 }
 
-// A file with one reference that is open on nothing yet, or NULL.
+// Allocates a file with one reference that is not open yet, or NULL.
 struct file *get_empty_filp(void) {
   if (at_limit()) return nullptr;
   auto *f = static_cast<struct file *>(kmem_cache_alloc(file_cache, GFP_KERNEL));

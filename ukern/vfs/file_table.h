@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Start and end of what open files are made of; called by the VFS's own start and end. */
+/* Start and end of the file table; called by those of the VFS. */
 #ifndef UKERN_VFS_FILE_TABLE_H
 #define UKERN_VFS_FILE_TABLE_H
 
@@ -7,12 +7,12 @@
 extern "C" {
 #endif
 
-/* How many files may be open. Set before; 0: a number that goes with totalram_pages. */
+/* Limit of open files, at least 8192. Set before the start; 0: derived from totalram_pages. */
 extern int ukern_max_files;
 
-/* Makes the cache of files. 0 or -ENOMEM. */
+/* Creates the cache of files. 0 or -ENOMEM. */
 int ukern_files_init(void);
-/* Gives the cache back; reports files that are still in use. */
+/* Destroys the cache; reports files that are still in use. */
 void ukern_files_exit(void);
 
 #ifdef __cplusplus

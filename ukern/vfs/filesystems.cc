@@ -18,7 +18,7 @@ void put_filesystem(struct file_system_type *fs) {
   module_put(fs->owner);
 }
 
-// The link that points to the type of that name, or the last, null one.
+// The link to the type of that name, or the null link at the end.
 static struct file_system_type **find_locked(const char *name) {
   struct file_system_type **link = &types;
   while (*link && strcmp((*link)->name, name) != 0) link = &(*link)->next;

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 // Dirty inodes: marking them, and writing them back one by one or super block by super block.
 //
-// An inode that is dirty, hashed and not locked is on its super block's s_dirty, newest first;
-// write-back moves the list to s_io and works that off from the old end. While an inode is being
-// written it is I_LOCKed and may be dirtied again; where it goes then is decided when the lock is
-// released.
+// An inode that is dirty, hashed and not locked is on its super block's s_dirty, newest first.
+// Write-back moves the list to s_io and writes the oldest first. An inode is I_LOCKed while it is
+// written, and may be dirtied again; the unlock then moves it to the right list.
 
 #include "ukern/vfs/inode_internal.h"
 
@@ -25,8 +24,7 @@ void __mark_inode_dirty(struct inode *inode, int flags) {
   SpinGuard guard(inode_lock);
   const bool was_dirty = inode->i_state & I_DIRTY;
   inode->i_state |= bits;
-  // A locked inode is put on the right list by who unlocks it; one in no hash is nobody's to write
-  // back.
+  // The unlock moves a locked inode to the right list; an unhashed one is not written back.
   const bool listed = S_ISBLK(inode->i_mode) || !hlist_unhashed(&inode->i_hash);
   if (!was_dirty && listed && !(inode->i_state & (I_LOCK | I_FREEING | I_CLEAR))) {
     inode->dirtied_when = jiffies;
@@ -34,15 +32,15 @@ void __mark_inode_dirty(struct inode *inode, int flags) {
   }
 }
 
-// Where an inode that was just written goes. inode_lock is held.
+// Moves an inode that was just written to the right list. inode_lock is held.
 static void requeue_locked(struct inode *inode, struct writeback_control *wbc) {
   struct super_block *sb = inode->i_sb;
 
   if (inode->i_state & I_DIRTY) {
     list_move(&inode->i_list, &sb->s_dirty);
   } else if (mapping_tagged(inode->i_mapping, PAGECACHE_TAG_DIRTY)) {
-    // Pages are left. The periodic writer comes back to this inode first; others give way to the
-    // next one.
+    // Dirty pages are left. The periodic writer continues with this inode; others turn to the next
+    // one.
     inode->i_state |= I_DIRTY_PAGES;
     if (wbc->for_kupdate) {
       list_move_tail(&inode->i_list, &sb->s_dirty);
@@ -86,8 +84,8 @@ static int write_single_locked(struct inode *inode, struct writeback_control *wb
   return ret;
 }
 
-// The same for an inode that may be locked: waited for when everything must be written, else left
-// for later.
+// As write_single_locked, for an inode that may be locked: waits for it with WB_SYNC_ALL, else
+// leaves it for later.
 static int writeback_single_locked(struct inode *inode, struct writeback_control *wbc) {
   if (atomic_read(&inode->i_count))
     WARN_ON(inode->i_state & I_WILL_FREE);
@@ -104,8 +102,7 @@ static int writeback_single_locked(struct inode *inode, struct writeback_control
   return write_single_locked(inode, wbc);
 }
 
-// Is it this caller's turn to write the inode at the old end of s_io? If not, the whole super block
-// is left.
+// Whether this caller may write the oldest inode of s_io. If not, it leaves the super block.
 static bool may_write(struct inode *inode, struct writeback_control *wbc, unsigned long start) {
   struct backing_dev_info *bdi = inode->i_mapping->backing_dev_info;
 
@@ -125,8 +122,7 @@ static bool may_write(struct inode *inode, struct writeback_control *wbc, unsign
 
 // Writes the dirty inodes of a super block. inode_lock is held, released for each inode.
 static void sync_sb_inodes(struct super_block *sb, struct writeback_control *wbc) {
-  const unsigned long start =
-      jiffies;  // what is dirtied after this can wait, or it would never end
+  const unsigned long start = jiffies;  // inodes dirtied later are left, or this might never end
 
   if (!wbc->for_kupdate || list_empty(&sb->s_io)) list_splice_init(&sb->s_dirty, &sb->s_io);
 
@@ -156,7 +152,7 @@ static void sync_sb_inodes(struct super_block *sb, struct writeback_control *wbc
 
 static void sync_sb_unless_unmounting(struct super_block *sb, struct writeback_control *wbc) {
   SharedTryGuard guard(sb->s_umount);
-  if (!guard || !sb->s_root) return;  // one that is being unmounted writes its inodes itself
+  if (!guard || !sb->s_root) return;  // an unmount writes its inodes itself
   SpinGuard inode_guard(inode_lock);
   sync_sb_inodes(sb, wbc);
 }

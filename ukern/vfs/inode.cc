@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-// The inode cache: making inodes, finding them again by hash, their references and their end.
+// The inode cache: allocation, lookup by hash, references and freeing.
 //
 // An inode is on exactly one of these lists by i_list: inode_in_use, inode_unused (count 0, clean,
-// hashed), its super block's s_dirty or s_io. All of it, and i_state and the hash, is under
-// inode_lock.
+// hashed), its super block's s_dirty or s_io. inode_lock covers the lists, i_state and the hash.
 
 #include "ukern/vfs/inode_internal.h"
 
@@ -21,14 +20,14 @@
 static const unsigned kHashBits = 16;
 static const unsigned kHashSize = 1u << kHashBits;
 static const unsigned kWaitQueues = 64;
-static const unsigned kAlign = 16;  // of addresses: their low bits say nothing
+static const unsigned kAlign = 16;  // of addresses: the low bits are constant
 
 DEFINE_SPINLOCK(inode_lock);
 LIST_HEAD(inode_in_use);
 LIST_HEAD(inode_unused);
 struct inodes_stat_t inodes_stat;
 
-// Keeps the pruner away from inodes that an unmount looks through, and the other way round.
+// Excludes the pruner and an unmount's pass over the inodes from each other.
 static DEFINE_MUTEX(iprune_mutex);
 static struct hlist_head hashtable[kHashSize];
 static struct kmem_cache *inode_cachep;
@@ -72,8 +71,8 @@ void wait_on_inode(struct inode *inode) {
   wait_unlocked_inode(inode);
 }
 
-// Sleeps until the next wake-up on the inode's queue, without inode_lock meanwhile. The inode may
-// be gone then.
+// Sleeps until the next wake-up on the inode's queue and releases inode_lock meanwhile. The inode
+// may be freed then.
 static void wait_for_change(struct inode *inode) {
   wait_queue_head_t *queue = wait_queue_of(inode);
   DEFINE_WAIT(wait);
@@ -159,7 +158,7 @@ void destroy_inode(struct inode *inode) {
     kmem_cache_free(inode_cachep, inode);
 }
 
-// Makes a fresh inode one of its super block's.
+// Adds a new inode to the lists of its super block.
 static void link_inode_locked(struct inode *inode, struct hlist_head *chain, unsigned long state) {
   stat_add(&inodes_stat.nr_inodes, 1);
   list_add(&inode->i_list, &inode_in_use);
@@ -194,8 +193,8 @@ struct inode *igrab(struct inode *inode) {
   return inode;
 }
 
-// Finds an inode; one that is being freed is waited for and looked for again. inode_lock is held,
-// and released while waiting.
+// Finds an inode; waits for one that is being freed and searches again. inode_lock is held, and
+// released while waiting.
 static struct inode *find_inode(struct super_block *sb, struct hlist_head *chain,
                                 int (*test)(struct inode *, void *), void *data) {
   struct hlist_node *node;
@@ -248,7 +247,7 @@ struct inode *iget5_locked(struct super_block *sb, unsigned long hashval,
 
   {
     SpinGuard guard(inode_lock);
-    // Somebody else may have made it meanwhile.
+    // Another task may have created it meanwhile.
     inode = find_inode(sb, chain, test, data);
     if (inode) {
       __iget(inode);
@@ -328,8 +327,8 @@ void generic_delete_inode(struct inode *inode) {
   destroy_inode(inode);
 }
 
-// The last reference of an inode that still has links: kept for the next look-up while the file
-// system is mounted.
+// Drops the last reference of an inode that has links. It stays cached while the file system is
+// mounted.
 static void forget_inode(struct inode *inode) {
   if (!hlist_unhashed(&inode->i_hash)) {
     if (!(inode->i_state & (I_DIRTY | I_LOCK))) list_move(&inode->i_list, &inode_unused);
@@ -427,8 +426,8 @@ static bool can_free(struct inode *inode) {
   return !inode->i_state && !atomic_read(&inode->i_count) && !inode->i_data.nrpages;
 }
 
-// Drops what the unused inode has in the page cache; true if it can be freed now. inode_lock is
-// held, and released meanwhile.
+// Drops the pages of an unused inode; true if it can be freed now. inode_lock is held, and released
+// meanwhile.
 static bool drop_pages(struct inode *inode) {
   __iget(inode);
   {

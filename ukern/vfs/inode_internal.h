@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The seam between the inode cache, write-back and the debug reports. */
+/* Shared by the inode cache, write-back and the debug reports. */
 #ifndef UKERN_VFS_INODE_INTERNAL_H
 #define UKERN_VFS_INODE_INTERNAL_H
 
@@ -14,7 +14,7 @@ extern "C" {
 void wait_unlocked_inode(struct inode *inode);
 
 #if UKERN_DEBUG
-/* Notes a change of i_count in the inode's log; drops the log. */
+/* Logs a change of i_count; frees the log. */
 void ukern_inode_ref(struct inode *inode, int change);
 void ukern_inode_forget(struct inode *inode);
 #else

@@ -10,7 +10,7 @@
 
 extern "C" {
 
-// Cut, not refused, when the text is longer than the buffer; never terminated.
+// Cuts a text that is longer than the buffer; never terminates it.
 int vfs_readlink(struct dentry *, char __user *buffer, int buflen, const char *link) {
   if (IS_ERR(link)) return static_cast<int>(PTR_ERR(link));
   unsigned len = static_cast<unsigned>(strlen(link));
@@ -18,7 +18,7 @@ int vfs_readlink(struct dentry *, char __user *buffer, int buflen, const char *l
   return copy_to_user(buffer, link, len) ? -EFAULT : static_cast<int>(len);
 }
 
-// For links whose follow_link touches nothing of the nameidata but the text.
+// For links whose follow_link uses only the text in the nameidata.
 int generic_readlink(struct dentry *dentry, char __user *buffer, int buflen) {
   struct inode_operations *op = dentry->d_inode->i_op;
   struct nameidata nd;

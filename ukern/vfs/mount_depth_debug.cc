@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Debug builds: how many file systems a new one lies on, for the classes of its locks.
+// Debug builds: the number of file systems below a new one, for its lock classes.
 
 #include "ukern/vfs/super_internal.h"
 
@@ -8,11 +8,11 @@
 
 #include "ukern/sync/lockcheck.h"
 
-// Of what the calling thread is about to mount.
+// The depth of the file system that the calling thread is mounting.
 static __thread unsigned depth_now __attribute__((tls_model("initial-exec")));
 
-// A source that is the path of a directory is what a stackable file system is laid over; for any
-// other it does not matter.
+// A source that is the path of a directory is the lower directory of a stackable file system; for
+// other file systems the depth does not matter.
 static unsigned depth_over(const char *source) {
   struct nameidata nd;
   if (!source || *source != '/' || !current->fs->rootmnt) return 0;

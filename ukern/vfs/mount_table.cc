@@ -9,7 +9,7 @@
 
 #include "ukern/sync/guard.h"
 
-static char kBlanks[] = " \t\n\\";  // what a field must not contain as it is
+static char kBlanks[] = " \t\n\\";  // escaped in a field
 
 struct flag_text {
   unsigned long flag;
@@ -54,7 +54,7 @@ static struct vfsmount *mount_number(unsigned index) {
   return nullptr;
 }
 
-// The line in a buffer of `size` bytes: its length, or -EAGAIN when that is too small.
+// Writes the line to a buffer of `size` bytes. Returns its length, or -EAGAIN if that is too small.
 static long show_line(struct vfsmount *mnt, char *buf, unsigned long size) {
   struct seq_file m = {};
   int err;

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-// The mount tree: references on mounts, finding what is mounted somewhere, attaching and detaching.
+// The mount tree: references on mounts, finding the mount on a dentry, attaching and detaching.
 //
-// Changes of the tree hold namespace_sem for writing and, for each step that a look-up must not see
-// half done, vfsmount_lock.
+// Changes of the tree hold namespace_sem for writing, and vfsmount_lock for each step that a lookup
+// must not see half done.
 
 #include "ukern/vfs/mount_internal.h"
 
@@ -15,7 +15,7 @@
 
 static const unsigned kHashBits = 10;
 static const unsigned kHashSize = 1u << kHashBits;
-static const unsigned kAlign = 16;  // of addresses: their low bits say nothing
+static const unsigned kAlign = 16;  // of addresses: the low bits are constant
 
 DEFINE_SPINLOCK(vfsmount_lock);
 struct rw_semaphore namespace_sem;
@@ -55,7 +55,7 @@ struct vfsmount *alloc_vfsmnt(const char *name) {
   INIT_LIST_HEAD(&mnt->mnt_mounts);
   INIT_LIST_HEAD(&mnt->mnt_list);
   ukern_vfsmount_ref(mnt, 1);
-  // Without memory for its name it is shown as "none".
+  // Without memory for the name "none" is shown.
   if (name) mnt->mnt_devname = kstrdup(name, GFP_KERNEL);
   SpinGuard guard(vfsmount_lock);
   list_add_tail(&mnt->mnt_all, &ukern_all_mounts);
@@ -101,8 +101,8 @@ bool mnt_is_attached(struct vfsmount *mnt) {
   return mnt->mnt_namespace && mnt->mnt_namespace == ukern_namespace;
 }
 
-// Puts a mount on (nd->mnt, nd->dentry), on which it takes references; its own reference becomes
-// the tree's.
+// Attaches a mount to (nd->mnt, nd->dentry), on which it takes references. The mount's own
+// reference becomes the tree's.
 static void attach(struct vfsmount *mnt, struct nameidata *nd) {
   SpinGuard guard(vfsmount_lock);
   mnt->mnt_parent = mntget(nd->mnt);
@@ -185,9 +185,9 @@ int may_umount(struct vfsmount *mnt) {
   return !mnt_is_busy(mnt, 2);
 }
 
-// Puts a place where a task's root or directory stood.
-static void replace_place(struct fs_struct *fs, struct vfsmount **mnt, struct dentry **dentry,
-                          struct vfsmount *new_mnt, struct dentry *new_dentry) {
+// Replaces a task's root or working directory.
+static void replace_path(struct fs_struct *fs, struct vfsmount **mnt, struct dentry **dentry,
+                         struct vfsmount *new_mnt, struct dentry *new_dentry) {
   struct dentry *old_dentry;
   struct vfsmount *old_mnt;
   {
@@ -202,11 +202,11 @@ static void replace_place(struct fs_struct *fs, struct vfsmount **mnt, struct de
 }
 
 void set_fs_root(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry) {
-  replace_place(fs, &fs->rootmnt, &fs->root, mnt, dentry);
+  replace_path(fs, &fs->rootmnt, &fs->root, mnt, dentry);
 }
 
 void set_fs_pwd(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry) {
-  replace_place(fs, &fs->pwdmnt, &fs->pwd, mnt, dentry);
+  replace_path(fs, &fs->pwdmnt, &fs->pwd, mnt, dentry);
 }
 
 int ukern_namespace_start(struct vfsmount *root) {

@@ -2,8 +2,8 @@
 // The path walk: component by component from a dentry and mount to the next, through the dentry
 // cache, the file system's lookup, mounts and symbolic links.
 //
-// During a walk the nameidata owns a reference on its dentry and mount. Whatever fails releases
-// both, so that every error return from here on leaves the caller nothing to give back.
+// During a walk the nameidata owns a reference on its dentry and mount. Every error return has
+// released both.
 #include <linux/dcache.h>
 #include <linux/err.h>
 #include <linux/errno.h>
@@ -71,8 +71,8 @@ bool at_root(struct nameidata *nd) {
   return nd->dentry == current->fs->root && nd->mnt == current->fs->rootmnt;
 }
 
-// Asks the file system whether a cached dentry still holds. Returns it, or NULL (reference dropped)
-// when it does not and nobody's use kept it from being thrown out.
+// Revalidates a cached dentry. Returns it, or NULL with the reference dropped if it is invalid. A
+// directory in use that cannot be invalidated is returned, with WALK_DISOWNED in nd.
 struct dentry *revalidate(struct dentry *dentry, struct nameidata *nd) {
   if (!dentry->d_op || !dentry->d_op->d_revalidate) return dentry;
   current->walked = dentry;
@@ -93,8 +93,7 @@ int apply_d_hash(struct dentry *base, struct qstr *name) {
   return error < 0 ? error : 0;
 }
 
-// A new dentry through the file system's lookup, under the directory's i_mutex (held by the
-// caller).
+// Looks a name up in the file system, with a new dentry. The caller holds the directory's i_mutex.
 struct dentry *lookup_below(struct dentry *parent, struct qstr *name, struct nameidata *nd) {
   struct dentry *fresh = d_alloc(parent, name);
   if (!fresh) return static_cast<struct dentry *>(ERR_PTR(-ENOMEM));
@@ -105,8 +104,8 @@ struct dentry *lookup_below(struct dentry *parent, struct qstr *name, struct nam
   return other;
 }
 
-// The name is not in the cache: look again under the directory's lock, for another walk may have
-// brought it in meanwhile, then ask the file system.
+// For a name that is not in the cache. Searches the cache again under the directory's i_mutex,
+// since another walk may have added the name, then asks the file system.
 struct dentry *real_lookup(struct dentry *parent, struct qstr *name, struct nameidata *nd) {
   struct dentry *result;
   {
@@ -118,7 +117,8 @@ struct dentry *real_lookup(struct dentry *parent, struct qstr *name, struct name
   return result ? result : static_cast<struct dentry *>(ERR_PTR(-ENOENT));
 }
 
-// One component from nd's place, mounts on it included; `path` gets the references.
+// Looks up one component from nd's dentry and follows mounts on it. `path` gets a reference on the
+// dentry, and on the mount if one was crossed.
 int do_lookup(struct nameidata *nd, struct qstr *name, struct walk_path *path) {
   nd->flags &= ~WALK_DISOWNED;
   struct dentry *dentry = __d_lookup(nd->dentry, name);
@@ -136,7 +136,7 @@ void follow_mount(struct vfsmount **mnt, struct dentry **dentry) {
   }
 }
 
-// To the parent inside the mount; false at the mount's root.
+// Steps to the parent inside the mount; false at the mount's root.
 bool step_up(struct nameidata *nd) {
   struct dentry *old = nd->dentry;
   {
@@ -148,7 +148,7 @@ bool step_up(struct nameidata *nd) {
   return true;
 }
 
-// "..": never above the task's root; from the root of a mount to the directory that it covers.
+// "..": never above the task's root; at the root of a mount, the parent of its mount point.
 void follow_dotdot(struct nameidata *nd) {
   while (!at_root(nd)) {
     if (step_up(nd) || !follow_up(&nd->mnt, &nd->dentry)) break;
@@ -156,7 +156,7 @@ void follow_dotdot(struct nameidata *nd) {
   follow_mount(&nd->mnt, &nd->dentry);
 }
 
-// Follows a link inside a walk, within the limits on nesting and on their number.
+// Follows a link inside a walk, within the limits on the nesting and the number of links.
 int do_follow_link(struct walk_path *path, struct nameidata *nd) {
   if (current->link_count >= MAX_NESTED_LINKS || current->total_link_count >= kMaxLinks) {
     dput_path(path, nd);
@@ -173,8 +173,7 @@ int do_follow_link(struct walk_path *path, struct nameidata *nd) {
   return error;
 }
 
-// The walk ended without looking a name up ("/", ".", ".."): file systems that ask for it check the
-// place.
+// Ends a walk without a lookup ("/", ".", ".."): revalidates in file systems with FS_REVAL_DOT.
 int finish_in_place(struct nameidata *nd) {
   struct dentry *dentry = nd->dentry;
   if (dentry->d_sb && (dentry->d_sb->s_type->fs_flags & FS_REVAL_DOT) &&
@@ -183,7 +182,7 @@ int finish_in_place(struct nameidata *nd) {
   return 0;
 }
 
-// A component with others behind it: must lead to a directory.
+// Walks a component with others behind it: it must lead to a directory.
 int walk_inner(struct nameidata *nd, struct qstr *part) {
   struct walk_path next;
   int error = apply_d_hash(nd->dentry, part);
@@ -207,7 +206,7 @@ int walk_inner(struct nameidata *nd, struct qstr *part) {
 }
 
 int walk_last(struct nameidata *nd, struct qstr *part, unsigned flags) {
-  // The flag stays set where an outer walk, of which this is a link's text, goes on.
+  // LOOKUP_CONTINUE stays set if this is a link's text and the outer walk continues.
   nd->flags &= flags | ~LOOKUP_CONTINUE;
   const int type = component_type(part);
   if (flags & LOOKUP_PARENT) {
@@ -237,12 +236,12 @@ int walk_last(struct nameidata *nd, struct qstr *part, unsigned flags) {
 }
 
 int walk_components(const char *name, struct nameidata *nd) {
-  // Inside a link only the directory below which the walk goes on matters; the end of its text is
-  // always followed.
+  // Inside a link's text the last component is always followed, and of the flags only
+  // LOOKUP_CONTINUE counts.
   unsigned flags = nd->depth ? LOOKUP_FOLLOW | (nd->flags & LOOKUP_CONTINUE) : nd->flags;
   while (*name == '/') name++;
   if (!*name) {
-    nd->last_type = LAST_ROOT;  // not what a walk before this link's text may have left
+    nd->last_type = LAST_ROOT;  // replaces the value of the walk before this link's text
     return finish_in_place(nd);
   }
 
@@ -270,13 +269,13 @@ int walk_components(const char *name, struct nameidata *nd) {
   }
 }
 
-// Somebody else holds the place as well where the walk starts.
+// The caller has a second reference on the start of the walk.
 int walk_from_held(const char *name, struct nameidata *nd) {
   might_sleep();
   const struct nameidata start = *nd;
   const int error = walk_components(name, nd);
   if (error != -ESTALE) return error;
-  // The cache led astray: once more, with every file system told not to trust it.
+  // A cached dentry was stale: walks again, with every file system told to revalidate.
   *nd = start;
   dget(nd->dentry);
   mntget(nd->mnt);
@@ -294,7 +293,7 @@ int follow_text(struct nameidata *nd, const char *link) {
   const int error = link_path_walk(link, nd);
   if (nd->depth || error || nd->last_type != LAST_NORM) return error;
 
-  // open_namei follows by hand and needs the last name after the text is gone.
+  // open_namei follows links itself and needs the last name after the text is freed.
   auto *name = static_cast<char *>(__getname());
   if (!name) return fail(nd, -ENOMEM);
   strcpy(name, reinterpret_cast<const char *>(nd->last.name));
@@ -360,8 +359,7 @@ int follow_down(struct vfsmount **mnt, struct dentry **dentry) {
   return 1;
 }
 
-// Not follow_down in a loop: the first mount of the path is not its own reference but that of the
-// nameidata.
+// Not follow_down in a loop: the reference on the first mount is the nameidata's, not the path's.
 int __follow_mount(struct walk_path *path) {
   int crossed = 0;
   while (d_mountpoint(path->dentry)) {
@@ -382,15 +380,15 @@ int __do_follow_link(struct walk_path *path, struct nameidata *nd) {
   touch_atime(path->mnt, dentry);
   nd_set_link(nd, nullptr);
 
-  // The walk goes on from the link's directory, which is nd's place, unless a mount was crossed on
-  // the way to the link: then from the link itself, as far as its text is relative.
+  // A relative text continues at nd, the link's directory. If a mount was crossed on the way to the
+  // link, it continues at the link itself.
   if (path->mnt != nd->mnt) {
     path_to_nameidata(path, nd);
     dget(dentry);
   }
   mntget(path->mnt);
-  // An error pointer says that follow_link has released nd as well: this is where a file system
-  // that cannot read its link leaks, unless it does so or reports the error as the link's text.
+  // An error pointer means that follow_link has released nd too. A file system that cannot read its
+  // link must do so, or report the error as the link's text; otherwise nd leaks.
   void *cookie = inode->i_op->follow_link(dentry, nd);
   int error = 0;
   if (IS_ERR(cookie)) {
@@ -440,7 +438,7 @@ int path_lookup(const char *name, unsigned flags, struct nameidata *nd) {
   return path_lookup_from(nullptr, name, flags, nd);
 }
 
-// A name from user memory, for __putname. ERR_PTR: -EFAULT, -ENOENT for the empty name,
+// Copies a name from user memory, for __putname. ERR_PTR: -EFAULT, -ENOENT for the empty name,
 // -ENAMETOOLONG, -ENOMEM.
 char *getname(const char __user *filename) {
   auto *name = static_cast<char *>(__getname());
@@ -487,7 +485,7 @@ struct dentry *lookup_create(struct nameidata *nd, int is_dir) {
   nd->intent.open.flags = O_EXCL;
   struct dentry *dentry = lookup_hash(nd);
   if (IS_ERR(dentry)) return dentry;
-  // A slash behind the name asks for a directory, which is not what is about to be made.
+  // A trailing slash is for directories, and the caller creates none.
   if (!is_dir && nd->last.name[nd->last.len] && !dentry->d_inode) {
     dput(dentry);
     return static_cast<struct dentry *>(ERR_PTR(-ENOENT));

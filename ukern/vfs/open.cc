@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// From a dentry to an open file and back; the size of a file; the figures of its file system.
+// Opening and closing files, truncation, and statfs.
 #include <linux/err.h>
 #include <linux/errno.h>
 #include <linux/fcntl.h>
@@ -23,8 +23,7 @@ const struct file_operations *fops_get(const struct file_operations *fops) {
   return fops && try_module_get(fops->owner) ? fops : nullptr;
 }
 
-// The file takes over the references on the dentry and the mount; after an error they and the file
-// are gone.
+// Consumes the references on the dentry and the mount; on an error also the file.
 struct file *open_dentry(struct dentry *dentry, struct vfsmount *mnt, int flags, struct file *f) {
   struct inode *inode = dentry->d_inode;
   int error = 0;
@@ -46,7 +45,7 @@ struct file *open_dentry(struct dentry *dentry, struct vfsmount *mnt, int flags,
   file_move(f, &inode->i_sb->s_files);
   if (f->f_op && f->f_op->open) error = f->f_op->open(inode, f);
   if (error) {
-    // Not fput: what was never opened is not released.
+    // Not fput: a file that was never opened is not released.
     if (f->f_op) module_put(f->f_op->owner);
     if (f->f_mode & FMODE_WRITE) put_write_access(inode);
     file_kill(f);
@@ -60,7 +59,7 @@ struct file *open_dentry(struct dentry *dentry, struct vfsmount *mnt, int flags,
 
   f->f_flags &= ~(O_CREAT | O_EXCL | O_NOCTTY | O_TRUNC);
   file_ra_state_init(&f->f_ra, f->f_mapping->host->i_mapping);
-  // Asked only now: the open operation may have chosen another mapping.
+  // Checked only now: the open operation may have chosen another mapping.
   if ((f->f_flags & O_DIRECT) && (!f->f_mapping->a_ops || !f->f_mapping->a_ops->direct_IO)) {
     fput(f);
     return static_cast<struct file *>(ERR_PTR(-EINVAL));
@@ -86,7 +85,7 @@ struct file *dentry_open(struct dentry *dentry, struct vfsmount *mnt, int flags)
 struct file *filp_open_from(const struct walk_path *base, const char *name, int flags, int mode) {
   struct nameidata nd;
   int walk_flags = flags;
-  // To the numbering of the walk; the special mode 3 is its own.
+  // The walk numbers access modes from one; mode 3 stays as it is.
   if ((walk_flags + 1) & O_ACCMODE) walk_flags++;
   const int error = open_namei_from(base, name, walk_flags, mode, &nd);
   return error ? static_cast<struct file *>(ERR_PTR(error)) : nameidata_to_filp(&nd, flags);

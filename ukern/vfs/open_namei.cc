@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// The walk of open(2): to an existing object, or to the parent of one that may have to be made,
-// with the intent carried along in the nameidata so that file systems can open in one step.
+// The path walk of open(2): to an existing object, or to the parent of one that may have to be
+// created. The intent in the nameidata lets file systems open in one step.
 //
 // Flags here have their low two bits shifted by one from those of the system call: 1 read, 2 write,
 // 3 both.
@@ -22,10 +22,10 @@
 
 namespace {
 
-constexpr int kMaxLastLinks = 32;  // followed one after the other at the end of a name to create
+constexpr int kMaxLastLinks = 32;  // links followed at the end of a name to create
 
-// The permissions that an open needs. Truncating is writing; security modules tell appending from
-// writing.
+// The permissions that an open needs. Truncating is writing; security modules distinguish
+// appending.
 int access_mode(int flag) {
   static const unsigned char mode[] = {0, MAY_READ, MAY_WRITE, MAY_READ | MAY_WRITE};
   int acc_mode = mode[flag & O_ACCMODE];
@@ -40,8 +40,8 @@ unsigned walk_flags(int flag) {
   return flags;
 }
 
-// A walk whose intent is to open; without an error nd->intent.open.file is an empty file, or the
-// one that the file system has opened.
+// Walks with the intent to open. On success nd->intent.open.file is an unopened file, or the one
+// that the file system has opened.
 int walk_to_open(const struct walk_path *base, const char *name, unsigned flags,
                  struct nameidata *nd, int open_flags, int create_mode) {
   struct file *file = get_empty_filp();
@@ -72,8 +72,8 @@ int check_open(struct nameidata *nd, int acc_mode, int flag) {
   return error ? give_up(nd, error) : 0;
 }
 
-// The last component below nd's directory, made there if nobody has the name. True: `*error` says
-// what came of making it.
+// Looks the last component up in nd's directory, and creates it if the name is free. True: a
+// creation was tried, with the result `*error`.
 bool lookup_or_create(struct nameidata *nd, struct walk_path *path, int mode, int *error) {
   struct inode *dir = nd->dentry->d_inode;
   MutexGuard guard(dir->i_mutex);
@@ -85,12 +85,12 @@ bool lookup_or_create(struct nameidata *nd, struct walk_path *path, int mode, in
   return true;
 }
 
-// The name exists as a link: on to its target's parent, with nd->last a copy that `*copy` names.
-// Returns 1 when the link led to an object by other means than a name.
+// The name is a link: walks to its target's parent. nd->last becomes a copy, to which `*copy`
+// points. Returns 1 when the link led to an object without a name (LAST_BIND).
 int follow_last(struct nameidata *nd, struct walk_path *path, int *links, char **copy) {
   nd->flags |= LOOKUP_PARENT;
-  // Not as a nested link: the walk below it then leaves the last component alone, as LOOKUP_PARENT
-  // says.
+  // Not as a nested link, so that the walk of its text stops before the last component, as
+  // LOOKUP_PARENT says.
   const int error = __do_follow_link(path, nd);
   if (error) {
     if (!IS_ERR(nd->intent.open.file)) release_open_intent(nd);
@@ -108,17 +108,18 @@ int follow_last(struct nameidata *nd, struct walk_path *path, int *links, char *
   return give_up(nd, refused);
 }
 
-// The name was made, or not. On success `nd` stands on it, else nothing is left to release.
-int take_created(struct nameidata *nd, struct walk_path *path, int error, int flag) {
+// Ends a creation with the result `error`. On success `nd` is at the new object, else everything
+// has been released.
+int finish_created(struct nameidata *nd, struct walk_path *path, int error, int flag) {
   dput(nd->dentry);
   nd->dentry = path->dentry;
-  // Whoever makes a file may open it whatever its mode says, and there is nothing to truncate.
+  // The creator may open the file whatever its mode says, and there is nothing to truncate.
   return error ? give_up(nd, error) : check_open(nd, 0, flag & ~O_TRUNC);
 }
 
-// What to do with a last component that exists: 0 with `nd` on it, 1 for a link to follow, or an
-// error after which nothing is left to release.
-int take_existing(struct nameidata *nd, struct walk_path *path, int flag) {
+// Handles an existing last component: 0 with `nd` at it, 1 for a link to follow, or an error after
+// which everything has been released.
+int check_existing(struct nameidata *nd, struct walk_path *path, int flag) {
   int error = 0;
   struct inode *inode;
   if (flag & O_EXCL)
@@ -140,20 +141,20 @@ int take_existing(struct nameidata *nd, struct walk_path *path, int flag) {
 
 int open_or_create(struct nameidata *nd, int acc_mode, int flag, int mode) {
   int links = 0;
-  char *copy = nullptr;  // the last name, when a link gave it
+  char *copy = nullptr;  // the last name if a link gave it
   for (;;) {
     struct walk_path path;
     int error;
     const bool made = lookup_or_create(nd, &path, mode, &error);
     if (copy) __putname(copy);
     copy = nullptr;
-    if (made) return take_created(nd, &path, error, flag);
+    if (made) return finish_created(nd, &path, error, flag);
     if (IS_ERR(path.dentry)) return give_up(nd, static_cast<int>(PTR_ERR(path.dentry)));
     if (IS_ERR(nd->intent.open.file)) {
       dput_path(&path, nd);
       return give_up(nd, static_cast<int>(PTR_ERR(nd->intent.open.file)));
     }
-    int result = take_existing(nd, &path, flag);
+    int result = check_existing(nd, &path, flag);
     if (result == 1)
       result = follow_last(nd, &path, &links, &copy);
     else if (!result)
@@ -191,8 +192,8 @@ int may_open(struct nameidata *nd, int acc_mode, int flag) {
   int error = vfs_permission(nd, acc_mode);
   if (error) return error;
 
-  // Special files live elsewhere than on their file system: one that is read-only can still be
-  // written to.
+  // The data of a special file is not in its file system: on a read-only one it can still be
+  // written.
   if (device && (nd->mnt->mnt_flags & MNT_NODEV)) return -EACCES;
   if (device || S_ISFIFO(mode) || S_ISSOCK(mode))
     flag &= ~O_TRUNC;
@@ -214,7 +215,7 @@ int may_open(struct nameidata *nd, int acc_mode, int flag) {
 }
 
 int finish_open_walk(struct nameidata *nd, int flag) {
-  // A walk asks for a directory by itself; one that ended where it began did not.
+  // A walk checks this itself, but an open without a walk comes here too.
   if ((flag & O_DIRECTORY) && !S_ISDIR(nd->dentry->d_inode->i_mode)) return give_up(nd, -ENOTDIR);
   return check_open(nd, access_mode(flag), flag);
 }

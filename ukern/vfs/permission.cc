@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Who may do what with an inode: mode bits, groups and capabilities, and the count of writers that
-// keeps writing and running a file apart.
+// Permission checks by mode bits, groups and capabilities, and the count of writers, which prevents
+// writing and executing a file at once.
 #include <linux/capability.h>
 #include <linux/errno.h>
 #include <linux/fs.h>
@@ -13,8 +13,8 @@
 
 namespace {
 
-// Privilege stands in for read and write always, for execute only where somebody may execute at
-// all: otherwise every data file would be a program to root.
+// Capabilities always override read and write permission, but execute permission only if an execute
+// bit is set: otherwise root could execute every data file.
 bool capability_allows(struct inode *inode, int mask) {
   const bool is_dir = S_ISDIR(inode->i_mode);
   if ((!(mask & MAY_EXEC) || (inode->i_mode & S_IXUGO) || is_dir) && capable(CAP_DAC_OVERRIDE))
@@ -48,11 +48,11 @@ int permission(struct inode *inode, int mask, struct nameidata *nd) {
     if (IS_RDONLY(inode) && (S_ISREG(mode) || S_ISDIR(mode) || S_ISLNK(mode))) return -EROFS;
     if (IS_IMMUTABLE(inode)) return -EACCES;
   }
-  // Before the file system is asked: no operation of its own can make a file without any execute
-  // bit run.
+  // Before the file system's own check, which cannot allow executing a file without any execute
+  // bit.
   if ((mask & MAY_EXEC) && S_ISREG(mode) && !(mode & S_IXUGO)) return -EACCES;
 
-  mask &= ~MAY_APPEND;  // means something only to security modules
+  mask &= ~MAY_APPEND;  // for security modules only
   if (inode->i_op && inode->i_op->permission) return inode->i_op->permission(inode, mask, nd);
   return generic_permission(inode, mask, nullptr);
 }
@@ -61,8 +61,8 @@ int vfs_permission(struct nameidata *nd, int mask) {
   return permission(nd->dentry->d_inode, mask, nd);
 }
 
-// i_writecount: above zero so many writers, below zero so many who deny writing. Only the step away
-// from zero needs the lock; whoever already counts may go up and down freely.
+// i_writecount: positive counts writers, negative counts those that deny writing. Only the step
+// away from zero needs the lock.
 int get_write_access(struct inode *inode) {
   int error = 0;
   SpinGuard guard(inode->i_lock);

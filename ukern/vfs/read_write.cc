@@ -20,7 +20,7 @@ namespace {
 // checks.
 constexpr size_t kMaxCount = 0x7fffffff & ~static_cast<size_t>(PAGE_CACHE_SIZE - 1);
 
-// An operation that returned -EIOCBRETRY waits for the kick that it promised.
+// Waits for the kick that an operation promised with -EIOCBRETRY.
 void wait_for_kick(struct kiocb *iocb) {
   set_current_state(TASK_UNINTERRUPTIBLE);
   if (!kiocbIsKicked(iocb))

@@ -9,8 +9,8 @@
 
 extern "C" {
 
-// From the file's position on; `filler` is called for each entry until it refuses one. 0 at the end
-// too. The directory's i_mutex is held meanwhile. -ENOTDIR without the operation, -ENOENT in a
+// Calls `filler` for each entry from the file's position on until it refuses one. 0, also at the
+// end. Holds the directory's i_mutex meanwhile. -ENOTDIR without the operation, -ENOENT in a
 // removed directory.
 int vfs_readdir(struct file *file, filldir_t filler, void *buf) {
   struct inode *inode = file->f_dentry->d_inode;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Text in a bounded buffer. A text that does not fit fills the buffer up, which its reader takes as
-// "too small".
+// Text in a bounded buffer. A text that does not fit sets count to size, which tells the reader
+// that the buffer is too small.
 
 #include <linux/seq_file.h>
 
@@ -40,7 +40,7 @@ int seq_printf(struct seq_file *m, const char *format, ...) {
   return 0;
 }
 
-// Writes one character, as three octal digits when it is among `esc`. The position behind it, or
+// Writes one character, as three octal digits if it is in `esc`. Returns the position behind it, or
 // NULL.
 static char *put_escaped(char *to, const char *end, char c, const char *esc) {
   if (!strchr(esc, c)) {
@@ -74,7 +74,7 @@ int seq_path(struct seq_file *m, struct vfsmount *mnt, struct dentry *dentry, ch
   if (m->count >= m->size) return overflow(m);
   path = d_path(dentry, mnt, start, static_cast<int>(m->size - m->count));
   if (IS_ERR(path)) return overflow(m);
-  // The path stands at the end of the same buffer: what is written must not run into what is still
+  // The path is at the end of the same buffer: the output must not overwrite the part that is still
   // to be read.
   for (; *path; path++) {
     to = put_escaped(to, path + 1, *path, esc);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Special files: what they do when they are opened.
+// The open operations of special files.
 
 #include <linux/errno.h>
 #include <linux/fs.h>

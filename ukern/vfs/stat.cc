@@ -28,7 +28,7 @@ int vfs_getattr(struct vfsmount *mnt, struct dentry *dentry, struct kstat *stat)
 
   generic_fillattr(inode, stat);
   if (!stat->blksize) {
-    // A file system that keeps no such figures: those of its size.
+    // A file system without block counts: derives them from the size.
     struct super_block *sb = inode->i_sb;
     const unsigned long long blocks =
         (static_cast<unsigned long long>(stat->size) + sb->s_blocksize - 1) >> sb->s_blocksize_bits;

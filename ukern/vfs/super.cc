@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
-// Super blocks: making, finding, counting and shutting down, and the anonymous devices they stand
-// on.
+// Super blocks: allocation, lookup, references and shutdown, and their anonymous devices.
 //
-// s_count keeps the memory, S_BIAS of it standing for "active"; s_active counts the mounts.
-// s_umount is held for writing while a super block is filled in and while it is shut down.
+// s_count references the memory; all active references together count as S_BIAS of it. s_active
+// counts the mounts. s_umount is held for writing while a super block is filled in and while it is
+// shut down.
 
 #include "ukern/vfs/super_internal.h"
 
@@ -104,8 +104,8 @@ void deactivate_super(struct super_block *s) {
   put_super(s);
 }
 
-// Makes a count of the memory a further use; false if the super block is on its way out. s_umount
-// is held for writing.
+// Turns an s_count reference into an active one; false if the super block is being shut down.
+// s_umount is held for writing.
 static bool activate(struct super_block *s) {
   if (!s->s_root) return false;
   SpinGuard guard(sb_lock);
@@ -116,8 +116,8 @@ static bool activate(struct super_block *s) {
   return true;
 }
 
-// Takes a further use of a super block, with s_umount held for writing; false if it was on its way
-// out. Consumes a count.
+// Takes an active reference and s_umount for writing; false if the super block was being shut down.
+// Consumes an s_count reference.
 static bool grab_super(struct super_block *s) {
   down_write(&s->s_umount);
   if (activate(s)) return true;
@@ -143,8 +143,8 @@ static struct super_block *find_super_locked(struct file_system_type *type,
   return nullptr;
 }
 
-static int enter_super_locked(struct super_block *fresh, struct file_system_type *type,
-                              int (*set)(struct super_block *, void *), void *data) {
+static int register_super_locked(struct super_block *fresh, struct file_system_type *type,
+                                 int (*set)(struct super_block *, void *), void *data) {
   const int err = set(fresh, data);
   if (err) return err;
   fresh->s_type = type;
@@ -165,7 +165,7 @@ struct super_block *sget(struct file_system_type *type, int (*test)(struct super
       SpinGuard guard(sb_lock);
       old = find_super_locked(type, test, data);
       if (old && !fresh) old->s_count++;
-      if (!old && fresh) err = enter_super_locked(fresh, type, set, data);
+      if (!old && fresh) err = register_super_locked(fresh, type, set, data);
     }
     if (!old && !fresh) {
       fresh = alloc_super(type);
@@ -173,7 +173,8 @@ struct super_block *sget(struct file_system_type *type, int (*test)(struct super
     } else if (!fresh) {
       if (grab_super(old)) return old;
     } else if (old || err) {
-      // A spare one is given up first: its s_umount is of the class that is about to be taken.
+      // Frees the spare one first: its s_umount, which is held, is of the class that is about to be
+      // taken.
       discard_new_super(fresh);
       fresh = nullptr;
       if (err) return static_cast<struct super_block *>(ERR_PTR(err));
@@ -184,7 +185,7 @@ struct super_block *sget(struct file_system_type *type, int (*test)(struct super
   }
 }
 
-// The lowest number that is free, or kMinors. minors_lock is held.
+// The lowest free minor, or kMinors. minors_lock is held.
 static unsigned long free_minor_locked(void) {
   for (unsigned long word = 0; word < kMinors / BITS_PER_LONG; word++) {
     if (~minors[word])
@@ -202,8 +203,7 @@ int set_anon_super(struct super_block *s, void *) {
   return 0;
 }
 
-// Frees all dentries and inodes of a super block that has a root, telling of those that are still
-// used.
+// Frees all dentries and inodes of a super block that has a root, and reports those in use.
 static void evict_super(struct super_block *sb) {
   struct super_operations *op = sb->s_op;
   struct dentry *root = sb->s_root;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The seam between super.cc, super_sync.cc and the debug reports. */
+/* Shared by super.cc, super_sync.cc and the debug reports. */
 #ifndef UKERN_VFS_SUPER_INTERNAL_H
 #define UKERN_VFS_SUPER_INTERNAL_H
 
@@ -10,15 +10,15 @@ extern "C" {
 #endif
 
 #if UKERN_DEBUG
-/* Notes a change of s_active in the super block's log; drops the log. */
+/* Logs a change of s_active; frees the log. */
 void ukern_super_ref(struct super_block *sb, int change);
 void ukern_super_forget(struct super_block *sb);
 
-/* Calls get_sb while mount_depth says how many file systems the new one is to lie on. */
+/* Calls get_sb; meanwhile mount_depth returns the number of file systems below the new one. */
 int get_sb_at_depth(struct file_system_type *type, int flags, const char *name, void *data,
                     struct vfsmount *mnt);
 unsigned mount_depth(void);
-/* The locks of a new super block have been initialised. */
+/* Takes over the depth from the locks of a new super block. */
 void note_super_depth(struct super_block *sb);
 #else
 static inline void ukern_super_ref(struct super_block *, int) {}

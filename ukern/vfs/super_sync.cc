@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// What is done to every super block, or to one as a whole: writing its own state, remounting it.
+// Operations on every super block, or on one as a whole: sync and remount.
 
 #include "ukern/vfs/super_internal.h"
 
@@ -30,8 +30,7 @@ again:
 }
 
 void sync_filesystems(int wait) {
-  static DEFINE_MUTEX(
-      one_at_a_time);  // s_need_sync_fs says which are still to be done in this round
+  static DEFINE_MUTEX(one_at_a_time);  // s_need_sync_fs marks those left in this round
   struct super_block *sb;
 
   MutexGuard round_guard(one_at_a_time);

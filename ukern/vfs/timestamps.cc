@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// The time stamps of inodes: the present as a file system keeps it, access and modification.
+// The time stamps of inodes: the current time in a file system's granularity, access and
+// modification.
 
 #include <linux/fs.h>
 #include <linux/mount.h>
@@ -10,7 +11,7 @@ struct timespec current_fs_time(struct super_block *sb) {
   return timespec_trunc(now, sb->s_time_gran);
 }
 
-// Are access times of the inode not kept, by its own flags, its file system's or the mount's?
+// Whether flags of the inode, its file system or the mount turn access times off.
 static bool atime_is_off(struct vfsmount *mnt, struct inode *inode) {
   const bool dir = S_ISDIR(inode->i_mode);
   const unsigned long fs_flags = inode->i_sb->s_flags;

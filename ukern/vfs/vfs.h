@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * What the parts of the VFS share among themselves and with the boot: start and stop of each part,
- * the caches' limit and the debug reports. Not seen by file systems or modules.
+ * Shared by the parts of the VFS and the boot: start and stop of each part, the caches' limit and
+ * the debug reports. Not for file systems or modules.
  */
 #ifndef UKERN_VFS_VFS_H
 #define UKERN_VFS_VFS_H
@@ -27,7 +27,7 @@ void mnt_exit(void);
 int cache_pruner_start(void);
 void cache_pruner_stop(void);
 
-/* Counts that are changed under a lock and looked at without. */
+/* Counts that are changed under a lock and read without it. */
 static inline void stat_add(int *count, int change) {
   __atomic_store_n(count, *count + change, __ATOMIC_RELAXED);
 }
@@ -35,42 +35,43 @@ static inline int stat_read(const int *count) {
   return __atomic_load_n(count, __ATOMIC_RELAXED);
 }
 
-/* Change where `fs` stands; a null mount takes the place away. References are taken and dropped. */
+/* Change the root or the working directory of `fs`; a null mount clears it. They take and drop the
+ * references. */
 void set_fs_root(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry);
 void set_fs_pwd(struct fs_struct *fs, struct vfsmount *mnt, struct dentry *dentry);
 
 struct vfsmount *__lookup_mnt(struct vfsmount *mnt,
                               struct dentry *dentry); /* under vfsmount_lock */
 int __put_super(struct super_block *sb);              /* under sb_lock */
-/* Gives an s_count back under sb_lock: 1 when the super block has left the list, so that a walk
- * starts again. */
+/* Drops an s_count reference under sb_lock. 1 when the super block has left the list, so that a
+ * walk must restart. */
 int __put_super_and_need_restart(struct super_block *sb);
 void put_filesystem(struct file_system_type *fs);
 void get_filesystem(struct file_system_type *fs);
-/* Writes everything of one super block, waits. */
+/* Writes a super block back and waits. */
 int fsync_super(struct super_block *sb);
 
 /*
- * Unused dentries, and unused inodes, are kept up to this many each; a kernel thread frees what is
- * above it soon, and whoever makes a new dentry at twice the number does so at once.
+ * Limit of unused dentries, and of unused inodes. A kernel thread soon frees those above it;
+ * d_alloc frees dentries at twice the limit.
  */
 extern int ukern_cache_limit;
 #define UKERN_CACHE_LIMIT_DEFAULT 20000
-/* Changes the limit; the pruner sees to it that it holds. */
+/* Changes the limit and wakes the pruner if necessary. */
 void set_cache_limit(unsigned limit);
 /* Frees every unused dentry and inode. May sleep. */
 void drop_caches(void);
-/* Looks whether the pruner has work, and wakes it. Any context that may take a spin lock. */
+/* Wakes the pruner if it has work. Any context that may take a spin lock. */
 void cache_pruner_kick(void);
-/* Free up to `count` unused ones, the least recently used first. May sleep. */
+/* Free up to `count` unused dentries or inodes, the least recently used first. May sleep. */
 void prune_dcache(int count);
 void prune_icache(int count);
 
 #if UKERN_DEBUG
 /*
- * Report each dentry below `root` that somebody still uses although its super block is going,
- * `spare` being the references on the root itself that are accounted for; each inode of a super
- * block that is left; each mount and each super block. The number of them.
+ * Report leaks and return their number: dentries below `root` in use when its super block is shut
+ * down (`spare`: expected references on the root itself), inodes left in a super block, mounts,
+ * super blocks.
  */
 int dcache_report_busy(struct dentry *root, int spare);
 int inode_report_busy(struct super_block *sb);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Start and end of the VFS, and of its root.
+// Start and end of the VFS and of its root mount.
 
 #include "ukern/vfs/mount_internal.h"
 

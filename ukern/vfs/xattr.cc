@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Extended attributes: who may touch which name space, and the file system's operations.
+// Extended attributes: permissions by name space, and the file system's operations.
 #include <linux/capability.h>
 #include <linux/errno.h>
 #include <linux/fs.h>
@@ -25,15 +25,15 @@ int xattr_permission(struct inode *inode, const char *name, int mask) {
   // Left to the file system.
   if (in_space(name, XATTR_SECURITY_PREFIX) || in_space(name, XATTR_SYSTEM_PREFIX)) return 0;
   if (in_space(name, XATTR_TRUSTED_PREFIX)) return capable(CAP_SYS_ADMIN) ? 0 : -EPERM;
-  // Users' attributes count against nobody's quota on special files and links, which anyone may
-  // write to, and in directories like /tmp.
+  // Anyone may write to special files and links, and to sticky directories like /tmp: user
+  // attributes there would count against nobody's quota.
   if (in_space(name, XATTR_USER_PREFIX) && !S_ISREG(inode->i_mode) &&
       (!S_ISDIR(inode->i_mode) || (inode->i_mode & S_ISVTX)))
     return -EPERM;
   return permission(inode, mask, nullptr);
 }
 
-// Without a security module the attributes that belong to one are an administrator's to change.
+// Without a security module only an administrator may change security attributes.
 int security_permission(const char *name) {
   return in_space(name, XATTR_SECURITY_PREFIX) && !capable(CAP_SYS_ADMIN) ? -EPERM : 0;
 }

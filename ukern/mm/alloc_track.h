@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Debug builds: a record of every block that the allocator has given out, with its owner and the
- * place. Owns its records, takes no kernel lock, never sleeps. Release builds record nothing and
- * believe every owner.
+ * Debug builds: a record of every allocated block, with its owner and call stack. Owns its records,
+ * takes no kernel lock, never sleeps. Release builds record and check nothing.
  */
 #ifndef UKERN_MM_ALLOC_TRACK_H
 #define UKERN_MM_ALLOC_TRACK_H
@@ -19,12 +18,13 @@ extern "C" {
 
 /* `owner`: the cache, or null for kmalloc. False without memory. */
 bool alloc_track_add(const void *block, size_t size, const void *owner);
-/* Forgets the block and tells its size; false (and a report) when it was not given out by `owner`.
- */
+/* Removes the block's record and sets its size; false, with a report, if `owner` has not allocated
+ * it. */
 bool alloc_track_remove(const void *block, const void *owner, const char *owner_name, size_t *size);
-/* How many blocks of the owner are out; the first few go into the report, if there is one. */
+/* Number of allocated blocks of the owner; the first few are added to the report, if there is
+ * one. */
 unsigned long alloc_track_count(const void *owner, struct bug_report *report);
-/* Gives every block that is still out back to the host. */
+/* Returns every allocated block to the host. */
 void alloc_track_free_all(void);
 
 #ifdef __cplusplus

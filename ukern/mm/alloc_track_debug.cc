@@ -12,7 +12,7 @@
 namespace {
 
 constexpr unsigned kBucketBits = 14;
-constexpr unsigned kWords = 64;  // each guards every 64th bucket
+constexpr unsigned kWords = 64;  // each protects every 64th bucket
 constexpr unsigned kShown = 8;
 
 struct Record {

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Fault points: every allocation asks here first whether it is the one that a test wants to fail.
- * Images for tests count them per calling thread (ukern/testing/uk_fault.h); in others none fails.
+ * Fault points: every allocation first asks here whether a test wants it to fail. Test images count
+ * fault points per calling thread (ukern/testing/uk_fault.h); in other images none fails.
  */
 #ifndef UKERN_MM_FAULT_H
 #define UKERN_MM_FAULT_H

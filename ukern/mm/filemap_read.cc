@@ -13,8 +13,8 @@
 
 namespace {
 
-// The page is locked and not up to date. Reads it: true when it is up to date afterwards; otherwise
-// it has been released, and *error is 0 when the caller must look the index up again.
+// Reads a locked page that is not up to date. True: it is up to date now. False: it has been
+// released; if *error is 0 the caller must look the index up again.
 bool fill_page(struct address_space *mapping, struct file *filp, struct page *page, int *error) {
   const int result = mapping->a_ops->readpage(filp, page);  // unlocks it
   if (result == 0 && !PageUptodate(page)) {
@@ -33,7 +33,7 @@ bool fill_page(struct address_space *mapping, struct file *filp, struct page *pa
   return false;
 }
 
-// A page for this index, locked for reading it in. NULL and *error 0: somebody else was quicker.
+// Adds a locked page for this index to the cache. NULL with *error 0: another task has added one.
 struct page *new_page(struct address_space *mapping, unsigned long index, int *error) {
   struct page *page = page_cache_alloc(mapping);
   *error = page ? add_to_page_cache_lru(page, mapping, index, GFP_KERNEL) : -ENOMEM;
@@ -43,7 +43,7 @@ struct page *new_page(struct address_space *mapping, unsigned long index, int *e
   return nullptr;
 }
 
-// The page at an index, up to date, with a reference; NULL with *error set when it cannot be had.
+// Gets the page at an index, up to date, with a reference; NULL with *error set on a failure.
 struct page *get_filled_page(struct address_space *mapping, struct file *filp, unsigned long index,
                              int *error) {
   *error = 0;
@@ -68,7 +68,7 @@ struct page *get_filled_page(struct address_space *mapping, struct file *filp, u
   return nullptr;
 }
 
-// How many bytes of the page at `index` lie inside the file, from `offset` on.
+// Number of bytes of the page at `index` that lie inside the file, from `offset` on.
 unsigned long bytes_in_file(struct inode *inode, unsigned long index, unsigned long offset) {
   const loff_t size = i_size_read(inode);
   const loff_t from =
@@ -92,7 +92,7 @@ void do_generic_mapping_read(struct address_space *mapping, struct file_ra_state
   unsigned long index = static_cast<unsigned long>(*ppos >> PAGE_CACHE_SHIFT);
   unsigned long offset = static_cast<unsigned long>(*ppos & ~PAGE_CACHE_MASK);
   unsigned long prev_index =
-      __atomic_load_n(&ra->prev_page, __ATOMIC_RELAXED);  // several readers of one file
+      __atomic_load_n(&ra->prev_page, __ATOMIC_RELAXED);  // a file may have several readers
 
   while (bytes_in_file(inode, index, offset)) {
     cond_resched();
@@ -102,7 +102,7 @@ void do_generic_mapping_read(struct address_space *mapping, struct file_ra_state
       desc->error = error;
       break;
     }
-    // The size again: the page was perhaps read after a truncation.
+    // The size again: the page may have been read after a truncation.
     const unsigned long bytes = bytes_in_file(inode, index, offset);
     if (!bytes) {
       page_cache_release(page);

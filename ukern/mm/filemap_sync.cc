@@ -27,8 +27,8 @@ int write_range(struct address_space *mapping, loff_t start, loff_t end,
   return do_writepages(mapping, &wbc);
 }
 
-// Takes a tagged page's lock and its dirty mark; false (and unlocked) when there is nothing to
-// write any more.
+// Locks a tagged page and clears its dirty flag; false, with the page unlocked, if there is nothing
+// to write any more.
 bool claim_for_writing(struct address_space *mapping, struct page *page, pgoff_t end,
                        const struct writeback_control *wbc) {
   lock_page(page);
@@ -40,7 +40,7 @@ bool claim_for_writing(struct address_space *mapping, struct page *page, pgoff_t
   return false;
 }
 
-// One page through a_ops->writepage, its error noted in the mapping.
+// Writes a page and records an error in the mapping.
 int write_claimed(struct address_space *mapping, struct page *page, struct writeback_control *wbc) {
   const int error = mapping->a_ops->writepage(page, wbc);
   if (error) set_bit(error == -ENOSPC ? AS_ENOSPC : AS_EIO, &mapping->flags);
@@ -49,7 +49,7 @@ int write_claimed(struct address_space *mapping, struct page *page, struct write
 }
 
 struct pass {
-  pgoff_t index;  // where the search goes on
+  pgoff_t index;  // where the search continues
   pgoff_t end;
   bool done = false;
   bool found = false;  // any tagged page at all
@@ -154,7 +154,7 @@ int filemap_fdatawait(struct address_space *mapping) {
 int filemap_write_and_wait(struct address_space *mapping) {
   if (!mapping_pages(mapping)) return 0;
   int error = filemap_fdatawrite(mapping);
-  // After -EIO waiting may be in vain; after anything else what was written is waited for.
+  // After -EIO waiting may be in vain; after other errors, waits for the pages that were written.
   if (error == -EIO) return error;
   const int wait_error = filemap_fdatawait(mapping);
   return error ? error : wait_error;
@@ -197,7 +197,7 @@ int write_one_page(struct page *page, int wait) {
 long do_fsync(struct file *file, int datasync) {
   if (!file->f_op || !file->f_op->fsync) return -EINVAL;
   struct address_space *mapping = file->f_mapping;
-  // The pages go out before the lock is taken, and are waited for after it is dropped.
+  // Starts writing the pages before taking the lock, and waits for them after dropping it.
   int error = filemap_fdatawrite(mapping);
   int fsync_error;
   {

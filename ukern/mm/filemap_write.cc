@@ -20,7 +20,7 @@ int remove_suid(struct dentry *dentry) {
   const mode_t mode = dentry->d_inode->i_mode;
   unsigned kill = 0;
   if (mode & S_ISUID) kill = ATTR_KILL_SUID;
-  // Without a group execute bit the sgid bit asks for mandatory locking and stays.
+  // Without a group execute bit the sgid bit means mandatory locking and stays.
   if ((mode & S_ISGID) && (mode & S_IXGRP)) kill |= ATTR_KILL_SGID;
   if (!kill || capable(CAP_FSETID)) return 0;
 
@@ -53,7 +53,7 @@ int generic_write_checks(struct file *file, loff_t *pos, size_t *count, int isbl
   }
 
   const unsigned long maximum = inode->i_sb->s_maxbytes;
-  // Writing nothing exactly at the end of what the file system can hold is allowed.
+  // An empty write exactly at the largest size is allowed.
   if (at >= maximum && (*count || at > maximum)) {
     send_sig(SIGXFSZ, current, 0);
     return -EFBIG;
@@ -64,7 +64,7 @@ int generic_write_checks(struct file *file, loff_t *pos, size_t *count, int isbl
 
 namespace {
 
-// Where in a user vector the next byte comes from.
+// A position in a user vector.
 struct cursor {
   const struct iovec *iov;
   size_t base;         // inside *iov
@@ -88,8 +88,8 @@ struct page *grab_page(struct address_space *mapping, unsigned long index) {
 
 enum class step { done, again, failed };
 
-// One page's part of a write. *moved gets the bytes that arrived, *status an error, if there is
-// one.
+// Writes the part of one page. *moved is set to the number of bytes written, *status to an error if
+// there is one.
 step write_one(struct file *file, cursor *from, loff_t pos, size_t bytes, size_t *moved,
                long *status) {
   struct address_space *mapping = file->f_mapping;
@@ -106,7 +106,7 @@ step write_one(struct file *file, cursor *from, loff_t pos, size_t bytes, size_t
     if (*status != AOP_TRUNCATED_PAGE) unlock_page(page);
     page_cache_release(page);
     if (*status == AOP_TRUNCATED_PAGE) return step::again;
-    // What prepare_write made behind the end of the file goes again.
+    // Drops blocks that prepare_write allocated behind the end of the file.
     const loff_t size = i_size_read(mapping->host);
     if (pos + static_cast<loff_t>(bytes) > size) vmtruncate(mapping->host, size);
     return step::failed;
@@ -120,7 +120,7 @@ step write_one(struct file *file, cursor *from, loff_t pos, size_t bytes, size_t
     return step::again;
   }
   if (*status >= 0) {
-    // A positive result is how much was committed.
+    // A positive result is the number of bytes committed.
     *moved = *status ? static_cast<size_t>(*status) : copied;
     *status = copied == bytes ? 0 : -EFAULT;
   }
@@ -162,8 +162,7 @@ ssize_t generic_file_buffered_write(struct kiocb *iocb, const struct iovec *iov,
     if (!mapping->a_ops->writepage || !is_sync_kiocb(iocb))
       status = generic_osync_inode(inode, mapping, OSYNC_METADATA | OSYNC_DATA);
   }
-  // The rest of a direct write that had to go through the cache is on the device all the same at
-  // the end.
+  // The rest of a direct write that went through the cache must reach the device too.
   if ((file->f_flags & O_DIRECT) && written) status = filemap_write_and_wait(mapping);
   return written ? written : status;
 }
@@ -189,7 +188,7 @@ ssize_t generic_file_direct_IO(int rw, struct kiocb *iocb, const struct iovec *i
   return result;
 }
 
-// Cuts a vector to its first `length` bytes: how many segments are left.
+// Cuts a vector to its first `length` bytes. Returns the number of segments left.
 static unsigned long shorten(struct iovec *iov, unsigned long nr_segs, size_t length) {
   for (unsigned long seg = 0; seg < nr_segs; seg++) {
     if (iov[seg].iov_len >= length) {
@@ -225,7 +224,7 @@ ssize_t generic_file_direct_write(struct kiocb *iocb, const struct iovec *iov,
   return written;
 }
 
-// The write itself, with i_mutex held.
+// Writes with i_mutex held.
 static ssize_t write_locked(struct kiocb *iocb, const struct iovec *iov, unsigned long nr_segs,
                             loff_t *ppos) {
   struct file *file = iocb->ki_filp;

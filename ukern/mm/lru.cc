@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-// Reclaim of cached pages. Two lists, as in any kernel of the time: a page enters the inactive one,
-// moves to the active one when it is used twice, and back when the inactive list runs short. What
-// is reclaimed is the oldest page of the inactive list that was not used since it was looked at
-// last, if it is clean and nobody holds it; dirty pages wait for write-back.
+// Reclaim of cached pages with an inactive and an active list. A page enters the inactive list,
+// moves to the active one when it is used twice, and back when the inactive list runs short.
+// Reclaim frees the oldest inactive page that was not referenced since its last scan, if it is
+// clean and unused; dirty pages wait for write-back.
 #include <linux/list.h>
 #include <linux/pagemap.h>
 #include <linux/spinlock.h>
@@ -40,7 +40,7 @@ void del_locked(struct page *page) {
   __atomic_store_n(&nr_pages, nr_inactive + nr_active, __ATOMIC_RELAXED);
 }
 
-// Moves the oldest active pages over; one that was used since stays. lru_lock is held.
+// Moves the oldest active pages to the inactive list; a referenced one stays. lru_lock is held.
 void refill_inactive_locked() {
   for (unsigned long scan = nr_active; scan > 0 && nr_inactive < nr_active; scan--) {
     struct page *page = list_entry(active.prev, struct page, lru);
@@ -50,7 +50,7 @@ void refill_inactive_locked() {
   }
 }
 
-// The oldest inactive page, off the list and with a reference; NULL when there is none to be had.
+// Takes the oldest inactive page off the list, with a reference; NULL if there is none.
 struct page *isolate_oldest() {
   struct page *found = nullptr;
   SpinGuard guard(lru_lock);
@@ -62,7 +62,7 @@ struct page *isolate_oldest() {
       found = page;
     } else {
       list_move(&page->lru,
-                &inactive);  // whoever dropped it to zero waits for the lock to take it off
+                &inactive);  // the task that dropped it to zero waits for the lock to remove it
     }
   }
   return found;
@@ -76,7 +76,7 @@ void put_back(struct page *page) {
   page_cache_release(page);
 }
 
-// Takes a locked page out of the cache if it is clean and only the cache and we use it.
+// Removes a locked page from the cache if it is clean and only the cache and the caller use it.
 bool remove_if_unused(struct page *page) {
   struct address_space *mapping = page->mapping;
   if (!mapping || PageDirty(page) || PageWriteback(page) || page_mapped(page)) return false;
@@ -86,7 +86,7 @@ bool remove_if_unused(struct page *page) {
     if (page_count(page) != 2 || PageDirty(page)) return false;
     __remove_from_page_cache(page);
   }
-  page_cache_release(page);  // the cache's
+  page_cache_release(page);  // the cache's reference
   return true;
 }
 
@@ -156,5 +156,5 @@ void drop_pagecache(void) {
     pages = nr_inactive + nr_active;
   }
   shrink_page_cache(pages,
-                    2 * pages);  // the first look at a page may only take its PG_referenced away
+                    2 * pages);  // the first scan of a page may only clear PG_referenced
 }

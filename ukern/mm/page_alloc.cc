@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
-// Pages: their count, their references and their addresses. Where they come from is in
-// page_block_debug.cc or page_block_release.cc.
+// Pages: their count, references and addresses. Their memory is in page_block_debug.cc or
+// page_block_release.cc.
 //
-// There is no upper limit: above totalram_pages, or when it has reached its own limit, the page
-// cache is reclaimed first, and what cannot be reclaimed stays. Memory runs out when the host says
-// so or a fault is injected.
+// There is no hard limit: at totalram_pages, or at the page cache's own limit, an allocation first
+// reclaims cached pages as far as possible. Allocations fail only when the host has no memory or a
+// fault is injected.
 #include <linux/gfp.h>
 #include <linux/hash.h>
 #include <linux/kernel.h>
@@ -24,16 +24,16 @@ unsigned long totalram_pages;
 
 namespace {
 
-// Few: what reclaim has looked at is still in the processor's cache when it is given out again.
+// Few, so that reclaimed pages are still in the CPU cache when they are allocated again.
 constexpr unsigned kReclaimBatch = 16;
 
 atomic_t nr_allocated;  // pages, not blocks
 
-// Pages that are known by their address: what __get_free_pages gave and nobody freed yet.
+// Pages by address: those allocated by __get_free_pages.
 constexpr unsigned kAddrBits = 10;
 struct addr_bucket {
   spinlock_t lock;
-  struct page *first;  // linked through lru, which such a page does not need
+  struct page *first;  // linked through lru, which such a page does not use
 };
 addr_bucket by_addr[1u << kAddrBits];
 
@@ -63,7 +63,7 @@ void free_block(struct page *page) {
   page_block_free(page);
 }
 
-// Whether something cached has to go before more is allocated.
+// Whether cached pages must be reclaimed before an allocation.
 bool is_full() {
   return static_cast<unsigned long>(atomic_read(&nr_allocated)) >= totalram_pages ||
          lru_pages() >= page_cache_limit;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Pages of debug builds: all are known, with the place where each was allocated.
+// Pages of debug builds: a list of all pages with the call stacks of their allocations.
 #include "ukern/mm/page_block.h"
 
 #include <linux/kernel.h>

@@ -35,7 +35,7 @@ struct page *take_free() {
   return page;
 }
 
-// Makes a batch of pages: one for the caller, the others for the free list.
+// Allocates a batch of pages: one for the caller, the others for the free list.
 struct page *refill() {
   auto *batch = static_cast<page_batch *>(host_alloc(sizeof(page_batch), 16));
   if (!batch) return nullptr;

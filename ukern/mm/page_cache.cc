@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The index of cached pages: finding, entering and removing them.
+// The index of cached pages: finding, adding and removing them.
 #include <linux/err.h>
 #include <linux/pagemap.h>
 #include <linux/pagevec.h>
@@ -116,7 +116,7 @@ unsigned pagevec_lookup_tag(struct pagevec *pvec, struct address_space *mapping,
   return pagevec_count(pvec);
 }
 
-// The page at an index, made and filled when it was not there; filled or not when it was.
+// Gets the page at an index: a new one filled, an existing one perhaps not up to date.
 static struct page *find_or_fill(struct address_space *mapping, unsigned long index,
                                  filler_t *filler, void *data) {
   for (;;) {

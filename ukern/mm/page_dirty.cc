@@ -1,8 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // The dirty and write-back marks of a page. Each is a bit in the page and a tag in its mapping's
-// index. They agree except between clear_page_dirty_for_io and what writepage does then
-// (set_page_writeback or dirtying again): the tag stays, so that a sync that runs meanwhile still
-// finds the page.
+// index. They agree except between clear_page_dirty_for_io and writepage's set_page_writeback or
+// redirtying: the tag stays, so that a concurrent sync still finds the page.
 #include <linux/backing-dev.h>
 #include <linux/pagemap.h>
 #include <linux/writeback.h>

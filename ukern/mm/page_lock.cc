@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Sleeping for a bit of a page. Waiters of all pages share a table of wait queues; each looks at
-// its own page's bit after every wake-up, so a collision costs a look and nothing else.
+// Waiting for a bit of a page. All pages share a table of wait queues. A waiter tests its own
+// page's bit after every wake-up, so a collision costs only a test.
 #include <linux/hash.h>
 #include <linux/pagemap.h>
 #include <linux/wait.h>
@@ -17,7 +17,7 @@ wait_queue_head_t *queue_of(struct page *page) {
 }
 
 void wake_waiters(struct page *page) {
-  smp_mb();  // the bit is clear before the queue is looked at
+  smp_mb();  // the bit is clear before the queue is tested
   wait_queue_head_t *queue = queue_of(page);
   if (waitqueue_active(queue)) wake_up_all(queue);
 }
@@ -52,7 +52,7 @@ void wait_on_page_bit(struct page *page, int bit_nr) {
 
 void unlock_page(struct page *page) {
   BUG_ON(!TestClearPageLocked(page));
-  // From here on the page may be gone; only its address is used.
+  // From here on the page may be freed; only its address is used.
   wake_waiters(page);
 }
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Index of a file's pages: a tree of 64-way nodes, 6 bits of the index per level, whose height
-// grows with the largest index. A node knows for each tag which of its slots lead to a tagged item,
-// so that a search for dirty pages sees only dirty pages.
+// grows with the largest index. A node has a bit mask per tag of the slots that lead to a tagged
+// item, so that a search for dirty pages visits only dirty pages.
 #include <linux/radix-tree.h>
 #include <linux/errno.h>
 #include <linux/kernel.h>
@@ -49,7 +49,7 @@ unsigned levels_for(unsigned long index) {
   return height;
 }
 
-// Nodes that an insertion at `index` has to add: new levels on top and the missing ones on the way
+// Number of nodes that an insertion at `index` adds: new levels on top and missing nodes on the way
 // down.
 unsigned nodes_missing(const radix_tree_root *root, unsigned long index) {
   const unsigned levels = levels_for(index);
@@ -103,8 +103,8 @@ void extend(radix_tree_root *root, unsigned long index, spare_nodes *spare) {
   }
 }
 
-// The nodes from the top to the leaf that hold `index`, path[0] the leaf; false when there is no
-// such item.
+// Finds the nodes from the top to the leaf of `index`, path[0] the leaf; false if there is no such
+// item.
 bool walk(const radix_tree_root *root, unsigned long index, radix_tree_node *path[kMaxHeight]) {
   if (!root->rnode || index > max_index(root->height)) return false;
   void *at = root->rnode;
@@ -123,7 +123,7 @@ void clear_tag(radix_tree_node *const path[], unsigned height, unsigned long ind
   }
 }
 
-// Drops levels that lead to slot 0 only, and the last node when it is empty.
+// Removes levels that lead to slot 0 only, and the last node when it is empty.
 void shrink(radix_tree_root *root) {
   while (root->height > 1 && root->rnode->count == 1 && root->rnode->slots[0]) {
     radix_tree_node *top = root->rnode;
@@ -153,7 +153,7 @@ void collect(const radix_tree_node *node, unsigned level, unsigned long first, g
       else
         collect(static_cast<const radix_tree_node *>(node->slots[slot]), level - 1, first, g);
     }
-    first = 0;  // the slots to the right are taken from their own beginning
+    first = 0;  // later slots are searched from their beginning
   }
 }
 

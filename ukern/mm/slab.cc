@@ -25,7 +25,7 @@ struct kmem_cache {
   size_t align;
   void (*ctor)(void *, kmem_cache_t *, unsigned long);
   void (*dtor)(void *, kmem_cache_t *, unsigned long);
-  atomic_t objects;  // given out
+  atomic_t objects;  // allocated
   struct list_head link;
   slab_free_list freed;
 };
@@ -51,11 +51,11 @@ bool name_in_use(const char *name) {
 
 void check_flags(gfp_t flags) {
   might_sleep_if(flags & __GFP_WAIT);
-  // A slab cannot grow with this flag; it goes well only while a free object is at hand.
+  // A slab cannot grow with this flag; it works only while there is a free object.
   if constexpr (kDebugBuild) BUG_ON(flags & __GFP_ZERO);
 }
 
-// Whether an allocation goes on; the fault that is injected otherwise.
+// False: a fault is injected instead of the allocation.
 bool may_allocate(gfp_t flags) {
   check_flags(flags);
   return !fault_point() || (flags & __GFP_NOFAIL);
@@ -73,8 +73,8 @@ void poison(void *block, int with, size_t size) {
   if constexpr (kDebugBuild) memset(block, with, size);
 }
 
-// Whether the block is the owner's to give back, and in a debug build its size. Otherwise it is
-// reported and left alone.
+// Whether `owner` allocated the block, and in a debug build its size. If not, the block is reported
+// and left alone.
 bool may_free(void *block, const void *owner, const char *owner_name, size_t *size) {
   if (!alloc_track_remove(block, owner, owner_name, size)) return false;
   ukern_lock_check_free(block, *size);
@@ -213,7 +213,7 @@ void kfree(const void *block) {
 }
 
 int ukern_slab_init(void) {
-  // An aligned block of that size takes the host's allocator four times as long.
+  // Without alignment: an aligned block of that size takes the host's allocator four times as long.
   names_cachep = kmem_cache_create("names_cache", PATH_MAX, 0, 0, nullptr, nullptr);
   return names_cachep ? 0 : -ENOMEM;
 }

@@ -8,7 +8,7 @@ extern "C" {
 #endif
 
 int ukern_slab_init(void);
-/* Reports every cache that still exists and every kmalloc block that is still out. */
+/* Reports every cache that still exists and every kmalloc block that is still allocated. */
 void ukern_slab_exit(void);
 
 #ifdef __cplusplus

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Taking pages out of the cache: truncation, which loses data, and invalidation, which does not.
+// Removing pages from the cache: truncation, which loses data, and invalidation, which does not.
 #include <linux/fs.h>
 #include <linux/highmem.h>
 #include <linux/kernel.h>
@@ -33,7 +33,7 @@ void truncate_complete_page(struct address_space *mapping, struct page *page) {
   ClearPageUptodate(page);
   ClearPageMappedToDisk(page);
   remove_from_page_cache(page);
-  page_cache_release(page);  // the cache's
+  page_cache_release(page);  // the cache's reference
 }
 
 void truncate_partial_page(struct address_space *mapping, pgoff_t index, unsigned from) {
@@ -46,7 +46,7 @@ void truncate_partial_page(struct address_space *mapping, pgoff_t index, unsigne
   page_cache_release(page);
 }
 
-// Removes a locked page that is clean and used by nobody but the cache and the caller.
+// Removes a locked page that is clean and used only by the cache and the caller.
 int invalidate_complete_page(struct address_space *mapping, struct page *page) {
   if (page->mapping != mapping) return 0;
   if (PagePrivate(page) && !try_to_release_page(page, 0)) return 0;
@@ -56,7 +56,7 @@ int invalidate_complete_page(struct address_space *mapping, struct page *page) {
     __remove_from_page_cache(page);
   }
   ClearPageUptodate(page);
-  page_cache_release(page);  // the cache's
+  page_cache_release(page);  // the cache's reference
   return 1;
 }
 
@@ -71,7 +71,8 @@ void truncate_inode_pages_range(struct address_space *mapping, loff_t lstart, lo
 
   if (partial) truncate_partial_page(mapping, start - 1, partial);
 
-  // From the start again until nothing is found: pages may appear behind us while we sleep for one.
+  // Repeats from the start until nothing is found: pages may appear behind us while we sleep on
+  // one.
   struct pagevec pvec;
   pagevec_init(&pvec, 0);
   pgoff_t next = start;
@@ -124,7 +125,7 @@ unsigned long invalidate_inode_pages(struct address_space *mapping) {
   return invalidate_mapping_pages(mapping, 0, ~0ul);
 }
 
-// 0, or -EIO when the page stays.
+// Drops a locked page. 0, or -EIO if it cannot be dropped.
 static int drop_page(struct address_space *mapping, struct page *page) {
   wait_on_page_writeback(page);
   if (page_mapped(page)) unmap_mapping_range(mapping, page_offset(page), PAGE_CACHE_SIZE, 0);

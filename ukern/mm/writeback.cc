@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
-// Write-back in the background: a pool of two threads that run what pdflush_operation gives them,
-// and one that wakes every dirty_writeback_interval and writes what has been dirty for longer than
-// dirty_expire_interval. They run where a file system leaves something dirty, with the kernel
-// address limit. Which inodes are dirty is ukern/vfs' business.
+// Background write-back: a pool of two threads for pdflush_operation, and one that wakes every
+// dirty_writeback_interval and writes data that has been dirty for longer than
+// dirty_expire_interval. They run only if a file system has dirty data, with the kernel address
+// limit. ukern/vfs tracks the dirty inodes.
 #include <linux/backing-dev.h>
 #include <linux/err.h>
 #include <linux/kernel.h>
@@ -44,8 +44,8 @@ void writeback_release(struct backing_dev_info *bdi) {
 namespace {
 
 constexpr int kPoolThreads = 2;
-constexpr long kChunk = 1024;   // pages written in one go
-constexpr int kRatelimit = 32;  // pages a task dirties between two looks at the limits
+constexpr long kChunk = 1024;   // pages written per round
+constexpr int kRatelimit = 32;  // pages dirtied between two checks of the limits
 
 struct worker {
   struct task_struct *task;
@@ -56,7 +56,7 @@ struct worker {
 DEFINE_SPINLOCK(pool_lock);
 worker pool[kPoolThreads];
 struct task_struct *kupdate_task;
-atomic_t since_last_look;
+atomic_t dirtied_since_check;
 
 struct limits {
   long background, dirty;
@@ -74,13 +74,13 @@ long nr_dirty() {
   return atomic_read(&nr_file_dirty);
 }
 
-// An estimate: both counts may move meanwhile.
+// An estimate: both counts may change meanwhile.
 long inodes_in_use() {
   return __atomic_load_n(&inodes_stat.nr_inodes, __ATOMIC_RELAXED) -
          __atomic_load_n(&inodes_stat.nr_unused, __ATOMIC_RELAXED);
 }
 
-// Writes at least `min_pages`, and on until the background limit is met.
+// Writes at least `min_pages`, and continues until the background limit is met.
 void background_writeout(unsigned long min_pages) {
   long wanted = static_cast<long>(min_pages);
   struct writeback_control wbc = {};
@@ -94,7 +94,7 @@ void background_writeout(unsigned long min_pages) {
     writeback_inodes(&wbc);
     wanted -= kChunk - wbc.nr_to_write;
     if (wbc.nr_to_write > 0 || wbc.pages_skipped > 0) {
-      if (!wbc.encountered_congestion) break;  // no more to be had
+      if (!wbc.encountered_congestion) break;  // nothing left to write
       schedule_timeout_uninterruptible(HZ / 10);
     }
   }
@@ -164,7 +164,7 @@ int kupdate_thread(void *) {
   return 0;
 }
 
-// Over the limit, the task that dirties pages writes until there are few enough or it has done its
+// Over the limit, the task that dirties pages writes until the limit is met or it has done its
 // share.
 void balance_dirty_pages(struct address_space *mapping) {
   const long chunk = kRatelimit + kRatelimit / 2;
@@ -188,8 +188,9 @@ void balance_dirty_pages(struct address_space *mapping) {
 void balance_dirty_pages_ratelimited_nr(struct address_space *mapping,
                                         unsigned long nr_pages_dirtied) {
   might_sleep();
-  if (atomic_add_return(static_cast<int>(nr_pages_dirtied), &since_last_look) < kRatelimit) return;
-  atomic_set(&since_last_look, 0);
+  if (atomic_add_return(static_cast<int>(nr_pages_dirtied), &dirtied_since_check) < kRatelimit)
+    return;
+  atomic_set(&dirtied_since_check, 0);
   balance_dirty_pages(mapping);
 }
 
@@ -226,7 +227,7 @@ void writeback_init(void) {
   default_backing_dev_info.capabilities = BDI_CAP_MAP_COPY;
   default_backing_dev_info.unplug_io_fn = default_unplug_io_fn;
   atomic_set(&nr_file_dirty, 0);
-  atomic_set(&since_last_look, 0);
+  atomic_set(&dirtied_since_check, 0);
 }
 
 int writeback_threads_start(void) {

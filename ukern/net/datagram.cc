@@ -12,16 +12,15 @@
 
 #include "ukern/sync/guard.h"
 
-// Why a receiver that found nothing goes on or stops.
-enum class WaitResult { kLookAgain, kStop };
+// What a receiver does after waiting.
+enum class WaitResult { kRetry, kStop };
 
 static bool receive_queue_empty(struct sock *sk) {
   SpinGuard guard(sk->sk_receive_queue.lock);
   return skb_queue_empty(&sk->sk_receive_queue);
 }
 
-// The reason not to sleep, looked for after the receiver has been put on the wait queue. True:
-// sleep.
+// Checks for a reason not to sleep, after the receiver has been put on the wait queue. True: sleep.
 static bool packet_wait_needed(struct sock *sk, long timeo, int *err, WaitResult *result) {
   const int error = sock_error(sk);
   if (error) {
@@ -29,7 +28,7 @@ static bool packet_wait_needed(struct sock *sk, long timeo, int *err, WaitResult
     *result = WaitResult::kStop;
     return false;
   }
-  *result = WaitResult::kLookAgain;
+  *result = WaitResult::kRetry;
   if (!receive_queue_empty(sk)) return false;
   if (__atomic_load_n(&sk->sk_shutdown, __ATOMIC_ACQUIRE) & RCV_SHUTDOWN) {
     *err = 0;
@@ -78,7 +77,7 @@ struct sk_buff *skb_recv_datagram(struct sock *sk, unsigned flags, int noblock, 
       return nullptr;
     }
     might_sleep();
-  } while (wait_for_packet(sk, err, &timeo) == WaitResult::kLookAgain);
+  } while (wait_for_packet(sk, err, &timeo) == WaitResult::kRetry);
   return nullptr;
 }
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Netlink sockets: ports, unicast with receive-queue limits and send time-outs, messages of
+// Netlink sockets: ports, unicast with receive-queue limits and send time-outs, messages from
 // processes.
 
 #include <asm/bitops.h>
@@ -28,11 +28,11 @@ static constexpr int kCongested = 0;  // bit of netlink_sock::state
 struct netlink_sock {
   struct sock sk;  // has to be first
   u32 pid;         // port; set once, under nl_table_lock
-  u32 dst_pid;     // of connect
+  u32 dst_pid;     // peer's port, set by connect
   unsigned long state;
   wait_queue_head_t wait;  // senders, while the receive queue is full
   void (*data_ready)(struct sock *sk, int bytes);
-  struct module *module;  // whose kernel socket serves the unit
+  struct module *module;  // owner of the unit's kernel socket
 };
 
 struct netlink_unit {
@@ -41,7 +41,7 @@ struct netlink_unit {
   int registered;  // there is a kernel socket
 };
 
-// All units; only the kernel's own sockets outlive a call without a reference counted in here.
+// All units, under nl_table_lock.
 static DEFINE_RWLOCK(nl_table_lock);
 static struct netlink_unit nl_table[MAX_LINKS];
 
@@ -68,7 +68,7 @@ static struct sock *netlink_find_locked(int unit, u32 pid) {
   return nullptr;
 }
 
-// The socket at a port with a reference, or null.
+// Gets the socket at a port, with a reference, or null.
 static struct sock *netlink_lookup(int unit, u32 pid) {
   ReadGuard guard(nl_table_lock);
   struct sock *sk = netlink_find_locked(unit, pid);
@@ -76,7 +76,7 @@ static struct sock *netlink_lookup(int unit, u32 pid) {
   return sk;
 }
 
-// The table holds a reference of its own.
+// The table takes a reference of its own.
 static int netlink_insert(struct sock *sk, u32 pid) {
   int err = 0;
   might_sleep();
@@ -119,7 +119,7 @@ static int netlink_autobind(struct socket *sock) {
     }
     const int err = netlink_insert(sk, pid);
     if (err == -EADDRINUSE) continue;
-    return err == -EBUSY ? 0 : err;  // two that bind one socket at once: either will do
+    return err == -EBUSY ? 0 : err;  // another task has bound the socket meanwhile
   }
 }
 
@@ -172,7 +172,7 @@ static int netlink_release(struct socket *sock) {
   struct netlink_sock *nlk = nlk_sk(sk);
 
   netlink_remove(sk);
-  // No new buffer can arrive now; senders that wait look the port up again and find it gone.
+  // No new buffer can arrive now; waiting senders look the port up again and do not find it.
   sock_orphan(sk);
   sock->sk = nullptr;
   wake_up_interruptible_all(&nlk->wait);
@@ -182,7 +182,7 @@ static int netlink_release(struct socket *sock) {
   return 0;
 }
 
-// The kernel's socket gives its unit free before it goes.
+// The kernel's socket frees its unit before it is released.
 static int netlink_kernel_release(struct socket *sock) {
   if (sock->sk) {
     struct netlink_unit *unit = &nl_table[sock->sk->sk_protocol];
@@ -247,18 +247,19 @@ static struct sock *netlink_getsockbypid(struct sock *ssk, u32 pid) {
   struct sock *sk = netlink_lookup(ssk->sk_protocol, pid);
   if (!sk) return static_cast<struct sock *>(ERR_PTR(-ECONNREFUSED));
   struct netlink_sock *nlk = nlk_sk(sk);
-  const bool deaf_kernel = nlk->pid == 0 && !nlk->data_ready;
-  const bool connected_elsewhere =
+  const bool kernel_without_input = nlk->pid == 0 && !nlk->data_ready;
+  const bool connected_to_other =
       sk->sk_state == NETLINK_CONNECTED && nlk->dst_pid != nlk_sk(ssk)->pid;
-  if (deaf_kernel || connected_elsewhere) {
+  if (kernel_without_input || connected_to_other) {
     sock_put(sk);
     return static_cast<struct sock *>(ERR_PTR(-ECONNREFUSED));
   }
   return sk;
 }
 
-// Sleeps until the receiver has read something, it is gone, a signal comes or the time is up, which
-// leaves none of it. What others take of the room meanwhile is no reason to give up.
+// Sleeps until the receiver has read something or is gone, a signal comes, or the time is up, which
+// sets *timeo to 0. If other senders take the room meanwhile, the caller waits again with the full
+// time.
 static void netlink_wait_for_room(struct sock *sk, long *timeo) {
   DECLARE_WAITQUEUE(wait, current);
   add_wait_queue(&nlk_sk(sk)->wait, &wait);
@@ -268,10 +269,10 @@ static void netlink_wait_for_room(struct sock *sk, long *timeo) {
   remove_wait_queue(&nlk_sk(sk)->wait, &wait);
 }
 
-enum class Attach { kDone, kLookUpAgain };
+enum class Attach { kDone, kRetry };
 
-// Counts the buffer as the receiver's. On an error the buffer is freed; unless the result is kDone
-// the reference to the receiver is given back.
+// Charges the buffer to the receiver. On an error the buffer is freed; unless the result is kDone
+// the reference to the receiver is dropped.
 static int netlink_attachskb(struct sock *sk, struct sk_buff *skb, long *timeo, struct sock *ssk,
                              Attach *what) {
   if (!netlink_full(sk)) {
@@ -280,7 +281,7 @@ static int netlink_attachskb(struct sock *sk, struct sk_buff *skb, long *timeo, 
     return 0;
   }
 
-  *what = Attach::kLookUpAgain;
+  *what = Attach::kRetry;
   int err = 0;
   if (!*timeo) {
     if (nlk_sk(ssk)->pid == 0) netlink_overrun(sk);
@@ -294,8 +295,7 @@ static int netlink_attachskb(struct sock *sk, struct sk_buff *skb, long *timeo, 
   return err;
 }
 
-// A buffer that is mostly empty is moved to a block of its size, so that it counts as what it
-// carries.
+// Shrinks a mostly empty buffer, so that it is charged by its content.
 static void netlink_trim(struct sk_buff *skb) {
   skb_orphan(skb);
   const int delta = skb->end - skb->tail;
@@ -328,7 +328,7 @@ extern "C" int netlink_unicast(struct sock *ssk, struct sk_buff *skb, u32 pid, i
   }
 }
 
-// Messages of processes.
+// Messages from processes.
 
 void ukern::netlink_rcv_wake(struct sock *sk) {
   struct netlink_sock *nlk = nlk_sk(sk);

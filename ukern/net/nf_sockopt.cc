@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Socket options by registration.
+// Registered socket options.
 
 #include <linux/errno.h>
 #include <linux/kernel.h>
@@ -11,8 +11,7 @@
 
 #include "ukern/sync/guard.h"
 
-// Protects the list and the `use` and `cleanup_task` of what is on it. Not held while a handler
-// runs.
+// Protects the list and its entries' `use` and `cleanup_task`. Not held while a handler runs.
 static DEFINE_MUTEX(nf_sockopt_mutex);
 static LIST_HEAD(nf_sockopts);
 
@@ -27,7 +26,8 @@ static bool collides(const struct nf_sockopt_ops *a, const struct nf_sockopt_ops
          overlap(a->get_optmin, a->get_optmax, b->get_optmin, b->get_optmax);
 }
 
-// The mutex is never held for long, so a signal counts only when it has come before the wait.
+// The mutex is never held for long, so the wait is not interruptible; only a signal that is already
+// pending counts.
 static int lock_unless_signalled() {
   might_sleep();
   if (mutex_trylock(&nf_sockopt_mutex)) return 0;
@@ -66,14 +66,14 @@ static int nf_sockopt(struct sock *sk, int pf, int optval, char __user *opt, int
   return ret;
 }
 
-// False when calls are inside: then this task is about to sleep.
+// False when calls are in progress: then this task is set to sleep.
 static bool unlist_if_idle(struct nf_sockopt_ops *ops) {
   MutexGuard guard(nf_sockopt_mutex);
   if (ops->use == 0) {
     list_del(&ops->list);
     return true;
   }
-  // The last call inside wakes this task; before the mutex is free it cannot have done so.
+  // The last call wakes this task, but not before the mutex is free.
   set_current_state(TASK_UNINTERRUPTIBLE);
   ops->cleanup_task = current;
   return false;

@@ -10,7 +10,7 @@
 #include "ukern/net/net.h"
 #include "ukern/sync/guard.h"
 
-// Room for a page and a few bytes in front of it, as most of what is sent has it.
+// Room for a page and a few bytes in front of it, the size of most messages.
 static constexpr unsigned kPageRoom = SKB_DATA_ALIGN(PAGE_SIZE + 1);
 
 static kmem_cache_t *skbuff_head_cache;
@@ -34,7 +34,7 @@ void ukern::skb_exit() {
   skbuff_head_cache = nullptr;
 }
 
-// Not one byte more than the tail room says, so that a write behind it is seen.
+// Allocates exactly the room of the buffer, so that a write behind it is detected.
 static unsigned char *data_alloc(unsigned size, gfp_t priority) {
   void *data = size == kPageRoom ? kmem_cache_alloc(page_data_cache, priority & ~__GFP_DMA)
                                  : kmalloc(size, priority);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The part of a socket that is the same in every protocol family.
+// The protocol-independent part of sockets.
 
 #include <linux/kernel.h>
 #include <linux/module.h>

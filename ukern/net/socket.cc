@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// Sockets as their users see them: creation, release, messages.
+// Sockets: creation, release, messages.
 
 #include <asm/uaccess.h>
 #include <linux/errno.h>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// No allocation fails but for want of memory.
+// No fault injection.
 #include "ukern/mm/fault.h"
 
 extern "C" {

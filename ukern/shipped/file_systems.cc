@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// hostfs alone. Its writes go straight to the host, so nothing waits for write-back threads.
+// Only hostfs. Its writes go straight to the host, so no write-back threads are needed.
 #include "ukern/fs/fs_types.h"
 #include "ukern/sched/boot.h"
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Nobody maps a file here: what programs map, the host's kernel maps, and it reads and writes.
+// Files are never mapped here: the host's kernel handles the mappings of programs by reads and
+// writes.
 #include <linux/fs.h>
 #include <linux/kernel.h>
 #include <linux/mm.h>

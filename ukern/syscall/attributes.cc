@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The system calls on the attributes of an object already found: size, mode, owner, times, access.
+// The system calls on attributes, after the path walk: size, mode, owner, times, access.
 #include <linux/capability.h>
 #include <linux/errno.h>
 #include <linux/fcntl.h>
@@ -23,8 +23,7 @@ int change_locked(struct dentry *dentry, struct iattr *attr) {
   return notify_change(dentry, attr);
 }
 
-// A nameidata for the operations that take one, on an object already found; shares the path's
-// references.
+// A nameidata of a walked path, for operations that take one; shares the path's references.
 struct nameidata name_path(const struct walk_path *path) {
   struct nameidata nd = {};
   nd.mnt = path->mnt;
@@ -100,7 +99,7 @@ int utimes_at(const struct walk_path *path, unsigned valid, const struct timespe
     if (valid & ATTR_ATIME_SET) attr.ia_atime = *atime;
     if (valid & ATTR_MTIME_SET) attr.ia_mtime = *mtime;
   } else {
-    // "Now" is also for those who could bring it about by writing.
+    // Setting the current time needs only write permission.
     if (IS_IMMUTABLE(inode)) return -EACCES;
     struct nameidata nd = name_path(path);
     const int error = current->fsuid == inode->i_uid ? 0 : vfs_permission(&nd, MAY_WRITE);

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // mount(2) and umount2(2).
 //
-// New mounts, remounts and bind mounts of one mount exist; recursive ones, moves and propagation do
-// not and are refused.
+// New mounts, remounts and bind mounts of one mount are supported; recursive bind mounts, moves and
+// propagation are refused.
 
 #include "ukern/syscall/syscall.h"
 
@@ -50,7 +50,7 @@ static int do_new_mount(struct nameidata *nd, const char *type, int flags, int m
   return do_add_mount(mnt, nd, mnt_flags, nullptr);
 }
 
-// Another mount of the same super block, of what lies below `root`, attached nowhere.
+// A new, unattached mount of the same super block, of the tree below `root`.
 static struct vfsmount *clone_mnt(struct vfsmount *old, struct dentry *root) {
   struct vfsmount *mnt = alloc_vfsmnt(old->mnt_devname);
   if (!mnt) return nullptr;
@@ -136,8 +136,7 @@ long do_mount(char *dev_name, char *dir_name, char *type, unsigned long flags, v
   return err;
 }
 
-// MNT_EXPIRE: the first call on a mount that nobody uses marks it, the second finds the mark and
-// goes on.
+// MNT_EXPIRE: the first call marks an unused mount, the second finds the mark and unmounts.
 static int check_expiry(struct vfsmount *mnt, int flags, bool is_root) {
   if (is_root || (flags & (MNT_FORCE | MNT_DETACH))) return -EINVAL;
   if (atomic_read(&mnt->mnt_count) != 2) return -EBUSY;
@@ -145,7 +144,7 @@ static int check_expiry(struct vfsmount *mnt, int flags, bool is_root) {
   return 0;
 }
 
-// The root stays while the kernel runs; to "unmount" it makes it read-only.
+// The root stays mounted while the kernel runs; unmounting it only makes it read-only.
 static int umount_root(struct super_block *sb) {
   int err = 0;
   ExclusiveGuard guard(sb->s_umount);

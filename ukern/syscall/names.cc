@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// The system calls that make, move and remove names: walk to the parent, lock it, look the last
-// component up, act. And the one that reads a link.
+// The system calls that create, rename and remove names: walk to the parent, lock it, look the last
+// component up, act. And readlink.
 #include <linux/err.h>
 #include <linux/errno.h>
 #include <linux/fs.h>
@@ -18,8 +18,8 @@ int masked(struct inode *dir, int mode) {
   return IS_POSIXACL(dir) ? mode : mode & ~current->fs->umask;
 }
 
-// A walk to the parent with the last component's dentry, negative and ready to be made. finish()
-// undoes it.
+// A creation in progress: the walk to the parent, which is locked, and the last component's dentry.
+// finish() undoes it.
 struct creation {
   struct nameidata nd;
   struct dentry *dentry;
@@ -71,7 +71,7 @@ int unlink_last(struct nameidata *nd, struct dentry *dentry) {
   return S_ISDIR(inode->i_mode) ? -EISDIR : -ENOTDIR;
 }
 
-// Both parents are locked; `trap` is what lock_rename returned.
+// Both parents are locked; `trap` is the result of lock_rename.
 int rename_last(struct nameidata *from, struct nameidata *to, struct dentry *trap) {
   struct dentry *source = lookup_hash(from);
   if (IS_ERR(source)) return static_cast<int>(PTR_ERR(source));
@@ -90,7 +90,7 @@ int rename_last(struct nameidata *from, struct nameidata *to, struct dentry *tra
       error = static_cast<int>(PTR_ERR(target));
       target = nullptr;
     } else if (target == trap) {
-      error = -ENOTEMPTY;  // over a directory that holds the source
+      error = -ENOTEMPTY;  // over a directory that contains the source
     }
   }
   if (!error) error = vfs_rename(from->dentry->d_inode, source, to->dentry->d_inode, target);
@@ -161,7 +161,7 @@ int unlink_at(const struct walk_path *base, const char *name) {
     if (IS_ERR(dentry)) {
       error = static_cast<int>(PTR_ERR(dentry));
     } else {
-      // Held past the directory's lock: what the last reference frees can take long.
+      // Referenced beyond the directory's lock: freeing the inode can take long.
       inode = dentry->d_inode;
       if (inode) igrab(inode);
       error = unlink_last(&nd, dentry);

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-// The system calls on extended attributes: values come from user memory and go there.
+// The system calls on extended attributes, with values in user memory.
 #include <linux/errno.h>
 #include <linux/fs.h>
 #include <linux/kernel.h>
@@ -53,7 +53,7 @@ ssize_t getxattr_user(struct dentry *dentry, const char *name, void __user *valu
   BUG_ON(size && result > static_cast<ssize_t>(size));
   if (result > 0 && size && copy_to_user(value, copy, static_cast<size_t>(result)))
     result = -EFAULT;
-  // More than fits into the largest buffer allowed: a larger one will not help.
+  // The value exceeds the largest buffer allowed: a larger one will not help.
   if (result == -ERANGE && size >= XATTR_SIZE_MAX) result = -E2BIG;
   kfree(copy);
   return result;
@@ -67,7 +67,7 @@ ssize_t listxattr_user(struct dentry *dentry, char __user *list, size_t size) {
     copy = static_cast<char *>(kmalloc(size, GFP_KERNEL));
     if (!copy) return -ENOMEM;
   }
-  // Without the operation the list is that of the security module: empty.
+  // Without the operation only a security module could have attributes, and there is none.
   ssize_t result =
       inode->i_op && inode->i_op->listxattr ? inode->i_op->listxattr(dentry, copy, size) : 0;
   BUG_ON(size && result > static_cast<ssize_t>(size));

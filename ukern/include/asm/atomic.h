@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Counters that any thread may change. Those that return a value order memory on both sides of
- * them, as on x86-64 all of them do; atomic_read orders as a load does there, so that who sees the
- * count that a dropped reference left also sees what was done under that reference.
+ * Atomic counters. Operations that return a value are full barriers, as all are on x86-64.
+ * atomic_read orders as a load does there, so that a thread that sees the count after a dropped
+ * reference also sees what was done under that reference.
  */
 #ifndef _ASM_ATOMIC_H
 #define _ASM_ATOMIC_H

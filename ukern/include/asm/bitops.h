@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Single bits of a word or an array. Those without "__" are atomic and may be used on any word, 32
- * bits at a time, so that a 32-bit field is enough.
+ * Bit operations on a word or an array. Those without "__" are atomic, and access 32 bits at a
+ * time, so that a 32-bit field is enough.
  */
 #ifndef _ASM_BITOPS_H
 #define _ASM_BITOPS_H
@@ -57,7 +57,7 @@ static inline unsigned long __ffs(unsigned long word) {
 static inline unsigned long ffz(unsigned long word) {
   return (unsigned long)__builtin_ctzl(~word);
 }
-/* The last bit that is set: bits count from 1, 0 for none. */
+/* Number of the last set bit, counted from 1; 0 for none. */
 static inline int fls(int x) {
   return x ? 32 - __builtin_clz((unsigned)x) : 0;
 }

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * What cannot be: a report through the panic handler with the place and the way to it. BUG never
- * returns; WARN_ON reports, logs the place and goes on where the handler returns.
+ * Assertions, which report their place and call stack through the panic handler. BUG never returns;
+ * WARN_ON also logs the place, and continues if the handler returns.
  */
 #ifndef _ASM_BUG_H
 #define _ASM_BUG_H

@@ -1,11 +1,12 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * How long an answer of the host stays good. Several look-ups of one object within one request of
- * the hosting program may be one: nobody can tell at what moment of the request it was made. So may
- * those of the look-ups with which the same system call began. A look-up itself always asks anew.
+ * How long a result from the host stays valid. Within one request of the hosting program, the host
+ * is asked once about an object: no caller can tell at what moment of the request that was. The
+ * same holds for the lookups with which the request's system call began. A lookup itself always
+ * asks again.
  *
- * Answers are stamped with the number of the request that asked; stamps may be read and written by
- * several tasks at once. Each task has one request, which only it uses.
+ * Results are stamped with the number of the request that asked; several tasks may read and write
+ * stamps at once. Each task has one request, which only it uses.
  *
  * Without this, `cp -a` on a mount takes about a sixth more of tarnd's processor time, and `grep
  * -r` an eighth.
@@ -14,10 +15,10 @@
 #define _ASM_REQUEST_H
 
 struct host_request {
-  unsigned long number;       /* of the one under way; 0: none is */
-  unsigned long valid_since;  /* answers to this request and to later ones are still good */
-  unsigned long first_lookup; /* of the system call whose look-ups the last requests were */
-  bool continues;             /* the next one belongs to that system call */
+  unsigned long number;       /* of the current request; 0: none */
+  unsigned long valid_since;  /* results of this request and later ones are valid */
+  unsigned long first_lookup; /* the first lookup of the current system call */
+  bool continues;             /* the next request belongs to that system call */
 };
 
 enum host_request_kind { REQUEST_LOOKUP, REQUEST_OTHER };
@@ -35,7 +36,7 @@ static inline void request_end(struct host_request *request) {
   request->number = 0;
 }
 
-/* Need what was answered to the request `*stamp` not be asked again? */
+/* Whether the result of the request `*stamp` is still valid. */
 static inline bool request_knows(const struct host_request *request, const unsigned long *stamp) {
   return request->number && __atomic_load_n(stamp, __ATOMIC_RELAXED) >= request->valid_since;
 }
@@ -44,8 +45,8 @@ static inline void request_stamp(const struct host_request *request, unsigned lo
   __atomic_store_n(stamp, request->number, __ATOMIC_RELAXED);
 }
 
-/* Rights: `*granted` holds the request that was told yes and the mask (MAY_*) that it asked for. It
- * serves this request alone, for they depend on who asks. */
+/* Rights: `*granted` holds the request that was granted access and its mask (MAY_*). It serves only
+ * this request, since rights depend on the caller. */
 static inline bool request_is_granted(const struct host_request *request,
                                       const unsigned long *granted, int mask) {
   return request->number &&

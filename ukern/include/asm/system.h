@@ -34,7 +34,7 @@ extern "C" int ukern_fence_word;
 #define set_mb(var, value) (void)__atomic_exchange_n(&(var), value, __ATOMIC_SEQ_CST)
 
 #define xchg(ptr, v) __atomic_exchange_n((ptr), (v), __ATOMIC_SEQ_CST)
-/* What was there before; equal to `old` when the exchange was made. */
+/* Returns the previous value, which equals `old` if the exchange was made. */
 #define cmpxchg(ptr, old, desired)                                                        \
   ({                                                                                      \
     __typeof__(*(ptr) + 0) cmpxchg_old_ = (old);                                          \
@@ -44,14 +44,13 @@ extern "C" int ukern_fence_word;
   })
 
 /*
- * A field of type T that its writers change one at a time, under a lock, and that is read without
- * one: an inode's attributes, a dentry's inode. The kernel's contract for such a field is that a
- * read gives some value that was written, never a torn one, and this type says so to the compiler;
- * it is used like a plain T. `+=` and its kin are a read and a write, not one atomic step: whoever
- * changes the field holds its lock.
+ * A field of type T that is written under a lock and read without it: an inode's attributes, a
+ * dentry's inode. A read returns a value that was written, never a torn one. The type is used like
+ * a plain T. `+=` and the like are a read and a write, not one atomic step: the writer holds the
+ * lock.
  *
- * Nothing is ordered by the access itself, unless the field publishes what it points to (`order`
- * UKERN_PUBLISHED): then who reads a pointer sees what was written before the pointer was.
+ * Accesses order nothing, unless the field publishes what it points to (`order` UKERN_PUBLISHED):
+ * then a reader of the pointer sees what was written before it.
  */
 enum ukern_field_order { UKERN_UNORDERED, UKERN_PUBLISHED };
 

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The memory of programs. Under USER_DS, the limit that a program's task has, only the ranges that
- * were declared user memory of the current task can be reached (uk_user_add); under KERNEL_DS
- * everything can. The copies give back how many bytes they could not copy; what copy_from_user
- * could not fill is zeroed. All of them may sleep, as user memory may have to be brought in.
+ * User memory. Under USER_DS, the limit of a program's task, only declared user memory of the
+ * current task is accessible (uk_user_add); under KERNEL_DS everything is. The copies return the
+ * number of bytes that they could not copy; copy_from_user zeroes the part that it could not fill.
+ * All of them may sleep.
  */
 #ifndef _ASM_UACCESS_H
 #define _ASM_UACCESS_H
@@ -40,8 +40,7 @@ unsigned long clear_user(void __user *mem, unsigned long len);
 #define access_ok(type, addr, size) \
   ((void)(type), likely(ukern_access_ok((unsigned long)(addr), (unsigned long)(size)) != 0))
 
-/* Without the check of access_ok, which the caller has made. The reach of a task is looked up all
- * the same. */
+/* For callers that have checked access_ok. The ranges are checked all the same. */
 #define __copy_to_user(to, from, len) copy_to_user(to, from, len)
 #define __copy_from_user(to, from, len) copy_from_user(to, from, len)
 #define __copy_to_user_inatomic(to, from, len) copy_to_user(to, from, len)

@@ -1,14 +1,14 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The request that the aio_read, aio_write and direct_IO operations act on. A synchronous one lives
- * on the stack of the call that waits for it. An asynchronous one belongs to a context, which its
- * result goes to, and lives until the submission and the operation have both let go of it. Neither
- * is ever cancelled.
+ * The request that the aio_read, aio_write and direct_IO operations act on. A synchronous one is on
+ * the stack of the call that waits for it. An asynchronous one belongs to a context, which receives
+ * its result, and lives until the submission and the operation have dropped their references.
+ * Neither is ever cancelled.
  *
- * An operation that returns -EIOCBQUEUED has promised one aio_complete; one that returns
- * -EIOCBRETRY one kick_iocb. A direct_IO that moves all of an asynchronous request, or any of a
- * read, calls aio_complete itself, before or after it returns the number of bytes: its caller makes
- * that -EIOCBQUEUED.
+ * An operation that returns -EIOCBQUEUED must call aio_complete once; one that returns -EIOCBRETRY
+ * must call kick_iocb once. A direct_IO that moves all of an asynchronous request, or any part of a
+ * read, calls aio_complete itself, before or after it returns the number of bytes; its caller then
+ * returns -EIOCBQUEUED.
  */
 #ifndef UKERN_LINUX_AIO_H
 #define UKERN_LINUX_AIO_H
@@ -52,8 +52,8 @@ struct kiocb {
   void (*ki_dtor)(struct kiocb *); /* with ctx_lock held; may be NULL */
 
   union {
-    void __user *user;       /* what the submitter calls an asynchronous request */
-    struct task_struct *tsk; /* who waits for a synchronous request */
+    void __user *user;       /* the submitter's id of an asynchronous request */
+    struct task_struct *tsk; /* the task that waits for a synchronous request */
   } ki_obj;
 
   __u64 ki_user_data; /* the submitter's; of a synchronous request its result */
@@ -72,16 +72,16 @@ struct kiocb {
   struct list_head ki_list; /* in kioctx.active_reqs */
 };
 
-/* The results that wait to be taken: a ring of which one place stays empty. */
+/* Unread results: a ring with one slot always empty. */
 struct aio_ring_info {
   struct io_event *events;
   unsigned nr, head, tail;
 };
 
-/* Where the results of asynchronous requests go. Reference counted, see get_ioctx. */
+/* Receives the results of asynchronous requests. Reference counted, see get_ioctx. */
 struct kioctx {
   atomic_t users;
-  wait_queue_head_t wait; /* woken for each result, each kick and each request that goes */
+  wait_queue_head_t wait; /* woken for each result, each kick and each freed request */
   spinlock_t ctx_lock;
 
   /* under ctx_lock */
@@ -93,8 +93,7 @@ struct kioctx {
 
 #define is_sync_kiocb(iocb) ((iocb)->ki_key == KIOCB_SYNC_KEY)
 
-/* Makes a synchronous request of the current task on `filp`; the position is the caller's to set.
- */
+/* Initialises a synchronous request of the current task on `filp`; the caller sets the position. */
 #define init_sync_kiocb(x, filp)        \
   do {                                  \
     struct task_struct *tsk_ = current; \
@@ -111,21 +110,21 @@ struct kioctx {
     init_wait((&(x)->ki_wait));         \
   } while (0)
 
-/* Sleeps until ki_users is 0; ki_user_data, which for a synchronous request is its result. */
+/* Sleeps until ki_users is 0. Returns ki_user_data, the result of a synchronous request. */
 ssize_t wait_on_sync_kiocb(struct kiocb *iocb);
 /*
- * The result of a queued request, from whoever finished it. A synchronous one: wakes the waiter,
- * and the request is gone; 1. An asynchronous one: adds an event and drops the operation's
- * reference; 1 when that was the last. May then sleep (fput).
+ * Completes a queued request. A synchronous one: wakes the waiter, which may free the request at
+ * once; returns 1. An asynchronous one: adds an event and drops the operation's reference; returns
+ * 1 when that was the last, and may then sleep (fput).
  */
 int aio_complete(struct kiocb *iocb, long res, long res2);
-/* Drops a reference of an asynchronous request: 1 when it was the last, with which the request and
- * its file go. Below zero is a BUG. May sleep (fput). */
+/* Drops a reference of an asynchronous request: 1 when it was the last, which frees the request and
+ * drops its file. Below zero is a BUG. May sleep (fput). */
 int aio_put_req(struct kiocb *iocb);
-/* A request that was left with -EIOCBRETRY is to be run again. Once for each. Never sleeps. */
+/* Runs a request again that returned -EIOCBRETRY. Once for each. Never sleeps. */
 void kick_iocb(struct kiocb *iocb);
 
-/* The last reference of a context has gone, and all its requests: frees it. */
+/* Frees a context that has no references and no requests. */
 void __put_ioctx(struct kioctx *ctx);
 
 #define get_ioctx(kioctx)                       \

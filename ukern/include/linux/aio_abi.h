@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What a program gets of an asynchronous request that is done. */
+/* The event of a completed asynchronous request. */
 #ifndef UKERN_LINUX_AIO_ABI_H
 #define UKERN_LINUX_AIO_ABI_H
 

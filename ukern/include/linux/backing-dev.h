@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What the page cache knows of the device behind a mapping. Each file system has one, or shares the
+/* The device behind a mapping, for the page cache. Each file system has one, or shares the
  * default. */
 #ifndef _LINUX_BACKING_DEV_H
 #define _LINUX_BACKING_DEV_H
@@ -14,7 +14,7 @@ extern "C" {
 struct page;
 
 enum bdi_state {
-  BDI_pdflush, /* a write-back thread works here */
+  BDI_pdflush, /* a write-back thread uses the device */
   BDI_write_congested,
   BDI_read_congested,
   BDI_unused,
@@ -44,7 +44,7 @@ struct backing_dev_info {
 extern struct backing_dev_info default_backing_dev_info;
 void default_unplug_io_fn(struct backing_dev_info *bdi, struct page *page);
 
-/* Claim the device for one write-back thread: non-zero when this call did. */
+/* Claims the device for one write-back thread; non-zero on success. */
 int writeback_acquire(struct backing_dev_info *bdi);
 int writeback_in_progress(struct backing_dev_info *bdi);
 void writeback_release(struct backing_dev_info *bdi);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The cache line, by which data blocks of socket buffers are rounded up. */
+/* The cache line size, to which socket buffers are rounded up. */
 #ifndef UKERN_LINUX_CACHE_H
 #define UKERN_LINUX_CACHE_H
 

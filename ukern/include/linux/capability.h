@@ -58,7 +58,8 @@ typedef __u32 kernel_cap_t;
     cap_t(c) = ~0U;     \
   } while (0)
 
-/* Non-zero when the current task has it (and marks the task as having used privilege). */
+/* Non-zero if the current task has the capability; the task is then marked as having used
+ * privilege. */
 extern "C" int capable(int cap);
 
 #endif

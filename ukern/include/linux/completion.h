@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Completions: a count of events that have happened and not been waited for. A completion may stand
- * on the waiter's stack: complete does not touch it any more once the waiter can return.
+ * Completions: a count of events that have not been waited for. A completion may be on the waiter's
+ * stack: complete does not touch it any more once the waiter can return.
  */
 #ifndef _LINUX_COMPLETION_H
 #define _LINUX_COMPLETION_H
@@ -10,7 +10,7 @@
 
 struct completion {
   unsigned int done;
-  wait_queue_head_t wait; /* its lock guards `done` */
+  wait_queue_head_t wait; /* its lock protects `done` */
 };
 
 #define COMPLETION_INITIALIZER(work) \
@@ -33,9 +33,9 @@ unsigned long wait_for_completion_timeout(struct completion *x, unsigned long ti
 /* As the one above, or -ERESTARTSYS (as an unsigned long). */
 unsigned long wait_for_completion_interruptible_timeout(struct completion *x,
                                                         unsigned long timeout);
-/* Lets one waiter go on, now or later. */
+/* Releases one waiter, a present or a future one. */
 void complete(struct completion *x);
-/* Lets all waiters go on, now and later. */
+/* Releases all present and future waiters. */
 void complete_all(struct completion *x);
 }
 

@@ -2,11 +2,11 @@
 /*
  * The dentry cache: one struct dentry per name that has been looked up, positive or negative.
  *
- * A dentry holds a reference on its parent and, while it has one, on its inode. Its own count is
- * d_count; at zero it is kept on the unused list when it is hashed, and freed when it is not.
+ * A dentry has a reference on its parent and, while it is positive, on its inode. Its own count is
+ * d_count; at zero a hashed dentry stays on the unused list, and an unhashed one is freed.
  * dcache_lock protects the tree (d_parent, d_child, d_subdirs), the hash chains, the alias and
- * unused lists and d_inode's changes; d_lock, taken inside it, protects d_flags and the name. dput
- * may sleep. Allocation failures give NULL.
+ * unused lists, d_flags and d_inode's changes; d_lock, taken inside it, covers changes of the name
+ * and d_parent, which can be read under either lock. dput may sleep. Allocation failures give NULL.
  */
 #ifndef UKERN_LINUX_DCACHE_H
 #define UKERN_LINUX_DCACHE_H
@@ -67,7 +67,7 @@ struct dentry_operations;
 
 struct dentry {
   atomic_t d_count;
-  unsigned int d_flags; /* DCACHE_*; under d_lock */
+  unsigned int d_flags; /* DCACHE_*; under dcache_lock */
   spinlock_t d_lock;
   ukern_field<struct inode *, UKERN_PUBLISHED> d_inode; /* NULL: negative */
   struct hlist_node d_hash;
@@ -83,9 +83,9 @@ struct dentry {
   ukern_field<struct dentry_operations *, UKERN_PUBLISHED> d_op;
   struct super_block *d_sb;
   void *d_fsdata;
-  int d_mounted; /* how many mounts hang here; under vfsmount_lock */
+  int d_mounted; /* number of mounts on it; under vfsmount_lock */
   unsigned char d_iname[DNAME_INLINE_LEN_MIN];
-  struct reflog *d_reflog; /* debug builds: who took and dropped references */
+  struct reflog *d_reflog; /* debug builds: log of the references */
 };
 
 /* Subclasses of d_lock: a second one may be taken, that of the target or child, as NESTED. */
@@ -96,7 +96,7 @@ enum dentry_d_lock_class { DENTRY_D_LOCK_NORMAL, DENTRY_D_LOCK_NESTED };
  * d_revalidate  no           no      yes        1: valid, 0: not, negative: error
  * d_hash        no           no      yes        the dentry is the parent
  * d_compare     may be       yes     no         0: equal; the dentry is the parent
- * d_delete      yes          no      no         at d_count 0: 1 says do not keep it
+ * d_delete      yes          no      no         at d_count 0; 1: do not keep it
  * d_release     no           no      yes
  * d_iput        no           no      yes        takes over the dentry's inode reference
  */
@@ -110,24 +110,24 @@ struct dentry_operations {
 };
 
 #define DCACHE_DISCONNECTED 0x0004
-#define DCACHE_REFERENCED 0x0008 /* used since the last look of the pruner */
+#define DCACHE_REFERENCED 0x0008 /* used since the pruner's last visit */
 #define DCACHE_UNHASHED 0x0010
 
 extern spinlock_t dcache_lock;
 
 #if UKERN_DEBUG
-/* Notes in the dentry's log that its count changed; called by dget and its kind. */
+/* Logs a change of the dentry's count; called by dget and the like. */
 void ukern_dentry_ref(struct dentry *dentry, int change);
 #else
 static inline void ukern_dentry_ref(struct dentry *, int) {}
 #endif
 
-/* Sets and clears bits of d_flags, which d_unhashed looks at without a lock. Under dcache_lock. */
+/* Sets and clears bits of d_flags, which d_unhashed reads without a lock. Under dcache_lock. */
 static inline void ukern_dentry_flags(struct dentry *dentry, unsigned int set, unsigned int clear) {
   __atomic_store_n(&dentry->d_flags, (dentry->d_flags | set) & ~clear, __ATOMIC_RELAXED);
 }
 
-/* Takes the dentry out of the hash, so that no lookup finds it. Under dcache_lock and d_lock. */
+/* Removes the dentry from the hash, so that no lookup finds it. Under dcache_lock and d_lock. */
 static inline void __d_drop(struct dentry *dentry) {
   if (!(dentry->d_flags & DCACHE_UNHASHED)) {
     ukern_dentry_flags(dentry, DCACHE_UNHASHED, 0);
@@ -147,36 +147,37 @@ static inline int dname_external(struct dentry *dentry) {
   return dentry->d_name.name != dentry->d_iname;
 }
 
-/* Gives a negative dentry its inode (and takes over the caller's reference on it), or none. */
+/* Attaches an inode to a negative dentry and takes over the caller's reference on it; NULL leaves
+ * the dentry negative. */
 void d_instantiate(struct dentry *dentry, struct inode *inode);
-/* After the name was removed below: makes the dentry negative when only the caller uses it, else
- * unhashes. */
+/* Called after the file system has removed the name: makes the dentry negative if only the caller
+ * uses it, else unhashes it. */
 void d_delete(struct dentry *dentry);
 
-/* A new unhashed negative dentry, count 1; its name is copied. With a parent, one more reference on
- * that. */
+/* A new unhashed negative dentry, count 1; its name is copied. Takes a reference on the parent, if
+ * there is one. */
 struct dentry *d_alloc(struct dentry *parent, const struct qstr *name);
 /*
- * Instantiates and hashes `dentry`; for a directory that already has a disconnected dentry, moves
- * that one into place and returns it with a reference. NULL: `dentry` itself is used. Takes over
- * the inode reference.
+ * Instantiates and hashes `dentry`; if the inode already has a disconnected dentry, moves that one
+ * into place and returns it with a reference. NULL: `dentry` itself is used. Takes over the inode
+ * reference.
  */
 struct dentry *d_splice_alias(struct inode *inode, struct dentry *dentry);
 void shrink_dcache_sb(struct super_block *sb);
 void shrink_dcache_parent(struct dentry *parent);
-/* Unhashes; -EBUSY when it is a directory that somebody else uses. May sleep. */
+/* Unhashes a dentry; -EBUSY for a directory with other users. May sleep. */
 int d_invalidate(struct dentry *dentry);
 
-/* The root of a new file system, "/", with the inode reference taken over; NULL leaves that with
- * the caller. */
+/* The root dentry, "/", of a new file system. Takes over the inode reference; on NULL the caller
+ * keeps it. */
 struct dentry *d_alloc_root(struct inode *inode);
 
 /* Drops one reference from each dentry below `root`: for file systems that keep their tree in the
  * cache. */
 void d_genocide(struct dentry *root);
 
-/* A hashed alias of the inode with a reference, or NULL; a disconnected one only for want of
- * another. */
+/* An alias of the inode, hashed unless it is a directory's, with a reference, or NULL. A
+ * disconnected one only if there is no other. */
 struct dentry *d_find_alias(struct inode *inode);
 /* Frees the unused aliases of the inode. */
 void d_prune_aliases(struct inode *inode);
@@ -191,12 +192,11 @@ static inline void d_add(struct dentry *entry, struct inode *inode) {
   d_rehash(entry);
 }
 
-/* Gives `dentry` the name and parent of `target`, which gets its own. Both parents' i_mutex are
+/* Moves `dentry` to the name and parent of `target`, which gets dentry's. Both parents' i_mutex are
  * held. */
 void d_move(struct dentry *dentry, struct dentry *target);
 
-/* The cached child of that name with a reference, or NULL. d_lookup does not see a rename half
- * done. */
+/* The cached child of that name with a reference, or NULL. Does not see a rename half done. */
 struct dentry *d_lookup(struct dentry *parent, struct qstr *name);
 struct dentry *__d_lookup(struct dentry *parent, struct qstr *name);
 

@@ -1,5 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Error numbers in the last page of the address space, so that one pointer says object or error. */
+/* Error numbers in the last page of the address space, so that a pointer is either an object or an
+ * error. */
 #ifndef _LINUX_ERR_H
 #define _LINUX_ERR_H
 

@@ -1,7 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * References on open files. There are no descriptor tables here: an open file is held by its
- * pointer.
+ * References on open files. There are no descriptor tables: an open file is known by its pointer.
  */
 #ifndef UKERN_LINUX_FILE_H
 #define UKERN_LINUX_FILE_H
@@ -19,9 +18,9 @@ extern "C" {
 /* Drops a reference; the last one closes the file (release, then its dentry and mount). May sleep.
  */
 void fput(struct file *file);
-/* The closing itself, for a caller that dropped the last count by hand. May sleep. */
+/* Closes a file whose last reference the caller has dropped itself. May sleep. */
 void __fput(struct file *file);
-/* Gives back a file that was never opened. */
+/* Drops the reference of a file that was never opened. */
 void put_filp(struct file *file);
 
 #ifdef __cplusplus

@@ -3,12 +3,12 @@
  * The heart of the VFS: inodes, open files, super blocks, file system types, page-cache mappings,
  * their tables of operations, and the calls that work on them.
  *
- * Lifetimes. An inode is counted by i_count: each dentry that names it holds one. A file is counted
- * by f_count and holds its dentry and mount. A super block is kept in memory by s_count and mounted
- * while s_active is not 0.
+ * Lifetimes. i_count counts an inode's references: each of its dentries has one. f_count counts a
+ * file's references; a file has references on its dentry and mount. s_count keeps a super block in
+ * memory; it is mounted while s_active is not 0.
  *
  * Locks, outermost first: s_umount; i_mutex (parent before child); i_alloc_sem; page lock;
- * dcache_lock; d_lock; inode_lock; tree_lock. i_state, i_list and i_hash belong to inode_lock
+ * dcache_lock; d_lock; inode_lock; tree_lock. inode_lock protects i_state, i_list and i_hash
  * (linux/writeback.h). Each file system type has a lock class of its own for the i_mutex of its
  * inodes.
  *
@@ -148,7 +148,7 @@ struct writeback_control;
 
 #define special_file(m) (S_ISCHR(m) || S_ISBLK(m) || S_ISFIFO(m) || S_ISSOCK(m))
 
-/* ia_valid: which fields of a struct iattr are meant */
+/* ia_valid: the fields of a struct iattr that are set */
 #define ATTR_MODE 1
 #define ATTR_UID 2
 #define ATTR_GID 4
@@ -173,13 +173,13 @@ struct iattr {
   struct timespec ia_atime;
   struct timespec ia_mtime;
   struct timespec ia_ctime;
-  struct file *ia_file; /* with ATTR_FILE: the open file by which it was asked for */
+  struct file *ia_file; /* with ATTR_FILE: the open file through which the change is made */
 };
 
-/* What some address space operations return in place of an error. */
+/* Results of some address space operations besides errors. */
 enum positive_aop_returns {
   AOP_WRITEPAGE_ACTIVATE = 0x80000, /* writepage: not written, and the page is still locked */
-  AOP_TRUNCATED_PAGE = 0x80001,     /* the page was unlocked and may be gone: get it anew */
+  AOP_TRUNCATED_PAGE = 0x80001, /* the page was unlocked and may be truncated: look it up again */
 };
 
 struct address_space_operations {
@@ -209,7 +209,7 @@ struct address_space {
   spinlock_t i_mmap_lock;
   unsigned int truncate_count;
   unsigned long nrpages;   /* under tree_lock */
-  pgoff_t writeback_index; /* where write-back goes on */
+  pgoff_t writeback_index; /* where write-back continues */
   const struct address_space_operations *a_ops;
   unsigned long flags; /* gfp mask and AS_* bits */
   struct backing_dev_info *backing_dev_info;
@@ -246,7 +246,7 @@ struct inode {
   unsigned short i_bytes;
   spinlock_t i_lock;
   struct mutex i_mutex;
-  struct rw_semaphore i_alloc_sem; /* truncation against direct I/O */
+  struct rw_semaphore i_alloc_sem; /* excludes truncation and direct I/O */
   ukern_field<struct inode_operations *, UKERN_PUBLISHED> i_op;
   ukern_field<const struct file_operations *, UKERN_PUBLISHED> i_fop;
   struct super_block *i_sb;
@@ -258,10 +258,10 @@ struct inode {
   ukern_field<unsigned int> i_flags; /* S_* */
   atomic_t i_writecount;             /* files open for writing; negative: writing is denied */
   union {
-    void *generic_ip; /* the file system's */
+    void *generic_ip; /* the file system's data */
   } u;
   ukern_field<struct uk_node *> i_nodes; /* the hosting program's handles; see ukern/door/node.h */
-  struct reflog *i_reflog;               /* debug builds: who took and dropped references */
+  struct reflog *i_reflog;               /* debug builds: log of the references */
 };
 
 /* Subclasses of i_mutex, in the order in which they are taken: parent, child, normal, xattr, quota.
@@ -290,7 +290,7 @@ static inline unsigned imajor(struct inode *inode) {
   return MAJOR(inode->i_rdev);
 }
 
-/* Kept by the page cache for read-ahead. */
+/* Read-ahead state of the page cache. */
 struct file_ra_state {
   unsigned long ra_pages;  /* longest window, in pages */
   unsigned long prev_page; /* last page read */
@@ -312,13 +312,13 @@ struct file {
   unsigned long f_version;
   void *private_data;
   struct address_space *f_mapping;
-  struct reflog *f_reflog; /* debug builds: who took and dropped references */
+  struct reflog *f_reflog; /* debug builds: log of the references */
 };
 
 extern spinlock_t files_lock;
 
 #if UKERN_DEBUG
-/* Notes in the file's log that its count changed. */
+/* Logs a change of the file's count. */
 void ukern_file_ref(struct file *file, int change);
 #else
 static inline void ukern_file_ref(struct file *, int) {}
@@ -335,7 +335,8 @@ static inline void get_file(struct file *file) {
 
 typedef struct files_struct *fl_owner_t;
 
-/* Called by readdir for each entry; non-zero: no room, stop, and that entry comes again. */
+/* Called by readdir for each entry; non-zero: no room; readdir stops and passes that entry again
+ * next time. */
 typedef int (*filldir_t)(void *, const char *, int, loff_t, ino_t, unsigned);
 
 #define DT_UNKNOWN 0
@@ -348,7 +349,7 @@ typedef int (*filldir_t)(void *, const char *, int, loff_t, ino_t, unsigned);
 #define DT_SOCK 12
 #define DT_WHT 14
 
-/* What a read through the page cache hands each page to. */
+/* State of a read through the page cache, and the function that takes each page. */
 typedef struct {
   size_t written;
   size_t count;
@@ -380,8 +381,8 @@ struct file_operations {
 };
 
 /*
- * All are called with i_mutex of the directories and of a victim held; setattr and the two xattr
- * calls that modify with that of the inode; the rest with none.
+ * create to rename are called with i_mutex of the directories and of a victim held; setattr,
+ * truncate, setxattr and removexattr with that of the inode; the rest with none.
  */
 struct inode_operations {
   int (*create)(struct inode *, struct dentry *, int, struct nameidata *);
@@ -428,7 +429,7 @@ struct super_operations {
 #define S_BIAS (1 << 30)
 
 struct super_block {
-  struct list_head s_list; /* in super_blocks; under sb_lock, as are s_count and s_instances */
+  struct list_head s_list; /* in super_blocks; under sb_lock, like s_count and s_instances */
   dev_t s_dev;
   unsigned long s_blocksize;
   unsigned char s_blocksize_bits;
@@ -446,7 +447,7 @@ struct super_block {
   int s_need_sync_fs;
   atomic_t s_active;
 
-  struct list_head s_inodes; /* these three: under inode_lock */
+  struct list_head s_inodes; /* this and the next two: under inode_lock */
   struct list_head s_dirty;
   struct list_head s_io;
   struct list_head s_files; /* under files_lock */
@@ -459,11 +460,11 @@ struct super_block {
 
   char s_id[32];
   void *s_fs_info;
-  struct mutex s_vfs_rename_mutex; /* held while a directory moves to another */
+  struct mutex s_vfs_rename_mutex; /* held during a rename between directories */
   u32 s_time_gran;                 /* of time stamps, in nanoseconds */
-  struct reflog *s_reflog;         /* debug builds: who took and dropped s_active */
+  struct reflog *s_reflog;         /* debug builds: log of s_active */
 #if UKERN_DEBUG
-  unsigned int ukern_depth; /* how many file systems it lies on, see lockdep.h */
+  unsigned int ukern_depth; /* number of file systems below it, see lockdep.h */
 #endif
 };
 
@@ -471,7 +472,7 @@ extern struct list_head super_blocks;
 extern spinlock_t sb_lock;
 #define sb_entry(list) list_entry((list), struct super_block, s_list)
 
-/* The time, cut to what the file system can keep. Does not sleep. */
+/* The current time in the file system's granularity. Does not sleep. */
 struct timespec current_fs_time(struct super_block *sb);
 
 enum { SB_UNFROZEN = 0, SB_FREEZE_WRITE = 1, SB_FREEZE_TRANS = 2 };
@@ -501,8 +502,8 @@ int unregister_filesystem(struct file_system_type *);
 /* The type of that name with a reference on its module, or NULL. */
 struct file_system_type *get_fs_type(const char *name);
 
-/* A new super block on an anonymous device for each call / one for all calls; `mnt` gets it and its
- * root. */
+/* A new super block on an anonymous device for each call / one for all calls; `mnt` receives it and
+ * its root. */
 int get_sb_nodev(struct file_system_type *fs_type, int flags, void *data,
                  int (*fill_super)(struct super_block *, void *, int), struct vfsmount *mnt);
 int get_sb_single(struct file_system_type *fs_type, int flags, void *data,
@@ -512,11 +513,11 @@ int simple_set_mnt(struct vfsmount *mnt, struct super_block *sb);
 struct super_block *sget(struct file_system_type *type, int (*test)(struct super_block *, void *),
                          int (*set)(struct super_block *, void *), void *data);
 int set_anon_super(struct super_block *s, void *data);
-/* What a type's kill_sb is made of. s_umount is held for writing and released. */
+/* Parts of a type's kill_sb. s_umount is held for writing and released. */
 void generic_shutdown_super(struct super_block *sb);
 void kill_anon_super(struct super_block *sb);
-void kill_litter_super(struct super_block *sb); /* for trees kept only by their dentries */
-/* Drops one use of a mounted super block; the last one shuts it down. s_umount is not held. */
+void kill_litter_super(struct super_block *sb); /* for trees that exist only in the dentry cache */
+/* Drops an active reference of a super block; the last one shuts it down. s_umount is not held. */
 void deactivate_super(struct super_block *sb);
 int do_remount_sb(struct super_block *sb, int flags, void *data, int force);
 int fs_may_remount_ro(struct super_block *);
@@ -525,16 +526,16 @@ void sync_filesystems(int wait);
 
 /* ---- mounts: ukern/vfs/mount_tree.cc ---- */
 
-/* A mount of the type that is attached nowhere. ERR_PTR. */
+/* A mount of the type, not attached. ERR_PTR. */
 struct vfsmount *kern_mount(struct file_system_type *);
-/* 1 when nobody but the mount tree uses the mount. */
+/* 1 if only the mount tree uses the mount. */
 int may_umount(struct vfsmount *);
 long do_mount(char *dev_name, char *dir_name, char *type, unsigned long flags, void *data);
 
 /* ---- inodes: ukern/vfs/{inode,fs_writeback}.cc ---- */
 
-/* i_state. I_LOCK: under I/O or being made, wait; I_NEW: not filled in yet; I_FREEING, I_WILL_FREE:
- * going. */
+/* i_state. I_LOCK: under I/O or being initialised, wait; I_NEW: not filled in yet; I_FREEING,
+ * I_WILL_FREE: being freed. */
 #define I_DIRTY_SYNC 1
 #define I_DIRTY_DATASYNC 2
 #define I_DIRTY_PAGES 4
@@ -552,20 +553,20 @@ struct inodes_stat_t {
 };
 extern struct inodes_stat_t inodes_stat;
 
-/* Prepares the memory of an inode: for alloc_inode or a cache's constructor. Does not sleep. */
+/* Initialises the memory of an inode: for alloc_inode or a cache's constructor. Does not sleep. */
 void inode_init_once(struct inode *);
-/* An inode that is in no hash, count 1; NULL without memory. */
+/* A new unhashed inode, count 1; NULL without memory. */
 struct inode *new_inode(struct super_block *);
 /*
- * The inode that `test` accepts, with a reference, once it is filled in; if there is none a new one
- * on which `set` succeeded, I_NEW and I_LOCK set, which the caller fills in and unlocks. NULL: no
- * memory or `set` failed. test and set run under inode_lock.
+ * Finds the inode that `test` accepts, waits until it is filled in, and takes a reference. If there
+ * is none, adds a new one on which `set` succeeded, with I_NEW and I_LOCK, which the caller fills
+ * in and unlocks. NULL: no memory or `set` failed. test and set run under inode_lock.
  */
 struct inode *iget5_locked(struct super_block *, unsigned long hashval,
                            int (*test)(struct inode *, void *), int (*set)(struct inode *, void *),
                            void *);
 void unlock_new_inode(struct inode *);
-/* As iget5_locked, but only what is there; _nowait may give one that is not filled in yet. */
+/* As iget5_locked, but only existing inodes; _nowait may return one that is not filled in yet. */
 struct inode *ilookup5_nowait(struct super_block *sb, unsigned long hashval,
                               int (*test)(struct inode *, void *), void *data);
 struct inode *ilookup5(struct super_block *sb, unsigned long hashval,
@@ -576,12 +577,12 @@ void remove_inode_hash(struct inode *);
 static inline void insert_inode_hash(struct inode *inode) {
   __insert_inode_hash(inode, inode->i_ino);
 }
-/* A further reference, or NULL when the inode is on its way out. Does not sleep. */
+/* Takes a reference; NULL if the inode is being freed. Does not sleep. */
 struct inode *igrab(struct inode *);
 void __iget(struct inode *inode); /* under inode_lock */
 void iput(struct inode *);
-/* drop_inode for "not kept without users" / "kept while it has links". inode_lock held, released.
- */
+/* drop_inode for inodes not cached without users / cached while they have links. inode_lock is
+ * held, and released. */
 void generic_delete_inode(struct inode *inode);
 void generic_drop_inode(struct inode *inode);
 void clear_inode(struct inode *);
@@ -614,7 +615,7 @@ int generic_osync_inode(struct inode *, struct address_space *, int what);
 
 /* ---- dentries, see linux/dcache.h ---- */
 
-/* Unhashes a directory about to be removed when only the caller uses it. Takes a reference. */
+/* Unhashes a directory about to be removed if only the caller uses it. Takes a reference. */
 void dentry_unhash(struct dentry *dentry);
 int is_subdir(struct dentry *child, struct dentry *parent);
 static inline ino_t parent_ino(struct dentry *dentry) {

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Where a task stands in the name space. All tasks share one, as kernel threads do; its umask
- * starts at 0, because whoever calls for an application has applied the application's umask
- * already.
+ * A task's root and working directory. All tasks share one, as kernel threads do. Its umask starts
+ * at 0, because the caller has applied an application's umask already.
  */
 #ifndef _LINUX_FS_STRUCT_H
 #define _LINUX_FS_STRUCT_H
@@ -14,7 +13,7 @@ struct vfsmount;
 
 struct fs_struct {
   atomic_t count;
-  rwlock_t lock; /* guards the four pointers, each of which holds a reference */
+  rwlock_t lock; /* protects the four pointers, each of which has a reference */
   int umask;
   struct dentry *root, *pwd;
   struct vfsmount *rootmnt, *pwdmnt;

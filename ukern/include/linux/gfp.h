@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* How memory may be found, and pages by the power of two. */
+/* Allocation flags, and page allocation by powers of two. */
 #ifndef _LINUX_GFP_H
 #define _LINUX_GFP_H
 
@@ -41,7 +41,7 @@ struct page;
 #define MAX_ORDER 11
 
 extern "C" {
-/* 2^order pages in a row, or null; sleeps if __GFP_WAIT is set. */
+/* 2^order contiguous pages, or null; sleeps if __GFP_WAIT is set. */
 struct page *alloc_pages(gfp_t gfp_mask, unsigned int order);
 unsigned long __get_free_pages(gfp_t gfp_mask, unsigned int order);
 unsigned long get_zeroed_page(gfp_t gfp_mask);

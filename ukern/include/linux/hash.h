@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Multiplicative hashing: the top `bits` bits of the product with 2^64 over the golden ratio. Each
- * bit of the value counts; a multiplier with few bits set would leave the upper ones of a large
- * table to the low bits of the value alone.
+ * Multiplicative hashing: the top `bits` bits of the product with 2^64 over the golden ratio. All
+ * bits of the value count; with a multiplier of few set bits, only the low bits of the value would
+ * decide the upper bits of an index into a large table.
  */
 #ifndef _LINUX_HASH_H
 #define _LINUX_HASH_H

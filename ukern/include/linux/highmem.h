@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Addresses of pages. All memory is always mapped, so kmap costs nothing; it still may not be
- * called where sleeping is forbidden, and the atomic form forbids sleeping until kunmap_atomic.
+ * Addresses of pages. All memory is always mapped, so kmap costs nothing; it still must not be
+ * called where sleeping is forbidden.
  */
 #ifndef _LINUX_HIGHMEM_H
 #define _LINUX_HIGHMEM_H

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Start-up code stays in memory here, so the section marks mean nothing. */
+/* Start-up code stays in memory here, so the section marks have no meaning. */
 #ifndef _LINUX_INIT_H
 #define _LINUX_INIT_H
 

@@ -8,7 +8,7 @@
 #include <linux/time.h>
 
 #define HZ 1000
-/* Nanoseconds between ticks as the timer's divisor makes them: a little less than 1 / HZ. */
+/* Nanoseconds between ticks with the timer's divisor: a little less than 1 / HZ. */
 #define TICK_NSEC 999848UL
 
 #define INITIAL_JIFFIES ((unsigned long)(unsigned int)(-300 * HZ))

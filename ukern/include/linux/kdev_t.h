@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Device numbers. In the kernel a dev_t is 12 bits of major and 20 bits of minor number; user level
- * sees the encoded form (new_encode_dev), which is what stat and mknod carry.
+ * sees the encoded form (new_encode_dev), which stat and mknod use.
  */
 #ifndef UKERN_LINUX_KDEV_T_H
 #define UKERN_LINUX_KDEV_T_H

@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What every kernel file uses: the log, formatted text, small arithmetic, the way from member to
- * structure. */
+/* Used by every kernel file: the log, formatted text, small arithmetic, container_of. */
 #ifndef _LINUX_KERNEL_H
 #define _LINUX_KERNEL_H
 
@@ -36,17 +35,17 @@
 
 extern "C" {
 
-/* May be called anywhere, never sleeps. The number of characters of the text. */
+/* May be called anywhere, never sleeps. Returns the number of characters of the text. */
 asmlinkage int printk(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 int printk_ratelimit(void);
 asmlinkage int vprintk(const char *fmt, va_list args) __attribute__((format(printf, 1, 0)));
 
 int sprintf(char *buf, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
-/* Length of the whole text, also when it was cut. */
+/* Returns the length of the whole text, also when it was cut. */
 int snprintf(char *buf, size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 int vsnprintf(char *buf, size_t size, const char *fmt, va_list args)
     __attribute__((format(printf, 3, 0)));
-/* Length of what is in the buffer. */
+/* Returns the length of the text in the buffer. */
 int scnprintf(char *buf, size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 int vscnprintf(char *buf, size_t size, const char *fmt, va_list args)
     __attribute__((format(printf, 3, 0)));
@@ -57,10 +56,7 @@ unsigned long long simple_strtoull(const char *cp, char **endp, unsigned int bas
 long long simple_strtoll(const char *cp, char **endp, unsigned int base);
 
 void panic(const char *fmt, ...) __attribute__((noreturn, format(printf, 1, 2)));
-/*
- * Completes, if there is anything to complete, and ends the calling kernel thread: nothing of it
- * runs afterwards.
- */
+/* Completes `comp`, unless it is null, and ends the calling kernel thread. */
 struct completion;
 void complete_and_exit(struct completion *comp, long code) __attribute__((noreturn));
 

@@ -1,9 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Rings of entries linked through a member of theirs, and chains with a one-pointer head for hash
- * tables. Nothing is allocated and no lock is taken: the owner of the list sees to that. An entry
- * taken off with list_del points at nothing usable until it is added again; list_del_init leaves it
- * empty.
+ * Circular lists of entries linked through a member, and chains with a one-pointer head for hash
+ * tables. Nothing is allocated and no lock is taken: the list's owner does the locking. list_del
+ * leaves an entry unusable until it is added again; list_del_init leaves it empty.
  */
 #ifndef _LINUX_LIST_H
 #define _LINUX_LIST_H
@@ -22,7 +21,7 @@ struct list_head {
   { &(name), &(name) }
 #define LIST_HEAD(name) struct list_head name = LIST_HEAD_INIT(name)
 
-/* list_empty may look while somebody else, with the list's lock, links and unlinks. */
+/* Atomic: list_empty may run without the list's lock while another thread links and unlinks. */
 static inline void ukern_list_link(struct list_head *prev, struct list_head *next) {
   __atomic_store_n(&next->prev, prev, __ATOMIC_RELAXED);
   __atomic_store_n(&prev->next, next, __ATOMIC_RELAXED);
@@ -42,12 +41,12 @@ static inline void __list_add(struct list_head *entry, struct list_head *prev,
   ukern_list_link(prev, entry);
 }
 
-/* Behind the head: first out for a stack. */
+/* After the head, as for a stack. */
 static inline void list_add(struct list_head *entry, struct list_head *head) {
   __list_add(entry, head, head->next);
 }
 
-/* Before the head: last out for a queue. */
+/* Before the head, as for a queue. */
 static inline void list_add_tail(struct list_head *entry, struct list_head *head) {
   __list_add(entry, head->prev, head);
 }
@@ -103,7 +102,7 @@ static inline void __list_splice(struct list_head *list, struct list_head *head)
   ukern_list_link(last, at);
 }
 
-/* All entries of `list` to the front of `head`; `list` itself is left as it was. */
+/* Moves all entries of `list` to the front of `head`; `list` itself is not reset. */
 static inline void list_splice(struct list_head *list, struct list_head *head) {
   if (!list_empty(list)) __list_splice(list, head);
 }

@@ -1,12 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * What the lock checker knows of a lock: its class and its name. Locks of one class are taken by
- * the same rules; the class is named by the address of a static key, or of the lock itself where
- * that is static, a subclass of 0 to 7, and for the locks of a file system's objects by how many
- * other file systems it lies on: one that is mounted over a mount of its own type takes the locks
- * of the lower one under those of the same kind of its own. The checker (ukern/sync/lockcheck.h)
- * learns in which order classes are taken and reports the first time when two of them are taken
- * both ways round. All of it is gone in release builds.
+ * A lock's data for the lock checker: its class and its name. Locks of one class are taken by the
+ * same rules. A class is the address of a static key, or of the lock itself if that is static; a
+ * subclass of 0 to 7; and for the locks of a file system's objects the depth of that file system. A
+ * file system over another of its own type takes the lower one's locks under its own locks of the
+ * same kind. The checker (ukern/sync/lockcheck.h) records the order in which classes are taken, and
+ * reports the first time that two are taken in both orders. Release builds have none of it.
  */
 #ifndef _LINUX_LOCKDEP_H
 #define _LINUX_LOCKDEP_H
@@ -34,7 +33,7 @@ struct lockdep_map {
 
 extern "C" {
 void lockdep_init_map(struct lockdep_map *lock, const char *name, struct lock_class_key *key);
-/* Another class for a lock that nobody holds; it stays at its depth. */
+/* Changes the class of a lock that is not held; its depth stays. */
 void ukern_lock_set_class(struct lockdep_map *lock, const char *name, struct lock_class_key *key);
 }
 

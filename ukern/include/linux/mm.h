@@ -2,9 +2,9 @@
 /*
  * Pages and mappings.
  *
- * A page is 4096 bytes of memory with a struct page. `_count` counts its users: the page cache is
- * one, private_ data is one, each mapping that shows it is one, every look-up is one until
- * page_cache_release. At zero it is freed.
+ * A page is 4096 bytes of memory with a struct page. `_count` counts its references: one of the
+ * page cache, one of private_ data, one of each mapping that shows it, and one of every lookup
+ * until page_cache_release. At zero it is freed.
  *
  * page->mapping and page->index change only with the page locked and the mapping's tree_lock held
  * for writing.
@@ -43,8 +43,8 @@ struct writeback_control;
 static inline void *page_address(struct page *page) {
   return page->virtual_;
 }
-/* The page at an address that __get_free_pages or get_zeroed_page gave. Interior addresses of its
- * first page do. */
+/* The page at an address from __get_free_pages or get_zeroed_page, which may be any address in the
+ * first page. */
 struct page *virt_to_page(const void *addr);
 
 static inline int page_count(struct page *page) {
@@ -69,11 +69,11 @@ static inline struct address_space *page_mapping(struct page *page) {
   return page->mapping;
 }
 
-#define VM_READ 0x00000001 /* what the mapping allows now */
+#define VM_READ 0x00000001 /* current permissions */
 #define VM_WRITE 0x00000002
 #define VM_EXEC 0x00000004
 #define VM_SHARED 0x00000008
-#define VM_MAYREAD 0x00000010 /* what mprotect may allow */
+#define VM_MAYREAD 0x00000010 /* permissions that mprotect may give */
 #define VM_MAYWRITE 0x00000020
 #define VM_MAYEXEC 0x00000040
 #define VM_MAYSHARE 0x00000080
@@ -123,39 +123,39 @@ struct mm_struct {
 #define VM_FAULT_MINOR 0x02
 #define VM_FAULT_MAJOR 0x03
 
-/* The page of a file mapping at an address, read in when it must be; see
- * vm_operations_struct.nopage. May sleep. */
+/* The page of a file mapping at an address, read in if necessary; see vm_operations_struct.nopage.
+ * May sleep. */
 struct page *filemap_nopage(struct vm_area_struct *area, unsigned long address, int *type);
 
 /*
- * Takes the pages that lie wholly in [holebegin, holebegin + holelen) out of every mapping of the
- * file; a length of 0 means up to the end. May sleep.
+ * Removes the pages wholly in [holebegin, holebegin + holelen) from every mapping of the file; a
+ * length of 0 means up to the end. May sleep.
  */
 void unmap_mapping_range(struct address_space *mapping, loff_t const holebegin,
                          loff_t const holelen, int even_cows);
 
 /*
- * Sets the size of a file and drops or grows what it holds: the page cache first, then
+ * Sets the size of a file and drops the data behind it: from the page cache first, then by
  * i_op->truncate. The caller holds i_mutex. -EFBIG past the limits (with SIGXFSZ for the task's own
  * limit), -ETXTBSY. May sleep.
  */
 int vmtruncate(struct inode *inode, loff_t offset);
-/* Drop cached pages from `lstart` on, dirty ones too, a page cut by it cleared behind it. May
+/* Drop cached pages from `lstart` on, also dirty ones, and clear the rest of a partial page. May
  * sleep. */
 void truncate_inode_pages(struct address_space *mapping, loff_t lstart);
 void truncate_inode_pages_range(struct address_space *mapping, loff_t lstart, loff_t lend);
 
 /*
- * Marks a page dirty, its tag and its inode with it (by a_ops->set_page_dirty, else
- * __set_page_dirty_nobuffers): non-zero when it was not dirty. The page is locked or otherwise kept
- * in its mapping. Does not sleep by itself.
+ * Marks a page dirty, with its tag and its inode (by a_ops->set_page_dirty, else
+ * __set_page_dirty_nobuffers). Non-zero if it was clean. The page is locked or otherwise protected
+ * from leaving its mapping. Does not sleep by itself.
  */
 int set_page_dirty(struct page *page);
 int __set_page_dirty_nobuffers(struct page *page);
-/* For a writepage that will not write now: dirty again, counted as skipped. */
+/* For a writepage that does not write now: marks the page dirty again and counts it as skipped. */
 int redirty_page_for_writepage(struct writeback_control *wbc, struct page *page);
-/* Just before writepage, page locked: takes the dirty mark off (its tag stays). Non-zero when it
- * was there. */
+/* Clears the dirty mark of a locked page just before writepage; its tag stays. Non-zero if it was
+ * set. */
 int clear_page_dirty_for_io(struct page *page);
 int test_clear_page_dirty(struct page *page);
 static inline int clear_page_dirty(struct page *page) {

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Modules. Code compiled with MODULE defined belongs to the module linked into this image,
- * THIS_MODULE counts who uses it, and uk_module_unload refuses while the count is above zero.
+ * Modules. Code compiled with MODULE defined belongs to the module linked into this image;
+ * THIS_MODULE counts its users, and uk_module_unload refuses while the count is above zero.
  * Everything else is built in.
  */
 #ifndef _LINUX_MODULE_H
@@ -27,11 +27,10 @@ struct module {
 extern "C" {
 extern struct module __this_module;
 
-/* 1 with a reference taken; 0 when the module is on its way out. A null module (built in) always
- * gives 1. */
+/* 1 with a reference taken; 0 if the module is being unloaded. Always 1 for a null module (built
+ * in). */
 int try_module_get(struct module *module);
-/* Takes a reference where the caller has one already, so that the module cannot be on its way out.
- */
+/* Takes a further reference; the caller has one, so the module is not being unloaded. */
 void __module_get(struct module *module);
 void module_put(struct module *module);
 }
@@ -46,7 +45,7 @@ static inline int module_is_live(struct module *module) {
   return module->state != MODULE_STATE_GOING;
 }
 
-/* Nothing is looked up by name here; the name must still exist, with C linkage. */
+/* Symbols are not looked up by name here, but must exist, with C linkage. */
 #define EXPORT_SYMBOL(sym) extern "C" typeof(sym) sym
 #define EXPORT_SYMBOL_GPL(sym) extern "C" typeof(sym) sym
 

@@ -2,10 +2,9 @@
 /*
  * Mounts: struct vfsmount is one file system at one place of the name space.
  *
- * mnt_count counts references; the mount tree itself holds one while the mount is attached, and an
- * attached mount holds a reference on the mount and dentry that it stands on. The tree and the hash
- * are protected by vfsmount_lock, changed only under the name space's semaphore. mntget never
- * sleeps, mntput may.
+ * mnt_count counts references; the mount tree has one while the mount is attached, and an attached
+ * mount has references on the mount and dentry of its mount point. vfsmount_lock protects the tree
+ * and the hash; changes also need the name space's semaphore. mntget never sleeps, mntput may.
  */
 #ifndef UKERN_LINUX_MOUNT_H
 #define UKERN_LINUX_MOUNT_H
@@ -47,11 +46,11 @@ struct vfsmount {
   struct list_head mnt_list; /* in the name space's list */
   struct namespace_ *mnt_namespace;
   struct list_head mnt_all;  /* every mount, for reports; under vfsmount_lock */
-  struct reflog *mnt_reflog; /* debug builds: who took and dropped references */
+  struct reflog *mnt_reflog; /* debug builds: log of the references */
 };
 
 #if UKERN_DEBUG
-/* Notes in the mount's log that its count changed. */
+/* Logs a change of the mount's count. */
 void ukern_vfsmount_ref(struct vfsmount *mnt, int change);
 #else
 static inline void ukern_vfsmount_ref(struct vfsmount *, int) {}
@@ -77,7 +76,7 @@ static inline void mntput(struct vfsmount *mnt) {
 void free_vfsmnt(struct vfsmount *mnt);
 struct vfsmount *alloc_vfsmnt(const char *name);
 
-/* A mount of a (new or found) super block, attached nowhere; the caller owns the one reference.
+/* An unattached mount of a new or existing super block; the caller owns its only reference.
  * ERR_PTR. */
 struct vfsmount *do_kern_mount(const char *fstype, int flags, const char *name, void *data);
 struct vfsmount *vfs_kern_mount(struct file_system_type *type, int flags, const char *name,

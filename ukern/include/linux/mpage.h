@@ -11,8 +11,8 @@ extern "C" {
 #endif
 
 /*
- * Calls a_ops->writepage for each dirty page that the control asks for, page locked. 0 or the first
- * error, which is also kept in mapping->flags. May sleep.
+ * Calls a_ops->writepage for each dirty page that `wbc` selects, page locked. 0 or the first error,
+ * which is also recorded in mapping->flags. May sleep.
  */
 int generic_writepages(struct address_space *mapping, struct writeback_control *wbc);
 

@@ -1,7 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/*
- * Mutexes: one holder, which may sleep, does not take it twice and gives it back itself.
- */
+/* Mutexes: one holder, which may sleep, does not take it twice and releases it itself. */
 #ifndef _LINUX_MUTEX_H
 #define _LINUX_MUTEX_H
 
@@ -13,7 +11,7 @@
 #include <asm/atomic.h>
 
 struct mutex {
-  volatile unsigned int word; /* 0 free, 1 held, 2 held and waited for */
+  volatile unsigned int word; /* 0 free, 1 held, 2 held with waiters */
 #if UKERN_DEBUG
   struct lockdep_map dep_map;
 #endif

@@ -41,7 +41,7 @@ struct nameidata {
   } intent;
 };
 
-/* What the last component is, after a walk with LOOKUP_PARENT. */
+/* The type of the last component, after a walk with LOOKUP_PARENT. */
 enum { LAST_NORM, LAST_ROOT, LAST_DOT, LAST_DOTDOT, LAST_BIND };
 
 #define LOOKUP_FOLLOW 1      /* follow a link that is the last component */
@@ -49,7 +49,7 @@ enum { LAST_NORM, LAST_ROOT, LAST_DOT, LAST_DOTDOT, LAST_BIND };
 #define LOOKUP_CONTINUE 4    /* set during the walk while components follow */
 #define LOOKUP_PARENT 16     /* stop at the directory of the last component */
 #define LOOKUP_NOALT 32      /* no alternate root */
-#define LOOKUP_REVAL 64      /* the dentry cache is not to be trusted */
+#define LOOKUP_REVAL 64      /* do not trust the dentry cache */
 #define LOOKUP_OPEN 0x0100   /* the intent: open */
 #define LOOKUP_CREATE 0x0200 /* create */
 #define LOOKUP_ACCESS 0x0400 /* check access */
@@ -57,7 +57,7 @@ enum { LAST_NORM, LAST_ROOT, LAST_DOT, LAST_DOTDOT, LAST_BIND };
 /* 0 or the first error of the walk: -ENOENT, -ENOTDIR, -EACCES, -ELOOP, -ENAMETOOLONG, -ENOMEM, ...
  */
 int path_lookup(const char *name, unsigned flags, struct nameidata *nd);
-/* Walks on from what `nd` holds; a failed walk has released it. */
+/* Continue the walk from `nd`; a failed walk has released it. */
 int path_walk(const char *name, struct nameidata *nd);
 int link_path_walk(const char *name, struct nameidata *nd);
 void path_release(struct nameidata *nd);
@@ -66,17 +66,17 @@ void path_release_on_umount(struct nameidata *nd);
 
 /* The open file for a finished open walk; takes over the references of `nd`. */
 struct file *nameidata_to_filp(struct nameidata *nd, int flags);
-/* Gives the file of an intent to open back. */
+/* Releases the file of an intent to open. */
 void release_open_intent(struct nameidata *nd);
 
 /*
- * One component below `base`, with execute permission checked on it; no mount and no link is
- * followed. The caller holds the i_mutex of `base`. A negative dentry is a result. -EACCES for an
- * empty name and for one with a slash or a NUL.
+ * Looks up one component in `base`, after a check of execute permission; follows no mount and no
+ * link. The caller holds the i_mutex of `base`. May return a negative dentry. -EACCES for an empty
+ * name and for one with a slash or a NUL.
  */
 struct dentry *lookup_one_len(const char *name, struct dentry *base, int len);
 
-/* 1 and both changed when something is mounted on the dentry (down) or the mount has a parent (up),
+/* 1, with both changed, if there is a mount on the dentry (down) or the mount has a parent (up);
  * else 0. */
 int follow_down(struct vfsmount **mnt, struct dentry **dentry);
 int follow_up(struct vfsmount **mnt, struct dentry **dentry);

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The socket as the system-call layer knows it. The one protocol family here is PF_NETLINK.
+ * Sockets for the system-call layer. The only protocol family is PF_NETLINK.
  *
- * A struct socket is owned by whoever created it, until sock_release. It has no file. The struct
- * sock behind it (net/sock.h) is reference counted on its own and may outlive it.
+ * The creator of a struct socket owns it until sock_release. It has no file. Its struct sock
+ * (net/sock.h) is reference counted on its own and may outlive it.
  */
 #ifndef UKERN_LINUX_NET_H
 #define UKERN_LINUX_NET_H
@@ -46,7 +46,7 @@ struct socket {
   short type;
 };
 
-/* What a protocol family does. `iocb` is not looked at and may be null. */
+/* The operations of a protocol family. `iocb` is ignored and may be null. */
 struct proto_ops {
   int family;
   struct module *owner;
@@ -64,20 +64,20 @@ extern "C" {
 #endif
 
 /*
- * A new socket that the kernel itself uses. 0 with *res set; -EAFNOSUPPORT for a family other than
- * PF_NETLINK, -EINVAL for a type out of range, -ESOCKTNOSUPPORT and -EPROTONOSUPPORT as the family
- * says, -ENFILE or -ENOMEM without memory. May sleep.
+ * Creates a socket for the kernel itself. 0 with *res set; -EAFNOSUPPORT for a family other than
+ * PF_NETLINK, -EINVAL for a type out of range, -ESOCKTNOSUPPORT and -EPROTONOSUPPORT from the
+ * family, -ENFILE or -ENOMEM without memory. May sleep.
  */
 int sock_create_kern(int family, int type, int proto, struct socket **res);
-/* A socket with no protocol behind it yet: ops and sk are null. 0 or -ENOMEM. May sleep. */
+/* Creates a socket without a protocol: ops and sk are null. 0 or -ENOMEM. May sleep. */
 int sock_create_lite(int family, int type, int proto, struct socket **res);
 /* Closes and frees: the protocol's release, then the socket itself. May sleep. */
 void sock_release(struct socket *sock);
 
-/* The protocol's sendmsg and recvmsg; the iovec names user memory unless get_fs() is KERNEL_DS. */
+/* The protocol's sendmsg and recvmsg; the iovec is in user memory unless get_fs() is KERNEL_DS. */
 int sock_sendmsg(struct socket *sock, struct msghdr *msg, size_t len);
 int sock_recvmsg(struct socket *sock, struct msghdr *msg, size_t size, int flags);
-/* The same with buffers of the kernel. They set msg_iov from `vec`, whose entries are advanced. */
+/* The same with kernel buffers. They set msg_iov from `vec`, whose entries are advanced. */
 int kernel_sendmsg(struct socket *sock, struct msghdr *msg, struct kvec *vec, size_t num,
                    size_t len);
 int kernel_recvmsg(struct socket *sock, struct msghdr *msg, struct kvec *vec, size_t num,

@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Socket options by registration: ranges of option numbers of one protocol family and their
- * handlers.
+ * Registered socket options: ranges of option numbers of one protocol family and their handlers.
  *
- * The structure belongs to the one that registers it and must stay until nf_unregister_sockopt has
- * returned. Handlers run in the calling process without any lock held and may sleep.
+ * The structure is the registering code's and must stay until nf_unregister_sockopt has returned.
+ * Handlers run in the calling process without any lock held and may sleep.
  */
 #ifndef UKERN_LINUX_NETFILTER_H
 #define UKERN_LINUX_NETFILTER_H
@@ -31,7 +30,7 @@ struct nf_sockopt_ops {
   int (*get)(struct sock *sk, int optval, void __user *user, int *len);
   int (*compat_get)(struct sock *sk, int optval, void __user *user, int *len);
 
-  unsigned int use; /* calls inside set() or get(); under the option mutex, as is the list */
+  unsigned int use; /* calls of set() or get() in progress; under the option mutex, like the list */
   struct task_struct *cleanup_task;
 };
 
@@ -40,16 +39,17 @@ extern "C" {
 #endif
 
 /*
- * 0; -EBUSY when a range meets one that is registered for the same family; -EINTR when a signal
- * came while it waited for the option mutex. May sleep.
+ * 0; -EBUSY when a range overlaps one that is registered for the same family; -EINTR when the
+ * option mutex is contended and a signal is pending. May sleep.
  */
 int nf_register_sockopt(struct nf_sockopt_ops *reg);
-/* Waits, deaf to signals, until no call is inside the handlers. May sleep. */
+/* Waits, not interruptibly, until no call of the handlers is in progress. May sleep. */
 void nf_unregister_sockopt(struct nf_sockopt_ops *reg);
 
 /*
- * Call the handler that is registered for option `optval` of family `pf`; its result, -ENOPROTOOPT
- * when there is none, -EINTR when a signal came while it waited for the option mutex. May sleep.
+ * Call the handler that is registered for option `optval` of family `pf` and return its result;
+ * -ENOPROTOOPT when there is none, -EINTR when the option mutex is contended and a signal is
+ * pending. May sleep.
  */
 int nf_setsockopt(struct sock *sk, int pf, int optval, char __user *opt, int len);
 int nf_getsockopt(struct sock *sk, int pf, int optval, char __user *opt, int *len);

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Netlink: datagrams between the kernel and processes, addressed by protocol unit and port. Unicast
- * only; a kernel socket may name groups, but nobody joins them.
+ * only: groups have no members.
  */
 #ifndef UKERN_LINUX_NETLINK_H
 #define UKERN_LINUX_NETLINK_H
@@ -25,7 +25,7 @@ struct sockaddr_nl {
 };
 
 struct nlmsghdr {
-  __u32 nlmsg_len; /* with this header */
+  __u32 nlmsg_len; /* including this header */
   __u16 nlmsg_type;
   __u16 nlmsg_flags;
   __u32 nlmsg_seq;
@@ -55,9 +55,9 @@ enum {
   NETLINK_CONNECTED,
 };
 
-/* In skb->cb of every netlink buffer that a process sent. */
+/* In skb->cb of every netlink buffer from a process. */
 struct netlink_skb_parms {
-  struct ucred creds; /* of the sender, when it sent */
+  struct ucred creds; /* of the sender at the time of sending */
   __u32 pid;          /* the sender's port */
   __u32 dst_pid;
   __u32 dst_group;
@@ -73,19 +73,19 @@ extern "C" {
 
 /*
  * The kernel's socket on protocol unit `unit`, at port 0; null when the unit is out of range or
- * taken, or without memory. `input` runs in each sender's own context, after its buffer has been
+ * taken, or without memory. `input` runs in the context of each sender, after its buffer has been
  * queued here; several may run at once. Released with sock_release(sk->sk_socket). May sleep.
  */
 struct sock *netlink_kernel_create(int unit, unsigned int groups,
                                    void (*input)(struct sock *sk, int len), struct module *module);
 
 /*
- * Sends `skb` to port `pid` of the unit of `ssk` and consumes it, whatever the result. Length sent,
- * or -ECONNREFUSED when nobody has the port. While the receiver's queue is above its limit, or
- * since an overrun has not been emptied, it waits up to the send time-out of `ssk` (not at all with
- * `nonblock`); then, when `ssk` is the kernel's, the receiver is overrun (its next receive says
- * -ENOBUFS) and the result is -EAGAIN. -EINTR or -ERESTARTSYS when a signal came. May sleep unless
- * `nonblock`.
+ * Sends `skb` to port `pid` of the unit of `ssk` and consumes it, whatever the result. Returns the
+ * length sent, or -ECONNREFUSED when there is no such port. While the receiver's queue is above its
+ * limit, or has not been emptied after an overrun, it waits up to the send time-out of `ssk` (not
+ * at all with `nonblock`). Then the result is -EAGAIN, and if `ssk` is the kernel's, the receiver
+ * is overrun (its next receive returns -ENOBUFS). -EINTR or -ERESTARTSYS after a signal. May sleep
+ * unless `nonblock`.
  */
 int netlink_unicast(struct sock *ssk, struct sk_buff *skb, __u32 pid, int nonblock);
 

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Page state bits. A bit is changed atomically by anyone who holds a reference on the page; what
- * else a change requires stands at the bit. Tests look at one moment only, unless the page is
- * locked.
+ * Page state bits. A bit is changed atomically, with a reference on the page; further conditions
+ * are at the bits. A test may be outdated at once unless the page is locked.
  */
 #ifndef _LINUX_PAGE_FLAGS_H
 #define _LINUX_PAGE_FLAGS_H
@@ -11,11 +10,11 @@
 #include <linux/types.h>
 #include <asm/bitops.h>
 
-#define PG_locked 0 /* exclusive right to the page; taken and given with lock_page, unlock_page */
-#define PG_error 1  /* the last I/O of the page failed */
-#define PG_referenced 2 /* used since the reclaimer looked last */
+#define PG_locked 0     /* exclusive use of the page; lock_page and unlock_page */
+#define PG_error 1      /* the last I/O of the page failed */
+#define PG_referenced 2 /* used since the reclaimer's last scan */
 #define PG_uptodate 3   /* the data is valid; set with the page locked */
-#define PG_dirty 4      /* must be written back; changed through set_page_dirty and friends */
+#define PG_dirty 4      /* must be written back; changed through set_page_dirty and the like */
 #define PG_lru 5        /* on the reclaimer's list */
 #define PG_active 6
 #define PG_checked 8
@@ -26,8 +25,7 @@
 #define PG_mappedtodisk 16
 #define PG_reclaim 17
 
-/* The three (or six) accessors of one bit, as macros take them: PageX, SetPageX, ClearPageX,
- * TestSet, TestClear. */
+/* The accessors of one bit, in macros: PageX, SetPageX, ClearPageX, TestSet, TestClear. */
 #define UKERN_PAGE_TEST(name, bit)                        \
   static inline int Page##name(const struct page *page) { \
     return test_bit(bit, &page->flags);                   \
@@ -79,8 +77,8 @@ static inline int PageHighMem(const struct page *) {
   return 0;
 }
 
-/* Set or clear PG_writeback and the mapping's tag for it; the earlier state. Take no sleeping lock.
- */
+/* Set or clear PG_writeback and the mapping's tag for it; return the earlier state. Take no
+ * sleeping lock. */
 int test_set_page_writeback(struct page *page);
 int test_clear_page_writeback(struct page *page);
 static inline void set_page_writeback(struct page *page) {

@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The page cache: one page per index of a file's mapping at most, found through mapping->page_tree.
+ * The page cache: at most one page per index of a file's mapping, found through mapping->page_tree.
  *
- * What a look-up returns carries a reference for the caller (page_cache_release). The lock of a
- * page orders I/O, truncation and validity; it is taken inside i_mutex, and never while a spin lock
- * is held.
+ * A lookup returns a page with a reference for the caller (page_cache_release). The lock of a page
+ * orders I/O, truncation and validity; it is taken inside i_mutex, and never with a spin lock held.
  */
 #ifndef _LINUX_PAGEMAP_H
 #define _LINUX_PAGEMAP_H
@@ -24,7 +23,7 @@ extern "C" {
 
 /* Bits of mapping->flags; the lower ones are the mapping's allocation flags. */
 #define AS_EIO (__GFP_BITS_SHIFT + 0)    /* an asynchronous write failed */
-#define AS_ENOSPC (__GFP_BITS_SHIFT + 1) /* ... for want of space */
+#define AS_ENOSPC (__GFP_BITS_SHIFT + 1) /* ... without space */
 
 static inline gfp_t mapping_gfp_mask(struct address_space *mapping) {
   return (gfp_t)(__atomic_load_n(&mapping->flags, __ATOMIC_RELAXED) & __GFP_BITS_MASK);
@@ -50,13 +49,13 @@ typedef int filler_t(void *, struct page *);
 /* The page at an index, or NULL. The _lock form sleeps for the page lock and returns it locked. */
 struct page *find_get_page(struct address_space *mapping, unsigned long index);
 struct page *find_lock_page(struct address_space *mapping, unsigned long index);
-/* As find_lock_page; makes the page when there is none. NULL without memory. May sleep. */
+/* As find_lock_page; adds a new page if there is none. NULL without memory. May sleep. */
 struct page *find_or_create_page(struct address_space *mapping, unsigned long index,
                                  gfp_t gfp_mask);
 static inline struct page *grab_cache_page(struct address_space *mapping, unsigned long index) {
   return find_or_create_page(mapping, index, mapping_gfp_mask(mapping));
 }
-/* Up to nr_pages pages from `start` on in index order: their number. */
+/* Finds up to nr_pages pages from `start` on in index order; returns their number. */
 unsigned find_get_pages(struct address_space *mapping, pgoff_t start, unsigned int nr_pages,
                         struct page **pages);
 /* The same for pages with a tag (PAGECACHE_TAG_*); *index moves behind the last. */
@@ -64,8 +63,8 @@ unsigned find_get_pages_tag(struct address_space *mapping, pgoff_t *index, int t
                             unsigned int nr_pages, struct page **pages);
 
 /*
- * The page at an index, filled by filler(data, page) when it was not up to date: unlocked, reading
- * begun but not necessarily ended. An error pointer on failure. May sleep.
+ * The page at an index, filled by filler(data, page) if it was not up to date. The read has been
+ * started but need not have finished. An error pointer on failure. May sleep.
  */
 struct page *read_cache_page(struct address_space *mapping, unsigned long index, filler_t *filler,
                              void *data);
@@ -75,12 +74,12 @@ static inline struct page *read_mapping_page(struct address_space *mapping, unsi
   return read_cache_page(mapping, index, filler, data);
 }
 
-/* Enters a new page, locked, with a reference of the cache's own: 0, -EEXIST, -ENOMEM. */
+/* Adds a new page, locked, with a reference of the cache's own: 0, -EEXIST, -ENOMEM. */
 int add_to_page_cache(struct page *page, struct address_space *mapping, unsigned long index,
                       gfp_t gfp_mask);
 int add_to_page_cache_lru(struct page *page, struct address_space *mapping, unsigned long index,
                           gfp_t gfp_mask);
-/* Takes a locked page out; the cache's reference goes to the caller. The __ form: tree_lock is
+/* Removes a locked page; the cache's reference goes to the caller. The __ form: tree_lock is
  * held. */
 void remove_from_page_cache(struct page *page);
 void __remove_from_page_cache(struct page *page);
@@ -106,7 +105,7 @@ static inline void wait_on_page_locked(struct page *page) {
 static inline void wait_on_page_writeback(struct page *page) {
   if (PageWriteback(page)) wait_on_page_bit(page, PG_writeback);
 }
-/* The I/O that set_page_writeback announced is over; wakes who waits for it. */
+/* Ends the I/O that set_page_writeback announced and wakes the waiters. */
 void end_page_writeback(struct page *page);
 
 #ifdef __cplusplus

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* A handful of pages with a reference each, for walks through a mapping. Lives on the stack. */
+/* A few pages with a reference each, for walks through a mapping. Lives on the stack. */
 #ifndef _LINUX_PAGEVEC_H
 #define _LINUX_PAGEVEC_H
 
@@ -27,7 +27,8 @@ static inline unsigned pagevec_count(struct pagevec *pvec) {
 
 /* Drops the references and empties the vector. */
 void pagevec_release(struct pagevec *pvec);
-/* Fill the vector with pages from `start` (or *index, which moves on) on: their number. */
+/* Fill the vector with pages from `start` (or *index, which is advanced) on; return their
+ * number. */
 unsigned pagevec_lookup(struct pagevec *pvec, struct address_space *mapping, pgoff_t start,
                         unsigned nr_pages);
 unsigned pagevec_lookup_tag(struct pagevec *pvec, struct address_space *mapping, pgoff_t *index,

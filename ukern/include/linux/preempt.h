@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Every thread may be preempted by the host at any time, so this only counts, in debug builds, for
- * the check that nobody sleeps in atomic context.
+ * The host may preempt every thread at any time. So this only counts, in debug builds, for the
+ * check against sleeping in atomic context.
  */
 #ifndef _LINUX_PREEMPT_H
 #define _LINUX_PREEMPT_H

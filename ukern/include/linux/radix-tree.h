@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * An index from unsigned long to pointers, with two tags per item. The page cache keeps one per
- * file.
+ * An index from unsigned long to pointers, with two tags per item. The page cache has one per file.
  *
- * The caller locks: changes need exclusion, look-ups exclusion of changes. Nothing here sleeps.
- * Items are non-null pointers. The tree owns its nodes, never the items.
+ * The caller does the locking: changes exclude each other and lookups. An insertion sleeps only if
+ * gfp_mask allows it, nothing else here does. Items are non-null pointers. The tree owns its nodes,
+ * never the items.
  */
 #ifndef _LINUX_RADIX_TREE_H
 #define _LINUX_RADIX_TREE_H
@@ -38,12 +38,13 @@ struct radix_tree_root {
 int radix_tree_insert(struct radix_tree_root *root, unsigned long index, void *item);
 /* The item at the index, or NULL. */
 void *radix_tree_lookup(struct radix_tree_root *root, unsigned long index);
-/* Takes the item out, with its tags: the item, or NULL when there was none. */
+/* Removes the item with its tags: the item, or NULL when there was none. */
 void *radix_tree_delete(struct radix_tree_root *root, unsigned long index);
-/* Up to max_items items in index order, from first_index on: their number. */
+/* Finds up to max_items items in index order, from first_index on; returns their number. */
 unsigned int radix_tree_gang_lookup(struct radix_tree_root *root, void **results,
                                     unsigned long first_index, unsigned int max_items);
-/* Tag the item at an index, which must exist (set), or take the tag off: the item, or NULL. */
+/* Tag the item at an index, which must exist (set), or remove the tag (clear): the item, or
+ * NULL. */
 void *radix_tree_tag_set(struct radix_tree_root *root, unsigned long index, unsigned int tag);
 void *radix_tree_tag_clear(struct radix_tree_root *root, unsigned long index, unsigned int tag);
 /* As radix_tree_gang_lookup, tagged items only. */

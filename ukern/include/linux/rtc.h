@@ -2,7 +2,7 @@
 #ifndef _LINUX_RTC_H
 #define _LINUX_RTC_H
 
-/* A date in its parts; what each counts from is its user's choice. */
+/* A date in its parts; the user defines where each begins to count. */
 struct rtc_time {
   int tm_sec;
   int tm_min;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Reader-writer semaphores: the holder may sleep. Readers that come while a writer waits queue
- * behind it, so a reader must not take the semaphore a second time. Whoever takes it gives it back.
+ * Reader-writer semaphores: the holder may sleep. New readers queue behind a waiting writer, so a
+ * reader must not take the semaphore a second time. The task that takes it releases it.
  */
 #ifndef _LINUX_RWSEM_H
 #define _LINUX_RWSEM_H
@@ -37,7 +37,7 @@ void down_write(struct rw_semaphore *sem);
 int down_write_trylock(struct rw_semaphore *sem); /* 1: taken */
 void up_read(struct rw_semaphore *sem);
 void up_write(struct rw_semaphore *sem);
-/* From writer to reader, with no writer in between. */
+/* From writer to reader, without another writer in between. */
 void downgrade_write(struct rw_semaphore *sem);
 }
 

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Tasks. Each runs in a thread of the host: kernel threads in one of their own, the tasks of the
- * programs that call in whatever thread entered them. A task is reference counted; while its thread
- * runs it is safe without. A field without a remark belongs to the task's own thread.
+ * Tasks. Each runs in a thread of the host: a kernel thread in one of its own, a program's task in
+ * the thread that entered it. A task is reference counted; its own thread needs no reference while
+ * it runs. A field without a remark belongs to the task's own thread.
  */
 #ifndef _LINUX_SCHED_H
 #define _LINUX_SCHED_H
@@ -52,7 +52,7 @@ typedef struct {
   unsigned long seg;
 } mm_segment_t;
 
-/* Sorted by number, without duplicates. Never changed while more than one holds a reference. */
+/* Sorted by number. Never changed while there is more than one reference. */
 struct group_info {
   int ngroups;
   atomic_t usage;
@@ -60,26 +60,26 @@ struct group_info {
 };
 
 struct sighand_struct {
-  spinlock_t siglock; /* guards the task's `pending` and `blocked` */
+  spinlock_t siglock; /* protects the task's `pending` and `blocked` */
 };
 
 struct signal_struct {
   struct rlimit rlim[RLIM_NLIMITS];
 };
 
-/* A piece of memory that is a program's, not the kernel's. */
+/* A range of user memory. */
 struct ukern_user_range {
   unsigned long start, len;
 };
 #define UKERN_USER_RANGES 8
 
 struct task_struct {
-  volatile long state; /* TASK_*; changed by whoever wakes the task, too */
+  volatile long state; /* TASK_*; a waker changes it too */
   unsigned long flags; /* PF_* */
   atomic_t usage;
   long exit_code;
 
-  struct mm_struct *mm; /* under alloc_lock; null until get_task_mm first gives it out */
+  struct mm_struct *mm; /* under alloc_lock; null until the first get_task_mm */
 
   pid_t pid;
   pid_t tgid;
@@ -90,10 +90,10 @@ struct task_struct {
   struct group_info *group_info;
   kernel_cap_t cap_effective, cap_inheritable, cap_permitted;
 
-  struct host_request request; /* of the hosting program, under way */
-  bool file_too_large;         /* the host refused a write so in the write under way */
-  const struct dentry *walked; /* the one whose d_revalidate the path walk asks, and no other */
-  int link_count, total_link_count; /* symbolic links in the path walk under way */
+  struct host_request request; /* the hosting program's current request */
+  bool file_too_large;         /* the host refused the current write with -EFBIG */
+  const struct dentry *walked; /* the dentry whose d_revalidate the path walk calls, else null */
+  int link_count, total_link_count; /* symbolic links in the current path walk */
 
   struct fs_struct *fs;
   struct namespace_ *namespace_;
@@ -101,15 +101,15 @@ struct task_struct {
   struct sighand_struct *sighand;
   sigset_t blocked;
   struct sigpending pending;
-  spinlock_t alloc_lock; /* guards mm, comm and exe against other tasks */
+  spinlock_t alloc_lock; /* protects mm, comm and exe against other tasks */
 
   void *journal_info;
   struct backing_dev_info *backing_dev_info;
 
   mm_segment_t addr_limit;
 
-  /* From here on: what this kernel alone has. */
-  volatile int sigpending;    /* whether a signal waits that is not blocked; under siglock */
+  /* From here on: fields of this kernel only. */
+  volatile int sigpending;    /* whether an unblocked signal is pending; under siglock */
   struct hlist_node pid_link; /* under tasklist_lock */
   struct list_head task_link; /* under tasklist_lock */
   struct signal_struct own_signal;
@@ -117,14 +117,14 @@ struct task_struct {
   unsigned long long signals_seen;       /* under siglock */
   int (*deliver)(void *arg, int signal); /* under siglock */
   void *deliver_arg;                     /* under siglock */
-  /* Called before each sleep that a signal may end; by the thread that runs as the task. */
+  /* Called before each sleep that a signal may end, by the thread that runs as the task. */
   void (*before_wait)(void *arg);
   void *before_wait_arg;
   char *exe;                                                /* path of the program, or null */
   long (*find_exe)(int pid, char *buf, unsigned long size); /* or null; see uk_cred */
   struct ukern_kthread *kthread;                            /* null unless it is a kernel thread */
-  unsigned int user_ranges; /* how many of the two below are in use */
-  unsigned int user_room;   /* size of user_more */
+  unsigned int user_ranges;                                 /* number of ranges in the two below */
+  unsigned int user_room;                                   /* size of user_more */
   struct ukern_user_range user[UKERN_USER_RANGES];
   struct ukern_user_range *user_more; /* beyond the first UKERN_USER_RANGES */
 };
@@ -137,38 +137,38 @@ extern rwlock_t tasklist_lock; /* the tables of tasks */
 /* Sleeps until the state is TASK_RUNNING again; returns at once if it is. A pending signal ends
  * TASK_INTERRUPTIBLE. */
 void schedule(void);
-/* As schedule, for at most `timeout` jiffies; those left. The state must have been set before. */
+/* As schedule, for at most `timeout` jiffies; returns those left. The state must have been set
+ * before. */
 signed long schedule_timeout(signed long timeout);
 signed long schedule_timeout_interruptible(signed long timeout);
 signed long schedule_timeout_uninterruptible(signed long timeout);
 void msleep(unsigned int msecs);
 void yield(void);
-/* May sleep; non-zero if it gave the processor away. */
+/* May sleep; non-zero if it yielded the processor. */
 int cond_resched(void);
 
-/* Makes the task runnable whatever it sleeps in: 1 when it slept. */
+/* Makes the task runnable whatever its sleeping state; 1 when it slept. */
 int wake_up_process(struct task_struct *tsk);
 int wake_up_state(struct task_struct *tsk, unsigned int state);
 
-/* Needs tasklist_lock, or another reason why the task cannot go. */
+/* Needs tasklist_lock, or another guarantee that the task stays. */
 struct task_struct *find_task_by_pid(int nr);
 void __put_task_struct(struct task_struct *tsk);
 
-/* Makes the calling kernel thread independent of whoever started it, under a new name, signals
- * blocked. */
+/* Makes the calling kernel thread independent of its creator, under a new name, signals blocked. */
 void daemonize(const char *name, ...) __attribute__((format(printf, 1, 2)));
 
 /*
  * Sends a signal to the task with this id: 0, -ESRCH for no such task, -EINVAL for no such signal,
- * -EPERM when `priv` is 0 and the current task may not. Signal 0 only asks.
+ * -EPERM when `priv` is 0 and the current task has no permission. Signal 0 only checks.
  */
 int kill_proc(pid_t pid, int sig, int priv);
-/* The same to a task that the caller has: it always may. */
+/* The same for a task that the caller has, without a permission check. */
 int send_sig(int sig, struct task_struct *tsk, int priv);
 int allow_signal(int sig);
-/* Sets again whether a signal is pending, after a change of `blocked`; siglock held. */
+/* Recomputes whether a signal is pending, after a change of `blocked`; siglock held. */
 void recalc_sigpending(void);
-/* Forgets every pending signal. */
+/* Clears every pending signal. */
 void flush_signals(struct task_struct *tsk);
 
 /* Null without memory. */
@@ -179,8 +179,8 @@ int groups_search(struct group_info *group_info, gid_t grp);
 int in_group_p(gid_t grp);
 
 /*
- * The task's memory map with a reference, or null for a kernel thread. The map of a program's task
- * begins with an executable region of the program's file, if that file can be found. May sleep.
+ * The task's mm with a reference, or null for a kernel thread. The mm of a program's task begins
+ * with an executable region of the program's file, if that file can be found. May sleep.
  */
 struct mm_struct *get_task_mm(struct task_struct *task);
 void mmput(struct mm_struct *mm);

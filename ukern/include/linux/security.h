@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The security hooks as they are without a security module: capabilities alone decide. */
+/* The security hooks without a security module: only capabilities decide. */
 #ifndef _LINUX_SECURITY_H
 #define _LINUX_SECURITY_H
 

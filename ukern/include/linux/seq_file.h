@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Text built up in a bounded buffer. Here it serves the mount table alone (show_options), so only
+ * Text built up in a bounded buffer. It is used only for the mount table (show_options), so only
  * the calls that write into the buffer exist.
  *
  * Each call returns 0, or -1 when the text does not fit: then `count` is set to `size`, later calls
- * fail too, and the reader starts again with a larger buffer. The caller of a show function owns
- * the buffer and serialises its users; nothing here sleeps.
+ * fail too, and the reader retries with a larger buffer. The caller of a show function owns the
+ * buffer and does the locking; nothing here sleeps.
  */
 #ifndef UKERN_LINUX_SEQ_FILE_H
 #define UKERN_LINUX_SEQ_FILE_H
@@ -36,8 +36,8 @@ int seq_escape(struct seq_file *m, const char *s, const char *esc);
 int seq_putc(struct seq_file *m, char c);
 int seq_puts(struct seq_file *m, const char *s);
 int seq_printf(struct seq_file *m, const char *format, ...) __attribute__((format(printf, 2, 3)));
-/* The path of a dentry with the characters in `esc` as octal escapes; -1 or the length that `count`
- * is. */
+/* Writes the path of a dentry with the characters in `esc` as octal escapes; -1 or the length added
+ * to `count`. */
 int seq_path(struct seq_file *m, struct vfsmount *mnt, struct dentry *dentry, char *esc);
 
 #ifdef __cplusplus

@@ -36,8 +36,8 @@ static inline void siginitsetinv(sigset_t *set, unsigned long mask) {
 }
 
 extern "C" {
-/* Changes what the current task blocks, SIGKILL and SIGSTOP not excepted: 0, -EINVAL for no such
- * `how`. What it blocked before goes to `oldset` unless that is null. */
+/* Changes the signals that the current task blocks, SIGKILL and SIGSTOP not excepted: 0, -EINVAL
+ * for no such `how`. `oldset`, unless null, receives the earlier set. */
 int sigprocmask(int how, sigset_t *set, sigset_t *oldset);
 }
 

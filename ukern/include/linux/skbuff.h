@@ -2,9 +2,10 @@
 /*
  * Socket buffers: one linear block of data each, with head and tail room, and queues of them.
  *
- * A buffer is reference counted (users); kfree_skb drops one reference. While `users` is 1 its
- * holder may change it without a lock. On a queue it is under the queue's lock and the queue owns
- * the reference. Page fragments, fragment lists and clones do not exist here: data_len is always 0.
+ * A buffer is reference counted (users); kfree_skb drops one reference. While `users` is 1 the
+ * owner of the reference may change it without a lock. On a queue, the queue owns the reference and
+ * its lock protects the buffer. Page fragments, fragment lists and clones do not exist here:
+ * data_len is always 0.
  */
 #ifndef UKERN_LINUX_SKBUFF_H
 #define UKERN_LINUX_SKBUFF_H
@@ -23,10 +24,10 @@ struct sk_buff;
 struct sock;
 
 #define SKB_DATA_ALIGN(X) (((X) + (SMP_CACHE_BYTES - 1)) & ~(SMP_CACHE_BYTES - 1))
-/* The largest data that a block of 2^ORDER pages holds besides X bytes. */
+/* The largest data size in a block of 2^ORDER pages besides X bytes. */
 #define SKB_MAX_ORDER(X, ORDER) (((PAGE_SIZE << (ORDER)) - (X)) & ~(SMP_CACHE_BYTES - 1))
 
-/* The first two members are those of sk_buff: the head is a link of the ring. */
+/* The first two members are those of sk_buff: the head is a link of the circular list. */
 struct sk_buff_head {
   struct sk_buff *next;
   struct sk_buff *prev;
@@ -39,9 +40,9 @@ struct sk_buff {
   struct sk_buff *next;
   struct sk_buff *prev;
 
-  struct sock *sk; /* whose memory it counts as; null: nobody's */
+  struct sock *sk; /* the socket that it is charged to; null: none */
 
-  char cb[48]; /* private to the layer that holds the buffer */
+  char cb[48]; /* private to the layer that owns the buffer */
 
   unsigned int len; /* bytes from data to tail */
   unsigned int data_len;
@@ -49,7 +50,7 @@ struct sk_buff {
   void (*destructor)(struct sk_buff *skb); /* called before it is freed or orphaned */
 
   /* All above is zero in a new buffer. */
-  unsigned int truesize; /* what it counts as: data block and this structure */
+  unsigned int truesize; /* the size charged: data block and this structure */
   atomic_t users;
   unsigned char *head, *data, *tail, *end;
 };
@@ -60,8 +61,8 @@ extern "C" {
 
 /*
  * A new buffer with one reference, no head room and a tail room of `size` rounded up to whole cache
- * lines; null without memory. `fclone` asks for room for a clone and changes nothing here. May
- * sleep as `priority` says. Structure and data are two allocations.
+ * lines; null without memory. `fclone` is ignored. May sleep if `priority` allows it. Structure and
+ * data are two allocations.
  */
 struct sk_buff *__alloc_skb(unsigned int size, gfp_t priority, int fclone);
 /* Frees at once, whatever `users` says. */
@@ -70,8 +71,8 @@ void __kfree_skb(struct sk_buff *skb);
 void kfree_skb(struct sk_buff *skb);
 /*
  * Moves the data to a new block with `nhead` more bytes of head room and `ntail` more of tail room
- * (either may be negative). 0 or -ENOMEM. The buffer must have one reference. truesize stays as it
- * is.
+ * (either may be negative). 0 or -ENOMEM. The buffer must have one reference. truesize does not
+ * change.
  */
 int pskb_expand_head(struct sk_buff *skb, int nhead, int ntail, gfp_t gfp_mask);
 
@@ -87,10 +88,10 @@ void skb_unlink(struct sk_buff *skb, struct sk_buff_head *list);
 void skb_queue_purge(struct sk_buff_head *list);
 
 /*
- * The next datagram of a socket's receive queue, with its reference (MSG_PEEK: one more reference
- * to the one that stays). Waits up to sk_rcvtimeo unless `noblock`. Null with *err set: -EAGAIN
- * nothing came, -EINTR/-ERESTARTSYS a signal, sk_err once when one is pending, 0 when the socket is
- * shut down.
+ * Takes the next datagram of a socket's receive queue, with its reference (MSG_PEEK: leaves it
+ * there and takes another reference). Waits up to sk_rcvtimeo unless `noblock`. Null with *err set:
+ * -EAGAIN for no datagram, -EINTR/-ERESTARTSYS for a signal, a pending sk_err once, 0 when the
+ * socket is shut down.
  */
 struct sk_buff *skb_recv_datagram(struct sock *sk, unsigned flags, int noblock, int *err);
 void skb_free_datagram(struct sock *sk, struct sk_buff *skb);
@@ -130,7 +131,7 @@ static inline int skb_tailroom(const struct sk_buff *skb) {
   return skb_is_nonlinear(skb) ? 0 : skb->end - skb->tail;
 }
 
-/* Room in front of the data of an empty buffer. */
+/* Reserves room in front of the data of an empty buffer. */
 static inline void skb_reserve(struct sk_buff *skb, int len) {
   skb->data += len;
   skb->tail += len;
@@ -144,15 +145,14 @@ static inline unsigned char *__skb_put(struct sk_buff *skb, unsigned int len) {
   return tmp;
 }
 
-/* Extends the data by `len` bytes behind it and returns where they begin. Past the end it is a BUG.
- */
+/* Extends the data by `len` bytes at its end and returns their start. Past the end it is a BUG. */
 static inline unsigned char *skb_put(struct sk_buff *skb, unsigned int len) {
   unsigned char *tmp = __skb_put(skb, len);
   if (unlikely(skb->tail > skb->end)) skb_over_panic(skb, len, __builtin_return_address(0));
   return tmp;
 }
 
-/* Extends the data by `len` bytes in front of it. In front of the head it is a BUG. */
+/* Extends the data by `len` bytes at its front. Before the head it is a BUG. */
 static inline unsigned char *skb_push(struct sk_buff *skb, unsigned int len) {
   skb->data -= len;
   skb->len += len;
@@ -160,7 +160,7 @@ static inline unsigned char *skb_push(struct sk_buff *skb, unsigned int len) {
   return skb->data;
 }
 
-/* Takes `len` bytes off the front; null when there are fewer. */
+/* Removes `len` bytes from the front; null when there are fewer. */
 static inline unsigned char *skb_pull(struct sk_buff *skb, unsigned int len) {
   if (unlikely(len > skb->len)) return NULL;
   skb->len -= len;
@@ -174,7 +174,7 @@ static inline void skb_trim(struct sk_buff *skb, unsigned int len) {
   skb->tail = skb->data + len;
 }
 
-/* The buffer counts as nobody's memory any more. */
+/* Ends the charge of the buffer to its socket. */
 static inline void skb_orphan(struct sk_buff *skb) {
   if (skb->destructor) skb->destructor(skb);
   skb->destructor = NULL;
@@ -203,7 +203,7 @@ static inline struct sk_buff *skb_peek_tail(struct sk_buff_head *list) {
   return skb_queue_empty(list) ? NULL : list->prev;
 }
 
-/* The calls that follow want the queue's lock held, or nobody else to know the queue. */
+/* The following calls need the queue's lock held, or a queue that is not shared. */
 static inline void __skb_link(struct sk_buff_head *list, struct sk_buff *skb,
                               struct sk_buff *prev) {
   skb->prev = prev;

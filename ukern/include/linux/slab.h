@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Caches of equal objects, and blocks of any size. Every object is an allocation of the host's own,
- * given back at once, so the constructor runs at each allocation. Every allocation passes a fault
- * point. Objects still allocated when their cache is destroyed, and blocks still allocated at
- * shutdown, are reported with the place where they were allocated.
+ * Object caches and kmalloc. Every object is an allocation of the host's own and is freed at once,
+ * so the constructor runs at each allocation. Every allocation passes a fault point. Objects still
+ * allocated when their cache is destroyed, and blocks still allocated at shutdown, are reported
+ * with the call stacks of their allocations.
  */
 #ifndef _LINUX_SLAB_H
 #define _LINUX_SLAB_H
@@ -26,18 +26,18 @@ typedef struct kmem_cache kmem_cache_t;
 #define SLAB_PANIC 0x00040000UL
 #define SLAB_MEM_SPREAD 0x00100000UL
 
-/* What a constructor is told. */
+/* Flags passed to a constructor. */
 #define SLAB_CTOR_CONSTRUCTOR 0x001UL
 #define SLAB_CTOR_ATOMIC 0x002UL
 #define SLAB_CTOR_VERIFY 0x004UL
 
 extern "C" {
-/* Null for a name that is in use, a size that cannot be, or without memory. May sleep. */
+/* Null for a name that is in use, or without memory. A size that is too small or too large is a
+ * BUG. May sleep. */
 kmem_cache_t *kmem_cache_create(const char *name, size_t size, size_t align, unsigned long flags,
                                 void (*ctor)(void *, kmem_cache_t *, unsigned long),
                                 void (*dtor)(void *, kmem_cache_t *, unsigned long));
-/* 0; or 1 and the cache stays when objects of it are still allocated, which is reported. May sleep.
- */
+/* 0; 1 if objects are still allocated: they are reported and the cache stays. May sleep. */
 int kmem_cache_destroy(kmem_cache_t *cachep);
 void *kmem_cache_alloc(kmem_cache_t *cachep, gfp_t flags);
 void *kmem_cache_zalloc(struct kmem_cache *cachep, gfp_t flags);

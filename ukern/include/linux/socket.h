@@ -16,7 +16,7 @@ struct sockaddr {
   char sa_data[14];
 };
 
-/* What sendmsg and recvmsg carry. Control data is not carried: msg_controllen has to be 0. */
+/* A message of sendmsg and recvmsg. Control data is not supported: msg_controllen must be 0. */
 struct msghdr {
   void *msg_name;
   int msg_namelen;
@@ -27,7 +27,7 @@ struct msghdr {
   unsigned msg_flags;
 };
 
-/* Who sent a message: taken from the sending task. */
+/* The credentials of a sender, from the sending task. */
 struct ucred {
   __u32 pid;
   __u32 uid;
@@ -54,8 +54,8 @@ extern "C" {
 #endif
 
 /*
- * Copy between a kernel buffer and the user memory that an iovec names, advancing the iovec. 0, or
- * -EFAULT when user memory could not be reached; what was copied before stays copied. May sleep.
+ * Copy between a kernel buffer and the user memory of an iovec, advancing the iovec. 0, or -EFAULT
+ * when user memory is not accessible; earlier parts stay copied. May sleep.
  */
 int memcpy_fromiovec(unsigned char *kdata, struct iovec *iov, int len);
 int memcpy_toiovec(struct iovec *iov, unsigned char *kdata, int len);

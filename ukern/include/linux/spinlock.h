@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Spin locks and reader-writer spin locks. The holder must not sleep. As threads here are preempted
- * by the host, a waiter spins a short while and then sleeps in the host until the lock is free;
- * that is not a sleep in the kernel's sense. Readers may nest and come in while a writer waits.
- * There are no interrupts, so the _irq, _irqsave and _bh forms do the same as the plain ones.
+ * Spin locks and reader-writer spin locks. The holder must not sleep. The host preempts threads, so
+ * a waiter spins briefly and then sleeps in the host until the lock is free; that is no sleep in
+ * the kernel's sense. Readers may nest and enter while a writer waits. There are no interrupts, so
+ * the _irq, _irqsave and _bh forms do the same as the plain ones.
  *
  * Uncontended: one atomic operation each way. In debug builds every call goes through the lock
  * checker.
@@ -47,8 +47,8 @@ void write_unlock(rwlock_t *lock);
 void ukern_assert_spin_locked(spinlock_t *lock);
 #endif
 
-/* Takes the lock when the count falls to zero, and only then: 1 with the lock held, else 0. For
- * atomic_dec_and_lock, which does the rest. */
+/* The slow path of atomic_dec_and_lock: 1 with the lock held if the count falls to zero, else 0
+ * without it. */
 int _atomic_dec_and_lock(atomic_t *atomic, spinlock_t *lock);
 }
 
@@ -166,7 +166,7 @@ static inline void write_unlock(rwlock_t *lock) {
 #define write_lock_bh(lock) write_lock(lock)
 #define write_unlock_bh(lock) write_unlock(lock)
 
-/* `flags` must be an unsigned long variable, as where it holds the interrupt state. */
+/* `flags` must be an unsigned long variable, as if it held the interrupt state. */
 static inline void ukern_no_irq_flags(unsigned long &flags) {
   flags = 0;
 }

@@ -5,7 +5,7 @@
 #include <linux/lockdep.h>
 
 typedef struct spinlock {
-  volatile unsigned int slock; /* 0 free, 1 held, 2 held and waited for */
+  volatile unsigned int slock; /* 0 free, 1 held, 2 held with waiters */
 #if UKERN_DEBUG
   struct lockdep_map dep_map;
 #endif

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * File types, permission bits, and struct kstat: what getattr fills in. Times are whole as the file
- * system keeps them; `rdev` and `dev` are kernel device numbers, not encoded ones.
+ * File types, permission bits, and struct kstat, which getattr fills in. Times have the file
+ * system's granularity; `rdev` and `dev` are kernel device numbers, not encoded ones.
  */
 #ifndef UKERN_LINUX_STAT_H
 #define UKERN_LINUX_STAT_H

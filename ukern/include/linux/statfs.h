@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What the super operation statfs fills in. Counts are in units of f_bsize. */
+/* Filled in by the super operation statfs. Counts are in units of f_bsize. */
 #ifndef UKERN_LINUX_STATFS_H
 #define UKERN_LINUX_STATFS_H
 

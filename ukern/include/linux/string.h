@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Strings and blocks of memory. The plain ones are the compiler's built-ins and whatever stands
- * behind them; those that only a kernel has are in ukern/sched/string.cc.
+ * Strings and blocks of memory. The standard functions are the compiler's built-ins or libc's;
+ * those that only a kernel has are in ukern/sched/string.cc.
  */
 #ifndef _LINUX_STRING_H
 #define _LINUX_STRING_H
@@ -27,7 +27,7 @@ void *memcpy(void *dest, const void *src, size_t count);
 void *memmove(void *dest, const void *src, size_t count);
 int memcmp(const void *a, const void *b, size_t count);
 
-/* In the kernel these give a pointer to char whatever they are given. */
+/* In the kernel these return a pointer to char whatever their argument. */
 #undef strchr
 #define strchr(s, c) __builtin_strchr((char *)(s), c)
 #undef strrchr
@@ -37,9 +37,9 @@ int memcmp(const void *a, const void *b, size_t count);
 #undef memchr
 #define memchr(s, c, n) __builtin_memchr((void *)(s), c, n)
 
-/* Length of `src`; `dest` gets at most size - 1 characters of it and a NUL. */
+/* Returns the length of `src`; `dest` receives at most size - 1 characters of it and a NUL. */
 size_t strlcpy(char *dest, const char *src, size_t size);
-/* Length that was wanted; BUG when `dest` fills `size` already. */
+/* Returns the length that the whole result needs; BUG when `dest` fills `size` already. */
 size_t strlcat(char *dest, const char *src, size_t size);
 int strnicmp(const char *a, const char *b, size_t count);
 char *strsep(char **s, const char *delimiters);

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Wall clock. current_kernel_time moves once per jiffy, the other two by the nanosecond. */
+/* Wall clock. current_kernel_time advances once per jiffy, the other two by nanoseconds. */
 #ifndef _LINUX_TIME_H
 #define _LINUX_TIME_H
 
@@ -7,7 +7,7 @@
 #include <asm/system.h>
 
 struct timespec {
-  ukern_field<time_t> tv_sec; /* as part of an inode: read without a lock */
+  ukern_field<time_t> tv_sec; /* read without a lock as part of an inode */
   ukern_field<long> tv_nsec;
 };
 
@@ -37,7 +37,7 @@ unsigned long get_seconds(void);
 /* Seconds since 1970 of a UTC date: full year, month 1 to 12. */
 unsigned long mktime(unsigned int year, unsigned int mon, unsigned int day, unsigned int hour,
                      unsigned int min, unsigned int sec);
-/* Cut down to the granularity in nanoseconds that a file system stores. */
+/* Rounds down to a file system's granularity in nanoseconds. */
 struct timespec timespec_trunc(struct timespec t, unsigned gran);
 }
 

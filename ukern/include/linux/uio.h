@@ -18,7 +18,7 @@ struct kvec {
 #define UIO_FASTIOV 8
 #define UIO_MAXIOV 1024
 
-/* The bytes of a vector whose lengths have been checked: their sum does not overflow. */
+/* The length of a vector whose sum has been checked for overflow. */
 static inline size_t iov_length(const struct iovec *iov, unsigned long nr_segs) {
   size_t sum = 0;
   for (unsigned long seg = 0; seg < nr_segs; seg++) sum += iov[seg].iov_len;

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Wait queues. A sleeper puts an entry of its own on the queue, sets its task state, tests its
- * condition and calls schedule; whoever makes the condition true wakes the queue. The queue's lock
- * guards its list and is held while the wake functions run, so these must not sleep.
+ * Wait queues. A sleeper adds its own entry to the queue, sets its task state, tests its condition
+ * and calls schedule. The task that makes the condition true wakes the queue. The queue's lock
+ * protects its list and is held while the wake functions run, so these must not sleep.
  */
 #ifndef _LINUX_WAIT_H
 #define _LINUX_WAIT_H
@@ -20,7 +20,7 @@ typedef int (*wait_queue_func_t)(wait_queue_t *wait, unsigned mode, int sync, vo
 
 struct __wait_queue {
   unsigned int flags;
-  void *private_; /* the sleeping task; null for an entry that is only called */
+  void *private_; /* the sleeping task; null: func is only called */
   wait_queue_func_t func;
   struct list_head task_list;
 };
@@ -48,7 +48,7 @@ extern "C" {
 void init_waitqueue_head(wait_queue_head_t *q);
 /* Wakes the entry's task if its state is in `mode`: 1 when it did. */
 int default_wake_function(wait_queue_t *wait, unsigned mode, int sync, void *key);
-/* As default_wake_function, and takes the entry off the queue when it woke the task. */
+/* As default_wake_function, and removes the entry from the queue when it woke the task. */
 int autoremove_wake_function(wait_queue_t *wait, unsigned mode, int sync, void *key);
 void add_wait_queue(wait_queue_head_t *q, wait_queue_t *wait);
 void remove_wait_queue(wait_queue_head_t *q, wait_queue_t *wait);

@@ -27,9 +27,9 @@ extern "C" {
 #define XATTR_USER_PREFIX_LEN (sizeof(XATTR_USER_PREFIX) - 1)
 
 /*
- * Permission by name space, then the inode's operation; the two that modify hold the inode's
- * i_mutex for it. -EOPNOTSUPP without the operation. A size of 0 asks vfs_getxattr for the length
- * only.
+ * Check the permission by name space, then call the inode's operation; the two that modify hold the
+ * inode's i_mutex for it. -EOPNOTSUPP without the operation. With size 0 vfs_getxattr returns only
+ * the length.
  */
 int vfs_setxattr(struct dentry *dentry, char *name, void *value, size_t size, int flags);
 ssize_t vfs_getxattr(struct dentry *dentry, char *name, void *value, size_t size);

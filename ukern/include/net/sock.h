@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The network side of a socket: queues, memory accounting, time-outs and call-backs.
+ * The network side of a socket: queues, memory accounting, time-outs and callbacks.
  *
  * A struct sock is reference counted (sock_hold, sock_put); the last reference calls sk_destruct
  * and frees it. sk_callback_lock protects sk_socket and sk_sleep against sock_orphan; the receive
- * queue has a lock of its own; sk_rmem_alloc is atomic; the rest is set up by whoever created the
- * socket before others know it.
+ * queue has a lock of its own; sk_rmem_alloc is atomic; the creator sets up the rest before the
+ * socket is shared.
  */
 #ifndef UKERN_NET_SOCK_H
 #define UKERN_NET_SOCK_H
@@ -44,15 +44,15 @@ struct sock {
   unsigned char sk_shutdown;
   unsigned char sk_protocol;
   unsigned short sk_type;
-  int sk_rcvbuf; /* bytes of sk_rmem_alloc above which senders wait */
+  int sk_rcvbuf; /* limit of sk_rmem_alloc in bytes above which senders wait */
   wait_queue_head_t *sk_sleep;
-  atomic_t sk_rmem_alloc; /* truesize of what is queued for receiving */
+  atomic_t sk_rmem_alloc; /* truesize of the buffers queued for receiving */
   struct sk_buff_head sk_receive_queue;
   gfp_t sk_allocation;
-  int sk_sndbuf; /* longest message, and 32 bytes */
+  int sk_sndbuf; /* longest message plus 32 bytes */
   unsigned long sk_flags;
   rwlock_t sk_callback_lock;
-  int sk_err; /* positive; handed out once */
+  int sk_err; /* positive; reported once */
   long sk_rcvtimeo;
   long sk_sndtimeo;
   struct socket *sk_socket;
@@ -62,7 +62,7 @@ struct sock {
   void (*sk_destruct)(struct sock *sk);
 };
 
-/* A protocol: how large its sockets are. */
+/* A protocol and the size of its sockets. */
 struct proto {
   struct module *owner;
   unsigned int obj_size;
@@ -70,7 +70,7 @@ struct proto {
 };
 
 enum sock_flags {
-  SOCK_DEAD, /* released by its user: its socket is gone */
+  SOCK_DEAD, /* released by its user: its struct socket is gone */
 };
 
 #define SHUTDOWN_MASK 3
@@ -84,11 +84,11 @@ extern "C" {
 extern __u32 sysctl_wmem_default;
 extern __u32 sysctl_rmem_default;
 
-/* A zeroed socket of prot->obj_size bytes (`zero_it` has to be 1), no reference counted yet; null
+/* A zeroed socket of prot->obj_size bytes (`zero_it` must be 1) with reference count 0; null
  * without memory. */
 struct sock *sk_alloc(int family, gfp_t priority, struct proto *prot, int zero_it);
 void sk_free(struct sock *sk);
-/* Queues, defaults, and one reference. `sock` may be null. */
+/* Initialises queues and defaults, with one reference. `sock` may be null. */
 void sock_init_data(struct socket *sock, struct sock *sk);
 /* The skb destructor of a buffer on a receive queue. */
 void sock_rfree(struct sk_buff *skb);
@@ -106,14 +106,14 @@ static inline void sock_put(struct sock *sk) {
 }
 
 static inline void sock_set_flag(struct sock *sk, enum sock_flags flag) {
-  set_bit(flag, &sk->sk_flags);  // senders that wait look at it without the lock
+  set_bit(flag, &sk->sk_flags);  // waiting senders read it without the lock
 }
 
 static inline int sock_flag(struct sock *sk, enum sock_flags flag) {
   return test_bit(flag, &sk->sk_flags);
 }
 
-/* Cuts the socket loose from its struct socket, which is about to go. */
+/* Detaches the sock from its struct socket, which is about to be freed. */
 static inline void sock_orphan(struct sock *sk) {
   write_lock_bh(&sk->sk_callback_lock);
   sock_set_flag(sk, SOCK_DEAD);
@@ -122,14 +122,14 @@ static inline void sock_orphan(struct sock *sk) {
   write_unlock_bh(&sk->sk_callback_lock);
 }
 
-/* The buffer counts as receive memory of `sk` from now on. */
+/* Charges the buffer to the receive memory of `sk`. */
 static inline void skb_set_owner_r(struct sk_buff *skb, struct sock *sk) {
   skb->sk = sk;
   skb->destructor = sock_rfree;
   atomic_add(skb->truesize, &sk->sk_rmem_alloc);
 }
 
-/* The pending error as a negative number, taken off; 0 when there is none. */
+/* Returns the pending error as a negative number and clears it; 0 when there is none. */
 static inline int sock_error(struct sock *sk) {
   if (likely(!__atomic_load_n(&sk->sk_err, __ATOMIC_RELAXED))) return 0;
   return -__atomic_exchange_n(&sk->sk_err, 0, __ATOMIC_ACQ_REL);
@@ -143,7 +143,7 @@ static inline long sock_sndtimeo(const struct sock *sk, int noblock) {
   return noblock ? 0 : sk->sk_sndtimeo;
 }
 
-/* What a wait says that a signal ended: it may be restarted only when it had no time-out. */
+/* The error of a wait that a signal ended: only one without a time-out may be restarted. */
 static inline int sock_intr_errno(long timeo) {
   return timeo == MAX_SCHEDULE_TIMEOUT ? -ERESTARTSYS : -EINTR;
 }

@@ -49,19 +49,20 @@ namespace {
 
 // Finds a task by id, preferably one with a handler, and takes a reference; null for none.
 struct task_struct *target_of(pid_t pid) {
-  struct task_struct *found = nullptr;
-  ReadGuard guard(tasklist_lock);
-  struct task_struct *task = find_task_by_pid(pid);
-  struct hlist_node *node = task ? &task->pid_link : nullptr;
-  for (; node; node = node->next) {
-    task = hlist_entry(node, struct task_struct, pid_link);
-    if (task->pid != pid) continue;
-    const bool better = !found || (!found->deliver && task->deliver);
-    if (!better || !atomic_inc_not_zero(&task->usage)) continue;
-    // Cannot free the task here, under the lock: relies on its creator's reference.
-    if (found) atomic_dec(&found->usage);
-    found = task;
+  struct task_struct *found = nullptr, *without_handler = nullptr;
+  {
+    ReadGuard guard(tasklist_lock);
+    struct task_struct *task = find_task_by_pid(pid);
+    struct hlist_node *node = task ? &task->pid_link : nullptr;
+    for (; node && !(found && found->deliver); node = node->next) {
+      task = hlist_entry(node, struct task_struct, pid_link);
+      if (task->pid != pid || (found && !task->deliver)) continue;
+      if (!atomic_inc_not_zero(&task->usage)) continue;
+      without_handler = found;
+      found = task;
+    }
   }
+  if (without_handler) put_task_struct(without_handler);
   return found;
 }
 

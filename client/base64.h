@@ -11,7 +11,7 @@ namespace tarn {
 
 std::string base64_encode(std::string_view bytes);
 
-/* Nothing if the text is not whole, padded Base64. */
+/* Nothing if the text is not valid, padded Base64. */
 std::optional<std::string> base64_decode(std::string_view text);
 
 }  // namespace tarn

@@ -145,7 +145,7 @@ Result<Rule> ControlChannel::get_rule(const Uuid &uuid) {
 }
 
 Result<std::vector<Rule>> ControlChannel::list_rules() {
-  // The module answers only the right number of rules; it may change between the two requests.
+  // The module wants the exact number of rules; it may change between the two requests.
   for (int attempt = 0; attempt < kListAttempts; ++attempt) {
     auto count = count_rules();
     if (!count) return count.error();

@@ -1,9 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The control channel: through it a program mounts, unmounts, changes and reads rules and
- * replicated directories, sets the daemon's program path and reads the kernel log. Calls block
- * until the answer is there. One thread at a time may use a channel. Only root, and the user that
- * runs tarnd, may change or read the configuration: others get -EPERM.
+ * The control channel, for mounts, rules, replicated directories, the daemon's program path and the
+ * kernel log. Calls block until they are answered. One thread at a time may use a channel. Only
+ * root and the user that runs tarnd may read or change the configuration; others get -EPERM.
  */
 #ifndef TARN_CLIENT_CONTROL_H
 #define TARN_CLIENT_CONTROL_H
@@ -56,13 +55,12 @@ class ControlChannel {
   }
   Result<std::vector<Mount>> mounts() { return link_->mounts(); }
 
-  /* Lines from number `first` on; waits up to `wait` for one. */
+  /* Returns the lines from number `first` on; waits up to `wait` for one. */
   Result<LogPart> log(std::uint64_t first, std::chrono::milliseconds wait) {
     return link_->log(first, wait);
   }
 
-  /* A socket option of the module, as it is. The result is the module's own, negative or positive.
-   */
+  /* Raw socket options of the module; the result is the module's own, negative or positive. */
   Result<int> set_option(int code, std::span<const std::byte> argument) {
     return link_->set_option(code, argument);
   }
@@ -76,8 +74,8 @@ class ControlChannel {
 };
 
 /*
- * One line for a result of the module that is not 0: what is wrong and what to do. `subject` is
- * what the request was about, for example "rule 0123...".
+ * A one-line message for a non-zero result of the module: the problem and the remedy. `subject` is
+ * the object of the request, for example "rule 0123...".
  */
 Error module_error(int result, const std::string &subject);
 

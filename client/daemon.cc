@@ -28,8 +28,8 @@ Error gone() {
   return {-EPIPE, "the module's side of the channel was closed: tarnd has ended or was stopped"};
 }
 
-/* More than the queue of a link holds, so that a stream without end does not hold us up. */
-constexpr int kRoomBatches = 512;
+/* More batches than a link's queue holds; bounds the loop if packets keep arriving. */
+constexpr int kDrainBatches = 512;
 
 }  // namespace
 
@@ -44,8 +44,8 @@ Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(const Site &site, Cla
 }
 
 Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(std::unique_ptr<MessageLink> link,
-                                                           DaemonLock lock, Milliseconds patience) {
-  // Before the hello: from then on the signal may come.
+                                                           DaemonLock lock, Milliseconds timeout) {
+  // Before the hello: the module may send the signal from then on.
   auto loss = LossSignal::install();
   if (!loss) return loss.error();
   std::unique_ptr<DaemonChannel> channel(
@@ -53,7 +53,7 @@ Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(std::unique_ptr<Messa
   if (auto sent = channel->send(OX_NL_HELO, {}); !sent) return sent.error();
   channel->registered_ = true;
   // The module does not answer a hello, but it answers requests, and only to the registered daemon.
-  auto confirmed = channel->request(OX_SO_REP_DEL, {}, patience);
+  auto confirmed = channel->request(OX_SO_REP_DEL, {}, timeout);
   if (!confirmed && confirmed.error().code == -ETIMEDOUT)
     return Error{
         -EPERM,
@@ -64,7 +64,7 @@ Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(std::unique_ptr<Messa
 }
 
 DaemonChannel::~DaemonChannel() {
-  if (auto left = leave(); !left) return;  // no one left to report it to
+  if (auto left = leave(); !left) return;  // nobody to report the error to
 }
 
 Result<void> DaemonChannel::send(std::uint16_t type, Bytes payload) {
@@ -79,15 +79,15 @@ Result<void> DaemonChannel::send(std::uint16_t type, Bytes payload) {
   return link_->send(packet);
 }
 
-/* Is the packet the answer to the oldest request? Then it is taken in. */
+/* Consumes the packet and returns true if it is the answer to the oldest request. */
 bool DaemonChannel::take_answer(Bytes packet) {
-  if (asked_.empty() || message_type(packet) != asked_.front().type) return false;
+  if (outstanding_.empty() || message_type(packet) != outstanding_.front().type) return false;
   auto message = decode(packet);
   if (!message) return false;
-  const Asked asked = asked_.front();
-  asked_.pop_front();
-  if (asked.barrier != 0)
-    barriers_ = asked.barrier;
+  const Request request = outstanding_.front();
+  outstanding_.pop_front();
+  if (request.barrier != 0)
+    barriers_ = request.barrier;
   else
     result_ = std::get<Reply>(*message).result;
   return true;
@@ -114,9 +114,9 @@ std::uint64_t DaemonChannel::take_losses() {
   return losses - std::exchange(losses_reported_, losses);
 }
 
-Result<void> DaemonChannel::wait(Milliseconds patience, int wake_fd, Received &received) {
+Result<void> DaemonChannel::wait(Milliseconds timeout, int wake_fd, Received &received) {
   pollfd fds[] = {{link_->fd(), POLLIN, 0}, {loss_->fd(), POLLIN, 0}, {wake_fd, POLLIN, 0}};
-  const auto time = patience.count() < 0 ? -1 : static_cast<int>(patience.count());
+  const auto time = timeout.count() < 0 ? -1 : static_cast<int>(timeout.count());
   if (poll(fds, std::size(fds), time) < 0 && errno != EINTR)
     return system_error(errno, "cannot wait for the module");
   received.woken = fds[2].revents != 0;
@@ -126,13 +126,13 @@ Result<void> DaemonChannel::wait(Milliseconds patience, int wake_fd, Received &r
   return {};
 }
 
-Result<DaemonChannel::Received> DaemonChannel::receive(Milliseconds patience, int wake_fd) {
+Result<DaemonChannel::Received> DaemonChannel::receive(Milliseconds timeout, int wake_fd) {
   Received received;
   returned_.clear();
   std::swap(returned_, pending_);
   packets_.assign(returned_.begin(), returned_.end());
-  if (!packets_.empty() || closed_) patience = Milliseconds(0);
-  if (auto waited = wait(patience, wake_fd, received); !waited) return waited.error();
+  if (!packets_.empty() || closed_) timeout = Milliseconds(0);
+  if (auto waited = wait(timeout, wake_fd, received); !waited) return waited.error();
   for (const Bytes packet : batch_.packets) {
     if (!take_answer(packet)) packets_.push_back(packet);
   }
@@ -147,11 +147,12 @@ Result<DaemonChannel::Received> DaemonChannel::receive(Milliseconds patience, in
 }
 
 /*
- * A module in the kernel puts its answer into our queue before the call that sends the request
- * returns. With the queue full it would wait for us, who wait for it, and then give the answer up.
+ * Empties the receive queue before a request. A module in the kernel queues its answer before the
+ * call that sends the request returns: with a full queue it would wait for this thread, which waits
+ * for it, and then drop the answer.
  */
-Result<void> DaemonChannel::make_room() {
-  for (int i = 0; i < kRoomBatches && !closed_; ++i) {
+Result<void> DaemonChannel::drain_link() {
+  for (int i = 0; i < kDrainBatches && !closed_; ++i) {
     if (auto taken = take_batch(); !taken) return taken.error();
     if (batch_.empty()) break;
     queue_batch();
@@ -160,34 +161,34 @@ Result<void> DaemonChannel::make_room() {
 }
 
 Result<void> DaemonChannel::send_request(std::uint16_t type, Bytes payload, std::uint64_t barrier) {
-  if (auto room = make_room(); !room) return room.error();
+  if (auto room = drain_link(); !room) return room.error();
   if (auto sent = send(type, payload); !sent) return sent.error();
-  asked_.push_back({type, barrier});
+  outstanding_.push_back({type, barrier});
   return {};
 }
 
-Result<std::uint64_t> DaemonChannel::ask_barrier() {
-  // The module refuses a delete request without a record by its length alone.
-  if (auto sent = send_request(OX_SO_REP_DEL, {}, barriers_asked_ + 1); !sent) return sent.error();
-  return ++barriers_asked_;
+Result<std::uint64_t> DaemonChannel::send_barrier() {
+  // The module refuses a delete request without a record by its length, so it changes nothing.
+  if (auto sent = send_request(OX_SO_REP_DEL, {}, barriers_sent_ + 1); !sent) return sent.error();
+  return ++barriers_sent_;
 }
 
 Result<std::int32_t> DaemonChannel::request(std::uint16_t type, Bytes payload,
-                                            Milliseconds patience) {
+                                            Milliseconds timeout) {
   if (auto sent = send_request(type, payload, 0); !sent) return sent.error();
-  // Answers come in order, so ours is the last of those that are outstanding.
-  const auto deadline = Clock::now() + patience;
-  while (!asked_.empty()) {
+  // Answers come in order, so ours is the last outstanding one.
+  const auto deadline = Clock::now() + timeout;
+  while (!outstanding_.empty()) {
     const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
     if (left.count() <= 0) {
-      asked_.clear();
+      outstanding_.clear();
       return Error{-ETIMEDOUT,
-                   fmt::format("the module did not answer within {} ms", patience.count())};
+                   fmt::format("the module did not answer within {} ms", timeout.count())};
     }
     Received passing;
     if (auto waited = wait(left, -1, passing); !waited) return waited.error();
     queue_batch();
-    if (closed_ && !asked_.empty()) return gone();
+    if (closed_ && !outstanding_.empty()) return gone();
   }
   return result_;
 }

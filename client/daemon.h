@@ -1,15 +1,15 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The daemon's side of the channel with the module: registers this process (hello), receives what
- * the module sends, asks it to change rules, and leaves (quit).
+ * The daemon's side of the channel with the module: registers this process (hello), receives the
+ * module's messages, sends rule requests, and unregisters (quit).
  *
  * One thread uses a channel. Packets that arrive while a call waits for an answer are queued for
  * the next receive().
  *
- * "Everything up to now": a barrier is a request that changes nothing and whose answer travels
- * behind all records that the module has sent before. When Received::barriers has reached a
- * barrier's number and the packets of that and all earlier calls have been dealt with, everything
- * is done that programs had changed when the barrier was asked for.
+ * A barrier is a request that changes nothing. Its answer comes after all records that the module
+ * sent before. When Received::barriers has reached a barrier's number, and the packets of this and
+ * all earlier calls have been handled, all changes made before the barrier was sent have been
+ * handled.
  */
 #ifndef TARN_CLIENT_DAEMON_H
 #define TARN_CLIENT_DAEMON_H
@@ -35,15 +35,15 @@ class DaemonChannel {
  public:
   using Milliseconds = std::chrono::milliseconds;
 
-  /* Registers with the module there and waits until it has confirmed it. */
+  /* Registers with the site's module and waits for the confirmation. */
   static Result<std::unique_ptr<DaemonChannel>> open(const Site &site, Claim claim);
 
-  /* The same over any link; the lock has been taken by the caller. */
+  /* The same over any link, with a lock that the caller has taken. */
   static Result<std::unique_ptr<DaemonChannel>> open(std::unique_ptr<MessageLink> link,
                                                      DaemonLock lock,
-                                                     Milliseconds patience = kPatience);
+                                                     Milliseconds timeout = kAnswerTimeout);
 
-  /* Leaves, if leave() has not been called. */
+  /* Calls leave() if the caller has not. */
   ~DaemonChannel();
   DaemonChannel(const DaemonChannel &) = delete;
   DaemonChannel &operator=(const DaemonChannel &) = delete;
@@ -52,54 +52,54 @@ class DaemonChannel {
     std::span<const Bytes> packets; /* each one message for decode(); valid until the next call */
     std::uint64_t lost = 0;         /* times that a message to us was lost */
     std::size_t oversized = 0;      /* packets too long to be messages */
-    std::size_t foreign = 0;        /* packets of other programs, which were not taken */
-    std::uint64_t barriers = 0;     /* the number of the latest barrier that has come back */
-    bool closed = false;            /* the module's side has gone */
+    std::size_t foreign = 0;        /* packets of other programs, ignored */
+    std::uint64_t barriers = 0;     /* the number of the latest answered barrier */
+    bool closed = false;            /* the module's side has closed the channel */
     bool woken = false;             /* the wake descriptor is readable */
-    /* What had come by then is among the packets of this call or was among those of earlier ones:
-     * the time to judge by what is overdue, however late we are ourselves. */
+    /* All packets that had arrived by then are in this or earlier results. Timeouts are judged by
+     * this time, so that a slow reader does not declare queued packets overdue. */
     std::chrono::steady_clock::time_point arrived_until;
   };
 
   /*
-   * Waits until there is something, at most `patience` (negative: without end), or until `wake_fd`
-   * (-1: none) is readable; returns what is there. Answers to this channel's own requests are not
-   * among the packets.
+   * Waits until there is something to receive, or `wake_fd` (-1: none) is readable, at most
+   * `timeout` (negative: without limit). Answers to this channel's own requests are not among the
+   * packets.
    */
-  Result<Received> receive(Milliseconds patience, int wake_fd = -1);
+  Result<Received> receive(Milliseconds timeout, int wake_fd = -1);
 
   /* Sends a barrier; returns its number: 1, 2, 3, ... */
-  Result<std::uint64_t> ask_barrier();
+  Result<std::uint64_t> send_barrier();
 
-  /* A rule request (OX_SO_REP_ADD, _DEL, _FLUSH) and the module's result. */
+  /* Sends a rule request (OX_SO_REP_ADD, _DEL, _FLUSH) and returns the module's result. */
   Result<std::int32_t> request(std::uint16_t type, Bytes payload,
-                               Milliseconds patience = kPatience);
+                               Milliseconds timeout = kAnswerTimeout);
 
-  /* Tells the module to forget this daemon, unless another has taken over. What it sent before can
-   * still be received. */
+  /* Unregisters this daemon, unless another has taken over. Messages sent before can still be
+   * received. */
   Result<void> leave();
 
-  /* Has another program registered in our place? */
+  /* Has another program taken over the registration? */
   bool taken_over() const { return !lock_.still_ours(); }
 
-  static constexpr Milliseconds kPatience{5000};
+  static constexpr Milliseconds kAnswerTimeout{5000};
 
  private:
   DaemonChannel(std::unique_ptr<MessageLink> link, DaemonLock lock,
                 std::unique_ptr<LossSignal> loss)
       : link_(std::move(link)), lock_(std::move(lock)), loss_(std::move(loss)) {}
 
-  /* What an answer of the module belongs to; answers come in the order of the requests. */
-  struct Asked {
+  /* A request without an answer yet; answers come in the order of the requests. */
+  struct Request {
     std::uint16_t type;
     std::uint64_t barrier; /* 0: a rule request */
   };
 
   Result<void> send(std::uint16_t type, Bytes payload);
   Result<void> send_request(std::uint16_t type, Bytes payload, std::uint64_t barrier);
-  Result<void> wait(Milliseconds patience, int wake_fd, Received &received);
+  Result<void> wait(Milliseconds timeout, int wake_fd, Received &received);
   Result<void> take_batch();
-  Result<void> make_room();
+  Result<void> drain_link();
   void queue_batch();
   bool take_answer(Bytes packet);
   std::uint64_t take_losses();
@@ -109,11 +109,11 @@ class DaemonChannel {
   std::unique_ptr<LossSignal> loss_;
   PacketBatch batch_;
   std::vector<Bytes> packets_;                  /* what receive() returns */
-  std::deque<std::vector<std::byte>> pending_;  /* arrived during a wait for an answer */
-  std::deque<std::vector<std::byte>> returned_; /* of pending_: packets_ points into them */
-  std::deque<Asked> asked_;
+  std::deque<std::vector<std::byte>> pending_;  /* arrived while a call waited for an answer */
+  std::deque<std::vector<std::byte>> returned_; /* packets_ points into these */
+  std::deque<Request> outstanding_;
   std::int32_t result_ = 0; /* of the latest rule request */
-  std::uint64_t barriers_asked_ = 0;
+  std::uint64_t barriers_sent_ = 0;
   std::uint64_t barriers_ = 0;
   /* An overrun of the queue and the signal report the same loss; either may come first. */
   std::uint64_t signals_ = 0;

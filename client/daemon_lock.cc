@@ -22,8 +22,8 @@ constexpr char kName[] = "/daemon.lock";
 enum class Lock { kTaken, kByAnother, kFailed };
 
 /*
- * Tries to take the exclusive lock. A shared lock is only held for a
- * moment, by registered_daemon(), and is ignored. errno is set with kFailed.
+ * Tries to take the exclusive lock. Retries while registered_daemon() holds a shared lock, which is
+ * only for a moment. errno is set with kFailed.
  */
 Lock try_lock(int fd) {
   for (;;) {
@@ -75,7 +75,7 @@ Error lock_error(int err, const std::string &path) {
   return system_error(err, "cannot lock " + printable(path));
 }
 
-/* The directory of a module in the kernel; tarnd makes its own. */
+/* Only for a module in the kernel: tarnd makes its own run directory. */
 Result<void> make_directory(const Site &site) {
   if (!site.in_kernel() || mkdir(site.run_dir.c_str(), 0755) == 0 || errno == EEXIST) return {};
   if (errno == ENOENT)
@@ -83,7 +83,7 @@ Result<void> make_directory(const Site &site) {
   return lock_error(errno, site.run_dir + kName);
 }
 
-/* A new locked file with our process id in the place of whatever is there. */
+/* Replaces the lock file by a new, locked one with our process id. */
 Result<UniqueFd> replace(const std::string &path) {
   std::string temporary = path + ".XXXXXX";
   UniqueFd file(mkostemp(temporary.data(), O_CLOEXEC));
@@ -108,7 +108,7 @@ Result<DaemonLock> DaemonLock::take(const Site &site, Claim claim) {
     const Lock lock = try_lock(file.get());
     if (lock == Lock::kFailed) return lock_error(errno, path);
     if (lock == Lock::kTaken) {
-      if (!same_file(file.get(), path)) continue;  // another has just put a new one there
+      if (!same_file(file.get(), path)) continue;  // another process has just replaced the file
       if (const int err = write_pid(file.get()); err != 0)
         return system_error(err, "cannot write " + printable(path));
       return DaemonLock(std::move(file), path);

@@ -1,12 +1,12 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Which process is the daemon. The module does not tell, and a new registration silently replaces
- * the old one. So a daemon of libtarn holds an exclusive lock (flock) on the file "daemon.lock" in
+ * Records which process is the daemon: the module does not tell, and a new registration silently
+ * replaces the old one. A daemon of libtarn holds an exclusive flock on the file "daemon.lock" in
  * the run directory, which contains its process id. The kernel releases the lock when the process
  * ends.
  *
- * To take over, a program replaces the file with a new one that it has locked. When the old holder
- * ends, it sees that the file is not its own, and does not unregister the new daemon.
+ * To take over, a program replaces the file with a new one that it has locked. When the old daemon
+ * ends, it sees that the file is not its own and does not unregister the new one.
  */
 #ifndef TARN_CLIENT_DAEMON_LOCK_H
 #define TARN_CLIENT_DAEMON_LOCK_H
@@ -26,11 +26,11 @@ enum class Claim { kRefuseIfTaken, kTakeOver };
 
 class DaemonLock {
  public:
-  /* With a module in the kernel, makes the site's directory if it is missing. Errors:
-   * -EBUSY when another holds the lock (Claim::kRefuseIfTaken). */
+  /* With a module in the kernel, makes the run directory if it is missing. Errors: -EBUSY when
+   * another process holds the lock (Claim::kRefuseIfTaken). */
   static Result<DaemonLock> take(const Site &site, Claim claim);
 
-  /* False once another has taken over. */
+  /* False once another process has taken over. */
   bool still_ours() const;
 
  private:

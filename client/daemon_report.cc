@@ -25,7 +25,7 @@ Result<std::optional<DaemonReport>> read_daemon_report(const Site &site, pid_t d
   const auto json = nlohmann::json::parse(text, nullptr, false);
   DaemonReport report;
   try {
-    // Another daemon, or an earlier one: it is not about this one's rules.
+    // The report of another or an earlier daemon.
     if (json.at("pid").get<pid_t>() != daemon || !json.at("running").get<bool>())
       return std::optional<DaemonReport>();
     report.problems = json.at("problems").get<std::uint64_t>();

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * What the daemon that replicates tells other programs about itself. The module has no request that
- * tells which rules it has stopped; the daemon hears of it and keeps a file about it in the run
- * directory, of the form that mirrord(8) describes.
+ * The daemon's report for other programs. The module has no request that tells which rules it has
+ * stopped, so the daemon writes the stop messages that it receives to a file in the run directory,
+ * in the form that mirrord(8) describes.
  */
 #ifndef TARN_CLIENT_DAEMON_REPORT_H
 #define TARN_CLIENT_DAEMON_REPORT_H
@@ -24,10 +24,10 @@ std::string daemon_report_file(const Site &site);
 
 struct DaemonReport {
   std::uint64_t problems = 0;
-  std::set<Uuid> stopped; /* rules for which the module captures nothing more */
+  std::set<Uuid> stopped; /* rules that the module has stopped capturing */
 };
 
-/* Of the daemon with this process id; nothing if it keeps none. */
+/* The report of the daemon with this process id; nothing if it writes none. */
 Result<std::optional<DaemonReport>> read_daemon_report(const Site &site, pid_t daemon);
 
 }  // namespace tarn

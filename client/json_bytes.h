@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Paths hold any byte but NUL; JSON holds UTF-8 only. */
+/* Paths in JSON: a path may contain any byte but NUL, JSON only UTF-8. */
 #ifndef TARN_CLIENT_JSON_BYTES_H
 #define TARN_CLIENT_JSON_BYTES_H
 

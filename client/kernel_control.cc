@@ -18,9 +18,9 @@ using Clock = std::chrono::steady_clock;
 constexpr std::chrono::milliseconds kLogPoll{100};
 
 /*
- * The mounts of type tarn in "SOURCE MOUNTPOINT TYPE OPTIONS 0 0\n" lines. The lower directory at
- * the end of the options is not escaped; the source is, and names the same one unless someone
- * mounted with a relative path.
+ * The mounts of type tarn in "SOURCE MOUNTPOINT TYPE OPTIONS 0 0\n" lines. SOURCE is the lower
+ * directory, unless a relative path was mounted; then it is taken from the end of OPTIONS, where it
+ * is not escaped.
  */
 std::vector<Mount> tarn_mounts(std::string_view table) {
   constexpr std::string_view kEnd = " 0 0", kLower = ",dir=";

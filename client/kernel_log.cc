@@ -11,7 +11,7 @@ namespace tarn {
 namespace {
 
 constexpr unsigned kDefaultLevel = 4;
-constexpr unsigned kLevels = 8; /* what stands above them says who wrote the line */
+constexpr unsigned kLevels = 8; /* higher bits are the facility */
 
 /* Length of the "<LEVEL>" that a line begins with, or 0. */
 std::size_t head_length(std::string_view line, unsigned *level) {
@@ -43,7 +43,7 @@ LogLine read_line(std::string_view line, std::uint64_t number) {
 
 void KernelLog::update(std::string_view buffer) {
   const std::string_view now = whole_lines(buffer);
-  // The old lines that are left are the end of the old text and the beginning of the new one.
+  // The surviving old lines are the end of the old text and the beginning of the new one.
   std::string_view left = text_;
   std::uint64_t gone = 0;
   while (!left.empty() && !now.starts_with(left)) {

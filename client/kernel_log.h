@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Gives the lines of a kernel's log numbers, although the log can only be read as a whole: what was
- * there the last time is found again, and what stands behind it is new. One thread. Keeps one copy
- * of the log.
+ * Numbers the lines of a kernel log that can only be read as a whole: finds the text of the last
+ * read again; the lines after it are new. One thread. Keeps one copy of the log.
  */
 #ifndef TARN_CLIENT_KERNEL_LOG_H
 #define TARN_CLIENT_KERNEL_LOG_H
@@ -18,8 +17,8 @@ namespace tarn {
 class KernelLog {
  public:
   /*
-   * Takes the log as it is now: lines "<LEVEL>text". A first line that is cut and a last one that
-   * has no end yet are left out. If nothing of the last time is left, one number is skipped.
+   * Takes the present log: lines "<LEVEL>text". A cut first line and an unfinished last one are
+   * left out. If no line of the last read is left, one number is skipped.
    */
   void update(std::string_view buffer);
 
@@ -28,8 +27,8 @@ class KernelLog {
 
  private:
   std::string text_;         /* whole lines */
-  std::uint64_t first_ = 0;  /* the number of the first of them */
-  std::uint64_t behind_ = 0; /* the number behind the last */
+  std::uint64_t first_ = 0;  /* the number of its first line */
+  std::uint64_t behind_ = 0; /* the number after its last line */
 };
 
 }  // namespace tarn

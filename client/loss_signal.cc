@@ -9,8 +9,8 @@
 namespace tarn {
 
 Result<std::unique_ptr<LossSignal>> LossSignal::install() {
-  // The pipe gives back what it finds. After it one signal may still be on its way to a process
-  // that has just left; that is no reason to die.
+  // SignalPipe restores the action that it finds. One more signal may arrive after the daemon has
+  // left; it must not end the process.
   struct sigaction found;
   if (sigaction(OX_SIG_LOST, nullptr, &found) == 0 && found.sa_handler == SIG_DFL)
     std::signal(OX_SIG_LOST, SIG_IGN);

@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The module sends the daemon's process signal 58 when a message to it was lost. Its default action
- * would end the process. While a LossSignal exists, the signal is counted instead and makes a
- * descriptor readable. There is one per process at a time. Once it
- * has gone, the signal is ignored.
+ * The module sends the daemon's process signal 58 when a message to it was lost. The signal's
+ * default action ends the process. While a LossSignal exists, the signal is counted instead and
+ * makes a descriptor readable. There is one per process at a time. Afterwards the signal is
+ * ignored.
  */
 #ifndef TARN_CLIENT_LOSS_SIGNAL_H
 #define TARN_CLIENT_LOSS_SIGNAL_H

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * The transport between the daemon and the module: packets, each one netlink message with its
- * header. The module in tarnd is reached through a Unix socket (connect_unix_link), the one in the
- * kernel through netlink (open_netlink_link); DaemonChannel needs nothing but what stands here.
+ * header. connect_unix_link() reaches the module in tarnd by a Unix socket, open_netlink_link() the
+ * one in the kernel by netlink. DaemonChannel uses only this interface.
  */
 #ifndef TARN_CLIENT_MESSAGE_LINK_H
 #define TARN_CLIENT_MESSAGE_LINK_H
@@ -20,8 +20,7 @@
 
 namespace tarn {
 
-/* The packets of one receive call. Their storage belongs to the batch and is used again by the next
- * call. */
+/* The packets of one receive call. The batch owns their storage and reuses it in the next call. */
 class PacketBatch {
  public:
   /* Longer than any message: a rename with two paths of 4096 bytes has 8252. */
@@ -32,23 +31,23 @@ class PacketBatch {
 
   PacketBatch() : storage_(new std::byte[kBytes]) {}
 
-  /* kPackets rooms of one packet each; or else kBytes, for a link that divides them itself. */
+  /* Storage for kPackets packets of full size, or kBytes for a link that divides it itself. */
   std::byte *room(std::size_t i) { return storage_.get() + i * kPacketMax; }
   std::byte *storage() { return storage_.get(); }
 
   std::vector<Bytes> packets;
   std::size_t oversized = 0; /* packets that were longer than kPacketMax and are lost */
-  std::size_t foreign = 0; /* packets that another program sent us; they are not among the others */
-  bool overrun = false;    /* the queue was full for too long; something is lost */
-  bool closed = false;     /* the other side has gone; nothing more will come */
-  /* What had been read by then is in this batch or was in earlier ones. */
+  std::size_t foreign = 0;   /* packets of other programs, not included in `packets` */
+  bool overrun = false;      /* the queue was full for too long; messages are lost */
+  bool closed = false;       /* the other side has closed the link; no more packets will come */
+  /* All packets that were read by then are in this batch or in earlier ones. */
   using Clock = std::chrono::steady_clock;
   Clock::time_point arrived_until;
 
   /* Was there nothing to receive? */
   bool empty() const { return packets.empty() && !oversized && !foreign && !overrun; }
 
-  /* Empty again; a side that has gone stays gone. */
+  /* Empties the batch; `closed` stays set. */
   void clear() {
     packets.clear();
     oversized = foreign = 0;
@@ -67,24 +66,24 @@ class MessageLink {
   /* Becomes readable when there is something to receive. */
   virtual int fd() const = 0;
 
-  /* What the hello of a daemon on this link has for nlmsg_flags. */
+  /* The nlmsg_flags of a daemon's hello on this link. */
   virtual std::uint16_t hello_flags() const { return 0; }
 
   /* Sends one packet; may wait for room. */
   virtual Result<void> send(Bytes packet) = 0;
 
-  /* Takes what is there, at most one batch, without waiting. */
+  /* Receives the queued packets, at most one batch, without waiting. */
   virtual Result<void> receive(PacketBatch &batch) = 0;
 };
 
-/* Connects to the daemon channel of the tarnd that runs there. Errors: those of connect_socket().
- */
+/* Connects to the daemon channel of the tarnd of the run directory. Errors: those of
+ * connect_socket(). */
 Result<std::unique_ptr<MessageLink>> connect_unix_link(const std::string &run_dir);
 
 /*
- * A netlink socket whose port is this process's id, which is where the module sends to; so there is
- * one per process and unit. Only what the kernel itself sends is received. Errors: -EADDRINUSE when
- * the port is taken; those of socket() and bind().
+ * Opens a netlink socket whose port is this process's id, to which the module sends; so there is
+ * one per process and unit. Only packets from the kernel itself are received. Errors: -EADDRINUSE
+ * when the port is taken; those of socket() and bind().
  */
 Result<std::unique_ptr<MessageLink>> open_netlink_link(int unit = OX_NETLINK_UNIT);
 

@@ -41,7 +41,7 @@ std::string_view as_text(Bytes bytes) {
   return {reinterpret_cast<const char *>(bytes.data()), bytes.size()};
 }
 
-/* A string field that must be `field`.size() bytes with exactly one NUL, at its end. */
+/* A string field with exactly one NUL, at its end. */
 Result<std::string_view> terminated(Bytes field, const char *name) {
   const std::string_view text = as_text(field);
   if (text.empty() || text.back() != '\0') return malformed("{} does not end in a NUL", name);
@@ -225,7 +225,7 @@ Result<Message> decode(Bytes packet) {
   if (packet.size() < sizeof(nlmsghdr))
     return malformed("{} bytes, at least {} expected", packet.size(), sizeof(nlmsghdr));
   const auto header = load<nlmsghdr>(packet);
-  // A page travels in a buffer of one size, however little of it the last page fills.
+  // Pages have a buffer of fixed size, even if the last page does not fill it.
   constexpr std::size_t kPageBuffer = sizeof(nlmsghdr) + OX_PAGE_PAYLOAD;
   const bool page_buffer = header.nlmsg_type == OX_OP_WRITE && packet.size() == kPageBuffer;
   if (header.nlmsg_len < sizeof(header) || header.nlmsg_len > packet.size() ||
@@ -263,7 +263,6 @@ std::string attribute_words(const SetAttr &c) {
   return words;
 }
 
-/* All that differs between the kinds of change, in one place. */
 struct Describe {
   std::string operator()(const Create &c) {
     return fmt::format("create {} mode {:04o}", printable(c.path), c.mode & 07777);

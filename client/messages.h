@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The messages that the module sends to the daemon, as typed values, and the one decoder that makes
- * them from bytes. docs/wire_format.md describes the bytes.
+ * The module's messages to the daemon as typed values, and their one decoder. docs/wire_format.md
+ * describes the bytes.
  *
- * The decoder trusts nothing: every length is checked against the packet and against every other
- * length, every string against its terminator, and whatever does not fit is an error that names the
- * field. Decoded strings and data are views into the packet: they live as long as it does.
+ * The decoder trusts nothing: it checks every length against the packet and the other lengths, and
+ * every string for its terminator. An error names the field that does not fit. Decoded strings and
+ * data are views into the packet and live as long as it does.
  */
 #ifndef TARN_CLIENT_MESSAGES_H
 #define TARN_CLIENT_MESSAGES_H
@@ -82,21 +82,21 @@ struct WritePage {
 using Change =
     std::variant<Create, Mkdir, Unlink, Rmdir, Symlink, Link, Rename, SetAttr, Write, WritePage>;
 
-/* What the path of a record (of a rename or a link, the first) is to the object that changed. */
+/* How a record's path (the first one of a rename or a link) relates to the changed object. */
 enum class Naming {
   kNamed,    /* its name */
-  kNameless, /* a text for people: the object has no name any more, a program has it open */
-  kUnplaced, /* a former name: the object has another one, which the module does not know */
+  kNameless, /* for display only: the object has no name any more, but is open */
+  kUnplaced, /* a former name: the module does not know the present one */
 };
 
 struct Record {
   Uuid rule;
-  std::uint64_t ts;   /* when it was captured, microseconds */
+  std::uint64_t ts;   /* capture time, microseconds since the epoch */
   std::uint32_t wseq; /* its number within the rule */
   Change change;
   Naming naming = Naming::kNamed;
-  /* The same in all records between a rule's adding and its deletion, another one for a rule of the
-   * same UUID that is added later. 0: a module that does not tell. */
+  /* Constant from the addition of a rule to its deletion, and different for a rule of the same UUID
+   * that is added later. 0: from a module that does not tell. */
   std::uint32_t generation = 0;
 
   /* Is it the last message of its number? */
@@ -119,17 +119,17 @@ struct Reply {
 
 using Message = std::variant<Record, StopRule, Reply>;
 
-/* Decodes one packet: a netlink header and its payload, with up to three pad bytes behind. Error
+/* Decodes one packet: a netlink header and its payload, followed by up to three pad bytes. Error
  * code -EBADMSG. */
 Result<Message> decode(Bytes packet);
 
-/* The change in words for a person, without the rule: "create /d/f mode 0644". */
+/* A description for display, without the rule: "create /d/f mode 0644". */
 std::string describe(const Change &change);
 
 /* The word that describe() begins with. */
 std::string_view change_name(const Change &change);
 
-/* The path that the change is about: of a rename and a link, the first. Empty for a later page. */
+/* The path of the change, the first one of a rename and a link. Empty for a later page. */
 std::string_view change_path(const Change &change);
 
 }  // namespace tarn

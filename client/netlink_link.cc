@@ -12,8 +12,8 @@
 namespace tarn {
 namespace {
 
-/* Room for what the module sends while the daemon is busy: some thousand records. It is memory of
- * the kernel, and taken only as far as it is needed. */
+/* Receive buffer for some thousand records while the daemon is busy. It is kernel memory, allocated
+ * only as far as it is used. */
 constexpr int kQueueBytes = 4 << 20;
 
 class NetlinkLink : public MessageLink {
@@ -45,7 +45,7 @@ class NetlinkLink : public MessageLink {
   }
 
  private:
-  /* An error number, EAGAIN when there is nothing more. */
+  /* Returns 0 or an error number, EAGAIN when the queue is empty. */
   int receive_one(PacketBatch &batch) {
     std::byte *room = batch.room(batch.packets.size());
     iovec part = {room, PacketBatch::kPacketMax};
@@ -62,7 +62,7 @@ class NetlinkLink : public MessageLink {
       return 0;
     }
     if (got < 0) return errno;
-    // Any program may send to any port; the kernel's own is 0, which nobody else can have.
+    // Any program may send to any port; port 0 is the kernel's alone.
     if (message.msg_namelen != sizeof(sender) || sender.nl_family != AF_NETLINK ||
         sender.nl_pid != 0)
       ++batch.foreign;
@@ -90,12 +90,12 @@ Error open_error(int err) {
 Result<std::unique_ptr<MessageLink>> open_netlink_link(int unit) {
   UniqueFd socket_fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, unit));
   if (!socket_fd) return open_error(errno);
-  // Beyond the limit of ordinary sockets if we may, else up to it.
+  // Beyond the limit of unprivileged sockets if we may, else up to it.
   if (setsockopt(socket_fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &kQueueBytes, sizeof(kQueueBytes)) !=
           0 &&
       setsockopt(socket_fd.get(), SOL_SOCKET, SO_RCVBUF, &kQueueBytes, sizeof(kQueueBytes)) != 0)
     return open_error(errno);
-  // The module sends to the port that has the number of the process that said hello.
+  // The module sends to the port whose number is the process id of the hello.
   sockaddr_nl own{};
   own.nl_family = AF_NETLINK;
   own.nl_pid = static_cast<std::uint32_t>(getpid());

@@ -1,9 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Follows the page messages of large writes. Only page 0 names the file, so the path is stored for
- * the others. The data is not: each page is used as it arrives. Pages of several writes may come
- * mixed. One thread. Memory: the paths of at most kOpenWrites unfinished writes; the oldest is
- * forgotten first.
+ * the later pages; the data is not. Pages of several writes may be interleaved. One thread. Memory:
+ * the paths of at most kOpenWrites unfinished writes; the oldest is dropped first.
  */
 #ifndef TARN_CLIENT_PAGES_H
 #define TARN_CLIENT_PAGES_H

@@ -14,23 +14,22 @@
 namespace tarn {
 
 /*
- * The whole path: symbolic links resolved as far as the path exists, no "." or "..", no slash at
- * the end (but for "/"). Errors: -EINVAL for an empty path, and those of looking it up.
+ * The canonical path: symbolic links resolved as far as the path exists, no "." or "..", no
+ * trailing slash (except "/"). Errors: -EINVAL for an empty path, and those of the look-up.
  */
 Result<std::string> whole_path(const std::string &path);
 
-/* The same for a mount point, whose own directory may be a mount that no longer answers. Never
+/* The same for a mount point, which is not looked up itself as its mount may not answer. Never
  * fails. */
 std::string whole_mountpoint(const std::string &path);
 
-/* The path below `directory` that `path` names: "" for the directory itself; nothing for a path
- * that is not below it. Both whole. */
+/* The part of `path` below `directory`: "" for the directory itself, nothing for a path outside it.
+ * Both are canonical. */
 std::optional<std::string> path_below(std::string_view directory, std::string_view path);
 
 /*
- * Rules and records are about lower directories. If `path`, a whole one, is a path of a mount and
- * of no lower directory, the lower path that it stands for, which the user may have
- * meant; otherwise nothing.
+ * Rules and records name lower paths. If the canonical `path` lies on a mount and in no lower
+ * directory, returns the lower path behind it, which the user may have meant; otherwise nothing.
  */
 std::optional<std::string> meant_lower_path(const std::vector<Mount> &mounts,
                                             const std::string &path);

@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* A pipe within the process by which one thread, or a signal's handler, wakes another that polls.
- */
+/* A pipe by which a thread or a signal handler wakes a polling thread of the same process. */
 #ifndef TARN_CLIENT_PIPE_H
 #define TARN_CLIENT_PIPE_H
 
@@ -19,8 +18,7 @@ struct Pipe {
 /* Errors: those of pipe2(2); `what` begins the text. */
 Result<Pipe> make_pipe(const std::string &what);
 
-/* Makes the pipe readable; one that is full is readable all the same. For signal handlers too, but
- * that errno may change. */
+/* Makes the pipe readable; a full one is already. Async-signal-safe, but may change errno. */
 void raise_pipe(int write_end);
 
 }  // namespace tarn

@@ -1,5 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
-// The system calls by which the module in the running kernel is configured.
+// The system calls that configure the module in the running kernel.
 #include <netinet/in.h>
 #include <sys/klog.h>
 #include <sys/mount.h>
@@ -15,7 +14,7 @@
 namespace tarn {
 namespace {
 
-// Actions of the system call syslog; no header names them.
+// Actions of syslog(2), which no header defines.
 constexpr int kLogReadAll = 3;
 constexpr int kLogBufferSize = 10;
 
@@ -27,8 +26,8 @@ class RunningKernel : public KernelCalls {
  public:
   explicit RunningKernel(UniqueFd socket) : socket_(std::move(socket)) {}
 
-  // The kernel hands options that the internet protocol does not know to those who have registered
-  // them for its family. It waits for them interruptibly.
+  // The kernel passes unknown IP options to the handlers registered for the family, and takes their
+  // lock interruptibly: retry on -EINTR.
   int set_option(int code, const void *value, unsigned length) override {
     int result;
     do {

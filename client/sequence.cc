@@ -7,7 +7,7 @@
 namespace tarn {
 namespace {
 
-// Where a rule's 64-bit numbers begin, so that numbers below the first one seen exist as well.
+// Where a rule's 64-bit numbers begin, so that there are numbers below the first one seen.
 constexpr std::uint64_t kEpoch = std::uint64_t{1} << 32;
 
 std::uint32_t narrow(std::uint64_t number) {
@@ -43,7 +43,7 @@ void Sequencer::add(const Record &record, Bytes packet, Clock::time_point now) {
   if (!std::exchange(rule.known, true)) {
     rule.generation = record.generation;
   } else if (record.generation != rule.generation) {
-    if (of_a_former_life(record.rule, rule, record)) return;
+    if (of_former_generation(record.rule, rule, record)) return;
     restart(record.rule, rule, record.generation);
   }
   if (!rule.started && record.wseq == 1 && rule.held.empty()) {
@@ -52,7 +52,7 @@ void Sequencer::add(const Record &record, Bytes packet, Clock::time_point now) {
   }
   const Number number = widen(rule.next, record.wseq);
   if (!rule.started) {
-    if (rule.next == 0) rule.next = number;  // widens the next ones; the start is found in expire()
+    if (rule.next == 0) rule.next = number;  // a reference for widen(); expire() finds the start
     hold(rule, number, packet, now);
     const bool complete = rule.held.begin()->first == widen(rule.next, 1);
     if (complete || rule.held_records > limits_.records || held_bytes_ > limits_.bytes)
@@ -60,7 +60,7 @@ void Sequencer::add(const Record &record, Bytes packet, Clock::time_point now) {
     return;
   }
   if (number < rule.next) {
-    old_number(record.rule, rule, number, record, packet, now);
+    add_old(record.rule, rule, number, record, packet, now);
     return;
   }
   if (number == rule.next) {
@@ -93,8 +93,8 @@ void Sequencer::pass_in_order(Rule &rule, const Record &record) {
 }
 
 void Sequencer::hold(Rule &rule, Number number, Bytes packet, Clock::time_point now) {
-  const bool listened = rule.started && !rule.resumed;  // when those before it were sent
-  if (rule.held.empty()) rule.deadline = now + (listened ? limits_.hold : limits_.settle);
+  const bool was_listening = rule.started && !rule.resumed;  // when earlier records were sent
+  if (rule.held.empty()) rule.deadline = now + (was_listening ? limits_.hold : limits_.settle);
   Held held;
   held.packet.assign(packet.begin(), packet.end());
   auto decoded = decode(held.packet);
@@ -105,8 +105,8 @@ void Sequencer::hold(Rule &rule, Number number, Bytes packet, Clock::time_point 
   rule.held[number].push_back(std::move(held));
 }
 
-void Sequencer::old_number(const Uuid &uuid, Rule &rule, Number number, const Record &record,
-                           Bytes packet, Clock::time_point now) {
+void Sequencer::add_old(const Uuid &uuid, Rule &rule, Number number, const Record &record,
+                        Bytes packet, Clock::time_point now) {
   if (take_missing(rule.missing, number, record.last())) return pass(rule, record, Order::kLate);
   const auto passed = rule.recent.find(number);
   if (rule.generation != 0 || (passed != rule.recent.end() && passed->second == record.ts))
@@ -115,17 +115,17 @@ void Sequencer::old_number(const Uuid &uuid, Rule &rule, Number number, const Re
   add(record, packet, now);
 }
 
-/* A record of an earlier life was on its way when the rule was deleted and added again. */
-bool Sequencer::of_a_former_life(const Uuid &uuid, Rule &rule, const Record &record) {
-  for (FormerLife &life : rule.former) {
-    if (life.generation != record.generation) continue;
-    const Number number = widen(life.next, record.wseq);
-    if (number >= life.next) {
-      life.missing[life.next] = number;
-      if (life.missing.size() > kMissingRanges) life.missing.erase(life.missing.begin());
-      life.next = number + 1;
+/* The record was under way when the rule was deleted and added again. */
+bool Sequencer::of_former_generation(const Uuid &uuid, Rule &rule, const Record &record) {
+  for (FormerGeneration &earlier : rule.former) {
+    if (earlier.generation != record.generation) continue;
+    const Number number = widen(earlier.next, record.wseq);
+    if (number >= earlier.next) {
+      earlier.missing[earlier.next] = number;
+      if (earlier.missing.size() > kMissingRanges) earlier.missing.erase(earlier.missing.begin());
+      earlier.next = number + 1;
     }
-    if (take_missing(life.missing, number, record.last()))
+    if (take_missing(earlier.missing, number, record.last()))
       sink_.record(record, Order::kLate);
     else
       sink_.event(uuid, Duplicate{record.wseq});
@@ -134,7 +134,7 @@ bool Sequencer::of_a_former_life(const Uuid &uuid, Rule &rule, const Record &rec
   return false;
 }
 
-/* Passes on what waits and has its turn now. */
+/* Passes on the held records whose turn it is. */
 void Sequencer::drain(const Uuid &uuid, Rule &rule, Clock::time_point now) {
   for (auto first = rule.held.begin(); first != rule.held.end() && first->first <= rule.next;
        first = rule.held.begin()) {
@@ -149,11 +149,11 @@ void Sequencer::drain(const Uuid &uuid, Rule &rule, Clock::time_point now) {
       }
     }
   }
-  // Each step forward is a sign of life: what still waits gets the whole time again.
+  // After progress the whole time starts again.
   if (!rule.held.empty()) rule.deadline = now + limits_.hold;
 }
 
-/* Gives up waiting for `next`: goes on with the first record that is there. */
+/* Gives up waiting for `next` and continues with the first held record. */
 void Sequencer::skip_gap(const Uuid &uuid, Rule &rule, Clock::time_point now) {
   const Number first = rule.held.begin()->first;
   if (!rule.started) {
@@ -169,12 +169,12 @@ void Sequencer::skip_gap(const Uuid &uuid, Rule &rule, Clock::time_point now) {
   rule.next = first;
   rule.next_page = 0;
   drain(uuid, rule, now);
-  // What is missing next has been waited for since the first record behind it came: a row of gaps
-  // costs one wait.
+  // The next gap's wait began when the first record after it arrived, so a row of gaps costs one
+  // wait.
   if (!rule.held.empty()) rule.deadline = rule.held.begin()->second.front().arrived + limits_.hold;
 }
 
-/* Was the number declared missing? Forgets it then, if this is its last message. */
+/* Was the number declared missing? If so and this is its last message, removes it. */
 bool Sequencer::take_missing(Ranges &missing, Number number, bool last) {
   auto range = missing.upper_bound(number);
   if (range == missing.begin() || (--range)->second < number) return false;
@@ -186,8 +186,8 @@ bool Sequencer::take_missing(Ranges &missing, Number number, bool last) {
   return true;
 }
 
-/* The rest of a write of which some pages have passed will not come in time. */
-void Sequencer::give_up_pages(const Uuid &uuid, Rule &rule) {
+/* Declares the rest of a partly passed write missing. */
+void Sequencer::declare_missing_pages(const Uuid &uuid, Rule &rule) {
   if (rule.next_page == 0) return;
   sink_.event(uuid, MissingPages{narrow(rule.next), rule.next_page});
   rule.missing[rule.next] = rule.next;
@@ -197,7 +197,7 @@ void Sequencer::give_up_pages(const Uuid &uuid, Rule &rule) {
 
 void Sequencer::restart(const Uuid &uuid, Rule &rule, std::uint32_t generation) {
   while (!rule.held.empty()) skip_gap(uuid, rule, {});
-  give_up_pages(uuid, rule);
+  declare_missing_pages(uuid, rule);
   sink_.event(uuid, Restarted{narrow(rule.next - 1)});
   Rule next;
   next.known = true;
@@ -205,8 +205,8 @@ void Sequencer::restart(const Uuid &uuid, Rule &rule, std::uint32_t generation) 
   next.former = std::move(rule.former);
   if (rule.generation != 0)
     next.former.push_front({rule.generation, rule.next, std::move(rule.missing)});
-  if (next.former.size() > kFormerLives) next.former.pop_back();
-  // By generations a new life is seen from its first number on, which is 1.
+  if (next.former.size() > kFormerGenerations) next.former.pop_back();
+  // A new generation starts at number 1.
   if (generation != 0) {
     next.started = true;
     next.resumed = rule.resumed;
@@ -232,7 +232,7 @@ std::optional<Sequencer::Clock::time_point> Sequencer::next_deadline() const {
 void Sequencer::finish() {
   for (auto &[uuid, rule] : rules_) {
     while (!rule.held.empty()) skip_gap(uuid, rule, {});
-    give_up_pages(uuid, rule);
+    declare_missing_pages(uuid, rule);
   }
 }
 

@@ -12,7 +12,7 @@ constexpr int kSignals = 65;
 /* The state of one signal: the pipe that its handler writes to, or -1, and the pending count. */
 struct Slot {
   std::atomic<int> fd{-1};
-  std::atomic<std::uint64_t> waiting{0};
+  std::atomic<std::uint64_t> pending{0};
 };
 Slot g_slots[kSignals];
 static_assert(std::atomic<int>::is_always_lock_free &&
@@ -24,7 +24,7 @@ void on_signal(int signal) {
   Slot &slot = g_slots[signal];
   const int fd = slot.fd.load();
   if (fd >= 0) {
-    ++slot.waiting;
+    ++slot.pending;
     raise_pipe(fd);
   }
   errno = saved;
@@ -46,7 +46,7 @@ Result<void> SignalPipe::catch_signal(int signal) {
   int unused = -1;
   if (!g_slots[signal].fd.compare_exchange_strong(unused, pipe_.write_end.get()))
     return system_error(EBUSY, "this process waits for the signal already");
-  g_slots[signal].waiting = 0;
+  g_slots[signal].pending = 0;
   struct sigaction action {
   }, old{};
   action.sa_handler = on_signal;
@@ -72,9 +72,9 @@ int SignalPipe::take() {
   char byte;
   if (read(fd(), &byte, 1) != 1) return 0;
   for (const Caught &caught : caught_) {
-    std::uint64_t waiting = g_slots[caught.signal].waiting;
-    while (waiting != 0) {
-      if (g_slots[caught.signal].waiting.compare_exchange_weak(waiting, waiting - 1))
+    std::uint64_t pending = g_slots[caught.signal].pending;
+    while (pending != 0) {
+      if (g_slots[caught.signal].pending.compare_exchange_weak(pending, pending - 1))
         return caught.signal;
     }
   }
@@ -86,7 +86,7 @@ std::uint64_t SignalPipe::take_all() {
   while (read(fd(), bytes, sizeof(bytes)) > 0) {
   }
   std::uint64_t count = 0;
-  for (const Caught &caught : caught_) count += g_slots[caught.signal].waiting.exchange(0);
+  for (const Caught &caught : caught_) count += g_slots[caught.signal].pending.exchange(0);
   return count;
 }
 

@@ -1,9 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Signals as something to wait for, on every kernel: a handler counts them and makes a pipe
- * readable. While the object exists its signals do nothing else. The handlers are for the whole
- * process, whichever threads there are; a call that waits is restarted or ends with EINTR, as the
- * signal finds it.
+ * Signals as a pollable descriptor, on every kernel: a handler counts them and makes a pipe
+ * readable. The handlers replace the signals' actions for the whole process while the object
+ * exists. A blocking call is restarted or ends with EINTR (SA_RESTART).
  */
 #ifndef TARN_CLIENT_SIGNAL_PIPE_H
 #define TARN_CLIENT_SIGNAL_PIPE_H
@@ -21,21 +20,21 @@ namespace tarn {
 
 class SignalPipe {
  public:
-  /* Errors: -EBUSY if a SignalPipe of this process has one of the signals already. */
+  /* Errors: -EBUSY if another SignalPipe of this process has one of the signals. */
   static Result<std::unique_ptr<SignalPipe>> open(std::initializer_list<int> signals);
 
-  /* Gives the signals back what they did before. */
+  /* Restores the signals' former actions. */
   ~SignalPipe();
   SignalPipe(const SignalPipe &) = delete;
   SignalPipe &operator=(const SignalPipe &) = delete;
 
-  /* Readable while a signal waits. */
+  /* Readable while a signal is pending. */
   int fd() const { return pipe_.read_end.get(); }
 
-  /* The next signal that waits, or 0. Of several, the one named first to open(). */
+  /* Takes a pending signal, or 0: of several, the first in the order of open()'s list. */
   int take();
 
-  /* All that wait: how many there are. */
+  /* Takes all pending signals and returns their number. */
   std::uint64_t take_all();
 
  private:

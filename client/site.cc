@@ -13,7 +13,7 @@
 namespace tarn {
 namespace {
 
-// There since long before /run was.
+// Systems of 2006 have no /run.
 constexpr char kKernelRunDir[] = "/var/run/tarn";
 
 bool kernel_has_tarn() {

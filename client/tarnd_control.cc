@@ -115,7 +115,7 @@ Result<TarndControl::Answer> TarndControl::receive() {
   return Answer{reply.result, reply.total, std::move(packet)};
 }
 
-/* All bytes of an answer that comes in pieces, of which `first` is the first. */
+/* All bytes of an answer in several packets, the first of which is `first`. */
 Result<std::vector<std::byte>> TarndControl::receive_rest(Answer first) {
   std::vector<std::byte> bytes = std::move(first.bytes);
   while (bytes.size() < first.total) {

@@ -61,7 +61,7 @@ Result<Uuid> make_uuid() {
       return system_error(got < 0 ? errno : EIO, std::string("cannot make up a UUID: ") + kSource);
     at += uuid.bytes[at] != 0;
   }
-  // The marks of a random UUID: version 4, variant 10. Neither byte can become zero by them.
+  // The bits of a random UUID: version 4, variant 10. Neither byte can become zero.
   uuid.bytes[6] = static_cast<std::uint8_t>((uuid.bytes[6] & 0x0f) | 0x40);
   uuid.bytes[8] = static_cast<std::uint8_t>((uuid.bytes[8] & 0x3f) | 0x80);
   return uuid;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The 16-byte name of a rule or of a replicated directory, and its text form. */
+/* The 16-byte id of a rule or of a replicated directory, and its text form. */
 #ifndef TARN_CLIENT_UUID_H
 #define TARN_CLIENT_UUID_H
 
@@ -19,13 +19,13 @@ struct Uuid {
   auto operator<=>(const Uuid &) const = default;
 };
 
-/* 36 characters, 8-4-4-4-12, upper case: as the module writes it in its log. */
+/* 36 characters, 8-4-4-4-12, upper case, as in the module's log. */
 std::string to_string(const Uuid &uuid);
 
 /* Reads that form, in either case. */
 std::optional<Uuid> parse_uuid(std::string_view text);
 
-/* A new random one. It holds no zero byte, because the module compares only up to the first one.
+/* Makes a random UUID without zero bytes, because the module compares only up to the first one.
  * Errors: those of reading /dev/urandom. */
 Result<Uuid> make_uuid();
 

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The text of a rule: which directories it replicates and which of their subdirectories it leaves
- * out. Entries are separated by commas; each is the Base64 text of one path, an excluded one after
- * a '!'.
+ * The text of a rule: its included directories and the excluded ones below them. Entries are
+ * separated by commas; each is the Base64 text of one path, after a '!' for an excluded one.
  */
 #ifndef TARN_CLIENT_WORKDIR_H
 #define TARN_CLIENT_WORKDIR_H
@@ -21,10 +20,10 @@ struct RuleDirectories {
 };
 
 /*
- * The text for these directories. Each must be absolute and without NUL; at least one must be
- * included; the whole must fit a rule (15,999 bytes). Directories are written sorted, parents
- * first: the module does not apply a directory that follows one of its own subdirectories to that
- * directory's other contents.
+ * Makes the text for these directories. Each must be absolute and without NUL, at least one must be
+ * included, and the text must fit a rule (15,999 bytes). Directories are sorted, parents first: the
+ * module does not apply a directory to its contents if it is listed after one of its own
+ * subdirectories, except in that one.
  */
 Result<std::string> make_workdir(const RuleDirectories &directories);
 

@@ -16,14 +16,14 @@
 namespace tarn {
 namespace {
 
-constexpr int kLookRounds = 4;
+constexpr int kLinkRounds = 4;
 
 const Error kAbsent{-ENOENT, "No such file or directory"};
 
 }  // namespace
 
-/* One function per kind of change; each gives what the replica said, or nothing if the change is
- * not its business. */
+/* One function per kind of change; each returns the replica's result, or nothing if the change is
+ * outside the source or the rule. */
 struct Applier::Visitor {
   using Did = Result<Replica::Done>;
   using Done = std::optional<Did>;
@@ -36,7 +36,7 @@ struct Applier::Visitor {
   std::optional<std::string> below(std::string_view path) const {
     return path_below(applier.source_, path);
   }
-  /* The path in the replica, if the rule has it there. */
+  /* The path in the replica, if the rule includes it. */
   std::optional<std::string> inside(std::string_view path) const {
     auto found = below(path);
     if (found && !applier.scopes_.includes(record, path)) found.reset();
@@ -48,24 +48,24 @@ struct Applier::Visitor {
             fmt::format("{} {}", change_name(record.change), printable(applier.absolute(path)))};
   }
 
-  /* The replica has what the record does not expect. That is a failure, but what the source has
-   * there now is better than what is. */
-  Did heal(const std::string &path, const Error &error) {
-    if (const auto healed = reconciler.reconcile(path); !healed)
+  /* The replica is not in the state that the record expects. Copies the source's present state,
+   * which is better than none, and returns the failure. */
+  Did replace_from_source(const std::string &path, const Error &error) {
+    if (const auto replaced = reconciler.reconcile(path); !replaced)
       return Error{error.code,
-                   error.text + "; and it cannot be copied anew: " + healed.error().text};
+                   error.text + "; and it cannot be copied anew: " + replaced.error().text};
     return error;
   }
 
-  /* The replica lacks the object that changed. Special files and those that mknod(2) made are not
-   * captured, so that is how the replica comes to know them. */
-  Did absent(const std::string &path, const Error &error) {
+  /* The replica lacks the changed object. It may be one whose creation is not recorded, by
+   * mknod(2): fetches it. */
+  Did apply_to_missing(const std::string &path, const Error &error) {
     const auto above = replica.find(parent_of(path));
     if (!above || !*above || !reconciler.source().available()) return error;
     const auto found = reconciler.source().find(path);
     if (!found) return error;
     const auto reconciled = reconciler.reconcile(path);
-    if (reconciled && !*found) reconciler.expect(path, unexplained(path));
+    if (reconciled && !*found) reconciler.expect_explanation(path, unexplained(path));
     return reconciled;
   }
 
@@ -73,34 +73,34 @@ struct Applier::Visitor {
     if (reconciler.follows_source(path)) return reconciler.reconcile(path);
     reconciler.records_change(path);
     const auto done = replica.create(path, c.mode);
-    if (!done) return done.error().code == -ENOENT ? done : heal(path, done.error());
+    if (!done) return done.error().code == -ENOENT ? done : replace_from_source(path, done.error());
     reconciler.removed(path);
     return done;
   }
   Did mkdir(const std::string &path, const Mkdir &c) {
     if (reconciler.follows_source(path)) return reconciler.reconcile(path);
     const auto done = replica.mkdir(path, c.mode);
-    if (!done) return done.error().code == -ENOENT ? done : heal(path, done.error());
+    if (!done) return done.error().code == -ENOENT ? done : replace_from_source(path, done.error());
     return done;
   }
-  /* The name was taken from its object, by a path that follows the source. */
-  Did leave(const std::string &path) {
+  /* A record removed or renamed the object of a path that follows the source. */
+  Did reconcile_removed(const std::string &path) {
     reconciler.explained(path);
     return reconciler.reconcile(path);
   }
   Did unlink(const std::string &path) {
-    if (reconciler.follows_source(path)) return leave(path);
-    if (const auto left = reconciler.leaving(path); !left) return left.error();
+    if (reconciler.follows_source(path)) return reconcile_removed(path);
+    if (const auto left = reconciler.before_removal(path); !left) return left.error();
     const auto done = replica.unlink(path);
     if (done) reconciler.removed(path);
     return done;
   }
 
-  /* A directory that has something in it was not removed; one that is empty may have been, and have
-   * been made anew: it is empty either way, and follows the source from now on. */
+  /* A source directory of this name with entries was not removed. An empty one may have been
+   * removed and made anew: it is empty either way, and follows the source from now on. */
   Did rmdir(const std::string &path) {
     if (reconciler.follows_source(path) || reconciler.follows_source_below(path))
-      return leave(path);
+      return reconcile_removed(path);
     const auto mine = replica.find(path);
     if (mine && *mine && reconciler.source().available()) {
       const auto found = reconciler.source().find(path);
@@ -117,8 +117,8 @@ struct Applier::Visitor {
     if (*done == Replica::Done::kChanged) {
       reconciler.removed(path);
       reconciler.follow_source(path);
-    } else if (mine && *mine) {  // not empty, and yet not in the source: something must follow
-      reconciler.expect(path, unexplained(path));
+    } else if (mine && *mine) {  // not empty, though the source's was: records must follow
+      reconciler.expect_explanation(path, unexplained(path));
     }
     return done;
   }
@@ -126,7 +126,7 @@ struct Applier::Visitor {
   Did symlink(const std::string &path, const Symlink &c) {
     if (reconciler.follows_source(path)) return reconciler.reconcile(path);
     const auto done = replica.symlink(std::string(c.target), path);
-    if (!done) return done.error().code == -ENOENT ? done : heal(path, done.error());
+    if (!done) return done.error().code == -ENOENT ? done : replace_from_source(path, done.error());
     reconciler.removed(path);
     if (!reconciler.source().available()) return done;
     const auto found = reconciler.source().find(path);
@@ -135,7 +135,7 @@ struct Applier::Visitor {
       reconciler.doubt(path, PendingPaths::kNoData);
       return done;
     }
-    const auto like = reconciler.fetcher().set_like(path, (*found)->status);
+    const auto like = reconciler.fetcher().set_all_attributes(path, (*found)->status);
     return like ? done : Did(like.error());
   }
 
@@ -162,12 +162,12 @@ struct Applier::Visitor {
       return done;
     }
     const int code = done.error().code;
-    return code == -ENOENT || code == -ENOTDIR ? absent(path, done.error())
-                                               : heal(path, done.error());
+    return code == -ENOENT || code == -ENOTDIR ? apply_to_missing(path, done.error())
+                                               : replace_from_source(path, done.error());
   }
 
-  /* From a place that the replica does not have. What the new name stood for before is replaced. */
-  Did come_in(const std::string &to) {
+  /* A rename from outside the replica; replaces the object of the new name. */
+  Did rename_in(const std::string &to) {
     const auto mine = replica.find(to);
     if (mine && *mine && !S_ISDIR((*mine)->st_mode)) {
       if (const auto gone = replica.unlink(to); !gone) return gone;
@@ -175,27 +175,27 @@ struct Applier::Visitor {
     }
     return reconciler.reconcile(to);
   }
-  Did go_out(const std::string &from) {
+  Did rename_out(const std::string &from) {
     if (reconciler.follows_source(from) || reconciler.follows_source_below(from))
-      return leave(from);
+      return reconcile_removed(from);
     const auto above = replica.find(parent_of(from));
     if (!above) return above.error();
     if (!*above) return kAbsent;
-    if (const auto left = reconciler.leaving(from); !left) return left.error();
+    if (const auto left = reconciler.before_removal(from); !left) return left.error();
     const auto done = replica.remove_tree(from);
     if (done) reconciler.removed(from);
     return done;
   }
-  /* One of the names, or both, follow the source. */
+  /* A rename of which one or both names follow the source. */
   Did rename_pending(const std::string &from, const std::string &to) {
     const bool clean = !reconciler.follows_source(from);
-    if (const auto left = reconciler.leaving(from); !left) return left.error();
+    if (const auto left = reconciler.before_removal(from); !left) return left.error();
     const auto mine = replica.find(from);
     if (!mine) return mine.error();
     const auto found = reconciler.source().find(from);
     if (!found) return found.error();
-    // Where the old name still stands, the object is moved rather than copied again; what is there
-    // is compared with the source in any case.
+    // If the replica has the old name, moves the object rather than copy it again; the new name is
+    // compared with the source in any case.
     if (*mine && (clean || !*found)) {
       const auto gone = replica.remove_tree(to);
       if (!gone && gone.error().code != -ENOENT) return gone;
@@ -205,12 +205,12 @@ struct Applier::Visitor {
       if (done) reconciler.fetcher().origins().moved(from, to);
     }
     if (!clean || !*mine) {
-      if (const auto old = leave(from); !old) return old;
+      if (const auto old = reconcile_removed(from); !old) return old;
     } else {
       reconciler.removed(from);
       reconciler.follow_source(from);
     }
-    return *mine ? reconciler.reconcile(to) : come_in(to);
+    return *mine ? reconciler.reconcile(to) : rename_in(to);
   }
   Did rename(const std::string &from, const std::string &to) {
     if (reconciler.follows_source(from) || reconciler.follows_source(to) ||
@@ -218,47 +218,47 @@ struct Applier::Visitor {
       return rename_pending(from, to);
     const auto mine = replica.find(from);
     if (!mine) return mine.error();
-    if (!*mine) return rename_absent(from, to);
-    if (const auto left = reconciler.leaving(to); !left) return left.error();
+    if (!*mine) return rename_missing(from, to);
+    if (const auto left = reconciler.before_removal(to); !left) return left.error();
     const auto done = replica.rename(from, to);
-    if (!done) return heal(to, done.error());
+    if (!done) return replace_from_source(to, done.error());
     const auto moved = reconciler.moved(from, to);
     return moved ? done : Did(moved.error());
   }
-  Did rename_absent(const std::string &from, const std::string &to) {
+  Did rename_missing(const std::string &from, const std::string &to) {
     const Error &error = kAbsent;
     const auto above = replica.find(parent_of(from));
-    if (!above || !*above) return heal(to, error);
+    if (!above || !*above) return replace_from_source(to, error);
     if (!reconciler.source().available()) return error;
     const auto found = reconciler.source().find(to);
     if (!found) return error;
-    const auto reconciled = come_in(to);
-    if (reconciled && !*found) reconciler.expect(to, unexplained(to));
+    const auto reconciled = rename_in(to);
+    if (reconciled && !*found) reconciler.expect_explanation(to, unexplained(to));
     return reconciled;
   }
 
-  /* The lists name places, not objects: what lay in an excluded place below a renamed directory may
-   * be included now, and the other way round. */
-  Result<void> mend_border(const std::optional<std::string> &from,
-                           const std::optional<std::string> &to) {
-    const Scopes::Life life(record.rule, record.generation);
+  /* A rule's lists name paths, not objects: a rename of a directory may move subdirectories into
+   * the rule or out of it. */
+  Result<void> reconcile_listed_paths(const std::optional<std::string> &from,
+                                      const std::optional<std::string> &to) {
+    const Scopes::Instance instance(record.rule, record.generation);
     Result<void> first;
     const auto note = [&first](const Did &did) {
       if (first.ok() && !did) first = Result<void>(did.error());
     };
     const auto listed = [&](const std::optional<std::string> &path) {
-      return path ? applier.scopes_.listed_below(life, applier.absolute(*path))
+      return path ? applier.scopes_.listed_below(instance, applier.absolute(*path))
                   : std::vector<std::string>();
     };
     for (const std::string &rest : listed(from)) {
       const auto mine = replica.find(*from + "/" + rest);
       if (mine && *mine) note(reconciler.reconcile(*from + "/" + rest));
-      if (to && applier.scopes_.includes(life, applier.absolute(*to + "/" + rest)))
+      if (to && applier.scopes_.includes(instance, applier.absolute(*to + "/" + rest)))
         note(reconciler.reconcile(*to + "/" + rest));
     }
     for (const std::string &rest : listed(to)) {
       const std::string path = *to + "/" + rest;
-      if (applier.scopes_.includes(life, applier.absolute(path))) continue;
+      if (applier.scopes_.includes(instance, applier.absolute(path))) continue;
       reconciler.removed(path);
       const auto above = replica.find(parent_of(path));
       note(replica.remove_tree(path));
@@ -293,37 +293,38 @@ struct Applier::Visitor {
   Done operator()(const Link &c) {
     const auto path = inside(c.path);
     if (!path) {
-      // From now on it changes by a name of which no record tells.
+      // Later changes by the new name are not recorded.
       if (record.naming == Naming::kUnplaced) return Done(applier.unplaced(record));
       if (const auto existing = inside(c.existing); existing && record.naming == Naming::kNamed)
         reconciler.watch(*existing, record.ts);
       return Done();
     }
-    // A file that is open without a name of its own got one again, or its name is not known.
+    // If the file had no name, or an unknown one, there is no object to link to: it is fetched.
     return link(record.naming == Naming::kNamed ? inside(c.existing) : std::nullopt, *path);
   }
   Done operator()(const Rename &c) {
     auto from = inside(c.from), to = inside(c.to);
     if (!from && !to) {
-      // Not as the rule's lists say: they are another's, of the same UUID.
+      // Against the rule's lists: these are of another rule with the same UUID.
       from = below(c.from);
       to = below(c.to);
     }
     if (!from && !to) return Done();
     Done done;
     if (!from || record.naming != Naming::kNamed)
-      done = to ? Done(come_in(*to)) : Done();
+      done = to ? Done(rename_in(*to)) : Done();
     else
-      done = to ? rename(*from, *to) : go_out(*from);
+      done = to ? rename(*from, *to) : rename_out(*from);
     if (!done || !done->ok()) return done;
-    const auto mended = mend_border(below(c.from), to);
-    return mended ? done : Done(mended.error());
+    const auto listed = reconcile_listed_paths(below(c.from), to);
+    return listed ? done : Done(listed.error());
   }
   Done operator()(const SetAttr &c) {
     const auto path = below(c.path);
     if (!path) return Done();
     const auto mine = replica.find(*path);
-    if (mine && !*mine && !reconciler.follows_source(*path)) return absent(*path, kAbsent);
+    if (mine && !*mine && !reconciler.follows_source(*path))
+      return apply_to_missing(*path, kAbsent);
     return AttributeChange{reconciler, replica, record.ts}.apply(*path, c);
   }
   Did write(const std::string &path, std::uint64_t offset, Bytes data) {
@@ -334,7 +335,7 @@ struct Applier::Visitor {
     const auto done = replica.write(path, offset, data);
     if (done) return done;
     const int code = done.error().code;
-    return code == -ENOENT || code == -EINVAL ? absent(path, done.error()) : done;
+    return code == -ENOENT || code == -EINVAL ? apply_to_missing(path, done.error()) : done;
   }
   Done operator()(const Write &c) {
     const auto path = below(c.path);
@@ -370,43 +371,43 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
   const auto *link = std::get_if<Link>(&record.change);
   reconciler_.set_other_name(link ? std::string(link->existing) : std::string());
   reconciler_.set_included(
-      [this, life = Scopes::Life(record.rule, record.generation)](const std::string &path) {
-        return scopes_.includes(life, absolute(path));
+      [this, instance = Scopes::Instance(record.rule, record.generation)](const std::string &path) {
+        return scopes_.includes(instance, absolute(path));
       });
-  touch(record);
+  note_changed_paths(record);
   const auto done = std::visit(Visitor{*this, record}, record.change);
   if (!done) return Outcome::kOutside;
   if (!done->ok()) return done->error();
   return **done == Replica::Done::kChanged ? Outcome::kApplied : Outcome::kAlready;
 }
 
-Result<void> Applier::caught_up(std::int64_t asked) {
-  look_for_any_rule();
+Result<void> Applier::caught_up(std::int64_t until) {
+  use_all_rules();
   auto links = reconciler_.check_links();
-  auto unrecorded = reconciler_.find_unrecorded(asked);
-  auto changed = reconciler_.compare_changed(asked);
-  // A look may take a name from its file and so leave another to be looked at.
-  for (int rounds = 0; links && replica_.has_parted() && rounds < kLookRounds; ++rounds)
+  auto unrecorded = reconciler_.find_unrecorded(until);
+  auto changed = reconciler_.compare_changed(until);
+  // A fetch may remove a name of a file and so leave another to be checked.
+  for (int rounds = 0; links && replica_.has_partly_unlinked() && rounds < kLinkRounds; ++rounds)
     links = reconciler_.check_links();
   return !links ? links : !unrecorded ? unrecorded : changed;
 }
 
-Result<void> Applier::compare_changed(std::int64_t asked) {
-  look_for_any_rule();
-  return reconciler_.compare_changed(asked);
+Result<void> Applier::compare_changed(std::int64_t until) {
+  use_all_rules();
+  return reconciler_.compare_changed(until);
 }
 
-/* What is looked at next, no record asked for. */
-void Applier::look_for_any_rule() {
+/* For fetches outside of a record: the scope of all rules together. */
+void Applier::use_all_rules() {
   reconciler_.set_other_name("");
   reconciler_.set_included(
       [this](const std::string &path) { return scopes_.any_includes(absolute(path)); });
 }
 
-/* The paths of the replica that the record names, and the directories whose names it changes. */
-void Applier::touch(const Record &record) {
+/* Notes the record's paths, and their parents if it changes names. */
+void Applier::note_changed_paths(const Record &record) {
   ChangedPaths &changed = reconciler_.changed_paths();
-  scopes_.learn(record);  // what it excludes is left out when the paths are compared
+  scopes_.learn(record);  // compare() must know the rule's scope
   const auto below = [this](std::string_view path) { return path_below(source_, path); };
   const auto add = [&](const std::optional<std::string> &path) {
     if (!path) return;

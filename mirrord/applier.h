@@ -1,25 +1,26 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Replays one change record on the replica: the source directory at the head of its paths is
- * replaced by the replica.
+ * Replays one change record on the replica: in its paths, the replica takes the place of the source
+ * directory.
  *
- * What a record says is done, but where it does not tell enough, or may not have happened, the
- * source is looked at:
- *  - A file that comes into the rule, by rename or link from a place that the rule excludes, is
- *    fetched; one that goes out is removed.
- *  - The removal of a directory is recorded even if it was refused: while the source has a
- * directory of that name, the replica's stays.
- *  - A change of attributes is recorded even if the file system below refused it: what the source
- *    does not have that way is taken as the source has it, and no file is cut while the source's is
- *    longer.
- *  - Special files, and regular files that were made by mknod(2), are captured by no record: they
- *    are fetched when a change of them is. So is the owner of a symbolic link.
- * The source may be further than the record then. pending_paths.h says why the replica becomes like
- * the source all the same.
+ * The source is read where a record does not say enough, or where the recorded change may have
+ * failed:
+ *  - A file that is renamed or linked into the rule from an excluded directory is fetched; one that
+ *    is renamed out of the rule is removed.
+ *  - A refused removal of a directory is recorded too: the replica's directory stays while the
+ *    source has one of that name.
+ *  - A refused change of attributes is recorded too: an attribute that the source does not have is
+ *    taken from the source, and no file is truncated while the source's is longer.
+ *  - The creation of special files, and of regular files by mknod(2), is not recorded: they are
+ *    fetched at their first recorded change. The owner of a symbolic link is not recorded either
+ *    and is fetched.
  *
- * "Is not there" is taken for "was removed already" only where a repeated removal says so and the
- * directory is there. An object that is missing in both places must be explained by a later record:
- * take_unexplained() tells of those that were not. One thread.
+ * The source may already be ahead of the record. pending_paths.h says why the replica converges all
+ * the same.
+ *
+ * A missing object counts as removed before only if a removal is repeated and the parent directory
+ * exists. An object that both source and replica lack must be explained by a later record:
+ * take_unexplained() returns those that were not. One thread.
  */
 #ifndef TARN_MIRRORD_APPLIER_H
 #define TARN_MIRRORD_APPLIER_H
@@ -39,7 +40,7 @@ namespace tarn {
 
 class Applier {
  public:
-  /* `source` is absolute, without a slash at its end (but "/" itself). */
+  /* `source` is absolute, without a trailing slash (except "/" itself). */
   Applier(std::string source, Replica &replica, RuleLists rules = {},
           std::chrono::microseconds horizon = PendingPaths::kHorizon)
       : source_(std::move(source)),
@@ -49,40 +50,39 @@ class Applier {
 
   enum class Outcome {
     kApplied,
-    kAlready,  /* the replica was that way before */
-    kOutside,  /* the change is about another directory than the source */
-    kNameless, /* the change is about a file without a name any more: nobody can open it again */
+    kAlready,  /* the replica had the change before */
+    kOutside,  /* nothing of it is in the replica's scope */
+    kNameless, /* the file has no name any more and cannot be opened again */
   };
 
   Result<Outcome> apply(const Record &record);
 
-  /* Records from `ts` on (microseconds since the epoch) are missing: what they may have told of is
-   * looked for when all others have been applied. */
-  void lost(std::uint64_t ts) { reconciler_.note_unrecorded(ts); }
+  /* Records from `ts` on (microseconds since the epoch) are missing: caught_up() searches the
+   * source for changes since then. */
+  void note_lost(std::uint64_t ts) { reconciler_.note_unrecorded(ts); }
 
-  /* Of the last write page that was applied: the file, which a later page's record does not name.
-   */
+  /* The file of the last write page that was applied; only page 0 names it in its record. */
   const std::string &page_path() const { return page_path_; }
 
-  /* All records of what was done until `asked` (microseconds since the epoch) have been applied:
-   * the last looks at the source. */
-  Result<void> caught_up(std::int64_t asked);
-  /* The same for the paths that records named; without the files that have several names. */
-  Result<void> compare_changed(std::int64_t asked);
+  /* Call it when all records of changes before `until` (microseconds since the epoch) have been
+   * applied. Compares the replica with the source where records cannot tell the difference. */
+  Result<void> caught_up(std::int64_t until);
+  /* The same for the paths that records named; does not check files with several names. */
+  Result<void> compare_changed(std::int64_t until);
   const ChangedPaths &changed_paths() const { return reconciler_.changed_paths(); }
 
-  /* Records whose object was missing, and which no later record explained in time; with an age,
-   * also those that are older and not explained yet, because all records have come. */
+  /* Records whose object was missing and that no later record explained in time. With an age, also
+   * the unexplained ones that are older: all records have arrived by then. */
   std::vector<Unexplained> take_unexplained(
       std::optional<std::chrono::microseconds> older_than = {});
 
  private:
   struct Visitor;
 
-  void look_for_any_rule();
-  /* The record is of a file of the rule, nobody knows which: it is looked for when all has come. */
+  void use_all_rules();
+  /* The changed file is of the rule, but its name is unknown: caught_up() searches for it. */
   Error unplaced(const Record &record);
-  void touch(const Record &record);
+  void note_changed_paths(const Record &record);
 
   std::string absolute(std::string_view path) const {
     return (source_ == "/" ? "" : source_) + "/" + std::string(path);

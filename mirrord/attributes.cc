@@ -27,7 +27,7 @@ bool is_special(const struct stat &status) {
   return !S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !S_ISLNK(status.st_mode);
 }
 
-/* Does the source have what the change says? */
+/* Does the source have the recorded attributes? */
 bool agrees(const SetAttr &c, const struct stat &theirs) {
   if ((c.valid & OX_ATTR_MODE) && ((c.mode ^ theirs.st_mode) & kModeBits) != 0) return false;
   if ((c.valid & OX_ATTR_UID) && c.uid != theirs.st_uid) return false;
@@ -38,7 +38,7 @@ bool agrees(const SetAttr &c, const struct stat &theirs) {
   return !(c.valid & OX_ATTR_MTIME) || c.mtime == microseconds(theirs.st_mtim);
 }
 
-/* The times that the change names, as the source has them. */
+/* Copies from the source the times that the change sets. */
 Result<void> set_named_times(Replica &replica, const std::string &path, const SetAttr &c,
                              const struct stat &theirs) {
   Replica::Attributes times;
@@ -52,14 +52,14 @@ Result<void> set_named_times(Replica &replica, const std::string &path, const Se
 struct Both {
   std::optional<struct stat> mine;
   std::optional<Source::Object> theirs;
-  /* The same kind of object, and the copy of this very one. */
-  bool copy(Reconciler &reconciler, const std::string &path) const {
+  /* Is the replica's object a copy of the source's present one? */
+  bool is_copy(Reconciler &reconciler, const std::string &path) const {
     return mine && theirs && same_type(*mine, theirs->status) &&
            reconciler.fetcher().origins().same(path, theirs->status);
   }
 };
 
-Result<Both> look(Reconciler &reconciler, Replica &replica, const std::string &path) {
+Result<Both> find_both(Reconciler &reconciler, Replica &replica, const std::string &path) {
   auto mine = replica.find(path);
   if (!mine) return mine.error();
   auto theirs = reconciler.source().find(path);
@@ -67,7 +67,7 @@ Result<Both> look(Reconciler &reconciler, Replica &replica, const std::string &p
   return Both{*mine, std::move(*theirs)};
 }
 
-Result<Done> changed(const Result<void> &result) {
+Result<Done> as_changed(const Result<void> &result) {
   if (!result) return result.error();
   return Done::kChanged;
 }
@@ -80,35 +80,36 @@ Result<Done> AttributeChange::apply(const std::string &path, const SetAttr &chan
     return replica.set_attributes(path, named_attributes(change));
   };
   if (!reconciler.source().available()) return as_recorded();
-  const auto both = look(reconciler, replica, path);
+  const auto both = find_both(reconciler, replica, path);
   if (!both) return both.error();
   const auto &[mine, theirs] = *both;
   if (reconciler.follows_source(path)) {
-    if (!both->copy(reconciler, path)) return reconciler.reconcile(path);
+    if (!both->is_copy(reconciler, path)) return reconciler.reconcile(path);
     return from_source(path, change, *mine, *theirs);
   }
   if (theirs && !same_type(*mine, theirs->status) &&
       (is_special(*mine) || is_special(theirs->status)))
     return reconciler.reconcile(path);
-  const auto doubted = [&, &mine = mine] {
+  const auto as_recorded_in_doubt = [&, &mine = mine] {
     const auto size = static_cast<std::uint64_t>(mine->st_size);
     const bool sizes = (change.valid & OX_ATTR_SIZE) && change.size != size;
     reconciler.doubt(path, sizes ? std::min(change.size, size) : PendingPaths::kNoData);
     return as_recorded();
   };
-  // It has gone on under another name, or has been removed.
-  if (!theirs || !same_type(*mine, theirs->status)) return doubted();
+  // The object was renamed or removed since.
+  if (!theirs || !same_type(*mine, theirs->status)) return as_recorded_in_doubt();
   if (agrees(change, theirs->status)) return as_recorded();
-  if (microseconds(theirs->status.st_ctim) + kCoarse < static_cast<std::int64_t>(captured))
+  if (microseconds(theirs->status.st_ctim) + kTimestampSlackUs <
+      static_cast<std::int64_t>(captured))
     return refused(path, change, *theirs);
-  // A name that the source's object does not have: it is another one.
+  // The replica's object has a name more than the source's: they are different objects.
   if (!S_ISDIR(mine->st_mode) && mine->st_nlink > 1 && theirs->status.st_nlink == 1)
-    return doubted();
+    return as_recorded_in_doubt();
   return from_source(path, change, *mine, *theirs);
 }
 
-/* The source's object is as it was before the record, and a rename would have changed its change
- * time: it is the same object, and nothing was changed. */
+/* The source's object has not changed since before the record. A rename would have changed its
+ * change time, so it is the same object and the change was refused. */
 Result<Done> AttributeChange::refused(const std::string &path, const SetAttr &change,
                                       const Source::Object &theirs) {
   if (change.valid & (OX_ATTR_MODE | OX_ATTR_UID | OX_ATTR_GID)) {
@@ -120,7 +121,7 @@ Result<Done> AttributeChange::refused(const std::string &path, const SetAttr &ch
   return Done::kAlready;
 }
 
-/* It was refused, or the source is further. */
+/* The change was refused, or the source is ahead of the record. */
 Result<Done> AttributeChange::from_source(const std::string &path, const SetAttr &change,
                                           const struct stat &mine, const Source::Object &theirs) {
   std::uint64_t in_doubt = PendingPaths::kNoData;
@@ -134,7 +135,8 @@ Result<Done> AttributeChange::from_source(const std::string &path, const SetAttr
           reconciler.fetcher().fetch_data(path, theirs, common, PendingPaths::kNoData);
       if (!fetched) return fetched.error();
     } else {
-      // As long as the record says, if the source has it so; if it is shorter, a later record cuts.
+      // Takes the recorded size if the source has it. If the source is shorter, a later record
+      // truncates.
       const bool confirmed = their_size == change.size;
       if (!confirmed) in_doubt = std::min(common, their_size);
       reconciler.records_change(path);
@@ -147,19 +149,19 @@ Result<Done> AttributeChange::from_source(const std::string &path, const SetAttr
     if (!set) return set.error();
   }
   if (!reconciler.follows_source(path)) reconciler.doubt(path, in_doubt);
-  return changed(set_named_times(replica, path, change, theirs.status));
+  return as_changed(set_named_times(replica, path, change, theirs.status));
 }
 
 Result<Done> refresh_written(Reconciler &reconciler, Replica &replica, const std::string &path,
                              std::uint64_t offset, std::size_t length) {
-  const auto both = look(reconciler, replica, path);
+  const auto both = find_both(reconciler, replica, path);
   if (!both) return both.error();
-  if (!both->copy(reconciler, path) || !S_ISREG(both->mine->st_mode))
+  if (!both->is_copy(reconciler, path) || !S_ISREG(both->mine->st_mode))
     return reconciler.reconcile(path);
-  // First the mode: new bytes must not come under an old set-user-id bit.
+  // Mode first: new bytes must not come under an old set-user-id bit.
   const auto like = reconciler.fetcher().fetch_attributes(path, *both->theirs);
   if (!like) return like.error();
-  return changed(reconciler.fetcher().fetch_data(path, *both->theirs, offset, offset + length));
+  return as_changed(reconciler.fetcher().fetch_data(path, *both->theirs, offset, offset + length));
 }
 
 Result<void> drop_set_id(Reconciler &reconciler, Replica &replica, const std::string &path) {

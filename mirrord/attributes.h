@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Changes of owner, mode, size and times, and of data, of an object that has its place: what of a
- * record is believed, and what is taken from the source. applier.h tells the rules. One thread.
+ * Applies changes of attributes and of data to existing objects. Decides which attributes are taken
+ * from the record and which from the source, by the rules in applier.h. One thread.
  */
 #ifndef TARN_MIRRORD_ATTRIBUTES_H
 #define TARN_MIRRORD_ATTRIBUTES_H
@@ -20,7 +20,7 @@ struct AttributeChange {
   Replica &replica;
   std::uint64_t captured; /* microseconds */
 
-  /* The replica has the object, or the path follows the source. */
+  /* The replica must have the object, or the path follow the source. */
   Result<Replica::Done> apply(const std::string &path, const SetAttr &change);
 
  private:
@@ -30,13 +30,13 @@ struct AttributeChange {
                                 const Source::Object &theirs);
 };
 
-/* A write to a path that follows the source: the bytes are those that the source has there now. */
+/* A write to a path that follows the source: copies the range as the source has it now. */
 Result<Replica::Done> refresh_written(Reconciler &reconciler, Replica &replica,
                                       const std::string &path, std::uint64_t offset,
                                       std::size_t length);
 
-/* Before a write to a set-user-id file: the bit must not outlive the bytes that it was given to,
- * unless the source's file has it still. */
+/* Call it before a write: takes the set-user-id and set-group-id bits from the replica's file, so
+ * that they do not cover other bytes, unless the source's file still has them. */
 Result<void> drop_set_id(Reconciler &reconciler, Replica &replica, const std::string &path);
 
 }  // namespace tarn

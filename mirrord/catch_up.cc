@@ -15,7 +15,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPoll{5};
 
-/* Process ids are used again: which program does this one belong to? */
+/* Process ids are reused: does this one still belong to a mirrord? */
 enum class Program { kOurs, kAnother, kUnknown };
 
 Program program_of(pid_t pid) {
@@ -30,7 +30,7 @@ Program program_of(pid_t pid) {
 }  // namespace
 
 Result<CatchUpState> catch_up(const std::string &status_file, std::chrono::seconds patience) {
-  const std::int64_t asked = monotonic_ns();
+  const std::int64_t requested = monotonic_ns();
   const auto deadline = std::chrono::steady_clock::now() + patience;
   bool signalled = false;
   for (;;) {
@@ -44,7 +44,7 @@ Result<CatchUpState> catch_up(const std::string &status_file, std::chrono::secon
       return Error{-EPERM, fmt::format("cannot ask mirrord (process {}): only root and the user "
                                        "that it runs as may",
                                        state->pid)};
-    if (state->caught_up_to_ns >= asked) return state;
+    if (state->caught_up_to_ns >= requested) return state;
     if (!signalled && kill(state->pid, SIGUSR1) != 0)
       return system_error(errno, fmt::format("cannot ask mirrord (process {})", state->pid));
     signalled = true;

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * For programs that change files on the mount and then want to look at the replica: waits until a
- * running mirrord has applied everything that was changed before the call.
+ * For programs that change files on the mount and then read the replica: waits until a running
+ * mirrord has applied all changes made before the call.
  */
 #ifndef TARN_MIRRORD_CATCH_UP_H
 #define TARN_MIRRORD_CATCH_UP_H
@@ -14,8 +14,8 @@
 
 namespace tarn {
 
-/* Errors: -ETIMEDOUT; -ESRCH when the mirrord that writes the status file has ended; -EPERM when it
- * is another user's. */
+/* Errors: -ETIMEDOUT; -ESRCH if the mirrord of the status file has ended; -EPERM if it is another
+ * user's. */
 Result<CatchUpState> catch_up(const std::string &status_file, std::chrono::seconds patience);
 
 }  // namespace tarn

@@ -2,10 +2,10 @@
 /*
  * The paths that records have named since the replica was last compared with the source there.
  *
- * Records do not tell everything: a write changes the modification time of its file and says none,
- * and a change of attributes may have gone to an object that had left its name. So when all records
- * of what was done until some moment have been applied, each path here is compared once more. One
- * thread. Memory: kMost paths, then the comparison comes earlier.
+ * Records do not tell everything: a write record does not carry the new modification time, and a
+ * change of attributes may have hit an object that had left its name. So each path is compared once
+ * more when all records up to some time have been applied. One thread. Memory: kMost paths; when it
+ * is full, the comparison is done early.
  */
 #ifndef TARN_MIRRORD_CHANGED_PATHS_H
 #define TARN_MIRRORD_CHANGED_PATHS_H
@@ -24,7 +24,7 @@ class ChangedPaths {
   static constexpr std::size_t kMost = 262144;
 
   void add(const std::string &path) { paths_.try_emplace(path); }
-  /* What was renamed is compared where it is now; the old name as well. */
+  /* A renamed object is compared under its new name; the old name is compared as well. */
   void moved(const std::string &from, const std::string &to) {
     for (auto &[path, nothing] : take_tree(paths_, from)) add(to + path.substr(from.size()));
     add(from);
@@ -33,7 +33,7 @@ class ChangedPaths {
   bool empty() const { return paths_.empty(); }
   bool full() const { return paths_.size() >= kMost; }
 
-  /* All of them, directories before what is in them; none is left. */
+  /* Returns all paths, parents before children, and empties the set. */
   std::vector<std::string> take() {
     std::vector<std::string> taken;
     taken.reserve(paths_.size());

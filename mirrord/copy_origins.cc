@@ -7,13 +7,6 @@
 #include "mirrord/path_map.h"
 
 namespace tarn {
-namespace {
-
-/* Change times are as coarse as a second on some file systems: two changes may have one. Only when
- * the time had passed before the data were read does it tell a later change. */
-constexpr time_t kCoarseSeconds = 2;
-
-}  // namespace
 
 CopyOrigins::Object object_of(Replica &replica, const std::string &path) {
   const auto mine = replica.find(path);
@@ -21,7 +14,7 @@ CopyOrigins::Object object_of(Replica &replica, const std::string &path) {
   return {(*mine)->st_dev, (*mine)->st_ino};
 }
 
-void CopyOrigins::take_out(Index &index, const Object &object, const std::string &path) {
+void CopyOrigins::erase_path(Index &index, const Object &object, const std::string &path) {
   const auto found = index.find(object);
   if (found == index.end()) return;
   found->second.erase(path);
@@ -29,8 +22,8 @@ void CopyOrigins::take_out(Index &index, const Object &object, const std::string
 }
 
 void CopyOrigins::unindex(const std::string &path, const Copy &copy) {
-  take_out(paths_, {copy.device, copy.inode}, path);
-  take_out(copied_, copy.copy, path);
+  erase_path(paths_by_origin_, {copy.device, copy.inode}, path);
+  erase_path(paths_by_copy_, copy.copy, path);
 }
 
 void CopyOrigins::insert(const std::string &path, const Copy &copy) {
@@ -41,34 +34,36 @@ void CopyOrigins::insert(const std::string &path, const Copy &copy) {
     origins_.erase(origins_.begin());
   }
   origins_[path] = copy;
-  paths_[{copy.device, copy.inode}].insert(path);
-  if (copy.copy != Object{}) copied_[copy.copy].insert(path);
+  paths_by_origin_[{copy.device, copy.inode}].insert(path);
+  if (copy.copy != Object{}) paths_by_copy_[copy.copy].insert(path);
 }
 
 void CopyOrigins::put(const std::string &path, const Object &copy, const struct stat &status,
                       bool whole) {
-  const bool past = status.st_ctim.tv_sec + kCoarseSeconds < time(nullptr);
-  insert(path, {status.st_dev, status.st_ino, status.st_ctim, past, whole && past,
+  // A change within the granularity of change times would leave the same one.
+  const bool ctime_past = status.st_ctim.tv_sec + kTimestampSlackUs / 1'000'000 < time(nullptr);
+  insert(path, {status.st_dev, status.st_ino, status.st_ctim, ctime_past, whole && ctime_past,
                 !S_ISDIR(status.st_mode) && status.st_nlink > 1, copy});
 }
 
 void CopyOrigins::records_changed(const Object &copy) {
-  const auto found = copied_.find(copy);
-  if (found == copied_.end()) return;
-  for (const std::string &path : found->second) origins_[path].whole = origins_[path].past = false;
+  const auto found = paths_by_copy_.find(copy);
+  if (found == paths_by_copy_.end()) return;
+  for (const std::string &path : found->second)
+    origins_[path].whole = origins_[path].ctime_past = false;
 }
 
 void CopyOrigins::watch(const std::string &path, const Object &copy, const struct stat &status,
                         std::uint64_t ts) {
   if (same(path, status)) {
-    origins_[path].links = true;
+    origins_[path].many_links = true;
     return;
   }
   if (microseconds(status.st_ctim) <= static_cast<std::int64_t>(ts)) {
     put(path, copy, status, false);
-    origins_[path].links = true;
+    origins_[path].many_links = true;
   } else {
-    watch(path);  // of which object it is a copy is not known
+    watch(path);  // of an unknown object
   }
 }
 
@@ -86,27 +81,27 @@ bool CopyOrigins::unchanged(const std::string &path, const struct stat &status) 
 
 bool CopyOrigins::current(const std::string &path, const struct stat &status) const {
   return same(path, status) && same_time(origins_.at(path).changed, status.st_ctim) &&
-         origins_.at(path).past;
+         origins_.at(path).ctime_past;
 }
 
-std::vector<std::string> CopyOrigins::with_links() const {
+std::vector<std::string> CopyOrigins::with_many_links() const {
   std::vector<std::string> paths;
   for (const auto &[path, copy] : origins_) {
-    if (copy.links) paths.push_back(path);
+    if (copy.many_links) paths.push_back(path);
   }
   return paths;
 }
 
 std::set<std::string> CopyOrigins::paths_of(const struct stat &status) const {
-  const auto found = paths_.find({status.st_dev, status.st_ino});
-  return found == paths_.end() ? std::set<std::string>() : found->second;
+  const auto found = paths_by_origin_.find({status.st_dev, status.st_ino});
+  return found == paths_by_origin_.end() ? std::set<std::string>() : found->second;
 }
 
 void CopyOrigins::linked(const std::string &existing, const std::string &path) {
   removed(path);
   const auto found = origins_.find(existing);
   if (found == origins_.end()) return;
-  found->second.links = true;
+  found->second.many_links = true;
   Copy copy = found->second;
   insert(path, copy);
 }
@@ -129,8 +124,8 @@ void CopyOrigins::follow_records_again(const std::string &path) {
   if (origins_.empty()) return;
   for (auto &[known, copy] : take_tree(origins_, path)) {
     unindex(known, copy);
-    copy.whole = false;  // records change it without this knowing
-    if (copy.links) insert(known, copy);
+    copy.whole = false;  // later recorded changes are not noted here
+    if (copy.many_links) insert(known, copy);
   }
 }
 

@@ -1,10 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Which object of the source a path of the replica was copied from. So a second look can tell
- * whether there is still the same object under the name, whether its data have changed since, and
- * which names in the replica are names of one file. Only what was taken from the source is known
- * here; a copy that has several names is remembered for long, the others as long as they are
- * pending. Memory: kMost paths.
+ * Remembers which source object each path of the replica was copied from. Tells whether the source
+ * still has the same object under the name, whether its data has changed since, and which names in
+ * the replica belong to one file. Only copies made from the source are known here. A copy with
+ * several names is remembered for long, others while they are pending. Memory: kMost paths.
  */
 #ifndef TARN_MIRRORD_COPY_ORIGINS_H
 #define TARN_MIRRORD_COPY_ORIGINS_H
@@ -25,43 +24,44 @@ class CopyOrigins {
  public:
   using Object = std::pair<dev_t, ino_t>;
 
-  /* `copy` is the replica's object under the path. `whole`: all data were read when the source's
-   * was as `status` says. */
+  /* `copy` is the replica's object under the path, `status` the source's. `whole`: all data was
+   * read while the source's object had that status. */
   void put(const std::string &path, const Object &copy, const struct stat &status, bool whole);
-  /* Records changed that object of the replica, perhaps less far than the source has come: it is no
-   * longer as the source's object was, under whatever name. */
+  /* Records changed this object of the replica, perhaps to a state that the source has left behind.
+   * None of its names is an up-to-date copy any more. */
   void records_changed(const Object &copy);
   bool empty() const { return origins_.empty(); }
 
-  /* The path has the contents that its object had at `ts` (microseconds since the epoch), when it
-   * got a name of which no record tells. Only if the source's object has not been changed since is
-   * it that one. What was known of this copy stays: it tells more. */
+  /* The path's object got a name outside the rule, whose changes are not recorded, and the replica
+   * has its contents of `ts` (microseconds since the epoch). `status` is the source's object: it is
+   * the same one only if it has not changed since `ts`. An origin already known for the copy is
+   * kept. */
   void watch(const std::string &path, const Object &copy, const struct stat &status,
              std::uint64_t ts);
-  /* The same where the source has nothing under that name any more. */
-  void watch(const std::string &path) { insert(path, {.links = true}); }
-  /* The path was copied from some object. */
+  /* The same if the source does not have the name any more. */
+  void watch(const std::string &path) { insert(path, {.many_links = true}); }
+  /* Is the path a copy of a source object? */
   bool has(const std::string &path) const { return origins_.contains(path); }
-  /* It is, or may be, a copy of an object with names of which no record tells. */
+  /* Is it, or may it be, a copy of an object with unrecorded names? */
   bool watched(const std::string &path) const {
     const auto found = origins_.find(path);
-    return found != origins_.end() && found->second.links;
+    return found != origins_.end() && found->second.many_links;
   }
-  /* The path was copied from that object. */
+  /* Was the path copied from this object? */
   bool same(const std::string &path, const struct stat &status) const;
-  /* And the object's data are still those. */
+  /* And is the object's data unchanged since? */
   bool unchanged(const std::string &path, const struct stat &status) const;
-  /* And the object has not been changed in any way since it was looked at. */
+  /* And is the object unchanged in every way since? */
   bool current(const std::string &path, const struct stat &status) const;
-  /* The paths whose objects have, or had, several names. */
-  std::vector<std::string> with_links() const;
-  /* The paths that were copied from that object. */
+  /* The paths whose source objects have, or had, several names. */
+  std::vector<std::string> with_many_links() const;
+  /* The paths that were copied from this object. */
   std::set<std::string> paths_of(const struct stat &status) const;
 
   void linked(const std::string &existing, const std::string &path);
   void moved(const std::string &from, const std::string &to);
   void removed(const std::string &path);
-  /* The path and what is below it follow the records again. */
+  /* The path and all below it follow the records again. */
   void follow_records_again(const std::string &path);
 
   static constexpr std::size_t kMost = 262144;
@@ -69,22 +69,22 @@ class CopyOrigins {
  private:
   struct Copy {
     dev_t device = 0;
-    ino_t inode = 0;       /* 0: not known */
-    timespec changed = {}; /* the source object's change time */
-    bool past = false;     /* that time had passed when it was looked at */
+    ino_t inode = 0;         /* 0: unknown */
+    timespec changed = {};   /* the source object's change time */
+    bool ctime_past = false; /* `changed` was older than kTimestampSlackUs when it was read */
     bool whole = false;
-    bool links = false; /* it had several names */
-    Object copy = {};   /* the replica's object; zeros: not known */
+    bool many_links = false; /* the source object had several names */
+    Object copy = {};        /* the replica's object; zeros: unknown */
   };
   using Index = std::map<Object, std::set<std::string>>;
 
   void insert(const std::string &path, const Copy &copy);
   void unindex(const std::string &path, const Copy &copy);
-  static void take_out(Index &index, const Object &object, const std::string &path);
+  static void erase_path(Index &index, const Object &object, const std::string &path);
 
   std::map<std::string, Copy> origins_;
-  Index paths_;  /* by the source's object */
-  Index copied_; /* by the replica's */
+  Index paths_by_origin_; /* by the source's object */
+  Index paths_by_copy_;   /* by the replica's */
 };
 
 /* The replica's object under a path; zeros if there is none. */

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Opens directories below a root without ever leaving it: no component may be a symbolic link, and
- * ".." is refused. The replica's contents are another machine's or another user's; a link there
- * must not lead a write elsewhere.
+ * Opens directories below a root without leaving it: symbolic links and ".." are refused. Another
+ * machine or user controls the replica's contents; a link there must not lead a write elsewhere.
  */
 #ifndef TARN_MIRRORD_DIRECTORY_WALK_H
 #define TARN_MIRRORD_DIRECTORY_WALK_H
@@ -24,23 +23,24 @@ enum class WalkMethod {
 };
 
 /*
- * An O_PATH descriptor of the directory `path` below `root`; "" is the root itself. `path` has no
- * leading slash. Errors: those of openat; -ELOOP or -ENOTDIR for a symbolic link, -EXDEV for "..".
+ * Returns an O_PATH descriptor of the directory `path` below `root`; "" is the root itself. `path`
+ * has no leading slash. Errors: those of openat; -ELOOP or -ENOTDIR for a symbolic link, -EXDEV for
+ * "..".
  */
 Result<UniqueFd> open_directory_below(int root, const std::string &path,
                                       WalkMethod method = WalkMethod::kBest);
 
-/* Does this kernel know O_PATH? Before Linux 2.6.39 the flag has no meaning: an open that has it is
- * one for reading, with all that comes of it for a FIFO or a device. */
+/* Does this kernel know O_PATH? Before Linux 2.6.39 the flag is ignored and the open is one for
+ * reading, with its side effects on a FIFO or a device. */
 bool has_path_descriptors();
 
 struct DirectoryEntry {
   std::string name;
   ino_t inode;
-  bool may_be_directory; /* not every file system tells */
+  bool may_be_directory; /* true if the file system does not tell */
 };
 
-/* What is in a directory that is open for reading, without "." and "..". */
+/* The entries of a directory that is open for reading, without "." and "..". */
 Result<std::vector<DirectoryEntry>> directory_entries(UniqueFd directory);
 
 /* Is every component a plain name: not empty, not "." and not ".."? "" is plain too. */

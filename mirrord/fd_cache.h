@@ -56,12 +56,12 @@ class FdCache {
 
   void forget_all() { forget_tree(""); }
 
-  /* A descriptor whose closing failed: what was written to it may be lost. */
+  /* A descriptor whose close() failed: data written to it may be lost. */
   struct CloseError {
     std::string path;
     int err; /* an error number */
   };
-  /* Those since the last call. */
+  /* Returns the errors since the last call. */
   std::vector<CloseError> take_close_errors() { return std::exchange(close_errors_, {}); }
 
  private:

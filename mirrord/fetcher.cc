@@ -21,14 +21,14 @@ constexpr std::uint32_t kSetIds = S_ISUID | S_ISGID;
 constexpr std::uint64_t kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 constexpr std::size_t kPiece = std::size_t{256} << 10;
 
-/* How long a set-user-id file must have stayed as it is, and how often we wait for that. */
-constexpr std::chrono::milliseconds kStill{50};
-constexpr int kPatience = 40;
+/* How long a set-user-id file must not have changed, and how often we wait for that. */
+constexpr std::chrono::milliseconds kStableFor{50};
+constexpr int kStableTries = 40;
 
-bool is_still(const struct stat &status) {
+bool is_stable(const struct stat &status) {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
-  return microseconds(status.st_ctim) + std::chrono::microseconds(kStill).count() <
+  return microseconds(status.st_ctim) + std::chrono::microseconds(kStableFor).count() <
          microseconds(now);
 }
 
@@ -38,8 +38,7 @@ bool only_zeros(Bytes bytes) {
 
 Result<struct stat> status_of(const Source::Object &object) {
   struct stat status;
-  if (fstat(object.fd.get(), &status) != 0)
-    return system_error(errno, "the source cannot be looked at");
+  if (fstat(object.fd.get(), &status) != 0) return system_error(errno, "the source cannot be read");
   return status;
 }
 
@@ -61,25 +60,25 @@ bool same_type(const struct stat &a, const struct stat &b) {
   return (a.st_mode & S_IFMT) == (b.st_mode & S_IFMT);
 }
 
-Result<void> Fetcher::set_like(const std::string &path, const struct stat &status) {
+Result<void> Fetcher::set_all_attributes(const std::string &path, const struct stat &status) {
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
-  if (!*mine) return system_error(ENOENT, "the copy has gone");
+  if (!*mine) return system_error(ENOENT, "the copy was removed");
   Replica::Attributes wanted{.atime = microseconds(status.st_atim),
                              .mtime = microseconds(status.st_mtim)};
-  // Only what differs: a user's mirrord may not even ask for an owner.
+  // Only the differences: without privilege, even setting the same owner fails.
   if ((*mine)->st_uid != status.st_uid) wanted.uid = status.st_uid;
   if ((*mine)->st_gid != status.st_gid) wanted.gid = status.st_gid;
   if (!S_ISLNK(status.st_mode)) wanted.mode = status.st_mode & kModeBits;
   return plain(replica_.set_attributes(path, wanted));
 }
 
-/* Reads up to `to`, writes what is not there already. */
+/* Copies the range; does not write zeros beyond the replica's end. */
 Result<void> Fetcher::copy(const std::string &path, const Source::Object &object,
                            std::uint64_t from, std::uint64_t to) {
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
-  const std::uint64_t behind = *mine ? static_cast<std::uint64_t>((*mine)->st_size) : 0;
+  const std::uint64_t size_before = *mine ? static_cast<std::uint64_t>((*mine)->st_size) : 0;
   const auto file = Source::open_file(object);
   if (!file) return file.error();
   std::vector<std::byte> piece(
@@ -91,8 +90,8 @@ Result<void> Fetcher::copy(const std::string &path, const Source::Object &object
     if (got < 0) return system_error(errno, "the source's file cannot be read");
     if (got == 0) return {};
     const Bytes data(piece.data(), static_cast<std::size_t>(got));
-    // Behind the replica's end there are zeros as soon as something is written after them.
-    if (from < behind || !only_zeros(data)) {
+    // A later write beyond the end leaves a hole here, which reads as zeros.
+    if (from < size_before || !only_zeros(data)) {
       if (const auto written = replica_.write(path, from, data); !written) return written.error();
     }
     from += static_cast<std::uint64_t>(got);
@@ -109,7 +108,7 @@ Result<void> Fetcher::fetch_data(const std::string &path, const Source::Object &
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   const std::uint64_t now = *mine ? static_cast<std::uint64_t>((*mine)->st_size) : 0;
-  // Whatever was written set the times.
+  // Writing has set the times.
   Replica::Attributes wanted{.atime = microseconds(status->st_atim),
                              .mtime = microseconds(status->st_mtim)};
   if (now > size || (to >= size && now != size)) wanted.size = size;
@@ -119,13 +118,13 @@ Result<void> Fetcher::fetch_data(const std::string &path, const Source::Object &
 Result<void> Fetcher::fetch_attributes(const std::string &path, const Source::Object &object) {
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
-  if (!*mine) return system_error(ENOENT, "the copy has gone");
+  if (!*mine) return system_error(ENOENT, "the copy was removed");
   const struct stat &theirs = object.status;
   const bool owner = (*mine)->st_uid != theirs.st_uid || (*mine)->st_gid != theirs.st_gid;
   const bool mode =
       !S_ISLNK(theirs.st_mode) && (((*mine)->st_mode ^ theirs.st_mode) & kModeBits) != 0;
   if (!owner && !mode) return {};
-  // Such a mode belongs to the bytes that the source's file has with it.
+  // A set-id bit must go together with the data that the source's file has.
   if (has_set_id(theirs)) return file(path, object);
   Replica::Attributes wanted;
   if ((*mine)->st_uid != theirs.st_uid) wanted.uid = theirs.st_uid;
@@ -134,8 +133,8 @@ Result<void> Fetcher::fetch_attributes(const std::string &path, const Source::Ob
   return plain(replica_.set_attributes(path, wanted));
 }
 
-/* The copies of one object that the replica has under other names and `path` become one file. */
-Result<bool> Fetcher::join(const std::string &path, const Source::Object &object) {
+/* Makes `path` and the other copies of this object one file in the replica. */
+Result<bool> Fetcher::link_copies(const std::string &path, const Source::Object &object) {
   bool joined = false;
   for (const std::string &other : origins_.paths_of(object.status)) {
     if (other == path) continue;
@@ -143,20 +142,20 @@ Result<bool> Fetcher::join(const std::string &path, const Source::Object &object
     if (!theirs || !*theirs || !same_type(**theirs, object.status)) continue;
     const auto there = source_.find(other);
     if (!there || !*there || !same_object((*there)->status, object.status)) continue;
-    // The names may have been parted while some of them were not known to be names of this object.
-    const auto made = joined ? make_same(path, other) : make_same(other, path);
+    // The names may have become separate files while their common object was unknown.
+    const auto made = joined ? link_to_copy(path, other) : link_to_copy(other, path);
     if (!made) return made.error();
     joined = true;
   }
   return joined;
 }
 
-/* `name` becomes a name of the copy `of`. */
-Result<void> Fetcher::make_same(const std::string &of, const std::string &name) {
+/* Makes `name` a hard link to the copy at `of`. */
+Result<void> Fetcher::link_to_copy(const std::string &of, const std::string &name) {
   const auto copy = replica_.find(of), mine = replica_.find(name);
   if (!copy) return copy.error();
   if (!mine) return mine.error();
-  if (!*copy) return system_error(ENOENT, "the copy has gone");
+  if (!*copy) return system_error(ENOENT, "the copy was removed");
   if (!*mine || !same_object(**copy, **mine)) {
     if (const auto gone = replica_.remove_tree(name); !gone) return gone.error();
     if (const auto linked = replica_.link(of, name); !linked) return linked.error();
@@ -165,15 +164,15 @@ Result<void> Fetcher::make_same(const std::string &of, const std::string &name) 
   return {};
 }
 
-/* Takes away what cannot become the copy. */
+/* Removes an object of the replica that cannot become the copy. */
 Result<void> Fetcher::make_room(const std::string &path, const Source::Object &object) {
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine) return {};
   const bool directory = S_ISDIR(object.status.st_mode);
   const bool usable = same_type(**mine, object.status);
-  // Names that the source's object does not have must not get its contents. Those that it has are
-  // made names of the copy again.
+  // Names that the source's object does not have must not get its contents. Its own names are
+  // linked to the copy again later.
   const bool shared = !directory && (*mine)->st_nlink > 1 && !origins_.same(path, object.status);
   if (usable && !shared) return {};
   origins_.removed(path);
@@ -184,8 +183,8 @@ Result<void> Fetcher::fetch(const std::string &path, const Source::Object &objec
                             const Included &included) {
   const bool directory_there = S_ISDIR(object.status.st_mode);
   if (!directory_there && object.status.st_nlink > 1) {
-    several_[{object.status.st_dev, object.status.st_ino}] = object.status;
-    if (const auto joined = join(path, object); !joined) return joined.error();
+    multiply_linked_[{object.status.st_dev, object.status.st_ino}] = object.status;
+    if (const auto joined = link_copies(path, object); !joined) return joined.error();
   }
   if (const auto room = make_room(path, object); !room) return room;
   switch (object.status.st_mode & S_IFMT) {
@@ -217,7 +216,7 @@ Result<void> Fetcher::file(const std::string &path, const Source::Object &object
     const auto taken = replica_.set_attributes(path, {.mode = (*mine)->st_mode & 01777});
     if (!taken) return taken.error();
   }
-  for (int patience = kPatience;; --patience) {
+  for (int tries = kStableTries;; --tries) {
     auto before = status_of(object);
     if (!before) return before.error();
     const auto copied = fetch_data(path, object, 0, kToTheEnd);
@@ -225,16 +224,15 @@ Result<void> Fetcher::file(const std::string &path, const Source::Object &object
     const auto after = status_of(object);
     if (!after) return after.error();
     const bool same = same_time(before->st_ctim, after->st_ctim);
-    if (has_set_id(*before) && (!same || !is_still(*after))) {
-      if (patience > 0) {
-        std::this_thread::sleep_for(kStill);
+    if (has_set_id(*before) && (!same || !is_stable(*after))) {
+      if (tries > 0) {
+        std::this_thread::sleep_for(kStableFor);
         continue;
       }
-      before->st_mode &=
-          ~kSetIds;  // it keeps changing: the records of that will have us look again
+      before->st_mode &= ~kSetIds;  // it keeps changing: their records cause another fetch
     }
     note_copy(path, *before, same);
-    return set_like(path, *before);
+    return set_all_attributes(path, *before);
   }
 }
 
@@ -262,7 +260,7 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
     const auto child = source_.find(below + name);
     if (!child) {
       note(child.error());
-    } else if (!*child) {  // gone meanwhile
+    } else if (!*child) {  // removed since
       origins_.removed(below + name);
       note(plain(replica_.remove_tree(below + name)));
     } else {
@@ -270,7 +268,7 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
     }
   }
   note_copy(path, object.status, false);
-  note(set_like(path, object.status));
+  note(set_all_attributes(path, object.status));
   return first;
 }
 
@@ -282,7 +280,7 @@ Result<void> Fetcher::link(const std::string &path, const Source::Object &object
   }
   if (!made) return made.error();
   note_copy(path, object.status, false);
-  return set_like(path, object.status);
+  return set_all_attributes(path, object.status);
 }
 
 Result<void> Fetcher::special(const std::string &path, const Source::Object &object) {
@@ -298,12 +296,12 @@ Result<void> Fetcher::special(const std::string &path, const Source::Object &obj
         replica_.make_special(path, (theirs.st_mode & S_IFMT) | 0600, device ? theirs.st_rdev : 0);
     if (!made && device && made.error().code == -EPERM) {
       if (!refused_devices_.insert(path).second) return {};
-      return Error{-EPERM, "we may not make a device node, which " + printable(path) + " is"};
+      return Error{-EPERM, "no permission to make the device node " + printable(path)};
     }
     if (!made) return made.error();
   }
   note_copy(path, theirs, false);
-  return set_like(path, theirs);
+  return set_all_attributes(path, theirs);
 }
 
 }  // namespace tarn

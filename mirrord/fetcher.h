@@ -1,11 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Makes objects of the replica as the source has them: types, data, targets, owners, modes, times,
- * and which names are names of one file. Data are read in pieces; holes of a file may be filled.
+ * Copies objects from the source to the replica: types, data, link targets, owners, modes, times,
+ * and hard links. Data is read in pieces; holes of a file may be filled.
  *
- * The source goes on changing meanwhile. What is read is a mixture of then and now that the records
- * of these changes set right (pending_paths.h); but a set-user-id file is given its mode only with
- * data that were all read while the file stayed as it was. One thread.
+ * The source may change during a copy, which then mixes old and new states until the records of
+ * these changes are applied (pending_paths.h). A set-user-id file is an exception: it gets its mode
+ * only with data that was all read while the file did not change. One thread.
  */
 #ifndef TARN_MIRRORD_FETCHER_H
 #define TARN_MIRRORD_FETCHER_H
@@ -26,36 +26,36 @@ class Fetcher {
  public:
   Fetcher(Source &source, Replica &replica) : source_(source), replica_(replica) {}
 
-  /* Below a fetched directory: is this path the replica's business? */
+  /* Is this path, below a fetched directory, to be replicated? */
   using Included = std::function<bool(const std::string &path)>;
 
-  /* Puts a copy of the object, with all below it, in place of what the replica has there. The error
-   * is the first one; what could be copied was. */
+  /* Replaces the replica's object by a copy of this one, with the tree below it. Goes on after an
+   * error and returns the first one. */
   Result<void> fetch(const std::string &path, const Source::Object &object,
                      const Included &included);
 
-  /* The bytes from `from` to `to` of a regular file that both have; if `to` is beyond the end, the
-   * file ends as in the source. */
+  /* Copies bytes `from` to `to` of a regular file that both have. If `to` is beyond the source's
+   * end, the replica's file is given the source's size. */
   Result<void> fetch_data(const std::string &path, const Source::Object &object, std::uint64_t from,
                           std::uint64_t to);
 
-  /* Owner and mode of an object that both have. */
+  /* Copies owner and mode of an object that both have. */
   Result<void> fetch_attributes(const std::string &path, const Source::Object &object);
 
-  /* Owner, mode and times, whatever the replica's object is. */
-  Result<void> set_like(const std::string &path, const struct stat &status);
+  /* Sets owner, mode and times, whatever the type of the replica's object. */
+  Result<void> set_all_attributes(const std::string &path, const struct stat &status);
 
   CopyOrigins &origins() { return origins_; }
 
-  /* What was fetched since the last call and has several names in the source. */
+  /* Returns the objects fetched since the last call that have several names in the source. */
   using Objects = std::map<std::pair<dev_t, ino_t>, struct stat>;
-  Objects take_several() { return std::exchange(several_, {}); }
+  Objects take_multiply_linked() { return std::exchange(multiply_linked_, {}); }
 
  private:
   bool unchanged(const std::string &path, const struct stat &status);
   void note_copy(const std::string &path, const struct stat &status, bool whole);
-  Result<bool> join(const std::string &path, const Source::Object &object);
-  Result<void> make_same(const std::string &of, const std::string &name);
+  Result<bool> link_copies(const std::string &path, const Source::Object &object);
+  Result<void> link_to_copy(const std::string &of, const std::string &name);
   Result<void> make_room(const std::string &path, const Source::Object &object);
   Result<void> file(const std::string &path, const Source::Object &object);
   Result<void> directory(const std::string &path, const Source::Object &object,
@@ -68,11 +68,12 @@ class Fetcher {
   Source &source_;
   Replica &replica_;
   CopyOrigins origins_;
-  Objects several_;
-  std::set<std::string> refused_devices_; /* said by name already */
+  Objects multiply_linked_;
+  std::set<std::string> refused_devices_; /* already reported by path */
 };
 
-/* Set-user-id, or set-group-id of a program: who changes such a file must not keep the bit. */
+/* Is the file set-user-id, or set-group-id and executable? A change of its data must clear the
+ * bit. */
 bool has_set_id(const struct stat &status);
 
 bool same_type(const struct stat &a, const struct stat &b);

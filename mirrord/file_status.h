@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What stat() says of an object, as records say it. */
+/* File status in the units of records. */
 #ifndef TARN_MIRRORD_FILE_STATUS_H
 #define TARN_MIRRORD_FILE_STATUS_H
 
@@ -12,16 +12,17 @@ namespace tarn {
 
 inline constexpr std::uint32_t kModeBits = 07777;
 
-/* Since the epoch, rounded towards the past, as records count. */
+/* Since the epoch, rounded down, as in records. */
 inline std::int64_t microseconds(const timespec &time) {
   return std::int64_t{time.tv_sec} * 1'000'000 + time.tv_nsec / 1000;
 }
 
-/* A change time is as coarse as its file system's, and is taken before the record's: by so many
- * microseconds it may be earlier than that. */
-inline constexpr std::int64_t kCoarse = 2'000'000;
+/* The granularity of change times, in microseconds: some file systems store whole or even seconds.
+ * A change time may be this much earlier than the time of its record, and two changes within this
+ * time may have the same one. */
+inline constexpr std::int64_t kTimestampSlackUs = 2'000'000;
 
-/* The clock that files and records are stamped with, in microseconds since the epoch. */
+/* The clock of file and record times, in microseconds since the epoch. */
 inline std::int64_t now_us() {
   using namespace std::chrono;
   return duration_cast<std::chrono::microseconds>(system_clock::now().time_since_epoch()).count();

@@ -63,7 +63,7 @@ void note(const std::string &text) {
   std::cerr << "mirrord: note: " + text + "\n";
 }
 
-/* Do records of the rule tell of the source? */
+/* Does the rule include anything of the source? */
 bool is_about(const std::string &source, const RuleDirectories &directories) {
   return std::any_of(directories.include.begin(), directories.include.end(),
                      [&source](const std::string &include) {
@@ -95,7 +95,7 @@ void note_doubtful_rules(const std::vector<Rule> &rules, const MirrorOptions &op
                     printable(options.source)));
 }
 
-/* Asked anew each time: rules come and go while mirrord runs. */
+/* Connects for each call: rules are added and deleted while mirrord runs. */
 RuleLists rule_lists(const Site &site) {
   return [site](const Uuid &uuid) -> std::optional<RuleDirectories> {
     auto control = ControlChannel::connect(site);
@@ -106,7 +106,7 @@ RuleLists rule_lists(const Site &site) {
   };
 }
 
-/* What would make it replicate nothing without any error. */
+/* Notes mistakes that would make mirrord replicate nothing without an error. */
 void note_doubtful_options(const Site &site, const MirrorOptions &options) {
   const std::string &source = options.source;
   if (access(source.c_str(), F_OK) != 0 && errno == ENOENT)
@@ -123,41 +123,42 @@ void note_doubtful_options(const Site &site, const MirrorOptions &options) {
   if (const auto rules = control->list_rules()) note_doubtful_rules(*rules, options);
 }
 
-/* Of the rules that are wanted; all of them if none is named. */
-Result<Resumption::Asked> ask_numbers(const Site &site, const std::set<Uuid> &wanted) {
+/* For the rules in `wanted`, or for all rules if it is empty. */
+Result<Resumption::Touched> touch_rules(const Site &site, const std::set<Uuid> &wanted) {
   auto control = ControlChannel::connect(site);
   if (!control) return control.error();
   const auto rules = control->list_rules();
   if (!rules) return rules.error();
   const auto mounts = control->mounts();
   if (!mounts) return mounts.error();
-  Resumption::Asked asked;
+  Resumption::Touched touched_rules;
   for (const Rule &rule : *rules) {
     if (!wanted.empty() && !wanted.contains(rule.uuid)) continue;
     if (const auto touched = touch(rule, *mounts); touched)
-      asked.rules.insert(rule.uuid);
+      touched_rules.rules.insert(rule.uuid);
     else
-      asked.not_asked[rule.uuid] = touched.error().text;
+      touched_rules.failed[rule.uuid] = touched.error().text;
   }
-  return asked;
+  return touched_rules;
 }
 
 /*
- * Each rule numbers a record first: that one was deleted and added again is seen by its next record
- * only. We ask, not the mirrord that runs: it must not wait for what it is to take.
+ * Makes each rule number a record first: only a rule's next record shows that it was deleted and
+ * added again. This is done here and not by the running mirrord, which must not wait for records
+ * that it has to receive.
  */
 int wait_for_another(const Arguments &arguments) {
   if (arguments.status_file.empty())
     return fail("--catch-up needs --status-file, the one that the running mirrord was given",
                 kExitUsage);
-  const auto asked = ask_numbers(find_site(), {});
+  const auto touched_rules = touch_rules(find_site(), {});
   const auto state = catch_up(arguments.status_file, std::chrono::seconds(arguments.timeout));
   if (!state) return fail(state.error().text, kExitChannel);
-  if (!asked)
-    note(
-        fmt::format("whether a rule was deleted and added again since its last change is not known "
-                    "({})",
-                    asked.error().text));
+  if (!touched_rules)
+    note(fmt::format(
+        "it is unknown whether a rule was deleted and added again since its last change "
+        "({})",
+        touched_rules.error().text));
   if (state->problems != 0)
     return fail(
         fmt::format("caught up, but {} things went wrong before: see mirrord's messages and {}",
@@ -166,7 +167,7 @@ int wait_for_another(const Arguments &arguments) {
   return kExitOk;
 }
 
-/* None if the module cannot be asked. */
+/* Empty if the module cannot be reached. */
 std::vector<Mount> mounts_there(const Site &site) {
   auto control = ControlChannel::connect(site);
   if (!control) return {};
@@ -187,7 +188,7 @@ int mirror(const Arguments &arguments) {
   if (!replica_path) return fail(replica_path.error().text, kExitUsage);
   MirrorOptions options{.source = *source, .replica = *replica_path};
   if (!arguments.status_file.empty()) {
-    // What replaces the file takes the place of what a link leads to, not of the link.
+    // Canonical, so that replacing the file does not replace a symbolic link to it.
     const auto file = whole_path(arguments.status_file);
     if (!file) return fail(file.error().text, kExitUsage);
     options.status_file = *file;
@@ -202,28 +203,28 @@ int mirror(const Arguments &arguments) {
     if (!uuid) return fail(printable(rule) + " is not the UUID of a rule", kExitUsage);
     options.rules.insert(*uuid);
   }
-  umask(0);  // modes come from the records
+  umask(0);  // modes are the records'
   auto replica = Replica::open(options.replica);
   if (!replica) return fail(replica.error().text, kExitProblems);
   auto state = StateFile::open(options.source, options.replica);
   if (!state) return fail(state.error().text, kExitProblems);
-  // A hang-up that the starter has it ignore stays ignored.
+  // An ignored SIGHUP stays ignored (nohup).
   auto signals = ignored(SIGHUP) ? SignalPipe::open({SIGTERM, SIGINT, SIGUSR1})
                                  : SignalPipe::open({SIGTERM, SIGINT, SIGHUP, SIGUSR1});
   if (!signals) return fail(signals.error().text, kExitProblems);
-  // Before it registers: a daemon in whose place it comes ends for good.
+  // Before the registration: it ends a running daemon for good.
   if (const auto writable = check_status_file(options.status_file); !writable)
     return fail(writable.error().text, kExitProblems);
-  const auto open_to_others = replica->open_to_others();
-  if (!open_to_others) return cannot_close(options.replica, open_to_others.error());
+  const auto must_close_to_others = replica->must_close_to_others();
+  if (!must_close_to_others) return cannot_close(options.replica, must_close_to_others.error());
   auto channel =
       DaemonChannel::open(site, arguments.take_over ? Claim::kTakeOver : Claim::kRefuseIfTaken);
   if (!channel) {
     const Error &error = channel.error();
     return fail(error.code == -EBUSY ? error.text + " with --take-over" : error.text, kExitChannel);
   }
-  // Not before: whoever is refused has changed nothing.
-  if (*open_to_others) {
+  // Only after the registration: a refused start changes nothing.
+  if (*must_close_to_others) {
     if (const auto closed = replica->close_to_others(); !closed)
       return cannot_close(options.replica, closed.error());
     note(
@@ -236,7 +237,7 @@ int mirror(const Arguments &arguments) {
   options.rule_lists = rule_lists(site);
   Resumption resumption{
       .state = std::move(*state),
-      .ask_numbers = [&site, rules = options.rules] { return ask_numbers(site, rules); },
+      .touch_rules = [&site, rules = options.rules] { return touch_rules(site, rules); },
       .registered =
           [source = options.source, replica = options.replica] {
             std::cout << fmt::format("mirrord: registered; {} is replicated to {}\n",
@@ -270,7 +271,7 @@ int main(int argc, char **argv) {
       ->type_name("UUID...")
       ->allow_extra_args(false)
       ->expected(1, 1000);
-  app.add_option("--status-file", arguments.status_file, "Where to say what was done; JSON")
+  app.add_option("--status-file", arguments.status_file, "Where to write the status; JSON")
       ->type_name("FILE");
   app.add_flag("--take-over", arguments.take_over,
                "Even if another daemon is registered: it gets no more records");
@@ -285,7 +286,7 @@ int main(int argc, char **argv) {
     if (error.get_exit_code() == 0) return app.exit(error);
     std::string text = error.what();
     std::replace(text.begin(), text.end(), '\n', ' ');
-    return fail(text + ": 'mirrord --help' shows what can be typed", kExitUsage);
+    return fail(text + ": 'mirrord --help' shows the usage", kExitUsage);
   }
   return arguments.catch_up ? wait_for_another(arguments) : mirror(arguments);
 }

@@ -18,7 +18,7 @@ using Clock = std::chrono::steady_clock;
 using Milliseconds = DaemonChannel::Milliseconds;
 
 constexpr Milliseconds kStatusInterval{1000};
-constexpr Milliseconds kQuiet{100}; /* nothing for so long: nothing more will come */
+constexpr Milliseconds kDrainTimeout{100}; /* with no packet for this long, all have come */
 
 void say(const std::string &text) {
   std::cerr << "mirrord: " + text + "\n";
@@ -62,7 +62,7 @@ void Mirror::record(const Record &record, Sequencer::Order order) {
     return fmt::format("{} record {} ({})", rule_name(record.rule), record.wseq, text);
   };
   if (order == Sequencer::Order::kLate)
-    say(what() + ": came late, after its place was given up; applied now");
+    say(what() + ": arrived late, after it was declared missing; applied now");
   if (!outcome) {
     ++rule.failures;
     say(what() + ": " + outcome.error().text);
@@ -80,7 +80,7 @@ void Mirror::event(const Uuid &uuid, const Sequencer::Event &event) {
   const std::string name = rule_name(uuid);
   if (const auto last = last_ts_.find(uuid);
       last != last_ts_.end() && !std::holds_alternative<Sequencer::Duplicate>(event))
-    applier_.lost(last->second);
+    applier_.note_lost(last->second);
   if (const auto *joined = std::get_if<Sequencer::Joined>(&event)) {
     ++rule.gaps;
     say(
@@ -98,12 +98,12 @@ void Mirror::event(const Uuid &uuid, const Sequencer::Event &event) {
         pages->wseq, pages->arrived));
   } else if (const auto *duplicate = std::get_if<Sequencer::Duplicate>(&event)) {
     ++rule.duplicates;
-    say(fmt::format("{}: record {} came once more; not applied again", name, duplicate->wseq));
+    say(fmt::format("{}: record {} arrived again; not applied", name, duplicate->wseq));
   } else if (const auto *restarted = std::get_if<Sequencer::Restarted>(&event)) {
     ++rule.gaps;
     say(fmt::format(
-        "{}: GAP: was made anew after record {}: what was changed in between is missing", name,
-        restarted->last));
+        "{}: GAP: was deleted and added again after record {}: changes in between are missing",
+        name, restarted->last));
   }
 }
 
@@ -118,7 +118,7 @@ void Mirror::packet(Bytes packet, Clock::time_point now) {
     if (wanted(record->rule)) sequencer_.add(*record, packet, now);
   } else if (const auto *stop = std::get_if<StopRule>(&*message); stop && wanted(stop->rule)) {
     RuleStatus &rule = status_.rules[stop->rule];
-    // The module says it once more with each change that it does not capture.
+    // The module repeats it with each change that it does not capture.
     if (!rule.stopped)
       say(fmt::format(
           "{}: STOPPED by the module, which could not make a record for it (no memory, or written "
@@ -134,9 +134,9 @@ void Mirror::losses(const DaemonChannel::Received &received) {
   changed_ = true;
   status_.lost += received.lost;
   status_.malformed += received.oversized;
-  // Any program can send them, as many as it likes: they are counted, and said once.
+  // Any program can send any number of them: reported once, then only counted.
   if (received.foreign != 0 && status_.foreign == 0)
-    say("a program other than the module sends messages here; they are not taken");
+    say("a program other than the module sends messages here; they are ignored");
   status_.foreign += received.foreign;
   if (received.oversized != 0)
     say(fmt::format("{} packets were too long to be messages", received.oversized));
@@ -144,7 +144,7 @@ void Mirror::losses(const DaemonChannel::Received &received) {
   say(fmt::format(
       "LOST: the module could not deliver {} messages: the replica may differ from now on",
       received.lost));
-  // The answer to a barrier may have been among them. One more answer makes up for it.
+  // The answer to a barrier may be lost too: a new barrier replaces it.
   if (!catch_ups_.empty()) ask_catch_up();
 }
 
@@ -157,7 +157,7 @@ void Mirror::packets(const DaemonChannel::Received &received) {
 
 void Mirror::ask_catch_up() {
   const std::int64_t now = monotonic_ns();
-  const auto barrier = channel_.ask_barrier();
+  const auto barrier = channel_.send_barrier();
   if (!barrier) return unconfirmed(barrier.error().text);
   catch_ups_.push_back({*barrier, now, now_us()});
 }
@@ -165,7 +165,7 @@ void Mirror::ask_catch_up() {
 void Mirror::unconfirmed(const std::string &why) {
   ++status_.unconfirmed;
   changed_ = true;
-  say("the module was asked whether everything has come: " + why);
+  say("it is unknown whether the module has sent all records: " + why);
 }
 
 /* They concern earlier writes, not the current record. */
@@ -173,17 +173,17 @@ void Mirror::report_write_back_errors() {
   for (const auto &[path, error] : replica_.take_write_back_errors()) {
     ++status_.write_back_errors;
     changed_ = true;
-    say(fmt::format("{}: not all that was written to it was kept: {}",
+    say(fmt::format("{}: write-back error, written data may be lost: {}",
                     printable(options_.replica + "/" + path), error.text));
   }
 }
 
-/* Everything that was done until `asked` has been applied. */
-void Mirror::compare_all(std::int64_t asked) {
-  report_comparison(applier_.caught_up(asked));
+/* All changes made before `until` have been applied. */
+void Mirror::compare_all(std::int64_t until) {
+  report_comparison(applier_.caught_up(until));
 }
 
-/* Between catch-up requests: compares what was captured until that long ago. */
+/* Between catch-up requests: compares the paths of changes captured until `ago` before now. */
 void Mirror::compare_changed(std::chrono::microseconds ago) {
   if (!applier_.changed_paths().empty())
     report_comparison(applier_.compare_changed(now_us() - ago.count()));
@@ -194,10 +194,9 @@ void Mirror::report_comparison(const Result<void> &compared) {
   if (compared) return;
   ++status_.unconfirmed;
   changed_ = true;
-  say("what was changed could not be compared with the source: " + compared.error().text);
+  say("changed paths could not be compared with the source: " + compared.error().text);
 }
 
-/* Records whose object was missing, and which no later record explained. */
 void Mirror::report_unexplained(std::optional<std::chrono::nanoseconds> older_than) {
   std::optional<std::chrono::microseconds> age;
   if (older_than) age = std::chrono::ceil<std::chrono::microseconds>(*older_than);
@@ -216,26 +215,26 @@ void Mirror::note_caught_up(std::uint64_t barriers) {
   if (!sequencer_.holds_nothing() || !come()) return;
   CatchUp reached{};
   for (; come(); catch_ups_.pop_front()) reached = catch_ups_.front();
-  compare_all(reached.asked_us);
+  compare_all(reached.requested_us);
   replica_.close_files();
   report_write_back_errors();
-  // Records of what left the source a second before the request have arrived by now.
-  report_unexplained(std::chrono::nanoseconds(monotonic_ns() - reached.asked_ns) +
+  // Records of removals a second before the request have arrived by now.
+  report_unexplained(std::chrono::nanoseconds(monotonic_ns() - reached.requested_ns) +
                      std::chrono::seconds(1));
   save_state();
   note_registered();
-  status_.caught_up_to_ns = reached.asked_ns;
+  status_.caught_up_to_ns = reached.requested_ns;
   update_status_file();
 }
 
 void Mirror::signal(int number) {
   if (number == SIGUSR1) return ask_catch_up();
   if (number != SIGTERM && number != SIGINT && number != SIGHUP) return;
-  if (!stop_by_) stop_by_ = Clock::now() + options_.stop_patience;
+  if (!stop_by_) stop_by_ = Clock::now() + options_.stop_timeout;
   ask_catch_up();
 }
 
-Milliseconds Mirror::patience() const {
+Milliseconds Mirror::receive_timeout() const {
   auto wait = kStatusInterval;
   if (const auto deadline = sequencer_.next_deadline())
     wait = std::min(wait, std::chrono::ceil<Milliseconds>(*deadline - Clock::now()));
@@ -253,9 +252,8 @@ Result<void> Mirror::write_status_file() {
 }
 
 /*
- * Goes on from where the last mirrord of this replica ended. Every rule is made to number a record
- * now, so that what was changed in between is known when that record is here, not when somebody
- * changes something again.
+ * Resumes where the last mirrord of this replica ended. Makes the module number a record for each
+ * rule, so that changes made in between are detected now and not at the next change.
  */
 void Mirror::resume() {
   if (!resumption_) return;
@@ -264,17 +262,17 @@ void Mirror::resume() {
     positions_ = *saved;
   } else {
     ++status_.unconfirmed;
-    say(saved.error().text + ": nobody knows whether changes since the last run are missing");
+    say(saved.error().text + ": it is unknown whether changes since the last run are missing");
   }
-  const auto asked = resumption_->ask_numbers();
+  const auto touched = resumption_->touch_rules();
   for (const auto &[uuid, position] : positions_) {
     if (!wanted(uuid)) continue;
     sequencer_.resume(uuid, position);
-    if (!asked)
-      uncertain_[uuid] = asked.error().text;
-    else if (asked->rules.contains(uuid))
+    if (!touched)
+      uncertain_[uuid] = touched.error().text;
+    else if (touched->rules.contains(uuid))
       uncertain_[uuid] = "the module made no record";
-    else if (const auto why = asked->not_asked.find(uuid); why != asked->not_asked.end())
+    else if (const auto why = touched->failed.find(uuid); why != touched->failed.end())
       uncertain_[uuid] = why->second;
   }
   ask_catch_up();
@@ -287,7 +285,7 @@ void Mirror::note_registered() {
     if (rule.messages != 0 || rule.stopped) continue;
     rule.unchecked = changed_ = true;
     say(fmt::format(
-        "{}: nobody knows whether changes since the last run are missing ({}): its next "
+        "{}: it is unknown whether changes since the last run are missing ({}): its next "
         "record will tell",
         rule_name(uuid), why));
   }
@@ -295,7 +293,7 @@ void Mirror::note_registered() {
   resumption_->registered();
 }
 
-/* After everything that it claims has been applied. */
+/* Call it after all records up to these positions have been applied. */
 void Mirror::save_state() {
   if (!resumption_ || channel_.taken_over()) return;
   auto positions = positions_;
@@ -314,18 +312,18 @@ void Mirror::update_status_file() {
   status_file_error_reported_ = !written.ok();
 }
 
-/* After quit: applies what is still on its way. */
+/* After quit: applies the messages that are still queued. */
 void Mirror::drain() {
-  const auto end = Clock::now() + options_.stop_patience;
+  const auto end = Clock::now() + options_.stop_timeout;
   while (Clock::now() < end) {
-    const auto received = channel_.receive(kQuiet);
+    const auto received = channel_.receive(kDrainTimeout);
     if (!received) return say(received.error().text);
     packets(*received);
     if (received->packets.empty() || received->closed) return;
   }
 }
 
-/* At the end: later errors could not be reported. */
+/* The last comparison and sync; later errors could not be reported. */
 void Mirror::reconcile() {
   compare_all(now_us());
   report_unexplained(std::chrono::nanoseconds(0));
@@ -333,8 +331,8 @@ void Mirror::reconcile() {
   report_write_back_errors();
   if (const auto synced = replica_.sync(); !synced) {
     ++status_.write_back_errors;
-    say(fmt::format("the file system of {} did not keep all that was written to it: {}",
-                    printable(options_.replica), synced.error().text));
+    say(fmt::format("write-back error on the file system of {}: {}", printable(options_.replica),
+                    synced.error().text));
   }
 }
 
@@ -346,7 +344,7 @@ Mirror::End Mirror::run(SignalPipe &signals) {
   resume();
   std::optional<End> end;
   while (!end) {
-    const auto received = channel_.receive(patience(), signals.fd());
+    const auto received = channel_.receive(receive_timeout(), signals.fd());
     if (!received) {
       say(received.error().text);
       end = End::kChannel;
@@ -360,7 +358,7 @@ Mirror::End Mirror::run(SignalPipe &signals) {
     } else if (stop_by_ && catch_ups_.empty()) {
       end = End::kClean;
     } else if (stop_by_ && Clock::now() > *stop_by_) {
-      unconfirmed(fmt::format("no answer within {} ms", options_.stop_patience.count()));
+      unconfirmed(fmt::format("no answer within {} ms", options_.stop_timeout.count()));
       end = End::kClean;
     } else if (received->packets.empty() && !received->woken && channel_.taken_over()) {
       say("another daemon has taken over: no more records come here");

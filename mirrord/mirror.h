@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The daemon's work: receives the module's messages, puts the records of each rule in order,
- * replays them, and keeps account. What goes wrong is said on stderr as it happens and counted;
- * nothing that goes wrong with one record keeps the next from being tried. One thread.
+ * The daemon's main loop: receives the module's messages, puts the records of each rule in order,
+ * applies them and keeps the status. Each problem is reported on stderr and counted; a record that
+ * fails does not stop the next. One thread.
  */
 #ifndef TARN_MIRRORD_MIRROR_H
 #define TARN_MIRRORD_MIRROR_H
@@ -29,42 +29,42 @@ struct MirrorOptions {
   std::string replica;
   std::set<Uuid> rules = {};    /* only these; empty: all */
   std::string status_file = {}; /* empty: none */
-  std::string report_file = {}; /* the same for `tarn status`; empty: none */
-  RuleLists rule_lists = {};    /* what the rules replicate */
-  /* How long an end waits for what the module has sent before it. */
-  std::chrono::milliseconds stop_patience = std::chrono::seconds(30);
+  std::string report_file = {}; /* a copy for `tarn status`; empty: none */
+  RuleLists rule_lists = {};    /* the directories of each rule */
+  /* How long to wait at the end for messages that the module has already sent. */
+  std::chrono::milliseconds stop_timeout = std::chrono::seconds(30);
 };
 
-/* What a mirrord needs to find out what was changed while none ran. */
+/* What a mirrord needs to detect changes made while none ran. */
 struct Resumption {
   StateFile state;
-  /* Makes the module number a record for each rule: the rules for which that was done, and why not
-   * for the others. */
-  struct Asked {
+  /* Makes the module number a record for each rule. Returns the rules for which it did, and the
+   * reason for each other. */
+  struct Touched {
     std::set<Uuid> rules;
-    std::map<Uuid, std::string> not_asked;
+    std::map<Uuid, std::string> failed;
   };
-  std::function<Result<Asked>()> ask_numbers;
-  std::function<void()> registered; /* called once nothing that is missing is undeclared */
+  std::function<Result<Touched>()> touch_rules;
+  std::function<void()> registered; /* called once all losses before this run are declared */
 };
 
 class Mirror : private Sequencer::Sink {
  public:
   enum class End {
-    kClean,    /* asked to end; everything was applied */
-    kProblems, /* asked to end; something went wrong meanwhile */
-    kChannel,  /* the module's side has gone, or another daemon took over */
+    kClean,    /* told to end; everything was applied */
+    kProblems, /* told to end; there were problems */
+    kChannel,  /* the channel was closed, or another daemon took over */
   };
 
-  /* Without a resumption there is no state file: changes of the time before cannot be detected. */
+  /* Without a resumption there is no state file: changes made before cannot be detected. */
   Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel,
          std::optional<Resumption> resumption = {});
 
   /*
-   * Until SIGTERM, SIGINT or SIGHUP comes out of `signals`: then what the module has sent is still
-   * applied, and is on the disk when this returns. SIGUSR1 asks to be told, in the status file,
-   * when everything changed until then has been applied. Ends at once with kProblems if the status
-   * file cannot be written.
+   * Runs until SIGTERM, SIGINT or SIGHUP arrives; then applies all messages that the module has
+   * sent, syncs the replica and returns. SIGUSR1 requests a catch-up: the status file tells when
+   * all changes made before it have been applied. Returns kProblems at once if the status file
+   * cannot be written.
    */
   End run(SignalPipe &signals);
 
@@ -88,12 +88,12 @@ class Mirror : private Sequencer::Sink {
   void update_status_file();
   void unconfirmed(const std::string &why);
   void report_write_back_errors();
-  void compare_all(std::int64_t asked);
+  void compare_all(std::int64_t until);
   void compare_changed(std::chrono::microseconds ago);
   void report_comparison(const Result<void> &compared);
   void report_unexplained(std::optional<std::chrono::nanoseconds> older_than = {});
   void reconcile();
-  DaemonChannel::Milliseconds patience() const;
+  DaemonChannel::Milliseconds receive_timeout() const;
   bool wanted(const Uuid &rule) const {
     return options_.rules.empty() || options_.rules.contains(rule);
   }
@@ -113,18 +113,18 @@ class Mirror : private Sequencer::Sink {
   std::optional<Resumption> resumption_;
   StateFile::Positions positions_;    /* in the state file */
   bool state_error_reported_ = false; /* that it cannot be written */
-  /* Until note_registered(): the rules that may have changed while no mirrord ran, and why one of
-   * them could not be asked. */
+  /* Until note_registered(): rules that may have changed while no mirrord ran, and why the module
+   * was not made to number a record for them. */
   std::map<Uuid, std::string> uncertain_;
   bool registered_ = false;
 
   struct CatchUp {
     std::uint64_t barrier;
-    std::int64_t asked_ns; /* monotonic */
-    std::int64_t asked_us; /* since the epoch, as files are stamped */
+    std::int64_t requested_ns; /* monotonic */
+    std::int64_t requested_us; /* since the epoch, the clock of file times */
   };
-  std::deque<CatchUp> catch_ups_;                                /* asked for, not come back */
-  std::optional<std::chrono::steady_clock::time_point> stop_by_; /* asked to end */
+  std::deque<CatchUp> catch_ups_;                                /* without an answer yet */
+  std::optional<std::chrono::steady_clock::time_point> stop_by_; /* told to end */
 };
 
 }  // namespace tarn

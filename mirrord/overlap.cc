@@ -15,18 +15,18 @@
 namespace tarn {
 namespace {
 
-/* How the second place lies to the first. */
-enum class Meeting { kNone, kSame, kWithin, kContains };
+/* The relation of the second path to the first. */
+enum class Overlap { kNone, kSame, kWithin, kContains };
 
 std::string join(const std::string &directory, const std::string &below) {
   if (below.empty()) return directory;
   return (directory == "/" ? "" : directory) + "/" + below;
 }
 
-Meeting meeting_of_names(const std::string &first, const std::string &second) {
-  if (first == second) return Meeting::kSame;
-  if (path_below(first, second)) return Meeting::kWithin;
-  return path_below(second, first) ? Meeting::kContains : Meeting::kNone;
+Overlap overlap_of_names(const std::string &first, const std::string &second) {
+  if (first == second) return Overlap::kSame;
+  if (path_below(first, second)) return Overlap::kWithin;
+  return path_below(second, first) ? Overlap::kContains : Overlap::kNone;
 }
 
 struct Identity {
@@ -50,14 +50,14 @@ bool is_below(const std::string &path, const Identity &directory) {
   return false;
 }
 
-Meeting meeting_of_inodes(const std::string &first, const std::string &second) {
+Overlap overlap_of_inodes(const std::string &first, const std::string &second) {
   const auto first_id = identity_of(first), second_id = identity_of(second);
-  if (first_id && first_id == second_id) return Meeting::kSame;
-  if (first_id && is_below(second, *first_id)) return Meeting::kWithin;
-  return second_id && is_below(first, *second_id) ? Meeting::kContains : Meeting::kNone;
+  if (first_id && first_id == second_id) return Overlap::kSame;
+  if (first_id && is_below(second, *first_id)) return Overlap::kWithin;
+  return second_id && is_below(first, *second_id) ? Overlap::kContains : Overlap::kNone;
 }
 
-/* The mount that a path lies on: the innermost, of several in one place the last. */
+/* The mount that a path lies on: the innermost, and the last of those on the same mount point. */
 const MountEntry *mount_of(const std::vector<MountEntry> &table, const std::string &path) {
   const MountEntry *found = nullptr;
   for (const MountEntry &entry : table) {
@@ -68,7 +68,7 @@ const MountEntry *mount_of(const std::vector<MountEntry> &table, const std::stri
   return found;
 }
 
-/* Where a directory lies in its file system, by whatever mount it is reached. */
+/* A directory's place in its file system, independent of the mount. */
 struct Location {
   std::string device;
   std::string path;
@@ -84,13 +84,13 @@ std::optional<Location> location_of(const std::vector<MountEntry> &table, const 
   return Location{mount->device, join(mount->root, *path_below(mount->mountpoint, path))};
 }
 
-Meeting meeting_of_locations(const std::optional<Location> &first,
+Overlap overlap_of_locations(const std::optional<Location> &first,
                              const std::optional<Location> &second) {
-  if (!first || !second || first->device != second->device) return Meeting::kNone;
-  return meeting_of_names(first->path, second->path);
+  if (!first || !second || first->device != second->device) return Overlap::kNone;
+  return overlap_of_names(first->path, second->path);
 }
 
-/* The path, and where it lies on a mount of tarn, the lower path that it stands for, and so on. */
+/* The path; if it lies on a mount of tarn, the lower path as well, and so on down the stack. */
 std::vector<std::string> seen_through_mounts(const std::vector<MountEntry> &table,
                                              std::string path) {
   std::vector<std::string> paths;
@@ -103,35 +103,35 @@ std::vector<std::string> seen_through_mounts(const std::vector<MountEntry> &tabl
   return paths;
 }
 
-Meeting meeting_of(const std::vector<MountEntry> &table, const std::string &first,
+Overlap overlap_of(const std::vector<MountEntry> &table, const std::string &first,
                    const std::string &second) {
-  for (const Meeting meeting :
-       {meeting_of_names(first, second), meeting_of_inodes(first, second),
-        meeting_of_locations(location_of(table, first), location_of(table, second))}) {
-    if (meeting != Meeting::kNone) return meeting;
+  for (const Overlap overlap :
+       {overlap_of_names(first, second), overlap_of_inodes(first, second),
+        overlap_of_locations(location_of(table, first), location_of(table, second))}) {
+    if (overlap != Overlap::kNone) return overlap;
   }
-  return Meeting::kNone;
+  return Overlap::kNone;
 }
 
-/* Of all that the two are seen as. */
-Meeting meeting_through_mounts(const std::vector<MountEntry> &table, const std::string &first,
+/* The first overlap of any of their lower paths. */
+Overlap overlap_through_mounts(const std::vector<MountEntry> &table, const std::string &first,
                                const std::string &second) {
   for (const std::string &one : seen_through_mounts(table, first)) {
     for (const std::string &other : seen_through_mounts(table, second)) {
-      if (const auto meeting = meeting_of(table, one, other); meeting != Meeting::kNone)
-        return meeting;
+      if (const auto overlap = overlap_of(table, one, other); overlap != Overlap::kNone)
+        return overlap;
     }
   }
-  return Meeting::kNone;
+  return Overlap::kNone;
 }
 
-/* A mount below `directory` that shows `path`, or what contains it, or something in it. */
+/* A mount below `directory` that overlaps with `path`. */
 const MountEntry *shown_below(const std::vector<MountEntry> &table, const std::string &directory,
                               const std::string &path) {
   for (const MountEntry &mount : table) {
     const auto below = path_below(directory, mount.mountpoint);
     if (!below || below->empty() || mount_of(table, mount.mountpoint) != &mount) continue;
-    if (meeting_through_mounts(table, mount.mountpoint, path) != Meeting::kNone) return &mount;
+    if (overlap_through_mounts(table, mount.mountpoint, path) != Overlap::kNone) return &mount;
   }
   return nullptr;
 }
@@ -152,26 +152,26 @@ std::vector<MountEntry> mount_table_or(const std::vector<Mount> &mounts) {
 Result<void> check_overlap(const std::string &source, const std::string &replica,
                            const std::vector<MountEntry> &table) {
   const std::string s = printable(source), r = printable(replica);
-  switch (meeting_through_mounts(table, source, replica)) {
-    case Meeting::kSame:
+  switch (overlap_through_mounts(table, source, replica)) {
+    case Overlap::kSame:
       return refused(fmt::format("the replica {} is the source {}", r, s));
-    case Meeting::kWithin:
+    case Overlap::kWithin:
       return refused(fmt::format("the replica {} lies inside the source {}", r, s));
-    case Meeting::kContains:
+    case Overlap::kContains:
       return refused(fmt::format("the replica {} contains the source {}", r, s));
-    case Meeting::kNone:
+    case Overlap::kNone:
       break;
   }
   if (const MountEntry *mount = shown_below(table, replica, source))
     return refused(fmt::format("the replica {} contains {}, a mount that shows the source {}", r,
                                printable(mount->mountpoint), s));
-  // A mount of tarn below the source shows what has records of its own.
+  // A mount of tarn below the source is skipped: its lower directory has records of its own.
   for (const MountEntry &mount : table) {
     const auto below = path_below(source, mount.mountpoint);
     if (!below || below->empty() || !mount.lower.empty()) continue;
     if (mount_of(table, mount.mountpoint) != &mount) continue;
-    const auto meeting = meeting_through_mounts(table, mount.mountpoint, replica);
-    if (meeting == Meeting::kSame || meeting == Meeting::kWithin)
+    const auto overlap = overlap_through_mounts(table, mount.mountpoint, replica);
+    if (overlap == Overlap::kSame || overlap == Overlap::kWithin)
       return refused(fmt::format("the replica {} is shown inside the source {} by the mount {}", r,
                                  s, printable(mount.mountpoint)));
   }

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A replica that is the source, contains it or lies within it would be replicated into itself, and
- * destroy it. Two paths are compared by what they lead to: through bind mounts, through mounts of
- * tarn, and through what is mounted below them.
+ * Refuses a replica that is the source, contains it or lies within it: it would be replicated into
+ * itself and destroyed. Compares what the two paths lead to: through bind mounts, mounts of tarn,
+ * and mounts below them.
  */
 #ifndef TARN_MIRRORD_OVERLAP_H
 #define TARN_MIRRORD_OVERLAP_H
@@ -16,10 +16,10 @@
 
 namespace tarn {
 
-/* The mount table of this process. A kernel that has none: what `mounts` tells. */
+/* The mount table of this process; on a kernel without one, `mounts`. */
 std::vector<MountEntry> mount_table_or(const std::vector<Mount> &mounts);
 
-/* Both whole. Error: how the replica and the source meet, and what to do. */
+/* Both paths are canonical. The error says how they overlap and what to do. */
 Result<void> check_overlap(const std::string &source, const std::string &replica,
                            const std::vector<MountEntry> &table);
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Maps from relative paths: a path and everything below it, moved or removed at once. */
+/* Moves or removes a path and everything below it in maps that are keyed by relative path. */
 #ifndef TARN_MIRRORD_PATH_MAP_H
 #define TARN_MIRRORD_PATH_MAP_H
 
@@ -11,7 +11,7 @@
 
 namespace tarn {
 
-/* Takes out what stands at `path` and below it; `path` is not "". */
+/* Removes and returns the entries of `path` and below it; `path` is not "". */
 template <class T>
 std::vector<std::pair<std::string, T>> take_tree(std::map<std::string, T> &map,
                                                  const std::string &path) {
@@ -27,7 +27,7 @@ std::vector<std::pair<std::string, T>> take_tree(std::map<std::string, T> &map,
   return taken;
 }
 
-/* The directory that a path stands in; "" for one of the root, and for the root. */
+/* The parent directory; "" for a name in the root, and for the root. */
 inline std::string parent_of(const std::string &path) {
   const std::size_t slash = path.rfind('/');
   return slash == std::string::npos ? std::string() : path.substr(0, slash);

@@ -54,7 +54,7 @@ void PendingPaths::explained(const std::string &path) {
 std::vector<std::string> PendingPaths::moved(const std::string &from, const std::string &to) {
   std::vector<std::string> paths;
   if (marks_.empty()) return paths;
-  removed(to);  // what the rename replaced
+  removed(to);  // the replaced object
   for (auto &[path, mark] : take_tree(marks_, from)) {
     if (mark.names) marks_[path] = {.names = true, .until = mark.until};
     paths.push_back(to + path.substr(from.size()));

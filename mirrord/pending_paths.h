@@ -1,26 +1,26 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Which paths of the replica may be further than the records.
+ * Marks the paths of the replica that may be ahead of the records.
  *
- * A record says how the source was when it was captured; a look at the source says how it is now.
- * What was taken from the source contains changes whose records have not been applied yet, and
- * these say under which names things were in between. To replay them one by one on such a path
- * would do harm: a write that belongs to the former bearer of a name would land in the present one.
+ * A record describes the source when it was captured; reading the source gives its present state. A
+ * copy from the source therefore contains changes whose records are still to be applied, and these
+ * refer to the names of the time in between. Applying them to such a path would do harm: a write
+ * could hit another file that has got the name since.
  *
- * So a path that was made by a look is marked, and as long as the mark stands, a record that names
- * the path, or something below it, or changes a directory above it, says no more than "look here
- * again". This ends as the source is: the last record that has to do with a path comes after the
- * last change of it, and the look comes after the record. The other path of such a record is marked
- * as well. An object that has left the path before the look is found by the record of its leaving.
+ * So a path that was copied from the source is marked. While the mark lasts, a record that names
+ * the path, or a path below it, or changes a directory above it, only causes the path to be copied
+ * from the source again; the record's other path is marked as well. This converges: the last record
+ * of a path comes after the last change of the path, and the copy comes after the record. An object
+ * that leaves a marked path before the copy is found by the record of its leaving.
  *
- * A mark ends with the first record that was captured a while (kHorizon) after the look: what a
- * program changed before the look has been captured by then. The records from there on find the
- * replica as it was when they were captured.
+ * A mark ends with the first record that was captured a while (kHorizon) after the copy: changes
+ * made before the copy have been captured by then, and later records find the replica in the state
+ * of their capture.
  *
- * Marks of the second kind are about contents, not names: the path leads to the right object, but
- * its owner, mode, or bytes from some offset on were taken from what the source had there, which
- * may have been another object already. They travel with the object, and its contents are taken
- * again where it comes to rest.
+ * Marks of the second kind are about contents, not names: the path has the right object, but its
+ * owner, mode, or bytes from some offset on were copied from the present object of that name in the
+ * source, which may already be another one. They move with the object, whose contents are copied
+ * again under its new name.
  */
 #ifndef TARN_MIRRORD_PENDING_PATHS_H
 #define TARN_MIRRORD_PENDING_PATHS_H
@@ -37,8 +37,8 @@
 
 namespace tarn {
 
-/* A record about an object that neither the source nor the replica had any more: right if a later
- * record tells where it went. */
+/* A record whose object neither the source nor the replica had any more. It is no loss if a later
+ * record tells where the object went. */
 struct Unexplained {
   Uuid rule = {};
   std::uint32_t wseq = 0; /* 0: none */
@@ -53,40 +53,40 @@ class PendingPaths {
   explicit PendingPaths(std::chrono::microseconds horizon) : horizon_(horizon) {}
 
   struct Mark {
-    bool names = false;                /* the first kind, for everything below as well */
+    bool names = false;                /* the first kind; covers the paths below too */
     std::uint64_t data_from = kNoData; /* the second kind: bytes from here on are in doubt */
-    std::uint64_t until = 0;           /* records captured later find it as it was then */
+    std::uint64_t until = 0;           /* ends with a record captured later */
     Unexplained missing = {};
   };
 
-  /* The path's mark, made if there is none; it stands from now on for the horizon. */
+  /* Returns the path's mark, made if there is none. Its time starts anew. */
   Mark &mark(const std::string &path);
   Mark *find(const std::string &path);
 
   /* Is a mark of the first kind on the path or on a directory above it? */
   bool covers(const std::string &path) const;
 
-  /* Is there one on something below the path? */
+  /* Is one on a path below it? */
   bool covers_below(const std::string &path) const;
 
-  /* The object, with all below it, has gone: its marks are explained. Those of the first kind are
-   * the names', and stay. */
+  /* The object was removed, with all below it: nothing about it is unexplained. Marks of the second
+   * kind end; those of the first kind belong to the names and stay. */
   void removed(const std::string &path);
-  /* A record told that it has gone: no record about it, or what was below it, is missing. */
+  /* A record removed or renamed the object: missing objects at the path and below it are
+   * explained. */
   void explained(const std::string &path);
-  /* It goes by another name: the marks travel, and those of the first kind stay as well. Gives the
-   * new paths of those that did. */
+  /* The object was renamed: its marks move, and those of the first kind also stay at the old names.
+   * Returns the new paths of the moved marks. */
   std::vector<std::string> moved(const std::string &from, const std::string &to);
 
   struct Expired {
     std::string path;
     Mark mark;
   };
-  /* Ends the marks that a record captured at `ts` is beyond. */
+  /* Ends the marks whose time is before `ts`, the capture time of a record. */
   std::vector<Expired> expire(std::uint64_t ts);
 
-  /* The records that no later one has explained and that are older than `age`. Each is given once.
-   */
+  /* Returns the unexplained records that are older than `age`, each once. */
   std::vector<Unexplained> take_missing(std::chrono::microseconds age);
 
  private:
@@ -98,7 +98,7 @@ class PendingPaths {
 
   std::chrono::microseconds horizon_;
   Marks marks_;
-  std::deque<Age> ages_; /* every mark is in here with its own time, at least once */
+  std::deque<Age> ages_; /* holds each mark with its present `until`, perhaps older ones too */
 };
 
 }  // namespace tarn

@@ -19,8 +19,8 @@ using Done = Replica::Done;
 
 namespace {
 
-/* Of two objects: is everything the same but the times, as far as a status tells? */
-bool alike(const struct stat &mine, const struct stat &other) {
+/* Are the two equal in type, mode, owner and size? */
+bool same_but_times(const struct stat &mine, const struct stat &other) {
   if (!same_type(mine, other)) return false;
   if (!S_ISLNK(other.st_mode) && ((mine.st_mode ^ other.st_mode) & kModeBits) != 0) return false;
   // Only root can give files away.
@@ -32,7 +32,7 @@ bool alike(const struct stat &mine, const struct stat &other) {
 }  // namespace
 
 Result<Done> Reconciler::reconcile(const std::string &path) {
-  if (path.empty()) return Error{-EINVAL, "the source itself cannot be taken over as a whole"};
+  if (path.empty()) return Error{-EINVAL, "the source directory itself cannot be fetched"};
   const auto found = source_.find(path);
   if (!found) return found.error();
   const std::string parent = parent_of(path);
@@ -43,8 +43,8 @@ Result<Done> Reconciler::reconcile(const std::string &path) {
     follow_source(path);
     return *found ? reconcile(parent) : Done::kAlready;
   }
-  auto done = take_over(path, *found);
-  // To fetch is no recorded change of the directory: its times are restored.
+  auto done = take_from_source(path, *found);
+  // A fetch is not a recorded change of the directory: restore its times.
   if (const auto times = restore_times(parent, **above); done.ok() && !times) return times.error();
   return done;
 }
@@ -59,10 +59,10 @@ Result<void> Reconciler::restore_times(const std::string &directory, const struc
   return {};
 }
 
-Result<Done> Reconciler::take_over(const std::string &path,
-                                   const std::optional<Source::Object> &found) {
+Result<Done> Reconciler::take_from_source(const std::string &path,
+                                          const std::optional<Source::Object> &found) {
   follow_source(path);
-  changed_paths_.add(path);  // to make it set the time of the directory, or the file's own
+  changed_paths_.add(path);  // the copy changed the times of the path or its parent
   if (!found) {
     fetcher_.origins().removed(path);
     const auto gone = replica_.remove_tree(path);
@@ -75,13 +75,13 @@ Result<Done> Reconciler::take_over(const std::string &path,
   return Done::kChanged;
 }
 
-/* A fetched file may be a link to a file that the replica has already under another name. The other
- * names of a file with unknown links are searched in the whole source; this reads directories, but
- * no attributes. */
+/* A fetched file may be a link to a file that the replica already has under another name. If links
+ * of a file are unknown, the whole source is searched for them: directories are read, but no inodes
+ * except of matches. */
 Result<void> Reconciler::reconcile_other_names() {
   if (reconciling_names_) return {};
   Fetcher::Objects wanted;
-  for (const auto &[object, status] : fetcher_.take_several()) {
+  for (const auto &[object, status] : fetcher_.take_multiply_linked()) {
     nlink_t known = 0;
     for (const std::string &path : fetcher_.origins().paths_of(status)) {
       const auto there = source_.find(path);
@@ -99,13 +99,13 @@ Result<void> Reconciler::reconcile_other_names() {
   Result<void> first;
   for (const std::string &path : found) {
     const auto above = replica_.find(parent_of(path));
-    // The record that makes its directory has not come yet.
+    // The record that creates its directory has not arrived yet.
     if (above && (!*above || !S_ISDIR((*above)->st_mode))) continue;
     auto reconciled = reconcile(path);
     if (first.ok() && !reconciled) first = reconciled.error();
   }
   reconciling_names_ = false;
-  fetcher_.take_several();
+  fetcher_.take_multiply_linked();
   return first;
 }
 
@@ -114,7 +114,7 @@ void Reconciler::find_names(const std::string &directory, const Fetcher::Objects
   const auto object = source_.find(directory);
   if (!object || !*object || !S_ISDIR((*object)->status.st_mode)) return;
   const auto entries = Source::entries(**object);
-  if (!entries) return;  // what cannot be read is not in the replica either
+  if (!entries) return;  // an unreadable directory is not in the replica either
   for (const DirectoryEntry &entry : *entries) {
     const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
     if (entry.may_be_directory) find_names(path, wanted, found);
@@ -135,7 +135,7 @@ void Reconciler::doubt(const std::string &path, std::uint64_t data_from) {
   mark.data_from = std::min(mark.data_from, data_from);
 }
 
-void Reconciler::expect(const std::string &path, const Unexplained &missing) {
+void Reconciler::expect_explanation(const std::string &path, const Unexplained &missing) {
   PendingPaths::Mark &mark = pending_.mark(path);
   if (mark.missing.wseq == 0) mark.missing = missing;
 }
@@ -160,7 +160,7 @@ Result<void> Reconciler::moved(const std::string &from, const std::string &to) {
   return first;
 }
 
-/* A marked path after its object, or a directory above it, was renamed. */
+/* Call it after a marked path, or a directory above it, was renamed. */
 Result<void> Reconciler::recheck(const std::string &path) {
   const PendingPaths::Mark *mark = pending_.find(path);
   if (!mark) return {};
@@ -173,7 +173,7 @@ Result<void> Reconciler::recheck(const std::string &path) {
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   PendingPaths::Mark &fresh = pending_.mark(path);
-  // It has gone on in the source: the record of that will have us look there.
+  // It was renamed or removed in the source: that record will cause a recheck.
   if (!*found || !*mine || !same_type((*found)->status, **mine)) return {};
   fresh.missing = {};
   if (fresh.data_from != PendingPaths::kNoData && S_ISREG((*mine)->st_mode)) {
@@ -183,14 +183,14 @@ Result<void> Reconciler::recheck(const std::string &path) {
   return fetcher_.fetch_attributes(path, **found);
 }
 
-Result<void> Reconciler::leaving(const std::string &path) {
+Result<void> Reconciler::before_removal(const std::string &path) {
   const PendingPaths::Mark *mark = pending_.find(path);
   const bool doubted = mark && !mark->names, watched = fetcher_.origins().watched(path);
   if (!doubted && !watched) return {};
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine || S_ISDIR((*mine)->st_mode) || (*mine)->st_nlink < 2) return {};
-  if (watched) replica_.part(**mine);
+  if (watched) replica_.note_partly_unlinked(**mine);
   if (!doubted) return {};
   std::vector<std::string> names;
   const auto searched = replica_.names_of({{(*mine)->st_dev, (*mine)->st_ino}}, names);
@@ -212,12 +212,12 @@ void Reconciler::watch(const std::string &path, std::uint64_t ts) {
 
 Result<void> Reconciler::check_links() {
   Result<void> first;
-  if (const auto parted = replica_.take_parted(); !parted.empty()) {
+  if (const auto objects = replica_.take_partly_unlinked(); !objects.empty()) {
     std::vector<std::string> names;
-    first = replica_.names_of(parted, names);
+    first = replica_.names_of(objects, names);
     for (const std::string &path : names) watch(path, 0);
   }
-  for (const std::string &path : fetcher_.origins().with_links()) {
+  for (const std::string &path : fetcher_.origins().with_many_links()) {
     const auto found = source_.find(path);
     if (first.ok() && !found) first = found.error();
     if (!found || !*found || fetcher_.origins().current(path, (*found)->status)) continue;
@@ -227,17 +227,17 @@ Result<void> Reconciler::check_links() {
   return first;
 }
 
-/* False: it has been changed since it was asked for, and the records of that are on their way. */
-Result<bool> Reconciler::compare(const std::string &path, std::int64_t asked) {
+/* False: the path has changed since `until`; those records are still to come. */
+Result<bool> Reconciler::compare(const std::string &path, std::int64_t until) {
   if (path.empty() || !included_(path)) return true;
   const auto theirs = source_.find(path);
   if (!theirs) return theirs.error();
-  if (*theirs && microseconds((*theirs)->status.st_ctim) >= asked) return false;
+  if (*theirs && microseconds((*theirs)->status.st_ctim) >= until) return false;
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine && !*theirs) return true;
-  if (*mine && *theirs && alike(**mine, (*theirs)->status)) return true;
-  // What a missing directory holds comes with it.
+  if (*mine && *theirs && same_but_times(**mine, (*theirs)->status)) return true;
+  // A missing parent is copied with its contents.
   std::string missing = path;
   for (std::string above = parent_of(path); !above.empty(); above = parent_of(above)) {
     const auto there = replica_.find(above);
@@ -250,11 +250,11 @@ Result<bool> Reconciler::compare(const std::string &path, std::int64_t asked) {
   return true;
 }
 
-Result<void> Reconciler::take_time(const std::string &path, std::int64_t asked) {
+Result<void> Reconciler::copy_mtime(const std::string &path, std::int64_t until) {
   if (!path.empty() && !included_(path)) return {};
   const auto theirs = source_.find(path);
   if (!theirs) return theirs.error();
-  if (!*theirs || microseconds((*theirs)->status.st_ctim) >= asked) return {};
+  if (!*theirs || microseconds((*theirs)->status.st_ctim) >= until) return {};
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   const std::int64_t wanted = microseconds((*theirs)->status.st_mtim);
@@ -264,7 +264,7 @@ Result<void> Reconciler::take_time(const std::string &path, std::int64_t asked) 
   return set ? Result<void>() : Result<void>(set.error());
 }
 
-Result<void> Reconciler::compare_changed(std::int64_t asked) {
+Result<void> Reconciler::compare_changed(std::int64_t until) {
   auto paths = changed_paths_.take();
   if (!source_.available()) return {};
   Result<void> first;
@@ -273,36 +273,38 @@ Result<void> Reconciler::compare_changed(std::int64_t asked) {
   };
   std::vector<std::string> changing;
   for (const std::string &path : paths) {
-    const auto compared = compare(path, asked);
+    const auto compared = compare(path, until);
     if (!compared)
       note(compared.error());
     else if (!*compared)
       changing.push_back(path);
   }
-  // What is made in a directory changes its time, so that comes after.
+  // Copies change the times of their parents, so times are set last, children first.
   for (std::string &path : changed_paths_.take()) paths.push_back(std::move(path));
   std::sort(paths.begin(), paths.end(), std::greater());
-  for (const std::string &path : paths) note(take_time(path, asked));
+  for (const std::string &path : paths) note(copy_mtime(path, until));
   for (const std::string &path : changing) changed_paths_.add(path);
   return first;
 }
 
-Result<void> Reconciler::find_unrecorded(std::int64_t asked) {
+Result<void> Reconciler::find_unrecorded(std::int64_t until) {
   if (!source_.available()) return {};
   Result<void> first;
   for (const std::string &path : std::exchange(recheck_later_, {})) {
-    const auto taken = take_if_changed(path, 0, asked);
+    const auto taken = reconcile_if_changed(path, 0, until);
     if (first.ok() && !taken) first = taken;
   }
   if (unrecorded_since_ == kNever) return first;
-  const auto since = static_cast<std::int64_t>(std::exchange(unrecorded_since_, kNever)) - kCoarse;
-  if (const auto names = take_if_changed("", since, asked); first.ok() && !names) first = names;
-  auto found = find_unrecorded_below("", since, asked);
+  const auto since =
+      static_cast<std::int64_t>(std::exchange(unrecorded_since_, kNever)) - kTimestampSlackUs;
+  if (const auto names = reconcile_if_changed("", since, until); first.ok() && !names)
+    first = names;
+  auto found = find_unrecorded_below("", since, until);
   return first ? found : first;
 }
 
 Result<void> Reconciler::find_unrecorded_below(const std::string &directory, std::int64_t since,
-                                               std::int64_t asked) {
+                                               std::int64_t until) {
   const auto object = source_.find(directory);
   if (!object) return object.error();
   if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
@@ -314,35 +316,34 @@ Result<void> Reconciler::find_unrecorded_below(const std::string &directory, std
   };
   for (const DirectoryEntry &entry : *entries) {
     const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
-    if (included_(path)) note(take_if_changed(path, since, asked));
-    if (entry.may_be_directory) note(find_unrecorded_below(path, since, asked));
+    if (included_(path)) note(reconcile_if_changed(path, since, until));
+    if (entry.may_be_directory) note(find_unrecorded_below(path, since, until));
   }
   return first;
 }
 
-/* The change that is looked for set the change time of its file or directory, or a later one did.
- */
-Result<void> Reconciler::take_if_changed(const std::string &path, std::int64_t since,
-                                         std::int64_t asked) {
+/* An unrecorded change set the change time of its file or directory, or a later change did. */
+Result<void> Reconciler::reconcile_if_changed(const std::string &path, std::int64_t since,
+                                              std::int64_t until) {
   const auto there = source_.find(path);
   if (!there) return there.error();
   if (!*there) return {};
   const std::int64_t changed = microseconds((*there)->status.st_ctim);
-  if (changed >= asked) recheck_later_.push_back(path);
-  if (changed < since || changed >= asked) return {};
-  if (S_ISDIR((*there)->status.st_mode)) return take_names(path);
+  if (changed >= until) recheck_later_.push_back(path);
+  if (changed < since || changed >= until) return {};
+  if (S_ISDIR((*there)->status.st_mode)) return reconcile_names(path);
   const auto reconciled = reconcile(path);
   return reconciled ? Result<void>() : Result<void>(reconciled.error());
 }
 
-/* The names that only one side has, and the directory's attributes. */
-Result<void> Reconciler::take_names(const std::string &directory) {
+/* Copies the names that only one side has; the directory's attributes are compared later. */
+Result<void> Reconciler::reconcile_names(const std::string &directory) {
   const auto object = source_.find(directory);
   if (!object) return object.error();
   if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
   const auto mine = replica_.find(directory);
   if (!mine) return mine.error();
-  // Missing, it comes with the name of the directory that it is in.
+  // A missing directory is copied when its parent is checked.
   if (!*mine || !S_ISDIR((*mine)->st_mode)) return {};
   const auto theirs = Source::entries(**object);
   if (!theirs) return theirs.error();

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Makes paths of the replica as the source has them now, and keeps the marks of those that are
- * therefore further than the records: pending_paths.h says how the two are brought together again.
- * One thread.
+ * Copies paths from the source's present state to the replica, and marks them as ahead of the
+ * records (pending_paths.h). One thread.
  */
 #ifndef TARN_MIRRORD_RECONCILER_H
 #define TARN_MIRRORD_RECONCILER_H
@@ -32,91 +31,95 @@ class Reconciler {
   Source &source() { return source_; }
   Fetcher &fetcher() { return fetcher_; }
 
-  /* What the rule of the present record replicates, for fetched trees. */
+  /* The scope of the current record's rule, for fetched trees. */
   void set_included(Fetcher::Included included) { included_ = std::move(included); }
-  /* A name of the object that the present record tells of, wherever it is; "": none. */
+  /* A name of the current record's object, perhaps outside the source; "": none. */
   void set_other_name(std::string path) { other_name_ = std::move(path); }
 
-  /* Does the path follow the source, not the records? */
+  /* Is the path marked to be copied from the source, rather than changed by records? */
   bool follows_source(const std::string &path) const { return pending_.covers(path); }
 
-  /* Does anything below it? */
+  /* Is any path below it? */
   bool follows_source_below(const std::string &path) const { return pending_.covers_below(path); }
 
-  /* From now on it does. */
+  /* Marks it. */
   void follow_source(const std::string &path) { pending_.mark(path).names = true; }
 
-  /* Makes the path as it is in the source; from now on it follows the source. kAlready: the source
-   * has nothing there, and now the replica has not either. */
+  /* Copies the path from the source and marks it to follow the source. kAlready: the source does
+   * not have it, and now the replica does not either. */
   Result<Replica::Done> reconcile(const std::string &path);
 
-  /* The object is the right one, but its owner, mode and bytes from `data_from` on may not be. */
+  /* Marks the path as the right object whose owner, mode and bytes from `data_from` on may be
+   * wrong. */
   void doubt(const std::string &path, std::uint64_t data_from);
 
-  /* The record finds nothing to be applied to; a later one must tell why. */
-  void expect(const std::string &path, const Unexplained &missing);
+  /* The record's object is missing; a later record must explain why. */
+  void expect_explanation(const std::string &path, const Unexplained &missing);
 
-  /* The object's leaving was recorded: nothing about it needs an explanation any more. */
+  /* A record told that the object left the path: nothing about it is unexplained any more. */
   void explained(const std::string &path) { pending_.explained(path); }
 
-  /* What records did to names. */
+  /* Recorded changes of names, after they were applied. */
   void removed(const std::string &path);
   void linked(const std::string &existing, const std::string &path);
   Result<void> moved(const std::string &from, const std::string &to);
 
-  /* Undoes the time change of a directory whose contents were fetched: no record tells of it. */
+  /* Restores the times of a directory that a fetch, not a record, changed. */
   Result<void> restore_times(const std::string &directory, const struct stat &before);
 
-  /* The name is about to go. If its contents are in doubt, or it is watched, and it has another
-   * name, that is looked at from now on. */
-  Result<void> leaving(const std::string &path);
+  /* Call it before the replica's name is removed or replaced. If its object is in doubt or watched
+   * and has another name, the doubt or watch passes to that name. */
+  Result<void> before_removal(const std::string &path);
 
-  /* The object has, or may have, a name that the rule does not include: what is changed by that one
-   * no record tells. check_links() sees it. `ts`: when the present record was captured. */
+  /* The object has, or may have, a name outside the rule, by which changes are not recorded;
+   * check_links() finds them. `ts`: when the current record was captured. */
   void watch(const std::string &path, std::uint64_t ts);
-  /* A record is about to change the data of the path's file. What was taken from the source for it,
-   * perhaps under another name, may be further than the record. */
+  /* Call it before a record changes the data of the path's file: a copy from the source, perhaps
+   * under another name, may be ahead of the record. */
   void records_change(const std::string &path);
-  /* All records have come. What was changed by a name that the source did not have any more when
-   * the record was applied, or by one that went out of the rule, is seen at the file's other names.
-   */
+  /* Call it when all records have been applied. Compares files that have several names, so that
+   * changes by a name that is outside the rule, or that the source had lost before its record was
+   * applied, are found under the others. */
   Result<void> check_links();
-  /* From `ts` on (microseconds since the epoch) something was changed that no record tells of. */
+  /* There were changes without a record from `ts` on (microseconds since the epoch). */
   void note_unrecorded(std::uint64_t ts) { unrecorded_since_ = std::min(unrecorded_since_, ts); }
-  /* All records of what was done until `asked` have been applied: takes over what such a change may
-   * have been of, as far as change times in the source tell. All its names are read for that. */
-  Result<void> find_unrecorded(std::int64_t asked);
-  /* A record names the path. */
+  /* Call it when all records of changes before `until` have been applied: copies from the source
+   * what changed since note_unrecorded()'s time, as far as change times tell. Reads the whole
+   * source tree. */
+  Result<void> find_unrecorded(std::int64_t until);
+  /* The paths that records named. */
   ChangedPaths &changed_paths() { return changed_paths_; }
   const ChangedPaths &changed_paths() const { return changed_paths_; }
-  /* All records of what was done until `asked` (microseconds since the epoch) have been applied:
-   * compares the paths that were changed, and takes from the source what differs, and all
-   * modification times. What has been changed since is left to the next time. The error is the
-   * first one; everything is tried. */
-  Result<void> compare_changed(std::int64_t asked);
+  /* Call it when all records of changes before `until` (microseconds since the epoch) have been
+   * applied: compares the changed paths, and copies differences and modification times from the
+   * source. Paths that changed since `until` are left to the next call. Goes on after an error and
+   * returns the first one. */
+  Result<void> compare_changed(std::int64_t until);
 
-  /* The replica's object has both names. If the source's has, too, it is a copy of that. */
+  /* Both names are one object in the replica. If they are in the source too, notes it as the copy's
+   * origin. */
   void assume_linked(const std::string &existing, const std::string &path);
-  /* A record has linked them, but not in the replica: `existing` may be changed by the other name,
-   * which follows the source and may have gone there. */
+  /* The record linked the names, but the replica did not. `existing` may change by the other name,
+   * which follows the source and may be gone there. */
   void watch_if_apart(const std::string &existing, const std::string &path);
-  /* A record captured at `ts` comes: ends marks. Gives what was not explained. */
+  /* Ends marks before a record captured at `ts` is applied. Returns those left unexplained. */
   std::vector<Unexplained> expire(std::uint64_t ts);
   std::vector<Unexplained> take_missing(std::chrono::microseconds age) {
     return pending_.take_missing(age);
   }
 
  private:
-  Result<Replica::Done> take_over(const std::string &path,
-                                  const std::optional<Source::Object> &found);
+  Result<Replica::Done> take_from_source(const std::string &path,
+                                         const std::optional<Source::Object> &found);
   Result<void> recheck(const std::string &path);
   Result<void> reconcile_other_names();
   Result<void> find_unrecorded_below(const std::string &directory, std::int64_t since,
-                                     std::int64_t asked);
-  Result<void> take_names(const std::string &directory);
-  Result<void> take_if_changed(const std::string &path, std::int64_t since, std::int64_t asked);
-  Result<bool> compare(const std::string &path, std::int64_t asked);
-  Result<void> take_time(const std::string &path, std::int64_t asked);
+                                     std::int64_t until);
+  Result<void> reconcile_names(const std::string &directory);
+  Result<void> reconcile_if_changed(const std::string &path, std::int64_t since,
+                                    std::int64_t until);
+  Result<bool> compare(const std::string &path, std::int64_t until);
+  Result<void> copy_mtime(const std::string &path, std::int64_t until);
   void find_names(const std::string &directory, const Fetcher::Objects &wanted,
                   std::vector<std::string> &found);
 
@@ -128,7 +131,7 @@ class Reconciler {
   PendingPaths pending_;
   ChangedPaths changed_paths_;
   std::uint64_t unrecorded_since_ = kNever;
-  std::vector<std::string> recheck_later_; /* found, but being changed when they were */
+  std::vector<std::string> recheck_later_; /* changed after `until`: checked by the next call */
   bool reconciling_names_ = false;
   std::string other_name_;
   Fetcher::Included included_ = [](const std::string &) { return true; };

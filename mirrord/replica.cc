@@ -21,11 +21,11 @@ namespace {
 
 constexpr std::uint32_t kForOthers = 0077;
 
-/* For a descriptor that stands for an object. Kernels that do not know O_PATH open it for reading,
- * which is done with regular files and directories only. */
-constexpr int kObject = O_PATH | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+/* Flags to open an object without access to its data. Kernels without O_PATH open it for reading;
+ * there only regular files and directories are opened. */
+constexpr int kObjectFlags = O_PATH | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
-// The caller names the record; the error needs no more than the cause.
+// The caller's message names the record, so the error text is only the cause.
 Error failed(int err) {
   Error error = system_error(err, "");
   error.text.erase(0, 2);
@@ -38,18 +38,18 @@ std::string by_descriptor(int fd) {
 
 timespec to_timespec(const std::optional<std::int64_t> &us, const timespec &otherwise) {
   if (!us) return otherwise;
-  // The nanoseconds count forward, before the epoch too.
+  // tv_nsec counts forward, before the epoch too.
   const std::int64_t rest = *us % 1'000'000, fraction = rest < 0 ? rest + 1'000'000 : rest;
   return {static_cast<time_t>(*us / 1'000'000 - (rest < 0)), static_cast<long>(fraction * 1000)};
 }
 
-/* Both times of what `status` is about: a kernel of 2006 can only set them together. */
+/* The requested times, and the present ones otherwise: Linux 2.6.18 can only set both. */
 std::array<timespec, 2> both_times(const Replica::Attributes &a, const struct stat &status) {
   return {to_timespec(a.atime, status.st_atim), to_timespec(a.mtime, status.st_mtim)};
 }
 
-/* Opens a regular file for writing; `object` is an O_PATH descriptor of it, so nothing can be put
- * in its place. */
+/* Opens a regular file for writing. `object` is an O_PATH descriptor of it, so a rename cannot
+ * replace the file in between. */
 Result<UniqueFd> open_for_writing(int object) {
   struct stat status;
   if (fstat(object, &status) != 0) return failed(errno);
@@ -58,7 +58,7 @@ Result<UniqueFd> open_for_writing(int object) {
   const std::string path = by_descriptor(object);
   UniqueFd file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
   if (!file && errno == EACCES && status.st_uid == geteuid()) {
-    // A read-only file of our own: a program that has it open may write it still, and so may we.
+    // A read-only file of ours: a program that opened it before may still write, so we must too.
     const mode_t mode = status.st_mode & kModeBits;
     if (chmod(path.c_str(), mode | S_IWUSR) != 0) return failed(errno);
     file = UniqueFd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
@@ -70,7 +70,7 @@ Result<UniqueFd> open_for_writing(int object) {
   return file;
 }
 
-/* What stands under a name right now; 0 if nothing. */
+/* The type of the name's object; 0 if there is none. */
 mode_t type_of(int directory, const std::string &name) {
   struct stat status;
   return fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0
@@ -86,7 +86,7 @@ bool same_object(int directory1, const std::string &name1, int directory2,
          a.st_dev == b.st_dev;
 }
 
-/* Of the file, directory or other object that the descriptor is of, however it was opened. */
+/* Sets the times of the descriptor's object, however it was opened. */
 Result<void> set_times(int object, const Replica::Attributes &a) {
   if (!a.atime && !a.mtime) return {};
   struct stat status;
@@ -96,8 +96,7 @@ Result<void> set_times(int object, const Replica::Attributes &a) {
   return {};
 }
 
-/* Size first: it takes set-id bits and sets times. The owner next: it takes set-id bits. The times
- * last. */
+/* The order matters: ftruncate clears set-id bits and sets times, fchown clears set-id bits. */
 Result<void> set_through_file(int file, const Replica::Attributes &a) {
   if (a.size && ftruncate(file, static_cast<off_t>(*a.size)) != 0) return failed(errno);
   if ((a.uid || a.gid) && fchown(file, a.uid.value_or(-1), a.gid.value_or(-1)) != 0)
@@ -106,8 +105,8 @@ Result<void> set_through_file(int file, const Replica::Attributes &a) {
   return set_times(file, a);
 }
 
-/* A symbolic link has an owner and times, but no mode of its own. Kernels before 2.6.22 have no
- * call that sets its times, so there they stay. */
+/* Sets the times of a symbolic link, which has no mode. Kernels before 2.6.22 have no call for it:
+ * they stay as they are. */
 Result<void> set_of_link(int directory, const std::string &name, const struct stat &status,
                          const Replica::Attributes &a) {
   if (a.mode) return Error{-EOPNOTSUPP, "a symbolic link has no mode"};
@@ -118,7 +117,7 @@ Result<void> set_of_link(int directory, const std::string &name, const struct st
   return {};
 }
 
-/* Without O_PATH: to open a device or a socket does something to it, or fails. */
+/* Without O_PATH: opening a device has side effects, opening a socket fails. */
 Result<void> set_of_special(int directory, const std::string &name, const struct stat &status,
                             const Replica::Attributes &a) {
   if (a.mode && fchmodat(directory, name.c_str(), *a.mode & kModeBits, 0) != 0)
@@ -129,7 +128,7 @@ Result<void> set_of_special(int directory, const std::string &name, const struct
   return {};
 }
 
-/* The same on an object that is not open for writing: a directory, for example, or a link. */
+/* For objects that are not open for writing, directories and links for example. */
 Result<void> set_through_name(int directory, const std::string &name,
                               const Replica::Attributes &a) {
   if ((a.uid || a.gid) && fchownat(directory, name.c_str(), a.uid.value_or(-1), a.gid.value_or(-1),
@@ -140,7 +139,7 @@ Result<void> set_through_name(int directory, const std::string &name,
   if (S_ISLNK(status.st_mode)) return set_of_link(directory, name, status, a);
   if (!S_ISREG(status.st_mode) && !S_ISDIR(status.st_mode) && !has_path_descriptors())
     return set_of_special(directory, name, status, a);
-  const UniqueFd object(openat(directory, name.c_str(), kObject));
+  const UniqueFd object(openat(directory, name.c_str(), kObjectFlags));
   if (!object) return failed(errno);
   if (a.mode && chmod(by_descriptor(object.get()).c_str(), *a.mode & kModeBits) != 0)
     return failed(errno);
@@ -150,20 +149,20 @@ Result<void> set_through_name(int directory, const std::string &name,
 }  // namespace
 
 Result<Replica> Replica::open(const std::string &directory) {
-  // Not O_PATH: only an open directory remembers for syncfs which errors came after it.
+  // Not O_PATH: syncfs reports the errors since the open of a descriptor, and needs a real one.
   UniqueFd root(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!root)
     return system_error(errno, "cannot open the replica directory " + printable(directory));
   return Replica(std::move(root));
 }
 
-Result<bool> Replica::open_to_others() {
+Result<bool> Replica::must_close_to_others() {
   struct statvfs mount;
   struct stat status;
   if (fstatvfs(root_.get(), &mount) != 0 || fstat(root_.get(), &status) != 0) return failed(errno);
-  others_out_ = (mount.f_flag & ST_NOSUID) == 0;
-  if (!others_out_ || (status.st_mode & kForOthers) == 0) return false;
-  // The mode that it has: nothing changes but that we know whether we may.
+  closed_to_others_ = (mount.f_flag & ST_NOSUID) == 0;
+  if (!closed_to_others_ || (status.st_mode & kForOthers) == 0) return false;
+  // Sets the present mode: only a test of whether we may change it.
   if (fchmod(root_.get(), status.st_mode & kModeBits) != 0) return failed(errno);
   return true;
 }
@@ -204,7 +203,7 @@ Result<int> Replica::writable(const std::string &path) {
   if (const int cached = files_.find(path); cached >= 0) return cached;
   const auto at = place(path);
   if (!at) return at.error();
-  const UniqueFd object(openat(at->fd, at->name.c_str(), kObject));
+  const UniqueFd object(openat(at->fd, at->name.c_str(), kObjectFlags));
   if (!object) return failed(errno);
   auto file = open_for_writing(object.get());
   if (!file) return file.error();
@@ -222,7 +221,7 @@ Result<Replica::Done> Replica::create(const std::string &path, std::uint32_t mod
     return Done::kChanged;
   }
   if (errno != EEXIST) return failed(errno);
-  // Whatever it holds is older than the file that was created: that one begins empty.
+  // Its contents are older than the created file, which begins empty.
   auto existing = writable(path);
   if (!existing) return existing.error();
   if (ftruncate(*existing, 0) != 0 || fchmod(*existing, mode & kModeBits) != 0)
@@ -252,8 +251,8 @@ Result<Replica::Done> Replica::rmdir(const std::string &path) {
   const auto at = place(path);
   if (!at) return at.error();
   if (unlinkat(at->fd, at->name.c_str(), AT_REMOVEDIR) != 0) {
-    // A removal that failed, because something was in the directory, is recorded as well; it fails
-    // here likewise.
+    // A removal that failed because the directory was not empty is recorded too, and fails here
+    // likewise.
     if (errno == ENOENT || errno == ENOTEMPTY || errno == EEXIST) return Done::kAlready;
     return failed(errno);
   }
@@ -323,7 +322,7 @@ Result<Replica::Done> Replica::remove_tree(const std::string &path) {
   if (!*there) return Done::kAlready;
   if (path.empty()) return Error{-EINVAL, "the replica itself is not removed"};
   if (!S_ISDIR((*there)->st_mode)) {
-    if ((*there)->st_nlink > 1) part(**there);
+    if ((*there)->st_nlink > 1) note_partly_unlinked(**there);
     return unlink(path);
   }
   const auto inside = names(path);
@@ -390,7 +389,7 @@ Result<std::vector<std::string>> Replica::names(const std::string &path) {
 
 Result<Replica::Done> Replica::set_attributes(const std::string &path, const Attributes &wanted) {
   Attributes attributes = wanted;
-  if (path.empty() && others_out_ && attributes.mode) *attributes.mode &= ~kForOthers;
+  if (path.empty() && closed_to_others_ && attributes.mode) *attributes.mode &= ~kForOthers;
   int file = files_.find(path);
   if (file < 0 && attributes.size) {
     const auto opened = writable(path);
@@ -423,7 +422,7 @@ void Replica::close_files() {
 Result<void> Replica::sync() {
   if (syncfs(root_.get()) == 0) return {};
   if (errno != ENOSYS) return failed(errno);
-  ::sync();  // all that a kernel of 2006 has
+  ::sync();  // Linux 2.6.18 has no syncfs
   return {};
 }
 

@@ -8,7 +8,7 @@
 namespace tarn {
 namespace {
 
-/* One more than the length of the longest directory of the list above the path; 0: none is. */
+/* The length plus one of the longest listed directory that is the path or above it; 0: none. */
 std::size_t longest(const std::vector<std::string> &directories, std::string_view path) {
   std::size_t best = 0;
   for (std::string_view directory : directories) {
@@ -24,20 +24,21 @@ bool rule_includes(const RuleDirectories &rule, std::string_view path) {
   return longest(rule.include, path) > longest(rule.exclude, path);
 }
 
-const std::optional<RuleDirectories> &Scopes::lists_of(const Life &life) {
-  const auto [found, fresh] = known_.try_emplace(life);
-  if (fresh && lists_) found->second = lists_(life.first);
+const std::optional<RuleDirectories> &Scopes::lists_of(const Instance &instance) {
+  const auto [found, fresh] = known_.try_emplace(instance);
+  if (fresh && lists_) found->second = lists_(instance.first);
   return found->second;
 }
 
-bool Scopes::includes(const Life &life, std::string_view path) {
-  const auto &lists = lists_of(life);
+bool Scopes::includes(const Instance &instance, std::string_view path) {
+  const auto &lists = lists_of(instance);
   return !lists || rule_includes(*lists, path);
 }
 
-std::vector<std::string> Scopes::listed_below(const Life &life, const std::string &directory) {
+std::vector<std::string> Scopes::listed_below(const Instance &instance,
+                                              const std::string &directory) {
   std::vector<std::string> below;
-  const auto &lists = lists_of(life);
+  const auto &lists = lists_of(instance);
   if (!lists) return below;
   for (const auto *list : {&lists->include, &lists->exclude}) {
     for (const std::string &listed : *list) {
@@ -52,7 +53,7 @@ std::vector<std::string> Scopes::listed_below(const Life &life, const std::strin
 
 bool Scopes::any_includes(std::string_view path) const {
   if (!lists_) return true;
-  for (const auto &[life, lists] : known_) {
+  for (const auto &[instance, lists] : known_) {
     if (!lists || rule_includes(*lists, path)) return true;
   }
   return false;

@@ -23,16 +23,16 @@ bool is_absence(int err) {
   return err == ENOENT || err == ENOTDIR || err == ELOOP;
 }
 
-/* Opens anew what a descriptor is of. */
+/* Opens the descriptor's object again with other flags. */
 UniqueFd reopen(int object, int flags) {
   const std::string path = fmt::format("/proc/self/fd/{}", object);
   UniqueFd fd(open(path.c_str(), flags | O_NOATIME | O_NONBLOCK | O_CLOEXEC));
-  if (!fd && errno == EPERM)  // not our own file
+  if (!fd && errno == EPERM)  // O_NOATIME needs ownership
     fd = UniqueFd(open(path.c_str(), flags | O_NONBLOCK | O_CLOEXEC));
   return fd;
 }
 
-/* The text of the symbolic link `name` in `directory`; of `directory` itself if `name` is "". */
+/* The target of the symbolic link `name` in `directory`; of `directory` itself if `name` is "". */
 Result<std::string> read_link(int directory, const std::string &name) {
   std::string text(PATH_MAX, '\0');
   const ssize_t length = readlinkat(directory, name.c_str(), text.data(), text.size());
@@ -45,7 +45,7 @@ using Found = Result<std::optional<Source::Object>>;
 
 Found not_found(int err) {
   if (is_absence(err)) return std::optional<Source::Object>();
-  return failed(err, "the source cannot be looked at");
+  return failed(err, "the source cannot be read");
 }
 
 Found find_by_descriptor(int directory, const std::string &name) {
@@ -60,8 +60,8 @@ Found find_by_descriptor(int directory, const std::string &name) {
   return std::optional<Source::Object>(std::move(found));
 }
 
-/* To open a FIFO or a device would do something to it, so the status comes first. Between the two
- * another object may get the name: then all is done again. */
+/* Opening a FIFO or a device has side effects, so the status is read first. If the name gets
+ * another object in between, starts again. */
 Found find_by_status(int directory, const std::string &name) {
   constexpr int kPlain = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
   for (;;) {
@@ -97,7 +97,7 @@ bool Source::available() {
 }
 
 Result<std::optional<Source::Object>> Source::find(const std::string &path) {
-  if (!available()) return failed(errno, "the source cannot be looked at");
+  if (!available()) return failed(errno, "the source cannot be read");
   const std::size_t slash = path.rfind('/');
   const std::string parent = slash == std::string::npos ? "" : path.substr(0, slash);
   const std::string name = path.empty() ? "." : path.substr(parent.empty() ? 0 : slash + 1);

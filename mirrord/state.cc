@@ -26,7 +26,7 @@ using Json = nlohmann::ordered_json;
 
 std::string cannot(const std::string &what, const std::string &path) {
   return fmt::format(
-      "cannot {} {} for what has been replicated (TARN_STATE_DIR names another directory)", what,
+      "cannot {} {} for the replication state (TARN_STATE_DIR names another directory)", what,
       printable(path));
 }
 
@@ -46,15 +46,15 @@ Result<void> make_directories(const std::string &path) {
   return {};
 }
 
-/* FNV-1a: a short name for any two paths. The file says which paths it is about. */
+/* FNV-1a: a short file name for two paths. The file itself holds the paths. */
 std::uint64_t hash(std::string_view text) {
   std::uint64_t value = 0xcbf29ce484222325;
   for (const unsigned char byte : text) value = (value ^ byte) * 0x100000001b3;
   return value;
 }
 
-/* Numbers of devices change from one boot to the next, those of inodes are used again: the time of
- * birth, where the file system keeps one, tells two directories of one number apart. */
+/* Device numbers change between boots and inode numbers are reused. The birth time, where the file
+ * system has it, distinguishes two directories of one inode number. */
 Result<std::string> identity_of(const std::string &directory) {
   struct stat status;
   if (stat(directory.c_str(), &status) != 0)
@@ -69,7 +69,7 @@ Result<std::string> identity_of(const std::string &directory) {
   return identity;
 }
 
-/* 0 or an error number. */
+/* The variable's value; null if it is unset or empty. */
 const char *variable(const char *name) {
   const char *value = std::getenv(name);
   return value && *value ? value : nullptr;
@@ -83,7 +83,7 @@ Result<std::string> state_directory() {
   if (const char *state = variable("XDG_STATE_HOME")) return std::string(state) + "/tarn";
   if (const char *home = variable("HOME")) return std::string(home) + "/.local/state/tarn";
   return Error{-ENOENT,
-               "no directory is known for what has been replicated: set HOME or TARN_STATE_DIR"};
+               "no directory is known for the replication state: set HOME or TARN_STATE_DIR"};
 }
 
 Result<StateFile> StateFile::open(const std::string &source, const std::string &replica) {
@@ -105,7 +105,7 @@ Result<StateFile> StateFile::open(const std::string &source, const std::string &
   return file;
 }
 
-/* A new file that can take the place of the state's, and is on the disk; its name. */
+/* Writes a new file beside the state file and syncs it. Returns its name. */
 Result<std::string> StateFile::write_beside(const std::string &text) const {
   std::string name = path_ + ".XXXXXX";
   UniqueFd fd(mkostemp(name.data(), O_CLOEXEC));
@@ -146,10 +146,8 @@ Result<StateFile::Positions> StateFile::read() const {
   const auto text = read_text(path_, cannot("read", path_));
   if (!text) return text.error();
   const Json json = Json::parse(*text, nullptr, false);
-  const Error broken{-EBADMSG, printable(path_) +
-                                   " is not what a mirrord has kept about the "
-                                   "replica " +
-                                   printable(replica_)};
+  const Error broken{-EBADMSG,
+                     printable(path_) + " is not the state of the replica " + printable(replica_)};
   try {
     if (json.at("source") != json_bytes(source_) || json.at("replica") != json_bytes(replica_))
       return broken;

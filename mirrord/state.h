@@ -1,12 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * What outlives a mirrord: up to which number the records of each rule have been dealt with in a
- * replica. The next mirrord of that replica goes on from there, so that it knows what was changed
- * while none ran.
+ * Persistent state of a replica: for each rule, the number of the last record that was handled. The
+ * next mirrord of the replica resumes there, and so detects changes made while none ran.
  *
- * One file for each source and replica, replaced in one step and on the disk when write() returns.
- * The state belongs to the replica's directory, not to its name: another directory in that place
- * begins without state. What it claims may be less than what was done, never more. One thread.
+ * There is one file per source and replica, replaced atomically and on the disk when write()
+ * returns. The state belongs to the replica's directory, not to its name: another directory of the
+ * same name begins without state. It may claim less than was done, never more. One thread.
  */
 #ifndef TARN_MIRRORD_STATE_H
 #define TARN_MIRRORD_STATE_H
@@ -28,12 +27,11 @@ class StateFile {
  public:
   using Positions = std::map<Uuid, Sequencer::Position>;
 
-  /* Both whole paths; the replica exists. Makes the directory of the state and sees that it can be
-   * written; leaves a file that is there as it is. */
+  /* Both paths are canonical and the replica exists. Makes the state directory and checks that it
+   * is writable; does not change an existing file. */
   static Result<StateFile> open(const std::string &source, const std::string &replica);
 
-  /* Nothing if there is no state of this replica yet. Error: there is a file, but it cannot be
-   * used. */
+  /* Empty if there is no state of this replica yet. Error: the file exists but is unusable. */
   Result<Positions> read() const;
 
   Result<void> write(const Positions &positions) const;
@@ -48,7 +46,7 @@ class StateFile {
   std::string path_;
   std::string source_;
   std::string replica_;
-  std::string identity_; /* of the replica's directory */
+  std::string identity_; /* the replica directory's inode and birth time */
 };
 
 }  // namespace tarn

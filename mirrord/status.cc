@@ -31,7 +31,7 @@ Json to_json(const MirrorStatus &status) {
   json["malformed"] = status.malformed;
   json["foreign"] = status.foreign;
   json["unconfirmed"] = status.unconfirmed;
-  json["unkept"] = status.write_back_errors;
+  json["write_back_errors"] = status.write_back_errors;
   json["caught_up_to_ns"] = status.caught_up_to_ns;
   std::uint64_t messages = 0, bytes = 0, nameless = 0, failures = 0;
   Json rules = Json::array();
@@ -59,8 +59,8 @@ Json to_json(const MirrorStatus &status) {
   return json;
 }
 
-/* 0 or an error number. */
-/* The new file takes the place of the old one, which must not be a device or a directory. */
+/* The new file replaces the old one by rename, which must not remove a device or hit a
+ * directory. */
 bool replaceable(const std::string &file) {
   struct stat status;
   return lstat(file.c_str(), &status) != 0 || S_ISREG(status.st_mode);
@@ -70,7 +70,7 @@ Error cannot_write(const std::string &file, int err) {
   return system_error(err, "cannot write the status file " + printable(file));
 }
 
-/* A new file that can take the place of `file`; its name. */
+/* Writes the status to a new file beside `file`. Returns its name. */
 Result<std::string> write_beside(const std::string &file, const MirrorStatus &status) {
   const std::string text = to_json(status).dump(2) + "\n";
   if (!replaceable(file))

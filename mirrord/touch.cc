@@ -17,7 +17,7 @@
 namespace tarn {
 namespace {
 
-/* Of the entries that a path lies below, the innermost decides. */
+/* The innermost listed directory that contains the path decides. */
 bool includes(const RuleDirectories &directories, const std::string &path) {
   const auto innermost = [&path](const std::vector<std::string> &entries) {
     std::ptrdiff_t length = -1;
@@ -29,7 +29,7 @@ bool includes(const RuleDirectories &directories, const std::string &path) {
   return innermost(directories.include) > innermost(directories.exclude);
 }
 
-/* Where the mount shows directories of the rule. */
+/* The paths of the rule's directories on this mount. */
 std::vector<std::string> shown(const RuleDirectories &directories, const Mount &mount) {
   std::vector<std::string> paths;
   for (const std::string &include : directories.include) {
@@ -44,7 +44,7 @@ std::vector<std::string> shown(const RuleDirectories &directories, const Mount &
 
 /* 0 or an error number. */
 int touch_directory(const std::string &path) {
-  // Of a directory alone: on a file it would take set-user-id away.
+  // Only directories: on a file, chown would clear the set-user-id bit.
   const UniqueFd fd(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!fd) return errno;
   constexpr auto kKeep = static_cast<uid_t>(-1);

@@ -140,8 +140,8 @@ TEST_F(ChannelTest, nothing_is_lost_while_a_request_waits) {
 TEST_F(ChannelTest, barriers_come_back_behind_the_records) {
   const auto channel = open();
   fake_.send(name_change(OX_OP_UNLINK, {1}, "/d/f"));
-  EXPECT_EQ(*channel->ask_barrier(), 1u);
-  EXPECT_EQ(*channel->ask_barrier(), 2u);
+  EXPECT_EQ(*channel->send_barrier(), 1u);
+  EXPECT_EQ(*channel->send_barrier(), 2u);
   std::size_t records = 0;
   std::uint64_t barriers = 0;
   while (barriers < 2) {

@@ -202,7 +202,8 @@ TEST_F(MirrorTest, what_was_changed_between_two_lives_of_a_rule_is_a_gap) {
   EXPECT_EQ(status()["rules"][0]["gaps"], 1);
   mirror->signal(SIGTERM);
   const Ended ended = mirror->wait();
-  EXPECT_NE(ended.err.find("GAP: was made anew after record 2"), std::string::npos) << ended.err;
+  EXPECT_NE(ended.err.find("GAP: was deleted and added again after record 2"), std::string::npos)
+      << ended.err;
 }
 
 TEST_F(MirrorTest, loss_signal_does_not_kill) {
@@ -258,13 +259,14 @@ TEST_F(MirrorTest, what_the_replica_did_not_keep_is_said_when_it_is_closed) {
   for (const char *name : {"full", "roomy"})  // as all that is there
     fs::permissions(src_ + "/" + name, fs::perms{0666});
   EXPECT_EQ(catch_up().exit, 1) << "caught up is only who has kept it";
-  EXPECT_EQ(status()["unkept"], 1);
+  EXPECT_EQ(status()["write_back_errors"], 1);
   fake_.send(write_data({5}, src_ + "/full", 0, "x"));
   mirror->signal(SIGTERM);
   const Ended ended = mirror->wait();
   EXPECT_EQ(ended.exit, 1);
-  const std::string line = "mirrord: " + replica("full") +
-                           ": not all that was written to it was kept: No space left on device\n";
+  const std::string line =
+      "mirrord: " + replica("full") +
+      ": write-back error, written data may be lost: No space left on device\n";
   EXPECT_EQ(ended.err,
             line + line + "mirrord: 2 things went wrong: the replica may differ from the source\n");
   EXPECT_EQ(status()["problems"], 2);
@@ -282,10 +284,10 @@ TEST_F(MirrorTest, what_cannot_be_written_to_the_disk_is_said_at_the_end) {
   const Ended ended = mirror->wait();
   EXPECT_EQ(ended.exit, 1);
   EXPECT_EQ(ended.err,
-            "mirrord: the file system of " + (dir_ / "replica") +
-                " did not keep all that was written to it: Input/output error\n"
+            "mirrord: write-back error on the file system of " + (dir_ / "replica") +
+                ": Input/output error\n"
                 "mirrord: 1 things went wrong: the replica may differ from the source\n");
-  EXPECT_EQ(status()["unkept"], 1);
+  EXPECT_EQ(status()["write_back_errors"], 1);
 }
 
 TEST(StatusFile, what_is_not_kept_does_not_take_its_place) {
@@ -438,7 +440,7 @@ TEST_F(MirrorTest, an_end_that_the_module_does_not_confirm_is_a_problem) {
   auto directory = Replica::open(dir_ / "replica");
   auto signals = SignalPipe::open({SIGTERM});
   Mirror mirror(
-      {.source = src_, .replica = dir_ / "replica", .stop_patience = std::chrono::milliseconds(50)},
+      {.source = src_, .replica = dir_ / "replica", .stop_timeout = std::chrono::milliseconds(50)},
       *directory, **channel);
   raise(SIGTERM);
   EXPECT_EQ(mirror.run(**signals), Mirror::End::kProblems);

@@ -185,7 +185,7 @@ class KernelChannelTest : public testing::Test {
 TEST_F(KernelChannelTest, a_request_makes_room_for_its_answer) {
   for (std::uint32_t n = 1; n <= AnsweringLink::kRoom; ++n)
     link_->deliver(name_change(OX_OP_UNLINK, {n}, "/d/f"));
-  ASSERT_EQ(*channel_->ask_barrier(), 1u);
+  ASSERT_EQ(*channel_->send_barrier(), 1u);
   std::uint32_t next = 1;
   for (std::uint64_t barriers = 0; barriers < 1;) {
     const auto got = channel_->receive(Milliseconds(5000));

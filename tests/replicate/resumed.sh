@@ -60,7 +60,7 @@ stop_mirrord
 tarn rule del $RULE
 add_rule
 start
-loss "a rule made anew" "GAP: was made anew"
+loss "a rule made anew" "GAP: was deleted and added again"
 stop_mirrord_after_a_loss
 
 # The same while it runs: not only when somebody changes something again.
@@ -69,14 +69,14 @@ clean "before the rule is deleted"
 tarn rule del $RULE
 echo unseen >>"$T/mnt/f"
 add_rule
-loss "a rule made anew beside a mirrord" "GAP: was made anew"
+loss "a rule made anew beside a mirrord" "GAP: was deleted and added again"
 stop_mirrord_after_a_loss
 cp -p "$T/lower/f" "$T/replica/f"
 
 # Without a mount nothing can be asked; the next record tells.
 tarn umount "$T/mnt"
 start
-loss "without a mount" "nobody knows whether changes since the last run are missing"
+loss "without a mount" "it is unknown whether changes since the last run are missing"
 tarn mount "$T/lower" "$T/mnt"
 echo four >>"$T/mnt/f"
 clean "with the mount again"

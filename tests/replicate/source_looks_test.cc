@@ -339,7 +339,7 @@ TEST_F(SourceLooksTest, what_lost_records_told_of_is_looked_for) {
   std::ofstream(src("in/new/deep/file")) << "z";
   ASSERT_EQ(chmod(src("in/d").c_str(), 0711), 0);
   expect(name_change(OX_OP_UNLINK, now(), src("in/never")), Outcome::kAlready);
-  applier_->lost(before);
+  applier_->note_lost(before);
   look();
   EXPECT_EQ(contents(copy("in/f")), "new");
   EXPECT_FALSE(fs::exists(copy("in/d/gone")));
@@ -547,7 +547,7 @@ TEST_F(SourceLooksTest, a_set_user_id_mode_is_only_taken_with_its_bytes) {
 TEST_F(SourceLooksTest, nobody_else_enters_the_replica) {
   struct stat s = status(copy(""));
   ASSERT_EQ(chmod(copy("").c_str(), 0755), 0);
-  const auto open = replica_->open_to_others();
+  const auto open = replica_->must_close_to_others();
   ASSERT_TRUE(open.ok());
   if (!*open) GTEST_SKIP() << "set-user-id modes are not honoured here";
   s = status(copy(""));
@@ -555,7 +555,7 @@ TEST_F(SourceLooksTest, nobody_else_enters_the_replica) {
   ASSERT_TRUE(replica_->close_to_others().ok());
   s = status(copy(""));
   EXPECT_EQ(s.st_mode & 07777, mode_t{0700});
-  const auto again = replica_->open_to_others();
+  const auto again = replica_->must_close_to_others();
   EXPECT_TRUE(again.ok() && !*again);
   ASSERT_TRUE(replica_->set_attributes("", {.mode = 0755}).ok());
   s = status(copy(""));

@@ -58,7 +58,7 @@ TEST_F(StateTest, what_cannot_be_read_is_no_first_start) {
     std::ofstream(file.path()) << text;
     const auto read = file.read();
     ASSERT_FALSE(read.ok());
-    EXPECT_NE(read.error().text.find("is not what a mirrord has kept"), std::string::npos);
+    EXPECT_NE(read.error().text.find("is not the state of the replica"), std::string::npos);
   }
 }
 

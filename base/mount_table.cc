@@ -31,7 +31,7 @@ std::vector<MountEntry> read_mount_table(std::string_view text) {
     while (!line.empty() && take_until(line, ' ') != "-") {
     }
     entry.type = take_until(line, ' ');
-    if (entry.type.empty()) continue;  // no mount
+    if (entry.type.empty()) continue;  // not a mount
     if (entry.type == "tarn" || entry.type == "fuse.tarn")
       entry.lower = unescape_octal(take_until(line, ' '));
     table.push_back(std::move(entry));

@@ -1,12 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The standard library's mutex and condition variable with clang's thread-safety attributes, which
- * the standard library itself lacks: clang refuses code that touches guarded data without the lock.
- * Other compilers see no attributes.
+ * The standard library's mutex and condition variable with clang's thread-safety attributes: clang
+ * refuses code that touches guarded data without the lock. Other compilers see no attributes.
  *
- * A datum says GUARDED_BY(its mutex). A function that needs the lock held ends in _locked and says
- * REQUIRES; one that takes the lock itself says EXCLUDES. The analysis does not follow a pointer or
- * an iterator that was obtained under the lock, nor look into constructors and destructors.
+ * Data is marked GUARDED_BY(its mutex). A function that needs the lock held ends in _locked and is
+ * marked REQUIRES; one that takes the lock is marked EXCLUDES. The analysis does not follow a
+ * pointer or an iterator that was obtained under the lock, and skips constructors and destructors.
  */
 #ifndef TARN_BASE_MUTEX_H
 #define TARN_BASE_MUTEX_H
@@ -43,7 +42,7 @@ class CAPABILITY("mutex") Mutex {
   std::mutex mutex_;
 };
 
-/* Holds the mutex while it exists, but for the time between unlock() and lock(). */
+/* Holds the mutex while it exists, except between unlock() and lock(). */
 class SCOPED_CAPABILITY MutexLock {
  public:
   explicit MutexLock(Mutex &mutex) ACQUIRE(mutex) : lock_(mutex.mutex_) {}
@@ -60,9 +59,9 @@ class SCOPED_CAPABILITY MutexLock {
 };
 
 /*
- * Every wait may return without a notification: it stands in a loop over what is waited for. The
- * standard library's waits with a predicate are not here, because the analysis does not know that
- * the lock is held inside one.
+ * A wait may return without a notification: call it in a loop over the condition. The standard
+ * waits with a predicate are missing, as the analysis does not know that the lock is held in the
+ * predicate.
  */
 class Condition {
  public:
@@ -70,7 +69,7 @@ class Condition {
 
   void wait(MutexLock &lock) { condition_.wait(lock.lock_); }
   void wait_for(MutexLock &lock, Clock::duration time) { condition_.wait_for(lock.lock_, time); }
-  /* False when the time has come. */
+  /* False at the timeout. */
   [[nodiscard]] bool wait_until(MutexLock &lock, Clock::time_point time) {
     return condition_.wait_until(lock.lock_, time) == std::cv_status::no_timeout;
   }

@@ -9,7 +9,7 @@
 
 namespace tarn {
 
-/* Prints to standard error. Unlike fmt::print() it does not throw when that cannot be written. */
+/* Prints to standard error. Unlike fmt::print() it does not throw on a write error. */
 template <class... Args>
 void print_error(fmt::format_string<Args...> format, Args &&...args) {
   std::fputs(fmt::format(format, std::forward<Args>(args)...).c_str(), stderr);

@@ -1,8 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * How libtarn says that something failed: a code (a negative errno, or a result of the module) and
- * one line of text for a person: what failed, where, and what can be done about it. Nothing here
- * throws.
+ * Results and errors of libtarn. An error has a code (a negative errno, or a result of the module)
+ * and one line of text for the user: what failed, where, and the remedy. Nothing here throws.
  */
 #ifndef TARN_BASE_RESULT_H
 #define TARN_BASE_RESULT_H

@@ -16,9 +16,9 @@
 namespace tarn {
 namespace {
 
-/* A socket address holds 107 bytes; through the descriptor of its directory any path fits. */
+/* A socket address holds 107 bytes; by /proc/self/fd of its directory any path fits. */
 struct SocketAddress {
-  UniqueFd directory; /* to be open as long as the address is used */
+  UniqueFd directory; /* stays open while the address is used */
   sockaddr_un address;
 
   const sockaddr *get() const { return reinterpret_cast<const sockaddr *>(&address); }
@@ -81,7 +81,7 @@ Result<UniqueFd> connect_socket(const std::string &run_dir, const std::string &n
   while (connect(socket_fd.get(), at.get(), sizeof(at.address)) != 0) {
     if (errno != EINTR) return failed(errno);
   }
-  // Any user can make a directory in /tmp and listen there.
+  // Any user may make a directory in /tmp and listen there.
   const auto peer = peer_credentials(socket_fd.get());
   if (!peer) return failed(-peer.error().code);
   if (geteuid() != 0 && peer->uid != 0 && peer->uid != geteuid())

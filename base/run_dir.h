@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The run directory of a tarnd: where it is, its sockets, and who is at the other end of one. They
- * are packet sockets, and their paths may be longer than a socket address holds.
+ * The run directory of a tarnd, its sockets and their peers. The sockets are SOCK_SEQPACKET, and
+ * their paths may be longer than a socket address holds.
  */
 #ifndef TARN_BASE_RUN_DIR_H
 #define TARN_BASE_RUN_DIR_H
@@ -20,26 +20,26 @@ namespace tarn {
  */
 std::string run_directory();
 
-/* The file in it that a tarnd holds locked (flock) from before it serves until after it has served.
- */
+/* The lock file in the run directory, which tarnd holds locked (flock) all the time that it
+ * serves. */
 inline constexpr char kTarndLock[] = "lock";
 
-/* A listening socket that everybody may connect to; replaces a stale one. */
+/* Makes a listening socket that every user may connect to; replaces a stale one. */
 Result<UniqueFd> listen_socket(const std::string &run_dir, const std::string &name);
 
 /*
- * Errors: -ENOENT and -ECONNREFUSED mean that no tarnd runs there; -EPERM that what listens there
- * is another user's program.
+ * Errors: -ENOENT and -ECONNREFUSED: no tarnd runs there; -EPERM: another user's program listens
+ * there.
  */
 Result<UniqueFd> connect_socket(const std::string &run_dir, const std::string &name);
 
-/* Is the error one that says that no tarnd runs there? */
+/* Does the error of connect_socket() mean that no tarnd runs there? */
 bool no_tarnd_there(const Error &error);
 
-/* The process at the other end, as it was when it connected or began to listen. */
+/* The peer's credentials at the time of its connect() or listen(). */
 Result<ucred> peer_credentials(int connection);
 
-/* The process that listens at the other end of the connection. */
+/* The listening process at the other end. */
 Result<pid_t> serving_process(const UniqueFd &connection);
 
 }  // namespace tarn

@@ -1,14 +1,14 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* A program may be started with some of its three standard descriptors closed. */
+/* For programs that may be started with standard descriptors closed. */
 #ifndef TARN_BASE_STANDARD_FDS_H
 #define TARN_BASE_STANDARD_FDS_H
 
 namespace tarn {
 
 /*
- * To be called first of all. Takes the numbers of closed standard descriptors, so that no file that
- * is opened later gets one of them and is written to in its stead. Nothing can be read from them,
- * and to write to them fails. Never fails itself: without /dev/null all stays as it is.
+ * Call it first in main(). Opens closed standard descriptors, so that no file opened later gets
+ * their numbers and a stray write. Reads from them return nothing and writes fail. Never fails;
+ * without /dev/null it does nothing.
  */
 void hold_standard_descriptors();
 

@@ -9,7 +9,7 @@
 namespace tarn {
 namespace {
 
-/* The length of the UTF-8 character that the bytes begin with, or 0 if they begin with none. */
+/* The length of the first UTF-8 character, or 0 if the first byte begins none. */
 std::size_t utf8_character(std::string_view bytes) {
   const auto at = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
   const unsigned first = at(0);
@@ -19,7 +19,7 @@ std::size_t utf8_character(std::string_view bytes) {
   for (std::size_t i = 1; i < length; ++i) {
     if ((at(i) & 0xc0) != 0x80) return 0;
   }
-  // Not the shortest form, a surrogate, or beyond the last character.
+  // Overlong forms, surrogates, and beyond U+10FFFF.
   if (first == 0xe0 && at(1) < 0xa0) return 0;
   if (first == 0xed && at(1) > 0x9f) return 0;
   if (first == 0xf0 && at(1) < 0x90) return 0;
@@ -128,7 +128,7 @@ std::string_view take_until(std::string_view &text, char end) {
 }
 
 std::string utc_time(std::int64_t us) {
-  // Rounded down, so that the fraction of a second counts forward before the epoch too.
+  // Rounded down: the fraction counts forward before the epoch too.
   const std::int64_t rest = us % 1'000'000, fraction = rest < 0 ? rest + 1'000'000 : rest;
   const auto seconds = static_cast<std::time_t>(us / 1'000'000 - (rest < 0));
   std::tm tm{};

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Paths hold any byte but NUL. These functions show them on one line without losing a byte. */
+/* Shows paths, which may contain any byte but NUL, on one line without losing a byte. */
 #ifndef TARN_BASE_TEXT_H
 #define TARN_BASE_TEXT_H
 
@@ -12,19 +12,19 @@ namespace tarn {
 bool valid_utf8(std::string_view bytes);
 
 /*
- * On one line, for a person: unchanged if it is plain text without blanks, quotes or backslashes;
- * otherwise in double quotes with \n, \t, \", \\ and \xHH for what is not printable UTF-8.
+ * One line for display: unchanged if it is UTF-8 without blanks, quotes, backslashes and control
+ * characters; otherwise in double quotes with \n, \t, \", \\ and \xHH.
  */
 std::string printable(std::string_view bytes);
 
-/* On one line of a log: control characters as \ooo, and backslashes doubled. */
+/* One line for a log: control characters as \ooo, and backslashes doubled. */
 std::string escape_controls(std::string_view text);
 
-/* Takes what stands before `end` off the front of the text, and `end` with it; all of the text if
- * it has none. */
+/* Removes and returns the text before the first `end`, which is removed too; all of the text if
+ * there is none. */
 std::string_view take_until(std::string_view &text, char end);
 
-/* Words in lines of /proc/mounts' kind: each of `bytes` becomes \ooo, and back. */
+/* Escapes as in /proc/mounts: each of `bytes` becomes \ooo, and back. */
 std::string escape_octal(std::string_view text, std::string_view bytes);
 std::string unescape_octal(std::string_view text);
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Small files that are read and written as a whole. */
+/* Reads and writes small files as a whole. */
 #ifndef TARN_BASE_TEXT_FILE_H
 #define TARN_BASE_TEXT_FILE_H
 
@@ -10,11 +10,10 @@
 
 namespace tarn {
 
-/* 0 or the error number; what was written until then stays. It may still be lost: see fsync. */
+/* Returns 0 or the error number, after which a part may have been written. Does not sync. */
 int write_text(int fd, std::string_view text);
 
-/* All until the end. The error is the system's; `what`, which begins its text, says what cannot be
- * done. */
+/* Reads up to the end of the file. `what` begins the error text and names the failed operation. */
 Result<std::string> read_text(int fd, const std::string &what);
 Result<std::string> read_text(const std::string &file, const std::string &what);
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The owner of one file descriptor: closes it when it goes. -1 is "none". */
+/* Owns a file descriptor and closes it when destroyed. -1 is "none". */
 #ifndef TARN_BASE_UNIQUE_FD_H
 #define TARN_BASE_UNIQUE_FD_H
 
@@ -26,11 +26,11 @@ class UniqueFd {
 
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
-  /* The caller closes it from now on. */
+  /* Gives the ownership to the caller. */
   int release() { return std::exchange(fd_, -1); }
   void reset() { static_cast<void>(close()); }
-  /* The same for a file that was written: 0 or the error number. Some file systems report
-   * write-back errors only here. The descriptor is closed in any case. */
+  /* Closes a written file and returns 0 or the error number: some file systems report write-back
+   * errors only here. The descriptor is closed in any case. */
   [[nodiscard]] int close() {
     const int fd = std::exchange(fd_, -1);
     return fd >= 0 && ::close(fd) != 0 ? errno : 0;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The version of the programs, as --version prints it: that of the whole project. */
+/* The project's version, as the programs' --version prints it. */
 #ifndef TARN_BASE_VERSION_H
 #define TARN_BASE_VERSION_H
 

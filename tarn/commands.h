@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The commands of the tool. Each is a function from its arguments to the process's exit code; what
- * it says goes to stdout, and what went wrong, one line, to stderr.
+ * The commands of the tool. Each takes its arguments and returns the process's exit code; results
+ * go to stdout, errors as one line to stderr.
  */
 #ifndef TARN_TARN_COMMANDS_H
 #define TARN_TARN_COMMANDS_H
@@ -18,7 +18,7 @@ namespace tarn {
 /* The exit codes, as tarn(1) lists them. */
 enum Exit {
   kExitOk = 0,
-  kExitFailed = 1,      /* what was asked for was refused or did not work */
+  kExitFailed = 1,      /* the request was refused or failed */
   kExitUsage = 2,       /* the command line is wrong */
   kExitNoTarnd = 3,     /* no tarnd runs in the run directory */
   kExitCannotStart = 4, /* tarnd was not found or did not start */
@@ -29,7 +29,7 @@ enum class Format { kText, kJson };
 /* Prints the error as one line and returns the exit code for it. */
 int fail(const Error &error);
 
-/* A UUID as it is typed. Error: -EINVAL. */
+/* Parses a UUID argument. Error: -EINVAL. */
 Result<Uuid> read_uuid(const std::string &text);
 
 int mount_command(const std::string &lower, const std::string &mountpoint);
@@ -50,7 +50,7 @@ int directory_flush_command();
 int directory_daemon_command(const std::string &program);
 
 struct LogOptions {
-  unsigned level = 7; /* the least serious that is shown */
+  unsigned level = 7; /* the least severe level to show */
   bool follow = false;
 };
 int log_command(const LogOptions &options);

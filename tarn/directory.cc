@@ -1,5 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
-// dir add, del, flush and daemon: which directories' contents only the daemon moves.
+// dir add, del, flush and daemon: directories whose contents only the daemon may rename.
 #include <iostream>
 
 #include "client/paths.h"

@@ -1,5 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
-// The command line of the tool: what can be typed, and which command it runs.
+// The command line of the tool.
 #include <algorithm>
 #include <cerrno>
 #include <iostream>
@@ -39,7 +38,7 @@ constexpr char kExample[] =
 
 constexpr int kManyDirectories = 10000;
 
-/* Everything that can stand on the command line, and what it was. */
+/* The grammar of the command line, and the parsed arguments. */
 class CommandLine {
  public:
   CommandLine() : app_(kAbout, "tarn") {
@@ -57,21 +56,21 @@ class CommandLine {
       app_.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
       if (error.get_exit_code() == 0) return app_.exit(error);
-      fail({-EINVAL, what_is_wrong(error) + ": 'tarn --help' shows what can be typed"});
+      fail({-EINVAL, explain(error) + ": 'tarn --help' shows the usage"});
       return kExitUsage;
     }
     return exit_;
   }
 
  private:
-  /* The library finds what is missing first, where a mistyped word is the reason that it is. */
-  std::string what_is_wrong(const CLI::ParseError &error) const {
+  /* An unknown word explains more than the missing one that the library reports. */
+  std::string explain(const CLI::ParseError &error) const {
     const auto unknown = app_.remaining(true);
     if (unknown.empty()) return error.what();
     return printable(unknown.front()) + " is not known here";
   }
 
-  /* Raw words: the library would take a directory named "[a,b]" for a list. */
+  /* The raw words: the library would parse a directory named "[a,b]" as a list. */
   static std::vector<std::string> words(const CLI::Option *option) { return option->results(); }
   Format format() const { return json_ ? Format::kJson : Format::kText; }
 
@@ -89,8 +88,7 @@ class CommandLine {
     mount->add_option("MOUNTPOINT", second_, "An existing directory where they appear")->required();
     mount->callback([this] { exit_ = mount_command(first_, second_); });
 
-    auto *umount =
-        command(app_, "umount", "Take the mount at MOUNTPOINT away; LOWER keeps everything");
+    auto *umount = command(app_, "umount", "Unmount MOUNTPOINT; LOWER keeps all files");
     umount->add_option("MOUNTPOINT", first_, "Where it is mounted")->required();
     umount->add_flag("--lazy", lazy_, "Even if programs still use it");
     umount->callback([this] { exit_ = umount_command(first_, lazy_); });
@@ -100,12 +98,12 @@ class CommandLine {
   }
 
   void add_rules() {
-    auto *rule = command(app_, "rule", "Say which directories are replicated");
+    auto *rule = command(app_, "rule", "Manage the rules: which directories are replicated");
     rule->require_subcommand(1);
 
     auto *add = command(*rule, "add", "Add a rule; prints its UUID if none was given");
     auto *uuid = add->add_option(
-        "UUID", "The rule's name: 32 hexadecimal digits, 8-4-4-4-12; made up if left out");
+        "UUID", "The rule's name: 32 hexadecimal digits, 8-4-4-4-12; generated if left out");
     auto *include =
         add->add_option("--include", "Directories of the lower file system to replicate")
             ->type_name("DIR...")
@@ -138,12 +136,12 @@ class CommandLine {
   }
 
   void add_directories() {
-    auto *dir = command(app_, "dir", "Say out of which directories only the daemon renames");
+    auto *dir = command(app_, "dir", "Manage the directories out of which only the daemon renames");
     dir->require_subcommand(1);
 
     auto *add = command(*dir, "add", "Add a directory; prints its UUID if none was given");
     add->add_option("DIR", first_, "A directory of the lower file system")->required();
-    auto *uuid = add->add_option("UUID", "Its name, as of a rule; made up if left out");
+    auto *uuid = add->add_option("UUID", "Its name, as of a rule; generated if left out");
     add->callback([this, uuid] {
       const auto given = words(uuid);
       exit_ = directory_add_command(first_, given.empty() ? std::nullopt : std::optional(given[0]));
@@ -156,7 +154,7 @@ class CommandLine {
     auto *flush = command(*dir, "flush", "Delete all directories");
     flush->callback([this] { exit_ = directory_flush_command(); });
 
-    auto *daemon = command(*dir, "daemon", "Say which program is the daemon, which may rename");
+    auto *daemon = command(*dir, "daemon", "Set the daemon's program, which may rename");
     daemon->add_option("PROGRAM", first_, "Its file")->required();
     daemon->callback([this] { exit_ = directory_daemon_command(first_); });
   }
@@ -189,13 +187,11 @@ class CommandLine {
   LogOptions log_;
 };
 
-/* What a command prints is what it was asked for: with that lost, it has failed. */
+/* A command whose output is lost has failed. */
 int finish(int exit) {
   if (std::cout.flush()) return exit;
-  fail(
-      {-EIO,
-       "cannot write to standard output: what was to be printed is lost, what was to be changed is "
-       "changed"});
+  fail({-EIO,
+        "cannot write to standard output: the output is lost, but the command was carried out"});
   return exit == kExitOk ? kExitFailed : exit;
 }
 

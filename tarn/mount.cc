@@ -1,5 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
-// mount, umount and stop: mounts of the module where it is, and the life of tarnd.
+// mount, umount and stop: mounts, and starting and ending tarnd.
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
@@ -31,14 +30,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr auto kStopPatience = std::chrono::seconds(30);
-constexpr auto kStartPatience = std::chrono::seconds(10);
+constexpr auto kStopTimeout = std::chrono::seconds(30);
+constexpr auto kStartTimeout = std::chrono::seconds(10);
 constexpr auto kPoll = std::chrono::milliseconds(20);
 
-/* The code of an error that is about starting tarnd. */
+/* Error code: tarnd could not be started. */
 constexpr int kNotStarted = -ECHILD;
 
-/* The whole path of an existing directory, without symbolic links. */
+/* The canonical path of an existing directory. */
 Result<std::string> directory(const std::string &path, const std::string &role) {
   std::error_code error;
   const fs::path whole = fs::canonical(path, error);
@@ -47,7 +46,7 @@ Result<std::string> directory(const std::string &path, const std::string &role) 
     return Error{-ENOENT, what + " does not exist: create the directory first"};
   if (error) return system_error(error.value(), what);
   const bool is_directory = fs::is_directory(whole, error);
-  // The dead mount of a killed tarnd returns this error; the next tarnd replaces it.
+  // The dead mount of a killed tarnd; the next tarnd replaces it.
   if (error == std::errc::not_connected) return whole.string();
   if (!is_directory) return Error{-ENOTDIR, what + " is not a directory: name one"};
   return whole.string();
@@ -58,7 +57,7 @@ bool runnable(const fs::path &path) {
   return fs::is_regular_file(path, error) && access(path.c_str(), X_OK) == 0;
 }
 
-/* Beside this program, in its build tree or installation, or in PATH. */
+/* Searches beside this program, in its build tree or installation, and in PATH. */
 Result<std::string> find_tarnd() {
   std::error_code error;
   const fs::path here = fs::read_symlink("/proc/self/exe", error).parent_path();
@@ -79,7 +78,7 @@ Result<std::string> find_tarnd() {
                   printable(here.string()))};
 }
 
-/* What a program wrote to the file that was its stderr, without the last newline. */
+/* The contents of a file that was a program's stderr, without trailing newlines. */
 std::string written(int fd) {
   std::string text;
   char part[4096];
@@ -90,13 +89,13 @@ std::string written(int fd) {
   return text;
 }
 
-/* Starts tarnd, which goes to the background by itself once it serves; an error is what tarnd said.
- */
+/* Starts tarnd and waits until it serves and has gone to the background. The error text is
+ * tarnd's. */
 Result<void> start_tarnd(const std::string &run_dir) {
   const auto program = find_tarnd();
   if (!program) return Error{kNotStarted, program.error().text};
   const std::string what = "cannot start " + printable(*program);
-  // A file and not a pipe: a tarnd that has gone to the background may keep it open.
+  // A file, not a pipe: a tarnd in the background may keep it open.
   const UniqueFd errors(memfd_create("tarnd-stderr", MFD_CLOEXEC));
   if (!errors) return system_error(errno, what);
   posix_spawn_file_actions_t actions;
@@ -106,7 +105,7 @@ Result<void> start_tarnd(const std::string &run_dir) {
   posix_spawn_file_actions_adddup2(&actions, errors.get(), 2);
   std::string option = "--run-dir", name = "tarnd", directory = run_dir;
   char *arguments[] = {name.data(), option.data(), directory.data(), nullptr};
-  // Ignored, as some programs leave it to those that they start, it would hide how tarnd has ended.
+  // If our parent left SIGCHLD ignored, waitpid() could not get tarnd's exit status.
   signal(SIGCHLD, SIG_DFL);
   pid_t pid;
   const int err = posix_spawn(&pid, program->c_str(), &actions, nullptr, arguments, environ);
@@ -132,14 +131,14 @@ bool tarnd_lives(const std::string &run_dir) {
 
 /* Ends tarnd and waits until it has released its lock. */
 Result<void> stop_tarnd(const std::string &run_dir) {
-  // While the connection is open, its number is no other process's.
+  // While the connection is open, the process id is not reused.
   const auto connection = connect_socket(run_dir, OX_CTL_SOCKET);
   if (!connection) return connection.error();
   const auto pid = serving_process(*connection);
   if (!pid) return pid.error();
   if (kill(*pid, SIGTERM) != 0)
     return system_error(errno, fmt::format("cannot end tarnd (process {})", *pid));
-  const auto deadline = std::chrono::steady_clock::now() + kStopPatience;
+  const auto deadline = std::chrono::steady_clock::now() + kStopTimeout;
   while (tarnd_lives(run_dir)) {
     if (std::chrono::steady_clock::now() > deadline)
       return Error{
@@ -151,8 +150,8 @@ Result<void> stop_tarnd(const std::string &run_dir) {
   return {};
 }
 
-/* Unmounts all idle mounts, and prints a note for each busy one, which tarnd aborts when it ends.
- * In reverse order: a mount may lie on or above an earlier one. */
+/* Unmounts all idle mounts in reverse order, as a mount may lie on or above an earlier one. Prints
+ * a note for each busy one, which tarnd aborts when it ends. */
 void unmount_idle(const std::string &run_dir) {
   auto channel = ControlChannel::connect(tarnd_site(run_dir));
   if (!channel) return;
@@ -173,7 +172,7 @@ struct Connection {
   bool started_here; /* no tarnd ran before */
 };
 
-/* To the module where it is; if nowhere, to a tarnd that is started for it. */
+/* Connects to the module of the site; starts a tarnd if none runs. */
 Result<Connection> connect_or_start(const Site &site) {
   if (site.in_kernel()) {
     auto channel = ControlChannel::connect(site);
@@ -181,7 +180,7 @@ Result<Connection> connect_or_start(const Site &site) {
     return Connection{std::move(*channel), false};
   }
   const std::string &run_dir = site.run_dir;
-  const auto deadline = std::chrono::steady_clock::now() + kStartPatience;
+  const auto deadline = std::chrono::steady_clock::now() + kStartTimeout;
   for (;;) {
     auto channel = ControlChannel::connect(tarnd_site(run_dir));
     if (channel) return Connection{std::move(*channel), false};
@@ -189,8 +188,8 @@ Result<Connection> connect_or_start(const Site &site) {
     const auto start = start_tarnd(run_dir);
     channel = ControlChannel::connect(tarnd_site(run_dir));
     if (channel) return Connection{std::move(*channel), start.ok()};
-    // One that another program has just started, or that is just ending, is in the way for a moment
-    // only.
+    // A tarnd that another program has just started, or that is just ending, is not a failure yet:
+    // retry.
     if (start || !tarnd_lives(run_dir) || std::chrono::steady_clock::now() > deadline)
       return start ? channel.error() : start.error();
     std::this_thread::sleep_for(kPoll);
@@ -208,7 +207,7 @@ int mount_command(const std::string &lower, const std::string &mountpoint) {
   const Site site = find_site();
   auto connection = connect_or_start(site);
   if (!connection && connection.error().code == kNotStarted) {
-    // tarnd's own words; its lines begin with its name.
+    // The text is tarnd's; its lines begin with its name.
     const std::string &said = connection.error().text;
     std::fprintf(stderr, "%s%s\n", said.starts_with("tarnd:") ? "" : "tarn: ", said.c_str());
     return kExitCannotStart;

@@ -24,7 +24,7 @@ std::string octal(std::uint32_t mode) {
   return fmt::format("{:04o}", mode & 07777);
 }
 
-/* Only what the change names. */
+/* Only the attributes that the change sets. */
 void add_attributes(Json &json, const SetAttr &c) {
   if (c.valid & OX_ATTR_MODE) json["mode"] = octal(c.mode);
   if (c.valid & OX_ATTR_UID) json["uid"] = c.uid;
@@ -106,7 +106,8 @@ std::string event_line(const Sequencer::Event &event) {
             return fmt::format("joined at #{}: earlier records went elsewhere", e.first);
           },
           [](const Sequencer::Restarted &e) {
-            return fmt::format("made anew after #{}: changes in between are missing", e.last);
+            return fmt::format("deleted and added again after #{}: changes in between are missing",
+                               e.last);
           },
           [](const Sequencer::Missing &e) {
             return fmt::format("#{} to #{} missing", e.first, e.last);
@@ -115,7 +116,7 @@ std::string event_line(const Sequencer::Event &event) {
             return fmt::format("#{} incomplete: {} pages arrived, the others are missing", e.wseq,
                                e.arrived);
           },
-          [](const Sequencer::Duplicate &e) { return fmt::format("#{} came once more", e.wseq); },
+          [](const Sequencer::Duplicate &e) { return fmt::format("#{} arrived again", e.wseq); },
       },
       event);
 }

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* How the tool shows change records and rules. */
+/* Formats change records and rules as text and JSON. */
 #ifndef TARN_TARN_REPORT_H
 #define TARN_TARN_REPORT_H
 
@@ -19,7 +19,7 @@ std::string record_line(const Record &record);
 /* One object; the fields are those that tarn(1) lists. Written data is not shown. */
 nlohmann::ordered_json record_json(const Record &record);
 
-/* The irregularities of a rule's numbers, in words and as an object. */
+/* A rule's sequence events, as text and as an object. */
 std::string event_line(const Sequencer::Event &event);
 nlohmann::ordered_json event_json(const Uuid &rule, const Sequencer::Event &event);
 

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Commands that ask one thing of the module and have nothing to say when it is done. */
+/* For commands that send one request to the module and print nothing on success. */
 #ifndef TARN_TARN_REQUEST_H
 #define TARN_TARN_REQUEST_H
 
@@ -9,7 +9,7 @@
 
 namespace tarn {
 
-/* request(channel) is a Result<void>. The exit code; an error has been printed. */
+/* Calls request(channel), which returns Result<void>. Prints an error and returns the exit code. */
 template <typename Request>
 int ask_module(Request request) {
   auto channel = ControlChannel::connect(find_site());

@@ -28,7 +28,7 @@ Result<Uuid> read_uuid(const std::string &text) {
 
 namespace {
 
-/* Records carry whole paths. */
+/* Records carry canonical paths. */
 Result<std::vector<std::string>> whole_paths(const std::vector<std::string> &paths) {
   std::vector<std::string> whole;
   for (const std::string &path : paths) {

@@ -1,5 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
-// status: everything about a running tarn at a glance.
+// status: mounts, rules and daemon of the running tarn.
 #include <cerrno>
 #include <iostream>
 
@@ -22,7 +21,7 @@ struct Status {
   std::vector<Mount> mounts;
   std::optional<std::vector<Rule>> rules; /* none if the caller may not read them */
   std::optional<pid_t> daemon;
-  std::optional<DaemonReport> report; /* none if the daemon keeps none */
+  std::optional<DaemonReport> report; /* none if the daemon writes none */
 
   bool stopped(const Rule &rule) const { return report && report->stopped.contains(rule.uuid); }
 };

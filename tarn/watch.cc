@@ -21,7 +21,7 @@
 namespace tarn {
 namespace {
 
-constexpr DaemonChannel::Milliseconds kLookAround{1000};
+constexpr DaemonChannel::Milliseconds kPollInterval{1000};
 
 void say(const std::string &text) {
   std::cerr << "tarn: " << text << '\n';
@@ -43,11 +43,10 @@ class Watcher : public Sequencer::Sink {
   void expire() { sequencer_.expire(Sequencer::Clock::now()); }
   void finish() { sequencer_.finish(); }
 
-  /* How long to wait for packets before expire() may have something to do, or another daemon may
-   * have taken over. */
-  DaemonChannel::Milliseconds patience() const {
+  /* How long to wait for packets: until expire() is due, or another daemon may have taken over. */
+  DaemonChannel::Milliseconds receive_timeout() const {
     using Milliseconds = DaemonChannel::Milliseconds;
-    auto wait = kLookAround;
+    auto wait = kPollInterval;
     if (const auto deadline = sequencer_.next_deadline())
       wait = std::min(wait, std::chrono::ceil<Milliseconds>(*deadline - Sequencer::Clock::now()));
     return std::max(wait, Milliseconds(0));
@@ -77,7 +76,7 @@ class Watcher : public Sequencer::Sink {
       std::cout << record_line(record) << '\n';
   }
 
-  /* A write of several pages is one record, and one line. */
+  /* Shows a paged write as one record. */
   void show_paged(const Record &record, const PageFollower::Place &place) {
     const auto &page = std::get<WritePage>(record.change);
     Record whole = record;
@@ -117,14 +116,16 @@ void lost(Format format, std::uint64_t times) {
     say(fmt::format("the module could not deliver {} messages", times));
 }
 
-/* Until the user has seen enough, or nothing more will come, which is an error. */
+/* Shows packets until a signal arrives. Error: the channel was closed or another daemon took
+ * over. */
 Result<void> show_all(Watcher &watcher, DaemonChannel &channel, SignalPipe &signals,
                       Format format) {
   using Clock = std::chrono::steady_clock;
   std::optional<Clock::time_point> end_by;
   for (;;) {
-    const auto patience = end_by ? DaemonChannel::Milliseconds(0) : watcher.patience();
-    const auto received = channel.receive(patience, signals.fd());
+    const auto receive_timeout =
+        end_by ? DaemonChannel::Milliseconds(0) : watcher.receive_timeout();
+    const auto received = channel.receive(receive_timeout, signals.fd());
     if (!received) return received.error();
     for (const Bytes packet : received->packets) watcher.packet(packet);
     watcher.expire();
@@ -135,8 +136,8 @@ Result<void> show_all(Watcher &watcher, DaemonChannel &channel, SignalPipe &sign
     if (received->closed)
       return Error{-EPIPE, "tarnd has ended, so there is nothing more to watch"};
     if (!std::cout) return {};
-    // What has come before the signal is shown, but a stream without end is not waited for.
-    if (received->woken && !end_by && signals.take() != 0) end_by = Clock::now() + kLookAround;
+    // Show what arrived before the signal, for at most kPollInterval.
+    if (received->woken && !end_by && signals.take() != 0) end_by = Clock::now() + kPollInterval;
     if (end_by && (received->packets.empty() || Clock::now() > *end_by)) return {};
     if (received->packets.empty() && channel.taken_over())
       return Error{-EBUSY, "another daemon has taken over: no more records come here"};

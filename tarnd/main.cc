@@ -1,5 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
-// tarnd: a kernel with the tarn module in a process, its mounts and its channels.
+// tarnd: runs a kernel with the tarn module in this process, and serves its mounts and channels.
 
 #include <sys/stat.h>
 
@@ -51,7 +50,7 @@ int fail(const Error &error) {
   return EXIT_FAILURE;
 }
 
-std::string what_is_wrong(const CLI::App &app, const CLI::ParseError &error) {
+std::string explain(const CLI::App &app, const CLI::ParseError &error) {
   const auto unknown = app.remaining();
   if (!unknown.empty())
     return (unknown.front().starts_with('-') ? "wrong option " : "unexpected argument ") +
@@ -60,7 +59,7 @@ std::string what_is_wrong(const CLI::App &app, const CLI::ParseError &error) {
   return error.what();
 }
 
-/* Nothing, with the exit status, when the program has nothing more to do. */
+/* Returns nothing, with the exit status set, if the program is to end. */
 std::optional<Options> parse_options(int argc, char **argv, int *status) {
   Options options;
   CLI::App app(kAbout, "tarnd");
@@ -81,8 +80,7 @@ std::optional<Options> parse_options(int argc, char **argv, int *status) {
   } catch (const CLI::ParseError &error) {
     *status = error.get_exit_code() == 0
                   ? app.exit(error)
-                  : fail({-EINVAL,
-                          what_is_wrong(app, error) + ": 'tarnd --help' shows what can be typed"});
+                  : fail({-EINVAL, explain(app, error) + ": 'tarnd --help' shows the usage"});
     return std::nullopt;
   }
 }
@@ -94,7 +92,7 @@ sigset_t ending_signals() {
   return set;
 }
 
-// From the first thread to the last.
+// All threads but the main one exist only during this call.
 Result<void> run(const RunDir &run_dir, Guardian *guardian, bool print_log, ReadyPipe *ready) {
   install_panic_handler();
   auto kernel = Kernel::boot();
@@ -123,8 +121,7 @@ Result<void> run(const RunDir &run_dir, Guardian *guardian, bool print_log, Read
     while (sigwait(&signals, &signal) != 0) {
     }
 
-    // Mounts first: their last records still go to a daemon. Pending unmount requests end with
-    // them.
+    // Mounts first: their last records still reach a daemon, and pending unmount requests end.
     control.stop();
     mounts.unmount_all();
     controls.stop();
@@ -149,13 +146,13 @@ Result<void> start(Options options, ReadyPipe *ready) {
   }
   const auto guardian = Guardian::start();
   if (!guardian) return guardian.error();
-  // Every thread inherits this mask; only the main one takes these signals, when it waits for them.
+  // All threads inherit this mask; the main thread takes these signals by sigwait().
   const sigset_t signals = ending_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   return run(*run_dir, guardian->get(), options.foreground, ready);
 }
 
-/* The same where the standard library throws: without memory or threads. */
+/* Also catches exceptions of the standard library: no memory, no threads. */
 Result<void> start_or_fail(const Options &options, ReadyPipe *ready) {
   try {
     return start(options, ready);
@@ -172,7 +169,7 @@ int main(int argc, char **argv) {
   int status = EXIT_SUCCESS;
   const auto options = tarnd::parse_options(argc, argv, &status);
   if (!options) return status;
-  // The host has applied the caller's umask.
+  // The host kernel has applied the caller's umask.
   umask(0);
   std::signal(SIGPIPE, SIG_IGN);
   // An inherited SIG_IGN would hide the exit status of helpers.

@@ -29,7 +29,7 @@ using tarn::Error;
 using tarn::Result;
 
 static constexpr size_t kReplyMax = OX_CTL_PACKET_MAX - sizeof(ox_ctl_reply);
-// The largest buffer for an option. It holds some 16000 rules.
+// The largest option buffer, enough for some 16000 rules.
 static constexpr unsigned long long kRoomMax = 256ull << 20;
 static constexpr unsigned kLogSliceMs = 200;
 
@@ -40,7 +40,7 @@ struct Request {
   std::vector<char> argument;
 };
 
-// One connection's requests.
+// Serves the requests of one connection.
 class Session {
  public:
   Session(int connection, const Identity &peer, MountTable *mounts,
@@ -153,7 +153,7 @@ void Session::serve(Request &request) {
 
 namespace {
 
-// Makes a buffer user memory of the current task for a scope.
+// Registers a buffer as user memory of the current task.
 class UserMemory {
  public:
   UserMemory(void *start, size_t len) : start_(len ? start : nullptr) {
@@ -187,7 +187,7 @@ void Session::get_option(Request &request) {
   if (request.head.room > kRoomMax) return reply(-ENOMEM);
   std::vector<char> &buffer = request.argument;
   int len = static_cast<int>(buffer.size());
-  // Others are refused by the module: no need to allocate for them.
+  // The module refuses other peers: do not allocate for them.
   if (is_privileged(peer_) && buffer.size() < request.head.room) buffer.resize(request.head.room);
 
   int result;
@@ -203,7 +203,7 @@ void Session::get_option(Request &request) {
   reply_in_pieces(std::span<const char>(buffer).first(static_cast<size_t>(len)));
 }
 
-// The NUL-terminated strings that an argument consists of; empty when it is anything else.
+// Splits an argument into its NUL-terminated strings; empty if it is malformed.
 static std::vector<std::string> strings_of(const std::vector<char> &argument) {
   if (argument.empty() || argument.back() != '\0') return {};
   std::vector<std::string> out;
@@ -268,7 +268,7 @@ void Session::read_log(const Request &request) {
   reply(0, next, lines);
 }
 
-// The module writes the lower directory at the end of the options as it is.
+// The module appends the lower directory to the options without escaping.
 std::string to_mount_line(const std::string &line) {
   constexpr std::string_view kEnd = " 0 0";
   std::istringstream words(line);

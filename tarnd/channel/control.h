@@ -19,9 +19,10 @@ class Control {
  public:
   explicit Control(MountTable *mounts) : mounts_(mounts) {}
 
-  /* Until the peer hangs up or the connection is shut down. Any number of connections at once. */
+  /* Serves until the peer hangs up or the connection is shut down. Any number of connections at a
+   * time. */
   void serve(int connection, const Identity &peer);
-  /* Ends waiting requests soon. */
+  /* Ends blocked requests within a moment. */
   void stop() { stopping_ = true; }
 
  private:
@@ -29,7 +30,8 @@ class Control {
   std::atomic<bool> stopping_ = false;
 };
 
-/* "LOWER MOUNTPOINT OPTIONS" out of one line of the kernel's mount table; empty for other types. */
+/* Makes "LOWER MOUNTPOINT OPTIONS\n" from a line of the kernel's mount table; "" for other
+ * types. */
 std::string to_mount_line(const std::string &line);
 
 }  // namespace tarnd

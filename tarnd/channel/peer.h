@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The identity and the privilege of a local socket's peer. */
+/* The identity and privilege of a local socket's peer. */
 #ifndef TARND_CHANNEL_PEER_H
 #define TARND_CHANNEL_PEER_H
 

@@ -28,7 +28,7 @@ static constexpr std::chrono::milliseconds kRightsTtl{10};
 
 static thread_local CallerTask *worker_task;
 
-// All tasks of workers: an interrupt may arrive after its worker has ended.
+// The tasks of all workers: an interrupt may arrive after its worker has ended.
 static Mutex all_mutex;
 static std::vector<CallerTask *> all_tasks GUARDED_BY(all_mutex);
 
@@ -50,14 +50,14 @@ CallerTask &caller_task() {
   return *worker_task;
 }
 
-// Whether two paths lead to one file. A path from another mount name space may lead elsewhere here.
+// Are two paths the same file? A path from another mount namespace may name another file here.
 static bool same_file(const char *one, const char *other) {
   struct stat a, b;
   return stat(one, &a) == 0 && stat(other, &b) == 0 && a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// The path of the caller's program. 0 for requests of the host kernel itself, which have no
-// process, and for a program that has another path in our mount name space.
+// The path of the caller's program. Returns 0 for requests of the host kernel itself, which have no
+// process, and for a program that has another path in our mount namespace.
 static long caller_exe(int pid, char *buf, unsigned long size) {
   if (pid == 0) return 0;
   char link[32], path[PATH_MAX];
@@ -70,8 +70,8 @@ static long caller_exe(int pid, char *buf, unsigned long size) {
   return len;
 }
 
-// The pending signals of a thread of the host that are not blocked; bit n - 1 is signal n. Most
-// signals do not end a wait for a daemon.
+// The pending, unblocked signals of a host thread; bit n - 1 is signal n. Most signals do not end a
+// wait for a daemon.
 static unsigned long long pending_signals(int tid) {
   std::ifstream status(fmt::format("/proc/{}/status", tid));
   unsigned long long pending = 0, blocked = 0;
@@ -92,7 +92,7 @@ static Step step_of(Need need) {
   return need == Need::kPath ? Step::kLast : Step::kNone;
 }
 
-// Steps of 4 ms. The exact clock costs each request some 40 ns.
+// Steps of 4 ms. A precise clock would cost each request some 40 ns.
 static unsigned long tick() {
   timespec now;
   clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
@@ -104,8 +104,8 @@ bool CallerTask::continues_walk(int pid, Need need) {
   return walk_.take(pid, step_of(need), tick());
 }
 
-// Requests of the host kernel itself (write-back), and of programs in another process name space,
-// come without a process. For these the host's own permission check is the only one.
+// Requests of the host kernel itself (write-back), and of programs in another pid namespace, have
+// pid 0. Only the host's permission check applies to them.
 const ProcessRights &CallerTask::rights_of(const fuse_ctx &ctx, Clock::time_point now) {
   static const ProcessRights none{}, all{{}, kAllCapabilities};
   if (ctx.pid == 0) return ctx.uid == 0 ? all : none;
@@ -176,7 +176,7 @@ void CallerTask::watch_interrupts() {
     watched_ = interruptible_;
   }
   watching_ = true;
-  // Not under the lock: libfuse calls back at once if the interrupt came first.
+  // Not under the lock: libfuse calls back at once if the interrupt has already arrived.
   fuse_req_interrupt_func(interruptible_, interrupted, this);
 }
 

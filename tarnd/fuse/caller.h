@@ -16,12 +16,12 @@
 
 namespace tarnd {
 
-/* What the operation needs to know of its caller, besides pid, user and group. */
+/* The caller's attributes that an operation needs, besides pid, uid and gid. */
 enum class Need {
   kBasic,
   kRights, /* groups and capabilities, for permission checks and writes */
-  kLookup, /* the same, for a look-up */
-  kPath,   /* the same, for an operation that follows look-ups in one system call (path_walk.h) */
+  kLookup, /* kRights, for a look-up */
+  kPath,   /* kRights, for an operation after look-ups in one system call (path_walk.h) */
 };
 
 /*
@@ -38,7 +38,7 @@ class CallerTask {
   const Task &task() const { return task_; }
   /* Takes on the identity of the request's caller. Throws std::bad_alloc. */
   void become(fuse_req_t req, Need need);
-  /* The calling worker's request, if it has one, is about to be replied to and becomes invalid. */
+  /* Call it before a reply, which invalidates the worker's request, if there is one. */
   static void reply_due();
 
  private:
@@ -64,8 +64,8 @@ class CallerTask {
   std::array<CachedRights, 4> rights_cache_;
   PathWalk walk_;
 
-  fuse_req_t interruptible_ = nullptr;  // its interrupt ends a wait; null once it is replied to
-  bool watching_ = false;               // whether watched_ is set, for the worker itself
+  fuse_req_t interruptible_ = nullptr;  // its interrupt ends a wait; null after the reply
+  bool watching_ = false;               // watched_ is set; only the worker uses this
   tarn::Mutex mutex_;
   fuse_req_t watched_ GUARDED_BY(mutex_) = nullptr;  // interruptible_, once the task has waited
   bool interrupted_ GUARDED_BY(mutex_) = false;
@@ -87,7 +87,7 @@ class InterruptScope {
   CallerTask &task_;
 };
 
-/* That of the calling worker. */
+/* The calling worker's task. */
 CallerTask &caller_task();
 
 }  // namespace tarnd

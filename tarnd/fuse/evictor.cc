@@ -12,12 +12,12 @@
 
 namespace tarnd {
 
-// Between two rounds: the host's forget requests take a moment to arrive, and a dentry that it
-// cannot drop must not be tried in a busy loop.
+// Pause between two rounds: the host's forget requests take a moment to arrive, and a dentry that
+// it cannot drop must not cause a busy loop.
 static constexpr std::chrono::milliseconds kRoundInterval{1};
 
-// Three eighths of all descriptors. The others are for open files, for directories, and for
-// look-ups during a round.
+// Three eighths of the descriptor limit. The rest is for open files, directories, and look-ups
+// during a round.
 static size_t node_limit() {
   rlimit limit{};
   if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY)
@@ -41,13 +41,13 @@ void Evictor::run() {
     try {
       closed = !evict_some(limit);
     } catch (const std::bad_alloc &) {
-      // The next round tries again.
+      // retried in the next round
     }
     std::this_thread::sleep_for(kRoundInterval);
   }
 }
 
-// False when the mount is closed.
+// Returns false when the mount is closed.
 bool Evictor::evict_some(size_t limit) {
   const auto nodes = mount_->lookups().wait_for_eviction(limit);
   if (!nodes) return false;

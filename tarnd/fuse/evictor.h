@@ -1,13 +1,13 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Bounds the number of a mount's files in the host's dentry cache, because each has a descriptor
- * here. The host itself drops dentries only when its memory runs short. When there are too many, it
- * is told to drop some of files that are not open; it looks their names up again when they are
- * used. Directories stay: one may be a working directory, and most have no descriptor while they
- * are idle (ukern/fs/hostfs_held.cc).
+ * here. The host itself drops dentries only when its memory runs short. Beyond the limit, the host
+ * is told to drop dentries of files that are not open; it looks them up again at the next use.
+ * Directories stay: one may be a working directory, and most have no descriptor while they are idle
+ * (ukern/fs/hostfs_held.cc).
  *
- * Runs in a thread of its own: to drop a dentry the host locks the directory, and a request that
- * holds this lock may wait for a worker.
+ * Runs on its own thread: to drop a dentry the host locks the directory, and a request that holds
+ * this lock may wait for a worker.
  */
 #ifndef TARND_FUSE_EVICTOR_H
 #define TARND_FUSE_EVICTOR_H
@@ -32,8 +32,8 @@ class Evictor {
   Evictor(const Evictor &) = delete;
   Evictor &operator=(const Evictor &) = delete;
 
-  /* Joins the thread. It may wait for a request, so stop it before the workers. Any thread; may be
-   * called again. */
+  /* Joins the thread, which may wait for a request: stop it before the workers. Any thread may
+   * call, more than once. */
   void stop();
 
  private:

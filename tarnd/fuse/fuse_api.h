@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* The one place that says which version of libfuse's interface is used. */
+/* Includes libfuse and selects the version of its interface. */
 #ifndef TARND_FUSE_FUSE_API_H
 #define TARND_FUSE_FUSE_API_H
 

@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The references of the host kernel to one mount: a lookup count per node, and the open files.
+ * The host kernel's references to nodes of one mount: a lookup count per node, and the open files.
  * clear() drops all of them when the session ends.
  *
  * Any thread may call. A call that drops a reference needs a current task. A node is in one table
@@ -27,9 +27,9 @@ class LookupTable {
  public:
   /* Adds one to the node's lookup count. */
   void add_lookup(uk_node *node, Kind kind) EXCLUDES(mutex_);
-  /* Takes `count` off it, as a forget request does. */
+  /* Subtracts `count` from it, for a forget request. */
   void forget(uk_node *node, unsigned long count) EXCLUDES(mutex_);
-  /* Keeps a reference to the node until the file is released. The node may be the root, which is
+  /* Holds a reference to the node until the file is released. The node may be the root, which is
    * never looked up. */
   void add_open_file(uk_file *file, uk_node *node) EXCLUDES(mutex_);
   void release(uk_file *file) EXCLUDES(mutex_);
@@ -40,12 +40,12 @@ class LookupTable {
   size_t open_files() const EXCLUDES(mutex_);
 
   /*
-   * The host drops a node only when its own memory runs short, and each file among them has a
-   * descriptor here. Waits until there are more than `limit` of these. Returns some that are not
-   * open, each with a reference that is the caller's; nothing after close(). Throws std::bad_alloc.
+   * The host drops a node only when its own memory runs short, and each file has a descriptor here.
+   * Waits until there are more than `limit` of these. Returns nodes that are not open, with a
+   * reference each for the caller; nothing after close(). Throws std::bad_alloc.
    */
   std::optional<std::vector<uk_node *>> wait_for_eviction(size_t limit) EXCLUDES(mutex_);
-  /* Ends the wait, and all later ones. */
+  /* Ends this and all later waits. */
   void close() EXCLUDES(mutex_);
 
  private:
@@ -73,8 +73,7 @@ class LookupTable {
   std::vector<uk_node *> pick_victims_locked(size_t most) REQUIRES(mutex_);
 
   mutable tarn::Mutex mutex_;
-  tarn::Condition evict_;  // excess, or closed_
-  // Of wait_for_eviction().
+  tarn::Condition evict_;  // wait_for_eviction()'s
   size_t limit_ GUARDED_BY(mutex_) = std::numeric_limits<size_t>::max();
   List directories_ GUARDED_BY(mutex_), files_ GUARDED_BY(mutex_);  // the next victim is first
   bool closed_ GUARDED_BY(mutex_) = false;

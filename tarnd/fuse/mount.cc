@@ -38,7 +38,7 @@ static void log_fuse_message(fuse_log_level, const char *format, va_list args) {
   tarn::print_error("{}\n", last_fuse_message);
 }
 
-// Users other than root mount through a helper, which prints the reason to our standard error.
+// For users other than root the mount helper prints the reason to our standard error.
 static std::string mount_failure(int err) {
   if (!last_fuse_message.empty()) return last_fuse_message;
   return geteuid() == 0 ? std::strerror(err)
@@ -65,18 +65,18 @@ Result<std::unique_ptr<Mount>> Mount::make(const std::string &lower, const std::
 }
 
 Result<void> Mount::start() {
-  if (auto taken = take_over(); !taken) return taken;
+  if (auto taken = remove_dead_mount(); !taken) return taken;
   if (auto lower = require_directory("lower directory", lower_); !lower) return lower;
   if (auto place = require_directory("mount point", mountpoint_); !place) return place;
   if (auto below = mount_kernel(); !below) return below;
   return mount_host();
 }
 
-// Removes the dead mount of a tarnd that was killed.
-Result<void> Mount::take_over() {
+// Removes the dead mount of a killed tarnd.
+Result<void> Mount::remove_dead_mount() {
   if (!is_dead_tarn_mount(mountpoint_)) return {};
   if (const int err = unmount_host(mountpoint_, Detach::kLazily); err != 0)
-    return system_error(-err, "cannot take away what a killed tarnd has left on " + mountpoint_);
+    return system_error(-err, "cannot unmount the dead mount of a killed tarnd on " + mountpoint_);
   return {};
 }
 
@@ -111,7 +111,7 @@ void Mount::unmount_kernel() {
     uk_drop_caches();
     err = uk_fs_umount(mountpoint_.c_str(), 0);
   }
-  // Another mount whose lower directory is in this one keeps it busy. It ends with that mount.
+  // Another mount whose lower directory is in this one keeps it busy: it goes with that mount.
   if (err == -EBUSY) err = uk_fs_umount(mountpoint_.c_str(), kDetach);
   if (err)
     tarn::print_error("tarnd: {}\n", system_error(-err, mountpoint_ + " is not unmounted").text);
@@ -147,7 +147,7 @@ static std::string escaped(const std::string &value) {
   return out;
 }
 
-// Whether a file system that is mounted inside the directory, whose path has no links, forbids it.
+// Does a mount inside the directory (a canonical path) have the option?
 static bool forbidden_inside(std::string inside, const std::string &option) {
   if (inside != "/") inside += '/';
   for (const tarn::MountEntry &mount : tarn::mount_table())
@@ -201,7 +201,7 @@ Result<void> Mount::mount_session() {
   // default_permissions: an open of a FIFO, a socket or a device sends no request, so only the host
   // can check it.
   args.add("-odefault_permissions" + *forbidden);
-  // Only root may let other users in.
+  // only root may allow other users
   if (geteuid() == 0) args.add("-oallow_other");
 
   last_fuse_message.clear();
@@ -222,7 +222,7 @@ void Mount::stop() {
 }
 
 // libfuse unmounts by path unless poll() reports an error on the session's descriptor. After a
-// detach the path is not ours any more, so the descriptor is replaced with one that has that error.
+// detach the path may have another mount, so the descriptor is replaced by one with that error.
 bool Mount::end_connection(int fuse_fd) {
   while (dup3(ended_.get(), fuse_fd, O_CLOEXEC) < 0)
     if (errno != EINTR && errno != EBUSY) return false;
@@ -232,7 +232,7 @@ bool Mount::end_connection(int fuse_fd) {
 void Mount::close_session() {
   if (!session_) return;
   const int fd = fuse_session_fd(session_);
-  // If that fails, the session's copy of the path leaks, and no other mount is touched.
+  // On failure the session's copy of the path leaks, but no other mount is affected.
   if (!detached_ || fd < 0 || end_connection(fd)) fuse_session_unmount(session_);
   fuse_session_destroy(session_);
   session_ = nullptr;

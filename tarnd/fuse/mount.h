@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The mounts of this tarnd. Each consists of a mount of type tarn in the kernel in this process and
- * a FUSE mount on the host's directory of the same path, whose requests go to the first.
+ * The mounts of this tarnd. Each consists of a mount of type tarn in the kernel in this process,
+ * and a FUSE mount on the host's directory of the same path, whose requests go to the former.
  *
  * Any thread may call.
  */
@@ -38,12 +38,13 @@ class Mount {
 
   const std::string &mountpoint() const { return mountpoint_; }
 
-  /* Serves requests until the host has unmounted it, lazily or not, or stop() was called. */
+  /* Serves requests until the host has unmounted it, lazily or not, or stop() is called. */
   void serve() { loop_->run(); }
   void stop();
-  /* After serve(): drops the host's references and removes both mounts, as far as they exist. */
+  /* Call it after serve(): drops the host's references and removes both mounts if they exist. */
   void end();
-  /* The mount was detached (MNT_DETACH): the path is not ours any more, but files may be open. */
+  /* The mount was detached (MNT_DETACH): the path may have another mount, but files may still be
+   * open. */
   void set_detached() { detached_ = true; }
   bool detached() const { return detached_; }
 
@@ -57,7 +58,7 @@ class Mount {
   Mount(const std::string &lower, const std::string &mountpoint, Guardian *guardian)
       : lower_(lower), mountpoint_(mountpoint), guardian_(guardian) {}
   tarn::Result<void> start();
-  tarn::Result<void> take_over();
+  tarn::Result<void> remove_dead_mount();
   tarn::Result<void> mount_kernel();
   void unmount_kernel();
   tarn::Result<void> mount_host();
@@ -85,12 +86,12 @@ class MountTable {
   MountTable(const MountTable &) = delete;
   MountTable &operator=(const MountTable &) = delete;
 
-  /* Both paths absolute. */
+  /* Both paths are absolute. */
   tarn::Result<void> mount(const std::string &lower, const std::string &mountpoint)
       EXCLUDES(mounting_, mutex_);
-  /* Unless lazily: returns when both mounts are gone. */
+  /* A non-lazy unmount returns when both mounts are gone. */
   tarn::Result<void> unmount(const std::string &mountpoint, Detach how) EXCLUDES(mutex_);
-  /* Unmounts everything, busy or not, and waits for the end. Refuses further mounts. */
+  /* Unmounts all, busy or not, and waits until they are gone. Refuses further mounts. */
   void unmount_all() EXCLUDES(mutex_);
 
  private:
@@ -102,7 +103,7 @@ class MountTable {
   tarn::Mutex mounting_;  // serializes mount(); taken before mutex_
   tarn::Mutex mutex_;
   tarn::Condition changed_;                                        // a mount has gone
-  std::vector<std::unique_ptr<Mount>> mounts_ GUARDED_BY(mutex_);  // in the order of mounting
+  std::vector<std::unique_ptr<Mount>> mounts_ GUARDED_BY(mutex_);  // in mounting order
   bool closed_ GUARDED_BY(mutex_) = false;
 };
 

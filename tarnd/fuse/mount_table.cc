@@ -16,12 +16,12 @@ using tarn::MutexLock;
 using tarn::Result;
 using tarn::system_error;
 
-// For the clean-up after the host has unmounted.
+// Time limit of the clean-up after the host has unmounted.
 static constexpr std::chrono::seconds kUnmountLimit{60};
-// For the end of a detached mount, which programs may still use.
+// How long a mount on the same path waits for a detached one, which programs may still use.
 static constexpr std::chrono::seconds kPlaceLimit{10};
 
-// One spelling per path. Lexically: a look-up could hang in a mount that does not answer.
+// Normalizes a path without a look-up, which could hang in a mount that does not answer.
 static std::string normal(const std::string &path) {
   std::string text = std::filesystem::path(path).lexically_normal().string();
   while (text.size() > 1 && text.back() == '/') text.pop_back();
@@ -79,7 +79,7 @@ void MountTable::serve(Mount *mount) {
     tarn::print_error("tarnd: {}: {}\n", mount->mountpoint(), e.what());
   }
   // Not under the lock: the clean-up may take long. The mount stays in the table until then, so
-  // that its place counts as taken.
+  // that its mount point counts as taken.
   mount->end();
   const MutexLock lock(mutex_);
   std::erase_if(mounts_, [mount](const auto &each) { return each.get() == mount; });
@@ -92,8 +92,8 @@ Result<void> MountTable::unmount(const std::string &mountpoint, Detach how) {
   const Mount *mount = find_locked(place);
   const bool ours = mount && !mount->detached();
 
-  // The host sends requests to this program to resolve the path, and a mount that ends needs the
-  // lock.
+  // Not under the lock: to resolve the path the host may send requests here, and an ending mount
+  // takes the lock.
   lock.unlock();
   if (!ours && is_dead_tarn_mount(place))
     how = Detach::kLazily;
@@ -125,7 +125,7 @@ void MountTable::unmount_all() {
     const std::string place = mount->mountpoint();
     const bool detached = mount->detached();
     lock.unlock();
-    // A busy mount is aborted: its users get errors from now on.
+    // A busy mount is aborted: programs that use it get errors.
     const bool ended = !detached && unmount_host(place, Detach::kOnlyIdle) == 0;
     lock.lock();
     Mount *left = find_locked(place);

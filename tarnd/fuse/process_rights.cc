@@ -11,8 +11,8 @@
 
 namespace tarnd {
 
-// The contents of a file of /proc; empty when its process has ended. Out of descriptors is an
-// error: the process may well have rights.
+// Reads a file of /proc; empty if its process has ended. Out of descriptors is an error, as the
+// process may have rights.
 static std::string read_proc(const std::string &path) {
   auto text = tarn::read_text(path, path);
   if (text) return std::move(*text);
@@ -44,7 +44,7 @@ ProcessRights parse_status(const std::string &status) {
   return rights;
 }
 
-// Whether its user name space maps users and groups as ours does.
+// Does the process's user namespace map users and groups as ours does?
 static bool has_our_id_maps(const std::string &proc) {
   static const std::string users = read_proc("/proc/self/uid_map");
   static const std::string groups = read_proc("/proc/self/gid_map");

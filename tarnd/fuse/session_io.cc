@@ -16,7 +16,7 @@ namespace tarnd {
 void SessionIo::on_request(const void *request, size_t size) {
   const auto *head = static_cast<const fuse_in_header *>(request);
   if (size < sizeof(*head) || head->opcode != FUSE_INIT) return;
-  // The oldest kernels that can offer it send the flags; what follows them may be missing.
+  // Old kernels send no fields after the flags.
   constexpr size_t kFlagsEnd = offsetof(fuse_init_in, flags) + sizeof(fuse_init_in::flags);
   if (size < sizeof(*head) + kFlagsEnd) return;
   fuse_init_in init{};
@@ -39,8 +39,8 @@ static SessionIo *io_of(void *mount) {
   return &static_cast<Mount *>(mount)->session_io();
 }
 
-// Not libc's read and write: these are cancellation points, which cost four atomic operations each.
-// No thread here is ever cancelled.
+// Not libc's read and write: these are cancellation points and cost four atomic operations each. No
+// thread here is ever cancelled.
 static ssize_t transfer(long call, int fd, const void *buf, size_t count) {
   return syscall(call, fd, buf, count);
 }
@@ -51,8 +51,7 @@ static ssize_t read_request(int fd, void *buf, size_t size, void *mount) {
   return got;
 }
 
-// The header and body of a short reply are copied into one buffer: for the host a second part costs
-// more than the copy.
+// A short reply is copied into one buffer: a second iovec costs the host more than the copy.
 static constexpr size_t kShort = 256;
 
 static bool is_short(const iovec *parts, int count) {
@@ -60,13 +59,13 @@ static bool is_short(const iovec *parts, int count) {
 }
 
 static ssize_t write_short(int fd, const iovec &head, const iovec &body) {
-  alignas(kShort) char answer[kShort];  // never on two pages
+  alignas(kShort) char answer[kShort];  // must not cross a page boundary
   std::memcpy(answer, head.iov_base, head.iov_len);
   std::memcpy(answer + head.iov_len, body.iov_base, body.iov_len);
   return transfer(SYS_write, fd, answer, head.iov_len + body.iov_len);
 }
 
-// Notifications have no request.
+// Notifications have no request id.
 static bool is_reply(const iovec &head) {
   return static_cast<const fuse_out_header *>(head.iov_base)->unique != 0;
 }

@@ -40,7 +40,7 @@ static void install_interrupt() {
   sigaction(kInterrupt, &action, nullptr);
 }
 
-// Those that this program may run on. The standard library counts all that are online.
+// The processors that this program may run on; the standard library counts all online ones.
 static int processors() {
   cpu_set_t set;
   return sched_getaffinity(0, sizeof(set), &set) == 0 ? CPU_COUNT(&set) : 1;
@@ -61,14 +61,14 @@ void SessionLoop::run() {
       changed_.wait_for(lock, kSampleInterval);
       continue;
     }
-    // The next sample sees a request that was taken before this line; a later one ends the wait.
+    // A request taken before this line is seen by the next sample; a later one ends the wait.
     supervisor_asleep_ = true;
     if (!supervise_locked())
       while (supervisor_asleep_ && threads_ > 0 && !stopping_) changed_.wait(lock);
     supervisor_asleep_ = false;
     idle = 0;
   }
-  // Again and again: an interrupt just before the read has no effect.
+  // Repeated: an interrupt just before the read has no effect.
   while (threads_ > 0) {
     interrupt_idle_locked();
     changed_.wait_for(lock, kInterruptAgain);
@@ -146,7 +146,7 @@ void SessionLoop::add_worker_locked() {
   }
 }
 
-// Returns when the worker is unparked or shall end.
+// Returns when the worker is unparked or has to end.
 void SessionLoop::park(Worker *worker) {
   MutexLock lock(mutex_);
   if (excess_ == 0 || stopping_) return;

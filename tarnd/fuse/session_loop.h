@@ -2,15 +2,15 @@
 /*
  * The threads that serve one FUSE session.
  *
- * A pool of workers, as many as the load needs (idle_worker_count.h) and no more than there are
- * processors. With more, the host kernel would wake a worker for each request although another has
- * just become idle. A request may block for long (for a daemon that does not read), so the thread
- * in run() supervises the pool: it samples the workers, adds a substitute for a worker that is
- * slow, and parks surplus workers. Sampling costs the requests nothing.
+ * A pool of workers, as many as the load needs (idle_worker_count.h) and at most one per processor.
+ * With more, the host kernel would wake a worker for each request although another has just become
+ * idle. A request may block for long (for a daemon that does not read), so the thread in run()
+ * supervises the pool: it samples the workers, adds a substitute for a slow worker, and parks
+ * surplus workers. Sampling costs the requests nothing.
  *
- * run() is called once. It returns after the file system was unmounted or stop() was called, when
- * the last worker has ended; requests in progress are finished first. Any thread may call stop(),
- * also before run().
+ * run() is called once. It returns when the last worker has ended, after the file system was
+ * unmounted or stop() was called; requests in progress are finished first. Any thread may call
+ * stop(), also before run().
  */
 #ifndef TARND_FUSE_SESSION_LOOP_H
 #define TARND_FUSE_SESSION_LOOP_H
@@ -70,7 +70,7 @@ class SessionLoop {
   tarn::Condition unparked_;  // unpark_ has grown, or stopping_ was set
   std::list<Worker> workers_ GUARDED_BY(mutex_);
   int threads_ GUARDED_BY(mutex_) = 0;  // workers_, and those that are starting
-  int unpark_ GUARDED_BY(mutex_) = 0;   // parked workers that shall continue
+  int unpark_ GUARDED_BY(mutex_) = 0;   // parked workers that are to continue
 };
 
 }  // namespace tarnd

@@ -31,7 +31,7 @@ struct stat to_stat(const uk_stat &from) {
   to.st_nlink = from.nlink;
   to.st_uid = from.uid;
   to.st_gid = from.gid;
-  to.st_rdev = from.rdev;  // the encoding that FUSE carries is new_encode_dev's
+  to.st_rdev = from.rdev;  // FUSE uses the encoding of new_encode_dev()
   to.st_size = static_cast<off_t>(from.size);
   to.st_blksize = from.blksize;
   to.st_blocks = static_cast<blkcnt_t>(from.blocks);

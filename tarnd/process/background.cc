@@ -21,7 +21,7 @@ using tarn::system_error;
 using tarn::UniqueFd;
 
 void ReadyPipe::send(const std::string &text) {
-  // An error means that the parent has gone.
+  // An error means that the parent has ended.
   if (pipe_) static_cast<void>(tarn::write_text(pipe_.get(), text));
   pipe_.reset();
 }

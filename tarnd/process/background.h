@@ -1,9 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Going to the background. The parent waits until its child in the background is ready or has
- * failed, prints the reason of a failure on its terminal and exits with the matching status.
+ * Runs tarnd in the background. The parent waits until its child is ready or has failed, prints the
+ * reason of a failure on its terminal and exits with the matching status.
  *
- * To be called before the first thread starts.
+ * Call it before the first thread starts.
  */
 #ifndef TARND_PROCESS_BACKGROUND_H
 #define TARND_PROCESS_BACKGROUND_H
@@ -15,7 +15,7 @@
 
 namespace tarnd {
 
-/* The child's pipe to the waiting parent. In the foreground there is none, and the calls do
+/* The child's pipe to the waiting parent. In the foreground there is none and the calls do
  * nothing. */
 class ReadyPipe {
  public:
@@ -34,15 +34,15 @@ class ReadyPipe {
 };
 
 /*
- * Closes inherited descriptors, all but the standard ones; before the program opens its own. They
- * would keep a lock taken, the reader of a pipe waiting or a file system busy as long as this
+ * Closes inherited descriptors except the standard ones; call it before the program opens its own.
+ * They would hold a lock, keep the reader of a pipe waiting or a file system busy as long as this
  * program runs.
  */
 void close_inherited_descriptors();
 
 /*
- * Forks. Does not return in the parent. The child gets a session of its own, /dev/null as its
- * standard input, and the file `log`, which is truncated, as its output.
+ * Forks; does not return in the parent. The child gets its own session, /dev/null as its standard
+ * input, and the truncated file `log` as its output.
  */
 tarn::Result<ReadyPipe> go_to_background(const std::string &log);
 

@@ -61,9 +61,9 @@ bool is_tarn_mount(const std::string &mountpoint) {
   return ours;
 }
 
-// Aborts pending requests. Threads of the dead program may themselves wait for one in the host's
-// kernel, and keep the process alive. MNT_FORCE aborts them; the open descriptor keeps the mount
-// busy, so that it is not unmounted.
+// Aborts pending requests. Threads of the killed tarnd may themselves wait for one in the host's
+// kernel and keep the process alive; MNT_FORCE aborts the requests. The open descriptor keeps the
+// mount busy, so that it is not unmounted.
 static void abort_requests(const std::string &mountpoint) {
   const UniqueFd busy(open(mountpoint.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
   if (busy && geteuid() == 0) umount2(mountpoint.c_str(), UMOUNT_NOFOLLOW | MNT_FORCE);
@@ -102,9 +102,9 @@ Result<std::unique_ptr<Guardian>> Guardian::start() {
   if (pid < 0) return system_error(errno, "fork");
   if (pid > 0) return std::unique_ptr<Guardian>(new Guardian(std::move(socket), pid));
 
-  // In a session of its own: a signal to tarnd's process group must not end it too.
+  // Its own session: a signal to tarnd's process group must not end it too.
   setsid();
-  // Closes everything but the socket: the parent waits until its pipe is closed, and an open file
+  // Closes all but the socket: an inherited ready pipe would block the parent, and an open file
   // would keep its file system busy.
   dup2(far.get(), STDIN_FILENO);
   close_range(STDERR_FILENO + 1, ~0u, 0);

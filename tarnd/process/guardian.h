@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A small process that cleans up after a tarnd that was killed. When its socket to tarnd breaks, it
- * aborts the pending requests of every mount that it watches, so that no program hangs. The mounts
- * themselves stay and return errors until they are unmounted or replaced: without them programs
- * would write to the bare directory below, and nothing would be captured. The process is started
- * before tarnd's first thread and ends with tarnd.
+ * A small process that cleans up after a killed tarnd. When its socket to tarnd breaks, it aborts
+ * the pending requests of all watched mounts, so that no program hangs. The mounts stay and return
+ * errors until they are unmounted or replaced: without them programs would write to the bare
+ * directory below, and nothing would be captured. The process is started before tarnd's first
+ * thread and ends with tarnd.
  */
 #ifndef TARND_PROCESS_GUARDIAN_H
 #define TARND_PROCESS_GUARDIAN_H
@@ -28,7 +28,7 @@ class Guardian {
   Guardian(const Guardian &) = delete;
   Guardian &operator=(const Guardian &) = delete;
 
-  /* Any thread. The first call that finds the process gone prints a warning. */
+  /* Any thread. The first call after the process has ended prints a warning. */
   void watch(const std::string &mountpoint);
   void forget(const std::string &mountpoint);
 
@@ -43,9 +43,9 @@ class Guardian {
 
 enum class Detach { kOnlyIdle, kLazily };
 
-/* Whether the topmost mount there is of type fuse.tarn. */
+/* Is the topmost mount there of type fuse.tarn? */
 bool is_tarn_mount(const std::string &mountpoint);
-/* Whether it is also without a tarnd, because that was killed. */
+/* And was its tarnd killed? */
 bool is_dead_tarn_mount(const std::string &mountpoint);
 
 /* Unmounts a FUSE mount on the host: umount2 for root, libfuse's helper for others. 0 or -errno;

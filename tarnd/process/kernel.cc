@@ -40,7 +40,7 @@ tarn::Result<std::unique_ptr<Kernel>> Kernel::boot() {
   options.root_type = "hostfs";
   options.root_source = "/";
   options.cache_pages = kCachePages;
-  options.max_files = std::numeric_limits<int>::max();  // the limit of descriptors applies instead
+  options.max_files = std::numeric_limits<int>::max();  // the host's descriptor limit applies
   if (const int err = uk_boot(&options); err != 0)
     return tarn::system_error(-err, "cannot start the kernel");
 

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The kernel in this process, with the tarn module loaded, for as long as the object lives. There
- * is at most one. Its name space is the host's: "/" is the host's root directory.
+ * The kernel in this process with the tarn module; runs while the object exists. There is at most
+ * one. Its root directory is the host's.
  */
 #ifndef TARND_PROCESS_KERNEL_H
 #define TARND_PROCESS_KERNEL_H
@@ -19,8 +19,8 @@ class Kernel {
   Kernel(const Kernel &) = delete;
   Kernel &operator=(const Kernel &) = delete;
 
-  /* Unloads the module and shuts the kernel down: nothing may be mounted, no thread may act as a
-   * task. Once. */
+  /* Unloads the module and shuts the kernel down. Nothing may be mounted, and no thread may act as
+   * a task. Later calls do nothing. */
   void stop();
 
  private:
@@ -29,8 +29,7 @@ class Kernel {
   bool running_ = true;
 };
 
-/* What a kernel panic does: the report goes to standard error and to the system log, then the
- * process aborts. */
+/* On a kernel panic, writes the report to standard error and the system log, then aborts. */
 void install_panic_handler();
 
 }  // namespace tarnd

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * A rate-limited warning on standard error: a burst per interval is printed, the others are
- * counted, and the next one printed tells their number. One object per kind of warning; any thread.
+ * A rate-limited warning on standard error: prints a burst per interval and counts the others; the
+ * next printed one tells their number. One object per kind of warning; any thread.
  */
 #ifndef TARND_PROCESS_LIMITED_WARNING_H
 #define TARND_PROCESS_LIMITED_WARNING_H
@@ -21,13 +21,13 @@ class LimitedWarning {
 
   /* Prints "tarnd: TEXT" or counts it. */
   void print(const std::string &text);
-  /* What print() would print at that time; empty when it only counts. */
+  /* The line that print() would print at that time; empty if it only counts. */
   std::string line(const std::string &text, Clock::time_point now) EXCLUDES(mutex_);
 
  private:
   tarn::Mutex mutex_;
   Clock::time_point begun_ GUARDED_BY(mutex_);  // of the current interval
-  int printed_ GUARDED_BY(mutex_) = 0;          // in it
+  int printed_ GUARDED_BY(mutex_) = 0;          // in this interval
   unsigned long suppressed_ GUARDED_BY(mutex_) = 0;
 };
 

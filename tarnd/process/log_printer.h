@@ -1,6 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Prints the kernel log to standard error as it grows, on a thread of its own, until the object
- * goes. */
+/* Prints the kernel log to standard error as it grows, on its own thread, until it is destroyed. */
 #ifndef TARND_PROCESS_LOG_PRINTER_H
 #define TARND_PROCESS_LOG_PRINTER_H
 

@@ -23,7 +23,7 @@ using tarn::Result;
 using tarn::system_error;
 using tarn::UniqueFd;
 
-// Where others may create directories, another user could have created it first.
+// In a shared directory, another user may have created it first.
 static Result<void> check_owner(const std::string &path) {
   struct stat st;
   if (lstat(path.c_str(), &st) != 0) return system_error(errno, printable(path));
@@ -32,7 +32,7 @@ static Result<void> check_owner(const std::string &path) {
   return {};
 }
 
-// With mode 0755, although the umask is 0: a user who may write to a parent could replace our
+// Mode 0755, although the umask is 0: a user with write permission to a parent could replace our
 // directory.
 static Result<void> make_parents(const fs::path &path) {
   struct stat st;

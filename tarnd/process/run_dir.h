@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The run directory from inside: where one tarnd has its sockets, its pid file and its lock.
+ * tarnd's side of its run directory, with its sockets, pid file and lock.
  *
- * The lock is held as long as the object lives, so that two programs never share a directory.
+ * The lock is held while the object exists, so that no two tarnds share a directory.
  */
 #ifndef TARND_PROCESS_RUN_DIR_H
 #define TARND_PROCESS_RUN_DIR_H
@@ -17,8 +17,8 @@ namespace tarnd {
 
 class RunDir {
  public:
-  /* Creates the directory if needed, sees that it is the caller's own, and locks it. Errors: -EBUSY
-   * when another tarnd has it, -EPERM when it is another user's. */
+  /* Creates the directory if needed, checks that the caller owns it, and locks it. Errors: -EBUSY
+   * when another tarnd has the lock, -EPERM when another user owns it. */
   static tarn::Result<RunDir> open(const std::string &path);
 
   const std::string &path() const { return path_; }

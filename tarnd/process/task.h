@@ -2,8 +2,8 @@
 /*
  * Tasks of the kernel in the process, for threads of the host program.
  *
- * A Task belongs to whoever made it. An ActAs makes it the calling thread's current task for a
- * scope; a thread has at most one, and a task is acted as by one thread at a time.
+ * The creator owns a Task. An ActAs makes it the calling thread's current task for a scope. A
+ * thread has at most one current task, and one thread at a time acts as a task.
  */
 #ifndef TARND_PROCESS_TASK_H
 #define TARND_PROCESS_TASK_H
@@ -28,10 +28,10 @@ struct Identity {
   bool operator==(const Identity &) const = default;
 };
 
-/* The view of an identity that the kernel takes; valid as long as the identity is. */
+/* The kernel's view of an identity; refers to it. */
 uk_cred to_cred(const Identity &identity);
 
-/* The host program itself: its own pid, user and groups, every capability. */
+/* The host program's own pid, user and groups, with all capabilities. */
 Identity service_identity();
 
 class Task {
@@ -42,7 +42,7 @@ class Task {
   ~Task();
 
   void become(const Identity &identity); /* throws std::bad_alloc */
-  /* No process id leads to the task from here on. */
+  /* Look-ups by process id no longer find the task. */
   void hide() { uk_task_hide(task_); }
   uk_task *get() const { return task_; }
 

@@ -1,5 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
-// Attributes, extended ones too.
+// Attributes and extended attributes.
 
 #include "inode_ops.h"
 #include "trans.h"
@@ -29,8 +28,7 @@ void tarn_copy_attr_all(struct inode *inode, const struct inode *lower) {
 
 namespace {
 
-// The upper mapping follows a shrinking file, and one that grows past what the upper super block
-// would allow.
+// Truncates the upper mapping if the file shrinks, or grows beyond the upper super block's limit.
 int truncate_upper(struct inode *inode, const struct iattr *ia) {
   if (!(ia->ia_valid & ATTR_SIZE)) return 0;
   const loff_t size = i_size_read(inode);
@@ -40,8 +38,8 @@ int truncate_upper(struct inode *inode, const struct iattr *ia) {
   return shrinks || may_not_fit ? vmtruncate(inode, ia->ia_size) : 0;
 }
 
-// Changes the lower object and captures the change, also one that was refused. The lower file
-// system sees its own file in the record; capture sees the record as the lower call left it.
+// Changes the lower object and captures the change, even a refused one. The lower file system gets
+// the lower file in `ia`; capture gets `ia` as the lower call left it.
 int setattr_below(struct dentry *dentry, struct iattr *ia) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
   struct inode *lower = lower_dentry->d_inode;
@@ -76,8 +74,8 @@ int tarn_setattr(struct dentry *dentry, struct iattr *ia) {
   return 0;
 }
 
-// Extended attributes pass through under the lower object's lock and are not captured, but for the
-// mode that one may change.
+// Extended attributes are passed through under the lower i_mutex and not captured, except for a
+// change of the mode.
 
 int tarn_setxattr(struct dentry *dentry, const char *name, const void *value, size_t size,
                   int flags) {
@@ -87,7 +85,7 @@ int tarn_setxattr(struct dentry *dentry, const char *name, const void *value, si
   mutex_guard guard(lower->i_mutex);
   const umode_t mode = lower->i_mode;
   const int rc = lower->i_op->setxattr(lower_dentry, name, value, size, flags);
-  tarn_mode_sync(dentry, mode);  // an access list has the mode in it
+  tarn_mode_sync(dentry, mode);  // an access control list may change the mode
   return rc;
 }
 

@@ -24,7 +24,7 @@ namespace {
 const int kChunkBytes = 57;
 const int kLineChars = 76;
 
-/* Encodes one chunk; the number of characters. */
+/* Encodes one chunk and returns the number of characters. */
 int encode_chunk(const ox_u8_t *in, int len, char *out) {
   char *p = out;
   for (; len >= 3; len -= 3, in += 3) {

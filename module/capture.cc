@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-/* Paths, hits and numbers of a change. */
+/* Paths, rule hits and numbers of a change. */
 
 #include "capture.h"
 
@@ -11,7 +11,7 @@ enum tarn_numbering change_paths::number(struct tarn_trans **records, int count,
   for (;;) {
     const enum tarn_numbering result = names_.number(records, count, effect, change);
     if (result != TARN_NAMES_MOVED) return result;
-    /* Mostly other names have changed than those on the way to these. */
+    /* The change of names rarely affects these paths: take them again. */
     take(GFP_NOFS);
     if (changed()) return result;
   }
@@ -46,7 +46,7 @@ const char capture_busy[] = "a change of names has taken too long";
 void capture_discard(struct tarn_trans *trans) {
   struct prule_node *rule = trans->r;
   ox_store(rule->bytes_send, ox_load(rule->bytes_send) - (trans_msglen(trans) - OX_MSG_LEN));
-  prule_node_get(rule); /* the record's reference was its maker's */
+  prule_node_get(rule); /* returns the record's reference to its maker */
   tarn_trans_free(trans, 1);
 }
 

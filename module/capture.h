@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * What the builders of records share: the paths of a change, the rules that they hit, a numbered
- * record for each. For capture_*.cc alone.
+ * Shared by the record builders in capture_*.cc: the paths of a change, the rules that it hits, and
+ * a numbered record for each.
  */
 #ifndef TARN_CAPTURE_H
 #define TARN_CAPTURE_H
@@ -10,7 +10,7 @@
 #include "ox_guard.h"
 #include "trans.h"
 
-/* The paths of one change, and the order of names that they were taken in. */
+/* The paths of one change, and the count of name changes at which they were taken. */
 class change_paths {
  public:
   change_paths(tarn_record_path &first, tarn_record_path *second, tarn_names &names)
@@ -21,7 +21,7 @@ class change_paths {
   const char *path2() const { return second_ ? second_->get() : nullptr; }
   bool too_long() const { return first_.too_long() || (second_ && second_->too_long()); }
 
-  /* Whether there is each path. */
+  /* Takes the paths. False if one is missing. */
   bool take(gfp_t gfp = GFP_KERNEL) {
     names_.note();
     const bool first = first_.take(gfp);
@@ -34,8 +34,8 @@ class change_paths {
 
   bool hits(const struct prule_node *rule) const { return prule_is_hit(rule, path1(), path2()); }
 
-  /* Numbers the records (see tarn_names::number), taking the paths again where other names have
-   * changed. TARN_NAMES_MOVED: these paths have. */
+  /* Numbers the records (see tarn_names::number). Takes the paths again if names have changed;
+   * returns TARN_NAMES_MOVED if these paths have. */
   enum tarn_numbering number(struct tarn_trans **records, int count, enum tarn_names_effect effect,
                              tarn_name_change *change);
 
@@ -45,27 +45,26 @@ class change_paths {
   tarn_names &names_;
 };
 
-/* The paths for the first time. False if nothing can be captured. */
+/* Takes the paths for the first time. False if nothing can be captured. */
 bool capture_paths(change_paths &paths, gfp_t gfp = GFP_KERNEL);
-/* The rules that they hit; their number or -ENOMEM. */
+/* Finds the rules that the paths hit. Returns their number or -ENOMEM. */
 int capture_hits(struct hit_rules **hits, const change_paths &paths, gfp_t gfp = GFP_KERNEL);
 
-/* Why a number stands for a change that cannot be told. */
+/* Reasons for a number without a record. */
 extern const char capture_too_long[];
 extern const char capture_busy[];
-/* Says that the record of that number is left out: who follows the rule sees that one is missing.
- */
+/* Logs that the record of this number is left out. The daemon sees the gap in the numbers. */
 void capture_leave_out(const struct prule_node *rule, int number, const char *why,
                        const char *path);
 /* The same with the rule's next number. */
 void capture_leave_out_next(struct prule_node *rule, const char *why, const char *path);
-/* Frees a record that is made again: it was not captured yet. Its reference on the rule is the
- * caller's again. */
+/* Frees a record that is to be built again, without counting it as captured. Its reference on the
+ * rule returns to the caller. */
 void capture_discard(struct tarn_trans *trans);
 /* Stops the rule; -ENOMEM. */
 int capture_failed(struct prule_node *rule, const char *failure);
 
-/* One hit: takes over the caller's reference. */
+/* Builds and sends the record for one rule; takes over the caller's reference. */
 template <typename Make>
 int serve_hit(struct prule_node *hit, change_paths &paths, const char *failure, Make make) {
   prule_ref rule(hit);
@@ -87,13 +86,13 @@ int serve_hit(struct prule_node *hit, change_paths &paths, const char *failure, 
       capture_leave_out(rule.get(), number, capture_busy, paths.path1());
       return 0;
     }
-    /* What was renamed meanwhile is this rule's no longer; the rename tells it so. */
+    /* After the rename the rule no longer includes the object; the rename's record tells that. */
     if (!paths.hits(rule.get())) return 0;
   }
 }
 
 /*
- * Makes and sends a record for each hit, from the last to the first, and gives the array back.
+ * Makes and sends a record for each hit, from the last to the first, and frees the array.
  * `make(rule)` returns the record, or null: then the rule is stopped and the result is -ENOMEM, but
  * the others are served.
  */
@@ -114,8 +113,8 @@ int serve_hits(struct hit_rules *hits, int count, change_paths &paths, const cha
   return result;
 }
 
-/* The same from the beginning, for a change of one object: takes its path and finds the hits. The
- * result is that of the builders in trans.h. */
+/* Captures a change of one object: takes its path, finds the hits and serves them. Returns the
+ * builders' result (trans.h). */
 template <typename Make>
 int capture_change(tarn_record_path &path, const char *failure, Make make) {
   tarn_names names;

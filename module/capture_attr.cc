@@ -4,7 +4,7 @@
 #include "capture.h"
 #include "tarn.h"
 
-/* ia_valid goes on the wire as it is. */
+/* ia_valid is sent unchanged. */
 static_assert(OX_ATTR_MODE == ATTR_MODE && OX_ATTR_UID == ATTR_UID && OX_ATTR_GID == ATTR_GID &&
               OX_ATTR_SIZE == ATTR_SIZE && OX_ATTR_ATIME == ATTR_ATIME &&
               OX_ATTR_MTIME == ATTR_MTIME && OX_ATTR_CTIME == ATTR_CTIME);

@@ -22,7 +22,7 @@ static struct tarn_trans *tarn_para_alloc(struct prule_node *rule, ox_u32_t op,
   return trans;
 }
 
-/* A change that makes names, or none. */
+/* For a change that creates a name or changes none. */
 static int para_sync(ox_u32_t op, tarn_record_path &first, const char *second, int mode) {
   return capture_change(first, para_failure, [&](struct prule_node *rule) {
     return tarn_para_alloc(rule, op, first.naming(), first.get(), second, mode, GFP_KERNEL);
@@ -52,7 +52,7 @@ int tarn_sym_sync(struct dentry *dentry, const char *symname, int mode) {
 
 namespace {
 
-/* The hits of a change of names, and a record for each that can have one. */
+/* The hits of a change of names, and a record for each that is not stopped. */
 class name_records {
  public:
   explicit name_records(gfp_t gfp) : gfp_(gfp) {}
@@ -81,7 +81,8 @@ class name_records {
   }
   int count() const { return count_; }
 
-  /* Sends what has its numbers, or says what is left out for `why`; 0 or -ENOMEM. */
+  /* Sends the numbered records, or logs that they are left out for the reason `why`. Returns 0 or
+   * -ENOMEM. */
   int send(const char *why, const char *path) {
     int result = 0;
     for (int i = count_ - 1; i >= 0; --i) {
@@ -125,10 +126,10 @@ class name_records {
 
 }  // namespace
 
-/* All records of a change of names get their numbers in one step. */
+/* All records of a change of names are numbered in one step. */
 int tarn_names_sync(ox_u32_t op, tarn_record_path &first, tarn_record_path *second, int mode,
                     tarn_name_change *change) {
-  /* Memory that comes back to writepage may wait for the numbers. */
+  /* An allocation that reclaims memory through writepage could wait for the numbers. */
   const gfp_t gfp = change ? GFP_NOFS : GFP_KERNEL;
   tarn_names names;
   change_paths paths(first, second, names);

@@ -6,7 +6,7 @@
 
 namespace {
 
-/* One write on its way into a record. */
+/* The parameters of one write. */
 struct write_source {
   const char *path;
   enum ox_naming naming;
@@ -25,20 +25,20 @@ struct write_source {
         count(bytes),
         offset(start) {}
 
-  /* Data bytes that fit behind the path. */
+  /* The number of data bytes that fit after the path. */
   ox_u32_t first_room() const { return OX_PAGE_DATA - path_field; }
   bool is_whole() const { return static_cast<ox_u32_t>(count) <= first_room(); }
   size_t page_count() const {
     return is_whole() ? 1 : 1 + (count - first_room() + OX_PAGE_DATA - 1) / OX_PAGE_DATA;
   }
-  /* The path field behind a record's head; what follows the NUL in it is zero. */
+  /* Writes the path field of a record, padded with zeros. */
   void put_path(char *field) const {
     memcpy(field, path, path_len);
     memset(field + path_len, 0, path_field - path_len);
   }
 };
 
-/* Fills one page message with the bytes from `done` on; the bytes it took, or -EFAULT. */
+/* Fills one page message with the bytes from `done` on. Returns their number, or -EFAULT. */
 int fill_page(const struct tarn_trans *trans, struct sk_buff *skb, const write_source &source,
               int index, size_t done) {
   const struct ox_msg_wr *whole = trans_wr(trans);
@@ -71,7 +71,7 @@ void free_pages_down(struct sk_buff **pages, int last) {
   for (int i = last; i >= 0; --i) kfree_skb(pages[i]);
 }
 
-/* Makes all page messages of a paged write. 0; -ENOMEM or -EFAULT with none left. */
+/* Makes all page messages of a paged write. Returns 0, or -ENOMEM or -EFAULT with none left. */
 int trans_allocpages(struct tarn_trans *trans, const write_source &source) {
   struct sk_buff **pages = trans_pages(trans);
   memset(pages, 0, trans->pages * sizeof(*pages));
@@ -94,8 +94,7 @@ int trans_allocpages(struct tarn_trans *trans, const write_source &source) {
   return 0;
 }
 
-/* Copies the data into the record or its pages. 0, or a negative error; says in the log what
- * failed. */
+/* Copies the data into the record or its pages. Returns 0 or a negative error, which is logged. */
 int put_data(struct tarn_trans *trans, const write_source &source) {
   struct ox_msg_wr *wr = trans_wr(trans);
   if (wr->type == OX_WRITE_WHOLE) {
@@ -108,7 +107,7 @@ int put_data(struct tarn_trans *trans, const write_source &source) {
   return result;
 }
 
-/* The record of a write for one rule; null when it cannot be made. */
+/* Builds the record of a write for one rule; null on failure. */
 struct tarn_trans *tarn_wrtrans_alloc(struct prule_node *rule, const write_source &source) {
   const size_t pages = source.page_count();
   if (pages > 0x7FFFFFFF) return nullptr;
@@ -132,7 +131,7 @@ struct tarn_trans *tarn_wrtrans_alloc(struct prule_node *rule, const write_sourc
   trans_init(trans.get(), rule, OX_OP_WRITE);
   trans->wr_size = static_cast<int>(source.count);
   mem_buff_add(trans.get());
-  /* The charge of a record whose data cannot be had stays. */
+  /* If the data cannot be copied, the charge is not undone. */
   return put_data(trans.get(), source) ? nullptr : trans.release();
 }
 

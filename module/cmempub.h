@@ -1,12 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* Memory of the code that is shared with other systems: zero-filled blocks that kfree takes back.
- */
+/* Zero-filled memory for code shared with other systems; freed by kfree. */
 #ifndef TARN_CMEMPUB_H
 #define TARN_CMEMPUB_H
 
 #include "TypeDef.h"
 
-/* Null without memory. Sleeps. */
+/* Null without memory. May sleep. */
 [[nodiscard]] void *_malloc_(unsigned long size);
 
 #endif

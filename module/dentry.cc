@@ -1,12 +1,11 @@
-// SPDX-License-Identifier: GPL-2.0
-// The dentry operations: revalidation is the lower dentry's, release gives the lower path back.
+// The dentry operations: revalidation asks the lower dentry, release drops the lower path.
 
 #include "tarn.h"
 
 namespace {
 
-// 1: valid, 0: not, or an error; the lower file system's answer, and "valid" from one that has no
-// opinion.
+// Returns 1: valid, 0: invalid, or an error: the lower file system's answer, or "valid" if it has
+// no revalidation.
 int tarn_d_revalidate(struct dentry *dentry, struct nameidata *nd) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
   if (!lower_dentry->d_op || !lower_dentry->d_op->d_revalidate) return 1;
@@ -26,7 +25,7 @@ void tarn_d_release(struct dentry *dentry) {
   while (info) {
     struct tarn_dentry_info *former = info->former;
     if (info->lower_path.dentry) {
-      // The dentry first: the mount may be the last thing that keeps the lower super block.
+      // The dentry first: the mount may hold the last reference on the lower super block.
       dput(info->lower_path.dentry);
       if (info->lower_path.mnt) mntput(info->lower_path.mnt);
     }

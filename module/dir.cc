@@ -128,7 +128,7 @@ int dir_setmirrord(const char __user *path, unsigned length) {
 
 namespace {
 
-/* True if a replicated directory's name is how `path` begins; a separator need not follow. */
+/* Does `path` begin with a replicated directory's path? A separator need not follow. */
 bool in_replicated_directory(const char *path) {
   read_guard guard(dirset.rwlock);
   for (struct list_head *p = ox_first(&dirset.head); p != &dirset.head; p = p->next) {
@@ -139,8 +139,7 @@ bool in_replicated_directory(const char *path) {
   return false;
 }
 
-/* The calling task's program as a dentry and the mount it was reached by, with a reference on each.
- */
+/* The calling task's program: its dentry and mount, with a reference on each. */
 class task_program {
  public:
   task_program() {
@@ -164,14 +163,14 @@ class task_program {
   task_program(const task_program &) = delete;
   task_program &operator=(const task_program &) = delete;
 
-  /* Its path from the root of the name space; false when that does not fit. Empty for a kernel
+  /* Its path from the root of the namespace; false if it does not fit. Empty for a kernel
    * thread. */
   template <size_t N>
   bool path(char (&text)[N]) const {
     char scratch[N];
     memset(text, 0, N);
     memset(scratch, 0, N);
-    spin_guard guard(dcache_lock); /* the names and parents on the way stay as they are */
+    spin_guard guard(dcache_lock); /* keeps the names and parents on the way */
     struct dentry *dentry = dentry_;
     struct vfsmount *mnt = mnt_;
     while (dentry && mnt) {
@@ -195,7 +194,7 @@ class task_program {
   struct vfsmount *mnt_ = nullptr;
 };
 
-/* Whether it is the daemon's path, which somebody may be setting meanwhile. */
+/* Is it the daemon's path? That may be set concurrently. */
 bool is_daemon_path(const char *program) {
   for (const char &byte : mirrord_full_name) {
     if (ox_load(byte) != *program) return false;

@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* What the set of replicated directories is made of: for dir.cc and its tests. */
+/* The structures of the set of replicated directories, for dir.cc and its tests. */
 #ifndef TARN_DIR_SET_H
 #define TARN_DIR_SET_H
 

@@ -1,7 +1,5 @@
-// SPDX-License-Identifier: GPL-2.0
-// The file operations: each open binds to the one lower file that all opens of an inode share, most
-// calls are passed to it, reads and writes go through the layer's page cache, and every successful
-// write is captured.
+// The file operations. All opens of an inode share one lower file. Reads and writes go through the
+// layer's page cache, every successful write is captured, and most other calls are passed down.
 
 #include "tarn.h"
 #include "ox_guard.h"
@@ -11,19 +9,19 @@ namespace {
 
 typedef ox_owner<struct dentry, dput> dentry_ref;
 
-// The most that one write takes; a longer request becomes a short write.
+// The largest write; a longer request becomes a short write.
 constexpr size_t max_write_bytes = 50UL * 1024 * 1024;
 
 constexpr unsigned long nfs_magic = 0x6969;
 
-// The shared lower file has been opened, by this call or by another, when the result is 0. It is
-// read-write whatever the caller asked for, because later opens of the inode may ask for more.
+// Opens the shared lower file if no other call has. It is opened read-write whatever the caller
+// asked for, because later opens of the inode may need more.
 int open_lower_file(struct tarn_inode_info *info, struct dentry *dentry) {
   if (__atomic_load_n(&info->lower_file, __ATOMIC_ACQUIRE)) return 0;
 
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
   BUG_ON(!atomic_read(&lower_dentry->d_count));
-  // dentry_open takes both references over, also when it fails.
+  // dentry_open consumes both references, even on failure.
   struct file *lower_file =
       dentry_open(dget(lower_dentry), mntget(tarn_lower_mnt(dentry)), O_RDWR | O_LARGEFILE);
   if (IS_ERR(lower_file)) return static_cast<int>(PTR_ERR(lower_file));
@@ -34,7 +32,7 @@ int open_lower_file(struct tarn_inode_info *info, struct dentry *dentry) {
       return 0;
     }
   }
-  fput(lower_file);  // another opener was first
+  fput(lower_file);  // another open was first
   return 0;
 }
 
@@ -55,7 +53,7 @@ int tarn_open(struct inode *inode, struct file *file) {
   return 0;
 }
 
-// The lower file stays with the inode.
+// The lower file stays open with the inode.
 int tarn_release(struct inode *, struct file *file) {
   kmem_cache_free(tarn_file_info_cache, tarn_file(file));
   return 0;
@@ -87,12 +85,12 @@ int tarn_fsync(struct file *file, struct dentry *dentry, int datasync) {
   return lower_inode->i_fop->fsync(tarn_lower_file(file), lower_dentry, datasync);
 }
 
-// The lower file is shared by all opens of its inode, so it stands where another one left off. Its
-// file system may keep more of that place than f_pos, NFS a cookie of the server's for one: it has
-// to be told that the place is another.
+// All opens of the inode share the lower file, so another open may have moved its position. The
+// lower file system may have more state of the position than f_pos, NFS a cookie of the server:
+// llseek resets it.
 void move_lower_file(struct file *lower_file, loff_t pos) {
   if (lower_file->f_pos != pos) vfs_llseek(lower_file, pos, SEEK_SET);
-  lower_file->f_pos = pos;  // also where it cannot be told, or does not take the place
+  lower_file->f_pos = pos;  // even if llseek is missing or fails
 }
 
 int tarn_readdir(struct file *file, void *dirent, filldir_t filldir) {
@@ -106,7 +104,7 @@ int tarn_readdir(struct file *file, void *dirent, filldir_t filldir) {
   return rc;
 }
 
-// A lower file system that must see each read, because others change its files behind our cache.
+// NFS must see each read, because other clients change its files behind our cache.
 bool reads_go_below(const struct file *lower_file, const struct inode *lower_inode) {
   return lower_file && lower_file->f_op && lower_file->f_op->aio_read &&
          lower_inode->i_sb->s_magic == nfs_magic;
@@ -131,7 +129,7 @@ ssize_t tarn_aio_read(struct kiocb *iocb, char __user *buf, size_t count, loff_t
   return rc;
 }
 
-// The bytes written by the generic road, or the error that kept it from writing any.
+// Writes by the generic functions. Returns the bytes written, or the error if there are none.
 ssize_t write_generic(struct kiocb *iocb, const struct iovec *iov, loff_t pos) {
   struct file *file = iocb->ki_filp;
   struct address_space *mapping = file->f_mapping;
@@ -161,15 +159,15 @@ ssize_t write_generic(struct kiocb *iocb, const struct iovec *iov, loff_t pos) {
   return written ? written : rc;
 }
 
-// A write that failed has grown the upper inode nevertheless. Programs see no size and no bytes
-// that the lower file does not have.
+// A failed write has still grown the upper inode. Truncates it, so that programs see no size and no
+// bytes that the lower file does not have.
 void take_lower_size(struct inode *inode) {
   const loff_t size = i_size_read(tarn_lower_inode(inode));
   if (i_size_read(inode) > size) vmtruncate(inode, size);
 }
 
-// A stranger's write takes set-id bits off the lower file. Who follows the records must not have
-// his bytes in a file that still has them.
+// A write by another user clears set-id bits of the lower file. Captures that before the data, so
+// that a replica never has the data under the bits.
 void capture_lost_bits(struct dentry *dentry, umode_t before) {
   if (!(before & (S_ISUID | S_ISGID))) return;
   struct kstat stat;
@@ -178,14 +176,14 @@ void capture_lost_bits(struct dentry *dentry, umode_t before) {
   tarn_mode_sync(dentry, before);
 }
 
-// Writes under the inode's i_mutex and captures what was written before letting go of it, so that
-// the records of one file come in the order in which its writes were applied.
+// Writes and captures under the inode's i_mutex, so that the records of one file are in the order
+// of its writes.
 ssize_t write_and_capture(struct kiocb *iocb, const struct iovec *iov, loff_t pos) {
   struct file *file = iocb->ki_filp;
   struct inode *inode = file->f_mapping->host;
   mutex_guard guard(inode->i_mutex);
 
-  // One segment that was cut to max_write_bytes has no negative length and no total that overflows.
+  // One segment of at most max_write_bytes cannot overflow.
   static_assert(max_write_bytes <= LONG_MAX);
   if (!access_ok(VERIFY_READ, iov->iov_base, iov->iov_len)) return -EFAULT;
   vfs_check_frozen(inode->i_sb, SB_FREEZE_WRITE);
@@ -196,14 +194,14 @@ ssize_t write_and_capture(struct kiocb *iocb, const struct iovec *iov, loff_t po
   info->cut_at = TARN_NOT_CUT;
   const ssize_t written = write_generic(iocb, iov, pos);
   if (info->cut_at != TARN_NOT_CUT || written < 0) take_lower_size(inode);
-  // With O_APPEND the bytes landed elsewhere than at `pos`.
+  // With O_APPEND the write was not at `pos`.
   const loff_t start = iocb->ki_pos - written;
   ssize_t kept = written;
   if (written > 0 && info->cut_at != TARN_NOT_CUT) kept = info->cut_at - start;
   if (kept > 0) {
     dentry_ref name(tarn_hold_name(dentry));
     capture_lost_bits(dentry, mode);
-    // Capture never changes the write's outcome.
+    // Capture never changes the write's result.
     tarn_write_sync(dentry, static_cast<const char __user *>(iov->iov_base), kept, start);
   }
   return written;

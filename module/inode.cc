@@ -1,12 +1,10 @@
-// SPDX-License-Identifier: GPL-2.0
-// Looking names up, who may do what, and the tables of the inode operations.
+// Look-up, permissions, and the tables of the inode operations.
 
 #include "inode_ops.h"
 
 namespace {
 
-// A lower file that is held against writing (a running program) would refuse its read-write open as
-// busy.
+// The read-write open of a lower file that is a running program would fail with -ETXTBSY.
 void allow_lower_writes(struct dentry *lower_dentry) {
   struct inode *lower = lower_dentry->d_inode;
   if (S_ISDIR(lower->i_mode) || S_ISLNK(lower->i_mode) || special_file(lower->i_mode)) return;
@@ -18,7 +16,7 @@ void allow_lower_writes(struct dentry *lower_dentry) {
   atomic_set(&lower->i_writecount, 0);
 }
 
-// Gives `dentry` its record, which takes over both references of the lower path.
+// Binds the lower path to `dentry`; takes over both references.
 int bind_dentry(struct dentry *dentry, struct dentry *lower_dentry, struct vfsmount *lower_mnt) {
   auto *info =
       static_cast<struct tarn_dentry_info *>(kmem_cache_alloc(tarn_dentry_info_cache, GFP_KERNEL));
@@ -34,14 +32,13 @@ int bind_dentry(struct dentry *dentry, struct dentry *lower_dentry, struct vfsmo
   return 0;
 }
 
-// A dentry whose record has been stored gives its lower path back when it is released, also after
-// an error.
+// Once bound, the lower path is dropped by the dentry's release, also after an error.
 struct dentry *tarn_lookup(struct inode *dir, struct dentry *dentry, struct nameidata *) {
   dentry->d_op = &tarn_dops;
   struct dentry *lower_parent = tarn_lower_dentry(dentry->d_parent);
   struct dentry *lower_dentry;
   {
-    // Without it, two at once would have two lower dentries of one name.
+    // Without the lock, concurrent look-ups could get two lower dentries of one name.
     mutex_guard guard(lower_parent->d_inode->i_mutex, I_MUTEX_PARENT);
     lower_dentry = tarn_lookup_lower(lower_parent, dentry);
   }

@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The inode operations, each where its subject is; inode.cc puts them into the tables. Each does
- * the same below, binds or refreshes the upper objects, and hands the change to capture.
+ * The inode operations, by file; inode.cc has the tables. Each performs the operation on the lower
+ * objects, binds or refreshes the upper ones, and captures the change.
  */
 #ifndef TARN_INODE_OPS_H
 #define TARN_INODE_OPS_H
@@ -12,7 +12,7 @@
 typedef ox_owner<struct dentry, dput> dentry_ref;
 
 /* namei.cc: operations that change names. */
-/* What a lower directory, whose i_mutex is held, has under the name of an upper dentry: a lower
+/* Looks up the name of an upper dentry in a lower directory whose i_mutex is held. Returns a lower
  * dentry with a reference, or an error pointer. */
 struct dentry *tarn_lookup_lower(struct dentry *lower_dir, const struct dentry *dentry);
 int tarn_create(struct inode *dir, struct dentry *dentry, int mode, struct nameidata *nd);
@@ -25,7 +25,7 @@ int tarn_rmdir(struct inode *dir, struct dentry *dentry);
 int tarn_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                 struct dentry *new_dentry);
 
-/* attr.cc: attributes, extended ones too. */
+/* attr.cc: attributes and extended attributes. */
 int tarn_setattr(struct dentry *dentry, struct iattr *ia);
 int tarn_setxattr(struct dentry *dentry, const char *name, const void *value, size_t size,
                   int flags);

@@ -1,28 +1,28 @@
-// SPDX-License-Identifier: GPL-2.0
-// How an upper dentry gets its upper inode, which is found or made for the lower one.
+// Binds upper dentries to upper inodes, which are found or made for the lower ones.
 //
-// An upper directory stands for a lower directory and the mount below through which it is reached.
-// The same lower directory in two places of the lower tree (a bind mount) is two upper directories:
-// natively nothing can be moved from one place to the other either, and a change is recorded by the
-// path of the place where it was made.
+// An upper directory stands for a lower directory and the lower mount through which it is reached.
+// A lower directory at two places of the lower tree (a bind mount) is two upper directories:
+// without this layer nothing can be renamed from one place to the other either, and a change is
+// recorded by the path of the place where it was made.
 //
-// An upper directory has one dentry at most. The VFS takes the i_mutex of two different dentries'
-// inodes one after the other, which would be the same one. So a directory that was moved below,
-// beside this mount, takes its dentry along to where it is found, with all who use it.
+// An upper directory has at most one dentry: the VFS locks the i_mutex of two different dentries'
+// inodes one after the other, which would deadlock on a shared one. So when a directory was moved
+// in the lower tree, beside this mount, its dentry with all its users is moved to where it is
+// found.
 
 #include "tarn.h"
 #include "ox_guard.h"
 
 namespace {
 
-// A directory gets its dentry, or takes it to another place, under this lock. Inside it locks of
-// the VFS are tried, not waited for, and nothing is called below.
+// Serializes binding and moving the dentries of directories. Inside it VFS locks are only tried,
+// and the lower file system is not called.
 struct mutex alias_mutex;
 
-// How often the locks for a move are tried again: at once, then a tick apart.
+// How often the locks for a move are retried: first at once, then after a tick.
 constexpr int most_tries = 3;
 
-// What the inode cache compares directories by.
+// The key of directories in the inode cache.
 struct lower_directory {
   struct inode *inode;
   const struct vfsmount *mnt;
@@ -56,7 +56,7 @@ bool is_at_or_above(const struct dentry *dentry, const struct dentry *other) {
   return other == dentry;
 }
 
-// The names in it that the cache has belong to the former lower dentry.
+// Drops the cached names in it, which belong to the former lower dentry.
 void forget_children(struct dentry *dir) {
   spin_guard guard(dcache_lock);
   struct dentry *child;
@@ -66,8 +66,9 @@ void forget_children(struct dentry *dir) {
   }
 }
 
-// The lower file system has another lower dentry of the directory now, that of `dentry`. The former
-// one may be in use without a reference, so it stays until `alias` goes.
+// Gives `alias` the lower path of `dentry`, as the lower file system has another dentry of the
+// directory now. The former one may be in use without a reference, so it is kept until `alias` is
+// released.
 void take_lower_path(struct dentry *alias, struct dentry *dentry) {
   struct tarn_dentry_info *info = tarn_dentry(dentry);
   info->former = tarn_dentry(alias);
@@ -77,7 +78,7 @@ void take_lower_path(struct dentry *alias, struct dentry *dentry) {
   forget_children(alias);
 }
 
-// Puts `alias` in the place of `dentry`. Both parents are locked, or the one that they share.
+// Moves `alias` to the place of `dentry`. Both parents, or their common one, are locked.
 int replace(struct dentry *alias, struct dentry *dentry) {
   if (d_mountpoint(alias)) return -EBUSY;
   if (tarn_lower_dentry(alias) != tarn_lower_dentry(dentry)) take_lower_path(alias, dentry);
@@ -85,9 +86,9 @@ int replace(struct dentry *alias, struct dentry *dentry) {
   return 0;
 }
 
-// The same with the locks that it needs beside that of dentry's parent, which the caller has. In
-// the VFS's order they come before that one: -ESTALE when they are not to be had at once. -ELOOP:
-// dentry is below `alias`, of which the move is still to be found.
+// The same with the locks that it needs besides that of dentry's parent, which the caller holds. In
+// the VFS's order they come before that one, so they are only tried. -ESTALE: not available now;
+// -ELOOP: `dentry` is below `alias`, whose own move was not seen yet.
 int try_to_replace(struct dentry *alias, struct dentry *dentry) {
   if (!IS_ROOT(alias) && alias->d_parent == dentry->d_parent) return replace(alias, dentry);
   mutex_try_guard rename_guard(dentry->d_sb->s_vfs_rename_mutex);
@@ -97,7 +98,7 @@ int try_to_replace(struct dentry *alias, struct dentry *dentry) {
   return parent_guard ? replace(alias, dentry) : -ESTALE;
 }
 
-// The dentry's binding takes over the reference on the inode.
+// Binds the dentry; takes over the reference on the inode.
 void bind(struct inode *inode, struct dentry *dentry, enum tarn_interpose_flag flag) {
   if (flag == TARN_SPLICE) {
     d_splice_alias(inode, dentry);
@@ -106,7 +107,7 @@ void bind(struct inode *inode, struct dentry *dentry, enum tarn_interpose_flag f
   }
 }
 
-// As tarn_interpose, for a directory; takes over the reference on the inode.
+// tarn_interpose for a directory; takes over the reference on the inode.
 int bind_directory(struct inode *inode, struct dentry *dentry, enum tarn_interpose_flag flag,
                    struct dentry **moved) {
   for (int tries = 0;; ++tries) {
@@ -124,7 +125,7 @@ int bind_directory(struct inode *inode, struct dentry *dentry, enum tarn_interpo
     if (!rc) {
       *moved = alias;
     } else {
-      if (rc == -ESTALE) d_invalidate(alias);  // one that nobody uses need not be moved
+      if (rc == -ESTALE) d_invalidate(alias);  // an unused one need not be moved
       dput(alias);
       if (rc == -ESTALE && tries < most_tries) {
         if (tries) schedule_timeout_uninterruptible(1);
@@ -164,7 +165,7 @@ int tarn_interpose(struct dentry *lower_dentry, struct dentry *dentry, struct su
     return -EACCES;
   }
   if (inode->i_state & I_NEW) {
-    unlock_new_inode(inode);  // it keeps the reference on the lower inode
+    unlock_new_inode(inode);  // it takes over the reference on the lower inode
   } else {
     iput(lower);
   }
@@ -178,7 +179,7 @@ int tarn_interpose(struct dentry *lower_dentry, struct dentry *dentry, struct su
     init_special_inode(inode, lower->i_mode, lower->i_rdev);
   }
 
-  // Before the dentry leads to the inode: another walk may look at it from then on.
+  // Before the binding: another path walk may use the inode from then on.
   tarn_copy_attr_all(inode, lower);
   i_size_write(inode, i_size_read(lower));
   inode->i_blocks = lower->i_blocks;

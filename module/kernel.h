@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The one door through which the module sees kernel headers. Only includes stand here: the build
- * for a real kernel brackets this file to keep C++ keywords apart, so nothing else may be added.
+ * The only header that includes kernel headers. It may contain nothing but includes: the build for
+ * a real kernel brackets this file to separate C++ keywords.
  */
 #ifndef TARN_KERNEL_H
 #define TARN_KERNEL_H

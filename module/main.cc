@@ -1,6 +1,5 @@
-// SPDX-License-Identifier: GPL-2.0
-// The module frame: the object caches, the file system type, the order in which the subsystems come
-// up and go down, and mounting over a lower directory.
+// Module start and stop: the object caches, the file system type, the order of the subsystems, and
+// mounting over a lower directory.
 
 #include "tarn.h"
 #include "dir.h"
@@ -15,7 +14,7 @@ struct kmem_cache *tarn_sb_info_cache;
 
 namespace {
 
-// Held while the lower file system's own is taken: the kernel's lock checker must tell them apart.
+// This mutex is held while the lower file system's is taken: lockdep must distinguish them.
 struct lock_class_key tarn_vfs_rename_key;
 
 struct tarn_cache_info {
@@ -32,8 +31,8 @@ constexpr struct tarn_cache_info tarn_cache_infos[] = {
     {&tarn_sb_info_cache, "tarn_sb_cache", sizeof(struct tarn_sb_info), nullptr},
 };
 
-// Stops at the first that cannot be made; the ones behind it are null, whatever an earlier start in
-// the same memory has left there.
+// Stops at the first failure. All later ones are null, also if the module was started before in the
+// same memory.
 int create_caches() {
   for (const struct tarn_cache_info &info : tarn_cache_infos) *info.cache = nullptr;
   for (const struct tarn_cache_info &info : tarn_cache_infos) {
@@ -43,7 +42,7 @@ int create_caches() {
   return 0;
 }
 
-// Each step below starts what comes after it and undoes itself when that fails.
+// Each of these steps starts the next one and undoes itself if that fails.
 
 int start_directories_and_capture() {
   static_assert(sizeof("/usr/local/oxbase/sbin/mirrord") <= sizeof(mirrord_full_name));
@@ -91,7 +90,7 @@ int start_file_system() {
   return rc;
 }
 
-// Lays `sb` over the directory at `path`; its root keeps the references of the lookup.
+// Binds `sb` to the lower directory at `path`; its root keeps the references of the look-up.
 int bind_root(struct super_block *sb, const char *path) {
   struct nameidata nd;
   memset(&nd, 0, sizeof(nd));
@@ -110,7 +109,7 @@ int bind_root(struct super_block *sb, const char *path) {
   lower_path.mnt = nd.mnt;
   rc = tarn_interpose(nd.dentry, sb->s_root, sb, TARN_INSTANTIATE);
   if (rc) {
-    // The references go back here, so the root's release must not give them back again.
+    // path_release() drops the references, so the root's release must not.
     lower_path.dentry = nullptr;
     lower_path.mnt = nullptr;
     path_release(&nd);
@@ -126,8 +125,8 @@ void tarn_free_kmem_caches(void) {
   }
 }
 
-// A super block without a root inode; tarn_get_sb binds it. What an earlier step allocated stays
-// with the super block when a later one fails.
+// Makes a super block without a root inode, which tarn_get_sb binds. After an error the allocations
+// stay with the super block.
 int tarn_fill_super(struct super_block *sb, void *, int) {
   sb->s_fs_info = kmem_cache_zalloc(tarn_sb_info_cache, GFP_KERNEL);
   if (!sb->s_fs_info) return -ENOMEM;
@@ -149,7 +148,7 @@ int tarn_fill_super(struct super_block *sb, void *, int) {
 
 int tarn_get_sb(struct file_system_type *fs_type, int flags, const char *dev_name, void *data,
                 struct vfsmount *mnt) {
-  if (!dev_name || !*dev_name) return -EINVAL;  // mount(2) passes on what it was given
+  if (!dev_name || !*dev_name) return -EINVAL;  // mount(2) does not check it
   int rc = get_sb_nodev(fs_type, flags, data, tarn_fill_super, mnt);
   if (rc < 0) return rc;
 
@@ -162,7 +161,7 @@ int tarn_get_sb(struct file_system_type *fs_type, int flags, const char *dev_nam
   return rc;
 }
 
-// The anonymous device number that get_sb_nodev took is not given back.
+// The anonymous device number from get_sb_nodev is not freed.
 void tarn_kill_block_super(struct super_block *sb) {
   generic_shutdown_super(sb);
 }

@@ -1,6 +1,5 @@
-// SPDX-License-Identifier: GPL-2.0
-// The layer's own page cache: pages are filled from the inode's shared lower file and written
-// through to it at once; only pages dirtied through a mapping come back later, through writepage.
+// The layer's own page cache: pages are read from the inode's shared lower file and written through
+// to it at once. Only pages dirtied through a mapping are written later, by writepage.
 
 #include "tarn.h"
 #include "ox_guard.h"
@@ -16,7 +15,7 @@ char *page_text(struct page *page) {
   return static_cast<char *>(page_address(page));
 }
 
-// The results of two operations pass through an int on their way out.
+// Two operations truncate their result to an int.
 long as_int(long result) {
   return static_cast<int>(result);
 }
@@ -32,7 +31,7 @@ void set_uptodate(struct page *page, bool uptodate) {
 
 namespace {
 
-// The bytes that the lower file took, or its error.
+// Returns the bytes written to the lower file, or its error.
 ssize_t write_below(struct inode *inode, const char *buffer, loff_t offset, size_t size) {
   struct tarn_inode_info *info = tarn_inode(inode);
   ssize_t written;
@@ -46,7 +45,7 @@ ssize_t write_below(struct inode *inode, const char *buffer, loff_t offset, size
                         &lower_file->f_pos);
   }
   __mark_inode_dirty(inode, I_DIRTY_SYNC);
-  // Programs are told of one error, whatever it was.
+  // Programs get -EINVAL for every error: log the real one.
   if (written < 0 && printk_ratelimit())
     printk("<4>tarn_write_lower: inode %lu, %lu bytes at %lld: rc=%d\n", inode->i_ino,
            static_cast<unsigned long>(size), offset, static_cast<int>(written));
@@ -67,8 +66,8 @@ int tarn_write_lower_page_segment(struct inode *inode, struct page *page, size_t
                           page_start(page->index) + static_cast<loff_t>(offset_in_page), size);
 }
 
-// A short read (the end of the lower file) counts as success and leaves the rest of the buffer as
-// it was.
+// A short read (at the end of the lower file) counts as success and does not change the rest of the
+// buffer.
 int tarn_read_lower(char *buffer, loff_t offset, size_t size, struct inode *inode) {
   struct tarn_inode_info *info = tarn_inode(inode);
   ssize_t read;
@@ -91,8 +90,8 @@ int tarn_read_lower_page_segment(struct page *page, pgoff_t index, size_t offset
                          size, inode);
 }
 
-// A page of the lower file's own cache, locked and with a reference for the caller; or an error
-// pointer.
+// Returns a page of the lower file's own cache, locked and with a reference for the caller, or an
+// error pointer.
 struct page *tarn_get_locked_page(struct file *file, pgoff_t index) {
   struct address_space *mapping = tarn_lower_inode(file->f_dentry->d_inode)->i_mapping;
   struct page *page =
@@ -105,9 +104,9 @@ struct page *tarn_get_locked_page(struct file *file, pgoff_t index) {
 
 namespace {
 
-// Reads a page as a whole. What the lower file does not have of it is zero.
+// Reads a whole page; zeros beyond the lower file's end.
 int read_page(struct inode *inode, struct page *page) {
-  // The end of the last page that a file may have is no number of this type.
+  // Compares by difference: the end of the last possible page would overflow.
   const loff_t rest = i_size_read(tarn_lower_inode(inode)) - page_start(page->index);
   if (rest < static_cast<loff_t>(PAGE_CACHE_SIZE)) memset(page_text(page), 0, PAGE_CACHE_SIZE);
   return tarn_read_lower_page_segment(page, page->index, 0, PAGE_CACHE_SIZE, inode);
@@ -136,8 +135,8 @@ int tarn_prepare_write(struct file *, struct page *page, unsigned from, unsigned
   return 0;
 }
 
-// The page stays clean: its data is in the lower file already. One of which the lower file did not
-// take all is read again before anybody sees it, and who writes learns where it ends.
+// The page stays clean: its data is already in the lower file. After a short lower write the page
+// is read again before its next use, and `cut_at` tells the writer where it ended.
 int tarn_commit_write(struct file *, struct page *page, unsigned from, unsigned to) {
   struct inode *inode = page->mapping->host;
   cond_resched();
@@ -153,11 +152,10 @@ int tarn_commit_write(struct file *, struct page *page, unsigned from, unsigned 
   return written < 0 ? -EINVAL : 0;
 }
 
-// Capture of a page dirtied through a mapping. It goes by the lower dentry, so it reaches a rule
-// only where that dentry is itself one of this layer (a mount over a mount); the private data of
-// any other file system is not ours to read. Capture reads the page as user memory: that works in
-// the write-back threads, which run with the kernel's address limit; a process's own msync makes
-// capture report that it could not copy.
+// Captures a page dirtied through a mapping, by the path of the lower dentry. So it reaches a rule
+// only if that dentry is itself of this layer (a mount over a mount); other file systems' d_fsdata
+// is not ours to read. Capture reads the page as user memory, which works in the write-back
+// threads, as they run with the kernel's address limit; in a process's own msync the copy fails.
 void capture_page(struct dentry *lower_dentry, struct page *page) {
   if (!lower_dentry->d_fsdata || lower_dentry->d_op != &tarn_dops) return;
   cond_resched();
@@ -171,9 +169,9 @@ int keep_for_later(struct page *page, struct writeback_control *wbc) {
   return 0;
 }
 
-// The whole page is written whatever the file's size, so a mapped last page extends the lower file.
-// Who looks for free memory may hold locks of this very file: the write-back threads do it instead.
-// The mark of write-back takes the page off the list of dirty ones.
+// Writes the whole page whatever the file's size, so a mapped last page extends the lower file.
+// Memory reclaim may hold locks of this file: it leaves the page to the write-back threads.
+// set_page_writeback() removes the page from the list of dirty ones.
 int tarn_writepage(struct page *page, struct writeback_control *wbc) {
   struct inode *inode = page->mapping->host;
   BUG_ON(!tarn_inode(inode)->lower_file);

@@ -1,5 +1,4 @@
-// SPDX-License-Identifier: GPL-2.0
-// What the daemon's messages do.
+// Handles the daemon's messages.
 #include "netlink.h"
 #include "ox_guard.h"
 #include "rule.h"
@@ -15,12 +14,12 @@ static void tarn_process_nl_quit(void) {
   printk("tarn_process_nl_quit: daemon_pid = 0\n");
 }
 
-/* Answers a rule message with its result. */
+/* Answers a rule message with the result. */
 static int reply(int type, ox_s32_t result) {
   return tarn_send_netlink(&result, sizeof(result), type, 0, 0);
 }
 
-/* The payload lies in the kernel where the rule functions expect the user's memory. */
+/* The payload is kernel memory where the rule functions expect user memory. */
 static int add_rule(const void *payload, unsigned len) {
   kernel_ds_guard kernel_addresses;
   return do_add(static_cast<const void __user *>(payload), len);
@@ -61,7 +60,7 @@ void tarn_process_message(struct sk_buff *skb, struct nlmsghdr *header) {
       break;
     case OX_OP_WRITE:
     case OX_OP_COLLECT:
-      break; /* our own kind of message, come back */
+      break; /* our own kind of message, sent back */
     default:
       printk("<4>Dropping netlink message of unrecognized type [%d]\n", header->nlmsg_type);
   }

@@ -1,6 +1,5 @@
-// SPDX-License-Identifier: GPL-2.0
-// The operations that change names. Names change under exactly one lower lock, the lower
-// directory's i_mutex (both directories' for a rename), which is held across the capture as well.
+// The operations that change names. Each holds the lower directory's i_mutex (both directories' for
+// a rename) across the lower call and the capture.
 
 #include "dir.h"
 #include "inode_ops.h"
@@ -13,22 +12,22 @@ struct dentry *tarn_lookup_lower(struct dentry *lower_dir, const struct dentry *
 
 namespace {
 
-// The mode that every symbolic link gets: 07777.
+// The mode of every symbolic link: 07777.
 constexpr int symlink_mode = 4095;
 
-// Somebody may have changed names in a lower directory by another way than this mount. So each
-// change of names locks the lower inodes of the upper directories and looks there for what it is
-// about: only what still goes by its name is changed.
+// Names in a lower directory may be changed other than through this mount. So each operation locks
+// the lower inodes of the upper directories, looks the name up there, and goes on only if it still
+// has the expected object.
 
-// The next access looks the name up again.
+// Makes the next access look the name up again.
 int stale_name(struct dentry *dentry) {
   d_drop(dentry);
   return -ESTALE;
 }
 
-// What an upper dentry stands for in its lower directory, whose i_mutex is held: a lower dentry
-// with a reference, or an error pointer. -ESTALE: it is not what it was, and the dentry is dropped;
-// -EBUSY: something is mounted there below.
+// Looks up the name of an upper dentry in its lower directory, whose i_mutex is held. Returns a
+// lower dentry with a reference, or an error pointer: -ESTALE if the object is another one, and the
+// upper dentry is dropped; -EBUSY if something is mounted on the lower dentry.
 struct dentry *lower_name(struct dentry *lower_dir, struct dentry *dentry) {
   struct dentry *found = tarn_lookup_lower(lower_dir, dentry);
   if (IS_ERR(found)) return found;
@@ -43,7 +42,7 @@ struct dentry *lower_name(struct dentry *lower_dir, struct dentry *dentry) {
   return static_cast<struct dentry *>(ERR_PTR(rc));
 }
 
-// The result of lower_name.
+// Owns the result of lower_name.
 class found_name {
  public:
   explicit found_name(struct dentry *found) : found_(found), own_(!IS_ERR(found)) {}
@@ -64,7 +63,7 @@ class found_name {
   bool own_;
 };
 
-// The lower directory of an upper dentry, with its lock, and what the dentry stands for in it.
+// The locked lower directory of an upper dentry, and the result of lower_name in it.
 class locked_lower_name {
  public:
   explicit locked_lower_name(struct dentry *dentry)
@@ -84,19 +83,18 @@ class locked_lower_name {
     return name_.get();
   }
   int error() const { return name_.error(); }
-  // Of a name at which something is to be made: that goes by the dentry that is bound already.
+  // For the creation of an object, which uses the lower dentry that is already bound.
   int error_to_make(struct dentry *dentry) const {
     if (error()) return error();
     return get() == tarn_lower_dentry(dentry) ? 0 : stale_name(dentry);
   }
-  // Lets go of the name where the upper dentry holds it anyway: the lower file system looks at how
-  // many use it.
+  // Drops the reference if the upper dentry has its own: the lower file system checks the count.
   void give_back(const struct dentry *bound) {
     if (get() == bound) name_.give_back();
   }
 
  private:
-  dentry_ref dir_;  // given back after the lock
+  dentry_ref dir_;  // released after the lock
   mutex_guard lock_;
   found_name name_;
 };
@@ -105,7 +103,7 @@ void drop_if_negative(struct dentry *dentry) {
   if (!dentry->d_inode) d_drop(dentry);
 }
 
-// What a new object's owner and times are, as the change that capture reports after its creation.
+// A new object's owner and times, as the attribute change that is captured after its creation.
 struct iattr attr_of_new(const struct inode *inode, int mode, const struct inode *lower_dir) {
   struct iattr ia;
   memset(&ia, 0, sizeof(ia));
@@ -130,7 +128,7 @@ int tarn_create(struct inode *dir, struct dentry *dentry, int mode, struct namei
     tarn_lower_nd lend(nd, lower_dentry, tarn_lower_mnt(dentry));
     rc = vfs_create(lower.inode(), lower_dentry, mode, nd);
   }
-  if (!rc && !lower_dentry->d_inode) rc = -ESTALE;  // made, and out of reach at once
+  if (!rc && !lower_dentry->d_inode) rc = -ESTALE;  // created, but removed at once
   if (!rc) rc = tarn_interpose(lower_dentry, dentry, dir->i_sb, TARN_INSTANTIATE);
   if (rc) return rc;
   tarn_sync_1dentry(OX_OP_CREATE, dentry, mode);
@@ -143,8 +141,8 @@ int tarn_create(struct inode *dir, struct dentry *dentry, int mode, struct namei
 
 namespace {
 
-// What mkdir, mknod and symlink do after their lower call: `rc` is its result. True when the dentry
-// was bound.
+// Binds the dentry after the lower call of mkdir, mknod or symlink with result `rc`. Returns true
+// if it was bound.
 bool bind_created(struct inode *dir, struct dentry *dentry, int *rc) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
   if (*rc || !lower_dentry->d_inode) return false;
@@ -225,7 +223,8 @@ int link_below(struct dentry *old_dentry, struct inode *dir, struct dentry *new_
   locked_lower_name lower(new_dentry);
   int rc = lower.error_to_make(new_dentry);
   if (rc) return rc;
-  // The new name is one of the object's as well, but not the one that the record tells of.
+  // Before the link: the record needs the old name, and the new one is then a name of the object
+  // too.
   const bool in_place = tarn_is_in_place(old_dentry, old_name ? old_name.get() : lower_old.get());
   tarn_name_change change(lower_new.get());
   rc = vfs_link(lower_old.get(), lower.inode(), lower_new.get());
@@ -240,7 +239,7 @@ int link_below(struct dentry *old_dentry, struct inode *dir, struct dentry *new_
 
 }  // namespace
 
-// Whatever the result, the next access through either name looks both up again.
+// Whatever the result, the next access by either name looks it up again.
 int tarn_link(struct dentry *old_dentry, struct inode *dir, struct dentry *new_dentry) {
   const int rc = link_below(old_dentry, dir, new_dentry);
   d_drop(tarn_lower_dentry(old_dentry));
@@ -251,14 +250,14 @@ int tarn_link(struct dentry *old_dentry, struct inode *dir, struct dentry *new_d
 
 namespace {
 
-// The path is that of the place, which stays known when nothing is there any more.
+// The record's path is the directory's and the name: the removed object has none.
 void capture_removal(ox_u32_t op, struct dentry *lower_dir, struct dentry *dentry) {
   tarn_record_path path(lower_dir, tarn_lower_mnt(dentry), &dentry->d_name);
   tarn_names_sync(op, path, nullptr, 0, nullptr);
 }
 
-// Whether somebody else uses an upper dentry that is to go. Nobody comes to it from now on: it is
-// out of the cache, and its directory is locked.
+// Does anyone else use an upper dentry that is to be removed? New users cannot find it: it is
+// unhashed, and its directory is locked.
 bool is_shared(struct dentry *dentry) {
   d_drop(dentry);
   return atomic_read(&dentry->d_count) > 1;
@@ -268,9 +267,9 @@ int unlink_below(struct inode *dir, struct dentry *dentry) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
   locked_lower_name lower(dentry);
   if (lower.error()) return lower.error();
-  // With a second user the lower dentry keeps its inode: whoever has the upper one still works with
-  // it. Without one the lower file system must not see any, or NFS keeps the file under another
-  // name.
+  // If the upper dentry has other users, a reference makes the lower dentry keep its inode for
+  // them. Otherwise the lower file system must see no second user, or NFS renames the file instead
+  // of removing it.
   dentry_ref held(is_shared(dentry) ? dget(lower_dentry) : nullptr);
   lower.give_back(lower_dentry);
   const int rc = vfs_unlink(lower.inode(), lower.get());
@@ -294,7 +293,8 @@ int tarn_unlink(struct inode *dir, struct dentry *dentry) {
 namespace {
 
 int rmdir_below(struct inode *dir, struct dentry *dentry) {
-  // Held beyond d_delete, so that the lower dentry keeps its inode for whoever is in the directory.
+  // Held across d_delete, so that the lower dentry keeps its inode for tasks that work in the
+  // directory.
   dentry_ref held(dget(tarn_lower_dentry(dentry)));
   locked_lower_name lower(dentry);
   if (lower.error()) return lower.error();
@@ -318,7 +318,7 @@ int tarn_rmdir(struct inode *dir, struct dentry *dentry) {
 
 namespace {
 
-// Both lower directories of a rename, locked.
+// Locks both lower directories of a rename.
 class rename_guard {
  public:
   rename_guard(struct dentry *dir1, struct dentry *dir2)
@@ -326,7 +326,7 @@ class rename_guard {
   ~rename_guard() { unlock_rename(dir1_, dir2_); }
   rename_guard(const rename_guard &) = delete;
   rename_guard &operator=(const rename_guard &) = delete;
-  // The one in the directory that is further up which the other directory lies below; or null.
+  // The child of one directory that is an ancestor of the other; or null.
   const struct dentry *trap() const { return trap_; }
 
  private:
@@ -337,20 +337,20 @@ class rename_guard {
 
 int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                  struct dentry *new_dentry) {
-  // What is mounted below, a second time or another file system, is part of the upper tree; the VFS
-  // has compared the upper mounts alone.
+  // Lower mounts (bind mounts, other file systems) are part of the upper tree; the VFS has compared
+  // only the upper mounts.
   if (tarn_lower_mnt(old_dentry->d_parent) != tarn_lower_mnt(new_dentry->d_parent)) return -EXDEV;
   dentry_ref lower_old_dir(dget(tarn_lower_dentry(old_dentry->d_parent)));
   dentry_ref lower_new_dir(dget(tarn_lower_dentry(new_dentry->d_parent)));
   if (lower_old_dir.get() != lower_new_dir.get() &&
       lower_old_dir->d_inode == lower_new_dir->d_inode)
-    return stale_name(new_dentry);  // one lock twice
+    return stale_name(new_dentry);  // the same i_mutex twice
   rename_guard guard(lower_old_dir.get(), lower_new_dir.get());
   found_name lower_old(lower_name(lower_old_dir.get(), old_dentry));
   if (lower_old.error()) return lower_old.error();
   found_name lower_new(lower_name(lower_new_dir.get(), new_dentry));
   if (lower_new.error()) return lower_new.error();
-  // The VFS has made these tests on the upper dentries, which may be elsewhere.
+  // The VFS has made these tests on the upper dentries, whose lower ones may be at other places.
   if (lower_old.get() == guard.trap()) return -EINVAL;
   if (lower_new.get() == guard.trap()) return -ENOTEMPTY;
   const int mode = lower_old.get()->d_inode ? int{lower_old.get()->d_inode->i_mode} : 0;
@@ -359,7 +359,7 @@ int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode 
   const int rc =
       vfs_rename(lower_old_dir->d_inode, lower_old.get(), lower_new_dir->d_inode, lower_new.get());
   if (rc) return rc;
-  // Both places, whatever has them by now.
+  // The paths of both names, whatever object has them now.
   tarn_record_path old_path(lower_old_dir.get(), tarn_lower_mnt(old_dentry), &old_dentry->d_name);
   tarn_record_path new_path(lower_new_dir.get(), tarn_lower_mnt(new_dentry), &new_dentry->d_name);
   tarn_names_sync(OX_OP_RENAME, old_path, &new_path, mode, &change);
@@ -373,7 +373,7 @@ int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode 
 int tarn_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                 struct dentry *new_dentry) {
   tarn_lower_path path(old_dentry);
-  // A path that cannot be had is not tested.
+  // Not checked if the path cannot be determined.
   if (path && dir_refuses_rename(path.get())) return -EACCES;
   return rename_below(old_dir, old_dentry, new_dir, new_dentry);
 }

@@ -38,7 +38,7 @@ static void put_header(struct sk_buff *skb, ox_u32_t len, int type, int flags, o
   header->nlmsg_pid = pid;
 }
 
-/* No daemon from now on, unless another one has registered in the meantime. */
+/* Unregisters the daemon, unless another one has registered since. */
 static void forget_daemon(ox_u32_t pid) {
   __atomic_compare_exchange_n(&daemon_pid, &pid, 0u, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED);
 }
@@ -51,9 +51,9 @@ static void signal_daemon(ox_u32_t pid, int reason) {
 namespace {
 
 /*
- * For the time of a send the process keeps signals waiting, except those by which somebody ends it.
- * A signal ends the wait for room in the daemon's queue and with it the record is lost, of a change
- * that has been made: no child that ends and no timer may do that.
+ * Blocks all signals but those that end the process while it sends. A signal ends the wait for room
+ * in the daemon's queue and so loses the record of a change that was made; SIGCHLD or a timer must
+ * not do that.
  */
 class signals_wait {
  public:
@@ -79,7 +79,7 @@ static int unicast_blocking(struct sk_buff *skb, ox_u32_t pid) {
   return netlink_unicast(tarn_nl_sock, skb, pid, blocking);
 }
 
-/* Hands a message over, which is consumed in any case. */
+/* Sends a message, which is consumed in any case. */
 static int unicast(struct sk_buff *skb, ox_u32_t pid) {
   const int result = unicast_blocking(skb, pid);
   if (result >= 0) return 0;

@@ -9,23 +9,23 @@ namespace {
 
 struct {
   spinlock_t lock;
-  unsigned count;            // changes of names that have been numbered
+  unsigned count;            // number of numbered changes of names
   struct list_head changes;  // tarn_name_change
 } names;
 
-// What a change of names may take between the kernel's cache and its number.
+// The longest time that a change of names may take from the kernel's dcache to its number.
 constexpr int patience_jiffies = HZ;
 
-// A dentry of another file system may have private data too, but not ours.
+// d_fsdata of another file system's dentry is not ours.
 bool is_bound(const struct dentry *dentry) {
   return dentry->d_fsdata && dentry->d_op == &tarn_dops && tarn_lower_dentry(dentry) &&
          tarn_lower_mnt(dentry);
 }
 
-// Out of the cache of names: nothing leads to it, but its object may still have the name.
+// Unhashed: look-ups do not find the dentry, but its object may still have the name.
 bool is_dropped(struct dentry *dentry) {
   if (!d_unhashed(dentry)) return false;
-  spin_guard guard(dentry->d_lock);  // it may be moving
+  spin_guard guard(dentry->d_lock);  // d_move() may be in progress
   return !IS_ROOT(dentry) && d_unhashed(dentry);
 }
 
@@ -34,8 +34,8 @@ bool is_at_or_below_locked(const struct dentry *dentry, const struct dentry *top
   return dentry == top;
 }
 
-// Where an upper dentry is now: its name, and the lower directory that it is in, which may be of
-// another file system.
+// The present place of an upper dentry: its name and its lower directory, which may be of another
+// file system.
 class own_place {
  public:
   explicit own_place(struct dentry *dentry) {
@@ -65,13 +65,13 @@ class own_place {
     return !d_unhashed(lower) && lower->d_parent == lower_dir() && lower->d_name.len == name_.len &&
            !memcmp(lower->d_name.name, text_, name_.len);
   }
-  // What the cache has there, with a reference; null for nothing.
+  // The place's lower dentry in the dcache, with a reference, or null.
   struct dentry *cached() {
     struct dentry *dir = lower_dir();
     if (dir->d_op && dir->d_op->d_hash && dir->d_op->d_hash(dir, &name_) < 0) return nullptr;
     return d_lookup(dir, &name_);
   }
-  // What the lower file system has there, with a reference; null for nothing.
+  // Looks the place up in the lower file system; a dentry with a reference, or null.
   struct dentry *looked_up() const {
     struct dentry *dir = lower_dir();
     mutex_guard guard(dir->d_inode->i_mutex, I_MUTEX_PARENT);
@@ -86,14 +86,14 @@ class own_place {
   unsigned char text_[NAME_MAX + 1];
 };
 
-// `dentry`, if it is a name of `inode`; otherwise null, and its reference is given back.
+// Returns `dentry` if it is a name of `inode`; otherwise drops its reference and returns null.
 struct dentry *name_of(struct dentry *dentry, const struct inode *inode) {
   if (!dentry || (dentry->d_inode == inode && !is_dropped(dentry))) return dentry;
   dput(dentry);
   return nullptr;
 }
 
-// Some name of the inode below `top` that the cache has, with a reference; null for none.
+// Any hashed alias of the inode below `top`, with a reference, or null.
 struct dentry *find_alias(struct inode *inode, const struct dentry *top) {
   spin_guard guard(dcache_lock);
   struct dentry *alias;
@@ -173,7 +173,7 @@ bool tarn_record_path::take(gfp_t gfp) {
   return true;
 }
 
-// The deepest directory above that has room.
+// Takes the path of the deepest parent directory that has room.
 void tarn_record_path::take_above(struct dentry *dentry, struct vfsmount *mnt) {
   too_long_ = true;
   dentry = dget(dentry);
@@ -183,7 +183,7 @@ void tarn_record_path::take_above(struct dentry *dentry, struct vfsmount *mnt) {
     dentry = parent;
     text_ = d_path(dentry, mnt, buf_, OX_PATH_MAX);
   } while (IS_ERR(text_) && !IS_ROOT(dentry));
-  if (IS_ERR(text_)) text_ = "/"; /* that of the root always has room */
+  if (IS_ERR(text_)) text_ = "/"; /* the root's always fits */
   dput(dentry);
 }
 
@@ -196,8 +196,8 @@ void tarn_record_path::take_object() {
     if (!at) return;
     text_ = d_path(at, mnt, buf_, OX_PATH_MAX);
     if (IS_ERR(text_)) take_above(at, mnt);
-    // What has no name needs no whole path. A name that was dropped meanwhile has left " (deleted)"
-    // in the text.
+    // The path of a nameless object may be cut. If the dentry was unhashed since, d_path() may have
+    // added " (deleted)": again.
     if (naming_ != OX_CP_NAMED) too_long_ = false;
     const bool again = naming_ == OX_CP_NAMED && dentry_->d_inode && is_dropped(at);
     dput(at);
@@ -205,8 +205,9 @@ void tarn_record_path::take_object() {
   }
 }
 
-// A dentry that goes by a name of the object of a lower one that is out of the cache, whose
-// reference it takes over; that itself, and what it is, if there is none. Null: the path is taken.
+// Finds another name of an unhashed lower dentry's object; takes over the reference. Returns a
+// dentry of such a name; `lower` itself, with naming_ set, if there is none; null if the path has
+// been taken.
 struct dentry *tarn_record_path::find_name(struct dentry *lower) {
   struct inode *inode = tarn_lower_inode(dentry_->d_inode);
   own_place place(dentry_);
@@ -226,7 +227,7 @@ struct dentry *tarn_record_path::find_name(struct dentry *lower) {
   return lower;
 }
 
-// The text of the directory ends where the name begins.
+// Builds the directory's path so that it ends where the name begins.
 void tarn_record_path::take_name(struct dentry *dir, struct vfsmount *mnt,
                                  const struct qstr *name) {
   const int len = static_cast<int>(name->len);
@@ -269,8 +270,8 @@ bool tarn_name_change::has_happened_locked() const {
          lower_->d_name.len != name_len_ || memcmp(lower_->d_name.name, name_, name_len_);
 }
 
-// Of two renames that have happened and have no number yet, the one whose directories the other has
-// moved is numbered second; a link after any rename. So nobody waits for one who waits for him.
+// Of two renames that have happened but are not numbered, the one whose directories the other has
+// moved is numbered second; a link is numbered after any rename. So no two wait for each other.
 bool tarn_name_change::waits_for_locked(const tarn_name_change &other) const {
   if (!other.inode_before_) return false;
   if (!inode_before_) return true;

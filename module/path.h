@@ -1,24 +1,23 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The paths that records say: where a changed object is called what, and that this agrees with the
- * record's number.
+ * The paths in records, and their consistency with the records' numbers.
  *
- * A path is not a file. A lower dentry may be out of the cache of names although its file still has
- * the name (a hard link was made, a mount has ended), or because the file lost it. So a path comes
- * with what it is to the object (enum ox_naming): the name; the name of another alias, where the
- * dentry's own is out of the cache; or a mere text.
+ * A path is not a file. A lower dentry may be unhashed although its file still has the name (after
+ * link(2), or an umount), or because the file lost it. So a path comes with its relation to the
+ * object (enum ox_naming): it is the object's name, that of the dentry or of another alias, or a
+ * mere text.
  *
- * A path is true at a moment. What holds: a record that is numbered before the record of a change
- * of names says the path of before, one that is numbered after it says the path of after. For
- * this, changes of names are counted when they are numbered. A capture notes the count before it
- * takes its paths; numbers are given out under names.lock, and only if the count is still the same;
- * otherwise the paths are taken again. A rename or a link changes the kernel's names a moment
- * before it is numbered: it is known (struct tarn_name_change) from before its lower call until
- * then, and in that moment nobody else gets a number. The moment contains no send, no lock of a
- * lower object that others wait with, and no memory that could come back to writepage; who finds it
- * longer than a second gives its record up, and the number stands for the loss.
+ * A path is valid at a moment. The guarantee: a record that is numbered before the record of a
+ * change of names has the path from before the change, one that is numbered after it has the path
+ * from after it. For this, changes of names are counted when they are numbered. A capture notes the
+ * count before it takes its paths. Numbers are assigned under names.lock, and only if the count is
+ * unchanged; otherwise the paths are taken again. A rename or a link changes the dcache a moment
+ * before it is numbered: it is registered (tarn_name_change) from before its lower call until it is
+ * numbered, and no other record is numbered in between. That window contains no send, no lock of a
+ * lower object that others hold while they wait, and no allocation that could re-enter writepage. A
+ * record that waits longer than a second is given up, and its number stands for the loss.
  *
- * Locks: names.lock (spinning), and inside it dcache_lock. Taking a path sleeps only where said.
+ * Locks: names.lock (a spin lock), and inside it dcache_lock. Taking a path sleeps only where said.
  */
 #ifndef TARN_PATH_H
 #define TARN_PATH_H
@@ -29,13 +28,13 @@
 struct tarn_trans;
 
 /*
- * The lower path of a dentry, inside the buffer *buf that the caller gives back with tarn_path_put;
- * null, and nothing to give back, when there is none.
+ * Returns the lower path of a dentry, inside the buffer *buf that the caller frees with
+ * tarn_path_put; null, with nothing to free, if there is none.
  */
 [[nodiscard]] char *tarn_path_get(char **buf, struct dentry *dentry);
 int tarn_path_put(char *buf);
 
-/* The lower path of a dentry until the end of the scope; null if there is none. */
+/* The lower path of a dentry; null if there is none. Frees its buffer. */
 class tarn_lower_path {
  public:
   explicit tarn_lower_path(struct dentry *dentry)
@@ -54,30 +53,31 @@ class tarn_lower_path {
 };
 
 /*
- * A lower dentry, with a reference, by which the object of an upper dentry can be named as long as
- * the reference is held, although its own is out of the cache: an alias in the cache, or the name
- * of the upper dentry looked up again. Null when nothing needs to be held, or nothing is found.
- * Takes the lower directory's i_mutex and may sleep: no lower lock may be held.
+ * For an upper dentry whose lower one is unhashed: returns a lower dentry that names its object
+ * while the caller holds the reference, an alias or the result of looking up the upper dentry's
+ * name. Null if none is needed or found. Takes the lower directory's i_mutex and may sleep: no
+ * lower lock may be held.
  */
 [[nodiscard]] struct dentry *tarn_hold_name(struct dentry *dentry);
 
-/* Whether a lower dentry is in the cache under the name that the upper one has. */
+/* Is the lower dentry hashed under the upper one's name? */
 bool tarn_is_in_place(struct dentry *dentry, struct dentry *lower);
 
-/* One path of a record, and how to take it anew. */
+/* One path of a record, which can be taken again. */
 class tarn_record_path {
  public:
   /* No path. */
   tarn_record_path() = default;
-  /* Of an object, wherever it is by now; an upper dentry. */
+  /* The path of an upper dentry's object, at its present place. */
   explicit tarn_record_path(struct dentry *dentry) : dentry_(dentry) {}
-  /* With `in_place` (tarn_is_in_place, asked before the call below) that dentry's own name and no
-   * other of the object, unless the cache knows something else there. */
+  /* With `in_place` (tarn_is_in_place, before the lower call): that dentry's own name and no other
+   * of the object, unless the dcache has another object there. */
   tarn_record_path(struct dentry *dentry, bool in_place) : dentry_(dentry), in_place_(in_place) {}
-  /* Of a name in a lower directory, whatever has it by now. The directory's lock is held. */
+  /* The path of a name in a lower directory, whatever object has it now. The directory's i_mutex is
+   * held. */
   tarn_record_path(struct dentry *lower_dir, struct vfsmount *lower_mnt, const struct qstr *name)
       : dir_(lower_dir), mnt_(lower_mnt), name_(name) {}
-  /* A text that stays as it is. */
+  /* A constant text. */
   explicit tarn_record_path(const char *text) : text_(text) {}
   ~tarn_record_path() {
     if (buf_) tarn_path_put(buf_);
@@ -86,20 +86,20 @@ class tarn_record_path {
   tarn_record_path(const tarn_record_path &) = delete;
   tarn_record_path &operator=(const tarn_record_path &) = delete;
 
-  /* Takes the path. Whether there is one: without memory there is none the first time. May sleep;
-   * with `gfp` for its memory. */
+  /* Takes the path, allocating with `gfp`; false if there is none. Lack of memory fails only the
+   * first call. May sleep. */
   bool take(gfp_t gfp = GFP_KERNEL);
-  /* What the record has for a path with its NUL; OX_PATH_MAX bytes if nothing is said. */
+  /* The record's room for the path with its NUL; default: OX_PATH_MAX bytes. */
   void set_room(int bytes) { room_ = bytes; }
-  /* There was no memory for it. */
+  /* The last take() had no memory for it. */
   bool without_memory() const { return without_memory_; }
-  /* Whether that has changed what get(), naming() and too_long() say. */
+  /* Did the last take() change the result of get(), naming() or too_long()? */
   bool changed() const { return changed_; }
 
-  /* With its NUL at most OX_PATH_MAX bytes; null without a path. */
+  /* At most OX_PATH_MAX bytes with its NUL; null without a path. */
   const char *get() const { return text_; }
   enum ox_naming naming() const { return naming_; }
-  /* The path has no room in the record; it may be that of a directory above then. */
+  /* The path does not fit the record; get() may be the path of a parent directory. */
   bool too_long() const { return too_long_; }
 
  private:
@@ -124,8 +124,9 @@ class tarn_record_path {
 };
 
 /*
- * A rename or a link, from before its lower call until its records are numbered or the scope ends.
- * The directories of `lower`, the lower dentry that is to move or to be made, are locked meanwhile.
+ * Registers a rename or a link from before its lower call until its records are numbered or the
+ * scope ends. The directories of `lower`, the lower dentry to be renamed or linked, are locked all
+ * the time.
  */
 class tarn_name_change {
  public:
@@ -149,7 +150,7 @@ class tarn_name_change {
   unsigned char name_[256];
 };
 
-/* Whether the numbers that are given out make paths of before untrue. */
+/* Do the numbered records invalidate paths taken before? */
 enum tarn_names_effect {
   TARN_KEEPS_NAMES,
   TARN_CHANGES_NAMES /* a removal, a rename */
@@ -157,21 +158,21 @@ enum tarn_names_effect {
 
 enum tarn_numbering {
   TARN_NUMBERED,
-  TARN_NAMES_MOVED, /* the paths have to be taken again */
-  TARN_NAMES_BUSY,  /* a change of names took too long: numbered, and to be given up */
+  TARN_NAMES_MOVED, /* names have changed: take the paths again */
+  TARN_NAMES_BUSY,  /* a change of names took too long: numbered, but the record must be given up */
 };
 
-/* The names that a record's paths are of, at the time when they are taken. */
+/* The count of name changes at which a record's paths are taken. */
 class tarn_names {
  public:
-  /* Before a path is taken. */
+  /* Notes the count; before a path is taken. */
   tarn_names();
   void note();
 
   /*
-   * Gives each of `count` records, from the last to the first and leaving out null ones, the next
-   * number of its rule, if no change of names has been numbered since note(). `change`: the
-   * caller's own, which ends with it; may be null. May sleep for a second.
+   * Assigns the next number of its rule to each of `count` records, from the last to the first,
+   * except null ones, if no change of names has been numbered since note(). `change`: the caller's
+   * own, ended by the call; may be null. May sleep for a second.
    */
   enum tarn_numbering number(struct tarn_trans **records, int count, enum tarn_names_effect effect,
                              class tarn_name_change *change);

@@ -36,8 +36,8 @@ void free_prulenode(struct prule_node *node) {
   kmem_cache_free(rulenode_cachep, node);
 }
 
-/* Differs between rules that were added one after the other, also where the clock went back or the
- * module was loaded anew in between. */
+/* Returns a number that differs between successive rules, even if the clock went back or the module
+ * was reloaded in between. */
 static ox_u32_t new_generation(void) {
   static atomic_t added;
   const ox_u64_t now = static_cast<ox_u64_t>(ox_current_time_us());
@@ -51,7 +51,7 @@ static void init_node(struct prule_node *node) {
   INIT_LIST_HEAD(&node->list);
   INIT_LIST_HEAD(&node->aux_list);
   INIT_LIST_HEAD(&node->transq);
-  atomic_set(&node->refcnt, 2); /* the list's and its maker's */
+  atomic_set(&node->refcnt, 2); /* the list's and the creator's */
   node->mem_max = PRULE_MEM_MAX;
   node->generation = new_generation();
   initmatch(&node->path, 0, 1, CMP_STR);
@@ -60,7 +60,7 @@ static void init_node(struct prule_node *node) {
 
 /* ---- the set ---- */
 
-/* With the lock held for writing: a path that the node includes does not lead to it any more. */
+/* Removes the node from the index. The lock is held for writing. */
 static void unindex_locked(struct prule_node *node) {
   rule_index_del(&ruleset.index, node->keys, node->keynum);
   for (struct prule_node **at = &ruleset.stopped; *at; at = &(*at)->next_stopped) {
@@ -73,7 +73,7 @@ static void unindex_locked(struct prule_node *node) {
 
 typedef ox_removed<struct prule_node> removed_rules;
 
-/* A flush takes all there is, and nothing has come since: the index is of these alone. */
+/* A flush removes all nodes, and none was added since: the index has only these. */
 static void take_flushed_locked(removed_rules &removed) {
   removed.take_flushed_locked(ruleset);
   if (list_empty(removed.nodes())) return;
@@ -88,9 +88,9 @@ struct prule_node *findnode_byuuid(const uuid_t uuid) {
 }
 
 /*
- * Messages with rules come on their own socket, also before prule_init, beside prule_exit and after
- * it. Each holds the set for as long as it is at work. This is no lock, because it has to hold
- * before any lock has been made.
+ * Netlink messages with rules may arrive before prule_init, during prule_exit and after it. Each
+ * counts as a user of the set while it is handled. This is not a lock, because it must work before
+ * locks are initialized.
  */
 class set_user {
  public:
@@ -107,12 +107,12 @@ class set_user {
   set_user &operator=(const set_user &) = delete;
   explicit operator bool() const { return counted_; }
 
-  /* What prule_init has made can be used from now on. */
+  /* Opens the set to users. */
   static void begin() {
     smp_wmb();
     ox_store(exists_, true);
   }
-  /* Nobody comes any more, and who is there has gone. Sleeps. */
+  /* Closes the set and waits until all users have left. Sleeps. */
   static void end() {
     ox_store(exists_, false);
     smp_mb();
@@ -127,14 +127,15 @@ class set_user {
   }
 
   static bool exists_;
-  static atomic_t users_; /* who found no set does not count for longer than that takes */
+  static atomic_t users_; /* a user that finds no set counts only for a moment */
   bool counted_;
 };
 
 bool set_user::exists_;
 atomic_t set_user::users_;
 
-/* The automaton and the keys of the node's workdir. 0, or -1 without memory, with neither. */
+/* Compiles the automaton and the keys of the node's workdir. Returns 0, or -1 without memory, with
+ * neither. */
 static int compile_workdir(struct prule_node *node) {
   if (build_path_match(&node->path, node->rule.workdir)) return -1;
   node->keys = rule_keys_new(node, node->rule.workdir, &node->keynum);
@@ -164,7 +165,7 @@ int do_add(const void __user *record, unsigned length) {
     printk("do_add: copy_from_user err, ret=%d, %d\n", static_cast<int>(left), size);
     return static_cast<int>(left);
   }
-  /* A text without an end cannot be compiled. */
+  /* A text without a NUL cannot be compiled. */
   const bool ended = strnlen(node->rule.workdir, OX_WORKDIR_LEN) < OX_WORKDIR_LEN;
   if (!ended || compile_workdir(node.get())) {
     printk("create reppath error!\n");
@@ -225,7 +226,7 @@ void prule_stop(struct prule_node *node) {
   if (!node->place) return;
   struct prule_node **at = &ruleset.stopped;
   while (*at && (*at)->place < node->place) at = &(*at)->next_stopped;
-  /* Searches go on meanwhile: what they find leads on to the rest. */
+  /* Searches may be walking the list: they must find the rest. */
   ox_store(node->next_stopped, *at);
   smp_wmb();
   ox_store(*at, node);
@@ -250,12 +251,12 @@ int do_flush(int) {
 
 /* ---- hits ---- */
 
-/* The first of the rules that are offered, in list order. */
+/* Collects the first of the offered rules in list order. */
 class first_hits {
  public:
   explicit first_hits(struct hit_rules *hits) : arr_(hits->arr), count_(0) {}
 
-  /* Takes the rule if `path` hits it. Whether one behind it in the list could still be among the
+  /* Adds the rule if `path` hits it. Returns false if later rules of the list cannot be among the
    * first. */
   bool offer(struct prule_node *rule, const char *path) {
     if (count_ == HIT_RULES_MAX && rule->place > arr_[count_ - 1]->place) return false;
@@ -271,7 +272,7 @@ class first_hits {
     return true;
   }
 
-  /* A reference on each; their number. */
+  /* Takes a reference on each and returns their number. */
   int get_all() {
     for (int i = 0; i < count_; ++i) prule_node_get(arr_[i]);
     return count_;
@@ -285,7 +286,7 @@ class first_hits {
 int prule_get_hits(struct hit_rules *hits, const char *path1, const char *path2) {
   first_hits first(hits);
   read_guard guard(ruleset.rwlock);
-  /* What a flush has taken off may still be in the index. */
+  /* The index may still contain flushed rules. */
   if (ox_first(&ruleset.head) == &ruleset.head) return 0;
   struct prule_node *stopped = ox_load(ruleset.stopped);
   while (stopped && first.offer(stopped, path1)) stopped = ox_load(stopped->next_stopped);
@@ -315,7 +316,7 @@ static void destroy_cache(struct kmem_cache *&cache) {
   kmem_cache_destroy(old);
 }
 
-/* The rules that are left go with the set. */
+/* The remaining rules are freed with the set. */
 static void end_set(void) {
   set_user::end();
   flush_set();
@@ -347,7 +348,7 @@ int prule_init(void) {
   if (result) {
     printk("prule_init: register sockopt error!\n");
     end_set();
-    destroy_cache(rulenode_cachep); /* the cache of hit arrays stays */
+    destroy_cache(rulenode_cachep); /* hit_rule_cache is not destroyed */
     return result;
   }
   printk("Register prule sockopt success\n");

@@ -2,15 +2,14 @@
 /*
  * The replication rules and the socket options that manage them.
  *
- * A rule node is reference counted: the set holds one reference, each lookup and each hit one more,
- * the last put frees it. `rule` and `path` do not change once the node is in the set.
+ * A rule node is reference counted: the set holds one reference, each look-up and each hit one
+ * more; the last put frees it. `rule` and `path` do not change once the node is in the set.
  *
- * Locks: the set's rwlock guards the list, the count and the index. Lookups and the search for hits
- * hold it for reading, add and delete for writing. A flush holds it for reading only and so never
- * waits for readers: it takes the whole chain off the head and leaves the chain itself as it is,
- * and the references are dropped by whoever next holds the lock alone (see ox_flush.h). ox_flush's
- * own spin lock or stop_lock is taken inside it. node_lock is never held together with another
- * lock.
+ * Locks: the set's rwlock guards the list, the count and the index. Look-ups and the search for
+ * hits hold it for reading, add and delete for writing. A flush holds it for reading only and so
+ * never waits for readers: it detaches the whole chain from the head, and the next writer drops the
+ * references (see ox_flush.h). ox_flush's own spin lock or stop_lock is taken inside it. node_lock
+ * is never held together with another lock.
  *
  * Results are 0, OX_ERR_* or the positive number of bytes that a user copy left uncopied.
  */
@@ -26,11 +25,11 @@
 /* Values of prule_node.status. */
 enum prule_status {
   PRULE_ACTIVE = 0,
-  PRULE_STOPPED = 1 /* for good: a record of it could not be made */
+  PRULE_STOPPED = 1 /* permanently: a record could not be made */
 };
 
 #define PRULE_MEM_MAX (1 << 30)
-/* The most rules that one change can hit. */
+/* The largest number of rules that one change can hit. */
 #define HIT_RULES_MAX 32
 
 struct prule_node {
@@ -40,21 +39,20 @@ struct prule_node {
   struct prule rule;
   matchdr_t path;
   spinlock_t node_lock;
-  struct list_head transq; /* records that wait, under node_lock */
+  struct list_head transq; /* waiting records, under node_lock */
   atomic_t transnr;        /* the number of the last record */
   ox_u64_t bytes_send;     /* bytes captured, without a lock */
   ox_s32_t mem_max;        /* not enforced */
   atomic_t mem_used;
   int status; /* enum prule_status; read without a lock, set by prule_stop */
-  /* In each of its records, so that nobody takes the numbers of a rule that was deleted and added
-   * again for those of the first one. Never 0. */
+  /* Sent in each record, so that the numbers of a rule that was deleted and added again are not
+   * mistaken for the former ones. Never 0. */
   ox_u32_t generation;
 
-  /* Larger than that of every rule before it in the list; 0: it is not in the set. Under
-   * ruleset.rwlock. */
+  /* Its order in the list, ascending; 0: not in the set. Under ruleset.rwlock. */
   ox_u64_t place;
   struct prule_node *next_stopped; /* in ruleset.stopped */
-  struct rule_key *keys;           /* its places in ruleset.index */
+  struct rule_key *keys;           /* its entries in ruleset.index */
   int keynum;
 
   const ox_u8_t *uuid() const { return rule.uuid; }
@@ -75,7 +73,7 @@ extern struct kmem_cache *hit_rule_cache;
 struct prule_set *get_prule_set(void);
 void prule_node_get(struct prule_node *node);
 void prule_node_put(struct prule_node *node);
-/* For prule_node_put: the node has no reference left. Sleeps not. */
+/* For prule_node_put: the node has no reference left. Does not sleep. */
 void free_prulenode(struct prule_node *node);
 /* Does either path (path2 may be null) hit the rule? */
 inline bool prule_is_hit(const struct prule_node *rule, const char *path1, const char *path2) {
@@ -83,14 +81,14 @@ inline bool prule_is_hit(const struct prule_node *rule, const char *path1, const
          (path2 && match(&rule->path, path2) != STATE_MISS);
 }
 /*
- * The rules that either path (path2 may be null) hits, at most 32 in list order, with a reference
- * on each. Their number.
+ * Finds the rules that either path (path2 may be null) hits, at most 32 in list order, with a
+ * reference on each. Returns their number.
  */
 [[nodiscard]] int prule_get_hits(struct hit_rules *hits, const char *path1, const char *path2);
-/* A change of which there is no record, for want of memory: each rule that either path hits, all if
- * path1 is null, uses up a number. */
+/* For a change that has no record, without memory: uses up a number of each rule that either path
+ * hits, or of all if path1 is null. */
 void prule_skip_numbers(const char *path1, const char *path2);
-/* The rule of that name with a reference for the caller, or null. */
+/* Returns the rule of this UUID with a reference for the caller, or null. */
 struct prule_node *findnode_byuuid(const uuid_t uuid);
 
 inline void prule_node::get() {
@@ -102,20 +100,20 @@ inline void prule_node::put() {
 
 typedef ox_owner<struct prule_node, prule_node_put> prule_ref;
 
-/* `record` is a struct prule in user memory (or in the kernel's, under KERNEL_DS). They sleep. */
+/* `record` is a struct prule in user memory (or kernel memory, under KERNEL_DS). May sleep. */
 int do_add(const void __user *record, unsigned length);
 int do_del(const void __user *record, unsigned length);
 int do_flush(int flag);
-/* Takes that very node off the set, if it is there. 0. */
+/* Removes this node from the set, if it is in it. Returns 0. */
 int delnode_fromlist(struct prule_node *node);
-/* Stops a rule for good: every change hits it as long as it is in the set. Takes the set's lock for
- * reading and stop_lock. Sleeps not. */
+/* Stops a rule permanently: every change hits it while it is in the set. Takes the set's lock for
+ * reading and stop_lock. Does not sleep. */
 void prule_stop(struct prule_node *node);
 
 int do_ox_set_ctl(struct sock *sk, int code, void __user *user, unsigned int length);
 int do_ox_get_ctl(struct sock *sk, int code, void __user *user, int *length);
 
-/* 0, OX_ERR_NOMEM, or the error of the registration. */
+/* Returns 0, OX_ERR_NOMEM, or the error of the registration. */
 [[nodiscard]] int prule_init(void);
 void prule_exit(void);
 

@@ -6,7 +6,7 @@
 #include "ox_msg.h"
 #include "statematch.h"
 
-/* Fewer characters decode to nothing, and stand for "/". */
+/* Shorter entries decode to the empty path, which stands for "/". */
 static const int kShortestEntry = 4;
 
 /* The keys of the longest workdir are one block, which the kernel limits to 128 KiB. */
@@ -21,7 +21,7 @@ static ox_u64_t hash_of(const char *text, unsigned long len) {
   return rule_hash_end(hash, rule_hash_word(text, len, at), len);
 }
 
-/* No more keys than the workdir has: one for all the entries that are too short to decode. */
+/* An upper bound of the workdir's keys; one covers all entries that are too short to decode. */
 static int most_keys(const char *workdir) {
   int most = 1;
   for (const char *head = path_head(workdir); head;) {
@@ -34,7 +34,7 @@ static int most_keys(const char *workdir) {
 
 namespace {
 
-/* A rule's keys while they are collected, to find the ones that are there already. */
+/* Collects a rule's keys without duplicates. */
 class new_keys {
  public:
   explicit new_keys(int most)

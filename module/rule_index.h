@@ -1,15 +1,15 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Which rules a path may hit, told without a look at the others.
+ * Finds the rules that a path may hit without testing the others.
  *
- * A path can only be included by a rule that lists it or a directory above it. So each rule is
+ * Only a rule that lists a path or a directory above it can include the path. So each rule is
  * entered once per directory that it includes, under a hash of the directory's bytes, and a search
- * asks for every beginning of the path that ends before a '/' or at the path's end. Whether a rule
- * found that way includes the path is the caller's to ask of its automaton: exclusions and the
- * order of the list are left to that, and equal hashes of different directories do no harm.
+ * looks up every prefix of the path that ends before a '/' or at the path's end. The caller then
+ * matches the path against the automaton of each rule found, which decides about exclusions and
+ * order; equal hashes of different directories do no harm.
  *
- * The index belongs to the set of rules: its lock is held for reading for a search and for writing
- * for a change. Nothing here sleeps but rule_keys_new, and only that allocates.
+ * The index belongs to the set of rules, whose lock is held for reading for a search and for
+ * writing for a change. Only rule_keys_new sleeps and allocates.
  */
 #ifndef TARN_RULE_INDEX_H
 #define TARN_RULE_INDEX_H
@@ -19,13 +19,13 @@
 
 struct prule_node;
 
-/* One directory that a rule includes. No two keys of a rule have both hash and length. */
+/* One directory that a rule includes. No two keys of a rule agree in both hash and length. */
 struct rule_key {
-  struct rule_key *next; /* in its bucket: in the order of the list of rules */
+  struct rule_key *next; /* in its bucket, in list order of the rules */
   struct rule_key *prev;
   struct prule_node *node;
-  ox_u64_t hash; /* of the directory without a '/' at its end */
-  ox_u32_t len;  /* its bytes */
+  ox_u64_t hash; /* of the directory without a trailing '/' */
+  ox_u32_t len;  /* its length */
 };
 
 #define RULE_INDEX_BITS 12
@@ -40,21 +40,21 @@ struct rule_bucket {
 /* All zero: empty. */
 struct rule_index {
   struct rule_bucket bucket[RULE_INDEX_BUCKETS];
-  /* Bit n: there is a key whose length leaves n, which spares the look for most beginnings. */
+  /* Bit n: there is a key whose length modulo 64 is n. Saves the search for most prefixes. */
   ox_u64_t lens;
-  ox_u32_t lens_nr[RULE_INDEX_LENS]; /* how many keys there are of each */
+  ox_u32_t lens_nr[RULE_INDEX_LENS]; /* number of keys of each */
 };
 
 /*
- * The keys of a rule with that workdir, entered nowhere, in one block that the caller gives back
- * with kfree; their number in *count. A directory that is listed several times has one key. Null
- * without memory.
+ * Makes the keys of a rule with this workdir, in one block that the caller frees with kfree; their
+ * number is in *count. They are not entered. A directory that is listed several times has one key.
+ * Null without memory.
  */
 [[nodiscard]] struct rule_key *rule_keys_new(struct prule_node *node, const char *workdir,
                                              int *count);
-/* Enters a rule's keys behind those of all other rules, in a time that is that of their number. */
+/* Enters a rule's keys after those of all other rules, in linear time. */
 void rule_index_add(struct rule_index *index, struct rule_key *keys, int count);
-/* Takes keys out that are in the index, likewise. */
+/* Removes keys from the index, in linear time. */
 void rule_index_del(struct rule_index *index, struct rule_key *keys, int count);
 
 /* ---- hashing ---- */
@@ -64,12 +64,13 @@ inline ox_u64_t rule_hash_step(ox_u64_t hash, ox_u64_t word) {
   return hash ^ hash >> 32;
 }
 
-/* Of a text of `len` bytes: `hash` is that of its whole words, `rest` the up to 7 bytes behind. */
+/* The hash of a text of `len` bytes: `hash` is that of its whole words, `rest` its last 0 to 7
+ * bytes. */
 inline ox_u64_t rule_hash_end(ox_u64_t hash, ox_u64_t rest, unsigned long len) {
   return rule_hash_step(hash, rest | static_cast<ox_u64_t>(len) << 56);
 }
 
-/* The eight bytes of a text at `at`, the first one lowest, or the up to 7 that are left of it. */
+/* The eight bytes of a text at `at`, or its last 0 to 7, as a little-endian word. */
 inline ox_u64_t rule_hash_word(const char *text, unsigned long len, unsigned long at) {
   ox_u64_t word = 0;
   const unsigned long left = len - at;
@@ -95,8 +96,8 @@ inline ox_u64_t rule_hash_slashes(ox_u64_t word) {
 
 /* ---- the search ---- */
 
-/* Bit n: a directory of `at + n` bytes may be one that the path is in, or is. `at` is a multiple of
- * 64, at most the path's length. */
+/* Bit n: the path's first `at + n` bytes are a directory above it or the path itself. `at` is a
+ * multiple of 64, at most the path's length. */
 inline ox_u64_t rule_path_ends(const char *path, unsigned long len, unsigned long at) {
   ox_u64_t ends = 0;
   for (unsigned long n = 0; n < RULE_INDEX_LENS && at + n < len; n += sizeof(ends))
@@ -106,8 +107,8 @@ inline ox_u64_t rule_path_ends(const char *path, unsigned long len, unsigned lon
 }
 
 /*
- * each(rule) for every rule that may include the path, some more than once. Rules of one directory
- * come in list order; where each() returns false, the rest of these is left out.
+ * Calls each(rule) for every rule that may include the path, for some more than once. Rules of one
+ * directory come in list order; after each() returns false, the rest of these is skipped.
  */
 template <typename Each>
 inline void rule_index_search(const struct rule_index *index, const char *path, Each each) {

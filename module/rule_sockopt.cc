@@ -31,9 +31,8 @@ static int get_rule(void __user *user, int *length) {
 }
 
 /*
- * All rules at one moment, each with a reference: what is copied to user space must not be under
- * the lock. The references stand in blocks of a page, since the kernel gives no block that is large
- * enough for any number of them.
+ * All rules at one moment, with a reference on each: they must not be copied to user space under
+ * the lock. The references are stored in blocks of a page, as kmalloc is limited.
  */
 class rule_snapshot {
  public:
@@ -48,7 +47,7 @@ class rule_snapshot {
   rule_snapshot(const rule_snapshot &) = delete;
   rule_snapshot &operator=(const rule_snapshot &) = delete;
 
-  /* 0; OX_ERR_COUNT when there are not `count` rules; OX_ERR_NOMEM. */
+  /* Returns 0; OX_ERR_COUNT if there are not `count` rules; OX_ERR_NOMEM. */
   int take(int count) {
     {
       read_guard guard(get_prule_set()->rwlock);
@@ -62,7 +61,7 @@ class rule_snapshot {
     }
     read_guard guard(get_prule_set()->rwlock);
     if (count != ox_load(get_prule_set()->rulenum)) return OX_ERR_COUNT;
-    /* A flush may be at work beside us: there may be fewer by now. */
+    /* A concurrent flush may have removed some. */
     struct list_head *p = ox_first(&get_prule_set()->head);
     for (struct block *block = blocks_; block; block = block->next) {
       for (; p != &get_prule_set()->head && count_ < count && block->used < kBlockNodes;
@@ -78,7 +77,7 @@ class rule_snapshot {
 
   int count() const { return count_; }
 
-  /* each(rule) in list order until it returns something else than 0, which is the result. */
+  /* Calls each(rule) in list order until it returns non-zero, which is the result. */
   template <typename Each>
   unsigned long each(Each each) const {
     for (const struct block *block = blocks_; block; block = block->next) {
@@ -129,7 +128,7 @@ static int get_info(void __user *user, int *length) {
     answer = ox_load(get_prule_set()->rulenum);
   } else if (info.op == OX_INFO_EXIST) {
     prule_ref node(findnode_byuuid(info.uuid));
-    if (!node) return 0; /* the caller has put its own answer for this there */
+    if (!node) return 0; /* the caller has preset the answer for this */
     answer = 1;
   } else {
     return OX_ERR_SIZE;

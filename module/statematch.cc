@@ -12,7 +12,7 @@ const int kGrow = 256;
 
 static_assert(STATE_TABLE_LEN == 256, "a table has an entry for every byte");
 
-/* States that are not final and name a table, or a record. */
+/* Kinds of states: a table, a record, or final. */
 bool is_table(ox_u16_t state) {
   return state < STATE_STRING;
 }
@@ -25,7 +25,7 @@ bool is_final(ox_u16_t state) {
 
 const strm_cmp_t scmps[] = {cmpasmem, cmpasstr, cmpasstr};
 
-/* Makes room for one more pointer in an array; the array, or null without memory. */
+/* Makes room for one more pointer. Returns the array, or null without memory. */
 template <typename T>
 T **grown(T **array, int used, int &capacity) {
   if (used < capacity) return array;
@@ -45,7 +45,7 @@ bool checkmtbl(tblhlp_t *th) {
   return true;
 }
 
-/* A new table with all entries `value`; its number, or -1. */
+/* Adds a table with all entries `value`. Returns its number, or -1. */
 int addmtbl(tblhlp_t *th, ox_u16_t value) {
   if (!checkmtbl(th)) return -1;
   ox_u16_t *table = static_cast<ox_u16_t *>(_malloc_(STATE_TABLE_LEN * sizeof(ox_u16_t)));
@@ -61,7 +61,7 @@ void free_record(strm_t *record) {
   kfree(record);
 }
 
-/* A new record for the run; its number, or -1. */
+/* Adds a record for the run. Returns its number, or -1. */
 int addmstr(strhlp_t *sh, const ox_u8_t *run, int len, int odd, ox_u16_t match, ox_u16_t miss) {
   if (sh->cstr >= STATE_MAX || len > 65535) return -1;
   strm_t **array = grown(sh->str, sh->cstr, sh->nstr);
@@ -92,20 +92,20 @@ void clearmtbl(tblhlp_t *th) {
   memset(th, 0, sizeof(*th));
 }
 
-/* A key on its way into the automaton. */
+/* A position in a key that is being inserted. */
 struct key_cursor {
   const ox_u8_t *key;
   int len;
   int at;
-  /* The byte at `at + ahead`; behind the key's end it is NUL. */
+  /* The byte at `at + ahead`; NUL after the key's end. */
   ox_u8_t byte(int ahead = 0) const { return at + ahead < len ? key[at + ahead] : 0; }
   int left() const { return len - at; }
 };
 
 /*
- * Splits a record at the first byte in which it differs from the key, or where the key ends; the
- * slot at which the key goes on, null without memory. `slot` holds the record's state; `same` is
- * less than the run's length.
+ * Splits a record at the first byte that differs from the key, or at the key's end. Returns the
+ * slot where the key continues, or null without memory. `slot` contains the record's state; `same`
+ * is less than the run's length.
  */
 ox_u16_t *split_record(matchdr_t *m, ox_u16_t *slot, int same, key_cursor &cursor) {
   strm_t *record = m->sh.str[*slot - STATE_STRING];
@@ -117,7 +117,7 @@ ox_u16_t *split_record(matchdr_t *m, ox_u16_t *slot, int same, key_cursor &curso
   if (rest == 0) {
     table[differs] = record->match;
   } else if (same == 0) {
-    table[differs] = *slot; /* the record itself, shorter by its first byte */
+    table[differs] = *slot; /* the record itself, without its first byte */
   } else {
     const int tail = addmstr(&m->sh, record->ptr + same + 1, rest, record->odd + same + 1,
                              record->match, record->miss);
@@ -139,7 +139,7 @@ ox_u16_t *split_record(matchdr_t *m, ox_u16_t *slot, int same, key_cursor &curso
   return slot;
 }
 
-/* Bytes that the record's run and the rest of the key have in common. */
+/* The length of the common prefix of the record's run and the rest of the key. */
 int common_prefix(const strm_t *record, const key_cursor &cursor) {
   const int most = min(static_cast<int>(record->l), cursor.left());
   int same = 0;
@@ -183,7 +183,7 @@ int addmem(matchdr_t *m, const void *key, int len, ox_u16_t tag, int include) {
   ox_u16_t *slot = &m->start;
   while (cursor.left() > 0) {
     if (is_final(*slot)) {
-      /* A text that leaves the new run keeps the verdict it had so far. */
+      /* A text that differs from the new run keeps its former result. */
       const int number =
           addmstr(&m->sh, cursor.key + cursor.at, cursor.left(), cursor.at, value, *slot);
       if (number < 0) return -1;
@@ -205,7 +205,7 @@ int addmem(matchdr_t *m, const void *key, int len, ox_u16_t tag, int include) {
     slot = split_record(m, slot, same, cursor);
     if (!slot) return -1;
   }
-  *slot = value; /* whatever is below is cut off */
+  *slot = value; /* states below are dropped */
   return 0;
 }
 
@@ -213,8 +213,7 @@ int addstr(matchdr_t *m, const char *path, int len, ox_u16_t tag, int include) {
   ox_owner<char, kfree> copy(static_cast<char *>(_malloc_(len)));
   if (!copy) return -1;
   memcpy(copy.get(), path, len);
-  /* The directory itself ends in NUL, what is below it goes on with '/': each of the two is a key.
-   */
+  /* Two keys: the directory itself ends in NUL, paths below it continue with '/'. */
   int keylen = len;
   if (len >= 2 && path[len - 2] == '/') {
     copy.get()[len - 2] = '\0';
@@ -247,7 +246,7 @@ int addwstr(matchdr_t *m, const void *path, int len, ox_u16_t tag, int include) 
 
 namespace {
 
-/* Where each table and each record went: its own state, or that of the equal one which stays. */
+/* The new state of each table and record: its own, or that of the equal one that is kept. */
 struct state_maps {
   ox_u16_t *table;
   ox_u16_t *record;
@@ -349,7 +348,7 @@ bool pack_records(matchdr_t *m) {
   return true;
 }
 
-/* An identity map over `count` states from `first` on; null without memory. */
+/* Makes an identity map of `count` states from `first` on; null without memory. */
 ox_u16_t *identity_map(int count, int first) {
   ox_u16_t *map = static_cast<ox_u16_t *>(_malloc_((count ? count : 1) * sizeof(ox_u16_t)));
   if (!map) return nullptr;
@@ -413,16 +412,16 @@ ox_s32_t entry_path_size(int len) {
 }
 
 unsigned long entry_path(const char *text, int len, char *path) {
-  /* This much room and not more: what is no multiple of four characters does not fit. */
+  /* No more room than this: a length that is no multiple of four must not fit. */
   ox_s32_t size = entry_path_size(len);
-  /* What does not decode is an empty path, also when a part of it did. */
+  /* An invalid entry is an empty path, even if a part was decoded. */
   if (!Base64Decode(text, len, path, &size)) path[0] = '\0';
   return strlen(path);
 }
 
 namespace {
 
-/* Inserts the directory whose Base64 text is given. 0, or -1 without memory. */
+/* Inserts the directory of a Base64 text. Returns 0, or -1 without memory. */
 int add_entry(matchdr_t *m, const char *text, int len, int include) {
   ox_owner<char, kfree> path(static_cast<char *>(_malloc_(entry_path_size(len))));
   if (!path) return -1;
@@ -447,8 +446,8 @@ int add_entries(matchdr_t *m, const char *text, bool excluded) {
 int build_path_match(matchdr_t *m, const char *text) {
   clearmatch(m);
   initmatch(m, 0, 1, CMP_STR);
-  /* Exclusions come last, so that what they cut out of an included directory falls back to
-   * included. */
+  /* Exclusions are inserted last, so that paths that differ from them keep the result
+   * "included". */
   if (add_entries(m, text, false) || add_entries(m, text, true)) {
     clearmatch(m);
     return -1;
@@ -463,12 +462,12 @@ namespace {
 const ox_u16_t kExtYes = 65534;
 const ox_u16_t kExtNo = 65535;
 const int kExtDot = '.';
-/* The highest character index at which a name can be walked. */
+/* The highest index of a character in a name. */
 const unsigned long kExtLast = 65533;
 
 typedef ox_u16_t ext_row_t[EXT_ROW_LEN];
 
-/* The rows while they are built; gives back what was not packed. */
+/* The rows while they are built; frees those not packed. */
 struct ext_builder {
   ext_row_t **rows = nullptr;
   int used = 0;
@@ -482,7 +481,7 @@ struct ext_builder {
     kfree(rows);
   }
 
-  /* The number of a new row, or -1. */
+  /* Adds a row and returns its number, or -1. */
   int add(ox_u16_t value) {
     if (used >= kExtYes) return -1;
     ext_row_t **array = grown(rows, used, capacity);
@@ -534,7 +533,7 @@ struct ext_builder {
     }
   }
 
-  /* The rows that are left as one array, numbered anew; null without memory. */
+  /* Packs the remaining rows into one array and renumbers them; null without memory. */
   ext_row_t *packed() {
     int left = 0;
     for (int i = 0; i < used; ++i) {

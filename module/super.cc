@@ -1,14 +1,12 @@
-// SPDX-License-Identifier: GPL-2.0
-// The super operations: the inode's record and its end, the lower figures, the mount table's option
-// text.
+// The super operations: allocation and release of inodes, the lower statfs, and the mount table's
+// options.
 
 #include "tarn.h"
 #include "ox_guard.h"
 
 namespace {
 
-// An upper object's locks are held while the same locks of the lower object are taken. These tell
-// the kernel's lock checker which are which.
+// An upper object's locks are held while those of the lower object are taken: classes for lockdep.
 struct lock_class_key tarn_i_mutex_key;
 struct lock_class_key tarn_i_alloc_sem_key;
 
@@ -18,7 +16,7 @@ struct inode *tarn_alloc_inode(struct super_block *) {
   if (!inode_info) return nullptr;
   mutex_init(&inode_info->lower_file_mutex);
   inode_info->lower_file = nullptr;
-  inode_info->lower_inode = nullptr;  // set by the interpose
+  inode_info->lower_inode = nullptr;  // set by tarn_interpose
   inode_info->cut_at = TARN_NOT_CUT;
   inode_info->lower_mnt = nullptr;
   struct inode *inode = &inode_info->vfs_inode;
@@ -28,11 +26,11 @@ struct inode *tarn_alloc_inode(struct super_block *) {
   return inode;
 }
 
-// Closes the shared lower file. One whose dentry has lost its inode is left as it is.
+// Closes the shared lower file, unless its dentry has lost its inode.
 //
-// Nobody else has the inode any more, so its lock is free. It is tried, not waited for: inodes also
-// end where a lower directory's lock is held and names are pruned, and the kernel's lock checker
-// knows of a lower lock behind this one.
+// There is no other user of the inode, so its lock is free. It is only tried: inodes are also
+// released where a lower directory's i_mutex is held and dentries are pruned, and lockdep knows of
+// lower locks inside this one.
 void close_lower_file(struct tarn_inode_info *info) {
   const mutex_try_guard guard(info->lower_file_mutex);
   BUG_ON(!guard);
@@ -41,11 +39,11 @@ void close_lower_file(struct tarn_inode_info *info) {
   struct dentry *lower_dentry = lower_file->f_dentry;
   BUG_ON(!lower_dentry);
   if (!lower_dentry->d_inode) return;
-  // The file may hold the dentry's last reference, and the dentry is needed a moment longer.
+  // The file may hold the dentry's last reference.
   dget(lower_dentry);
   fput(lower_file);
   info->lower_file = nullptr;
-  // What is mounted on a directory, or works in one, would lose its way.
+  // A directory may be a mount point or a working directory, and must stay hashed.
   if (!S_ISDIR(lower_dentry->d_inode->i_mode)) d_drop(lower_dentry);
   dput(lower_dentry);
 }
@@ -69,7 +67,7 @@ int tarn_statfs(struct dentry *dentry, struct kstatfs *buf) {
   return vfs_statfs(tarn_lower_dentry(dentry), buf);
 }
 
-// On a path that cannot be built the page is not given back.
+// The page is not freed if d_path() fails.
 int tarn_show_options(struct seq_file *seq, struct vfsmount *mnt) {
   const struct dentry *root = mnt->mnt_sb->s_root;
   const unsigned long page = __get_free_page(GFP_KERNEL);

@@ -16,7 +16,7 @@ namespace {
 
 constexpr int link_text_size = 4096;
 
-// The link's text with its zero byte, or an error pointer; the caller frees it.
+// Returns the link's NUL-terminated text, which the caller frees, or an error pointer.
 char *link_text(struct dentry *dentry) {
   ox_owner<char, kfree> text(static_cast<char *>(kmalloc(link_text_size, GFP_KERNEL)));
   if (!text) return static_cast<char *>(ERR_PTR(-ENOMEM));
@@ -26,7 +26,7 @@ char *link_text(struct dentry *dentry) {
     rc = dentry->d_inode->i_op->readlink(dentry, reinterpret_cast<char __user *>(text.get()),
                                          link_text_size);
   }
-  if (rc >= link_text_size) rc = -ENAMETOOLONG;  // no room for the zero byte
+  if (rc >= link_text_size) rc = -ENAMETOOLONG;  // no room for the NUL
   if (rc < 0) return static_cast<char *>(ERR_PTR(rc));
   text.get()[rc] = 0;
   return text.release();
@@ -34,8 +34,8 @@ char *link_text(struct dentry *dentry) {
 
 }  // namespace
 
-// The walk owns the text until tarn_put_link. After an error pointer it ends without giving back
-// where it stood.
+// The path walk owns the text until tarn_put_link. After an error pointer it does not release `nd`,
+// so that is done here.
 void *tarn_follow_link(struct dentry *dentry, struct nameidata *nd) {
   char *text = link_text(dentry);
   if (IS_ERR(text)) {

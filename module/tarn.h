@@ -1,20 +1,19 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The stackable layer: the records that bind each upper object of a mount to the one lower object
- * under it, the accessors through which everything reaches the lower objects, and the layer's
- * operation tables.
+ * The stackable layer: the structures that bind each upper object of a mount to its lower object,
+ * the accessors to the lower objects, and the operation tables.
  *
- * Ownership: an upper inode owns one reference on its lower inode and its one shared lower file; a
- * dentry's record owns one reference on the lower dentry and one on the lower mount; what it had
- * before, after a directory was found by another lower dentry, it keeps as well. The accessors
- * take no reference and no lock: what they return lives as long as the upper object does, except an
- * inode's `lower_file`, which is set once, under `lower_file_mutex`, by the first open and then
- * stays until the inode is destroyed.
+ * Ownership: an upper inode owns one reference on its lower inode, and its shared lower file. A
+ * dentry's tarn_dentry_info owns one reference on the lower dentry and one on the lower mount; if a
+ * directory was found by another lower dentry, the former ones are kept too. The accessors take no
+ * reference and no lock: their results live as long as the upper object, except an inode's
+ * `lower_file`, which the first open sets once, under `lower_file_mutex`, and which stays until the
+ * inode is destroyed.
  *
- * Lock order: the VFS's locks on upper objects; then that under which directories get their
- * dentries (interpose.cc), or the i_mutex of a lower directory or object;
- * `lower_file_mutex` is taken with none of the latter held, and inside it the lower file system
- * takes its own locks for the read or write of the shared lower file.
+ * Lock order: the VFS's locks on upper objects; then the one that serializes the dentries of
+ * directories (interpose.cc), or the i_mutex of a lower directory or object. `lower_file_mutex` is
+ * taken with none of the latter held; inside it the lower file system takes its own locks to read
+ * or write the shared lower file.
  *
  * Operations return 0 (or a count) or a negative error number; they may sleep.
  */
@@ -23,23 +22,23 @@
 
 #include "kernel.h"
 
-/* The upper inode is embedded, so this record's cache is the inode allocator. */
+/* Contains the upper inode, so its cache is the inode allocator. */
 struct tarn_inode_info {
   struct inode vfs_inode;
   struct inode *lower_inode;
   struct file *lower_file;       /* under lower_file_mutex until set; shared by all opens */
   struct mutex lower_file_mutex; /* also held across each lower read and write, for f_pos */
-  /* Of the write that is going on, under the upper i_mutex: where the lower file took less than it
-   * was given, or TARN_NOT_CUT. */
+  /* For the current write, under the upper i_mutex: the offset at which the lower write was short,
+   * or TARN_NOT_CUT. */
   loff_t cut_at;
-  /* Of a directory, set once: the mount below through which it is reached. Only compared; each of
+  /* For a directory, set once: the lower mount through which it is reached. Only compared; each of
    * its dentries has a reference. */
   const struct vfsmount *lower_mnt;
 };
 
 #define TARN_NOT_CUT (-1)
 
-/* The kernel has this record only inside its own path walk. */
+/* Linux 2.6.18 defines this structure only in fs/namei.c. */
 struct path {
   struct vfsmount *mnt;
   struct dentry *dentry;
@@ -48,11 +47,11 @@ struct path {
 /* Holds one reference on each part of the lower path. */
 struct tarn_dentry_info {
   struct path lower_path;
-  struct tarn_dentry_info *former; /* of a directory: what it had before, released with it */
+  struct tarn_dentry_info *former; /* a directory's former lower path, released with this one */
 };
 
 struct tarn_file_info {
-  struct file *lower_file; /* the inode's, not a reference of its own */
+  struct file *lower_file; /* the inode's; no reference */
   void *private_;
 };
 
@@ -98,10 +97,9 @@ inline struct super_block *tarn_lower_sb(const struct super_block *sb) {
 }
 
 /*
- * Lends a lookup's record the lower path of its dentry for the time of a lower call, and puts the
- * upper path back at the end of the scope. That a file is to be opened is not said meanwhile: the
- * lower file system might open it on its own behalf and leave it to the program. Without a record
- * (null) it does nothing.
+ * Gives a nameidata the lower path of its dentry for a lower call, and restores the upper path at
+ * the end of the scope. Clears LOOKUP_OPEN for the call: the lower file system might open the file
+ * itself and leave it in the nameidata. Null: does nothing.
  */
 class tarn_lower_nd {
  public:
@@ -155,7 +153,7 @@ extern struct super_operations tarn_sops;
 extern struct dentry_operations tarn_dops;
 
 /* interpose.cc */
-/* What an interpose follows: it decides how the dentry gets its inode. */
+/* The caller of tarn_interpose; selects how the dentry gets its inode. */
 enum tarn_interpose_flag {
   TARN_INSTANTIATE = 0, /* the creation of an object */
   TARN_SPLICE = 1       /* a lookup */
@@ -166,13 +164,13 @@ int tarn_inode_test(struct inode *inode, void *data);
 int tarn_inode_set(struct inode *inode, void *data);
 /*
  * Binds `dentry`, whose lower path has been set, to the upper inode of lower_dentry's inode, found
- * or made, and refreshes the upper copy of its attributes. -ESTALE when the lower inode is being
- * freed, -EACCES when no upper inode can be had.
+ * or made, and refreshes the upper copy of its attributes. -ESTALE if the lower inode is being
+ * freed, -EACCES if no upper inode can be made.
  *
- * A directory that has a dentry at another place keeps it: in a lookup that one is moved to the
- * place of `dentry`, whose parent is locked, and is in *moved with a reference; `dentry` is bound
- * to nothing then. -ESTALE when it is in use and cannot be moved now, -EBUSY when something is
- * mounted on it, -ELOOP when `dentry` is below it.
+ * If a directory already has a dentry at another place, a look-up moves that one to the place of
+ * `dentry`, whose parent is locked, and returns it in *moved with a reference; `dentry` stays
+ * unbound. -ESTALE if it is in use and cannot be moved now, -EBUSY if something is mounted on it,
+ * -ELOOP if `dentry` is below it.
  */
 [[nodiscard]] int tarn_interpose(struct dentry *lower_dentry, struct dentry *dentry,
                                  struct super_block *sb, enum tarn_interpose_flag flag,
@@ -186,11 +184,11 @@ extern struct inode_operations tarn_main_iops;
 ssize_t tarn_getxattr_lower(struct dentry *lower_dentry, const char *name, void *value,
                             size_t size);
 
-/* Copies of attributes from a lower inode. */
+/* Copies the times of a lower inode. */
 void tarn_copy_attr_times(struct inode *inode, const struct inode *lower);
-/* The times, size and blocks. */
+/* Copies its times, size and blocks. */
 void tarn_copy_attr_times_and_size(struct inode *inode, struct inode *lower);
-/* Everything but size and blocks. */
+/* Copies all but its size and blocks. */
 void tarn_copy_attr_all(struct inode *inode, const struct inode *lower);
 
 /* file.cc */

@@ -41,14 +41,14 @@ int trans_send(struct tarn_trans *trans) {
   }
   const int result = paged ? send_pages(trans) : send_whole(trans);
   list_del_init(&trans->list);
-  /* Pages that were handed over are no longer in the record; the others are ours to free. */
+  /* Sent pages are no longer in the record; frees the others. */
   tarn_trans_free(trans, 1);
   return result;
 }
 
 /* ---- the worker threads ---- */
 
-/* Kinds of threads, ended by a null entry, and how many there are of each. */
+/* Kinds of threads, terminated by null, and the number of each. */
 static const ox_thread_cb_t tarn_thd_func[] = {tarn_thd_trans, nullptr};
 static const char *const tarn_thd_name[] = {"tarn_trans", nullptr};
 static const int pwkthd_nr[] = {1};
@@ -81,8 +81,7 @@ int tarn_start_threads(void) {
   return 0;
 }
 
-/* A thread that was created but not yet running when its start timed out cannot be asked to stop
- * before it is. */
+/* A thread whose start timed out can be stopped only once it is running. */
 static void wait_until_up(ox_thread_t *thread) {
   if (!(ox_load(thread->t_flags) & OX_THREAD_RUNNING)) wait_for_completion(&thread->t_up);
 }
@@ -108,8 +107,8 @@ int tarn_stop_threads(void) {
   return 0;
 }
 
-/* The next rule with waiting records, with the queue's reference on it; null when the thread shall
- * not go on. */
+/* Takes the next rule with waiting records, with the queue's reference; null if there is none or
+ * the thread has to stop. */
 static struct prule_node *next_rule(ox_thread_t *thread) {
   spin_guard guard(g_transq.lock);
   if (list_empty(&g_transq.head) || ox_thread_stopping(thread)) return nullptr;
@@ -118,7 +117,7 @@ static struct prule_node *next_rule(ox_thread_t *thread) {
   return rule;
 }
 
-/* Takes the rule's waiting records and puts them back in front. False if there are none. */
+/* Takes the rule's waiting records and puts them back. False if there are none. */
 static bool turn_records(struct prule_node *rule) {
   LIST_HEAD(records);
   {

@@ -50,8 +50,7 @@ void trans_init(struct tarn_trans *trans, struct prule_node *rule, ox_u32_t op) 
   trans->wr_size = 0;
 }
 
-/* Lets the lengths describe `len` wire bytes, so that what is charged now is what is taken back
- * later. */
+/* Sets the lengths to `len` wire bytes, so that the charge equals the later release. */
 static void set_lengths(struct tarn_trans *trans, ox_u32_t len) {
   if (trans->msg.op == OX_OP_SETATTR) {
     trans_attr(trans)->dlen2 = len - OX_MSG_ATTR_LEN;

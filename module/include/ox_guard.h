@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Owners of a scope: what the constructor takes, the destructor gives back, so that an early return
- * is safe. They cost what the calls they make cost, and cannot be copied. None of them allocates.
+ * Scope guards: the destructor releases what the constructor has taken, so that an early return is
+ * safe. They cost no more than the calls they make, cannot be copied and do not allocate.
  *
- * Locks: the guards hold their lock from declaration to the end of the scope. Under spin_guard,
- * spin_irq_guard, read_guard and write_guard nothing may sleep; mutex_guard may itself sleep.
+ * Lock guards hold their lock from the declaration to the end of the scope. Nothing may sleep under
+ * spin_guard, spin_irq_guard, read_guard and write_guard; mutex_guard itself may sleep.
  */
 #ifndef OX_GUARD_H
 #define OX_GUARD_H
@@ -22,7 +22,7 @@ class spin_guard {
   spinlock_t &lock_;
 };
 
-/* For locks that interrupt handlers take as well; interrupts must be on when it begins. */
+/* For locks that interrupt handlers also take; interrupts must be enabled before. */
 class spin_irq_guard {
  public:
   explicit spin_irq_guard(spinlock_t &lock) : lock_(lock) { spin_lock_irq(&lock_); }
@@ -56,7 +56,7 @@ class write_guard {
   rwlock_t &lock_;
 };
 
-/* Holds the lock only if nobody else did; ask with `if (guard)`. */
+/* Holds the lock if it was free; test with `if (guard)`. */
 class write_try_guard {
  public:
   explicit write_try_guard(rwlock_t &lock) : lock_(lock), held_(write_trylock(&lock_)) {}
@@ -75,9 +75,9 @@ class write_try_guard {
 class mutex_guard {
  public:
   explicit mutex_guard(struct mutex &lock) : lock_(lock) { mutex_lock(&lock_); }
-  /* `subclass` tells a parent's from a child's i_mutex (I_MUTEX_*). */
+  /* `subclass` distinguishes a parent's from a child's i_mutex (I_MUTEX_*). */
   mutex_guard(struct mutex &lock, unsigned subclass) : lock_(lock) {
-    (void)subclass; /* only lock debugging looks at it */
+    (void)subclass; /* used by lock debugging only */
     mutex_lock_nested(&lock_, subclass);
   }
   ~mutex_guard() { mutex_unlock(&lock_); }
@@ -88,7 +88,7 @@ class mutex_guard {
   struct mutex &lock_;
 };
 
-/* Holds the lock only if nobody else did; ask with `if (guard)`. */
+/* Holds the lock if it was free; test with `if (guard)`. */
 class mutex_try_guard {
  public:
   explicit mutex_try_guard(struct mutex &lock) : lock_(lock), held_(mutex_trylock(&lock_)) {}
@@ -104,7 +104,7 @@ class mutex_try_guard {
   bool held_;
 };
 
-/* Until the end of the scope the task's user addresses are kernel addresses. */
+/* User accesses of the task may use kernel addresses in this scope. */
 class kernel_ds_guard {
  public:
   kernel_ds_guard() : old_(get_fs()) { set_fs(KERNEL_DS); }
@@ -117,8 +117,8 @@ class kernel_ds_guard {
 };
 
 /*
- * Owns one object, or one reference to it, that `Release(object)` gives back: ox_owner<struct
- * dentry, dput>. Null owns nothing; an error pointer must not be put in.
+ * Owns an object, or a reference on it, and releases it by Release(object): ox_owner<struct dentry,
+ * dput>. Null owns nothing; error pointers are not allowed.
  */
 template <typename T, auto Release>
 class ox_owner {
@@ -133,7 +133,7 @@ class ox_owner {
   T *get() const { return object_; }
   T *operator->() const { return object_; }
   explicit operator bool() const { return object_ != nullptr; }
-  /* The caller owns it from now on. */
+  /* Gives the ownership to the caller. */
   [[nodiscard]] T *release() {
     T *object = object_;
     object_ = nullptr;
@@ -170,8 +170,8 @@ class kmem_owner {
 };
 
 /*
- * Words that are read and written without a lock: each access is a single plain load or store that
- * the compiler neither splits, repeats nor leaves out. They order nothing.
+ * For words that are read and written without a lock. Each access is a single load or store that
+ * the compiler does not split, repeat or omit; no ordering.
  */
 template <typename T>
 inline T ox_load(const T &word) {

@@ -17,7 +17,7 @@ template <typename Node>
 struct ox_set {
   struct list_head head;
   rwlock_t rwlock;
-  struct ox_flush flushed; /* nodes that a flush took off while others were reading */
+  struct ox_flush flushed; /* nodes that a flush has detached */
 
   void init() {
     INIT_LIST_HEAD(&head);
@@ -25,7 +25,7 @@ struct ox_set {
     ox_flush_init(&flushed);
   }
 
-  /* With the lock held. */
+  /* The lock is held. */
   Node *find_locked(const uuid_t uuid) const {
     for (struct list_head *p = ox_first(&head); p != &head; p = p->next) {
       Node *node = list_entry(p, Node, list);
@@ -33,7 +33,7 @@ struct ox_set {
     }
     return nullptr;
   }
-  /* With a reference for the caller, or null. */
+  /* Returns the node with a reference for the caller, or null. */
   Node *find(const uuid_t uuid) {
     read_guard guard(rwlock);
     Node *node = find_locked(uuid);
@@ -42,8 +42,8 @@ struct ox_set {
   }
 };
 
-/* Nodes that were taken off a set, under its lock; gives the set's references back once it is
- * released: so it is made before the lock is taken. */
+/* Nodes that were removed from a set under its lock. Drops the set's references when destroyed,
+ * which must be after the lock is released: declare it before the lock guard. */
 template <typename Node>
 class ox_removed {
  public:
@@ -58,7 +58,7 @@ class ox_removed {
   ox_removed(const ox_removed &) = delete;
   ox_removed &operator=(const ox_removed &) = delete;
 
-  /* With the lock held for writing, before anything else: what flushes have left behind. */
+  /* Takes the nodes that flushes have detached. Call it first, with the lock held for writing. */
   void take_flushed_locked(struct ox_set<Node> &set) { set.flushed.drain(&set.head, &nodes_); }
   void take_locked(Node *node) { list_move_tail(&node->list, &nodes_); }
   struct list_head *nodes() {

@@ -1,8 +1,9 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * A kernel thread with start and stop handshakes. The caller owns the record and keeps it until
- * ox_thread_kill has returned. The body learns from ox_thread_stopping that it must return; whoever
- * kills the thread makes it look. The thread runs with all signals blocked. All calls sleep.
+ * ox_thread_kill has returned. The body returns when ox_thread_stopping is true; the caller of
+ * ox_thread_kill must wake it to check. The thread runs with all signals blocked. All calls may
+ * sleep.
  */
 #ifndef OX_THREAD_H
 #define OX_THREAD_H
@@ -15,7 +16,7 @@
 
 enum ox_thread_flag {
   OX_THREAD_RUNNING = 1, /* set by the thread, never cleared afterwards */
-  OX_THREAD_STOP = 2     /* the body shall return */
+  OX_THREAD_STOP = 2     /* the body has to return */
 };
 
 typedef struct ox_thread ox_thread_t;
@@ -25,8 +26,8 @@ struct ox_thread {
   struct completion t_up;   /* the thread is running */
   struct completion t_down; /* the body has returned */
   ox_s32_t t_error;         /* the owner's */
-  ox_u16_t t_flags;         /* enum ox_thread_flag; without a lock */
-  ox_u16_t t_seqno;         /* the owner's number for it */
+  ox_u16_t t_flags;         /* enum ox_thread_flag; accessed without a lock */
+  ox_u16_t t_seqno;         /* the owner's number of the thread */
   ox_thread_cb_t t_cb;
   void *t_private; /* the owner's, for the body */
   struct task_struct *t_task;
@@ -38,19 +39,19 @@ inline bool ox_thread_stopping(const ox_thread_t *thread) {
 }
 
 extern "C" {
-/* Clears and fills the record; a name of 64 or more characters is cut. 0; -EINVAL for a null
- * record. */
+/* Clears and fills the record; a name of 64 or more characters is cut. Returns 0; -EINVAL for a
+ * null record. */
 int ox_thread_init(ox_thread_t *thread, const char *name, ox_u16_t flags, ox_u16_t seqno,
                    ox_thread_cb_t body, void *context);
 /*
- * Starts it. 0; the error of the creation, and t_task stays null; -ETIMEDOUT when it was not
- * running after 5 s, and then it still comes up later.
+ * Starts the thread. Returns 0; the error of the creation, with t_task null; -ETIMEDOUT if it was
+ * not running after 5 s, but it will still start.
  */
 [[nodiscard]] int ox_thread_create(ox_thread_t *thread);
-/* Asks a running thread to stop, then waits without limit until the body of this started thread
- * returned. 0. */
+/* Asks a started thread to stop, then waits without limit until its body has returned. Returns
+ * 0. */
 int ox_thread_kill(ox_thread_t *thread);
-/* Makes the record fit to be created anew. 0. */
+/* Prepares the record for another ox_thread_create. Returns 0. */
 int ox_thread_destroy(ox_thread_t *thread);
 }
 

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The portability library: a logger that writes to a debug file, accounted memory, clocks and
- * calendar. Other modules may import all but ox_mem_init and ox_mem_exit. Any thread may call; each
- * comment says what sleeps.
+ * The portability library: a logger to a debug file, accounted memory, clocks and calendar.
+ * Exported to other modules except for ox_mem_init and ox_mem_exit. Any thread may call; the
+ * comments tell which calls may sleep.
  */
 #ifndef OX_TYPES_H
 #define OX_TYPES_H
@@ -20,16 +20,16 @@ extern struct file *g_debug_fd;
 
 extern "C" {
 /*
- * Opens the debug file, appending. 0, also when a call before has set g_debug_fd; else -errno, and
- * the error pointer stays in g_debug_fd: do not retry, call ox_debug_exit. Sleeps.
+ * Opens the debug file for appending. Returns 0, also if an earlier call has set g_debug_fd; else
+ * -errno, with the error pointer in g_debug_fd: do not retry, call ox_debug_exit. May sleep.
  */
 int ox_debug_init(const char *path);
-/* Closes it. 0; -EINVAL when nothing was opened. Sleeps. */
+/* Closes it. Returns 0; -EINVAL if nothing was opened. May sleep. */
 int ox_debug_exit(void);
 /*
- * Writes one line; the format ends it with "\n". Only between a successful ox_debug_init and
- * ox_debug_exit. The result of the file's write; 0 when the level is above OX_LOG_TRACE. Sleeps;
- * takes no lock, so that concurrent lines may interleave.
+ * Writes one line; the format ends with "\n". Allowed only between a successful ox_debug_init and
+ * ox_debug_exit. Returns the result of the file's write; 0 if the level is above OX_LOG_TRACE. May
+ * sleep; takes no lock, so concurrent lines may interleave.
  */
 ssize_t ox_log(int level, const char *file, int line, const char *func, const char *fmt, ...)
     __attribute__((format(printf, 5, 6)));
@@ -37,24 +37,25 @@ ssize_t ox_log(int level, const char *file, int line, const char *func, const ch
 
 /* ---- lib/ox_mem ---- */
 
-/* Blocks and pages handed out and not yet returned, failed ox_malloc calls included. */
+/* Blocks and pages not yet freed; failed ox_malloc calls count too. */
 extern atomic_t g_total_alloc;
-/* Pages of ox_alloc_page not yet returned. */
+/* Pages of ox_alloc_page not yet freed. */
 extern atomic_t g_total_pages;
 
-/* Sets the page limit to three eighths of the memory. 0. */
+/* Sets the page limit to three eighths of the memory. Returns 0. */
 int ox_mem_init(void);
-/* Logs how many blocks and pages were not returned. 0. */
+/* Logs the number of blocks and pages not freed. Returns 0. */
 int ox_mem_exit(void);
 
 extern "C" {
-/* A block of kmalloc, cleared with __GFP_ZERO. Null without memory. May sleep as the flags say. */
+/* Allocates by kmalloc; cleared with __GFP_ZERO. Null without memory. May sleep if the flags allow
+ * it. */
 [[nodiscard]] void *ox_malloc(ox_u64_t size, ox_u32_t flags);
-/* Gives a block back; null is counted as well. 0. */
+/* Frees a block; null is counted too. Returns 0. */
 int ox_free(const void *block);
 /*
- * One page, null without memory. While more pages are out than the limit allows, the caller sleeps
- * with its page until enough were returned; signals do not end the wait.
+ * Allocates one page, null without memory. While more pages than the limit are allocated, the
+ * caller sleeps with its page until enough are freed; signals do not end the wait.
  */
 [[nodiscard]] struct page *ox_alloc_page(gfp_t flags);
 void ox_free_page(struct page *page);
@@ -63,8 +64,8 @@ void ox_free_page(struct page *page);
 /* ---- lib/ox_sys ---- */
 
 extern "C" {
-/* Seconds since 1970, not before it, as a date in UTC; tm_year counts from 1900, tm_mon from 0.
- * `tm`. */
+/* Converts seconds since 1970 (not negative) to a date in UTC; tm_year counts from 1900, tm_mon
+ * from 0. Returns `tm`. */
 struct rtc_time *gmtime_r(const ox_s64_t *seconds, struct rtc_time *tm);
 /* Microseconds since 1970 of a date eight hours east of UTC; tm_year is the full year, tm_mon
  * is 1..12. */
@@ -73,8 +74,8 @@ ox_s64_t ox_mktime(const struct rtc_time *tm);
 ox_time_t ox_current_time_us(void);
 /* Seconds times a million plus nanoseconds: not a count of nanoseconds. */
 ox_time_t ox_current_time_ns(void);
-/* Waits for a completion, 0xFFFFFFFF for ever. 0 or -ETIMEDOUT. Sleeps; signals do not end the
- * wait. */
+/* Waits for a completion; 0xFFFFFFFF: without limit. Returns 0 or -ETIMEDOUT. Sleeps; signals do
+ * not end the wait. */
 int ox_complete_timedwait(struct completion *done, ox_u32_t milliseconds);
 }
 

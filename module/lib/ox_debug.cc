@@ -11,7 +11,7 @@ const int kLineLen = 948;
 
 const char *level_tag(int level) {
   static const char *const tags[] = {"F", "E", "W", "I", "T"};
-  return tags[level < 0 ? 0 : level]; /* levels below the first count as the gravest */
+  return tags[level < 0 ? 0 : level]; /* negative levels count as the most severe */
 }
 
 const char *base_name(const char *file) {
@@ -29,8 +29,8 @@ ssize_t write_debug_file(const char *text, size_t count) {
 }
 
 /*
- * The line is as long as its untruncated text although only `have` bytes of it were formatted: what
- * is missing is written as zero bytes.
+ * Writes a line of its untruncated length `count`, of which only `have` bytes were formatted; the
+ * rest is zero bytes.
  */
 ssize_t write_overlong(const char *text, size_t have, size_t count) {
   ox_owner<char, kfree> line(static_cast<char *>(kzalloc(count, GFP_KERNEL)));
@@ -49,7 +49,7 @@ int ox_debug_init(const char *path) {
 
 int ox_debug_exit(void) {
   if (!g_debug_fd) return -EINVAL;
-  /* What a failed open left here is not a file to close. */
+  /* A failed open has left an error pointer. */
   if (!IS_ERR(g_debug_fd)) filp_close(g_debug_fd, nullptr);
   g_debug_fd = nullptr;
   return 0;
@@ -72,7 +72,7 @@ ssize_t ox_log(int level, const char *file, int line, const char *func, const ch
   va_end(args);
 
   const size_t count = static_cast<size_t>(head) + body;
-  /* The last byte of a cut line is the NUL that the formatter put there. */
+  /* The last byte of a truncated line is the formatter's NUL. */
   if (count >= sizeof(text)) return write_overlong(text, sizeof(text), count);
   return write_debug_file(text, count);
 }

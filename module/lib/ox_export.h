@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The functions that other modules may import (GPL only), once, in the order of the symbol table.
- * Usable from C and C++: OX_EXPORTS(X) expands to X(name) for each.
+ * The functions exported to other modules (GPL only), in the order of the symbol table. For C and
+ * C++: OX_EXPORTS(X) expands to X(name) for each.
  */
 #ifndef OX_EXPORT_H
 #define OX_EXPORT_H

@@ -5,7 +5,7 @@
 atomic_t g_total_alloc = ATOMIC_INIT(0);
 atomic_t g_total_pages = ATOMIC_INIT(0);
 ox_u32_t l_mem_maxpages;
-/* Whole from the start: without ox_mem_init the limit is 0, and whoever allocates a page waits. */
+/* Statically initialized: without ox_mem_init the limit is 0, and an allocation of a page waits. */
 DECLARE_WAIT_QUEUE_HEAD(l_mem_waitq);
 
 static ox_u32_t pages_out(void) {
@@ -62,7 +62,7 @@ void ox_free_page(struct page *page) {
   atomic_dec(&g_total_pages);
   atomic_dec(&g_total_alloc);
   __free_pages(page, 0);
-  /* Waiters go on only when a quarter of the limit has drained, not one by one. */
+  /* Waiters are woken only below three quarters of the limit, not one by one. */
   const ox_u32_t limit = ox_load(l_mem_maxpages);
   const ox_u32_t low = (limit >> 2) + (limit >> 1);
   if (pages_out() < low && waitqueue_active(&l_mem_waitq)) wake_up(&l_mem_waitq);

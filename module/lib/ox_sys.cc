@@ -7,7 +7,7 @@ const int kDaySeconds = 86400;
 const ox_s64_t kUsPerSecond = 1000000;
 /* ox_mktime takes dates in the zone eight hours east of UTC. */
 const ox_s64_t kZoneUs = 8 * 3600 * kUsPerSecond;
-/* What the day formula gives for 1 January 1970, in seconds. */
+/* The day formula's result for 1 January 1970, in seconds. */
 const ox_s64_t kEpochSeconds = 719499LL * kDaySeconds;
 
 const int yeartab[2][12] = {{31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31},

@@ -29,8 +29,8 @@ int thread_proxy(void *context) {
   const int result = thread->t_cb(thread);
   keep_flag(thread, OX_THREAD_RUNNING);
   /*
-   * Whoever waits for t_down may free the record and unload the module at once: nothing of either
-   * is touched afterwards.
+   * A waiter for t_down may free the record and unload the module at once: neither is touched
+   * afterwards.
    */
   complete_and_exit(&thread->t_down, result);
 }

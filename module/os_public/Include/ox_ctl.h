@@ -1,21 +1,21 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The two local sockets through which user space reaches the module when it runs in the host
- * program instead of in a kernel. Both are Unix SOCK_SEQPACKET sockets in the run directory: one
- * packet is one request, answer or message. The peer's identity is what SO_PEERCRED says.
+ * The two local sockets to the module when it runs in a process instead of in a kernel. Both are
+ * Unix SOCK_SEQPACKET sockets in the run directory: one packet is one request, answer or message.
+ * The peer's identity is its SO_PEERCRED.
  *
  * Run directory: $TARN_RUN_DIR if set; else /run/tarn for root; else $XDG_RUNTIME_DIR/tarn; else
  * /tmp/tarn-<uid>.
  *
  * Daemon channel (OX_CTL_DAEMON_SOCKET): every packet is exactly one netlink message, header
  * included, as ox_msg.h defines it, in either direction. A daemon whose hello has
- * OX_CTL_HELO_BATCHED among its nlmsg_flags is sent packets of one or more messages, each at a
- * multiple of 4 bytes and not longer than its nlmsg_len needs.
+ * OX_CTL_HELO_BATCHED in nlmsg_flags is sent packets of one or more messages, each at a multiple of
+ * 4 bytes and not longer than its nlmsg_len needs.
  *
  * Control channel (OX_CTL_SOCKET): the client sends an ox_ctl_request followed by `len` bytes of
  * argument and waits for one ox_ctl_reply followed by `len` bytes of result. Requests of one
- * connection are served one after another. A request that is malformed gets `result` -EINVAL.
- * Integers are in host byte order.
+ * connection are served one after another. A malformed request gets `result` -EINVAL. Integers are
+ * in host byte order.
  */
 #ifndef OX_CTL_H
 #define OX_CTL_H
@@ -35,24 +35,22 @@
 #define OX_CTL_PACKET_MAX 65536
 
 enum ox_ctl_op {
-  /* setsockopt(PF_INET, arg, bytes, len). `result` is what the handler returned, negative or
-     positive. */
+  /* setsockopt(PF_INET, arg, bytes, len). `result` is the handler's, negative or positive. */
   OX_CTL_SETSOCKOPT = 1,
   /*
-   * getsockopt(PF_INET, arg, buffer, &len). The argument bytes are the caller's buffer as it is on
-   * entry (at most OX_CTL_PACKET_MAX minus the header); `room` is the buffer's size, which may be
-   * larger. Success is answered with `total` = length that the handler set and the buffer's `total`
-   * bytes in as many reply packets as needed, each with the `len` bytes that it carries, in order.
-   * A refused call: one reply.
+   * getsockopt(PF_INET, arg, buffer, &len). The argument is the beginning of the caller's buffer
+   * (at most OX_CTL_PACKET_MAX minus the header); `room` is the buffer's size, which may be larger.
+   * On success `total` is the length that the handler set, and the buffer's `total` bytes follow in
+   * order in as many reply packets as needed, `len` bytes in each. A refused call has one reply.
    */
   OX_CTL_GETSOCKOPT = 2,
-  /* Argument: lower directory NUL mount point NUL, both absolute. `result` 0 or -errno; on an error
-   * the result bytes are a text, one line without newline, that says what failed. */
+  /* Argument: lower directory NUL mount point NUL, both absolute. `result` is 0 or -errno; the
+   * result bytes of an error are its text, one line without newline. */
   OX_CTL_MOUNT = 3,
-  /* Argument: mount point NUL. Result as for OX_CTL_MOUNT. `arg` 1: lazily, even if it is busy. */
+  /* Argument: mount point NUL. Result as for OX_CTL_MOUNT. `arg` 1: lazily, even if busy. */
   OX_CTL_UMOUNT = 4,
-  /* The kernel log from line number `room` on: result bytes are whole lines, each ox_ctl_logline
-   * followed by its text; `total` is the number of the next line to ask for. `arg`: milliseconds to
+  /* The kernel log from line number `room` on. Result bytes are whole lines, each an ox_ctl_logline
+   * followed by its text; `total` is the number of the next line to read. `arg`: milliseconds to
    * wait for a first line. */
   OX_CTL_LOG = 5,
   /* Result bytes: the mount table as text, "LOWER MOUNTPOINT OPTIONS\n" per mount, blanks and
@@ -65,18 +63,18 @@ struct ox_ctl_request {
   ox_u32_t op; /* enum ox_ctl_op */
   ox_s32_t arg;
   ox_u64_t room;
-  ox_u32_t len; /* bytes of argument behind this header */
+  ox_u32_t len; /* bytes of argument after this header */
   ox_u32_t pad; /* 0 */
 };
 
 struct ox_ctl_reply {
   ox_s32_t result;
-  ox_u32_t len; /* bytes of result behind this header */
+  ox_u32_t len; /* bytes of result after this header */
   ox_u64_t total;
 };
 
 struct ox_ctl_logline {
-  ox_u64_t number; /* 0, 1, 2, ...; a hole means that the ring overran */
+  ox_u64_t number; /* 0, 1, 2, ...; a gap means that the ring overran */
   ox_u64_t us;     /* microseconds since the epoch */
   ox_u32_t level;  /* 0..7, the kernel's levels; 4 for lines without a prefix */
   ox_u32_t len;    /* bytes of text that follow, without newline */

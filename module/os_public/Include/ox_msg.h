@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Every record that crosses the border between the module and user space: change records and
- * control messages on the netlink socket, the records of the socket options, and all codes. The one
- * definition for both sides; usable with kernel headers and with libc headers, from C and from C++.
+ * All records between the module and user space: change records and control messages on the netlink
+ * socket, the records of the socket options, and all codes. The only definition for both sides;
+ * usable with kernel and libc headers, from C and C++.
  *
  * Integers are in host byte order. The records have no padding and no alignment: a pointer into any
  * byte buffer may be cast to them.
@@ -19,11 +19,11 @@
 #define OX_SIZE(type, size) static_assert(sizeof(struct type) == (size), #type " has a wrong size")
 
 /*
- * The name of a rule or of a replicated directory: 16 raw bytes. The module compares with strncmp
- * over 16 bytes: two identifiers that agree up to a common zero byte are one.
+ * The id of a rule or of a replicated directory: 16 raw bytes. The module compares with strncmp
+ * over 16 bytes: two ids that agree up to a common zero byte are equal.
  */
 #define OX_UUID_LEN 16
-#define OX_UUID_TEXT 37 /* room for the text form with its NUL */
+#define OX_UUID_TEXT 37 /* size of the text form with its NUL */
 typedef unsigned char uuid_t[OX_UUID_LEN];
 
 /* ---- change records ---- */
@@ -47,17 +47,17 @@ enum ox_op {
 /* Values of `os`. */
 #define OX_OS_LINUX 1
 
-/* Values of `cp`: what the record's path (the first one, where it has two) is to the object. */
+/* Values of `cp`: how the record's path (the first of two) relates to the object. */
 enum ox_naming {
   OX_CP_NAMED = 0,    /* its name */
-  OX_CP_NAMELESS = 1, /* a text for people: the object is open, but has no name any more */
-  OX_CP_UNPLACED = 2  /* a former name: the object has another one, which is not known */
+  OX_CP_NAMELESS = 1, /* for display only: the object is open, but has no name any more */
+  OX_CP_UNPLACED = 2  /* a former name: the object's present one is unknown */
 };
 
-/* The head that every change record begins with. */
+/* The common header of all change records. */
 struct ox_msg {
-  uuid_t uuid;   /* the rule that this copy of the record is made for */
-  ox_u64_t ts;   /* when it was captured */
+  uuid_t uuid;   /* the rule of this copy of the record */
+  ox_u64_t ts;   /* capture time, microseconds since the epoch */
   ox_u32_t wseq; /* 1, 2, 3, ... per rule */
   union {
     struct {
@@ -67,8 +67,8 @@ struct ox_msg {
     } OX_PACKED;
     ox_s32_t error; /* no meaning */
   } OX_PACKED;
-  ox_u32_t seq; /* the rule's generation: another one for a rule that is added anew */
-  ox_u32_t l1;  /* what l1 and l2 are differs by variant */
+  ox_u32_t seq; /* the rule's generation: changes when it is deleted and added again */
+  ox_u32_t l1;  /* l1 and l2 depend on the operation */
   ox_u32_t l2;
 } OX_PACKED;
 
@@ -101,7 +101,7 @@ struct ox_msg_para {
   ox_u16_t dlen1; /* bytes of the first path, NUL included */
   ox_u16_t dlen2; /* bytes of the second string, NUL included; 0: there is none */
   ox_u32_t mode;
-  char data[]; /* both strings, one right behind the other */
+  char data[]; /* both strings without a gap */
 } OX_PACKED;
 
 #define OX_MSG_PARA_LEN 44
@@ -117,7 +117,7 @@ OX_AT(ox_msg_para, dlen2, 38);
 OX_AT(ox_msg_para, mode, 40);
 OX_AT(ox_msg_para, data, 44);
 
-/* The attributes of an attribute change; times in microseconds. Only what ia_valid names has a
+/* The attributes of an attribute change; times in microseconds. Only those in ia_valid have a
  * meaning. */
 struct attr_common {
   ox_s32_t ia_valid; /* the kernel's ATTR_* bits */
@@ -141,7 +141,7 @@ OX_AT(attr_common, len, 40);
 OX_AT(attr_common, type, 42);
 
 struct lin_sec {
-  ox_u32_t ia_modeshadow; /* ia_mode once more */
+  ox_u32_t ia_modeshadow; /* the same as ia_mode */
   ox_u32_t ia_uid;
   ox_u32_t ia_gid;
 } OX_PACKED;
@@ -242,7 +242,7 @@ OX_AT(ox_msg_wr, pagenr, 52);
 OX_AT(ox_msg_wr, pages, 56);
 OX_AT(ox_msg_wr, data, 60);
 
-/* A write record, and each page of a larger one, fills at most this many payload bytes. */
+/* The largest payload of a write record, and of each page of a larger one. */
 #define OX_PAGE_PAYLOAD 4096
 /* Data bytes of a page that has no path field. */
 #define OX_PAGE_DATA (OX_PAGE_PAYLOAD - OX_MSG_WR_LEN)
@@ -251,7 +251,7 @@ OX_AT(ox_msg_wr, data, 60);
 
 /* ---- netlink ---- */
 
-/* The protocol unit. Every message is a struct nlmsghdr, 16 bytes, and its payload. */
+/* The netlink protocol. Every message is a struct nlmsghdr, 16 bytes, and its payload. */
 #define OX_NETLINK_UNIT 29
 #define OX_NLMSG_HDRLEN 16
 #define OX_NLM_F_MULTI 2 /* the header flag of page messages */
@@ -262,8 +262,8 @@ OX_AT(ox_msg_wr, data, 60);
  * result.
  */
 enum ox_nl_type {
-  OX_NL_HELO = 100, /* the sender is the daemon from now on */
-  OX_NL_QUIT = 101, /* there is no daemon from now on */
+  OX_NL_HELO = 100, /* registers the sender as the daemon */
+  OX_NL_QUIT = 101, /* unregisters the daemon */
   OX_NL_RESPONSE = 103
 };
 
@@ -296,7 +296,7 @@ enum ox_so_dir_set {
   OX_SO_SET_DAEMON = 193 /* the path, NUL-terminated */
 };
 
-/* The ranges that are registered, first and last code. */
+/* The registered ranges, first and last code. */
 #define OX_SO_RULE_SET_FIRST 177
 #define OX_SO_RULE_SET_LAST 188
 #define OX_SO_RULE_GET_FIRST 177
@@ -337,7 +337,7 @@ OX_AT(prule, workdir, 16);
 /* Values of prule_info.op. */
 enum ox_info_op {
   OX_INFO_COUNT = 2, /* rulenum becomes the number of rules */
-  OX_INFO_EXIST = 3  /* rulenum becomes 1 if the rule exists, and stays as it is if not */
+  OX_INFO_EXIST = 3  /* rulenum becomes 1 if the rule exists, else does not change */
 };
 
 struct prule_info {

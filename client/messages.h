@@ -36,7 +36,7 @@ struct Mkdir {
 struct Unlink {
   std::string_view path;
 };
-/* Also sent when the removal failed because the directory was not empty. */
+/* Also sent when the removal was refused. */
 struct Rmdir {
   std::string_view path;
 };

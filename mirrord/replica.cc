@@ -251,8 +251,7 @@ Result<Replica::Done> Replica::rmdir(const std::string &path) {
   const auto at = place(path);
   if (!at) return at.error();
   if (unlinkat(at->fd, at->name.c_str(), AT_REMOVEDIR) != 0) {
-    // A removal that failed because the directory was not empty is recorded too, and fails here
-    // likewise.
+    // A removal that was refused is recorded too, and fails here if the directory is not empty.
     if (errno == ENOENT || errno == ENOTEMPTY || errno == EEXIST) return Done::kAlready;
     return failed(errno);
   }

@@ -297,11 +297,8 @@ BEFORE = """
 Microseconds for one call in a directory over a tmpfs, the median of {rounds} rounds. The calling program and the process
 that serves the mount share one processor, mirrord has another, and `vm.percpu_pagelist_high_fraction` is 1000
 (docs/operations.md says why). bindfs is Debian's, with its own settings and with `big_writes`; `passthrough_ll` is
-libfuse's own example. Names are of one component; a path of more costs tarn one request for each, where the others
-remember them for a second. Nothing is remembered before a row begins, but for "again".
-
-tarn asks for each name and its attributes again, so that what is done directly below is seen at once; bindfs and
-`passthrough_ll` answer from the host's memory for a second, whatever has happened below meanwhile. What was read stays
+libfuse's own example. The host keeps names and attributes of all of them for a second. None is kept when a row begins, but
+for "again". What was read stays
 with the host until the file is forgotten, so tarn is not asked for it again; the others are at each open. What is written
 through a descriptor that can only write, as here, does not go through the host's pages first, unless it has some.
 """

@@ -47,8 +47,9 @@ class ControlChannel {
   /* The program that may rename inside replicated directories. */
   Result<void> set_daemon_path(const std::string &path);
 
-  Result<void> mount(const std::string &lower, const std::string &mountpoint) {
-    return link_->mount(lower, mountpoint);
+  Result<void> mount(const std::string &lower, const std::string &mountpoint,
+                     std::optional<std::chrono::milliseconds> cache = {}) {
+    return link_->mount(lower, mountpoint, cache);
   }
   Result<void> umount(const std::string &mountpoint, Umount how) {
     return link_->umount(mountpoint, how);

@@ -56,9 +56,11 @@ class ControlLink {
   virtual Result<Option> get_option(int code, std::span<const std::byte> argument,
                                     std::uint64_t room) = 0;
 
-  /* Absolute paths. Errors: mount: -EBUSY if a mount of tarn is there; umount: -EINVAL if none
-   * is. */
-  virtual Result<void> mount(const std::string &lower, const std::string &mountpoint) = 0;
+  /* Absolute paths. Errors: mount: -EBUSY if a mount of tarn is there; umount: -EINVAL if none is.
+   * `cache`: for how long the host may keep names and attributes of a mount of tarnd, if not for
+   * the default time; a kernel's own mounts have no such time (-EOPNOTSUPP). */
+  virtual Result<void> mount(const std::string &lower, const std::string &mountpoint,
+                             std::optional<std::chrono::milliseconds> cache) = 0;
   virtual Result<void> umount(const std::string &mountpoint, Umount how) = 0;
   virtual Result<std::vector<Mount>> mounts() = 0;
 

@@ -64,7 +64,12 @@ class KernelControl : public ControlLink {
     return Option{0, std::move(buffer)};
   }
 
-  Result<void> mount(const std::string &lower, const std::string &mountpoint) override {
+  Result<void> mount(const std::string &lower, const std::string &mountpoint,
+                     std::optional<std::chrono::milliseconds> cache) override {
+    if (cache)
+      return Error{
+          -EOPNOTSUPP,
+          "the module is in the kernel, whose mounts keep nothing for a time: leave --cache out"};
     auto there = is_mounted(mountpoint);
     if (!there) return there.error();
     if (*there) return Error{-EBUSY, printable(mountpoint) + " is mounted already"};

@@ -48,7 +48,8 @@ class TarndControl : public ControlLink {
   Result<int> set_option(int code, std::span<const std::byte> argument) override;
   Result<Option> get_option(int code, std::span<const std::byte> argument,
                             std::uint64_t room) override;
-  Result<void> mount(const std::string &lower, const std::string &mountpoint) override;
+  Result<void> mount(const std::string &lower, const std::string &mountpoint,
+                     std::optional<std::chrono::milliseconds> cache) override;
   Result<void> umount(const std::string &mountpoint, Umount how) override;
   Result<std::vector<Mount>> mounts() override;
   Result<LogPart> log(std::uint64_t first, std::chrono::milliseconds wait) override;
@@ -164,10 +165,13 @@ Result<void> TarndControl::ask_mount(std::uint32_t op, std::int32_t arg,
   return Error{answer->result, text};
 }
 
-Result<void> TarndControl::mount(const std::string &lower, const std::string &mountpoint) {
+Result<void> TarndControl::mount(const std::string &lower, const std::string &mountpoint,
+                                 std::optional<std::chrono::milliseconds> cache) {
   std::string argument = lower;
   argument.append(1, '\0').append(mountpoint).append(1, '\0');
-  return ask_mount(OX_CTL_MOUNT, 0, argument, "cannot mount at " + printable(mountpoint));
+  const auto time = cache.value_or(std::chrono::milliseconds(OX_CTL_CACHE_DEFAULT));
+  return ask_mount(OX_CTL_MOUNT, static_cast<std::int32_t>(time.count()), argument,
+                   "cannot mount at " + printable(mountpoint));
 }
 
 Result<void> TarndControl::umount(const std::string &mountpoint, Umount how) {

@@ -32,7 +32,9 @@ int fail(const Error &error);
 /* Parses a UUID argument. Error: -EINVAL. */
 Result<Uuid> read_uuid(const std::string &text);
 
-int mount_command(const std::string &lower, const std::string &mountpoint);
+/* `cache`: seconds, if given. */
+int mount_command(const std::string &lower, const std::string &mountpoint,
+                  std::optional<double> cache);
 int umount_command(const std::string &mountpoint, bool lazily);
 int stop_command();
 

@@ -9,6 +9,7 @@
 #include "base/standard_fds.h"
 #include "base/text.h"
 #include "base/version.h"
+#include "module/os_public/Include/ox_ctl.h"
 #include "tarn/commands.h"
 
 namespace tarn {
@@ -86,7 +87,12 @@ class CommandLine {
         command(app_, "mount", "Mount LOWER through tarn at MOUNTPOINT; starts tarnd if none runs");
     mount->add_option("LOWER", first_, "The directory that holds the files")->required();
     mount->add_option("MOUNTPOINT", second_, "An existing directory where they appear")->required();
-    mount->callback([this] { exit_ = mount_command(first_, second_); });
+    mount
+        ->add_option("--cache", cache_,
+                     "For how many seconds the host may keep names and attributes (default 1)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, OX_CTL_CACHE_MAX / 1000.0));
+    mount->callback([this] { exit_ = mount_command(first_, second_, cache_); });
 
     auto *umount = command(app_, "umount", "Unmount MOUNTPOINT; LOWER keeps all files");
     umount->add_option("MOUNTPOINT", first_, "Where it is mounted")->required();
@@ -183,6 +189,7 @@ class CommandLine {
   CLI::App app_;
   int exit_ = kExitOk;
   std::string first_, second_;
+  std::optional<double> cache_;
   bool json_ = false, lazy_ = false, take_over_ = false;
   LogOptions log_;
 };

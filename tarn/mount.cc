@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 
 #include <cerrno>
+#include <cmath>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -198,7 +199,10 @@ Result<Connection> connect_or_start(const Site &site) {
 
 }  // namespace
 
-int mount_command(const std::string &lower, const std::string &mountpoint) {
+int mount_command(const std::string &lower, const std::string &mountpoint,
+                  std::optional<double> cache) {
+  std::optional<std::chrono::milliseconds> time;
+  if (cache) time = std::chrono::milliseconds(std::lround(*cache * 1000));
   const auto from = directory(lower, "lower directory");
   if (!from) return fail(from.error());
   const auto at = directory(mountpoint, "mount point");
@@ -213,7 +217,7 @@ int mount_command(const std::string &lower, const std::string &mountpoint) {
     return kExitCannotStart;
   }
   if (!connection) return fail(connection.error());
-  const auto mounted = connection->channel.mount(*from, *at);
+  const auto mounted = connection->channel.mount(*from, *at, time);
   if (mounted) return kExitOk;
   if (connection->started_here) {
     if (auto stopped = stop_tarnd(site.run_dir); !stopped) fail(stopped.error());

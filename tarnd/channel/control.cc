@@ -222,7 +222,9 @@ void Session::mount(const Request &request) {
   const std::vector<std::string> paths = strings_of(request.argument);
   if (paths.size() != 2 || !is_absolute(paths[0]) || !is_absolute(paths[1]))
     return reply_done(Error{-EINVAL, "a mount needs two absolute paths"});
-  reply_done(mounts_->mount(paths[0], paths[1]));
+  if (request.head.arg < 0 || request.head.arg > OX_CTL_CACHE_MAX)
+    return reply_done(Error{-EINVAL, "names and attributes are kept for an hour at most"});
+  reply_done(mounts_->mount(paths[0], paths[1], std::chrono::milliseconds(request.head.arg)));
 }
 
 void Session::unmount(const Request &request) {

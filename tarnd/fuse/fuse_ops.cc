@@ -36,12 +36,12 @@ static void op_init(void *, fuse_conn_info *conn) {
   conn->want |= conn->capable & FUSE_CAP_HANDLE_KILLPRIV;
 }
 
-fuse_entry_param to_entry(uk_node *node, const uk_stat &stat) {
+fuse_entry_param to_entry(const CacheTimeouts &timeouts, uk_node *node, const uk_stat &stat) {
   fuse_entry_param entry{};
   entry.ino = reinterpret_cast<fuse_ino_t>(node);
   entry.attr = to_stat(stat);
-  entry.attr_timeout = kAttrTimeout;
-  entry.entry_timeout = kEntryTimeout;
+  entry.attr_timeout = timeouts.attr;
+  entry.entry_timeout = timeouts.entry;
   return entry;
 }
 
@@ -86,7 +86,7 @@ void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat) {
     reply_error(req, -ENFILE);
     return;
   }
-  const fuse_entry_param entry = to_entry(node, stat);
+  const fuse_entry_param entry = to_entry(mount_of(req)->timeouts(), node, stat);
   if (fuse_reply_entry(req, &entry) == -ENOENT) mount_of(req)->lookups().forget(node, 1);
 }
 

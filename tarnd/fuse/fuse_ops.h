@@ -26,18 +26,14 @@ void add_read_write_operations(fuse_lowlevel_ops *ops);
 void add_readdir_operations(fuse_lowlevel_ops *ops);
 
 /*
- * The host caches no names: each path walk looks each name up again, so that a change made directly
- * in the lower directory is seen at once. The result of a walk is valid for its system call
- * (path_walk.h).
- *
- * Attributes are valid for two ticks of the host's clock. That is enough for the system call that
- * looked the name up: it checks permissions with them, and stat() returns them.
+ * The host keeps names and attributes for as long as the mount says. It updates them itself for
+ * what is done through the mount; a change made directly in the lower directory is seen when the
+ * time is over. Where it keeps none, each path walk looks each name up again, and the result of a
+ * walk is valid for its system call (path_walk.h).
  *
  * No worker sends an invalidation to the host. The host may wait there for a page that another
  * request has locked, and that request for a worker.
  */
-inline constexpr double kEntryTimeout = 0;
-inline constexpr double kAttrTimeout = 1e-6;
 
 inline Mount *mount_of(fuse_req_t req) {
   return static_cast<Mount *>(fuse_req_userdata(req));
@@ -70,7 +66,7 @@ bool may_open_more(fuse_req_t req);
 bool count_lookup(fuse_req_t req, uk_node *node, const uk_stat &stat);
 /* The same with the reply. Drops the reference if the reply cannot be delivered. */
 void reply_entry(fuse_req_t req, uk_node *node, const uk_stat &stat);
-fuse_entry_param to_entry(uk_node *node, const uk_stat &stat);
+fuse_entry_param to_entry(const CacheTimeouts &timeouts, uk_node *node, const uk_stat &stat);
 
 /* Room for a reply's data: one buffer per worker, reused without clearing. Throws std::bad_alloc.
  */

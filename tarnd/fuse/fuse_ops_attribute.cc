@@ -16,7 +16,7 @@ static void reply_stat(fuse_req_t req, int err, const uk_stat &stat) {
     return;
   }
   const struct stat attr = to_stat(stat);
-  fuse_reply_attr(req, &attr, kAttrTimeout);
+  fuse_reply_attr(req, &attr, mount_of(req)->timeouts().attr);
 }
 
 static void op_getattr(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {

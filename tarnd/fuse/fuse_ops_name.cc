@@ -17,12 +17,25 @@ static void reply_node(fuse_req_t req, int err, uk_node *node, const uk_stat &st
   }
 }
 
+// Lets the host keep that there is no such name.
+static void reply_missing(fuse_req_t req) {
+  fuse_entry_param entry{};
+  entry.entry_timeout = mount_of(req)->timeouts().entry;
+  if (entry.entry_timeout > 0)
+    fuse_reply_entry(req, &entry);
+  else
+    fuse_reply_err(req, ENOENT);
+}
+
 static void op_lookup(fuse_req_t req, fuse_ino_t parent, const char *name) {
   as_caller(req, Need::kLookup, [&] {
     uk_node *node = nullptr;
     uk_stat stat{};
     const int err = uk_lookup(node_of(req, parent), name, &node, &stat);
-    reply_node(req, err, node, stat);
+    if (err == -ENOENT)
+      reply_missing(req);
+    else
+      reply_node(req, err, node, stat);
   });
 }
 

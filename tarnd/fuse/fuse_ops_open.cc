@@ -63,7 +63,7 @@ static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_
     LookupTable &lookups = mount->lookups();
     lookups.add_lookup(node, Kind::kFile);
     register_open(mount, file, node, fi);
-    const fuse_entry_param entry = to_entry(node, stat);
+    const fuse_entry_param entry = to_entry(mount_of(req)->timeouts(), node, stat);
     if (fuse_reply_create(req, &entry, fi) == -ENOENT) {
       lookups.release(file);
       lookups.forget(node, 1);

@@ -86,7 +86,7 @@ static fuse_entry_param entry_of(fuse_req_t req, fuse_ino_t dir, const Name &nam
   const bool itself = name.text == "." || name.text == "..";
   if (!itself && uk_lookup(node_of(req, dir), name.text.c_str(), &node, &stat) == 0 &&
       count_lookup(req, node, stat))
-    return to_entry(node, stat);
+    return to_entry(mount_of(req)->timeouts(), node, stat);
   fuse_entry_param entry{};
   entry.attr.st_ino = name.ino;
   entry.attr.st_mode = to_entry_mode(name.type);

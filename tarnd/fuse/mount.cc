@@ -58,8 +58,8 @@ static Result<void> require_directory(const std::string &what, const std::string
 }
 
 Result<std::unique_ptr<Mount>> Mount::make(const std::string &lower, const std::string &mountpoint,
-                                           Guardian *guardian) {
-  std::unique_ptr<Mount> mount(new Mount(lower, mountpoint, guardian));
+                                           std::chrono::milliseconds cache, Guardian *guardian) {
+  std::unique_ptr<Mount> mount(new Mount(lower, mountpoint, cache, guardian));
   if (auto started = mount->start(); !started) return started.error();
   return mount;
 }

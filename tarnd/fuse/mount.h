@@ -8,7 +8,9 @@
 #ifndef TARND_FUSE_MOUNT_H
 #define TARND_FUSE_MOUNT_H
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,17 +28,35 @@
 
 namespace tarnd {
 
+/* For how many seconds the host may keep what it was told. */
+struct CacheTimeouts {
+  explicit CacheTimeouts(std::chrono::milliseconds time)
+      : entry(std::chrono::duration<double>(time).count()),
+        attr(std::max(entry, kLeastAttrTimeout)) {}
+
+  /*
+   * Two ticks of the host's clock. That is enough for the system call that looked the name up: it
+   * checks permissions with the attributes, and stat() returns them.
+   */
+  static constexpr double kLeastAttrTimeout = 1e-6;
+
+  double entry; /* a name, or that there is none; 0: the host asks each time */
+  double attr;
+};
+
 class Mount {
  public:
   /* Makes both mounts, or neither. */
   static tarn::Result<std::unique_ptr<Mount>> make(const std::string &lower,
                                                    const std::string &mountpoint,
+                                                   std::chrono::milliseconds cache,
                                                    Guardian *guardian);
   ~Mount() { end(); }
   Mount(const Mount &) = delete;
   Mount &operator=(const Mount &) = delete;
 
   const std::string &mountpoint() const { return mountpoint_; }
+  const CacheTimeouts &timeouts() const { return timeouts_; }
 
   /* Serves requests until the host has unmounted it, lazily or not, or stop() is called. */
   void serve() { loop_->run(); }
@@ -55,8 +75,9 @@ class Mount {
   fuse_session *session() const { return session_; }
 
  private:
-  Mount(const std::string &lower, const std::string &mountpoint, Guardian *guardian)
-      : lower_(lower), mountpoint_(mountpoint), guardian_(guardian) {}
+  Mount(const std::string &lower, const std::string &mountpoint, std::chrono::milliseconds cache,
+        Guardian *guardian)
+      : lower_(lower), mountpoint_(mountpoint), timeouts_(cache), guardian_(guardian) {}
   tarn::Result<void> start();
   tarn::Result<void> remove_dead_mount();
   tarn::Result<void> mount_kernel();
@@ -68,6 +89,7 @@ class Mount {
 
   const std::string lower_;
   const std::string mountpoint_;
+  const CacheTimeouts timeouts_;
   Guardian *const guardian_;
   uk_node *root_ = nullptr;
   LookupTable lookups_;
@@ -86,10 +108,10 @@ class MountTable {
   MountTable(const MountTable &) = delete;
   MountTable &operator=(const MountTable &) = delete;
 
-  /* Both paths are absolute. */
-  tarn::Result<void> mount(const std::string &lower, const std::string &mountpoint)
-      EXCLUDES(mounting_, mutex_);
-  /* A non-lazy unmount returns when both mounts are gone. */
+  /* Both paths are absolute. `cache`: for how long the host may keep names and attributes. */
+  tarn::Result<void> mount(const std::string &lower, const std::string &mountpoint,
+                           std::chrono::milliseconds cache) EXCLUDES(mounting_, mutex_);
+  /* Unless lazily: returns when both mounts are gone. */
   tarn::Result<void> unmount(const std::string &mountpoint, Detach how) EXCLUDES(mutex_);
   /* Unmounts all, busy or not, and waits until they are gone. Refuses further mounts. */
   void unmount_all() EXCLUDES(mutex_);

@@ -50,12 +50,13 @@ Result<void> MountTable::wait_for_place(const std::string &place) {
                       place + " is unmounted, but programs still use what was mounted there");
 }
 
-Result<void> MountTable::mount(const std::string &lower, const std::string &mountpoint) {
+Result<void> MountTable::mount(const std::string &lower, const std::string &mountpoint,
+                               std::chrono::milliseconds cache) {
   const std::string place = normal(mountpoint);
   const MutexLock one_at_a_time(mounting_);
   if (auto taken = wait_for_place(place); !taken) return taken;
   try {
-    auto mount = Mount::make(normal(lower), place, guardian_);
+    auto mount = Mount::make(normal(lower), place, cache, guardian_);
     if (!mount) return mount.error();
     const MutexLock lock(mutex_);
     Mount *added = mount->get();

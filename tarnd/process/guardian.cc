@@ -70,8 +70,10 @@ static void abort_requests(const std::string &mountpoint) {
 }
 
 bool is_dead_tarn_mount(const std::string &mountpoint) {
-  struct stat st;
-  return stat(mountpoint.c_str(), &st) != 0 && errno == ENOTCONN && is_tarn_mount(mountpoint);
+  // The host may still keep the attributes of a dead mount's root.
+  struct statx st;
+  const int result = statx(AT_FDCWD, mountpoint.c_str(), AT_STATX_FORCE_SYNC, STATX_TYPE, &st);
+  return result != 0 && errno == ENOTCONN && is_tarn_mount(mountpoint);
 }
 
 [[noreturn]] static void guard(int socket) {

@@ -1,11 +1,11 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
-# What somebody does directly in the lower directory is seen through the mount at once, also where it takes a name away
+# Where the host keeps nothing, what somebody does directly in the lower directory is seen through the mount at once, also where it takes a name away
 # from a directory that was visited before or that a process stands in.
 . "$(dirname "$0")/../lib.sh"
 
 lower=$T/lower mnt=$T/mnt
-tarn mount "$lower" "$mnt"
+tarn mount --cache 0 "$lower" "$mnt"
 mkdir "$lower/d"
 echo first >"$lower/d/f"
 [ "$(cat "$mnt/d/f")" = first ]

@@ -265,8 +265,8 @@ class Worker:
         os.waitpid(self.pid, 0)
 
 
-def put_back(path, before):
-    """The object as it was, by its way below."""
+def put_back(path, below, before):
+    """The object as it was, by the way of the operation, which sees its own changes at once."""
     if os.path.lexists(path + ".link"):
         os.unlink(path + ".link")
     if stat.S_ISDIR(before["stat"].st_mode):
@@ -282,8 +282,9 @@ def put_back(path, before):
             os.chmod(removed, 0o666)
     os.chown(path, before["stat"].st_uid, before["stat"].st_gid)
     os.chmod(path, stat.S_IMODE(before["stat"].st_mode))
-    if before["list"]:
-        os.setxattr(path, "system.posix_acl_access", before["list"])
+    # The mount sets no lists.
+    if look(below)["list"] != before["list"]:
+        os.setxattr(below, "system.posix_acl_access", before["list"])
 
 
 def look(path):
@@ -312,7 +313,7 @@ def compare(lower, mount):
                 said = []
                 for top in lower, mount:
                     said.append(worker.ask(kind, what, os.path.join(top, path)))
-                    put_back(os.path.join(lower, path), before[path])
+                    put_back(os.path.join(top, path), os.path.join(lower, path), before[path])
                 tried += 1
                 answers.setdefault((kind, what), set()).add(said[0])
                 if said[0] != said[1] and not is_meant(process, what, said):

@@ -1,11 +1,11 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
-# What is done directly in the lower directory is seen through the mount by the very next call that names it, attributes
-# and sizes too, and by who has the file open after two ticks of the clock. Again and again, for what the host remembered would
-# be right now and then.
+# Where the host keeps nothing, what is done directly in the lower directory is seen through the mount by the very next call
+# that names it, attributes and sizes too, and by who has the file open after two ticks of the clock. Again and again, for
+# what the host remembered would be right now and then.
 . "$(dirname "$0")/../lib.sh"
 
-tarn mount "$T/lower" "$T/mnt"
+tarn mount --cache 0 "$T/lower" "$T/mnt"
 
 python3 - "$T/mnt" "$T/lower" <<'PY' || fail "something was remembered"
 import os

@@ -6,9 +6,9 @@
 
 mkdir "$T/other" "$T/inner" "$T/lower/sub"
 cleanup_test() { umount -l "$T/other" "$T/inner" 2>/dev/null; }
-tarn mount "$T/lower" "$T/mnt"
-tarn mount "$T/lower" "$T/other"
-tarn mount "$T/lower/sub" "$T/inner"
+tarn mount --cache 0 "$T/lower" "$T/mnt"
+tarn mount --cache 0 "$T/lower" "$T/other"
+tarn mount --cache 0 "$T/lower/sub" "$T/inner"
 sub="$T/mnt/sub"
 
 mkdir "$sub/dir" "$sub/to"

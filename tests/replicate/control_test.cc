@@ -3,10 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+
 #include <fmt/format.h>
 
 #include "base/run_dir.h"
 #include "client/workdir.h"
+#include "module/os_public/Include/ox_ctl.h"
 #include "module/os_public/Include/ox_msg.h"
 #include "tests/replicate/fake_kernel.h"
 #include "tests/replicate/fake_tarnd.h"
@@ -162,6 +165,13 @@ TEST_F(TarndControlTest, words_of_tarnd_are_passed_on) {
   EXPECT_EQ(channel_.mount("/x", "/mnt a").error().text, "something is mounted at /mnt a");
 }
 
+TEST_F(TarndControlTest, the_time_for_names_is_passed_on) {
+  ASSERT_TRUE(channel_.mount("/a", "/mnt").ok());
+  EXPECT_EQ(fake_.with([](auto &state) { return state.cache_ms; }), OX_CTL_CACHE_DEFAULT);
+  ASSERT_TRUE(channel_.mount("/a", "/other", std::chrono::milliseconds(0)).ok());
+  EXPECT_EQ(fake_.with([](auto &state) { return state.cache_ms; }), 0);
+}
+
 TEST_F(TarndControlTest, many_mounts_come_in_pieces) {
   const std::string deep(4000, 'x');
   for (int n = 0; n < 40; ++n)
@@ -227,6 +237,13 @@ TEST_F(KernelControlTest, refused_mounts_say_what_to_do) {
   EXPECT_NE(text(-EBUSY, umount).find("--lazy"), std::string::npos);
   EXPECT_EQ(text(-EPERM, umount), "cannot unmount /mnt: only root may unmount");
   EXPECT_EQ(channel_.umount("/proc", Umount::kIfIdle).error().text, "/proc is not a mount of tarn");
+}
+
+TEST_F(KernelControlTest, a_time_for_names_is_refused) {
+  const auto mounted = channel_.mount("/lower", "/mnt", std::chrono::milliseconds(1000));
+  EXPECT_EQ(mounted.error().code, -EOPNOTSUPP);
+  EXPECT_NE(mounted.error().text.find("--cache"), std::string::npos);
+  EXPECT_TRUE(channel_.mounts()->empty());
 }
 
 TEST_F(KernelControlTest, an_answer_longer_than_the_buffer_is_not_believed) {

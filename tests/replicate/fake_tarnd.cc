@@ -127,6 +127,7 @@ void FakeTarnd::answer_control(int socket, const std::string &packet) {
         if (mount.second == at) return reply(socket, -EBUSY, 0, "something is mounted at " + at);
       }
       state_.mounts.emplace_back(lower, at);
+      state_.cache_ms = request.arg;
       return reply(socket, 0, 0, "");
     }
     case OX_CTL_UMOUNT: {

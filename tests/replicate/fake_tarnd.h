@@ -48,6 +48,7 @@ class FakeTarnd {
   /* What tests look at and set, under the lock. */
   struct State : FakeModule {
     std::vector<std::pair<std::string, std::string>> mounts;
+    int cache_ms = -1;  // of the last mount
     std::vector<std::string> log;
     bool registered = false;             /* a hello has come, and no quit since */
     std::uint16_t hello_flags = 0;       /* of the latest */

@@ -144,12 +144,17 @@ TEST(Translate, entry_mode) {
 
 TEST(Translate, entry) {
   auto *node = reinterpret_cast<uk_node *>(0x1230);
-  const fuse_entry_param to = to_entry(node, sample_stat());
+  const fuse_entry_param to =
+      to_entry(CacheTimeouts(std::chrono::milliseconds(1500)), node, sample_stat());
   EXPECT_EQ(to.ino, 0x1230u);
   EXPECT_EQ(to.generation, 0u);
   EXPECT_EQ(to.attr.st_ino, 0x100000001ull);
-  EXPECT_EQ(to.attr_timeout, kAttrTimeout);
-  EXPECT_EQ(to.entry_timeout, 0);
+  EXPECT_EQ(to.attr_timeout, 1.5);
+  EXPECT_EQ(to.entry_timeout, 1.5);
+  const fuse_entry_param not_kept =
+      to_entry(CacheTimeouts(std::chrono::milliseconds(0)), node, sample_stat());
+  EXPECT_EQ(not_kept.attr_timeout, CacheTimeouts::kLeastAttrTimeout);
+  EXPECT_EQ(not_kept.entry_timeout, 0);
 }
 
 TEST(Translate, credentials) {

@@ -34,6 +34,11 @@
  * see there. */
 #define OX_CTL_PACKET_MAX 65536
 
+/* Of OX_CTL_MOUNT, in milliseconds: what it is unless somebody asks for another time, and the most
+ * that may be asked for. */
+#define OX_CTL_CACHE_DEFAULT 1000
+#define OX_CTL_CACHE_MAX 3600000
+
 enum ox_ctl_op {
   /* setsockopt(PF_INET, arg, bytes, len). `result` is the handler's, negative or positive. */
   OX_CTL_SETSOCKOPT = 1,
@@ -45,7 +50,9 @@ enum ox_ctl_op {
    */
   OX_CTL_GETSOCKOPT = 2,
   /* Argument: lower directory NUL mount point NUL, both absolute. `result` is 0 or -errno; the
-   * result bytes of an error are its text, one line without newline. */
+   * result bytes of an error are its text, one line without newline. `arg`: for how many
+   * milliseconds the host may keep names and attributes (0: not at all), at most OX_CTL_CACHE_MAX.
+   */
   OX_CTL_MOUNT = 3,
   /* Argument: mount point NUL. Result as for OX_CTL_MOUNT. `arg` 1: lazily, even if busy. */
   OX_CTL_UMOUNT = 4,

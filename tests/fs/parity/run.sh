@@ -1,10 +1,11 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
-# run.sh BUILD CASE KIND: runs one case on a plain directory and on a mount over another directory of the same file
+# run.sh BUILD CASE KIND [CACHE]: runs one case on a plain directory and on a mount over another directory of the same file
 # system, and compares what the two say, operation by operation, and what the two directories hold afterwards.
+# CACHE: for how many seconds the host may keep names and attributes, if not for the usual time.
 # KIND is tmpfs or ext4, made for the test. For others than root, who cannot mount it, tmpfs is wherever temporary files lie.
 . "$(dirname "$0")/../../lib.sh"
-CASE=${2:?case} KIND=${3:?kind of file system}
+CASE=${2:?case} KIND=${3:?kind of file system} CACHE=${4:-}
 PROGRAM="$BUILD/tests/fs/cases/$CASE"
 SECONDS_PER_RUN=240
 [ -x "$PROGRAM" ] || fail "$PROGRAM is not built"
@@ -59,7 +60,7 @@ run_case() {
 
 mkdir "$T/fs/plain" "$T/fs/lower"
 run_case plain "$T/fs/plain" "$T/fs/plain" || exit $?
-tarn mount "$T/fs/lower" "$T/mnt"
+tarn mount ${CACHE:+--cache "$CACHE"} "$T/fs/lower" "$T/mnt"
 tarn rule add --include "$T/fs/lower" >/dev/null
 mkdir "$T/mnt/case"
 run_case mount "$T/mnt/case" "$T/fs/lower/case" || true

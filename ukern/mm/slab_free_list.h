@@ -20,7 +20,8 @@ class slab_free_list {
   void init(size_t object_size) {
     spin_lock_init(&lock_);
     first_ = nullptr;
-    room_ = object_size < kLeastSize ? 0 : kBytes / object_size;
+    room_ = kBytes / object_size;
+    used_ = object_size >= kLeastSize;
   }
 
   /* NULL: there is none. */
@@ -37,7 +38,7 @@ class slab_free_list {
 
   /* Takes the object over. False if the list is full: the object stays the caller's. */
   bool put(void *memory) {
-    if constexpr (kDebugBuild) return false;
+    if (kDebugBuild || !used_) return false;
     SpinGuard guard(lock_);
     if (!room_) return false;
     room_--;
@@ -57,6 +58,7 @@ class slab_free_list {
   spinlock_t lock_;
   object *first_; /* written under lock_, as is room_ */
   size_t room_;   /* objects that the list still takes */
+  bool used_;     /* for objects of this size; set once */
 };
 
 #endif

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // The system calls that configure the module in the running kernel.
 #include <netinet/in.h>
 #include <sys/klog.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // Attributes and extended attributes.
 
 #include "inode_ops.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // The dentry operations: revalidation asks the lower dentry, release drops the lower path.
 
 #include "tarn.h"

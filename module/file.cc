@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // The file operations. All opens of an inode share one lower file. Reads and writes go through the
 // layer's page cache, every successful write is captured, and most other calls are passed down.
 

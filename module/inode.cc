@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // Look-up, permissions, and the tables of the inode operations.
 
 #include "inode_ops.h"

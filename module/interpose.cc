@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // Binds upper dentries to upper inodes, which are found or made for the lower ones.
 //
 // An upper directory stands for a lower directory and the lower mount through which it is reached.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // Module start and stop: the object caches, the file system type, the order of the subsystems, and
 // mounting over a lower directory.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // The layer's own page cache: pages are read from the inode's shared lower file and written through
 // to it at once. Only pages dirtied through a mapping are written later, by writepage.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // Handles the daemon's messages.
 #include "netlink.h"
 #include "ox_guard.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // The operations that change names. Each holds the lower directory's i_mutex (both directories' for
 // a rename) across the lower call and the capture.
 

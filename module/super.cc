@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // The super operations: allocation and release of inodes, the lower statfs, and the mount table's
 // options.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // dir add, del, flush and daemon: directories whose contents only the daemon may rename.
 #include <iostream>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // log: the log of the kernel that the module is in, tarnd or the running one.
 #include <chrono>
 #include <iostream>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // The command line of the tool.
 #include <algorithm>
 #include <cerrno>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // mount, umount and stop: mounts, and starting and ending tarnd.
 #include <fcntl.h>
 #include <signal.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // status: mounts, rules and daemon of the running tarn.
 #include <cerrno>
 #include <iostream>

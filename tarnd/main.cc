@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 // tarnd: runs a kernel with the tarn module in this process, and serves its mounts and channels.
 
 #include <sys/stat.h>

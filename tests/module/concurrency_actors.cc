@@ -260,12 +260,13 @@ void change_directories(storm &s) {
   user_memory users_record(&record, sizeof(record)), users_program(program, sizeof(program));
   for (; s.goes_on() && s.life_count < kMoves; ++s.life_count) {
     directory_life &life = s.lives[s.life_count];
+    // First: a directory that is replicated while no daemon is known is closed to all.
+    EXPECT_EQ(uk_setsockopt(PF_INET, OX_SO_SET_DAEMON, program, sizeof(program)),
+              static_cast<int>(sizeof(program)));
     {
       noted note(s, life.added);
       EXPECT_EQ(uk_setsockopt(PF_INET, OX_SO_DIR_ADD, &record, sizeof(record)), 0);
     }
-    EXPECT_EQ(uk_setsockopt(PF_INET, OX_SO_SET_DAEMON, program, sizeof(program)),
-              static_cast<int>(sizeof(program)));
     pause_briefly();
     noted note(s, life.removed);
     const int code = s.life_count % 2 ? OX_SO_DIR_FLUSH : OX_SO_DIR_DEL;

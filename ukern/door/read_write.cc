@@ -7,6 +7,26 @@
 #include <linux/sched.h>
 #include "ukern/door/node.h"
 
+namespace {
+
+// The same open file with other flags, for one call. Not its place in lists and its count, which
+// others change meanwhile.
+void copy_with_flags(const struct file *file, unsigned flags, struct file *copy) {
+  *copy = {};
+  copy->f_dentry = file->f_dentry;
+  copy->f_vfsmnt = file->f_vfsmnt;
+  copy->f_op = file->f_op;
+  copy->f_flags = flags;
+  copy->f_mode = file->f_mode;
+  copy->f_uid = file->f_uid;
+  copy->f_gid = file->f_gid;
+  copy->private_data = file->private_data;
+  copy->f_mapping = file->f_mapping;
+  atomic_set(&copy->f_count, 1);
+}
+
+}  // namespace
+
 extern "C" {
 
 long uk_read(struct uk_file *file, void *buf, unsigned long len, unsigned long long pos) {
@@ -29,8 +49,7 @@ long uk_write(struct uk_file *file, const void *buf, unsigned long len, unsigned
   // A copy: other threads use this file at the same time, with other flags.
   struct file as_now;
   if ((filp->f_flags ^ static_cast<unsigned>(flags)) & O_APPEND) {
-    as_now = *filp;
-    as_now.f_flags ^= O_APPEND;
+    copy_with_flags(filp, filp->f_flags ^ O_APPEND, &as_now);
     filp = &as_now;
   }
   current->file_too_large = false;

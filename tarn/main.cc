@@ -89,8 +89,9 @@ class CommandLine {
     mount->add_option("LOWER", first_, "The directory that holds the files")->required();
     mount->add_option("MOUNTPOINT", second_, "An existing directory where they appear")->required();
     mount
-        ->add_option("--cache", cache_,
-                     "For how many seconds the host may keep names and attributes (default 1)")
+        ->add_option(
+            "--cache", cache_,
+            "For how many seconds the host may keep names, listings and attributes (default 1)")
         ->type_name("SECONDS")
         ->check(CLI::Range(0.0, OX_CTL_CACHE_MAX / 1000.0));
     mount->callback([this] { exit_ = mount_command(first_, second_, cache_); });

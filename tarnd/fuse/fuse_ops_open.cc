@@ -17,31 +17,44 @@ static void register_open(Mount *mount, uk_file *file, uk_node *node, fuse_file_
   fi->noflush = 1;     // close() has nothing to write back here
 }
 
-// Releases the file at once if the reply cannot be delivered.
-static void reply_opened(fuse_req_t req, fuse_ino_t ino, uk_file *file, fuse_file_info *fi) {
-  Mount *mount = mount_of(req);
-  register_open(mount, file, node_of(req, ino), fi);
-  if (fuse_reply_open(req, fi) == -ENOENT) mount->lookups().release(file);
+static int open_node(fuse_req_t req, uk_node *node, int flags, uk_file **file) {
+  return may_open_more(req) ? uk_open(node, flags, file) : -ENFILE;
 }
 
-static void open_node(fuse_req_t req, fuse_ino_t ino, int flags, fuse_file_info *fi) {
+// Files are released at once if the reply cannot be delivered.
+static void op_open(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
   as_waiting_caller(req, Need::kPath, [&] {
+    uk_node *node = node_of(req, ino);
     uk_file *file = nullptr;
-    const int err = may_open_more(req) ? uk_open(node_of(req, ino), flags, &file) : -ENFILE;
-    if (err) {
+    if (const int err = open_node(req, node, to_open_flags(fi->flags), &file)) {
       reply_error(req, err);
-    } else {
-      reply_opened(req, ino, file, fi);
+      return;
     }
+    Mount *mount = mount_of(req);
+    register_open(mount, file, node, fi);
+    if (fuse_reply_open(req, fi) == -ENOENT) mount->lookups().release(file);
   });
 }
 
-static void op_open(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
-  open_node(req, ino, to_open_flags(fi->flags), fi);
+static void release_directory(Mount *mount, uk_node *node, uk_file *file) {
+  mount->listings().released(node);
+  mount->lookups().release(file);
 }
 
 static void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
-  open_node(req, ino, to_open_flags(fi->flags) | O_DIRECTORY, fi);
+  as_waiting_caller(req, Need::kPath, [&] {
+    uk_node *node = node_of(req, ino);
+    uk_file *file = nullptr;
+    if (const int err = open_node(req, node, to_open_flags(fi->flags) | O_DIRECTORY, &file)) {
+      reply_error(req, err);
+      return;
+    }
+    Mount *mount = mount_of(req);
+    register_open(mount, file, node, fi);
+    fi->cache_readdir = mount->listings().enabled();
+    fi->keep_cache = mount->listings().opened(node);
+    if (fuse_reply_open(req, fi) == -ENOENT) release_directory(mount, node, file);
+  });
 }
 
 static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_t mode,
@@ -63,7 +76,7 @@ static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_
     LookupTable &lookups = mount->lookups();
     lookups.add_lookup(node, Kind::kFile);
     register_open(mount, file, node, fi);
-    const fuse_entry_param entry = to_entry(mount_of(req)->timeouts(), node, stat);
+    const fuse_entry_param entry = to_entry(mount->timeouts(), node, stat);
     if (fuse_reply_create(req, &entry, fi) == -ENOENT) {
       lookups.release(file);
       lookups.forget(node, 1);
@@ -82,13 +95,20 @@ static void op_release(fuse_req_t req, fuse_ino_t, fuse_file_info *fi) {
   });
 }
 
+static void op_releasedir(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
+  for_release([&] {
+    release_directory(mount_of(req), node_of(req, ino), file_of(fi));
+    fuse_reply_err(req, 0);
+  });
+}
+
 void add_open_operations(fuse_lowlevel_ops *ops) {
   ops->open = op_open;
   ops->create = op_create;
   ops->flush = op_flush;
   ops->release = op_release;
   ops->opendir = op_opendir;
-  ops->releasedir = op_release;
+  ops->releasedir = op_releasedir;
 }
 
 }  // namespace tarnd

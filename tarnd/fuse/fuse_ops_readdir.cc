@@ -10,6 +10,10 @@
 
 namespace tarnd {
 
+static void note_begin(fuse_req_t req, fuse_ino_t dir, off_t off) {
+  if (off == 0) mount_of(req)->listings().begun(node_of(req, dir));
+}
+
 namespace {
 
 // What one readdir reply has room for.
@@ -36,8 +40,9 @@ static int add_name(void *arg, const char *name, unsigned long long ino, unsigne
   return 0;
 }
 
-static void op_readdir(fuse_req_t req, fuse_ino_t, size_t size, off_t off, fuse_file_info *fi) {
+static void op_readdir(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off, fuse_file_info *fi) {
   as_caller(req, Need::kBasic, [&] {
+    note_begin(req, ino, off);
     Listing listing{req, reply_buffer(size), size};
     const int err =
         uk_readdir(file_of(fi), static_cast<unsigned long long>(off), add_name, &listing);
@@ -96,6 +101,7 @@ static fuse_entry_param entry_of(fuse_req_t req, fuse_ino_t dir, const Name &nam
 static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off,
                            fuse_file_info *fi) {
   as_caller(req, Need::kRights, [&] {
+    note_begin(req, ino, off);
     Names names{req, size, {}};
     const int err =
         uk_readdir(file_of(fi), static_cast<unsigned long long>(off), collect_name, &names);

@@ -82,6 +82,7 @@ Result<void> Mount::remove_dead_mount() {
 
 void Mount::end() {
   if (evictor_) evictor_->stop();
+  if (listings_) listings_->stop();
   close_session();
   unmount_kernel();
 }
@@ -188,6 +189,11 @@ Result<void> Mount::mount_host() {
     return system_error(-err, "cannot serve " + mountpoint_);
   loop_ = std::make_unique<SessionLoop>(session_);
   evictor_ = std::make_unique<Evictor>(this);
+  listings_ = std::make_unique<ListingCache>(cache_, [this](uk_node *directory) {
+    const fuse_ino_t ino =
+        directory == root_ ? FUSE_ROOT_ID : reinterpret_cast<fuse_ino_t>(directory);
+    fuse_lowlevel_notify_inval_inode(session_, ino, 0, 0);
+  });
   return {};
 }
 
@@ -218,6 +224,7 @@ Result<void> Mount::mount_session() {
 
 void Mount::stop() {
   evictor_->stop();
+  listings_->stop();
   loop_->stop();
 }
 

@@ -20,6 +20,7 @@
 #include "base/unique_fd.h"
 #include "tarnd/fuse/evictor.h"
 #include "tarnd/fuse/fuse_api.h"
+#include "tarnd/fuse/listing_cache.h"
 #include "tarnd/fuse/lookup_table.h"
 #include "tarnd/fuse/session_io.h"
 #include "tarnd/fuse/session_loop.h"
@@ -71,13 +72,18 @@ class Mount {
   uk_node *root() const { return root_; }
   LookupTable &lookups() { return lookups_; }
   const LookupTable &lookups() const { return lookups_; }
+  ListingCache &listings() { return *listings_; }
   SessionIo &session_io() { return session_io_; }
   fuse_session *session() const { return session_; }
 
  private:
   Mount(const std::string &lower, const std::string &mountpoint, std::chrono::milliseconds cache,
         Guardian *guardian)
-      : lower_(lower), mountpoint_(mountpoint), timeouts_(cache), guardian_(guardian) {}
+      : lower_(lower),
+        mountpoint_(mountpoint),
+        cache_(cache),
+        timeouts_(cache),
+        guardian_(guardian) {}
   tarn::Result<void> start();
   tarn::Result<void> remove_dead_mount();
   tarn::Result<void> mount_kernel();
@@ -89,6 +95,7 @@ class Mount {
 
   const std::string lower_;
   const std::string mountpoint_;
+  const std::chrono::milliseconds cache_;
   const CacheTimeouts timeouts_;
   Guardian *const guardian_;
   uk_node *root_ = nullptr;
@@ -98,6 +105,7 @@ class Mount {
   tarn::UniqueFd ended_;  // for end_connection(), opened early: descriptors may run out
   std::unique_ptr<SessionLoop> loop_;
   std::unique_ptr<Evictor> evictor_;
+  std::unique_ptr<ListingCache> listings_;
   std::atomic<bool> detached_ = false;
 };
 

@@ -1,6 +1,6 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
-# For how long the host keeps names and attributes: what is done through the mount is seen by the next call all the same;
+# For how long the host keeps names, listings and attributes: what is done through the mount is seen by the next call all the same;
 # what is done below, or through another mount, when the time is over at the latest. A time that makes no sense is refused.
 . "$(dirname "$0")/../lib.sh"
 
@@ -15,6 +15,7 @@ tarn mount --cache 3600 "$T/lower" "$T/mnt"
 tarn mount --cache 2 "$T/lower" "$T/other"
 
 python3 - "$T/mnt" "$T/other" "$T/lower" <<'PY' || fail "the wrong thing was seen"
+import ctypes
 import os
 import sys
 import time
@@ -65,6 +66,7 @@ for i in range(20):
     check("an extended attribute", os.listxattr(mnt + "/d/g"), ["user.a"])
     os.unlink(mnt + "/d/g")
     os.rmdir(mnt + "/d")
+    check("the names of the mount", os.listdir(mnt), [])
     check("names that are gone, and the links of their parent", (here("d"), status("").st_nlink), (False, before.st_nlink))
 
 # Below, and through another mount: seen when the time of the mount that looks is over.
@@ -87,5 +89,44 @@ for way in lower, mnt:
     os.unlink(way + "/new")
     os.unlink(way + "/file")
     time.sleep(2.1)
+
+# A listing: by who opens the directory again, and by who reads it again through the descriptor that he has, which asks
+# for no attribute.
+class Directory:
+    libc = ctypes.CDLL(None, use_errno=True)
+    libc.opendir.restype = ctypes.c_void_p
+    libc.readdir64.restype = ctypes.POINTER(ctypes.c_char)
+
+    def __init__(self, path):
+        self.stream = ctypes.c_void_p(self.libc.opendir(path.encode()))
+
+    def names(self):
+        self.libc.rewinddir(self.stream)
+        names = []
+        while entry := self.libc.readdir64(self.stream):
+            names.append(ctypes.string_at(ctypes.addressof(entry.contents) + 19).decode())
+        return sorted(names)[2:]
+
+    def close(self):
+        self.libc.closedir(self.stream)
+
+
+os.mkdir(mnt + "/d")
+time.sleep(2.1)
+for way in lower, mnt:
+    held = Directory(other + "/d")
+    begun = time.monotonic()
+    check("an empty listing", (held.names(), os.listdir(other + "/d")), ([], []))
+    open(way + "/d/new", "w").close()
+    kept = held.names(), os.listdir(other + "/d")
+    if time.monotonic() - begun < 1.2:
+        check("a listing that is kept", kept, ([], []))
+    time.sleep(2.1)
+    check("a listing when the time is over", (held.names(), os.listdir(other + "/d")), (["new"], ["new"]))
+    os.unlink(other + "/d/new")
+    check("a listing after a change through the mount", (held.names(), os.listdir(other + "/d")), ([], []))
+    held.close()
+    time.sleep(2.1)
+os.rmdir(mnt + "/d")
 PY
 for where in other mnt; do tarn umount "$T/$where" || fail "umount of $where"; done

@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: GPL-2.0
 """Measures directories that are served in different ways, side by side: the tables and aims of report.py.
 
-Every side has a tmpfs of its own below. In each round every measurement is made on all sides, one right after the
+The sides are those of sides.py. In each round every measurement is made on all sides, one right after the
 other and in a random order, so that what else the machine does falls on all of them alike; a figure is the median of
 the rounds, a ratio the median of the rounds' ratios. The measuring program and the process that serves the side share
 one processor; mirrord has another.
@@ -14,17 +14,15 @@ import contextlib
 import os
 import pathlib
 import random
-import shutil
 import statistics
-import subprocess
-import sys
-import tempfile
 import time
+
+import sides
 
 # Longer than bindfs and libfuse let the host remember a name and its attributes.
 FORGOTTEN = 1.1
+NAMES = ("plain", "bindfs", "bindfs_big", "passthrough", "tarn", "tarn_rule", "tarn_mirrord")
 ROUNDS = 21  # a median of fewer differs by 5 % from one run to the next
-PASSTHROUGH = "/usr/share/doc/libfuse3-dev/examples/passthrough_ll.c"
 
 # What each processor keeps of the pages that it frees; docs/operations.md says what that does to mirrord's socket.
 KEPT_PAGES = pathlib.Path("/proc/sys/vm/percpu_pagelist_high_fraction")
@@ -52,139 +50,10 @@ NAME_ROWS = {
 TITLES = {**{row: title for row, (title, _) in (DATA_ROWS | AGAIN).items()}, **NAME_ROWS}
 
 
-def fail(text):
-    sys.exit("mounts.py: " + text)
-
-
-def run(*command, **options):
-    done = subprocess.run([str(c) for c in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, text=True, check=False, **options)
-    if done.returncode:
-        fail("%s: %s" % (" ".join(map(str, command)), done.stdout.strip()))
-    return done.stdout
-
-
-def pinned(cpu):
-    return lambda: os.sched_setaffinity(0, {cpu})
-
-
-class Side:
-    """A directory over a tmpfs; the plain directory is served by nothing."""
-
-    def __init__(self, top, cpus):
-        self.home = pathlib.Path(top)
-        self.cpu, self.other_cpu = cpus
-        self.lower, self.mnt = self.home / "lower", self.home / "mnt"
-        self.lower.mkdir()
-        self.mnt.mkdir()
-        self.replica = self.home / "replica"
-        self.processes = []
-
-    def start(self):
-        """What this has begun stop() takes away, also when it fails."""
-        run("mount", "-t", "tmpfs", "tmpfs", self.lower)
-        self.serve()
-
-    def serve(self):
-        run("mount", "--bind", self.lower, self.mnt)
-
-    def settle(self):
-        """Returns when nothing of what was done before is still under way."""
-
-    def spawn(self, *command, cpu=None, env=None):
-        process = subprocess.Popen([str(c) for c in command], stdin=subprocess.DEVNULL, env=env,
-                                   stdout=subprocess.DEVNULL, stderr=open(self.home / "stderr", "ab"),
-                                   preexec_fn=pinned(self.cpu if cpu is None else cpu))
-        self.processes.append(process)
-        return process
-
-    def wait_for(self, what, condition):
-        for _ in range(500):
-            if condition():
-                return
-            time.sleep(0.02)
-        fail("%s: not after ten seconds; %s" % (what, (self.home / "stderr").read_text().strip()))
-
-    def stop(self):
-        for process in self.processes:
-            process.terminate()
-        for process in self.processes:
-            process.wait(30)
-        for place in (self.mnt, self.lower, self.replica):
-            if os.path.ismount(place):
-                run("umount", "-l", place)
-
-
-class Bindfs(Side):
-    options = ()
-
-    def serve(self):
-        self.spawn("bindfs", "-f", *self.options, self.lower, self.mnt)
-        self.wait_for("bindfs", lambda: os.path.ismount(self.mnt))
-
-
-class BindfsBigWrites(Bindfs):
-    options = ("-o", "big_writes")
-
-
-class Passthrough(Side):
-    def serve(self):
-        self.spawn(self.home.parent / "passthrough_ll", "-f", "-o", "source=%s" % self.lower, self.mnt)
-        self.wait_for("passthrough_ll", lambda: os.path.ismount(self.mnt))
-
-
-class Tarn(Side):
-    build = None
-
-    def serve(self):
-        self.env = dict(os.environ, TARN_RUN_DIR=str(self.home / "run"))
-        (self.home / "run").mkdir()
-        self.spawn(self.build / "tarnd/tarnd", "--foreground", env=self.env)
-        self.wait_for("tarnd", lambda: (self.home / "run/tarnd.pid").exists())
-        self.tarn("mount", self.lower, self.mnt)
-
-    def tarn(self, *arguments):
-        return run(self.build / "tarn/tarn", *arguments, env=self.env)
-
-
-class TarnRule(Tarn):
-    def serve(self):
-        super().serve()
-        self.tarn("rule", "add", "--include", self.lower)
-
-
-class TarnMirrord(TarnRule):
-    def serve(self):
-        super().serve()
-        self.replica.mkdir()
-        run("mount", "-t", "tmpfs", "tmpfs", self.replica)
-        self.status = self.home / "mirrord.json"
-        self.spawn(self.build / "mirrord/mirrord", "--source", self.lower, "--replica", self.replica, "--status-file",
-                   self.status, cpu=self.other_cpu, env=self.env)
-        self.wait_for("mirrord", lambda: "tarn_process_nl_helo" in self.tarn("log"))
-
-    def settle(self):
-        # What mirrord could not do it has said; run() says only that there was something.
-        if subprocess.run([self.build / "mirrord/mirrord", "--catch-up", "--status-file", self.status], env=self.env,
-                          stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False).returncode:
-            fail("mirrord: " + (self.home / "stderr").read_text().strip())
-
-
-SIDES = {
-    "plain": ("plain directory", Side),
-    "bindfs": ("bindfs", Bindfs),
-    "bindfs_big": ("bindfs, big_writes", BindfsBigWrites),
-    "passthrough": ("passthrough_ll", Passthrough),
-    "tarn": ("tarn, no rule", Tarn),
-    "tarn_rule": ("tarn, a rule", TarnRule),
-    "tarn_mirrord": ("tarn, a rule and mirrord", TarnMirrord),
-}
-
-
 class Measurement:
-    def __init__(self, program, sides, rows, rounds):
-        self.program, self.sides, self.rows, self.rounds = program, sides, rows, rounds
-        self.ns = {row: {name: [] for name in sides} for row in TITLES}
+    def __init__(self, program, made, rows, rounds):
+        self.program, self.sides, self.rows, self.rounds = program, made, rows, rounds
+        self.ns = {row: {name: [] for name in made} for row in TITLES}
 
     def each(self):
         names = list(self.sides)
@@ -192,7 +61,7 @@ class Measurement:
         return [(name, self.sides[name]) for name in names]
 
     def work(self, side, workload, directory):
-        return float(run(self.program, workload, directory, preexec_fn=pinned(side.cpu)))
+        return float(sides.run(self.program, workload, directory, preexec_fn=sides.pinned(side.cpu)))
 
     def take(self, row, name, folder):
         side = self.sides[name]
@@ -257,38 +126,12 @@ def few_kept_pages():
         KEPT_PAGES.write_text(before)
 
 
-def measure(build, rounds=ROUNDS, sides=tuple(SIDES), rows=tuple(TITLES)):
-    if os.geteuid() != 0:
-        fail("must be run by root: it mounts what it measures")
-    build = pathlib.Path(build).resolve()
+def measure(build, rounds=ROUNDS, names=NAMES, rows=tuple(TITLES)):
     cpus = sorted(os.sched_getaffinity(0))
-    top = pathlib.Path(tempfile.mkdtemp(prefix="tarn-bench."))
-    made = {}
-    try:
-        Tarn.build = build
-        if "passthrough" in sides and not build_passthrough(top):
-            sides = [s for s in sides if s != "passthrough"]
-        for name in sides:
-            (top / name).mkdir()
-            made[name] = SIDES[name][1](top / name, (cpus[-1], cpus[0]))
-            made[name].start()
-        measurement = Measurement(build / "bench/mount_bench", made, rows, rounds)
-        with few_kept_pages():
-            measurement.run()
+    with sides.served(build, names, (cpus[-1], cpus[0])) as (_, made), few_kept_pages():
+        measurement = Measurement(pathlib.Path(build).resolve() / "bench/mount_bench", made, rows, rounds)
+        measurement.run()
         return measurement
-    finally:
-        for side in made.values():
-            side.stop()
-        shutil.rmtree(top)
-
-
-def build_passthrough(top):
-    """libfuse's own example, where its package has it."""
-    if not os.path.exists(PASSTHROUGH):
-        return False
-    flags = run("pkg-config", "--cflags", "--libs", "fuse3").split()
-    run("cc", "-O2", "-o", top / "passthrough_ll", PASSTHROUGH, *flags)
-    return True
 
 
 BEFORE = """
@@ -310,12 +153,12 @@ WITH_DAEMON = 0.6  # with a rule and a daemon
 def tables(done, table):
     """Lines of Markdown; `table` makes them from a head and rows."""
     yield BEFORE.rstrip().format(rounds=done.rounds)
-    names = [SIDES[side][0] for side in done.sides]
+    names = [sides.SIDES[side][0] for side in done.sides]
     yield from table(["call"] + names, [[TITLES[row]] + ["%.2f" % (done.median(row, side) / 1e3) for side in done.sides]
                                         for row in done.rows])
     ours = [side for side in done.sides if side.startswith("tarn")]
     yield "\nThe time of bindfs with `big_writes` divided by tarn's: above 1 tarn is faster."
-    yield from table(["call"] + [SIDES[side][0] for side in ours],
+    yield from table(["call"] + [sides.SIDES[side][0] for side in ours],
                      [[TITLES[row]] + ["%.2fx" % done.ratio(row, side, PEER) for side in ours] for row in done.rows])
 
 
@@ -332,7 +175,7 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("build")
     parser.add_argument("--rounds", type=int, default=ROUNDS)
-    parser.add_argument("--only", default=",".join(SIDES))
+    parser.add_argument("--only", default=",".join(NAMES))
     parser.add_argument("--rows", default=",".join(TITLES))
     args = parser.parse_args()
     done = measure(args.build, args.rounds, args.only.split(","), args.rows.split(","))

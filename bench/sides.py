@@ -1,0 +1,225 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-2.0
+"""The directories that are measured: a plain one, one behind each of some FUSE servers, and tarn's.
+
+Every side has a tmpfs of its own below. mounts.py measures calls on them, programs.py programs.
+"""
+import contextlib
+import os
+import pathlib
+import shutil
+import subprocess
+import tempfile
+import time
+
+EXAMPLES = pathlib.Path("/usr/share/doc/libfuse3-dev/examples")
+
+
+class Failure(SystemExit):
+    """Ends the program with its text, unless what failed is only a part of what is measured."""
+
+
+def fail(text):
+    raise Failure("bench: " + text)
+
+
+def run(*command, **options):
+    """The output of a program that has to succeed."""
+    done = subprocess.run([str(c) for c in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, check=False, **options)
+    if done.returncode:
+        fail("%s: %s" % (" ".join(map(str, command)), done.stdout.strip()))
+    return done.stdout
+
+
+def shell(command, directory, **options):
+    return run("sh", "-ec", command, cwd=directory, **options)
+
+
+def pinned(cpu):
+    return lambda: os.sched_setaffinity(0, {cpu})
+
+
+class Side:
+    """A directory over a tmpfs; the plain directory is served by nothing."""
+
+    def __init__(self, top, cpu, other_cpu):
+        self.home = pathlib.Path(top)
+        self.cpu, self.other_cpu = cpu, other_cpu  # None: anywhere
+        self.lower, self.mnt = self.home / "lower", self.home / "mnt"
+        self.lower.mkdir()
+        self.mnt.mkdir()
+        self.replica = self.home / "replica"
+        self.processes = []
+
+    def start(self):
+        """What this has begun stop() takes away, also when it fails."""
+        run("mount", "-t", "tmpfs", "tmpfs", self.lower)
+        self.serve()
+
+    def serve(self):
+        run("mount", "--bind", self.lower, self.mnt)
+
+    def settle(self):
+        """Returns when nothing of what was done before is still under way."""
+
+    def spawn(self, *command, cpu=None, env=None):
+        cpu = self.cpu if cpu is None else cpu
+        with open(self.home / "stderr", "ab") as stderr:
+            self.processes.append(subprocess.Popen(
+                [str(c) for c in command], stdin=subprocess.DEVNULL, env=env, stdout=subprocess.DEVNULL, stderr=stderr,
+                preexec_fn=None if cpu is None else pinned(cpu)))
+
+    def wait_for(self, what, condition):
+        for _ in range(500):
+            if condition():
+                return
+            time.sleep(0.02)
+        fail("%s: not after ten seconds; %s" % (what, (self.home / "stderr").read_text().strip()))
+
+    def stop(self):
+        for process in self.processes:
+            process.terminate()
+        for process in self.processes:
+            process.wait(30)
+        for place in (self.mnt, self.lower, self.replica):
+            if os.path.ismount(place):
+                run("umount", "-l", place)
+
+
+class Bindfs(Side):
+    options = ()
+
+    def serve(self):
+        self.spawn("bindfs", "-f", *self.options, self.lower, self.mnt)
+        self.wait_for("bindfs", lambda: os.path.ismount(self.mnt))
+
+
+class BindfsBigWrites(Bindfs):
+    options = ("-o", "big_writes")
+
+
+class BindfsThreads(Bindfs):
+    options = ("-o", "big_writes", "--multithreaded")
+
+
+class Example(Side):
+    """One of libfuse's own examples, compiled from its source."""
+    name, compiler, packages, options = None, None, (), ()
+    sources = ()
+
+    @classmethod
+    def source(cls):
+        return next((source for source in cls.sources if source.exists()), None)
+
+    def program(self):
+        """All sides lie in one directory; the program stays there until they are gone."""
+        program = self.home.parent / ("build-" + self.name)
+        if not program.exists():
+            flags = run("pkg-config", "--cflags", "--libs", *self.packages).split()
+            run(*self.compiler, "-O2", "-o", program, self.source(), *flags)
+        return program
+
+    def serve(self):
+        self.spawn(self.program(), *self.arguments())
+        self.wait_for(self.name, lambda: os.path.ismount(self.mnt))
+
+    def arguments(self):
+        raise NotImplementedError
+
+
+class PassthroughLl(Example):
+    name, compiler, packages = "passthrough_ll", ("cc",), ("fuse3",)
+    sources = (EXAMPLES / "passthrough_ll.c",)
+
+    def arguments(self):
+        return "-f", "-o", "source=%s" % self.lower, self.mnt
+
+
+class PassthroughHp(Example):
+    name, compiler, packages = "passthrough_hp", ("c++", "-std=c++17"), ("fuse3",)
+    sources = EXAMPLES / "passthrough_hp.cc", pathlib.Path(os.environ.get("PASSTHROUGH_HP", "/nonexistent"))
+
+    def arguments(self):
+        return "--foreground", self.lower, self.mnt
+
+
+class Tarn(Side):
+    build = None
+
+    def serve(self):
+        self.env = dict(os.environ, TARN_RUN_DIR=str(self.home / "run"))
+        (self.home / "run").mkdir()
+        self.spawn(self.build / "tarnd/tarnd", "--foreground", env=self.env)
+        self.wait_for("tarnd", lambda: (self.home / "run/tarnd.pid").exists())
+        self.tarn("mount", self.lower, self.mnt)
+
+    def tarn(self, *arguments):
+        return run(self.build / "tarn/tarn", *arguments, env=self.env)
+
+
+class TarnRule(Tarn):
+    def serve(self):
+        super().serve()
+        self.tarn("rule", "add", "--include", self.lower)
+
+
+class TarnMirrord(TarnRule):
+    def serve(self):
+        super().serve()
+        self.replica.mkdir()
+        run("mount", "-t", "tmpfs", "tmpfs", self.replica)
+        self.status = self.home / "mirrord.json"
+        self.spawn(self.build / "mirrord/mirrord", "--source", self.lower, "--replica", self.replica, "--status-file",
+                   self.status, cpu=self.other_cpu, env=self.env)
+        self.wait_for("mirrord", lambda: "tarn_process_nl_helo" in self.tarn("log"))
+
+    def settle(self):
+        # What mirrord could not do it has said; run() says only that there was something.
+        if subprocess.run([self.build / "mirrord/mirrord", "--catch-up", "--status-file", self.status], env=self.env,
+                          stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False).returncode:
+            fail("mirrord: " + (self.home / "stderr").read_text().strip())
+
+
+SIDES = {
+    "plain": ("plain directory", Side),
+    "bindfs": ("bindfs", Bindfs),
+    "bindfs_big": ("bindfs, big_writes", BindfsBigWrites),
+    "bindfs_threads": ("bindfs, big_writes, threads", BindfsThreads),
+    "passthrough": ("passthrough_ll", PassthroughLl),
+    "passthrough_hp": ("passthrough_hp", PassthroughHp),
+    "tarn": ("tarn, no rule", Tarn),
+    "tarn_rule": ("tarn, a rule", TarnRule),
+    "tarn_mirrord": ("tarn, a rule and mirrord", TarnMirrord),
+}
+
+
+def there(names):
+    """Those of the sides that this machine can have."""
+    for name in names:
+        kind = SIDES[name][1]
+        if not issubclass(kind, Example) or kind.source():
+            yield name
+        else:
+            print("bench: left out: %s, for its source is not at %s" % (name, " nor ".join(map(str, kind.sources))))
+
+
+@contextlib.contextmanager
+def served(build, names, cpus=(None, None), folder=None):
+    """A folder and the sides in it by their names, started; all of it is gone afterwards."""
+    if os.geteuid() != 0:
+        fail("must be run by root: it mounts what it measures")
+    top = pathlib.Path(tempfile.mkdtemp(prefix="tarn-bench.", dir=folder))
+    top.chmod(0o755)
+    Tarn.build = pathlib.Path(build).resolve()
+    sides = {}
+    try:
+        for name in there(names):
+            (top / name).mkdir()
+            sides[name] = SIDES[name][1](top / name, *cpus)
+            sides[name].start()
+        yield top, sides
+    finally:
+        for side in sides.values():
+            side.stop()
+        shutil.rmtree(top)

@@ -18,13 +18,15 @@ import sys
 import time
 
 import sides
-from program_rows import ROWS, make_files
+from program_rows import ROWS, fill, make_files
 
 # Longer than bindfs and libfuse let the host remember a name and its attributes.
 FORGOTTEN = 1.1
 NAMES = ("plain", "bindfs", "bindfs_threads", "passthrough_hp", "tarn", "tarn_rule", "tarn_mirrord")
 ROUNDS = 3
 FILES, LARGE = 5000, 20000
+LOOK, IDLE = 0.02, 0.02  # a server that computes for less than 2 % of 20 ms is idle
+COMPARE = pathlib.Path(__file__).resolve().parent.parent / "tests/replicate/tree_compare.py"
 
 
 def processor_seconds(processes):
@@ -41,9 +43,16 @@ def own_seconds():
 def settle(side):
     """Returns when what serves the side has nothing left to do."""
     side.settle()
-    before = None
-    while before != (before := processor_seconds(side.processes)):
-        time.sleep(0.01)
+    end = time.monotonic() + sides.LIMIT
+    before = processor_seconds(side.processes)
+    while True:
+        time.sleep(LOOK)
+        now = processor_seconds(side.processes)
+        if now - before < IDLE * LOOK:
+            return
+        if time.monotonic() > end:
+            sides.fail("what serves %s is still busy after %d seconds" % (side.mnt, sides.LIMIT))
+        before = now
 
 
 def forget():
@@ -55,55 +64,66 @@ def forget():
 class Programs:
     """What was measured: (seconds, processor's seconds) of each round, or None where the program has failed."""
 
-    def __init__(self, made, rehearsal):
-        self.sides, self.rehearsal = made, rehearsal
+    def __init__(self, made, rehearsal, files, large):
+        self.sides, self.rehearsal, self.files, self.large = made, rehearsal, files, large
+        self.rounds = 0
         self.taken = {}
-        self.failures = []
+        self.failures = []  # (row, side, why)
 
-    def attempt(self, row, name, what, *arguments):
+    def attempt(self, row, name, what):
         """What a part of a row on one side returns, or None."""
         try:
-            return what(*arguments)
+            return what(row, self.sides[name])
         except sides.Failure as failure:
-            self.failures.append((row, name, str(failure)))
+            self.failures.append((row, name, "; ".join([str(failure), *self.sides[name].ended()])))
             return None
-
-    def time(self, row, side):
-        served, own = processor_seconds(side.processes), own_seconds()
-        begun = time.monotonic()
-        sides.shell(ROWS[row].command, side.mnt)
-        seconds = time.monotonic() - begun
-        own = own_seconds() - own
-        settle(side)
-        return seconds, own + processor_seconds(side.processes) - served
-
-    def row(self, row):
-        for name, side in self.sides.items():
-            self.attempt(row, name, self.prepare, row, side)
-        if ROWS[row].cold:
-            forget()
-            # The programs themselves are in the host's cache again.
-            self.rehearse(row)
-        for name in random.sample(list(self.sides), len(self.sides)):
-            for again in (False, True) if ROWS[row].again else (False,):
-                self.taken.setdefault((row, again, name), []).append(
-                    self.attempt(row, name, self.time, row, self.sides[name]))
 
     def prepare(self, row, side):
         sides.shell(ROWS[row].prepare, side.mnt)
         settle(side)
+        return True
 
-    def rehearse(self, row):
-        sides.shell(ROWS[row].prepare, self.rehearsal)
-        sides.shell(ROWS[row].command, self.rehearsal)
+    def time(self, row, side):
+        served, own = processor_seconds(side.processes), own_seconds()
+        begun = time.monotonic()
+        output = sides.shell(ROWS[row].command, side.mnt)
+        seconds = time.monotonic() - begun
+        own = own_seconds() - own
+        settle(side)
+        if ROWS[row].seconds:
+            seconds = ROWS[row].seconds(output)
+        return seconds, own + processor_seconds(side.processes) - served
+
+    def row(self, row):
+        ready = [name for name in self.sides if self.attempt(row, name, self.prepare)]
+        if ROWS[row].cold:
+            forget()
+            # The programs themselves are in the host's cache again.
+            sides.shell(ROWS[row].prepare, self.rehearsal)
+            sides.shell(ROWS[row].command, self.rehearsal)
+        for name in random.sample(list(self.sides), len(self.sides)):
+            for again in (False, True) if ROWS[row].again else (False,):
+                taken = self.attempt(row, name, self.time) if name in ready else None
+                self.taken.setdefault((row, again, name), []).append(taken)
+
+    def clean(self, _, side):
+        sides.shell("rm -rf work/*", side.mnt)
+        settle(side)
+
+    def compare(self, _, side):
+        if hasattr(side, "status"):
+            sides.run(COMPARE, side.lower, side.replica)
 
     def run(self, rows, rounds):
-        for _ in range(rounds):
+        for number in range(1, rounds + 1):
+            print("bench: programs, round %d of %d" % (number, rounds), file=sys.stderr)
             for row in rows:
                 self.row(row)
-            for name, side in self.sides.items():
-                self.attempt("end", name, sides.shell, "rm -rf work/*", side.mnt)
-                settle(side)
+            for name in self.sides:
+                self.attempt("the end of a round", name, self.clean)
+            self.rounds = number
+        for name in self.sides:
+            self.attempt("the comparison of the replica", name, self.compare)
 
     def median(self, row, again, name, which):
         """None where the program has failed."""
@@ -111,35 +131,35 @@ class Programs:
         return None if None in taken else statistics.median(each[which] for each in taken)
 
     def ratio(self, row, again, name, other):
-        """How many times the other's time."""
+        """The other's time divided by the side's: above 1 the side is faster. None where one of them has failed."""
         pairs = list(zip(self.taken[row, again, name], self.taken[row, again, other]))
-        return None if None in sum(pairs, ()) else statistics.median(ours[0] / theirs[0] for ours, theirs in pairs)
+        return None if None in sum(pairs, ()) else statistics.median(theirs[0] / ours[0] for ours, theirs in pairs)
+
+    def scaling(self, row, name):
+        """How many times the work of one the row's workers do in the same time; None also if one was not measured."""
+        one = next((other for other in ROWS if ROWS[other].family == ROWS[row].family and ROWS[other].workers == 1), None)
+        pairs = list(zip(self.taken.get((one, False, name), [None]), self.taken[row, False, name]))
+        if None in sum(pairs, ()):
+            return None
+        return ROWS[row].workers * statistics.median(alone[0] / together[0] for alone, together in pairs)
 
     def lines(self):
         """(row, again) of all that was measured."""
         return dict.fromkeys((row, again) for row, again, _ in self.taken)
 
 
-def fill(home):
-    """A side's directory, with what the programs expect beside it."""
-    for other in ("tree", "repo", "many.tar"):
-        if not (home / other).exists():
-            (home / other).symlink_to(home.parent / other)
-    # git keeps in the index which times its files have.
-    sides.shell("mkdir work && cp -a ../tree/ tree && cp -a ../repo/ repo && git -C repo status >/dev/null", home / "mnt")
-
-
 def measure(build, rounds=ROUNDS, files=FILES, large=LARGE, names=NAMES, rows=tuple(ROWS)):
     with sides.served(build, names, folder="/dev/shm") as (top, made):
         make_files(top, files, large)
-        rehearsal = top / "rehearsal"
+        # A side of few files beside them, which is not measured.
+        rehearsal = top / "rehearsal/side"
         (rehearsal / "mnt").mkdir(parents=True)
-        make_files(rehearsal, 10, 10)
+        make_files(rehearsal.parent, 10, 10)
         fill(rehearsal)
         for side in made.values():
             fill(side.home)
             settle(side)
-        programs = Programs(made, rehearsal / "mnt")
+        programs = Programs(made, rehearsal / "mnt", files, large)
         programs.run(rows, rounds)
         return programs
 

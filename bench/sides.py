@@ -8,11 +8,14 @@ import contextlib
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import tempfile
 import time
 
 EXAMPLES = pathlib.Path("/usr/share/doc/libfuse3-dev/examples")
+LIMIT = 300  # seconds for one command
+SHOWN = 5  # lines of a program that has failed
 
 
 class Failure(SystemExit):
@@ -28,12 +31,27 @@ def run(*command, **options):
     done = subprocess.run([str(c) for c in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                           stderr=subprocess.STDOUT, text=True, check=False, **options)
     if done.returncode:
-        fail("%s: %s" % (" ".join(map(str, command)), done.stdout.strip()))
+        fail("%s: status %d: %s" % (" ".join(map(str, command)), done.returncode, end(done.stdout)))
     return done.stdout
 
 
-def shell(command, directory, **options):
-    return run("sh", "-ec", command, cwd=directory, **options)
+def end(text):
+    """A program that fails may say so for each of thousands of files."""
+    return "\n".join(text.strip().splitlines()[-SHOWN:])
+
+
+def shell(command, directory):
+    """The output of a command that has to succeed, with all that it has started."""
+    with subprocess.Popen(["sh", "-ec", command], cwd=directory, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, start_new_session=True) as shell_process:
+        try:
+            output, _ = shell_process.communicate(timeout=LIMIT)
+        except subprocess.TimeoutExpired:
+            os.killpg(shell_process.pid, signal.SIGKILL)
+            fail("%.60s...: not done after %d seconds" % (command, LIMIT))
+    if shell_process.returncode:
+        fail("%.60s...: status %d: %s" % (command, shell_process.returncode, end(output)))
+    return output
 
 
 def pinned(cpu):
@@ -75,13 +93,25 @@ class Side:
             if condition():
                 return
             time.sleep(0.02)
-        fail("%s: not after ten seconds; %s" % (what, (self.home / "stderr").read_text().strip()))
+        fail("%s: not after ten seconds; %s" % (what, self.said()))
+
+    def said(self):
+        return end((self.home / "stderr").read_text())
+
+    def ended(self):
+        """What of that which serves the side does not run any more."""
+        return ["%s: ended with %d" % (pathlib.Path(process.args[0]).name, process.returncode)
+                for process in self.processes if process.poll() is not None]
 
     def stop(self):
         for process in self.processes:
             process.terminate()
         for process in self.processes:
-            process.wait(30)
+            try:
+                process.wait(30)
+            except subprocess.TimeoutExpired:
+                process.kill()
+                process.wait()
         for place in (self.mnt, self.lower, self.replica):
             if os.path.ismount(place):
                 run("umount", "-l", place)
@@ -105,8 +135,7 @@ class BindfsThreads(Bindfs):
 
 class Example(Side):
     """One of libfuse's own examples, compiled from its source."""
-    name, compiler, packages, options = None, None, (), ()
-    sources = ()
+    name, compiler, sources = None, None, ()
 
     @classmethod
     def source(cls):
@@ -116,7 +145,7 @@ class Example(Side):
         """All sides lie in one directory; the program stays there until they are gone."""
         program = self.home.parent / ("build-" + self.name)
         if not program.exists():
-            flags = run("pkg-config", "--cflags", "--libs", *self.packages).split()
+            flags = run("pkg-config", "--cflags", "--libs", "fuse3").split()
             run(*self.compiler, "-O2", "-o", program, self.source(), *flags)
         return program
 
@@ -129,7 +158,7 @@ class Example(Side):
 
 
 class PassthroughLl(Example):
-    name, compiler, packages = "passthrough_ll", ("cc",), ("fuse3",)
+    name, compiler = "passthrough_ll", ("cc",)
     sources = (EXAMPLES / "passthrough_ll.c",)
 
     def arguments(self):
@@ -137,7 +166,8 @@ class PassthroughLl(Example):
 
 
 class PassthroughHp(Example):
-    name, compiler, packages = "passthrough_hp", ("c++", "-std=c++17"), ("fuse3",)
+    # libfuse's own build finds out that the C library has these calls.
+    name, compiler = "passthrough_hp", ("c++", "-std=c++17", "-DHAVE_UTIMENSAT", "-DHAVE_SETXATTR")
     sources = EXAMPLES / "passthrough_hp.cc", pathlib.Path(os.environ.get("PASSTHROUGH_HP", "/nonexistent"))
 
     def arguments(self):
@@ -178,7 +208,7 @@ class TarnMirrord(TarnRule):
         # What mirrord could not do it has said; run() says only that there was something.
         if subprocess.run([self.build / "mirrord/mirrord", "--catch-up", "--status-file", self.status], env=self.env,
                           stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False).returncode:
-            fail("mirrord: " + (self.home / "stderr").read_text().strip())
+            fail("mirrord: " + self.said())
 
 
 SIDES = {

@@ -6,7 +6,8 @@
 #             unused declarations, stack sizes
 # make fuzz   each fuzzer for FUZZ_SECONDS, under the address and undefined-behaviour sanitizers
 # make soak   real programs on a mount for long, SOAK_SCALE times the work that they are given in make test
-# make bench  measure, and keep the tables in docs/benchmarks.md
+# make bench  measure, and keep the tables in docs/benchmarks.md; PASSTHROUGH_HP=FILE: also on libfuse's passthrough_hp,
+#             whose source Debian does not have
 # KDIR=...    with check: also build the module for a built Linux 2.6.18 tree, and check what is in it
 
 SHELL := /bin/bash

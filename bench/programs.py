@@ -19,6 +19,7 @@ import time
 
 import sides
 from program_rows import ROWS, fill, make_files
+from program_tables import cell, title
 
 # Longer than bindfs and libfuse let the host remember a name and its attributes.
 FORGOTTEN = 1.1
@@ -91,7 +92,10 @@ class Programs:
         own = own_seconds() - own
         settle(side)
         if ROWS[row].seconds:
-            seconds = ROWS[row].seconds(output)
+            try:
+                seconds = ROWS[row].seconds(output)
+            except (ValueError, LookupError, AttributeError) as error:
+                sides.fail("no time in what it said (%s): %s" % (error, sides.end(output)))
         return seconds, own + processor_seconds(side.processes) - served
 
     def row(self, row):
@@ -164,10 +168,6 @@ def measure(build, rounds=ROUNDS, files=FILES, large=LARGE, names=NAMES, rows=tu
         return programs
 
 
-def title(row, again):
-    return ROWS[row].title + (", again" if again else "")
-
-
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("build")
@@ -186,11 +186,6 @@ def main():
     for row, name, text in done.failures:
         print("failed: %s on %s: %s" % (row, name, text), file=sys.stderr)
     return 1 if done.failures else 0
-
-
-def cell(done, row, again, name):
-    taken = [done.median(row, again, name, which) for which in (0, 1)]
-    return "failed" if None in taken else "%.3f / %.3f" % tuple(taken)
 
 
 if __name__ == "__main__":

@@ -4,7 +4,8 @@
 
 usage: report.py PROGRAM BUILD_FOLDER OUTPUT.md [--repetitions N]
 
-PROGRAM measures what runs in one process, mounts.py with the programs of BUILD_FOLDER what runs on a mount.
+PROGRAM measures what runs in one process, mounts.py and programs.py with the programs of BUILD_FOLDER what runs on a
+mount. What fails on one side of programs.py is in the report, and ends this with 1.
 
 The measurements are repeated in a random order, so that what else the machine does falls on all of them alike;
 every figure is the median of its repetitions. The table also goes to standard output.
@@ -18,6 +19,8 @@ import subprocess
 import sys
 
 import mounts
+import program_tables
+import programs
 
 SIZES = {100: "100 B", 4096: "4 KiB", 65536: "64 KiB", 1048576: "1 MiB"}
 HEAD = """# Benchmarks
@@ -154,7 +157,7 @@ def further_table(ns):
         yield from table([text, "one write", "each rule more than the line above"], rows)
 
 
-def aims(ns, mounted):
+def aims(ns, mounted, ran):
     yield "\n## Aims"
     rows = []
     for kind, counts in (("dirs", [1, 32, 1000, 10000]), ("rules", [1, 32, 1000])):
@@ -176,6 +179,7 @@ def aims(ns, mounted):
     rows.append(["1000 further rules that are not hit cost less than a tenth of one write", "%.2f" % ratio,
                  "met" if ratio < 1.1 else "missed"])
     rows += mounts.aims(mounted)
+    rows += program_tables.aims(ran)
     yield from table(["aim", "measured", ""], rows)
 
 
@@ -187,6 +191,7 @@ def main():
     parser.add_argument("--repetitions", type=int, default=9)
     args = parser.parse_args()
     mounted = mounts.measure(args.build)
+    ran = programs.measure(args.build)
     ns = measure(args.program, args.repetitions)
     cores = os.cpu_count()
     head = HEAD.format(when=datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d"),
@@ -195,12 +200,14 @@ def main():
     for part in (match_tables, capture_table, records_table, further_table):
         lines += part(ns)
     lines += mounts.tables(mounted, table)
-    lines += aims(ns, mounted)
+    lines += program_tables.tables(ran, table)
+    lines += aims(ns, mounted, ran)
     text = "\n".join(lines) + "\n"
     with open(args.output, "w", encoding="utf-8") as out:
         out.write(text)
     print(text)
+    return 1 if ran.failures else 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())

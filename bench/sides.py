@@ -58,6 +58,11 @@ def pinned(cpu):
     return lambda: os.sched_setaffinity(0, {cpu})
 
 
+def mounted(place):
+    """Also where what served it does not run any more."""
+    return any(line.split()[1] == str(place) for line in pathlib.Path("/proc/mounts").read_text().splitlines())
+
+
 class Side:
     """A directory over a tmpfs; the plain directory is served by nothing."""
 
@@ -113,7 +118,7 @@ class Side:
                 process.kill()
                 process.wait()
         for place in (self.mnt, self.lower, self.replica):
-            if os.path.ismount(place):
+            if mounted(place):
                 run("umount", "-l", place)
 
 
@@ -122,7 +127,7 @@ class Bindfs(Side):
 
     def serve(self):
         self.spawn("bindfs", "-f", *self.options, self.lower, self.mnt)
-        self.wait_for("bindfs", lambda: os.path.ismount(self.mnt))
+        self.wait_for("bindfs", lambda: mounted(self.mnt))
 
 
 class BindfsBigWrites(Bindfs):
@@ -135,23 +140,19 @@ class BindfsThreads(Bindfs):
 
 class Example(Side):
     """One of libfuse's own examples, compiled from its source."""
-    name, compiler, sources = None, None, ()
-
-    @classmethod
-    def source(cls):
-        return next((source for source in cls.sources if source.exists()), None)
+    name, compiler, source = None, None, None
 
     def program(self):
         """All sides lie in one directory; the program stays there until they are gone."""
         program = self.home.parent / ("build-" + self.name)
         if not program.exists():
             flags = run("pkg-config", "--cflags", "--libs", "fuse3").split()
-            run(*self.compiler, "-O2", "-o", program, self.source(), *flags)
+            run(*self.compiler, "-O2", "-o", program, self.source, *flags)
         return program
 
     def serve(self):
         self.spawn(self.program(), *self.arguments())
-        self.wait_for(self.name, lambda: os.path.ismount(self.mnt))
+        self.wait_for(self.name, lambda: mounted(self.mnt))
 
     def arguments(self):
         raise NotImplementedError
@@ -159,7 +160,7 @@ class Example(Side):
 
 class PassthroughLl(Example):
     name, compiler = "passthrough_ll", ("cc",)
-    sources = (EXAMPLES / "passthrough_ll.c",)
+    source = EXAMPLES / "passthrough_ll.c"
 
     def arguments(self):
         return "-f", "-o", "source=%s" % self.lower, self.mnt
@@ -168,7 +169,7 @@ class PassthroughLl(Example):
 class PassthroughHp(Example):
     # libfuse's own build finds out that the C library has these calls.
     name, compiler = "passthrough_hp", ("c++", "-std=c++17", "-DHAVE_UTIMENSAT", "-DHAVE_SETXATTR")
-    sources = EXAMPLES / "passthrough_hp.cc", pathlib.Path(os.environ.get("PASSTHROUGH_HP", "/nonexistent"))
+    source = pathlib.Path(os.environ.get("PASSTHROUGH_HP") or EXAMPLES / "passthrough_hp.cc")
 
     def arguments(self):
         return "--foreground", self.lower, self.mnt
@@ -205,10 +206,11 @@ class TarnMirrord(TarnRule):
         self.wait_for("mirrord", lambda: "tarn_process_nl_helo" in self.tarn("log"))
 
     def settle(self):
-        # What mirrord could not do it has said; run() says only that there was something.
-        if subprocess.run([self.build / "mirrord/mirrord", "--catch-up", "--status-file", self.status], env=self.env,
-                          stdin=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False).returncode:
-            fail("mirrord: " + self.said())
+        try:
+            run(self.build / "mirrord/mirrord", "--catch-up", "--status-file", self.status, env=self.env)
+        except Failure as failure:
+            # What it could not do mirrord itself has said.
+            fail("%s; %s" % (failure, self.said()))
 
 
 SIDES = {
@@ -228,10 +230,10 @@ def there(names):
     """Those of the sides that this machine can have."""
     for name in names:
         kind = SIDES[name][1]
-        if not issubclass(kind, Example) or kind.source():
+        if not issubclass(kind, Example) or kind.source.exists():
             yield name
         else:
-            print("bench: left out: %s, for its source is not at %s" % (name, " nor ".join(map(str, kind.sources))))
+            print("bench: left out: %s, for its source %s is not there" % (name, kind.source))
 
 
 @contextlib.contextmanager

@@ -12,7 +12,7 @@ packages=(
   stress-ng tar util-linux
 )
 [ "${1:-}" != check ] || packages+=(clang-format clang-tidy g++-aarch64-linux-gnu shellcheck)
-[ "${1:-}" != bench ] || packages+=(bindfs libbenchmark-dev libhyperscan-dev libre2-dev)
+[ "${1:-}" != bench ] || packages+=(bindfs libbenchmark-dev libhyperscan-dev libre2-dev postgresql)
 [ "${1:-}" != guest ] || packages+=(cpio gcc-12-source musl-tools qemu-system-x86)
 
 missing=()
@@ -31,6 +31,14 @@ if [ "$(id -u)" -ne 0 ]; then
   }
   as_root=(sudo)
 fi
+case " ${missing[*]} " in
+  *" postgresql "*)
+    # The benchmarks run a server of their own; Debian's would be made and started by the installation. Who wants that one
+    # too: pg_createcluster.
+    "${as_root[@]}" install -d /etc/postgresql-common/createcluster.d
+    echo 'create_main_cluster = false' | "${as_root[@]}" tee /etc/postgresql-common/createcluster.d/tarn.conf >/dev/null
+    ;;
+esac
 "${as_root[@]}" apt-get update -qq
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends \
   "${missing[@]}" >/dev/null

@@ -26,13 +26,14 @@ class Row:
     a command makes is in work/, which is emptied when a round is over, or, if it can be used again, in kept/.
     """
     title: str
-    means: str  # a sentence for users; {time} is tarn's, {each} that for one of `unit`
+    means: str  # a sentence for users without its end; {time} is tarn's, {each} that for one file or commit
     command: str
     prepare: str = "true"  # not measured; finds what rows of the same round have left
     cold: bool = True      # the host keeps nothing of the mount when it begins
     again: bool = False    # measured a second time at once
     workers: int = 1       # how many do the same at once; rows of one `family` differ in nothing else
     family: str = ""
+    mib: int = 0           # that are read or written: what {rate} is of
     # From the program's own output, where not all that the command does is to be measured.
     seconds: typing.Optional[typing.Callable[[str], float]] = None
 
@@ -47,41 +48,41 @@ def tree_rows():
     unpack = "mkdir -p work/many && tar xf ../many.tar -C work/many"
     unpacked = "test -d work/many || { %s; }" % unpack
     return {
-        "find": Row("find", "The names of a tree of {files} files are listed in {time}.", "find tree >/dev/null", again=True),
-        "find_ls": Row("find -ls", "With sizes and times of all {files} files that is {time}.", "find tree -ls >/dev/null",
-                       again=True),
-        "grep": Row("grep -r", "A word is looked for in {files} files in {time}, {each} a file.",
+        "find": Row("find", "The names of a tree of {files} files are listed in {time}", "find tree >/dev/null", again=True),
+        "find_ls": Row("find -ls", "{files} files are listed with their sizes and times in {time}",
+                       "find tree -ls >/dev/null", again=True),
+        "grep": Row("grep -r", "A word is looked for in {files} files in {time}, {each} a file",
                     "grep -r absent tree >/dev/null || test $? = 1", again=True),
-        "diff": Row("diff -r", "{files} files are compared with a copy outside the mount in {time}.", "diff -r tree ../tree",
+        "diff": Row("diff -r", "{files} files are compared with a copy outside the mount in {time}", "diff -r tree ../tree",
                     again=True),
-        "status": Row("git status", "git sees in {time} that none of {files} files has changed.",
+        "status": Row("git status", "git sees in {time} that none of {files} files has changed",
                       "git -C repo status >/dev/null", again=True),
-        "rsync": Row("rsync -a, nothing to do", "A backup by rsync finds in {time} that {files} files are the same.",
+        "rsync": Row("rsync -a, nothing to do", "A backup by rsync finds in {time} that {files} files are the same",
                      "rsync -a ../tree/ tree/", again=True),
-        "unpack": Row("tar x", "An archive of {large} files is unpacked in {time}, {each} a file.", unpack,
+        "unpack": Row("tar x", "An archive of {large} files is unpacked in {time}, {each} a file", unpack,
                       "rm -rf work/many"),
         # With /dev/null for its archive tar does not read the files.
-        "pack": Row("tar c", "{large} files are packed in {time}, {each} a file.", "tar cf - work/many | cat >/dev/null",
+        "pack": Row("tar c", "{large} files are packed in {time}, {each} a file", "tar cf - work/many | cat >/dev/null",
                     unpacked, again=True),
-        "remove": Row("rm -rf", "A tree of {large} files is removed in {time}, {each} a file.", "rm -rf work/many", unpacked),
-        "copy": Row("cp -a", "A tree of {files} files is copied inside the mount in {time}, {each} a file.",
+        "remove": Row("rm -rf", "A tree of {large} files is removed in {time}, {each} a file", "rm -rf work/many", unpacked),
+        "copy": Row("cp -a", "A tree of {files} files is copied inside the mount in {time}, {each} a file",
                     "cp -a tree work/copy", "rm -rf work/copy"),
-        "clone": Row("git clone", "A repository of {files} files is cloned into the mount in {time}.",
+        "clone": Row("git clone", "A repository of {files} files is cloned into the mount in {time}",
                      "git clone -q ../repo work/clone", "rm -rf work/clone"),
     }
 
 
 def compile_row():
-    made = "cmake --build kept/build -j %d --target tarn_module" % os.cpu_count()
+    made = "cmake --build kept/build -j%d --target tarn_module" % os.cpu_count()
     configured = ("test -d kept/build || { cp -a ../project/ kept/project && cmake -S kept/project -B kept/build -G Ninja "
                   "-DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER_LAUNCHER= ; } && "
                   "cmake --build kept/build --target clean")
-    return Row("compile, as many as processors", "This project's module, sources and objects on the mount, is compiled in {time}.",
+    return Row("compile -j%d" % os.cpu_count(), "This project's module, sources and objects on the mount, is compiled in {time}",
                made, configured, cold=False)
 
 
 def sqlite_row(title, journal):
-    return Row("SQLite, " + title, "SQLite commits {commits} rows one by one in {time}, {each} a commit.",
+    return Row("SQLite, " + title, "SQLite commits {commits} rows one by one in {time}, {each} a commit",
                "{ echo 'PRAGMA journal_mode = %s;'; cat ../commits.sql; } | sqlite3 -batch work/%s.db >/dev/null"
                % (journal, journal), "rm -f work/%s.db*" % journal, cold=False)
 
@@ -93,7 +94,7 @@ def postgres_row():
         return TRANSACTIONS / float(re.search(r"tps = ([0-9.]+) \(without", output).group(1))
     return Row("PostgreSQL, pgbench",
                "Four clients of a PostgreSQL on the mount commit {transactions} transactions of pgbench in {time}, {each} a "
-               "transaction.", script % "run", script % "prepare", cold=False, seconds=seconds)
+               "transaction", script % "run", script % "prepare", cold=False, seconds=seconds)
 
 
 def fio_rows():
@@ -106,11 +107,13 @@ def fio_rows():
         return max(job[kind]["runtime"] for kind in ("read", "write")) / 1e3
 
     def row(title, kind, size, mib, threads):
+        done = "written" if "write" in kind else "read"
+        how = "%s KiB at a time, %s" % (size[:-1], "in random order" if "rand" in kind else "one after another")
+        by = "by one thread," if threads == 1 else "by each of %d threads, with a file of its own," % threads
         return Row("fio, %s, %d thread%s" % (title, threads, "s" if threads > 1 else ""),
-                   "%d time%s %d MiB, %s, are %s in {time}." % (threads, "s" if threads > 1 else "", mib, title,
-                                                             "written" if "write" in kind else "read"),
+                   "%d MiB are %s %s %s, in {time}, {rate}" % (mib, done, by, how),
                    base + "--rw=%s --bs=%s --io_size=%dm --numjobs=%d" % (kind, size, mib, threads), files,
-                   workers=threads, family="fio, " + title, seconds=seconds)
+                   workers=threads, family="fio, " + title, mib=mib * threads, seconds=seconds)
     rows = {}
     for name, title, kind, size, mib, counts in (
             ("random_read", "4 KiB random read", "randread", "4k", RANDOM_MIB, (1, 2, 4)),
@@ -126,12 +129,13 @@ def worker_rows():
     """Each has a tree of its own."""
     trees = "test -d kept/4 || for n in 1 2 3 4; do cp -a ../small/ kept/$n; done"
     rows = {}
-    for workers in (1, 2, 4):
+    for workers, which in (
+            (1, "One program, with"), (2, "Two programs at once, each with"), (4, "Four programs at once, each with")):
         rows["finds_%d" % workers] = Row(
-            "%d x find -ls" % workers, "{workers} programs at once that list {small} files each are done in {time}.",
+            "%d x find -ls" % workers, which + " {small} files to list: {time}",
             at_once("find kept/{} -ls >/dev/null", workers), trees, workers=workers, family="find -ls")
         rows["copies_%d" % workers] = Row(
-            "%d x cp -a" % workers, "{workers} programs at once that copy {small} files each are done in {time}.",
+            "%d x cp -a" % workers, which + " {small} files to copy: {time}",
             at_once("cp -a kept/{0} work/own.{0}", workers), trees + "; rm -rf work/own.*", workers=workers, family="cp -a")
     return rows
 
@@ -177,4 +181,6 @@ def fill(home):
         (home / shared).symlink_to(home.parent / shared)
     (home / "scratch").mkdir()
     # git keeps in the index which times its files have.
-    sides.shell("chmod 755 . && mkdir work kept && cp -a ../tree/ tree && cp -a ../repo/ repo && git -C repo status >/dev/null", home / "mnt")
+    # mirrord takes the replica's top from others, so that its mode is to be the source's own doing.
+    sides.shell("chmod 755 . && mkdir work kept && cp -a ../tree/ tree && cp -a ../repo/ repo && "
+                "git -C repo status >/dev/null", home / "mnt")

@@ -48,7 +48,7 @@ def cell(done, row, again, name):
 
 def duration(seconds):
     if seconds is None:
-        return "(failed)"
+        return "failed"
     for unit, scale in (("s", 1), ("ms", 1e3), ("us", 1e6)):
         if seconds * scale >= 1:
             return "%.*f %s" % (0 if seconds * scale >= 100 else 1, seconds * scale, unit)
@@ -63,13 +63,15 @@ def sentence(done, row, again):
     """What the row's figures mean for a user."""
     seconds = {name: done.median(row, again, name, 0) for name in done.sides}
     numbers = {"files": done.files, "large": done.large, "small": done.files // SMALL_PART, "commits": COMMITS,
-               "transactions": TRANSACTIONS, "workers": ROWS[row].workers}
+               "transactions": TRANSACTIONS}
     means = ROWS[row].means
     counted = next((numbers[unit] for unit in ("large", "files", "commits", "transactions") if "{%s}" % unit in means), 1)
     ours = seconds[OURS]
-    text = means.format(time=duration(ours), each=duration(ours and ours / counted),
+    if ours is None:
+        return "failed, see above."
+    text = means.format(time=duration(ours), each=duration(ours / counted), rate="%.0f MiB/s" % (ROWS[row].mib / ours),
                         **{unit: "{:,}".format(number).replace(",", " ") for unit, number in numbers.items()})
-    return "%s The plain directory takes %s, bindfs with threads %s; with a rule and mirrord it is %s." % (
+    return "%s (the plain directory: %s; bindfs with threads: %s; tarn with a rule and mirrord: %s)." % (
         text, duration(seconds.get(PLAIN)), duration(seconds.get(PEER)), duration(seconds.get(WITH_DAEMON)))
 
 

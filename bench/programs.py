@@ -75,7 +75,7 @@ class Programs:
         """What a part of a row on one side returns, or None."""
         try:
             return what(row, self.sides[name])
-        except sides.Failure as failure:
+        except (sides.Failure, OSError) as failure:
             self.failures.append((row, name, "; ".join([str(failure), *self.sides[name].ended()])))
             return None
 
@@ -109,6 +109,10 @@ class Programs:
             for again in (False, True) if ROWS[row].again else (False,):
                 taken = self.attempt(row, name, self.time) if name in ready else None
                 self.taken.setdefault((row, again, name), []).append(taken)
+
+    def fill(self, _, side):
+        fill(side.home)
+        settle(side)
 
     def clean(self, _, side):
         sides.shell("rm -rf work/*", side.mnt)
@@ -160,10 +164,9 @@ def measure(build, rounds=ROUNDS, files=FILES, large=LARGE, names=NAMES, rows=tu
         (rehearsal / "mnt").mkdir(parents=True)
         make_files(rehearsal.parent, 10, 10)
         fill(rehearsal)
-        for side in made.values():
-            fill(side.home)
-            settle(side)
         programs = Programs(made, rehearsal / "mnt", files, large)
+        for name in made:
+            programs.attempt("what all programs begin with", name, programs.fill)
         programs.run(rows, rounds)
         return programs
 

@@ -31,6 +31,8 @@ class Row:
     prepare: str = "true"  # not measured; finds what rows of the same round have left
     cold: bool = True      # the host keeps nothing of the mount when it begins
     again: bool = False    # measured a second time at once
+    other_user: bool = False
+    times: int = 1         # in each round; more of what is over soon
     workers: int = 1       # how many do the same at once; rows of one `family` differ in nothing else
     family: str = ""
     mib: int = 0           # that are read or written: what {rate} is of
@@ -48,17 +50,18 @@ def tree_rows():
     unpack = "mkdir -p work/many && tar xf ../many.tar -C work/many"
     unpacked = "test -d work/many || { %s; }" % unpack
     return {
-        "find": Row("find", "The names of a tree of {files} files are listed in {time}", "find tree >/dev/null", again=True),
+        "find": Row("find", "The names of a tree of {files} files are listed in {time}", "find tree >/dev/null",
+                    again=True, times=2),
         "find_ls": Row("find -ls", "{files} files are listed with their sizes and times in {time}",
-                       "find tree -ls >/dev/null", again=True),
+                       "find tree -ls >/dev/null", again=True, times=2),
         "grep": Row("grep -r", "A word is looked for in {files} files in {time}, {each} a file",
-                    "grep -r absent tree >/dev/null || test $? = 1", again=True),
+                    "grep -r absent tree >/dev/null || test $? = 1", again=True, times=2),
         "diff": Row("diff -r", "{files} files are compared with a copy outside the mount in {time}", "diff -r tree ../tree",
-                    again=True),
+                    again=True, times=2),
         "status": Row("git status", "git sees in {time} that none of {files} files has changed",
-                      "git -C repo status >/dev/null", again=True),
+                      "git -C repo status >/dev/null", again=True, times=2),
         "rsync": Row("rsync -a, nothing to do", "A backup by rsync finds in {time} that {files} files are the same",
-                     "rsync -a ../tree/ tree/", again=True),
+                     "rsync -a ../tree/ tree/", again=True, times=2),
         "unpack": Row("tar x", "An archive of {large} files is unpacked in {time}, {each} a file", unpack,
                       "rm -rf work/many"),
         # With /dev/null for its archive tar does not read the files.
@@ -94,7 +97,7 @@ def postgres_row():
         return TRANSACTIONS / float(re.search(r"tps = ([0-9.]+) \(without", output).group(1))
     return Row("PostgreSQL, pgbench",
                "Four clients of a PostgreSQL on the mount commit {transactions} transactions of pgbench in {time}, {each} a "
-               "transaction", script % "run", script % "prepare", cold=False, seconds=seconds)
+               "transaction", script % "run", script % "prepare", cold=False, other_user=True, seconds=seconds)
 
 
 def fio_rows():
@@ -133,7 +136,7 @@ def worker_rows():
             (1, "One program, with"), (2, "Two programs at once, each with"), (4, "Four programs at once, each with")):
         rows["finds_%d" % workers] = Row(
             "%d x find -ls" % workers, which + " {small} files to list: {time}",
-            at_once("find kept/{} -ls >/dev/null", workers), trees, workers=workers, family="find -ls")
+            at_once("find kept/{} -ls >/dev/null", workers), trees, times=2, workers=workers, family="find -ls")
         rows["copies_%d" % workers] = Row(
             "%d x cp -a" % workers, which + " {small} files to copy: {time}",
             at_once("cp -a kept/{0} work/own.{0}", workers), trees + "; rm -rf work/own.*", workers=workers, family="cp -a")

@@ -12,12 +12,13 @@ FOR_DAEMON = 0.6  # with a rule and mirrord, to tarn without a rule
 BEFORE = """
 ## Real programs
 
-Programs as people run them, in a directory over a tmpfs; the median of {rounds} rounds. No process is bound to a
-processor. "{files} files" are a tree of small ones, half of them below 3 KiB. In each cell are seconds, and after the
-stroke the processor's seconds of the program and of what serves the mount, mirrord included, until nothing of it is
-under way. When a program begins, the host keeps nothing of the mount, neither names nor data, but for "again", which is
-right after the same program, and for compile, SQLite and PostgreSQL, which begin with what the step before has left.
-bindfs has its own settings or `big_writes` and `--multithreaded`. tarn is mounted by `tarn mount` without options.
+Programs as people run them, in a directory over a tmpfs, not bound to a processor: the median of {rounds} rounds, in
+which those that are over soon run twice. "{files} files" are a tree of small ones, half of them below 3 KiB. In each
+cell are seconds and, after the stroke, the processor's seconds of the program and of what serves the mount, mirrord
+included, until nothing of it is under way. When a program begins, the host keeps nothing of the mount, neither names nor
+data, but for "again", which is right after the same program, and for the compiler, SQLite and PostgreSQL, which begin
+with what the step before has left. bindfs has its own settings, or `big_writes` and `--multithreaded`; tarn is mounted
+by `tarn mount` without options, so that the host keeps names and attributes of both for a second.
 """
 WITHOUT_HP = """
 `passthrough_hp`, an example of libfuse's, is not among the sides: Debian's libfuse3-dev does not have its source.
@@ -25,7 +26,7 @@ WITHOUT_HP = """
 """
 WITH_HP = """
 `passthrough_hp` is libfuse's own example. It keeps names for a day and writes later what it is given, for it takes the
-directory below as changed by nobody else.
+directory below as changed by nobody else. PostgreSQL cannot use it, for it is root's alone.
 """
 SCALING = """
 How many times the work of one is done in the same time by several at once, each with files of its own: 2.0x for two is
@@ -42,8 +43,14 @@ def title(row, again):
 
 
 def cell(done, row, again, name):
+    if (row, again, name) not in done.taken:
+        return "-"
     taken = [done.median(row, again, name, which) for which in (0, 1)]
     return "failed" if None in taken else "%.3f / %.3f" % tuple(taken)
+
+
+def grouped(number):
+    return "{:,}".format(number).replace(",", " ")
 
 
 def duration(seconds):
@@ -70,7 +77,7 @@ def sentence(done, row, again):
     if ours is None:
         return "failed, see above."
     text = means.format(time=duration(ours), each=duration(ours / counted), rate="%.0f MiB/s" % (ROWS[row].mib / ours),
-                        **{unit: "{:,}".format(number).replace(",", " ") for unit, number in numbers.items()})
+                        **{unit: grouped(number) for unit, number in numbers.items()})
     return "%s (the plain directory: %s; bindfs with threads: %s; tarn with a rule and mirrord: %s)." % (
         text, duration(seconds.get(PLAIN)), duration(seconds.get(PEER)), duration(seconds.get(WITH_DAEMON)))
 
@@ -93,7 +100,7 @@ def ratios(done, row, again):
 
 def tables(done, table):
     """Lines of Markdown; `table` makes them from a head and rows."""
-    yield BEFORE.rstrip().format(rounds=done.rounds, files=done.files)
+    yield BEFORE.rstrip().format(rounds=done.rounds, files=grouped(done.files))
     yield (WITH_HP if "passthrough_hp" in done.sides else WITHOUT_HP).rstrip()
     yield from table(["program"] + [sides.SIDES[name][0] for name in done.sides],
                      [[title(*line)] + [cell(done, *line, name) for name in done.sides] for line in done.lines()])

@@ -3,9 +3,10 @@
 """Measures real programs, as people run them, on directories that are served in different ways.
 
 The sides are those of sides.py, but no process is bound to a processor. In each round every program runs on all sides,
-one right after the other and in a random order; a figure is the median of the rounds, a ratio the median of the rounds'
-ratios. A program that begins cold finds nothing of the mount in the host's caches; "again" is right after the same
-program. The processor's time is that of the program and of what serves the side, until nothing of it is under way.
+one right after the other and in a random order, those that are over soon twice; a figure is the median of all times, a
+ratio the median of their ratios. A program that begins cold finds nothing of the mount in the host's caches; "again" is
+right after the same program. The processor's time is that of the program and of what serves the side, until nothing of
+it is under way.
 
 usage: programs.py BUILD_FOLDER [--rounds N] [--files N] [--large N] [--only SIDE,...] [--rows ROW,...]
 """
@@ -99,13 +100,14 @@ class Programs:
         return seconds, own + processor_seconds(side.processes) - served
 
     def row(self, row):
-        ready = [name for name in self.sides if self.attempt(row, name, self.prepare)]
+        names = [name for name, side in self.sides.items() if side.other_users or not ROWS[row].other_user]
+        ready = [name for name in names if self.attempt(row, name, self.prepare)]
         if ROWS[row].cold:
             forget()
             # The programs themselves are in the host's cache again.
             sides.shell(ROWS[row].prepare, self.rehearsal)
             sides.shell(ROWS[row].command, self.rehearsal)
-        for name in random.sample(list(self.sides), len(self.sides)):
+        for name in random.sample(names, len(names)):
             for again in (False, True) if ROWS[row].again else (False,):
                 taken = self.attempt(row, name, self.time) if name in ready else None
                 self.taken.setdefault((row, again, name), []).append(taken)
@@ -126,7 +128,8 @@ class Programs:
         for number in range(1, rounds + 1):
             print("bench: programs, round %d of %d" % (number, rounds), file=sys.stderr)
             for row in rows:
-                self.row(row)
+                for _ in range(ROWS[row].times):
+                    self.row(row)
             for name in self.sides:
                 self.attempt("the end of a round", name, self.clean)
             self.rounds = number
@@ -134,8 +137,8 @@ class Programs:
             self.attempt("the comparison of the replica", name, self.compare)
 
     def median(self, row, again, name, which):
-        """None where the program has failed."""
-        taken = self.taken[row, again, name]
+        """None where the program has failed or cannot run."""
+        taken = self.taken.get((row, again, name), [None])
         return None if None in taken else statistics.median(each[which] for each in taken)
 
     def ratio(self, row, again, name, other):

@@ -65,6 +65,7 @@ def mounted(place):
 
 class Side:
     """A directory over a tmpfs; the plain directory is served by nothing."""
+    other_users = True
 
     def __init__(self, top, cpu, other_cpu):
         self.home = pathlib.Path(top)
@@ -139,7 +140,8 @@ class BindfsThreads(Bindfs):
 
 
 class Example(Side):
-    """One of libfuse's own examples, compiled from its source."""
+    """One of libfuse's own examples, compiled from its source. What it makes is always root's."""
+    other_users = False
     name, compiler, source = None, None, None
 
     def program(self):

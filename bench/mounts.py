@@ -10,7 +10,6 @@ one processor; mirrord has another.
 usage: mounts.py BUILD_FOLDER [--rounds N] [--only SIDE,...] [--rows ROW,...]
 """
 import argparse
-import contextlib
 import os
 import pathlib
 import random
@@ -23,10 +22,6 @@ import sides
 FORGOTTEN = 1.1
 NAMES = ("plain", "bindfs", "bindfs_big", "passthrough", "tarn", "tarn_rule", "tarn_mirrord")
 ROUNDS = 21  # a median of fewer differs by 5 % from one run to the next
-
-# What each processor keeps of the pages that it frees; docs/operations.md says what that does to mirrord's socket.
-KEPT_PAGES = pathlib.Path("/proc/sys/vm/percpu_pagelist_high_fraction")
-FEW_KEPT_PAGES = "1000"
 
 # Row: its title, and whether the file is made below the mount, so that nothing of it is in a cache of the mount's.
 DATA_ROWS = {
@@ -112,23 +107,9 @@ class Measurement:
         return statistics.median(theirs / ours for ours, theirs in pairs)
 
 
-@contextlib.contextmanager
-def few_kept_pages():
-    """Otherwise the figures of a row with mirrord depend on what the machine has done since it was started."""
-    if not KEPT_PAGES.exists():
-        yield
-        return
-    before = KEPT_PAGES.read_text()
-    KEPT_PAGES.write_text(FEW_KEPT_PAGES)
-    try:
-        yield
-    finally:
-        KEPT_PAGES.write_text(before)
-
-
 def measure(build, rounds=ROUNDS, names=NAMES, rows=tuple(TITLES)):
     cpus = sorted(os.sched_getaffinity(0))
-    with sides.served(build, names, (cpus[-1], cpus[0])) as (_, made), few_kept_pages():
+    with sides.served(build, names, (cpus[-1], cpus[0])) as (_, made):
         measurement = Measurement(pathlib.Path(build).resolve() / "bench/mount_bench", made, rows, rounds)
         measurement.run()
         return measurement
@@ -138,12 +119,11 @@ BEFORE = """
 ## Files and names through a mount
 
 Microseconds for one call in a directory over a tmpfs, the median of {rounds} rounds. The calling program and the process
-that serves the mount share one processor, mirrord has another, and `vm.percpu_pagelist_high_fraction` is 1000
-(docs/operations.md says why). bindfs is Debian's, with its own settings and with `big_writes`; `passthrough_ll` is
-libfuse's own example. The host keeps names and attributes of all of them for a second. None is kept when a row begins, but
-for "again". What was read stays
-with the host until the file is forgotten, so tarn is not asked for it again; the others are at each open. What is written
-through a descriptor that can only write, as here, does not go through the host's pages first, unless it has some.
+that serves the mount share one processor, mirrord has another. bindfs is Debian's, with its own settings and with
+`big_writes`; `passthrough_ll` is libfuse's own example. The host keeps names and attributes of all of them for a second.
+None is kept when a row begins, but for "again". What was read stays with the host until the file is forgotten, so tarn is
+not asked for it again; the others are at each open. What is written through a descriptor that can only write, as here, does
+not go through the host's pages first, unless it has some.
 """
 PEER = "bindfs_big"
 LEVEL = 1.0        # without a rule

@@ -30,6 +30,7 @@ class Row:
     command: str
     prepare: str = "true"  # not measured; finds what rows of the same round have left
     cold: bool = True      # the host keeps nothing of the mount when it begins
+    changes_names: bool = False
     again: bool = False    # measured a second time at once
     other_user: bool = False
     times: int = 1         # in each round; more of what is over soon
@@ -63,15 +64,17 @@ def tree_rows():
         "rsync": Row("rsync -a, nothing to do", "A backup by rsync finds in {time} that {files} files are the same",
                      "rsync -a ../tree/ tree/", again=True, times=2),
         "unpack": Row("tar x", "An archive of {large} files is unpacked in {time}, {each} a file", unpack,
-                      "rm -rf work/many"),
+                      "rm -rf work/many", changes_names=True),
         # With /dev/null for its archive tar does not read the files.
         "pack": Row("tar c", "{large} files are packed in {time}, {each} a file", "tar cf - work/many | cat >/dev/null",
                     unpacked, again=True),
-        "remove": Row("rm -rf", "A tree of {large} files is removed in {time}, {each} a file", "rm -rf work/many", unpacked),
+        "remove": Row("rm -rf", "A tree of {large} files is removed in {time}, {each} a file", "rm -rf work/many", unpacked,
+                      changes_names=True),
         "copy": Row("cp -a", "A tree of {files} files is copied inside the mount in {time}, {each} a file",
-                    "cp -a tree work/copy", "rm -rf work/copy"),
+                    "cp -a tree work/copy", "rm -rf work/copy", changes_names=True),
         "clone": Row("git clone", "A repository of {files} files is cloned into the mount in {time}",
-                     "git clone -q ../repo work/clone", "rm -rf work/clone"),
+                     "git clone -q ../repo work/clone", "rm -rf work/clone",
+                     changes_names=True),
     }
 
 

@@ -210,6 +210,10 @@ bool current_is_daemon() {
 
 }  // namespace
 
+bool dir_set_is_empty(void) {
+  return ox_first(&dirset.head) == &dirset.head;
+}
+
 bool dir_refuses_rename(const char *path) {
   if (!in_replicated_directory(path) || current_is_daemon()) return false;
   printk("tarn_rename:block %s\n", path);

@@ -34,6 +34,8 @@ int dir_flush(int flag);
  * cut. */
 int dir_setmirrord(const char __user *path, unsigned length);
 
+/* Are there no replicated directories? Takes no lock. */
+bool dir_set_is_empty(void);
 /* Only the daemon may rename in a replicated directory: is the calling task refused to rename
  * `path`? Logs a refusal. Takes the set's lock, mmap_sem and dcache_lock. */
 bool dir_refuses_rename(const char *path);

@@ -369,12 +369,17 @@ int rename_below(struct inode *old_dir, struct dentry *old_dentry, struct inode 
   return 0;
 }
 
+bool is_refused(struct dentry *dentry) {
+  if (dir_set_is_empty()) return false;
+  tarn_lower_path path(dentry);
+  // Not checked if the path cannot be determined.
+  return path && dir_refuses_rename(path.get());
+}
+
 }  // namespace
 
 int tarn_rename(struct inode *old_dir, struct dentry *old_dentry, struct inode *new_dir,
                 struct dentry *new_dentry) {
-  tarn_lower_path path(old_dentry);
-  // Not checked if the path cannot be determined.
-  if (path && dir_refuses_rename(path.get())) return -EACCES;
+  if (is_refused(old_dentry)) return -EACCES;
   return rename_below(old_dir, old_dentry, new_dir, new_dentry);
 }

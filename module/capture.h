@@ -117,6 +117,7 @@ int serve_hits(struct hit_rules *hits, int count, change_paths &paths, const cha
  * builders' result (trans.h). */
 template <typename Make>
 int capture_change(tarn_record_path &path, const char *failure, Make make) {
+  if (prule_set_is_empty()) return 0;
   tarn_names names;
   change_paths paths(path, nullptr, names);
   if (!capture_paths(paths)) return 0;

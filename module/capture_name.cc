@@ -129,6 +129,11 @@ class name_records {
 /* All records of a change of names are numbered in one step. */
 int tarn_names_sync(ox_u32_t op, tarn_record_path &first, tarn_record_path *second, int mode,
                     tarn_name_change *change) {
+  const enum tarn_names_effect effect = op == OX_OP_LINK ? TARN_KEEPS_NAMES : TARN_CHANGES_NAMES;
+  if (prule_set_is_empty()) {
+    tarn_names::pass(effect, change);
+    return 0;
+  }
   /* An allocation that reclaims memory through writepage could wait for the numbers. */
   const gfp_t gfp = change ? GFP_NOFS : GFP_KERNEL;
   tarn_names names;
@@ -138,7 +143,6 @@ int tarn_names_sync(ox_u32_t op, tarn_record_path &first, tarn_record_path *seco
   for (;;) {
     const int result = records.make(op, paths, mode);
     if (result) return result;
-    const enum tarn_names_effect effect = op == OX_OP_LINK ? TARN_KEEPS_NAMES : TARN_CHANGES_NAMES;
     const enum tarn_numbering numbering =
         paths.number(records.records(), records.count(), effect, change);
     if (numbering != TARN_NAMES_MOVED) {

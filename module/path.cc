@@ -287,6 +287,18 @@ void tarn_names::note() {
   seen_ = __atomic_load_n(&names.count, __ATOMIC_ACQUIRE);
 }
 
+/* The change has its numbers, or needs none. */
+void tarn_names::pass_locked(enum tarn_names_effect effect, tarn_name_change *change) {
+  if (change) change->end_locked();
+  if (effect == TARN_CHANGES_NAMES)
+    __atomic_store_n(&names.count, names.count + 1, __ATOMIC_RELEASE);
+}
+
+void tarn_names::pass(enum tarn_names_effect effect, tarn_name_change *change) {
+  spin_guard guard(names.lock);
+  pass_locked(effect, change);
+}
+
 bool tarn_names::must_wait_locked(const tarn_name_change *change) {
   if (list_empty(&names.changes)) return false;
   spin_guard guard(dcache_lock);
@@ -312,9 +324,7 @@ enum tarn_numbering tarn_names::try_number(struct tarn_trans **records, int coun
   for (int i = count - 1; i >= 0; --i) {
     if (records[i]) records[i]->seq = atomic_inc_return(&records[i]->r->transnr);
   }
-  if (change) change->end_locked();
-  if (effect == TARN_CHANGES_NAMES)
-    __atomic_store_n(&names.count, names.count + 1, __ATOMIC_RELEASE);
+  pass_locked(effect, change);
   return result == TARN_NUMBERED ? TARN_NUMBERED : TARN_NAMES_BUSY;
 }
 

@@ -177,7 +177,12 @@ class tarn_names {
   enum tarn_numbering number(struct tarn_trans **records, int count, enum tarn_names_effect effect,
                              class tarn_name_change *change);
 
+  /* For a change of names without records: ends `change`, which may be null. A record whose paths
+   * were taken before, for a rule that has just been added, takes them again. */
+  static void pass(enum tarn_names_effect effect, class tarn_name_change *change);
+
  private:
+  static void pass_locked(enum tarn_names_effect effect, class tarn_name_change *change);
   static bool must_wait_locked(const class tarn_name_change *change);
   enum tarn_numbering try_number(struct tarn_trans **records, int count,
                                  enum tarn_names_effect effect, class tarn_name_change *change,

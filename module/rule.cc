@@ -283,11 +283,15 @@ class first_hits {
   int count_;
 };
 
+bool prule_set_is_empty(void) {
+  return ox_first(&ruleset.head) == &ruleset.head;
+}
+
 int prule_get_hits(struct hit_rules *hits, const char *path1, const char *path2) {
   first_hits first(hits);
   read_guard guard(ruleset.rwlock);
   /* The index may still contain flushed rules. */
-  if (ox_first(&ruleset.head) == &ruleset.head) return 0;
+  if (prule_set_is_empty()) return 0;
   struct prule_node *stopped = ox_load(ruleset.stopped);
   while (stopped && first.offer(stopped, path1)) stopped = ox_load(stopped->next_stopped);
   const char *const paths[] = {path1, path2};

@@ -80,6 +80,8 @@ inline bool prule_is_hit(const struct prule_node *rule, const char *path1, const
   return match(&rule->path, path1) != STATE_MISS ||
          (path2 && match(&rule->path, path2) != STATE_MISS);
 }
+/* Is there no rule? Then a change has no record. Takes no lock. */
+bool prule_set_is_empty(void);
 /*
  * Finds the rules that either path (path2 may be null) hits, at most 32 in list order, with a
  * reference on each. Returns their number.

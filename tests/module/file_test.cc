@@ -292,6 +292,7 @@ MODULE_CASE(file, write_under_no_rule_allocates_two_buffers_for_capture) {
   test_daemon daemon;
   test_file file("/mnt/f", O_CREAT | O_RDWR);
   EXPECT_EQ(file.write("first", 5, 0), 5);
+  EXPECT_EQ(install_rule(1, "/elsewhere"), 0);
   uk_fault_arm(0);
   EXPECT_EQ(file.write("again", 5, 0), 5);
   EXPECT_EQ(uk_fault_count(), 2ul);

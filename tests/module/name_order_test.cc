@@ -131,3 +131,20 @@ MODULE_CASE(name_order, paths_follow_the_numbers_of_renames) {
     do_flush(0);
   }
 }
+
+// A record whose paths were taken before a rename takes them again, also if there was no rule yet
+// when that was made.
+MODULE_CASE(name_order, a_rename_without_rules_is_counted) {
+  test_mount mount;
+  REQUIRE_EQ(test_put("/lower/a", "x"), 1);
+  REQUIRE_EQ(test_put("/lower/b", "x"), 1);
+  struct tarn_trans *none = nullptr;
+  tarn_names names;
+  EXPECT_EQ(names.number(&none, 1, TARN_KEEPS_NAMES, nullptr), TARN_NUMBERED);
+  EXPECT_EQ(test_rename("/mnt/a", "/mnt/c"), 0);
+  EXPECT_EQ(names.number(&none, 1, TARN_KEEPS_NAMES, nullptr), TARN_NAMES_MOVED);
+  names.note();
+  EXPECT_EQ(names.number(&none, 1, TARN_KEEPS_NAMES, nullptr), TARN_NUMBERED);
+  EXPECT_EQ(test_unlink("/mnt/b"), 0);
+  EXPECT_EQ(names.number(&none, 1, TARN_KEEPS_NAMES, nullptr), TARN_NAMES_MOVED);
+}

@@ -26,11 +26,25 @@ int stale_name(struct dentry *dentry) {
   return -ESTALE;
 }
 
+// The bound lower dentry, with a reference, if a look-up in the directory, whose i_mutex is held,
+// would find it: it is hashed under the name, and its file system has no revalidation. Otherwise
+// null. Nothing is moved into or out of a locked directory, so d_lock is not needed.
+struct dentry *bound_in_place(struct dentry *lower_dir, const struct dentry *dentry) {
+  struct dentry *bound = tarn_lower_dentry(dentry);
+  if (bound->d_op && bound->d_op->d_revalidate) return nullptr;
+  if (d_unhashed(bound) || bound->d_parent != lower_dir ||
+      bound->d_name.len != dentry->d_name.len ||
+      memcmp(bound->d_name.name, dentry->d_name.name, dentry->d_name.len))
+    return nullptr;
+  return dget(bound);
+}
+
 // Looks up the name of an upper dentry in its lower directory, whose i_mutex is held. Returns a
 // lower dentry with a reference, or an error pointer: -ESTALE if the object is another one, and the
 // upper dentry is dropped; -EBUSY if something is mounted on the lower dentry.
 struct dentry *lower_name(struct dentry *lower_dir, struct dentry *dentry) {
-  struct dentry *found = tarn_lookup_lower(lower_dir, dentry);
+  struct dentry *found = bound_in_place(lower_dir, dentry);
+  if (!found) found = tarn_lookup_lower(lower_dir, dentry);
   if (IS_ERR(found)) return found;
   const struct inode *expected = dentry->d_inode ? tarn_lower_inode(dentry->d_inode) : nullptr;
   int rc = 0;

@@ -5,12 +5,9 @@
 
 namespace {
 
-// Returns 1: valid, 0: invalid, or an error: the lower file system's answer, or "valid" if it has
-// no revalidation.
-int tarn_d_revalidate(struct dentry *dentry, struct nameidata *nd) {
+// Apart from the caller, which is called for each name of a path and mostly needs no frame.
+__attribute__((__noinline__)) int revalidate_below(struct dentry *dentry, struct nameidata *nd) {
   struct dentry *lower_dentry = tarn_lower_dentry(dentry);
-  if (!lower_dentry->d_op || !lower_dentry->d_op->d_revalidate) return 1;
-
   int rc;
   {
     tarn_lower_nd lend(nd, lower_dentry, tarn_lower_mnt(dentry));
@@ -18,6 +15,13 @@ int tarn_d_revalidate(struct dentry *dentry, struct nameidata *nd) {
   }
   if (struct inode *inode = dentry->d_inode) tarn_copy_attr_all(inode, tarn_lower_inode(inode));
   return rc;
+}
+
+// Returns 1: valid, 0: invalid, or an error: the lower file system's answer, or "valid" if it has
+// no revalidation.
+int tarn_d_revalidate(struct dentry *dentry, struct nameidata *nd) {
+  const struct dentry_operations *lower_op = tarn_lower_dentry(dentry)->d_op;
+  return lower_op && lower_op->d_revalidate ? revalidate_below(dentry, nd) : 1;
 }
 
 void tarn_d_release(struct dentry *dentry) {

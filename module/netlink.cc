@@ -48,40 +48,20 @@ static void signal_daemon(ox_u32_t pid, int reason) {
   printk("<3>Send kill signal(%d) to process(%d); rc = %d\n", OX_SIG_LOST, pid, reason);
 }
 
-namespace {
+tarn_hold_signals::tarn_hold_signals() {
+  sigset_t others;
+  siginitsetinv(&others, sigmask(SIGKILL) | sigmask(SIGTERM) | sigmask(SIGINT) | sigmask(SIGQUIT));
+  sigprocmask(SIG_BLOCK, &others, &before_);
+}
 
-/*
- * Blocks all signals but those that end the process while it sends. A signal ends the wait for room
- * in the daemon's queue and so loses the record of a change that was made; SIGCHLD or a timer must
- * not do that.
- */
-class signals_wait {
- public:
-  signals_wait() {
-    sigset_t others;
-    siginitsetinv(&others,
-                  sigmask(SIGKILL) | sigmask(SIGTERM) | sigmask(SIGINT) | sigmask(SIGQUIT));
-    sigprocmask(SIG_BLOCK, &others, &before_);
-  }
-  ~signals_wait() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
-  signals_wait(const signals_wait &) = delete;
-  signals_wait &operator=(const signals_wait &) = delete;
-
- private:
-  sigset_t before_;
-};
-
-}  // namespace
-
-static int unicast_blocking(struct sk_buff *skb, ox_u32_t pid) {
-  const signals_wait held;
-  const int blocking = 0;
-  return netlink_unicast(tarn_nl_sock, skb, pid, blocking);
+tarn_hold_signals::~tarn_hold_signals() {
+  sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
 /* Sends a message, which is consumed in any case. */
 static int unicast(struct sk_buff *skb, ox_u32_t pid) {
-  const int result = unicast_blocking(skb, pid);
+  const int blocking = 0;
+  const int result = netlink_unicast(tarn_nl_sock, skb, pid, blocking);
   if (result >= 0) return 0;
   if (result == -ECONNREFUSED) {
     printk(
@@ -112,6 +92,7 @@ static int send_copy(const void *data, ox_u32_t len, int type, int flags, ox_u32
   unsigned char *payload = skb->data + OX_NLMSG_HDRLEN;
   if (len) memcpy(payload, data, len);
   memset(payload + len, 0, size - OX_NLMSG_HDRLEN - len);
+  const tarn_hold_signals held;
   return unicast(skb.release(), pid);
 }
 

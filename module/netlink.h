@@ -18,6 +18,22 @@ extern struct sock *tarn_nl_sock;
 /* The port and process id of the daemon; 0: none. */
 extern ox_u32_t daemon_pid;
 
+/*
+ * Blocks all signals but those that end the process while it sends to a daemon. A signal ends the
+ * wait for room in the daemon's queue and so loses the record of a change that was made; SIGCHLD or
+ * a timer must not do that.
+ */
+class tarn_hold_signals {
+ public:
+  tarn_hold_signals();
+  ~tarn_hold_signals();
+  tarn_hold_signals(const tarn_hold_signals &) = delete;
+  tarn_hold_signals &operator=(const tarn_hold_signals &) = delete;
+
+ private:
+  sigset_t before_;
+};
+
 /* Returns 0 or -EIO. */
 [[nodiscard]] int tarn_init_netlink(void);
 void tarn_release_netlink(void);
@@ -26,7 +42,7 @@ void tarn_release_netlink(void);
  * and was unregistered; -ENOMEM; -EMSGSIZE if the message was lost. */
 int tarn_send_netlink(const void *data, int len, int type, int flags, ox_u32_t seq);
 /* The same for a page of a write, in a buffer with room for a netlink header before it. Without a
- * daemon *page stays; otherwise it is consumed and set to null. */
+ * daemon *page stays; otherwise it is consumed and set to null. The caller holds signals. */
 int tarn_send_page(struct sk_buff **page, int len, int type, int flags, ox_u32_t seq);
 /* Tells the daemon that the rule was stopped. */
 int tarn_send_stop_rule(const uuid_t uuid);

@@ -10,6 +10,8 @@ ox_u32_t g_trans_timeout = 10000;
 
 static int send_pages(struct tarn_trans *trans) {
   struct sk_buff **pages = trans_pages(trans);
+  if (!ox_load(daemon_pid)) return 0;
+  const tarn_hold_signals held;
   for (int i = 0; i < trans->pages; ++i) {
     struct ox_msg_wr *page = reinterpret_cast<struct ox_msg_wr *>(pages[i]->data + OX_NLMSG_HDRLEN);
     page->wseq = static_cast<ox_u32_t>(trans->seq);

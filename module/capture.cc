@@ -35,7 +35,7 @@ bool capture_paths(change_paths &paths, gfp_t gfp) {
 }
 
 int capture_hits(struct hit_rules **hits, const change_paths &paths, gfp_t gfp) {
-  const int count = tarn_get_hit_rule(hits, paths.path1(), paths.path2(), gfp);
+  const int count = tarn_get_hit_rule(hits, paths.text1(), paths.text2(), gfp);
   if (count < 0) prule_skip_numbers(paths.path1(), paths.path2());
   return count;
 }

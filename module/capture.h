@@ -19,6 +19,12 @@ class change_paths {
   const tarn_record_path &first() const { return first_; }
   const char *path1() const { return first_.get(); }
   const char *path2() const { return second_ ? second_->get() : nullptr; }
+  struct prule_path text1() const {
+    return {first_.get(), first_.length()};
+  }
+  struct prule_path text2() const {
+    return second_ ? prule_path{second_->get(), second_->length()} : prule_path{nullptr, 0};
+  }
   bool too_long() const { return first_.too_long() || (second_ && second_->too_long()); }
 
   /* Takes the paths. False if one is missing. */

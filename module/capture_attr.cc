@@ -20,7 +20,7 @@ static ox_u64_t microseconds(const struct timespec &time) {
 static struct tarn_trans *attr_alloc(struct prule_node *rule, const tarn_record_path &at,
                                      const struct iattr *iattr) {
   const char *path = at.get();
-  const ox_u32_t len = static_cast<ox_u32_t>(strlen(path)) + 1;
+  const ox_u32_t len = at.length() + 1;
   struct tarn_trans *trans =
       tarn_var_alloc(rule, OX_OP_SETATTR, len + static_cast<ox_u32_t>(sizeof(struct ox_msg_attr)));
   if (!trans) return nullptr;

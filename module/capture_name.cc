@@ -6,10 +6,10 @@
 static const char para_failure[] = "tarn_para_sync: tarn_para_alloc fail\n";
 
 static struct tarn_trans *tarn_para_alloc(struct prule_node *rule, ox_u32_t op,
-                                          enum ox_naming naming, const char *path1,
-                                          const char *path2, int mode, gfp_t gfp) {
-  const ox_u32_t len1 = static_cast<ox_u32_t>(strlen(path1)) + 1;
-  const ox_u32_t len2 = path2 ? static_cast<ox_u32_t>(strlen(path2)) + 1 : 0;
+                                          enum ox_naming naming, const struct prule_path &path1,
+                                          const struct prule_path &path2, int mode, gfp_t gfp) {
+  const ox_u32_t len1 = static_cast<ox_u32_t>(path1.len) + 1;
+  const ox_u32_t len2 = path2.text ? static_cast<ox_u32_t>(path2.len) + 1 : 0;
   struct tarn_trans *trans = tarn_var_alloc(rule, op, OX_MSG_PARA_LEN + len1 + len2, gfp);
   if (!trans) return nullptr;
   struct ox_msg_para *para = trans_para(trans);
@@ -17,15 +17,16 @@ static struct tarn_trans *tarn_para_alloc(struct prule_node *rule, ox_u32_t op,
   para->dlen2 = static_cast<ox_u16_t>(len2);
   para->dlen1 = static_cast<ox_u16_t>(len1);
   para->mode = static_cast<ox_u32_t>(mode);
-  memcpy(para->data, path1, len1);
-  if (path2) memcpy(para->data + len1, path2, len2);
+  memcpy(para->data, path1.text, len1);
+  if (path2.text) memcpy(para->data + len1, path2.text, len2);
   return trans;
 }
 
 /* For a change that creates a name or changes none. */
 static int para_sync(ox_u32_t op, tarn_record_path &first, const char *second, int mode) {
   return capture_change(first, para_failure, [&](struct prule_node *rule) {
-    return tarn_para_alloc(rule, op, first.naming(), first.get(), second, mode, GFP_KERNEL);
+    return tarn_para_alloc(rule, op, first.naming(), {first.get(), first.length()},
+                           prule_path_of(second), mode, GFP_KERNEL);
   });
 }
 
@@ -69,7 +70,7 @@ class name_records {
     for (int i = count_ - 1; i >= 0; --i) {
       struct prule_node *rule = hits_->arr[i];
       if (ox_load(rule->status) == PRULE_STOPPED) continue;
-      records_[i] = tarn_para_alloc(rule, op, paths.first().naming(), paths.path1(), paths.path2(),
+      records_[i] = tarn_para_alloc(rule, op, paths.first().naming(), paths.text1(), paths.text2(),
                                     mode, gfp_);
       if (records_[i]) prule_node_get(rule);
     }

@@ -19,7 +19,7 @@ struct write_source {
   write_source(const tarn_record_path &at, const char __user *from, size_t bytes, loff_t start)
       : path(at.get()),
         naming(at.naming()),
-        path_len(static_cast<ox_u32_t>(strlen(path)) + 1),
+        path_len(at.length() + 1),
         path_field((path_len + 7) & ~7u),
         buf(from),
         count(bytes),
@@ -33,8 +33,8 @@ struct write_source {
   }
   /* Writes the path field of a record, padded with zeros. */
   void put_path(char *field) const {
+    memset(field + path_field - 8, 0, 8);
     memcpy(field, path, path_len);
-    memset(field + path_len, 0, path_field - path_len);
   }
 };
 
@@ -43,14 +43,8 @@ int fill_page(const struct tarn_trans *trans, struct sk_buff *skb, const write_s
               int index, size_t done) {
   const struct ox_msg_wr *whole = trans_wr(trans);
   struct ox_msg_wr *page = reinterpret_cast<struct ox_msg_wr *>(skb->data + OX_NLMSG_HDRLEN);
-  memset(skb->data, 0, OX_NLMSG_HDRLEN + OX_MSG_WR_LEN);
-  memcpy(page->uuid, whole->uuid, sizeof(page->uuid));
-  page->ts = whole->ts;
-  page->op = whole->op;
-  page->os = whole->os;
-  page->cp = whole->cp;
-  page->seq = whole->seq;
-  page->type = whole->type;
+  memset(skb->data, 0, OX_NLMSG_HDRLEN);
+  memcpy(static_cast<void *>(page), whole, OX_MSG_WR_LEN);
   page->dlen1 = index == 0 ? whole->dlen1 : 0;
   if (index == 0) source.put_path(page->data);
 
@@ -60,10 +54,9 @@ int fill_page(const struct tarn_trans *trans, struct sk_buff *skb, const write_s
   page->dlen2 = bytes;
   page->off = static_cast<ox_u64_t>(source.offset) + done;
   page->pagenr = static_cast<ox_u32_t>(index);
-  page->pages = whole->pages;
   char *data = page->data + page->dlen1;
   if (copy_from_user(data, source.buf + done, bytes)) return -EFAULT;
-  memset(data + bytes, 0, room - bytes); /* the last page is sent in its full size */
+  if (bytes < room) memset(data + bytes, 0, room - bytes); /* the last page has its full size */
   return static_cast<int>(bytes);
 }
 

@@ -167,7 +167,8 @@ bool tarn_record_path::take(gfp_t gfp) {
     take_object();
   else
     take_name(dir_, mnt_, name_);
-  if (strlen(text_) >= static_cast<size_t>(room_)) too_long_ = true;
+  length_ = static_cast<unsigned>(end_ ? end_ - text_ : static_cast<long>(strlen(text_)));
+  if (length_ >= static_cast<unsigned>(room_)) too_long_ = true;
   changed_ =
       !before || naming_ != naming_before || too_long_ != too_long_before || strcmp(text_, before);
   return true;
@@ -192,10 +193,14 @@ void tarn_record_path::take_object() {
   struct vfsmount *mnt = tarn_lower_mnt(dentry_);
   for (;;) {
     struct dentry *at = dget(lower);
+    end_ = nullptr;
     if (dentry_->d_inode && is_dropped(lower)) at = find_name(at);
     if (!at) return;
     text_ = d_path(at, mnt, buf_, OX_PATH_MAX);
-    if (IS_ERR(text_)) take_above(at, mnt);
+    if (IS_ERR(text_))
+      take_above(at, mnt);
+    else if (naming_ == OX_CP_NAMED)
+      end_ = buf_ + OX_PATH_MAX - 1;  // d_path() fills the buffer from its end
     // The path of a nameless object may be cut. If the dentry was unhashed since, d_path() may have
     // added " (deleted)": again.
     if (naming_ != OX_CP_NAMED) too_long_ = false;
@@ -232,6 +237,7 @@ void tarn_record_path::take_name(struct dentry *dir, struct vfsmount *mnt,
                                  const struct qstr *name) {
   const int len = static_cast<int>(name->len);
   const int room = OX_PATH_MAX - len - 1;
+  end_ = nullptr;
   text_ = room > 0 ? d_path(dir, mnt, buf_, room) : static_cast<char *>(ERR_PTR(-ENAMETOOLONG));
   if (IS_ERR(text_)) {
     text_ = d_path(dir, mnt, buf_, OX_PATH_MAX);
@@ -244,6 +250,7 @@ void tarn_record_path::take_name(struct dentry *dir, struct vfsmount *mnt,
   *end++ = '/';
   memcpy(end, name->name, len);
   end[len] = 0;
+  end_ = end + len;
 }
 
 // -------------------------------------------------------------------------- order of names

@@ -78,7 +78,8 @@ class tarn_record_path {
   tarn_record_path(struct dentry *lower_dir, struct vfsmount *lower_mnt, const struct qstr *name)
       : dir_(lower_dir), mnt_(lower_mnt), name_(name) {}
   /* A constant text. */
-  explicit tarn_record_path(const char *text) : text_(text) {}
+  explicit tarn_record_path(const char *text)
+      : text_(text), length_(text ? static_cast<unsigned>(strlen(text)) : 0) {}
   ~tarn_record_path() {
     if (buf_) tarn_path_put(buf_);
     if (spare_) tarn_path_put(spare_);
@@ -98,6 +99,8 @@ class tarn_record_path {
 
   /* At most OX_PATH_MAX bytes with its NUL; null without a path. */
   const char *get() const { return text_; }
+  /* Without its NUL. */
+  unsigned length() const { return length_; }
   enum ox_naming naming() const { return naming_; }
   /* The path does not fit the record; get() may be the path of a parent directory. */
   bool too_long() const { return too_long_; }
@@ -116,6 +119,8 @@ class tarn_record_path {
   char *buf_ = nullptr; /* holds text_ */
   char *spare_ = nullptr;
   const char *text_ = nullptr;
+  const char *end_ = nullptr; /* its NUL, if that is known */
+  unsigned length_ = 0;
   enum ox_naming naming_ = OX_CP_NAMED;
   int room_ = OX_PATH_MAX;
   bool too_long_ = false;

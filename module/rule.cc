@@ -287,18 +287,19 @@ bool prule_set_is_empty(void) {
   return ox_first(&ruleset.head) == &ruleset.head;
 }
 
-int prule_get_hits(struct hit_rules *hits, const char *path1, const char *path2) {
+int prule_get_hits(struct hit_rules *hits, const struct prule_path &path1,
+                   const struct prule_path &path2) {
   first_hits first(hits);
   read_guard guard(ruleset.rwlock);
   /* The index may still contain flushed rules. */
   if (prule_set_is_empty()) return 0;
   struct prule_node *stopped = ox_load(ruleset.stopped);
-  while (stopped && first.offer(stopped, path1)) stopped = ox_load(stopped->next_stopped);
-  const char *const paths[] = {path1, path2};
-  for (const char *path : paths) {
-    if (!path) continue;
-    rule_index_search(&ruleset.index, path,
-                      [&](struct prule_node *rule) { return first.offer(rule, path); });
+  while (stopped && first.offer(stopped, path1.text)) stopped = ox_load(stopped->next_stopped);
+  const struct prule_path *const paths[] = {&path1, &path2};
+  for (const struct prule_path *path : paths) {
+    if (!path->text) continue;
+    rule_index_search(&ruleset.index, path->text, path->len,
+                      [&](struct prule_node *rule) { return first.offer(rule, path->text); });
   }
   return first.get_all();
 }

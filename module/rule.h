@@ -82,11 +82,20 @@ inline bool prule_is_hit(const struct prule_node *rule, const char *path1, const
 }
 /* Is there no rule? Then a change has no record. Takes no lock. */
 bool prule_set_is_empty(void);
+/* A path with its length, or no path. */
+struct prule_path {
+  const char *text;
+  unsigned long len;
+};
+inline struct prule_path prule_path_of(const char *text) {
+  return {text, text ? strlen(text) : 0};
+}
 /*
- * Finds the rules that either path (path2 may be null) hits, at most 32 in list order, with a
+ * Finds the rules that either path (path2 may be none) hits, at most 32 in list order, with a
  * reference on each. Returns their number.
  */
-[[nodiscard]] int prule_get_hits(struct hit_rules *hits, const char *path1, const char *path2);
+[[nodiscard]] int prule_get_hits(struct hit_rules *hits, const struct prule_path &path1,
+                                 const struct prule_path &path2);
 /* For a change that has no record, without memory: uses up a number of each rule that either path
  * hits, or of all if path1 is null. */
 void prule_skip_numbers(const char *path1, const char *path2);

@@ -102,7 +102,7 @@ void rule_index_add(struct rule_index *index, struct rule_key *keys, int count) 
     (key->prev ? key->prev->next : bucket->first) = key;
     bucket->last = key;
     const ox_u32_t n = key->len % RULE_INDEX_LENS;
-    ++index->lens_nr[n];
+    if (index->lens_nr[n]++ == 0) ++index->lens_used;
     index->lens |= 1ull << n;
   }
 }
@@ -113,6 +113,8 @@ void rule_index_del(struct rule_index *index, struct rule_key *keys, int count) 
     (key->prev ? key->prev->next : bucket->first) = key->next;
     (key->next ? key->next->prev : bucket->last) = key->prev;
     const ox_u32_t n = key->len % RULE_INDEX_LENS;
-    if (--index->lens_nr[n] == 0) index->lens &= ~(1ull << n);
+    if (--index->lens_nr[n]) continue;
+    --index->lens_used;
+    index->lens &= ~(1ull << n);
   }
 }

@@ -31,6 +31,8 @@ struct rule_key {
 #define RULE_INDEX_BITS 12
 #define RULE_INDEX_BUCKETS (1 << RULE_INDEX_BITS)
 #define RULE_INDEX_LENS 64
+/* With so few lengths in use, a search looks at the path's bytes there and at no others. */
+#define RULE_INDEX_FEW_LENS 8
 
 struct rule_bucket {
   struct rule_key *first;
@@ -42,6 +44,7 @@ struct rule_index {
   struct rule_bucket bucket[RULE_INDEX_BUCKETS];
   /* Bit n: there is a key whose length modulo 64 is n. Saves the search for most prefixes. */
   ox_u64_t lens;
+  ox_u32_t lens_used;                /* number of its bits that are set */
   ox_u32_t lens_nr[RULE_INDEX_LENS]; /* number of keys of each */
 };
 
@@ -106,19 +109,27 @@ inline ox_u64_t rule_path_ends(const char *path, unsigned long len, unsigned lon
   return ends;
 }
 
+/* Bit n: the path's first `at + n` bytes may be the directory of a key. */
+inline ox_u64_t rule_index_ends(const struct rule_index *index, const char *path, unsigned long len,
+                                unsigned long at) {
+  if (index->lens_used > RULE_INDEX_FEW_LENS) return rule_path_ends(path, len, at) & index->lens;
+  return len - at < RULE_INDEX_LENS - 1 ? index->lens & ((2ull << (len - at)) - 1) : index->lens;
+}
+
 /*
  * Calls each(rule) for every rule that may include the path, for some more than once. Rules of one
  * directory come in list order; after each() returns false, the rest of these is skipped.
  */
 template <typename Each>
-inline void rule_index_search(const struct rule_index *index, const char *path, Each each) {
-  const unsigned long len = strlen(path);
+inline void rule_index_search(const struct rule_index *index, const char *path, unsigned long len,
+                              Each each) {
   ox_u64_t hash = 0; /* of the path up to `hashed` */
   unsigned long hashed = 0;
   for (unsigned long at = 0; at <= len; at += RULE_INDEX_LENS) {
-    ox_u64_t ends = rule_path_ends(path, len, at) & index->lens;
+    ox_u64_t ends = rule_index_ends(index, path, len, at);
     for (; ends; ends &= ends - 1) {
       const unsigned long end = at + static_cast<unsigned>(__builtin_ctzll(ends));
+      if (end < len && path[end] != '/') continue;
       for (; end - hashed >= sizeof(hash); hashed += sizeof(hash))
         hash = rule_hash_step(hash, rule_hash_word(path, end, hashed));
       const ox_u64_t wanted = rule_hash_end(hash, rule_hash_word(path, end, hashed), end);

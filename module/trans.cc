@@ -108,7 +108,8 @@ int tarn_transq_submit(struct prule_node *rule) {
 
 /* ---- hits ---- */
 
-int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *path2, gfp_t gfp) {
+int tarn_get_hit_rule(struct hit_rules **hits, const struct prule_path &path1,
+                      const struct prule_path &path2, gfp_t gfp) {
   struct hit_rules *found = static_cast<struct hit_rules *>(kmem_cache_zalloc(hit_rule_cache, gfp));
   if (!found) return -ENOMEM;
   *hits = found;

@@ -87,8 +87,12 @@ void trans_init(struct tarn_trans *trans, struct prule_node *rule, ox_u32_t op);
  * Finds the rules that either path (path2 may be null) hits, at most 32, with a reference on each,
  * in a new array from hit_rule_cache. Returns their number, or -ENOMEM.
  */
-[[nodiscard]] int tarn_get_hit_rule(struct hit_rules **hits, const char *path1, const char *path2,
-                                    gfp_t gfp = GFP_KERNEL);
+[[nodiscard]] int tarn_get_hit_rule(struct hit_rules **hits, const struct prule_path &path1,
+                                    const struct prule_path &path2, gfp_t gfp = GFP_KERNEL);
+[[nodiscard]] inline int tarn_get_hit_rule(struct hit_rules **hits, const char *path1,
+                                           const char *path2) {
+  return tarn_get_hit_rule(hits, prule_path_of(path1), prule_path_of(path2));
+}
 /* Numbers the record if it has no number, sends it and frees it. Always returns 0. */
 int tarn_trans_commit(struct tarn_trans *trans, struct prule_node *rule);
 /* Puts the rule on g_transq with a reference, unless it is on it, and wakes the sender thread.

@@ -57,25 +57,34 @@ Result<std::string> make_workdir(const RuleDirectories &directories) {
   return text;
 }
 
-ReadWorkdir read_workdir(std::string_view text) {
+std::vector<WorkdirEntry> workdir_entries(std::string_view text) {
   constexpr std::string_view kSkipped = " ,\r\n", kEnds = ",\r\n";
-  ReadWorkdir read;
+  std::vector<WorkdirEntry> entries;
   text = text.substr(0, text.find('\0'));
   for (;;) {
     const std::size_t begin = text.find_first_not_of(kSkipped);
-    if (begin == std::string_view::npos) return read;
+    if (begin == std::string_view::npos) return entries;
     text.remove_prefix(begin);
-    std::string_view entry = text.substr(0, text.find_first_of(kEnds));
+    const std::string_view entry = text.substr(0, text.find_first_of(kEnds));
     text.remove_prefix(entry.size());
     const bool excluded = entry[0] == '!';
-    const auto path = base64_decode(entry.substr(excluded));
-    if (!path || path->empty()) {
-      read.broken.emplace_back(entry);
-    } else {
-      auto &list = excluded ? read.directories.exclude : read.directories.include;
-      list.push_back(path->substr(0, path->find('\0')));
-    }
+    auto path = base64_decode(entry.substr(excluded));
+    if (path) path->resize(std::min(path->size(), path->find('\0')));
+    if (path && path->empty()) path.reset();
+    entries.push_back({std::string(entry), !excluded, std::move(path)});
   }
+}
+
+ReadWorkdir read_workdir(std::string_view text) {
+  ReadWorkdir read;
+  for (WorkdirEntry &entry : workdir_entries(text)) {
+    auto &[include, exclude] = read.directories;
+    if (entry.directory)
+      (entry.included ? include : exclude).push_back(std::move(*entry.directory));
+    else
+      read.broken.push_back(std::move(entry.text));
+  }
+  return read;
 }
 
 }  // namespace tarn

@@ -6,6 +6,7 @@
 #ifndef TARN_CLIENT_WORKDIR_H
 #define TARN_CLIENT_WORKDIR_H
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,6 +27,14 @@ struct RuleDirectories {
  * subdirectories, except in that one.
  */
 Result<std::string> make_workdir(const RuleDirectories &directories);
+
+/* One entry of a text. */
+struct WorkdirEntry {
+  std::string text; /* as it stands there, with the '!' */
+  bool included = true;
+  std::optional<std::string> directory; /* none: not the Base64 text of one */
+};
+std::vector<WorkdirEntry> workdir_entries(std::string_view text);
 
 struct ReadWorkdir {
   RuleDirectories directories;

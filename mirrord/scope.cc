@@ -6,33 +6,20 @@
 #include "client/paths.h"
 
 namespace tarn {
-namespace {
 
-/* The length plus one of the longest listed directory that is the path or above it; 0: none. */
-std::size_t longest(const std::vector<std::string> &directories, std::string_view path) {
-  std::size_t best = 0;
-  for (std::string_view directory : directories) {
-    while (directory.size() > 1 && directory.ends_with('/')) directory.remove_suffix(1);
-    if (path_below(directory, path)) best = std::max(best, directory.size() + 1);
-  }
-  return best;
-}
-
-}  // namespace
-
-bool rule_includes(const RuleDirectories &rule, std::string_view path) {
-  return longest(rule.include, path) > longest(rule.exclude, path);
-}
-
-const std::optional<RuleDirectories> &Scopes::lists_of(const Instance &instance) {
+const std::optional<Scopes::Lists> &Scopes::lists_of(const Instance &instance) {
   const auto [found, fresh] = known_.try_emplace(instance);
-  if (fresh && lists_) found->second = lists_(instance.first);
+  if (!fresh || !lists_) return found->second;
+  if (auto directories = lists_(instance.first)) {
+    RuleScope scope(*directories);
+    found->second = Lists{std::move(*directories), std::move(scope)};
+  }
   return found->second;
 }
 
 bool Scopes::includes(const Instance &instance, std::string_view path) {
   const auto &lists = lists_of(instance);
-  return !lists || rule_includes(*lists, path);
+  return !lists || lists->scope.includes(path);
 }
 
 std::vector<std::string> Scopes::listed_below(const Instance &instance,
@@ -40,7 +27,7 @@ std::vector<std::string> Scopes::listed_below(const Instance &instance,
   std::vector<std::string> below;
   const auto &lists = lists_of(instance);
   if (!lists) return below;
-  for (const auto *list : {&lists->include, &lists->exclude}) {
+  for (const auto *list : {&lists->directories.include, &lists->directories.exclude}) {
     for (const std::string &listed : *list) {
       auto rest = path_below(directory, listed);
       while (rest && rest->ends_with('/')) rest->pop_back();
@@ -54,7 +41,7 @@ std::vector<std::string> Scopes::listed_below(const Instance &instance,
 bool Scopes::any_includes(std::string_view path) const {
   if (!lists_) return true;
   for (const auto &[instance, lists] : known_) {
-    if (!lists || rule_includes(*lists, path)) return true;
+    if (!lists || lists->scope.includes(path)) return true;
   }
   return false;
 }

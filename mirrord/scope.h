@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "client/messages.h"
+#include "client/rule_scope.h"
 #include "client/workdir.h"
 
 namespace tarn {
@@ -42,14 +43,15 @@ class Scopes {
   bool any_includes(std::string_view path) const;
 
  private:
-  const std::optional<RuleDirectories> &lists_of(const Instance &instance);
+  struct Lists {
+    RuleDirectories directories;
+    RuleScope scope;
+  };
+  const std::optional<Lists> &lists_of(const Instance &instance);
 
   RuleLists lists_;
-  std::map<Instance, std::optional<RuleDirectories>> known_;
+  std::map<Instance, std::optional<Lists>> known_;
 };
-
-/* The longest listed directory that is the path or above it decides. */
-bool rule_includes(const RuleDirectories &rule, std::string_view path);
 
 }  // namespace tarn
 

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <string>
@@ -12,22 +11,11 @@
 #include "base/text.h"
 #include "base/unique_fd.h"
 #include "client/paths.h"
+#include "client/rule_scope.h"
 #include "client/workdir.h"
 
 namespace tarn {
 namespace {
-
-/* The innermost listed directory that contains the path decides. */
-bool includes(const RuleDirectories &directories, const std::string &path) {
-  const auto innermost = [&path](const std::vector<std::string> &entries) {
-    std::ptrdiff_t length = -1;
-    for (const std::string &entry : entries) {
-      if (path_below(entry, path)) length = std::max(length, std::ssize(entry));
-    }
-    return length;
-  };
-  return innermost(directories.include) > innermost(directories.exclude);
-}
 
 /* The paths of the rule's directories on this mount. */
 std::vector<std::string> shown(const RuleDirectories &directories, const Mount &mount) {
@@ -36,7 +24,7 @@ std::vector<std::string> shown(const RuleDirectories &directories, const Mount &
     const auto below = path_below(mount.lower, include);
     if (below)
       paths.push_back(below->empty() ? mount.mountpoint : mount.mountpoint + "/" + *below);
-    else if (path_below(include, mount.lower) && includes(directories, mount.lower))
+    else if (path_below(include, mount.lower) && RuleScope(directories).includes(mount.lower))
       paths.push_back(mount.mountpoint);
   }
   return paths;

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/rule_scope.h"
 #include "fuzz/uk_fuzz.h"
 #include "module/os_public/Include/ox_msg.h"
 #include "tests/oracle/booted_test.h"
@@ -231,6 +232,22 @@ TEST_F(MatcherOracle, lists_in_any_order_mean_what_a_plain_reading_says) {
     }
   }
   std::printf("%ld trees, %ld paths\n", trees, paths);
+}
+
+TEST_F(MatcherOracle, programs_read_a_rule_as_the_module_does) {
+  Random random;
+  for (long trees = 0; trees < long{kTrees} * effort(); ++trees) {
+    Tree tree(random);
+    std::vector<Listed> list = random_list(random, tree);
+    for (Listed &entry : list)
+      if (random.one_in(8)) entry.directory += '/';
+    const Pattern pattern(list);
+    ASSERT_TRUE(pattern.compiled()) << shown(list);
+    const tarn::RuleScope scope(text_of(list));
+    for (const std::string &path : probes(random, tree))
+      ASSERT_EQ(pattern.covers(path), scope.includes(path))
+          << testing::PrintToString(path) << " under" << shown(list);
+  }
 }
 
 /* ---- many rules at once ---- */

@@ -562,13 +562,5 @@ TEST_F(SourceLooksTest, nobody_else_enters_the_replica) {
   EXPECT_EQ(s.st_mode & 07777, mode_t{0700});
 }
 
-TEST(RuleIncludes, the_longest_directory_decides) {
-  const RuleDirectories rule{{"/a", "/a/b/c"}, {"/a/b", "/a/x/"}};
-  for (const char *path : {"/a", "/a/f", "/a/b/c", "/a/b/c/f", "/a/bc"})
-    EXPECT_TRUE(rule_includes(rule, path)) << path;
-  for (const char *path : {"/", "/ab", "/a/b", "/a/b/f", "/a/x/f", "/a/x"})
-    EXPECT_FALSE(rule_includes(rule, path)) << path;
-}
-
 }  // namespace
 }  // namespace tarn

@@ -10,6 +10,7 @@
 #include "client/base64.h"
 #include "client/json_bytes.h"
 #include "client/paths.h"
+#include "client/rule_scope.h"
 #include "client/uuid.h"
 #include "client/workdir.h"
 
@@ -106,6 +107,43 @@ TEST(Workdir, separators_and_broken_entries) {
   EXPECT_EQ(read.directories.include, (Paths{"/a"}));
   EXPECT_EQ(read.directories.exclude, (Paths{"/a/"}));
   EXPECT_EQ(read.broken, (Paths{"***", "QQ=", "!", "L2I= "}));
+}
+
+/* Of RuleScope, "+directory" or "-directory"; "": none decides. */
+std::string deciding(const RuleScope &scope, const std::string &path) {
+  const RuleScope::Entry *entry = scope.deciding(path);
+  EXPECT_EQ(scope.includes(path), entry && entry->included) << path;
+  return entry ? (entry->included ? "+" : "-") + entry->directory : "";
+}
+
+TEST(RuleScope, the_longest_directory_decides) {
+  const RuleScope scope(RuleDirectories{{"/a", "/a/y/", "/c"}, {"/a/b", "/a/x/", "/c"}});
+  for (const char *path : {"/a", "/a/f", "/a/bc"}) EXPECT_EQ(deciding(scope, path), "+/a") << path;
+  for (const char *path : {"/a/b", "/a/b/f"}) EXPECT_EQ(deciding(scope, path), "-/a/b") << path;
+  for (const char *path : {"/a/x", "/a/x/f"}) EXPECT_EQ(deciding(scope, path), "-/a/x/") << path;
+  for (const char *path : {"/a/y", "/a/y/f"}) EXPECT_EQ(deciding(scope, path), "+/a/y/") << path;
+  for (const char *path : {"/", "/ab"}) EXPECT_EQ(deciding(scope, path), "") << path;
+  EXPECT_EQ(deciding(scope, "/c/d"), "-/c");
+}
+
+TEST(RuleScope, a_directory_listed_after_one_inside_it) {
+  const RuleScope scope(RuleDirectories{{"/a", "/a/b/c"}, {"/a/b"}});
+  EXPECT_EQ(deciding(scope, "/a/b"), "-/a/b");
+  EXPECT_EQ(deciding(scope, "/a/b/f"), "+/a");
+  EXPECT_EQ(deciding(scope, "/a/b/c/f"), "+/a/b/c");
+  EXPECT_EQ(*scope.nearest("/a/b/f"), (RuleScope::Entry{"/a/b", false}));
+  // The two included ones part inside the excluded one, which replaces them.
+  const RuleScope parting(RuleDirectories{{"/a/b/c", "/a/b/d"}, {"/a/b"}});
+  EXPECT_EQ(deciding(parting, "/a/b/c/x"), "-/a/b");
+}
+
+TEST(RuleScope, of_a_text) {
+  const RuleScope scope("L2EvYg==\n!L2EvYi9j,L2E=");
+  EXPECT_EQ(deciding(scope, "/a/b/c/d"), "-/a/b/c");
+  EXPECT_EQ(deciding(scope, "/a/b/d"), "+/a/b");
+  EXPECT_EQ(deciding(scope, "/a/x"), "");  // /a comes behind /a/b
+  EXPECT_EQ(deciding(scope, "/a"), "+/a");
+  EXPECT_EQ(deciding(RuleScope("QQ="), "/any"), "+/");
 }
 
 TEST(PathBelow, only_real_descendants) {

@@ -22,6 +22,8 @@ enum Exit {
   kExitUsage = 2,       /* the command line is wrong */
   kExitNoTarnd = 3,     /* no tarnd runs in the run directory */
   kExitCannotStart = 4, /* tarnd was not found or did not start */
+  /* Of `rule test`. */
+  kExitNotIncluded = 1,
 };
 
 enum class Format { kText, kJson };
@@ -45,6 +47,8 @@ int rule_delete_command(const std::string &uuid_text);
 int rule_list_command(Format format);
 int rule_show_command(const std::string &uuid_text, Format format);
 int rule_flush_command();
+/* Returns kExitOk if a rule includes the path, and kExitNotIncluded if none does. */
+int rule_test_command(const std::string &path, Format format);
 
 int directory_add_command(const std::string &path, const std::optional<std::string> &uuid);
 int directory_delete_command(const std::string &uuid_text);

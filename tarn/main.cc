@@ -139,6 +139,11 @@ class CommandLine {
     add_json(show);
     show->callback([this] { exit_ = rule_show_command(first_, format()); });
 
+    auto *test = command(*rule, "test", "Show which rules include PATH, and by which entry");
+    test->add_option("PATH", first_, "A file or directory, which need not exist")->required();
+    add_json(test);
+    test->callback([this] { exit_ = rule_test_command(first_, format()); });
+
     auto *flush = command(*rule, "flush", "Delete all rules");
     flush->callback([this] { exit_ = rule_flush_command(); });
   }

@@ -101,6 +101,64 @@ TEST_F(ToolTest, directories_are_made_absolute_and_real) {
   EXPECT_EQ(tarn({"rule", "list"}).out, std::string(kUuid) + " +" + (dir_ / "real/sub") + "\n");
 }
 
+TEST_F(ToolTest, which_rules_include_a_path) {
+  const std::string other = "76543210-89AB-CDEF-0123-456789ABCDEF";
+  const auto test = [&](const std::string &path) { return tarn({"rule", "test", path}); };
+  Ended ended = test("/d/x");
+  EXPECT_EQ(ended.exit, 1) << ended.err;
+  EXPECT_EQ(ended.out, "there is no rule\n");
+  good({"rule", "add", kUuid, "--include", "/d", "/d/x/y", "--exclude", "/d/x/y/z", "/d/e"}, "");
+  good({"rule", "add", other, "--include", "/d/e f"}, "");
+  const auto lines = [&](const std::string &first, const std::string &second) {
+    return std::string(kUuid) + " " + first + "\n" + other + " " + second + "\n";
+  };
+  const std::string none = "lists neither the path nor a directory above it";
+  good({"rule", "test", "/d/x"}, lines("includes it by +/d", none));
+  good({"rule", "test", "/d/x/y/f"}, lines("includes it by +/d/x/y", none));
+  good({"rule", "test", "/d/e f/g"}, lines("includes it by +/d", "includes it by +\"/d/e f\""));
+  ended = test("/d/x/y/z/");
+  EXPECT_EQ(ended.exit, 1) << ended.err;
+  EXPECT_EQ(ended.out, lines("excludes it by -/d/x/y/z", none));
+  ended = test("/dd");
+  EXPECT_EQ(ended.exit, 1) << ended.err;
+  EXPECT_EQ(ended.out, lines(none, none));
+  const Ended excluded = tarn({"rule", "test", "/d/e", "--json"});
+  EXPECT_EQ(excluded.exit, 1) << excluded.err;
+  EXPECT_EQ(json::parse(excluded.out), json::parse(R"({"path": "/d/e", "included": false, "rules": [
+      {"uuid": "01234567-89AB-CDEF-0123-456789ABCDEF", "included": false,
+       "entry": {"exclude": "/d/e"}},
+      {"uuid": "76543210-89AB-CDEF-0123-456789ABCDEF", "included": false, "entry": null}]})"));
+  bad({"rule", "test"}, 2, "PATH");
+  bad({"rule", "test", ""}, 2, "empty");
+  fake_.with([](auto &state) { state.forced_result = -EPERM; });
+  bad({"rule", "test", "/d"}, 2, "not permitted");
+}
+
+TEST_F(ToolTest, an_entry_that_the_module_does_not_apply_is_named) {
+  good({"rule", "add", kUuid, "--include", "/a", "/a/b/c", "--exclude", "/a/b"}, "");
+  good({"rule", "test", "/a/b/f"},
+       std::string(kUuid) +
+           " includes it by +/a\n"
+           "  and not by -/a/b, which is listed after a directory inside it: the module does not "
+           "apply such an entry to all that is below\n");
+  const Ended ended = tarn({"rule", "test", "/a/b/f", "--json"});
+  EXPECT_EQ(json::parse(ended.out)["rules"][0]["ineffective"],
+            json::parse(R"({"exclude": "/a/b"})"));
+}
+
+TEST_F(ToolTest, a_path_of_the_mount_is_tested_by_its_lower_path) {
+  fs::create_directory(dir_ / "lower");
+  fs::create_directory(dir_ / "mnt");
+  good({"mount", dir_ / "lower", dir_ / "mnt"}, "");
+  good({"rule", "add", kUuid, "--include", dir_ / "lower"}, "");
+  good({"rule", "test", dir_ / "mnt/x"},
+       (dir_ / "mnt/x") + " is a path of a mount: its lower path is " + (dir_ / "lower/x") + "\n" +
+           kUuid + " includes it by +" + (dir_ / "lower") + "\n");
+  const json tested = json::parse(tarn({"rule", "test", dir_ / "mnt/x", "--json"}).out);
+  EXPECT_EQ(tested["path"], dir_ / "lower/x");
+  EXPECT_EQ(tested["mount_path"], dir_ / "mnt/x");
+}
+
 TEST_F(ToolTest, replicated_directories_and_the_daemons_program) {
   const auto directory = [&](std::size_t n) {
     return fake_.with(

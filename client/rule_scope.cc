@@ -43,7 +43,7 @@ void RuleScope::enter_name(const std::string &name, std::size_t entry) {
   const auto first = names_.upper_bound(name);
   auto last = first;
   while (last != names_.end() && last->first.starts_with(name)) ++last;
-  const std::string_view parent = std::string_view(name).substr(0, name.size() - 1);
+  const std::string_view whole = name, parent = whole.substr(0, whole.size() - 1);
   if (first != last && !names_.contains(name) && !part_at(name) && !part_at(parent)) {
     names_[name + kEnd] = entry;
     return;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/fuse/listing_cache.h"
 
+#include <new>
+
 namespace tarnd {
 
 using tarn::MutexLock;
@@ -46,9 +48,10 @@ void ListingCache::stop() {
   });
 }
 
-// Forgets what nobody has open; tells the host about the rest.
-void ListingCache::drop_old(MutexLock &lock) {
+// Returns those whose listings are old, with a reference each. Forgets what nobody has open.
+std::vector<uk_node *> ListingCache::take_old_locked() {
   std::vector<uk_node *> old;
+  old.reserve(listed_);  // the last step that can fail
   const auto oldest = Clock::now() - time_ + scan_interval();
   for (auto it = directories_.begin(); it != directories_.end();) {
     Directory &directory = it->second;
@@ -56,19 +59,13 @@ void ListingCache::drop_old(MutexLock &lock) {
       directory.begun = {};
       listed_--;
       if (directory.opens > 0) {
-        uk_node_get(it->first);
         old.push_back(it->first);
+        uk_node_get(it->first);
       }
     }
     it = directory.opens == 0 && !directory.listed() ? directories_.erase(it) : std::next(it);
   }
-  lock.unlock();
-  const ActAs act(task_);
-  for (uk_node *directory : old) {
-    drop_(directory);
-    uk_node_put(directory, 1);
-  }
-  lock.lock();
+  return old;
 }
 
 void ListingCache::run() {
@@ -78,7 +75,20 @@ void ListingCache::run() {
     const auto next = Clock::now() + scan_interval();
     while (!stopping_ && changed_.wait_until(lock, next)) {
     }
-    if (!stopping_) drop_old(lock);
+    if (stopping_) return;
+    std::vector<uk_node *> old;
+    try {
+      old = take_old_locked();
+    } catch (const std::bad_alloc &) {
+      continue;  // retried after the next interval
+    }
+    lock.unlock();
+    const ActAs act(task_);
+    for (uk_node *directory : old) {
+      drop_(directory);
+      uk_node_put(directory, 1);
+    }
+    lock.lock();
   }
 }
 

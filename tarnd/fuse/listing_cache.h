@@ -59,7 +59,7 @@ class ListingCache {
   };
 
   void run() EXCLUDES(mutex_);
-  void drop_old(tarn::MutexLock &lock) REQUIRES(mutex_);
+  std::vector<uk_node *> take_old_locked() REQUIRES(mutex_);
   /* A listing is dropped one interval early, so that none gets older than the time. */
   Clock::duration scan_interval() const { return time_ / 4; }
 

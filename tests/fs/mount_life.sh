@@ -14,6 +14,8 @@ mkdir "$T/mnt/inner"
 tarn mount "$T/lower2" "$T/mnt/inner"
 echo two >"$T/mnt/inner/f"
 cmp "$T/mnt/inner/f" "$T/lower2/f"
+sleep 1.2 # then the host asks again what the mount point is
+cmp "$T/mnt/inner/f" "$T/lower2/f" || fail "a mount inside a mount has gone"
 first=$(pid)
 expect_error "busy" tarn umount "$T/mnt"
 expect_error "mounted already" tarn mount "$T/lower2" "$T/mnt/inner"

@@ -297,6 +297,10 @@ int node_result(struct walk_path *dir, const char *name, struct uk_node **out,
   struct nameidata nd;
   int error = walk_name(dir, name, &nd);
   if (error) return error;
+  // The hosting program's host knows by itself what is mounted there. It must find the directory
+  // below unchanged: it detaches a mount whose mount point has become another object.
+  while (nd.mnt != dir->mnt && follow_up(&nd.mnt, &nd.dentry)) {
+  }
   struct walk_path path = {nd.mnt, nd.dentry};
   error = node_stat(&path, stat);
   if (!error && out) error = node_get(path.mnt, path.dentry, out);

@@ -1,10 +1,10 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Bounds the number of a mount's files in the host's dentry cache, because each has a descriptor
- * here. The host itself drops dentries only when its memory runs short. Beyond the limit, the host
- * is told to drop dentries of files that are not open; it looks them up again at the next use.
- * Directories stay: one may be a working directory, and most have no descriptor while they are idle
- * (ukern/fs/hostfs_held.cc).
+ * Bounds the number of a mount's files in the host's dentry cache, because each costs memory here
+ * and, where the host cannot reopen it, a descriptor. The host itself drops dentries only when its
+ * memory runs short. Beyond the limit, the host is told to drop dentries of files that are not
+ * open; it looks them up again at the next use. Directories stay: one may be a working directory,
+ * and most have no descriptor while they are idle (ukern/fs/hostfs_held.cc).
  *
  * Runs on its own thread: to drop a dentry the host locks the directory, and a request that holds
  * this lock may wait for a worker.

@@ -84,7 +84,15 @@ static int collect_name(void *arg, const char *text, unsigned long long ino, uns
   return 0;
 }
 
-// No node for ".", ".." and names whose look-up fails: the host looks them up when it needs them.
+// The host looks the name up when it needs it.
+static fuse_entry_param without_node(const Name &name) {
+  fuse_entry_param entry{};
+  entry.attr.st_ino = name.ino;
+  entry.attr.st_mode = to_entry_mode(name.type);
+  return entry;
+}
+
+// No node for ".", ".." and names whose look-up fails.
 static fuse_entry_param entry_of(fuse_req_t req, fuse_ino_t dir, const Name &name) {
   uk_node *node = nullptr;
   uk_stat stat{};
@@ -92,10 +100,7 @@ static fuse_entry_param entry_of(fuse_req_t req, fuse_ino_t dir, const Name &nam
   if (!itself && uk_lookup(node_of(req, dir), name.text.c_str(), &node, &stat) == 0 &&
       count_lookup(req, node, stat))
     return to_entry(mount_of(req)->timeouts(), node, stat);
-  fuse_entry_param entry{};
-  entry.attr.st_ino = name.ino;
-  entry.attr.st_mode = to_entry_mode(name.type);
-  return entry;
+  return without_node(name);
 }
 
 static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off,
@@ -113,8 +118,10 @@ static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t of
     std::vector<uk_node *> given;
     given.reserve(names.all.size());
     size_t used = 0;
+    // The nodes of a listing come faster than the host can be made to forget others.
+    const bool crowded = mount_of(req)->lookups().crowded();
     for (const Name &name : names.all) {
-      const fuse_entry_param entry = entry_of(req, ino, name);
+      const fuse_entry_param entry = crowded ? without_node(name) : entry_of(req, ino, name);
       used += fuse_add_direntry_plus(req, buf + used, size - used, name.text.c_str(), &entry,
                                      static_cast<off_t>(name.next));
       if (entry.ino) given.push_back(reinterpret_cast<uk_node *>(entry.ino));

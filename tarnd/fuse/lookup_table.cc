@@ -54,6 +54,11 @@ size_t LookupTable::excess_locked() const {
   return files_.count > 0 && descriptors > limit_ ? descriptors - limit_ : 0;
 }
 
+bool LookupTable::crowded() const {
+  const MutexLock lock(mutex_);
+  return excess_locked() > 0;
+}
+
 void LookupTable::add_lookup(uk_node *node, Kind kind) {
   const MutexLock lock(mutex_);
   insert_locked(node, kind).lookups++;

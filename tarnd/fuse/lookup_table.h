@@ -45,6 +45,8 @@ class LookupTable {
    * reference each for the caller; nothing after close(). Throws std::bad_alloc.
    */
   std::optional<std::vector<uk_node *>> wait_for_eviction(size_t limit) EXCLUDES(mutex_);
+  /* Are there so many that the evictor should not be given more to do than must be? */
+  bool crowded() const EXCLUDES(mutex_);
   /* Ends this and all later waits. */
   void close() EXCLUDES(mutex_);
 

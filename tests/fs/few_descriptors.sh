@@ -21,6 +21,7 @@ python3 - "$T/lower" "$T/mnt" "$NAMES" <<'PY' || fail "many files"
 import os
 import socket
 import sys
+import threading
 
 lower, mnt, count = sys.argv[1], sys.argv[2], int(sys.argv[3])
 os.mkdir(lower + "/many")
@@ -43,6 +44,24 @@ for i in range(0, count, 7):
     with open("%s/many/%d" % (mnt, i)) as file:
         if file.read() != str(i):
             sys.exit("%d holds something else" % i)
+
+# Listings that bring the attributes of all names, by several at once.
+def look_at_all():
+    with os.scandir(mnt + "/many") as entries:
+        for entry in entries:
+            entry.stat()
+
+
+errors = []
+threading.excepthook = lambda told: errors.append(told.exc_value)
+for _ in range(3):
+    lookers = [threading.Thread(target=look_at_all) for _ in range(4)]
+    for looker in lookers:
+        looker.start()
+    for looker in lookers:
+        looker.join()
+if errors:
+    sys.exit("a listing: %s" % errors[0])
 
 for i, file in enumerate(held):
     if file.read() != str(i * 50):

@@ -240,12 +240,14 @@ int hostfs_wait_for_room(void) {
 
 // Each cached inode may have a descriptor and each open file another. Of the host's limit, an
 // eighth is for unused cached inodes, of which there may briefly be twice as many; an eighth is for
-// idle open files, and a sixteenth for idle directories that can be reopened.
+// idle open files, a sixteenth for idle directories and files that can be reopened, and an eighth
+// for files that keep theirs.
 static void share_descriptors(long descriptors) {
   if (descriptors < 256) descriptors = 256;
   if (descriptors / 8 < ukern_cache_limit) set_cache_limit(static_cast<unsigned>(descriptors) / 8);
   hostfs_set_idle_files(static_cast<unsigned long>(descriptors) / 8);
-  hostfs_set_idle_directories(static_cast<unsigned long>(descriptors) / 16);
+  hostfs_set_idle_inodes(static_cast<unsigned long>(descriptors) / 16,
+                         static_cast<unsigned long>(descriptors) / 8);
 }
 
 int hostfs_init(void) {

@@ -12,8 +12,11 @@ extern "C" {
  * at its next use. At boot: an eighth of the host's descriptor limit.
  */
 void hostfs_set_idle_files(unsigned long limit);
-/* The same for path descriptors of directories. At boot: a sixteenth. */
-void hostfs_set_idle_directories(unsigned long limit);
+/*
+ * The same for path descriptors of directories and regular files, of which at most `idle` unused
+ * ones stay open; and `kept` files keep theirs for good. At boot: a sixteenth, and an eighth.
+ */
+void hostfs_set_idle_inodes(unsigned long idle, unsigned long kept);
 /* Number of directories whose path descriptor stays open because the host cannot reopen them. */
 unsigned long hostfs_pinned_directories(void);
 

@@ -105,9 +105,24 @@ void put_fd(struct file *file) {
   if (to_close >= 0) host_fs_close(to_close);
 }
 
+// The path descriptor of an open regular file stays open: the file may lose its last name.
+int hold_path(struct inode *inode) {
+  if (!S_ISREG(inode->i_mode)) return 0;
+  const int fd = hostfs_get_fd(inode, HOSTFS_REOPEN);
+  return fd < 0 ? fd : 0;
+}
+
+void let_go_of_path(struct inode *inode) {
+  if (S_ISREG(inode->i_mode)) hostfs_put_fd(inode);
+}
+
 int hostfs_open(struct inode *inode, struct file *file) {
   auto *open = static_cast<open_file *>(kzalloc(sizeof(open_file), GFP_KERNEL));
   if (!open) return -ENOMEM;
+  if (const int error = hold_path(inode)) {
+    kfree(open);
+    return error;
+  }
   INIT_LIST_HEAD(&open->idle);
   open->fd = __atomic_exchange_n(&hostfs_i(inode)->created_fd, -1, __ATOMIC_ACQ_REL);
   if (open->fd >= 0) {
@@ -118,6 +133,7 @@ int hostfs_open(struct inode *inode, struct file *file) {
   file->private_data = open;
   const int fd = open->fd >= 0 ? open->fd : get_fd(file);
   if (fd < 0) {
+    let_go_of_path(inode);
     kfree(open);
     return fd;
   }
@@ -125,11 +141,12 @@ int hostfs_open(struct inode *inode, struct file *file) {
   return 0;
 }
 
-int hostfs_release(struct inode *, struct file *file) {
+int hostfs_release(struct inode *inode, struct file *file) {
   open_file *open = open_file_of(file);
   const int fd = get_open_fd(open);  // there is no other user any more
   if (fd >= 0) host_fs_close(fd);
   kfree(open);
+  let_go_of_path(inode);
   return 0;
 }
 

@@ -2,9 +2,11 @@
 // hostfs: the path descriptors of inodes.
 //
 // The hosting program references directories for a long time, for instance every ancestor of a
-// program's current directory. So the descriptor of an idle directory may be closed; a file handle
-// reopens the same directory. Where the host has no file handles, and for all other kinds of
-// objects, the descriptor stays open.
+// program's current directory, and files for as long as its own host remembers their names. So the
+// descriptor of an idle directory may be closed; a file handle reopens the same directory. So it is
+// with regular files that are not open, but for the first ones: these would pay for their handles
+// without need. Where the host has no file handles, and for all other kinds of objects, the
+// descriptor stays open.
 #include "ukern/fs/hostfs_internal.h"
 #include "ukern/fs/hostfs.h"
 
@@ -30,16 +32,19 @@ LIST_HEAD(origins);
 DEFINE_MUTEX(origins_mutex);
 
 DEFINE_SPINLOCK(idle_lock);
-LIST_HEAD(idle_directories);  // open but unused, most recently used first
+LIST_HEAD(idle_inodes);  // with an open but unused descriptor, most recently used first
 unsigned long nr_idle;
 unsigned long idle_limit;
 
 atomic_t nr_pinned;  // directories whose descriptor stays open
+atomic_t nr_kept;    // regular files whose descriptor stays open
+unsigned long kept_limit;
 
 bool can_reopen(const hostfs_inode *info) {
   return info->origin && !info->pinned;
 }
 
+// Only a directory can begin an origin.
 hostfs_origin *get_origin(int fd, const struct uk_stat *stat) {
   hostfs_origin *origin;
   MutexGuard guard(origins_mutex);
@@ -49,6 +54,7 @@ hostfs_origin *get_origin(int fd, const struct uk_stat *stat) {
       return origin;
     }
   }
+  if (!S_ISDIR(stat->mode)) return nullptr;
   origin = static_cast<hostfs_origin *>(kmalloc(sizeof(hostfs_origin), GFP_KERNEL));
   if (origin) {
     origin->inodes = 1;
@@ -128,7 +134,7 @@ void close_idle() {
     {
       SpinGuard guard(idle_lock);
       if (nr_idle > idle_limit) {
-        hostfs_inode *oldest = list_entry(idle_directories.prev, hostfs_inode, idle);
+        hostfs_inode *oldest = list_entry(idle_inodes.prev, hostfs_inode, idle);
         list_del_init(&oldest->idle);
         nr_idle--;
         fd = oldest->fd;
@@ -141,6 +147,16 @@ void close_idle() {
 }
 
 }  // namespace
+
+// Whether the regular file is one of the first ones.
+static bool keep_file(hostfs_inode *info) {
+  if (static_cast<unsigned long>(atomic_read(&nr_kept)) >=
+      __atomic_load_n(&kept_limit, __ATOMIC_RELAXED))
+    return false;
+  atomic_inc(&nr_kept);
+  info->kept = 1;
+  return true;
+}
 
 int hostfs_get_fd(struct inode *inode, enum hostfs_get_how how) {
   hostfs_inode *info = hostfs_i(inode);
@@ -156,7 +172,7 @@ void hostfs_put_fd(struct inode *inode) {
   {
     SpinGuard guard(idle_lock);
     if (--info->users == 0) {
-      list_add(&info->idle, &idle_directories);
+      list_add(&info->idle, &idle_inodes);
       too_many = ++nr_idle > idle_limit;
     }
   }
@@ -165,11 +181,12 @@ void hostfs_put_fd(struct inode *inode) {
 
 void hostfs_init_fd(struct inode *inode, const struct uk_stat *stat) {
   hostfs_inode *info = hostfs_i(inode);
-  if (!S_ISDIR(stat->mode)) return;
+  const bool directory = S_ISDIR(stat->mode);
+  if (!directory && (!S_ISREG(stat->mode) || keep_file(info))) return;
   info->users = 1;
   info->origin = get_origin(info->fd, stat);  // without memory the descriptor stays open
   info->pinned = !info->origin || info->origin->fd < 0 || host_fs_handle(info->fd, &info->handle);
-  if (info->pinned) atomic_inc(&nr_pinned);
+  if (info->pinned && directory) atomic_inc(&nr_pinned);
 }
 
 int hostfs_adopt_fd(struct inode *inode, int fd) {
@@ -202,13 +219,15 @@ void hostfs_close(struct inode *inode) {
   }
   if (info->fd >= 0) host_fs_close(info->fd);
   if (info->origin) put_origin(info->origin);
-  if (info->pinned) atomic_dec(&nr_pinned);
+  if (info->pinned && S_ISDIR(inode->i_mode)) atomic_dec(&nr_pinned);
+  if (info->kept) atomic_dec(&nr_kept);
 }
 
-void hostfs_set_idle_directories(unsigned long limit) {
+void hostfs_set_idle_inodes(unsigned long idle, unsigned long kept) {
   {
     SpinGuard guard(idle_lock);
-    idle_limit = limit;
+    idle_limit = idle;
+    __atomic_store_n(&kept_limit, kept, __ATOMIC_RELAXED);
   }
   close_idle();
 }

@@ -7,9 +7,9 @@
  * by (st_dev, st_ino, mount). It owns a path descriptor, which protects the object's number from
  * reuse. An open file owns a data descriptor.
  *
- * A directory may be referenced for a long time. If the host can reopen it by a file handle, which
- * no other object ever shares, its path descriptor is closed when it is the least recently used,
- * and reopened at the next use (hostfs_held.cc).
+ * A directory or a regular file may be referenced for a long time. If the host can reopen it by a
+ * file handle, which no other object ever shares, its path descriptor is closed when it is the
+ * least recently used, and reopened at the next use (hostfs_held.cc).
  *
  * Calls that the host checks by identity use the current task's fsuid, fsgid and groups. Data is
  * opened as the hosting program itself, because the caller's permission has been checked before.
@@ -32,12 +32,13 @@ struct hostfs_origin; /* a host mount with cached directories */
 struct hostfs_inode {
   struct inode vfs_inode;
   unsigned long long dev, ino, mount;
-  int fd; /* the path descriptor; -1: closed, of a directory that can be reopened */
-  /* Of directories. origin and handle reopen it and do not change; pinned: it cannot be reopened.
-   * hostfs_held.cc manages these, the next two and fd. */
+  int fd; /* the path descriptor; -1: closed, of an object that can be reopened */
+  /* Of directories and regular files. kept: a file without these. origin and handle reopen it and
+   * do not change; pinned: it cannot be reopened. hostfs_held.cc manages these, the next two and
+   * fd. */
   struct hostfs_origin *origin;
   struct host_handle handle;
-  int pinned;
+  int pinned, kept;
   unsigned users;
   struct list_head idle;
   int gone;       /* the object is gone; the host may have given its number to another */

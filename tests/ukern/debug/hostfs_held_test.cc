@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// hostfs with no room for a directory that nobody uses: each is closed after each use, and is still
-// the same directory at the next.
+// hostfs with no room for a directory or a file that nobody uses: each is closed after each use,
+// and is still the same one at the next.
 #include "tests/harness/case.h"
 #include "tests/ukern/host_dir.h"
 #include "tests/ukern/open_file.h"
@@ -9,13 +9,13 @@
 
 namespace {
 
-// No idle directory is left open as long as this stands.
-class no_idle_directories {
+// No idle directory or file is left open as long as this stands.
+class no_idle_inodes {
  public:
-  no_idle_directories() { hostfs_set_idle_directories(0); }
-  ~no_idle_directories() { hostfs_set_idle_directories(1000); }
-  no_idle_directories(const no_idle_directories &) = delete;
-  no_idle_directories &operator=(const no_idle_directories &) = delete;
+  no_idle_inodes() { hostfs_set_idle_inodes(0, 0); }
+  ~no_idle_inodes() { hostfs_set_idle_inodes(1000, 1000); }
+  no_idle_inodes(const no_idle_inodes &) = delete;
+  no_idle_inodes &operator=(const no_idle_inodes &) = delete;
 };
 
 // A directory that somebody is in.
@@ -66,7 +66,7 @@ bool is_closed(const char *path) {
 CASE(hostfs_held, an_idle_directory_is_closed_and_opened_again) {
   host_dir host;
   REQUIRE_EQ(host.error(), 0);
-  const no_idle_directories none;
+  const no_idle_inodes none;
   EXPECT_EQ(name_mkdir("/h/a", 0755), 0);
   EXPECT_EQ(name_mkdir("/h/a/b", 0755), 0);
   inside a("/h/a"), b("/h/a/b");
@@ -86,7 +86,7 @@ CASE(hostfs_held, an_idle_directory_is_closed_and_opened_again) {
 CASE(hostfs_held, who_is_in_a_directory_stays_in_it_wherever_it_moves) {
   host_dir host;
   REQUIRE_EQ(host.error(), 0);
-  const no_idle_directories none;
+  const no_idle_inodes none;
   EXPECT_EQ(name_mkdir("/h/a", 0755), 0);
   EXPECT_EQ(name_mkdir("/h/a/b", 0755), 0);
   inside b("/h/a/b");
@@ -111,7 +111,7 @@ CASE(hostfs_held, who_is_in_a_directory_stays_in_it_wherever_it_moves) {
 CASE(hostfs_held, another_directory_with_the_number_is_another) {
   host_dir host;
   REQUIRE_EQ(host.error(), 0);
-  const no_idle_directories none;
+  const no_idle_inodes none;
   for (int i = 0; i < 50; i++) {
     EXPECT_EQ(name_mkdir("/h/old", 0755), 0);
     inside old("/h/old");
@@ -137,7 +137,7 @@ CASE(hostfs_held, another_directory_with_the_number_is_another) {
 CASE(hostfs_held, a_removed_directory_says_so) {
   host_dir host;
   REQUIRE_EQ(host.error(), 0);
-  const no_idle_directories none;
+  const no_idle_inodes none;
   EXPECT_EQ(name_mkdir("/h/a", 0755), 0);
   inside a("/h/a");
   REQUIRE_EQ(a.error(), 0);
@@ -146,6 +146,68 @@ CASE(hostfs_held, a_removed_directory_says_so) {
   EXPECT_EQ(a.stat(&stat), 0);
   EXPECT_EQ(stat.nlink, 0u);
   EXPECT_EQ(a.mkdir("b"), -ENOENT);
+}
+
+CASE(hostfs_held, an_idle_file_is_closed_and_opened_again) {
+  host_dir host;
+  REQUIRE_EQ(host.error(), 0);
+  const no_idle_inodes none;
+  struct kstat stat;
+  {
+    open_file file("/h/a");
+    REQUIRE_EQ(file.error(), 0);
+    EXPECT_EQ(file.write("abc", 3, 0), 3);
+    EXPECT_FALSE(is_closed("/h/a"));
+  }
+  EXPECT_EQ(is_closed("/h/a"), can_be_closed());
+  EXPECT_EQ(name_stat("/h/a", &stat), 0);
+  EXPECT_EQ(stat.size, 3);
+  EXPECT_EQ(name_chmod("/h/a", 0600), 0);
+  EXPECT_EQ(name_link("/h/a", "/h/b"), 0);
+  EXPECT_EQ(name_rename("/h/a", "/h/c"), 0);
+  EXPECT_EQ(name_stat("/h/c", &stat), 0);
+  EXPECT_EQ(stat.nlink, 2u);
+  EXPECT_EQ(stat.mode & 0777, 0600u);
+  open_file again("/h/c", O_RDWR);
+  REQUIRE_EQ(again.error(), 0);
+  char text[4] = {};
+  EXPECT_EQ(again.read(text, 3, 0), 3);
+  EXPECT_STREQ(text, "abc");
+}
+
+CASE(hostfs_held, the_last_name_of_an_open_file_is_removed) {
+  host_dir host;
+  REQUIRE_EQ(host.error(), 0);
+  const no_idle_inodes none;
+  { open_file make("/h/a"), other("/h/b"); }
+  open_file removed("/h/a", O_RDWR), replaced("/h/b", O_RDWR);
+  REQUIRE_EQ(removed.error() | replaced.error(), 0);
+  { open_file third("/h/c"); }
+  EXPECT_EQ(name_unlink("/h/a"), 0);
+  EXPECT_EQ(name_rename("/h/c", "/h/b"), 0);
+  open_file *const nameless[] = {&removed, &replaced};
+  for (open_file *file : nameless) {
+    struct kstat stat;
+    EXPECT_EQ(file->write("abcd", 4, 0), 4);
+    EXPECT_EQ(vfs_getattr((*file)->f_vfsmnt, (*file)->f_dentry, &stat), 0);
+    EXPECT_EQ(stat.nlink, 0u);
+    EXPECT_EQ(stat.size, 4);
+    EXPECT_EQ(file->truncate(1), 0);
+  }
+}
+
+CASE(hostfs_held, another_file_with_the_name_is_another) {
+  host_dir host;
+  REQUIRE_EQ(host.error(), 0);
+  const no_idle_inodes none;
+  EXPECT_EQ(host.put("a", "first"), 0);
+  struct kstat first, second;
+  EXPECT_EQ(name_stat("/h/a", &first), 0);
+  EXPECT_EQ(host.put("b", "the second"), 0);
+  EXPECT_EQ(host.rename("b", "a"), 0);
+  EXPECT_EQ(name_stat("/h/a", &second), 0);
+  EXPECT_EQ(second.size, 10);
+  EXPECT_NE(first.ino, second.ino);
 }
 
 namespace {
@@ -175,7 +237,7 @@ int walk_and_make(void *data) {
 CASE(hostfs_held, many_threads_in_closed_directories) {
   host_dir host;
   REQUIRE_EQ(host.error(), 0);
-  const no_idle_directories none;
+  const no_idle_inodes none;
   static const char *const names[] = {"0", "1", "2", "3", "4"};
   for (const char *name : names) EXPECT_EQ(host.mkdir(name), 0);
   walkers w = {};

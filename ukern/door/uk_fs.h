@@ -62,7 +62,8 @@ int uk_node_place(struct uk_node *node, struct uk_node **dir, char name[256]);
  */
 void uk_request_continues(int yes);
 
-/* Each call with `out` adds one reference, the caller's, to the node that it returns. */
+/* Each call with `out` adds one reference, the caller's, to the node that it returns. A name that
+ * has a mount on it gives the directory below, as the host has mounts of its own. */
 int uk_lookup(struct uk_node *dir, const char *name, struct uk_node **out, struct uk_stat *stat);
 int uk_getattr(struct uk_node *node, struct uk_file *file,
                struct uk_stat *stat);                                 /* file may be 0: fstat */

@@ -61,9 +61,8 @@ void Evictor::invalidate(const std::vector<uk_node *> &nodes) {
     uk_node *dir = nullptr;
     char name[256];
     if (uk_node_place(node, &dir, name) == 0) {
-      const fuse_ino_t parent =
-          dir == mount_->root() ? FUSE_ROOT_ID : reinterpret_cast<fuse_ino_t>(dir);
-      fuse_lowlevel_notify_inval_entry(mount_->session(), parent, name, std::strlen(name));
+      fuse_lowlevel_notify_inval_entry(mount_->session(), mount_->ino_of(dir), name,
+                                       std::strlen(name));
       uk_node_put(dir, 1);
     }
     uk_node_put(node, 1);

@@ -189,10 +189,10 @@ Result<void> Mount::mount_host() {
     return system_error(-err, "cannot serve " + mountpoint_);
   loop_ = std::make_unique<SessionLoop>(session_);
   evictor_ = std::make_unique<Evictor>(this);
-  listings_ = std::make_unique<ListingCache>(cache_, [this](uk_node *directory) {
-    const fuse_ino_t ino =
-        directory == root_ ? FUSE_ROOT_ID : reinterpret_cast<fuse_ino_t>(directory);
-    fuse_lowlevel_notify_inval_inode(session_, ino, 0, 0);
+  const auto time =
+      std::chrono::round<std::chrono::milliseconds>(std::chrono::duration<double>(timeouts_.entry));
+  listings_ = std::make_unique<ListingCache>(time, [this](uk_node *directory) {
+    fuse_lowlevel_notify_inval_inode(session_, ino_of(directory), 0, 0);
   });
   return {};
 }

@@ -70,6 +70,10 @@ class Mount {
   bool detached() const { return detached_; }
 
   uk_node *root() const { return root_; }
+  /* The host's number of a node. */
+  fuse_ino_t ino_of(uk_node *node) const {
+    return node == root_ ? FUSE_ROOT_ID : reinterpret_cast<fuse_ino_t>(node);
+  }
   LookupTable &lookups() { return lookups_; }
   const LookupTable &lookups() const { return lookups_; }
   ListingCache &listings() { return *listings_; }
@@ -79,11 +83,7 @@ class Mount {
  private:
   Mount(const std::string &lower, const std::string &mountpoint, std::chrono::milliseconds cache,
         Guardian *guardian)
-      : lower_(lower),
-        mountpoint_(mountpoint),
-        cache_(cache),
-        timeouts_(cache),
-        guardian_(guardian) {}
+      : lower_(lower), mountpoint_(mountpoint), timeouts_(cache), guardian_(guardian) {}
   tarn::Result<void> start();
   tarn::Result<void> remove_dead_mount();
   tarn::Result<void> mount_kernel();
@@ -95,7 +95,6 @@ class Mount {
 
   const std::string lower_;
   const std::string mountpoint_;
-  const std::chrono::milliseconds cache_;
   const CacheTimeouts timeouts_;
   Guardian *const guardian_;
   uk_node *root_ = nullptr;

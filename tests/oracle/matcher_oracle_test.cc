@@ -148,6 +148,14 @@ std::vector<Listed> random_list(Random &random, Tree &tree) {
   return list;
 }
 
+// Some directories end with a slash.
+std::vector<Listed> random_list_with_slashes(Random &random, Tree &tree) {
+  std::vector<Listed> list = random_list(random, tree);
+  for (Listed &entry : list)
+    if (random.one_in(8)) entry.directory += '/';
+  return list;
+}
+
 /* Paths at, above, below and beside everything that was listed, and some that have nothing to do
  * with it. */
 std::vector<std::string> probes(Random &random, Tree &tree) {
@@ -217,9 +225,7 @@ TEST_F(MatcherOracle, lists_in_any_order_mean_what_a_plain_reading_says) {
   long trees = 0, paths = 0;
   for (; trees < long{kTrees} * effort(); ++trees) {
     Tree tree(random);
-    std::vector<Listed> list = random_list(random, tree);
-    for (Listed &entry : list)
-      if (random.one_in(8)) entry.directory += '/';
+    const std::vector<Listed> list = random_list_with_slashes(random, tree);
     const Pattern pattern(list);
     ASSERT_TRUE(pattern.compiled()) << shown(list);
     PlainRules plain;
@@ -238,9 +244,7 @@ TEST_F(MatcherOracle, programs_read_a_rule_as_the_module_does) {
   Random random;
   for (long trees = 0; trees < long{kTrees} * effort(); ++trees) {
     Tree tree(random);
-    std::vector<Listed> list = random_list(random, tree);
-    for (Listed &entry : list)
-      if (random.one_in(8)) entry.directory += '/';
+    const std::vector<Listed> list = random_list_with_slashes(random, tree);
     const Pattern pattern(list);
     ASSERT_TRUE(pattern.compiled()) << shown(list);
     const tarn::RuleScope scope(text_of(list));

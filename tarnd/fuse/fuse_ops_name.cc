@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // Names: lookup and what makes, moves and removes them.
 
+#include <sys/stat.h>
+
 #include <climits>
 #include <cerrno>
 
@@ -32,6 +34,8 @@ static void op_lookup(fuse_req_t req, fuse_ino_t parent, const char *name) {
     uk_node *node = nullptr;
     uk_stat stat{};
     const int err = uk_lookup(node_of(req, parent), name, &node, &stat);
+    if (!err && !S_ISDIR(stat.mode))
+      mount_of(req)->readdirplus_advice().looked_up(fuse_req_ctx(req)->pid, node_of(req, parent));
     if (err == -ENOENT)
       reply_missing(req);
     else

@@ -103,6 +103,17 @@ static fuse_entry_param entry_of(fuse_req_t req, fuse_ino_t dir, const Name &nam
   return without_node(name);
 }
 
+static bool wants_attributes(fuse_req_t req, fuse_ino_t dir, off_t off) {
+  Mount *mount = mount_of(req);
+  // A host that keeps nothing looks each name up all the same. And the nodes of a listing come
+  // faster than the host can be made to forget others.
+  if (mount->timeouts().entry <= 0 || mount->lookups().crowded()) return false;
+  ReaddirplusAdvice &advice = mount->readdirplus_advice();
+  const pid_t thread = fuse_req_ctx(req)->pid;
+  return off == 0 ? advice.begun(thread, node_of(req, dir))
+                  : advice.goes_on(thread, node_of(req, dir));
+}
+
 static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off,
                            fuse_file_info *fi) {
   as_caller(req, Need::kRights, [&] {
@@ -118,10 +129,9 @@ static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t of
     std::vector<uk_node *> given;
     given.reserve(names.all.size());
     size_t used = 0;
-    // The nodes of a listing come faster than the host can be made to forget others.
-    const bool crowded = mount_of(req)->lookups().crowded();
+    const bool names_only = !wants_attributes(req, ino, off);
     for (const Name &name : names.all) {
-      const fuse_entry_param entry = crowded ? without_node(name) : entry_of(req, ino, name);
+      const fuse_entry_param entry = names_only ? without_node(name) : entry_of(req, ino, name);
       used += fuse_add_direntry_plus(req, buf + used, size - used, name.text.c_str(), &entry,
                                      static_cast<off_t>(name.next));
       if (entry.ino) given.push_back(reinterpret_cast<uk_node *>(entry.ino));

@@ -22,6 +22,7 @@
 #include "tarnd/fuse/fuse_api.h"
 #include "tarnd/fuse/listing_cache.h"
 #include "tarnd/fuse/lookup_table.h"
+#include "tarnd/fuse/readdirplus_advice.h"
 #include "tarnd/fuse/session_io.h"
 #include "tarnd/fuse/session_loop.h"
 #include "tarnd/process/guardian.h"
@@ -77,6 +78,7 @@ class Mount {
   LookupTable &lookups() { return lookups_; }
   const LookupTable &lookups() const { return lookups_; }
   ListingCache &listings() { return *listings_; }
+  ReaddirplusAdvice &readdirplus_advice() { return readdirplus_advice_; }
   SessionIo &session_io() { return session_io_; }
   fuse_session *session() const { return session_; }
 
@@ -99,6 +101,7 @@ class Mount {
   Guardian *const guardian_;
   uk_node *root_ = nullptr;
   LookupTable lookups_;
+  ReaddirplusAdvice readdirplus_advice_;
   SessionIo session_io_;
   fuse_session *session_ = nullptr;
   tarn::UniqueFd ended_;  // for end_connection(), opened early: descriptors may run out

@@ -19,6 +19,7 @@ import statistics
 import subprocess
 import sys
 
+import many_files
 import mounts
 import program_tables
 import programs
@@ -203,6 +204,7 @@ def main():
     args = parser.parse_args()
     mounted = mounts.measure(args.build)
     ran = programs.measure(args.build)
+    many = many_files.measure(args.build)
     ns = measure(args.program, args.repetitions)
     cores = os.cpu_count()
     head = HEAD.format(when=datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d"),
@@ -212,6 +214,7 @@ def main():
         lines += part(ns)
     lines += mounts.tables(mounted, table)
     lines += program_tables.tables(ran, table)
+    lines += many_files.tables(many, table)
     lines += kept_section(args.output)
     lines += aims(ns, mounted, ran)
     text = "\n".join(lines) + "\n"

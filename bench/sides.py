@@ -78,7 +78,7 @@ class Side:
 
     def start(self):
         """What this has begun stop() takes away, also when it fails."""
-        run("mount", "-t", "tmpfs", "tmpfs", self.lower)
+        run("mount", "-t", "tmpfs", "-o", "nr_inodes=0", "tmpfs", self.lower)
         self.serve()
 
     def serve(self):

@@ -43,7 +43,7 @@ void Sequencer::add(const Record &record, Bytes packet, Clock::time_point now) {
   if (!std::exchange(rule.known, true)) {
     rule.generation = record.generation;
   } else if (record.generation != rule.generation) {
-    if (of_former_generation(record.rule, rule, record)) return;
+    if (of_former_generation(record.rule, rule, record, packet)) return;
     restart(record.rule, rule, record.generation);
   }
   if (!rule.started && record.wseq == 1 && rule.held.empty()) {
@@ -64,7 +64,7 @@ void Sequencer::add(const Record &record, Bytes packet, Clock::time_point now) {
     return;
   }
   if (number == rule.next) {
-    pass_in_order(rule, record);
+    pass_in_order(rule, record, packet);
     drain(record.rule, rule, now);
     return;
   }
@@ -73,16 +73,16 @@ void Sequencer::add(const Record &record, Bytes packet, Clock::time_point now) {
     skip_gap(record.rule, rule, now);
 }
 
-void Sequencer::pass(Rule &rule, const Record &record, Order order) {
+void Sequencer::pass(Rule &rule, const Record &record, Bytes packet, Order order) {
   if (rule.generation == 0) {
     rule.recent[widen(rule.next, record.wseq)] = record.ts;
     if (rule.recent.size() > kRecent) rule.recent.erase(rule.recent.begin());
   }
-  sink_.record(record, order);
+  sink_.record(record, packet, order);
 }
 
-void Sequencer::pass_in_order(Rule &rule, const Record &record) {
-  pass(rule, record, Order::kInOrder);
+void Sequencer::pass_in_order(Rule &rule, const Record &record, Bytes packet) {
+  pass(rule, record, packet, Order::kInOrder);
   rule.resumed = false;
   if (record.last()) {
     ++rule.next;
@@ -107,7 +107,8 @@ void Sequencer::hold(Rule &rule, Number number, Bytes packet, Clock::time_point 
 
 void Sequencer::add_old(const Uuid &uuid, Rule &rule, Number number, const Record &record,
                         Bytes packet, Clock::time_point now) {
-  if (take_missing(rule.missing, number, record.last())) return pass(rule, record, Order::kLate);
+  if (take_missing(rule.missing, number, record.last()))
+    return pass(rule, record, packet, Order::kLate);
   const auto passed = rule.recent.find(number);
   if (rule.generation != 0 || (passed != rule.recent.end() && passed->second == record.ts))
     return sink_.event(uuid, Duplicate{record.wseq});
@@ -116,7 +117,8 @@ void Sequencer::add_old(const Uuid &uuid, Rule &rule, Number number, const Recor
 }
 
 /* The record was under way when the rule was deleted and added again. */
-bool Sequencer::of_former_generation(const Uuid &uuid, Rule &rule, const Record &record) {
+bool Sequencer::of_former_generation(const Uuid &uuid, Rule &rule, const Record &record,
+                                     Bytes packet) {
   for (FormerGeneration &earlier : rule.former) {
     if (earlier.generation != record.generation) continue;
     const Number number = widen(earlier.next, record.wseq);
@@ -126,7 +128,7 @@ bool Sequencer::of_former_generation(const Uuid &uuid, Rule &rule, const Record 
       earlier.next = number + 1;
     }
     if (take_missing(earlier.missing, number, record.last()))
-      sink_.record(record, Order::kLate);
+      sink_.record(record, packet, Order::kLate);
     else
       sink_.event(uuid, Duplicate{record.wseq});
     return true;
@@ -143,7 +145,7 @@ void Sequencer::drain(const Uuid &uuid, Rule &rule, Clock::time_point now) {
       held_bytes_ -= held.packet.size();
       --rule.held_records;
       if (node.key() == rule.next) {
-        pass_in_order(rule, held.record);
+        pass_in_order(rule, held.record, held.packet);
       } else {
         sink_.event(uuid, Duplicate{held.record.wseq});
       }

@@ -73,11 +73,12 @@ class Sequencer {
 
   enum class Order { kInOrder, kLate };
 
-  /* Receives the records and events. A record's views are valid until the call returns. */
+  /* Receives the records and events. A record's views, into its packet, are valid until the call
+   * returns. */
   class Sink {
    public:
     virtual ~Sink() = default;
-    virtual void record(const Record &record, Order order) = 0;
+    virtual void record(const Record &record, Bytes packet, Order order) = 0;
     virtual void event(const Uuid &rule, const Event &event) = 0;
   };
 
@@ -147,8 +148,8 @@ class Sequencer {
   static constexpr std::size_t kRecent = 1024;
 
   static Number widen(Number next, std::uint32_t wseq);
-  void pass(Rule &rule, const Record &record, Order order);
-  void pass_in_order(Rule &rule, const Record &record);
+  void pass(Rule &rule, const Record &record, Bytes packet, Order order);
+  void pass_in_order(Rule &rule, const Record &record, Bytes packet);
   void hold(Rule &rule, Number number, Bytes packet, Clock::time_point now);
   void add_old(const Uuid &uuid, Rule &rule, Number number, const Record &record, Bytes packet,
                Clock::time_point now);
@@ -156,7 +157,7 @@ class Sequencer {
   void skip_gap(const Uuid &uuid, Rule &rule, Clock::time_point now);
   void declare_missing_pages(const Uuid &uuid, Rule &rule);
   void restart(const Uuid &uuid, Rule &rule, std::uint32_t generation);
-  bool of_former_generation(const Uuid &uuid, Rule &rule, const Record &record);
+  bool of_former_generation(const Uuid &uuid, Rule &rule, const Record &record, Bytes packet);
   static bool take_missing(Ranges &missing, Number number, bool last);
 
   Sink &sink_;

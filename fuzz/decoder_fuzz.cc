@@ -25,7 +25,7 @@ bool inside(const void *data, std::size_t size, Bytes packet) {
 class Sink : public Sequencer::Sink {
  public:
   explicit Sink(PageFollower &pages) : pages_(pages) {}
-  void record(const Record &record, Sequencer::Order) override {
+  void record(const Record &record, Bytes, Sequencer::Order) override {
     if (!std::holds_alternative<WritePage>(record.change)) return;
     if (const auto place = pages_.follow(record); place.ok()) check(!place->path.empty());
   }

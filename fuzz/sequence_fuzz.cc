@@ -158,7 +158,7 @@ class Account : public Sequencer::Sink {
     for (const auto &[rule, count] : held_) check(count == 0);
   }
 
-  void record(const Record &record, Sequencer::Order order) override {
+  void record(const Record &record, Bytes, Sequencer::Order order) override {
     --held_[record.rule];
     const auto it = waiting_.find(change_text(record));
     check(it != waiting_.end() && it->second > 0);

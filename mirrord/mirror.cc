@@ -43,7 +43,7 @@ Mirror::Mirror(MirrorOptions options, Replica &replica, DaemonChannel &channel,
   status_.replica = options_.replica;
 }
 
-void Mirror::record(const Record &record, Sequencer::Order order) {
+void Mirror::record(const Record &record, Bytes /*packet*/, Sequencer::Order order) {
   RuleStatus &rule = status_.rules[record.rule];
   changed_ = true;
   rule.unchecked = false;

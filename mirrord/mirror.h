@@ -71,7 +71,7 @@ class Mirror : private Sequencer::Sink {
   const MirrorStatus &status() const { return status_; }
 
  private:
-  void record(const Record &record, Sequencer::Order order) override;
+  void record(const Record &record, Bytes, Sequencer::Order order) override;
   void event(const Uuid &uuid, const Sequencer::Event &event) override;
 
   void packets(const DaemonChannel::Received &received);

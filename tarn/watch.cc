@@ -52,7 +52,7 @@ class Watcher : public Sequencer::Sink {
     return std::max(wait, Milliseconds(0));
   }
 
-  void record(const Record &record, Sequencer::Order) override {
+  void record(const Record &record, Bytes, Sequencer::Order) override {
     if (!std::holds_alternative<WritePage>(record.change)) return show(record);
     const auto place = pages_.follow(record);
     if (!place)

@@ -19,7 +19,7 @@ using Clock = Sequencer::Clock;
 /* Writes down what passes, in short words. */
 class Notes : public Sequencer::Sink {
  public:
-  void record(const Record &record, Sequencer::Order order) override {
+  void record(const Record &record, Bytes, Sequencer::Order order) override {
     std::string word = std::to_string(record.wseq);
     if (const auto *page = std::get_if<WritePage>(&record.change))
       word += fmt::format(".{}", page->page);

@@ -375,6 +375,9 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
         return scopes_.includes(instance, absolute(path));
       });
   note_changed_paths(record);
+  if (record.ts < distrusted_until_) {
+    for (const std::string &path : changed_by(record)) reconciler_.follow_source(path);
+  }
   const auto done = std::visit(Visitor{*this, record}, record.change);
   if (!done) return Outcome::kOutside;
   if (!done->ok()) return done->error();
@@ -395,6 +398,28 @@ Result<void> Applier::caught_up(std::int64_t until) {
 Result<void> Applier::compare_changed(std::int64_t until) {
   use_all_rules();
   return reconciler_.compare_changed(until);
+}
+
+std::vector<std::string> Applier::changed_by(const Record &record) const {
+  std::vector<std::string_view> named;
+  if (const auto *rename = std::get_if<Rename>(&record.change)) {
+    named = {rename->from, rename->to};
+  } else if (const auto *link = std::get_if<Link>(&record.change)) {
+    named = {link->existing, link->path};
+  } else if (std::holds_alternative<WritePage>(record.change)) {
+    named = {page_path_};
+  } else if (const auto *attributes = std::get_if<SetAttr>(&record.change)) {
+    // The others are the source's after the next comparison, whatever object they hit.
+    if (attributes->valid & OX_ATTR_SIZE) named = {attributes->path};
+  } else if (!std::holds_alternative<Mkdir>(record.change)) {
+    named = {change_path(record.change)};
+  }
+  std::vector<std::string> paths;
+  for (const std::string_view path : named) {
+    if (auto below = path_below(source_, path); below && !below->empty())
+      paths.push_back(std::move(*below));
+  }
+  return paths;
 }
 
 /* For fetches outside of a record: the scope of all rules together. */

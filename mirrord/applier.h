@@ -64,6 +64,30 @@ class Applier {
   /* The file of the last write page that was applied; only page 0 names it in its record. */
   const std::string &page_path() const { return page_path_; }
 
+  /* Records captured before `ts` may have been applied already, or the replica may have left their
+   * state behind: the paths that they change are copied from the source instead. */
+  void distrust_records_until(std::uint64_t ts) { distrusted_until_ = ts; }
+
+  /* The rule's lists hold for what is copied without a record too, from now on. */
+  void know_rule(const Uuid &rule) { scopes_.includes(Scopes::Instance(rule, 0), source_); }
+
+  /* Compares one directory of the replica with the source: its names, and what has changed there
+   * since `since` (microseconds since the epoch; nothing: compares everything, and takes files of
+   * equal size and time for equal). Directories in it are made, but not filled. */
+  Result<void> look(const std::string &directory, std::optional<std::int64_t> since) {
+    use_all_rules();
+    return reconciler_.look(directory, since);
+  }
+  /* The paths in the replica whose object, name or data the record changes, as far as it names
+   * them; not the replica itself. */
+  std::vector<std::string> changed_by(const Record &record) const;
+  /* Copies the path from the source again. */
+  Result<void> look_at(const std::string &path) {
+    use_all_rules();
+    const auto reconciled = reconciler_.reconcile(path);
+    return reconciled ? Result<void>() : Result<void>(reconciled.error());
+  }
+
   /* Call it when all records of changes before `until` (microseconds since the epoch) have been
    * applied. Compares the replica with the source where records cannot tell the difference. */
   Result<void> caught_up(std::int64_t until);
@@ -95,6 +119,7 @@ class Applier {
   PageFollower pages_;
   std::string page_path_;
   std::vector<Unexplained> unexplained_;
+  std::uint64_t distrusted_until_ = 0;
 };
 
 }  // namespace tarn

@@ -272,6 +272,13 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
   return first;
 }
 
+Result<void> Fetcher::make_directory(const std::string &path, const Source::Object &object) {
+  if (const auto room = make_room(path, object); !room) return room;
+  if (const auto made = replica_.mkdir(path, 0700); !made) return made.error();
+  note_copy(path, object.status, false);
+  return set_all_attributes(path, object.status);
+}
+
 Result<void> Fetcher::link(const std::string &path, const Source::Object &object) {
   auto made = replica_.symlink(object.target, path);
   if (!made && made.error().code == -EEXIST) {  // it leads elsewhere

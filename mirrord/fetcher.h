@@ -34,6 +34,9 @@ class Fetcher {
   Result<void> fetch(const std::string &path, const Source::Object &object,
                      const Included &included);
 
+  /* Makes the replica's object a directory like this one, but leaves what is in it. */
+  Result<void> make_directory(const std::string &path, const Source::Object &object);
+
   /* Copies bytes `from` to `to` of a regular file that both have. If `to` is beyond the source's
    * end, the replica's file is given the source's size. */
   Result<void> fetch_data(const std::string &path, const Source::Object &object, std::uint64_t from,

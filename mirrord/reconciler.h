@@ -96,6 +96,10 @@ class Reconciler {
    * returns the first one. */
   Result<void> compare_changed(std::int64_t until);
 
+  /* Compares one directory, as Applier::look() says. Each path that it copies or removes follows
+   * the source from then on. Goes on after an error and returns the first one. */
+  Result<void> look(const std::string &directory, std::optional<std::int64_t> since);
+
   /* Both names are one object in the replica. If they are in the source too, notes it as the copy's
    * origin. */
   void assume_linked(const std::string &existing, const std::string &path);
@@ -118,6 +122,7 @@ class Reconciler {
   Result<void> reconcile_names(const std::string &directory);
   Result<void> reconcile_if_changed(const std::string &path, std::int64_t since,
                                     std::int64_t until);
+  Result<void> look_at(const std::string &path, std::optional<std::int64_t> since);
   Result<bool> compare(const std::string &path, std::int64_t until);
   Result<void> copy_mtime(const std::string &path, std::int64_t until);
   void find_names(const std::string &directory, const Fetcher::Objects &wanted,

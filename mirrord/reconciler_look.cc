@@ -1,0 +1,70 @@
+// SPDX-License-Identifier: GPL-2.0
+// Comparing one directory with the source, for walks over the whole tree.
+#include <set>
+
+#include "mirrord/file_status.h"
+#include "mirrord/path_map.h"
+#include "mirrord/reconciler.h"
+
+namespace tarn {
+
+Result<void> Reconciler::look(const std::string &directory, std::optional<std::int64_t> since) {
+  const auto theirs = source_.find(directory);
+  if (!theirs) return theirs.error();
+  // Removed or renamed since the walk came by: a record says so.
+  if (!*theirs || !S_ISDIR((*theirs)->status.st_mode)) return {};
+  const auto mine = replica_.find(directory);
+  if (!mine) return mine.error();
+  if (!*mine || !S_ISDIR((*mine)->st_mode)) {
+    const auto above = replica_.find(parent_of(directory));
+    if (!above) return above.error();
+    if (directory.empty() || !*above) return {};
+    follow_source(directory);
+    if (const auto made = fetcher_.make_directory(directory, **theirs); !made) return made;
+  }
+  const auto entries = Source::entries(**theirs);
+  if (!entries) return entries.error();
+  const auto names = replica_.names(directory);
+  if (!names) return names.error();
+  std::set<std::string> both(names->begin(), names->end());
+  for (const DirectoryEntry &entry : *entries) both.insert(entry.name);
+  Result<void> first;
+  for (const std::string &name : both) {
+    const std::string path = directory.empty() ? name : directory + "/" + name;
+    if (!included_(path)) continue;
+    auto looked = look_at(path, since);
+    if (first.ok() && !looked) first = std::move(looked);
+  }
+  // Other names of a file are looked at in their own directories.
+  fetcher_.take_multiply_linked();
+  changed_paths_.add(directory);
+  auto like = fetcher_.set_all_attributes(directory, (*theirs)->status);
+  return first ? like : first;
+}
+
+Result<void> Reconciler::look_at(const std::string &path, std::optional<std::int64_t> since) {
+  const auto theirs = source_.find(path);
+  if (!theirs) return theirs.error();
+  const auto mine = replica_.find(path);
+  if (!mine) return mine.error();
+  if (!*theirs) {
+    if (!*mine) return {};
+    follow_source(path);
+    fetcher_.origins().removed(path);
+    const auto gone = replica_.remove_tree(path);
+    return gone ? Result<void>() : Result<void>(gone.error());
+  }
+  const struct stat &status = (*theirs)->status;
+  if (S_ISDIR(status.st_mode)) {
+    if (*mine && S_ISDIR((*mine)->st_mode)) return {};  // its own look compares it
+    follow_source(path);
+    return fetcher_.make_directory(path, **theirs);
+  }
+  const bool unchanged = since && *mine && same_type(**mine, status) &&
+                         microseconds(status.st_ctim) < *since - kTimestampSlackUs;
+  if (unchanged) return {};
+  follow_source(path);
+  return fetcher_.fetch(path, **theirs, included_);
+}
+
+}  // namespace tarn

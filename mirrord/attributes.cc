@@ -18,8 +18,8 @@ Replica::Attributes named_attributes(const SetAttr &change) {
   if (change.valid & OX_ATTR_UID) attributes.uid = change.uid;
   if (change.valid & OX_ATTR_GID) attributes.gid = change.gid;
   if (change.valid & OX_ATTR_MODE) attributes.mode = change.mode;
-  if (change.valid & OX_ATTR_ATIME) attributes.atime = change.atime;
-  if (change.valid & OX_ATTR_MTIME) attributes.mtime = change.mtime;
+  if (change.valid & OX_ATTR_ATIME) attributes.atime = from_microseconds(change.atime);
+  if (change.valid & OX_ATTR_MTIME) attributes.mtime = from_microseconds(change.mtime);
   return attributes;
 }
 
@@ -42,8 +42,8 @@ bool agrees(const SetAttr &c, const struct stat &theirs) {
 Result<void> set_named_times(Replica &replica, const std::string &path, const SetAttr &c,
                              const struct stat &theirs) {
   Replica::Attributes times;
-  if (c.valid & OX_ATTR_ATIME) times.atime = microseconds(theirs.st_atim);
-  if (c.valid & OX_ATTR_MTIME) times.mtime = microseconds(theirs.st_mtim);
+  if (c.valid & OX_ATTR_ATIME) times.atime = theirs.st_atim;
+  if (c.valid & OX_ATTR_MTIME) times.mtime = theirs.st_mtim;
   if (!times.atime && !times.mtime) return {};
   const auto set = replica.set_attributes(path, times);
   return set ? Result<void>() : Result<void>(set.error());
@@ -98,7 +98,11 @@ Result<Done> AttributeChange::apply(const std::string &path, const SetAttr &chan
   };
   // The object was renamed or removed since.
   if (!theirs || !same_type(*mine, theirs->status)) return as_recorded_in_doubt();
-  if (agrees(change, theirs->status)) return as_recorded();
+  if (agrees(change, theirs->status)) {
+    // Records carry whole microseconds.
+    if (const auto done = as_recorded(); !done) return done;
+    return as_changed(set_named_times(replica, path, change, theirs->status));
+  }
   if (microseconds(theirs->status.st_ctim) + kTimestampSlackUs <
       static_cast<std::int64_t>(captured))
     return refused(path, change, *theirs);

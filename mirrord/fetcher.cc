@@ -64,8 +64,7 @@ Result<void> Fetcher::set_all_attributes(const std::string &path, const struct s
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine) return system_error(ENOENT, "the copy was removed");
-  Replica::Attributes wanted{.atime = microseconds(status.st_atim),
-                             .mtime = microseconds(status.st_mtim)};
+  Replica::Attributes wanted{.atime = status.st_atim, .mtime = status.st_mtim};
   // Only the differences: without privilege, even setting the same owner fails.
   if ((*mine)->st_uid != status.st_uid) wanted.uid = status.st_uid;
   if ((*mine)->st_gid != status.st_gid) wanted.gid = status.st_gid;
@@ -109,8 +108,7 @@ Result<void> Fetcher::fetch_data(const std::string &path, const Source::Object &
   if (!mine) return mine.error();
   const std::uint64_t now = *mine ? static_cast<std::uint64_t>((*mine)->st_size) : 0;
   // Writing has set the times.
-  Replica::Attributes wanted{.atime = microseconds(status->st_atim),
-                             .mtime = microseconds(status->st_mtim)};
+  Replica::Attributes wanted{.atime = status->st_atim, .mtime = status->st_mtim};
   if (now > size || (to >= size && now != size)) wanted.size = size;
   return plain(replica_.set_attributes(path, wanted));
 }

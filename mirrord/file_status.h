@@ -1,5 +1,5 @@
 /* SPDX-License-Identifier: GPL-2.0 */
-/* File status in the units of records. */
+/* File status: comparisons, and times in the units of records. */
 #ifndef TARN_MIRRORD_FILE_STATUS_H
 #define TARN_MIRRORD_FILE_STATUS_H
 
@@ -15,6 +15,12 @@ inline constexpr std::uint32_t kModeBits = 07777;
 /* Since the epoch, rounded down, as in records. */
 inline std::int64_t microseconds(const timespec &time) {
   return std::int64_t{time.tv_sec} * 1'000'000 + time.tv_nsec / 1000;
+}
+
+/* The time of a record. tv_nsec counts forward, before the epoch too. */
+inline timespec from_microseconds(std::int64_t us) {
+  const std::int64_t rest = us % 1'000'000, fraction = rest < 0 ? rest + 1'000'000 : rest;
+  return {static_cast<time_t>(us / 1'000'000 - (rest < 0)), static_cast<long>(fraction * 1000)};
 }
 
 /* The granularity of change times, in microseconds: some file systems store whole or even seconds.

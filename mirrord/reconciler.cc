@@ -53,8 +53,8 @@ Result<void> Reconciler::restore_times(const std::string &directory, const struc
   const auto now = replica_.find(directory);
   if (!now) return now.error();
   if (!*now || same_time((*now)->st_mtim, before.st_mtim)) return {};
-  const auto set = replica_.set_attributes(
-      directory, {.atime = microseconds(before.st_atim), .mtime = microseconds(before.st_mtim)});
+  const auto set =
+      replica_.set_attributes(directory, {.atime = before.st_atim, .mtime = before.st_mtim});
   if (!set) return set.error();
   return {};
 }
@@ -62,7 +62,8 @@ Result<void> Reconciler::restore_times(const std::string &directory, const struc
 Result<Done> Reconciler::take_from_source(const std::string &path,
                                           const std::optional<Source::Object> &found) {
   follow_source(path);
-  changed_paths_.add(path);  // the copy changed the times of the path or its parent
+  changed_paths_.add(path);  // the copy changed the times of the path and its parent
+  changed_paths_.add(parent_of(path));
   if (!found) {
     fetcher_.origins().removed(path);
     const auto gone = replica_.remove_tree(path);
@@ -257,10 +258,10 @@ Result<void> Reconciler::copy_mtime(const std::string &path, std::int64_t until)
   if (!*theirs || microseconds((*theirs)->status.st_ctim) >= until) return {};
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
-  const std::int64_t wanted = microseconds((*theirs)->status.st_mtim);
-  if (!*mine || !same_type(**mine, (*theirs)->status) || microseconds((*mine)->st_mtim) == wanted)
+  const struct stat &wanted = (*theirs)->status;
+  if (!*mine || !same_type(**mine, wanted) || same_time((*mine)->st_mtim, wanted.st_mtim))
     return {};
-  const auto set = replica_.set_attributes(path, {.mtime = wanted});
+  const auto set = replica_.set_attributes(path, {.mtime = wanted.st_mtim});
   return set ? Result<void>() : Result<void>(set.error());
 }
 

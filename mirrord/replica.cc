@@ -36,16 +36,9 @@ std::string by_descriptor(int fd) {
   return fmt::format("/proc/self/fd/{}", fd);
 }
 
-timespec to_timespec(const std::optional<std::int64_t> &us, const timespec &otherwise) {
-  if (!us) return otherwise;
-  // tv_nsec counts forward, before the epoch too.
-  const std::int64_t rest = *us % 1'000'000, fraction = rest < 0 ? rest + 1'000'000 : rest;
-  return {static_cast<time_t>(*us / 1'000'000 - (rest < 0)), static_cast<long>(fraction * 1000)};
-}
-
 /* The requested times, and the present ones otherwise: Linux 2.6.18 can only set both. */
 std::array<timespec, 2> both_times(const Replica::Attributes &a, const struct stat &status) {
-  return {to_timespec(a.atime, status.st_atim), to_timespec(a.mtime, status.st_mtim)};
+  return {a.atime.value_or(status.st_atim), a.mtime.value_or(status.st_mtim)};
 }
 
 /* Opens a regular file for writing. `object` is an O_PATH descriptor of it, so a rename cannot

@@ -79,15 +79,14 @@ class Replica {
   /* The names in a directory, without "." and "..". */
   Result<std::vector<std::string>> names(const std::string &path);
 
-  /* Only members that are set are changed. Times are microseconds since the epoch, negative before
-   * it. */
+  /* Only members that are set are changed. */
   struct Attributes {
     std::optional<std::uint64_t> size = {};
     std::optional<std::uint32_t> uid = {};
     std::optional<std::uint32_t> gid = {};
     std::optional<std::uint32_t> mode = {};
-    std::optional<std::int64_t> atime = {};
-    std::optional<std::int64_t> mtime = {};
+    std::optional<timespec> atime = {};
+    std::optional<timespec> mtime = {};
   };
   Result<Done> set_attributes(const std::string &path, const Attributes &wanted);
 

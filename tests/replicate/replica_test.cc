@@ -11,6 +11,7 @@
 #include <fstream>
 
 #include "mirrord/directory_walk.h"
+#include "mirrord/file_status.h"
 #include "tests/replicate/fake_tarnd.h"
 #include "tests/replicate/write_back_error_fs.h"
 
@@ -202,22 +203,24 @@ TEST_F(ReplicaTest, what_was_not_kept_is_told_whatever_a_file_is_closed_for) {
 TEST_F(ReplicaTest, attributes) {
   expect(replica_->create("f", 0644), Done::kChanged);
   expect(replica_->write("f", 0, bytes("content")), Done::kChanged);
-  const std::int64_t atime = 1'000'000'000'123'456, mtime = 1'111'111'111'654'321;
+  const timespec atime{1'000'000'000, 123'456'789}, mtime{1'111'111'111, 654'321'001};
   expect(replica_->set_attributes("f", {.size = 3, .mode = 04750, .atime = atime, .mtime = mtime}),
          Done::kChanged);
   struct stat s = status_of(at("f"));
   EXPECT_EQ(s.st_size, 3);
   EXPECT_EQ(s.st_mode & 07777, mode_t{04750});
   EXPECT_EQ(s.st_atim.tv_sec, 1'000'000'000);
-  EXPECT_EQ(s.st_atim.tv_nsec, 123'456'000);
+  EXPECT_EQ(s.st_atim.tv_nsec, 123'456'789);
   EXPECT_EQ(s.st_mtim.tv_sec, 1'111'111'111);
-  EXPECT_EQ(s.st_mtim.tv_nsec, 654'321'000);
-  expect(replica_->set_attributes("f", {.mtime = 5'000'001}), Done::kChanged);
+  EXPECT_EQ(s.st_mtim.tv_nsec, 654'321'001);
+  expect(replica_->set_attributes("f", {.mtime = from_microseconds(5'000'001)}), Done::kChanged);
   s = status_of(at("f"));
   EXPECT_EQ(s.st_atim.tv_sec, 1'000'000'000) << "what is not named stays";
   EXPECT_EQ(s.st_mtim.tv_sec, 5);
   EXPECT_EQ(s.st_mtim.tv_nsec, 1000);
-  expect(replica_->set_attributes("f", {.atime = -86'400'000'000, .mtime = -1}), Done::kChanged);
+  expect(replica_->set_attributes(
+             "f", {.atime = from_microseconds(-86'400'000'000), .mtime = from_microseconds(-1)}),
+         Done::kChanged);
   s = status_of(at("f"));
   EXPECT_EQ(s.st_atim.tv_sec, -86'400) << "before 1970";
   EXPECT_EQ(s.st_atim.tv_nsec, 0);
@@ -228,10 +231,11 @@ TEST_F(ReplicaTest, attributes) {
 TEST_F(ReplicaTest, attributes_of_directories_links_and_the_root) {
   expect(replica_->mkdir("d", 0755), Done::kChanged);
   expect(replica_->symlink("../outside/file", "l"), Done::kChanged);
-  const Replica::Attributes times{.atime = 7'000'000, .mtime = 8'000'000};
+  const Replica::Attributes times{.atime = timespec{7, 0}, .mtime = timespec{8, 1}};
   for (const char *name : {"d", "l", ""}) {
     expect(replica_->set_attributes(name, times), Done::kChanged);
     EXPECT_EQ(status_of(at(name)).st_mtim.tv_sec, 8) << name;
+    EXPECT_EQ(status_of(at(name)).st_mtim.tv_nsec, 1) << name;
   }
   expect(replica_->set_attributes("d", {.mode = 01777}), Done::kChanged);
   EXPECT_EQ(status_of(at("d")).st_mode & 07777, mode_t{01777});

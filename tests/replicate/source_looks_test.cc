@@ -84,14 +84,14 @@ TEST_F(SourceLooksTest, what_comes_into_the_rule_is_fetched) {
   fs::create_symlink("any where", src("in/new/l"));
   ASSERT_EQ(mkfifo(src("in/new/p").c_str(), 0640), 0);
   ASSERT_EQ(chmod(src("in/new/f").c_str(), 0604), 0);
-  const timespec times[2] = {{1000, 0}, {-5, 7000}};
+  const timespec times[2] = {{1000, 0}, {-5, 7001}};
   ASSERT_EQ(utimensat(AT_FDCWD, src("in/new/f").c_str(), times, 0), 0);
   expect(renamed("in/out/x", "in/new"), Outcome::kApplied);
   EXPECT_EQ(contents(copy("in/new/f")), std::string(300'000, 'x'));
   const struct stat f = status(copy("in/new/f"));
   EXPECT_EQ(f.st_mode, mode_t{S_IFREG | 0604});
   EXPECT_EQ(f.st_mtim.tv_sec, -5);
-  EXPECT_EQ(f.st_mtim.tv_nsec, 7000);
+  EXPECT_EQ(f.st_mtim.tv_nsec, 7001);
   EXPECT_EQ(f.st_ino, status(copy("in/new/deep/g")).st_ino);
   EXPECT_EQ(fs::read_symlink(copy("in/new/l")), "any where");
   EXPECT_EQ(status(copy("in/new/p")).st_mode, mode_t{S_IFIFO | 0640});
@@ -352,7 +352,7 @@ TEST_F(SourceLooksTest, what_lost_records_told_of_is_looked_for) {
 
 TEST_F(SourceLooksTest, writes_take_their_time_from_the_source) {
   both("in/f", "data");
-  const timespec times[] = {{.tv_sec = 1000, .tv_nsec = 0}, {.tv_sec = 2000, .tv_nsec = 3000}};
+  const timespec times[] = {{.tv_sec = 1000, .tv_nsec = 0}, {.tv_sec = 2000, .tv_nsec = 3001}};
   for (const char *name : {"in/f", "in"})
     ASSERT_EQ(utimensat(AT_FDCWD, src(name).c_str(), times, 0), 0);
   expect(written(late(), src("in/f")), Outcome::kApplied);
@@ -361,7 +361,40 @@ TEST_F(SourceLooksTest, writes_take_their_time_from_the_source) {
   EXPECT_FALSE(fs::exists(copy("in/gone")));
   for (const char *name : {"in/f", "in"}) {
     EXPECT_EQ(status(copy(name)).st_mtim.tv_sec, 2000) << name;
-    EXPECT_EQ(status(copy(name)).st_mtim.tv_nsec, 3000) << name;
+    EXPECT_EQ(status(copy(name)).st_mtim.tv_nsec, 3001) << name;
+  }
+}
+
+// Records carry microseconds.
+TEST_F(SourceLooksTest, recorded_times_are_completed_from_the_source) {
+  both("in/f", "data");
+  const timespec times[] = {{.tv_sec = -1000, .tv_nsec = 5'001},
+                            {.tv_sec = 2000, .tv_nsec = 3'001}};
+  ASSERT_EQ(utimensat(AT_FDCWD, src("in/f").c_str(), times, 0), 0);
+  expect(set_attributes(now(), {src("in/f"), OX_ATTR_ATIME | OX_ATTR_MTIME, 0, 0, 0, 0,
+                                -999'999'995, 2'000'000'003, 0}),
+         Outcome::kApplied);
+  const struct stat f = status(copy("in/f"));
+  EXPECT_EQ(f.st_atim.tv_sec, -1000);
+  EXPECT_EQ(f.st_atim.tv_nsec, 5'001);
+  EXPECT_EQ(f.st_mtim.tv_sec, 2000);
+  EXPECT_EQ(f.st_mtim.tv_nsec, 3'001);
+}
+
+TEST_F(SourceLooksTest, directories_take_their_times_from_the_source) {
+  std::ofstream(src("in/d/f")) << "data";
+  const timespec times[] = {{.tv_sec = 1000, .tv_nsec = 1}, {.tv_sec = 2000, .tv_nsec = 3'000'007}};
+  for (const char *name : {"in/d/f", "in/d", "in"})
+    ASSERT_EQ(utimensat(AT_FDCWD, src(name).c_str(), times, 0), 0);
+  // The times differ only by nanoseconds, then by what the write changes in the replica.
+  const timespec near[] = {{.tv_sec = 1000, .tv_nsec = 1}, {.tv_sec = 2000, .tv_nsec = 3'000'000}};
+  ASSERT_EQ(utimensat(AT_FDCWD, copy("in").c_str(), near, 0), 0);
+  expect(name_change(OX_OP_CREATE, late(), src("in/d/f"), {}, 0644), Outcome::kApplied);
+  expect(name_change(OX_OP_RMDIR, late(), src("in/never")), Outcome::kAlready);
+  look();
+  for (const char *name : {"in/d/f", "in/d", "in"}) {
+    EXPECT_EQ(status(copy(name)).st_mtim.tv_sec, 2000) << name;
+    EXPECT_EQ(status(copy(name)).st_mtim.tv_nsec, 3'000'007) << name;
   }
 }
 

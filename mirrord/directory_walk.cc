@@ -61,7 +61,7 @@ Result<std::vector<DirectoryEntry>> directory_entries(UniqueFd directory) {
     const std::string_view name = entry->d_name;
     if (name == "." || name == "..") continue;
     const bool directory = entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN;
-    entries.push_back({std::string(name), entry->d_ino, directory});
+    entries.push_back({std::string(name), entry->d_ino, directory, entry->d_type == DT_REG});
   }
 }
 

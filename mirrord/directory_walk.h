@@ -38,6 +38,7 @@ struct DirectoryEntry {
   std::string name;
   ino_t inode;
   bool may_be_directory; /* true if the file system does not tell */
+  bool regular_file;     /* false if the file system does not tell */
 };
 
 /* The entries of a directory that is open for reading, without "." and "..". */

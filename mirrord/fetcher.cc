@@ -4,12 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <ctime>
 #include <limits>
+#include <optional>
 #include <thread>
-#include <vector>
 
 #include "base/text.h"
 #include "mirrord/file_status.h"
@@ -19,7 +18,6 @@ namespace {
 
 constexpr std::uint32_t kSetIds = S_ISUID | S_ISGID;
 constexpr std::uint64_t kToTheEnd = std::numeric_limits<std::uint64_t>::max();
-constexpr std::size_t kPiece = std::size_t{256} << 10;
 
 /* How long a set-user-id file must not have changed, and how often we wait for that. */
 constexpr std::chrono::milliseconds kStableFor{50};
@@ -32,14 +30,45 @@ bool is_stable(const struct stat &status) {
          microseconds(now);
 }
 
-bool only_zeros(Bytes bytes) {
-  return std::all_of(bytes.begin(), bytes.end(), [](std::byte b) { return b == std::byte{0}; });
+Result<struct stat> status_of(int source) {
+  struct stat status;
+  if (fstat(source, &status) != 0) return system_error(errno, "the source cannot be read");
+  return status;
 }
 
-Result<struct stat> status_of(const Source::Object &object) {
-  struct stat status;
-  if (fstat(object.fd.get(), &status) != 0) return system_error(errno, "the source cannot be read");
-  return status;
+/* A regular file of the source, open for reading: by its object or anew. */
+struct Reading {
+  UniqueFd opened = {};
+  int fd = -1;
+
+  static Result<Reading> open(const Source::Object &object) {
+    if (object.readable) return Reading{.fd = object.fd.get()};
+    auto file = Source::open_file(object);
+    if (!file) return file.error();
+    const int fd = file->get();
+    return Reading{std::move(*file), fd};
+  }
+};
+
+/* The attributes to copy; nothing if they cannot be read by the object's descriptor. */
+Result<std::optional<Xattrs>> source_xattrs(const Source::Object &object) {
+  const auto at = Source::xattr_place(object);
+  if (!at) return std::optional<Xattrs>();
+  auto found = read_xattrs(*at);
+  if (!found) return Error{found.error().code, "of the source: " + found.error().text};
+  return std::optional<Xattrs>(std::move(*found));
+}
+
+bool has_capability(const std::optional<Xattrs> &xattrs) {
+  return xattrs && xattrs->contains(kCapability);
+}
+
+bool same_owner(const struct stat &a, const struct stat &b) {
+  return a.st_uid == b.st_uid && a.st_gid == b.st_gid;
+}
+
+bool same_mode(const struct stat &a, const struct stat &b) {
+  return ((a.st_mode ^ b.st_mode) & kModeBits) == 0;
 }
 
 template <class T>
@@ -60,75 +89,130 @@ bool same_type(const struct stat &a, const struct stat &b) {
   return (a.st_mode & S_IFMT) == (b.st_mode & S_IFMT);
 }
 
-Result<void> Fetcher::set_all_attributes(const std::string &path, const struct stat &status) {
+Result<struct stat> Fetcher::existing(const std::string &path) {
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine) return system_error(ENOENT, "the copy was removed");
-  Replica::Attributes wanted{.atime = status.st_atim, .mtime = status.st_mtim};
-  // Only the differences: without privilege, even setting the same owner fails.
-  if ((*mine)->st_uid != status.st_uid) wanted.uid = status.st_uid;
-  if ((*mine)->st_gid != status.st_gid) wanted.gid = status.st_gid;
-  if (!S_ISLNK(status.st_mode)) wanted.mode = status.st_mode & kModeBits;
-  return plain(replica_.set_attributes(path, wanted));
+  return **mine;
 }
 
-/* Copies the range; does not write zeros beyond the replica's end. */
-Result<void> Fetcher::copy(const std::string &path, const Source::Object &object,
-                           std::uint64_t from, std::uint64_t to) {
-  const auto mine = replica_.find(path);
+Result<void> Fetcher::set_all_attributes(const std::string &path, const struct stat &status) {
+  const auto mine = existing(path);
   if (!mine) return mine.error();
-  const std::uint64_t size_before = *mine ? static_cast<std::uint64_t>((*mine)->st_size) : 0;
-  const auto file = Source::open_file(object);
-  if (!file) return file.error();
-  std::vector<std::byte> piece(
-      static_cast<std::size_t>(std::clamp<std::uint64_t>(to > from ? to - from : 0, 1, kPiece)));
-  while (from < to) {
-    const auto most = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), to - from));
-    const ssize_t got = pread(file->get(), piece.data(), most, static_cast<off_t>(from));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return system_error(errno, "the source's file cannot be read");
-    if (got == 0) return {};
-    const Bytes data(piece.data(), static_cast<std::size_t>(got));
-    // A later write beyond the end leaves a hole here, which reads as zeros.
-    if (from < size_before || !only_zeros(data)) {
-      if (const auto written = replica_.write(path, from, data); !written) return written.error();
-    }
-    from += static_cast<std::uint64_t>(got);
+  return set_all(path, *mine, {status, std::nullopt});
+}
+
+/* Only the differences: without privilege, even setting the same owner fails. */
+Result<bool> Fetcher::set_owner(const std::string &path, const struct stat &mine,
+                                const struct stat &status) {
+  if (same_owner(mine, status)) return false;
+  Replica::Attributes wanted;
+  if (mine.st_uid != status.st_uid) wanted.uid = status.st_uid;
+  if (mine.st_gid != status.st_gid) wanted.gid = status.st_gid;
+  const auto set = replica_.set_attributes(path, wanted);
+  if (!set) return set.error();
+  return true;
+}
+
+/* The order matters: a new owner clears set-id bits and the capability, and a new access list
+ * changes the mode. */
+Result<void> Fetcher::set_all(const std::string &path, const struct stat &mine,
+                              const Wanted &wanted) {
+  const struct stat &status = wanted.status;
+  const auto owner = set_owner(path, mine, status);
+  if (!owner) return owner.error();
+  bool mode = *owner || !same_mode(mine, status);
+  const auto xattrs = set_xattrs(path, wanted.xattrs, mode);
+  Replica::Attributes rest;
+  if (mode && !S_ISLNK(status.st_mode)) rest.mode = status.st_mode & kModeBits;
+  const bool times = wanted.times == Times::kSet || !same_time(mine.st_mtim, status.st_mtim) ||
+                     !same_time(mine.st_atim, status.st_atim);
+  if (times && wanted.times != Times::kLeave) {
+    rest.atime = status.st_atim;
+    rest.mtime = status.st_mtim;
   }
-  return {};
+  if (rest.mode || rest.mtime) {
+    if (const auto set = replica_.set_attributes(path, rest); !set) return set.error();
+  }
+  return xattrs;
+}
+
+/* `mode`: set to true if it must be set again. */
+Result<void> Fetcher::set_xattrs(const std::string &path, const std::optional<Xattrs> &theirs,
+                                 bool &mode) {
+  if (!theirs) return {};
+  const auto at = replica_.xattr_place(path);
+  if (!at) return at.error();
+  auto mine = read_xattrs(*at);
+  if (!mine) return Error{mine.error().code, "of the replica: " + mine.error().text};
+  if (!replica_.is_closed(path)) return xattrs_.copy(*at, {*mine, *theirs}, mode);
+  Xattrs others = *theirs;
+  others.erase(kAccessList);
+  return xattrs_.copy(*at, {*mine, others}, mode);
+}
+
+/* Makes the range equal; returns the status of the replica's file before that. */
+Result<struct stat> Fetcher::fill(const std::string &path, int source, const struct stat &theirs,
+                                  std::uint64_t from, std::uint64_t to) {
+  const auto file = replica_.writable(path);
+  if (!file) return file.error();
+  struct stat mine;
+  if (fstat(*file, &mine) != 0) return system_error(errno, "the replica's file cannot be read");
+  const auto size = static_cast<std::uint64_t>(theirs.st_size);
+  const auto now = data_.copy({source, theirs, *file, static_cast<std::uint64_t>(mine.st_size)},
+                              from, std::min(to, size));
+  if (!now) return now.error();
+  if (*now > size || (to >= size && *now != size)) {
+    if (const auto cut = replica_.set_attributes(path, {.size = size}); !cut) return cut.error();
+  }
+  return mine;
 }
 
 Result<void> Fetcher::fetch_data(const std::string &path, const Source::Object &object,
                                  std::uint64_t from, std::uint64_t to) {
-  const auto status = status_of(object);
+  const auto reading = Reading::open(object);
+  if (!reading) return reading.error();
+  const auto status = status_of(reading->fd);
   if (!status) return status.error();
-  const auto size = static_cast<std::uint64_t>(status->st_size);
-  if (const auto copied = copy(path, object, from, std::min(to, size)); !copied) return copied;
-  const auto mine = replica_.find(path);
-  if (!mine) return mine.error();
-  const std::uint64_t now = *mine ? static_cast<std::uint64_t>((*mine)->st_size) : 0;
+  const auto filled = fill(path, reading->fd, *status, from, to);
+  if (!filled) return filled.error();
   // Writing has set the times.
-  Replica::Attributes wanted{.atime = status->st_atim, .mtime = status->st_mtim};
-  if (now > size || (to >= size && now != size)) wanted.size = size;
-  return plain(replica_.set_attributes(path, wanted));
+  return plain(replica_.set_attributes(path, {.atime = status->st_atim, .mtime = status->st_mtim}));
 }
 
 Result<void> Fetcher::fetch_attributes(const std::string &path, const Source::Object &object) {
-  const auto mine = replica_.find(path);
+  const auto mine = existing(path);
   if (!mine) return mine.error();
-  if (!*mine) return system_error(ENOENT, "the copy was removed");
-  const struct stat &theirs = object.status;
-  const bool owner = (*mine)->st_uid != theirs.st_uid || (*mine)->st_gid != theirs.st_gid;
-  const bool mode =
-      !S_ISLNK(theirs.st_mode) && (((*mine)->st_mode ^ theirs.st_mode) & kModeBits) != 0;
-  if (!owner && !mode) return {};
-  // A set-id bit must go together with the data that the source's file has.
-  if (has_set_id(theirs)) return file(path, object);
-  Replica::Attributes wanted;
-  if ((*mine)->st_uid != theirs.st_uid) wanted.uid = theirs.st_uid;
-  if ((*mine)->st_gid != theirs.st_gid) wanted.gid = theirs.st_gid;
-  if (!S_ISLNK(theirs.st_mode)) wanted.mode = theirs.st_mode & kModeBits;
-  return plain(replica_.set_attributes(path, wanted));
+  return take_attributes(path, object, *mine, object.status);
+}
+
+Result<void> Fetcher::fetch_xattrs(const std::string &path, const Source::Object &object) {
+  const auto mine = existing(path);
+  if (!mine) return mine.error();
+  struct stat wanted = *mine;
+  wanted.st_mode = (object.status.st_mode & kModeBits) | (mine->st_mode & S_IFMT);
+  return take_attributes(path, object, *mine, wanted);
+}
+
+/* Owner and mode of `wanted`, and the object's extended attributes. */
+Result<void> Fetcher::take_attributes(const std::string &path, const Source::Object &object,
+                                      const struct stat &mine, const struct stat &wanted) {
+  auto theirs = source_xattrs(object);
+  if (!theirs) return theirs.error();
+  const bool owner = !same_owner(mine, wanted);
+  const bool mode = !S_ISLNK(mine.st_mode) && !same_mode(mine, wanted);
+  // Privilege must go together with the data that the source's file has.
+  if ((owner || mode) && has_set_id(wanted)) return file(path, object, mine);
+  if (S_ISREG(mine.st_mode) && has_capability(*theirs)) {
+    const auto at = replica_.xattr_place(path);
+    if (!at) return at.error();
+    const auto has = read_xattrs(*at);
+    if (!has) return has.error();
+    const auto capability = has->find(kCapability);
+    if (owner || capability == has->end() || capability->second != (*theirs)->at(kCapability))
+      return file(path, object, mine);
+  }
+  return set_all(path, mine, {wanted, std::move(*theirs), Times::kLeave});
 }
 
 /* Makes `path` and the other copies of this object one file in the replica. */
@@ -162,111 +246,159 @@ Result<void> Fetcher::link_to_copy(const std::string &of, const std::string &nam
   return {};
 }
 
-/* Removes an object of the replica that cannot become the copy. */
-Result<void> Fetcher::make_room(const std::string &path, const Source::Object &object) {
-  const auto mine = replica_.find(path);
-  if (!mine) return mine.error();
-  if (!*mine) return {};
+/* Removes an object of the replica that cannot become the copy. True: it did. */
+Result<bool> Fetcher::make_room(const std::string &path, const Source::Object &object,
+                                const struct stat &mine) {
   const bool directory = S_ISDIR(object.status.st_mode);
-  const bool usable = same_type(**mine, object.status);
+  const bool usable = same_type(mine, object.status);
   // Names that the source's object does not have must not get its contents. Its own names are
   // linked to the copy again later.
-  const bool shared = !directory && (*mine)->st_nlink > 1 && !origins_.same(path, object.status);
-  if (usable && !shared) return {};
+  const bool shared = !directory && mine.st_nlink > 1 && !origins_.same(path, object.status);
+  if (usable && !shared) return false;
   origins_.removed(path);
-  return plain(replica_.remove_tree(path));
+  const auto gone = replica_.remove_tree(path);
+  if (!gone) return gone.error();
+  return true;
+}
+
+/* Are both taken as having the same data without reading it? Of names that are not one file in the
+ * source, but in the replica, the last ones have other numbers of links. */
+bool Fetcher::trusted(const struct stat &mine, const struct stat &theirs) const {
+  return trust_ == Trust::kSizeAndTime && S_ISREG(theirs.st_mode) && S_ISREG(mine.st_mode) &&
+         mine.st_size == theirs.st_size && same_time(mine.st_mtim, theirs.st_mtim) &&
+         mine.st_nlink == theirs.st_nlink && has_set_id(mine) == has_set_id(theirs);
 }
 
 Result<void> Fetcher::fetch(const std::string &path, const Source::Object &object,
                             const Included &included) {
-  const bool directory_there = S_ISDIR(object.status.st_mode);
-  if (!directory_there && object.status.st_nlink > 1) {
-    multiply_linked_[{object.status.st_dev, object.status.st_ino}] = object.status;
-    if (const auto joined = link_copies(path, object); !joined) return joined.error();
+  return fetch_over(path, object, included, Mine::kUnknown);
+}
+
+Result<void> Fetcher::fetch_over(const std::string &path, const Source::Object &object,
+                                 const Included &included, Mine known) {
+  const struct stat &theirs = object.status;
+  bool look = known == Mine::kUnknown;
+  if (!S_ISDIR(theirs.st_mode) && theirs.st_nlink > 1) {
+    multiply_linked_[{theirs.st_dev, theirs.st_ino}] = theirs;
+    const auto joined = link_copies(path, object);
+    if (!joined) return joined.error();
+    look = look || *joined;
   }
-  if (const auto room = make_room(path, object); !room) return room;
-  switch (object.status.st_mode & S_IFMT) {
+  std::optional<struct stat> mine;
+  if (look) {
+    const auto found = replica_.find(path);
+    if (!found) return found.error();
+    mine = *found;
+  }
+  if (mine && trusted(*mine, theirs)) {
+    origins_.put(path, {mine->st_dev, mine->st_ino}, theirs, true);
+    return take_attributes(path, object, *mine, theirs);
+  }
+  if (mine) {
+    const auto removed = make_room(path, object, *mine);
+    if (!removed) return removed.error();
+    if (*removed) mine.reset();
+  }
+  switch (theirs.st_mode & S_IFMT) {
     case S_IFDIR:
       return directory(path, object, included);
     case S_IFREG:
-      return unchanged(path, object.status) ? fetch_attributes(path, object) : file(path, object);
+      return mine && origins_.unchanged(path, theirs) ? take_attributes(path, object, *mine, theirs)
+                                                      : file(path, object, mine);
     case S_IFLNK:
       return link(path, object);
   }
-  return special(path, object);
+  return special(path, object, mine);
 }
 
-bool Fetcher::unchanged(const std::string &path, const struct stat &status) {
-  const auto mine = replica_.find(path);
-  return mine && *mine && origins_.unchanged(path, status);
-}
-
-void Fetcher::note_copy(const std::string &path, const struct stat &status, bool whole) {
-  origins_.put(path, object_of(replica_, path), status, whole);
-}
-
-Result<void> Fetcher::file(const std::string &path, const Source::Object &object) {
-  auto mine = replica_.find(path);
-  if (!mine) return mine.error();
-  if (!*mine) {
+Result<void> Fetcher::file(const std::string &path, const Source::Object &object,
+                           const std::optional<struct stat> &mine) {
+  if (!mine) {
     if (const auto made = replica_.create(path, 0600); !made) return made.error();
-  } else if (has_set_id(**mine)) {
-    const auto taken = replica_.set_attributes(path, {.mode = (*mine)->st_mode & 01777});
+  } else if (has_set_id(*mine)) {
+    const auto taken = replica_.set_attributes(path, {.mode = mine->st_mode & 01777});
     if (!taken) return taken.error();
   }
+  const auto reading = Reading::open(object);
+  if (!reading) return reading.error();
   for (int tries = kStableTries;; --tries) {
-    auto before = status_of(object);
+    auto before = status_of(reading->fd);
     if (!before) return before.error();
-    const auto copied = fetch_data(path, object, 0, kToTheEnd);
-    if (!copied) return copied;
-    const auto after = status_of(object);
+    const auto filled = fill(path, reading->fd, *before, 0, kToTheEnd);
+    if (!filled) return filled.error();
+    auto xattrs = source_xattrs(object);
+    if (!xattrs) return xattrs.error();
+    const auto after = status_of(reading->fd);
     if (!after) return after.error();
     const bool same = same_time(before->st_ctim, after->st_ctim);
-    if (has_set_id(*before) && (!same || !is_stable(*after))) {
+    const bool privilege = has_set_id(*before) || has_capability(*xattrs);
+    if (privilege && (!same || !is_stable(*after))) {
       if (tries > 0) {
         std::this_thread::sleep_for(kStableFor);
         continue;
       }
-      before->st_mode &= ~kSetIds;  // it keeps changing: their records cause another fetch
+      // It keeps changing: the records of these changes cause another fetch.
+      before->st_mode &= ~kSetIds;
+      if (*xattrs) (*xattrs)->erase(kCapability);
     }
-    note_copy(path, *before, same);
-    return set_all_attributes(path, *before);
+    origins_.put(path, {filled->st_dev, filled->st_ino}, *before, same);
+    return set_all(path, *filled, {*before, std::move(*xattrs), Times::kSet});
   }
+}
+
+/* Sets everything of a copy that is no regular file. */
+Result<void> Fetcher::finish(const std::string &path, const Source::Object &object) {
+  const auto mine = existing(path);
+  if (!mine) return mine.error();
+  origins_.put(path, {mine->st_dev, mine->st_ino}, object.status, false);
+  auto theirs = source_xattrs(object);
+  if (!theirs) return theirs.error();
+  return set_all(path, *mine, {object.status, std::move(*theirs)});
+}
+
+Result<void> Fetcher::remove(const std::string &path) {
+  origins_.removed(path);
+  return plain(replica_.remove_tree(path));
 }
 
 Result<void> Fetcher::directory(const std::string &path, const Source::Object &object,
                                 const Included &included) {
-  const auto theirs = Source::entries(object);
+  auto theirs = Source::entries(object);
   if (!theirs) return theirs.error();
-  if (const auto made = replica_.mkdir(path, 0700); !made) return made.error();
-  const auto mine = replica_.names(path);
-  if (!mine) return mine.error();
+  const auto made = replica_.mkdir(path, 0700);
+  if (!made) return made.error();
+  std::set<std::string> mine;
+  if (*made == Replica::Done::kAlready) {
+    const auto names = replica_.names(path);
+    if (!names) return names.error();
+    mine.insert(names->begin(), names->end());
+  }
+  std::sort(theirs->begin(), theirs->end(),
+            [](const DirectoryEntry &a, const DirectoryEntry &b) { return a.name < b.name; });
   const std::string below = path.empty() ? "" : path + "/";
-  std::set<std::string> wanted;
-  for (const DirectoryEntry &entry : *theirs) wanted.insert(entry.name);
   Result<void> first;
   const auto note = [&](const Result<void> &result) {
     if (first.ok() && !result) first = Error{result.error().code, result.error().text};
   };
-  for (const std::string &name : *mine) {
-    if (wanted.contains(name) || !included(below + name)) continue;
-    origins_.removed(below + name);
-    note(plain(replica_.remove_tree(below + name)));
+  std::set<std::string> other = mine;
+  for (const DirectoryEntry &entry : *theirs) other.erase(entry.name);
+  for (const std::string &name : other) {
+    if (included(below + name)) note(remove(below + name));
   }
-  for (const std::string &name : wanted) {
-    if (!included(below + name)) continue;
-    const auto child = source_.find(below + name);
-    if (!child) {
+  for (const DirectoryEntry &entry : *theirs) {
+    const std::string name = below + entry.name;
+    if (!included(name)) continue;
+    const auto child = source_.child(object, entry);
+    if (!child)
       note(child.error());
-    } else if (!*child) {  // removed since
-      origins_.removed(below + name);
-      note(plain(replica_.remove_tree(below + name)));
-    } else {
-      note(fetch(below + name, **child, included));
-    }
+    else if (!*child)  // removed since
+      note(remove(name));
+    else
+      note(fetch_over(name, **child, included,
+                      mine.contains(entry.name) ? Mine::kUnknown : Mine::kAbsent));
+    if (!first.ok() && first.error().code == -ECANCELED) return first;
   }
-  note_copy(path, object.status, false);
-  note(set_all_attributes(path, object.status));
+  note(finish(path, object));
   return first;
 }
 
@@ -284,19 +416,18 @@ Result<void> Fetcher::link(const std::string &path, const Source::Object &object
     made = replica_.symlink(object.target, path);
   }
   if (!made) return made.error();
-  note_copy(path, object.status, false);
-  return set_all_attributes(path, object.status);
+  return finish(path, object);
 }
 
-Result<void> Fetcher::special(const std::string &path, const Source::Object &object) {
+Result<void> Fetcher::special(const std::string &path, const Source::Object &object,
+                              const std::optional<struct stat> &mine) {
   const struct stat &theirs = object.status;
-  const auto mine = replica_.find(path);
-  if (!mine) return mine.error();
   const bool device = S_ISCHR(theirs.st_mode) || S_ISBLK(theirs.st_mode);
-  if (*mine && device && (*mine)->st_rdev != theirs.st_rdev) {
+  const bool usable = mine && (!device || mine->st_rdev == theirs.st_rdev);
+  if (mine && !usable) {
     if (const auto gone = replica_.remove_tree(path); !gone) return gone.error();
   }
-  if (!*mine || (device && (*mine)->st_rdev != theirs.st_rdev)) {
+  if (!usable) {
     const auto made =
         replica_.make_special(path, (theirs.st_mode & S_IFMT) | 0600, device ? theirs.st_rdev : 0);
     if (!made && device && made.error().code == -EPERM) {
@@ -305,8 +436,7 @@ Result<void> Fetcher::special(const std::string &path, const Source::Object &obj
     }
     if (!made) return made.error();
   }
-  note_copy(path, theirs, false);
-  return set_all_attributes(path, theirs);
+  return finish(path, object);
 }
 
 }  // namespace tarn

@@ -1,30 +1,46 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Copies objects from the source to the replica: types, data, link targets, owners, modes, times,
- * and hard links. Data is read in pieces; holes of a file may be filled.
+ * Copies objects from the source to the replica: types, data with its holes, link targets, owners,
+ * modes, times, extended attributes, access lists, and hard links. Data that the replica has
+ * already is read and compared, and only what differs is written.
  *
  * The source may change during a copy, which then mixes old and new states until the records of
- * these changes are applied (pending_paths.h). A set-user-id file is an exception: it gets its mode
- * only with data that was all read while the file did not change. One thread.
+ * these changes are applied (pending_paths.h). Privilege is an exception: a file gets its
+ * set-user-id bit or capability only with data that was all read while the file did not change. One
+ * thread, except that any thread may read the counters of data().
  */
 #ifndef TARN_MIRRORD_FETCHER_H
 #define TARN_MIRRORD_FETCHER_H
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
 
 #include "mirrord/copy_origins.h"
+#include "mirrord/data_copier.h"
 #include "mirrord/replica.h"
 #include "mirrord/source.h"
+#include "mirrord/xattrs.h"
 
 namespace tarn {
 
 class Fetcher {
  public:
   Fetcher(Source &source, Replica &replica) : source_(source), replica_(replica) {}
+
+  /* kSizeAndTime: a regular file whose size and modification time are equal on both sides is taken
+   * to have the same data, and only its attributes are compared. For copies that were made by this
+   * program or one that keeps times. */
+  enum class Trust { kNone, kSizeAndTime };
+  void set_trust(Trust trust) { trust_ = trust; }
+
+  /* The limit of the source data read per second, and what interrupts a copy: fetch() and
+   * fetch_data() then fail with -ECANCELED, and leave the rest as it was. */
+  Pace &pace() { return data_.pace(); }
+  const DataCopier &data() const { return data_; }
 
   /* Is this path, below a fetched directory, to be replicated? */
   using Included = std::function<bool(const std::string &path)>;
@@ -42,8 +58,11 @@ class Fetcher {
   Result<void> fetch_data(const std::string &path, const Source::Object &object, std::uint64_t from,
                           std::uint64_t to);
 
-  /* Copies owner and mode of an object that both have. */
+  /* Copies owner, mode and extended attributes of an object that both have. */
   Result<void> fetch_attributes(const std::string &path, const Source::Object &object);
+
+  /* Copies the extended attributes of an object that both have. */
+  Result<void> fetch_xattrs(const std::string &path, const Source::Object &object);
 
   /* Sets owner, mode and times, whatever the type of the replica's object. */
   Result<void> set_all_attributes(const std::string &path, const struct stat &status);
@@ -55,21 +74,45 @@ class Fetcher {
   Objects take_multiply_linked() { return std::exchange(multiply_linked_, {}); }
 
  private:
-  bool unchanged(const std::string &path, const struct stat &status);
-  void note_copy(const std::string &path, const struct stat &status, bool whole);
+  enum class Mine { kUnknown, kAbsent };
+  enum class Times { kSet, kIfDifferent, kLeave };
+  struct Wanted {
+    struct stat status;
+    std::optional<Xattrs> xattrs = {}; /* nothing: they are left as they are */
+    Times times = Times::kIfDifferent;
+  };
+
+  Result<void> fetch_over(const std::string &path, const Source::Object &object,
+                          const Included &included, Mine known);
+  bool trusted(const struct stat &mine, const struct stat &theirs) const;
+  Result<struct stat> existing(const std::string &path);
   Result<bool> link_copies(const std::string &path, const Source::Object &object);
   Result<void> link_to_copy(const std::string &of, const std::string &name);
-  Result<void> make_room(const std::string &path, const Source::Object &object);
-  Result<void> file(const std::string &path, const Source::Object &object);
+  Result<bool> make_room(const std::string &path, const Source::Object &object,
+                         const struct stat &mine);
+  Result<void> remove(const std::string &path);
+  Result<void> file(const std::string &path, const Source::Object &object,
+                    const std::optional<struct stat> &mine);
   Result<void> directory(const std::string &path, const Source::Object &object,
                          const Included &included);
   Result<void> link(const std::string &path, const Source::Object &object);
-  Result<void> special(const std::string &path, const Source::Object &object);
-  Result<void> copy(const std::string &path, const Source::Object &object, std::uint64_t from,
-                    std::uint64_t to);
+  Result<void> special(const std::string &path, const Source::Object &object,
+                       const std::optional<struct stat> &mine);
+  Result<void> finish(const std::string &path, const Source::Object &object);
+  Result<struct stat> fill(const std::string &path, int source, const struct stat &theirs,
+                           std::uint64_t from, std::uint64_t to);
+  Result<void> take_attributes(const std::string &path, const Source::Object &object,
+                               const struct stat &mine, const struct stat &wanted);
+  Result<void> set_all(const std::string &path, const struct stat &mine, const Wanted &wanted);
+  Result<bool> set_owner(const std::string &path, const struct stat &mine,
+                         const struct stat &status);
+  Result<void> set_xattrs(const std::string &path, const std::optional<Xattrs> &theirs, bool &mode);
 
   Source &source_;
   Replica &replica_;
+  Trust trust_ = Trust::kNone;
+  DataCopier data_;
+  XattrCopier xattrs_;
   CopyOrigins origins_;
   Objects multiply_linked_;
   std::set<std::string> refused_devices_; /* already reported by path */

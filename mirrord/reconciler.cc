@@ -237,7 +237,10 @@ Result<bool> Reconciler::compare(const std::string &path, std::int64_t until) {
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine && !*theirs) return true;
-  if (*mine && *theirs && same_but_times(**mine, (*theirs)->status)) return true;
+  if (*mine && *theirs && same_but_times(**mine, (*theirs)->status)) {
+    const auto xattrs = fetcher_.fetch_xattrs(path, **theirs);
+    return xattrs ? Result<bool>(true) : Result<bool>(xattrs.error());
+  }
   // A missing parent is copied with its contents.
   std::string missing = path;
   for (std::string above = parent_of(path); !above.empty(); above = parent_of(above)) {

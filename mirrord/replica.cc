@@ -41,15 +41,16 @@ std::array<timespec, 2> both_times(const Replica::Attributes &a, const struct st
   return {a.atime.value_or(status.st_atim), a.mtime.value_or(status.st_mtim)};
 }
 
-/* Opens a regular file for writing. `object` is an O_PATH descriptor of it, so a rename cannot
- * replace the file in between. */
+/* Opens a regular file for writing, and for reading where we may. `object` is an O_PATH descriptor
+ * of it, so a rename cannot replace the file in between. */
 Result<UniqueFd> open_for_writing(int object) {
   struct stat status;
   if (fstat(object, &status) != 0) return failed(errno);
   if (!S_ISREG(status.st_mode))
     return Error{-EINVAL, "the replica has something there that is no regular file"};
   const std::string path = by_descriptor(object);
-  UniqueFd file(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+  UniqueFd file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
+  if (!file && errno == EACCES) file = UniqueFd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
   if (!file && errno == EACCES && status.st_uid == geteuid()) {
     // A read-only file of ours: a program that opened it before may still write, so we must too.
     const mode_t mode = status.st_mode & kModeBits;
@@ -95,6 +96,10 @@ Result<void> set_through_file(int file, const Replica::Attributes &a) {
   if ((a.uid || a.gid) && fchown(file, a.uid.value_or(-1), a.gid.value_or(-1)) != 0)
     return failed(errno);
   if (a.mode && fchmod(file, *a.mode & kModeBits) != 0) return failed(errno);
+  if (a.atime && a.mtime) {
+    const std::array<timespec, 2> times{*a.atime, *a.mtime};
+    return futimens(file, times.data()) == 0 ? Result<void>() : failed(errno);
+  }
   return set_times(file, a);
 }
 
@@ -207,8 +212,8 @@ Result<Replica::Done> Replica::create(const std::string &path, std::uint32_t mod
   const auto at = place(path);
   if (!at) return at.error();
   files_.forget(path);
-  UniqueFd file(openat(at->fd, at->name.c_str(),
-                       O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & kModeBits));
+  UniqueFd file(openat(at->fd, at->name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                       mode & kModeBits));
   if (file) {
     files_.put(path, std::move(file));
     return Done::kChanged;
@@ -398,6 +403,14 @@ Result<Replica::Done> Replica::set_attributes(const std::string &path, const Att
   }
   if (!set) return set.error();
   return Done::kChanged;
+}
+
+Result<XattrPlace> Replica::xattr_place(const std::string &path) {
+  if (const int file = files_.find(path); file >= 0) return XattrPlace{.fd = file};
+  const auto at = place(path);
+  if (!at) return at.error();
+  // The directory is ours by its descriptor, and the name is not followed if it is a link.
+  return XattrPlace{.path = by_descriptor(at->fd) + "/" + at->name};
 }
 
 std::vector<Replica::WriteBackError> Replica::take_write_back_errors() {

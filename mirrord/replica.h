@@ -28,6 +28,7 @@
 #include "client/messages.h"
 #include "mirrord/directory_walk.h"
 #include "mirrord/fd_cache.h"
+#include "mirrord/xattrs.h"
 
 namespace tarn {
 
@@ -90,6 +91,15 @@ class Replica {
   };
   Result<Done> set_attributes(const std::string &path, const Attributes &wanted);
 
+  /* The place of the object's extended attributes, until the next operation. */
+  Result<XattrPlace> xattr_place(const std::string &path);
+  /* Is the path the root, and closed to others, so that it has no access list? */
+  bool is_closed(const std::string &path) const { return path.empty() && closed_to_others_; }
+
+  /* Returns a descriptor of the regular file, which must exist, for writing, and for reading where
+   * we may. It is the replica's and lasts until the next operation that takes a path. */
+  Result<int> writable(const std::string &path);
+
   /* A file whose close reported lost data. Any operation may close cached files. */
   struct WriteBackError {
     std::string path;
@@ -122,8 +132,6 @@ class Replica {
     Place second;
   };
   Result<TwoPlaces> places(const std::string &first, const std::string &second);
-  /* Returns a descriptor of the file for writing, from the cache or a new one. */
-  Result<int> writable(const std::string &path);
 
   static constexpr std::size_t kCachedFiles = 128;
   static constexpr std::size_t kCachedDirectories = 64;

@@ -50,7 +50,7 @@ Found not_found(int err) {
 
 Found find_by_descriptor(int directory, const std::string &name) {
   Source::Object found{
-      UniqueFd(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)), {}, {}};
+      UniqueFd(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)), {}, {}, false};
   if (!found.fd || fstat(found.fd.get(), &found.status) != 0) return not_found(errno);
   if (S_ISLNK(found.status.st_mode)) {
     auto target = read_link(found.fd.get(), "");
@@ -105,6 +105,28 @@ Result<std::optional<Source::Object>> Source::find(const std::string &path) {
   if (!directory) return not_found(-directory.error().code);
   return path_descriptors_ ? find_by_descriptor(directory->get(), name)
                            : find_by_status(directory->get(), name);
+}
+
+Result<std::optional<Source::Object>> Source::child(const Object &directory,
+                                                    const DirectoryEntry &entry) const {
+  const int above = directory.fd.get();
+  if (entry.regular_file) {
+    // If another object has taken the name, O_NONBLOCK keeps a FIFO or device from blocking us.
+    constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    UniqueFd fd(openat(above, entry.name.c_str(), kFlags | O_NOATIME));
+    if (!fd && errno == EPERM) fd = UniqueFd(openat(above, entry.name.c_str(), kFlags));
+    Object found{std::move(fd), {}, {}, true};
+    if (found.fd && fstat(found.fd.get(), &found.status) == 0 && S_ISREG(found.status.st_mode))
+      return std::optional<Object>(std::move(found));
+  }
+  return path_descriptors_ ? find_by_descriptor(above, entry.name)
+                           : find_by_status(above, entry.name);
+}
+
+std::optional<XattrPlace> Source::xattr_place(const Object &object) {
+  if (object.readable) return XattrPlace{.fd = object.fd.get()};
+  if (!object.fd) return std::nullopt;
+  return XattrPlace{.path = fmt::format("/proc/self/fd/{}", object.fd.get()), .follow_link = true};
 }
 
 Result<UniqueFd> Source::open_file(const Object &file) {

@@ -19,6 +19,7 @@
 #include "base/result.h"
 #include "base/unique_fd.h"
 #include "mirrord/directory_walk.h"
+#include "mirrord/xattrs.h"
 
 namespace tarn {
 
@@ -35,7 +36,8 @@ class Source {
     UniqueFd fd; /* refers to this object even if the name changes; without O_PATH only regular
                     files and directories have one */
     struct stat status;
-    std::string target; /* of a symbolic link */
+    std::string target;    /* of a symbolic link */
+    bool readable = false; /* `fd` is open for reading */
   };
 
   /* Can the source be read? False if the directory does not exist or may not be searched. */
@@ -43,6 +45,13 @@ class Source {
 
   /* Nothing if the name does not exist. "" is the directory itself. */
   Result<std::optional<Object>> find(const std::string &path);
+
+  /* The same for an entry of this directory, which may have left its path meanwhile. A regular file
+   * is opened for reading, with O_NOATIME, where we may. */
+  Result<std::optional<Object>> child(const Object &directory, const DirectoryEntry &entry) const;
+
+  /* The place of the object's extended attributes. Nothing if it has no descriptor. */
+  static std::optional<XattrPlace> xattr_place(const Object &object);
 
   /* Opens a regular file for reading, with O_NOATIME where we may. */
   static Result<UniqueFd> open_file(const Object &file);

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -396,6 +397,18 @@ TEST_F(SourceLooksTest, directories_take_their_times_from_the_source) {
     EXPECT_EQ(status(copy(name)).st_mtim.tv_sec, 2000) << name;
     EXPECT_EQ(status(copy(name)).st_mtim.tv_nsec, 3'000'007) << name;
   }
+}
+
+TEST_F(SourceLooksTest, extended_attributes_are_compared_where_something_changed) {
+  both("in/f", "data");
+  ASSERT_EQ(setxattr(src("in/f").c_str(), "user.x", "value", 5, 0), 0) << std::strerror(errno);
+  ASSERT_EQ(setxattr(copy("in/f").c_str(), "user.y", "value", 5, 0), 0) << std::strerror(errno);
+  expect(written(now(), src("in/f")), Outcome::kApplied);
+  look();
+  char value[8] = "";
+  EXPECT_EQ(getxattr(copy("in/f").c_str(), "user.x", value, sizeof(value)), 5);
+  EXPECT_STREQ(value, "value");
+  EXPECT_EQ(getxattr(copy("in/f").c_str(), "user.y", value, sizeof(value)), -1);
 }
 
 TEST_F(SourceLooksTest, what_was_changed_is_compared_where_it_is_now) {

@@ -149,22 +149,39 @@ std::vector<MountEntry> mount_table_or(const std::vector<Mount> &mounts) {
   return table;
 }
 
-Result<void> check_overlap(const std::string &source, const std::string &replica,
-                           const std::vector<MountEntry> &table) {
-  const std::string s = printable(source), r = printable(replica);
-  switch (overlap_through_mounts(table, source, replica)) {
+std::optional<std::string> overlap_text(const NamedDirectory &first, const NamedDirectory &second,
+                                        const std::vector<MountEntry> &table) {
+  const auto text = [&](const char *how) {
+    return fmt::format("{} {} {} {} {}", second.name, printable(second.path), how, first.name,
+                       printable(first.path));
+  };
+  switch (overlap_through_mounts(table, first.path, second.path)) {
     case Overlap::kSame:
-      return refused(fmt::format("the replica {} is the source {}", r, s));
+      return text("is");
     case Overlap::kWithin:
-      return refused(fmt::format("the replica {} lies inside the source {}", r, s));
+      return text("lies inside");
     case Overlap::kContains:
-      return refused(fmt::format("the replica {} contains the source {}", r, s));
+      return text("contains");
     case Overlap::kNone:
       break;
   }
-  if (const MountEntry *mount = shown_below(table, replica, source))
-    return refused(fmt::format("the replica {} contains {}, a mount that shows the source {}", r,
-                               printable(mount->mountpoint), s));
+  return std::nullopt;
+}
+
+std::optional<std::string> shown_text(const NamedDirectory &outer, const NamedDirectory &inner,
+                                      const std::vector<MountEntry> &table) {
+  const MountEntry *mount = shown_below(table, outer.path, inner.path);
+  if (!mount) return std::nullopt;
+  return fmt::format("{} {} contains {}, a mount that shows {} {}", outer.name,
+                     printable(outer.path), printable(mount->mountpoint), inner.name,
+                     printable(inner.path));
+}
+
+Result<void> check_overlap(const std::string &source, const std::string &replica,
+                           const std::vector<MountEntry> &table, const std::string &noun) {
+  const NamedDirectory first{"the source", source}, second{"the " + noun, replica};
+  if (const auto text = overlap_text(first, second, table)) return refused(*text);
+  if (const auto text = shown_text(second, first, table)) return refused(*text);
   // A mount of tarn below the source is skipped: its lower directory has records of its own.
   for (const MountEntry &mount : table) {
     const auto below = path_below(source, mount.mountpoint);
@@ -172,8 +189,9 @@ Result<void> check_overlap(const std::string &source, const std::string &replica
     if (mount_of(table, mount.mountpoint) != &mount) continue;
     const auto overlap = overlap_through_mounts(table, mount.mountpoint, replica);
     if (overlap == Overlap::kSame || overlap == Overlap::kWithin)
-      return refused(fmt::format("the replica {} is shown inside the source {} by the mount {}", r,
-                                 s, printable(mount.mountpoint)));
+      return refused(fmt::format("the {} {} is shown inside the source {} by the mount {}", noun,
+                                 printable(replica), printable(source),
+                                 printable(mount.mountpoint)));
   }
   return {};
 }

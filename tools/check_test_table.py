@@ -14,7 +14,7 @@ import sys
 TABLE = "tests/README.md"
 CASE = re.compile(r"\b(?:[A-Z_]*CASE[A-Z_]*|TEST|TEST_F|TEST_P|TYPED_TEST)\(\s*(\w+),\s*(\w+)")
 GUEST_CASE = re.compile(r'\{"(\w+)",\s*GUEST_')
-PROGRAMS = ("replicate", "tarnd_test", "oracle")
+PROGRAMS = ("replicate", "tarnd_test", "oracle", "mirrord")
 PLACEHOLDER = re.compile(r"\b[A-Z]{4,}\b")
 # The same cases once for each lower file system.
 OVER_LOWER = re.compile(r"over_[a-z_*]+\.")

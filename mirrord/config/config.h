@@ -1,0 +1,75 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The configuration of the service: which directories are replicated, to which targets, with which
+ * limits. It is a TOML file; mirrord.toml(5) describes it.
+ *
+ * Reading says what is wrong with the text; checking says what is wrong with it on this machine.
+ * Neither changes anything. Plain values, without a lock. Errors are one line each that begins with
+ * the file and, where one is to blame, the line: "FILE:LINE: what is wrong; what is expected".
+ */
+#ifndef TARN_MIRRORD_CONFIG_CONFIG_H
+#define TARN_MIRRORD_CONFIG_CONFIG_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "base/mount_table.h"
+#include "base/result.h"
+
+namespace tarn {
+
+struct TargetConfig {
+  std::string name{}, directory{}; /* absolute; canonical as far as it exists */
+  int line = 0;                    /* where it begins in the file */
+};
+
+struct SourceConfig {
+  std::string name{}, directory{};    /* the lower directory; absolute, canonical */
+  std::vector<std::string> exclude{}; /* absolute paths below the directory */
+  std::vector<TargetConfig> targets{};
+  std::uint64_t log_limit = std::uint64_t{1} << 30;                   /* bytes */
+  std::uint64_t walk_files_per_second = 0, copy_bytes_per_second = 0; /* 0: no limit */
+  int line = 0;
+};
+
+struct Config {
+  std::string file{}; /* for messages */
+  std::string state_directory{};
+  std::string control_socket{};
+  std::string metrics_file{}; /* empty: none */
+  std::vector<SourceConfig> sources{};
+};
+
+/* The first error is that of the smallest line. */
+Result<Config> read_config(const std::string &file);
+
+/* What was understood of the file, and all that is wrong with it, in the order of lines. Without
+ * problems the configuration is whole. */
+struct ReadConfig {
+  Config config{};
+  std::vector<Error> problems{};
+};
+ReadConfig read_config_with_problems(const std::string &file);
+
+/*
+ * What only the machine tells and what forbids to begin: a source that is no directory or a path of
+ * a tarn mount, directories of sources, targets and the service itself that overlap, by whatever
+ * mounts and links, an exclude that looks like a pattern. A target that is not there is none of
+ * these: it may be on a disk that is not mounted now (see config_notes()).
+ */
+std::vector<Error> config_problems(const Config &config, const std::vector<MountEntry> &table);
+/* The first of them. */
+Result<void> check_config(const Config &config, const std::vector<MountEntry> &table);
+
+/* What is not there now but may come while the service runs: targets, and the directory of the
+ * metrics' file. Lines like those of errors. */
+std::vector<std::string> config_notes(const Config &config);
+
+/* `mirrord check`: prints each problem and each note in a line of stderr, or says on stdout that
+ * the file is good. Returns the exit code: 0 good, 1 not. */
+int check_command(const std::string &file);
+
+}  // namespace tarn
+
+#endif

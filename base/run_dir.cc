@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -16,7 +15,6 @@
 namespace tarn {
 namespace {
 
-/* A socket address holds 107 bytes; by /proc/self/fd of its directory any path fits. */
 struct SocketAddress {
   UniqueFd directory; /* stays open while the address is used */
   sockaddr_un address;
@@ -28,11 +26,9 @@ struct SocketAddress {
 int make_address(const std::string &run_dir, const std::string &name, SocketAddress &out) {
   out.directory = UniqueFd(open(run_dir.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
   if (!out.directory) return errno;
-  const std::string path = fmt::format("/proc/self/fd/{}/{}", out.directory.get(), name);
-  out.address = {};
-  out.address.sun_family = AF_UNIX;
-  if (path.size() >= sizeof(out.address.sun_path)) return ENAMETOOLONG;
-  std::memcpy(out.address.sun_path, path.c_str(), path.size() + 1);
+  const auto address = socket_address(out.directory.get(), name);
+  if (!address) return -address.error().code;
+  out.address = *address;
   return 0;
 }
 
@@ -47,6 +43,17 @@ std::string run_directory() {
   if (geteuid() == 0) return "/run/tarn";
   if (const char *runtime = set("XDG_RUNTIME_DIR")) return std::string(runtime) + "/tarn";
   return fmt::format("/tmp/tarn-{}", geteuid());
+}
+
+/* A socket address holds 107 bytes; by /proc/self/fd of its directory any path fits. */
+Result<sockaddr_un> socket_address(int directory, const std::string &name) {
+  const std::string path = fmt::format("/proc/self/fd/{}/{}", directory, name);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() >= sizeof(address.sun_path))
+    return system_error(ENAMETOOLONG, "the name of the socket " + printable(name));
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  return address;
 }
 
 Result<UniqueFd> listen_socket(const std::string &run_dir, const std::string &name) {

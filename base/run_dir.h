@@ -8,6 +8,7 @@
 
 #include <sys/socket.h>
 #include <sys/types.h>
+#include <sys/un.h>
 
 #include <string>
 
@@ -23,6 +24,10 @@ std::string run_directory();
 /* The lock file in the run directory, which tarnd holds locked (flock) all the time that it
  * serves. */
 inline constexpr char kTarndLock[] = "lock";
+
+/* The address of the socket `name` in an open directory (O_PATH suffices), however long the
+ * directory's path is. To be used while the directory is open. Error: -ENAMETOOLONG. */
+Result<sockaddr_un> socket_address(int directory, const std::string &name);
 
 /* Makes a listening socket that every user may connect to; replaces a stale one. */
 Result<UniqueFd> listen_socket(const std::string &run_dir, const std::string &name);

@@ -1,0 +1,47 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * A side of a comparison that is a directory of this host. Times of access stay as they are where
+ * we may keep them, and what reading brings into the page cache is dropped again; what was there
+ * before stays. One thread at a time.
+ */
+#ifndef TARN_MIRRORD_VERIFY_LOCAL_TREE_H
+#define TARN_MIRRORD_VERIFY_LOCAL_TREE_H
+
+#include <functional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "base/unique_fd.h"
+#include "mirrord/verify/tree.h"
+
+namespace tarn {
+
+/* Calls `hole(offset, length)` for the holes of at least kHoleSize before `size`; ends early when
+ * it returns false. Returns 0 or the error number. */
+int for_each_hole(int fd, std::uint64_t size,
+                  const std::function<bool(std::uint64_t offset, std::uint64_t length)> &hole);
+
+class LocalTree final : public Tree {
+ public:
+  static Result<LocalTree> open(const std::string &directory);
+
+  Result<Listing> list(const std::string &directory) override;
+  Result<std::optional<TreeEntry>> find(const std::string &path) override;
+  std::vector<BlockHashes> block_hashes(const std::string &directory,
+                                        const std::vector<Slice> &slices) override;
+  Result<std::uint64_t> hole_bytes(const std::string &path) override;
+
+  int root() const { return root_.get(); }
+
+ private:
+  explicit LocalTree(UniqueFd root) : root_(std::move(root)) {}
+  BlockHashes hash_slice(Place &place, const Slice &slice);
+
+  UniqueFd root_;
+  std::vector<char> block_ = std::vector<char>(kBlockSize);
+};
+
+}  // namespace tarn
+
+#endif

@@ -20,6 +20,7 @@ ALLOWED = {
     "client": {"base", "module/os_public"},
     "tarn": {"base", "client", "module/os_public"},
     "mirrord": {"base", "client", "module/os_public"},
+    "packaging": {"base", "client", "tarn", "module/os_public"},
     "tests": {"*"},
     "fuzz": {"*"},
     "bench": {"*"},

@@ -116,6 +116,9 @@ void Mount::unmount_kernel() {
   if (err == -EBUSY) err = uk_fs_umount(mountpoint_.c_str(), kDetach);
   if (err)
     tarn::print_error("tarnd: {}\n", system_error(-err, mountpoint_ + " is not unmounted").text);
+  // Unused dentries of the lower directory have descriptors, which would keep the host's file
+  // system there mounted.
+  uk_drop_caches();
 }
 
 namespace {

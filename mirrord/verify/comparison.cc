@@ -13,11 +13,6 @@
 namespace tarn {
 namespace {
 
-/* The object without its state. */
-Version identity(const Version &version) {
-  return {version.file_system, version.inode, 0, 0};
-}
-
 bool has_joins(const TreeEntry &entry) {
   return entry.links > 1 && !S_ISDIR(entry.mode);
 }
@@ -164,9 +159,9 @@ std::string Comparison::note_joined(JoinedFiles &files, const TreeEntry &mine,
                                     bool each_once) {
   if (!has_joins(mine)) return "";
   const auto [at, is_first] =
-      files.try_emplace(identity(mine.version), Joined{identity(theirs.version), path});
+      files.try_emplace(mine.version.object(), Joined{theirs.version.object(), path});
   Joined &joined = at->second;
-  const bool differs = !is_first && joined.path != path && joined.other != identity(theirs.version);
+  const bool differs = !is_first && joined.path != path && joined.other != theirs.version.object();
   std::string other = differs ? joined.path : "";
   if (++joined.names >= mine.links && each_once) files.erase(at);
   return other;

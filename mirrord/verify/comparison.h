@@ -94,11 +94,6 @@ class Comparison {
     std::string path;
     std::uint64_t names = 0;
   };
-  struct ObjectHash {
-    std::size_t operator()(const Version &object) const {
-      return object.inode * 0x9e3779b97f4a7c15u ^ object.file_system;
-    }
-  };
   using JoinedFiles = std::unordered_map<Version, Joined, ObjectHash>;
 
   bool included(const std::string &path) const {

@@ -43,8 +43,14 @@ struct Version {
   std::uint64_t file_system = 0, inode = 0;
   std::int64_t seconds = 0, nanoseconds = 0; /* the change time */
   bool operator==(const Version &) const = default;
-  bool is_object(const Version &other) const {
-    return file_system == other.file_system && inode == other.inode;
+  /* The object without its state. */
+  Version object() const { return {file_system, inode, 0, 0}; }
+  bool is_object(const Version &other) const { return object() == other.object(); }
+};
+
+struct ObjectHash {
+  std::size_t operator()(const Version &object) const {
+    return object.inode * 0x9e3779b97f4a7c15u ^ object.file_system;
   }
 };
 

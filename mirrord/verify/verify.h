@@ -1,6 +1,6 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Compares two directory trees while both change.
+ * Compares two directory trees while both change, and mends the target.
  *
  * Compared are names, types, modes, owners, times of modification to the nanosecond, the texts of
  * symbolic links, device numbers, extended attributes (user, trusted where they can be read,
@@ -50,6 +50,24 @@ struct VerifyOptions {
 /* The differences in the order of their paths. Error: a root cannot be opened, settle() failed, or
  * it was ended; anything else that cannot be read is a difference. */
 Result<std::vector<Difference>> verify_trees(const std::string &source, const std::string &target,
+                                             const VerifyOptions &options);
+
+/*
+ * Makes the target like the source at the paths in `found`, with all below them where the target
+ * lacks a directory or has one too many. Each path is looked at again first; what is mended is what
+ * differs then. Of files that exist only differing ranges are written, in place. Set-user-id bits
+ * and capabilities are set when the file has its bytes, and only if the source's file did not
+ * change meanwhile.
+ *
+ * Returns what is left, with the reason where there is one: what could not be mended, and, as
+ * "changing", what changed while it was mended. The rest is mended whatever fails.
+ *
+ * Names and files are replaced: a Replica of the target, which keeps descriptors of both, must not
+ * be used during the call and must be opened anew after it, except that settle() may let it work
+ * and then has to open it anew before and after.
+ */
+Result<std::vector<Difference>> repair_trees(const std::string &source, const std::string &target,
+                                             const std::vector<Difference> &found,
                                              const VerifyOptions &options);
 
 }  // namespace tarn

@@ -262,7 +262,7 @@ int main(int argc, char **argv) {
   Arguments arguments;
   CLI::App app(kAbout, "mirrord");
   app.footer(kExample);
-  app.set_version_flag("--version", std::string("mirrord ") + kVersion);
+  app.set_version_flag("--version", version_line("mirrord"));
   app.add_option("--source", arguments.source, "The lower directory whose changes are replayed")
       ->type_name("DIR");
   app.add_option("--replica", arguments.replica, "The directory that they are replayed in")

@@ -45,7 +45,7 @@ class CommandLine {
  public:
   CommandLine() : app_(kAbout, "tarn") {
     app_.require_subcommand(1);
-    app_.set_version_flag("--version", std::string("tarn ") + kVersion);
+    app_.set_version_flag("--version", version_line("tarn"));
     app_.footer(kExample);
     add_mounts();
     add_rules();

@@ -65,7 +65,7 @@ std::optional<Options> parse_options(int argc, char **argv, int *status) {
   Options options;
   CLI::App app(kAbout, "tarnd");
   app.footer(kEnd);
-  app.set_version_flag("-V,--version", std::string("tarnd ") + tarn::kVersion);
+  app.set_version_flag("-V,--version", tarn::version_line("tarnd"));
   app.add_flag("-f,--foreground", options.foreground,
                "Stay in the foreground and print the kernel log");
   app.add_option("-r,--run-dir", options.run_dir,

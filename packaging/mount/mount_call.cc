@@ -78,7 +78,7 @@ Result<bool> parse(CLI::App &app, int argc, char **argv) {
 }
 
 void add_common(CLI::App &app, std::string &name_space, std::string &type) {
-  app.set_version_flag("-V,--version", app.get_name() + " " + kVersion);
+  app.set_version_flag("-V,--version", version_line(app.get_name()));
   app.add_option("-N", name_space, "Not possible: tarnd mounts in its own mount namespace")
       ->type_name("NAMESPACE");
   app.add_option("-t", type, "The type: tarn or fuse.tarn")->type_name("TYPE");

@@ -38,7 +38,8 @@ link_CLI := /usr/include/CLI
 LIBRARY := $(OUT)/libstdc++
 SOURCE := $(OUT)/gcc
 VERSION := $(shell awk '/^project/ { print $$3 }' $(ROOT)/CMakeLists.txt)
-CXXFLAGS := -std=gnu++20 -O2 -Wall -Wextra -Werror -DFMT_HEADER_ONLY -DTARN_VERSION='"$(VERSION)"' -I$(ROOT) \
+CXXFLAGS := -std=gnu++20 -O2 -Wall -Wextra -Werror -DFMT_HEADER_ONLY -I$(ROOT) \
+  -DTARN_VERSION='"$(VERSION)"' -DTARN_COMMIT='"unknown"' -DTARN_BUILD='"static build"' \
   -isystem $(LIBRARY)/include/c++ -isystem $(LIBRARY)/include/c++/x86_64-linux-musl -isystem $(HEADERS)
 
 sources = $(patsubst $(ROOT)/%,%,$(wildcard $(ROOT)/$(1)/*.cc))

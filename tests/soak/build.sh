@@ -27,6 +27,8 @@ part=$(steps)
 [ "$part" -gt 0 ] && [ "$part" -lt "$whole" ] || fail "$part of $whole steps after a change of one header"
 if [ "$SCALE" -ge 5 ]; then
   "$T/mnt/build/fuzz/base64_replay" "$T/mnt/project/fuzz/corpus/base64" >/dev/null || fail "what was built does not work"
-  [ "$("$T/mnt/build/tarn/tarn" --version)" = "$(tarn --version)" ] || fail "what was built is another program"
+  # It comes from no repository.
+  version() { "$1" --version | cut -d ' ' -f 1-2; }
+  [ "$(version "$T/mnt/build/tarn/tarn")" = "$(version tarn)" ] || fail "what was built is another program"
 fi
 end_soak no-times

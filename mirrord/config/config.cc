@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <filesystem>
 #include <initializer_list>
 #include <limits>
 #include <map>
@@ -102,6 +103,13 @@ std::string size_text(std::uint64_t bytes) {
                                 : fmt::format("{} KiB", bytes >> 10);
 }
 
+/* Without a look at the file system. */
+std::string plain_path(const std::string &path) {
+  std::string plain = std::filesystem::path(path).lexically_normal().string();
+  while (plain.size() > 1 && plain.ends_with('/')) plain.pop_back();
+  return plain;
+}
+
 /* A table of the file. Remembers the keys that were asked for; others are unknown. */
 class Section {
  public:
@@ -146,8 +154,12 @@ class Section {
     return Given<std::string>{value, line};
   }
 
+  /* What cannot be looked up now may be on a file system that does not answer. */
+  enum class LookUp { kNow, kPerhapsLater };
+
   /* An absolute path, made canonical. */
-  std::optional<Given<std::string>> path(std::string_view key, std::string_view expected) {
+  std::optional<Given<std::string>> path(std::string_view key, std::string_view expected,
+                                         LookUp look_up = LookUp::kNow) {
     auto given = text(key, expected);
     if (!given) return std::nullopt;
     if (given->value[0] != '/') {
@@ -156,6 +168,7 @@ class Section {
       return std::nullopt;
     }
     auto whole = whole_path(given->value);
+    if (!whole && look_up == LookUp::kPerhapsLater) whole = plain_path(given->value);
     if (!whole) {
       problem(given->line, fmt::format("{}: {}; expected {}", key, whole.error().text, expected));
       return std::nullopt;
@@ -269,9 +282,9 @@ std::string read_name(Section &section, NameLines &taken) {
   return name->value;
 }
 
-std::string read_directory(Section &section) {
+std::string read_directory(Section &section, Section::LookUp look_up) {
   constexpr std::string_view kExpected = "the absolute path of a directory";
-  const auto directory = section.path("directory", kExpected);
+  const auto directory = section.path("directory", kExpected, look_up);
   if (directory) return directory->value;
   if (!section.find("directory")) section.missing("directory", kExpected);
   return "";
@@ -339,7 +352,7 @@ TargetConfig read_target(Section &section, NameLines &names) {
   TargetConfig target;
   target.line = section.line();
   target.name = read_name(section, names);
-  target.directory = read_directory(section);
+  target.directory = read_directory(section, Section::LookUp::kPerhapsLater);
   section.end();
   return target;
 }
@@ -348,7 +361,7 @@ SourceConfig read_source(Section &section, NameLines &names, std::uint64_t log_l
   SourceConfig source;
   source.line = section.line();
   source.name = read_name(section, names);
-  source.directory = read_directory(section);
+  source.directory = read_directory(section, Section::LookUp::kNow);
   read_exclude(section, source);
   source.log_limit = section.size("log-limit", kLogLimitMin).value_or(log_limit);
   source.walk_files_per_second = section.count("copy-files-per-second", 1'000'000'000).value_or(0);

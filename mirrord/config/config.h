@@ -20,7 +20,7 @@
 namespace tarn {
 
 struct TargetConfig {
-  std::string name{}, directory{}; /* absolute; canonical as far as it exists */
+  std::string name{}, directory{}; /* absolute; canonical as far as it can be looked up */
   int line = 0;                    /* where it begins in the file */
 };
 
@@ -61,6 +61,14 @@ ReadConfig read_config_with_problems(const std::string &file);
 std::vector<Error> config_problems(const Config &config, const std::vector<MountEntry> &table);
 /* The first of them. */
 Result<void> check_config(const Config &config, const std::vector<MountEntry> &table);
+
+/*
+ * Asked whenever a target is opened: whether what its path leads to now is apart from all other
+ * directories. What was not there when the service began, or could not be looked up, may have come
+ * as a link or a mount into a source since.
+ */
+Result<void> check_target(const Config &config, const TargetConfig &target,
+                          const std::vector<MountEntry> &table);
 
 /* What is not there now but may come while the service runs: targets, and the directory of the
  * metrics' file. Lines like those of errors. */

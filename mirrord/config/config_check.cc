@@ -66,7 +66,23 @@ class Check {
     }
     check_sources_apart();
     check_targets_apart();
-    check_own_files();
+    for (const SourceConfig &source : config_.sources) {
+      check_apart({"the source", source.directory}, state());
+      for (const TargetConfig &target : source.targets) check_own_files(target);
+    }
+    return std::move(problems_);
+  }
+
+  /* Of one target, whose path leads to `now`. `original` is the one of the configuration. */
+  std::vector<Error> run_for(const TargetConfig &original, const TargetConfig &now) {
+    check_target(now);
+    for (const SourceConfig &source : config_.sources) {
+      for (const TargetConfig &other : source.targets) {
+        if (other.line == original.line && other.directory == original.directory) continue;
+        check_apart({"the target", other.directory}, placed(now));
+      }
+    }
+    check_own_files(now);
     return std::move(problems_);
   }
 
@@ -126,12 +142,12 @@ class Check {
   }
 
   void check_targets_apart() {
-    std::vector<Placed> placed;
+    std::vector<Placed> seen;
     for (const SourceConfig &source : config_.sources) {
       for (const TargetConfig &target : source.targets) {
-        const Placed one{{"the target", target.directory}, target.line};
-        for (const Placed &other : placed) check_apart(other.directory, one);
-        placed.push_back(one);
+        const Placed one = placed(target);
+        for (const Placed &other : seen) check_apart(other.directory, one);
+        seen.push_back(one);
       }
     }
   }
@@ -143,16 +159,15 @@ class Check {
     if (text) problem(one.line, *text + "; expected directories that are apart");
   }
 
-  void check_own_files() {
-    const Placed state{{"the state directory", config_.state_directory}, 0};
-    for (const SourceConfig &source : config_.sources) {
-      check_apart({"the source", source.directory}, state);
-      for (const TargetConfig &target : source.targets) {
-        check_apart({"the target", target.directory}, state);
-        check_outside(target, "the metrics' file", config_.metrics_file);
-        check_outside(target, "the control socket", config_.control_socket);
-      }
-    }
+  static Placed placed(const TargetConfig &target) {
+    return {{"the target", target.directory}, target.line};
+  }
+  Placed state() const { return {{"the state directory", config_.state_directory}, 0}; }
+
+  void check_own_files(const TargetConfig &target) {
+    check_apart(placed(target).directory, state());
+    check_outside(target, "the metrics' file", config_.metrics_file);
+    check_outside(target, "the control socket", config_.control_socket);
   }
 
   /* A file in a target would be taken for a difference. */
@@ -186,6 +201,17 @@ std::vector<Error> config_problems(const Config &config, const std::vector<Mount
 
 Result<void> check_config(const Config &config, const std::vector<MountEntry> &table) {
   const std::vector<Error> problems = config_problems(config, table);
+  if (!problems.empty()) return problems.front();
+  return {};
+}
+
+Result<void> check_target(const Config &config, const TargetConfig &target,
+                          const std::vector<MountEntry> &table) {
+  auto directory = whole_path(target.directory);
+  if (!directory) return directory.error();
+  TargetConfig now = target;
+  now.directory = std::move(*directory);
+  const std::vector<Error> problems = Check(config, table).run_for(target, now);
   if (!problems.empty()) return problems.front();
   return {};
 }

@@ -214,6 +214,35 @@ TEST_F(ConfigCheckTest, an_exclude_that_looks_like_a_pattern) {
   EXPECT_EQ(problems(), "");
 }
 
+TEST_F(ConfigCheckTest, a_target_that_comes_is_looked_at_again) {
+  fs::remove_all(dir_ / "ta");
+  const auto checked = [&] {
+    const auto apart = check_target(config_, config_.sources[0].targets[0], {});
+    return apart ? "" : shortened(apart.error().text);
+  };
+  EXPECT_EQ(problems() + checked(), "");
+  fs::create_directory_symlink("b", dir_ / "ta");
+  EXPECT_EQ(checked(),
+            "F:11: the target D/b is the source D/b: it would be replicated into itself: choose "
+            "another directory");
+  fs::remove(dir_ / "ta");
+  fs::create_directory_symlink("tb", dir_ / "ta");
+  EXPECT_EQ(checked(),
+            "F:11: the target D/tb is the target D/tb; expected directories that are apart");
+  fs::remove(dir_ / "ta");
+  fs::create_directories(dir_ / "state/in");
+  fs::create_directory_symlink("state/in", dir_ / "ta");
+  EXPECT_EQ(checked(),
+            "F: the state directory D/state contains the target D/state/in; expected directories "
+            "that are apart");
+  fs::remove(dir_ / "ta");
+  fs::create_directory_symlink("ta", dir_ / "ta");
+  EXPECT_EQ(checked(), "cannot resolve the path D/ta: Too many levels of symbolic links");
+  fs::remove(dir_ / "ta");
+  fs::create_directory(dir_ / "ta");
+  EXPECT_EQ(checked(), "");
+}
+
 class CheckCommandTest : public ConfigCheckTest {
  protected:
   CheckCommandTest() {

@@ -325,6 +325,22 @@ TEST_F(ConfigTest, paths_are_the_ones_that_records_carry) {
                 " without '.' and '..'\n");
 }
 
+TEST_F(ConfigTest, a_target_that_cannot_be_looked_up_may_come) {
+  fs::create_symlink("loop", dir_ / "loop");
+  const auto text = [&](const std::string &source, const std::string &target) {
+    return fmt::format(
+        "[[source]]\nname = 'data'\ndirectory = '{}'\n[[source.target]]\nname = 'b'\n"
+        "directory = '{}'\n",
+        source, target);
+  };
+  EXPECT_EQ(good(text("/no/data", dir_ / "loop/./x//")).sources[0].targets[0].directory,
+            dir_ / "loop/x");
+  EXPECT_EQ(problems(text(dir_ / "loop/x", "/no/b")),
+            fmt::format("F:3: directory: cannot resolve the path {}: Too many levels of symbolic "
+                        "links; expected the absolute path of a directory\n",
+                        dir_ / "loop/x"));
+}
+
 TEST_F(ConfigTest, excludes_that_do_not_fit_a_rule) {
   std::string list;
   for (int n = 100; n < 200; ++n) list += fmt::format("'{}{}',\n", std::string(100, 'x'), n);

@@ -403,10 +403,13 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
 }
 
 Result<void> Fetcher::make_directory(const std::string &path, const Source::Object &object) {
-  if (const auto room = make_room(path, object); !room) return room;
+  const auto mine = replica_.find(path);
+  if (!mine) return mine.error();
+  if (*mine) {
+    if (const auto room = make_room(path, object, **mine); !room) return room.error();
+  }
   if (const auto made = replica_.mkdir(path, 0700); !made) return made.error();
-  note_copy(path, object.status, false);
-  return set_all_attributes(path, object.status);
+  return finish(path, object);
 }
 
 Result<void> Fetcher::link(const std::string &path, const Source::Object &object) {

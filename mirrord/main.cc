@@ -19,9 +19,12 @@
 #include "client/paths.h"
 #include "client/site.h"
 #include "client/workdir.h"
-#include "mirrord/overlap.h"
 #include "mirrord/catch_up.h"
+#include "mirrord/config/config.h"
+#include "mirrord/control/commands.h"
 #include "mirrord/mirror.h"
+#include "mirrord/overlap.h"
+#include "mirrord/service/run_command.h"
 #include "mirrord/state.h"
 #include "mirrord/touch.h"
 
@@ -32,9 +35,12 @@ using namespace tarn;
 enum Exit { kExitOk = 0, kExitProblems = 1, kExitUsage = 2, kExitChannel = 3 };
 
 constexpr char kAbout[] =
-    "mirrord replays the changes that programs make through a tarn mount in a replica directory.\n"
-    "It runs in the foreground until SIGTERM, SIGINT or SIGHUP and says on stderr what it could "
-    "not apply.";
+    "mirrord replays the changes that programs make through a tarn mount in other directories.\n"
+    "'mirrord run' is the service: it copies what is there, follows what changes and survives "
+    "restarts. With --source and --replica it follows the changes into one copy, in the foreground, "
+    "and says on stderr what it could not apply.";
+
+constexpr char kConfigFile[] = "/etc/tarn/mirrord.toml";
 
 constexpr char kExample[] =
     "Example, with /data mounted through tarn and a rule that includes it:\n"
@@ -254,6 +260,12 @@ int mirror(const Arguments &arguments) {
               kExitProblems);
 }
 
+Result<std::string> control_socket_of(const std::string &config_file) {
+  const auto config = read_config(config_file.empty() ? kConfigFile : config_file);
+  if (!config) return config.error();
+  return config->control_socket;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -263,6 +275,15 @@ int main(int argc, char **argv) {
   CLI::App app(kAbout, "mirrord");
   app.footer(kExample);
   app.set_version_flag("--version", version_line("mirrord"));
+  app.require_subcommand(0, 1);
+  std::string config_file = kConfigFile;
+  CLI::App *run = app.add_subcommand("run", "Run the service of a configuration");
+  CLI::App *check = app.add_subcommand("check", "Say whether a configuration is good");
+  for (CLI::App *verb : {run, check})
+    verb->add_option("--config", config_file, "The configuration")
+        ->type_name("FILE")
+        ->capture_default_str();
+  ControlCommands commands(app, control_socket_of);
   app.add_option("--source", arguments.source, "The lower directory whose changes are replayed")
       ->type_name("DIR");
   app.add_option("--replica", arguments.replica, "The directory that they are replayed in")
@@ -288,5 +309,8 @@ int main(int argc, char **argv) {
     std::replace(text.begin(), text.end(), '\n', ' ');
     return fail(text + ": 'mirrord --help' shows the usage", kExitUsage);
   }
+  if (run->parsed()) return run_command(config_file);
+  if (check->parsed()) return check_command(config_file);
+  if (const auto status = commands.run()) return *status;
   return arguments.catch_up ? wait_for_another(arguments) : mirror(arguments);
 }

@@ -28,6 +28,7 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
   if (!names) return names.error();
   std::set<std::string> both(names->begin(), names->end());
   for (const DirectoryEntry &entry : *entries) both.insert(entry.name);
+  fetcher_.set_trust(since ? Fetcher::Trust::kNone : Fetcher::Trust::kSizeAndTime);
   Result<void> first;
   for (const std::string &name : both) {
     const std::string path = directory.empty() ? name : directory + "/" + name;
@@ -35,10 +36,11 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
     auto looked = look_at(path, since);
     if (first.ok() && !looked) first = std::move(looked);
   }
+  fetcher_.set_trust(Fetcher::Trust::kNone);
   // Other names of a file are looked at in their own directories.
   fetcher_.take_multiply_linked();
   changed_paths_.add(directory);
-  auto like = fetcher_.set_all_attributes(directory, (*theirs)->status);
+  auto like = fetcher_.make_directory(directory, **theirs);
   return first ? like : first;
 }
 

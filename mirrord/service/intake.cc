@@ -1,0 +1,295 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/service/intake.h"
+
+#include <cerrno>
+#include <chrono>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "mirrord/config/state_directory.h"
+#include "mirrord/file_status.h"
+#include "mirrord/service/journal.h"
+
+namespace tarn {
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr std::chrono::milliseconds kWriteInterval{500};
+
+/* The wall clock minus the steady one, in microseconds: changes when the clock is set. */
+std::int64_t clock_to_steady() {
+  using namespace std::chrono;
+  return now_us() -
+         duration_cast<std::chrono::microseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+Bytes bytes_of(const std::vector<std::byte> &bytes) {
+  return {bytes.data(), bytes.size()};
+}
+
+}  // namespace
+
+Result<std::unique_ptr<Intake>> Intake::open(Options options) {
+  std::unique_ptr<Intake> intake(new Intake(std::move(options)));
+  auto log = Log::open(intake->options_.directory + "/log", {.limit = intake->options_.log_limit});
+  if (!log) return log.error();
+  intake->log_ = std::move(*log);
+  if (const auto loaded = intake->load(); !loaded) return loaded.error();
+  intake->writer_ = std::thread([raw = intake.get()] { raw->write_behind(); });
+  return intake;
+}
+
+Intake::~Intake() {
+  if (!writer_.joinable()) return;
+  {
+    MutexLock lock(mutex_);
+    stop_ = true;
+    stop_changed_.notify_all();
+  }
+  writer_.join();
+  if (const auto saved = save(); !saved) say(Level::kError, options_.name, saved.error().text);
+}
+
+/* A document that is missing or belongs to another log only costs reading the whole log. */
+Result<void> Intake::load() {
+  const std::string file = options_.directory + "/received.json";
+  const auto document = read_document(file);
+  if (!document) return document.error();
+  LogPosition from = log_->first();
+  if (*document) {
+    try {
+      from = std::max(from, read_document_fields(**document));
+    } catch (const Json::exception &error) {
+      return Error{-EBADMSG, fmt::format("{}: {}: remove the file", file, error.what())};
+    }
+  } else {
+    const auto made = make_uuid();
+    if (!made) return made.error();
+    rule_ = *made;
+  }
+  {
+    MutexLock lock(mutex_);
+    received_.clock_to_steady = clock_to_steady();
+  }
+  if (const auto read = read_on(from); !read) return read;
+  const Log::Recovery &recovery = log_->recovery();
+  if (!recovery.damage.empty())
+    declare(kSinceEver, "the log is damaged: " + recovery.damage);
+  else if (recovery.bytes_cut != 0)
+    declare(missing_since(Missing::kSinceLastRecord), "the log's end was not written whole");
+  // A rule that nobody knows after a power cut would be a rule that nobody deletes.
+  return save();
+}
+
+/* Returns where the log goes on. Throws Json::exception. */
+LogPosition Intake::read_document_fields(const Json &json) {
+  MutexLock lock(mutex_);
+  const auto rule = parse_uuid(json.at("rule").get<std::string>());
+  if (!rule) throw Json::other_error::create(501, "no rule is named", &json);
+  rule_ = *rule;
+  received_.counts.gaps = json.at("gaps");
+  received_.counts.last_gap = json.at("last_gap");
+  received_.last_mark = json.at("last_mark");
+  if (json.at("log").get<std::string>() != to_string(log_->epoch())) return 0;
+  received_.counts.logged = json.at("logged");
+  received_.counts.captured = json.at("captured");
+  received_.last_record = json.at("last_record_us");
+  if (json.contains("generation"))
+    received_.position = Sequencer::Position{json.at("generation"), json.at("last")};
+  return json.at("position");
+}
+
+Result<void> Intake::read_on(LogPosition from) {
+  LogReader reader(*log_, from);
+  MutexLock lock(mutex_);
+  for (;;) {
+    const auto entry = reader.next();
+    if (!entry) {
+      if (entry.error().code != -EBADMSG && entry.error().code != -ESTALE) return entry.error();
+      if (const auto skipped = reader.skip_damage(); !skipped) return skipped.error();
+      continue;
+    }
+    if (!*entry) return {};
+    marked_ = false;
+    switch (static_cast<EntryKind>((*entry)->kind)) {
+      case EntryKind::kRecord:
+        if (const auto message = decode((*entry)->payload);
+            message && std::holds_alternative<Record>(*message))
+          take(std::get<Record>(*message));
+        break;
+      case EntryKind::kGap:
+        ++received_.counts.gaps;
+        break;
+      case EntryKind::kMark:
+        if (const auto mark = decode_mark((*entry)->payload))
+          received_.last_mark = std::max(received_.last_mark, mark->number);
+        marked_ = true;
+        break;
+      default:
+        break;
+    }
+  }
+}
+
+/* Records that came late have lower numbers. */
+void Intake::take(const Record &record) {
+  auto &position = received_.position;
+  const std::uint32_t last = record.last() ? record.wseq : record.wseq - 1;
+  if (!position || position->generation != record.generation ||
+      static_cast<std::int32_t>(last - position->last) > 0)
+    position = Sequencer::Position{record.generation, last};
+  received_.counts.captured = position->last;
+  received_.last_record = static_cast<std::int64_t>(record.ts);
+  ++received_.counts.logged;
+}
+
+std::optional<Sequencer::Position> Intake::received() const {
+  MutexLock lock(mutex_);
+  return received_.position;
+}
+
+Result<LogPosition> Intake::append_locked(EntryKind kind, Bytes payload) {
+  for (;;) {
+    auto appended = log_->append(static_cast<std::uint8_t>(kind), std::span(&payload, 1));
+    if (appended || appended.error().code != -ENOSPC || !make_room_ || !make_room_())
+      return appended;
+  }
+}
+
+/* While a gap waits for room, nothing else is appended: it would seem to be complete. */
+bool Intake::append_pending_gap_locked() {
+  if (!pending_gap_) return true;
+  const auto payload = encode(*pending_gap_);
+  if (!append_locked(EntryKind::kGap, bytes_of(payload))) return false;
+  say(Level::kWarning, options_.name, "GAP: " + pending_gap_->reason);
+  pending_gap_.reset();
+  marked_ = false;
+  return true;
+}
+
+void Intake::record(const Record &record, Bytes packet) {
+  MutexLock lock(mutex_);
+  const bool open = append_pending_gap_locked();
+  Result<LogPosition> appended = Error{};
+  if (open) appended = append_locked(EntryKind::kRecord, packet);
+  const bool lost = !open || !appended;
+  if (!lost) marked_ = false;
+  // A lost record is not taken: should this process end before the gap is in the log, the hole in
+  // the numbers tells the next one.
+  if (!lost) {
+    take(record);
+    received_.clock_to_steady = clock_to_steady();
+  } else if (!pending_gap_) {
+    ++received_.counts.gaps;
+    received_.counts.last_gap = "the log has no room: " + appended.error().text;
+    pending_gap_ = GapEntry{missing_since(Missing::kSinceLastRecord), received_.counts.last_gap};
+    say(Level::kError, options_.name, "records are lost: " + received_.counts.last_gap);
+  }
+}
+
+/* If the clock was set meanwhile, times do not tell what has changed since. */
+std::int64_t Intake::missing_since(Missing missing) const {
+  constexpr std::int64_t kClockSlackUs = 1'000'000;
+  const std::int64_t last = received_.last_record;
+  if (missing == Missing::kEverything || last == 0 || last > now_us() + kClockSlackUs)
+    return kSinceEver;
+  const std::int64_t set = clock_to_steady() - received_.clock_to_steady;
+  return set < -kClockSlackUs ? kSinceEver : last;
+}
+
+void Intake::declare(std::int64_t since, const std::string &reason) {
+  MutexLock lock(mutex_);
+  if (!pending_gap_) {
+    ++received_.counts.gaps;
+    received_.counts.last_gap = reason;
+    pending_gap_ = GapEntry{since, reason};
+  }
+  pending_gap_->since = std::min(pending_gap_->since, since);
+  if (!append_pending_gap_locked())
+    say(Level::kError, options_.name, "a gap cannot be logged yet: " + reason);
+}
+
+void Intake::gap(Missing missing, const std::string &reason) {
+  std::int64_t since = kSinceEver;
+  {
+    MutexLock lock(mutex_);
+    since = missing_since(missing);
+  }
+  declare(since, reason);
+}
+
+bool Intake::mark(const MarkEntry &entry) {
+  MutexLock lock(mutex_);
+  if (!append_pending_gap_locked()) return false;
+  const auto payload = encode(entry);
+  if (!append_locked(EntryKind::kMark, bytes_of(payload))) return false;
+  received_.last_mark = entry.number;
+  marked_ = true;
+  return true;
+}
+
+Result<LogPosition> Intake::append(EntryKind kind, Bytes payload) {
+  MutexLock lock(mutex_);
+  if (!append_pending_gap_locked()) return Error{-ENOSPC, "the log has no room"};
+  marked_ = false;
+  return append_locked(kind, payload);
+}
+
+bool Intake::marked() const {
+  MutexLock lock(mutex_);
+  return marked_;
+}
+
+std::uint64_t Intake::last_mark() const {
+  MutexLock lock(mutex_);
+  return received_.last_mark;
+}
+
+Intake::Counts Intake::counts() const {
+  MutexLock lock(mutex_);
+  return received_.counts;
+}
+
+Result<void> Intake::save() {
+  Json json;
+  {
+    MutexLock lock(mutex_);
+    json = {{"rule", to_string(rule_)},
+            {"log", to_string(log_->epoch())},
+            {"position", log_->end()},
+            {"logged", received_.counts.logged},
+            {"captured", received_.counts.captured},
+            {"gaps", received_.counts.gaps},
+            {"last_gap", received_.counts.last_gap},
+            {"last_mark", received_.last_mark},
+            {"last_record_us", received_.last_record}};
+    if (received_.position) {
+      json["generation"] = received_.position->generation;
+      json["last"] = received_.position->last;
+    }
+  }
+  if (const auto synced = log_->sync(); !synced) return synced;
+  return write_document(options_.directory + "/received.json", json);
+}
+
+void Intake::write_behind() {
+  LogPosition saved = 0;
+  MutexLock lock(mutex_);
+  while (!stop_) {
+    stop_changed_.wait_for(lock, kWriteInterval);
+    if (stop_) return;
+    const LogPosition end = log_->end();
+    if (end == saved) continue;
+    lock.unlock();
+    const auto written = save();
+    if (!written && save_error_ != written.error().text)
+      say(Level::kError, options_.name, written.error().text);
+    save_error_ = written ? "" : written.error().text;
+    if (written) saved = end;
+    lock.lock();
+  }
+}
+
+}  // namespace tarn

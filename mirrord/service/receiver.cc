@@ -1,0 +1,348 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/service/receiver.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include <fmt/format.h>
+
+#include "mirrord/file_status.h"
+#include "mirrord/service/journal.h"
+#include "mirrord/touch.h"
+
+namespace tarn {
+namespace {
+
+using Milliseconds = DaemonChannel::Milliseconds;
+using std::chrono::steady_clock;
+
+constexpr steady_clock::duration kRetry = std::chrono::seconds(1);
+constexpr steady_clock::duration kKeepRules = std::chrono::seconds(10);
+constexpr steady_clock::duration kMarkInterval = std::chrono::seconds(1);
+constexpr steady_clock::duration kQuiet = std::chrono::milliseconds(5);
+constexpr Milliseconds kDrained{100}; /* with no packet for this long, all have come */
+constexpr std::chrono::seconds kLeaveTime{10};
+
+}  // namespace
+
+Result<std::unique_ptr<Receiver>> Receiver::open(Site site, RuleKeeper keeper,
+                                                 std::vector<FromSource> sources) {
+  auto wake = make_pipe("the receiver");
+  if (!wake) return wake.error();
+  std::unique_ptr<Receiver> receiver(
+      new Receiver(std::move(site), std::move(keeper), std::move(*wake)));
+  // Numbers of marks grow from one start to the next, whatever the clock does.
+  std::uint64_t last = static_cast<std::uint64_t>(now_us());
+  for (const FromSource &source : sources) {
+    last = std::max(last, source.intake->last_mark());
+    receiver->sources_[source.intake->rule()] = source;
+  }
+  MutexLock lock(receiver->mutex_);
+  receiver->mark_wanted_ = receiver->mark_sent_ = last;
+  return receiver;
+}
+
+void Receiver::run() {
+  while (!stop_) {
+    const bool connected = channel_ || connect();
+    note_attempt();
+    if (!connected) {
+      pollfd waits{wake_.read_end.get(), POLLIN, 0};
+      poll(&waits, 1, static_cast<int>(std::chrono::ceil<Milliseconds>(kRetry).count()));
+      drain_wake();
+      continue;
+    }
+    receive();
+  }
+  leave();
+}
+
+void Receiver::note_attempt() {
+  MutexLock lock(mutex_);
+  if (std::exchange(attempted_, true)) return;
+  attempted_changed_.notify_all();
+}
+
+void Receiver::wait_for_attempt() {
+  MutexLock lock(mutex_);
+  while (!attempted_) attempted_changed_.wait(lock);
+}
+
+void Receiver::stop() {
+  stop_ = true;
+  (void)!write(wake_.write_end.get(), "", 1);  // a full pipe wakes as well
+}
+
+std::optional<std::uint64_t> Receiver::request_mark() {
+  MutexLock lock(mutex_);
+  if (!problem_.empty()) return std::nullopt;
+  const std::uint64_t number = ++mark_wanted_;
+  (void)!write(wake_.write_end.get(), "", 1);
+  return number;
+}
+
+std::string Receiver::problem() const {
+  MutexLock lock(mutex_);
+  return problem_;
+}
+
+bool Receiver::stopped(const Uuid &rule) const {
+  MutexLock lock(mutex_);
+  return stopped_.contains(rule);
+}
+
+void Receiver::set_problem(const std::string &problem) {
+  MutexLock lock(mutex_);
+  if (problem == problem_) return;
+  problem_ = problem;
+  say(problem.empty() ? Level::kNotice : Level::kWarning, "",
+      problem.empty() ? "registered with the module" : problem);
+}
+
+void Receiver::drain_wake() {
+  char bytes[64];
+  (void)!read(wake_.read_end.get(), bytes, sizeof bytes);
+}
+
+bool Receiver::connect() {
+  auto channel = DaemonChannel::open(site_, Claim::kRefuseIfTaken);
+  if (!channel) {
+    set_problem("not connected to the module: " + channel.error().text);
+    return false;
+  }
+  channel_ = std::move(*channel);
+  sequencer_.emplace(static_cast<Sequencer::Sink &>(*this));
+  unfinished_writes_.clear();
+  barriers_.clear();
+  const auto changed = keeper_.keep();
+  if (!changed) {
+    disconnect("the module's rules cannot be set: " + changed.error().text);
+    return false;
+  }
+  kept_at_ = Clock::now();
+  note_added(*changed);
+  find_missing(changed->kept);
+  set_problem("");
+  send_barrier();
+  return true;
+}
+
+/* A rule that is new to the module: what changed before it was added was not captured. */
+void Receiver::note_added(const RuleKeeper::Changed &changed) {
+  for (const Uuid &rule : changed.added) {
+    unfinished_writes_.erase(rule);
+    const auto source = sources_.find(rule);
+    if (source == sources_.end()) continue;
+    // No target has begun with a new log: each will be compared as a whole.
+    if (source->second.intake->log().end() == 1) continue;
+    source->second.intake->gap(Intake::Missing::kSinceLastRecord,
+                               "the module had no rule for the source until now");
+  }
+}
+
+/* Records that the module could not deliver while nobody was registered: the next number tells, so
+ * one is caused. Where that is impossible, they are taken to be missing. */
+void Receiver::find_missing(const std::vector<Uuid> &kept) {
+  std::vector<Mount> mounts;
+  std::map<Uuid, Rule> rules;
+  if (auto control = ControlChannel::connect(site_)) {
+    if (auto list = control->mounts()) mounts = std::move(*list);
+    if (auto list = control->list_rules()) {
+      for (Rule &rule : *list) rules[rule.uuid] = std::move(rule);
+    }
+  }
+  for (const Uuid &uuid : kept) {
+    const auto source = sources_.find(uuid);
+    if (source == sources_.end()) continue;
+    const auto position = source->second.intake->received();
+    if (position) sequencer_->resume(uuid, *position);
+    const auto rule = rules.find(uuid);
+    const auto touched = rule == rules.end() ? Result<void>(Error{-ENOENT, "the rule is gone"})
+                                             : touch(rule->second, mounts);
+    if (!touched)
+      source->second.intake->gap(
+          Intake::Missing::kSinceLastRecord,
+          "it is unknown what changed while mirrord was away: " + touched.error().text);
+  }
+}
+
+void Receiver::disconnect(const std::string &why) {
+  set_problem(why);
+  if (sequencer_) sequencer_->finish();
+  sequencer_.reset();
+  channel_.reset();
+  barriers_.clear();
+}
+
+/* From time to time, because somebody else may have changed them. */
+void Receiver::keep_rules() {
+  renew_stopped();
+  const auto changed = keeper_.keep();
+  kept_at_ = Clock::now();
+  if (!changed) return say(Level::kWarning, "", changed.error().text);
+  note_added(*changed);
+}
+
+void Receiver::renew_stopped() {
+  std::set<Uuid> stopped;
+  {
+    MutexLock lock(mutex_);
+    stopped = std::exchange(stopped_, {});
+  }
+  if (stopped.empty()) return;
+  auto control = ControlChannel::connect(site_);
+  for (const Uuid &rule : stopped) {
+    Result<void> deleted = control ? control->delete_rule(rule) : Result<void>(control.error());
+    if (deleted) continue;
+    say(Level::kWarning, sources_[rule].name,
+        "the stopped rule cannot be added anew: " + deleted.error().text);
+    MutexLock lock(mutex_);
+    stopped_.insert(rule);
+  }
+}
+
+void Receiver::receive() {
+  const auto timeout = std::chrono::ceil<Milliseconds>(until_next());
+  const auto received = channel_->receive(std::max(timeout, Milliseconds(0)), wake_.read_end.get());
+  if (!received) return disconnect("not connected to the module: " + received.error().text);
+  if (received->woken) drain_wake();
+  if (!received->packets.empty()) received_at_ = Clock::now();
+  for (const Bytes bytes : received->packets) packet(bytes, received->arrived_until);
+  sequencer_->expire(received->arrived_until);
+  losses(*received);
+  append_marks(received->barriers);
+  if (received->closed) return disconnect("not connected to the module: tarnd has ended");
+  if (received->packets.empty() && !received->woken && channel_->taken_over())
+    return disconnect("another daemon has taken over: no records come here");
+  bool wanted;
+  {
+    MutexLock lock(mutex_);
+    wanted = mark_wanted_ > mark_sent_;
+  }
+  const auto now = Clock::now();
+  const bool by_itself = barriers_.empty() && changed_since_mark() &&
+                         (received->packets.empty() || now - marked_at_ >= kMarkInterval);
+  if (wanted || by_itself) send_barrier();
+  if (now - kept_at_ >= kKeepRules) keep_rules();
+}
+
+Receiver::Clock::duration Receiver::until_next() const {
+  const auto now = Clock::now();
+  auto wait = kKeepRules - (now - kept_at_);
+  if (const auto deadline = sequencer_->next_deadline()) wait = std::min(wait, *deadline - now);
+  if (barriers_.empty() && changed_since_mark()) wait = std::min(wait, kQuiet);
+  return wait;
+}
+
+bool Receiver::changed_since_mark() const {
+  return std::any_of(sources_.begin(), sources_.end(),
+                     [](const auto &source) { return !source.second.intake->marked(); });
+}
+
+void Receiver::packet(Bytes packet, Clock::time_point now) {
+  const auto message = decode(packet);
+  if (!message) return say(Level::kError, "", "a message is malformed: " + message.error().text);
+  if (const auto *record = std::get_if<Record>(&*message)) {
+    if (sources_.contains(record->rule)) sequencer_->add(*record, packet, now);
+  } else if (const auto *stop = std::get_if<StopRule>(&*message)) {
+    const auto source = sources_.find(stop->rule);
+    if (source == sources_.end()) return;
+    {
+      // The module repeats it with each change that it does not capture.
+      MutexLock lock(mutex_);
+      if (!stopped_.insert(stop->rule).second) return;
+    }
+    source->second.intake->gap(
+        Intake::Missing::kSinceLastRecord,
+        "the module has stopped capturing (no memory, or written data that could not be read); "
+        "its rule is added anew");
+    kept_at_ = Clock::now() - kKeepRules + kRetry;
+  }
+}
+
+void Receiver::losses(const DaemonChannel::Received &received) {
+  if (received.oversized != 0)
+    say(Level::kError, "", fmt::format("{} packets were too long", received.oversized));
+  if (received.lost == 0) return;
+  gap_everywhere(Intake::Missing::kSinceLastRecord,
+                 fmt::format("the module could not deliver {} messages", received.lost));
+  // The answer to a barrier may be lost too: a new barrier replaces it.
+  if (!barriers_.empty()) send_barrier();
+}
+
+void Receiver::gap_everywhere(Intake::Missing missing, const std::string &reason) {
+  for (const auto &[rule, source] : sources_) source.intake->gap(missing, reason);
+}
+
+void Receiver::record(const Record &record, Bytes packet, Sequencer::Order order) {
+  const FromSource &source = sources_[record.rule];
+  if (order == Sequencer::Order::kInOrder) {
+    if (record.last())
+      unfinished_writes_.erase(record.rule);
+    else
+      unfinished_writes_.insert(record.rule);
+  }
+  source.intake->record(record, packet);
+}
+
+void Receiver::event(const Uuid &rule, const Sequencer::Event &event) {
+  const auto source = sources_.find(rule);
+  if (source == sources_.end()) return;
+  std::string what;
+  if (const auto *joined = std::get_if<Sequencer::Joined>(&event))
+    what = fmt::format("records before number {} were not sent here", joined->first);
+  else if (const auto *missing = std::get_if<Sequencer::Missing>(&event))
+    what = fmt::format("records {} to {} are missing", missing->first, missing->last);
+  else if (const auto *pages = std::get_if<Sequencer::MissingPages>(&event))
+    what = fmt::format("record {} ends after {} of its pages", pages->wseq, pages->arrived);
+  else if (const auto *restarted = std::get_if<Sequencer::Restarted>(&event))
+    what = fmt::format("the rule was deleted and added again after record {}", restarted->last);
+  else
+    return;  // a duplicate is not passed on
+  unfinished_writes_.erase(rule);
+  source->second.intake->gap(Intake::Missing::kSinceLastRecord, what);
+}
+
+void Receiver::send_barrier() {
+  const std::int64_t until = now_us();
+  const auto barrier = channel_->send_barrier();
+  if (!barrier) return disconnect("not connected to the module: " + barrier.error().text);
+  MutexLock lock(mutex_);
+  mark_sent_ = mark_wanted_ = std::max(mark_wanted_, mark_sent_ + 1);
+  barriers_.push_back({*barrier, {mark_sent_, until}});
+}
+
+/* A mark between the pages of a write would part them for a target that begins there. */
+void Receiver::append_marks(std::uint64_t barriers) {
+  const auto come = [&] { return !barriers_.empty() && barriers_.front().barrier <= barriers; };
+  if (!come() || !sequencer_->holds_nothing() || !unfinished_writes_.empty()) return;
+  MarkEntry mark;
+  for (; come(); barriers_.pop_front()) mark = barriers_.front().mark;
+  for (const auto &[rule, source] : sources_) source.intake->mark(mark);
+  marked_at_ = Clock::now();
+}
+
+/* What the module has sent before the end of the registration is still taken. */
+void Receiver::leave() {
+  if (!channel_) return;
+  if (const auto left = channel_->leave(); !left) say(Level::kWarning, "", left.error().text);
+  const auto end = Clock::now() + kLeaveTime;
+  while (Clock::now() < end) {
+    const auto received = channel_->receive(kDrained);
+    if (!received) break;
+    for (const Bytes bytes : received->packets) packet(bytes, received->arrived_until);
+    losses(*received);
+    if (received->packets.empty() || received->closed) break;
+  }
+  sequencer_->finish();
+  MutexLock lock(mutex_);
+  const MarkEntry mark{++mark_wanted_, now_us()};
+  problem_ = "stopped";
+  lock.unlock();
+  for (const auto &[rule, source] : sources_) source.intake->mark(mark);
+  channel_.reset();
+}
+
+}  // namespace tarn

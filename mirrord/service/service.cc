@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: GPL-2.0
+// Making the service from its configuration, and running it.
+#include "mirrord/service/service.h"
+
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "base/text.h"
+#include "base/version.h"
+#include "client/paths.h"
+#include "mirrord/service/journal.h"
+#include "mirrord/service/manager.h"
+
+namespace tarn {
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kHousekeeping{1000};
+constexpr steady_clock::duration kStopTime = std::chrono::seconds(20);
+
+Result<std::string> own_program() {
+  std::string path(4096, '\0');
+  const ssize_t length = readlink("/proc/self/exe", path.data(), path.size());
+  if (length < 0) return system_error(errno, "the path of this program");
+  path.resize(static_cast<std::size_t>(length));
+  return path;
+}
+
+/* A source that is not mounted is an empty directory: all would be removed in the targets. */
+Result<void> check_source(const SourceConfig &source, const std::string &file) {
+  const auto there = identify_directory(source.directory);
+  if (!there) return there.error();
+  const auto known = read_document(file);
+  if (!known) return known.error();
+  const nlohmann::json now = {{"object", there->object}, {"mount_point", there->mount_point}};
+  if (!*known) return write_document(file, now);
+  if (**known == now) return {};
+  return Error{-ENODEV,
+               fmt::format("source {}: {} is another directory than before: mount it; if it was "
+                           "replaced on purpose, remove {}",
+                           source.name, printable(source.directory), printable(file))};
+}
+
+}  // namespace
+
+Service::ReplicatedSource::ReplicatedSource(const SourceConfig &from)
+    : config(from), lists{{from.directory}, from.exclude}, scope(lists) {}
+
+bool Service::ReplicatedSource::includes(const std::string &path) const {
+  return scope.includes((config.directory == "/" ? "" : config.directory) + "/" + path);
+}
+
+/* What every target has applied. */
+void Service::ReplicatedSource::release() {
+  LogPosition needed = intake->log().end();
+  for (const auto &target : targets) needed = std::min(needed, target->needed());
+  if (const auto released = intake->log().release(needed); !released)
+    say(Level::kError, config.name, released.error().text);
+}
+
+/* The log is full: the target that is behind the others does without its entries. Called with the
+ * intake locked. */
+bool Service::ReplicatedSource::make_room() {
+  const LogPosition first = intake->log().first();
+  for (;;) {
+    release();
+    if (intake->log().first() != first) return true;
+    Target *last = nullptr;
+    for (const auto &target : targets) {
+      const bool behind = target->needed() < intake->log().end();
+      if (behind && (!last || target->needed() < last->needed())) last = target.get();
+    }
+    if (!last) return false;
+    say(Level::kError, config.name + "/" + last->name(),
+        "the log is full: what it has not applied is dropped, and it is compared anew");
+    last->drop_claim();
+  }
+}
+
+Result<std::unique_ptr<Service>> Service::open(Config config, Site site) {
+  auto state = StateDirectory::open(config.state_directory);
+  if (!state) return state.error();
+  const auto program = own_program();
+  if (!program) return program.error();
+  std::unique_ptr<Service> service(new Service(std::move(config), std::move(*state)));
+  for (const SourceConfig &source : service->config_.sources) {
+    if (const auto opened = service->open_source(source); !opened) return opened.error();
+  }
+  std::vector<RuleKeeper::Wanted> wanted;
+  std::vector<Receiver::FromSource> receivers;
+  for (const auto &source : service->sources_) {
+    RuleKeeper::Wanted rule{.uuid = source->intake->rule(),
+                            .directory = source->config.directory,
+                            .exclude = source->config.exclude};
+    for (const auto &target : source->targets)
+      rule.targets.push_back({target->uuid(), target->directory()});
+    wanted.push_back(std::move(rule));
+    receivers.push_back({source->config.name, source->intake.get()});
+  }
+  auto receiver =
+      Receiver::open(site, RuleKeeper(site, *program, std::move(wanted)), std::move(receivers));
+  if (!receiver) return receiver.error();
+  service->receiver_ = std::move(*receiver);
+  return service;
+}
+
+Result<void> Service::open_source(const SourceConfig &config) {
+  const auto directory = state_.source(config.name);
+  if (!directory) return directory.error();
+  if (const auto same = check_source(config, *directory + "/source.json"); !same) return same;
+  auto source = std::make_unique<ReplicatedSource>(config);
+  auto intake =
+      Intake::open({.name = config.name, .directory = *directory, .log_limit = config.log_limit});
+  if (!intake) return intake.error();
+  source->intake = std::move(*intake);
+  ReplicatedSource *raw = source.get();
+  source->intake->set_make_room([raw] { return raw->make_room(); });
+  source->walker = std::make_unique<Walker>(
+      Walker::Options{.name = config.name,
+                      .directory = config.directory,
+                      .included = [raw](const std::string &path) { return raw->includes(path); },
+                      .log_limit = config.log_limit,
+                      .files_per_second = config.walk_files_per_second,
+                      .walked = [this] { receiver_->request_mark(); }},
+      *source->intake);
+  for (const TargetConfig &target : config.targets) {
+    if (const auto opened = open_target(*source, target, *directory); !opened) return opened;
+  }
+  sources_.push_back(std::move(source));
+  return {};
+}
+
+Result<void> Service::open_target(ReplicatedSource &source, const TargetConfig &config,
+                                  const std::string &directory) {
+  auto target = Target::open({.source = source.config.name,
+                              .source_directory = source.config.directory,
+                              .lists = source.lists,
+                              .name = config.name,
+                              .directory = config.directory,
+                              .state_file = directory + "/target-" + config.name,
+                              .copy_bytes_per_second = source.config.copy_bytes_per_second},
+                             *source.intake, *source.walker);
+  if (!target) return target.error();
+  source.targets.push_back(std::move(*target));
+  return {};
+}
+
+Result<void> Service::run(SignalPipe &signals) {
+  std::unique_ptr<ControlServer> server;
+  auto opened = ControlServer::open(config_.control_socket, *this);
+  if (!opened) return opened.error();
+  server = std::move(*opened);
+  std::thread receiving([this] { receiver_->run(); });
+  // A first copy that began before the rule is there would have to be made twice.
+  receiver_->wait_for_attempt();
+  for (const auto &source : sources_) {
+    for (const auto &target : source->targets) target->start();
+  }
+  tell_manager("READY=1");
+  say(Level::kNotice, "", fmt::format("{} begins with {}", version_line("mirrord"), printable(config_.file)));
+  for (int signal = 0; signal == 0;) {
+    pollfd waits{signals.fd(), POLLIN, 0};
+    if (poll(&waits, 1, static_cast<int>(kHousekeeping.count())) > 0) signal = signals.take();
+    housekeeping();
+  }
+  tell_manager("STOPPING=1");
+  receiver_->stop();
+  receiving.join();
+  stop();
+  server.reset();
+  housekeeping();
+  return {};
+}
+
+void Service::stop() {
+  const auto end = steady_clock::now() + kStopTime;
+  std::vector<std::thread> stopping;
+  for (const auto &source : sources_) {
+    source->walker->stop();
+    for (const auto &target : source->targets)
+      stopping.emplace_back([&target, end] { target->stop(end); });
+  }
+  for (std::thread &thread : stopping) thread.join();
+}
+
+void Service::housekeeping() {
+  tell_manager("WATCHDOG=1");
+  for (const auto &source : sources_) source->release();
+  if (config_.metrics_file.empty()) return;
+  const auto written = write_metrics(config_.metrics_file, report());
+  if (!written && metrics_error_ != written.error().text)
+    say(Level::kWarning, "", written.error().text);
+  metrics_error_ = written ? "" : written.error().text;
+}
+
+}  // namespace tarn

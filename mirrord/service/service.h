@@ -1,0 +1,90 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The replication service: for each source of the configuration a log with a walker and its
+ * targets, and one receiver for all. Owns their threads, and answers the control socket.
+ *
+ * One thread makes it, runs it and destroys it; the functions of ServiceControl may be called by
+ * any thread in between.
+ */
+#ifndef TARN_MIRRORD_SERVICE_SERVICE_H
+#define TARN_MIRRORD_SERVICE_SERVICE_H
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/mutex.h"
+#include "client/rule_scope.h"
+#include "client/signal_pipe.h"
+#include "client/site.h"
+#include "mirrord/config/config.h"
+#include "mirrord/config/state_directory.h"
+#include "mirrord/control/control.h"
+#include "mirrord/service/intake.h"
+#include "mirrord/service/receiver.h"
+#include "mirrord/service/target.h"
+#include "mirrord/service/walker.h"
+
+namespace tarn {
+
+class Service : public ServiceControl {
+ public:
+  /* Opens the logs and the targets' states; starts nothing. Errors: the state directory is in use,
+   * another user's or of another version; a source is another directory than before. */
+  static Result<std::unique_ptr<Service>> open(Config config, Site site);
+
+  /* Until SIGTERM, SIGINT or SIGHUP. Then takes what the module has sent, and lets the targets
+   * apply what is logged for a while. */
+  Result<void> run(SignalPipe &signals);
+
+  ServiceReport report() override;
+  Result<void> wait(const TargetName &name, std::chrono::milliseconds timeout,
+                    const Progress &progress) override;
+  Result<void> pause(const TargetName &name) override;
+  Result<void> resume(const TargetName &name) override;
+  Result<void> resync(const TargetName &name) override;
+  Result<std::string> skip(const TargetName &name) override;
+  Result<std::vector<Difference>> verify(const TargetName &name, bool repair,
+                                         const Progress &progress) override;
+
+ private:
+  struct ReplicatedSource {
+    SourceConfig config;
+    RuleDirectories lists;
+    RuleScope scope;
+    std::unique_ptr<Intake> intake;
+    std::unique_ptr<Walker> walker;
+    std::vector<std::unique_ptr<Target>> targets;
+
+    explicit ReplicatedSource(const SourceConfig &from);
+    bool includes(const std::string &path) const; /* relative to the source */
+    void release();
+    bool make_room();
+  };
+  Service(Config config, StateDirectory state)
+      : config_(std::move(config)), state_(std::move(state)) {}
+
+  Result<void> open_source(const SourceConfig &config);
+  Result<void> open_target(ReplicatedSource &source, const TargetConfig &config,
+                           const std::string &directory);
+  Result<std::vector<Target *>> named(const TargetName &name);
+  Result<void> wait_slice(const std::vector<Target *> &targets, std::uint64_t mark,
+                          std::chrono::steady_clock::time_point end, const Progress &progress);
+  Result<std::uint64_t> request_mark();
+  SourceReport report_of(const ReplicatedSource &source) const;
+  void housekeeping();
+  void stop();
+
+  const Config config_;
+  const StateDirectory state_;
+  const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
+  std::vector<std::unique_ptr<ReplicatedSource>> sources_;
+  std::unique_ptr<Receiver> receiver_;
+  std::string metrics_error_; /* said already */
+};
+
+}  // namespace tarn
+
+#endif

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: GPL-2.0
+// What the control socket asks of the service.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include <fmt/format.h>
+
+#include "base/text.h"
+#include "base/version.h"
+#include "mirrord/file_status.h"
+#include "mirrord/service/service.h"
+#include "mirrord/verify/verify.h"
+
+namespace tarn {
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr steady_clock::duration kSlice = std::chrono::milliseconds(200);
+/* How long the comparison waits until a target has applied what changed before. */
+constexpr std::chrono::minutes kSettleTime{10};
+
+}  // namespace
+
+SourceReport Service::report_of(const ReplicatedSource &source) const {
+  const Log &log = source.intake->log();
+  Intake::Counts counts = source.intake->counts();
+  SourceReport report;
+  report.name = source.config.name;
+  report.directory = source.config.directory;
+  report.rule = to_string(source.intake->rule());
+  report.captured = counts.captured;
+  report.logged = counts.logged;
+  report.gaps = counts.gaps;
+  report.last_gap = std::move(counts.last_gap);
+  report.log_bytes = log.bytes();
+  report.log_limit = source.config.log_limit;
+  report.log_first = log.first();
+  report.log_end = log.end();
+  report.log_durable = log.durable_end();
+  LogReader reader(log, log.first());
+  if (const auto entry = reader.next(); entry && *entry)
+    report.log_age_seconds =
+        std::max(0.0, static_cast<double>(now_us() - (*entry)->time_ns / 1000) / 1e6);
+  report.stopped = receiver_->stopped(source.intake->rule());
+  for (const auto &target : source.targets) report.targets.push_back(target->report());
+  return report;
+}
+
+ServiceReport Service::report() {
+  ServiceReport report;
+  report.pid = getpid();
+  report.version = version_line("mirrord");
+  report.uptime_seconds = std::chrono::duration<double>(steady_clock::now() - started_).count();
+  report.connection_error = receiver_->problem();
+  report.connected = report.connection_error.empty();
+  for (const auto &source : sources_) report.sources.push_back(report_of(*source));
+  return report;
+}
+
+Result<std::vector<Target *>> Service::named(const TargetName &name) {
+  std::vector<Target *> found;
+  for (const auto &source : sources_) {
+    if (!name.source.empty() && name.source != source->config.name) continue;
+    for (const auto &target : source->targets) {
+      if (name.target.empty() || name.target == target->name()) found.push_back(target.get());
+    }
+  }
+  if (!found.empty()) return found;
+  const std::string text = name.target.empty() ? name.source : name.source + "/" + name.target;
+  return Error{-ENOENT,
+               fmt::format("there is no target {}: 'mirrord targets' lists them", printable(text))};
+}
+
+Result<std::uint64_t> Service::request_mark() {
+  const auto mark = receiver_->request_mark();
+  if (mark) return *mark;
+  return Error{-EIO, receiver_->problem()};
+}
+
+/* In slices, so that a caller who has gone is noticed. */
+Result<void> Service::wait_slice(const std::vector<Target *> &targets, std::uint64_t mark,
+                                 steady_clock::time_point end, const Progress &progress) {
+  for (Target *target : targets) {
+    for (;;) {
+      const auto slice = std::min(end, steady_clock::now() + kSlice);
+      auto waited = target->wait(mark, slice);
+      if (waited) break;
+      if (waited.error().code != -ETIMEDOUT || slice == end) return waited;
+      if (!progress(-1, "waiting for " + target->name()))
+        return Error{-ECANCELED, "nobody waits any more"};
+      if (const std::string problem = receiver_->problem(); !problem.empty())
+        return Error{-EIO, problem};
+    }
+  }
+  return {};
+}
+
+Result<void> Service::wait(const TargetName &name, std::chrono::milliseconds timeout,
+                           const Progress &progress) {
+  const auto targets = named(name);
+  if (!targets) return targets.error();
+  const auto end = steady_clock::now() + timeout;
+  const auto mark = request_mark();
+  if (!mark) return mark.error();
+  return wait_slice(*targets, *mark, end, progress);
+}
+
+Result<void> Service::pause(const TargetName &name) {
+  const auto targets = named(name);
+  if (!targets) return targets.error();
+  for (Target *target : *targets) {
+    if (const auto paused = target->pause(); !paused) return paused;
+  }
+  return {};
+}
+
+Result<void> Service::resume(const TargetName &name) {
+  const auto targets = named(name);
+  if (!targets) return targets.error();
+  for (Target *target : *targets) {
+    if (const auto resumed = target->resume(); !resumed) return resumed;
+  }
+  return {};
+}
+
+Result<void> Service::resync(const TargetName &name) {
+  const auto targets = named(name);
+  if (!targets) return targets.error();
+  for (Target *target : *targets) {
+    if (const auto begun = target->resync(); !begun) return begun;
+  }
+  return {};
+}
+
+Result<std::string> Service::skip(const TargetName &name) {
+  const auto targets = named(name);
+  if (!targets) return targets.error();
+  if (targets->size() != 1)
+    return Error{-EINVAL, "only one target's entry is skipped at a time: name SOURCE/TARGET"};
+  return targets->front()->skip();
+}
+
+Result<std::vector<Difference>> Service::verify(const TargetName &name, bool repair,
+                                                const Progress &progress) {
+  const auto targets = named(name);
+  if (!targets) return targets.error();
+  if (targets->size() != 1)
+    return Error{-EINVAL, "one target is compared at a time: name SOURCE/TARGET"};
+  const auto source = std::find_if(sources_.begin(), sources_.end(), [&](const auto &candidate) {
+    return candidate->config.name == name.source || name.source.empty();
+  });
+  VerifyOptions options;
+  options.included = [&](const std::string &path) { return (*source)->includes(path); };
+  options.settle = [&]() -> Result<void> {
+    const auto mark = request_mark();
+    if (!mark) return mark.error();
+    return wait_slice(*targets, *mark, steady_clock::now() + kSettleTime, progress);
+  };
+  options.progress = progress;
+  if (const auto settled = options.settle(); !settled) return settled.error();
+  auto found = verify_trees((*source)->config.directory, targets->front()->directory(), options);
+  if (!found || !repair || found->empty()) return found;
+  options.settle = {};  // the target's thread does the work, so nothing is applied meanwhile
+  const std::vector<Difference> differing = std::move(*found);
+  const auto run = targets->front()->between_entries([&] {
+    found = repair_trees((*source)->config.directory, targets->front()->directory(), differing,
+                         options);
+  });
+  if (!run) return run.error();
+  return found;
+}
+
+}  // namespace tarn

@@ -1,0 +1,421 @@
+// SPDX-License-Identifier: GPL-2.0
+// The thread of a target: attaching to the directory, reading the log, holding, saving.
+#include "mirrord/service/target.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include <fmt/format.h>
+
+#include "base/text.h"
+#include "mirrord/file_status.h"
+#include "mirrord/service/journal.h"
+
+namespace tarn {
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr steady_clock::duration kAttachInterval = std::chrono::seconds(1);
+constexpr steady_clock::duration kCheckInterval = std::chrono::seconds(1);
+constexpr steady_clock::duration kSaveInterval = std::chrono::seconds(5);
+constexpr steady_clock::duration kFirstPause = std::chrono::milliseconds(100);
+constexpr steady_clock::duration kLongestPause = std::chrono::seconds(30);
+constexpr std::chrono::milliseconds kIdle{200};
+
+}  // namespace
+
+Result<std::unique_ptr<Target>> Target::open(Options options, Intake &intake, Walker &walker) {
+  std::unique_ptr<Target> target(new Target(std::move(options), intake, walker));
+  const auto state = read_target_state(target->options_.state_file);
+  if (!state) return state.error();
+  if (*state) {
+    target->state_ = **state;
+  } else {
+    const auto made = make_uuid();
+    if (!made) return made.error();
+    target->state_.uuid = *made;
+  }
+  target->uuid_ = target->state_.uuid;
+  target->needed_ = target->state_.position;
+  MutexLock lock(target->mutex_);
+  target->paused_ = target->state_.paused;
+  target->shown_ = target->state_;
+  lock.unlock();
+  return target;
+}
+
+Target::~Target() {
+  if (thread_.joinable()) stop(Clock::now());
+}
+
+void Target::start() {
+  {
+    MutexLock lock(mutex_);
+    ended_ = false;
+  }
+  thread_ = std::thread([this] { run(); });
+}
+
+void Target::stop(Clock::time_point end) {
+  stop_by_ = end;
+  stop_ = true;
+  {
+    MutexLock lock(mutex_);
+    changed_.notify_all();
+  }
+  intake_.log().wake();
+  thread_.join();
+}
+
+void Target::drop_claim() {
+  needed_ = std::numeric_limits<LogPosition>::max();
+  claim_dropped_ = true;
+}
+
+/* False: told to stop, or to do something else. */
+bool Target::sleep(Clock::duration time) {
+  const auto end = Clock::now() + time;
+  MutexLock lock(mutex_);
+  while (!asked_locked() && changed_.wait_until(lock, end)) {
+  }
+  return !asked_locked();
+}
+
+void Target::run() {
+  while (take_requests()) {
+    if (!engine_) {
+      if (const auto attached = attach(); !attached) {
+        set_phase(Phase::kAway, attached.error().text);
+        (void)sleep(kAttachInterval);
+        continue;
+      }
+      set_phase(Phase::kRunning);
+    }
+    if (still_there()) step();
+  }
+  finish();
+  MutexLock lock(mutex_);
+  ended_ = true;
+  changed_.notify_all();
+}
+
+/* Applies what the log holds, as long as there is time and nothing holds it. */
+void Target::finish() {
+  if (!engine_) return;
+  while (!state_.paused && position_ < intake_.log().end() && Clock::now() < stop_by_.load()) {
+    const auto entry = reader_->next();
+    if (!entry || !*entry || !apply(**entry)) break;
+    position_ = (*entry)->position + 1;
+  }
+  const bool all = position_ == intake_.log().end() && intake_.marked() && suspects_.empty() &&
+                   !state_.missing_since;
+  if (const auto saved = save(all); !saved)
+    say(Level::kError, about(), "the position is not saved: " + saved.error().text);
+}
+
+bool Target::asked_locked() const {
+  return stop_ || skip_ || resync_ || pause_changed_ || work_ != nullptr;
+}
+
+/* False: told to stop. */
+bool Target::take_requests() {
+  take_resync();
+  take_work();
+  MutexLock lock(mutex_);
+  while (!stop_) {
+    if (pause_changed_) {
+      state_.paused = paused_;
+      lock.unlock();
+      const auto saved = engine_ ? save(false) : write_target_state(options_.state_file, state_);
+      if (!saved) failed("the state", saved.error());
+      lock.lock();
+      pause_changed_ = state_.paused != paused_;
+      changed_.notify_all();
+      continue;
+    }
+    if (!paused_ || asked_locked()) break;
+    changed_.wait_for(lock, kCheckInterval);
+  }
+  return !stop_;
+}
+
+void Target::take_resync() {
+  {
+    MutexLock lock(mutex_);
+    if (!resync_) return;
+  }
+  detach();
+  state_.identity.reset();
+  state_.missing_since = kSinceEver;
+  state_.clean = false;
+  state_.gaps = state_.skipped = 0;
+  if (const auto written = write_target_state(options_.state_file, state_); !written)
+    failed("the state", written.error());
+  MutexLock lock(mutex_);
+  resync_ = false;
+  mark_ = 0;
+  changed_.notify_all();
+}
+
+/* What the engine remembers of the directory is not true any more afterwards. */
+void Target::take_work() {
+  const std::function<void()> *work = nullptr;
+  {
+    MutexLock lock(mutex_);
+    work = work_;
+  }
+  if (!work) return;
+  detach();
+  (*work)();
+  MutexLock lock(mutex_);
+  work_ = nullptr;
+  changed_.notify_all();
+}
+
+Result<void> Target::attach() {
+  const auto there = identify_directory(options_.directory);
+  if (!there) return there.error();
+  if (const auto checked = check_identity(*there); !checked) return checked;
+  auto replica = Replica::open(options_.directory);
+  if (!replica) return replica.error();
+  identity_ = *there;
+  engine_ = std::make_unique<Engine>(std::move(*replica));
+  if (const auto closed = close_to_others(); !closed) {
+    engine_.reset();
+    return closed;
+  }
+  auto &applier = engine_->applier.emplace(
+      options_.source_directory, engine_->replica,
+      [lists = options_.lists](const Uuid &) { return std::optional(lists); });
+  applier.know_rule(intake_.rule());
+  begin_in_log();
+  // From now on something may have been applied that the position does not tell.
+  if (const auto saved = save(false); !saved) {
+    engine_.reset();
+    return saved;
+  }
+  return {};
+}
+
+/* Another directory than before is only taken if that is what somebody must have meant. */
+Result<void> Target::check_identity(const DirectoryIdentity &there) {
+  if (!state_.identity) {
+    state_.missing_since = kSinceEver;
+  } else if (state_.identity->mount_point != there.mount_point) {
+    return Error{-ENODEV, fmt::format("{} is on the file system of {}, not of {}: mount the target",
+                                      printable(options_.directory), there.mount_point,
+                                      state_.identity->mount_point)};
+  } else if (state_.identity->object != there.object) {
+    const auto empty = directory_is_empty(options_.directory);
+    if (!empty) return empty.error();
+    if (!*empty)
+      return Error{-ENODEV, fmt::format("{} is another directory than before, and not empty: "
+                                        "'mirrord resync {}' takes it as the target",
+                                        printable(options_.directory), about())};
+    say(Level::kWarning, about(), "an empty directory is in the target's place: copying all");
+    state_.missing_since = kSinceEver;
+    ++state_.gaps;
+  }
+  state_.identity = there;
+  return {};
+}
+
+/* Set-user-id files in the replica must not be run by others. */
+Result<void> Target::close_to_others() {
+  const auto must = engine_->replica.must_close_to_others();
+  if (!must) return must.error();
+  if (!*must) return {};
+  say(Level::kNotice, about(),
+      "its directory has mode 0700 now: set-user-id files in it must not be run by others; mount "
+      "its file system nosuid if they are to read it");
+  return engine_->replica.close_to_others();
+}
+
+void Target::begin_in_log() {
+  const Log &log = intake_.log();
+  const std::string epoch = to_string(log.epoch());
+  claim_dropped_ = false;
+  if (state_.log != epoch || state_.position == 0) {
+    if (!state_.log.empty()) missing(kSinceEver, log.end(), "the log is another one");
+    state_.log = epoch;
+    state_.position = log.end();
+    state_.missing_since = kSinceEver;
+  } else if (state_.position < log.first()) {
+    missing(state_.until, log.end(), "the log no longer has what was not applied");
+    state_.position = log.first();
+  } else if (state_.position > log.end()) {
+    missing(state_.until, log.end(), "the log has lost its end");
+    state_.position = log.end();
+  }
+  position_ = state_.position;
+  needed_ = position_;
+  reader_.emplace(log, position_);
+  walk_.reset();
+  walked_ = false;
+  suspects_.clear();
+  const bool replayed = !state_.clean;
+  if (replayed)
+    engine_->applier->distrust_records_until(
+        static_cast<std::uint64_t>(now_us() + PendingPaths::kHorizon.count()));
+  if (state_.missing_since) {
+    missing_at_ = log.end();
+    walker_.request(options_.name, *state_.missing_since, missing_at_);
+  }
+  publish(0);
+}
+
+/* Its memory of what is in doubt goes too, so the records from the saved position on are not
+ * trusted at the next attach. */
+void Target::detach() {
+  engine_.reset();
+  reader_.reset();
+}
+
+/* Has another directory taken the target's place? */
+bool Target::still_there() {
+  if (claim_dropped_) {
+    detach();
+    return false;
+  }
+  if (Clock::now() - checked_at_ < kCheckInterval) return true;
+  checked_at_ = Clock::now();
+  const auto there = identify_directory(options_.directory);
+  if (there && *there == identity_) return true;
+  detach();
+  return false;
+}
+
+void Target::step() {
+  const auto entry = reader_->next();
+  if (!entry) return unreadable(entry.error());
+  if (!*entry) return idle();
+  apply_held(**entry);
+}
+
+void Target::unreadable(const Error &error) {
+  const auto next = reader_->skip_damage();
+  missing(error.code == -ESTALE ? state_.until : kSinceEver, intake_.log().end(), error.text);
+  if (!next) {
+    failed("the log", next.error());
+    (void)sleep(kAttachInterval);
+    return;
+  }
+  position_ = *next;
+}
+
+void Target::idle() {
+  if (unsaved_ && Clock::now() - saved_at_ >= kSaveInterval) {
+    if (const auto saved = save(false); !saved) failed("the position", saved.error());
+  }
+  if (state_.missing_since && !walk_ && !walked_ && Clock::now() >= walk_retry_at_ &&
+      walk_retry_at_ != Clock::time_point{}) {
+    walk_retry_at_ = {};
+    missing_at_ = intake_.log().end();
+    walker_.request(options_.name, *state_.missing_since, missing_at_);
+  }
+  publish(0);
+  (void)intake_.log().wait(position_, kIdle);
+}
+
+/* Tries until the entry is applied, skipped, or the directory has gone. */
+void Target::apply_held(const LogEntry &entry) {
+  auto pause = kFirstPause;
+  for (;;) {
+    const auto applied = apply(entry);
+    if (applied) break;
+    if (!holds_target(applied.error())) {
+      failed(describe_entry(entry), applied.error());
+      break;
+    }
+    const std::string what = describe_entry(entry);
+    say(Level::kWarning, about(), "held by " + what + ": " + applied.error().text);
+    set_phase(Phase::kHeld, what + ": " + applied.error().text);
+    {
+      MutexLock lock(mutex_);
+      held_entry_ = what;
+    }
+    const bool again = sleep(pause);
+    pause = std::min(2 * pause, kLongestPause);
+    MutexLock lock(mutex_);
+    held_entry_.clear();
+    const bool skipped = std::exchange(skip_, false);
+    lock.unlock();
+    checked_at_ = {};
+    if (skipped) {
+      ++state_.skipped;
+      ++state_.gaps;
+      say(Level::kWarning, about(), "GAP: skipped " + what);
+      break;
+    }
+    // The reader is behind the entry: the next attempt begins with the next attach or here.
+    if (!again || !still_there()) {
+      if (engine_) reader_.emplace(intake_.log(), position_);
+      return;
+    }
+  }
+  set_phase(Phase::kRunning);
+  position_ = entry.position + 1;
+  unsaved_ = true;
+  publish(entry.time_ns);
+}
+
+/* The data that the files have now and the position that says so, in this order. */
+Result<void> Target::save(bool clean) {
+  engine_->replica.close_files();
+  if (const auto kept = write_back(); !kept) return kept;
+  // Only a mark tells that nothing before it is in doubt.
+  state_.clean = clean;
+  if (clean) state_.position = position_;
+  if (const auto synced = engine_->replica.sync(); !synced) return synced;
+  // A log that loses its end gives the positions to other entries.
+  if (state_.position > intake_.log().durable_end()) {
+    if (const auto logged = intake_.log().sync(); !logged) return logged;
+  }
+  if (const auto written = write_target_state(options_.state_file, state_); !written)
+    return written;
+  needed_ = claim_dropped_ ? needed_.load() : state_.position;
+  saved_at_ = Clock::now();
+  unsaved_ = false;
+  return {};
+}
+
+void Target::missing(std::int64_t since, LogPosition position, const std::string &why) {
+  say(Level::kWarning, about(), "GAP: " + why);
+  ++state_.gaps;
+  state_.missing_since = std::min(state_.missing_since.value_or(since), since);
+  missing_at_ = position;
+  walk_.reset();
+  walked_ = false;
+  walker_.request(options_.name, *state_.missing_since, missing_at_);
+}
+
+void Target::failed(const std::string &what, const Error &error) {
+  ++state_.failures;
+  say(Level::kWarning, about(), what + ": " + error.text);
+  MutexLock lock(mutex_);
+  error_ = what + ": " + error.text;
+}
+
+std::string Target::describe_entry(const LogEntry &entry) const {
+  std::string what;
+  switch (static_cast<EntryKind>(entry.kind)) {
+    case EntryKind::kRecord:
+      if (const auto message = decode(entry.payload);
+          message && std::holds_alternative<Record>(*message))
+        what = describe(std::get<Record>(*message).change);
+      break;
+    case EntryKind::kLook:
+      if (const auto look = decode_look(entry.payload))
+        what = "copy of " + printable("./" + look->directory);
+      break;
+    case EntryKind::kMark:
+      what = "the comparison with the source";
+      break;
+    default:
+      break;
+  }
+  return fmt::format("entry {} ({})", entry.position, what.substr(0, 400));
+}
+
+}  // namespace tarn

@@ -1,0 +1,184 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * One target of a source: a directory in which a thread of its own replays the source's log. What
+ * happens to a target concerns no other one and no writer.
+ *
+ * Its position is durable at marks, when all before it has been compared with the source and is on
+ * the disk. A process that ended without that may have applied more: the records until its next
+ * start are then not replayed, but the paths that they name are copied from the source.
+ *
+ * Errors of the machine (a full or read-only file system, I/O, memory) hold the target: the entry
+ * is tried again with growing pauses, until it succeeds or is skipped. After any other error, the
+ * record's paths are copied from the source at the next mark. Changes that the log does not have
+ * are found by a walk (walker.h).
+ *
+ * The functions of the class may be called by any thread.
+ */
+#ifndef TARN_MIRRORD_SERVICE_TARGET_H
+#define TARN_MIRRORD_SERVICE_TARGET_H
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "base/mutex.h"
+#include "mirrord/applier.h"
+#include "mirrord/control/control.h"
+#include "mirrord/log/log.h"
+#include "mirrord/replica.h"
+#include "mirrord/service/intake.h"
+#include "mirrord/service/target_state.h"
+#include "mirrord/service/walker.h"
+
+namespace tarn {
+
+/* Does the error hold a target? Errors of the machine do, they may go away; those of a record do
+ * not. */
+bool holds_target(const Error &error);
+
+class Target {
+ public:
+  struct Options {
+    std::string source;           /* its name */
+    std::string source_directory; /* absolute */
+    RuleDirectories lists;        /* of the source's rule */
+    std::string name;
+    std::string directory;
+    std::string state_file;
+    std::uint64_t copy_bytes_per_second = 0; /* 0: no limit */
+  };
+  using Clock = std::chrono::steady_clock;
+
+  /* Reads the state; changes nothing yet. */
+  static Result<std::unique_ptr<Target>> open(Options options, Intake &intake, Walker &walker);
+  ~Target();
+  Target(const Target &) = delete;
+  Target &operator=(const Target &) = delete;
+
+  void start();
+  /* Ends the thread: applies what the log holds if that takes no longer than until `end`. */
+  void stop(Clock::time_point end);
+
+  const std::string &name() const { return options_.name; }
+  const std::string &directory() const { return options_.directory; }
+  /* Of the replicated directory in the module. */
+  const Uuid &uuid() const { return uuid_; }
+  TargetReport report() const EXCLUDES(mutex_);
+  /* Each of these is in the state file when it returns. Error -ETIMEDOUT: not yet, because the
+   * entry that is being applied takes long. */
+  Result<void> pause() EXCLUDES(mutex_);
+  Result<void> resume() EXCLUDES(mutex_);
+  /* Compares everything anew. Accepts the directory that is there now, whichever it is. */
+  Result<void> resync() EXCLUDES(mutex_);
+  /* Steps over the entry that holds the target, and returns what it was. */
+  Result<std::string> skip() EXCLUDES(mutex_);
+  /* Until the mark is applied and nothing is missing. Errors: -ETIMEDOUT; -EIO if it is paused,
+   * held or away. */
+  Result<void> wait(std::uint64_t mark, Clock::time_point end) EXCLUDES(mutex_);
+
+  /* Runs `work`, which may change the directory, in the target's thread between two entries. Error
+   * -EIO: the target is ending. */
+  Result<void> between_entries(const std::function<void()> &work) EXCLUDES(mutex_);
+
+  /* The log's entries before it are not needed any more. */
+  LogPosition needed() const { return needed_; }
+  /* The log is full: the target does without the entries that it has not read and is compared with
+   * the source instead. */
+  void drop_claim();
+
+ private:
+  Target(Options options, Intake &intake, Walker &walker)
+      : options_(std::move(options)), intake_(intake), walker_(walker) {}
+
+  struct Engine {
+    explicit Engine(Replica opened) : replica(std::move(opened)) {}
+    Replica replica;
+    std::optional<Applier> applier; /* refers to `replica` */
+  };
+
+  enum class Phase { kStarting, kAway, kHeld, kRunning };
+
+  void run();
+  bool take_requests() EXCLUDES(mutex_);
+  void take_resync() EXCLUDES(mutex_);
+  void take_work() EXCLUDES(mutex_);
+  Result<void> until_taken(const bool &request) EXCLUDES(mutex_);
+  bool asked_locked() const REQUIRES(mutex_);
+  Result<void> attach();
+  Result<void> check_identity(const DirectoryIdentity &there);
+  Result<void> close_to_others();
+  void begin_in_log();
+  void detach();
+  bool still_there();
+  void finish();
+  void step();
+  void idle();
+  void unreadable(const Error &error);
+  void apply_held(const LogEntry &entry);
+  Result<void> apply(const LogEntry &entry);
+  Result<void> apply_record(const LogEntry &entry);
+  Result<void> apply_mark(const MarkEntry &mark);
+  Result<void> apply_look(const LookEntry &look);
+  void apply_walk_begin(const WalkBeginEntry &walk, LogPosition position);
+  void apply_walk_end(const WalkEndEntry &walk);
+  Result<void> after_mark(const MarkEntry &mark);
+  Result<void> write_back();
+  void missing(std::int64_t since, LogPosition position, const std::string &why);
+  void failed(const std::string &what, const Error &error);
+  Result<void> save(bool clean);
+  void set_phase(Phase phase, const std::string &error = "") EXCLUDES(mutex_);
+  void publish(std::int64_t entry_time_ns) EXCLUDES(mutex_);
+  bool sleep(Clock::duration time) EXCLUDES(mutex_);
+  std::string about() const { return options_.source + "/" + options_.name; }
+  std::string describe_entry(const LogEntry &entry) const;
+
+  const Options options_;
+  Intake &intake_;
+  Walker &walker_;
+
+  Uuid uuid_;
+
+  /* The thread's own. */
+  TargetState state_;
+  std::unique_ptr<Engine> engine_;
+  std::optional<LogReader> reader_;
+  LogPosition position_ = 0;           /* of the next entry to apply */
+  LogPosition missing_at_ = 0;         /* a walk that begins before it is too early */
+  std::optional<WalkBeginEntry> walk_; /* under way in the log, and of use here */
+  bool walked_ = false;                /* it has ended: the next mark ends `missing_since` */
+  std::set<std::string> suspects_;     /* copied from the source at the next mark */
+  DirectoryIdentity identity_;
+  Clock::time_point saved_at_{}, checked_at_{}, walk_retry_at_{}, walk_started_{};
+  bool unsaved_ = false;
+
+  std::thread thread_;
+  std::atomic<LogPosition> needed_ = 0;
+  std::atomic<bool> claim_dropped_ = false;
+  std::atomic<bool> stop_ = false;
+  std::atomic<Clock::time_point> stop_by_ = Clock::time_point{};
+
+  mutable Mutex mutex_;
+  Condition changed_;
+  bool paused_ GUARDED_BY(mutex_) = false;
+  bool pause_changed_ GUARDED_BY(mutex_) = false; /* not in the state file yet */
+  bool resync_ GUARDED_BY(mutex_) = false;
+  bool skip_ GUARDED_BY(mutex_) = false;
+  const std::function<void()> *work_ GUARDED_BY(mutex_) = nullptr;
+  bool ended_ GUARDED_BY(mutex_) = true;      /* the thread does not run */
+  std::string held_entry_ GUARDED_BY(mutex_); /* "": not held */
+  Phase phase_ GUARDED_BY(mutex_) = Phase::kStarting;
+  std::string error_ GUARDED_BY(mutex_);
+  TargetState shown_ GUARDED_BY(mutex_);      /* with the present position */
+  std::uint64_t mark_ GUARDED_BY(mutex_) = 0; /* applied, with nothing missing */
+  double progress_ GUARDED_BY(mutex_) = -1, seconds_left_ GUARDED_BY(mutex_) = -1;
+  std::int64_t entry_time_ns_ GUARDED_BY(mutex_) = 0; /* of the last applied entry */
+};
+
+}  // namespace tarn
+
+#endif

@@ -1,0 +1,204 @@
+// SPDX-License-Identifier: GPL-2.0
+// How a target applies each kind of entry.
+#include <cerrno>
+
+#include <fmt/format.h>
+
+#include "base/text.h"
+#include "mirrord/file_status.h"
+#include "mirrord/service/journal.h"
+#include "mirrord/service/target.h"
+
+namespace tarn {
+namespace {
+
+/* A walk that could not read a part of the source is repeated. */
+constexpr std::chrono::seconds kWalkAgain{60};
+
+}  // namespace
+
+/* Errors of the machine, not of the record: they may go away. */
+bool holds_target(const Error &error) {
+  switch (-error.code) {
+    case ENOSPC:
+    case EDQUOT:
+    case EROFS:
+    case EIO:
+    case ENOMEM:
+    case EMFILE:
+    case ENFILE:
+    case ENODEV:
+    case ENXIO:
+    case ESTALE:
+    case EHOSTDOWN:
+    case ETIMEDOUT:
+    case EMLINK:
+      return true;
+  }
+  return false;
+}
+
+/* Entries that cannot be decoded are gaps: the log's own checksums had accepted them. */
+Result<void> Target::apply(const LogEntry &entry) {
+  const auto as_gap = [&](const Error &error) {
+    missing(kSinceEver, entry.position, error.text);
+    return Result<void>();
+  };
+  switch (static_cast<EntryKind>(entry.kind)) {
+    case EntryKind::kRecord:
+      return apply_record(entry);
+    case EntryKind::kGap: {
+      const auto gap = decode_gap(entry.payload);
+      if (!gap) return as_gap(gap.error());
+      missing(gap->since, entry.position, gap->reason);
+      return {};
+    }
+    case EntryKind::kMark: {
+      const auto mark = decode_mark(entry.payload);
+      return mark ? apply_mark(*mark) : as_gap(mark.error());
+    }
+    case EntryKind::kWalkBegin: {
+      const auto walk = decode_walk_begin(entry.payload);
+      if (!walk) return as_gap(walk.error());
+      apply_walk_begin(*walk, entry.position);
+      return {};
+    }
+    case EntryKind::kLook: {
+      const auto look = decode_look(entry.payload);
+      return look ? apply_look(*look) : as_gap(look.error());
+    }
+    case EntryKind::kWalkEnd: {
+      const auto walk = decode_walk_end(entry.payload);
+      if (!walk) return as_gap(walk.error());
+      apply_walk_end(*walk);
+      return {};
+    }
+  }
+  return as_gap(Error{-EBADMSG, "the log has an entry of an unknown kind"});
+}
+
+Result<void> Target::apply_record(const LogEntry &entry) {
+  const auto message = decode(entry.payload);
+  if (!message || !std::holds_alternative<Record>(*message)) {
+    missing(kSinceEver, entry.position, "the log has a record that is none");
+    return {};
+  }
+  const Record &record = std::get<Record>(*message);
+  Applier &applier = *engine_->applier;
+  const auto applied = applier.apply(record);
+  ++state_.applied;
+  if (const auto kept = write_back(); !kept) return kept;
+  if (applied) return {};
+  const std::vector<std::string> paths = applier.changed_by(record);
+  const bool unplaced = applied.error().code == -ESTALE && record.naming == Naming::kUnplaced;
+  if (!unplaced && holds_target(applied.error())) return applied.error();
+  // The walk of a first copy comes by all that is not there yet.
+  const bool copying = state_.missing_since == kSinceEver;
+  const bool absent = applied.error().code == -ENOENT || applied.error().code == -ENOTDIR;
+  if (copying && absent) return {};
+  if (paths.empty())
+    missing(static_cast<std::int64_t>(record.ts), entry.position, "an unnamed file was changed");
+  suspects_.insert(paths.begin(), paths.end());
+  return {};
+}
+
+/* The replica's file system told only now that a write had failed. */
+Result<void> Target::write_back() {
+  Result<void> first;
+  for (const auto &[path, error] : engine_->replica.take_write_back_errors()) {
+    suspects_.insert(path);
+    failed("write-back of " + printable(path), error);
+    if (first.ok()) first = error;
+  }
+  return first;
+}
+
+Result<void> Target::apply_mark(const MarkEntry &mark) {
+  Applier &applier = *engine_->applier;
+  // During a first copy all is compared by the walk.
+  const bool copying = state_.missing_since == kSinceEver && !walked_;
+  if (copying && !applier.changed_paths().full()) {
+    state_.until = mark.until;
+    state_.position = position_ + 1;
+    unsaved_ = true;
+    return {};
+  }
+  for (auto path = suspects_.begin(); path != suspects_.end();) {
+    const auto looked = applier.look_at(*path);
+    if (!looked && holds_target(looked.error())) return looked;
+    if (!looked) failed(printable(*path), looked.error());
+    path = suspects_.erase(path);
+  }
+  const auto compared = applier.caught_up(mark.until);
+  if (!compared && holds_target(compared.error())) return compared;
+  engine_->replica.close_files();
+  if (const auto kept = write_back(); !kept) return kept;
+  if (!compared) failed("the comparison with the source", compared.error());
+  for (const Unexplained &missing : applier.take_unexplained())
+    say(Level::kNotice, about(),
+        fmt::format("record {} ({}): its object was gone on both sides", missing.wseq,
+                    missing.what));
+  return after_mark(mark);
+}
+
+Result<void> Target::after_mark(const MarkEntry &mark) {
+  if (!suspects_.empty()) return {};
+  if (walked_) {
+    state_.missing_since.reset();
+    state_.gaps = state_.skipped;
+    walked_ = false;
+    walk_.reset();
+    say(Level::kNotice, about(), "nothing is missing any more");
+  }
+  state_.until = mark.until;
+  state_.position = position_ + 1;
+  unsaved_ = true;
+  if (!state_.missing_since) {
+    MutexLock lock(mutex_);
+    mark_ = mark.number;
+    progress_ = seconds_left_ = -1;
+    error_.clear();
+    changed_.notify_all();
+  }
+  return {};
+}
+
+/* Only a walk that began behind what is missing, and looks back far enough. */
+void Target::apply_walk_begin(const WalkBeginEntry &walk, LogPosition position) {
+  const bool ours = walk.target.empty() || walk.target == options_.name;
+  if (!ours || !state_.missing_since || position < missing_at_ ||
+      walk.since > *state_.missing_since)
+    return;
+  walk_ = walk;
+  walked_ = false;
+  walk_started_ = Clock::now();
+}
+
+Result<void> Target::apply_look(const LookEntry &look) {
+  if (!walk_ || walk_->walk != look.walk) return {};
+  const auto since = walk_->since == kSinceEver ? std::optional<std::int64_t>() : walk_->since;
+  auto looked = engine_->applier->look(look.directory, since);
+  if (const auto kept = write_back(); !kept) return kept;
+  if (!looked && !holds_target(looked.error())) {
+    failed("copy of " + printable("./" + look.directory), looked.error());
+    looked = {};
+  }
+  const double done = static_cast<double>(look.done) / LookEntry::kWhole;
+  const double seconds = std::chrono::duration<double>(Clock::now() - walk_started_).count();
+  MutexLock lock(mutex_);
+  progress_ = done;
+  seconds_left_ = done > 0 ? seconds / done * (1 - done) : -1;
+  return looked;
+}
+
+void Target::apply_walk_end(const WalkEndEntry &walk) {
+  if (!walk_ || walk_->walk != walk.walk) return;
+  walk_.reset();
+  walked_ = walk.complete;
+  if (!walk.complete) {
+    walk_retry_at_ = Clock::now() + kWalkAgain;
+    failed("the walk over the source", Error{-EACCES, "a part of the source cannot be read"});
+  }
+}
+
+}  // namespace tarn

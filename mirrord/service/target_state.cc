@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/service/target_state.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "base/mount_table.h"
+#include "base/text.h"
+#include "client/paths.h"
+#include "mirrord/config/state_directory.h"
+#include "mirrord/directory_walk.h"
+
+namespace tarn {
+namespace {
+
+using Json = nlohmann::json;
+
+/* The longest mount point that the path lies below. */
+std::string mount_point_of(const std::string &path) {
+  std::string longest;
+  for (const MountEntry &entry : mount_table()) {
+    if (path_below(entry.mountpoint, path) && entry.mountpoint.size() >= longest.size())
+      longest = entry.mountpoint;
+  }
+  return printable(longest);
+}
+
+Json to_json(const TargetState &state) {
+  Json json = {
+      {"uuid", to_string(state.uuid)}, {"log", state.log},           {"position", state.position},
+      {"clean", state.clean},          {"until", state.until},       {"paused", state.paused},
+      {"applied", state.applied},      {"failures", state.failures}, {"gaps", state.gaps},
+      {"skipped", state.skipped}};
+  if (state.identity)
+    json["identity"] = {{"object", state.identity->object},
+                        {"mount_point", state.identity->mount_point}};
+  if (state.missing_since) json["missing_since"] = *state.missing_since;
+  return json;
+}
+
+/* Throws Json::exception. */
+TargetState from_json(const Json &json) {
+  const auto uuid = parse_uuid(json.at("uuid").get<std::string>());
+  if (!uuid) throw Json::other_error::create(501, "no UUID is named", &json);
+  TargetState state{.uuid = *uuid,
+                    .log = json.at("log"),
+                    .position = json.at("position"),
+                    .clean = json.at("clean"),
+                    .until = json.at("until"),
+                    .paused = json.at("paused"),
+                    .applied = json.at("applied"),
+                    .failures = json.at("failures"),
+                    .gaps = json.at("gaps"),
+                    .skipped = json.at("skipped")};
+  if (json.contains("identity"))
+    state.identity =
+        DirectoryIdentity{json.at("identity").at("object"), json.at("identity").at("mount_point")};
+  if (json.contains("missing_since")) state.missing_since = json.at("missing_since");
+  return state;
+}
+
+}  // namespace
+
+Result<DirectoryIdentity> identify_directory(const std::string &path) {
+  struct statx status;
+  if (statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &status) != 0)
+    return system_error(errno, printable(path));
+  if (!S_ISDIR(status.stx_mode)) return system_error(ENOTDIR, printable(path));
+  DirectoryIdentity identity{std::to_string(status.stx_ino), mount_point_of(path)};
+  if ((status.stx_mask & STATX_BTIME) != 0)
+    identity.object += fmt::format(" {}.{:09}", status.stx_btime.tv_sec, status.stx_btime.tv_nsec);
+  return identity;
+}
+
+Result<bool> directory_is_empty(const std::string &path) {
+  UniqueFd directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory) return system_error(errno, printable(path));
+  const auto entries = directory_entries(std::move(directory));
+  if (!entries) return entries.error();
+  // mkfs makes it.
+  return entries->empty() || (entries->size() == 1 && entries->front().name == "lost+found");
+}
+
+Result<std::optional<TargetState>> read_target_state(const std::string &file) {
+  const auto document = read_document(file);
+  if (!document) return document.error();
+  if (!*document) return std::optional<TargetState>();
+  try {
+    return std::optional<TargetState>(from_json(**document));
+  } catch (const Json::exception &error) {
+    return Error{-EBADMSG, fmt::format("{}: {}: remove the file to compare the target anew",
+                                       printable(file), error.what())};
+  }
+}
+
+Result<void> write_target_state(const std::string &file, const TargetState &state) {
+  return write_document(file, to_json(state));
+}
+
+}  // namespace tarn

@@ -1,0 +1,48 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * What is kept of a target over a restart, and which directory it is: a path may lead to another
+ * one, because nothing is mounted there or something else is.
+ */
+#ifndef TARN_MIRRORD_SERVICE_TARGET_STATE_H
+#define TARN_MIRRORD_SERVICE_TARGET_STATE_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "base/result.h"
+#include "client/uuid.h"
+#include "mirrord/service/log_entries.h"
+
+namespace tarn {
+
+/* Device numbers change between boots, and inode numbers are reused. */
+struct DirectoryIdentity {
+  std::string object;      /* inode number and birth time */
+  std::string mount_point; /* of the file system that it lies on, printable */
+  bool operator==(const DirectoryIdentity &) const = default;
+};
+/* Errors: -ENOENT, -ENOTDIR and others of the look-up. */
+Result<DirectoryIdentity> identify_directory(const std::string &path);
+/* Errors: those of reading it. */
+Result<bool> directory_is_empty(const std::string &path);
+
+struct TargetState {
+  Uuid uuid = {};                                 /* of the replicated directory, made once */
+  std::optional<DirectoryIdentity> identity = {}; /* nothing: never used, or to be compared anew */
+  std::string log = {};                           /* the epoch of the log that the position is of */
+  std::uint64_t position = 0;                     /* all entries before it are in the target */
+  bool clean = false;                             /* and none behind it, nor is anything in doubt */
+  std::int64_t until = 0;                         /* of the last mark that was applied */
+  std::optional<std::int64_t> missing_since = {}; /* not healed yet */
+  bool paused = false;
+  std::uint64_t applied = 0, failures = 0, gaps = 0, skipped = 0;
+};
+
+/* Nothing: there is no file. Error -EBADMSG: it cannot be used; the text says what to do. */
+Result<std::optional<TargetState>> read_target_state(const std::string &file);
+Result<void> write_target_state(const std::string &file, const TargetState &state);
+
+}  // namespace tarn
+
+#endif

@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/service/walker.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+
+#include "base/text.h"
+#include "mirrord/file_status.h"
+#include "mirrord/service/journal.h"
+
+namespace tarn {
+namespace {
+
+using std::chrono::steady_clock;
+
+/* Targets that find the same gap ask at about the same time. */
+constexpr std::chrono::milliseconds kGather{50};
+constexpr std::chrono::milliseconds kLogCheck{100};
+
+Bytes bytes_of(const std::vector<std::byte> &bytes) {
+  return {bytes.data(), bytes.size()};
+}
+
+}  // namespace
+
+Walker::Walker(Options options, Intake &intake)
+    : options_(std::move(options)), intake_(intake), source_(options_.directory) {
+  thread_ = std::thread([this] { run(); });
+}
+
+void Walker::stop() {
+  {
+    MutexLock lock(mutex_);
+    stop_ = true;
+    changed_.notify_all();
+  }
+  if (thread_.joinable()) thread_.join();
+}
+
+void Walker::request(const std::string &target, std::int64_t since, LogPosition from) {
+  MutexLock lock(mutex_);
+  if (begun_ && begun_->position >= from && begun_->begin.since <= since &&
+      (begun_->begin.target.empty() || begun_->begin.target == target))
+    return;
+  const auto [wanted, fresh] = wanted_.try_emplace(target, since);
+  if (!fresh) wanted->second = std::min(wanted->second, since);
+  changed_.notify_all();
+}
+
+void Walker::run() {
+  MutexLock lock(mutex_);
+  while (!stop_) {
+    if (wanted_.empty()) {
+      changed_.wait(lock);
+      continue;
+    }
+    lock.unlock();
+    if (!pause(kGather)) return;
+    lock.lock();
+    WalkBeginEntry begin;
+    begin.target = wanted_.size() == 1 ? wanted_.begin()->first : "";
+    begin.since = wanted_.begin()->second;
+    for (const auto &[target, since] : wanted_) begin.since = std::min(begin.since, since);
+    wanted_.clear();
+    begun_ = Begun{intake_.log().end(), begin};
+    begin.walk = begun_->position;
+    lock.unlock();
+    walk(std::move(begin));
+    lock.lock();
+  }
+}
+
+/* False: told to stop. */
+bool Walker::pause(steady_clock::duration time) {
+  const auto end = steady_clock::now() + time;
+  MutexLock lock(mutex_);
+  while (!stop_ && changed_.wait_until(lock, end)) {
+  }
+  return !stop_;
+}
+
+bool Walker::append(EntryKind kind, const std::vector<std::byte> &payload) {
+  for (bool said = false;; said = true) {
+    const bool room = intake_.log().bytes() < options_.log_limit / 2;
+    const auto appended =
+        room ? intake_.append(kind, bytes_of(payload)) : Result<LogPosition>(Error{});
+    if (appended) return true;
+    if (room && !said) say(Level::kWarning, options_.name, appended.error().text);
+    if (!pause(kLogCheck)) return false;
+  }
+}
+
+bool Walker::keep_to_speed(const Walk &walk) {
+  if (options_.files_per_second == 0) return pause(steady_clock::duration::zero());
+  const auto due =
+      walk.started +
+      std::chrono::duration_cast<steady_clock::duration>(std::chrono::duration<double>(
+          static_cast<double>(walk.files) / static_cast<double>(options_.files_per_second)));
+  return pause(std::max(due - steady_clock::now(), steady_clock::duration::zero()));
+}
+
+void Walker::walk(WalkBeginEntry begin) {
+  Walk walk{.begin = begin, .started = steady_clock::now()};
+  if (begin.since != kSinceEver) walk.since = begin.since - kTimestampSlackUs;
+  if (!append(EntryKind::kWalkBegin, encode(begin))) return;
+  if (!directory(walk, "", 0, 1)) return;
+  if (append(EntryKind::kWalkEnd, encode(WalkEndEntry{begin.walk, walk.complete})))
+    options_.walked();
+}
+
+bool Walker::directory(Walk &walk, const std::string &path, double from, double to) {
+  auto object = source_.find(path);
+  if (object && (!*object || !S_ISDIR((*object)->status.st_mode))) return true;  // a record tells
+  auto entries =
+      object ? Source::entries(**object) : Result<std::vector<DirectoryEntry>>(object.error());
+  if (!entries) {
+    if (std::exchange(walk.complete, false))
+      say(Level::kWarning, options_.name, printable(path) + ": " + entries.error().text);
+    return true;
+  }
+  walk.files += entries->size();
+  if (!keep_to_speed(walk)) return false;
+  if (has_changes(walk, **object, *entries)) {
+    const auto done = static_cast<std::uint32_t>(from * LookEntry::kWhole);
+    if (!append(EntryKind::kLook, encode(LookEntry{walk.begin.walk, done, path}))) return false;
+  }
+  std::vector<std::string> below;
+  for (const DirectoryEntry &entry : *entries) {
+    std::string child = path.empty() ? entry.name : path + "/" + entry.name;
+    struct stat status;
+    if (entry.may_be_directory && options_.included(child) &&
+        fstatat((*object)->fd.get(), entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISDIR(status.st_mode))
+      below.push_back(std::move(child));
+  }
+  // Nothing of this directory is held while those below are walked.
+  entries->clear();
+  object->reset();
+  const double share = (to - from) / static_cast<double>(below.size() + 1);
+  for (std::size_t i = 0; i < below.size(); ++i) {
+    from += share;
+    if (!directory(walk, below[i], from, from + share)) return false;
+  }
+  return true;
+}
+
+bool Walker::has_changes(const Walk &walk, const Source::Object &directory,
+                         const std::vector<DirectoryEntry> &entries) const {
+  const auto changed = [&walk](const struct stat &status) {
+    return microseconds(status.st_ctim) >= walk.since;
+  };
+  if (walk.since == kSinceEver || changed(directory.status)) return true;
+  return std::any_of(entries.begin(), entries.end(), [&](const DirectoryEntry &entry) {
+    struct stat status;
+    return fstatat(directory.fd.get(), entry.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           changed(status);
+  });
+}
+
+}  // namespace tarn

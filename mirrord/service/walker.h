@@ -1,0 +1,84 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Walks over a source and appends an entry for each directory that targets have to compare: all of
+ * them for a first copy, those with changes since some time for a gap. The entries stand in the log
+ * between the records, while programs go on writing; what is made in a directory behind the walk is
+ * told by records.
+ *
+ * One thread of its own, which waits while the log is half full and when a speed is set.
+ */
+#ifndef TARN_MIRRORD_SERVICE_WALKER_H
+#define TARN_MIRRORD_SERVICE_WALKER_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <thread>
+
+#include "base/mutex.h"
+#include "mirrord/service/intake.h"
+#include "mirrord/source.h"
+
+namespace tarn {
+
+class Walker {
+ public:
+  struct Options {
+    std::string name;      /* of the source, for messages */
+    std::string directory; /* the source */
+    std::function<bool(const std::string &path)> included;
+    std::uint64_t log_limit = 0;
+    std::uint64_t files_per_second = 0; /* 0: no limit */
+    std::function<void()> walked;       /* called by the thread when a walk has ended */
+  };
+  Walker(Options options, Intake &intake);
+  ~Walker() { stop(); }
+  Walker(const Walker &) = delete;
+  Walker &operator=(const Walker &) = delete;
+
+  /* Ends the thread; any number of times. */
+  void stop() EXCLUDES(mutex_);
+
+  /* A target wants to compare what has changed since then. A walk that begins at or behind `from`
+   * in the log serves it; one that has begun there already is not repeated. Any thread. */
+  void request(const std::string &target, std::int64_t since, LogPosition from) EXCLUDES(mutex_);
+
+ private:
+  struct Walk {
+    WalkBeginEntry begin;
+    std::int64_t since = kSinceEver; /* with slack for coarse file times */
+    bool complete = true;
+    std::uint64_t files = 0;
+    std::chrono::steady_clock::time_point started;
+  };
+
+  void run();
+  void walk(WalkBeginEntry begin);
+  /* False: told to stop. `from` and `to`: the share of the whole walk, 0 to 1. */
+  bool directory(Walk &walk, const std::string &path, double from, double to);
+  bool has_changes(const Walk &walk, const Source::Object &directory,
+                   const std::vector<DirectoryEntry> &entries) const;
+  bool append(EntryKind kind, const std::vector<std::byte> &payload) EXCLUDES(mutex_);
+  bool keep_to_speed(const Walk &walk) EXCLUDES(mutex_);
+  bool pause(std::chrono::steady_clock::duration time) EXCLUDES(mutex_);
+
+  const Options options_;
+  Intake &intake_;
+  Source source_;
+  Mutex mutex_;
+  Condition changed_;
+  bool stop_ GUARDED_BY(mutex_) = false;
+  std::map<std::string, std::int64_t> wanted_ GUARDED_BY(mutex_); /* by target */
+  struct Begun {
+    LogPosition position;
+    WalkBeginEntry begin;
+  };
+  std::optional<Begun> begun_ GUARDED_BY(mutex_); /* the last walk, finished or not */
+  std::thread thread_;
+};
+
+}  // namespace tarn
+
+#endif

@@ -64,6 +64,12 @@ void Service::ReplicatedSource::release() {
     say(Level::kError, config.name, released.error().text);
 }
 
+LogPosition Service::ReplicatedSource::slowest() const {
+  LogPosition slowest = Target::kNotFollowing;
+  for (const auto &target : targets) slowest = std::min(slowest, target->following());
+  return slowest;
+}
+
 /* The log is full: the target that is behind the others does without its entries. Called with the
  * intake locked. */
 bool Service::ReplicatedSource::make_room() {
@@ -125,7 +131,7 @@ Result<void> Service::open_source(const SourceConfig &config) {
       Walker::Options{.name = config.name,
                       .directory = config.directory,
                       .included = [raw](const std::string &path) { return raw->includes(path); },
-                      .log_limit = config.log_limit,
+                      .slowest = [raw] { return raw->slowest(); },
                       .files_per_second = config.walk_files_per_second,
                       .walked = [this] { receiver_->request_mark(); }},
       *source->intake);
@@ -163,7 +169,8 @@ Result<void> Service::run(SignalPipe &signals) {
     for (const auto &target : source->targets) target->start();
   }
   tell_manager("READY=1");
-  say(Level::kNotice, "", fmt::format("{} begins with {}", version_line("mirrord"), printable(config_.file)));
+  say(Level::kNotice, "",
+      fmt::format("{} begins with {}", version_line("mirrord"), printable(config_.file)));
   for (int signal = 0; signal == 0;) {
     pollfd waits{signals.fd(), POLLIN, 0};
     if (poll(&waits, 1, static_cast<int>(kHousekeeping.count())) > 0) signal = signals.take();

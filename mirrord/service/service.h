@@ -60,6 +60,7 @@ class Service : public ServiceControl {
 
     explicit ReplicatedSource(const SourceConfig &from);
     bool includes(const std::string &path) const; /* relative to the source */
+    LogPosition slowest() const;
     void release();
     bool make_room();
   };

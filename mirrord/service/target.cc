@@ -19,6 +19,7 @@ using std::chrono::steady_clock;
 constexpr steady_clock::duration kAttachInterval = std::chrono::seconds(1);
 constexpr steady_clock::duration kCheckInterval = std::chrono::seconds(1);
 constexpr steady_clock::duration kSaveInterval = std::chrono::seconds(5);
+constexpr steady_clock::duration kPublishInterval = std::chrono::milliseconds(20);
 constexpr steady_clock::duration kFirstPause = std::chrono::milliseconds(100);
 constexpr steady_clock::duration kLongestPause = std::chrono::seconds(30);
 constexpr std::chrono::milliseconds kIdle{200};
@@ -109,7 +110,7 @@ void Target::finish() {
     position_ = (*entry)->position + 1;
   }
   const bool all = position_ == intake_.log().end() && intake_.marked() && suspects_.empty() &&
-                   !state_.missing_since;
+                   engine_->applier->changed_paths().empty() && !state_.missing_since;
   if (const auto saved = save(all); !saved)
     say(Level::kError, about(), "the position is not saved: " + saved.error().text);
 }
@@ -120,24 +121,31 @@ bool Target::asked_locked() const {
 
 /* False: told to stop. */
 bool Target::take_requests() {
-  take_resync();
-  take_work();
-  MutexLock lock(mutex_);
-  while (!stop_) {
-    if (pause_changed_) {
-      state_.paused = paused_;
-      lock.unlock();
-      const auto saved = engine_ ? save(false) : write_target_state(options_.state_file, state_);
-      if (!saved) failed("the state", saved.error());
-      lock.lock();
-      pause_changed_ = state_.paused != paused_;
-      changed_.notify_all();
-      continue;
-    }
-    if (!paused_ || asked_locked()) break;
+  for (;;) {
+    take_resync();
+    take_work();
+    take_pause();
+    MutexLock lock(mutex_);
+    if (stop_) return false;
+    skip_ = false;  // nothing is held
+    if (asked_locked()) continue;
+    if (!paused_) return true;
+    following_ = kNotFollowing;
     changed_.wait_for(lock, kCheckInterval);
   }
-  return !stop_;
+}
+
+void Target::take_pause() {
+  {
+    MutexLock lock(mutex_);
+    if (!pause_changed_) return;
+    state_.paused = paused_;
+  }
+  const auto saved = engine_ ? save(false) : write_target_state(options_.state_file, state_);
+  if (!saved) failed("the state", saved.error());
+  MutexLock lock(mutex_);
+  pause_changed_ = state_.paused != paused_;
+  changed_.notify_all();
 }
 
 void Target::take_resync() {
@@ -249,7 +257,7 @@ void Target::begin_in_log() {
     state_.position = log.end();
   }
   position_ = state_.position;
-  needed_ = position_;
+  needed_ = following_ = position_;
   reader_.emplace(log, position_);
   walk_.reset();
   walked_ = false;
@@ -268,6 +276,7 @@ void Target::begin_in_log() {
 /* Its memory of what is in doubt goes too, so the records from the saved position on are not
  * trusted at the next attach. */
 void Target::detach() {
+  following_ = kNotFollowing;
   engine_.reset();
   reader_.reset();
 }
@@ -287,6 +296,9 @@ bool Target::still_there() {
 }
 
 void Target::step() {
+  if (unsaved_ && Clock::now() - saved_at_ >= kSaveInterval) {
+    if (const auto saved = save(false); !saved) failed("the position", saved.error());
+  }
   const auto entry = reader_->next();
   if (!entry) return unreadable(entry.error());
   if (!*entry) return idle();
@@ -305,9 +317,6 @@ void Target::unreadable(const Error &error) {
 }
 
 void Target::idle() {
-  if (unsaved_ && Clock::now() - saved_at_ >= kSaveInterval) {
-    if (const auto saved = save(false); !saved) failed("the position", saved.error());
-  }
   if (state_.missing_since && !walk_ && !walked_ && Clock::now() >= walk_retry_at_ &&
       walk_retry_at_ != Clock::time_point{}) {
     walk_retry_at_ = {};
@@ -321,7 +330,8 @@ void Target::idle() {
 /* Tries until the entry is applied, skipped, or the directory has gone. */
 void Target::apply_held(const LogEntry &entry) {
   auto pause = kFirstPause;
-  for (;;) {
+  bool held = false;
+  for (;; held = true) {
     const auto applied = apply(entry);
     if (applied) break;
     if (!holds_target(applied.error())) {
@@ -334,7 +344,9 @@ void Target::apply_held(const LogEntry &entry) {
     {
       MutexLock lock(mutex_);
       held_entry_ = what;
+      skip_ = false;
     }
+    following_ = kNotFollowing;
     const bool again = sleep(pause);
     pause = std::min(2 * pause, kLongestPause);
     MutexLock lock(mutex_);
@@ -354,14 +366,15 @@ void Target::apply_held(const LogEntry &entry) {
       return;
     }
   }
-  set_phase(Phase::kRunning);
-  position_ = entry.position + 1;
+  if (held) set_phase(Phase::kRunning);
+  position_ = following_ = entry.position + 1;
   unsaved_ = true;
-  publish(entry.time_ns);
+  if (Clock::now() - published_at_ >= kPublishInterval) publish(entry.time_ns);
 }
 
 /* The data that the files have now and the position that says so, in this order. */
 Result<void> Target::save(bool clean) {
+  saved_at_ = Clock::now();
   engine_->replica.close_files();
   if (const auto kept = write_back(); !kept) return kept;
   // Only a mark tells that nothing before it is in doubt.
@@ -374,8 +387,7 @@ Result<void> Target::save(bool clean) {
   }
   if (const auto written = write_target_state(options_.state_file, state_); !written)
     return written;
-  needed_ = claim_dropped_ ? needed_.load() : state_.position;
-  saved_at_ = Clock::now();
+  if (!claim_dropped_) needed_ = state_.position;
   unsaved_ = false;
   return {};
 }

@@ -20,6 +20,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <set>
@@ -87,6 +88,9 @@ class Target {
 
   /* The log's entries before it are not needed any more. */
   LogPosition needed() const { return needed_; }
+  /* Where it reads the log at present; the largest position while it does not. */
+  static constexpr LogPosition kNotFollowing = std::numeric_limits<LogPosition>::max();
+  LogPosition following() const { return following_; }
   /* The log is full: the target does without the entries that it has not read and is compared with
    * the source instead. */
   void drop_claim();
@@ -107,6 +111,7 @@ class Target {
   bool take_requests() EXCLUDES(mutex_);
   void take_resync() EXCLUDES(mutex_);
   void take_work() EXCLUDES(mutex_);
+  void take_pause() EXCLUDES(mutex_);
   Result<void> until_taken(const bool &request) EXCLUDES(mutex_);
   bool asked_locked() const REQUIRES(mutex_);
   Result<void> attach();
@@ -153,11 +158,12 @@ class Target {
   bool walked_ = false;                /* it has ended: the next mark ends `missing_since` */
   std::set<std::string> suspects_;     /* copied from the source at the next mark */
   DirectoryIdentity identity_;
-  Clock::time_point saved_at_{}, checked_at_{}, walk_retry_at_{}, walk_started_{};
+  Clock::time_point published_at_{}, saved_at_{}, checked_at_{}, walk_retry_at_{}, walk_started_{};
   bool unsaved_ = false;
 
   std::thread thread_;
   std::atomic<LogPosition> needed_ = 0;
+  std::atomic<LogPosition> following_ = kNotFollowing;
   std::atomic<bool> claim_dropped_ = false;
   std::atomic<bool> stop_ = false;
   std::atomic<Clock::time_point> stop_by_ = Clock::time_point{};

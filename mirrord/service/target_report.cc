@@ -24,6 +24,7 @@ void Target::set_phase(Phase phase, const std::string &error) {
 }
 
 void Target::publish(std::int64_t entry_time_ns) {
+  published_at_ = Clock::now();
   MutexLock lock(mutex_);
   shown_ = state_;
   shown_.position = position_;

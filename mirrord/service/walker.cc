@@ -18,6 +18,8 @@ using std::chrono::steady_clock;
 /* Targets that find the same gap ask at about the same time. */
 constexpr std::chrono::milliseconds kGather{50};
 constexpr std::chrono::milliseconds kLogCheck{100};
+/* So far ahead of the targets, in entries. */
+constexpr LogPosition kAhead = 16384;
 
 Bytes bytes_of(const std::vector<std::byte> &bytes) {
   return {bytes.data(), bytes.size()};
@@ -83,7 +85,8 @@ bool Walker::pause(steady_clock::duration time) {
 
 bool Walker::append(EntryKind kind, const std::vector<std::byte> &payload) {
   for (bool said = false;; said = true) {
-    const bool room = intake_.log().bytes() < options_.log_limit / 2;
+    const LogPosition slowest = options_.slowest();
+    const bool room = slowest >= intake_.log().end() || intake_.log().end() - slowest < kAhead;
     const auto appended =
         room ? intake_.append(kind, bytes_of(payload)) : Result<LogPosition>(Error{});
     if (appended) return true;

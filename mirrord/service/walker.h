@@ -5,7 +5,7 @@
  * between the records, while programs go on writing; what is made in a directory behind the walk is
  * told by records.
  *
- * One thread of its own, which waits while the log is half full and when a speed is set.
+ * One thread of its own, which waits for targets that are far behind, and when a speed is set.
  */
 #ifndef TARN_MIRRORD_SERVICE_WALKER_H
 #define TARN_MIRRORD_SERVICE_WALKER_H
@@ -29,9 +29,9 @@ class Walker {
     std::string name;      /* of the source, for messages */
     std::string directory; /* the source */
     std::function<bool(const std::string &path)> included;
-    std::uint64_t log_limit = 0;
-    std::uint64_t files_per_second = 0; /* 0: no limit */
-    std::function<void()> walked;       /* called by the thread when a walk has ended */
+    std::function<LogPosition()> slowest; /* where the last of the targets reads that read at all */
+    std::uint64_t files_per_second = 0;   /* 0: no limit */
+    std::function<void()> walked;         /* called by the thread when a walk has ended */
   };
   Walker(Options options, Intake &intake);
   ~Walker() { stop(); }

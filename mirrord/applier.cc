@@ -355,13 +355,24 @@ Error Applier::unplaced(const Record &record) {
                "no longer right, until it is found by 'mirrord --catch-up'"};
 }
 
-Result<Applier::Outcome> Applier::apply(const Record &record) {
+/* Sets page_path_; to "" if the record is no page of a write. */
+Result<void> Applier::follow_page(const Record &record) {
+  const auto *change = std::get_if<WritePage>(&record.change);
+  const auto page = change ? std::optional(Page{record.rule, record.wseq, change->page})
+                           : std::optional<Page>();
+  if (page && page == followed_) return {};
+  followed_.reset();
   page_path_.clear();
-  if (std::holds_alternative<WritePage>(record.change)) {
-    auto place = pages_.follow(record);
-    if (!place) return place.error();
-    page_path_ = std::move(place->path);
-  }
+  if (!page) return {};
+  auto place = pages_.follow(record);
+  if (!place) return place.error();
+  page_path_ = std::move(place->path);
+  followed_ = page;
+  return {};
+}
+
+Result<Applier::Outcome> Applier::apply(const Record &record) {
+  if (const auto followed = follow_page(record); !followed) return followed.error();
   for (Unexplained &missing : reconciler_.expire(record.ts))
     unexplained_.push_back(std::move(missing));
   const bool gets_a_name =

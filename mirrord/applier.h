@@ -55,6 +55,7 @@ class Applier {
     kNameless, /* the file has no name any more and cannot be opened again */
   };
 
+  /* After an error, the same record may be applied again. */
   Result<Outcome> apply(const Record &record);
 
   /* Records from `ts` on (microseconds since the epoch) are missing: caught_up() searches the
@@ -107,6 +108,7 @@ class Applier {
   /* The changed file is of the rule, but its name is unknown: caught_up() searches for it. */
   Error unplaced(const Record &record);
   void note_changed_paths(const Record &record);
+  Result<void> follow_page(const Record &record);
 
   std::string absolute(std::string_view path) const {
     return (source_ == "/" ? "" : source_) + "/" + std::string(path);
@@ -118,6 +120,13 @@ class Applier {
   Reconciler reconciler_;
   PageFollower pages_;
   std::string page_path_;
+  /* The last page that was followed: a record that failed may be applied again. */
+  struct Page {
+    Uuid rule;
+    std::uint32_t wseq, page;
+    bool operator==(const Page &) const = default;
+  };
+  std::optional<Page> followed_;
   std::vector<Unexplained> unexplained_;
   std::uint64_t distrusted_until_ = 0;
 };

@@ -170,7 +170,7 @@ Result<void> Service::run(SignalPipe &signals) {
   }
   tell_manager("READY=1");
   say(Level::kNotice, "",
-      fmt::format("{} begins with {}", version_line("mirrord"), printable(config_.file)));
+      fmt::format("{} with {}", version_line("mirrord"), printable(config_.file)));
   for (int signal = 0; signal == 0;) {
     pollfd waits{signals.fd(), POLLIN, 0};
     if (poll(&waits, 1, static_cast<int>(kHousekeeping.count())) > 0) signal = signals.take();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include <fmt/format.h>
 
@@ -52,7 +53,7 @@ SourceReport Service::report_of(const ReplicatedSource &source) const {
 ServiceReport Service::report() {
   ServiceReport report;
   report.pid = getpid();
-  report.version = version_line("mirrord");
+  report.version = version_line("mirrord").substr(std::strlen("mirrord "));
   report.uptime_seconds = std::chrono::duration<double>(steady_clock::now() - started_).count();
   report.connection_error = receiver_->problem();
   report.connected = report.connection_error.empty();

@@ -109,10 +109,14 @@ void Target::finish() {
     if (!entry || !*entry || !apply(**entry)) break;
     position_ = (*entry)->position + 1;
   }
-  const bool all = position_ == intake_.log().end() && intake_.marked() && suspects_.empty() &&
-                   engine_->applier->changed_paths().empty() && !state_.missing_since;
-  if (const auto saved = save(all); !saved)
+  if (const auto saved = save(at_rest()); !saved)
     say(Level::kError, about(), "the position is not saved: " + saved.error().text);
+}
+
+/* Has it all that the log has, with nothing in doubt? */
+bool Target::at_rest() const {
+  return position_ == intake_.log().end() && intake_.marked() && suspects_.empty() &&
+         engine_->applier->changed_paths().empty() && !state_.missing_since;
 }
 
 bool Target::asked_locked() const {
@@ -141,8 +145,10 @@ void Target::take_pause() {
     if (!pause_changed_) return;
     state_.paused = paused_;
   }
-  const auto saved = engine_ ? save(false) : write_target_state(options_.state_file, state_);
+  const auto saved =
+      engine_ ? save(at_rest()) : write_target_state(options_.state_file, state_);
   if (!saved) failed("the state", saved.error());
+  if (state_.paused) detach();  // its file system can be unmounted
   MutexLock lock(mutex_);
   pause_changed_ = state_.paused != paused_;
   changed_.notify_all();
@@ -156,6 +162,7 @@ void Target::take_resync() {
   detach();
   state_.identity.reset();
   state_.missing_since = kSinceEver;
+  state_.compare_data = true;
   state_.clean = false;
   state_.gaps = state_.skipped = 0;
   if (const auto written = write_target_state(options_.state_file, state_); !written)
@@ -339,7 +346,7 @@ void Target::apply_held(const LogEntry &entry) {
       break;
     }
     const std::string what = describe_entry(entry);
-    say(Level::kWarning, about(), "held by " + what + ": " + applied.error().text);
+    if (!held) say(Level::kWarning, about(), "held by " + what + ": " + applied.error().text);
     set_phase(Phase::kHeld, what + ": " + applied.error().text);
     {
       MutexLock lock(mutex_);
@@ -366,7 +373,10 @@ void Target::apply_held(const LogEntry &entry) {
       return;
     }
   }
-  if (held) set_phase(Phase::kRunning);
+  if (held) {
+    say(Level::kNotice, about(), "goes on");
+    set_phase(Phase::kRunning);
+  }
   position_ = following_ = entry.position + 1;
   unsaved_ = true;
   if (Clock::now() - published_at_ >= kPublishInterval) publish(entry.time_ns);

@@ -121,6 +121,7 @@ class Target {
   void detach();
   bool still_there();
   void finish();
+  bool at_rest() const;
   void step();
   void idle();
   void unreadable(const Error &error);

@@ -14,6 +14,8 @@ namespace {
 
 /* A walk that could not read a part of the source is repeated. */
 constexpr std::chrono::seconds kWalkAgain{60};
+/* A change time that every file's is behind: each is compared byte by byte. */
+constexpr std::int64_t kBeforeAll = kSinceEver / 2;
 
 }  // namespace
 
@@ -145,6 +147,7 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
   if (!suspects_.empty()) return {};
   if (walked_) {
     state_.missing_since.reset();
+    state_.compare_data = false;
     state_.gaps = state_.skipped;
     walked_ = false;
     walk_.reset();
@@ -176,7 +179,9 @@ void Target::apply_walk_begin(const WalkBeginEntry &walk, LogPosition position) 
 
 Result<void> Target::apply_look(const LookEntry &look) {
   if (!walk_ || walk_->walk != look.walk) return {};
-  const auto since = walk_->since == kSinceEver ? std::optional<std::int64_t>() : walk_->since;
+  std::optional<std::int64_t> since = walk_->since;
+  if (since == kSinceEver) since.reset();
+  if (state_.compare_data) since = kBeforeAll;
   auto looked = engine_->applier->look(look.directory, since);
   if (const auto kept = write_back(); !kept) return kept;
   if (!looked && !holds_target(looked.error())) {

@@ -33,7 +33,7 @@ std::string mount_point_of(const std::string &path) {
 Json to_json(const TargetState &state) {
   Json json = {
       {"uuid", to_string(state.uuid)}, {"log", state.log},           {"position", state.position},
-      {"clean", state.clean},          {"until", state.until},       {"paused", state.paused},
+      {"clean", state.clean},          {"until", state.until},       {"compare_data", state.compare_data}, {"paused", state.paused},
       {"applied", state.applied},      {"failures", state.failures}, {"gaps", state.gaps},
       {"skipped", state.skipped}};
   if (state.identity)
@@ -52,6 +52,7 @@ TargetState from_json(const Json &json) {
                     .position = json.at("position"),
                     .clean = json.at("clean"),
                     .until = json.at("until"),
+                    .compare_data = json.at("compare_data"),
                     .paused = json.at("paused"),
                     .applied = json.at("applied"),
                     .failures = json.at("failures"),

@@ -190,6 +190,7 @@ Result<void> Fetcher::fetch_xattrs(const std::string &path, const Source::Object
   const auto mine = existing(path);
   if (!mine) return mine.error();
   struct stat wanted = *mine;
+  // A change of the access list may change the mode.
   wanted.st_mode = (object.status.st_mode & kModeBits) | (mine->st_mode & S_IFMT);
   return take_attributes(path, object, *mine, wanted);
 }
@@ -388,6 +389,7 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
   for (const DirectoryEntry &entry : *theirs) {
     const std::string name = below + entry.name;
     if (!included(name)) continue;
+    if (const auto go_on = data_.pace().spend(0); !go_on) return go_on;
     const auto child = source_.child(object, entry);
     if (!child)
       note(child.error());
@@ -396,7 +398,6 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
     else
       note(fetch_over(name, **child, included,
                       mine.contains(entry.name) ? Mine::kUnknown : Mine::kAbsent));
-    if (!first.ok() && first.error().code == -ECANCELED) return first;
   }
   note(finish(path, object));
   return first;

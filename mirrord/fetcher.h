@@ -12,6 +12,8 @@
 #ifndef TARN_MIRRORD_FETCHER_H
 #define TARN_MIRRORD_FETCHER_H
 
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -37,9 +39,12 @@ class Fetcher {
   enum class Trust { kNone, kSizeAndTime };
   void set_trust(Trust trust) { trust_ = trust; }
 
-  /* The limit of the source data read per second, and what interrupts a copy: fetch() and
-   * fetch_data() then fail with -ECANCELED, and leave the rest as it was. */
-  Pace &pace() { return data_.pace(); }
+  /* How much of the source's data is read per second. 0: no limit. */
+  void set_rate(std::uint64_t bytes_per_second) { data_.pace().set_rate(bytes_per_second); }
+  /* When the flag, which any thread may set, is true, fetch() and fetch_data() fail with -ECANCELED
+   * and leave the rest as it was. Null: none. */
+  void set_stop(const std::atomic<bool> *stop) { data_.pace().set_stop(stop); }
+  /* Counters of what was copied. */
   const DataCopier &data() const { return data_; }
 
   /* Is this path, below a fetched directory, to be replicated? */

@@ -431,7 +431,7 @@ TEST_P(WholeCopyTest, trusted_files_with_several_names) {
 
 TEST_P(WholeCopyTest, the_rate_is_kept) {
   write(src("f"), random_text(kMiB));
-  fetcher_->pace().set_rate(4 * kMiB);
+  fetcher_->set_rate(4 * kMiB);
   const auto begin = std::chrono::steady_clock::now();
   fetch();
   EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(200));
@@ -441,8 +441,8 @@ TEST_P(WholeCopyTest, the_rate_is_kept) {
 TEST_P(WholeCopyTest, a_slow_copy_is_interrupted) {
   for (const char *name : {"f", "g"}) write(src(name), random_text(kMiB));
   std::atomic<bool> stop = false;
-  fetcher_->pace().set_rate(1);  // a copy would take days
-  fetcher_->pace().set_stop(&stop);
+  fetcher_->set_rate(1);  // a copy would take days
+  fetcher_->set_stop(&stop);
   std::thread stops([&] {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     stop = true;
@@ -454,9 +454,19 @@ TEST_P(WholeCopyTest, a_slow_copy_is_interrupted) {
   EXPECT_FALSE(fs::exists(copy("g"))) << "nothing more is begun";
   EXPECT_FALSE(same_time(status(copy("f")).st_mtim, status(src("f")).st_mtim));
   stop = false;
-  fetcher_->pace().set_rate(0);
+  fetcher_->set_rate(0);
   fetch();
   expect_equal("");
+}
+
+TEST_P(WholeCopyTest, a_copy_of_empty_files_is_interrupted) {
+  for (const char *name : {"f", "g"}) write(src(name), "");
+  const std::atomic<bool> stop = true;
+  fetcher_->set_stop(&stop);
+  const auto fetched = try_fetch("");
+  ASSERT_FALSE(fetched.ok());
+  EXPECT_EQ(fetched.error().code, -ECANCELED);
+  EXPECT_FALSE(fs::exists(copy("g")));
 }
 
 INSTANTIATE_TEST_SUITE_P(Targets, WholeCopyTest, testing::Values("beside", "tmpfs"),

@@ -37,6 +37,34 @@ TEST_P(SourceTest, finds_the_target_of_a_symbolic_link) {
   EXPECT_EQ(link->target, "../not there");
 }
 
+TEST_P(SourceTest, entries_of_a_directory_are_found_as_what_they_are_now) {
+  fs::create_directory(at("d"));
+  for (const char *name : {"d/file", "d/later", "d/gone"}) std::ofstream(at(name)) << "text";
+  fs::create_symlink("nowhere", at("d/link"));
+  const auto directory = find("d");
+  ASSERT_TRUE(directory && directory->fd);
+  const auto entries = Source::entries(*directory);
+  ASSERT_TRUE(entries.ok());
+  fs::remove(at("d/gone"));
+  fs::remove(at("d/later"));
+  ASSERT_EQ(mkfifo(at("d/later").c_str(), 0600), 0);  // opening it would wait for a writer
+  fs::rename(at("d"), at("moved"));
+  ASSERT_EQ(entries->size(), 4u);
+  for (const DirectoryEntry &entry : *entries) {
+    const auto found = source_.child(*directory, entry);
+    ASSERT_TRUE(found.ok()) << found.error().text;
+    ASSERT_EQ(found->has_value(), entry.name != "gone") << entry.name;
+    if (!*found) continue;
+    EXPECT_EQ(S_ISFIFO((*found)->status.st_mode), entry.name == "later");
+    EXPECT_EQ((*found)->target, entry.name == "link" ? "nowhere" : "");
+    if (entry.name != "file") continue;
+    char text[5] = "";
+    ASSERT_TRUE((*found)->readable);
+    EXPECT_EQ(pread((*found)->fd.get(), text, 4, 0), 4);
+    EXPECT_STREQ(text, "text");
+  }
+}
+
 TEST_P(SourceTest, a_found_file_is_read_although_its_name_has_gone) {
   fs::create_directory(at("d"));
   std::ofstream(at("d/file")) << "text";

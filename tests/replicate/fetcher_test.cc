@@ -82,14 +82,14 @@ void put(std::string &text, T value) {
   text.append(reinterpret_cast<const char *>(&value), sizeof(value));
 }
 
-/* An access list: the owner rw-, a user `user_permissions`, the group r--, a mask, others ---. */
+/* An access list: the owner rwx, a user `user_permissions`, the group r--, a mask, others ---. */
 std::string access_list(std::uint16_t user_permissions, std::uint16_t mask) {
   std::string text;
   put<std::uint32_t>(text, 2);
   const auto entry = [&](std::uint16_t tag, std::uint16_t permissions, std::uint32_t id) {
     put(text, tag), put(text, permissions), put(text, id);
   };
-  entry(0x01, 6, ~0u);
+  entry(0x01, 7, ~0u);
   entry(0x02, user_permissions, 4711);
   entry(0x04, 4, ~0u);
   entry(0x10, mask, ~0u);

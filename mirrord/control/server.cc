@@ -98,6 +98,10 @@ class Session {
 
   /* Lines of progress, and the news that nobody wants to know any more. */
   ServiceControl::Progress progress() {
+    {
+      const MutexLock lock(progress_mutex_);
+      next_progress_ = {};  // a new request's first line is not left out
+    }
     return [this](double done, const std::string &what) {
       const MutexLock lock(progress_mutex_);
       if (stream_.gone()) return false;

@@ -7,8 +7,8 @@ set -euo pipefail
 
 packages=(
   attr binutils build-essential clang cmake coreutils e2fsprogs fio fuse3 git libclang-rt-14-dev
-  libcli11-dev libfmt-dev libfuse3-dev libgtest-dev libmount-dev librapidcheck-dev libspdlog-dev libsystemd-dev libtomlplusplus-dev
-  libxxhash-dev mount
+  libcli11-dev libfmt-dev libfuse3-dev libgtest-dev libmount-dev librapidcheck-dev libspdlog-dev libsystemd-dev
+  libtomlplusplus-dev libxxhash-dev mount
   ninja-build nlohmann-json3-dev pkg-config procps python3 rsync sqlite3
   stress-ng tar util-linux
 )

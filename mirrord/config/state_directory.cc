@@ -129,15 +129,19 @@ enum class Begun { kNo, kYes };
 
 /* Is it one of a version that we know (kYes), or an empty directory (kNo)? */
 Result<Begun> check_version(int directory, const std::string &path) {
-  const UniqueFd fd(openat(directory, kVersion, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  constexpr int kFlags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+  UniqueFd fd(openat(directory, kVersion, kFlags));
   if (!fd && errno == ENOENT) {
     const auto empty = is_empty(directory, path);
     if (!empty) return empty.error();
     if (*empty) return Begun::kNo;
+    // Another service may have begun here meanwhile.
+    fd = UniqueFd(openat(directory, kVersion, kFlags));
+  }
+  if (!fd && errno == ENOENT)
     return Error{-EBADMSG, fmt::format("{} is none of mirrord: it holds files and no {}; name an "
                                        "empty or a new directory",
                                        subject(path), kVersion)};
-  }
   if (!fd) return failed(errno, "read the version of", path);
   char bytes[64];
   const ssize_t length = read(fd.get(), bytes, sizeof(bytes));

@@ -272,6 +272,8 @@ TEST_F(ConfigTest, what_is_no_toml) {
                 {"a = \"\\q\"\n", 1},
                 {"a = '\xff\xfe'\n", 1},
                 {"a = 1\n\x01\n", 2},
+                {"a = 1\nn\u00e4me = 1\n", 2},
+                {"a = [\u00e4]\n", 1},
                 {"a = [[[[[[[[[[1]]]]]]]]]]", 1},
                 {"a = 99999999999999999999\n", 1}};
   for (const auto &[text, line] : kCases) {

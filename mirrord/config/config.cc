@@ -442,7 +442,8 @@ std::optional<Problem> too_deep(std::string_view text) {
 
 void read_toml(const std::string &text, Config &config, Problems &problems) {
   if (const auto deep = too_deep(text)) return problems.push_back(*deep);
-  const toml::parse_result parsed = toml::parse(std::string_view(text));
+  const std::string_view view = text;
+  const toml::parse_result parsed = toml::parse(view);
   if (parsed) return read_root(parsed.table(), config, problems);
   const toml::parse_error &error = parsed.error();
   problems.push_back({line_of(error.source()), escape_controls(error.description())});

@@ -21,7 +21,7 @@ TESTJOBS ?= $(shell echo $$(( 2 * $$(nproc) )))
 
 # What is shipped; tests build in their own folders.
 all: build/release/build.ninja
-	cmake --build build/release -j $(JOBS) --target tarnd tarn mirrord
+	cmake --build build/release -j $(JOBS) --target shipped
 
 build/%/build.ninja: CMakeLists.txt CMakePresets.json
 	cmake --preset $*

@@ -1,19 +1,20 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
 # Installs the Debian 12 packages that building, testing and the demo need; with an argument also those of the presubmit
-# checks (`check`), of the benchmarks (`bench`) or of the tests in a real kernel (`guest`). Does nothing when all are
-# there.
+# checks (`check`), of the benchmarks (`bench`), of Debian packages (`deb`) or of the tests in a real kernel (`guest`). Does
+# nothing when all are there.
 set -euo pipefail
 
 packages=(
-  attr binutils build-essential clang cmake coreutils e2fsprogs fio fuse3 git libclang-rt-14-dev
+  attr binutils build-essential clang cmake coreutils e2fsprogs fio fuse3 git groff-base libclang-rt-14-dev
   libcli11-dev libfmt-dev libfuse3-dev libgtest-dev libmount-dev librapidcheck-dev libspdlog-dev libsystemd-dev
-  libtomlplusplus-dev libxxhash-dev mount
+  libtomlplusplus-dev libxxhash-dev man-db mandoc mount
   ninja-build nlohmann-json3-dev pkg-config procps python3 rsync sqlite3
-  stress-ng tar util-linux
+  stress-ng tar util-linux zsh
 )
 [ "${1:-}" != check ] || packages+=(clang-format clang-tidy g++-aarch64-linux-gnu shellcheck)
-[ "${1:-}" != bench ] || packages+=(bindfs libbenchmark-dev libhyperscan-dev liblmdb-dev libre2-dev libsqlite3-dev postgresql)
+  != "${1:-}" [ ] bench deb fakeroot libbenchmark-dev libhyperscan-dev liblmdb-dev libre2-dev libsqlite3-dev
+  lintian) packages+=(bindfs packages+=(debhelper postgresql) ||
 [ "${1:-}" != guest ] || packages+=(cpio gcc-12-source musl-tools qemu-system-x86)
 
 missing=()

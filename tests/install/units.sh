@@ -1,0 +1,39 @@
+#!/bin/bash
+# SPDX-License-Identifier: GPL-2.0
+# The units are what systemd understands, with programs that are there, and what is said of them in tarnd.service holds.
+. "$(dirname "$0")/../lib.sh"
+command -v systemd-analyze >/dev/null || { echo "skipped: there is no systemd-analyze"; exit 77; }
+. "$(dirname "$0")/install.bash"
+
+units=$ROOT/usr/lib/systemd/system
+for unit in tarnd.service mirrord.service; do
+  # Manuals that are not installed here are no fault of the unit.
+  said=$(systemd-analyze verify --man=no "$units/$unit" 2>&1 | grep -F "$unit" || true)
+  [ -z "$said" ] || fail "$said"
+  # Every setting is one that systemd knows, and a misspelled one would be found.
+  sed 's/^Type=/Tpye=/' "$units/$unit" >"$T/broken-$unit"
+  systemd-analyze verify --man=no "$T/broken-$unit" 2>&1 | grep -q Tpye || fail "systemd-analyze finds no fault in a broken unit"
+done
+setting() { sed -n "s/^$2=//p" "$units/$1"; }
+
+# tarnd.service is started as it says: it is ready when the process ends, and its process id is where the unit looks for it.
+read -ra command < <(setting tarnd.service ExecStart)
+[ "${command[0]}" = "$ROOT/usr/sbin/tarnd" ] || fail "the unit starts ${command[0]}"
+[ "$(setting tarnd.service PIDFile)" = "${command[2]}/tarnd.pid" ] || fail "the unit looks for another process id"
+"${command[0]}" --run-dir "$TARN_RUN_DIR"
+kill -0 "$(cat "$TARN_RUN_DIR/tarnd.pid")" || fail "tarnd does not run when its starter has ended"
+tarn status >/dev/null || fail "tarnd does not serve when its starter has ended"
+
+# At shutdown it stays until all mounts are gone, and a stop does not end the guardian before tarnd.
+if grep -Eq '^Conflicts=.*shutdown|^DefaultDependencies=yes' "$units/tarnd.service"; then fail "tarnd ends before its mounts"; fi
+[ "$(setting tarnd.service DefaultDependencies)" = no ]
+[ "$(setting tarnd.service KillMode)" = process ]
+
+# What mirrord can bear: nothing that gives it other mounts than the machine has, or keeps it from making what a replica has.
+if grep -E '^(Protect|Private|ReadOnly|ReadWrite|Inaccessible|RestrictSUIDSGID|RootDirectory|DynamicUser)' "$units/mirrord.service"; then
+  fail "mirrord.service takes away what replication needs"
+fi
+[ "$(setting mirrord.service FileDescriptorStoreMax)" -ge 1 ] || fail "the channel is not kept across a restart"
+
+[ "$(systemd-tmpfiles --create --root="$T/tmpfiles" "$ROOT/usr/lib/tmpfiles.d/tarn.conf" 2>&1)" = "" ] || fail "tmpfiles.d is wrong"
+[ "$(stat -c %a "$T/tmpfiles/run/tarn")" = 755 ] || fail "the run directory is not made"

@@ -358,8 +358,8 @@ Error Applier::unplaced(const Record &record) {
 /* Sets page_path_; to "" if the record is no page of a write. */
 Result<void> Applier::follow_page(const Record &record) {
   const auto *change = std::get_if<WritePage>(&record.change);
-  const auto page = change ? std::optional(Page{record.rule, record.wseq, change->page})
-                           : std::optional<Page>();
+  const auto page =
+      change ? std::optional(Page{record.rule, record.wseq, change->page}) : std::optional<Page>();
   if (page && page == followed_) return {};
   followed_.reset();
   page_path_.clear();

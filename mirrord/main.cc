@@ -37,7 +37,8 @@ enum Exit { kExitOk = 0, kExitProblems = 1, kExitUsage = 2, kExitChannel = 3 };
 constexpr char kAbout[] =
     "mirrord replays the changes that programs make through a tarn mount in other directories.\n"
     "'mirrord run' is the service: it copies what is there, follows what changes and survives "
-    "restarts. With --source and --replica it follows the changes into one copy, in the foreground, "
+    "restarts. With --source and --replica it follows the changes into one copy, in the "
+    "foreground, "
     "and says on stderr what it could not apply.";
 
 constexpr char kConfigFile[] = "/etc/tarn/mirrord.toml";

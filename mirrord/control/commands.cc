@@ -206,9 +206,10 @@ int compare_one(Session &session, Verb verb, const TargetName &target) {
       .difference =
           [&](const Difference &found) {
             line.clear();
-            ++count;
-            std::cout << fmt::format("{}\t{}\t{}\t{}\n", name, printable(found.path),
-                                     one_line(found.kind), one_line(found.detail));
+            count += found.persists();
+            const std::string other = found.other.empty() ? "" : printable(found.other) + " ";
+            std::cout << fmt::format("{}\t{}\t{}\t{}{}\n", name, printable(found.path),
+                                     one_line(found.kind), other, one_line(found.detail));
           }};
   const auto result = session.call({.verb = verb, .name = target}, {}, listener, kUnreachable);
   line.clear();

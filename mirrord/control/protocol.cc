@@ -228,6 +228,7 @@ bool read_difference(const Json &json, Difference &out) {
   field("path", out.path);
   field("kind", out.kind);
   field("detail", out.detail);
+  field("other", out.other);
   return missing.empty();
 }
 
@@ -274,7 +275,8 @@ std::string difference_line(const Difference &difference) {
   return line_of({{"difference",
                    {{"path", json_bytes(difference.path)},
                     {"kind", json_bytes(difference.kind)},
-                    {"detail", json_bytes(difference.detail)}}}});
+                    {"detail", json_bytes(difference.detail)},
+                    {"other", json_bytes(difference.other)}}}});
 }
 
 std::string result_line(const Json &result) {

@@ -145,8 +145,7 @@ void Target::take_pause() {
     if (!pause_changed_) return;
     state_.paused = paused_;
   }
-  const auto saved =
-      engine_ ? save(at_rest()) : write_target_state(options_.state_file, state_);
+  const auto saved = engine_ ? save(at_rest()) : write_target_state(options_.state_file, state_);
   if (!saved) failed("the state", saved.error());
   if (state_.paused) detach();  // its file system can be unmounted
   MutexLock lock(mutex_);

@@ -31,11 +31,12 @@ std::string mount_point_of(const std::string &path) {
 }
 
 Json to_json(const TargetState &state) {
-  Json json = {
-      {"uuid", to_string(state.uuid)}, {"log", state.log},           {"position", state.position},
-      {"clean", state.clean},          {"until", state.until},       {"compare_data", state.compare_data}, {"paused", state.paused},
-      {"applied", state.applied},      {"failures", state.failures}, {"gaps", state.gaps},
-      {"skipped", state.skipped}};
+  Json json = {{"uuid", to_string(state.uuid)}, {"log", state.log},
+               {"position", state.position},    {"clean", state.clean},
+               {"until", state.until},          {"compare_data", state.compare_data},
+               {"paused", state.paused},        {"applied", state.applied},
+               {"failures", state.failures},    {"gaps", state.gaps},
+               {"skipped", state.skipped}};
   if (state.identity)
     json["identity"] = {{"object", state.identity->object},
                         {"mount_point", state.identity->mount_point}};

@@ -35,7 +35,7 @@ struct TargetState {
   bool clean = false;                             /* and none behind it, nor is anything in doubt */
   std::int64_t until = 0;                         /* of the last mark that was applied */
   std::optional<std::int64_t> missing_since = {}; /* not healed yet */
-  bool compare_data = false; /* also of files whose size and time are equal */
+  bool compare_data = false;                      /* also of files whose size and time are equal */
   bool paused = false;
   std::uint64_t applied = 0, failures = 0, gaps = 0, skipped = 0;
 };

@@ -85,8 +85,8 @@ equal disk
 verb pause data/disk
 umount "$T/disk"
 mount_disk
-verb resume data/disk
 echo foreign >"$T/disk/foreign"
+verb resume data/disk
 wait_until 30 "the other directory is noticed" disk_is away
 sleep 2
 [ "$(cat "$T/disk/foreign")" = foreign ] || fail "a foreign file was removed"

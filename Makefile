@@ -8,6 +8,7 @@
 # make soak   real programs on a mount for long, SOAK_SCALE times the work that they are given in make test
 # make bench  measure, and keep the tables in docs/benchmarks.md; PASSTHROUGH_HP=FILE: also on libfuse's passthrough_hp,
 #             whose source Debian does not have
+# make deb    Debian packages in build/packages, checked by lintian
 # KDIR=...    with check: also build the module for a built Linux 2.6.18 tree, and check what is in it
 
 SHELL := /bin/bash
@@ -17,7 +18,7 @@ FUZZ_SECONDS ?= 60
 SOAK_SCALE ?= 10
 TESTJOBS ?= $(shell echo $$(( 2 * $$(nproc) )))
 
-.PHONY: all deps demo test test-asan test-tsan one check fuzz soak bench install clean
+.PHONY: all deps demo test test-asan test-tsan one check fuzz soak bench deb install clean
 
 # What is shipped; tests build in their own folders.
 all: build/release/build.ninja
@@ -65,6 +66,11 @@ bench:
 	@tools/deps.sh bench
 	cmake --preset release
 	cmake --build build/release -j $(JOBS) --target bench
+
+# Into build/packages, from a copy of what git knows: the tree is left as it is.
+deb:
+	@tools/deps.sh deb
+	@tools/deb.sh
 
 install: all
 	cmake --install build/release --prefix $(PREFIX)

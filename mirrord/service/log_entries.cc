@@ -44,10 +44,15 @@ class Decoder {
     const Bytes field = take(get<std::uint32_t>());
     return {reinterpret_cast<const char *>(field.data()), field.size()};
   }
+  bool flag() {
+    const auto value = get<std::uint8_t>();
+    good_ = good_ && value <= 1;
+    return value == 1;
+  }
   template <class T>
   Result<T> end(T entry, const char *what) const {
     if (good_ && rest_.empty()) return entry;
-    return Error{-EBADMSG, std::string("a ") + what + " entry of the log has a wrong length"};
+    return Error{-EBADMSG, std::string("a ") + what + " entry of the log is malformed"};
   }
 
  private:
@@ -117,7 +122,7 @@ Result<WalkEndEntry> decode_walk_end(Bytes payload) {
   Decoder decoder(payload);
   WalkEndEntry entry;
   entry.walk = decoder.get<std::uint64_t>();
-  entry.complete = decoder.get<std::uint8_t>() != 0;
+  entry.complete = decoder.flag();
   return decoder.end(entry, "walk end");
 }
 

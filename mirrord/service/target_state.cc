@@ -44,25 +44,41 @@ Json to_json(const TargetState &state) {
   return json;
 }
 
+/* Conversions of the library wrap and cut without an error. Each throws Json::exception. */
+std::uint64_t count(const Json &json, const char *field) {
+  const Json &value = json.at(field);
+  if (!value.is_number_unsigned())
+    throw Json::type_error::create(302, fmt::format("{} must be a count", field), &value);
+  return value;
+}
+std::int64_t time(const Json &json, const char *field) {
+  const Json &value = json.at(field);
+  constexpr std::uint64_t kLast = std::numeric_limits<std::int64_t>::max();
+  if (!value.is_number_integer() ||
+      (value.is_number_unsigned() && value.get<std::uint64_t>() > kLast))
+    throw Json::type_error::create(302, fmt::format("{} must be a time", field), &value);
+  return value;
+}
+
 /* Throws Json::exception. */
 TargetState from_json(const Json &json) {
   const auto uuid = parse_uuid(json.at("uuid").get<std::string>());
   if (!uuid) throw Json::other_error::create(501, "no UUID is named", &json);
   TargetState state{.uuid = *uuid,
                     .log = json.at("log"),
-                    .position = json.at("position"),
+                    .position = count(json, "position"),
                     .clean = json.at("clean"),
-                    .until = json.at("until"),
+                    .until = time(json, "until"),
                     .compare_data = json.at("compare_data"),
                     .paused = json.at("paused"),
-                    .applied = json.at("applied"),
-                    .failures = json.at("failures"),
-                    .gaps = json.at("gaps"),
-                    .skipped = json.at("skipped")};
+                    .applied = count(json, "applied"),
+                    .failures = count(json, "failures"),
+                    .gaps = count(json, "gaps"),
+                    .skipped = count(json, "skipped")};
   if (json.contains("identity"))
     state.identity =
         DirectoryIdentity{json.at("identity").at("object"), json.at("identity").at("mount_point")};
-  if (json.contains("missing_since")) state.missing_since = json.at("missing_since");
+  if (json.contains("missing_since")) state.missing_since = time(json, "missing_since");
   return state;
 }
 

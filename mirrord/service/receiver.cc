@@ -126,7 +126,7 @@ bool Receiver::connect() {
   find_missing(changed->kept);
   set_problem("");
   send_barrier();
-  return true;
+  return channel_ != nullptr;
 }
 
 /* A rule that is new to the module: what changed before it was added was not captured. */
@@ -212,6 +212,7 @@ void Receiver::receive() {
   for (const Bytes bytes : received->packets) packet(bytes, received->arrived_until);
   sequencer_->expire(received->arrived_until);
   losses(*received);
+  if (!channel_) return;  // tarnd has ended meanwhile
   append_marks(received->barriers);
   if (received->closed) return disconnect("not connected to the module: tarnd has ended");
   if (received->packets.empty() && !received->woken && channel_->taken_over())

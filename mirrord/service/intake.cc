@@ -57,10 +57,10 @@ Result<void> Intake::load() {
   const std::string file = options_.directory + "/received.json";
   const auto document = read_document(file);
   if (!document) return document.error();
-  LogPosition from = log_->first();
+  LogPosition from = 0;
   if (*document) {
     try {
-      from = std::max(from, read_document_fields(**document));
+      from = read_document_fields(**document);
     } catch (const Json::exception &error) {
       return Error{-EBADMSG, fmt::format("{}: {}: remove the file", file, error.what())};
     }
@@ -73,10 +73,13 @@ Result<void> Intake::load() {
     MutexLock lock(mutex_);
     received_.clock_to_steady = clock_to_steady();
   }
-  if (const auto read = read_on(from); !read) return read;
+  const bool end_lost = from > log_->end();
+  if (const auto read = read_on(std::clamp(from, log_->first(), log_->end())); !read) return read;
   const Log::Recovery &recovery = log_->recovery();
   if (!recovery.damage.empty())
     declare(kSinceEver, "the log is damaged: " + recovery.damage);
+  else if (end_lost)
+    declare(kSinceEver, "the log has lost its end");
   else if (recovery.bytes_cut != 0)
     declare(missing_since(Missing::kSinceLastRecord), "the log's end was not written whole");
   // A rule that nobody knows after a power cut would be a rule that nobody deletes.
@@ -92,7 +95,10 @@ LogPosition Intake::read_document_fields(const Json &json) {
   received_.counts.gaps = json.at("gaps");
   received_.counts.last_gap = json.at("last_gap");
   received_.last_mark = json.at("last_mark");
+  if (json.contains("pending_gap"))
+    pending_gap_ = GapEntry{json.at("pending_gap").at("since"), json.at("last_gap")};
   if (json.at("log").get<std::string>() != to_string(log_->epoch())) return 0;
+  marked_ = json.at("marked");
   received_.counts.logged = json.at("logged");
   received_.counts.captured = json.at("captured");
   received_.last_record = json.at("last_record_us");
@@ -120,7 +126,7 @@ Result<void> Intake::read_on(LogPosition from) {
           take(std::get<Record>(*message));
         break;
       case EntryKind::kGap:
-        ++received_.counts.gaps;
+        read_gap((*entry)->payload);
         break;
       case EntryKind::kMark:
         if (const auto mark = decode_mark((*entry)->payload))
@@ -131,6 +137,16 @@ Result<void> Intake::read_on(LogPosition from) {
         break;
     }
   }
+}
+
+/* The gap that waited for room was appended before anything else, and is counted. */
+void Intake::read_gap(Bytes payload) {
+  if (pending_gap_) {
+    pending_gap_.reset();
+    return;
+  }
+  ++received_.counts.gaps;
+  if (const auto gap = decode_gap(payload)) received_.counts.last_gap = gap->reason;
 }
 
 /* Records that came late have lower numbers. */
@@ -159,10 +175,15 @@ Result<LogPosition> Intake::append_locked(EntryKind kind, Bytes payload) {
 }
 
 /* While a gap waits for room, nothing else is appended: it would seem to be complete. */
-bool Intake::append_pending_gap_locked() {
+bool Intake::append_pending_gap_locked(Room room) {
   if (!pending_gap_) return true;
   const auto payload = encode(*pending_gap_);
-  if (!append_locked(EntryKind::kGap, bytes_of(payload))) return false;
+  const Bytes bytes = bytes_of(payload);
+  const auto appended =
+      room == Room::kMake
+          ? append_locked(EntryKind::kGap, bytes)
+          : log_->append(static_cast<std::uint8_t>(EntryKind::kGap), std::span(&bytes, 1));
+  if (!appended) return false;
   say(Level::kWarning, options_.name, "GAP: " + pending_gap_->reason);
   pending_gap_.reset();
   marked_ = false;
@@ -239,7 +260,7 @@ Result<LogPosition> Intake::append(EntryKind kind, Bytes payload) {
 
 bool Intake::marked() const {
   MutexLock lock(mutex_);
-  return marked_;
+  return marked_ && !pending_gap_;
 }
 
 std::uint64_t Intake::last_mark() const {
@@ -253,41 +274,44 @@ Intake::Counts Intake::counts() const {
 }
 
 Result<void> Intake::save() {
+  const MutexLock one_at_a_time(save_mutex_);
   Json json;
   {
     MutexLock lock(mutex_);
-    json = {{"rule", to_string(rule_)},
-            {"log", to_string(log_->epoch())},
-            {"position", log_->end()},
-            {"logged", received_.counts.logged},
-            {"captured", received_.counts.captured},
-            {"gaps", received_.counts.gaps},
-            {"last_gap", received_.counts.last_gap},
-            {"last_mark", received_.last_mark},
-            {"last_record_us", received_.last_record}};
+    json = {{"rule", to_string(rule_)},          {"log", to_string(log_->epoch())},
+            {"position", log_->end()},           {"marked", marked_},
+            {"logged", received_.counts.logged}, {"captured", received_.counts.captured},
+            {"gaps", received_.counts.gaps},     {"last_gap", received_.counts.last_gap},
+            {"last_mark", received_.last_mark},  {"last_record_us", received_.last_record}};
     if (received_.position) {
       json["generation"] = received_.position->generation;
       json["last"] = received_.position->last;
     }
+    if (pending_gap_) json["pending_gap"] = {{"since", pending_gap_->since}};
   }
   if (const auto synced = log_->sync(); !synced) return synced;
   return write_document(options_.directory + "/received.json", json);
 }
 
+/* Also tries whether there is room for the gap now: no record may follow for long. It makes no room
+ * itself: that is for those who append, and no concern of targets that are being closed. */
 void Intake::write_behind() {
   LogPosition saved = 0;
+  bool saved_gap = false;
   MutexLock lock(mutex_);
   while (!stop_) {
     stop_changed_.wait_for(lock, kWriteInterval);
     if (stop_) return;
+    (void)append_pending_gap_locked(Room::kWaitFor);
     const LogPosition end = log_->end();
-    if (end == saved) continue;
+    const bool gap = pending_gap_.has_value();
+    if (end == saved && gap == saved_gap) continue;
     lock.unlock();
     const auto written = save();
     if (!written && save_error_ != written.error().text)
       say(Level::kError, options_.name, written.error().text);
     save_error_ = written ? "" : written.error().text;
-    if (written) saved = end;
+    if (written) saved = end, saved_gap = gap;
     lock.lock();
   }
 }

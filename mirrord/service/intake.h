@@ -5,8 +5,9 @@
  * full, becomes a gap that is appended as soon as there is room again; nothing is dropped in
  * silence. A thread of its own writes the log to the disk, so that nobody waits for it.
  *
- * Beside the log lies a document that says up to where each rule's records are in it. It may be
- * older than the log, never newer; open() reads on from there.
+ * Beside the log lies a document that says up to where each rule's records are in it, and the gap
+ * that waits for room. It may be older than the log, never newer: open() reads on from there, and
+ * a log that ends before has lost entries, which is a gap.
  */
 #ifndef TARN_MIRRORD_SERVICE_INTAKE_H
 #define TARN_MIRRORD_SERVICE_INTAKE_H
@@ -60,7 +61,7 @@ class Intake {
   /* For the walker. An error means that nothing was appended. */
   Result<LogPosition> append(EntryKind kind, Bytes payload) EXCLUDES(mutex_);
 
-  /* Is anything behind the last mark? */
+  /* Is nothing behind the last mark, nor a gap waiting for room? */
   bool marked() const EXCLUDES(mutex_);
   /* The number of the last mark in the log; 0: none. */
   std::uint64_t last_mark() const EXCLUDES(mutex_);
@@ -74,7 +75,7 @@ class Intake {
   Counts counts() const EXCLUDES(mutex_);
 
   /* Writes all to the disk. */
-  Result<void> save() EXCLUDES(mutex_);
+  Result<void> save() EXCLUDES(save_mutex_, mutex_);
 
  private:
   explicit Intake(Options options) : options_(std::move(options)) {}
@@ -89,11 +90,13 @@ class Intake {
 
   Result<void> load();
   LogPosition read_document_fields(const nlohmann::json &json);
+  void read_gap(Bytes payload) REQUIRES(mutex_);
   Result<void> read_on(LogPosition from);
   void take(const Record &record);
   std::int64_t missing_since(Missing missing) const;
   Result<LogPosition> append_locked(EntryKind kind, Bytes payload) REQUIRES(mutex_);
-  bool append_pending_gap_locked() REQUIRES(mutex_);
+  enum class Room { kMake, kWaitFor };
+  bool append_pending_gap_locked(Room room = Room::kMake) REQUIRES(mutex_);
   void declare(std::int64_t since, const std::string &reason) EXCLUDES(mutex_);
   void write_behind();
 
@@ -101,9 +104,11 @@ class Intake {
   std::unique_ptr<Log> log_;
   Uuid rule_;
   std::function<bool()> make_room_;
+  Mutex save_mutex_; /* one thread at a time writes the document; taken before mutex_ */
   mutable Mutex mutex_;
   Received received_ GUARDED_BY(mutex_);
-  std::optional<GapEntry> pending_gap_ GUARDED_BY(mutex_); /* could not be appended yet */
+  std::optional<GapEntry> pending_gap_
+      GUARDED_BY(mutex_); /* could not be appended yet; the document has it too */
   bool marked_ GUARDED_BY(mutex_) = true;
   Condition stop_changed_;
   bool stop_ GUARDED_BY(mutex_) = false;

@@ -145,10 +145,12 @@ void Target::take_pause() {
     if (!pause_changed_) return;
     state_.paused = paused_;
   }
-  const auto saved = engine_ ? save(at_rest()) : write_target_state(options_.state_file, state_);
-  if (!saved) failed("the state", saved.error());
+  const bool settled = state_.paused && engine_ && at_rest();
+  Result<void> saved = settled ? save(true) : save_pause();
+  if (settled && !saved) saved = save_pause();
   if (state_.paused) detach();  // its file system can be unmounted
   MutexLock lock(mutex_);
+  note_request_locked(saved);
   pause_changed_ = state_.paused != paused_;
   changed_.notify_all();
 }
@@ -164,12 +166,26 @@ void Target::take_resync() {
   state_.compare_data = true;
   state_.clean = false;
   state_.gaps = state_.skipped = 0;
-  if (const auto written = write_target_state(options_.state_file, state_); !written)
-    failed("the state", written.error());
+  const auto written = write_target_state(options_.state_file, state_);
   MutexLock lock(mutex_);
+  note_request_locked(written);
   resync_ = false;
   mark_ = 0;
   changed_.notify_all();
+}
+
+/* In what was saved last: a target that is held cannot be synced, which a new position needs. */
+Result<void> Target::save_pause() {
+  auto kept = read_target_state(options_.state_file);
+  if (!kept) return kept.error();
+  TargetState state = kept->value_or(state_);
+  state.paused = state_.paused;
+  return write_target_state(options_.state_file, state);
+}
+
+void Target::note_request_locked(const Result<void> &saved) {
+  request_error_.reset();
+  if (!saved) request_error_ = saved.error();
 }
 
 /* What the engine remembers of the directory is not true any more afterwards. */
@@ -256,10 +272,10 @@ void Target::begin_in_log() {
     state_.position = log.end();
     state_.missing_since = kSinceEver;
   } else if (state_.position < log.first()) {
-    missing(state_.until, log.end(), "the log no longer has what was not applied");
+    missing(since_until(), log.end(), "the log no longer has what was not applied");
     state_.position = log.first();
   } else if (state_.position > log.end()) {
-    missing(state_.until, log.end(), "the log has lost its end");
+    missing(since_until(), log.end(), "the log has lost its end");
     state_.position = log.end();
   }
   position_ = state_.position;
@@ -302,18 +318,22 @@ bool Target::still_there() {
 }
 
 void Target::step() {
-  if (unsaved_ && Clock::now() - saved_at_ >= kSaveInterval) {
-    if (const auto saved = save(false); !saved) failed("the position", saved.error());
-  }
   const auto entry = reader_->next();
   if (!entry) return unreadable(entry.error());
   if (!*entry) return idle();
   apply_held(**entry);
+  save_sometimes();
+}
+
+/* Also while there is always more to read: the log keeps all from the saved position on. */
+void Target::save_sometimes() {
+  if (!engine_ || !unsaved_ || Clock::now() - saved_at_ < kSaveInterval) return;
+  if (const auto saved = save(false); !saved) failed("the position", saved.error());
 }
 
 void Target::unreadable(const Error &error) {
   const auto next = reader_->skip_damage();
-  missing(error.code == -ESTALE ? state_.until : kSinceEver, intake_.log().end(), error.text);
+  missing(error.code == -ESTALE ? since_until() : kSinceEver, intake_.log().end(), error.text);
   if (!next) {
     failed("the log", next.error());
     (void)sleep(kAttachInterval);
@@ -323,6 +343,7 @@ void Target::unreadable(const Error &error) {
 }
 
 void Target::idle() {
+  save_sometimes();
   if (state_.missing_since && !walk_ && !walked_ && Clock::now() >= walk_retry_at_ &&
       walk_retry_at_ != Clock::time_point{}) {
     walk_retry_at_ = {};
@@ -399,6 +420,11 @@ Result<void> Target::save(bool clean) {
   if (!claim_dropped_) needed_ = state_.position;
   unsaved_ = false;
   return {};
+}
+
+/* Since when changes may not be in the target. If the clock was set back, times do not tell. */
+std::int64_t Target::since_until() const {
+  return state_.until > now_us() ? kSinceEver : state_.until;
 }
 
 void Target::missing(std::int64_t since, LogPosition position, const std::string &why) {

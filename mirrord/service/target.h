@@ -70,8 +70,9 @@ class Target {
   /* Of the replicated directory in the module. */
   const Uuid &uuid() const { return uuid_; }
   TargetReport report() const EXCLUDES(mutex_);
-  /* Each of these is in the state file when it returns. Error -ETIMEDOUT: not yet, because the
-   * entry that is being applied takes long. */
+  /* Each of these is in the state file when it returns. Errors: -ETIMEDOUT: not yet, because the
+   * entry that is being applied takes long; -EIO: the target does not run; those of writing the
+   * file: done, but a restart forgets it. */
   Result<void> pause() EXCLUDES(mutex_);
   Result<void> resume() EXCLUDES(mutex_);
   /* Compares everything anew. Accepts the directory that is there now, whichever it is. */
@@ -112,6 +113,8 @@ class Target {
   void take_resync() EXCLUDES(mutex_);
   void take_work() EXCLUDES(mutex_);
   void take_pause() EXCLUDES(mutex_);
+  Result<void> save_pause();
+  void note_request_locked(const Result<void> &saved) REQUIRES(mutex_);
   Result<void> until_taken(const bool &request) EXCLUDES(mutex_);
   bool asked_locked() const REQUIRES(mutex_);
   Result<void> attach();
@@ -123,6 +126,7 @@ class Target {
   void finish();
   bool at_rest() const;
   void step();
+  void save_sometimes();
   void idle();
   void unreadable(const Error &error);
   void apply_held(const LogEntry &entry);
@@ -134,6 +138,7 @@ class Target {
   void apply_walk_end(const WalkEndEntry &walk);
   Result<void> after_mark(const MarkEntry &mark);
   Result<void> write_back();
+  std::int64_t since_until() const;
   void missing(std::int64_t since, LogPosition position, const std::string &why);
   void failed(const std::string &what, const Error &error);
   Result<void> save(bool clean);
@@ -174,6 +179,7 @@ class Target {
   bool paused_ GUARDED_BY(mutex_) = false;
   bool pause_changed_ GUARDED_BY(mutex_) = false; /* not in the state file yet */
   bool resync_ GUARDED_BY(mutex_) = false;
+  std::optional<Error> request_error_ GUARDED_BY(mutex_); /* the last one is not in the file */
   bool skip_ GUARDED_BY(mutex_) = false;
   const std::function<void()> *work_ GUARDED_BY(mutex_) = nullptr;
   bool ended_ GUARDED_BY(mutex_) = true;      /* the thread does not run */

@@ -79,13 +79,14 @@ Result<void> Target::until_taken(const bool &request) {
                                          "'mirrord status' shows it",
                                          about())};
   }
-  return {};
+  if (request) return Error{-EIO, about() + " does not run"};
+  return request_error_ ? Result<void>(*request_error_) : Result<void>();
 }
 
 Result<void> Target::pause() {
   {
     MutexLock lock(mutex_);
-    if (paused_) return {};
+    if (paused_ && !request_error_) return {};
     paused_ = pause_changed_ = true;
     changed_.notify_all();
   }
@@ -96,7 +97,7 @@ Result<void> Target::pause() {
 Result<void> Target::resume() {
   {
     MutexLock lock(mutex_);
-    if (!paused_) return {};
+    if (!paused_ && !request_error_) return {};
     paused_ = false;
     pause_changed_ = true;
     changed_.notify_all();

@@ -120,7 +120,7 @@ bool Walker::directory(Walk &walk, const std::string &path, double from, double 
   auto entries =
       object ? Source::entries(**object) : Result<std::vector<DirectoryEntry>>(object.error());
   if (!entries) {
-    if (entries.error().code == -ENOENT) return true;  // removed since it was found
+    if (object && entries.error().code == -ENOENT && !path.empty()) return true;  // removed since
     if (std::exchange(walk.complete, false))
       say(Level::kWarning, options_.name, printable(path) + ": " + entries.error().text);
     return true;

@@ -1,0 +1,33 @@
+# SPDX-License-Identifier: GPL-2.0
+"""The service under faults; run by service_promise.sh. See settings.py for what can be asked."""
+import subprocess
+import sys
+import time
+
+from . import settings
+from .driver import LAST, Driver, Failed, say
+
+
+def main():
+    asked = settings.parse()
+    say("seed %d" % asked.seed)
+    began = time.monotonic()
+    driver = None
+    try:
+        driver = Driver(asked)
+        count = driver.run()
+    except (Failed, subprocess.TimeoutExpired) as failed:
+        say("FAILED: %s" % failed)
+        if driver:
+            say("what was done last: %s" % "; ".join(driver.done[-LAST:]))
+        say("again: %s" % asked.again())
+        return 1
+    finally:
+        if driver:
+            driver.leave()
+    say("%d faults in %.0f s: equal after each" % (count, time.monotonic() - began))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

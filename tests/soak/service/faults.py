@@ -1,0 +1,179 @@
+# SPDX-License-Identifier: GPL-2.0
+"""The faults. Each is a generator: it makes the fault, yields once while it lasts, and undoes it. The names behind
+@fault are what it takes for itself: faults without a common one may last at the same time."""
+import os
+import time
+
+from promise import names
+
+from .programs import Failed, run
+
+ALL = {}
+BURST = 80 << 20
+
+
+class Fault:
+    def __init__(self, name, needs, weight, function):
+        self.name, self.needs, self.weight, self.function = name, set(needs), weight, function
+
+
+def fault(*needs, weight=2):
+    def take(function):
+        name = function.__name__.replace("_", "-")
+        ALL[name] = Fault(name, needs, weight, function)
+        return function
+    return take
+
+
+@fault("mirrord", weight=6)
+def kill(d):
+    d.service.kill()
+    yield
+    d.service.start()
+
+
+@fault("mirrord", weight=3)
+def kill_twice(d):
+    """The second time at once, or while it begins."""
+    d.service.kill()
+    d.service.start()
+    time.sleep(d.rng.choice([0, 0.02, 0.1, 0.3, 1]))
+    d.service.check()
+    d.service.kill()
+    yield
+    d.service.start()
+
+
+@fault("mirrord", weight=4)
+def stop(d):
+    d.service.stop()
+    yield
+    d.service.start()
+
+
+@fault("mirrord", weight=3)
+def freeze(d):
+    d.service.freeze(True)
+    yield
+    d.service.freeze(False)
+
+
+@fault("mirrord", weight=3)
+def kill_while_copying(d):
+    d.service.verb("resync", "data/" + d.rng.choice(d.settings.target_names))
+    time.sleep(d.rng.random() * 0.6)
+    d.service.kill()
+    yield
+    d.service.start()
+
+
+@fault("tarnd", weight=4)
+def kill_tarnd(d):
+    d.tarnd.kill()
+    d.workload.mount_ended()
+    yield
+    d.tarnd.start()
+    if not d.paused:
+        d.workload.start()
+
+
+@fault("first", weight=4)
+def full_target(d):
+    disk = d.settings.disk(d.first)
+    d.disks.fill(disk)
+    yield
+    d.disks.free(disk)
+
+
+@fault("log", weight=3)
+def full_log_disk(d):
+    d.disks.fill(d.settings.state_disk)
+    yield
+    d.disks.free(d.settings.state_disk)
+
+
+@fault("first", weight=3)
+def unmounted_target(d):
+    d.disks.hide(d.first)
+    yield
+    d.disks.show(d.first)
+
+
+@fault("last", weight=3)
+def target_away(d):
+    path = d.settings.target(d.last)
+    os.rename(path, path + ".away")
+    yield
+    os.rename(path + ".away", path)
+
+
+@fault("last")
+def replaced_target(d):
+    path = d.settings.target(d.last)
+    os.rename(path, path + ".old")
+    if d.rng.random() < 0.5:
+        time.sleep(1.5)
+    os.mkdir(path, 0o700)
+    yield
+    run("rm", "-rf", path + ".old")
+
+
+@fault("tarnd", "mirrord", weight=3)
+def deleted_rule(d):
+    status = d.service.status()
+    if status:
+        run("tarn", "rule", "del", status["sources"][0]["rule"], check=False)
+    yield
+
+
+@fault("first", "mirrord", weight=3)
+def paused_target(d):
+    d.service.verb("pause", "data/" + d.first)
+    yield
+    d.resume.add(d.first)
+
+
+@fault("first", "mirrord", "log", "tarnd", weight=1)
+def full_log(d):
+    """A paused target does without what does not fit into the log."""
+    d.service.verb("pause", "data/" + d.first)
+    path = os.fsencode(d.settings.mount) + b"/" + names.SOURCE + b"/burst"
+    with open(path, "wb", buffering=0) as f:
+        for _ in range(BURST >> 20):
+            f.seek(0)
+            f.write(os.urandom(1 << 20))
+    os.unlink(path)
+    yield
+    d.resume.add(d.first)
+
+
+@fault("first", weight=2)
+def resync(d):
+    d.service.verb("resync", "data/" + d.first)
+    yield
+
+
+@fault("first", "mirrord", weight=2)
+def skipped_entry(d):
+    """What is skipped is a gap until the target is compared anew."""
+    disk = d.settings.disk(d.first)
+    d.disks.fill(disk)
+    deadline = time.monotonic() + 5
+    while time.monotonic() < deadline and d.service.targets().get(d.first, {}).get("state") != "held":
+        time.sleep(0.05)
+    yield
+    skipped = d.service.verb("skip", "data/" + d.first).returncode == 0
+    if skipped and d.service.targets().get(d.first, {}).get("skipped", 0) == 0:
+        time.sleep(1)
+        if d.service.targets().get(d.first, {}).get("skipped", 0) == 0:
+            raise Failed("an entry was skipped, and the status does not say so")
+    d.disks.free(disk)
+    if skipped:
+        d.resync.add(d.first)
+
+
+@fault(weight=3)
+def nothing(d):
+    """Only the comparison."""
+    assert d
+    yield

@@ -176,13 +176,15 @@ void Receiver::disconnect(const std::string &why) {
   barriers_.clear();
 }
 
-/* From time to time, because somebody else may have changed them. */
-void Receiver::keep_rules() {
+/* From time to time and before a mark that somebody asked for, because somebody else may have
+ * changed them. */
+Result<void> Receiver::keep_rules() {
   renew_stopped();
   const auto changed = keeper_.keep();
   kept_at_ = Clock::now();
-  if (!changed) return say(Level::kWarning, "", changed.error().text);
+  if (!changed) return changed.error();
   note_added(*changed);
+  return {};
 }
 
 void Receiver::renew_stopped() {
@@ -225,8 +227,14 @@ void Receiver::receive() {
   const auto now = Clock::now();
   const bool by_itself = barriers_.empty() && changed_since_mark() &&
                          (received->packets.empty() || now - marked_at_ >= kMarkInterval);
+  if (wanted || now - kept_at_ >= kKeepRules) {
+    const auto kept = keep_rules();
+    // Without the rules the mark would tell of changes that were not captured.
+    if (!kept && wanted)
+      return disconnect("the module's rules cannot be set: " + kept.error().text);
+    if (!kept) say(Level::kWarning, "", kept.error().text);
+  }
   if (wanted || by_itself) send_barrier();
-  if (now - kept_at_ >= kKeepRules) keep_rules();
 }
 
 Receiver::Clock::duration Receiver::until_next() const {

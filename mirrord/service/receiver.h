@@ -64,7 +64,7 @@ class Receiver : private Sequencer::Sink {
 
   bool connect();
   void disconnect(const std::string &why);
-  void keep_rules();
+  Result<void> keep_rules();
   void note_added(const RuleKeeper::Changed &changed);
   void find_missing(const std::vector<Uuid> &kept);
   void renew_stopped();

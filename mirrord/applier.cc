@@ -399,6 +399,7 @@ Result<void> Applier::caught_up(std::int64_t until) {
   use_all_rules();
   auto links = reconciler_.check_links();
   auto unrecorded = reconciler_.find_unrecorded(until);
+  reconciler_.retry_failed();
   auto changed = reconciler_.compare_changed(until);
   // A fetch may remove a name of a file and so leave another to be checked.
   for (int rounds = 0; links && replica_.has_partly_unlinked() && rounds < kLinkRounds; ++rounds)

@@ -31,7 +31,17 @@ bool same_but_times(const struct stat &mine, const struct stat &other) {
 
 }  // namespace
 
+/* What failed may look finished: a file of the right size without all of its data. */
 Result<Done> Reconciler::reconcile(const std::string &path) {
+  auto done = try_to_reconcile(path);
+  if (done)
+    failed_.erase(path);
+  else
+    failed_.insert(path);
+  return done;
+}
+
+Result<Done> Reconciler::try_to_reconcile(const std::string &path) {
   if (path.empty()) return Error{-EINVAL, "the source directory itself cannot be fetched"};
   const auto found = source_.find(path);
   if (!found) return found.error();
@@ -216,6 +226,7 @@ Result<void> Reconciler::check_links() {
   if (const auto objects = replica_.take_partly_unlinked(); !objects.empty()) {
     std::vector<std::string> names;
     first = replica_.names_of(objects, names);
+    if (!first) replica_.note_partly_unlinked(objects);
     for (const std::string &path : names) watch(path, 0);
   }
   for (const std::string &path : fetcher_.origins().with_many_links()) {
@@ -237,7 +248,7 @@ Result<bool> Reconciler::compare(const std::string &path, std::int64_t until) {
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine && !*theirs) return true;
-  if (*mine && *theirs && same_but_times(**mine, (*theirs)->status)) {
+  if (*mine && *theirs && !failed_.contains(path) && same_but_times(**mine, (*theirs)->status)) {
     const auto xattrs = fetcher_.fetch_xattrs(path, **theirs);
     return xattrs ? Result<bool>(true) : Result<bool>(xattrs.error());
   }
@@ -269,8 +280,8 @@ Result<void> Reconciler::copy_mtime(const std::string &path, std::int64_t until)
 }
 
 Result<void> Reconciler::compare_changed(std::int64_t until) {
-  auto paths = changed_paths_.take();
   if (!source_.available()) return {};
+  auto paths = changed_paths_.take();
   Result<void> first;
   const auto note = [&first](const Result<void> &result) {
     if (first.ok() && !result) first = result.error();
@@ -278,17 +289,29 @@ Result<void> Reconciler::compare_changed(std::int64_t until) {
   std::vector<std::string> changing;
   for (const std::string &path : paths) {
     const auto compared = compare(path, until);
-    if (!compared)
+    if (!compared) {
       note(compared.error());
-    else if (!*compared)
+      failed_.insert(path);
+    } else if (!*compared) {
       changing.push_back(path);
+    } else {
+      failed_.erase(path);
+    }
   }
   // Copies change the times of their parents, so times are set last, children first.
   for (std::string &path : changed_paths_.take()) paths.push_back(std::move(path));
   std::sort(paths.begin(), paths.end(), std::greater());
-  for (const std::string &path : paths) note(copy_mtime(path, until));
+  for (const std::string &path : paths) {
+    const auto copied = copy_mtime(path, until);
+    if (!copied) failed_.insert(path);
+    note(copied);
+  }
   for (const std::string &path : changing) changed_paths_.add(path);
   return first;
+}
+
+void Reconciler::retry_failed() {
+  for (const std::string &path : failed_) changed_paths_.add(path);
 }
 
 Result<void> Reconciler::find_unrecorded(std::int64_t until) {
@@ -296,14 +319,16 @@ Result<void> Reconciler::find_unrecorded(std::int64_t until) {
   Result<void> first;
   for (const std::string &path : std::exchange(recheck_later_, {})) {
     const auto taken = reconcile_if_changed(path, 0, until);
+    if (!taken) recheck_later_.push_back(path);
     if (first.ok() && !taken) first = taken;
   }
   if (unrecorded_since_ == kNever) return first;
-  const auto since =
-      static_cast<std::int64_t>(std::exchange(unrecorded_since_, kNever)) - kTimestampSlackUs;
-  if (const auto names = reconcile_if_changed("", since, until); first.ok() && !names)
-    first = names;
-  auto found = find_unrecorded_below("", since, until);
+  const std::uint64_t unrecorded = std::exchange(unrecorded_since_, kNever);
+  const auto since = static_cast<std::int64_t>(unrecorded) - kTimestampSlackUs;
+  auto found = reconcile_if_changed("", since, until);
+  const auto below = find_unrecorded_below("", since, until);
+  if (found) found = below;
+  if (!found) note_unrecorded(unrecorded);  // the next call searches again
   return first ? found : first;
 }
 

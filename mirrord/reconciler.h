@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <limits>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -95,6 +96,8 @@ class Reconciler {
    * source. Paths that changed since `until` are left to the next call. Goes on after an error and
    * returns the first one. */
   Result<void> compare_changed(std::int64_t until);
+  /* The next compare_changed() copies again what could not be compared or copied. */
+  void retry_failed();
 
   /* Compares one directory, as Applier::look() says. Each path that it copies or removes follows
    * the source from then on. Goes on after an error and returns the first one. */
@@ -113,6 +116,7 @@ class Reconciler {
   }
 
  private:
+  Result<Replica::Done> try_to_reconcile(const std::string &path);
   Result<Replica::Done> take_from_source(const std::string &path,
                                          const std::optional<Source::Object> &found);
   Result<void> recheck(const std::string &path);
@@ -135,6 +139,7 @@ class Reconciler {
   Fetcher fetcher_;
   PendingPaths pending_;
   ChangedPaths changed_paths_;
+  std::set<std::string> failed_; /* could not be compared or copied */
   std::uint64_t unrecorded_since_ = kNever;
   std::vector<std::string> recheck_later_; /* changed after `until`: checked by the next call */
   bool reconciling_names_ = false;

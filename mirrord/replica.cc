@@ -336,7 +336,7 @@ Result<Replica::Done> Replica::remove_tree(const std::string &path) {
 
 Result<std::optional<struct stat>> Replica::find(const std::string &path) {
   const auto at = place(path);
-  const auto absent = [](int err) { return err == ENOENT || err == ENOTDIR; };
+  const auto absent = [](int err) { return err == ENOENT || err == ENOTDIR || err == ELOOP; };
   if (!at && absent(-at.error().code)) return std::optional<struct stat>();
   if (!at) return at.error();
   struct stat status;

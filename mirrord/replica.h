@@ -75,6 +75,9 @@ class Replica {
   void note_partly_unlinked(const struct stat &object) {
     partly_unlinked_.insert({object.st_dev, object.st_ino});
   }
+  void note_partly_unlinked(const Objects &objects) {
+    partly_unlinked_.insert(objects.begin(), objects.end());
+  }
   bool has_partly_unlinked() const { return !partly_unlinked_.empty(); }
   Objects take_partly_unlinked() { return std::exchange(partly_unlinked_, {}); }
   /* The names in a directory, without "." and "..". */

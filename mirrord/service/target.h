@@ -9,8 +9,8 @@
  *
  * Errors of the machine (a full or read-only file system, I/O, memory) hold the target: the entry
  * is tried again with growing pauses, until it succeeds or is skipped. After any other error, the
- * record's paths are copied from the source at the next mark. Changes that the log does not have
- * are found by a walk (walker.h).
+ * record's paths are copied from the source at the next mark; whatever fails there holds the
+ * target. Changes that the log does not have are found by a walk (walker.h).
  *
  * The functions of the class may be called by any thread.
  */

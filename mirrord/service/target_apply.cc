@@ -17,6 +17,10 @@ constexpr std::chrono::seconds kWalkAgain{60};
 /* A change time that every file's is behind: each is compared byte by byte. */
 constexpr std::int64_t kBeforeAll = kSinceEver / 2;
 
+bool is_absent(const Error &error) {
+  return error.code == -ENOENT || error.code == -ENOTDIR || error.code == -ELOOP;
+}
+
 }  // namespace
 
 /* Errors of the machine, not of the record: they may go away. */
@@ -96,8 +100,7 @@ Result<void> Target::apply_record(const LogEntry &entry) {
   if (!unplaced && holds_target(applied.error())) return applied.error();
   // The walk of a first copy comes by all that is not there yet.
   const bool copying = state_.missing_since == kSinceEver;
-  const bool absent = applied.error().code == -ENOENT || applied.error().code == -ENOTDIR;
-  if (copying && absent) return {};
+  if (copying && is_absent(applied.error())) return {};
   if (paths.empty())
     missing(static_cast<std::int64_t>(record.ts), entry.position, "an unnamed file was changed");
   suspects_.insert(paths.begin(), paths.end());
@@ -127,15 +130,13 @@ Result<void> Target::apply_mark(const MarkEntry &mark) {
   }
   for (auto path = suspects_.begin(); path != suspects_.end();) {
     const auto looked = applier.look_at(*path);
-    if (!looked && holds_target(looked.error())) return looked;
-    if (!looked) failed(printable(*path), looked.error());
+    // Without its parent it is compared below, as what has changed.
+    if (!looked && !is_absent(looked.error())) return looked;
     path = suspects_.erase(path);
   }
-  const auto compared = applier.caught_up(mark.until);
-  if (!compared && holds_target(compared.error())) return compared;
+  if (const auto compared = applier.caught_up(mark.until); !compared) return compared;
   engine_->replica.close_files();
   if (const auto kept = write_back(); !kept) return kept;
-  if (!compared) failed("the comparison with the source", compared.error());
   for (const Unexplained &missing : applier.take_unexplained())
     say(Level::kNotice, about(),
         fmt::format("record {} ({}): its object was gone on both sides", missing.wseq,

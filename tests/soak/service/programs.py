@@ -53,7 +53,7 @@ class Service:
         self.process.terminate()
         code = self.process.wait(timeout=90)
         self.process = None
-        if code:
+        if code not in (0, -signal.SIGTERM):  # it may not have begun to take signals
             raise Failed("mirrord ended with %d when it was stopped" % code)
 
     def freeze(self, frozen):

@@ -43,7 +43,7 @@ struct Describe {
 /* Gets the records in order, and what is to be said about the stream. */
 class Printer : public tarn::Sequencer::Sink {
  public:
-  void record(const tarn::Record &record, tarn::Sequencer::Order) override {
+  void record(const tarn::Record &record, tarn::Bytes, tarn::Sequencer::Order) override {
     std::cout << record.wseq << ": " << std::visit(Describe(), record.change) << std::endl;
   }
   void event(const tarn::Uuid &rule, const tarn::Sequencer::Event &event) override {

@@ -126,7 +126,8 @@ class Reconciler {
   Result<void> reconcile_names(const std::string &directory);
   Result<void> reconcile_if_changed(const std::string &path, std::int64_t since,
                                     std::int64_t until);
-  Result<void> look_at(const std::string &path, std::optional<std::int64_t> since);
+  Result<bool> may_be_another(const std::string &directory, std::int64_t since);
+  Result<void> look_at(const std::string &path, std::optional<std::int64_t> since, bool another);
   Result<bool> compare(const std::string &path, std::int64_t until);
   Result<void> copy_mtime(const std::string &path, std::int64_t until);
   void find_names(const std::string &directory, const Fetcher::Objects &wanted,

@@ -8,11 +8,25 @@
 
 namespace tarn {
 
+/* Has the directory, or one above it, been changed since? Then another one may have taken its name
+ * by a rename, which changes no time below it. */
+Result<bool> Reconciler::may_be_another(const std::string &directory, std::int64_t since) {
+  for (std::string path = directory; !path.empty(); path = parent_of(path)) {
+    const auto theirs = source_.find(path);
+    if (!theirs) return theirs.error();
+    if (!*theirs || microseconds((*theirs)->status.st_ctim) >= since - kTimestampSlackUs)
+      return true;
+  }
+  return false;
+}
+
 Result<void> Reconciler::look(const std::string &directory, std::optional<std::int64_t> since) {
   const auto theirs = source_.find(directory);
   if (!theirs) return theirs.error();
   // Removed or renamed since the walk came by: a record says so.
   if (!*theirs || !S_ISDIR((*theirs)->status.st_mode)) return {};
+  const auto another = since ? may_be_another(directory, *since) : Result<bool>(true);
+  if (!another) return another.error();
   const auto mine = replica_.find(directory);
   if (!mine) return mine.error();
   if (!*mine || !S_ISDIR((*mine)->st_mode)) {
@@ -28,15 +42,18 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
   if (!names) return names.error();
   std::set<std::string> both(names->begin(), names->end());
   for (const DirectoryEntry &entry : *entries) both.insert(entry.name);
-  fetcher_.set_trust(since ? Fetcher::Trust::kNone : Fetcher::Trust::kSizeAndTime);
   Result<void> first;
   for (const std::string &name : both) {
     const std::string path = directory.empty() ? name : directory + "/" + name;
     if (!included_(path)) continue;
-    auto looked = look_at(path, since);
+    auto looked = look_at(path, since, *another);
     if (first.ok() && !looked) first = std::move(looked);
   }
   fetcher_.set_trust(Fetcher::Trust::kNone);
+  if (since) {  // no walk comes by all directories
+    const auto names = reconcile_other_names();
+    if (first.ok() && !names) first = names;
+  }
   // Other names of a file are looked at in their own directories.
   fetcher_.take_multiply_linked();
   changed_paths_.add(directory);
@@ -44,7 +61,9 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
   return first ? like : first;
 }
 
-Result<void> Reconciler::look_at(const std::string &path, std::optional<std::int64_t> since) {
+/* `another`: times do not tell that the path's object is the replica's. */
+Result<void> Reconciler::look_at(const std::string &path, std::optional<std::int64_t> since,
+                                 bool another) {
   const auto theirs = source_.find(path);
   if (!theirs) return theirs.error();
   const auto mine = replica_.find(path);
@@ -62,9 +81,10 @@ Result<void> Reconciler::look_at(const std::string &path, std::optional<std::int
     follow_source(path);
     return fetcher_.make_directory(path, **theirs);
   }
-  const bool unchanged = since && *mine && same_type(**mine, status) &&
-                         microseconds(status.st_ctim) < *since - kTimestampSlackUs;
-  if (unchanged) return {};
+  const bool old = since && microseconds(status.st_ctim) < *since - kTimestampSlackUs;
+  if (old && !another && *mine && same_type(**mine, status)) return {};
+  // A file that was changed may have the size and the time of before.
+  fetcher_.set_trust(since && !old ? Fetcher::Trust::kNone : Fetcher::Trust::kSizeAndTime);
   follow_source(path);
   return fetcher_.fetch(path, **theirs, included_);
 }

@@ -109,12 +109,12 @@ void Walker::walk(WalkBeginEntry begin) {
   Walk walk{.begin = begin, .started = steady_clock::now()};
   if (begin.since != kSinceEver) walk.since = begin.since - kTimestampSlackUs;
   if (!append(EntryKind::kWalkBegin, encode(begin))) return;
-  if (!directory(walk, "", 0, 1)) return;
+  if (!directory(walk, "", false, 0, 1)) return;
   if (append(EntryKind::kWalkEnd, encode(WalkEndEntry{begin.walk, walk.complete})))
     options_.walked();
 }
 
-bool Walker::directory(Walk &walk, const std::string &path, double from, double to) {
+bool Walker::directory(Walk &walk, const std::string &path, bool moved, double from, double to) {
   auto object = source_.find(path);
   if (object && (!*object || !S_ISDIR((*object)->status.st_mode))) return true;  // a record tells
   auto entries =
@@ -127,7 +127,9 @@ bool Walker::directory(Walk &walk, const std::string &path, double from, double 
   }
   walk.files += entries->size();
   if (!keep_to_speed(walk)) return false;
-  if (has_changes(walk, **object, *entries)) {
+  // A rename changes the time of the directory, but none of what is below it.
+  moved = moved || (!path.empty() && microseconds((*object)->status.st_ctim) >= walk.since);
+  if (moved || has_changes(walk, **object, *entries)) {
     const auto done = static_cast<std::uint32_t>(from * LookEntry::kWhole);
     if (!append(EntryKind::kLook, encode(LookEntry{walk.begin.walk, done, path}))) return false;
   }
@@ -146,7 +148,7 @@ bool Walker::directory(Walk &walk, const std::string &path, double from, double 
   const double share = (to - from) / static_cast<double>(below.size() + 1);
   for (std::size_t i = 0; i < below.size(); ++i) {
     from += share;
-    if (!directory(walk, below[i], from, from + share)) return false;
+    if (!directory(walk, below[i], moved, from, from + share)) return false;
   }
   return true;
 }

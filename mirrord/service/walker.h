@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Walks over a source and appends an entry for each directory that targets have to compare: all of
- * them for a first copy, those with changes since some time for a gap. The entries stand in the log
- * between the records, while programs go on writing; what is made in a directory behind the walk is
+ * them for a first copy, those with changes since some time, and all below these, for a gap. The
+ * entries stand in the log between the records, while programs go on writing; what is made in a directory behind the walk is
  * told by records.
  *
  * One thread of its own, which waits for targets that are far behind, and when a speed is set.
@@ -56,8 +56,9 @@ class Walker {
 
   void run();
   void walk(WalkBeginEntry begin);
-  /* False: told to stop. `from` and `to`: the share of the whole walk, 0 to 1. */
-  bool directory(Walk &walk, const std::string &path, double from, double to);
+  /* False: told to stop. `moved`: it or a directory above it may have come here since the walk's
+   * time. `from` and `to`: the share of the whole walk, 0 to 1. */
+  bool directory(Walk &walk, const std::string &path, bool moved, double from, double to);
   bool has_changes(const Walk &walk, const Source::Object &directory,
                    const std::vector<DirectoryEntry> &entries) const;
   bool append(EntryKind kind, const std::vector<std::byte> &payload) EXCLUDES(mutex_);

@@ -82,6 +82,10 @@ Result<void> Intake::load() {
     declare(kSinceEver, "the log has lost its end");
   else if (recovery.bytes_cut != 0)
     declare(missing_since(Missing::kSinceLastRecord), "the log's end was not written whole");
+  {
+    MutexLock lock(mutex_);
+    (void)append_pending_gap_locked(Room::kWaitFor);  // or the log's thread does
+  }
   // A rule that nobody knows after a power cut would be a rule that nobody deletes.
   return save();
 }

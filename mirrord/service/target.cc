@@ -361,8 +361,7 @@ void Target::apply_held(const LogEntry &entry) {
   for (;; held = true) {
     const auto applied = apply(entry);
     if (applied) break;
-    const bool compares = static_cast<EntryKind>(entry.kind) == EntryKind::kMark;
-    if (!compares && !holds_target(applied.error())) {
+    if (!holds_target(applied.error())) {
       failed(describe_entry(entry), applied.error());
       break;
     }
@@ -440,9 +439,12 @@ void Target::missing(std::int64_t since, LogPosition position, const std::string
 
 void Target::failed(const std::string &what, const Error &error) {
   ++state_.failures;
-  say(Level::kWarning, about(), what + ": " + error.text);
+  const std::string text = what + ": " + error.text;
   MutexLock lock(mutex_);
-  error_ = what + ": " + error.text;
+  if (text == error_) return;  // it is tried again and again
+  error_ = text;
+  lock.unlock();
+  say(Level::kWarning, about(), text);
 }
 
 std::string Target::describe_entry(const LogEntry &entry) const {

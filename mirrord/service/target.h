@@ -9,8 +9,9 @@
  *
  * Errors of the machine (a full or read-only file system, I/O, memory) hold the target: the entry
  * is tried again with growing pauses, until it succeeds or is skipped. After any other error, the
- * record's paths are copied from the source at the next mark; whatever fails there holds the
- * target. Changes that the log does not have are found by a walk (walker.h).
+ * record's paths are copied from the source at the next mark, and if that fails too, they are
+ * missing. Changes that are missing are found by a walk (walker.h), which is repeated until all of
+ * them are copied.
  *
  * The functions of the class may be called by any thread.
  */
@@ -136,6 +137,7 @@ class Target {
   Result<void> apply_look(const LookEntry &look);
   void apply_walk_begin(const WalkBeginEntry &walk, LogPosition position);
   void apply_walk_end(const WalkEndEntry &walk);
+  void not_copied(const std::string &what, const Error &error);
   Result<void> after_mark(const MarkEntry &mark);
   Result<void> write_back();
   std::int64_t since_until() const;
@@ -161,6 +163,7 @@ class Target {
   LogPosition position_ = 0;           /* of the next entry to apply */
   LogPosition missing_at_ = 0;         /* a walk that begins before it is too early */
   std::optional<WalkBeginEntry> walk_; /* under way in the log, and of use here */
+  bool walk_failed_ = false;           /* what it found could not be copied */
   bool walked_ = false;                /* it has ended: the next mark ends `missing_since` */
   std::set<std::string> suspects_;     /* copied from the source at the next mark */
   DirectoryIdentity identity_;

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 // How a target applies each kind of entry.
+#include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -17,6 +19,7 @@ constexpr std::chrono::seconds kWalkAgain{60};
 /* A change time that every file's is behind: each is compared byte by byte. */
 constexpr std::int64_t kBeforeAll = kSinceEver / 2;
 
+/* An object that records of later changes tell of. */
 bool is_absent(const Error &error) {
   return error.code == -ENOENT || error.code == -ENOTDIR || error.code == -ELOOP;
 }
@@ -130,18 +133,31 @@ Result<void> Target::apply_mark(const MarkEntry &mark) {
   }
   for (auto path = suspects_.begin(); path != suspects_.end();) {
     const auto looked = applier.look_at(*path);
-    // Without its parent it is compared below, as what has changed.
-    if (!looked && !is_absent(looked.error())) return looked;
+    if (!looked && holds_target(looked.error())) return looked;
+    if (!looked) not_copied(printable(*path), looked.error());
     path = suspects_.erase(path);
   }
-  if (const auto compared = applier.caught_up(mark.until); !compared) return compared;
+  const auto compared = applier.caught_up(mark.until);
+  if (!compared && holds_target(compared.error())) return compared;
   engine_->replica.close_files();
   if (const auto kept = write_back(); !kept) return kept;
+  if (!compared) not_copied("the comparison with the source", compared.error());
   for (const Unexplained &missing : applier.take_unexplained())
     say(Level::kNotice, about(),
         fmt::format("record {} ({}): its object was gone on both sides", missing.wseq,
                     missing.what));
   return after_mark(mark);
+}
+
+/* Nothing is left to try at once: what is missing is looked for from time to time. */
+void Target::not_copied(const std::string &what, const Error &error) {
+  failed(what, error);
+  if (is_absent(error)) return;
+  const std::int64_t since = since_until();
+  if (!state_.missing_since) return missing(since, intake_.log().end(), what + ": " + error.text);
+  state_.missing_since = std::min(*state_.missing_since, since);
+  walk_failed_ = true;
+  if (std::exchange(walked_, false)) walk_retry_at_ = Clock::now() + kWalkAgain;
 }
 
 Result<void> Target::after_mark(const MarkEntry &mark) {
@@ -160,6 +176,7 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
   if (!state_.missing_since) {
     MutexLock lock(mutex_);
     mark_ = mark.number;
+    shown_ = state_;  // whoever waits for the mark asks then
     progress_ = seconds_left_ = -1;
     error_.clear();
     changed_.notify_all();
@@ -174,7 +191,7 @@ void Target::apply_walk_begin(const WalkBeginEntry &walk, LogPosition position) 
       walk.since > *state_.missing_since)
     return;
   walk_ = walk;
-  walked_ = false;
+  walked_ = walk_failed_ = false;
   walk_started_ = Clock::now();
 }
 
@@ -187,6 +204,7 @@ Result<void> Target::apply_look(const LookEntry &look) {
   if (const auto kept = write_back(); !kept) return kept;
   if (!looked && !holds_target(looked.error())) {
     failed("copy of " + printable("./" + look.directory), looked.error());
+    walk_failed_ = walk_failed_ || !is_absent(looked.error());
     looked = {};
   }
   const double done = static_cast<double>(look.done) / LookEntry::kWhole;
@@ -200,11 +218,10 @@ Result<void> Target::apply_look(const LookEntry &look) {
 void Target::apply_walk_end(const WalkEndEntry &walk) {
   if (!walk_ || walk_->walk != walk.walk) return;
   walk_.reset();
-  walked_ = walk.complete;
-  if (!walk.complete) {
-    walk_retry_at_ = Clock::now() + kWalkAgain;
+  walked_ = walk.complete && !walk_failed_;
+  if (!walked_) walk_retry_at_ = Clock::now() + kWalkAgain;
+  if (!walk.complete)
     failed("the walk over the source", Error{-EACCES, "a part of the source cannot be read"});
-  }
 }
 
 }  // namespace tarn

@@ -1,0 +1,74 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/* A target of a real source with a real log and a real walker; the test is the module. */
+#ifndef TARN_TESTS_MIRRORD_TARGET_KIT_H
+#define TARN_TESTS_MIRRORD_TARGET_KIT_H
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "mirrord/service/target.h"
+#include "tests/mirrord/service_kit.h"
+#include "tests/replicate/fake_tarnd.h"
+#include "tests/replicate/run_program.h"
+
+namespace tarn::test {
+
+class TargetTest : public testing::Test {
+ protected:
+  TargetTest();
+  ~TargetTest() override;
+
+  void open_log();
+  void open_target();
+  void start();
+  /* As on SIGTERM. */
+  void stop();
+  /* As on kill -9: the target's state is what the file holds now. */
+  void kill();
+
+  /* A mark, and its number. */
+  std::uint64_t mark();
+  /* Marks until the target has applied all and nothing is missing. */
+  bool equal();
+  void expect_equal_trees();
+  std::string state() const { return target_->report().state; }
+  bool becomes(const std::string &state) {
+    return eventually([&] { return target_->report().state == state; });
+  }
+  bool walks_since(LogPosition position) const;
+
+  /* Makes the file as a program does; with its records. */
+  void write(const std::string &name, const std::string &data);
+  /* Makes it without any record. */
+  void write_unseen(const std::string &name, const std::string &data) const;
+  void rename(const std::string &from, const std::string &to);
+  void remove(const std::string &name);
+  Stamp next();
+
+  std::string in_source(const std::string &name) const { return source_ + "/" + name; }
+  std::string in_target(const std::string &name) const { return copy_ + "/" + name; }
+  TargetState saved() const;
+  void put_state(const TargetState &state) const;
+
+  TemporaryDirectory dir_;
+  const std::string source_ = dir_ / "src";
+  std::string copy_ = dir_ / "target";
+  RuleDirectories lists_{{source_}, {}}; /* of the rule */
+  const std::string state_file_ = dir_ / "target-t";
+  std::uint64_t log_limit_ = 1 << 24;
+  std::uint32_t number_ = 0;
+  std::atomic<std::uint64_t> marks_ = 0;
+  std::unique_ptr<Intake> intake_;
+  std::unique_ptr<Walker> walker_;
+  std::unique_ptr<Target> target_;
+};
+
+std::string content_of(const std::string &file);
+void put_content(const std::string &file, const std::string &data);
+
+}  // namespace tarn::test
+
+#endif

@@ -1,0 +1,133 @@
+// SPDX-License-Identifier: GPL-2.0
+// A target whose log does not have what it has not read: nothing of it is missed.
+#include <filesystem>
+#include <limits>
+
+#include "mirrord/file_status.h"
+#include "tests/mirrord/target_kit.h"
+#include "tests/replicate/programs.h"
+
+namespace tarn::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+class TargetLogTest : public TargetTest {
+ protected:
+  /* Changes whose records fill several segments. */
+  void change_much() {
+    for (int i = 0; i < 40; ++i) write("f" + std::to_string(i % 7), std::string(600, 'a' + i % 26));
+  }
+  /* While nobody holds the log's older entries any more. */
+  void release_all() {
+    const LogPosition first = intake_->log().first();
+    ASSERT_TRUE(intake_->log().release(intake_->log().end()).ok());
+    ASSERT_GT(intake_->log().first(), first);
+  }
+  void stop_clean() {
+    expect_equal_trees();
+    stop();
+    ASSERT_TRUE(saved().clean);
+  }
+};
+
+TEST_F(TargetLogTest, entries_that_were_released_before_they_were_read_are_a_gap) {
+  log_limit_ = 1 << 16;
+  start();
+  stop_clean();
+  change_much();
+  release_all();
+  const LogPosition end = intake_->log().end();
+  start();
+  expect_equal_trees();
+  EXPECT_TRUE(walks_since(end));
+}
+
+TEST_F(TargetLogTest, entries_that_are_released_under_a_reader_are_a_gap) {
+  log_limit_ = 1 << 16;
+  start();
+  expect_equal_trees();
+  ASSERT_TRUE(target_->pause().ok());
+  change_much();
+  release_all();
+  const LogPosition end = intake_->log().end();
+  ASSERT_TRUE(target_->resume().ok());
+  expect_equal_trees();
+  EXPECT_TRUE(walks_since(end));
+}
+
+/* Times before the clock was set back tell nothing. */
+TEST_F(TargetLogTest, released_entries_are_found_though_the_clock_was_set_back) {
+  log_limit_ = 1 << 16;
+  start();
+  stop_clean();
+  TargetState state = saved();
+  state.until = now_us() + 3'600'000'000;
+  put_state(state);
+  change_much();
+  release_all();
+  start();
+  expect_equal_trees();
+}
+
+TEST_F(TargetLogTest, a_claim_that_was_dropped_is_healed) {
+  log_limit_ = 1 << 16;
+  start();
+  expect_equal_trees();
+  ASSERT_TRUE(target_->pause().ok());
+  change_much();
+  target_->drop_claim();
+  EXPECT_EQ(target_->needed(), std::numeric_limits<LogPosition>::max());
+  release_all();
+  ASSERT_TRUE(target_->resume().ok());
+  expect_equal_trees();
+  EXPECT_LE(target_->needed(), intake_->log().end());
+}
+
+TEST_F(TargetLogTest, another_log_is_a_gap) {
+  start();
+  stop_clean();
+  write("f", "its record is lost with the log");
+  walker_.reset();
+  intake_.reset();
+  fs::remove_all(dir_ / "log/log");
+  start();
+  expect_equal_trees();
+  EXPECT_EQ(saved().log, to_string(intake_->log().epoch()));
+}
+
+TEST_F(TargetLogTest, a_log_that_lost_its_end_is_a_gap) {
+  start();
+  stop_clean();
+  TargetState state = saved();
+  state.position += 100;
+  put_state(state);
+  write_unseen("f", "its record was in the end");
+  start();
+  expect_equal_trees();
+  EXPECT_TRUE(walks_since(1));
+  stop();
+  EXPECT_LE(saved().position, intake_->log().end());
+}
+
+/* A target that never reaches the end of the log gives its entries free all the same. */
+TEST_F(TargetLogTest, the_position_is_saved_under_load_too) {
+  log_limit_ = 1 << 28;
+  start();
+  expect_equal_trees();
+  const LogPosition begin = target_->needed();
+  write("f", "x");
+  const LogPosition busy = intake_->log().end();
+  const auto payload = encode(WalkEndEntry{1, true});
+  EXPECT_TRUE(eventually([&] {
+    while (intake_->log().end() < target_->report().position + 3000) {
+      for (int i = 0; i < 1000; ++i)
+        (void)intake_->append(EntryKind::kWalkEnd, {payload.data(), payload.size()});
+      mark();
+    }
+    return target_->needed() > busy;
+  })) << begin;
+}
+
+}  // namespace
+}  // namespace tarn::test

@@ -1,0 +1,215 @@
+// SPDX-License-Identifier: GPL-2.0
+// A target's directory that is replaced, goes away and comes back, or is full.
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "tests/mirrord/target_kit.h"
+#include "tests/replicate/programs.h"
+
+namespace tarn::test {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::steady_clock;
+
+class TargetPlacesTest : public TargetTest {
+ protected:
+  std::string error() const { return target_->report().last_error; }
+};
+
+TEST_F(TargetPlacesTest, an_empty_directory_in_its_place_is_filled) {
+  write_unseen("f", "1");
+  start();
+  expect_equal_trees();
+  fs::rename(copy_, dir_ / "elsewhere");
+  fs::create_directory(copy_);
+  // It is looked at from time to time.
+  ASSERT_TRUE(eventually([&] { return content_of(in_target("f")) == "1"; }));
+  expect_equal_trees();
+  EXPECT_EQ(target_->report().gaps, 0u);
+}
+
+TEST_F(TargetPlacesTest, an_empty_directory_is_filled_after_a_restart_too) {
+  write_unseen("f", "1");
+  start();
+  expect_equal_trees();
+  stop();
+  fs::rename(copy_, dir_ / "elsewhere");
+  fs::create_directory(copy_);
+  start();
+  expect_equal_trees();
+  EXPECT_EQ(content_of(in_target("f")), "1");
+}
+
+TEST_F(TargetPlacesTest, another_directory_is_not_touched_until_somebody_says_so) {
+  write_unseen("f", "1");
+  start();
+  expect_equal_trees();
+  fs::rename(copy_, dir_ / "elsewhere");
+  fs::create_directory(copy_);
+  put_content(in_target("precious"), "of somebody else");
+  ASSERT_TRUE(becomes("away"));
+  EXPECT_NE(error().find("resync s/t"), std::string::npos) << error();
+  write("g", "2");
+  EXPECT_EQ(target_->wait(mark(), steady_clock::now() + std::chrono::seconds(9)).error().code,
+            -EIO);
+  EXPECT_EQ(content_of(in_target("precious")), "of somebody else");
+  EXPECT_FALSE(fs::exists(in_target("f")));
+
+  // Back again: it goes on where it was.
+  const LogPosition end = intake_->log().end();
+  fs::rename(copy_, dir_ / "other");
+  fs::rename(dir_ / "elsewhere", copy_);
+  expect_equal_trees();
+  EXPECT_EQ(content_of(in_target("g")), "2");
+  EXPECT_FALSE(walks_since(end));
+
+  fs::rename(copy_, dir_ / "elsewhere");
+  fs::rename(dir_ / "other", copy_);
+  ASSERT_TRUE(becomes("away"));
+  EXPECT_TRUE(fs::exists(in_target("precious")));
+  ASSERT_TRUE(target_->resync().ok());
+  expect_equal_trees();
+  EXPECT_FALSE(fs::exists(in_target("precious")));
+}
+
+TEST_F(TargetPlacesTest, a_directory_that_is_away_is_waited_for) {
+  start();
+  expect_equal_trees();
+  fs::rename(copy_, dir_ / "elsewhere");
+  ASSERT_TRUE(becomes("away"));
+  write("f", "while it was away");
+  fs::rename(dir_ / "elsewhere", copy_);
+  expect_equal_trees();
+  stop();
+  fs::rename(copy_, dir_ / "elsewhere");
+  start();
+  ASSERT_TRUE(becomes("away"));
+  EXPECT_FALSE(fs::exists(copy_));
+  write("g", "again");
+  fs::rename(dir_ / "elsewhere", copy_);
+  expect_equal_trees();
+}
+
+/* The mount point below it is an empty directory, which is not the target. */
+TEST_F(TargetPlacesTest, a_file_system_that_is_not_mounted_is_not_replaced) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounts";
+  fs::create_directory(dir_ / "m");
+  const auto mounted = [&] { return mount("tmpfs", (dir_ / "m").c_str(), "tmpfs", 0, "size=1m"); };
+  if (mounted() != 0) GTEST_SKIP() << "mounts";
+  copy_ = dir_ / "m";
+  write_unseen("f", "1");
+  start();
+  expect_equal_trees();
+  stop();
+  EXPECT_EQ(umount2(copy_.c_str(), MNT_DETACH), 0);
+  start();
+  EXPECT_TRUE(becomes("away"));
+  EXPECT_TRUE(fs::is_empty(copy_));
+  EXPECT_NE(error().find("mount the target"), std::string::npos) << error();
+  // A new file system is empty and at the same mount point.
+  ASSERT_EQ(mounted(), 0);
+  expect_equal_trees();
+  stop();
+  EXPECT_EQ(umount2(copy_.c_str(), MNT_DETACH), 0);
+}
+
+/* A target on a small file system with something else on it. */
+class FullTargetTest : public TargetPlacesTest {
+ protected:
+  void SetUp() override {
+    if (geteuid() != 0) GTEST_SKIP() << "mounts";
+    fs::create_directory(dir_ / "m");
+    if (mount("tmpfs", (dir_ / "m").c_str(), "tmpfs", 0, "size=512k") != 0)
+      GTEST_SKIP() << "mounts";
+    mounted_ = true;
+    copy_ = dir_ / "m/t";
+    fs::create_directory(copy_);
+    fs::permissions(copy_, fs::perms::owner_all);
+  }
+  void TearDown() override {
+    target_.reset();
+    if (mounted_) umount2((dir_ / "m").c_str(), MNT_DETACH);
+  }
+  void fill() { put_content(dir_ / "m/ballast", std::string(300 << 10, 'b')); }
+  void free() { fs::remove(dir_ / "m/ballast"); }
+  const std::string large_ = std::string(300 << 10, 'x');
+
+ private:
+  bool mounted_ = false;
+};
+
+TEST_F(FullTargetTest, holds_and_goes_on_when_there_is_room) {
+  start();
+  expect_equal_trees();
+  fill();
+  write("f", large_);
+  write("g", "behind");
+  ASSERT_TRUE(becomes("held"));
+  EXPECT_NE(error().find("No space"), std::string::npos) << error();
+  EXPECT_EQ(target_->wait(mark(), steady_clock::now() + std::chrono::seconds(9)).error().code,
+            -EIO);
+  EXPECT_FALSE(fs::exists(in_target("g"))) << "what follows waits";
+  free();
+  expect_equal_trees();
+  EXPECT_EQ(target_->report().skipped, 0u);
+  EXPECT_EQ(target_->report().last_error, "");
+}
+
+TEST_F(FullTargetTest, a_first_copy_holds_too) {
+  write_unseen("f", large_);
+  fill();
+  start();
+  ASSERT_TRUE(becomes("held"));
+  kill();
+  start();
+  ASSERT_TRUE(becomes("held"));
+  free();
+  expect_equal_trees();
+}
+
+TEST_F(FullTargetTest, a_held_target_is_paused_and_resumed_over_a_restart) {
+  start();
+  expect_equal_trees();
+  fill();
+  write("f", large_);
+  ASSERT_TRUE(becomes("held"));
+  const auto paused = target_->pause();
+  EXPECT_TRUE(paused.ok()) << paused.error().text;
+  EXPECT_TRUE(saved().paused);
+  stop();
+  free();
+  start();
+  EXPECT_EQ(state(), "paused");
+  ASSERT_TRUE(target_->resume().ok());
+  expect_equal_trees();
+}
+
+TEST_F(FullTargetTest, a_skip_is_a_gap_until_all_is_compared) {
+  start();
+  expect_equal_trees();
+  EXPECT_EQ(target_->skip().error().code, -ENOENT);
+  fill();
+  write("f", large_);
+  ASSERT_TRUE(becomes("held"));
+  std::string skipped;
+  // The writes of its pages, and marks that compare the file: each holds it.
+  EXPECT_TRUE(eventually([&] {
+    if (const auto done = target_->skip()) skipped += *done + "\n";
+    return target_->report().lag_entries == 0 && state() != "held";
+  }));
+  EXPECT_NE(skipped.find("/f"), std::string::npos) << skipped;
+  EXPECT_GT(target_->report().skipped, 0u);
+  EXPECT_GT(target_->report().gaps, 0u);
+  EXPECT_NE(state(), "equal");
+  free();
+  ASSERT_TRUE(target_->resync().ok());
+  expect_equal_trees();
+  EXPECT_EQ(target_->report().gaps, 0u);
+  EXPECT_TRUE(becomes("equal"));
+}
+
+}  // namespace
+}  // namespace tarn::test

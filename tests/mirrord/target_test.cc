@@ -1,0 +1,278 @@
+// SPDX-License-Identifier: GPL-2.0
+// What a target does with the entries of its log, over ends and kills of its process.
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <limits>
+
+#include "mirrord/file_status.h"
+#include "tests/mirrord/target_kit.h"
+#include "tests/replicate/programs.h"
+
+namespace tarn::test {
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::steady_clock;
+
+TEST_F(TargetTest, copies_what_is_there_and_applies_what_follows) {
+  fs::create_directories(in_source("d/e"));
+  write_unseen("d/e/f", "before");
+  fs::create_hard_link(in_source("d/e/f"), in_source("d/g"));
+  put_content(in_target("stale"), "not in the source");
+  fs::create_directory(in_target("d"));
+  start();
+  expect_equal_trees();
+  EXPECT_EQ(state(), "equal");
+  EXPECT_FALSE(fs::exists(in_target("stale")));
+  const LogPosition copied = intake_->log().end();
+  write("h", "hello");
+  rename("h", "d/h");
+  remove("d/g");
+  expect_equal_trees();
+  EXPECT_FALSE(walks_since(copied));
+  EXPECT_EQ(content_of(in_target("d/h")), "hello");
+  const TargetReport report = target_->report();
+  EXPECT_EQ(report.applied, 5u);
+  EXPECT_EQ(report.failures, 0u);
+  EXPECT_EQ(report.gaps, 0u);
+}
+
+/* Records are applied before a mark comes, and do not count as equal. */
+TEST_F(TargetTest, is_equal_only_behind_a_mark) {
+  start();
+  expect_equal_trees();
+  ASSERT_TRUE(becomes("equal"));
+  write("f", "1");
+  EXPECT_TRUE(eventually([&] { return target_->report().lag_entries == 0; }));
+  EXPECT_EQ(content_of(in_target("f")), "1");
+  EXPECT_EQ(state(), "following");
+  EXPECT_EQ(target_->wait(marks_ + 1, steady_clock::now()).error().code, -ETIMEDOUT);
+  mark();
+  EXPECT_TRUE(becomes("equal"));
+}
+
+TEST_F(TargetTest, goes_on_after_an_end_without_copying_again) {
+  write_unseen("f", "1");
+  start();
+  expect_equal_trees();
+  write("f", "22");
+  mark();
+  stop();
+  EXPECT_TRUE(saved().clean);
+  EXPECT_EQ(saved().position, intake_->log().end());
+  const LogPosition end = intake_->log().end();
+  write("g", "while it was stopped");
+  struct stat before, after;
+  ASSERT_EQ(stat(in_target("f").c_str(), &before), 0);
+  start();
+  expect_equal_trees();
+  ASSERT_EQ(stat(in_target("f").c_str(), &after), 0);
+  EXPECT_EQ(before.st_ino, after.st_ino);
+  EXPECT_FALSE(walks_since(end));
+}
+
+/* What was applied at the end without a mark behind it is not certain. */
+TEST_F(TargetTest, an_end_without_a_mark_is_not_clean) {
+  start();
+  expect_equal_trees();
+  write("f", "1");
+  ASSERT_TRUE(eventually([&] { return target_->report().lag_entries == 0; }));
+  stop();
+  EXPECT_FALSE(saved().clean);
+  EXPECT_LT(saved().position, intake_->log().end());
+}
+
+/* The records are there again, and what they did is done already, or differently. */
+TEST_F(TargetTest, a_killed_process_applies_records_again) {
+  write_unseen("a", "a");
+  write_unseen("b", "b");
+  start();
+  expect_equal_trees();
+  stop();
+  start();
+  ASSERT_TRUE(becomes("equal"));
+  const TargetState early = saved();
+  EXPECT_FALSE(early.clean);
+  const LogPosition begin = intake_->log().end();
+  write("f", std::string(5000, 'f'));
+  rename("a", "c");
+  rename("b", "a");
+  rename("c", "b");
+  write("a", "new");
+  remove("f");
+  write("f", "short");
+  fs::create_directory(in_source("d"));
+  feed(*intake_, name_change(OX_OP_MKDIR, next(), in_source("d"), {}, 0755));
+  rename("b", "d/b");
+  expect_equal_trees();
+  kill();
+  put_state(early);
+  start();
+  expect_equal_trees();
+  EXPECT_EQ(content_of(in_target("d/b")), "a");
+  EXPECT_FALSE(walks_since(begin)) << "replaying is enough";
+}
+
+TEST_F(TargetTest, a_first_copy_that_was_killed_begins_again) {
+  for (int i = 0; i < 20; ++i) {
+    fs::create_directory(in_source("d" + std::to_string(i)));
+    write_unseen("d" + std::to_string(i) + "/f", std::to_string(i));
+  }
+  start();
+  ASSERT_TRUE(eventually([&] { return fs::exists(in_target("d7")); }));
+  const TargetState early = saved();
+  ASSERT_TRUE(early.missing_since.has_value());
+  kill();
+  put_state(early);
+  fs::remove_all(in_target("d7"));
+  start();
+  expect_equal_trees();
+}
+
+TEST_F(TargetTest, a_gap_is_healed_and_then_nothing_is_missing) {
+  fs::create_directory(in_source("d"));
+  start();
+  expect_equal_trees();
+  write("d/f", "1");
+  expect_equal_trees();
+  write_unseen("d/f", "22");
+  write_unseen("g", "unseen");
+  ASSERT_NE(picture(copy_), picture(source_));
+  intake_->gap(Intake::Missing::kSinceLastRecord, "lost");
+  EXPECT_EQ(last_gap_of(intake_->log()).since > 0, true);
+  expect_equal_trees();
+  EXPECT_EQ(target_->report().gaps, 0u);
+  EXPECT_FALSE(saved().clean);
+  stop();
+  EXPECT_FALSE(saved().missing_since.has_value());
+}
+
+/* Whether the process is killed before the gap is healed or not. */
+TEST_F(TargetTest, a_gap_that_was_not_healed_outlives_the_process) {
+  start();
+  expect_equal_trees();
+  walker_->stop();
+  write_unseen("f", "unseen");
+  intake_->gap(Intake::Missing::kEverything, "lost");
+  mark();
+  ASSERT_TRUE(becomes("copying"));
+  stop();
+  EXPECT_EQ(saved().missing_since, kSinceEver);
+  EXPECT_FALSE(saved().clean);
+  walker_.reset();
+  intake_.reset();
+  start();
+  expect_equal_trees();
+}
+
+/* The log's checksum had accepted them: another version may have written them. */
+TEST_F(TargetTest, an_entry_that_cannot_be_read_is_a_gap) {
+  start();
+  expect_equal_trees();
+  const std::vector<std::byte> rubbish(5, std::byte{1});
+  for (const std::uint8_t kind : {1, 2, 3, 4, 5, 6, 7, 255}) {
+    const std::string name = "unseen" + std::to_string(kind);
+    write_unseen(name, name);
+    const LogPosition end = intake_->log().end();
+    ASSERT_TRUE(intake_->append(static_cast<EntryKind>(kind), {rubbish.data(), rubbish.size()}));
+    expect_equal_trees();
+    EXPECT_TRUE(walks_since(end)) << unsigned{kind};
+  }
+}
+
+/* An error of neither the machine nor the record: it may stay. */
+TEST_F(TargetTest, what_cannot_be_copied_is_missing) {
+  start();
+  write("f", "1");
+  write("g", "1");
+  expect_equal_trees();
+  const auto immutable = [&](bool on) {
+    const UniqueFd fd(open(in_target("f").c_str(), O_RDONLY | O_CLOEXEC));
+    int flags = 0;
+    if (ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0) return false;
+    flags = on ? flags | FS_IMMUTABLE_FL : flags & ~FS_IMMUTABLE_FL;
+    return ioctl(fd.get(), FS_IOC_SETFLAGS, &flags) == 0;
+  };
+  if (!immutable(true)) GTEST_SKIP() << "immutable files";
+  write("f", "22");
+  write("g", "22");
+  const std::uint64_t asked = mark();
+  EXPECT_TRUE(eventually([&] { return target_->report().gaps != 0; }));
+  EXPECT_TRUE(eventually([&] { return content_of(in_target("g")) == "22"; })) << "the rest goes on";
+  EXPECT_EQ(target_->wait(asked, steady_clock::now() + std::chrono::seconds(2)).error().code,
+            -ETIMEDOUT);
+  EXPECT_EQ(state(), "healing");
+  EXPECT_NE(target_->report().last_error.find("not permitted"), std::string::npos)
+      << target_->report().last_error;
+  stop();
+  EXPECT_TRUE(saved().missing_since.has_value());
+  EXPECT_TRUE(immutable(false));
+  start();
+  expect_equal_trees();
+  EXPECT_EQ(target_->report().gaps, 0u);
+}
+
+TEST_F(TargetTest, a_pause_holds_over_a_restart) {
+  start();
+  expect_equal_trees();
+  ASSERT_TRUE(target_->pause().ok());
+  EXPECT_TRUE(saved().paused);
+  EXPECT_EQ(state(), "paused");
+  EXPECT_TRUE(target_->pause().ok());
+  write("f", "1");
+  EXPECT_EQ(target_->wait(mark(), steady_clock::now() + std::chrono::seconds(9)).error().code,
+            -EIO);
+  kill();
+  start();
+  EXPECT_EQ(state(), "paused");
+  stop();
+  EXPECT_FALSE(fs::exists(in_target("f"))) << "nor is anything applied at the end";
+  start();
+  ASSERT_TRUE(target_->resume().ok());
+  EXPECT_FALSE(saved().paused);
+  expect_equal_trees();
+}
+
+/* A pause that a restart would forget was not made. */
+TEST_F(TargetTest, a_pause_that_cannot_be_saved_is_an_error) {
+  start();
+  expect_equal_trees();
+  fs::create_directory(state_file_ + ".new");  // in the way of the file's next version
+  const auto paused = target_->pause();
+  ASSERT_FALSE(paused.ok());
+  EXPECT_NE(paused.error().text.find("target-t"), std::string::npos) << paused.error().text;
+  fs::remove(state_file_ + ".new");
+  EXPECT_TRUE(target_->pause().ok());
+  EXPECT_TRUE(saved().paused);
+}
+
+TEST_F(TargetTest, a_resync_compares_everything_anew) {
+  write_unseen("f", "right");
+  start();
+  expect_equal_trees();
+  put_content(in_target("f"), "wrong!");
+  put_content(in_target("stray"), "");
+  ASSERT_TRUE(target_->resync().ok());
+  expect_equal_trees();
+}
+
+TEST_F(TargetTest, work_between_entries_has_the_directory_to_itself) {
+  start();
+  expect_equal_trees();
+  bool done = false;
+  EXPECT_TRUE(target_->between_entries([&] { done = true; }).ok());
+  EXPECT_TRUE(done);
+  write("f", "1");
+  expect_equal_trees();
+  target_->stop(steady_clock::now());
+  EXPECT_EQ(target_->between_entries([] { FAIL(); }).error().code, -EIO);
+  EXPECT_EQ(target_->pause().error().code, -EIO) << "nobody saves it any more";
+  open_target();
+}
+
+}  // namespace
+}  // namespace tarn::test

@@ -1,0 +1,259 @@
+// SPDX-License-Identifier: GPL-2.0
+// Which directories a walk tells targets to look at, and when it walks.
+#include "mirrord/service/walker.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <thread>
+
+#include "mirrord/file_status.h"
+#include "tests/mirrord/service_kit.h"
+#include "tests/replicate/fake_tarnd.h"
+#include "tests/replicate/run_program.h"
+
+namespace tarn {
+namespace {
+
+using namespace test;
+namespace fs = std::filesystem;
+using Paths = std::multiset<std::string>;
+
+struct Walk {
+  WalkBeginEntry begin;
+  LogPosition position = 0;
+  Paths looks;
+  std::optional<bool> complete; /* nothing: it has not ended */
+};
+
+class WalkerTest : public testing::Test {
+ protected:
+  WalkerTest() {
+    for (const char *name : {"a/b/c", "a/d", "e"}) fs::create_directories(source_ + "/" + name);
+    std::ofstream(source_ + "/a/b/f") << "x";
+    fs::create_symlink("a", source_ + "/link");
+    intake_ = open_intake(dir_ / "s", limit_);
+  }
+  ~WalkerTest() override { walker_.reset(); }
+
+  void start(
+      std::function<bool(const std::string &)> included = [](auto &) { return true; },
+      std::uint64_t files_per_second = 0) {
+    walker_ = std::make_unique<Walker>(Walker::Options{.name = "s",
+                                                       .directory = source_,
+                                                       .included = std::move(included),
+                                                       .log_limit = limit_,
+                                                       .files_per_second = files_per_second,
+                                                       .walked = [this] { ++walked_; }},
+                                       *intake_);
+  }
+  std::vector<Walk> walks() const {
+    std::vector<Walk> walks;
+    for (const LoggedEntry &entry : entries_of(intake_->log())) {
+      if (entry.kind == EntryKind::kWalkBegin) {
+        walks.push_back({*decode_walk_begin(entry.bytes()), entry.position, {}, {}});
+      } else if (entry.kind == EntryKind::kLook) {
+        const LookEntry look = *decode_look(entry.bytes());
+        EXPECT_EQ(look.walk, walks.back().begin.walk);
+        EXPECT_LE(look.done, LookEntry::kWhole);
+        walks.back().looks.insert(look.directory);
+      } else if (entry.kind == EntryKind::kWalkEnd) {
+        const WalkEndEntry end = *decode_walk_end(entry.bytes());
+        EXPECT_EQ(end.walk, walks.back().begin.walk);
+        walks.back().complete = end.complete;
+      }
+    }
+    return walks;
+  }
+  /* Asks, and waits for the walk. */
+  Walk walk(std::int64_t since, const std::string &target = "t") {
+    const int before = walked_;
+    walker_->request(target, since, intake_->log().end());
+    EXPECT_TRUE(eventually([&] { return walked_ == before + 1; }));
+    return walks().back();
+  }
+  std::int64_t age_all() {
+    // Change times cannot be set, and are of a coarse clock: what follows is later than this.
+    usleep(50'000);
+    const std::int64_t since = now_us() + kTimestampSlackUs;
+    usleep(50'000);
+    return since;
+  }
+
+  std::uint64_t limit_ = 1 << 20;
+  TemporaryDirectory dir_;
+  const std::string source_ = dir_ / "src";
+  std::atomic<int> walked_ = 0;
+  std::unique_ptr<Intake> intake_;
+  std::unique_ptr<Walker> walker_;
+};
+
+/* Not of the process, as the library's function does. */
+long setresuid_of_thread(uid_t user) {
+  return syscall(SYS_setresuid, -1, user, -1);
+}
+
+const Paths kAll = {"", "a", "a/b", "a/b/c", "a/d", "e"};
+
+TEST_F(WalkerTest, looks_at_each_directory_once_and_at_those_above_first) {
+  start();
+  const Walk all = walk(kSinceEver);
+  EXPECT_EQ(all.looks, kAll) << "no link is followed";
+  EXPECT_EQ(all.complete, true);
+  EXPECT_EQ(all.begin.since, kSinceEver);
+  EXPECT_EQ(all.begin.target, "t");
+  std::set<std::string> seen;
+  std::uint32_t done = 0;
+  for (const LoggedEntry &entry : entries_of(intake_->log())) {
+    if (entry.kind != EntryKind::kLook) continue;
+    const LookEntry look = *decode_look(entry.bytes());
+    const auto slash = look.directory.rfind('/');
+    EXPECT_TRUE(slash == std::string::npos || seen.contains(look.directory.substr(0, slash)));
+    EXPECT_GE(look.done, done) << "the share only grows";
+    done = look.done;
+    seen.insert(look.directory);
+  }
+}
+
+TEST_F(WalkerTest, looks_only_where_something_has_changed_since) {
+  start();
+  const std::int64_t since = age_all();
+  EXPECT_EQ(walk(since).looks, Paths{});
+  std::ofstream(source_ + "/a/b/f") << "yy";   // a file in it
+  fs::create_directory(source_ + "/a/d/new");  // the directory itself, and the new one
+  const Walk changed = walk(since);
+  EXPECT_EQ(changed.looks, (Paths{"a", "a/b", "a/d", "a/d/new"}))
+      << "an entry's change time counts";
+  EXPECT_EQ(changed.complete, true);
+}
+
+TEST_F(WalkerTest, leaves_excluded_directories_out) {
+  start([](const std::string &path) { return path != "a/b" && path != "e"; });
+  EXPECT_EQ(walk(kSinceEver).looks, (Paths{"", "a", "a/d"}));
+}
+
+/* Targets that find the same gap ask at about the same time. */
+TEST_F(WalkerTest, walks_once_for_requests_that_come_together) {
+  start();
+  const std::int64_t since = now_us() - 3'600'000'000;
+  const LogPosition end = intake_->log().end();
+  walker_->request("t", since, end);
+  walker_->request("u", since - 1000, end);
+  ASSERT_TRUE(eventually([&] { return walked_ == 1; }));
+  const auto made = walks();
+  ASSERT_EQ(made.size(), 1u);
+  EXPECT_EQ(made[0].begin.target, "") << "it is for all";
+  EXPECT_EQ(made[0].begin.since, since - 1000);
+}
+
+TEST_F(WalkerTest, does_not_repeat_a_walk_that_serves_the_request) {
+  start();
+  const LogPosition end = intake_->log().end();
+  walker_->request("t", kSinceEver, end);
+  ASSERT_TRUE(eventually([&] { return walked_ == 1; }));
+  walker_->request("t", kSinceEver, end);
+  walker_->request("t", now_us(), end);
+  // Another target's, one behind its beginning: these are walked for.
+  EXPECT_EQ(walk(kSinceEver).begin.target, "t");
+  EXPECT_EQ(walks().size(), 2u);
+  walker_->request("u", kSinceEver, walks()[1].position);
+  ASSERT_TRUE(eventually([&] { return walked_ == 3; }));
+  EXPECT_EQ(walks()[2].begin.target, "u");
+  // A walk that looked only at what is new does not serve one who needs more.
+  const Walk later = walk(now_us());
+  walker_->request("t", kSinceEver, later.position);
+  EXPECT_TRUE(eventually([&] { return walked_ == 5; }));
+}
+
+TEST_F(WalkerTest, an_unreadable_directory_is_told_and_the_rest_is_walked) {
+  // Root may read it all the same: a limit on what is opened would not tell the two apart.
+  if (geteuid() == 0) {
+    fs::permissions(dir_.path(), fs::perms{0755});
+    for (const auto &entry : fs::recursive_directory_iterator(source_))
+      ASSERT_EQ(lchown(entry.path().c_str(), 65534, 65534), 0);
+  }
+  fs::permissions(source_ + "/a/b", fs::perms::none);
+  const uid_t old = geteuid();
+  // For this thread and those that it starts.
+  if (old == 0) {
+    ASSERT_EQ(setresuid_of_thread(65534), 0);
+  }
+  start();
+  if (old == 0) {
+    ASSERT_EQ(setresuid_of_thread(old), 0);
+  }
+  const Walk all = walk(kSinceEver);
+  fs::permissions(source_ + "/a/b", fs::perms{0755});
+  EXPECT_EQ(all.complete, false);
+  EXPECT_EQ(all.looks, (Paths{"", "a", "a/d", "e"}));
+  EXPECT_EQ(walk(kSinceEver).complete, true) << "the next walk sees it";
+}
+
+TEST_F(WalkerTest, stops_in_the_middle) {
+  start([](auto &) { return true; }, 1);
+  walker_->request("t", kSinceEver, 1);
+  ASSERT_TRUE(eventually([&] { return !walks().empty(); }));
+  walker_->stop();
+  walker_->stop();
+  EXPECT_FALSE(walks()[0].complete.has_value());
+  EXPECT_EQ(walked_, 0);
+}
+
+/* The rest of the log is for records. */
+TEST_F(WalkerTest, waits_while_the_log_is_half_full) {
+  std::uint32_t number = 0;
+  while (intake_->log().bytes() < limit_ / 2)
+    feed(*intake_, created(++number, "/s/" + std::string(3000, 'f')));
+  const LogPosition end = intake_->log().end();
+  start();
+  walker_->request("t", kSinceEver, end);
+  usleep(300'000);
+  EXPECT_EQ(intake_->log().end(), end);
+  ASSERT_TRUE(intake_->log().release(end).ok());
+  EXPECT_TRUE(eventually([&] { return walked_ == 1; }));
+  EXPECT_EQ(walks().back().looks, kAll);
+  // And ends while it waits.
+  while (intake_->log().bytes() < limit_ / 2)
+    feed(*intake_, created(++number, "/s/" + std::string(3000, 'f')));
+  walker_->request("t", kSinceEver, intake_->log().end());
+  usleep(100'000);
+  walker_->stop();
+  EXPECT_EQ(walked_, 1);
+}
+
+TEST_F(WalkerTest, a_source_that_is_not_there_ends_in_an_incomplete_walk) {
+  fs::remove_all(source_);
+  start();
+  const Walk all = walk(kSinceEver);
+  EXPECT_EQ(all.looks, Paths{});
+  EXPECT_EQ(all.complete, false);
+}
+
+/* Programs make and remove directories all the time: that is no part that cannot be read. */
+TEST_F(WalkerTest, directories_that_are_removed_meanwhile_are_gone) {
+  std::atomic<bool> stop = false;
+  std::thread program([&] {
+    while (!stop) {
+      for (int i = 0; i < 50; ++i) fs::create_directory(source_ + "/a/d/" + std::to_string(i));
+      for (int i = 0; i < 50; ++i) fs::remove(source_ + "/a/d/" + std::to_string(i));
+    }
+  });
+  start();
+  for (int i = 0; i < 30; ++i) {
+    const Walk all = walk(kSinceEver);
+    EXPECT_EQ(all.complete, true);
+    EXPECT_TRUE(all.looks.contains("a/b/c"));
+  }
+  stop = true;
+  program.join();
+}
+
+}  // namespace
+}  // namespace tarn

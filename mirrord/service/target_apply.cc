@@ -104,7 +104,9 @@ Result<void> Target::apply_record(const LogEntry &entry) {
   // The walk of a first copy comes by all that is not there yet.
   const bool copying = state_.missing_since == kSinceEver;
   if (copying && is_absent(applied.error())) return {};
-  if (paths.empty())
+  // The others without paths, attributes and directories, are compared at the next mark.
+  const bool unnamed = unplaced || std::holds_alternative<WritePage>(record.change);
+  if (paths.empty() && unnamed)
     missing(static_cast<std::int64_t>(record.ts), entry.position, "an unnamed file was changed");
   suspects_.insert(paths.begin(), paths.end());
   return {};

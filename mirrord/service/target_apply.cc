@@ -170,6 +170,7 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
     state_.gaps = state_.skipped;
     walked_ = false;
     walk_.reset();
+    saved_at_ = {};  // at once: a process that is killed would make the walk again
     say(Level::kNotice, about(), "nothing is missing any more");
   }
   state_.until = mark.until;

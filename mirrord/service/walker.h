@@ -2,8 +2,8 @@
 /*
  * Walks over a source and appends an entry for each directory that targets have to compare: all of
  * them for a first copy, those with changes since some time, and all below these, for a gap. The
- * entries stand in the log between the records, while programs go on writing; what is made in a directory behind the walk is
- * told by records.
+ * entries stand in the log between the records, while programs go on writing; what is made in a
+ * directory behind the walk is told by records.
  *
  * One thread of its own, which waits for targets that are far behind, and when a speed is set.
  */

@@ -88,6 +88,15 @@ TEST_F(IntakeFullTest, the_gap_comes_before_all_else_when_there_is_room) {
   EXPECT_EQ(intake->counts().gaps, gaps_ + 1) << "one hole is one gap";
 }
 
+TEST_F(IntakeFullTest, nothing_smaller_passes_a_gap_that_waits) {
+  const auto intake = open_intake(at_, kLimit);
+  while (intake->log().bytes() + 2500 < kLimit) feed(*intake, next());
+  EXPECT_EQ(intake->counts().gaps, 0u);
+  intake->gap(Intake::Missing::kEverything, std::string(3000, 'r'));
+  expect_nothing_more(*intake, intake->log().end());
+  EXPECT_EQ(kinds_of(intake->log()).find_first_not_of('R'), std::string::npos);
+}
+
 /* Nothing else has to come for it. */
 TEST_F(IntakeFullTest, the_gap_does_not_wait_for_another_record) {
   const auto intake = open_intake(at_, kLimit);

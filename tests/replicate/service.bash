@@ -32,7 +32,7 @@ service_status() { mirrord status --json --socket "$SOCKET" || true; }
 verb() { mirrord "$@" --socket "$SOCKET"; }
 kill_service() {
   kill -KILL "$SERVICE_PID"
-  wait "$SERVICE_PID" || true
+  wait "$SERVICE_PID" 2>/dev/null || true
   # shellcheck disable=SC2034
   SERVICE_PID='' MIRRORD_PID=''
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <optional>
 
 #include <fmt/format.h>
 
@@ -31,16 +32,87 @@ Error gone() {
 /* More batches than a link's queue holds; bounds the loop if packets keep arriving. */
 constexpr int kDrainBatches = 512;
 
+/* A program that waits for room in a former channel sends as soon as there is some. */
+constexpr int kFormerQuietMs = 100;
+/* tarnd sends what it still has and hangs up. */
+constexpr int kFormerEndMs = 5000;
+
+/* Whether it became readable in time. */
+Result<bool> wait_readable(int fd, int timeout_ms) {
+  for (;;) {
+    pollfd waits{fd, POLLIN, 0};
+    const int ready = poll(&waits, 1, timeout_ms);
+    if (ready >= 0) return ready > 0;
+    if (errno != EINTR) return system_error(errno, "cannot wait for a former channel");
+  }
+}
+
 }  // namespace
 
-Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(const Site &site, Claim claim) {
+Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(const Site &site, Claim claim,
+                                                           ChannelStore *store) {
+  auto channel = open_stored(site, claim, store);
+  // What is kept would hold the lock and the port of the next attempt.
+  if (!channel && store) store->clear();
+  return channel;
+}
+
+/*
+ * The registration moves to a connection of this process, because its process id is where the
+ * module sends messages and signals to. Former connections are read behind the confirmation: then
+ * only programs that are just sending use them still.
+ */
+Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open_stored(const Site &site, Claim claim,
+                                                                  ChannelStore *store) {
+  auto former = store ? store->take() : ChannelStore::Former{};
   auto link = site.in_kernel() ? open_netlink_link() : connect_unix_link(site.run_dir);
   if (!link) return link.error();
-  auto lock = DaemonLock::take(site, claim);
-  if (!lock) return lock.error();
+  std::optional<DaemonLock> lock;
+  if (former.lock) {
+    lock = DaemonLock::inherit(site, std::move(former.lock));
+    if (!lock) {  // another has been the daemon since
+      former.channels.clear();
+      store->clear();
+    }
+  }
+  if (!lock) {
+    auto taken = DaemonLock::take(site, claim);
+    if (!taken) return taken.error();
+    lock = std::move(*taken);
+  }
+  if (store) store->keep((*link)->fd(), lock->fd());
   auto reading = read_ahead(std::move(*link));
   if (!reading) return reading.error();
-  return open(std::move(*reading), std::move(*lock));
+  auto channel = open(std::move(*reading), std::move(*lock));
+  if (!channel) return channel;
+  std::deque<std::vector<std::byte>> since;
+  std::swap(since, (*channel)->pending_);
+  for (UniqueFd &fd : former.channels) {
+    const auto from =
+        site.in_kernel() ? adopt_netlink_link(std::move(fd)) : adopt_unix_link(std::move(fd));
+    if (auto taken = (*channel)->take_former(*from); !taken) return taken.error();
+  }
+  for (auto &packet : since) (*channel)->pending_.push_back(std::move(packet));
+  (*channel)->goes_on_ = !former.channels.empty();
+  if (store) store->drop_former();
+  return channel;
+}
+
+/* All that was sent to it, to pending_. */
+Result<void> DaemonChannel::take_former(MessageLink &former) {
+  bool half_closed = false;
+  for (PacketBatch batch; !batch.closed;) {
+    const auto more = wait_readable(former.fd(), half_closed ? kFormerEndMs : kFormerQuietMs);
+    if (!more) return more.error();
+    if (!*more && (half_closed || !former.half_close())) return {};
+    if (!*more) half_closed = true;
+    if (auto got = former.receive(batch); !got) return got;
+    oversized_ += batch.oversized;
+    foreign_ += batch.foreign;
+    overruns_ += batch.overrun;
+    for (const Bytes packet : batch.packets) pending_.emplace_back(packet.begin(), packet.end());
+  }
+  return {};
 }
 
 Result<std::unique_ptr<DaemonChannel>> DaemonChannel::open(std::unique_ptr<MessageLink> link,
@@ -191,6 +263,11 @@ Result<std::int32_t> DaemonChannel::request(std::uint16_t type, Bytes payload,
     if (closed_ && !outstanding_.empty()) return gone();
   }
   return result_;
+}
+
+void DaemonChannel::pass_on() {
+  registered_ = false;
+  link_->stop_reading_ahead();
 }
 
 Result<void> DaemonChannel::leave() {

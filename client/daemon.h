@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "base/result.h"
+#include "client/channel_store.h"
 #include "client/daemon_lock.h"
 #include "client/loss_signal.h"
 #include "client/message_link.h"
@@ -35,8 +36,13 @@ class DaemonChannel {
  public:
   using Milliseconds = std::chrono::milliseconds;
 
-  /* Registers with the site's module and waits for the confirmation. */
-  static Result<std::unique_ptr<DaemonChannel>> open(const Site &site, Claim claim);
+  /*
+   * Registers with the site's module and waits for the confirmation. With a store, what was sent to
+   * earlier processes and read by none is received first, with answers to their requests, and this
+   * channel is kept in the store.
+   */
+  static Result<std::unique_ptr<DaemonChannel>> open(const Site &site, Claim claim,
+                                                     ChannelStore *store = nullptr);
 
   /* The same over any link, with a lock that the caller has taken. */
   static Result<std::unique_ptr<DaemonChannel>> open(std::unique_ptr<MessageLink> link,
@@ -79,6 +85,15 @@ class DaemonChannel {
    * received. */
   Result<void> leave();
 
+  /* Stays registered: what has not been read yet is for the process that gets the channel from the
+   * store. Until all_received(), receive() returns what has been read; then what else is there, a
+   * little at a time. */
+  void pass_on();
+  bool all_received() const { return pending_.empty() && link_->none_read_ahead(); }
+
+  /* Does it go on where an earlier process has ended? */
+  bool goes_on() const { return goes_on_; }
+
   /* Has another program taken over the registration? */
   bool taken_over() const { return !lock_.still_ours(); }
 
@@ -95,6 +110,9 @@ class DaemonChannel {
     std::uint64_t barrier; /* 0: a rule request */
   };
 
+  static Result<std::unique_ptr<DaemonChannel>> open_stored(const Site &site, Claim claim,
+                                                            ChannelStore *store);
+  Result<void> take_former(MessageLink &former);
   Result<void> send(std::uint16_t type, Bytes payload);
   Result<void> send_request(std::uint16_t type, Bytes payload, std::uint64_t barrier);
   Result<void> wait(Milliseconds timeout, int wake_fd, Received &received);
@@ -123,6 +141,7 @@ class DaemonChannel {
   std::size_t foreign_ = 0;
   bool closed_ = false;
   bool registered_ = false;
+  bool goes_on_ = false;
 };
 
 }  // namespace tarn

@@ -126,6 +126,14 @@ Result<DaemonLock> DaemonLock::take(const Site &site, Claim claim) {
   }
 }
 
+std::optional<DaemonLock> DaemonLock::inherit(const Site &site, UniqueFd file) {
+  const std::string path = site.run_dir + kName;
+  if (!same_file(file.get(), path) || try_lock(file.get()) != Lock::kTaken ||
+      write_pid(file.get()) != 0)
+    return std::nullopt;
+  return DaemonLock(std::move(file), path);
+}
+
 bool DaemonLock::still_ours() const {
   return same_file(file_.get(), path_);
 }

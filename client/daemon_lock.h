@@ -30,6 +30,13 @@ class DaemonLock {
    * another process holds the lock (Claim::kRefuseIfTaken). */
   static Result<DaemonLock> take(const Site &site, Claim claim);
 
+  /* Takes over the lock of an earlier process, by its open file, which has stayed locked. Nothing
+   * if another daemon has taken over, or it is of another site. */
+  static std::optional<DaemonLock> inherit(const Site &site, UniqueFd file);
+
+  /* The open file that is locked. */
+  int fd() const { return file_.get(); }
+
   /* False once another process has taken over. */
   bool still_ours() const;
 

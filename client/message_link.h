@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "base/result.h"
+#include "base/unique_fd.h"
 #include "client/messages.h"
 #include "module/os_public/Include/ox_msg.h"
 
@@ -74,11 +75,23 @@ class MessageLink {
 
   /* Receives the queued packets, at most one batch, without waiting. */
   virtual Result<void> receive(PacketBatch &batch) = 0;
+
+  /* Tells the other side that nothing more is wanted. True: what is queued there still comes, and
+   * then `closed`. False: there is nothing but what is queued here. */
+  virtual bool half_close() { return false; }
+
+  /* Leaves in the socket what has not been read yet. A later receive() returns what has been read
+   * before, and when that is nothing, one batch. */
+  virtual void stop_reading_ahead() {}
+  /* Would receive() read from the socket? */
+  virtual bool none_read_ahead() const { return true; }
 };
 
 /* Connects to the daemon channel of the tarnd of the run directory. Errors: those of
  * connect_socket(). */
 Result<std::unique_ptr<MessageLink>> connect_unix_link(const std::string &run_dir);
+/* The same over a connection of an earlier process. */
+std::unique_ptr<MessageLink> adopt_unix_link(UniqueFd socket);
 
 /*
  * Opens a netlink socket whose port is this process's id, to which the module sends; so there is
@@ -86,6 +99,8 @@ Result<std::unique_ptr<MessageLink>> connect_unix_link(const std::string &run_di
  * when the port is taken; those of socket() and bind().
  */
 Result<std::unique_ptr<MessageLink>> open_netlink_link(int unit = OX_NETLINK_UNIT);
+/* The same over a socket of an earlier process. */
+std::unique_ptr<MessageLink> adopt_netlink_link(UniqueFd socket);
 
 }  // namespace tarn
 

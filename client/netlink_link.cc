@@ -101,7 +101,11 @@ Result<std::unique_ptr<MessageLink>> open_netlink_link(int unit) {
   own.nl_pid = static_cast<std::uint32_t>(getpid());
   if (bind(socket_fd.get(), reinterpret_cast<sockaddr *>(&own), sizeof(own)) != 0)
     return open_error(errno);
-  return std::unique_ptr<MessageLink>(std::make_unique<NetlinkLink>(std::move(socket_fd)));
+  return adopt_netlink_link(std::move(socket_fd));
+}
+
+std::unique_ptr<MessageLink> adopt_netlink_link(UniqueFd socket) {
+  return std::make_unique<NetlinkLink>(std::move(socket));
 }
 
 }  // namespace tarn

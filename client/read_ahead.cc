@@ -36,7 +36,10 @@ class ReadAhead : public MessageLink {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
   }
 
-  ~ReadAhead() override {
+  ~ReadAhead() override { stop_reading_ahead(); }
+
+  void stop_reading_ahead() override EXCLUDES(mutex_) {
+    if (!reader_.joinable()) return;
     {
       const MutexLock lock(mutex_);
       stopping_ = true;
@@ -46,7 +49,15 @@ class ReadAhead : public MessageLink {
     reader_.join();
   }
 
-  int fd() const override { return ready_.read_end.get(); }
+  bool none_read_ahead() const override EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
+    return queue_.empty() && !oversized_ && !overrun_;
+  }
+
+  int fd() const override EXCLUDES(mutex_) {
+    const MutexLock lock(mutex_);
+    return reads_directly_locked() ? link_->fd() : ready_.read_end.get();
+  }
 
   std::uint16_t hello_flags() const override { return link_->hello_flags(); }
 
@@ -55,7 +66,11 @@ class ReadAhead : public MessageLink {
   Result<void> receive(PacketBatch &batch) override EXCLUDES(mutex_) {
     batch.clear();
     delivered_.clear();
-    const MutexLock lock(mutex_);
+    MutexLock lock(mutex_);
+    if (reads_directly_locked()) {
+      lock.unlock();
+      return link_->receive(batch);
+    }
     while (!queue_.empty() && batch.packets.size() < PacketBatch::kPackets)
       deliver_packet_locked(batch);
     batch.arrived_until = queue_.empty() ? Clock::now() : queue_.front().arrived;
@@ -82,6 +97,10 @@ class ReadAhead : public MessageLink {
     std::size_t next = 0; /* the next packet to deliver */
     std::size_t at = 0;   /* where it begins */
   };
+
+  bool reads_directly_locked() const REQUIRES(mutex_) {
+    return stopping_ && queue_.empty() && !closed_ && !error_ && !oversized_ && !overrun_;
+  }
 
   void deliver_packet_locked(PacketBatch &batch) REQUIRES(mutex_) {
     Block &first = queue_.front();
@@ -152,7 +171,7 @@ class ReadAhead : public MessageLink {
   const Pipe stop_;
   /* The receiver's: views into them are in use until it asks again. */
   std::vector<Block> delivered_;
-  Mutex mutex_;
+  mutable Mutex mutex_;
   Condition room_;
   std::deque<Block> queue_ GUARDED_BY(mutex_);
   std::size_t queued_bytes_ GUARDED_BY(mutex_) = 0;

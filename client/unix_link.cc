@@ -55,6 +55,8 @@ class UnixLink : public MessageLink {
     return {};
   }
 
+  bool half_close() override { return shutdown(socket_.get(), SHUT_WR) == 0; }
+
  private:
   static constexpr std::size_t kRooms = PacketBatch::kBytes / OX_CTL_DAEMON_PACKET_MAX;
 
@@ -98,7 +100,11 @@ class UnixLink : public MessageLink {
 Result<std::unique_ptr<MessageLink>> connect_unix_link(const std::string &run_dir) {
   auto socket = connect_socket(run_dir, OX_CTL_DAEMON_SOCKET);
   if (!socket) return socket.error();
-  return std::unique_ptr<MessageLink>(std::make_unique<UnixLink>(std::move(*socket)));
+  return adopt_unix_link(std::move(*socket));
+}
+
+std::unique_ptr<MessageLink> adopt_unix_link(UniqueFd socket) {
+  return std::make_unique<UnixLink>(std::move(socket));
 }
 
 }  // namespace tarn

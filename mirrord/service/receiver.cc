@@ -24,15 +24,19 @@ constexpr steady_clock::duration kMarkInterval = std::chrono::seconds(1);
 constexpr steady_clock::duration kQuiet = std::chrono::milliseconds(5);
 constexpr Milliseconds kDrained{100}; /* with no packet for this long, all have come */
 constexpr std::chrono::seconds kLeaveTime{10};
+constexpr std::chrono::seconds kPassOnTime{2};
 
 }  // namespace
 
 Result<std::unique_ptr<Receiver>> Receiver::open(Site site, RuleKeeper keeper,
-                                                 std::vector<FromSource> sources) {
+                                                 std::vector<FromSource> sources,
+                                                 ChannelStore *store,
+                                                 std::unique_ptr<DaemonChannel> early) {
   auto wake = make_pipe("the receiver");
   if (!wake) return wake.error();
   std::unique_ptr<Receiver> receiver(
-      new Receiver(std::move(site), std::move(keeper), std::move(*wake)));
+      new Receiver(std::move(site), std::move(keeper), std::move(*wake), store));
+  receiver->early_ = std::move(early);
   // Numbers of marks grow from one start to the next, whatever the clock does.
   std::uint64_t last = static_cast<std::uint64_t>(now_us());
   for (const FromSource &source : sources) {
@@ -107,13 +111,17 @@ void Receiver::drain_wake() {
 }
 
 bool Receiver::connect() {
-  auto channel = DaemonChannel::open(site_, Claim::kRefuseIfTaken);
+  auto channel = early_ ? Result(std::move(early_))
+                        : DaemonChannel::open(site_, Claim::kRefuseIfTaken, store_);
   if (!channel) {
     set_problem("not connected to the module: " + channel.error().text);
     return false;
   }
   channel_ = std::move(*channel);
-  sequencer_.emplace(static_cast<Sequencer::Sink &>(*this));
+  Sequencer::Limits limits;
+  // A program may have been waiting for room in the former channel while others used the new one.
+  if (channel_->goes_on()) limits.settle = limits.hold;
+  sequencer_.emplace(static_cast<Sequencer::Sink &>(*this), limits);
   unfinished_writes_.clear();
   barriers_.clear();
   const auto changed = keeper_.keep();
@@ -173,6 +181,7 @@ void Receiver::disconnect(const std::string &why) {
   if (sequencer_) sequencer_->finish();
   sequencer_.reset();
   channel_.reset();
+  if (store_) store_->clear();
   barriers_.clear();
 }
 
@@ -211,9 +220,8 @@ void Receiver::receive() {
   if (!received) return disconnect("not connected to the module: " + received.error().text);
   if (received->woken) drain_wake();
   if (!received->packets.empty()) received_at_ = Clock::now();
-  for (const Bytes bytes : received->packets) packet(bytes, received->arrived_until);
+  take(*received);
   sequencer_->expire(received->arrived_until);
-  losses(*received);
   if (!channel_) return;  // tarnd has ended meanwhile
   append_marks(received->barriers);
   if (received->closed) return disconnect("not connected to the module: tarnd has ended");
@@ -248,6 +256,11 @@ Receiver::Clock::duration Receiver::until_next() const {
 bool Receiver::changed_since_mark() const {
   return std::any_of(sources_.begin(), sources_.end(),
                      [](const auto &source) { return !source.second.intake->marked(); });
+}
+
+void Receiver::take(const DaemonChannel::Received &received) {
+  for (const Bytes bytes : received.packets) packet(bytes, received.arrived_until);
+  losses(received);
 }
 
 void Receiver::packet(Bytes packet, Clock::time_point now) {
@@ -288,6 +301,12 @@ void Receiver::gap_everywhere(Intake::Missing missing, const std::string &reason
 void Receiver::record(const Record &record, Bytes packet, Sequencer::Order order) {
   const FromSource &source = sources_[record.rule];
   if (order == Sequencer::Order::kInOrder) {
+    const auto *page = std::get_if<WritePage>(&record.change);
+    // A process that was killed may have read some without logging them.
+    if (page && page->page != 0 && !unfinished_writes_.contains(record.rule))
+      source.intake->gap(
+          Intake::Missing::kSinceLastRecord,
+          fmt::format("pages of record {} before page {} are missing", record.wseq, page->page));
     if (record.last())
       unfinished_writes_.erase(record.rule);
     else
@@ -336,13 +355,13 @@ void Receiver::append_marks(std::uint64_t barriers) {
 /* What the module has sent before the end of the registration is still taken. */
 void Receiver::leave() {
   if (!channel_) return;
+  if (store_ && store_->keeps()) return pass_on();
   if (const auto left = channel_->leave(); !left) say(Level::kWarning, "", left.error().text);
   const auto end = Clock::now() + kLeaveTime;
   while (Clock::now() < end) {
     const auto received = channel_->receive(kDrained);
     if (!received) break;
-    for (const Bytes bytes : received->packets) packet(bytes, received->arrived_until);
-    losses(*received);
+    take(*received);
     if (received->packets.empty() || received->closed) break;
   }
   sequencer_->finish();
@@ -351,6 +370,29 @@ void Receiver::leave() {
   problem_ = "stopped";
   lock.unlock();
   for (const auto &[rule, source] : sources_) source.intake->mark(mark);
+  channel_.reset();
+}
+
+/*
+ * The next process begins behind the last record in the log, so the end is where none is held and
+ * no write is parted. There is no mark: what is still in the channel was changed before it.
+ */
+void Receiver::pass_on() {
+  channel_->pass_on();
+  barriers_.clear();
+  const auto end = Clock::now() + kPassOnTime;
+  const auto parted = [&] { return !sequencer_->holds_nothing() || !unfinished_writes_.empty(); };
+  while (!channel_->all_received() || (parted() && Clock::now() < end)) {
+    const auto received = channel_->receive(kDrained);
+    if (!received) break;
+    take(*received);
+    if (received->closed) break;
+  }
+  sequencer_->finish();
+  {
+    MutexLock lock(mutex_);
+    problem_ = "stopped";
+  }
   channel_.reset();
 }
 

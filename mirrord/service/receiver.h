@@ -35,10 +35,14 @@ class Receiver : private Sequencer::Sink {
     std::string name;
     Intake *intake;
   };
+  /* `early`: a channel that is open already. */
   static Result<std::unique_ptr<Receiver>> open(Site site, RuleKeeper keeper,
-                                                std::vector<FromSource> sources);
+                                                std::vector<FromSource> sources,
+                                                ChannelStore *store = nullptr,
+                                                std::unique_ptr<DaemonChannel> early = nullptr);
 
-  /* Until stop(); then unregisters and takes what the module has sent before. */
+  /* Until stop(); then unregisters and takes what the module has sent before. With a store that
+   * keeps the channel it stays registered, and the next process takes what comes. */
   void run();
 
   /* Any thread. */
@@ -56,8 +60,8 @@ class Receiver : private Sequencer::Sink {
  private:
   using Clock = std::chrono::steady_clock;
 
-  Receiver(Site site, RuleKeeper keeper, Pipe wake)
-      : site_(std::move(site)), keeper_(std::move(keeper)), wake_(std::move(wake)) {}
+  Receiver(Site site, RuleKeeper keeper, Pipe wake, ChannelStore *store)
+      : site_(std::move(site)), keeper_(std::move(keeper)), wake_(std::move(wake)), store_(store) {}
 
   void record(const Record &record, Bytes packet, Sequencer::Order order) override;
   void event(const Uuid &rule, const Sequencer::Event &event) override;
@@ -74,6 +78,8 @@ class Receiver : private Sequencer::Sink {
   void send_barrier();
   void append_marks(std::uint64_t barriers);
   void leave();
+  void pass_on();
+  void take(const DaemonChannel::Received &received);
   Clock::duration until_next() const;
   bool changed_since_mark() const;
   void gap_everywhere(Intake::Missing missing, const std::string &reason);
@@ -84,9 +90,10 @@ class Receiver : private Sequencer::Sink {
   const Site site_;
   RuleKeeper keeper_;
   const Pipe wake_;
+  ChannelStore *const store_; /* or null */
   std::map<Uuid, FromSource> sources_;
 
-  std::unique_ptr<DaemonChannel> channel_;
+  std::unique_ptr<DaemonChannel> early_, channel_;
   std::optional<Sequencer> sequencer_;
   std::set<Uuid> unfinished_writes_; /* rules of which a page, but not the last, was logged */
   std::set<Uuid> unconfirmed_;       /* kept rules without a record since the connection */

@@ -8,6 +8,7 @@
 #include "base/mount_table.h"
 #include "mirrord/config/config.h"
 #include "mirrord/service/journal.h"
+#include "mirrord/service/manager.h"
 #include "mirrord/service/service.h"
 
 namespace tarn {
@@ -30,9 +31,10 @@ int run_command(const std::string &config_file) {
   for (const std::string &note : config_notes(*config)) say(Level::kWarning, "", note);
   umask(0);  // modes are the source's
   std::signal(SIGPIPE, SIG_IGN);
+  auto store = ManagerStore::open();
   auto signals = SignalPipe::open({SIGTERM, SIGINT, SIGHUP});
   if (!signals) return fail(signals.error(), kExitFailed);
-  auto service = Service::open(std::move(*config), find_site());
+  auto service = Service::open(std::move(*config), find_site(), std::move(store));
   if (!service) return fail(service.error(), kExitFailed);
   const auto ran = (*service)->run(**signals);
   return ran ? kExitOk : fail(ran.error(), kExitFailed);

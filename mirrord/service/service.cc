@@ -89,12 +89,23 @@ bool Service::ReplicatedSource::make_room() {
   }
 }
 
-Result<std::unique_ptr<Service>> Service::open(Config config, Site site) {
+Result<std::unique_ptr<Service>> Service::open(Config config, Site site,
+                                               std::unique_ptr<ChannelStore> store) {
   auto state = StateDirectory::open(config.state_directory);
   if (!state) return state.error();
   const auto program = own_program();
   if (!program) return program.error();
-  std::unique_ptr<Service> service(new Service(std::move(config), std::move(*state)));
+  // What a former channel holds is bounded: it is read while the logs are opened, which takes time.
+  std::unique_ptr<DaemonChannel> channel;
+  if (store && store->has_former()) {
+    auto early = DaemonChannel::open(site, Claim::kRefuseIfTaken, store.get());
+    if (early)
+      channel = std::move(*early);
+    else
+      say(Level::kWarning, "", "the former channel is lost: " + early.error().text);
+  }
+  std::unique_ptr<Service> service(
+      new Service(std::move(config), std::move(*state), std::move(store)));
   for (const SourceConfig &source : service->config_.sources) {
     if (const auto opened = service->open_source(source); !opened) return opened.error();
   }
@@ -109,8 +120,8 @@ Result<std::unique_ptr<Service>> Service::open(Config config, Site site) {
     wanted.push_back(std::move(rule));
     receivers.push_back({source->config.name, source->intake.get()});
   }
-  auto receiver =
-      Receiver::open(site, RuleKeeper(site, *program, std::move(wanted)), std::move(receivers));
+  auto receiver = Receiver::open(site, RuleKeeper(site, *program, std::move(wanted)),
+                                 std::move(receivers), service->store_.get(), std::move(channel));
   if (!receiver) return receiver.error();
   service->receiver_ = std::move(*receiver);
   return service;
@@ -177,9 +188,12 @@ Result<void> Service::run(SignalPipe &signals) {
     housekeeping();
   }
   tell_manager("STOPPING=1");
+  // What the channel holds is bounded: with a store it is left alone as late as possible.
+  const bool passes_on = store_ && store_->keeps();
+  if (passes_on) stop();
   receiver_->stop();
   receiving.join();
-  stop();
+  if (!passes_on) stop();
   server.reset();
   housekeeping();
   return {};

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "base/mutex.h"
+#include "client/channel_store.h"
 #include "client/rule_scope.h"
 #include "client/signal_pipe.h"
 #include "client/site.h"
@@ -33,10 +34,11 @@ class Service : public ServiceControl {
  public:
   /* Opens the logs and the targets' states; starts nothing. Errors: the state directory is in use,
    * another user's or of another version; a source is another directory than before. */
-  static Result<std::unique_ptr<Service>> open(Config config, Site site);
+  static Result<std::unique_ptr<Service>> open(Config config, Site site,
+                                               std::unique_ptr<ChannelStore> store = nullptr);
 
   /* Until SIGTERM, SIGINT or SIGHUP. Then takes what the module has sent, and lets the targets
-   * apply what is logged for a while. */
+   * apply what is logged for a while; with a store it goes on taking meanwhile. */
   Result<void> run(SignalPipe &signals);
 
   ServiceReport report() override;
@@ -64,8 +66,8 @@ class Service : public ServiceControl {
     void release();
     bool make_room();
   };
-  Service(Config config, StateDirectory state)
-      : config_(std::move(config)), state_(std::move(state)) {}
+  Service(Config config, StateDirectory state, std::unique_ptr<ChannelStore> store)
+      : config_(std::move(config)), state_(std::move(state)), store_(std::move(store)) {}
 
   Result<void> open_source(const SourceConfig &config);
   Result<void> open_target(ReplicatedSource &source, const TargetConfig &config,
@@ -80,6 +82,7 @@ class Service : public ServiceControl {
 
   const Config config_;
   const StateDirectory state_;
+  const std::unique_ptr<ChannelStore> store_; /* or null */
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
   std::vector<std::unique_ptr<ReplicatedSource>> sources_;
   std::unique_ptr<Receiver> receiver_;

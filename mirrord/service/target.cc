@@ -101,10 +101,11 @@ void Target::run() {
   changed_.notify_all();
 }
 
-/* Applies what the log holds, as long as there is time and nothing holds it. */
+/* Applies what the log holds by now, as long as there is time and nothing holds it. */
 void Target::finish() {
   if (!engine_) return;
-  while (!state_.paused && position_ < intake_.log().end() && Clock::now() < stop_by_.load()) {
+  const LogPosition end = intake_.log().end();
+  while (!state_.paused && position_ < end && Clock::now() < stop_by_.load()) {
     const auto entry = reader_->next();
     if (!entry || !*entry || !apply(**entry)) break;
     position_ = (*entry)->position + 1;

@@ -44,7 +44,7 @@ void TargetTest::open_log() {
           .directory = source_,
           .included = [this, scope = RuleScope(lists_)](
                           const std::string &path) { return scope.includes(in_source(path)); },
-          .log_limit = log_limit_,
+          .slowest = [this] { return target_ ? target_->following() : Target::kNotFollowing; },
           .walked = [this] { mark(); }},
       *intake_);
 }

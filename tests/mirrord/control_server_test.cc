@@ -47,8 +47,9 @@ TEST_F(ControlServerTest, every_verb_reaches_the_service_and_is_answered) {
   EXPECT_EQ(client.ask(R"({"verb":"skip","source":"data","target":"usb"})").dump(),
             R"({"result":{"skipped":"entry 5: a write to a/b"}})");
   EXPECT_EQ(client.ask(R"({"verb":"verify","source":"data","target":"copy"})")["what"], "half way");
-  EXPECT_EQ(client.line(),
-            R"({"difference":{"path":"a/b","kind":"mode","detail":"0644, should be 0600","other":""}})");
+  EXPECT_EQ(
+      client.line(),
+      R"({"difference":{"path":"a/b","kind":"mode","detail":"0644, should be 0600","other":""}})");
   EXPECT_EQ(client.line(), R"({"result":{"differences":1}})");
   service_.differences.clear();
   EXPECT_TRUE(client.ask(R"({"verb":"repair","source":"data","target":"copy"})").contains("what"));

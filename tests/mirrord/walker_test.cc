@@ -11,6 +11,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <set>
 #include <thread>
 
@@ -46,13 +47,14 @@ class WalkerTest : public testing::Test {
   void start(
       std::function<bool(const std::string &)> included = [](auto &) { return true; },
       std::uint64_t files_per_second = 0) {
-    walker_ = std::make_unique<Walker>(Walker::Options{.name = "s",
-                                                       .directory = source_,
-                                                       .included = std::move(included),
-                                                       .log_limit = limit_,
-                                                       .files_per_second = files_per_second,
-                                                       .walked = [this] { ++walked_; }},
-                                       *intake_);
+    walker_ =
+        std::make_unique<Walker>(Walker::Options{.name = "s",
+                                                 .directory = source_,
+                                                 .included = std::move(included),
+                                                 .slowest = [this] { return slowest_.load(); },
+                                                 .files_per_second = files_per_second,
+                                                 .walked = [this] { ++walked_; }},
+                                 *intake_);
   }
   std::vector<Walk> walks() const {
     std::vector<Walk> walks;
@@ -87,7 +89,8 @@ class WalkerTest : public testing::Test {
     return since;
   }
 
-  std::uint64_t limit_ = 1 << 20;
+  std::uint64_t limit_ = 1 << 24;
+  std::atomic<LogPosition> slowest_ = std::numeric_limits<LogPosition>::max();
   TemporaryDirectory dir_;
   const std::string source_ = dir_ / "src";
   std::atomic<int> walked_ = 0;
@@ -206,22 +209,21 @@ TEST_F(WalkerTest, stops_in_the_middle) {
   EXPECT_EQ(walked_, 0);
 }
 
-/* The rest of the log is for records. */
-TEST_F(WalkerTest, waits_while_the_log_is_half_full) {
-  std::uint32_t number = 0;
-  while (intake_->log().bytes() < limit_ / 2)
-    feed(*intake_, created(++number, "/s/" + std::string(3000, 'f')));
+/* A target that is away is not waited for. */
+TEST_F(WalkerTest, waits_for_targets_that_are_far_behind) {
+  slowest_ = intake_->log().end();
+  for (std::uint64_t number = 1; number <= 20'000; ++number)
+    ASSERT_TRUE(intake_->mark({.number = number}));
   const LogPosition end = intake_->log().end();
   start();
   walker_->request("t", kSinceEver, end);
   usleep(300'000);
   EXPECT_EQ(intake_->log().end(), end);
-  ASSERT_TRUE(intake_->log().release(end).ok());
+  slowest_ = end;
   EXPECT_TRUE(eventually([&] { return walked_ == 1; }));
   EXPECT_EQ(walks().back().looks, kAll);
   // And ends while it waits.
-  while (intake_->log().bytes() < limit_ / 2)
-    feed(*intake_, created(++number, "/s/" + std::string(3000, 'f')));
+  slowest_ = 1;
   walker_->request("t", kSinceEver, intake_->log().end());
   usleep(100'000);
   walker_->stop();

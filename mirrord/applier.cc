@@ -434,6 +434,22 @@ std::vector<std::string> Applier::changed_by(const Record &record) const {
   return paths;
 }
 
+std::optional<std::string> Applier::may_be_stale(const Record &record) const {
+  const Change &change = record.change;
+  std::optional<std::string> path;
+  if (const auto *rename = std::get_if<Rename>(&change))
+    path = path_below(source_, rename->to);
+  else if (const auto *link = std::get_if<Link>(&change))
+    path = path_below(source_, link->path);
+  else if (std::holds_alternative<Create>(change) || std::holds_alternative<Mkdir>(change) ||
+           std::holds_alternative<Symlink>(change))
+    path = path_below(source_, change_path(change));
+  if (!path || path->empty()) return std::nullopt;
+  if (std::holds_alternative<Rename>(change) || std::holds_alternative<Link>(change)) return path;
+  const auto mine = replica_.find(*path);
+  return mine && !*mine ? std::nullopt : path;
+}
+
 /* For fetches outside of a record: the scope of all rules together. */
 void Applier::use_all_rules() {
   reconciler_.set_other_name("");

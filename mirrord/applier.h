@@ -82,6 +82,10 @@ class Applier {
   /* The paths in the replica whose object, name or data the record changes, as far as it names
    * them; not the replica itself. */
   std::vector<std::string> changed_by(const Record &record) const;
+  /* Call it before the record is applied: the path that it gives to an object, if the replica may
+   * have another state of that than the records tell. It has the path already, or the object had
+   * another one. */
+  std::optional<std::string> may_be_stale(const Record &record) const;
   /* Copies the path from the source again. */
   Result<void> look_at(const std::string &path) {
     use_all_rules();

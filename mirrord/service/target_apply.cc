@@ -94,6 +94,10 @@ Result<void> Target::apply_record(const LogEntry &entry) {
   }
   const Record &record = std::get<Record>(*message);
   Applier &applier = *engine_->applier;
+  // What a walk has not come by yet may get to where it has been already.
+  if (state_.missing_since) {
+    if (auto path = applier.may_be_stale(record)) suspects_.insert(std::move(*path));
+  }
   const auto applied = applier.apply(record);
   ++state_.applied;
   if (const auto kept = write_back(); !kept) return kept;

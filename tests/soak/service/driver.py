@@ -23,6 +23,7 @@ class Driver:
         self.disks, self.workload = Disks(settings), Workload(settings)
         self.first, self.last = settings.target_names[0], settings.target_names[-1]
         self.paused, self.resume, self.resync = False, set(), set()
+        self.log_full, self.log_freed, self.start_later = False, 0.0, False
         self.done = []
         self.choice = self.choose_from()
 
@@ -41,6 +42,14 @@ class Driver:
         self.service.start()
 
     def watch(self):
+        # Without room for its state it does not begin.
+        lately = self.log_full or time.monotonic() < self.log_freed + 5
+        if lately and self.service.process and self.service.process.poll() == 1:
+            self.service.process = None
+            self.start_later = True
+        if self.start_later and not self.log_full:
+            self.start_later = False
+            self.service.start()
         if self.service.process:
             self.service.check()
         for index, code in self.workload.reap().items():

@@ -27,6 +27,7 @@ def fault(*needs, weight=2):
 
 @fault("mirrord", weight=6)
 def kill(d):
+    d.watch()
     d.service.kill()
     yield
     d.service.start()
@@ -38,7 +39,7 @@ def kill_twice(d):
     d.service.kill()
     d.service.start()
     time.sleep(d.rng.choice([0, 0.02, 0.1, 0.3, 1]))
-    d.service.check()
+    d.watch()
     d.service.kill()
     yield
     d.service.start()
@@ -87,9 +88,11 @@ def full_target(d):
 
 @fault("log", weight=3)
 def full_log_disk(d):
+    d.log_full = True
     d.disks.fill(d.settings.state_disk)
     yield
     d.disks.free(d.settings.state_disk)
+    d.log_full, d.log_freed = False, time.monotonic()
 
 
 @fault("first", weight=3)
@@ -115,7 +118,10 @@ def replaced_target(d):
         time.sleep(1.5)
     os.mkdir(path, 0o700)
     yield
-    run("rm", "-rf", path + ".old")
+    for _ in range(10):  # mirrord may still be writing there
+        if run("rm", "-rf", path + ".old", check=False).returncode == 0:
+            break
+        time.sleep(0.5)
 
 
 @fault("tarnd", "mirrord", weight=3)

@@ -45,11 +45,15 @@ class Service:
             raise Failed("mirrord has ended with %d" % self.process.returncode)
 
     def kill(self):
+        if not self.process:
+            return
         self.process.kill()
         self.process.wait()
         self.process = None
 
     def stop(self):
+        if not self.process:
+            return
         self.process.terminate()
         code = self.process.wait(timeout=90)
         self.process = None
@@ -57,7 +61,8 @@ class Service:
             raise Failed("mirrord ended with %d when it was stopped" % code)
 
     def freeze(self, frozen):
-        self.process.send_signal(signal.SIGSTOP if frozen else signal.SIGCONT)
+        if self.process:
+            self.process.send_signal(signal.SIGSTOP if frozen else signal.SIGCONT)
 
     def verb(self, *words, timeout=200):
         return run("mirrord", *words, "--socket", self.settings.socket, check=False, timeout=timeout)

@@ -1,7 +1,7 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
-# Directories and files get from where a walk has not been yet to where it was, and directories that went unseen are made
-# again behind it: during a first copy and during a healing.
+# Directories and files get from where a walk has not been yet to where it was, and directories that went unseen are
+# made again behind it: during a first copy and during a healing.
 . "$(dirname "$0")/../lib.sh"
 . "$(dirname "$0")/service.bash"
 

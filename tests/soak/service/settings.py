@@ -6,7 +6,7 @@ import random
 
 from promise import names
 
-# What the workers do: see promise/settings.py. Without special files and the owners of links, which records do not tell.
+# What the workers do: see promise/settings.py. Without special files, which records do not tell.
 GROUPS = {"files", "directories", "attributes", "past", "links", "kept", "mapped", "parents", "names", "shared",
           "set-user-id"}
 USERS = [0, 1001, 0, 1002]

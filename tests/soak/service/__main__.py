@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: GPL-2.0
 """The service under faults; run by service_promise.sh. See settings.py for what can be asked."""
+import signal
 import subprocess
 import sys
 import time
@@ -11,6 +12,7 @@ from .driver import LAST, Driver, Failed, say
 def main():
     asked = settings.parse()
     say("seed %d" % asked.seed)
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # mirrord is ended all the same
     began = time.monotonic()
     driver = None
     try:

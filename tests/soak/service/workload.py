@@ -53,7 +53,8 @@ class Workload:
             self.children[index] = pid
 
     def child(self, index):
-        signal.signal(signal.SIGINT, signal.SIG_DFL)
+        for number in (signal.SIGINT, signal.SIGTERM):
+            signal.signal(number, signal.SIG_DFL)
         try:
             from .settings import USERS  # a worker's own
             worker = Worker(index, USERS[index % len(USERS)], self.settings, self.control)

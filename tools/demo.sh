@@ -126,7 +126,7 @@ say "mirrord wait: the first copy is complete after $(seconds_since "$started") 
 find "$T/data" -type f -name '*.h' -printf '%P\n' | sort | awk '{ print; print "new/" $0 }' >"$T/headers"
 for part in overwritten appended renamed removed; do
   awk -v part="$part" 'BEGIN { n["overwritten"] = 1; n["appended"] = 2; n["renamed"] = 3; n["removed"] = 5 }
-    NR % 40 == n[part]' "$T/headers" >"$T/$part"
+    NR % 80 == n[part]' "$T/headers" >"$T/$part"
 done
 say "a workload begins: the tree copied once more, through the mount; $(wc -l <"$T/overwritten") files overwritten" \
   "in part, $(wc -l <"$T/appended") appended to, $(wc -l <"$T/renamed") renamed, $(wc -l <"$T/removed") removed"

@@ -166,6 +166,7 @@ void FakeTarnd::serve_daemon(int socket) {
     if (got < 0 && errno == EINTR) continue;
     const MutexLock lock(mutex_);
     if (got <= 0 && daemon_connection_ == socket) daemon_connection_ = -1;
+    if (got <= 0) shutdown(socket, SHUT_RDWR);  // as tarnd, which has nothing more to send
     if (got <= 0) return;
     std::uint16_t type = 0, flags = 0;
     std::memcpy(&type, packet.data() + 4, sizeof(type));

@@ -178,6 +178,32 @@ TEST_F(ReadAheadTest, a_loss_is_told_once_and_the_end_comes_last) {
   EXPECT_TRUE(readable(0));
 }
 
+TEST_F(ReadAheadTest, after_a_stop_what_was_read_comes_first) {
+  std::uint32_t sent = 0, expected = 0;
+  while (sent < 20) ASSERT_TRUE(send_packet(sent++));
+  ASSERT_TRUE(readable(5000));
+  link_->stop_reading_ahead();
+  // Less than the socket has room for, though poll would call it full.
+  for (; sent < 30; ++sent) {
+    std::vector<std::byte> packet(kPacket);
+    std::memcpy(packet.data(), &sent, sizeof(sent));
+    ASSERT_EQ(send(peer_.get(), packet.data(), packet.size(), MSG_DONTWAIT),
+              static_cast<ssize_t>(packet.size()));
+  }
+  while (!link_->none_read_ahead()) {
+    for (const Bytes packet : next().packets) EXPECT_EQ(number(packet), expected++);
+  }
+  // Nobody reads the rest unless it is asked for, and then at most a batch.
+  while (expected < sent) {
+    const std::size_t count = next().packets.size();
+    EXPECT_LE(count, PacketBatch::kPackets);
+    for (const Bytes packet : batch_.packets) EXPECT_EQ(number(packet), expected++);
+    ASSERT_NE(count, 0u);
+    EXPECT_TRUE(link_->none_read_ahead());
+  }
+  EXPECT_FALSE(readable(0));
+}
+
 TEST_F(ReadAheadTest, sending_does_not_wait_for_reading) {
   const std::byte packet[5] = {};
   EXPECT_TRUE(link_->send(packet).ok());

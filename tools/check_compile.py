@@ -39,7 +39,8 @@ def syntax_only(entry, source):
     return out + ["-fsyntax-only", "-x", "c" if source.endswith(".c") else "c++", source]
 
 
-LIBRARIES = ("CLI", "benchmark", "fmt", "fuse3", "gmock", "gtest", "nlohmann", "rapidcheck", "rapidcheck.h")
+LIBRARIES = ("CLI", "benchmark", "fmt", "fuse3", "gmock", "gtest", "libmount", "nlohmann", "rapidcheck", "rapidcheck.h", "spdlog",
+             "systemd", "toml++", "xxhash.h")
 
 
 def for_aarch64(command, includes):

@@ -87,7 +87,7 @@ wait_beside() { wait "$SESSION" || fail "a program failed: $(head -n 5 "$T/besid
 # soak_beside SCRIPT: runs it to its end, stops it now and then to compare, and ends the test.
 soak_beside() {
   run_beside bash "$1"
-  for _ in $(seq $SCALE); do
+  for _ in $(seq "$SCALE"); do
     sleep 2
     compare_midway
   done

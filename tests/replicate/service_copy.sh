@@ -31,7 +31,7 @@ rm -rf "$T/mnt/d2"
 equal replica
 equal second
 [ ! -e "$T/replica/not-in-the-source" ] || fail "what the source has not is still there"
-state_is equal || fail "the state is $(field state)"
+wait_until 20 "the state is equal" state_is equal
 for i in $(seq 50); do
   echo "$i" >>"$T/mnt/grows"
   mv "$T/mnt/renamed/f6" "$T/mnt/renamed/f7" 2>/dev/null || echo "$i" >"$T/mnt/renamed/f6"

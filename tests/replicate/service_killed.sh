@@ -104,7 +104,7 @@ wait "${WRITERS[@]}" || true
 WRITERS=()
 equal replica
 equal second
-state_is equal || fail "the state is $(field state)"
+wait_until 20 "the state is equal" state_is equal
 
 # A gap says which numbers are missing. They only grow, come once, have been given to a record, and there is no more than one
 # hole for each end; more is only told of a record that was cut in two.

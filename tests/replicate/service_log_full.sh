@@ -38,5 +38,5 @@ echo after >"$T/mnt/after"
 equal replica
 equal second
 grep -q "GAP: the log has no room" "$T/service.err" || fail "no gap for lost records"
-state_is equal || fail "the state is $(field state)"
+wait_until 20 "the state is equal" state_is equal
 stop_service

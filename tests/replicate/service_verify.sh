@@ -79,7 +79,9 @@ d/deep type
 d/fifo missing
 d/symbolic symlink
 TEXT
-awk -F'\t' '$3 == "link" && $2 ~ /^d\/link[12]$/ { n++ } END { exit n == 0 }' "$T/found" || fail "the parted names are not told: $(cat "$T/found")"
+# A mark that came between may have joined them again.
+[ "$R/link1" -ef "$R/link2" ] || awk -F'\t' '$3 == "link" && $2 ~ /^d\/link[12]$/ { n++ } END { exit n == 0 }' "$T/found" ||
+  fail "the parted names are not told: $(cat "$T/found")"
 if grep "$(printf '\tbusy/')" "$T/found" | grep -v "$(printf '\tchanging\t')"; then fail "what only changes is called different"; fi
 tail -n 1 "$T/found" | grep -q "^data/replica: [0-9]* differences; 'mirrord repair data/replica' mends them$" || fail "the summary is $(tail -n 1 "$T/found")"
 [ "$(cat "$R/deep")" = "a file" ] && [ -e "$R/extra" ] || fail "verify has changed the target"

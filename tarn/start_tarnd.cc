@@ -95,6 +95,7 @@ Result<Ended> run(std::vector<std::string> arguments) {
   posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
   posix_spawn_file_actions_adddup2(&actions, errors.get(), 2);
   std::vector<char *> words;
+  words.reserve(arguments.size() + 1);
   for (std::string &argument : arguments) words.push_back(argument.data());
   words.push_back(nullptr);
   // If our parent left SIGCHLD ignored, waitpid() could not get the exit status.

@@ -81,7 +81,7 @@ Result<void> Intake::load() {
   else if (end_lost)
     declare(kSinceEver, "the log has lost its end");
   else if (recovery.bytes_cut != 0)
-    declare(missing_since(Missing::kSinceLastRecord), "the log's end was not written whole");
+    gap(Missing::kSinceLastRecord, "the log's end was not written whole");
   {
     MutexLock lock(mutex_);
     (void)append_pending_gap_locked(Room::kWaitFor);  // or the log's thread does
@@ -127,7 +127,7 @@ Result<void> Intake::read_on(LogPosition from) {
       case EntryKind::kRecord:
         if (const auto message = decode((*entry)->payload);
             message && std::holds_alternative<Record>(*message))
-          take(std::get<Record>(*message));
+          take_locked(std::get<Record>(*message));
         break;
       case EntryKind::kGap:
         read_gap((*entry)->payload);
@@ -154,7 +154,7 @@ void Intake::read_gap(Bytes payload) {
 }
 
 /* Records that came late have lower numbers. */
-void Intake::take(const Record &record) {
+void Intake::take_locked(const Record &record) {
   auto &position = received_.position;
   const std::uint32_t last = record.last() ? record.wseq : record.wseq - 1;
   if (!position || position->generation != record.generation ||
@@ -204,18 +204,19 @@ void Intake::record(const Record &record, Bytes packet) {
   // A lost record is not taken: should this process end before the gap is in the log, the hole in
   // the numbers tells the next one.
   if (!lost) {
-    take(record);
+    take_locked(record);
     received_.clock_to_steady = clock_to_steady();
   } else if (!pending_gap_) {
     ++received_.counts.gaps;
     received_.counts.last_gap = "the log has no room: " + appended.error().text;
-    pending_gap_ = GapEntry{missing_since(Missing::kSinceLastRecord), received_.counts.last_gap};
+    pending_gap_ =
+        GapEntry{missing_since_locked(Missing::kSinceLastRecord), received_.counts.last_gap};
     say(Level::kError, options_.name, "records are lost: " + received_.counts.last_gap);
   }
 }
 
 /* If the clock was set meanwhile, times do not tell what has changed since. */
-std::int64_t Intake::missing_since(Missing missing) const {
+std::int64_t Intake::missing_since_locked(Missing missing) const {
   constexpr std::int64_t kClockSlackUs = 1'000'000;
   const std::int64_t last = received_.last_record;
   if (missing == Missing::kEverything || last == 0 || last > now_us() + kClockSlackUs)
@@ -240,7 +241,7 @@ void Intake::gap(Missing missing, const std::string &reason) {
   std::int64_t since = kSinceEver;
   {
     MutexLock lock(mutex_);
-    since = missing_since(missing);
+    since = missing_since_locked(missing);
   }
   declare(since, reason);
 }

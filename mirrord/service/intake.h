@@ -92,8 +92,8 @@ class Intake {
   LogPosition read_document_fields(const nlohmann::json &json);
   void read_gap(Bytes payload) REQUIRES(mutex_);
   Result<void> read_on(LogPosition from);
-  void take(const Record &record);
-  std::int64_t missing_since(Missing missing) const;
+  void take_locked(const Record &record) REQUIRES(mutex_);
+  std::int64_t missing_since_locked(Missing missing) const REQUIRES(mutex_);
   Result<LogPosition> append_locked(EntryKind kind, Bytes payload) REQUIRES(mutex_);
   enum class Room { kMake, kWaitFor };
   bool append_pending_gap_locked(Room room = Room::kMake) REQUIRES(mutex_);

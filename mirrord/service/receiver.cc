@@ -29,7 +29,7 @@ constexpr std::chrono::seconds kPassOnTime{2};
 }  // namespace
 
 Result<std::unique_ptr<Receiver>> Receiver::open(Site site, RuleKeeper keeper,
-                                                 std::vector<FromSource> sources,
+                                                 const std::vector<FromSource> &sources,
                                                  ChannelStore *store,
                                                  std::unique_ptr<DaemonChannel> early) {
   auto wake = make_pipe("the receiver");

@@ -37,7 +37,7 @@ class Receiver : private Sequencer::Sink {
   };
   /* `early`: a channel that is open already. */
   static Result<std::unique_ptr<Receiver>> open(Site site, RuleKeeper keeper,
-                                                std::vector<FromSource> sources,
+                                                const std::vector<FromSource> &sources,
                                                 ChannelStore *store = nullptr,
                                                 std::unique_ptr<DaemonChannel> early = nullptr);
 

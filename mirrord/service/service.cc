@@ -89,7 +89,7 @@ bool Service::ReplicatedSource::make_room() {
   }
 }
 
-Result<std::unique_ptr<Service>> Service::open(Config config, Site site,
+Result<std::unique_ptr<Service>> Service::open(Config config, const Site &site,
                                                std::unique_ptr<ChannelStore> store) {
   auto state = StateDirectory::open(config.state_directory);
   if (!state) return state.error();
@@ -120,8 +120,8 @@ Result<std::unique_ptr<Service>> Service::open(Config config, Site site,
     wanted.push_back(std::move(rule));
     receivers.push_back({source->config.name, source->intake.get()});
   }
-  auto receiver = Receiver::open(site, RuleKeeper(site, *program, std::move(wanted)),
-                                 std::move(receivers), service->store_.get(), std::move(channel));
+  auto receiver = Receiver::open(site, RuleKeeper(site, *program, std::move(wanted)), receivers,
+                                 service->store_.get(), std::move(channel));
   if (!receiver) return receiver.error();
   service->receiver_ = std::move(*receiver);
   return service;

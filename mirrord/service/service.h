@@ -34,7 +34,7 @@ class Service : public ServiceControl {
  public:
   /* Opens the logs and the targets' states; starts nothing. Errors: the state directory is in use,
    * another user's or of another version; a source is another directory than before. */
-  static Result<std::unique_ptr<Service>> open(Config config, Site site,
+  static Result<std::unique_ptr<Service>> open(Config config, const Site &site,
                                                std::unique_ptr<ChannelStore> store = nullptr);
 
   /* Until SIGTERM, SIGINT or SIGHUP. Then takes what the module has sent, and lets the targets

@@ -116,7 +116,7 @@ class Target {
   void take_pause() EXCLUDES(mutex_);
   Result<void> save_pause();
   void note_request_locked(const Result<void> &saved) REQUIRES(mutex_);
-  Result<void> until_taken(const bool &request) EXCLUDES(mutex_);
+  Result<void> until_taken(bool Target::*request) EXCLUDES(mutex_);
   bool asked_locked() const REQUIRES(mutex_);
   Result<void> attach();
   Result<void> check_identity(const DirectoryIdentity &there);

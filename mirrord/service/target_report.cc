@@ -70,16 +70,16 @@ TargetReport Target::report() const {
 }
 
 /* Until the thread has reset the request. */
-Result<void> Target::until_taken(const bool &request) {
+Result<void> Target::until_taken(bool Target::*request) {
   const auto end = Clock::now() + kTakeTime;
   MutexLock lock(mutex_);
-  while (request && !ended_) {
+  while (this->*request && !ended_) {
     if (changed_.wait_until(lock, end)) continue;
     return Error{-ETIMEDOUT, fmt::format("{} does so when the entry that it is applying is done: "
                                          "'mirrord status' shows it",
                                          about())};
   }
-  if (request) return Error{-EIO, about() + " does not run"};
+  if (this->*request) return Error{-EIO, about() + " does not run"};
   return request_error_ ? Result<void>(*request_error_) : Result<void>();
 }
 
@@ -91,7 +91,7 @@ Result<void> Target::pause() {
     changed_.notify_all();
   }
   intake_.log().wake();
-  return until_taken(pause_changed_);
+  return until_taken(&Target::pause_changed_);
 }
 
 Result<void> Target::resume() {
@@ -102,7 +102,7 @@ Result<void> Target::resume() {
     pause_changed_ = true;
     changed_.notify_all();
   }
-  return until_taken(pause_changed_);
+  return until_taken(&Target::pause_changed_);
 }
 
 Result<void> Target::resync() {
@@ -113,7 +113,7 @@ Result<void> Target::resync() {
     changed_.notify_all();
   }
   intake_.log().wake();
-  return until_taken(resync_);
+  return until_taken(&Target::resync_);
 }
 
 Result<void> Target::between_entries(const std::function<void()> &work) {

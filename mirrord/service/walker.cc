@@ -70,7 +70,7 @@ void Walker::run() {
     begun_ = Begun{intake_.log().end(), begin};
     begin.walk = begun_->position;
     lock.unlock();
-    walk(std::move(begin));
+    walk(begin);
     lock.lock();
   }
 }
@@ -105,7 +105,7 @@ bool Walker::keep_to_speed(const Walk &walk) {
   return pause(std::max(due - steady_clock::now(), steady_clock::duration::zero()));
 }
 
-void Walker::walk(WalkBeginEntry begin) {
+void Walker::walk(const WalkBeginEntry &begin) {
   Walk walk{.begin = begin, .started = steady_clock::now()};
   if (begin.since != kSinceEver) walk.since = begin.since - kTimestampSlackUs;
   if (!append(EntryKind::kWalkBegin, encode(begin))) return;

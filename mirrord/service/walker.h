@@ -55,7 +55,7 @@ class Walker {
   };
 
   void run();
-  void walk(WalkBeginEntry begin);
+  void walk(const WalkBeginEntry &begin);
   /* False: told to stop. `moved`: it or a directory above it may have come here since the walk's
    * time. `from` and `to`: the share of the whole walk, 0 to 1. */
   bool directory(Walk &walk, const std::string &path, bool moved, double from, double to);

@@ -39,8 +39,8 @@ class Comparison {
         what_(what),
         most_(most) {}
 
-  /* Compares `path` and all below it. Error: see verify_trees(). */
-  Result<void> walk(const std::string &path);
+  /* Compares `top` and all below it. Error: see verify_trees(). */
+  Result<void> walk(const std::string &top);
 
   /* Compares `path` alone, or also what is below it if both are directories. `other` is another
    * name that it may have. */

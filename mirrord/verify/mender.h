@@ -70,13 +70,13 @@ class Mender {
   Result<void> update(const std::string &path, const TreeEntry &source, const TreeEntry &target,
                       Part part);
   Result<std::vector<std::string>> names_in(LocalTree &tree, const std::string &directory);
-  Result<void> make_tree(const std::string &path, const TreeEntry &source);
+  Result<void> make_tree(const std::string &top, const TreeEntry &source);
   Result<void> make_directory(const std::string &path);
   enum class Existing { kKept, kReplaced };
   Result<void> make_object(const std::string &path, const TreeEntry &source, Existing existing);
   Result<void> make_below(const Place &place, const std::string &path, const TreeEntry &source);
   bool made_link(const std::string &path, const TreeEntry &source);
-  Result<void> remove_tree(const std::string &path);
+  Result<void> remove_tree(const std::string &top);
   Result<void> link_over(const std::string &existing, const std::string &path);
   void restore_time(const std::string &directory);
 

@@ -98,7 +98,9 @@ refused_configuration "$T/lower"
 configure replica
 start_service
 equal replica
+kill -STOP "$SERVICE_PID" # it saves its position from time to time
 refused 1 "another mirrord (process $SERVICE_PID)"
+kill -CONT "$SERVICE_PID"
 verb status >/dev/null || fail "the first service suffers from the second"
 echo more >"$T/mnt/more"
 equal replica

@@ -35,6 +35,7 @@ mv "$T/mnt/f2" "$T/mnt/f2-renamed"
 wait_until 30 "the loss is told" grep -q "records are lost" "$T/service.err"
 rm "$T/service/ballast"
 echo after >"$T/mnt/after"
+wait_until 60 "the targets can save their positions again" verb wait --timeout 10
 equal replica
 equal second
 grep -q "GAP: the log has no room" "$T/service.err" || fail "no gap for lost records"

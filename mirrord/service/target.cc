@@ -359,7 +359,7 @@ void Target::idle() {
 void Target::apply_held(const LogEntry &entry) {
   auto pause = kFirstPause;
   bool held = false;
-  for (;; held = true) {
+  for (;;) {
     const auto applied = apply(entry);
     if (applied) break;
     if (!holds_target(applied.error())) {
@@ -369,6 +369,7 @@ void Target::apply_held(const LogEntry &entry) {
     const std::string what = describe_entry(entry);
     if (!held) say(Level::kWarning, about(), "held by " + what + ": " + applied.error().text);
     set_phase(Phase::kHeld, what + ": " + applied.error().text);
+    held = true;
     {
       MutexLock lock(mutex_);
       held_entry_ = what;
@@ -391,6 +392,7 @@ void Target::apply_held(const LogEntry &entry) {
     // The reader is behind the entry: the next attempt begins with the next attach or here.
     if (!again || !still_there()) {
       if (engine_) reader_.emplace(intake_.log(), position_);
+      set_phase(Phase::kRunning);
       return;
     }
   }

@@ -69,6 +69,9 @@ class Applier {
    * state behind: the paths that they change are copied from the source instead. */
   void distrust_records_until(std::uint64_t ts) { distrusted_until_ = ts; }
 
+  /* For copies from the source: the limit of their rate, and what interrupts them (fetcher.h). */
+  Fetcher &fetcher() { return reconciler_.fetcher(); }
+
   /* The rule's lists hold for what is copied without a record too, from now on. */
   void know_rule(const Uuid &rule) { scopes_.includes(Scopes::Instance(rule, 0), source_); }
 

@@ -66,6 +66,12 @@ void Target::stop(Clock::time_point end) {
     changed_.notify_all();
   }
   intake_.log().wake();
+  {
+    MutexLock lock(mutex_);
+    while (!ended_ && changed_.wait_until(lock, end)) {
+    }
+  }
+  interrupt_ = true;  // a copy that takes longer
   thread_.join();
 }
 
@@ -220,6 +226,8 @@ Result<void> Target::attach() {
       options_.source_directory, engine_->replica,
       [lists = options_.lists](const Uuid &) { return std::optional(lists); });
   applier.know_rule(intake_.rule());
+  applier.fetcher().set_rate(options_.copy_bytes_per_second);
+  applier.fetcher().set_stop(&interrupt_);
   begin_in_log();
   // From now on something may have been applied that the position does not tell.
   if (const auto saved = save(false); !saved) {
@@ -362,6 +370,10 @@ void Target::apply_held(const LogEntry &entry) {
   for (;;) {
     const auto applied = apply(entry);
     if (applied) break;
+    if (applied.error().code == -ECANCELED) {
+      reader_.emplace(intake_.log(), position_);
+      return;
+    }
     if (!holds_target(applied.error())) {
       failed(describe_entry(entry), applied.error());
       break;

@@ -63,7 +63,8 @@ class Target {
   Target &operator=(const Target &) = delete;
 
   void start();
-  /* Ends the thread: applies what the log holds if that takes no longer than until `end`. */
+  /* Ends the thread: applies what the log holds if that takes no longer than until `end`. A copy
+   * that takes longer is interrupted, and begins anew at the next start. */
   void stop(Clock::time_point end);
 
   const std::string &name() const { return options_.name; }
@@ -174,7 +175,7 @@ class Target {
   std::atomic<LogPosition> needed_ = 0;
   std::atomic<LogPosition> following_ = kNotFollowing;
   std::atomic<bool> claim_dropped_ = false;
-  std::atomic<bool> stop_ = false;
+  std::atomic<bool> stop_ = false, interrupt_ = false;
   std::atomic<Clock::time_point> stop_by_ = Clock::time_point{};
 
   mutable Mutex mutex_;

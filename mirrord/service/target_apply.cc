@@ -42,6 +42,7 @@ bool holds_target(const Error &error) {
     case EHOSTDOWN:
     case ETIMEDOUT:
     case EMLINK:
+    case ECANCELED:
       return true;
   }
   return false;

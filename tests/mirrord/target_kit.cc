@@ -56,7 +56,8 @@ void TargetTest::open_target() {
                               .lists = lists_,
                               .name = "t",
                               .directory = copy_,
-                              .state_file = state_file_},
+                              .state_file = state_file_,
+                              .copy_bytes_per_second = copy_rate_},
                              *intake_, *walker_);
   ASSERT_TRUE(target.ok()) << target.error().text;
   target_ = std::move(*target);

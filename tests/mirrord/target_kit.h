@@ -59,6 +59,7 @@ class TargetTest : public testing::Test {
   RuleDirectories lists_{{source_}, {}}; /* of the rule */
   const std::string state_file_ = dir_ / "target-t";
   std::uint64_t log_limit_ = 1 << 24;
+  std::uint64_t copy_rate_ = 0; /* bytes per second; 0: no limit */
   std::uint32_t number_ = 0;
   std::atomic<std::uint64_t> marks_ = 0;
   std::unique_ptr<Intake> intake_;

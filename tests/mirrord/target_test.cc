@@ -274,5 +274,20 @@ TEST_F(TargetTest, work_between_entries_has_the_directory_to_itself) {
   open_target();
 }
 
+/* It would take a quarter of an hour. */
+TEST_F(TargetTest, a_slow_copy_is_interrupted_by_a_stop_and_made_at_the_next_start) {
+  write_unseen("large", std::string(std::size_t{64} << 20, 'x'));
+  copy_rate_ = 64 << 10;
+  start();
+  ASSERT_TRUE(becomes("copying"));
+  ASSERT_TRUE(eventually([&] { return fs::exists(in_target("large")); }));
+  target_->stop(std::chrono::steady_clock::now());
+  target_.reset();
+  EXPECT_NE(content_of(in_target("large")), content_of(in_source("large")));
+  copy_rate_ = 0;
+  start();
+  expect_equal_trees();
+}
+
 }  // namespace
 }  // namespace tarn::test

@@ -10,7 +10,7 @@ packages=(
   libcli11-dev libfmt-dev libfuse3-dev libgtest-dev libmount-dev librapidcheck-dev libspdlog-dev libsystemd-dev
   libtomlplusplus-dev libxxhash-dev man-db mandoc mount
   ninja-build nlohmann-json3-dev pkg-config procps python3 rsync sqlite3
-  stress-ng tar util-linux zsh
+  stress-ng systemd tar util-linux zsh
 )
 [ "${1:-}" != check ] || packages+=(clang-format clang-tidy g++-aarch64-linux-gnu shellcheck)
 [ "${1:-}" != bench ] || packages+=(bindfs libbenchmark-dev libhyperscan-dev liblmdb-dev libre2-dev libsqlite3-dev postgresql)

@@ -25,10 +25,6 @@ std::int64_t clock_to_steady() {
          duration_cast<std::chrono::microseconds>(steady_clock::now().time_since_epoch()).count();
 }
 
-Bytes bytes_of(const std::vector<std::byte> &bytes) {
-  return {bytes.data(), bytes.size()};
-}
-
 }  // namespace
 
 Result<std::unique_ptr<Intake>> Intake::open(Options options) {
@@ -182,7 +178,7 @@ Result<LogPosition> Intake::append_locked(EntryKind kind, Bytes payload) {
 bool Intake::append_pending_gap_locked(Room room) {
   if (!pending_gap_) return true;
   const auto payload = encode(*pending_gap_);
-  const Bytes bytes = bytes_of(payload);
+  const Bytes bytes = payload;
   const auto appended =
       room == Room::kMake
           ? append_locked(EntryKind::kGap, bytes)
@@ -250,7 +246,7 @@ bool Intake::mark(const MarkEntry &entry) {
   MutexLock lock(mutex_);
   if (!append_pending_gap_locked()) return false;
   const auto payload = encode(entry);
-  if (!append_locked(EntryKind::kMark, bytes_of(payload))) return false;
+  if (!append_locked(EntryKind::kMark, payload)) return false;
   received_.last_mark = entry.number;
   marked_ = true;
   return true;

@@ -219,7 +219,6 @@ void Receiver::receive() {
   const auto received = channel_->receive(std::max(timeout, Milliseconds(0)), wake_.read_end.get());
   if (!received) return disconnect("not connected to the module: " + received.error().text);
   if (received->woken) drain_wake();
-  if (!received->packets.empty()) received_at_ = Clock::now();
   take(*received);
   sequencer_->expire(received->arrived_until);
   if (!channel_) return;  // tarnd has ended meanwhile
@@ -288,14 +287,11 @@ void Receiver::losses(const DaemonChannel::Received &received) {
   if (received.oversized != 0)
     say(Level::kError, "", fmt::format("{} packets were too long", received.oversized));
   if (received.lost == 0) return;
-  gap_everywhere(Intake::Missing::kSinceLastRecord,
-                 fmt::format("the module could not deliver {} messages", received.lost));
+  for (const auto &[rule, source] : sources_)
+    source.intake->gap(Intake::Missing::kSinceLastRecord,
+                       fmt::format("the module could not deliver {} messages", received.lost));
   // The answer to a barrier may be lost too: a new barrier replaces it.
   if (!barriers_.empty()) send_barrier();
-}
-
-void Receiver::gap_everywhere(Intake::Missing missing, const std::string &reason) {
-  for (const auto &[rule, source] : sources_) source.intake->gap(missing, reason);
 }
 
 void Receiver::record(const Record &record, Bytes packet, Sequencer::Order order) {

@@ -82,7 +82,6 @@ class Receiver : private Sequencer::Sink {
   void take(const DaemonChannel::Received &received);
   Clock::duration until_next() const;
   bool changed_since_mark() const;
-  void gap_everywhere(Intake::Missing missing, const std::string &reason);
   void set_problem(const std::string &problem) EXCLUDES(mutex_);
   void note_attempt() EXCLUDES(mutex_);
   void drain_wake();
@@ -96,8 +95,7 @@ class Receiver : private Sequencer::Sink {
   std::unique_ptr<DaemonChannel> early_, channel_;
   std::optional<Sequencer> sequencer_;
   std::set<Uuid> unfinished_writes_; /* rules of which a page, but not the last, was logged */
-  std::set<Uuid> unconfirmed_;       /* kept rules without a record since the connection */
-  Clock::time_point kept_at_{}, marked_at_{}, received_at_{};
+  Clock::time_point kept_at_{}, marked_at_{};
   struct Barrier {
     std::uint64_t barrier;
     MarkEntry mark;

@@ -22,10 +22,6 @@ constexpr std::chrono::milliseconds kLogCheck{100};
 /* So far ahead of the targets, in entries. */
 constexpr LogPosition kAhead = 16384;
 
-Bytes bytes_of(const std::vector<std::byte> &bytes) {
-  return {bytes.data(), bytes.size()};
-}
-
 }  // namespace
 
 Walker::Walker(Options options, Intake &intake)
@@ -88,8 +84,7 @@ bool Walker::append(EntryKind kind, const std::vector<std::byte> &payload) {
   for (bool said = false;; said = true) {
     const LogPosition slowest = options_.slowest();
     const bool room = slowest >= intake_.log().end() || intake_.log().end() - slowest < kAhead;
-    const auto appended =
-        room ? intake_.append(kind, bytes_of(payload)) : Result<LogPosition>(Error{});
+    const auto appended = room ? intake_.append(kind, payload) : Result<LogPosition>(Error{});
     if (appended) return true;
     if (room && !said) say(Level::kWarning, options_.name, appended.error().text);
     if (!pause(kLogCheck)) return false;

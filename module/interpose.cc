@@ -74,8 +74,7 @@ void take_lower_path(struct dentry *alias, struct dentry *dentry) {
   struct tarn_dentry_info *info = tarn_dentry(dentry);
   info->former = tarn_dentry(alias);
   dentry->d_fsdata = nullptr;
-  smp_wmb();
-  alias->d_fsdata = info;
+  __atomic_store_n(&alias->d_fsdata, static_cast<void *>(info), __ATOMIC_RELEASE);
   forget_children(alias);
 }
 

@@ -158,7 +158,7 @@ int tarn_commit_write(struct file *, struct page *page, unsigned from, unsigned 
 // is not ours to read. Capture reads the page as user memory, which works in the write-back
 // threads, as they run with the kernel's address limit; in a process's own msync the copy fails.
 void capture_page(struct dentry *lower_dentry, struct page *page) {
-  if (!lower_dentry->d_fsdata || lower_dentry->d_op != &tarn_dops) return;
+  if (lower_dentry->d_op != &tarn_dops || !tarn_dentry(lower_dentry)) return;
   cond_resched();
   tarn_write_sync(lower_dentry, reinterpret_cast<const char __user *>(page_text(page)),
                   PAGE_CACHE_SIZE, page_start(page->index));

@@ -18,7 +18,7 @@ constexpr int patience_jiffies = HZ;
 
 // d_fsdata of another file system's dentry is not ours.
 bool is_bound(const struct dentry *dentry) {
-  return dentry->d_fsdata && dentry->d_op == &tarn_dops && tarn_lower_dentry(dentry) &&
+  return dentry->d_op == &tarn_dops && tarn_dentry(dentry) && tarn_lower_dentry(dentry) &&
          tarn_lower_mnt(dentry);
 }
 

@@ -67,9 +67,14 @@ inline struct inode *tarn_lower_inode(struct inode *inode) {
   return tarn_inode(inode)->lower_inode;
 }
 
-/* Null for a dentry that has not been bound; such a dentry has no lower path. */
+/*
+ * Null for a dentry that has not been bound; such a dentry has no lower path. A directory's may be
+ * replaced at any moment (interpose.cc), so each call may give another one; all of them live as
+ * long as the dentry.
+ */
 inline struct tarn_dentry_info *tarn_dentry(const struct dentry *dentry) {
-  return static_cast<struct tarn_dentry_info *>(dentry->d_fsdata);
+  return static_cast<struct tarn_dentry_info *>(
+      __atomic_load_n(&dentry->d_fsdata, __ATOMIC_ACQUIRE));
 }
 
 inline struct dentry *tarn_lower_dentry(const struct dentry *dentry) {

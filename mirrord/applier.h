@@ -26,12 +26,15 @@
 #define TARN_MIRRORD_APPLIER_H
 
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/messages.h"
 #include "client/pages.h"
+#include "mirrord/local_source.h"
 #include "mirrord/replica.h"
 #include "mirrord/scope.h"
 #include "mirrord/reconciler.h"
@@ -40,13 +43,22 @@ namespace tarn {
 
 class Applier {
  public:
-  /* `source` is absolute, without a trailing slash (except "/" itself). */
-  Applier(std::string source, Replica &replica, RuleLists rules = {},
+  /* `source` is where records have it: absolute, without a trailing slash (except "/" itself).
+   * `view` looks at it. */
+  Applier(std::string source, std::unique_ptr<Source> view, Replica &replica, RuleLists rules = {},
           std::chrono::microseconds horizon = PendingPaths::kHorizon)
       : source_(std::move(source)),
+        view_(std::move(view)),
         replica_(replica),
         scopes_(std::move(rules)),
-        reconciler_(source_, replica, horizon) {}
+        reconciler_(*view_, replica, horizon) {}
+  /* A source of this host. */
+  Applier(const std::string &source, Replica &replica, RuleLists rules = {},
+          std::chrono::microseconds horizon = PendingPaths::kHorizon)
+      : Applier(source, std::make_unique<LocalSource>(source), replica, std::move(rules), horizon) {
+  }
+
+  Source &source() { return *view_; }
 
   enum class Outcome {
     kApplied,
@@ -122,6 +134,7 @@ class Applier {
   }
 
   std::string source_;
+  std::unique_ptr<Source> view_;
   Replica &replica_;
   Scopes scopes_;
   Reconciler reconciler_;

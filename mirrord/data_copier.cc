@@ -17,12 +17,6 @@ namespace {
 
 constexpr std::uint64_t kPiece = std::uint64_t{256} << 10;
 constexpr std::size_t kPage = 4096;
-constexpr off_t kBlock = 512; /* of st_blocks */
-
-/* Fewer blocks than its size needs: it may have holes, or be compressed. */
-bool may_have_holes(const struct stat &status) {
-  return off_t{status.st_blocks} * kBlock < status.st_size;
-}
 
 /* Reads until the buffer is full or the file ends. */
 ssize_t read_at(int file, std::byte *to, std::size_t size, std::uint64_t at) {
@@ -96,10 +90,10 @@ Result<void> DataCopier::write_differences(Job &job, std::uint64_t at, Bytes dat
 Result<bool> DataCopier::copy_piece(Job &job, std::uint64_t end) {
   theirs_.resize(kPiece);
   const auto most = static_cast<std::size_t>(std::min(kPiece - job.at % kPiece, end - job.at));
-  const ssize_t got = read_at(job.files.source, theirs_.data(), most, job.at);
-  if (got < 0) return system_error(errno, "the source's file cannot be read");
-  if (got == 0) return false;
-  const auto length = static_cast<std::size_t>(got);
+  const auto got = job.files.source.read(job.at, std::span(theirs_.data(), most));
+  if (!got) return got.error();
+  const std::size_t length = *got;
+  if (length == 0) return false;
   read_ += length;
   const auto written = write_differences(job, job.at, Bytes(theirs_.data(), length));
   if (!written) return written.error();
@@ -133,25 +127,14 @@ Result<void> DataCopier::make_hole(Job &job, std::uint64_t from, std::uint64_t t
 
 Result<std::uint64_t> DataCopier::copy(const Files &files, std::uint64_t from, std::uint64_t to) {
   Job job{files, from, files.size};
-  bool holes = may_have_holes(files.theirs);
   while (job.at < to) {
-    std::uint64_t end = to;
-    if (holes) {
-      const off_t data = lseek(files.source, static_cast<off_t>(job.at), SEEK_DATA);
-      const bool none = data < 0 && errno == ENXIO;
-      holes = data >= 0 || none;  // else the file system does not tell
-      const std::uint64_t begin = none    ? to
-                                  : holes ? std::min(static_cast<std::uint64_t>(data), to)
-                                          : job.at;
-      if (const auto made = make_hole(job, job.at, begin); !made) return made.error();
-      job.at = begin;
-      if (job.at >= to) break;
-      const off_t hole =
-          holes ? lseek(files.source, static_cast<off_t>(job.at), SEEK_HOLE) : off_t{-1};
-      if (hole >= 0) end = std::min(static_cast<std::uint64_t>(hole), to);
-    }
-    if (end <= job.at) continue;  // it has changed since
-    const auto more = copy_piece(job, end);
+    const auto data = files.source.data_from(job.at, to);
+    if (!data) return data.error();
+    if (const auto made = make_hole(job, job.at, data->begin); !made) return made.error();
+    job.at = data->begin;
+    if (job.at >= to) break;
+    if (data->end <= job.at) continue;  // it has changed since
+    const auto more = copy_piece(job, data->end);
     if (!more) return more.error();
     if (!*more) break;
   }

@@ -1,13 +1,11 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * Copies data between two open files and writes only what differs: both are read, in pieces, and
- * compared by pages. Holes of the source stay holes, and become holes where the replica has data.
- * One thread, except that any thread may read the counters.
+ * Copies data of a file of the source to an open one and writes only what differs: both are read,
+ * in pieces, and compared by pages. Holes of the source stay holes, and become holes where the
+ * replica has data. One thread, except that any thread may read the counters.
  */
 #ifndef TARN_MIRRORD_DATA_COPIER_H
 #define TARN_MIRRORD_DATA_COPIER_H
-
-#include <sys/stat.h>
 
 #include <atomic>
 #include <cstdint>
@@ -16,6 +14,7 @@
 #include "base/result.h"
 #include "client/messages.h"
 #include "mirrord/pace.h"
+#include "mirrord/source.h"
 
 namespace tarn {
 
@@ -28,8 +27,7 @@ class DataCopier {
   std::uint64_t bytes_written() const { return written_; }
 
   struct Files {
-    int source;
-    const struct stat &theirs;
+    SourceFile &source;
     int replica;        /* open for writing, and for reading if its data is to be compared */
     std::uint64_t size; /* the replica's */
   };

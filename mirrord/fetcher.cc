@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <ctime>
 #include <limits>
 #include <optional>
 #include <thread>
@@ -23,44 +22,12 @@ constexpr std::uint64_t kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 constexpr std::chrono::milliseconds kStableFor{50};
 constexpr int kStableTries = 40;
 
-bool is_stable(const struct stat &status) {
-  timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
-  return microseconds(status.st_ctim) + std::chrono::microseconds(kStableFor).count() <
-         microseconds(now);
+bool is_stable(const struct stat &status, std::int64_t now) {
+  return microseconds(status.st_ctim) + std::chrono::microseconds(kStableFor).count() < now;
 }
 
-Result<struct stat> status_of(int source) {
-  struct stat status;
-  if (fstat(source, &status) != 0) return system_error(errno, "the source cannot be read");
-  return status;
-}
-
-/* A regular file of the source, open for reading: by its object or anew. */
-struct Reading {
-  UniqueFd opened = {};
-  int fd = -1;
-
-  static Result<Reading> open(const Source::Object &object) {
-    if (object.readable) return Reading{.fd = object.fd.get()};
-    auto file = Source::open_file(object);
-    if (!file) return file.error();
-    const int fd = file->get();
-    return Reading{std::move(*file), fd};
-  }
-};
-
-/* The attributes to copy; nothing if they cannot be read by the object's descriptor. */
-Result<std::optional<Xattrs>> source_xattrs(const Source::Object &object) {
-  const auto at = Source::xattr_place(object);
-  if (!at) return std::optional<Xattrs>();
-  auto found = read_xattrs(*at);
-  if (!found) return Error{found.error().code, "of the source: " + found.error().text};
-  return std::optional<Xattrs>(std::move(*found));
-}
-
-bool has_capability(const std::optional<Xattrs> &xattrs) {
-  return xattrs && xattrs->contains(kCapability);
+bool has_capability(const Xattrs &xattrs) {
+  return xattrs.contains(kCapability);
 }
 
 bool same_owner(const struct stat &a, const struct stat &b) {
@@ -152,15 +119,15 @@ Result<void> Fetcher::set_xattrs(const std::string &path, const std::optional<Xa
 }
 
 /* Makes the range equal; returns the status of the replica's file before that. */
-Result<struct stat> Fetcher::fill(const std::string &path, int source, const struct stat &theirs,
-                                  std::uint64_t from, std::uint64_t to) {
+Result<struct stat> Fetcher::fill(const std::string &path, SourceFile &source,
+                                  const struct stat &theirs, std::uint64_t from, std::uint64_t to) {
   const auto file = replica_.writable(path);
   if (!file) return file.error();
   struct stat mine;
   if (fstat(*file, &mine) != 0) return system_error(errno, "the replica's file cannot be read");
   const auto size = static_cast<std::uint64_t>(theirs.st_size);
-  const auto now = data_.copy({source, theirs, *file, static_cast<std::uint64_t>(mine.st_size)},
-                              from, std::min(to, size));
+  const auto now = data_.copy({source, *file, static_cast<std::uint64_t>(mine.st_size)}, from,
+                              std::min(to, size));
   if (!now) return now.error();
   if (*now > size || (to >= size && *now != size)) {
     if (const auto cut = replica_.set_attributes(path, {.size = size}); !cut) return cut.error();
@@ -170,11 +137,11 @@ Result<struct stat> Fetcher::fill(const std::string &path, int source, const str
 
 Result<void> Fetcher::fetch_data(const std::string &path, const Source::Object &object,
                                  std::uint64_t from, std::uint64_t to) {
-  const auto reading = Reading::open(object);
-  if (!reading) return reading.error();
-  const auto status = status_of(reading->fd);
+  const auto file = source_.open(object);
+  if (!file) return file.error();
+  const auto status = (*file)->begin();
   if (!status) return status.error();
-  const auto filled = fill(path, reading->fd, *status, from, to);
+  const auto filled = fill(path, **file, *status, from, to);
   if (!filled) return filled.error();
   // Writing has set the times.
   return plain(replica_.set_attributes(path, {.atime = status->st_atim, .mtime = status->st_mtim}));
@@ -198,13 +165,13 @@ Result<void> Fetcher::fetch_xattrs(const std::string &path, const Source::Object
 /* Owner and mode of `wanted`, and the object's extended attributes. */
 Result<void> Fetcher::take_attributes(const std::string &path, const Source::Object &object,
                                       const struct stat &mine, const struct stat &wanted) {
-  auto theirs = source_xattrs(object);
+  auto theirs = source_.xattrs(object);
   if (!theirs) return theirs.error();
   const bool owner = !same_owner(mine, wanted);
   const bool mode = !S_ISLNK(mine.st_mode) && !same_mode(mine, wanted);
   // Privilege must go together with the data that the source's file has.
   if ((owner || mode) && has_set_id(wanted)) return file(path, object, mine);
-  if (S_ISREG(mine.st_mode) && has_capability(*theirs)) {
+  if (S_ISREG(mine.st_mode) && *theirs && has_capability(**theirs)) {
     const auto at = replica_.xattr_place(path);
     if (!at) return at.error();
     const auto has = read_xattrs(*at);
@@ -320,27 +287,30 @@ Result<void> Fetcher::file(const std::string &path, const Source::Object &object
     const auto taken = replica_.set_attributes(path, {.mode = mine->st_mode & 01777});
     if (!taken) return taken.error();
   }
-  const auto reading = Reading::open(object);
+  const auto reading = source_.open(object);
   if (!reading) return reading.error();
+  SourceFile &source = **reading;
   for (int tries = kStableTries;; --tries) {
-    auto before = status_of(reading->fd);
+    auto before = source.begin();
     if (!before) return before.error();
-    const auto filled = fill(path, reading->fd, *before, 0, kToTheEnd);
+    const auto filled = fill(path, source, *before, 0, kToTheEnd);
     if (!filled) return filled.error();
-    auto xattrs = source_xattrs(object);
+    auto xattrs = source.xattrs();
     if (!xattrs) return xattrs.error();
-    const auto after = status_of(reading->fd);
+    const auto after = source.end();
     if (!after) return after.error();
+    const auto now = source_.now();
+    if (!now) return now.error();
     const bool same = same_time(before->st_ctim, after->st_ctim);
     const bool privilege = has_set_id(*before) || has_capability(*xattrs);
-    if (privilege && (!same || !is_stable(*after))) {
+    if (privilege && (!same || !is_stable(*after, *now))) {
       if (tries > 0) {
         std::this_thread::sleep_for(kStableFor);
         continue;
       }
       // It keeps changing: the records of these changes cause another fetch.
       before->st_mode &= ~kSetIds;
-      if (*xattrs) (*xattrs)->erase(kCapability);
+      xattrs->erase(kCapability);
     }
     origins_.put(path, {filled->st_dev, filled->st_ino}, *before, same);
     return set_all(path, *filled, {*before, std::move(*xattrs), Times::kSet});
@@ -352,7 +322,7 @@ Result<void> Fetcher::finish(const std::string &path, const Source::Object &obje
   const auto mine = existing(path);
   if (!mine) return mine.error();
   origins_.put(path, {mine->st_dev, mine->st_ino}, object.status, false);
-  auto theirs = source_xattrs(object);
+  auto theirs = source_.xattrs(object);
   if (!theirs) return theirs.error();
   return set_all(path, *mine, {object.status, std::move(*theirs)});
 }
@@ -364,7 +334,7 @@ Result<void> Fetcher::remove(const std::string &path) {
 
 Result<void> Fetcher::directory(const std::string &path, const Source::Object &object,
                                 const Included &included) {
-  auto theirs = Source::entries(object);
+  auto theirs = source_.entries(object);
   if (!theirs) return theirs.error();
   const auto made = replica_.mkdir(path, 0700);
   if (!made) return made.error();

@@ -104,7 +104,7 @@ class Fetcher {
   Result<void> special(const std::string &path, const Source::Object &object,
                        const std::optional<struct stat> &mine);
   Result<void> finish(const std::string &path, const Source::Object &object);
-  Result<struct stat> fill(const std::string &path, int source, const struct stat &theirs,
+  Result<struct stat> fill(const std::string &path, SourceFile &source, const struct stat &theirs,
                            std::uint64_t from, std::uint64_t to);
   Result<void> take_attributes(const std::string &path, const Source::Object &object,
                                const struct stat &mine, const struct stat &wanted);

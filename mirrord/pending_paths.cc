@@ -1,14 +1,15 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "mirrord/pending_paths.h"
 
-#include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
 
 namespace tarn {
 
 PendingPaths::Mark &PendingPaths::mark(const std::string &path) {
   Mark &mark = marks_[path];
-  mark.until = static_cast<std::uint64_t>(now_us() + horizon_.count());
+  const auto now = clock_();
+  mark.until = now ? static_cast<std::uint64_t>(*now + horizon_.count())
+                   : std::numeric_limits<std::uint64_t>::max();
   ages_.push_back({mark.until, path});
   return mark;
 }
@@ -76,7 +77,9 @@ std::vector<PendingPaths::Expired> PendingPaths::expire(std::uint64_t ts) {
 }
 
 std::vector<Unexplained> PendingPaths::take_missing(std::chrono::microseconds age) {
-  const auto made_before = static_cast<std::uint64_t>(now_us() - age.count());
+  const auto now = clock_();
+  if (!now) return {};
+  const auto made_before = static_cast<std::uint64_t>(*now - age.count());
   std::vector<Unexplained> missing;
   for (auto &[path, mark] : marks_) {
     if (mark.missing.wseq == 0) continue;

@@ -28,11 +28,14 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <limits>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "base/result.h"
 #include "client/uuid.h"
 
 namespace tarn {
@@ -50,7 +53,10 @@ class PendingPaths {
   static constexpr std::chrono::microseconds kHorizon = std::chrono::seconds(5);
   static constexpr std::uint64_t kNoData = std::numeric_limits<std::uint64_t>::max();
 
-  explicit PendingPaths(std::chrono::microseconds horizon) : horizon_(horizon) {}
+  /* The clock that records are captured by. While it is unknown, no mark ends. */
+  using Clock = std::function<Result<std::int64_t>()>;
+  PendingPaths(std::chrono::microseconds horizon, Clock clock)
+      : horizon_(horizon), clock_(std::move(clock)) {}
 
   struct Mark {
     bool names = false;                /* the first kind; covers the paths below too */
@@ -97,6 +103,7 @@ class PendingPaths {
   using Marks = std::map<std::string, Mark>;
 
   std::chrono::microseconds horizon_;
+  Clock clock_;
   Marks marks_;
   std::deque<Age> ages_; /* holds each mark with its present `until`, perhaps older ones too */
 };

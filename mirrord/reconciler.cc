@@ -98,9 +98,7 @@ Result<void> Reconciler::reconcile_other_names() {
       const auto there = source_.find(path);
       known += there && *there && same_object((*there)->status, status);
     }
-    struct stat other;
-    known += !other_name_.empty() && lstat(other_name_.c_str(), &other) == 0 &&
-             same_object(other, status);
+    known += !other_name_.empty() && source_.has_name(status, other_name_);
     if (known < status.st_nlink) wanted[object] = status;
   }
   if (wanted.empty()) return {};
@@ -124,7 +122,7 @@ void Reconciler::find_names(const std::string &directory, const Fetcher::Objects
                             std::vector<std::string> &found) {
   const auto object = source_.find(directory);
   if (!object || !*object || !S_ISDIR((*object)->status.st_mode)) return;
-  const auto entries = Source::entries(**object);
+  const auto entries = source_.entries(**object);
   if (!entries) return;  // an unreadable directory is not in the replica either
   for (const DirectoryEntry &entry : *entries) {
     const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
@@ -287,6 +285,7 @@ Result<void> Reconciler::compare_changed(std::int64_t until) {
     if (first.ok() && !result) first = result.error();
   };
   std::vector<std::string> changing;
+  source_.expect(paths);
   for (const std::string &path : paths) {
     const auto compared = compare(path, until);
     if (!compared) {
@@ -301,11 +300,13 @@ Result<void> Reconciler::compare_changed(std::int64_t until) {
   // Copies change the times of their parents, so times are set last, children first.
   for (std::string &path : changed_paths_.take()) paths.push_back(std::move(path));
   std::sort(paths.begin(), paths.end(), std::greater());
+  source_.expect(paths);
   for (const std::string &path : paths) {
     const auto copied = copy_mtime(path, until);
     if (!copied) failed_.insert(path);
     note(copied);
   }
+  source_.expect({});
   for (const std::string &path : changing) changed_paths_.add(path);
   return first;
 }
@@ -337,7 +338,7 @@ Result<void> Reconciler::find_unrecorded_below(const std::string &directory, std
   const auto object = source_.find(directory);
   if (!object) return object.error();
   if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
-  const auto entries = Source::entries(**object);
+  const auto entries = source_.entries(**object);
   if (!entries) return entries.error();
   Result<void> first;
   const auto note = [&first](const Result<void> &result) {
@@ -374,7 +375,7 @@ Result<void> Reconciler::reconcile_names(const std::string &directory) {
   if (!mine) return mine.error();
   // A missing directory is copied when its parent is checked.
   if (!*mine || !S_ISDIR((*mine)->st_mode)) return {};
-  const auto theirs = Source::entries(**object);
+  const auto theirs = source_.entries(**object);
   if (!theirs) return theirs.error();
   const auto names = replica_.names(directory);
   if (!names) return names.error();

@@ -23,11 +23,12 @@ namespace tarn {
 
 class Reconciler {
  public:
-  Reconciler(std::string source, Replica &replica, std::chrono::microseconds horizon)
+  /* Both must outlive this. */
+  Reconciler(Source &source, Replica &replica, std::chrono::microseconds horizon)
       : replica_(replica),
-        source_(std::move(source)),
+        source_(source),
         fetcher_(source_, replica),
-        pending_(horizon) {}
+        pending_(horizon, [this] { return source_.now(); }) {}
 
   Source &source() { return source_; }
   Fetcher &fetcher() { return fetcher_; }
@@ -136,7 +137,7 @@ class Reconciler {
   static constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
 
   Replica &replica_;
-  Source source_;
+  Source &source_;
   Fetcher fetcher_;
   PendingPaths pending_;
   ChangedPaths changed_paths_;

@@ -36,19 +36,24 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
     follow_source(directory);
     if (const auto made = fetcher_.make_directory(directory, **theirs); !made) return made;
   }
-  const auto entries = Source::entries(**theirs);
+  const auto entries = source_.entries(**theirs);
   if (!entries) return entries.error();
   const auto names = replica_.names(directory);
   if (!names) return names.error();
   std::set<std::string> both(names->begin(), names->end());
   for (const DirectoryEntry &entry : *entries) both.insert(entry.name);
-  Result<void> first;
+  std::vector<std::string> paths;
   for (const std::string &name : both) {
-    const std::string path = directory.empty() ? name : directory + "/" + name;
-    if (!included_(path)) continue;
+    std::string path = directory.empty() ? name : directory + "/" + name;
+    if (included_(path)) paths.push_back(std::move(path));
+  }
+  source_.expect(paths);
+  Result<void> first;
+  for (const std::string &path : paths) {
     auto looked = look_at(path, since, *another);
     if (first.ok() && !looked) first = std::move(looked);
   }
+  source_.expect({});
   fetcher_.set_trust(Fetcher::Trust::kNone);
   if (since) {  // no walk comes by all directories
     const auto names = reconcile_other_names();

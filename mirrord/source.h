@@ -1,18 +1,25 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The source directory, read only. mirrord runs on the same machine and reads it before it removes
- * anything in the replica, and for what records do not carry. Paths are relative to it, as in the
- * replica; no look-up follows a symbolic link or leaves it.
+ * The source directory, read only, as the engine looks at it: before it removes anything in the
+ * replica, and for what records do not carry. Paths are relative to it, as in the replica; no
+ * look-up follows a symbolic link or leaves it. It lies on this host (local_source.h) or on another
+ * one (remote/remote_source.h).
  *
  * Results show the source at the moment of the call, perhaps ahead of the current record;
- * pending_paths.h says how that is handled. One thread.
+ * pending_paths.h says how that is handled. Times are the source's: its clock may differ from this
+ * host's. The error -EHOSTDOWN means that nothing is known because its host does not answer.
+ *
+ * One thread. Files and objects may not outlive the source.
  */
 #ifndef TARN_MIRRORD_SOURCE_H
 #define TARN_MIRRORD_SOURCE_H
 
 #include <sys/stat.h>
 
+#include <cstdint>
+#include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -23,45 +30,75 @@
 
 namespace tarn {
 
+/* A regular file that is being read. It is the same one even if its name goes; the error -ENOENT
+ * means that it can no longer be read. */
+class SourceFile {
+ public:
+  virtual ~SourceFile() = default;
+
+  /* Its status before what is read from now on, and behind what was read since. */
+  virtual Result<struct stat> begin() = 0;
+  virtual Result<struct stat> end() = 0;
+
+  /* The first data at or behind `at`: what lies before it is a hole. Both are `to` if there is none
+   * before `to`. An empty one elsewhere: the file is changing, ask again. */
+  struct Extent {
+    std::uint64_t begin, end;
+  };
+  virtual Result<Extent> data_from(std::uint64_t at, std::uint64_t to) = 0;
+
+  /* How many bytes were read: as many as asked for, or up to the end of the file. */
+  virtual Result<std::size_t> read(std::uint64_t at, std::span<std::byte> to) = 0;
+
+  virtual Result<Xattrs> xattrs() = 0;
+};
+
+class RemoteObject;
+
 class Source {
  public:
-  /* The directory is opened at the first use and need not exist before. Without path descriptors
-   * (O_PATH) only regular files and directories are ever opened. */
-  explicit Source(std::string directory, bool path_descriptors = has_path_descriptors())
-      : directory_(std::move(directory)), path_descriptors_(path_descriptors) {}
-
-  const std::string &directory() const { return directory_; }
+  virtual ~Source() = default;
 
   struct Object {
+    struct stat status;
+    std::string target; /* of a symbolic link */
+    /* How a local source reaches it. */
     UniqueFd fd; /* refers to this object even if the name changes; without O_PATH only regular
                     files and directories have one */
-    struct stat status;
-    std::string target;    /* of a symbolic link */
     bool readable = false; /* `fd` is open for reading */
+    /* How a remote one does. */
+    std::shared_ptr<RemoteObject> remote = {};
   };
 
   /* Can the source be read? False if the directory does not exist or may not be searched. */
-  bool available();
+  virtual bool available() = 0;
 
   /* Nothing if the name does not exist. "" is the directory itself. */
-  Result<std::optional<Object>> find(const std::string &path);
+  virtual Result<std::optional<Object>> find(const std::string &path) = 0;
 
   /* The same for an entry of this directory, which may have left its path meanwhile. A regular file
    * is opened for reading, with O_NOATIME, where we may. */
-  Result<std::optional<Object>> child(const Object &directory, const DirectoryEntry &entry) const;
-
-  /* The place of the object's extended attributes. Nothing if it has no descriptor. */
-  static std::optional<XattrPlace> xattr_place(const Object &object);
-
-  /* Opens a regular file for reading, with O_NOATIME where we may. */
-  static Result<UniqueFd> open_file(const Object &file);
+  virtual Result<std::optional<Object>> child(const Object &directory,
+                                              const DirectoryEntry &entry) = 0;
   /* The entries of a directory, without "." and "..". */
-  static Result<std::vector<DirectoryEntry>> entries(const Object &directory);
+  virtual Result<std::vector<DirectoryEntry>> entries(const Object &directory) = 0;
 
- private:
-  std::string directory_;
-  bool path_descriptors_;
-  UniqueFd root_;
+  /* These paths are about to be looked for, in this order, each once. Only a call for no paths ends
+   * that; until then, results may show the source at the moment of the first call. */
+  virtual void expect(const std::vector<std::string> &paths) = 0;
+
+  /* Opens a regular file for reading, with O_NOATIME where we may. It may use the object. */
+  virtual Result<std::unique_ptr<SourceFile>> open(const Object &file) = 0;
+
+  /* The extended attributes that are replicated. Nothing if the object cannot be reached. */
+  virtual Result<std::optional<Xattrs>> xattrs(const Object &object) = 0;
+
+  /* Is the absolute path, which may lie outside the source, a name of this object? */
+  virtual bool has_name(const struct stat &object, const std::string &path) = 0;
+
+  /* The clock of its files' and records' times, in microseconds since the epoch; on another host,
+   * that may be late by as much as a request takes. */
+  virtual Result<std::int64_t> now() = 0;
 };
 
 }  // namespace tarn

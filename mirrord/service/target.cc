@@ -8,7 +8,6 @@
 #include <fmt/format.h>
 
 #include "base/text.h"
-#include "mirrord/file_status.h"
 #include "mirrord/service/journal.h"
 
 namespace tarn {
@@ -223,11 +222,16 @@ Result<void> Target::attach() {
     return closed;
   }
   auto &applier = engine_->applier.emplace(
-      options_.source_directory, engine_->replica,
-      [lists = options_.lists](const Uuid &) { return std::optional(lists); });
+      options_.source_directory,
+      options_.view ? options_.view() : std::make_unique<LocalSource>(options_.source_directory),
+      engine_->replica, [lists = options_.lists](const Uuid &) { return std::optional(lists); });
   applier.know_rule(intake_.rule());
   applier.fetcher().set_rate(options_.copy_bytes_per_second);
   applier.fetcher().set_stop(&interrupt_);
+  if (const auto now = applier.source().now(); !now) {
+    engine_.reset();
+    return now.error();
+  }
   begin_in_log();
   // From now on something may have been applied that the position does not tell.
   if (const auto saved = save(false); !saved) {
@@ -294,9 +298,11 @@ void Target::begin_in_log() {
   walked_ = false;
   suspects_.clear();
   const bool replayed = !state_.clean;
+  const auto now = engine_->applier->source().now();
   if (replayed)
     engine_->applier->distrust_records_until(
-        static_cast<std::uint64_t>(now_us() + PendingPaths::kHorizon.count()));
+        now ? static_cast<std::uint64_t>(*now + PendingPaths::kHorizon.count())
+            : std::numeric_limits<std::uint64_t>::max());
   if (state_.missing_since) {
     missing_at_ = log.end();
     walker_.request(options_.name, *state_.missing_since, missing_at_);
@@ -439,7 +445,8 @@ Result<void> Target::save(bool clean) {
 
 /* Since when changes may not be in the target. If the clock was set back, times do not tell. */
 std::int64_t Target::since_until() const {
-  return state_.until > now_us() ? kSinceEver : state_.until;
+  const auto now = engine_->applier->source().now();
+  return !now || state_.until > *now ? kSinceEver : state_.until;
 }
 
 void Target::missing(std::int64_t since, LogPosition position, const std::string &why) {

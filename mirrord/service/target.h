@@ -53,6 +53,8 @@ class Target {
     std::string directory;
     std::string state_file;
     std::uint64_t copy_bytes_per_second = 0; /* 0: no limit */
+    /* Looks at a source of another host, at each attach; empty: the directory is on this one. */
+    std::function<std::unique_ptr<Source>()> view = {};
   };
   using Clock = std::chrono::steady_clock;
 

@@ -113,7 +113,7 @@ bool Walker::directory(Walk &walk, const std::string &path, bool moved, double f
   auto object = source_.find(path);
   if (object && (!*object || !S_ISDIR((*object)->status.st_mode))) return true;  // a record tells
   auto entries =
-      object ? Source::entries(**object) : Result<std::vector<DirectoryEntry>>(object.error());
+      object ? source_.entries(**object) : Result<std::vector<DirectoryEntry>>(object.error());
   if (!entries) {
     if (object && entries.error().code == -ENOENT && !path.empty()) return true;  // removed since
     if (std::exchange(walk.complete, false))

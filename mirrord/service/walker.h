@@ -18,8 +18,8 @@
 #include <thread>
 
 #include "base/mutex.h"
+#include "mirrord/local_source.h"
 #include "mirrord/service/intake.h"
-#include "mirrord/source.h"
 
 namespace tarn {
 
@@ -67,7 +67,7 @@ class Walker {
 
   const Options options_;
   Intake &intake_;
-  Source source_;
+  LocalSource source_;
   Mutex mutex_;
   Condition changed_;
   bool stop_ GUARDED_BY(mutex_) = false;

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "mirrord/file_status.h"
+#include "mirrord/local_source.h"
 #include "tests/replicate/fake_tarnd.h"
 
 namespace tarn {
@@ -178,7 +179,7 @@ class FetcherTest : public testing::TestWithParam<const char *> {
 
   TemporaryDirectory dir_;
   TargetDirectory target_;
-  Source source_{dir_ / "src"};
+  LocalSource source_{dir_ / "src"};
   std::optional<Replica> replica_;
   std::optional<Fetcher> fetcher_;
 };

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // What mirrord finds in the source, on kernels with and without path descriptors.
-#include "mirrord/source.h"
+#include "mirrord/local_source.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <span>
 
 #include "tests/replicate/fake_tarnd.h"
 
@@ -26,7 +27,7 @@ class SourceTest : public testing::TestWithParam<bool> {
   }
 
   test::TemporaryDirectory dir_;
-  Source source_{dir_ / "", GetParam()};
+  LocalSource source_{dir_ / "", GetParam()};
 };
 
 TEST_P(SourceTest, finds_the_target_of_a_symbolic_link) {
@@ -43,7 +44,7 @@ TEST_P(SourceTest, entries_of_a_directory_are_found_as_what_they_are_now) {
   fs::create_symlink("nowhere", at("d/link"));
   const auto directory = find("d");
   ASSERT_TRUE(directory && directory->fd);
-  const auto entries = Source::entries(*directory);
+  const auto entries = source_.entries(*directory);
   ASSERT_TRUE(entries.ok());
   fs::remove(at("d/gone"));
   fs::remove(at("d/later"));
@@ -71,10 +72,12 @@ TEST_P(SourceTest, a_found_file_is_read_although_its_name_has_gone) {
   const auto file = find("d/file");
   ASSERT_TRUE(file && file->fd);
   fs::rename(at("d/file"), at("moved"));
-  const auto open = Source::open_file(*file);
+  const auto open = source_.open(*file);
   ASSERT_TRUE(open.ok()) << open.error().text;
   char text[5] = "";
-  EXPECT_EQ(read(open->get(), text, 4), 4);
+  const auto got = (*open)->read(0, std::as_writable_bytes(std::span(text, 4)));
+  ASSERT_TRUE(got.ok());
+  EXPECT_EQ(*got, 4u);
   EXPECT_STREQ(text, "text");
 }
 
@@ -83,7 +86,7 @@ TEST_P(SourceTest, lists_a_directory) {
   std::ofstream(at("d/file")) << "text";
   const auto directory = find("d");
   ASSERT_TRUE(directory);
-  const auto entries = Source::entries(*directory);
+  const auto entries = source_.entries(*directory);
   ASSERT_TRUE(entries.ok());
   EXPECT_EQ(entries->size(), 2U);
 }

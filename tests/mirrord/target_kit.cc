@@ -31,8 +31,34 @@ TargetTest::TargetTest() {
 }
 
 TargetTest::~TargetTest() {
-  target_.reset();
+  drop_target();
   walker_.reset();
+}
+
+void TargetTest::drop_target() {
+  {
+    MutexLock lock(mutex_);
+    followed_ = nullptr;
+  }
+  target_.reset();
+}
+
+LogPosition TargetTest::followed() {
+  MutexLock lock(mutex_);
+  return followed_ ? followed_->following() : Target::kNotFollowing;
+}
+
+void TargetTest::note_walked() {
+  mark();
+  walked_at_ = intake_->log().end();
+}
+
+bool TargetTest::has_walked() const {
+  LogPosition last = 0;
+  for (const LoggedEntry &entry : entries_of(intake_->log())) {
+    if (entry.kind == EntryKind::kWalkEnd) last = entry.position;
+  }
+  return walked_at_ > last || last == 0;
 }
 
 void TargetTest::open_log() {
@@ -44,8 +70,8 @@ void TargetTest::open_log() {
           .directory = source_,
           .included = [this, scope = RuleScope(lists_)](
                           const std::string &path) { return scope.includes(in_source(path)); },
-          .slowest = [this] { return target_ ? target_->following() : Target::kNotFollowing; },
-          .walked = [this] { mark(); }},
+          .slowest = [this] { return followed(); },
+          .walked = [this] { note_walked(); }},
       *intake_);
 }
 
@@ -60,7 +86,10 @@ void TargetTest::open_target() {
                               .copy_bytes_per_second = copy_rate_},
                              *intake_, *walker_);
   ASSERT_TRUE(target.ok()) << target.error().text;
+  drop_target();
   target_ = std::move(*target);
+  MutexLock lock(mutex_);
+  followed_ = target_.get();
 }
 
 void TargetTest::start() {
@@ -69,15 +98,15 @@ void TargetTest::start() {
 }
 
 void TargetTest::stop() {
-  target_->stop(steady_clock::now() + std::chrono::seconds(20));
-  target_.reset();
+  target_->stop(steady_clock::now() + std::chrono::seconds(60));
+  drop_target();
 }
 
 void TargetTest::kill() {
   const std::string kept = dir_ / "kept-state";
   ASSERT_TRUE(eventually([&] { return fs::exists(state_file_); }));
   fs::copy(state_file_, kept, fs::copy_options::overwrite_existing);
-  target_.reset();
+  drop_target();
   fs::copy(kept, state_file_, fs::copy_options::overwrite_existing);
 }
 
@@ -88,9 +117,10 @@ std::uint64_t TargetTest::mark() {
 }
 
 bool TargetTest::equal() {
-  return eventually([&] {
+  const auto applied = [&] {
     return target_->wait(mark(), steady_clock::now() + std::chrono::milliseconds(500)).ok();
-  });
+  };
+  return eventually(applied) && eventually([&] { return has_walked(); }) && eventually(applied);
 }
 
 void TargetTest::expect_equal_trees() {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "base/mutex.h"
 #include "mirrord/service/target.h"
 #include "tests/mirrord/service_kit.h"
 #include "tests/replicate/fake_tarnd.h"
@@ -28,10 +29,11 @@ class TargetTest : public testing::Test {
   void stop();
   /* As on kill -9: the target's state is what the file holds now. */
   void kill();
+  void drop_target();
 
   /* A mark, and its number. */
   std::uint64_t mark();
-  /* Marks until the target has applied all and nothing is missing. */
+  /* Marks until the target has applied all and nothing is missing. No walk's mark follows. */
   bool equal();
   void expect_equal_trees();
   std::string state() const { return target_->report().state; }
@@ -65,6 +67,16 @@ class TargetTest : public testing::Test {
   std::unique_ptr<Intake> intake_;
   std::unique_ptr<Walker> walker_;
   std::unique_ptr<Target> target_;
+
+ private:
+  LogPosition followed();
+  /* A walk's mark comes from the walker's thread some time after the walk's end. */
+  void note_walked();
+  bool has_walked() const;
+
+  std::atomic<LogPosition> walked_at_ = 0; /* behind the last walk's mark */
+  Mutex mutex_;
+  Target *followed_ GUARDED_BY(mutex_) = nullptr; /* target_, for the walker's thread */
 };
 
 std::string content_of(const std::string &file);

@@ -47,9 +47,11 @@ TEST_F(TargetPlacesTest, another_directory_is_not_touched_until_somebody_says_so
   write_unseen("f", "1");
   start();
   expect_equal_trees();
+  // With its contents at once: an empty directory would be filled.
+  fs::create_directory(dir_ / "other");
+  put_content(dir_ / "other/precious", "of somebody else");
   fs::rename(copy_, dir_ / "elsewhere");
-  fs::create_directory(copy_);
-  put_content(in_target("precious"), "of somebody else");
+  fs::rename(dir_ / "other", copy_);
   ASSERT_TRUE(becomes("away"));
   EXPECT_NE(error().find("resync s/t"), std::string::npos) << error();
   write("g", "2");
@@ -130,7 +132,7 @@ class FullTargetTest : public TargetPlacesTest {
     fs::permissions(copy_, fs::perms::owner_all);
   }
   void TearDown() override {
-    target_.reset();
+    drop_target();
     if (mounted_) umount2((dir_ / "m").c_str(), MNT_DETACH);
   }
   void fill() { put_content(dir_ / "m/ballast", std::string(300 << 10, 'b')); }

@@ -120,13 +120,15 @@ TEST_F(TargetTest, a_killed_process_applies_records_again) {
 TEST_F(TargetTest, a_first_copy_that_was_killed_begins_again) {
   for (int i = 0; i < 20; ++i) {
     fs::create_directory(in_source("d" + std::to_string(i)));
-    write_unseen("d" + std::to_string(i) + "/f", std::to_string(i));
+    write_unseen("d" + std::to_string(i) + "/f", std::string(128 << 10, 'x'));
   }
+  copy_rate_ = 64 << 10;  // 40 s for all
   start();
   ASSERT_TRUE(eventually([&] { return fs::exists(in_target("d7")); }));
   const TargetState early = saved();
   ASSERT_TRUE(early.missing_since.has_value());
   kill();
+  copy_rate_ = 0;
   put_state(early);
   fs::remove_all(in_target("d7"));
   start();
@@ -274,15 +276,15 @@ TEST_F(TargetTest, work_between_entries_has_the_directory_to_itself) {
   open_target();
 }
 
-/* It would take a quarter of an hour. */
+/* It would take minutes. */
 TEST_F(TargetTest, a_slow_copy_is_interrupted_by_a_stop_and_made_at_the_next_start) {
-  write_unseen("large", std::string(std::size_t{64} << 20, 'x'));
-  copy_rate_ = 64 << 10;
+  write_unseen("large", std::string(8 << 20, 'x'));
+  copy_rate_ = 32 << 10;
   start();
   ASSERT_TRUE(becomes("copying"));
   ASSERT_TRUE(eventually([&] { return fs::exists(in_target("large")); }));
   target_->stop(std::chrono::steady_clock::now());
-  target_.reset();
+  drop_target();
   EXPECT_NE(content_of(in_target("large")), content_of(in_source("large")));
   copy_rate_ = 0;
   start();

@@ -392,6 +392,7 @@ void Target::apply_held(const LogEntry &entry) {
       MutexLock lock(mutex_);
       held_entry_ = what;
       skip_ = false;
+      changed_.notify_all();
     }
     following_ = kNotFollowing;
     const bool again = sleep(pause);

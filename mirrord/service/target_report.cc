@@ -132,7 +132,11 @@ Result<void> Target::between_entries(const std::function<void()> &work) {
 }
 
 Result<std::string> Target::skip() {
+  const auto end = Clock::now() + kTakeTime;
   MutexLock lock(mutex_);
+  // It may just be tried again.
+  while (held_entry_.empty() && phase_ == Phase::kHeld && changed_.wait_until(lock, end)) {
+  }
   if (held_entry_.empty())
     return Error{-ENOENT, fmt::format("{} is not held: nothing is skipped", about())};
   skip_ = true;

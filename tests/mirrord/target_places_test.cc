@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "tests/mirrord/target_kit.h"
 #include "tests/replicate/programs.h"
@@ -211,6 +212,19 @@ TEST_F(FullTargetTest, a_skip_is_a_gap_until_all_is_compared) {
   expect_equal_trees();
   EXPECT_EQ(target_->report().gaps, 0u);
   EXPECT_TRUE(becomes("equal"));
+}
+
+/* The entry that holds it is tried again and again, which may take long. */
+TEST_F(FullTargetTest, a_skip_during_an_attempt_waits_for_its_end) {
+  write_unseen("f", large_);
+  fill();
+  copy_rate_ = 200 << 10;  // an attempt takes a second
+  start();
+  ASSERT_TRUE(becomes("held"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the second one has begun
+  const auto skipped = target_->skip();
+  ASSERT_TRUE(skipped.ok()) << skipped.error().text;
+  EXPECT_TRUE(eventually([&] { return target_->report().skipped == 1; }));
 }
 
 }  // namespace

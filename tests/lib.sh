@@ -101,9 +101,9 @@ stop_mirrord_after_a_loss() {
   MIRRORD_PID=
 }
 
-# wait_until SECONDS WHAT COMMAND...
+# wait_until SECONDS WHAT COMMAND...: at least a minute, for machines that have much else to do.
 wait_until() {
-  local deadline=$((SECONDS + $1)) what=$2
+  local deadline=$((SECONDS + ($1 < 60 ? 60 : $1))) what=$2
   shift 2
   until "$@" >/dev/null 2>&1; do
     [ $SECONDS -lt $deadline ] || fail "timed out: $what"

@@ -21,7 +21,7 @@ equal second
 # More is written than the log takes while one target is paused.
 verb pause data/second
 for i in $(seq 100); do head -c 1M /dev/urandom >"$T/mnt/big$((i % 5))"; done
-equal_first() { verb wait data/replica --timeout 60 && python3 "$HERE/replicate/tree_compare.py" "$T/lower" "$T/replica"; }
+equal_first() { verb wait data/replica --timeout 120 && python3 "$HERE/replicate/tree_compare.py" "$T/lower" "$T/replica"; }
 equal_first || fail "the target that follows waits for the one that is paused"
 verb resume data/second
 equal second
@@ -32,7 +32,7 @@ head -c 100M /dev/zero >"$T/service/ballast" 2>/dev/null || true
 for i in $(seq 40); do head -c 1M /dev/urandom >"$T/mnt/lost$i"; done
 rm -f "$T/mnt/f1"
 mv "$T/mnt/f2" "$T/mnt/f2-renamed"
-wait_until 30 "the loss is told" grep -q "records are lost" "$T/service.err"
+wait_until 60 "the loss is told" grep -q "records are lost" "$T/service.err"
 rm "$T/service/ballast"
 echo after >"$T/mnt/after"
 wait_until 60 "the targets can save their positions again" verb wait --timeout 10

@@ -12,13 +12,13 @@ for i in $(seq $COUNT); do
   echo "$i" | tee "$T/lower/d$i/link" >"$T/lower/d$i/file"
 done
 tarn mount "$T/lower" "$T/mnt"
-echo 'copy-files-per-second = 40' | configure replica
+echo 'copy-files-per-second = 30' | configure replica
 
-half_done() { [ -n "$(field progress | awk '$1 > 0.4')" ]; }
+under_way() { [ -n "$(field progress | awk '$1 > 0.2')" ]; }
 # Whatever the order of the walk is, some of these leave what it has not seen for what it has.
 exchange() { # FROM TO: their endings
   local other
-  wait_until 60 "the walk is half done" half_done
+  wait_until 60 "the walk is under way" under_way
   for i in $(seq $COUNT); do
     other="$T/mnt/d$((COUNT + 1 - i))"
     mv "$T/mnt/d$i/x$1" "$other/x$2"

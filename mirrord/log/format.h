@@ -13,7 +13,7 @@
  *   12  4  zero                             12  1  kind, the writer's own
  *   16 16  epoch, the UUID of the log       13  3  zero
  *   32  8  position of the first entry      16  8  position
- *   40  8  checksum of the 40 bytes before  24  8  time, CLOCK_REALTIME in nanoseconds
+ *   40  8  checksum of the 40 bytes before  24  8  time in nanoseconds, Log::now_ns()
  *                                           32  n  payload, and zeros up to a multiple of 8
  *
  * Integers are little-endian. Both checksums are XXH3-64; the seed of an entry's is the checksum of

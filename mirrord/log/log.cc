@@ -20,7 +20,7 @@ namespace {
 
 constexpr std::uint64_t kLeastLimit = 4096;
 
-std::int64_t now_ns() {
+std::int64_t wall_clock_ns() {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
   return now.tv_sec * std::int64_t{1000000000} + now.tv_nsec;
@@ -47,6 +47,7 @@ Result<std::unique_ptr<Log>> Log::open(const std::string &directory, Options opt
   if (!recovered) return recovered.error();
   std::unique_ptr<Log> log(new Log(std::move(*locked), directory, recovered->epoch, options));
   log->recovery_ = std::move(recovered->report);
+  log->opened_ns_ = std::max(wall_clock_ns(), recovered->last_ns);
   for (const auto &segment : recovered->segments) log->bytes_ += segment->bytes;
   log->first_ = recovered->segments.front()->first;
   log->end_ = log->durable_end_ = recovered->segments.back()->end.load();
@@ -57,6 +58,10 @@ Result<std::unique_ptr<Log>> Log::open(const std::string &directory, Options opt
     log->segments_ = std::move(recovered->segments);
   }
   return log;
+}
+
+std::int64_t Log::now_ns() const {
+  return opened_ns_ + std::chrono::nanoseconds(std::chrono::steady_clock::now() - opened_).count();
 }
 
 std::string Log::shown(LogPosition first) const {

@@ -48,7 +48,7 @@ struct LogSegment;
 
 struct LogEntry {
   LogPosition position = 0;
-  std::int64_t time_ns = 0; /* CLOCK_REALTIME at the append */
+  std::int64_t time_ns = 0; /* of the append, by Log::now_ns() */
   std::uint8_t kind = 0;    /* the caller's */
   Bytes payload;            /* valid until the next call of the reader */
 };
@@ -87,6 +87,11 @@ class Log {
    * later append works again. */
   Result<LogPosition> append(std::uint8_t kind, std::span<const Bytes> parts)
       EXCLUDES(append_mutex_);
+
+  /* The log's clock, in nanoseconds: the wall clock when the log was opened, or the time of the
+   * last entry if that is later, and what has passed since. It is never set, so a later entry never
+   * has an earlier time. */
+  std::int64_t now_ns() const;
 
   /* What was appended before the call is on the disk. May run beside append(). */
   Result<void> sync() EXCLUDES(sync_mutex_, append_mutex_, mutex_);
@@ -141,6 +146,8 @@ class Log {
   const Uuid epoch_;
   const Options options_;
   Recovery recovery_;
+  std::int64_t opened_ns_ = 0;
+  const std::chrono::steady_clock::time_point opened_ = std::chrono::steady_clock::now();
 
   /* sync_mutex_, append_mutex_, mutex_: taken in this order. */
   Mutex sync_mutex_;

@@ -35,6 +35,7 @@ struct SegmentFile {
 struct Walk {
   std::uint64_t intact_bytes = 0; /* up to the end of the last intact entry */
   LogPosition end = 0;
+  std::int64_t last_ns = 0; /* the latest time of an entry */
 };
 
 Error cannot_open(const std::string &name, int err) {
@@ -126,11 +127,15 @@ Result<Walk> walk(int directory, const SegmentFile &segment, std::uint64_t seed,
   if (!file) return file.error();
   EntryCursor cursor(file->get(), seed, segment.first, next, "the log segment " + path);
   LogEntry entry;
+  std::int64_t last_ns = 0;
   for (;;) {
     const EntryCursor::Place place = cursor.place();
     const auto found = cursor.read(segment.size, entry);
     if (!found) return found.error();
-    if (*found == EntryCursor::Found::kEntry) continue;
+    if (*found == EntryCursor::Found::kEntry) {
+      last_ns = std::max(last_ns, entry.time_ns);
+      continue;
+    }
     if (*found == EntryCursor::Found::kDamage) {
       const auto more = cursor.skip(segment.size);
       if (!more) return more.error();
@@ -144,7 +149,7 @@ Result<Walk> walk(int directory, const SegmentFile &segment, std::uint64_t seed,
     else if (next != kNoLimit && *found == EntryCursor::Found::kDamage)
       damage.push_back(
           fmt::format("{} goes on behind its last entry, at byte {}", path, place.offset));
-    return Walk{place.offset, place.expected};
+    return Walk{place.offset, place.expected, last_ns};
   }
 }
 
@@ -248,6 +253,7 @@ Result<RecoveredLog> recover_log(const UniqueFd &directory, const std::string &n
     segment->bytes =
         last ? walked->intact_bytes : std::max<std::uint64_t>(files[i].size, sizeof(SegmentHeader));
     segment->end = last ? walked->end : next;
+    log.last_ns = std::max(log.last_ns, walked->last_ns);
     log.segments.push_back(segment);
   }
   log.report.damage = describe_damage(damage);

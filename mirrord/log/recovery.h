@@ -24,6 +24,7 @@ namespace tarn {
 struct RecoveredLog {
   Uuid epoch;
   Log::Recovery report;
+  std::int64_t last_ns = 0;                         /* the latest time of an entry */
   std::deque<std::shared_ptr<LogSegment>> segments; /* the last one has its file open for writing */
 };
 

@@ -44,7 +44,7 @@ SourceReport Service::report_of(const ReplicatedSource &source) const {
   LogReader reader(log, log.first());
   if (const auto entry = reader.next(); entry && *entry)
     report.log_age_seconds =
-        std::max(0.0, static_cast<double>(now_us() - (*entry)->time_ns / 1000) / 1e6);
+        std::max(0.0, static_cast<double>(log.now_ns() - (*entry)->time_ns) / 1e9);
   report.stopped = receiver_->stopped(source.intake->rule());
   for (const auto &target : source.targets) report.targets.push_back(target->report());
   return report;

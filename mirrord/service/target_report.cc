@@ -45,7 +45,7 @@ TargetReport Target::report() const {
   report.lag_entries = known && end > shown_.position ? end - shown_.position : 0;
   report.lag_bytes = report.lag_entries != 0 ? log.bytes_after(shown_.position) : 0;
   if (report.lag_entries != 0 && entry_time_ns_ != 0)
-    report.lag_seconds = std::max(0.0, static_cast<double>(now_us() - entry_time_ns_ / 1000) / 1e6);
+    report.lag_seconds = std::max(0.0, static_cast<double>(log.now_ns() - entry_time_ns_) / 1e9);
   report.applied = shown_.applied;
   report.failures = shown_.failures;
   report.gaps = shown_.gaps;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <future>
 #include <thread>
@@ -60,6 +61,36 @@ TEST(Log, entries_come_back_as_they_were_appended) {
   }
   EXPECT_NEAR(static_cast<double>(before) / 1e9, static_cast<double>(time(nullptr)), 1000);
   EXPECT_FALSE((*reader.next()).has_value());
+}
+
+/* The file of an only segment with one entry, which gets another time. */
+void set_time_of_the_entry(const std::string &file, std::int64_t time_ns) {
+  std::string bytes = read_file(file);
+  EntryHeader header;
+  std::memcpy(&header, &bytes[sizeof(SegmentHeader)], sizeof(header));
+  header.time_ns = time_ns;
+  const std::string payload = bytes.substr(sizeof(SegmentHeader) + sizeof(header), header.length);
+  const Bytes part = bytes_of(payload);
+  seal_entry(header, header_checksum_of(bytes) + sizeof(SegmentHeader), std::span(&part, 1));
+  std::memcpy(&bytes[sizeof(SegmentHeader)], &header, sizeof(header));
+  write_file(file, bytes);
+}
+
+TEST(Log, times_only_grow_though_the_clock_was_set_back) {
+  const LogDirectory dir;
+  append_many(*open_log(dir.log()), 1);
+  const std::int64_t later = (time(nullptr) + 5000) * std::int64_t{1000000000};
+  set_time_of_the_entry(dir.segment(1), later);
+  const auto log = open_log(dir.log());
+  ASSERT_EQ(log->recovery().bytes_cut, 0u);
+  EXPECT_GE(log->now_ns(), later);
+  append_many(*log, 1);
+  LogReader reader(*log, 1);
+  ASSERT_EQ((*reader.next())->time_ns, later);
+  const std::int64_t second = (*reader.next())->time_ns;
+  EXPECT_GE(second, later);
+  EXPECT_LE(second, log->now_ns());
+  EXPECT_LT(log->now_ns(), later + 1000 * std::int64_t{1000000000});
 }
 
 TEST(Log, payload_of_many_parts_is_one) {

@@ -32,6 +32,7 @@ Result<std::unique_ptr<Intake>> Intake::open(Options options) {
   auto log = Log::open(intake->options_.directory + "/log", {.limit = intake->options_.log_limit});
   if (!log) return log.error();
   intake->log_ = std::move(*log);
+  intake->found_end_ = intake->log_->end();
   if (const auto loaded = intake->load(); !loaded) return loaded.error();
   intake->writer_ = std::thread([raw = intake.get()] { raw->write_behind(); });
   return intake;

@@ -61,6 +61,9 @@ class Intake {
   /* For the walker. An error means that nothing was appended. */
   Result<LogPosition> append(EntryKind kind, Bytes payload) EXCLUDES(mutex_);
 
+  /* Where the log ended when it was opened. What was read behind it once is lost, and its positions
+   * are given to other entries. */
+  LogPosition found_end() const { return found_end_; }
   /* Is nothing behind the last mark, nor a gap waiting for room? */
   bool marked() const EXCLUDES(mutex_);
   /* The number of the last mark in the log; 0: none. */
@@ -102,6 +105,7 @@ class Intake {
 
   const Options options_;
   std::unique_ptr<Log> log_;
+  LogPosition found_end_ = 0;
   Uuid rule_;
   std::function<bool()> make_room_;
   Mutex save_mutex_; /* one thread at a time writes the document; taken before mutex_ */

@@ -161,6 +161,7 @@ Result<void> Service::open_target(ReplicatedSource &source, const TargetConfig &
                               .name = config.name,
                               .directory = config.directory,
                               .state_file = directory + "/target-" + config.name,
+                              .log_end = source.intake->found_end(),
                               .copy_bytes_per_second = source.config.copy_bytes_per_second},
                              *source.intake, *source.walker);
   if (!target) return target.error();

@@ -36,6 +36,10 @@ Result<std::unique_ptr<Target>> Target::open(Options options, Intake &intake, Wa
     if (!made) return made.error();
     target->state_.uuid = *made;
   }
+  TargetState &kept = target->state_;
+  target->end_lost_ =
+      kept.log == to_string(intake.log().epoch()) && kept.position > target->options_.log_end;
+  if (target->end_lost_) kept.position = target->options_.log_end;
   target->uuid_ = target->state_.uuid;
   target->needed_ = target->state_.position;
   MutexLock lock(target->mutex_);
@@ -89,6 +93,7 @@ bool Target::sleep(Clock::duration time) {
 }
 
 void Target::run() {
+  if (end_lost_) note_lost_end();
   while (take_requests()) {
     if (!engine_) {
       if (const auto attached = attach(); !attached) {
@@ -275,6 +280,14 @@ Result<void> Target::close_to_others() {
   return engine_->replica.close_to_others();
 }
 
+/* Kept at once: at the next start the log may be as long as it was. */
+void Target::note_lost_end() {
+  missing(since_until(), intake_.log().end(), "the log has lost its end");
+  state_.clean = false;
+  if (const auto written = write_target_state(options_.state_file, state_); !written)
+    failed("the state", written.error());
+}
+
 void Target::begin_in_log() {
   const Log &log = intake_.log();
   const std::string epoch = to_string(log.epoch());
@@ -287,9 +300,6 @@ void Target::begin_in_log() {
   } else if (state_.position < log.first()) {
     missing(since_until(), log.end(), "the log no longer has what was not applied");
     state_.position = log.first();
-  } else if (state_.position > log.end()) {
-    missing(since_until(), log.end(), "the log has lost its end");
-    state_.position = log.end();
   }
   position_ = state_.position;
   needed_ = following_ = position_;

@@ -52,7 +52,8 @@ class Target {
     std::string name;
     std::string directory;
     std::string state_file;
-    std::uint64_t copy_bytes_per_second = 0; /* 0: no limit */
+    LogPosition log_end = std::numeric_limits<LogPosition>::max(); /* when it was opened */
+    std::uint64_t copy_bytes_per_second = 0;                       /* 0: no limit */
     /* Looks at a source of another host, at each attach; empty: the directory is on this one. */
     std::function<std::unique_ptr<Source>()> view = {};
   };
@@ -124,6 +125,7 @@ class Target {
   Result<void> attach();
   Result<void> check_identity(const DirectoryIdentity &there);
   Result<void> close_to_others();
+  void note_lost_end();
   void begin_in_log();
   void detach();
   bool still_there();
@@ -172,6 +174,7 @@ class Target {
   DirectoryIdentity identity_;
   Clock::time_point published_at_{}, saved_at_{}, checked_at_{}, walk_retry_at_{}, walk_started_{};
   bool unsaved_ = false;
+  bool end_lost_ = false; /* of the log: the position was behind it */
 
   std::thread thread_;
   std::atomic<LogPosition> needed_ = 0;

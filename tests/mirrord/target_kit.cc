@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <utility>
 
 #include "mirrord/file_status.h"
 #include "tests/replicate/programs.h"
@@ -63,6 +64,7 @@ bool TargetTest::has_walked() const {
 
 void TargetTest::open_log() {
   intake_ = open_intake(dir_ / "log", log_limit_);
+  log_end_ = intake_->found_end();
   marks_ = std::max(marks_.load(), intake_->last_mark());
   walker_ = std::make_unique<Walker>(
       Walker::Options{
@@ -83,6 +85,7 @@ void TargetTest::open_target() {
                               .name = "t",
                               .directory = copy_,
                               .state_file = state_file_,
+                              .log_end = std::exchange(log_end_, Target::Options().log_end),
                               .copy_bytes_per_second = copy_rate_},
                              *intake_, *walker_);
   ASSERT_TRUE(target.ok()) << target.error().text;

@@ -64,6 +64,7 @@ class TargetTest : public testing::Test {
   std::uint64_t copy_rate_ = 0; /* bytes per second; 0: no limit */
   std::uint32_t number_ = 0;
   std::atomic<std::uint64_t> marks_ = 0;
+  LogPosition log_end_ = 0; /* when it was opened, until a target has been told */
   std::unique_ptr<Intake> intake_;
   std::unique_ptr<Walker> walker_;
   std::unique_ptr<Target> target_;

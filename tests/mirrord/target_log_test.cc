@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // A target whose log does not have what it has not read: nothing of it is missed.
+#include <algorithm>
 #include <filesystem>
 #include <limits>
 
@@ -24,6 +25,19 @@ class TargetLogTest : public TargetTest {
     const LogPosition first = intake_->log().first();
     ASSERT_TRUE(intake_->log().release(intake_->log().end()).ok());
     ASSERT_GT(intake_->log().first(), first);
+  }
+  void close_log() {
+    walker_.reset();
+    intake_.reset();
+  }
+  /* Its last entry is not whole any more. */
+  void cut_log() {
+    std::string last;
+    for (const auto &file : fs::directory_iterator(dir_ / "log/log")) {
+      if (file.is_regular_file() && file.path().extension() == ".log")
+        last = std::max(last, file.path().string());
+    }
+    fs::resize_file(last, fs::file_size(last) - 1);
   }
   void stop_clean() {
     expect_equal_trees();
@@ -89,8 +103,7 @@ TEST_F(TargetLogTest, another_log_is_a_gap) {
   start();
   stop_clean();
   write("f", "its record is lost with the log");
-  walker_.reset();
-  intake_.reset();
+  close_log();
   fs::remove_all(dir_ / "log/log");
   start();
   expect_equal_trees();
@@ -104,11 +117,45 @@ TEST_F(TargetLogTest, a_log_that_lost_its_end_is_a_gap) {
   state.position += 100;
   put_state(state);
   write_unseen("f", "its record was in the end");
+  close_log();
   start();
   expect_equal_trees();
   EXPECT_TRUE(walks_since(1));
   stop();
   EXPECT_LE(saved().position, intake_->log().end());
+}
+
+/* The gap that the log declares has the position of an entry that the target has applied once. */
+TEST_F(TargetLogTest, positions_that_are_given_again_are_read) {
+  start();
+  write("f", "1");
+  stop_clean();
+  close_log();
+  cut_log();
+  write_unseen("g", "its record was in the end");
+  open_log();
+  ASSERT_EQ(kinds_of(intake_->log()).back(), 'G');
+  ASSERT_EQ(intake_->log().end(), saved().position);
+  start();
+  expect_equal_trees();
+}
+
+/* Nor when the process ends before the target is there. */
+TEST_F(TargetLogTest, a_lost_end_is_remembered) {
+  start();
+  write("f", "1");
+  stop_clean();
+  close_log();
+  cut_log();
+  write_unseen("g", "its record was in the end");
+  fs::rename(copy_, dir_ / "elsewhere");
+  start();
+  ASSERT_TRUE(becomes("away"));
+  drop_target();
+  close_log();
+  fs::rename(dir_ / "elsewhere", copy_);
+  start();
+  expect_equal_trees();
 }
 
 /* A target that never reaches the end of the log gives its entries free all the same. */

@@ -70,7 +70,7 @@ TEST_F(ChannelTest, messages_arrive_whole_and_in_order) {
   });
   std::uint32_t next = 1;
   while (next <= 300) {
-    const auto got = channel->receive(Milliseconds(5000));
+    const auto got = channel->receive(Milliseconds(60'000));
     ASSERT_TRUE(got.ok());
     ASSERT_FALSE(got->packets.empty());
     for (const Bytes packet : got->packets)
@@ -94,7 +94,7 @@ TEST_F(ChannelTest, messages_of_one_packet_are_told_apart) {
   Packet together;
   for (const Packet &one : messages) together.insert(together.end(), one.begin(), one.end());
   fake_.send(together);
-  const auto got = channel->receive(Milliseconds(5000));
+  const auto got = channel->receive(Milliseconds(60'000));
   ASSERT_TRUE(got.ok());
   ASSERT_EQ(got->packets.size(), messages.size());
   for (std::size_t i = 0; i < messages.size(); ++i)
@@ -112,7 +112,7 @@ TEST_F(ChannelTest, a_length_that_cannot_be_ends_the_packet) {
     std::memcpy(packet.data() + good.size(), &length, sizeof(length));
     packet.insert(packet.end(), good.begin(), good.end());
     fake_.send(packet);
-    const auto got = channel->receive(Milliseconds(5000));
+    const auto got = channel->receive(Milliseconds(60'000));
     ASSERT_TRUE(got.ok());
     ASSERT_EQ(got->packets.size(), 2u) << length;
     EXPECT_TRUE(decode(got->packets[0]).ok());
@@ -120,7 +120,7 @@ TEST_F(ChannelTest, a_length_that_cannot_be_ends_the_packet) {
     EXPECT_FALSE(decode(got->packets[1]).ok());
   }
   fake_.send(Packet(7));
-  EXPECT_EQ(channel->receive(Milliseconds(5000))->packets[0].size(), 7u);
+  EXPECT_EQ(channel->receive(Milliseconds(60'000))->packets[0].size(), 7u);
 }
 
 TEST_F(ChannelTest, nothing_is_lost_while_a_request_waits) {
@@ -145,7 +145,7 @@ TEST_F(ChannelTest, barriers_come_back_behind_the_records) {
   std::size_t records = 0;
   std::uint64_t barriers = 0;
   while (barriers < 2) {
-    const auto got = channel->receive(Milliseconds(5000));
+    const auto got = channel->receive(Milliseconds(60'000));
     ASSERT_TRUE(got.ok());
     records += got->packets.size();
     barriers = got->barriers;
@@ -159,7 +159,7 @@ TEST_F(ChannelTest, loss_is_an_event_and_no_death) {
   kill(getpid(), OX_SIG_LOST);
   std::uint64_t lost = 0;
   while (lost < 2) {
-    const auto got = channel->receive(Milliseconds(5000));
+    const auto got = channel->receive(Milliseconds(60'000));
     ASSERT_TRUE(got.ok());
     ASSERT_NE(got->lost, 0u);
     lost += got->lost;
@@ -186,7 +186,7 @@ TEST_F(ChannelTest, the_end_of_tarnd_is_seen) {
   fake_.close_daemon_channel();
   std::size_t records = 0;
   for (;;) {
-    const auto got = channel->receive(Milliseconds(5000));
+    const auto got = channel->receive(Milliseconds(60'000));
     ASSERT_TRUE(got.ok());
     records += got->packets.size();
     if (got->closed) break;
@@ -200,7 +200,7 @@ TEST_F(ChannelTest, the_end_of_tarnd_is_seen) {
 TEST_F(ChannelTest, oversized_packets_are_counted) {
   const auto channel = open();
   fake_.send(Packet(20000));
-  const auto got = channel->receive(Milliseconds(5000));
+  const auto got = channel->receive(Milliseconds(60'000));
   EXPECT_TRUE(got->packets.empty());
   EXPECT_EQ(got->oversized, 1u);
 }

@@ -61,10 +61,10 @@ class FakeTarnd {
     return f(state_);
   }
 
-  /* Waits until the condition holds; false after some seconds. */
+  /* Waits until the condition holds; false after a minute. */
   bool wait_for(auto condition) EXCLUDES(mutex_) {
     MutexLock lock(mutex_);
-    const auto limit = Condition::Clock::now() + std::chrono::seconds(20);
+    const auto limit = Condition::Clock::now() + std::chrono::seconds(60);
     while (!condition(state_))
       if (!changed_.wait_until(lock, limit)) return condition(state_);
     return true;

@@ -18,6 +18,7 @@
 #include "mirrord/file_status.h"
 #include "mirrord/local_source.h"
 #include "tests/replicate/fake_tarnd.h"
+#include "tests/replicate/run_program.h"
 
 namespace tarn {
 namespace {
@@ -297,17 +298,29 @@ TEST_P(WholeCopyTest, a_capability_is_not_given_to_bytes_that_keep_changing) {
   if (geteuid() != 0) GTEST_SKIP() << "only root gives capabilities";
   write(src("f"), "bytes");
   set_xattr(src("f"), kCapability, capability());
-  std::atomic<bool> stop = false;
-  std::thread changes([&] {
-    while (!stop) {
-      EXPECT_EQ(chmod(src("f").c_str(), 0600), 0);  // sets the change time
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-  });
-  const auto fetched = try_fetch("f");
-  stop = true;
-  changes.join();
-  EXPECT_TRUE(fetched.ok());
+  // A thread that has to wait for a processor lets the file rest: such a round tells nothing.
+  using Clock = std::chrono::steady_clock;
+  constexpr std::chrono::milliseconds kLate(30);
+  bool late = true;
+  for (int round = 0; late && round < 10; ++round) {
+    late = false;
+    std::atomic<bool> stop = false;
+    std::thread changes([&, last = Clock::now()]() mutable {
+      while (!stop) {
+        EXPECT_EQ(chmod(src("f").c_str(), 0600), 0);  // sets the change time
+        late = late || Clock::now() - last > kLate;
+        last = Clock::now();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+      }
+      late = late || Clock::now() - last > kLate;
+    });
+    fresh();
+    const auto fetched = try_fetch("f");
+    stop = true;
+    changes.join();
+    EXPECT_TRUE(fetched.ok());
+  }
+  if (late) GTEST_SKIP() << "no processor for a thread that changes a file all the time";
   EXPECT_FALSE(xattrs(copy("f")).contains(kCapability));
   EXPECT_EQ(contents(copy("f")), "bytes");
 }
@@ -445,6 +458,7 @@ TEST_P(WholeCopyTest, a_slow_copy_is_interrupted) {
   fetcher_->set_rate(1);  // a copy would take days
   fetcher_->set_stop(&stop);
   std::thread stops([&] {
+    EXPECT_TRUE(eventually([&] { return fs::exists(copy("f")); }));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     stop = true;
   });

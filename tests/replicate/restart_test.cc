@@ -75,7 +75,7 @@ class RestartTest : public testing::Test {
   static Numbers receive(DaemonChannel &channel, std::size_t count) {
     Numbers numbers;
     while (numbers.size() < count) {
-      const auto got = channel.receive(Milliseconds(5000));
+      const auto got = channel.receive(Milliseconds(60'000));
       if (!got || got->packets.empty()) break;
       for (const Bytes packet : got->packets) {
         const auto message = decode(packet);
@@ -116,7 +116,7 @@ TEST_F(RestartTest, what_was_read_ahead_is_received_before_the_end) {
   for (std::uint32_t n = 1; n <= 100; ++n) send(n);
   EXPECT_EQ(*first->send_barrier(), 1u);
   // Its answer is behind all of them.
-  while (first->receive(Milliseconds(5000))->barriers < 1) {
+  while (first->receive(Milliseconds(60'000))->barriers < 1) {
   }
   for (std::uint32_t n = 101; n <= 200; ++n) send(n);
   first->pass_on();

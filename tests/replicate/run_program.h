@@ -44,9 +44,9 @@ class Program {
 Ended run(const std::string &path, const std::vector<std::string> &arguments,
           const std::vector<std::string> &environment = {});
 
-/* Polls until the condition holds; false after some seconds. */
+/* Polls until the condition holds; false after a minute. */
 bool eventually(auto condition) {
-  for (int i = 0; i < 2000; ++i) {
+  for (int i = 0; i < 6000; ++i) {
     if (condition()) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }

@@ -371,10 +371,10 @@ Result<void> Applier::follow_page(const Record &record) {
   return {};
 }
 
-Result<Applier::Outcome> Applier::apply(const Record &record) {
+Result<Applier::Outcome> Applier::apply(const Record &record, std::optional<std::uint64_t> logged) {
+  const PendingPaths::Time time{record.ts, logged.value_or(record.ts)};
   if (const auto followed = follow_page(record); !followed) return followed.error();
-  for (Unexplained &missing : reconciler_.expire(record.ts))
-    unexplained_.push_back(std::move(missing));
+  for (Unexplained &missing : reconciler_.expire(time)) unexplained_.push_back(std::move(missing));
   const bool gets_a_name =
       std::holds_alternative<Link>(record.change) || std::holds_alternative<Rename>(record.change);
   if (record.naming == Naming::kNameless && !gets_a_name) return Outcome::kNameless;
@@ -386,7 +386,9 @@ Result<Applier::Outcome> Applier::apply(const Record &record) {
         return scopes_.includes(instance, absolute(path));
       });
   note_changed_paths(record);
-  if (record.ts < distrusted_until_) {
+  if (distrusted_until_ && PendingPaths::is_behind(time, *distrusted_until_))
+    distrusted_until_.reset();
+  if (distrusted_until_) {
     for (const std::string &path : changed_by(record)) reconciler_.follow_source(path);
   }
   const auto done = std::visit(Visitor{*this, record}, record.change);

@@ -67,8 +67,11 @@ class Applier {
     kNameless, /* the file has no name any more and cannot be opened again */
   };
 
-  /* After an error, the same record may be applied again. */
-  Result<Outcome> apply(const Record &record);
+  /* After an error, the same record may be applied again. `logged`: when the record was logged, by
+   * the clock that is set with set_log_clock(); by default when it was captured. */
+  Result<Outcome> apply(const Record &record, std::optional<std::uint64_t> logged = {});
+  /* Before the first record. The clock is never set; microseconds. */
+  void set_log_clock(PendingPaths::Now now) { reconciler_.set_log_clock(std::move(now)); }
 
   /* Records from `ts` on (microseconds since the epoch) are missing: caught_up() searches the
    * source for changes since then. */
@@ -77,9 +80,9 @@ class Applier {
   /* The file of the last write page that was applied; only page 0 names it in its record. */
   const std::string &page_path() const { return page_path_; }
 
-  /* Records captured before `ts` may have been applied already, or the replica may have left their
-   * state behind: the paths that they change are copied from the source instead. */
-  void distrust_records_until(std::uint64_t ts) { distrusted_until_ = ts; }
+  /* Records until a while from now may have been applied already, or the replica may have left
+   * their state behind: the paths that they change are copied from the source instead. */
+  void distrust_records() { distrusted_until_ = reconciler_.horizon(); }
 
   /* For copies from the source: the limit of their rate, and what interrupts them (fetcher.h). */
   Fetcher &fetcher() { return reconciler_.fetcher(); }
@@ -148,7 +151,7 @@ class Applier {
   };
   std::optional<Page> followed_;
   std::vector<Unexplained> unexplained_;
-  std::uint64_t distrusted_until_ = 0;
+  std::optional<PendingPaths::Time> distrusted_until_;
 };
 
 }  // namespace tarn

@@ -22,8 +22,10 @@ constexpr std::uint64_t kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 constexpr std::chrono::milliseconds kStableFor{50};
 constexpr int kStableTries = 40;
 
+/* A change time in the future is of before the clock was set back: a change would make another. */
 bool is_stable(const struct stat &status, std::int64_t now) {
-  return microseconds(status.st_ctim) + std::chrono::microseconds(kStableFor).count() < now;
+  const std::int64_t age = now - microseconds(status.st_ctim);
+  return std::abs(age) > std::chrono::microseconds(kStableFor).count();
 }
 
 bool has_capability(const Xattrs &xattrs) {

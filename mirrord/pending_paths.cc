@@ -5,11 +5,23 @@
 
 namespace tarn {
 
+PendingPaths::Time PendingPaths::horizon() const {
+  const auto known = clock_();
+  if (!known) return {kUnknown, kUnknown};
+  const auto more = static_cast<std::uint64_t>(horizon_.count());
+  const auto now = static_cast<std::uint64_t>(*known);
+  return {now + more, (log_clock_ ? log_clock_() : now) + more};
+}
+
+bool PendingPaths::is_behind(const Time &record, const Time &until) {
+  if (record.logged <= until.logged) return false;
+  const auto longest = static_cast<std::uint64_t>(kLongest.count());
+  return record.captured > until.captured || record.logged - until.logged > longest;
+}
+
 PendingPaths::Mark &PendingPaths::mark(const std::string &path) {
   Mark &mark = marks_[path];
-  const auto now = clock_();
-  mark.until = now ? static_cast<std::uint64_t>(*now + horizon_.count())
-                   : std::numeric_limits<std::uint64_t>::max();
+  mark.until = horizon();
   ages_.push_back({mark.until, path});
   return mark;
 }
@@ -65,11 +77,11 @@ std::vector<std::string> PendingPaths::moved(const std::string &from, const std:
   return paths;
 }
 
-std::vector<PendingPaths::Expired> PendingPaths::expire(std::uint64_t ts) {
+std::vector<PendingPaths::Expired> PendingPaths::expire(const Time &record) {
   std::vector<Expired> expired;
-  for (; !ages_.empty() && ages_.front().until < ts; ages_.pop_front()) {
+  for (; !ages_.empty() && is_behind(record, ages_.front().until); ages_.pop_front()) {
     const auto found = marks_.find(ages_.front().path);
-    if (found == marks_.end() || found->second.until >= ts) continue;
+    if (found == marks_.end() || !is_behind(record, found->second.until)) continue;
     expired.push_back({found->first, std::move(found->second)});
     marks_.erase(found);
   }
@@ -77,13 +89,13 @@ std::vector<PendingPaths::Expired> PendingPaths::expire(std::uint64_t ts) {
 }
 
 std::vector<Unexplained> PendingPaths::take_missing(std::chrono::microseconds age) {
-  const auto now = clock_();
-  if (!now) return {};
-  const auto made_before = static_cast<std::uint64_t>(*now - age.count());
+  const std::uint64_t end = horizon().logged;
+  if (end == kUnknown) return {};
+  const std::uint64_t end_of_old = end - static_cast<std::uint64_t>(age.count());
   std::vector<Unexplained> missing;
   for (auto &[path, mark] : marks_) {
     if (mark.missing.wseq == 0) continue;
-    if (mark.until - static_cast<std::uint64_t>(horizon_.count()) > made_before) continue;
+    if (mark.until.logged > end_of_old) continue;
     missing.push_back(std::exchange(mark.missing, {}));
   }
   return missing;

@@ -15,7 +15,10 @@
  *
  * A mark ends with the first record that was captured a while (kHorizon) after the copy: changes
  * made before the copy have been captured by then, and later records find the replica in the state
- * of their capture.
+ * of their capture. When the wall clock is set back, records of before the copy seem to be captured
+ * after it, and those of after the copy before it. So a record must have been logged that long
+ * after the copy, too, and one that was logged much longer after it (kLongest) ends the mark in any
+ * case.
  *
  * Marks of the second kind are about contents, not names: the path has the right object, but its
  * owner, mode, or bytes from some offset on were copied from the present object of that name in the
@@ -51,17 +54,33 @@ struct Unexplained {
 class PendingPaths {
  public:
   static constexpr std::chrono::microseconds kHorizon = std::chrono::seconds(5);
+  /* Between the capture of a record and its place in the log. */
+  static constexpr std::chrono::microseconds kLongest = std::chrono::seconds(60);
   static constexpr std::uint64_t kNoData = std::numeric_limits<std::uint64_t>::max();
+  static constexpr std::uint64_t kUnknown = std::numeric_limits<std::uint64_t>::max();
 
   /* The clock that records are captured by. While it is unknown, no mark ends. */
   using Clock = std::function<Result<std::int64_t>()>;
   PendingPaths(std::chrono::microseconds horizon, Clock clock)
       : horizon_(horizon), clock_(std::move(clock)) {}
 
+  /* When a record was captured, by the wall clock, and when it was logged, by a clock that is never
+   * set; in microseconds. Where there is no log both are one. */
+  struct Time {
+    std::uint64_t captured = 0, logged = 0;
+  };
+  using Now = std::function<std::uint64_t()>;
+  /* The clock of logged times. */
+  void set_log_clock(Now now) { log_clock_ = std::move(now); }
+  /* The end of a mark that is made now; kUnknown, both, while the captured records' clock is. */
+  Time horizon() const;
+  /* Is a record of that time behind the end? */
+  static bool is_behind(const Time &record, const Time &until);
+
   struct Mark {
     bool names = false;                /* the first kind; covers the paths below too */
     std::uint64_t data_from = kNoData; /* the second kind: bytes from here on are in doubt */
-    std::uint64_t until = 0;           /* ends with a record captured later */
+    Time until = {};                   /* ends with a record that is later by both clocks */
     Unexplained missing = {};
   };
 
@@ -89,21 +108,22 @@ class PendingPaths {
     std::string path;
     Mark mark;
   };
-  /* Ends the marks whose time is before `ts`, the capture time of a record. */
-  std::vector<Expired> expire(std::uint64_t ts);
+  /* Ends the marks whose time is before that of a record. */
+  std::vector<Expired> expire(const Time &record);
 
   /* Returns the unexplained records that are older than `age`, each once. */
   std::vector<Unexplained> take_missing(std::chrono::microseconds age);
 
  private:
   struct Age {
-    std::uint64_t until;
+    Time until;
     std::string path;
   };
   using Marks = std::map<std::string, Mark>;
 
   std::chrono::microseconds horizon_;
   Clock clock_;
+  Now log_clock_; /* or none */
   Marks marks_;
   std::deque<Age> ages_; /* holds each mark with its present `until`, perhaps older ones too */
 };

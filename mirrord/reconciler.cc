@@ -29,6 +29,15 @@ bool same_but_times(const struct stat &mine, const struct stat &other) {
   return !sized || mine.st_size == other.st_size;
 }
 
+/* Has it changed since, so that records are still to come? A change time in the future is of before
+ * the clock was set back. */
+bool changed_since(const struct stat &status, std::int64_t until, Source &source) {
+  const std::int64_t changed = microseconds(status.st_ctim);
+  if (changed < until) return false;
+  const auto now = source.now();
+  return !now || changed <= *now;
+}
+
 }  // namespace
 
 /* What failed may look finished: a file of the right size without all of its data. */
@@ -242,7 +251,7 @@ Result<bool> Reconciler::compare(const std::string &path, std::int64_t until) {
   if (path.empty() || !included_(path)) return true;
   const auto theirs = source_.find(path);
   if (!theirs) return theirs.error();
-  if (*theirs && microseconds((*theirs)->status.st_ctim) >= until) return false;
+  if (*theirs && changed_since((*theirs)->status, until, source_)) return false;
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine && !*theirs) return true;
@@ -267,7 +276,7 @@ Result<void> Reconciler::copy_mtime(const std::string &path, std::int64_t until)
   if (!path.empty() && !included_(path)) return {};
   const auto theirs = source_.find(path);
   if (!theirs) return theirs.error();
-  if (!*theirs || microseconds((*theirs)->status.st_ctim) >= until) return {};
+  if (!*theirs || changed_since((*theirs)->status, until, source_)) return {};
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   const struct stat &wanted = (*theirs)->status;
@@ -412,9 +421,9 @@ void Reconciler::watch_if_apart(const std::string &existing, const std::string &
   watch(existing, 0);
 }
 
-std::vector<Unexplained> Reconciler::expire(std::uint64_t ts) {
+std::vector<Unexplained> Reconciler::expire(const PendingPaths::Time &record) {
   std::vector<Unexplained> missing;
-  for (auto &[path, mark] : pending_.expire(ts)) {
+  for (auto &[path, mark] : pending_.expire(record)) {
     if (mark.missing.wseq != 0) missing.push_back(std::move(mark.missing));
     if (mark.names && !pending_.covers(path)) fetcher_.origins().follow_records_again(path);
   }

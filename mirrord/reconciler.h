@@ -110,8 +110,11 @@ class Reconciler {
   /* The record linked the names, but the replica did not. `existing` may change by the other name,
    * which follows the source and may be gone there. */
   void watch_if_apart(const std::string &existing, const std::string &path);
-  /* Ends marks before a record captured at `ts` is applied. Returns those left unexplained. */
-  std::vector<Unexplained> expire(std::uint64_t ts);
+  /* Ends marks before a record of that time is applied. Returns those left unexplained. */
+  std::vector<Unexplained> expire(const PendingPaths::Time &record);
+  void set_log_clock(PendingPaths::Now now) { pending_.set_log_clock(std::move(now)); }
+  /* The end of the marks that are made now. */
+  PendingPaths::Time horizon() const { return pending_.horizon(); }
   std::vector<Unexplained> take_missing(std::chrono::microseconds age) {
     return pending_.take_missing(age);
   }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <limits>
 
 #include <fmt/format.h>
 #include <xxhash.h>
@@ -96,6 +97,22 @@ Result<std::optional<nlohmann::json>> read_document(const std::string &file) {
   nlohmann::json document = nlohmann::json::parse(body, nullptr, false);
   if (document.is_discarded()) return damaged(file, "it is no JSON text");
   return std::optional(std::move(document));
+}
+
+std::uint64_t count_field(const nlohmann::json &document, const char *name) {
+  const nlohmann::json &value = document.at(name);
+  if (!value.is_number_unsigned())
+    throw nlohmann::json::type_error::create(302, fmt::format("{} must be a count", name), &value);
+  return value;
+}
+
+std::int64_t time_field(const nlohmann::json &document, const char *name) {
+  const nlohmann::json &value = document.at(name);
+  constexpr std::uint64_t kLast = std::numeric_limits<std::int64_t>::max();
+  if (!value.is_number_integer() ||
+      (value.is_number_unsigned() && value.get<std::uint64_t>() > kLast))
+    throw nlohmann::json::type_error::create(302, fmt::format("{} must be a time", name), &value);
+  return value;
 }
 
 }  // namespace tarn

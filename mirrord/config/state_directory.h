@@ -15,6 +15,7 @@
 #ifndef TARN_MIRRORD_CONFIG_STATE_DIRECTORY_H
 #define TARN_MIRRORD_CONFIG_STATE_DIRECTORY_H
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -63,6 +64,11 @@ Result<void> write_document(const std::string &file, const nlohmann::json &docum
 
 /* Nothing: there is no such file. -EBADMSG: it is not one of write_document(), or is damaged. */
 Result<std::optional<nlohmann::json>> read_document(const std::string &file);
+
+/* Fields of a document. The library's own conversions of numbers wrap and cut without an error.
+ * Throw nlohmann::json::exception if there is none, or one of another type or range. */
+std::uint64_t count_field(const nlohmann::json &document, const char *name);
+std::int64_t time_field(const nlohmann::json &document, const char *name);
 
 }  // namespace tarn
 

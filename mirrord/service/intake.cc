@@ -18,12 +18,8 @@ using Json = nlohmann::json;
 
 constexpr std::chrono::milliseconds kWriteInterval{500};
 
-/* The wall clock minus the steady one, in microseconds: changes when the clock is set. */
-std::int64_t clock_to_steady() {
-  using namespace std::chrono;
-  return now_us() -
-         duration_cast<std::chrono::microseconds>(steady_clock::now().time_since_epoch()).count();
-}
+/* Records of before the clock was set may come so long after it. */
+constexpr std::chrono::seconds kOldRecords{60};
 
 }  // namespace
 
@@ -55,9 +51,15 @@ Result<void> Intake::load() {
   const auto document = read_document(file);
   if (!document) return document.error();
   LogPosition from = 0;
+  bool other_rule = false;
+  {
+    MutexLock lock(mutex_);
+    clock_ = read_clock();
+  }
   if (*document) {
     try {
       from = read_document_fields(**document);
+      other_rule = (*document)->value("rule_text", options_.rule_text) != options_.rule_text;
     } catch (const Json::exception &error) {
       return Error{-EBADMSG, fmt::format("{}: {}: remove the file", file, error.what())};
     }
@@ -66,17 +68,19 @@ Result<void> Intake::load() {
     if (!made) return made.error();
     rule_ = *made;
   }
-  {
-    MutexLock lock(mutex_);
-    received_.clock_to_steady = clock_to_steady();
-  }
   const bool end_lost = from > log_->end();
   if (const auto read = read_on(std::clamp(from, log_->first(), log_->end())); !read) return read;
+  {
+    MutexLock lock(mutex_);
+    watch_clock_locked();
+  }
   const Log::Recovery &recovery = log_->recovery();
   if (!recovery.damage.empty())
     declare(kSinceEver, "the log is damaged: " + recovery.damage);
   else if (end_lost)
     declare(kSinceEver, "the log has lost its end");
+  else if (other_rule)
+    declare(kSinceEver, "the source's directory or excludes are others than before");
   else if (recovery.bytes_cut != 0)
     gap(Missing::kSinceLastRecord, "the log's end was not written whole");
   {
@@ -93,19 +97,28 @@ LogPosition Intake::read_document_fields(const Json &json) {
   const auto rule = parse_uuid(json.at("rule").get<std::string>());
   if (!rule) throw Json::other_error::create(501, "no rule is named", &json);
   rule_ = *rule;
-  received_.counts.gaps = json.at("gaps");
+  received_.counts.gaps = count_field(json, "gaps");
   received_.counts.last_gap = json.at("last_gap");
-  received_.last_mark = json.at("last_mark");
+  received_.last_mark = count_field(json, "last_mark");
   if (json.contains("pending_gap"))
-    pending_gap_ = GapEntry{json.at("pending_gap").at("since"), json.at("last_gap")};
+    pending_gap_ = GapEntry{time_field(json.at("pending_gap"), "since"), json.at("last_gap")};
   if (json.at("log").get<std::string>() != to_string(log_->epoch())) return 0;
   marked_ = json.at("marked");
-  received_.counts.logged = json.at("logged");
-  received_.counts.captured = json.at("captured");
-  received_.last_record = json.at("last_record_us");
+  received_.counts.logged = count_field(json, "logged");
+  received_.counts.captured = count_field(json, "captured");
+  received_.last_record = time_field(json, "last_record_us");
+  if (json.contains("clock")) {
+    received_.last_record_at = count_field(json, "last_record_at");
+    received_.set_back_at = count_field(json, "clock_set_back_at");
+    received_.set_backs = count_field(json, "clock_set_backs");
+    const Json &clock = json.at("clock");
+    clock_ = {time_field(clock, "wall"), time_field(clock, "ahead"), clock.at("boot")};
+  }
   if (json.contains("generation"))
-    received_.position = Sequencer::Position{json.at("generation"), json.at("last")};
-  return json.at("position");
+    received_.position =
+        Sequencer::Position{static_cast<std::uint32_t>(count_field(json, "generation")),
+                            static_cast<std::uint32_t>(count_field(json, "last"))};
+  return count_field(json, "position");
 }
 
 Result<void> Intake::read_on(LogPosition from) {
@@ -124,7 +137,7 @@ Result<void> Intake::read_on(LogPosition from) {
       case EntryKind::kRecord:
         if (const auto message = decode((*entry)->payload);
             message && std::holds_alternative<Record>(*message))
-          take_locked(std::get<Record>(*message));
+          take_locked(std::get<Record>(*message), (*entry)->position);
         break;
       case EntryKind::kGap:
         read_gap((*entry)->payload);
@@ -151,7 +164,7 @@ void Intake::read_gap(Bytes payload) {
 }
 
 /* Records that came late have lower numbers. */
-void Intake::take_locked(const Record &record) {
+void Intake::take_locked(const Record &record, LogPosition log_position) {
   auto &position = received_.position;
   const std::uint32_t last = record.last() ? record.wseq : record.wseq - 1;
   if (!position || position->generation != record.generation ||
@@ -159,6 +172,7 @@ void Intake::take_locked(const Record &record) {
     position = Sequencer::Position{record.generation, last};
   received_.counts.captured = position->last;
   received_.last_record = static_cast<std::int64_t>(record.ts);
+  received_.last_record_at = log_position;
   ++received_.counts.logged;
 }
 
@@ -191,8 +205,36 @@ bool Intake::append_pending_gap_locked(Room room) {
   return true;
 }
 
+/* What is appended for a while after the clock was set may be of before. */
+void Intake::watch_clock_locked() {
+  const ClockReading now = read_clock();
+  if (was_set_back(clock_, now)) {
+    set_back_ = std::chrono::steady_clock::now();
+    clock_ = now;
+    ++received_.set_backs;
+    say(Level::kNotice, options_.name, "the clock was set back");
+  }
+  if (set_back_ != std::chrono::steady_clock::time_point{} &&
+      std::chrono::steady_clock::now() - set_back_ < kOldRecords)
+    received_.set_back_at = log_->end();
+  if (clock_.boot != now.boot || clock_.ahead < now.ahead) clock_ = now;
+  clock_.wall = now.wall;
+}
+
+std::uint64_t Intake::clock_set_backs() {
+  MutexLock lock(mutex_);
+  watch_clock_locked();
+  return received_.set_backs;
+}
+
+LogPosition Intake::clock_set_back_at() const {
+  MutexLock lock(mutex_);
+  return received_.set_back_at;
+}
+
 void Intake::record(const Record &record, Bytes packet) {
   MutexLock lock(mutex_);
+  watch_clock_locked();
   const bool open = append_pending_gap_locked();
   Result<LogPosition> appended = Error{};
   if (open) appended = append_locked(EntryKind::kRecord, packet);
@@ -201,8 +243,7 @@ void Intake::record(const Record &record, Bytes packet) {
   // A lost record is not taken: should this process end before the gap is in the log, the hole in
   // the numbers tells the next one.
   if (!lost) {
-    take_locked(record);
-    received_.clock_to_steady = clock_to_steady();
+    take_locked(record, *appended);
   } else if (!pending_gap_) {
     ++received_.counts.gaps;
     received_.counts.last_gap = "the log has no room: " + appended.error().text;
@@ -216,10 +257,9 @@ void Intake::record(const Record &record, Bytes packet) {
 std::int64_t Intake::missing_since_locked(Missing missing) const {
   constexpr std::int64_t kClockSlackUs = 1'000'000;
   const std::int64_t last = received_.last_record;
-  if (missing == Missing::kEverything || last == 0 || last > now_us() + kClockSlackUs)
-    return kSinceEver;
-  const std::int64_t set = clock_to_steady() - received_.clock_to_steady;
-  return set < -kClockSlackUs ? kSinceEver : last;
+  const bool set_back =
+      received_.last_record_at < received_.set_back_at || last > now_us() + kClockSlackUs;
+  return missing == Missing::kEverything || last == 0 || set_back ? kSinceEver : last;
 }
 
 void Intake::declare(std::int64_t since, const std::string &reason) {
@@ -238,6 +278,7 @@ void Intake::gap(Missing missing, const std::string &reason) {
   std::int64_t since = kSinceEver;
   {
     MutexLock lock(mutex_);
+    watch_clock_locked();
     since = missing_since_locked(missing);
   }
   declare(since, reason);
@@ -280,11 +321,21 @@ Result<void> Intake::save() {
   Json json;
   {
     MutexLock lock(mutex_);
-    json = {{"rule", to_string(rule_)},          {"log", to_string(log_->epoch())},
-            {"position", log_->end()},           {"marked", marked_},
-            {"logged", received_.counts.logged}, {"captured", received_.counts.captured},
-            {"gaps", received_.counts.gaps},     {"last_gap", received_.counts.last_gap},
-            {"last_mark", received_.last_mark},  {"last_record_us", received_.last_record}};
+    json = {{"rule", to_string(rule_)},
+            {"log", to_string(log_->epoch())},
+            {"position", log_->end()},
+            {"marked", marked_},
+            {"logged", received_.counts.logged},
+            {"captured", received_.counts.captured},
+            {"gaps", received_.counts.gaps},
+            {"last_gap", received_.counts.last_gap},
+            {"last_mark", received_.last_mark},
+            {"last_record_us", received_.last_record},
+            {"rule_text", options_.rule_text},
+            {"last_record_at", received_.last_record_at},
+            {"clock_set_back_at", received_.set_back_at},
+            {"clock_set_backs", received_.set_backs}};
+    json["clock"] = {{"wall", clock_.wall}, {"ahead", clock_.ahead}, {"boot", clock_.boot}};
     if (received_.position) {
       json["generation"] = received_.position->generation;
       json["last"] = received_.position->last;
@@ -304,6 +355,7 @@ void Intake::write_behind() {
   while (!stop_) {
     stop_changed_.wait_for(lock, kWriteInterval);
     if (stop_) return;
+    watch_clock_locked();
     (void)append_pending_gap_locked(Room::kWaitFor);
     const LogPosition end = log_->end();
     const bool gap = pending_gap_.has_value();

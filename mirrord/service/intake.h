@@ -12,6 +12,7 @@
 #ifndef TARN_MIRRORD_SERVICE_INTAKE_H
 #define TARN_MIRRORD_SERVICE_INTAKE_H
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -24,6 +25,7 @@
 #include "client/sequence.h"
 #include "mirrord/log/log.h"
 #include "mirrord/service/log_entries.h"
+#include "mirrord/service/wall_clock.h"
 
 namespace tarn {
 
@@ -33,6 +35,8 @@ class Intake {
     std::string name;      /* of the source, for messages */
     std::string directory; /* where the log and the document lie */
     std::uint64_t log_limit = 0;
+    std::string rule_text =
+        {}; /* what the source's rule includes: with another one all is compared */
   };
   /* Makes a log if there is none. */
   static Result<std::unique_ptr<Intake>> open(Options options);
@@ -68,6 +72,10 @@ class Intake {
   bool marked() const EXCLUDES(mutex_);
   /* The number of the last mark in the log; 0: none. */
   std::uint64_t last_mark() const EXCLUDES(mutex_);
+  /* Times in entries before it are not to be compared with later ones: the clock was set back. */
+  LogPosition clock_set_back_at() const EXCLUDES(mutex_);
+  /* How often it was, as far as was noticed; looks now. */
+  std::uint64_t clock_set_backs() EXCLUDES(mutex_);
 
   struct Counts {
     std::uint64_t captured = 0; /* the highest record number */
@@ -85,8 +93,10 @@ class Intake {
 
   struct Received {
     std::optional<Sequencer::Position> position;
-    std::int64_t last_record = 0;     /* when it was captured, microseconds; 0: never */
-    std::int64_t clock_to_steady = 0; /* the wall clock minus the steady one then, microseconds */
+    std::int64_t last_record = 0; /* when it was captured, microseconds; 0: never */
+    LogPosition last_record_at = 0;
+    LogPosition set_back_at = 0; /* clock_set_back_at() */
+    std::uint64_t set_backs = 0;
     std::uint64_t last_mark = 0;
     Counts counts;
   };
@@ -95,7 +105,8 @@ class Intake {
   LogPosition read_document_fields(const nlohmann::json &json);
   void read_gap(Bytes payload) REQUIRES(mutex_);
   Result<void> read_on(LogPosition from);
-  void take_locked(const Record &record) REQUIRES(mutex_);
+  void take_locked(const Record &record, LogPosition position) REQUIRES(mutex_);
+  void watch_clock_locked() REQUIRES(mutex_);
   std::int64_t missing_since_locked(Missing missing) const REQUIRES(mutex_);
   Result<LogPosition> append_locked(EntryKind kind, Bytes payload) REQUIRES(mutex_);
   enum class Room { kMake, kWaitFor };
@@ -112,7 +123,9 @@ class Intake {
   mutable Mutex mutex_;
   Received received_ GUARDED_BY(mutex_);
   std::optional<GapEntry> pending_gap_
-      GUARDED_BY(mutex_); /* could not be appended yet; the document has it too */
+      GUARDED_BY(mutex_);                 /* could not be appended yet; the document has it too */
+  ClockReading clock_ GUARDED_BY(mutex_); /* the one that was furthest ahead */
+  std::chrono::steady_clock::time_point set_back_ GUARDED_BY(mutex_){}; /* noticed */
   bool marked_ GUARDED_BY(mutex_) = true;
   Condition stop_changed_;
   bool stop_ GUARDED_BY(mutex_) = false;

@@ -13,6 +13,7 @@
 #include "base/text.h"
 #include "base/version.h"
 #include "client/paths.h"
+#include "client/workdir.h"
 #include "mirrord/service/journal.h"
 #include "mirrord/service/manager.h"
 
@@ -132,8 +133,12 @@ Result<void> Service::open_source(const SourceConfig &config) {
   if (!directory) return directory.error();
   if (const auto same = check_source(config, *directory + "/source.json"); !same) return same;
   auto source = std::make_unique<ReplicatedSource>(config);
-  auto intake =
-      Intake::open({.name = config.name, .directory = *directory, .log_limit = config.log_limit});
+  auto rule_text = make_workdir(source->lists);
+  if (!rule_text) return rule_text.error();
+  auto intake = Intake::open({.name = config.name,
+                              .directory = *directory,
+                              .log_limit = config.log_limit,
+                              .rule_text = std::move(*rule_text)});
   if (!intake) return intake.error();
   source->intake = std::move(*intake);
   ReplicatedSource *raw = source.get();

@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "base/text.h"
+#include "mirrord/file_status.h"
 #include "mirrord/service/journal.h"
 
 namespace tarn {
@@ -231,6 +232,8 @@ Result<void> Target::attach() {
       options_.view ? options_.view() : std::make_unique<LocalSource>(options_.source_directory),
       engine_->replica, [lists = options_.lists](const Uuid &) { return std::optional(lists); });
   applier.know_rule(intake_.rule());
+  applier.set_log_clock(
+      [&log = intake_.log()] { return static_cast<std::uint64_t>(log.now_ns() / 1000); });
   applier.fetcher().set_rate(options_.copy_bytes_per_second);
   applier.fetcher().set_stop(&interrupt_);
   if (const auto now = applier.source().now(); !now) {
@@ -308,11 +311,8 @@ void Target::begin_in_log() {
   walked_ = false;
   suspects_.clear();
   const bool replayed = !state_.clean;
-  const auto now = engine_->applier->source().now();
-  if (replayed)
-    engine_->applier->distrust_records_until(
-        now ? static_cast<std::uint64_t>(*now + PendingPaths::kHorizon.count())
-            : std::numeric_limits<std::uint64_t>::max());
+  if (replayed) engine_->applier->distrust_records();
+  note_clock();
   if (state_.missing_since) {
     missing_at_ = log.end();
     walker_.request(options_.name, *state_.missing_since, missing_at_);
@@ -454,10 +454,19 @@ Result<void> Target::save(bool clean) {
   return {};
 }
 
+/* The source's clock; of another host's, only while it is looked at. */
+Result<std::int64_t> Target::source_now() const {
+  if (engine_) return engine_->applier->source().now();
+  if (options_.view) return Error{-EHOSTDOWN, "the source is not looked at"};
+  return now_us();
+}
+
 /* Since when changes may not be in the target. If the clock was set back, times do not tell. */
 std::int64_t Target::since_until() const {
-  const auto now = engine_->applier->source().now();
-  return !now || state_.until > *now ? kSinceEver : state_.until;
+  const auto now = source_now();
+  const bool set_back =
+      state_.position <= intake_.clock_set_back_at() || !now || state_.until > *now;
+  return set_back ? kSinceEver : state_.until;
 }
 
 void Target::missing(std::int64_t since, LogPosition position, const std::string &why) {

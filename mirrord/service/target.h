@@ -145,7 +145,9 @@ class Target {
   void not_copied(const std::string &what, const Error &error);
   Result<void> after_mark(const MarkEntry &mark);
   Result<void> write_back();
+  Result<std::int64_t> source_now() const;
   std::int64_t since_until() const;
+  void note_clock();
   void missing(std::int64_t since, LogPosition position, const std::string &why);
   void failed(const std::string &what, const Error &error);
   Result<void> save(bool clean);
@@ -170,6 +172,7 @@ class Target {
   std::optional<WalkBeginEntry> walk_; /* under way in the log, and of use here */
   bool walk_failed_ = false;           /* what it found could not be copied */
   bool walked_ = false;                /* it has ended: the next mark ends `missing_since` */
+  std::int64_t last_captured_ = 0;     /* the latest record before the next mark */
   std::set<std::string> suspects_;     /* copied from the source at the next mark */
   DirectoryIdentity identity_;
   Clock::time_point published_at_{}, saved_at_{}, checked_at_{}, walk_retry_at_{}, walk_started_{};

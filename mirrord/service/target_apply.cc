@@ -95,11 +95,12 @@ Result<void> Target::apply_record(const LogEntry &entry) {
   }
   const Record &record = std::get<Record>(*message);
   Applier &applier = *engine_->applier;
+  last_captured_ = std::max(last_captured_, static_cast<std::int64_t>(record.ts));
   // What a walk has not come by yet may get to where it has been already.
   if (state_.missing_since) {
     if (auto path = applier.may_be_stale(record)) suspects_.insert(std::move(*path));
   }
-  const auto applied = applier.apply(record);
+  const auto applied = applier.apply(record, static_cast<std::uint64_t>(entry.time_ns / 1000));
   ++state_.applied;
   if (const auto kept = write_back(); !kept) return kept;
   if (applied) return {};
@@ -144,7 +145,8 @@ Result<void> Target::apply_mark(const MarkEntry &mark) {
     if (!looked) not_copied(printable(*path), looked.error());
     path = suspects_.erase(path);
   }
-  const auto compared = applier.caught_up(mark.until);
+  // If the clock was set back, some records of before the mark have later times.
+  const auto compared = applier.caught_up(std::max(mark.until, last_captured_ + 1));
   if (!compared && holds_target(compared.error())) return compared;
   engine_->replica.close_files();
   if (const auto kept = write_back(); !kept) return kept;
@@ -169,6 +171,8 @@ void Target::not_copied(const std::string &what, const Error &error) {
 
 Result<void> Target::after_mark(const MarkEntry &mark) {
   if (!suspects_.empty()) return {};
+  last_captured_ = 0;
+  if (walked_) note_clock();
   if (walked_) {
     state_.missing_since.reset();
     state_.compare_data = false;
@@ -190,6 +194,15 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
     changed_.notify_all();
   }
   return {};
+}
+
+/* The change times that a walk was to look for may be earlier now: a directory from which something
+ * was removed has been changed again since. */
+void Target::note_clock() {
+  const std::uint64_t set_backs = intake_.clock_set_backs();
+  if (std::exchange(state_.clock_set_backs, set_backs) == set_backs) return;
+  if (state_.missing_since && *state_.missing_since != kSinceEver)
+    missing(kSinceEver, intake_.log().end(), "the clock was set back before the gap was healed");
 }
 
 /* Only a walk that began behind what is missing, and looks back far enough. */

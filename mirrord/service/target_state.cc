@@ -36,28 +36,12 @@ Json to_json(const TargetState &state) {
                {"until", state.until},          {"compare_data", state.compare_data},
                {"paused", state.paused},        {"applied", state.applied},
                {"failures", state.failures},    {"gaps", state.gaps},
-               {"skipped", state.skipped}};
+               {"skipped", state.skipped},      {"clock_set_backs", state.clock_set_backs}};
   if (state.identity)
     json["identity"] = {{"object", state.identity->object},
                         {"mount_point", state.identity->mount_point}};
   if (state.missing_since) json["missing_since"] = *state.missing_since;
   return json;
-}
-
-/* Conversions of the library wrap and cut without an error. Each throws Json::exception. */
-std::uint64_t count(const Json &json, const char *field) {
-  const Json &value = json.at(field);
-  if (!value.is_number_unsigned())
-    throw Json::type_error::create(302, fmt::format("{} must be a count", field), &value);
-  return value;
-}
-std::int64_t time(const Json &json, const char *field) {
-  const Json &value = json.at(field);
-  constexpr std::uint64_t kLast = std::numeric_limits<std::int64_t>::max();
-  if (!value.is_number_integer() ||
-      (value.is_number_unsigned() && value.get<std::uint64_t>() > kLast))
-    throw Json::type_error::create(302, fmt::format("{} must be a time", field), &value);
-  return value;
 }
 
 /* Throws Json::exception. */
@@ -66,19 +50,21 @@ TargetState from_json(const Json &json) {
   if (!uuid) throw Json::other_error::create(501, "no UUID is named", &json);
   TargetState state{.uuid = *uuid,
                     .log = json.at("log"),
-                    .position = count(json, "position"),
+                    .position = count_field(json, "position"),
                     .clean = json.at("clean"),
-                    .until = time(json, "until"),
+                    .until = time_field(json, "until"),
                     .compare_data = json.at("compare_data"),
                     .paused = json.at("paused"),
-                    .applied = count(json, "applied"),
-                    .failures = count(json, "failures"),
-                    .gaps = count(json, "gaps"),
-                    .skipped = count(json, "skipped")};
+                    .applied = count_field(json, "applied"),
+                    .failures = count_field(json, "failures"),
+                    .gaps = count_field(json, "gaps"),
+                    .skipped = count_field(json, "skipped")};
   if (json.contains("identity"))
     state.identity =
         DirectoryIdentity{json.at("identity").at("object"), json.at("identity").at("mount_point")};
-  if (json.contains("missing_since")) state.missing_since = time(json, "missing_since");
+  if (json.contains("clock_set_backs"))
+    state.clock_set_backs = count_field(json, "clock_set_backs");
+  if (json.contains("missing_since")) state.missing_since = time_field(json, "missing_since");
   return state;
 }
 

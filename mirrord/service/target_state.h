@@ -37,6 +37,7 @@ struct TargetState {
   std::optional<std::int64_t> missing_since = {}; /* not healed yet */
   bool compare_data = false;                      /* also of files whose size and time are equal */
   bool paused = false;
+  std::uint64_t clock_set_backs = 0; /* Intake::clock_set_backs() when `missing_since` was right */
   std::uint64_t applied = 0, failures = 0, gaps = 0, skipped = 0;
 };
 

@@ -6,8 +6,10 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include <nlohmann/json.hpp>
 
@@ -22,6 +24,15 @@ namespace {
 
 using namespace test;
 namespace fs = std::filesystem;
+
+std::string read_file_bytes(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+void put_file_bytes(const std::string &path, const std::string &bytes) {
+  std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+}
 
 class IntakeTest : public testing::Test {
  protected:
@@ -242,6 +253,59 @@ TEST_F(IntakeTest, a_gap_is_since_the_last_record_unless_the_clock_was_set) {
   feed(*intake, record_of(2, now + 3'600'000'000));
   intake->gap(Intake::Missing::kSinceLastRecord, "set back");
   EXPECT_EQ(last_gap_of(intake->log()).since, kSinceEver);
+}
+
+/* Whatever a power cut has left of the log, and however old the document beside it is: the intake
+ * declares a gap, or goes on behind the last record that is left, so that the numbers tell. */
+TEST_F(IntakeTest, a_log_that_is_cut_at_any_byte_is_a_gap_or_told_by_the_numbers) {
+  const std::string memory = "/dev/shm/tarn-intake-" + std::to_string(getpid());
+  const std::string at = memory + "/s", segment = at + "/log/00000000000000000001.log";
+  fs::remove_all(memory);
+  std::vector<std::string> documents;
+  std::string whole;
+  {
+    const auto intake = open_intake(at);
+    for (std::uint32_t number = 1; number <= 4; ++number) {
+      feed(*intake, record(number));
+      ASSERT_TRUE(intake->save().ok());
+      if (number != 3) documents.push_back(read_file_bytes(at + "/received.json"));
+    }
+    whole = read_file_bytes(segment);
+  }
+  ASSERT_GT(whole.size(), 400u);
+  for (const std::string &document : documents) {
+    for (std::size_t size = 48; size <= whole.size(); ++size) {
+      SCOPED_TRACE(size);
+      put_file_bytes(segment, whole.substr(0, size));
+      put_file_bytes(at + "/received.json", document);
+      const auto intake = open_intake(at);
+      ASSERT_TRUE(intake);
+      const std::string kinds = kinds_of(intake->log());
+      const auto left = static_cast<std::uint32_t>(std::count(kinds.begin(), kinds.end(), 'R'));
+      const bool gap = kinds.find('G') != std::string::npos;
+      const auto position = intake->received();
+      const bool told = position ? position->last == left : left == 0;
+      ASSERT_TRUE(gap || told) << kinds << ", received up to " << (position ? position->last : 0);
+      ASSERT_TRUE(!gap || kinds.back() == 'G') << kinds;
+    }
+  }
+  fs::remove_all(memory);
+}
+
+TEST_F(IntakeTest, another_rule_s_text_is_a_gap_since_ever) {
+  fs::create_directories(at_);
+  const auto opened = [this](const std::string &text) {
+    auto intake =
+        Intake::open({.name = "s", .directory = at_, .log_limit = 1 << 20, .rule_text = text});
+    EXPECT_TRUE(intake.ok());
+    return std::move(*intake);
+  };
+  (void)opened("one");
+  EXPECT_EQ(kinds_of(opened("one")->log()), "");
+  EXPECT_EQ(kinds_of(opened("two")->log()), "G");
+  const auto last = opened("two");
+  EXPECT_EQ(kinds_of(last->log()), "G");
+  EXPECT_EQ(last_gap_of(last->log()).since, kSinceEver);
 }
 
 }  // namespace

@@ -116,6 +116,10 @@ class Applier {
   Result<void> caught_up(std::int64_t until);
   /* The same for the paths that records named; does not check files with several names. */
   Result<void> compare_changed(std::int64_t until);
+  /* What a later Applier of the same replica has to watch: changes by names outside the rule are
+   * not recorded. */
+  std::vector<std::string> with_names_outside() { return reconciler_.with_names_outside(); }
+  void watch(const std::string &path) { reconciler_.watch(path); }
   const ChangedPaths &changed_paths() const { return reconciler_.changed_paths(); }
 
   /* Records whose object was missing and that no later record explained in time. With an age, also

@@ -228,6 +228,18 @@ void Reconciler::watch(const std::string &path, std::uint64_t ts) {
     fetcher_.origins().watch(path, object_of(replica_, path), (*found)->status, ts);
 }
 
+std::vector<std::string> Reconciler::with_names_outside() {
+  const CopyOrigins &origins = fetcher_.origins();
+  std::vector<std::string> found;
+  for (std::string &path : origins.with_many_links()) {
+    const auto theirs = source_.find(path);
+    const bool known = theirs && *theirs;
+    if (known && origins.paths_of((*theirs)->status).size() >= (*theirs)->status.st_nlink) continue;
+    found.push_back(std::move(path));
+  }
+  return found;
+}
+
 Result<void> Reconciler::check_links() {
   Result<void> first;
   if (const auto objects = replica_.take_partly_unlinked(); !objects.empty()) {

@@ -76,6 +76,10 @@ class Reconciler {
   /* The object has, or may have, a name outside the rule, by which changes are not recorded;
    * check_links() finds them. `ts`: when the current record was captured. */
   void watch(const std::string &path, std::uint64_t ts);
+  /* The paths whose objects have more names in the source than are known here: changes by these may
+   * not be recorded, so a later Reconciler has to watch() the paths. */
+  std::vector<std::string> with_names_outside();
+  void watch(const std::string &path) { fetcher_.origins().watch(path); }
   /* Call it before a record changes the data of the path's file: a copy from the source, perhaps
    * under another name, may be ahead of the record. */
   void records_change(const std::string &path);

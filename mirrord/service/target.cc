@@ -313,6 +313,7 @@ void Target::begin_in_log() {
   const bool replayed = !state_.clean;
   if (replayed) engine_->applier->distrust_records();
   note_clock();
+  watch_names_outside();
   if (state_.missing_since) {
     missing_at_ = log.end();
     walker_.request(options_.name, *state_.missing_since, missing_at_);
@@ -324,6 +325,7 @@ void Target::begin_in_log() {
  * trusted at the next attach. */
 void Target::detach() {
   following_ = kNotFollowing;
+  if (engine_) keep_names_outside();
   engine_.reset();
   reader_.reset();
 }
@@ -440,6 +442,7 @@ Result<void> Target::save(bool clean) {
   engine_->replica.close_files();
   if (const auto kept = write_back(); !kept) return kept;
   // Only a mark tells that nothing before it is in doubt.
+  keep_names_outside();
   state_.clean = clean;
   if (clean) state_.position = position_;
   if (const auto synced = engine_->replica.sync(); !synced) return synced;

@@ -148,6 +148,8 @@ class Target {
   Result<std::int64_t> source_now() const;
   std::int64_t since_until() const;
   void note_clock();
+  void keep_names_outside();
+  void watch_names_outside();
   void missing(std::int64_t since, LogPosition position, const std::string &why);
   void failed(const std::string &what, const Error &error);
   Result<void> save(bool clean);

@@ -205,6 +205,20 @@ void Target::note_clock() {
     missing(kSinceEver, intake_.log().end(), "the clock was set back before the gap was healed");
 }
 
+/* What is changed by a name outside the rule no record tells. */
+void Target::keep_names_outside() {
+  auto paths = engine_->applier->with_names_outside();
+  state_.more_names_outside = paths.size() > TargetState::kMostNamesOutside;
+  if (state_.more_names_outside) paths.clear();
+  state_.names_outside = std::move(paths);
+}
+
+void Target::watch_names_outside() {
+  for (const std::string &path : state_.names_outside) engine_->applier->watch(path);
+  if (std::exchange(state_.more_names_outside, false))
+    missing(since_until(), intake_.log().end(), "too many files have names outside the rule");
+}
+
 /* Only a walk that began behind what is missing, and looks back far enough. */
 void Target::apply_walk_begin(const WalkBeginEntry &walk, LogPosition position) {
   const bool ours = walk.target.empty() || walk.target == options_.name;

@@ -11,6 +11,8 @@
 
 #include "base/mount_table.h"
 #include "base/text.h"
+#include "client/base64.h"
+#include "client/json_bytes.h"
 #include "client/paths.h"
 #include "mirrord/config/state_directory.h"
 #include "mirrord/directory_walk.h"
@@ -40,8 +42,19 @@ Json to_json(const TargetState &state) {
   if (state.identity)
     json["identity"] = {{"object", state.identity->object},
                         {"mount_point", state.identity->mount_point}};
+  for (const std::string &path : state.names_outside)
+    json["names_outside"].push_back(Json(json_bytes(path)));
+  if (state.more_names_outside) json["more_names_outside"] = true;
   if (state.missing_since) json["missing_since"] = *state.missing_since;
   return json;
+}
+
+/* What json_bytes() wrote. Throws Json::exception. */
+std::string bytes_of(const Json &json) {
+  if (json.is_string()) return json;
+  auto bytes = base64_decode(json.at("base64").get_ref<const std::string &>());
+  if (!bytes) throw Json::other_error::create(501, "no base64 text", &json);
+  return std::move(*bytes);
 }
 
 /* Throws Json::exception. */
@@ -62,6 +75,10 @@ TargetState from_json(const Json &json) {
   if (json.contains("identity"))
     state.identity =
         DirectoryIdentity{json.at("identity").at("object"), json.at("identity").at("mount_point")};
+  if (json.contains("names_outside")) {
+    for (const Json &path : json.at("names_outside")) state.names_outside.push_back(bytes_of(path));
+  }
+  if (json.contains("more_names_outside")) state.more_names_outside = json.at("more_names_outside");
   if (json.contains("clock_set_backs"))
     state.clock_set_backs = count_field(json, "clock_set_backs");
   if (json.contains("missing_since")) state.missing_since = time_field(json, "missing_since");

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "base/result.h"
 #include "client/uuid.h"
@@ -37,6 +38,9 @@ struct TargetState {
   std::optional<std::int64_t> missing_since = {}; /* not healed yet */
   bool compare_data = false;                      /* also of files whose size and time are equal */
   bool paused = false;
+  std::vector<std::string> names_outside = {}; /* paths whose files have names outside the rule */
+  bool more_names_outside = false;             /* than kMostNamesOutside */
+  static constexpr std::size_t kMostNamesOutside = 16384;
   std::uint64_t clock_set_backs = 0; /* Intake::clock_set_backs() when `missing_since` was right */
   std::uint64_t applied = 0, failures = 0, gaps = 0, skipped = 0;
 };

@@ -252,6 +252,34 @@ TEST_F(TargetTest, a_pause_that_cannot_be_saved_is_an_error) {
   EXPECT_TRUE(saved().paused);
 }
 
+/* No record tells what is changed by a name outside the rule. */
+TEST_F(TargetTest, files_with_names_outside_the_rule_are_watched_after_a_restart_too) {
+  lists_ = {{source_}, {in_source("out")}};
+  fs::create_directory(in_source("out"));
+  start();
+  const auto link = [this](const std::string &name, const std::string &other) {
+    fs::create_hard_link(in_source(name), in_source(other));
+    feed(*intake_, name_change(OX_OP_LINK, next(), in_source(name), in_source(other), 0100644));
+  };
+  for (const std::string name : {"f", "\xff"}) {
+    write(name, "one");
+    link(name, "out/" + name);
+  }
+  ASSERT_TRUE(equal());
+  stop();
+  EXPECT_EQ(saved().names_outside.size(), 2u);
+  start();
+  ASSERT_TRUE(equal());
+  write_unseen("out/f", "changed behind the restart");
+  ASSERT_TRUE(equal());
+  EXPECT_EQ(content_of(in_target("f")), "changed behind the restart");
+  ASSERT_TRUE(target_->pause().ok());
+  write_unseen("out/\xff", "changed in a pause");
+  ASSERT_TRUE(target_->resume().ok());
+  ASSERT_TRUE(equal());
+  EXPECT_EQ(content_of(in_target("\xff")), "changed in a pause");
+}
+
 TEST_F(TargetTest, a_resync_compares_everything_anew) {
   write_unseen("f", "right");
   start();

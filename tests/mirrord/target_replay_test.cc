@@ -3,8 +3,11 @@
 // is like the source.
 #include <rapidcheck.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 
+#include "mirrord/log/format.h"
 #include "tests/mirrord/target_kit.h"
 #include "tests/replicate/programs.h"
 
@@ -31,6 +34,7 @@ class Replay : public TargetTest {
     kill();
     if (!durable_.empty() && programs_.below(2) == 0)
       put_state(durable_[programs_.below(durable_.size())]);
+    if (programs_.below(3) == 0) cut_log();
   }
   /* The earliest state of all: everything is applied again. */
   void from_the_first() {
@@ -46,6 +50,20 @@ class Replay : public TargetTest {
   }
 
  private:
+  /* As a power cut does, or worse: what targets had applied may be gone too. The numbers of the
+   * records tell the receiver what is missing. */
+  void cut_log() {
+    walker_.reset();
+    intake_.reset();
+    std::string last;
+    for (const auto &file : std::filesystem::directory_iterator(dir_ / "log" + "/log"))
+      last = std::max(last, file.path().string());
+    const auto size = std::filesystem::file_size(last);
+    std::filesystem::resize_file(
+        last, size - programs_.below(std::min<std::size_t>(size - sizeof(SegmentHeader), 20000)));
+    open_log();
+    intake_->gap(Intake::Missing::kSinceLastRecord, "the end of the log was cut");
+  }
   void deliver(std::size_t keep) {
     for (; programs_.records.size() > keep; programs_.records.pop_front())
       feed(*intake_, programs_.records.front());

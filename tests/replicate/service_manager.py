@@ -5,7 +5,8 @@
 usage: service_manager.py DIRECTORY SECONDS COMMAND...
 
 SECONDS is how long it waits before it starts the service again. DIRECTORY/pid has the service's process id, and
-DIRECTORY/ready the number of starts that the service has reported ready. With DIRECTORY/no-store it closes what it is
+DIRECTORY/code the exit code that it ended with last, and DIRECTORY/ready the number of starts that it has reported
+ready. With DIRECTORY/no-store it closes what it is
 given to keep. SIGTERM ends it: the service is stopped, and then all that it keeps is closed.
 """
 import fcntl
@@ -75,12 +76,16 @@ class Manager:
     def follow(self, pid):
         """Until it has ended."""
         told = False
-        while os.waitpid(pid, os.WNOHANG)[0] == 0:
+        while True:
+            ended, status = os.waitpid(pid, os.WNOHANG)
+            if ended:
+                break
             if self.stopping and not told:
                 os.kill(pid, signal.SIGTERM)
                 told = True
             if select.select([self.notify], [], [], 0.01)[0]:
                 self.take_message()
+        self.write("code", os.waitstatus_to_exitcode(status))
         while select.select([self.notify], [], [], 0)[0]:
             self.take_message()
 

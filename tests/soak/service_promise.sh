@@ -3,17 +3,23 @@
 # The service loses nothing and heals itself: while several processes change the source in every way, mirrord and tarnd
 # are killed, disks are full, targets vanish and are replaced, rules are deleted. After each fault, what `mirrord wait`
 # calls equal is equal. `service_promise.sh BUILD --help` tells the options; a failed run leaves its trees in
-# BUILD/soak/service/. Without options it is short and does the same each time, as far as processes do.
+# BUILD/soak/service/ or $SOAK_OUTPUT. Without options it is short and does the same each time, as far as processes do.
 . "$(dirname "$0")/common.bash"
 require python3
 [ "$(id -u)" -eq 0 ] || { echo "skipped: only root can mount" >&2; exit 77; }
-OUTPUT="$BUILD/soak/service"
+OUTPUT="${SOAK_OUTPUT:-$BUILD/soak/service}"
 OPTIONS=("${@:2}")
 [ ${#OPTIONS[@]} -gt 0 ] || OPTIONS=(--seed 1 --faults $((8 * SCALE)))
 export PYTHONPATH="$HERE/soak" PYTHONDONTWRITEBYTECODE=1
 case " ${OPTIONS[*]} " in
   *" --help "*) exec python3 -m service --directory "$T" --help ;;
 esac
+
+# The programs see a clock that can be set. A sanitizer's library has to come before any other.
+SHIM="$BUILD/tests/libsoak_clock.so"
+[ -e "$SHIM" ] || fail "$SHIM is missing: build the target soak_clock"
+SOAK_PRELOAD="$(ldd "$BUILD/mirrord/mirrord" | awk '$1 ~ /^lib[at]san/ { print $3 ":" }')$SHIM"
+export SOAK_PRELOAD
 
 FAILED_RUN=
 cleanup_test() {

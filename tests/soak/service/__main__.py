@@ -27,6 +27,7 @@ def main():
     finally:
         if driver:
             driver.leave()
+            driver.report()
     say("%d faults in %.0f s: equal after each" % (count, time.monotonic() - began))
     return 0
 

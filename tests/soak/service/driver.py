@@ -1,10 +1,15 @@
 # SPDX-License-Identifier: GPL-2.0
 """Faults at random, one to three at a time, while the workers work; then everything heals and is compared."""
+import collections
+import json
 import random
+import re
 import time
 
+from promise import names
+
 from . import compare, faults
-from .programs import Disks, Failed, Service, Tarnd, run
+from .programs import Clock, Disks, Failed, Service, Tarnd, run
 from .workload import MOUNT_ENDED, Workload
 
 SHOWN = 12
@@ -15,16 +20,24 @@ def say(text):
     print("service: " + text, flush=True)
 
 
+def shown(differences):
+    more = "" if len(differences) <= SHOWN else "\n  ... %d in all" % len(differences)
+    return "\n  " + "\n  ".join(map(str, differences[:SHOWN])) + more
+
+
 class Driver:
     def __init__(self, settings):
         self.settings = settings
         self.rng = random.Random("%d/faults" % settings.seed)
-        self.service, self.tarnd = Service(settings), Tarnd(settings)
+        self.clock = Clock(settings)
+        self.service, self.tarnd = Service(settings, self.clock), Tarnd(settings, self.clock)
         self.disks, self.workload = Disks(settings), Workload(settings)
         self.first, self.last = settings.target_names[0], settings.target_names[-1]
         self.paused, self.resume, self.resync = False, set(), set()
-        self.log_full, self.log_freed, self.start_later = False, 0.0, False
+        self.log_full, self.log_freed = False, 0.0
+        self.service.may_end = lambda: self.log_full or time.monotonic() < self.log_freed + 5
         self.done = []
+        self.counts = {kind: collections.Counter() for kind in ("faults", "events", "gaps", "differences")}
         self.choice = self.choose_from()
 
     def choose_from(self):
@@ -42,16 +55,7 @@ class Driver:
         self.service.start()
 
     def watch(self):
-        # Without room for its state it does not begin.
-        lately = self.log_full or time.monotonic() < self.log_freed + 5
-        if lately and self.service.process and self.service.process.poll() == 1:
-            self.service.process = None
-            self.start_later = True
-        if self.start_later and not self.log_full:
-            self.start_later = False
-            self.service.start()
-        if self.service.process:
-            self.service.check()
+        self.service.check()
         for index, code in self.workload.reap().items():
             if code != MOUNT_ENDED:
                 raise Failed("worker %d has ended with %d" % (index, code))
@@ -65,7 +69,7 @@ class Driver:
     def pick(self):
         """One fault, or some without anything in common."""
         picked, taken = [], set()
-        for _ in range(self.rng.choice([1, 1, 1, 2, 2, 3])):
+        for _ in range(self.rng.choice([1, 1, 2, 2, 3, 4])):
             may = [f for f in self.choice if not f.needs & taken and f not in picked]
             if not may:
                 break
@@ -89,8 +93,8 @@ class Driver:
 
     def round(self):
         picked = self.pick()
-        names = " + ".join(f.name for f in picked)
-        self.done.append(names)
+        what = " + ".join(f.name for f in picked)
+        self.done.append(what)
         began = time.monotonic()
         self.workload.start()
         self.paused = False
@@ -110,10 +114,11 @@ class Driver:
             self.work(self.rng.choice([0, 0.5]) * self.rng.random())
         if not self.paused:
             self.work(self.rng.random())
-        self.heal(names, began)
+        self.counts["faults"].update(one.name for one in picked)
+        self.heal(what, began)
         return len(picked)
 
-    def heal(self, names, began):
+    def heal(self, what, began):
         self.pause()
         run("sync", "-f", self.settings.mount)
         healing = time.monotonic()
@@ -123,16 +128,45 @@ class Driver:
         waited = time.monotonic() - healing
         entries = 0
         for name in self.settings.target_names:
-            found, entries = compare.differences(self.settings.source, self.settings.target(name))
-            if found:
-                more = "" if len(found) <= SHOWN else "\n  ... %d in all" % len(found)
-                raise Failed("mirrord said that %s is equal:\n  %s%s" % (name, "\n  ".join(found[:SHOWN]), more))
+            found, entries = self.compare(name)
+            lost = [one for one in found if one.recorded]
+            if lost:
+                raise Failed("mirrord said that %s is equal:%s" % (name, shown(lost)))
         for name, target in self.service.targets().items():
             if target["gaps"]:
                 raise Failed("%s is equal, and %d gaps are left" % (name, target["gaps"]))
+        self.counts["events"]["healings"] += 1
+        verified = self.rng.random() < self.settings.verify
+        if verified:
+            for name in self.settings.target_names:
+                self.verify(name)
         self.workload.entries(entries)
-        say("%s: equal after %.1f s of %.1f; %d entries, %d calls" % (
-            names, waited, time.monotonic() - began, entries, self.workload.calls()))
+        say("%s: equal after %.1f s of %.1f; %d entries, %d calls%s" % (
+            what, waited, time.monotonic() - began, entries, self.workload.calls(), "; verified" if verified else ""))
+
+    def compare(self, name):
+        return compare.differences(self.settings.source, self.settings.target(name), self.service.excluded)
+
+    def verify(self, name):
+        """The service finds what the comparison here finds, and mends it."""
+        mine, _ = self.compare(name)
+        expected = {(names.printable(one.path), one.kind) for one in mine}
+        found = {pair for pair in self.service.compare("verify", name) if pair[1] != "holes"}
+        # Each names another one of a group of names.
+        no_links = [{pair for pair in pairs if pair[1] != "link"} for pairs in (expected, found)]
+        if no_links[0] != no_links[1] or bool(expected - no_links[0]) != bool(found - no_links[1]):
+            raise Failed("mirrord verify %s found:\n  %s\nand not:\n  %s" % (
+                name, "\n  ".join(map(str, sorted(found - expected))),
+                "\n  ".join(map(str, sorted(expected - found)))))
+        self.counts["events"]["verifications"] += 1
+        self.counts["differences"].update(one.kind for one in mine)
+        if not mine:
+            return
+        left = self.service.compare("repair", name)
+        after, _ = self.compare(name)
+        if left or after:
+            raise Failed("mirrord repair %s left %s and%s" % (name, sorted(left), shown(after)))
+        self.counts["events"]["repairs"] += 1
 
     def ask(self, verb, targets):
         """Until mirrord, which may just be starting, has done it."""
@@ -151,7 +185,8 @@ class Driver:
     def run(self):
         self.prepare()
         count = 0
-        while count < self.settings.faults:
+        end = time.monotonic() + self.settings.seconds
+        while count < self.settings.faults and time.monotonic() < end:
             count += self.round()
         self.workload.end()
         self.service.stop()
@@ -161,8 +196,26 @@ class Driver:
                     raise Failed("mirrord complained: " + line)
         return count
 
+    def count_gaps(self):
+        """What the service's messages declare, by cause."""
+        try:
+            with open(self.settings.errors, encoding="utf-8", errors="replace") as f:
+                for line in f:
+                    if "GAP: " in line:
+                        target = re.search(r"data/t\d", line.partition("GAP: ")[0])
+                        text = re.sub(r"\d+", "N", line.partition("GAP: ")[2].strip())[:90]
+                        self.counts["gaps"][("target: " if target else "source: ") + text] += 1
+        except FileNotFoundError:
+            pass
+
+    def report(self):
+        self.count_gaps()
+        for kind, counts in self.counts.items():
+            say("%s: %s" % (kind, ", ".join("%s %d" % one for one in sorted(counts.items())) or "none"))
+        if self.settings.counts:
+            with open(self.settings.counts, "a", encoding="utf-8") as f:
+                f.write(json.dumps({"seed": self.settings.seed, **self.counts}) + "\n")
+
     def leave(self):
         self.workload.end()
-        if self.service.process and self.service.process.poll() is None:
-            self.service.freeze(False)
-            self.service.kill()
+        self.service.kill()

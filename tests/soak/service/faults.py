@@ -1,12 +1,16 @@
 # SPDX-License-Identifier: GPL-2.0
 """The faults. Each is a generator: it makes the fault, yields once while it lasts, and undoes it. The names behind
 @fault are what it takes for itself: faults without a common one may last at the same time."""
+import glob
 import os
+import shutil
+import signal
 import time
 
 from promise import names
 
 from .programs import Failed, run
+from .settings import EXCLUDES
 
 ALL = {}
 BURST = 80 << 20
@@ -52,6 +56,13 @@ def stop(d):
     d.service.start()
 
 
+@fault("mirrord", weight=5)
+def restart(d):
+    """By the service manager, after a stop or kill -9: it keeps the channel."""
+    d.service.restart(d.rng.choice([signal.SIGTERM, signal.SIGTERM, signal.SIGKILL]))
+    yield
+
+
 @fault("mirrord", weight=3)
 def freeze(d):
     d.service.freeze(True)
@@ -78,6 +89,25 @@ def kill_tarnd(d):
         d.workload.start()
 
 
+@fault("tarnd", weight=2)
+def stop_tarnd(d):
+    """In order: it passes on what was changed before."""
+    d.workload.mount_ended()
+    d.tarnd.stop()
+    yield
+    d.tarnd.start()
+    if not d.paused:
+        d.workload.start()
+
+
+@fault("tarnd", "workers", weight=2)
+def freeze_tarnd(d):
+    d.tarnd.freeze(True)
+    time.sleep(d.rng.choice([0.1, 1, 3]))
+    d.tarnd.freeze(False)
+    yield
+
+
 @fault("first", weight=4)
 def full_target(d):
     disk = d.settings.disk(d.first)
@@ -93,6 +123,19 @@ def full_log_disk(d):
     yield
     d.disks.free(d.settings.state_disk)
     d.log_full, d.log_freed = False, time.monotonic()
+
+
+@fault("first", weight=2)
+def read_only_target(d):
+    """It cannot become so while the service writes there."""
+    for _ in range(100):
+        try:
+            d.disks.read_only(d.first, True)
+            break
+        except Failed:
+            time.sleep(0.02)
+    yield
+    d.disks.read_only(d.first, False)
 
 
 @fault("first", weight=3)
@@ -130,6 +173,79 @@ def deleted_rule(d):
     if status:
         run("tarn", "rule", "del", status["sources"][0]["rule"], check=False)
     yield
+
+
+@fault("tarnd", "mirrord", weight=1)
+def flushed_rules(d):
+    run("tarn", "rule", "flush", check=False)
+    yield
+
+
+@fault("tarnd", weight=1)
+def another_rule(d):
+    """Somebody else's, which includes the same."""
+    done = run("tarn", "rule", "add", "--include", d.settings.source, check=False)
+    yield
+    if done.returncode == 0:
+        run("tarn", "rule", "del", done.stdout.decode().strip(), check=False)
+
+
+@fault("mirrord", "tarnd", weight=4)
+def other_excludes(d):
+    """The configuration excludes something else."""
+    if d.rng.random() < 0.5:
+        d.service.kill()
+    else:
+        d.service.stop()
+    d.service.excluded = list(d.rng.choice([e for e in EXCLUDES if e != d.service.excluded]))
+    d.service.configure()
+    yield
+    d.service.start()
+
+
+@fault("mirrord", "log", weight=2)
+def cut_log(d):
+    """As after a power cut, or worse: what was confirmed may be gone too."""
+    d.service.kill()
+    segments = sorted(glob.glob(d.settings.state + "/data/log/*"), key=os.path.getmtime)
+    if segments and os.path.getsize(segments[-1]) > 0:
+        size = os.path.getsize(segments[-1])
+        cut = min(size, d.rng.choice([1, 7, 100, 5000, size]))
+        os.truncate(segments[-1], size - cut if d.rng.random() < 0.7 else d.rng.randrange(size))
+    yield
+    d.service.start()
+
+
+@fault("mirrord", "log", weight=1)
+def lost_log(d):
+    d.service.kill()
+    shutil.rmtree(d.settings.state + "/data/log", ignore_errors=True)
+    yield
+    d.service.start()
+
+
+@fault("mirrord", "log", "last", "tarnd", weight=1)
+def lost_state(d):
+    """Of one target or of all."""
+    d.service.kill()
+    if d.rng.random() < 0.5:
+        shutil.rmtree(d.settings.state, ignore_errors=True)
+        run("tarn", "rule", "flush", check=False)  # nobody knows its rule any more
+    else:
+        for name in glob.glob(d.settings.state + "/data/target*%s*" % d.last):
+            os.unlink(name)
+    yield
+    d.service.start()
+
+
+@fault("clock", weight=4)
+def set_clock(d):
+    """Back or forward, and perhaps right again."""
+    seconds = d.rng.choice([-86400, -3600, -60, -7, -1, 1, 7, 60, 3600])
+    d.clock.set(seconds)
+    yield
+    if d.rng.random() < 0.4:
+        d.clock.set(-seconds)
 
 
 @fault("first", "mirrord", weight=3)

@@ -6,10 +6,13 @@ import random
 
 from promise import names
 
-# What the workers do: see promise/settings.py. Without special files, which records do not tell.
+# What the workers do: see promise/settings.py and operations.py.
 GROUPS = {"files", "directories", "attributes", "past", "links", "kept", "mapped", "parents", "names", "shared",
-          "set-user-id"}
+          "set-user-id", "border", "nested-border", "special", "refused", "xattrs", "lists", "holes"}
 USERS = [0, 1001, 0, 1002]
+# What the configuration may exclude, below the source.
+EXCLUDED, NESTED = "excluded", "nest-a/private"
+EXCLUDES = [[EXCLUDED, NESTED], [EXCLUDED], [NESTED], [], [EXCLUDED, "p0"]]
 
 
 def parse(arguments=None):
@@ -21,6 +24,11 @@ def parse(arguments=None):
     parser.add_argument("--workers", type=int, default=3, help="processes that change the source (3)")
     parser.add_argument("--pace", type=float, default=0.006, help="seconds between two actions of a worker (0.006)")
     parser.add_argument("--heal", type=float, default=150, help="how long it may take to be equal again (150 s)")
+    parser.add_argument("--seconds", type=float, default=1e9, help="no further faults after so long (no limit)")
+    parser.add_argument("--verify", type=float, default=0.5,
+                        help="after which part of the healings 'mirrord verify' and 'repair' run too (0.5)")
+    parser.add_argument("--counts", default="", metavar="FILE", help="append what was counted, as a line of JSON")
+    parser.add_argument("--groups", default="", metavar="GROUP,...", help="what the workers do (all)")
     parser.add_argument("--only", default="", metavar="FAULT,...", help="no other faults")
     parser.add_argument("--without", default="", metavar="FAULT,...", help="all faults but these")
     parser.add_argument("--directory", required=True, help=argparse.SUPPRESS)
@@ -32,23 +40,28 @@ class Settings:
         self.seed = given.seed if given.seed is not None else random.randrange(1_000_000)
         self.faults, self.targets, self.workers = given.faults, given.targets, given.workers
         self.pace, self.heal, self.only, self.without = given.pace, given.heal, given.only, given.without
+        self.seconds, self.verify, self.counts = given.seconds, given.verify, given.counts
+        self.groups = set(given.groups.split(",")) if given.groups else GROUPS
         self.directory = given.directory
         self.lower, self.mount = self.directory + "/lower", self.directory + "/mnt"
         self.source = self.lower + "/" + os.fsdecode(names.SOURCE)
         self.state_disk, self.state = self.directory + "/state-disk", self.directory + "/state-disk/state"
         self.config, self.socket = self.directory + "/mirrord.toml", self.directory + "/run/mirrord.sock"
+        self.manager = self.directory + "/manager"
+        self.clock = self.directory + "/clock"
         self.errors = self.directory + "/service.err"
         self.target_names = ["t%d" % (index + 1) for index in range(self.targets)]
         self.for_workers()
 
     def for_workers(self):
         """What promise/worker.py asks for."""
-        self.groups = GROUPS
         self.mounts = [os.fsencode(self.mount)]
         own = [b"own-%d" % index for index in range(self.workers)]
-        homes = [names.SOURCE] + [names.join(names.SOURCE, name) for name in own]
-        self.tree = homes[1:] + [names.join(home, name) for home in homes for name in names.PARENTS[:3]]
-        self.fixed = set(own + names.PARENTS)
+        self.tree = [names.join(zone, name) for zone in (names.SOURCE, names.EXCLUDED, names.OUTSIDE) for name in own]
+        for home in [names.SOURCE] + [names.join(names.SOURCE, name) for name in own]:
+            self.tree += [names.join(home, name) for name in names.PARENTS[:3]]
+        self.tree += [names.join(names.join(names.SOURCE, nest), names.NESTED) for nest in names.NESTS[:2]]
+        self.fixed = set(own + names.PARENTS + names.NESTS + [os.fsencode(EXCLUDED), names.NESTED])
 
     def journal(self, number, worker):
         return "%s/journals/round-%d.worker-%d" % (self.directory, number, worker)

@@ -7,14 +7,14 @@ import sys
 import time
 import traceback
 
-from promise import actions, control, provocations
+from promise import actions, control, lower_flags, provocations
 from promise.worker import DEAD, Worker
 
-# A file made by mknod() is in no record until its first change.
-UNRECORDED = {"make_a_file_by_mknod", "set_an_attribute_by_name"}
+from . import operations
+
 MOUNT_ENDED = 3
 
-assert provocations  # its actions are registered when it is imported
+assert provocations and operations  # their actions are registered when they are imported
 
 
 class PacedAction:
@@ -60,8 +60,7 @@ class Workload:
             worker = Worker(index, USERS[index % len(USERS)], self.settings, self.control)
             worker.rng = random.Random("%d/%d/%d" % (self.settings.seed, index, self.generation))
             pace = self.settings.pace
-            worker.run([PacedAction(a, pace) for a in actions.for_worker(worker)
-                        if a.function.__name__ not in UNRECORDED])
+            worker.run([PacedAction(a, pace) for a in actions.for_worker(worker)])
             return 0
         except OSError as error:
             if error.errno in DEAD:
@@ -110,11 +109,14 @@ class Workload:
         while self.children and time.monotonic() < deadline:
             self.reap()
             time.sleep(0.01)
-        for pid in self.children.values():
+        killed = list(self.children.values())
+        for pid in killed:
             os.kill(pid, signal.SIGKILL)
         while self.children:
             self.reap()
             time.sleep(0.01)
+        if killed:
+            lower_flags.clear_all(self.settings.lower)
 
     end = mount_ended
 
@@ -123,4 +125,4 @@ class Workload:
 
     def entries(self, count):
         """How many there are in the source: more are removed when there are many."""
-        self.removal = 0.7 if count < 300 else 1.5 if count < 800 else 4.0
+        self.removal = 0.7 if count < 150 else 2.0 if count < 300 else 6.0

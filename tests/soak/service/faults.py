@@ -14,6 +14,7 @@ from .settings import EXCLUDES
 
 ALL = {}
 BURST = 80 << 20
+LOG_HEADER = 48
 
 
 class Fault:
@@ -205,13 +206,13 @@ def other_excludes(d):
 
 @fault("mirrord", "log", weight=2)
 def cut_log(d):
-    """As after a power cut, or worse: what was confirmed may be gone too."""
+    """As after a power cut, or worse: what was confirmed may be gone too. A log without any header is refused."""
     d.service.kill()
     segments = sorted(glob.glob(d.settings.state + "/data/log/*"), key=os.path.getmtime)
-    if segments and os.path.getsize(segments[-1]) > 0:
+    if segments:
         size = os.path.getsize(segments[-1])
-        cut = min(size, d.rng.choice([1, 7, 100, 5000, size]))
-        os.truncate(segments[-1], size - cut if d.rng.random() < 0.7 else d.rng.randrange(size))
+        left = size - d.rng.choice([1, 7, 100, 5000]) if d.rng.random() < 0.7 else d.rng.randrange(size + 1)
+        os.truncate(segments[-1], max(left, LOG_HEADER))
     yield
     d.service.start()
 

@@ -216,9 +216,9 @@ TEST_F(FullTargetTest, a_skip_is_a_gap_until_all_is_compared) {
 
 /* The entry that holds it is tried again and again, which may take long. */
 TEST_F(FullTargetTest, a_skip_during_an_attempt_waits_for_its_end) {
-  write_unseen("f", large_);
-  fill();
-  copy_rate_ = 200 << 10;  // an attempt takes a second
+  write_unseen("f", std::string(600 << 10, 'x'));
+  put_content(dir_ / "m/ballast", std::string(150 << 10, 'b'));
+  copy_rate_ = 256 << 10;  // an attempt reads so much again and takes a second
   start();
   ASSERT_TRUE(becomes("held"));
   std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the second one has begun

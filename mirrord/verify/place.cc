@@ -24,11 +24,6 @@ constexpr std::string_view kAccessList = "system.posix_acl_access";
 constexpr std::string_view kDefaultAccessList = "system.posix_acl_default";
 constexpr std::string_view kCapability = "security.capability";
 
-bool is_compared(std::string_view name) {
-  return name.starts_with("user.") || name.starts_with("trusted.") || name == kAccessList ||
-         name == kDefaultAccessList || name == kCapability;
-}
-
 /* Calls `read(buffer, size)` with a buffer that is large enough. The size may grow in between. */
 template <class Read>
 Result<std::string> read_whole(Read read) {
@@ -110,6 +105,11 @@ Result<UniqueFd> open_object(const Place &place, int flags) {
   return fd;
 }
 
+bool is_compared_attribute(std::string_view name) {
+  return name.starts_with("user.") || name.starts_with("trusted.") || name == kAccessList ||
+         name == kDefaultAccessList || name == kCapability;
+}
+
 Result<Attributes> read_attributes(const Place &place) {
   const std::string path = place.through_proc();
   const auto names = read_whole(
@@ -120,7 +120,7 @@ Result<Attributes> read_attributes(const Place &place) {
   for (std::size_t at = 0; at < names->size();) {
     const std::string name(names->c_str() + at);
     at += name.size() + 1;
-    if (!is_compared(name)) continue;
+    if (!is_compared_attribute(name)) continue;
     auto value = read_whole([&](char *buffer, std::size_t size) {
       return lgetxattr(path.c_str(), name.c_str(), buffer, size);
     });

@@ -8,6 +8,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "base/result.h"
 #include "base/unique_fd.h"
@@ -44,6 +45,7 @@ Result<UniqueFd> open_object(const Place &place, int flags);
 
 /* Extended attributes by their names: those that are compared, see verify.h. */
 using Attributes = std::map<std::string, std::string>;
+bool is_compared_attribute(std::string_view name);
 Result<Attributes> read_attributes(const Place &place);
 
 Result<std::string> read_link_text(const Place &place);

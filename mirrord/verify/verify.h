@@ -31,6 +31,7 @@
 
 #include "base/result.h"
 #include "mirrord/verify/difference.h"
+#include "mirrord/verify/tree.h"
 
 namespace tarn {
 
@@ -50,6 +51,9 @@ struct VerifyOptions {
 /* The differences in the order of their paths. Error: a root cannot be opened, settle() failed, or
  * it was ended; anything else that cannot be read is a difference. */
 Result<std::vector<Difference>> verify_trees(const std::string &source, const std::string &target,
+                                             const VerifyOptions &options);
+/* The same for a source that may be on another host. */
+Result<std::vector<Difference>> verify_trees(Tree &source, const std::string &target,
                                              const VerifyOptions &options);
 
 /*

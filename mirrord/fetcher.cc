@@ -22,6 +22,8 @@ constexpr std::uint64_t kToTheEnd = std::numeric_limits<std::uint64_t>::max();
 constexpr std::chrono::milliseconds kStableFor{50};
 constexpr int kStableTries = 40;
 
+constexpr int kPresentTries = 8;
+
 /* A change time in the future is of before the clock was set back: a change would make another. */
 bool is_stable(const struct stat &status, std::int64_t now) {
   const std::int64_t age = now - microseconds(status.st_ctim);
@@ -141,7 +143,7 @@ Result<void> Fetcher::fetch_data(const std::string &path, const Source::Object &
                                  std::uint64_t from, std::uint64_t to) {
   const auto file = source_.open(object);
   if (!file) return file.error();
-  const auto status = (*file)->begin();
+  const auto status = (*file)->begin(from, to);
   if (!status) return status.error();
   const auto filled = fill(path, **file, *status, from, to);
   if (!filled) return filled.error();
@@ -193,6 +195,7 @@ Result<bool> Fetcher::link_copies(const std::string &path, const Source::Object 
     const auto theirs = replica_.find(other);
     if (!theirs || !*theirs || !same_type(**theirs, object.status)) continue;
     const auto there = source_.find(other);
+    if (!there && is_away(there.error())) return there.error();
     if (!there || !*there || !same_object((*there)->status, object.status)) continue;
     // The names may have become separate files while their common object was unknown.
     const auto made = joined ? link_to_copy(path, other) : link_to_copy(other, path);
@@ -241,7 +244,22 @@ bool Fetcher::trusted(const struct stat &mine, const struct stat &theirs) const 
 
 Result<void> Fetcher::fetch(const std::string &path, const Source::Object &object,
                             const Included &included) {
-  return fetch_over(path, object, included, Mine::kUnknown);
+  return fetch_present(path, object, included, Mine::kUnknown);
+}
+
+/* An object of a remote source may leave its path before it is copied: then copies what the path
+ * has instead. */
+Result<void> Fetcher::fetch_present(const std::string &path, const Source::Object &object,
+                                    const Included &included, Mine known) {
+  auto fetched = fetch_over(path, object, included, known);
+  for (int tries = kPresentTries; object.remote && tries > 0; --tries) {
+    if (fetched || fetched.error().code != -ENOENT) break;
+    const auto there = source_.find(path);
+    if (!there) return there.error();
+    if (!*there) return path.empty() ? fetched : remove(path);
+    fetched = fetch_over(path, **there, included, Mine::kUnknown);
+  }
+  return fetched;
 }
 
 Result<void> Fetcher::fetch_over(const std::string &path, const Source::Object &object,
@@ -293,7 +311,7 @@ Result<void> Fetcher::file(const std::string &path, const Source::Object &object
   if (!reading) return reading.error();
   SourceFile &source = **reading;
   for (int tries = kStableTries;; --tries) {
-    auto before = source.begin();
+    auto before = source.begin(0, kToTheEnd);
     if (!before) return before.error();
     const auto filled = fill(path, source, *before, 0, kToTheEnd);
     if (!filled) return filled.error();
@@ -368,8 +386,8 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
     else if (!*child)  // removed since
       note(remove(name));
     else
-      note(fetch_over(name, **child, included,
-                      mine.contains(entry.name) ? Mine::kUnknown : Mine::kAbsent));
+      note(fetch_present(name, **child, included,
+                         mine.contains(entry.name) ? Mine::kUnknown : Mine::kAbsent));
   }
   note(finish(path, object));
   return first;

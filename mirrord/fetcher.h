@@ -87,6 +87,8 @@ class Fetcher {
     Times times = Times::kIfDifferent;
   };
 
+  Result<void> fetch_present(const std::string &path, const Source::Object &object,
+                             const Included &included, Mine known);
   Result<void> fetch_over(const std::string &path, const Source::Object &object,
                           const Included &included, Mine known);
   bool trusted(const struct stat &mine, const struct stat &theirs) const;

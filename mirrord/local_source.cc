@@ -109,7 +109,7 @@ class LocalFile final : public SourceFile {
   /* `owned` is the same descriptor, or none. */
   LocalFile(int fd, UniqueFd owned) : owned_(std::move(owned)), fd_(fd) {}
 
-  Result<struct stat> begin() override {
+  Result<struct stat> begin(std::uint64_t, std::uint64_t) override {
     const auto status = end();
     if (status) may_have_holes_ = may_have_holes(*status);
     return status;

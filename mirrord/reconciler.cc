@@ -105,6 +105,7 @@ Result<void> Reconciler::reconcile_other_names() {
     nlink_t known = 0;
     for (const std::string &path : fetcher_.origins().paths_of(status)) {
       const auto there = source_.find(path);
+      if (!there && is_away(there.error())) return there.error();
       known += there && *there && same_object((*there)->status, status);
     }
     known += !other_name_.empty() && source_.has_name(status, other_name_);
@@ -112,7 +113,7 @@ Result<void> Reconciler::reconcile_other_names() {
   }
   if (wanted.empty()) return {};
   std::vector<std::string> found;
-  find_names("", wanted, found);
+  if (const auto searched = find_names("", wanted, found); !searched) return searched;
   reconciling_names_ = true;
   Result<void> first;
   for (const std::string &path : found) {
@@ -127,20 +128,29 @@ Result<void> Reconciler::reconcile_other_names() {
   return first;
 }
 
-void Reconciler::find_names(const std::string &directory, const Fetcher::Objects &wanted,
-                            std::vector<std::string> &found) {
+/* What cannot be read is not in the replica either. */
+Result<void> Reconciler::find_names(const std::string &directory, const Fetcher::Objects &wanted,
+                                    std::vector<std::string> &found) {
+  const auto passed_over = [](const auto &result) {
+    return is_away(result.error()) ? Result<void>(result.error()) : Result<void>();
+  };
   const auto object = source_.find(directory);
-  if (!object || !*object || !S_ISDIR((*object)->status.st_mode)) return;
+  if (!object) return passed_over(object);
+  if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
   const auto entries = source_.entries(**object);
-  if (!entries) return;  // an unreadable directory is not in the replica either
+  if (!entries) return passed_over(entries);
   for (const DirectoryEntry &entry : *entries) {
     const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
-    if (entry.may_be_directory) find_names(path, wanted, found);
+    if (entry.may_be_directory) {
+      if (const auto below = find_names(path, wanted, found); !below) return below;
+    }
     if (!wanted.contains({(*object)->status.st_dev, entry.inode}) || !included_(path)) continue;
     const auto there = source_.find(path);
+    if (!there && is_away(there.error())) return there.error();
     if (!there || !*there || fetcher_.origins().same(path, (*there)->status)) continue;
     if (wanted.contains({(*there)->status.st_dev, (*there)->status.st_ino})) found.push_back(path);
   }
+  return {};
 }
 
 void Reconciler::records_change(const std::string &path) {

@@ -138,8 +138,8 @@ class Reconciler {
   Result<void> look_at(const std::string &path, std::optional<std::int64_t> since, bool another);
   Result<bool> compare(const std::string &path, std::int64_t until);
   Result<void> copy_mtime(const std::string &path, std::int64_t until);
-  void find_names(const std::string &directory, const Fetcher::Objects &wanted,
-                  std::vector<std::string> &found);
+  Result<void> find_names(const std::string &directory, const Fetcher::Objects &wanted,
+                          std::vector<std::string> &found);
 
   static constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
 

@@ -37,6 +37,7 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
     if (const auto made = fetcher_.make_directory(directory, **theirs); !made) return made;
   }
   const auto entries = source_.entries(**theirs);
+  if (!entries && entries.error().code == -ENOENT) return {};  // removed or renamed, too
   if (!entries) return entries.error();
   const auto names = replica_.names(directory);
   if (!names) return names.error();

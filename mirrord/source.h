@@ -16,6 +16,7 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -36,8 +37,9 @@ class SourceFile {
  public:
   virtual ~SourceFile() = default;
 
-  /* Its status before what is read from now on, and behind what was read since. */
-  virtual Result<struct stat> begin() = 0;
+  /* Its status before what is read from now on, from `from` to `to`. */
+  virtual Result<struct stat> begin(std::uint64_t from, std::uint64_t to) = 0;
+  /* Its status after what was read since then. */
   virtual Result<struct stat> end() = 0;
 
   /* The first data at or behind `at`: what lies before it is a hole. Both are `to` if there is none
@@ -52,6 +54,11 @@ class SourceFile {
 
   virtual Result<Xattrs> xattrs() = 0;
 };
+
+/* Is nothing known because the source's host does not answer? */
+inline bool is_away(const Error &error) {
+  return error.code == -EHOSTDOWN;
+}
 
 class RemoteObject;
 

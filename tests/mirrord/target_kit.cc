@@ -86,7 +86,8 @@ void TargetTest::open_target() {
                               .directory = copy_,
                               .state_file = state_file_,
                               .log_end = std::exchange(log_end_, Target::Options().log_end),
-                              .copy_bytes_per_second = copy_rate_},
+                              .copy_bytes_per_second = copy_rate_,
+                              .view = view_},
                              *intake_, *walker_);
   ASSERT_TRUE(target.ok()) << target.error().text;
   drop_target();

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -61,7 +62,8 @@ class TargetTest : public testing::Test {
   RuleDirectories lists_{{source_}, {}}; /* of the rule */
   const std::string state_file_ = dir_ / "target-t";
   std::uint64_t log_limit_ = 1 << 24;
-  std::uint64_t copy_rate_ = 0; /* bytes per second; 0: no limit */
+  std::uint64_t copy_rate_ = 0;                   /* bytes per second; 0: no limit */
+  std::function<std::unique_ptr<Source>()> view_; /* empty: the directory */
   std::uint32_t number_ = 0;
   std::atomic<std::uint64_t> marks_ = 0;
   LogPosition log_end_ = 0; /* when it was opened, until a target has been told */

@@ -4,8 +4,8 @@
 
 usage: report.py PROGRAM BUILD_FOLDER OUTPUT.md [--repetitions N]
 
-PROGRAM measures what runs in one process, mounts.py and programs.py with the programs of BUILD_FOLDER what runs on a
-mount. What fails on one side of programs.py is in the report, and ends this with 1.
+PROGRAM measures what runs in one process, mounts.py, programs.py and replication.py with the programs of BUILD_FOLDER
+what runs on a mount. What fails on one side of the last two is in the report, and ends this with 1.
 
 The measurements are repeated in a random order, so that what else the machine does falls on all of them alike;
 every figure is the median of its repetitions. The table also goes to standard output.
@@ -23,7 +23,11 @@ import many_files
 import mounts
 import program_tables
 import programs
+import replication
+import replication_tables
+from report_table import table
 
+SHORTER = 10  # replication.py by itself: all files, three rounds
 SIZES = {100: "100 B", 4096: "4 KiB", 65536: "64 KiB", 1048576: "1 MiB"}
 HEAD = """# Benchmarks
 
@@ -86,14 +90,6 @@ def measure(program, repetitions):
 
 def number(value):
     return "%.0f" % value if value >= 100 else "%.1f" % value
-
-
-def table(head, rows):
-    yield ""
-    yield "| " + " | ".join(head) + " |"
-    yield "|" + "---|" + "---:|" * (len(head) - 1)
-    for row in rows:
-        yield "| " + " | ".join(row) + " |"
 
 
 def times(value):
@@ -205,6 +201,7 @@ def main():
     mounted = mounts.measure(args.build)
     ran = programs.measure(args.build)
     many = many_files.measure(args.build)
+    replicated = replication.measure(args.build, rounds=1, part=SHORTER)
     ns = measure(args.program, args.repetitions)
     cores = os.cpu_count()
     head = HEAD.format(when=datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d"),
@@ -215,13 +212,14 @@ def main():
     lines += mounts.tables(mounted, table)
     lines += program_tables.tables(ran, table)
     lines += many_files.tables(many, table)
+    lines += replication_tables.tables(replicated, table)
     lines += kept_section(args.output)
     lines += aims(ns, mounted, ran)
     text = "\n".join(lines) + "\n"
     with open(args.output, "w", encoding="utf-8") as out:
         out.write(text)
     print(text)
-    return 1 if ran.failures else 0
+    return 1 if ran.failures or replicated.failures else 0
 
 
 if __name__ == "__main__":

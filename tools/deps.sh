@@ -13,7 +13,7 @@ packages=(
   stress-ng systemd tar util-linux zsh
 )
 [ "${1:-}" != check ] || packages+=(clang-format clang-tidy g++-aarch64-linux-gnu shellcheck)
-[ "${1:-}" != bench ] || packages+=(bindfs libbenchmark-dev libhyperscan-dev liblmdb-dev libre2-dev libsqlite3-dev postgresql)
+[ "${1:-}" != bench ] || packages+=(bindfs libbenchmark-dev libhyperscan-dev liblmdb-dev libre2-dev libsqlite3-dev lsyncd postgresql)
 [ "${1:-}" != deb ] || packages+=(debhelper fakeroot lintian)
 [ "${1:-}" != guest ] || packages+=(cpio gcc-12-source musl-tools qemu-system-x86)
 

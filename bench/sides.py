@@ -181,7 +181,7 @@ class Tarn(Side):
     build = None
 
     def serve(self):
-        self.env = dict(os.environ, TARN_RUN_DIR=str(self.home / "run"))
+        self.env = dict(os.environ, TARN_RUN_DIR=str(self.home / "run"), TARN_STATE_DIR=str(self.home / "state"))
         (self.home / "run").mkdir()
         self.spawn(self.build / "tarnd/tarnd", "--foreground", env=self.env)
         self.wait_for("tarnd", lambda: (self.home / "run/tarnd.pid").exists())
@@ -197,19 +197,18 @@ class TarnRule(Tarn):
         self.tarn("rule", "add", "--include", self.lower)
 
 
-class TarnMirrord(TarnRule):
+class TarnMirrord(Tarn):
     def serve(self):
         super().serve()
         self.replica.mkdir()
         run("mount", "-t", "tmpfs", "tmpfs", self.replica)
-        self.status = self.home / "mirrord.json"
-        self.spawn(self.build / "mirrord/mirrord", "--source", self.lower, "--replica", self.replica, "--status-file",
-                   self.status, cpu=self.other_cpu, env=self.env)
-        self.wait_for("mirrord", lambda: "tarn_process_nl_helo" in self.tarn("log"))
+        self.spawn(self.build / "mirrord/mirrord", "--source", self.lower, "--replica", self.replica,
+                   cpu=self.other_cpu, env=self.env)
+        self.wait_for("mirrord", lambda: "mirrord: registered" in (self.home / "stderr").read_text())
 
     def settle(self):
         try:
-            run(self.build / "mirrord/mirrord", "--catch-up", "--status-file", self.status, env=self.env)
+            run(self.build / "mirrord/mirrord", "wait", env=self.env)
         except Failure as failure:
             # What it could not do mirrord itself has said.
             fail("%s; %s" % (failure, self.said()))

@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
- * The daemon's report for other programs. The module has no request that tells which rules it has
- * stopped, so the daemon writes the stop messages that it receives to a file in the run directory,
- * in the form that mirrord(8) describes.
+ * The daemon's report for other programs, for `tarn status`: the module has no request that tells
+ * which rules it has stopped. A file in the run directory, mirrord.json, with the process id of the
+ * daemon that wrote it.
  */
 #ifndef TARN_CLIENT_DAEMON_REPORT_H
 #define TARN_CLIENT_DAEMON_REPORT_H
@@ -20,12 +20,15 @@
 
 namespace tarn {
 
-std::string daemon_report_file(const Site &site);
-
 struct DaemonReport {
   std::uint64_t problems = 0;
   std::set<Uuid> stopped; /* rules that the module has stopped capturing */
+
+  bool operator==(const DaemonReport &) const = default;
 };
+
+/* Of this process, which is the daemon. Replaces the file atomically. */
+Result<void> write_daemon_report(const Site &site, const DaemonReport &report);
 
 /* The report of the daemon with this process id; nothing if it writes none. */
 Result<std::optional<DaemonReport>> read_daemon_report(const Site &site, pid_t daemon);

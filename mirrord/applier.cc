@@ -351,8 +351,8 @@ Error Applier::unplaced(const Record &record) {
   scopes_.learn(record);
   reconciler_.note_unrecorded(record.ts);
   return Error{-ESTALE,
-               "the file has another name, which the module does not know: the replica's copy is "
-               "no longer right, until it is found by 'mirrord --catch-up'"};
+               "the file has another name, which the module does not know: its copy is not right "
+               "until it has been looked for"};
 }
 
 /* Sets page_path_; to "" if the record is no page of a write. */
@@ -407,11 +407,6 @@ Result<void> Applier::caught_up(std::int64_t until) {
   for (int rounds = 0; links && replica_.has_partly_unlinked() && rounds < kLinkRounds; ++rounds)
     links = reconciler_.check_links();
   return !links ? links : !unrecorded ? unrecorded : changed;
-}
-
-Result<void> Applier::compare_changed(std::int64_t until) {
-  use_all_rules();
-  return reconciler_.compare_changed(until);
 }
 
 std::vector<std::string> Applier::changed_by(const Record &record) const {
@@ -485,15 +480,6 @@ void Applier::note_changed_paths(const Record &record) {
   } else {
     add(below(change_path(record.change)));
   }
-}
-
-std::vector<Unexplained> Applier::take_unexplained(
-    std::optional<std::chrono::microseconds> older_than) {
-  auto missing = std::exchange(unexplained_, {});
-  if (!older_than) return missing;
-  for (Unexplained &more : reconciler_.take_missing(*older_than))
-    missing.push_back(std::move(more));
-  return missing;
 }
 
 }  // namespace tarn

@@ -73,13 +73,6 @@ class Applier {
   /* Before the first record. The clock is never set; microseconds. */
   void set_log_clock(PendingPaths::Now now) { reconciler_.set_log_clock(std::move(now)); }
 
-  /* Records from `ts` on (microseconds since the epoch) are missing: caught_up() searches the
-   * source for changes since then. */
-  void note_lost(std::uint64_t ts) { reconciler_.note_unrecorded(ts); }
-
-  /* The file of the last write page that was applied; only page 0 names it in its record. */
-  const std::string &page_path() const { return page_path_; }
-
   /* Records until a while from now may have been applied already, or the replica may have left
    * their state behind: the paths that they change are copied from the source instead. */
   void distrust_records() { distrusted_until_ = reconciler_.horizon(); }
@@ -114,18 +107,14 @@ class Applier {
   /* Call it when all records of changes before `until` (microseconds since the epoch) have been
    * applied. Compares the replica with the source where records cannot tell the difference. */
   Result<void> caught_up(std::int64_t until);
-  /* The same for the paths that records named; does not check files with several names. */
-  Result<void> compare_changed(std::int64_t until);
   /* What a later Applier of the same replica has to watch: changes by names outside the rule are
    * not recorded. */
   std::vector<std::string> with_names_outside() { return reconciler_.with_names_outside(); }
   void watch(const std::string &path) { reconciler_.watch(path); }
   const ChangedPaths &changed_paths() const { return reconciler_.changed_paths(); }
 
-  /* Records whose object was missing and that no later record explained in time. With an age, also
-   * the unexplained ones that are older: all records have arrived by then. */
-  std::vector<Unexplained> take_unexplained(
-      std::optional<std::chrono::microseconds> older_than = {});
+  /* Records whose object was missing and that no later record explained in time. */
+  std::vector<Unexplained> take_unexplained() { return std::exchange(unexplained_, {}); }
 
  private:
   struct Visitor;
@@ -146,7 +135,7 @@ class Applier {
   Scopes scopes_;
   Reconciler reconciler_;
   PageFollower pages_;
-  std::string page_path_;
+  std::string page_path_; /* of the last write page; only page 0 names it in its record */
   /* The last page that was followed: a record that failed may be applied again. */
   struct Page {
     Uuid rule;

@@ -88,17 +88,4 @@ std::vector<PendingPaths::Expired> PendingPaths::expire(const Time &record) {
   return expired;
 }
 
-std::vector<Unexplained> PendingPaths::take_missing(std::chrono::microseconds age) {
-  const std::uint64_t end = horizon().logged;
-  if (end == kUnknown) return {};
-  const std::uint64_t end_of_old = end - static_cast<std::uint64_t>(age.count());
-  std::vector<Unexplained> missing;
-  for (auto &[path, mark] : marks_) {
-    if (mark.missing.wseq == 0) continue;
-    if (mark.until.logged > end_of_old) continue;
-    missing.push_back(std::exchange(mark.missing, {}));
-  }
-  return missing;
-}
-
 }  // namespace tarn

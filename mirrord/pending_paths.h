@@ -111,9 +111,6 @@ class PendingPaths {
   /* Ends the marks whose time is before that of a record. */
   std::vector<Expired> expire(const Time &record);
 
-  /* Returns the unexplained records that are older than `age`, each once. */
-  std::vector<Unexplained> take_missing(std::chrono::microseconds age);
-
  private:
   struct Age {
     Time until;

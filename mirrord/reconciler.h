@@ -119,9 +119,6 @@ class Reconciler {
   void set_log_clock(PendingPaths::Now now) { pending_.set_log_clock(std::move(now)); }
   /* The end of the marks that are made now. */
   PendingPaths::Time horizon() const { return pending_.horizon(); }
-  std::vector<Unexplained> take_missing(std::chrono::microseconds age) {
-    return pending_.take_missing(age);
-  }
 
  private:
   Result<Replica::Done> try_to_reconcile(const std::string &path);

@@ -31,10 +31,9 @@ constexpr char kAbout[] =
 constexpr char kExample[] =
     "A first try, as any user:\n"
     "  mkdir lower mnt replica\n"
-    "  tarn mount lower mnt                  what is in lower/ is now seen in mnt/ as well\n"
-    "  tarn rule add --include lower         changes under lower/ are to be replicated\n"
+    "  tarn mount lower mnt     what is in lower/ is now seen in mnt/ as well\n"
     "  mirrord --source lower --replica replica &\n"
-    "  echo hello >mnt/file; cat replica/file\n"
+    "  echo hello >mnt/file; mirrord wait; cat replica/file\n"
     "  tarn umount mnt; tarn stop\n"
     "Each command explains itself: tarn COMMAND --help. The manual: man tarn.";
 

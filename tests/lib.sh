@@ -14,6 +14,7 @@ T=$(mktemp -d "${TMPDIR:-/tmp}/tarn-test.XXXXXX")
 mkdir "$T/lower" "$T/mnt" "$T/replica" "$T/run"
 chmod 700 "$T/replica" # mirrord makes it so, with a note
 export TARN_RUN_DIR="$T/run" TARN_STATE_DIR="$T/state"
+: >"$T/mirrord.err"
 MIRRORD_PID=
 
 fail() {
@@ -73,16 +74,18 @@ stop_tarnd() {
 # session of its own: a host that shares the processor out by sessions would count it among the tests.
 start_mirrord() {
   local before
-  before=$(helo_count)
+  before=$(registrations)
   setsid mirrord --source "$T/lower" --replica "$T/replica" "$@" 2>>"$T/mirrord.err" &
   MIRRORD_PID=$!
-  wait_until 10 "mirrord is registered" eval '[ "$(helo_count)" -gt '"$before"' ]'
+  wait_until 30 "mirrord is registered" eval '[ "$(registrations)" -gt '"$before"' ]'
 }
 
-# start_replication [option of mirrord...]: lower/ mounted on mnt/, under a rule, and replicated to replica/.
+# How often one has come to be registered, its rule set.
+registrations() { grep -c 'mirrord: registered' "$T/mirrord.err" || true; }
+
+# start_replication [option of mirrord...]: lower/ mounted on mnt/ and replicated to replica/.
 start_replication() {
   tarn mount "$T/lower" "$T/mnt"
-  tarn rule add --include "$T/lower" >/dev/null
   start_mirrord "$@"
 }
 
@@ -94,11 +97,12 @@ stop_mirrord() {
   MIRRORD_PID=
 }
 
-# The same of one that misses records.
+# The same of one that has missed records: it says so, and the replica gets what was in them.
 stop_mirrord_after_a_loss() {
-  kill "$MIRRORD_PID"
-  if wait "$MIRRORD_PID"; then fail "mirrord ended with 0 although records are missing"; fi
-  MIRRORD_PID=
+  wait_until 30 "the loss is declared" grep -q GAP "$T/mirrord.err"
+  wait_caught_up
+  compare_trees "$T/lower" "$T/replica"
+  stop_mirrord
 }
 
 # wait_until SECONDS WHAT COMMAND...: at least a minute, for machines that have much else to do.
@@ -111,15 +115,13 @@ wait_until() {
   done
 }
 
-# Waits until the replica holds everything done so far: records of a rule arrive in order, so when a file made
-# now has arrived, all that came before it has.
+# Waits until the replica holds everything done so far.
 wait_caught_up() {
-  local marker=.caught-up.$RANDOM$RANDOM
-  : >"$T/mnt/$marker"
-  wait_until "${1:-60}" "the replica has caught up" test -e "$T/replica/$marker"
-  rm "$T/mnt/$marker"
-  wait_until 10 "the marker is gone" test ! -e "$T/replica/$marker"
+  mirrord wait --timeout "${1:-60}" || fail "the replica has not caught up: $(tail -n 3 "$T/mirrord.err")"
 }
+
+# Nothing was lost on the way.
+no_gap() { if grep GAP "$T/mirrord.err"; then fail "a gap"; fi; }
 
 compare_trees() { python3 "$HERE/replicate/tree_compare.py" "$@" || fail "the trees differ"; }
 

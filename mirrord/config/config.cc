@@ -33,14 +33,12 @@
 #pragma pop_macro("TOML_UNREACHABLE")
 #include <toml++/toml.h>
 
-#include "base/run_dir.h"
 #include "base/text.h"
 #include "base/text_file.h"
 #include "base/unique_fd.h"
 #include "client/paths.h"
 #include "client/workdir.h"
 #include "mirrord/config/names.h"
-#include "mirrord/state.h"
 #include "module/os_public/Include/ox_msg.h"
 
 namespace tarn {
@@ -385,12 +383,10 @@ void read_root(const toml::table &table, Config &config, Problems &problems) {
   Section root(&table, "the file", problems);
   if (const auto state = root.path("state", "the absolute path of the service's own directory"))
     config.state_directory = state->value;
-  else if (auto known = state_directory(); !known)
+  else if (auto known = default_state_directory(); !known)
     root.problem(0, known.error().text + "; expected a key state");
-  else if (auto whole = whole_path(*known + "/mirrord"); !whole)
-    root.problem(0, whole.error().text + "; expected a key state");
   else
-    config.state_directory = std::move(*whole);
+    config.state_directory = std::move(*known);
 
   Section log = root.table("log");
   const std::uint64_t log_limit =
@@ -404,7 +400,7 @@ void read_root(const toml::table &table, Config &config, Problems &problems) {
 
   Section control = root.table("control");
   auto socket = control.path("socket", "the absolute path of a socket");
-  config.control_socket = socket ? std::move(socket->value) : run_directory() + "/mirrord.sock";
+  config.control_socket = socket ? std::move(socket->value) : default_control_socket();
   control.end();
 
   NameLines names;

@@ -34,7 +34,7 @@ struct SourceConfig {
 };
 
 struct Config {
-  std::string file{}; /* for messages */
+  std::string file{}; /* for messages; empty: there is none */
   std::string state_directory{};
   std::string control_socket{};
   std::string metrics_file{}; /* empty: none */
@@ -43,6 +43,23 @@ struct Config {
 
 /* The first error is that of the smallest line. */
 Result<Config> read_config(const std::string &file);
+
+/*
+ * One source and one target, without a file: `mirrord --source A --replica B`. Their names follow
+ * from the paths, so each pair keeps a state of its own. `state_directory` "": the default one.
+ */
+Result<Config> config_of_pair(const std::string &source, const std::string &target,
+                              const std::string &state_directory);
+
+/* Where the state is kept if nothing else is said: the directory mirrord in $TARN_STATE_DIR if that
+ * is set; else in /var/lib/tarn for root; else in $XDG_STATE_HOME/tarn; else in
+ * ~/.local/state/tarn. Error: none of them is known. */
+Result<std::string> default_state_directory();
+
+/* The control socket if nothing else is said: in the run directory. */
+std::string default_control_socket();
+/* That of a service without a file whose state directory was given. */
+std::string control_socket_in(const std::string &state_directory);
 
 /* What was understood of the file, and all that is wrong with it, in the order of lines. Without
  * problems the configuration is whole. */
@@ -61,6 +78,9 @@ ReadConfig read_config_with_problems(const std::string &file);
 std::vector<Error> config_problems(const Config &config, const std::vector<MountEntry> &table);
 /* The first of them. */
 Result<void> check_config(const Config &config, const std::vector<MountEntry> &table);
+
+/* The mount table, or what tarn says of its mounts where the machine has none. */
+std::vector<MountEntry> machine_mount_table();
 
 /*
  * Asked whenever a target is opened: whether what its path leads to now is apart from all other

@@ -45,6 +45,7 @@ std::vector<Mount> tarn_mounts(const std::vector<MountEntry> &table) {
 
 /* A line about a place in the file. */
 std::string line_about(const Config &config, int line, const std::string &text) {
+  if (config.file.empty()) return text;
   return fmt::format("{}{}: {}", printable(config.file), line > 0 ? fmt::format(":{}", line) : "",
                      text);
 }
@@ -183,8 +184,9 @@ class Check {
   std::vector<Error> problems_{};
 };
 
-/* The mount table, or what tarn says of its mounts where the machine has none. */
-std::vector<MountEntry> machine_table() {
+}  // namespace
+
+std::vector<MountEntry> machine_mount_table() {
   std::vector<MountEntry> table = mount_table();
   if (!table.empty()) return table;
   auto control = ControlChannel::connect(find_site());
@@ -192,8 +194,6 @@ std::vector<MountEntry> machine_table() {
   const auto mounts = control->mounts();
   return mounts ? mount_table_or(*mounts) : table;
 }
-
-}  // namespace
 
 std::vector<Error> config_problems(const Config &config, const std::vector<MountEntry> &table) {
   return Check(config, table).run();
@@ -243,7 +243,7 @@ int check_command(const std::string &file) {
   std::vector<std::string> lines;
   for (const Error &problem : read.problems) lines.push_back(problem.text);
   if (lines.empty()) {
-    for (const Error &problem : config_problems(read.config, machine_table()))
+    for (const Error &problem : config_problems(read.config, machine_mount_table()))
       lines.push_back(problem.text);
     for (std::string &note : config_notes(read.config)) lines.push_back(std::move(note));
   }

@@ -268,11 +268,18 @@ class ControlCommands::Impl {
 
   CLI::App *add(CLI::App &app, const char *verb, const char *about) {
     auto *command = app.add_subcommand(verb, about);
-    auto *config = command->add_option("--config", config_, "The configuration of the service")
-                       ->type_name("FILE");
+    auto *config =
+        command->add_option("--config", place_.config, "The configuration of the service")
+            ->type_name("FILE");
+    auto *state = command
+                      ->add_option("--state-directory", place_.state_directory,
+                                   "The state directory that 'mirrord --source' was given")
+                      ->type_name("DIR")
+                      ->excludes(config);
     command->add_option("--socket", socket_, "Its control socket, if the configuration is not here")
         ->type_name("PATH")
-        ->excludes(config);
+        ->excludes(config)
+        ->excludes(state);
     return command;
   }
 
@@ -319,7 +326,7 @@ class ControlCommands::Impl {
     if (!name) return fail(name.error().text, kUsage);
     std::string path = socket_;
     if (path.empty()) {
-      auto found = find_socket_(config_);
+      auto found = find_socket_(place_);
       if (!found) return fail(found.error().text, kUsage);
       path = std::move(*found);
     }
@@ -330,7 +337,8 @@ class ControlCommands::Impl {
   }
 
   const FindSocket find_socket_;
-  std::string config_, socket_;
+  Place place_;
+  std::string socket_;
   std::optional<std::string> name_;
   long timeout_ = 300;
   bool json_ = false;

@@ -4,9 +4,12 @@
 #include <systemd/sd-daemon.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -34,15 +37,29 @@ bool store(std::string_view name, int fd) {
   return false;
 }
 
-}  // namespace
+class ManagerStore : public ChannelStore {
+ public:
+  static std::unique_ptr<ManagerStore> open();
 
-void tell_manager(const std::string &state) {
-  // An error means that the manager has gone: it will not be told the next time either.
-  (void)sd_notify(0, state.c_str());
-}
+  Former take() override;
+  bool has_former() const override { return !former_.channels.empty(); }
+  void keep(int channel, int lock) override;
+  bool keeps() const override { return keeps_; }
+  void drop_former() override;
+  void clear() override;
+
+ private:
+  ManagerStore() = default;
+  static void remove(const std::string &name);
+
+  Former former_;
+  std::vector<std::string> former_names_;
+  std::string name_; /* of this process's channel */
+  bool has_lock_ = false;
+  std::atomic<bool> keeps_ = false;
+};
 
 std::unique_ptr<ManagerStore> ManagerStore::open() {
-  if (!std::getenv("NOTIFY_SOCKET")) return nullptr;
   std::unique_ptr<ManagerStore> made(new ManagerStore);
   char **names = nullptr;
   const int count = sd_listen_fds_with_names(1, &names);
@@ -101,6 +118,18 @@ void ManagerStore::clear() {
   keeps_ = false;
   if (const int done = sd_notify_barrier(0, kClearUs); done < 0)
     say(Level::kWarning, "", system_error(-done, "the service manager does not answer").text);
+}
+
+}  // namespace
+
+void tell_manager(const std::string &state) {
+  // An error means that the manager has gone: it will not be told the next time either.
+  (void)sd_notify(0, state.c_str());
+}
+
+std::unique_ptr<ChannelStore> open_manager_store() {
+  if (!std::getenv("NOTIFY_SOCKET")) return nullptr;
+  return ManagerStore::open();
 }
 
 }  // namespace tarn

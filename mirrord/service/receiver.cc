@@ -30,13 +30,11 @@ constexpr std::chrono::seconds kPassOnTime{2};
 
 Result<std::unique_ptr<Receiver>> Receiver::open(Site site, RuleKeeper keeper,
                                                  const std::vector<FromSource> &sources,
-                                                 ChannelStore *store,
-                                                 std::unique_ptr<DaemonChannel> early) {
+                                                 Channel channel) {
   auto wake = make_pipe("the receiver");
   if (!wake) return wake.error();
   std::unique_ptr<Receiver> receiver(
-      new Receiver(std::move(site), std::move(keeper), std::move(*wake), store));
-  receiver->early_ = std::move(early);
+      new Receiver(std::move(site), std::move(keeper), std::move(*wake), std::move(channel)));
   // Numbers of marks grow from one start to the next, whatever the clock does.
   std::uint64_t last = static_cast<std::uint64_t>(now_us());
   for (const FromSource &source : sources) {
@@ -111,8 +109,8 @@ void Receiver::drain_wake() {
 }
 
 bool Receiver::connect() {
-  auto channel = early_ ? Result(std::move(early_))
-                        : DaemonChannel::open(site_, Claim::kRefuseIfTaken, store_);
+  const Claim claim = std::exchange(claim_, Claim::kRefuseIfTaken);
+  auto channel = early_ ? Result(std::move(early_)) : DaemonChannel::open(site_, claim, store_);
   if (!channel) {
     set_problem("not connected to the module: " + channel.error().text);
     return false;
@@ -348,11 +346,29 @@ void Receiver::append_marks(std::uint64_t barriers) {
   marked_at_ = Clock::now();
 }
 
+/* Takes what the module sends until it answers. False: it does not. */
+bool Receiver::take_all() {
+  barriers_.clear();
+  const auto barrier = channel_->send_barrier();
+  const auto end = Clock::now() + kLeaveTime;
+  while (barrier && Clock::now() < end) {
+    const auto received = channel_->receive(kDrained);
+    if (!received) return false;
+    take(*received);
+    if (received->barriers >= *barrier) return true;
+    if (received->closed) return false;
+  }
+  return false;
+}
+
 /* What the module has sent before the end of the registration is still taken. */
 void Receiver::leave() {
   if (!channel_) return;
   if (store_ && store_->keeps()) return pass_on();
-  if (const auto left = channel_->leave(); !left) say(Level::kWarning, "", left.error().text);
+  const bool all = take_all();
+  if (!all) say(Level::kWarning, "", "the module does not say whether it has sent all");
+  const auto left = channel_->leave();
+  if (!left) say(Level::kWarning, "", left.error().text);
   const auto end = Clock::now() + kLeaveTime;
   while (Clock::now() < end) {
     const auto received = channel_->receive(kDrained);
@@ -365,7 +381,9 @@ void Receiver::leave() {
   const MarkEntry mark{++mark_wanted_, now_us()};
   problem_ = "stopped";
   lock.unlock();
-  for (const auto &[rule, source] : sources_) source.intake->mark(mark);
+  if (all && left) {
+    for (const auto &[rule, source] : sources_) source.intake->mark(mark);
+  }
   channel_.reset();
 }
 

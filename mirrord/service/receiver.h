@@ -35,11 +35,14 @@ class Receiver : private Sequencer::Sink {
     std::string name;
     Intake *intake;
   };
-  /* `early`: a channel that is open already. */
+  struct Channel {
+    Claim claim = Claim::kRefuseIfTaken;            /* at the first attempt; never again later */
+    ChannelStore *store = nullptr;                  /* or null */
+    std::unique_ptr<DaemonChannel> early = nullptr; /* is open already */
+  };
   static Result<std::unique_ptr<Receiver>> open(Site site, RuleKeeper keeper,
                                                 const std::vector<FromSource> &sources,
-                                                ChannelStore *store = nullptr,
-                                                std::unique_ptr<DaemonChannel> early = nullptr);
+                                                Channel channel);
 
   /* Until stop(); then unregisters and takes what the module has sent before. With a store that
    * keeps the channel it stays registered, and the next process takes what comes. */
@@ -60,8 +63,13 @@ class Receiver : private Sequencer::Sink {
  private:
   using Clock = std::chrono::steady_clock;
 
-  Receiver(Site site, RuleKeeper keeper, Pipe wake, ChannelStore *store)
-      : site_(std::move(site)), keeper_(std::move(keeper)), wake_(std::move(wake)), store_(store) {}
+  Receiver(Site site, RuleKeeper keeper, Pipe wake, Channel channel)
+      : site_(std::move(site)),
+        keeper_(std::move(keeper)),
+        wake_(std::move(wake)),
+        store_(channel.store),
+        claim_(channel.claim),
+        early_(std::move(channel.early)) {}
 
   void record(const Record &record, Bytes packet, Sequencer::Order order) override;
   void event(const Uuid &rule, const Sequencer::Event &event) override;
@@ -77,6 +85,7 @@ class Receiver : private Sequencer::Sink {
   void losses(const DaemonChannel::Received &received);
   void send_barrier();
   void append_marks(std::uint64_t barriers);
+  bool take_all();
   void leave();
   void pass_on();
   void take(const DaemonChannel::Received &received);
@@ -90,6 +99,7 @@ class Receiver : private Sequencer::Sink {
   RuleKeeper keeper_;
   const Pipe wake_;
   ChannelStore *const store_; /* or null */
+  Claim claim_;
   std::map<Uuid, FromSource> sources_;
 
   std::unique_ptr<DaemonChannel> early_, channel_;

@@ -91,22 +91,23 @@ bool Service::ReplicatedSource::make_room() {
 }
 
 Result<std::unique_ptr<Service>> Service::open(Config config, const Site &site,
-                                               std::unique_ptr<ChannelStore> store) {
+                                               Connection connection) {
   auto state = StateDirectory::open(config.state_directory);
   if (!state) return state.error();
   const auto program = own_program();
   if (!program) return program.error();
   // What a former channel holds is bounded: it is read while the logs are opened, which takes time.
   std::unique_ptr<DaemonChannel> channel;
-  if (store && store->has_former()) {
-    auto early = DaemonChannel::open(site, Claim::kRefuseIfTaken, store.get());
+  if (connection.store && connection.store->has_former()) {
+    auto early = DaemonChannel::open(site, Claim::kRefuseIfTaken, connection.store.get());
     if (early)
       channel = std::move(*early);
     else
       say(Level::kWarning, "", "the former channel is lost: " + early.error().text);
   }
+  const Claim claim = connection.claim;
   std::unique_ptr<Service> service(
-      new Service(std::move(config), std::move(*state), std::move(store)));
+      new Service(std::move(config), site, std::move(*state), std::move(connection)));
   for (const SourceConfig &source : service->config_.sources) {
     if (const auto opened = service->open_source(source); !opened) return opened.error();
   }
@@ -122,7 +123,7 @@ Result<std::unique_ptr<Service>> Service::open(Config config, const Site &site,
     receivers.push_back({source->config.name, source->intake.get()});
   }
   auto receiver = Receiver::open(site, RuleKeeper(site, *program, std::move(wanted)), receivers,
-                                 service->store_.get(), std::move(channel));
+                                 {claim, service->store_.get(), std::move(channel)});
   if (!receiver) return receiver.error();
   service->receiver_ = std::move(*receiver);
   return service;
@@ -182,12 +183,16 @@ Result<void> Service::run(SignalPipe &signals) {
   std::thread receiving([this] { receiver_->run(); });
   // A first copy that began before the rule is there would have to be made twice.
   receiver_->wait_for_attempt();
+  if (const std::string problem = receiver_->problem(); connection_needed_ && !problem.empty()) {
+    receiver_->stop();
+    receiving.join();
+    return Error{-ENOTCONN, problem};
+  }
   for (const auto &source : sources_) {
     for (const auto &target : source->targets) target->start();
   }
   tell_manager("READY=1");
-  say(Level::kNotice, "",
-      fmt::format("{} with {}", version_line("mirrord"), printable(config_.file)));
+  say_begun();
   for (int signal = 0; signal == 0;) {
     pollfd waits{signals.fd(), POLLIN, 0};
     if (poll(&waits, 1, static_cast<int>(kHousekeeping.count())) > 0) signal = signals.take();
@@ -205,6 +210,16 @@ Result<void> Service::run(SignalPipe &signals) {
   return {};
 }
 
+void Service::say_begun() const {
+  std::string what = "with " + printable(config_.file);
+  if (config_.file.empty()) {
+    const SourceConfig &pair = config_.sources.front();
+    what = fmt::format("replicates {} to {}", printable(pair.directory),
+                       printable(pair.targets.front().directory));
+  }
+  say(Level::kNotice, "", version_line("mirrord") + " " + what);
+}
+
 void Service::stop() {
   const auto end = steady_clock::now() + kStopTime;
   std::vector<std::thread> stopping;
@@ -219,11 +234,30 @@ void Service::stop() {
 void Service::housekeeping() {
   tell_manager("WATCHDOG=1");
   for (const auto &source : sources_) source->release();
-  if (config_.metrics_file.empty()) return;
-  const auto written = write_metrics(config_.metrics_file, report());
-  if (!written && metrics_error_ != written.error().text)
-    say(Level::kWarning, "", written.error().text);
-  metrics_error_ = written ? "" : written.error().text;
+  const ServiceReport now = report();
+  tell_tarn(now);
+  if (!config_.metrics_file.empty())
+    say_once(metrics_error_, write_metrics(config_.metrics_file, now));
+}
+
+/* Only as the daemon: another one may have its own report there. */
+void Service::tell_tarn(const ServiceReport &report) {
+  if (!report.connected) return told_tarn_.reset();
+  DaemonReport telling{.problems = problems(report).size(), .stopped = {}};
+  for (const auto &source : sources_) {
+    if (receiver_->stopped(source->intake->rule())) telling.stopped.insert(source->intake->rule());
+  }
+  if (told_tarn_ == telling) return;
+  const auto written = write_daemon_report(site_, telling);
+  say_once(report_error_, written);
+  if (written) told_tarn_ = std::move(telling);
+}
+
+/* `error`: what was said last. */
+void Service::say_once(std::string &error, const Result<void> &written) {
+  const std::string now = written ? "" : written.error().text;
+  if (!now.empty() && now != error) say(Level::kWarning, "", now);
+  error = now;
 }
 
 }  // namespace tarn

@@ -11,12 +11,14 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "base/mutex.h"
 #include "client/channel_store.h"
+#include "client/daemon_report.h"
 #include "client/rule_scope.h"
 #include "client/signal_pipe.h"
 #include "client/site.h"
@@ -32,14 +34,25 @@ namespace tarn {
 
 class Service : public ServiceControl {
  public:
+  /* How the channel to the module is opened. */
+  struct Connection {
+    Claim claim = Claim::kRefuseIfTaken;           /* at the first attempt */
+    bool needed = false;                           /* run() fails if the first attempt does */
+    std::unique_ptr<ChannelStore> store = nullptr; /* or null */
+  };
+
   /* Opens the logs and the targets' states; starts nothing. Errors: the state directory is in use,
    * another user's or of another version; a source is another directory than before. */
   static Result<std::unique_ptr<Service>> open(Config config, const Site &site,
-                                               std::unique_ptr<ChannelStore> store = nullptr);
+                                               Connection connection);
 
-  /* Until SIGTERM, SIGINT or SIGHUP. Then takes what the module has sent, and lets the targets
-   * apply what is logged for a while; with a store it goes on taking meanwhile. */
+  /* Until one of the signals. Then takes what the module has sent, and lets the targets apply what
+   * is logged for a while; with a store it goes on taking meanwhile. Errors: those of the control
+   * socket; -ENOTCONN: the connection is needed and there is none. */
   Result<void> run(SignalPipe &signals);
+
+  /* After run(): the targets that may differ from their source, a line each. */
+  std::vector<std::string> incomplete();
 
   ServiceReport report() override;
   Result<void> wait(const TargetName &name, std::chrono::milliseconds timeout,
@@ -66,8 +79,12 @@ class Service : public ServiceControl {
     void release();
     bool make_room();
   };
-  Service(Config config, StateDirectory state, std::unique_ptr<ChannelStore> store)
-      : config_(std::move(config)), state_(std::move(state)), store_(std::move(store)) {}
+  Service(Config config, Site site, StateDirectory state, Connection connection)
+      : config_(std::move(config)),
+        site_(std::move(site)),
+        state_(std::move(state)),
+        store_(std::move(connection.store)),
+        connection_needed_(connection.needed) {}
 
   Result<void> open_source(const SourceConfig &config);
   Result<void> open_target(ReplicatedSource &source, const TargetConfig &config,
@@ -77,16 +94,22 @@ class Service : public ServiceControl {
                           std::chrono::steady_clock::time_point end, const Progress &progress);
   Result<std::uint64_t> request_mark();
   SourceReport report_of(const ReplicatedSource &source) const;
+  void say_begun() const;
   void housekeeping();
+  void tell_tarn(const ServiceReport &report);
+  static void say_once(std::string &error, const Result<void> &written);
   void stop();
 
   const Config config_;
+  const Site site_;
   const StateDirectory state_;
   const std::unique_ptr<ChannelStore> store_; /* or null */
+  const bool connection_needed_;
   const std::chrono::steady_clock::time_point started_ = std::chrono::steady_clock::now();
   std::vector<std::unique_ptr<ReplicatedSource>> sources_;
   std::unique_ptr<Receiver> receiver_;
-  std::string metrics_error_; /* said already */
+  std::optional<DaemonReport> told_tarn_;
+  std::string metrics_error_, report_error_; /* said already */
 };
 
 }  // namespace tarn

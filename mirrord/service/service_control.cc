@@ -61,6 +61,20 @@ ServiceReport Service::report() {
   return report;
 }
 
+std::vector<std::string> Service::incomplete() {
+  std::vector<std::string> lines;
+  for (const SourceReport &source : report().sources) {
+    for (const TargetReport &target : source.targets) {
+      if (target.state == "equal") continue;
+      const std::string why = target.last_error.empty() ? "" : ": " + target.last_error;
+      lines.push_back(fmt::format("{} may differ from {}: it ends in the state \"{}\"{}",
+                                  printable(target.directory), printable(source.directory),
+                                  target.state, why));
+    }
+  }
+  return lines;
+}
+
 Result<std::vector<Target *>> Service::named(const TargetName &name) {
   std::vector<Target *> found;
   for (const auto &source : sources_) {

@@ -121,8 +121,11 @@ void Target::finish() {
     if (!entry || !*entry || !apply(**entry)) break;
     position_ = (*entry)->position + 1;
   }
-  if (const auto saved = save(at_rest()); !saved)
+  if (const auto saved = save(at_rest()); !saved) {
     say(Level::kError, about(), "the position is not saved: " + saved.error().text);
+    set_phase(Phase::kHeld, saved.error().text);
+  }
+  publish(0);
 }
 
 /* Has it all that the log has, with nothing in doubt? */

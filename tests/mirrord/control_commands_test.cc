@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <iostream>
 
 #include "mirrord/control/protocol.h"
@@ -222,6 +223,13 @@ TEST_F(ControlCommandsTest, wrong_words_reach_no_service) {
 TEST_F(ControlCommandsTest, the_configuration_tells_the_socket) {
   serve();
   EXPECT_EQ(run_command({"targets", "--config", dir_ / "mirrord"}).exit, 0);
+}
+
+TEST_F(ControlCommandsTest, the_state_directory_tells_the_socket) {
+  serve();
+  std::filesystem::create_symlink(socket_, dir_ / "s.sock");
+  EXPECT_EQ(run_command({"targets", "--state-directory", dir_.path()}).exit, 0);
+  EXPECT_EQ(run_command({"targets", "--state-directory", dir_.path(), "--config", "x"}).exit, 2);
 }
 
 TEST_F(ControlCommandsTest, without_a_service_one_line_says_what_to_do) {

@@ -181,9 +181,10 @@ nlohmann::json RawClient::ask(const std::string &request) {
 
 int run_words(std::vector<std::string> words) {
   CLI::App app("test", "mirrord");
-  ControlCommands commands(app, [](const std::string &config) -> Result<std::string> {
-    if (config.empty()) return Error{-ENOENT, "/etc/none.toml: there is no such file"};
-    return config + ".sock";
+  ControlCommands commands(app, [](const ControlCommands::Place &place) -> Result<std::string> {
+    if (!place.state_directory.empty()) return place.state_directory + "/s.sock";
+    if (place.config.empty()) return Error{-ENOENT, "/etc/none.toml: there is no such file"};
+    return place.config + ".sock";
   });
   try {
     std::reverse(words.begin(), words.end());  // as CLI11 takes them

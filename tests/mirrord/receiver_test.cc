@@ -31,7 +31,7 @@ class ReceiverTest : public testing::Test {
     RuleKeeper keeper(tarnd_site(dir_ / "run"), "/usr/sbin/mirrord",
                       {{a_->rule(), dir_ / "a"}, {b_->rule(), dir_ / "b"}});
     auto receiver =
-        Receiver::open(tarnd_site(dir_ / "run"), keeper, {{"a", a_.get()}, {"b", b_.get()}});
+        Receiver::open(tarnd_site(dir_ / "run"), keeper, {{"a", a_.get()}, {"b", b_.get()}}, {});
     ASSERT_TRUE(receiver.ok());
     receiver_ = std::move(*receiver);
     thread_ = std::thread([this] { receiver_->run(); });

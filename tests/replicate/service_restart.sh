@@ -80,6 +80,8 @@ signal_writers KILL
 WRITERS=()
 equal
 stop_mirrord
-# A stop is none of this: the manager keeps nothing, and another may come, which has not been sent what was before.
+# A stop is none of this: the manager keeps nothing, and another may come, with a copy of its own to make.
 start_mirrord
-stop_mirrord_after_a_loss
+wait_caught_up
+compare_trees "$T/lower" "$T/replica"
+stop_mirrord

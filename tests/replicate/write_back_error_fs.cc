@@ -8,6 +8,7 @@
 #include <map>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "tarnd/fuse/fuse_api.h"
 #include "tests/replicate/run_program.h"
@@ -58,6 +59,21 @@ struct WriteBackErrorFs::Server {
     const auto e = of(req).entry(found->second);
     fuse_reply_entry(req, &e);
   }
+  static void readdir(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_info *) {
+    Server &server = of(req);
+    std::vector<char> buffer(size);
+    std::size_t used = 0;
+    off_t next = 0;
+    for (const auto &[name, node] : server.nodes) {
+      if (next++ < offset) continue;
+      const auto st = server.attributes(node);
+      const std::size_t length =
+          fuse_add_direntry(req, buffer.data() + used, size - used, name.c_str(), &st, next);
+      if (length > size - used) break;
+      used += length;
+    }
+    fuse_reply_buf(req, buffer.data(), used);
+  }
   static void create(fuse_req_t req, fuse_ino_t, const char *name, mode_t, fuse_file_info *file) {
     Server &server = of(req);
     const fuse_ino_t node = FUSE_ROOT_ID + 1 + server.nodes.size();
@@ -94,6 +110,7 @@ WriteBackErrorFs::WriteBackErrorFs(const std::string &mountpoint, Says says)
   fuse_lowlevel_ops operations{};
   operations.init = Server::init;
   operations.lookup = Server::lookup;
+  operations.readdir = Server::readdir;
   operations.create = Server::create;
   operations.getattr = Server::getattr;
   operations.setattr = Server::setattr;

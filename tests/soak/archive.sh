@@ -64,4 +64,4 @@ old_times "$T/source" '1970-01-01 00:00:01.987654'
 rsync -aHAX --delete --no-whole-file "$T/source/" "$T/mnt/rsync/"
 rsync -aHAX --delete --no-whole-file --inplace "$T/source/" "$T/mnt/tar/"
 for copy in tar rsync; do same "$T/source" "$T/mnt/$copy"; done
-end_soak times
+end_soak

@@ -1,13 +1,12 @@
 # SPDX-License-Identifier: GPL-2.0
 # What the tests of real programs share; sourced as `. "$(dirname "$0")/common.bash"` with the build folder as $1.
 #
-# Each of these scripts starts with start_soak (a mount, a rule for all of it, mirrord), runs one program on $T/mnt
+# Each of these scripts starts with start_soak (a mount, and mirrord for all of it), runs one program on $T/mnt
 # and ends with end_soak, which holds what must be true whatever the program did. SOAK_SCALE says how much work to do:
 # 1, which takes seconds, is part of every test run; `make soak` takes more.
 
 . "$(dirname "${BASH_SOURCE[0]}")/../lib.sh"
 SCALE=${SOAK_SCALE:-1}
-STATUS_FILE="$T/mirrord.json"
 CATCH_UP_SECONDS=240
 
 require() {
@@ -23,7 +22,8 @@ take_sources() {
 }
 
 start_soak() {
-  start_replication --status-file "$STATUS_FILE"
+  start_replication
+  wait_caught_up
   TARND_PID=$(cat "$TARN_RUN_DIR/tarnd.pid")
   DESCRIPTORS=$(count_descriptors)
 }
@@ -32,21 +32,19 @@ start_soak() {
 count_descriptors() { find "/proc/$TARND_PID/fd" -type l 2>/dev/null | wc -l; }
 
 # catch_up: what programs have written through memory mappings goes down first, then the replica gets everything. It
-# fails on any gap in the numbers, any lost message and any record that could not be applied.
+# fails on any gap in the numbers, and on any record that could not be applied: what is healed then is not what the
+# records say.
 catch_up() {
   sync -f "$T/mnt"
-  mirrord --catch-up --status-file "$STATUS_FILE" --timeout $CATCH_UP_SECONDS ||
-    fail "the replica did not catch up: $(tail -n 5 "$T/mirrord.err")"
+  wait_caught_up $CATCH_UP_SECONDS
+  check_numbers
 }
 
-# compare_replica KINDS: with `times`, modification times too, for programs that set them on everything they make;
-# with `no-times` without: a write changes the time of its file, which is no change of its own in the stream.
+# compare_replica [no-times]: with `no-times` without modification times: no record tells of that of a directory in which
+# a special file was made, and without a mark none is taken from the source.
 compare_replica() {
-  if [ "$1" = no-times ]; then
-    (cd "$T/lower" && find . -mindepth 1 -printf '%P\0') >"$T/no-mtime"
-  else
-    : >"$T/no-mtime"
-  fi
+  : >"$T/no-mtime"
+  [ "${1:-}" != no-times ] || (cd "$T/lower" && find . -mindepth 1 -printf '%P\0') >"$T/no-mtime"
   compare_trees "$T/lower" "$T/replica" --no-mtime-of "$T/no-mtime" --without-special --without-link-owners
 }
 
@@ -73,26 +71,27 @@ session_is_stopped() {
   ps -eLo sid=,stat= | awk -v session="$SESSION" '$1 == session && $2 !~ /^[TZX]/ { exit 1 }'
 }
 
-# Compares the replica while the programs of the session are stopped in the middle of their work.
+# compare_midway [no-times]: compares the replica while the programs of the session are stopped in the middle of their work.
 compare_midway() {
   wait_until 60 "the programs have stopped" session_is_stopped
   catch_up
-  compare_replica no-times
+  compare_replica "$@"
   pkill -CONT --session "$SESSION"
 }
 
 # What became of the session.
 wait_beside() { wait "$SESSION" || fail "a program failed: $(head -n 5 "$T/beside.err" "$T/beside.out")"; }
 
-# soak_beside SCRIPT: runs it to its end, stops it now and then to compare, and ends the test.
+# soak_beside SCRIPT [no-times]: runs it to its end, stops it now and then to compare, and ends the test.
 soak_beside() {
   run_beside bash "$1"
+  shift
   for _ in $(seq "$SCALE"); do
     sleep 2
-    compare_midway
+    compare_midway "$@"
   done
   wait_beside
-  end_soak no-times
+  end_soak "$@"
 }
 
 # The lines that a mount, a rule and a daemon leave in the kernel log; any other is a complaint.
@@ -105,34 +104,33 @@ check_log() {
   [ -z "$lines" ] || fail "lines in the kernel log that should not be there: $lines"
 }
 
-# check_numbers [UUID]: of all rules; that one is among them.
+# All records have come, in order, and each was applied.
 check_numbers() {
-  python3 - "$STATUS_FILE" "${1:-}" <<'PY' || fail "the numbers of the records are not without gaps"
+  mirrord status --json >"$T/status.json" || true # problems are looked at here
+  python3 - "$T/status.json" <<'PY' || fail "not all records came and were applied: $(tail -n 5 "$T/mirrord.err")"
 import json, sys
-status = json.load(open(sys.argv[1]))
-wrong = ["%s %s" % (status[key], key) for key in ("lost", "malformed", "problems") if status[key]]
-for rule in status["rules"]:
-    wrong += ["%s %s" % (rule[key], key) for key in ("gaps", "duplicates", "failures", "stopped") if rule[key]]
-    if not 0 < rule["last_wseq"] <= rule["messages"]:
-        wrong.append("%d messages up to number %d" % (rule["messages"], rule["last_wseq"]))
-    print("rule %s: %d records, %.1f MB" % (rule["uuid"], rule["last_wseq"], rule["bytes"] / 1e6))
-if not any(rule["uuid"] == sys.argv[2] for rule in status["rules"]) and (sys.argv[2] or not status["rules"]):
-    wrong.append("no record of the rule")
+source, = json.load(open(sys.argv[1]))["sources"]
+target, = source["targets"]
+wrong = ["%s %s" % (source[key], key) for key in ("gaps", "stopped") if source[key]]
+wrong += ["%s %s of the target" % (target[key], key) for key in ("gaps", "failures", "skipped") if target[key]]
+if not 0 < source["captured"] <= source["logged"]:
+    wrong.append("%d messages up to number %d" % (source["logged"], source["captured"]))
+print("%d records, %d messages" % (source["captured"], source["logged"]))
 if wrong:
     sys.exit(", ".join(wrong))
 PY
+  if grep -E 'malformed|too long' "$T/mirrord.err"; then fail "a message was none"; fi
 }
 
 memory_is_back() { [ "$(count_descriptors)" -le $((DESCRIPTORS + 8)) ]; }
 
-# end_soak KINDS: the replica is identical, nothing was lost or complained about, and when everything is removed
+# end_soak [no-times]: the replica is identical, nothing was lost or complained about, and when everything is removed
 # nothing of it stays in memory.
 end_soak() {
   catch_up
-  compare_replica "$1"
+  compare_replica "$@"
   find "$T/mnt" -mindepth 1 -delete
   catch_up
-  check_numbers
   check_log
   [ -z "$(find "$T/lower" "$T/replica" -mindepth 1 -print -quit)" ] || fail "something was not removed"
   wait_until 20 "tarnd has forgotten what was removed" memory_is_back

@@ -26,4 +26,4 @@ verify direct --ioengine=psync --rw=randwrite --bs=4k --direct=1
 verify mmap --ioengine=mmap --rw=randwrite --bs=4k --fsync=64
 verify libaio --ioengine=libaio --rw=randwrite --bs=16k --iodepth=8
 verify libaio-direct --ioengine=libaio --rw=randwrite --bs=16k --iodepth=8 --direct=1
-end_soak no-times
+end_soak

@@ -18,4 +18,4 @@ for n in $(seq $FILES); do
   cmp "$T/mnt/shared-$n" "$T/lower/shared-$n"
   cmp "$T/mnt/shared-$n" "$T/replica/shared-$n"
 done
-end_soak no-times
+end_soak

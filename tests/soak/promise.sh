@@ -8,6 +8,7 @@
 # Without options it is short and one worker does the same each time: with several it still finds, once in a quarter of
 # an hour, a difference that nothing declares, which a test of every run must not.
 . "$(dirname "$0")/common.bash"
+. "$(dirname "$0")/../replicate/service.bash"
 require python3
 [ "$(id -u)" -eq 0 ] || { echo "skipped: only root can be somebody else" >&2; exit 77; }
 OUTPUT="$BUILD/soak/promise"
@@ -35,27 +36,27 @@ mkdir -m 1777 "$T/journals"
 chmod 777 "$T/lower/source"
 tarn mount "$T/lower" "$T/mnt"
 tarn mount "$T/lower" "$T/second"
-tarn rule add --include "$T/lower/source" --exclude "$T/lower/source/excluded" \
-  --exclude "$T/lower/source/nest-a/private" >/dev/null
-before=$(helo_count)
-setsid mirrord --source "$T/lower/source" --replica "$T/replica" --status-file "$STATUS_FILE" \
-  2>>"$T/mirrord.err" &
-MIRRORD_PID=$!
-wait_until 10 "mirrord is registered" eval '[ "$(helo_count)" -gt '"$before"' ]'
+cat >"$CONFIG" <<EOF
+[[source]]
+name = "data"
+directory = "$T/lower/source"
+exclude = ["excluded", "nest-a/private"]
+[[source.target]]
+name = "replica"
+directory = "$T/replica"
+EOF
+start_service
 
 FAILED_RUN=yes
 status=0
 PYTHONPATH="$HERE/soak" PYTHONDONTWRITEBYTECODE=1 nice -n 10 python3 -m promise \
-  --directory "$T" --status-file "$STATUS_FILE" --mirrord-log "$T/mirrord.err" --journals "$T/journals" \
+  --directory "$T" --socket "$SOCKET" --pid "$SERVICE_PID" --mirrord-log "$T/service.err" --journals "$T/journals" \
   --output "$OUTPUT" "${OPTIONS[@]}" || status=$?
 if [ $status -ne 0 ]; then
   tarn log >"$T/kernel.log" 2>/dev/null || true
   fail "the promise was not kept"
 fi
 FAILED_RUN=
-# It ends with 1 when it has declared something.
-kill "$MIRRORD_PID"
-wait "$MIRRORD_PID" || [ $? -eq 1 ] || fail "mirrord did not end as it should"
-MIRRORD_PID=
+stop_service
 tarn umount "$T/second"
 tarn umount "$T/mnt"

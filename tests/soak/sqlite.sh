@@ -73,4 +73,4 @@ run_journal() {
 
 start_soak
 for mode in delete persist truncate wal; do run_journal $mode; done
-end_soak no-times
+end_soak

@@ -8,7 +8,7 @@ require git fio stress-ng
 start_soak
 mkdir "$T/upper"
 tarn mount "$T/mnt" "$T/upper"
-tarn rule add --include "$T/mnt" 2>/dev/null >"$T/upper-rule"
+tarn rule add --include "$T/mnt" 2>/dev/null
 take_sources
 
 git init -q "$T/upper/git"
@@ -27,6 +27,5 @@ stress-ng --temp-path "$T/upper/stress" --timeout $((2 * SCALE)) --quiet --verif
 
 catch_up
 diff -r --no-dereference "$T/upper" "$T/lower"
-check_numbers "$(cat "$T/upper-rule")"
 tarn umount "$T/upper"
-end_soak no-times
+end_soak

@@ -33,4 +33,4 @@ start_soak
 chmod 755 "$T"
 mkdir "$T/mnt/root"
 install -d -o 65534 -g 65534 "$T/mnt/user"
-soak_beside "$T/programs"
+soak_beside "$T/programs" no-times

@@ -1,12 +1,10 @@
 # SPDX-License-Identifier: GPL-2.0
 """What mirrord and the module have said of losses: which differences they declare.
 
-A difference is declared when
+mirrord heals what it has missed, so a gap explains no difference. One is declared when
 - a message of mirrord names the object, by any name that it had in this round, or names a directory above it in a
   record that makes, moves or removes that directory; or
-- a line of the module's log names it: the record of a path that is too long to be sent; or
-- numbers of records are missing for which no log line names a path (messages were lost), and something was done to the
-  object between the last time that mirrord was known to have everything and the message that said so.
+- a line of the module's log names it: the record of a path that is too long to be sent.
 """
 import os
 import re
@@ -15,7 +13,6 @@ import time
 
 from . import names
 
-GAP = re.compile(rb"GAP: records (\d+) to (\d+) are missing")
 ABOUT_ATTRIBUTES = re.compile(rb"\((setattr|write) ")
 LONG_PATH = 3900  # shorter ones have records
 BOUNDARY = b" ):,;\"'\n"
@@ -69,31 +66,11 @@ def names_path(line, text):
 class Declared:
     """The messages of one round."""
 
-    def __init__(self, lower, replica, lines, log, barriers, start):
+    def __init__(self, lower, replica, lines, log):
         self.lower, self.replica = lower, replica
         self.lines = lines
         self.text = b"\n".join(line for _, line in lines) + b"\n"
         self.log = [line[line.find(lower + b"/"):].rstrip(b"'\". ") for line in log]
-        self.barriers, self.start = barriers, start
-        self.windows = self._windows()
-
-    def _windows(self):
-        """Times in which messages were lost of which nothing is known but their number."""
-        losses, numbers = [], 0
-        for when, line in self.lines:
-            gap = GAP.search(line)
-            if gap:
-                numbers += int(gap[2]) - int(gap[1]) + 1
-                losses.append(when)
-            elif b"GAP" in line or b"LOST" in line:
-                numbers += 1
-                losses.append(when)
-        if numbers <= len(self.log):
-            return []
-        return [(max([b for b in self.barriers if b < when], default=self.start), when) for when in losses]
-
-    def lost_time(self):
-        return sum(until - since for since, until in set(self.windows))
 
     def by_log(self, path):
         whole = self.lower + b"/" + path
@@ -114,7 +91,7 @@ class Declared:
                         return line
         return None
 
-    def why(self, trace, paths, history):
+    def why(self, paths):
         """What declares a difference of an object that went by these paths in the source; None if nothing does."""
         for path in paths:
             line = self.by_message(path)
@@ -122,7 +99,4 @@ class Declared:
                 return line.decode("utf-8", "replace")
             if self.by_log(path):
                 return "a line of the module's log"
-        for since, until in self.windows:
-            if history.touched(trace, since, until):
-                return "messages that were lost at that time"
         return None

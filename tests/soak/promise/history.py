@@ -136,7 +136,3 @@ class History:
                   if any(step.began <= one.ended + BESIDE and step.ended >= one.began - BESIDE for one in own)]
         known = set(map(id, own))
         return sorted(own + [step for step in beside if id(step) not in known], key=lambda step: step.began)
-
-    def touched(self, trace, since, until):
-        """Was something done to it in this time?"""
-        return any(step.began <= until and step.ended >= since for step in self.own(trace) + self.above(trace))

@@ -16,7 +16,7 @@ class Round:
         self.undeclared, self.accepted = undeclared, accepted
 
     def stopped(self):
-        return [line for _, line in self.said.lines if b"STOPPED" in line]
+        return [line for _, line in self.said.lines if b"has stopped capturing" in line]
 
 
 def say(text=""):
@@ -27,6 +27,11 @@ def progress(coordinator, judged):
     say("promise: round %d: %d calls so far, %d entries, %d differences declared, %d not; %d messages of mirrord" %
         (judged.number, coordinator.calls, judged.entries, len(judged.accepted), len(judged.undeclared),
          len(judged.said.lines)))
+
+
+def is_zombie(pid):
+    with open("/proc/%d/stat" % pid, encoding="utf-8", errors="replace") as f:
+        return f.read().rpartition(")")[2].split()[0] == "Z"
 
 
 def stack(pid):

@@ -43,7 +43,7 @@ def parse(arguments=None):
     parser.add_argument("--without", default="", metavar="GROUP,...", help="all groups but these")
     parser.add_argument("--hang", type=float, default=60, help="a call that lasts longer is stuck (60 s)")
     parser.add_argument("--catch-up", type=float, default=240, help="how long mirrord may take to catch up (240 s)")
-    for name in ("directory", "status-file", "mirrord-log", "journals", "output"):
+    for name in ("directory", "socket", "pid", "mirrord-log", "journals", "output"):
         parser.add_argument("--" + name, required=True, help=argparse.SUPPRESS)
     given = parser.parse_args(arguments)
     for group in given.only.split(",") + given.without.split(","):
@@ -65,7 +65,7 @@ class Settings:
         self.lower_length = len(self.lower)
         self.mounts = [directory + b"/mnt", directory + b"/second"]
         self.third = directory + b"/third"
-        self.status_file, self.mirrord_log = given.status_file, given.mirrord_log
+        self.socket, self.pid, self.mirrord_log = given.socket, int(given.pid), given.mirrord_log
         self.journals, self.output = given.journals, given.output
         own = [b"own-%d" % index for index in range(self.workers)]
         zones = [names.SOURCE]

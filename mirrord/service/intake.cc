@@ -21,6 +21,11 @@ constexpr std::chrono::milliseconds kWriteInterval{500};
 /* Records of before the clock was set may come so long after it. */
 constexpr std::chrono::seconds kOldRecords{60};
 
+std::string without_clock(Json document) {
+  document.erase("clock");
+  return document.dump();
+}
+
 }  // namespace
 
 Result<std::unique_ptr<Intake>> Intake::open(Options options) {
@@ -58,6 +63,10 @@ Result<void> Intake::load() {
   }
   if (*document) {
     try {
+      {
+        const MutexLock one_at_a_time(save_mutex_);
+        written_ = without_clock(**document);
+      }
       from = read_document_fields(**document);
       other_rule = (*document)->value("rule_text", options_.rule_text) != options_.rule_text;
     } catch (const Json::exception &error) {
@@ -343,7 +352,11 @@ Result<void> Intake::save() {
     if (pending_gap_) json["pending_gap"] = {{"since", pending_gap_->since}};
   }
   if (const auto synced = log_->sync(); !synced) return synced;
-  return write_document(options_.directory + "/received.json", json);
+  const std::string all_but_clock = without_clock(json);
+  if (all_but_clock == written_) return {};  // an earlier time does as well
+  auto written = write_document(options_.directory + "/received.json", json);
+  if (written) written_ = all_but_clock;
+  return written;
 }
 
 /* Also tries whether there is room for the gap now: no record may follow for long. It makes no room

@@ -120,6 +120,7 @@ class Intake {
   Uuid rule_;
   std::function<bool()> make_room_;
   Mutex save_mutex_; /* one thread at a time writes the document; taken before mutex_ */
+  std::string written_ GUARDED_BY(save_mutex_); /* what the document has, but for the clock */
   mutable Mutex mutex_;
   Received received_ GUARDED_BY(mutex_);
   std::optional<GapEntry> pending_gap_

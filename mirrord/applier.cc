@@ -20,6 +20,11 @@ constexpr int kLinkRounds = 4;
 
 const Error kAbsent{-ENOENT, "No such file or directory"};
 
+/* Something else may have taken the place of a directory on the path. */
+bool leads_nowhere(const Error &error) {
+  return error.code == -ENOENT || error.code == -ENOTDIR;
+}
+
 }  // namespace
 
 /* One function per kind of change; each returns the replica's result, or nothing if the change is
@@ -145,7 +150,7 @@ struct Applier::Visitor {
     if (!follows && !reconciler.follows_source(*existing)) return link_as_recorded(*existing, path);
     if (follows && !reconciler.follows_source(*existing)) {
       const auto gone = replica.remove_tree(path);
-      if (!gone && gone.error().code != -ENOENT) return gone;
+      if (!gone && !leads_nowhere(gone.error())) return gone;
       if (replica.link(*existing, path)) {
         reconciler.linked(*existing, path);
         reconciler.assume_linked(*existing, path);
@@ -198,10 +203,10 @@ struct Applier::Visitor {
     // compared with the source in any case.
     if (*mine && (clean || !*found)) {
       const auto gone = replica.remove_tree(to);
-      if (!gone && gone.error().code != -ENOENT) return gone;
+      if (!gone && !leads_nowhere(gone.error())) return gone;
       reconciler.fetcher().origins().removed(to);
       const auto done = replica.rename(from, to);
-      if (!done && done.error().code != -ENOENT) return done;
+      if (!done && !leads_nowhere(done.error())) return done;
       if (done) reconciler.fetcher().origins().moved(from, to);
     }
     if (!clean || !*mine) {

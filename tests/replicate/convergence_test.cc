@@ -74,6 +74,7 @@ TEST_P(ConvergenceTest, the_replica_is_like_the_source_in_the_end) {
   const char *many = std::getenv("CONVERGENCE_SEEDS");
   const unsigned count = many ? static_cast<unsigned>(std::atoi(many)) : one ? 1 : 30;
   for (unsigned seed = first; seed < first + count && !HasFailure(); ++seed) run(seed);
+  if (!one) run(1022);  // a rename below what was a directory, and is a pipe by now
 }
 
 INSTANTIATE_TEST_SUITE_P(Lags, ConvergenceTest,

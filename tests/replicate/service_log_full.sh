@@ -21,7 +21,9 @@ equal second
 # More is written than the log takes while one target is paused.
 verb pause data/second
 for i in $(seq 100); do head -c 1M /dev/urandom >"$T/mnt/big$((i % 5))"; done
-equal_first() { verb wait data/replica --timeout 120 && python3 "$HERE/replicate/tree_compare.py" "$T/lower" "$T/replica"; }
+equal_first() {
+  verb wait data/replica --timeout 120 && python3 "$HERE/replicate/tree_compare.py" "$T/lower" "$T/replica"
+}
 equal_first || fail "the target that follows waits for the one that is paused"
 verb resume data/second
 equal second

@@ -221,6 +221,7 @@ void Intake::watch_clock_locked() {
     set_back_ = std::chrono::steady_clock::now();
     clock_ = now;
     ++received_.set_backs;
+    if (pending_gap_) pending_gap_->since = kSinceEver;
     say(Level::kNotice, options_.name, "the clock was set back");
   }
   if (set_back_ != std::chrono::steady_clock::time_point{} &&

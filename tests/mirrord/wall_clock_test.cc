@@ -109,6 +109,18 @@ TEST_F(ClockSetBack, a_walk_that_was_asked_for_before_looks_for_everything) {
   expect_equal_trees();
 }
 
+TEST_F(ClockSetBack, a_gap_that_is_read_afterwards_reaches_back_for_ever) {
+  start();
+  expect_equal_trees();
+  stop();
+  // Declared while the clock was ahead.
+  ASSERT_TRUE(intake_->append(EntryKind::kGap, encode(GapEntry{now_us() + kHour, "test"})).ok());
+  write_unseen("g", "unseen");
+  set_back_while_closed();
+  start();
+  expect_equal_trees();
+}
+
 /* The records of before the mark tell that their files had been changed before it. */
 TEST_F(ClockSetBack, a_mark_whose_time_is_before_its_records_compares_their_files) {
   start();

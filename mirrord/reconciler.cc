@@ -95,36 +95,55 @@ Result<Done> Reconciler::take_from_source(const std::string &path,
   return Done::kChanged;
 }
 
+/* How many names of a source's object are known here. */
+Result<nlink_t> Reconciler::known_names(const struct stat &status) {
+  nlink_t known = 0;
+  for (const std::string &path : fetcher_.origins().paths_of(status)) {
+    const auto there = source_.find(path);
+    if (!there && is_away(there.error())) return there.error();
+    known += there && *there && same_object((*there)->status, status);
+  }
+  return known + (!other_name_.empty() && source_.has_name(status, other_name_) ? 1 : 0);
+}
+
 /* A fetched file may be a link to a file that the replica already has under another name. If links
  * of a file are unknown, the whole source is searched for them: directories are read, but no inodes
- * except of matches. */
+ * except of matches. Names outside the source are never found; a name that comes changes the
+ * object's change time. */
 Result<void> Reconciler::reconcile_other_names() {
   if (reconciling_names_) return {};
   Fetcher::Objects wanted;
   for (const auto &[object, status] : fetcher_.take_multiply_linked()) {
-    nlink_t known = 0;
-    for (const std::string &path : fetcher_.origins().paths_of(status)) {
-      const auto there = source_.find(path);
-      if (!there && is_away(there.error())) return there.error();
-      known += there && *there && same_object((*there)->status, status);
-    }
-    known += !other_name_.empty() && source_.has_name(status, other_name_);
-    if (known < status.st_nlink) wanted[object] = status;
+    const auto known = known_names(status);
+    if (!known) return known.error();
+    const auto searched = searched_.find(object);
+    const bool in_vain = searched != searched_.end() && *known >= searched->second.known &&
+                         same_time(searched->second.changed, status.st_ctim);
+    if (*known < status.st_nlink && !in_vain) wanted[object] = status;
   }
   if (wanted.empty()) return {};
   std::vector<std::string> found;
   if (const auto searched = find_names("", wanted, found); !searched) return searched;
   reconciling_names_ = true;
   Result<void> first;
+  bool all = true;
   for (const std::string &path : found) {
     const auto above = replica_.find(parent_of(path));
     // The record that creates its directory has not arrived yet.
-    if (above && (!*above || !S_ISDIR((*above)->st_mode))) continue;
+    if (above && (!*above || !S_ISDIR((*above)->st_mode))) {
+      all = false;
+      continue;
+    }
     auto reconciled = reconcile(path);
     if (first.ok() && !reconciled) first = reconciled.error();
   }
   reconciling_names_ = false;
   fetcher_.take_multiply_linked();
+  if (searched_.size() + wanted.size() > CopyOrigins::kMost) searched_.clear();
+  for (const auto &[object, status] : wanted) {
+    if (const auto known = known_names(status); all && first && known)
+      searched_[object] = {status.st_ctim, *known};
+  }
   return first;
 }
 

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdint>
 #include <limits>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -125,6 +126,7 @@ class Reconciler {
   Result<Replica::Done> take_from_source(const std::string &path,
                                          const std::optional<Source::Object> &found);
   Result<void> recheck(const std::string &path);
+  Result<nlink_t> known_names(const struct stat &status);
   Result<void> reconcile_other_names();
   Result<void> find_unrecorded_below(const std::string &directory, std::int64_t since,
                                      std::int64_t until);
@@ -148,6 +150,11 @@ class Reconciler {
   std::set<std::string> failed_; /* could not be compared or copied */
   std::uint64_t unrecorded_since_ = kNever;
   std::vector<std::string> recheck_later_; /* changed after `until`: checked by the next call */
+  struct Searched {
+    timespec changed;
+    nlink_t known;
+  };
+  std::map<CopyOrigins::Object, Searched> searched_; /* source's objects, for other names */
   bool reconciling_names_ = false;
   std::string other_name_;
   Fetcher::Included included_ = [](const std::string &) { return true; };

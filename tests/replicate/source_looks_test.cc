@@ -162,6 +162,26 @@ TEST_F(SourceLooksTest, a_name_outside_the_rule_is_watched) {
   EXPECT_EQ(status(copy("in")).st_mtim.tv_nsec / 1000, status(src("in")).st_mtim.tv_nsec / 1000);
 }
 
+/* The whole source is searched for the other names of a file; one that lies outside is never found.
+ */
+TEST_F(SourceLooksTest, a_search_for_names_in_vain_is_not_repeated_until_the_file_changes) {
+  both("in/f", "one");
+  fs::create_hard_link(src("in/f"), src("in/out/f"));
+  const auto searches = [this] {
+    const timespec old[2] = {{946684800, 0}, {0, UTIME_OMIT}};
+    EXPECT_EQ(utimensat(AT_FDCWD, src("in/d").c_str(), old, 0), 0);
+    EXPECT_TRUE(applier_->look_at("in/f").ok());
+    return status(src("in/d")).st_atim.tv_sec != old[0].tv_sec;
+  };
+  applier_->know_rule({});
+  if (!searches()) GTEST_SKIP() << "no times of access here";
+  EXPECT_FALSE(searches());
+  fs::create_hard_link(src("in/f"), src("in/d/g"));
+  EXPECT_TRUE(searches());
+  EXPECT_EQ(status(copy("in/d/g")).st_ino, status(copy("in/f")).st_ino);
+  EXPECT_FALSE(searches());
+}
+
 TEST_F(SourceLooksTest, what_was_changed_outside_before_the_next_link_is_seen) {
   both("in/f", "old");
   fs::create_hard_link(src("in/f"), src("in/out/f"));

@@ -352,7 +352,7 @@ def main():
     args = parser.parse_args()
     done = measure(args.build, args.rounds, args.part, args.disk, args.parts.split(","), args.only.split(","))
     if args.busy:
-        done.busy = "The machine was busy with other things: ratios count. "
+        done.busy = "\n\nThe machine was busy with other things: ratios count."
     text = "\n".join(replication_tables.tables(done, table))
     print(text)
     if args.output:

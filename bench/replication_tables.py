@@ -10,13 +10,13 @@ BEFORE = """
 `cmake --build build/release --target count_records tarnd tarn mirrord`, then
 `python3 bench/replication.py build/release --output docs/benchmarks.md`.
 
-Measured {when} with {cores}, {rounds} rounds; a figure is the median, and those of a line are of one run. {busy}The
-file systems are tmpfs and {disk}; source, target and log lie on the same one. mirrord is the service with its log;
-programs change the source through the mount. lsyncd 2.2 starts rsync one second after a change, the smallest delay that
-works (with 0 it leaves alone what changes while its rsync runs; its own setting is 15 seconds); programs change its
-source directly. "Equal after" is the time from the last call of the program until nothing in the target changed any
-more, and an independent comparison then found both trees equal; it is told by change times, in steps of 4 ms.
-Processor: seconds of mirrord + `tarnd`, which serves the mount, and of lsyncd with all its rsyncs.
+Measured {when} with {cores}, rounds: {rounds}; a figure is the median, and those of a line are of one run. The file
+systems are tmpfs and {disk}; source, target and log lie on the same one. mirrord is the service with its log; programs
+change the source through the mount. lsyncd 2.2 starts rsync one second after a change, the smallest delay that works
+(with 0 it leaves alone what changes while its rsync runs; its own setting is 15 seconds); programs change its source
+directly. "Equal after" is the time from the last call of the program until nothing in the target changed any more, and
+an independent comparison then found both trees equal; it is told by change times, in steps of 4 ms. Processor: seconds
+of mirrord + `tarnd`, which serves the mount, and of lsyncd with all its rsyncs.{busy}
 """
 CHANGES = {"create": "{files} files of 1 KiB created", "overwrite": "the same overwritten",
            "rename": "a directory of {renamed} files renamed", "inside": "4 KiB written inside a file of 512 MiB",

@@ -9,6 +9,7 @@
 # make bench  measure, and keep the tables in docs/benchmarks.md; PASSTHROUGH_HP=FILE: also on libfuse's passthrough_hp,
 #             whose source Debian does not have
 # make deb    Debian packages in build/packages, checked by lintian
+# make test-packages  install, use, upgrade and remove those in a Debian of their own, by docs/guide.md; as root
 # KDIR=...    with check: also build the module for a built Linux 2.6.18 tree, and check what is in it
 
 SHELL := /bin/bash
@@ -18,7 +19,7 @@ FUZZ_SECONDS ?= 60
 SOAK_SCALE ?= 10
 TESTJOBS ?= $(shell echo $$(( 2 * $$(nproc) )))
 
-.PHONY: all deps demo test test-asan test-tsan one check fuzz soak bench deb install clean
+.PHONY: all deps demo test test-asan test-tsan one check fuzz soak bench deb test-packages install clean
 
 # What is shipped; tests build in their own folders.
 all: build/release/build.ninja
@@ -71,6 +72,10 @@ bench:
 deb:
 	@tools/deps.sh deb
 	@tools/deb.sh
+
+test-packages:
+	@tools/deps.sh packages
+	@tools/test_packages.sh
 
 install: all
 	cmake --install build/release --prefix $(PREFIX)

@@ -1,8 +1,8 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
 # Installs the Debian 12 packages that building, testing and the demo need; with an argument also those of the presubmit
-# checks (`check`), of the benchmarks (`bench`), of Debian packages (`deb`) or of the tests in a real kernel (`guest`). Does
-# nothing when all are there.
+# checks (`check`), of the benchmarks (`bench`), of Debian packages (`deb`), of their test (`packages`) or of the tests in a real
+# kernel (`guest`). Does nothing when all are there.
 set -euo pipefail
 
 packages=(
@@ -15,6 +15,7 @@ packages=(
 [ "${1:-}" != check ] || packages+=(clang-format clang-tidy g++-aarch64-linux-gnu shellcheck)
 [ "${1:-}" != bench ] || packages+=(bindfs libbenchmark-dev libhyperscan-dev liblmdb-dev libre2-dev libsqlite3-dev lsyncd postgresql)
 [ "${1:-}" != deb ] || packages+=(debhelper fakeroot lintian)
+[ "${1:-}" != packages ] || packages+=(mmdebstrap systemd-container)
 [ "${1:-}" != guest ] || packages+=(cpio gcc-12-source musl-tools qemu-system-x86)
 
 missing=()

@@ -5,9 +5,9 @@
     guide.py DOCUMENT COMMAND...     COMMAND is a shell that reads from its standard input
 
 In blocks of ```console a line that begins with "# " is a command; the lines up to the next one are what it prints, on both
-outputs. "..." stands for any text within a line, and on a line of its own for any number of lines. Blanks are alike, however
-many. A command exits with 0 unless "(exit status N)" is the last line. What only looks, or waits, is tried again for a while
-when it says something else: a document says "then you see", not "at once".
+outputs. "..." stands for any text within a line, and on a line of its own for any number of lines. Blanks are alike,
+however many. A command exits with 0 unless "(exit status N)" is the last line. What only looks, or waits, is tried again
+for a while when it says something else: a document says "then you see", not "at once".
 """
 import os
 import re

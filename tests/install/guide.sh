@@ -1,8 +1,9 @@
 #!/bin/bash
 # SPDX-License-Identifier: GPL-2.0
 # docs/guide.md: each command in it is typed and prints what the guide says, with the programs and the files as they are
-# installed. A mount namespace of the test's own has the directories that the guide names; stand-ins do what apt and systemctl
-# would: the installation is there, and the units' commands are started as they say.
+# installed. A mount namespace of the test's own has the directories that the guide names; stand-ins do what apt and
+# systemctl would: the installation is there, and the units' commands are started as they say. `make test-packages` does the
+# same with Debian's own.
 if [ "${TARN_TEST_NAMESPACE:-}" != 1 ]; then
   [ "$(id -u)" -eq 0 ] || { echo "skipped: only root can have a mount namespace"; exit 77; }
   TARN_TEST_NAMESPACE=1 exec unshare --mount --propagation private bash "$0" "$@"
@@ -66,7 +67,10 @@ export TARN_RUN_DIR=/run/tarn # what lib.sh ends
 env -u TARN_RUN_DIR python3 "$HERE/install/guide.py" "$HERE/../docs/guide.md" bash
 
 # All that the guide refers to is there.
-grep -o '](\([a-z_]*\.md\)\?#[a-z-]*)' "$HERE/../docs/guide.md" | tr -d '()]' | sort -u | while IFS='#' read -r file heading; do
-  sed -n 's/^#\+ //p' "$HERE/../docs/${file:-guide.md}" | tr '[:upper:]' '[:lower:]' | tr -cd 'a-z0-9_ \n-' | tr ' ' '-' |
-    grep -qx -- "$heading" || fail "the guide refers to ${file:-guide.md}#$heading, which is not there"
-done
+DOCS=$HERE/../docs
+grep -o '](\([a-z_]*\.md\)\?#[a-z-]*)' "$DOCS/guide.md" | tr -d '()]' | sort -u >"$T/links"
+[ "$(wc -l <"$T/links")" -ge 5 ] || fail "the guide refers to nothing"
+while IFS='#' read -r file heading; do
+  sed -n 's/^#\+ //p' "$DOCS/${file:-guide.md}" | tr '[:upper:]' '[:lower:]' | tr -cd 'a-z0-9_ \n-' | tr ' ' '-' >"$T/headings"
+  grep -qx -- "$heading" "$T/headings" || fail "the guide refers to ${file:-guide.md}#$heading, which is not there"
+done <"$T/links"

@@ -7,9 +7,9 @@ set -euo pipefail
 
 packages=(
   attr binutils build-essential clang cmake coreutils e2fsprogs fio fuse3 git groff-base libclang-rt-14-dev
-  libcli11-dev libfmt-dev libfuse3-dev libgtest-dev libmount-dev librapidcheck-dev libspdlog-dev libsystemd-dev
+  libcli11-dev libfmt-dev libfuse3-dev libgtest-dev libmount-dev libnats-dev librapidcheck-dev libspdlog-dev libsystemd-dev
   libtomlplusplus-dev libxxhash-dev libzstd-dev man-db mandoc mount
-  ninja-build nlohmann-json3-dev pkg-config procps python3 rsync sqlite3
+  nats-server ninja-build nlohmann-json3-dev openssl pkg-config procps python3 rsync sqlite3
   stress-ng systemd tar util-linux zsh
 )
 [ "${1:-}" != check ] || packages+=(clang-format clang-tidy g++-aarch64-linux-gnu shellcheck)

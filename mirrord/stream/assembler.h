@@ -43,6 +43,8 @@ class Assembler {
 
   const std::optional<StreamPosition> &next() const { return next_; }
   const std::optional<StreamHole> &hole() const { return hole_; }
+  /* Has a part of the entry at next() come? */
+  bool partial() const { return !pieces_.empty(); }
 
   /*
    * The message's entries that are new, often none; views that are valid until the next call, and
@@ -53,6 +55,9 @@ class Assembler {
 
   /* Declares a hole that was found without a message. */
   void stop_at(StreamHole hole) { hole_ = std::move(hole); }
+
+  /* What is missing may still come. */
+  void forget_hole() { hole_.reset(); }
 
   /* Goes on behind the hole, which the caller has taken care of. */
   void go_on();

@@ -29,6 +29,7 @@ Packer::Packer(const Uuid &log, std::uint32_t run, std::size_t message_max, Pack
 bool Packer::add(const LogEntry &entry) {
   const std::size_t need = sizeof(MessageEntryHeader) + entry.payload.size();
   if (need > body_max_ - body_.size()) return false;
+  if (entries_ != 0 && entry.position != first_ + entries_) return false;
   if (entries_ == 0) first_ = entry.position;
   ++entries_;
   const MessageEntryHeader head = entry_head(entry);

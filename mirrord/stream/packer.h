@@ -24,8 +24,8 @@ class Packer {
   Packer(const Uuid &log, std::uint32_t run, std::size_t message_max, Packing packing);
 
   bool empty() const { return entries_ == 0; }
-  /* False: there is no room for it in this message; in an empty one: it needs pieces. Entries
-   * follow each other without holes. */
+  /* False: it does not follow what was added, or there is no room for it; in an empty message: it
+   * needs pieces. */
   bool add(const LogEntry &entry);
   /* What was added; the next message is empty. */
   PackedMessage take();

@@ -16,6 +16,7 @@
 
 #include "base/mount_table.h"
 #include "base/result.h"
+#include "mirrord/stream/stream_config.h"
 
 namespace tarn {
 
@@ -24,11 +25,19 @@ struct TargetConfig {
   int line = 0;                    /* where it begins in the file */
 };
 
+/* A target on other hosts, which a stream leads to. */
+struct StreamTargetConfig {
+  std::string name{};
+  StreamConfig stream{};
+  int line = 0;
+};
+
 struct SourceConfig {
   std::string name{}, directory{};    /* the lower directory; absolute, canonical */
   std::vector<std::string> exclude{}; /* absolute paths below the directory */
   std::vector<TargetConfig> targets{};
-  std::uint64_t log_limit = std::uint64_t{1} << 30;                   /* bytes */
+  std::vector<StreamTargetConfig> streams{};        /* with the targets at least one */
+  std::uint64_t log_limit = std::uint64_t{1} << 30; /* bytes */
   std::uint64_t walk_files_per_second = 0, copy_bytes_per_second = 0; /* 0: no limit */
   int line = 0;
 };

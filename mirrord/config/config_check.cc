@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // What only the machine tells about a configuration.
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -184,6 +185,19 @@ class Check {
   std::vector<Error> problems_{};
 };
 
+/* The files of a stream, which are read when it is connected. */
+void note_files(const Config &config, const StreamTargetConfig &target,
+                std::vector<std::string> &notes) {
+  const StreamConfig &stream = target.stream;
+  for (const std::string *file :
+       {&stream.credentials, &stream.ca, &stream.certificate, &stream.key}) {
+    if (file->empty() || access(file->c_str(), R_OK) == 0) continue;
+    const Error error = system_error(errno, fmt::format("{} cannot be read", printable(*file)));
+    notes.push_back(
+        line_about(config, target.line, error.text + "; expected a file that mirrord may read"));
+  }
+}
+
 }  // namespace
 
 std::vector<MountEntry> machine_mount_table() {
@@ -219,6 +233,9 @@ Result<void> check_target(const Config &config, const TargetConfig &target,
 std::vector<std::string> config_notes(const Config &config) {
   std::vector<std::string> notes;
   for (const SourceConfig &source : config.sources) {
+    for (const StreamTargetConfig &target : source.streams) note_files(config, target, notes);
+  }
+  for (const SourceConfig &source : config.sources) {
     for (const TargetConfig &target : source.targets) {
       const int err = look_up_directory(target.directory);
       if (err == 0 || err == ENOTDIR) continue;
@@ -250,7 +267,8 @@ int check_command(const std::string &file) {
   for (const std::string &line : lines) std::cerr << line + "\n";
   if (!lines.empty()) return 1;
   std::size_t targets = 0;
-  for (const SourceConfig &source : read.config.sources) targets += source.targets.size();
+  for (const SourceConfig &source : read.config.sources)
+    targets += source.targets.size() + source.streams.size();
   std::cout << fmt::format("{}: {} sources, {} targets: good\n", printable(file),
                            read.config.sources.size(), targets)
             << std::flush;

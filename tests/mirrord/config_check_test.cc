@@ -273,9 +273,10 @@ class CheckCommandTest : public ConfigCheckTest {
 
 TEST_F(CheckCommandTest, says_all_that_is_wrong_or_that_it_is_good) {
   EXPECT_EQ(check(source_text("ta")), "0|D/m.toml: 1 sources, 2 targets: good\n|");
-  EXPECT_EQ(check(source_text("ta") + "x = 1\n[log]\nlimit = 1\n"),
-            "1||D/m.toml:10: [[source.target]] has no key x; expected one of name, directory\n"
-            "D/m.toml:12: limit 1 is too small; expected at least 64 MiB\n");
+  EXPECT_EQ(
+      check(source_text("ta") + "x = 1\n[log]\nlimit = 1\n"),
+      "1||D/m.toml:10: [[source.target]] has no key x; expected one of kind, name, directory\n"
+      "D/m.toml:12: limit 1 is too small; expected at least 64 MiB\n");
   EXPECT_EQ(check(source_text("a/sub")),
             "1||D/m.toml:4: the target D/a/sub lies inside the source D/a: it would be replicated "
             "into itself: choose another directory\n");

@@ -124,6 +124,73 @@ TEST_F(ConfigTest, every_key_is_read) {
   EXPECT_EQ(second.targets[0].directory, "/no/three");
 }
 
+constexpr char kSourceOfStream[] =
+    "[[source]]\nname = \"data\"\ndirectory = \"/no/data\"\n"
+    "[[source.target]]\nkind = \"nats\"\nname = \"others\"\n";
+
+TEST_F(ConfigTest, a_stream_is_a_target) {
+  const Config config = good(std::string(kSourceOfStream) +
+                             "servers = [\"tls://a.example:4222\", \"nats://b.example:4222\"]\n"
+                             "stream = \"Data_1\"\n"
+                             "credentials = \"/no/user.creds\"\n"
+                             "ca = \"/no/ca.pem\"\n"
+                             "certificate = \"/no/certificate.pem\"\n"
+                             "key = \"/no/key.pem\"\n"
+                             "replicas = 3\n"
+                             "max-bytes = \"10 GiB\"\n"
+                             "compression = \"zstd\"\n");
+  const SourceConfig &source = config.sources.at(0);
+  EXPECT_TRUE(source.targets.empty());
+  const StreamTargetConfig &target = source.streams.at(0);
+  EXPECT_EQ(target.name, "others");
+  EXPECT_EQ(target.line, 4);
+  EXPECT_EQ(target.stream.servers,
+            (std::vector<std::string>{"tls://a.example:4222", "nats://b.example:4222"}));
+  EXPECT_EQ(target.stream.stream, "Data_1");
+  EXPECT_EQ(target.stream.credentials, "/no/user.creds");
+  EXPECT_EQ(target.stream.ca, "/no/ca.pem");
+  EXPECT_EQ(target.stream.certificate, "/no/certificate.pem");
+  EXPECT_EQ(target.stream.key, "/no/key.pem");
+  EXPECT_EQ(target.stream.replicas, 3u);
+  EXPECT_EQ(target.stream.max_bytes, std::uint64_t{10} << 30);
+  EXPECT_TRUE(target.stream.compress);
+  EXPECT_EQ(config_notes(config).size(), 4u);  // none of the files is there
+}
+
+TEST_F(ConfigTest, what_is_wrong_with_a_stream_is_said_with_its_line) {
+  const auto wrong = [this](const std::string &lines) {
+    return problems(std::string(kSourceOfStream) + lines);
+  };
+  const std::string here = "servers = [\"nats://localhost:4222\"]\n";
+  const std::string name = "stream = \"s\"\n";
+  const std::string form = "\"nats://HOST:PORT\" or \"tls://HOST:PORT\", at least one\n";
+  EXPECT_EQ(wrong(here + name), "");
+  EXPECT_EQ(wrong(name), "F:4: [[source.target]] has no servers; expected an array of " + form);
+  EXPECT_EQ(wrong("servers = []\n" + name), "F:7: servers is empty; expected an array of " + form);
+  for (const std::string server :
+       {"localhost:4222", "nats://localhost", "nats://a:b@localhost:4222", "nats://localhost:0",
+        "nats://localhost:65536", "tls://:4222", "nats://a/b:1"})
+    EXPECT_EQ(wrong("servers = [\"" + server + "\"]\n" + name),
+              "F:7: servers has " + server + "; expected an array of " + form);
+  EXPECT_EQ(wrong(here + "stream = \"a.b\"\n"),
+            "F:8: stream a.b is no name of a stream; expected at most 64 of A-Z, a-z, 0-9, '_' and "
+            "'-'\n");
+  EXPECT_EQ(wrong(here + name + "ca = \"/no/ca\"\n"),
+            "F:4: ca, certificate and key belong together; expected all three\n");
+  EXPECT_EQ(wrong("servers = [\"nats://a.example:4222\"]\n" + name),
+            "F:4: servers on other hosts are reached with TLS only; expected ca, certificate and "
+            "key\n");
+  EXPECT_EQ(wrong(here + name + "replicas = 6\n"),
+            "F:9: replicas is 6; expected a whole number from 1 to 5\n");
+  EXPECT_EQ(wrong(here + name + "max-bytes = \"1 MiB\"\n"),
+            "F:9: max-bytes \"1 MiB\" is too small; expected at least 64 MiB\n");
+  EXPECT_EQ(wrong(here + name + "compression = \"gzip\"\n"),
+            "F:9: compression gzip is unknown; expected \"none\" or \"zstd\"\n");
+  EXPECT_EQ(problems("[[source]]\nname = \"data\"\ndirectory = \"/no/data\"\n[[source.target]]\n"
+                     "kind = \"tape\"\nname = \"a\"\ndirectory = \"/no/b\"\n"),
+            "F:5: kind tape is unknown; expected \"directory\" or \"nats\"\n");
+}
+
 TEST_F(ConfigTest, sizes) {
   const auto limit = [&](const std::string &value) {
     const ReadConfig read = this->read("[log]\nlimit = " + value + "\n" + kSmall);
@@ -201,7 +268,7 @@ TEST_F(ConfigTest, a_wrong_value_is_said_with_its_line) {
        "F:4: [[source]] has no key excludes; expected one of name, directory, exclude, log-limit, "
        "copy-files-per-second, copy-bytes-per-second, target\n"},
       {source("") + "mode = 1\n",
-       "F:7: [[source.target]] has no key mode; expected one of name, directory\n"},
+       "F:7: [[source.target]] has no key mode; expected one of kind, name, directory\n"},
       {named("''"), "F:2: name is empty" + name_form},
       {named("'Data'"), "F:2: name Data is no name" + name_form},
       {named("'-x'"), "F:2: name -x is no name" + name_form},
@@ -382,6 +449,9 @@ TEST_F(ConfigTest, the_sample_is_whole_and_shows_every_key) {
   EXPECT_NE(whole.sources[0].log_limit, SourceConfig().log_limit);
   EXPECT_NE(whole.sources[0].walk_files_per_second, 0u);
   EXPECT_NE(whole.sources[0].copy_bytes_per_second, 0u);
+  ASSERT_EQ(whole.sources[0].streams.size(), 1u);
+  EXPECT_TRUE(whole.sources[0].streams[0].stream.compress);
+  EXPECT_NE(whole.sources[0].streams[0].stream.ca, "");
 }
 
 TEST_F(ConfigTest, damaged_texts_end_in_lines_and_never_in_a_crash) {

@@ -61,6 +61,7 @@ bool Service::ReplicatedSource::includes(const std::string &path) const {
 void Service::ReplicatedSource::release() {
   LogPosition needed = intake->log().end();
   for (const auto &target : targets) needed = std::min(needed, target->needed());
+  for (const auto &stream : streams) needed = std::min(needed, stream->needed());
   if (const auto released = intake->log().release(needed); !released)
     say(Level::kError, config.name, released.error().text);
 }
@@ -83,10 +84,18 @@ bool Service::ReplicatedSource::make_room() {
       const bool behind = target->needed() < intake->log().end();
       if (behind && (!last || target->needed() < last->needed())) last = target.get();
     }
-    if (!last) return false;
-    say(Level::kError, config.name + "/" + last->name(),
+    StreamTarget *stream = nullptr;
+    for (const auto &other : streams) {
+      if (other->needed() >= (last ? last->needed() : intake->log().end())) continue;
+      if (!stream || other->needed() < stream->needed()) stream = other.get();
+    }
+    if (!last && !stream) return false;
+    say(Level::kError, config.name + "/" + (stream ? stream->name() : last->name()),
         "the log is full: what it has not applied is dropped, and it is compared anew");
-    last->drop_claim();
+    if (stream)
+      stream->drop_claim();
+    else
+      last->drop_claim();
   }
 }
 
@@ -155,7 +164,22 @@ Result<void> Service::open_source(const SourceConfig &config) {
   for (const TargetConfig &target : config.targets) {
     if (const auto opened = open_target(*source, target, *directory); !opened) return opened;
   }
+  for (const StreamTargetConfig &stream : config.streams) {
+    if (const auto opened = open_stream(*source, stream, *directory); !opened) return opened;
+  }
   sources_.push_back(std::move(source));
+  return {};
+}
+
+Result<void> Service::open_stream(ReplicatedSource &source, const StreamTargetConfig &config,
+                                  const std::string &directory) {
+  auto stream = StreamTarget::open({.source = source.config.name,
+                                    .name = config.name,
+                                    .stream = config.stream,
+                                    .state_file = directory + "/stream-" + config.name},
+                                   source.intake->log());
+  if (!stream) return stream.error();
+  source.streams.push_back(std::move(*stream));
   return {};
 }
 
@@ -190,6 +214,7 @@ Result<void> Service::run(SignalPipe &signals) {
   }
   for (const auto &source : sources_) {
     for (const auto &target : source->targets) target->start();
+    for (const auto &stream : source->streams) stream->start();
   }
   tell_manager("READY=1");
   say_begun();
@@ -227,13 +252,18 @@ void Service::stop() {
     source->walker->stop();
     for (const auto &target : source->targets)
       stopping.emplace_back([&target, end] { target->stop(end); });
+    for (const auto &stream : source->streams)
+      stopping.emplace_back([&stream, end] { stream->stop(end); });
   }
   for (std::thread &thread : stopping) thread.join();
 }
 
 void Service::housekeeping() {
   tell_manager("WATCHDOG=1");
-  for (const auto &source : sources_) source->release();
+  for (const auto &source : sources_) {
+    for (const auto &stream : source->streams) stream->tidy();
+    source->release();
+  }
   const ServiceReport now = report();
   tell_tarn(now);
   if (!config_.metrics_file.empty())

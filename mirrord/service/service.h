@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/mutex.h"
@@ -27,6 +28,7 @@
 #include "mirrord/control/control.h"
 #include "mirrord/service/intake.h"
 #include "mirrord/service/receiver.h"
+#include "mirrord/service/stream_target.h"
 #include "mirrord/service/target.h"
 #include "mirrord/service/walker.h"
 
@@ -72,6 +74,7 @@ class Service : public ServiceControl {
     std::unique_ptr<Intake> intake;
     std::unique_ptr<Walker> walker;
     std::vector<std::unique_ptr<Target>> targets;
+    std::vector<std::unique_ptr<StreamTarget>> streams;
 
     explicit ReplicatedSource(const SourceConfig &from);
     bool includes(const std::string &path) const; /* relative to the source */
@@ -89,9 +92,15 @@ class Service : public ServiceControl {
   Result<void> open_source(const SourceConfig &config);
   Result<void> open_target(ReplicatedSource &source, const TargetConfig &config,
                            const std::string &directory);
+  Result<void> open_stream(ReplicatedSource &source, const StreamTargetConfig &config,
+                           const std::string &directory);
   Result<std::vector<Target *>> named(const TargetName &name);
+  std::vector<std::pair<StreamTarget *, LogPosition>> streams_to_wait_for(const TargetName &name);
   Result<void> wait_slice(const std::vector<Target *> &targets, std::uint64_t mark,
                           std::chrono::steady_clock::time_point end, const Progress &progress);
+  Result<void> wait_for_streams(const TargetName &name, std::uint64_t mark,
+                                std::chrono::steady_clock::time_point end,
+                                const Progress &progress);
   Result<std::uint64_t> request_mark();
   SourceReport report_of(const ReplicatedSource &source) const;
   void say_begun() const;

@@ -47,6 +47,9 @@ SourceReport Service::report_of(const ReplicatedSource &source) const {
         std::max(0.0, static_cast<double>(log.now_ns() - (*entry)->time_ns) / 1e9);
   report.stopped = receiver_->stopped(source.intake->rule());
   for (const auto &target : source.targets) report.targets.push_back(target->report());
+  for (const auto &stream : source.streams) {
+    for (TargetReport &own : stream->reports()) report.targets.push_back(std::move(own));
+  }
   return report;
 }
 
@@ -85,6 +88,9 @@ Result<std::vector<Target *>> Service::named(const TargetName &name) {
   }
   if (!found.empty()) return found;
   const std::string text = name.target.empty() ? name.source : name.source + "/" + name.target;
+  if (!streams_to_wait_for(name).empty())
+    return Error{-EINVAL, fmt::format("{} is a stream: ask mirrord on the hosts of its replicas",
+                                      printable(text))};
   return Error{-ENOENT,
                fmt::format("there is no target {}: 'mirrord targets' lists them", printable(text))};
 }
@@ -113,14 +119,61 @@ Result<void> Service::wait_slice(const std::vector<Target *> &targets, std::uint
   return {};
 }
 
+/* The streams, and where their logs end. */
+std::vector<std::pair<StreamTarget *, LogPosition>> Service::streams_to_wait_for(
+    const TargetName &name) {
+  std::vector<std::pair<StreamTarget *, LogPosition>> found;
+  for (const auto &source : sources_) {
+    if (!name.source.empty() && name.source != source->config.name) continue;
+    for (const auto &stream : source->streams) {
+      if (name.target.empty() || name.target == stream->name())
+        found.emplace_back(stream.get(), source->intake->log().end());
+    }
+  }
+  return found;
+}
+
+/* Until the mark is in the logs, and all before it in the streams. */
+Result<void> Service::wait_for_streams(const TargetName &name, std::uint64_t mark,
+                                       steady_clock::time_point end, const Progress &progress) {
+  const auto marked = [&] {
+    return std::all_of(sources_.begin(), sources_.end(), [&](const auto &source) {
+      return source->streams.empty() || source->intake->last_mark() >= mark;
+    });
+  };
+  while (!marked()) {
+    if (steady_clock::now() >= end) return Error{-ETIMEDOUT, "the module has not answered yet"};
+    if (!progress(-1, "waiting for the module")) return Error{-ECANCELED, "nobody waits any more"};
+    if (const std::string problem = receiver_->problem(); !problem.empty())
+      return Error{-EIO, problem};
+    std::this_thread::sleep_for(kSlice / 10);
+  }
+  for (const auto &[stream, position] : streams_to_wait_for(name)) {
+    for (;;) {
+      const auto slice = std::min(end, steady_clock::now() + kSlice);
+      auto waited = stream->wait(position, slice);
+      if (waited) break;
+      if (waited.error().code != -ETIMEDOUT || slice == end) return waited;
+      if (!progress(-1, "waiting for " + stream->name()))
+        return Error{-ECANCELED, "nobody waits any more"};
+    }
+  }
+  return {};
+}
+
 Result<void> Service::wait(const TargetName &name, std::chrono::milliseconds timeout,
                            const Progress &progress) {
-  const auto targets = named(name);
-  if (!targets) return targets.error();
+  const bool has_streams = !streams_to_wait_for(name).empty();
+  auto targets = named(name);
+  if (!targets && !has_streams) return targets.error();
   const auto end = steady_clock::now() + timeout;
   const auto mark = request_mark();
   if (!mark) return mark.error();
-  return wait_slice(*targets, *mark, end, progress);
+  if (targets) {
+    if (const auto waited = wait_slice(*targets, *mark, end, progress); !waited) return waited;
+  }
+  if (!has_streams) return {};
+  return wait_for_streams(name, *mark, end, progress);
 }
 
 Result<void> Service::pause(const TargetName &name) {

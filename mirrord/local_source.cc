@@ -154,6 +154,11 @@ class LocalFile final : public SourceFile {
 
 }  // namespace
 
+std::unique_ptr<SourceFile> read_local_file(UniqueFd file) {
+  const int raw = file.get();
+  return std::make_unique<LocalFile>(raw, std::move(file));
+}
+
 bool LocalSource::available() {
   if (!root_)
     root_ = UniqueFd(::open(directory_.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -201,8 +206,7 @@ Result<std::unique_ptr<SourceFile>> LocalSource::open(const Object &file) {
     return std::unique_ptr<SourceFile>(std::make_unique<LocalFile>(file.fd.get(), UniqueFd()));
   UniqueFd fd = reopen(file.fd.get(), O_RDONLY);
   if (!fd) return failed(errno, "the source's file cannot be read");
-  const int raw = fd.get();
-  return std::unique_ptr<SourceFile>(std::make_unique<LocalFile>(raw, std::move(fd)));
+  return read_local_file(std::move(fd));
 }
 
 Result<std::optional<Xattrs>> LocalSource::xattrs(const Object &object) {

@@ -13,6 +13,7 @@
 
 #include "base/text.h"
 #include "mirrord/directory_walk.h"
+#include "mirrord/local_source.h"
 #include "mirrord/verify/tree_entry.h"
 
 namespace tarn {
@@ -56,21 +57,6 @@ ssize_t read_block(int fd, char *buffer, std::size_t length, std::uint64_t offse
 }
 
 }  // namespace
-
-int for_each_hole(int fd, std::uint64_t size,
-                  const std::function<bool(std::uint64_t offset, std::uint64_t length)> &hole) {
-  for (std::uint64_t at = 0; at < size;) {
-    const off_t begin = lseek(fd, static_cast<off_t>(at), SEEK_HOLE);
-    if (begin < 0) return errno == ENXIO ? 0 : errno;  // the file became shorter
-    const off_t end = lseek(fd, begin, SEEK_DATA);
-    if (end < 0 && errno != ENXIO) return errno;
-    const auto from = static_cast<std::uint64_t>(begin);
-    const std::uint64_t until = end < 0 ? size : std::min(static_cast<std::uint64_t>(end), size);
-    if (until >= from + kHoleSize && !hole(from, until - from)) return 0;
-    at = std::max(until, at + 1);
-  }
-  return 0;
-}
 
 Result<LocalTree> LocalTree::open(const std::string &directory) {
   UniqueFd root(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -160,20 +146,66 @@ BlockHashes LocalTree::hash_slice(Place &place, const Slice &slice) {
 }
 
 Result<std::uint64_t> LocalTree::hole_bytes(const std::string &path) {
+  const auto all = holes(path);
+  if (!all) return all.error();
+  std::uint64_t bytes = 0;
+  for (const Hole &hole : *all) bytes += hole.length;
+  return bytes;
+}
+
+Result<std::vector<std::string>> LocalTree::names(const std::string &directory) {
+  auto opened = open_directory(root_.get(), directory);
+  if (!opened) return opened.error();
+  auto readable = open_object(Place{std::move(*opened), "."}, O_RDONLY | O_DIRECTORY);
+  if (!readable) return readable.error();
+  auto entries = directory_entries(std::move(*readable));
+  if (!entries) return plain_error(-entries.error().code);
+  std::vector<std::string> names;
+  for (DirectoryEntry &entry : *entries) names.push_back(std::move(entry.name));
+  return names;
+}
+
+Result<std::string> LocalTree::link_text(const std::string &path) {
+  const auto place = place_below(root_.get(), path);
+  if (!place) return place.error();
+  return read_link_text(*place);
+}
+
+Result<Attributes> LocalTree::attributes(const std::string &path) {
+  const auto place = place_below(root_.get(), path);
+  if (!place) return place.error();
+  return read_attributes(*place);
+}
+
+Result<std::vector<Hole>> LocalTree::holes(const std::string &path) {
   const auto place = place_below(root_.get(), path);
   if (!place) return place.error();
   const auto file = open_object(*place, O_RDONLY);
   if (!file) return file.error();
   struct stat status;
   if (fstat(file->get(), &status) != 0) return plain_error(errno);
-  std::uint64_t bytes = 0;
-  const int err = for_each_hole(file->get(), static_cast<std::uint64_t>(status.st_size),
-                                [&](std::uint64_t, std::uint64_t length) {
-                                  bytes += length;
-                                  return true;
-                                });
-  if (err != 0) return plain_error(err);
-  return bytes;
+  const auto size = static_cast<std::uint64_t>(status.st_size);
+  std::vector<Hole> holes;
+  for (std::uint64_t at = 0; at < size;) {
+    const off_t begin = lseek(file->get(), static_cast<off_t>(at), SEEK_HOLE);
+    if (begin < 0 && errno == ENXIO) break;  // the file became shorter
+    if (begin < 0) return plain_error(errno);
+    const off_t end = lseek(file->get(), begin, SEEK_DATA);
+    if (end < 0 && errno != ENXIO) return plain_error(errno);
+    const auto from = static_cast<std::uint64_t>(begin);
+    const std::uint64_t until = end < 0 ? size : std::min(static_cast<std::uint64_t>(end), size);
+    if (until >= from + kHoleSize) holes.push_back({from, until - from});
+    at = std::max(until, at + 1);
+  }
+  return holes;
+}
+
+Result<std::unique_ptr<SourceFile>> LocalTree::open_file(const std::string &path) {
+  const auto place = place_below(root_.get(), path);
+  if (!place) return place.error();
+  auto file = open_object(*place, O_RDONLY);
+  if (!file) return file.error();
+  return read_local_file(std::move(*file));
 }
 
 }  // namespace tarn

@@ -7,22 +7,17 @@
 #ifndef TARN_MIRRORD_VERIFY_LOCAL_TREE_H
 #define TARN_MIRRORD_VERIFY_LOCAL_TREE_H
 
-#include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "base/unique_fd.h"
-#include "mirrord/verify/tree.h"
+#include "mirrord/verify/source_tree.h"
 
 namespace tarn {
 
-/* Calls `hole(offset, length)` for the holes of at least kHoleSize before `size`; ends early when
- * it returns false. Returns 0 or the error number. */
-int for_each_hole(int fd, std::uint64_t size,
-                  const std::function<bool(std::uint64_t offset, std::uint64_t length)> &hole);
-
-class LocalTree final : public Tree {
+class LocalTree final : public SourceTree {
  public:
   static Result<LocalTree> open(const std::string &directory);
 
@@ -31,6 +26,11 @@ class LocalTree final : public Tree {
   std::vector<BlockHashes> block_hashes(const std::string &directory,
                                         const std::vector<Slice> &slices) override;
   Result<std::uint64_t> hole_bytes(const std::string &path) override;
+  Result<std::vector<std::string>> names(const std::string &directory) override;
+  Result<std::string> link_text(const std::string &path) override;
+  Result<Attributes> attributes(const std::string &path) override;
+  Result<std::vector<Hole>> holes(const std::string &path) override;
+  Result<std::unique_ptr<SourceFile>> open_file(const std::string &path) override;
 
   int root() const { return root_.get(); }
 

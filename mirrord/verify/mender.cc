@@ -11,7 +11,6 @@
 #include <fmt/format.h>
 
 #include "base/text.h"
-#include "mirrord/directory_walk.h"
 #include "mirrord/verify/entry_differences.h"
 
 namespace tarn {
@@ -116,18 +115,11 @@ Result<void> Mender::update(const std::string &path, const TreeEntry &source,
   return copy_attributes(*place, path, source);
 }
 
-Result<std::vector<std::string>> Mender::names_in(LocalTree &tree, const std::string &directory) {
-  auto opened = open_directory(tree.root(), directory);
-  if (!opened) return opened.error();
-  auto readable = open_object(Place{std::move(*opened), "."}, O_RDONLY | O_DIRECTORY);
-  if (!readable) return readable.error();
-  auto entries = directory_entries(std::move(*readable));
-  if (!entries) return plain_error(-entries.error().code);
-  std::vector<std::string> names;
-  for (DirectoryEntry &entry : *entries) {
-    if (!options_.included || options_.included(join(directory, entry.name)))
-      names.push_back(std::move(entry.name));
-  }
+Result<std::vector<std::string>> Mender::names_in(SourceTree &tree, const std::string &directory) {
+  auto names = tree.names(directory);
+  if (names && options_.included)
+    std::erase_if(
+        *names, [&](const std::string &name) { return !options_.included(join(directory, name)); });
   return names;
 }
 
@@ -217,9 +209,7 @@ Result<void> Mender::make_below(const Place &place, const std::string &path,
     auto copied = copy_data(place, path, source);
     if (!copied) return copied;
   } else if (S_ISLNK(source.mode)) {
-    const auto at = place_below(source_.root(), path);
-    if (!at) return at.error();
-    const auto text = read_link_text(*at);
+    const auto text = source_.link_text(path);
     if (!text) return text.error();
     if (symlinkat(text->c_str(), directory, name) != 0) return plain_error(errno);
   } else if (mknodat(directory, name, (source.mode & S_IFMT) | 0600, source.device) != 0) {

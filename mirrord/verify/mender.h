@@ -31,7 +31,7 @@ class Mender {
   using Report = std::function<Result<void>(const std::string &what)>;
 
   /* All must outlive this. */
-  Mender(LocalTree &source, LocalTree &target, const VerifyOptions &options, SideThread &thread,
+  Mender(SourceTree &source, LocalTree &target, const VerifyOptions &options, SideThread &thread,
          Report report)
       : source_(source),
         target_(target),
@@ -69,7 +69,7 @@ class Mender {
                           const std::optional<TreeEntry> &target, Part part);
   Result<void> update(const std::string &path, const TreeEntry &source, const TreeEntry &target,
                       Part part);
-  Result<std::vector<std::string>> names_in(LocalTree &tree, const std::string &directory);
+  Result<std::vector<std::string>> names_in(SourceTree &tree, const std::string &directory);
   Result<void> make_tree(const std::string &top, const TreeEntry &source);
   Result<void> make_directory(const std::string &path);
   enum class Existing { kKept, kReplaced };
@@ -84,13 +84,14 @@ class Mender {
   Result<void> copy_data(const Place &place, const std::string &path, const TreeEntry &source);
   /* Two open files. */
   struct Copy {
-    int from, to;
+    SourceFile &from;
+    int to;
     const TreeEntry &source;
     bool closed = false; /* the target may not be run with rights it has no more */
   };
   Result<void> copy_ranges(Copy &copy, const std::string &path, std::uint64_t shared);
   Result<void> copy_block(Copy &copy, std::uint64_t offset, std::uint64_t length);
-  Result<void> punch_holes(int from, int to, std::uint64_t size);
+  Result<void> punch_holes(const std::string &path, int to);
 
   Result<void> copy_attributes(const Place &place, const std::string &path,
                                const TreeEntry &source);
@@ -99,7 +100,7 @@ class Mender {
   void fail(const std::string &path, const Error &error);
   std::string temporary_name();
 
-  LocalTree &source_;
+  SourceTree &source_;
   LocalTree &target_;
   const VerifyOptions &options_;
   SideThread &thread_;

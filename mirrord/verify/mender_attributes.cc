@@ -11,12 +11,12 @@
 #include "mirrord/file_status.h"
 #include "mirrord/verify/entry_differences.h"
 #include "mirrord/verify/mender.h"
+#include "mirrord/xattrs.h"
 
 namespace tarn {
 namespace {
 
 constexpr std::uint32_t kSetId = S_ISUID | S_ISGID;
-constexpr const char *kCapability = "security.capability";
 
 /* Reaches the descriptor's object, a symbolic link too: what /proc links to is not followed. */
 std::string by_descriptor(const UniqueFd &object) {
@@ -68,9 +68,7 @@ Result<void> copy_mode(const UniqueFd &object, const std::string &path, const Tr
 
 Result<void> Mender::copy_attributes(const Place &place, const std::string &path,
                                      const TreeEntry &source) {
-  const auto from = place_below(source_.root(), path);
-  if (!from) return from.error();
-  const auto wanted = read_attributes(*from);
+  const auto wanted = source_.attributes(path);
   if (!wanted) return wanted.error();
   const UniqueFd opened(
       openat(place.directory.get(), place.name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));

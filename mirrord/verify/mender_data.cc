@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <span>
 
 #include "base/text.h"
 #include "mirrord/file_status.h"
@@ -75,9 +76,7 @@ Result<UniqueFd> open_writable(const Place &place) {
 
 Result<void> Mender::copy_data(const Place &place, const std::string &path,
                                const TreeEntry &source) {
-  const auto from = place_below(source_.root(), path);
-  if (!from) return from.error();
-  const auto ours = open_object(*from, O_RDONLY);
+  const auto ours = source_.open_file(path);
   if (!ours) return ours.error();
   auto theirs = open_writable(place);
   if (!theirs) return theirs.error();
@@ -89,10 +88,10 @@ Result<void> Mender::copy_data(const Place &place, const std::string &path,
     if (!closed) return closed;
     if (ftruncate(theirs->get(), static_cast<off_t>(source.size)) != 0) return plain_error(errno);
   }
-  Copy copy{ours->get(), theirs->get(), source};
+  Copy copy{**ours, theirs->get(), source};
   auto copied = copy_ranges(copy, path, std::min(before, source.size));
   if (!copied) return copied;
-  auto punched = punch_holes(ours->get(), theirs->get(), source.size);
+  auto punched = punch_holes(path, theirs->get());
   if (!punched) return punched;
   if (const int err = theirs->close(); err != 0) return plain_error(err);
   return {};
@@ -134,9 +133,10 @@ Result<void> Mender::copy_ranges(Copy &copy, const std::string &path, std::uint6
 
 /* Writes the pieces of the block that differ. */
 Result<void> Mender::copy_block(Copy &copy, std::uint64_t offset, std::uint64_t length) {
-  auto read = read_full(copy.from, ours_.data(), length, offset);
-  if (!read) return read;
-  read = read_full(copy.to, theirs_.data(), length, offset);
+  const auto got = copy.from.read(offset, std::as_writable_bytes(std::span(ours_).first(length)));
+  if (!got) return got.error();
+  std::fill_n(ours_.begin() + static_cast<std::ptrdiff_t>(*got), length - *got, '\0');
+  const auto read = read_full(copy.to, theirs_.data(), length, offset);
   if (!read) return read;
   const auto differs = [&](std::size_t at) {
     return at < length && memcmp(&ours_[at], &theirs_[at], std::min(kPiece, length - at)) != 0;
@@ -161,29 +161,28 @@ Result<void> Mender::copy_block(Copy &copy, std::uint64_t offset, std::uint64_t 
 }
 
 /* Gives back the space of zeros that are a hole at the source. */
-Result<void> Mender::punch_holes(int from, int to, std::uint64_t size) {
-  int failed = 0;
-  const int err = for_each_hole(from, size, [&](std::uint64_t offset, std::uint64_t length) {
-    for (const std::uint64_t end = offset + length; offset < end && failed == 0;) {
+Result<void> Mender::punch_holes(const std::string &path, int to) {
+  const auto holes = source_.holes(path);
+  if (!holes) return holes.error();
+  for (const Hole &hole : *holes) {
+    const std::uint64_t end = hole.offset + hole.length;
+    for (std::uint64_t offset = hole.offset; offset < end;) {
       const off_t data = lseek(to, static_cast<off_t>(offset), SEEK_DATA);
-      if (data < 0 || static_cast<std::uint64_t>(data) >= end) return true;
+      if (data < 0 || static_cast<std::uint64_t>(data) >= end) break;
       offset = static_cast<std::uint64_t>(data);
       const std::size_t part = std::min(kBlockSize, end - offset);
-      const auto read = read_full(to, theirs_.data(), part, offset);
-      if (!read) failed = -read.error().code;
+      if (const auto read = read_full(to, theirs_.data(), part, offset); !read) return read;
       const bool zero = std::all_of(theirs_.begin(), theirs_.begin() + static_cast<off_t>(part),
                                     [](char byte) { return byte == 0; });
-      if (read && zero &&
-          fallocate(to, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, static_cast<off_t>(offset),
-                    static_cast<off_t>(part)) != 0)
-        failed = errno;
+      if (zero && fallocate(to, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE,
+                            static_cast<off_t>(offset), static_cast<off_t>(part)) != 0) {
+        // A file system without holes: that is a difference, which is reported as such.
+        if (errno == EOPNOTSUPP) return {};
+        return plain_error(errno);
+      }
       offset += part;
     }
-    return failed == 0;
-  });
-  // A file system without holes: that is a difference, which is reported as such.
-  if (failed == EOPNOTSUPP) failed = 0;
-  if (err != 0 || failed != 0) return plain_error(err != 0 ? err : failed);
+  }
   return {};
 }
 

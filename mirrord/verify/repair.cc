@@ -18,7 +18,7 @@ constexpr unsigned kRounds = 4;
 
 class Repair {
  public:
-  Repair(LocalTree &source, LocalTree &target, const VerifyOptions &options, SideThread &thread)
+  Repair(SourceTree &source, LocalTree &target, const VerifyOptions &options, SideThread &thread)
       : source_(source),
         target_(target),
         options_(options),
@@ -45,7 +45,7 @@ class Repair {
   Result<std::vector<Difference>> what_is_left(const Works &works);
   void add_reasons(std::vector<Difference> &left) const;
 
-  LocalTree &source_;
+  SourceTree &source_;
   LocalTree &target_;
   const VerifyOptions &options_;
   VerifyOptions looks_; /* with this repair's progress */
@@ -155,11 +155,17 @@ Result<std::vector<Difference>> repair_trees(const std::string &source, const st
                                              const VerifyOptions &options) {
   auto ours = LocalTree::open(source);
   if (!ours) return ours.error();
+  return repair_trees(*ours, target, found, options);
+}
+
+Result<std::vector<Difference>> repair_trees(SourceTree &source, const std::string &target,
+                                             const std::vector<Difference> &found,
+                                             const VerifyOptions &options) {
   auto theirs = LocalTree::open(target);
   if (!theirs) return theirs.error();
   const auto thread = SideThread::start();
   if (!thread) return thread.error();
-  return Repair(*ours, *theirs, options, **thread).run(found);
+  return Repair(source, *theirs, options, **thread).run(found);
 }
 
 }  // namespace tarn

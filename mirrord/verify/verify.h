@@ -31,7 +31,7 @@
 
 #include "base/result.h"
 #include "mirrord/verify/difference.h"
-#include "mirrord/verify/tree.h"
+#include "mirrord/verify/source_tree.h"
 
 namespace tarn {
 
@@ -71,6 +71,9 @@ Result<std::vector<Difference>> verify_trees(Tree &source, const std::string &ta
  * and then has to open it anew before and after.
  */
 Result<std::vector<Difference>> repair_trees(const std::string &source, const std::string &target,
+                                             const std::vector<Difference> &found,
+                                             const VerifyOptions &options);
+Result<std::vector<Difference>> repair_trees(SourceTree &source, const std::string &target,
                                              const std::vector<Difference> &found,
                                              const VerifyOptions &options);
 

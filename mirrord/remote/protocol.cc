@@ -252,6 +252,7 @@ void fields(Coder &coder, Fields &fields) {
     coder.number(fields.to);
   } else if constexpr (std::is_same_v<Kind, HolesQuestion>) {
     coder.text(fields.path);
+    coder.number(fields.from);
   } else if constexpr (std::is_same_v<Kind, HashAnswer>) {
     coder.number(fields.version.file_system);
     coder.number(fields.version.inode);
@@ -262,7 +263,13 @@ void fields(Coder &coder, Fields &fields) {
       coder.number(hash.high);
     });
   } else if constexpr (std::is_same_v<Kind, HolesAnswer>) {
-    coder.number(fields.bytes);
+    flag(coder, fields.more);
+    coder.list(fields.holes, [&](auto &hole) {
+      coder.number(hole.offset);
+      coder.number(hole.length);
+      if constexpr (Coder::kReads)
+        coder.require(hole.length > 0 && hole.length <= ~std::uint64_t{0} - hole.offset);
+    });
   } else if constexpr (std::is_same_v<Kind, Failure>) {
     error_number(coder, fields.error);
     coder.text(fields.text);

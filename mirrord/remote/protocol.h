@@ -26,7 +26,8 @@
  *           gaps (8 each)
  *  8 hash   path, from (8), to (8)        version: device, inode, change time in seconds and
  *                                         nanoseconds (8 each); list of hashes (16 each)
- *  9 holes  path                          bytes in holes of 64 KiB and more (8)
+ *  9 holes  path, from (8)                more (1), list of holes of 64 KiB and more: offset and
+ *                                         length (8 each)
  *
  * The checksum is the XXH3-64 of all before it. Integers are little-endian. A text, like a list, is
  * its length (4 bytes) and its bytes or items. A path is relative to the source. An object is
@@ -56,7 +57,7 @@
 #include "base/result.h"
 #include "client/messages.h"
 #include "mirrord/directory_walk.h"
-#include "mirrord/verify/tree.h"
+#include "mirrord/verify/source_tree.h"
 #include "mirrord/xattrs.h"
 
 namespace tarn::remote {
@@ -101,6 +102,7 @@ struct HashQuestion {
 };
 struct HolesQuestion {
   std::string path;
+  std::uint64_t from = 0; /* where the last one of the answer before ends */
 };
 using Question = std::variant<NowQuestion, StatusQuestion, ListQuestion, ReadQuestion, WalkQuestion,
                               MarkQuestion, ReportQuestion, HashQuestion, HolesQuestion>;
@@ -145,7 +147,8 @@ struct HashAnswer {
   std::vector<Hash> hashes;
 };
 struct HolesAnswer {
-  std::uint64_t bytes = 0;
+  bool more = false;
+  std::vector<Hole> holes;
 };
 /* In the order of the questions, behind Failure. */
 using Answer = std::variant<Failure, NowAnswer, StatusAnswer, ListAnswer, ReadAnswer, WalkAnswer,

@@ -9,30 +9,42 @@
 
 namespace tarn {
 
-TreeEntry RemoteTree::entry_of_object(const Source::Object &object) {
-  TreeEntry entry = entry_of(object.status);
-  if (S_ISLNK(object.status.st_mode)) entry.text = hash_of(object.target);
+Result<Source::Object> RemoteTree::object_at(const std::string &path) {
+  auto object = source_.find(path);
+  if (!object) return object.error();
+  if (!*object) return plain_error(ENOENT);
+  return std::move(**object);
+}
+
+Result<Attributes> RemoteTree::attributes_of(const Source::Object &object) {
   const auto xattrs = source_.xattrs(object);
-  if (!xattrs) entry.error = -xattrs.error().code;
-  if (!xattrs || !*xattrs) return entry;
+  if (!xattrs) return xattrs.error();
   Attributes compared;
+  if (!*xattrs) return compared;
   for (const auto &[name, value] : **xattrs) {
     if (is_compared_attribute(name)) compared.emplace(name, value);
   }
-  entry.attributes = hash_of(compared);
+  return compared;
+}
+
+TreeEntry RemoteTree::entry_of_object(const Source::Object &object) {
+  TreeEntry entry = entry_of(object.status);
+  if (S_ISLNK(object.status.st_mode)) entry.text = hash_of(object.target);
+  const auto attributes = attributes_of(object);
+  if (attributes) entry.attributes = hash_of(*attributes);
+  if (!attributes) entry.error = -attributes.error().code;
   return entry;
 }
 
 Result<Listing> RemoteTree::list(const std::string &directory) {
-  const auto object = source_.find(directory);
+  const auto object = object_at(directory);
   if (!object) return object.error();
-  if (!*object) return plain_error(ENOENT);
-  if (!S_ISDIR((*object)->status.st_mode)) return plain_error(ENOTDIR);
-  const auto names = source_.entries(**object);
+  if (!S_ISDIR(object->status.st_mode)) return plain_error(ENOTDIR);
+  const auto names = source_.entries(*object);
   if (!names) return names.error();
   Listing listing;
   for (const DirectoryEntry &name : *names) {
-    const auto child = source_.child(**object, name);
+    const auto child = source_.child(*object, name);
     if (!child) return child.error();
     if (!*child) continue;  // removed since
     listing.entries.push_back(entry_of_object(**child));
@@ -79,10 +91,58 @@ BlockHashes RemoteTree::hash_slice(const std::string &path, const Slice &slice) 
 }
 
 Result<std::uint64_t> RemoteTree::hole_bytes(const std::string &path) {
-  std::vector<std::byte> message;
-  const auto answer = conversation_.ask<remote::HolesAnswer>(remote::HolesQuestion{path}, message);
-  if (!answer) return answer.error();
-  return answer->bytes;
+  const auto all = holes(path);
+  if (!all) return all.error();
+  std::uint64_t bytes = 0;
+  for (const Hole &hole : *all) bytes += hole.length;
+  return bytes;
+}
+
+Result<std::vector<std::string>> RemoteTree::names(const std::string &directory) {
+  const auto object = object_at(directory);
+  if (!object) return object.error();
+  if (!S_ISDIR(object->status.st_mode)) return plain_error(ENOTDIR);
+  auto entries = source_.entries(*object);
+  if (!entries) return entries.error();
+  std::vector<std::string> names;
+  for (DirectoryEntry &entry : *entries) names.push_back(std::move(entry.name));
+  return names;
+}
+
+Result<std::string> RemoteTree::link_text(const std::string &path) {
+  auto object = object_at(path);
+  if (!object) return object.error();
+  if (!S_ISLNK(object->status.st_mode)) return plain_error(EINVAL);
+  return std::move(object->target);
+}
+
+Result<Attributes> RemoteTree::attributes(const std::string &path) {
+  const auto object = object_at(path);
+  if (!object) return object.error();
+  return attributes_of(*object);
+}
+
+Result<std::vector<Hole>> RemoteTree::holes(const std::string &path) {
+  std::vector<Hole> all;
+  for (bool more = true; more;) {
+    const std::uint64_t from = all.empty() ? 0 : all.back().offset + all.back().length;
+    std::vector<std::byte> message;
+    auto answer =
+        conversation_.ask<remote::HolesAnswer>(remote::HolesQuestion{path, from}, message);
+    if (!answer) return answer.error();
+    const bool onward = answer->holes.empty() || answer->holes.front().offset >= from;
+    if (!onward || (answer->more && answer->holes.empty())) return plain_error(EPROTO);
+    all.insert(all.end(), answer->holes.begin(), answer->holes.end());
+    more = answer->more;
+  }
+  return all;
+}
+
+Result<std::unique_ptr<SourceFile>> RemoteTree::open_file(const std::string &path) {
+  const auto object = object_at(path);
+  if (!object) return object.error();
+  if (!S_ISREG(object->status.st_mode)) return plain_error(ELOOP);
+  return source_.open(*object);
 }
 
 }  // namespace tarn

@@ -14,8 +14,9 @@ namespace tarn {
 class Requests {
  public:
   virtual ~Requests() = default;
-  /* Waits for the answer, for a bounded time. The question may reach the source's host more than
-   * once, or after the wait. Error: there is no answer; the text says why. */
+  /* Any thread may ask. Waits for the answer, for a bounded time. The question may reach the
+   * source's host more than once, or after the wait. Error: there is no answer; the text says why.
+   */
   virtual Result<std::vector<std::byte>> ask(Bytes question) = 0;
 };
 

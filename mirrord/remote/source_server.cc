@@ -23,6 +23,7 @@ constexpr std::size_t kDataMax = 448 << 10;
 constexpr int kMostExtents = 4096;
 /* Blocks that are hashed for one question. */
 constexpr std::uint64_t kMostHashed = 64;
+constexpr std::size_t kMostHoles = 16384;
 
 Error another_object(const std::string &path) {
   return Error{-ENOENT, printable("./" + path) + " is another object now at the source"};
@@ -249,9 +250,16 @@ Result<remote::Answer> SourceServer::to(const remote::HashQuestion &question) {
 Result<remote::Answer> SourceServer::to(const remote::HolesQuestion &question) {
   const auto tree = tree_with(question.path);
   if (!tree) return tree.error();
-  const auto bytes = (*tree)->hole_bytes(question.path);
-  if (!bytes) return bytes.error();
-  return remote::Answer(remote::HolesAnswer{*bytes});
+  const auto holes = (*tree)->holes(question.path);
+  if (!holes) return holes.error();
+  remote::HolesAnswer answer;
+  for (const Hole &hole : *holes) {
+    if (hole.offset + hole.length <= question.from) continue;
+    answer.more = answer.holes.size() == kMostHoles;
+    if (answer.more) break;
+    answer.holes.push_back(hole);
+  }
+  return remote::Answer(std::move(answer));
 }
 
 }  // namespace tarn

@@ -30,7 +30,7 @@ std::vector<Question> questions() {
           MarkQuestion{},
           ReportQuestion{"replica", "epoch", "held", "why", 1, 2, 3, 4, 5},
           HashQuestion{"d/f", kBlockSize, 2 * kBlockSize},
-          HolesQuestion{"d/f"}};
+          HolesQuestion{"d/f", 65536}};
 }
 
 const std::string kData = "some data";
@@ -59,7 +59,7 @@ std::vector<Answer> answers() {
           MarkAnswer{17},
           ReportAnswer{},
           HashAnswer{{1, 2, -3, 4}, {{5, 6}, {7, 8}}},
-          HolesAnswer{65536}};
+          HolesAnswer{true, {{0, 65536}, {131072, 65536}}}};
 }
 
 TEST(RemoteProtocolTest, each_question_and_answer_is_what_it_was) {

@@ -321,6 +321,14 @@ TEST_F(RemoteSourceTest, a_comparison_finds_what_differs) {
   for (const char *line : {"d/large: data\n", "d/e/mode: mode\n", "d/e/gone: missing\n",
                            "d/e/attribute: xattr\n", "d/link: symlink\n"})
     EXPECT_NE(found.find(line), std::string::npos) << line << " in:\n" << found;
+  // The block that differs is moved, and no other.
+  const std::uint64_t verified = line_.moved();
+  const auto differing = verify_trees(tree, copy, options);
+  ASSERT_TRUE(differing.ok());
+  EXPECT_EQ(kinds_of(repair_trees(tree, copy, *differing, options)), "");
+  EXPECT_LT(line_.moved() - verified, 3u << 20);
+  EXPECT_EQ(kinds_of(verify_trees(tree, copy, options)), "");
+  EXPECT_TRUE(fs::exists(copy + "/out/excluded"));
   line_.cut();
   EXPECT_NE(kinds_of(verify_trees(tree, copy, options)), "");
 }

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "mirrord/copy_origins.h"
 
-#include <ctime>
-
 #include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
 
@@ -39,9 +37,9 @@ void CopyOrigins::insert(const std::string &path, const Copy &copy) {
 }
 
 void CopyOrigins::put(const std::string &path, const Object &copy, const struct stat &status,
-                      bool whole) {
+                      bool whole, std::int64_t now) {
   // A change within the granularity of change times would leave the same one.
-  const bool ctime_past = status.st_ctim.tv_sec + kTimestampSlackUs / 1'000'000 < time(nullptr);
+  const bool ctime_past = microseconds(status.st_ctim) + kTimestampSlackUs < now;
   insert(path, {status.st_dev, status.st_ino, status.st_ctim, ctime_past, whole && ctime_past,
                 !S_ISDIR(status.st_mode) && status.st_nlink > 1, copy});
 }
@@ -54,13 +52,13 @@ void CopyOrigins::records_changed(const Object &copy) {
 }
 
 void CopyOrigins::watch(const std::string &path, const Object &copy, const struct stat &status,
-                        std::uint64_t ts) {
+                        std::uint64_t ts, std::int64_t now) {
   if (same(path, status)) {
     origins_[path].many_links = true;
     return;
   }
   if (microseconds(status.st_ctim) <= static_cast<std::int64_t>(ts)) {
-    put(path, copy, status, false);
+    put(path, copy, status, false, now);
     origins_[path].many_links = true;
   } else {
     watch(path);  // of an unknown object

@@ -10,6 +10,7 @@
 
 #include <sys/stat.h>
 
+#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -25,8 +26,9 @@ class CopyOrigins {
   using Object = std::pair<dev_t, ino_t>;
 
   /* `copy` is the replica's object under the path, `status` the source's. `whole`: all data was
-   * read while the source's object had that status. */
-  void put(const std::string &path, const Object &copy, const struct stat &status, bool whole);
+   * read while the source's object had that status. `now`: by the source's clock; 0: unknown. */
+  void put(const std::string &path, const Object &copy, const struct stat &status, bool whole,
+           std::int64_t now);
   /* Records changed this object of the replica, perhaps to a state that the source has left behind.
    * None of its names is an up-to-date copy any more. */
   void records_changed(const Object &copy);
@@ -37,7 +39,7 @@ class CopyOrigins {
    * the same one only if it has not changed since `ts`. An origin already known for the copy is
    * kept. */
   void watch(const std::string &path, const Object &copy, const struct stat &status,
-             std::uint64_t ts);
+             std::uint64_t ts, std::int64_t now);
   /* The same if the source does not have the name any more. */
   void watch(const std::string &path) { insert(path, {.many_links = true}); }
   /* Is the path a copy of a source object? */

@@ -279,7 +279,7 @@ Result<void> Fetcher::fetch_over(const std::string &path, const Source::Object &
     mine = *found;
   }
   if (mine && trusted(*mine, theirs)) {
-    origins_.put(path, {mine->st_dev, mine->st_ino}, theirs, true);
+    origins_.put(path, {mine->st_dev, mine->st_ino}, theirs, true, source_.now_or_zero());
     return take_attributes(path, object, *mine, theirs);
   }
   if (mine) {
@@ -332,7 +332,7 @@ Result<void> Fetcher::file(const std::string &path, const Source::Object &object
       before->st_mode &= ~kSetIds;
       xattrs->erase(kCapability);
     }
-    origins_.put(path, {filled->st_dev, filled->st_ino}, *before, same);
+    origins_.put(path, {filled->st_dev, filled->st_ino}, *before, same, *now);
     return set_all(path, *filled, {*before, std::move(*xattrs), Times::kSet});
   }
 }
@@ -341,7 +341,7 @@ Result<void> Fetcher::file(const std::string &path, const Source::Object &object
 Result<void> Fetcher::finish(const std::string &path, const Source::Object &object) {
   const auto mine = existing(path);
   if (!mine) return mine.error();
-  origins_.put(path, {mine->st_dev, mine->st_ino}, object.status, false);
+  origins_.put(path, {mine->st_dev, mine->st_ino}, object.status, false, source_.now_or_zero());
   auto theirs = source_.xattrs(object);
   if (!theirs) return theirs.error();
   return set_all(path, *mine, {object.status, std::move(*theirs)});

@@ -254,7 +254,8 @@ void Reconciler::watch(const std::string &path, std::uint64_t ts) {
   const auto found = source_.find(path);
   if (!found || !*found) return fetcher_.origins().watch(path);
   if (!S_ISDIR((*found)->status.st_mode))
-    fetcher_.origins().watch(path, object_of(replica_, path), (*found)->status, ts);
+    fetcher_.origins().watch(path, object_of(replica_, path), (*found)->status, ts,
+                             source_.now_or_zero());
 }
 
 std::vector<std::string> Reconciler::with_names_outside() {
@@ -452,7 +453,7 @@ void Reconciler::assume_linked(const std::string &existing, const std::string &p
     return;
   for (const std::string &name : {existing, path})
     fetcher_.origins().watch(name, object_of(replica_, name), (*first)->status,
-                             std::numeric_limits<std::int64_t>::max());
+                             std::numeric_limits<std::int64_t>::max(), source_.now_or_zero());
 }
 
 void Reconciler::watch_if_apart(const std::string &existing, const std::string &path) {

@@ -106,6 +106,11 @@ class Source {
   /* The clock of its files' and records' times, in microseconds since the epoch; on another host,
    * that may be late by as much as a request takes. */
   virtual Result<std::int64_t> now() = 0;
+  /* Zero is before the times of all files. */
+  std::int64_t now_or_zero() {
+    const auto time = now();
+    return time ? *time : 0;
+  }
 };
 
 }  // namespace tarn

@@ -19,6 +19,14 @@ int errno_of_space() {
   return errno == EDQUOT || errno == EFBIG ? ENOSPC : errno;
 }
 
+/* Linux before 2.6.30 has no pwritev(2). One thread at a time writes a file. */
+ssize_t write_vectors(int file, const iovec *vectors, int count, std::uint64_t offset) {
+  const ssize_t put = pwritev(file, vectors, count, static_cast<off_t>(offset));
+  if (put >= 0 || errno != ENOSYS) return put;
+  if (lseek(file, static_cast<off_t>(offset), SEEK_SET) < 0) return -1;
+  return writev(file, vectors, count);
+}
+
 }  // namespace
 
 std::string shown_segment(const std::string &directory, LogPosition first) {
@@ -56,7 +64,7 @@ int write_pieces(int file, std::span<const Bytes> pieces, std::uint64_t offset) 
       const Bytes piece = pieces[i].subspan(i == 0 ? done : 0);
       vectors[i] = {const_cast<std::byte *>(piece.data()), piece.size()};
     }
-    const ssize_t put = pwritev(file, vectors, static_cast<int>(count), static_cast<off_t>(offset));
+    const ssize_t put = write_vectors(file, vectors, static_cast<int>(count), offset);
     if (put < 0 && errno == EINTR) continue;
     if (put < 0) return errno_of_space();
     std::size_t left = static_cast<std::size_t>(put);

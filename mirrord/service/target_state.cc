@@ -88,13 +88,17 @@ TargetState from_json(const Json &json) {
 }  // namespace
 
 Result<DirectoryIdentity> identify_directory(const std::string &path) {
-  struct statx status;
-  if (statx(AT_FDCWD, path.c_str(), 0, STATX_BASIC_STATS | STATX_BTIME, &status) != 0)
-    return system_error(errno, printable(path));
-  if (!S_ISDIR(status.stx_mode)) return system_error(ENOTDIR, printable(path));
-  DirectoryIdentity identity{std::to_string(status.stx_ino), mount_point_of(path)};
-  if ((status.stx_mask & STATX_BTIME) != 0)
-    identity.object += fmt::format(" {}.{:09}", status.stx_btime.tv_sec, status.stx_btime.tv_nsec);
+  struct stat status;
+  if (stat(path.c_str(), &status) != 0) return system_error(errno, printable(path));
+  if (!S_ISDIR(status.st_mode)) return system_error(ENOTDIR, printable(path));
+  DirectoryIdentity identity{std::to_string(status.st_ino), mount_point_of(path)};
+#ifdef STATX_BTIME
+  struct statx more;
+  // Another one, if it was replaced meanwhile, is seen the next time.
+  if (statx(AT_FDCWD, path.c_str(), 0, STATX_BTIME, &more) == 0 &&
+      (more.stx_mask & STATX_BTIME) != 0)
+    identity.object += fmt::format(" {}.{:09}", more.stx_btime.tv_sec, more.stx_btime.tv_nsec);
+#endif
   return identity;
 }
 

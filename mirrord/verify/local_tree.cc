@@ -38,9 +38,14 @@ Result<TreeEntry> read_entry(const Place &place) {
 
 /* Is all of the range in the page cache? */
 bool is_cached(int fd, char *buffer, std::size_t length, std::uint64_t offset) {
+#ifdef RWF_NOWAIT
   iovec part{buffer, length};
   return preadv2(fd, &part, 1, static_cast<off_t>(offset), RWF_NOWAIT) ==
          static_cast<ssize_t>(length);
+#else
+  (void)fd, (void)buffer, (void)length, (void)offset;
+  return false;
+#endif
 }
 
 /* Reads until the buffer is full or the file ends. Returns the length, or the negative error. */

@@ -41,10 +41,12 @@ const char *remedy(int err) {
 /* Gives the object its name if that is free. */
 int rename_to_free(const Place &place, const std::string &from) {
   const int directory = place.directory.get();
+#ifdef RENAME_NOREPLACE
   if (renameat2(directory, from.c_str(), directory, place.name.c_str(), RENAME_NOREPLACE) == 0)
     return 0;
   if (errno != EINVAL && errno != ENOSYS) return errno;
-  // The file system does not know the flag.
+#endif
+  // Not every kernel and file system knows the flag.
   if (linkat(directory, from.c_str(), directory, place.name.c_str(), 0) != 0) return errno;
   return unlinkat(directory, from.c_str(), 0) == 0 ? 0 : errno;
 }

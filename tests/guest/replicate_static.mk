@@ -27,18 +27,21 @@ CXX := g++-$(GCC) -specs $(SPECS)
 
 # Headers that belong to no C library, one link each, so that nothing else of /usr/include is seen.
 HEADERS := $(OUT)/headers
-LINKS := linux asm-generic asm fmt nlohmann CLI
+LINKS := linux asm-generic asm fmt nlohmann CLI spdlog toml++ xxhash.h
 link_linux := /usr/include/linux
 link_asm-generic := /usr/include/asm-generic
 link_asm := /usr/include/x86_64-linux-gnu/asm
 link_fmt := /usr/include/fmt
 link_nlohmann := /usr/include/nlohmann
 link_CLI := /usr/include/CLI
+link_spdlog := /usr/include/spdlog
+link_toml++ := /usr/include/toml++
+link_xxhash.h := /usr/include/xxhash.h
 
 LIBRARY := $(OUT)/libstdc++
 SOURCE := $(OUT)/gcc
 VERSION := $(shell awk '/^project/ { print $$3 }' $(ROOT)/CMakeLists.txt)
-CXXFLAGS := -std=gnu++20 -O2 -Wall -Wextra -Werror -DFMT_HEADER_ONLY -I$(ROOT) \
+CXXFLAGS := -std=gnu++20 -O2 -Wall -Wextra -Werror -DFMT_HEADER_ONLY -DSPDLOG_FMT_EXTERNAL -DXXH_INLINE_ALL= -I$(ROOT) \
   -DTARN_VERSION='"$(VERSION)"' -DTARN_COMMIT='"unknown"' -DTARN_BUILD='"static build"' \
   -isystem $(LIBRARY)/include/c++ -isystem $(LIBRARY)/include/c++/x86_64-linux-musl -isystem $(HEADERS)
 
@@ -47,7 +50,9 @@ objects = $(patsubst %.cc,$(OUT)/%.o,$(call sources,$(1)))
 BASE := $(call objects,base)
 CLIENT := $(call objects,client)
 TARN := $(call objects,tarn)
-MIRRORD := $(call objects,mirrord)
+# There is no service manager in a system of 2006.
+MIRRORD := $(filter-out %/service/manager.o,$(foreach folder,mirrord $(addprefix mirrord/,config control log service verify),\
+  $(call objects,$(folder))))
 UNWIND := $(OUT)/tests/guest/replicate_unwind.o
 
 .PHONY: all

@@ -30,11 +30,17 @@ equal second
 grep -q "the log is full" "$T/service.err" || fail "the log was never full"
 
 # No room below the log: records are lost, which is declared, and what is missing is copied from the source.
-head -c 100M /dev/zero >"$T/service/ballast" 2>/dev/null || true
-for i in $(seq 40); do head -c 1M /dev/urandom >"$T/mnt/lost$i"; done
+# What the log gives free to make room is taken, too.
+lose_records() {
+  head -c 100M /dev/zero 2>/dev/null >>"$T/service/ballast" || true
+  lost=$(((lost + 1) % 40))
+  head -c 1M /dev/urandom >"$T/mnt/lost$lost"
+  grep -q "records are lost" "$T/service.err"
+}
+lost=0
+wait_until 60 "the loss is told" lose_records
 rm -f "$T/mnt/f1"
 mv "$T/mnt/f2" "$T/mnt/f2-renamed"
-wait_until 60 "the loss is told" grep -q "records are lost" "$T/service.err"
 rm "$T/service/ballast"
 echo after >"$T/mnt/after"
 wait_until 60 "the targets can save their positions again" verb wait --timeout 10

@@ -39,8 +39,8 @@ def syntax_only(entry, source):
     return out + ["-fsyntax-only", "-x", "c" if source.endswith(".c") else "c++", source]
 
 
-LIBRARIES = ("CLI", "benchmark", "fmt", "fuse3", "gmock", "gtest", "libmount", "nlohmann", "rapidcheck", "rapidcheck.h", "spdlog",
-             "systemd", "toml++", "xxhash.h")
+LIBRARIES = ("CLI", "benchmark", "fmt", "fuse3", "gmock", "gtest", "libmount", "nats", "nlohmann", "rapidcheck", "rapidcheck.h",
+             "spdlog", "systemd", "toml++", "xxhash.h", "zstd.h")
 
 
 def for_aarch64(command, includes):

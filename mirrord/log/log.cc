@@ -61,7 +61,8 @@ Result<std::unique_ptr<Log>> Log::open(const std::string &directory, Options opt
 }
 
 std::int64_t Log::now_ns() const {
-  return opened_ns_ + std::chrono::nanoseconds(std::chrono::steady_clock::now() - opened_).count();
+  const std::chrono::nanoseconds since = std::chrono::steady_clock::now() - opened_;
+  return opened_ns_ + since.count();
 }
 
 std::string Log::shown(LogPosition first) const {

@@ -167,8 +167,8 @@ struct NumberedAnswer {
 std::vector<std::byte> encode(const NumberedQuestion &question);
 std::vector<std::byte> encode(const NumberedAnswer &answer);
 /* How many bytes of an answer it takes. */
-std::size_t size_of(const Found &found);
-std::size_t size_of(const DirectoryEntry &entry);
+std::size_t size_of(const Found &item);
+std::size_t size_of(const DirectoryEntry &item);
 
 /* Error codes: -EPROTONOSUPPORT, another version; -EBADMSG. */
 Result<NumberedQuestion> decode_question(Bytes message);

@@ -235,8 +235,7 @@ void Receiver::receive() {
   if (wanted || now - kept_at_ >= kKeepRules) {
     const auto kept = keep_rules();
     // Without the rules the mark would tell of changes that were not captured.
-    if (!kept && wanted)
-      return disconnect("the module's rules cannot be set: " + kept.error().text);
+    if (!kept && wanted) return take_rest("the module's rules cannot be set: " + kept.error().text);
     if (!kept) say(Level::kWarning, "", kept.error().text);
   }
   if (wanted || by_itself) send_barrier();
@@ -330,10 +329,23 @@ void Receiver::event(const Uuid &rule, const Sequencer::Event &event) {
 void Receiver::send_barrier() {
   const std::int64_t until = now_us();
   const auto barrier = channel_->send_barrier();
-  if (!barrier) return disconnect("not connected to the module: " + barrier.error().text);
+  if (!barrier) return take_rest("not connected to the module: " + barrier.error().text);
   MutexLock lock(mutex_);
   mark_sent_ = mark_wanted_ = std::max(mark_wanted_, mark_sent_ + 1);
   barriers_.push_back({*barrier, {mark_sent_, until}});
+}
+
+/* Whoever does not take anything any more may have sent something before. */
+void Receiver::take_rest(std::string why) {
+  barriers_.clear();
+  for (const auto end = Clock::now() + kLeaveTime; Clock::now() < end;) {
+    const auto received = channel_->receive(kDrained);
+    if (!received) break;
+    take(*received);
+    if (received->closed) why = "not connected to the module: tarnd has ended";
+    if (received->closed || received->packets.empty()) break;
+  }
+  disconnect(why);
 }
 
 /* A mark between the pages of a write would part them for a target that begins there. */

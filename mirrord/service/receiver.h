@@ -84,6 +84,7 @@ class Receiver : private Sequencer::Sink {
   void packet(Bytes packet, Clock::time_point now);
   void losses(const DaemonChannel::Received &received);
   void send_barrier();
+  void take_rest(std::string why);
   void append_marks(std::uint64_t barriers);
   bool take_all();
   void leave();

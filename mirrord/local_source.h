@@ -18,7 +18,7 @@ namespace tarn {
 /* A regular file that is open for reading. */
 std::unique_ptr<SourceFile> read_local_file(UniqueFd file);
 
-class LocalSource final : public Source {
+class LocalSource : public Source {
  public:
   /* The directory is opened at the first use and need not exist before. Without path descriptors
    * (O_PATH) only regular files and directories are ever opened. */

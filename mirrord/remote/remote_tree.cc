@@ -66,6 +66,7 @@ Result<std::optional<TreeEntry>> RemoteTree::find(const std::string &path) {
 std::vector<BlockHashes> RemoteTree::block_hashes(const std::string &directory,
                                                   const std::vector<Slice> &slices) {
   std::vector<BlockHashes> all;
+  all.reserve(slices.size());
   for (const Slice &slice : slices) all.push_back(hash_slice(join(directory, slice.name), slice));
   return all;
 }

@@ -37,7 +37,7 @@ class SourceServer {
       : options_(std::move(options)), source_(options_.directory) {}
 
   /* A question that cannot be decoded is answered too, as far as its number is known. */
-  std::vector<std::byte> answer(Bytes question);
+  std::vector<std::byte> answer(Bytes message);
 
  private:
   Result<void> check_there();

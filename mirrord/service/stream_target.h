@@ -85,10 +85,10 @@ class StreamTarget {
   std::vector<TargetReport> reports() const EXCLUDES(mutex_);
 
   /* A replica has reported. The first time, it is on the disk when this returns. */
-  Result<void> replica_reported(const std::string &replica, const ReplicaState &state)
+  Result<void> replica_reported(const std::string &name, const ReplicaState &state)
       EXCLUDES(mutex_);
   /* Nothing is kept for it any more. -ENOENT: it is not known. */
-  Result<void> retire(const std::string &replica) EXCLUDES(mutex_);
+  Result<void> retire(const std::string &name) EXCLUDES(mutex_);
 
   /* Until the stream has all entries before the position. Errors: -ETIMEDOUT; -EIO: the servers are
    * away, or the stream is full. */

@@ -68,6 +68,7 @@ TargetState from_json(const Json &json) {
                     .until = time_field(json, "until"),
                     .compare_data = json.at("compare_data"),
                     .paused = json.at("paused"),
+                    .clock_set_backs = count_field(json, "clock_set_backs"),
                     .applied = count_field(json, "applied"),
                     .failures = count_field(json, "failures"),
                     .gaps = count_field(json, "gaps"),
@@ -79,8 +80,6 @@ TargetState from_json(const Json &json) {
     for (const Json &path : json.at("names_outside")) state.names_outside.push_back(bytes_of(path));
   }
   if (json.contains("more_names_outside")) state.more_names_outside = json.at("more_names_outside");
-  if (json.contains("clock_set_backs"))
-    state.clock_set_backs = count_field(json, "clock_set_backs");
   if (json.contains("missing_since")) state.missing_since = time_field(json, "missing_since");
   return state;
 }

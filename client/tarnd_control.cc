@@ -101,8 +101,9 @@ Result<TarndControl::Answer> TarndControl::receive() {
   do {
     got = recv(socket_.get(), packet.data(), packet.size(), MSG_TRUNC);
   } while (got < 0 && errno == EINTR);
-  if (got < 0) return system_error(errno, "cannot receive tarnd's answer");
-  if (got == 0)
+  // A reset: it has not read the request either.
+  if (got < 0 && errno != ECONNRESET) return system_error(errno, "cannot receive tarnd's answer");
+  if (got <= 0)
     return Error{-EPIPE, "tarnd closed the connection before it answered: it may have ended"};
   const auto size = static_cast<std::size_t>(got);
   ox_ctl_reply reply;

@@ -45,8 +45,13 @@ Result<void> unmount(const std::string &mountpoint, const UmountCall &call) {
   auto channel = ControlChannel::connect(find_site());
   if (!channel) return unmount_here(mountpoint, call);
   const auto unmounted = channel->umount(mountpoint, call.lazy ? Umount::kLazily : Umount::kIfIdle);
-  if (unmounted || unmounted.error().code != -EINVAL) return unmounted;
-  return unmount_here(mountpoint, call);
+  if (unmounted) return {};
+  const int error = unmounted.error().code;
+  if (error != -EINVAL && error != -EPIPE) return unmounted;
+  const auto here = unmount_here(mountpoint, call);
+  // A tarnd that ends unmounts all that it can, perhaps this mount too.
+  if (!here && error == -EPIPE && here.error().code == -EINVAL) return {};
+  return here;
 }
 
 int run(int argc, char **argv) {

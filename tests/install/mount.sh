@@ -136,6 +136,17 @@ for how in "" -f -l; do
   umount ${how:+"$how"} "$T/mnt"
   not_mounted "$T/mnt" || fail "umount $how left the dead mount"
 done
+# One that is killed while it is asked.
+for _ in 1 2 3; do
+  mount "$T/mnt"
+  kill -STOP "$(cat "$TARN_RUN_DIR/tarnd.pid")"
+  umount.fuse.tarn "$T/mnt" &
+  asking=$!
+  sleep 0.2
+  kill -KILL "$(cat "$TARN_RUN_DIR/tarnd.pid")"
+  wait "$asking" || fail "umount failed when tarnd was killed"
+  not_mounted "$T/mnt" || fail "umount left the mount of a tarnd that was killed meanwhile"
+done
 mount "$T/mnt"
 kill -KILL "$(cat "$TARN_RUN_DIR/tarnd.pid")"
 wait_until 10 "the mount refuses" dead

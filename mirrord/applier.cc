@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "mirrord/applier.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <optional>
 #include <string_view>
 
@@ -414,6 +416,27 @@ Result<void> Applier::caught_up(std::int64_t until) {
   return !links ? links : !unrecorded ? unrecorded : changed;
 }
 
+namespace {
+
+/* As the kernel's name of a removed file, with what it adds to it, may be. */
+bool has_long_name(std::string_view path) {
+  while (!path.empty()) {
+    const std::size_t end = std::min(path.find('/'), path.size());
+    if (end > NAME_MAX) return true;
+    path.remove_prefix(std::min(end + 1, path.size()));
+  }
+  return false;
+}
+
+}  // namespace
+
+std::optional<std::string> Applier::below(std::string_view path) const {
+  auto inside = path_below(source_, path);
+  if (!inside || inside->empty()) return inside;
+  if (!plain_relative(*inside) || has_long_name(*inside)) inside.reset();
+  return inside;
+}
+
 std::vector<std::string> Applier::changed_by(const Record &record) const {
   std::vector<std::string_view> named;
   if (const auto *rename = std::get_if<Rename>(&record.change)) {
@@ -430,8 +453,7 @@ std::vector<std::string> Applier::changed_by(const Record &record) const {
   }
   std::vector<std::string> paths;
   for (const std::string_view path : named) {
-    if (auto below = path_below(source_, path); below && !below->empty())
-      paths.push_back(std::move(*below));
+    if (auto inside = below(path); inside && !inside->empty()) paths.push_back(std::move(*inside));
   }
   return paths;
 }
@@ -440,12 +462,12 @@ std::optional<std::string> Applier::may_be_stale(const Record &record) const {
   const Change &change = record.change;
   std::optional<std::string> path;
   if (const auto *rename = std::get_if<Rename>(&change))
-    path = path_below(source_, rename->to);
+    path = below(rename->to);
   else if (const auto *link = std::get_if<Link>(&change))
-    path = path_below(source_, link->path);
+    path = below(link->path);
   else if (std::holds_alternative<Create>(change) || std::holds_alternative<Mkdir>(change) ||
            std::holds_alternative<Symlink>(change))
-    path = path_below(source_, change_path(change));
+    path = below(change_path(change));
   if (!path || path->empty()) return std::nullopt;
   if (std::holds_alternative<Rename>(change) || std::holds_alternative<Link>(change)) return path;
   const auto mine = replica_.find(*path);
@@ -463,7 +485,6 @@ void Applier::use_all_rules() {
 void Applier::note_changed_paths(const Record &record) {
   ChangedPaths &changed = reconciler_.changed_paths();
   scopes_.learn(record);  // compare() must know the rule's scope
-  const auto below = [this](std::string_view path) { return path_below(source_, path); };
   const auto add = [&](const std::optional<std::string> &path) {
     if (!path) return;
     changed.add(*path);

@@ -119,6 +119,8 @@ class Applier {
  private:
   struct Visitor;
 
+  /* Relative to the source. Nothing if it is outside, or no path that an object can have. */
+  std::optional<std::string> below(std::string_view path) const;
   void use_all_rules();
   /* The changed file is of the rule, but its name is unknown: caught_up() searches for it. */
   Error unplaced(const Record &record);

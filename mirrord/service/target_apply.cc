@@ -104,6 +104,11 @@ Result<void> Target::apply_record(const LogEntry &entry) {
   ++state_.applied;
   if (const auto kept = write_back(); !kept) return kept;
   if (applied) return {};
+  // No other record and no comparison tells what was meant.
+  if (applied.error().code == -EXDEV || applied.error().code == -ENAMETOOLONG) {
+    missing(static_cast<std::int64_t>(record.ts), entry.position, "a record names no path");
+    return {};
+  }
   const std::vector<std::string> paths = applier.changed_by(record);
   const bool unplaced = applied.error().code == -ESTALE && record.naming == Naming::kUnplaced;
   if (!unplaced && holds_target(applied.error())) return applied.error();

@@ -2,6 +2,7 @@
 #include "mirrord/applier.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <optional>
@@ -25,6 +26,16 @@ const Error kAbsent{-ENOENT, "No such file or directory"};
 /* Something else may have taken the place of a directory on the path. */
 bool leads_nowhere(const Error &error) {
   return error.code == -ENOENT || error.code == -ENOTDIR;
+}
+
+/* As the kernel's name of a removed file, with what it adds to it, may be. */
+bool has_long_name(std::string_view path) {
+  while (!path.empty()) {
+    const std::size_t end = std::min(path.find('/'), path.size());
+    if (end > NAME_MAX) return true;
+    path.remove_prefix(std::min(end + 1, path.size()));
+  }
+  return false;
 }
 
 }  // namespace
@@ -322,9 +333,9 @@ struct Applier::Visitor {
       done = to ? Done(rename_in(*to)) : Done();
     else
       done = to ? rename(*from, *to) : rename_out(*from);
-    if (!done || !done->ok()) return done;
+    // Also after a failure: no comparison comes by what a rule excludes.
     const auto listed = reconcile_listed_paths(below(c.from), to);
-    return listed ? done : Done(listed.error());
+    return !done || !done->ok() || listed ? done : Done(listed.error());
   }
   Done operator()(const SetAttr &c) {
     const auto path = below(c.path);
@@ -378,6 +389,18 @@ Result<void> Applier::follow_page(const Record &record) {
   return {};
 }
 
+std::array<std::string_view, 2> Applier::named_paths(const Record &record) const {
+  if (const auto *rename = std::get_if<Rename>(&record.change)) return {rename->from, rename->to};
+  if (const auto *link = std::get_if<Link>(&record.change)) return {link->existing, link->path};
+  if (std::holds_alternative<WritePage>(record.change)) return {page_path_};
+  return {change_path(record.change)};
+}
+
+bool Applier::is_possible(std::string_view path) const {
+  const auto inside = path_below(source_, path);
+  return !inside || inside->empty() || (plain_relative(*inside) && !has_long_name(*inside));
+}
+
 Result<Applier::Outcome> Applier::apply(const Record &record, std::optional<std::uint64_t> logged) {
   const PendingPaths::Time time{record.ts, logged.value_or(record.ts)};
   if (const auto followed = follow_page(record); !followed) return followed.error();
@@ -386,6 +409,9 @@ Result<Applier::Outcome> Applier::apply(const Record &record, std::optional<std:
       std::holds_alternative<Link>(record.change) || std::holds_alternative<Rename>(record.change);
   if (record.naming == Naming::kNameless && !gets_a_name) return Outcome::kNameless;
   if (record.naming == Naming::kUnplaced && !gets_a_name) return unplaced(record);
+  for (const std::string_view path : named_paths(record)) {
+    if (!is_possible(path)) return Error{-EXDEV, "no object can have the path " + printable(path)};
+  }
   const auto *link = std::get_if<Link>(&record.change);
   reconciler_.set_other_name(link ? std::string(link->existing) : std::string());
   reconciler_.set_included(
@@ -416,44 +442,21 @@ Result<void> Applier::caught_up(std::int64_t until) {
   return !links ? links : !unrecorded ? unrecorded : changed;
 }
 
-namespace {
-
-/* As the kernel's name of a removed file, with what it adds to it, may be. */
-bool has_long_name(std::string_view path) {
-  while (!path.empty()) {
-    const std::size_t end = std::min(path.find('/'), path.size());
-    if (end > NAME_MAX) return true;
-    path.remove_prefix(std::min(end + 1, path.size()));
-  }
-  return false;
-}
-
-}  // namespace
-
-std::optional<std::string> Applier::below(std::string_view path) const {
+std::optional<std::string> Applier::object_path(std::string_view path) const {
   auto inside = path_below(source_, path);
-  if (!inside || inside->empty()) return inside;
-  if (!plain_relative(*inside) || has_long_name(*inside)) inside.reset();
+  if (inside && (inside->empty() || !is_possible(path) || !scopes_.any_includes(path)))
+    inside.reset();
   return inside;
 }
 
 std::vector<std::string> Applier::changed_by(const Record &record) const {
-  std::vector<std::string_view> named;
-  if (const auto *rename = std::get_if<Rename>(&record.change)) {
-    named = {rename->from, rename->to};
-  } else if (const auto *link = std::get_if<Link>(&record.change)) {
-    named = {link->existing, link->path};
-  } else if (std::holds_alternative<WritePage>(record.change)) {
-    named = {page_path_};
-  } else if (const auto *attributes = std::get_if<SetAttr>(&record.change)) {
-    // The others are the source's after the next comparison, whatever object they hit.
-    if (attributes->valid & OX_ATTR_SIZE) named = {attributes->path};
-  } else if (!std::holds_alternative<Mkdir>(record.change)) {
-    named = {change_path(record.change)};
-  }
+  // The others are the source's after the next comparison, whatever object they hit.
+  const auto *attributes = std::get_if<SetAttr>(&record.change);
+  if (attributes && !(attributes->valid & OX_ATTR_SIZE)) return {};
+  if (std::holds_alternative<Mkdir>(record.change)) return {};
   std::vector<std::string> paths;
-  for (const std::string_view path : named) {
-    if (auto inside = below(path); inside && !inside->empty()) paths.push_back(std::move(*inside));
+  for (const std::string_view path : named_paths(record)) {
+    if (auto inside = object_path(path)) paths.push_back(std::move(*inside));
   }
   return paths;
 }
@@ -462,13 +465,13 @@ std::optional<std::string> Applier::may_be_stale(const Record &record) const {
   const Change &change = record.change;
   std::optional<std::string> path;
   if (const auto *rename = std::get_if<Rename>(&change))
-    path = below(rename->to);
+    path = object_path(rename->to);
   else if (const auto *link = std::get_if<Link>(&change))
-    path = below(link->path);
+    path = object_path(link->path);
   else if (std::holds_alternative<Create>(change) || std::holds_alternative<Mkdir>(change) ||
            std::holds_alternative<Symlink>(change))
-    path = below(change_path(change));
-  if (!path || path->empty()) return std::nullopt;
+    path = object_path(change_path(change));
+  if (!path) return std::nullopt;
   if (std::holds_alternative<Rename>(change) || std::holds_alternative<Link>(change)) return path;
   const auto mine = replica_.find(*path);
   return mine && !*mine ? std::nullopt : path;
@@ -485,6 +488,7 @@ void Applier::use_all_rules() {
 void Applier::note_changed_paths(const Record &record) {
   ChangedPaths &changed = reconciler_.changed_paths();
   scopes_.learn(record);  // compare() must know the rule's scope
+  const auto below = [this](std::string_view path) { return path_below(source_, path); };
   const auto add = [&](const std::optional<std::string> &path) {
     if (!path) return;
     changed.add(*path);

@@ -25,6 +25,7 @@
 #ifndef TARN_MIRRORD_APPLIER_H
 #define TARN_MIRRORD_APPLIER_H
 
+#include <array>
 #include <chrono>
 #include <memory>
 #include <optional>
@@ -67,7 +68,8 @@ class Applier {
     kNameless, /* the file has no name any more and cannot be opened again */
   };
 
-  /* After an error, the same record may be applied again. `logged`: when the record was logged, by
+  /* After an error, the same record may be applied again. -EXDEV: it names no path that an object
+   * can have; nothing was done. `logged`: when the record was logged, by
    * the clock that is set with set_log_clock(); by default when it was captured. */
   Result<Outcome> apply(const Record &record, std::optional<std::uint64_t> logged = {});
   /* Before the first record. The clock is never set; microseconds. */
@@ -91,13 +93,13 @@ class Applier {
     return reconciler_.look(directory, since);
   }
   /* The paths in the replica whose object, name or data the record changes, as far as it names
-   * them; not the replica itself. */
+   * them and no rule excludes them; not the replica itself. */
   std::vector<std::string> changed_by(const Record &record) const;
   /* Call it before the record is applied: the path that it gives to an object, if the replica may
    * have another state of that than the records tell. It has the path already, or the object had
    * another one. */
   std::optional<std::string> may_be_stale(const Record &record) const;
-  /* Copies the path from the source again. */
+  /* Copies the path, which no rule excludes, from the source again. */
   Result<void> look_at(const std::string &path) {
     use_all_rules();
     const auto reconciled = reconciler_.reconcile(path);
@@ -119,8 +121,12 @@ class Applier {
  private:
   struct Visitor;
 
-  /* Relative to the source. Nothing if it is outside, or no path that an object can have. */
-  std::optional<std::string> below(std::string_view path) const;
+  /* As the record has them; one without a path is "". */
+  std::array<std::string_view, 2> named_paths(const Record &record) const;
+  bool is_possible(std::string_view path) const;
+  /* Relative to the source, of an object that is to be in the replica. Nothing if it is outside,
+   * the source itself, excluded or impossible. */
+  std::optional<std::string> object_path(std::string_view path) const;
   void use_all_rules();
   /* The changed file is of the rule, but its name is unknown: caught_up() searches for it. */
   Error unplaced(const Record &record);

@@ -338,14 +338,20 @@ void Receiver::send_barrier() {
 /* Whoever does not take anything any more may have sent something before. */
 void Receiver::take_rest(std::string why) {
   barriers_.clear();
+  if (drain()) why = "not connected to the module: tarnd has ended";
+  disconnect(why);
+}
+
+/* Takes what has been sent, until nothing more comes. Is the channel closed? */
+bool Receiver::drain() {
   for (const auto end = Clock::now() + kLeaveTime; Clock::now() < end;) {
     const auto received = channel_->receive(kDrained);
-    if (!received) break;
+    if (!received) return false;
     take(*received);
-    if (received->closed) why = "not connected to the module: tarnd has ended";
-    if (received->closed || received->packets.empty()) break;
+    if (received->closed) return true;
+    if (received->packets.empty()) return false;
   }
-  disconnect(why);
+  return false;
 }
 
 /* A mark between the pages of a write would part them for a target that begins there. */
@@ -381,13 +387,7 @@ void Receiver::leave() {
   if (!all) say(Level::kWarning, "", "the module does not say whether it has sent all");
   const auto left = channel_->leave();
   if (!left) say(Level::kWarning, "", left.error().text);
-  const auto end = Clock::now() + kLeaveTime;
-  while (Clock::now() < end) {
-    const auto received = channel_->receive(kDrained);
-    if (!received) break;
-    take(*received);
-    if (received->packets.empty() || received->closed) break;
-  }
+  (void)drain();
   sequencer_->finish();
   MutexLock lock(mutex_);
   const MarkEntry mark{++mark_wanted_, now_us()};

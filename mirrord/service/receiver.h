@@ -85,6 +85,7 @@ class Receiver : private Sequencer::Sink {
   void losses(const DaemonChannel::Received &received);
   void send_barrier();
   void take_rest(std::string why);
+  bool drain();
   void append_marks(std::uint64_t barriers);
   bool take_all();
   void leave();

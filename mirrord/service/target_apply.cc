@@ -105,7 +105,7 @@ Result<void> Target::apply_record(const LogEntry &entry) {
   if (const auto kept = write_back(); !kept) return kept;
   if (applied) return {};
   // No other record and no comparison tells what was meant.
-  if (applied.error().code == -EXDEV || applied.error().code == -ENAMETOOLONG) {
+  if (applied.error().code == -EXDEV) {
     missing(static_cast<std::int64_t>(record.ts), entry.position, "a record names no path");
     return {};
   }

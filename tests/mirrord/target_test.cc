@@ -280,6 +280,34 @@ TEST_F(TargetTest, files_with_names_outside_the_rule_are_watched_after_a_restart
   EXPECT_EQ(content_of(in_target("\xff")), "changed in a pause");
 }
 
+/* Such as the kernel's name of a removed file, with what it adds to it. */
+TEST_F(TargetTest, a_record_with_a_path_that_no_object_has_is_a_gap_that_heals) {
+  start();
+  expect_equal_trees();
+  for (const std::string &name : {std::string("d/"), std::string(250, 'x') + " (deleted)"}) {
+    write_unseen("f", "what it was about: " + name);
+    feed(*intake_, name_change(OX_OP_CREATE, next(), in_source(name), {}, 0100644));
+    feed(*intake_, write_data(next(), in_source(name), 0, "data"));
+  }
+  expect_equal_trees();
+}
+
+/* A record of it is only there because of its other name. */
+TEST_F(TargetTest, what_a_rule_excludes_is_not_copied_while_a_gap_is_healed) {
+  lists_ = {{source_}, {in_source("d/private")}};
+  fs::create_directory(in_source("d"));
+  start();
+  ASSERT_TRUE(equal());
+  intake_->gap(Intake::Missing::kSinceLastRecord, "lost");
+  fs::create_directory(in_source("moved"));
+  feed(*intake_, name_change(OX_OP_MKDIR, next(), in_source("moved"), {}, 040755));
+  fs::rename(in_source("moved"), in_source("d/private"));
+  feed(*intake_, name_change(OX_OP_RENAME, next(), in_source("moved"), in_source("d/private"), 0));
+  ASSERT_TRUE(equal());
+  EXPECT_FALSE(fs::exists(in_target("moved")));
+  EXPECT_FALSE(fs::exists(in_target("d/private")));
+}
+
 TEST_F(TargetTest, a_resync_compares_everything_anew) {
   write_unseen("f", "right");
   start();

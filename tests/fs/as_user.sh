@@ -7,7 +7,7 @@ if [ "$(id -u)" -ne 0 ]; then
   exit 77
 fi
 # A mount name space of its own, for a /dev/fuse that users may open.
-[ -n "${TARN_AS_USER:-}" ] || TARN_AS_USER=1 exec unshare --mount --propagation private bash "$0" "$@"
+[ -n "${TARN_AS_USER:-}" ] || TARN_AS_USER=1 exec unshare --mount --propagation slave bash "$0" "$@"
 . "$(dirname "$0")/../lib.sh"
 
 ME=65534 OTHER=12345

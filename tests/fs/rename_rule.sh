@@ -84,9 +84,9 @@ if [ "$(id -u)" -eq 0 ]; then
 mount --bind "$T/elsewhere/daemon" "$daemon" && exec "$daemon" "\$@"
 SH
   chmod +x "$T/elsewhere/in-name-space"
-  unshare --mount --propagation private "$T/elsewhere/in-name-space" -e 'exit(-e $ARGV[0] ? 0 : 1)' "$T/mnt/in/k" ||
+  unshare --mount --propagation slave "$T/elsewhere/in-name-space" -e 'exit(-e $ARGV[0] ? 0 : 1)' "$T/mnt/in/k" ||
     fail "a mount name space cannot be had"
-  in_name_space() { unshare --mount --propagation private "$T/elsewhere/in-name-space" "$@"; }
+  in_name_space() { unshare --mount --propagation slave "$T/elsewhere/in-name-space" "$@"; }
   refused in_name_space in/k in/new
 fi
 

@@ -6,7 +6,7 @@
 # same with Debian's own.
 if [ "${TARN_TEST_NAMESPACE:-}" != 1 ]; then
   [ "$(id -u)" -eq 0 ] || { echo "skipped: only root can have a mount namespace"; exit 77; }
-  TARN_TEST_NAMESPACE=1 exec unshare --mount --propagation private bash "$0" "$@"
+  TARN_TEST_NAMESPACE=1 exec unshare --mount --propagation slave bash "$0" "$@"
 fi
 . "$(dirname "$0")/../lib.sh"
 . "$(dirname "$0")/install.bash"

@@ -4,7 +4,7 @@
 # and /sbin show its files; the machine's own are not touched.
 if [ "${TARN_TEST_NAMESPACE:-}" != 1 ]; then
   [ "$(id -u)" -eq 0 ] || { echo "skipped: only root can have a mount namespace"; exit 77; }
-  TARN_TEST_NAMESPACE=1 exec unshare --mount --propagation private bash "$0" "$@"
+  TARN_TEST_NAMESPACE=1 exec unshare --mount --propagation slave bash "$0" "$@"
 fi
 . "$(dirname "$0")/../lib.sh"
 

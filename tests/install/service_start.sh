@@ -4,7 +4,7 @@
 # systemctl is asked, in a mount namespace where /run is the test's.
 if [ "${TARN_TEST_NAMESPACE:-}" != 1 ]; then
   [ "$(id -u)" -eq 0 ] || { echo "skipped: only root can have a mount namespace"; exit 77; }
-  TARN_TEST_NAMESPACE=1 exec unshare --mount --propagation private bash "$0" "$@"
+  TARN_TEST_NAMESPACE=1 exec unshare --mount --propagation slave bash "$0" "$@"
 fi
 . "$(dirname "$0")/../lib.sh"
 

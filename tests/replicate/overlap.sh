@@ -5,7 +5,7 @@ if [ "$(id -u)" -ne 0 ]; then
   echo "skipped: only root makes bind mounts" >&2
   exit 77
 fi
-[ -n "${TARN_APART:-}" ] || TARN_APART=1 exec unshare --mount --propagation private bash "$0" "$@"
+[ -n "${TARN_APART:-}" ] || TARN_APART=1 exec unshare --mount --propagation slave bash "$0" "$@"
 . "$(dirname "$0")/../lib.sh"
 
 cleanup_test() { umount -l "$T/same" "$T/parent" "$T/sub" "$T/has/mnt" "$T/other" 2>/dev/null; }

@@ -84,9 +84,9 @@ sed -i "s|\"$T/lower\"|\"$T/replica/inner\"|" "$CONFIG"
 refused_configuration "$T/replica"
 rmdir "$T/replica/inner"
 configure bound
-refused 2 "$T/bound" unshare --mount timeout 20 bash -c "mount --bind $T/lower/sub $T/bound && exec mirrord run --config $CONFIG"
-refused 1 "$T/bound" unshare --mount timeout 20 bash -c "mount --bind $T/lower/sub $T/bound && exec mirrord check --config $CONFIG"
-refused 2 "$T/bound" unshare --mount timeout 20 bash -c "mount --bind $T $T/bound && exec mirrord run --config $CONFIG"
+refused 2 "$T/bound" unshare --mount --propagation slave timeout 20 bash -c "mount --bind $T/lower/sub $T/bound && exec mirrord run --config $CONFIG"
+refused 1 "$T/bound" unshare --mount --propagation slave timeout 20 bash -c "mount --bind $T/lower/sub $T/bound && exec mirrord check --config $CONFIG"
+refused 2 "$T/bound" unshare --mount --propagation slave timeout 20 bash -c "mount --bind $T $T/bound && exec mirrord run --config $CONFIG"
 tarn mount "$T/lower" "$T/mnt"
 configure replica
 sed -i "s|^directory = \"$T/lower\"|directory = \"$T/mnt\"|" "$CONFIG"

@@ -297,6 +297,14 @@ void fields(Coder &coder, Fields &fields) {
     });
   } else if constexpr (std::is_same_v<Kind, MarkAnswer>) {
     coder.number(fields.number);
+  } else if constexpr (std::is_same_v<Kind, AboutAnswer>) {
+    coder.number(fields.run);
+    coder.text(fields.directory);
+    coder.list(fields.exclude, [&](auto &path) { coder.text(path); });
+    if constexpr (Coder::kReads) {
+      coder.require(fields.directory.starts_with('/'));
+      for (const std::string &path : fields.exclude) coder.require(path.starts_with('/'));
+    }
   }
 }
 

@@ -28,6 +28,7 @@
  *                                         nanoseconds (8 each); list of hashes (16 each)
  *  9 holes  path, from (8)                more (1), list of holes of 64 KiB and more: offset and
  *                                         length (8 each)
+ * 10 about  -                             run (8), directory, list of excluded paths (texts)
  *
  * The checksum is the XXH3-64 of all before it. Integers are little-endian. A text, like a list, is
  * its length (4 bytes) and its bytes or items. A path is relative to the source. An object is
@@ -40,6 +41,9 @@
  *
  * Hashes are XXH3-128 of blocks of 1 MiB, low half first; fewer when the file ends. The version is
  * zero if the file changed meanwhile.
+ *
+ * The run is another one whenever mirrord has been started over there: walks that were asked for
+ * before have ended.
  *
  * A decoder accepts exactly what its encoder writes, and trusts no length.
  */
@@ -104,8 +108,10 @@ struct HolesQuestion {
   std::string path;
   std::uint64_t from = 0; /* where the last one of the answer before ends */
 };
-using Question = std::variant<NowQuestion, StatusQuestion, ListQuestion, ReadQuestion, WalkQuestion,
-                              MarkQuestion, ReportQuestion, HashQuestion, HolesQuestion>;
+struct AboutQuestion {};
+using Question =
+    std::variant<NowQuestion, StatusQuestion, ListQuestion, ReadQuestion, WalkQuestion,
+                 MarkQuestion, ReportQuestion, HashQuestion, HolesQuestion, AboutQuestion>;
 
 struct Failure {
   int error = 0;
@@ -150,9 +156,14 @@ struct HolesAnswer {
   bool more = false;
   std::vector<Hole> holes;
 };
+struct AboutAnswer {
+  std::uint64_t run = 0;
+  std::string directory;            /* of the source; absolute */
+  std::vector<std::string> exclude; /* absolute paths below it */
+};
 /* In the order of the questions, behind Failure. */
 using Answer = std::variant<Failure, NowAnswer, StatusAnswer, ListAnswer, ReadAnswer, WalkAnswer,
-                            MarkAnswer, ReportAnswer, HashAnswer, HolesAnswer>;
+                            MarkAnswer, ReportAnswer, HashAnswer, HolesAnswer, AboutAnswer>;
 
 struct NumberedQuestion {
   std::uint64_t number = 0;

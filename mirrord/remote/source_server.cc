@@ -262,4 +262,8 @@ Result<remote::Answer> SourceServer::to(const remote::HolesQuestion &question) {
   return remote::Answer(std::move(answer));
 }
 
+Result<remote::Answer> SourceServer::to(const remote::AboutQuestion &) {
+  return remote::Answer(remote::AboutAnswer{options_.run, options_.directory, options_.exclude});
+}
+
 }  // namespace tarn

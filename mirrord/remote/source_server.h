@@ -26,7 +26,9 @@ namespace tarn {
 class SourceServer {
  public:
   struct Options {
-    std::string directory; /* the source */
+    std::string directory;                 /* the source */
+    std::vector<std::string> exclude = {}; /* absolute paths */
+    std::uint64_t run = 0;                 /* of this process: see AboutAnswer */
     std::function<bool(const std::string &path)> included;
     /* What concerns the source's log. */
     std::function<Result<void>(const remote::WalkQuestion &question)> walk;
@@ -55,6 +57,7 @@ class SourceServer {
   Result<remote::Answer> to(const remote::ReportQuestion &question);
   Result<remote::Answer> to(const remote::HashQuestion &question);
   Result<remote::Answer> to(const remote::HolesQuestion &question);
+  Result<remote::Answer> to(const remote::AboutQuestion &question);
   Result<void> read_pieces(SourceFile &file, const remote::ReadQuestion &question, std::size_t room,
                            remote::ReadAnswer &answer);
 

@@ -30,7 +30,8 @@ std::vector<Question> questions() {
           MarkQuestion{},
           ReportQuestion{"replica", "epoch", "held", "why", 1, 2, 3, 4, 5},
           HashQuestion{"d/f", kBlockSize, 2 * kBlockSize},
-          HolesQuestion{"d/f", 65536}};
+          HolesQuestion{"d/f", 65536},
+          AboutQuestion{}};
 }
 
 const std::string kData = "some data";
@@ -59,7 +60,8 @@ std::vector<Answer> answers() {
           MarkAnswer{17},
           ReportAnswer{},
           HashAnswer{{1, 2, -3, 4}, {{5, 6}, {7, 8}}},
-          HolesAnswer{true, {{0, 65536}, {131072, 65536}}}};
+          HolesAnswer{true, {{0, 65536}, {131072, 65536}}},
+          AboutAnswer{5, "/srv/data", {"/srv/data/tmp", "/srv/data/cache"}}};
 }
 
 TEST(RemoteProtocolTest, each_question_and_answer_is_what_it_was) {
@@ -138,6 +140,8 @@ TEST(RemoteProtocolTest, refuses_fields_that_cannot_be) {
   for (const char *name : {"", "..", ".", "a/b", "/"})
     EXPECT_TRUE(refused(ListAnswer{false, {{name, 1, false, false}}})) << name;
   EXPECT_TRUE(refused(ListAnswer{false, {{std::string("a\0b", 3), 1, false, false}}}));
+  EXPECT_TRUE(refused(AboutAnswer{1, "srv/data", {}}));
+  EXPECT_TRUE(refused(AboutAnswer{1, "/srv/data", {"tmp"}}));
   Found found;
   found.status.st_mtim.tv_nsec = 1'000'000'000;
   EXPECT_TRUE(refused(StatusAnswer{{found}}));

@@ -49,6 +49,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     case tarn::EntryKind::kWalkEnd:
       try_one(tarn::decode_walk_end, payload);
       break;
+    case tarn::EntryKind::kJoin:
+      try_one(tarn::decode_join, payload);
+      break;
     default:
       break;
   }

@@ -188,6 +188,13 @@ int skip(Session &session, const TargetName &meant) {
   return kGood;
 }
 
+/* A replica that is gone may be unknown to the report of its target. */
+int retire(Session &session, const TargetName &name) {
+  if (name.target.find(':') == std::string::npos)
+    return fail(printable(text_of(name)) + " is not of the form SOURCE/TARGET:REPLICA", kUsage);
+  return change(session, Verb::kRetire, name);
+}
+
 std::string summary(const std::string &name, Verb verb, std::uint64_t count) {
   if (verb == Verb::kRepair)
     return count == 0 ? fmt::format("{}: equal now\n", name)
@@ -307,6 +314,10 @@ class ControlCommands::Impl {
     auto *command = add(app, "skip", "Step over the entry that holds a target; leaves a gap");
     command->add_option("TARGET", name_, "SOURCE/TARGET, as in the configuration")->required();
     when_named(command, skip);
+    command = add(app, "retire", "Forget a replica that does not come back; keeps nothing for it");
+    command->add_option("REPLICA", name_, "SOURCE/TARGET:REPLICA, as 'mirrord targets' shows it")
+        ->required();
+    when_named(command, retire);
   }
 
   void add_comparisons(CLI::App &app) {

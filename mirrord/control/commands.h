@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * The verbs of the command line that ask a running service: status, targets, wait, pause, resume,
- * resync, skip, verify, repair, metrics. Each takes --config FILE, --state-directory DIR or
+ * resync, skip, verify, repair, retire, metrics. Each takes --config FILE, --state-directory DIR or
  * --socket PATH.
  *
  * Exit statuses: 0 good; 1 there are differences or problems; 2 the command line is wrong, or names

@@ -91,6 +91,9 @@ class ServiceControl {
   virtual Result<void> resync(const TargetName &name) = 0;
   /* Steps over the entry that holds one target; returns what was skipped. */
   virtual Result<std::string> skip(const TargetName &name) = 0;
+  /* Forgets a replica on another host, which has the name STREAM:REPLICA: nothing is kept for it
+   * any more. Errors: -ENOENT; -EINVAL: it is none. */
+  virtual Result<void> retire(const TargetName &name) = 0;
   /* Of one target. Returns what differs or, with `repair`, what still does. */
   virtual Result<std::vector<Difference>> verify(const TargetName &name, bool repair,
                                                  const Progress &progress) = 0;

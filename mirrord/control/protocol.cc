@@ -42,6 +42,7 @@ constexpr std::array kVerbs = {
     VerbWord{Verb::kSkip, "skip", Needs::kOneTarget},
     VerbWord{Verb::kVerify, "verify", Needs::kOneTarget},
     VerbWord{Verb::kRepair, "repair", Needs::kOneTarget},
+    VerbWord{Verb::kRetire, "retire", Needs::kOneTarget},
 };
 
 Error bad(const std::string &what) {

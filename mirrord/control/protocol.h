@@ -43,6 +43,7 @@ enum class Verb {
   kSkip,   /* of one target; result: {"skipped": "..."} */
   kVerify, /* of one target; result: {"differences": 2}, whose lines came before */
   kRepair, /* as verify */
+  kRetire, /* of one replica: SOURCE, STREAM:REPLICA; result: {} */
 };
 
 struct Request {

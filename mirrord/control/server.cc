@@ -77,6 +77,8 @@ class Session {
       case Verb::kVerify:
       case Verb::kRepair:
         return verify(request);
+      case Verb::kRetire:
+        return answer(service_.retire(request.name));
     }
     return answer(Error{-ENOSYS, "the verb is not served"});
   }

@@ -141,24 +141,29 @@ Result<void> Intake::read_on(LogPosition from) {
       continue;
     }
     if (!*entry) return {};
-    marked_ = false;
-    switch (static_cast<EntryKind>((*entry)->kind)) {
-      case EntryKind::kRecord:
-        if (const auto message = decode((*entry)->payload);
-            message && std::holds_alternative<Record>(*message))
-          take_locked(std::get<Record>(*message), (*entry)->position);
-        break;
-      case EntryKind::kGap:
-        read_gap((*entry)->payload);
-        break;
-      case EntryKind::kMark:
-        if (const auto mark = decode_mark((*entry)->payload))
-          received_.last_mark = std::max(received_.last_mark, mark->number);
-        marked_ = true;
-        break;
-      default:
-        break;
-    }
+    note_locked(**entry, (*entry)->position);
+  }
+}
+
+/* An entry that the log has at this position. */
+void Intake::note_locked(const LogEntry &entry, LogPosition position) {
+  marked_ = false;
+  switch (static_cast<EntryKind>(entry.kind)) {
+    case EntryKind::kRecord:
+      if (const auto message = decode(entry.payload);
+          message && std::holds_alternative<Record>(*message))
+        take_locked(std::get<Record>(*message), position);
+      break;
+    case EntryKind::kGap:
+      read_gap(entry.payload);
+      break;
+    case EntryKind::kMark:
+      if (const auto mark = decode_mark(entry.payload))
+        received_.last_mark = std::max(received_.last_mark, mark->number);
+      marked_ = true;
+      break;
+    default:
+      break;
   }
 }
 
@@ -309,6 +314,19 @@ Result<LogPosition> Intake::append(EntryKind kind, Bytes payload) {
   if (!append_pending_gap_locked()) return Error{-ENOSPC, "the log has no room"};
   marked_ = false;
   return append_locked(kind, payload);
+}
+
+Result<LogPosition> Intake::copy(const LogEntry &entry) {
+  MutexLock lock(mutex_);
+  if (!append_pending_gap_locked()) return Error{-ENOSPC, "the log has no room"};
+  auto appended = append_locked(static_cast<EntryKind>(entry.kind), entry.payload);
+  if (appended) note_locked(entry, *appended);
+  return appended;
+}
+
+bool Intake::found_whole() const {
+  MutexLock lock(mutex_);
+  return !pending_gap_ && log_->recovery().damage.empty() && log_->end() == found_end_;
 }
 
 bool Intake::marked() const {

@@ -64,10 +64,14 @@ class Intake {
   bool mark(const MarkEntry &entry) EXCLUDES(mutex_);
   /* For the walker. An error means that nothing was appended. */
   Result<LogPosition> append(EntryKind kind, Bytes payload) EXCLUDES(mutex_);
+  /* An entry of another host's log, as it came from there. As append(). */
+  Result<LogPosition> copy(const LogEntry &entry) EXCLUDES(mutex_);
 
   /* Where the log ended when it was opened. What was read behind it once is lost, and its positions
    * are given to other entries. */
   LogPosition found_end() const { return found_end_; }
+  /* Was something wrong with the log then, so that there is a gap, or one waits for room? */
+  bool found_whole() const EXCLUDES(mutex_);
   /* Is nothing behind the last mark, nor a gap waiting for room? */
   bool marked() const EXCLUDES(mutex_);
   /* The number of the last mark in the log; 0: none. */
@@ -105,6 +109,7 @@ class Intake {
   LogPosition read_document_fields(const nlohmann::json &json);
   void read_gap(Bytes payload) REQUIRES(mutex_);
   Result<void> read_on(LogPosition from);
+  void note_locked(const LogEntry &entry, LogPosition position) REQUIRES(mutex_);
   void take_locked(const Record &record, LogPosition position) REQUIRES(mutex_);
   void watch_clock_locked() REQUIRES(mutex_);
   std::int64_t missing_since_locked(Missing missing) const REQUIRES(mutex_);

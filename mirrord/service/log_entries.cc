@@ -87,6 +87,14 @@ std::vector<std::byte> encode(const LookEntry &entry) {
 std::vector<std::byte> encode(const WalkEndEntry &entry) {
   return Encoder().put(entry.walk).put(static_cast<std::uint8_t>(entry.complete)).take();
 }
+std::vector<std::byte> encode(const JoinEntry &entry) {
+  Encoder encoder;
+  for (const std::uint8_t byte : entry.epoch.bytes) encoder.put(byte);
+  return encoder.put(entry.position)
+      .put(static_cast<std::uint8_t>(entry.missing))
+      .put(entry.reason)
+      .take();
+}
 
 Result<GapEntry> decode_gap(Bytes payload) {
   Decoder decoder(payload);
@@ -124,6 +132,15 @@ Result<WalkEndEntry> decode_walk_end(Bytes payload) {
   entry.walk = decoder.get<std::uint64_t>();
   entry.complete = decoder.flag();
   return decoder.end(entry, "walk end");
+}
+Result<JoinEntry> decode_join(Bytes payload) {
+  Decoder decoder(payload);
+  JoinEntry entry;
+  for (std::uint8_t &byte : entry.epoch.bytes) byte = decoder.get<std::uint8_t>();
+  entry.position = decoder.get<std::uint64_t>();
+  entry.missing = decoder.flag();
+  entry.reason = decoder.text();
+  return decoder.end(std::move(entry), "join");
 }
 
 }  // namespace tarn

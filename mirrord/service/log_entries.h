@@ -11,6 +11,7 @@
  * walk begin  walk (8), since (8), target (text)
  * look        walk (8), parts done of 1'000'000 (4), directory (text)
  * walk end    walk (8), 1 if it saw everything (1)
+ * join        epoch (16), position (8), 1 if changes are missing (1), reason (text)
  */
 #ifndef TARN_MIRRORD_SERVICE_LOG_ENTRIES_H
 #define TARN_MIRRORD_SERVICE_LOG_ENTRIES_H
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "client/messages.h"
+#include "client/uuid.h"
 
 namespace tarn {
 
@@ -31,6 +33,7 @@ enum class EntryKind : std::uint8_t {
   kWalkBegin = 4,
   kLook = 5,
   kWalkEnd = 6,
+  kJoin = 7,
 };
 
 /* Times in entries are microseconds since the epoch. */
@@ -70,11 +73,24 @@ struct WalkEndEntry {
   bool operator==(const WalkEndEntry &) const = default;
 };
 
+/*
+ * In a replica's log: from here on it has the entries of a stream, one for one, beginning with this
+ * one. `missing`: some of those before it are not there.
+ */
+struct JoinEntry {
+  Uuid epoch = {};
+  std::uint64_t position = 0;
+  bool missing = false;
+  std::string reason; /* why there is a joint */
+  bool operator==(const JoinEntry &) const = default;
+};
+
 std::vector<std::byte> encode(const GapEntry &entry);
 std::vector<std::byte> encode(const MarkEntry &entry);
 std::vector<std::byte> encode(const WalkBeginEntry &entry);
 std::vector<std::byte> encode(const LookEntry &entry);
 std::vector<std::byte> encode(const WalkEndEntry &entry);
+std::vector<std::byte> encode(const JoinEntry &entry);
 
 /* Error code -EBADMSG. */
 Result<GapEntry> decode_gap(Bytes payload);
@@ -82,6 +98,7 @@ Result<MarkEntry> decode_mark(Bytes payload);
 Result<WalkBeginEntry> decode_walk_begin(Bytes payload);
 Result<LookEntry> decode_look(Bytes payload);
 Result<WalkEndEntry> decode_walk_end(Bytes payload);
+Result<JoinEntry> decode_join(Bytes payload);
 
 }  // namespace tarn
 

@@ -14,6 +14,7 @@
 #include "base/version.h"
 #include "client/paths.h"
 #include "client/workdir.h"
+#include "mirrord/file_status.h"
 #include "mirrord/service/journal.h"
 #include "mirrord/service/manager.h"
 
@@ -215,6 +216,7 @@ Result<void> Service::run(SignalPipe &signals) {
   for (const auto &source : sources_) {
     for (const auto &target : source->targets) target->start();
     for (const auto &stream : source->streams) stream->start();
+    start_answering(*source);
   }
   tell_manager("READY=1");
   say_begun();
@@ -235,6 +237,21 @@ Result<void> Service::run(SignalPipe &signals) {
   return {};
 }
 
+void Service::start_answering(ReplicatedSource &source) {
+  ReplicatedSource *raw = &source;
+  for (const auto &stream : source.streams) {
+    source.answering.push_back(std::make_unique<Answering>(
+        Answering::Options{
+            .source = source.config.name,
+            .directory = source.config.directory,
+            .exclude = source.config.exclude,
+            .included = [raw](const std::string &path) { return raw->includes(path); },
+            .run = static_cast<std::uint64_t>(now_us()),
+            .mark = [this] { return request_mark(); }},
+        *stream, *source.walker, source.intake->log()));
+  }
+}
+
 void Service::say_begun() const {
   std::string what = "with " + printable(config_.file);
   if (config_.file.empty()) {
@@ -249,6 +266,7 @@ void Service::stop() {
   const auto end = steady_clock::now() + kStopTime;
   std::vector<std::thread> stopping;
   for (const auto &source : sources_) {
+    source->answering.clear();
     source->walker->stop();
     for (const auto &target : source->targets)
       stopping.emplace_back([&target, end] { target->stop(end); });

@@ -26,6 +26,7 @@
 #include "mirrord/config/config.h"
 #include "mirrord/config/state_directory.h"
 #include "mirrord/control/control.h"
+#include "mirrord/service/answering.h"
 #include "mirrord/service/intake.h"
 #include "mirrord/service/receiver.h"
 #include "mirrord/service/stream_target.h"
@@ -63,6 +64,7 @@ class Service : public ServiceControl {
   Result<void> resume(const TargetName &name) override;
   Result<void> resync(const TargetName &name) override;
   Result<std::string> skip(const TargetName &name) override;
+  Result<void> retire(const TargetName &name) override;
   Result<std::vector<Difference>> verify(const TargetName &name, bool repair,
                                          const Progress &progress) override;
 
@@ -75,6 +77,7 @@ class Service : public ServiceControl {
     std::unique_ptr<Walker> walker;
     std::vector<std::unique_ptr<Target>> targets;
     std::vector<std::unique_ptr<StreamTarget>> streams;
+    std::vector<std::unique_ptr<Answering>> answering; /* while it runs: one for each stream */
 
     explicit ReplicatedSource(const SourceConfig &from);
     bool includes(const std::string &path) const; /* relative to the source */
@@ -103,6 +106,7 @@ class Service : public ServiceControl {
                                 const Progress &progress);
   Result<std::uint64_t> request_mark();
   SourceReport report_of(const ReplicatedSource &source) const;
+  void start_answering(ReplicatedSource &source);
   void say_begun() const;
   void housekeeping();
   void tell_tarn(const ServiceReport &report);

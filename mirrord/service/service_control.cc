@@ -211,6 +211,20 @@ Result<std::string> Service::skip(const TargetName &name) {
   return targets->front()->skip();
 }
 
+Result<void> Service::retire(const TargetName &name) {
+  const std::size_t colon = name.target.find(':');
+  for (const auto &source : sources_) {
+    if (name.source != source->config.name) continue;
+    for (const auto &stream : source->streams) {
+      if (colon != std::string::npos && name.target.substr(0, colon) == stream->name())
+        return stream->retire(name.target.substr(colon + 1));
+    }
+  }
+  return Error{-ENOENT, fmt::format("there is no replica {}/{}: 'mirrord targets' lists them as "
+                                    "SOURCE/TARGET:REPLICA",
+                                    printable(name.source), printable(name.target))};
+}
+
 Result<std::vector<Difference>> Service::verify(const TargetName &name, bool repair,
                                                 const Progress &progress) {
   const auto targets = named(name);

@@ -51,6 +51,9 @@ class DurableEntries : public EntryReader {
   std::optional<LogEntry> last_; /* what reader_ returned last */
 };
 
+/* The subject of what replicas ask the source's host: of its connection, subject(this). */
+inline constexpr char kQuestions[] = "ask";
+
 /* What a replica says of itself. */
 struct ReplicaState {
   StreamPosition applied = {}; /* its target has all entries before it */

@@ -26,8 +26,8 @@ constexpr std::chrono::milliseconds kIdle{200};
 
 }  // namespace
 
-Result<std::unique_ptr<Target>> Target::open(Options options, Intake &intake, Walker &walker) {
-  std::unique_ptr<Target> target(new Target(std::move(options), intake, walker));
+Result<std::unique_ptr<Target>> Target::open(Options options, Intake &intake, Walks &walks) {
+  std::unique_ptr<Target> target(new Target(std::move(options), intake, walks));
   const auto state = read_target_state(target->options_.state_file);
   if (!state) return state.error();
   if (*state) {
@@ -319,7 +319,7 @@ void Target::begin_in_log() {
   watch_names_outside();
   if (state_.missing_since) {
     missing_at_ = log.end();
-    walker_.request(options_.name, *state_.missing_since, missing_at_);
+    walks_.request(walked_as(), *state_.missing_since, missing_at_);
   }
   publish(0);
 }
@@ -378,7 +378,7 @@ void Target::idle() {
       walk_retry_at_ != Clock::time_point{}) {
     walk_retry_at_ = {};
     missing_at_ = intake_.log().end();
-    walker_.request(options_.name, *state_.missing_since, missing_at_);
+    walks_.request(walked_as(), *state_.missing_since, missing_at_);
   }
   publish(0);
   (void)intake_.log().wait(position_, kIdle);
@@ -484,7 +484,7 @@ void Target::missing(std::int64_t since, LogPosition position, const std::string
   missing_at_ = position;
   walk_.reset();
   walked_ = false;
-  walker_.request(options_.name, *state_.missing_since, missing_at_);
+  walks_.request(walked_as(), *state_.missing_since, missing_at_);
 }
 
 void Target::failed(const std::string &what, const Error &error) {

@@ -35,7 +35,7 @@
 #include "mirrord/replica.h"
 #include "mirrord/service/intake.h"
 #include "mirrord/service/target_state.h"
-#include "mirrord/service/walker.h"
+#include "mirrord/service/walks.h"
 
 namespace tarn {
 
@@ -56,11 +56,12 @@ class Target {
     std::uint64_t copy_bytes_per_second = 0;                       /* 0: no limit */
     /* Looks at a source of another host, at each attach; empty: the directory is on this one. */
     std::function<std::unique_ptr<Source>()> view = {};
+    std::string walked_as = {}; /* its name in walks; "": `name` */
   };
   using Clock = std::chrono::steady_clock;
 
   /* Reads the state; changes nothing yet. */
-  static Result<std::unique_ptr<Target>> open(Options options, Intake &intake, Walker &walker);
+  static Result<std::unique_ptr<Target>> open(Options options, Intake &intake, Walks &walks);
   ~Target();
   Target(const Target &) = delete;
   Target &operator=(const Target &) = delete;
@@ -102,8 +103,8 @@ class Target {
   void drop_claim();
 
  private:
-  Target(Options options, Intake &intake, Walker &walker)
-      : options_(std::move(options)), intake_(intake), walker_(walker) {}
+  Target(Options options, Intake &intake, Walks &walks)
+      : options_(std::move(options)), intake_(intake), walks_(walks) {}
 
   struct Engine {
     explicit Engine(Replica opened) : replica(std::move(opened)) {}
@@ -156,12 +157,15 @@ class Target {
   void set_phase(Phase phase, const std::string &error = "") EXCLUDES(mutex_);
   void publish(std::int64_t entry_time_ns) EXCLUDES(mutex_);
   bool sleep(Clock::duration time) EXCLUDES(mutex_);
+  const std::string &walked_as() const {
+    return options_.walked_as.empty() ? options_.name : options_.walked_as;
+  }
   std::string about() const { return options_.source + "/" + options_.name; }
   std::string describe_entry(const LogEntry &entry) const;
 
   const Options options_;
   Intake &intake_;
-  Walker &walker_;
+  Walks &walks_;
 
   Uuid uuid_;
 

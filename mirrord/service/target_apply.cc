@@ -83,6 +83,12 @@ Result<void> Target::apply(const LogEntry &entry) {
       apply_walk_end(*walk);
       return {};
     }
+    case EntryKind::kJoin: {
+      const auto join = decode_join(entry.payload);
+      if (!join) return as_gap(join.error());
+      if (join->missing) missing(kSinceEver, entry.position, join->reason);
+      return {};
+    }
   }
   return as_gap(Error{-EBADMSG, "the log has an entry of an unknown kind"});
 }
@@ -226,7 +232,7 @@ void Target::watch_names_outside() {
 
 /* Only a walk that began behind what is missing, and looks back far enough. */
 void Target::apply_walk_begin(const WalkBeginEntry &walk, LogPosition position) {
-  const bool ours = walk.target.empty() || walk.target == options_.name;
+  const bool ours = walk.target.empty() || walk.target == walked_as();
   if (!ours || !state_.missing_since || position < missing_at_ ||
       walk.since > *state_.missing_since)
     return;

@@ -20,10 +20,11 @@
 #include "base/mutex.h"
 #include "mirrord/local_source.h"
 #include "mirrord/service/intake.h"
+#include "mirrord/service/walks.h"
 
 namespace tarn {
 
-class Walker {
+class Walker final : public Walks {
  public:
   struct Options {
     std::string name;      /* of the source, for messages */
@@ -34,16 +35,16 @@ class Walker {
     std::function<void()> walked;         /* called by the thread when a walk has ended */
   };
   Walker(Options options, Intake &intake);
-  ~Walker() { stop(); }
+  ~Walker() override { stop(); }
   Walker(const Walker &) = delete;
   Walker &operator=(const Walker &) = delete;
 
   /* Ends the thread; any number of times. */
   void stop() EXCLUDES(mutex_);
 
-  /* A target wants to compare what has changed since then. A walk that begins at or behind `from`
-   * in the log serves it; one that has begun there already is not repeated. Any thread. */
-  void request(const std::string &target, std::int64_t since, LogPosition from) EXCLUDES(mutex_);
+  /* A walk that has begun there already is not repeated. */
+  void request(const std::string &target, std::int64_t since, LogPosition from) override
+      EXCLUDES(mutex_);
 
  private:
   struct Walk {

@@ -151,6 +151,17 @@ TEST_F(ControlCommandsTest, skip_takes_one_target_and_says_what_it_stepped_over)
   EXPECT_EQ(command({"skip", "data/usb"}).exit, 1);
 }
 
+TEST_F(ControlCommandsTest, retire_takes_the_name_of_a_replica) {
+  serve();
+  EXPECT_EQ(command({"retire", "data/far:one"}).exit, 0);
+  EXPECT_EQ(service_.calls(), std::vector<std::string>{"retire data/far:one"});
+  const CommandEnd none = command({"retire", "data/copy"});
+  EXPECT_EQ(none.exit, 2);
+  EXPECT_TRUE(has(none.err, "SOURCE/TARGET:REPLICA")) << none.err;
+  service_.outcome = Error{-ENOENT, "there is no replica one"};
+  EXPECT_EQ(command({"retire", "data/far:one"}).exit, 2);
+}
+
 TEST_F(ControlCommandsTest, verify_prints_a_line_for_each_difference) {
   serve();
   const CommandEnd equal = command({"verify"});
@@ -207,6 +218,7 @@ TEST_F(ControlCommandsTest, wrong_words_reach_no_service) {
                                              {"pause", "a/b/c"},
                                              {"resync"},
                                              {"skip"},
+                                             {"retire"},
                                              {"wait", "--timeout", "-1"},
                                              {"wait", "--timeout", "x"},
                                              {"wait", "--timeout", "99999999999"},

@@ -123,6 +123,10 @@ Result<std::string> FakeService::skip(const TargetName &name) {
   return std::string("entry 5: a write to a/b");
 }
 
+Result<void> FakeService::retire(const TargetName &name) {
+  return note("retire", name);
+}
+
 Result<std::vector<Difference>> FakeService::verify(const TargetName &name, bool repair,
                                                     const Progress &progress) {
   auto noted = note(repair ? "repair" : "verify", name);

@@ -48,6 +48,7 @@ class FakeService : public ServiceControl {
   Result<void> resume(const TargetName &name) override;
   Result<void> resync(const TargetName &name) override;
   Result<std::string> skip(const TargetName &name) override;
+  Result<void> retire(const TargetName &name) override;
   Result<std::vector<Difference>> verify(const TargetName &name, bool repair,
                                          const Progress &progress) override;
 

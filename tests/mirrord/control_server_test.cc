@@ -54,9 +54,12 @@ TEST_F(ControlServerTest, every_verb_reaches_the_service_and_is_answered) {
   service_.differences.clear();
   EXPECT_TRUE(client.ask(R"({"verb":"repair","source":"data","target":"copy"})").contains("what"));
   EXPECT_EQ(client.line(), R"({"result":{"differences":0}})");
+  EXPECT_EQ(client.ask(R"({"verb":"retire","source":"data","target":"far:one"})").dump(),
+            R"({"result":{}})");
   const std::vector<std::string> expected = {
-      "report /",     "report /",      "wait 1500 data/",  "pause /",         "resume data/usb",
-      "resync home/", "skip data/usb", "verify data/copy", "repair data/copy"};
+      "report /",         "report /",           "wait 1500 data/", "pause /",
+      "resume data/usb",  "resync home/",       "skip data/usb",   "verify data/copy",
+      "repair data/copy", "retire data/far:one"};
   EXPECT_EQ(service_.calls(), expected);
 }
 

@@ -35,6 +35,14 @@ LookEntry any_look() {
 WalkEndEntry any_walk_end() {
   return {*rc::gen::arbitrary<std::uint64_t>(), *rc::gen::arbitrary<bool>()};
 }
+JoinEntry any_join() {
+  JoinEntry join;
+  for (std::uint8_t &byte : join.epoch.bytes) byte = *rc::gen::arbitrary<std::uint8_t>();
+  join.position = *rc::gen::arbitrary<std::uint64_t>();
+  join.missing = *rc::gen::arbitrary<bool>();
+  join.reason = *rc::gen::arbitrary<std::string>();
+  return join;
+}
 
 template <class Entry>
 void refuse(const std::function<Result<Entry>(Bytes)> &decode, const Payload &payload) {
@@ -66,6 +74,7 @@ TEST(LogEntriesTest, come_back_as_written_and_are_refused_cut_or_with_more) {
   EXPECT_TRUE(rc::check("look", [] { round_trip<LookEntry>(any_look(), decode_look); }));
   EXPECT_TRUE(
       rc::check("walk end", [] { round_trip<WalkEndEntry>(any_walk_end(), decode_walk_end); }));
+  EXPECT_TRUE(rc::check("join", [] { round_trip<JoinEntry>(any_join(), decode_join); }));
 }
 
 /* What is accepted is written so. */
@@ -85,6 +94,7 @@ TEST(LogEntriesTest, other_bytes_are_refused) {
     only_as_written<WalkBeginEntry>(payload, decode_walk_begin);
     only_as_written<LookEntry>(payload, decode_look);
     only_as_written<WalkEndEntry>(payload, decode_walk_end);
+    only_as_written<JoinEntry>(payload, decode_join);
   }));
   EXPECT_TRUE(rc::check("a changed byte", [] {
     Payload payload = encode(any_walk_end());

@@ -12,6 +12,7 @@
 
 #include "base/mutex.h"
 #include "mirrord/service/target.h"
+#include "mirrord/service/walker.h"
 #include "tests/mirrord/service_kit.h"
 #include "tests/replicate/fake_tarnd.h"
 #include "tests/replicate/run_program.h"

@@ -1,0 +1,59 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/service/answering.h"
+
+#include <cerrno>
+
+#include <fmt/format.h>
+
+#include "base/text.h"
+#include "mirrord/config/names.h"
+#include "mirrord/service/journal.h"
+
+namespace tarn {
+
+std::string walked_as(const std::string &replica) {
+  return "replica:" + replica;
+}
+
+Answering::Answering(Options options, StreamTarget &stream, Walker &walker, const Log &log)
+    : options_(std::move(options)),
+      stream_(stream),
+      walker_(walker),
+      log_(log),
+      server_(serving()),
+      requests_(stream.connection(), stream.connection().subject(kQuestions),
+                [this](Bytes question) { return server_.answer(question); }) {}
+
+SourceServer::Options Answering::serving() {
+  return {.directory = options_.directory,
+          .exclude = options_.exclude,
+          .run = options_.run,
+          .included = options_.included,
+          .walk = [this](const remote::WalkQuestion &question) { return walk(question); },
+          .mark = options_.mark,
+          .report = [this](const remote::ReportQuestion &question) { report(question); }};
+}
+
+/* A walk that is under way does not serve it: how much of it the replica gets is not known here. */
+Result<void> Answering::walk(const remote::WalkQuestion &question) {
+  if (!good_config_name(question.replica))
+    return Error{-EINVAL, fmt::format("{} is no name of a replica; expected {}",
+                                      printable(question.replica), kConfigNameForm)};
+  walker_.request(walked_as(question.replica), question.since, log_.end());
+  return {};
+}
+
+void Answering::report(const remote::ReportQuestion &report) {
+  const auto epoch = parse_uuid(report.epoch);
+  Result<void> taken =
+      Error{-EINVAL, fmt::format("a report of {} names no log", printable(report.replica))};
+  if (epoch)
+    taken = stream_.replica_reported(report.replica,
+                                     {{*epoch, report.position}, report.state, report.error});
+  const std::string text = taken ? "" : taken.error().text;
+  if (!text.empty() && text != said_)
+    say(Level::kWarning, options_.source + "/" + stream_.name(), text);
+  said_ = text;
+}
+
+}  // namespace tarn

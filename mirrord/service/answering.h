@@ -1,0 +1,55 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * Answers what the replicas of a stream ask the host of their source: about the source's files, for
+ * walks and marks; and takes their reports. A thread of its own, as long as the object exists; all
+ * that is given to it must outlive it.
+ */
+#ifndef TARN_MIRRORD_SERVICE_ANSWERING_H
+#define TARN_MIRRORD_SERVICE_ANSWERING_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "base/result.h"
+#include "mirrord/remote/source_server.h"
+#include "mirrord/service/stream_target.h"
+#include "mirrord/service/walker.h"
+#include "mirrord/stream/requests.h"
+
+namespace tarn {
+
+/* The name of a replica in walks: no target of a source has such a one. */
+std::string walked_as(const std::string &replica);
+
+class Answering {
+ public:
+  struct Options {
+    std::string source; /* its name */
+    std::string directory;
+    std::vector<std::string> exclude;
+    std::function<bool(const std::string &path)> included;
+    std::uint64_t run = 0; /* another one for each process */
+    /* A mark of the module, which will be in the log. */
+    std::function<Result<std::uint64_t>()> mark;
+  };
+  Answering(Options options, StreamTarget &stream, Walker &walker, const Log &log);
+
+ private:
+  SourceServer::Options serving();
+  Result<void> walk(const remote::WalkQuestion &question);
+  void report(const remote::ReportQuestion &report);
+
+  const Options options_;
+  StreamTarget &stream_;
+  Walker &walker_;
+  const Log &log_;
+  std::string said_; /* of a report; the thread's own */
+  SourceServer server_;
+  RequestServer requests_; /* ends first */
+};
+
+}  // namespace tarn
+
+#endif

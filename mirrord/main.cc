@@ -27,6 +27,7 @@ constexpr char kAbout[] =
     "it replicates one directory to one other, in the foreground.";
 
 constexpr char kConfigFile[] = "/etc/tarn/mirrord.toml";
+constexpr char kReplicaFile[] = "/etc/tarn/replica.toml";
 
 constexpr char kExample[] =
     "Example, with /data mounted through tarn:\n"
@@ -70,6 +71,12 @@ int main(int argc, char **argv) {
     verb->add_option("--config", config_file, "The configuration")
         ->type_name("FILE")
         ->capture_default_str();
+  std::string replica_file = kReplicaFile;
+  CLI::App *replica = app.add_subcommand(
+      "replica", "Run a replica of another host's source, which a stream leads to");
+  replica->add_option("--config", replica_file, "The configuration")
+      ->type_name("FILE")
+      ->capture_default_str();
   ControlCommands commands(app, control_socket_of);
   app.add_option("--source", pair.source, "The lower directory that is replicated")
       ->type_name("DIR");
@@ -93,6 +100,7 @@ int main(int argc, char **argv) {
   if (pair_given && !app.get_subcommands().empty())
     return fail("a verb's options come behind it: see 'mirrord VERB --help'");
   if (run->parsed()) return run_command(config_file);
+  if (replica->parsed()) return replica_command(replica_file);
   if (check->parsed()) return check_command(config_file);
   if (const auto status = commands.run()) return *status;
   if (pair.source.empty() || pair.replica.empty())

@@ -142,10 +142,27 @@ SourceConfig read_source(Section &section, NameLines &names, std::uint64_t log_l
   return source;
 }
 
+ReplicaConfig read_replica(Section &section, std::uint64_t log_limit) {
+  ReplicaConfig replica;
+  NameLines names;
+  replica.target.line = section.line();
+  replica.target.name = read_name(section, names);
+  replica.target.directory = read_directory(section, Section::LookUp::kPerhapsLater);
+  replica.stream = read_stream(section);
+  replica.log_limit = log_limit;
+  replica.copy_bytes_per_second =
+      section.size("copy-bytes-per-second", kBytesPerSecondMin).value_or(0);
+  section.end();
+  return replica;
+}
+
 void read_root(const toml::table &table, Config &config, Problems &problems) {
   Section root(&table, "the file", problems);
+  const bool is_replica = table.contains("replica");
   if (const auto state = root.path("state", "the absolute path of the service's own directory"))
     config.state_directory = state->value;
+  else if (is_replica)
+    config.state_directory = kReplicaStateDirectory;
   else if (auto known = default_state_directory(); !known)
     root.problem(0, known.error().text + "; expected a key state");
   else
@@ -163,12 +180,21 @@ void read_root(const toml::table &table, Config &config, Problems &problems) {
 
   Section control = root.table("control");
   auto socket = control.path("socket", "the absolute path of a socket");
-  config.control_socket = socket ? std::move(socket->value) : default_control_socket();
+  if (socket)
+    config.control_socket = std::move(socket->value);
+  else
+    config.control_socket =
+        is_replica ? control_socket_in(config.state_directory) : default_control_socket();
   control.end();
 
   NameLines names;
-  for (Section &source : root.tables("source", "[[source]]"))
-    config.sources.push_back(read_source(source, names, log_limit));
+  if (is_replica) {
+    Section replica = root.table("replica");
+    config.replica = read_replica(replica, log_limit);
+  } else {
+    for (Section &source : root.tables("source", "[[source]]"))
+      config.sources.push_back(read_source(source, names, log_limit));
+  }
   root.end();
 }
 

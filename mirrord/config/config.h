@@ -11,6 +11,7 @@
 #define TARN_MIRRORD_CONFIG_CONFIG_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -42,12 +43,21 @@ struct SourceConfig {
   int line = 0;
 };
 
+/* A replica of a source of another host, which a stream leads from: [replica]. */
+struct ReplicaConfig {
+  TargetConfig target{};                            /* its name is the replica's */
+  StreamConfig stream{};                            /* its servers, name and files */
+  std::uint64_t log_limit = std::uint64_t{1} << 30; /* bytes */
+  std::uint64_t copy_bytes_per_second = 0;          /* 0: no limit */
+};
+
 struct Config {
   std::string file{}; /* for messages; empty: there is none */
   std::string state_directory{};
   std::string control_socket{};
   std::string metrics_file{}; /* empty: none */
   std::vector<SourceConfig> sources{};
+  std::optional<ReplicaConfig> replica{}; /* then there are no sources */
 };
 
 /* The first error is that of the smallest line. */
@@ -64,6 +74,9 @@ Result<Config> config_of_pair(const std::string &source, const std::string &targ
  * is set; else in /var/lib/tarn for root; else in $XDG_STATE_HOME/tarn; else in
  * ~/.local/state/tarn. Error: none of them is known. */
 Result<std::string> default_state_directory();
+
+/* Where `mirrord replica` keeps its state if nothing else is said. Its control socket is in it. */
+inline constexpr char kReplicaStateDirectory[] = "/var/lib/tarn-replica";
 
 /* The control socket if nothing else is said: in the run directory. */
 std::string default_control_socket();

@@ -66,6 +66,10 @@ class Check {
       check_source(source);
       for (const TargetConfig &target : source.targets) check_target(target);
     }
+    if (config_.replica) {
+      check_target(config_.replica->target);
+      check_own_files(config_.replica->target);
+    }
     check_sources_apart();
     check_targets_apart();
     for (const SourceConfig &source : config_.sources) {
@@ -186,16 +190,26 @@ class Check {
 };
 
 /* The files of a stream, which are read when it is connected. */
-void note_files(const Config &config, const StreamTargetConfig &target,
+void note_files(const Config &config, const StreamConfig &stream, int line,
                 std::vector<std::string> &notes) {
-  const StreamConfig &stream = target.stream;
   for (const std::string *file :
        {&stream.credentials, &stream.ca, &stream.certificate, &stream.key}) {
     if (file->empty() || access(file->c_str(), R_OK) == 0) continue;
     const Error error = system_error(errno, fmt::format("{} cannot be read", printable(*file)));
     notes.push_back(
-        line_about(config, target.line, error.text + "; expected a file that mirrord may read"));
+        line_about(config, line, error.text + "; expected a file that mirrord may read"));
   }
+}
+
+void note_target(const Config &config, const TargetConfig &target,
+                 std::vector<std::string> &notes) {
+  const int err = look_up_directory(target.directory);
+  if (err == 0 || err == ENOTDIR) return;
+  const Error error =
+      system_error(err, fmt::format("the target {} is not there", printable(target.directory)));
+  notes.push_back(line_about(config, target.line,
+                             error.text + "; expected an existing directory: make it, or mount its "
+                                          "file system"));
 }
 
 }  // namespace
@@ -233,18 +247,15 @@ Result<void> check_target(const Config &config, const TargetConfig &target,
 std::vector<std::string> config_notes(const Config &config) {
   std::vector<std::string> notes;
   for (const SourceConfig &source : config.sources) {
-    for (const StreamTargetConfig &target : source.streams) note_files(config, target, notes);
+    for (const StreamTargetConfig &target : source.streams)
+      note_files(config, target.stream, target.line, notes);
   }
   for (const SourceConfig &source : config.sources) {
-    for (const TargetConfig &target : source.targets) {
-      const int err = look_up_directory(target.directory);
-      if (err == 0 || err == ENOTDIR) continue;
-      const Error error =
-          system_error(err, fmt::format("the target {} is not there", printable(target.directory)));
-      notes.push_back(line_about(config, target.line,
-                                 error.text + "; expected an existing directory: make it, or "
-                                              "mount its file system"));
-    }
+    for (const TargetConfig &target : source.targets) note_target(config, target, notes);
+  }
+  if (config.replica) {
+    note_files(config, config.replica->stream, config.replica->target.line, notes);
+    note_target(config, config.replica->target, notes);
   }
   if (config.metrics_file.empty()) return notes;
   if (const int err = look_up_directory(parent_of(config.metrics_file)); err != 0) {
@@ -266,6 +277,12 @@ int check_command(const std::string &file) {
   }
   for (const std::string &line : lines) std::cerr << line + "\n";
   if (!lines.empty()) return 1;
+  if (read.config.replica) {
+    std::cout << fmt::format("{}: replica {} of stream {}: good\n", printable(file),
+                             read.config.replica->target.name, read.config.replica->stream.stream)
+              << std::flush;
+    return 0;
+  }
   std::size_t targets = 0;
   for (const SourceConfig &source : read.config.sources)
     targets += source.targets.size() + source.streams.size();

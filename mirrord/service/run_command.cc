@@ -6,9 +6,11 @@
 #include <cerrno>
 #include <csignal>
 
+#include "base/text.h"
 #include "mirrord/config/config.h"
 #include "mirrord/service/journal.h"
 #include "mirrord/service/manager.h"
+#include "mirrord/service/replica_service.h"
 #include "mirrord/service/service.h"
 
 namespace tarn {
@@ -33,14 +35,24 @@ Result<std::unique_ptr<SignalPipe>> ending_signals() {
                          : SignalPipe::open({SIGTERM, SIGINT, SIGHUP});
 }
 
+/* Says what may be right later. */
+Result<Config> usable_config(const std::string &file) {
+  auto config = read_config(file);
+  if (!config) return config;
+  if (const auto checked = check_config(*config, machine_mount_table()); !checked)
+    return checked.error();
+  for (const std::string &note : config_notes(*config)) say(Level::kWarning, "", note);
+  return config;
+}
+
 }  // namespace
 
 int run_command(const std::string &config_file) {
-  auto config = read_config(config_file);
+  auto config = usable_config(config_file);
   if (!config) return fail(config.error().text, kExitConfiguration);
-  if (const auto checked = check_config(*config, machine_mount_table()); !checked)
-    return fail(checked.error().text, kExitConfiguration);
-  for (const std::string &note : config_notes(*config)) say(Level::kWarning, "", note);
+  if (config->replica)
+    return fail(printable(config_file) + " is a replica's: 'mirrord replica' runs it",
+                kExitConfiguration);
   umask(0);  // modes are the source's
   auto store = open_manager_store();
   auto signals = ending_signals();
@@ -49,6 +61,24 @@ int run_command(const std::string &config_file) {
   if (!service) return fail(service.error().text, kExitFailed);
   const auto ran = (*service)->run(**signals);
   return ran ? kExitOk : fail(ran.error().text, kExitFailed);
+}
+
+int replica_command(const std::string &config_file) {
+  const auto config = usable_config(config_file);
+  if (!config) return fail(config.error().text, kExitConfiguration);
+  if (!config->replica)
+    return fail(printable(config_file) + " has no table [replica]: 'mirrord run' runs it",
+                kExitConfiguration);
+  umask(0);  // modes are the source's
+  auto signals = ending_signals();
+  if (!signals) return fail(signals.error().text, kExitFailed);
+  for (;;) {
+    auto service = ReplicaService::open(*config);
+    if (!service) return fail(service.error().text, kExitFailed);
+    const auto ran = (*service)->run(**signals);
+    if (!ran) return fail(ran.error().text, kExitFailed);
+    if (*ran == ReplicaService::End::kSignal) return kExitOk;
+  }
 }
 
 int run_pair_command(const PairArguments &arguments) {

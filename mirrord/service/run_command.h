@@ -13,6 +13,9 @@ namespace tarn {
  * stderr, 2 the configuration is wrong. */
 int run_command(const std::string &config_file);
 
+/* `mirrord replica`. As run_command(). */
+int replica_command(const std::string &config_file);
+
 /* `mirrord --source A --replica B`. */
 struct PairArguments {
   std::string source, replica;

@@ -6,7 +6,7 @@ command -v systemd-analyze >/dev/null || { echo "skipped: there is no systemd-an
 . "$(dirname "$0")/install.bash"
 
 units=$ROOT/usr/lib/systemd/system
-for unit in tarnd.service mirrord.service mirrord-verify.service mirrord-verify.timer; do
+for unit in tarnd.service mirrord.service mirrord-replica.service mirrord-verify.service mirrord-verify.timer; do
   # Manuals that are not installed here are no fault of the unit.
   said=$(systemd-analyze verify --man=no "$units/$unit" 2>&1 | grep -F "$unit" || true)
   [ -z "$said" ] || fail "$said"
@@ -35,6 +35,15 @@ if grep -E '^(Protect|Private|ReadOnly|ReadWrite|Inaccessible|RestrictSUIDSGID|R
   fail "mirrord.service takes away what replication needs"
 fi
 [ "$(setting mirrord.service FileDescriptorStoreMax)" -ge 1 ] || fail "the channel is not kept across a restart"
+
+# A replica's process is no root, and has what it needs to make what a replica has.
+[ "$(setting mirrord-replica.service User)" = tarn-replica ] || fail "the replica's service runs as somebody else"
+[ "$(setting mirrord-replica.service AmbientCapabilities)" = "$(setting mirrord-replica.service CapabilityBoundingSet)" ] ||
+  fail "the replica's service may get what it does not have"
+if grep -E '^(PrivateDevices|ProtectClock|RestrictSUIDSGID|DynamicUser)' "$units/mirrord-replica.service"; then
+  fail "mirrord-replica.service takes away what replication needs"
+fi
+grep -q '^u tarn-replica ' "$ROOT/usr/lib/sysusers.d/tarn-replica.conf" || fail "nobody makes the replica's user"
 
 # The comparison is started by nobody but its timer, and that by nobody but an administrator.
 if grep -q '^\[Install\]' "$units/mirrord-verify.service"; then fail "the comparison is started without its timer"; fi

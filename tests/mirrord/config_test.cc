@@ -191,6 +191,31 @@ TEST_F(ConfigTest, what_is_wrong_with_a_stream_is_said_with_its_line) {
             "F:5: kind tape is unknown; expected \"directory\" or \"nats\"\n");
 }
 
+TEST_F(ConfigTest, a_replica_has_no_sources) {
+  const std::string replica =
+      "[replica]\nname = \"one\"\ndirectory = \"/no/copy\"\n"
+      "servers = [\"nats://127.0.0.1:4222\"]\nstream = \"data\"\n";
+  const Config small = good(replica);
+  EXPECT_TRUE(small.sources.empty());
+  ASSERT_TRUE(small.replica);
+  EXPECT_EQ(small.replica->target.name, "one");
+  EXPECT_EQ(small.replica->target.directory, "/no/copy");
+  EXPECT_EQ(small.replica->stream.stream, "data");
+  EXPECT_EQ(small.state_directory, kReplicaStateDirectory);
+  EXPECT_EQ(small.control_socket, control_socket_in(kReplicaStateDirectory));
+  EXPECT_EQ(config_notes(small).size(), 1u);  // the directory is not there
+  const Config whole = good("state = \"/no/own\"\nlog.limit = \"64 MiB\"\n" + replica +
+                            "copy-bytes-per-second = \"1 MiB\"\n");
+  EXPECT_EQ(whole.state_directory, "/no/own");
+  EXPECT_EQ(whole.control_socket, "/no/own/control.sock");
+  EXPECT_EQ(whole.replica->log_limit, std::uint64_t{64} << 20);
+  EXPECT_EQ(whole.replica->copy_bytes_per_second, std::uint64_t{1} << 20);
+  EXPECT_NE(problems(replica + "max-bytes = \"10 GiB\"\n").find("has no key max-bytes"),
+            std::string::npos);
+  EXPECT_NE(problems(replica + kSmall).find("F:6: the file has no key source"), std::string::npos);
+  EXPECT_NE(problems("[replica]\n").find("name"), std::string::npos);
+}
+
 TEST_F(ConfigTest, sizes) {
   const auto limit = [&](const std::string &value) {
     const ReadConfig read = this->read("[log]\nlimit = " + value + "\n" + kSmall);

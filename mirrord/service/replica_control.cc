@@ -1,0 +1,186 @@
+// SPDX-License-Identifier: GPL-2.0
+// What the control socket asks of the service of a replica, and what it reports of itself.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fmt/format.h>
+
+#include "base/text.h"
+#include "base/version.h"
+#include "mirrord/remote/remote_tree.h"
+#include "mirrord/service/replica_service.h"
+#include "mirrord/verify/verify.h"
+
+namespace tarn {
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr steady_clock::duration kSlice = std::chrono::milliseconds(200);
+/* How long the comparison waits until the target has applied what changed before. */
+constexpr std::chrono::minutes kSettleTime{10};
+
+}  // namespace
+
+std::string ReplicaService::why_not_ready() const {
+  return "what the source is was not heard yet: " + contact_.problem();
+}
+
+TargetReport ReplicaService::target_report() const {
+  TargetReport report;
+  report.name = replica_.target.name;
+  report.directory = replica_.target.directory;
+  const Parts *parts = ready_.load();
+  if (!parts) {
+    report.state = "away";
+    report.last_error = why_not_ready();
+    return report;
+  }
+  report = parts->target->report();
+  const std::string stream = parts->receiver->problem(), source = contact_.problem();
+  const std::string &problem = stream.empty() ? source : stream;
+  // Without the stream it may be as old as the last entry.
+  if (!problem.empty() && (report.state == "equal" || report.state == "following")) {
+    report.state = "away";
+    report.last_error = problem;
+  }
+  return report;
+}
+
+SourceReport ReplicaService::source_report() const {
+  SourceReport report;
+  report.name = replica_.stream.stream;
+  report.targets.push_back(target_report());
+  const Parts *parts = ready_.load();
+  if (!parts) return report;
+  const Log &log = parts->intake->log();
+  Intake::Counts counts = parts->intake->counts();
+  report.directory = parts->source.directory;
+  report.rule = to_string(parts->intake->rule());
+  report.captured = counts.captured;
+  report.logged = counts.logged;
+  report.gaps = counts.gaps;
+  report.last_gap = std::move(counts.last_gap);
+  report.log_bytes = log.bytes();
+  report.log_limit = replica_.log_limit;
+  report.log_first = log.first();
+  report.log_end = log.end();
+  report.log_durable = log.durable_end();
+  return report;
+}
+
+ServiceReport ReplicaService::report() {
+  ServiceReport report;
+  report.pid = getpid();
+  report.version = version_line("mirrord").substr(std::strlen("mirrord "));
+  report.uptime_seconds = std::chrono::duration<double>(steady_clock::now() - started_).count();
+  report.connected = true;  // to no module: what is missing is said of the target
+  report.sources.push_back(source_report());
+  return report;
+}
+
+/* For the source's host. */
+std::optional<remote::ReportQuestion> ReplicaService::own_report() const {
+  const Parts *parts = ready_.load();
+  if (!parts) return std::nullopt;
+  const auto applied = parts->receiver->in_stream(parts->target->needed());
+  if (!applied) return std::nullopt;
+  const TargetReport report = parts->target->report();
+  return remote::ReportQuestion{
+      .replica = replica_.target.name,
+      .epoch = to_string(applied->epoch),
+      .state = report.state,
+      .error = report.last_error,
+      .position = applied->position,
+      .lag_entries = report.lag_entries,
+      .lag_bytes = report.lag_bytes,
+      .lag_us = static_cast<std::uint64_t>(std::max(0.0, report.lag_seconds) * 1e6),
+      .gaps = report.gaps};
+}
+
+Result<Target *> ReplicaService::named(const TargetName &name) {
+  const bool meant = (name.source.empty() || name.source == replica_.stream.stream) &&
+                     (name.target.empty() || name.target == replica_.target.name);
+  if (!meant)
+    return Error{-ENOENT, fmt::format("there is no target {}/{}: 'mirrord targets' lists them",
+                                      printable(name.source), printable(name.target))};
+  Parts *parts = ready_.load();
+  if (!parts) return Error{-EIO, why_not_ready()};
+  return parts->target.get();
+}
+
+/* Until everything that was changed before the call is in the target. In slices, so that a caller
+ * who has gone is noticed. */
+Result<void> ReplicaService::settle(Target &target, steady_clock::time_point end,
+                                    const Progress &progress) {
+  Conversation conversation(requests_);
+  std::vector<std::byte> message;
+  const auto mark = conversation.ask<remote::MarkAnswer>(remote::MarkQuestion{}, message);
+  if (!mark) return Error{-EIO, mark.error().text};
+  for (;;) {
+    const auto slice = std::min(end, steady_clock::now() + kSlice);
+    auto waited = target.wait(mark->number, slice);
+    if (waited || waited.error().code != -ETIMEDOUT || slice == end) return waited;
+    if (!progress(-1, "waiting for " + target.name()))
+      return Error{-ECANCELED, "nobody waits any more"};
+  }
+}
+
+Result<void> ReplicaService::wait(const TargetName &name, std::chrono::milliseconds timeout,
+                                  const Progress &progress) {
+  const auto end = steady_clock::now() + timeout;
+  const auto target = named(name);
+  if (!target) return target.error();
+  return settle(**target, end, progress);
+}
+
+Result<void> ReplicaService::pause(const TargetName &name) {
+  const auto target = named(name);
+  return target ? (*target)->pause() : target.error();
+}
+
+Result<void> ReplicaService::resume(const TargetName &name) {
+  const auto target = named(name);
+  return target ? (*target)->resume() : target.error();
+}
+
+Result<void> ReplicaService::resync(const TargetName &name) {
+  const auto target = named(name);
+  return target ? (*target)->resync() : target.error();
+}
+
+Result<std::string> ReplicaService::skip(const TargetName &name) {
+  const auto target = named(name);
+  if (!target) return target.error();
+  return (*target)->skip();
+}
+
+Result<void> ReplicaService::retire(const TargetName &) {
+  return Error{-EINVAL, "this is a replica itself: ask mirrord on the source's host to retire it"};
+}
+
+Result<std::vector<Difference>> ReplicaService::verify(const TargetName &name, bool repair,
+                                                       const Progress &progress) {
+  const auto target = named(name);
+  if (!target) return target.error();
+  const Parts &parts = *ready_.load();
+  VerifyOptions options;
+  options.included = [&](const std::string &path) { return parts.includes(path); };
+  options.settle = [&] { return settle(**target, steady_clock::now() + kSettleTime, progress); };
+  options.progress = progress;
+  if (const auto settled = options.settle(); !settled) return settled.error();
+  RemoteTree source(requests_);
+  auto found = verify_trees(source, replica_.target.directory, options);
+  if (!found || !repair || found->empty()) return found;
+  options.settle = {};  // the target's thread does the work, so nothing is applied meanwhile
+  const std::vector<Difference> differing = std::move(*found);
+  const auto run = (*target)->between_entries(
+      [&] { found = repair_trees(source, replica_.target.directory, differing, options); });
+  if (!run) return run.error();
+  return found;
+}
+
+}  // namespace tarn

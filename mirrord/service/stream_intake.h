@@ -1,0 +1,102 @@
+/* SPDX-License-Identifier: GPL-2.0 */
+/*
+ * The receiver of a replica: takes the entries of a stream, and appends each to the replica's own
+ * log, once and in order. A thread of its own.
+ *
+ * The log has the stream's entries one for one, behind an entry that says which one is the first
+ * (kJoin): at the log's beginning, behind a hole of the stream, and where the log has entries of
+ * its own. So where the log ends says which entry is wanted next, after kill -9 too. A hole is
+ * declared in that entry: the target is compared with the source.
+ *
+ * While the log has no room, nothing is taken: the stream keeps it, and the source's log if that is
+ * full too. Beside the log lies a document with the joints, of which the log may forget the
+ * entries.
+ */
+#ifndef TARN_MIRRORD_SERVICE_STREAM_INTAKE_H
+#define TARN_MIRRORD_SERVICE_STREAM_INTAKE_H
+
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/mutex.h"
+#include "mirrord/service/intake.h"
+#include "mirrord/stream/consumer.h"
+
+namespace tarn {
+
+class StreamIntake {
+ public:
+  struct Options {
+    std::string about;                    /* for messages */
+    std::string replica;                  /* its name */
+    std::string file;                     /* the document */
+    std::function<LogPosition()> applied; /* what lies before it in the log is not needed */
+    /* Called by the thread for each entry that was appended. */
+    std::function<void(const LogEntry &entry, LogPosition position)> appended;
+  };
+  /* Finds where the log goes on; connects to nothing yet. Errors: those of reading. */
+  static Result<std::unique_ptr<StreamIntake>> open(Options options, Connection &connection,
+                                                    Intake &intake);
+  ~StreamIntake();
+  StreamIntake(const StreamIntake &) = delete;
+  StreamIntake &operator=(const StreamIntake &) = delete;
+
+  void start();
+  /* Ends the thread; any number of times. */
+  void stop();
+
+  /* Any thread. Does what is sent to the stream now come here? */
+  bool follows() const { return follows_; }
+  /* Any thread. Why nothing comes at present; "": it does. */
+  std::string problem() const EXCLUDES(mutex_);
+  /* Any thread. The place in the stream of a place in the log; nothing: it is not known. */
+  std::optional<StreamPosition> in_stream(LogPosition position) const EXCLUDES(mutex_);
+
+ private:
+  /* The entry at `at` is a joint, and `first` the one in the stream that follows. */
+  struct Joint {
+    LogPosition at = 0;
+    StreamPosition first = {};
+  };
+
+  StreamIntake(Options options, Connection &connection, Intake &intake)
+      : options_(std::move(options)), connection_(connection), intake_(intake) {}
+  Result<void> load();
+  Result<void> find_joints(LogPosition from) EXCLUDES(mutex_);
+  Result<void> save() EXCLUDES(mutex_);
+  void run();
+  void step();
+  void declare_hole();
+  void append(const std::vector<LogEntry> &entries);
+  Result<void> append_one(const LogEntry &entry);
+  Result<void> join(const StreamPosition &first);
+  void acknowledge();
+  void set_problem(const std::string &problem) EXCLUDES(mutex_);
+  void pause();
+
+  const Options options_;
+  Connection &connection_;
+  Intake &intake_;
+
+  /* The thread's own. */
+  std::optional<StreamConsumer> consumer_;
+  std::optional<JoinEntry> joint_; /* to be appended before the next entry */
+  bool unsaved_ = false;
+  LogPosition acknowledged_ = 0;
+
+  std::thread thread_;
+  std::atomic<bool> stop_ = false, follows_ = false;
+  mutable Mutex mutex_;
+  std::deque<Joint> joints_ GUARDED_BY(mutex_); /* ascending */
+  std::string problem_ GUARDED_BY(mutex_) = "not connected yet";
+};
+
+}  // namespace tarn
+
+#endif

@@ -196,12 +196,11 @@ class SourceContactTest : public testing::Test {
 
   Host host_;
   std::atomic<bool> follows_ = true;
-  SourceContact contact_{
-      {.about = "one",
-       .replica = "one",
-       .follows = [this] { return follows_.load(); },
-       .report = [] { return std::optional(remote::ReportQuestion{.replica = "one"}); }},
-      host_};
+  SourceContact contact_{{.about = "one",
+                          .replica = "one",
+                          .follows = [this] { return follows_.load(); },
+                          .report = [] { return std::optional(remote::ReportQuestion()); }},
+                         host_};
 };
 
 TEST_F(SourceContactTest, hears_of_the_source_and_reports) {

@@ -32,14 +32,22 @@ kill_nats() {
 }
 servers() { printf 'servers = ["nats://127.0.0.1:%s"]\nstream = "data"\n' "$NATS_PORT"; }
 
+# What mirrord-replica.service gives it: another user, and the capabilities that the unit names.
+UNIT=$HERE/../packaging/systemd/mirrord-replica.service.in
+CAPS=$(sed -n 's/^AmbientCapabilities=//p' "$UNIT" | tr 'A-Z' 'a-z' | sed 's/cap_/+/g; s/ /,/g')
+as_in_the_unit() {
+  exec setsid setpriv --reuid 12345 --regid 12345 --clear-groups --no-new-privs --bounding-set "-all,$CAPS" --inh-caps \
+    "-all,$CAPS" --ambient-caps "-all,$CAPS" "$@"
+}
+
 # start_replica NAME: to $T/NAME.
 start_replica() {
-  mkdir -p -m 700 "$T/$1"
+  [ -d "$T/$1" ] || { mkdir -m 700 "$T/$1" && chown 12345:12345 "$T/$1"; }
   {
     printf 'state = "%s"\n[replica]\nname = "%s"\ndirectory = "%s"\n' "$T/state-$1" "$1" "$T/$1"
     servers
   } >"$T/$1.toml"
-  setsid mirrord replica --config "$T/$1.toml" 2>>"$T/$1.err" &
+  as_in_the_unit mirrord replica --config "$T/$1.toml" 2>>"$T/$1.err" &
   REPLICA_PIDS[$1]=$!
   wait_until 30 "the replica $1 answers" test -S "$T/state-$1/control.sock"
 }
@@ -68,6 +76,14 @@ for d in $(seq 10); do
   head -c 200K /dev/urandom >"$T/lower/d$d/large"
 done
 head -c 3M /dev/urandom >"$T/lower/huge"
+mkdir "$T/lower/special"
+mknod "$T/lower/special/device" c 1 3
+mkfifo -m 622 "$T/lower/special/fifo"
+for name in owned setuid capable closed; do echo "$name" >"$T/lower/special/$name"; done
+chown 2000:3000 "$T/lower/special/owned" "$T/lower/special/closed"
+chmod 6755 "$T/lower/special/setuid"
+setcap cap_net_raw+ep "$T/lower/special/capable"
+chmod 0 "$T/lower/special/closed"
 mkdir "$T/lower/left-out"
 echo no >"$T/lower/left-out/file"
 start_nats
@@ -75,6 +91,7 @@ tarn mount "$T/lower" "$T/mnt"
 {
   printf 'state = "%s"\n[control]\nsocket = "%s"\n' "$T/service" "$SOCKET"
   printf '[[source]]\nname = "data"\ndirectory = "%s"\nexclude = ["left-out"]\n' "$T/lower"
+  echo 'copy-files-per-second = 60'
   printf '[[source.target]]\nkind = "nats"\nname = "far"\n'
   servers
 } >"$CONFIG"
@@ -95,6 +112,7 @@ change() {
   mkdir -p "$T/mnt/deep$1/er"
   ln "$T/mnt/d5/new$1" "$T/mnt/deep$1/er/name"
   chmod 640 "$T/mnt/d6/f$1"
+  chown 4000 "$T/mnt/d7/f$1"
 }
 change 1
 replica_equal one
@@ -119,7 +137,13 @@ change 6
 replica_equal one
 no_gap_of one
 
-# A new replica gets all that is there, although the stream has forgotten the beginning.
+# A new replica gets all that is there, although the stream has forgotten the beginning. The walk of its first copy, which takes
+# some seconds, is ended by a kill on both sides.
+start_replica two
+wait_until 30 "the first copy is under way" test -e "$T/two/d1"
+kill_service
+start_service
+kill_replica two
 start_replica two
 replica_equal two
 change 7

@@ -40,15 +40,18 @@ int fail(const std::string &text) {
   return kExitUsage;
 }
 
-/* Without a configuration it is the socket of `mirrord --source`. */
+/* Of a host with a replica only, that one's. Without a configuration it is the socket of `mirrord
+ * --source`. */
 Result<std::string> control_socket_of(const ControlCommands::Place &place) {
   if (!place.state_directory.empty()) {
     const auto directory = whole_path(place.state_directory);
     if (!directory) return directory.error();
     return control_socket_in(*directory);
   }
-  if (place.config.empty() && access(kConfigFile, F_OK) != 0) return default_control_socket();
-  const auto config = read_config(place.config.empty() ? kConfigFile : place.config);
+  std::string file = place.config;
+  if (file.empty()) file = access(kConfigFile, F_OK) == 0 ? kConfigFile : kReplicaFile;
+  if (place.config.empty() && access(file.c_str(), F_OK) != 0) return default_control_socket();
+  const auto config = read_config(file);
   if (!config) return config.error();
   return config->control_socket;
 }

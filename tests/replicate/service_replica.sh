@@ -34,7 +34,7 @@ servers() { printf 'servers = ["nats://127.0.0.1:%s"]\nstream = "data"\n' "$NATS
 
 # What mirrord-replica.service gives it: another user, and the capabilities that the unit names.
 UNIT=$HERE/../packaging/systemd/mirrord-replica.service.in
-CAPS=$(sed -n 's/^AmbientCapabilities=//p' "$UNIT" | tr 'A-Z' 'a-z' | sed 's/cap_/+/g; s/ /,/g')
+CAPS=$(sed -n 's/^AmbientCapabilities=//p' "$UNIT" | tr '[:upper:]' '[:lower:]' | sed 's/cap_/+/g; s/ /,/g')
 as_in_the_unit() {
   exec setsid setpriv --reuid 12345 --regid 12345 --clear-groups --no-new-privs --bounding-set "-all,$CAPS" --inh-caps \
     "-all,$CAPS" --ambient-caps "-all,$CAPS" "$@"

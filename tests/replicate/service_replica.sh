@@ -15,7 +15,7 @@ cleanup_test() {
 
 # The server keeps its port, which it chose at the first start.
 start_nats() {
-  printf 'listen: "127.0.0.1:%s"\nports_file_dir: "%s"\njetstream { store_dir: "%s", max_file_store: 1GB }\n' \
+  printf 'listen: "127.0.0.1:%s"\nhttp: "127.0.0.1:-1"\nports_file_dir: "%s"\njetstream { store_dir: "%s", max_file_store: 1GB }\n' \
     "$NATS_PORT" "$T/ports" "$T/nats" >"$T/nats.conf"
   mkdir -p "$T/ports"
   rm -f "$T/ports"/*
@@ -29,6 +29,15 @@ kill_nats() {
   kill -KILL "$NATS_PID"
   wait "$NATS_PID" 2>/dev/null || true
   NATS_PID=''
+}
+# in_stream first_seq|last_seq: the number of the first message that the server still has, or of the last one.
+in_stream() {
+  python3 - "$T/ports/nats-server_$NATS_PID.ports" "$1" <<'PY'
+import json, sys, urllib.request
+url = json.load(open(sys.argv[1]))["monitoring"][0] + "/jsz?streams=true"
+account = json.load(urllib.request.urlopen(url))["account_details"][0]
+print(account["stream_detail"][0]["state"][sys.argv[2]])
+PY
 }
 servers() { printf 'servers = ["nats://127.0.0.1:%s"]\nstream = "data"\n' "$NATS_PORT"; }
 
@@ -165,9 +174,21 @@ kill_replica two
 verb retire data/far:two || fail "not retired"
 if shown data/far:two ''; then fail "the retired replica is still shown"; fi
 expect_error "no replica two" verb retire data/far:two
+last=$(in_stream last_seq)
 change 8
 replica_equal one
 no_gap_of one
+
+# When it comes back all the same, the stream does not have what it lacks: it says so, and is compared.
+forgotten() { [ "$(in_stream first_seq)" -gt $((last + 1)) ]; }
+wait_until 60 "the stream has forgotten what the replica has" forgotten
+start_replica two
+replica_equal two
+grep 'GAP: the stream lacks' "$T/two.err" >/dev/null || fail "a hole that nobody tells of"
+wait_until 60 "it is known again" shown data/far:two equal
+kill "${REPLICA_PIDS[two]}"
+wait "${REPLICA_PIDS[two]}" || fail "the replica ended with $?: $(tail -n 3 "$T/two.err")"
+unset 'REPLICA_PIDS[two]'
 
 kill "${REPLICA_PIDS[one]}"
 wait "${REPLICA_PIDS[one]}" || fail "the replica ended with $?: $(tail -n 3 "$T/one.err")"

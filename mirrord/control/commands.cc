@@ -55,6 +55,17 @@ std::vector<TargetName> names_in(const ServiceReport &report) {
   return names;
 }
 
+/* Is the target a directory of the service's own host? */
+bool is_here(const ServiceReport &report, const TargetName &name) {
+  for (const SourceReport &source : report.sources) {
+    for (const TargetReport &target : source.targets) {
+      if (source.name == name.source && target.name == name.target)
+        return target.kind == kDirectoryKind;
+    }
+  }
+  return false;
+}
+
 /* The targets that are meant. Error: -ENOENT. */
 Result<std::vector<TargetName>> targets_of(const ServiceReport &report, const TargetName &meant) {
   const std::vector<TargetName> all = names_in(report);
@@ -108,12 +119,17 @@ class Session {
     return std::nullopt;
   }
 
-  std::optional<std::vector<TargetName>> targets(const TargetName &meant) {
+  /* Those that are directories of this host: all others are not for this service to look into. */
+  std::optional<std::vector<TargetName>> directories(const TargetName &meant) {
     const auto now = report();
     if (!now) return std::nullopt;
     auto found = targets_of(*now, meant);
-    if (found) return std::move(*found);
-    exit_ = fail(found.error().text, kUsage);
+    if (found) std::erase_if(*found, [&](const TargetName &name) { return !is_here(*now, name); });
+    if (found && (!found->empty() || meant.source.empty())) return std::move(*found);
+    exit_ = found ? fail(printable(text_of(meant)) +
+                             " is on other hosts: ask mirrord there, with their configuration",
+                         kUsage)
+                  : fail(found.error().text, kUsage);
     return std::nullopt;
   }
 
@@ -172,7 +188,7 @@ int change(Session &session, Verb verb, const TargetName &name) {
 }
 
 int skip(Session &session, const TargetName &meant) {
-  const auto names = session.targets(meant);
+  const auto names = session.directories(meant);
   if (!names) return session.exit();
   if (names->size() != 1)
     return fail(fmt::format("{} has {} targets: name one as SOURCE/TARGET",
@@ -225,10 +241,12 @@ int compare_one(Session &session, Verb verb, const TargetName &target) {
   return count == 0 ? kGood : kProblems;
 }
 
-/* verify and repair of all targets that are meant, one after the other. */
+/* verify and repair of all directories that are meant, one after the other. */
 int compare(Session &session, Verb verb, const TargetName &meant) {
-  const auto names = session.targets(meant);
+  const auto names = session.directories(meant);
   if (!names) return session.exit();
+  if (names->empty())
+    std::cout << "no target is on this host: ask mirrord on the hosts of the replicas\n";
   int worst = kGood;
   for (const TargetName &name : *names) {
     worst = std::max(worst, compare_one(session, verb, name));

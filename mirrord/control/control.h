@@ -23,8 +23,14 @@
 
 namespace tarn {
 
+/* What a target is: only the first kind can be compared, mended or stepped on by this service. */
+inline constexpr char kDirectoryKind[] = "directory"; /* on this host */
+inline constexpr char kStreamKind[] = "stream";
+inline constexpr char kReplicaKind[] = "replica"; /* of a stream, on another host */
+
 struct TargetReport {
   std::string name, directory;
+  std::string kind = kDirectoryKind;
   /* One word: equal, following, copying, healing, paused, held, away, starting. */
   std::string state;
   std::string last_error;     /* one line; "" if there is none */
@@ -36,6 +42,9 @@ struct TargetReport {
   std::uint64_t skipped = 0;
   double progress = -1;     /* 0..1 of a copy or a healing; -1: there is none */
   double seconds_left = -1; /* -1: unknown */
+  /* Since the last report of a replica on another host; -1: none came since the service started, or
+   * it is no replica. */
+  double contact_seconds = -1;
 };
 
 struct SourceReport {

@@ -14,7 +14,10 @@ std::string reason(const std::string &text) {
 void add_problems(const std::string &source, const TargetReport &target,
                   std::vector<std::string> &lines) {
   const std::string name = source + "/" + target.name;
-  if (target.state == "held")
+  if (target.state == "held" && target.kind != kDirectoryKind)
+    lines.push_back(
+        fmt::format("{} is held{}; it is tried again", name, reason(target.last_error)));
+  else if (target.state == "held")
     lines.push_back(
         fmt::format("{} is held{}; it is tried again, and 'mirrord skip {}' steps over "
                     "what holds it",

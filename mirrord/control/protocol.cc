@@ -112,6 +112,7 @@ template <class Report, class F>
 void each_target_field(Report &target, F field) {
   field("name", target.name);
   field("directory", target.directory);
+  field("kind", target.kind);
   field("state", target.state);
   field("last_error", target.last_error);
   field("position", target.position);
@@ -124,6 +125,7 @@ void each_target_field(Report &target, F field) {
   field("skipped", target.skipped);
   field("progress", target.progress);
   field("seconds_left", target.seconds_left);
+  field("contact_seconds", target.contact_seconds);
 }
 
 template <class Report, class F>

@@ -103,6 +103,11 @@ std::string targets_of(const SourceReport &source) {
     if (!target.last_error.empty())
       text += fmt::format("  last error of {}: {}\n", full_name(source, target),
                           one_line(target.last_error));
+    if (target.kind != kReplicaKind) continue;
+    text += target.contact_seconds < 0
+                ? fmt::format("  no report of {} yet\n", full_name(source, target))
+                : fmt::format("  last report of {}: {} ago\n", full_name(source, target),
+                              time_text(target.contact_seconds));
   }
   return text;
 }

@@ -10,9 +10,18 @@
 #include "mirrord/service/journal.h"
 
 namespace tarn {
+namespace {
+
+constexpr char kReplicaPrefix[] = "replica:";
+
+}  // namespace
 
 std::string walked_as(const std::string &replica) {
-  return "replica:" + replica;
+  return kReplicaPrefix + replica;
+}
+
+bool is_replica_in_walks(const std::string &name) {
+  return name.starts_with(kReplicaPrefix);
 }
 
 Answering::Answering(Options options, StreamTarget &stream, Walker &walker, const Log &log)
@@ -49,7 +58,11 @@ void Answering::report(const remote::ReportQuestion &report) {
       Error{-EINVAL, fmt::format("a report of {} names no log", printable(report.replica))};
   if (epoch)
     taken = stream_.replica_reported(report.replica,
-                                     {{*epoch, report.position}, report.state, report.error});
+                                     {.applied = {*epoch, report.position},
+                                      .state = report.state,
+                                      .error = report.error,
+                                      .lag_seconds = static_cast<double>(report.lag_us) / 1e6,
+                                      .gaps = report.gaps});
   const std::string text = taken ? "" : taken.error().text;
   if (!text.empty() && text != said_)
     say(Level::kWarning, options_.source + "/" + stream_.name(), text);

@@ -22,6 +22,7 @@ namespace tarn {
 
 /* The name of a replica in walks: no target of a source has such a one. */
 std::string walked_as(const std::string &replica);
+bool is_replica_in_walks(const std::string &name);
 
 class Answering {
  public:

@@ -88,7 +88,8 @@ Result<std::vector<Target *>> Service::named(const TargetName &name) {
   }
   if (!found.empty()) return found;
   const std::string text = name.target.empty() ? name.source : name.source + "/" + name.target;
-  if (!streams_to_wait_for(name).empty())
+  const std::string stream = name.target.substr(0, name.target.find(':'));  // of a replica too
+  if (!streams_to_wait_for({name.source, stream}).empty())
     return Error{-EINVAL, fmt::format("{} is a stream: ask mirrord on the hosts of its replicas",
                                       printable(text))};
   return Error{-ENOENT,

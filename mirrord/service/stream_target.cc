@@ -100,7 +100,9 @@ Result<void> StreamTarget::load() {
   for (const auto &[name, replica] : replicas.items()) {
     const auto position = parse_position(replica);
     if (!position || !good_config_name(name)) return bad;
-    replicas_[name].state = {*position, "away", "it has not reported since mirrord started"};
+    replicas_[name].state = {.applied = *position,
+                             .state = "away",
+                             .error = "it has not reported since mirrord started"};
   }
   return {};
 }
@@ -188,6 +190,13 @@ LogPosition StreamTarget::needed() const {
   return std::max(dropped_, std::min(sent, applied_locked()));
 }
 
+LogPosition StreamTarget::following() const {
+  const StreamPublisher::Status status = publisher_->status();
+  return status.state == StreamPublisher::State::kFollowing
+             ? status.position
+             : std::numeric_limits<LogPosition>::max();
+}
+
 void StreamTarget::drop_claim() {
   MutexLock lock(mutex_);
   dropped_ = log_.end();
@@ -221,8 +230,9 @@ Result<void> StreamTarget::replica_reported(const std::string &name, const Repli
     Replica &replica = replicas_[name];
     unsaved_ = unsaved_ || replica.state.applied != state.applied;
     // What comes from elsewhere is shown in a line.
-    replica = {{state.applied, escape_controls(state.state), escape_controls(state.error)},
-               Clock::now()};
+    replica = {state, Clock::now()};
+    replica.state.state = escape_controls(state.state);
+    replica.state.error = escape_controls(state.error);
   }
   return known ? Result<void>() : save();
 }
@@ -241,8 +251,11 @@ TargetReport StreamTarget::report_of(const std::string &name, const Replica &rep
   TargetReport report;
   report.name = options_.name + ":" + name;
   report.directory = fmt::format("replica {} of stream {}", name, options_.stream.stream);
+  report.kind = kReplicaKind;
   report.state = replica.state.state;
   report.last_error = replica.state.error;
+  report.lag_seconds = replica.state.lag_seconds;
+  report.gaps = replica.state.gaps;
   const LogPosition end = log_.end();
   if (replica.state.applied.epoch == epoch_locked()) {
     report.position = replica.state.applied.position;
@@ -251,6 +264,7 @@ TargetReport StreamTarget::report_of(const std::string &name, const Replica &rep
   }
   if (!replica.contact) return report;
   const auto silence = Clock::now() - *replica.contact;
+  report.contact_seconds = std::chrono::duration<double>(silence).count();
   if (silence < kSilence) return report;
   report.state = "away";
   report.last_error =
@@ -264,6 +278,7 @@ std::vector<TargetReport> StreamTarget::reports() const {
   TargetReport own;
   own.name = options_.name;
   own.directory = "stream " + options_.stream.stream;
+  own.kind = kStreamKind;
   own.last_error = status.error;
   own.position = status.position;
   own.applied = status.entries;

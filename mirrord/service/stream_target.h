@@ -57,7 +57,9 @@ inline constexpr char kQuestions[] = "ask";
 /* What a replica says of itself. */
 struct ReplicaState {
   StreamPosition applied = {}; /* its target has all entries before it */
-  std::string state, error;    /* as in TargetReport */
+  std::string state, error;    /* as in TargetReport, like what follows */
+  double lag_seconds = 0;
+  std::uint64_t gaps = 0;
   bool operator==(const ReplicaState &) const = default;
 };
 
@@ -99,6 +101,8 @@ class StreamTarget {
 
   /* The log's entries before it are not needed any more. */
   LogPosition needed() const EXCLUDES(mutex_);
+  /* Where it reads the log at present; the largest position while it does not. */
+  LogPosition following() const;
   /* The log is full: whoever lacks what it holds does without. */
   void drop_claim() EXCLUDES(mutex_);
   /* Called from time to time: saves what replicas have reported, and lets the stream forget what

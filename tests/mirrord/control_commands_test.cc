@@ -177,6 +177,39 @@ TEST_F(ControlCommandsTest, verify_prints_a_line_for_each_difference) {
   EXPECT_EQ(end.err, "");
 }
 
+TEST_F(ControlCommandsTest, what_is_on_other_hosts_is_left_out_of_a_comparison) {
+  serve();
+  TargetReport &far = service_.says.sources[1].targets[0];
+  far.kind = kStreamKind;
+  TargetReport replica = far;
+  replica.kind = kReplicaKind;
+  replica.name = "far:one";
+  service_.says.sources[1].targets.push_back(replica);
+  const CommandEnd end = command({"verify"});
+  EXPECT_EQ(end.exit, 0);
+  EXPECT_EQ(end.out, "data/copy: equal\ndata/usb: equal\n");
+  for (const char *verb : {"verify", "repair", "skip"}) {
+    for (const char *name : {"home", "home/far", "home/far:one"}) {
+      const CommandEnd one = command({verb, name});
+      EXPECT_EQ(one.exit, 2);
+      EXPECT_TRUE(one_line_of_error(one) && has(one.err, "on other hosts")) << one.err;
+    }
+  }
+  service_.says.sources.erase(service_.says.sources.begin());
+  const CommandEnd none = command({"verify"});
+  EXPECT_EQ(none.exit, 0);
+  EXPECT_EQ(none.out, "no target is on this host: ask mirrord on the hosts of the replicas\n");
+}
+
+TEST_F(ControlCommandsTest, status_tells_when_a_replica_has_reported) {
+  serve();
+  TargetReport &far = service_.says.sources[1].targets[0];
+  far.kind = kReplicaKind;
+  EXPECT_TRUE(has(command({"status"}).out, "  no report of home/far yet\n"));
+  far.contact_seconds = 75;
+  EXPECT_TRUE(has(command({"status"}).out, "  last report of home/far: 1 min 15 s ago\n"));
+}
+
 TEST_F(ControlCommandsTest, repair_prints_what_is_left) {
   serve();
   EXPECT_EQ(command({"repair", "home"}).out, "home/far: equal now\n");

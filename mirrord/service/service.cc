@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fmt/format.h>
@@ -67,10 +68,18 @@ void Service::ReplicatedSource::release() {
     say(Level::kError, config.name, released.error().text);
 }
 
-LogPosition Service::ReplicatedSource::slowest() const {
-  LogPosition slowest = Target::kNotFollowing;
-  for (const auto &target : targets) slowest = std::min(slowest, target->following());
-  return slowest;
+/* Of targets that want a walk, the first one that follows the log; of replicas, their streams. One
+ * that is far behind it costs room in the log, and is compared alone when there is none left. */
+LogPosition Service::ReplicatedSource::followed(const std::set<std::string> &walked) const {
+  std::vector<LogPosition> all;
+  for (const auto &target : targets) {
+    if (walked.count(target->name()) != 0) all.push_back(target->following());
+  }
+  if (std::any_of(walked.begin(), walked.end(), is_replica_in_walks)) {
+    for (const auto &stream : streams) all.push_back(stream->following());
+  }
+  std::erase(all, Target::kNotFollowing);
+  return all.empty() ? Target::kNotFollowing : *std::max_element(all.begin(), all.end());
 }
 
 /* The log is full: the target that is behind the others does without its entries. Called with the
@@ -158,7 +167,7 @@ Result<void> Service::open_source(const SourceConfig &config) {
       Walker::Options{.name = config.name,
                       .directory = config.directory,
                       .included = [raw](const std::string &path) { return raw->includes(path); },
-                      .slowest = [raw] { return raw->slowest(); },
+                      .followed = [raw](const auto &walked) { return raw->followed(walked); },
                       .files_per_second = config.walk_files_per_second,
                       .walked = [this] { receiver_->request_mark(); }},
       *source->intake);

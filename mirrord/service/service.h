@@ -12,6 +12,7 @@
 #include <chrono>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -81,7 +82,7 @@ class Service : public ServiceControl {
 
     explicit ReplicatedSource(const SourceConfig &from);
     bool includes(const std::string &path) const; /* relative to the source */
-    LogPosition slowest() const;
+    LogPosition followed(const std::set<std::string> &targets) const;
     void release();
     bool make_room();
   };

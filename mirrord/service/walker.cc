@@ -19,7 +19,7 @@ using std::chrono::steady_clock;
 /* Targets that find the same gap ask at about the same time. */
 constexpr std::chrono::milliseconds kGather{50};
 constexpr std::chrono::milliseconds kLogCheck{100};
-/* So far ahead of the targets, in entries. */
+/* So far ahead of the first target, in entries. */
 constexpr LogPosition kAhead = 16384;
 
 }  // namespace
@@ -61,12 +61,16 @@ void Walker::run() {
     WalkBeginEntry begin;
     begin.target = wanted_.size() == 1 ? wanted_.begin()->first : "";
     begin.since = wanted_.begin()->second;
-    for (const auto &[target, since] : wanted_) begin.since = std::min(begin.since, since);
+    std::set<std::string> targets;
+    for (const auto &[target, since] : wanted_) {
+      begin.since = std::min(begin.since, since);
+      targets.insert(target);
+    }
     wanted_.clear();
     begun_ = Begun{intake_.log().end(), begin};
     begin.walk = begun_->position;
     lock.unlock();
-    walk(begin);
+    walk(begin, std::move(targets));
     lock.lock();
   }
 }
@@ -80,10 +84,10 @@ bool Walker::pause(steady_clock::duration time) {
   return !stop_;
 }
 
-bool Walker::append(EntryKind kind, const std::vector<std::byte> &payload) {
+bool Walker::append(const Walk &walk, EntryKind kind, const std::vector<std::byte> &payload) {
   for (bool said = false;; said = true) {
-    const LogPosition slowest = options_.slowest();
-    const bool room = slowest >= intake_.log().end() || intake_.log().end() - slowest < kAhead;
+    const LogPosition followed = options_.followed(walk.targets);
+    const bool room = followed >= intake_.log().end() || intake_.log().end() - followed < kAhead;
     const auto appended = room ? intake_.append(kind, payload) : Result<LogPosition>(Error{});
     if (appended) return true;
     if (room && !said) say(Level::kWarning, options_.name, appended.error().text);
@@ -100,12 +104,12 @@ bool Walker::keep_to_speed(const Walk &walk) {
   return pause(std::max(due - steady_clock::now(), steady_clock::duration::zero()));
 }
 
-void Walker::walk(const WalkBeginEntry &begin) {
-  Walk walk{.begin = begin, .started = steady_clock::now()};
+void Walker::walk(const WalkBeginEntry &begin, std::set<std::string> targets) {
+  Walk walk{.begin = begin, .targets = std::move(targets), .started = steady_clock::now()};
   if (begin.since != kSinceEver) walk.since = begin.since - kTimestampSlackUs;
-  if (!append(EntryKind::kWalkBegin, encode(begin))) return;
+  if (!append(walk, EntryKind::kWalkBegin, encode(begin))) return;
   if (!directory(walk, "", false, 0, 1)) return;
-  if (append(EntryKind::kWalkEnd, encode(WalkEndEntry{begin.walk, walk.complete})))
+  if (append(walk, EntryKind::kWalkEnd, encode(WalkEndEntry{begin.walk, walk.complete})))
     options_.walked();
 }
 
@@ -126,7 +130,8 @@ bool Walker::directory(Walk &walk, const std::string &path, bool moved, double f
   moved = moved || (!path.empty() && microseconds((*object)->status.st_ctim) >= walk.since);
   if (moved || has_changes(walk, **object, *entries)) {
     const auto done = static_cast<std::uint32_t>(from * LookEntry::kWhole);
-    if (!append(EntryKind::kLook, encode(LookEntry{walk.begin.walk, done, path}))) return false;
+    if (!append(walk, EntryKind::kLook, encode(LookEntry{walk.begin.walk, done, path})))
+      return false;
   }
   std::vector<std::string> below;
   for (const DirectoryEntry &entry : *entries) {

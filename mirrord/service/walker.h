@@ -5,7 +5,9 @@
  * entries stand in the log between the records, while programs go on writing; what is made in a
  * directory behind the walk is told by records.
  *
- * One thread of its own, which waits for targets that are far behind, and when a speed is set.
+ * One thread of its own, which waits while all that the walk is for are far behind, and when a
+ * speed is set. It waits for nobody else: neither for other targets, nor for replicas on other
+ * hosts, whose entries the stream keeps.
  */
 #ifndef TARN_MIRRORD_SERVICE_WALKER_H
 #define TARN_MIRRORD_SERVICE_WALKER_H
@@ -14,6 +16,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -30,9 +33,10 @@ class Walker final : public Walks {
     std::string name;      /* of the source, for messages */
     std::string directory; /* the source */
     std::function<bool(const std::string &path)> included;
-    std::function<LogPosition()> slowest; /* where the last of the targets reads that read at all */
-    std::uint64_t files_per_second = 0;   /* 0: no limit */
-    std::function<void()> walked;         /* called by the thread when a walk has ended */
+    /* Where the first of these, who want a walk, reads the log; the largest position: none does. */
+    std::function<LogPosition(const std::set<std::string> &targets)> followed;
+    std::uint64_t files_per_second = 0; /* 0: no limit */
+    std::function<void()> walked;       /* called by the thread when a walk has ended */
   };
   Walker(Options options, Intake &intake);
   ~Walker() override { stop(); }
@@ -49,6 +53,7 @@ class Walker final : public Walks {
  private:
   struct Walk {
     WalkBeginEntry begin;
+    std::set<std::string> targets;   /* whom it is for */
     std::int64_t since = kSinceEver; /* with slack for coarse file times */
     bool complete = true;
     std::uint64_t files = 0;
@@ -56,13 +61,14 @@ class Walker final : public Walks {
   };
 
   void run();
-  void walk(const WalkBeginEntry &begin);
+  void walk(const WalkBeginEntry &begin, std::set<std::string> targets);
   /* False: told to stop. `moved`: it or a directory above it may have come here since the walk's
    * time. `from` and `to`: the share of the whole walk, 0 to 1. */
   bool directory(Walk &walk, const std::string &path, bool moved, double from, double to);
   bool has_changes(const Walk &walk, const Source::Object &directory,
                    const std::vector<DirectoryEntry> &entries) const;
-  bool append(EntryKind kind, const std::vector<std::byte> &payload) EXCLUDES(mutex_);
+  bool append(const Walk &walk, EntryKind kind, const std::vector<std::byte> &payload)
+      EXCLUDES(mutex_);
   bool keep_to_speed(const Walk &walk) EXCLUDES(mutex_);
   bool pause(std::chrono::steady_clock::duration time) EXCLUDES(mutex_);
 

@@ -72,7 +72,7 @@ void TargetTest::open_log() {
           .directory = source_,
           .included = [this, scope = RuleScope(lists_)](
                           const std::string &path) { return scope.includes(in_source(path)); },
-          .slowest = [this] { return followed(); },
+          .followed = [this](const auto &) { return followed(); },
           .walked = [this] { note_walked(); }},
       *intake_);
 }

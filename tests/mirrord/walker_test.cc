@@ -16,6 +16,7 @@
 #include <set>
 #include <thread>
 
+#include "base/mutex.h"
 #include "mirrord/file_status.h"
 #include "tests/mirrord/service_kit.h"
 #include "tests/replicate/fake_tarnd.h"
@@ -52,7 +53,12 @@ class WalkerTest : public testing::Test {
         std::make_unique<Walker>(Walker::Options{.name = "s",
                                                  .directory = source_,
                                                  .included = std::move(included),
-                                                 .slowest = [this] { return slowest_.load(); },
+                                                 .followed =
+                                                     [this](const std::set<std::string> &targets) {
+                                                       MutexLock lock(mutex_);
+                                                       asked_of_ = targets;
+                                                       return followed_.load();
+                                                     },
                                                  .files_per_second = files_per_second,
                                                  .walked = [this] { ++walked_; }},
                                  *intake_);
@@ -91,7 +97,9 @@ class WalkerTest : public testing::Test {
   }
 
   std::uint64_t limit_ = 1 << 24;
-  std::atomic<LogPosition> slowest_ = std::numeric_limits<LogPosition>::max();
+  Mutex mutex_;
+  std::set<std::string> asked_of_ GUARDED_BY(mutex_); /* whom the last walk was for */
+  std::atomic<LogPosition> followed_ = std::numeric_limits<LogPosition>::max();
   TemporaryDirectory dir_;
   const std::string source_ = dir_ / "src";
   std::atomic<int> walked_ = 0;
@@ -223,7 +231,7 @@ TEST_F(WalkerTest, stops_in_the_middle) {
 
 /* A target that is away is not waited for. */
 TEST_F(WalkerTest, waits_for_targets_that_are_far_behind) {
-  slowest_ = intake_->log().end();
+  followed_ = intake_->log().end();
   for (std::uint64_t number = 1; number <= 20'000; ++number)
     ASSERT_TRUE(intake_->mark({.number = number}));
   const LogPosition end = intake_->log().end();
@@ -231,15 +239,29 @@ TEST_F(WalkerTest, waits_for_targets_that_are_far_behind) {
   walker_->request("t", kSinceEver, end);
   usleep(300'000);
   EXPECT_EQ(intake_->log().end(), end);
-  slowest_ = end;
+  followed_ = end;
   EXPECT_TRUE(eventually([&] { return walked_ == 1; }));
   EXPECT_EQ(walks().back().looks, kAll);
   // And ends while it waits.
-  slowest_ = 1;
+  followed_ = 1;
   walker_->request("t", kSinceEver, intake_->log().end());
   usleep(100'000);
   walker_->stop();
   EXPECT_EQ(walked_, 1);
+}
+
+/* Those that want nothing of it are not waited for. */
+TEST_F(WalkerTest, asks_how_far_those_are_that_want_the_walk) {
+  start();
+  walk(kSinceEver, "t");
+  {
+    MutexLock lock(mutex_);
+    EXPECT_EQ(asked_of_, std::set<std::string>{"t"});
+  }
+  walker_->request("u", kSinceEver, intake_->log().end());
+  walk(kSinceEver, "replica:one");
+  MutexLock lock(mutex_);
+  EXPECT_EQ(asked_of_, (std::set<std::string>{"replica:one", "u"}));
 }
 
 TEST_F(WalkerTest, a_source_that_is_not_there_ends_in_an_incomplete_walk) {

@@ -6,7 +6,8 @@ command -v systemd-analyze >/dev/null || { echo "skipped: there is no systemd-an
 . "$(dirname "$0")/install.bash"
 
 units=$ROOT/usr/lib/systemd/system
-for unit in tarnd.service mirrord.service mirrord-replica.service mirrord-verify.service mirrord-verify.timer; do
+for unit in tarnd.service mirrord.service mirrord-replica.service mirrord-verify.service mirrord-verify.timer \
+  mirrord-replica-verify.service mirrord-replica-verify.timer; do
   # Manuals that are not installed here are no fault of the unit.
   said=$(systemd-analyze verify --man=no "$units/$unit" 2>&1 | grep -F "$unit" || true)
   [ -z "$said" ] || fail "$said"
@@ -45,11 +46,25 @@ if grep -E '^(PrivateDevices|ProtectClock|RestrictSUIDSGID|DynamicUser)' "$units
 fi
 grep -q '^u tarn-replica ' "$ROOT/usr/lib/sysusers.d/tarn-replica.conf" || fail "nobody makes the replica's user"
 
-# The comparison is started by nobody but its timer, and that by nobody but an administrator.
-if grep -q '^\[Install\]' "$units/mirrord-verify.service"; then fail "the comparison is started without its timer"; fi
-[ "$(setting mirrord-verify.timer WantedBy)" = timers.target ] || fail "the timer cannot be enabled"
-grep -q 'no-enable --no-start .*mirrord-verify.timer' "$HERE/../debian/rules" || fail "the package enables the timer"
-systemd-analyze calendar "$(setting mirrord-verify.timer OnCalendar)" >/dev/null || fail "the timer names no time"
+# A comparison is started by nobody but its timer, and that by nobody but an administrator.
+for name in mirrord-verify mirrord-replica-verify; do
+  if grep -q '^\[Install\]' "$units/$name.service"; then fail "$name is started without its timer"; fi
+  [ "$(setting $name.timer WantedBy)" = timers.target ] || fail "$name.timer cannot be enabled"
+  grep -q "no-enable --no-start .*$name.timer" "$HERE/../debian/rules" || fail "the package enables $name.timer"
+  systemd-analyze calendar "$(setting $name.timer OnCalendar)" >/dev/null || fail "$name.timer names no time"
+done
+# The replica's socket lies in a directory that nobody but its user enters, and this one has no capability either.
+[ "$(setting mirrord-replica-verify.service User)" = "$(setting mirrord-replica.service User)" ] || fail "it cannot ask the replica"
+
+# A replica's host needs no tarn: the package only recommends it.
+control=$HERE/../debian/control
+package() { sed -n "/^Package: $1\$/,/^\$/p" "$control"; }
+if package mirrord | grep -E '^Depends:.*\btarn\b'; then fail "mirrord cannot be installed without tarn"; fi
+package mirrord | grep -q '^Recommends: tarn (= ' || fail "mirrord does not bring tarn of its own version along"
+for user in mirrord-replica.service mirrord-replica-verify.service; do
+  sed -n "s/^u \([^ ]*\) .*/\1/p" "$ROOT/usr/lib/sysusers.d/tarn-replica.conf" | grep -qx "$(setting $user User)" ||
+    fail "nobody makes the user of $user"
+done
 
 [ "$(systemd-tmpfiles --create --root="$T/tmpfiles" "$ROOT/usr/lib/tmpfiles.d/tarn.conf" 2>&1)" = "" ] || fail "tmpfiles.d is wrong"
 [ "$(stat -c %a "$T/tmpfiles/run/tarn")" = 755 ] || fail "the run directory is not made"

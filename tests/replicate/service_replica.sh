@@ -4,77 +4,7 @@
 # kill -9 of each process, a second replica, a source's host that is away, verify, repair and retire.
 . "$(dirname "$0")/../lib.sh"
 . "$(dirname "$0")/service.bash"
-PATH=$PATH:/usr/sbin
-NATS_PID='' NATS_PORT=-1
-declare -A REPLICA_PIDS=()
-cleanup_test() {
-  local pid
-  for pid in ${REPLICA_PIDS[@]+"${REPLICA_PIDS[@]}"} $NATS_PID; do kill -KILL "$pid" 2>/dev/null; done
-  return 0
-}
-
-# The server keeps its port, which it chose at the first start.
-start_nats() {
-  printf 'listen: "127.0.0.1:%s"\nhttp: "127.0.0.1:-1"\nports_file_dir: "%s"\njetstream { store_dir: "%s", max_file_store: 1GB }\n' \
-    "$NATS_PORT" "$T/ports" "$T/nats" >"$T/nats.conf"
-  mkdir -p "$T/ports"
-  rm -f "$T/ports"/*
-  setsid nats-server -c "$T/nats.conf" >>"$T/nats.log" 2>&1 &
-  NATS_PID=$!
-  wait_until 30 "the server listens" test -s "$T/ports/nats-server_$NATS_PID.ports"
-  NATS_PORT=$(python3 -c 'import json, sys; print(json.load(open(sys.argv[1]))["nats"][0].rsplit(":", 1)[1])' \
-    "$T/ports/nats-server_$NATS_PID.ports")
-}
-kill_nats() {
-  kill -KILL "$NATS_PID"
-  wait "$NATS_PID" 2>/dev/null || true
-  NATS_PID=''
-}
-# in_stream first_seq|last_seq: the number of the first message that the server still has, or of the last one.
-in_stream() {
-  python3 - "$T/ports/nats-server_$NATS_PID.ports" "$1" <<'PY'
-import json, sys, urllib.request
-url = json.load(open(sys.argv[1]))["monitoring"][0] + "/jsz?streams=true"
-account = json.load(urllib.request.urlopen(url))["account_details"][0]
-print(account["stream_detail"][0]["state"][sys.argv[2]])
-PY
-}
-servers() { printf 'servers = ["nats://127.0.0.1:%s"]\nstream = "data"\n' "$NATS_PORT"; }
-
-# What mirrord-replica.service gives it: another user, and the capabilities that the unit names.
-UNIT=$HERE/../packaging/systemd/mirrord-replica.service.in
-CAPS=$(sed -n 's/^AmbientCapabilities=//p' "$UNIT" | tr '[:upper:]' '[:lower:]' | sed 's/cap_/+/g; s/ /,/g')
-as_in_the_unit() {
-  exec setsid setpriv --reuid 12345 --regid 12345 --clear-groups --no-new-privs --bounding-set "-all,$CAPS" --inh-caps \
-    "-all,$CAPS" --ambient-caps "-all,$CAPS" "$@"
-}
-
-# start_replica NAME: to $T/NAME.
-start_replica() {
-  [ -d "$T/$1" ] || { mkdir -m 700 "$T/$1" && chown 12345:12345 "$T/$1"; }
-  {
-    printf 'state = "%s"\n[replica]\nname = "%s"\ndirectory = "%s"\n' "$T/state-$1" "$1" "$T/$1"
-    servers
-  } >"$T/$1.toml"
-  as_in_the_unit mirrord replica --config "$T/$1.toml" 2>>"$T/$1.err" &
-  REPLICA_PIDS[$1]=$!
-  wait_until 30 "the replica $1 answers" test -S "$T/state-$1/control.sock"
-}
-kill_replica() {
-  kill -KILL "${REPLICA_PIDS[$1]}"
-  wait "${REPLICA_PIDS[$1]}" 2>/dev/null || true
-  unset "REPLICA_PIDS[$1]"
-}
-replica_verb() { mirrord "$2" --socket "$T/state-$1/control.sock" "${@:3}"; }
-# replica_equal NAME: everything done so far is there.
-waited() { replica_verb "$1" wait --timeout 60; }
-replica_equal() {
-  # Until it has heard of its source and followed the stream, there is nothing to wait for.
-  wait_until 120 "$1 has all" waited "$1"
-  python3 "$HERE/replicate/tree_compare.py" "$T/lower" "$T/$1" || fail "$1 differs"
-}
-no_gap_of() { if grep GAP "$T/$1.err"; then fail "a gap of $1"; fi; }
-shown() { mirrord targets --socket "$SOCKET" | grep -F "$1" | grep -F "$2"; }
+. "$(dirname "$0")/replica.bash"
 
 chmod 700 "$T/lower"
 for d in $(seq 10); do
@@ -102,7 +32,7 @@ tarn mount "$T/lower" "$T/mnt"
   printf '[[source]]\nname = "data"\ndirectory = "%s"\nexclude = ["left-out"]\n' "$T/lower"
   echo 'copy-files-per-second = 60'
   printf '[[source.target]]\nkind = "nats"\nname = "far"\n'
-  servers
+  servers source
 } >"$CONFIG"
 start_service
 start_replica one
@@ -140,6 +70,8 @@ start_nats
 replica_equal one
 no_gap_of one
 change 5
+# What a killed process has read and not logged yet is a gap.
+verb wait --timeout 60 || fail "not in the stream"
 kill_service
 start_service
 change 6
@@ -153,6 +85,10 @@ wait_until 30 "the first copy is under way" test -e "$T/two/d1"
 kill_service
 start_service
 kill_replica two
+# One that is away in the middle of its first copy holds nobody back.
+change 9
+replica_equal one
+no_gap_of one
 start_replica two
 replica_equal two
 change 7
@@ -168,6 +104,10 @@ grep -F d7/f1 "$T/found" >/dev/null || fail "verify does not tell of a changed f
 replica_verb one repair >"$T/found" || fail "not repaired: $(cat "$T/found")"
 replica_equal one
 replica_verb one verify || fail "verify finds differences"
+# On the source's host there is nothing to compare.
+verb verify >"$T/found" || fail "verify ends with $? on the source's host"
+grep -F 'no target is on this host' "$T/found" >/dev/null || fail "verify says nothing: $(cat "$T/found")"
+expect_error "on other hosts" verb verify data/far:one
 
 # One that does not come back is retired, and nothing is kept for it.
 kill_replica two
@@ -186,11 +126,5 @@ start_replica two
 replica_equal two
 grep 'GAP: the stream lacks' "$T/two.err" >/dev/null || fail "a hole that nobody tells of"
 wait_until 60 "it is known again" shown data/far:two equal
-kill "${REPLICA_PIDS[two]}"
-wait "${REPLICA_PIDS[two]}" || fail "the replica ended with $?: $(tail -n 3 "$T/two.err")"
-unset 'REPLICA_PIDS[two]'
-
-kill "${REPLICA_PIDS[one]}"
-wait "${REPLICA_PIDS[one]}" || fail "the replica ended with $?: $(tail -n 3 "$T/one.err")"
-unset 'REPLICA_PIDS[one]'
+stop_replicas two one
 stop_service

@@ -13,6 +13,7 @@ namespace {
 constexpr std::chrono::milliseconds kRound{500};
 constexpr std::chrono::seconds kLearn{5}, kReport{2};
 constexpr std::chrono::hours kLongestPause{1};
+constexpr std::chrono::minutes kSayAgain{1};
 
 }  // namespace
 
@@ -70,7 +71,13 @@ void SourceContact::set_problem(const std::string &problem) {
   {
     MutexLock lock(mutex_);
     if (problem == problem_) return;
+    const bool another = !problem.empty() && !problem_.empty();
     problem_ = problem;
+    // Tries may fail in several ways by turns.
+    const auto now = std::chrono::steady_clock::now();
+    const bool said = said_at_ != std::chrono::steady_clock::time_point{};
+    if (another && said && now - said_at_ < kSayAgain) return;
+    said_at_ = now;
   }
   say(problem.empty() ? Level::kNotice : Level::kWarning, options_.about,
       problem.empty() ? "the source's host answers" : problem);

@@ -86,6 +86,7 @@ class SourceContact final : public Walks {
   std::optional<Wanted> wanted_ GUARDED_BY(mutex_);
   std::optional<remote::AboutAnswer> source_ GUARDED_BY(mutex_);
   std::string problem_ GUARDED_BY(mutex_) = "not connected yet";
+  Clock::time_point said_at_ GUARDED_BY(mutex_){}; /* that there is one, or none */
 };
 
 }  // namespace tarn

@@ -19,6 +19,7 @@ using nlohmann::json;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kFetch{200}, kPause{500}, kSlice{50};
+constexpr std::chrono::minutes kSayAgain{1};
 
 }  // namespace
 
@@ -142,7 +143,13 @@ void StreamIntake::set_problem(const std::string &problem) {
   {
     MutexLock lock(mutex_);
     if (problem == problem_) return;
+    const bool another = !problem.empty() && !problem_.empty();
     problem_ = problem;
+    // Tries may fail in several ways by turns.
+    const auto now = std::chrono::steady_clock::now();
+    const bool said = said_at_ != std::chrono::steady_clock::time_point{};
+    if (another && said && now - said_at_ < kSayAgain) return;
+    said_at_ = now;
   }
   say(problem.empty() ? Level::kNotice : Level::kWarning, options_.about,
       problem.empty() ? "follows the stream" : problem);

@@ -16,6 +16,7 @@
 #define TARN_MIRRORD_SERVICE_STREAM_INTAKE_H
 
 #include <atomic>
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -95,6 +96,8 @@ class StreamIntake {
   mutable Mutex mutex_;
   std::deque<Joint> joints_ GUARDED_BY(mutex_); /* ascending */
   std::string problem_ GUARDED_BY(mutex_) = "not connected yet";
+  std::chrono::steady_clock::time_point said_at_
+      GUARDED_BY(mutex_){}; /* that there is one, or none */
 };
 
 }  // namespace tarn

@@ -98,6 +98,8 @@ std::string Connection::servers() const {
 
 Error Connection::explain(natsStatus status, const std::string &detail) const {
   std::string advice = "start a server there, or mend 'servers'";
+  // With TLS 1.3 a server that does not trust a client only hangs up.
+  if (!config_.ca.empty()) advice += ", or have the servers trust 'certificate'";
   if (status == NATS_SSL_ERROR)
     advice =
         "look at 'ca', 'certificate' and 'key', and whether the server has TLS 1.3 and a "

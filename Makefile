@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: GPL-2.0
 # make demo   everything from nothing: install what is missing, build, mount, replicate, compare
+# make demo-cluster  the same through a cluster of three servers to two replicas, of which a leader and a replica are killed
 # make test   unit tests under the address, undefined-behaviour and thread sanitizers, and end to end
 # make one CASE=rename.two_names_of_one_file  tests whose name contains that, under the address and undefined sanitizers
 # make check  the presubmit checks: format, shellcheck, headers, both compilers, clang-tidy, aarch64, include arrows,
@@ -19,7 +20,7 @@ FUZZ_SECONDS ?= 60
 SOAK_SCALE ?= 10
 TESTJOBS ?= $(shell echo $$(( 2 * $$(nproc) )))
 
-.PHONY: all deps demo test test-asan test-tsan one check fuzz soak bench deb test-packages install clean
+.PHONY: all deps demo demo-cluster test test-asan test-tsan one check fuzz soak bench deb test-packages install clean
 
 # What is shipped; tests build in their own folders.
 all: build/release/build.ninja
@@ -33,6 +34,9 @@ deps:
 
 demo: deps all
 	@tools/demo.sh build/release
+
+demo-cluster: deps all
+	@tools/demo_cluster.sh build/release
 
 test: deps test-asan test-tsan
 

@@ -6,7 +6,7 @@
 set -euo pipefail
 
 packages=(
-  attr binutils build-essential clang cmake coreutils e2fsprogs fio fuse3 git groff-base libclang-rt-14-dev
+  attr binutils build-essential clang cmake coreutils e2fsprogs fio fuse3 git groff-base iproute2 libcap2-bin libclang-rt-14-dev
   libcli11-dev libfmt-dev libfuse3-dev libgtest-dev libmount-dev libnats-dev librapidcheck-dev libspdlog-dev libsystemd-dev
   libtomlplusplus-dev libxxhash-dev libzstd-dev man-db mandoc mount
   nats-server ninja-build nlohmann-json3-dev openssl pkg-config procps python3 rsync sqlite3

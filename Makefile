@@ -64,7 +64,8 @@ fuzz: deps build/fuzz/build.ninja
 
 # With the sanitizers and the lock checker, then as it is shipped.
 soak: deps all build/asan/build.ninja
-	cmake --build build/asan -j $(JOBS) --target tarnd tarn mirrord
+	cmake --build build/asan -j $(JOBS) --target tarnd tarn mirrord soak_clock
+	cmake --build build/release -j $(JOBS) --target soak_clock
 	@SOAK_SCALE=$(SOAK_SCALE) tools/soak.sh build/asan build/release
 
 bench:

@@ -9,14 +9,13 @@ from . import settings
 from .driver import LAST, Driver, Failed, say
 
 
-def main():
-    asked = settings.parse()
+def main(asked, kind):
     say("seed %d" % asked.seed)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))  # mirrord is ended all the same
     began = time.monotonic()
     driver = None
     try:
-        driver = Driver(asked)
+        driver = kind(asked)
         count = driver.run()
     except (Failed, subprocess.TimeoutExpired) as failed:
         say("FAILED: %s" % failed)
@@ -33,4 +32,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(main(settings.parse(), Driver))

@@ -26,6 +26,8 @@ def shown(differences):
 
 
 class Driver:
+    known = faults.ALL
+
     def __init__(self, settings):
         self.settings = settings
         self.rng = random.Random("%d/faults" % settings.seed)
@@ -37,15 +39,24 @@ class Driver:
         self.log_full, self.log_freed = False, 0.0
         self.service.may_end = lambda: self.log_full or time.monotonic() < self.log_freed + 5
         self.done = []
+        self.picked, self.taken = set(), set()  # the names of this round's faults, and what they take
         self.counts = {kind: collections.Counter() for kind in ("faults", "events", "gaps", "differences")}
         self.choice = self.choose_from()
 
     def choose_from(self):
         only, without = (set(filter(None, text.split(","))) for text in (self.settings.only, self.settings.without))
-        unknown = (only | without) - set(faults.ALL)
+        unknown = (only | without) - set(self.known)
         if unknown:
-            raise Failed("there is no fault %s, but: %s" % (", ".join(unknown), ", ".join(faults.ALL)))
-        return [f for f in faults.ALL.values() if (not only or f.name in only) and f.name not in without]
+            raise Failed("there is no fault %s, but: %s" % (", ".join(unknown), ", ".join(self.known)))
+        return [f for f in self.known.values() if (not only or f.name in only) and f.name not in without]
+
+    def asked(self, target):
+        """What answers for a target."""
+        assert target
+        return self.service
+
+    def all_asked(self):
+        return [self.service]
 
     def prepare(self):
         self.disks.make()
@@ -81,6 +92,7 @@ class Driver:
                 continue
             taken |= needs
             picked.append(one)
+        self.picked, self.taken = {one.name for one in picked}, taken
         return picked
 
     def pause(self):
@@ -124,7 +136,8 @@ class Driver:
         healing = time.monotonic()
         self.ask("resume", self.resume)
         self.ask("resync", self.resync)
-        self.service.wait_equal(self.settings.heal, self.watch)
+        for one in self.all_asked():
+            one.wait_equal(self.settings.heal, self.watch)
         waited = time.monotonic() - healing
         entries = 0
         for name in self.settings.target_names:
@@ -132,7 +145,7 @@ class Driver:
             lost = [one for one in found if one.recorded]
             if lost:
                 raise Failed("mirrord said that %s is equal:%s" % (name, shown(lost)))
-        for name, target in self.service.targets().items():
+        for name, target in [item for one in self.all_asked() for item in one.targets().items()]:
             if target["gaps"]:
                 raise Failed("%s is equal, and %d gaps are left" % (name, target["gaps"]))
         self.counts["events"]["healings"] += 1
@@ -151,7 +164,7 @@ class Driver:
         """The service finds what the comparison here finds, and mends it."""
         mine, _ = self.compare(name)
         expected = {(names.printable(one.path), one.kind) for one in mine}
-        found = {pair for pair in self.service.compare("verify", name) if pair[1] != "holes"}
+        found = {pair for pair in self.asked(name).compare("verify", name) if pair[1] != "holes"}
         # Each names another one of a group of names.
         no_links = [{pair for pair in pairs if pair[1] != "link"} for pairs in (expected, found)]
         if no_links[0] != no_links[1] or bool(expected - no_links[0]) != bool(found - no_links[1]):
@@ -162,7 +175,7 @@ class Driver:
         self.counts["differences"].update(one.kind for one in mine)
         if not mine:
             return
-        left = self.service.compare("repair", name)
+        left = self.asked(name).compare("repair", name)
         after, _ = self.compare(name)
         if left or after:
             raise Failed("mirrord repair %s left %s and%s" % (name, sorted(left), shown(after)))
@@ -173,7 +186,7 @@ class Driver:
         deadline = time.monotonic() + 60
         while targets:
             name = next(iter(targets))
-            done = self.service.verb(verb, "data/" + name)
+            done = self.asked(name).verb(verb, "data/" + name)
             if done.returncode == 0:
                 targets.remove(name)
             elif time.monotonic() > deadline:
@@ -188,25 +201,32 @@ class Driver:
         end = time.monotonic() + self.settings.seconds
         while count < self.settings.faults and time.monotonic() < end:
             count += self.round()
+        self.end()
+        for line in self.messages():
+            if "Sanitizer" in line or "runtime error" in line:
+                raise Failed("mirrord complained: " + line)
+        return count
+
+    def end(self):
         self.workload.end()
         self.service.stop()
-        with open(self.settings.errors, encoding="utf-8", errors="replace") as f:
-            for line in f:
-                if "Sanitizer" in line or "runtime error" in line:
-                    raise Failed("mirrord complained: " + line)
-        return count
+
+    def messages(self):
+        """Of mirrord, from the beginning."""
+        for errors in self.settings.all_errors():
+            try:
+                with open(errors, encoding="utf-8", errors="replace") as f:
+                    yield from f
+            except FileNotFoundError:
+                pass
 
     def count_gaps(self):
         """What the service's messages declare, by cause."""
-        try:
-            with open(self.settings.errors, encoding="utf-8", errors="replace") as f:
-                for line in f:
-                    if "GAP: " in line:
-                        target = re.search(r"data/t\d", line.partition("GAP: ")[0])
-                        text = re.sub(r"\d+", "N", line.partition("GAP: ")[2].strip())[:90]
-                        self.counts["gaps"][("target: " if target else "source: ") + text] += 1
-        except FileNotFoundError:
-            pass
+        for line in self.messages():
+            if "GAP: " in line:
+                target = re.search(r"\bt\d", line.partition("GAP: ")[0])
+                text = re.sub(r"\d+", "N", line.partition("GAP: ")[2].strip())[:90]
+                self.counts["gaps"][("target: " if target else "source: ") + text] += 1
 
     def report(self):
         self.count_gaps()

@@ -251,7 +251,7 @@ def set_clock(d):
 
 @fault("first", "mirrord", weight=3)
 def paused_target(d):
-    d.service.verb("pause", "data/" + d.first)
+    d.asked(d.first).verb("pause", "data/" + d.first)
     yield
     d.resume.add(d.first)
 
@@ -259,7 +259,7 @@ def paused_target(d):
 @fault("first", "mirrord", "log", "tarnd", weight=1)
 def full_log(d):
     """A paused target does without what does not fit into the log."""
-    d.service.verb("pause", "data/" + d.first)
+    d.asked(d.first).verb("pause", "data/" + d.first)
     path = os.fsencode(d.settings.mount) + b"/" + names.SOURCE + b"/burst"
     with open(path, "wb", buffering=0) as f:
         for _ in range(BURST >> 20):
@@ -275,7 +275,7 @@ def full_log(d):
 
 @fault("first", weight=2)
 def resync(d):
-    d.service.verb("resync", "data/" + d.first)
+    d.asked(d.first).verb("resync", "data/" + d.first)
     yield
 
 
@@ -285,13 +285,13 @@ def skipped_entry(d):
     disk = d.settings.disk(d.first)
     d.disks.fill(disk)
     deadline = time.monotonic() + 5
-    while time.monotonic() < deadline and d.service.targets().get(d.first, {}).get("state") != "held":
+    while time.monotonic() < deadline and d.asked(d.first).targets().get(d.first, {}).get("state") != "held":
         time.sleep(0.05)
     yield
-    skipped = d.service.verb("skip", "data/" + d.first).returncode == 0
-    if skipped and d.service.targets().get(d.first, {}).get("skipped", 0) == 0:
+    skipped = d.asked(d.first).verb("skip", "data/" + d.first).returncode == 0
+    if skipped and d.asked(d.first).targets().get(d.first, {}).get("skipped", 0) == 0:
         time.sleep(1)
-        if d.service.targets().get(d.first, {}).get("skipped", 0) == 0:
+        if d.asked(d.first).targets().get(d.first, {}).get("skipped", 0) == 0:
             raise Failed("an entry was skipped, and the status does not say so")
     d.disks.free(disk)
     if skipped:

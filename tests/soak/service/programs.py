@@ -63,19 +63,72 @@ class Clock:
         COUNT.pack_into(self.memory, 0, self.count)
 
 
-class Service:
+class Asked:
+    """What answers on a control socket: the service, or that of a replica on another host."""
+
+    def __init__(self, socket):
+        self.socket = socket
+
+    def verb(self, *words, timeout=200):
+        return run("mirrord", *words, "--socket", self.socket, check=False, timeout=timeout)
+
+    def status(self):
+        """None: it does not answer."""
+        done = self.verb("status", "--json", timeout=60)
+        try:
+            return json.loads(done.stdout)
+        except ValueError:
+            return None
+
+    def targets(self):
+        status = self.status()
+        if not status or not status.get("sources"):
+            return {}
+        return {target["name"]: target for target in status["sources"][0]["targets"]}
+
+    def compare(self, verb, name):
+        """What `verify` found, or `repair` left: pairs of a path as it is shown and a kind."""
+        done = self.verb(verb, "data/" + name)
+        if done.returncode not in (0, 1) or done.returncode == 0 and b"\t" in done.stdout:
+            raise Failed("'mirrord %s %s' ended with %d: %s" % (verb, name, done.returncode, done.stderr.decode()))
+        lines = [line.split("\t") for line in done.stdout.decode().splitlines() if "\t" in line]
+        return {(line[1], line[2]) for line in lines}
+
+    def wait_equal(self, limit, watch):
+        """Until `mirrord wait` says that all targets are equal. It says at once what it cannot wait for."""
+        deadline = time.monotonic() + limit
+        while True:
+            watch()
+            left = max(1, int(deadline - time.monotonic()))
+            done = self.verb("wait", "--timeout", str(left), timeout=left + 60)
+            if done.returncode == 0:
+                return
+            if time.monotonic() >= deadline:
+                raise Failed("not equal after %d s: %s\n%s" % (limit, done.stderr.decode().strip(),
+                                                              json.dumps(self.targets(), indent=1)))
+            time.sleep(0.05)
+
+
+class Service(Asked):
+    prefix = []  # in front of its command
+
     def __init__(self, settings, clock):
+        super().__init__(settings.socket)
         self.settings, self.clock, self.process, self.pid = settings, clock, None, None
         self.excluded = list(EXCLUDES[0])
         self.may_end = lambda: False  # by itself, because it has no room for its state
+
+    def targets_configured(self):
+        lines = []
+        for name in self.settings.target_names:
+            lines += ["[[source.target]]", 'name = "%s"' % name, 'directory = "%s"' % self.settings.target(name)]
+        return lines
 
     def configure(self):
         s = self.settings
         lines = ['state = "%s"' % s.state, "[control]", 'socket = "%s"' % s.socket, "[log]",
                  'limit = "%s"' % LOG_LIMIT, "[[source]]", 'name = "data"', 'directory = "%s"' % s.source,
-                 "exclude = %s" % json.dumps(self.excluded)]
-        for name in s.target_names:
-            lines += ["[[source.target]]", 'name = "%s"' % name, 'directory = "%s"' % s.target(name)]
+                 "exclude = %s" % json.dumps(self.excluded)] + self.targets_configured()
         with open(s.config, "w", encoding="utf-8") as f:
             f.write("\n".join(lines) + "\n")
 
@@ -87,7 +140,7 @@ class Service:
             remove(directory + "/" + name)
         clock = ["%s=%s" % (name, self.clock.environment[name]) for name in ("SOAK_CLOCK", "LD_PRELOAD")]
         with open(self.settings.errors, "ab") as errors:
-            self.process = subprocess.Popen([sys.executable, MANAGER, directory, "0.3", "env", *clock, "mirrord",
+            self.process = subprocess.Popen([*self.prefix, sys.executable, MANAGER, directory, "0.3", "env", *clock, "mirrord",
                                              "run", "--config", self.settings.config],
                                             stderr=errors, start_new_session=True)
         self.pid = None
@@ -150,45 +203,6 @@ class Service:
     def freeze(self, frozen):
         if self.process:
             os.kill(self.told("pid"), signal.SIGSTOP if frozen else signal.SIGCONT)
-
-    def verb(self, *words, timeout=200):
-        return run("mirrord", *words, "--socket", self.settings.socket, check=False, timeout=timeout)
-
-    def status(self):
-        """None: it does not answer."""
-        done = self.verb("status", "--json", timeout=60)
-        try:
-            return json.loads(done.stdout)
-        except ValueError:
-            return None
-
-    def targets(self):
-        status = self.status()
-        if not status or not status.get("sources"):
-            return {}
-        return {target["name"]: target for target in status["sources"][0]["targets"]}
-
-    def compare(self, verb, name):
-        """What `verify` found, or `repair` left: pairs of a path as it is shown and a kind."""
-        done = self.verb(verb, "data/" + name)
-        if done.returncode not in (0, 1) or done.returncode == 0 and b"\t" in done.stdout:
-            raise Failed("'mirrord %s %s' ended with %d: %s" % (verb, name, done.returncode, done.stderr.decode()))
-        lines = [line.split("\t") for line in done.stdout.decode().splitlines() if "\t" in line]
-        return {(line[1], line[2]) for line in lines}
-
-    def wait_equal(self, limit, watch):
-        """Until `mirrord wait` says that all targets are equal. It says at once what it cannot wait for."""
-        deadline = time.monotonic() + limit
-        while True:
-            watch()
-            left = max(1, int(deadline - time.monotonic()))
-            done = self.verb("wait", "--timeout", str(left), timeout=left + 60)
-            if done.returncode == 0:
-                return
-            if time.monotonic() >= deadline:
-                raise Failed("not equal after %d s: %s\n%s" % (limit, done.stderr.decode().strip(),
-                                                              json.dumps(self.targets(), indent=1)))
-            time.sleep(0.05)
 
 
 class Tarnd:

@@ -15,9 +15,8 @@ EXCLUDED, NESTED = "excluded", "nest-a/private"
 EXCLUDES = [[EXCLUDED, NESTED], [EXCLUDED], [NESTED], [], [EXCLUDED, "p0"]]
 
 
-def parse(arguments=None):
-    parser = argparse.ArgumentParser(prog="service_promise.sh BUILD",
-                                     description="The service under faults: every target becomes equal again.")
+def options(program, description):
+    parser = argparse.ArgumentParser(prog=program + " BUILD", description=description)
     parser.add_argument("--seed", type=int, default=None, help="what is done follows from it (at random)")
     parser.add_argument("--faults", type=int, default=30, help="how many (30)")
     parser.add_argument("--targets", type=int, default=2, choices=range(1, 9), help="how many (2)")
@@ -32,10 +31,16 @@ def parse(arguments=None):
     parser.add_argument("--only", default="", metavar="FAULT,...", help="no other faults")
     parser.add_argument("--without", default="", metavar="FAULT,...", help="all faults but these")
     parser.add_argument("--directory", required=True, help=argparse.SUPPRESS)
-    return Settings(parser.parse_args(arguments))
+    return parser
+
+
+def parse():
+    return Settings(options("service_promise.sh", "The service under faults: every target becomes equal again.").parse_args())
 
 
 class Settings:
+    program = "service_promise.sh"
+
     def __init__(self, given):
         self.seed = given.seed if given.seed is not None else random.randrange(1_000_000)
         self.faults, self.targets, self.workers = given.faults, given.targets, given.workers
@@ -66,6 +71,10 @@ class Settings:
     def journal(self, number, worker):
         return "%s/journals/round-%d.worker-%d" % (self.directory, number, worker)
 
+    def all_errors(self):
+        """The files with what mirrord says."""
+        return [self.errors]
+
     def disk(self, target):
         """The file system of a target. What lies there is shown at mount_point() too."""
         return "%s/disk-%s" % (self.directory, target)
@@ -77,8 +86,8 @@ class Settings:
         return self.mount_point(target) + "/replica"
 
     def again(self):
-        text = "tests/soak/service_promise.sh BUILD --seed %d --faults %d --targets %d --workers %d" % (
-            self.seed, self.faults, self.targets, self.workers)
+        text = "tests/soak/%s BUILD --seed %d --faults %d --targets %d --workers %d" % (
+            self.program, self.seed, self.faults, self.targets, self.workers)
         for option in ("only", "without"):
             if getattr(self, option):
                 text += " --%s %s" % (option, getattr(self, option))

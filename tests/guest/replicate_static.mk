@@ -27,11 +27,12 @@ CXX := g++-$(GCC) -specs $(SPECS)
 
 # Headers that belong to no C library, one link each, so that nothing else of /usr/include is seen.
 HEADERS := $(OUT)/headers
-LINKS := linux asm-generic asm fmt nlohmann CLI spdlog toml++ xxhash.h
+LINKS := linux asm-generic asm fmt nats nlohmann CLI spdlog toml++ xxhash.h
 link_linux := /usr/include/linux
 link_asm-generic := /usr/include/asm-generic
 link_asm := /usr/include/x86_64-linux-gnu/asm
 link_fmt := /usr/include/fmt
+link_nats := /usr/include/nats
 link_nlohmann := /usr/include/nlohmann
 link_CLI := /usr/include/CLI
 link_spdlog := /usr/include/spdlog
@@ -50,8 +51,8 @@ objects = $(patsubst %.cc,$(OUT)/%.o,$(call sources,$(1)))
 BASE := $(call objects,base)
 CLIENT := $(call objects,client)
 TARN := $(call objects,tarn)
-# There is no service manager in a system of 2006.
-MIRRORD := $(filter-out %/service/manager.o,$(foreach folder,mirrord $(addprefix mirrord/,config control log service verify),\
+# There is no service manager in a system of 2006, and no library that reaches streams.
+MIRRORD := $(filter-out %/service/manager.o %/service/stream_target.o,$(foreach folder,mirrord $(addprefix mirrord/,config control log service verify),\
   $(call objects,$(folder))))
 UNWIND := $(OUT)/tests/guest/replicate_unwind.o
 

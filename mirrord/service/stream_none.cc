@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: GPL-2.0
+// Where there is no library to reach streams with: open() refuses each, so there is no object of
+// the class.
+#include <cerrno>
+#include <cstdlib>
+
+#include <fmt/format.h>
+
+#include "base/text.h"
+#include "mirrord/service/stream_target.h"
+
+namespace tarn {
+
+Result<std::unique_ptr<StreamTarget>> StreamTarget::open(Options options, Log & /*log*/) {
+  return Error{-ENOTSUP, fmt::format("{}/{}: this mirrord is built without streams; use one that "
+                                     "has them, or a target of kind \"directory\"",
+                                     printable(options.source), printable(options.name))};
+}
+
+StreamTarget::~StreamTarget() {
+  std::abort();
+}
+
+void StreamTarget::start() {
+  std::abort();
+}
+
+void StreamTarget::stop(Clock::time_point /*end*/) {
+  std::abort();
+}
+
+std::vector<TargetReport> StreamTarget::reports() const {
+  std::abort();
+}
+
+Result<void> StreamTarget::wait(LogPosition /*position*/, Clock::time_point /*end*/) const {
+  std::abort();
+}
+
+LogPosition StreamTarget::needed() const {
+  std::abort();
+}
+
+void StreamTarget::drop_claim() {
+  std::abort();
+}
+
+void StreamTarget::tidy() {
+  std::abort();
+}
+
+}  // namespace tarn

@@ -3,6 +3,7 @@
 // the class.
 #include <cerrno>
 #include <cstdlib>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -12,9 +13,10 @@
 namespace tarn {
 
 Result<std::unique_ptr<StreamTarget>> StreamTarget::open(Options options, Log & /*log*/) {
-  return Error{-ENOTSUP, fmt::format("{}/{}: this mirrord is built without streams; use one that "
-                                     "has them, or a target of kind \"directory\"",
-                                     printable(options.source), printable(options.name))};
+  const std::string name = std::move(options.source) + "/" + options.name;
+  return Error{-ENOTSUP, fmt::format("{}: this mirrord is built without streams; use one that has "
+                                     "them, or a target of kind \"directory\"",
+                                     printable(name))};
 }
 
 StreamTarget::~StreamTarget() {

@@ -5,9 +5,10 @@
 # begin with uk_ stay global, and makes an object library NAME of it. Everything else (printk, mount,
 # gmtime_r, snprintf, ...) becomes local, so that no kernel name meets one of libc or of another library.
 
-# GNU's, also where a compiler brings its own: only they resolve section groups in a relocatable link.
-find_program(TARN_LD NAMES ld.bfd ld REQUIRED)
-find_program(TARN_OBJCOPY NAMES objcopy REQUIRED)
+# GNU's, also where a compiler brings its own: only they resolve section groups in a relocatable link. Those for the machine
+# that is built for, if it is another one.
+find_program(TARN_LD NAMES ${CMAKE_LIBRARY_ARCHITECTURE}-ld.bfd ld.bfd ld REQUIRED)
+find_program(TARN_OBJCOPY NAMES ${CMAKE_LIBRARY_ARCHITECTURE}-objcopy objcopy REQUIRED)
 
 function(tarn_kernel_image name)
   cmake_parse_arguments(arg "" "" "OBJECTS" ${ARGN})

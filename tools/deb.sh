@@ -34,7 +34,7 @@ in_root_arm64() {
   mkdir "$1/build"
   cp -a "$WORK/tarn" "$1/build"
   cp /etc/resolv.conf "$1/etc"
-  unshare --mount --pid --fork --kill-child --mount-proc="$1/proc" chroot "$1" bash -eux -c '
+  unshare --mount --propagation slave --pid --fork --kill-child --mount-proc="$1/proc" chroot "$1" bash -eux -c '
     cd /build/tarn
     apt-get update -qq
     DEBIAN_FRONTEND=noninteractive apt-get build-dep -y -qq --no-install-recommends -aarm64 .

@@ -66,6 +66,8 @@ cleanup_test() {
 export TARN_RUN_DIR=/run/tarn # what lib.sh ends
 env -u TARN_RUN_DIR python3 "$HERE/install/guide.py" "$HERE/../docs/guide.md" bash
 
+python3 "$HERE/install/guide_messages.py" "$HERE/../docs/guide.md" "$HERE/../mirrord"
+
 # All that the guide refers to is there.
 DOCS=$HERE/../docs
 grep -o '](\([a-z_]*\.md\)\?#[a-z-]*)' "$DOCS/guide.md" | tr -d '()]' | sort -u >"$T/links"

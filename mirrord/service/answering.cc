@@ -2,6 +2,7 @@
 #include "mirrord/service/answering.h"
 
 #include <cerrno>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -10,18 +11,10 @@
 #include "mirrord/service/journal.h"
 
 namespace tarn {
-namespace {
 
-constexpr char kReplicaPrefix[] = "replica:";
-
-}  // namespace
-
-std::string walked_as(const std::string &replica) {
-  return kReplicaPrefix + replica;
-}
-
-bool is_replica_in_walks(const std::string &name) {
-  return name.starts_with(kReplicaPrefix);
+std::unique_ptr<Answering> Answering::start(Options options, StreamTarget &stream, Walker &walker,
+                                            const Log &log) {
+  return std::unique_ptr<Answering>(new Answering(std::move(options), stream, walker, log));
 }
 
 Answering::Answering(Options options, StreamTarget &stream, Walker &walker, const Log &log)
@@ -32,6 +25,8 @@ Answering::Answering(Options options, StreamTarget &stream, Walker &walker, cons
       server_(serving()),
       requests_(stream.connection(), stream.connection().subject(kQuestions),
                 [this](Bytes question) { return server_.answer(question); }) {}
+
+Answering::~Answering() = default;
 
 SourceServer::Options Answering::serving() {
   return {.directory = options_.directory,
@@ -48,7 +43,7 @@ Result<void> Answering::walk(const remote::WalkQuestion &question) {
   if (!good_config_name(question.replica))
     return Error{-EINVAL, fmt::format("{} is no name of a replica; expected {}",
                                       printable(question.replica), kConfigNameForm)};
-  walker_.request(walked_as(question.replica), question.since, log_.end());
+  walker_.request(std::string(kReplicaInWalks) + question.replica, question.since, log_.end());
   return {};
 }
 

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -19,10 +20,6 @@
 #include "mirrord/stream/requests.h"
 
 namespace tarn {
-
-/* The name of a replica in walks: no target of a source has such a one. */
-std::string walked_as(const std::string &replica);
-bool is_replica_in_walks(const std::string &name);
 
 class Answering {
  public:
@@ -35,9 +32,14 @@ class Answering {
     /* A mark of the module, which will be in the log. */
     std::function<Result<std::uint64_t>()> mark;
   };
-  Answering(Options options, StreamTarget &stream, Walker &walker, const Log &log);
+  static std::unique_ptr<Answering> start(Options options, StreamTarget &stream, Walker &walker,
+                                          const Log &log);
+  ~Answering();
+  Answering(const Answering &) = delete;
+  Answering &operator=(const Answering &) = delete;
 
  private:
+  Answering(Options options, StreamTarget &stream, Walker &walker, const Log &log);
   SourceServer::Options serving();
   Result<void> walk(const remote::WalkQuestion &question);
   void report(const remote::ReportQuestion &report);

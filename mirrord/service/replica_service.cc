@@ -122,7 +122,7 @@ Result<void> ReplicaService::open_parts(const remote::AboutAnswer &source) {
                               .log_end = parts->intake->found_end(),
                               .copy_bytes_per_second = replica_.copy_bytes_per_second,
                               .view = [this] { return std::make_unique<RemoteSource>(requests_); },
-                              .walked_as = walked_as(name)},
+                              .walked_as = std::string(kReplicaInWalks) + name},
                              *parts->intake, contact_);
   if (!target) return target.error();
   parts->target = std::move(*target);
@@ -207,6 +207,16 @@ void ReplicaService::housekeeping() {
   const std::string error = written ? "" : written.error().text;
   if (!error.empty() && error != metrics_error_) say(Level::kWarning, "", error);
   metrics_error_ = error;
+}
+
+Result<void> run_replica(const Config &config, SignalPipe &signals) {
+  for (;;) {
+    auto service = ReplicaService::open(config);
+    if (!service) return service.error();
+    const auto ran = (*service)->run(signals);
+    if (!ran) return ran.error();
+    if (*ran == ReplicaService::End::kSignal) return {};
+  }
 }
 
 }  // namespace tarn

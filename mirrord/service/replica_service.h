@@ -111,6 +111,9 @@ class ReplicaService final : public ServiceControl {
   std::string metrics_error_;            /* said already */
 };
 
+/* Opens it, and runs it until one of the signals. Errors: those of open() and run(). */
+Result<void> run_replica(const Config &config, SignalPipe &signals);
+
 }  // namespace tarn
 
 #endif

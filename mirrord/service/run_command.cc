@@ -72,13 +72,8 @@ int replica_command(const std::string &config_file) {
   umask(0);  // modes are the source's
   auto signals = ending_signals();
   if (!signals) return fail(signals.error().text, kExitFailed);
-  for (;;) {
-    auto service = ReplicaService::open(*config);
-    if (!service) return fail(service.error().text, kExitFailed);
-    const auto ran = (*service)->run(**signals);
-    if (!ran) return fail(ran.error().text, kExitFailed);
-    if (*ran == ReplicaService::End::kSignal) return kExitOk;
-  }
+  const auto ran = run_replica(*config, **signals);
+  return ran ? kExitOk : fail(ran.error().text, kExitFailed);
 }
 
 int run_pair_command(const PairArguments &arguments) {

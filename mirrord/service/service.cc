@@ -75,7 +75,8 @@ LogPosition Service::ReplicatedSource::followed(const std::set<std::string> &wal
   for (const auto &target : targets) {
     if (walked.count(target->name()) != 0) all.push_back(target->following());
   }
-  if (std::any_of(walked.begin(), walked.end(), is_replica_in_walks)) {
+  const auto is_replica = [](const std::string &name) { return name.starts_with(kReplicaInWalks); };
+  if (std::any_of(walked.begin(), walked.end(), is_replica)) {
     for (const auto &stream : streams) all.push_back(stream->following());
   }
   std::erase(all, Target::kNotFollowing);
@@ -249,7 +250,7 @@ Result<void> Service::run(SignalPipe &signals) {
 void Service::start_answering(ReplicatedSource &source) {
   ReplicatedSource *raw = &source;
   for (const auto &stream : source.streams) {
-    source.answering.push_back(std::make_unique<Answering>(
+    source.answering.push_back(Answering::start(
         Answering::Options{
             .source = source.config.name,
             .directory = source.config.directory,

@@ -13,7 +13,6 @@ namespace {
 constexpr std::chrono::milliseconds kRound{500};
 constexpr std::chrono::seconds kLearn{5}, kReport{2};
 constexpr std::chrono::hours kLongestPause{1};
-constexpr std::chrono::minutes kSayAgain{1};
 
 }  // namespace
 
@@ -62,27 +61,6 @@ std::optional<remote::AboutAnswer> SourceContact::source() const {
   return source_;
 }
 
-std::string SourceContact::problem() const {
-  MutexLock lock(mutex_);
-  return problem_;
-}
-
-void SourceContact::set_problem(const std::string &problem) {
-  {
-    MutexLock lock(mutex_);
-    if (problem == problem_) return;
-    const bool another = !problem.empty() && !problem_.empty();
-    problem_ = problem;
-    // Tries may fail in several ways by turns.
-    const auto now = std::chrono::steady_clock::now();
-    const bool said = said_at_ != std::chrono::steady_clock::time_point{};
-    if (another && said && now - said_at_ < kSayAgain) return;
-    said_at_ = now;
-  }
-  say(problem.empty() ? Level::kNotice : Level::kWarning, options_.about,
-      problem.empty() ? "the source's host answers" : problem);
-}
-
 void SourceContact::run() {
   MutexLock lock(mutex_);
   while (!stop_) {
@@ -91,7 +69,7 @@ void SourceContact::run() {
     Result<void> talked = learn();
     if (talked) talked = ask_for_walk();
     if (talked) talked = report();
-    set_problem(talked ? "" : talked.error().text);
+    problem_.set(talked ? "" : talked.error().text);
     lock.lock();
     const auto end = Clock::now() + kRound;
     while (!stop_ && !hurry_ && changed_.wait_until(lock, end)) {

@@ -20,6 +20,7 @@
 #include "base/mutex.h"
 #include "mirrord/log/log.h"
 #include "mirrord/remote/remote_source.h"
+#include "mirrord/service/problem.h"
 #include "mirrord/service/walks.h"
 
 namespace tarn {
@@ -53,7 +54,7 @@ class SourceContact final : public Walks {
   /* What the source's host has said of the source last; nothing: nothing yet. */
   std::optional<remote::AboutAnswer> source() const EXCLUDES(mutex_);
   /* Why it does not answer at present; "": it does. */
-  std::string problem() const EXCLUDES(mutex_);
+  std::string problem() const { return problem_.text(); }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -71,12 +72,13 @@ class SourceContact final : public Walks {
   Result<void> learn();
   Result<void> ask_for_walk();
   Result<void> report();
-  void set_problem(const std::string &problem) EXCLUDES(mutex_);
 
   const Options options_;
   Conversation conversation_; /* the thread's own, like these */
   std::vector<std::byte> message_;
   Clock::time_point learned_at_{}, reported_at_{};
+
+  Problem problem_{options_.about, "the source's host answers"};
 
   std::thread thread_;
   mutable Mutex mutex_;
@@ -85,8 +87,6 @@ class SourceContact final : public Walks {
   bool hurry_ GUARDED_BY(mutex_) = false;
   std::optional<Wanted> wanted_ GUARDED_BY(mutex_);
   std::optional<remote::AboutAnswer> source_ GUARDED_BY(mutex_);
-  std::string problem_ GUARDED_BY(mutex_) = "not connected yet";
-  Clock::time_point said_at_ GUARDED_BY(mutex_){}; /* that there is one, or none */
 };
 
 }  // namespace tarn

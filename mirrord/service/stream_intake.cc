@@ -19,7 +19,6 @@ using nlohmann::json;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kFetch{200}, kPause{500}, kSlice{50};
-constexpr std::chrono::minutes kSayAgain{1};
 
 }  // namespace
 
@@ -134,27 +133,6 @@ void StreamIntake::stop() {
   if (thread_.joinable()) thread_.join();
 }
 
-std::string StreamIntake::problem() const {
-  MutexLock lock(mutex_);
-  return problem_;
-}
-
-void StreamIntake::set_problem(const std::string &problem) {
-  {
-    MutexLock lock(mutex_);
-    if (problem == problem_) return;
-    const bool another = !problem.empty() && !problem_.empty();
-    problem_ = problem;
-    // Tries may fail in several ways by turns.
-    const auto now = std::chrono::steady_clock::now();
-    const bool said = said_at_ != std::chrono::steady_clock::time_point{};
-    if (another && said && now - said_at_ < kSayAgain) return;
-    said_at_ = now;
-  }
-  say(problem.empty() ? Level::kNotice : Level::kWarning, options_.about,
-      problem.empty() ? "follows the stream" : problem);
-}
-
 void StreamIntake::pause() {
   for (auto left = kPause; left > kSlice && !stop_; left -= kSlice)
     std::this_thread::sleep_for(kSlice);
@@ -171,19 +149,19 @@ void StreamIntake::run() {
 void StreamIntake::step() {
   if (unsaved_) {
     if (const auto saved = save(); !saved) {
-      set_problem(saved.error().text);
+      problem_.set(saved.error().text);
       return pause();
     }
   }
   const auto entries = consumer_->fetch(kFetch);
   if (entries) {
-    set_problem("");
+    problem_.set("");
     follows_ = true;
     return append(*entries);
   }
   follows_ = false;
   if (entries.error().code == -ENODATA) return declare_hole();
-  set_problem(entries.error().text);
+  problem_.set(entries.error().text);
   pause();
 }
 
@@ -203,7 +181,7 @@ void StreamIntake::append(const std::vector<LogEntry> &entries) {
       if (joint_) appended = join({consumer_->next()->epoch, entry.position});
       if (appended) appended = append_one(entry);
       if (appended) break;
-      set_problem(appended.error().text);
+      problem_.set(appended.error().text);
       pause();
       acknowledge();
       if (stop_) return;

@@ -27,6 +27,7 @@
 
 #include "base/mutex.h"
 #include "mirrord/service/intake.h"
+#include "mirrord/service/problem.h"
 #include "mirrord/stream/consumer.h"
 
 namespace tarn {
@@ -55,7 +56,7 @@ class StreamIntake {
   /* Any thread. Does what is sent to the stream now come here? */
   bool follows() const { return follows_; }
   /* Any thread. Why nothing comes at present; "": it does. */
-  std::string problem() const EXCLUDES(mutex_);
+  std::string problem() const { return problem_.text(); }
   /* Any thread. The place in the stream of a place in the log; nothing: it is not known. */
   std::optional<StreamPosition> in_stream(LogPosition position) const EXCLUDES(mutex_);
 
@@ -78,7 +79,6 @@ class StreamIntake {
   Result<void> append_one(const LogEntry &entry);
   Result<void> join(const StreamPosition &first);
   void acknowledge();
-  void set_problem(const std::string &problem) EXCLUDES(mutex_);
   void pause();
 
   const Options options_;
@@ -91,13 +91,12 @@ class StreamIntake {
   bool unsaved_ = false;
   LogPosition acknowledged_ = 0;
 
+  Problem problem_{options_.about, "follows the stream"};
+
   std::thread thread_;
   std::atomic<bool> stop_ = false, follows_ = false;
   mutable Mutex mutex_;
   std::deque<Joint> joints_ GUARDED_BY(mutex_); /* ascending */
-  std::string problem_ GUARDED_BY(mutex_) = "not connected yet";
-  std::chrono::steady_clock::time_point said_at_
-      GUARDED_BY(mutex_){}; /* that there is one, or none */
 };
 
 }  // namespace tarn

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
-// Where there is no library to reach streams with: open() refuses each, so there is no object of
-// the class.
+// Where there is no library to reach streams with: each is refused, so there is no object of these
+// classes.
 #include <cerrno>
 #include <cstdlib>
 #include <utility>
@@ -8,6 +8,8 @@
 #include <fmt/format.h>
 
 #include "base/text.h"
+#include "mirrord/service/answering.h"
+#include "mirrord/service/replica_service.h"
 #include "mirrord/service/stream_target.h"
 
 namespace tarn {
@@ -43,12 +45,35 @@ LogPosition StreamTarget::needed() const {
   std::abort();
 }
 
+LogPosition StreamTarget::following() const {
+  std::abort();
+}
+
+Result<void> StreamTarget::retire(const std::string & /*name*/) {
+  std::abort();
+}
+
 void StreamTarget::drop_claim() {
   std::abort();
 }
 
 void StreamTarget::tidy() {
   std::abort();
+}
+
+std::unique_ptr<Answering> Answering::start(Options /*options*/, StreamTarget & /*stream*/,
+                                            Walker & /*walker*/, const Log & /*log*/) {
+  std::abort();
+}
+
+Answering::~Answering() {
+  std::abort();
+}
+
+Result<void> run_replica(const Config & /*config*/, SignalPipe & /*signals*/) {
+  return Error{-ENOTSUP,
+               "this mirrord is built without streams, which a replica needs; use one "
+               "that has them"};
 }
 
 }  // namespace tarn

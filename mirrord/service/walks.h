@@ -5,10 +5,14 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "mirrord/log/position.h"
 
 namespace tarn {
+
+/* The name of a replica on another host in walks: no target of a source has such a one. */
+inline constexpr std::string_view kReplicaInWalks = "replica:";
 
 class Walks {
  public:

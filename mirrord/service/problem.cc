@@ -1,0 +1,32 @@
+// SPDX-License-Identifier: GPL-2.0
+#include "mirrord/service/problem.h"
+
+#include "mirrord/service/journal.h"
+
+namespace tarn {
+namespace {
+
+constexpr std::chrono::minutes kSayAgain{1};
+
+}  // namespace
+
+std::string Problem::text() const {
+  MutexLock lock(mutex_);
+  return text_;
+}
+
+void Problem::set(const std::string &text) {
+  {
+    MutexLock lock(mutex_);
+    if (text == text_) return;
+    const bool another = !text.empty() && !text_.empty();
+    text_ = text;
+    const auto now = std::chrono::steady_clock::now();
+    const bool said = said_at_ != std::chrono::steady_clock::time_point{};
+    if (another && said && now - said_at_ < kSayAgain) return;
+    said_at_ = now;
+  }
+  say(text.empty() ? Level::kNotice : Level::kWarning, about_, text.empty() ? gone_ : text);
+}
+
+}  // namespace tarn

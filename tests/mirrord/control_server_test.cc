@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <memory>
 
 #include "mirrord/control/line_stream.h"
 #include "mirrord/control/protocol.h"
@@ -241,10 +242,11 @@ TEST_F(ControlServerTest, work_for_a_client_that_has_gone_ends) {
         R"({"verb":"repair","source":"a","target":"b"})"}) {
     service_.lasting = service_.told_gone = false;
     {
-      std::optional<RawClient> client;
+      std::unique_ptr<RawClient> client;
       ASSERT_TRUE(eventually([&] {
         client.reset();
-        return client.emplace(socket_).ask(R"({"verb":"status"})").contains("result");
+        client = std::make_unique<RawClient>(socket_);
+        return client->ask(R"({"verb":"status"})").contains("result");
       })) << "the place is free: "
           << request;
       client->send(std::string(request) + "\n");

@@ -348,8 +348,13 @@ struct Applier::Visitor {
   Did write(const std::string &path, std::uint64_t offset, Bytes data) {
     if (reconciler.follows_source(path))
       return refresh_written(reconciler, replica, path, offset, data.size());
-    if (const auto safe = drop_set_id(reconciler, replica, path); !safe) return safe.error();
-    reconciler.records_change(path);
+    const auto mine = replica.find_written(path);
+    if (!mine) return mine.error();
+    if (*mine) {
+      if (const auto safe = drop_set_id(reconciler, replica, path, **mine); !safe)
+        return safe.error();
+      reconciler.fetcher().origins().records_changed({(*mine)->st_dev, (*mine)->st_ino});
+    }
     const auto done = replica.write(path, offset, data);
     if (done) return done;
     const int code = done.error().code;

@@ -168,17 +168,16 @@ Result<Done> refresh_written(Reconciler &reconciler, Replica &replica, const std
   return as_changed(reconciler.fetcher().fetch_data(path, *both->theirs, offset, offset + length));
 }
 
-Result<void> drop_set_id(Reconciler &reconciler, Replica &replica, const std::string &path) {
-  const auto mine = replica.find(path);
-  if (!mine) return mine.error();
-  if (!*mine || !has_set_id(**mine) || !reconciler.source().available()) return {};
+Result<void> drop_set_id(Reconciler &reconciler, Replica &replica, const std::string &path,
+                         const struct stat &mine) {
+  if (!has_set_id(mine) || !reconciler.source().available()) return {};
   const auto theirs = reconciler.source().find(path);
   if (!theirs) return theirs.error();
-  if (*theirs && has_set_id((*theirs)->status) && (*theirs)->status.st_uid == (*mine)->st_uid &&
-      (*theirs)->status.st_gid == (*mine)->st_gid)
+  if (*theirs && has_set_id((*theirs)->status) && (*theirs)->status.st_uid == mine.st_uid &&
+      (*theirs)->status.st_gid == mine.st_gid)
     return {};
   reconciler.doubt(path, PendingPaths::kNoData);
-  const auto set = replica.set_attributes(path, {.mode = (*mine)->st_mode & 01777});
+  const auto set = replica.set_attributes(path, {.mode = mine.st_mode & 01777});
   return set ? Result<void>() : Result<void>(set.error());
 }
 

@@ -37,7 +37,8 @@ Result<Replica::Done> refresh_written(Reconciler &reconciler, Replica &replica,
 
 /* Call it before a write: takes the set-user-id and set-group-id bits from the replica's file, so
  * that they do not cover other bytes, unless the source's file still has them. */
-Result<void> drop_set_id(Reconciler &reconciler, Replica &replica, const std::string &path);
+Result<void> drop_set_id(Reconciler &reconciler, Replica &replica, const std::string &path,
+                         const struct stat &mine);
 
 }  // namespace tarn
 

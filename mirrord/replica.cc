@@ -346,6 +346,14 @@ Result<std::optional<struct stat>> Replica::find(const std::string &path) {
   return failed(errno);
 }
 
+Result<std::optional<struct stat>> Replica::find_written(const std::string &path) {
+  const int file = files_.find(path);
+  if (file < 0) return find(path);
+  struct stat status;
+  if (fstat(file, &status) != 0) return failed(errno);
+  return std::optional<struct stat>(status);
+}
+
 Result<void> Replica::names_below(const std::string &directory, const Objects &objects,
                                   std::vector<std::string> &found) {
   const auto here = find(directory);

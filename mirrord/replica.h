@@ -64,6 +64,8 @@ class Replica {
 
   /* The object's status; nothing if it or a parent does not exist. */
   Result<std::optional<struct stat>> find(const std::string &path);
+  /* As find(), of what write() would change: a file that is still open is asked itself. */
+  Result<std::optional<struct stat>> find_written(const std::string &path);
   /* Searches the whole replica for names of these objects and adds them to `found`. Goes on after
    * an error and returns the first one. */
   using Objects = std::set<std::pair<dev_t, ino_t>>;

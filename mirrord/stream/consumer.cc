@@ -162,6 +162,8 @@ Result<void> StreamConsumer::make_consumer(std::uint64_t first) {
   subscription_.reset(subscription);
   if (status != NATS_OK) return engine_->error("listening to the consumer " + replica_, status, 0);
   owed_ = 0;
+  received_ = first - 1;
+  still_at_.reset();
   return {};
 }
 
@@ -198,6 +200,7 @@ Result<bool> StreamConsumer::pull(milliseconds timeout) {
       natsMsgHeader_Get(message, "Status", &code) != NATS_OK || !code) {
     --owed_;
     looked_ = now;
+    note_received(*owner);
     pulled_.push_back(std::move(owner));
     return true;
   }
@@ -228,7 +231,16 @@ Error StreamConsumer::fetching_failed(const std::string &why) const {
                                       connection_.config().stream, why)};
 }
 
-/* While nothing comes, nobody would notice that the consumer is gone. */
+void StreamConsumer::note_received(natsMsg &message) {
+  jsMsgMetaData *made = nullptr;
+  if (natsMsg_GetMetaData(&made, &message) != NATS_OK) return;  // no consumer has sent it
+  const NatsOwner<jsMsgMetaData> data(made);
+  received_ = data->Sequence.Stream;
+}
+
+/* While nothing comes, nobody would notice that the consumer is gone, or does not give what the
+ * stream has: a server whose own copy stands still may lead it, and what is lost between servers is
+ * not sent again. Made anew, it may be another server's. */
 Result<void> StreamConsumer::look() {
   looked_ = steady_clock::now();
   jsConsumerInfo *info = nullptr;
@@ -237,8 +249,18 @@ Result<void> StreamConsumer::look() {
       js_GetConsumerInfo(&info, engine_->context(), connection_.config().stream.c_str(),
                          replica_.c_str(), nullptr, &code);
   const NatsOwner<jsConsumerInfo> owner(info);
-  if (status == NATS_OK) return {};
-  return Error{-ENOTCONN, engine_->error("looking at the consumer " + replica_, status, code).text};
+  if (status != NATS_OK)
+    return Error{-ENOTCONN,
+                 engine_->error("looking at the consumer " + replica_, status, code).text};
+  const auto extent = engine_->extent();
+  if (!extent) return extent.error();
+  if (extent->last <= received_ || info->NumAckPending >= kUnacknowledgedMax) {
+    still_at_.reset();
+    return {};
+  }
+  if (std::exchange(still_at_, received_) != received_) return {};
+  return fetching_failed(fmt::format("the consumer {} stands still at message {} of {}", replica_,
+                                     received_, extent->last));
 }
 
 void StreamConsumer::acknowledge(LogPosition before) {

@@ -68,6 +68,7 @@ class StreamConsumer {
   Result<bool> pull(std::chrono::milliseconds timeout);
   Result<void> ask(int count);
   Error fetching_failed(const std::string &why) const;
+  void note_received(natsMsg &message);
   Result<void> look();
 
   Connection &connection_;
@@ -81,6 +82,8 @@ class StreamConsumer {
   LogPosition doubted_ = 0;                  /* a hole here was looked at anew */
   std::string inbox_;                        /* where subscription_ gets messages */
   int owed_ = 0;                             /* messages that were asked for and did not come */
+  std::uint64_t received_ = 0;               /* the last message's number; all before it came too */
+  std::optional<std::uint64_t> still_at_;    /* received_ at a look, when the stream had more */
   std::chrono::steady_clock::time_point asked_{}, looked_{};
 };
 

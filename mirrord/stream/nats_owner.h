@@ -15,6 +15,7 @@ struct NatsDeleter {
   void operator()(jsCtx *context) const { jsCtx_Destroy(context); }
   void operator()(jsStreamInfo *info) const { jsStreamInfo_Destroy(info); }
   void operator()(jsConsumerInfo *info) const { jsConsumerInfo_Destroy(info); }
+  void operator()(jsMsgMetaData *data) const { jsMsgMetaData_Destroy(data); }
 };
 template <class T>
 using NatsOwner = std::unique_ptr<T, NatsDeleter>;

@@ -382,6 +382,28 @@ TEST(StreamTest, AConsumerThatIsDeletedAtTheServerIsMadeAgain) {
             NATS_NOT_FOUND);
 }
 
+/* As if a server led it that has not what the stream has. */
+TEST(StreamTest, AConsumerThatStandsStillIsMadeAgain) {
+  NatsServer server;
+  Entries entries;
+  entries.append(20);
+  Publishing publishing(server.config(), entries);
+  Connection connection(server.config(), "replica");
+  StreamConsumer consumer(connection, "one", begin_of(entries));
+  EXPECT_EQ(consume(consumer, entries, 21), range(1, 21));
+  Admin admin(server);
+  ASSERT_EQ(js_DeleteConsumer(admin->context(), "data", "one", nullptr, nullptr), NATS_OK);
+  jsConsumerConfig wanted;
+  jsConsumerConfig_Init(&wanted);
+  wanted.Durable = "one";
+  wanted.DeliverPolicy = js_DeliverByStartSequence;
+  wanted.OptStartSeq = 1000;
+  wanted.AckPolicy = js_AckAll;
+  ASSERT_EQ(js_AddConsumer(nullptr, admin->context(), "data", &wanted, nullptr, nullptr), NATS_OK);
+  entries.append(20);
+  EXPECT_EQ(consume(consumer, entries, 41), range(21, 41));
+}
+
 /* What was taken and not acknowledged comes again to the replica that begins anew. */
 TEST(StreamTest, AReplicaThatBeginsAnewGetsWhatItDoesNotHave) {
   NatsServer server;

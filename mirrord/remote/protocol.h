@@ -97,7 +97,7 @@ struct ReportQuestion {
   std::string replica;
   std::string epoch;          /* of the source's log */
   std::string state, error;   /* as TargetReport has them */
-  std::uint64_t position = 0; /* what lies before it is applied and on the disk */
+  std::uint64_t position = 0; /* what lies before it nobody else has to keep */
   std::uint64_t lag_entries = 0, lag_bytes = 0, lag_us = 0, gaps = 0;
 };
 struct HashQuestion {

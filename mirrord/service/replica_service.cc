@@ -4,6 +4,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include <fmt/format.h>
@@ -24,6 +25,8 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds kHousekeeping{1000}, kAnswerTime{5000};
+/* A mark comes about each second while there is something to mark. */
+constexpr steady_clock::duration kMarkTime = std::chrono::seconds(10);
 constexpr steady_clock::duration kStopTime = std::chrono::seconds(20);
 
 bool same_source(const remote::AboutAnswer &one, const remote::AboutAnswer &other) {
@@ -44,6 +47,39 @@ ReplicaService::Parts::Parts(const remote::AboutAnswer &about)
 
 bool ReplicaService::Parts::includes(const std::string &path) const {
   return scope.includes((source.directory == "/" ? "" : source.directory) + "/" + path);
+}
+
+LogPosition ReplicaService::Parts::taken() const {
+  return std::min(std::max(target->needed(), unmarked_.load()), intake->log().end());
+}
+
+/* The log is full of what the target has applied and no mark confirms, which may be what has no
+ * room. Should the process be killed before that comes, the target is compared. Called with the
+ * intake locked. */
+bool ReplicaService::Parts::make_room() const {
+  Log &log = intake->log();
+  const LogPosition first = log.first(), end = log.end();
+  if (target->following() != end) return false;
+  if (const auto released = log.release(end); !released)
+    say(Level::kError, target->name(), released.error().text);
+  return log.first() != first;
+}
+
+/* The mark may have no room in a stream that is full of what waits for it here: this log keeps
+ * that. */
+void ReplicaService::Parts::look_for_mark() {
+  const auto now = steady_clock::now();
+  const LogPosition end = intake->log().end();
+  const bool waits = target->needed() < end && target->following() == end;
+  if (!waits || seen_end_ != end) {
+    seen_end_ = end;
+    seen_at_ = now;
+  }
+  if (now - seen_at_ < kMarkTime || unmarked_ >= end) return;
+  if (const auto synced = intake->log().sync(); !synced)
+    say(Level::kError, target->name(), synced.error().text);
+  else
+    unmarked_ = end;
 }
 
 ReplicaService::ReplicaService(const Config &config, StateDirectory state, std::string directory)
@@ -130,12 +166,13 @@ Result<void> ReplicaService::open_parts(const remote::AboutAnswer &source) {
       {.about = name,
        .replica = name,
        .file = directory_ + "/stream.json",
-       .applied = [raw = parts->target.get()] { return raw->needed(); },
+       .applied = [raw = parts.get()] { return raw->taken(); },
        .appended = [this](const LogEntry &entry,
                           LogPosition position) { contact_.came(entry, position); }},
       connection_, *parts->intake);
   if (!receiver) return receiver.error();
   parts->receiver = std::move(*receiver);
+  parts->intake->set_make_room([raw = parts.get()] { return raw->make_room(); });
   parts_ = std::move(parts);
   return {};
 }
@@ -197,8 +234,8 @@ Result<ReplicaService::End> ReplicaService::run(SignalPipe &signals) {
 void ReplicaService::housekeeping() {
   tell_manager("WATCHDOG=1");
   if (parts_) {
-    const Target &target = *parts_->target;
-    const LogPosition needed = std::min(target.needed(), parts_->intake->log().end());
+    parts_->look_for_mark();
+    const LogPosition needed = std::min(parts_->target->needed(), parts_->intake->log().end());
     if (const auto released = parts_->intake->log().release(needed); !released)
       say(Level::kError, replica_.target.name, released.error().text);
   }

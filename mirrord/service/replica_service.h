@@ -81,6 +81,15 @@ class ReplicaService final : public ServiceControl {
 
     explicit Parts(const remote::AboutAnswer &about);
     bool includes(const std::string &path) const; /* relative to the source */
+    /* What lies before it in the log, nobody else has to keep. */
+    LogPosition taken() const;
+    bool make_room() const;
+    void look_for_mark();
+
+   private:
+    std::atomic<LogPosition> unmarked_ = 0; /* applied for long and on the disk, without a mark */
+    LogPosition seen_end_ = 0;              /* the log ends there since ... */
+    std::chrono::steady_clock::time_point seen_at_{};
   };
 
   ReplicaService(const Config &config, StateDirectory state, std::string directory);

@@ -82,7 +82,7 @@ class Service : public ServiceControl {
 
     explicit ReplicatedSource(const SourceConfig &from);
     bool includes(const std::string &path) const; /* relative to the source */
-    LogPosition followed(const std::set<std::string> &targets) const;
+    LogPosition followed(const std::set<std::string> &walked) const;
     void release();
     bool make_room();
   };

@@ -159,9 +159,9 @@ void StreamIntake::step() {
     follows_ = true;
     return append(*entries);
   }
+  if (entries.error().code != -ENODATA) problem_.set(entries.error().text);
   follows_ = false;
   if (entries.error().code == -ENODATA) return declare_hole();
-  problem_.set(entries.error().text);
   pause();
 }
 

@@ -56,7 +56,7 @@ inline constexpr char kQuestions[] = "ask";
 
 /* What a replica says of itself. */
 struct ReplicaState {
-  StreamPosition applied = {}; /* its target has all entries before it */
+  StreamPosition applied = {}; /* it has all before it on its disk */
   std::string state, error;    /* as in TargetReport, like what follows */
   double lag_seconds = 0;
   std::uint64_t gaps = 0;

@@ -191,7 +191,7 @@ void Wire::run() {
   }
 }
 
-Entries::Entries(std::uint8_t id) {
+Entries::Entries(std::uint8_t id, std::uint8_t kind) : kind_(kind) {
   epoch_.bytes.fill(id);
 }
 
@@ -210,8 +210,8 @@ Result<std::optional<LogEntry>> Entries::read(LogPosition position) {
   position = std::max(position, first_);
   if (position > payloads_.size()) return std::optional<LogEntry>();
   read_ = payloads_[position - 1];
-  return std::optional<LogEntry>(
-      LogEntry{position, static_cast<std::int64_t>(position), 1, std::as_bytes(std::span(read_))});
+  return std::optional<LogEntry>(LogEntry{position, static_cast<std::int64_t>(position), kind_,
+                                          std::as_bytes(std::span(read_))});
 }
 
 void Entries::wait(LogPosition end, milliseconds time) {

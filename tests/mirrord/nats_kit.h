@@ -87,7 +87,7 @@ class Wire {
 /* A log in memory. */
 class Entries : public EntryReader {
  public:
-  explicit Entries(std::uint8_t id = 1);
+  explicit Entries(std::uint8_t id = 1, std::uint8_t kind = 1);
 
   const Uuid &epoch() const override { return epoch_; }
   LogPosition first() const override;
@@ -104,6 +104,7 @@ class Entries : public EntryReader {
 
  private:
   Uuid epoch_;
+  const std::uint8_t kind_;
   mutable Mutex mutex_;
   Condition changed_;
   LogPosition first_ GUARDED_BY(mutex_) = 1;

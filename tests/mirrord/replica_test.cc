@@ -2,12 +2,17 @@
 // The log of a replica has the stream's entries, each once, and knows which one is next; walks are
 // asked for until they have come.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <filesystem>
+#include <thread>
 
 #include "mirrord/remote/source_server.h"
+#include "mirrord/service/replica_service.h"
 #include "mirrord/service/source_contact.h"
 #include "mirrord/service/stream_intake.h"
+#include "mirrord/service/stream_target.h"
 #include "tests/mirrord/nats_kit.h"
 
 namespace tarn::test {
@@ -160,6 +165,7 @@ TEST_F(StreamIntakeTest, servers_that_are_away_show_and_come_back) {
   EXPECT_TRUE(eventually([&] { return !receiver_->follows(); }));
   EXPECT_NE(receiver_->problem(), "");
   server_.start();
+  ASSERT_TRUE(follows());  // it begins at the stream's end
   entries_.append(3);
   EXPECT_TRUE(has_all());
 }
@@ -179,13 +185,18 @@ class Host : public Requests {
                            return {};
                          },
                          .mark = [] { return Result<std::uint64_t>(std::uint64_t{1}); },
-                         .report = [this](const remote::ReportQuestion &) { ++reports_; }});
+                         .report =
+                             [this](const remote::ReportQuestion &report) {
+                               ++reports_;
+                               reported_ = report.position;
+                             }});
     return server.answer(question);
   }
   std::atomic<bool> away_ = false;
   std::atomic<std::uint64_t> run_ = 1;
   std::atomic<int> walks_ = 0, reports_ = 0;
   std::atomic<std::int64_t> since_ = 0;
+  std::atomic<LogPosition> reported_ = 0;
 };
 
 class SourceContactTest : public testing::Test {
@@ -238,6 +249,41 @@ TEST_F(SourceContactTest, a_walk_that_a_restart_has_ended_is_asked_for_again) {
   const int reports = host_.reports_;
   ASSERT_TRUE(eventually([&] { return host_.reports_ > reports + 1; }));
   EXPECT_EQ(host_.walks_, 3);
+}
+
+/* Far more between two marks than the replica's log and the stream have room for: neither waits for
+ * ever for what the other keeps. */
+TEST(ReplicaServiceTest, more_without_a_mark_than_there_is_room_for_goes_through) {
+  constexpr int kMebibytes = 100;
+  NatsServer server;
+  Scratch scratch;
+  Host host;
+  Entries entries(1, 0);  // of no kind that a target knows
+  Publishing publishing(server.config(), entries);
+  Connection connection(server.config(), "source");
+  RequestServer answering(connection, connection.subject(kQuestions),
+                          [&](Bytes question) { return *host.ask(question); });
+  std::filesystem::create_directory(scratch / "copy");
+  Config config;
+  config.state_directory = scratch / "state";
+  config.control_socket = scratch / "state/control.sock";
+  config.replica = ReplicaConfig{.target = {.name = "one", .directory = scratch / "copy"},
+                                 .stream = server.config(),
+                                 .log_limit = std::uint64_t{64} << 20};
+  auto service = ReplicaService::open(config);
+  ASSERT_TRUE(service.ok()) << service.error().text;
+  auto signals = SignalPipe::open({SIGUSR1});
+  ASSERT_TRUE(signals.ok());
+  std::thread running([&] { EXPECT_TRUE((*service)->run(**signals).ok()); });
+  EXPECT_TRUE(eventually([&] { return host.reported_ != 0 || host.walks_ != 0; }));
+  entries.append(kMebibytes, 1 << 20);
+  // As the source's host does when all replicas have reported.
+  EXPECT_TRUE(eventually([&] {
+    publishing.publisher().release(host.reported_);
+    return publishing.status().position == entries.end() && host.reported_ == entries.end();
+  }));
+  kill(getpid(), SIGUSR1);
+  running.join();
 }
 
 }  // namespace

@@ -2,8 +2,8 @@
 """The faults. Those of the servers, of the lines and of a replica's process are here; those of the source's host and of a replica's
 file system are the service's. Each is a generator: see service/faults.py.
 
-LOSES_NOTHING are those after which nobody may declare a gap: all that was captured is in the source's log until each replica has it,
-whatever becomes of the servers and of their storage."""
+LOSES_NOTHING are those after which no replica may declare that the stream lacks something: all that was captured is in the source's log
+until each replica has it, whatever becomes of the servers and of their storage."""
 import os
 import shutil
 import time
@@ -18,7 +18,7 @@ THEIRS = ("kill", "kill-twice", "stop", "restart", "freeze", "kill-tarnd", "stop
 for theirs in THEIRS:
     ALL[theirs] = others.ALL[theirs]
     ALL[theirs].weight = 1
-LOSES_NOTHING |= {"freeze", "nothing", "paused-target"}
+LOSES_NOTHING |= {"kill", "kill-twice", "stop", "restart", "freeze", "kill-tarnd", "stop-tarnd", "paused-target", "nothing"}
 
 
 def fault(*needs, weight=2, loses=False):

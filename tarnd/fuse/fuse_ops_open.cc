@@ -45,7 +45,7 @@ static void op_opendir(fuse_req_t req, fuse_ino_t ino, fuse_file_info *fi) {
   as_waiting_caller(req, Need::kPath, [&] {
     uk_node *node = node_of(req, ino);
     uk_file *file = nullptr;
-    if (const int err = open_node(req, node, to_open_flags(fi->flags) | O_DIRECTORY, &file)) {
+    if (const int err = open_node(req, node, to_open_flags(fi->flags) | UK_O_DIRECTORY, &file)) {
       reply_error(req, err);
       return;
     }
@@ -64,7 +64,7 @@ static void op_create(fuse_req_t req, fuse_ino_t parent, const char *name, mode_
     uk_node *node = nullptr;
     uk_file *file = nullptr;
     uk_stat stat{};
-    const int flags = fi->flags & ~O_NOCTTY;
+    const int flags = to_create_flags(fi->flags);
     const int err = may_open_more(req)
                         ? uk_create(node_of(req, parent), name, flags, mode, &node, &file, &stat)
                         : -ENFILE;

@@ -85,8 +85,20 @@ unsigned to_uk_set(int to_set) {
   return set;
 }
 
+int to_create_flags(int flags) {
+  // The same on every machine. O_LARGEFILE is not: the host's kernel adds its own, which is
+  // another flag elsewhere and has no name in a program.
+  constexpr int kKept = O_ACCMODE | O_CREAT | O_EXCL | O_TRUNC | O_APPEND | O_NONBLOCK | O_DSYNC |
+                        O_ASYNC | O_NOATIME | UK_OPEN_TO_RUN;
+  int kernel = flags & kKept;
+  if (flags & O_DIRECT) kernel |= UK_O_DIRECT;
+  if (flags & O_DIRECTORY) kernel |= UK_O_DIRECTORY;
+  if (flags & O_NOFOLLOW) kernel |= UK_O_NOFOLLOW;
+  return kernel;
+}
+
 int to_open_flags(int flags) {
-  return flags & ~(O_CREAT | O_EXCL | O_NOCTTY);
+  return to_create_flags(flags) & ~(O_CREAT | O_EXCL);
 }
 
 mode_t to_entry_mode(unsigned type) {

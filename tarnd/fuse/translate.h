@@ -24,7 +24,9 @@ struct statvfs to_statvfs(const struct uk_statfs &from);
  * counterpart are dropped. */
 unsigned to_uk_set(int to_set);
 
-/* Open flags for an existing object: without those for creation and terminals. */
+/* Open flags as the kernel has them, without those that mean nothing to it. */
+int to_create_flags(int flags);
+/* The same for an existing object: without those for creation. */
 int to_open_flags(int flags);
 
 /* The file type bits of st_mode from a DT_* type. */

@@ -29,7 +29,7 @@ TEST(KernelTest, users_open_more_files_than_its_memory_has_room_for) {
     int error = 0;
     while (!error && files.size() < kFiles) {
       uk_file *file = nullptr;
-      error = uk_open(root, O_RDONLY | O_DIRECTORY, &file);
+      error = uk_open(root, O_RDONLY | UK_O_DIRECTORY, &file);
       if (!error) files.push_back(file);
     }
     EXPECT_EQ(error, 0);

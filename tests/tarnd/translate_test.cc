@@ -128,7 +128,12 @@ TEST(Translate, each_set_bit) {
 TEST(Translate, open_flags) {
   EXPECT_EQ(to_open_flags(O_RDWR | O_CREAT | O_EXCL | O_NOCTTY), O_RDWR);
   EXPECT_EQ(to_open_flags(O_WRONLY | O_TRUNC | O_APPEND), O_WRONLY | O_TRUNC | O_APPEND);
-  EXPECT_EQ(to_open_flags(O_DIRECTORY | O_NONBLOCK | O_SYNC), O_DIRECTORY | O_NONBLOCK | O_SYNC);
+  EXPECT_EQ(to_open_flags(O_NONBLOCK | O_SYNC | O_CLOEXEC), O_NONBLOCK | O_DSYNC);
+  EXPECT_EQ(to_open_flags(O_DIRECT), UK_O_DIRECT);
+  EXPECT_EQ(to_open_flags(O_DIRECTORY), UK_O_DIRECTORY);
+  EXPECT_EQ(to_open_flags(O_NOFOLLOW), UK_O_NOFOLLOW);
+  EXPECT_EQ(to_open_flags(UK_OPEN_TO_RUN), UK_OPEN_TO_RUN);
+  EXPECT_EQ(to_create_flags(O_RDWR | O_CREAT | O_EXCL | O_NOCTTY), O_RDWR | O_CREAT | O_EXCL);
 }
 
 TEST(Translate, entry_mode) {

@@ -10,6 +10,9 @@
 
 namespace {
 
+static_assert(UK_O_DIRECT == O_DIRECT && UK_O_DIRECTORY == O_DIRECTORY &&
+              UK_O_NOFOLLOW == O_NOFOLLOW);
+
 int open_to_run(struct uk_node *node, struct uk_file **out) {
   struct walk_path path;
   int error = node_walk(node, &path);

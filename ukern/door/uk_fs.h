@@ -108,6 +108,8 @@ long uk_getxattr(struct uk_node *node, const char *name, void *value, unsigned l
 long uk_listxattr(struct uk_node *node, char *list, unsigned long size);
 int uk_removexattr(struct uk_node *node, const char *name);
 
+/* Open flags of the kernel, which are x86-64's: where these have other values than on the host. */
+enum { UK_O_DIRECT = 0040000, UK_O_DIRECTORY = 0200000, UK_O_NOFOLLOW = 0400000 };
 /* open(2) on an existing node; O_CREAT and O_EXCL are ignored. UK_OPEN_TO_RUN opens for reading as
  * execve(2) does: it needs execute permission, not read permission. */
 enum { UK_OPEN_TO_RUN = 0x20 };

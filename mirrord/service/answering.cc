@@ -12,9 +12,9 @@
 
 namespace tarn {
 
-std::unique_ptr<Answering> Answering::start(Options options, StreamTarget &stream, Walker &walker,
-                                            const Log &log) {
-  return std::unique_ptr<Answering>(new Answering(std::move(options), stream, walker, log));
+std::unique_ptr<Answering> Answering::start(const Options &options, StreamTarget &stream,
+                                            Walker &walker, const Log &log) {
+  return std::unique_ptr<Answering>(new Answering(options, stream, walker, log));
 }
 
 Answering::Answering(Options options, StreamTarget &stream, Walker &walker, const Log &log)

@@ -32,8 +32,8 @@ class Answering {
     /* A mark of the module, which will be in the log. */
     std::function<Result<std::uint64_t>()> mark;
   };
-  static std::unique_ptr<Answering> start(Options options, StreamTarget &stream, Walker &walker,
-                                          const Log &log);
+  static std::unique_ptr<Answering> start(const Options &options, StreamTarget &stream,
+                                          Walker &walker, const Log &log);
   ~Answering();
   Answering(const Answering &) = delete;
   Answering &operator=(const Answering &) = delete;

@@ -61,7 +61,7 @@ void StreamTarget::tidy() {
   std::abort();
 }
 
-std::unique_ptr<Answering> Answering::start(Options /*options*/, StreamTarget & /*stream*/,
+std::unique_ptr<Answering> Answering::start(const Options & /*options*/, StreamTarget & /*stream*/,
                                             Walker & /*walker*/, const Log & /*log*/) {
   std::abort();
 }

@@ -11,6 +11,7 @@
 #             whose source Debian does not have
 # make deb    Debian packages in build/packages, checked by lintian
 # make deb-arm64      the same for arm64 by cross compilation, in build/packages-arm64; as root
+# make test-reproducible  build the committed tree's packages twice, in other circumstances, and compare them
 # make test-packages  install, use, upgrade and remove those in a Debian of their own, by docs/guide.md; as root
 # KDIR=...    with check: also build the module for a built Linux 2.6.18 tree, and check what is in it
 
@@ -21,7 +22,8 @@ FUZZ_SECONDS ?= 60
 SOAK_SCALE ?= 10
 TESTJOBS ?= $(shell echo $$(( 2 * $$(nproc) )))
 
-.PHONY: all deps demo demo-cluster test test-asan test-tsan one check fuzz soak bench deb deb-arm64 test-packages install clean
+.PHONY: all deps demo demo-cluster test test-asan test-tsan one check fuzz soak bench deb deb-arm64 test-reproducible
+.PHONY: test-packages install clean
 
 # What is shipped; tests build in their own folders.
 all: build/release/build.ninja
@@ -84,6 +86,10 @@ deb-arm64:
 	@tools/deps.sh deb
 	@tools/deps.sh packages
 	@tools/deb.sh arm64
+
+test-reproducible:
+	@tools/deps.sh deb
+	@tools/test_reproducible.sh
 
 test-packages:
 	@tools/deps.sh packages

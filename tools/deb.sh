@@ -11,10 +11,10 @@ WORK=build/packages${ARCH:+-$ARCH}
 JOBS=${JOBS:-$(nproc)}
 rm -rf "$WORK"
 mkdir -p "$WORK/tarn"
-git ls-files -z | xargs -0 tar -cf - | tar -C "$WORK/tarn" -xf -
 TARN_COMMIT=$(git describe --always --dirty --abbrev=12 '--exclude=*')
-# The time stamps in the packages are the commit's: two builds of it give equal packages.
+# The time stamps in the packages are the commit's, also where a file is older: two builds of it give equal packages.
 SOURCE_DATE_EPOCH=$(git log -1 --format=%ct)
+git ls-files -z | xargs -0 tar --mtime="@$SOURCE_DATE_EPOCH" -cf - | tar -C "$WORK/tarn" -xf -
 export TARN_COMMIT SOURCE_DATE_EPOCH DEB_BUILD_OPTIONS="parallel=$JOBS"
 
 build_here() { (cd "$WORK/tarn" && dpkg-buildpackage -b -us -uc); }

@@ -187,7 +187,8 @@ Result<void> Service::open_stream(ReplicatedSource &source, const StreamTargetCo
   auto stream = StreamTarget::open({.source = source.config.name,
                                     .name = config.name,
                                     .stream = config.stream,
-                                    .state_file = directory + "/stream-" + config.name},
+                                    .state_file = directory + "/stream-" + config.name,
+                                    .log_end = source.intake->found_end()},
                                    source.intake->log());
   if (!stream) return stream.error();
   source.streams.push_back(std::move(*stream));

@@ -131,6 +131,7 @@ void StreamTarget::make_publisher() {
     MutexLock lock(mutex_);
     options.run = run_;
   }
+  options.log_end = options_.log_end;
   options.keep_run = [this](std::uint32_t run) {
     {
       MutexLock lock(mutex_);

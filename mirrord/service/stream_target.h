@@ -17,6 +17,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <map>
 #include <memory>
 #include <optional>
@@ -70,6 +71,7 @@ class StreamTarget {
     std::string name;
     StreamConfig stream;
     std::string state_file;
+    LogPosition log_end = std::numeric_limits<LogPosition>::max(); /* when it was opened */
   };
   using Clock = std::chrono::steady_clock;
 

@@ -99,6 +99,7 @@ Result<void> StreamPublisher::attach() {
   engine_ = std::move(*engine);
   if (const auto there = engine_->ensure_stream(); !there) return there;
   if (const auto found = find_place(); !found) return found;
+  found_place_ = true;
   if (const auto heard = listen(); !heard) return heard;
   const Packing packing = connection_.config().compress ? Packing::kZstd : Packing::kNone;
   packer_.emplace(entries_.epoch(), run_, engine_->message_max(), packing);
@@ -117,6 +118,9 @@ Result<void> StreamPublisher::find_place() {
   if (!last) return last.error();
   last_ = extent->last;
   last_id_.clear();
+  // What the log has got since it was opened may have the positions of what it has lost.
+  const LogPosition end =
+      found_place_ ? entries_.end() : std::min(entries_.end(), options_.log_end);
   if (!*last) {
     place_ = {entries_.first(), 0};
     return {};
@@ -124,7 +128,7 @@ Result<void> StreamPublisher::find_place() {
   const Engine::Stored &stored = **last;
   // What is behind the log's end cannot be of it.
   const LogPosition needed = stored.behind.position + (stored.behind.offset > 0 ? 1 : 0);
-  if (stored.is_of(stream_epoch(entries_.epoch(), run_)) && needed <= entries_.end()) {
+  if (stored.is_of(stream_epoch(entries_.epoch(), run_)) && needed <= end) {
     place_ = stored.behind;
     return {};
   }

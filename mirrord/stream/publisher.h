@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -53,6 +54,9 @@ class StreamPublisher {
  public:
   struct Options {
     std::uint32_t run = 0;
+    /* Of the log when it was opened: what lies behind it was not sent by this object before its
+     * first look, even if the log has grown beyond it since. */
+    LogPosition log_end = std::numeric_limits<LogPosition>::max();
     /* Keeps the number of a run that begins for Options::run of later publishers of the log; on an
      * error it does not begin. */
     std::function<Result<void>(std::uint32_t run)> keep_run;
@@ -120,6 +124,7 @@ class StreamPublisher {
   std::string inbox_;
   std::optional<Packer> packer_;
   StreamPlace place_;              /* of the next message */
+  bool found_place_ = false;       /* once, in the stream */
   std::string last_id_;            /* "": the next message names its predecessor by number */
   std::uint64_t last_ = 0;         /* the number of the last message sent */
   std::uint64_t answered_ = 0;     /* and of the last one that is acknowledged with all before it */

@@ -250,11 +250,13 @@ std::string Entries::payload(LogPosition position) const {
   return payloads_.at(position - 1);
 }
 
-Publishing::Publishing(StreamConfig config, Entries &entries, std::uint32_t run)
+Publishing::Publishing(StreamConfig config, Entries &entries, std::uint32_t run,
+                       LogPosition log_end)
     : entries_(entries), connection_(std::move(config), "source"), kept_run_(run) {
   publisher_ = std::make_unique<StreamPublisher>(
       connection_, entries_,
       StreamPublisher::Options{.run = run,
+                               .log_end = log_end,
                                .keep_run = [this](std::uint32_t kept) -> Result<void> {
                                  kept_run_ = kept;
                                  return {};

@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <thread>
@@ -116,7 +117,8 @@ class Entries : public EntryReader {
 /* A publisher in a thread. */
 class Publishing {
  public:
-  Publishing(StreamConfig config, Entries &entries, std::uint32_t run = 0);
+  Publishing(StreamConfig config, Entries &entries, std::uint32_t run = 0,
+             LogPosition log_end = std::numeric_limits<LogPosition>::max());
   ~Publishing();
   StreamPublisher &publisher() { return *publisher_; }
   StreamPublisher::Status status() const { return publisher_->status(); }

@@ -291,6 +291,28 @@ TEST(StreamTest, AnotherLogBehindTheStreamIsANewRunAndAHole) {
   EXPECT_EQ(consume(consumer, entries, 6), range(1, 6));
 }
 
+/* Even if it has grown beyond the stream's last message before that is looked at. */
+TEST(StreamTest, ALogThatHasLostItsEndAndGrownBeginsANewRun) {
+  NatsServer server;
+  Entries entries;
+  entries.append(20);
+  Connection connection(server.config(), "replica");
+  StreamConsumer consumer(connection, "one", begin_of(entries));
+  {
+    Publishing publishing(server.config(), entries);
+    EXPECT_EQ(consume(consumer, entries, 21), range(1, 21));
+  }
+  entries.cut(10, 1);
+  entries.append(30);
+  Publishing publishing(server.config(), entries, 0, 10);
+  EXPECT_TRUE(publishing.done());
+  EXPECT_EQ(publishing.kept_run(), 1U);
+  EXPECT_TRUE(consume(consumer, entries, 1000).empty());
+  ASSERT_TRUE(consumer.hole());
+  consumer.go_on();
+  EXPECT_EQ(consume(consumer, entries, 40), range(1, 40));
+}
+
 TEST(StreamTest, ALogThatHasLostItsEndBeginsANewRun) {
   NatsServer server;
   Entries entries;

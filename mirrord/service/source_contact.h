@@ -20,7 +20,7 @@
 #include "base/mutex.h"
 #include "mirrord/log/log.h"
 #include "mirrord/remote/remote_source.h"
-#include "mirrord/service/problem.h"
+#include "mirrord/service/connection_problem.h"
 #include "mirrord/service/walks.h"
 
 namespace tarn {
@@ -78,7 +78,7 @@ class SourceContact final : public Walks {
   std::vector<std::byte> message_;
   Clock::time_point learned_at_{}, reported_at_{};
 
-  Problem problem_{options_.about, "the source's host answers"};
+  ConnectionProblem problem_{options_.about, "the source's host answers"};
 
   std::thread thread_;
   mutable Mutex mutex_;

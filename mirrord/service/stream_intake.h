@@ -27,7 +27,7 @@
 
 #include "base/mutex.h"
 #include "mirrord/service/intake.h"
-#include "mirrord/service/problem.h"
+#include "mirrord/service/connection_problem.h"
 #include "mirrord/stream/consumer.h"
 
 namespace tarn {
@@ -91,7 +91,7 @@ class StreamIntake {
   bool unsaved_ = false;
   LogPosition acknowledged_ = 0;
 
-  Problem problem_{options_.about, "follows the stream"};
+  ConnectionProblem problem_{options_.about, "follows the stream"};
 
   std::thread thread_;
   std::atomic<bool> stop_ = false, follows_ = false;

@@ -51,7 +51,7 @@ objects = $(patsubst %.cc,$(OUT)/%.o,$(call sources,$(1)))
 BASE := $(call objects,base)
 CLIENT := $(call objects,client)
 TARN := $(call objects,tarn)
-STREAMS := $(foreach part,answering problem replica_control replica_service source_contact stream_intake stream_target,%/service/$(part).o)
+STREAMS := $(foreach part,answering connection_problem replica_control replica_service source_contact stream_intake stream_target,%/service/$(part).o)
 # There is no service manager in a system of 2006, and no library that reaches streams.
 MIRRORD := $(filter-out %/service/manager.o $(STREAMS),$(foreach folder,mirrord $(addprefix mirrord/,config control log service verify),\
   $(call objects,$(folder))))

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: GPL-2.0
-#include "mirrord/service/problem.h"
+#include "mirrord/service/connection_problem.h"
 
 #include "mirrord/service/journal.h"
 
@@ -10,12 +10,12 @@ constexpr std::chrono::minutes kSayAgain{1};
 
 }  // namespace
 
-std::string Problem::text() const {
+std::string ConnectionProblem::text() const {
   MutexLock lock(mutex_);
   return text_;
 }
 
-void Problem::set(const std::string &text) {
+void ConnectionProblem::set(const std::string &text) {
   {
     MutexLock lock(mutex_);
     if (text == text_) return;

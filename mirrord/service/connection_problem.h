@@ -4,8 +4,8 @@
  * and ends. While tries fail in several ways by turns, another one is logged once a minute at most.
  * Any thread.
  */
-#ifndef TARN_MIRRORD_SERVICE_PROBLEM_H
-#define TARN_MIRRORD_SERVICE_PROBLEM_H
+#ifndef TARN_MIRRORD_SERVICE_CONNECTION_PROBLEM_H
+#define TARN_MIRRORD_SERVICE_CONNECTION_PROBLEM_H
 
 #include <chrono>
 #include <string>
@@ -15,10 +15,11 @@
 
 namespace tarn {
 
-class Problem {
+class ConnectionProblem {
  public:
   /* `about`: for messages; `gone`: what is logged when there is none any more. */
-  Problem(std::string about, std::string gone) : about_(std::move(about)), gone_(std::move(gone)) {}
+  ConnectionProblem(std::string about, std::string gone)
+      : about_(std::move(about)), gone_(std::move(gone)) {}
 
   /* "": there is none. */
   void set(const std::string &text) EXCLUDES(mutex_);

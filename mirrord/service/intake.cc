@@ -273,7 +273,7 @@ std::int64_t Intake::missing_since_locked(Missing missing) const {
   constexpr std::int64_t kClockSlackUs = 1'000'000;
   const std::int64_t last = received_.last_record;
   const bool set_back =
-      received_.last_record_at < received_.set_back_at || last > now_us() + kClockSlackUs;
+      received_.last_record_at <= received_.set_back_at || last > now_us() + kClockSlackUs;
   return missing == Missing::kEverything || last == 0 || set_back ? kSinceEver : last;
 }
 

@@ -478,8 +478,10 @@ std::int64_t Target::since_until() const {
 void Target::missing(std::int64_t since, LogPosition position, const std::string &why) {
   say(Level::kWarning, about(), "GAP: " + why);
   ++state_.gaps;
-  // An entry's time of before the clock was set back.
-  if (position < intake_.clock_set_back_at()) since = kSinceEver;
+  if (position <= intake_.clock_set_back_at()) {
+    since = kSinceEver;          // an entry's time of before the clock was set back
+    state_.compare_data = true;  // times may have been copied ahead of the data
+  }
   state_.missing_since = std::min(state_.missing_since.value_or(since), since);
   missing_at_ = position;
   walk_.reset();

@@ -150,6 +150,8 @@ Result<void> Target::apply_mark(const MarkEntry &mark) {
     unsaved_ = true;
     return {};
   }
+  if (copying)
+    state_.compare_data = true;  // times are copied now, of files whose data may be missing too
   for (auto path = suspects_.begin(); path != suspects_.end();) {
     const auto looked = applier.look_at(*path);
     if (!looked && holds_target(looked.error())) return looked;
@@ -212,6 +214,7 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
 void Target::note_clock() {
   const std::uint64_t set_backs = intake_.clock_set_backs();
   if (std::exchange(state_.clock_set_backs, set_backs) == set_backs) return;
+  state_.compare_data = state_.compare_data || state_.missing_since;
   if (state_.missing_since && *state_.missing_since != kSinceEver)
     missing(kSinceEver, intake_.log().end(), "the clock was set back before the gap was healed");
 }

@@ -4,6 +4,9 @@
 #include <filesystem>
 #include <limits>
 
+#include <nlohmann/json.hpp>
+
+#include "mirrord/config/state_directory.h"
 #include "mirrord/file_status.h"
 #include "tests/mirrord/target_kit.h"
 #include "tests/replicate/programs.h"
@@ -82,6 +85,28 @@ TEST_F(TargetLogTest, released_entries_are_found_though_the_clock_was_set_back) 
   change_much();
   release_all();
   start();
+  expect_equal_trees();
+}
+
+/* A comparison may have copied a file's time from the source while its data was still to come. */
+TEST_F(TargetLogTest, equal_times_tell_nothing_of_data_when_the_clock_was_set_back) {
+  write_unseen("f", "what was copied");
+  start();
+  expect_equal_trees();
+  stop_clean();
+  close_log();
+  const std::string file = dir_ / "log/received.json";
+  auto document = read_document(file);
+  ASSERT_TRUE(document.ok() && *document);
+  (**document)["clock"]["wall"] = now_us() + 3'600'000'000;
+  (**document)["clock"]["ahead"] =
+      (**document)["clock"]["ahead"].get<std::int64_t>() + 3'600'000'000;
+  ASSERT_TRUE(write_document(file, **document).ok());
+  write_unseen("f", "what was missing");
+  put_content(in_target("f"), "what was copied!");
+  fs::last_write_time(in_target("f"), fs::last_write_time(in_source("f")));
+  start();
+  intake_->gap(Intake::Missing::kSinceLastRecord, "lost");
   expect_equal_trees();
 }
 

@@ -86,7 +86,7 @@ ServiceReport ReplicaService::report() {
 std::optional<remote::ReportQuestion> ReplicaService::own_report() const {
   const Parts *parts = ready_.load();
   if (!parts) return std::nullopt;
-  const auto applied = parts->receiver->in_stream(parts->taken());
+  const auto applied = parts->receiver->needed(parts->taken());
   if (!applied) return std::nullopt;
   const TargetReport report = parts->target->report();
   return remote::ReportQuestion{

@@ -124,6 +124,17 @@ std::optional<StreamPosition> StreamIntake::in_stream(LogPosition position) cons
   return place;
 }
 
+std::optional<StreamPosition> StreamIntake::needed(LogPosition applied) const {
+  {
+    MutexLock lock(mutex_);
+    if (joints_.empty()) return std::nullopt;
+    auto first = std::prev(joints_.end());
+    while (first != joints_.begin() && std::prev(first)->first.epoch == first->first.epoch) --first;
+    if (applied <= first->at) return first->first;
+  }
+  return in_stream(applied);
+}
+
 void StreamIntake::start() {
   thread_ = std::thread([this] { run(); });
 }

@@ -59,6 +59,10 @@ class StreamIntake {
   std::string problem() const { return problem_.text(); }
   /* Any thread. The place in the stream of a place in the log; nothing: it is not known. */
   std::optional<StreamPosition> in_stream(LogPosition position) const EXCLUDES(mutex_);
+  /* Any thread. The first entry of the stream that is needed while those of the log before
+   * `applied` are not. What lies in the log before the stream's present epoch is not in the stream
+   * any more: then it is the epoch's first one here. Nothing: no entry has come yet. */
+  std::optional<StreamPosition> needed(LogPosition applied) const EXCLUDES(mutex_);
 
  private:
   /* The entry at `at` is a joint, and `first` the one in the stream that follows. */

@@ -107,6 +107,23 @@ TEST_F(StreamIntakeTest, each_entry_comes_once_over_restarts) {
   EXPECT_EQ(receiver_->in_stream(12)->position, 21u);
   EXPECT_EQ(receiver_->in_stream(2)->epoch, entries_.epoch());
   EXPECT_FALSE(receiver_->in_stream(1));
+  EXPECT_EQ(receiver_->needed(12), receiver_->in_stream(12));
+}
+
+/* Before its target has anything: the stream may not forget what a first copy is made beside. */
+TEST_F(StreamIntakeTest, a_replica_needs_what_has_come_since_it_follows) {
+  open();
+  EXPECT_FALSE(receiver_->needed(1));
+  entries_.append(10);
+  ASSERT_TRUE(publishing_.done());
+  open("two");
+  ASSERT_TRUE(follows());
+  entries_.append(20);
+  ASSERT_TRUE(has_all());
+  EXPECT_EQ(receiver_->needed(0), (StreamPosition{entries_.epoch(), 11}));
+  EXPECT_EQ(receiver_->needed(1), (StreamPosition{entries_.epoch(), 11}));
+  EXPECT_EQ(receiver_->needed(2), (StreamPosition{entries_.epoch(), 11}));
+  EXPECT_EQ(receiver_->needed(3), (StreamPosition{entries_.epoch(), 12}));
 }
 
 TEST_F(StreamIntakeTest, a_document_that_is_lost_is_made_again_from_the_log) {

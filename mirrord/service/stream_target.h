@@ -57,7 +57,7 @@ inline constexpr char kQuestions[] = "ask";
 
 /* What a replica says of itself. */
 struct ReplicaState {
-  StreamPosition applied = {}; /* it has all before it on its disk */
+  StreamPosition applied = {}; /* it needs nothing of the stream before it */
   std::string state, error;    /* as in TargetReport, like what follows */
   double lag_seconds = 0;
   std::uint64_t gaps = 0;

@@ -18,12 +18,13 @@ std::string ConnectionProblem::text() const {
 void ConnectionProblem::set(const std::string &text) {
   {
     MutexLock lock(mutex_);
-    if (text == text_) return;
-    const bool another = !text.empty() && !text_.empty();
     text_ = text;
+    if (text == said_) return;
+    const bool another = !text.empty() && !said_.empty();
     const auto now = std::chrono::steady_clock::now();
     const bool said = said_at_ != std::chrono::steady_clock::time_point{};
     if (another && said && now - said_at_ < kSayAgain) return;
+    said_ = text;
     said_at_ = now;
   }
   say(text.empty() ? Level::kNotice : Level::kWarning, about_, text.empty() ? gone_ : text);

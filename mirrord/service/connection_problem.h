@@ -29,6 +29,7 @@ class ConnectionProblem {
   const std::string about_, gone_;
   mutable Mutex mutex_;
   std::string text_ GUARDED_BY(mutex_) = "not connected yet";
+  std::string said_ GUARDED_BY(mutex_) = text_; /* the last one that was not passed over */
   std::chrono::steady_clock::time_point said_at_ GUARDED_BY(mutex_){};
 };
 

@@ -35,6 +35,7 @@ servers() {
   printf 'servers = ["tls://localhost:%s"]\nstream = "data"\n' "$NATS_PORT"
   printf 'ca = "%s"\ncertificate = "%s"\nkey = "%s"\n' "$T/$TRUSTS/ca.pem" "$T/$SHOWS/$1.pem" "$T/$SHOWS/$1.key"
 }
+tells() { { replica_verb one status 2>/dev/null || true; } | grep -F "$1" >/dev/null; }
 # waits_outside TEXT: the replica is up, says so, and has nothing.
 said() { grep -F "$1" "$T/one.err" >/dev/null; }
 waits_outside() {
@@ -88,7 +89,7 @@ replica_equal one
 kill_nats
 start_nats
 echo later >"$T/mnt/later"
-wait_until 60 "the replica refuses a server without TLS" said "no TLS"
+wait_until 60 "the replica refuses a server without TLS" tells "no TLS"
 [ ! -e "$T/one/later" ] || fail "it came without TLS"
 kill_nats
 start_nats "$(tls_of ours)"

@@ -99,7 +99,12 @@ struct Applier::Visitor {
     if (reconciler.follows_source(path)) return reconciler.reconcile(path);
     const auto done = replica.mkdir(path, c.mode);
     if (!done) return done.error().code == -ENOENT ? done : replace_from_source(path, done.error());
-    return done;
+    if (*done == Replica::Done::kChanged || !reconciler.source().available()) return done;
+    // A new directory is empty: what is in this one is of an older one of that name, whose end was
+    // not recorded, and a walk had come by before the new one was there.
+    const auto names = replica.names(path);
+    if (!names) return names.error();
+    return names->empty() ? done : reconciler.reconcile(path);
   }
   /* A record removed or renamed the object of a path that follows the source. */
   Did reconcile_removed(const std::string &path) {

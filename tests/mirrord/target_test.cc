@@ -308,6 +308,18 @@ TEST_F(TargetTest, what_a_rule_excludes_is_not_copied_while_a_gap_is_healed) {
   EXPECT_FALSE(fs::exists(in_target("d/private")));
 }
 
+/* The end of the older one was not recorded, and a walk had come by before the new one was there.
+ */
+TEST_F(TargetTest, a_new_directory_has_nothing_of_an_older_one_of_its_name) {
+  start();
+  expect_equal_trees();
+  fs::create_directory(in_target("d"));
+  put_content(in_target("d/f"), "of the older one");
+  fs::create_directory(in_source("d"));
+  feed(*intake_, name_change(OX_OP_MKDIR, next(), in_source("d"), {}, 040755));
+  expect_equal_trees();
+}
+
 TEST_F(TargetTest, a_resync_compares_everything_anew) {
   write_unseen("f", "right");
   start();

@@ -38,6 +38,11 @@ bool has_long_name(std::string_view path) {
   return false;
 }
 
+/* Relative to the source; "" is the source itself. */
+bool is_possible(std::string_view path) {
+  return path.empty() || (plain_relative(path) && !has_long_name(path));
+}
+
 }  // namespace
 
 /* One function per kind of change; each returns the replica's result, or nothing if the change is
@@ -406,11 +411,6 @@ std::array<std::string_view, 2> Applier::named_paths(const Record &record) const
   return {change_path(record.change)};
 }
 
-bool Applier::is_possible(std::string_view path) const {
-  const auto inside = path_below(source_, path);
-  return !inside || inside->empty() || (plain_relative(*inside) && !has_long_name(*inside));
-}
-
 Result<Applier::Outcome> Applier::apply(const Record &record, std::optional<std::uint64_t> logged) {
   const PendingPaths::Time time{record.ts, logged.value_or(record.ts)};
   if (const auto followed = follow_page(record); !followed) return followed.error();
@@ -420,7 +420,9 @@ Result<Applier::Outcome> Applier::apply(const Record &record, std::optional<std:
   if (record.naming == Naming::kNameless && !gets_a_name) return Outcome::kNameless;
   if (record.naming == Naming::kUnplaced && !gets_a_name) return unplaced(record);
   for (const std::string_view path : named_paths(record)) {
-    if (!is_possible(path)) return Error{-EXDEV, "no object can have the path " + printable(path)};
+    const auto inside = path_below(source_, path);
+    if (inside && !is_possible(*inside))
+      return Error{-EXDEV, "no object can have the path " + printable(path)};
   }
   const auto *link = std::get_if<Link>(&record.change);
   reconciler_.set_other_name(link ? std::string(link->existing) : std::string());
@@ -454,7 +456,7 @@ Result<void> Applier::caught_up(std::int64_t until) {
 
 std::optional<std::string> Applier::object_path(std::string_view path) const {
   auto inside = path_below(source_, path);
-  if (inside && (inside->empty() || !is_possible(path) || !scopes_.any_includes(path)))
+  if (inside && (inside->empty() || !is_possible(*inside) || !scopes_.any_includes(path)))
     inside.reset();
   return inside;
 }

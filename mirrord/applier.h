@@ -123,7 +123,6 @@ class Applier {
 
   /* As the record has them; one without a path is "". */
   std::array<std::string_view, 2> named_paths(const Record &record) const;
-  bool is_possible(std::string_view path) const;
   /* Relative to the source, of an object that is to be in the replica. Nothing if it is outside,
    * the source itself, excluded or impossible. */
   std::optional<std::string> object_path(std::string_view path) const;

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: GPL-2.0
-"""Runs engine_bench with one server and with a cluster of three, all on the loopback.
+"""Runs engine_bench with one server and with a cluster of three, all on the loopback. Their stores are in TMPDIR.
 
 Usage: engine.py BUILD [ENTRIES [ROUNDS]]"""
 import pathlib

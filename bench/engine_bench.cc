@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 // Entries of 4 KiB through a stream, beside the client library alone: as fast as each can, in turns
-// in one run. Usage: engine_bench URL REPLICAS ENTRIES ROUNDS. bench/engine.py starts the servers.
+// in one run; then at half the publisher's rate to one, two, four and eight replicas: how long each
+// entry takes. Usage: engine_bench URL COPIES ENTRIES ROUNDS. bench/engine.py starts the servers.
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -24,6 +25,7 @@ using std::chrono::milliseconds;
 
 constexpr std::size_t kEntry = 4096;
 constexpr std::int64_t kRawPending = 4096;
+constexpr double kLagSeconds = 5;
 
 [[noreturn]] void fail(const std::string &text) {
   std::fprintf(stderr, "engine_bench: %s\n", text.c_str());
@@ -54,29 +56,47 @@ std::string payload_of(std::uint64_t number) {
   return payload;
 }
 
-/* A log of that many entries, a few payloads in turn. */
+/* A log of that many entries, a few payloads in turn; with a rate they come one after the other. */
 class Source : public EntryReader {
  public:
-  Source(std::uint8_t id, LogPosition entries) : entries_(entries) {
+  Source(std::uint8_t id, LogPosition entries, double per_second = 0)
+      : entries_(entries), per_second_(per_second) {
     epoch_.bytes.fill(id);
     for (std::uint64_t i = 0; i < 64; ++i) payloads_.push_back(payload_of(i));
   }
   const Uuid &epoch() const override { return epoch_; }
   LogPosition first() const override { return 1; }
-  LogPosition end() const override { return entries_ + 1; }
+  LogPosition end() const override {
+    if (per_second_ == 0) return entries_ + 1;
+    const double passed = std::chrono::duration<double>(Clock::now() - begun_).count();
+    return std::min(entries_ + 1,
+                    static_cast<LogPosition>(std::max(passed, 0.0) * per_second_) + 1);
+  }
   Result<std::optional<LogEntry>> read(LogPosition position) override {
-    if (position > entries_) return std::optional<LogEntry>();
+    if (position >= end()) return std::optional<LogEntry>();
     return std::optional<LogEntry>(
         LogEntry{position, 0, 1, std::as_bytes(std::span(payload(position)))});
   }
-  void wait(LogPosition, milliseconds time) override { std::this_thread::sleep_for(time); }
+  void wait(LogPosition end, milliseconds time) override {
+    if (end > entries_ || per_second_ == 0) return std::this_thread::sleep_for(time);
+    std::this_thread::sleep_until(std::min(due(end), Clock::now() + time));
+  }
   const std::string &payload(LogPosition position) const {
     return payloads_[position % payloads_.size()];
+  }
+  LogPosition entries() const { return entries_; }
+  /* Before anybody reads it. */
+  void begin_at(Clock::time_point time) { begun_ = time; }
+  Clock::time_point due(LogPosition position) const {
+    const std::chrono::duration<double> behind(static_cast<double>(position) / per_second_);
+    return begun_ + std::chrono::duration_cast<Clock::duration>(behind);
   }
 
  private:
   Uuid epoch_;
   const LogPosition entries_;
+  const double per_second_;
+  Clock::time_point begun_ = Clock::now();
   std::vector<std::string> payloads_;
 };
 
@@ -149,12 +169,14 @@ Figure raw_fetch(Connection &connection, const Source &source) {
   return timer.stop("client library, fetched", source.end() - 1);
 }
 
+StreamPublisher::Options publishing() {
+  return {.run = 0,
+          .keep_run = [](std::uint32_t) { return Result<void>(); },
+          .say = [](const std::string &text) { std::fprintf(stderr, "%s\n", text.c_str()); }};
+}
+
 Figure publish(Connection &connection, Source &source) {
-  StreamPublisher publisher(
-      connection, source,
-      {.run = 0,
-       .keep_run = [](std::uint32_t) { return Result<void>(); },
-       .say = [](const std::string &text) { std::fprintf(stderr, "%s\n", text.c_str()); }});
+  StreamPublisher publisher(connection, source, publishing());
   const Timer timer;
   std::thread running([&] { publisher.run(); });
   while (publisher.status().position < source.end()) std::this_thread::sleep_for(milliseconds(1));
@@ -175,11 +197,11 @@ Figure consume(Connection &connection, const Source &source) {
   return timer.stop("consumer", source.end() - 1);
 }
 
-StreamConfig config_of(const char *url, const char *replicas, const std::string &stream) {
+StreamConfig config_of(const char *url, const char *copies, const std::string &stream) {
   StreamConfig config;
   config.servers = {url};
   config.stream = stream;
-  config.replicas = std::strtoull(replicas, nullptr, 10);
+  config.replicas = std::strtoull(copies, nullptr, 10);
   config.max_bytes = std::uint64_t{4} << 30;
   return config;
 }
@@ -190,10 +212,61 @@ void remove_stream(Connection &connection) {
         "removing the stream");
 }
 
+using Lags = std::vector<double>; /* milliseconds, one for each entry */
+
+/* Until the last entry is there. */
+Lags follow(const StreamConfig &config, const std::string &name, const Source &source) {
+  Connection connection(config, name);
+  StreamConsumer consumer(connection, name, StreamPosition{source.epoch(), 1});
+  Lags lags;
+  lags.reserve(source.entries());
+  while (consumer.next()->position <= source.entries()) {
+    const auto entries = consumer.fetch(milliseconds(1000));
+    if (!entries && entries.error().code != -ENOENT) fail(entries.error().text);
+    if (!entries) std::this_thread::sleep_for(milliseconds(100));
+    const auto now = Clock::now();
+    for (const LogEntry &entry : entries ? *entries : std::vector<LogEntry>())
+      lags.push_back(
+          std::chrono::duration<double, std::milli>(now - source.due(entry.position)).count());
+    if (entries) consumer.acknowledge(consumer.next()->position);
+  }
+  return lags;
+}
+
+/* The consumers are there before the first entry. */
+void print_lags(const StreamConfig &config, LogPosition entries, double per_second, int replicas) {
+  Source source(static_cast<std::uint8_t>(100 + replicas), entries, per_second);
+  source.begin_at(Clock::now() + std::chrono::seconds(2));
+  Connection connection(config, "bench");
+  engine_of(connection);
+  std::vector<Lags> lags(static_cast<std::size_t>(replicas));
+  std::vector<std::thread> following;
+  for (int i = 0; i < replicas; ++i)
+    following.emplace_back([&, i] {
+      lags[static_cast<std::size_t>(i)] = follow(config, "replica" + std::to_string(i), source);
+    });
+  StreamPublisher publisher(connection, source, publishing());
+  const Timer timer;
+  std::thread running([&] { publisher.run(); });
+  for (std::thread &thread : following) thread.join();
+  const Figure figure = timer.stop("", entries);
+  publisher.stop();
+  running.join();
+  Lags all;
+  for (const Lags &of_one : lags) all.insert(all.end(), of_one.begin(), of_one.end());
+  std::sort(all.begin(), all.end());
+  std::printf(
+      "%d replica%s %8.0f entries/s: lag %7.1f ms, 99 of 100 below %7.1f ms, %8.1f us of a "
+      "processor each\n",
+      replicas, replicas > 1 ? "s" : " ", per_second, all[all.size() / 2],
+      all[all.size() * 99 / 100], figure.processor_us);
+  remove_stream(connection);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-  if (argc != 5) fail("usage: engine_bench URL REPLICAS ENTRIES ROUNDS");
+  if (argc != 5) fail("usage: engine_bench URL COPIES ENTRIES ROUNDS");
   const LogPosition entries = std::strtoull(argv[3], nullptr, 10);
   const int rounds = std::atoi(argv[4]);
   std::vector<std::vector<Figure>> all(4);
@@ -215,5 +288,9 @@ int main(int argc, char **argv) {
     std::printf("%-26s %10.0f entries/s %8.1f us of a processor each\n", middle->name,
                 middle->per_second, middle->processor_us);
   }
+  const double half = all[2][all[2].size() / 2].per_second / 2;
+  const auto of_seconds = static_cast<LogPosition>(half * kLagSeconds);
+  for (const int replicas : {1, 2, 4, 8})
+    print_lags(config_of(argv[1], argv[2], "lag"), of_seconds, half, replicas);
   return 0;
 }

@@ -1,18 +1,16 @@
 // SPDX-License-Identifier: GPL-2.0
 // What the control socket asks of the service of a replica, and what it reports of itself.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <utility>
 
 #include <fmt/format.h>
 
 #include "base/text.h"
-#include "base/version.h"
 #include "mirrord/remote/remote_tree.h"
 #include "mirrord/service/replica_service.h"
-#include "mirrord/verify/verify.h"
+#include "mirrord/service/service_report.h"
+#include "mirrord/service/target_verify.h"
 
 namespace tarn {
 namespace {
@@ -20,8 +18,6 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr steady_clock::duration kSlice = std::chrono::milliseconds(200);
-/* How long the comparison waits until the target has applied what changed before. */
-constexpr std::chrono::minutes kSettleTime{10};
 
 }  // namespace
 
@@ -51,32 +47,16 @@ TargetReport ReplicaService::target_report() const {
 }
 
 SourceReport ReplicaService::source_report() const {
-  SourceReport report;
-  report.name = replica_.stream.stream;
-  report.targets.push_back(target_report());
   const Parts *parts = ready_.load();
-  if (!parts) return report;
-  const Log &log = parts->intake->log();
-  Intake::Counts counts = parts->intake->counts();
-  report.directory = parts->source.directory;
-  report.rule = to_string(parts->intake->rule());
-  report.captured = counts.captured;
-  report.logged = counts.logged;
-  report.gaps = counts.gaps;
-  report.last_gap = std::move(counts.last_gap);
-  report.log_bytes = log.bytes();
-  report.log_limit = replica_.log_limit;
-  report.log_first = log.first();
-  report.log_end = log.end();
-  report.log_durable = log.durable_end();
+  SourceReport report = parts ? log_report(*parts->intake, replica_.log_limit) : SourceReport();
+  report.name = replica_.stream.stream;
+  if (parts) report.directory = parts->source.directory;
+  report.targets.push_back(target_report());
   return report;
 }
 
 ServiceReport ReplicaService::report() {
-  ServiceReport report;
-  report.pid = getpid();
-  report.version = version_line("mirrord").substr(std::strlen("mirrord "));
-  report.uptime_seconds = std::chrono::duration<double>(steady_clock::now() - started_).count();
+  ServiceReport report = process_report(started_);
   report.connected = true;  // to no module: what is missing is said of the target
   report.sources.push_back(source_report());
   return report;
@@ -171,16 +151,8 @@ Result<std::vector<Difference>> ReplicaService::verify(const TargetName &name, b
   options.included = [&](const std::string &path) { return parts.includes(path); };
   options.settle = [&] { return settle(**target, steady_clock::now() + kSettleTime, progress); };
   options.progress = progress;
-  if (const auto settled = options.settle(); !settled) return settled.error();
   RemoteTree source(requests_);
-  auto found = verify_trees(source, replica_.target.directory, options);
-  if (!found || !repair || found->empty()) return found;
-  options.settle = {};  // the target's thread does the work, so nothing is applied meanwhile
-  const std::vector<Difference> differing = std::move(*found);
-  const auto run = (*target)->between_entries(
-      [&] { found = repair_trees(source, replica_.target.directory, differing, options); });
-  if (!run) return run.error();
-  return found;
+  return verify_target(**target, source, std::move(options), repair);
 }
 
 }  // namespace tarn

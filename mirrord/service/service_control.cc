@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: GPL-2.0
 // What the control socket asks of the service.
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <utility>
 
 #include <fmt/format.h>
 
 #include "base/text.h"
-#include "base/version.h"
 #include "mirrord/file_status.h"
 #include "mirrord/service/service.h"
-#include "mirrord/verify/verify.h"
+#include "mirrord/service/service_report.h"
+#include "mirrord/service/target_verify.h"
+#include "mirrord/verify/local_tree.h"
 
 namespace tarn {
 namespace {
@@ -20,31 +19,13 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr steady_clock::duration kSlice = std::chrono::milliseconds(200);
-/* How long the comparison waits until a target has applied what changed before. */
-constexpr std::chrono::minutes kSettleTime{10};
 
 }  // namespace
 
 SourceReport Service::report_of(const ReplicatedSource &source) const {
-  const Log &log = source.intake->log();
-  Intake::Counts counts = source.intake->counts();
-  SourceReport report;
+  SourceReport report = log_report(*source.intake, source.config.log_limit);
   report.name = source.config.name;
   report.directory = source.config.directory;
-  report.rule = to_string(source.intake->rule());
-  report.captured = counts.captured;
-  report.logged = counts.logged;
-  report.gaps = counts.gaps;
-  report.last_gap = std::move(counts.last_gap);
-  report.log_bytes = log.bytes();
-  report.log_limit = source.config.log_limit;
-  report.log_first = log.first();
-  report.log_end = log.end();
-  report.log_durable = log.durable_end();
-  LogReader reader(log, log.first());
-  if (const auto entry = reader.next(); entry && *entry)
-    report.log_age_seconds =
-        std::max(0.0, static_cast<double>(log.now_ns() - (*entry)->time_ns) / 1e9);
   report.stopped = receiver_->stopped(source.intake->rule());
   for (const auto &target : source.targets) report.targets.push_back(target->report());
   for (const auto &stream : source.streams) {
@@ -54,10 +35,7 @@ SourceReport Service::report_of(const ReplicatedSource &source) const {
 }
 
 ServiceReport Service::report() {
-  ServiceReport report;
-  report.pid = getpid();
-  report.version = version_line("mirrord").substr(std::strlen("mirrord "));
-  report.uptime_seconds = std::chrono::duration<double>(steady_clock::now() - started_).count();
+  ServiceReport report = process_report(started_);
   report.connection_error = receiver_->problem();
   report.connected = report.connection_error.empty();
   for (const auto &source : sources_) report.sources.push_back(report_of(*source));
@@ -232,8 +210,10 @@ Result<std::vector<Difference>> Service::verify(const TargetName &name, bool rep
   if (!targets) return targets.error();
   if (targets->size() != 1)
     return Error{-EINVAL, "one target is compared at a time: name SOURCE/TARGET"};
+  Target &target = *targets->front();
   const auto source = std::find_if(sources_.begin(), sources_.end(), [&](const auto &candidate) {
-    return candidate->config.name == name.source || name.source.empty();
+    return std::any_of(candidate->targets.begin(), candidate->targets.end(),
+                       [&](const auto &of_it) { return of_it.get() == &target; });
   });
   VerifyOptions options;
   options.included = [&](const std::string &path) { return (*source)->includes(path); };
@@ -243,17 +223,9 @@ Result<std::vector<Difference>> Service::verify(const TargetName &name, bool rep
     return wait_slice(*targets, *mark, steady_clock::now() + kSettleTime, progress);
   };
   options.progress = progress;
-  if (const auto settled = options.settle(); !settled) return settled.error();
-  auto found = verify_trees((*source)->config.directory, targets->front()->directory(), options);
-  if (!found || !repair || found->empty()) return found;
-  options.settle = {};  // the target's thread does the work, so nothing is applied meanwhile
-  const std::vector<Difference> differing = std::move(*found);
-  const auto run = targets->front()->between_entries([&] {
-    found = repair_trees((*source)->config.directory, targets->front()->directory(), differing,
-                         options);
-  });
-  if (!run) return run.error();
-  return found;
+  auto tree = LocalTree::open((*source)->config.directory);
+  if (!tree) return tree.error();
+  return verify_target(target, *tree, std::move(options), repair);
 }
 
 }  // namespace tarn

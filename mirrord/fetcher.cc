@@ -242,15 +242,10 @@ bool Fetcher::trusted(const struct stat &mine, const struct stat &theirs) const 
          mine.st_nlink == theirs.st_nlink && has_set_id(mine) == has_set_id(theirs);
 }
 
-Result<void> Fetcher::fetch(const std::string &path, const Source::Object &object,
-                            const Included &included) {
-  return fetch_present(path, object, included, Mine::kUnknown);
-}
-
 /* An object of a remote source may leave its path before it is copied: then copies what the path
  * has instead. */
-Result<void> Fetcher::fetch_present(const std::string &path, const Source::Object &object,
-                                    const Included &included, Mine known) {
+Result<void> Fetcher::fetch(const std::string &path, const Source::Object &object,
+                            const Included &included, Mine known) {
   auto fetched = fetch_over(path, object, included, known);
   for (int tries = kPresentTries; object.remote && tries > 0; --tries) {
     if (fetched || fetched.error().code != -ENOENT) break;
@@ -386,8 +381,8 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
     else if (!*child)  // removed since
       note(remove(name));
     else
-      note(fetch_present(name, **child, included,
-                         mine.contains(entry.name) ? Mine::kUnknown : Mine::kAbsent));
+      note(fetch(name, **child, included,
+                 mine.contains(entry.name) ? Mine::kUnknown : Mine::kAbsent));
   }
   note(finish(path, object));
   return first;

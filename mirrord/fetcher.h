@@ -50,10 +50,12 @@ class Fetcher {
   /* Is this path, below a fetched directory, to be replicated? */
   using Included = std::function<bool(const std::string &path)>;
 
+  /* kAbsent: the replica was looked at already, and has nothing there. */
+  enum class Mine { kUnknown, kAbsent };
   /* Replaces the replica's object by a copy of this one, with the tree below it. Goes on after an
    * error and returns the first one. */
   Result<void> fetch(const std::string &path, const Source::Object &object,
-                     const Included &included);
+                     const Included &included, Mine known = Mine::kUnknown);
 
   /* Makes the replica's object a directory like this one, but leaves what is in it. */
   Result<void> make_directory(const std::string &path, const Source::Object &object);
@@ -79,7 +81,6 @@ class Fetcher {
   Objects take_multiply_linked() { return std::exchange(multiply_linked_, {}); }
 
  private:
-  enum class Mine { kUnknown, kAbsent };
   enum class Times { kSet, kIfDifferent, kLeave };
   struct Wanted {
     struct stat status;
@@ -87,8 +88,6 @@ class Fetcher {
     Times times = Times::kIfDifferent;
   };
 
-  Result<void> fetch_present(const std::string &path, const Source::Object &object,
-                             const Included &included, Mine known);
   Result<void> fetch_over(const std::string &path, const Source::Object &object,
                           const Included &included, Mine known);
   bool trusted(const struct stat &mine, const struct stat &theirs) const;

@@ -134,7 +134,18 @@ class Reconciler {
   Result<void> reconcile_if_changed(const std::string &path, std::int64_t since,
                                     std::int64_t until);
   Result<bool> may_be_another(const std::string &directory, std::int64_t since);
-  Result<void> look_at(const std::string &path, std::optional<std::int64_t> since, bool another);
+  struct Look {
+    const Source::Object &directory;
+    std::optional<std::int64_t> since;
+    bool another; /* times do not tell that an object is the replica's */
+  };
+  struct Sides {
+    const DirectoryEntry *theirs = nullptr;
+    bool mine = false;
+  };
+  Result<std::optional<Source::Object>> find_entry(const Look &look, const std::string &path,
+                                                   const Sides &sides);
+  Result<void> look_at(const Look &look, const std::string &path, const Sides &sides);
   Result<bool> compare(const std::string &path, std::int64_t until);
   Result<void> copy_mtime(const std::string &path, std::int64_t until);
   Result<void> find_names(const std::string &directory, const Fetcher::Objects &wanted,

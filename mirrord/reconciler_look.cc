@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: GPL-2.0
 // Comparing one directory with the source, for walks over the whole tree.
-#include <set>
+#include <map>
 
 #include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
@@ -41,17 +41,20 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
   if (!entries) return entries.error();
   const auto names = replica_.names(directory);
   if (!names) return names.error();
-  std::set<std::string> both(names->begin(), names->end());
-  for (const DirectoryEntry &entry : *entries) both.insert(entry.name);
-  std::vector<std::string> paths;
-  for (const std::string &name : both) {
-    std::string path = directory.empty() ? name : directory + "/" + name;
-    if (included_(path)) paths.push_back(std::move(path));
+  const std::string below = directory.empty() ? "" : directory + "/";
+  std::map<std::string, Sides> both;
+  for (const std::string &name : *names) both[below + name].mine = true;
+  for (const DirectoryEntry &entry : *entries) both[below + entry.name].theirs = &entry;
+  std::erase_if(both, [this](const auto &path) { return !included_(path.first); });
+  std::vector<std::string> extra;
+  for (const auto &[path, sides] : both) {
+    if (!sides.theirs) extra.push_back(path);
   }
-  source_.expect(paths);
+  source_.expect(extra);
+  const Look look{**theirs, since, *another};
   Result<void> first;
-  for (const std::string &path : paths) {
-    auto looked = look_at(path, since, *another);
+  for (const auto &[path, sides] : both) {
+    auto looked = look_at(look, path, sides);
     if (first.ok() && !looked) first = std::move(looked);
   }
   source_.expect({});
@@ -67,12 +70,21 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
   return first ? like : first;
 }
 
-/* `another`: times do not tell that the path's object is the replica's. */
-Result<void> Reconciler::look_at(const std::string &path, std::optional<std::int64_t> since,
-                                 bool another) {
-  const auto theirs = source_.find(path);
+/* A file that the replica has is perhaps not read at all, and not opened for that. */
+Result<std::optional<Source::Object>> Reconciler::find_entry(const Look &look,
+                                                             const std::string &path,
+                                                             const Sides &sides) {
+  if (!sides.theirs) return source_.find(path);
+  if (!sides.mine) return source_.child(look.directory, *sides.theirs);
+  DirectoryEntry entry = *sides.theirs;
+  entry.regular_file = false;
+  return source_.child(look.directory, entry);
+}
+
+Result<void> Reconciler::look_at(const Look &look, const std::string &path, const Sides &sides) {
+  const auto theirs = find_entry(look, path, sides);
   if (!theirs) return theirs.error();
-  const auto mine = replica_.find(path);
+  const auto mine = sides.mine ? replica_.find(path) : std::optional<struct stat>();
   if (!mine) return mine.error();
   if (!*theirs) {
     if (!*mine) return {};
@@ -87,12 +99,13 @@ Result<void> Reconciler::look_at(const std::string &path, std::optional<std::int
     follow_source(path);
     return fetcher_.make_directory(path, **theirs);
   }
-  const bool old = since && microseconds(status.st_ctim) < *since - kTimestampSlackUs;
-  if (old && !another && *mine && same_type(**mine, status)) return {};
+  const bool old = look.since && microseconds(status.st_ctim) < *look.since - kTimestampSlackUs;
+  if (old && !look.another && *mine && same_type(**mine, status)) return {};
   // A file that was changed may have the size and the time of before.
-  fetcher_.set_trust(since && !old ? Fetcher::Trust::kNone : Fetcher::Trust::kSizeAndTime);
+  fetcher_.set_trust(look.since && !old ? Fetcher::Trust::kNone : Fetcher::Trust::kSizeAndTime);
   follow_source(path);
-  return fetcher_.fetch(path, **theirs, included_);
+  return fetcher_.fetch(path, **theirs, included_,
+                        *mine ? Fetcher::Mine::kUnknown : Fetcher::Mine::kAbsent);
 }
 
 }  // namespace tarn

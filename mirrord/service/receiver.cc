@@ -326,13 +326,19 @@ void Receiver::event(const Uuid &rule, const Sequencer::Event &event) {
   source->second.intake->gap(Intake::Missing::kSinceLastRecord, what);
 }
 
-void Receiver::send_barrier() {
-  const std::int64_t until = now_us();
-  const auto barrier = channel_->send_barrier();
-  if (!barrier) return take_rest("not connected to the module: " + barrier.error().text);
+/* Whoever asks for a mark from now on gets a higher number: what was changed before may come behind
+ * the barrier. */
+MarkEntry Receiver::next_mark() {
   MutexLock lock(mutex_);
   mark_sent_ = mark_wanted_ = std::max(mark_wanted_, mark_sent_ + 1);
-  barriers_.push_back({*barrier, {mark_sent_, until}});
+  return {mark_sent_, now_us()};
+}
+
+void Receiver::send_barrier() {
+  const MarkEntry mark = next_mark();
+  const auto barrier = channel_->send_barrier();
+  if (!barrier) return take_rest("not connected to the module: " + barrier.error().text);
+  barriers_.push_back({*barrier, mark});
 }
 
 /* Whoever does not take anything any more may have sent something before. */
@@ -383,16 +389,15 @@ bool Receiver::take_all() {
 void Receiver::leave() {
   if (!channel_) return;
   if (store_ && store_->keeps()) return pass_on();
+  // What is changed behind the end of the registration is not in the log before the mark.
+  const MarkEntry mark = next_mark();
   const bool all = take_all();
   if (!all) say(Level::kWarning, "", "the module does not say whether it has sent all");
   const auto left = channel_->leave();
   if (!left) say(Level::kWarning, "", left.error().text);
   (void)drain();
   sequencer_->finish();
-  MutexLock lock(mutex_);
-  const MarkEntry mark{++mark_wanted_, now_us()};
-  problem_ = "stopped";
-  lock.unlock();
+  note_stopped();
   if (all && left) {
     for (const auto &[rule, source] : sources_) source.intake->mark(mark);
   }
@@ -415,11 +420,14 @@ void Receiver::pass_on() {
     if (received->closed) break;
   }
   sequencer_->finish();
-  {
-    MutexLock lock(mutex_);
-    problem_ = "stopped";
-  }
+  note_stopped();
   channel_.reset();
+}
+
+/* Nobody can ask for a mark any more. */
+void Receiver::note_stopped() {
+  MutexLock lock(mutex_);
+  problem_ = "stopped";
 }
 
 }  // namespace tarn

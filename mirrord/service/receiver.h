@@ -83,6 +83,7 @@ class Receiver : private Sequencer::Sink {
   void receive();
   void packet(Bytes packet, Clock::time_point now);
   void losses(const DaemonChannel::Received &received);
+  MarkEntry next_mark() EXCLUDES(mutex_);
   void send_barrier();
   void take_rest(std::string why);
   bool drain();
@@ -90,6 +91,7 @@ class Receiver : private Sequencer::Sink {
   bool take_all();
   void leave();
   void pass_on();
+  void note_stopped() EXCLUDES(mutex_);
   void take(const DaemonChannel::Received &received);
   Clock::duration until_next() const;
   bool changed_since_mark() const;

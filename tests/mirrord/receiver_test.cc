@@ -219,6 +219,27 @@ TEST_F(ReceiverTest, a_stopped_rule_is_a_gap_and_added_anew) {
   EXPECT_EQ(kinds(*b_), "");
 }
 
+/* What is changed behind the end of the registration comes to nobody, so neither the last mark's
+ * time nor its number may tell that it is in the log. */
+TEST_F(ReceiverTest, the_last_mark_is_of_before_the_end_of_the_registration) {
+  start_connected();
+  send(*a_, 1);
+  std::optional<std::uint64_t> asked;
+  std::int64_t left = 0;
+  std::thread looking([&] {
+    EXPECT_TRUE(fake_->wait_for([](const auto &state) { return !state.registered; }));
+    left = now_us();
+    asked = receiver_->request_mark();
+  });
+  stop();
+  looking.join();
+  ASSERT_EQ(kinds_of(a_->log()).back(), 'M');
+  const auto mark = decode_mark(entries_of(a_->log()).back().bytes());
+  ASSERT_TRUE(mark.ok());
+  EXPECT_LE(mark->until, left);
+  EXPECT_TRUE(!asked || *asked > mark->number);
+}
+
 /* The registration is there and gone again before the first barrier. */
 TEST_F(ReceiverTest, a_tarnd_that_ends_while_it_is_connected_to_is_tried_again) {
   start();

@@ -261,7 +261,10 @@ void Receiver::take(const DaemonChannel::Received &received) {
 
 void Receiver::packet(Bytes packet, Clock::time_point now) {
   const auto message = decode(packet);
-  if (!message) return say(Level::kError, "", "a message is malformed: " + message.error().text);
+  if (!message) {
+    ++malformed_;
+    return say(Level::kError, "", "a message is malformed: " + message.error().text);
+  }
   if (const auto *record = std::get_if<Record>(&*message)) {
     if (sources_.contains(record->rule)) sequencer_->add(*record, packet, now);
   } else if (const auto *stop = std::get_if<StopRule>(&*message)) {
@@ -283,10 +286,17 @@ void Receiver::packet(Bytes packet, Clock::time_point now) {
 void Receiver::losses(const DaemonChannel::Received &received) {
   if (received.oversized != 0)
     say(Level::kError, "", fmt::format("{} packets were too long", received.oversized));
+  // A record may have been among them, whose number tells nothing before the next one comes.
+  const std::size_t unread = received.oversized + std::exchange(malformed_, 0);
+  for (const auto &[rule, source] : sources_) {
+    if (unread != 0)
+      source.intake->gap(Intake::Missing::kSinceLastRecord,
+                         fmt::format("{} messages of the module could not be read", unread));
+    if (received.lost != 0)
+      source.intake->gap(Intake::Missing::kSinceLastRecord,
+                         fmt::format("the module could not deliver {} messages", received.lost));
+  }
   if (received.lost == 0) return;
-  for (const auto &[rule, source] : sources_)
-    source.intake->gap(Intake::Missing::kSinceLastRecord,
-                       fmt::format("the module could not deliver {} messages", received.lost));
   // The answer to a barrier may be lost too: a new barrier replaces it.
   if (!barriers_.empty()) send_barrier();
 }

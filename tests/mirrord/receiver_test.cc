@@ -96,7 +96,6 @@ TEST_F(ReceiverTest, gives_each_source_its_records_in_order) {
   send(*a_, 1);
   send(*b_, 1);
   send(*a_, 3);
-  fake_->send(Packet(20));  // rubbish
   fake_->send(name_change(OX_OP_CREATE, {1, rule_uuid(9)}, "/f"));
   send(*a_, 2);
   EXPECT_TRUE(eventually([&] { return kinds(*a_) == "RRR" && kinds(*b_) == "R"; }));
@@ -117,6 +116,21 @@ TEST_F(ReceiverTest, a_hole_is_a_gap_where_it_is) {
   EXPECT_EQ(kinds(*a_), "RGR");
   EXPECT_TRUE(gap_says(*a_, "records 2 to 2"));
   EXPECT_EQ(kinds(*b_), "");
+}
+
+/* It may have been the last record before a mark. */
+TEST_F(ReceiverTest, a_message_that_cannot_be_read_is_a_gap) {
+  start_connected();
+  send(*a_, 1);
+  ASSERT_TRUE(eventually([&] { return kinds(*a_) == "R"; }));
+  fake_->send(Packet(20));  // rubbish
+  ASSERT_TRUE(marked());
+  EXPECT_EQ(kinds(*a_), "RG");
+  EXPECT_EQ(kinds(*b_), "G");
+  EXPECT_TRUE(gap_says(*a_, "could not be read"));
+  fake_->send(Packet(std::size_t{1} << 17));  // longer than any message
+  ASSERT_TRUE(marked());
+  EXPECT_EQ(kinds(*a_), "RGG");
 }
 
 TEST_F(ReceiverTest, a_rule_that_was_added_again_is_a_gap) {

@@ -64,7 +64,7 @@ void Sequencer::add(const Record &record, Bytes packet, Clock::time_point now) {
     return;
   }
   if (number == rule.next) {
-    pass_in_order(rule, record, packet);
+    pass_in_order(rule, record, packet, now);
     drain(record.rule, rule, now);
     return;
   }
@@ -81,7 +81,8 @@ void Sequencer::pass(Rule &rule, const Record &record, Bytes packet, Order order
   sink_.record(record, packet, order);
 }
 
-void Sequencer::pass_in_order(Rule &rule, const Record &record, Bytes packet) {
+void Sequencer::pass_in_order(Rule &rule, const Record &record, Bytes packet,
+                              Clock::time_point now) {
   pass(rule, record, packet, Order::kInOrder);
   rule.resumed = false;
   if (record.last()) {
@@ -89,6 +90,7 @@ void Sequencer::pass_in_order(Rule &rule, const Record &record, Bytes packet) {
     rule.next_page = 0;
   } else {
     ++rule.next_page;
+    rule.pages_deadline = now + limits_.hold;
   }
 }
 
@@ -145,7 +147,7 @@ void Sequencer::drain(const Uuid &uuid, Rule &rule, Clock::time_point now) {
       held_bytes_ -= held.packet.size();
       --rule.held_records;
       if (node.key() == rule.next) {
-        pass_in_order(rule, held.record, held.packet);
+        pass_in_order(rule, held.record, held.packet, now);
       } else {
         sink_.event(uuid, Duplicate{held.record.wseq});
       }
@@ -220,13 +222,23 @@ void Sequencer::restart(const Uuid &uuid, Rule &rule, std::uint32_t generation) 
 void Sequencer::expire(Clock::time_point now) {
   for (auto &[uuid, rule] : rules_) {
     while (!rule.held.empty() && rule.deadline <= now) skip_gap(uuid, rule, now);
+    // Whoever was to send the rest has failed, and there has been no change since.
+    if (const auto deadline = deadline_of(rule); deadline && *deadline <= now)
+      declare_missing_pages(uuid, rule);
   }
+}
+
+std::optional<Sequencer::Clock::time_point> Sequencer::deadline_of(const Rule &rule) {
+  if (!rule.held.empty()) return rule.deadline;
+  if (rule.next_page != 0) return rule.pages_deadline;
+  return std::nullopt;
 }
 
 std::optional<Sequencer::Clock::time_point> Sequencer::next_deadline() const {
   std::optional<Clock::time_point> earliest;
   for (const auto &[uuid, rule] : rules_) {
-    if (!rule.held.empty() && (!earliest || rule.deadline < *earliest)) earliest = rule.deadline;
+    const auto deadline = deadline_of(rule);
+    if (deadline && (!earliest || *deadline < *earliest)) earliest = deadline;
   }
   return earliest;
 }

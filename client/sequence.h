@@ -13,7 +13,8 @@
  *    for earlier ones (Limits::settle) the lowest number becomes the start: Joined.
  *  - A gap: Missing, with the numbers. Records of the gap that arrive afterwards are passed on as
  *    late.
- *  - Pages are missing at the end of a write: MissingPages.
+ *  - Pages are missing at the end of a write, and a later record or none at all comes for as long
+ * as records are held: MissingPages.
  *  - An old number again: Duplicate, dropped.
  *  - A record of another generation: the rule was deleted and added again, its numbers restart at
  *    1: Restarted. Changes in between were not captured, so this is a loss. Records of an earlier
@@ -137,7 +138,8 @@ class Sequencer {
     std::uint32_t next_page = 0; /* pages of `next` that have been passed on */
     std::map<Number, std::vector<Held>> held;
     std::size_t held_records = 0;
-    Clock::time_point deadline; /* for `next`, while records are held */
+    Clock::time_point deadline;       /* for `next`, while records are held */
+    Clock::time_point pages_deadline; /* for the next page, while none is */
     Ranges missing;
     std::deque<FormerGeneration> former; /* the newest kFormerGenerations; only with generations */
     /* number -> time of passed records, the newest kRecent; only without generations. */
@@ -149,7 +151,8 @@ class Sequencer {
 
   static Number widen(Number next, std::uint32_t wseq);
   void pass(Rule &rule, const Record &record, Bytes packet, Order order);
-  void pass_in_order(Rule &rule, const Record &record, Bytes packet);
+  void pass_in_order(Rule &rule, const Record &record, Bytes packet, Clock::time_point now);
+  static std::optional<Clock::time_point> deadline_of(const Rule &rule);
   void hold(Rule &rule, Number number, Bytes packet, Clock::time_point now);
   void add_old(const Uuid &uuid, Rule &rule, Number number, const Record &record, Bytes packet,
                Clock::time_point now);

@@ -160,6 +160,16 @@ TEST_F(ReceiverTest, a_mark_does_not_part_the_pages_of_a_write) {
   EXPECT_NE(kinds_of(a_->log()).find("RRR"), std::string::npos);
 }
 
+/* The module has lost the others, and nobody changes anything afterwards. */
+TEST_F(ReceiverTest, a_write_whose_rest_never_comes_holds_no_mark_for_ever) {
+  start_connected();
+  fake_->send(write_data(stamp(*a_, 1), "/f", 0, std::string(3 * OX_PAGE_DATA, 'x'))[0]);
+  ASSERT_TRUE(eventually([&] { return kinds(*a_) == "R"; }));
+  EXPECT_TRUE(marked());
+  EXPECT_EQ(kinds(*a_), "RG");
+  EXPECT_TRUE(gap_says(*a_, "ends after 1 of its pages"));
+}
+
 TEST_F(ReceiverTest, marks_only_grow_from_one_process_to_the_next) {
   ASSERT_TRUE(a_->mark({~std::uint64_t{0} / 2, 0}));
   start_connected();

@@ -306,6 +306,23 @@ TEST_F(SequencerTest, early_pages_wait) {
   EXPECT_EQ(notes_.take(), "2.2 3");
 }
 
+/* Nothing that comes later tells. */
+TEST_F(SequencerTest, pages_that_stop_short_at_the_end) {
+  const auto pages = write_data({1}, "/d/f", 0, std::string(10000, 'x'));
+  add_packet(pages[0]);
+  EXPECT_EQ(after(std::chrono::milliseconds(4999)), "1.0");
+  add_packet(pages[1]);
+  EXPECT_EQ(sequencer_.next_deadline(), now_ + std::chrono::seconds(5)) << "from the last one";
+  EXPECT_EQ(after(std::chrono::milliseconds(4999)), "1.1");
+  EXPECT_EQ(after(std::chrono::milliseconds(1)), "pages1.2");
+  EXPECT_FALSE(sequencer_.next_deadline());
+  add_packet(pages[2]);
+  EXPECT_EQ(notes_.take(), "1.2late");
+  add(2);
+  EXPECT_EQ(notes_.take(), "2");
+  EXPECT_TRUE(sequencer_.holds_nothing());
+}
+
 TEST_F(SequencerTest, pages_that_stop_short) {
   add_packet(write_data({1}, "/d/f", 0, std::string(10000, 'x'))[0]);
   add(4);

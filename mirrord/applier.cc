@@ -13,6 +13,7 @@
 #include "base/text.h"
 #include "client/paths.h"
 #include "mirrord/attributes.h"
+#include "mirrord/failures.h"
 #include "mirrord/path_map.h"
 #include "module/os_public/Include/ox_msg.h"
 
@@ -270,32 +271,29 @@ struct Applier::Visitor {
   Result<void> reconcile_listed_paths(const std::optional<std::string> &from,
                                       const std::optional<std::string> &to) {
     const Scopes::Instance instance(record.rule, record.generation);
-    Result<void> first;
-    const auto note = [&first](const Did &did) {
-      if (first.ok() && !did) first = Result<void>(did.error());
-    };
+    Result<void> worst;
     const auto listed = [&](const std::optional<std::string> &path) {
       return path ? applier.scopes_.listed_below(instance, applier.absolute(*path))
                   : std::vector<std::string>();
     };
     for (const std::string &rest : listed(from)) {
       const auto mine = replica.find(*from + "/" + rest);
-      if (mine && *mine) note(reconciler.reconcile(*from + "/" + rest));
+      if (mine && *mine) keep_worst(worst, reconciler.reconcile(*from + "/" + rest));
       if (to && applier.scopes_.includes(instance, applier.absolute(*to + "/" + rest)))
-        note(reconciler.reconcile(*to + "/" + rest));
+        keep_worst(worst, reconciler.reconcile(*to + "/" + rest));
     }
     for (const std::string &rest : listed(to)) {
       const std::string path = *to + "/" + rest;
       if (applier.scopes_.includes(instance, applier.absolute(path))) continue;
       reconciler.removed(path);
       const auto above = replica.find(parent_of(path));
-      note(replica.remove_tree(path));
+      keep_worst(worst, replica.remove_tree(path));
       if (above && *above) {
         const auto restored = reconciler.restore_times(parent_of(path), **above);
-        if (first.ok() && !restored) first = restored;
+        keep_worst(worst, restored);
       }
     }
-    return first;
+    return worst;
   }
 
   Done operator()(const Create &c) {
@@ -451,7 +449,9 @@ Result<void> Applier::caught_up(std::int64_t until) {
   // A fetch may remove a name of a file and so leave another to be checked.
   for (int rounds = 0; links && replica_.has_partly_unlinked() && rounds < kLinkRounds; ++rounds)
     links = reconciler_.check_links();
-  return !links ? links : !unrecorded ? unrecorded : changed;
+  keep_worst(links, unrecorded);
+  keep_worst(links, changed);
+  return links;
 }
 
 std::optional<std::string> Applier::object_path(std::string_view path) const {

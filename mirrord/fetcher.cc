@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "base/text.h"
+#include "mirrord/failures.h"
 #include "mirrord/file_status.h"
 
 namespace tarn {
@@ -362,14 +363,11 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
   std::sort(theirs->begin(), theirs->end(),
             [](const DirectoryEntry &a, const DirectoryEntry &b) { return a.name < b.name; });
   const std::string below = path.empty() ? "" : path + "/";
-  Result<void> first;
-  const auto note = [&](const Result<void> &result) {
-    if (first.ok() && !result) first = Error{result.error().code, result.error().text};
-  };
+  Result<void> worst;
   std::set<std::string> other = mine;
   for (const DirectoryEntry &entry : *theirs) other.erase(entry.name);
   for (const std::string &name : other) {
-    if (included(below + name)) note(remove(below + name));
+    if (included(below + name)) keep_worst(worst, remove(below + name));
   }
   for (const DirectoryEntry &entry : *theirs) {
     const std::string name = below + entry.name;
@@ -377,15 +375,15 @@ Result<void> Fetcher::directory(const std::string &path, const Source::Object &o
     if (const auto go_on = data_.pace().spend(0); !go_on) return go_on;
     const auto child = source_.child(object, entry);
     if (!child)
-      note(child.error());
+      keep_worst(worst, child.error());
     else if (!*child)  // removed since
-      note(remove(name));
+      keep_worst(worst, remove(name));
     else
-      note(fetch(name, **child, included,
-                 mine.contains(entry.name) ? Mine::kUnknown : Mine::kAbsent));
+      keep_worst(worst, fetch(name, **child, included,
+                              mine.contains(entry.name) ? Mine::kUnknown : Mine::kAbsent));
   }
-  note(finish(path, object));
-  return first;
+  keep_worst(worst, finish(path, object));
+  return worst;
 }
 
 Result<void> Fetcher::make_directory(const std::string &path, const Source::Object &object) {

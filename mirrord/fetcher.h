@@ -53,7 +53,7 @@ class Fetcher {
   /* kAbsent: the replica was looked at already, and has nothing there. */
   enum class Mine { kUnknown, kAbsent };
   /* Replaces the replica's object by a copy of this one, with the tree below it. Goes on after an
-   * error and returns the first one. */
+   * error and returns the worst one. */
   Result<void> fetch(const std::string &path, const Source::Object &object,
                      const Included &included, Mine known = Mine::kUnknown);
 

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "client/paths.h"
+#include "mirrord/failures.h"
 #include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
 
@@ -125,7 +126,7 @@ Result<void> Reconciler::reconcile_other_names() {
   std::vector<std::string> found;
   if (const auto searched = find_names("", wanted, found); !searched) return searched;
   reconciling_names_ = true;
-  Result<void> first;
+  Result<void> worst;
   bool all = true;
   for (const std::string &path : found) {
     const auto above = replica_.find(parent_of(path));
@@ -134,17 +135,16 @@ Result<void> Reconciler::reconcile_other_names() {
       all = false;
       continue;
     }
-    auto reconciled = reconcile(path);
-    if (first.ok() && !reconciled) first = reconciled.error();
+    keep_worst(worst, reconcile(path));
   }
   reconciling_names_ = false;
   fetcher_.take_multiply_linked();
   if (searched_.size() + wanted.size() > CopyOrigins::kMost) searched_.clear();
   for (const auto &[object, status] : wanted) {
-    if (const auto known = known_names(status); all && first && known)
+    if (const auto known = known_names(status); all && worst && known)
       searched_[object] = {status.st_ctim, *known};
   }
-  return first;
+  return worst;
 }
 
 /* What cannot be read is not in the replica either. */
@@ -199,12 +199,11 @@ void Reconciler::linked(const std::string &existing, const std::string &path) {
 
 Result<void> Reconciler::moved(const std::string &from, const std::string &to) {
   fetcher_.origins().moved(from, to);
-  Result<void> first;
+  Result<void> worst;
   for (const std::string &path : pending_.moved(from, to)) {
-    auto checked = recheck(path);
-    if (first.ok() && !checked) first = std::move(checked);
+    keep_worst(worst, recheck(path));
   }
-  return first;
+  return worst;
 }
 
 /* Call it after a marked path, or a directory above it, was renamed. */
@@ -271,21 +270,20 @@ std::vector<std::string> Reconciler::with_names_outside() {
 }
 
 Result<void> Reconciler::check_links() {
-  Result<void> first;
+  Result<void> worst;
   if (const auto objects = replica_.take_partly_unlinked(); !objects.empty()) {
     std::vector<std::string> names;
-    first = replica_.names_of(objects, names);
-    if (!first) replica_.note_partly_unlinked(objects);
+    worst = replica_.names_of(objects, names);
+    if (!worst) replica_.note_partly_unlinked(objects);
     for (const std::string &path : names) watch(path, 0);
   }
   for (const std::string &path : fetcher_.origins().with_many_links()) {
     const auto found = source_.find(path);
-    if (first.ok() && !found) first = found.error();
+    keep_worst(worst, found);
     if (!found || !*found || fetcher_.origins().current(path, (*found)->status)) continue;
-    const auto reconciled = reconcile(path);
-    if (first.ok() && !reconciled) first = reconciled.error();
+    keep_worst(worst, reconcile(path));
   }
-  return first;
+  return worst;
 }
 
 /* False: the path has changed since `until`; those records are still to come. */
@@ -331,16 +329,13 @@ Result<void> Reconciler::copy_mtime(const std::string &path, std::int64_t until)
 Result<void> Reconciler::compare_changed(std::int64_t until) {
   if (!source_.available()) return {};
   auto paths = changed_paths_.take();
-  Result<void> first;
-  const auto note = [&first](const Result<void> &result) {
-    if (first.ok() && !result) first = result.error();
-  };
+  Result<void> worst;
   std::vector<std::string> changing;
   source_.expect(paths);
   for (const std::string &path : paths) {
     const auto compared = compare(path, until);
     if (!compared) {
-      note(compared.error());
+      keep_worst(worst, compared.error());
       failed_.insert(path);
     } else if (!*compared) {
       changing.push_back(path);
@@ -355,11 +350,11 @@ Result<void> Reconciler::compare_changed(std::int64_t until) {
   for (const std::string &path : paths) {
     const auto copied = copy_mtime(path, until);
     if (!copied) failed_.insert(path);
-    note(copied);
+    keep_worst(worst, copied);
   }
   source_.expect({});
   for (const std::string &path : changing) changed_paths_.add(path);
-  return first;
+  return worst;
 }
 
 void Reconciler::retry_failed() {
@@ -368,20 +363,20 @@ void Reconciler::retry_failed() {
 
 Result<void> Reconciler::find_unrecorded(std::int64_t until) {
   if (!source_.available()) return {};
-  Result<void> first;
+  Result<void> worst;
   for (const std::string &path : std::exchange(recheck_later_, {})) {
     const auto taken = reconcile_if_changed(path, 0, until);
     if (!taken) recheck_later_.push_back(path);
-    if (first.ok() && !taken) first = taken;
+    keep_worst(worst, taken);
   }
-  if (unrecorded_since_ == kNever) return first;
+  if (unrecorded_since_ == kNever) return worst;
   const std::uint64_t unrecorded = std::exchange(unrecorded_since_, kNever);
   const auto since = static_cast<std::int64_t>(unrecorded) - kTimestampSlackUs;
   auto found = reconcile_if_changed("", since, until);
-  const auto below = find_unrecorded_below("", since, until);
-  if (found) found = below;
+  keep_worst(found, find_unrecorded_below("", since, until));
   if (!found) note_unrecorded(unrecorded);  // the next call searches again
-  return first ? found : first;
+  keep_worst(worst, found);
+  return worst;
 }
 
 Result<void> Reconciler::find_unrecorded_below(const std::string &directory, std::int64_t since,
@@ -391,16 +386,13 @@ Result<void> Reconciler::find_unrecorded_below(const std::string &directory, std
   if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
   const auto entries = source_.entries(**object);
   if (!entries) return entries.error();
-  Result<void> first;
-  const auto note = [&first](const Result<void> &result) {
-    if (first.ok() && !result) first = result.error();
-  };
+  Result<void> worst;
   for (const DirectoryEntry &entry : *entries) {
     const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
-    if (included_(path)) note(reconcile_if_changed(path, since, until));
-    if (entry.may_be_directory) note(find_unrecorded_below(path, since, until));
+    if (included_(path)) keep_worst(worst, reconcile_if_changed(path, since, until));
+    if (entry.may_be_directory) keep_worst(worst, find_unrecorded_below(path, since, until));
   }
-  return first;
+  return worst;
 }
 
 /* An unrecorded change set the change time of its file or directory, or a later change did. */
@@ -435,15 +427,14 @@ Result<void> Reconciler::reconcile_names(const std::string &directory) {
     if (other.erase(entry.name) == 0) missing.insert(entry.name);
   }
   other.merge(missing);
-  Result<void> first;
+  Result<void> worst;
   for (const std::string &name : other) {
     const std::string path = directory.empty() ? name : directory + "/" + name;
     if (!included_(path)) continue;
-    const auto reconciled = reconcile(path);
-    if (first.ok() && !reconciled) first = reconciled.error();
+    keep_worst(worst, reconcile(path));
   }
   changed_paths_.add(directory);
-  return first;
+  return worst;
 }
 
 void Reconciler::assume_linked(const std::string &existing, const std::string &path) {

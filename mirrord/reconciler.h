@@ -100,13 +100,13 @@ class Reconciler {
   /* Call it when all records of changes before `until` (microseconds since the epoch) have been
    * applied: compares the changed paths, and copies differences and modification times from the
    * source. Paths that changed since `until` are left to the next call. Goes on after an error and
-   * returns the first one. */
+   * returns the worst one. */
   Result<void> compare_changed(std::int64_t until);
   /* The next compare_changed() copies again what could not be compared or copied. */
   void retry_failed();
 
   /* Compares one directory, as Applier::look() says. Each path that it copies or removes follows
-   * the source from then on. Goes on after an error and returns the first one. */
+   * the source from then on. Goes on after an error and returns the worst one. */
   Result<void> look(const std::string &directory, std::optional<std::int64_t> since);
 
   /* Both names are one object in the replica. If they are in the source too, notes it as the copy's

@@ -2,6 +2,7 @@
 // Comparing one directory with the source, for walks over the whole tree.
 #include <map>
 
+#include "mirrord/failures.h"
 #include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
 #include "mirrord/reconciler.h"
@@ -52,22 +53,18 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
   }
   source_.expect(extra);
   const Look look{**theirs, since, *another};
-  Result<void> first;
-  for (const auto &[path, sides] : both) {
-    auto looked = look_at(look, path, sides);
-    if (first.ok() && !looked) first = std::move(looked);
-  }
+  Result<void> worst;
+  for (const auto &[path, sides] : both) keep_worst(worst, look_at(look, path, sides));
   source_.expect({});
   fetcher_.set_trust(Fetcher::Trust::kNone);
   if (since) {  // no walk comes by all directories
-    const auto names = reconcile_other_names();
-    if (first.ok() && !names) first = names;
+    keep_worst(worst, reconcile_other_names());
   }
   // Other names of a file are looked at in their own directories.
   fetcher_.take_multiply_linked();
   changed_paths_.add(directory);
-  auto like = fetcher_.make_directory(directory, **theirs);
-  return first ? like : first;
+  keep_worst(worst, fetcher_.make_directory(directory, **theirs));
+  return worst;
 }
 
 /* A file that the replica has is perhaps not read at all, and not opened for that. */

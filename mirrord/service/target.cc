@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "base/text.h"
+#include "mirrord/failures.h"
 #include "mirrord/file_status.h"
 #include "mirrord/service/journal.h"
 

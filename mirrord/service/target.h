@@ -39,10 +39,6 @@
 
 namespace tarn {
 
-/* Does the error hold a target? Errors of the machine do, they may go away; those of a record do
- * not. */
-bool holds_target(const Error &error);
-
 class Target {
  public:
   struct Options {

@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "base/text.h"
+#include "mirrord/failures.h"
 #include "mirrord/file_status.h"
 #include "mirrord/service/journal.h"
 #include "mirrord/service/target.h"
@@ -19,34 +20,7 @@ constexpr std::chrono::seconds kWalkAgain{60};
 /* A change time that every file's is behind: each is compared byte by byte. */
 constexpr std::int64_t kBeforeAll = kSinceEver / 2;
 
-/* An object that records of later changes tell of. */
-bool is_absent(const Error &error) {
-  return error.code == -ENOENT || error.code == -ENOTDIR || error.code == -ELOOP;
-}
-
 }  // namespace
-
-/* Errors of the machine, not of the record: they may go away. */
-bool holds_target(const Error &error) {
-  switch (-error.code) {
-    case ENOSPC:
-    case EDQUOT:
-    case EROFS:
-    case EIO:
-    case ENOMEM:
-    case EMFILE:
-    case ENFILE:
-    case ENODEV:
-    case ENXIO:
-    case ESTALE:
-    case EHOSTDOWN:
-    case ETIMEDOUT:
-    case EMLINK:
-    case ECANCELED:
-      return true;
-  }
-  return false;
-}
 
 /* Entries that cannot be decoded are gaps: the log's own checksums had accepted them. */
 Result<void> Target::apply(const LogEntry &entry) {

@@ -151,9 +151,12 @@ void Target::not_copied(const std::string &what, const Error &error) {
   if (is_absent(error)) return;
   const std::int64_t since = since_until();
   if (!state_.missing_since) return missing(since, intake_.log().end(), what + ": " + error.text);
-  state_.missing_since = std::min(*state_.missing_since, since);
   walk_failed_ = true;
   if (std::exchange(walked_, false)) walk_retry_at_ = Clock::now() + kWalkAgain;
+  if (since >= *state_.missing_since) return;
+  state_.missing_since = since;
+  // One that was asked for and has not begun yet may not look back so far.
+  if (!walk_) walks_.request(walked_as(), since, missing_at_);
 }
 
 Result<void> Target::after_mark(const MarkEntry &mark) {

@@ -86,5 +86,18 @@ TEST_F(TargetErrorsTest, an_absent_object_does_not_hide_what_is_missing) {
   expect_equal_trees();
 }
 
+/* It is behind the mark before, and so is the record that the gap was reckoned from. */
+TEST_F(TargetErrorsTest, a_walk_that_was_asked_for_looks_back_to_what_was_not_copied_since) {
+  start();
+  expect_equal_trees();
+  errors_.set("f", EACCES);
+  write("f", "1");
+  intake_->gap(Intake::Missing::kSinceLastRecord, "lost");
+  mark();
+  ASSERT_TRUE(eventually([&] { return target_->report().failures != 0; }));
+  errors_.clear();
+  expect_equal_trees();
+}
+
 }  // namespace
 }  // namespace tarn::test

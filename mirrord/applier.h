@@ -112,6 +112,7 @@ class Applier {
   /* What a later Applier of the same replica has to watch: changes by names outside the rule are
    * not recorded. */
   std::vector<std::string> with_names_outside() { return reconciler_.with_names_outside(); }
+  bool more_names_outside() const { return reconciler_.more_names_outside(); }
   void watch(const std::string &path) { reconciler_.watch(path); }
   const ChangedPaths &changed_paths() const { return reconciler_.changed_paths(); }
 

@@ -5,6 +5,12 @@
 #include "mirrord/path_map.h"
 
 namespace tarn {
+namespace {
+
+/* For fewer all paths are not gone through. */
+constexpr std::size_t kWorthForgetting = CopyOrigins::kMost / 16;
+
+}  // namespace
 
 CopyOrigins::Object object_of(Replica &replica, const std::string &path) {
   const auto mine = replica.find(path);
@@ -22,16 +28,34 @@ void CopyOrigins::erase_path(Index &index, const Object &object, const std::stri
 void CopyOrigins::unindex(const std::string &path, const Copy &copy) {
   erase_path(paths_by_origin_, {copy.device, copy.inode}, path);
   erase_path(paths_by_copy_, copy.copy, path);
+  with_many_links_ -= copy.many_links ? 1 : 0;
+}
+
+void CopyOrigins::set_many_links(Copy &copy) {
+  if (!std::exchange(copy.many_links, true)) ++with_many_links_;
+}
+
+/* A copy with one name only saves work. One of several would become a file of its own, and changes
+ * by names that no record tells of would not be found. */
+void CopyOrigins::make_room() {
+  const bool single = origins_.size() - with_many_links_ >= kWorthForgetting;
+  auto at = origins_.begin();
+  forgotten_ = forgotten_ || (!single && at->second.many_links);
+  do {
+    const bool forget = !single || !at->second.many_links;
+    if (forget) unindex(at->first, at->second);
+    at = forget ? origins_.erase(at) : std::next(at);
+  } while (single && at != origins_.end());
 }
 
 void CopyOrigins::insert(const std::string &path, const Copy &copy) {
   if (const auto old = origins_.find(path); old != origins_.end()) {
     unindex(path, old->second);
   } else if (origins_.size() >= kMost) {
-    unindex(origins_.begin()->first, origins_.begin()->second);
-    origins_.erase(origins_.begin());
+    make_room();
   }
   origins_[path] = copy;
+  with_many_links_ += copy.many_links ? 1 : 0;
   paths_by_origin_[{copy.device, copy.inode}].insert(path);
   if (copy.copy != Object{}) paths_by_copy_[copy.copy].insert(path);
 }
@@ -54,12 +78,12 @@ void CopyOrigins::records_changed(const Object &copy) {
 void CopyOrigins::watch(const std::string &path, const Object &copy, const struct stat &status,
                         std::uint64_t ts, std::int64_t now) {
   if (same(path, status)) {
-    origins_[path].many_links = true;
+    set_many_links(origins_[path]);
     return;
   }
   if (microseconds(status.st_ctim) <= static_cast<std::int64_t>(ts)) {
     put(path, copy, status, false, now);
-    origins_[path].many_links = true;
+    set_many_links(origins_[path]);
   } else {
     watch(path);  // of an unknown object
   }
@@ -99,8 +123,8 @@ void CopyOrigins::linked(const std::string &existing, const std::string &path) {
   removed(path);
   const auto found = origins_.find(existing);
   if (found == origins_.end()) return;
-  found->second.many_links = true;
-  Copy copy = found->second;
+  set_many_links(found->second);
+  const Copy copy = found->second;
   insert(path, copy);
 }
 

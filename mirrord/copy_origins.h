@@ -3,7 +3,8 @@
  * Remembers which source object each path of the replica was copied from. Tells whether the source
  * still has the same object under the name, whether its data has changed since, and which names in
  * the replica belong to one file. Only copies made from the source are known here. A copy with
- * several names is remembered for long, others while they are pending. Memory: kMost paths.
+ * several names is remembered for long, others while they are pending. Memory: kMost paths; those
+ * with one name are forgotten first.
  */
 #ifndef TARN_MIRRORD_COPY_ORIGINS_H
 #define TARN_MIRRORD_COPY_ORIGINS_H
@@ -42,6 +43,8 @@ class CopyOrigins {
              std::uint64_t ts, std::int64_t now);
   /* The same if the source does not have the name any more. */
   void watch(const std::string &path) { insert(path, {.many_links = true}); }
+  /* Was a path with several names forgotten? */
+  bool has_forgotten() const { return forgotten_; }
   /* Is the path a copy of a source object? */
   bool has(const std::string &path) const { return origins_.contains(path); }
   /* Is it, or may it be, a copy of an object with unrecorded names? */
@@ -81,12 +84,16 @@ class CopyOrigins {
   using Index = std::map<Object, std::set<std::string>>;
 
   void insert(const std::string &path, const Copy &copy);
+  void set_many_links(Copy &copy);
+  void make_room();
   void unindex(const std::string &path, const Copy &copy);
   static void erase_path(Index &index, const Object &object, const std::string &path);
 
   std::map<std::string, Copy> origins_;
   Index paths_by_origin_; /* by the source's object */
   Index paths_by_copy_;   /* by the replica's */
+  std::size_t with_many_links_ = 0;
+  bool forgotten_ = false;
 };
 
 /* The replica's object under a path; zeros if there is none. */

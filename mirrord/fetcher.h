@@ -75,6 +75,7 @@ class Fetcher {
   Result<void> set_all_attributes(const std::string &path, const struct stat &status);
 
   CopyOrigins &origins() { return origins_; }
+  const CopyOrigins &origins() const { return origins_; }
 
   /* Returns the objects fetched since the last call that have several names in the source. */
   using Objects = std::map<std::pair<dev_t, ino_t>, struct stat>;

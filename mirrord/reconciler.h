@@ -80,6 +80,8 @@ class Reconciler {
   /* The paths whose objects have more names in the source than are known here: changes by these may
    * not be recorded, so a later Reconciler has to watch() the paths. */
   std::vector<std::string> with_names_outside();
+  /* Are those not all of them? */
+  bool more_names_outside() const { return fetcher_.origins().has_forgotten(); }
   void watch(const std::string &path) { fetcher_.origins().watch(path); }
   /* Call it before a record changes the data of the path's file: a copy from the source, perhaps
    * under another name, may be ahead of the record. */

@@ -199,7 +199,8 @@ void Target::note_clock() {
 /* What is changed by a name outside the rule no record tells. */
 void Target::keep_names_outside() {
   auto paths = engine_->applier->with_names_outside();
-  state_.more_names_outside = paths.size() > TargetState::kMostNamesOutside;
+  state_.more_names_outside =
+      paths.size() > TargetState::kMostNamesOutside || engine_->applier->more_names_outside();
   if (state_.more_names_outside) paths.clear();
   state_.names_outside = std::move(paths);
 }

@@ -43,6 +43,10 @@ bool same_mode(const struct stat &a, const struct stat &b) {
   return ((a.st_mode ^ b.st_mode) & kModeBits) == 0;
 }
 
+bool is_behind(const timespec &a, const timespec &b) {
+  return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
+}
+
 template <class T>
 Result<void> plain(const Result<T> &result) {
   if (!result) return result.error();
@@ -235,12 +239,14 @@ Result<bool> Fetcher::make_room(const std::string &path, const Source::Object &o
   return true;
 }
 
-/* Are both taken as having the same data without reading it? Of names that are not one file in the
- * source, but in the replica, the last ones have other numbers of links. */
+/* Are both taken as having the same data without reading it? Whoever writes a file can set its
+ * modification time back, but not its change time. Of names that are not one file in the source,
+ * but in the replica, the last ones have other numbers of links. */
 bool Fetcher::trusted(const struct stat &mine, const struct stat &theirs) const {
   return trust_ == Trust::kSizeAndTime && S_ISREG(theirs.st_mode) && S_ISREG(mine.st_mode) &&
          mine.st_size == theirs.st_size && same_time(mine.st_mtim, theirs.st_mtim) &&
-         mine.st_nlink == theirs.st_nlink && has_set_id(mine) == has_set_id(theirs);
+         !is_behind(theirs.st_ctim, mine.st_ctim) && mine.st_nlink == theirs.st_nlink &&
+         has_set_id(mine) == has_set_id(theirs);
 }
 
 /* An object of a remote source may leave its path before it is copied: then copies what the path

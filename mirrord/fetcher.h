@@ -33,9 +33,9 @@ class Fetcher {
  public:
   Fetcher(Source &source, Replica &replica) : source_(source), replica_(replica) {}
 
-  /* kSizeAndTime: a regular file whose size and modification time are equal on both sides is taken
-   * to have the same data, and only its attributes are compared. For copies that were made by this
-   * program or one that keeps times. */
+  /* kSizeAndTime: a regular file whose size and modification time are equal on both sides, and that
+   * has not been changed since its copy was, is taken to have the same data, and only its
+   * attributes are compared. For copies that were made by this program or one that keeps times. */
   enum class Trust { kNone, kSizeAndTime };
   void set_trust(Trust trust) { trust_ = trust; }
 

@@ -42,6 +42,9 @@ Result<std::unique_ptr<Target>> Target::open(Options options, Intake &intake, Wa
   target->end_lost_ =
       kept.log == to_string(intake.log().epoch()) && kept.position > target->options_.log_end;
   if (target->end_lost_) kept.position = target->options_.log_end;
+  struct stat source;
+  if (!target->options_.view && stat(target->options_.source_directory.c_str(), &source) == 0)
+    target->source_ = source;
   target->uuid_ = target->state_.uuid;
   target->needed_ = target->state_.position;
   MutexLock lock(target->mutex_);
@@ -220,6 +223,7 @@ void Target::take_work() {
 }
 
 Result<void> Target::attach() {
+  if (const auto source = check_source(); !source) return source;
   const auto there = identify_directory(options_.directory);
   if (!there) return there.error();
   if (const auto checked = check_identity(*there); !checked) return checked;
@@ -251,6 +255,16 @@ Result<void> Target::attach() {
     return saved;
   }
   return {};
+}
+
+/* To compare with another directory in the source's place would remove everything here. */
+Result<void> Target::check_source() const {
+  if (!source_) return {};
+  struct stat now;
+  if (stat(options_.source_directory.c_str(), &now) == 0 && same_object(now, *source_)) return {};
+  return Error{-ENODEV, fmt::format("{} is not the directory any more that it was when mirrord was "
+                                    "started: put it back, or restart mirrord",
+                                    printable(options_.source_directory))};
 }
 
 /* Another directory than before is only taken if that is what somebody must have meant. */

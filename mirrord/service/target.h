@@ -120,6 +120,7 @@ class Target {
   Result<void> until_taken(bool Target::*request) EXCLUDES(mutex_);
   bool asked_locked() const REQUIRES(mutex_);
   Result<void> attach();
+  Result<void> check_source() const;
   Result<void> check_identity(const DirectoryIdentity &there);
   Result<void> close_to_others();
   void note_lost_end();
@@ -175,6 +176,7 @@ class Target {
   bool walk_failed_ = false;           /* what it found could not be copied */
   bool walked_ = false;                /* it has ended: the next mark ends `missing_since` */
   std::int64_t last_captured_ = 0;     /* the latest record before the next mark */
+  std::optional<struct stat> source_;  /* of this host: its directory when it was opened */
   std::set<std::string> suspects_;     /* copied from the source at the next mark */
   DirectoryIdentity identity_;
   Clock::time_point published_at_{}, saved_at_{}, checked_at_{}, walk_retry_at_{}, walk_started_{};

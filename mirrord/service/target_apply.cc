@@ -115,6 +115,7 @@ Result<void> Target::write_back() {
 }
 
 Result<void> Target::apply_mark(const MarkEntry &mark) {
+  if (const auto source = check_source(); !source) return source;
   Applier &applier = *engine_->applier;
   // During a first copy all is compared by the walk.
   const bool copying = state_.missing_since == kSinceEver && !walked_;
@@ -224,6 +225,7 @@ void Target::apply_walk_begin(const WalkBeginEntry &walk, LogPosition position) 
 
 Result<void> Target::apply_look(const LookEntry &look) {
   if (!walk_ || walk_->walk != look.walk) return {};
+  if (const auto source = check_source(); !source) return source;
   std::optional<std::int64_t> since = walk_->since;
   if (since == kSinceEver) since.reset();
   if (state_.compare_data) since = kBeforeAll;

@@ -119,6 +119,28 @@ TEST_F(TargetPlacesTest, a_file_system_that_is_not_mounted_is_not_replaced) {
   EXPECT_EQ(umount2(copy_.c_str(), MNT_DETACH), 0);
 }
 
+/* Nor is the target emptied because of it. */
+TEST_F(TargetPlacesTest, another_directory_in_the_source_s_place_is_not_compared_with) {
+  write_unseen("f", "1");
+  start();
+  expect_equal_trees();
+  fs::rename(source_, dir_ / "elsewhere");
+  fs::create_directory(source_);
+  write("g", "in the other one");
+  EXPECT_EQ(target_->wait(mark(), steady_clock::now() + std::chrono::seconds(9)).error().code,
+            -EIO);
+  ASSERT_TRUE(becomes("held"));
+  EXPECT_NE(error().find("put it back"), std::string::npos) << error();
+  EXPECT_TRUE(fs::exists(in_target("f")));
+  ASSERT_TRUE(target_->pause().ok());  // it is opened anew
+  ASSERT_TRUE(target_->resume().ok());
+  EXPECT_TRUE(becomes("away"));
+  EXPECT_TRUE(fs::exists(in_target("f")));
+  fs::remove_all(source_);
+  fs::rename(dir_ / "elsewhere", source_);
+  expect_equal_trees();
+}
+
 /* A target on a small file system with something else on it. */
 class FullTargetTest : public TargetPlacesTest {
  protected:

@@ -35,19 +35,37 @@ Result<std::string> own_program() {
   return path;
 }
 
-/* A source that is not mounted is an empty directory: all would be removed in the targets. */
-Result<void> check_source(const SourceConfig &source, const std::string &file) {
+Result<nlohmann::json> identity_of(const SourceConfig &source) {
   const auto there = identify_directory(source.directory);
   if (!there) return there.error();
+  return nlohmann::json{{"object", there->object}, {"mount_point", there->mount_point}};
+}
+
+/* A source that is not mounted is an empty directory: all would be removed in the targets. False:
+ * which one it was before is not known. */
+Result<bool> check_source(const SourceConfig &source, const std::string &file) {
+  const auto now = identity_of(source);
+  if (!now) return now.error();
   const auto known = read_document(file);
   if (!known) return known.error();
-  const nlohmann::json now = {{"object", there->object}, {"mount_point", there->mount_point}};
-  if (!*known) return write_document(file, now);
-  if (**known == now) return {};
+  if (!*known) return false;
+  if (**known == *now) return true;
   return Error{-ENODEV,
                fmt::format("source {}: {} is another directory than before: mount it; if it was "
                            "replaced on purpose, remove {}",
                            source.name, printable(source.directory), printable(file))};
+}
+
+/* From now on it is that one. What targets have of another one is compared as a whole. */
+Result<void> accept_source(const SourceConfig &source, const std::string &file, Intake &intake) {
+  const auto now = identity_of(source);
+  if (!now) return now.error();
+  if (intake.log().end() != 1) {
+    intake.gap(Intake::Missing::kEverything,
+               "it is not known whether the source's directory is the one of before");
+    if (const auto saved = intake.save(); !saved) return saved;
+  }
+  return write_document(file, *now);
 }
 
 }  // namespace
@@ -152,7 +170,9 @@ Result<std::unique_ptr<Service>> Service::open(Config config, const Site &site,
 Result<void> Service::open_source(const SourceConfig &config) {
   const auto directory = state_.source(config.name);
   if (!directory) return directory.error();
-  if (const auto same = check_source(config, *directory + "/source.json"); !same) return same;
+  const std::string identity = *directory + "/source.json";
+  const auto same = check_source(config, identity);
+  if (!same) return same.error();
   auto source = std::make_unique<ReplicatedSource>(config);
   auto rule_text = make_workdir(source->lists);
   if (!rule_text) return rule_text.error();
@@ -162,6 +182,9 @@ Result<void> Service::open_source(const SourceConfig &config) {
                               .rule_text = std::move(*rule_text)});
   if (!intake) return intake.error();
   source->intake = std::move(*intake);
+  if (!*same) {
+    if (const auto kept = accept_source(config, identity, *source->intake); !kept) return kept;
+  }
   ReplicatedSource *raw = source.get();
   source->intake->set_make_room([raw] { return raw->make_room(); });
   source->walker = std::make_unique<Walker>(

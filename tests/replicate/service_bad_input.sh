@@ -139,7 +139,16 @@ mv "$T/lower" "$T/lower.away"
 mkdir "$T/lower"
 refused 1 "another directory than before"
 [ -e "$T/replica/more" ] || fail "the target was emptied"
-rmdir "$T/lower"
+# On purpose, somebody says: what the target has of the other one is compared.
+echo other >"$T/lower/file"
+rm "$T/service/data/source.json"
+tarn mount "$T/lower" "$T/mnt"
+start_service
+equal replica
+grep -q 'GAP: it is not known whether' "$T/service.err" || fail "another source, and no gap: $(cat "$T/service.err")"
+stop_service
+tarn umount "$T/mnt"
+rm -r "$T/lower" "$T/service/data/source.json"
 refused_configuration "$T/lower"
 mv "$T/lower.away" "$T/lower"
 tarn mount "$T/lower" "$T/mnt"

@@ -18,9 +18,6 @@ using Json = nlohmann::json;
 
 constexpr std::chrono::milliseconds kWriteInterval{500};
 
-/* Records of before the clock was set may come so long after it. */
-constexpr std::chrono::seconds kOldRecords{60};
-
 std::string without_clock(Json document) {
   document.erase("clock");
   return document.dump();
@@ -230,7 +227,7 @@ void Intake::watch_clock_locked() {
     say(Level::kNotice, options_.name, "the clock was set back");
   }
   if (set_back_ != std::chrono::steady_clock::time_point{} &&
-      std::chrono::steady_clock::now() - set_back_ < kOldRecords)
+      std::chrono::steady_clock::now() - set_back_ < kLateRecords)
     received_.set_back_at = log_->end();
   if (clock_.boot != now.boot || clock_.ahead < now.ahead) clock_ = now;
   clock_.wall = now.wall;
@@ -274,7 +271,8 @@ std::int64_t Intake::missing_since_locked(Missing missing) const {
   const std::int64_t last = received_.last_record;
   const bool set_back =
       received_.last_record_at <= received_.set_back_at || last > now_us() + kClockSlackUs;
-  return missing == Missing::kEverything || last == 0 || set_back ? kSinceEver : last;
+  if (missing == Missing::kEverything || last == 0 || set_back) return kSinceEver;
+  return last - kLateRecords.count();
 }
 
 void Intake::declare(std::int64_t since, const std::string &reason) {

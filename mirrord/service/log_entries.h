@@ -16,6 +16,7 @@
 #ifndef TARN_MIRRORD_SERVICE_LOG_ENTRIES_H
 #define TARN_MIRRORD_SERVICE_LOG_ENTRIES_H
 
+#include <chrono>
 #include <cstdint>
 #include <limits>
 #include <string>
@@ -38,6 +39,10 @@ enum class EntryKind : std::uint8_t {
 
 /* Times in entries are microseconds since the epoch. */
 inline constexpr std::int64_t kSinceEver = std::numeric_limits<std::int64_t>::min();
+
+/* A call may last, and its program or tarnd be stopped in it, so that the record of its change
+ * comes into the log so long after the change. Then later changes are in the log already. */
+inline constexpr std::chrono::microseconds kLateRecords = std::chrono::seconds(60);
 
 /* Changes since then may be missing in the log. */
 struct GapEntry {

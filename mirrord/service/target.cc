@@ -487,7 +487,7 @@ std::int64_t Target::since_until() const {
   const auto now = source_now();
   const bool set_back =
       state_.position <= intake_.clock_set_back_at() || !now || state_.until > *now;
-  return set_back ? kSinceEver : state_.until;
+  return set_back ? kSinceEver : state_.until - kLateRecords.count();
 }
 
 void Target::missing(std::int64_t since, LogPosition position, const std::string &why) {

@@ -209,15 +209,23 @@ void Target::note_request_locked(const Result<void> &saved) {
 
 /* What the engine remembers of the directory is not true any more afterwards. */
 void Target::take_work() {
-  const std::function<void()> *work = nullptr;
+  Work *work = nullptr;
   {
     MutexLock lock(mutex_);
     work = work_;
   }
   if (!work) return;
   detach();
-  (*work)();
+  // The records behind the position are older than what it may copy.
+  if (std::exchange(state_.clean, false)) {
+    if (const auto written = write_target_state(options_.state_file, state_); !written)
+      failed("the state", written.error());
+  }
+  const auto there = identify_directory(options_.directory);
+  const bool ours = there && state_.identity && *there == *state_.identity;
+  if (ours) work->run();
   MutexLock lock(mutex_);
+  work->done = ours;
   work_ = nullptr;
   changed_.notify_all();
 }

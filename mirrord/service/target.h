@@ -85,8 +85,8 @@ class Target {
    * held or away. */
   Result<void> wait(std::uint64_t mark, Clock::time_point end) EXCLUDES(mutex_);
 
-  /* Runs `work`, which may change the directory, in the target's thread between two entries. Error
-   * -EIO: the target is ending. */
+  /* Runs `work`, which may change the directory, in the target's thread between two entries.
+   * Errors: -EIO: the target is ending; -ENODEV: another directory is in its place. */
   Result<void> between_entries(const std::function<void()> &work) EXCLUDES(mutex_);
 
   /* The log's entries before it are not needed any more. */
@@ -197,7 +197,11 @@ class Target {
   bool resync_ GUARDED_BY(mutex_) = false;
   std::optional<Error> request_error_ GUARDED_BY(mutex_); /* the last one is not in the file */
   bool skip_ GUARDED_BY(mutex_) = false;
-  const std::function<void()> *work_ GUARDED_BY(mutex_) = nullptr;
+  struct Work {
+    const std::function<void()> &run;
+    bool done = false;
+  };
+  Work *work_ GUARDED_BY(mutex_) = nullptr;   /* between_entries() waits for it */
   bool ended_ GUARDED_BY(mutex_) = true;      /* the thread does not run */
   std::string held_entry_ GUARDED_BY(mutex_); /* "": not held */
   Phase phase_ GUARDED_BY(mutex_) = Phase::kStarting;

@@ -117,18 +117,22 @@ Result<void> Target::resync() {
 }
 
 Result<void> Target::between_entries(const std::function<void()> &work) {
+  Work mine{work};
   MutexLock lock(mutex_);
   while (work_ && !ended_) changed_.wait(lock);
   if (ended_) return Error{-EIO, about() + " is ending"};
-  work_ = &work;
+  work_ = &mine;
   changed_.notify_all();
   lock.unlock();
   intake_.log().wake();
   lock.lock();
-  while (work_ == &work && !ended_) changed_.wait(lock);
-  if (work_ != &work) return {};
-  work_ = nullptr;
-  return Error{-EIO, about() + " is ending"};
+  while (work_ == &mine && !ended_) changed_.wait(lock);
+  if (work_ == &mine) {
+    work_ = nullptr;
+    return Error{-EIO, about() + " is ending"};
+  }
+  if (mine.done) return {};
+  return Error{-ENODEV, about() + " is away: 'mirrord status' says why"};
 }
 
 Result<std::string> Target::skip() {

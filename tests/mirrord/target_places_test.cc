@@ -96,6 +96,22 @@ TEST_F(TargetPlacesTest, a_directory_that_is_away_is_waited_for) {
   expect_equal_trees();
 }
 
+/* As a repair that was asked for before. */
+TEST_F(TargetPlacesTest, nothing_works_on_another_directory_in_its_place) {
+  start();
+  expect_equal_trees();
+  fs::rename(copy_, dir_ / "elsewhere");
+  fs::create_directory(copy_);
+  put_content(in_target("precious"), "of somebody else");
+  EXPECT_EQ(target_->between_entries([] { FAIL(); }).error().code, -ENODEV);
+  fs::remove_all(copy_);
+  EXPECT_EQ(target_->between_entries([] { FAIL(); }).error().code, -ENODEV);
+  fs::rename(dir_ / "elsewhere", copy_);
+  bool done = false;
+  EXPECT_TRUE(target_->between_entries([&] { done = true; }).ok());
+  EXPECT_TRUE(done);
+}
+
 /* The mount point below it is an empty directory, which is not the target. */
 TEST_F(TargetPlacesTest, a_file_system_that_is_not_mounted_is_not_replaced) {
   if (geteuid() != 0) GTEST_SKIP() << "mounts";

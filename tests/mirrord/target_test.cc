@@ -344,6 +344,27 @@ TEST_F(TargetTest, work_between_entries_has_the_directory_to_itself) {
   open_target();
 }
 
+/* A repair of a paused target, for example: it copies what is behind the position. */
+TEST_F(TargetTest, records_do_not_undo_work_between_entries) {
+  start();
+  write("a", "old");
+  write("c", "another");
+  expect_equal_trees();
+  ASSERT_TRUE(target_->pause().ok());
+  ASSERT_TRUE(saved().clean);
+  rename("a", "c");
+  write("a", "new");
+  ASSERT_TRUE(target_
+                  ->between_entries([&] {
+                    put_content(in_target("c"), "old");
+                    put_content(in_target("a"), "new");
+                  })
+                  .ok());
+  EXPECT_FALSE(saved().clean);
+  ASSERT_TRUE(target_->resume().ok());
+  expect_equal_trees();
+}
+
 /* It would take minutes. */
 TEST_F(TargetTest, a_slow_copy_is_interrupted_by_a_stop_and_made_at_the_next_start) {
   write_unseen("large", std::string(8 << 20, 'x'));

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "mirrord/fetcher.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -134,6 +135,7 @@ Result<struct stat> Fetcher::fill(const std::string &path, SourceFile &source,
   if (!file) return file.error();
   struct stat mine;
   if (fstat(*file, &mine) != 0) return system_error(errno, "the replica's file cannot be read");
+  if (from_disk_) (void)posix_fadvise(*file, 0, 0, POSIX_FADV_DONTNEED);
   const auto size = static_cast<std::uint64_t>(theirs.st_size);
   const auto now = data_.copy({source, *file, static_cast<std::uint64_t>(mine.st_size)}, from,
                               std::min(to, size));

@@ -38,6 +38,9 @@ class Fetcher {
    * attributes are compared. For copies that were made by this program or one that keeps times. */
   enum class Trust { kNone, kSizeAndTime };
   void set_trust(Trust trust) { trust_ = trust; }
+  /* The replica's data is compared as it is on the disk. Memory may have what a write that failed
+   * late was to write. */
+  void set_from_disk(bool from_disk) { from_disk_ = from_disk; }
 
   /* How much of the source's data is read per second. 0: no limit. */
   void set_rate(std::uint64_t bytes_per_second) { data_.pace().set_rate(bytes_per_second); }
@@ -118,6 +121,7 @@ class Fetcher {
   Source &source_;
   Replica &replica_;
   Trust trust_ = Trust::kNone;
+  bool from_disk_ = false;
   DataCopier data_;
   XattrCopier xattrs_;
   CopyOrigins origins_;

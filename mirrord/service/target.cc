@@ -471,7 +471,11 @@ Result<void> Target::save(bool clean) {
   keep_names_outside();
   state_.clean = clean;
   if (clean) state_.position = position_;
-  if (const auto synced = engine_->replica.sync(); !synced) return synced;
+  if (const auto synced = engine_->replica.sync(); !synced) {
+    writes_lost(synced.error());
+    return synced;
+  }
+  if (std::exchange(writes_lost_, false)) look_for_missing(intake_.log().end());
   // A log that loses its end gives the positions to other entries.
   if (state_.position > intake_.log().durable_end()) {
     if (const auto logged = intake_.log().sync(); !logged) return logged;
@@ -481,6 +485,22 @@ Result<void> Target::save(bool clean) {
   if (!claim_dropped_) needed_ = state_.position;
   unsaved_ = false;
   return {};
+}
+
+/* The file system tells once that it has not kept something, and not what. It may be lost with what
+ * is in memory, so the next process has to know it. */
+void Target::writes_lost(const Error &error) {
+  if (std::exchange(writes_lost_, true)) return;
+  state_.compare_data = true;
+  missing(kSinceEver, intake_.log().end(), "written data may be lost: " + error.text);
+  auto kept = read_target_state(options_.state_file);
+  if (!kept || !*kept) return;  // all is compared without a state
+  (*kept)->missing_since = kSinceEver;
+  (*kept)->compare_data = true;
+  (*kept)->clean = false;
+  ++(*kept)->gaps;
+  if (const auto written = write_target_state(options_.state_file, **kept); !written)
+    failed("the state", written.error());
 }
 
 /* The source's clock; of another host's, only while it is looked at. */
@@ -506,6 +526,11 @@ void Target::missing(std::int64_t since, LogPosition position, const std::string
     state_.compare_data = true;  // times may have been copied ahead of the data
   }
   state_.missing_since = std::min(state_.missing_since.value_or(since), since);
+  look_for_missing(position);
+}
+
+/* By a walk that begins there. */
+void Target::look_for_missing(LogPosition position) {
   missing_at_ = position;
   walk_.reset();
   walked_ = false;

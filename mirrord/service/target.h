@@ -149,8 +149,10 @@ class Target {
   void keep_names_outside();
   void watch_names_outside();
   void missing(std::int64_t since, LogPosition position, const std::string &why);
+  void look_for_missing(LogPosition position);
   void failed(const std::string &what, const Error &error);
   Result<void> save(bool clean);
+  void writes_lost(const Error &error);
   void set_phase(Phase phase, const std::string &error = "") EXCLUDES(mutex_);
   void publish(std::int64_t entry_time_ns) EXCLUDES(mutex_);
   bool sleep(Clock::duration time) EXCLUDES(mutex_);
@@ -181,7 +183,8 @@ class Target {
   DirectoryIdentity identity_;
   Clock::time_point published_at_{}, saved_at_{}, checked_at_{}, walk_retry_at_{}, walk_started_{};
   bool unsaved_ = false;
-  bool end_lost_ = false; /* of the log: the position was behind it */
+  bool writes_lost_ = false; /* the last sync of the directory has failed */
+  bool end_lost_ = false;    /* of the log: the position was behind it */
 
   std::thread thread_;
   std::atomic<LogPosition> needed_ = 0;

@@ -164,7 +164,7 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
   if (!suspects_.empty()) return {};
   last_captured_ = 0;
   if (walked_) note_clock();
-  if (walked_) {
+  if (walked_ && !writes_lost_) {
     state_.missing_since.reset();
     state_.compare_data = false;
     state_.gaps = state_.skipped;
@@ -229,6 +229,7 @@ Result<void> Target::apply_look(const LookEntry &look) {
   std::optional<std::int64_t> since = walk_->since;
   if (since == kSinceEver) since.reset();
   if (state_.compare_data) since = kBeforeAll;
+  engine_->applier->fetcher().set_from_disk(state_.compare_data);
   auto looked = engine_->applier->look(look.directory, since);
   if (const auto kept = write_back(); !kept) return kept;
   if (!looked && !holds_target(looked.error())) {

@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: GPL-2.0
 // A target whose source cannot be read in parts: what was not copied is tried again or missing,
 // whatever else went wrong.
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <map>
@@ -8,6 +13,22 @@
 #include "mirrord/local_source.h"
 #include "tests/mirrord/target_kit.h"
 #include "tests/replicate/programs.h"
+
+namespace {
+
+std::atomic<int> failing_syncs = 0;
+
+}  // namespace
+
+// In place of libc's in this program: the next ones fail, as for a disk that has not kept all.
+extern "C" int syncfs(int fd) {
+  if (failing_syncs > 0) {
+    --failing_syncs;
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_syncfs, fd));
+}
 
 namespace tarn::test {
 namespace {
@@ -54,7 +75,18 @@ class TargetErrorsTest : public TargetTest {
   TargetErrorsTest() {
     view_ = [this] { return std::make_unique<FailingSource>(source_, errors_); };
   }
-  ~TargetErrorsTest() override { drop_target(); }
+  ~TargetErrorsTest() override {
+    drop_target();
+    failing_syncs = 0;
+  }
+  /* As a disk does that has lost what was written, but not the times. */
+  void lose(const std::string &name) const {
+    struct stat status;
+    ASSERT_EQ(stat(in_target(name).c_str(), &status), 0);
+    put_content(in_target(name), std::string(static_cast<std::size_t>(status.st_size), '\0'));
+    const timespec times[] = {status.st_atim, status.st_mtim};
+    ASSERT_EQ(utimensat(AT_FDCWD, in_target(name).c_str(), times, 0), 0);
+  }
 
   Errors errors_;
 };
@@ -97,6 +129,32 @@ TEST_F(TargetErrorsTest, a_walk_that_was_asked_for_looks_back_to_what_was_not_co
   ASSERT_TRUE(eventually([&] { return target_->report().failures != 0; }));
   errors_.clear();
   expect_equal_trees();
+}
+
+/* The next sync succeeds, though the data is lost. */
+TEST_F(TargetErrorsTest, what_the_disk_has_lost_is_found) {
+  write_unseen("f", "1");
+  start();
+  expect_equal_trees();
+  failing_syncs = 1;
+  write("g", "2");
+  ASSERT_TRUE(equal());
+  ASSERT_TRUE(eventually([&] { return failing_syncs == 0; })) << "it saves from time to time";
+  lose("f");
+  expect_equal_trees();
+}
+
+TEST_F(TargetErrorsTest, what_the_disk_has_lost_is_found_by_the_next_process) {
+  write_unseen("f", "1");
+  start();
+  expect_equal_trees();
+  failing_syncs = 1;
+  stop();
+  ASSERT_EQ(failing_syncs, 0);
+  lose("f");
+  start();
+  expect_equal_trees();
+  EXPECT_EQ(target_->report().gaps, 0u);
 }
 
 }  // namespace

@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -21,6 +23,22 @@
 #include "tests/mirrord/service_kit.h"
 #include "tests/replicate/fake_tarnd.h"
 #include "tests/replicate/run_program.h"
+
+namespace {
+
+std::atomic<const char *> failing_name = nullptr;
+
+}  // namespace
+
+// In place of libc's in this program: a disk does not tell about that name.
+extern "C" int fstatat(int directory, const char *path, struct stat *status, int flags) noexcept {
+  const char *failing = failing_name;
+  if (failing != nullptr && strcmp(path, failing) == 0) {
+    errno = EIO;
+    return -1;
+  }
+  return static_cast<int>(syscall(SYS_newfstatat, directory, path, status, flags));
+}
 
 namespace tarn {
 namespace {
@@ -217,6 +235,17 @@ TEST_F(WalkerTest, an_unreadable_directory_is_told_and_the_rest_is_walked) {
   EXPECT_EQ(all.complete, false);
   EXPECT_EQ(all.looks, (Paths{"", "a", "a/d", "e"}));
   EXPECT_EQ(walk(kSinceEver).complete, true) << "the next walk sees it";
+}
+
+/* It may be a directory, in which something has changed. */
+TEST_F(WalkerTest, what_cannot_be_looked_at_is_not_passed_over) {
+  start();
+  const std::int64_t since = age_all();
+  failing_name = "d";
+  const Walk some = walk(since);
+  failing_name = nullptr;
+  EXPECT_EQ(some.looks, Paths{"a"});
+  EXPECT_EQ(walk(since).looks, Paths{});
 }
 
 TEST_F(WalkerTest, stops_in_the_middle) {

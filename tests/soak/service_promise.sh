@@ -26,7 +26,7 @@ cleanup_test() {
   if [ -n "$FAILED_RUN" ]; then
     rm -rf "$OUTPUT"
     mkdir -p "$OUTPUT"
-    for kept in lower service.err mirrord.toml state-disk run/tarnd.log journals; do cp -a "$T/$kept" "$OUTPUT"; done
+    for kept in lower service.err mirrord.toml state-disk run/tarnd.log journals manager; do cp -a "$T/$kept" "$OUTPUT"; done
     for disk in "$T"/disk-*; do cp -a "$disk" "$OUTPUT"; done
     echo "the trees are in $OUTPUT" >&2
   fi

@@ -20,6 +20,7 @@ def main(asked, kind):
     except (Failed, subprocess.TimeoutExpired) as failed:
         say("FAILED: %s" % failed)
         if driver:
+            driver.say_what_ended()
             say("what was done last: %s" % "; ".join(driver.done[-LAST:]))
         say("again: %s" % asked.again())
         return 1

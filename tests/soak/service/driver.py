@@ -71,6 +71,14 @@ class Driver:
             if code != MOUNT_ENDED:
                 raise Failed("worker %d has ended with %d" % (index, code))
 
+    def say_what_ended(self):
+        """Who does not answer may have ended: the service manager tells when it starts it again."""
+        time.sleep(1)
+        try:
+            self.watch()
+        except Failed as failed:
+            say(str(failed))
+
     def work(self, seconds):
         end = time.monotonic() + seconds
         while time.monotonic() < end:

@@ -65,6 +65,12 @@ class FailingSource final : public LocalSource {
     if (const int err = errors_.of(path); err != 0) return system_error(err, "the source");
     return LocalSource::find(path);
   }
+  /* Of the source itself: what the test names lies in it. */
+  Result<std::optional<Object>> child(const Object &directory,
+                                      const DirectoryEntry &entry) override {
+    if (const int err = errors_.of(entry.name); err != 0) return system_error(err, "the source");
+    return LocalSource::child(directory, entry);
+  }
 
  private:
   const Errors &errors_;

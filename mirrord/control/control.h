@@ -40,8 +40,9 @@ struct TargetReport {
   std::uint64_t applied = 0, failures = 0;
   std::uint64_t gaps = 0; /* declared and not healed yet */
   std::uint64_t skipped = 0;
-  double progress = -1;     /* 0..1 of a copy or a healing; -1: there is none */
-  double seconds_left = -1; /* -1: unknown */
+  double progress = -1;         /* 0..1 of a copy or a healing; -1: there is none */
+  double seconds_left = -1;     /* -1: unknown */
+  double bytes_per_second = -1; /* that it reads of the source, on average; -1: there is none */
   /* Since the last report of a replica on another host; -1: none came since the service started, or
    * it is no replica. */
   double contact_seconds = -1;

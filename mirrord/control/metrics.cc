@@ -167,6 +167,9 @@ void add_targets(Text &text) {
                        &TargetReport::progress);
   text.of_some_targets("target_left_seconds", "How long that is expected to last still.",
                        &TargetReport::seconds_left);
+  text.of_some_targets("target_read_bytes_per_second",
+                       "How much it reads of the source meanwhile, on average.",
+                       &TargetReport::bytes_per_second);
 }
 
 Error cannot_write(const std::string &file, int err) {

@@ -125,6 +125,7 @@ void each_target_field(Report &target, F field) {
   field("skipped", target.skipped);
   field("progress", target.progress);
   field("seconds_left", target.seconds_left);
+  field("bytes_per_second", target.bytes_per_second);
   field("contact_seconds", target.contact_seconds);
 }
 

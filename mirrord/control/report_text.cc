@@ -55,6 +55,12 @@ std::string percent_text(double part) {
   return part >= 0 ? fmt::format("{:.0f} %", std::min(part, 1.0) * 100) : "-";
 }
 
+std::string rate_text(double bytes_per_second) {
+  if (!(bytes_per_second >= 0)) return "-";
+  constexpr double kMost = 1e18;  // of what size_text() takes
+  return size_text(static_cast<std::uint64_t>(std::min(bytes_per_second, kMost))) + "/s";
+}
+
 std::string full_name(const SourceReport &source, const TargetReport &target) {
   return printable(source.name + "/" + target.name);
 }
@@ -85,6 +91,7 @@ Row target_row(const SourceReport &source, const TargetReport &target) {
           size_text(target.lag_bytes),
           time_text(target.lag_seconds),
           percent_text(target.progress),
+          rate_text(target.bytes_per_second),
           time_text(target.seconds_left),
           fmt::format("{}", target.applied),
           fmt::format("{}", target.failures),
@@ -95,8 +102,8 @@ Row target_row(const SourceReport &source, const TargetReport &target) {
 
 std::string targets_of(const SourceReport &source) {
   if (source.targets.empty()) return "  no target\n";
-  std::vector<Row> rows = {{"TARGET", "STATE", "BEHIND", "BYTES", "TIME", "DONE", "LEFT", "APPLIED",
-                            "FAILURES", "GAPS", "SKIPPED", "DIRECTORY"}};
+  std::vector<Row> rows = {{"TARGET", "STATE", "BEHIND", "BYTES", "TIME", "DONE", "RATE", "LEFT",
+                            "APPLIED", "FAILURES", "GAPS", "SKIPPED", "DIRECTORY"}};
   for (const TargetReport &target : source.targets) rows.push_back(target_row(source, target));
   std::string text = table(rows, "  ");
   for (const TargetReport &target : source.targets) {

@@ -175,6 +175,7 @@ class Target {
   LogPosition position_ = 0;           /* of the next entry to apply */
   LogPosition missing_at_ = 0;         /* a walk that begins before it is too early */
   std::optional<WalkBeginEntry> walk_; /* under way in the log, and of use here */
+  std::uint64_t read_before_walk_ = 0; /* bytes of the source */
   bool walk_failed_ = false;           /* what it found could not be copied */
   bool walked_ = false;                /* it has ended: the next mark ends `missing_since` */
   std::int64_t last_captured_ = 0;     /* the latest record before the next mark */
@@ -212,6 +213,7 @@ class Target {
   TargetState shown_ GUARDED_BY(mutex_);      /* with the present position */
   std::uint64_t mark_ GUARDED_BY(mutex_) = 0; /* applied, with nothing missing */
   double progress_ GUARDED_BY(mutex_) = -1, seconds_left_ GUARDED_BY(mutex_) = -1;
+  double bytes_per_second_ GUARDED_BY(mutex_) = -1;
   std::int64_t entry_time_ns_ GUARDED_BY(mutex_) = 0; /* of the last applied entry */
 };
 

@@ -180,7 +180,7 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
     MutexLock lock(mutex_);
     mark_ = mark.number;
     shown_ = state_;  // whoever waits for the mark asks then
-    progress_ = seconds_left_ = -1;
+    progress_ = seconds_left_ = bytes_per_second_ = -1;
     error_.clear();
     changed_.notify_all();
   }
@@ -221,6 +221,7 @@ void Target::apply_walk_begin(const WalkBeginEntry &walk, LogPosition position) 
   walk_ = walk;
   walked_ = walk_failed_ = false;
   walk_started_ = Clock::now();
+  read_before_walk_ = engine_->applier->fetcher().data().bytes_read();
 }
 
 Result<void> Target::apply_look(const LookEntry &look) {
@@ -239,9 +240,11 @@ Result<void> Target::apply_look(const LookEntry &look) {
   }
   const double done = static_cast<double>(look.done) / LookEntry::kWhole;
   const double seconds = std::chrono::duration<double>(Clock::now() - walk_started_).count();
+  const std::uint64_t read = engine_->applier->fetcher().data().bytes_read() - read_before_walk_;
   MutexLock lock(mutex_);
   progress_ = done;
   seconds_left_ = done > 0 ? seconds / done * (1 - done) : -1;
+  bytes_per_second_ = seconds > 0 ? static_cast<double>(read) / seconds : -1;
   return looked;
 }
 

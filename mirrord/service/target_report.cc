@@ -52,6 +52,7 @@ TargetReport Target::report() const {
   report.skipped = shown_.skipped;
   report.progress = progress_;
   report.seconds_left = seconds_left_;
+  report.bytes_per_second = bytes_per_second_;
   if (paused_)
     report.state = "paused";
   else if (phase_ == Phase::kAway)

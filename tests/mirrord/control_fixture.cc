@@ -44,6 +44,7 @@ ServiceReport sample_report() {
   usb.skipped = 2;
   usb.progress = 0.25;
   usb.seconds_left = 7200;
+  usb.bytes_per_second = 2.5 * (1 << 20);
   SourceReport data{.name = "data",
                     .directory = "/srv/data",
                     .rule = "6F9619FF-8B86-D011-B42D-00C04FC964FF",

@@ -116,6 +116,7 @@ TEST(ControlMetrics, each_number_of_the_report_is_a_sample) {
   EXPECT_EQ(value("target_gaps", usb), 0);
   EXPECT_EQ(value("target_progress_ratio", usb), 0.25);
   EXPECT_EQ(value("target_left_seconds", usb), 7200);
+  EXPECT_EQ(value("target_read_bytes_per_second", usb), 2.5 * (1 << 20));
   EXPECT_EQ(value("target_left_seconds", {{"source", "home"}, {"target", "far"}}), -77)
       << "unknown";
   Labels state = usb;

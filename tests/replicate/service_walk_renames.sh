@@ -19,6 +19,7 @@ under_way() { [ -n "$(field progress | awk '$1 > 0.2')" ]; }
 exchange() { # FROM TO: their endings
   local other
   wait_until 60 "the walk is under way" under_way
+  [ -n "$(field bytes_per_second | awk '$1 > 0')" ] || fail "it reads nothing: $(service_status)"
   for i in $(seq $COUNT); do
     other="$T/mnt/d$((COUNT + 1 - i))"
     mv "$T/mnt/d$i/x$1" "$other/x$2"

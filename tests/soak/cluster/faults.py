@@ -22,8 +22,8 @@ LOSES_NOTHING |= {"kill", "kill-twice", "stop", "restart", "freeze", "kill-tarnd
 
 
 def fault(*needs, weight=2, loses=False):
-    def take(function):
-        name = function.__name__.replace("_", "-")
+    def take(function, name=None):
+        name = name or function.__name__.replace("_", "-")
         ALL[name] = Fault(name, needs, weight, function)
         if not loses:
             LOSES_NOTHING.add(name)
@@ -31,28 +31,63 @@ def fault(*needs, weight=2, loses=False):
     return take
 
 
-def some(d, servers):
-    return d.rng.sample(servers, d.rng.randrange(1, len(servers) + 1))
+def lasting(name, needs, weight, choose, begin, end):
+    """The same is done to each of those chosen, and undone after a while."""
+    def function(d):
+        chosen = choose(d)
+        for one in chosen:
+            begin(d, one)
+        yield
+        for one in chosen:
+            end(d, one)
+    fault(needs, weight=weight)(function, name)
 
 
-@fault("servers", weight=4)
-def kill_leader(d):
-    led = d.servers.leader() or d.rng.choice(d.servers.all)
-    led.kill()
-    yield
-    led.start()
+def some_servers(d):
+    return d.rng.sample(d.servers.all, d.rng.randrange(1, len(d.servers.all) + 1))
 
 
-@fault("servers", weight=4)
-def kill_servers(d):
-    """One, some or all of them."""
-    killed = some(d, d.servers.all)
-    for server in killed:
-        server.kill()
-    yield
-    for server in killed:
-        server.start()
-        d.work(d.rng.choice([0, 0, 0.5]))
+def some_hosts(d, most):
+    return d.rng.sample(d.settings.host_names, d.rng.randrange(1, 1 + most))
+
+
+def start_later(d, server):
+    server.start()
+    d.work(d.rng.choice([0, 0, 0.5]))
+
+
+def kill(_, program):
+    program.kill()
+
+
+def start(_, program):
+    program.start()
+
+
+def freeze(_, program):
+    program.freeze(True)
+
+
+def thaw(_, program):
+    program.freeze(False)
+
+
+LASTING = (
+    ("kill-leader", "servers", 4, lambda d: [d.servers.leader() or d.rng.choice(d.servers.all)], kill, start),
+    ("kill-servers", "servers", 4, some_servers, kill, start_later),
+    # They do not answer, and their connections stay.
+    ("freeze-servers", "servers", 2, some_servers, freeze, thaw),
+    # From the others: servers, the source, replicas.
+    ("partition", "lines", 4, lambda d: some_hosts(d, len(d.settings.host_names) // 2),
+     lambda d, host: d.hosts.cut(host), lambda d, host: d.hosts.cut(host, off=False)),
+    ("slow-lines", "lines", 2, lambda d: some_hosts(d, 2),
+     lambda d, host: d.hosts.slow(host), lambda d, host: d.hosts.slow(host, on=False)),
+    ("kill-replica", "replica", 5, lambda d: [d.any_replica()], kill, start),
+    ("stop-replica", "replica", 2, lambda d: [d.any_replica()], lambda d, replica: replica.stop(), start),
+    ("freeze-replica", "replica", 2, lambda d: [d.any_replica()], freeze, thaw),
+)
+for row in LASTING:
+    lasting(*row)
 
 
 @fault("servers", weight=2)
@@ -63,17 +98,6 @@ def kill_in_turn(d):
         d.work(d.rng.random())
         server.start()
     yield
-
-
-@fault("servers", weight=2)
-def freeze_servers(d):
-    """They do not answer, and their connections stay."""
-    frozen = some(d, d.servers.all)
-    for server in frozen:
-        server.freeze(True)
-    yield
-    for server in frozen:
-        server.freeze(False)
 
 
 @fault("servers", weight=4)
@@ -109,36 +133,6 @@ def old_storage(d):
         server.start()
 
 
-@fault("lines", weight=4)
-def partition(d):
-    """Some hosts are cut off from the others: servers, the source, replicas."""
-    names = d.settings.host_names
-    cut = d.rng.sample(names, d.rng.randrange(1, 1 + len(names) // 2))
-    for host in cut:
-        d.hosts.cut(host)
-    yield
-    for host in cut:
-        d.hosts.cut(host, off=False)
-
-
-@fault("lines", weight=2)
-def slow_lines(d):
-    slow = d.rng.sample(d.settings.host_names, d.rng.randrange(1, 3))
-    for host in slow:
-        d.hosts.slow(host)
-    yield
-    for host in slow:
-        d.hosts.slow(host, on=False)
-
-
-@fault("replica", weight=5)
-def kill_replica(d):
-    replica = d.any_replica()
-    replica.kill()
-    yield
-    replica.start()
-
-
 @fault("replica", weight=2)
 def kill_replica_twice(d):
     """The second time while it begins."""
@@ -149,22 +143,6 @@ def kill_replica_twice(d):
     replica.kill()
     yield
     replica.start()
-
-
-@fault("replica", weight=2)
-def stop_replica(d):
-    replica = d.any_replica()
-    replica.stop()
-    yield
-    replica.start()
-
-
-@fault("replica", weight=2)
-def freeze_replica(d):
-    replica = d.any_replica()
-    replica.freeze(True)
-    yield
-    replica.freeze(False)
 
 
 @fault("replica", weight=2, loses=True)

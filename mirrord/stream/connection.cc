@@ -16,6 +16,7 @@ using std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kConnectTime{2000}, kReconnectPause{200}, kJitter{200};
 constexpr std::chrono::seconds kPingInterval{5}, kRetryPause{1};
+constexpr std::chrono::seconds kFlushTime{1};
 constexpr int kPingsUnanswered = 2;
 constexpr int kBufferedWhileAway = 64 << 10;
 /* What is written to a server that takes nothing. */
@@ -70,6 +71,13 @@ struct Connection::Link {
   Condition changed;
   bool closed GUARDED_BY(mutex) = false;
 };
+
+void end_subscription(natsConnection *connection, NatsOwner<natsSubscription> subscription) {
+  if (!subscription) return;
+  (void)natsSubscription_Unsubscribe(subscription.get());
+  // Without an answer, nothing is read either.
+  (void)natsConnection_FlushTimeout(connection, ms(kFlushTime));
+}
 
 std::string nats_text(natsStatus status) {
   natsStatus last = NATS_OK;

@@ -24,6 +24,7 @@
 
 #include "base/mutex.h"
 #include "base/result.h"
+#include "mirrord/stream/nats_owner.h"
 #include "mirrord/stream/stream_config.h"
 
 namespace tarn {
@@ -61,6 +62,10 @@ class Connection {
   std::chrono::steady_clock::time_point next_try_ GUARDED_BY(mutex_){};
   std::string error_ GUARDED_BY(mutex_); /* of the last try */
 };
+
+/* Ends it, and then destroys it. The library's thread that reads may be using it (a message for one
+ * that is destroyed meanwhile crashes version 3.4), but not behind what it reads next. */
+void end_subscription(natsConnection *connection, NatsOwner<natsSubscription> subscription);
 
 /* The text of a status that a function of the client library returned just now in this thread. */
 std::string nats_text(natsStatus status);

@@ -43,7 +43,7 @@ StreamConsumer::~StreamConsumer() {
 void StreamConsumer::detach() {
   current_.reset();
   pulled_.clear();
-  subscription_.reset();
+  if (engine_) end_subscription(engine_->connection(), std::move(subscription_));
   engine_.reset();
   given_.clear();
 }

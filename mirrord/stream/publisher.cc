@@ -42,7 +42,7 @@ StreamPublisher::Status StreamPublisher::status() const {
 
 void StreamPublisher::run() {
   while (!stop_) step();
-  replies_.reset();
+  if (engine_) end_subscription(engine_->connection(), std::move(replies_));
   engine_.reset();
 }
 
@@ -82,7 +82,7 @@ void StreamPublisher::pause(milliseconds time) {
 }
 
 void StreamPublisher::detach(State state, const std::string &error) {
-  replies_.reset();
+  if (engine_) end_subscription(engine_->connection(), std::move(replies_));
   engine_.reset();
   in_flight_.clear();
   bytes_in_flight_ = 0;

@@ -97,17 +97,19 @@ void RequestServer::run() {
     natsSubscription *made = nullptr;
     const natsStatus status =
         natsConnection_QueueSubscribeSync(&made, connection->get(), subject_.c_str(), "servers");
-    const NatsOwner<natsSubscription> subscription(made);
+    NatsOwner<natsSubscription> subscription(made);
     if (status != NATS_OK) {
       set_problem(fmt::format("cannot listen to {}: {}", subject_, nats_text(status)));
       continue;
     }
     // Until the server knows of it, whoever asks is told that nobody is there.
-    if (natsConnection_FlushTimeout(connection->get(), kRetryPause.count()) != NATS_OK) continue;
-    set_problem("");
-    while (serve(**connection, *subscription)) {
+    if (natsConnection_FlushTimeout(connection->get(), kRetryPause.count()) == NATS_OK) {
+      set_problem("");
+      while (serve(**connection, *subscription)) {
+      }
+      set_problem("the connection was lost");
     }
-    set_problem("the connection was lost");
+    end_subscription(connection->get(), std::move(subscription));
   } while (sleep());
 }
 

@@ -35,11 +35,13 @@ void try_question(const std::vector<std::byte> &message) {
   else
     check_refused(question.error());
   // What a question names is looked for; nothing is there.
-  static tarn::SourceServer server({.directory = "/proc/self/fdinfo/no-source",
-                                    .included = [](const std::string &) { return true; },
-                                    .walk = [](const auto &) { return tarn::Result<void>(); },
-                                    .mark = [] { return tarn::Result<std::uint64_t>(1); },
-                                    .report = [](const auto &) {}});
+  static tarn::SourceServer server(
+      {.directory = "/proc/self/fdinfo/no-source",
+       .included = [](const std::string &) { return true; },
+       .walk = [](const auto &) { return tarn::Result<void>(); },
+       .mark = [] { return tarn::Result<std::uint64_t>(1); },
+       .report = [](const auto &) {},
+       .again = [](const auto &) { return tarn::Result<bool>(true); }});
   const auto bytes = server.answer(message);
   check(bytes.size() <= tarn::remote::kMessageMax);
   const auto answer = tarn::remote::decode_answer(bytes);

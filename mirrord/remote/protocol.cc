@@ -305,6 +305,12 @@ void fields(Coder &coder, Fields &fields) {
       coder.require(fields.directory.starts_with('/'));
       for (const std::string &path : fields.exclude) coder.require(path.starts_with('/'));
     }
+  } else if constexpr (std::is_same_v<Kind, AgainQuestion>) {
+    coder.text(fields.epoch);
+    coder.number(fields.position);
+    coder.number(fields.seen);
+  } else if constexpr (std::is_same_v<Kind, AgainAnswer>) {
+    flag(coder, fields.coming);
   }
 }
 

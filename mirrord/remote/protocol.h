@@ -29,6 +29,8 @@
  *  9 holes  path, from (8)                more (1), list of holes of 64 KiB and more: offset and
  *                                         length (8 each)
  * 10 about  -                             run (8), directory, list of excluded paths (texts)
+ * 11 again  epoch, position, number of    coming (1)
+ *           the last message (8 each)
  *
  * The checksum is the XXH3-64 of all before it. Integers are little-endian. A text, like a list, is
  * its length (4 bytes) and its bytes or items. A path is relative to the source. An object is
@@ -44,6 +46,8 @@
  *
  * The run is another one whenever mirrord has been started over there: walks that were asked for
  * before have ended.
+ *
+ * An entry that is not coming, although the stream lacks it, is not in the source's log any more.
  *
  * A decoder accepts exactly what its encoder writes, and trusts no length.
  */
@@ -109,9 +113,14 @@ struct HolesQuestion {
   std::uint64_t from = 0; /* where the last one of the answer before ends */
 };
 struct AboutQuestion {};
-using Question =
-    std::variant<NowQuestion, StatusQuestion, ListQuestion, ReadQuestion, WalkQuestion,
-                 MarkQuestion, ReportQuestion, HashQuestion, HolesQuestion, AboutQuestion>;
+struct AgainQuestion {
+  std::string epoch;          /* of the source's log */
+  std::uint64_t position = 0; /* of the entry that the stream lacks */
+  std::uint64_t seen = 0;     /* the number of the last message that was looked at */
+};
+using Question = std::variant<NowQuestion, StatusQuestion, ListQuestion, ReadQuestion, WalkQuestion,
+                              MarkQuestion, ReportQuestion, HashQuestion, HolesQuestion,
+                              AboutQuestion, AgainQuestion>;
 
 struct Failure {
   int error = 0;
@@ -161,9 +170,13 @@ struct AboutAnswer {
   std::string directory;            /* of the source; absolute */
   std::vector<std::string> exclude; /* absolute paths below it */
 };
+struct AgainAnswer {
+  bool coming = false; /* the entry and all that follow are sent again */
+};
 /* In the order of the questions, behind Failure. */
-using Answer = std::variant<Failure, NowAnswer, StatusAnswer, ListAnswer, ReadAnswer, WalkAnswer,
-                            MarkAnswer, ReportAnswer, HashAnswer, HolesAnswer, AboutAnswer>;
+using Answer =
+    std::variant<Failure, NowAnswer, StatusAnswer, ListAnswer, ReadAnswer, WalkAnswer, MarkAnswer,
+                 ReportAnswer, HashAnswer, HolesAnswer, AboutAnswer, AgainAnswer>;
 
 struct NumberedQuestion {
   std::uint64_t number = 0;

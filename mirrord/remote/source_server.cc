@@ -266,4 +266,10 @@ Result<remote::Answer> SourceServer::to(const remote::AboutQuestion &) {
   return remote::Answer(remote::AboutAnswer{options_.run, options_.directory, options_.exclude});
 }
 
+Result<remote::Answer> SourceServer::to(const remote::AgainQuestion &question) {
+  const auto coming = options_.again(question);
+  if (!coming) return coming.error();
+  return remote::Answer(remote::AgainAnswer{*coming});
+}
+
 }  // namespace tarn

@@ -34,6 +34,8 @@ class SourceServer {
     std::function<Result<void>(const remote::WalkQuestion &question)> walk;
     std::function<Result<std::uint64_t>()> mark; /* the number of the mark that will come */
     std::function<void(const remote::ReportQuestion &report)> report;
+    /* Is the entry coming again? */
+    std::function<Result<bool>(const remote::AgainQuestion &question)> again;
   };
   explicit SourceServer(Options options)
       : options_(std::move(options)), source_(options_.directory) {}
@@ -58,6 +60,7 @@ class SourceServer {
   Result<remote::Answer> to(const remote::HashQuestion &question);
   Result<remote::Answer> to(const remote::HolesQuestion &question);
   Result<remote::Answer> to(const remote::AboutQuestion &question);
+  Result<remote::Answer> to(const remote::AgainQuestion &question);
   Result<void> read_pieces(SourceFile &file, const remote::ReadQuestion &question, std::size_t room,
                            remote::ReadAnswer &answer);
 

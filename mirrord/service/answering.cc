@@ -35,7 +35,8 @@ SourceServer::Options Answering::serving() {
           .included = options_.included,
           .walk = [this](const remote::WalkQuestion &question) { return walk(question); },
           .mark = options_.mark,
-          .report = [this](const remote::ReportQuestion &question) { report(question); }};
+          .report = [this](const remote::ReportQuestion &question) { report(question); },
+          .again = [this](const remote::AgainQuestion &question) { return again(question); }};
 }
 
 /* A walk that is under way does not serve it: how much of it the replica gets is not known here. */
@@ -62,6 +63,12 @@ void Answering::report(const remote::ReportQuestion &report) {
   if (!text.empty() && text != said_)
     say(Level::kWarning, options_.source + "/" + stream_.name(), text);
   said_ = text;
+}
+
+Result<bool> Answering::again(const remote::AgainQuestion &question) {
+  const auto epoch = parse_uuid(question.epoch);
+  if (!epoch) return Error{-EINVAL, "a replica that lacks an entry names no log"};
+  return stream_.send_again({*epoch, question.position}, question.seen);
 }
 
 }  // namespace tarn

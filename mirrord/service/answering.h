@@ -1,8 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Answers what the replicas of a stream ask the host of their source: about the source's files, for
- * walks and marks; and takes their reports. A thread of its own, as long as the object exists; all
- * that is given to it must outlive it.
+ * walks, marks and what the stream has lost; and takes their reports. A thread of its own, as long
+ * as the object exists; all that is given to it must outlive it.
  */
 #ifndef TARN_MIRRORD_SERVICE_ANSWERING_H
 #define TARN_MIRRORD_SERVICE_ANSWERING_H
@@ -43,6 +43,7 @@ class Answering {
   SourceServer::Options serving();
   Result<void> walk(const remote::WalkQuestion &question);
   void report(const remote::ReportQuestion &report);
+  Result<bool> again(const remote::AgainQuestion &question);
 
   const Options options_;
   StreamTarget &stream_;

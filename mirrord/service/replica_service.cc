@@ -168,13 +168,25 @@ Result<void> ReplicaService::open_parts(const remote::AboutAnswer &source) {
        .file = directory_ + "/stream.json",
        .applied = [raw = parts.get()] { return raw->taken(); },
        .appended = [this](const LogEntry &entry,
-                          LogPosition position) { contact_.came(entry, position); }},
+                          LogPosition position) { contact_.came(entry, position); },
+       .again = [this](const StreamPosition &wanted,
+                       std::uint64_t seen) { return ask_again(wanted, seen); }},
       connection_, *parts->intake);
   if (!receiver) return receiver.error();
   parts->receiver = std::move(*receiver);
   parts->intake->set_make_room([raw = parts.get()] { return raw->make_room(); });
   parts_ = std::move(parts);
   return {};
+}
+
+/* By the receiver's thread. */
+Result<bool> ReplicaService::ask_again(const StreamPosition &wanted, std::uint64_t seen) {
+  Conversation conversation(requests_);
+  std::vector<std::byte> message;
+  const auto answer = conversation.ask<remote::AgainAnswer>(
+      remote::AgainQuestion{to_string(wanted.epoch), wanted.position, seen}, message);
+  if (!answer) return answer.error();
+  return answer->coming;
 }
 
 void ReplicaService::start_parts() {

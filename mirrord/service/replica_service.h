@@ -96,6 +96,7 @@ class ReplicaService final : public ServiceControl {
   Result<void> read_source();
   Result<void> keep_source(const remote::AboutAnswer &source) const;
   Result<void> open_parts(const remote::AboutAnswer &source);
+  Result<bool> ask_again(const StreamPosition &wanted, std::uint64_t seen);
   void start_parts();
   Result<bool> look_at_source();
   Result<Target *> named(const TargetName &name);

@@ -19,6 +19,8 @@ using nlohmann::json;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kFetch{200}, kPause{500}, kSlice{50};
+/* Between two questions for what a hole lacks. */
+constexpr std::chrono::seconds kAskPause{2}, kLongestAskPause{60};
 
 }  // namespace
 
@@ -165,15 +167,39 @@ void StreamIntake::step() {
     }
   }
   const auto entries = consumer_->fetch(kFetch);
+  if (entries && consumer_->awaits()) return ask_again();
   if (entries) {
     problem_.set("");
     follows_ = true;
     return append(*entries);
   }
-  if (entries.error().code != -ENODATA) problem_.set(entries.error().text);
   follows_ = false;
-  if (entries.error().code == -ENODATA) return declare_hole();
+  if (entries.error().code == -ENODATA) return stop_at_hole();
+  problem_.set(entries.error().text);
   pause();
+}
+
+/* What came of another log does not follow, and where nothing is known nothing can be asked for. */
+void StreamIntake::stop_at_hole() {
+  const StreamHole &hole = *consumer_->hole();
+  if (hole.kind == StreamHole::Kind::kOtherEpoch || !consumer_->next()) return declare_hole();
+  say(Level::kWarning, options_.about, hole.text + ": asking the source's host");
+  consumer_->await();
+  ask_pause_ = kAskPause;
+  ask_at_ = {};
+  ask_again();
+}
+
+/* What is asked for comes behind all that the stream has now, or what was asked for is lost too. */
+void StreamIntake::ask_again() {
+  using Clock = std::chrono::steady_clock;
+  if (Clock::now() < ask_at_) return;
+  const auto coming = options_.again(*consumer_->next(), consumer_->received());
+  ask_at_ = Clock::now() + ask_pause_;
+  ask_pause_ = std::min<Clock::duration>(2 * ask_pause_, kLongestAskPause);
+  if (coming && !*coming) return declare_hole();
+  problem_.set(consumer_->hole()->text + ": " +
+               (coming ? "the source's host sends them again" : coming.error().text));
 }
 
 /* Before the process says so in the log, it would find the hole again. */

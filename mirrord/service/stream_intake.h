@@ -5,8 +5,11 @@
  *
  * The log has the stream's entries one for one, behind an entry that says which one is the first
  * (kJoin): at the log's beginning, behind a hole of the stream, and where the log has entries of
- * its own. So where the log ends says which entry is wanted next, after kill -9 too. A hole is
- * declared in that entry: the target is compared with the source.
+ * its own. So where the log ends says which entry is wanted next, after kill -9 too.
+ *
+ * At a hole it asks the source's host, and waits until the stream has again what it lacks. Only
+ * what the source's log has no more is declared, in a joint: the target is compared with the
+ * source.
  *
  * While the log has no room, nothing is taken: the stream keeps it, and the source's log if that is
  * full too. Beside the log lies a document with the joints, of which the log may forget the
@@ -41,6 +44,9 @@ class StreamIntake {
     std::function<LogPosition()> applied; /* what lies before it in the log is not needed */
     /* Called by the thread for each entry that was appended. */
     std::function<void(const LogEntry &entry, LogPosition position)> appended;
+    /* Called by the thread. Asks the source's host whether it sends the entry again, which is
+     * neither in the stream up to the message `seen` nor known to be behind it. */
+    std::function<Result<bool>(const StreamPosition &wanted, std::uint64_t seen)> again;
   };
   /* Finds where the log goes on; connects to nothing yet. Errors: those of reading. */
   static Result<std::unique_ptr<StreamIntake>> open(Options options, Connection &connection,
@@ -78,6 +84,8 @@ class StreamIntake {
   Result<void> save() EXCLUDES(mutex_);
   void run();
   void step();
+  void stop_at_hole();
+  void ask_again();
   void declare_hole();
   void append(const std::vector<LogEntry> &entries);
   Result<void> append_one(const LogEntry &entry);
@@ -94,6 +102,8 @@ class StreamIntake {
   std::optional<JoinEntry> joint_; /* to be appended before the next entry */
   bool unsaved_ = false;
   LogPosition acknowledged_ = 0;
+  std::chrono::steady_clock::time_point ask_at_{}; /* while it waits at a hole */
+  std::chrono::steady_clock::duration ask_pause_{};
 
   ConnectionProblem problem_{options_.about, "follows the stream"};
 

@@ -144,6 +144,7 @@ void StreamTarget::make_publisher() {
 }
 
 void StreamTarget::start() {
+  tidy();
   thread_ = std::thread([this] { publisher_->run(); });
 }
 
@@ -212,7 +213,7 @@ void StreamTarget::tidy() {
     if (!replicas_.empty()) applied = applied_locked();
     unsaved = unsaved_;
   }
-  publisher_->release(std::min(applied, publisher_->status().position));
+  publisher_->release(applied);
   if (!unsaved) return;
   if (const auto saved = save(); !saved) say(Level::kError, about(), saved.error().text);
 }
@@ -236,6 +237,22 @@ Result<void> StreamTarget::replica_reported(const std::string &name, const Repli
     replica.state.error = escape_controls(state.error);
   }
   return known ? Result<void>() : save();
+}
+
+Result<bool> StreamTarget::send_again(const StreamPosition &wanted, std::uint64_t seen) {
+  {
+    MutexLock lock(mutex_);
+    if (wanted.epoch != epoch_locked())
+      return Error{-ESTALE, fmt::format("{} does not send the log {} now", about(),
+                                        to_string(wanted.epoch))};
+  }
+  LogReader reader(log_, wanted.position);
+  const auto entry = reader.next();
+  if (!entry && entry.error().code != -EBADMSG && entry.error().code != -ESTALE)
+    return entry.error();
+  if (!entry || !*entry || (*entry)->position != wanted.position) return false;
+  publisher_->send_again(wanted.position, seen);
+  return true;
 }
 
 Result<void> StreamTarget::retire(const std::string &name) {

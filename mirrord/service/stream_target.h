@@ -94,6 +94,10 @@ class StreamTarget {
   /* A replica has reported. The first time, it is on the disk when this returns. */
   Result<void> replica_reported(const std::string &name, const ReplicaState &state)
       EXCLUDES(mutex_);
+  /* A replica lacks the entry, and has looked at the stream's messages up to the number `seen`. The
+   * stream gets it again with all that follow, as long as the log has it; false: it does not.
+   * -ESTALE: of another log or run, which the stream says by itself. */
+  Result<bool> send_again(const StreamPosition &wanted, std::uint64_t seen) EXCLUDES(mutex_);
   /* Nothing is kept for it any more. -ENOENT: it is not known. */
   Result<void> retire(const std::string &name) EXCLUDES(mutex_);
 

@@ -25,7 +25,7 @@ std::string hole_text(const StreamHole &hole) {
 }
 
 std::vector<LogEntry> Assembler::take(Bytes bytes) {
-  hole_.reset();
+  if (!awaits_) hole_.reset();
   const bool skip = std::exchange(skip_damaged_, false);
   const auto message = decoder_.decode(bytes);
   if (!message) {
@@ -55,6 +55,7 @@ std::vector<LogEntry> Assembler::take_entries(const StreamMessage &message) {
   if (!entries.empty()) {
     next_->position = message.behind.position;
     pieces_.clear();
+    wanted_came();
   }
   return entries;
 }
@@ -64,6 +65,7 @@ std::vector<LogEntry> Assembler::take_piece(const StreamMessage &message) {
   const std::size_t have = pieces_.size();
   if (message.place.offset > have) {
     // The pieces before it are lost, and with them the entry.
+    if (awaits_) return {};
     StreamHole hole{StreamHole::Kind::kMissing, *next_, *next_, ""};
     ++hole.found.position;
     hole.text = hole_text(hole);
@@ -74,6 +76,7 @@ std::vector<LogEntry> Assembler::take_piece(const StreamMessage &message) {
   if (known >= message.piece.size()) return {};
   const Bytes more = message.piece.subspan(known);
   pieces_.insert(pieces_.end(), more.begin(), more.end());
+  wanted_came();
   if (pieces_.size() < message.whole) return {};
   whole_.swap(pieces_);
   pieces_.clear();
@@ -87,12 +90,24 @@ std::vector<LogEntry> Assembler::take_piece(const StreamMessage &message) {
 }
 
 void Assembler::found(StreamHole::Kind kind, const StreamMessage &message) {
+  if (awaits_ && kind == StreamHole::Kind::kMissing) return;
   StreamHole hole{kind, *next_, {message.epoch(), message.place.position}, ""};
   hole.text = hole_text(hole);
+  stop_at(std::move(hole));
+}
+
+void Assembler::stop_at(StreamHole hole) {
+  awaits_ = false;
   hole_ = std::move(hole);
 }
 
+void Assembler::wanted_came() {
+  awaits_ = false;
+  hole_.reset();
+}
+
 void Assembler::damaged(const std::string &why) {
+  if (awaits_) return;
   StreamHole hole{StreamHole::Kind::kDamaged, next_.value_or(StreamPosition()), {}, ""};
   hole.found = hole.wanted;
   hole.text = hole_text(hole) + ": " + why;
@@ -101,6 +116,7 @@ void Assembler::damaged(const std::string &why) {
 
 void Assembler::go_on() {
   if (!hole_) return;
+  awaits_ = false;
   pieces_.clear();
   if (hole_->kind == StreamHole::Kind::kDamaged) {
     // The next message says where the stream goes on.

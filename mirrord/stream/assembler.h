@@ -1,7 +1,7 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Makes entries of messages again, in order: each position once, and none behind a hole. What comes
- * twice is dropped. A hole stops it until go_on() is called. One thread.
+ * twice is dropped. A hole stops it until go_on() or await() is called. One thread.
  *
  * Holds at most one entry that came in pieces, 64 MiB, as much of it as has come.
  */
@@ -43,21 +43,27 @@ class Assembler {
 
   const std::optional<StreamPosition> &next() const { return next_; }
   const std::optional<StreamHole> &hole() const { return hole_; }
+  bool stopped() const { return hole_ && !awaits_; }
+  bool awaits() const { return awaits_; }
   /* Has a part of the entry at next() come? */
   bool partial() const { return !pieces_.empty(); }
 
   /*
    * The message's entries that are new, often none; views that are valid until the next call, and
-   * no longer than `bytes`. With hole() afterwards the message was not taken: give it again after
-   * go_on().
+   * no longer than `bytes`. With stopped() afterwards the message was not taken: give it again
+   * after go_on() or await().
    */
   std::vector<LogEntry> take(Bytes bytes);
 
   /* Declares a hole that was found without a message. */
-  void stop_at(StreamHole hole) { hole_ = std::move(hole); }
+  void stop_at(StreamHole hole);
 
   /* What is missing may still come. */
   void forget_hole() { hole_.reset(); }
+
+  /* What is missing comes further on in the stream: what lies before it there is passed over, until
+   * it comes or another epoch begins. */
+  void await() { awaits_ = hole_.has_value(); }
 
   /* Goes on behind the hole, which the caller has taken care of. */
   void go_on();
@@ -67,9 +73,11 @@ class Assembler {
   std::vector<LogEntry> take_piece(const StreamMessage &message);
   void found(StreamHole::Kind kind, const StreamMessage &message);
   void damaged(const std::string &why);
+  void wanted_came();
 
   std::optional<StreamPosition> next_;
   std::optional<StreamHole> hole_;
+  bool awaits_ = false; /* what hole_ says */
   MessageDecoder decoder_;
   std::vector<std::byte> pieces_; /* of the entry at next_ */
   std::vector<std::byte> whole_;  /* the one that take() returned */

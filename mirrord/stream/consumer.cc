@@ -55,7 +55,7 @@ Result<std::vector<LogEntry>> StreamConsumer::fetch(milliseconds timeout) {
     return error;
   };
   for (;;) {
-    if (hole()) return Error{-ENODATA, hole()->text};
+    if (assembler_.stopped()) return Error{-ENODATA, hole()->text};
     if (engine_ && engine_->losses() != connection_.losses()) {
       doubted_ = 0;
       detach();
@@ -73,7 +73,7 @@ Result<std::vector<LogEntry>> StreamConsumer::fetch(milliseconds timeout) {
     current_ = std::move(pulled_.front());
     pulled_.pop_front();
     std::vector<LogEntry> entries = assembler_.take(data_of(*current_));
-    if (hole()) {
+    if (assembler_.stopped()) {
       pulled_.push_front(std::move(current_));
       if (hole()->kind == StreamHole::Kind::kMissing) doubt();
       continue;
@@ -81,7 +81,7 @@ Result<std::vector<LogEntry>> StreamConsumer::fetch(milliseconds timeout) {
     const LogPosition next = assembler_.next() ? assembler_.next()->position : 0;
     const char *reply = natsMsg_GetReply(current_.get());
     if (reply) given_.push_back({next + (assembler_.partial() ? 1 : 0), reply});
-    if (!entries.empty()) return entries;
+    if (!entries.empty() || steady_clock::now() >= end) return entries;
   }
 }
 
@@ -94,7 +94,7 @@ void StreamConsumer::doubt() {
 }
 
 void StreamConsumer::go_on() {
-  const bool by_message = !pulled_.empty();
+  const bool by_message = !pulled_.empty() && !awaits();
   assembler_.go_on();
   given_.clear();
   if (!by_message) detach();
@@ -125,7 +125,7 @@ Result<void> StreamConsumer::attach() {
   engine_ = std::move(*engine);
   const auto first = place();
   if (!first) return first.error();
-  if (hole()) {
+  if (assembler_.stopped()) {
     detach();
     return {};
   }

@@ -1,7 +1,8 @@
 /* SPDX-License-Identifier: GPL-2.0 */
 /*
  * Takes the entries of a log from its stream, in order, each once, from a position on that the
- * caller keeps. Messages that come again are dropped. At a hole it stops, and says what is missing.
+ * caller keeps. Messages that come again are dropped. At a hole it stops, and says what is missing;
+ * the caller declares it, or has it sent again.
  *
  * The durable consumer at the servers is named after the replica. It is made anew, at the wanted
  * position, at the start and after every doubt (a lost connection, an error, a message that did not
@@ -37,8 +38,9 @@ class StreamConsumer {
 
   /*
    * The next entries, valid until the next call; none when none came within the time. Errors:
-   * -ENODATA: there is a hole; -ENOTCONN: the servers are away; -ENOENT: there is no stream yet;
-   * -EINVAL, -EIO: the servers refuse something. After each of them it goes on at the same place.
+   * -ENODATA: there is a hole, until go_on() or await(); -ENOTCONN: the servers are away; -ENOENT:
+   * there is no stream yet; -EINVAL, -EIO: the servers refuse something. After each of them it goes
+   * on at the same place.
    */
   Result<std::vector<LogEntry>> fetch(std::chrono::milliseconds timeout);
 
@@ -47,6 +49,11 @@ class StreamConsumer {
   const std::optional<StreamHole> &hole() const { return assembler_.hole(); }
   /* Goes on behind the hole, which the caller has declared. */
   void go_on();
+  /* What the hole lacks comes further on in the stream: until then fetch() has no entries. */
+  void await() { assembler_.await(); }
+  bool awaits() const { return assembler_.awaits(); }
+  /* The number of the last message that came. */
+  std::uint64_t received() const { return received_; }
 
   /* The replica has all entries before this position of next()'s epoch on its disk. */
   void acknowledge(LogPosition before);

@@ -42,19 +42,19 @@ StreamPublisher::Status StreamPublisher::status() const {
 
 void StreamPublisher::run() {
   while (!stop_) step();
-  if (engine_) end_subscription(engine_->connection(), std::move(replies_));
-  engine_.reset();
+  detach();
 }
 
 void StreamPublisher::step() {
   if (!engine_) {
     if (const auto attached = attach(); !attached) {
-      detach(State::kAway, attached.error().text);
+      fail(State::kAway, attached.error().text);
       return pause(kRetryPause);
     }
   }
   if (engine_->losses() != connection_.losses())
-    return detach(State::kAway, "the connection was lost");
+    return fail(State::kAway, "the connection was lost");
+  if (asked_again()) return detach();
   Result<void> done;
   if (Clock::now() - purged_ > kPurgePause) {
     purged_ = Clock::now();
@@ -71,7 +71,9 @@ void StreamPublisher::step() {
       done = idle();
   }
   if (done) return;
-  detach(done.error().code == -ENOSPC ? State::kFull : State::kAway, done.error().text);
+  // The rest of what was there twice has no room.
+  if (done.error().code == -ENOSPC && status().position < back_until_) make_room_ = !made_room_;
+  fail(done.error().code == -ENOSPC ? State::kFull : State::kAway, done.error().text);
   // Another message at the predecessor's place: looking at the stream settles it.
   pause(done.error().code == -EAGAIN ? kLookAgainPause : kRetryPause);
 }
@@ -81,11 +83,15 @@ void StreamPublisher::pause(milliseconds time) {
   while (!stop_ && Clock::now() < end) std::this_thread::sleep_for(milliseconds(50));
 }
 
-void StreamPublisher::detach(State state, const std::string &error) {
+void StreamPublisher::detach() {
   if (engine_) end_subscription(engine_->connection(), std::move(replies_));
   engine_.reset();
   in_flight_.clear();
   bytes_in_flight_ = 0;
+}
+
+void StreamPublisher::fail(State state, const std::string &error) {
+  detach();
   if (error != said_) options_.say(error);
   said_ = error;
   MutexLock lock(mutex_);
@@ -100,6 +106,7 @@ Result<void> StreamPublisher::attach() {
   if (const auto there = engine_->ensure_stream(); !there) return there;
   if (const auto found = find_place(); !found) return found;
   found_place_ = true;
+  if (const auto back = go_back(); !back) return back;
   if (const auto heard = listen(); !heard) return heard;
   const Packing packing = connection_.config().compress ? Packing::kZstd : Packing::kNone;
   packer_.emplace(entries_.epoch(), run_, engine_->message_max(), packing);
@@ -141,6 +148,7 @@ Result<void> StreamPublisher::begin_run(const Engine::Stored &last) {
   ++run;
   if (const auto kept = options_.keep_run(run); !kept) return kept;
   run_ = run;
+  released_ = 0;
   place_ = {entries_.first(), 0};
   gap(fmt::format(
       "GAP: the last message of stream {}, {}, is not of this log, which ends before "
@@ -148,6 +156,57 @@ Result<void> StreamPublisher::begin_run(const Engine::Stored &last) {
       connection_.config().stream, last.id.empty() ? "without an id" : printable(last.id),
       entries_.end(), place_.position, run_));
   return {};
+}
+
+void StreamPublisher::send_again(LogPosition from, std::uint64_t seen) {
+  MutexLock lock(mutex_);
+  if (again_at_ > seen && again_from_ <= from) return;
+  begin_again_ = std::min(begin_again_.value_or(from), from);
+}
+
+bool StreamPublisher::asked_again() const {
+  MutexLock lock(mutex_);
+  return begin_again_ && !going_back_;
+}
+
+/* To where a replica has asked for. From the first message of it on, the stream's last one says
+ * where to go on, whatever happens. */
+Result<void> StreamPublisher::go_back() {
+  std::optional<LogPosition> from;
+  {
+    MutexLock lock(mutex_);
+    if (again_at_ > last_) again_at_ = 0;
+    from = begin_again_;
+  }
+  if (from && from != going_back_) {
+    back_until_ = std::max(back_until_, place_.position);
+    made_room_ = false;
+    options_.say(
+        fmt::format("the servers have lost entry {}, which a replica needs: stream {} "
+                    "gets it again, with all that follow",
+                    *from, connection_.config().stream));
+  }
+  if (make_room_) {
+    // What waits in the stream for others, and has to go, is in the log too.
+    const LogPosition needed = std::max<LogPosition>(release_, entries_.first());
+    from = std::min(from.value_or(place_.position), needed);
+    MutexLock lock(mutex_);
+    begin_again_ = std::min(begin_again_.value_or(*from), *from);
+  }
+  going_back_ = from;
+  if (going_back_) place_ = std::min(place_, StreamPlace{*going_back_, 0});
+  if (!make_room_) return {};
+  if (const auto purged = engine_->purge(last_); !purged) return purged;
+  make_room_ = false;
+  made_room_ = true;
+  return {};
+}
+
+void StreamPublisher::went_back() {
+  again_from_ = *going_back_;
+  again_at_ = answered_ + 1;
+  if (begin_again_ == going_back_) begin_again_.reset();
+  going_back_.reset();
 }
 
 Result<void> StreamPublisher::listen() {
@@ -178,6 +237,17 @@ void StreamPublisher::gap(const std::string &text) {
   ++status_.gaps;
 }
 
+/* An old copy of the stream's storage may end before what the log keeps. */
+void StreamPublisher::skipped(LogPosition end) {
+  const std::string text =
+      fmt::format("the log has no entries {} to {} any more: stream {} goes on behind them",
+                  place_.position, end - 1, connection_.config().stream);
+  if (release_ >= end)
+    options_.say(text + ", which every replica has");
+  else
+    gap("GAP: " + text + ", and replicas that lack them compare all");
+}
+
 bool StreamPublisher::has_room() const {
   return in_flight_.size() < kInFlightMax && bytes_in_flight_ < kBytesInFlightMax;
 }
@@ -189,10 +259,7 @@ Result<std::optional<PackedMessage>> StreamPublisher::next_message() {
     if (!*entry) break;
     if ((*entry)->position != place_.position) {
       if (!packer_->empty()) break;
-      gap(
-          fmt::format("GAP: the log has no entries {} to {} any more: stream {} goes on behind "
-                      "them, and replicas that lack them compare all",
-                      place_.position, (*entry)->position - 1, connection_.config().stream));
+      skipped((*entry)->position);
       place_ = {(*entry)->position, 0};
     }
     if (place_.offset == 0 && packer_->add(**entry)) {
@@ -272,6 +339,7 @@ Result<void> StreamPublisher::take_reply(natsMsg &reply) {
   MutexLock lock(mutex_);
   while (!in_flight_.empty() && in_flight_.front().acknowledged) {
     const InFlight &front = in_flight_.front();
+    if (going_back_) went_back();
     status_.entries += front.behind.position - status_.position;
     status_.position = front.behind.position;
     ++status_.messages;
@@ -283,13 +351,15 @@ Result<void> StreamPublisher::take_reply(natsMsg &reply) {
   return {};
 }
 
-/* Keeps the last message, which says where to go on. */
+/* Keeps the last message, which says where to go on. When all have that one, what lies before it
+ * may have been sent twice. */
 Result<void> StreamPublisher::purge() {
-  const LogPosition before = release_;
-  if (before <= released_ || last_ == 0) return {};
-  const auto first = engine_->find(stream_epoch(entries_.epoch(), run_), before);
+  const LogPosition sent = status().position, before = std::min(release_.load(), sent);
+  if (before <= released_ || answered_ == 0) return {};
+  Result<std::uint64_t> first = answered_;
+  if (before < sent) first = engine_->find(stream_epoch(entries_.epoch(), run_), before);
   if (!first) return first.error();
-  if (const auto purged = engine_->purge(std::min(*first, last_)); !purged) return purged;
+  if (const auto purged = engine_->purge(std::min(*first, answered_)); !purged) return purged;
   released_ = before;
   return {};
 }

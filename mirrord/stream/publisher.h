@@ -14,6 +14,9 @@
  * backup and ends before it), it goes on with the log's first entry in a new run (format.h), which
  * receivers notice.
  *
+ * What the servers have lost in the middle of the stream, the replicas notice: from there on all is
+ * sent again behind the last message, with the positions it had. Replicas that have it drop it.
+ *
  * One thread runs it; the other functions may be called by any.
  */
 #ifndef TARN_MIRRORD_STREAM_PUBLISHER_H
@@ -85,6 +88,11 @@ class StreamPublisher {
   /* No replica needs the entries before this position: their messages are removed sometime. */
   void release(LogPosition before) { release_ = before; }
 
+  /* The stream lacks the entry for a replica that has looked at its messages up to the number
+   * `seen`: it is sent again with all that follow, unless that was begun behind `seen`. The log has
+   * to have it. */
+  void send_again(LogPosition from, std::uint64_t seen) EXCLUDES(mutex_);
+
  private:
   using Clock = std::chrono::steady_clock;
   struct InFlight {
@@ -98,8 +106,12 @@ class StreamPublisher {
   Result<void> attach();
   Result<void> find_place();
   Result<void> begin_run(const Engine::Stored &last);
+  bool asked_again() const EXCLUDES(mutex_);
+  Result<void> go_back() EXCLUDES(mutex_);
+  void went_back() REQUIRES(mutex_);
   Result<void> listen();
-  void detach(State state, const std::string &error) EXCLUDES(mutex_);
+  void detach();
+  void fail(State state, const std::string &error) EXCLUDES(mutex_);
   bool has_room() const;
   Result<std::optional<PackedMessage>> next_message();
   Result<void> send(const PackedMessage &message);
@@ -109,6 +121,7 @@ class StreamPublisher {
   Result<void> purge();
   void following() EXCLUDES(mutex_);
   void gap(const std::string &text) EXCLUDES(mutex_);
+  void skipped(LogPosition end) EXCLUDES(mutex_);
   void pause(std::chrono::milliseconds time);
 
   Connection &connection_;
@@ -132,10 +145,17 @@ class StreamPublisher {
   std::size_t bytes_in_flight_ = 0;
   Clock::time_point looked_{}, purged_{};
   LogPosition released_ = 0;
+  std::optional<LogPosition> going_back_; /* begin_again_, until the stream has a message of it */
+  LogPosition back_until_ = 0;            /* the stream's end then */
+  bool make_room_ = false, made_room_ = false; /* for what lies before it, once */
   std::string said_;
 
   mutable Mutex mutex_;
   Status status_ GUARDED_BY(mutex_);
+  std::optional<LogPosition> begin_again_ GUARDED_BY(mutex_); /* asked for */
+  /* Where the last time begins in the log and in the stream; 0: it is not known any more. */
+  LogPosition again_from_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t again_at_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace tarn

@@ -250,6 +250,29 @@ std::string Entries::payload(LogPosition position) const {
   return payloads_.at(position - 1);
 }
 
+Admin::Admin(const NatsServer &server) : connection_(server.config(), "admin") {
+  EXPECT_TRUE(eventually([&] {
+    auto engine = Engine::open(connection_);
+    if (engine) engine_ = std::move(*engine);
+    return engine_ != nullptr;
+  }));
+}
+
+void Admin::lose(const Entries &entries, LogPosition position) {
+  const auto from = engine_->find(entries.epoch(), position);
+  const auto extent = engine_->extent();
+  ASSERT_TRUE(from && extent);
+  const auto found = engine_->at(*from, extent->last);
+  ASSERT_TRUE(found && *found);
+  ASSERT_EQ(js_DeleteMsg(engine_->context(), connection_.config().stream.c_str(),
+                         (*found)->sequence, nullptr, nullptr),
+            NATS_OK);
+}
+
+StreamPosition begin_of(const Entries &entries, LogPosition position, std::uint32_t run) {
+  return {stream_epoch(entries.epoch(), run), position};
+}
+
 Publishing::Publishing(StreamConfig config, Entries &entries, std::uint32_t run,
                        LogPosition log_end)
     : entries_(entries), connection_(std::move(config), "source"), kept_run_(run) {

@@ -114,6 +114,23 @@ class Entries : public EntryReader {
   std::string read_; /* the entry that was read last */
 };
 
+/* For what an administrator does at the servers. */
+class Admin {
+ public:
+  explicit Admin(const NatsServer &server);
+  /* The servers lose the first message with the entry. */
+  void lose(const Entries &entries, LogPosition position);
+  Engine &operator*() { return *engine_; }
+  Engine *operator->() { return engine_.get(); }
+
+ private:
+  Connection connection_;
+  std::unique_ptr<Engine> engine_;
+};
+
+/* The place of an entry in their stream. */
+StreamPosition begin_of(const Entries &entries, LogPosition position = 1, std::uint32_t run = 0);
+
 /* A publisher in a thread. */
 class Publishing {
  public:

@@ -43,7 +43,8 @@ SourceServer::Options serving(const std::string &directory, const RuleDirectorie
                       const std::string &path) { return scope.includes(directory + "/" + path); },
       .walk = [](const remote::WalkQuestion &) { return Result<void>(); },
       .mark = [] { return Result<std::uint64_t>(std::uint64_t{7}); },
-      .report = [](const remote::ReportQuestion &) {}};
+      .report = [](const remote::ReportQuestion &) {},
+      .again = [](const remote::AgainQuestion &) { return Result<bool>(false); }};
 }
 
 }  // namespace tarn::test

@@ -31,7 +31,8 @@ std::vector<Question> questions() {
           ReportQuestion{"replica", "epoch", "held", "why", 1, 2, 3, 4, 5},
           HashQuestion{"d/f", kBlockSize, 2 * kBlockSize},
           HolesQuestion{"d/f", 65536},
-          AboutQuestion{}};
+          AboutQuestion{},
+          AgainQuestion{"epoch", 1, 2}};
 }
 
 const std::string kData = "some data";
@@ -61,7 +62,8 @@ std::vector<Answer> answers() {
           ReportAnswer{},
           HashAnswer{{1, 2, -3, 4}, {{5, 6}, {7, 8}}},
           HolesAnswer{true, {{0, 65536}, {131072, 65536}}},
-          AboutAnswer{5, "/srv/data", {"/srv/data/tmp", "/srv/data/cache"}}};
+          AboutAnswer{5, "/srv/data", {"/srv/data/tmp", "/srv/data/cache"}},
+          AgainAnswer{true}};
 }
 
 TEST(RemoteProtocolTest, each_question_and_answer_is_what_it_was) {

@@ -32,12 +32,15 @@ class StreamIntakeTest : public testing::Test {
         Intake::open({.name = name, .directory = directory, .log_limit = std::uint64_t{1} << 26});
     ASSERT_TRUE(intake.ok()) << intake.error().text;
     intake_ = std::move(*intake);
-    auto receiver = StreamIntake::open({.about = name,
-                                        .replica = name,
-                                        .file = directory + "/stream.json",
-                                        .applied = [this] { return applied_.load(); },
-                                        .appended = [](const LogEntry &, LogPosition) {}},
-                                       connection_, *intake_);
+    auto receiver =
+        StreamIntake::open({.about = name,
+                            .replica = name,
+                            .file = directory + "/stream.json",
+                            .applied = [this] { return applied_.load(); },
+                            .appended = [](const LogEntry &, LogPosition) {},
+                            .again = [this](const StreamPosition &wanted,
+                                            std::uint64_t seen) { return ask(wanted, seen); }},
+                           connection_, *intake_);
     ASSERT_TRUE(receiver.ok()) << receiver.error().text;
     receiver_ = std::move(*receiver);
     receiver_->start();
@@ -45,6 +48,14 @@ class StreamIntakeTest : public testing::Test {
   void close() {
     receiver_.reset();
     intake_.reset();
+  }
+  /* As the source's host answers. */
+  Result<bool> ask(const StreamPosition &wanted, std::uint64_t seen) {
+    ++asked_;
+    if (host_away_) return Error{-EHOSTUNREACH, "nobody is there"};
+    if (wanted.position < entries_.first()) return false;
+    publishing_.publisher().send_again(wanted.position, seen);
+    return true;
   }
   bool follows() {
     return eventually([&] { return receiver_->follows(); });
@@ -82,6 +93,8 @@ class StreamIntakeTest : public testing::Test {
   Publishing publishing_{server_.config(), entries_};
   Connection connection_{server_.config(), "replica"};
   std::atomic<LogPosition> applied_ = 0;
+  std::atomic<bool> host_away_ = false;
+  std::atomic<int> asked_ = 0;
   std::unique_ptr<Intake> intake_;
   std::unique_ptr<StreamIntake> receiver_;
 };
@@ -153,6 +166,7 @@ TEST_F(StreamIntakeTest, what_the_stream_has_no_more_is_a_joint_that_says_so) {
   ASSERT_TRUE(publishing_.done());
   entries_.append(1);
   ASSERT_TRUE(publishing_.done());
+  entries_.release(41);  // when all known replicas have it
   publishing_.publisher().release(41);
   Connection admin(server_.config(), "admin");
   ASSERT_TRUE(eventually([&] {
@@ -174,6 +188,40 @@ TEST_F(StreamIntakeTest, what_the_stream_has_no_more_is_a_joint_that_says_so) {
   EXPECT_EQ(receiver_->in_stream(23)->position, 41u);
 }
 
+TEST_F(StreamIntakeTest, what_the_stream_has_lost_comes_again_from_the_source) {
+  open();
+  ASSERT_TRUE(publishing_.done());
+  ASSERT_TRUE(follows());
+  entries_.append(5);
+  ASSERT_TRUE(has_all());
+  close();
+  for (int i = 0; i < 5; ++i) {
+    entries_.append(1);  // a message for each
+    ASSERT_TRUE(publishing_.done());
+  }
+  Admin(server_).lose(entries_, 7);
+  host_away_ = true;
+  open();
+  // It waits for as long as nobody answers, and says why.
+  ASSERT_TRUE(eventually(
+      [&] { return receiver_->problem().find("nobody is there") != std::string::npos; }));
+  EXPECT_EQ(next(), 7u);
+  EXPECT_FALSE(receiver_->follows());
+  ASSERT_TRUE(eventually([&] { return asked_ > 1; }));
+  EXPECT_EQ(next(), 7u);
+  close();  // and goes on waiting behind a restart
+  open();
+  host_away_ = false;
+  ASSERT_TRUE(has_all());
+  ASSERT_TRUE(follows());
+  EXPECT_EQ(receiver_->problem(), "");
+  std::uint64_t missing = 0;
+  std::vector<LogPosition> expected = range(1, 11);
+  expected.insert(expected.begin(), 0);
+  EXPECT_EQ(logged(&missing), expected);
+  EXPECT_EQ(missing, 0u);
+}
+
 TEST_F(StreamIntakeTest, servers_that_are_away_show_and_come_back) {
   open();
   ASSERT_TRUE(follows());
@@ -192,21 +240,23 @@ class Host : public Requests {
  public:
   Result<std::vector<std::byte>> ask(Bytes question) override {
     if (away_) return Error{-EHOSTUNREACH, "nobody is there"};
-    SourceServer server({.directory = "/srv/data",
-                         .exclude = {"/srv/data/tmp"},
-                         .run = run_,
-                         .included = [](const std::string &) { return true; },
-                         .walk = [this](const remote::WalkQuestion &walk) -> Result<void> {
-                           since_ = walk.since;
-                           ++walks_;
-                           return {};
-                         },
-                         .mark = [] { return Result<std::uint64_t>(std::uint64_t{1}); },
-                         .report =
-                             [this](const remote::ReportQuestion &report) {
-                               ++reports_;
-                               reported_ = report.position;
-                             }});
+    SourceServer server(
+        {.directory = "/srv/data",
+         .exclude = {"/srv/data/tmp"},
+         .run = run_,
+         .included = [](const std::string &) { return true; },
+         .walk = [this](const remote::WalkQuestion &walk) -> Result<void> {
+           since_ = walk.since;
+           ++walks_;
+           return {};
+         },
+         .mark = [] { return Result<std::uint64_t>(std::uint64_t{1}); },
+         .report =
+             [this](const remote::ReportQuestion &report) {
+               ++reports_;
+               reported_ = report.position;
+             },
+         .again = [](const remote::AgainQuestion &) { return Result<bool>(false); }});
     return server.answer(question);
   }
   std::atomic<bool> away_ = false;

@@ -81,7 +81,7 @@ std::vector<LogPosition> take_all(Assembler &assembler, const std::vector<Packed
       EXPECT_TRUE(same(entry, made.at(entry.position - 1).entry)) << entry.position;
       taken.push_back(entry.position);
     }
-    if (assembler.hole()) break;
+    if (assembler.stopped()) break;
   }
   return taken;
 }
@@ -256,6 +256,49 @@ TEST(StreamFormatTest, ALostPieceIsAHole) {
   EXPECT_EQ(assembler.hole()->found.position, 3U);
   assembler.go_on();
   EXPECT_EQ(take_all(assembler, {messages.begin() + 2, messages.end()}, made), positions(3, 4));
+}
+
+TEST(StreamFormatTest, WhatAHoleLacksIsTakenWhenItComesAgain) {
+  const auto made = entries_of({10, 10, 10, 300, 10, 10, 10});
+  const auto messages = pack(made, kSmallMessage, Packing::kNone);
+  for (std::size_t lost = 0; lost < messages.size(); ++lost) {
+    Assembler assembler(StreamPosition{log_id(), 1});
+    auto rest = messages;
+    rest.erase(rest.begin() + static_cast<std::ptrdiff_t>(lost));
+    auto taken = take_all(assembler, rest, made);
+    if (lost + 1 == messages.size()) continue;  // nobody can know
+    ASSERT_TRUE(assembler.stopped());
+    const StreamPosition wanted = assembler.hole()->wanted;
+    assembler.await();
+    EXPECT_TRUE(take_all(assembler, rest, made).empty());
+    EXPECT_TRUE(assembler.awaits());
+    EXPECT_EQ(assembler.next(), wanted);
+    const auto more = take_all(assembler, messages, made);
+    EXPECT_FALSE(assembler.awaits() || assembler.hole());
+    taken.insert(taken.end(), more.begin(), more.end());
+    EXPECT_EQ(taken, positions(1, made.size() + 1)) << "without message " << lost;
+  }
+}
+
+TEST(StreamFormatTest, WhatIsAwaitedCanBeGivenUpAndEndsWithTheLog) {
+  const auto made = entries_of({10, 10, 10, 10, 10, 10, 10, 10, 10});
+  const auto messages = pack(made, kSmallMessage, Packing::kNone);
+  const auto other = pack(made, kSmallMessage, Packing::kNone, 1);
+  for (const bool gives_up : {true, false}) {
+    Assembler assembler(StreamPosition{log_id(), 1});
+    EXPECT_TRUE(take_all(assembler, {messages[1]}, made).empty());
+    assembler.await();
+    EXPECT_TRUE(take_all(assembler, {messages[2]}, made).empty());
+    EXPECT_FALSE(assembler.stopped());
+    if (gives_up) {
+      assembler.go_on();
+      EXPECT_EQ(take_all(assembler, {messages[1]}, made), positions(4, 7));
+    } else {
+      EXPECT_TRUE(take_all(assembler, other, made).empty());
+      ASSERT_TRUE(assembler.stopped());
+      EXPECT_EQ(assembler.hole()->kind, StreamHole::Kind::kOtherEpoch);
+    }
+  }
 }
 
 TEST(StreamFormatTest, AnotherLogAndAnotherRunAreHoles) {

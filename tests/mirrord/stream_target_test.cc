@@ -129,6 +129,26 @@ TEST_F(StreamTargetTest, WhatAllReplicasHaveLeavesTheStream) {
   EXPECT_TRUE(eventually([&] { return first() > 1; }));
 }
 
+TEST_F(StreamTargetTest, WhatTheStreamLacksIsSentAgainWhileTheLogHasIt) {
+  append_many(*log_, 100);
+  const auto target = open();
+  target->start();
+  ASSERT_TRUE(sent(*target));
+  const auto again = [&](const Uuid &epoch, LogPosition position) {
+    return target->send_again({epoch, position}, 1);
+  };
+  const LogPosition sent_before = target->reports().at(0).applied;
+  EXPECT_EQ(again(stream_epoch(log_->epoch(), 1), 40).error().code, -ESTALE);
+  EXPECT_EQ(again(log_->epoch(), 101).value(), false);
+  EXPECT_EQ(again(log_->epoch(), 40).value(), true);
+  EXPECT_TRUE(eventually([&] { return target->reports().at(0).applied == sent_before + 61; }));
+  ASSERT_TRUE(sent(*target));
+  ASSERT_TRUE(log_->release(90));
+  ASSERT_GT(log_->first(), 40U);
+  EXPECT_EQ(again(log_->epoch(), 40).value(), false);
+  EXPECT_EQ(again(log_->epoch(), 95).value(), true);
+}
+
 TEST_F(StreamTargetTest, ALogThatIsMadeAnewBeginsARunThatIsKept) {
   append_many(*log_, 100);
   {

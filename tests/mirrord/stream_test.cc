@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <random>
 
 #include "mirrord/stream/nats_owner.h"
@@ -13,31 +12,8 @@
 namespace tarn::test {
 namespace {
 
-namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using State = StreamPublisher::State;
-
-StreamPosition begin_of(const Entries &entries, LogPosition position = 1, std::uint32_t run = 0) {
-  return {stream_epoch(entries.epoch(), run), position};
-}
-
-/* For what an administrator does at the servers. */
-class Admin {
- public:
-  explicit Admin(const NatsServer &server) : connection_(server.config(), "admin") {
-    EXPECT_TRUE(eventually([&] {
-      auto engine = Engine::open(connection_);
-      if (engine) engine_ = std::move(*engine);
-      return engine_ != nullptr;
-    }));
-  }
-  Engine &operator*() { return *engine_; }
-  Engine *operator->() { return engine_.get(); }
-
- private:
-  Connection connection_;
-  std::unique_ptr<Engine> engine_;
-};
 
 TEST(StreamTest, EntriesOfAllSizesArriveOnceAndInOrder) {
   NatsServer server;
@@ -129,50 +105,6 @@ TEST(StreamTest, AServerThatIsKilledLosesNothing) {
     server.start();
     EXPECT_EQ(consume(consumer, entries, i * 200 + 201), range(i * 200 + 1, i * 200 + 201));
   }
-  EXPECT_EQ(publishing.status().gaps, 0U);
-}
-
-TEST(StreamTest, AStorageThatIsLostIsFilledAgain) {
-  NatsServer server;
-  Entries entries;
-  entries.append(100, 1000);
-  Publishing publishing(server.config(), entries);
-  Connection connection(server.config(), "replica");
-  StreamConsumer consumer(connection, "one", begin_of(entries));
-  EXPECT_EQ(consume(consumer, entries, 101), range(1, 101));
-  server.kill();
-  fs::remove_all(server.store());
-  server.start();
-  entries.append(50, 1000);
-  EXPECT_EQ(consume(consumer, entries, 151), range(101, 151));
-  // Everything is there, for who has less.
-  StreamConsumer other(connection, "two", begin_of(entries, 31));
-  EXPECT_EQ(consume(other, entries, 151), range(31, 151));
-  EXPECT_EQ(publishing.status().gaps, 0U);
-}
-
-TEST(StreamTest, AnOldCopyOfTheStorageIsFilledAgain) {
-  NatsServer server;
-  Entries entries;
-  entries.append(100, 1000);
-  Publishing publishing(server.config(), entries);
-  Connection connection(server.config(), "replica");
-  StreamConsumer consumer(connection, "one", begin_of(entries));
-  EXPECT_EQ(consume(consumer, entries, 101), range(1, 101));
-  const Scratch backup;
-  server.kill();
-  fs::copy(server.store(), backup / "store", fs::copy_options::recursive);
-  server.start();
-  entries.append(100, 1000);
-  EXPECT_EQ(consume(consumer, entries, 201), range(101, 201));
-  server.kill();
-  fs::remove_all(server.store());
-  fs::copy(backup / "store", server.store(), fs::copy_options::recursive);
-  server.start();
-  entries.append(100, 1000);
-  EXPECT_EQ(consume(consumer, entries, 301), range(201, 301));
-  StreamConsumer other(connection, "two", begin_of(entries));
-  EXPECT_EQ(consume(other, entries, 301), range(1, 301));
   EXPECT_EQ(publishing.status().gaps, 0U);
 }
 

@@ -61,6 +61,10 @@ class ClusterDriver(Driver):
         if new and self.picked <= faults.LOSES_NOTHING:
             raise Failed("%s: a gap, though nothing was lost: %s" % (what, gaps[-1]))
 
+    def count_gaps(self):
+        super().count_gaps()
+        self.counts["events"]["refills"] = sum("gets it again" in line for line in self.messages())
+
     def end(self):
         for replica in self.all_asked():
             replica.stop()

@@ -101,16 +101,14 @@ void StreamConsumer::go_on() {
 }
 
 /* Where the wanted entry is. */
-Result<std::uint64_t> StreamConsumer::place() {
-  const auto extent = engine_->extent();
-  if (!extent) return extent.error();
-  const auto last = engine_->last(*extent);
+Result<std::uint64_t> StreamConsumer::place(const Engine::Extent &extent) {
+  const auto last = engine_->last(extent);
   if (!last) return last.error();
-  if (!next() || !*last || !(*last)->readable) return extent->last + 1;
+  if (!next() || !*last || !(*last)->readable) return extent.last + 1;
   if ((*last)->is_of(next()->epoch)) return engine_->find(next()->epoch, next()->position);
   const auto first = engine_->find((*last)->epoch(), 0);
   if (!first) return first.error();
-  const auto found = engine_->at(*first, extent->last);
+  const auto found = engine_->at(*first, extent.last);
   if (!found) return found.error();
   StreamHole hole{StreamHole::Kind::kOtherEpoch, *next(), {(*last)->epoch(), 1}, ""};
   if (*found) hole.found.position = (*found)->place.position;
@@ -123,13 +121,17 @@ Result<void> StreamConsumer::attach() {
   auto engine = Engine::open(connection_);
   if (!engine) return engine.error();
   engine_ = std::move(*engine);
-  const auto first = place();
+  const auto extent = engine_->extent();
+  if (!extent) return extent.error();
+  const auto first = place(*extent);
   if (!first) return first.error();
   if (assembler_.stopped()) {
     detach();
     return {};
   }
   if (const auto made = make_consumer(*first); !made) return made;
+  received_ = *first - 1;
+  received_time_ = received_ == extent->last ? extent->last_time : 0;
   looked_ = steady_clock::now();
   return {};
 }
@@ -162,7 +164,6 @@ Result<void> StreamConsumer::make_consumer(std::uint64_t first) {
   subscription_.reset(subscription);
   if (status != NATS_OK) return engine_->error("listening to the consumer " + replica_, status, 0);
   owed_ = 0;
-  received_ = first - 1;
   still_at_.reset();
   return {};
 }
@@ -236,11 +237,12 @@ void StreamConsumer::note_received(natsMsg &message) {
   if (natsMsg_GetMetaData(&made, &message) != NATS_OK) return;  // no consumer has sent it
   const NatsOwner<jsMsgMetaData> data(made);
   received_ = data->Sequence.Stream;
+  received_time_ = data->Timestamp;
 }
 
 /* While nothing comes, nobody would notice that the consumer is gone, or does not give what the
- * stream has: a server whose own copy stands still may lead it, and what is lost between servers is
- * not sent again. Made anew, it may be another server's. */
+ * stream has: a server whose own copy stands still, or went another way, may lead it, and what is
+ * lost between servers is not sent again. Made anew, it may be another server's. */
 Result<void> StreamConsumer::look() {
   looked_ = steady_clock::now();
   jsConsumerInfo *info = nullptr;
@@ -254,13 +256,15 @@ Result<void> StreamConsumer::look() {
                  engine_->error("looking at the consumer " + replica_, status, code).text};
   const auto extent = engine_->extent();
   if (!extent) return extent.error();
-  if (extent->last <= received_ || info->NumAckPending >= kUnacknowledgedMax) {
+  const bool all = extent->last == received_ && extent->last_time == received_time_;
+  if (all || info->NumAckPending >= kUnacknowledgedMax) {
     still_at_.reset();
     return {};
   }
   if (std::exchange(still_at_, received_) != received_) return {};
-  return fetching_failed(fmt::format("the consumer {} stands still at message {} of {}", replica_,
-                                     received_, extent->last));
+  return fetching_failed(
+      fmt::format("the consumer {} stands still at message {}, and the stream ends with {}",
+                  replica_, received_, extent->last));
 }
 
 void StreamConsumer::acknowledge(LogPosition before) {

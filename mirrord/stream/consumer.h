@@ -68,7 +68,7 @@ class StreamConsumer {
   };
 
   Result<void> attach();
-  Result<std::uint64_t> place();
+  Result<std::uint64_t> place(const Engine::Extent &extent);
   Result<void> make_consumer(std::uint64_t first);
   void detach();
   void doubt();
@@ -90,7 +90,8 @@ class StreamConsumer {
   std::string inbox_;                        /* where subscription_ gets messages */
   int owed_ = 0;                             /* messages that were asked for and did not come */
   std::uint64_t received_ = 0;               /* the last message's number; all before it came too */
-  std::optional<std::uint64_t> still_at_;    /* received_ at a look, when the stream had more */
+  std::int64_t received_time_ = 0;           /* and the time that the servers gave it */
+  std::optional<std::uint64_t> still_at_; /* received_ at a look, when the stream ended elsewhere */
   std::chrono::steady_clock::time_point asked_{}, looked_{};
 };
 

@@ -154,7 +154,7 @@ Result<Engine::Extent> Engine::extent() {
   const auto there = info();
   if (!there) return there.error();
   const jsStreamState &state = (*there)->State;
-  return Extent{state.FirstSeq, state.LastSeq, state.Msgs};
+  return Extent{state.FirstSeq, state.LastSeq, state.Msgs, state.LastTime};
 }
 
 Engine::Stored Engine::read(natsMsg &message) {

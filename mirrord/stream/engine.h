@@ -39,6 +39,7 @@ class Engine {
   struct Extent {
     std::uint64_t first = 1, last = 0; /* sequence numbers, also of messages that are gone */
     std::uint64_t messages = 0;
+    std::int64_t last_time = 0; /* of the last one, which the servers gave it */
   };
   Result<Extent> extent();
 

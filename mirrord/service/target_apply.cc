@@ -232,6 +232,7 @@ Result<void> Target::apply_look(const LookEntry &look) {
   if (state_.compare_data) since = kBeforeAll;
   engine_->applier->fetcher().set_from_disk(state_.compare_data);
   auto looked = engine_->applier->look(look.directory, since);
+  engine_->applier->fetcher().set_from_disk(false);
   if (const auto kept = write_back(); !kept) return kept;
   if (!looked && !holds_target(looked.error())) {
     failed("copy of " + printable("./" + look.directory), looked.error());

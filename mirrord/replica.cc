@@ -98,7 +98,9 @@ Result<void> set_through_file(int file, const Replica::Attributes &a) {
   if (a.mode && fchmod(file, *a.mode & kModeBits) != 0) return failed(errno);
   if (a.atime && a.mtime) {
     const std::array<timespec, 2> times{*a.atime, *a.mtime};
-    return futimens(file, times.data()) == 0 ? Result<void>() : failed(errno);
+    if (futimens(file, times.data()) == 0) return {};
+    // Kernels before 2.6.22 have no call for a descriptor alone, and say so in either way.
+    if (errno != ENOSYS && errno != EFAULT) return failed(errno);
   }
   return set_times(file, a);
 }

@@ -23,8 +23,9 @@ std::string boot_id() {
 
 ClockReading read_clock() {
   static const std::string boot = boot_id();
-  timespec since_boot;
-  clock_gettime(CLOCK_BOOTTIME, &since_boot);
+  timespec since_boot{};
+  // Kernels before 2.6.39 have only the one that stands still while the machine sleeps.
+  if (clock_gettime(CLOCK_BOOTTIME, &since_boot) != 0) clock_gettime(CLOCK_MONOTONIC, &since_boot);
   const std::int64_t wall = now_us();
   return {wall, wall - microseconds(since_boot), boot};
 }

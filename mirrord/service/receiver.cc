@@ -284,6 +284,10 @@ void Receiver::packet(Bytes packet, Clock::time_point now) {
 }
 
 void Receiver::losses(const DaemonChannel::Received &received) {
+  // Any program can send any number of them.
+  if (received.foreign != 0 && !std::exchange(foreign_said_, true))
+    say(Level::kWarning, "",
+        "a program other than the module sends messages here; they are ignored");
   if (received.oversized != 0)
     say(Level::kError, "", fmt::format("{} packets were too long", received.oversized));
   // A record may have been among them, whose number tells nothing before the next one comes.

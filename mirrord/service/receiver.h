@@ -109,6 +109,7 @@ class Receiver : private Sequencer::Sink {
   std::unique_ptr<DaemonChannel> early_, channel_;
   std::optional<Sequencer> sequencer_;
   std::size_t malformed_ = 0;        /* messages since the last look at losses */
+  bool foreign_said_ = false;        /* that others send messages */
   std::set<Uuid> unfinished_writes_; /* rules of which a page, but not the last, was logged */
   Clock::time_point kept_at_{}, marked_at_{};
   struct Barrier {

@@ -57,8 +57,11 @@ int run(const char *const *arguments) {
 
 int says(const char *file, const char *text) {
   static char content[kLargest];
+  int count = 0;
 
-  return read_text(file, content, sizeof(content)) >= 0 && strstr(content, text) != NULL;
+  if (read_text(file, content, sizeof(content)) < 0) return 0;
+  for (const char *at = content; (at = strstr(at, text)); at++) count++;
+  return count;
 }
 
 int comes_to_say(const char *file, const char *text) {

@@ -24,7 +24,7 @@ int run(const char *const *arguments);
 #define RUN(...) run((const char *const[]){__VA_ARGS__, NULL})
 extern const char kOutput[];
 
-/* Does the file hold the text? */
+/* How often the file holds the text. */
 int says(const char *file, const char *text);
 /* Waits until it does: 0 when it does not within a minute. */
 int comes_to_say(const char *file, const char *text);

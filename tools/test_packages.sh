@@ -82,10 +82,11 @@ needed=$(for deb in "${debs[@]}"; do dpkg-deb -f "$deb" Depends; done | tr ',' '
   grep -v '^tarn$' | sort -u | paste -s -d ,)
 
 say "a Debian 12 with systemd and $needed"
-mmdebstrap --quiet --variant=apt --include="systemd,systemd-sysv,dbus,procps,$needed" bookworm "$ROOT" >"$T/mmdebstrap.log" 2>&1 ||
+mmdebstrap --quiet --variant=apt --include="systemd,systemd-sysv,dbus,procps,nats-server,openssl,$needed" bookworm "$ROOT" >"$T/mmdebstrap.log" 2>&1 ||
   { tail -n 20 "$T/mmdebstrap.log" >&2; exit 1; }
 # A root for containers leaves documents out; the sample of the configuration is one.
 rm -f "$ROOT"/etc/dpkg/dpkg.cfg.d/*
+echo '127.0.0.1 near far' >>"$ROOT/etc/hosts" # the guide's two hosts
 mkdir "$ROOT/root/old" "$ROOT/root/new"
 cp "${debs[@]}" "$ROOT/root/new"
 for deb in "${debs[@]}"; do older "$deb"; done

@@ -4,8 +4,8 @@
 
     guide.py DOCUMENT COMMAND...     COMMAND is a shell that reads from its standard input
 
-In blocks of ```console a line that begins with "# " is a command; the lines up to the next one are what it prints, on both
-outputs. "..." stands for any text within a line, and on a line of its own for any number of lines. Blanks are alike,
+In blocks of ```console a line that begins with "# " is a command, and one with "far# " is typed in another shell; lines behind
+it that begin with "> " belong to it. Those up to the next command are what it prints, on both outputs. "..." stands for any text within a line, and on a line of its own for any number of lines. Blanks are alike,
 however many. A command exits with 0 unless "(exit status N)" is the last line. What only looks, or waits, is tried again
 for a while when it says something else: a document says "then you see", not "at once".
 """
@@ -16,29 +16,32 @@ import sys
 import time
 
 PATIENCE = 60
-LOOKS = re.compile(r"mirrord (status|targets|wait)$|ls ")
+PROMPT = re.compile(r"(\w*)# (.*)")
+LOOKS = re.compile(r"mirrord (status|targets|wait)( --config \S+)?$|ls ")
 
 
 def commands(path):
-    """Yields (line number, command, expected lines, expected exit status)."""
+    """Yields (line number, host, command, expected lines, expected exit status)."""
     current, inside = None, False
     with open(path) as file:
         for number, line in enumerate(file, 1):
             line = line.rstrip("\n")
             if line.startswith("```"):
                 inside = line == "```console"
-            elif inside and line.startswith("# "):
+            elif inside and PROMPT.fullmatch(line):
                 if current:
                     yield current
-                current = (number, line[2:], [], 0)
+                current = (number, *PROMPT.fullmatch(line).groups(), [], 0)
             elif inside:
                 if not current:
                     sys.exit("%s:%d: what is printed before the first command?" % (path, number))
                 status = re.fullmatch(r"\(exit status (\d+)\)", line)
                 if status:
-                    current = current[:3] + (int(status[1]),)
+                    current = current[:4] + (int(status[1]),)
+                elif line.startswith("> ") and not current[3]:
+                    current = current[:2] + (current[2] + "\n" + line[2:],) + current[3:]
                 else:
-                    current[2].append(line)
+                    current[3].append(line)
     if current:
         yield current
 
@@ -83,13 +86,13 @@ def right(printed, status, lines, expected_status):
 
 def main():
     path, *shell = sys.argv[1:]
-    shell = Shell(shell)
+    shells = {host: Shell(shell) for host in ("", "far")}
     count = 0
-    for number, command, lines, expected_status in commands(path):
+    for number, host, command, lines, expected_status in commands(path):
         print("%d: %s" % (number, command), flush=True)
         deadline = time.monotonic() + PATIENCE
         while True:
-            printed, status = shell.run(command)
+            printed, status = shells[host].run(command)
             if right(printed, status, lines, expected_status):
                 break
             if not LOOKS.match(command) or time.monotonic() > deadline:

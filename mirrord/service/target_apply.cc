@@ -97,7 +97,9 @@ Result<void> Target::apply_record(const LogEntry &entry) {
   if (copying && is_absent(applied.error())) return {};
   // The others without paths, attributes and directories, are compared at the next mark.
   const bool unnamed = unplaced || std::holds_alternative<WritePage>(record.change);
-  if (paths.empty() && unnamed)
+  // A target that begins in the middle of a write knows no file for the rest of it.
+  const bool walk_to_come = copying && !walk_ && !walked_;
+  if (paths.empty() && unnamed && !walk_to_come)
     missing(static_cast<std::int64_t>(record.ts), entry.position, "an unnamed file was changed");
   suspects_.insert(paths.begin(), paths.end());
   return {};

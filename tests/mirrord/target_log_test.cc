@@ -74,6 +74,26 @@ TEST_F(TargetLogTest, entries_that_are_released_under_a_reader_are_a_gap) {
   EXPECT_TRUE(walks_since(end));
 }
 
+/* What lies before the walk that is to come is no gap of its own. */
+TEST_F(TargetLogTest, a_copy_may_begin_in_the_middle_of_a_write) {
+  start();
+  stop_clean();
+  const std::string data(8192, 'd');
+  const auto packets = write_data(next(), in_source("f"), 0, data);
+  ASSERT_GT(packets.size(), 1u);
+  feed(*intake_, packets[0]);
+  TargetState state = saved();
+  state.position = intake_->log().end();
+  state.missing_since = kSinceEver;
+  put_state(state);
+  feed(*intake_, std::vector<Packet>(packets.begin() + 1, packets.end()));
+  write_unseen("f", data);
+  testing::internal::CaptureStderr();
+  start();
+  expect_equal_trees();
+  EXPECT_EQ(testing::internal::GetCapturedStderr().find("GAP"), std::string::npos);
+}
+
 /* Times before the clock was set back tell nothing. */
 TEST_F(TargetLogTest, released_entries_are_found_though_the_clock_was_set_back) {
   log_limit_ = 1 << 16;

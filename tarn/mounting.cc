@@ -75,7 +75,13 @@ Result<void> mount_at(const Site &site, const std::string &lower, const std::str
   if (!at) return at.error();
   auto connection = connect_or_start(site);
   if (!connection) return connection.error();
-  const auto mounted = connection->channel.mount(*from, *at, time);
+  auto mounted = connection->channel.mount(*from, *at, time);
+  // One that was just ending: the next one replaces what it has left.
+  if (!mounted && mounted.error().code == -EPIPE && !connection->started_here) {
+    connection = connect_or_start(site);
+    if (!connection) return connection.error();
+    mounted = connection->channel.mount(*from, *at, time);
+  }
   if (mounted || !connection->started_here) return mounted;
   const auto stopped = stop_tarnd(site.run_dir);
   if (stopped) return mounted;

@@ -519,9 +519,10 @@ TEST_F(SourceLooksTest, a_refused_removal_leaves_the_directory) {
 
 TEST_F(SourceLooksTest, a_refused_truncation_cuts_nothing) {
   both("in/f", "contents");
-  for (const Stamp &when : {now(), late()}) {
+  const Stamp later = late();
+  for (const Stamp &when : {now(), later}) {
     expect(set_attributes(when, {src("in/f"), OX_ATTR_SIZE, 0, 0, 0, 0, 0, 0, 0}),
-           when.ts == late().ts ? Outcome::kAlready : Outcome::kApplied);
+           when.ts == later.ts ? Outcome::kAlready : Outcome::kApplied);
     EXPECT_EQ(contents(copy("in/f")), "contents");
   }
 }

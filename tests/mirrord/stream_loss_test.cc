@@ -14,77 +14,74 @@ namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 using State = StreamPublisher::State;
 
-TEST(StreamTest, AStorageThatIsLostIsFilledAgain) {
-  NatsServer server;
-  Entries entries;
-  entries.append(100, 1000);
-  Publishing publishing(server.config(), entries);
-  Connection connection(server.config(), "replica");
-  StreamConsumer consumer(connection, "one", begin_of(entries));
-  EXPECT_EQ(consume(consumer, entries, 101), range(1, 101));
-  server.kill();
-  fs::remove_all(server.store());
-  server.start();
-  entries.append(50, 1000);
-  EXPECT_EQ(consume(consumer, entries, 151), range(101, 151));
+/* A replica that has what was there before a server loses its storage. */
+class StreamLossTest : public testing::Test {
+ protected:
+  StreamLossTest() {
+    entries_.append(100, 1000);
+    EXPECT_EQ(consume(consumer_, entries_, 101), range(1, 101));
+  }
+  /* Both leave the server killed. */
+  void keep_store() {
+    server_.kill();
+    fs::copy(server_.store(), backup_ / "store", fs::copy_options::recursive);
+  }
+  void restore_store() {
+    server_.kill();
+    fs::remove_all(server_.store());
+    fs::copy(backup_ / "store", server_.store(), fs::copy_options::recursive);
+  }
+
+  NatsServer server_;
+  const Scratch backup_;
+  Entries entries_;
+  Publishing publishing_{server_.config(), entries_};
+  Connection connection_{server_.config(), "replica"};
+  StreamConsumer consumer_{connection_, "one", begin_of(entries_)};
+};
+
+TEST_F(StreamLossTest, AStorageThatIsLostIsFilledAgain) {
+  server_.kill();
+  fs::remove_all(server_.store());
+  server_.start();
+  entries_.append(50, 1000);
+  EXPECT_EQ(consume(consumer_, entries_, 151), range(101, 151));
   // Everything is there, for who has less.
-  StreamConsumer other(connection, "two", begin_of(entries, 31));
-  EXPECT_EQ(consume(other, entries, 151), range(31, 151));
-  EXPECT_EQ(publishing.status().gaps, 0U);
+  StreamConsumer other(connection_, "two", begin_of(entries_, 31));
+  EXPECT_EQ(consume(other, entries_, 151), range(31, 151));
+  EXPECT_EQ(publishing_.status().gaps, 0U);
 }
 
-TEST(StreamTest, AnOldCopyOfTheStorageIsFilledAgain) {
-  NatsServer server;
-  Entries entries;
-  entries.append(100, 1000);
-  Publishing publishing(server.config(), entries);
-  Connection connection(server.config(), "replica");
-  StreamConsumer consumer(connection, "one", begin_of(entries));
-  EXPECT_EQ(consume(consumer, entries, 101), range(1, 101));
-  const Scratch backup;
-  server.kill();
-  fs::copy(server.store(), backup / "store", fs::copy_options::recursive);
-  server.start();
-  entries.append(100, 1000);
-  EXPECT_EQ(consume(consumer, entries, 201), range(101, 201));
-  server.kill();
-  fs::remove_all(server.store());
-  fs::copy(backup / "store", server.store(), fs::copy_options::recursive);
-  server.start();
-  entries.append(100, 1000);
-  EXPECT_EQ(consume(consumer, entries, 301), range(201, 301));
-  StreamConsumer other(connection, "two", begin_of(entries));
-  EXPECT_EQ(consume(other, entries, 301), range(1, 301));
-  EXPECT_EQ(publishing.status().gaps, 0U);
+TEST_F(StreamLossTest, AnOldCopyOfTheStorageIsFilledAgain) {
+  keep_store();
+  server_.start();
+  entries_.append(100, 1000);
+  EXPECT_EQ(consume(consumer_, entries_, 201), range(101, 201));
+  restore_store();
+  server_.start();
+  entries_.append(100, 1000);
+  EXPECT_EQ(consume(consumer_, entries_, 301), range(201, 301));
+  StreamConsumer other(connection_, "two", begin_of(entries_));
+  EXPECT_EQ(consume(other, entries_, 301), range(1, 301));
+  EXPECT_EQ(publishing_.status().gaps, 0U);
 }
 
 /* The stream lacks then what the log has no more. */
-TEST(StreamTest, AnOldCopyFromBeforeWhatTheLogKeepsIsAGapForWhomItConcernsOnly) {
-  NatsServer server;
-  Entries entries;
-  entries.append(100, 1000);
-  Publishing publishing(server.config(), entries);
-  Connection connection(server.config(), "replica");
-  StreamConsumer consumer(connection, "one", begin_of(entries));
-  EXPECT_EQ(consume(consumer, entries, 101), range(1, 101));
-  const Scratch backup;
-  server.kill();
-  fs::copy(server.store(), backup / "store", fs::copy_options::recursive);
+TEST_F(StreamLossTest, AnOldCopyFromBeforeWhatTheLogKeepsIsAGapForWhomItConcernsOnly) {
+  keep_store();
   for (const std::uint64_t gaps : {0U, 1U}) {
-    server.start();
-    const LogPosition from = entries.end();
-    entries.append(100, 1000);
-    EXPECT_EQ(consume(consumer, entries, from + 100), range(from, from + 100));
-    server.kill();
-    fs::remove_all(server.store());
-    fs::copy(backup / "store", server.store(), fs::copy_options::recursive);
-    if (gaps == 0) publishing.publisher().release(from + 100);
-    entries.release(from + 50);
-    server.start();
-    entries.append(10, 1000);
-    EXPECT_EQ(consume(consumer, entries, from + 110), range(from + 100, from + 110));
-    EXPECT_EQ(publishing.status().gaps, gaps);
-    server.kill();
+    server_.start();
+    const LogPosition from = entries_.end();
+    entries_.append(100, 1000);
+    EXPECT_EQ(consume(consumer_, entries_, from + 100), range(from, from + 100));
+    restore_store();
+    if (gaps == 0) publishing_.publisher().release(from + 100);
+    entries_.release(from + 50);
+    server_.start();
+    entries_.append(10, 1000);
+    EXPECT_EQ(consume(consumer_, entries_, from + 110), range(from + 100, from + 110));
+    EXPECT_EQ(publishing_.status().gaps, gaps);
+    server_.kill();
   }
 }
 

@@ -22,12 +22,11 @@ constexpr std::chrono::milliseconds kLogCheck{100};
 /* So far ahead of the first target, in entries. */
 constexpr LogPosition kAhead = 16384;
 
-/* False: it has been removed since its directory was read, or, if it is not `readable`, only a
- * look tells what is wrong with it. */
-bool is_there(int directory, const std::string &name, struct stat &status, bool &readable) {
-  const bool there = fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
-  readable = there || errno == ENOENT;
-  return there;
+/* kRemoved: since its directory was read. kUnreadable: only a look tells what is wrong with it. */
+enum class Found { kThere, kRemoved, kUnreadable };
+Found find(int directory, const std::string &name, struct stat &status) {
+  if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0) return Found::kThere;
+  return errno == ENOENT ? Found::kRemoved : Found::kUnreadable;
 }
 
 }  // namespace
@@ -146,9 +145,9 @@ bool Walker::directory(Walk &walk, const std::string &path, bool moved, double f
     std::string child = path.empty() ? entry.name : path + "/" + entry.name;
     if (!entry.may_be_directory || !options_.included(child)) continue;
     struct stat status;
-    bool readable = true;
-    const bool there = is_there((*object)->fd.get(), entry.name, status, readable);
-    if (!readable || (there && S_ISDIR(status.st_mode))) below.push_back(std::move(child));
+    const Found found = find((*object)->fd.get(), entry.name, status);
+    if (found == Found::kUnreadable || (found == Found::kThere && S_ISDIR(status.st_mode)))
+      below.push_back(std::move(child));
   }
   // Nothing of this directory is held while those below are walked.
   entries->clear();
@@ -169,8 +168,8 @@ bool Walker::has_changes(const Walk &walk, const Source::Object &directory,
   if (walk.since == kSinceEver || changed(directory.status)) return true;
   return std::any_of(entries.begin(), entries.end(), [&](const DirectoryEntry &entry) {
     struct stat status;
-    bool readable = true;
-    return is_there(directory.fd.get(), entry.name, status, readable) ? changed(status) : !readable;
+    const Found found = find(directory.fd.get(), entry.name, status);
+    return found == Found::kUnreadable || (found == Found::kThere && changed(status));
   });
 }
 

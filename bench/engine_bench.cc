@@ -59,8 +59,8 @@ std::string payload_of(std::uint64_t number) {
 /* A log of that many entries, a few payloads in turn; with a rate they come one after the other. */
 class Source : public EntryReader {
  public:
-  Source(std::uint8_t id, LogPosition entries, double per_second = 0)
-      : entries_(entries), per_second_(per_second) {
+  Source(std::uint8_t id, LogPosition entries, double per_second = 0, Clock::time_point begun = {})
+      : entries_(entries), per_second_(per_second), begun_(begun) {
     epoch_.bytes.fill(id);
     for (std::uint64_t i = 0; i < 64; ++i) payloads_.push_back(payload_of(i));
   }
@@ -85,8 +85,6 @@ class Source : public EntryReader {
     return payloads_[position % payloads_.size()];
   }
   LogPosition entries() const { return entries_; }
-  /* Before anybody reads it. */
-  void begin_at(Clock::time_point time) { begun_ = time; }
   Clock::time_point due(LogPosition position) const {
     const std::chrono::duration<double> behind(static_cast<double>(position) / per_second_);
     return begun_ + std::chrono::duration_cast<Clock::duration>(behind);
@@ -96,7 +94,7 @@ class Source : public EntryReader {
   Uuid epoch_;
   const LogPosition entries_;
   const double per_second_;
-  Clock::time_point begun_ = Clock::now();
+  const Clock::time_point begun_;
   std::vector<std::string> payloads_;
 };
 
@@ -235,8 +233,8 @@ Lags follow(const StreamConfig &config, const std::string &name, const Source &s
 
 /* The consumers are there before the first entry. */
 void print_lags(const StreamConfig &config, LogPosition entries, double per_second, int replicas) {
-  Source source(static_cast<std::uint8_t>(100 + replicas), entries, per_second);
-  source.begin_at(Clock::now() + std::chrono::seconds(2));
+  Source source(static_cast<std::uint8_t>(100 + replicas), entries, per_second,
+                Clock::now() + std::chrono::seconds(2));
   Connection connection(config, "bench");
   engine_of(connection);
   std::vector<Lags> lags(static_cast<std::size_t>(replicas));

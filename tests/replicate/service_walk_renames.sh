@@ -14,12 +14,14 @@ done
 tarn mount "$T/lower" "$T/mnt"
 echo 'copy-files-per-second = 30' | configure replica
 
-under_way() { [ -n "$(field progress | awk '$1 > 0.2')" ]; }
+# Before a walk, both are "None".
+under_way() {
+  [ -n "$(field progress | awk '$1 + 0 > 0.2')" ] && [ -n "$(field bytes_per_second | awk '$1 + 0 > 0')" ]
+}
 # Whatever the order of the walk is, some of these leave what it has not seen for what it has.
 exchange() { # FROM TO: their endings
   local other
-  wait_until 60 "the walk is under way" under_way
-  [ -n "$(field bytes_per_second | awk '$1 > 0')" ] || fail "it reads nothing: $(service_status)"
+  wait_until 60 "the walk is under way and tells its rate" under_way
   for i in $(seq $COUNT); do
     other="$T/mnt/d$((COUNT + 1 - i))"
     mv "$T/mnt/d$i/x$1" "$other/x$2"

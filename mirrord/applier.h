@@ -86,11 +86,13 @@ class Applier {
   void know_rule(const Uuid &rule) { scopes_.includes(Scopes::Instance(rule, 0), source_); }
 
   /* Compares one directory of the replica with the source: its names, and what has changed there
-   * since `since` (microseconds since the epoch; nothing: compares everything, and takes files of
-   * equal size and time for equal). Directories in it are made, but not filled. */
-  Result<void> look(const std::string &directory, std::optional<std::int64_t> since) {
+   * since `since` (microseconds since the epoch; nothing: compares everything). Files of equal size
+   * and time are taken for equal, but those that changed since `read_since`. Directories in it are
+   * made, but not filled. */
+  Result<void> look(const std::string &directory, std::optional<std::int64_t> since,
+                    std::optional<std::int64_t> read_since) {
     use_all_rules();
-    return reconciler_.look(directory, since);
+    return reconciler_.look(directory, since, read_since);
   }
   /* The paths in the replica whose object, name or data the record changes, as far as it names
    * them and no rule excludes them; not the replica itself. */

@@ -109,7 +109,8 @@ class Reconciler {
 
   /* Compares one directory, as Applier::look() says. Each path that it copies or removes follows
    * the source from then on. Goes on after an error and returns the worst one. */
-  Result<void> look(const std::string &directory, std::optional<std::int64_t> since);
+  Result<void> look(const std::string &directory, std::optional<std::int64_t> since,
+                    std::optional<std::int64_t> read_since);
 
   /* Both names are one object in the replica. If they are in the source too, notes it as the copy's
    * origin. */
@@ -138,7 +139,7 @@ class Reconciler {
   Result<bool> may_be_another(const std::string &directory, std::int64_t since);
   struct Look {
     const Source::Object &directory;
-    std::optional<std::int64_t> since;
+    std::optional<std::int64_t> since, read_since;
     bool another; /* times do not tell that an object is the replica's */
   };
   struct Sides {

@@ -21,7 +21,8 @@ Result<bool> Reconciler::may_be_another(const std::string &directory, std::int64
   return false;
 }
 
-Result<void> Reconciler::look(const std::string &directory, std::optional<std::int64_t> since) {
+Result<void> Reconciler::look(const std::string &directory, std::optional<std::int64_t> since,
+                              std::optional<std::int64_t> read_since) {
   const auto theirs = source_.find(directory);
   if (!theirs) return theirs.error();
   // Removed or renamed since the walk came by: a record says so.
@@ -52,7 +53,7 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
     if (!sides.theirs) extra.push_back(path);
   }
   source_.expect(extra);
-  const Look look{**theirs, since, *another};
+  const Look look{**theirs, since, read_since, *another};
   Result<void> worst;
   for (const auto &[path, sides] : both) keep_worst(worst, look_at(look, path, sides));
   source_.expect({});
@@ -96,10 +97,14 @@ Result<void> Reconciler::look_at(const Look &look, const std::string &path, cons
     follow_source(path);
     return fetcher_.make_directory(path, **theirs);
   }
-  const bool old = look.since && microseconds(status.st_ctim) < *look.since - kTimestampSlackUs;
+  const auto changed_since = [&status](std::int64_t time) {
+    return microseconds(status.st_ctim) >= time - kTimestampSlackUs;
+  };
+  const bool old = look.since && !changed_since(*look.since);
   if (old && !look.another && *mine && same_type(**mine, status)) return {};
   // A file that was changed may have the size and the time of before.
-  fetcher_.set_trust(look.since && !old ? Fetcher::Trust::kNone : Fetcher::Trust::kSizeAndTime);
+  const bool changed = look.read_since && changed_since(*look.read_since);
+  fetcher_.set_trust(changed ? Fetcher::Trust::kNone : Fetcher::Trust::kSizeAndTime);
   follow_source(path);
   return fetcher_.fetch(path, **theirs, included_,
                         *mine ? Fetcher::Mine::kUnknown : Fetcher::Mine::kAbsent);

@@ -372,10 +372,17 @@ Result<std::int64_t> Target::source_now() const {
 
 /* Since when changes may not be in the target. If the clock was set back, times do not tell. */
 std::int64_t Target::since_until() const {
+  return source_now() ? confirmed_until() : kSinceEver;
+}
+
+/* The same, trusting a source's clock that cannot be asked. */
+std::int64_t Target::confirmed_until() const {
   const auto now = source_now();
-  const bool set_back =
-      state_.position <= intake_.clock_set_back_at() || !now || state_.until > *now;
-  return set_back ? kSinceEver : state_.until - kLateRecords.count();
+  const LogPosition set_back_at = intake_.clock_set_back_at();
+  const bool our_log = state_.log == to_string(intake_.log().epoch());
+  const bool set_back = our_log ? state_.position <= set_back_at : set_back_at != 0;
+  if (set_back || (now && state_.until > *now)) return kSinceEver;
+  return state_.until - kLateRecords.count();
 }
 
 void Target::missing(std::int64_t since, LogPosition position, const std::string &why) {
@@ -384,6 +391,13 @@ void Target::missing(std::int64_t since, LogPosition position, const std::string
   if (position <= intake_.clock_set_back_at()) {
     since = kSinceEver;          // an entry's time of before the clock was set back
     state_.compare_data = true;  // times may have been copied ahead of the data
+  }
+  // In a first copy no time is here before the data, but behind its walk.
+  if (state_.missing_since != kSinceEver || walked_) {
+    std::int64_t read_since = confirmed_until();
+    if (state_.missing_since != kSinceEver)
+      read_since = std::min(read_since, state_.missing_since.value_or(read_since));
+    state_.read_since = std::min(state_.read_since.value_or(read_since), read_since);
   }
   state_.missing_since = std::min(state_.missing_since.value_or(since), since);
   look_for_missing(position);

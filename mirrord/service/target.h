@@ -145,6 +145,7 @@ class Target {
   Result<void> write_back();
   Result<std::int64_t> source_now() const;
   std::int64_t since_until() const;
+  std::int64_t confirmed_until() const;
   void note_clock();
   void keep_names_outside();
   void watch_names_outside();

@@ -168,6 +168,7 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
   if (walked_) note_clock();
   if (walked_ && !writes_lost_) {
     state_.missing_since.reset();
+    state_.read_since.reset();
     state_.compare_data = false;
     state_.gaps = state_.skipped;
     walked_ = false;
@@ -232,8 +233,10 @@ Result<void> Target::apply_look(const LookEntry &look) {
   std::optional<std::int64_t> since = walk_->since;
   if (since == kSinceEver) since.reset();
   if (state_.compare_data) since = kBeforeAll;
+  auto read_since = since ? since : state_.read_since;
+  if (read_since) read_since = std::max(*read_since, kBeforeAll);
   engine_->applier->fetcher().set_from_disk(state_.compare_data);
-  auto looked = engine_->applier->look(look.directory, since);
+  auto looked = engine_->applier->look(look.directory, since, read_since);
   engine_->applier->fetcher().set_from_disk(false);
   if (const auto kept = write_back(); !kept) return kept;
   if (!looked && !holds_target(looked.error())) {

@@ -46,6 +46,7 @@ Json to_json(const TargetState &state) {
     json["names_outside"].push_back(Json(json_bytes(path)));
   if (state.more_names_outside) json["more_names_outside"] = true;
   if (state.missing_since) json["missing_since"] = *state.missing_since;
+  if (state.read_since) json["read_since"] = *state.read_since;
   return json;
 }
 
@@ -81,6 +82,7 @@ TargetState from_json(const Json &json) {
   }
   if (json.contains("more_names_outside")) state.more_names_outside = json.at("more_names_outside");
   if (json.contains("missing_since")) state.missing_since = time_field(json, "missing_since");
+  if (json.contains("read_since")) state.read_since = time_field(json, "read_since");
   return state;
 }
 

@@ -36,7 +36,10 @@ struct TargetState {
   bool clean = false;                             /* and none behind it, nor is anything in doubt */
   std::int64_t until = 0;                         /* of the last mark that was applied */
   std::optional<std::int64_t> missing_since = {}; /* not healed yet */
-  bool compare_data = false;                      /* also of files whose size and time are equal */
+  /* The data of files that changed since then may be missing though their times are here: they are
+   * read whatever their size and time say. */
+  std::optional<std::int64_t> read_since = {};
+  bool compare_data = false; /* of all files, and from the disk */
   bool paused = false;
   std::vector<std::string> names_outside = {}; /* paths whose files have names outside the rule */
   bool more_names_outside = false;             /* than kMostNamesOutside */

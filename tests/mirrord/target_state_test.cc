@@ -32,6 +32,7 @@ TargetState full_state() {
           .clean = true,
           .until = -7,
           .missing_since = kSinceEver,
+          .read_since = -8,
           .paused = true,
           .applied = 1,
           .failures = 2,
@@ -47,6 +48,7 @@ void expect_equal(const TargetState &a, const TargetState &b) {
   EXPECT_EQ(a.clean, b.clean);
   EXPECT_EQ(a.until, b.until);
   EXPECT_EQ(a.missing_since, b.missing_since);
+  EXPECT_EQ(a.read_since, b.read_since);
   EXPECT_EQ(a.paused, b.paused);
   EXPECT_EQ(std::tie(a.applied, a.failures, a.gaps, a.skipped),
             std::tie(b.applied, b.failures, b.gaps, b.skipped));
@@ -104,7 +106,7 @@ TEST_F(TargetStateTest, a_missing_field_or_one_of_another_type_is_refused) {
     Json bad = good;
     bad.erase(field);
     ASSERT_TRUE(write_document(file_, bad).ok());
-    if (field == "identity" || field == "missing_since")
+    if (field == "identity" || field == "missing_since" || field == "read_since")
       EXPECT_TRUE(read_target_state(file_).ok()) << field;
     else
       expect_refused("without " + field);

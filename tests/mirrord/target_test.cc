@@ -171,6 +171,39 @@ TEST_F(TargetTest, a_gap_that_was_not_healed_outlives_the_process) {
   expect_equal_trees();
 }
 
+/* A comparison may have copied a file's time from the source while its data was still to come. */
+TEST_F(TargetTest, equal_times_tell_nothing_of_data_that_changed_since_the_last_position) {
+  write_unseen("f", "what was copied");
+  start();
+  expect_equal_trees();
+  const auto lack_data = [this] {
+    put_content(in_target("f"), "what was copied!");
+    fs::last_write_time(in_target("f"), fs::last_write_time(in_source("f")));
+  };
+  write_unseen("f", "what was missing");
+  lack_data();
+  walker_->stop();
+  intake_->gap(Intake::Missing::kEverything, "lost");
+  mark();
+  ASSERT_TRUE(becomes("copying"));
+  stop();
+  walker_.reset();
+  intake_.reset();
+  start();
+  expect_equal_trees();
+
+  stop();
+  lack_data();
+  TargetState state = saved();
+  EXPECT_FALSE(state.read_since.has_value());
+  state.missing_since = kSinceEver;
+  state.read_since = now_us() + 3'600'000'000;
+  put_state(state);
+  start();
+  ASSERT_TRUE(equal());
+  EXPECT_EQ(content_of(in_target("f")), "what was copied!") << "what is older is not read";
+}
+
 /* The log's checksum had accepted them: another version may have written them. */
 TEST_F(TargetTest, an_entry_that_cannot_be_read_is_a_gap) {
   start();

@@ -380,7 +380,6 @@ struct Applier::Visitor {
 
 Error Applier::unplaced(const Record &record) {
   scopes_.learn(record);
-  reconciler_.note_unrecorded(record.ts);
   return Error{-ESTALE,
                "the file has another name, which the module does not know: its copy is not right "
                "until it has been looked for"};
@@ -443,13 +442,11 @@ Result<Applier::Outcome> Applier::apply(const Record &record, std::optional<std:
 Result<void> Applier::caught_up(std::int64_t until) {
   use_all_rules();
   auto links = reconciler_.check_links();
-  auto unrecorded = reconciler_.find_unrecorded(until);
   reconciler_.retry_failed();
   auto changed = reconciler_.compare_changed(until);
   // A fetch may remove a name of a file and so leave another to be checked.
   for (int rounds = 0; links && replica_.has_partly_unlinked() && rounds < kLinkRounds; ++rounds)
     links = reconciler_.check_links();
-  keep_worst(links, unrecorded);
   keep_worst(links, changed);
   return links;
 }

@@ -90,12 +90,6 @@ class Reconciler {
    * changes by a name that is outside the rule, or that the source had lost before its record was
    * applied, are found under the others. */
   Result<void> check_links();
-  /* There were changes without a record from `ts` on (microseconds since the epoch). */
-  void note_unrecorded(std::uint64_t ts) { unrecorded_since_ = std::min(unrecorded_since_, ts); }
-  /* Call it when all records of changes before `until` have been applied: copies from the source
-   * what changed since note_unrecorded()'s time, as far as change times tell. Reads the whole
-   * source tree. */
-  Result<void> find_unrecorded(std::int64_t until);
   /* The paths that records named. */
   ChangedPaths &changed_paths() { return changed_paths_; }
   const ChangedPaths &changed_paths() const { return changed_paths_; }
@@ -131,11 +125,6 @@ class Reconciler {
   Result<void> recheck(const std::string &path);
   Result<nlink_t> known_names(const struct stat &status);
   Result<void> reconcile_other_names();
-  Result<void> find_unrecorded_below(const std::string &directory, std::int64_t since,
-                                     std::int64_t until);
-  Result<void> reconcile_names(const std::string &directory);
-  Result<void> reconcile_if_changed(const std::string &path, std::int64_t since,
-                                    std::int64_t until);
   Result<bool> may_be_another(const std::string &directory, std::int64_t since);
   struct Look {
     const Source::Object &directory;
@@ -154,16 +143,12 @@ class Reconciler {
   Result<void> find_names(const std::string &directory, const Fetcher::Objects &wanted,
                           std::vector<std::string> &found);
 
-  static constexpr std::uint64_t kNever = std::numeric_limits<std::uint64_t>::max();
-
   Replica &replica_;
   Source &source_;
   Fetcher fetcher_;
   PendingPaths pending_;
   ChangedPaths changed_paths_;
   std::set<std::string> failed_; /* could not be compared or copied */
-  std::uint64_t unrecorded_since_ = kNever;
-  std::vector<std::string> recheck_later_; /* changed after `until`: checked by the next call */
   struct Searched {
     timespec changed;
     nlink_t known;

@@ -388,6 +388,10 @@ std::int64_t Target::confirmed_until() const {
 void Target::missing(std::int64_t since, LogPosition position, const std::string &why) {
   say(Level::kWarning, about(), "GAP: " + why);
   ++state_.gaps;
+  note_missing(since, position);
+}
+
+void Target::note_missing(std::int64_t since, LogPosition position) {
   if (position <= intake_.clock_set_back_at()) {
     since = kSinceEver;          // an entry's time of before the clock was set back
     state_.compare_data = true;  // times may have been copied ahead of the data

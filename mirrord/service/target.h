@@ -136,6 +136,8 @@ class Target {
   void apply_held(const LogEntry &entry);
   Result<void> apply(const LogEntry &entry);
   Result<void> apply_record(const LogEntry &entry);
+  Result<void> not_applied(const Record &record, LogPosition position, const Error &error);
+  void look_for_unplaced(std::int64_t since, LogPosition position);
   Result<void> apply_mark(const MarkEntry &mark);
   Result<void> apply_look(const LookEntry &look);
   void apply_walk_begin(const WalkBeginEntry &walk, LogPosition position);
@@ -150,6 +152,7 @@ class Target {
   void keep_names_outside();
   void watch_names_outside();
   void missing(std::int64_t since, LogPosition position, const std::string &why);
+  void note_missing(std::int64_t since, LogPosition position);
   void look_for_missing(LogPosition position);
   void failed(const std::string &what, const Error &error);
   Result<void> save(bool clean);
@@ -179,9 +182,10 @@ class Target {
   std::uint64_t read_before_walk_ = 0; /* bytes of the source */
   bool walk_failed_ = false;           /* what it found could not be copied */
   bool walked_ = false;                /* it has ended: the next mark ends `missing_since` */
-  std::int64_t last_captured_ = 0;     /* the latest record before the next mark */
-  std::optional<struct stat> source_;  /* of this host: its directory when it was opened */
-  std::set<std::string> suspects_;     /* copied from the source at the next mark */
+  std::optional<std::int64_t> unplaced_since_; /* changes that the present walk may not find */
+  std::int64_t last_captured_ = 0;             /* the latest record before the next mark */
+  std::optional<struct stat> source_;          /* of this host: its directory when it was opened */
+  std::set<std::string> suspects_;             /* copied from the source at the next mark */
   DirectoryIdentity identity_;
   Clock::time_point published_at_{}, saved_at_{}, checked_at_{}, walk_retry_at_{}, walk_started_{};
   bool unsaved_ = false;

@@ -83,26 +83,50 @@ Result<void> Target::apply_record(const LogEntry &entry) {
   const auto applied = applier.apply(record, static_cast<std::uint64_t>(entry.time_ns / 1000));
   ++state_.applied;
   if (const auto kept = write_back(); !kept) return kept;
-  if (applied) return {};
+  return applied ? Result<void>() : not_applied(record, entry.position, applied.error());
+}
+
+/* Returns an error that holds the target. */
+Result<void> Target::not_applied(const Record &record, LogPosition position, const Error &error) {
+  const auto ts = static_cast<std::int64_t>(record.ts);
   // No other record and no comparison tells what was meant.
-  if (applied.error().code == -EXDEV) {
-    missing(static_cast<std::int64_t>(record.ts), entry.position, "a record names no path");
+  if (error.code == -EXDEV) {
+    missing(ts, position, "a record names no path");
     return {};
   }
-  const std::vector<std::string> paths = applier.changed_by(record);
-  const bool unplaced = applied.error().code == -ESTALE && record.naming == Naming::kUnplaced;
-  if (!unplaced && holds_target(applied.error())) return applied.error();
+  const std::vector<std::string> paths = engine_->applier->changed_by(record);
+  if (error.code == -ESTALE && record.naming == Naming::kUnplaced) {
+    look_for_unplaced(ts, position);
+    suspects_.insert(paths.begin(), paths.end());
+    return {};
+  }
+  if (holds_target(error)) return error;
   // The walk of a first copy comes by all that is not there yet.
   const bool copying = state_.missing_since == kSinceEver;
-  if (copying && is_absent(applied.error())) return {};
+  if (copying && is_absent(error)) return {};
   // The others without paths, attributes and directories, are compared at the next mark.
-  const bool unnamed = unplaced || std::holds_alternative<WritePage>(record.change);
+  const bool unnamed = std::holds_alternative<WritePage>(record.change);
   // A target that begins in the middle of a write knows no file for the rest of it.
   const bool walk_to_come = copying && !walk_ && !walked_;
   if (paths.empty() && unnamed && !walk_to_come)
-    missing(static_cast<std::int64_t>(record.ts), entry.position, "an unnamed file was changed");
+    missing(ts, position, "an unnamed file was changed");
   suspects_.insert(paths.begin(), paths.end());
   return {};
+}
+
+/* Nothing is lost: the file has the change, and a walk finds it. One that has begun may have come
+ * by already, and is not made anew for this: another one follows it. */
+void Target::look_for_unplaced(std::int64_t since, LogPosition position) {
+  if (!state_.missing_since) {
+    say(Level::kNotice, about(), "a file whose name is not known was changed: looking for it");
+    return note_missing(since, position);
+  }
+  const bool earlier = since < *state_.missing_since;
+  if (earlier) state_.missing_since = since;
+  if (walk_ || walked_)
+    unplaced_since_ = std::min(unplaced_since_.value_or(since), since);
+  else if (earlier)
+    note_missing(since, position);
 }
 
 /* The replica's file system told only now that a write had failed. */
@@ -167,14 +191,17 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
   last_captured_ = 0;
   if (walked_) note_clock();
   if (walked_ && !writes_lost_) {
-    state_.missing_since.reset();
+    state_.missing_since = unplaced_since_;
     state_.read_since.reset();
     state_.compare_data = false;
     state_.gaps = state_.skipped;
     walked_ = false;
     walk_.reset();
     saved_at_ = {};  // at once: a process that is killed would make the walk again
-    say(Level::kNotice, about(), "nothing is missing any more");
+    if (unplaced_since_)
+      note_missing(*unplaced_since_, position_);
+    else
+      say(Level::kNotice, about(), "nothing is missing any more");
   }
   state_.until = mark.until;
   state_.position = position_ + 1;
@@ -222,6 +249,7 @@ void Target::apply_walk_begin(const WalkBeginEntry &walk, LogPosition position) 
       walk.since > *state_.missing_since)
     return;
   walk_ = walk;
+  unplaced_since_.reset();
   walked_ = walk_failed_ = false;
   walk_started_ = Clock::now();
   read_before_walk_ = engine_->applier->fetcher().data().bytes_read();

@@ -123,6 +123,7 @@ void Target::begin_in_log() {
   needed_ = following_ = position_;
   reader_.emplace(log, position_);
   walk_.reset();
+  unplaced_since_.reset();
   walked_ = false;
   suspects_.clear();
   const bool replayed = !state_.clean;

@@ -318,34 +318,6 @@ TEST_F(SourceLooksTest, a_copy_is_not_taken_for_the_file_that_came_after_it) {
   EXPECT_EQ(contents(copy("in/f")), "new new");
 }
 
-TEST_F(SourceLooksTest, a_change_under_an_unknown_name_is_looked_for) {
-  for (const char *name : {"in/f", "in/d/g"}) both(name, "old");
-  Stamp unplaced = now();
-  unplaced.cp = OX_CP_UNPLACED;
-  std::ofstream(src("in/d/g"), std::ios::trunc) << "new";
-  const auto lost = applier_->apply(std::get<Record>(*decode(written(unplaced, src("in/f")))));
-  EXPECT_FALSE(lost.ok()) << "and so it is counted";
-  ASSERT_TRUE(applier_->caught_up(1'000'000).ok());
-  EXPECT_EQ(contents(copy("in/d/g")), "old") << "it is being changed";
-  look();
-  EXPECT_EQ(contents(copy("in/d/g")), "new");
-  EXPECT_EQ(contents(copy("in/f")), "old");
-}
-
-TEST_F(SourceLooksTest, a_file_of_unknown_name_that_gets_one_outside_is_looked_for) {
-  for (const char *name : {"in/f", "in/d/g"}) both(name, "old");
-  Stamp unplaced = now();
-  unplaced.cp = OX_CP_UNPLACED;
-  fs::create_hard_link(src("in/d/g"), src("in/out/g"));
-  const auto link = name_change(OX_OP_LINK, unplaced, src("in/f"), src("in/out/g"));
-  EXPECT_FALSE(applier_->apply(std::get<Record>(*decode(link))).ok()) << "and so it is counted";
-  look();
-  std::ofstream(src("in/out/g"), std::ios::trunc) << "new";
-  look();
-  EXPECT_EQ(contents(copy("in/d/g")), "new");
-  EXPECT_EQ(contents(copy("in/f")), "old");
-}
-
 TEST_F(SourceLooksTest, an_old_record_over_what_was_fetched_is_looked_at_again) {
   both("in/f", "old!");
   both("in/d/z", "z");
@@ -367,32 +339,6 @@ TEST_F(SourceLooksTest, an_old_record_over_what_was_fetched_is_looked_at_again) 
   EXPECT_EQ(contents(copy("in/g")), "data") << "of before, and the record of what followed is lost";
   look();
   EXPECT_EQ(contents(copy("in/g")), "new!");
-}
-
-TEST_F(SourceLooksTest, what_lost_records_told_of_is_looked_for) {
-  both("in/f", "old");
-  both("in/d/gone", "x");
-  both("in/d/moved", "y");
-  std::ofstream(copy("in/out")) << "not of the rule";
-  const std::uint64_t before = static_cast<std::uint64_t>(time(nullptr)) * 1'000'000;
-  std::ofstream(src("in/f"), std::ios::trunc) << "new";
-  fs::remove(src("in/d/gone"));
-  fs::rename(src("in/d/moved"), src("in/f2"));
-  fs::create_directories(src("in/new/deep"));
-  std::ofstream(src("in/new/deep/file")) << "z";
-  ASSERT_EQ(chmod(src("in/d").c_str(), 0711), 0);
-  expect(name_change(OX_OP_UNLINK, now(), src("in/never")), Outcome::kAlready);
-  const Stamp unplaced{.ts = before, .cp = OX_CP_UNPLACED};
-  const auto lost = applier_->apply(std::get<Record>(*decode(written(unplaced, src("in/f")))));
-  EXPECT_FALSE(lost.ok()) << "some file was changed, and what else nobody knows";
-  look();
-  EXPECT_EQ(contents(copy("in/f")), "new");
-  EXPECT_FALSE(fs::exists(copy("in/d/gone")));
-  EXPECT_FALSE(fs::exists(copy("in/d/moved")));
-  EXPECT_EQ(contents(copy("in/f2")), "y");
-  EXPECT_EQ(contents(copy("in/new/deep/file")), "z");
-  EXPECT_EQ(status(copy("in/d")).st_mode, mode_t{S_IFDIR | 0711});
-  EXPECT_TRUE(fs::exists(copy("in/out")));
 }
 
 TEST_F(SourceLooksTest, writes_take_their_time_from_the_source) {

@@ -124,7 +124,11 @@ Result<void> Reconciler::reconcile_other_names() {
   }
   if (wanted.empty()) return {};
   std::vector<std::string> found;
-  if (const auto searched = find_names("", wanted, found); !searched) return searched;
+  const auto root = source_.find("");
+  if (!root && is_away(root.error())) return root.error();
+  if (root && *root) {
+    if (const auto searched = find_names(**root, "", wanted, found); !searched) return searched;
+  }
   reconciling_names_ = true;
   Result<void> worst;
   bool all = true;
@@ -148,26 +152,30 @@ Result<void> Reconciler::reconcile_other_names() {
 }
 
 /* What cannot be read is not in the replica either. */
-Result<void> Reconciler::find_names(const std::string &directory, const Fetcher::Objects &wanted,
+Result<void> Reconciler::find_names(const Source::Object &directory, const std::string &path,
+                                    const Fetcher::Objects &wanted,
                                     std::vector<std::string> &found) {
   const auto passed_over = [](const auto &result) {
     return is_away(result.error()) ? Result<void>(result.error()) : Result<void>();
   };
-  const auto object = source_.find(directory);
-  if (!object) return passed_over(object);
-  if (!*object || !S_ISDIR((*object)->status.st_mode)) return {};
-  const auto entries = source_.entries(**object);
+  const auto entries = source_.entries(directory);
   if (!entries) return passed_over(entries);
   for (const DirectoryEntry &entry : *entries) {
-    const std::string path = directory.empty() ? entry.name : directory + "/" + entry.name;
-    if (entry.may_be_directory) {
-      if (const auto below = find_names(path, wanted, found); !below) return below;
-    }
-    if (!wanted.contains({(*object)->status.st_dev, entry.inode}) || !included_(path)) continue;
-    const auto there = source_.find(path);
+    const std::string name = path.empty() ? entry.name : path + "/" + entry.name;
+    const bool may_be_wanted =
+        wanted.contains({directory.status.st_dev, entry.inode}) && included_(name);
+    if (!entry.may_be_directory && !may_be_wanted) continue;
+    const auto there = source_.child(directory, entry);
     if (!there && is_away(there.error())) return there.error();
-    if (!there || !*there || fetcher_.origins().same(path, (*there)->status)) continue;
-    if (wanted.contains({(*there)->status.st_dev, (*there)->status.st_ino})) found.push_back(path);
+    if (!there || !*there) continue;
+    const struct stat &status = (*there)->status;
+    if (S_ISDIR(status.st_mode)) {
+      const auto below = find_names(**there, name, wanted, found);
+      if (!below) return below;
+    } else if (may_be_wanted && !fetcher_.origins().same(name, status) &&
+               wanted.contains({status.st_dev, status.st_ino})) {
+      found.push_back(name);
+    }
   }
   return {};
 }
@@ -260,12 +268,15 @@ void Reconciler::watch(const std::string &path, std::uint64_t ts) {
 std::vector<std::string> Reconciler::with_names_outside() {
   const CopyOrigins &origins = fetcher_.origins();
   std::vector<std::string> found;
-  for (std::string &path : origins.with_many_links()) {
+  auto paths = origins.with_many_links();
+  source_.expect(paths);
+  for (std::string &path : paths) {
     const auto theirs = source_.find(path);
     const bool known = theirs && *theirs;
     if (known && origins.paths_of((*theirs)->status).size() >= (*theirs)->status.st_nlink) continue;
     found.push_back(std::move(path));
   }
+  source_.expect({});
   return found;
 }
 
@@ -277,12 +288,15 @@ Result<void> Reconciler::check_links() {
     if (!worst) replica_.note_partly_unlinked(objects);
     for (const std::string &path : names) watch(path, 0);
   }
-  for (const std::string &path : fetcher_.origins().with_many_links()) {
+  const auto linked = fetcher_.origins().with_many_links();
+  source_.expect(linked);
+  for (const std::string &path : linked) {
     const auto found = source_.find(path);
     keep_worst(worst, found);
     if (!found || !*found || fetcher_.origins().current(path, (*found)->status)) continue;
     keep_worst(worst, reconcile(path));
   }
+  source_.expect({});
   return worst;
 }
 

@@ -17,6 +17,7 @@ namespace {
 
 /* A walk that could not read a part of the source is repeated. */
 constexpr std::chrono::seconds kWalkAgain{60};
+constexpr std::chrono::seconds kCompareInterval{5};
 /* A change time that every file's is behind: each is compared byte by byte. */
 constexpr std::int64_t kBeforeAll = kSinceEver / 2;
 
@@ -143,6 +144,10 @@ Result<void> Target::write_back() {
 Result<void> Target::apply_mark(const MarkEntry &mark) {
   if (const auto source = check_source(); !source) return source;
   Applier &applier = *engine_->applier;
+  // A target that is behind compares at one mark for many.
+  const bool behind = mark.number < intake_.last_mark();
+  if (behind && Clock::now() - compared_at_ < kCompareInterval && !applier.changed_paths().full())
+    return {};
   // During a first copy all is compared by the walk.
   const bool copying = state_.missing_since == kSinceEver && !walked_;
   if (copying && !applier.changed_paths().full()) {
@@ -169,6 +174,7 @@ Result<void> Target::apply_mark(const MarkEntry &mark) {
     say(Level::kNotice, about(),
         fmt::format("record {} ({}): its object was gone on both sides", missing.wseq,
                     missing.what));
+  compared_at_ = Clock::now();
   return after_mark(mark);
 }
 

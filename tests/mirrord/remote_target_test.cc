@@ -78,6 +78,22 @@ TEST_F(RemoteTargetTest, a_restart_with_a_gap_asks_little_of_what_is_equal) {
   EXPECT_LT(line_.asked() - before, 150u);
 }
 
+/* At one mark for many. */
+TEST_F(RemoteTargetTest, a_target_that_is_behind_asks_little) {
+  make_tree();
+  start();
+  expect_equal_trees();
+  ASSERT_TRUE(target_->pause().ok());
+  const std::uint64_t before = line_.asked();
+  for (int i = 0; i < 100; ++i) {
+    write("d/file1", "text " + std::to_string(i));
+    mark();
+  }
+  ASSERT_TRUE(target_->resume().ok());
+  expect_equal_trees();
+  EXPECT_LT(line_.asked() - before, 300u) << "two for each truncation, none for a mark";
+}
+
 TEST_F(RemoteTargetTest, waits_while_the_host_is_away_and_goes_on) {
   make_tree();
   line_.cut();

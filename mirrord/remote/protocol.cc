@@ -15,6 +15,8 @@
 #define XXH_INLINE_ALL
 #include <xxhash.h>
 
+#include "mirrord/byte_fields.h"
+
 namespace tarn::remote {
 namespace {
 
@@ -27,89 +29,63 @@ class Encoder {
 
   template <std::integral T>
   void number(const T &value) {
-    auto rest = static_cast<std::uint64_t>(value);
-    for (std::size_t i = 0; i < sizeof(T); ++i, rest >>= 8)
-      bytes_.push_back(static_cast<std::byte>(rest & 0xff));
+    writer_.put(value);
   }
-  void text(const std::string &value) { blob(std::as_bytes(std::span(value))); }
-  void blob(const Bytes &value) {
-    number(static_cast<std::uint32_t>(value.size()));
-    bytes_.insert(bytes_.end(), value.begin(), value.end());
-  }
+  void text(const std::string &value) { writer_.put_text(value); }
+  void blob(const Bytes &value) { writer_.put_blob(value); }
   template <class Item, class Each>
   void list(const std::vector<Item> &items, Each each) {
     number(static_cast<std::uint32_t>(items.size()));
     for (const Item &item : items) each(item);
   }
-  std::size_t size() const { return bytes_.size(); }
+  std::size_t size() const { return writer_.bytes().size(); }
   std::vector<std::byte> end() {
-    number(std::uint64_t{XXH3_64bits(bytes_.data(), bytes_.size())});
-    return std::move(bytes_);
+    number(std::uint64_t{XXH3_64bits(writer_.bytes().data(), size())});
+    return writer_.take();
   }
 
  private:
-  std::vector<std::byte> bytes_;
+  FieldWriter writer_;
 };
 
-/* After a field that does not fit, all others are empty, and good() tells. */
 class Decoder {
  public:
   static constexpr bool kReads = true;
 
-  explicit Decoder(Bytes message) : rest_(message) {}
+  /* What is not a whole message with the right checksum has no fields but its first ones. */
+  explicit Decoder(Bytes message) : reader_(body_of(message)), intact_(is_intact(message)) {}
 
   template <std::integral T>
   void number(T &value) {
-    std::uint64_t read = 0;
-    const Bytes field = take(sizeof(T));
-    for (std::size_t i = 0; i < field.size(); ++i)
-      read |= static_cast<std::uint64_t>(field[i]) << (8 * i);
-    value = static_cast<T>(read);
+    value = reader_.get<T>();
   }
-  void text(std::string &value) {
-    Bytes bytes;
-    blob(bytes);
-    value.assign(reinterpret_cast<const char *>(bytes.data()), bytes.size());
-  }
-  void blob(Bytes &value) {
-    std::uint32_t size = 0;
-    number(size);
-    value = take(size);
-  }
+  void text(std::string &value) { value = reader_.get_text(); }
+  void blob(Bytes &value) { value = reader_.get_blob(); }
   /* Each item takes a byte at least. */
   template <class Item, class Each>
   void list(std::vector<Item> &items, Each each) {
     std::uint32_t count = 0;
     number(count);
-    if (count > rest_.size()) good_ = false;
-    for (; count > 0 && good_; --count) each(items.emplace_back());
+    require(count <= reader_.left());
+    for (; count > 0 && good(); --count) each(items.emplace_back());
   }
-  /* Takes the checksum, and tells whether it is right. */
-  bool check(Bytes message) {
-    if (message.size() < sizeof(std::uint64_t)) return false;
-    const Bytes all = message.first(message.size() - sizeof(std::uint64_t));
-    std::uint64_t sum = 0;
-    Decoder(message.last(sizeof(sum))).number(sum);
-    rest_ = rest_.first(rest_.size() - std::min(rest_.size(), sizeof(sum)));
-    return sum == XXH3_64bits(all.data(), all.size());
-  }
-  void require(bool holds) { good_ = good_ && holds; }
-  bool good() const { return good_; }
-  bool done() const { return good_ && rest_.empty(); }
+  bool intact() const { return intact_; }
+  void require(bool holds) { reader_.require(holds); }
+  bool good() const { return reader_.good(); }
+  bool done() const { return reader_.done(); }
 
  private:
-  Bytes take(std::size_t size) {
-    if (!good_ || size > rest_.size()) {
-      good_ = false;
-      return {};
-    }
-    const Bytes field = rest_.first(size);
-    rest_ = rest_.subspan(size);
-    return field;
+  static Bytes body_of(Bytes message) {
+    return message.first(message.size() - std::min(message.size(), sizeof(std::uint64_t)));
+  }
+  static bool is_intact(Bytes message) {
+    const Bytes body = body_of(message);
+    const auto sum = FieldReader(message.subspan(body.size())).get<std::uint64_t>();
+    return message.size() >= sizeof(sum) && sum == XXH3_64bits(body.data(), body.size());
   }
 
-  Bytes rest_;
-  bool good_ = true;
+  FieldReader reader_;
+  bool intact_;
 };
 
 /* A field that is `T` here and `Wire` in the message. */
@@ -330,7 +306,7 @@ Error malformed(const char *what) {
 
 /* The version and the kind. */
 template <class Variant>
-Result<Variant> begin(Decoder &decoder, Bytes message, std::size_t first_kind, const char *what) {
+Result<Variant> begin(Decoder &decoder, std::size_t first_kind, const char *what) {
   std::uint8_t version = 0, kind = 0;
   decoder.number(version);
   if (decoder.good() && version != kVersion)
@@ -339,7 +315,7 @@ Result<Variant> begin(Decoder &decoder, Bytes message, std::size_t first_kind, c
                              "of mirrord on both hosts",
                              what, version, kVersion)};
   decoder.number(kind);
-  if (!decoder.good() || kind < first_kind || !decoder.check(message)) return malformed(what);
+  if (!decoder.good() || kind < first_kind || !decoder.intact()) return malformed(what);
   auto made = alternative<Variant>(kind - first_kind);
   if (!made) return malformed(what);
   return std::move(*made);
@@ -380,7 +356,7 @@ std::size_t size_of(const DirectoryEntry &item) {
 
 Result<NumberedQuestion> decode_question(Bytes message) {
   Decoder decoder(message);
-  auto kind = begin<Question>(decoder, message, 1, "a question");
+  auto kind = begin<Question>(decoder, 1, "a question");
   if (!kind) return kind.error();
   NumberedQuestion question{0, std::move(*kind)};
   decoder.number(question.number);
@@ -391,7 +367,7 @@ Result<NumberedQuestion> decode_question(Bytes message) {
 
 Result<NumberedAnswer> decode_answer(Bytes message) {
   Decoder decoder(message);
-  auto kind = begin<Answer>(decoder, message, 0, "an answer");
+  auto kind = begin<Answer>(decoder, 0, "an answer");
   if (!kind) return kind.error();
   NumberedAnswer answer{0, 0, std::move(*kind)};
   decoder.number(answer.number);

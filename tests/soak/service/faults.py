@@ -241,11 +241,13 @@ def lost_state(d):
 
 @fault("clock", weight=4)
 def set_clock(d):
-    """Back or forward, and perhaps right again."""
+    """Back or forward, and perhaps right again, which nobody notices while the service does not run."""
     seconds = d.rng.choice([-86400, -3600, -60, -7, -1, 1, 7, 60, 3600])
+    runs = d.service.process and d.service.pid
     d.clock.set(seconds)
     yield
-    if d.rng.random() < 0.4:
+    ran = runs and d.service.process and d.service.pid == runs
+    if d.rng.random() < 0.4 and ran:
         d.clock.set(-seconds)
 
 

@@ -46,13 +46,17 @@ HORIZON = 6  # seconds after a copy in which mirrord looks at the source for eac
 RECORDS = ((100, 200000), (4096, 50000))
 
 
+def paths_of(top, count):
+    for number in range(count):
+        yield top / ("d%04d" % (number // IN_DIRECTORY)) / ("file%06d" % number)
+
+
 def files_of(top, count):
     """Paths in directories that are made when needed."""
-    for number in range(count):
+    for number, path in enumerate(paths_of(top, count)):
         if number % IN_DIRECTORY == 0:
-            directory = top / ("d%04d" % (number // IN_DIRECTORY))
-            directory.mkdir(exist_ok=True)
-        yield directory / ("file%06d" % number)
+            path.parent.mkdir(exist_ok=True)
+        yield path
 
 
 def write_files(top, count, byte):
@@ -241,13 +245,40 @@ def first_copy(done, kind, name, side):
         side.end()
 
 
+def killed_half_way(process, replica, files):
+    """When half of the directories have their last file."""
+    last = [path for number, path in enumerate(paths_of(replica, files), 1) if number % IN_DIRECTORY == 0]
+    while sum(path.exists() for path in last) * 2 < len(last):
+        if process.poll() is not None:
+            sides.fail("the copy ended before it was half-way")
+        time.sleep(0.005)
+    process.kill()
+    process.wait()
+
+
+def rest_of_copy(done, kind, name, side):
+    """What is left of a first copy that was killed half-way."""
+    files = LARGE_TREE // done.part
+    write_files(side.lower, files, ord("c"))
+    os.sync()
+    side.begin()
+    killed_half_way(side.process, side.replica, files)
+    side.processes.remove(side.process)
+    done.add(kind, "rest", name, follow(side))
+    until_equal(side)
+
+
 def first_copy_by_rsync(done, kind, top):
-    source, target = top / "lower", top / "replica"
+    source, target, other = top / "lower", top / "replica", top / "other"
     source.mkdir()
-    write_files(source, LARGE_TREE // done.part, ord("c"))
+    files = LARGE_TREE // done.part
+    write_files(source, files, ord("c"))
     os.sync()
     for row in ("copy", "restart"):
         done.add(kind, row, "rsync", timed_rsync(source, target))
+    copy = subprocess.Popen(["rsync", "-a", "%s/" % source, "%s/" % other], stderr=subprocess.DEVNULL)
+    killed_half_way(copy, other, files)
+    done.add(kind, "rest", "rsync", timed_rsync(source, other))
 
 
 def write_records(top, size, count):
@@ -324,8 +355,8 @@ def attempt(done, kind, name, what):
 
 
 # In this order: what removes files comes behind what makes many.
-PARTS = {"copy": (first_copy, ("mirrord", "lsyncd")), "records": (records, ("mirrord", "counting")),
-         "changes": (small_changes, ("mirrord", "lsyncd"))}
+PARTS = {"copy": (first_copy, ("mirrord", "lsyncd")), "rest": (rest_of_copy, ("mirrord",)),
+         "records": (records, ("mirrord", "counting")), "changes": (small_changes, ("mirrord", "lsyncd"))}
 
 
 def file_system(folder):

@@ -117,8 +117,11 @@ class Mirrord(Replicated, sides.Tarn):
     def verb(self, *arguments):
         return sides.run(self.build / "mirrord/mirrord", *arguments, "--socket", self.socket, env=self.env)
 
-    def follow(self):
+    def begin(self):
         self.process = self.spawned(self.build / "mirrord/mirrord", "run", "--config", self.config, env=self.env)
+
+    def follow(self):
+        self.begin()
         end = time.monotonic() + 10
         while True:
             try:

@@ -187,7 +187,7 @@ class Target {
   std::optional<struct stat> source_;          /* of this host: its directory when it was opened */
   std::set<std::string> suspects_;             /* copied from the source at the next mark */
   DirectoryIdentity identity_;
-  Clock::time_point published_at_{}, saved_at_{}, checked_at_{}, compared_at_{};
+  Clock::time_point published_at_{}, saved_at_{}, checked_at_{}, compare_again_{};
   Clock::time_point walk_retry_at_{}, walk_started_{};
   bool unsaved_ = false;
   bool writes_lost_ = false; /* the last sync of the directory has failed */

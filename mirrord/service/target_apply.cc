@@ -17,7 +17,9 @@ namespace {
 
 /* A walk that could not read a part of the source is repeated. */
 constexpr std::chrono::seconds kWalkAgain{60};
-constexpr std::chrono::seconds kCompareInterval{5};
+/* Between two comparisons while more marks are to come, in seconds and in times of the last one. */
+constexpr std::chrono::seconds kComparePause{1};
+constexpr int kComparePauses = 4;
 /* A change time that every file's is behind: each is compared byte by byte. */
 constexpr std::int64_t kBeforeAll = kSinceEver / 2;
 
@@ -146,8 +148,8 @@ Result<void> Target::apply_mark(const MarkEntry &mark) {
   Applier &applier = *engine_->applier;
   // A target that is behind compares at one mark for many.
   const bool behind = mark.number < intake_.last_mark();
-  if (behind && Clock::now() - compared_at_ < kCompareInterval && !applier.changed_paths().full())
-    return {};
+  if (behind && Clock::now() < compare_again_ && !applier.changed_paths().full()) return {};
+  const auto begun = Clock::now();
   // During a first copy all is compared by the walk.
   const bool copying = state_.missing_since == kSinceEver && !walked_;
   if (copying && !applier.changed_paths().full()) {
@@ -174,7 +176,9 @@ Result<void> Target::apply_mark(const MarkEntry &mark) {
     say(Level::kNotice, about(),
         fmt::format("record {} ({}): its object was gone on both sides", missing.wseq,
                     missing.what));
-  compared_at_ = Clock::now();
+  const auto compared_at = Clock::now();
+  compare_again_ = compared_at +
+                   std::max<Clock::duration>(kComparePause, kComparePauses * (compared_at - begun));
   return after_mark(mark);
 }
 

@@ -117,13 +117,10 @@ Result<void> Target::not_applied(const Record &record, LogPosition position, con
   return {};
 }
 
-/* Nothing is lost: the file has the change, and a walk finds it. One that has begun may have come
- * by already, and is not made anew for this: another one follows it. */
+/* Nothing is lost, and nothing said: the file has the change, and a walk finds it. One that has
+ * begun may have come by already, and is not made anew for this: another one follows it. */
 void Target::look_for_unplaced(std::int64_t since, LogPosition position) {
-  if (!state_.missing_since) {
-    say(Level::kNotice, about(), "a file whose name is not known was changed: looking for it");
-    return note_missing(since, position);
-  }
+  if (!state_.missing_since) return note_missing(since, position);
   const bool earlier = since < *state_.missing_since;
   if (earlier) state_.missing_since = since;
   if (walk_ || walked_)
@@ -201,6 +198,7 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
   last_captured_ = 0;
   if (walked_) note_clock();
   if (walked_ && !writes_lost_) {
+    const bool told = state_.missing_since == kSinceEver || state_.gaps != state_.skipped;
     state_.missing_since = unplaced_since_;
     state_.read_since.reset();
     state_.compare_data = false;
@@ -208,10 +206,8 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
     walked_ = false;
     walk_.reset();
     saved_at_ = {};  // at once: a process that is killed would make the walk again
-    if (unplaced_since_)
-      note_missing(*unplaced_since_, position_);
-    else
-      say(Level::kNotice, about(), "nothing is missing any more");
+    if (told) say(Level::kNotice, about(), "nothing is missing any more");
+    if (unplaced_since_) note_missing(*unplaced_since_, position_);
   }
   state_.until = mark.until;
   state_.position = position_ + 1;

@@ -120,6 +120,7 @@ class Target {
   Result<void> until_taken(bool Target::*request) EXCLUDES(mutex_);
   bool asked_locked() const REQUIRES(mutex_);
   Result<void> attach();
+  Result<void> try_to_attach();
   Result<void> check_source() const;
   Result<void> check_identity(const DirectoryIdentity &there);
   Result<void> close_to_others();

@@ -20,6 +20,12 @@ constexpr std::chrono::seconds kCheckInterval{1};
 }  // namespace
 
 Result<void> Target::attach() {
+  auto attached = try_to_attach();
+  if (!attached) engine_.reset();
+  return attached;
+}
+
+Result<void> Target::try_to_attach() {
   if (const auto source = check_source(); !source) return source;
   const auto there = identify_directory(options_.directory);
   if (!there) return there.error();
@@ -28,10 +34,7 @@ Result<void> Target::attach() {
   if (!replica) return replica.error();
   identity_ = *there;
   engine_ = std::make_unique<Engine>(std::move(*replica));
-  if (const auto closed = close_to_others(); !closed) {
-    engine_.reset();
-    return closed;
-  }
+  if (const auto closed = close_to_others(); !closed) return closed;
   auto &applier = engine_->applier.emplace(
       options_.source_directory,
       options_.view ? options_.view() : std::make_unique<LocalSource>(options_.source_directory),
@@ -41,17 +44,10 @@ Result<void> Target::attach() {
       [&log = intake_.log()] { return static_cast<std::uint64_t>(log.now_ns() / 1000); });
   applier.fetcher().set_rate(options_.copy_bytes_per_second);
   applier.fetcher().set_stop(&interrupt_);
-  if (const auto now = applier.source().now(); !now) {
-    engine_.reset();
-    return now.error();
-  }
+  if (const auto now = applier.source().now(); !now) return now.error();
   begin_in_log();
   // From now on something may have been applied that the position does not tell.
-  if (const auto saved = save(false); !saved) {
-    engine_.reset();
-    return saved;
-  }
-  return {};
+  return save(false);
 }
 
 /* To compare with another directory in the source's place would remove everything here. */

@@ -130,7 +130,7 @@ class Applier {
    * the source itself, excluded or impossible. */
   std::optional<std::string> object_path(std::string_view path) const;
   void use_all_rules();
-  /* The changed file is of the rule, but its name is unknown: caught_up() searches for it. */
+  /* The changed file is of the rule, but its name is unknown: the caller has it looked for. */
   Error unplaced(const Record &record);
   void note_changed_paths(const Record &record);
   Result<void> follow_page(const Record &record);

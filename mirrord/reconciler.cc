@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <functional>
 #include <limits>
-#include <set>
 
 #include "client/paths.h"
 #include "mirrord/failures.h"

@@ -6,10 +6,8 @@
 #ifndef TARN_MIRRORD_RECONCILER_H
 #define TARN_MIRRORD_RECONCILER_H
 
-#include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <limits>
 #include <map>
 #include <optional>
 #include <set>

@@ -232,4 +232,27 @@ Result<void> Engine::purge(std::uint64_t sequence) {
   return {};
 }
 
+Result<void> Engine::change_leader() {
+  natsMsg *reply = nullptr;
+  const natsStatus status = natsConnection_RequestString(
+      &reply, connection_.get(), ("$JS.API.STREAM.LEADER.STEPDOWN." + config_.stream).c_str(), "",
+      kWaitMs);
+  const NatsOwner<natsMsg> owner(reply);
+  if (status != NATS_OK) return error("asking for another leader", status, 0);
+  const std::string_view answer(natsMsg_GetData(reply),
+                                static_cast<std::size_t>(natsMsg_GetDataLength(reply)));
+  if (answer.find("\"success\"") != std::string_view::npos) return {};
+  return Error{-EIO,
+               fmt::format("stream {}: asking for another leader: {}", printable(config_.stream),
+                           escape_controls(answer.substr(0, 500)))};
+}
+
+Result<void> Engine::remove_stream() {
+  jsOptions wait = options();
+  jsErrCode code{};
+  const natsStatus status = js_DeleteStream(context_.get(), config_.stream.c_str(), &wait, &code);
+  if (status != NATS_OK) return error("removing it", status, code);
+  return {};
+}
+
 }  // namespace tarn

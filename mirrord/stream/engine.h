@@ -67,6 +67,11 @@ class Engine {
   /* Removes the messages before that number. */
   Result<void> purge(std::uint64_t sequence);
 
+  /* Asks the stream's leader to leave that to another server. */
+  Result<void> change_leader();
+  /* With all its messages and consumers. */
+  Result<void> remove_stream();
+
   /* What went wrong with the stream. */
   Error error(const std::string &what, natsStatus status, int code) const;
 

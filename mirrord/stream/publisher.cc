@@ -73,6 +73,7 @@ void StreamPublisher::step() {
   if (done) return;
   // The rest of what was there twice has no room.
   if (done.error().code == -ENOSPC && status().position < back_until_) make_room_ = !made_room_;
+  if (done.error().code == -EAGAIN && !taken_ && !in_flight_.empty()) first_refused();
   fail(done.error().code == -ENOSPC ? State::kFull : State::kAway, done.error().text);
   // Another message at the predecessor's place: looking at the stream settles it.
   pause(done.error().code == -EAGAIN ? kLookAgainPause : kRetryPause);
@@ -111,6 +112,7 @@ Result<void> StreamPublisher::attach() {
   const Packing packing = connection_.config().compress ? Packing::kZstd : Packing::kNone;
   packer_.emplace(entries_.epoch(), run_, engine_->message_max(), packing);
   answered_ = last_;
+  taken_ = false;
   looked_ = Clock::now();
   MutexLock lock(mutex_);
   status_.position = place_.position;
@@ -248,7 +250,9 @@ void StreamPublisher::skipped(LogPosition end) {
     gap("GAP: " + text + ", and replicas that lack them compare all");
 }
 
+/* The first one behind a look at the stream goes alone: what it names may be refused. */
 bool StreamPublisher::has_room() const {
+  if (!taken_) return in_flight_.empty();
   return in_flight_.size() < kInFlightMax && bytes_in_flight_ < kBytesInFlightMax;
 }
 
@@ -335,6 +339,7 @@ Result<void> StreamPublisher::take_reply(natsMsg &reply) {
     return Error{-EBUSY, fmt::format("stream {}: message {} became {}: it is sent again in a while",
                                      connection_.config().stream, sent, *sequence)};
   in_flight_[sent - answered_ - 1].acknowledged = true;
+  taken_ = true;
   following();
   MutexLock lock(mutex_);
   while (!in_flight_.empty() && in_flight_.front().acknowledged) {
@@ -349,6 +354,33 @@ Result<void> StreamPublisher::take_reply(natsMsg &reply) {
     in_flight_.pop_front();
   }
   return {};
+}
+
+/* Behind what the servers have just called the last message. Another publisher may have sent one
+ * meanwhile, but then that is the last one at the next look. */
+void StreamPublisher::first_refused() {
+  const auto now = Clock::now();
+  if (refused_behind_ != answered_ || now - refused_ > options_.patience) {
+    refused_since_ = now;
+    refused_behind_ = answered_;
+    asked_for_leader_ = false;
+  }
+  refused_ = now;
+  if (now - refused_since_ < options_.patience) return;
+  const std::string text = fmt::format(
+      "the servers say that stream {} ends with message {}, and refuse what comes behind it",
+      connection_.config().stream, answered_);
+  if (!asked_for_leader_) {
+    asked_for_leader_ = true;
+    options_.say(text + ": another of them is asked to lead");
+    if (const auto asked = engine_->change_leader(); !asked) options_.say(asked.error().text);
+  } else if (now - refused_since_ > 4 * options_.patience) {
+    options_.say(text + fmt::format(": it is made anew from entry {} on", entries_.first()));
+    if (const auto removed = engine_->remove_stream(); !removed) options_.say(removed.error().text);
+    asked_for_leader_ = false;
+    refused_since_ = now;
+    released_ = 0;
+  }
 }
 
 /* Keeps the last message, which says where to go on. When all have that one, what lies before it

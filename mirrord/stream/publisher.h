@@ -14,6 +14,11 @@
  * backup and ends before it), it goes on with the log's first entry in a new run (format.h), which
  * receivers notice.
  *
+ * Servers may contradict themselves: before NATS 2.9.19, one that has lost its end and then removes
+ * what every replica has counts from where it was, not from where it says. What they refuse for
+ * long behind the very message that they call the last one, they are asked to have led by another
+ * of them, and then the stream is made anew from the log.
+ *
  * What the servers have lost in the middle of the stream, the replicas notice: from there on all is
  * sent again behind the last message, with the positions it had. Replicas that have it drop it.
  *
@@ -65,6 +70,9 @@ class StreamPublisher {
     std::function<Result<void>(std::uint32_t run)> keep_run;
     /* One line for the administrator. */
     std::function<void(const std::string &text)> say;
+    /* How long the servers may contradict themselves before another is asked to lead; the stream is
+     * made anew after four times that. */
+    std::chrono::milliseconds patience = std::chrono::seconds(5);
   };
   StreamPublisher(Connection &connection, EntryReader &entries, Options options);
   ~StreamPublisher();
@@ -117,6 +125,7 @@ class StreamPublisher {
   Result<void> send(const PackedMessage &message);
   Result<void> take_replies(std::chrono::milliseconds time) EXCLUDES(mutex_);
   Result<void> take_reply(natsMsg &reply) EXCLUDES(mutex_);
+  void first_refused();
   Result<void> idle();
   Result<void> purge();
   void following() EXCLUDES(mutex_);
@@ -143,6 +152,11 @@ class StreamPublisher {
   std::uint64_t answered_ = 0;     /* and of the last one that is acknowledged with all before it */
   std::deque<InFlight> in_flight_; /* those behind answered_ */
   std::size_t bytes_in_flight_ = 0;
+  bool taken_ = false; /* something since the stream was looked at */
+  /* The first and the last time that the first message was refused, behind which number. */
+  Clock::time_point refused_since_{}, refused_{};
+  std::uint64_t refused_behind_ = 0;
+  bool asked_for_leader_ = false; /* since then */
   Clock::time_point looked_{}, purged_{};
   LogPosition released_ = 0;
   std::optional<LogPosition> going_back_; /* begin_again_, until the stream has a message of it */

@@ -288,7 +288,8 @@ Publishing::Publishing(StreamConfig config, Entries &entries, std::uint32_t run,
                                    [this](const std::string &text) {
                                      MutexLock lock(mutex_);
                                      said_.push_back(text);
-                                   }});
+                                   },
+                               .patience = milliseconds(300)});
   thread_ = std::thread([this] { publisher_->run(); });
 }
 

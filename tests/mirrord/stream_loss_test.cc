@@ -66,6 +66,20 @@ TEST_F(StreamLossTest, AnOldCopyOfTheStorageIsFilledAgain) {
   EXPECT_EQ(publishing_.status().gaps, 0U);
 }
 
+/* A server that has removed more than it had, as one does that was started again without its end,
+ * says one thing and counts from another. */
+TEST_F(StreamLossTest, AStreamWhoseServerContradictsItselfIsMadeAnew) {
+  Admin admin(server_);
+  ASSERT_TRUE(admin->purge(1000));
+  ASSERT_EQ(admin->extent()->last, 999U);
+  entries_.append(50, 1000);
+  EXPECT_EQ(consume(consumer_, entries_, 151), range(101, 151));
+  entries_.append(50, 1000);
+  EXPECT_EQ(consume(consumer_, entries_, 201), range(151, 201));
+  EXPECT_TRUE(publishing_.done());
+  EXPECT_EQ(publishing_.status().gaps, 0U);
+}
+
 /* The stream lacks then what the log has no more. */
 TEST_F(StreamLossTest, AnOldCopyFromBeforeWhatTheLogKeepsIsAGapForWhomItConcernsOnly) {
   keep_store();

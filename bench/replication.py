@@ -28,7 +28,7 @@ import time
 
 import replication_tables
 import sides
-from replication_sides import SIDES, bytes_read_and_written
+from replication_sides import SIDES, Former, bytes_read_and_written
 from replication_tables import grouped
 from report_table import table
 
@@ -174,6 +174,7 @@ class Measured:
 
     def __init__(self, part, folders, parts):
         self.part, self.folders, self.parts = part, folders, parts
+        self.former = bool(Former.program)
         self.kept = []  # folders that are removed at the end
         self.rounds, self.taken, self.failures = 0, {}, []
         self.when = datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d")
@@ -356,7 +357,7 @@ def attempt(done, kind, name, what):
 
 # In this order: what removes files comes behind what makes many.
 PARTS = {"copy": (first_copy, ("mirrord", "lsyncd")), "rest": (rest_of_copy, ("mirrord",)),
-         "records": (records, ("mirrord", "counting")), "changes": (small_changes, ("mirrord", "lsyncd"))}
+         "records": (records, ("mirrord", "former", "counting")), "changes": (small_changes, ("mirrord", "lsyncd"))}
 
 
 def file_system(folder):
@@ -383,7 +384,7 @@ def measure(build, rounds=ROUNDS, part=1, disk=DISK, parts=tuple(PARTS), names=t
 def measure_part(done, kind, each, names, when):
     what, those = PARTS[each]
     for name in random.sample(those, len(those)):
-        if name in names:
+        if name in names and (name != "former" or Former.program):
             print("bench: replication, %s: %s, %s, %s" % (when, kind, each, name), file=sys.stderr)
             attempt(done, kind, name, what)
     if each == "copy":
@@ -398,10 +399,12 @@ def main():
     parser.add_argument("--part", type=int, default=1)
     parser.add_argument("--only", default=",".join(SIDES))
     parser.add_argument("--parts", default=",".join(PARTS))
+    parser.add_argument("--former", help="a mirrord of commit 8574912, the last one without a log")
     parser.add_argument("--disk", default=DISK, help="a folder on a disk's file system")
     parser.add_argument("--busy", action="store_true", help="say in the report that the machine did other things too")
     parser.add_argument("--output", help="the report whose section is replaced")
     args = parser.parse_args()
+    Former.program = args.former and pathlib.Path(args.former).resolve()
     done = measure(args.build, args.rounds, args.part, args.disk, args.parts.split(","), args.only.split(","))
     if args.busy:
         done.busy = "\n\nThe machine was busy with other things: ratios count."

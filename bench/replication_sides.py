@@ -138,6 +138,25 @@ class Mirrord(Replicated, sides.Tarn):
         return sum(source["log_bytes"] for source in json.loads(self.verb("status", "--json"))["sources"])
 
 
+class Former(Mirrord):
+    """mirrord before it had a log: what it gets it applies, or loses."""
+    title = "mirrord without a log"
+    program = None  # of commit 8574912
+
+    def serve(self):
+        super().serve()
+        self.status = self.home / "status.json"
+        self.tarn("rule", "add", "--include", self.lower)
+
+    def follow(self):
+        self.process = self.spawned(self.program, "--source", self.lower, "--replica", self.replica,
+                                    "--status-file", self.status, env=self.env)
+        self.wait_for("mirrord", lambda: "tarn_process_nl_helo" in self.tarn("log"))
+
+    def wait(self):
+        sides.run(self.program, "--catch-up", "--status-file", self.status, "--timeout", sides.LIMIT, env=self.env)
+
+
 class Counting(Mirrord):
     """No replication: a daemon that only counts records."""
     title = "a daemon that only counts"
@@ -189,4 +208,4 @@ class Lsyncd(Replicated):
                    for number in re.findall(r"(?:sent|received) (\d+) bytes", line))
 
 
-SIDES = {"mirrord": Mirrord, "lsyncd": Lsyncd, "counting": Counting}
+SIDES = {"mirrord": Mirrord, "lsyncd": Lsyncd, "counting": Counting, "former": Former}

@@ -21,7 +21,7 @@ constexpr std::size_t kSkipped = 256;
 constexpr std::chrono::seconds kClockHolds{60};
 /* A question is asked as often, if that takes no longer. */
 constexpr int kTries = 3;
-constexpr std::chrono::seconds kTryFor{5};
+constexpr std::chrono::seconds kTryFor{5}, kSilence{1};
 
 Error away(const std::string &why) {
   return Error{-EHOSTDOWN, "the source's host does not answer: " + why};
@@ -187,10 +187,16 @@ std::int64_t Conversation::Heard::at_present() const {
 Result<remote::Answer> Conversation::ask(const remote::Question &question,
                                          std::vector<std::byte> &message) {
   const auto begun = Clock::now();
+  if (begun < ask_again_) return Error{-EHOSTDOWN, silence_};
   for (int tries = kTries;; --tries) {
     auto answer = ask_once(question, message);
     const bool again = !answer && is_away(answer.error()) && Clock::now() - begun < kTryFor;
-    if (!again || tries <= 1) return answer;
+    if (again && tries > 1) continue;
+    if (!answer && silent_) {
+      silence_ = answer.error().text;
+      ask_again_ = Clock::now() + kSilence;
+    }
+    return answer;
   }
 }
 
@@ -198,6 +204,7 @@ Result<remote::Answer> Conversation::ask_once(const remote::Question &question,
                                               std::vector<std::byte> &message) {
   const auto bytes = remote::encode({++number_, question});
   auto got = requests_.ask(bytes);
+  silent_ = !got && got.error().code == -ETIMEDOUT;
   if (!got) return away(got.error().text);
   message = std::move(*got);
   auto answer = remote::decode_answer(message);

@@ -35,7 +35,9 @@ class Conversation {
  public:
   explicit Conversation(Requests &requests) : requests_(requests) {}
 
-  /* The answer, of the kind that belongs to the question. `message` gets its bytes. */
+  /* The answer, of the kind that belongs to the question. `message` gets its bytes. A host that has
+   * kept somebody waiting in vain is not asked for a second: whoever goes over many objects would
+   * wait as long for each. */
   Result<remote::Answer> ask(const remote::Question &question, std::vector<std::byte> &message);
   template <class Kind>
   Result<Kind> ask(const remote::Question &question, std::vector<std::byte> &message) {
@@ -61,6 +63,9 @@ class Conversation {
   Requests &requests_;
   std::uint64_t number_ = 0;
   std::optional<Heard> heard_;
+  bool silent_ = false; /* the last question got no answer in time */
+  Clock::time_point ask_again_{};
+  std::string silence_; /* the error until then */
 };
 
 class RemoteSource final : public Source {

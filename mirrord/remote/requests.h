@@ -16,7 +16,7 @@ class Requests {
   virtual ~Requests() = default;
   /* Any thread may ask. Waits for the answer, for a bounded time. The question may reach the
    * source's host more than once, or after the wait. Error: there is no answer; the text says why.
-   */
+   * -ETIMEDOUT: none came in that time. */
   virtual Result<std::vector<std::byte>> ask(Bytes question) = 0;
 };
 

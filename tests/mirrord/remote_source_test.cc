@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "mirrord/file_status.h"
 #include "mirrord/remote/remote_tree.h"
@@ -256,8 +257,18 @@ TEST_F(RemoteSourceTest, a_host_that_does_not_answer_is_away) {
   EXPECT_TRUE(remote_.now().ok()) << "as the answers before have told";
   RemoteSource fresh(line_);
   EXPECT_EQ(fresh.now().error().code, -EHOSTDOWN);
+}
+
+/* Whoever goes over many objects would wait for each, also when told to stop. */
+TEST_F(RemoteSourceTest, a_host_that_has_not_answered_is_not_asked_for_each_of_many) {
+  put("f", "text");
+  line_.cut();
+  const std::uint64_t before = line_.asked();
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(remote_.find("f").error().code, -EHOSTDOWN);
+  EXPECT_NE(remote_.find("f").error().text.find("the line is cut"), std::string::npos);
+  EXPECT_LE(line_.asked() - before, 6u);
   line_.mend();
-  EXPECT_TRUE(find("f"));
+  while (!remote_.find("f")) std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
 TEST_F(RemoteSourceTest, a_source_that_is_not_there_is_away_too) {

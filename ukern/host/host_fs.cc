@@ -51,15 +51,15 @@ class ThreadIdentity {
     if (as == nullptr) {
       // Groups do not matter to the superuser: a thread that has its rights already is not
       // switched.
-      if (!own_ && (uid_ != own_uid_ || capabilities_ != kFileCapabilities)) {
-        set(own_uid_, own_gid_, own_groups_.data(), own_groups_.size(), kFileCapabilities);
+      if (!own_ && (uid_ != own_uid_ || capabilities_ != own_file_capabilities())) {
+        set(own_uid_, own_gid_, own_groups_.data(), own_groups_.size(), own_file_capabilities());
         own_ = true;
       }
       return;
     }
     static const unsigned no_group = 0;
     const unsigned *groups = as->ngroups ? as->groups : &no_group;  // never null
-    const unsigned capabilities = as->capabilities & kFileCapabilities;
+    const unsigned capabilities = as->capabilities & own_file_capabilities();
     const bool same_groups =
         as->ngroups == groups_.size() &&
         (groups_.empty() || std::equal(groups_.begin(), groups_.end(), groups));
@@ -86,6 +86,11 @@ class ThreadIdentity {
     __user_cap_header_struct head = {_LINUX_CAPABILITY_VERSION_3, 0};
     if (syscall(SYS_capget, &head, own_capabilities_) != 0) give_up("capget");
     prepared_ = true;
+  }
+
+  // The most that a thread can have: in a container the program may lack some itself.
+  unsigned own_file_capabilities() const {
+    return own_capabilities_[0].effective & kFileCapabilities;
   }
 
   // By system call: libc's setgroups would change every thread of the program. setfsuid changes

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <chrono>
+#include <cstddef>
 
 #include "base/mutex.h"
 #include "tarnd/fuse/fuse_api.h"
@@ -44,6 +45,8 @@ class CallerTask {
  private:
   friend class InterruptScope;
   using Clock = std::chrono::steady_clock;
+  /* More than a program has threads that look at files: git status has up to 20. */
+  static constexpr std::size_t kRightsCached = 32;
   struct CachedRights {
     pid_t pid = 0; /* 0: unused */
     uid_t uid = 0;
@@ -61,7 +64,7 @@ class CallerTask {
   Task task_;
   Identity identity_;
   Clock::time_point rights_valid_until_;
-  std::array<CachedRights, 4> rights_cache_;
+  std::array<CachedRights, kRightsCached> rights_cache_;
   PathWalk walk_;
 
   fuse_req_t interruptible_ = nullptr;  // its interrupt ends a wait; null after the reply

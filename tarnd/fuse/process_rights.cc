@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-2.0
 #include "tarnd/fuse/process_rights.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -44,8 +46,18 @@ ProcessRights parse_status(const std::string &status) {
   return rights;
 }
 
-// Does the process's user namespace map users and groups as ours does?
+// The target of a symbolic link of /proc; empty if it cannot be read.
+static std::string read_link(const std::string &path) {
+  char target[64];
+  const ssize_t length = readlink(path.c_str(), target, sizeof target);
+  return length > 0 ? std::string(target, static_cast<size_t>(length)) : std::string();
+}
+
+// Does the process's user namespace map users and groups as ours does? Mostly it is ours, which is
+// told by one system call; without the right to read the link the maps are compared.
 static bool has_our_id_maps(const std::string &proc) {
+  static const std::string ours = read_link("/proc/self/ns/user");
+  if (!ours.empty() && read_link(proc + "/ns/user") == ours) return true;
   static const std::string users = read_proc("/proc/self/uid_map");
   static const std::string groups = read_proc("/proc/self/gid_map");
   return read_proc(proc + "/uid_map") == users && read_proc(proc + "/gid_map") == groups;

@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <csignal>
+#include <fstream>
+#include <iterator>
+#include <string>
 
 namespace tarnd {
 namespace {
@@ -54,6 +57,46 @@ TEST(ProcessRights, of_others_are_theirs_here) {
   close(ready[1]);
   if (!made) GTEST_SKIP() << "no user name space can be made here";
   EXPECT_EQ(rights.capabilities, 0u);
+}
+
+// Runs `check` for a process in a user name space of its own, with `map` as its
+// map of users and groups. False where none can be made.
+template <typename Check>
+bool with_user_namespace(const char *map, Check check) {
+  int ready[2];
+  if (pipe(ready) != 0) return false;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    const char ok = unshare(CLONE_NEWUSER) == 0;
+    if (write(ready[1], &ok, 1) == 1) pause();
+    _exit(0);
+  }
+  char made = 0;
+  if (read(ready[0], &made, 1) != 1) made = 0;
+  if (made) {
+    const std::string proc = "/proc/" + std::to_string(pid);
+    std::ofstream(proc + "/uid_map") << map << std::flush;
+    std::ofstream(proc + "/gid_map") << map << std::flush;
+    check(pid);
+  }
+  kill(pid, SIGKILL);
+  waitpid(pid, nullptr, 0);
+  close(ready[0]);
+  close(ready[1]);
+  return made;
+}
+
+TEST(ProcessRights, count_in_a_user_name_space_with_our_users) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can map all users";
+  std::ifstream own("/proc/self/uid_map");
+  const std::string all((std::istreambuf_iterator<char>(own)), {});
+  const auto capable = [](pid_t pid) { return process_rights(pid).capabilities != 0; };
+  bool same = false, other = true;
+  const bool made = with_user_namespace(all.c_str(), [&](pid_t pid) { same = capable(pid); }) &&
+                    with_user_namespace("0 0 1\n", [&](pid_t pid) { other = capable(pid); });
+  if (!made) GTEST_SKIP() << "no user name space can be made here";
+  EXPECT_TRUE(same);
+  EXPECT_FALSE(other);
 }
 
 }  // namespace

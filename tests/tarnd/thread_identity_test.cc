@@ -49,7 +49,8 @@ enum class Others { kTheSuperusers, kAUsers };
 // one after a check for a user takes one.
 [[noreturn]] void check_and_open(Others last) {
   const int path = open("/", O_PATH | O_DIRECTORY | O_CLOEXEC);
-  const host_identity superuser = {0, 0, 0, nullptr, ~0u}, user = {1, 1, 0, nullptr, 0};
+  const host_identity superuser = {0, 0, 0, nullptr, ~(1u << CAP_LEASE)};
+  const host_identity user = {1, 1, 0, nullptr, 0};
   if (path < 0 || !lose(CAP_LEASE)) _exit(2);
   const host_identity *as = last == Others::kAUsers ? &user : &superuser;
   if (host_fs_access(as, path, R_OK) != 0 || !refuse_changes()) _exit(3);

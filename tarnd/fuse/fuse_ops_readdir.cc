@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 // Listings of directories.
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <string>
 #include <vector>
@@ -114,6 +117,14 @@ static bool wants_attributes(fuse_req_t req, fuse_ino_t dir, off_t off) {
                   : advice.goes_on(thread, node_of(req, dir));
 }
 
+// What was listed without attributes.
+static void note_files(fuse_req_t req, fuse_ino_t dir, const Names &names) {
+  const auto is_file = [](const Name &name) { return !S_ISDIR(to_entry_mode(name.type)); };
+  const auto files = std::count_if(names.all.begin(), names.all.end(), is_file);
+  mount_of(req)->readdirplus_advice().listed(fuse_req_ctx(req)->pid, node_of(req, dir),
+                                             static_cast<unsigned>(files));
+}
+
 static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t off,
                            fuse_file_info *fi) {
   as_caller(req, Need::kRights, [&] {
@@ -130,6 +141,7 @@ static void op_readdirplus(fuse_req_t req, fuse_ino_t ino, size_t size, off_t of
     given.reserve(names.all.size());
     size_t used = 0;
     const bool names_only = !wants_attributes(req, ino, off);
+    if (names_only) note_files(req, ino, names);
     for (const Name &name : names.all) {
       const fuse_entry_param entry = names_only ? without_node(name) : entry_of(req, ino, name);
       used += fuse_add_direntry_plus(req, buf + used, size - used, name.text.c_str(), &entry,

@@ -30,6 +30,43 @@ TEST(ReaddirplusAdvice, who_looks_files_up_gets_attributes_with_the_next_directo
   EXPECT_TRUE(advice.goes_on(kList, kTwo));
 }
 
+TEST(ReaddirplusAdvice, a_fair_part_of_the_files_is_needed) {
+  ReaddirplusAdvice advice;
+  EXPECT_FALSE(advice.begun(kList, kOne));
+  advice.listed(kList, kOne, 3 * ReaddirplusAdvice::kFairPart);
+  advice.looked_up(kList, kOne);
+  advice.looked_up(kList, kOne);
+  EXPECT_FALSE(advice.goes_on(kList, kOne));
+  advice.looked_up(kList, kOne);
+  EXPECT_TRUE(advice.goes_on(kList, kOne));
+}
+
+TEST(ReaddirplusAdvice, who_looks_one_name_up_in_each_directory_gets_names) {
+  ReaddirplusAdvice advice;
+  for (int i = 0; i < 100; i++) {
+    const uk_node *directory = i % 2 ? kOne : kTwo;
+    EXPECT_FALSE(advice.begun(kFind, directory));
+    advice.listed(kFind, directory, 2 * ReaddirplusAdvice::kFairPart);
+    advice.looked_up(kFind, directory);
+  }
+}
+
+TEST(ReaddirplusAdvice, all_parts_of_one_directory_count) {
+  ReaddirplusAdvice advice;
+  EXPECT_FALSE(advice.begun(kList, kOne));
+  advice.listed(kList, kOne, ReaddirplusAdvice::kFairPart);
+  advice.listed(kList, kOne, ReaddirplusAdvice::kFairPart);
+  advice.listed(kFind, kOne, ReaddirplusAdvice::kFairPart);
+  advice.listed(kList, kTwo, ReaddirplusAdvice::kFairPart);
+  advice.looked_up(kList, kOne);
+  EXPECT_FALSE(advice.begun(kList, kTwo));
+  EXPECT_FALSE(advice.begun(kList, kOne));
+  advice.listed(kList, kOne, 2 * ReaddirplusAdvice::kFairPart);
+  advice.looked_up(kList, kOne);
+  advice.looked_up(kList, kOne);
+  EXPECT_TRUE(advice.begun(kList, kTwo));
+}
+
 TEST(ReaddirplusAdvice, files_of_other_directories_do_not_count) {
   ReaddirplusAdvice advice;
   EXPECT_FALSE(advice.begun(kList, kOne));

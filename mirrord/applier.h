@@ -117,6 +117,16 @@ class Applier {
   bool more_names_outside() const { return reconciler_.more_names_outside(); }
   void watch(const std::string &path) { reconciler_.watch(path); }
   const ChangedPaths &changed_paths() const { return reconciler_.changed_paths(); }
+  /* Call restore_looked() before doubts(), which returns what a later Applier of the same replica
+   * has to take() when it goes on with the next record. Nothing: not at this record. */
+  Result<void> restore_looked() {
+    use_all_rules();
+    return reconciler_.restore_looked();
+  }
+  std::optional<Doubts> doubts() {
+    return pages_.unfinished() == 0 ? reconciler_.doubts() : std::nullopt;
+  }
+  void take(const Doubts &doubts) { reconciler_.take(doubts); }
 
   /* Records whose object was missing and that no later record explained in time. */
   std::vector<Unexplained> take_unexplained() { return std::exchange(unexplained_, {}); }

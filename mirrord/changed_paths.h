@@ -31,6 +31,12 @@ class ChangedPaths {
     add(to);
   }
   bool empty() const { return paths_.empty(); }
+  std::size_t size() const { return paths_.size(); }
+  std::vector<std::string> all() const {
+    std::vector<std::string> all;
+    for (const auto &[path, nothing] : paths_) all.push_back(path);
+    return all;
+  }
   bool full() const { return paths_.size() >= kMost; }
 
   /* Returns all paths, parents before children, and empties the set. */

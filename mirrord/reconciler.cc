@@ -341,6 +341,7 @@ Result<void> Reconciler::copy_mtime(const std::string &path, std::int64_t until)
 
 Result<void> Reconciler::compare_changed(std::int64_t until) {
   if (!source_.available()) return {};
+  for (const std::string &directory : std::exchange(looked_, {})) changed_paths_.add(directory);
   auto paths = changed_paths_.take();
   Result<void> worst;
   std::vector<std::string> changing;

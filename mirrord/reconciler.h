@@ -14,8 +14,9 @@
 #include <string>
 #include <vector>
 
-#include "mirrord/fetcher.h"
 #include "mirrord/changed_paths.h"
+#include "mirrord/doubts.h"
+#include "mirrord/fetcher.h"
 #include "mirrord/pending_paths.h"
 
 namespace tarn {
@@ -103,6 +104,12 @@ class Reconciler {
    * the source from then on. Goes on after an error and returns the worst one. */
   Result<void> look(const std::string &directory, std::optional<std::int64_t> since,
                     std::optional<std::int64_t> read_since);
+  /* Gives the directories that were looked at the times that later looks have changed. */
+  Result<void> restore_looked();
+  /* What a later Reconciler has to compare. Nothing: more than Doubts::kMost, or what cannot be
+   * told. */
+  std::optional<Doubts> doubts();
+  void take(const Doubts &doubts);
 
   /* Both names are one object in the replica. If they are in the source too, notes it as the copy's
    * origin. */
@@ -147,6 +154,7 @@ class Reconciler {
   PendingPaths pending_;
   ChangedPaths changed_paths_;
   std::set<std::string> failed_; /* could not be compared or copied */
+  std::set<std::string> looked_; /* directories whose times a look may have changed since theirs */
   struct Searched {
     timespec changed;
     nlink_t known;

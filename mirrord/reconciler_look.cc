@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: GPL-2.0
 // Comparing one directory with the source, for walks over the whole tree.
+#include <limits>
 #include <map>
 
+#include "client/paths.h"
 #include "mirrord/failures.h"
 #include "mirrord/file_status.h"
 #include "mirrord/path_map.h"
@@ -37,6 +39,7 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
     if (directory.empty() || !*above) return {};
     follow_source(directory);
     if (const auto made = fetcher_.make_directory(directory, **theirs); !made) return made;
+    looked_.insert(parent_of(directory));
   }
   const auto entries = source_.entries(**theirs);
   if (!entries && entries.error().code == -ENOENT) return {};  // removed or renamed, too
@@ -63,9 +66,42 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
   }
   // Other names of a file are looked at in their own directories.
   fetcher_.take_multiply_linked();
-  changed_paths_.add(directory);
+  looked_.insert(directory);
   keep_worst(worst, fetcher_.make_directory(directory, **theirs));
   return worst;
+}
+
+Result<void> Reconciler::restore_looked() {
+  while (!looked_.empty()) {
+    const auto restored = copy_mtime(*looked_.begin(), std::numeric_limits<std::int64_t>::max());
+    if (!restored) return restored;
+    looked_.erase(looked_.begin());
+  }
+  return {};
+}
+
+std::optional<Doubts> Reconciler::doubts() {
+  const Replica::Objects &unlinked = replica_.partly_unlinked();
+  if (changed_paths_.size() + failed_.size() + unlinked.size() > Doubts::kMost) return std::nullopt;
+  Doubts doubts{.changed = changed_paths_.all(), .failed = {failed_.begin(), failed_.end()}};
+  const auto root = replica_.find("");
+  for (const auto &[device, inode] : unlinked) {
+    if (!root || !*root || device != (*root)->st_dev) return std::nullopt;
+    doubts.partly_unlinked.push_back(inode);
+  }
+  return doubts;
+}
+
+/* An object that has the number of another one by now is compared in vain. */
+void Reconciler::take(const Doubts &doubts) {
+  for (const std::string &path : doubts.changed) changed_paths_.add(path);
+  failed_.insert(doubts.failed.begin(), doubts.failed.end());
+  const auto root = replica_.find("");
+  if (!root || !*root) return;
+  Replica::Objects unlinked;
+  for (const std::uint64_t inode : doubts.partly_unlinked)
+    unlinked.insert({(*root)->st_dev, inode});
+  replica_.note_partly_unlinked(unlinked);
 }
 
 /* A file that the replica has is perhaps not read at all, and not opened for that. */
@@ -106,6 +142,11 @@ Result<void> Reconciler::look_at(const Look &look, const std::string &path, cons
   const bool changed = look.read_since && changed_since(*look.read_since);
   fetcher_.set_trust(changed ? Fetcher::Trust::kNone : Fetcher::Trust::kSizeAndTime);
   follow_source(path);
+  // The fetch may link its other names anew, in directories that were looked at before.
+  if (status.st_nlink > 1) {
+    for (const std::string &other : fetcher_.origins().paths_of(status))
+      looked_.insert(parent_of(other));
+  }
   return fetcher_.fetch(path, **theirs, included_,
                         *mine ? Fetcher::Mine::kUnknown : Fetcher::Mine::kAbsent);
 }

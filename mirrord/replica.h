@@ -80,7 +80,7 @@ class Replica {
   void note_partly_unlinked(const Objects &objects) {
     partly_unlinked_.insert(objects.begin(), objects.end());
   }
-  bool has_partly_unlinked() const { return !partly_unlinked_.empty(); }
+  const Objects &partly_unlinked() const { return partly_unlinked_; }
   Objects take_partly_unlinked() { return std::exchange(partly_unlinked_, {}); }
   /* The names in a directory, without "." and "..". */
   Result<std::vector<std::string>> names(const std::string &path);

@@ -9,7 +9,7 @@
  * gap         since (8), reason (text)
  * mark        number (8), until (8)
  * walk begin  walk (8), since (8), target (text)
- * look        walk (8), parts done of 1'000'000 (4), directory (text)
+ * look        walk (8), parts done of 1'000'000 or all bits set (4), directory (text)
  * walk end    walk (8), 1 if it saw everything (1)
  * join        epoch (16), position (8), 1 if changes are missing (1), reason (text)
  */
@@ -67,6 +67,8 @@ struct WalkBeginEntry {
 };
 struct LookEntry {
   static constexpr std::uint32_t kWhole = 1'000'000;
+  /* Instead of `done`: the walk could not read it, and it is not to be looked at. */
+  static constexpr std::uint32_t kUnread = ~std::uint32_t{0};
   std::uint64_t walk = 0;
   std::uint32_t done = 0; /* of the walk, parts of kWhole */
   std::string directory;  /* relative to the source; "": the source itself */

@@ -20,6 +20,9 @@ using std::chrono::steady_clock;
 constexpr steady_clock::duration kAttachInterval = std::chrono::seconds(1);
 constexpr steady_clock::duration kPausedInterval = std::chrono::seconds(1);
 constexpr steady_clock::duration kSaveInterval = std::chrono::seconds(5);
+/* During a walk: to be interrupted costs what was copied since, and to save a part of the time. */
+constexpr steady_clock::duration kWalkSaveInterval = std::chrono::milliseconds(250);
+constexpr int kSavePauses = 9;
 constexpr steady_clock::duration kPublishInterval = std::chrono::milliseconds(20);
 constexpr steady_clock::duration kFirstPause = std::chrono::milliseconds(100);
 constexpr steady_clock::duration kLongestPause = std::chrono::seconds(30);
@@ -39,14 +42,19 @@ Result<std::unique_ptr<Target>> Target::open(Options options, Intake &intake, Wa
     target->state_.uuid = *made;
   }
   TargetState &kept = target->state_;
+  const LogPosition furthest =
+      std::max(kept.position, kept.walk ? kept.walk->position : LogPosition{0});
   target->end_lost_ =
-      kept.log == to_string(intake.log().epoch()) && kept.position > target->options_.log_end;
-  if (target->end_lost_) kept.position = target->options_.log_end;
+      kept.log == to_string(intake.log().epoch()) && furthest > target->options_.log_end;
+  if (target->end_lost_) {
+    kept.position = std::min(kept.position, target->options_.log_end);
+    kept.walk.reset();
+  }
   struct stat source;
   if (!target->options_.view && stat(target->options_.source_directory.c_str(), &source) == 0)
     target->source_ = source;
   target->uuid_ = target->state_.uuid;
-  target->needed_ = target->state_.position;
+  target->needed_ = target->kept_from();
   MutexLock lock(target->mutex_);
   target->paused_ = target->state_.paused;
   target->shown_ = target->state_;
@@ -183,6 +191,7 @@ void Target::take_resync() {
   state_.identity.reset();
   state_.missing_since = kSinceEver;
   state_.compare_data = true;
+  state_.walk.reset();
   state_.clean = false;
   state_.gaps = state_.skipped = 0;
   const auto written = write_target_state(options_.state_file, state_);
@@ -231,6 +240,7 @@ void Target::take_work() {
 }
 
 void Target::step() {
+  ask_for_rest_of_walk();
   const auto entry = reader_->next();
   if (!entry) return unreadable(entry.error());
   if (!*entry) return idle();
@@ -240,7 +250,9 @@ void Target::step() {
 
 /* Also while there is always more to read: the log keeps all from the saved position on. */
 void Target::save_sometimes() {
-  if (!engine_ || !unsaved_ || Clock::now() - saved_at_ < kSaveInterval) return;
+  const auto interval =
+      walk_ ? std::clamp(kSavePauses * saving_, kWalkSaveInterval, kSaveInterval) : kSaveInterval;
+  if (!engine_ || !unsaved_ || Clock::now() - saved_at_ < interval) return;
   if (const auto saved = save(false); !saved) failed("the position", saved.error());
 }
 
@@ -324,11 +336,12 @@ void Target::apply_held(const LogEntry &entry) {
 
 /* The data that the files have now and the position that says so, in this order. */
 Result<void> Target::save(bool clean) {
-  saved_at_ = Clock::now();
+  const auto begun = saved_at_ = Clock::now();
   engine_->replica.close_files();
   if (const auto kept = write_back(); !kept) return kept;
   // Only a mark tells that nothing before it is in doubt.
   keep_names_outside();
+  note_walk_place();
   state_.clean = clean;
   if (clean) state_.position = position_;
   if (const auto synced = engine_->replica.sync(); !synced) {
@@ -337,13 +350,17 @@ Result<void> Target::save(bool clean) {
   }
   if (std::exchange(writes_lost_, false)) look_for_missing(intake_.log().end());
   // A log that loses its end gives the positions to other entries.
-  if (state_.position > intake_.log().durable_end()) {
+  const LogPosition furthest =
+      std::max(state_.position, state_.walk ? state_.walk->position : LogPosition{0});
+  if (furthest > intake_.log().durable_end()) {
     if (const auto logged = intake_.log().sync(); !logged) return logged;
   }
   if (const auto written = write_target_state(options_.state_file, state_); !written)
     return written;
-  if (!claim_dropped_) needed_ = state_.position;
+  if (!claim_dropped_) needed_ = kept_from();
   unsaved_ = false;
+  saved_at_ = Clock::now();
+  saving_ = saved_at_ - begun;
   return {};
 }
 
@@ -357,6 +374,7 @@ void Target::writes_lost(const Error &error) {
   if (!kept || !*kept) return;  // all is compared without a state
   (*kept)->missing_since = kSinceEver;
   (*kept)->compare_data = true;
+  (*kept)->walk.reset();
   (*kept)->clean = false;
   ++(*kept)->gaps;
   if (const auto written = write_target_state(options_.state_file, **kept); !written)
@@ -412,6 +430,7 @@ void Target::look_for_missing(LogPosition position) {
   missing_at_ = position;
   walk_.reset();
   walked_ = false;
+  state_.walk.reset();
   walks_.request(walked_as(), *state_.missing_since, missing_at_);
 }
 

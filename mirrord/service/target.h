@@ -64,7 +64,7 @@ class Target {
 
   void start();
   /* Ends the thread: applies what the log holds if that takes no longer than until `end`. A copy
-   * that takes longer is interrupted, and begins anew at the next start. */
+   * that takes longer is interrupted, and goes on at the next start. */
   void stop(Clock::time_point end);
 
   const std::string &name() const { return options_.name; }
@@ -126,6 +126,12 @@ class Target {
   Result<void> close_to_others();
   void note_lost_end();
   void begin_in_log();
+  void note_walk_place();
+  bool walk_goes_on() const;
+  void go_on_with_walk();
+  void ask_for_rest_of_walk();
+  void walk_fails();
+  LogPosition kept_from() const;
   void detach();
   bool still_there();
   void finish();
@@ -154,6 +160,7 @@ class Target {
   void watch_names_outside();
   void missing(std::int64_t since, LogPosition position, const std::string &why);
   void note_missing(std::int64_t since, LogPosition position);
+  void note_progress(const LookEntry &look);
   void look_for_missing(LogPosition position);
   void failed(const std::string &what, const Error &error);
   Result<void> save(bool clean);
@@ -177,18 +184,23 @@ class Target {
   TargetState state_;
   std::unique_ptr<Engine> engine_;
   std::optional<LogReader> reader_;
-  LogPosition position_ = 0;           /* of the next entry to apply */
-  LogPosition missing_at_ = 0;         /* a walk that begins before it is too early */
-  std::optional<WalkBeginEntry> walk_; /* under way in the log, and of use here */
-  std::uint64_t read_before_walk_ = 0; /* bytes of the source */
-  bool walk_failed_ = false;           /* what it found could not be copied */
-  bool walked_ = false;                /* it has ended: the next mark ends `missing_since` */
+  LogPosition position_ = 0;              /* of the next entry to apply */
+  LogPosition missing_at_ = 0;            /* a walk that begins before it is too early */
+  std::optional<WalkBeginEntry> walk_;    /* under way in the log, and of use here */
+  std::optional<std::string> walk_after_; /* the last directory that it has looked at */
+  bool walk_left_off_ = false;            /* by another process: perhaps the log has no end of it */
+  Clock::time_point walk_noted_at_{};     /* state_.walk */
+  std::optional<double> walk_from_;       /* the share that was done when it began here */
+  std::uint64_t read_before_walk_ = 0;    /* bytes of the source */
+  bool walk_failed_ = false;              /* what it found could not be copied */
+  bool walked_ = false;                   /* it has ended: the next mark ends `missing_since` */
   std::optional<std::int64_t> unplaced_since_; /* changes that the present walk may not find */
   std::int64_t last_captured_ = 0;             /* the latest record before the next mark */
   std::optional<struct stat> source_;          /* of this host: its directory when it was opened */
   std::set<std::string> suspects_;             /* copied from the source at the next mark */
   DirectoryIdentity identity_;
   Clock::time_point published_at_{}, saved_at_{}, checked_at_{}, compare_again_{};
+  Clock::duration saving_{}; /* what the last one has taken */
   Clock::time_point walk_retry_at_{}, walk_started_{};
   bool unsaved_ = false;
   bool writes_lost_ = false; /* the last sync of the directory has failed */

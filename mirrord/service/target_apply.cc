@@ -123,9 +123,10 @@ void Target::look_for_unplaced(std::int64_t since, LogPosition position) {
   if (!state_.missing_since) return note_missing(since, position);
   const bool earlier = since < *state_.missing_since;
   if (earlier) state_.missing_since = since;
-  if (walk_ || walked_)
+  if (walk_ || walked_) {
     unplaced_since_ = std::min(unplaced_since_.value_or(since), since);
-  else if (earlier)
+    state_.walk.reset();
+  } else if (earlier)
     note_missing(since, position);
 }
 
@@ -185,7 +186,7 @@ void Target::not_copied(const std::string &what, const Error &error) {
   if (is_absent(error)) return;
   const std::int64_t since = since_until();
   if (!state_.missing_since) return missing(since, intake_.log().end(), what + ": " + error.text);
-  walk_failed_ = true;
+  walk_fails();
   if (std::exchange(walked_, false)) walk_retry_at_ = Clock::now() + kWalkAgain;
   if (since >= *state_.missing_since) return;
   state_.missing_since = since;
@@ -200,6 +201,7 @@ Result<void> Target::after_mark(const MarkEntry &mark) {
   if (walked_ && !writes_lost_) {
     const bool told = state_.missing_since == kSinceEver || state_.gaps != state_.skipped;
     state_.missing_since = unplaced_since_;
+    state_.walk.reset();
     state_.read_since.reset();
     state_.compare_data = false;
     state_.gaps = state_.skipped;
@@ -255,6 +257,10 @@ void Target::apply_walk_begin(const WalkBeginEntry &walk, LogPosition position) 
       walk.since > *state_.missing_since)
     return;
   walk_ = walk;
+  walk_after_.reset();
+  walk_left_off_ = false;
+  walk_from_ = 0;
+  state_.walk.reset();
   unplaced_since_.reset();
   walked_ = walk_failed_ = false;
   walk_started_ = Clock::now();
@@ -263,6 +269,10 @@ void Target::apply_walk_begin(const WalkBeginEntry &walk, LogPosition position) 
 
 Result<void> Target::apply_look(const LookEntry &look) {
   if (!walk_ || walk_->walk != look.walk) return {};
+  if (look.done == LookEntry::kUnread) {
+    walk_fails();
+    return {};
+  }
   if (const auto source = check_source(); !source) return source;
   std::optional<std::int64_t> since = walk_->since;
   if (since == kSinceEver) since.reset();
@@ -275,24 +285,33 @@ Result<void> Target::apply_look(const LookEntry &look) {
   if (const auto kept = write_back(); !kept) return kept;
   if (!looked && !holds_target(looked.error())) {
     failed("copy of " + printable("./" + look.directory), looked.error());
-    walk_failed_ = walk_failed_ || !is_absent(looked.error());
+    if (!is_absent(looked.error())) walk_fails();
     looked = {};
   }
+  if (looked) walk_after_ = look.directory;
+  note_progress(look);
+  return looked;
+}
+
+void Target::note_progress(const LookEntry &look) {
   const double done = static_cast<double>(look.done) / LookEntry::kWhole;
+  const double here = done - *(walk_from_ = walk_from_.value_or(done)); /* done by this process */
   const double seconds = std::chrono::duration<double>(Clock::now() - walk_started_).count();
   const std::uint64_t read = engine_->applier->fetcher().data().bytes_read() - read_before_walk_;
   MutexLock lock(mutex_);
   progress_ = done;
-  seconds_left_ = done > 0 ? seconds / done * (1 - done) : -1;
+  seconds_left_ = here > 0 ? seconds / here * (1 - done) : -1;
   bytes_per_second_ = seconds > 0 ? static_cast<double>(read) / seconds : -1;
-  return looked;
 }
 
 void Target::apply_walk_end(const WalkEndEntry &walk) {
   if (!walk_ || walk_->walk != walk.walk) return;
   walk_.reset();
   walked_ = walk.complete && !walk_failed_;
-  if (!walked_) walk_retry_at_ = Clock::now() + kWalkAgain;
+  if (!walked_) {
+    walk_retry_at_ = Clock::now() + kWalkAgain;
+    state_.walk.reset();
+  }
   if (!walk.complete)
     failed("the walk over the source", Error{-EACCES, "a part of the source cannot be read"});
 }

@@ -79,6 +79,7 @@ Result<void> Target::check_identity(const DirectoryIdentity &there) {
     state_.missing_since = kSinceEver;
     ++state_.gaps;
   }
+  if (state_.identity != there) state_.walk.reset();
   state_.identity = there;
   return {};
 }
@@ -115,18 +116,24 @@ void Target::begin_in_log() {
     missing(since_until(), log.end(), "the log no longer has what was not applied");
     state_.position = log.first();
   }
-  position_ = state_.position;
-  needed_ = following_ = position_;
-  reader_.emplace(log, position_);
   walk_.reset();
+  walk_after_.reset();
+  walk_left_off_ = false;
   unplaced_since_.reset();
   walked_ = false;
   suspects_.clear();
+  if (!walk_goes_on()) state_.walk.reset();
   const bool replayed = !state_.clean;
   if (replayed) engine_->applier->distrust_records();
   note_clock();
   watch_names_outside();
-  if (state_.missing_since) {
+  position_ = state_.walk ? state_.walk->position : state_.position;
+  needed_ = kept_from();
+  following_ = position_;
+  reader_.emplace(log, position_);
+  if (state_.walk) {
+    go_on_with_walk();
+  } else if (state_.missing_since) {
     missing_at_ = log.end();
     walks_.request(walked_as(), *state_.missing_since, missing_at_);
   }

@@ -32,6 +32,34 @@ std::string mount_point_of(const std::string &path) {
   return printable(longest);
 }
 
+Json to_json(const DirectoryIdentity &identity) {
+  return {{"object", identity.object}, {"mount_point", identity.mount_point}};
+}
+
+DirectoryIdentity identity_in(const Json &json) {
+  return {json.at("object"), json.at("mount_point")};
+}
+
+Json to_json(const std::vector<std::string> &paths) {
+  Json json = Json::array();
+  for (const std::string &path : paths) json.push_back(Json(json_bytes(path)));
+  return json;
+}
+
+Json to_json(const WalkPlace &place) {
+  return {{"walk", place.begin.walk},
+          {"since", place.begin.since},
+          {"target", place.begin.target},
+          {"position", place.position},
+          {"after", Json(json_bytes(place.after))},
+          {"suspects", to_json(place.suspects)},
+          {"changed", to_json(place.doubts.changed)},
+          {"failed", to_json(place.doubts.failed)},
+          {"partly_unlinked", place.doubts.partly_unlinked},
+          {"last_captured", place.last_captured},
+          {"source", to_json(place.source)}};
+}
+
 Json to_json(const TargetState &state) {
   Json json = {{"uuid", to_string(state.uuid)}, {"log", state.log},
                {"position", state.position},    {"clean", state.clean},
@@ -39,11 +67,9 @@ Json to_json(const TargetState &state) {
                {"paused", state.paused},        {"applied", state.applied},
                {"failures", state.failures},    {"gaps", state.gaps},
                {"skipped", state.skipped},      {"clock_set_backs", state.clock_set_backs}};
-  if (state.identity)
-    json["identity"] = {{"object", state.identity->object},
-                        {"mount_point", state.identity->mount_point}};
-  for (const std::string &path : state.names_outside)
-    json["names_outside"].push_back(Json(json_bytes(path)));
+  if (state.identity) json["identity"] = to_json(*state.identity);
+  if (state.walk) json["walk"] = to_json(*state.walk);
+  if (!state.names_outside.empty()) json["names_outside"] = to_json(state.names_outside);
   if (state.more_names_outside) json["more_names_outside"] = true;
   if (state.missing_since) json["missing_since"] = *state.missing_since;
   if (state.read_since) json["read_since"] = *state.read_since;
@@ -56,6 +82,35 @@ std::string bytes_of(const Json &json) {
   auto bytes = base64_decode(json.at("base64").get_ref<const std::string &>());
   if (!bytes) throw Json::other_error::create(501, "no base64 text", &json);
   return std::move(*bytes);
+}
+
+/* Throws Json::exception. */
+std::vector<std::string> paths_in(const Json &json) {
+  std::vector<std::string> paths;
+  if (!json.is_array()) throw Json::other_error::create(501, "no list of paths", &json);
+  for (const Json &path : json) paths.push_back(bytes_of(path));
+  return paths;
+}
+
+/* Throws Json::exception. */
+WalkPlace walk_in(const Json &json) {
+  WalkPlace place{
+      .begin = {.walk = count_field(json, "walk"),
+                .since = time_field(json, "since"),
+                .target = json.at("target")},
+      .position = count_field(json, "position"),
+      .after = bytes_of(json.at("after")),
+      .suspects = paths_in(json.at("suspects")),
+      .doubts = {.changed = paths_in(json.at("changed")), .failed = paths_in(json.at("failed"))},
+      .last_captured = time_field(json, "last_captured"),
+      .source = identity_in(json.at("source"))};
+  const Json &unlinked = json.at("partly_unlinked");
+  if (!unlinked.is_array()) throw Json::other_error::create(501, "no list of inodes", &json);
+  for (const Json &inode : unlinked) {
+    if (!inode.is_number_unsigned()) throw Json::other_error::create(501, "no inode", &json);
+    place.doubts.partly_unlinked.push_back(inode);
+  }
+  return place;
 }
 
 /* Throws Json::exception. */
@@ -74,12 +129,9 @@ TargetState from_json(const Json &json) {
                     .failures = count_field(json, "failures"),
                     .gaps = count_field(json, "gaps"),
                     .skipped = count_field(json, "skipped")};
-  if (json.contains("identity"))
-    state.identity =
-        DirectoryIdentity{json.at("identity").at("object"), json.at("identity").at("mount_point")};
-  if (json.contains("names_outside")) {
-    for (const Json &path : json.at("names_outside")) state.names_outside.push_back(bytes_of(path));
-  }
+  if (json.contains("identity")) state.identity = identity_in(json.at("identity"));
+  if (json.contains("walk")) state.walk = walk_in(json.at("walk"));
+  if (json.contains("names_outside")) state.names_outside = paths_in(json.at("names_outside"));
   if (json.contains("more_names_outside")) state.more_names_outside = json.at("more_names_outside");
   if (json.contains("missing_since")) state.missing_since = time_field(json, "missing_since");
   if (json.contains("read_since")) state.read_since = time_field(json, "read_since");

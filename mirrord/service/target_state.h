@@ -13,6 +13,7 @@
 
 #include "base/result.h"
 #include "client/uuid.h"
+#include "mirrord/doubts.h"
 #include "mirrord/service/log_entries.h"
 
 namespace tarn {
@@ -28,6 +29,18 @@ Result<DirectoryIdentity> identify_directory(const std::string &path);
 /* Errors: those of reading it. */
 Result<bool> directory_is_empty(const std::string &path);
 
+/* How far a walk is that is under way. */
+struct WalkPlace {
+  WalkBeginEntry begin = {};
+  std::uint64_t position = 0; /* all entries before it are in the target, but for what follows */
+  std::string after = {};     /* the last directory that was looked at */
+  std::vector<std::string> suspects = {}; /* paths to be copied from the source at a mark */
+  Doubts doubts = {};
+  std::int64_t last_captured = 0; /* the latest record before the next mark */
+  DirectoryIdentity source = {};  /* what is walked over */
+  bool operator==(const WalkPlace &) const = default;
+};
+
 struct TargetState {
   Uuid uuid = {};                                 /* of the replicated directory, made once */
   std::optional<DirectoryIdentity> identity = {}; /* nothing: never used, or to be compared anew */
@@ -39,7 +52,8 @@ struct TargetState {
   /* The data of files that changed since then may be missing though their times are here: they are
    * read whatever their size and time say. */
   std::optional<std::int64_t> read_since = {};
-  bool compare_data = false; /* of all files, and from the disk */
+  bool compare_data = false;          /* of all files, and from the disk */
+  std::optional<WalkPlace> walk = {}; /* where the next process goes on, if nothing comes between */
   bool paused = false;
   std::vector<std::string> names_outside = {}; /* paths whose files have names outside the rule */
   bool more_names_outside = false;             /* than kMostNamesOutside */

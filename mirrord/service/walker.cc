@@ -29,6 +29,16 @@ Found find(int directory, const std::string &name, struct stat &status) {
   return errno == ENOENT ? Found::kRemoved : Found::kUnreadable;
 }
 
+/* Where a directory stands beside another one in a walk. kAbove: it is that one, or above it. */
+enum class Place { kBefore, kAbove, kBehind };
+Place place_in_walk(std::string_view path, std::string_view other) {
+  while (!path.empty()) {
+    const std::string_view name = take_until(path, '/'), its = take_until(other, '/');
+    if (name != its) return name < its ? Place::kBefore : Place::kBehind;
+  }
+  return Place::kAbove;
+}
+
 }  // namespace
 
 Walker::Walker(Options options, Intake &intake)
@@ -50,36 +60,79 @@ void Walker::request(const std::string &target, std::int64_t since, LogPosition 
   if (begun_ && begun_->position >= from && begun_->begin.since <= since &&
       (begun_->begin.target.empty() || begun_->begin.target == target))
     return;
+  rest_wanted_.erase(target);
+  for (auto &[number, rest] : cut_off_) rest.targets.erase(target);
+  std::erase_if(cut_off_, [](const auto &rest) { return rest.second.targets.empty(); });
   const auto [wanted, fresh] = wanted_.try_emplace(target, since);
   if (!fresh) wanted->second = std::min(wanted->second, since);
+  changed_.notify_all();
+}
+
+void Walker::go_on(const std::string &target, const WalkBeginEntry &walk,
+                   const std::string &after) {
+  MutexLock lock(mutex_);
+  if (rest_ == walk.walk) rest_wanted_.insert(target);
+  if (walks_.contains(walk.walk)) return;
+  Walk &rest = cut_off_[walk.walk];
+  rest.begin = walk;
+  rest.after = after;
+  rest.targets.insert(target);
   changed_.notify_all();
 }
 
 void Walker::run() {
   MutexLock lock(mutex_);
   while (!stop_) {
-    if (wanted_.empty()) {
+    if (wanted_.empty() && cut_off_.empty()) {
       changed_.wait(lock);
       continue;
     }
     lock.unlock();
     if (!pause(kGather)) return;
-    lock.lock();
-    WalkBeginEntry begin;
-    begin.target = wanted_.size() == 1 ? wanted_.begin()->first : "";
-    begin.since = wanted_.begin()->second;
-    std::set<std::string> targets;
-    for (const auto &[target, since] : wanted_) {
-      begin.since = std::min(begin.since, since);
-      targets.insert(target);
-    }
-    wanted_.clear();
-    begun_ = Begun{intake_.log().end(), begin};
-    begin.walk = begun_->position;
-    lock.unlock();
-    walk(begin, std::move(targets));
+    go_on_with_walk();
+    begin_walk();
     lock.lock();
   }
+}
+
+void Walker::begin_walk() {
+  MutexLock lock(mutex_);
+  if (wanted_.empty()) return;
+  Walk next;
+  next.begin.target = wanted_.size() == 1 ? wanted_.begin()->first : "";
+  next.begin.since = wanted_.begin()->second;
+  for (const auto &[target, since] : wanted_) {
+    next.begin.since = std::min(next.begin.since, since);
+    next.targets.insert(target);
+  }
+  wanted_.clear();
+  begun_ = Begun{intake_.log().end(), next.begin};
+  next.begin.walk = begun_->position;
+  walks_.insert(next.begin.walk);
+  lock.unlock();
+  walk(std::move(next));
+}
+
+void Walker::go_on_with_walk() {
+  MutexLock lock(mutex_);
+  if (cut_off_.empty()) return;
+  Walk next = std::move(cut_off_.extract(cut_off_.begin()).mapped());
+  walks_.insert(next.begin.walk);
+  rest_ = next.begin.walk;
+  rest_wanted_ = next.targets;
+  lock.unlock();
+  walk(std::move(next));
+  lock.lock();
+  rest_.reset();
+}
+
+/* Who asks for a rest that was given up is to get it. */
+bool Walker::is_wanted(const Walk &walk) {
+  MutexLock lock(mutex_);
+  if (!walk.after || !rest_wanted_.empty()) return true;
+  walks_.erase(walk.begin.walk);
+  rest_.reset();
+  return false;
 }
 
 /* False: told to stop. */
@@ -111,12 +164,12 @@ bool Walker::keep_to_speed(const Walk &walk) {
   return pause(std::max(due - steady_clock::now(), steady_clock::duration::zero()));
 }
 
-void Walker::walk(const WalkBeginEntry &begin, std::set<std::string> targets) {
-  Walk walk{.begin = begin, .targets = std::move(targets), .started = steady_clock::now()};
-  if (begin.since != kSinceEver) walk.since = begin.since - kTimestampSlackUs;
-  if (!append(walk, EntryKind::kWalkBegin, encode(begin))) return;
+void Walker::walk(Walk walk) {
+  walk.started = steady_clock::now();
+  if (walk.begin.since != kSinceEver) walk.since = walk.begin.since - kTimestampSlackUs;
+  if (!walk.after && !append(walk, EntryKind::kWalkBegin, encode(walk.begin))) return;
   if (!directory(walk, "", false, 0, 1)) return;
-  if (append(walk, EntryKind::kWalkEnd, encode(WalkEndEntry{begin.walk, walk.complete})))
+  if (append(walk, EntryKind::kWalkEnd, encode(WalkEndEntry{walk.begin.walk, walk.complete})))
     options_.walked();
 }
 
@@ -129,35 +182,51 @@ bool Walker::directory(Walk &walk, const std::string &path, bool moved, double f
     if (object && entries.error().code == -ENOENT && !path.empty()) return true;  // removed since
     if (std::exchange(walk.complete, false))
       say(Level::kWarning, options_.name, printable(path) + ": " + entries.error().text);
-    return true;
+    // Whoever goes on with the walk behind it has to know.
+    return append(walk, EntryKind::kLook,
+                  encode(LookEntry{walk.begin.walk, LookEntry::kUnread, path}));
   }
   walk.files += entries->size();
-  if (!keep_to_speed(walk)) return false;
+  if (!keep_to_speed(walk) || !is_wanted(walk)) return false;
   // A rename changes the time of the directory, but none of what is below it.
   moved = moved || (!path.empty() && microseconds((*object)->status.st_ctim) >= walk.since);
-  if (moved || has_changes(walk, **object, *entries)) {
+  const bool walked = walk.after && place_in_walk(path, *walk.after) != Place::kBehind;
+  if (!walked && (moved || has_changes(walk, **object, *entries))) {
     const auto done = static_cast<std::uint32_t>(from * LookEntry::kWhole);
     if (!append(walk, EntryKind::kLook, encode(LookEntry{walk.begin.walk, done, path})))
       return false;
   }
-  std::vector<std::string> below;
-  for (const DirectoryEntry &entry : *entries) {
-    std::string child = path.empty() ? entry.name : path + "/" + entry.name;
-    if (!entry.may_be_directory || !options_.included(child)) continue;
-    struct stat status;
-    const Found found = find((*object)->fd.get(), entry.name, status);
-    if (found == Found::kUnreadable || (found == Found::kThere && S_ISDIR(status.st_mode)))
-      below.push_back(std::move(child));
-  }
+  const Below inside = below(walk, path, **object, *entries);
   // Nothing of this directory is held while those below are walked.
   entries->clear();
   object->reset();
-  const double share = (to - from) / static_cast<double>(below.size() + 1);
-  for (std::size_t i = 0; i < below.size(); ++i) {
+  const double share = (to - from) / static_cast<double>(inside.walked + inside.paths.size() + 1);
+  from += static_cast<double>(inside.walked) * share;
+  for (const std::string &next : inside.paths) {
     from += share;
-    if (!directory(walk, below[i], moved, from, from + share)) return false;
+    if (!directory(walk, next, moved, from, from + share)) return false;
   }
   return true;
+}
+
+Walker::Below Walker::below(const Walk &walk, const std::string &path,
+                            const Source::Object &directory,
+                            const std::vector<DirectoryEntry> &entries) const {
+  Below found;
+  for (const DirectoryEntry &entry : entries) {
+    std::string child = path.empty() ? entry.name : path + "/" + entry.name;
+    if (!entry.may_be_directory || !options_.included(child)) continue;
+    if (walk.after && place_in_walk(child, *walk.after) == Place::kBefore) {
+      ++found.walked;
+      continue;
+    }
+    struct stat status;
+    const Found there = find(directory.fd.get(), entry.name, status);
+    if (there == Found::kUnreadable || (there == Found::kThere && S_ISDIR(status.st_mode)))
+      found.paths.push_back(std::move(child));
+  }
+  std::sort(found.paths.begin(), found.paths.end());  // one directory's: by their names
+  return found;
 }
 
 bool Walker::has_changes(const Walk &walk, const Source::Object &directory,

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "mirrord/log/position.h"
+#include "mirrord/service/log_entries.h"
 
 namespace tarn {
 
@@ -20,6 +21,11 @@ class Walks {
   /* A target wants to compare what has changed since then. A walk that begins at or behind `from`
    * in the target's log serves it. Any thread. */
   virtual void request(const std::string &target, std::int64_t since, LogPosition from) = 0;
+  /* A target has read all of the log that another process has left, and this walk, which it wants,
+   * does not end there: what is left of it, behind the directory `after`, is appended, once. Only
+   * where the walker is on this host. Any thread. */
+  virtual void go_on(const std::string & /*target*/, const WalkBeginEntry & /*walk*/,
+                     const std::string & /*after*/) {}
 };
 
 }  // namespace tarn

@@ -73,6 +73,7 @@ void TargetTest::open_log() {
           .included = [this, scope = RuleScope(lists_)](
                           const std::string &path) { return scope.includes(in_source(path)); },
           .followed = [this](const auto &) { return followed(); },
+          .files_per_second = files_per_second_,
           .walked = [this] { note_walked(); }},
       *intake_);
 }

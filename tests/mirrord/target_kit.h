@@ -64,6 +64,7 @@ class TargetTest : public testing::Test {
   const std::string state_file_ = dir_ / "target-t";
   std::uint64_t log_limit_ = 1 << 24;
   std::uint64_t copy_rate_ = 0;                   /* bytes per second; 0: no limit */
+  std::uint64_t files_per_second_ = 0;            /* of the walker; 0: no limit */
   std::function<std::unique_ptr<Source>()> view_; /* empty: the directory */
   std::uint32_t number_ = 0;
   std::atomic<std::uint64_t> marks_ = 0;

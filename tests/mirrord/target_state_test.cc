@@ -33,6 +33,13 @@ TargetState full_state() {
           .until = -7,
           .missing_since = kSinceEver,
           .read_since = -8,
+          .walk = WalkPlace{.begin = {.walk = 7, .since = kSinceEver, .target = "t"},
+                            .position = 9,
+                            .after = "a/\xff",
+                            .suspects = {"s", "\xfe"},
+                            .doubts = {{"c", "d\xfd"}, {"f"}, {12, ~std::uint64_t{0}}},
+                            .last_captured = -5,
+                            .source = {"1 2", "/m"}},
           .paused = true,
           .applied = 1,
           .failures = 2,
@@ -49,6 +56,7 @@ void expect_equal(const TargetState &a, const TargetState &b) {
   EXPECT_EQ(a.until, b.until);
   EXPECT_EQ(a.missing_since, b.missing_since);
   EXPECT_EQ(a.read_since, b.read_since);
+  EXPECT_EQ(a.walk, b.walk);
   EXPECT_EQ(a.paused, b.paused);
   EXPECT_EQ(std::tie(a.applied, a.failures, a.gaps, a.skipped),
             std::tie(b.applied, b.failures, b.gaps, b.skipped));
@@ -106,7 +114,7 @@ TEST_F(TargetStateTest, a_missing_field_or_one_of_another_type_is_refused) {
     Json bad = good;
     bad.erase(field);
     ASSERT_TRUE(write_document(file_, bad).ok());
-    if (field == "identity" || field == "missing_since" || field == "read_since")
+    if (field == "identity" || field == "missing_since" || field == "read_since" || field == "walk")
       EXPECT_TRUE(read_target_state(file_).ok()) << field;
     else
       expect_refused("without " + field);
@@ -120,6 +128,17 @@ TEST_F(TargetStateTest, a_missing_field_or_one_of_another_type_is_refused) {
   for (const Json &bad : {Json(), Json::array(), Json(1), Json("text")}) {
     ASSERT_TRUE(write_document(file_, bad).ok());
     expect_refused(bad.dump());
+  }
+  for (const auto &[field, value] : good["walk"].items()) {
+    Json bad = good;
+    bad["walk"].erase(field);
+    ASSERT_TRUE(write_document(file_, bad).ok());
+    expect_refused("a walk without " + field);
+    for (const Json &other : {Json(), Json::object(), Json(-1.5), Json(true)}) {
+      bad["walk"][field] = other;
+      ASSERT_TRUE(write_document(file_, bad).ok());
+      expect_refused("a walk whose " + field + " is " + other.dump());
+    }
   }
   for (const char *field : {"object", "mount_point"}) {
     Json bad = good;

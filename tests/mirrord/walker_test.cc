@@ -11,10 +11,13 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdarg>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <limits>
+#include <map>
+#include <mutex>
 #include <set>
 #include <thread>
 
@@ -28,16 +31,34 @@ namespace {
 
 std::atomic<const char *> failing_name = nullptr;
 
+/* The names that have been looked at. */
+std::mutex asked_mutex;
+std::set<std::string> asked;
+void note_asked(const char *name) {
+  const std::lock_guard lock(asked_mutex);
+  asked.insert(name);
+}
+
 }  // namespace
 
 // In place of libc's in this program: a disk does not tell about that name.
 extern "C" int fstatat(int directory, const char *path, struct stat *status, int flags) noexcept {
+  note_asked(path);
   const char *failing = failing_name;
   if (failing != nullptr && strcmp(path, failing) == 0) {
     errno = EIO;
     return -1;
   }
   return static_cast<int>(syscall(SYS_newfstatat, directory, path, status, flags));
+}
+
+extern "C" int openat(int directory, const char *path, int flags, ...) {
+  note_asked(path);
+  va_list more;
+  va_start(more, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(more, mode_t) : 0;
+  va_end(more);
+  return static_cast<int>(syscall(SYS_openat, directory, path, flags, mode));
 }
 
 namespace tarn {
@@ -50,7 +71,7 @@ using Paths = std::multiset<std::string>;
 struct Walk {
   WalkBeginEntry begin;
   LogPosition position = 0;
-  Paths looks;
+  Paths looks, unread;
   std::optional<bool> complete; /* nothing: it has not ended */
 };
 
@@ -85,10 +106,14 @@ class WalkerTest : public testing::Test {
     std::vector<Walk> walks;
     for (const LoggedEntry &entry : entries_of(intake_->log())) {
       if (entry.kind == EntryKind::kWalkBegin) {
-        walks.push_back({*decode_walk_begin(entry.bytes()), entry.position, {}, {}});
+        walks.push_back({*decode_walk_begin(entry.bytes()), entry.position, {}, {}, {}});
       } else if (entry.kind == EntryKind::kLook) {
         const LookEntry look = *decode_look(entry.bytes());
         EXPECT_EQ(look.walk, walks.back().begin.walk);
+        if (look.done == LookEntry::kUnread) {
+          walks.back().unread.insert(look.directory);
+          continue;
+        }
         EXPECT_LE(look.done, LookEntry::kWhole);
         walks.back().looks.insert(look.directory);
       } else if (entry.kind == EntryKind::kWalkEnd) {
@@ -234,6 +259,7 @@ TEST_F(WalkerTest, an_unreadable_directory_is_told_and_the_rest_is_walked) {
   fs::permissions(source_ + "/a/b", fs::perms{0755});
   EXPECT_EQ(all.complete, false);
   EXPECT_EQ(all.looks, (Paths{"", "a", "a/d", "e"}));
+  EXPECT_EQ(all.unread, Paths{"a/b"}) << "for whoever goes on behind it";
   EXPECT_EQ(walk(kSinceEver).complete, true) << "the next walk sees it";
 }
 
@@ -246,6 +272,96 @@ TEST_F(WalkerTest, what_cannot_be_looked_at_is_not_passed_over) {
   failing_name = nullptr;
   EXPECT_EQ(some.looks, Paths{"a"});
   EXPECT_EQ(walk(since).looks, Paths{});
+}
+
+WalkBeginEntry begin_of(std::uint64_t number) {
+  return {.walk = number, .since = kSinceEver, .target = ""};
+}
+
+/* As another process does. */
+TEST_F(WalkerTest, goes_on_behind_a_directory_without_looking_at_what_is_before) {
+  const std::map<std::string, std::pair<Paths, std::set<std::string>>> rests = {
+      {"", {{"a", "a/b", "a/b/c", "a/d", "e"}, {"a", "b", "c", "d", "e"}}},
+      {"a", {{"a/b", "a/b/c", "a/d", "e"}, {"a", "b", "c", "d", "e"}}},
+      {"a/b", {{"a/b/c", "a/d", "e"}, {"a", "b", "c", "d", "e"}}},
+      {"a/b/c", {{"a/d", "e"}, {"a", "b", "c", "d", "e"}}},
+      {"a/b/gone", {{"a/d", "e"}, {"a", "b", "d", "e"}}},
+      {"a/c", {{"a/d", "e"}, {"a", "d", "e"}}},
+      {"a/d", {{"e"}, {"a", "d", "e"}}},
+      {"a b", {{"e"}, {"e"}}},  // sorts before "a/b" as a text
+      {"b", {{"e"}, {"e"}}},
+      {"e", {{}, {"e"}}},
+      {"z", {{}, {}}}};
+  start();
+  std::uint64_t number = 1'000'000;
+  for (const auto &[after, rest] : rests) {
+    ++number;
+    const LogPosition begin = intake_->log().end();
+    const int before = walked_;
+    {
+      const std::lock_guard lock(asked_mutex);
+      asked.clear();
+    }
+    // Twice, as by two targets; the second one may come too late to be asked about.
+    walker_->go_on("t", begin_of(number), after);
+    walker_->go_on("u", begin_of(number), after);
+    ASSERT_TRUE(eventually([&] { return walked_ == before + 1; }));
+    walker_->go_on("v", begin_of(number), "");
+    Paths looks;
+    for (const LoggedEntry &entry : entries_of(intake_->log())) {
+      if (entry.position < begin) continue;
+      if (entry.kind == EntryKind::kLook) {
+        EXPECT_EQ(decode_look(entry.bytes())->walk, number);
+        looks.insert(decode_look(entry.bytes())->directory);
+      } else {
+        ASSERT_EQ(entry.kind, EntryKind::kWalkEnd);
+        EXPECT_EQ(*decode_walk_end(entry.bytes()), (WalkEndEntry{number, true}));
+      }
+    }
+    EXPECT_EQ(looks, rest.first) << after;
+    const std::lock_guard lock(asked_mutex);
+    for (const char *name : {"a", "b", "c", "d", "e"})
+      EXPECT_EQ(asked.contains(name), rest.second.contains(name)) << name << " behind " << after;
+    EXPECT_FALSE(asked.contains("f"));
+  }
+}
+
+TEST_F(WalkerTest, a_walk_of_its_own_is_not_gone_on_with) {
+  start();
+  const WalkBeginEntry begin = walk(kSinceEver).begin;
+  const LogPosition end = intake_->log().end();
+  walker_->go_on("t", begin, "");
+  usleep(200'000);
+  EXPECT_EQ(intake_->log().end(), end);
+}
+
+/* But whoever still wants it gets it. */
+TEST_F(WalkerTest, a_rest_that_nobody_wants_any_more_is_given_up) {
+  start([](auto &) { return true; }, 20);
+  const auto ends_of = [&](std::uint64_t number) {
+    int ends = 0;
+    for (const LoggedEntry &entry : entries_of(intake_->log()))
+      ends += entry.kind == EntryKind::kWalkEnd && decode_walk_end(entry.bytes())->walk == number;
+    return ends;
+  };
+  const LogPosition end = intake_->log().end();
+  walker_->go_on("t", begin_of(1'000'001), "");
+  ASSERT_TRUE(eventually([&] { return intake_->log().end() > end; }));
+  walker_->request("t", kSinceEver, intake_->log().end());
+  ASSERT_TRUE(eventually([&] { return walked_ == 1; }));
+  EXPECT_EQ(ends_of(1'000'001), 0);
+  walker_->go_on("u", begin_of(1'000'001), "a");
+  ASSERT_TRUE(eventually([&] { return walked_ == 2; }));
+  EXPECT_EQ(ends_of(1'000'001), 1);
+  // Two of which one goes away, and one that waits and then does.
+  walker_->go_on("t", begin_of(1'000'002), "");
+  walker_->go_on("u", begin_of(1'000'002), "");
+  walker_->go_on("t", begin_of(1'000'003), "");
+  walker_->request("t", kSinceEver, intake_->log().end());
+  ASSERT_TRUE(eventually([&] { return walked_ == 4; }));
+  usleep(200'000);
+  EXPECT_EQ(ends_of(1'000'002), 1);
+  EXPECT_EQ(ends_of(1'000'003), 0);
 }
 
 TEST_F(WalkerTest, stops_in_the_middle) {
@@ -298,6 +414,7 @@ TEST_F(WalkerTest, a_source_that_is_not_there_ends_in_an_incomplete_walk) {
   start();
   const Walk all = walk(kSinceEver);
   EXPECT_EQ(all.looks, Paths{});
+  EXPECT_EQ(all.unread, Paths{""});
   EXPECT_EQ(all.complete, false);
 }
 

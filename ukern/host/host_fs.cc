@@ -400,6 +400,13 @@ int host_fs_truncate(const host_identity *as, int fd, unsigned long long size) {
 int host_fs_utimes(const host_identity *as, int fd, const uk_time *atime, const uk_time *mtime) {
   identity.become(as);
   const timespec times[2] = {time_of(atime), time_of(mtime)};
+  // Without a path since Linux 5.8: a third of the time.
+  static std::atomic<bool> by_path = false;
+  if (!by_path) {
+    const int error = utimensat(fd, "", times, AT_EMPTY_PATH);
+    if (error == 0 || errno != EINVAL) return result(error);
+    by_path = true;
+  }
   return result(utimensat(AT_FDCWD, FdPath(fd).text, times, 0));
 }
 

@@ -445,7 +445,8 @@ Result<void> Applier::caught_up(std::int64_t until) {
   reconciler_.retry_failed();
   auto changed = reconciler_.compare_changed(until);
   // A fetch may remove a name of a file and so leave another to be checked.
-  for (int rounds = 0; links && !replica_.partly_unlinked().empty() && rounds < kLinkRounds; ++rounds)
+  for (int rounds = 0; links && !replica_.partly_unlinked().empty() && rounds < kLinkRounds;
+       ++rounds)
     links = reconciler_.check_links();
   keep_worst(links, changed);
   return links;

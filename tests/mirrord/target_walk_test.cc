@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: GPL-2.0
 // A walk that was interrupted goes on where it was, and nothing is lost by that.
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <map>
 #include <random>
 
 #include "tests/mirrord/target_kit.h"
@@ -32,6 +34,19 @@ class TargetWalkTest : public TargetTest {
       return state && *state && (*state)->walk && (*state)->walk->after >= name;
     });
     return there ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << name;
+  }
+  /* Of every file and directory. A mark sets them, for what a record has named before it. */
+  static std::string times(const std::string &root) {
+    std::map<std::string, std::string> lines;
+    for (const auto &entry : fs::recursive_directory_iterator(root)) {
+      struct stat status;
+      EXPECT_EQ(lstat(entry.path().c_str(), &status), 0);
+      lines[entry.path().string().substr(root.size())] =
+          fmt::format("{}.{:09}", status.st_mtim.tv_sec, status.st_mtim.tv_nsec);
+    }
+    std::string text;
+    for (const auto &[name, line] : lines) text += name + ": " + line + "\n";
+    return text;
   }
   /* As on kill -9 of the process. */
   void kill_process() {
@@ -167,6 +182,7 @@ TEST_F(TargetWalkTest, what_records_have_named_before_is_compared) {
   const LogPosition begin = intake_->log().end();
   start();
   expect_equal_trees();
+  EXPECT_EQ(times(copy_), times(source_));
   EXPECT_FALSE(walks_since(begin));
 }
 

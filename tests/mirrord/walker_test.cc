@@ -17,7 +17,6 @@
 #include <fstream>
 #include <limits>
 #include <map>
-#include <mutex>
 #include <set>
 #include <thread>
 
@@ -32,10 +31,10 @@ namespace {
 std::atomic<const char *> failing_name = nullptr;
 
 /* The names that have been looked at. */
-std::mutex asked_mutex;
-std::set<std::string> asked;
+tarn::Mutex asked_mutex;
+std::set<std::string> asked GUARDED_BY(asked_mutex);
 void note_asked(const char *name) {
-  const std::lock_guard lock(asked_mutex);
+  const tarn::MutexLock lock(asked_mutex);
   asked.insert(name);
 }
 
@@ -299,7 +298,7 @@ TEST_F(WalkerTest, goes_on_behind_a_directory_without_looking_at_what_is_before)
     const LogPosition begin = intake_->log().end();
     const int before = walked_;
     {
-      const std::lock_guard lock(asked_mutex);
+      const tarn::MutexLock lock(asked_mutex);
       asked.clear();
     }
     // Twice, as by two targets; the second one may come too late to be asked about.
@@ -319,7 +318,7 @@ TEST_F(WalkerTest, goes_on_behind_a_directory_without_looking_at_what_is_before)
       }
     }
     EXPECT_EQ(looks, rest.first) << after;
-    const std::lock_guard lock(asked_mutex);
+    const tarn::MutexLock lock(asked_mutex);
     for (const char *name : {"a", "b", "c", "d", "e"})
       EXPECT_EQ(asked.contains(name), rest.second.contains(name)) << name << " behind " << after;
     EXPECT_FALSE(asked.contains("f"));

@@ -321,12 +321,17 @@ struct Applier::Visitor {
     if (!path) {
       // Later changes by the new name are not recorded.
       if (record.naming == Naming::kUnplaced) return Done(applier.unplaced(record));
-      if (const auto existing = inside(c.existing); existing && record.naming == Naming::kNamed)
+      if (const auto existing = inside(c.existing); existing && record.naming == Naming::kNamed) {
         reconciler.watch(*existing, record.ts);
+        reconciler.named_outside(*existing);
+      }
       return Done();
     }
     // If the file had no name, or an unknown one, there is no object to link to: it is fetched.
-    return link(record.naming == Naming::kNamed ? inside(c.existing) : std::nullopt, *path);
+    const auto existing = record.naming == Naming::kNamed ? inside(c.existing) : std::nullopt;
+    auto done = Done(link(existing, *path));
+    if (!existing) reconciler.named_outside(*path);
+    return done;
   }
   Done operator()(const Rename &c) {
     auto from = inside(c.from), to = inside(c.to);

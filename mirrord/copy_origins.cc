@@ -64,8 +64,18 @@ void CopyOrigins::put(const std::string &path, const Object &copy, const struct 
                       bool whole, std::int64_t now) {
   // A change within the granularity of change times would leave the same one.
   const bool ctime_past = microseconds(status.st_ctim) + kTimestampSlackUs < now;
+  const auto old = origins_.find(path);
+  const bool outside = old != origins_.end() && old->second.outside &&
+                       (old->second.inode == 0 || same(path, status));
   insert(path, {status.st_dev, status.st_ino, status.st_ctim, ctime_past, whole && ctime_past,
-                !S_ISDIR(status.st_mode) && status.st_nlink > 1, copy});
+                !S_ISDIR(status.st_mode) && (status.st_nlink > 1 || outside), outside, copy});
+}
+
+void CopyOrigins::named_outside(const std::string &path) {
+  if (!origins_.contains(path)) watch(path);
+  Copy &copy = origins_[path];
+  set_many_links(copy);
+  copy.outside = true;
 }
 
 void CopyOrigins::records_changed(const Object &copy) {

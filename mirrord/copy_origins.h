@@ -43,6 +43,14 @@ class CopyOrigins {
              std::uint64_t ts, std::int64_t now);
   /* The same if the source does not have the name any more. */
   void watch(const std::string &path) { insert(path, {.many_links = true}); }
+  /* The object has a name outside the rule, or had one. Also when that is gone, changes through
+   * what was looked up by it are not recorded, so the path is watched until it has another object.
+   */
+  void named_outside(const std::string &path);
+  bool is_named_outside(const std::string &path) const {
+    const auto found = origins_.find(path);
+    return found != origins_.end() && found->second.outside;
+  }
   /* Was a path with several names forgotten? */
   bool has_forgotten() const { return forgotten_; }
   /* Is the path a copy of a source object? */
@@ -79,6 +87,7 @@ class CopyOrigins {
     bool ctime_past = false; /* `changed` was older than kTimestampSlackUs when it was read */
     bool whole = false;
     bool many_links = false; /* the source object had several names */
+    bool outside = false;    /* one of them outside the rule */
     Object copy = {};        /* the replica's object; zeros: unknown */
   };
   using Index = std::map<Object, std::set<std::string>>;

@@ -272,7 +272,9 @@ std::vector<std::string> Reconciler::with_names_outside() {
   for (std::string &path : paths) {
     const auto theirs = source_.find(path);
     const bool known = theirs && *theirs;
-    if (known && origins.paths_of((*theirs)->status).size() >= (*theirs)->status.st_nlink) continue;
+    if (known && !origins.is_named_outside(path) &&
+        origins.paths_of((*theirs)->status).size() >= (*theirs)->status.st_nlink)
+      continue;
     found.push_back(std::move(path));
   }
   source_.expect({});
@@ -292,8 +294,13 @@ Result<void> Reconciler::check_links() {
   for (const std::string &path : linked) {
     const auto found = source_.find(path);
     keep_worst(worst, found);
-    if (!found || !*found || fetcher_.origins().current(path, (*found)->status)) continue;
-    keep_worst(worst, reconcile(path));
+    if (!found || !*found) continue;
+    CopyOrigins &origins = fetcher_.origins();
+    const struct stat &status = (*found)->status;
+    if (!origins.current(path, status))
+      keep_worst(worst, reconcile(path));
+    else if (origins.paths_of(status).size() < status.st_nlink)
+      origins.named_outside(path);
   }
   source_.expect({});
   return worst;

@@ -4,6 +4,7 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <limits>
@@ -311,6 +312,44 @@ TEST_F(TargetTest, files_with_names_outside_the_rule_are_watched_after_a_restart
   ASSERT_TRUE(target_->resume().ok());
   ASSERT_TRUE(equal());
   EXPECT_EQ(content_of(in_target("\xff")), "changed in a pause");
+}
+
+/* Whoever has the file open by that name goes on writing, and the module does not know the other.
+ */
+TEST_F(TargetTest, files_that_had_a_name_outside_the_rule_are_watched_too) {
+  lists_ = {{source_}, {in_source("out")}};
+  fs::create_directory(in_source("out"));
+  const auto link = [this](const std::string &name, const std::string &other) {
+    fs::create_hard_link(in_source(name), in_source(other));
+  };
+  write_unseen("found", "one");
+  link("found", "out/found");
+  usleep(kTimestampSlackUs + 100'000);
+  start();
+  ASSERT_TRUE(equal());
+  const auto linked = [&](const std::string &name, const std::string &other) {
+    link(name, other);
+    feed(*intake_, name_change(OX_OP_LINK, next(), in_source(name), in_source(other), 0100644));
+  };
+  write("given", "one");
+  linked("given", "out/given");
+  fs::remove(in_source("out/given"));
+  write_unseen("out/taken", "one");
+  linked("out/taken", "taken");
+  const std::vector<std::string> names = {"found", "given", "taken"};
+  ASSERT_TRUE(equal());
+  for (const std::string &name : names) fs::remove(in_source("out/" + name));
+  for (const std::string text : {"behind its end", "again", "behind a restart"}) {
+    ASSERT_TRUE(equal());
+    for (const std::string &name : names) write_unseen(name, text);
+    if (text == "again") {
+      ASSERT_TRUE(equal());
+      stop();
+      start();
+    }
+    ASSERT_TRUE(equal());
+    for (const std::string &name : names) EXPECT_EQ(content_of(in_target(name)), text) << name;
+  }
 }
 
 /* Such as the kernel's name of a removed file, with what it adds to it. */

@@ -38,7 +38,8 @@ followed, and after the stroke the processor's.
 RECORDS = """
 Records a second. {writers} programs write through the mount as fast as they can: "written" while they write, which
 includes the log, "replicated" until all is in the target, which is what can go on. Beside it mirrord as it was before it
-had a log, which keeps in memory what it has not applied (commit 8574912; `--former MIRRORD` measures one), and a daemon that gets the records and only counts them.
+had a log, which keeps in memory what it has not applied (commit 8574912; `--former MIRRORD` measures one), and a daemon
+that gets the records and only counts them.
 """
 EQUAL_WITHIN, SINGLE_WITHIN, MOVED_AT_MOST, RESTART_WITHIN, FORMER_AT_MOST = 1.0, 0.020, 8192, 2.0, 1.5
 

@@ -77,11 +77,10 @@ class Reconciler {
    * check_links() finds them. `ts`: when the current record was captured. */
   void watch(const std::string &path, std::uint64_t ts);
   /* The paths whose objects have more names in the source than are known here: changes by these may
-   * not be recorded, so a later Reconciler has to watch() the paths. */
+   * not be recorded, so a later Reconciler is told named_outside() of the paths. */
   std::vector<std::string> with_names_outside();
   /* Are those not all of them? */
   bool more_names_outside() const { return fetcher_.origins().has_forgotten(); }
-  void watch(const std::string &path) { fetcher_.origins().named_outside(path); }
   /* The object of the path has, or had, a name outside the rule: see CopyOrigins. */
   void named_outside(const std::string &path) { fetcher_.origins().named_outside(path); }
   /* Call it before a record changes the data of the path's file: a copy from the source, perhaps

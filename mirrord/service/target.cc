@@ -42,10 +42,8 @@ Result<std::unique_ptr<Target>> Target::open(Options options, Intake &intake, Wa
     target->state_.uuid = *made;
   }
   TargetState &kept = target->state_;
-  const LogPosition furthest =
-      std::max(kept.position, kept.walk ? kept.walk->position : LogPosition{0});
-  target->end_lost_ =
-      kept.log == to_string(intake.log().epoch()) && furthest > target->options_.log_end;
+  target->end_lost_ = kept.log == to_string(intake.log().epoch()) &&
+                      target->furthest_saved() > target->options_.log_end;
   if (target->end_lost_) {
     kept.position = std::min(kept.position, target->options_.log_end);
     kept.walk.reset();
@@ -287,7 +285,7 @@ void Target::apply_held(const LogEntry &entry) {
     const auto applied = apply(entry);
     if (applied) break;
     if (applied.error().code == -ECANCELED) {
-      reader_.emplace(intake_.log(), position_);
+      if (engine_) reader_.emplace(intake_.log(), position_);
       return;
     }
     if (!holds_target(applied.error())) {
@@ -350,9 +348,7 @@ Result<void> Target::save(bool clean) {
   }
   if (std::exchange(writes_lost_, false)) look_for_missing(intake_.log().end());
   // A log that loses its end gives the positions to other entries.
-  const LogPosition furthest =
-      std::max(state_.position, state_.walk ? state_.walk->position : LogPosition{0});
-  if (furthest > intake_.log().durable_end()) {
+  if (furthest_saved() > intake_.log().durable_end()) {
     if (const auto logged = intake_.log().sync(); !logged) return logged;
   }
   if (const auto written = write_target_state(options_.state_file, state_); !written)

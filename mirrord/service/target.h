@@ -132,6 +132,7 @@ class Target {
   void ask_for_rest_of_walk();
   void walk_fails();
   LogPosition kept_from() const;
+  LogPosition furthest_saved() const;
   void detach();
   bool still_there();
   void finish();

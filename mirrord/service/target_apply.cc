@@ -196,6 +196,9 @@ void Target::not_copied(const std::string &what, const Error &error) {
 
 Result<void> Target::after_mark(const MarkEntry &mark) {
   if (!suspects_.empty()) return {};
+  // One that has taken the directory's place has none of what was applied.
+  checked_at_ = {};
+  if (!still_there()) return Error{-ECANCELED, "another directory is in the target's place"};
   last_captured_ = 0;
   if (walked_) note_clock();
   if (walked_ && !writes_lost_) {
@@ -245,7 +248,7 @@ void Target::keep_names_outside() {
 }
 
 void Target::watch_names_outside() {
-  for (const std::string &path : state_.names_outside) engine_->applier->watch(path);
+  for (const std::string &path : state_.names_outside) engine_->applier->named_outside(path);
   if (std::exchange(state_.more_names_outside, false))
     missing(since_until(), intake_.log().end(), "too many files have names outside the rule");
 }

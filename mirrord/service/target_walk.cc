@@ -79,4 +79,9 @@ LogPosition Target::kept_from() const {
   return state_.walk ? std::min(state_.position, state_.walk->position) : state_.position;
 }
 
+/* The log must have all that the state says is in the target. */
+LogPosition Target::furthest_saved() const {
+  return state_.walk ? std::max(state_.position, state_.walk->position) : state_.position;
+}
+
 }  // namespace tarn

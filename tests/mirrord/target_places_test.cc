@@ -32,6 +32,18 @@ TEST_F(TargetPlacesTest, an_empty_directory_in_its_place_is_filled) {
   EXPECT_EQ(target_->report().gaps, 0u);
 }
 
+TEST_F(TargetPlacesTest, an_empty_directory_in_its_place_is_not_said_to_be_equal) {
+  write_unseen("f", "1");
+  start();
+  expect_equal_trees();
+  for (int i = 0; i < 3; ++i) {
+    fs::rename(copy_, dir_ / ("elsewhere" + std::to_string(i)));
+    fs::create_directory(copy_);
+    ASSERT_TRUE(target_->wait(mark(), steady_clock::now() + std::chrono::seconds(30)));
+    EXPECT_EQ(content_of(in_target("f")), "1");
+  }
+}
+
 TEST_F(TargetPlacesTest, an_empty_directory_is_filled_after_a_restart_too) {
   write_unseen("f", "1");
   start();

@@ -118,7 +118,7 @@ TEST_F(TargetTest, a_killed_process_applies_records_again) {
   EXPECT_FALSE(walks_since(begin)) << "replaying is enough";
 }
 
-TEST_F(TargetTest, a_first_copy_that_was_killed_begins_again) {
+TEST_F(TargetTest, a_first_copy_that_was_killed_is_made_whole) {
   for (int i = 0; i < 20; ++i) {
     fs::create_directory(in_source("d" + std::to_string(i)));
     write_unseen("d" + std::to_string(i) + "/f", std::string(128 << 10, 'x'));

@@ -41,7 +41,10 @@ fuse_entry_param to_entry(const CacheTimeouts &timeouts, uk_node *node, const uk
   entry.ino = reinterpret_cast<fuse_ino_t>(node);
   entry.attr = to_stat(stat);
   entry.attr_timeout = timeouts.attr;
-  entry.entry_timeout = timeouts.entry;
+  // An open tells the file, but not the name, which is the record's path: of several names the host
+  // asks for the one that is used.
+  const bool has_names = !S_ISDIR(stat.mode) && stat.nlink > 1;
+  entry.entry_timeout = has_names ? 0 : timeouts.entry;
   return entry;
 }
 

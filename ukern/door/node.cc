@@ -23,6 +23,7 @@ struct uk_node {
   struct inode *inode;   // pinned by the dentry
   struct vfsmount *mnt;
   ukern_field<struct dentry *> dentry;  // `lock` covers changing it and taking further references
+  struct dentry *kept;                  // under `lock`: see node_keep_name(); often NULL
   spinlock_t lock;
   unsigned long room[UK_NODE_ROOM / sizeof(unsigned long)];  // private data of the hosting program
 };
@@ -46,12 +47,14 @@ struct uk_node *new_node(struct vfsmount *mnt, struct dentry *dentry) {
   node->inode = dentry->d_inode;
   node->mnt = mntget(mnt);
   node->dentry = dget(dentry);
+  node->kept = nullptr;
   spin_lock_init(&node->lock);
   memset(node->room, 0, sizeof(node->room));
   return node;
 }
 
 void free_node(struct uk_node *node) {
+  dput(node->kept);
   dput(node->dentry);
   mntput(node->mnt);
   kmem_cache_free(node_cache, node);
@@ -257,6 +260,18 @@ int node_walk(struct uk_node *node, struct walk_path *path) {
     use_other_name(node, path);
   }
   return 0;
+}
+
+void node_keep_name(struct uk_node *node) {
+  struct walk_path path;
+  if (node->inode->i_nlink > 2 || node_walk(node, &path)) return;
+  struct dentry *old;
+  {
+    SpinGuard guard(node->lock);
+    old = node->kept;
+    node->kept = path.dentry;
+  }
+  dput(old);
 }
 
 int node_walk_to_open(struct uk_node *node, int flags, struct nameidata *nd) {

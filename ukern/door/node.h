@@ -45,8 +45,15 @@ void node_hold(struct uk_node *node, struct walk_path *path);
 int node_walk(struct uk_node *node, struct walk_path *path);
 
 /*
- * The same with the intent to open: a nameidata for may_open and nameidata_to_filp. `flags` are
- * those of the system call.
+ * Call it when the node's file has got a second name: pins the dentry of the first one while the
+ * node lives. The host may use that name for a while without a lookup, also when it has looked the
+ * other one up and this is gone by then.
+ */
+void node_keep_name(struct uk_node *node);
+
+/*
+ * As node_walk() with the intent to open: a nameidata for may_open and nameidata_to_filp. `flags`
+ * are those of the system call.
  */
 int node_walk_to_open(struct uk_node *node, int flags, struct nameidata *nd);
 

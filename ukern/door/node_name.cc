@@ -88,6 +88,7 @@ int uk_link(struct uk_node *node, struct uk_node *dir, const char *name, struct 
   if (!error) {
     error = link_at(&old, &path, name);
     dput(old.dentry);
+    if (!error) node_keep_name(node);
   }
   return finish(&path, error, name, out, stat);
 }

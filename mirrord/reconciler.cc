@@ -257,6 +257,7 @@ Result<void> Reconciler::before_removal(const std::string &path) {
 }
 
 void Reconciler::watch(const std::string &path, std::uint64_t ts) {
+  if (!included_(path)) return;  // the replica has it from rules of before
   const auto found = source_.find(path);
   if (!found || !*found) return fetcher_.origins().watch(path);
   if (!S_ISDIR((*found)->status.st_mode))

@@ -82,7 +82,9 @@ class Reconciler {
   /* Are those not all of them? */
   bool more_names_outside() const { return fetcher_.origins().has_forgotten(); }
   /* The object of the path has, or had, a name outside the rule: see CopyOrigins. */
-  void named_outside(const std::string &path) { fetcher_.origins().named_outside(path); }
+  void named_outside(const std::string &path) {
+    if (included_(path)) fetcher_.origins().named_outside(path);
+  }
   /* Call it before a record changes the data of the path's file: a copy from the source, perhaps
    * under another name, may be ahead of the record. */
   void records_change(const std::string &path);

@@ -352,6 +352,38 @@ TEST_F(TargetTest, files_that_had_a_name_outside_the_rule_are_watched_too) {
   }
 }
 
+/* The copy has that name still, and it is one of the same file, but no record tells of changes by
+ * it. */
+TEST_F(TargetTest, a_name_that_another_rule_included_is_outside) {
+  fs::create_directory(in_source("out"));
+  write_unseen("out/a", "one");
+  fs::create_hard_link(in_source("out/a"), in_source("b"));
+  fs::create_hard_link(in_source("out/a"), in_source("c"));
+  usleep(kTimestampSlackUs + 100'000);
+  start();
+  ASSERT_TRUE(equal());
+  stop();
+  lists_ = {{source_}, {in_source("out")}};
+  const LogPosition begin = intake_->log().end();
+  intake_->gap(Intake::Missing::kEverything, "the excludes are others than before");
+  start();
+  ASSERT_TRUE(eventually([&] { return walks_since(begin); }));
+  usleep(300'000);  // no mark comes while it goes over three files
+  fs::remove(in_source("c"));
+  feed(*intake_, name_change(OX_OP_UNLINK, next(), in_source("c")));
+  ASSERT_TRUE(equal());
+  write_unseen("out/a", "changed");
+  ASSERT_TRUE(equal());
+  EXPECT_EQ(content_of(in_target("b")), "changed");
+  stop();
+  start();
+  ASSERT_TRUE(equal());
+  write_unseen("out/a", "changed behind a restart");
+  ASSERT_TRUE(equal());
+  EXPECT_EQ(content_of(in_target("b")), "changed behind a restart");
+  EXPECT_EQ(content_of(in_target("out/a")), "one");
+}
+
 /* Such as the kernel's name of a removed file, with what it adds to it. */
 TEST_F(TargetTest, a_record_with_a_path_that_no_object_has_is_a_gap_that_heals) {
   start();

@@ -149,8 +149,10 @@ TEST(Translate, entry_mode) {
 
 TEST(Translate, entry) {
   auto *node = reinterpret_cast<uk_node *>(0x1230);
-  const fuse_entry_param to =
-      to_entry(CacheTimeouts(std::chrono::milliseconds(1500)), node, sample_stat());
+  const CacheTimeouts timeouts(std::chrono::milliseconds(1500));
+  uk_stat stat = sample_stat();
+  stat.nlink = 1;
+  const fuse_entry_param to = to_entry(timeouts, node, stat);
   EXPECT_EQ(to.ino, 0x1230u);
   EXPECT_EQ(to.generation, 0u);
   EXPECT_EQ(to.attr.st_ino, 0x100000001ull);
@@ -160,6 +162,18 @@ TEST(Translate, entry) {
       to_entry(CacheTimeouts(std::chrono::milliseconds(0)), node, sample_stat());
   EXPECT_EQ(not_kept.attr_timeout, CacheTimeouts::kLeastAttrTimeout);
   EXPECT_EQ(not_kept.entry_timeout, 0);
+}
+
+TEST(Translate, no_name_of_a_file_with_several_is_kept) {
+  auto *node = reinterpret_cast<uk_node *>(0x1230);
+  const CacheTimeouts timeouts(std::chrono::milliseconds(1500));
+  uk_stat stat = sample_stat();
+  stat.nlink = 2;
+  stat.mode = S_IFREG | 0644;
+  EXPECT_EQ(to_entry(timeouts, node, stat).entry_timeout, 0);
+  EXPECT_EQ(to_entry(timeouts, node, stat).attr_timeout, 1.5);
+  stat.mode = S_IFDIR | 0755;
+  EXPECT_EQ(to_entry(timeouts, node, stat).entry_timeout, 1.5);
 }
 
 TEST(Translate, credentials) {

@@ -115,9 +115,9 @@ class Applier {
    * not recorded. */
   std::vector<std::string> with_names_outside() { return reconciler_.with_names_outside(); }
   bool more_names_outside() const { return reconciler_.more_names_outside(); }
-  void named_outside(const std::string &path) {
+  void named_outside(const std::vector<std::string> &paths) {
     use_all_rules();
-    reconciler_.named_outside(path);
+    for (const std::string &path : paths) reconciler_.named_outside(path);
   }
   const ChangedPaths &changed_paths() const { return reconciler_.changed_paths(); }
   /* Call restore_looked() before doubts(), which returns what a later Applier of the same replica

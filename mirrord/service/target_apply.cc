@@ -248,7 +248,7 @@ void Target::keep_names_outside() {
 }
 
 void Target::watch_names_outside() {
-  for (const std::string &path : state_.names_outside) engine_->applier->named_outside(path);
+  engine_->applier->named_outside(state_.names_outside);
   if (std::exchange(state_.more_names_outside, false))
     missing(since_until(), intake_.log().end(), "too many files have names outside the rule");
 }

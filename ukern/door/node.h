@@ -47,7 +47,7 @@ int node_walk(struct uk_node *node, struct walk_path *path);
 /*
  * Call it when the node's file has got a second name: pins the dentry of the first one while the
  * node lives. The host may use that name for a while without a lookup, also when it has looked the
- * other one up and this is gone by then.
+ * other one up and this is gone by then. Without effect where the name cannot be walked again.
  */
 void node_keep_name(struct uk_node *node);
 

@@ -116,7 +116,8 @@ TEST_F(TargetPlacesTest, nothing_works_on_another_directory_in_its_place) {
   fs::create_directory(copy_);
   put_content(in_target("precious"), "of somebody else");
   EXPECT_EQ(target_->between_entries([] { FAIL(); }).error().code, -ENODEV);
-  fs::remove_all(copy_);
+  // Renamed, as an empty directory would be taken as the target while it is removed.
+  fs::rename(copy_, dir_ / "other");
   EXPECT_EQ(target_->between_entries([] { FAIL(); }).error().code, -ENODEV);
   fs::rename(dir_ / "elsewhere", copy_);
   bool done = false;

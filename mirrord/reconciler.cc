@@ -333,18 +333,20 @@ Result<bool> Reconciler::compare(const std::string &path, std::int64_t until) {
   return true;
 }
 
-Result<void> Reconciler::copy_mtime(const std::string &path, std::int64_t until) {
-  if (!path.empty() && !included_(path)) return {};
+/* False: as in compare(). */
+Result<bool> Reconciler::copy_mtime(const std::string &path, std::int64_t until) {
+  if (!path.empty() && !included_(path)) return true;
   const auto theirs = source_.find(path);
   if (!theirs) return theirs.error();
-  if (!*theirs || changed_since((*theirs)->status, until, source_)) return {};
+  if (!*theirs) return true;
+  if (changed_since((*theirs)->status, until, source_)) return false;
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   const struct stat &wanted = (*theirs)->status;
   if (!*mine || !same_type(**mine, wanted) || same_time((*mine)->st_mtim, wanted.st_mtim))
-    return {};
+    return true;
   const auto set = replica_.set_attributes(path, {.mtime = wanted.st_mtim});
-  return set ? Result<void>() : Result<void>(set.error());
+  return set ? Result<bool>(true) : Result<bool>(set.error());
 }
 
 Result<void> Reconciler::compare_changed(std::int64_t until) {
@@ -372,6 +374,8 @@ Result<void> Reconciler::compare_changed(std::int64_t until) {
   for (const std::string &path : paths) {
     const auto copied = copy_mtime(path, until);
     if (!copied) failed_.insert(path);
+    // What the change does is in no record if it came by a name outside the rule.
+    if (copied && !*copied) changing.push_back(path);
     keep_worst(worst, copied);
   }
   source_.expect({});

@@ -147,7 +147,7 @@ class Reconciler {
                                                    const Sides &sides);
   Result<void> look_at(const Look &look, const std::string &path, const Sides &sides);
   Result<bool> compare(const std::string &path, std::int64_t until);
-  Result<void> copy_mtime(const std::string &path, std::int64_t until);
+  Result<bool> copy_mtime(const std::string &path, std::int64_t until);
   Result<void> find_names(const Source::Object &directory, const std::string &path,
                           const Fetcher::Objects &wanted, std::vector<std::string> &found);
 

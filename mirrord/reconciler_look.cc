@@ -74,7 +74,7 @@ Result<void> Reconciler::look(const std::string &directory, std::optional<std::i
 Result<void> Reconciler::restore_looked() {
   while (!looked_.empty()) {
     const auto restored = copy_mtime(*looked_.begin(), std::numeric_limits<std::int64_t>::max());
-    if (!restored) return restored;
+    if (!restored) return restored.error();
     looked_.erase(looked_.begin());
   }
   return {};

@@ -146,7 +146,8 @@ class Target {
   Result<void> apply_record(const LogEntry &entry);
   Result<void> not_applied(const Record &record, LogPosition position, const Error &error);
   void look_for_unplaced(std::int64_t since, LogPosition position);
-  Result<void> apply_mark(const MarkEntry &mark);
+  Result<void> apply_mark(const MarkEntry &mark, std::int64_t appended);
+  std::int64_t changed_before(const MarkEntry &mark, std::int64_t appended) const;
   Result<void> apply_look(const LookEntry &look);
   void apply_walk_begin(const WalkBeginEntry &walk, LogPosition position);
   void apply_walk_end(const WalkEndEntry &walk);

@@ -42,7 +42,7 @@ Result<void> Target::apply(const LogEntry &entry) {
     }
     case EntryKind::kMark: {
       const auto mark = decode_mark(entry.payload);
-      return mark ? apply_mark(*mark) : as_gap(mark.error());
+      return mark ? apply_mark(*mark, entry.time_ns / 1000) : as_gap(mark.error());
     }
     case EntryKind::kWalkBegin: {
       const auto walk = decode_walk_begin(entry.payload);
@@ -141,7 +141,17 @@ Result<void> Target::write_back() {
   return first;
 }
 
-Result<void> Target::apply_mark(const MarkEntry &mark) {
+/* Before this, everything was changed whose records are before the mark. If the clock was set while
+ * the mark was on its way, some of them have later times than it; no entry before it has a later
+ * one than its own. */
+std::int64_t Target::changed_before(const MarkEntry &mark, std::int64_t appended) const {
+  constexpr std::int64_t kOnItsWay = 1'000'000;
+  const std::int64_t known = std::max(mark.until, last_captured_ + 1);
+  const bool our_clock = !options_.view;
+  return our_clock && appended - mark.until > kOnItsWay ? std::max(known, appended) : known;
+}
+
+Result<void> Target::apply_mark(const MarkEntry &mark, std::int64_t appended) {
   if (const auto source = check_source(); !source) return source;
   Applier &applier = *engine_->applier;
   // A target that is behind compares at one mark for many.
@@ -164,8 +174,7 @@ Result<void> Target::apply_mark(const MarkEntry &mark) {
     if (!looked) not_copied(printable(*path), looked.error());
     path = suspects_.erase(path);
   }
-  // If the clock was set back, some records of before the mark have later times.
-  const auto compared = applier.caught_up(std::max(mark.until, last_captured_ + 1));
+  const auto compared = applier.caught_up(changed_before(mark, appended));
   if (!compared && holds_target(compared.error())) return compared;
   engine_->replica.close_files();
   if (const auto kept = write_back(); !kept) return kept;

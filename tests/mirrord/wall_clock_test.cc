@@ -4,6 +4,7 @@
 
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -72,6 +73,21 @@ TEST_F(ClockSetBack, a_gap_is_since_ever_though_the_last_record_is_in_the_past) 
   EXPECT_GT(before, now_us() - kHour);
   set_back_while_closed();
   EXPECT_EQ(since_of_a_gap(), kSinceEver);
+}
+
+/* It was sent an hour back, and the clock is right again when it is applied. */
+TEST_F(ClockSetBack, a_mark_of_meanwhile_has_all_that_was_changed_before) {
+  start();
+  expect_equal_trees();
+  write("f", "with a record");
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // a file's times are in ticks
+  write_unseen("f", "by a name outside the rule");
+  const std::uint64_t number = intake_->last_mark() + 1;
+  ASSERT_TRUE(intake_->mark({number, now_us() - kHour}));
+  ASSERT_TRUE(target_->wait(number, std::chrono::steady_clock::now() + std::chrono::seconds(30)));
+  EXPECT_EQ(content_of(in_target("f")), "by a name outside the rule");
+  EXPECT_EQ(std::filesystem::last_write_time(in_target("f")),
+            std::filesystem::last_write_time(in_source("f")));
 }
 
 TEST_F(ClockSetBack, a_target_that_lost_its_place_compares_all) {

@@ -295,6 +295,7 @@ void Target::apply_held(const LogEntry &entry) {
     const std::string what = describe_entry(entry);
     if (!held) say(Level::kWarning, about(), "held by " + what + ": " + applied.error().text);
     set_phase(Phase::kHeld, what + ": " + applied.error().text);
+    publish(entry.time_ns);  // nothing does until the next entry is applied
     held = true;
     {
       MutexLock lock(mutex_);

@@ -140,9 +140,10 @@ Result<Done> AttributeChange::from_source(const std::string &path, const SetAttr
       if (!fetched) return fetched.error();
     } else {
       // Takes the recorded size if the source has it. If the source is shorter, a later record
-      // truncates.
+      // truncates. Either may be said of another object that has the name by now, and the change
+      // was refused.
       const bool confirmed = their_size == change.size;
-      if (!confirmed) in_doubt = std::min(common, their_size);
+      in_doubt = std::min(common, their_size);
       reconciler.records_change(path);
       const auto set = replica.set_attributes(path, {.size = confirmed ? change.size : common});
       if (!set) return set.error();

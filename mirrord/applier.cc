@@ -197,6 +197,7 @@ struct Applier::Visitor {
 
   /* A rename from outside the replica; replaces the object of the new name. */
   Did rename_in(const std::string &to) {
+    if (const auto left = reconciler.before_removal(to); !left) return left.error();
     const auto mine = replica.find(to);
     if (mine && *mine && !S_ISDIR((*mine)->st_mode)) {
       if (const auto gone = replica.unlink(to); !gone) return gone;
@@ -515,13 +516,15 @@ void Applier::note_changed_paths(const Record &record) {
     add(from);
     add(to);
   } else if (std::holds_alternative<WritePage>(record.change)) {
-    if (const auto path = below(page_path_)) changed.add(*path);
+    if (const auto path = below(page_path_)) changed.written(*path);
   } else if (std::holds_alternative<Write>(record.change) ||
              std::holds_alternative<SetAttr>(record.change)) {
-    if (const auto path = below(change_path(record.change))) changed.add(*path);
+    if (const auto path = below(change_path(record.change))) changed.written(*path);
   } else if (const auto *link = std::get_if<Link>(&record.change)) {
-    add(below(link->path));
-    add(below(link->existing));
+    const auto path = below(link->path), existing = below(link->existing);
+    add(path);
+    add(existing);
+    if (path && existing) changed.linked(*existing, *path);
   } else {
     add(below(change_path(record.change)));
   }

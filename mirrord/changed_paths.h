@@ -24,9 +24,29 @@ class ChangedPaths {
   static constexpr std::size_t kMost = 262144;
 
   void add(const std::string &path) { paths_.try_emplace(path); }
+  /* The object itself was changed, and all its other names have that too. */
+  void written(const std::string &path) { paths_[path].written = true; }
+  bool is_written(const std::string &path) const {
+    const auto found = paths_.find(path);
+    return found != paths_.end() && found->second.written;
+  }
+  /* Both are names of one object now. */
+  void linked(const std::string &existing, const std::string &path) {
+    Change &old = paths_[existing];
+    old.other = path;
+    paths_[path] = {.written = old.written, .other = existing};
+  }
+  /* The last one that was linked with the path; "": none. */
+  std::string other_name(const std::string &path) const {
+    const auto found = paths_.find(path);
+    return found == paths_.end() ? std::string() : found->second.other;
+  }
   /* A renamed object is compared under its new name; the old name is compared as well. */
   void moved(const std::string &from, const std::string &to) {
-    for (auto &[path, nothing] : take_tree(paths_, from)) add(to + path.substr(from.size()));
+    for (auto &[path, change] : take_tree(paths_, from)) {
+      Change &moved = paths_[to + path.substr(from.size())];
+      moved.written = moved.written || change.written;
+    }
     add(from);
     add(to);
   }
@@ -34,7 +54,7 @@ class ChangedPaths {
   std::size_t size() const { return paths_.size(); }
   std::vector<std::string> all() const {
     std::vector<std::string> all;
-    for (const auto &[path, nothing] : paths_) all.push_back(path);
+    for (const auto &[path, change] : paths_) all.push_back(path);
     return all;
   }
   bool full() const { return paths_.size() >= kMost; }
@@ -43,13 +63,16 @@ class ChangedPaths {
   std::vector<std::string> take() {
     std::vector<std::string> taken;
     taken.reserve(paths_.size());
-    for (auto &[path, nothing] : std::exchange(paths_, {})) taken.push_back(path);
+    for (auto &[path, change] : std::exchange(paths_, {})) taken.push_back(path);
     return taken;
   }
 
  private:
-  struct Nothing {};
-  std::map<std::string, Nothing> paths_; /* a map, for take_tree() */
+  struct Change {
+    bool written = false;
+    std::string other = {};
+  };
+  std::map<std::string, Change> paths_; /* a map, for take_tree() */
 };
 
 }  // namespace tarn

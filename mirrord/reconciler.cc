@@ -236,14 +236,26 @@ Result<void> Reconciler::recheck(const std::string &path) {
   return fetcher_.fetch_attributes(path, **found);
 }
 
+/* Spares the search for a file that was written, linked and unlinked, as programs do that put it in
+ * its place whole. */
+bool Reconciler::has_other_name_to_compare(const std::string &path, const struct stat &mine) {
+  const std::string other = changed_paths_.other_name(path);
+  if (other.empty() || mine.st_nlink != 2) return false;
+  const auto there = replica_.find(other);
+  return there && *there && same_object(**there, mine);
+}
+
 Result<void> Reconciler::before_removal(const std::string &path) {
   const PendingPaths::Mark *mark = pending_.find(path);
   const bool doubted = mark && !mark->names, watched = fetcher_.origins().watched(path);
-  if (!doubted && !watched) return {};
+  // The comparison at the next mark is to come by another name then.
+  const bool written = changed_paths_.is_written(path) || failed_.contains(path);
+  if (!doubted && !watched && !written) return {};
   const auto mine = replica_.find(path);
   if (!mine) return mine.error();
   if (!*mine || S_ISDIR((*mine)->st_mode) || (*mine)->st_nlink < 2) return {};
-  if (watched) replica_.note_partly_unlinked(**mine);
+  if (watched || (written && !has_other_name_to_compare(path, **mine)))
+    replica_.note_partly_unlinked(**mine);
   if (!doubted) return {};
   std::vector<std::string> names;
   const auto searched = replica_.names_of({{(*mine)->st_dev, (*mine)->st_ino}}, names);
@@ -379,7 +391,7 @@ Result<void> Reconciler::compare_changed(std::int64_t until) {
     keep_worst(worst, copied);
   }
   source_.expect({});
-  for (const std::string &path : changing) changed_paths_.add(path);
+  for (const std::string &path : changing) changed_paths_.written(path);
   return worst;
 }
 

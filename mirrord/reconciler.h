@@ -69,8 +69,8 @@ class Reconciler {
   /* Restores the times of a directory that a fetch, not a record, changed. */
   Result<void> restore_times(const std::string &directory, const struct stat &before);
 
-  /* Call it before the replica's name is removed or replaced. If its object is in doubt or watched
-   * and has another name, the doubt or watch passes to that name. */
+  /* Call it before the replica's name is removed or replaced. If its object is in doubt, watched or
+   * was written since the last mark, and has another name, that passes to the other name. */
   Result<void> before_removal(const std::string &path);
 
   /* The object has, or may have, a name outside the rule, by which changes are not recorded;
@@ -146,6 +146,7 @@ class Reconciler {
   Result<std::optional<Source::Object>> find_entry(const Look &look, const std::string &path,
                                                    const Sides &sides);
   Result<void> look_at(const Look &look, const std::string &path, const Sides &sides);
+  bool has_other_name_to_compare(const std::string &path, const struct stat &mine);
   Result<bool> compare(const std::string &path, std::int64_t until);
   Result<bool> copy_mtime(const std::string &path, std::int64_t until);
   Result<void> find_names(const Source::Object &directory, const std::string &path,

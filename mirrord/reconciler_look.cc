@@ -94,7 +94,7 @@ std::optional<Doubts> Reconciler::doubts() {
 
 /* An object that has the number of another one by now is compared in vain. */
 void Reconciler::take(const Doubts &doubts) {
-  for (const std::string &path : doubts.changed) changed_paths_.add(path);
+  for (const std::string &path : doubts.changed) changed_paths_.written(path);
   failed_.insert(doubts.failed.begin(), doubts.failed.end());
   const auto root = replica_.find("");
   if (!root || !*root) return;

@@ -574,6 +574,33 @@ TEST_F(SourceLooksTest, a_set_user_id_mode_is_only_taken_with_its_bytes) {
   EXPECT_EQ(contents(copy("in/f")), "root's");
 }
 
+/* The records of the write and of the removal name the one that is gone. */
+TEST_F(SourceLooksTest, a_file_has_its_times_though_the_name_it_was_written_by_is_removed) {
+  both("in/f", "before");
+  fs::create_hard_link(src("in/f"), src("in/g"));
+  fs::create_hard_link(copy("in/f"), copy("in/g"));
+  std::ofstream(src("in/g")) << "data";
+  expect(written(late(), src("in/g")), Outcome::kApplied);
+  fs::remove(src("in/g"));
+  expect(name_change(OX_OP_UNLINK, late(), src("in/g")), Outcome::kApplied);
+  look();
+  EXPECT_EQ(fs::last_write_time(copy("in/f")), fs::last_write_time(src("in/f")));
+}
+
+/* As programs do that put a file in its place whole: nothing is searched for. */
+TEST_F(SourceLooksTest, a_file_has_its_times_though_it_was_written_by_another_name_before) {
+  both("in/new", "before");
+  std::ofstream(src("in/new")) << "data";
+  expect(written(late(), src("in/new")), Outcome::kApplied);
+  fs::create_hard_link(src("in/new"), src("in/f"));
+  expect(name_change(OX_OP_LINK, late(), src("in/new"), src("in/f")), Outcome::kApplied);
+  fs::remove(src("in/new"));
+  expect(name_change(OX_OP_UNLINK, late(), src("in/new")), Outcome::kApplied);
+  EXPECT_TRUE(replica_->partly_unlinked().empty());
+  look();
+  EXPECT_EQ(fs::last_write_time(copy("in/f")), fs::last_write_time(src("in/f")));
+}
+
 TEST_F(SourceLooksTest, nobody_else_enters_the_replica) {
   struct stat s = status(copy(""));
   ASSERT_EQ(chmod(copy("").c_str(), 0755), 0);

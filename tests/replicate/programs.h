@@ -232,7 +232,8 @@ inline std::string picture(const std::string &root, const std::string &skip = ""
     if (lstat(path.c_str(), &s) != 0) ADD_FAILURE() << path;
     const std::string name = path.substr(root.size() + 1);
     std::string &line = lines[name];
-    line = fmt::format("mode {:o} owner {}:{}", s.st_mode, s.st_uid, s.st_gid);
+    line = fmt::format("mode {:o} owner {}:{} modified {}.{:09}", s.st_mode, s.st_uid, s.st_gid,
+                       s.st_mtim.tv_sec, s.st_mtim.tv_nsec);
     if (S_ISLNK(s.st_mode)) line += " -> " + std::filesystem::read_symlink(path).string();
     if (S_ISREG(s.st_mode)) {
       std::ifstream in(path, std::ios::binary);

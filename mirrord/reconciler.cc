@@ -277,21 +277,49 @@ void Reconciler::watch(const std::string &path, std::uint64_t ts) {
                              source_.now_or_zero());
 }
 
-std::vector<std::string> Reconciler::with_names_outside() {
-  const CopyOrigins &origins = fetcher_.origins();
-  std::vector<std::string> found;
-  auto paths = origins.with_many_links();
-  source_.expect(paths);
-  for (std::string &path : paths) {
+/* The paths with several names that the source has, with its objects. A path of which it has none
+ * waits for the record of that, unless the replica has none either. */
+Result<void> Reconciler::find_with_many_links(Watched &watched) {
+  Result<void> worst;
+  const auto linked = fetcher_.origins().with_many_links();
+  source_.expect(linked);
+  for (const std::string &path : linked) {
     const auto theirs = source_.find(path);
-    const bool known = theirs && *theirs;
-    if (known && !origins.is_named_outside(path) &&
-        origins.paths_of((*theirs)->status).size() >= (*theirs)->status.st_nlink)
+    keep_worst(worst, theirs);
+    if (theirs && *theirs) {
+      const struct stat &status = (*theirs)->status;
+      watched.found.emplace_back(path, status);
+      ++watched.names[{status.st_dev, status.st_ino}];
       continue;
-    found.push_back(std::move(path));
+    }
+    const auto mine = replica_.find(path);
+    if (theirs && mine && !*mine && !follows_source(path))
+      fetcher_.origins().removed(path);
+    else
+      watched.waiting.push_back(path);
   }
   source_.expect({});
-  return found;
+  return worst;
+}
+
+/* A path that was copied from an object which is gone does not count: another one may have its
+ * number. */
+bool Reconciler::knows_all_names(const struct stat &status, const Watched &watched) {
+  const auto names = watched.names.find({status.st_dev, status.st_ino});
+  if (names != watched.names.end() && names->second >= status.st_nlink) return true;
+  const auto known = known_names(status);
+  return known && *known >= status.st_nlink;
+}
+
+std::vector<std::string> Reconciler::with_names_outside() {
+  Watched watched;
+  (void)find_with_many_links(watched);  // what could not be asked for is waiting
+  std::vector<std::string> paths = std::move(watched.waiting);
+  for (const auto &[path, status] : watched.found) {
+    if (fetcher_.origins().is_named_outside(path) || !knows_all_names(status, watched))
+      paths.push_back(path);
+  }
+  return paths;
 }
 
 Result<void> Reconciler::check_links() {
@@ -302,20 +330,14 @@ Result<void> Reconciler::check_links() {
     if (!worst) replica_.note_partly_unlinked(objects);
     for (const std::string &path : names) watch(path, 0);
   }
-  const auto linked = fetcher_.origins().with_many_links();
-  source_.expect(linked);
-  for (const std::string &path : linked) {
-    const auto found = source_.find(path);
-    keep_worst(worst, found);
-    if (!found || !*found) continue;
-    CopyOrigins &origins = fetcher_.origins();
-    const struct stat &status = (*found)->status;
-    if (!origins.current(path, status))
+  Watched watched;
+  keep_worst(worst, find_with_many_links(watched));
+  for (const auto &[path, status] : watched.found) {
+    if (!fetcher_.origins().current(path, status))
       keep_worst(worst, reconcile(path));
-    else if (origins.paths_of(status).size() < status.st_nlink)
-      origins.named_outside(path);
+    else if (!knows_all_names(status, watched))
+      fetcher_.origins().named_outside(path);
   }
-  source_.expect({});
   return worst;
 }
 

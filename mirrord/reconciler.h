@@ -146,6 +146,13 @@ class Reconciler {
   Result<std::optional<Source::Object>> find_entry(const Look &look, const std::string &path,
                                                    const Sides &sides);
   Result<void> look_at(const Look &look, const std::string &path, const Sides &sides);
+  struct Watched {
+    std::vector<std::pair<std::string, struct stat>> found = {}; /* the source's */
+    std::map<CopyOrigins::Object, nlink_t> names = {};           /* of those */
+    std::vector<std::string> waiting = {};
+  };
+  Result<void> find_with_many_links(Watched &watched);
+  bool knows_all_names(const struct stat &status, const Watched &watched);
   bool has_other_name_to_compare(const std::string &path, const struct stat &mine);
   Result<bool> compare(const std::string &path, std::int64_t until);
   Result<bool> copy_mtime(const std::string &path, std::int64_t until);

@@ -601,6 +601,19 @@ TEST_F(SourceLooksTest, a_file_has_its_times_though_it_was_written_by_another_na
   EXPECT_EQ(fs::last_write_time(copy("in/f")), fs::last_write_time(src("in/f")));
 }
 
+/* What a path was copied from may be another one's object by now, or its number. */
+TEST_F(SourceLooksTest, only_names_that_the_source_has_count_as_known) {
+  both("in/p", "data");
+  fs::create_hard_link(src("in/p"), src("in/out/p"));
+  expect(name_change(OX_OP_LINK, late(), src("in/p"), src("in/out/p")), Outcome::kOutside);
+  fs::rename(src("in/p"), src("in/q"));
+  expect(renamed("in/out/q", "in/q"), Outcome::kApplied);
+  EXPECT_EQ(applier_->with_names_outside(), (std::vector<std::string>{"in/p", "in/q"}));
+  // When nothing can tell of it any more, nothing waits for it.
+  fs::remove(copy("in/p"));
+  EXPECT_EQ(applier_->with_names_outside(), std::vector<std::string>{"in/q"});
+}
+
 TEST_F(SourceLooksTest, nobody_else_enters_the_replica) {
   struct stat s = status(copy(""));
   ASSERT_EQ(chmod(copy("").c_str(), 0755), 0);
